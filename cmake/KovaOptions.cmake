@@ -1,0 +1,43 @@
+# Language level, warnings and hardening that every target of the project shares.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set_property(GLOBAL PROPERTY USE_FOLDERS ON)
+
+option(KOVA_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+option(KOVA_FUZZ "Build the fuzz targets (clang only)" OFF)
+option(KOVA_HARDEN "Build with the hardening flags of a release" OFF)
+
+find_program(KOVA_CCACHE ccache)
+if(KOVA_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${KOVA_CCACHE}")
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Wformat=2
+                    -Wundef -Wcast-align -Wimplicit-fallthrough)
+
+if(KOVA_HARDEN)
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES CXX)
+  add_compile_options(-O2 -fstack-protector-strong -fstack-clash-protection)
+  add_compile_definitions(_FORTIFY_SOURCE=3 _GLIBCXX_ASSERTIONS)
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
+endif()
+
+if(KOVA_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+if(KOVA_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "KOVA_FUZZ needs clang: configure with the preset \"fuzz\"")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

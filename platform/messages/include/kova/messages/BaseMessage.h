@@ -1,0 +1,159 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <tuple>
+
+#include "kova/messages/Fields.h"
+#include "kova/variant/Variant.h"
+
+namespace kova::variant {
+
+/// A Variant that carries a schema: the message object is itself the map of its fields.
+class BaseVariantContainer : public Variant {
+ public:
+  BaseVariantContainer() { IsArray(false); }
+  explicit BaseVariantContainer(const Variant& content) : Variant(content) {}
+  BaseVariantContainer(const BaseVariantContainer&) = default;
+  BaseVariantContainer& operator=(const BaseVariantContainer&) = default;
+  virtual ~BaseVariantContainer() = default;
+
+  /// Repairs the value in place so that every key of the schema is present with a value of the
+  /// right type. Never fails; normalising twice changes nothing more.
+  virtual void NormalizeFields() { EnsureMap(); }
+
+ protected:
+  /// Discards a top-level value that is no container, leaving an empty map.
+  void EnsureMap();
+};
+
+}  // namespace kova::variant
+
+namespace kova::ipc::messages {
+
+/// A number for a new message: the low 48 bits of the monotonic clock in nanoseconds below the low
+/// 16 bits of the process id, so that ids of one process, and of two processes, do not meet.
+std::uint64_t freshMessageId();
+
+/// The envelope of every message.
+///
+/// Each field has an accessor, which repairs that one field in place and returns it, so it is safe
+/// on a message that was never normalised, and a setter of the same name.
+class BaseMessage : public variant::BaseVariantContainer {
+ public:
+  KOVA_FIELD(MessageId, id)
+  KOVA_FIELD(Timestamp, timeStamp)
+  KOVA_FIELD(Text, from, "")
+  KOVA_FIELD(Text, to, "")
+  KOVA_FIELD(Text, functionName, "")
+  KOVA_FIELD(Flag, queueIfDestUnavailable, true)
+  static constexpr auto kSchema = std::tuple(idField, timeStampField, fromField, toField,
+                                             functionNameField, queueIfDestUnavailableField);
+
+  using BaseVariantContainer::BaseVariantContainer;
+  void NormalizeFields() override;
+
+ protected:
+  // Reading repairs: a missing or mistyped value becomes the field's default, a number gets the
+  // field's width and range, a Choice its table's spelling.
+  bool Read(const Flag& field);
+  template <typename T>
+  T Read(const Number<T>& field) {
+    const variant::Variant* value = Valid(field.key, variant::VariantClass::Number);
+    T number = value != nullptr ? value->ToNumber<T>() : field.fallback;
+    number = number < field.min ? field.min : (field.max < number ? field.max : number);
+    Store(field.key, number);
+    return number;
+  }
+  std::uint64_t Read(const MessageId& field);
+  std::string Read(const Text& field);
+  template <std::size_t N>
+  std::string Read(const Choice<N>& field) {
+    return ReadChoice(field.key, field.fallback, {field.allowed.data(), N});
+  }
+  std::string Read(const Forced& field);
+  timeval Read(const Timestamp& field);
+  variant::Variant Read(const Container& field);
+  variant::Variant Read(const Anything& field);
+
+  // Writing stores the value as it is; a Choice in its table's spelling.
+  template <typename Field>
+  void Write(const Field& field, const typename Field::Value& value) {
+    Store(field.key, value);
+  }
+  template <std::size_t N>
+  void Write(const Choice<N>& field, const std::string& value) {
+    Store(field.key, Canonical(value, {field.allowed.data(), N}));
+  }
+  void Write(const Forced& field, const std::string&) { Store(field.key, field.value); }
+
+  /// Repairs every field of a schema, in its order.
+  template <typename... Field>
+  void NormalizeSchema(const std::tuple<Field...>& schema) {
+    std::apply([this](const auto&... field) { (static_cast<void>(Read(field)), ...); }, schema);
+  }
+
+ private:
+  struct Allowed {
+    const std::string_view* first;
+    std::size_t count;
+  };
+
+  /// The value under `key` when its type belongs to `mask`, else null.
+  const variant::Variant* Valid(std::string_view key, variant::VariantClass mask);
+  void Store(std::string_view key, variant::Variant value);
+  std::string ReadChoice(std::string_view key, std::string_view fallback, Allowed allowed);
+  static std::string_view Canonical(const std::string& value, Allowed allowed);
+};
+
+/// The envelope of requests and events.
+class BaseRequestMessage : public BaseMessage {
+ public:
+  KOVA_FIELD(Flag, responseExpected, false)
+  KOVA_FIELD(Number<std::int64_t>, transactionId, -1)
+  KOVA_FIELD(Flag, isBroadcast, false)
+  static constexpr auto kSchema =
+      std::tuple(responseExpectedField, transactionIdField, isBroadcastField);
+
+  using BaseMessage::BaseMessage;
+  void NormalizeFields() override;
+};
+
+/// The reply to a request.
+class BaseResponseMessage : public BaseMessage {
+ public:
+  static constexpr std::string_view kName = "__response__";
+  KOVA_FIELD(Forced, functionName, kName)
+  KOVA_FIELD(Number<std::uint64_t>, requestId, 0)
+  KOVA_FIELD(Number<std::uint64_t>, statusCode, 0)
+  KOVA_FIELD(Anything, payload)
+  static constexpr auto kSchema =
+      std::tuple(functionNameField, requestIdField, statusCodeField, payloadField);
+
+  using BaseMessage::BaseMessage;
+  void NormalizeFields() override;
+};
+
+/// Base of the concrete requests and events. `Self` declares its name as `kName` and, as `kSchema`,
+/// a tuple of the descriptors of its own fields in the order in which they are normalised.
+template <typename Self>
+class Request : public BaseRequestMessage {
+ public:
+  using BaseRequestMessage::BaseRequestMessage;
+
+  /// Always the class's own name.
+  std::string functionName() { return Read(functionNameOf()); }
+  void functionName(const std::string& value) { Write(functionNameOf(), value); }
+
+  void NormalizeFields() override {
+    Read(functionNameOf());
+    NormalizeSchema(Self::kSchema);
+    BaseRequestMessage::NormalizeFields();
+  }
+
+ private:
+  static constexpr Forced functionNameOf() { return {functionNameField.key, Self::kName}; }
+};
+
+}  // namespace kova::ipc::messages

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace kova::network {
+
+/// Name of the interface that carries the default route with the lowest metric (/proc/net/route,
+/// then /proc/net/ipv6_route); "" when there is none.
+std::string guessDefaultInterface();
+
+}  // namespace kova::network

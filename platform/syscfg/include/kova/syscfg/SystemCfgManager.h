@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kova::syscfg {
+
+/// The camera's configuration store: /etc/system.cfg, lines of the form "key=value". Lines that are
+/// not of this form (comments, blank lines) and the order of all lines are kept. Changes stand in
+/// memory until close().
+///
+/// Every operation returns false on failure and leaves the file as it was.
+class SystemCfgManager {
+ public:
+  /// Reads the store. False when the file is missing, cannot be read or exceeds 1 MiB.
+  bool init();
+
+  /// Reads a value.
+  /// @param absent receives whether the key is absent, which then is no failure (`value` becomes
+  /// ""); when null, an
+  ///               absent key is a failure
+  bool get(const std::string& key, std::string* value, bool* absent) const;
+
+  /// Changes or adds a value. Refused: an empty key, "=" or white space at the ends of a key, and a
+  /// line break or NUL in either.
+  /// @param changed receives whether the stored value is now another; may be null
+  bool set(const std::string& key, const std::string& value, bool* changed);
+  bool set(const std::string& key, int value, bool* changed);
+
+  /// Ends the use of the store. With `changed` (or `force`) the file is replaced: a temporary file
+  /// beside it is written, flushed to disk and renamed, so that a crash leaves the old store or the
+  /// new one.
+  bool close(bool changed, bool force);
+
+ private:
+  struct Line {
+    std::string key;    // empty for a line that is no setting
+    std::string value;  // the whole line then
+  };
+  std::vector<Line> lines_;
+  bool open_ = false;
+};
+
+}  // namespace kova::syscfg

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+namespace kova::utils {
+
+/// Reads the header of a RIFF/WAVE file with PCM samples. Chunks may stand in any order; their
+/// sizes are checked against the file's.
+///
+/// @param channels   receives the channel count (1: mono)
+/// @param sampleRate receives samples per second
+/// @param dataSize   receives the bytes of sample data
+/// @return false for anything else, or a file that cannot be read; the outputs are then unchanged
+bool readWavHeader(const std::string& path, unsigned short& channels, unsigned int& sampleRate,
+                   unsigned int& dataSize);
+
+}  // namespace kova::utils

@@ -1,0 +1,164 @@
+#pragma once
+
+#include <sys/time.h>
+
+#include <concepts>
+#include <cstdint>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace kova::variant {
+
+/// What a Variant holds. A class of types is a bit mask that all its members' codes contain, see
+/// VariantClass.
+enum class VariantType : std::uint16_t {
+  Empty = 0x0000,
+  Map = 0x1010,
+  Array = 0x1011,
+  Time = 0x100d,
+  String = 0x100e,
+  Int8 = 0x4001,
+  UInt8 = 0x4002,
+  Int32 = 0x4003,
+  UInt32 = 0x4004,
+  Int64 = 0x4005,
+  UInt64 = 0x4006,
+  Double = 0x4007,
+  Boolean = 0x8003,
+};
+
+/// A class of types: a type belongs to it when its code has every bit of the mask.
+enum class VariantClass : std::uint16_t {
+  Container = 0x1010,
+  Time = 0x100d,
+  String = 0x100e,
+  Number = 0x4000,
+  Boolean = 0x8003,
+};
+
+constexpr bool belongsTo(VariantType type, VariantClass mask) {
+  return (static_cast<unsigned>(mask) & ~static_cast<unsigned>(type)) == 0;
+}
+
+template <typename T>
+concept VariantNumber = (std::integral<T> || std::floating_point<T>)&&!std::same_as<T, bool>;
+
+/// A dynamic value: empty, a boolean, a number, text, a point in time, or a container of such
+/// values.
+///
+/// Values are copied deeply. Reading as another type never fails: it gives that type's zero (see
+/// the To... family).
+class Variant {
+ public:
+  using Map = std::map<std::string, Variant, std::less<>>;
+  using Array = std::vector<Variant>;
+
+  Variant() = default;
+  // The conversions are implicit on purpose: a map is filled by plain assignment.
+  Variant(bool value) : value_(value) {}
+  Variant(std::int8_t value) : value_(value) {}
+  Variant(std::uint8_t value) : value_(value) {}
+  Variant(std::int32_t value) : value_(value) {}
+  Variant(std::uint32_t value) : value_(value) {}
+  Variant(std::int64_t value) : value_(value) {}
+  Variant(std::uint64_t value) : value_(value) {}
+  Variant(double value) : value_(value) {}
+  Variant(const char* value) : value_(std::string(value)) {}
+  Variant(std::string value) : value_(std::move(value)) {}
+  Variant(std::string_view value) : value_(std::string(value)) {}
+  Variant(timeval value) : value_(Time{value.tv_sec, value.tv_usec}) {}
+  Variant(Map value) : value_(std::move(value)) {}
+  Variant(Array value) : value_(std::move(value)) {}
+
+  VariantType Type() const;
+  bool Is(VariantClass mask) const { return belongsTo(Type(), mask); }
+  bool IsEmpty() const { return Type() == VariantType::Empty; }
+  bool IsContainer() const { return Is(VariantClass::Container); }
+  bool IsMap() const { return Type() == VariantType::Map; }
+  bool IsArray() const { return Type() == VariantType::Array; }
+
+  /// Makes the value an array, or a map. A container keeps its elements: an array's become a map's
+  /// under the keys "0", "1", ..., a map's become an array's in key order. Any other value becomes
+  /// an empty container.
+  void IsArray(bool array);
+
+  /// Releases the value; the Variant is then empty.
+  void Free() { value_ = std::monostate{}; }
+  /// Back to the state of a fresh Variant.
+  void Reset() { Free(); }
+
+  // Reading. A value of another type reads as false, 0, "" or the epoch.
+  bool ToBool() const;
+  /// Integers are reduced modulo 2^N to the width of T, as C does; a double is cut towards zero and
+  /// held to T's range, NaN reads as 0.
+  template <VariantNumber T>
+  T ToNumber() const;
+  const std::string& ToText() const;
+  timeval ToTime() const;
+
+  // Containers.
+  /// Number of elements; 0 when this is no container.
+  std::size_t Size() const;
+  /// The element under `key`, added empty if missing. What is not a map is made one first, as
+  /// IsArray(false) does.
+  Variant& operator[](std::string_view key);
+  /// The element under `key` (exact match), or null.
+  const Variant* Find(std::string_view key) const;
+  Variant* Find(std::string_view key);
+  /// Follows `keys` through nested maps.
+  /// @return the value at the end when it belongs to `mask`, else null
+  const Variant* GetKeyChain(VariantClass mask, std::initializer_list<std::string_view> keys) const;
+  /// Appends. What is not an array is made one first, as IsArray(true) does.
+  void PushToArray(Variant element);
+  /// The elements; an empty container when this is of another type.
+  const Map& Elements() const;
+  const Array& Items() const;
+
+  /// One line of JSON for logs, with the value of every key that names a password replaced by
+  /// "********".
+  std::string ToString() const;
+  /// A copy with passwords masked as ToString does.
+  Variant Masked() const;
+  /// JSON (RFC 8259). Bytes that are not UTF-8 become U+FFFD, NaN and infinities null, a time value
+  /// a string such as "2026-01-31T12:00:00.000000Z" (RFC 3339).
+  /// @param indent spaces a level for people, or -1 for one line
+  std::string ToJSON(int indent = -1) const;
+
+  static constexpr std::size_t kMaxJsonSize = 1024 * 1024;
+  static constexpr int kMaxDepth = 32;
+
+  /// Parses JSON strictly (RFC 8259, UTF-8 only). An integer becomes the first of int32, int64,
+  /// uint64 that holds it, any other number a double. Of equal keys the last counts.
+  /// @param result the value; unchanged on failure
+  /// @return the number of bytes read, or a negative value: -1 for text that is not JSON, -2 for
+  /// nesting deeper than
+  ///         kMaxDepth, -3 for more than kMaxJsonSize bytes
+  static int FromJSON(std::string_view text, Variant& result);
+
+  bool operator==(const Variant& other) const { return value_ == other.value_; }
+
+ private:
+  struct Time {
+    std::int64_t sec;
+    std::int64_t usec;
+    bool operator==(const Time&) const = default;
+  };
+
+  std::variant<std::monostate, bool, std::int8_t, std::uint8_t, std::int32_t, std::uint32_t,
+               std::int64_t, std::uint64_t, double, std::string, Time, Map, Array>
+      value_;
+};
+
+extern template std::int8_t Variant::ToNumber<std::int8_t>() const;
+extern template std::uint8_t Variant::ToNumber<std::uint8_t>() const;
+extern template std::int32_t Variant::ToNumber<std::int32_t>() const;
+extern template std::uint32_t Variant::ToNumber<std::uint32_t>() const;
+extern template std::int64_t Variant::ToNumber<std::int64_t>() const;
+extern template std::uint64_t Variant::ToNumber<std::uint64_t>() const;
+extern template double Variant::ToNumber<double>() const;
+
+}  // namespace kova::variant

@@ -1,0 +1,154 @@
+#include <time.h>
+
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "kova/variant/Variant.h"
+
+namespace kova::variant {
+namespace {
+
+using Json = nlohmann::json;
+
+std::string rfc3339(timeval time) {
+  tm broken{};
+  if (gmtime_r(&time.tv_sec, &broken) == nullptr) {
+    return std::to_string(time.tv_sec);
+  }
+  char day[48];
+  const std::size_t length = strftime(day, sizeof day, "%Y-%m-%dT%H:%M:%S", &broken);
+  char micro[32];
+  std::snprintf(micro, sizeof micro, ".%06ldZ", static_cast<long>(time.tv_usec));
+  return std::string(day, length) + micro;
+}
+
+Json toJson(const Variant& value) {
+  switch (value.Type()) {
+    case VariantType::Empty:
+      return nullptr;
+    case VariantType::Boolean:
+      return value.ToBool();
+    case VariantType::String:
+      return value.ToText();
+    case VariantType::Time:
+      return rfc3339(value.ToTime());
+    case VariantType::Double:
+      return value.ToNumber<double>();
+    case VariantType::UInt8:
+    case VariantType::UInt32:
+    case VariantType::UInt64:
+      return value.ToNumber<std::uint64_t>();
+    case VariantType::Int8:
+    case VariantType::Int32:
+    case VariantType::Int64:
+      return value.ToNumber<std::int64_t>();
+    case VariantType::Map: {
+      Json object = Json::object();
+      for (const auto& [key, element] : value.Elements()) {
+        object[key] = toJson(element);
+      }
+      return object;
+    }
+    case VariantType::Array: {
+      Json array = Json::array();
+      for (const auto& item : value.Items()) {
+        array.push_back(toJson(item));
+      }
+      return array;
+    }
+  }
+  return nullptr;
+}
+
+// Receives the parser's events and builds the value; refuses to go deeper than Variant::kMaxDepth.
+class Builder : public nlohmann::json_sax<Json> {
+ public:
+  Variant root;
+  bool tooDeep = false;
+
+  bool null() override { return Put(Variant()); }
+  bool boolean(bool value) override { return Put(value); }
+  bool number_integer(std::int64_t value) override {
+    if (value >= std::numeric_limits<std::int32_t>::min() &&
+        value <= std::numeric_limits<std::int32_t>::max()) {
+      return Put(static_cast<std::int32_t>(value));
+    }
+    return Put(value);
+  }
+  bool number_unsigned(std::uint64_t value) override {
+    if (value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+      return Put(value);
+    }
+    return number_integer(static_cast<std::int64_t>(value));
+  }
+  bool number_float(double value, const std::string&) override { return Put(value); }
+  bool string(std::string& value) override { return Put(std::move(value)); }
+  bool binary(Json::binary_t&) override { return false; }
+  bool start_object(std::size_t) override { return Open(Variant::Map{}); }
+  bool start_array(std::size_t) override { return Open(Variant::Array{}); }
+  bool key(std::string& value) override {
+    open_.back().key = std::move(value);
+    return true;
+  }
+  bool end_object() override { return Close(); }
+  bool end_array() override { return Close(); }
+  bool parse_error(std::size_t, const std::string&, const Json::exception&) override {
+    return false;
+  }
+
+ private:
+  struct Level {
+    Variant container;
+    std::string key;
+  };
+
+  bool Put(Variant value) {
+    if (open_.empty()) {
+      root = std::move(value);
+    } else if (open_.back().container.IsArray()) {
+      open_.back().container.PushToArray(std::move(value));
+    } else {
+      open_.back().container[open_.back().key] = std::move(value);
+    }
+    return true;
+  }
+  bool Open(Variant container) {
+    if (open_.size() == Variant::kMaxDepth) {
+      tooDeep = true;
+      return false;
+    }
+    open_.push_back({std::move(container), {}});
+    return true;
+  }
+  bool Close() {
+    Variant done = std::move(open_.back().container);
+    open_.pop_back();
+    return Put(std::move(done));
+  }
+
+  std::vector<Level> open_;
+};
+
+}  // namespace
+
+std::string Variant::ToJSON(int indent) const {
+  return toJson(*this).dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+int Variant::FromJSON(std::string_view text, Variant& result) {
+  if (text.size() > kMaxJsonSize) {
+    return -3;
+  }
+  // RFC 8259 forbids the byte order mark that the parser would skip.
+  if (text.starts_with("\xEF\xBB\xBF")) {
+    return -1;
+  }
+  Builder builder;
+  if (!Json::sax_parse(text.begin(), text.end(), &builder)) {
+    return builder.tooDeep ? -2 : -1;
+  }
+  result = std::move(builder.root);
+  return static_cast<int>(text.size());
+}
+
+}  // namespace kova::variant
