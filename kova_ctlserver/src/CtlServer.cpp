@@ -1,0 +1,80 @@
+#include "CtlServer.h"
+
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Process.h"
+#include "kova/utils/Service.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "CtlServer";
+
+constexpr char kReboot[] = "/usr/bin/reboot";
+constexpr int kRebootWaitStepMs = 1000;
+
+}  // namespace
+
+CtlServer::CtlServer(variant::CameraInfo& cameraInfo) : cameraInfo_(cameraInfo) {}
+
+CtlServer::~CtlServer() {
+  if (statsHandle_ != nullptr) {
+    utils::CloseStatsLib(&statsHandle_);
+  }
+}
+
+bool CtlServer::init(ipc::Ipc* ipc) {
+  if (const int res = utils::InitializeStatsLib(&statsHandle_); res != 0) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to initialize system statistics engine, res=%d", res);
+    return false;
+  }
+  ipc_ = ipc;
+  return true;
+}
+
+bool CtlServer::service(unsigned) {
+  if (!persistence_.service()) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to persist");
+  }
+  return true;
+}
+
+bool CtlServer::reboot(bool waitForever, int delayMs, bool persistFirst) {
+  utils::sleepMs(delayMs);
+  if (persistFirst && !persistence_.persist(true)) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to persist");
+  }
+  const bool rebooting = utils::sysExecSimple(kReboot) == 0;
+  if (!rebooting) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
+  }
+  if (waitForever) {
+    KOVA_LOG(LOG_INFO, 0, "Entering reboot wait mode");
+    for (;;) {
+      utils::sleepMs(kRebootWaitStepMs);
+    }
+  }
+  return rebooting;
+}
+
+bool CtlServer::persist(bool sync) {
+  persistence_.enqueue();
+  return !sync || persistence_.persist(true);
+}
+
+bool CtlServer::resetToDefaults() {
+  persistence_.cancel();
+  persistence_.enqueueReset();
+  return true;
+}
+
+bool CtlServer::startService(ipc::messages::StartService& request) {
+  return utils::EnableService(request.service());
+}
+
+bool CtlServer::stopService(ipc::messages::StopService& request) {
+  return utils::DisableService(request.service());
+}
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,77 @@
+#include "Persistence.h"
+
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Process.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "Persistence";
+
+constexpr char kFlashTool[] = "/bin/cfgmtd";
+constexpr char kReboot[] = "/usr/bin/reboot";
+constexpr std::uint64_t kQuietMs = 5000;
+
+bool isDue(std::uint64_t stamp) {
+  return stamp != 0 && stamp + kQuietMs < utils::nowMs();
+}
+
+}  // namespace
+
+Persistence::~Persistence() {
+  persist(false);
+  reset();
+}
+
+void Persistence::enqueue() {
+  saveStamp_ = utils::nowMs();
+}
+
+void Persistence::enqueueReset() {
+  resetStamp_ = utils::nowMs();
+}
+
+void Persistence::cancel() {
+  saveStamp_ = 0;
+}
+
+bool Persistence::persist(bool force) {
+  if (!force && saveStamp_ == 0) {
+    return true;
+  }
+  if (utils::sysExecSimple(kFlashTool, "-w", "-p", "/etc/", "-m") != 0) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to persist");
+    return false;
+  }
+  KOVA_LOG(LOG_INFO, 0, "Persisted");
+  saveStamp_ = 0;
+  return true;
+}
+
+bool Persistence::reset() {
+  if (resetStamp_ == 0) {
+    return true;
+  }
+  if (utils::sysExecSimple(kFlashTool, "-c") != 0) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to reset");
+    return false;
+  }
+  KOVA_LOG(LOG_INFO, 0, "Reset to defaults");
+  resetStamp_ = 0;
+  cancel();  // a pending save must not write the old configuration back
+  if (utils::sysExecSimple(kReboot) != 0) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
+  }
+  return true;
+}
+
+bool Persistence::service() {
+  if (isDue(saveStamp_)) {
+    return persist(false);
+  }
+  return !isDue(resetStamp_) || reset();
+}
+
+}  // namespace kova::ctlserver

@@ -1,1 +1,103 @@
-int main() { return 0; }
+#include <signal.h>
+
+#include <string>
+
+#include "CtlCommandsHandler.h"
+#include "CtlServer.h"
+#include "kova/ipc/Handlers.h"
+#include "kova/ipc/Ipc.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Crash.h"
+#include "kova/variant/CameraInfo.h"
+
+namespace {
+
+using kova::ctlserver::CtlCommandsHandler;
+using kova::ctlserver::CtlServer;
+using kova::ipc::Ipc;
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "main";
+constexpr char kEndpoint[] = "kova_ctlserver";
+
+constexpr int kStopped = 0;
+constexpr int kFailed = -1;
+constexpr int kTickMs = 10;
+
+volatile sig_atomic_t sigtermFlag = 0;
+
+void onSigterm(int) {
+  sigtermFlag = 1;
+}
+
+int fail(const char* text) {
+  KOVA_LOG_IN("main", LOG_ERR, 0, "%s", text);
+  return kFailed;
+}
+
+bool stopRequested(const CtlCommandsHandler& handler) {
+  if (handler.exitRequested()) {
+    return true;
+  }
+  if (sigtermFlag != 0) {
+    KOVA_LOG_IN("main", LOG_INFO, 0, "SIGTERM received");
+    return true;
+  }
+  return false;
+}
+
+int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler) {
+  while (!stopRequested(handler)) {
+    if (!ipc.Service(0)) {
+      return fail("Failed to service IPC");
+    }
+    if (!server.service(0)) {
+      return fail("Failed to service file transfers");
+    }
+    kova::utils::sleepMs(kTickMs);
+  }
+  return kStopped;
+}
+
+int serve(Ipc& ipc, CtlServer& server) {
+  CtlCommandsHandler handler(&ipc, &server);
+  kova::ipc::CatchAllHandlerRejector rejector(&ipc);
+  kova::ipc::LogHandler logHandler(&ipc);
+  for (const auto name : CtlCommandsHandler::functionNames()) {
+    ipc.AddHandler(std::string(name), &handler);
+  }
+  ipc.AddHandler("", &rejector);
+  if (!ipc.Init(kEndpoint, false, nullptr)) {
+    return fail("Failed to initialize IPC");
+  }
+  if (signal(SIGTERM, onSigterm) == SIG_ERR) {
+    return fail("Failed to set signal handler");
+  }
+  return loop(ipc, server, handler);
+}
+
+int run(Ipc& ipc) {
+  kova::variant::CameraInfo cameraInfo;
+  if (!cameraInfo.Init()) {
+    return fail("Failed to read CameraInfo");
+  }
+  CtlServer server(cameraInfo);
+  if (!server.init(&ipc)) {
+    return fail("Failed to initialize CtlServer");
+  }
+  return serve(ipc, server);
+}
+
+}  // namespace
+
+int main() {
+  openlog("ctl", LOG_PID, LOG_LOCAL0);
+  if (!kova::utils::InstallCrashDumpHandler(nullptr)) {
+    return fail("Unable to install the crash dump handler");
+  }
+  Ipc* ipc = Ipc::GetInstance();
+  const int status = run(*ipc);
+  Ipc::FreeInstance();
+  return status;
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "Persistence.h"
+#include "kova/ipc/Ipc.h"
+#include "kova/messages/Requests.h"
+#include "kova/utils/Stats.h"
+#include "kova/variant/CameraInfo.h"
+
+namespace kova::ctlserver {
+
+/// The central object: owns every piece of device state and all background work, and carries out
+/// the requests.
+///
+/// Operations return true for success; a failure is logged where it happens. A `reply` is what the
+/// request's response will carry as its payload. Main thread only.
+class CtlServer {
+ public:
+  /// Stores the reference, which must outlive the object; does no I/O.
+  explicit CtlServer(variant::CameraInfo& cameraInfo);
+  /// Ends all background work; a pending save and a pending factory reset are carried out at once.
+  virtual ~CtlServer();
+  CtlServer(const CtlServer&) = delete;
+  CtlServer& operator=(const CtlServer&) = delete;
+
+  /// Brings everything up. Must be called once, before any other operation.
+  /// @param ipc endpoint for events and responses; not owned
+  bool init(ipc::Ipc* ipc);
+
+  /// One step of background work. Failures are logged only: always true.
+  /// @param timeoutMs longest wait for network activity, in milliseconds
+  bool service(unsigned timeoutMs);
+
+  /// Reboots the camera.
+  /// @param waitForever  do not return, so that nothing more is served while the system goes down
+  /// @param delayMs      milliseconds to wait first; the whole daemon waits
+  /// @param persistFirst save the configuration to flash before
+  bool reboot(bool waitForever, int delayMs, bool persistFirst);
+
+  /// Schedules a save of the configuration to flash; with `sync`, saves at once and returns whether
+  /// that worked.
+  bool persist(bool sync);
+
+  /// Schedules a factory reset, dropping a pending save. Always true.
+  bool resetToDefaults();
+
+  /// Reads the requested sections of the system statistics into `reply`, one map per section, up to
+  /// the first that cannot be read.
+  bool readStats(ipc::messages::GetSystemStats& request, variant::Variant& reply);
+
+  /// Starts or stops the system service that the request names; the platform decides what it
+  /// accepts.
+  bool startService(ipc::messages::StartService& request);
+  bool stopService(ipc::messages::StopService& request);
+
+ private:
+  bool readMemory(variant::Variant& reply);
+  bool readCpu(variant::Variant& reply);
+  bool readNetwork(variant::Variant& reply);
+
+  variant::CameraInfo& cameraInfo_;
+  ipc::Ipc* ipc_ = nullptr;
+  Persistence persistence_;
+  utils::StatsLib* statsHandle_ = nullptr;
+};
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,22 @@
+#include <cstdarg>
+#include <cstdio>
+
+#include "Platform.h"
+#include "kova/logger/Logger.h"
+
+namespace kova::logger {
+
+void logInternal(const char*, const char* unit, const char* function, int, int level, int error,
+                 const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  va_list again;
+  va_copy(again, arguments);
+  std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, arguments)), '\0');
+  std::vsnprintf(text.data(), text.size() + 1, format, again);
+  va_end(again);
+  va_end(arguments);
+  fakes::platform().log.push_back({unit, function, level, error, std::move(text)});
+}
+
+}  // namespace kova::logger

@@ -1,0 +1,115 @@
+#include <cstdarg>
+
+#include "Platform.h"
+#include "kova/network/Network.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Crash.h"
+#include "kova/utils/Process.h"
+#include "kova/utils/Service.h"
+#include "kova/utils/TimeZone.h"
+
+using kova::fakes::platform;
+
+namespace kova::utils {
+
+std::uint64_t nowMs() {
+  return platform().nowMs;
+}
+
+void sleepMs(int milliseconds) {
+  platform().note("sleep " + std::to_string(milliseconds));
+  if (milliseconds > 0) {
+    platform().nowMs += static_cast<std::uint64_t>(milliseconds);
+  }
+  if (platform().onSleep) {
+    platform().onSleep(milliseconds);
+  }
+}
+
+timeval now() {
+  return {static_cast<time_t>(platform().nowMs / 1000), 0};
+}
+
+namespace {
+
+fakes::ProcessResult runRecorded(const std::string& program,
+                                 const std::vector<std::string>& arguments) {
+  std::string command = program;
+  for (const auto& argument : arguments) {
+    command += " " + argument;
+  }
+  platform().commands.push_back(command);
+  platform().note("run " + command);
+  return platform().onRun ? platform().onRun(command) : fakes::ProcessResult{};
+}
+
+}  // namespace
+
+int sysExec(const std::string& program, const std::vector<std::string>& arguments,
+            const std::string&, std::string& out, std::string& err, unsigned, unsigned,
+            unsigned captureKiB) {
+  auto result = runRecorded(program, arguments);
+  out = result.out.substr(0, captureKiB * 1024UL);
+  err = result.err.substr(0, captureKiB * 1024UL);
+  return result.status;
+}
+
+int sysExecArguments(const char* program, const std::vector<std::string>& arguments) {
+  return runRecorded(program, arguments).status;
+}
+
+bool runDaemon(const std::string*, const sigset_t*, int* pid, const std::string& program, int argc,
+               ...) {
+  std::vector<std::string> arguments;
+  va_list list;
+  va_start(list, argc);
+  for (int i = 0; i < argc; ++i) {
+    arguments.emplace_back(va_arg(list, const char*));
+  }
+  va_end(list);
+  if (pid != nullptr) {
+    *pid = 4242;
+  }
+  return runRecorded(program, arguments).status == 0;
+}
+
+int kill_process_by_name(const std::string& name, int signal) {
+  platform().signalled.push_back(name + " " + std::to_string(signal));
+  platform().note("kill " + name + " " + std::to_string(signal));
+  return 1;
+}
+
+bool EnableService(const std::string& name) {
+  platform().note("EnableService " + name);
+  return !platform().onService || platform().onService("start", name);
+}
+
+bool DisableService(const std::string& name) {
+  platform().note("DisableService " + name);
+  return !platform().onService || platform().onService("stop", name);
+}
+
+bool setTimeZone(const std::string& zone) {
+  platform().note("setTimeZone " + zone);
+  return platform().setTimeZoneResult;
+}
+
+bool InstallCrashDumpHandler(const char*) {
+  platform().note("InstallCrashDumpHandler");
+  return platform().crashHandlerResult;
+}
+
+void forceCrash() {
+  platform().note("forceCrash");
+  throw fakes::ForcedCrash();
+}
+
+}  // namespace kova::utils
+
+namespace kova::network {
+
+std::string guessDefaultInterface() {
+  return platform().stats.defaultInterface;
+}
+
+}  // namespace kova::network

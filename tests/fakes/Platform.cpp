@@ -1,0 +1,29 @@
+#include "Platform.h"
+
+#include <algorithm>
+
+namespace kova::fakes {
+
+Platform& platform() {
+  static Platform instance;
+  return instance;
+}
+
+void reset() {
+  platform() = Platform();
+}
+
+bool Platform::logged(int level, const std::string& text) const {
+  return std::any_of(log.begin(), log.end(),
+                     [&](const LogLine& line) { return line.level == level && line.text == text; });
+}
+
+std::vector<std::string> Platform::logTexts() const {
+  std::vector<std::string> texts;
+  for (const auto& line : log) {
+    texts.push_back(line.text);
+  }
+  return texts;
+}
+
+}  // namespace kova::fakes

@@ -1,0 +1,131 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kova/messages/BaseMessage.h"
+#include "kova/utils/Stats.h"
+#include "kova/variant/Variant.h"
+
+/// The platform, scripted: a program linked against this library instead of the real system
+/// libraries runs on a clock that the test turns, starts no process and joins no bus. What it does
+/// is recorded here; what it is told is set here.
+namespace kova::fakes {
+
+struct LogLine {
+  std::string unit;
+  std::string function;
+  int level;
+  int error;
+  std::string text;
+};
+
+/// What a fake program does when run.
+struct ProcessResult {
+  int status = 0;
+  std::string out;
+  std::string err;
+};
+
+struct Statistics {
+  int initResult = 0;
+  int memoryResult = 0, cpuResult = 0, cpuInfoResult = 0, loadResult = 0, networkResult = 0,
+      wifiResult = 0, uptimeResult = 0;
+  bool batteryResult = true;
+  utils::MemoryStats memory{};
+  utils::CpuStats cpu{};
+  utils::CpuInfo cpuInfo;
+  utils::LoadAverage load{};
+  utils::NetworkStats network{};
+  utils::WiFiStats wifi{};
+  utils::UptimeStats uptime{};
+  utils::BatteryInfo battery{};
+  std::string defaultInterface;
+};
+
+struct Bus {
+  bool initResult = true;
+  bool sendResult = true;
+  bool absent = false;                 ///< GetInstance() gives null
+  std::vector<variant::Variant> sent;  ///< requests and events
+  std::vector<std::pair<variant::Variant, variant::Variant>> responses;  ///< with their requests
+  std::deque<variant::Variant> pending;  ///< delivered by the next Service()
+  std::vector<std::string> unhandled;    ///< function names of pending messages that were rejected
+  std::function<bool()> onService;       ///< runs in each Service(); its result is Service's
+};
+
+/// The configuration store. Changes reach `values` at a close() that stores.
+struct ConfigStore {
+  std::map<std::string, std::string> values;
+  bool initResult = true;
+  bool closeResult = true;
+  std::string failingGet;  ///< key whose get() fails
+  std::string failingSet;  ///< key whose set() fails
+};
+
+/// The accounts, as the password library sees them.
+struct Accounts {
+  std::map<std::string, std::string>
+      hashes;  ///< by user, as made by generateHash(); "!" in front locks
+  int readResult = 0;
+  std::vector<int> authenticateResults;  ///< results of the next calls, in order; then 0
+  bool lockResult = true;
+  unsigned salts = 0;  ///< how many were generated; the n-th is "salt<n>"
+};
+
+struct Button {
+  bool initResult = true;
+  bool serviceResult = true;
+  std::function<void()> onService;
+};
+
+struct Platform {
+  /// What happened, in order, across all parts: "Ipc::Init kova_ctlserver", "run /bin/cfgmtd -c",
+  /// "sleep 10", ...
+  std::vector<std::string> journal;
+  std::vector<LogLine> log;
+
+  std::uint64_t nowMs = 1'000'000;
+  std::function<void(int)> onSleep;  ///< may throw to leave an endless wait
+
+  /// Program runs, as "PROGRAM ARG ...", in order; also in the journal.
+  std::vector<std::string> commands;
+  /// Decides what a program does; without it every program succeeds silently.
+  std::function<ProcessResult(const std::string& command)> onRun;
+
+  std::vector<std::string> signalled;  ///< "NAME SIGNAL"
+  std::function<bool(const std::string& verb, const std::string& name)> onService;
+  bool setTimeZoneResult = true;
+
+  bool crashHandlerResult = true;
+  bool cameraInfoResult = true;
+  variant::Variant cameraInfo;  ///< what CameraInfo::Init() reads
+
+  Statistics stats;
+  Bus bus;
+  ConfigStore config;
+  Accounts accounts;
+  Button button;
+
+  /// Whether a log line of exactly this level and text was written.
+  bool logged(int level, const std::string& text) const;
+  /// The log lines' texts.
+  std::vector<std::string> logTexts() const;
+  void note(const std::string& event) { journal.push_back(event); }
+};
+
+/// The one platform that the fakes of this process work on.
+Platform& platform();
+
+/// Back to a fresh platform: all succeed, all is empty.
+void reset();
+
+/// Thrown in place of the process's end by kova::utils::forceCrash().
+struct ForcedCrash {};
+
+}  // namespace kova::fakes
