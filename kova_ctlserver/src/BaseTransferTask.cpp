@@ -1,0 +1,172 @@
+#include "BaseTransferTask.h"
+
+#include "kova/ipc/Ipc.h"
+#include "kova/logger/Logger.h"
+#include "kova/messages/Events.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "BaseTransferTask";
+
+bool isGiven(const std::string& value) {
+  return !value.empty() && value != ipc::messages::kUninitialized;
+}
+
+}  // namespace
+
+bool BaseTransferTask::onCheck() {
+  return true;
+}
+
+bool BaseTransferTask::onStart() {
+  return true;
+}
+
+void BaseTransferTask::onPrepare(bool& ready, std::string& path) {
+  ready = true;
+  path = path_;
+}
+
+void BaseTransferTask::onSuccess(bool& done) {
+  done = true;
+}
+
+void BaseTransferTask::onFailure(TransferStatus /*status*/, int /*httpCode*/) {}
+
+void BaseTransferTask::notifyStatus(const std::string& status) {
+  if (sendNoEvents_) {
+    return;
+  }
+  ipc::Ipc* ipc = ipc::Ipc::GetInstance();
+  if (ipc == nullptr) {
+    KOVA_LOG(LOG_ERR, 0, "pIpc is NULL");
+    return;
+  }
+  ipc::messages::EventTransferRequestStatus event;
+  event.to(ipcOrigin_);
+  event.requestId(ipcRequestId_);
+  event.status(status);
+  if (!ipc->SendRequest(event)) {
+    KOVA_LOG(LOG_WARNING, 0, "Failed to send transfer task status notification");
+  }
+}
+
+bool BaseTransferTask::start() {
+  if (!onCheck()) {
+    KOVA_LOG(LOG_ERR, 0, "Task-specific checks failed");
+    return false;
+  }
+  if (!ParametersComplete()) {
+    return false;
+  }
+  startTime_ = utils::nowMs();
+  inTransfer_ = false;
+  finalizing_ = false;
+  return onStart();
+}
+
+bool BaseTransferTask::ParametersComplete() const {
+  const struct {
+    bool missing;
+    const char* text;
+  } checks[] = {
+      {name_.empty(), "Name must be set"},
+      {maxSz_ == 0, "Max size must be set"},
+      {!isGiven(uri_), "URI must be set"},
+      {download_ && !isGiven(path_), "Path must be set when downloading"},
+      {timeout_ == 0, "Timeout must be set"},
+      {!sendNoEvents_ && ipcOrigin_.empty(), "IPC origin must be set when sending events is on"},
+  };
+  for (const auto& check : checks) {
+    if (check.missing) {
+      KOVA_LOG_IN("start", LOG_ERR, 0, "%s", check.text);
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string BaseTransferTask::decodeTransferStatus(TransferStatus status) {
+  switch (status) {
+    case DISK_IO_FAILED:
+      return "DISK_IO_FAILED";
+    case TRANSFER_BUSY:
+      return "TRANSFER_BUSY";
+    case TRANSFER_TIMEOUT:
+      return "TRANSFER_TIMEOUT";
+    case TRANSFER_TOOLARGE:
+      return "TRANSFER_TOOLARGE";
+    default:
+      return "TRANSFER_FAILED";
+  }
+}
+
+BaseTransferTask& BaseTransferTask::setName(const std::string& name) {
+  name_ = name;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setKind(bool download) {
+  download_ = download;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setMaxSz(std::uint32_t bytes) {
+  maxSz_ = bytes;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setUri(const std::string& uri) {
+  uri_ = uri;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setPath(const std::string& path) {
+  path_ = path;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setTimeout(std::uint32_t milliseconds) {
+  timeout_ = milliseconds;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setCertFile(const std::string& path) {
+  certFile_ = path;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setPrivKeyFile(const std::string& path) {
+  privKeyFile_ = path;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setCACertFile(const std::string& path) {
+  caCertFile_ = path;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setFormFields(const variant::Variant& fields) {
+  formFields_ = fields;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setIpcRequestId(std::uint64_t id) {
+  ipcRequestId_ = id;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setIpcOrigin(const std::string& endpoint) {
+  ipcOrigin_ = endpoint;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setSendNoEvents(bool sendNoEvents) {
+  sendNoEvents_ = sendNoEvents;
+  return *this;
+}
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,147 @@
+#include "basehttp.h"
+
+#include "kova/logger/Logger.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "basehttp";
+
+bool succeeded(CURLMcode code, const char* operation, const char* call) {
+  if (code != CURLM_OK) {
+    KOVA_LOG_IN(operation, LOG_ERR, 0, "%s failed: %d (%s)", call, code, curl_multi_strerror(code));
+  }
+  return code == CURLM_OK;
+}
+
+bool succeeded(CURLcode code, const char* operation) {
+  if (code != CURLE_OK) {
+    KOVA_LOG_IN(operation, LOG_ERR, 0, "curl_easy_getinfo failed: %d (%s)", code,
+                curl_easy_strerror(code));
+  }
+  return code == CURLE_OK;
+}
+
+TransferStatus statusOf(CURLcode result) {
+  switch (result) {
+    case CURLE_OK:
+      return TRANSFER_OK;
+    case CURLE_WRITE_ERROR:
+    case CURLE_READ_ERROR:
+      return DISK_IO_FAILED;
+    case CURLE_OPERATION_TIMEDOUT:
+      return TRANSFER_TIMEOUT;
+    default:
+      KOVA_LOG_IN("Service", LOG_WARNING, 0, "Unexpected curl error: CURLcode = %d", result);
+      return TRANSFER_FAILED;
+  }
+}
+
+}  // namespace
+
+BaseHTTP::BaseHTTP() = default;
+
+BaseHTTP::~BaseHTTP() {
+  multi_.reset();
+  contexts_.clear();
+}
+
+bool BaseHTTP::Init() {
+  multi_.reset(curl_multi_init());
+  if (multi_ == nullptr) {
+    KOVA_LOG(LOG_ERR, 0, "Unable to initiate CURLM");
+    return false;
+  }
+  return true;
+}
+
+bool BaseHTTP::RegisterRequest(bool download, const std::string& uri,
+                               const variant::Variant& formFields, unsigned int timeoutMs,
+                               const std::string& certFile, const std::string& privKeyFile,
+                               const std::string& caCertFile) {
+  if (uri.empty()) {
+    KOVA_LOG(LOG_ERR, 0, "uri must be set");
+    return false;
+  }
+  auto context = std::make_unique<CurlContext>(download, uri, this, formFields, timeoutMs, certFile,
+                                               privKeyFile, caCertFile);
+  if (!context->Init()) {
+    KOVA_LOG(LOG_ERR, 0, "Unable to init context");
+    return false;
+  }
+  const CURLMcode code = curl_multi_add_handle(multi_.get(), context->GetCurl());
+  if (code != CURLM_OK) {
+    KOVA_LOG(LOG_ERR, 0, "unable to setup CURLM: %d (%s)", code, curl_multi_strerror(code));
+    return false;
+  }
+  transfers_[uri] = context.get();
+  contexts_.emplace(context.get(), std::move(context));
+  return true;
+}
+
+bool BaseHTTP::Service(int timeoutMs) {
+  int ready = 0;
+  if (!succeeded(curl_multi_wait(multi_.get(), nullptr, 0, timeoutMs, &ready), __func__,
+                 "curl_multi_wait")) {
+    return false;
+  }
+  int running = 0;
+  if (!succeeded(curl_multi_perform(multi_.get(), &running), __func__, "curl_multi_perform")) {
+    return false;
+  }
+  int queued = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
+    if (!HandleMessage(*message)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool BaseHTTP::HandleMessage(const CURLMsg& message) {
+  char* context = nullptr;
+  long httpCode = 0;
+  if (!succeeded(curl_easy_getinfo(message.easy_handle, CURLINFO_PRIVATE, &context), "Service") ||
+      !succeeded(curl_easy_getinfo(message.easy_handle, CURLINFO_RESPONSE_CODE, &httpCode),
+                 "Service")) {
+    return false;
+  }
+  if (context == nullptr) {
+    KOVA_LOG_IN("Service", LOG_ERR, 0, "Unable to retrieve the context");
+    return false;
+  }
+  if (message.msg == CURLMSG_DONE) {
+    Complete(*reinterpret_cast<CurlContext*>(context), statusOf(message.data.result), httpCode);
+  }
+  return true;
+}
+
+void BaseHTTP::Complete(CurlContext& context, TransferStatus status, long httpCode) {
+  SignalTransferCompleted(context.GetURI(), status, static_cast<int>(httpCode));
+  transfers_.erase(context.GetURI());
+  contexts_.erase(&context);  // takes the handle off the multi handle
+}
+
+bool BaseHTTP::CancelTransfer(const std::string& uri) {
+  const auto entry = transfers_.find(uri);
+  if (entry == transfers_.end()) {
+    return true;
+  }
+  CurlContext* const context = entry->second;
+  if (!succeeded(curl_multi_remove_handle(multi_.get(), context->GetCurl()), __func__,
+                 "curl_multi_remove_handle")) {
+    return false;
+  }
+  long httpCode = 0;
+  if (!succeeded(curl_easy_getinfo(context->GetCurl(), CURLINFO_RESPONSE_CODE, &httpCode),
+                 __func__)) {
+    return false;
+  }
+  transfers_.erase(entry);
+  SignalTransferCompleted(context->GetURI(), TRANSFER_CANCELLED, static_cast<int>(httpCode));
+  contexts_.erase(context);
+  return true;
+}
+
+}  // namespace kova::ctlserver

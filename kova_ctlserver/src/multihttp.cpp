@@ -1,0 +1,104 @@
+#include "multihttp.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "kova/logger/Logger.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "multihttp";
+
+}  // namespace
+
+MultiHTTP::~MultiHTTP() = default;
+
+bool MultiHTTP::RegisterRequest(bool download, const std::string& uri, const std::string& path,
+                                const variant::Variant& formFields, unsigned int timeoutMs,
+                                const std::string& certFile, const std::string& privKeyFile,
+                                const std::string& caCertFile) {
+  if (uri.empty() || path.empty()) {
+    KOVA_LOG(LOG_ERR, 0, "Invalid input, uri=%s, path=%s", uri.c_str(), path.c_str());
+    return false;
+  }
+  Files& files = download ? downloadFiles_ : uploadFiles_;
+  if (uriToPath_.contains(uri) || files.contains(path)) {
+    KOVA_LOG(LOG_ERR, 0, "File or URI already in progress, uri=%s, path=%s", uri.c_str(),
+             path.c_str());
+    return false;
+  }
+  auto file = std::make_unique<utils::File>();
+  const auto mode = download ? utils::FILE_OPEN_MODE_TRUNCATE : utils::FILE_OPEN_MODE_READ;
+  if (!file->Initialize(path, mode, 0)) {
+    return false;
+  }
+  uriToPath_[uri] = path;
+  files[path] = std::move(file);
+  return BaseHTTP::RegisterRequest(download, uri, formFields, timeoutMs, certFile, privKeyFile,
+                                   caCertFile);
+}
+
+bool MultiHTTP::SignalBytesAvailable(const std::string& uri, unsigned char* data, unsigned long len,
+                                     unsigned long /*offset*/, long /*total*/) {
+  const auto entry = uriToPath_.find(uri);
+  if (entry == uriToPath_.end()) {
+    KOVA_LOG(LOG_ERR, 0, "Uri not tracked, uri=%s", uri.c_str());
+    return false;
+  }
+  const auto file = downloadFiles_.find(entry->second);
+  return file == downloadFiles_.end() || file->second->WriteBuffer(data, len);
+}
+
+utils::File* MultiHTTP::UploadFile(const std::string& uri, const char* operation) const {
+  const auto entry = uriToPath_.find(uri);
+  if (entry == uriToPath_.end()) {
+    KOVA_LOG_IN(operation, LOG_ERR, 0, "Uri not tracked, uri=%s", uri.c_str());
+    return nullptr;
+  }
+  const auto file = uploadFiles_.find(entry->second);
+  if (file == uploadFiles_.end()) {
+    KOVA_LOG_IN(operation, LOG_ERR, 0, "Uri does not have associated file source, uri=%s",
+                uri.c_str());
+    return nullptr;
+  }
+  return file->second.get();
+}
+
+bool MultiHTTP::GetUploadTotalSize(const std::string& uri, unsigned long& size) {
+  const utils::File* file = UploadFile(uri, __func__);
+  if (file == nullptr) {
+    return false;
+  }
+  size = file->Size();
+  return true;
+}
+
+unsigned long MultiHTTP::FillUploadBuffer(const std::string& uri, unsigned char* buffer,
+                                          unsigned long size) {
+  utils::File* file = UploadFile(uri, __func__);
+  if (file == nullptr) {
+    return CURL_READFUNC_ABORT;
+  }
+  const unsigned long count = std::min<unsigned long>(size, file->Size() - file->Cursor());
+  if (count != 0 && !file->ReadBuffer(buffer, count)) {
+    KOVA_LOG(LOG_ERR, errno, "Error reading file, uri=%s", uri.c_str());
+    return CURL_READFUNC_ABORT;
+  }
+  return count;
+}
+
+void MultiHTTP::SignalTransferCompleted(const std::string& uri, TransferStatus /*status*/,
+                                        int /*httpCode*/) {
+  const auto entry = uriToPath_.find(uri);
+  if (entry == uriToPath_.end()) {
+    KOVA_LOG(LOG_WARNING, 0, "Uri not tracked, uri=%s", uri.c_str());
+    return;
+  }
+  downloadFiles_.erase(entry->second);
+  uploadFiles_.erase(entry->second);
+  uriToPath_.erase(entry);
+}
+
+}  // namespace kova::ctlserver
