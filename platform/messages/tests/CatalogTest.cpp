@@ -1,0 +1,56 @@
+#include "kova/messages/Catalog.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace kova::ipc::messages {
+namespace {
+
+using variant::Variant;
+
+TEST(Catalog, HoldsEveryClassOnce) {
+  std::vector<std::string> names;
+  for (const auto& message : catalog()) {
+    names.push_back(message.name);
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{
+                       "GetSystemStats", "Reboot", "ChangeDeviceSettings", "UpdateFirmwareRequest",
+                       "GetRequest", "PutRequest", "SaveToFlash", "ChangeUsernamePassword",
+                       "EnableUsernamePassword", "DisableUsernamePassword", "StartService",
+                       "StopService", "EventTransferRequestStatus", "EventUpdateFirmwareFailure",
+                       "PlayState", "__response__"}));
+}
+
+TEST(Catalog, DescribesTheFieldsThatNormalisationGives) {
+  for (const auto& description : catalog()) {
+    auto message = description.make(Variant());
+    message->NormalizeFields();
+    for (const auto& field : description.fields) {
+      EXPECT_NE(message->Find(field.key), nullptr) << description.name << "." << field.key;
+    }
+  }
+}
+
+TEST(Catalog, GivesTypeDefaultRangeAndAllowedValues) {
+  const auto& all = catalog();
+  const auto& settings = *std::find_if(all.begin(), all.end(), [](const auto& message) {
+    return message.name == "ChangeDeviceSettings";
+  });
+  const auto& timelapse = settings.fields[4];
+  EXPECT_EQ(timelapse.key, "timelapseminutes");
+  EXPECT_EQ(timelapse.type, "int32");
+  EXPECT_EQ(timelapse.fallback, "-1");
+  EXPECT_EQ(timelapse.range, "-1..1");
+  const auto& what = all[5].fields[1];
+  EXPECT_EQ(what.allowed, (std::vector<std::string>{"logo", "sound", "_UNINITIALIZED_"}));
+}
+
+TEST(Catalog, DescribesBothEnvelopesInOrder) {
+  EXPECT_EQ(requestEnvelope()[1].key, "transactionId");
+  EXPECT_EQ(messageEnvelope().front().key, "id");
+  EXPECT_EQ(messageEnvelope().back().key, "queueIfDestUnavailable");
+}
+
+}  // namespace
+}  // namespace kova::ipc::messages

@@ -1,0 +1,101 @@
+#include "kova/messages/Events.h"
+
+#include <gtest/gtest.h>
+
+namespace kova::ipc::messages {
+namespace {
+
+using variant::Variant;
+using Map = Variant::Map;
+
+constexpr char kNotGiven[] = "_UNINITIALIZED_";
+
+template <typename Message>
+Message normalized(Map content = {}) {
+  Message message{Variant(std::move(content))};
+  message.NormalizeFields();
+  return message;
+}
+
+TEST(Events, AnEmptyEventReceivesEveryDefault) {
+  auto status = normalized<EventTransferRequestStatus>();
+  EXPECT_EQ(status["functionName"], Variant("EventTransferRequestStatus"));
+  EXPECT_EQ(status["responseExpected"], Variant(false));
+  EXPECT_EQ(status["requestId"], Variant(std::uint64_t{0}));
+  EXPECT_EQ(status["status"], Variant(kNotGiven));
+  EXPECT_EQ(status.Size(), 11U);
+
+  auto failure = normalized<EventUpdateFirmwareFailure>();
+  EXPECT_EQ(failure["functionName"], Variant("EventUpdateFirmwareFailure"));
+  EXPECT_EQ(failure["requestId"], Variant(std::uint64_t{0}));
+  EXPECT_EQ(failure["reason"], Variant(kNotGiven));
+  EXPECT_EQ(failure.Size(), 11U);
+
+  auto play = normalized<PlayState>();
+  EXPECT_EQ(play["functionName"], Variant("PlayState"));
+  EXPECT_EQ(play["name"], Variant(""));
+  EXPECT_EQ(play["volume"], Variant(-1));
+  EXPECT_EQ(play["timeoutMs"], Variant(-1));
+  EXPECT_EQ(play.Size(), 12U);
+}
+
+TEST(Events, EveryAllowedStatusIsKeptAndAnyCaseIsCanonicalised) {
+  for (const std::string status :
+       {"OK", "TRANSFER_TIMEOUT", "TRANSFER_BUSY", "TRANSFER_FAILED", "TRANSFER_TOOLARGE",
+        "DISK_IO_FAILED", "VALIDATION_FAILED", "NOT_WHITELISTED", "_UNINITIALIZED_"}) {
+    EXPECT_EQ(normalized<EventTransferRequestStatus>({{"status", status}}).status(), status);
+  }
+  EventTransferRequestStatus event;
+  event.status("ok");
+  EXPECT_EQ(event["status"], Variant("OK"));
+  event.status("no such status");
+  EXPECT_EQ(event["status"], Variant("OK"));
+}
+
+TEST(Events, EveryAllowedReasonIsKeptAndAnUnknownOneBecomesATimeOut) {
+  for (const std::string reason : {"TRANSFER_TIMEOUT", "TRANSFER_BUSY", "TRANSFER_FAILED",
+                                   "TRANSFER_TOOLARGE", "DISK_IO_FAILED", "FW_CHECK_FAILED",
+                                   "FW_CHECK_INCOMPAT_HW", "FW_FLASH_FAILED", "_UNINITIALIZED_"}) {
+    EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"reason", reason}}).reason(), reason);
+  }
+  EventUpdateFirmwareFailure event;
+  event.reason("VALIDATION_FAILED");
+  EXPECT_EQ(event["reason"], Variant("TRANSFER_TIMEOUT"));
+}
+
+TEST(Events, EveryAllowedStateIsKeptAndAnUnknownOneBecomesTheFirst) {
+  for (const std::string name :
+       {"RESET_BUTTON", "INITIALIZING", "WIFI_WAITING_INPUT", "WIFI_VALIDATING_INPUT",
+        "WIFI_FAILURE", "WIFI_SUCCESS", "WIFI_OPERATING_STA", "MIC_TO_LED", "SNDOUT_TO_LED",
+        "CONTROLLER_CONNECTED", "RTSP_CONNECTED", "WAITING_FOR_ADOPTION", "NETWORK_DISCONNECTED",
+        "TRYING_FOR_1ST_CONNECTION", "CONSUMERS_DISCONNECTED", ""}) {
+    EXPECT_EQ(normalized<PlayState>({{"name", name}}).name(), name);
+  }
+  EXPECT_EQ(normalized<PlayState>({{"name", "wifi_success"}}).name(), "WIFI_SUCCESS");
+  EXPECT_EQ(normalized<PlayState>({{"name", "BLINK"}}).name(), "RESET_BUTTON");
+  EXPECT_EQ(normalized<PlayState>({{"name", 1}}).name(), "");
+}
+
+TEST(Events, VolumeIsHeldToMinusOneToHundred) {
+  const std::pair<int, int> cases[] = {{150, 100}, {101, 100}, {100, 100},
+                                       {0, 0},     {-1, -1},   {-20, -1}};
+  for (const auto& [sent, stored] : cases) {
+    EXPECT_EQ(normalized<PlayState>({{"volume", sent}}).volume(), stored) << sent;
+  }
+}
+
+TEST(Events, APlayStatesTimeOutIsSigned) {
+  auto play = normalized<PlayState>({{"timeoutMs", std::int64_t{-5}}});
+  EXPECT_EQ(play["timeoutMs"], Variant(-5));
+  EXPECT_EQ(play.timeoutMs(), -5);
+}
+
+TEST(Events, ARequestIdIsStoredUnsignedIn64Bits) {
+  EXPECT_EQ(normalized<EventTransferRequestStatus>({{"requestId", 9}})["requestId"],
+            Variant(std::uint64_t{9}));
+  EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"requestId", 9.0}})["requestId"],
+            Variant(std::uint64_t{9}));
+}
+
+}  // namespace
+}  // namespace kova::ipc::messages

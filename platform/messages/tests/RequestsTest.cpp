@@ -1,0 +1,173 @@
+#include "kova/messages/Requests.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace kova::ipc::messages {
+namespace {
+
+using variant::Variant;
+using Map = Variant::Map;
+
+template <typename Message>
+Message normalized(Map content = {}) {
+  Message message{Variant(std::move(content))};
+  message.NormalizeFields();
+  return message;
+}
+
+/// Checks every key of a class's own schema after an empty message was normalised.
+template <typename Message>
+void expectDefaults(const Map& defaults) {
+  auto message = normalized<Message>();
+  EXPECT_EQ(message["functionName"], Variant(Message::kName));
+  for (const auto& [key, value] : defaults) {
+    ASSERT_NE(message.Find(key), nullptr) << Message::kName << "." << key;
+    EXPECT_EQ(*message.Find(key), value) << Message::kName << "." << key;
+  }
+  // Six keys of the message envelope and three of the request envelope, of which responseExpected
+  // is in `defaults` too.
+  EXPECT_EQ(message.Size(), 8U + defaults.size()) << message.ToString();
+}
+
+constexpr char kNotGiven[] = "_UNINITIALIZED_";
+
+TEST(Requests, AnEmptyRequestReceivesTheDefaultsOfItsClass) {
+  expectDefaults<GetSystemStats>({{"responseExpected", true},
+                                  {"memory", true},
+                                  {"cpu", true},
+                                  {"cpuInfo", true},
+                                  {"loadavg", true},
+                                  {"network", true},
+                                  {"wifi", true},
+                                  {"uptime", true},
+                                  {"battery", true}});
+  expectDefaults<Reboot>({{"delayMs", 0U}, {"responseExpected", false}});
+  expectDefaults<ChangeDeviceSettings>({{"responseExpected", true},
+                                        {"name", kNotGiven},
+                                        {"timezone", kNotGiven},
+                                        {"region", kNotGiven},
+                                        {"timelapseminutes", -1},
+                                        {"persist", false}});
+  expectDefaults<UpdateFirmwareRequest>(
+      {{"responseExpected", false}, {"timeoutMs", 0U}, {"uri", kNotGiven}});
+  expectDefaults<GetRequest>({{"responseExpected", false},
+                              {"disableEvents", false},
+                              {"what", kNotGiven},
+                              {"filename", kNotGiven},
+                              {"uri", kNotGiven},
+                              {"formFields", Variant()},
+                              {"timeoutMs", 0U}});
+  expectDefaults<PutRequest>({{"responseExpected", false},
+                              {"what", kNotGiven},
+                              {"uri", kNotGiven},
+                              {"timeoutMs", 0U},
+                              {"hash", kNotGiven}});
+  expectDefaults<SaveToFlash>({{"responseExpected", false}, {"sync", false}});
+  expectDefaults<ChangeUsernamePassword>({{"responseExpected", true},
+                                          {"username", kNotGiven},
+                                          {"passwordOld", kNotGiven},
+                                          {"passwordNew", kNotGiven}});
+  expectDefaults<EnableUsernamePassword>({{"responseExpected", true}});
+  expectDefaults<DisableUsernamePassword>({{"responseExpected", true}});
+  expectDefaults<StartService>({{"responseExpected", false}, {"service", ""}});
+  expectDefaults<StopService>({{"responseExpected", false}, {"service", ""}});
+}
+
+TEST(Requests, AMistypedFlagTakesTheDefaultOfItsClass) {
+  EXPECT_TRUE(normalized<GetSystemStats>({{"responseExpected", "true"}}).responseExpected());
+  EXPECT_FALSE(normalized<Reboot>({{"responseExpected", "true"}}).responseExpected());
+  EXPECT_TRUE(normalized<GetSystemStats>({{"memory", 0}}).memory());
+}
+
+TEST(Requests, AFlagThatIsGivenIsKept) {
+  EXPECT_FALSE(normalized<GetSystemStats>({{"wifi", false}}).wifi());
+  EXPECT_FALSE(normalized<GetSystemStats>({{"responseExpected", false}}).responseExpected());
+  EXPECT_TRUE(normalized<SaveToFlash>({{"sync", true}}).sync());
+}
+
+TEST(Requests, TheFunctionNameIsForcedWhateverWasSent) {
+  for (const Variant& name :
+       {Variant("getsystemstats"), Variant("Reboot"), Variant(""), Variant(3), Variant()}) {
+    auto message = normalized<GetSystemStats>({{"functionName", name}});
+    EXPECT_EQ(message["functionName"], Variant("GetSystemStats"));
+    EXPECT_EQ(message.functionName(), "GetSystemStats");
+  }
+}
+
+TEST(Requests, ADelayGivenAsTextIsNoNumber) {
+  EXPECT_EQ(normalized<Reboot>({{"delayMs", "500"}}).delayMs(), 0U);
+  EXPECT_EQ(normalized<Reboot>({{"delayMs", 500}}).delayMs(), 500U);
+}
+
+TEST(Requests, NumbersAreStoredInTheirDeclaredWidth) {
+  EXPECT_EQ(normalized<Reboot>({{"delayMs", std::uint64_t{7}}})["delayMs"], Variant(7U));
+  EXPECT_EQ(normalized<GetRequest>({{"timeoutMs", std::int8_t{7}}})["timeoutMs"], Variant(7U));
+  EXPECT_EQ(normalized<PutRequest>({{"timeoutMs", -1}}).timeoutMs(),
+            std::numeric_limits<std::uint32_t>::max());
+  EXPECT_EQ(normalized<ChangeDeviceSettings>({{"timelapseminutes", 1.0}})["timelapseminutes"],
+            Variant(1));
+}
+
+TEST(Requests, TimelapseMinutesAreHeldToMinusOneToOne) {
+  const std::pair<int, int> cases[] = {{15, 1}, {1, 1}, {0, 0}, {-1, -1}, {-7, -1}};
+  for (const auto& [sent, stored] : cases) {
+    EXPECT_EQ(normalized<ChangeDeviceSettings>({{"timelapseminutes", sent}}).timelapseminutes(),
+              stored)
+        << sent;
+  }
+}
+
+TEST(Requests, AnAllowedWordIsCanonicalisedWhateverItsCase) {
+  EXPECT_EQ(normalized<GetRequest>({{"what", "SupportInfo"}}).what(), "supportInfo");
+  EXPECT_EQ(normalized<GetRequest>({{"what", "EVENTHEATMAP"}})["what"], Variant("eventHeatmap"));
+  EXPECT_EQ(normalized<PutRequest>({{"what", "LOGO"}}).what(), "logo");
+  EXPECT_EQ(normalized<PutRequest>({{"what", "Sound"}}).what(), "sound");
+}
+
+TEST(Requests, AWordThatIsNotAllowedBecomesTheFirst) {
+  EXPECT_EQ(normalized<GetRequest>({{"what", "picture"}}).what(), "snapshot");
+  EXPECT_EQ(normalized<GetRequest>({{"what", "eventSnap"}}).what(), "snapshot")
+      << "a prefix is another word";
+  EXPECT_EQ(normalized<PutRequest>({{"what", "soundx"}}).what(), "logo");
+  EXPECT_EQ(normalized<PutRequest>({{"what", ""}}).what(), "logo");
+  EXPECT_EQ(normalized<PutRequest>({{"what", std::string("sou\0d", 5)}}).what(), "logo");
+}
+
+TEST(Requests, AMissingOrMistypedWordIsNotGiven) {
+  EXPECT_EQ(normalized<GetRequest>().what(), kNotGiven);
+  EXPECT_EQ(normalized<GetRequest>({{"what", 1}}).what(), kNotGiven);
+  EXPECT_EQ(normalized<PutRequest>({{"what", Map{}}}).what(), kNotGiven);
+}
+
+TEST(Requests, FormFieldsAreAnyContainer) {
+  const Map fields{{"a", "b"}, {"n", 1}};
+  EXPECT_EQ(normalized<GetRequest>({{"formFields", fields}}).formFields(), Variant(fields));
+  EXPECT_EQ(normalized<GetRequest>({{"formFields", Variant::Array{1}}}).formFields(),
+            Variant(Variant::Array{1}));
+  EXPECT_TRUE(normalized<GetRequest>({{"formFields", "a=b"}}).formFields().IsEmpty());
+}
+
+TEST(Requests, AnAccessorRepairsItsOwnFieldOnAMessageNeverNormalised) {
+  StopService message(Variant(Map{{"service", 12}}));
+  EXPECT_EQ(message.service(), "");
+  EXPECT_EQ(message["service"], Variant(""));
+  EXPECT_EQ(message.Size(), 1U);
+}
+
+TEST(Requests, ASetterOfAWordCanonicalises) {
+  GetRequest get;
+  get.what("EVENTSNAPSHOT");
+  EXPECT_EQ(get["what"], Variant("eventSnapshot"));
+  get.what("other");
+  EXPECT_EQ(get["what"], Variant("snapshot"));
+  PutRequest put;
+  put.what("SOUND");
+  EXPECT_EQ(put["what"], Variant("sound"));
+  put.functionName("anything");
+  EXPECT_EQ(put["functionName"], Variant("PutRequest"));
+}
+
+}  // namespace
+}  // namespace kova::ipc::messages

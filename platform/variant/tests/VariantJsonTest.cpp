@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "kova/variant/Variant.h"
+
+namespace kova::variant {
+namespace {
+
+Variant parsed(std::string_view text) {
+  Variant value;
+  EXPECT_EQ(Variant::FromJSON(text, value), static_cast<int>(text.size())) << text;
+  return value;
+}
+
+TEST(VariantJson, ParsesEveryKindOfValue) {
+  EXPECT_EQ(parsed("null"), Variant());
+  EXPECT_EQ(parsed("true"), Variant(true));
+  EXPECT_EQ(parsed(" \"a\\u00e4\\n\" "), Variant("a\xc3\xa4\n"));
+  EXPECT_EQ(parsed("[1,[],{}]"),
+            Variant(Variant::Array{1, Variant(Variant::Array{}), Variant(Variant::Map{})}));
+  EXPECT_EQ(parsed(R"({"a":{"b":[false]}})"),
+            Variant(Variant::Map{{"a", Variant::Map{{"b", Variant::Array{false}}}}}));
+}
+
+TEST(VariantJson, AnIntegerTakesTheFirstWidthThatHoldsIt) {
+  EXPECT_EQ(parsed("2147483647"), Variant(std::numeric_limits<std::int32_t>::max()));
+  EXPECT_EQ(parsed("2147483648"), Variant(std::int64_t{2147483648}));
+  EXPECT_EQ(parsed("-2147483648"), Variant(std::numeric_limits<std::int32_t>::min()));
+  EXPECT_EQ(parsed("-2147483649"), Variant(std::int64_t{-2147483649}));
+  EXPECT_EQ(parsed("9223372036854775808"), Variant(std::uint64_t{9223372036854775808U}));
+  EXPECT_EQ(parsed("18446744073709551615"), Variant(std::numeric_limits<std::uint64_t>::max()));
+  EXPECT_EQ(parsed("18446744073709551616"), Variant(18446744073709551616.0));
+  EXPECT_EQ(parsed("1.5"), Variant(1.5));
+  EXPECT_EQ(parsed("1e2"), Variant(100.0));
+}
+
+TEST(VariantJson, OfEqualKeysTheLastCounts) {
+  EXPECT_EQ(parsed(R"({"a":1,"a":2})"), Variant(Variant::Map{{"a", 2}}));
+}
+
+TEST(VariantJson, WhatIsNotJsonIsRefusedAndLeavesTheResultAlone) {
+  for (const std::string_view text : {"",
+                                      " ",
+                                      "{",
+                                      "}",
+                                      "[1,]",
+                                      "{\"a\":1,}",
+                                      "{'a':1}",
+                                      "nul",
+                                      "NaN",
+                                      "Infinity",
+                                      "01",
+                                      "+1",
+                                      ".5",
+                                      "1.",
+                                      "0x10",
+                                      "1 2",
+                                      "[1] x",
+                                      "\"a",
+                                      "\"\t\"",
+                                      "\"\\x41\"",
+                                      "\"\\ud800\"",
+                                      "{1:2}",
+                                      "// c\n1",
+                                      "/**/1",
+                                      "1e999",
+                                      "\"\xff\"",
+                                      "\"\xc0\x80\"",
+                                      "\xEF\xBB\xBF"
+                                      "1"}) {
+    Variant value("kept");
+    EXPECT_EQ(Variant::FromJSON(text, value), -1) << text;
+    EXPECT_EQ(value, Variant("kept")) << text;
+  }
+  Variant value;
+  EXPECT_EQ(Variant::FromJSON(std::string_view("1\0", 2), value), -1);
+}
+
+TEST(VariantJson, NestingIsBounded) {
+  const auto nested = [](int depth) {
+    return std::string(static_cast<std::size_t>(depth), '[') +
+           std::string(static_cast<std::size_t>(depth), ']');
+  };
+  Variant value;
+  EXPECT_GT(Variant::FromJSON(nested(Variant::kMaxDepth), value), 0);
+  EXPECT_EQ(Variant::FromJSON(nested(Variant::kMaxDepth + 1), value), -2);
+  EXPECT_EQ(Variant::FromJSON(std::string(900'000, '['), value), -2);
+}
+
+TEST(VariantJson, SizeIsBounded) {
+  Variant value;
+  EXPECT_EQ(Variant::FromJSON("\"" + std::string(Variant::kMaxJsonSize - 2, 'a') + "\"", value),
+            static_cast<int>(Variant::kMaxJsonSize));
+  EXPECT_EQ(Variant::FromJSON("\"" + std::string(Variant::kMaxJsonSize - 1, 'a') + "\"", value),
+            -3);
+}
+
+TEST(VariantJson, WritesWhatItParsed) {
+  const std::string text = R"({"array":[1,-2,1.5],"empty":null,"flag":true,"text":"ä\n"})";
+  EXPECT_EQ(parsed(text).ToJSON(), text);
+}
+
+TEST(VariantJson, WritesWhatJsonCannotHoldAsTheNearestThing) {
+  EXPECT_EQ(Variant(std::nan("")).ToJSON(), "null");
+  EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).ToJSON(), "null");
+  EXPECT_EQ(Variant(std::string("a\xff")).ToJSON(), "\"a\xef\xbf\xbd\"");
+  EXPECT_EQ(Variant(std::string("a\0b", 3)).ToJSON(), "\"a\\u0000b\"");
+  EXPECT_EQ(Variant(timeval{0, 5}).ToJSON(), "\"1970-01-01T00:00:00.000005Z\"");
+}
+
+TEST(VariantJson, IndentsForPeople) {
+  EXPECT_EQ(Variant(Variant::Map{{"a", 1}}).ToJSON(2), "{\n  \"a\": 1\n}");
+}
+
+}  // namespace
+}  // namespace kova::variant

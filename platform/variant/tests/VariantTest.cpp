@@ -1,0 +1,155 @@
+#include "kova/variant/Variant.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+namespace kova::variant {
+namespace {
+
+constexpr VariantClass kClasses[] = {VariantClass::Container, VariantClass::Time,
+                                     VariantClass::String, VariantClass::Number,
+                                     VariantClass::Boolean};
+
+struct Sample {
+  const char* name;
+  Variant value;
+  VariantType type;
+  // The one class that the value belongs to; null for none.
+  const VariantClass* mask;
+};
+
+const std::vector<Sample>& samples() {
+  static const std::vector<Sample> all = {
+      {"empty", Variant(), VariantType::Empty, nullptr},
+      {"boolean", Variant(true), VariantType::Boolean, &kClasses[4]},
+      {"int8", Variant(std::int8_t{-1}), VariantType::Int8, &kClasses[3]},
+      {"uint8", Variant(std::uint8_t{1}), VariantType::UInt8, &kClasses[3]},
+      {"int32", Variant(-1), VariantType::Int32, &kClasses[3]},
+      {"uint32", Variant(1U), VariantType::UInt32, &kClasses[3]},
+      {"int64", Variant(std::int64_t{-1}), VariantType::Int64, &kClasses[3]},
+      {"uint64", Variant(std::uint64_t{1}), VariantType::UInt64, &kClasses[3]},
+      {"double", Variant(0.5), VariantType::Double, &kClasses[3]},
+      {"string", Variant("text"), VariantType::String, &kClasses[2]},
+      {"time", Variant(timeval{1, 2}), VariantType::Time, &kClasses[1]},
+      {"map", Variant(Variant::Map{}), VariantType::Map, &kClasses[0]},
+      {"array", Variant(Variant::Array{}), VariantType::Array, &kClasses[0]},
+  };
+  return all;
+}
+
+TEST(Variant, EachTypeBelongsToItsOwnClassOnly) {
+  for (const auto& sample : samples()) {
+    EXPECT_EQ(sample.value.Type(), sample.type) << sample.name;
+    for (const auto& mask : kClasses) {
+      EXPECT_EQ(sample.value.Is(mask), &mask == sample.mask)
+          << sample.name << " against mask " << std::hex << static_cast<unsigned>(mask);
+    }
+  }
+}
+
+TEST(Variant, ContainerCodesAreTheTwoFixedOnes) {
+  EXPECT_EQ(static_cast<unsigned>(VariantType::Map), 0x1010U);
+  EXPECT_EQ(static_cast<unsigned>(VariantType::Array), 0x1011U);
+}
+
+TEST(Variant, ReadingAsAnotherTypeGivesThatTypesZero) {
+  const Variant text("12");
+  EXPECT_FALSE(text.ToBool());
+  EXPECT_EQ(text.ToNumber<int>(), 0);
+  EXPECT_EQ(text.ToTime().tv_sec, 0);
+  EXPECT_EQ(Variant(12).ToText(), "");
+  EXPECT_EQ(Variant(true).ToNumber<int>(), 0);
+  EXPECT_FALSE(Variant(1).ToBool());
+  EXPECT_EQ(text.Size(), 0U);
+}
+
+TEST(Variant, IntegersAreReducedToTheWidthRead) {
+  EXPECT_EQ(Variant(std::int64_t{-1}).ToNumber<std::uint32_t>(), 4294967295U);
+  EXPECT_EQ(Variant(std::uint64_t{0x1'0000'0005}).ToNumber<std::int32_t>(), 5);
+  EXPECT_EQ(Variant(std::numeric_limits<std::uint64_t>::max()).ToNumber<std::int64_t>(), -1);
+  EXPECT_EQ(Variant(300).ToNumber<std::int8_t>(), 44);
+}
+
+TEST(Variant, DoublesAreCutTowardsZeroAndHeldToTheRange) {
+  EXPECT_EQ(Variant(-1.9).ToNumber<std::int32_t>(), -1);
+  EXPECT_EQ(Variant(1e300).ToNumber<std::int32_t>(), std::numeric_limits<std::int32_t>::max());
+  EXPECT_EQ(Variant(-1e300).ToNumber<std::int64_t>(), std::numeric_limits<std::int64_t>::min());
+  EXPECT_EQ(Variant(-1.0).ToNumber<std::uint32_t>(), 0U);
+  EXPECT_EQ(Variant(18446744073709551616.0).ToNumber<std::uint64_t>(),
+            std::numeric_limits<std::uint64_t>::max());
+  EXPECT_EQ(Variant(9223372036854775808.0).ToNumber<std::int64_t>(),
+            std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(Variant(std::nan("")).ToNumber<std::uint32_t>(), 0U);
+  EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).ToNumber<std::uint8_t>(), 255);
+}
+
+TEST(Variant, AKeyThatIsMissingIsAddedEmptyOnWritingOnly) {
+  Variant map;
+  EXPECT_EQ(map.Find("a"), nullptr);
+  map["a"] = 1;
+  EXPECT_TRUE(map.IsMap());
+  EXPECT_EQ(map.Size(), 1U);
+  EXPECT_EQ(map.Find("A"), nullptr);
+  EXPECT_TRUE(map["b"].IsEmpty());
+  EXPECT_EQ(map.Size(), 2U);
+}
+
+TEST(Variant, AScalarThatIsIndexedBecomesAMap) {
+  Variant value("text");
+  value["key"] = 1;
+  EXPECT_EQ(value.Elements().at("key"), Variant(1));
+  EXPECT_EQ(value.Size(), 1U);
+}
+
+TEST(Variant, AnArrayKeepsItsElementsWhenItBecomesAMapAndBack) {
+  Variant value(Variant::Array{"a", "b"});
+  value["x"] = "c";
+  EXPECT_EQ(value, Variant(Variant::Map{{"0", "a"}, {"1", "b"}, {"x", "c"}}));
+  value.IsArray(true);
+  EXPECT_EQ(value, Variant(Variant::Array{"a", "b", "c"}));
+}
+
+TEST(Variant, ResetAndFreeLeaveItEmpty) {
+  Variant value(Variant::Map{{"a", 1}});
+  value.Reset();
+  EXPECT_TRUE(value.IsEmpty());
+  value = 5;
+  value.Free();
+  EXPECT_TRUE(value.IsEmpty());
+}
+
+TEST(Variant, GetKeyChainFollowsMapsAndChecksTheTypeAtTheEnd) {
+  const Variant value(Variant::Map{{"a", Variant::Map{{"b", true}}}});
+  const Variant* found = value.GetKeyChain(VariantClass::Boolean, {"a", "b"});
+  ASSERT_NE(found, nullptr);
+  EXPECT_TRUE(found->ToBool());
+  EXPECT_EQ(value.GetKeyChain(VariantClass::String, {"a", "b"}), nullptr);
+  EXPECT_EQ(value.GetKeyChain(VariantClass::Boolean, {"a", "c"}), nullptr);
+  EXPECT_EQ(value.GetKeyChain(VariantClass::Boolean, {"a", "b", "c"}), nullptr);
+  EXPECT_EQ(Variant("text").GetKeyChain(VariantClass::Boolean, {"a"}), nullptr);
+}
+
+TEST(Variant, CopiesAreDeep) {
+  Variant original(Variant::Map{{"a", Variant::Array{1}}});
+  Variant copy = original;
+  copy["a"].PushToArray(2);
+  EXPECT_EQ(original["a"].Size(), 1U);
+  EXPECT_FALSE(copy == original);
+}
+
+TEST(Variant, ToStringMasksWhateverNamesAPassword) {
+  const Variant request(Variant::Map{
+      {"passwordOld", "secret1"},
+      {"nested", Variant::Array{Variant::Map{{"users.1.PASSWORD", "secret2"}}}},
+      {"username", "admin"},
+  });
+  const std::string text = request.ToString();
+  EXPECT_EQ(text.find("secret"), std::string::npos) << text;
+  EXPECT_NE(text.find("admin"), std::string::npos) << text;
+  EXPECT_NE(request.ToJSON().find("secret1"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kova::variant

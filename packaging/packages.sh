@@ -1,0 +1,35 @@
+# shellcheck shell=bash
+# The Debian packages that this project needs, by what needs them.
+
+# kova_packages GROUP...: prints them, one a line.
+kova_packages() {
+  local group
+  for group in "$@"; do
+    case $group in
+      build)
+        printf '%s\n' ca-certificates git cmake ninja-build g++ pkg-config ccache \
+          libsystemd-dev libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libcli11-dev libcrypt-dev \
+          libnl-3-dev libnl-genl-3-dev
+        ;;
+      camera)
+        printf '%s\n' busybox bubblewrap dbus-daemon runit systemd tzdata util-linux
+        ;;
+      tests)
+        printf '%s\n' libgtest-dev libgmock-dev libcpp-httplib-dev openssl curl strace
+        ;;
+      fuzz)
+        printf '%s\n' clang-14 libclang-rt-14-dev
+        ;;
+      lint)
+        printf '%s\n' clang-format-14 clang-format clang-tidy-14 clang-tidy shellcheck
+        ;;
+      bench)
+        printf '%s\n' rauc systemd nginx-light curl iproute2 strace
+        ;;
+      *)
+        echo "no package group \"$group\"" >&2
+        return 1
+        ;;
+    esac
+  done | sort -u
+}
