@@ -1,6 +1,8 @@
 #pragma once
 
 #include "Persistence.h"
+#include "ResetButtonsReactor.h"
+#include "kova/gpio/Button.h"
 #include "kova/ipc/Ipc.h"
 #include "kova/messages/Requests.h"
 #include "kova/utils/Stats.h"
@@ -47,6 +49,29 @@ class CtlServer {
   /// the first that cannot be read.
   bool readStats(ipc::messages::GetSystemStats& request, variant::Variant& reply);
 
+  /// Changes the settings that the request gives and reads back the others, so that `reply` holds
+  /// the present "name", "timezone" and "region", on some models "timelapseminutes", and
+  /// "soundOnBoot" when given. Stops at the first failure with `reply` as filled so far; what was
+  /// already applied stays applied. Nothing is saved to flash.
+  bool updateSettings(ipc::messages::ChangeDeviceSettings& request, variant::Variant& reply);
+
+  /// Back to the device's default name and to the time zone "GMT", through updateSettings().
+  bool resetSettings(variant::Variant& reply);
+
+  /// A request that gives nothing reads the administrator's name into `reply` as "username". Any
+  /// other has to give the name and the present password; it changes the name if that is another,
+  /// and the password if a new one is given. Both go to the configuration store first and to
+  /// /etc/passwd then. Nothing is undone after a failure.
+  bool changeUsernamePassword(ipc::messages::ChangeUsernamePassword& request,
+                              variant::Variant& reply);
+
+  /// Unlocks or locks the administrator's password: a "!" in front of the stored hash locks it. The
+  /// system's account follows; if it cannot, that is logged only. `reply` is left alone.
+  bool enableUsernamePassword(ipc::messages::EnableUsernamePassword& request,
+                              variant::Variant& reply);
+  bool disableUsernamePassword(ipc::messages::DisableUsernamePassword& request,
+                               variant::Variant& reply);
+
   /// Starts or stops the system service that the request names; the platform decides what it
   /// accepts.
   bool startService(ipc::messages::StartService& request);
@@ -61,6 +86,8 @@ class CtlServer {
   ipc::Ipc* ipc_ = nullptr;
   Persistence persistence_;
   utils::StatsLib* statsHandle_ = nullptr;
+  gpio::ResetButtonCase resetButton_;
+  ResetButtonsReactor resetReactor_;
 };
 
 }  // namespace kova::ctlserver

@@ -74,10 +74,37 @@ const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
          return call.server.reboot(true, static_cast<int>(message.delayMs()), true);
        });
      }},
+    {ChangeDeviceSettings::kName, Answer::WhenExpected,
+     [](Call& call) {
+       return call.as<ChangeDeviceSettings>(
+           [&](auto& message) { return call.server.updateSettings(message, call.payload); });
+     }},
+    {"ResetDeviceSettings", Answer::WhenExpected,
+     [](Call& call) {
+       return call.untyped([&] { return call.server.resetSettings(call.payload); });
+     }},
     {SaveToFlash::kName, Answer::WhenExpected,
      [](Call& call) {
        return call.as<SaveToFlash>(
            [&](auto& message) { return call.server.persist(message.sync()); });
+     }},
+    {ChangeUsernamePassword::kName, Answer::WhenExpected,
+     [](Call& call) {
+       return call.as<ChangeUsernamePassword>([&](auto& message) {
+         return call.server.changeUsernamePassword(message, call.payload);
+       });
+     }},
+    {EnableUsernamePassword::kName, Answer::WhenExpected,
+     [](Call& call) {
+       return call.as<EnableUsernamePassword>([&](auto& message) {
+         return call.server.enableUsernamePassword(message, call.payload);
+       });
+     }},
+    {DisableUsernamePassword::kName, Answer::WhenExpected,
+     [](Call& call) {
+       return call.as<DisableUsernamePassword>([&](auto& message) {
+         return call.server.disableUsernamePassword(message, call.payload);
+       });
      }},
     {"ExitService", Answer::Never,
      [](Call& call) {

@@ -13,6 +13,7 @@ constexpr char kLogUnit[] = "CtlServer";
 
 constexpr char kReboot[] = "/usr/bin/reboot";
 constexpr int kRebootWaitStepMs = 1000;
+constexpr int kButtonIntervalMs = 100;
 
 }  // namespace
 
@@ -30,12 +31,20 @@ bool CtlServer::init(ipc::Ipc* ipc) {
     return false;
   }
   ipc_ = ipc;
+  resetReactor_.init("case", &cameraInfo_, ipc, this);
+  if (!resetButton_.init(&cameraInfo_, &resetReactor_, kButtonIntervalMs)) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to initialize reset button case");
+    return false;
+  }
   return true;
 }
 
 bool CtlServer::service(unsigned) {
   if (!persistence_.service()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to persist");
+  }
+  if (!resetButton_.service()) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to service reset button case");
   }
   return true;
 }

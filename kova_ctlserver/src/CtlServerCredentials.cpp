@@ -1,0 +1,241 @@
+#include <string.h>
+
+#include <cerrno>
+
+#include "CtlServer.h"
+#include "kova/logger/Logger.h"
+#include "kova/syscfg/SystemCfgManager.h"
+#include "kova/utils/File.h"
+#include "kova/utils/Password.h"
+#include "kova/utils/Strings.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using ipc::messages::ChangeUsernamePassword;
+using ipc::messages::kUninitialized;
+using syscfg::SystemCfgManager;
+using variant::Variant;
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "CtlServer";
+constexpr char kChange[] = "changeUsernamePassword";
+constexpr char kProcess[] = "ProcessUsernamePassword";
+
+constexpr char kNameKey[] = "users.1.name";
+constexpr char kPasswordKey[] = "users.1.password";
+constexpr char kAccountFile[] = "/etc/passwd";
+constexpr std::size_t kMaxPasswordBytes = 64;
+constexpr char kLockMarker = '!';
+
+/// A password of a request; its bytes are wiped when it goes.
+struct Secret {
+  std::string text;
+  ~Secret() { explicit_bzero(text.data(), text.size()); }
+};
+
+bool isGiven(const std::string& field) {
+  return field != kUninitialized;
+}
+
+bool fail(const char* operation, const char* text, int error = 0) {
+  KOVA_LOG_IN(operation, LOG_ERR, error, "%s", text);
+  return false;
+}
+
+bool failAuthentication(const std::string& user) {
+  KOVA_LOG_IN(kChange, LOG_ERR, 0, "Authentication failure for user %s", user.c_str());
+  return false;
+}
+
+bool openStore(const char* operation, SystemCfgManager& store) {
+  return store.init() || fail(operation, "Failed to initialize system.cfg manager");
+}
+
+bool closeStore(const char* operation, SystemCfgManager& store) {
+  return store.close(true, false) || fail(operation, "Failed to close system.cfg manager");
+}
+
+bool readName(const char* operation, const SystemCfgManager& store, std::string& name) {
+  bool absent = false;
+  if (!store.get(kNameKey, &name, &absent)) {
+    return fail(operation, "Failed to read username");
+  }
+  return !absent || fail(operation, "Username missing from the system.cfg");
+}
+
+bool readPassword(const char* operation, const SystemCfgManager& store, std::string& hash) {
+  bool absent = false;
+  if (!store.get(kPasswordKey, &hash, &absent)) {
+    return fail(operation, "Failed to read password");
+  }
+  return !absent || fail(operation, "Password missing from the system.cfg");
+}
+
+bool checkClaim(const std::string& username, const std::string& passwordOld) {
+  if (!isGiven(username) || !isGiven(passwordOld)) {
+    return fail(kChange, "Username and old password must be present");
+  }
+  if (passwordOld.empty()) {
+    return fail(kChange, "Old password empty");
+  }
+  if (passwordOld.size() > kMaxPasswordBytes) {
+    return fail(kChange, "Old password too long");
+  }
+  return utils::username_valid(username, true) ||
+         fail(kChange, "Failed to validate username", errno);
+}
+
+/// @param hash receives the account's present hash
+bool authenticate(const std::string& user, const std::string& password, std::string& hash) {
+  if (utils::readUserHash(user, hash) != 0) {
+    KOVA_LOG_IN(kChange, LOG_ERR, 0, "Failed to read password hash for username %s", user.c_str());
+    return false;
+  }
+  bool matches = false;
+  return (utils::authenticatePassword(user, password, matches) == 0 && matches) ||
+         failAuthentication(user);
+}
+
+/// @param hash    receives a hash of the new password, with a salt of its own even when the
+///                password is the present one
+/// @param changes receives whether the password is another than the present one
+bool hashNewPassword(const std::string& user, const std::string& password, std::string& hash,
+                     bool& changes) {
+  if (password.empty()) {
+    return fail(kChange, "New password empty");
+  }
+  if (password.size() > kMaxPasswordBytes) {
+    return fail(kChange, "New password too long");
+  }
+  bool matches = false;
+  if (utils::authenticatePassword(user, password, matches) != 0) {
+    return failAuthentication(user);
+  }
+  changes = !matches;
+  // A hash covers a password up to a NUL only, and an empty field in the account file would let
+  // anyone in.
+  const bool whole = password.find('\0') == std::string::npos;
+  hash = whole ? utils::generateHash(password.c_str(), utils::generateSalt()) : "";
+  return !hash.empty() || fail(kChange, "Failed to hash the new password");
+}
+
+bool writeAccountFile(const std::string& name, const std::string& hash) {
+  utils::File file;
+  if (!file.Initialize(kAccountFile, utils::FILE_OPEN_MODE_TRUNCATE,
+                       utils::FILE_REPLACE_ATOMICALLY)) {
+    return fail(kChange, "Failed to open /etc/passwd", errno);
+  }
+  const auto line = utils::format("%s:%s:0:0:Administrator:/etc/persistent:/bin/sh\n", name.c_str(),
+                                  hash.c_str());
+  return (file.WriteString(line) && file.Close()) ||
+         fail(kChange, "Failed to write to /etc/passwd", errno);
+}
+
+/// Changes the stored hash of the administrator's password, and the system's account along with it.
+class UsernamePasswordProcessor {
+ public:
+  explicit UsernamePasswordProcessor(char lockMarker) : lockMarker_(lockMarker) {}
+  virtual ~UsernamePasswordProcessor() = default;
+
+  /// The stored hash is what counts: a failure of the system's account is only logged.
+  virtual bool Process(const std::string& user, std::string& passwordHash) = 0;
+
+ protected:
+  const char lockMarker_;
+};
+
+class UsernamePasswordUnlocker : public UsernamePasswordProcessor {
+ public:
+  using UsernamePasswordProcessor::UsernamePasswordProcessor;
+
+  bool Process(const std::string& user, std::string& passwordHash) override {
+    if (!passwordHash.starts_with(lockMarker_)) {
+      return true;
+    }
+    passwordHash.erase(0, 1);
+    if (!utils::unlockPassword(user)) {
+      KOVA_LOG(LOG_WARNING, 0, "Failed to unlock user: %s", user.c_str());
+    }
+    return true;
+  }
+};
+
+class UsernamePasswordLocker : public UsernamePasswordProcessor {
+ public:
+  using UsernamePasswordProcessor::UsernamePasswordProcessor;
+
+  bool Process(const std::string& user, std::string& passwordHash) override {
+    if (passwordHash.starts_with(lockMarker_)) {
+      return true;
+    }
+    passwordHash.insert(passwordHash.begin(), lockMarker_);
+    if (!utils::lockPassword(user)) {
+      KOVA_LOG(LOG_WARNING, 0, "Failed to lock user: %s", user.c_str());
+    }
+    return true;
+  }
+};
+
+bool ProcessUsernamePassword(UsernamePasswordProcessor&& processor) {
+  SystemCfgManager store;
+  std::string name;
+  std::string hash;
+  if (!openStore(kProcess, store) || !readName(kProcess, store, name) ||
+      !readPassword(kProcess, store, hash) || !processor.Process(name, hash)) {
+    return false;
+  }
+  if (!store.set(kPasswordKey, hash, nullptr)) {
+    return fail(kProcess, "Failed to update password");
+  }
+  return closeStore(kProcess, store);
+}
+
+}  // namespace
+
+bool CtlServer::changeUsernamePassword(ChangeUsernamePassword& request, Variant& reply) {
+  SystemCfgManager store;
+  std::string storedName;
+  if (!openStore(kChange, store) || !readName(kChange, store, storedName)) {
+    return false;
+  }
+  const std::string username = request.username();
+  const Secret passwordOld{request.passwordOld()};
+  const Secret passwordNew{request.passwordNew()};
+  if (!isGiven(username) && !isGiven(passwordNew.text) && !isGiven(passwordOld.text)) {
+    reply["username"] = storedName;
+    return true;
+  }
+  if (!checkClaim(username, passwordOld.text)) {
+    return false;
+  }
+  reply.Reset();
+  std::string hash;
+  bool passwordChanges = false;
+  if (!authenticate(storedName, passwordOld.text, hash) ||
+      (isGiven(passwordNew.text) &&
+       !hashNewPassword(storedName, passwordNew.text, hash, passwordChanges))) {
+    return false;
+  }
+  const bool nameChanges = username != storedName;
+  if (!nameChanges && !passwordChanges) {
+    return true;
+  }
+  if (nameChanges && !store.set(kNameKey, username, nullptr)) {
+    return fail(kChange, "Failed to update username");
+  }
+  if (passwordChanges && !store.set(kPasswordKey, hash, nullptr)) {
+    return fail(kChange, "Failed to update password");
+  }
+  return closeStore(kChange, store) && writeAccountFile(username, hash);
+}
+
+bool CtlServer::enableUsernamePassword(ipc::messages::EnableUsernamePassword&, Variant&) {
+  return ProcessUsernamePassword(UsernamePasswordUnlocker(kLockMarker));
+}
+
+bool CtlServer::disableUsernamePassword(ipc::messages::DisableUsernamePassword&, Variant&) {
+  return ProcessUsernamePassword(UsernamePasswordLocker(kLockMarker));
+}
+
+}  // namespace kova::ctlserver

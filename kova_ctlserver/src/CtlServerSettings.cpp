@@ -1,0 +1,245 @@
+#include <regex.h>
+#include <signal.h>
+
+#include <memory>
+
+#include "CtlServer.h"
+#include "kova/logger/Logger.h"
+#include "kova/syscfg/SystemCfgManager.h"
+#include "kova/utils/Process.h"
+#include "kova/utils/TimeZone.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using ipc::messages::ChangeDeviceSettings;
+using ipc::messages::kUninitialized;
+using syscfg::SystemCfgManager;
+using variant::Variant;
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "CtlServer";
+constexpr char kOperation[] = "updateSettings";
+
+constexpr char kNameKey[] = "resolv.host.1.name";
+constexpr char kTimeZoneKey[] = "system.timezone";
+constexpr char kRegionKey[] = "system.region";
+constexpr char kTimelapseKey[] = "system.timelapseminutes";
+
+constexpr char kApplyNameTool[] = "/bin/kova_cmd_apply_camera_name.sh";
+constexpr char kDiscoveryServer[] = "kova_discovery_server";
+constexpr char kBootEnvironmentTool[] = "/usr/bin/fw_setenv";
+constexpr char kBootSoundVariable[] = "kova_audioplay";
+
+constexpr char kOlsonZone[] = "^[a-zA-Z]+\\/[a-zA-Z_-]+$";
+
+/// What the steps of one request share.
+struct Update {
+  ChangeDeviceSettings& request;
+  Variant& reply;
+  const variant::CameraInfo& cameraInfo;
+  SystemCfgManager store{};
+  bool changed = false;  // whether the store has to be written back
+};
+
+bool isGiven(const std::string& field) {
+  return field != kUninitialized;
+}
+
+bool fail(const char* text) {
+  KOVA_LOG_IN(kOperation, LOG_ERR, 0, "%s", text);
+  return false;
+}
+
+bool reportRead(bool succeeded, const char* key) {
+  if (!succeeded) {
+    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to get %s", key);
+  }
+  return succeeded;
+}
+
+bool read(const Update& update, const char* key, std::string& value) {
+  return reportRead(update.store.get(key, &value, nullptr), key);
+}
+
+/// An absent setting reads as "".
+bool readOptional(const Update& update, const char* key, std::string& value) {
+  bool absent = false;
+  const bool succeeded = update.store.get(key, &value, &absent);
+  if (absent) {
+    value.clear();
+  }
+  return reportRead(succeeded, key);
+}
+
+const std::string& asText(const std::string& value) {
+  return value;
+}
+
+std::string asText(int value) {
+  return std::to_string(value);
+}
+
+/// @param changed receives whether the stored value is now another
+template <typename Value>
+bool write(Update& update, const char* key, const Value& value, bool& changed) {
+  if (!update.store.set(key, value, &changed)) {
+    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to set %s to %s", key, asText(value).c_str());
+    return false;
+  }
+  update.changed |= changed;
+  return true;
+}
+
+template <typename Value>
+bool write(Update& update, const char* key, const Value& value) {
+  bool changed = false;
+  return write(update, key, value, changed);
+}
+
+bool useTimeZone(const std::string& zone) {
+  return utils::setTimeZone(zone) || fail("Failed to write timezone");
+}
+
+/// Whether a region is given as an Olson time zone, "Area/City".
+bool isOlsonZone(const std::string& region) {
+  regex_t pattern;
+  if (regcomp(&pattern, kOlsonZone, REG_EXTENDED | REG_NOSUB) != 0) {
+    return false;
+  }
+  const std::unique_ptr<regex_t, decltype(&regfree)> owner(&pattern, regfree);
+  return regexec(&pattern, region.c_str(), 0, nullptr, 0) == 0;
+}
+
+bool openStore(Update& update) {
+  return update.store.init() || fail("Failed to initialize system.cfg manager");
+}
+
+/// The system and the discovery service carry on under the old name if they cannot be told.
+void announceName() {
+  if (utils::sysExecSimple(kApplyNameTool) != 0) {
+    fail("Failed to apply camera name");
+  }
+  utils::kill_process_by_name(kDiscoveryServer, SIGTERM);
+}
+
+bool updateName(Update& update) {
+  std::string name = update.request.name();
+  if (!isGiven(name)) {
+    if (!read(update, kNameKey, name)) {
+      return false;
+    }
+    update.reply["name"] = name;
+    return true;
+  }
+  bool changed = false;
+  if (!write(update, kNameKey, name, changed)) {
+    return false;
+  }
+  update.reply["name"] = name;
+  if (changed) {
+    announceName();
+  }
+  return true;
+}
+
+bool updateTimeZone(Update& update) {
+  std::string zone = update.request.timezone();
+  const bool updated = isGiven(zone) ? useTimeZone(zone) && write(update, kTimeZoneKey, zone)
+                                     : readOptional(update, kTimeZoneKey, zone);
+  if (updated) {
+    update.reply["timezone"] = zone;
+  }
+  return updated;
+}
+
+bool writeRegion(Update& update, const std::string& region) {
+  if (!write(update, kRegionKey, region)) {
+    return false;
+  }
+  if (!isOlsonZone(region)) {
+    return true;
+  }
+  KOVA_LOG_IN(kOperation, LOG_INFO, 0, "Found Olson format: %s", region.c_str());
+  return useTimeZone(region);
+}
+
+bool updateRegion(Update& update) {
+  std::string region = update.request.region();
+  const bool updated =
+      isGiven(region) ? writeRegion(update, region) : readOptional(update, kRegionKey, region);
+  if (updated) {
+    update.reply["region"] = region;
+  }
+  return updated;
+}
+
+bool takesTimelapses(const variant::CameraInfo& cameraInfo) {
+  const auto sysid = cameraInfo.sysid();
+  return sysid == 42321 || sysid == 42324;
+}
+
+/// The setting is on or off: whatever other tools may have stored but "1" reads as off.
+bool updateTimelapse(Update& update) {
+  if (!takesTimelapses(update.cameraInfo)) {
+    return true;
+  }
+  const int minutes = update.request.timelapseminutes();
+  bool on = minutes != 0;
+  if (minutes >= 0) {
+    if (!write(update, kTimelapseKey, minutes)) {
+      return false;
+    }
+  } else {
+    std::string stored;
+    if (!read(update, kTimelapseKey, stored)) {
+      return false;
+    }
+    on = stored == "1";
+  }
+  update.reply["timelapseminutes"] = on ? 1 : 0;
+  return true;
+}
+
+bool closeStore(Update& update) {
+  return update.store.close(update.changed, false) || fail("Failed to close system.cfg manager");
+}
+
+/// Not a field of the message's schema: acted on only when a client sends it.
+bool updateBootSound(Update& update) {
+  const Variant* soundOnBoot =
+      update.request.GetKeyChain(variant::VariantClass::Boolean, {"soundOnBoot"});
+  if (soundOnBoot == nullptr) {
+    return true;
+  }
+  const bool on = soundOnBoot->ToBool();
+  if (utils::sysExecSimple(kBootEnvironmentTool, kBootSoundVariable, on ? "1" : "0") != 0) {
+    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to set %s to %s", "soundOnBoot",
+                on ? "true" : "false");
+    return false;
+  }
+  update.reply["soundOnBoot"] = on;
+  return true;
+}
+
+}  // namespace
+
+bool CtlServer::updateSettings(ChangeDeviceSettings& request, Variant& reply) {
+  reply.Reset();
+  Update update{request, reply, cameraInfo_};
+  return openStore(update) && updateName(update) && updateTimeZone(update) &&
+         updateRegion(update) && updateTimelapse(update) && closeStore(update) &&
+         updateBootSound(update);
+}
+
+bool CtlServer::resetSettings(Variant& reply) {
+  Variant defaults;
+  defaults["timezone"] = "GMT";
+  defaults["name"] = cameraInfo_.name();
+  defaults["persist"] = true;
+  ChangeDeviceSettings request(defaults);
+  request.NormalizeFields();
+  return updateSettings(request, reply);
+}
+
+}  // namespace kova::ctlserver
