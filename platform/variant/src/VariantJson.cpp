@@ -139,8 +139,8 @@ int Variant::FromJSON(std::string_view text, Variant& result) {
   if (text.size() > kMaxJsonSize) {
     return -3;
   }
-  // RFC 8259 forbids the byte order mark that the parser would skip.
-  if (text.starts_with("\xEF\xBB\xBF")) {
+  // The parser would skip a byte order mark and take a NUL for the end; RFC 8259 allows neither.
+  if (text.starts_with("\xEF\xBB\xBF") || text.find('\0') != std::string_view::npos) {
     return -1;
   }
   Builder builder;

@@ -1,0 +1,183 @@
+#include "CtlServer.h"
+
+#include <gmock/gmock.h>
+
+#include "Platform.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using variant::Variant;
+
+constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
+constexpr char kReboot[] = "/usr/bin/reboot";
+
+struct LeaveWait {};
+
+class CtlServerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    static_cast<Variant&>(info_) = Variant(Variant::Map{
+        {"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+  }
+
+  static void fail(const std::string& failing) {
+    platform().onRun = [failing](const std::string& command) {
+      return fakes::ProcessResult{command == failing ? 1 : 0, "", ""};
+    };
+  }
+
+  variant::CameraInfo info_;
+};
+
+TEST_F(CtlServerTest, ConstructionDoesNothingVisible) {
+  CtlServer server(info_);
+  EXPECT_THAT(platform().journal, IsEmpty());
+}
+
+TEST_F(CtlServerTest, AStatisticsEngineThatFailsEndsInitWithItsResult) {
+  platform().stats.initResult = 17;
+  CtlServer server(info_);
+  EXPECT_FALSE(server.init(nullptr));
+  ASSERT_EQ(platform().log.size(), 1U);
+  EXPECT_EQ(platform().log[0].text, "Failed to initialize system statistics engine, res=17");
+  EXPECT_EQ(platform().log[0].level, 3);
+  EXPECT_EQ(platform().log[0].unit, "CtlServer");
+  EXPECT_EQ(platform().log[0].function, "init");
+  EXPECT_THAT(platform().journal, ElementsAre("InitializeStatsLib")) << "later steps do not run";
+}
+
+TEST_F(CtlServerTest, TheStatisticsEngineIsClosedOnlyWhenItWasOpened) {
+  {
+    CtlServer server(info_);
+    ASSERT_TRUE(server.init(nullptr));
+  }
+  EXPECT_THAT(platform().journal, Contains("CloseStatsLib"));
+  platform().journal.clear();
+  { CtlServer server(info_); }
+  EXPECT_THAT(platform().journal, Not(Contains("CloseStatsLib")));
+}
+
+TEST_F(CtlServerTest, APendingSaveIsWrittenLastWhenTheServerGoes) {
+  {
+    CtlServer server(info_);
+    ASSERT_TRUE(server.init(nullptr));
+    platform().journal.clear();
+    server.persist(false);
+  }
+  EXPECT_THAT(platform().journal, ElementsAre("CloseStatsLib", std::string("run ") + kSave));
+}
+
+TEST_F(CtlServerTest, ServiceReportsAFailingSaveAndGoesOn) {
+  CtlServer server(info_);
+  fail(kSave);
+  server.persist(false);
+  platform().nowMs += 5001;
+  EXPECT_TRUE(server.service(0));
+  // One line of Persistence's own, one of the server.
+  ASSERT_EQ(platform().log.size(), 2U);
+  EXPECT_EQ(platform().log[1].unit, "CtlServer");
+  EXPECT_EQ(platform().log[1].function, "service");
+  EXPECT_EQ(platform().log[1].text, "Failed to persist");
+  EXPECT_EQ(platform().log[1].level, 3);
+  platform().onRun = nullptr;
+}
+
+TEST_F(CtlServerTest, PersistDefersAndASecondCallPushesBack) {
+  CtlServer server(info_);
+  EXPECT_TRUE(server.persist(false));
+  platform().nowMs += 3000;
+  EXPECT_TRUE(server.persist(false));
+  platform().nowMs += 5000;
+  server.service(0);
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 1;
+  server.service(0);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+}
+
+TEST_F(CtlServerTest, ASynchronousPersistWritesAtOnceAndTellsHowItWent) {
+  CtlServer server(info_);
+  EXPECT_TRUE(server.persist(true));
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+  fail(kSave);
+  EXPECT_FALSE(server.persist(true));
+  platform().onRun = nullptr;
+}
+
+TEST_F(CtlServerTest, AFactoryResetDropsAPendingSave) {
+  CtlServer server(info_);
+  server.persist(false);
+  EXPECT_TRUE(server.resetToDefaults());
+  platform().nowMs += 5001;
+  server.service(0);
+  server.service(0);
+  EXPECT_THAT(platform().commands, ElementsAre("/bin/cfgmtd -c", kReboot));
+}
+
+TEST_F(CtlServerTest, RebootWaitsThenSavesThenReboots) {
+  CtlServer server(info_);
+  EXPECT_TRUE(server.reboot(false, 250, true));
+  EXPECT_THAT(platform().journal,
+              ElementsAre("sleep 250", std::string("run ") + kSave, std::string("run ") + kReboot));
+}
+
+TEST_F(CtlServerTest, RebootWithoutSavingRunsTheRebootAlone) {
+  CtlServer server(info_);
+  EXPECT_TRUE(server.reboot(false, 0, false));
+  EXPECT_THAT(platform().commands, ElementsAre(kReboot));
+}
+
+TEST_F(CtlServerTest, RebootGoesOnWhenTheSaveFails) {
+  CtlServer server(info_);
+  fail(kSave);
+  server.reboot(false, 0, true);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kReboot));
+  EXPECT_EQ(platform().log.back().unit, "CtlServer");
+  EXPECT_EQ(platform().log.back().function, "reboot");
+  EXPECT_EQ(platform().log.back().text, "Failed to persist");
+}
+
+TEST_F(CtlServerTest, RebootEntersItsEndlessWaitEvenWhenTheCommandFailed) {
+  CtlServer server(info_);
+  fail(kReboot);
+  platform().onSleep = [waits = 0](int milliseconds) mutable {
+    if (milliseconds == 1000 && ++waits == 5) {
+      throw LeaveWait();
+    }
+  };
+  EXPECT_THROW(server.reboot(true, 0, false), LeaveWait);
+  EXPECT_TRUE(platform().logged(3, "Failed to perform reboot"));
+  EXPECT_EQ(platform().log.back().text, "Entering reboot wait mode");
+  EXPECT_EQ(platform().log.back().level, 6);
+}
+
+TEST_F(CtlServerTest, ServicesAreStartedAndStoppedByThePlatformAlone) {
+  CtlServer server(info_);
+  platform().onService = [](const std::string& verb, const std::string& name) {
+    return verb == "start" || name.empty();
+  };
+  ipc::messages::StartService start{Variant(Variant::Map{{"service", "ntpd; reboot"}})};
+  EXPECT_TRUE(server.startService(start));
+  ipc::messages::StopService stop{Variant(Variant::Map{{"service", "ntpd"}})};
+  EXPECT_FALSE(server.stopService(stop));
+  EXPECT_THAT(platform().journal, ElementsAre("EnableService ntpd; reboot", "DisableService ntpd"));
+}
+
+TEST_F(CtlServerTest, AServiceThatIsNoTextIsTheEmptyName) {
+  CtlServer server(info_);
+  ipc::messages::StartService none;
+  EXPECT_TRUE(server.startService(none));
+  ipc::messages::StopService number{Variant(Variant::Map{{"service", 12}})};
+  EXPECT_TRUE(server.stopService(number));
+  EXPECT_THAT(platform().journal, ElementsAre("EnableService ", "DisableService "));
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

@@ -1,0 +1,165 @@
+#include <gmock/gmock.h>
+
+#include "CtlCommandsHandler.h"
+#include "CtlServer.h"
+#include "Platform.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using ipc::messages::BaseRequestMessage;
+using ipc::messages::BaseResponseMessage;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using variant::Variant;
+using Map = Variant::Map;
+
+constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
+
+struct LeaveWait {};
+
+class DispatchTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    static_cast<Variant&>(info_) =
+        Variant(Map{{"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+  }
+
+  bool handle(Map content) {
+    BaseRequestMessage request{Variant(std::move(content))};
+    bool rejected = false;
+    const bool result = handler_.HandleRequest(request, rejected);
+    EXPECT_FALSE(rejected) << "the flag is left alone";
+    return result;
+  }
+
+  static const Variant& lastResponse() { return platform().bus.responses.back().second; }
+
+  variant::CameraInfo info_;
+  ipc::Ipc ipc_;
+  CtlServer server_{info_};
+  CtlCommandsHandler handler_{&ipc_, &server_};
+};
+
+TEST_F(DispatchTest, TheHandlerHasItsName) {
+  EXPECT_EQ(handler_.name(), "CtlHandler");
+}
+
+TEST_F(DispatchTest, AnEmptyStatisticsRequestExpectsAResponse) {
+  EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}, {"id", 77}, {"from", "peer"}}));
+  ASSERT_EQ(platform().bus.responses.size(), 1U);
+  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
+  EXPECT_EQ(*lastResponse().Find("functionName"), Variant("__response__"));
+  EXPECT_NE(lastResponse().Find("payload")->Find("memory"), nullptr);
+}
+
+TEST_F(DispatchTest, AFailedOperationAnswersOneWithWhatWasFilled) {
+  platform().stats.loadResult = 1;
+  EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}}));
+  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{1}));
+  EXPECT_NE(lastResponse().Find("payload")->Find("cpuinfo"), nullptr);
+  EXPECT_EQ(lastResponse().Find("payload")->Find("loadavg"), nullptr);
+}
+
+TEST_F(DispatchTest, ARequestThatExpectsNoResponseIsCarriedOutAndNotAnswered) {
+  EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}, {"responseExpected", false}}));
+  EXPECT_TRUE(handle({{"functionName", "SaveToFlash"}, {"sync", true}}));
+  EXPECT_TRUE(handle({{"functionName", "ResetToDefaults"}}));
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+  EXPECT_THAT(platform().bus.responses, IsEmpty());
+}
+
+TEST_F(DispatchTest, TheResultOfSendingTheResponseIsPassedOn) {
+  platform().bus.sendResult = false;
+  EXPECT_FALSE(handle({{"functionName", "GetSystemStats"}}));
+}
+
+TEST_F(DispatchTest, ADeferredSaveIsAnsweredBeforeItIsWritten) {
+  EXPECT_TRUE(handle({{"functionName", "SaveToFlash"}, {"responseExpected", true}}));
+  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
+  EXPECT_TRUE(lastResponse().Find("payload")->IsEmpty());
+  EXPECT_THAT(platform().commands, IsEmpty());
+}
+
+TEST_F(DispatchTest, ASynchronousSaveIsAnsweredAfterItWasWrittenOrFailed) {
+  const Map request{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}};
+  EXPECT_TRUE(handle(request));
+  EXPECT_THAT(platform().journal, ElementsAre(std::string("run ") + kSave, "Ipc::SendResponse"));
+  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
+  platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
+  EXPECT_TRUE(handle(request));
+  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{1}));
+  platform().onRun = nullptr;
+}
+
+TEST_F(DispatchTest, AFactoryResetIsOnlyScheduledAndAlwaysAnsweredZero) {
+  EXPECT_TRUE(handle({{"functionName", "ResetToDefaults"}, {"responseExpected", true}}));
+  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 5001;
+  server_.service(0);
+  EXPECT_THAT(platform().commands, ElementsAre("/bin/cfgmtd -c", "/usr/bin/reboot"));
+}
+
+TEST_F(DispatchTest, ExitServiceSetsTheFlagAndIsNeverAnswered) {
+  EXPECT_FALSE(handler_.exitRequested());
+  EXPECT_TRUE(handle({{"functionName", "ExitService"}, {"responseExpected", true}}));
+  EXPECT_TRUE(handler_.exitRequested());
+  EXPECT_THAT(platform().bus.responses, IsEmpty());
+}
+
+TEST_F(DispatchTest, RebootWaitsItsDelaySavesRebootsAndNeverReturns) {
+  platform().onSleep = [waits = 0](int milliseconds) mutable {
+    if (milliseconds == 1000 && ++waits == 3) {
+      throw LeaveWait();
+    }
+  };
+  EXPECT_THROW(handle({{"functionName", "Reboot"}, {"delayMs", 700}, {"responseExpected", true}}),
+               LeaveWait);
+  EXPECT_THAT(platform().journal,
+              ElementsAre("sleep 700", std::string("run ") + kSave, "run /usr/bin/reboot",
+                          "sleep 1000", "sleep 1000", "sleep 1000"));
+}
+
+TEST_F(DispatchTest, ServiceAttemptsAreLoggedWithWhoAndHowItWent) {
+  platform().onService = [](const std::string&, const std::string& name) { return name == "sshd"; };
+  EXPECT_TRUE(handle({{"functionName", "StartService"}, {"from", "manager"}, {"service", "sshd"}}));
+  EXPECT_TRUE(handle({{"functionName", "StopService"},
+                      {"from", "manager"},
+                      {"service", "nosuch"},
+                      {"responseExpected", true}}));
+  ASSERT_EQ(platform().log.size(), 2U);
+  EXPECT_EQ(platform().log[0].text, "manager tried to start sshd service and succeeded");
+  EXPECT_EQ(platform().log[1].text, "manager tried to stop nosuch service and failed");
+  for (const auto& line : platform().log) {
+    EXPECT_EQ(line.level, 6);
+    EXPECT_EQ(line.function, "HandleRequest");
+    EXPECT_EQ(line.unit, "CtlServer");
+  }
+  ASSERT_EQ(platform().bus.responses.size(), 1U) << "StartService expects no response by default";
+  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{1}));
+}
+
+TEST_F(DispatchTest, NamesAreComparedExactly) {
+  for (const Variant& name : {Variant("reboot"), Variant("Reboot "), Variant(""), Variant(1),
+                              Variant(std::string("Reboot\0", 7)), Variant("NoSuchFunction")}) {
+    EXPECT_TRUE(handle({{"functionName", name}, {"responseExpected", true}}));
+  }
+  EXPECT_THAT(platform().journal, IsEmpty());
+  EXPECT_THAT(platform().bus.responses, IsEmpty());
+}
+
+TEST_F(DispatchTest, ResponsesToTheDaemonAreIgnored) {
+  BaseRequestMessage request;
+  BaseResponseMessage response;
+  bool flag = false;
+  EXPECT_TRUE(handler_.HandleResponse(request, response, flag));
+  handler_.MessageSentSuccessfully(request, flag);
+  EXPECT_FALSE(flag);
+  EXPECT_THAT(platform().journal, IsEmpty());
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

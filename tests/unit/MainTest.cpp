@@ -1,0 +1,185 @@
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <algorithm>
+
+#include "CtlCommandsHandler.h"
+#include "Platform.h"
+#include "WirelessKeys.h"
+
+int kova_ctlserver_main();
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using variant::Variant;
+using Map = Variant::Map;
+
+/// Runs the daemon's entry in a child process, since its signal flag lasts as long as the process.
+/// The child's result is its exit status; what the fakes recorded is checked there.
+class MainTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    platform().cameraInfo =
+        Variant(Map{{"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+  }
+
+  /// True when `check` holds in the child after the entry returned `status`.
+  template <typename Check>
+  static void expectRun(int status, Check check) {
+    EXPECT_EXIT(
+        {
+          const int result = kova_ctlserver_main();
+          if (result != status) {
+            std::fprintf(stderr, "status %d, not %d\n", result, status);
+            _exit(2);
+          }
+          check();
+          std::fprintf(stderr, "journal: %s\nlog: %s\n",
+                       testing::PrintToString(platform().journal).c_str(),
+                       testing::PrintToString(platform().logTexts()).c_str());
+          _exit(testing::Test::HasFailure() ? 3 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+  }
+
+  /// What happened from the first `from` on.
+  static std::vector<std::string> journalFrom(const std::string& from) {
+    const auto& all = platform().journal;
+    return {std::find(all.begin(), all.end(), from), all.end()};
+  }
+};
+
+bool onceThen(int passes, const std::function<void()>& act) {
+  static int count = 0;
+  if (++count == passes) {
+    act();
+  }
+  return true;
+}
+
+TEST_F(MainTest, StartsInOrderRegistersEveryFunctionAndStopsInOrder) {
+  platform().bus.onService = [] { return onceThen(2, [] { raise(SIGTERM); }); };
+  expectRun(0, [] {
+    std::vector<std::string> expected = {"InstallCrashDumpHandler", "Ipc::GetInstance",
+                                         "CameraInfo::Init", "InitializeStatsLib"};
+    const auto& journal = platform().journal;
+    ASSERT_GE(journal.size(), expected.size());
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), journal.begin()));
+
+    std::vector<std::string> registered;
+    std::copy_if(journal.begin(), journal.end(), std::back_inserter(registered),
+                 [](const auto& event) { return event.starts_with("Ipc::AddHandler"); });
+    std::vector<std::string> wanted;
+    for (const auto name : CtlCommandsHandler::functionNames()) {
+      wanted.push_back("Ipc::AddHandler \"" + std::string(name) + "\" CtlHandler");
+    }
+    wanted.emplace_back("Ipc::AddHandler \"\" CatchAllHandlerRejector");
+    EXPECT_EQ(registered, wanted);
+
+    auto run = journalFrom("Ipc::Init kova_ctlserver");
+    std::erase_if(run, [](const auto& event) { return event.starts_with("BaseButton"); });
+    EXPECT_THAT(run, ElementsAre("Ipc::Init kova_ctlserver", "Ipc::Service", "sleep 10",
+                                 "Ipc::Service", "sleep 10", "CloseStatsLib", "Ipc::FreeInstance"));
+    EXPECT_TRUE(platform().logged(6, "SIGTERM received"));
+    EXPECT_EQ(platform().log.back().unit, "main");
+    EXPECT_EQ(platform().log.back().function, "main");
+  });
+}
+
+TEST_F(MainTest, WithoutACrashHandlerItStopsBeforeAnythingElse) {
+  platform().crashHandlerResult = false;
+  expectRun(-1, [] {
+    EXPECT_THAT(platform().journal, ElementsAre("InstallCrashDumpHandler"));
+    EXPECT_TRUE(platform().logged(3, "Unable to install the crash dump handler"));
+  });
+}
+
+TEST_F(MainTest, WithoutADeviceDescriptionItStops) {
+  platform().cameraInfoResult = false;
+  expectRun(-1, [] {
+    EXPECT_TRUE(platform().logged(3, "Failed to read CameraInfo"));
+    EXPECT_THAT(platform().journal, ElementsAre("InstallCrashDumpHandler", "Ipc::GetInstance",
+                                                "CameraInfo::Init", "Ipc::FreeInstance"));
+  });
+}
+
+TEST_F(MainTest, AServerThatCannotBeInitialisedStopsItBeforeAnyRegistration) {
+  platform().stats.initResult = 5;
+  expectRun(-1, [] {
+    EXPECT_TRUE(platform().logged(3, "Failed to initialize CtlServer"));
+    EXPECT_THAT(platform().journal,
+                ElementsAre("InstallCrashDumpHandler", "Ipc::GetInstance", "CameraInfo::Init",
+                            "InitializeStatsLib", "Ipc::FreeInstance"));
+  });
+}
+
+TEST_F(MainTest, ABusThatCannotBeJoinedStopsItThroughTheTeardown) {
+  platform().bus.initResult = false;
+  expectRun(-1, [] {
+    EXPECT_TRUE(platform().logged(3, "Failed to initialize IPC"));
+    EXPECT_THAT(journalFrom("Ipc::Init kova_ctlserver"),
+                ElementsAre("Ipc::Init kova_ctlserver", "CloseStatsLib", "Ipc::FreeInstance"));
+  });
+}
+
+TEST_F(MainTest, ALostBusEndsTheLoopWithAFailure) {
+  platform().bus.onService = [] { return false; };
+  expectRun(-1, [] {
+    EXPECT_TRUE(platform().logged(3, "Failed to service IPC"));
+    EXPECT_THAT(journalFrom("Ipc::Service"),
+                ElementsAre("Ipc::Service", "CloseStatsLib", "Ipc::FreeInstance"));
+  });
+}
+
+TEST_F(MainTest, ExitServiceStopsItAtTheNextCheckWithoutALogLine) {
+  platform().bus.pending.push_back(
+      Variant(Map{{"functionName", "ExitService"}, {"responseExpected", true}}));
+  expectRun(0, [] {
+    EXPECT_THAT(platform().log, IsEmpty());
+    EXPECT_THAT(platform().bus.responses, IsEmpty());
+    EXPECT_EQ(std::count(platform().journal.begin(), platform().journal.end(), "Ipc::Service"), 1);
+  });
+}
+
+TEST_F(MainTest, OfBothFlagsTheExitFlagIsCheckedFirst) {
+  platform().bus.pending.push_back(Variant(Map{{"functionName", "ExitService"}}));
+  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
+  expectRun(0, [] { EXPECT_FALSE(platform().logged(6, "SIGTERM received")); });
+}
+
+TEST_F(MainTest, ASaveThatWasPendingIsWrittenDuringTeardownWhichASecondSigtermDoesNotInterrupt) {
+  platform().bus.pending.push_back(Variant(Map{{"functionName", "SaveToFlash"}}));
+  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
+  platform().onRun = [](const std::string&) {
+    raise(SIGTERM);
+    return fakes::ProcessResult{};
+  };
+  expectRun(0, [] {
+    EXPECT_THAT(
+        journalFrom("CloseStatsLib"),
+        ElementsAre("CloseStatsLib", "run /bin/cfgmtd -w -p /etc/ -m", "Ipc::FreeInstance"));
+    EXPECT_TRUE(platform().logged(6, "Persisted"));
+  });
+}
+
+TEST_F(MainTest, ARequestForAnUnknownNameReachesTheRejector) {
+  platform().bus.pending.push_back(Variant(Map{{"functionName", "NoSuchFunction"}}));
+  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
+  expectRun(0, [] { EXPECT_THAT(platform().bus.unhandled, ElementsAre("NoSuchFunction")); });
+}
+
+TEST(WirelessKeys, AreTheAccessPointsOwn) {
+  using namespace wireless;
+  EXPECT_THAT(
+      (std::vector{kChannel, kCtrlInterface, kDriver, kVendorElements, kInterface, kHwMode, kSsid}),
+      ElementsAre("channel", "ctrl_interface", "driver", "vendor_elements", "interface", "hw_mode",
+                  "ssid"));
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

@@ -1,0 +1,194 @@
+#include "Persistence.h"
+
+#include <gmock/gmock.h>
+
+#include "Platform.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
+constexpr char kErase[] = "/bin/cfgmtd -c";
+constexpr char kReboot[] = "/usr/bin/reboot";
+
+class PersistenceTest : public testing::Test {
+ protected:
+  void SetUp() override { fakes::reset(); }
+
+  static void fail(const std::string& failing) {
+    platform().onRun = [failing](const std::string& command) {
+      return fakes::ProcessResult{command == failing ? 1 : 0, "", ""};
+    };
+  }
+
+  /// Services every 10 ms for so long.
+  void pass(int milliseconds) {
+    for (int elapsed = 0; elapsed < milliseconds; elapsed += 10) {
+      platform().nowMs += 10;
+      persistence_.service();
+    }
+  }
+
+  Persistence persistence_;
+};
+
+TEST_F(PersistenceTest, NothingPendingRunsNoCommand) {
+  EXPECT_TRUE(persistence_.persist(false));
+  EXPECT_TRUE(persistence_.reset());
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, IsEmpty());
+  EXPECT_THAT(platform().log, IsEmpty());
+}
+
+TEST_F(PersistenceTest, AForcedSaveRunsWithNothingPending) {
+  EXPECT_TRUE(persistence_.persist(true));
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+  ASSERT_EQ(platform().log.size(), 1U);
+  EXPECT_EQ(platform().log[0].unit, "Persistence");
+  EXPECT_EQ(platform().log[0].function, "persist");
+  EXPECT_TRUE(platform().logged(6, "Persisted"));
+}
+
+TEST_F(PersistenceTest, ASaveRunsOnceMoreThanFiveSecondsHavePassed) {
+  persistence_.enqueue();
+  platform().nowMs += 5000;
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 1;
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+  pass(20000);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "once only";
+}
+
+TEST_F(PersistenceTest, ThreeSavesTwoSecondsApartAreWrittenOnceAfterTheThird) {
+  persistence_.enqueue();
+  pass(2000);
+  persistence_.enqueue();
+  pass(2000);
+  persistence_.enqueue();
+  pass(5000);
+  EXPECT_THAT(platform().commands, IsEmpty());
+  pass(10);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+}
+
+TEST_F(PersistenceTest, AForcedSaveSettlesAPendingOne) {
+  persistence_.enqueue();
+  persistence_.persist(true);
+  pass(10000);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+}
+
+TEST_F(PersistenceTest, AFailedSaveIsLoggedAndTriedAgainAtEveryPass) {
+  fail(kSave);
+  persistence_.enqueue();
+  platform().nowMs += 5001;
+  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
+  EXPECT_TRUE(platform().logged(3, "Failed to persist"));
+  platform().onRun = nullptr;
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave, kSave));
+}
+
+TEST_F(PersistenceTest, CancelDropsASaveButNotAReset) {
+  persistence_.enqueue();
+  persistence_.enqueueReset();
+  persistence_.cancel();
+  pass(6000);
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
+}
+
+TEST_F(PersistenceTest, AResetErasesAndRebootsOnceMoreThanFiveSecondsHavePassed) {
+  persistence_.enqueueReset();
+  platform().nowMs += 5000;
+  persistence_.service();
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 1;
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
+  EXPECT_TRUE(platform().logged(6, "Reset to defaults"));
+  EXPECT_EQ(platform().log[0].function, "reset");
+  pass(20000);
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
+}
+
+TEST_F(PersistenceTest, AFailedEraseIsLoggedAtEveryPassAndDoesNotReboot) {
+  fail(kErase);
+  persistence_.enqueueReset();
+  platform().nowMs += 5001;
+  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kErase));
+  EXPECT_THAT(platform().logTexts(), ElementsAre("Failed to reset", "Failed to reset"));
+  EXPECT_EQ(platform().log[0].level, 3);
+  platform().onRun = nullptr;  // the destructor tries once more
+}
+
+TEST_F(PersistenceTest, AFailedRebootAfterTheEraseIsLoggedOnceAndNotRetried) {
+  fail(kReboot);
+  persistence_.enqueueReset();
+  platform().nowMs += 5001;
+  EXPECT_TRUE(persistence_.service());
+  pass(10000);
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
+  EXPECT_THAT(platform().logTexts(), ElementsAre("Reset to defaults", "Failed to perform reboot"));
+  EXPECT_EQ(platform().log[1].level, 3);
+}
+
+TEST_F(PersistenceTest, OfASaveAndAResetBothDueTheSaveRunsFirstAndTheResetInALaterPass) {
+  persistence_.enqueue();
+  persistence_.enqueueReset();
+  platform().nowMs += 5001;
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
+}
+
+TEST_F(PersistenceTest, AFailingSaveHoldsADueResetBack) {
+  fail(kSave);
+  persistence_.enqueue();
+  persistence_.enqueueReset();
+  platform().nowMs += 5001;
+  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
+  platform().onRun = nullptr;
+}
+
+TEST_F(PersistenceTest, AResetDropsASaveThatWasAskedForMeanwhile) {
+  persistence_.enqueueReset();
+  platform().nowMs += 4000;
+  persistence_.enqueue();
+  platform().nowMs += 1001;
+  EXPECT_TRUE(persistence_.service());
+  pass(10000);
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
+}
+
+TEST(PersistenceAtExit, WritesAPendingSaveThenCarriesOutAPendingReset) {
+  fakes::reset();
+  {
+    Persistence persistence;
+    persistence.enqueue();
+    persistence.enqueueReset();
+  }
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
+}
+
+TEST(PersistenceAtExit, RunsNothingWhenNothingIsPending) {
+  fakes::reset();
+  { Persistence persistence; }
+  EXPECT_THAT(platform().commands, IsEmpty());
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

@@ -1,0 +1,224 @@
+#include <gmock/gmock.h>
+
+#include <cstring>
+
+#include "CtlServer.h"
+#include "Platform.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using ipc::messages::GetSystemStats;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using variant::Variant;
+using Map = Variant::Map;
+
+class StatsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    describe({{"feature_wifi", 1}, {"feature_battery", 1}});
+    auto& stats = platform().stats;
+    stats.memory = {1000, 400};
+    stats.cpu.count = 2;
+    stats.cpu.percent[0] = 10;
+    stats.cpu.percent[1] = 20;
+    stats.cpuInfo = {" ARMv8 Processor \n", "\tfp asimd "};
+    stats.load = {0.5F, 1.25F, 2.0F};
+    stats.network.count = 2;
+    stats.network.interfaces[0] = {"wlan0", 1, 2, 3, 4};
+    stats.network.interfaces[1] = {" eth0\n", 5, 6, 7, 8};
+    stats.defaultInterface = "eth0";
+    setWifi(0, "wlan0", -50);
+    setWifi(1, "eth0", -60);
+    stats.wifi.count = 2;
+    stats.uptime = {86400};
+    stats.battery = {77, true};
+  }
+
+  void describe(Map description) { static_cast<Variant&>(info_) = Variant(std::move(description)); }
+
+  static void setWifi(std::size_t slot, const char* name, std::int32_t signal) {
+    auto& record = platform().stats.wifi.interfaces.at(slot);
+    std::memset(record.name, 0, sizeof record.name);
+    std::strncpy(record.name, name, sizeof record.name - 1);
+    record.signalDbm = signal;
+  }
+
+  bool read(Map request = {}) {
+    GetSystemStats message{Variant(std::move(request))};
+    message.NormalizeFields();
+    return server_.readStats(message, reply_);
+  }
+
+  static Map without(const std::string& kept) {
+    Map flags;
+    for (const char* key :
+         {"memory", "cpu", "cpuInfo", "loadavg", "network", "wifi", "uptime", "battery"}) {
+      flags[key] = key == kept;
+    }
+    return flags;
+  }
+
+  variant::CameraInfo info_;
+  CtlServer server_{info_};
+  Variant reply_{"left over"};
+};
+
+TEST_F(StatsTest, AFullRequestIsAnsweredWithEverySectionInItsTypes) {
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_,
+            Variant(Map{
+                {"memory", Map{{"totalKb", 1000U}, {"freeKb", 400U}}},
+                {"cpu", Map{{"cnt", std::uint8_t{2}}, {"arr", Variant::Array{10U, 20U}}}},
+                {"cpuinfo", Map{{"processor", "ARMv8 Processor"}, {"features", "fp asimd"}}},
+                {"loadavg", Map{{"01min", 0.5}, {"05min", 1.25}, {"15min", 2.0}}},
+                {"network", Map{{"numifaces", std::uint8_t{2}},
+                                {"name", "eth0"},
+                                {"bytesRx", std::uint64_t{5}},
+                                {"bytesTx", std::uint64_t{6}},
+                                {"upBps", std::uint64_t{7}},
+                                {"dnBps", std::uint64_t{8}}}},
+                {"wifi", Map{{"signalStrength", -60}, {"quality", 80}}},
+                {"uptime", Map{{"sec", std::uint64_t{86400}}}},
+                {"battery", Map{{"percentage", 77U}, {"isCharging", true}}},
+            }));
+}
+
+TEST_F(StatsTest, TheSourcesAreReadInOrder) {
+  ASSERT_TRUE(read());
+  EXPECT_THAT(platform().journal,
+              ElementsAre("GetMemoryStats", "GetCpuStats", "GetCpuInfo", "GetLoadAverage",
+                          "GetNetworkStats", "GetWiFiStats", "GetUptimeStats", "GetBatteryInfo"));
+}
+
+TEST_F(StatsTest, EachFlagSelectsItsSection) {
+  const std::pair<const char*, const char*> sections[] = {
+      {"memory", "memory"},   {"cpu", "cpu"},   {"cpuInfo", "cpuinfo"}, {"loadavg", "loadavg"},
+      {"network", "network"}, {"wifi", "wifi"}, {"uptime", "uptime"},   {"battery", "battery"}};
+  for (const auto& [flag, section] : sections) {
+    ASSERT_TRUE(read(without(flag)));
+    EXPECT_EQ(reply_.Size(), 1U) << flag;
+    EXPECT_NE(reply_.Find(section), nullptr) << flag;
+  }
+}
+
+TEST_F(StatsTest, ARequestForNothingYieldsAnEmptyMap) {
+  EXPECT_TRUE(read(without("")));
+  EXPECT_EQ(reply_, Variant(Map{}));
+  EXPECT_THAT(platform().journal, IsEmpty());
+}
+
+TEST_F(StatsTest, AFailingReaderIsLoggedAndEndsTheReadingWithWhatWasFilled) {
+  struct Case {
+    int fakes::Statistics::*result;
+    const char* text;
+    std::vector<std::string> kept;
+  };
+  const Case cases[] = {
+      {&fakes::Statistics::memoryResult, "Failed to read memory statistics (5)", {}},
+      {&fakes::Statistics::cpuResult, "Failed to read cpu statistics (5)", {"memory"}},
+      {&fakes::Statistics::cpuInfoResult, "Failed to read cpu info (5)", {"cpu", "memory"}},
+      {&fakes::Statistics::loadResult,
+       "Failed to read load average (5)",
+       {"cpu", "cpuinfo", "memory"}},
+      {&fakes::Statistics::networkResult,
+       "Failed to read network statistics (5)",
+       {"cpu", "cpuinfo", "loadavg", "memory"}},
+      {&fakes::Statistics::wifiResult,
+       "Failed to read Wi-Fi statistics (5)",
+       {"cpu", "cpuinfo", "loadavg", "memory", "network"}},
+      {&fakes::Statistics::uptimeResult,
+       "Failed to read uptime (5)",
+       {"cpu", "cpuinfo", "loadavg", "memory", "network", "wifi"}},
+  };
+  for (const auto& test : cases) {
+    platform().log.clear();
+    platform().stats.*test.result = 5;
+    EXPECT_FALSE(read()) << test.text;
+    platform().stats.*test.result = 0;
+    ASSERT_EQ(platform().log.size(), 1U) << test.text;
+    EXPECT_EQ(platform().log[0].text, test.text);
+    EXPECT_EQ(platform().log[0].level, 3);
+    EXPECT_EQ(platform().log[0].unit, "CtlServer");
+    EXPECT_EQ(platform().log[0].function, "readStats");
+    std::vector<std::string> keys;
+    for (const auto& [key, section] : reply_.Elements()) {
+      keys.push_back(key);
+    }
+    EXPECT_EQ(keys, test.kept) << test.text;
+  }
+}
+
+TEST_F(StatsTest, AFailingBatteryIsLoggedWithoutACode) {
+  platform().stats.batteryResult = false;
+  EXPECT_FALSE(read());
+  EXPECT_TRUE(platform().logged(3, "Failed to read battery statistics"));
+  EXPECT_EQ(reply_.Find("battery"), nullptr);
+  EXPECT_NE(reply_.Find("uptime"), nullptr);
+}
+
+TEST_F(StatsTest, AModelWithoutWifiOrBatteryNeverReportsThem) {
+  describe({{"feature_wifi", 0}, {"feature_battery", 0}});
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_.Find("wifi"), nullptr);
+  EXPECT_EQ(reply_.Find("battery"), nullptr);
+  EXPECT_EQ(reply_.Size(), 6U);
+}
+
+TEST_F(StatsTest, AFeatureIsReadAsASignedByte) {
+  describe({{"feature_wifi", 256}, {"feature_battery", -1}});
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_.Find("wifi"), nullptr);
+  EXPECT_NE(reply_.Find("battery"), nullptr);
+}
+
+TEST_F(StatsTest, ADefaultInterfaceThatIsNotReportedFallsBackToTheFirst) {
+  platform().stats.defaultInterface = "usb0";
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["network"]["name"], Variant("wlan0"));
+  EXPECT_EQ(reply_["network"]["bytesRx"], Variant(std::uint64_t{1}));
+}
+
+TEST_F(StatsTest, WithoutInterfacesTheNetworkHoldsOnlyTheirNumber) {
+  platform().stats.network.count = 0;
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["network"], Variant(Map{{"numifaces", std::uint8_t{0}}}));
+}
+
+TEST_F(StatsTest, WithoutAMatchTheWifiSlotAfterTheReportedOnesIsReported) {
+  platform().stats.defaultInterface = "usb0";
+  setWifi(2, "stale", -42);
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["wifi"], Variant(Map{{"signalStrength", -42}, {"quality", 116}}));
+}
+
+TEST_F(StatsTest, AWifiNameIsMatchedExactly) {
+  setWifi(1, "eth0 ", -10);
+  setWifi(2, "", -100);
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["wifi"], Variant(Map{{"signalStrength", -100}, {"quality", 0}}));
+}
+
+TEST_F(StatsTest, ADescriptionThatLacksAFeatureEndsTheProcessEvenWhenNothingIsAskedFor) {
+  describe({{"feature_battery", 0}});
+  EXPECT_THROW(read(without("")), fakes::ForcedCrash);
+  EXPECT_TRUE(platform().logged(3, "Key \"feature_wifi\" not available"));
+  describe({{"feature_wifi", 0}});
+  EXPECT_THROW(read(without("")), fakes::ForcedCrash);
+  EXPECT_TRUE(platform().logged(3, "Key \"feature_battery\" not available"));
+}
+
+TEST_F(StatsTest, AMistypedFeatureOrDescriptionEndsTheProcess) {
+  describe({{"feature_wifi", true}, {"feature_battery", 0}});
+  EXPECT_THROW(read(), fakes::ForcedCrash);
+  EXPECT_TRUE(platform().logged(3, "Key \"feature_wifi\" has a different type than expected"));
+  static_cast<Variant&>(info_) = Variant("no map");
+  EXPECT_THROW(read(), fakes::ForcedCrash);
+  EXPECT_TRUE(platform().logged(3, "Invalid variant type detected"));
+}
+
+}  // namespace
+}  // namespace kova::ctlserver
