@@ -1,0 +1,214 @@
+#include "kova/ipc/BusMonitor.h"
+
+#include <cerrno>
+#include <map>
+#include <set>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "Names.h"
+#include "Protocol.h"
+#include "SdBus.h"
+#include "Wire.h"
+
+namespace kova::ipc {
+namespace {
+
+constexpr char kDriver[] = "org.freedesktop.DBus";
+constexpr char kDriverPath[] = "/org/freedesktop/DBus";
+constexpr int kMaxMessages = 128;
+
+std::string text(const char* maybe) {
+  return maybe != nullptr ? maybe : "";
+}
+
+}  // namespace
+
+class BusMonitor::Connection {
+ public:
+  bool Open(std::string& error);
+  bool Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink);
+
+ private:
+  using Sink = std::function<void(const SeenMessage&)>;
+  /// Caller's unique name and serial number: what an answer refers to.
+  using CallId = std::pair<std::string, std::uint64_t>;
+
+  bool LearnOwners(std::string& error);
+  bool BecomeMonitor(std::string& error);
+  int Drain(const Sink& sink);
+  void See(sd_bus_message* message, const Sink& sink);
+  void SeeOwnerChange(sd_bus_message* signal);
+  bool SeeCall(sd_bus_message* call);
+  bool SeeAnswer(sd_bus_message* answer);
+  void Forget(const std::string& unique);
+  /// The endpoint's name where known, else the bus name as it is.
+  std::string Readable(const char* busName) const;
+
+  BusPtr bus_;
+  std::map<std::string, std::string> endpoints_;  ///< by unique name
+  std::set<CallId> calls_;                        ///< not answered yet
+};
+
+bool BusMonitor::Connection::Open(std::string& error) {
+  bus_ = openBus(true, error);
+  return bus_ != nullptr && LearnOwners(error) && BecomeMonitor(error);
+}
+
+bool BusMonitor::Connection::LearnOwners(std::string& error) {
+  std::vector<std::string> names;
+  if (!listNames(bus_.get(), names, error)) {
+    return false;
+  }
+  for (const auto& name : names) {
+    const std::string endpoint = endpointOf(name.c_str());
+    sd_bus_message* answered = nullptr;
+    const int result = endpoint.empty() ? -ENOENT
+                                        : sd_bus_call_method(bus_.get(), kDriver, kDriverPath,
+                                                             kDriver, "GetNameOwner", nullptr,
+                                                             &answered, "s", name.c_str());
+    const MessagePtr answer(answered);
+    const char* owner = nullptr;
+    // A name may have gone since it was listed.
+    if (result >= 0 && sd_bus_message_read(answer.get(), "s", &owner) > 0) {
+      endpoints_.emplace(owner, endpoint);
+    }
+  }
+  return true;
+}
+
+bool BusMonitor::Connection::BecomeMonitor(std::string& error) {
+  BusError failure;
+  const int result =
+      sd_bus_call_method(bus_.get(), kDriver, kDriverPath, "org.freedesktop.DBus.Monitoring",
+                         "BecomeMonitor", &failure.value, nullptr, "asu", 0, 0U);
+  if (result < 0) {
+    error = explain("Unable to monitor the bus", result);
+  }
+  return result >= 0;
+}
+
+std::string BusMonitor::Connection::Readable(const char* busName) const {
+  const std::string name = text(busName);
+  const auto known = endpoints_.find(name);
+  if (known != endpoints_.end()) {
+    return known->second;
+  }
+  const std::string endpoint = endpointOf(busName);
+  return endpoint.empty() ? name : endpoint;
+}
+
+void BusMonitor::Connection::Forget(const std::string& unique) {
+  endpoints_.erase(unique);
+  calls_.erase(calls_.lower_bound({unique, 0}), calls_.upper_bound({unique, UINT64_MAX}));
+}
+
+void BusMonitor::Connection::SeeOwnerChange(sd_bus_message* signal) {
+  const char* name = nullptr;
+  const char* before = nullptr;
+  const char* after = nullptr;
+  if (sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) {
+    return;
+  }
+  if (*name == ':' && *after == '\0') {
+    Forget(name);
+    return;
+  }
+  const std::string endpoint = endpointOf(name);
+  const auto owner = endpoints_.find(before);
+  if (owner != endpoints_.end() && owner->second == endpoint) {
+    endpoints_.erase(owner);
+  }
+  if (!endpoint.empty() && *after != '\0') {
+    endpoints_.emplace(after, endpoint);
+  }
+}
+
+bool BusMonitor::Connection::SeeCall(sd_bus_message* call) {
+  std::uint64_t serial = 0;
+  if (sd_bus_message_is_method_call(call, kInterface, kSend) <= 0 ||
+      sd_bus_message_get_cookie(call, &serial) < 0) {
+    return false;
+  }
+  if (sd_bus_message_get_expect_reply(call) > 0) {
+    calls_.emplace(text(sd_bus_message_get_sender(call)), serial);
+  }
+  return true;
+}
+
+bool BusMonitor::Connection::SeeAnswer(sd_bus_message* answer) {
+  std::uint64_t serial = 0;
+  return sd_bus_message_get_reply_cookie(answer, &serial) >= 0 &&
+         calls_.erase({text(sd_bus_message_get_destination(answer)), serial}) > 0;
+}
+
+void BusMonitor::Connection::See(sd_bus_message* message, const Sink& sink) {
+  SeenMessage seen{};
+  if (SeeCall(message)) {
+    seen.kind = SeenMessage::Kind::Call;
+  } else if (SeeAnswer(message)) {
+    const sd_bus_error* error = sd_bus_message_get_error(message);
+    seen.kind = error != nullptr ? SeenMessage::Kind::Error : SeenMessage::Kind::Answer;
+    seen.error = error != nullptr ? text(error->name) + ": " + text(error->message) : "";
+  } else if (sd_bus_message_is_signal(message, kInterface, kBroadcast) > 0) {
+    seen.kind = SeenMessage::Kind::Broadcast;
+  } else {
+    if (sd_bus_message_is_signal(message, kDriver, "NameOwnerChanged") > 0) {
+      SeeOwnerChange(message);
+    }
+    return;
+  }
+  seen.sender = Readable(sd_bus_message_get_sender(message));
+  seen.destination = Readable(sd_bus_message_get_destination(message));
+  std::string reason;
+  if (seen.kind != SeenMessage::Kind::Error && !wire::decode(message, seen.body, reason)) {
+    seen.body.Free();
+  }
+  sink(seen);
+}
+
+int BusMonitor::Connection::Drain(const Sink& sink) {
+  for (int handled = 0; handled < kMaxMessages; ++handled) {
+    sd_bus_message* taken = nullptr;
+    const int result = sd_bus_process(bus_.get(), &taken);
+    const MessagePtr message(taken);
+    if (result <= 0) {
+      return result < 0 ? result : handled;
+    }
+    if (message != nullptr) {
+      See(message.get(), sink);
+    }
+  }
+  return kMaxMessages;
+}
+
+bool BusMonitor::Connection::Service(unsigned timeoutMs, const Sink& sink) {
+  int handled = Drain(sink);
+  if (handled == 0 && timeoutMs > 0) {
+    // Why the wait ended shows when the connection is looked at again.
+    static_cast<void>(sd_bus_wait(bus_.get(), std::uint64_t{timeoutMs} * 1000));
+    handled = Drain(sink);
+  }
+  return handled >= 0;
+}
+
+BusMonitor::BusMonitor() = default;
+BusMonitor::~BusMonitor() = default;
+
+bool BusMonitor::Open(std::string& error) {
+  return guarded(__func__, false, [&] {
+    connection_ = std::make_unique<Connection>();
+    if (!connection_->Open(error)) {
+      connection_.reset();
+    }
+    return connection_ != nullptr;
+  });
+}
+
+bool BusMonitor::Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink) {
+  return guarded(__func__, false,
+                 [&] { return connection_ != nullptr && connection_->Service(timeoutMs, sink); });
+}
+
+}  // namespace kova::ipc

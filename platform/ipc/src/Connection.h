@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Incoming.h"
+#include "Outgoing.h"
+#include "SdBus.h"
+#include "kova/ipc/Ipc.h"
+
+namespace kova::ipc {
+
+/// The state behind Ipc: the handlers, which are there before the bus is joined, and the session
+/// on the bus.
+class Ipc::Connection {
+ public:
+  bool AddHandler(const std::string& functionName, BaseHandler* handler);
+  bool Join(const std::string& endpoint, bool receiveBroadcasts, TransactionsHandler* transactions);
+  bool Service(unsigned timeoutMs);
+  bool Send(messages::BaseRequestMessage& request);
+  bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
+  bool IsPresent(const std::string& endpoint) const;
+
+  const std::string& endpoint() const { return endpoint_; }
+
+ private:
+  struct Session {
+    Session(BusPtr opened, const std::string& endpoint, const Incoming::Handlers& handlers,
+            TransactionsHandler* transactions)
+        : bus(std::move(opened)),
+          incoming(bus.get(), endpoint, handlers),
+          outgoing(bus.get(), endpoint, transactions) {}
+
+    BusPtr bus;  ///< first, so that it is closed after all that is registered with it
+    Incoming incoming;
+    Outgoing outgoing;
+  };
+
+  std::unique_ptr<Session> Enter(const std::string& endpoint, bool receiveBroadcasts,
+                                 TransactionsHandler* transactions, std::string& error);
+  /// Handles what is pending, within limits.
+  /// @return how many messages, or a negative errno value
+  int Drain();
+  bool IsCongested() const;
+
+  Incoming::Handlers handlers_;
+  std::string endpoint_;
+  bool lost_ = false;
+  std::unique_ptr<Session> session_;
+};
+
+}  // namespace kova::ipc

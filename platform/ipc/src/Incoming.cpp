@@ -1,0 +1,184 @@
+#include "Incoming.h"
+
+#include <string_view>
+
+#include "Protocol.h"
+#include "Wire.h"
+#include "kova/ipc/Handlers.h"
+#include "kova/logger/Logger.h"
+
+namespace kova::ipc {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ipc";
+constexpr char kLogUnit[] = "Incoming";
+
+constexpr char kBroadcastMatch[] =
+    "type='signal',path='/kova',interface='kova.Ipc1',member='Broadcast'";
+
+const char* orNone(const char* text) {
+  return text != nullptr ? text : "";
+}
+
+// The interface may be left out of a call (D-Bus specification, "Message Types").
+bool isSend(sd_bus_message* call) {
+  const char* interface = sd_bus_message_get_interface(call);
+  return sd_bus_message_is_method_call(call, nullptr, kSend) > 0 &&
+         (interface == nullptr || std::string_view(interface) == kInterface);
+}
+
+// As it was sent: the accessor would repair a name that is missing or mistyped.
+std::string functionNameOf(const variant::Variant& message) {
+  const variant::Variant* name = message.Find("functionName");
+  return name != nullptr ? name->ToText() : std::string();
+}
+
+bool reply(sd_bus_message* call, const variant::Variant& body) {
+  sd_bus_message* created = nullptr;
+  int result = sd_bus_message_new_method_return(call, &created);
+  const MessagePtr answer(created);
+  std::string reason;
+  if (result >= 0 && !wire::encode(body, answer.get(), reason)) {
+    KOVA_LOG(LOG_ERR, 0, "Unable to answer \"%s\": %s", orNone(sd_bus_message_get_sender(call)),
+             reason.c_str());
+    return false;
+  }
+  if (result >= 0) {
+    result = sd_bus_send(nullptr, answer.get(), nullptr);
+  }
+  if (result < 0) {
+    KOVA_LOG(LOG_ERR, -result, "Unable to answer \"%s\"", orNone(sd_bus_message_get_sender(call)));
+  }
+  return result >= 0;
+}
+
+}  // namespace
+
+bool Incoming::Serve(bool receiveBroadcasts, std::string& error) {
+  // sd-bus asks object callbacks before tables, so a call of any signature reaches OnCall; the
+  // table is there for introspection.
+  static constexpr sd_bus_vtable kTable[] = {
+      SD_BUS_VTABLE_START(0),
+      SD_BUS_METHOD_WITH_ARGS("Send", SD_BUS_ARGS("a{sv}", message),
+                              SD_BUS_RESULT("a{sv}", response), callback<&Incoming::OnCall>,
+                              SD_BUS_VTABLE_UNPRIVILEGED),
+      SD_BUS_SIGNAL_WITH_ARGS("Broadcast", SD_BUS_ARGS("a{sv}", message), 0), SD_BUS_VTABLE_END};
+  const char* unique = nullptr;
+  sd_bus_slot* slot = nullptr;
+  int result = sd_bus_get_unique_name(bus_, &unique);
+  if (result >= 0) {
+    result = sd_bus_add_object(bus_, &slot, kObjectPath, callback<&Incoming::OnCall>, this);
+    slots_.emplace_back(slot);
+  }
+  if (result >= 0) {
+    result = sd_bus_add_object_vtable(bus_, &slot, kObjectPath, kInterface, kTable, this);
+    slots_.emplace_back(result >= 0 ? slot : nullptr);
+  }
+  if (result >= 0 && receiveBroadcasts) {
+    result = sd_bus_add_match(bus_, &slot, kBroadcastMatch, callback<&Incoming::OnBroadcast>, this);
+    slots_.emplace_back(result >= 0 ? slot : nullptr);
+  }
+  if (result < 0) {
+    error = explain("Unable to serve the object", result);
+    return false;
+  }
+  uniqueName_ = unique;
+  return true;
+}
+
+BaseHandler* Incoming::HandlerOf(const std::string& functionName) const {
+  auto found = handlers_.find(functionName);
+  if (found == handlers_.end()) {
+    found = handlers_.find("");
+  }
+  return found != handlers_.end() ? found->second : nullptr;
+}
+
+Incoming::Outcome Incoming::Handle(messages::BaseRequestMessage& request) {
+  const std::string name = functionNameOf(request);
+  BaseHandler* handler = HandlerOf(name);
+  if (handler == nullptr) {
+    return Outcome::Unknown;
+  }
+  bool rejected = false;
+  if (!handler->HandleRequest(request, rejected)) {
+    KOVA_LOG(LOG_WARNING, 0, "%s failed to handle \"%s\" from \"%s\"", handler->name().c_str(),
+             name.c_str(), request.from().c_str());
+  }
+  return rejected ? Outcome::Unknown : Outcome::Taken;
+}
+
+// A barrier of its own, so that a handler which throws after answering is not answered for again.
+Incoming::Outcome Incoming::HandleGuarded(messages::BaseRequestMessage& request) {
+  return guarded("HandleRequest", Outcome::Failed, [&] { return Handle(request); });
+}
+
+int Incoming::OnCall(sd_bus_message* call, sd_bus_error* error) {
+  if (!isSend(call)) {
+    return 0;
+  }
+  messages::BaseRequestMessage request;
+  std::string reason;
+  if (!wire::decode(call, request, reason)) {
+    KOVA_LOG(LOG_WARNING, 0, "Refused a message from \"%s\": %s",
+             orNone(sd_bus_message_get_sender(call)), reason.c_str());
+    return sd_bus_error_set(error, kInvalidMessage, reason.c_str());
+  }
+  // Reading the id fixes it: a request without one has the same in every copy that is made of it.
+  Exchange exchange{call, request.id()};
+  current_ = &exchange;
+  const Outcome outcome = HandleGuarded(request);
+  current_ = nullptr;
+  return Conclude(exchange, outcome, error);
+}
+
+int Incoming::Conclude(const Exchange& exchange, Outcome outcome, sd_bus_error* error) {
+  using State = Exchange::State;
+  if (exchange.state == State::Answered) {
+    return 1;
+  }
+  if (outcome == Outcome::Unknown) {
+    return sd_bus_error_set(error, kUnknownFunction, "no such function");
+  }
+  if (outcome == Outcome::Taken && exchange.state == State::Open &&
+      reply(exchange.call, variant::BaseVariantContainer())) {
+    return 1;
+  }
+  return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "the request could not be answered");
+}
+
+int Incoming::OnBroadcast(sd_bus_message* signal, sd_bus_error*) {
+  if (orNone(sd_bus_message_get_sender(signal)) == uniqueName_) {
+    return 0;
+  }
+  messages::BaseRequestMessage request;
+  std::string reason;
+  if (!wire::decode(signal, request, reason)) {
+    KOVA_LOG(LOG_WARNING, 0, "Ignored a broadcast from \"%s\": %s",
+             orNone(sd_bus_message_get_sender(signal)), reason.c_str());
+    return 0;
+  }
+  request.id();
+  HandleGuarded(request);
+  return 0;
+}
+
+bool Incoming::Respond(messages::BaseRequestMessage& request,
+                       messages::BaseResponseMessage& response) {
+  using State = Exchange::State;
+  if (current_ == nullptr || current_->state != State::Open ||
+      request.id() != current_->requestId) {
+    KOVA_LOG(LOG_ERR, 0, "No request that a response could go to is being handled");
+    return false;
+  }
+  response.requestId(request.id());
+  response.to(request.from());
+  response.from(endpoint_);
+  response.NormalizeFields();
+  const bool wanted = sd_bus_message_get_expect_reply(current_->call) > 0;
+  const bool answered = !wanted || reply(current_->call, response);
+  current_->state = answered ? State::Answered : State::Unanswerable;
+  return answered;
+}
+
+}  // namespace kova::ipc

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <list>
+#include <string>
+
+#include "kova/messages/BaseMessage.h"
+
+namespace kova::ipc {
+
+/// Messages that wait for endpoints which are not on the bus yet. What exceeds a limit makes room
+/// by dropping the oldest, and every drop is logged.
+class OutQueue {
+ public:
+  static constexpr std::size_t kMaxPerDestination = 256;
+  /// A client chooses whom its events go to, so it must not be able to fill the memory with names.
+  static constexpr std::size_t kMaxDestinations = 64;
+  /// Marshalled size of all waiting messages together, in bytes.
+  static constexpr std::size_t kMaxBytes = 8 * 1024 * 1024;
+
+  using Messages = std::deque<messages::BaseRequestMessage>;
+
+  /// @param bytes marshalled size of the message
+  void Put(const std::string& destination, messages::BaseRequestMessage message, std::size_t bytes);
+  /// What waits for the destination, oldest first; it waits no longer.
+  Messages Take(const std::string& destination);
+
+ private:
+  struct Waiting {
+    messages::BaseRequestMessage message;
+    std::size_t bytes;
+  };
+  struct Destination {
+    std::string name;
+    std::deque<Waiting> messages;
+  };
+  using Destinations = std::list<Destination>;
+
+  Destinations::iterator Find(const std::string& destination);
+  void DropOldest(Destination& destination, const char* why);
+  void DropDestination(Destinations::iterator destination, const char* why);
+  void MakeRoom(std::size_t bytes);
+
+  Destinations destinations_;  ///< the one that waits longest first
+  std::size_t bytes_ = 0;
+};
+
+}  // namespace kova::ipc

@@ -1,0 +1,150 @@
+#include "Outgoing.h"
+
+#include <cerrno>
+
+#include "Protocol.h"
+#include "Wire.h"
+#include "kova/ipc/Handlers.h"
+#include "kova/logger/Logger.h"
+
+namespace kova::ipc {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ipc";
+constexpr char kLogUnit[] = "Outgoing";
+
+bool refuse(messages::BaseRequestMessage& request, const char* reason) {
+  KOVA_LOG(LOG_WARNING, 0, "Unable to send \"%s\" to \"%s\": %s", request.functionName().c_str(),
+           request.to().c_str(), reason);
+  return false;
+}
+
+}  // namespace
+
+bool Outgoing::Send(messages::BaseRequestMessage& request) {
+  if (request.from().empty()) {
+    request.from(endpoint_);
+  }
+  request.NormalizeFields();
+  if (request.isBroadcast()) {
+    return Broadcast(request);
+  }
+  const std::string endpoint = request.to();
+  if (sd_bus_service_name_is_valid((kNamePrefix + endpoint).c_str()) <= 0) {
+    return refuse(request, "no valid endpoint");
+  }
+  if (names_.Has(endpoint)) {
+    return SendTo(endpoint, request);
+  }
+  return request.queueIfDestUnavailable() ? Queue(endpoint, request)
+                                          : refuse(request, "it is not on the bus");
+}
+
+bool Outgoing::Queue(const std::string& endpoint, const messages::BaseRequestMessage& request) {
+  messages::BaseRequestMessage waiting(request);
+  std::size_t bytes = 0;
+  std::string reason;
+  if (!wire::measure(waiting, bytes, reason)) {
+    return refuse(waiting, reason.c_str());
+  }
+  queue_.Put(endpoint, std::move(waiting), bytes);
+  return true;
+}
+
+void Outgoing::Flush(const std::string& endpoint) {
+  for (auto& request : queue_.Take(endpoint)) {
+    SendTo(endpoint, request);
+  }
+}
+
+bool Outgoing::SendTo(const std::string& endpoint, messages::BaseRequestMessage& request) {
+  sd_bus_message* call = nullptr;
+  const int result = sd_bus_message_new_method_call(bus_, &call, (kNamePrefix + endpoint).c_str(),
+                                                    kObjectPath, kInterface, kSend);
+  MessagePtr message(call);
+  return result >= 0 ? Post(std::move(message), request, request.responseExpected())
+                     : refuse(request, explain("no message", result).c_str());
+}
+
+bool Outgoing::Broadcast(messages::BaseRequestMessage& request) {
+  sd_bus_message* signal = nullptr;
+  const int result = sd_bus_message_new_signal(bus_, &signal, kObjectPath, kInterface, kBroadcast);
+  MessagePtr message(signal);
+  return result >= 0 ? Post(std::move(message), request, false)
+                     : refuse(request, explain("no message", result).c_str());
+}
+
+bool Outgoing::Post(MessagePtr message, messages::BaseRequestMessage& request, bool expectsAnswer) {
+  std::string reason;
+  if (!wire::encode(request, message.get(), reason)) {
+    return refuse(request, reason.c_str());
+  }
+  std::uint64_t unsent = 0;
+  int result = sd_bus_get_n_queued_write(bus_, &unsent);
+  if (result >= 0 && unsent >= kMaxUnsent) {
+    result = -ENOBUFS;
+  }
+  if (result >= 0 && expectsAnswer) {
+    result = Call(message.get(), request);
+  } else if (result >= 0) {
+    sd_bus_message_set_expect_reply(message.get(), 0);
+    result = sd_bus_send(bus_, message.get(), nullptr);
+  }
+  if (result < 0) {
+    return refuse(request, explain("the bus does not take it", result).c_str());
+  }
+  if (handler_ != nullptr) {
+    bool reserved = false;
+    handler_->MessageSentSuccessfully(request, reserved);
+  }
+  return true;
+}
+
+int Outgoing::Call(sd_bus_message* call, messages::BaseRequestMessage& request) {
+  const auto transaction = transactions_.insert(transactions_.end(), Transaction{*this, request});
+  transaction->self = transaction;
+  sd_bus_slot* slot = nullptr;
+  const int result = sd_bus_call_async(bus_, &slot, call, callback<&Transaction::OnAnswer>,
+                                       &*transaction, kAnswerTimeoutUs);
+  transaction->slot.reset(slot);
+  if (result < 0) {
+    transactions_.erase(transaction);
+  }
+  return result;
+}
+
+int Outgoing::Transaction::OnAnswer(sd_bus_message* answer, sd_bus_error*) {
+  // Ends with this call whatever the handler does.
+  std::list<Transaction> done;
+  done.splice(done.begin(), owner.transactions_, self);
+  if (const sd_bus_error* error = sd_bus_message_get_error(answer)) {
+    owner.ReportError(request, error->name, error->message);
+  } else {
+    owner.ReportAnswer(request, answer);
+  }
+  return 1;
+}
+
+void Outgoing::ReportAnswer(messages::BaseRequestMessage& request, sd_bus_message* answer) {
+  messages::BaseResponseMessage response;
+  std::string reason;
+  if (!wire::decode(answer, response, reason)) {
+    ReportError(request, kInvalidMessage, reason.c_str());
+  } else if (handler_ != nullptr) {
+    bool reserved = false;
+    handler_->HandleResponse(request, response, reserved);
+  }
+}
+
+void Outgoing::ReportError(messages::BaseRequestMessage& request, const char* name,
+                           const char* text) {
+  const std::string error(name != nullptr ? name : "");
+  const std::string explanation(text != nullptr ? text : "");
+  if (handler_ != nullptr) {
+    handler_->HandleError(request, error, explanation);
+  } else {
+    refuse(request, (error + ": " + explanation).c_str());
+  }
+}
+
+}  // namespace kova::ipc

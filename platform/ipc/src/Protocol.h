@@ -1,0 +1,21 @@
+#pragma once
+
+namespace kova::ipc {
+
+// What the bus protocol fixes; packaging/dbus/kova.Ipc1.xml says the same to other programs.
+
+inline constexpr char kDefaultAddress[] = "unix:path=/run/kova/bus";
+inline constexpr char kAddressVariable[] = "KOVA_BUS_ADDRESS";
+
+/// In front of an endpoint's name on the bus.
+inline constexpr char kNamePrefix[] = "kova.";
+inline constexpr char kObjectPath[] = "/kova";
+inline constexpr char kInterface[] = "kova.Ipc1";
+inline constexpr char kSend[] = "Send";
+inline constexpr char kBroadcast[] = "Broadcast";
+inline constexpr char kMessageSignature[] = "a{sv}";
+
+inline constexpr char kUnknownFunction[] = "kova.Error.UnknownFunction";
+inline constexpr char kInvalidMessage[] = "kova.Error.InvalidMessage";
+
+}  // namespace kova::ipc

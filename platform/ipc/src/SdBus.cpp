@@ -1,0 +1,96 @@
+#include "SdBus.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "Protocol.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::ipc {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ipc";
+constexpr char kLogUnit[] = "SdBus";
+
+constexpr std::uint64_t kPatienceMs = 5000;
+
+std::string busAddress() {
+  const char* address = std::getenv(kAddressVariable);
+  return address != nullptr && *address != '\0' ? address : kDefaultAddress;
+}
+
+int start(sd_bus* bus, const std::string& address, bool monitor) {
+  int result = sd_bus_set_address(bus, address.c_str());
+  if (result >= 0) {
+    result = sd_bus_set_bus_client(bus, 1);
+  }
+  if (result >= 0) {
+    result = sd_bus_set_monitor(bus, monitor ? 1 : 0);
+  }
+  if (result >= 0) {
+    result = sd_bus_negotiate_fds(bus, 0);
+  }
+  if (result >= 0) {
+    result = sd_bus_set_method_call_timeout(bus, kPatienceMs * 1000);
+  }
+  return result >= 0 ? sd_bus_start(bus) : result;
+}
+
+// sd_bus_call would wait for the handshake too, but as long as it takes.
+int awaitReady(sd_bus* bus) {
+  const std::uint64_t deadline = utils::nowMs() + kPatienceMs;
+  while (sd_bus_is_ready(bus) == 0) {
+    const int result = sd_bus_process(bus, nullptr);
+    if (result < 0) {
+      return result;
+    }
+    const std::uint64_t now = utils::nowMs();
+    if (now >= deadline) {
+      return -ETIMEDOUT;
+    }
+    if (result == 0) {
+      const int waited = sd_bus_wait(bus, (deadline - now) * 1000);
+      if (waited < 0 && waited != -EINTR) {
+        return waited;
+      }
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+void logException(const char* where, const char* what) noexcept {
+  try {
+    KOVA_LOG_IN(where, LOG_ERR, 0, "Stopped an exception: %s", what);
+  } catch (...) {
+    // Not even a log line can be made.
+    return;
+  }
+}
+
+std::string explain(const char* what, int result) {
+  return std::string(what) + ": " + std::strerror(-result);
+}
+
+BusPtr openBus(bool monitor, std::string& error) {
+  sd_bus* created = nullptr;
+  int result = sd_bus_new(&created);
+  BusPtr bus(created);
+  const std::string address = busAddress();
+  if (result >= 0) {
+    result = start(bus.get(), address, monitor);
+  }
+  if (result >= 0) {
+    result = awaitReady(bus.get());
+  }
+  if (result < 0) {
+    error = explain(("Unable to join the bus at " + address).c_str(), result);
+    return nullptr;
+  }
+  return bus;
+}
+
+}  // namespace kova::ipc
