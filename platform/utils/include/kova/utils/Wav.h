@@ -4,8 +4,10 @@
 
 namespace kova::utils {
 
-/// Reads the header of a RIFF/WAVE file with PCM samples. Chunks may stand in any order; their
-/// sizes are checked against the file's.
+/// Reads the header of a RIFF/WAVE file with PCM samples (WAVE_FORMAT_PCM, or
+/// WAVE_FORMAT_EXTENSIBLE with the sub-format KSDATAFORMAT_SUBTYPE_PCM). Exactly one "fmt " and one
+/// "data" chunk must be there, in any order, among at most 1024 chunks; all sizes are checked
+/// against the file's.
 ///
 /// @param channels   receives the channel count (1: mono)
 /// @param sampleRate receives samples per second

@@ -1,0 +1,406 @@
+#include "kova/utils/File.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+
+#include "TemporaryFolder.h"
+
+namespace kova::utils {
+namespace {
+
+using namespace std::string_literals;
+using tests::readText;
+using tests::TemporaryFolder;
+using tests::writeText;
+
+mode_t modeOf(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+}
+
+std::string patterned(std::size_t size) {
+  std::string text(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) {
+    text[i] = static_cast<char>(i * 31 + i / 251);
+  }
+  return text;
+}
+
+// Files may not grow beyond the limit while this lives; a write is then cut short, the next fails.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &saved_);
+    const rlimit limit{bytes, saved_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &saved_);
+    std::signal(SIGXFSZ, handler_);
+  }
+
+ private:
+  rlimit saved_{};
+  sighandler_t handler_;
+};
+
+class FileTest : public testing::Test {
+ protected:
+  TemporaryFolder folder_;
+  const std::string path_ = folder_ / "file";
+};
+
+TEST_F(FileTest, WhatIsWrittenIsReadBack) {
+  const std::string text = patterned(300000);
+  File writer;
+  ASSERT_TRUE(writer.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_TRUE(writer.WriteString(text));
+  EXPECT_EQ(writer.Size(), text.size());
+  EXPECT_EQ(writer.Cursor(), text.size());
+  EXPECT_TRUE(writer.Close());
+
+  File reader;
+  ASSERT_TRUE(reader.Initialize(path_, FILE_OPEN_MODE_READ, 0));
+  EXPECT_EQ(reader.Size(), text.size());
+  std::string first(100, '\0');
+  ASSERT_TRUE(reader.ReadBuffer(reinterpret_cast<unsigned char*>(first.data()), first.size()));
+  EXPECT_EQ(first, text.substr(0, 100));
+  EXPECT_EQ(reader.Cursor(), 100U);
+  EXPECT_FALSE(reader.IsEOF());
+  std::string rest(text.size() - 100, '\0');
+  ASSERT_TRUE(reader.ReadBuffer(reinterpret_cast<unsigned char*>(rest.data()), rest.size()));
+  EXPECT_EQ(rest, text.substr(100));
+  EXPECT_TRUE(reader.IsEOF());
+}
+
+TEST_F(FileTest, ReadingNeedsAnExistingFile) {
+  File file;
+  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(FileTest, TruncatingReplacesLongerContent) {
+  writeText(path_, "a long content");
+  File file;
+  ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_EQ(file.Size(), 0U);
+  EXPECT_TRUE(file.WriteString("short"));
+  EXPECT_TRUE(file.Close());
+  EXPECT_EQ(readText(path_), "short");
+}
+
+TEST_F(FileTest, AppendingContinuesAtTheEnd) {
+  writeText(path_, "one");
+  File file;
+  ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_APPEND, 0));
+  EXPECT_EQ(file.Cursor(), 3U);
+  EXPECT_TRUE(file.WriteString("two"));
+  EXPECT_EQ(file.Size(), 6U);
+  EXPECT_TRUE(file.Close());
+  EXPECT_EQ(readText(path_), "onetwo");
+}
+
+TEST_F(FileTest, SymbolicLinksAreFollowed) {
+  writeText(path_, "content");
+  std::filesystem::create_symlink("file", folder_ / "link");
+  File file;
+  ASSERT_TRUE(file.Initialize(folder_ / "link", FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_TRUE(file.WriteString("new"));
+  EXPECT_TRUE(file.Close());
+  EXPECT_EQ(readText(path_), "new");
+  EXPECT_TRUE(std::filesystem::is_symlink(folder_ / "link"));
+}
+
+TEST_F(FileTest, WhatIsNoRegularFileIsRefusedWithoutBlocking) {
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  const std::array<std::string, 3> paths{folder_.path(), path_, "/dev/null"};
+  for (const std::string& path : paths) {
+    for (const FILE_OPEN_MODE mode :
+         {FILE_OPEN_MODE_READ, FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
+      File file;
+      EXPECT_FALSE(file.Initialize(path, mode, 0)) << path << " mode " << mode;
+      EXPECT_EQ(errno, EINVAL) << path << " mode " << mode;
+    }
+    File file;
+    EXPECT_FALSE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY)) << path;
+    EXPECT_EQ(errno, EINVAL) << path;
+  }
+}
+
+TEST_F(FileTest, UnknownModesFlagsAndPathsWithNulAreRefused) {
+  File file;
+  EXPECT_FALSE(file.Initialize(path_, static_cast<FILE_OPEN_MODE>(3), 0));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_APPEND, FILE_REPLACE_ATOMICALLY));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 2));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_FALSE(file.Initialize(path_ + "\0x"s, FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_FALSE(file.Initialize("", FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_EQ(folder_.entries(), 0);
+}
+
+TEST_F(FileTest, ShrinkingWhileReadIsAnInputError) {
+  writeText(path_, "0123456789");
+  File file;
+  ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
+  std::filesystem::resize_file(path_, 4);
+  std::array<unsigned char, 10> buffer;
+  EXPECT_FALSE(file.ReadBuffer(buffer.data(), buffer.size()));
+  EXPECT_EQ(errno, EIO);
+  EXPECT_FALSE(file.IsEOF());
+}
+
+TEST_F(FileTest, AClosedFileNeitherReadsNorWritesNorCloses) {
+  File file;
+  unsigned char byte = 0;
+  EXPECT_FALSE(file.ReadBuffer(&byte, 1));
+  EXPECT_FALSE(file.WriteString(""));
+  EXPECT_FALSE(file.Seek(0));
+  EXPECT_FALSE(file.Close());
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(FileTest, AShortWriteIsAFailure) {
+  const FileSizeLimit limit(60);
+  File file;
+  ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_FALSE(file.WriteString(std::string(100, 'x')));
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_EQ(file.Cursor(), 60U);
+}
+
+TEST_F(FileTest, SeekingMovesTheCursorWithinTheFile) {
+  writeText(path_, "0123456789");
+  File file;
+  ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
+  unsigned char byte = 0;
+  ASSERT_TRUE(file.Seek(7));
+  ASSERT_TRUE(file.ReadBuffer(&byte, 1));
+  EXPECT_EQ(byte, '7');
+  EXPECT_EQ(file.Cursor(), 8U);
+  EXPECT_FALSE(file.Seek(11));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_TRUE(file.Seek(10));
+  EXPECT_TRUE(file.IsEOF());
+}
+
+TEST_F(FileTest, OpenFilesAreNotPassedOnToOtherPrograms) {
+  File file;
+  ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
+  int open = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry, gone) == path_) {
+      ++open;
+      EXPECT_NE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0);
+    }
+  }
+  EXPECT_EQ(open, 1);
+}
+
+class AtomicReplacementTest : public FileTest {
+ protected:
+  bool begin(File& file) {
+    return file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY);
+  }
+};
+
+TEST_F(AtomicReplacementTest, TheTargetChangesAtClose) {
+  writeText(path_, "old");
+  File file;
+  ASSERT_TRUE(begin(file));
+  EXPECT_TRUE(file.WriteString("new"));
+  EXPECT_EQ(readText(path_), "old");
+  EXPECT_TRUE(file.Close());
+  EXPECT_EQ(readText(path_), "new");
+  EXPECT_EQ(folder_.entries(), 1);
+}
+
+TEST_F(AtomicReplacementTest, ANewFileIsCreatedWithinTheUmask) {
+  const mode_t saved = umask(027);
+  File file;
+  const bool written = begin(file) && file.WriteString("new") && file.Close();
+  umask(saved);
+  EXPECT_TRUE(written);
+  EXPECT_EQ(readText(path_), "new");
+  EXPECT_EQ(modeOf(path_), 0640U);
+}
+
+TEST_F(AtomicReplacementTest, TheModeIsKept) {
+  for (const mode_t mode : {0600, 0640, 0666, 0444}) {
+    writeText(path_, "old");
+    ASSERT_EQ(chmod(path_.c_str(), mode), 0);
+    File file;
+    ASSERT_TRUE(begin(file) && file.WriteString("new") && file.Close());
+    EXPECT_EQ(modeOf(path_), mode);
+    ASSERT_EQ(unlink(path_.c_str()), 0);
+  }
+}
+
+TEST_F(AtomicReplacementTest, TheOwnerIsKept) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a file away";
+  }
+  writeText(path_, "old");
+  if (chown(path_.c_str(), 1234, 5678) != 0) {
+    GTEST_SKIP() << "this root has no other users";
+  }
+  ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
+  File file;
+  ASSERT_TRUE(begin(file) && file.WriteString("new") && file.Close());
+  struct stat info {};
+  ASSERT_EQ(stat(path_.c_str(), &info), 0);
+  EXPECT_EQ(info.st_uid, 1234U);
+  EXPECT_EQ(info.st_gid, 5678U);
+  EXPECT_EQ(modeOf(path_), 0640U);
+}
+
+TEST_F(AtomicReplacementTest, WithoutCloseTheTargetStays) {
+  writeText(path_, "old");
+  {
+    File file;
+    ASSERT_TRUE(begin(file));
+    EXPECT_TRUE(file.WriteString("new"));
+  }
+  EXPECT_EQ(readText(path_), "old");
+  EXPECT_EQ(folder_.entries(), 1);
+}
+
+TEST_F(AtomicReplacementTest, AfterAFailedWriteTheTargetStays) {
+  writeText(path_, "old");
+  const FileSizeLimit limit(60);
+  File file;
+  ASSERT_TRUE(begin(file));
+  EXPECT_FALSE(file.WriteString(std::string(100, 'x')));
+  EXPECT_FALSE(file.Close());
+  EXPECT_EQ(readText(path_), "old");
+  EXPECT_EQ(folder_.entries(), 1);
+}
+
+TEST_F(AtomicReplacementTest, ALinkAtThePathIsReplacedAndWhatItNamesStays) {
+  writeText(folder_ / "elsewhere", "precious");
+  ASSERT_EQ(chmod((folder_ / "elsewhere").c_str(), 0600), 0);
+  std::filesystem::create_symlink("elsewhere", path_);
+  File file;
+  ASSERT_TRUE(begin(file) && file.WriteString("new") && file.Close());
+  EXPECT_EQ(readText(folder_ / "elsewhere"), "precious");
+  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path_)));
+  EXPECT_EQ(readText(path_), "new");
+  EXPECT_EQ(modeOf(path_), 0600U);
+}
+
+TEST_F(AtomicReplacementTest, TemporaryNamesDiffer) {
+  File one;
+  File two;
+  ASSERT_TRUE(begin(one));
+  ASSERT_TRUE(begin(two));
+  EXPECT_EQ(folder_.entries(), 2);
+}
+
+TEST_F(AtomicReplacementTest, AReaderSeesOneContentOrTheOther) {
+  const std::string contents[] = {std::string(70000, 'a'), std::string(90000, 'b')};
+  writeText(path_, contents[0]);
+  const pid_t writer = fork();
+  ASSERT_GE(writer, 0);
+  if (writer == 0) {
+    for (int i = 1; i <= 100; ++i) {
+      File file;
+      if (!begin(file) || !file.WriteString(contents[i % 2]) || !file.Close()) {
+        _exit(1);
+      }
+    }
+    _exit(0);
+  }
+  int status = 0;
+  int seen = 0;
+  while (waitpid(writer, &status, WNOHANG) == 0) {
+    const std::string content = readText(path_);
+    ASSERT_TRUE(content == contents[0] || content == contents[1]) << content.size();
+    ++seen;
+  }
+  EXPECT_EQ(status, 0);
+  EXPECT_GT(seen, 0);
+}
+
+TEST_F(FileTest, ReadStringAllReadsFilesThatReportNoSize) {
+  std::string text;
+  ASSERT_TRUE(File::ReadStringAll("/proc/self/status", text));
+  EXPECT_NE(text.find("\nPid:"), std::string::npos);
+}
+
+TEST_F(FileTest, ReadStringAllKeepsItsOutputOnFailure) {
+  std::string text = "before";
+  EXPECT_FALSE(File::ReadStringAll(path_, text));
+  writeText(path_, "12345");
+  EXPECT_FALSE(File::ReadStringAll(path_, text, 4));
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_EQ(text, "before");
+  EXPECT_TRUE(File::ReadStringAll(path_, text, 5));
+  EXPECT_EQ(text, "12345");
+}
+
+TEST_F(FileTest, ReadStringAllBoundsFilesThatReportNoSize) {
+  std::string text;
+  EXPECT_FALSE(File::ReadStringAll("/proc/self/status", text, 10));
+  EXPECT_EQ(errno, EFBIG);
+}
+
+TEST_F(FileTest, ReadStringAllRefusesMoreThan64MiB) {
+  writeText(path_, "");
+  std::filesystem::resize_file(path_, File::kReadAllLimit + 1);
+  std::string text;
+  EXPECT_FALSE(File::ReadStringAll(path_, text));
+  EXPECT_EQ(errno, EFBIG);
+}
+
+TEST_F(FileTest, ADanglingLinkExistsOnlyUnfollowed) {
+  EXPECT_FALSE(fileExists(path_.c_str(), true));
+  EXPECT_FALSE(fileExists(path_.c_str(), false));
+  std::filesystem::create_symlink("nowhere", path_);
+  EXPECT_FALSE(fileExists(path_.c_str(), true));
+  EXPECT_TRUE(fileExists(path_.c_str(), false));
+  EXPECT_TRUE(fileExists(folder_.path().c_str(), true));
+}
+
+TEST_F(FileTest, ACopyHasTheContentAndReplacesWhatWasThere) {
+  const std::string to = folder_ / "copy";
+  for (const std::size_t size : {0U, 1U, 65536U, 65537U, 200000U}) {
+    writeText(path_, patterned(size));
+    writeText(to, std::string(300000, 'z'));
+    EXPECT_TRUE(copyFile(path_.c_str(), to.c_str()));
+    EXPECT_EQ(readText(to), patterned(size));
+  }
+}
+
+TEST_F(FileTest, CopyingOntoItselfKeepsTheContent) {
+  writeText(path_, "content");
+  std::filesystem::create_hard_link(path_, folder_ / "same");
+  EXPECT_FALSE(copyFile(path_.c_str(), (folder_ / "same").c_str()));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(readText(path_), "content");
+}
+
+TEST_F(FileTest, CopyingFailsWithoutASourceOrAnUsableTarget) {
+  EXPECT_FALSE(copyFile(path_.c_str(), (folder_ / "copy").c_str()));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(folder_.entries(), 0);
+  writeText(path_, "content");
+  EXPECT_FALSE(copyFile(path_.c_str(), folder_.path().c_str()));
+  EXPECT_EQ(errno, EINVAL);
+}
+
+}  // namespace
+}  // namespace kova::utils

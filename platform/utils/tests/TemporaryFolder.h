@@ -1,0 +1,54 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+namespace kova::tests {
+
+/// An empty folder of the test's own, removed with all in it at the end.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() : path_(testing::TempDir() + "/kova-test-XXXXXX") {
+    if (mkdtemp(path_.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp " + path_);
+    }
+  }
+  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+
+  /// How many names stand in the folder.
+  long entries() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
+
+ private:
+  std::string path_;
+};
+
+inline void writeText(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  if (!(file << text << std::flush)) {
+    throw std::runtime_error("cannot write " + path);
+  }
+}
+
+/// The file's content, or "(none)" when it cannot be opened.
+inline std::string readText(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    return "(none)";
+  }
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+}  // namespace kova::tests

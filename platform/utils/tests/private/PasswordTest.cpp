@@ -1,0 +1,261 @@
+#include "kova/utils/Password.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+
+#include "../../src/AccountFile.h"
+#include "../TemporaryFolder.h"
+
+namespace kova::utils {
+namespace {
+
+using namespace std::string_literals;
+using tests::readText;
+using tests::writeText;
+
+constexpr char kPasswd[] = "/etc/passwd";
+constexpr char kShadow[] = "/etc/shadow";
+
+std::string accountLine(const std::string& name, const std::string& hash) {
+  return name + ":" + hash + ":0:0:Administrator:/etc/persistent:/bin/sh\n";
+}
+
+bool matches(const std::string& user, const std::string& password) {
+  bool result = true;
+  authenticatePassword(user, password, result);
+  return result;
+}
+
+class PasswordTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    unlink(kPasswd);
+    unlink(kShadow);
+    writeText(kPasswd, accountLine("admin", hash_));
+  }
+
+  const std::string hash_ = generateHash("secret", generateSalt());
+};
+
+TEST(UsernameTest, StrictNamesAreOfAFewCharacters) {
+  for (const char* name : {"a", "_", "Admin", "a.b-c_9", "abcdefghijklmnopqrstuvwxyz012345"}) {
+    EXPECT_TRUE(username_valid(name, true)) << name;
+  }
+  for (const char* name : {"", "1a", "-a", ".", "a b", "a:b", "a\nb", "a/b", "\xc3\xa4",
+                           "abcdefghijklmnopqrstuvwxyz0123456"}) {
+    errno = 0;
+    EXPECT_FALSE(username_valid(name, true)) << name;
+    EXPECT_EQ(errno, EINVAL) << name;
+  }
+  EXPECT_FALSE(username_valid("a\0b"s, true));
+}
+
+TEST(UsernameTest, OtherNamesMustNotBreakAnAccountLine) {
+  EXPECT_TRUE(username_valid("1 \xc3\xa4/", false));
+  for (const char* name : {"", "a:b", "a\nb", "a\rb", "abcdefghijklmnopqrstuvwxyz0123456"}) {
+    EXPECT_FALSE(username_valid(name, false)) << name;
+  }
+  EXPECT_FALSE(username_valid("a\0b"s, false));
+}
+
+TEST(AccountFileTest, TheFirstWholeLineOfTheNameCounts) {
+  const std::string text = "adm:1:\nadmin\nadmin:cut\nxadmin:2:\n:3:\nadmin:4:x\nadmin:5:";
+  const auto field = internal::findHashField(text, "admin");
+  ASSERT_TRUE(field);
+  EXPECT_EQ(text.substr(field->begin, field->length), "4");
+  EXPECT_FALSE(internal::findHashField(text, ""));
+  EXPECT_FALSE(internal::findHashField(text, "admin:4"));
+  EXPECT_FALSE(internal::findHashField(text, "adm:1:\nadmin"));
+  EXPECT_FALSE(internal::findHashField("", "admin"));
+}
+
+TEST(AccountFileTest, LinesWithNulAreSkipped) {
+  const std::string text = "admin:1\0:x\nadmin:2:x\n"s;
+  const auto field = internal::findHashField(text, "admin");
+  ASSERT_TRUE(field);
+  EXPECT_EQ(text.substr(field->begin, field->length), "2");
+}
+
+TEST_F(PasswordTest, TheHashIsReadFromTheAccountLine) {
+  std::string hash;
+  EXPECT_EQ(readUserHash("admin", hash), 0);
+  EXPECT_EQ(hash, hash_);
+}
+
+TEST_F(PasswordTest, TheHashIsReadFromShadowWhereTheLineSaysSo) {
+  writeText(kPasswd, accountLine("admin", "x"));
+  std::string hash = "before";
+  EXPECT_EQ(readUserHash("admin", hash), ENOENT);
+  EXPECT_EQ(hash, "before");
+  writeText(kShadow, "root:*:1:0:99999:7:::\nadmin:" + hash_ + ":1:0:99999:7:::\n");
+  EXPECT_EQ(readUserHash("admin", hash), 0);
+  EXPECT_EQ(hash, hash_);
+  EXPECT_TRUE(matches("admin", "secret"));
+}
+
+TEST_F(PasswordTest, AnUnknownAccountIsReported) {
+  std::string hash;
+  EXPECT_EQ(readUserHash("nobody", hash), ENOENT);
+  EXPECT_EQ(readUserHash("admin:x", hash), EINVAL);
+  EXPECT_EQ(readUserHash("", hash), EINVAL);
+  bool result = true;
+  EXPECT_EQ(authenticatePassword("nobody", "secret", result), ENOENT);
+  EXPECT_FALSE(result);
+}
+
+TEST_F(PasswordTest, AnAccountFileIsReadUpTo1MiB) {
+  std::string hash;
+  writeText(kPasswd, std::string(512 * 1024, 'x') + "\n" + accountLine("admin", "h"));
+  EXPECT_EQ(readUserHash("admin", hash), 0);
+  EXPECT_EQ(hash, "h");
+  writeText(kPasswd, accountLine("admin", "h") + std::string(1024 * 1024, 'x'));
+  EXPECT_EQ(readUserHash("admin", hash), EFBIG);
+  unlink(kPasswd);
+  EXPECT_EQ(readUserHash("admin", hash), ENOENT);
+}
+
+TEST_F(PasswordTest, AnUnreadableAccountFileIsReported) {
+  ASSERT_EQ(chmod(kPasswd, 0), 0);
+  std::string hash;
+  EXPECT_EQ(readUserHash("admin", hash), EACCES);
+}
+
+TEST_F(PasswordTest, OnlyThePasswordMatches) {
+  bool result = false;
+  EXPECT_EQ(authenticatePassword("admin", "secret", result), 0);
+  EXPECT_TRUE(result);
+  EXPECT_EQ(authenticatePassword("admin", "Secret", result), 0);
+  EXPECT_FALSE(result);
+  EXPECT_FALSE(matches("admin", ""));
+  EXPECT_FALSE(matches("admin", "secret "));
+  EXPECT_FALSE(matches("admin", "secret\0x"s));
+  EXPECT_FALSE(matches("admin", std::string(1000000, 's')));
+}
+
+TEST_F(PasswordTest, AccountsWithoutAUsableHashMatchNothing) {
+  for (const std::string& hash :
+       {std::string(), std::string("*"), std::string("!"), std::string("!!"), std::string("*0"),
+        std::string("$6$"), "!" + hash_, hash_.substr(0, hash_.size() - 1), hash_ + "x"}) {
+    writeText(kPasswd, accountLine("admin", hash));
+    bool result = true;
+    EXPECT_EQ(authenticatePassword("admin", "secret", result), 0) << hash;
+    EXPECT_FALSE(result) << hash;
+    EXPECT_FALSE(matches("admin", "")) << hash;
+  }
+}
+
+TEST_F(PasswordTest, OtherSchemesOfTheSystemAreChecked) {
+  for (const char* salt : {"$y$j9T$F5Jx5fExrKuPp53xLKQ..1", "$5$abcdefgh", "$1$abcdefgh"}) {
+    const std::string hash = generateHash("secret", salt);
+    ASSERT_NE(hash, "") << salt;
+    writeText(kPasswd, accountLine("admin", hash));
+    EXPECT_TRUE(matches("admin", "secret")) << salt;
+    EXPECT_FALSE(matches("admin", "other")) << salt;
+  }
+}
+
+TEST_F(PasswordTest, SaltsAreOfTheSchemeAndNeverTheSame) {
+  const std::string salt = generateSalt();
+  EXPECT_TRUE(salt.starts_with("$6$"));
+  EXPECT_GE(salt.size(), 3U + 8U);
+  EXPECT_NE(salt, generateSalt());
+  EXPECT_TRUE(hash_.starts_with("$6$"));
+}
+
+TEST_F(PasswordTest, AHashNeedsAPasswordAndASalt) {
+  EXPECT_EQ(generateHash(nullptr, generateSalt()), "");
+  EXPECT_EQ(generateHash("secret", ""), "");
+  EXPECT_EQ(generateHash("secret", "$unknown$"), "");
+  EXPECT_EQ(generateHash(std::string(512, 'x').c_str(), generateSalt()), "");
+  EXPECT_NE(generateHash(std::string(511, 'x').c_str(), generateSalt()), "");
+}
+
+TEST_F(PasswordTest, LockingTwiceLeavesOneMark) {
+  EXPECT_TRUE(lockPassword("admin"));
+  EXPECT_EQ(readText(kPasswd), accountLine("admin", "!" + hash_));
+  EXPECT_TRUE(lockPassword("admin"));
+  EXPECT_EQ(readText(kPasswd), accountLine("admin", "!" + hash_));
+  EXPECT_FALSE(matches("admin", "secret"));
+  EXPECT_TRUE(unlockPassword("admin"));
+  EXPECT_EQ(readText(kPasswd), accountLine("admin", hash_));
+  EXPECT_TRUE(unlockPassword("admin"));
+  EXPECT_EQ(readText(kPasswd), accountLine("admin", hash_));
+  EXPECT_TRUE(matches("admin", "secret"));
+}
+
+TEST_F(PasswordTest, LockingChangesNothingElseInTheFile) {
+  const std::string before = "# odd\n\nroot:*:0:0\nadmin:cut\n\0nul\r\n"s;
+  const std::string after = "adminx:h:1:1:::\nno line break";
+  writeText(kPasswd, before + accountLine("admin", hash_) + after);
+  ASSERT_EQ(chmod(kPasswd, 0604), 0);
+  EXPECT_TRUE(lockPassword("admin"));
+  EXPECT_EQ(readText(kPasswd), before + accountLine("admin", "!" + hash_) + after);
+  struct stat info {};
+  ASSERT_EQ(stat(kPasswd, &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0604U);
+}
+
+TEST_F(PasswordTest, LockingChangesTheFileThatHoldsTheHash) {
+  const std::string passwd = accountLine("admin", "x");
+  writeText(kPasswd, passwd);
+  writeText(kShadow, "admin:" + hash_ + ":1:0:99999:7:::\n");
+  ASSERT_EQ(chmod(kShadow, 0600), 0);
+  EXPECT_TRUE(lockPassword("admin"));
+  EXPECT_EQ(readText(kShadow), "admin:!" + hash_ + ":1:0:99999:7:::\n");
+  EXPECT_EQ(readText(kPasswd), passwd);
+  struct stat info {};
+  ASSERT_EQ(stat(kShadow, &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600U);
+}
+
+TEST_F(PasswordTest, LockingAnUnknownAccountFails) {
+  const std::string before = readText(kPasswd);
+  errno = 0;
+  EXPECT_FALSE(lockPassword("nobody"));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_FALSE(unlockPassword("nobody"));
+  EXPECT_EQ(readText(kPasswd), before);
+}
+
+TEST_F(PasswordTest, UnlockingNeverLeavesAnAccountWithoutAPassword) {
+  const std::string before = accountLine("admin", "!");
+  writeText(kPasswd, before);
+  EXPECT_FALSE(unlockPassword("admin"));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(readText(kPasswd), before);
+}
+
+using Microseconds = std::chrono::duration<double, std::micro>;
+
+double medianTime(const std::string& user) {
+  std::array<double, 15> times;
+  for (double& time : times) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(matches(user, "a wrong password"));
+    time = Microseconds(std::chrono::steady_clock::now() - start).count();
+  }
+  std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+  return times[times.size() / 2];
+}
+
+// Wide bounds: without equal work the ratio is beyond 10.
+TEST_F(PasswordTest, AWrongPasswordCostsTheSameForEveryAccount) {
+  writeText(kPasswd, accountLine("admin", hash_) + accountLine("locked", "!" + hash_) +
+                         accountLine("empty", "") + accountLine("starred", "*") +
+                         accountLine("broken", "$6$cut"));
+  const double different = medianTime("admin");
+  for (const char* user : {"locked", "empty", "starred", "broken", "absent", "in:valid"}) {
+    const double ratio = medianTime(user) / different;
+    EXPECT_GT(ratio, 1.0 / 3) << user;
+    EXPECT_LT(ratio, 3.0) << user;
+  }
+}
+
+}  // namespace
+}  // namespace kova::utils
