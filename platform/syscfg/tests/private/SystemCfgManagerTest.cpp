@@ -1,0 +1,228 @@
+#include "kova/syscfg/SystemCfgManager.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "../../../utils/tests/TemporaryFolder.h"
+
+namespace kova::syscfg {
+namespace {
+
+using namespace std::string_literals;
+using tests::readText;
+using tests::writeText;
+
+constexpr char kStore[] = "/etc/system.cfg";
+constexpr std::size_t kMaxStore = 1024 * 1024;
+
+class SystemCfgManagerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::remove_all(kStore);
+    writeText(kStore, kContent);
+  }
+
+  // The value as a fresh manager reads it; "(absent)" without the key.
+  static std::string stored(const std::string& key) {
+    SystemCfgManager manager;
+    std::string value;
+    bool absent = false;
+    if (!manager.init() || !manager.get(key, &value, &absent)) {
+      return "(failed)";
+    }
+    return absent ? "(absent)" : value;
+  }
+
+  static constexpr char kContent[] = "# comment\nname=Camera\n\nzone=GMT\nodd line\n";
+  SystemCfgManager manager_;
+};
+
+TEST_F(SystemCfgManagerTest, ValuesAreReadByTheirExactKey) {
+  EXPECT_EQ(stored("name"), "Camera");
+  EXPECT_EQ(stored("zone"), "GMT");
+  for (const char* key : {"Name", "nam", "name ", "", "odd line", "# comment", "name=Camera"}) {
+    EXPECT_EQ(stored(key), "(absent)") << key;
+  }
+}
+
+TEST_F(SystemCfgManagerTest, AnAbsentKeyIsAFailureOnlyWithoutTheFlag) {
+  ASSERT_TRUE(manager_.init());
+  std::string value = "before";
+  bool absent = false;
+  EXPECT_TRUE(manager_.get("none", &value, &absent));
+  EXPECT_TRUE(absent);
+  EXPECT_EQ(value, "");
+  EXPECT_FALSE(manager_.get("none", &value, nullptr));
+  EXPECT_TRUE(manager_.get("name", &value, &absent));
+  EXPECT_FALSE(absent);
+}
+
+TEST_F(SystemCfgManagerTest, AChangeKeepsAllOtherLines) {
+  ASSERT_TRUE(manager_.init());
+  bool changed = false;
+  EXPECT_TRUE(manager_.set("name", "a=b # c", &changed));
+  EXPECT_TRUE(changed);
+  EXPECT_TRUE(manager_.set("added", 42, nullptr));
+  EXPECT_EQ(readText(kStore), kContent);
+  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_EQ(readText(kStore), "# comment\nname=a=b # c\n\nzone=GMT\nodd line\nadded=42\n");
+  EXPECT_EQ(stored("name"), "a=b # c");
+  EXPECT_EQ(stored("added"), "42");
+}
+
+TEST_F(SystemCfgManagerTest, SettingTheSameValueIsNoChange) {
+  ASSERT_TRUE(manager_.init());
+  bool changed = true;
+  EXPECT_TRUE(manager_.set("name", "Camera", &changed));
+  EXPECT_FALSE(changed);
+  EXPECT_TRUE(manager_.set("count", -1, &changed));
+  EXPECT_TRUE(changed);
+  EXPECT_TRUE(manager_.set("count", -1, &changed));
+  EXPECT_FALSE(changed);
+}
+
+TEST_F(SystemCfgManagerTest, OfEqualKeysTheLastCounts) {
+  writeText(kStore, "a=1\na=2\nb=3\n");
+  ASSERT_TRUE(manager_.init());
+  std::string value;
+  EXPECT_TRUE(manager_.get("a", &value, nullptr));
+  EXPECT_EQ(value, "2");
+  EXPECT_TRUE(manager_.set("a", "4", nullptr));
+  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_EQ(readText(kStore), "a=1\na=4\nb=3\n");
+  EXPECT_EQ(stored("a"), "4");
+}
+
+TEST_F(SystemCfgManagerTest, AddingToAFileWithoutALastLineBreakStartsALine) {
+  writeText(kStore, "a=1");
+  ASSERT_TRUE(manager_.init());
+  EXPECT_TRUE(manager_.set("b", "2", nullptr));
+  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_EQ(readText(kStore), "a=1\nb=2\n");
+}
+
+TEST_F(SystemCfgManagerTest, WhatWouldBreakTheLinesIsRefused) {
+  ASSERT_TRUE(manager_.init());
+  bool changed = true;
+  for (const std::string& value :
+       {std::string("a\nusers.1.name=evil"), std::string("a\r"), "a\0b"s}) {
+    EXPECT_FALSE(manager_.set("name", value, &changed));
+  }
+  for (const std::string& key : {std::string(), std::string("a=b"), std::string("a\nb"),
+                                 std::string("#a"), std::string(" a"), "a\0"s}) {
+    EXPECT_FALSE(manager_.set(key, "value", &changed));
+  }
+  EXPECT_TRUE(manager_.close(true, true));
+  EXPECT_EQ(readText(kStore), kContent);
+}
+
+TEST_F(SystemCfgManagerTest, TheFileIsReplacedOnlyWhenChangedOrForced) {
+  struct stat before {};
+  struct stat after {};
+  ASSERT_EQ(stat(kStore, &before), 0);
+  SystemCfgManager unchanged;
+  ASSERT_TRUE(unchanged.init());
+  EXPECT_TRUE(unchanged.set("name", "dropped", nullptr));
+  EXPECT_TRUE(unchanged.close(false, false));
+  ASSERT_EQ(stat(kStore, &after), 0);
+  EXPECT_EQ(before.st_ino, after.st_ino);
+  EXPECT_EQ(readText(kStore), kContent);
+
+  ASSERT_TRUE(manager_.init());
+  EXPECT_TRUE(manager_.close(false, true));
+  ASSERT_EQ(stat(kStore, &after), 0);
+  EXPECT_NE(before.st_ino, after.st_ino);
+  EXPECT_EQ(readText(kStore), kContent);
+}
+
+TEST_F(SystemCfgManagerTest, WithoutCloseNothingIsWritten) {
+  {
+    SystemCfgManager manager;
+    ASSERT_TRUE(manager.init());
+    EXPECT_TRUE(manager.set("name", "dropped", nullptr));
+  }
+  EXPECT_EQ(readText(kStore), kContent);
+}
+
+TEST_F(SystemCfgManagerTest, TheModeOfTheFileIsKept) {
+  ASSERT_EQ(chmod(kStore, 0600), 0);
+  ASSERT_TRUE(manager_.init());
+  EXPECT_TRUE(manager_.set("name", "new", nullptr));
+  EXPECT_TRUE(manager_.close(true, false));
+  struct stat info {};
+  ASSERT_EQ(stat(kStore, &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600U);
+}
+
+TEST_F(SystemCfgManagerTest, OutsideOfInitAndCloseEverythingFails) {
+  std::string value;
+  bool absent = false;
+  EXPECT_FALSE(manager_.get("name", &value, &absent));
+  EXPECT_FALSE(manager_.set("name", "x", nullptr));
+  EXPECT_FALSE(manager_.close(true, false));
+  ASSERT_TRUE(manager_.init());
+  EXPECT_TRUE(manager_.close(false, false));
+  EXPECT_FALSE(manager_.get("name", &value, &absent));
+  EXPECT_FALSE(manager_.set("name", "x", nullptr));
+  EXPECT_FALSE(manager_.close(true, true));
+  EXPECT_EQ(readText(kStore), kContent);
+}
+
+TEST_F(SystemCfgManagerTest, AStoreThatCannotBeReadIsAFailure) {
+  ASSERT_EQ(chmod(kStore, 0), 0);
+  EXPECT_FALSE(manager_.init());
+  ASSERT_EQ(unlink(kStore), 0);
+  EXPECT_FALSE(manager_.init());
+  ASSERT_EQ(mkdir(kStore, 0700), 0);
+  EXPECT_FALSE(manager_.init());
+  ASSERT_EQ(rmdir(kStore), 0);
+  ASSERT_EQ(mkfifo(kStore, 0600), 0);
+  EXPECT_FALSE(manager_.init());
+}
+
+TEST_F(SystemCfgManagerTest, AStoreIsReadUpTo1MiB) {
+  const std::string line = "key=value\n";
+  writeText(kStore, line + std::string(kMaxStore - line.size(), 'x'));
+  EXPECT_EQ(stored("key"), "value");
+  writeText(kStore, line + std::string(kMaxStore - line.size() + 1, 'x'));
+  EXPECT_FALSE(manager_.init());
+}
+
+TEST_F(SystemCfgManagerTest, AStoreNeverGrowsBeyondWhatCanBeRead) {
+  ASSERT_TRUE(manager_.init());
+  const std::size_t room = kMaxStore - sizeof kContent + 1 - sizeof "big=";
+  EXPECT_FALSE(manager_.set("big", std::string(room + 1, 'x'), nullptr));
+  EXPECT_TRUE(manager_.set("big", std::string(room, 'x'), nullptr));
+  EXPECT_FALSE(manager_.set("name", "Camera2", nullptr));
+  EXPECT_TRUE(manager_.set("name", "Came", nullptr));
+  EXPECT_TRUE(manager_.set("name", "Camera", nullptr));
+  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_EQ(std::filesystem::file_size(kStore), kMaxStore);
+  EXPECT_EQ(stored("big").size(), room);
+}
+
+TEST_F(SystemCfgManagerTest, AFullStoreThatLacksItsLastLineBreakIsNotReplaced) {
+  writeText(kStore, "a=" + std::string(kMaxStore - 2, 'x'));
+  ASSERT_TRUE(manager_.init());
+  EXPECT_FALSE(manager_.close(false, true));
+  EXPECT_EQ(std::filesystem::file_size(kStore), kMaxStore);
+}
+
+TEST_F(SystemCfgManagerTest, GarbageIsKeptByteForByte) {
+  std::string garbage;
+  for (int i = 0; i < 100000; ++i) {
+    garbage.push_back(static_cast<char>(i * i / 7));
+  }
+  garbage.push_back('\n');
+  writeText(kStore, garbage);
+  ASSERT_TRUE(manager_.init());
+  EXPECT_TRUE(manager_.set("name", "Camera", nullptr));
+  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_EQ(readText(kStore), garbage + "name=Camera\n");
+}
+
+}  // namespace
+}  // namespace kova::syscfg
