@@ -1,0 +1,151 @@
+#include "kova/gpio/Button.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <string_view>
+
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+#include "kova/variant/CameraInfo.h"
+
+namespace kova::gpio {
+namespace {
+
+using variant::Variant;
+using variant::VariantClass;
+
+constexpr char kLogIdentity[] = "kova_gpio";
+constexpr char kLogUnit[] = "Button";
+constexpr std::uint64_t kDebounceMs = 30;
+
+int heldTime(std::uint64_t from, std::uint64_t to) {
+  constexpr std::uint64_t kMost = std::numeric_limits<int>::max();
+  return static_cast<int>(std::min(to - from, kMost));
+}
+
+// The key's value, or null when it is absent or, which is logged, of another type.
+const Variant* optionalValue(const variant::CameraInfo& info, const char* key, VariantClass mask) {
+  const Variant* value = info.Find(key);
+  if (value != nullptr && !value->Is(mask)) {
+    KOVA_LOG(LOG_ERR, 0, "Key \"%s\" has a different type than expected", key);
+    return nullptr;
+  }
+  return value;
+}
+
+}  // namespace
+
+BaseButton::~BaseButton() {
+  closeLine();
+}
+
+void BaseButton::closeLine() {
+  if (fd_ >= 0) {
+    close(fd_);
+    fd_ = -1;
+  }
+}
+
+bool BaseButton::init(const variant::CameraInfo* info, IButtonEventsObserver* observer,
+                      int intervalMs) {
+  const Line line = lineOf(*info);
+  closeLine();
+  path_ = line.path;
+  activeLow_ = line.activeLow;
+  observer_ = observer;
+  intervalMs_ = static_cast<std::uint64_t>(std::max(intervalMs, 0));
+  pressed_ = false;
+  candidate_ = false;
+  readable_ = true;
+  bool pressed = false;
+  return path_.empty() || sample(pressed);
+}
+
+bool BaseButton::service() {
+  if (path_.empty()) {
+    return true;
+  }
+  bool pressed = false;
+  if (!sample(pressed)) {
+    return false;
+  }
+  const std::uint64_t now = utils::nowMs();
+  debounce(pressed, now);
+  reportHeld(now);
+  return true;
+}
+
+bool BaseButton::sample(bool& pressed) {
+  const bool readable = readPressed(pressed);
+  if (!readable && readable_) {
+    KOVA_LOG(LOG_ERR, errno, "Cannot read the button at %s", path_.c_str());
+  }
+  if (!readable) {
+    closeLine();
+  }
+  readable_ = readable;
+  return readable;
+}
+
+bool BaseButton::readPressed(bool& pressed) {
+  if (fd_ < 0) {
+    fd_ = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd_ < 0) {
+      return false;
+    }
+  }
+  std::array<char, 4> buffer;
+  const ssize_t got = pread(fd_, buffer.data(), buffer.size(), 0);
+  if (got < 0) {
+    return false;
+  }
+  std::string_view text(buffer.data(), static_cast<std::size_t>(got));
+  if (text.ends_with('\n')) {
+    text.remove_suffix(1);
+  }
+  if (text != "0" && text != "1") {
+    errno = EINVAL;
+    return false;
+  }
+  pressed = (text == "0") == activeLow_;
+  return true;
+}
+
+void BaseButton::debounce(bool pressed, std::uint64_t now) {
+  if (pressed != candidate_) {
+    candidate_ = pressed;
+    candidateSince_ = now;
+  }
+  if (candidate_ == pressed_ || now - candidateSince_ < kDebounceMs) {
+    return;
+  }
+  pressed_ = candidate_;
+  if (pressed_) {
+    pressedSince_ = candidateSince_;
+    lastReport_ = candidateSince_;
+    observer_->buttonDown();
+  } else {
+    observer_->buttonUp(heldTime(pressedSince_, candidateSince_));
+  }
+}
+
+void BaseButton::reportHeld(std::uint64_t now) {
+  // Not while the line is open: that may be the release, whose time is then the first open sample.
+  if (pressed_ && candidate_ && now - lastReport_ >= intervalMs_) {
+    lastReport_ = now;
+    observer_->buttonDepressed(heldTime(pressedSince_, now));
+  }
+}
+
+BaseButton::Line BaseResetButton::lineOf(const variant::CameraInfo& info) const {
+  const Variant* path = optionalValue(info, "reset_button_gpio", VariantClass::String);
+  const Variant* activeLow = optionalValue(info, "reset_button_active_low", VariantClass::Boolean);
+  return {path == nullptr ? "" : path->ToText(), activeLow == nullptr || activeLow->ToBool()};
+}
+
+}  // namespace kova::gpio

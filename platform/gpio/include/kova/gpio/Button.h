@@ -19,8 +19,8 @@ class IButtonEventsObserver {
   virtual ~IButtonEventsObserver() = default;
 };
 
-/// A push button on a GPIO line, read from the value file that the kernel offers for it (sysfs GPIO
-/// interface).
+/// A push button on a GPIO line, read from the value file that the kernel offers for it: "0" or
+/// "1", a line break after it (Documentation/admin-guide/gpio/sysfs.rst).
 class BaseButton {
  public:
   virtual ~BaseButton();
@@ -30,13 +30,14 @@ class BaseButton {
   /// @param info       where the board says which line the button is on; must outlive the button
   /// @param observer   told of the button's events; must outlive the button
   /// @param intervalMs least time between two buttonDepressed() calls
-  /// @return false when the board names a line that cannot be read; a board without the button
-  /// succeeds
+  /// @return false, and logged, when the board names a line that cannot be read; a board without
+  ///         the button succeeds
   bool init(const variant::CameraInfo* info, IButtonEventsObserver* observer, int intervalMs);
 
   /// Samples the line once and reports what changed. A new level counts once it has lasted for the
-  /// debounce time of 30 ms; held times count from its first sample. False when the line cannot be
-  /// read.
+  /// debounce time of 30 ms; held times count from its first sample. buttonDepressed() is called
+  /// first `intervalMs` after the press. False when the line cannot be read, until it can again; a
+  /// button without a line has nothing to do and succeeds.
   bool service();
 
  protected:
@@ -50,12 +51,16 @@ class BaseButton {
   virtual Line lineOf(const variant::CameraInfo& info) const = 0;
 
  private:
+  bool sample(bool& pressed);
   bool readPressed(bool& pressed);
+  void closeLine();
   void debounce(bool pressed, std::uint64_t now);
   void reportHeld(std::uint64_t now);
 
   IButtonEventsObserver* observer_ = nullptr;
+  std::string path_;
   int fd_ = -1;
+  bool readable_ = true;  // the last sample; a failure is logged when it begins
   bool activeLow_ = true;
   std::uint64_t intervalMs_ = 0;
   bool pressed_ = false;    // the debounced level
