@@ -1,0 +1,111 @@
+#include "Terminal.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "StopSignals.h"
+#include "Text.h"
+
+namespace kova::ctl {
+
+bool print(std::string_view text) {
+  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+         std::fflush(stdout) == 0;
+}
+
+bool inputIsTerminal() {
+  return isatty(STDIN_FILENO) == 1;
+}
+
+bool outputIsTerminal() {
+  return isatty(STDOUT_FILENO) == 1;
+}
+
+bool errorIsTerminal() {
+  return isatty(STDERR_FILENO) == 1;
+}
+
+Size terminalSize() {
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+    return {80, 24};
+  }
+  return {size.ws_col, size.ws_row};
+}
+
+AlternateScreen::AlternateScreen() {
+  print("\x1b[?1049h\x1b[?25l");
+}
+
+AlternateScreen::~AlternateScreen() {
+  print("\x1b[?25h\x1b[?1049l");
+}
+
+bool AlternateScreen::Show(std::string_view text) {
+  const Size size = terminalSize();
+  std::string frame = "\x1b[H";
+  for (std::size_t line = 0; line < size.lines && !text.empty(); ++line) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    frame += line == 0 ? "" : "\r\n";
+    frame += std::string(clip(text.substr(0, end), size.columns)) + "\x1b[K";
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return print(frame + "\x1b[J");
+}
+
+NoEcho::NoEcho() {
+  if (tcgetattr(STDIN_FILENO, &saved_) == 0) {
+    termios silent = saved_;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
+    active_ = tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) == 0;
+  }
+}
+
+NoEcho::~NoEcho() {
+  if (active_) {
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
+  }
+}
+
+bool readLine(std::string& line) {
+  line.clear();
+  // A byte at a time, so that nothing of the next line is taken.
+  for (char c = '\0'; !stopRequested();) {
+    const ssize_t got = read(STDIN_FILENO, &c, 1);
+    if (got == 0 || (got < 0 && errno != EINTR)) {
+      return got == 0 && !line.empty();
+    }
+    if (got == 1 && c == '\n') {
+      return true;
+    }
+    if (got == 1) {
+      line += c;
+    }
+  }
+  return false;
+}
+
+bool ask(std::string_view prompt, std::string& answer) {
+  std::fprintf(stderr, "%s", std::string(prompt).c_str());
+  const bool got = readLine(answer);
+  if (!got) {
+    std::fputc('\n', stderr);
+  }
+  return got;
+}
+
+bool askSecret(std::string_view prompt, std::string& answer) {
+  const NoEcho quiet;
+  if (!quiet.Active()) {
+    return false;
+  }
+  std::fprintf(stderr, "%s", std::string(prompt).c_str());
+  const bool got = readLine(answer);
+  std::fputc('\n', stderr);
+  return got;
+}
+
+}  // namespace kova::ctl

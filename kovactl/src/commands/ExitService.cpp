@@ -1,0 +1,17 @@
+#include "../Answer.h"
+#include "../Command.h"
+
+namespace kova::ctl {
+
+Action setUpExitService(CLI::App& app) {
+  app.footer(
+      "A pending save or factory reset is done before it ends. Where a supervisor watches it, it\n"
+      "comes back.\n");
+  return [](const Options& options) {
+    ipc::messages::BaseRequestMessage request;
+    request.functionName("ExitService");
+    return askServer(options, request, "The control server ends.\n");
+  };
+}
+
+}  // namespace kova::ctl

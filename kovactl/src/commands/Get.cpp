@@ -1,0 +1,91 @@
+#include <algorithm>
+#include <array>
+
+#include "../Assignments.h"
+#include "../Command.h"
+#include "../Transfer.h"
+#include "kova/messages/Requests.h"
+
+namespace kova::ctl {
+namespace {
+
+constexpr const char* kSilence =
+    "the upload has succeeded, or the camera refused the request (such a file is being uploaded\n"
+    "already, or the name is not allowed); the receiver, or the camera's log, tells which";
+
+struct Kind {
+  std::string_view typed;
+  std::string_view what;
+  bool needsName;
+};
+
+constexpr std::array<Kind, 4> kKinds{{
+    {"snapshot", "snapshot", false},
+    {"support", "supportInfo", false},
+    {"event-snapshot", "eventSnapshot", true},
+    {"event-heatmap", "eventHeatmap", true},
+}};
+
+struct Arguments {
+  std::string what;
+  std::string uri;
+  std::string filename;
+  std::vector<std::string> fields;
+};
+
+bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::string& error) {
+  const auto kind = std::ranges::find(kKinds, arguments.what, &Kind::typed);
+  if (kind->needsName == arguments.filename.empty()) {
+    error = arguments.what + (kind->needsName ? " needs --filename" : " takes no --filename");
+    return false;
+  }
+  variant::Variant form = variant::Variant::Map{};
+  if (!parseAssignments(arguments.fields, form, error)) {
+    return false;
+  }
+  request.what(std::string(kind->what));
+  request.uri(arguments.uri);
+  if (kind->needsName) {
+    request.filename(arguments.filename);
+  }
+  if (form.Size() > 0) {
+    request.formFields(form);
+  }
+  return true;
+}
+
+Exit run(const Options& options, const Arguments& arguments, const TransferOptions& transfer) {
+  ipc::messages::GetRequest request;
+  std::string error;
+  if (!build(arguments, request, error)) {
+    return fail(Exit::Usage, error);
+  }
+  request.timeoutMs(transfer.timeoutMs);
+  request.disableEvents(!transfer.wait);
+  return runTransfer(options, request, transfer, kSilence);
+}
+
+}  // namespace
+
+Action setUpGet(CLI::App& app) {
+  auto arguments = std::make_shared<Arguments>();
+  app.add_option("WHAT", arguments->what, "snapshot, support, event-snapshot or event-heatmap")
+      ->required()
+      ->type_name("")
+      ->check(CLI::IsMember({"snapshot", "support", "event-snapshot", "event-heatmap"}));
+  app.add_option("URI", arguments->uri, "Where the camera uploads it to, http: or https:")
+      ->required()
+      ->type_name("");
+  app.add_option("--filename", arguments->filename,
+                 "Name of the event's file, such as motionsnap_12.jpg or heatmap_12.png")
+      ->type_name("NAME");
+  app.add_option("--field", arguments->fields, "Field to add to the upload's form; repeatable")
+      ->type_name("KEY=VALUE")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  auto transfer = addTransferOptions(app, 90000, kSilence);
+  return
+      [arguments, transfer](const Options& options) { return run(options, *arguments, *transfer); };
+}
+
+}  // namespace kova::ctl
