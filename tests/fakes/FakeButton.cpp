@@ -9,7 +9,7 @@ BaseButton::~BaseButton() = default;
 
 bool BaseButton::init(const variant::CameraInfo*, IButtonEventsObserver* observer, int intervalMs) {
   platform().note("BaseButton::init " + std::to_string(intervalMs));
-  observer_ = observer;
+  platform().button.observer = observer;
   return platform().button.initResult;
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 
 #include "Platform.h"
@@ -6,12 +7,31 @@
 using kova::fakes::platform;
 
 namespace kova::utils {
+namespace {
 
-bool username_valid(const std::string& name, bool) {
-  const bool valid = !name.empty() && name.size() <= 32 &&
-                     name.find_first_not_of(
-                         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                         "0123456789_.-") == std::string::npos;
+/// Null, with `errno` set, when the account is not there or the script says so.
+std::string* hashToChange(const std::string& user) {
+  auto& accounts = platform().accounts;
+  const auto found = accounts.hashes.find(user);
+  if (!accounts.lockResult || found == accounts.hashes.end()) {
+    errno = accounts.lockResult ? ENOENT : EIO;
+    return nullptr;
+  }
+  return &found->second;
+}
+
+}  // namespace
+
+bool username_valid(const std::string& name, bool strict) {
+  const std::string letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_";
+  bool valid = !name.empty() && name.size() <= 32;
+  if (strict) {
+    valid = valid && letters.find(name.front()) != letters.npos &&
+            name.find_first_not_of(letters + "0123456789.-") == name.npos;
+  } else {
+    valid = valid && std::none_of(name.begin(), name.end(),
+                                  [](unsigned char c) { return c == ':' || c < ' ' || c == 0x7f; });
+  }
   if (!valid) {
     errno = EINVAL;
   }
@@ -43,28 +63,47 @@ int authenticatePassword(const std::string& user, const std::string& password, b
     }
   }
   const auto found = accounts.hashes.find(user);
-  const std::string suffix = "$" + password;
-  matches = found != accounts.hashes.end() && !found->second.starts_with("!") &&
-            found->second.ends_with(suffix);
+  if (found == accounts.hashes.end()) {
+    return ENOENT;
+  }
+  const std::string& hash = found->second;
+  const std::size_t separator = hash.find('$');
+  matches =
+      !hash.starts_with('!') && separator != hash.npos && hash.substr(separator + 1) == password;
   return 0;
 }
 
 std::string generateSalt() {
+  if (!platform().accounts.saltResult) {
+    return "";
+  }
   return "salt" + std::to_string(++platform().accounts.salts);
 }
 
 std::string generateHash(const char* password, const std::string& salt) {
-  return salt + "$" + password;
+  return salt.empty() ? "" : salt + "$" + password;
 }
 
 bool lockPassword(const std::string& user) {
   platform().note("lockPassword " + user);
-  return platform().accounts.lockResult;
+  std::string* hash = hashToChange(user);
+  if (hash != nullptr && !hash->starts_with('!')) {
+    hash->insert(0, "!");
+  }
+  return hash != nullptr;
 }
 
 bool unlockPassword(const std::string& user) {
   platform().note("unlockPassword " + user);
-  return platform().accounts.lockResult;
+  std::string* hash = hashToChange(user);
+  if (hash == nullptr || *hash == "!") {
+    errno = hash == nullptr ? ENOENT : EINVAL;
+    return false;
+  }
+  if (hash->starts_with('!')) {
+    hash->erase(0, 1);
+  }
+  return true;
 }
 
 }  // namespace kova::utils

@@ -4,6 +4,11 @@
 
 namespace kova::fakes {
 
+std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+  return out << line.unit << "." << line.function << " <" << line.level << "> (" << line.error
+             << ") " << line.text;
+}
+
 Platform& platform() {
   static Platform instance;
   return instance;

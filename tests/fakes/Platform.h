@@ -4,10 +4,12 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "kova/gpio/Button.h"
 #include "kova/messages/BaseMessage.h"
 #include "kova/utils/Stats.h"
 #include "kova/variant/Variant.h"
@@ -23,7 +25,10 @@ struct LogLine {
   int level;
   int error;
   std::string text;
+
+  bool operator==(const LogLine&) const = default;
 };
+std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
 /// What a fake program does when run.
 struct ProcessResult {
@@ -75,13 +80,15 @@ struct Accounts {
   int readResult = 0;
   std::vector<int> authenticateResults;  ///< results of the next calls, in order; then 0
   bool lockResult = true;
-  unsigned salts = 0;  ///< how many were generated; the n-th is "salt<n>"
+  bool saltResult = true;  ///< false: generateSalt() gives ""
+  unsigned salts = 0;      ///< how many were generated; the n-th is "salt<n>"
 };
 
 struct Button {
   bool initResult = true;
   bool serviceResult = true;
   std::function<void()> onService;
+  gpio::IButtonEventsObserver* observer = nullptr;  ///< as given to init()
 };
 
 struct Platform {

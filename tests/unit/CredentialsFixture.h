@@ -1,0 +1,81 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+
+#include "CtlServer.h"
+#include "Platform.h"
+#include "kova/utils/File.h"
+
+namespace kova::ctlserver {
+
+constexpr char kAccountFile[] = "/etc/passwd";
+constexpr char kOldAccounts[] = "root:*:0:0:root:/root:/bin/sh\nguest:x:1:1::/:/bin/false\n";
+
+/// A camera whose administrator is "admin" with the password "secret"; the stored hash is
+/// "old$secret". It writes the real /etc/passwd, so it has to run in a private root.
+class CredentialsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::array<char, 64> host{};
+    gethostname(host.data(), host.size() - 1);
+    ASSERT_STREQ(host.data(), "kova-test") << "run this program through tests/private-root";
+    fakes::reset();
+    fakes::platform().config.values = {{"users.1.name", "admin"},
+                                       {"users.1.password", "old$secret"}};
+    fakes::platform().accounts.hashes = {{"admin", "old$secret"}};
+    writeAccounts(kOldAccounts);
+  }
+
+  bool change(const variant::Variant::Map& fields) {
+    ipc::messages::ChangeUsernamePassword request{variant::Variant(fields)};
+    request.NormalizeFields();
+    return server_.changeUsernamePassword(request, reply_);
+  }
+
+  static void writeAccounts(const std::string& text) {
+    utils::File file;
+    ASSERT_TRUE(file.Initialize(kAccountFile, utils::FILE_OPEN_MODE_TRUNCATE, 0) &&
+                file.WriteString(text) && file.Close());
+  }
+
+  static std::string accounts() {
+    std::string text;
+    EXPECT_TRUE(utils::File::ReadStringAll(kAccountFile, text));
+    return text;
+  }
+
+  /// The whole account file of an administrator.
+  static std::string accountLine(const std::string& name, const std::string& hash) {
+    return name + ":" + hash + ":0:0:Administrator:/etc/persistent:/bin/sh\n";
+  }
+
+  static std::string stored(const std::string& key) {
+    return fakes::platform().config.values.at(key);
+  }
+
+  static fakes::LogLine error(const std::string& text, int code = 0) {
+    return {"CtlServer", "changeUsernamePassword", LOG_ERR, code, text};
+  }
+
+  static void expectNothingWritten() {
+    using testing::Contains;
+    using testing::Not;
+    using testing::StartsWith;
+    EXPECT_THAT(fakes::platform().journal, Not(Contains(StartsWith("set "))));
+    EXPECT_THAT(fakes::platform().journal, Not(Contains(StartsWith("close"))));
+    EXPECT_EQ(accounts(), kOldAccounts);
+  }
+
+  variant::CameraInfo info_;
+  CtlServer server_{info_};
+  variant::Variant reply_;
+};
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,163 @@
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+
+#include "CredentialsFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+using variant::Variant;
+
+const Variant::Map kNewPassword{
+    {"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", "fresh"}};
+const Variant::Map kNewNameAndPassword{
+    {"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "fresh"}};
+
+TEST_F(CredentialsTest, SameNameWithoutANewPasswordWritesNothing) {
+  EXPECT_TRUE(change({{"username", "admin"}, {"passwordOld", "secret"}}));
+  EXPECT_EQ(platform().accounts.salts, 0U);
+  EXPECT_THAT(platform().log, IsEmpty());
+  expectNothingWritten();
+}
+
+TEST_F(CredentialsTest, SameNameAndSamePasswordWriteNothing) {
+  EXPECT_TRUE(
+      change({{"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", "secret"}}));
+  EXPECT_EQ(platform().accounts.salts, 1U);
+  expectNothingWritten();
+}
+
+TEST_F(CredentialsTest, NewPasswordGoesToTheStoreAndToTheAccountFile) {
+  EXPECT_TRUE(change(kNewPassword));
+  EXPECT_THAT(platform().journal,
+              ElementsAre("SystemCfgManager::init", "get users.1.name",
+                          "authenticatePassword admin", "authenticatePassword admin",
+                          "set users.1.password=salt1$fresh", "close true false"));
+  EXPECT_EQ(stored("users.1.password"), "salt1$fresh");
+  EXPECT_EQ(accounts(), accountLine("admin", "salt1$fresh"));
+  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_THAT(platform().log, IsEmpty());
+}
+
+TEST_F(CredentialsTest, NewNameAloneKeepsTheSystemsHash) {
+  platform().accounts.hashes["admin"] = "system$secret";
+  EXPECT_TRUE(change({{"username", "boss"}, {"passwordOld", "secret"}}));
+  EXPECT_EQ(stored("users.1.name"), "boss");
+  EXPECT_EQ(stored("users.1.password"), "old$secret");
+  EXPECT_EQ(accounts(), accountLine("boss", "system$secret"));
+  EXPECT_EQ(platform().accounts.salts, 0U);
+}
+
+TEST_F(CredentialsTest, NewNameWithTheSamePasswordGetsAFreshHashInTheAccountFileOnly) {
+  EXPECT_TRUE(change({{"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "secret"}}));
+  EXPECT_EQ(stored("users.1.name"), "boss");
+  EXPECT_EQ(stored("users.1.password"), "old$secret");
+  EXPECT_EQ(accounts(), accountLine("boss", "salt1$secret"));
+}
+
+TEST_F(CredentialsTest, NewNameIsStoredBeforeTheNewPassword) {
+  EXPECT_TRUE(change(kNewNameAndPassword));
+  EXPECT_THAT(
+      platform().journal,
+      ElementsAre("SystemCfgManager::init", "get users.1.name", "authenticatePassword admin",
+                  "authenticatePassword admin", "set users.1.name=boss",
+                  "set users.1.password=salt1$fresh", "close true false"));
+  EXPECT_EQ(accounts(), accountLine("boss", "salt1$fresh"));
+}
+
+TEST_F(CredentialsTest, NamesThatDifferInCaseDiffer) {
+  EXPECT_TRUE(change({{"username", "Admin"}, {"passwordOld", "secret"}}));
+  EXPECT_EQ(stored("users.1.name"), "Admin");
+}
+
+TEST_F(CredentialsTest, PasswordFieldIsAddedToTheStoreThatHasNone) {
+  platform().config.values.erase("users.1.password");
+  EXPECT_TRUE(change(kNewPassword));
+  EXPECT_EQ(stored("users.1.password"), "salt1$fresh");
+}
+
+// Failures.
+
+TEST_F(CredentialsTest, NameThatCannotBeStoredFailsWithTheAccountFileUntouched) {
+  platform().config.failingSet = "users.1.name";
+  EXPECT_FALSE(change(kNewNameAndPassword));
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to update username")));
+  EXPECT_THAT(platform().journal, Not(Contains(StartsWith("set users.1.password"))));
+  EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
+  EXPECT_EQ(accounts(), kOldAccounts);
+}
+
+TEST_F(CredentialsTest, PasswordThatCannotBeStoredLeavesTheStoreOpenAndUnwritten) {
+  platform().config.failingSet = "users.1.password";
+  EXPECT_FALSE(change(kNewNameAndPassword));
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to update password")));
+  EXPECT_THAT(platform().journal, Contains("set users.1.name=boss"));
+  EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
+  EXPECT_EQ(stored("users.1.name"), "admin");
+  EXPECT_EQ(accounts(), kOldAccounts);
+}
+
+TEST_F(CredentialsTest, StoreThatCannotBeClosedFailsBeforeTheAccountFileIsTouched) {
+  platform().config.closeResult = false;
+  EXPECT_FALSE(change(kNewNameAndPassword));
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to close system.cfg manager")));
+  EXPECT_EQ(accounts(), kOldAccounts);
+}
+
+TEST_F(CredentialsTest, AccountFileThatCannotBeOpenedFailsWithTheStoreWritten) {
+  ASSERT_EQ(chmod("/etc", 0555), 0);
+  EXPECT_FALSE(change(kNewPassword));
+  ASSERT_EQ(chmod("/etc", 0755), 0);
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to open /etc/passwd", EACCES)));
+  EXPECT_EQ(stored("users.1.password"), "salt1$fresh");
+  EXPECT_EQ(accounts(), kOldAccounts);
+}
+
+TEST_F(CredentialsTest, AccountFileThatCannotBeWrittenKeepsItsContent) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const auto ignored = signal(SIGXFSZ, SIG_IGN);
+  const rlimit tiny{10, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tiny), 0);
+  EXPECT_FALSE(change(kNewPassword));
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  signal(SIGXFSZ, ignored);
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to write to /etc/passwd", EFBIG)));
+  EXPECT_EQ(accounts(), kOldAccounts);
+}
+
+TEST_F(CredentialsTest, AccountFileThatCannotBeReplacedFails) {
+  // A file that something is mounted on cannot be renamed over.
+  ASSERT_EQ(mount(kAccountFile, kAccountFile, nullptr, MS_BIND, nullptr), 0);
+  EXPECT_FALSE(change(kNewPassword));
+  ASSERT_EQ(umount(kAccountFile), 0);
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to write to /etc/passwd", EBUSY)));
+  EXPECT_EQ(accounts(), kOldAccounts);
+}
+
+TEST_F(CredentialsTest, MissingAccountFileIsMade) {
+  ASSERT_EQ(unlink(kAccountFile), 0);
+  EXPECT_TRUE(change(kNewPassword));
+  EXPECT_EQ(accounts(), accountLine("admin", "salt1$fresh"));
+}
+
+TEST_F(CredentialsTest, AccountFileKeepsItsMode) {
+  ASSERT_EQ(chmod(kAccountFile, 0640), 0);
+  EXPECT_TRUE(change(kNewPassword));
+  struct stat info {};
+  ASSERT_EQ(stat(kAccountFile, &info), 0);
+  EXPECT_EQ(info.st_mode & 07777U, 0640U);
+  ASSERT_EQ(chmod(kAccountFile, 0644), 0);
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

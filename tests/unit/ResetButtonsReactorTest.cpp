@@ -1,0 +1,285 @@
+#include "ResetButtonsReactor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <climits>
+
+#include "CtlServer.h"
+#include "Platform.h"
+#include "kova/messages/Events.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::LogLine;
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint32_t kShortHoldModel = 0xa526;
+constexpr std::uint32_t kOtherModel = 0xa525;
+
+LogLine line(const char* function, const std::string& text, int level = LOG_INFO) {
+  return {"ResetButtonsReactor", function, level, 0, text};
+}
+
+class ResetButtonsReactorTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    use(kOtherModel);
+    platform().journal.clear();
+  }
+
+  void TearDown() override {
+    server_.reset();
+    ipc::Ipc::FreeInstance();
+  }
+
+  void use(std::uint32_t sysid) {
+    info_["sysid"] = sysid;
+    EXPECT_TRUE(reactor_.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
+  }
+
+  /// Whether a factory reset has been scheduled: it erases the configuration once it is due.
+  bool resetScheduled() {
+    platform().nowMs += 5001;
+    server_->service(0);
+    return testing::Matches(Contains("/bin/cfgmtd -c"))(platform().commands);
+  }
+
+  static std::vector<std::string> sleeps() {
+    std::vector<std::string> found;
+    for (const auto& event : platform().journal) {
+      if (event.starts_with("sleep ")) {
+        found.push_back(event);
+      }
+    }
+    return found;
+  }
+
+  variant::CameraInfo info_;
+  std::unique_ptr<CtlServer> server_ = std::make_unique<CtlServer>(info_);
+  ResetButtonsReactor reactor_;
+};
+
+TEST_F(ResetButtonsReactorTest, PressIsLoggedOnly) {
+  reactor_.buttonDown();
+  EXPECT_THAT(platform().log, ElementsAre(line("buttonDown", "Reset button (case) down")));
+  EXPECT_THAT(platform().journal, IsEmpty());
+}
+
+TEST_F(ResetButtonsReactorTest, EventBeforeInitIsAnInternalError) {
+  ResetButtonsReactor fresh;
+  fresh.buttonDown();
+  EXPECT_THAT(platform().log, ElementsAre(line("buttonDown", "Internal error", LOG_ERR)));
+}
+
+TEST_F(ResetButtonsReactorTest, ThresholdBeforeInitIsZero) {
+  ResetButtonsReactor fresh;
+  fresh.buttonDepressed(0);
+  fresh.buttonDepressed(-1);
+  fresh.buttonUp(10'000);
+  EXPECT_THAT(platform().log, ElementsAre(line("buttonUp", "Reset button () up after 10000 ms")));
+}
+
+TEST_F(ResetButtonsReactorTest, ShortPressDoesNothing) {
+  reactor_.buttonDown();
+  reactor_.buttonDepressed(100);
+  reactor_.buttonUp(150);
+  EXPECT_THAT(platform().log, ElementsAre(line("buttonDown", "Reset button (case) down"),
+                                          line("buttonUp", "Reset button (case) up after 150 ms")));
+  EXPECT_THAT(platform().journal, IsEmpty());
+  EXPECT_FALSE(resetScheduled());
+}
+
+TEST_F(ResetButtonsReactorTest, LongPressThatWasNeverReportedAsHeldDoesNothing) {
+  reactor_.buttonDown();
+  reactor_.buttonUp(20'000);
+  EXPECT_THAT(platform().journal, IsEmpty());
+  EXPECT_FALSE(resetScheduled());
+}
+
+class ThresholdTest : public ResetButtonsReactorTest {
+ protected:
+  void expectThreshold(std::uint32_t sysid, int thresholdMs) {
+    use(sysid);
+    reactor_.buttonDepressed(INT_MIN);
+    reactor_.buttonDepressed(-1);
+    reactor_.buttonDepressed(thresholdMs - 1);
+    reactor_.buttonDepressed(thresholdMs);
+    EXPECT_THAT(platform().bus.sent, IsEmpty());
+    reactor_.buttonDepressed(thresholdMs + 1);
+    EXPECT_EQ(platform().bus.sent.size(), 1U);
+  }
+};
+
+TEST_F(ThresholdTest, IsThreeSecondsOnTheOneModel) {
+  expectThreshold(kShortHoldModel, 3000);
+}
+
+TEST_F(ThresholdTest, IsFiveSecondsOnAModelBelow) {
+  expectThreshold(0xa525, 5000);
+}
+
+TEST_F(ThresholdTest, IsFiveSecondsOnAModelAbove) {
+  expectThreshold(0xa527, 5000);
+}
+
+TEST_F(ResetButtonsReactorTest, SignalAsksTheSoundsAndLedsProcessForResetButton) {
+  reactor_.buttonDepressed(5001);
+  ASSERT_EQ(platform().bus.sent.size(), 1U);
+  ipc::messages::PlayState signal(platform().bus.sent.front());
+  EXPECT_EQ(signal.to(), "kova_sounds_leds");
+  EXPECT_EQ(signal.from(), "kova_ctlserver");
+  EXPECT_EQ(signal.functionName(), "PlayState");
+  EXPECT_EQ(signal.name(), "RESET_BUTTON");
+  EXPECT_FALSE(signal.responseExpected());
+  EXPECT_THAT(platform().log,
+              ElementsAre(line("buttonDepressed", "Reset button (case) can be released now")));
+}
+
+TEST_F(ResetButtonsReactorTest, SignalIsSentOnce) {
+  reactor_.buttonDepressed(5001);
+  reactor_.buttonDepressed(5101);
+  reactor_.buttonUp(5201);
+  reactor_.buttonDown();
+  reactor_.buttonDepressed(6000);
+  EXPECT_EQ(platform().bus.sent.size(), 1U);
+}
+
+TEST_F(ResetButtonsReactorTest, SignalThatCannotBeSentArmsAllTheSame) {
+  platform().bus.sendResult = false;
+  reactor_.buttonDepressed(5001);
+  reactor_.buttonDepressed(5101);
+  EXPECT_EQ(platform().bus.sent.size(), 1U);
+  reactor_.buttonUp(7000);
+  EXPECT_TRUE(resetScheduled());
+}
+
+TEST_F(ResetButtonsReactorTest, HoldingAloneSchedulesNothing) {
+  reactor_.buttonDepressed(5001);
+  EXPECT_FALSE(resetScheduled());
+}
+
+TEST_F(ResetButtonsReactorTest, ReleaseAfterTheSignalSchedulesTheReset) {
+  reactor_.buttonDown();
+  reactor_.buttonDepressed(5001);
+  reactor_.buttonUp(6500);
+  EXPECT_TRUE(platform().logged(LOG_INFO, "Reset button (case) up after 6500 ms"));
+  EXPECT_TRUE(resetScheduled());
+}
+
+TEST_F(ResetButtonsReactorTest, ReleaseAtTheThresholdSchedulesNothingEvenWhenArmed) {
+  reactor_.buttonDepressed(5001);
+  reactor_.buttonUp(5000);
+  reactor_.buttonUp(-1);
+  EXPECT_FALSE(resetScheduled());
+}
+
+TEST_F(ResetButtonsReactorTest, ArmedStateIsNeverLeft) {
+  reactor_.buttonDepressed(5001);
+  reactor_.buttonUp(200);
+  reactor_.buttonUp(9000);
+  EXPECT_TRUE(resetScheduled());
+}
+
+class ReleaseWaitTest : public ResetButtonsReactorTest {
+ protected:
+  void expectWait(int pastThresholdMs, const std::vector<std::string>& expected) {
+    reactor_.buttonDepressed(5001);
+    platform().journal.clear();
+    const auto released = platform().nowMs;
+    reactor_.buttonUp(5000 + pastThresholdMs);
+    EXPECT_EQ(sleeps(), expected);
+    // The reset counts from the end of the wait.
+    const auto waited = platform().nowMs - released;
+    platform().nowMs = released + waited + 5000;
+    server_->service(0);
+    EXPECT_THAT(platform().commands, IsEmpty());
+    platform().nowMs += 1;
+    server_->service(0);
+    EXPECT_THAT(platform().commands, Contains("/bin/cfgmtd -c"));
+  }
+};
+
+TEST_F(ReleaseWaitTest, IsWhatIsMissingToASecondPastTheThreshold) {
+  expectWait(200, {"sleep 800"});
+}
+
+TEST_F(ReleaseWaitTest, IsAtMost999Milliseconds) {
+  expectWait(1, {"sleep 999"});
+}
+
+TEST_F(ReleaseWaitTest, IsAtLeastOneMillisecond) {
+  expectWait(999, {"sleep 1"});
+}
+
+TEST_F(ReleaseWaitTest, IsNotNeededASecondPastTheThreshold) {
+  expectWait(1000, {});
+}
+
+TEST_F(ReleaseWaitTest, IsNotNeededLater) {
+  expectWait(1001, {});
+}
+
+TEST_F(ReleaseWaitTest, IsNotNeededAtTheLargestTime) {
+  expectWait(INT_MAX - 5000, {});
+}
+
+// The model.
+
+TEST_F(ResetButtonsReactorTest, DescriptionWithoutAModelEndsTheProcess) {
+  info_ = variant::CameraInfo();
+  ResetButtonsReactor fresh;
+  EXPECT_THROW(fresh.init("case", &info_, nullptr, server_.get()), fakes::ForcedCrash);
+  EXPECT_TRUE(platform().logged(LOG_ERR, "Invalid variant type detected"));
+  info_["name"] = "Kova";
+  EXPECT_THROW(fresh.init("case", &info_, nullptr, server_.get()), fakes::ForcedCrash);
+  EXPECT_TRUE(platform().logged(LOG_ERR, "Key \"sysid\" not available"));
+  info_["sysid"] = "42278";
+  EXPECT_THROW(fresh.init("case", &info_, nullptr, server_.get()), fakes::ForcedCrash);
+  EXPECT_TRUE(platform().logged(LOG_ERR, "Key \"sysid\" has a different type than expected"));
+  fresh.buttonDown();
+  EXPECT_TRUE(platform().logged(LOG_ERR, "Internal error"));
+}
+
+// The button in the server.
+
+TEST_F(ResetButtonsReactorTest, ServerWiresTheButtonToItsReactor) {
+  ASSERT_TRUE(server_->init(ipc::Ipc::GetInstance()));
+  EXPECT_EQ(platform().journal.back(), "BaseButton::init 100");
+  platform().button.onService = [] {
+    platform().button.onService = nullptr;
+    platform().button.observer->buttonDown();
+    platform().button.observer->buttonDepressed(5001);
+    platform().button.observer->buttonUp(6000);
+  };
+  server_->service(0);
+  EXPECT_THAT(platform().log,
+              ElementsAre(line("buttonDown", "Reset button (case) down"),
+                          line("buttonDepressed", "Reset button (case) can be released now"),
+                          line("buttonUp", "Reset button (case) up after 6000 ms")));
+  EXPECT_EQ(platform().bus.sent.size(), 1U);
+  EXPECT_TRUE(resetScheduled());
+}
+
+TEST_F(ResetButtonsReactorTest, ButtonThatCannotBeInitialisedFailsTheServersInit) {
+  platform().button.initResult = false;
+  EXPECT_FALSE(server_->init(ipc::Ipc::GetInstance()));
+  EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "init", LOG_ERR, 0,
+                                                  "Failed to initialize reset button case"}));
+}
+
+TEST_F(ResetButtonsReactorTest, ButtonThatCannotBeServicedIsLoggedOnly) {
+  platform().button.serviceResult = false;
+  EXPECT_TRUE(server_->service(0));
+  EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "service", LOG_ERR, 0,
+                                                  "Failed to service reset button case"}));
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

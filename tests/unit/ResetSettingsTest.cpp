@@ -1,0 +1,87 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include "CtlServer.h"
+#include "Platform.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::Contains;
+using testing::Not;
+using testing::StartsWith;
+using variant::Variant;
+
+class ResetSettingsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    platform().config.values = {{"resolv.host.1.name", "Front door"},
+                                {"system.timezone", "UTC"},
+                                {"system.region", "Asia"},
+                                {"system.timelapseminutes", "1"}};
+    info_["sysid"] = std::uint32_t{42321};
+    info_["name"] = "Kova Camera";
+  }
+
+  variant::CameraInfo info_;
+  CtlServer server_{info_};
+  Variant reply_;
+};
+
+TEST_F(ResetSettingsTest, RestoresTheDefaultNameAndGmt) {
+  EXPECT_TRUE(server_.resetSettings(reply_));
+  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"},
+                                         {"timezone", "GMT"},
+                                         {"region", "Asia"},
+                                         {"timelapseminutes", 1}}));
+  EXPECT_EQ(platform().config.values,
+            (std::map<std::string, std::string>{{"resolv.host.1.name", "Kova Camera"},
+                                                {"system.timezone", "GMT"},
+                                                {"system.region", "Asia"},
+                                                {"system.timelapseminutes", "1"}}));
+  EXPECT_THAT(platform().journal, Contains("setTimeZone GMT"));
+}
+
+TEST_F(ResetSettingsTest, SavesNothingToFlashAndDoesNotReboot) {
+  EXPECT_TRUE(server_.resetSettings(reply_));
+  platform().nowMs += 60'000;
+  server_.service(0);
+  EXPECT_THAT(platform().commands, testing::ElementsAre("/bin/kova_cmd_apply_camera_name.sh"));
+}
+
+TEST_F(ResetSettingsTest, FailureOfTheUpdateIsPassedOnWithItsReply) {
+  platform().config.failingSet = "system.timezone";
+  EXPECT_FALSE(server_.resetSettings(reply_));
+  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"}}));
+}
+
+class UnnamedDeviceTest : public ResetSettingsTest {
+ protected:
+  void expectCrash(const std::string& text) {
+    EXPECT_THROW(server_.resetSettings(reply_), fakes::ForcedCrash);
+    EXPECT_TRUE(platform().logged(LOG_ERR, text));
+    EXPECT_THAT(platform().journal, Not(Contains(StartsWith("SystemCfgManager"))));
+  }
+};
+
+TEST_F(UnnamedDeviceTest, DescriptionThatIsNoMapEndsTheProcess) {
+  info_ = variant::CameraInfo();
+  expectCrash("Invalid variant type detected");
+}
+
+TEST_F(UnnamedDeviceTest, DescriptionWithoutANameEndsTheProcess) {
+  info_ = variant::CameraInfo();
+  info_["sysid"] = std::uint32_t{42321};
+  expectCrash("Key \"name\" not available");
+}
+
+TEST_F(UnnamedDeviceTest, NameOfAnotherTypeEndsTheProcess) {
+  info_["name"] = 7;
+  expectCrash("Key \"name\" has a different type than expected");
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include "CtlServer.h"
+#include "Platform.h"
+
+namespace kova::ctlserver {
+
+constexpr std::uint32_t kPlainModel = 42000;
+constexpr std::uint32_t kTimelapseModel = 42321;
+
+/// A server on a camera named "Front door" whose settings are asked for and changed.
+class SettingsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    fakes::platform().config.values = {{"resolv.host.1.name", "Front door"},
+                                       {"system.timezone", "GMT"},
+                                       {"system.region", "US"},
+                                       {"system.timelapseminutes", "1"}};
+    info_["sysid"] = kPlainModel;
+  }
+
+  bool update(const variant::Variant::Map& fields) {
+    ipc::messages::ChangeDeviceSettings request{variant::Variant(fields)};
+    request.NormalizeFields();
+    return server_.updateSettings(request, reply_);
+  }
+
+  static fakes::LogLine error(const std::string& text) {
+    return {"CtlServer", "updateSettings", LOG_ERR, 0, text};
+  }
+
+  static std::string stored(const std::string& key) {
+    return fakes::platform().config.values.at(key);
+  }
+
+  static void expectNotClosed() {
+    EXPECT_THAT(fakes::platform().journal,
+                testing::Not(testing::Contains(testing::StartsWith("close"))));
+  }
+
+  variant::CameraInfo info_;
+  CtlServer server_{info_};
+  variant::Variant reply_;
+};
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,93 @@
+#include "SettingsFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::LogLine;
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+using variant::Variant;
+
+TEST_F(SettingsTest, AbsentRegionReadsAsEmpty) {
+  platform().config.values.erase("system.region");
+  EXPECT_TRUE(update({}));
+  EXPECT_EQ(reply_["region"], Variant(""));
+}
+
+TEST_F(SettingsTest, RegionThatCannotBeReadFails) {
+  platform().config.failingGet = "system.region";
+  EXPECT_FALSE(update({}));
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to get system.region")));
+  expectNotClosed();
+}
+
+TEST_F(SettingsTest, RegionThatCannotBeStoredFailsBeforeItIsLookedAt) {
+  platform().config.failingSet = "system.region";
+  EXPECT_FALSE(update({{"region", "Europe/Paris"}}));
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to set system.region to Europe/Paris")));
+  EXPECT_THAT(platform().journal, Not(Contains(StartsWith("setTimeZone"))));
+  EXPECT_EQ(reply_.Find("region"), nullptr);
+  expectNotClosed();
+}
+
+TEST_F(SettingsTest, OlsonRegionSetsTheSystemTimeZoneButNotTheStoredOne) {
+  EXPECT_TRUE(update({{"region", "Europe/Paris"}}));
+  EXPECT_THAT(platform().journal, Contains("setTimeZone Europe/Paris"));
+  EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "updateSettings", LOG_INFO, 0,
+                                                  "Found Olson format: Europe/Paris"}));
+  EXPECT_EQ(stored("system.region"), "Europe/Paris");
+  EXPECT_EQ(stored("system.timezone"), "GMT");
+  EXPECT_EQ(reply_["timezone"], Variant("GMT"));
+  EXPECT_EQ(reply_["region"], Variant("Europe/Paris"));
+}
+
+TEST_F(SettingsTest, RegionIsWhatIsTestedNotTheTimeZoneField) {
+  EXPECT_TRUE(update({{"timezone", "Europe/Paris"}, {"region", "US"}}));
+  EXPECT_THAT(platform().log, IsEmpty());
+  EXPECT_EQ(
+      std::count(platform().journal.begin(), platform().journal.end(), "setTimeZone Europe/Paris"),
+      1);
+}
+
+TEST_F(SettingsTest, OlsonRegionThatTheSystemRefusesFailsWithNothingWritten) {
+  platform().setTimeZoneResult = false;
+  EXPECT_FALSE(update({{"region", "Area/Nowhere"}}));
+  EXPECT_THAT(platform().log, Contains(error("Failed to write timezone")));
+  EXPECT_EQ(reply_.Find("region"), nullptr);
+  EXPECT_EQ(stored("system.region"), "US");
+  expectNotClosed();
+}
+
+struct RegionCase {
+  std::string region;
+  bool olson;
+};
+
+class RegionFormatTest : public SettingsTest, public testing::WithParamInterface<RegionCase> {};
+
+TEST_P(RegionFormatTest, OnlyAreaSlashCityIsATimeZone) {
+  EXPECT_TRUE(update({{"region", GetParam().region}}));
+  EXPECT_EQ(platform().logged(LOG_INFO, "Found Olson format: " + GetParam().region),
+            GetParam().olson);
+  const auto zoneSet = Contains("setTimeZone " + GetParam().region);
+  EXPECT_EQ(testing::Matches(zoneSet)(platform().journal), GetParam().olson);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Regions, RegionFormatTest,
+    testing::Values(RegionCase{"US/Eastern", true}, RegionCase{"America/Port-au-Prince", true},
+                    RegionCase{"America/New_York", true}, RegionCase{"x/-", true},
+                    RegionCase{"US", false}, RegionCase{"", false},
+                    RegionCase{"America/Argentina/Salta", false}, RegionCase{"Etc/GMT+1", false},
+                    RegionCase{"Etc/UTC2", false}, RegionCase{"/Paris", false},
+                    RegionCase{"Europe/", false}, RegionCase{"Area_One/City", false},
+                    RegionCase{"../shadow", false}, RegionCase{" Europe/Paris", false},
+                    RegionCase{"Europe/Paris ", false}, RegionCase{"Europe\\/Paris", false},
+                    RegionCase{"Europe/Zürich", false}));
+
+}  // namespace
+}  // namespace kova::ctlserver
