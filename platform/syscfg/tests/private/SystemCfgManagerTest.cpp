@@ -213,7 +213,7 @@ TEST_F(SystemCfgManagerTest, AFullStoreThatLacksItsLastLineBreakIsNotReplaced) {
 
 TEST_F(SystemCfgManagerTest, GarbageIsKeptByteForByte) {
   std::string garbage;
-  for (int i = 0; i < 100000; ++i) {
+  for (unsigned i = 0; i < 100000; ++i) {
     garbage.push_back(static_cast<char>(i * i / 7));
   }
   garbage.push_back('\n');
