@@ -5,6 +5,8 @@
 #include <syslog.h>
 
 #include <climits>
+#include <memory>
+#include <utility>
 
 #include "CtlServer.h"
 #include "Platform.h"
@@ -30,8 +32,10 @@ class ResetButtonsReactorTest : public testing::Test {
  protected:
   void SetUp() override {
     fakes::reset();
+    info_["sysid"] = kOtherModel;
+    ASSERT_TRUE(server_->init(ipc::Ipc::GetInstance()));
     use(kOtherModel);
-    platform().journal.clear();
+    initJournal_ = std::exchange(platform().journal, {});
   }
 
   void TearDown() override {
@@ -64,6 +68,7 @@ class ResetButtonsReactorTest : public testing::Test {
   variant::CameraInfo info_;
   std::unique_ptr<CtlServer> server_ = std::make_unique<CtlServer>(info_);
   ResetButtonsReactor reactor_;
+  std::vector<std::string> initJournal_;
 };
 
 TEST_F(ResetButtonsReactorTest, PressIsLoggedOnly) {
@@ -250,8 +255,7 @@ TEST_F(ResetButtonsReactorTest, DescriptionWithoutAModelEndsTheProcess) {
 // The button in the server.
 
 TEST_F(ResetButtonsReactorTest, ServerWiresTheButtonToItsReactor) {
-  ASSERT_TRUE(server_->init(ipc::Ipc::GetInstance()));
-  EXPECT_EQ(platform().journal.back(), "BaseButton::init 100");
+  EXPECT_EQ(initJournal_.back(), "BaseButton::init 100");
   platform().button.onService = [] {
     platform().button.onService = nullptr;
     platform().button.observer->buttonDown();
@@ -269,7 +273,7 @@ TEST_F(ResetButtonsReactorTest, ServerWiresTheButtonToItsReactor) {
 
 TEST_F(ResetButtonsReactorTest, ButtonThatCannotBeInitialisedFailsTheServersInit) {
   platform().button.initResult = false;
-  EXPECT_FALSE(server_->init(ipc::Ipc::GetInstance()));
+  EXPECT_FALSE(CtlServer(info_).init(ipc::Ipc::GetInstance()));
   EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "init", LOG_ERR, 0,
                                                   "Failed to initialize reset button case"}));
 }

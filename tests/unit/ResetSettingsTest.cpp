@@ -46,6 +46,7 @@ TEST_F(ResetSettingsTest, RestoresTheDefaultNameAndGmt) {
 }
 
 TEST_F(ResetSettingsTest, SavesNothingToFlashAndDoesNotReboot) {
+  ASSERT_TRUE(server_.init(nullptr));
   EXPECT_TRUE(server_.resetSettings(reply_));
   platform().nowMs += 60'000;
   server_.service(0);

@@ -52,6 +52,7 @@ TEST_F(SettingsTest, ReplyIsEmptiedBeforeTheStoreIsOpened) {
 }
 
 TEST_F(SettingsTest, PersistFieldSchedulesNoSave) {
+  ASSERT_TRUE(server_.init(nullptr));
   EXPECT_TRUE(update({{"name", "Yard"}, {"persist", true}}));
   platform().commands.clear();
   platform().nowMs += 60'000;
