@@ -28,7 +28,7 @@ int sysExec(const std::string& program, const std::vector<std::string>& argument
             const std::string& input, std::string& out, std::string& err, unsigned timeoutMs,
             unsigned graceMs, unsigned captureKiB);
 
-/// Runs a program to its end with standard input and output on /dev/null; result as sysExec's.
+/// Runs a program to its end with its standard streams on /dev/null; result as sysExec's.
 int sysExecArguments(const char* program, const std::vector<std::string>& arguments);
 
 /// sysExecArguments with the arguments spelled out: sysExecSimple("/bin/cfgmtd", "-c").

@@ -18,7 +18,8 @@ struct MemoryStats {
 struct CpuStats {
   static constexpr std::size_t kMax = 255;
   std::uint8_t count;                       ///< processors reported
-  std::array<std::uint32_t, kMax> percent;  ///< busy time of each since the previous call, 0 to 100
+  std::array<std::uint32_t, kMax> percent;  ///< busy time of each since the previous
+                                            ///< call, in the first since boot; 0 to 100
 };
 
 struct CpuInfo {
@@ -45,9 +46,9 @@ struct NetworkStats {
 /// One wireless interface; 44 bytes, the signal level at byte 36.
 struct WiFiInterfaceStats {
   char name[32];
-  std::int32_t linkQuality;
-  std::int32_t signalDbm;
-  std::int32_t noiseDbm;
+  std::int32_t linkQuality;  ///< 0 to 70
+  std::int32_t signalDbm;    ///< of the access point; -100 without a connection
+  std::int32_t noiseDbm;     ///< 0: not measured
 };
 static_assert(sizeof(WiFiInterfaceStats) == 44);
 

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kova::network {
+
+/// Interface of the default route with the lowest metric in the text of /proc/net/route, or else of
+/// /proc/net/ipv6_route; "" when there is none.
+std::string defaultInterface(std::string_view ipv4Routes, std::string_view ipv6Routes);
+
+}  // namespace kova::network

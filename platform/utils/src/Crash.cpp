@@ -1,0 +1,189 @@
+#include "kova/utils/Crash.h"
+
+#include <execinfo.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "CrashInternal.h"
+#include "CrashText.h"
+
+// From the handler on only async-signal-safe functions are called, see signal-safety(7); and the
+// GNU backtrace functions, which are as good once libgcc is loaded.
+
+namespace kova::utils {
+namespace {
+
+constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
+
+// Should the unwinder wait for a lock that the crashed code holds, the process must end all the
+// same.
+constexpr unsigned kLongestReportSeconds = 3;
+
+struct Settings {
+  CrashText<1024> folder;
+  sockaddr_un log{};
+};
+
+Settings settings;
+alignas(16) std::array<char, 65536> alternateStack;
+volatile sig_atomic_t isReporting = 0;
+
+#if defined(__x86_64__)
+std::uintptr_t programCounter(const mcontext_t& machine) {
+  return static_cast<std::uintptr_t>(machine.gregs[REG_RIP]);
+}
+#elif defined(__aarch64__)
+std::uintptr_t programCounter(const mcontext_t& machine) {
+  return machine.pc;
+}
+#else
+#error "Say where the program counter stands in this processor's mcontext_t."
+#endif
+
+/// The report's file. A file of this name is from an earlier process of the same number.
+int createReport() {
+  CrashText<1100> path;
+  path.Append(settings.folder.View()).Append("/kova_crash.").AppendNumber(getpid());
+  unlink(path.Text());
+  return open(path.Text(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+/// A connection to the system log; a logger that hangs is waited for this long.
+int connectToLog() {
+  const timeval patience{0, 200000};
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  return fd;
+}
+
+/// Where a report goes: the file and the system log, as far as they can be had.
+class Sink {
+ public:
+  Sink() : file_(createReport()), log_(connectToLog()) {}
+
+  void Line(std::string_view line) {
+    CrashText<1024> text;
+    text.Append(line).Append("\n");
+    if (write(file_, text.Text(), text.View().size()) < 0) file_ = -1;
+
+    CrashText<1200> record;
+    record.Append("<").AppendNumber(LOG_USER | LOG_CRIT).Append(">");
+    record.Append(program_invocation_short_name).Append("[").AppendNumber(getpid()).Append("]: ");
+    record.Append(line);
+    if (sendto(log_, record.Text(), record.View().size(), MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&settings.log), sizeof settings.log) < 0) {
+      log_ = -1;
+    }
+  }
+
+ private:
+  int file_;
+  int log_;
+};
+
+/// The lines of a backtrace; they come through a pipe, as there is no safe way to have them in
+/// memory.
+void reportBacktrace(Sink& sink) {
+  std::array<void*, 48> frames;
+  std::array<char, 16384> text;
+  int ends[2] = {-1, -1};
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
+  backtrace_symbols_fd(frames.data(), backtrace(frames.data(), frames.size()), ends[1]);
+  close(ends[1]);
+  std::size_t filled = 0;
+  ssize_t got = 0;
+  while ((got = read(ends[0], text.data() + filled, text.size() - filled)) > 0) {
+    filled += static_cast<std::size_t>(got);
+  }
+  close(ends[0]);
+  for (std::string_view rest(text.data(), filled); !rest.empty();) {
+    const std::size_t end = std::min(rest.find('\n'), rest.size());
+    sink.Line(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+}
+
+void limitReportTime() {
+  sigset_t alarmSignal;
+  sigemptyset(&alarmSignal);
+  sigaddset(&alarmSignal, SIGALRM);
+  signal(SIGALRM, SIG_DFL);
+  pthread_sigmask(SIG_UNBLOCK, &alarmSignal, nullptr);
+  alarm(kLongestReportSeconds);
+}
+
+/// Ends in the default action: of the signal raised here, once this handler has returned.
+void onFatalSignal(int number, siginfo_t* info, void* context) {
+  signal(number, SIG_DFL);
+  if (isReporting == 0) {
+    isReporting = 1;
+    limitReportTime();
+    Sink sink;
+    CrashText<256> headline;
+    headline.Append("Crashed by signal ").AppendNumber(number);
+    headline.Append(" (").Append(sigdescr_np(number)).Append(")");
+    headline.Append(", program counter 0x")
+        .AppendHex(programCounter(static_cast<const ucontext_t*>(context)->uc_mcontext));
+    headline.Append(", fault address 0x");
+    headline.AppendHex(reinterpret_cast<std::uintptr_t>(info->si_addr));
+    sink.Line(headline.View());
+    reportBacktrace(sink);
+  }
+  raise(number);
+}
+
+bool useAlternateStack() {
+  stack_t stack{};
+  stack.ss_sp = alternateStack.data();
+  stack.ss_size = alternateStack.size();
+  return sigaltstack(&stack, nullptr) == 0;
+}
+
+bool handle(int number) {
+  struct sigaction action {};
+  action.sa_sigaction = onFatalSignal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  return sigaction(number, &action, nullptr) == 0;
+}
+
+}  // namespace
+
+bool installCrashDumpHandler(const char* folder, const char* logSocket) {
+  settings = Settings{};
+  settings.folder.Append(folder);
+  settings.log.sun_family = AF_UNIX;
+  const std::size_t socketLength = std::strlen(logSocket);
+  if (settings.folder.View() != folder || socketLength >= sizeof settings.log.sun_path) {
+    return false;
+  }
+  std::memcpy(settings.log.sun_path, logSocket, socketLength);
+
+  void* frame = nullptr;
+  backtrace(&frame, 1);  // loads libgcc, which the handler could not
+  return useAlternateStack() && std::all_of(kFatalSignals.begin(), kFatalSignals.end(), handle);
+}
+
+bool InstallCrashDumpHandler(const char* folder) {
+  return installCrashDumpHandler(folder != nullptr ? folder : "/var/log", "/dev/log");
+}
+
+void forceCrash() {
+  std::abort();
+}
+
+}  // namespace kova::utils

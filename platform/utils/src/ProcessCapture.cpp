@@ -1,0 +1,204 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <syslog.h>
+#include <time.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <string_view>
+
+#include "Pipe.h"
+#include "Spawn.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Process.h"
+
+namespace kova::utils {
+namespace {
+
+constexpr const char* kLogIdentity = "kova_utils";
+constexpr const char* kLogUnit = "Process";
+
+// The child's end is noticed at the latest after this time when its pipes do not tell of it.
+constexpr int kLongestStepMs = 16;
+
+/// Keeps a child that does not read its input from killing this process.
+class SigPipeBlock {
+ public:
+  SigPipeBlock() {
+    sigemptyset(&sigpipe_);
+    sigaddset(&sigpipe_, SIGPIPE);
+    wasPending_ = IsPending();
+    pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
+  }
+  ~SigPipeBlock() {
+    const timespec atOnce{};
+    if (!wasPending_ && IsPending()) sigtimedwait(&sigpipe_, nullptr, &atOnce);
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+  SigPipeBlock(const SigPipeBlock&) = delete;
+  SigPipeBlock& operator=(const SigPipeBlock&) = delete;
+
+ private:
+  static bool IsPending() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGPIPE) == 1;
+  }
+
+  sigset_t sigpipe_{};
+  sigset_t previous_{};
+  bool wasPending_ = false;
+};
+
+/// One output stream of the child, kept up to a limit.
+class Capture {
+ public:
+  Capture(UniqueFd fd, std::string& text, std::size_t limit)
+      : fd_(std::move(fd)), text_(text), limit_(limit) {}
+
+  int Fd() const { return fd_.Get(); }
+
+  /// Reads once, so that a child that never stops printing cannot hold the caller here.
+  void Read(std::size_t atMost) {
+    std::array<char, 65536> buffer;
+    const ssize_t got = read(fd_.Get(), buffer.data(), std::min(atMost, buffer.size()));
+    if (got > 0) {
+      text_.append(buffer.data(), std::min(static_cast<std::size_t>(got), limit_ - text_.size()));
+    } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+      fd_.Reset();
+    }
+  }
+
+  /// Reads what stands in the pipe at this moment.
+  void Drain() {
+    int pending = 0;
+    if (!fd_ || ioctl(fd_.Get(), FIONREAD, &pending) != 0) return;
+    for (int left = pending; left > 0 && fd_; left -= 65536) Read(static_cast<std::size_t>(left));
+  }
+
+ private:
+  UniqueFd fd_;
+  std::string& text_;
+  std::size_t limit_;
+};
+
+/// The child's standard input, written as the child takes it.
+class Feed {
+ public:
+  Feed(UniqueFd fd, std::string_view rest) : fd_(std::move(fd)), rest_(rest) {
+    if (rest_.empty()) fd_.Reset();
+  }
+
+  int Fd() const { return fd_.Get(); }
+
+  void Write() {
+    const ssize_t put = write(fd_.Get(), rest_.data(), rest_.size());
+    if (put >= 0) rest_.remove_prefix(static_cast<std::size_t>(put));
+    const bool refused = put < 0 && errno != EAGAIN && errno != EINTR;
+    if (rest_.empty() || refused) fd_.Reset();
+  }
+
+ private:
+  UniqueFd fd_;
+  std::string_view rest_;
+};
+
+/// Ends a child that outlives its time, together with the processes it started.
+class Watchdog {
+ public:
+  Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, unsigned graceMs)
+      : group_(group), program_(program), graceMs_(graceMs) {
+    if (timeoutMs != 0) next_ = nowMs() + timeoutMs;
+  }
+
+  void Check() {
+    if (next_ == 0 || nowMs() < next_) return;
+    if (!expired_) KOVA_LOG(LOG_WARNING, 0, "%s exceeded its time", program_.c_str());
+    const bool gently = !expired_ && graceMs_ != 0;
+    kill(-group_, gently ? SIGTERM : SIGKILL);
+    next_ = gently ? nowMs() + graceMs_ : 0;
+    expired_ = true;
+  }
+
+  /// `step`, or less when a signal is due before.
+  int PollTimeout(int step) const {
+    if (next_ == 0) return step;
+    const std::uint64_t time = nowMs();
+    return time >= next_ ? 0 : static_cast<int>(std::min<std::uint64_t>(next_ - time, step));
+  }
+
+ private:
+  pid_t group_;
+  const std::string& program_;
+  unsigned graceMs_;
+  std::uint64_t next_ = 0;
+  bool expired_ = false;
+};
+
+/// Moves bytes for at most `timeoutMs`; whether there were any.
+bool pump(Feed& in, Capture& out, Capture& err, int timeoutMs) {
+  // poll(2) passes over a descriptor of -1.
+  std::array<pollfd, 3> polled{
+      {{in.Fd(), POLLOUT, 0}, {out.Fd(), POLLIN, 0}, {err.Fd(), POLLIN, 0}}};
+  if (poll(polled.data(), polled.size(), timeoutMs) <= 0) return false;
+  if (polled[0].revents != 0) in.Write();
+  if (polled[1].revents != 0) out.Read(SIZE_MAX);
+  if (polled[2].revents != 0) err.Read(SIZE_MAX);
+  return true;
+}
+
+/// Serves the pipes until the child has ended. What it left running may hold the pipes open for
+/// ever, so their end is not waited for.
+int attend(pid_t child, Feed& in, Capture& out, Capture& err, Watchdog& watchdog) {
+  int status = 0;
+  pid_t ended = 0;
+  int step = 1;
+  while ((ended = waitFor(child, &status, WNOHANG)) == 0) {
+    watchdog.Check();
+    const bool busy = pump(in, out, err, watchdog.PollTimeout(step));
+    step = busy ? 1 : std::min(step * 2, kLongestStepMs);
+  }
+  out.Drain();
+  err.Drain();
+  return ended == child ? exitStatus(status) : kNotStarted;
+}
+
+}  // namespace
+
+int sysExec(const std::string& program, const std::vector<std::string>& arguments,
+            const std::string& input, std::string& out, std::string& err, unsigned timeoutMs,
+            unsigned graceMs, unsigned captureKiB) {
+  out.clear();
+  err.clear();
+  Pipe inPipe, outPipe, errPipe;
+  if (!inPipe.Open() || !outPipe.Open() || !errPipe.Open()) return kNotStarted;
+
+  Spawn spawn(program, arguments, {inPipe.read.Get(), outPipe.write.Get(), errPipe.write.Get()});
+  spawn.OwnGroup();
+  pid_t child = -1;
+  if (const int error = spawn.Start(&child); error != 0) {
+    errno = error;
+    return kNotStarted;
+  }
+  inPipe.read.Reset();
+  outPipe.write.Reset();
+  errPipe.write.Reset();
+  for (const int fd : {inPipe.write.Get(), outPipe.read.Get(), errPipe.read.Get()}) {
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+  }
+
+  const SigPipeBlock noSigPipe;
+  const std::size_t limit = std::size_t{captureKiB} * 1024U;
+  Feed in(std::move(inPipe.write), input);
+  Capture outCapture(std::move(outPipe.read), out, limit);
+  Capture errCapture(std::move(errPipe.read), err, limit);
+  Watchdog watchdog(child, program, timeoutMs, graceMs);
+  return attend(child, in, outCapture, errCapture, watchdog);
+}
+
+}  // namespace kova::utils

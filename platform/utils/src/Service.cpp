@@ -1,0 +1,106 @@
+#include "kova/utils/Service.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+
+#include "UniqueFd.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Process.h"
+#include "kova/utils/Strings.h"
+
+namespace kova::utils {
+namespace {
+
+constexpr const char* kLogIdentity = "kova_utils";
+constexpr const char* kLogUnit = "Service";
+
+constexpr const char* kSv = "/usr/bin/sv";
+
+// The caller waits meanwhile. runsvdir(8) looks for new services every 5 s.
+constexpr unsigned kBudgetMs = 8000;
+constexpr int kPollMs = 50;
+
+bool isServiceName(const std::string& name) {
+  return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
+bool isInstalled(const std::string& definition) {
+  struct stat info {};
+  return stat(definition.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool removeIfThere(const std::string& path) {
+  return unlink(path.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
+}
+
+/// Whether a runsv(8) listens for this service's commands.
+bool isSupervised(const std::string& service) {
+  return static_cast<bool>(
+      UniqueFd(open((service + "/supervise/ok").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)));
+}
+
+bool awaitSupervision(const std::string& service, std::uint64_t deadlineMs) {
+  while (!isSupervised(service)) {
+    if (nowMs() >= deadlineMs) return false;
+    sleepMs(kPollMs);
+  }
+  return true;
+}
+
+/// Runs sv(8), which waits itself until the command has taken effect.
+bool runSv(const char* command, const std::string& service, std::uint64_t deadlineMs) {
+  const std::uint64_t time = nowMs();
+  const std::uint64_t leftMs = deadlineMs - std::min(time, deadlineMs);
+  const std::string waitSeconds = std::to_string(std::clamp<std::uint64_t>(leftMs / 1000, 1, 7));
+  const auto timeoutMs = static_cast<unsigned>(leftMs + 1000);
+  std::string out;
+  std::string err;
+  if (sysExec(kSv, {"-w", waitSeconds, command, service}, "", out, err, timeoutMs, 0, 4) == 0) {
+    return true;
+  }
+  trim(out);
+  trim(err);
+  KOVA_LOG(LOG_ERR, 0, "sv %s %s failed: %s%s", command, service.c_str(), out.c_str(), err.c_str());
+  return false;
+}
+
+}  // namespace
+
+bool EnableService(const std::string& name) {
+  if (!isServiceName(name)) return false;
+  const std::uint64_t deadlineMs = nowMs() + kBudgetMs;
+  const std::string definition = "/etc/sv/" + name;
+  const std::string service = "/etc/service/" + name;
+  if (!isInstalled(definition)) return false;
+  if (!removeIfThere(definition + "/down") ||
+      (symlink(definition.c_str(), service.c_str()) != 0 && errno != EEXIST)) {
+    KOVA_LOG(LOG_ERR, errno, "Cannot mark %s to be started", name.c_str());
+    return false;
+  }
+  if (!awaitSupervision(service, deadlineMs - 1000)) {
+    KOVA_LOG(LOG_ERR, 0, "No supervisor took up %s", name.c_str());
+    return false;
+  }
+  return runSv("start", service, deadlineMs);
+}
+
+bool DisableService(const std::string& name) {
+  if (!isServiceName(name) || !isInstalled("/etc/sv/" + name)) return false;
+  const std::string service = "/etc/service/" + name;
+  if (isSupervised(service) && !runSv("stop", service, nowMs() + kBudgetMs)) return false;
+  if (!removeIfThere(service)) {
+    KOVA_LOG(LOG_ERR, errno, "Cannot unmark %s", name.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace kova::utils

@@ -1,0 +1,52 @@
+#include <dirent.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "ProcFile.h"
+#include "StatsInternal.h"
+#include "kova/utils/Strings.h"
+#include "kova/utils/Words.h"
+
+namespace kova::utils {
+namespace {
+
+struct CloseDir {
+  void operator()(DIR* folder) const { closedir(folder); }
+};
+
+/// An attribute of a power supply, "" when it has none of that name.
+std::string attribute(const std::string& supply, const char* name) {
+  std::string text;
+  readSmallFile(supply + "/" + name, text);
+  trim(text);
+  return text;
+}
+
+/// Folder of the first battery by name, "" when there is none.
+std::string firstBattery(const std::string& folder) {
+  const std::unique_ptr<DIR, CloseDir> supplies(opendir(folder.c_str()));
+  std::string first;
+  if (!supplies) return first;
+  while (const dirent* entry = readdir(supplies.get())) {
+    if (entry->d_name[0] == '.') continue;
+    const std::string supply = folder + "/" + entry->d_name;
+    if (!first.empty() && first < supply) continue;
+    if (attribute(supply, "type") == "Battery") first = supply;
+  }
+  return first;
+}
+
+}  // namespace
+
+bool readBattery(const std::string& folder, BatteryInfo& info) {
+  info = BatteryInfo{};
+  const std::string battery = firstBattery(folder);
+  std::uint32_t percentage = 0;
+  if (battery.empty() || !parseNumber(attribute(battery, "capacity"), percentage)) return false;
+  info.percentage = std::min(percentage, 100U);
+  info.isCharging = attribute(battery, "status") == "Charging";
+  return true;
+}
+
+}  // namespace kova::utils

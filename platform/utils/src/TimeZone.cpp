@@ -1,0 +1,151 @@
+#include "kova/utils/TimeZone.h"
+
+#include <stdlib.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include "TimeZoneInternal.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/File.h"
+#include "kova/utils/Strings.h"
+
+namespace kova::utils {
+namespace {
+
+constexpr const char* kLogIdentity = "kova_utils";
+constexpr const char* kLogUnit = "TimeZone";
+
+struct Free {
+  void operator()(char* text) const { free(text); }
+};
+
+/// Whether `zone` is made as zone names are: this alone keeps out NUL, line breaks, absolute paths
+/// and "..".
+bool isZoneName(const std::string& zone) {
+  constexpr std::string_view kAllowed =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_+-/";
+  return !zone.empty() && zone.front() != '/' && zone.back() != '/' &&
+         zone.find_first_not_of(kAllowed) == std::string::npos;
+}
+
+std::string canonical(const std::string& path) {
+  const std::unique_ptr<char, Free> resolved(realpath(path.c_str(), nullptr));
+  return resolved ? resolved.get() : "";
+}
+
+/// Whether `path` is a link that says "whatever the system uses now" instead of naming a zone: the
+/// system's zone cannot be a link to that.
+bool followsTheSystem(const std::string& path, const std::string& zoneinfo) {
+  std::array<char, PATH_MAX> target;
+  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  if (length <= 0 || target[0] != '/') return false;
+  return !startsWith(std::string(target.data(), static_cast<std::size_t>(length)), zoneinfo + "/");
+}
+
+/// The POSIX rule of an installed zone; "" when there is no such zone.
+std::string ruleOf(const std::string& zone, const std::string& zoneinfo) {
+  const std::string path = zoneinfo + "/" + zone;
+  const std::string file = canonical(path);
+  if (file.empty() && (zone == "GMT" || zone == "UTC")) return zone + "0";
+  const std::string folder = canonical(zoneinfo);
+  std::string content;
+  if (folder.empty() || !startsWith(file, folder + "/") || followsTheSystem(path, zoneinfo) ||
+      !File::ReadStringAll(file, content)) {
+    return "";
+  }
+  return posixRule(content);
+}
+
+/// A symbolic link put in the place of another at once, and taken back unless it is kept.
+class LinkReplacement {
+ public:
+  explicit LinkReplacement(const std::string& path)
+      : path_(path),
+        next_(path + format(".new.%d", getpid())),
+        previous_(path + format(".old.%d", getpid())) {}
+
+  ~LinkReplacement() {
+    if (replaced_ && !kept_) TakeBack();
+    unlink(next_.c_str());
+    unlink(previous_.c_str());
+  }
+  LinkReplacement(const LinkReplacement&) = delete;
+  LinkReplacement& operator=(const LinkReplacement&) = delete;
+
+  bool Replace(const std::string& target) {
+    unlink(next_.c_str());
+    unlink(previous_.c_str());
+    hadPrevious_ = link(path_.c_str(), previous_.c_str()) == 0;
+    if (!hadPrevious_ && errno != ENOENT) return false;
+    replaced_ =
+        symlink(target.c_str(), next_.c_str()) == 0 && rename(next_.c_str(), path_.c_str()) == 0;
+    return replaced_;
+  }
+
+  void Keep() { kept_ = true; }
+
+ private:
+  void TakeBack() {
+    const bool done =
+        hadPrevious_ ? rename(previous_.c_str(), path_.c_str()) == 0 : unlink(path_.c_str()) == 0;
+    if (!done) KOVA_LOG(LOG_ERR, errno, "Cannot restore %s", path_.c_str());
+  }
+
+  std::string path_;
+  std::string next_;
+  std::string previous_;
+  bool hadPrevious_ = false;
+  bool replaced_ = false;
+  bool kept_ = false;
+};
+
+}  // namespace
+
+std::string posixRule(const std::string& tzif) {
+  constexpr std::size_t kVersionAt = 4;
+  if (!startsWith(tzif, "TZif") || tzif.size() <= kVersionAt || tzif[kVersionAt] < '2' ||
+      tzif.back() != '\n') {
+    return "";
+  }
+  const std::size_t before = tzif.rfind('\n', tzif.size() - 2);
+  if (before == std::string::npos) return "";
+  std::string rule = tzif.substr(before + 1, tzif.size() - before - 2);
+  const auto isGraphic = [](char c) { return c > ' ' && c <= '~'; };
+  return std::all_of(rule.begin(), rule.end(), isGraphic) ? rule : "";
+}
+
+bool writeTimeZone(const std::string& zone, const ZoneFolders& folders) {
+  const std::string rule = isZoneName(zone) ? ruleOf(zone, folders.zoneinfo) : "";
+  if (rule.empty()) {
+    KOVA_LOG(LOG_ERR, 0, "No time zone \"%s\"", zone.c_str());
+    return false;
+  }
+  File tz;
+  LinkReplacement localtime(folders.etc + "/localtime");
+  if (!tz.Initialize(folders.etc + "/TZ", FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY) ||
+      !tz.WriteString(rule + "\n") || !localtime.Replace(folders.zoneinfo + "/" + zone) ||
+      !tz.Close()) {
+    KOVA_LOG(LOG_ERR, errno, "Cannot set the time zone %s", zone.c_str());
+    return false;
+  }
+  localtime.Keep();
+  return true;
+}
+
+bool setTimeZone(const std::string& zone) {
+  if (!writeTimeZone(zone, ZoneFolders{})) return false;
+  unsetenv("TZ");  // it would outrank /etc/localtime
+  tzset();
+  return true;
+}
+
+}  // namespace kova::utils

@@ -1,0 +1,197 @@
+#include "kova/utils/Crash.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <functional>
+
+#include "CrashInternal.h"
+#include "CrashText.h"
+#include "TemporaryFolder.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::utils {
+namespace {
+
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using tests::readText;
+using tests::TemporaryFolder;
+
+/// A system log of the test's own.
+class LogSocket {
+ public:
+  explicit LogSocket(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  }
+  ~LogSocket() { close(fd_); }
+  LogSocket(const LogSocket&) = delete;
+  LogSocket& operator=(const LogSocket&) = delete;
+
+  /// Takes what was sent so far, a line each.
+  void Receive() {
+    char line[4096];
+    ssize_t got = 0;
+    while ((got = recv(fd_, line, sizeof line, MSG_DONTWAIT)) > 0) {
+      text_.append(line, static_cast<std::size_t>(got)) += '\n';
+    }
+  }
+
+  const std::string& Received() const { return text_; }
+
+ private:
+  int fd_;
+  std::string text_;
+};
+
+class CrashTest : public testing::Test {
+ protected:
+  /// Runs `crash` in a process with the handler installed; the status of waitpid(2).
+  int Crash(const std::function<void()>& crash) {
+    child_ = fork();
+    if (child_ == 0) {
+      if (!installCrashDumpHandler(reports_.c_str(), socketPath_.c_str())) _exit(99);
+      crash();
+      _exit(98);
+    }
+    int status = 0;
+    while (waitpid(child_, &status, WNOHANG) == 0) {
+      log_.Receive();
+      sleepMs(1);
+    }
+    log_.Receive();
+    return status;
+  }
+
+  std::string Report() const {
+    return readText(folder_ / ("kova_crash." + std::to_string(child_)));
+  }
+
+  TemporaryFolder folder_;
+  std::string reports_ = folder_.path();
+  const std::string socketPath_ = folder_ / "log";
+  LogSocket log_{socketPath_};
+  pid_t child_ = -1;
+};
+
+void expectKilledBy(int number, int status) {
+  EXPECT_TRUE(WIFSIGNALED(status)) << status;
+  EXPECT_EQ(number, WTERMSIG(status));
+}
+
+TEST_F(CrashTest, ForceCrashLeavesAReportAndAborts) {
+  expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
+  EXPECT_THAT(Report(),
+              ContainsRegex("Crashed by signal 6 \\(Aborted\\), program counter 0x[0-9a-f]+"));
+  EXPECT_THAT(Report(), HasSubstr("(abort+0x"));
+}
+
+TEST_F(CrashTest, TheReportGoesToTheSystemLogToo) {
+  Crash([] { forceCrash(); });
+  const std::string& log = log_.Received();
+  const std::string report = Report();
+  const std::string tag = "[" + std::to_string(child_) + "]: ";
+  EXPECT_THAT(log, testing::StartsWith("<10>"));
+  EXPECT_THAT(log, HasSubstr(tag + "Crashed by signal 6"));
+  EXPECT_EQ(std::count(report.begin(), report.end(), '\n'),
+            std::count(log.begin(), log.end(), '\n'));
+  EXPECT_THAT(log, HasSubstr("(abort+0x"));
+}
+
+TEST_F(CrashTest, NamesTheFaultAddress) {
+  expectKilledBy(SIGSEGV, Crash([] {
+                   auto* volatile nowhere = reinterpret_cast<volatile int*>(0x1230);
+                   *nowhere = 1;
+                 }));
+  EXPECT_THAT(Report(), HasSubstr("fault address 0x1230\n"));
+}
+
+int recurse(volatile char* above, const volatile bool& goOn) {
+  volatile char frame[4096];
+  frame[0] = *above;
+  return goOn ? recurse(frame, goOn) + frame[0] : 0;
+}
+
+TEST_F(CrashTest, ReportsAStackThatRanOver) {
+  expectKilledBy(SIGSEGV, Crash([] {
+                   volatile char top = 0;
+                   const volatile bool forEver = true;
+                   recurse(&top, forEver);
+                 }));
+  EXPECT_THAT(Report(), HasSubstr("Crashed by signal 11"));
+}
+
+class EachSignal : public CrashTest, public testing::WithParamInterface<int> {};
+
+TEST_P(EachSignal, IsReportedAndThenTakesItsDefaultAction) {
+  const int number = GetParam();
+  expectKilledBy(number, Crash([number] { raise(number); }));
+  EXPECT_THAT(Report(), HasSubstr("Crashed by signal " + std::to_string(number) + " ("));
+}
+
+INSTANTIATE_TEST_SUITE_P(CrashTest, EachSignal,
+                         testing::Values(SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS),
+                         [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
+
+TEST_F(CrashTest, AnOldReportOfTheSameNumberIsReplacedAndALinkNotFollowed) {
+  const std::string victim = folder_ / "victim";
+  tests::writeText(victim, "precious");
+  Crash([&] {
+    const std::string report = folder_ / ("kova_crash." + std::to_string(getpid()));
+    if (symlink(victim.c_str(), report.c_str()) == 0) forceCrash();
+  });
+  EXPECT_EQ("precious", readText(victim));
+  EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
+}
+
+TEST_F(CrashTest, WithoutAFolderTheSystemLogStillHasIt) {
+  reports_ = folder_ / "missing";
+  expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
+  EXPECT_THAT(log_.Received(), HasSubstr("Crashed by signal 6"));
+}
+
+TEST_F(CrashTest, ASystemLogThatHangsDoesNotHoldItUp) {
+  const std::uint64_t before = nowMs();
+  child_ = fork();
+  if (child_ == 0) {
+    if (installCrashDumpHandler(reports_.c_str(), socketPath_.c_str())) forceCrash();
+    _exit(99);
+  }
+  int status = 0;
+  waitpid(child_, &status, 0);
+  expectKilledBy(SIGABRT, status);
+  EXPECT_LT(nowMs() - before, 2500U);
+  EXPECT_THAT(Report(), HasSubstr("__libc_start_main"));
+}
+
+TEST_F(CrashTest, WithoutASystemLogTheFileStillHasIt) {
+  unlink(socketPath_.c_str());
+  expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
+  EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
+}
+
+TEST(InstallCrashDumpHandler, RefusesAPathThatIsTooLong) {
+  EXPECT_FALSE(installCrashDumpHandler(std::string(5000, 'x').c_str(), "/dev/log"));
+  EXPECT_FALSE(installCrashDumpHandler("/tmp", std::string(200, 'x').c_str()));
+}
+
+TEST(CrashText, WritesNumbersAndCutsWhatDoesNotFit) {
+  CrashText<64> text;
+  text.AppendNumber(0).Append(" ").AppendNumber(UINT64_MAX).Append(" ").AppendHex(0xdeadbeef01);
+  EXPECT_EQ("0 18446744073709551615 deadbeef01", text.View());
+  CrashText<5> little;
+  EXPECT_STREQ("abcd", little.Append("abc").Append("def").Append("g").Text());
+}
+
+}  // namespace
+}  // namespace kova::utils

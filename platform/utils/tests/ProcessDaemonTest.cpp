@@ -1,0 +1,212 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <functional>
+
+#include "Script.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Process.h"
+
+namespace kova::utils {
+namespace {
+
+using tests::readText;
+using tests::TemporaryFolder;
+using tests::writeScript;
+
+bool eventually(const std::function<bool()>& condition) {
+  const std::uint64_t deadline = nowMs() + 10000;
+  while (!condition()) {
+    if (nowMs() > deadline) return false;
+    sleepMs(2);
+  }
+  return true;
+}
+
+bool isRunning(pid_t pid) {
+  const std::string words = readText("/proc/" + std::to_string(pid) + "/cmdline");
+  return !words.empty() && words != "(none)";
+}
+
+/// A started program, ended with the test at the latest.
+class Daemon {
+ public:
+  explicit Daemon(pid_t pid) : pid_(pid) {}
+  ~Daemon() {
+    if (pid_ > 0) kill(pid_, SIGKILL);
+  }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+  pid_t Pid() const { return pid_; }
+
+ private:
+  pid_t pid_;
+};
+
+TEST(RunDaemon, StartsTheProgramWithItsArgumentsAndDoesNotWait) {
+  const TemporaryFolder folder;
+  const std::string script = writeScript(folder, "script",
+                                         "printf '[%s]' \"$@\" > \"$1.new\"; mv \"$1.new\" \"$1\"; "
+                                         "exec sleep 60");
+  const std::string result = folder / "result";
+  int pid = 0;
+  ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, script, 3, result.c_str(), "a b", "$(id)"));
+  const Daemon daemon(pid);
+  EXPECT_TRUE(eventually([&] { return readText(result) != "(none)"; }));
+  EXPECT_EQ("[" + result + "][a b][$(id)]", readText(result));
+  EXPECT_TRUE(eventually([&] { return isRunning(pid); }));
+}
+
+TEST(RunDaemon, NeedsNeitherArgumentsNorAPlaceForTheProcessId) {
+  EXPECT_TRUE(runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0));
+}
+
+TEST(RunDaemon, LeavesNoZombieAndNoChild) {
+  int pid = 0;
+  ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/true", 0));
+  errno = 0;
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
+  EXPECT_EQ(ECHILD, errno);
+  EXPECT_TRUE(eventually([&] { return kill(pid, 0) != 0; })) << "the ended process stays around";
+}
+
+TEST(RunDaemon, LeadsASessionOfItsOwn) {
+  int pid = 0;
+  ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/sleep", 1, "60"));
+  const Daemon daemon(pid);
+  EXPECT_EQ(pid, getsid(pid));
+  EXPECT_NE(getsid(0), getsid(pid));
+}
+
+TEST(RunDaemon, StartsInTheGivenFolder) {
+  const TemporaryFolder folder;
+  int pid = 0;
+  ASSERT_TRUE(runDaemon(&folder.path(), nullptr, &pid, "/bin/sleep", 1, "60"));
+  const Daemon daemon(pid);
+  char target[PATH_MAX] = {};
+  ASSERT_GT(readlink(("/proc/" + std::to_string(pid) + "/cwd").c_str(), target, sizeof target - 1),
+            0);
+  EXPECT_EQ(std::filesystem::canonical(folder.path()), target);
+}
+
+TEST(RunDaemon, BlocksTheGivenSignalsAndNoOthers) {
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGHUP);
+  for (const sigset_t* given :
+       {static_cast<const sigset_t*>(&mask), static_cast<const sigset_t*>(nullptr)}) {
+    int pid = 0;
+    ASSERT_TRUE(runDaemon(nullptr, given, &pid, "/bin/sleep", 1, "60"));
+    const Daemon daemon(pid);
+    EXPECT_THAT(readText("/proc/" + std::to_string(pid) + "/status"),
+                testing::HasSubstr(given != nullptr ? "SigBlk:\t0000000000000001\n"
+                                                    : "SigBlk:\t0000000000000000\n"));
+  }
+}
+
+TEST(RunDaemon, ReportsAProgramThatCannotBeStarted) {
+  const TemporaryFolder folder;
+  int pid = 77;
+  EXPECT_FALSE(runDaemon(nullptr, nullptr, &pid, folder / "missing", 0));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(77, pid);
+  tests::writeText(folder / "plain", "text");
+  EXPECT_FALSE(runDaemon(nullptr, nullptr, &pid, folder / "plain", 0));
+  EXPECT_EQ(EACCES, errno);
+  const std::string nowhere = folder / "nowhere";
+  EXPECT_FALSE(runDaemon(&nowhere, nullptr, &pid, "/bin/true", 0));
+  EXPECT_EQ(ENOENT, errno);
+}
+
+class KillByNameTest : public testing::Test {
+ protected:
+  /// A copy of a real program under a name of this test's own.
+  std::string Program(const std::string& name) const {
+    const std::string path = folder_ / name;
+    std::filesystem::copy_file("/bin/sleep", path);
+    return path;
+  }
+
+  pid_t Start(const std::string& program) const {
+    int pid = -1;
+    EXPECT_TRUE(runDaemon(nullptr, nullptr, &pid, program, 1, "60"));
+    return pid;
+  }
+
+  TemporaryFolder folder_;
+  const std::string unique_ = std::filesystem::path(folder_.path()).filename().string() + "_daemon";
+};
+
+TEST_F(KillByNameTest, FindsALongNameAndSignalsEachSuchProcess) {
+  ASSERT_GT(unique_.size(), 15U);
+  const std::string program = Program(unique_);
+  const Daemon first(Start(program));
+  const Daemon second(Start(program));
+  EXPECT_EQ(2, kill_process_by_name(unique_, SIGTERM));
+  EXPECT_TRUE(eventually([&] { return !isRunning(first.Pid()) && !isRunning(second.Pid()); }));
+  EXPECT_TRUE(eventually([&] { return kill_process_by_name(unique_, 0) == 0; }));
+}
+
+TEST_F(KillByNameTest, ComparesWholeNames) {
+  const Daemon daemon(Start(Program(unique_)));
+  EXPECT_EQ(0, kill_process_by_name(unique_.substr(0, 15), SIGTERM));
+  EXPECT_EQ(0, kill_process_by_name(unique_ + "x", SIGTERM));
+  EXPECT_EQ(0, kill_process_by_name(folder_ / unique_, SIGTERM));
+  EXPECT_EQ(0, kill_process_by_name("", SIGTERM));
+  EXPECT_EQ(1, kill_process_by_name(unique_, 0));
+}
+
+TEST_F(KillByNameTest, FindsAProgramThatCallsItselfOtherwise) {
+  const std::string program = Program(unique_);
+  int pid = -1;
+  ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/bash", 2, "-c",
+                        ("exec -a other " + program + " 60").c_str()));
+  const Daemon daemon(pid);
+  ASSERT_TRUE(eventually(
+      [&] { return readText("/proc/" + std::to_string(pid) + "/cmdline").starts_with("other"); }));
+  EXPECT_EQ(1, kill_process_by_name(unique_, 0));
+}
+
+TEST_F(KillByNameTest, FindsAProgramWhoseFileIsGone) {
+  const std::string program = Program(unique_);
+  const Daemon daemon(Start(program));
+  std::filesystem::remove(program);
+  EXPECT_EQ(1, kill_process_by_name(unique_, 0));
+}
+
+TEST_F(KillByNameTest, PassesOverZombies) {
+  const std::string program = Program(unique_);
+  const pid_t child = fork();
+  if (child == 0) {
+    execl(program.c_str(), program.c_str(), "0", nullptr);
+    _exit(1);
+  }
+  siginfo_t ended{};
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT));
+  EXPECT_EQ(0, kill_process_by_name(unique_, SIGTERM));
+  waitpid(child, nullptr, 0);
+}
+
+TEST_F(KillByNameTest, SparesTheCaller) {
+  const std::string name = "k" + std::to_string(getpid());
+  ASSERT_LE(name.size(), std::strlen(program_invocation_name));
+  const pid_t child = fork();
+  if (child == 0) {
+    // The first word of the command line stands in the process's own memory, see proc(5).
+    std::strcpy(program_invocation_name, name.c_str());
+    if (readText("/proc/self/cmdline").c_str() != name) _exit(100);
+    _exit(kill_process_by_name(name, SIGKILL));
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+}  // namespace
+}  // namespace kova::utils

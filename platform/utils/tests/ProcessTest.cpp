@@ -1,0 +1,255 @@
+#include "kova/utils/Process.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "Script.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::utils {
+namespace {
+
+using tests::readText;
+using tests::TemporaryFolder;
+using tests::writeScript;
+using tests::writeText;
+
+constexpr unsigned kKeepKiB = 1024;
+constexpr unsigned kLongMs = 20000;
+
+class SysExecTest : public testing::Test {
+ protected:
+  int Run(const std::string& program, const std::vector<std::string>& arguments = {},
+          const std::string& input = "") {
+    return sysExec(program, arguments, input, out_, err_, timeoutMs_, graceMs_, captureKiB_);
+  }
+  int RunScript(const std::string& body, const std::string& input = "") {
+    return Run(writeScript(folder_, "script", body), {}, input);
+  }
+
+  TemporaryFolder folder_;
+  std::string out_ = "old";
+  std::string err_ = "old";
+  unsigned timeoutMs_ = kLongMs;
+  unsigned graceMs_ = 0;
+  unsigned captureKiB_ = kKeepKiB;
+};
+
+TEST_F(SysExecTest, CapturesBothStreamsAndTheStatus) {
+  EXPECT_EQ(3, RunScript("echo out; echo err >&2; exit 3"));
+  EXPECT_EQ("out\n", out_);
+  EXPECT_EQ("err\n", err_);
+}
+
+TEST_F(SysExecTest, PassesArgumentsWholeAndWithoutAShell) {
+  EXPECT_EQ(0, Run("/usr/bin/printf", {"[%s]", "a b", "", "$(id)", "'; ls", "*"}));
+  EXPECT_EQ("[a b][][$(id)]['; ls][*]", out_);
+}
+
+TEST_F(SysExecTest, RefusesAnArgumentThatCannotBePassedWhole) {
+  EXPECT_EQ(kNotStarted, Run("/bin/echo", {std::string("a\0b", 3)}));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ("", out_);
+}
+
+TEST_F(SysExecTest, EndsTheInputAfterItsLastByte) {
+  EXPECT_EQ(0, Run("/bin/cat", {}, "input"));
+  EXPECT_EQ("input", out_);
+  EXPECT_EQ(0, Run("/bin/cat"));
+  EXPECT_EQ("", out_);
+}
+
+TEST_F(SysExecTest, MoreInputThanAPipeHoldsDoesNotBlock) {
+  std::string input(700 * 1024, 'a');
+  input.back() = 'z';
+  EXPECT_EQ(0, Run("/bin/cat", {}, input));
+  EXPECT_EQ(input, out_);
+}
+
+TEST_F(SysExecTest, AChildThatDoesNotReadItsInputHarmsNobody) {
+  EXPECT_EQ(0, RunScript("exec <&-; echo done", std::string(1024 * 1024, 'x')));
+  EXPECT_EQ("done\n", out_);
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_EQ(0, sigismember(&pending, SIGPIPE));
+}
+
+TEST_F(SysExecTest, KeepsNoMoreThanWasAskedForAndLetsTheChildPrintAll) {
+  captureKiB_ = 128;
+  EXPECT_EQ(0, RunScript("head -c 10485760 /dev/zero; echo all printed >&2"));
+  EXPECT_EQ(128U * 1024U, out_.size());
+  EXPECT_EQ("all printed\n", err_);
+}
+
+TEST_F(SysExecTest, KeepsAMegabyteOfBothStreamsAtOnce) {
+  EXPECT_EQ(0, RunScript("head -c 1048576 /dev/zero & head -c 1048576 /dev/zero >&2; wait"));
+  EXPECT_EQ(1024U * 1024U, out_.size());
+  EXPECT_EQ(1024U * 1024U, err_.size());
+}
+
+TEST_F(SysExecTest, ReportsADeathBySignalAsFailure) {
+  EXPECT_EQ(128 + SIGSEGV, RunScript("kill -SEGV $$"));
+}
+
+TEST_F(SysExecTest, ReportsAProgramThatCannotBeStarted) {
+  EXPECT_EQ(kNotStarted, Run(folder_ / "missing"));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ("", out_);
+  EXPECT_EQ("", err_);
+  writeText(folder_ / "plain", "#!/bin/sh\n");
+  EXPECT_EQ(kNotStarted, Run(folder_ / "plain"));
+  EXPECT_EQ(EACCES, errno);
+  writeText(folder_ / "garbage", "\x01\x02\x03");
+  chmod((folder_ / "garbage").c_str(), 0755);
+  EXPECT_EQ(kNotStarted, Run(folder_ / "garbage"));
+  EXPECT_EQ(ENOEXEC, errno);
+  EXPECT_EQ(kNotStarted, Run(""));
+}
+
+TEST_F(SysExecTest, TerminatesAChildThatHangs) {
+  timeoutMs_ = 100;
+  graceMs_ = kLongMs;
+  const std::uint64_t before = nowMs();
+  EXPECT_EQ(128 + SIGTERM, Run("/bin/sleep", {"60"}));
+  EXPECT_LT(nowMs() - before, 10000U);
+}
+
+TEST_F(SysExecTest, KillsAChildThatIgnoresTheRequest) {
+  timeoutMs_ = 200;
+  graceMs_ = 200;
+  const std::uint64_t before = nowMs();
+  EXPECT_EQ(128 + SIGKILL, RunScript("trap '' TERM; echo ready; while :; do sleep 1; done"));
+  EXPECT_GE(nowMs() - before, 400U);
+  EXPECT_LT(nowMs() - before, 10000U);
+  EXPECT_EQ("ready\n", out_);
+}
+
+TEST_F(SysExecTest, WithoutGraceKillsAtOnce) {
+  timeoutMs_ = 50;
+  graceMs_ = 0;
+  EXPECT_EQ(128 + SIGKILL, Run("/bin/sleep", {"60"}));
+}
+
+TEST_F(SysExecTest, AChildThatNeverStopsPrintingMeetsItsTimeout) {
+  timeoutMs_ = 100;
+  EXPECT_EQ(128 + SIGKILL, Run("/usr/bin/yes"));
+  EXPECT_EQ(kKeepKiB * 1024U, out_.size());
+}
+
+TEST_F(SysExecTest, ATimeoutReachesTheChildsOwnChildren) {
+  timeoutMs_ = 300;
+  EXPECT_EQ(128 + SIGKILL, RunScript("sleep 60 & echo $!; wait"));
+  const int grandchild = std::stoi(out_);
+  const std::uint64_t deadline = nowMs() + 10000;
+  // Init may not have reaped it yet: a zombie has no command line.
+  while (readText("/proc/" + std::to_string(grandchild) + "/cmdline").find("sleep") == 0 &&
+         nowMs() < deadline) {
+    sleepMs(5);
+  }
+  EXPECT_LT(nowMs(), deadline);
+}
+
+TEST_F(SysExecTest, DoesNotWaitForWhatTheChildLeftRunning) {
+  const std::uint64_t before = nowMs();
+  EXPECT_EQ(0, RunScript("sleep 60 & echo $!"));
+  EXPECT_LT(nowMs() - before, 10000U);
+  const int grandchild = std::stoi(out_);
+  EXPECT_EQ(0, kill(grandchild, SIGKILL));
+}
+
+TEST_F(SysExecTest, WaitsForAChildThatClosedItsOutput) {
+  EXPECT_EQ(9, RunScript("exec >&- 2>&-; sleep 0.1; exit 9"));
+}
+
+TEST_F(SysExecTest, TheChildInheritsOnlyItsThreeStreams) {
+  const int leaked = fcntl(STDERR_FILENO, F_DUPFD, 100);  // on purpose without close-on-exec
+  ASSERT_GE(leaked, 100);
+  EXPECT_EQ(0, Run("/bin/ls", {"/proc/self/fd"}));
+  close(leaked);
+  EXPECT_EQ("0\n1\n2\n3\n", out_);  // the last is the folder it lists
+}
+
+TEST_F(SysExecTest, TheChildHasDefaultSignalHandling) {
+  sigset_t blocked;
+  sigset_t previous;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &blocked, &previous);
+  const auto ignored = signal(SIGUSR2, SIG_IGN);
+  EXPECT_EQ(0, Run("/bin/grep", {"-E", "^Sig(Blk|Ign):", "/proc/self/status"}));
+  signal(SIGUSR2, ignored);
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
+  // Signals 32 and 33 are the C library's own.
+  EXPECT_THAT(out_, testing::MatchesRegex("SigBlk:\t0000000000000000\n"
+                                          "SigIgn:\t0000000[01]80000000\n|"
+                                          "SigBlk:\t0000000000000000\n"
+                                          "SigIgn:\t0000000000000000\n"));
+}
+
+TEST_F(SysExecTest, InterruptionsDoNotDisturbIt) {
+  struct sigaction action {};
+  struct sigaction previous {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, &previous);
+  const itimerval every2Ms{{0, 2000}, {0, 2000}};
+  const itimerval never{};
+  setitimer(ITIMER_REAL, &every2Ms, nullptr);
+  const std::string input(300 * 1024, 'i');
+  const int captured = Run("/bin/cat", {}, input);
+  const int plain = sysExecSimple("/bin/sleep", "0.1");
+  setitimer(ITIMER_REAL, &never, nullptr);
+  sigaction(SIGALRM, &previous, nullptr);
+  EXPECT_EQ(0, captured);
+  EXPECT_EQ(input, out_);
+  EXPECT_EQ(0, plain);
+}
+
+/// Runs `body` in a process without standard streams; its exit status.
+template <typename Body>
+int withoutStandardStreams(Body body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (int fd = 0; fd < 3; ++fd) close(fd);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(SysExecTest, WorksWhereTheCallerHasNoStandardStreams) {
+  const std::string script = writeScript(folder_, "script", "cat; echo err >&2; exit 4");
+  EXPECT_EQ(0, withoutStandardStreams([&] {
+              if (Run(script, {}, "in") != 4) return 1;
+              if (out_ != "in" || err_ != "err\n") return 2;
+              return sysExecSimple("/bin/true") == 0 ? 0 : 3;
+            }));
+}
+
+TEST(SysExecSimple, ReturnsTheExitStatus) {
+  EXPECT_EQ(0, sysExecSimple("/bin/true"));
+  EXPECT_EQ(1, sysExecSimple("/bin/false"));
+  EXPECT_EQ(5, sysExecSimple("/bin/sh", "-c", "exit 5"));
+  EXPECT_EQ(128 + SIGABRT, sysExecSimple("/bin/sh", "-c", "kill -ABRT $$"));
+  EXPECT_EQ(kNotStarted, sysExecSimple("/no/such/program", "x"));
+  EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(SysExecSimple, StandardStreamsAreTheNullDevice) {
+  const TemporaryFolder folder;
+  const std::string script =
+      writeScript(folder, "script", "for fd in 0 1 2; do readlink /proc/$$/fd/$fd; done > \"$1\"");
+  EXPECT_EQ(0, sysExecSimple(script.c_str(), folder / "streams"));
+  // Standard output is redirected inside the script's loop only, so the shell's own shows the file.
+  EXPECT_THAT(readText(folder / "streams"), testing::StartsWith("/dev/null\n"));
+  EXPECT_THAT(readText(folder / "streams"), testing::EndsWith("/dev/null\n"));
+}
+
+}  // namespace
+}  // namespace kova::utils

@@ -1,0 +1,300 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+
+#include <cerrno>
+
+#include "ProcFile.h"
+#include "StatsInternal.h"
+#include "TemporaryFolder.h"
+
+namespace kova::utils {
+namespace {
+
+using tests::TemporaryFolder;
+using tests::writeText;
+
+TEST(ReadFromStart, GrowsWithTheFileAndStartsAnewEachTime) {
+  const TemporaryFolder folder;
+  const std::string content(100000, 'x');
+  std::string text;
+  writeText(folder / "file", content);
+  writeText(folder / "empty", "");
+  ASSERT_EQ(0, readSmallFile(folder / "file", text));
+  EXPECT_EQ(content, text);
+  ASSERT_EQ(0, readSmallFile(folder / "empty", text));
+  EXPECT_EQ("", text);
+}
+
+TEST(ReadFromStart, OneDescriptorGivesFreshContentEachTime) {
+  const UniqueFd fd(open("/proc/thread-self/comm", O_RDONLY | O_CLOEXEC));
+  char before[16] = {};
+  prctl(PR_GET_NAME, before);
+  std::string text;
+  prctl(PR_SET_NAME, "first");
+  EXPECT_EQ(0, readFromStart(fd.Get(), text));
+  EXPECT_EQ("first\n", text);
+  prctl(PR_SET_NAME, "second");
+  EXPECT_EQ(0, readFromStart(fd.Get(), text));
+  EXPECT_EQ("second\n", text);
+  prctl(PR_SET_NAME, before);
+}
+
+TEST(ReadFromStart, TellsWhyItFailed) {
+  const TemporaryFolder folder;
+  std::string text = "old";
+  EXPECT_EQ(ENOENT, readSmallFile(folder / "missing", text));
+  EXPECT_EQ("", text);
+  EXPECT_EQ(EISDIR, readSmallFile(folder.path(), text));
+  EXPECT_EQ(EBADF, readFromStart(-1, text));
+}
+
+TEST(ParseMemory, FindsTotalAndFree) {
+  MemoryStats stats{};
+  EXPECT_EQ(0, parseMemory("MemTotal:        4039864 kB\nMemFree:          217524 kB\n"
+                           "MemAvailable:    3517620 kB\n",
+                           stats));
+  EXPECT_EQ(4039864U, stats.totalKb);
+  EXPECT_EQ(217524U, stats.freeKb);
+}
+
+TEST(ParseMemory, FailsWithoutBoth) {
+  MemoryStats stats{};
+  EXPECT_EQ(EIO, parseMemory("", stats));
+  EXPECT_EQ(EIO, parseMemory("MemTotal: 5 kB\n", stats));
+  EXPECT_EQ(EIO, parseMemory("MemTotal: many kB\nMemFree: 5 kB\n", stats));
+}
+
+TEST(ParseLoadAverage, ReadsThreeNumbers) {
+  LoadAverage load{};
+  EXPECT_EQ(0, parseLoadAverage("0.52 12.00 1.05 1/123 4567\n", load));
+  EXPECT_FLOAT_EQ(0.52F, load.min01);
+  EXPECT_FLOAT_EQ(12.0F, load.min05);
+  EXPECT_FLOAT_EQ(1.05F, load.min15);
+  EXPECT_EQ(EIO, parseLoadAverage("0.52 12.00", load));
+}
+
+TEST(ParseUptime, CutsTheFraction) {
+  UptimeStats stats{};
+  EXPECT_EQ(0, parseUptime("350735.97 234388.90\n", stats));
+  EXPECT_EQ(350735U, stats.sec);
+  EXPECT_EQ(EIO, parseUptime("soon\n", stats));
+}
+
+TEST(ParseCpuInfo, ReadsThePersonalComputersKeys) {
+  const CpuInfo info = parseCpuInfo(
+      "processor\t: 0\nvendor_id\t: X\nmodel name\t: Quick 3000\nflags\t\t: fpu sse\n\n"
+      "processor\t: 1\nmodel name\t: Other\nflags\t\t: none\n");
+  EXPECT_EQ("Quick 3000", info.processor);
+  EXPECT_EQ("fpu sse", info.features);
+}
+
+TEST(ParseCpuInfo, ReadsTheArmKeys) {
+  const CpuInfo old = parseCpuInfo(
+      "Processor\t: ARMv7 rev 5 (v7l)\nprocessor\t: 0\nFeatures\t: neon vfpv4\n\n"
+      "Hardware\t: Board\n");
+  EXPECT_EQ("ARMv7 rev 5 (v7l)", old.processor);
+  EXPECT_EQ("neon vfpv4", old.features);
+  EXPECT_EQ("Board", parseCpuInfo("processor\t: 0\nHardware\t: Board\n").processor);
+}
+
+TEST(ParseCpuInfo, LeavesAMissingModelEmpty) {
+  const CpuInfo info = parseCpuInfo("processor\t: 0\nFeatures\t: fp asimd\nCPU part\t: 0xd03\n");
+  EXPECT_EQ("", info.processor);
+  EXPECT_EQ("fp asimd", info.features);
+  EXPECT_EQ("", parseCpuInfo("").features);
+}
+
+class CpuMeterTest : public testing::Test {
+ protected:
+  std::vector<std::uint32_t> Update(const std::string& text) {
+    CpuStats stats{};
+    if (meter_.Update(text, stats) != 0) return {};
+    return {stats.percent.begin(), stats.percent.begin() + stats.count};
+  }
+
+  CpuMeter meter_;
+};
+
+TEST_F(CpuMeterTest, MeasuresBusyTimeBetweenReadings) {
+  EXPECT_EQ((std::vector<std::uint32_t>{25, 100}), Update("cpu  250 0 0 150 0 0 0 0 0 0\n"
+                                                          "cpu0 20 5 0 70 5 0 0 0 0 0\n"
+                                                          "cpu1 30 30 30 0 0 5 4 1 0 0\n"
+                                                          "intr 12 cpu\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{80, 0}), Update("cpu0 100 5 0 80 15 0 0 0 0 0\n"
+                                                        "cpu1 30 30 30 50 50 5 4 1 0 0\n"));
+}
+
+TEST_F(CpuMeterTest, KeepsTheFigureWithinOneTick) {
+  const std::string text = "cpu0 30 0 0 70 0 0 0 0\n";
+  EXPECT_EQ((std::vector<std::uint32_t>{30}), Update(text));
+  EXPECT_EQ((std::vector<std::uint32_t>{30}), Update(text));
+}
+
+TEST_F(CpuMeterTest, SurvivesCountersThatGoBack) {
+  Update("cpu0 30 0 0 70 50 0 0 0\n");
+  EXPECT_EQ((std::vector<std::uint32_t>{0}), Update("cpu0 20 0 0 170 50 0 0 0\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{0}), Update("cpu0 1 0 0 9 0 0 0 0\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{50}), Update("cpu0 6 0 0 14 0 0 0 0\n"));
+}
+
+TEST_F(CpuMeterTest, FollowsAProcessorThroughTheAbsenceOfAnother) {
+  Update("cpu0 0 0 0 100 0 0 0 0\ncpu1 0 0 0 100 0 0 0 0\ncpu2 100 0 0 0 0 0 0 0\n");
+  EXPECT_EQ((std::vector<std::uint32_t>{0, 50}),
+            Update("cpu0 0 0 0 200 0 0 0 0\ncpu2 150 0 0 50 0 0 0 0\n"));
+}
+
+TEST_F(CpuMeterTest, AcceptsTheFourColumnsOfOldKernels) {
+  EXPECT_EQ((std::vector<std::uint32_t>{40}), Update("cpu0 40 0 0 60\n"));
+}
+
+TEST_F(CpuMeterTest, ReportsAtMost255) {
+  std::string text = "cpu  1 1 1 1\n";
+  for (int i = 0; i < 300; ++i) text += "cpu" + std::to_string(i) + " 1 0 0 1\n";
+  EXPECT_EQ(CpuStats::kMax, Update(text).size());
+}
+
+TEST_F(CpuMeterTest, FailsOnATextThatIsNoProcStat) {
+  EXPECT_TRUE(Update("").empty());
+  EXPECT_TRUE(Update("cpu0 1 2\n").empty());
+  EXPECT_TRUE(Update("cpu0 1 2 3 x\n").empty());
+  EXPECT_TRUE(Update("cpu4294967295 1 2 3 4\n").empty());
+}
+
+class NetworkMeterTest : public testing::Test {
+ protected:
+  static std::string Line(const std::string& name, std::uint64_t rx, std::uint64_t tx) {
+    return name + ": " + std::to_string(rx) + " 1 2 3 4 5 6 7 " + std::to_string(tx) +
+           " 8 9 10 11 12 13 14\n";
+  }
+
+  NetworkStats Update(const std::string& lines, std::uint64_t timeMs) {
+    NetworkStats stats{};
+    EXPECT_EQ(0, meter_.Update("Inter-| Receive\n face |bytes\n" + lines, timeMs, stats));
+    return stats;
+  }
+
+  NetworkMeter meter_;
+};
+
+TEST_F(NetworkMeterTest, SkipsLoopbackAndReadsBothCounters) {
+  const NetworkStats stats = Update(
+      "    lo" + Line("", 1, 2) + "  " + Line("eth0", 26898433, 36411) + Line("wlan0", 5, 6), 1000);
+  ASSERT_EQ(2, stats.count);
+  EXPECT_EQ("eth0", stats.interfaces[0].name);
+  EXPECT_EQ(26898433U, stats.interfaces[0].bytesRx);
+  EXPECT_EQ(36411U, stats.interfaces[0].bytesTx);
+  EXPECT_EQ("wlan0", stats.interfaces[1].name);
+}
+
+TEST_F(NetworkMeterTest, RatesAreBytesPerSecondSinceTheLastReading) {
+  EXPECT_EQ(0U, Update(Line("eth0", 1000, 500), 1000).interfaces[0].dnBps);
+  const NetworkStats stats = Update(Line("eth0", 4000, 1500), 3000);
+  EXPECT_EQ(1500U, stats.interfaces[0].dnBps);
+  EXPECT_EQ(500U, stats.interfaces[0].upBps);
+}
+
+TEST_F(NetworkMeterTest, RatesStayWithinOneMillisecondAndNoByteIsLost) {
+  Update(Line("eth0", 0, 0), 1000);
+  Update(Line("eth0", 1000, 2000), 2000);
+  const NetworkStats again = Update(Line("eth0", 1500, 2000), 2000);
+  EXPECT_EQ(1500U, again.interfaces[0].bytesRx);
+  EXPECT_EQ(1000U, again.interfaces[0].dnBps);
+  EXPECT_EQ(2000U, again.interfaces[0].upBps);
+  EXPECT_EQ(1000U, Update(Line("eth0", 2000, 2000), 3000).interfaces[0].dnBps);
+}
+
+TEST_F(NetworkMeterTest, ACounterThatGoesBackGivesRateZero) {
+  Update(Line("eth0", 5000, 5000), 1000);
+  const NetworkStats stats = Update(Line("eth0", 100, 6000), 2000);
+  EXPECT_EQ(0U, stats.interfaces[0].dnBps);
+  EXPECT_EQ(1000U, stats.interfaces[0].upBps);
+}
+
+TEST_F(NetworkMeterTest, FollowsInterfacesByName) {
+  Update(Line("eth0", 0, 0) + Line("eth1", 1000, 0), 1000);
+  const NetworkStats stats = Update(Line("eth1", 3000, 0) + Line("new0", 9999, 0), 2000);
+  EXPECT_EQ(2000U, stats.interfaces[0].dnBps);
+  EXPECT_EQ(0U, stats.interfaces[1].dnBps);
+}
+
+TEST_F(NetworkMeterTest, HugeCountersDoNotOverflow) {
+  Update(Line("eth0", 0, 0), 1000);
+  EXPECT_EQ(UINT64_MAX / 1000U, Update(Line("eth0", UINT64_MAX, 0), 1001000).interfaces[0].dnBps);
+}
+
+TEST_F(NetworkMeterTest, ReportsAtMost64Interfaces) {
+  std::string lines;
+  for (int i = 0; i < 100; ++i) lines += Line("veth" + std::to_string(i), 1, 1);
+  EXPECT_EQ(NetworkStats::kMax, Update(lines, 1000).count);
+}
+
+TEST_F(NetworkMeterTest, FailsOnATextThatIsNoProcNetDev) {
+  NetworkStats stats{};
+  EXPECT_EQ(EIO, meter_.Update("a\nb\nno colon\n", 1, stats));
+  EXPECT_EQ(EIO, meter_.Update("a\nb\neth0: 1 2 3\n", 1, stats));
+  EXPECT_EQ(EIO, meter_.Update("a\nb\neth0: x 2 3 4 5 6 7 8 9\n", 1, stats));
+}
+
+TEST_F(NetworkMeterTest, NoInterfaceIsNoFailure) {
+  EXPECT_EQ(0, Update("", 1000).count);
+}
+
+class BatteryTest : public testing::Test {
+ protected:
+  void Supply(const std::string& name, const std::string& type, const std::string& capacity,
+              const std::string& status) const {
+    std::filesystem::create_directories(folder_ / name);
+    writeText(folder_ / (name + "/type"), type + "\n");
+    if (!capacity.empty()) writeText(folder_ / (name + "/capacity"), capacity + "\n");
+    if (!status.empty()) writeText(folder_ / (name + "/status"), status + "\n");
+  }
+
+  TemporaryFolder folder_;
+  BatteryInfo info_{7, true};
+};
+
+TEST_F(BatteryTest, IsFoundAmongOtherSupplies) {
+  Supply("AC", "Mains", "", "");
+  Supply("BAT0", "Battery", "83", "Charging");
+  ASSERT_TRUE(readBattery(folder_.path(), info_));
+  EXPECT_EQ(83U, info_.percentage);
+  EXPECT_TRUE(info_.isCharging);
+}
+
+TEST_F(BatteryTest, ChargesOnlyWhenItSaysSo) {
+  for (const char* status : {"Full", "Discharging", "Not charging", "Unknown", ""}) {
+    Supply("BAT0", "Battery", "100", status);
+    ASSERT_TRUE(readBattery(folder_.path(), info_));
+    EXPECT_FALSE(info_.isCharging) << status;
+  }
+}
+
+TEST_F(BatteryTest, IsTheFirstByName) {
+  Supply("b", "Battery", "20", "");
+  Supply("a", "Battery", "10", "");
+  Supply("c", "Battery", "30", "");
+  ASSERT_TRUE(readBattery(folder_.path(), info_));
+  EXPECT_EQ(10U, info_.percentage);
+}
+
+TEST_F(BatteryTest, NeverExceedsAHundredPercent) {
+  Supply("BAT0", "Battery", "104", "");
+  ASSERT_TRUE(readBattery(folder_.path(), info_));
+  EXPECT_EQ(100U, info_.percentage);
+}
+
+TEST_F(BatteryTest, FailsWithoutBatteryOrCapacity) {
+  EXPECT_FALSE(readBattery(folder_ / "missing", info_));
+  EXPECT_EQ(0U, info_.percentage);
+  EXPECT_FALSE(readBattery(folder_.path(), info_));
+  Supply("AC", "Mains", "50", "");
+  EXPECT_FALSE(readBattery(folder_.path(), info_));
+  Supply("BAT0", "Battery", "", "Charging");
+  EXPECT_FALSE(readBattery(folder_.path(), info_));
+  Supply("BAT0", "Battery", "lots", "Charging");
+  EXPECT_FALSE(readBattery(folder_.path(), info_));
+}
+
+}  // namespace
+}  // namespace kova::utils

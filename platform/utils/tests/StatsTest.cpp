@@ -1,0 +1,115 @@
+#include "kova/utils/Stats.h"
+
+#include <gtest/gtest.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+namespace kova::utils {
+namespace {
+
+struct Close {
+  void operator()(StatsLib* lib) const { CloseStatsLib(&lib); }
+};
+
+class StatsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    StatsLib* opened = nullptr;
+    ASSERT_EQ(0, InitializeStatsLib(&opened));
+    lib_.reset(opened);
+  }
+
+  std::unique_ptr<StatsLib, Close> lib_;
+};
+
+TEST_F(StatsTest, CloseLeavesNoHandleAndNoDescriptor) {
+  const auto countDescriptors = [] {
+    const std::filesystem::directory_iterator folder("/proc/self/fd");
+    return std::distance(begin(folder), end(folder));
+  };
+  const auto before = countDescriptors();
+  StatsLib* lib = nullptr;
+  ASSERT_EQ(0, InitializeStatsLib(&lib));
+  ASSERT_NE(nullptr, lib);
+  EXPECT_GT(countDescriptors(), before);
+  CloseStatsLib(&lib);
+  EXPECT_EQ(nullptr, lib);
+  EXPECT_EQ(before, countDescriptors());
+}
+
+TEST_F(StatsTest, MemoryAgreesWithTheKernel) {
+  struct sysinfo info {};
+  ASSERT_EQ(0, sysinfo(&info));
+  MemoryStats stats{};
+  ASSERT_EQ(0, GetMemoryStats(lib_.get(), &stats));
+  EXPECT_EQ(info.totalram * info.mem_unit / 1024U, stats.totalKb);
+  EXPECT_GT(stats.freeKb, 0U);
+  EXPECT_LE(stats.freeKb, stats.totalKb);
+}
+
+TEST_F(StatsTest, CpuReportsEveryProcessorWithinAHundredPercent) {
+  CpuStats stats{};
+  ASSERT_EQ(0, GetCpuStats(lib_.get(), &stats));
+  EXPECT_EQ(std::min(sysconf(_SC_NPROCESSORS_ONLN), 255L), stats.count);
+  for (int i = 0; i < stats.count; ++i) EXPECT_LE(stats.percent[i], 100U);
+}
+
+TEST_F(StatsTest, CpuInfoIsTheSameEachTime) {
+  CpuInfo first;
+  CpuInfo second;
+  ASSERT_EQ(0, GetCpuInfo(&first));
+  ASSERT_EQ(0, GetCpuInfo(&second));
+  EXPECT_EQ(first.processor, second.processor);
+  EXPECT_EQ(first.features, second.features);
+  EXPECT_FALSE(first.features.empty());
+}
+
+TEST_F(StatsTest, LoadAverageAgreesWithTheKernel) {
+  double expected[3] = {};
+  ASSERT_EQ(3, getloadavg(expected, 3));
+  LoadAverage load{};
+  ASSERT_EQ(0, GetLoadAverage(&load));
+  EXPECT_NEAR(expected[0], load.min01, 0.5);
+  EXPECT_NEAR(expected[1], load.min05, 0.5);
+  EXPECT_NEAR(expected[2], load.min15, 0.5);
+}
+
+TEST_F(StatsTest, UptimeAgreesWithTheKernel) {
+  struct sysinfo info {};
+  UptimeStats stats{};
+  ASSERT_EQ(0, GetUptimeStats(&stats));
+  ASSERT_EQ(0, sysinfo(&info));
+  EXPECT_NEAR(static_cast<double>(info.uptime), static_cast<double>(stats.sec), 2.0);
+}
+
+TEST_F(StatsTest, NetworkReportsNoLoopbackAndNoRatesAtFirst) {
+  NetworkStats stats{};
+  ASSERT_EQ(0, GetNetworkStats(lib_.get(), &stats));
+  for (int i = 0; i < stats.count; ++i) {
+    const NetworkInterfaceStats& interface = stats.interfaces[i];
+    EXPECT_NE("lo", interface.name);
+    EXPECT_TRUE(std::filesystem::exists("/sys/class/net/" + interface.name)) << interface.name;
+    EXPECT_EQ(0U, interface.upBps);
+    EXPECT_EQ(0U, interface.dnBps);
+  }
+}
+
+TEST_F(StatsTest, WiFiSucceedsAlsoWithoutAnyAndZeroesWhatItDoesNotReport) {
+  WiFiStats stats;
+  std::memset(static_cast<void*>(&stats), 0x5a, sizeof stats);
+  ASSERT_EQ(0, GetWiFiStats(&stats));
+  ASSERT_LE(stats.count, WiFiStats::kMax);
+  const WiFiInterfaceStats zeroed{};
+  for (std::size_t i = stats.count; i < stats.interfaces.size(); ++i) {
+    EXPECT_EQ(0, std::memcmp(&zeroed, &stats.interfaces[i], sizeof zeroed)) << i;
+  }
+}
+
+}  // namespace
+}  // namespace kova::utils

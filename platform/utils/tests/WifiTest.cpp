@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+#include <linux/nl80211.h>
+#include <netlink/attr.h>
+#include <netlink/genl/genl.h>
+#include <netlink/msg.h>
+#include <netlink/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+
+#include "Netlink.h"
+#include "StatsInternal.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::utils {
+namespace {
+
+constexpr int kFamily = 30;
+
+NlMessage answer(std::uint8_t command) {
+  NlMessage message(nlmsg_alloc());
+  genlmsg_put(message.get(), 0, 0, kFamily, 0, 0, command, 0);
+  return message;
+}
+
+NlMessage interfaceAnswer(std::uint32_t index, const char* name, std::uint32_t type) {
+  NlMessage message = answer(NL80211_CMD_NEW_INTERFACE);
+  nla_put_u32(message.get(), NL80211_ATTR_IFINDEX, index);
+  if (name != nullptr) nla_put_string(message.get(), NL80211_ATTR_IFNAME, name);
+  nla_put_u32(message.get(), NL80211_ATTR_IFTYPE, type);
+  return message;
+}
+
+TEST(DecodeInterface, ReadsIndexNameAndKind) {
+  const NlMessage message = interfaceAnswer(3, "wlan0", NL80211_IFTYPE_STATION);
+  WirelessInterface interface;
+  ASSERT_TRUE(decodeInterface(nlmsg_hdr(message.get()), interface));
+  EXPECT_EQ(3U, interface.index);
+  EXPECT_EQ("wlan0", interface.name);
+  EXPECT_TRUE(interface.isClient);
+}
+
+TEST(DecodeInterface, AnAccessPointIsNoClient) {
+  const NlMessage message = interfaceAnswer(4, "ap0", NL80211_IFTYPE_AP);
+  WirelessInterface interface;
+  ASSERT_TRUE(decodeInterface(nlmsg_hdr(message.get()), interface));
+  EXPECT_FALSE(interface.isClient);
+}
+
+TEST(DecodeInterface, SkipsADeviceWithoutAName) {
+  const NlMessage message = interfaceAnswer(0, nullptr, NL80211_IFTYPE_P2P_DEVICE);
+  WirelessInterface interface;
+  EXPECT_FALSE(decodeInterface(nlmsg_hdr(message.get()), interface));
+}
+
+TEST(DecodeSignal, ReadsASignedLevel) {
+  const NlMessage message = answer(NL80211_CMD_NEW_STATION);
+  nlattr* info = nla_nest_start(message.get(), NL80211_ATTR_STA_INFO);
+  nla_put_u8(message.get(), NL80211_STA_INFO_SIGNAL, static_cast<std::uint8_t>(-57));
+  nla_nest_end(message.get(), info);
+  std::int32_t dBm = 0;
+  ASSERT_TRUE(decodeSignal(nlmsg_hdr(message.get()), dBm));
+  EXPECT_EQ(-57, dBm);
+}
+
+TEST(DecodeSignal, LeavesTheLevelWhenThereIsNone) {
+  std::int32_t dBm = -100;
+  const NlMessage empty = answer(NL80211_CMD_NEW_STATION);
+  EXPECT_FALSE(decodeSignal(nlmsg_hdr(empty.get()), dBm));
+  const NlMessage nested = answer(NL80211_CMD_NEW_STATION);
+  nlattr* info = nla_nest_start(nested.get(), NL80211_ATTR_STA_INFO);
+  nla_put_u32(nested.get(), NL80211_STA_INFO_RX_BYTES, 1);
+  nla_nest_end(nested.get(), info);
+  EXPECT_FALSE(decodeSignal(nlmsg_hdr(nested.get()), dBm));
+  EXPECT_EQ(-100, dBm);
+}
+
+TEST(AddWiFiInterface, FillsAtMostEightAndLeavesTheSlotAfterThemZeroed) {
+  WiFiStats stats{};
+  for (int i = 0; i < 12; ++i) addWiFiInterface("wlan" + std::to_string(i), -60, stats);
+  EXPECT_EQ(8, stats.count);
+  EXPECT_STREQ("wlan7", stats.interfaces[7].name);
+  const WiFiInterfaceStats zeroed{};
+  EXPECT_EQ(0, std::memcmp(&zeroed, &stats.interfaces[8], sizeof zeroed));
+}
+
+TEST(AddWiFiInterface, CutsANameThatIsTooLong) {
+  WiFiStats stats{};
+  addWiFiInterface(std::string(100, 'w'), -60, stats);
+  EXPECT_EQ(std::string(31, 'w'), stats.interfaces[0].name);
+}
+
+TEST(AddWiFiInterface, DerivesTheLinkQualityFromTheLevel) {
+  WiFiStats stats{};
+  addWiFiInterface("a", -60, stats);
+  addWiFiInterface("b", -20, stats);
+  addWiFiInterface("c", -200, stats);
+  EXPECT_EQ(50, stats.interfaces[0].linkQuality);
+  EXPECT_EQ(70, stats.interfaces[1].linkQuality);
+  EXPECT_EQ(0, stats.interfaces[2].linkQuality);
+}
+
+TEST(ParseWireless, ReadsTheLevelWithAndWithoutItsDot) {
+  WiFiStats stats{};
+  parseWireless(
+      "Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n"
+      " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n"
+      " wlan0: 0000   54.  -56.  -256        0      0      0      0      0        0\n"
+      " wlan1: 0000   30   -80   -256        0      0      0      0      0        0\n"
+      "broken line\n",
+      stats);
+  ASSERT_EQ(2, stats.count);
+  EXPECT_STREQ("wlan0", stats.interfaces[0].name);
+  EXPECT_EQ(-56, stats.interfaces[0].signalDbm);
+  EXPECT_EQ(-80, stats.interfaces[1].signalDbm);
+}
+
+TEST(NetlinkTest, FindsAFamilyThatEveryKernelHas) {
+  Netlink netlink(nowMs() + 5000);
+  EXPECT_EQ(GENL_ID_CTRL, netlink.Family("nlctrl"));
+}
+
+TEST(NetlinkTest, ListsAllFamilies) {
+  Netlink netlink(nowMs() + 5000);
+  int families = 0;
+  const NlMessage request = Netlink::Dump(GENL_ID_CTRL, CTRL_CMD_GETFAMILY);
+  EXPECT_TRUE(netlink.Ask(request.get(), [&families](nlmsghdr*) { ++families; }));
+  EXPECT_GT(families, 0);
+}
+
+TEST(NetlinkTest, ARefusalClosesTheConnection) {
+  Netlink netlink(nowMs() + 5000);
+  EXPECT_EQ(-1, netlink.Family("no_such_family"));
+  EXPECT_EQ(-1, netlink.Family("nlctrl"));
+}
+
+TEST(NetlinkTest, GivesUpAtTheDeadlineWhenNoAnswerComes) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root may address a peer other than the kernel";
+  const NlSocket mute(nl_socket_alloc());
+  ASSERT_EQ(0, genl_connect(mute.get()));
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = nl_socket_get_local_port(mute.get());
+  const NlMessage request = answer(0);
+  nlmsg_set_dst(request.get(), &address);
+
+  const std::uint64_t before = nowMs();
+  Netlink netlink(before + 50);
+  EXPECT_FALSE(netlink.Ask(request.get(), [](nlmsghdr*) {}));
+  EXPECT_GE(nowMs() - before, 50U);
+  EXPECT_LT(nowMs() - before, 5000U);
+}
+
+}  // namespace
+}  // namespace kova::utils
