@@ -2,6 +2,12 @@
 
 #include "Persistence.h"
 #include "ResetButtonsReactor.h"
+#include "TransferService.h"
+#include "TransferTaskFirmware.h"
+#include "TransferTaskSound.h"
+#include "TransferTaskSupport.h"
+#include "TransferTaskUserLogo.h"
+#include "TransferTaskWhitelist.h"
 #include "kova/gpio/Button.h"
 #include "kova/ipc/Ipc.h"
 #include "kova/messages/Requests.h"
@@ -77,7 +83,16 @@ class CtlServer {
   bool startService(ipc::messages::StartService& request);
   bool stopService(ipc::messages::StopService& request);
 
+  /// Start the transfer that the request asks for. The requester learns the outcome from the events
+  /// that the transfer's task sends; a request that is refused here is answered by a log line only.
+  /// @return whether the task was started, or the file to put is installed already
+  bool getRequest(ipc::messages::GetRequest& request);
+  bool putRequest(ipc::messages::PutRequest& request);
+  bool updateFirmware(ipc::messages::UpdateFirmwareRequest& request);
+
  private:
+  void configureWhitelists();
+  bool isDuplicate(const char* operation, const std::string& what, const std::string& uri) const;
   bool readMemory(variant::Variant& reply);
   bool readCpu(variant::Variant& reply);
   bool readNetwork(variant::Variant& reply);
@@ -86,6 +101,14 @@ class CtlServer {
   ipc::Ipc* ipc_ = nullptr;
   Persistence persistence_;
   utils::StatsLib* statsHandle_ = nullptr;
+  TransferService transferService_;
+  TransferTaskFirmware firmwareTask_;
+  TransferTaskSupport supportTask_;
+  TransferTaskWhitelist snapshotTask_;
+  TransferTaskWhitelist eventSnapshotTask_;
+  TransferTaskWhitelist eventHeatmapTask_;
+  TransferTaskUserLogo userLogoTask_;
+  TransferTaskSound soundTask_;
   gpio::ResetButtonCase resetButton_;
   ResetButtonsReactor resetReactor_;
 };

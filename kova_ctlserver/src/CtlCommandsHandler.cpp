@@ -79,6 +79,19 @@ const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
        return call.as<ChangeDeviceSettings>(
            [&](auto& message) { return call.server.updateSettings(message, call.payload); });
      }},
+    {UpdateFirmwareRequest::kName, Answer::Never,
+     [](Call& call) {
+       return call.as<UpdateFirmwareRequest>(
+           [&](auto& message) { return call.server.updateFirmware(message); });
+     }},
+    {GetRequest::kName, Answer::Never,
+     [](Call& call) {
+       return call.as<GetRequest>([&](auto& message) { return call.server.getRequest(message); });
+     }},
+    {PutRequest::kName, Answer::Never,
+     [](Call& call) {
+       return call.as<PutRequest>([&](auto& message) { return call.server.putRequest(message); });
+     }},
     {"ResetDeviceSettings", Answer::WhenExpected,
      [](Call& call) {
        return call.untyped([&] { return call.server.resetSettings(call.payload); });

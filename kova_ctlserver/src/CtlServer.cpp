@@ -17,7 +17,8 @@ constexpr int kButtonIntervalMs = 100;
 
 }  // namespace
 
-CtlServer::CtlServer(variant::CameraInfo& cameraInfo) : cameraInfo_(cameraInfo) {}
+CtlServer::CtlServer(variant::CameraInfo& cameraInfo)
+    : cameraInfo_(cameraInfo), userLogoTask_(persistence_), soundTask_(persistence_) {}
 
 CtlServer::~CtlServer() {
   if (statsHandle_ != nullptr) {
@@ -30,6 +31,11 @@ bool CtlServer::init(ipc::Ipc* ipc) {
     KOVA_LOG(LOG_ERR, 0, "Failed to initialize system statistics engine, res=%d", res);
     return false;
   }
+  if (!transferService_.init()) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to initialize transfer service");
+    return false;
+  }
+  configureWhitelists();
   ipc_ = ipc;
   resetReactor_.init("case", &cameraInfo_, ipc, this);
   if (!resetButton_.init(&cameraInfo_, &resetReactor_, kButtonIntervalMs)) {
@@ -39,9 +45,30 @@ bool CtlServer::init(ipc::Ipc* ipc) {
   return true;
 }
 
-bool CtlServer::service(unsigned) {
+void CtlServer::configureWhitelists() {
+  snapshotTask_.setPrefix("/tmp/snap.jpeg")
+      .setSuffix("")
+      .setName("snapshot")
+      .setPath("/tmp/snap.jpeg")
+      .setMaxSz(200000)
+      .setTimeout(90000);
+  eventSnapshotTask_.setPrefix("/tmp/motionsnap_")
+      .setSuffix(".jpg")
+      .setName("eventSnapshot")
+      .setMaxSz(200000)
+      .setTimeout(90000);
+  eventHeatmapTask_.setPrefix("/tmp/heatmap_")
+      .setSuffix(".png")
+      .setName("eventHeatmap")
+      .setMaxSz(65536);
+}
+
+bool CtlServer::service(unsigned timeoutMs) {
   if (!persistence_.service()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to persist");
+  }
+  if (!transferService_.service(timeoutMs)) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to service transfers");
   }
   if (!resetButton_.service()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to service reset button case");

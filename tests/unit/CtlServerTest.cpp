@@ -76,6 +76,7 @@ TEST_F(CtlServerTest, APendingSaveIsWrittenLastWhenTheServerGoes) {
 
 TEST_F(CtlServerTest, ServiceReportsAFailingSaveAndGoesOn) {
   CtlServer server(info_);
+  ASSERT_TRUE(server.init(nullptr));
   fail(kSave);
   server.persist(false);
   platform().nowMs += 5001;

@@ -1,0 +1,115 @@
+#include "TransferTaskFirmware.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "kova/ipc/Ipc.h"
+#include "kova/logger/Logger.h"
+#include "kova/messages/Events.h"
+#include "kova/utils/Process.h"
+#include "kova/variant/Variant.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using variant::Variant;
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "TransferTaskFirmware";
+constexpr char kOnSuccess[] = "onSuccess";
+
+constexpr char kImage[] = "/tmp/fwupdate.bin";
+constexpr char kChecker[] = "/bin/fwupdate.real";
+constexpr char kFlasher[] = "/bin/fwupdate";
+constexpr std::uint32_t kMaxSz = 52428800;
+constexpr std::uint32_t kTimeoutMs = 600000;
+constexpr std::uint32_t kTimeoutMsWhenNotGiven = 1800000;
+constexpr unsigned kCheckerOutputKiB = 128;
+
+}  // namespace
+
+TransferTaskFirmware::TransferTaskFirmware() {
+  setName("fw");
+  setKind(true);
+  setPath(kImage);
+  setMaxSz(kMaxSz);
+  setTimeout(kTimeoutMs);
+}
+
+bool TransferTaskFirmware::onCheck() {
+  if (timeout() == 0) {
+    setTimeout(kTimeoutMsWhenNotGiven);
+  }
+  return true;
+}
+
+bool TransferTaskFirmware::onStart() {
+  unlink(kImage);
+  return true;
+}
+
+void TransferTaskFirmware::onFailure(TransferStatus status, int /*httpCode*/) {
+  notifyStatus(decodeTransferStatus(status));
+  unlink(kImage);
+}
+
+void TransferTaskFirmware::onSuccess(bool& done) {
+  done = true;
+  if (verify()) {
+    flash();
+  }
+}
+
+/// A checker that writes to standard error rejects the image, whatever its exit status.
+bool TransferTaskFirmware::verify() {
+  std::string out;
+  std::string err;
+  const int status = utils::sysExec(kChecker, {"-c"}, "", out, err, 0, 0, kCheckerOutputKiB);
+  if (status == 0 && err.empty()) {
+    return true;
+  }
+  KOVA_LOG_IN(kOnSuccess, LOG_WARNING, 0, "Firmware validation failed, uri=%s, status=%s",
+              uri().c_str(), err.c_str());
+  reportRejection(out);
+  return false;
+}
+
+void TransferTaskFirmware::reportRejection(const std::string& checkerOutput) {
+  Variant report;
+  if (checkerOutput.empty() || Variant::FromJSON(checkerOutput, report) < 0) {
+    KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Parse fwupdate output message failed (%s)",
+                checkerOutput.c_str());
+    return notifyStatus("FW_CHECK_FAILED");
+  }
+  const Variant* reason = report.GetKeyChain(variant::VariantClass::String, {"reason"});
+  const bool wrongHardware = reason != nullptr && reason->ToText() == "FW_CHECK_INCOMPAT_HW";
+  notifyStatus(wrongHardware ? "FW_CHECK_INCOMPAT_HW" : "FW_CHECK_FAILED");
+}
+
+void TransferTaskFirmware::flash() {
+  if (utils::sysExecSimple(kFlasher, "-m") == 0) {
+    KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Firmware update downloaded from uri=%s", uri().c_str());
+    return;
+  }
+  KOVA_LOG_IN(kOnSuccess, LOG_WARNING, errno, "Firmware flash failed, uri=%s", uri().c_str());
+  notifyStatus("FW_FLASH_FAILED");
+}
+
+void TransferTaskFirmware::notifyStatus(const std::string& reason) {
+  ipc::Ipc* ipc = ipc::Ipc::GetInstance();
+  if (ipc == nullptr) {
+    KOVA_LOG(LOG_ERR, 0, "pIpc is NULL");
+    return;
+  }
+  ipc::messages::EventUpdateFirmwareFailure event;
+  event.to(ipcOrigin());
+  event.requestId(ipcRequestId());
+  event.reason(reason);
+  event.NormalizeFields();
+  if (!ipc->SendRequest(event)) {
+    KOVA_LOG(LOG_WARNING, 0, "Failed to send transfer failure notification");
+  }
+}
+
+}  // namespace kova::ctlserver

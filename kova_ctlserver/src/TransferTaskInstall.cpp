@@ -1,0 +1,110 @@
+#include "TransferTaskInstall.h"
+
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+
+#include "Persistence.h"
+#include "kova/logger/Logger.h"
+#include "kova/messages/Fields.h"
+#include "kova/utils/File.h"
+#include "md5sum.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr std::uint32_t kTimeoutMs = 20000;
+
+bool writeText(const char* path, const std::string& text) {
+  utils::File file;
+  return file.Initialize(path, utils::FILE_OPEN_MODE_TRUNCATE, 0) && file.WriteString(text) &&
+         file.Close();
+}
+
+}  // namespace
+
+TransferTaskInstall::TransferTaskInstall(const Kind& kind, Persistence& persistence)
+    : kind_(kind), persistence_(persistence) {
+  setName(kind.name);
+  setKind(true);
+  setPath(kind.download);
+  setTimeout(kTimeoutMs);
+  setMaxSz(kind.maxSz);
+}
+
+BaseTransferTask& TransferTaskInstall::setHash(const std::string& hash) {
+  hash_ = hash;
+  return *this;
+}
+
+bool TransferTaskInstall::isInstalled(const Kind& kind, const std::string& hash) {
+  std::string installed;
+  return utils::fileExists(kind.installedChecksum, true) &&
+         utils::File::ReadStringAll(kind.installedChecksum, installed) && installed == hash;
+}
+
+bool TransferTaskInstall::onCheck() {
+  if (hash_.empty() || hash_ == ipc::messages::kUninitialized) {
+    const char* const kLogUnit = kind_.unit;
+    KOVA_LOG(LOG_ERR, 0, "Hash must be set");
+    return false;
+  }
+  return true;
+}
+
+bool TransferTaskInstall::onStart() {
+  unlinkTemps();
+  return true;
+}
+
+void TransferTaskInstall::onFailure(TransferStatus status, int /*httpCode*/) {
+  notifyStatus(decodeTransferStatus(status));
+  unlinkTemps();
+}
+
+void TransferTaskInstall::onSuccess(bool& done) {
+  const char* const kLogUnit = kind_.unit;
+  done = true;
+  std::string digest;
+  if (!md5sum(path(), digest) || digest != hash_) {
+    KOVA_LOG(LOG_WARNING, errno, "%s checksum error, uri=%s, provided=%s, calculated=%s",
+             kind_.subject, uri().c_str(), hash_.c_str(), digest.c_str());
+    return refuse("VALIDATION_FAILED");
+  }
+  if (!validate()) {
+    return refuse("VALIDATION_FAILED");
+  }
+  if (!install(digest)) {
+    const int reason = errno;
+    std::string subject = kind_.subject;
+    subject[0] = static_cast<char>(std::tolower(subject[0]));
+    KOVA_LOG(LOG_WARNING, reason, "Failed to persist %s, uri=%s", subject.c_str(), uri().c_str());
+    return refuse("DISK_IO_FAILED");
+  }
+  notifyStatus("OK");
+}
+
+/// A file that was moved into place already stays there when a later step fails.
+bool TransferTaskInstall::install(const std::string& digest) {
+  if (!writeText(kind_.checksum, digest) || std::rename(kind_.download, kind_.installed) != 0 ||
+      std::rename(kind_.checksum, kind_.installedChecksum) != 0) {
+    return false;
+  }
+  persistence_.persist(true);
+  return utils::fileExists(kind_.installed, true);
+}
+
+void TransferTaskInstall::unlinkTemps() {
+  unlink(kind_.download);
+  unlink(kind_.checksum);
+}
+
+void TransferTaskInstall::refuse(const char* status) {
+  unlinkTemps();
+  notifyStatus(status);
+}
+
+}  // namespace kova::ctlserver

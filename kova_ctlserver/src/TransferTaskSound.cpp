@@ -1,0 +1,50 @@
+#include "TransferTaskSound.h"
+
+#include <cerrno>
+
+#include "kova/logger/Logger.h"
+#include "kova/utils/Wav.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "TransferTaskSound";
+constexpr unsigned short kChannels = 1;
+constexpr unsigned kSampleRate = 11025;
+
+}  // namespace
+
+const TransferTaskInstall::Kind TransferTaskSound::kSound = {
+    .unit = kLogUnit,
+    .subject = "Sound",
+    .name = "user_sound",
+    .download = "/tmp/user_sound",
+    .checksum = "/tmp/user_sound.md5",
+    .installed = "/etc/persistent/user_sound",
+    .installedChecksum = "/etc/persistent/user_sound.md5",
+    .maxSz = 262144,
+};
+
+TransferTaskSound::TransferTaskSound(Persistence& persistence)
+    : TransferTaskInstall(kSound, persistence) {}
+
+bool TransferTaskSound::checkNoTransferNeeded(const std::string& hash) {
+  return isInstalled(kSound, hash);
+}
+
+bool TransferTaskSound::validate() {
+  unsigned short channels = 0;
+  unsigned int sampleRate = 0;
+  unsigned int dataSize = 0;
+  if (utils::readWavHeader(path(), channels, sampleRate, dataSize) && channels == kChannels &&
+      sampleRate == kSampleRate) {
+    return true;
+  }
+  KOVA_LOG_IN("onSuccess", LOG_WARNING, errno,
+              "Sound validation failed, uri=%s, samplerate=%d, datasz=%d", uri().c_str(),
+              static_cast<int>(sampleRate), static_cast<int>(dataSize));
+  return false;
+}
+
+}  // namespace kova::ctlserver

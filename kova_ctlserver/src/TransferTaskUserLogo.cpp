@@ -1,0 +1,52 @@
+#include "TransferTaskUserLogo.h"
+
+#include <cerrno>
+
+#include "ImageProbe.h"
+#include "kova/logger/Logger.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "TransferTaskUserLogo";
+constexpr int kMaxPixels = 1024;
+
+bool isSize(int pixels) {
+  return pixels >= 1 && pixels <= kMaxPixels;
+}
+
+}  // namespace
+
+const TransferTaskInstall::Kind TransferTaskUserLogo::kLogo = {
+    .unit = kLogUnit,
+    .subject = "Logo",
+    .name = "user_logo",
+    .download = "/tmp/user_logo",
+    .checksum = "/tmp/user_logo.md5",
+    .installed = "/etc/persistent/user_logo",
+    .installedChecksum = "/etc/persistent/user_logo.md5",
+    .maxSz = 131072,
+};
+
+TransferTaskUserLogo::TransferTaskUserLogo(Persistence& persistence)
+    : TransferTaskInstall(kLogo, persistence) {}
+
+bool TransferTaskUserLogo::checkNoTransferNeeded(const std::string& hash) {
+  return isInstalled(kLogo, hash);
+}
+
+bool TransferTaskUserLogo::validate() {
+  const ImageFigures image = probeImage(path());
+  if (!image.empty && image.channels == 1 && image.depth == 0 && isSize(image.height) &&
+      isSize(image.width)) {
+    return true;
+  }
+  KOVA_LOG_IN("onSuccess", LOG_WARNING, errno,
+              "Logo validation failed, uri=%s, empty=%d, nCh=%d, depth=%d, width=%d, height=%d",
+              uri().c_str(), image.empty ? 1 : 0, image.channels, image.depth, image.width,
+              image.height);
+  return false;
+}
+
+}  // namespace kova::ctlserver

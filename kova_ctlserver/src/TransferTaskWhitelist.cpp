@@ -1,0 +1,79 @@
+#include "TransferTaskWhitelist.h"
+
+#include "kova/logger/Logger.h"
+#include "kova/utils/File.h"
+#include "kova/utils/Strings.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "TransferTaskWhitelist";
+constexpr std::uint32_t kTimeoutMs = 20000;
+
+}  // namespace
+
+TransferTaskWhitelist::TransferTaskWhitelist() {
+  setKind(false);
+  setTimeout(kTimeoutMs);
+}
+
+TransferTaskWhitelist& TransferTaskWhitelist::setPrefix(const std::string& prefix) {
+  prefix_ = prefix;
+  prefixLength_ = prefix.size();
+  return *this;
+}
+
+TransferTaskWhitelist& TransferTaskWhitelist::setSuffix(const std::string& suffix) {
+  suffix_ = suffix;
+  return *this;
+}
+
+void TransferTaskWhitelist::setWaitRename(bool waitRename) {
+  waitRename_ = waitRename;
+}
+
+bool TransferTaskWhitelist::validate(const std::string& path) const {
+  if (prefix_.empty() && suffix_.empty()) {
+    return true;
+  }
+  if (!utils::startsWith(path, prefix_)) {
+    return false;
+  }
+  const std::size_t digitsEnd = path.find_first_not_of("0123456789", prefixLength_);
+  const std::string rest = digitsEnd == std::string::npos ? "" : path.substr(digitsEnd);
+  return rest == suffix_;
+}
+
+bool TransferTaskWhitelist::onCheck() {
+  if (!validate(path())) {
+    KOVA_LOG(LOG_ERR, 0, "Path not on whitelist for name=%s, path=%s", name().c_str(),
+             path().c_str());
+    return false;
+  }
+  return true;
+}
+
+bool TransferTaskWhitelist::onStart() {
+  return true;
+}
+
+void TransferTaskWhitelist::onPrepare(bool& ready, std::string& uploadPath) {
+  if (!waitRename_) {
+    ready = true;
+    uploadPath = path();
+    return;
+  }
+  uploadPath = path() + ".out";
+  ready = utils::copyFile(path().c_str(), uploadPath.c_str());
+}
+
+void TransferTaskWhitelist::onSuccess(bool& done) {
+  done = true;
+}
+
+void TransferTaskWhitelist::onFailure(TransferStatus status, int /*httpCode*/) {
+  notifyStatus(decodeTransferStatus(status));
+}
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,75 @@
+// The incremental MD5 calls are marked as deprecated in OpenSSL 3; the digest is no secret here,
+// and the calls need no provider to be loaded.
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include "md5sum.h"
+
+#include <openssl/md5.h>
+
+#include <algorithm>
+#include <array>
+
+#include "kova/logger/Logger.h"
+#include "kova/utils/File.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "md5sum";
+constexpr char kOperation[] = "md5sum";
+constexpr std::uint64_t kChunk = 16384;
+
+bool digestContent(const std::string& path, utils::File& file, MD5_CTX& context) {
+  std::array<unsigned char, kChunk> buffer;
+  while (!file.IsEOF()) {
+    const std::uint64_t before = file.Cursor();
+    if (!file.ReadBuffer(buffer.data(), std::min(file.Size() - before, kChunk))) {
+      KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to read from %s", path.c_str());
+      return false;
+    }
+    const std::uint64_t count = file.Cursor() - before;
+    if (MD5_Update(&context, buffer.data(), count) != 1) {
+      KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to compute md5 of %s at cursor %d, sz=%d",
+                  path.c_str(), static_cast<int>(before), static_cast<int>(count));
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string hexadecimal(const std::array<unsigned char, MD5_DIGEST_LENGTH>& digest) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const unsigned char byte : digest) {
+    text.push_back(kDigits[byte >> 4U]);
+    text.push_back(kDigits[byte & 0xFU]);
+  }
+  return text;
+}
+
+}  // namespace
+
+bool md5sum(const std::string& path, std::string& out) {
+  MD5_CTX context;
+  if (MD5_Init(&context) != 1) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to initialize md5");
+    return false;
+  }
+  utils::File file;
+  if (!file.Initialize(path, utils::FILE_OPEN_MODE_READ, 0)) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to open %s", path.c_str());
+    return false;
+  }
+  if (!digestContent(path, file, context)) {
+    return false;
+  }
+  std::array<unsigned char, MD5_DIGEST_LENGTH> digest;
+  if (MD5_Final(digest.data(), &context) != 1) {
+    KOVA_LOG(LOG_ERR, 0, "Failed to compute md5 of %s", path.c_str());
+    return false;
+  }
+  out = hexadecimal(digest);
+  return true;
+}
+
+}  // namespace kova::ctlserver
