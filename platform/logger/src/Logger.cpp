@@ -28,7 +28,7 @@ std::string escapeControls(const char* text) {
   return escaped;
 }
 
-std::string formatText(const char* format, va_list arguments) {
+[[gnu::format(printf, 1, 0)]] std::string formatText(const char* format, va_list arguments) {
   std::string text(kMaxText + 1, '\0');
   const int needed = std::vsnprintf(text.data(), text.size(), format, arguments);
   if (needed < 0) {
