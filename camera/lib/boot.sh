@@ -1,0 +1,62 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
+# What the hardware and the boot loader do before the first process runs: the RAM file systems are empty, the
+# configuration comes from flash or from the factory.
+
+prepare_ram() {
+  local folder
+  for folder in etc tmp run; do
+    rm -rf --one-file-system -- "${root:?}/$folder"
+    mkdir -p "$root/$folder"
+  done
+  chmod 1777 "$root/tmp"
+  restore_configuration
+  fill_run "$1"
+  if [ "$1" = chroot ]; then make_devices; fi
+}
+
+restore_configuration() {
+  local source=$root/usr/share/factory/etc
+  if [ -e "$flash/etc" ]; then source=$flash/etc; fi
+  cp -a "$source/." "$root/etc/"
+}
+
+fill_run() {
+  mkdir -p "$root"/run/{kova,sv,tools,gpio/reset_button}
+  echo 1 >"$root/run/gpio/reset_button/value"
+  cat /etc/resolv.conf >"$root/run/resolv.conf" 2>/dev/null || true
+  ln "$control" "$root/run/initctl"
+  count_boot
+  firmware_version >"$root/run/firmware_version"
+  if [ "$1" != chroot ]; then : >"$root/run/private_hostname"; fi
+}
+
+count_boot() {
+  local boots=0
+  if [ -e "$flash/boots" ]; then boots=$(<"$flash/boots"); fi
+  echo $((boots + 1)) | write_atomically "$flash/boots"
+  cp "$flash/boots" "$root/run/boot_count"
+}
+
+firmware_version() {
+  if [ -e "$flash/firmware.bin" ]; then
+    head -c 512 "$flash/firmware.bin" | sed -n 's/^version=//p'
+  else
+    cat "$root/usr/share/kova/version"
+  fi
+}
+
+make_devices() {
+  rm -rf --one-file-system -- "${root:?}/dev" "${root:?}/proc"
+  mkdir -p "$root/dev/shm" "$root/proc"
+  chmod 1777 "$root/dev/shm"
+  local name numbers
+  while read -r name numbers; do
+    # shellcheck disable=SC2086  # two numbers
+    mknod -m 666 "$root/dev/$name" c $numbers
+  done <<<'null 1 3
+zero 1 5
+full 1 7
+random 1 8
+urandom 1 9
+tty 5 0'
+}

@@ -1,0 +1,68 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
+# Which files of the host and of the build a camera is made of, besides its own skeleton.
+
+# Programs of the host, by name; they appear in /usr/bin.
+readonly HOST_PROGRAMS=(dbus-daemon busctl runsvdir runsv sv chpst setpriv)
+readonly OPTIONAL_HOST_PROGRAMS=(dbus-send dbus-monitor strace)
+# Loaded by name at run time, so that ldd(1) does not show it: glibc's backtrace and thread cancellation.
+readonly RUNTIME_LIBRARIES=(libgcc_s.so.1)
+
+# busybox_path: where BusyBox lies, on the host as in the camera.
+busybox_path() { readlink -f "$(command -v busybox || echo /nonexistent/busybox)"; }
+
+# built_program NAME: prints the path of a program of this project, nothing when it is not built.
+built_program() { find "$build" -maxdepth 4 -name "$1" -type f -perm -u+x -print -quit; }
+
+# list_programs: prints "source<TAB>path in the camera" of every program.
+list_programs() {
+  local name path
+  for name in "${HOST_PROGRAMS[@]}"; do
+    path=$(command -v "$name") || die "the program $name is not installed"
+    printf '%s\t/usr/bin/%s\n' "$(readlink -f "$path")" "$name"
+  done
+  for name in "${OPTIONAL_HOST_PROGRAMS[@]}"; do
+    ! path=$(command -v "$name") || printf '%s\t/usr/bin/%s\n' "$(readlink -f "$path")" "$name"
+  done
+  path=$(busybox_path)
+  [ -x "$path" ] || die "the program busybox is not installed"
+  printf '%s\t%s\n' "$path" "$path"
+  list_built_programs
+}
+
+list_built_programs() {
+  local name path
+  for name in kova_ctlserver kovactl; do
+    path=$(built_program "$name")
+    [ -n "$path" ] || die "$name is not built in \"$build\" (./dev build; KOVA_BUILD names the folder)"
+    printf '%s\t/usr/bin/%s\n' "$path" "$name"
+  done
+  path=$(built_program kova_imageprobe)
+  [ -z "$path" ] || printf '%s\t/usr/libexec/kova_imageprobe\n' "$path"
+}
+
+# list_libraries PROGRAM...: prints "source<TAB>path" of the shared libraries and the loader that they need.
+list_libraries() {
+  local path name
+  {
+    ldd "$@" 2>/dev/null | sed -nE 's,^[[:space:]]*(.* => )?(/[^ ]+) \(0x.*,\2,p'
+    for name in "${RUNTIME_LIBRARIES[@]}"; do
+      ldconfig_path "$name"
+    done
+  } | sort -u | while read -r path; do
+    printf '%s\t%s\n' "$(readlink -f "$path")" "$path"
+  done
+}
+
+ldconfig_path() { PATH=$PATH:/sbin:/usr/sbin ldconfig -p | sed -n "s,^[[:space:]]*$1 .* => ,,p" | head -n 1; }
+
+# write_manifest: stores the list of the camera's foreign files.
+write_manifest() {
+  local programs paths
+  programs=$(list_programs)
+  mapfile -t paths < <(cut -f 1 <<<"$programs")
+  {
+    printf '%s\n' "$programs"
+    list_libraries "${paths[@]}"
+    printf '/usr/share/zoneinfo\t/usr/share/zoneinfo\n'
+  } | write_atomically "$manifest"
+}

@@ -1,0 +1,119 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
+# Builds what is the camera's firmware: everything in DIR/root that neither RAM nor flash holds.
+
+# BusyBox has these too, but the camera must not reach them: they act on the host, or hide a device tool.
+readonly UNWANTED_APPLETS=(reboot halt poweroff init linuxrc setpriv)
+
+# build_root MODE INFO: INFO is a device description to use from now on, or "".
+build_root() {
+  remove_firmware
+  make_folders
+  place_flash "$1"
+  install_skeleton
+  install_tools
+  install_info "$2"
+  install_factory_default
+  write_manifest
+  make_manifest_folders
+  install_applets
+  if [ "$1" = chroot ]; then copy_manifest; fi
+}
+
+remove_firmware() { rm -rf --one-file-system -- "${root:?}"/{bin,sbin,usr,lib,lib32,lib64}; }
+
+make_folders() {
+  mkdir -p "$root"/{bin,sbin,dev,proc,sys,etc,tmp,run,mnt/flash,var/log,usr/{bin,sbin,lib,libexec,share/{kova,factory}}}
+  # Where the host keeps its libraries decides where programs look for them.
+  local name
+  for name in lib lib32 lib64; do
+    if [ -L "/$name" ]; then
+      mkdir -p "$root/usr/$name"
+      ln -sfn "usr/$name" "$root/$name"
+    fi
+  done
+  ln -sfn ../run "$root/var/run"
+}
+
+# The camera sees its flash as /mnt/flash. In namespaces DIR/flash is mounted there; without, it has to lie there, and
+# DIR/flash leads to it.
+place_flash() {
+  local seen=$root/mnt/flash
+  if [ "$1" != chroot ]; then
+    if [ -L "$flash" ]; then
+      rm "$flash"
+      mv -T "$seen" "$flash"
+    fi
+    mkdir -p "$flash" "$seen"
+  elif [ ! -L "$flash" ]; then
+    if [ -d "$flash" ]; then
+      rmdir "$seen"
+      mv -T "$flash" "$seen"
+    fi
+    ln -s root/mnt/flash "$flash"
+  fi
+}
+
+install_skeleton() {
+  cp -a "$CAMERA_HOME/rootfs/sbin/." "$root/sbin/"
+  cp -a "$CAMERA_HOME/rootfs/usr/." "$root/usr/"
+  cp "$CAMERA_HOME/../packaging/dbus/kova-bus.conf" "$root/usr/share/kova/kova-bus.conf"
+}
+
+install_tools() {
+  local tools=$CAMERA_HOME/tools
+  cp "$tools"/{cfgmtd,fwupdate,fwupdate.real,support,kova_cmd_apply_camera_name.sh} "$root/bin/"
+  cp "$tools"/{reboot,fw_setenv,fw_printenv} "$root/usr/bin/"
+  cp "$tools"/lib/*.sh "$root/usr/share/kova/"
+}
+
+# The description stays the camera's own over stop and start, as the model of a real one does.
+install_info() {
+  local kept=$state/camera_info.json
+  if [ -n "$1" ]; then write_atomically "$kept" <"$1"; fi
+  if [ -e "$kept" ]; then cp "$kept" "$root/usr/share/kova/camera_info.json"; fi
+}
+
+# The factory's /etc: the skeleton with the model's name, and each service with its log and its notice of an end.
+install_factory_default() {
+  local factory=$root/usr/share/factory/etc name service
+  cp -a "$CAMERA_HOME/rootfs/etc" "$root/usr/share/factory/"
+  name=$(sed -nE 's/.*"name"[[:space:]]*:[[:space:]]*"([^"\\]*)".*/\1/p' "$root/usr/share/kova/camera_info.json")
+  printf 'resolv.host.1.name=%s\n' "${name%%$'\n'*}" >>"$factory/system.cfg"
+  mkdir -p "$factory/service" "$factory/persistent"
+  for service in "$factory"/sv/*; do
+    complete_service "$service"
+    ln -s "../sv/${service##*/}" "$factory/service/${service##*/}"
+  done
+}
+
+# runsv(8) keeps its state in "supervise": that belongs into RAM, not into a configuration that is saved.
+complete_service() {
+  local name=${1##*/}
+  ln -s "/run/sv/$name" "$1/supervise"
+  ln -s /usr/share/kova/service_finish "$1/finish"
+  [ "$name" != syslogd ] || return 0
+  mkdir "$1/log"
+  ln -s /usr/share/kova/service_log "$1/log/run"
+  ln -s "/run/sv/$name.log" "$1/log/supervise"
+}
+
+install_applets() {
+  local applet
+  busybox --install -s "$root/bin"
+  for applet in "${UNWANTED_APPLETS[@]}"; do rm -f "$root/bin/$applet"; done
+}
+
+# Bubblewrap would make missing ones for root only.
+make_manifest_folders() {
+  local folders
+  mapfile -t folders < <(cut -f 2 "$manifest" | sed "s,/[^/]*\$,," | sort -u)
+  mkdir -p "${folders[@]/#/$root}"
+}
+
+# A copy, never a hard link: what runs in the camera as root could write through a link into the host's file.
+copy_manifest() {
+  local source target
+  while IFS=$'\t' read -r source target; do
+    cp -a --reflink=auto -T -- "$source" "$root$target"
+  done <"$manifest"
+}

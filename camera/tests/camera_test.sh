@@ -1,0 +1,250 @@
+#!/usr/bin/env bash
+# camera_test.sh namespaces|user|chroot: boots virtual cameras and holds them to what they promise, in one way of making
+# a private root. Exit status 77: that way is not open here. KOVA_BUILD names the folder of the programs.
+set -euo pipefail
+
+here=$(dirname "$(readlink -f "$0")")
+camera=$here/../camera
+# shellcheck source=camera/tests/harness.sh
+. "$here/harness.sh"
+
+boots() {
+  expect "start returns once kova_ctlserver owns its name" cam start "$one"
+  expect "the daemon is there at once" inside busctl --address=unix:path=/run/kova/bus \
+    call kova.kova_ctlserver / org.freedesktop.DBus.Peer Ping
+  expect_not "a running camera is not started again" cam start "$one"
+  expect "the socket is where a process of the host looks for it" test -S "$one/root/run/kova/bus"
+  if [ -z "$caller" ]; then
+    expect "a process of the host can use the bus" busctl --address="unix:path=$one/root/run/kova/bus" \
+      call kova.kova_ctlserver / org.freedesktop.DBus.Peer Ping
+  fi
+}
+
+stands_on_factory_settings() {
+  local hash
+  hash=$(cut -d : -f 2 "$one/root/etc/passwd")
+  expect "passwd is one line, of the administrator" \
+    grep -qx "admin:[^:]*:0:0:Administrator:/etc/persistent:/bin/sh" "$one/root/etc/passwd"
+  expect "passwd and system.cfg hold the same hash" grep -qxF "users.1.password=$hash" "$one/root/etc/system.cfg"
+  expect "the name is that of the model" \
+    grep -qx "resolv.host.1.name=Kova Virtual Camera" "$one/root/etc/system.cfg"
+  expect_not "there is no shadow file" test -e "$one/root/etc/shadow"
+  expect "the button is released" grep -qx 1 "$one/root/run/gpio/reset_button/value"
+}
+
+passes_commands_on() {
+  expect "exec passes the exit status on" exit_status 7 inside sh -c 'exit 7'
+  expect "exec passes standard input on" inside grep -qx text < <(echo text)
+  expect "exec runs inside" inside grep -q '^admin:' /etc/passwd
+  expect "exec of what is not there fails" exit_status 127 inside /bin/no-such-program
+}
+
+keeps_what_is_saved() {
+  inside touch /etc/unsaved /tmp/unsaved
+  expect "reboots" reboot_and_wait
+  expect_not "what was not saved is lost" test -e "$one/root/etc/unsaved"
+  expect_not "the temporary files are lost" test -e "$one/root/tmp/unsaved"
+  inside sh -c 'echo text >/etc/persistent/saved && chmod 600 /etc/persistent/saved && /bin/cfgmtd -w -p /etc/ -m'
+  reboot_and_wait
+  expect "what was saved comes back" grep -qx text "$one/root/etc/persistent/saved"
+  expect "with its mode" test "$(stat -c %a "$one/root/etc/persistent/saved")" = 600
+  expect "the tool's run stands in the log" grep -qxF "/bin/cfgmtd -w -p /etc/ -m" "$one/root/var/log/tools.log"
+  expect "so does that of reboot" grep -qxF "/usr/bin/reboot" "$one/root/var/log/tools.log"
+  cam stop "$one" >/dev/null
+  cam start "$one" >/dev/null
+  expect "it comes back after stop and start, too" grep -qx text "$one/root/etc/persistent/saved"
+}
+
+resets_to_the_factory() {
+  inside cfgmtd -c
+  reboot_and_wait
+  expect_not "an erased configuration is gone after the reboot" test -e "$one/root/etc/persistent/saved"
+  expect "the factory default is back" cmp "$one/root/etc/passwd" "$one/root/usr/share/factory/etc/passwd"
+}
+
+misbehaves_on_demand() {
+  local orders=$one/root/run/tools/cfgmtd
+  as_caller mkdir "$orders"
+  as_caller sh -c "echo 3 >'$orders/exit'; echo 1 >'$orders/times'; echo complaint >'$orders/stderr'"
+  expect "a tool ends as it was told" exit_status 3 inside cfgmtd -w -p /etc/ -m
+  expect "and did nothing" test ! -e "$one/flash/etc"
+  expect "as often as it was told" inside cfgmtd -w -p /etc/ -m
+  as_caller sh -c "rm '$orders'/*; echo KILL >'$orders/kill'"
+  expect "a tool dies by a signal" exit_status 137 inside sh -c 'cfgmtd -c; exit $?'
+  as_caller rm -r "$orders"
+  inside cfgmtd -c
+}
+
+check_firmware() { inside fwupdate.real -c >"$work/answer" 2>&1; }
+put_firmware() {
+  local image=$work/image
+  shift 0
+  "$here/../mkfirmware" "$image" "$@" && inside sh -c 'cat >/tmp/fwupdate.bin' <"$image"
+}
+
+updates_firmware() {
+  put_firmware --board 42264 --version 9.9 --corrupt
+  expect_not "a damaged image is refused" check_firmware
+  expect "as broken" grep -q '"reason":"FW_CHECK_FAILED"' "$work/answer"
+  expect_not "and not written" inside fwupdate -m
+  put_firmware --board 0xa526 --version 9.9
+  expect_not "another model's image is refused" check_firmware
+  expect "as incompatible" grep -q '"reason":"FW_CHECK_INCOMPAT_HW"' "$work/answer"
+  put_firmware --board 42264 --version 9.9
+  expect "a good image is accepted" check_firmware
+  expect "with its version" grep -qx '{"status":"ok","version":"9.9"}' "$work/answer"
+  expect "and written" inside fwupdate -m
+  expect_not "it does not run yet" grep -qx 9.9 "$one/root/run/firmware_version"
+  reboot_and_wait
+  expect "it runs after the reboot" grep -qx 9.9 "$one/root/run/firmware_version"
+}
+
+keeps_a_boot_environment() {
+  inside fw_setenv kova_audioplay 1
+  inside fw_setenv other value
+  inside fw_setenv kova_audioplay 0
+  reboot_and_wait
+  expect "the environment lasts" test "$(inside fw_printenv -n kova_audioplay)" = 0
+  expect "with one value a name" test "$(inside fw_printenv | wc -l)" -eq 2
+}
+
+archives_for_support() {
+  inside /bin/support /tmp/supportinfo.tar
+  expect "the archive is a tar" tar -xf "$one/root/tmp/supportinfo.tar" -C "$work"
+  expect "with the log" grep -q kova_ctlserver "$work/support/messages"
+  expect "and the configuration" grep -q '^users.1.name=' "$work/support/system.cfg"
+  expect_not "but no hash" grep -rqF "\$6\$" "$work/support"
+  expect "nothing else stays behind" test "$(find "$one/root/tmp" -mindepth 1 | wc -l)" -eq 1
+}
+
+takes_its_name() {
+  inside sed -i 's/^resolv.host.1.name=.*/resolv.host.1.name=Front door #1/' /etc/system.cfg
+  inside kova_cmd_apply_camera_name.sh
+  expect "a name becomes a host name" grep -qx Front-door-1 "$one/root/etc/hostname"
+  if [ "$way" != chroot ]; then expect "that the camera has" test "$(inside hostname)" = Front-door-1; fi
+  expect "and the host has not" test "$(uname -n)" = "$host_name"
+}
+
+supervises_services() {
+  local before
+  before=$(inside pidof kova_discovery_server)
+  inside kill -TERM "$before"
+  discovery_is_back() { [ "$(inside pidof kova_discovery_server)" != "$before" ] && inside pidof kova_discovery_server; }
+  expect "a service that ended comes back" eventually discovery_is_back
+  expect "its end stands in the log" grep -q "kova_discovery_server: service ended" "$one/root/var/log/messages"
+  inside killall -KILL dbus-daemon
+  expect "after the bus died the daemon serves again" eventually cam wait "$one"
+}
+
+# try_login PASSWORD: whether BusyBox' login lets the administrator in. It wants a terminal, and throws away what was
+# typed before it asked.
+try_login() {
+  local typed=$work/typed shown=$work/shown dialogue
+  rm -f "$typed" "$shown"
+  mkfifo "$typed"
+  timeout 20 script -qec "'$camera' exec '$one' -- login admin" /dev/null <"$typed" >"$shown" &
+  dialogue=$!
+  exec 5>"$typed"
+  eventually grep -q Password: "$shown"
+  echo "$1" >&5
+  eventually grep -qE 'incorrect|# ' "$shown"
+  echo "echo in-as-\$(id -u); exit" >&5
+  exec 5>&-
+  if grep -q incorrect "$shown"; then kill "$dialogue" 2>/dev/null || true; fi
+  wait "$dialogue" || true
+  grep -q in-as-0 "$shown"
+}
+
+lets_the_administrator_in() {
+  expect "login takes the password" try_login admin
+  expect_not "and no other" try_login wrong
+}
+
+# The bus looks a sender's groups up by name, so the two other users need an account for a while.
+refuses_strangers_on_the_bus() {
+  local call=(busctl --address=unix:path=/run/kova/bus call kova.kova_ctlserver /
+    org.freedesktop.DBus.Peer Ping)
+  cp "$one/root/etc/passwd" "$work/passwd"
+  printf 'operator:*:1000:990::/:/bin/sh\nguest:*:1001:1001::/:/bin/sh\n' >>"$one/root/etc/passwd"
+  expect "root may send" inside "${call[@]}"
+  expect "the group kova may send" inside setpriv --reuid 1000 --regid 990 --clear-groups "${call[@]}"
+  expect_not "nobody else may" inside setpriv --reuid 1001 --regid 1001 --clear-groups "${call[@]}"
+  expect "and is told so" grep -q "Access denied\|rejected" "$work/output"
+  cat "$work/passwd" >"$one/root/etc/passwd"
+}
+
+lives_beside_another() {
+  local two=$work/two info=$work/info.json
+  sed -e 's/Kova Virtual Camera/Other/' -e 's/42264/42321/' "$here/../rootfs/usr/share/kova/camera_info.json" >"$info"
+  chmod a+r "$info"
+  expect "a second camera boots beside the first" cam start "$two" --info "$info"
+  expect "as the model that it was told to be" grep -qx "resolv.host.1.name=Other" "$two/root/etc/system.cfg"
+  cam exec "$two" -- touch /etc/second
+  expect_not "each has its own files" test -e "$one/root/etc/second"
+  expect "and sees its own processes only" test "$(cam exec "$two" -- pidof kova_ctlserver | wc -w)" -eq 1
+  expect "stops" cam stop "$two"
+  expect "and leaves the first alone" cam wait "$one"
+}
+
+process_is_gone() { [ ! -e "/proc/$1" ] || grep -q '^State:.*[ZX]' "/proc/$1/status"; }
+
+dies_with_its_supervisor() {
+  local init
+  init=$(cat "$one/state/init.pid")
+  as_caller kill -KILL "$(cat "$one/state/supervisor.pid")"
+  expect "the camera does not outlive its supervisor" eventually process_is_gone "$init"
+  expect "exec says that it is off" eventually exit_status 125 inside true
+  expect "it starts again" eventually cam start "$one"
+}
+
+stops() {
+  local init
+  init=$(cat "$one/state/init.pid")
+  expect "stops" cam stop "$one"
+  expect "all of it" process_is_gone "$init"
+  expect "stopping twice is no error" cam stop "$one"
+  expect "the log tells of an orderly end" grep -q "SIGTERM received" "$one/root/var/log/messages"
+}
+
+refuses_what_cannot_work() {
+  local long
+  long=$work/$(printf 'x%.0s' {1..100})
+  expect_not "a folder too long for the socket is refused" cam start "$long"
+  expect "with the figure" grep -q "ends at 107" "$work/output"
+  expect_not "an impossible way is refused" env PATH="$work/empty:$PATH" KOVA_CAMERA_MODE=nonsense "$camera" start "$work/x"
+  mkdir -p "$work/foreign/root"
+  expect_not "a foreign folder is refused" cam start "$work/foreign"
+}
+
+main() {
+  trap clean_up EXIT
+  chmod 755 "$work"
+  choose_way "$1"
+  host_name=$(uname -n)
+  local before
+  before=$(host_state)
+  refuses_what_cannot_work
+  boots
+  stands_on_factory_settings
+  passes_commands_on
+  supervises_services
+  keeps_what_is_saved
+  resets_to_the_factory
+  misbehaves_on_demand
+  updates_firmware
+  keeps_a_boot_environment
+  archives_for_support
+  takes_its_name
+  lives_beside_another
+  if [ "$way" != user ]; then
+    lets_the_administrator_in
+    refuses_strangers_on_the_bus
+  fi
+  dies_with_its_supervisor
+  stops
+  expect "the host is as it was" test "$(host_state)" = "$before"
+  echo "$failures failed"
+  [ "$failures" -eq 0 ]
+}
+
+main "$@"

@@ -1,0 +1,105 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # shared with the test
+# What the camera's tests are written in: expectations, the camera under test in `one`, and who runs it.
+
+readonly SKIPPED=77 # exit status of a test that cannot run here
+
+failures=0
+work=$(mktemp -d)
+one=$work/one
+
+pass() { printf 'ok    %s\n' "$1"; }
+fail() {
+  printf 'FAIL  %s\n' "$1"
+  failures=$((failures + 1))
+}
+
+# expect TEXT CMD...: the command succeeds. expect_not: it fails.
+expect() {
+  local text=$1
+  shift
+  if "$@" >"$work/output.new" 2>&1; then pass "$text"; else
+    fail "$text"
+    sed 's/^/      | /' "$work/output.new"
+  fi
+  mv "$work/output.new" "$work/output"
+}
+expect_not() {
+  local text=$1
+  shift
+  if "$@" >"$work/output.new" 2>&1; then fail "$text"; else pass "$text"; fi
+  mv "$work/output.new" "$work/output"
+}
+
+# eventually CMD...: polls until the command succeeds, at most 10 s.
+eventually() {
+  local deadline=$((SECONDS + 10))
+  until "$@" >/dev/null 2>&1; do
+    [ "$SECONDS" -lt "$deadline" ] || return 1
+    sleep 0.05
+  done
+}
+
+# as_caller CMD...: runs it as the user that the chosen way is for.
+as_caller() {
+  if [ -n "$caller" ]; then
+    setpriv --reuid "$caller" --regid "$caller" --clear-groups -- "$@"
+  else
+    "$@"
+  fi
+}
+
+cam() { as_caller "$camera" "$@"; }
+inside() { cam exec "$one" -- "$@"; }
+log() { cat "$one/root/var/log/messages"; }
+boot_count() { cat "$one/root/run/boot_count"; }
+
+# reboot_and_wait [CMD...]: runs CMD inside, then reboots.
+reboot_and_wait() {
+  local next=$(($(boot_count) + 1))
+  inside reboot
+  cam wait "$one" "$next"
+}
+
+exit_status() {
+  local wanted=$1 status=0
+  shift
+  "$@" || status=$?
+  [ "$status" -eq "$wanted" ] || { echo "exit status $status instead of $wanted" && return 1; }
+}
+
+host_state() {
+  cat /etc/passwd /etc/group /etc/hosts /etc/resolv.conf 2>/dev/null | sha256sum
+  uname -n
+  readlink /etc/localtime || true
+}
+
+choose_way() {
+  way=$1 caller=
+  export KOVA_CAMERA_MODE=bwrap
+  case $way in
+    namespaces) [ "$(id -u)" -eq 0 ] || skip "needs root" ;;
+    user) [ "$(id -u)" -ne 0 ] || caller=65534 ;;
+    chroot)
+      export KOVA_CAMERA_MODE=chroot
+      [ "$(id -u)" -eq 0 ] || skip "needs root"
+      ;;
+    *) echo "usage: camera_test.sh namespaces|user|chroot" >&2 && exit 2 ;;
+  esac
+  if [ -n "$caller" ]; then
+    chown "$caller:$caller" "$work"
+    as_caller test -x "$KOVA_BUILD" -a -x "$camera" || skip "user $caller cannot read the build"
+  fi
+}
+
+skip() {
+  echo "skipped: $1"
+  exit "$SKIPPED"
+}
+
+clean_up() {
+  local folder
+  for folder in "$work"/one "$work"/two; do
+    [ ! -e "$folder/state" ] || cam stop "$folder" >/dev/null || true
+  done
+  rm -rf "$work"
+}
