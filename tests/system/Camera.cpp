@@ -1,0 +1,142 @@
+#include "Camera.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "kova/utils/Process.h"
+
+namespace kova::system_test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr unsigned kRunTimeoutMs = 120'000;
+constexpr unsigned kCaptureKiB = 16 * 1024;
+constexpr auto kPoll = std::chrono::milliseconds(10);
+
+}  // namespace
+
+Result run(const std::string& program, const std::vector<std::string>& arguments,
+           const std::string& input) {
+  Result result{};
+  result.status = utils::sysExec(program, arguments, input, result.out, result.err, kRunTimeoutMs,
+                                 1000, kCaptureKiB);
+  return result;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(kPoll);
+  }
+  return true;
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
+void writeFile(const fs::path& path, const std::string& content) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+Camera::Camera(const std::string& description) {
+  // Short, since a socket's path may have 107 bytes.
+  char folder[] = "/tmp/kc-XXXXXX";
+  if (mkdtemp(folder) == nullptr) {
+    throw std::runtime_error("mkdtemp failed");
+  }
+  folder_ = folder;
+  if (!description.empty()) {
+    description_ = folder_ / "camera_info.json";
+    writeFile(description_, description);
+  }
+  start();
+}
+
+Camera::~Camera() {
+  stop();
+  std::error_code ignored;  // nothing more can be done about a file that will not go
+  fs::remove_all(folder_, ignored);
+}
+
+Result Camera::script(std::vector<std::string> arguments, const std::string& input) const {
+  setenv("KOVA_BUILD", KOVA_TEST_BUILD, 1);
+  return run(KOVA_CAMERA_SCRIPT, arguments, input);
+}
+
+void Camera::start() {
+  std::vector<std::string> arguments = {"start", folder_};
+  if (!description_.empty()) {
+    arguments.insert(arguments.end(), {"--info", description_});
+  }
+  const Result result = script(arguments);
+  if (result.status != 0) {
+    throw std::runtime_error("the camera did not come up: " + result.err);
+  }
+}
+
+void Camera::stop() {
+  script({"stop", folder_});
+}
+
+Result Camera::exec(const std::vector<std::string>& command, const std::string& input) const {
+  std::vector<std::string> arguments = {"exec", folder_, "--"};
+  arguments.insert(arguments.end(), command.begin(), command.end());
+  return script(arguments, input);
+}
+
+Result Camera::ctl(std::vector<std::string> arguments, const std::string& input) const {
+  arguments.insert(arguments.begin(), "kovactl");
+  return exec(arguments, input);
+}
+
+int Camera::boots() const {
+  return std::stoi(readFile(root() / "run/boot_count"));
+}
+
+bool Camera::waitForBoot(int number) const {
+  return script({"wait", folder_, std::to_string(number)}).status == 0;
+}
+
+std::string Camera::pidOf(const std::string& service) const {
+  // "run: NAME: (pid 42) 17s" (sv(8))
+  const std::string status = exec({"sv", "status", "/etc/service/" + service}).out;
+  const auto begin = status.find("(pid ");
+  if (!status.starts_with("run:") || begin == std::string::npos) {
+    return "";
+  }
+  return status.substr(begin + 5, status.find(')', begin) - begin - 5);
+}
+
+bool Camera::waitForLog(const std::string& text, std::chrono::milliseconds limit) const {
+  return eventually([&] { return log().find(text) != std::string::npos; }, limit);
+}
+
+void Camera::misbehave(const std::string& tool, const std::string& setting,
+                       const std::string& value) {
+  writeFile(root() / "run/tools" / tool / setting, value);
+}
+
+void Camera::behave(const std::string& tool) {
+  fs::remove_all(root() / "run/tools" / tool);
+}
+
+void Camera::pressButton(bool pressed) {
+  writeFile(root() / "run/gpio/reset_button/value", pressed ? "0\n" : "1\n");
+}
+
+}  // namespace kova::system_test
