@@ -1,5 +1,6 @@
 #include "TlsPinning.h"
 
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 
@@ -26,7 +27,9 @@ Certificate loadPinned() {
     KOVA_LOG_IN("verifyCustomCert", LOG_ERR, errno, "Failed to open local cert");
     return nullptr;
   }
+  ERR_set_mark();  // libcurl takes what is left in OpenSSL's queue for the cause of the failure
   Certificate pinned(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
+  ERR_pop_to_mark();
   if (pinned == nullptr) {
     KOVA_LOG_IN("verifyCustomCert", LOG_ERR, 0, "Failed to load cert");
   }

@@ -1,0 +1,213 @@
+#include "basehttp.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CurlFaults.h"
+#include "Engine.h"
+#include "RawServer.h"
+
+namespace kova::engine {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+/// Takes the request and never answers.
+void silent(Connection& connection) {
+  connection.readRequest();
+  connection.awaitClose();
+}
+
+class BaseHttpTest : public EngineTest {
+ protected:
+  bool finish(std::size_t completions = 1) {
+    return serviceUntil(http_, [&] { return http_.completions.size() >= completions; });
+  }
+
+  MemoryHttp http_;
+};
+
+TEST_F(BaseHttpTest, WithoutAMultiHandleInitFails) {
+  curlFaults().multiInit = true;
+  EXPECT_FALSE(http_.Init());
+  EXPECT_THAT(logLines(), ElementsAre("3 basehttp.Init: Unable to initiate CURLM"));
+}
+
+TEST_F(BaseHttpTest, AnEmptyUriIsRefused) {
+  ASSERT_TRUE(http_.Init());
+  EXPECT_FALSE(http_.start(""));
+  EXPECT_THAT(logLines(), ElementsAre("3 basehttp.RegisterRequest: uri must be set"));
+}
+
+TEST_F(BaseHttpTest, AHandleThatCannotBeAddedIsNotRegistered) {
+  ASSERT_TRUE(http_.Init());
+  curlFaults().addHandle = CURLM_OUT_OF_MEMORY;
+  EXPECT_FALSE(http_.start("http://127.0.0.1:9/x"));
+  EXPECT_THAT(logLines(),
+              ElementsAre("3 basehttp.RegisterRequest: unable to setup CURLM: 3 (Out of memory)"));
+  EXPECT_TRUE(http_.CancelTransfer("http://127.0.0.1:9/x"));
+  EXPECT_THAT(http_.completions, IsEmpty());
+}
+
+TEST_F(BaseHttpTest, ATransferCompletesOnceWithItsHttpCode) {
+  RawServer server(answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone"));
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  ASSERT_TRUE(finish());
+  EXPECT_TRUE(http_.Service(0));
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 404"));
+  EXPECT_EQ(http_.bodies[server.uri()], "gone");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(BaseHttpTest, ARefusedChunkIsADiskFailure) {
+  RawServer server(answering(okResponse("body")));
+  http_.accept = [] { return false; };
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  ASSERT_TRUE(finish());
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 2 200"));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(BaseHttpTest, TheTransportsTimeOutIsATimeOut) {
+  RawServer server(silent);
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri(), true, {}, 1000));
+  ASSERT_TRUE(finish());
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 5 0"));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(BaseHttpTest, UnreachableServersAreFailures) {
+  ASSERT_TRUE(http_.Init() && http_.start("http://127.0.0.1:1/x"));
+  ASSERT_TRUE(finish());
+  ASSERT_TRUE(http_.start("http://no-such-host.invalid/x"));
+  ASSERT_TRUE(finish(2));
+  EXPECT_THAT(http_.completions,
+              ElementsAre("http://127.0.0.1:1/x 1 0", "http://no-such-host.invalid/x 1 0"));
+  EXPECT_THAT(logLines(), ElementsAre("4 basehttp.Service: Unexpected curl error: CURLcode = 7",
+                                      "4 basehttp.Service: Unexpected curl error: CURLcode = 6"));
+}
+
+TEST_F(BaseHttpTest, CancellingWhatIsNotThereReportsNothing) {
+  ASSERT_TRUE(http_.Init());
+  EXPECT_TRUE(http_.CancelTransfer("http://127.0.0.1:9/x"));
+  EXPECT_THAT(http_.completions, IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(BaseHttpTest, ACancelReportsBeforeItReturns) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 206 Partial Content\r\nContent-Length: 10\r\n\r\nhalf.");
+    connection.awaitClose();
+  });
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri("/running")));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.bodies.empty(); }));
+  EXPECT_TRUE(http_.CancelTransfer(server.uri("/running")));
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri("/running") + " 3 206"));
+  EXPECT_TRUE(http_.CancelTransfer(server.uri("/running")));
+  EXPECT_EQ(http_.completions.size(), 1U);
+}
+
+TEST_F(BaseHttpTest, ACancelBeforeTheFirstStepHasNoHttpCode) {
+  RawServer server(silent);
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  EXPECT_TRUE(http_.CancelTransfer(server.uri()));
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 3 0"));
+  EXPECT_TRUE(http_.Service(0));
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST_F(BaseHttpTest, ACancelThatFailsLeavesTheTransferRunning) {
+  RawServer server(answering(okResponse("body")));
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  curlFaults().removeHandle = CURLM_BAD_EASY_HANDLE;
+  EXPECT_FALSE(http_.CancelTransfer(server.uri()));
+  curlFaults() = {};
+  EXPECT_THAT(logLines(), ElementsAre("3 basehttp.CancelTransfer: curl_multi_remove_handle failed: "
+                                      "2 (Invalid easy handle)"));
+  ASSERT_TRUE(finish());
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200"));
+}
+
+TEST_F(BaseHttpTest, ACancelWithoutHttpCodeFailsAndMayBeTriedAgain) {
+  RawServer server(silent);
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  curlFaults().info = CURLINFO_RESPONSE_CODE;
+  EXPECT_FALSE(http_.CancelTransfer(server.uri()));
+  EXPECT_THAT(http_.completions, IsEmpty());
+  EXPECT_THAT(logLines(), ElementsAre("3 basehttp.CancelTransfer: curl_easy_getinfo failed: 48 (An "
+                                      "unknown option was passed in to libcurl)"));
+  curlFaults() = {};
+  EXPECT_TRUE(http_.CancelTransfer(server.uri()));
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 3 0"));
+}
+
+TEST_F(BaseHttpTest, AFailedStepLeavesTheTransfersForTheNext) {
+  RawServer server(answering(okResponse("body")));
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  curlFaults().wait = CURLM_INTERNAL_ERROR;
+  EXPECT_FALSE(http_.Service(0));
+  curlFaults() = {};
+  curlFaults().perform = CURLM_OUT_OF_MEMORY;
+  EXPECT_FALSE(http_.Service(0));
+  curlFaults() = {};
+  EXPECT_THAT(logLines(),
+              ElementsAre("3 basehttp.Service: curl_multi_wait failed: 4 (Internal error)",
+                          "3 basehttp.Service: curl_multi_perform failed: 3 (Out of memory)"));
+  ASSERT_TRUE(finish());
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200"));
+}
+
+TEST_F(BaseHttpTest, AnEndThatCannotBeReadFailsTheStep) {
+  RawServer server(answering(okResponse("body")));
+  ASSERT_TRUE(http_.Init());
+  const std::string failed =
+      "3 basehttp.Service: curl_easy_getinfo failed: 48 (An unknown option "
+      "was passed in to libcurl)";
+  const std::function<void()> faults[] = {
+      [] { curlFaults().info = CURLINFO_PRIVATE; },
+      [] { curlFaults().info = CURLINFO_RESPONSE_CODE; },
+      [] { curlFaults().privateIsNull = true; },
+  };
+  unsigned number = 0;
+  for (const auto& fault : faults) {
+    curlFaults() = {};
+    fault();
+    ASSERT_TRUE(http_.start(server.uri("/" + std::to_string(number++))));
+    EXPECT_TRUE(eventually([&] { return !http_.Service(1); }));
+  }
+  EXPECT_THAT(logLines(),
+              ElementsAre(failed, failed, "3 basehttp.Service: Unable to retrieve the context"));
+  EXPECT_THAT(http_.completions, IsEmpty());
+}
+
+TEST_F(BaseHttpTest, OfTwoTransfersOfOneUriBothReport) {
+  RawServer server(answering(okResponse("body")));
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()) && http_.start(server.uri()));
+  ASSERT_TRUE(finish(2));
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200", server.uri() + " 0 200"));
+}
+
+TEST_F(BaseHttpTest, DestroyingTheDriverDropsItsTransfersSilently) {
+  RawServer server(silent);
+  std::vector<std::string> completions;
+  {
+    MemoryHttp http;
+    ASSERT_TRUE(http.Init() && http.start(server.uri("/1")) && http.start(server.uri("/2")));
+    ASSERT_TRUE(serviceUntil(http, [&] { return server.requests().size() == 2; }));
+    completions = http.completions;
+  }
+  EXPECT_THAT(completions, IsEmpty());
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(BaseHttpTest, AnIdleStepWaitsNoLongerThanItMay) {
+  ASSERT_TRUE(http_.Init());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(http_.Service(0));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+}  // namespace
+}  // namespace kova::engine

@@ -1,0 +1,199 @@
+#include "BaseTransferTask.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Engine.h"
+#include "kova/messages/Events.h"
+
+namespace kova::engine {
+namespace {
+
+using ctlserver::BaseTransferTask;
+using ctlserver::TransferStatus;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class BaseTransferTaskTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fakes::reset(); }
+
+  static void expectRefused(BaseTransferTask& task, const std::string& text) {
+    fakes::reset();
+    EXPECT_FALSE(task.start());
+    EXPECT_THAT(logLines(), ElementsAre("3 BaseTransferTask.start: " + text));
+  }
+
+  RecordingTask task_{"http://host/file", "/tmp/file"};
+};
+
+TEST_F(BaseTransferTaskTest, AFreshTaskHasTheDocumentedDefaults) {
+  const BaseTransferTask task;
+  EXPECT_EQ(task.name(), "");
+  EXPECT_TRUE(task.download());
+  EXPECT_EQ(task.maxSz(), 0U);
+  EXPECT_EQ(task.uri(), "");
+  EXPECT_EQ(task.path(), "");
+  EXPECT_EQ(task.timeout(), 0U);
+  EXPECT_EQ(task.certFile(), "/etc/persistent/server.pem");
+  EXPECT_EQ(task.privKeyFile(), "");
+  EXPECT_EQ(task.caCertFile(), "/etc/persistent/controller.crt");
+  EXPECT_TRUE(task.formFields().IsEmpty());
+  EXPECT_EQ(task.startTime(), 0U);
+  EXPECT_FALSE(task.inTransfer());
+  EXPECT_FALSE(task.finalizing());
+  EXPECT_EQ(task.ipcRequestId(), 0U);
+  EXPECT_EQ(task.ipcOrigin(), "");
+  EXPECT_FALSE(task.sendNoEvents());
+}
+
+TEST_F(BaseTransferTaskTest, SettersStoreTheirValuesAndChain) {
+  variant::Variant fields;
+  fields["key"] = "value";
+  BaseTransferTask task;
+  task.setName("n").setKind(false).setMaxSz(1).setUri("u").setPath("p").setTimeout(2);
+  task.setCertFile("c").setPrivKeyFile("k").setCACertFile("a").setFormFields(fields);
+  task.setIpcRequestId(3).setIpcOrigin("o").setSendNoEvents(true);
+  EXPECT_EQ(task.name(), "n");
+  EXPECT_FALSE(task.download());
+  EXPECT_EQ(task.maxSz(), 1U);
+  EXPECT_EQ(task.uri(), "u");
+  EXPECT_EQ(task.path(), "p");
+  EXPECT_EQ(task.timeout(), 2U);
+  EXPECT_EQ(task.certFile(), "c");
+  EXPECT_EQ(task.privKeyFile(), "k");
+  EXPECT_EQ(task.caCertFile(), "a");
+  EXPECT_EQ(task.formFields(), fields);
+  EXPECT_EQ(task.ipcRequestId(), 3U);
+  EXPECT_EQ(task.ipcOrigin(), "o");
+  EXPECT_TRUE(task.sendNoEvents());
+}
+
+TEST_F(BaseTransferTaskTest, BaseHooksLetATaskPass) {
+  BaseTransferTask task;
+  task.setPath("/tmp/file");
+  bool ready = false;
+  std::string path;
+  bool done = false;
+  EXPECT_TRUE(task.onCheck());
+  EXPECT_TRUE(task.onStart());
+  task.onPrepare(ready, path);
+  task.onSuccess(done);
+  task.onFailure(ctlserver::TRANSFER_FAILED, 500);
+  EXPECT_TRUE(ready);
+  EXPECT_EQ(path, "/tmp/file");
+  EXPECT_TRUE(done);
+}
+
+TEST_F(BaseTransferTaskTest, ACompleteTaskStartsOnTheClock) {
+  EXPECT_TRUE(task_.start());
+  EXPECT_EQ(task_.startTime(), fakes::platform().nowMs);
+  EXPECT_THAT(task_.events, ElementsAre("check", "start"));
+  EXPECT_THAT(fakes::platform().log, IsEmpty());
+}
+
+TEST_F(BaseTransferTaskTest, WhatIsMissingIsNamed) {
+  expectRefused(task_.setName(""), "Name must be set");
+  task_.setName("task");
+  expectRefused(task_.setMaxSz(0), "Max size must be set");
+  expectRefused(task_.setKind(false), "Max size must be set");
+  task_.setMaxSz(1).setKind(true);
+  expectRefused(task_.setUri(""), "URI must be set");
+  expectRefused(task_.setUri("_UNINITIALIZED_"), "URI must be set");
+  task_.setUri("http://host/file");
+  expectRefused(task_.setPath(""), "Path must be set when downloading");
+  expectRefused(task_.setPath("_UNINITIALIZED_"), "Path must be set when downloading");
+  task_.setPath("/tmp/file");
+  expectRefused(task_.setTimeout(0), "Timeout must be set");
+  task_.setTimeout(1);
+  expectRefused(task_.setSendNoEvents(false), "IPC origin must be set when sending events is on");
+  EXPECT_TRUE(task_.setIpcOrigin("client").start());
+}
+
+TEST_F(BaseTransferTaskTest, TheFirstOfSeveralMissingValuesIsNamed) {
+  BaseTransferTask task;
+  expectRefused(task, "Name must be set");
+  expectRefused(task.setName("n"), "Max size must be set");
+  expectRefused(task.setMaxSz(1), "URI must be set");
+  expectRefused(task.setUri("u"), "Path must be set when downloading");
+  expectRefused(task.setPath("p"), "Timeout must be set");
+  expectRefused(task.setTimeout(1), "IPC origin must be set when sending events is on");
+}
+
+TEST_F(BaseTransferTaskTest, AnUploadNeedsNoPath) {
+  EXPECT_TRUE(task_.setKind(false).setPath("").start());
+}
+
+TEST_F(BaseTransferTaskTest, ARefusalByTheTaskComesBeforeTheCommonChecks) {
+  task_.checkResult = false;
+  expectRefused(task_.setName(""), "Task-specific checks failed");
+  EXPECT_THAT(task_.events, ElementsAre("check"));
+  EXPECT_EQ(task_.startTime(), 0U);
+}
+
+TEST_F(BaseTransferTaskTest, TheResultOfOnStartIsTheResultOfStart) {
+  task_.startResult = false;
+  EXPECT_FALSE(task_.start());
+  EXPECT_THAT(fakes::platform().log, IsEmpty());
+}
+
+TEST_F(BaseTransferTaskTest, StartingAgainResetsTheRun) {
+  ASSERT_TRUE(task_.start());
+  task_.setInTransfer(true);
+  task_.setFinalizing(true);
+  fakes::platform().nowMs += 500;
+  ASSERT_TRUE(task_.start());
+  EXPECT_EQ(task_.startTime(), fakes::platform().nowMs);
+  EXPECT_FALSE(task_.inTransfer());
+  EXPECT_FALSE(task_.finalizing());
+}
+
+TEST_F(BaseTransferTaskTest, DecodedStatusNamesFailuresOnly) {
+  const auto decode = [](int status) {
+    return BaseTransferTask::decodeTransferStatus(static_cast<TransferStatus>(status));
+  };
+  EXPECT_EQ(decode(0), "TRANSFER_FAILED");
+  EXPECT_EQ(decode(1), "TRANSFER_FAILED");
+  EXPECT_EQ(decode(2), "DISK_IO_FAILED");
+  EXPECT_EQ(decode(3), "TRANSFER_FAILED");
+  EXPECT_EQ(decode(4), "TRANSFER_BUSY");
+  EXPECT_EQ(decode(5), "TRANSFER_TIMEOUT");
+  EXPECT_EQ(decode(6), "TRANSFER_TOOLARGE");
+  EXPECT_EQ(decode(7), "TRANSFER_FAILED");
+  EXPECT_EQ(decode(-1), "TRANSFER_FAILED");
+}
+
+TEST_F(BaseTransferTaskTest, StatusEventGoesToTheRequester) {
+  task_.setSendNoEvents(false).setIpcOrigin("client").setIpcRequestId(1ULL << 63U);
+  task_.notifyStatus("disk_io_failed");
+  ASSERT_EQ(fakes::platform().bus.sent.size(), 1U);
+  ipc::messages::EventTransferRequestStatus event(fakes::platform().bus.sent.front());
+  EXPECT_EQ(event.functionName(), "EventTransferRequestStatus");
+  EXPECT_EQ(event.to(), "client");
+  EXPECT_EQ(event.requestId(), 1ULL << 63U);
+  EXPECT_EQ(event.status(), "DISK_IO_FAILED");
+  EXPECT_THAT(fakes::platform().log, IsEmpty());
+}
+
+TEST_F(BaseTransferTaskTest, WithEventsOffNothingIsSent) {
+  task_.setIpcOrigin("client").notifyStatus("OK");
+  EXPECT_THAT(fakes::platform().bus.sent, IsEmpty());
+  EXPECT_THAT(fakes::platform().journal, IsEmpty());
+}
+
+TEST_F(BaseTransferTaskTest, AMissingBusIsLogged) {
+  fakes::platform().bus.absent = true;
+  task_.setSendNoEvents(false).notifyStatus("OK");
+  EXPECT_THAT(logLines(), ElementsAre("3 BaseTransferTask.notifyStatus: pIpc is NULL"));
+}
+
+TEST_F(BaseTransferTaskTest, AnEventThatCannotBeSentIsLoggedOnce) {
+  fakes::platform().bus.sendResult = false;
+  task_.setSendNoEvents(false).notifyStatus("OK");
+  EXPECT_EQ(fakes::platform().bus.sent.size(), 1U);
+  EXPECT_THAT(logLines(), ElementsAre("4 BaseTransferTask.notifyStatus: Failed to send transfer "
+                                      "task status notification"));
+}
+
+}  // namespace
+}  // namespace kova::engine

@@ -1,0 +1,235 @@
+#include "curlcontext.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CurlFaults.h"
+#include "Engine.h"
+#include "RawServer.h"
+
+namespace kova::engine {
+namespace {
+
+using ctlserver::CurlContext;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+
+constexpr char kUri[] = "http://127.0.0.1:9/x";
+constexpr char kOutOfMemory[] = "3 curlcontext.Init: Unable to setup CURL: 27 (Out of memory)";
+
+class CurlContextTest : public EngineTest {
+ protected:
+  /// A context with these fields and no TLS files.
+  std::unique_ptr<CurlContext> make(bool download, const variant::Variant& fields = {},
+                                    unsigned timeoutMs = 5999) {
+    return std::make_unique<CurlContext>(download, kUri, &http_, fields, timeoutMs, "", "", "");
+  }
+
+  static variant::Variant fields() {
+    variant::Variant fields;
+    fields["b"] = "two";
+    fields["a"] = "one";
+    return fields;
+  }
+
+  MemoryHttp http_;
+};
+
+TEST_F(CurlContextTest, AFreshContextHasNoHandle) {
+  const auto context = make(true);
+  EXPECT_EQ(context->GetCurl(), nullptr);
+  EXPECT_EQ(context->GetURI(), kUri);
+}
+
+TEST_F(CurlContextTest, ADownloadSetsItsOptionsInOrder) {
+  ASSERT_TRUE(make(true)->Init());
+  EXPECT_THAT(
+      curlFaults().options,
+      ElementsAre("WRITEFUNCTION=...", "WRITEDATA=...", "PRIVATE=...", "URL=http://127.0.0.1:9/x",
+                  "FOLLOWLOCATION=1", "SSL_VERIFYHOST=0", "SSL_VERIFYPEER=0", "TIMEOUT=5",
+                  "SSL_VERIFYPEER=1", "SSL_CTX_FUNCTION=...", "PROTOCOLS_STR=http,https",
+                  "REDIR_PROTOCOLS_STR=http,https"));
+}
+
+TEST_F(CurlContextTest, AnUploadSetsItsFormAndItsBuffer) {
+  ASSERT_TRUE(make(false, fields())->Init());
+  const std::vector<std::string> all = curlFaults().options;
+  const std::vector<std::string> last(all.begin() + 10, all.end());
+  EXPECT_THAT(last, ElementsAre("PROTOCOLS_STR=http,https", "REDIR_PROTOCOLS_STR=http,https",
+                                "UPLOAD_BUFFERSIZE=2097152", "HTTPPOST=...", "POST=1",
+                                "HTTPPOST=...", "READFUNCTION=..."));
+}
+
+TEST_F(CurlContextTest, AnUploadWithoutFieldsSetsItsFormOnce) {
+  ASSERT_TRUE(make(false)->Init());
+  EXPECT_EQ(std::count(curlFaults().options.begin(), curlFaults().options.end(), "HTTPPOST=..."),
+            1);
+}
+
+TEST_F(CurlContextTest, TlsFilesAreSetWhereGiven) {
+  CurlContext context(true, kUri, &http_, {}, 0, "/cert", "/key", "/ca");
+  ASSERT_TRUE(context.Init());
+  const std::vector<std::string> all = curlFaults().options;
+  const std::vector<std::string> files(all.begin() + 7, all.begin() + 13);
+  EXPECT_THAT(files, ElementsAre("TIMEOUT=0", "SSLCERTTYPE=PEM", "SSLCERT=/cert", "SSLKEY=/key",
+                                 "CAINFO=/ca", "SSL_VERIFYPEER=1"));
+}
+
+TEST_F(CurlContextTest, FractionsOfASecondAreDroppedFromTheTimeOut) {
+  for (const auto& [milliseconds, option] :
+       {std::pair{999U, "TIMEOUT=0"}, {1000U, "TIMEOUT=1"}, {1999U, "TIMEOUT=1"}}) {
+    curlFaults() = {};
+    ASSERT_TRUE(make(true, {}, milliseconds)->Init());
+    EXPECT_EQ(curlFaults().options.at(7), option);
+  }
+}
+
+TEST_F(CurlContextTest, AMissingHandleIsLogged) {
+  curlFaults().easyInit = true;
+  EXPECT_FALSE(make(true)->Init());
+  EXPECT_THAT(logLines(), ElementsAre("3 curlcontext.Init: curl_easy_init failed"));
+}
+
+TEST_F(CurlContextTest, EachCheckedOptionThatFailsEndsInit) {
+  for (const CURLoption option :
+       {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA, CURLOPT_PRIVATE, CURLOPT_URL,
+        CURLOPT_FOLLOWLOCATION, CURLOPT_SSL_VERIFYHOST, CURLOPT_SSL_VERIFYPEER, CURLOPT_TIMEOUT,
+        CURLOPT_PROTOCOLS_STR, CURLOPT_REDIR_PROTOCOLS_STR}) {
+    fakes::reset();
+    curlFaults() = {};
+    curlFaults().option = option;
+    EXPECT_FALSE(make(true)->Init()) << option;
+    EXPECT_THAT(logLines(), ElementsAre(kOutOfMemory)) << option;
+  }
+}
+
+TEST_F(CurlContextTest, EachCheckedOptionOfAnUploadThatFailsEndsInit) {
+  for (const auto& [option, skip] : {std::pair{CURLOPT_UPLOAD_BUFFERSIZE, 0U},
+                                     {CURLOPT_POST, 0U},
+                                     {kFormOption, 0U},
+                                     {kFormOption, 1U},
+                                     {CURLOPT_READFUNCTION, 0U}}) {
+    fakes::reset();
+    curlFaults() = {};
+    curlFaults().option = option;
+    curlFaults().optionSkip = skip;
+    EXPECT_FALSE(make(false, fields())->Init()) << option;
+    EXPECT_THAT(logLines(), ElementsAre(kOutOfMemory)) << option;
+  }
+}
+
+TEST_F(CurlContextTest, TlsOptionsThatFailAreLeftToTheTransfer) {
+  CurlContext context(true, kUri, &http_, {}, 0, "/cert", "/key", "/ca");
+  curlFaults().option = CURLOPT_SSLCERT;
+  EXPECT_TRUE(context.Init());
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(CurlContextTest, AnUploadOfUnknownSizeIsRefused) {
+  http_.sizeKnown = false;
+  EXPECT_FALSE(make(false)->Init());
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre("3 curlcontext.Init: Failed to get file source size, uri=http://127.0.0.1:9/x"));
+}
+
+TEST_F(CurlContextTest, FormPartsThatCannotBeAddedAreNamed) {
+  curlFaults().part = "payload";
+  EXPECT_FALSE(make(false, fields())->Init());
+  curlFaults().part = "b";
+  EXPECT_FALSE(make(false, fields())->Init());
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre("3 curlcontext.Init: curl_formadd failed on filename, uri=http://127.0.0.1:9/x",
+                  "3 curlcontext.Init: curl_formadd failed on field `b`"));
+}
+
+TEST_F(CurlContextTest, FormFieldsOtherThanTextAreRefusedAndNothingIsSent) {
+  RawServer server(answering(okResponse("")));
+  for (const variant::Variant& value :
+       {variant::Variant(7), variant::Variant(true), variant::Variant(), variant::Variant(0.5)}) {
+    fakes::reset();
+    variant::Variant mixed = fields();
+    mixed["c"] = value;
+    EXPECT_FALSE(http_.Init() && http_.start(server.uri(), false, mixed));
+    EXPECT_THAT(logLines(),
+                ElementsAre("3 curlcontext.Init: Only strings are allowed in the form fields",
+                            "3 basehttp.RegisterRequest: Unable to init context"));
+  }
+  EXPECT_TRUE(http_.Service(0));
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST_F(CurlContextTest, ChunksCarryTheirOffsetAndTheLengthThatIsAskedForOnce) {
+  const std::string body = noise(100'000);
+  RawServer server(answering(okResponse(body)));
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.completions.empty(); }));
+
+  ASSERT_GT(http_.chunks.size(), 1U);
+  unsigned long offset = 0;
+  for (const auto& [chunkOffset, total] : http_.chunks) {
+    EXPECT_GE(chunkOffset, offset);
+    EXPECT_EQ(total, 100'000);
+    offset = chunkOffset;
+  }
+  EXPECT_EQ(http_.chunks.front().first, 0U);
+  EXPECT_EQ(http_.bodies[server.uri()], body);
+  EXPECT_EQ(curlFaults().asked(kLengthInformation), 1U);
+}
+
+TEST_F(CurlContextTest, AnUnknownLengthIsMinusOneAndAskedForOnce) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\n\r\n" + noise(100'000));
+  });
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.completions.empty(); }));
+  ASSERT_GT(http_.chunks.size(), 1U);
+  for (const auto& chunk : http_.chunks) {
+    EXPECT_EQ(chunk.second, -1);
+  }
+  EXPECT_EQ(curlFaults().asked(kLengthInformation), 1U);
+}
+
+TEST_F(CurlContextTest, ALengthThatCannotBeAskedForEndsTheTransfer) {
+  RawServer server(answering(okResponse("body")));
+  curlFaults().info = kLengthInformation;
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.completions.empty(); }));
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 2 200"));
+  EXPECT_THAT(logLines(), ElementsAre("3 curlcontext.HandleReceived: curl_easy_getinfo failed: 48 "
+                                      "(An unknown option was passed in to libcurl)"));
+}
+
+TEST_F(CurlContextTest, RefusedChunksDoNotCount) {
+  CurlContext context(true, kUri, &http_, {}, 0, "", "", "");
+  ASSERT_TRUE(context.Init());
+  unsigned char data[] = "abc";
+  EXPECT_TRUE(context.HandleReceived(data, 3));
+  http_.accept = [] { return false; };
+  EXPECT_FALSE(context.HandleReceived(data, 3));
+  http_.accept = nullptr;
+  EXPECT_TRUE(context.HandleReceived(data, 3));
+  EXPECT_THAT(http_.chunks, ElementsAre(Pair(0, -1), Pair(3, -1), Pair(3, -1)));
+}
+
+TEST_F(CurlContextTest, ExceptionsEndTheTransferAndNothingElse) {
+  RawServer server(answering(okResponse("body")));
+  http_.upload = "file";
+  http_.accept = []() -> bool { throw std::runtime_error("disk on fire"); };
+  http_.beforeFilling = [] { throw 1; };
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri("/down")));
+  ASSERT_TRUE(http_.start(server.uri("/up"), false));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return http_.completions.size() == 2; }));
+  EXPECT_THAT(http_.completions, ::testing::UnorderedElementsAre(server.uri("/down") + " 2 200",
+                                                                 server.uri("/up") + " 1 0"));
+  EXPECT_THAT(logLines(), ::testing::UnorderedElementsAre(
+                              "3 curlcontext.DataReceived: Callback failed: disk on fire",
+                              "3 curlcontext.DataNeeded: Callback failed: unknown exception",
+                              "4 basehttp.Service: Unexpected curl error: CURLcode = 42"));
+}
+
+}  // namespace
+}  // namespace kova::engine

@@ -1,0 +1,144 @@
+#include "CurlFaults.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstring>
+
+// The engine's form calls are deprecated, and so are the names of what it sets and asks for.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace kova::engine {
+
+const CURLoption kFormOption = CURLOPT_HTTPPOST;
+const CURLINFO kLengthInformation = CURLINFO_CONTENT_LENGTH_DOWNLOAD;
+
+CurlFaults& curlFaults() {
+  static CurlFaults faults;
+  return faults;
+}
+
+unsigned CurlFaults::asked(CURLINFO information) const {
+  return static_cast<unsigned>(std::count(informations.begin(), informations.end(), information));
+}
+
+namespace {
+
+std::string describe(CURLoption option, long value) {
+  const curl_easyoption* known = curl_easy_option_by_id(option);
+  std::string text = std::string(known->name) + "=";
+  switch (known->type) {
+    case CURLOT_LONG:
+    case CURLOT_VALUES:
+    case CURLOT_OFF_T:
+      return text + std::to_string(value);
+    case CURLOT_STRING:
+      return text + reinterpret_cast<const char*>(value);
+    default:
+      return text + "...";
+  }
+}
+
+bool optionFails(CURLoption option) {
+  CurlFaults& faults = curlFaults();
+  if (faults.option != option) {
+    return false;
+  }
+  return faults.optionSkip == 0 || faults.optionSkip-- == 0;
+}
+
+}  // namespace
+}  // namespace kova::engine
+
+using kova::engine::curlFaults;
+
+// The names are the linker's.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+
+CURL* __real_curl_easy_init();
+CURL* __wrap_curl_easy_init() {
+  return curlFaults().easyInit ? nullptr : __real_curl_easy_init();
+}
+
+CURLM* __real_curl_multi_init();
+CURLM* __wrap_curl_multi_init() {
+  return curlFaults().multiInit ? nullptr : __real_curl_multi_init();
+}
+
+CURLMcode __real_curl_multi_wait(CURLM*, curl_waitfd*, unsigned, int, int*);
+CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd* extra, unsigned count, int timeout,
+                                 int* ready) {
+  const CURLMcode fault = curlFaults().wait;
+  return fault != CURLM_OK ? fault : __real_curl_multi_wait(multi, extra, count, timeout, ready);
+}
+
+CURLMcode __real_curl_multi_perform(CURLM*, int*);
+CURLMcode __wrap_curl_multi_perform(CURLM* multi, int* running) {
+  const CURLMcode fault = curlFaults().perform;
+  return fault != CURLM_OK ? fault : __real_curl_multi_perform(multi, running);
+}
+
+CURLMcode __real_curl_multi_add_handle(CURLM*, CURL*);
+CURLMcode __wrap_curl_multi_add_handle(CURLM* multi, CURL* easy) {
+  const CURLMcode fault = curlFaults().addHandle;
+  return fault != CURLM_OK ? fault : __real_curl_multi_add_handle(multi, easy);
+}
+
+CURLMcode __real_curl_multi_remove_handle(CURLM*, CURL*);
+CURLMcode __wrap_curl_multi_remove_handle(CURLM* multi, CURL* easy) {
+  const CURLMcode fault = curlFaults().removeHandle;
+  return fault != CURLM_OK ? fault : __real_curl_multi_remove_handle(multi, easy);
+}
+
+// Every option has one argument, the size of a long.
+CURLcode __real_curl_easy_setopt(CURL*, CURLoption, ...);
+CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {
+  va_list arguments;
+  va_start(arguments, option);
+  const long value = va_arg(arguments, long);
+  va_end(arguments);
+  if (kova::engine::optionFails(option)) {
+    return CURLE_OUT_OF_MEMORY;
+  }
+  curlFaults().options.push_back(kova::engine::describe(option, value));
+  return __real_curl_easy_setopt(easy, option, value);
+}
+
+CURLcode __real_curl_easy_getinfo(CURL*, CURLINFO, ...);
+CURLcode __wrap_curl_easy_getinfo(CURL* easy, CURLINFO information, ...) {
+  va_list arguments;
+  va_start(arguments, information);
+  void* const target = va_arg(arguments, void*);
+  va_end(arguments);
+  kova::engine::CurlFaults& faults = curlFaults();
+  faults.informations.push_back(information);
+  if (faults.info == information) {
+    return CURLE_UNKNOWN_OPTION;
+  }
+  if (information == CURLINFO_PRIVATE && faults.privateIsNull) {
+    *static_cast<char**>(target) = nullptr;
+    return CURLE_OK;
+  }
+  return __real_curl_easy_getinfo(easy, information, target);
+}
+
+CURLFORMcode __real_curl_formadd(curl_httppost**, curl_httppost**, ...);
+CURLFORMcode __wrap_curl_formadd(curl_httppost** first, curl_httppost** last, ...) {
+  std::vector<curl_forms> forms;
+  va_list arguments;
+  va_start(arguments, last);
+  int option;
+  while ((option = va_arg(arguments, int)) != CURLFORM_END) {
+    forms.push_back({static_cast<CURLformoption>(option),
+                     reinterpret_cast<const char*>(va_arg(arguments, long))});
+  }
+  va_end(arguments);
+  forms.push_back({CURLFORM_END, nullptr});
+  if (curlFaults().part == forms.front().value) {
+    return CURL_FORMADD_MEMORY;
+  }
+  return __real_curl_formadd(first, last, CURLFORM_ARRAY, forms.data(), CURLFORM_END);
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// A decorator around libcurl, put there by the linker (ld(1), --wrap): it records the options that
+/// are set and the form parts that are added, forwards every call, and fails the chosen ones.
+namespace kova::engine {
+
+struct CurlFaults {
+  bool easyInit = false;
+  bool multiInit = false;
+  CURLMcode wait = CURLM_OK;
+  CURLMcode perform = CURLM_OK;
+  CURLMcode addHandle = CURLM_OK;
+  CURLMcode removeHandle = CURLM_OK;
+  std::optional<CURLoption> option;  ///< setting it fails with CURLE_OUT_OF_MEMORY ...
+  unsigned optionSkip = 0;           ///< ... after it was set this often
+  std::optional<CURLINFO> info;      ///< asking for it fails with CURLE_UNKNOWN_OPTION
+  bool privateIsNull = false;        ///< CURLINFO_PRIVATE gives null
+  std::optional<std::string> part;   ///< adding the form part of this name fails
+
+  /// "NAME=VALUE" of each option set, in order; VALUE is "..." for functions and objects.
+  std::vector<std::string> options;
+  /// How often each information was asked for.
+  unsigned asked(CURLINFO information) const;
+  std::vector<CURLINFO> informations;
+};
+
+/// CURLOPT_HTTPPOST and CURLINFO_CONTENT_LENGTH_DOWNLOAD, which are deprecated, for a test to name.
+extern const CURLoption kFormOption;
+extern const CURLINFO kLengthInformation;
+
+/// The decorator's state in this process.
+CurlFaults& curlFaults();
+
+}  // namespace kova::engine

@@ -1,0 +1,200 @@
+#include "Engine.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "CurlFaults.h"
+
+namespace kova::engine {
+namespace {
+
+constexpr std::chrono::seconds kPatience{20};
+constexpr int kTurnMs = 10;
+
+std::size_t openDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+}  // namespace
+
+RecordingTask::RecordingTask(const std::string& uri, const std::string& path) {
+  setName("task").setUri(uri).setPath(path).setMaxSz(100'000'000).setTimeout(60'000);
+  setSendNoEvents(true).setCertFile("");
+}
+
+bool RecordingTask::onCheck() {
+  events.emplace_back("check");
+  return checkResult;
+}
+
+bool RecordingTask::onStart() {
+  events.emplace_back("start");
+  return startResult;
+}
+
+void RecordingTask::onPrepare(bool& ready, std::string& path) {
+  events.emplace_back("prepare");
+  if (duringPrepare) {
+    duringPrepare();
+  }
+  if (prepared) {
+    BaseTransferTask::onPrepare(ready, path);
+  }
+}
+
+void RecordingTask::onSuccess(bool& isDone) {
+  events.emplace_back("success");
+  if (duringSuccess) {
+    duringSuccess();
+  }
+  isDone = done;
+}
+
+void RecordingTask::onFailure(ctlserver::TransferStatus status, int httpCode) {
+  events.push_back("failure " + std::to_string(status) + " " + std::to_string(httpCode));
+}
+
+unsigned RecordingTask::count(const std::string& event) const {
+  return static_cast<unsigned>(std::count(events.begin(), events.end(), event));
+}
+
+std::string RecordingTask::outcome() const {
+  std::string all;
+  for (const std::string& event : events) {
+    if (event == "success" || event.starts_with("failure")) {
+      all += (all.empty() ? "" : ", ") + event;
+    }
+  }
+  return all;
+}
+
+void MemoryHttp::SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,
+                                         int httpCode) {
+  completions.push_back(uri + " " + std::to_string(status) + " " + std::to_string(httpCode));
+}
+
+bool MemoryHttp::SignalBytesAvailable(const std::string& uri, unsigned char* data,
+                                      unsigned long len, unsigned long offset, long total) {
+  chunks.emplace_back(offset, total);
+  if (accept && !accept()) {
+    return false;
+  }
+  bodies[uri].append(reinterpret_cast<char*>(data), len);
+  return true;
+}
+
+bool MemoryHttp::GetUploadTotalSize(const std::string&, unsigned long& size) {
+  size = upload.size();
+  return sizeKnown;
+}
+
+unsigned long MemoryHttp::FillUploadBuffer(const std::string&, unsigned char* buffer,
+                                           unsigned long size) {
+  if (beforeFilling) {
+    beforeFilling();
+  }
+  const std::size_t count = std::min<std::size_t>(size, upload.size() - uploaded);
+  std::memcpy(buffer, upload.data() + uploaded, count);
+  uploaded += count;
+  return count;
+}
+
+bool MemoryHttp::start(const std::string& uri, bool download, const variant::Variant& fields,
+                       unsigned timeoutMs) {
+  return RegisterRequest(download, uri, fields, timeoutMs, "", "", "");
+}
+
+DescriptorCheck::DescriptorCheck() : before_(openDescriptors()) {}
+
+DescriptorCheck::~DescriptorCheck() {
+  EXPECT_EQ(openDescriptors(), before_) << "a descriptor was leaked";
+}
+
+void EngineTest::SetUp() {
+  fakes::reset();
+  curlFaults() = {};
+  std::string name = "/tmp/engine.XXXXXX";
+  ASSERT_NE(mkdtemp(name.data()), nullptr);
+  folder_ = name;
+  service_ = std::make_unique<ctlserver::TransferService>();
+  ASSERT_TRUE(service_->init());
+}
+
+void EngineTest::TearDown() {
+  endService();
+  std::filesystem::remove_all(folder_);
+}
+
+bool EngineTest::turnUntil(const std::function<bool()>& condition) {
+  return eventually([&] { return condition() || (service().service(kTurnMs), false); });
+}
+
+std::string EngineTest::run(RecordingTask& task) {
+  if (!service().add(&task)) {
+    return "refused";
+  }
+  if (!turnUntil([&] { return !service().existsUri(task.uri()); })) {
+    return "unfinished";
+  }
+  return task.outcome();
+}
+
+std::string EngineTest::write(const std::string& name, const std::string& content) const {
+  writeFile(path(name), content);
+  return path(name);
+}
+
+std::vector<std::string> logLines() {
+  std::vector<std::string> lines;
+  for (const fakes::LogLine& line : fakes::platform().log) {
+    lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
+                    line.text);
+  }
+  return lines;
+}
+
+bool eventually(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool serviceUntil(ctlserver::BaseHTTP& http, const std::function<bool()>& condition) {
+  return eventually([&] { return condition() || (http.Service(kTurnMs), false); });
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << content;
+  file.close();
+  ASSERT_TRUE(file) << path;
+}
+
+std::string noise(std::size_t size, unsigned seed) {
+  std::string bytes(size, '\0');
+  std::uint64_t state = 0x9e3779b97f4a7c15ULL * (seed + 1ULL);
+  for (std::size_t at = 0; at < size; at += sizeof state) {
+    state ^= state << 13U;  // xorshift64
+    state ^= state >> 7U;
+    state ^= state << 17U;
+    std::memcpy(bytes.data() + at, &state, std::min(sizeof state, size - at));
+  }
+  return bytes;
+}
+
+}  // namespace kova::engine

@@ -1,0 +1,118 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "BaseTransferTask.h"
+#include "Platform.h"
+#include "TransferService.h"
+
+namespace kova::engine {
+
+/// A task that writes down which hooks ran, and behaves as its members say.
+class RecordingTask : public ctlserver::BaseTransferTask {
+ public:
+  /// A download of `uri` to `path`, complete but for what a test changes.
+  RecordingTask(const std::string& uri, const std::string& path);
+
+  bool onCheck() override;
+  bool onStart() override;
+  void onPrepare(bool& ready, std::string& path) override;
+  void onSuccess(bool& done) override;
+  void onFailure(ctlserver::TransferStatus status, int httpCode) override;
+
+  /// "check", "start", "prepare", "success" and "failure STATUS HTTPCODE", in order.
+  std::vector<std::string> events;
+  bool checkResult = true;
+  bool startResult = true;
+  bool prepared = true;
+  bool done = true;
+  std::function<void()> duringPrepare;
+  std::function<void()> duringSuccess;
+
+  unsigned count(const std::string& event) const;
+  /// How the run ended: "success", "failure STATUS HTTPCODE", or "" while it goes on.
+  std::string outcome() const;
+};
+
+/// A HTTP driver that keeps what it downloads in memory and uploads `upload`.
+class MemoryHttp : public ctlserver::BaseHTTP {
+ public:
+  void SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,
+                               int httpCode) override;
+  bool SignalBytesAvailable(const std::string& uri, unsigned char* data, unsigned long len,
+                            unsigned long offset, long total) override;
+  bool GetUploadTotalSize(const std::string& uri, unsigned long& size) override;
+  unsigned long FillUploadBuffer(const std::string& uri, unsigned char* buffer,
+                                 unsigned long size) override;
+
+  bool start(const std::string& uri, bool download = true, const variant::Variant& fields = {},
+             unsigned timeoutMs = 0);
+
+  std::map<std::string, std::string> bodies;           ///< by URI
+  std::vector<std::string> completions;                ///< "URI STATUS HTTPCODE"
+  std::vector<std::pair<unsigned long, long>> chunks;  ///< offset and total of each
+  std::string upload;
+  std::size_t uploaded = 0;
+  bool sizeKnown = true;
+  std::function<bool()> accept;  ///< asked for each chunk
+  std::function<void()> beforeFilling;
+};
+
+/// Expects at its end as many open descriptors as there were at its beginning.
+class DescriptorCheck {
+ public:
+  DescriptorCheck();
+  ~DescriptorCheck();
+  DescriptorCheck(const DescriptorCheck&) = delete;
+  DescriptorCheck& operator=(const DescriptorCheck&) = delete;
+
+ private:
+  std::size_t before_;
+};
+
+/// Runs the engine in this thread. Every test must leave as many descriptors open as it found.
+class EngineTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  ctlserver::TransferService& service() { return *service_; }
+  /// Destroys the service, as the end of the daemon does.
+  void endService() { service_.reset(); }
+
+  /// Turns the service until `condition` holds; false when it does not within 20 seconds.
+  bool turnUntil(const std::function<bool()>& condition);
+  /// Adds the task and turns the service until it has let go of it.
+  /// @return how it ended, see RecordingTask::outcome
+  std::string run(RecordingTask& task);
+
+  /// A path in a folder of this test's own.
+  std::string path(const std::string& name) const { return folder_ + "/" + name; }
+  std::string write(const std::string& name, const std::string& content) const;
+
+ private:
+  DescriptorCheck descriptors_;  // outlives the members of a derived fixture
+  std::unique_ptr<ctlserver::TransferService> service_;
+  std::string folder_;
+};
+
+/// Asks until `condition` holds; false when it does not within 20 seconds.
+bool eventually(const std::function<bool()>& condition);
+/// Services a driver until `condition` holds, likewise.
+bool serviceUntil(ctlserver::BaseHTTP& http, const std::function<bool()>& condition);
+
+/// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
+std::vector<std::string> logLines();
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+/// `size` bytes that look random and depend on `seed` only.
+std::string noise(std::size_t size, unsigned seed = 1);
+
+}  // namespace kova::engine

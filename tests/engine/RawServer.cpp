@@ -1,0 +1,230 @@
+#include "RawServer.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+
+namespace kova::engine {
+namespace {
+
+constexpr int kBacklog = 2048;
+
+sockaddr_in loopback() {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+}  // namespace
+
+std::string RawRequest::header(std::string_view name) const {
+  std::size_t line = head.find("\r\n");
+  while (line != std::string::npos && line + 2 < head.size()) {
+    const std::size_t start = line + 2;
+    line = head.find("\r\n", start);
+    const std::size_t colon = head.find(':', start);
+    if (colon < line && colon - start == name.size() &&
+        strncasecmp(head.data() + start, name.data(), name.size()) == 0) {
+      const std::size_t value = head.find_first_not_of(' ', colon + 1);
+      return head.substr(value, line - value);
+    }
+  }
+  return "";
+}
+
+Connection::Connection(RawServer& server, int fd, unsigned number)
+    : server_(server), fd_(fd), number_(number) {}
+
+bool Connection::Receive() {
+  std::array<char, 64 * 1024> chunk;
+  const ssize_t got = recv(fd_, chunk.data(), chunk.size(), 0);
+  if (got > 0) {
+    buffered_.append(chunk.data(), static_cast<std::size_t>(got));
+  }
+  return got > 0;
+}
+
+bool Connection::readHead() {
+  std::size_t end;
+  while ((end = buffered_.find("\r\n\r\n")) == std::string::npos) {
+    if (!Receive()) {
+      return false;
+    }
+  }
+  request_ = {buffered_.substr(0, end + 4), ""};
+  buffered_.erase(0, end + 4);
+  return true;
+}
+
+bool Connection::readRequest() {
+  const bool whole = readHead() && ReadBody();
+  if (whole) {
+    server_.Note(request_);
+  }
+  return whole;
+}
+
+bool Connection::ReadBody() {
+  if (request_.header("Transfer-Encoding") == "chunked") {
+    return ReadChunked();
+  }
+  const std::string announced = request_.header("Content-Length");
+  const std::size_t length = announced.empty() ? 0 : std::stoul(announced);
+  while (buffered_.size() < length) {
+    if (!Receive()) {
+      return false;
+    }
+  }
+  request_.body = buffered_.substr(0, length);
+  buffered_.erase(0, length);
+  return true;
+}
+
+bool Connection::ReadLine(std::string& line) {
+  std::size_t end;
+  while ((end = buffered_.find("\r\n")) == std::string::npos) {
+    if (!Receive()) {
+      return false;
+    }
+  }
+  line = buffered_.substr(0, end);
+  buffered_.erase(0, end + 2);
+  return true;
+}
+
+bool Connection::ReadChunked() {
+  std::string line;
+  while (ReadLine(line)) {
+    const std::size_t length = std::stoul(line, nullptr, 16);
+    while (buffered_.size() < length + 2) {
+      if (!Receive()) {
+        return false;
+      }
+    }
+    request_.body += buffered_.substr(0, length);
+    buffered_.erase(0, length + 2);
+    if (length == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void Connection::send(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t put = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (put <= 0) {
+      return;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(put));
+  }
+}
+
+void Connection::trickle(std::string_view bytes, int milliseconds) {
+  for (const char& byte : bytes) {
+    send({&byte, 1});
+    pollfd peer{fd_, POLLIN | POLLRDHUP, 0};
+    if (poll(&peer, 1, milliseconds) != 0) {
+      return;
+    }
+  }
+}
+
+void Connection::awaitClose() {
+  while (Receive()) {
+  }
+}
+
+void Connection::resetOnClose() {
+  const linger abort{1, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+}
+
+RawServer::RawServer(Script script) : script_(std::move(script)) {
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = loopback();
+  socklen_t size = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  if (listener_ < 0 || bind(listener_, generic, size) != 0 || listen(listener_, kBacklog) != 0 ||
+      getsockname(listener_, generic, &size) != 0) {
+    throw std::runtime_error("cannot listen on the loopback interface");
+  }
+  port_ = ntohs(address.sin_port);
+  acceptor_ = std::thread([this] { Accept(); });
+}
+
+RawServer::~RawServer() {
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    for (const int fd : open_) {
+      shutdown(fd, SHUT_RDWR);
+    }
+  }
+  shutdown(listener_, SHUT_RDWR);
+  acceptor_.join();
+  for (std::thread& worker : workers_) {
+    worker.join();
+  }
+  close(listener_);
+}
+
+void RawServer::Accept() {
+  for (;;) {
+    const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+      return;
+    }
+    const std::lock_guard lock(mutex_);
+    if (stopping_) {
+      close(fd);
+      return;
+    }
+    open_.push_back(fd);
+    workers_.emplace_back([this, fd, number = accepted_++] { Serve(fd, number); });
+  }
+}
+
+void RawServer::Serve(int fd, unsigned number) {
+  Connection connection(*this, fd, number);
+  script_(connection);
+  const std::lock_guard lock(mutex_);
+  open_.remove(fd);
+  close(fd);
+}
+
+void RawServer::Note(const RawRequest& request) {
+  const std::lock_guard lock(mutex_);
+  requests_.push_back(request);
+}
+
+std::string RawServer::uri(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::vector<RawRequest> RawServer::requests() const {
+  const std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+std::string okResponse(std::string_view body) {
+  return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+         std::string(body);
+}
+
+RawServer::Script answering(std::string response) {
+  return [response = std::move(response)](Connection& connection) {
+    while (connection.readRequest()) {
+      connection.send(response);
+    }
+  };
+}
+
+}  // namespace kova::engine

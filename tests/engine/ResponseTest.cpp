@@ -1,0 +1,261 @@
+// What servers answer, from the proper to the broken, as a task that downloads sees it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Engine.h"
+#include "RawServer.h"
+#include "WebServer.h"
+
+namespace kova::engine {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class ResponseTest : public EngineTest {
+ protected:
+  /// Downloads `uri` into path("file").
+  std::string fetch(const std::string& uri, unsigned timeoutMs = 60'000) {
+    RecordingTask task(uri, path("file"));
+    task.setTimeout(timeoutMs);
+    return run(task);
+  }
+  std::string fetched() const { return readFile(path("file")); }
+
+  static std::string unexpected(int curlCode) {
+    return "4 basehttp.Service: Unexpected curl error: CURLcode = " + std::to_string(curlCode);
+  }
+  static std::string failed(const std::string& uri, const std::string& reason, int httpCode) {
+    return "4 TransferService.cancel: Transfer task failed, name=task, uri=" + uri +
+           ", reason=" + reason + ", httpCode=" + std::to_string(httpCode);
+  }
+  void expectFailure(const RawServer& server, int curlCode, int httpCode) {
+    EXPECT_EQ(fetch(server.uri()), "failure 1 " + std::to_string(httpCode));
+    EXPECT_THAT(logLines(), ElementsAre(unexpected(curlCode),
+                                        failed(server.uri(), "TRANSFER_FAILED(1)", httpCode)));
+  }
+};
+
+/// A script that takes a request, answers with `bytes` and closes the connection.
+RawServer::Script once(std::string bytes) {
+  return [bytes = std::move(bytes)](Connection& connection) {
+    connection.readRequest();
+    connection.send(bytes);
+  };
+}
+
+TEST_F(ResponseTest, A200IsStored) {
+  const std::string body = noise(1'000'000);
+  WebServer web;
+  web.server().Get("/file", [&](const httplib::Request& request, httplib::Response& response) {
+    EXPECT_EQ(request.get_header_value("Accept-Encoding"), "");
+    response.set_content(body, "application/octet-stream");
+  });
+  web.start();
+  EXPECT_EQ(fetch(web.uri("/file")), "success");
+  EXPECT_TRUE(fetched() == body);
+  EXPECT_THAT(web.requests(), ElementsAre("GET /file"));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(ResponseTest, A204LeavesAnEmptyFile) {
+  WebServer web;
+  web.server().Get("/file",
+                   [](const auto&, httplib::Response& response) { response.status = 204; });
+  web.start();
+  EXPECT_EQ(fetch(web.uri("/file")), "success");
+  EXPECT_EQ(fetched(), "");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(ResponseTest, ErrorPagesAreStoredToo) {
+  WebServer web;
+  web.server().Get(R"(/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
+    response.status = std::stoi(request.matches[1]);
+    response.set_content("page " + request.matches[1].str(), "text/plain");
+  });
+  web.start();
+  EXPECT_EQ(fetch(web.uri("/404")), "success");
+  EXPECT_EQ(fetched(), "page 404");
+  EXPECT_EQ(fetch(web.uri("/500")), "success");
+  EXPECT_EQ(fetched(), "page 500");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(ResponseTest, RedirectionsAreFollowedAndTheirPagesDropped) {
+  WebServer web;
+  web.server().Get(R"(/(\d))", [](const httplib::Request& request, httplib::Response& response) {
+    const int left = std::stoi(request.matches[1]);
+    if (left == 0) {
+      response.set_content("arrived", "text/plain");
+    } else {
+      response.set_redirect("/" + std::to_string(left - 1), 301);
+      response.set_content("moved", "text/plain");
+    }
+  });
+  web.start();
+  EXPECT_EQ(fetch(web.uri("/9")), "success");
+  EXPECT_EQ(fetched(), "arrived");
+  EXPECT_EQ(web.requests().size(), 10U);
+}
+
+TEST_F(ResponseTest, ALoopOfRedirectionsEndsWithTheTimeOut) {
+  RawServer server([](Connection& connection) {
+    while (connection.readRequest()) {
+      connection.trickle("HTTP/1.1 301 Moved\r\nLocation: /file\r\nContent-Length: 0\r\n\r\n", 1);
+    }
+  });
+  EXPECT_EQ(fetch(server.uri(), 1000), "failure 5 301");
+  EXPECT_THAT(logLines(), ElementsAre(failed(server.uri(), "TRANSFER_TIMEOUT(5)", 301)));
+  EXPECT_GT(server.requests().size(), 1U);
+}
+
+TEST_F(ResponseTest, AFastLoopOfRedirectionsEndsWithTheLimitOnHeaders) {
+  RawServer server(answering("HTTP/1.1 301 Moved\r\nLocation: /file\r\nX-Long: " +
+                             std::string(10'000, 'x') + "\r\nContent-Length: 0\r\n\r\n"));
+  expectFailure(server, 56, 301);
+}
+
+TEST_F(ResponseTest, ARedirectionToALocalFileIsRefused) {
+  RawServer server(
+      answering("HTTP/1.1 302 Found\r\nLocation: file:///etc/passwd\r\nContent-Length: 0\r\n\r\n"));
+  expectFailure(server, 1, 302);
+  EXPECT_EQ(fetched(), "");
+}
+
+TEST_F(ResponseTest, OnlyHttpUrisAreFetched) {
+  EXPECT_EQ(fetch("file:///etc/passwd"), "failure 1 0");
+  EXPECT_EQ(fetch("ftp://127.0.0.1/file"), "failure 1 0");
+  EXPECT_THAT(logLines(),
+              ElementsAre(unexpected(1), failed("file:///etc/passwd", "TRANSFER_FAILED(1)", 0),
+                          unexpected(1), failed("ftp://127.0.0.1/file", "TRANSFER_FAILED(1)", 0)));
+  EXPECT_EQ(fetched(), "");
+}
+
+TEST_F(ResponseTest, AChunkedBodyIsPutTogether) {
+  RawServer server(
+      answering("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                "5\r\nchunk\r\n1;extension=1\r\n \r\n4\r\nbody\r\n0\r\nTrailer: 1\r\n\r\n"));
+  EXPECT_EQ(fetch(server.uri()), "success");
+  EXPECT_EQ(fetched(), "chunk body");
+}
+
+TEST_F(ResponseTest, ABodyWithoutLengthEndsWithTheConnection) {
+  RawServer server(once("HTTP/1.1 200 OK\r\n\r\nto the end"));
+  EXPECT_EQ(fetch(server.uri()), "success");
+  EXPECT_EQ(fetched(), "to the end");
+}
+
+TEST_F(ResponseTest, Http10IsUnderstood) {
+  RawServer server(once("HTTP/1.0 200 OK\r\n\r\nold"));
+  EXPECT_EQ(fetch(server.uri()), "success");
+  EXPECT_EQ(fetched(), "old");
+}
+
+TEST_F(ResponseTest, AZippedBodyIsStoredAsItCame) {
+  const std::string zipped = "\x1f\x8b\x08" + noise(500);
+  RawServer server(answering("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " +
+                             std::to_string(zipped.size()) + "\r\n\r\n" + zipped));
+  EXPECT_EQ(fetch(server.uri()), "success");
+  EXPECT_EQ(fetched(), zipped);
+}
+
+TEST_F(ResponseTest, AHeaderOf64KiBIsTaken) {
+  RawServer server(answering("HTTP/1.1 200 OK\r\nX-Long: " + std::string(65'536, 'x') +
+                             "\r\nContent-Length: 4\r\n\r\nbody"));
+  EXPECT_EQ(fetch(server.uri()), "success");
+  EXPECT_EQ(fetched(), "body");
+}
+
+TEST_F(ResponseTest, BytesBeyondTheAnnouncedLengthAreDropped) {
+  RawServer server(once("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody and more"));
+  EXPECT_EQ(fetch(server.uri()), "success");
+  EXPECT_EQ(fetched(), "body");
+}
+
+TEST_F(ResponseTest, ABodyShorterThanAnnouncedFails) {
+  RawServer server(once("HTTP/1.1 200 OK\r\nContent-Length: 400\r\n\r\nbody"));
+  expectFailure(server, 18, 200);
+  EXPECT_EQ(fetched(), "body");
+}
+
+TEST_F(ResponseTest, AChunkedBodyThatIsCutFails) {
+  RawServer server(once("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\nchun"));
+  expectFailure(server, 18, 200);
+}
+
+TEST_F(ResponseTest, AResetInTheMiddleFails) {
+  // Reset only once the first half was taken, for it may drop what is still on its way.
+  RawServer server([this](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\nhalf");
+    EXPECT_TRUE(eventually([this] { return fetched() == "half"; }));
+    connection.resetOnClose();
+  });
+  expectFailure(server, 56, 200);
+}
+
+TEST_F(ResponseTest, AConnectionClosedWithoutAnAnswerFails) {
+  RawServer server(once(""));
+  expectFailure(server, 52, 0);
+}
+
+TEST_F(ResponseTest, WhatIsNotHttpFails) {
+  RawServer server(once("SSH-2.0-OpenSSH_9.2\r\n"));
+  expectFailure(server, 1, 0);
+}
+
+TEST_F(ResponseTest, AServerThatNeverAnswersTimesOut) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.awaitClose();
+  });
+  EXPECT_EQ(fetch(server.uri(), 1000), "failure 5 0");
+  EXPECT_THAT(logLines(), ElementsAre(failed(server.uri(), "TRANSFER_TIMEOUT(5)", 0)));
+}
+
+TEST_F(ResponseTest, AServerThatTricklesTimesOut) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
+    connection.trickle(std::string(100'000, 'x'), 50);
+  });
+  EXPECT_EQ(fetch(server.uri(), 1000), "failure 5 200");
+  EXPECT_THAT(logLines(), ElementsAre(failed(server.uri(), "TRANSFER_TIMEOUT(5)", 200)));
+  EXPECT_THAT(fetched(), ::testing::StartsWith("xxx"));
+}
+
+TEST_F(ResponseTest, AConnectionIsUsedAgain) {
+  RawServer server(answering(okResponse("body")));
+  EXPECT_EQ(fetch(server.uri("/1")), "success");
+  EXPECT_EQ(fetch(server.uri("/2")), "success");
+  EXPECT_EQ(server.connections(), 1U);
+  EXPECT_EQ(server.requests().size(), 2U);
+}
+
+TEST_F(ResponseTest, AConnectionClosedBetweenTransfersIsReplaced) {
+  RawServer server(once(okResponse("body")));
+  EXPECT_EQ(fetch(server.uri("/1")), "success");
+  EXPECT_EQ(fetch(server.uri("/2")), "success");
+  EXPECT_EQ(fetched(), "body");
+  EXPECT_EQ(server.connections(), 2U);
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(ResponseTest, AConnectionClosedUnderTheSecondRequestIsReplaced) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send(okResponse("body"));
+    if (connection.number() == 0) {
+      connection.readHead();  // taken, never answered
+    }
+  });
+  EXPECT_EQ(fetch(server.uri("/1")), "success");
+  EXPECT_EQ(fetch(server.uri("/2")), "success");
+  EXPECT_EQ(server.connections(), 2U);
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace kova::engine

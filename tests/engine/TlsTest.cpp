@@ -1,0 +1,229 @@
+// Whom the engine trusts. The pinned certificate has a fixed path, so this runs in a private root.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+
+#include "Engine.h"
+#include "TlsFiles.h"
+#include "WebServer.h"
+
+namespace kova::engine {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class TlsTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    std::array<char, 64> host{};
+    gethostname(host.data(), host.size() - 1);
+    ASSERT_STREQ(host.data(), "kova-test") << "run by tests/private-root only: writes to /etc";
+    std::filesystem::remove(ctlserver::kControllerCertFile);
+    otherCa_ = write("other-ca.pem", stranger_.certificatePem());
+  }
+
+  static void pin(const std::string& content) {
+    writeFile(ctlserver::kControllerCertFile, content);
+  }
+
+  static std::unique_ptr<WebServer> serve(const TlsSetup& tls) {
+    auto web = std::make_unique<WebServer>(tls);
+    web->server().Get("/file", [](const auto&, httplib::Response& response) {
+      response.set_content("secret", "text/plain");
+    });
+    web->start();
+    return web;
+  }
+
+  std::string fetch(const WebServer& web, const std::string& caFile,
+                    const std::string& certFile = "", const std::string& keyFile = "",
+                    const std::string& host = "127.0.0.1") {
+    RecordingTask task(web.uri("/file", host), path("file"));
+    task.setCACertFile(caFile).setCertFile(certFile).setPrivKeyFile(keyFile);
+    const std::string outcome = run(task);
+    EXPECT_EQ(readFile(path("file")), outcome == "success" ? "secret" : "");
+    return outcome;
+  }
+  /// Expects a refusal of the server with these lines before those of the engine.
+  void expectRefused(const WebServer& web, std::vector<std::string> reasons,
+                     const std::string& caFile, int curlCode = 60) {
+    EXPECT_EQ(fetch(web, caFile), "failure 1 0");
+    reasons.push_back("4 basehttp.Service: Unexpected curl error: CURLcode = " +
+                      std::to_string(curlCode));
+    reasons.push_back("4 TransferService.cancel: Transfer task failed, name=task, uri=" +
+                      web.uri("/file") + ", reason=TRANSFER_FAILED(1), httpCode=0");
+    EXPECT_EQ(logLines(), reasons);
+    EXPECT_THAT(web.requests(), IsEmpty());
+  }
+
+  static constexpr const char* kDefaultCa = ctlserver::kControllerCertFile;
+  static constexpr const char* kMismatch = "4 curlcontext.verifyCustomCert: Mismatched certs";
+
+  const Identity ca_ = makeIdentity({.host = "authority", .authority = true});
+  const Identity stranger_ = makeIdentity({.host = "stranger", .authority = true});
+  const Identity issued_ = makeIdentity({.issuer = &ca_});
+  const Identity selfSigned_ = makeIdentity({});
+  std::string otherCa_;
+};
+
+TEST_F(TlsTest, AChainThatTheCaFileValidatesIsAccepted) {
+  pin(ca_.certificatePem());
+  const auto web = serve({.identity = &issued_});
+  EXPECT_EQ(fetch(*web, kDefaultCa), "success");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(TlsTest, AChainThatAnotherCaFileValidatesNeedsNoPinnedFile) {
+  const auto web = serve({.identity = &issued_});
+  EXPECT_EQ(fetch(*web, write("ca.pem", ca_.certificatePem())), "success");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(TlsTest, BothTlsVersionsAreSpoken) {
+  pin(ca_.certificatePem());
+  const auto tls12 = serve({.identity = &issued_, .version = TLS1_2_VERSION});
+  const auto tls13 = serve({.identity = &issued_, .version = TLS1_3_VERSION});
+  EXPECT_EQ(fetch(*tls12, kDefaultCa), "success");
+  EXPECT_EQ(fetch(*tls13, kDefaultCa), "success");
+}
+
+TEST_F(TlsTest, ASelfSignedCertificateThatIsPinnedIsAccepted) {
+  pin(selfSigned_.certificatePem());
+  const auto web = serve({.identity = &selfSigned_});
+  EXPECT_EQ(fetch(*web, otherCa_), "success");
+  EXPECT_EQ(fetch(*web, kDefaultCa), "success");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(TlsTest, ASelfSignedCertificateThatDiffersIsRefused) {
+  pin(makeIdentity({}).certificatePem());
+  const auto web = serve({.identity = &selfSigned_});
+  expectRefused(*web, {kMismatch}, otherCa_);
+}
+
+TEST_F(TlsTest, AnIssuedCertificateOfAnUnknownAuthorityIsAcceptedWhenPinned) {
+  const auto web = serve({.identity = &issued_});
+  pin(issued_.certificatePem());
+  EXPECT_EQ(fetch(*web, otherCa_), "success");
+}
+
+TEST_F(TlsTest, AnIssuedCertificateOfAnUnknownAuthorityIsRefused) {
+  const auto web = serve({.identity = &issued_});
+  pin(ca_.certificatePem());
+  expectRefused(*web, {kMismatch}, otherCa_);
+}
+
+TEST_F(TlsTest, OnlyTheFirstPinnedCertificateCounts) {
+  const auto web = serve({.identity = &selfSigned_});
+  pin(stranger_.certificatePem() + selfSigned_.certificatePem());
+  expectRefused(*web, {kMismatch}, otherCa_);
+}
+
+TEST_F(TlsTest, AnExpiredCertificateIsRefused) {
+  const Identity expired = makeIdentity({.issuer = &ca_, .expired = true});
+  pin(ca_.certificatePem());
+  const auto web = serve({.identity = &expired});
+  expectRefused(*web, {kMismatch}, kDefaultCa);
+}
+
+TEST_F(TlsTest, AnExpiredCertificateThatIsPinnedIsAccepted) {
+  const Identity expired = makeIdentity({.expired = true});
+  pin(expired.certificatePem());
+  const auto web = serve({.identity = &expired});
+  EXPECT_EQ(fetch(*web, kDefaultCa), "success");
+  EXPECT_EQ(fetch(*web, otherCa_), "success");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(TlsTest, TheHostNameIsNotCompared) {
+  const Identity elsewhere = makeIdentity({.host = "elsewhere.example", .issuer = &ca_});
+  pin(ca_.certificatePem());
+  const auto web = serve({.identity = &elsewhere});
+  EXPECT_EQ(fetch(*web, kDefaultCa), "success");
+  EXPECT_EQ(fetch(*web, kDefaultCa, "", "", "localhost"), "success");
+}
+
+TEST_F(TlsTest, WithoutThePinnedFileAnUnknownServerIsRefused) {
+  const auto web = serve({.identity = &selfSigned_});
+  expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to open local cert"}, otherCa_);
+  EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
+}
+
+TEST_F(TlsTest, AnUnreadablePinnedFileRefusesAnUnknownServer) {
+  const auto web = serve({.identity = &selfSigned_});
+  pin("no certificate");
+  expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to load cert"}, otherCa_);
+}
+
+TEST_F(TlsTest, AMissingCaFileRefusesEveryServer) {
+  const auto web = serve({.identity = &issued_});
+  expectRefused(*web, {}, kDefaultCa, 77);
+}
+
+TEST_F(TlsTest, WithoutACaFileTheSystemsAuthoritiesCount) {
+  const auto web = serve({.identity = &selfSigned_});
+  pin(stranger_.certificatePem());
+  expectRefused(*web, {kMismatch}, "");
+  pin(selfSigned_.certificatePem());
+  EXPECT_EQ(fetch(*web, ""), "success");
+}
+
+class ClientCertificateTest : public TlsTest, public ::testing::WithParamInterface<int> {
+ protected:
+  void SetUp() override {
+    TlsTest::SetUp();
+    pin(ca_.certificatePem());
+    web_ = serve({.identity = &issued_, .clientCa = &ca_, .version = GetParam()});
+  }
+  void TearDown() override {
+    web_.reset();
+    TlsTest::TearDown();
+  }
+
+  const Identity camera_ = makeIdentity({.host = "camera", .issuer = &ca_});
+  std::unique_ptr<WebServer> web_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Tls, ClientCertificateTest,
+                         ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
+                         [](const auto& version) {
+                           return version.param == TLS1_2_VERSION ? "Version12" : "Version13";
+                         });
+
+TEST_P(ClientCertificateTest, ACertificateAndItsKeyInOneFileAreShown) {
+  const std::string both = write("server.pem", camera_.certificatePem() + camera_.keyPem());
+  EXPECT_EQ(fetch(*web_, kDefaultCa, both), "success");
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_P(ClientCertificateTest, ACertificateAndItsKeyInTwoFilesAreShown) {
+  EXPECT_EQ(fetch(*web_, kDefaultCa, write("camera.crt", camera_.certificatePem()),
+                  write("camera.key", camera_.keyPem())),
+            "success");
+}
+
+TEST_P(ClientCertificateTest, WithoutACertificateTheServerRefuses) {
+  EXPECT_EQ(fetch(*web_, kDefaultCa), "failure 1 0");
+  EXPECT_THAT(web_->requests(), IsEmpty());
+}
+
+TEST_P(ClientCertificateTest, ACertificateOfAnUnknownAuthorityIsRefusedByTheServer) {
+  const std::string both = write("server.pem", selfSigned_.certificatePem() + selfSigned_.keyPem());
+  EXPECT_EQ(fetch(*web_, kDefaultCa, both), "failure 1 0");
+  EXPECT_THAT(web_->requests(), IsEmpty());
+}
+
+TEST_P(ClientCertificateTest, AMissingCertificateFileFailsTheTransfer) {
+  EXPECT_EQ(fetch(*web_, kDefaultCa, path("missing.pem")), "failure 1 0");
+  EXPECT_THAT(logLines().front(), "4 basehttp.Service: Unexpected curl error: CURLcode = 58");
+}
+
+}  // namespace
+}  // namespace kova::engine

@@ -1,0 +1,187 @@
+// Uploads, to the byte.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <future>
+
+#include "Engine.h"
+#include "RawServer.h"
+#include "WebServer.h"
+
+namespace kova::engine {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+class UploadTest : public EngineTest {
+ protected:
+  /// Uploads the file at `file` to `uri`.
+  std::string send(const std::string& uri, const std::string& file,
+                   const variant::Variant& fields = {}) {
+    RecordingTask task(uri, file);
+    task.setKind(false).setFormFields(fields);
+    return run(task);
+  }
+
+  /// The body of a form with these parts, in the boundary that the request uses.
+  static std::string form(const RawRequest& request,
+                          const std::vector<std::pair<std::string, std::string>>& parts) {
+    const std::string type = request.header("Content-Type");
+    const std::string prefix = "multipart/form-data; boundary=";
+    EXPECT_THAT(type, ::testing::StartsWith(prefix));
+    const std::string boundary = "--" + type.substr(prefix.size());
+    std::string body;
+    for (const auto& [name, content] : parts) {
+      body += boundary + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" +
+              content + "\r\n";
+    }
+    return body + boundary + "--\r\n";
+  }
+};
+
+TEST_F(UploadTest, AFileIsTheOnlyPartOfAFormWithoutFields) {
+  RawServer server(answering(okResponse("")));
+  const std::string content = noise(200'000);
+  EXPECT_EQ(send(server.uri("/up"), write("file", content)), "success");
+  ASSERT_EQ(server.requests().size(), 1U);
+  const RawRequest request = server.requests().front();
+  EXPECT_THAT(request.head, ::testing::StartsWith("POST /up HTTP/1.1\r\n"));
+  EXPECT_EQ(request.header("Content-Length"), std::to_string(request.body.size()));
+  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(UploadTest, FieldsFollowTheFileInTheOrderOfTheirKeys) {
+  RawServer server(answering(okResponse("")));
+  variant::Variant fields;
+  fields["zeta"] = "";
+  fields["Alpha"] = "1";
+  fields["beta"] = "two words \xc3\xa9 \"quoted\" & more\r\n";
+  EXPECT_EQ(send(server.uri(), write("file", "content"), fields), "success");
+  const RawRequest request = server.requests().at(0);
+  EXPECT_EQ(request.body, form(request, {{"payload", "content"},
+                                         {"Alpha", "1"},
+                                         {"beta", fields["beta"].ToText()},
+                                         {"zeta", ""}}));
+}
+
+TEST_F(UploadTest, FieldsThatAreNoMapAreLeftOut) {
+  RawServer server(answering(okResponse("")));
+  variant::Variant list;
+  list.PushToArray("text");
+  EXPECT_EQ(send(server.uri(), write("file", "content"), list), "success");
+  const RawRequest request = server.requests().at(0);
+  EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));
+}
+
+TEST_F(UploadTest, AnEmptyFileIsAnEmptyPart) {
+  RawServer server(answering(okResponse("")));
+  EXPECT_EQ(send(server.uri(), write("file", "")), "success");
+  const RawRequest request = server.requests().at(0);
+  EXPECT_EQ(request.body, form(request, {{"payload", ""}}));
+}
+
+TEST_F(UploadTest, AnotherServersParserUnderstandsTheForm) {
+  WebServer web;
+  httplib::MultipartFormDataMap parts;
+  web.server().Post(
+      "/up", [&](const httplib::Request& request, httplib::Response&) { parts = request.files; });
+  web.start();
+  variant::Variant fields;
+  fields["camera"] = "front door";
+  EXPECT_EQ(send(web.uri("/up"), write("file", "content"), fields), "success");
+  ASSERT_EQ(parts.size(), 2U);
+  EXPECT_EQ(parts.find("payload")->second.content, "content");
+  EXPECT_EQ(parts.find("payload")->second.filename, "");
+  EXPECT_EQ(parts.find("payload")->second.content_type, "");
+  EXPECT_EQ(parts.find("camera")->second.content, "front door");
+}
+
+TEST_F(UploadTest, FiftyMebibytesArriveWhole) {
+  RawServer server(answering(okResponse("")));
+  const std::string content = noise(50UL * 1024 * 1024);
+  EXPECT_EQ(send(server.uri(), write("file", content)), "success");
+  const RawRequest request = server.requests().at(0);
+  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+}
+
+TEST_F(UploadTest, ALongUploadDoesNotWaitForeverToBeAskedFor) {
+  // The server never sends "100 Continue".
+  RawServer server(answering(okResponse("")));
+  const std::string content = noise(2'000'000);
+  EXPECT_EQ(send(server.uri(), write("file", content)), "success");
+  const RawRequest request = server.requests().at(0);
+  EXPECT_EQ(request.header("Expect"), "100-continue");
+  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+}
+
+TEST_F(UploadTest, ARefusedExpectationEndsTheUploadWithTheServersAnswer) {
+  RawServer server([](Connection& connection) {
+    connection.readHead();
+    connection.send("HTTP/1.1 413 Too Large\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+    connection.awaitClose();
+  });
+  EXPECT_EQ(send(server.uri(), write("file", noise(2'000'000))), "success");
+  EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST_F(UploadTest, AFileThatShrinksWhileItIsReadFails) {
+  std::promise<void> shrunk;
+  RawServer server([&](Connection& connection) {
+    connection.readHead();
+    shrunk.get_future().wait();
+    connection.awaitClose();
+  });
+  const std::string file = write("file", noise(50UL * 1024 * 1024));
+  RecordingTask task(server.uri(), file);
+  task.setKind(false);
+  ASSERT_TRUE(service().add(&task));
+  ASSERT_TRUE(turnUntil([&] { return server.connections() == 1; }));
+  ASSERT_EQ(truncate(file.c_str(), 100), 0);
+  shrunk.set_value();
+  ASSERT_TRUE(turnUntil([&] { return !task.outcome().empty(); }));
+
+  EXPECT_EQ(task.outcome(), "failure 1 0");
+  EXPECT_THAT(logLines(),
+              ElementsAre("3 multihttp.FillUploadBuffer: Error reading file, uri=" + server.uri(),
+                          "4 basehttp.Service: Unexpected curl error: CURLcode = 42",
+                          "4 TransferService.cancel: Transfer task failed, name=task, uri=" +
+                              server.uri() + ", reason=TRANSFER_FAILED(1), httpCode=0"));
+  EXPECT_EQ(fakes::platform().log.front().error, EIO);
+}
+
+TEST_F(UploadTest, AFileThatGrowsIsSentAsLongAsItWas) {
+  RawServer server(answering(okResponse("")));
+  const std::string file = write("file", "content");
+  RecordingTask task(server.uri(), file);
+  task.setKind(false);
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  write("file", "content and more");
+  ASSERT_TRUE(turnUntil([&] { return !task.outcome().empty(); }));
+  const RawRequest request = server.requests().at(0);
+  EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));
+}
+
+TEST_F(UploadTest, AnUploadThatTheServerCutsFails) {
+  RawServer server([](Connection& connection) {
+    connection.readHead();
+    connection.resetOnClose();
+  });
+  EXPECT_EQ(send(server.uri(), write("file", noise(50UL * 1024 * 1024))), "failure 1 0");
+}
+
+TEST_F(UploadTest, AnswersOfTheServerAreNotJudged) {
+  RawServer server(answering("HTTP/1.1 500 No\r\nContent-Length: 4\r\n\r\nsorry"));
+  EXPECT_EQ(send(server.uri(), write("file", "content")), "success");
+  EXPECT_EQ(readFile(path("file")), "content");
+}
+
+}  // namespace
+}  // namespace kova::engine
