@@ -61,9 +61,19 @@ void Program::AddOptions() {
 void Program::AddCommands() {
   for (const Command& command : commands()) {
     CLI::App* sub = app_.add_subcommand(std::string(command.name), std::string(command.summary));
-    sub->group(std::string(command.group));
+    // A group of the subcommand's own subcommands would be inherited from it.
     sub->final_callback([this, action = command.setUp(*sub)] { action_ = action; });
+    sub->group(std::string(command.group));
   }
+}
+
+std::string Program::Complaint(const CLI::ParseError& error) const {
+  const auto rest = app_.remaining(true);
+  const std::string text = error.what();
+  if (error.get_name() != "RequiredError" || text.find("subcommand") == std::string::npos) {
+    return text;
+  }
+  return rest.empty() ? "a command is missing" : "there is no command \"" + rest.front() + "\"";
 }
 
 Exit Program::Explain(const CLI::ParseError& error) const {
@@ -72,7 +82,7 @@ Exit Program::Explain(const CLI::ParseError& error) const {
     app_.exit(error, text);
     return print(text.str()) ? Exit::Ok : Exit::Local;
   }
-  fail(Exit::Usage, error.what());
+  fail(Exit::Usage, Complaint(error));
   const auto chosen = app_.get_subcommands();
   const std::string name = chosen.empty() ? "" : chosen.front()->get_name() + " ";
   std::fprintf(stderr, "Try \"kovactl %s--help\".\n", name.c_str());

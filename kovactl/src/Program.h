@@ -26,6 +26,7 @@ class Program {
  private:
   void AddOptions();
   void AddCommands();
+  std::string Complaint(const CLI::ParseError& error) const;
   Exit Explain(const CLI::ParseError& error) const;
 
   CLI::App app_;

@@ -1,0 +1,92 @@
+# Completion of kovactl for bash; needs nothing but bash itself.
+
+_kovactl_words() {
+  local IFS=$'\n'
+  mapfile -t COMPREPLY < <(compgen -W "$1" -- "${COMP_WORDS[COMP_CWORD]}")
+}
+
+# The commands of the command line so far: the subcommand, then its own ("service start").
+_kovactl_command() {
+  local i word
+  _kovactl_path=()
+  _kovactl_first=0
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    word=${COMP_WORDS[i]}
+    case $word in
+      --bus | --timeout) ((i++)) ;;
+      -*) ;;
+      *)
+        _kovactl_path+=("$word")
+        ((_kovactl_first == 0)) && _kovactl_first=$i
+        ;;
+    esac
+  done
+  return 0
+}
+
+_kovactl_options() {
+  local common='--bus --timeout --json --verbose --help'
+  case $1 in
+    '') echo "$common --version" ;;
+    stats) echo "$common --watch" ;;
+    save) echo "$common --sync" ;;
+    reboot) echo "$common --delay" ;;
+    reset-defaults) echo "$common --yes" ;;
+    user) echo "$common --name --old-file --new-file --stdin" ;;
+    put) echo "$common --hash --file --wait" ;;
+    get) echo "$common --filename --field --wait" ;;
+    firmware) echo "$common --wait" ;;
+    call) echo "$common --to --from --no-reply" ;;
+    *) echo "$common" ;;
+  esac
+}
+
+_kovactl_arguments() {
+  local count=${#_kovactl_path[@]}
+  case ${_kovactl_path[0]} in
+    stats) kovactl __complete sections ;;
+    settings) printf '%s\n' name= timezone= region= timelapse=on timelapse=off \
+      sound-on-boot=on sound-on-boot=off ;;
+    user) ((count == 1)) && printf '%s\n' show passwd enable disable ;;
+    service) ((count == 1)) && printf '%s\n' start stop ;;
+    put) ((count == 1)) && printf '%s\n' logo sound ;;
+    get) ((count == 1)) && printf '%s\n' snapshot support event-snapshot event-heatmap ;;
+    call)
+      if ((count == 1)); then
+        kovactl __complete functions
+      else
+        kovactl __complete fields "${_kovactl_path[1]}"
+      fi
+      ;;
+    listen) ((count == 1)) && kovactl __complete endpoints ;;
+  esac
+}
+
+_kovactl() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  local -a commands=(stats settings reset-settings user service save reboot reset-defaults
+    exit-service put get firmware call monitor listen)
+  local -a _kovactl_path
+  local _kovactl_first
+  _kovactl_command
+  case $previous in
+    --to | --from) _kovactl_words "$(kovactl __complete endpoints)" && return ;;
+    --file | --old-file | --new-file)
+      compopt -o filenames 2>/dev/null
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      return
+      ;;
+    --bus | --timeout | --delay | --hash | --filename | --field | --name) return ;;
+  esac
+  if [[ $current == -* ]]; then
+    _kovactl_words "$(_kovactl_options "${_kovactl_path[0]-}" | tr ' ' '\n')"
+  elif ((_kovactl_first == 0)); then
+    _kovactl_words "$(printf '%s\n' "${commands[@]}")"
+  else
+    _kovactl_words "$(_kovactl_arguments 2>/dev/null)"
+  fi
+  [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == *= ]] && compopt -o nospace 2>/dev/null
+  return 0
+}
+
+complete -F _kovactl kovactl

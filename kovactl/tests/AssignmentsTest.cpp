@@ -1,0 +1,92 @@
+#include "Assignments.h"
+
+#include <gtest/gtest.h>
+
+namespace kova::ctl {
+namespace {
+
+using variant::Variant;
+
+Variant parsed(const std::vector<std::string>& arguments) {
+  Variant map = Variant::Map{};
+  std::string error;
+  EXPECT_TRUE(parseAssignments(arguments, map, error)) << error;
+  return map;
+}
+
+std::string complaint(const std::vector<std::string>& arguments) {
+  Variant map = Variant::Map{};
+  std::string error;
+  EXPECT_FALSE(parseAssignments(arguments, map, error));
+  EXPECT_EQ(map.Size(), 0U) << "a failure leaves the map as it was";
+  return error;
+}
+
+TEST(Assignments, EqualSignGivesTextAsItStands) {
+  const Variant map = parsed({"name=Porch=1", "empty=", "number=12", "json={\"a\":1}"});
+  EXPECT_EQ(*map.Find("name"), Variant("Porch=1"));
+  EXPECT_EQ(*map.Find("empty"), Variant(""));
+  EXPECT_EQ(*map.Find("number"), Variant("12"));
+  EXPECT_EQ(*map.Find("json"), Variant("{\"a\":1}"));
+}
+
+TEST(Assignments, ColonEqualSignGivesJson) {
+  const Variant map =
+      parsed({"flag:=true", "count:=-3", "big:=18446744073709551615", "text:=\"a:=b\"",
+              "list:=[1, \"two\"]", "form:={\"a\":{\"b\":null}}", "half:=0.5"});
+  EXPECT_EQ(*map.Find("flag"), Variant(true));
+  EXPECT_EQ(*map.Find("count"), Variant(std::int32_t{-3}));
+  EXPECT_EQ(*map.Find("big"), Variant(std::uint64_t{18446744073709551615U}));
+  EXPECT_EQ(*map.Find("text"), Variant("a:=b"));
+  EXPECT_EQ(map.Find("list")->Items().at(1), Variant("two"));
+  EXPECT_TRUE(map.Find("form")->Find("a")->Find("b")->IsEmpty());
+  EXPECT_EQ(*map.Find("half"), Variant(0.5));
+}
+
+TEST(Assignments, ColonElsewhereBelongsToKeyOrText) {
+  const Variant map = parsed({"a:b=c", "uri=http://x/?q:=1"});
+  EXPECT_EQ(*map.Find("a:b"), Variant("c"));
+  EXPECT_EQ(*map.Find("uri"), Variant("http://x/?q:=1"));
+}
+
+TEST(Assignments, ArgumentWithoutKeyOrSignIsRefusedByName) {
+  EXPECT_EQ(complaint({"porch"}), "\"porch\" is neither key=text nor key:=JSON");
+  EXPECT_EQ(complaint({"=x"}), "\"=x\" is neither key=text nor key:=JSON");
+  EXPECT_EQ(complaint({":=1"}), "\":=1\" is neither key=text nor key:=JSON");
+}
+
+TEST(Assignments, KeyGivenTwiceIsRefused) {
+  EXPECT_EQ(complaint({"a=1", "b=2", "a:=3"}), "\"a\" is given twice");
+  Variant map = Variant::Map{{"functionName", "Reboot"}};
+  std::string error;
+  EXPECT_FALSE(parseAssignments({"functionName=SaveToFlash"}, map, error));
+  EXPECT_EQ(map, (Variant(Variant::Map{{"functionName", "Reboot"}})));
+}
+
+TEST(Assignments, BadJsonIsExplainedWithItsPlace) {
+  EXPECT_EQ(complaint({"x:=[1,]"}),
+            "\"x\": not JSON at position 4: no value starts like this (text needs double quotes)");
+  EXPECT_EQ(complaint({"x:="}),
+            "\"x\": not JSON at position 1: the text ends where a value should stand");
+  EXPECT_EQ(complaint({"x:=porch"}),
+            "\"x\": not JSON at position 1: no value starts like this (text needs double quotes)");
+  EXPECT_EQ(complaint({"x:=" + std::string(1024 * 1024 + 1, ' ')}),
+            "\"x\": JSON of more than 1048576 bytes");
+}
+
+TEST(Assignments, SwitchReadsUsualWordsInAnyCase) {
+  bool value = false;
+  for (const char* word : {"on", "ON", "yes", "True", "1"}) {
+    value = false;
+    EXPECT_TRUE(parseSwitch(word, value) && value) << word;
+  }
+  for (const char* word : {"off", "No", "false", "0"}) {
+    value = true;
+    EXPECT_TRUE(parseSwitch(word, value) && !value) << word;
+  }
+  EXPECT_FALSE(parseSwitch("", value));
+  EXPECT_FALSE(parseSwitch("2", value));
+}
+
+}  // namespace
+}  // namespace kova::ctl

@@ -1,0 +1,134 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "Command.h"
+#include "Program.h"
+#include "StatsTable.h"
+
+namespace kova::ctl {
+namespace {
+
+std::string contentOf(const std::string& path) {
+  std::stringstream content;
+  content << std::ifstream(path).rdbuf();
+  EXPECT_FALSE(content.str().empty()) << path;
+  return content.str();
+}
+
+// The manual page as a reader searches it: without the markup that splits words.
+std::string manualPage() {
+  std::string text = contentOf(KOVACTL_MANUAL);
+  std::string plain;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '\\' && at + 1 < text.size()) {
+      at += text[at + 1] == 'f' ? 2 : 0;
+      continue;
+    }
+    plain += text[at];
+  }
+  return plain;
+}
+
+bool isWordCharacter(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_';
+}
+
+bool hasWord(const std::string& text, const std::string& word) {
+  for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
+    const std::size_t end = at + word.size();
+    if ((at == 0 || !isWordCharacter(text[at - 1])) &&
+        (end == text.size() || !isWordCharacter(text[end]))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+struct Document {
+  std::string name;
+  std::string text;
+};
+
+std::vector<Document> documents() {
+  return {{"manual page", manualPage()},
+          {"bash completion", contentOf(KOVACTL_COMPLETIONS "/kovactl.bash")},
+          {"zsh completion", contentOf(KOVACTL_COMPLETIONS "/_kovactl")}};
+}
+
+// The names of the visible subcommands, their own subcommands and every long option of all.
+void collect(const CLI::App& app, std::vector<std::string>& names) {
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names.push_back("--" + name);
+    }
+  }
+  for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; })) {
+    if (!sub->get_group().empty()) {
+      names.push_back(sub->get_name());
+      collect(*sub, names);
+    }
+  }
+}
+
+TEST(Documentation, EveryCommandAndOptionIsInManualAndCompletions) {
+  const Program program;
+  std::vector<std::string> names;
+  collect(program.Parser(), names);
+  ASSERT_GT(names.size(), 40U);
+  for (const Document& document : documents()) {
+    for (const std::string& name : names) {
+      EXPECT_TRUE(hasWord(document.text, name)) << name << " is missing in the " << document.name;
+    }
+  }
+}
+
+TEST(Documentation, EveryCommandHasHelp) {
+  const Program program;
+  const std::string overview = program.Parser().help();
+  for (const Command& command : commands()) {
+    EXPECT_FALSE(command.summary.empty()) << command.name;
+    const CLI::App* sub = program.Parser().get_subcommand(std::string(command.name));
+    const std::string help = sub->help("kovactl");
+    EXPECT_NE(help.find(std::string(command.summary)), help.npos) << help;
+    EXPECT_NE(help.find("kovactl " + std::string(command.name)), help.npos) << help;
+    EXPECT_EQ(hasWord(overview, std::string(command.name)), !command.group.empty());
+  }
+}
+
+TEST(Documentation, EveryOptionAndArgumentHasADescription) {
+  const Program program;
+  const std::function<void(const CLI::App&)> check = [&check](const CLI::App& app) {
+    for (const CLI::Option* option : app.get_options()) {
+      EXPECT_FALSE(option->get_description().empty()) << app.get_name() << option->get_name();
+    }
+    for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; })) {
+      check(*sub);
+    }
+  };
+  check(program.Parser());
+}
+
+TEST(Documentation, ExitStatusesStandInHelpAndManual) {
+  const Program program;
+  const std::string help = program.Parser().help();
+  const std::string manual = manualPage();
+  for (const auto& [status, meaning] : kExitMeanings) {
+    const std::string number = std::to_string(static_cast<int>(status));
+    EXPECT_NE(help.find("  " + number), help.npos) << number;
+    EXPECT_NE(help.find(std::string(meaning)), help.npos) << meaning;
+    EXPECT_NE(manual.find(".B " + number + "\n"), manual.npos) << number;
+  }
+}
+
+TEST(Documentation, StatisticsSectionsStandInTheManual) {
+  const std::string manual = manualPage();
+  for (const StatsSection& section : statsSections()) {
+    EXPECT_TRUE(hasWord(manual, std::string(section.flag))) << section.flag;
+  }
+}
+
+}  // namespace
+}  // namespace kova::ctl
