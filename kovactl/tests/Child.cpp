@@ -1,0 +1,172 @@
+#include "Child.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+
+namespace kova::ctl::testing {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::seconds kPatience(20);
+
+[[noreturn]] void become(const std::vector<std::string>& arguments) {
+  std::vector<char*> argv;
+  std::string program = KOVACTL_PROGRAM;
+  argv.push_back(program.data());
+  for (const std::string& argument : arguments) {
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  }
+  argv.push_back(nullptr);
+  execv(KOVACTL_PROGRAM, argv.data());
+  _exit(127);
+}
+
+std::array<int, 2> makePipe() {
+  std::array<int, 2> ends{};
+  EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  return ends;
+}
+
+// Reads what is there; false at the end of the stream.
+bool take(int fd, std::string& text) {
+  std::array<char, 4096> buffer{};
+  const ssize_t got = read(fd, buffer.data(), buffer.size());
+  if (got > 0) {
+    text.append(buffer.data(), static_cast<std::size_t>(got));
+  }
+  return got > 0;
+}
+
+void closeOnce(int& fd) {
+  if (fd >= 0) {
+    close(fd);
+    fd = -1;
+  }
+}
+
+}  // namespace
+
+Child::Child(const std::vector<std::string>& arguments, On on) {
+  if (on == On::Terminal) {
+    winsize size{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
+    pid_ = forkpty(&output_, nullptr, nullptr, &size);
+    if (pid_ == 0) {
+      become(arguments);
+    }
+    input_ = dup(output_);
+    return;
+  }
+  const auto in = makePipe();
+  const auto out = makePipe();
+  const auto err = makePipe();
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    become(arguments);
+  }
+  close(in[0]);
+  close(out[1]);
+  close(err[1]);
+  input_ = in[1];
+  output_ = out[0];
+  error_ = err[0];
+}
+
+Child::~Child() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  closeOnce(input_);
+  closeOnce(output_);
+  closeOnce(error_);
+}
+
+void Child::Write(const std::string& text) {
+  EXPECT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
+void Child::CloseInput() {
+  closeOnce(input_);
+}
+
+void Child::Signal(int signal) const {
+  kill(pid_, signal);
+}
+
+bool Child::Read(int timeoutMs) {
+  std::array<pollfd, 2> streams{{{output_, POLLIN, 0}, {error_, POLLIN, 0}}};
+  if (poll(streams.data(), streams.size(), timeoutMs) <= 0) {
+    return output_ >= 0 || error_ >= 0;
+  }
+  if (streams[0].revents != 0 && !take(output_, out_)) {
+    closeOnce(output_);
+  }
+  if (streams[1].revents != 0 && !take(error_, err_)) {
+    closeOnce(error_);
+  }
+  return output_ >= 0 || error_ >= 0;
+}
+
+bool Child::AwaitOutput(const std::string& text) {
+  const auto deadline = Clock::now() + kPatience;
+  while (out_.find(text) == std::string::npos) {
+    if (Clock::now() > deadline || !Read(50)) {
+      return out_.find(text) != std::string::npos;
+    }
+  }
+  return true;
+}
+
+Result Child::Wait() {
+  const auto deadline = Clock::now() + kPatience;
+  int status = 0;
+  while (waitpid(pid_, &status, WNOHANG) == 0) {
+    Read(10);
+    if (Clock::now() > deadline) {
+      ADD_FAILURE() << "kovactl does not end: " << out_ << err_;
+      kill(pid_, SIGKILL);
+      waitpid(pid_, &status, 0);
+      break;
+    }
+  }
+  pid_ = -1;
+  // Everything is written by now; a terminal reports its end as an error.
+  while ((output_ >= 0 || error_ >= 0) && Clock::now() < deadline) {
+    pollfd rest{output_ >= 0 ? output_ : error_, POLLIN, 0};
+    if (poll(&rest, 1, 0) <= 0) {
+      break;
+    }
+    Read(0);
+  }
+  return {WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status), out_, err_};
+}
+
+bool Child::Echoes() const {
+  termios settings{};
+  EXPECT_EQ(tcgetattr(input_, &settings), 0);
+  return (settings.c_lflag & ECHO) != 0;
+}
+
+Result run(const std::vector<std::string>& arguments, const std::string& input) {
+  Child child(arguments);
+  if (!input.empty()) {
+    child.Write(input);
+  }
+  child.CloseInput();
+  return child.Wait();
+}
+
+}  // namespace kova::ctl::testing

@@ -1,0 +1,322 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using variant::Variant;
+
+class Requests : public ::testing::Test {
+ protected:
+  ipc::testing::PrivateBus bus_;
+};
+
+Variant jsonOf(const std::string& text) {
+  Variant value;
+  EXPECT_GE(Variant::FromJSON(text, value), 0) << text;
+  return value;
+}
+
+TEST_F(Requests, CallPrintsThePayloadOfTheAnswer) {
+  Peer peer(answering(0, Variant::Map{{"a", Variant::Map{{"b", "c\x1b"}}}, {"n", 5}}));
+  const Result result = run({"call", "Anything", "text=12", "number:=12"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "a.b  c\\x1b\nn    5\n");
+  EXPECT_EQ(result.err, "");
+  ASSERT_EQ(peer.Received().size(), 1U);
+  Peer::Request request = peer.Received().front();
+  EXPECT_EQ(request.functionName(), "Anything");
+  EXPECT_EQ(*request.Find("text"), Variant("12"));
+  EXPECT_EQ(*request.Find("number"), Variant(std::int32_t{12}));
+  EXPECT_TRUE(request.responseExpected());
+}
+
+TEST_F(Requests, CallPrintsTheWholeAnswerAsJson) {
+  Peer peer(answering(0, Variant::Map{{"n", 5}}));
+  const Result result = run({"call", "Anything", "--json", "id:=77"});
+  EXPECT_EQ(result.status, 0);
+  const Variant answer = jsonOf(result.out);
+  EXPECT_EQ(answer.Find("functionName")->ToText(), "__response__");
+  EXPECT_EQ(answer.Find("requestId")->ToNumber<int>(), 77);
+  EXPECT_EQ(answer.Find("payload")->Find("n")->ToNumber<int>(), 5);
+}
+
+TEST_F(Requests, RequestThatIsTakenWithoutAnAnswerSucceeds) {
+  Peer peer(takingNote());
+  EXPECT_EQ(run({"call", "Anything"}).out, "Taken; nothing to say.\n");
+  const Result result = run({"call", "Anything", "--json"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(jsonOf(result.out).Size(), 0U);
+}
+
+TEST_F(Requests, RefusalGivesStatusOneAndOneClearLine) {
+  Peer peer(answering(1));
+  const Result result = run({"call", "SaveToFlash"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "kovactl: the camera refused SaveToFlash or failed to do it (status 1)\n");
+}
+
+TEST_F(Requests, UnknownFunctionGivesStatusOne) {
+  Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
+  const Result result = run({"call", "Nonsense"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "kovactl: \"kova_ctlserver\" knows no function Nonsense\n");
+}
+
+TEST_F(Requests, AbsentEndpointGivesStatusThree) {
+  const Result result = run({"call", "Anything", "--to", "kova_nobody"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.err, "kovactl: \"kova_nobody\" is not on the bus: is it running?\n");
+  EXPECT_EQ(run({"call", "Anything", "--to", "no.valid..name"}).status, 3);
+}
+
+TEST_F(Requests, UnreachableBusGivesStatusThree) {
+  const Result result = run({"--bus", "unix:path=/nonexistent/bus", "stats"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("unix:path=/nonexistent/bus"));
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+}
+
+TEST_F(Requests, BusOptionWinsOverTheEnvironment) {
+  Peer peer(answering(0));
+  setenv("KOVA_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+  EXPECT_EQ(run({"call", "Anything"}).status, 3);
+  EXPECT_EQ(run({"call", "Anything", "--bus", bus_.address()}).status, 0);
+  setenv("KOVA_BUS_ADDRESS", bus_.address().c_str(), 1);
+}
+
+TEST_F(Requests, MissingAnswerGivesStatusFourAfterTheTimeout) {
+  MutePeer peer;
+  const Result result = run({"--timeout", "0.3", "call", "Anything"});
+  EXPECT_EQ(result.status, 4);
+  EXPECT_EQ(result.err, "kovactl: no answer from \"kova_ctlserver\" to Anything within 0.3 s\n");
+}
+
+TEST_F(Requests, EndpointThatGoesAwayBeforeAnsweringGivesStatusFour) {
+  auto peer = std::make_unique<MutePeer>();
+  Witness witness;
+  Child child({"call", "Anything"});
+  ASSERT_TRUE(witness.AwaitCall("Anything"));
+  peer.reset();
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 4);
+  EXPECT_THAT(result.err, HasSubstr("Anything failed: "));
+}
+
+TEST_F(Requests, BusThatGoesAwayGivesStatusThree) {
+  MutePeer peer;
+  Witness witness;
+  Child child({"call", "Anything"});
+  ASSERT_TRUE(witness.AwaitCall("Anything"));
+  bus_.Kill();
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.err, "kovactl: the bus has gone away\n");
+}
+
+TEST_F(Requests, NoReplySendsAndDoesNotWait) {
+  Peer peer(takingNote());
+  const Result result = run({"call", "Anything", "--no-reply"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "");
+  ASSERT_TRUE(peer.AwaitReceived(1));
+  EXPECT_FALSE(peer.Received().front().responseExpected());
+  EXPECT_EQ(run({"call", "Anything", "responseExpected:=false"}).status, 0);
+  ASSERT_TRUE(peer.AwaitReceived(2));
+  EXPECT_FALSE(peer.Received().back().responseExpected());
+}
+
+TEST_F(Requests, CallNamesTheSenderThatItIsGiven) {
+  Peer peer(answering(0));
+  EXPECT_EQ(run({"call", "Anything", "--from", "client.else"}).status, 0);
+  ASSERT_EQ(peer.Received().size(), 1U);
+  EXPECT_EQ(peer.Received().front().from(), "client.else");
+}
+
+TEST_F(Requests, UsageErrorsGiveStatusTwoAndReachNobody) {
+  Peer peer(answering(0));
+  const std::vector<std::vector<std::string>> wrong{
+      {},
+      {"nonsense"},
+      {"call"},
+      {"call", "F", "novalue"},
+      {"call", "F", "a=1", "a=2"},
+      {"call", "F", "a:={"},
+      {"call", "F", "functionName=G"},
+      {"stats", "nosuchsection"},
+      {"stats", "--watch", "0"},
+      {"settings", "zone=UTC"},
+      {"settings", "timelapse=maybe"},
+      {"service", "start"},
+      {"service", "restart", "x"},
+      {"put", "picture", "http://x/"},
+      {"put", "logo", "http://x/"},
+      {"put", "logo", "http://x/", "--hash", "12"},
+      {"put", "logo", "http://x/", "--hash", "900150983cd24fb0d6963f7d28e17f72", "--file", "x"},
+      {"get", "event-snapshot", "http://x/"},
+      {"get", "snapshot", "http://x/", "--filename", "x"},
+      {"get", "snapshot", "http://x/", "--field", "nosign"},
+      {"firmware", "http://x/", "--timeout", "0"},
+      {"reboot", "--delay", "-1"},
+      {"reset-defaults"},
+      {"user", "passwd", "--stdin", "--old-file", "x"},
+      {"--timeout", "soon", "stats"},
+      {"stats", "--nonsense"},
+  };
+  for (const auto& arguments : wrong) {
+    const Result result = run(arguments);
+    EXPECT_EQ(result.status, 2) << ::testing::PrintToString(arguments);
+    EXPECT_EQ(result.out, "") << ::testing::PrintToString(arguments);
+    EXPECT_EQ(result.err.rfind("kovactl: ", 0), 0U) << result.err;
+  }
+  EXPECT_TRUE(peer.Received().empty());
+}
+
+TEST_F(Requests, StatsPrintsATable) {
+  Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
+  const Result result = run({"stats", "uptime", "WIFI"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "Wi-Fi  not reported\nUp     00:01:01\n");
+  Peer::Request request = peer.Received().front();
+  EXPECT_EQ(*request.Find("uptime"), Variant(true));
+  EXPECT_EQ(*request.Find("memory"), Variant(false));
+}
+
+TEST_F(Requests, StatsShowsWhatCameWithAFailure) {
+  Peer peer(answering(1, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
+  const Result result = run({"stats"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "Up  00:01:01\n");
+}
+
+TEST_F(Requests, WatchRepeatsUntilItIsStopped) {
+  Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
+  Child child({"stats", "--watch", "0.02", "--json"});
+  ASSERT_TRUE(peer.AwaitReceived(3));
+  child.Signal(SIGINT);
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.out.rfind("{\"uptime\":{\"sec\":61}}\n{\"uptime\":{\"sec\":61}}\n", 0), 0U);
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(Requests, WatchOnATerminalRefreshesInPlaceAndLeavesItAsItWas) {
+  Peer peer(
+      answering(0, Variant::Map{{"cpuinfo", Variant::Map{{"processor", std::string(200, 'x')}}}}));
+  Child child({"stats", "--watch", "0.02"}, Child::On::Terminal);
+  ASSERT_TRUE(peer.AwaitReceived(3));
+  child.Write("\x03");  // Ctrl-C
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.out.rfind("\x1b[?1049h\x1b[?25l", 0), 0U);
+  EXPECT_THAT(result.out, HasSubstr("Model  " + std::string(53, 'x') + "\x1b[K"));
+  EXPECT_THAT(result.out, ::testing::EndsWith("\x1b[?25h\x1b[?1049l"));
+}
+
+TEST_F(Requests, CtrlCEndsAWaitForAnAnswer) {
+  MutePeer peer;
+  Witness witness;
+  Child child({"call", "Anything"});
+  ASSERT_TRUE(witness.AwaitCall("Anything"));
+  child.Signal(SIGINT);
+  EXPECT_EQ(child.Wait().status, 130);
+}
+
+TEST_F(Requests, SigtermEndsAWaitForAnAnswer) {
+  MutePeer peer;
+  Witness witness;
+  Child child({"call", "Anything"});
+  ASSERT_TRUE(witness.AwaitCall("Anything"));
+  child.Signal(SIGTERM);
+  EXPECT_EQ(child.Wait().status, 143);
+}
+
+TEST_F(Requests, SimpleCommandsSendTheirRequest) {
+  Peer peer(answering(0));
+  const std::vector<std::pair<std::vector<std::string>, std::string>> table{
+      {{"save"}, R"({"functionName":"SaveToFlash","sync":false})"},
+      {{"save", "--sync"}, R"({"functionName":"SaveToFlash","sync":true})"},
+      {{"reboot", "--delay", "1500"}, R"({"functionName":"Reboot","delayMs":1500})"},
+      {{"reset-defaults", "--yes"}, R"({"functionName":"ResetToDefaults"})"},
+      {{"reset-settings"}, R"({"functionName":"ResetDeviceSettings"})"},
+      {{"service", "start", "ssh"}, R"({"functionName":"StartService","service":"ssh"})"},
+      {{"service", "stop", "ssh"}, R"({"functionName":"StopService","service":"ssh"})"},
+      {{"exit-service"}, R"({"functionName":"ExitService"})"},
+      {{"user", "enable"}, R"({"functionName":"EnableUsernamePassword"})"},
+      {{"user", "disable"}, R"({"functionName":"DisableUsernamePassword"})"},
+      {{"settings", "name=Porch", "timelapse=on", "sound-on-boot=off"},
+       R"({"functionName":"ChangeDeviceSettings","name":"Porch","timelapseminutes":1,
+           "soundOnBoot":false,"region":"_UNINITIALIZED_"})"},
+  };
+  for (const auto& [arguments, expected] : table) {
+    const Result result = run(arguments);
+    EXPECT_EQ(result.status, 0) << arguments.front() << result.err;
+    const Peer::Request request = peer.Received().back();
+    const Variant fields = jsonOf(expected);
+    for (const auto& [key, value] : fields.Elements()) {
+      ASSERT_NE(request.Find(key), nullptr) << key;
+      EXPECT_EQ(request.Find(key)->ToJSON(), value.ToJSON()) << key;
+    }
+  }
+  EXPECT_EQ(peer.Received().size(), table.size());
+}
+
+TEST_F(Requests, SettingsShowsWhatComesBackAlsoOfAFailure) {
+  const Variant payload = Variant::Map{{"name", "Porch"}, {"timezone", "UTC"}};
+  {
+    Peer peer(answering(0, payload));
+    EXPECT_EQ(run({"settings"}).out, "Name       Porch\nTime zone  UTC\n");
+  }
+  Peer peer(answering(1, payload));
+  const Result result = run({"settings", "region=x"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "Name       Porch\nTime zone  UTC\n");
+  EXPECT_THAT(result.err, HasSubstr("a value was not accepted"));
+}
+
+TEST_F(Requests, RebootSucceedsThoughItIsNeverAnswered) {
+  MutePeer peer;
+  const Result result = run({"reboot"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "The camera reboots.\n");
+}
+
+TEST_F(Requests, RebootThatNobodyTakesFails) {
+  EXPECT_EQ(run({"reboot"}).status, 3);
+  Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
+  EXPECT_EQ(run({"reboot"}).status, 1);
+}
+
+TEST_F(Requests, ResetToDefaultsAsksOnATerminal) {
+  Peer peer(answering(0));
+  Child refuser({"reset-defaults"}, Child::On::Terminal);
+  ASSERT_TRUE(refuser.AwaitOutput("[y/N] "));
+  refuser.Write("n\n");
+  EXPECT_EQ(refuser.Wait().status, 6);
+  EXPECT_TRUE(peer.Received().empty());
+  Child accepter({"reset-defaults"}, Child::On::Terminal);
+  ASSERT_TRUE(accepter.AwaitOutput("[y/N] "));
+  accepter.Write("y\n");
+  EXPECT_EQ(accepter.Wait().status, 0);
+  EXPECT_EQ(peer.Received().size(), 1U);
+}
+
+TEST_F(Requests, OutputThatCannotBeWrittenGivesStatusSix) {
+  Peer peer(answering(0));
+  const std::string command = std::string(KOVACTL_PROGRAM) + " call Anything >/dev/full";
+  const int status = std::system(command.c_str());
+  EXPECT_EQ(WEXITSTATUS(status), 6);
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing
