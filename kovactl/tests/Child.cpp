@@ -121,13 +121,15 @@ bool Child::Read(int timeoutMs) {
 }
 
 bool Child::AwaitOutput(const std::string& text) {
-  const auto deadline = Clock::now() + kPatience;
-  while (out_.find(text) == std::string::npos) {
-    if (Clock::now() > deadline || !Read(50)) {
-      return out_.find(text) != std::string::npos;
-    }
+  constexpr int kPatienceMs = 20000;
+  return AwaitOutputFor(text, kPatienceMs);
+}
+
+bool Child::AwaitOutputFor(const std::string& text, int milliseconds) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+  while (out_.find(text) == std::string::npos && Clock::now() < deadline && Read(20)) {
   }
-  return true;
+  return out_.find(text) != std::string::npos;
 }
 
 Result Child::Wait() {

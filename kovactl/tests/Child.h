@@ -31,6 +31,8 @@ class Child {
   void Signal(int signal) const;
   /// Waits until its output holds `text`.
   bool AwaitOutput(const std::string& text);
+  /// The same for so long at most.
+  bool AwaitOutputFor(const std::string& text, int milliseconds);
   /// Waits for its end. A child that does not end is killed and fails the test.
   Result Wait();
 

@@ -1,0 +1,146 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <sstream>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using variant::Variant;
+
+class BusView : public ::testing::Test {
+ protected:
+  // Sends until the listener is there, so that nothing depends on who starts first.
+  static void SendUntilTaken(const std::string& endpoint, std::vector<std::string> fields) {
+    std::vector<std::string> arguments{"call", "PlayState", "--to", endpoint};
+    arguments.insert(arguments.end(), fields.begin(), fields.end());
+    int status = 3;
+    for (int attempt = 0; status == 3 && attempt < 1000; ++attempt) {
+      status = run(arguments).status;
+    }
+    EXPECT_EQ(status, 0);
+  }
+
+  ipc::testing::PrivateBus bus_;
+};
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> all;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    all.push_back(line);
+  }
+  return all;
+}
+
+TEST_F(BusView, ListenPrintsALineForEachMessageAtOnce) {
+  Child listener({"listen", "kova_sounds_leds"});
+  SendUntilTaken("kova_sounds_leds", {"name=RESET_BUTTON\n", "volume:=40"});
+  ASSERT_TRUE(listener.AwaitOutput("\n"));
+  EXPECT_THAT(listener.out(), HasSubstr(" -> kova_sounds_leds PlayState id="));
+  EXPECT_THAT(listener.out(), HasSubstr(" name=\"RESET_BUTTON\\n\""));
+  EXPECT_THAT(listener.out(), HasSubstr(" volume=40"));
+  listener.Signal(SIGTERM);
+  const Result result = listener.Wait();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(lines(result.out).size(), 1U);
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(BusView, ListenPrintsJsonWithPasswordsMasked) {
+  Child listener({"listen", "client.me", "--json"});
+  SendUntilTaken("client.me", {"passwordOld=hunter2", "name=x"});
+  ASSERT_TRUE(listener.AwaitOutput("\n"));
+  Variant line;
+  ASSERT_GT(Variant::FromJSON(lines(listener.out()).front(), line), 0);
+  EXPECT_EQ(line.Find("kind")->ToText(), "call");
+  EXPECT_EQ(line.Find("destination")->ToText(), "client.me");
+  EXPECT_EQ(line.Find("message")->Find("name")->ToText(), "x");
+  EXPECT_EQ(line.Find("message")->Find("passwordOld")->ToText(), "********");
+  listener.Signal(SIGINT);
+  EXPECT_EQ(listener.Wait().status, 0);
+}
+
+TEST_F(BusView, ListenEndsWithStatusThreeWhenTheBusGoesAway) {
+  Child listener({"listen", "client.me"});
+  SendUntilTaken("client.me", {});
+  bus_.Kill();
+  EXPECT_EQ(listener.Wait().status, 3);
+}
+
+TEST_F(BusView, ListenUnderATakenNameFails) {
+  Peer peer(takingNote(), "kova_taken");
+  const Result result = run({"listen", "kova_taken"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("kova.kova_taken"));
+}
+
+TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
+  Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool& rejected) {
+    rejected = request.functionName() == "Nonsense";
+    if (!rejected) {
+      answering(0, Variant::Map{{"n", 5}})(request, ipc, rejected);
+    }
+  });
+  Child monitor({"monitor"});
+  // A monitor tells nobody when it is there; what it shows does.
+  std::size_t sent = 0;
+  do {
+    EXPECT_EQ(run({"call", "Something", "a=b", "id:=1"}).status, 0);
+  } while (++sent < 1000 && !monitor.AwaitOutputFor("Something", 50));
+  EXPECT_EQ(run({"call", "Nonsense"}).status, 1);
+  ASSERT_TRUE(monitor.AwaitOutput("error kova.Error.UnknownFunction"));
+  EXPECT_THAT(monitor.out(), HasSubstr(" -> kova_ctlserver Something a=\"b\" id=1"));
+  EXPECT_THAT(monitor.out(), HasSubstr("kova_ctlserver -> "));
+  EXPECT_THAT(monitor.out(), HasSubstr(" answer id="));
+  EXPECT_THAT(monitor.out(), HasSubstr(" payload={\"n\":5} requestId=1 statusCode=0"));
+  monitor.Signal(SIGINT);
+  EXPECT_EQ(monitor.Wait().status, 130);
+}
+
+TEST_F(BusView, MonitorMasksPasswords) {
+  Peer peer(answering(0, Variant::Map{{"username", "admin"}}));
+  for (const bool json : {false, true}) {
+    Child monitor(json ? std::vector<std::string>{"monitor", "--json"}
+                       : std::vector<std::string>{"monitor"});
+    std::size_t sent = 0;
+    do {
+      EXPECT_EQ(run({"user", "passwd", "--stdin"}, "hunter2\nswordfish\n").status, 0);
+    } while (++sent < 1000 && !monitor.AwaitOutputFor("passwordNew", 50));
+    EXPECT_THAT(monitor.out(), HasSubstr("********"));
+    EXPECT_THAT(monitor.out(), Not(HasSubstr("hunter2")));
+    EXPECT_THAT(monitor.out(), Not(HasSubstr("swordfish")));
+  }
+}
+
+TEST_F(BusView, MonitorEndsWithStatusThreeWhenTheBusGoesAway) {
+  Peer peer(takingNote());
+  Child monitor({"monitor"});
+  std::size_t sent = 0;
+  do {
+    EXPECT_EQ(run({"call", "Something"}).status, 0);
+  } while (++sent < 1000 && !monitor.AwaitOutputFor("Something", 50));
+  bus_.Kill();
+  EXPECT_EQ(monitor.Wait().status, 3);
+}
+
+TEST_F(BusView, CompletionOffersFunctionsFieldsSectionsAndEndpoints) {
+  EXPECT_THAT(lines(run({"__complete", "functions"}).out),
+              ::testing::IsSupersetOf({"GetSystemStats", "ResetToDefaults", "PlayState"}));
+  EXPECT_THAT(lines(run({"__complete", "fields", "SaveToFlash"}).out),
+              ::testing::ElementsAre("responseExpected:=", "sync:="));
+  EXPECT_THAT(lines(run({"__complete", "fields", "StartService"}).out),
+              ::testing::Contains("service="));
+  EXPECT_THAT(lines(run({"__complete", "sections"}).out), ::testing::Contains("cpuInfo"));
+  EXPECT_THAT(lines(run({"__complete", "endpoints"}).out), ::testing::Contains("kova_ctlserver"));
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing

@@ -1,0 +1,125 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using variant::Variant;
+
+class Passwords : public ::testing::Test {
+ protected:
+  Passwords() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
+  ~Passwords() override { std::filesystem::remove_all(folder_); }
+
+  std::string File(const std::string& name, const std::string& content) const {
+    const std::string path = folder_ + "/" + name;
+    std::ofstream(path) << content;
+    return path;
+  }
+
+  // What the last request asked for: name, old and new password.
+  std::vector<std::string> Asked() const {
+    const Peer::Request request = peer_.Received().back();
+    return {request.Find("username")->ToText(), request.Find("passwordOld")->ToText(),
+            request.Find("passwordNew")->ToText()};
+  }
+
+  std::string folder_ = std::filesystem::temp_directory_path() / "kovactl_test.XXXXXX";
+  ipc::testing::PrivateBus bus_;
+  Peer peer_{answering(0, Variant::Map{{"username", "admin"}})};
+};
+
+TEST_F(Passwords, UserShowPrintsTheName) {
+  const Result result = run({"user", "show"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "admin\n");
+}
+
+TEST_F(Passwords, AreReadFromTwoLinesOfStandardInput) {
+  EXPECT_EQ(run({"user", "passwd", "--stdin"}, "old one\nnew\nrest\n").status, 0);
+  EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "old one", "new"}));
+  EXPECT_EQ(run({"user", "passwd", "--stdin", "--name", "boss"}, "a\nb").status, 0);
+  EXPECT_EQ(Asked(), (std::vector<std::string>{"boss", "a", "b"}));
+}
+
+TEST_F(Passwords, AreReadFromTheFirstLinesOfFiles) {
+  EXPECT_EQ(run({"user", "passwd", "--old-file", File("old", "a b\nrest"), "--new-file",
+                 File("new", "c")})
+                .status,
+            0);
+  EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "a b", "c"}));
+  const Result missing =
+      run({"user", "passwd", "--old-file", folder_ + "/none", "--new-file", File("new", "c")});
+  EXPECT_EQ(missing.status, 6);
+  EXPECT_THAT(missing.err, HasSubstr("No such file"));
+}
+
+TEST_F(Passwords, EmptyOrTooLongOnesAreRefusedBeforeTheyAreSent) {
+  for (const std::string& input :
+       {std::string("\nnew\n"), std::string("old\n\n"), std::string(65, 'x') + "\nnew\n",
+        std::string("old\n"), "old\n" + std::string(65, 'x') + "\n"}) {
+    EXPECT_EQ(run({"user", "passwd", "--stdin", "--name", "n"}, input).status, 2) << input;
+  }
+  EXPECT_TRUE(peer_.Received().empty());
+  EXPECT_EQ(run({"user", "passwd", "--stdin", "--name", "n"},
+                std::string(64, 'x') + "\n" + std::string(64, 'y') + "\n")
+                .status,
+            0);
+}
+
+TEST_F(Passwords, NeitherTerminalNorOptionIsAUsageError) {
+  const Result result = run({"user", "passwd"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.err, HasSubstr("--stdin"));
+}
+
+TEST_F(Passwords, AreAskedForWithoutEcho) {
+  Child child({"user", "passwd"}, Child::On::Terminal);
+  ASSERT_TRUE(child.AwaitOutput("Old password: "));
+  EXPECT_FALSE(child.Echoes());
+  child.Write("hunter2\n");
+  ASSERT_TRUE(child.AwaitOutput("New password: "));
+  child.Write("swordfish\n");
+  ASSERT_TRUE(child.AwaitOutput("New password again: "));
+  child.Write("swordfish\n");
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 0) << result.out;
+  EXPECT_TRUE(child.Echoes());
+  EXPECT_THAT(result.out, Not(HasSubstr("hunter2")));
+  EXPECT_THAT(result.out, Not(HasSubstr("swordfish")));
+  EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "hunter2", "swordfish"}));
+}
+
+TEST_F(Passwords, TwoDifferentNewOnesChangeNothing) {
+  Child child({"user", "passwd", "--name", "n", "--old-file", File("old", "a")},
+              Child::On::Terminal);
+  ASSERT_TRUE(child.AwaitOutput("New password: "));
+  child.Write("one\n");
+  ASSERT_TRUE(child.AwaitOutput("again: "));
+  child.Write("two\n");
+  EXPECT_EQ(child.Wait().status, 6);
+  EXPECT_TRUE(peer_.Received().empty());
+}
+
+TEST_F(Passwords, CtrlCAtThePromptRestoresTheEcho) {
+  Child child({"user", "passwd"}, Child::On::Terminal);
+  ASSERT_TRUE(child.AwaitOutput("Old password: "));
+  child.Write("secr\x03");
+  EXPECT_EQ(child.Wait().status, 130);
+  EXPECT_TRUE(child.Echoes());
+  EXPECT_EQ(peer_.Received().size(), 1U) << "only the name was asked for";
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing

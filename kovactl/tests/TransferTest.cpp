@@ -1,0 +1,179 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+#include "kova/messages/Events.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using ipc::messages::EventTransferRequestStatus;
+using ipc::messages::EventUpdateFirmwareFailure;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using variant::Variant;
+
+constexpr const char* kDigest = "900150983cd24fb0d6963f7d28e17f72";
+
+class Transfers : public ::testing::Test {
+ protected:
+  ipc::testing::PrivateBus bus_;
+};
+
+void sendStatus(Peer::Request& request, ipc::Ipc& ipc, std::uint64_t id, const char* status) {
+  EventTransferRequestStatus event;
+  event.to(request.from());
+  event.requestId(id);
+  event.status(status);
+  EXPECT_TRUE(ipc.SendRequest(event));
+}
+
+// Tells the requester this outcome, as the camera does.
+Peer::Script ending(const char* status) {
+  return [status](Peer::Request& request, ipc::Ipc& ipc, bool&) {
+    sendStatus(request, ipc, request.id(), status);
+  };
+}
+
+std::vector<std::string> putLogo(const std::string& seconds) {
+  return {"put", "logo", "http://x/logo", "--hash", kDigest, "--timeout", seconds, "--wait"};
+}
+
+TEST_F(Transfers, WaitEndsWithZeroForOk) {
+  Peer peer(ending("OK"));
+  const Result result = run(putLogo("10"));
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "OK\n");
+  Peer::Request request = peer.Received().front();
+  EXPECT_THAT(request.from(), ::testing::StartsWith("client.kovactl_"));
+  EXPECT_EQ(request.Find("what")->ToText(), "logo");
+  EXPECT_EQ(request.Find("uri")->ToText(), "http://x/logo");
+  EXPECT_EQ(request.Find("hash")->ToText(), kDigest);
+  EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{10000}));
+}
+
+TEST_F(Transfers, WaitEndsWithOneForAnythingElse) {
+  Peer peer(ending("VALIDATION_FAILED"));
+  const Result result = run(putLogo("10"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "kovactl: the transfer failed: VALIDATION_FAILED\n");
+}
+
+TEST_F(Transfers, WaitPrintsTheOutcomeAsJson) {
+  Peer peer(ending("TRANSFER_TOOLARGE"));
+  auto arguments = putLogo("10");
+  arguments.push_back("--json");
+  const Result result = run(arguments);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "{\"outcome\":\"TRANSFER_TOOLARGE\",\"requestId\":" +
+                            std::to_string(peer.Received().front().id()) + "}\n");
+}
+
+TEST_F(Transfers, WaitIgnoresEventsOfOtherRequests) {
+  Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool&) {
+    sendStatus(request, ipc, request.id() + 1, "OK");
+    sendStatus(request, ipc, request.id(), "DISK_IO_FAILED");
+  });
+  const Result result = run(putLogo("10"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("DISK_IO_FAILED"));
+}
+
+TEST_F(Transfers, SilenceEndsWithAStatusOfItsOwnAndItsMeaning) {
+  Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool&) {
+    sendStatus(request, ipc, request.id() + 1, "OK");
+  });
+  const Result put = run(putLogo("0.1"));
+  EXPECT_EQ(put.status, 5);
+  EXPECT_THAT(put.err, HasSubstr("the camera has this very file already"));
+  const Result get = run({"get", "snapshot", "http://x/", "--timeout", "0.1", "--wait", "--json"});
+  EXPECT_EQ(get.status, 5);
+  EXPECT_THAT(get.err, HasSubstr("the upload has succeeded, or the camera refused"));
+  EXPECT_THAT(get.out, HasSubstr("\"outcome\":\"unknown\""));
+}
+
+TEST_F(Transfers, FirmwareFailureIsTold) {
+  Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool&) {
+    EventUpdateFirmwareFailure event;
+    event.to(request.from());
+    event.requestId(request.id());
+    event.reason("FW_CHECK_INCOMPAT_HW");
+    EXPECT_TRUE(ipc.SendRequest(event));
+  });
+  const Result result = run({"firmware", "http://x/fw.bin", "--wait"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "kovactl: the transfer failed: FW_CHECK_INCOMPAT_HW\n");
+  EXPECT_EQ(*peer.Received().front().Find("timeoutMs"), Variant(std::uint32_t{600000}));
+}
+
+TEST_F(Transfers, WithoutWaitItEndsWhenTheRequestIsTaken) {
+  Peer peer(takingNote());
+  EXPECT_EQ(run({"put", "sound", "http://x/s.wav", "--hash", kDigest}).status, 0);
+  EXPECT_EQ(run({"firmware", "http://x/fw.bin"}).status, 0);
+  EXPECT_EQ(run({"get", "support", "http://x/"}).status, 0);
+  const auto received = peer.Received();
+  ASSERT_EQ(received.size(), 3U);
+  // The camera refuses a request whose events would go to nobody.
+  EXPECT_EQ(received[0].Find("from")->ToText(), "client.kovactl");
+  EXPECT_EQ(received[1].Find("from")->ToText(), "client.kovactl");
+  EXPECT_EQ(*received[2].Find("disableEvents"), Variant(true));
+  EXPECT_EQ(received[2].Find("what")->ToText(), "supportInfo");
+}
+
+TEST_F(Transfers, DigestIsTakenFromALocalFileOrMadeLowerCase) {
+  Peer peer(takingNote());
+  const std::string file = KOVACTL_TEST_DATA "/abc.txt";
+  EXPECT_EQ(run({"put", "logo", "http://x/", "--file", file}).status, 0);
+  EXPECT_EQ(run({"put", "logo", "http://x/", "--hash", "900150983CD24FB0D6963F7D28E17F72"}).status,
+            0);
+  for (const Peer::Request& request : peer.Received()) {
+    EXPECT_EQ(request.Find("hash")->ToText(), kDigest);
+  }
+  const Result missing = run({"put", "logo", "http://x/", "--file", "/nonexistent/logo"});
+  EXPECT_EQ(missing.status, 6);
+  EXPECT_EQ(missing.err, "kovactl: cannot read /nonexistent/logo: No such file or directory\n");
+}
+
+TEST_F(Transfers, UploadCarriesFileNameAndFormFields) {
+  Peer peer(takingNote());
+  EXPECT_EQ(run({"get", "event-heatmap", "http://x/", "--filename", "heatmap_1.png", "--field",
+                 "a=b=c", "--field", "d="})
+                .status,
+            0);
+  const Peer::Request request = peer.Received().front();
+  EXPECT_EQ(request.Find("what")->ToText(), "eventHeatmap");
+  EXPECT_EQ(request.Find("filename")->ToText(), "heatmap_1.png");
+  EXPECT_EQ(*request.Find("formFields"), (Variant(Variant::Map{{"a", "b=c"}, {"d", ""}})));
+  EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{90000}));
+}
+
+TEST_F(Transfers, UnknownFunctionAndAbsentCameraAreToldAtOnce) {
+  EXPECT_EQ(run(putLogo("60")).status, 3);
+  Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
+  EXPECT_EQ(run(putLogo("60")).status, 1);
+}
+
+TEST_F(Transfers, BusThatGoesAwayWhileWaitingGivesStatusThree) {
+  Peer peer(takingNote());
+  Child child(putLogo("60"));
+  ASSERT_TRUE(peer.AwaitReceived(1));
+  bus_.Kill();
+  EXPECT_EQ(child.Wait().status, 3);
+}
+
+TEST_F(Transfers, SpinnerShowsOnATerminalAndIsWipedOff) {
+  Peer peer(takingNote());
+  Child child(putLogo("60"), Child::On::Terminal);
+  ASSERT_TRUE(child.AwaitOutput("waiting for the camera  0 s"));
+  child.Write("\x03");
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_THAT(result.out, EndsWith("\r\x1b[K"));
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing

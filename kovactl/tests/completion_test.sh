@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Checks what the bash completion offers: completion_test.sh KOVACTL COMPLETION
+set -euo pipefail
+
+PATH="$(dirname "$1"):$PATH"
+# shellcheck disable=SC1090
+source "$2"
+
+failures=0
+
+# expect WORD WORDS...: completing the last of WORDS offers WORD; "-" in place of WORD: nothing.
+expect() {
+  local wanted=$1
+  shift
+  COMP_WORDS=(kovactl "$@")
+  COMP_CWORD=$#
+  COMPREPLY=()
+  _kovactl
+  if [[ $wanted == - && ${#COMPREPLY[@]} -eq 0 ]]; then
+    return
+  fi
+  if ! printf '%s\n' "${COMPREPLY[@]}" | grep -qxF -e "$wanted"; then
+    echo "\"$*\" offers \"${COMPREPLY[*]}\", not \"$wanted\"" >&2
+    failures=$((failures + 1))
+  fi
+}
+
+expect stats st
+expect listen ''
+expect --json --j
+expect --version --v
+expect cpuInfo stats cpu
+expect --watch stats --w
+expect start --bus unix:path=/x service ''
+expect passwd user p
+expect - user passwd x
+expect event-heatmap get event-h
+expect --wait put logo --w
+expect GetSystemStats call Get
+expect wifi:= call GetSystemStats wi
+expect kova_ctlserver call Reboot --to ''
+expect kova_sounds_leds listen kova_s
+expect - listen kova_sounds_leds ''
+expect name= settings n
+
+exit $((failures > 0))
