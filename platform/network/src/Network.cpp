@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "Routes.h"
-#include "kova/utils/File.h"
+#include "kova/utils/ProcFile.h"
 #include "kova/utils/Words.h"
 
 namespace kova::network {
@@ -84,13 +84,14 @@ std::string defaultInterface(std::string_view ipv4Routes, std::string_view ipv6R
 }
 
 std::string guessDefaultInterface() {
-  std::string routes;
-  utils::File::ReadStringAll("/proc/net/route", routes);
-  std::string interface = defaultInterface(routes, "");
+  static utils::ProcFile ipv4("/proc/net/route", utils::ProcFile::Form::kRecords);
+  static utils::ProcFile ipv6("/proc/net/ipv6_route", utils::ProcFile::Form::kRecords);
+  std::string_view routes;
+  ipv4.Read(routes);
+  std::string interface = bestDefault(routes, parseIpv4);
   if (!interface.empty()) return interface;
-  routes.clear();
-  utils::File::ReadStringAll("/proc/net/ipv6_route", routes);
-  return defaultInterface("", routes);
+  ipv6.Read(routes);
+  return bestDefault(routes, parseIpv6);
 }
 
 }  // namespace kova::network

@@ -36,15 +36,7 @@ int onRefusal(sockaddr_nl*, nlmsgerr*, void* exchange) {
   return NL_STOP;
 }
 
-bool openConnection(nl_sock* socket) {
-  return socket != nullptr && genl_connect(socket) == 0 && nl_socket_set_nonblocking(socket) == 0;
-}
-
 }  // namespace
-
-Netlink::Netlink(std::uint64_t deadlineMs) : socket_(nl_socket_alloc()), deadlineMs_(deadlineMs) {
-  if (!openConnection(socket_.get())) socket_.reset();
-}
 
 int Netlink::Family(const char* name) {
   NlMessage request(nlmsg_alloc());
@@ -72,15 +64,24 @@ NlMessage Netlink::Dump(int family, std::uint8_t command) {
 }
 
 bool Netlink::Ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
-  if (!socket_) return false;
+  if (!socket_ && !Connect()) return false;
   Exchange exchange{onAnswer};
   nl_socket_modify_cb(socket_.get(), NL_CB_VALID, NL_CB_CUSTOM, onValid, &exchange);
   nl_socket_modify_cb(socket_.get(), NL_CB_FINISH, NL_CB_CUSTOM, onFinish, &exchange);
   nl_socket_modify_cb(socket_.get(), NL_CB_ACK, NL_CB_CUSTOM, onFinish, &exchange);
   nl_socket_modify_err_cb(socket_.get(), NL_CB_CUSTOM, onRefusal, &exchange);
   const bool answered = nl_send_auto(socket_.get(), request) >= 0 && Await(exchange.finished);
-  if (!answered || exchange.refused) socket_.reset();
+  if (!answered) socket_.reset();
   return answered && !exchange.refused;
+}
+
+bool Netlink::Connect() {
+  NlSocket socket(nl_socket_alloc());
+  if (!socket || genl_connect(socket.get()) != 0 || nl_socket_set_nonblocking(socket.get()) != 0) {
+    return false;
+  }
+  socket_ = std::move(socket);
+  return true;
 }
 
 bool Netlink::Await(const bool& finished) {

@@ -20,12 +20,12 @@ struct ReleaseWith {
 using NlSocket = std::unique_ptr<nl_sock, ReleaseWith<nl_socket_free>>;
 using NlMessage = std::unique_ptr<nl_msg, ReleaseWith<nlmsg_free>>;
 
-/// A generic netlink connection (genetlink) for one round of questions, which must all be answered
-/// before a deadline: the caller never hangs.
+/// A generic netlink connection (genetlink), made when first needed. Answers are waited for until a
+/// deadline only, so the caller never hangs.
 class Netlink {
  public:
-  /// @param deadlineMs on the clock of nowMs()
-  explicit Netlink(std::uint64_t deadlineMs);
+  /// Until when the questions that follow must be answered, on the clock of nowMs().
+  void SetDeadline(std::uint64_t deadlineMs) { deadlineMs_ = deadlineMs; }
 
   /// Number of the family `name`; -1 when the kernel does not know it.
   int Family(const char* name);
@@ -34,14 +34,15 @@ class Netlink {
   static NlMessage Dump(int family, std::uint8_t command);
 
   /// Sends a request and hands every answer to `onAnswer`. False when the request was refused or
-  /// its deadline passed; the connection is then closed, and later requests fail.
+  /// not answered in time; a late answer is never taken for that of another request.
   bool Ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer);
 
  private:
+  bool Connect();
   bool Await(const bool& finished);
 
   NlSocket socket_;
-  std::uint64_t deadlineMs_;
+  std::uint64_t deadlineMs_ = 0;
 };
 
 }  // namespace kova::utils

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include "UniqueFd.h"
+#include "kova/utils/UniqueFd.h"
 
 namespace kova::utils {
 

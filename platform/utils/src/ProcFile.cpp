@@ -1,11 +1,8 @@
-#include "ProcFile.h"
+#include "kova/utils/ProcFile.h"
 
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cerrno>
-
-#include "UniqueFd.h"
 
 namespace kova::utils {
 namespace {
@@ -14,33 +11,29 @@ constexpr std::size_t kFirstRead = 4096;
 
 }  // namespace
 
-int readFromStart(int fd, std::string& text) {
-  std::size_t filled = 0;
-  text.resize(std::max(text.capacity(), kFirstRead));
-  while (true) {
-    if (filled == text.size()) text.resize(2 * filled);
-    const ssize_t got =
-        pread(fd, text.data() + filled, text.size() - filled, static_cast<off_t>(filled));
-    if (got > 0) {
-      filled += static_cast<std::size_t>(got);
-    } else if (got == 0) {
-      text.resize(filled);
-      return 0;
-    } else if (errno != EINTR) {
-      const int error = errno;
-      text.clear();
-      return error;
-    }
-  }
+int ProcFile::Open() {
+  if (!fd_) fd_ = UniqueFd(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  return fd_ ? 0 : errno;
 }
 
-int readSmallFile(const std::string& path, std::string& text) {
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd) {
-    text.clear();
-    return errno;
+int ProcFile::Read(std::string_view& text) {
+  text = {};
+  if (const int error = Open(); error != 0) return error;
+  if (buffer_.empty()) buffer_.resize(kFirstRead);
+  std::size_t filled = 0;
+  while (true) {
+    const ssize_t got = pread(fd_.Get(), buffer_.data() + filled, buffer_.size() - filled,
+                              static_cast<off_t>(filled));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return errno;
+    filled += static_cast<std::size_t>(got);
+    const bool leftRoom = filled < buffer_.size();
+    if (got == 0 || (leftRoom && form_ == Form::kOnePiece)) {
+      text = std::string_view(buffer_).substr(0, filled);
+      return 0;
+    }
+    if (!leftRoom) buffer_.resize(2 * buffer_.size());
   }
-  return readFromStart(fd.Get(), text);
 }
 
 }  // namespace kova::utils

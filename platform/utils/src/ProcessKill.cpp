@@ -8,8 +8,8 @@
 #include <memory>
 #include <string_view>
 
-#include "UniqueFd.h"
 #include "kova/utils/Process.h"
+#include "kova/utils/UniqueFd.h"
 #include "kova/utils/Words.h"
 
 namespace kova::utils {

@@ -9,11 +9,11 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "UniqueFd.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
 #include "kova/utils/Strings.h"
+#include "kova/utils/UniqueFd.h"
 
 namespace kova::utils {
 namespace {

@@ -1,43 +1,25 @@
 #include "kova/utils/Stats.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <memory>
 #include <new>
 
-#include "ProcFile.h"
 #include "StatsInternal.h"
 #include "kova/utils/Clock.h"
+#include "kova/utils/ProcFile.h"
 
 namespace kova::utils {
 namespace {
 
-bool openInto(UniqueFd& fd, const char* path) {
-  fd = UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
-  return static_cast<bool>(fd);
-}
-
-/// Runs `parse` on the current content behind `fd`; the record is zeroed before and after a
-/// failure.
+/// Runs `parse` on the current content of `file`; the record is zeroed after a failure.
 template <typename Stats, typename Parse>
-int readInto(int fd, std::string& text, Stats* stats, Parse parse) {
+int readInto(ProcFile& file, Stats* stats, Parse parse) {
   *stats = Stats{};
-  int error = readFromStart(fd, text);
-  if (error == 0) error = parse(std::string_view(text), *stats);
+  std::string_view text;
+  int error = file.Read(text);
+  if (error == 0) error = parse(text, *stats);
   if (error != 0) *stats = Stats{};
   return error;
-}
-
-template <typename Stats, typename Parse>
-int readInto(const char* path, Stats* stats, Parse parse) {
-  UniqueFd fd;
-  if (!openInto(fd, path)) {
-    *stats = Stats{};
-    return errno;
-  }
-  std::string text;
-  return readInto(fd.Get(), text, stats, parse);
 }
 
 }  // namespace
@@ -46,9 +28,8 @@ int InitializeStatsLib(StatsLib** lib) {
   *lib = nullptr;
   std::unique_ptr<StatsLib> created(new (std::nothrow) StatsLib);
   if (!created) return ENOMEM;
-  if (!openInto(created->meminfo, "/proc/meminfo") || !openInto(created->stat, "/proc/stat") ||
-      !openInto(created->netDev, "/proc/net/dev")) {
-    return errno;
+  for (ProcFile* file : {&created->meminfo, &created->stat, &created->netDev}) {
+    if (const int error = file->Open(); error != 0) return error;
   }
   *lib = created.release();
   return 0;
@@ -60,28 +41,29 @@ void CloseStatsLib(StatsLib** lib) {
 }
 
 int GetMemoryStats(StatsLib* lib, MemoryStats* stats) {
-  return readInto(lib->meminfo.Get(), lib->text, stats, parseMemory);
+  return readInto(lib->meminfo, stats, parseMemory);
 }
 
 int GetCpuStats(StatsLib* lib, CpuStats* stats) {
-  return readInto(lib->stat.Get(), lib->text, stats, [lib](std::string_view text, CpuStats& out) {
+  return readInto(lib->stat, stats, [lib](std::string_view text, CpuStats& out) {
     return lib->cpu.Update(text, out);
   });
 }
 
 int GetNetworkStats(StatsLib* lib, NetworkStats* stats) {
-  return readInto(lib->netDev.Get(), lib->text, stats,
-                  [lib](std::string_view text, NetworkStats& out) {
-                    return lib->network.Update(text, nowMs(), out);
-                  });
+  return readInto(lib->netDev, stats, [lib](std::string_view text, NetworkStats& out) {
+    return lib->network.Update(text, nowMs(), out);
+  });
 }
 
 int GetLoadAverage(LoadAverage* load) {
-  return readInto("/proc/loadavg", load, parseLoadAverage);
+  static ProcFile file("/proc/loadavg", ProcFile::Form::kOnePiece);
+  return readInto(file, load, parseLoadAverage);
 }
 
 int GetUptimeStats(UptimeStats* stats) {
-  return readInto("/proc/uptime", stats, parseUptime);
+  static ProcFile file("/proc/uptime", ProcFile::Form::kOnePiece);
+  return readInto(file, stats, parseUptime);
 }
 
 int GetCpuInfo(CpuInfo* info) {
@@ -90,13 +72,16 @@ int GetCpuInfo(CpuInfo* info) {
   static CpuInfo cached;
   static bool isCached = false;
   if (!isCached) {
-    const int error = readInto("/proc/cpuinfo", info, [](std::string_view text, CpuInfo& out) {
+    ProcFile file("/proc/cpuinfo", ProcFile::Form::kRecords);
+    const int error = readInto(file, &cached, [](std::string_view text, CpuInfo& out) {
       out = parseCpuInfo(text);
       return 0;
     });
-    if (error != 0) return error;
-    cached = *info;
-    isCached = true;
+    isCached = error == 0;
+    if (!isCached) {
+      *info = CpuInfo{};
+      return error;
+    }
   }
   *info = cached;
   return 0;

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <memory>
 
-#include "ProcFile.h"
 #include "StatsInternal.h"
+#include "kova/utils/ProcFile.h"
 #include "kova/utils/Strings.h"
 #include "kova/utils/Words.h"
 
@@ -17,8 +17,10 @@ struct CloseDir {
 
 /// An attribute of a power supply, "" when it has none of that name.
 std::string attribute(const std::string& supply, const char* name) {
-  std::string text;
-  readSmallFile(supply + "/" + name, text);
+  ProcFile file(supply + "/" + name, ProcFile::Form::kOnePiece);
+  std::string_view content;
+  file.Read(content);
+  std::string text(content);
   trim(text);
   return text;
 }

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "UniqueFd.h"
+#include "kova/utils/ProcFile.h"
 #include "kova/utils/Stats.h"
 
 // The readers behind Stats.h, apart from where the text comes from. Each parser returns 0, or EIO
@@ -71,10 +71,9 @@ void parseWireless(std::string_view procNetWireless, WiFiStats& stats);
 bool readBattery(const std::string& folder, BatteryInfo& info);
 
 struct StatsLib {
-  UniqueFd meminfo;
-  UniqueFd stat;
-  UniqueFd netDev;
-  std::string text;  // reused from reading to reading
+  ProcFile meminfo{"/proc/meminfo", ProcFile::Form::kOnePiece};
+  ProcFile stat{"/proc/stat", ProcFile::Form::kOnePiece};
+  ProcFile netDev{"/proc/net/dev", ProcFile::Form::kRecords};
   CpuMeter cpu;
   NetworkMeter network;
 };

@@ -1,6 +1,7 @@
 #include <linux/nl80211.h>
 #include <netlink/attr.h>
 #include <netlink/genl/genl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -8,9 +9,9 @@
 #include <cstring>
 
 #include "Netlink.h"
-#include "ProcFile.h"
 #include "StatsInternal.h"
 #include "kova/utils/Clock.h"
+#include "kova/utils/ProcFile.h"
 #include "kova/utils/Words.h"
 
 namespace kova::utils {
@@ -40,17 +41,35 @@ std::int32_t querySignal(Netlink& netlink, int family, const WirelessInterface& 
   return dBm;
 }
 
-bool readNl80211(WiFiStats& stats) {
-  Netlink netlink(nowMs() + kTimeoutMs);
-  const int family = netlink.Family(NL80211_GENL_NAME);
+bool queryAll(Netlink& netlink, int family, WiFiStats& stats) {
   std::vector<WirelessInterface> interfaces;
-  if (family < 0 || !queryInterfaces(netlink, family, interfaces)) return false;
+  if (!queryInterfaces(netlink, family, interfaces)) return false;
   for (const WirelessInterface& interface : interfaces) {
-    const bool isClient = interface.isClient;
-    addWiFiInterface(interface.name,
-                     isClient ? querySignal(netlink, family, interface) : kNoSignalDbm, stats);
+    const std::int32_t dBm =
+        interface.isClient ? querySignal(netlink, family, interface) : kNoSignalDbm;
+    addWiFiInterface(interface.name, dBm, stats);
   }
   return true;
+}
+
+int findFamily(Netlink& netlink) {
+  // Asked for a family that it does not have, the kernel looks for a module each time.
+  const bool hasWireless = access("/sys/class/ieee80211", F_OK) == 0;
+  return hasWireless ? netlink.Family(NL80211_GENL_NAME) : -1;
+}
+
+bool readNl80211(WiFiStats& stats) {
+  static Netlink netlink;
+  static int family = -1;
+  netlink.SetDeadline(nowMs() + kTimeoutMs);
+  // Once more when the number is out of date: the driver may have been unloaded and loaded again.
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    if (family < 0) family = findFamily(netlink);
+    if (family < 0) return false;
+    if (queryAll(netlink, family, stats)) return true;
+    family = -1;
+  }
+  return false;
 }
 
 }  // namespace
@@ -116,8 +135,9 @@ void parseWireless(std::string_view procNetWireless, WiFiStats& stats) {
 int GetWiFiStats(WiFiStats* stats) {
   *stats = WiFiStats{};
   if (readNl80211(*stats)) return 0;
-  std::string text;
-  if (readSmallFile("/proc/net/wireless", text) == 0) parseWireless(text, *stats);
+  ProcFile file("/proc/net/wireless", ProcFile::Form::kRecords);
+  std::string_view text;
+  if (file.Read(text) == 0) parseWireless(text, *stats);
   return 0;
 }
 

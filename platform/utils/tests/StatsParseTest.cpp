@@ -1,10 +1,7 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 
 #include <cerrno>
 
-#include "ProcFile.h"
 #include "StatsInternal.h"
 #include "TemporaryFolder.h"
 
@@ -13,41 +10,6 @@ namespace {
 
 using tests::TemporaryFolder;
 using tests::writeText;
-
-TEST(ReadFromStart, GrowsWithTheFileAndStartsAnewEachTime) {
-  const TemporaryFolder folder;
-  const std::string content(100000, 'x');
-  std::string text;
-  writeText(folder / "file", content);
-  writeText(folder / "empty", "");
-  ASSERT_EQ(0, readSmallFile(folder / "file", text));
-  EXPECT_EQ(content, text);
-  ASSERT_EQ(0, readSmallFile(folder / "empty", text));
-  EXPECT_EQ("", text);
-}
-
-TEST(ReadFromStart, OneDescriptorGivesFreshContentEachTime) {
-  const UniqueFd fd(open("/proc/thread-self/comm", O_RDONLY | O_CLOEXEC));
-  char before[16] = {};
-  prctl(PR_GET_NAME, before);
-  std::string text;
-  prctl(PR_SET_NAME, "first");
-  EXPECT_EQ(0, readFromStart(fd.Get(), text));
-  EXPECT_EQ("first\n", text);
-  prctl(PR_SET_NAME, "second");
-  EXPECT_EQ(0, readFromStart(fd.Get(), text));
-  EXPECT_EQ("second\n", text);
-  prctl(PR_SET_NAME, before);
-}
-
-TEST(ReadFromStart, TellsWhyItFailed) {
-  const TemporaryFolder folder;
-  std::string text = "old";
-  EXPECT_EQ(ENOENT, readSmallFile(folder / "missing", text));
-  EXPECT_EQ("", text);
-  EXPECT_EQ(EISDIR, readSmallFile(folder.path(), text));
-  EXPECT_EQ(EBADF, readFromStart(-1, text));
-}
 
 TEST(ParseMemory, FindsTotalAndFree) {
   MemoryStats stats{};

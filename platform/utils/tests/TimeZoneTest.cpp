@@ -1,0 +1,175 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "TemporaryFolder.h"
+#include "TimeZoneInternal.h"
+
+namespace kova::utils {
+namespace {
+
+using tests::readText;
+using tests::TemporaryFolder;
+using tests::writeText;
+
+const std::string kHeader("TZif2\0\0\0binary\nbody", 18);
+
+std::string zoneFile(const std::string& rule) {
+  return kHeader + "\n" + rule + "\n";
+}
+
+TEST(PosixRule, IsTheLastLine) {
+  EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3", posixRule(zoneFile("CET-1CEST,M3.5.0,M10.5.0/3")));
+  EXPECT_EQ("<+03>-3", posixRule(zoneFile("<+03>-3")));
+}
+
+TEST(PosixRule, IsEmptyForWhatIsNoZoneOrHasNoRule) {
+  EXPECT_EQ("", posixRule(""));
+  EXPECT_EQ("", posixRule("TZif"));
+  EXPECT_EQ("", posixRule("TZif2"));
+  EXPECT_EQ("", posixRule("TZif2\n"));
+  EXPECT_EQ("", posixRule("text\nGMT0\n"));
+  EXPECT_EQ("", posixRule(zoneFile("")));
+  EXPECT_EQ("", posixRule(zoneFile("GMT0") + "x"));
+  EXPECT_EQ("", posixRule(zoneFile("GMT 0")));
+  std::string firstVersion = zoneFile("GMT0");
+  firstVersion[4] = '\0';
+  EXPECT_EQ("", posixRule(firstVersion));
+}
+
+class WriteTimeZoneTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::create_directories(folders_.zoneinfo + "/Europe");
+    std::filesystem::create_directories(folders_.etc);
+    writeText(folders_.zoneinfo + "/Europe/Paris", zoneFile("CET-1CEST,M3.5.0,M10.5.0/3"));
+    writeText(folders_.zoneinfo + "/UTC", zoneFile("UTC0"));
+  }
+
+  bool Write(const std::string& zone) const { return writeTimeZone(zone, folders_); }
+
+  std::string Localtime() const {
+    std::error_code error;
+    return std::filesystem::read_symlink(folders_.etc + "/localtime", error);
+  }
+  std::string Tz() const { return readText(folders_.etc + "/TZ"); }
+
+  std::vector<std::string> EtcNames() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folders_.etc)) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  }
+
+  /// That Europe/Paris, set before, is still in force and nothing lies around.
+  void ExpectParis() const {
+    EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", Localtime());
+    EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", Tz());
+    EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
+  }
+
+  TemporaryFolder root_;
+  ZoneFolders folders_{root_ / "zoneinfo", root_ / "etc"};
+};
+
+TEST_F(WriteTimeZoneTest, WritesTheLinkAndTheRule) {
+  ASSERT_TRUE(Write("Europe/Paris"));
+  ExpectParis();
+}
+
+TEST_F(WriteTimeZoneTest, ReplacesAnEarlierZone) {
+  ASSERT_TRUE(Write("UTC"));
+  ASSERT_TRUE(Write("Europe/Paris"));
+  ExpectParis();
+  ASSERT_TRUE(Write("Europe/Paris"));
+  ExpectParis();
+}
+
+TEST_F(WriteTimeZoneTest, ReplacesACopiedZoneFile) {
+  writeText(folders_.etc + "/localtime", "a copy");
+  ASSERT_TRUE(Write("Europe/Paris"));
+  ExpectParis();
+}
+
+TEST_F(WriteTimeZoneTest, RefusesWhatIsNoZoneNameAndChangesNothing) {
+  ASSERT_TRUE(Write("Europe/Paris"));
+  writeText(root_ / "outside", zoneFile("UTC0"));
+  for (const std::string& zone :
+       {std::string(), std::string("Europe"), std::string("Europe/"), std::string("/UTC"),
+        std::string("../outside"), std::string("Europe/../UTC"), root_ / "outside",
+        std::string("Europe/Rome"), std::string("UTC\0", 4), std::string("UTC\n"),
+        std::string("U TC"), std::string("."), std::string(5000, 'a'), std::string("Europe//")}) {
+    EXPECT_FALSE(Write(zone)) << zone;
+  }
+  ExpectParis();
+}
+
+TEST_F(WriteTimeZoneTest, RefusesAFileThatIsNoZone) {
+  ASSERT_TRUE(Write("Europe/Paris"));
+  writeText(folders_.zoneinfo + "/README", "text\nGMT0\n");
+  writeText(folders_.zoneinfo + "/leap", zoneFile(""));
+  ASSERT_EQ(0, mkfifo((folders_.zoneinfo + "/pipe").c_str(), 0600));
+  EXPECT_FALSE(Write("README"));
+  EXPECT_FALSE(Write("leap"));
+  EXPECT_FALSE(Write("pipe"));
+  ExpectParis();
+}
+
+TEST_F(WriteTimeZoneTest, FollowsLinksInsideTheFolderOnly) {
+  writeText(root_ / "outside", zoneFile("UTC0"));
+  std::filesystem::create_symlink("Europe/Paris", folders_.zoneinfo + "/France");
+  std::filesystem::create_symlink("../outside", folders_.zoneinfo + "/Out");
+  std::filesystem::create_symlink("Loop", folders_.zoneinfo + "/Loop");
+  ASSERT_TRUE(Write("Europe/Paris"));
+  EXPECT_FALSE(Write("Out"));
+  EXPECT_FALSE(Write("Loop"));
+  ExpectParis();
+  ASSERT_TRUE(Write("France"));
+  EXPECT_EQ(folders_.zoneinfo + "/France", Localtime());
+}
+
+TEST_F(WriteTimeZoneTest, RefusesTheLinkThatFollowsTheSystemsOwnZone) {
+  std::filesystem::create_symlink(folders_.etc + "/localtime", folders_.zoneinfo + "/localtime");
+  ASSERT_TRUE(Write("Europe/Paris"));
+  EXPECT_FALSE(Write("localtime"));
+  ExpectParis();
+}
+
+TEST_F(WriteTimeZoneTest, KnowsGmtAndUtcWithoutAnyZoneFile) {
+  std::filesystem::remove_all(folders_.zoneinfo);
+  ASSERT_TRUE(Write("GMT"));
+  EXPECT_EQ("GMT0\n", Tz());
+  EXPECT_EQ(folders_.zoneinfo + "/GMT", Localtime());
+  ASSERT_TRUE(Write("UTC"));
+  EXPECT_EQ("UTC0\n", Tz());
+  EXPECT_FALSE(Write("Europe/Paris"));
+}
+
+TEST_F(WriteTimeZoneTest, TakesTheLinkBackWhenTheRuleCannotBeStored) {
+  ASSERT_TRUE(Write("Europe/Paris"));
+  std::filesystem::remove(folders_.etc + "/TZ");
+  std::filesystem::create_directory(folders_.etc + "/TZ");
+  EXPECT_FALSE(Write("UTC"));
+  EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", Localtime());
+  EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
+}
+
+TEST_F(WriteTimeZoneTest, LeavesTheRuleWhenTheLinkCannotBeSet) {
+  ASSERT_TRUE(Write("Europe/Paris"));
+  std::filesystem::remove(folders_.etc + "/localtime");
+  std::filesystem::create_directory(folders_.etc + "/localtime");
+  EXPECT_FALSE(Write("UTC"));
+  EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", Tz());
+  EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
+}
+
+TEST_F(WriteTimeZoneTest, FailsWithoutTheFolderToWriteTo) {
+  std::filesystem::remove_all(folders_.etc);
+  EXPECT_FALSE(Write("UTC"));
+}
+
+}  // namespace
+}  // namespace kova::utils

@@ -1,0 +1,156 @@
+#include "kova/utils/Service.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "../TemporaryFolder.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Process.h"
+
+namespace kova::utils {
+namespace {
+
+using tests::readText;
+using tests::writeText;
+namespace fs = std::filesystem;
+
+/// Services below /etc/sv of this private root, and the supervisor that looks after /etc/service.
+class ServiceTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories("/etc/sv");
+    fs::create_directories("/etc/service");
+  }
+
+  void TearDown() override {
+    if (supervisor_ > 0) {
+      kill(supervisor_, SIGHUP);  // ends the services too, see runsvdir(8)
+      waitpid(supervisor_, nullptr, 0);
+      const std::uint64_t deadline = nowMs() + 10000;
+      while (kill_process_by_name("runsv", 0) > 0 && nowMs() < deadline) sleepMs(5);
+    }
+    fs::remove_all("/etc/service");
+    fs::remove_all("/etc/sv");
+  }
+
+  void StartSupervisor() {
+    supervisor_ = fork();
+    if (supervisor_ == 0) {
+      execl("/usr/bin/runsvdir", "runsvdir", "/etc/service", nullptr);
+      _exit(127);
+    }
+  }
+
+  static void Install(const std::string& name, const std::string& body = "exec sleep 600") {
+    fs::create_directory("/etc/sv/" + name);
+    const std::string run = "/etc/sv/" + name + "/run";
+    writeText(run, "#!/bin/sh\n" + body + "\n");
+    fs::permissions(run, fs::perms::owner_all);
+  }
+
+  static bool IsMarked(const std::string& name) {
+    return fs::is_symlink("/etc/service/" + name) &&
+           fs::read_symlink("/etc/service/" + name) == "/etc/sv/" + name;
+  }
+
+  static std::string State(const std::string& name) {
+    return readText("/etc/sv/" + name + "/supervise/stat");
+  }
+
+  pid_t supervisor_ = -1;
+};
+
+TEST_F(ServiceTest, EnableStartsMarksAndDisableUndoesBoth) {
+  Install("lights");
+  StartSupervisor();
+  ASSERT_TRUE(EnableService("lights"));
+  EXPECT_TRUE(IsMarked("lights"));
+  EXPECT_EQ("run\n", State("lights"));
+  EXPECT_TRUE(EnableService("lights")) << "already enabled";
+
+  const std::string pid = readText("/etc/sv/lights/supervise/pid");
+  ASSERT_TRUE(DisableService("lights"));
+  EXPECT_FALSE(fs::is_symlink("/etc/service/lights"));
+  EXPECT_NE("run\n", State("lights"));
+  EXPECT_NE(0, kill(std::stoi(pid), 0)) << "the process is still there";
+  EXPECT_TRUE(DisableService("lights")) << "already disabled";
+}
+
+TEST_F(ServiceTest, EnableAgainRightAfterDisable) {
+  Install("lights");
+  StartSupervisor();
+  ASSERT_TRUE(EnableService("lights"));
+  ASSERT_TRUE(DisableService("lights"));
+  EXPECT_TRUE(EnableService("lights"));
+  EXPECT_EQ("run\n", State("lights"));
+}
+
+TEST_F(ServiceTest, EnableStartsAServiceThatWasToStayDown) {
+  Install("lights");
+  writeText("/etc/sv/lights/down", "");
+  fs::create_symlink("/etc/sv/lights", "/etc/service/lights");
+  StartSupervisor();
+  ASSERT_TRUE(EnableService("lights"));
+  EXPECT_FALSE(fs::exists("/etc/sv/lights/down"));
+  EXPECT_EQ("run\n", State("lights"));
+}
+
+TEST_F(ServiceTest, UnknownAndMalformedNamesFailAtOnceAndLeaveNoMark) {
+  Install("lights");
+  Install(".hidden");
+  StartSupervisor();
+  const std::uint64_t before = nowMs();
+  for (const std::string& name :
+       {std::string("unknown"), std::string(), std::string("."), std::string(".."),
+        std::string(".hidden"), std::string("../sv/lights"), std::string("/etc/sv/lights"),
+        std::string("lights/"), std::string("lights\0", 7), std::string(300, 'x')}) {
+    EXPECT_FALSE(EnableService(name)) << name;
+    EXPECT_FALSE(DisableService(name)) << name;
+  }
+  EXPECT_LT(nowMs() - before, 2000U);
+  EXPECT_TRUE(fs::is_empty("/etc/service"));
+}
+
+TEST_F(ServiceTest, AServiceThatDoesNotStartIsAFailureWithinTheBudget) {
+  fs::create_directory("/etc/sv/broken");
+  fs::create_symlink("/etc/sv/broken", "/etc/service/broken");
+  StartSupervisor();
+  const std::uint64_t before = nowMs();
+  EXPECT_FALSE(EnableService("broken"));
+  EXPECT_LT(nowMs() - before, 10000U);
+}
+
+TEST_F(ServiceTest, AServiceThatDoesNotStopIsAFailureWithinTheBudget) {
+  Install("stubborn", "trap '' TERM; while :; do sleep 1; done");
+  fs::create_symlink("/etc/sv/stubborn", "/etc/service/stubborn");
+  StartSupervisor();
+  ASSERT_TRUE(EnableService("stubborn"));
+  const std::string pid = readText("/etc/sv/stubborn/supervise/pid");
+  const std::uint64_t deadline = nowMs() + 10000;
+  while (readText("/proc/" + std::string(pid, 0, pid.find('\n')) + "/status")
+                 .find("SigIgn:\t0000000000004000") == std::string::npos &&
+         nowMs() < deadline) {
+    sleepMs(5);
+  }
+  const std::uint64_t before = nowMs();
+  EXPECT_FALSE(DisableService("stubborn"));
+  EXPECT_LT(nowMs() - before, 10000U);
+  EXPECT_TRUE(IsMarked("stubborn"));
+  kill(std::stoi(pid), SIGKILL);
+}
+
+TEST_F(ServiceTest, WithoutASupervisorEnableFailsWithinTheBudget) {
+  Install("lights");
+  const std::uint64_t before = nowMs();
+  EXPECT_FALSE(EnableService("lights"));
+  EXPECT_LT(nowMs() - before, 10000U);
+  EXPECT_TRUE(DisableService("lights"));
+  EXPECT_FALSE(fs::is_symlink("/etc/service/lights"));
+}
+
+}  // namespace
+}  // namespace kova::utils
