@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "UniqueFd.h"
+#include "kova/utils/UniqueFd.h"
 #include "kova/utils/Strings.h"
 
 namespace kova::utils::internal {
