@@ -40,21 +40,12 @@ const Variant* optionalValue(const variant::CameraInfo& info, const char* key, V
 
 }  // namespace
 
-BaseButton::~BaseButton() {
-  closeLine();
-}
-
-void BaseButton::closeLine() {
-  if (fd_ >= 0) {
-    close(fd_);
-    fd_ = -1;
-  }
-}
+BaseButton::~BaseButton() = default;
 
 bool BaseButton::init(const variant::CameraInfo* info, IButtonEventsObserver* observer,
                       int intervalMs) {
   const Line line = lineOf(*info);
-  closeLine();
+  value_.Reset();
   path_ = line.path;
   activeLow_ = line.activeLow;
   observer_ = observer;
@@ -86,21 +77,21 @@ bool BaseButton::sample(bool& pressed) {
     KOVA_LOG(LOG_ERR, errno, "Cannot read the button at %s", path_.c_str());
   }
   if (!readable) {
-    closeLine();
+    value_.Reset();
   }
   readable_ = readable;
   return readable;
 }
 
 bool BaseButton::readPressed(bool& pressed) {
-  if (fd_ < 0) {
-    fd_ = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd_ < 0) {
+  if (!value_) {
+    value_ = utils::UniqueFd(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!value_) {
       return false;
     }
   }
   std::array<char, 4> buffer;
-  const ssize_t got = pread(fd_, buffer.data(), buffer.size(), 0);
+  const ssize_t got = pread(value_.Get(), buffer.data(), buffer.size(), 0);
   if (got < 0) {
     return false;
   }

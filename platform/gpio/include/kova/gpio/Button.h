@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "kova/utils/UniqueFd.h"
+
 namespace kova::variant {
 class CameraInfo;
 }
@@ -53,14 +55,13 @@ class BaseButton {
  private:
   bool sample(bool& pressed);
   bool readPressed(bool& pressed);
-  void closeLine();
   void debounce(bool pressed, std::uint64_t now);
   void reportHeld(std::uint64_t now);
 
   IButtonEventsObserver* observer_ = nullptr;
   std::string path_;
-  int fd_ = -1;
-  bool readable_ = true;  // the last sample; a failure is logged when it begins
+  utils::UniqueFd value_;  // the value file at path_
+  bool readable_ = true;   // the last sample; a failure is logged when it begins
   bool activeLow_ = true;
   std::uint64_t intervalMs_ = 0;
   bool pressed_ = false;    // the debounced level
