@@ -29,7 +29,7 @@ struct BusError {
   BusError(const BusError&) = delete;
   BusError& operator=(const BusError&) = delete;
 
-  sd_bus_error value = SD_BUS_ERROR_NULL;
+  sd_bus_error value{};
 };
 
 void logException(const char* where, const char* what) noexcept;

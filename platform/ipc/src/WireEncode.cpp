@@ -145,12 +145,14 @@ void Ruler::Basic(char type, const Variant& value) {
   }
 }
 
-int append(sd_bus_message* message, const Variant& value);
+// `signature` is that of the value.
+int append(sd_bus_message* message, const Variant& value, std::string_view signature);
 
 int appendInVariant(sd_bus_message* message, const Variant& value) {
-  int result = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, signatureOf(value));
+  const char* signature = signatureOf(value);
+  int result = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, signature);
   if (result >= 0) {
-    result = append(message, value);
+    result = append(message, value, signature);
   }
   return result >= 0 ? sd_bus_message_close_container(message) : result;
 }
@@ -182,8 +184,8 @@ int appendItems(sd_bus_message* message, const Variant::Array& items) {
   return result >= 0 ? sd_bus_message_close_container(message) : result;
 }
 
-int appendText(sd_bus_message* message, const std::string& text) {
-  return isBusText(text)
+int appendText(sd_bus_message* message, const std::string& text, std::string_view signature) {
+  return signature == "s"
              ? sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, text.c_str())
              : sd_bus_message_append_array(message, SD_BUS_TYPE_BYTE, text.data(), text.size());
 }
@@ -193,7 +195,7 @@ int appendFixed(sd_bus_message* message, char type, Wire value) {
   return sd_bus_message_append_basic(message, type, &value);
 }
 
-int append(sd_bus_message* message, const Variant& value) {
+int append(sd_bus_message* message, const Variant& value, std::string_view signature) {
   switch (value.Type()) {
     case VariantType::Empty:
       return sd_bus_message_append_basic(message, SD_BUS_TYPE_SIGNATURE, "");
@@ -214,7 +216,7 @@ int append(sd_bus_message* message, const Variant& value) {
     case VariantType::Double:
       return appendFixed(message, SD_BUS_TYPE_DOUBLE, value.ToNumber<double>());
     case VariantType::String:
-      return appendText(message, value.ToText());
+      return appendText(message, value.ToText(), signature);
     case VariantType::Time: {
       const timeval time = value.ToTime();
       return sd_bus_message_append(message, "(xx)", std::int64_t{time.tv_sec},

@@ -1,0 +1,247 @@
+#include <stdexcept>
+
+#include "BusTest.h"
+
+namespace kova::ipc::testing {
+namespace {
+
+class AnswersTest : public BusTest {
+ protected:
+  Recorder::Action Respond(const Variant& payload) {
+    return [this, payload](BaseRequestMessage& request, bool&) {
+      BaseResponseMessage response;
+      response.statusCode(7);
+      response.payload(payload);
+      return ipc_.SendResponse(request, response);
+    };
+  }
+};
+
+TEST_F(AnswersTest, ResponseCarriesTheRequestsIdAndBothNames) {
+  Recorder handler(&ipc_, Respond("text"));
+  ipc_.AddHandler("Ask", &handler);
+  Join();
+  BaseRequestMessage request;
+  request.functionName("Ask");
+  request.id(42);
+  request.from("client.me");
+  Answer answer = Call(request);
+  EXPECT_EQ(answer.error, "");
+  EXPECT_EQ(answer.body["functionName"], Variant("__response__"));
+  EXPECT_EQ(answer.body["requestId"], Variant(std::uint64_t{42}));
+  EXPECT_EQ(answer.body["statusCode"], Variant(std::uint64_t{7}));
+  EXPECT_EQ(answer.body["payload"], Variant("text"));
+  EXPECT_EQ(answer.body["to"], Variant("client.me"));
+  EXPECT_EQ(answer.body["from"], Variant("test"));
+}
+
+TEST_F(AnswersTest, AMissingIdIsTheSameForHandlerAndResponse) {
+  Recorder handler(&ipc_, Respond({}));
+  ipc_.AddHandler("Ask", &handler);
+  Join();
+  Answer answer = Call("Ask");
+  EXPECT_EQ(answer.body["requestId"], Variant(handler.requests.at(0).id()));
+}
+
+TEST_F(AnswersTest, WithoutAResponseTheAnswerIsAnEmptyMap) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  const Answer answer = Call("Tell");
+  EXPECT_EQ(answer.error, "");
+  EXPECT_EQ(answer.body, Variant(Variant::Map{}));
+}
+
+TEST_F(AnswersTest, AHandlerThatFailsWithoutARejectionAnswersToo) {
+  Recorder handler(&ipc_, [](BaseRequestMessage&, bool&) { return false; });
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  EXPECT_EQ(Call("Tell").error, "");
+}
+
+TEST_F(AnswersTest, RequestsReachTheHandlerAsTheyWereSent) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  Variant body;
+  body["functionName"] = "Tell";
+  body["responseExpected"] = "mistyped";
+  body["unknown"] = 1;
+  body["id"] = std::uint64_t{9};
+  Call(body);
+  EXPECT_EQ(handler.requests.at(0), body);
+}
+
+TEST_F(AnswersTest, FunctionNamesAreComparedExactlyAndTheEmptyNameTakesTheRest) {
+  Recorder handler(&ipc_);
+  Recorder rest(&ipc_);
+  ipc_.AddHandler("Tell", &handler);
+  ipc_.AddHandler("", &rest);
+  Join();
+  Call("tell");
+  Call("Tell ");
+  Call(Variant(Variant::Map{}));
+  Call(Variant(Variant::Map{{"functionName", 5}}));
+  EXPECT_EQ(rest.requests.size(), 4U);
+  EXPECT_TRUE(handler.requests.empty());
+}
+
+TEST_F(AnswersTest, RejectedAndUnclaimedFunctionsAreUnknown) {
+  Join();
+  EXPECT_EQ(Call("Any").error, "kova.Error.UnknownFunction");
+  CatchAllHandlerRejector rejector(&ipc_);
+  ipc_.AddHandler("", &rejector);
+  EXPECT_EQ(Call("Any").error, "kova.Error.UnknownFunction");
+}
+
+TEST_F(AnswersTest, BodiesThatAreNoMapAreInvalid) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("", &handler);
+  Join();
+  const MessagePtr text = stranger_.NewCall("test");
+  sd_bus_message_append(text.get(), "s", "text");
+  EXPECT_EQ(Call(text.get()).error, "kova.Error.InvalidMessage");
+  const MessagePtr nothing = stranger_.NewCall("test");
+  EXPECT_EQ(Call(nothing.get()).error, "kova.Error.InvalidMessage");
+  const MessagePtr numbered = stranger_.NewCall("test");
+  sd_bus_message_append(numbered.get(), "a{uv}", 1, 1, "s", "text");
+  EXPECT_EQ(Call(numbered.get()).error, "kova.Error.InvalidMessage");
+  EXPECT_TRUE(handler.requests.empty());
+}
+
+TEST_F(AnswersTest, ABodyOfAMebibyteIsTakenAndALittleMoreIsInvalid) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("", &handler);
+  Join();
+  const std::string text(wire::kMaxBodySize - 64, 'x');
+  EXPECT_EQ(Call(Variant(Variant::Map{{"text", text}})).error, "");
+  const MessagePtr large = stranger_.NewCall("test");
+  sd_bus_message_append(large.get(), "a{ss}", 1, "text", (text + std::string(64, 'x')).c_str());
+  EXPECT_EQ(Call(large.get()).error, "kova.Error.InvalidMessage");
+  EXPECT_EQ(handler.requests.size(), 1U);
+}
+
+TEST_F(AnswersTest, TheDeepestMessageThatIsWrittenPassesTheBus) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("", &handler);
+  Join();
+  Variant deep("leaf");
+  for (int level = 0; level < 21; ++level) {
+    deep = Variant(Variant::Map{{"key", deep}});
+  }
+  EXPECT_EQ(Call(deep).error, "");
+  Variant alternating(Variant::Array{timeval{1, 2}});
+  for (int level = 0; level < 29; ++level) {
+    alternating = Variant(Variant::Array{alternating});
+  }
+  EXPECT_EQ(Call(Variant(Variant::Map{{"key", alternating}})).error, "");
+  EXPECT_EQ(handler.requests.size(), 2U);
+}
+
+TEST_F(AnswersTest, AThrowingHandlerGivesAnErrorAndTheNextCallIsServed) {
+  Recorder handler(&ipc_, [](BaseRequestMessage& request, bool&) -> bool {
+    if (request.functionName() == "Throw") {
+      throw std::bad_alloc();
+    }
+    return true;
+  });
+  ipc_.AddHandler("", &handler);
+  Join();
+  EXPECT_EQ(Call("Throw").error, "org.freedesktop.DBus.Error.Failed");
+  EXPECT_EQ(Call("Other").error, "");
+}
+
+TEST_F(AnswersTest, AHandlerThatThrowsAfterItsResponseHasAnswered) {
+  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) -> bool {
+    Respond("text")(request, rejected);
+    throw std::runtime_error("too late");
+  });
+  ipc_.AddHandler("", &handler);
+  Join();
+  Eavesdropper eavesdropper;
+  Answer answer = Call("Ask");
+  EXPECT_EQ(answer.error, "");
+  EXPECT_EQ(answer.body["payload"], Variant("text"));
+  Call("Ask");
+  ASSERT_TRUE(Until([&] { return eavesdropper.Answers() > 1; }));
+  EXPECT_EQ(eavesdropper.Answers(), 2);
+}
+
+TEST_F(AnswersTest, AResponseIsSentOnceAndOnlyFromWithinTheHandler) {
+  std::vector<bool> results;
+  BaseResponseMessage response;
+  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
+    BaseRequestMessage other;
+    other.id(request.id() + 1);
+    results.push_back(ipc_.SendResponse(other, response));
+    BaseRequestMessage typedCopy(request);
+    results.push_back(ipc_.SendResponse(typedCopy, response));
+    results.push_back(ipc_.SendResponse(request, response));
+    return true;
+  });
+  ipc_.AddHandler("", &handler);
+  Join();
+  EXPECT_EQ(Call("Ask").error, "");
+  EXPECT_EQ(results, (std::vector<bool>{false, true, false}));
+  EXPECT_FALSE(ipc_.SendResponse(handler.requests.at(0), response));
+}
+
+TEST_F(AnswersTest, AResponseThatCannotBeSentBecomesAnError) {
+  bool sent = true;
+  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
+    BaseResponseMessage response;
+    response.payload(Variant(std::string(wire::kMaxBodySize, 'x')));
+    sent = ipc_.SendResponse(request, response);
+    return true;
+  });
+  ipc_.AddHandler("", &handler);
+  Join();
+  EXPECT_EQ(Call("Ask").error, "org.freedesktop.DBus.Error.Failed");
+  EXPECT_FALSE(sent);
+}
+
+TEST_F(AnswersTest, ANoReplyCallIsHandledAndNotAnswered) {
+  bool sent = false;
+  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) {
+    return sent = Respond("text")(request, rejected);
+  });
+  ipc_.AddHandler("Ask", &handler);
+  Join();
+  Eavesdropper eavesdropper;
+  for (const char* function : {"Ask", "Unknown"}) {
+    const MessagePtr call = stranger_.NewCall("test");
+    std::string reason;
+    wire::encode(Variant(Variant::Map{{"functionName", function}}), call.get(), reason);
+    sd_bus_message_set_expect_reply(call.get(), 0);
+    sd_bus_send(stranger_.bus(), call.get(), nullptr);
+  }
+  Call("Ask");
+  EXPECT_EQ(handler.requests.size(), 2U);
+  EXPECT_TRUE(sent);
+  ASSERT_TRUE(Until([&] { return eavesdropper.Answers() > 0; }));
+  EXPECT_EQ(eavesdropper.Answers(), 1);
+}
+
+TEST_F(AnswersTest, AHandlerIsNotReplacedByASecondOneOfTheSameName) {
+  Recorder handler(&ipc_);
+  Recorder second(&ipc_);
+  EXPECT_TRUE(ipc_.AddHandler("Tell", &handler));
+  EXPECT_FALSE(ipc_.AddHandler("Tell", &second));
+  EXPECT_FALSE(ipc_.AddHandler("Other", nullptr));
+  Join();
+  Call("Tell");
+  EXPECT_EQ(handler.requests.size(), 1U);
+  EXPECT_TRUE(second.requests.empty());
+}
+
+TEST_F(AnswersTest, ServiceFromWithinAHandlerDoesNothing) {
+  bool result = false;
+  Recorder handler(&ipc_, [&](BaseRequestMessage&, bool&) { return result = ipc_.Service(0); });
+  ipc_.AddHandler("", &handler);
+  Join();
+  EXPECT_EQ(Call("Tell").error, "");
+  EXPECT_TRUE(result);
+}
+
+}  // namespace
+}  // namespace kova::ipc::testing

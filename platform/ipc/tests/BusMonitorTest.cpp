@@ -1,0 +1,95 @@
+#include "kova/ipc/BusMonitor.h"
+
+#include "BusTest.h"
+
+namespace kova::ipc::testing {
+namespace {
+
+using Kind = SeenMessage::Kind;
+
+class BusMonitorTest : public BusTest {
+ protected:
+  void OpenMonitor() {
+    std::string error;
+    ASSERT_TRUE(monitor_.Open(error)) << error;
+  }
+  bool UntilSeen(std::size_t count) {
+    return Until([&] {
+      monitor_.Service(0, [&](const SeenMessage& message) { seen_.push_back(message); });
+      return seen_.size() >= count;
+    });
+  }
+
+  BusMonitor monitor_;
+  std::vector<SeenMessage> seen_;
+};
+
+TEST_F(BusMonitorTest, SeesCallsAndTheirAnswersByEndpoint) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  OpenMonitor();
+  Ipc later;
+  Ledger ledger(&later);
+  ASSERT_TRUE(later.Init("later", false, &ledger));
+  serviced_.push_back(&later);
+  BaseRequestMessage request;
+  request.functionName("Tell");
+  request.to("test");
+  request.responseExpected(true);
+  ASSERT_TRUE(later.SendRequest(request));
+  ASSERT_TRUE(UntilSeen(2));
+  EXPECT_EQ(seen_[0].kind, Kind::Call);
+  EXPECT_EQ(seen_[0].sender, "later");
+  EXPECT_EQ(seen_[0].destination, "test");
+  EXPECT_EQ(seen_[0].body, request);
+  EXPECT_EQ(seen_[1].kind, Kind::Answer);
+  EXPECT_EQ(seen_[1].sender, "test");
+  EXPECT_EQ(seen_[1].destination, "later");
+}
+
+TEST_F(BusMonitorTest, SeesErrorsAndBroadcastsAndNamelessClients) {
+  Join();
+  OpenMonitor();
+  Call("Unknown");
+  BaseRequestMessage event;
+  event.functionName("Event");
+  event.isBroadcast(true);
+  ASSERT_TRUE(ipc_.SendRequest(event));
+  ASSERT_TRUE(UntilSeen(3));
+  const char* unique = nullptr;
+  sd_bus_get_unique_name(stranger_.bus(), &unique);
+  EXPECT_EQ(seen_[0].kind, Kind::Call);
+  EXPECT_EQ(seen_[0].sender, unique);
+  EXPECT_EQ(seen_[1].kind, Kind::Error);
+  EXPECT_EQ(seen_[1].destination, unique);
+  EXPECT_EQ(seen_[1].error, "kova.Error.UnknownFunction: no such function");
+  EXPECT_EQ(seen_[2].kind, Kind::Broadcast);
+  EXPECT_EQ(seen_[2].sender, "test");
+  EXPECT_EQ(seen_[2].destination, "");
+  EXPECT_EQ(seen_[2].body, event);
+}
+
+TEST_F(BusMonitorTest, ShowsAMessageThatCannotBeDecodedWithoutItsBody) {
+  Join();
+  OpenMonitor();
+  const MessagePtr call = stranger_.NewCall("test");
+  sd_bus_message_append(call.get(), "s", "text");
+  Call(call.get());
+  ASSERT_TRUE(UntilSeen(1));
+  EXPECT_EQ(seen_[0].kind, Kind::Call);
+  EXPECT_TRUE(seen_[0].body.IsEmpty());
+}
+
+TEST_F(BusMonitorTest, TellsWhenTheBusIsGone) {
+  OpenMonitor();
+  privateBus_.Kill();
+  const auto ignore = [](const SeenMessage&) {};
+  EXPECT_FALSE(monitor_.Service(1000, ignore) && monitor_.Service(1000, ignore));
+  std::string error;
+  EXPECT_FALSE(BusMonitor().Open(error));
+  EXPECT_NE(error, "");
+}
+
+}  // namespace
+}  // namespace kova::ipc::testing

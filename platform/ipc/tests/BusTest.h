@@ -1,0 +1,208 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "../src/Protocol.h"
+#include "../src/SdBus.h"
+#include "../src/Wire.h"
+#include "PrivateBus.h"
+#include "kova/ipc/Handlers.h"
+#include "kova/ipc/Ipc.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::ipc::testing {
+
+using messages::BaseRequestMessage;
+using messages::BaseResponseMessage;
+using variant::Variant;
+
+/// Keeps what it is given and does with it as told.
+class Recorder : public BaseHandler {
+ public:
+  using Action = std::function<bool(BaseRequestMessage&, bool&)>;
+
+  explicit Recorder(Ipc* ipc, Action action = {})
+      : BaseHandler("Recorder", ipc), action_(std::move(action)) {}
+
+  bool HandleRequest(BaseRequestMessage& request, bool& rejected) override {
+    requests.push_back(request);
+    return !action_ || action_(request, rejected);
+  }
+
+  std::vector<BaseRequestMessage> requests;
+
+ private:
+  Action action_;
+};
+
+/// Keeps what becomes of an endpoint's own requests.
+class Ledger : public TransactionsHandler {
+ public:
+  explicit Ledger(Ipc* ipc) : TransactionsHandler("Ledger", ipc) {}
+
+  void MessageSentSuccessfully(messages::BaseMessage& message, bool&) override {
+    sent.push_back(message.id());
+  }
+  bool HandleResponse(BaseRequestMessage& request, BaseResponseMessage& response, bool&) override {
+    responses.emplace_back(request.id(), response);
+    return true;
+  }
+  void HandleError(BaseRequestMessage& request, const std::string& error,
+                   const std::string&) override {
+    errors.emplace_back(request.id(), error);
+  }
+
+  std::vector<std::uint64_t> sent;
+  std::vector<std::pair<std::uint64_t, BaseResponseMessage>> responses;
+  std::vector<std::pair<std::uint64_t, std::string>> errors;
+};
+
+/// What came back of one call.
+struct Answer {
+  int arrived = 0;
+  std::string error;  ///< D-Bus error name, "" for a return
+  Variant body;
+
+  int Take(sd_bus_message* message, sd_bus_error*) {
+    ++arrived;
+    std::string reason;
+    if (const sd_bus_error* failure = sd_bus_message_get_error(message)) {
+      error = failure->name;
+    } else if (!wire::decode(message, body, reason)) {
+      error = "undecodable";
+    }
+    return 1;
+  }
+};
+
+/// A program on the bus that knows sd-bus and nothing of this library.
+class Stranger {
+ public:
+  Stranger() : bus_(openBus(false, error_)) {
+    if (bus_ == nullptr) {
+      ADD_FAILURE() << error_;
+    }
+  }
+
+  sd_bus* bus() { return bus_.get(); }
+
+  MessagePtr NewCall(const std::string& endpoint) {
+    sd_bus_message* call = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_call(bus(), &call, (kNamePrefix + endpoint).c_str(),
+                                             kObjectPath, kInterface, kSend),
+              0);
+    return MessagePtr(call);
+  }
+
+  /// Sends without waiting.
+  std::shared_ptr<Answer> Start(sd_bus_message* call) {
+    auto answer = std::make_shared<Answer>();
+    EXPECT_GE(
+        sd_bus_call_async(bus(), nullptr, call, callback<&Answer::Take>, answer.get(), 20'000'000),
+        0);
+    answers_.push_back(answer);
+    return answer;
+  }
+  std::shared_ptr<Answer> Start(const std::string& endpoint, const Variant& body) {
+    const MessagePtr call = NewCall(endpoint);
+    EXPECT_TRUE(wire::encode(body, call.get(), error_)) << error_;
+    return Start(call.get());
+  }
+  std::shared_ptr<Answer> Start(const std::string& endpoint, const char* function) {
+    return Start(endpoint, Variant(Variant::Map{{"functionName", function}}));
+  }
+
+  bool Service() {
+    int result = 1;
+    while (result > 0) {
+      result = sd_bus_process(bus(), nullptr);
+    }
+    return result == 0;
+  }
+
+ private:
+  std::string error_;
+  BusPtr bus_;
+  std::vector<std::shared_ptr<Answer>> answers_;
+};
+
+/// Sees every answer that an endpoint gives, also one that the bus does not let through.
+class Eavesdropper {
+ public:
+  Eavesdropper() : bus_(openBus(true, error_)) {
+    const int result = sd_bus_call_method(
+        bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+        "org.freedesktop.DBus.Monitoring", "BecomeMonitor", nullptr, nullptr, "asu", 0, 0U);
+    EXPECT_GE(result, 0) << error_;
+  }
+
+  int Answers() {
+    for (int result = 1; result > 0;) {
+      sd_bus_message* taken = nullptr;
+      result = sd_bus_process(bus_.get(), &taken);
+      const MessagePtr message(taken);
+      answers_ += message != nullptr && IsAnswer(message.get()) ? 1 : 0;
+    }
+    return answers_;
+  }
+
+ private:
+  static bool IsAnswer(sd_bus_message* message) {
+    std::uint64_t cookie = 0;
+    return sd_bus_message_get_reply_cookie(message, &cookie) >= 0 &&
+           std::string_view(sd_bus_message_get_sender(message)) != "org.freedesktop.DBus";
+  }
+
+  std::string error_;
+  BusPtr bus_;
+  int answers_ = 0;
+};
+
+/// A bus, one endpoint "test" on it, and a stranger.
+class BusTest : public ::testing::Test {
+ protected:
+  void Join(bool receiveBroadcasts = false, TransactionsHandler* transactions = nullptr) {
+    ASSERT_TRUE(ipc_.Init("test", receiveBroadcasts, transactions));
+    serviced_.push_back(&ipc_);
+  }
+
+  /// Services everyone until `done`; false when it takes too long.
+  bool Until(const std::function<bool()>& done) {
+    const auto deadline = utils::nowMs() + 20'000;
+    while (!done()) {
+      for (Ipc* ipc : serviced_) {
+        ipc->Service(serviced_.size() == 1 ? 1 : 0);
+      }
+      stranger_.Service();
+      if (utils::nowMs() > deadline) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  Answer Call(sd_bus_message* call) {
+    const auto answer = stranger_.Start(call);
+    EXPECT_TRUE(Until([&] { return answer->arrived > 0; }));
+    return *answer;
+  }
+  template <typename Message>
+  Answer Call(const Message& message) {
+    const auto answer = stranger_.Start("test", message);
+    EXPECT_TRUE(Until([&] { return answer->arrived > 0; }));
+    return *answer;
+  }
+
+  PrivateBus privateBus_;
+  Ipc ipc_;
+  Stranger stranger_;
+  std::vector<Ipc*> serviced_;
+};
+
+}  // namespace kova::ipc::testing

@@ -1,0 +1,200 @@
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "BusTest.h"
+
+namespace kova::ipc::testing {
+namespace {
+
+using ConnectionTest = BusTest;
+
+TEST_F(ConnectionTest, OwnsItsNameWhileItLives) {
+  {
+    Ipc first;
+    ASSERT_TRUE(first.Init("test", false, nullptr));
+    EXPECT_EQ(first.Endpoint(), "test");
+    Ipc second;
+    EXPECT_FALSE(second.Init("test", false, nullptr));
+    EXPECT_EQ(second.Endpoint(), "");
+    EXPECT_TRUE(second.Init("another", false, nullptr));
+  }
+  EXPECT_TRUE(ipc_.Init("test", false, nullptr));
+}
+
+TEST_F(ConnectionTest, JoinsOnceOnly) {
+  Join();
+  EXPECT_FALSE(ipc_.Init("again", false, nullptr));
+  EXPECT_EQ(ipc_.Endpoint(), "test");
+  EXPECT_TRUE(ipc_.Service(0));
+}
+
+TEST_F(ConnectionTest, InvalidNamesAreRefused) {
+  for (const char* name : {".", "a b", "1", "a..b"}) {
+    EXPECT_FALSE(Ipc().Init(name, false, nullptr)) << name;
+  }
+}
+
+TEST_F(ConnectionTest, WithoutANameItStillSends) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  Ipc nameless;
+  ASSERT_TRUE(nameless.Init("", false, nullptr));
+  BaseRequestMessage request;
+  request.functionName("Tell");
+  request.to("test");
+  ASSERT_TRUE(nameless.SendRequest(request));
+  EXPECT_TRUE(Until([&] { return !handler.requests.empty(); }));
+}
+
+TEST_F(ConnectionTest, WithoutABusJoiningFails) {
+  privateBus_.Kill();
+  EXPECT_FALSE(ipc_.Init("test", false, nullptr));
+  EXPECT_FALSE(ipc_.Service(0));
+}
+
+TEST_F(ConnectionTest, ABusThatAcceptsAndStaysSilentIsGivenUp) {
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;  // without a path the kernel chooses an abstract one
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(sa_family_t)), 0);
+  socklen_t length = sizeof address;
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  ASSERT_EQ(listen(listener, 1), 0);
+  const std::string name(address.sun_path + 1, length - sizeof(sa_family_t) - 1);
+  setenv("KOVA_BUS_ADDRESS", ("unix:abstract=" + name).c_str(), 1);
+  const auto before = utils::nowMs();
+  EXPECT_FALSE(ipc_.Init("test", false, nullptr));
+  EXPECT_LT(utils::nowMs() - before, 8000U);
+  close(listener);
+}
+
+TEST_F(ConnectionTest, TheLossOfTheBusIsToldAndStays) {
+  Join();
+  EXPECT_TRUE(ipc_.Service(0));
+  privateBus_.Kill();
+  EXPECT_FALSE(ipc_.Service(1000) && ipc_.Service(1000));
+  EXPECT_FALSE(ipc_.Service(0));
+  BaseRequestMessage request;
+  request.to("test");
+  request.queueIfDestUnavailable(false);
+  EXPECT_FALSE(ipc_.SendRequest(request));
+}
+
+TEST_F(ConnectionTest, ServiceWaitsForTheFirstMessageAndNoLonger) {
+  Join();
+  while (ipc_.Service(0) && !ipc_.IsPresent("test")) {
+  }
+  auto before = utils::nowMs();
+  EXPECT_TRUE(ipc_.Service(50));
+  EXPECT_GE(utils::nowMs() - before, 49U);
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("", &handler);
+  stranger_.Start("test", "Tell");
+  before = utils::nowMs();
+  EXPECT_TRUE(ipc_.Service(10'000));
+  EXPECT_LT(utils::nowMs() - before, 5000U);
+  EXPECT_EQ(handler.requests.size(), 1U);
+}
+
+TEST_F(ConnectionTest, TheInstanceIsOnePerProcessAndCanBeMadeAnew) {
+  Ipc* instance = Ipc::GetInstance();
+  ASSERT_NE(instance, nullptr);
+  EXPECT_EQ(Ipc::GetInstance(), instance);
+  EXPECT_TRUE(instance->Init("test", false, nullptr));
+  Ipc::FreeInstance();
+  EXPECT_TRUE(Ipc::GetInstance()->Init("test", false, nullptr));
+  Ipc::FreeInstance();
+}
+
+TEST_F(ConnectionTest, SixtyFourClientsThatDoNotWaitGetOneAnswerEach) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  constexpr int kClients = 64;
+  constexpr int kCalls = 100;
+  std::vector<std::unique_ptr<Stranger>> clients;
+  std::vector<std::shared_ptr<Answer>> answers;
+  for (int client = 0; client < kClients; ++client) {
+    clients.push_back(std::make_unique<Stranger>());
+    for (int call = 0; call < kCalls; ++call) {
+      answers.push_back(clients.back()->Start("test", "Tell"));
+    }
+  }
+  std::size_t most = 0;
+  const auto done = [&] {
+    const std::size_t before = handler.requests.size();
+    ipc_.Service(0);
+    most = std::max(most, handler.requests.size() - before);
+    return std::all_of(clients.begin(), clients.end(), [](auto& one) { return one->Service(); }) &&
+           std::all_of(answers.begin(), answers.end(), [](auto& one) { return one->arrived > 0; });
+  };
+  ASSERT_TRUE(Until(done));
+  std::size_t answered = 0;
+  for (const auto& answer : answers) {
+    EXPECT_EQ(answer->arrived, 1);
+    answered += answer->error.empty() ? 1 : 0;
+    EXPECT_TRUE(answer->error.empty() ||
+                answer->error == "org.freedesktop.DBus.Error.LimitsExceeded")
+        << answer->error;
+  }
+  EXPECT_EQ(answered, handler.requests.size());
+  EXPECT_LE(most, 128U);
+}
+
+TEST_F(ConnectionTest, OnePassHandlesSixtyFourRequestsAtMost128AndKeepsItsTime) {
+  int slowness = 0;
+  Recorder handler(&ipc_, [&](BaseRequestMessage&, bool&) {
+    utils::sleepMs(slowness);
+    return true;
+  });
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  while (ipc_.Service(0) && !ipc_.IsPresent("test")) {
+  }
+  const auto inOnePass = [&](int count) {
+    // Everything the stranger sent is with the receiver once the bus has answered the stranger.
+    for (int i = 0; i < count; ++i) {
+      stranger_.Start("test", "Tell");
+    }
+    sd_bus_call_method(stranger_.bus(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer",
+                       "Ping", nullptr, nullptr, "");
+    const std::size_t before = handler.requests.size();
+    EXPECT_TRUE(ipc_.Service(0));
+    return handler.requests.size() - before;
+  };
+  EXPECT_EQ(inOnePass(64), 64U);
+  EXPECT_EQ(inOnePass(200), 128U);
+  EXPECT_EQ(inOnePass(0), 72U);
+  slowness = 15;
+  const auto start = utils::nowMs();
+  EXPECT_LT(inOnePass(64), 10U);
+  EXPECT_LT(utils::nowMs() - start, 100U);
+}
+
+// It sends and sends and takes no answer.
+TEST_F(ConnectionTest, APeerThatNeverReadsDoesNotHoldUpOthers) {
+  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
+    BaseResponseMessage response;
+    response.payload(Variant(std::string(16'000, 'x')));
+    return ipc_.SendResponse(request, response);
+  });
+  ipc_.AddHandler("Tell", &handler);
+  Join();
+  Stranger deaf;
+  for (int round = 0; round < 40; ++round) {
+    for (int call = 0; call < 50; ++call) {
+      deaf.Start("test", "Tell");
+    }
+    const auto before = utils::nowMs();
+    const Answer answer = Call("Tell");
+    EXPECT_TRUE(answer.error.empty()) << answer.error;
+    ASSERT_LT(utils::nowMs() - before, 2000U);
+  }
+  EXPECT_TRUE(ipc_.Service(0));
+  EXPECT_GT(handler.requests.size(), 200U);
+}
+
+}  // namespace
+}  // namespace kova::ipc::testing

@@ -1,0 +1,103 @@
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <future>
+#include <regex>
+#include <sstream>
+
+#include "BusTest.h"
+
+namespace kova::ipc::testing {
+namespace {
+
+class InterfaceTest : public BusTest {
+ protected:
+  struct Output {
+    int status;
+    std::string text;
+  };
+
+  // Runs a program while the endpoint is serviced.
+  Output Run(const std::string& command) {
+    auto output = std::async(std::launch::async, [&] {
+      std::string text;
+      FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+      std::array<char, 256> chunk{};
+      while (std::fgets(chunk.data(), chunk.size(), pipe) != nullptr) {
+        text += chunk.data();
+      }
+      return Output{pclose(pipe), text};
+    });
+    EXPECT_TRUE(Until(
+        [&] { return output.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+    return output.get();
+  }
+  std::string Busctl() const { return "busctl --address=" + privateBus_.address() + " "; }
+};
+
+// The interface without comments and layout.
+std::string essence(const std::string& xml) {
+  std::string text = std::regex_replace(xml, std::regex("<!--[^]*?-->"), "");
+  const auto start = text.find("<interface name=\"kova.Ipc1\">");
+  const auto end = text.find("</interface>", start);
+  if (start == std::string::npos || end == std::string::npos) {
+    return "no interface in: " + xml;
+  }
+  return std::regex_replace(text.substr(start, end - start), std::regex(">\\s+"), ">");
+}
+
+TEST_F(InterfaceTest, IntrospectionSaysWhatTheShippedDescriptionSays) {
+  Join();
+  sd_bus_message* created = nullptr;
+  sd_bus_message_new_method_call(stranger_.bus(), &created, "kova.test", kObjectPath,
+                                 "org.freedesktop.DBus.Introspectable", "Introspect");
+  const MessagePtr call(created);
+  std::string live;
+  sd_bus_call_async(
+      stranger_.bus(), nullptr, call.get(),
+      [](sd_bus_message* answer, void* result, sd_bus_error*) {
+        const char* text = "";
+        sd_bus_message_read(answer, "s", &text);
+        *static_cast<std::string*>(result) = text;
+        return 1;
+      },
+      &live, 0);
+  ASSERT_TRUE(Until([&] { return !live.empty(); }));
+  std::stringstream shipped;
+  shipped << std::ifstream(KOVA_IPC_XML).rdbuf();
+  EXPECT_EQ(essence(live), essence(shipped.str()));
+}
+
+TEST_F(InterfaceTest, OtherMethodsAndObjectsAreUnknown) {
+  Join();
+  const auto error = [&](const char* path, const char* interface, const char* member) {
+    sd_bus_message* call = nullptr;
+    sd_bus_message_new_method_call(stranger_.bus(), &call, "kova.test", path, interface, member);
+    const MessagePtr owned(call);
+    return Call(call).error;
+  };
+  EXPECT_EQ(error("/kova", "kova.Ipc1", "Other"), "org.freedesktop.DBus.Error.UnknownMethod");
+  EXPECT_EQ(error("/kova", "kova.Ipc2", "Send"), "org.freedesktop.DBus.Error.UnknownMethod");
+  EXPECT_EQ(error("/other", "kova.Ipc1", "Send"), "org.freedesktop.DBus.Error.UnknownObject");
+  EXPECT_EQ(error("/kova", nullptr, "Send"), "kova.Error.InvalidMessage");
+}
+
+TEST_F(InterfaceTest, BusctlCalls) {
+  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
+    BaseResponseMessage response;
+    response.payload("pong");
+    return ipc_.SendResponse(request, response);
+  });
+  ipc_.AddHandler("Ping", &handler);
+  Join();
+  const std::string send = Busctl() + "call kova.test /kova kova.Ipc1 Send ";
+  const Output answered = Run(send + "'a{sv}' 2 functionName s Ping number q 7");
+  EXPECT_EQ(answered.status, 0) << answered.text;
+  EXPECT_NE(answered.text.find("\"payload\" s \"pong\""), std::string::npos) << answered.text;
+  EXPECT_EQ(handler.requests.at(0)["number"], Variant(std::uint32_t{7}));
+  const Output refused = Run(send + "s text");
+  EXPECT_NE(refused.status, 0);
+}
+
+}  // namespace
+}  // namespace kova::ipc::testing

@@ -1,0 +1,68 @@
+#include "../src/OutQueue.h"
+
+#include <gtest/gtest.h>
+
+namespace kova::ipc {
+namespace {
+
+messages::BaseRequestMessage numbered(std::uint64_t id) {
+  messages::BaseRequestMessage message;
+  message.id(id);
+  return message;
+}
+
+TEST(OutQueueTest, GivesBackInOrderAndOnlyOnce) {
+  OutQueue queue;
+  queue.Put("a", numbered(1), 10);
+  queue.Put("b", numbered(2), 10);
+  queue.Put("a", numbered(3), 10);
+  auto taken = queue.Take("a");
+  ASSERT_EQ(taken.size(), 2U);
+  EXPECT_EQ(taken[0].id(), 1U);
+  EXPECT_EQ(taken[1].id(), 3U);
+  EXPECT_TRUE(queue.Take("a").empty());
+  EXPECT_EQ(queue.Take("b").size(), 1U);
+}
+
+TEST(OutQueueTest, KeepsTheNewest256OfADestination) {
+  OutQueue queue;
+  for (std::uint64_t id = 0; id < 300; ++id) {
+    queue.Put("a", numbered(id), 10);
+  }
+  auto taken = queue.Take("a");
+  ASSERT_EQ(taken.size(), 256U);
+  EXPECT_EQ(taken.front().id(), 44U);
+  EXPECT_EQ(taken.back().id(), 299U);
+}
+
+TEST(OutQueueTest, ForgetsTheDestinationThatWaitsLongestWhenThereAreTooMany) {
+  OutQueue queue;
+  for (std::size_t i = 0; i <= OutQueue::kMaxDestinations; ++i) {
+    queue.Put("d" + std::to_string(i), numbered(i), 10);
+  }
+  EXPECT_TRUE(queue.Take("d0").empty());
+  EXPECT_EQ(queue.Take("d1").size(), 1U);
+  EXPECT_EQ(queue.Take("d" + std::to_string(OutQueue::kMaxDestinations)).size(), 1U);
+}
+
+TEST(OutQueueTest, DropsTheOldestWhenTooManyBytesWait) {
+  OutQueue queue;
+  constexpr std::size_t half = OutQueue::kMaxBytes / 2;
+  queue.Put("a", numbered(1), half);
+  queue.Put("b", numbered(2), half);
+  queue.Put("c", numbered(3), 1);
+  EXPECT_TRUE(queue.Take("a").empty());
+  EXPECT_EQ(queue.Take("b").size(), 1U);
+  EXPECT_EQ(queue.Take("c").size(), 1U);
+}
+
+TEST(OutQueueTest, WhatWasTakenMakesRoom) {
+  OutQueue queue;
+  queue.Put("a", numbered(1), OutQueue::kMaxBytes);
+  EXPECT_EQ(queue.Take("a").size(), 1U);
+  queue.Put("b", numbered(2), OutQueue::kMaxBytes);
+  EXPECT_EQ(queue.Take("b").size(), 1U);
+}
+
+}  // namespace
+}  // namespace kova::ipc

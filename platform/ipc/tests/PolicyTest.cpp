@@ -1,0 +1,130 @@
+#include <grp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "BusTest.h"
+
+namespace kova::ipc::testing {
+namespace {
+
+constexpr uid_t kOtherUser = 65534;
+constexpr gid_t kNoGroup = 65533;
+
+std::string standInGroup() {
+  const group* found = getgrgid(kOtherUser);
+  return found != nullptr ? found->gr_name : "nogroup";
+}
+
+// What a second user, inside or outside the group, is allowed; needs root to become that user.
+class PolicyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "only root can become another user";
+    }
+    ASSERT_TRUE(ipc_.AddHandler("Tell", &handler_));
+    ASSERT_TRUE(ipc_.Init("test", true, nullptr));
+  }
+
+  // The other user's end of the test, as a process of its own. The result is the error's name.
+  std::string AsOther(gid_t group, const std::function<int(sd_bus*, sd_bus_error*)>& action) {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(Act(group, action, ends[1]));
+    }
+    close(ends[1]);
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0) {
+      ipc_.Service(5);
+    }
+    char name[256] = "";
+    const ssize_t got = read(ends[0], name, sizeof name - 1);
+    close(ends[0]);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0
+               ? std::string(name, got > 0 ? static_cast<std::size_t>(got) : 0)
+               : "child failed";
+  }
+
+  static int Act(gid_t group, const std::function<int(sd_bus*, sd_bus_error*)>& action,
+                 int result) {
+    std::string reason;
+    if (setgroups(0, nullptr) != 0 || setgid(group) != 0 || setuid(kOtherUser) != 0) {
+      return 1;
+    }
+    const BusPtr bus = openBus(false, reason);
+    if (bus == nullptr) {
+      return 2;
+    }
+    BusError error;
+    const int outcome = action(bus.get(), &error.value);
+    const std::string name = error.value.name != nullptr ? error.value.name
+                             : outcome < 0               ? "errno " + std::to_string(-outcome)
+                                                         : "";
+    return write(result, name.data(), name.size()) >= 0 ? 0 : 3;
+  }
+
+  static int Send(sd_bus* bus, sd_bus_error* error) {
+    return sd_bus_call_method(bus, "kova.test", kObjectPath, kInterface, kSend, error, nullptr,
+                              "a{sv}", 1, "functionName", "s", "Tell");
+  }
+  static int Introspect(sd_bus* bus, sd_bus_error* error) {
+    return sd_bus_call_method(bus, "kova.test", kObjectPath, "org.freedesktop.DBus.Introspectable",
+                              "Introspect", error, nullptr, "");
+  }
+  static int BroadcastIt(sd_bus* bus, sd_bus_error*) {
+    sd_bus_emit_signal(bus, kObjectPath, kInterface, kBroadcast, "a{sv}", 1, "functionName", "s",
+                       "Tell");
+    return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                              "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
+  }
+  static int Monitor(sd_bus* bus, sd_bus_error* error) {
+    return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                              "org.freedesktop.DBus.Monitoring", "BecomeMonitor", error, nullptr,
+                              "asu", 0, 0U);
+  }
+  static auto Own(const char* name) {
+    return [name](sd_bus* bus, sd_bus_error* error) {
+      return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                "org.freedesktop.DBus", "RequestName", error, nullptr, "su", name,
+                                4U);
+    };
+  }
+
+  static constexpr char kDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
+
+  PrivateBus bus_{{{"group=\"kova\"", "group=\"" + standInGroup() + "\""}}};
+  Ipc ipc_;
+  Recorder handler_{&ipc_};
+};
+
+TEST_F(PolicyTest, OutsidersNeitherSendNorOwnNorWatch) {
+  EXPECT_EQ(AsOther(kNoGroup, Send), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, Introspect), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, Own("kova.test2")), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, Own("kova.client.one")), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, Own("other.name")), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, Monitor), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, BroadcastIt), "");
+  // What is sent last arrives last.
+  EXPECT_EQ(AsOther(kOtherUser, Send), "");
+  EXPECT_EQ(handler_.requests.size(), 1U);
+}
+
+TEST_F(PolicyTest, MembersSendAndBroadcastAndOwnClientNamesOnly) {
+  EXPECT_EQ(AsOther(kOtherUser, Send), "");
+  EXPECT_EQ(handler_.requests.size(), 1U);
+  EXPECT_EQ(AsOther(kOtherUser, Introspect), "");
+  EXPECT_EQ(AsOther(kOtherUser, Own("kova.client.one")), "");
+  EXPECT_EQ(AsOther(kOtherUser, Own("kova.client")), kDenied);
+  EXPECT_EQ(AsOther(kOtherUser, Own("kova.test2")), kDenied);
+  EXPECT_EQ(AsOther(kOtherUser, Own("kova.clientele")), kDenied);
+  EXPECT_EQ(AsOther(kOtherUser, Monitor), kDenied);
+  EXPECT_EQ(AsOther(kOtherUser, BroadcastIt), "");
+  EXPECT_EQ(AsOther(kOtherUser, Send), "");
+  EXPECT_EQ(handler_.requests.size(), 3U);
+}
+
+}  // namespace
+}  // namespace kova::ipc::testing

@@ -1,0 +1,218 @@
+#include "BusTest.h"
+
+namespace kova::ipc::testing {
+namespace {
+
+class SendRequestTest : public BusTest {
+ protected:
+  SendRequestTest() { other_.AddHandler("", &received_); }
+
+  void JoinOther(bool receiveBroadcasts = false) {
+    ASSERT_TRUE(other_.Init("other", receiveBroadcasts, nullptr));
+    serviced_.push_back(&other_);
+  }
+  void JoinBoth(bool receiveBroadcasts = false) {
+    Join(receiveBroadcasts, &ledger_);
+    JoinOther(receiveBroadcasts);
+    ASSERT_TRUE(Until([&] { return ipc_.IsPresent("other"); }));
+  }
+
+  static BaseRequestMessage To(const std::string& endpoint, std::uint64_t id = 1) {
+    BaseRequestMessage request;
+    request.functionName("Tell");
+    request.to(endpoint);
+    request.id(id);
+    return request;
+  }
+
+  bool UntilReceived(std::size_t count) {
+    return Until([&] { return received_.requests.size() >= count; });
+  }
+
+  Ledger ledger_{&ipc_};
+  Ipc other_;
+  Recorder received_{&other_};
+};
+
+TEST_F(SendRequestTest, ArrivesNormalisedWithTheSendersName) {
+  JoinBoth();
+  BaseRequestMessage request = To("other");
+  EXPECT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(UntilReceived(1));
+  EXPECT_EQ(request.from(), "test");
+  EXPECT_EQ(received_.requests[0], request);
+  EXPECT_NE(received_.requests[0].Find("timeStamp"), nullptr);
+  EXPECT_EQ(ledger_.sent, std::vector<std::uint64_t>{1});
+}
+
+TEST_F(SendRequestTest, AGivenSenderIsKept) {
+  JoinBoth();
+  BaseRequestMessage request = To("other");
+  request.from("someone");
+  EXPECT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(UntilReceived(1));
+  EXPECT_EQ(received_.requests[0].from(), "someone");
+}
+
+TEST_F(SendRequestTest, InvalidDestinationsAreRefused) {
+  Join();
+  for (const char* name : {"", ".", "a..b", "a b", "1a", ":1.2", "a/b", "\xff"}) {
+    BaseRequestMessage request = To(name);
+    EXPECT_FALSE(ipc_.SendRequest(request)) << name;
+  }
+}
+
+TEST_F(SendRequestTest, BeforeJoiningNothingIsSent) {
+  BaseRequestMessage request = To("other");
+  EXPECT_FALSE(ipc_.SendRequest(request));
+  EXPECT_FALSE(ipc_.IsPresent("other"));
+  EXPECT_FALSE(ipc_.Service(0));
+}
+
+TEST_F(SendRequestTest, WhatCannotBeWrittenIsRefusedWhetherTheDestinationIsThereOrNot) {
+  Join();
+  BaseRequestMessage request = To("other");
+  request["large"] = std::string(wire::kMaxBodySize, 'x');
+  EXPECT_FALSE(ipc_.SendRequest(request));
+  JoinOther();
+  ASSERT_TRUE(Until([&] { return ipc_.IsPresent("other"); }));
+  EXPECT_FALSE(ipc_.SendRequest(request));
+}
+
+TEST_F(SendRequestTest, EndpointsThatWereThereFirstAreKnown) {
+  JoinOther();
+  Join();
+  EXPECT_TRUE(ipc_.IsPresent("other"));
+  EXPECT_FALSE(ipc_.IsPresent("oth"));
+  EXPECT_FALSE(ipc_.IsPresent(""));
+}
+
+TEST_F(SendRequestTest, AnAbsentDestinationIsRefusedWithoutQueueing) {
+  Join(false, &ledger_);
+  BaseRequestMessage request = To("other");
+  request.queueIfDestUnavailable(false);
+  EXPECT_FALSE(ipc_.SendRequest(request));
+  JoinOther();
+  BaseRequestMessage last = To("other", 2);
+  ASSERT_TRUE(ipc_.SendRequest(last));
+  ASSERT_TRUE(UntilReceived(1));
+  EXPECT_EQ(received_.requests[0].id(), 2U);
+}
+
+TEST_F(SendRequestTest, TheNewest256WaitForAnAbsentDestinationInOrder) {
+  Join(false, &ledger_);
+  for (std::uint64_t id = 1; id <= 300; ++id) {
+    BaseRequestMessage request = To("other", id);
+    ASSERT_TRUE(ipc_.SendRequest(request));
+  }
+  EXPECT_TRUE(ledger_.sent.empty());
+  JoinOther();
+  ASSERT_TRUE(UntilReceived(256));
+  for (std::uint64_t i = 0; i < 256; ++i) {
+    ASSERT_EQ(received_.requests[i].id(), 45 + i);
+  }
+  EXPECT_EQ(ledger_.sent.size(), 256U);
+}
+
+TEST_F(SendRequestTest, ADestinationThatLeftIsWaitedForAgain) {
+  Join();
+  {
+    Ipc brief;
+    ASSERT_TRUE(brief.Init("brief", false, nullptr));
+    ASSERT_TRUE(Until([&] { return ipc_.IsPresent("brief"); }));
+  }
+  ASSERT_TRUE(Until([&] { return !ipc_.IsPresent("brief"); }));
+  BaseRequestMessage request = To("brief");
+  EXPECT_TRUE(ipc_.SendRequest(request));
+  Ipc again;
+  Recorder recorder(&again);
+  again.AddHandler("Tell", &recorder);
+  ASSERT_TRUE(again.Init("brief", false, nullptr));
+  serviced_.push_back(&again);
+  EXPECT_TRUE(Until([&] { return !recorder.requests.empty(); }));
+}
+
+TEST_F(SendRequestTest, AnswersReachTheTransactionsHandler) {
+  Recorder answering(&other_, [&](BaseRequestMessage& request, bool&) {
+    BaseResponseMessage response;
+    response.statusCode(3);
+    return other_.SendResponse(request, response);
+  });
+  other_.AddHandler("Tell", &answering);
+  JoinBoth();
+  BaseRequestMessage request = To("other", 5);
+  request.responseExpected(true);
+  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(Until([&] { return !ledger_.responses.empty(); }));
+  EXPECT_EQ(ledger_.responses[0].first, 5U);
+  EXPECT_EQ(ledger_.responses[0].second.statusCode(), 3U);
+  EXPECT_EQ(ledger_.responses[0].second.requestId(), 5U);
+  EXPECT_TRUE(ledger_.errors.empty());
+}
+
+TEST_F(SendRequestTest, AMessageThatIsOnlyTakenIsAnsweredByAnEmptyMap) {
+  JoinBoth();
+  BaseRequestMessage request = To("other", 5);
+  request.responseExpected(true);
+  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(Until([&] { return !ledger_.responses.empty(); }));
+  EXPECT_EQ(ledger_.responses[0].second.Size(), 0U);
+}
+
+TEST_F(SendRequestTest, ErrorsReachTheTransactionsHandler) {
+  CatchAllHandlerRejector rejector(&other_);
+  other_.AddHandler("Tell", &rejector);
+  JoinBoth();
+  BaseRequestMessage request = To("other", 6);
+  request.responseExpected(true);
+  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(Until([&] { return !ledger_.errors.empty(); }));
+  EXPECT_EQ(ledger_.errors[0], std::pair(std::uint64_t{6}, std::string(kUnknownFunction)));
+  EXPECT_TRUE(ledger_.responses.empty());
+}
+
+TEST_F(SendRequestTest, TheEndOfTheBusEndsOpenTransactionsWithAnError) {
+  JoinBoth();
+  BaseRequestMessage request = To("other", 7);
+  request.responseExpected(true);
+  ASSERT_TRUE(ipc_.SendRequest(request));
+  privateBus_.Kill();
+  ASSERT_TRUE(Until([&] { return !ipc_.Service(0); }));
+  ASSERT_EQ(ledger_.errors.size(), 1U);
+  EXPECT_EQ(ledger_.errors[0].first, 7U);
+}
+
+TEST_F(SendRequestTest, BroadcastsReachOthersThatListenAndNotTheirSender) {
+  Recorder own(&ipc_);
+  ipc_.AddHandler("Tell", &own);
+  Ipc deaf;
+  Recorder unheard(&deaf);
+  deaf.AddHandler("Tell", &unheard);
+  ASSERT_TRUE(deaf.Init("deaf", false, nullptr));
+  serviced_.push_back(&deaf);
+  JoinBoth(true);
+  BaseRequestMessage event = To("");
+  event.isBroadcast(true);
+  ASSERT_TRUE(ipc_.SendRequest(event));
+  BaseRequestMessage direct = To("deaf", 2);
+  ASSERT_TRUE(ipc_.SendRequest(direct));
+  BaseRequestMessage toSelf = To("test", 3);
+  ASSERT_TRUE(Until([&] { return ipc_.IsPresent("test"); }));
+  ASSERT_TRUE(ipc_.SendRequest(toSelf));
+  ASSERT_TRUE(UntilReceived(1));
+  ASSERT_TRUE(Until([&] { return !unheard.requests.empty() && !own.requests.empty(); }));
+  EXPECT_EQ(received_.requests[0], event);
+  EXPECT_EQ(unheard.requests[0].id(), 2U);
+  EXPECT_EQ(own.requests[0].id(), 3U);
+}
+
+TEST_F(SendRequestTest, BroadcastsThatCannotBeReadAreIgnored) {
+  JoinBoth(true);
+  sd_bus_emit_signal(stranger_.bus(), kObjectPath, kInterface, kBroadcast, "s", "text");
+  sd_bus_emit_signal(stranger_.bus(), kObjectPath, kInterface, kBroadcast, "a{sv}", 0);
+  ASSERT_TRUE(UntilReceived(1));
+  EXPECT_EQ(received_.requests.size(), 1U);
+}
+
+}  // namespace
+}  // namespace kova::ipc::testing

@@ -1,0 +1,320 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "../src/Protocol.h"
+#include "../src/Utf8.h"
+#include "../src/Wire.h"
+#include "OfflineBus.h"
+
+namespace kova::ipc::wire {
+namespace {
+
+using testing::OfflineBus;
+using variant::Variant;
+using variant::VariantType;
+
+class WireTest : public ::testing::Test {
+ protected:
+  static Variant holding(const Variant& value) {
+    Variant map;
+    map["key"] = value;
+    return map;
+  }
+
+  MessagePtr Encoded(const Variant& body) {
+    MessagePtr message = bus_.NewMessage();
+    if (!encode(body, message.get(), reason_)) {
+      return nullptr;
+    }
+    return bus_.Roundtrip(message.get());
+  }
+
+  // The D-Bus type that a value has on the wire.
+  std::string WireType(const Variant& value) {
+    const MessagePtr message = Encoded(holding(value));
+    const char* key = nullptr;
+    char type = 0;
+    const char* content = nullptr;
+    if (message == nullptr || sd_bus_message_enter_container(message.get(), 'a', "{sv}") <= 0 ||
+        sd_bus_message_enter_container(message.get(), 'e', "sv") <= 0 ||
+        sd_bus_message_read(message.get(), "s", &key) <= 0 ||
+        sd_bus_message_peek_type(message.get(), &type, &content) <= 0) {
+      return "unreadable";
+    }
+    return content;
+  }
+
+  Variant BackAndForth(const Variant& value) {
+    const MessagePtr message = Encoded(holding(value));
+    Variant body;
+    EXPECT_TRUE(message != nullptr && decode(message.get(), body, reason_)) << reason_;
+    return body["key"];
+  }
+
+  // What a{sv} with one variant of this type and value is read as.
+  template <typename... Value>
+  Variant Received(const char* type, Value... value) {
+    MessagePtr message = bus_.NewMessage();
+    EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, value...), 0);
+    Variant body;
+    EXPECT_TRUE(Decoded(message.get(), body)) << reason_;
+    return body["key"];
+  }
+
+  bool Decoded(sd_bus_message* message, Variant& body) {
+    const MessagePtr received = bus_.Roundtrip(message);
+    return received != nullptr && decode(received.get(), body, reason_);
+  }
+
+  // A body that is {"key": aaa...ay}, with this many arrays around an empty one of numbers.
+  MessagePtr NestedArrays(unsigned levels) {
+    MessagePtr message = bus_.NewMessage();
+    const std::string type = std::string(levels, 'a') + "i";
+    sd_bus_message_open_container(message.get(), 'a', "{sv}");
+    sd_bus_message_open_container(message.get(), 'e', "sv");
+    sd_bus_message_append(message.get(), "s", "key");
+    sd_bus_message_open_container(message.get(), 'v', type.c_str());
+    for (unsigned level = 0; level < levels; ++level) {
+      sd_bus_message_open_container(message.get(), 'a', type.c_str() + level + 1);
+    }
+    for (unsigned level = 0; level < levels + 3; ++level) {
+      EXPECT_GE(sd_bus_message_close_container(message.get()), 0);
+    }
+    return message;
+  }
+
+  OfflineBus bus_;
+  std::string reason_;
+};
+
+struct Pair {
+  Variant value;
+  const char* type;
+};
+
+std::vector<Pair> everyType() {
+  Variant map;
+  map["inner"] = std::int8_t{1};
+  map[""] = Variant();
+  Variant array;
+  array.PushToArray("one");
+  array.PushToArray(map);
+  return {
+      {Variant(), "g"},
+      {true, "b"},
+      {false, "b"},
+      {std::numeric_limits<std::int8_t>::min(), "n"},
+      {std::numeric_limits<std::int8_t>::max(), "n"},
+      {std::numeric_limits<std::uint8_t>::max(), "y"},
+      {std::numeric_limits<std::int32_t>::min(), "i"},
+      {std::numeric_limits<std::int32_t>::max(), "i"},
+      {std::numeric_limits<std::uint32_t>::max(), "u"},
+      {std::numeric_limits<std::int64_t>::min(), "x"},
+      {std::numeric_limits<std::int64_t>::max(), "x"},
+      {std::numeric_limits<std::uint64_t>::max(), "t"},
+      {std::numeric_limits<double>::denorm_min(), "d"},
+      {-std::numeric_limits<double>::infinity(), "d"},
+      {"", "s"},
+      {"Türkamera \xf0\x9f\x93\xb7", "s"},
+      {"\xff\xfe", "ay"},
+      {std::string("a\0b", 3), "ay"},
+      {"\xef\xbf\xbe", "ay"},
+      {timeval{-1, 999999}, "(xx)"},
+      {timeval{std::numeric_limits<std::int64_t>::max(), 0}, "(xx)"},
+      {Variant::Map{}, "a{sv}"},
+      {map, "a{sv}"},
+      {Variant::Array{}, "av"},
+      {array, "av"},
+  };
+}
+
+TEST_F(WireTest, EveryVariantHasItsTypeOnTheWireAndComesBackUnchanged) {
+  for (const auto& [value, type] : everyType()) {
+    SCOPED_TRACE(holding(value).ToJSON());
+    EXPECT_EQ(WireType(value), type);
+    const Variant back = BackAndForth(value);
+    EXPECT_EQ(back.Type(), value.Type());
+    EXPECT_EQ(back, value);
+  }
+}
+
+TEST_F(WireTest, NotANumberStaysOne) {
+  const Variant back = BackAndForth(std::nan(""));
+  EXPECT_EQ(back.Type(), VariantType::Double);
+  EXPECT_TRUE(std::isnan(back.ToNumber<double>()));
+}
+
+TEST_F(WireTest, MeasuredSizeIsTheMarshalledSize) {
+  Variant everything;
+  for (const auto& [value, type] : everyType()) {
+    everything[std::to_string(everything.Size())] = value;
+    MessagePtr message = bus_.NewMessage();
+    std::size_t size = 0;
+    ASSERT_TRUE(measure(everything, size, reason_));
+    ASSERT_TRUE(encode(everything, message.get(), reason_));
+    EXPECT_EQ(bus_.Marshal(message.get()).size(), size) << type;
+  }
+}
+
+TEST_F(WireTest, ShortIntegersBecomeTheSmallestTypeThatHoldsThem) {
+  EXPECT_EQ(Received("n", -128), Variant(std::int8_t{-128}));
+  EXPECT_EQ(Received("n", 127), Variant(std::int8_t{127}));
+  EXPECT_EQ(Received("n", -129), Variant(std::int32_t{-129}));
+  EXPECT_EQ(Received("n", 128), Variant(std::int32_t{128}));
+  EXPECT_EQ(Received("q", 65535), Variant(std::uint32_t{65535}));
+}
+
+TEST_F(WireTest, PathsAndSignaturesAreStrings) {
+  EXPECT_EQ(Received("o", "/kova"), Variant("/kova"));
+  EXPECT_EQ(Received("g", "a{sv}"), Variant("a{sv}"));
+}
+
+TEST_F(WireTest, ByteArraysAreStringsAndOtherArraysOfBasicTypesArrays) {
+  EXPECT_EQ(Received("ay", 3, 'a', 0, 0xff), Variant(std::string("a\0\xff", 3)));
+  EXPECT_EQ(Received("ay", 0), Variant(""));
+  EXPECT_EQ(Received("as", 2, "x", "y"), Variant(Variant::Array{"x", "y"}));
+  EXPECT_EQ(Received("ab", 2, 1, 0), Variant(Variant::Array{true, false}));
+  EXPECT_EQ(Received("aay", 1, 1, 'z'), Variant(Variant::Array{"z"}));
+  EXPECT_EQ(Received("ad", 0), Variant(Variant::Array{}));
+}
+
+TEST_F(WireTest, VariantsWithinVariantsAreSeenThrough) {
+  EXPECT_EQ(Received("v", "v", "u", 7), Variant(std::uint32_t{7}));
+}
+
+TEST_F(WireTest, EveryStringKeyedDictionaryIsAMapAtTheTopTooAndTheLastOfEqualKeysCounts) {
+  MessagePtr message = bus_.NewMessage();
+  sd_bus_message_append(message.get(), "a{ss}", 3, "a", "1", "b", "2", "a", "3");
+  Variant body;
+  ASSERT_TRUE(Decoded(message.get(), body)) << reason_;
+  EXPECT_EQ(body, Variant(Variant::Map{{"a", "3"}, {"b", "2"}}));
+
+  message = bus_.NewMessage();
+  sd_bus_message_append(message.get(), "a{sa{sv}}", 1, "a", 1, "b", "n", 5);
+  ASSERT_TRUE(Decoded(message.get(), body)) << reason_;
+  EXPECT_EQ(body["a"]["b"], Variant(std::int8_t{5}));
+}
+
+TEST_F(WireTest, BodiesThatAreNotOneStringKeyedDictionaryAreRefused) {
+  const auto refused = [&](const char* types, auto... values) {
+    const MessagePtr message = bus_.NewMessage();
+    EXPECT_GE(sd_bus_message_append(message.get(), types, values...), 0);
+    Variant body;
+    EXPECT_FALSE(Decoded(message.get(), body)) << types;
+    EXPECT_FALSE(reason_.empty());
+  };
+  refused("");
+  refused("s", "text");
+  refused("as", 1, "text");
+  refused("v", "a{sv}", 0);
+  refused("a{sv}a{sv}", 0, 0);
+  refused("a{sv}s", 0, "text");
+  refused("a{us}", 1, 1, "text");
+  refused("a{os}", 0);
+  refused("(a{sv})", 0);
+}
+
+TEST_F(WireTest, TypesThatNoVariantStandsForAreRefused) {
+  const auto refused = [&](const char* type, auto... values) {
+    const MessagePtr message = bus_.NewMessage();
+    EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, values...), 0);
+    Variant body;
+    EXPECT_FALSE(Decoded(message.get(), body)) << type;
+  };
+  refused("(s)", "text");
+  refused("(xxx)", std::int64_t{}, std::int64_t{}, std::int64_t{});
+  refused("(tt)", std::uint64_t{}, std::uint64_t{});
+  refused("a{us}", 1, 1, "text");
+  refused("a(is)", 1, 1, "text");
+}
+
+TEST_F(WireTest, MalformedBodiesAreRefused) {
+  const std::string empty(8, '\0');
+  Variant body;
+  MessagePtr message = bus_.Receive("a{ss}", empty);
+  ASSERT_NE(message, nullptr);
+  EXPECT_TRUE(decode(message.get(), body, reason_));
+
+  const std::string invalidKey("\x0d\0\0\0\0\0\0\0\1\0\0\0\xff\0\0\0\0\0\0\0\0", 21);
+  const std::string lengthBeyondTheEnd("\xff\xff\0\0\0\0\0\0", 8);
+  const std::string truncatedLength("\0\0", 2);
+  for (const std::string& bytes : {invalidKey, lengthBeyondTheEnd, truncatedLength}) {
+    message = bus_.Receive("a{ss}", bytes);
+    EXPECT_TRUE(message == nullptr || !decode(message.get(), body, reason_)) << bytes.size();
+  }
+}
+
+TEST_F(WireTest, ThirtyTwoLevelsAreReadAndThirtyThreeRefused) {
+  Variant body;
+  EXPECT_TRUE(Decoded(NestedArrays(31).get(), body)) << reason_;
+  EXPECT_FALSE(Decoded(NestedArrays(32).get(), body));
+  EXPECT_EQ(reason_, "the body is nested too deeply");
+}
+
+TEST_F(WireTest, OneMebibyteIsReadAndOneByteMoreRefused) {
+  constexpr std::size_t overhead = 8 + (4 + 4) + 3 + 1 + (4 + 1);  // of {"key": text}
+  Variant body;
+  for (const std::size_t length : {kMaxBodySize - overhead, kMaxBodySize - overhead + 1}) {
+    const MessagePtr message = bus_.NewMessage();
+    const std::string text(length, 'x');
+    sd_bus_message_append(message.get(), "a{sv}", 1, "key", "s", text.c_str());
+    const bool fits = length == kMaxBodySize - overhead;
+    EXPECT_EQ(Decoded(message.get(), body), fits) << reason_;
+    std::size_t size = 0;
+    EXPECT_EQ(measure(holding(text), size, reason_), fits);
+    EXPECT_TRUE(!fits || size == kMaxBodySize) << size;
+  }
+  EXPECT_EQ(reason_, "the message is larger than 1 MiB");
+}
+
+TEST_F(WireTest, TenThousandKeysAreRead) {
+  Variant body;
+  for (int i = 0; i < 10'000; ++i) {
+    body["key" + std::to_string(i)] = i;
+  }
+  const MessagePtr message = Encoded(body);
+  Variant back;
+  ASSERT_TRUE(message != nullptr && decode(message.get(), back, reason_)) << reason_;
+  EXPECT_EQ(back, body);
+}
+
+TEST_F(WireTest, WhatTheBusWouldDisconnectForIsNotWritten) {
+  Variant deep("leaf");
+  for (int level = 0; level < 21; ++level) {
+    deep = holding(deep);
+  }
+  EXPECT_NE(Encoded(deep), nullptr) << reason_;
+  EXPECT_EQ(Encoded(holding(deep)), nullptr);
+  EXPECT_EQ(reason_, "the message is nested too deeply");
+
+  Variant invalidKey;
+  invalidKey["\xff"] = 1;
+  EXPECT_EQ(Encoded(invalidKey), nullptr);
+  EXPECT_EQ(reason_, "a key is not valid UTF-8");
+  EXPECT_EQ(Encoded(holding(std::string(kMaxBodySize, 'x'))), nullptr);
+}
+
+TEST_F(WireTest, WhatIsNoMapIsSentAsAnEmptyOne) {
+  const MessagePtr message = Encoded("text");
+  Variant body;
+  ASSERT_TRUE(message != nullptr && decode(message.get(), body, reason_));
+  EXPECT_EQ(body, Variant(Variant::Map{}));
+}
+
+TEST(Utf8Test, TakesExactlyWhatADBusStringMayHold) {
+  for (const char* text : {"", "\x7f", "\xc2\x80", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+                           "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbd"}) {
+    EXPECT_TRUE(isBusText(text)) << Variant(text).ToJSON();
+  }
+  for (const char* text : {"\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+                           "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xc2", "\xe2\x82", "\xc2x",
+                           "\xef\xb7\x90", "\xef\xbf\xbf", "\xf0\x9f\xbf\xbf"}) {
+    EXPECT_FALSE(isBusText(text)) << Variant(text).ToJSON();
+  }
+  EXPECT_FALSE(isBusText({"\0", 1}));
+}
+
+}  // namespace
+}  // namespace kova::ipc::wire

@@ -1,0 +1,85 @@
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "../../platform/ipc/src/Wire.h"
+#include "../../platform/ipc/tests/OfflineBus.h"
+
+// An input is a message as it might come off the bus: the length of the signature in one byte, the
+// signature, the body. What can be decoded must come out the same after encoding and decoding.
+
+namespace {
+
+using kova::ipc::MessagePtr;
+using kova::ipc::testing::OfflineBus;
+using kova::variant::Variant;
+namespace wire = kova::ipc::wire;
+
+void require(bool holds) {
+  if (!holds) {
+    std::abort();
+  }
+}
+
+unsigned depthOf(const Variant& value) {
+  unsigned deepest = 0;
+  for (const auto& [key, element] : value.Elements()) {
+    deepest = std::max(deepest, depthOf(element));
+  }
+  for (const auto& item : value.Items()) {
+    deepest = std::max(deepest, depthOf(item));
+  }
+  return value.IsContainer() ? deepest + 1 : 0;
+}
+
+// Empty when the value cannot be sent; its size and nesting can grow beyond the limits, since
+// everything becomes a variant.
+std::string marshal(OfflineBus& bus, const Variant& value) {
+  std::string reason;
+  std::size_t size = 0;
+  const MessagePtr message = bus.NewMessage();
+  const bool sendable = wire::measure(value, size, reason);
+  require(wire::encode(value, message.get(), reason) == sendable);
+  require(sendable || !reason.empty());
+  const std::string body = sendable ? bus.Marshal(message.get()) : "";
+  require(!sendable || body.size() == size);
+  return body;
+}
+
+void checkRoundtrip(OfflineBus& bus, const Variant& value) {
+  const std::string body = marshal(bus, value);
+  if (body.empty()) {
+    return;
+  }
+  const MessagePtr message = bus.Receive("a{sv}", body);
+  std::string reason;
+  Variant again;
+  require(message != nullptr && wire::decode(message.get(), again, reason));
+  // The bytes, since a value that holds NaN equals nothing.
+  require(marshal(bus, again) == body);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static OfflineBus bus;
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  if (input.empty() || input.size() - 1 < data[0]) {
+    return 0;
+  }
+  const std::string_view signature = input.substr(1, data[0]);
+  const MessagePtr message = bus.Receive(signature, input.substr(1 + signature.size()));
+  if (message == nullptr) {
+    return 0;
+  }
+  Variant value;
+  std::string reason;
+  if (!wire::decode(message.get(), value, reason)) {
+    require(!reason.empty());
+    return 0;
+  }
+  require(value.IsMap() && depthOf(value) <= wire::kMaxDepth);
+  checkRoundtrip(bus, value);
+  return 0;
+}
