@@ -174,8 +174,13 @@ bool serviceUntil(ctlserver::BaseHTTP& http, const std::function<bool()>& condit
 }
 
 std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  if (!file) {
+    return "";
+  }
+  std::string content(static_cast<std::size_t>(file.tellg()), '\0');
+  file.seekg(0).read(content.data(), static_cast<std::streamsize>(content.size()));
+  return content;
 }
 
 void writeFile(const std::string& path, const std::string& content) {
