@@ -72,7 +72,7 @@ _kovactl() {
   case $previous in
     --to | --from) _kovactl_words "$(kovactl __complete endpoints)" && return ;;
     --file | --old-file | --new-file)
-      compopt -o filenames 2>/dev/null
+      compopt -o filenames 2>/dev/null || :
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
       ;;
@@ -85,8 +85,9 @@ _kovactl() {
   else
     _kovactl_words "$(_kovactl_arguments 2>/dev/null)"
   fi
-  [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == *= ]] && compopt -o nospace 2>/dev/null
-  return 0
+  if [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == *= ]]; then
+    compopt -o nospace 2>/dev/null || :
+  fi
 }
 
 complete -F _kovactl kovactl
