@@ -46,7 +46,7 @@ start() {
     kill -0 "${pid[$service]}" 2>/dev/null || break
     sleep 0.05
   done
-  why[$service]="did not own ${name[$service]}: $(tail -n 1 "$LOGS/$service")"
+  why[$service]="no ${name[$service]}: $(tail -n 1 "$LOGS/$service" | cut -c1-80)"
   stop "$service"
   return 1
 }
