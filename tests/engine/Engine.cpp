@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 #include "CurlFaults.h"
 
@@ -165,6 +166,7 @@ bool eventually(const std::function<bool()>& condition) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
     }
+    std::this_thread::yield();
   }
   return true;
 }
