@@ -8,10 +8,10 @@
 // "NAME failed" for one that did not own its name within five seconds, which is not tried again.
 // The services' own output goes to standard error.
 
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <time.h>
+#include <ctime>
 
 /// The daemon's pause between two passes.
 inline void sleepTick() {
