@@ -65,11 +65,7 @@ bool read(const Update& update, const char* key, std::string& value) {
 /// An absent setting reads as "".
 bool readOptional(const Update& update, const char* key, std::string& value) {
   bool absent = false;
-  const bool succeeded = update.store.get(key, &value, &absent);
-  if (absent) {
-    value.clear();
-  }
-  return reportRead(succeeded, key);
+  return reportRead(update.store.get(key, &value, &absent), key);
 }
 
 const std::string& asText(const std::string& value) {

@@ -6,9 +6,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <array>
 #include <string>
 
+#include "../PrivateRoot.h"
 #include "CtlServer.h"
 #include "Platform.h"
 #include "kova/utils/File.h"
@@ -23,9 +23,7 @@ constexpr char kOldAccounts[] = "root:*:0:0:root:/root:/bin/sh\nguest:x:1:1::/:/
 class CredentialsTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::array<char, 64> host{};
-    gethostname(host.data(), host.size() - 1);
-    ASSERT_STREQ(host.data(), "kova-test") << "run this program through tests/private-root";
+    tests::requirePrivateRoot();
     fakes::reset();
     fakes::platform().config.values = {{"users.1.name", "admin"},
                                        {"users.1.password", "old$secret"}};
@@ -40,6 +38,7 @@ class CredentialsTest : public testing::Test {
   }
 
   static void writeAccounts(const std::string& text) {
+    tests::requirePrivateRoot();
     utils::File file;
     ASSERT_TRUE(file.Initialize(kAccountFile, utils::FILE_OPEN_MODE_TRUNCATE, 0) &&
                 file.WriteString(text) && file.Close());

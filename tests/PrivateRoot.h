@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+namespace kova::tests {
+
+/// Whether this process sees the files of tests/private-root and not those of the machine.
+inline bool inPrivateRoot() {
+  std::array<char, 64> host{};
+  struct stat root {};
+  struct stat etc {};
+  return gethostname(host.data(), host.size() - 1) == 0 &&
+         std::string_view(host.data()) == "kova-test" && stat("/", &root) == 0 &&
+         stat("/etc", &etc) == 0 && root.st_dev != etc.st_dev;
+}
+
+/// To be called before every change of a system file. Outside of a private root it ends the process
+/// at once: a failed assertion would only end the function it stands in, and the test would go on
+/// to change the machine.
+inline void requirePrivateRoot() {
+  if (!inPrivateRoot()) {
+    std::fputs("This program changes system files: run it through tests/private-root.\n", stderr);
+    _exit(125);
+  }
+}
+
+}  // namespace kova::tests

@@ -1,0 +1,167 @@
+#include "Rig.h"
+#include "kova/syscfg/SystemCfgManager.h"
+
+namespace kova::suite {
+namespace {
+
+using syscfg::SystemCfgManager;
+
+class ConfigStoreSuite : public PlatformSuite {
+ protected:
+  void SetUp() override {
+    PlatformSuite::SetUp();
+    writeStore({{"name", "Front door"}, {"zone", "GMT"}});
+    ASSERT_TRUE(store_.init());
+  }
+
+  /// What another user of the store reads; "(absent)" for nothing.
+  static std::string stored(const std::string& key) {
+    SystemCfgManager other;
+    std::string value;
+    bool absent = false;
+    EXPECT_TRUE(other.init() && other.get(key, &value, &absent));
+    return absent ? "(absent)" : value;
+  }
+
+  SystemCfgManager store_;
+};
+
+TEST_F(ConfigStoreSuite, ReadsAValue) {
+  std::string value = "before";
+  bool absent = true;
+  EXPECT_TRUE(store_.get("name", &value, &absent));
+  EXPECT_EQ(value, "Front door");
+  EXPECT_FALSE(absent);
+  EXPECT_TRUE(store_.get("zone", &value, nullptr));
+  EXPECT_EQ(value, "GMT");
+}
+
+TEST_F(ConfigStoreSuite, AbsentKeyIsNoFailureWhenAskedFor) {
+  std::string value = "before";
+  bool absent = false;
+  EXPECT_TRUE(store_.get("Name", &value, &absent));
+  EXPECT_TRUE(absent);
+  EXPECT_EQ(value, "");
+}
+
+TEST_F(ConfigStoreSuite, AbsentKeyIsAFailureWhenNotAskedFor) {
+  std::string value;
+  EXPECT_FALSE(store_.get("other", &value, nullptr));
+}
+
+TEST_F(ConfigStoreSuite, ReportsWhetherTheValueChanged) {
+  bool changed = false;
+  EXPECT_TRUE(store_.set("name", "Yard", &changed));
+  EXPECT_TRUE(changed);
+  EXPECT_TRUE(store_.set("name", "Yard", &changed));
+  EXPECT_FALSE(changed);
+  EXPECT_TRUE(store_.set("added", "", &changed));
+  EXPECT_TRUE(changed);
+  EXPECT_TRUE(store_.set("added", "", &changed));
+  EXPECT_FALSE(changed);
+  EXPECT_TRUE(store_.set("added", "x", nullptr));
+}
+
+TEST_F(ConfigStoreSuite, NumbersAreStoredAsDecimalText) {
+  bool changed = false;
+  EXPECT_TRUE(store_.set("minutes", -15, &changed));
+  EXPECT_TRUE(changed);
+  EXPECT_TRUE(store_.set("minutes", "-15", &changed));
+  EXPECT_FALSE(changed);
+}
+
+TEST_F(ConfigStoreSuite, ChangeIsSeenByItsOwnerAtOnceAndByOthersOnceClosed) {
+  std::string value;
+  EXPECT_TRUE(store_.set("name", "Yard", nullptr));
+  EXPECT_TRUE(store_.set("added", "new", nullptr));
+  EXPECT_TRUE(store_.get("name", &value, nullptr));
+  EXPECT_EQ(value, "Yard");
+  EXPECT_EQ(stored("name"), "Front door");
+  EXPECT_TRUE(store_.close(true, false));
+  EXPECT_EQ(stored("name"), "Yard");
+  EXPECT_EQ(stored("added"), "new");
+  EXPECT_EQ(stored("zone"), "GMT");
+}
+
+TEST_F(ConfigStoreSuite, ClosingUnchangedDropsWhatWasSet) {
+  EXPECT_TRUE(store_.set("name", "Yard", nullptr));
+  EXPECT_TRUE(store_.close(false, false));
+  EXPECT_EQ(stored("name"), "Front door");
+}
+
+TEST_F(ConfigStoreSuite, ClosingByForceStores) {
+  EXPECT_TRUE(store_.set("name", "Yard", nullptr));
+  EXPECT_TRUE(store_.close(false, true));
+  EXPECT_EQ(stored("name"), "Yard");
+}
+
+TEST_F(ConfigStoreSuite, StoreThatIsNeverClosedStoresNothing) {
+  {
+    SystemCfgManager dropped;
+    ASSERT_TRUE(dropped.init());
+    EXPECT_TRUE(dropped.set("name", "Yard", nullptr));
+  }
+  EXPECT_EQ(stored("name"), "Front door");
+}
+
+TEST_F(ConfigStoreSuite, NothingWorksOutsideOfInitAndClose) {
+  SystemCfgManager fresh;
+  std::string value;
+  bool flag = false;
+  for (SystemCfgManager* closed : {&fresh, &store_}) {
+    closed->close(false, false);
+    EXPECT_FALSE(closed->get("name", &value, &flag));
+    EXPECT_FALSE(closed->set("name", "Yard", &flag));
+    EXPECT_FALSE(closed->close(true, true));
+  }
+  EXPECT_EQ(stored("name"), "Front door");
+}
+
+TEST_F(ConfigStoreSuite, InitReadsTheStoreAnew) {
+  EXPECT_TRUE(store_.set("name", "Yard", nullptr));
+  ASSERT_TRUE(store_.init());
+  std::string value;
+  EXPECT_TRUE(store_.get("name", &value, nullptr));
+  EXPECT_EQ(value, "Front door");
+}
+
+TEST_F(ConfigStoreSuite, MissingStoreCannotBeOpened) {
+  removeStore();
+  SystemCfgManager store;
+  std::string value;
+  EXPECT_FALSE(store.init());
+  EXPECT_FALSE(store.get("name", &value, nullptr));
+}
+
+TEST_F(ConfigStoreSuite, ValueMayHoldAnythingButLineBreaksAndNul) {
+  for (const std::string& value :
+       {std::string("a=b"), std::string("#x"), std::string("  spaces\t "), std::string("Zürich"),
+        std::string("\x01\xff"), std::string("$(reboot)"), std::string(4096, 'v')}) {
+    ASSERT_TRUE(store_.init());
+    EXPECT_TRUE(store_.set("name", value, nullptr));
+    EXPECT_TRUE(store_.close(true, false));
+    EXPECT_EQ(stored("name"), value);
+  }
+}
+
+TEST_F(ConfigStoreSuite, ValueThatCouldAddALineIsRefused) {
+  for (const std::string& value :
+       {std::string("a\nb=c"), std::string("a\r"), std::string("\n"), std::string("a\0b", 3)}) {
+    EXPECT_FALSE(store_.set("name", value, nullptr));
+    EXPECT_FALSE(store_.set("added", value, nullptr));
+  }
+  EXPECT_TRUE(store_.close(true, false));
+  EXPECT_EQ(stored("name"), "Front door");
+  EXPECT_EQ(stored("added"), "(absent)");
+}
+
+TEST_F(ConfigStoreSuite, KeyThatWouldReadBackAsAnotherIsRefused) {
+  for (const std::string& key :
+       {std::string(), std::string("a=b"), std::string("#a"), std::string(" a"), std::string("a "),
+        std::string("a\t"), std::string("a\nb"), std::string("a\rb"), std::string("a\0b", 3)}) {
+    EXPECT_FALSE(store_.set(key, "x", nullptr)) << testing::PrintToString(key);
+  }
+}
+
+}  // namespace
+}  // namespace kova::suite

@@ -1,0 +1,163 @@
+#include <cerrno>
+
+#include "Rig.h"
+#include "kova/utils/Password.h"
+
+namespace kova::suite {
+namespace {
+
+using utils::authenticatePassword;
+using utils::generateHash;
+using utils::generateSalt;
+using utils::lockPassword;
+using utils::readUserHash;
+using utils::unlockPassword;
+using utils::username_valid;
+
+class PasswordSuite : public PlatformSuite {
+ protected:
+  void SetUp() override {
+    PlatformSuite::SetUp();
+    hash_ = generateHash("secret", generateSalt());
+    writeAccounts({{"admin", hash_}, {"other", generateHash("another", generateSalt())}});
+  }
+
+  static bool matches(const std::string& user, const std::string& password) {
+    bool verdict = false;
+    EXPECT_EQ(authenticatePassword(user, password, verdict), 0);
+    return verdict;
+  }
+
+  static std::string hashOf(const std::string& user) {
+    std::string hash;
+    EXPECT_EQ(readUserHash(user, hash), 0);
+    return hash;
+  }
+
+  std::string hash_;
+};
+
+TEST_F(PasswordSuite, MadeHashAuthenticatesItsPasswordOnly) {
+  EXPECT_TRUE(matches("admin", "secret"));
+  for (const std::string& password :
+       {std::string(), std::string("Secret"), std::string("secre"), std::string("secret "),
+        std::string("secret\0", 7), std::string("another"), hash_}) {
+    EXPECT_FALSE(matches("admin", password)) << password;
+  }
+  EXPECT_FALSE(matches("other", "secret"));
+}
+
+TEST_F(PasswordSuite, PasswordMayHoldAnyBytesButNul) {
+  for (const std::string& password :
+       {std::string(64, 'p'), std::string("a:b"), std::string("a$b"), std::string("é\xff\n")}) {
+    writeAccounts({{"admin", generateHash(password.c_str(), generateSalt())}});
+    EXPECT_TRUE(matches("admin", password)) << testing::PrintToString(password);
+  }
+}
+
+TEST_F(PasswordSuite, LongestPasswordCountsToItsLastByte) {
+  writeAccounts({{"admin", generateHash(std::string(64, 'p').c_str(), generateSalt())}});
+  EXPECT_FALSE(matches("admin", std::string(63, 'p')));
+  EXPECT_FALSE(matches("admin", std::string(63, 'p') + "q"));
+}
+
+TEST_F(PasswordSuite, SaltsAreFreshAndMakeTheHashesDiffer) {
+  const std::string salt = generateSalt();
+  EXPECT_FALSE(salt.empty());
+  EXPECT_NE(salt, generateSalt());
+  EXPECT_EQ(generateHash("secret", salt), generateHash("secret", salt));
+  EXPECT_NE(generateHash("secret", salt), generateHash("secret", generateSalt()));
+}
+
+TEST_F(PasswordSuite, HashFitsAnAccountLineAndIsNotLocked) {
+  EXPECT_EQ(hash_.find_first_of(":\n!"), std::string::npos);
+}
+
+TEST_F(PasswordSuite, NoHashIsMadeWithoutASalt) {
+  EXPECT_EQ(generateHash("secret", ""), "");
+}
+
+TEST_F(PasswordSuite, HashIsReadBack) {
+  EXPECT_EQ(hashOf("admin"), hash_);
+}
+
+TEST_F(PasswordSuite, AbsentAccountIsReported) {
+  std::string hash = "before";
+  bool verdict = true;
+  EXPECT_EQ(readUserHash("nobody", hash), ENOENT);
+  EXPECT_EQ(hash, "before");
+  EXPECT_EQ(authenticatePassword("nobody", "secret", verdict), ENOENT);
+  EXPECT_FALSE(verdict);
+}
+
+TEST_F(PasswordSuite, AccountWithoutAPasswordAuthenticatesNobody) {
+  for (const char* hash : {"", "*", "!", "!!"}) {
+    writeAccounts({{"admin", hash}});
+    EXPECT_FALSE(matches("admin", "")) << hash;
+    EXPECT_FALSE(matches("admin", hash)) << hash;
+  }
+}
+
+TEST_F(PasswordSuite, LockedAccountAuthenticatesNobodyUntilItIsUnlocked) {
+  EXPECT_TRUE(lockPassword("admin"));
+  EXPECT_FALSE(matches("admin", "secret"));
+  EXPECT_TRUE(matches("other", "another"));
+  EXPECT_TRUE(unlockPassword("admin"));
+  EXPECT_TRUE(matches("admin", "secret"));
+  EXPECT_EQ(hashOf("admin"), hash_);
+}
+
+TEST_F(PasswordSuite, LockingTwiceLeavesOneMark) {
+  EXPECT_TRUE(lockPassword("admin"));
+  EXPECT_TRUE(lockPassword("admin"));
+  EXPECT_EQ(hashOf("admin"), "!" + hash_);
+}
+
+TEST_F(PasswordSuite, UnlockingAnUnlockedAccountLeavesItAsItIs) {
+  EXPECT_TRUE(unlockPassword("admin"));
+  EXPECT_EQ(hashOf("admin"), hash_);
+}
+
+TEST_F(PasswordSuite, AbsentAccountCannotBeLockedOrUnlocked) {
+  errno = 0;
+  EXPECT_FALSE(lockPassword("nobody"));
+  EXPECT_EQ(errno, ENOENT);
+  errno = 0;
+  EXPECT_FALSE(unlockPassword("nobody"));
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(PasswordSuite, UnlockingNeverLeavesAnAccountWithoutAPassword) {
+  writeAccounts({{"admin", "!"}});
+  errno = 0;
+  EXPECT_FALSE(unlockPassword("admin"));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(hashOf("admin"), "!");
+}
+
+TEST_F(PasswordSuite, StrictNamesAreThoseOfAccounts) {
+  for (const std::string& name : {std::string("a"), std::string("_x"), std::string("Admin"),
+                                  std::string("a.b-c_9"), std::string(32, 'n')}) {
+    EXPECT_TRUE(username_valid(name, true)) << name;
+  }
+  for (const std::string& name :
+       {std::string(), std::string("9a"), std::string("-a"), std::string(".a"), std::string("a b"),
+        std::string("a:b"), std::string("a\n"), std::string("a\0b", 3), std::string("é"),
+        std::string("a$"), std::string(33, 'n')}) {
+    errno = 0;
+    EXPECT_FALSE(username_valid(name, true)) << testing::PrintToString(name);
+    EXPECT_EQ(errno, EINVAL);
+  }
+}
+
+TEST_F(PasswordSuite, OtherNamesMayHoldWhatBreaksNoAccountLine) {
+  EXPECT_TRUE(username_valid("9 a$é", false));
+  for (const std::string& name :
+       {std::string(), std::string("a:b"), std::string("a\n"), std::string("\x7f"),
+        std::string("a\0b", 3), std::string(33, 'n')}) {
+    EXPECT_FALSE(username_valid(name, false)) << testing::PrintToString(name);
+  }
+}
+
+}  // namespace
+}  // namespace kova::suite
