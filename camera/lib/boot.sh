@@ -46,8 +46,8 @@ firmware_version() {
 }
 
 make_devices() {
-  rm -rf --one-file-system -- "${root:?}/dev" "${root:?}/proc"
-  mkdir -p "$root/dev/shm" "$root/proc"
+  rm -rf --one-file-system -- "${root:?}/dev"
+  mkdir -p "$root/dev/shm"
   chmod 1777 "$root/dev/shm"
   local name numbers
   while read -r name numbers; do

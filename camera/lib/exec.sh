@@ -31,9 +31,9 @@ enter() {
       exec nsenter --target "$pid" --user --preserve-credentials --mount --uts --ipc --pid -- "$@"
       ;;
     chroot)
-      mirror_proc
       cd /
-      exec setpriv --inh-caps=-all --bounding-set="$(bounding_set "${CAPABILITIES[@]}")" chroot "$root" "$@"
+      confine
+      exec "${confined[@]}" "$root" "$@"
       ;;
   esac
 }

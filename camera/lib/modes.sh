@@ -46,7 +46,7 @@ try_bubblewrap() {
 try_chroot() {
   if [ "$(id -u)" -ne 0 ]; then
     chroot_lacks="needs root"
-  elif ! chroot_lacks=$(confined_chroot / true 2>&1); then
+  elif confine && ! chroot_lacks=$("${confined[@]}" / true 2>&1); then
     :
   elif ! can_make_devices; then
     chroot_lacks="device nodes cannot be made, or not be opened, in $dir"
@@ -74,9 +74,9 @@ bounding_set() {
   echo "-all$list"
 }
 
-# confined_chroot ROOT CMD...
-confined_chroot() {
-  setpriv --inh-caps=-all --bounding-set="$(bounding_set "${CAPABILITIES[@]}")" chroot "$@"
+# confine: fills `confined` with the words in front of "ROOT CMD..." that run CMD in ROOT.
+confine() {
+  confined=(setpriv --inh-caps=-all "--bounding-set=$(bounding_set "${CAPABILITIES[@]}")" chroot)
 }
 
 # The environment of everything that runs inside.
@@ -92,9 +92,11 @@ camera_environment() {
 bubblewrap_arguments() {
   local arguments capability source target
   arguments=(--unshare-pid --unshare-uts --unshare-ipc --die-with-parent --hostname camera --cap-drop ALL)
-  [ "$1" = namespaces ] || arguments+=(--unshare-user --uid 0 --gid 0)
+  if [ "$1" = user-namespaces ]; then arguments+=(--unshare-user --uid 0 --gid 0); fi
   for capability in "${NAMESPACE_CAPABILITIES[@]}"; do arguments+=(--cap-add "CAP_$capability"); done
   arguments+=(--bind "$root" / --bind "$flash" /mnt/flash --proc /proc --dev /dev --ro-bind /sys /sys)
+  # Most of it is the host's, and root of the host may write it.
+  if [ "$1" = namespaces ]; then arguments+=(--ro-bind /proc/sys /proc/sys); fi
   while IFS=$'\t' read -r source target; do
     arguments+=(--ro-bind "$source" "$target")
   done <"$manifest"
@@ -107,7 +109,8 @@ launch_init() {
   local environment
   mapfile -t environment < <(camera_environment)
   if [ "$1" = chroot ]; then
-    confined_chroot "$root" /bin/env -i "${environment[@]}" /sbin/init 8>&- 9>&- &
+    confine
+    "${confined[@]}" "$root" /bin/env -i "${environment[@]}" /sbin/init 8>&- 9>&- &
     child_pid=$! init_pid=$!
   else
     bubblewrap_arguments "$1" >"$state/bwrap.arguments"

@@ -22,6 +22,7 @@ build_root() {
 remove_firmware() { rm -rf --one-file-system -- "${root:?}"/{bin,sbin,usr,lib,lib32,lib64}; }
 
 make_folders() {
+  if [ -L "$root/proc" ]; then rm "$root/proc"; fi
   mkdir -p "$root"/{bin,sbin,dev,proc,sys,etc,tmp,run,mnt/flash,var/log,usr/{bin,sbin,lib,libexec,share/{kova,factory}}}
   # Where the host keeps its libraries decides where programs look for them.
   local name

@@ -53,8 +53,8 @@ start_guardian() {
 
 boot() {
   prepare_ram "$mode"
+  if [ "$mode" = chroot ]; then make_proc_mirror; fi
   launch_init "$mode"
-  if [ "$mode" = chroot ]; then mirror_proc; fi
   echo "$init_pid" | write_atomically "$init_pid_file"
   note "boot $(<"$root/run/boot_count"), process $init_pid"
 }
@@ -66,7 +66,7 @@ next_event() {
     read -r -t "$TICK" -u 9 event || true
     if [ -z "$event" ]; then
       if ! is_alive "$child_pid"; then event=died; fi
-      if [ "$mode" = chroot ]; then mirror_proc; fi
+      if [ "$mode" = chroot ]; then mirror_proc || note "/proc could not be refreshed"; fi
     fi
   done
 }
@@ -74,7 +74,7 @@ next_event() {
 shut_down() {
   end_processes "$mode"
   rm -f "$init_pid_file"
-  wait "$child_pid" || true
+  wait "$child_pid" 2>/dev/null || true
   note "down ($event)"
 }
 

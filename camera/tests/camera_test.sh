@@ -32,6 +32,29 @@ stands_on_factory_settings() {
   expect "the button is released" grep -qx 1 "$one/root/run/gpio/reset_button/value"
 }
 
+# has_capability BIT: whether root inside has it, see capabilities(7).
+has_capability() {
+  local mask
+  mask=$(inside sed -n 's/^CapEff:[[:space:]]*//p' /proc/self/status)
+  [ $((0x$mask >> $1 & 1)) -eq 1 ]
+}
+is_mounted_read_only() { inside grep -qE "^[^ ]+ $1 [^ ]+ ro[, ]" /proc/mounts; }
+
+# Looks only: were it not so, trying would change the host.
+leaves_the_host_alone() {
+  if [ "$way" = chroot ]; then
+    expect "a program inside is a copy" test "$(stat -c %h "$one/root/usr/bin/busctl")" -eq 1
+    expect_not "the same file as the host's" test "$one/root/usr/bin/busctl" -ef "$(command -v busctl)"
+    return
+  fi
+  expect "the host's programs are read-only" is_mounted_read_only /usr/bin/busctl
+  [ "$way" = namespaces ] || return 0
+  expect "so are its kernel settings" is_mounted_read_only /proc/sys
+  expect "root inside may change owners" has_capability 0
+  expect_not "but not the network" has_capability 12
+  expect_not "nor the clock" has_capability 25
+}
+
 passes_commands_on() {
   expect "exec passes the exit status on" exit_status 7 inside sh -c 'exit 7'
   expect "exec passes standard input on" inside grep -qx text < <(echo text)
@@ -122,11 +145,14 @@ takes_its_name() {
   inside kova_cmd_apply_camera_name.sh
   expect "a name becomes a host name" grep -qx Front-door-1 "$one/root/etc/hostname"
   if [ "$way" != chroot ]; then expect "that the camera has" test "$(inside hostname)" = Front-door-1; fi
+  inside sh -c 'kova_cmd_apply_camera_name.sh && sed -i "s/Front/Back/" /etc/system.cfg'
+  expect "also one that is written a moment after" eventually grep -qx Back-door-1 "$one/root/etc/hostname"
   expect "and the host has not" test "$(uname -n)" = "$host_name"
 }
 
 supervises_services() {
   local before
+  eventually inside pidof kova_discovery_server
   before=$(inside pidof kova_discovery_server)
   inside kill -TERM "$before"
   discovery_is_back() { [ "$(inside pidof kova_discovery_server)" != "$before" ] && inside pidof kova_discovery_server; }
@@ -181,7 +207,8 @@ lives_beside_another() {
   expect "as the model that it was told to be" grep -qx "resolv.host.1.name=Other" "$two/root/etc/system.cfg"
   cam exec "$two" -- touch /etc/second
   expect_not "each has its own files" test -e "$one/root/etc/second"
-  expect "and sees its own processes only" test "$(cam exec "$two" -- pidof kova_ctlserver | wc -w)" -eq 1
+  sees_one_daemon() { [ "$(cam exec "$two" -- pidof kova_ctlserver | wc -w)" -eq 1 ]; }
+  expect "and sees its own processes only" eventually sees_one_daemon
   expect "stops" cam stop "$two"
   expect "and leaves the first alone" cam wait "$one"
 }
@@ -221,11 +248,11 @@ main() {
   chmod 755 "$work"
   choose_way "$1"
   host_name=$(uname -n)
-  local before
-  before=$(host_state)
+  host_state >"$work/before"
   refuses_what_cannot_work
   boots
   stands_on_factory_settings
+  leaves_the_host_alone
   passes_commands_on
   supervises_services
   keeps_what_is_saved
@@ -242,7 +269,8 @@ main() {
   fi
   dies_with_its_supervisor
   stops
-  expect "the host is as it was" test "$(host_state)" = "$before"
+  host_state >"$work/after"
+  expect "the host is as it was" diff "$work/before" "$work/after"
   echo "$failures failed"
   [ "$failures" -eq 0 ]
 }

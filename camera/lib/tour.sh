@@ -1,0 +1,168 @@
+# shellcheck shell=bash disable=SC2154 # `here` is the tour's
+# What the tour's steps are made of: typing a command and showing it, checking, and the server the camera talks to.
+
+readonly WAIT_S=15
+
+prepare() {
+  work=$(mktemp -d /tmp/kova-tour-XXXXXX)
+  dir=$work/cam root=$work/cam/root served=$work/served received=$work/received
+  steps=0 good=0 manager=
+  mkdir -p "$served" "$received"
+  bold='' green='' red='' plain=''
+  if [ -t 1 ]; then
+    bold=$'\033[1m' green=$'\033[32m' red=$'\033[31m' plain=$'\033[0m'
+  fi
+  trap clean_up EXIT
+  trap 'exit 130' INT TERM
+  started=$SECONDS
+}
+
+clean_up() {
+  [ -z "$manager" ] || kill "$manager" 2>/dev/null || true # it may have ended by itself
+  "$here/camera" stop "$dir" >/dev/null 2>&1 || true       # there may be no camera yet
+  rm -rf "$work"
+}
+
+# step TITLE FUNCTION: a step behaves when all that it checks holds. A step never ends the tour.
+step() {
+  steps=$((steps + 1))
+  behaved=yes
+  printf '\n%s%2d. %s%s\n' "$bold" "$steps" "$1" "$plain"
+  output=
+  log_mark=$(log_size)
+  "$2" || wrong "the step broke off"
+  if [ "$behaved" = yes ]; then good=$((good + 1)); fi
+}
+
+summary() {
+  printf '\n%s%d of %d steps behaved, in %d s.%s\n' "$bold" "$good" "$steps" $((SECONDS - started)) "$plain"
+  [ "$good" -eq "$steps" ]
+}
+
+show() { printf '    %s\n' "$@"; }
+
+inside() { "$here/camera" exec "$dir" -- "$@"; }
+
+# --- typing -------------------------------------------------------------------------------------------------------
+
+# run_shown EXPECTED COMMAND...: runs it, shows what it printed, and leaves that in `output`. EXPECTED: ok or refused.
+run_shown() {
+  local expected=$1 status=0
+  shift
+  output=$("$@" 2>&1) || status=$?
+  if [ -n "$output" ]; then printf '    %s\n' "${output//$'\n'/$'\n'    }"; fi
+  if [ "$expected" = ok ]; then
+    [ "$status" -eq 0 ] || wrong "it was meant to work, and ended with status $status"
+  else
+    [ "$status" -ne 0 ] || wrong "it was meant to be refused"
+  fi
+}
+
+type_host() {
+  show "$ ./dev $*"
+  run_shown ok "$here/$1" "${@:2}"
+}
+type_in() {
+  show "$ kovactl $*"
+  run_shown ok inside kovactl "$@"
+}
+type_refused() {
+  show "$ kovactl $*"
+  run_shown refused inside kovactl "$@"
+}
+# A request whose outcome no event tells.
+type_quiet() { type_in "$@"; }
+# type_secret OLD NEW ARGUMENT...: passwords go to standard input, one a line.
+type_secret() {
+  show "$ printf '%s\\n' OLD NEW | kovactl ${*:3}"
+  run_shown ok inside kovactl "${@:3}" <<<"$1"$'\n'"$2"
+}
+type_secret_refused() {
+  show "$ printf '%s\\n' OLD NEW | kovactl ${*:3}"
+  run_shown refused inside kovactl "${@:3}" <<<"$1"$'\n'"$2"
+}
+
+# --- checking -----------------------------------------------------------------------------------------------------
+
+wrong() {
+  behaved=no
+  printf '    %sx %s%s\n' "$red" "$*" "$plain"
+}
+
+# holds TEXT COMMAND...: the command must succeed.
+holds() {
+  if "${@:2}" >/dev/null 2>&1; then
+    printf '    %sok%s %s\n' "$green" "$plain" "$1"
+  else
+    wrong "$1"
+  fi
+}
+
+eventually() {
+  local deadline=$((SECONDS + WAIT_S))
+  until "$@"; do
+    [ "$SECONDS" -lt "$deadline" ] || return 1
+    sleep 0.05
+  done
+}
+
+true_so_far() { [ "$behaved" = yes ]; }
+printed() { tr '\n' ' ' <<<"$output" | grep -qE "$1"; }
+busctl_knows() { inside busctl --address=unix:path=/run/kova/bus --no-pager list | grep -q "^$1 "; }
+inside_prints() { [ "$(inside sh -c "$1")" = "$2" ]; }
+inside_has() { grep -qE "$2" "$root$1"; }
+inside_lacks() { ! grep -qE "$2" "$root$1"; }
+same() { cmp -s "$1" "$2"; }
+arrives() { eventually test -e "$received/$1" && cmp -s "$received/$1" "$2"; }
+tar_lists() { tar -tf "$1" | grep -q "$2"; }
+# Whether the server was asked for nothing of the kind, within the time that a transfer takes.
+never_requested() { sleep 0.5 && ! grep -qF "$1" "$work/manager.log"; }
+account_hash() { cut -d: -f2 "$root/etc/passwd"; }
+sysid() { sed -nE 's/.*"sysid": *([0-9]+).*/\1/p' "$root/usr/share/kova/camera_info.json"; }
+
+log_size() { stat -c %s "$root/var/log/messages" 2>/dev/null || echo 0; }
+# Whether the system log has gained such a line since the step began.
+logged_since() { tail -c "+$((log_mark + 1))" "$root/var/log/messages" | grep -qE "$1"; }
+logged() { eventually logged_since "$1"; }
+logged_now() { logged "$1"; }
+
+# The boot counter stands still while a camera goes down, so the next boot is waited for, not the present one.
+comes_back() { "$here/camera" wait "$dir" "$((boot + 1))" && boot=$((boot + 1)); }
+boot=1
+
+# --- the management server ----------------------------------------------------------------------------------------
+
+start_manager() {
+  make_certificates
+  local tls=$work/tls
+  "$(find "$KOVA_BUILD" -maxdepth 4 -name kova_manager -type f -print -quit)" "$tls/manager.crt" "$tls/manager.key" \
+    "$tls/ca.crt" "$served" "$received" "$work/port" >"$work/manager.log" 2>&1 &
+  manager=$!
+  eventually test -s "$work/port"
+  url=https://127.0.0.1:$(<"$work/port")
+  install -m 600 "$tls/camera.pem" "$root/etc/persistent/server.pem"
+  install -m 644 "$tls/ca.crt" "$root/etc/persistent/controller.crt"
+  inside kovactl save --sync
+}
+
+# An authority, the server's certificate and the camera's, made for this tour alone.
+make_certificates() {
+  local tls=$work/tls
+  mkdir -m 700 "$tls"
+  (
+    cd "$tls" || exit
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj "/CN=Tour Authority" \
+      -keyout ca.key -out ca.crt
+    issue manager serverAuth
+    issue camera clientAuth
+    cat camera.crt camera.key >camera.pem
+  ) >"$work/openssl.log" 2>&1
+}
+
+issue() {
+  openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$1" -keyout "$1.key" -out "$1.csr"
+  openssl x509 -req -in "$1.csr" -CA ca.crt -CAkey ca.key -CAcreateserial -days 2 -out "$1.crt" \
+    -extfile <(echo "extendedKeyUsage=$2")
+}
+
+turned_away() { ! curl --silent --insecure --max-time 5 "$url/files/nothing"; }
