@@ -14,7 +14,7 @@ namespace {
 constexpr char kLogIdentity[] = "kova_syscfg";
 constexpr char kLogUnit[] = "SystemCfgManager";
 constexpr char kStore[] = "/etc/system.cfg";
-constexpr std::size_t kMaxStore = 1024 * 1024;
+constexpr std::size_t kMaxStore = std::size_t{1024} * 1024;
 
 // The line that counts for a key: the last of several. Lines is const or not.
 template <typename Lines>

@@ -13,7 +13,7 @@
 namespace kova::utils {
 namespace {
 
-constexpr std::size_t kChunk = 64 * 1024;
+constexpr std::size_t kChunk = std::size_t{64} * 1024;
 constexpr mode_t kNewFileMode = 0644;
 
 bool failWith(int error) {

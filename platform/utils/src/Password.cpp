@@ -1,11 +1,11 @@
 #include "kova/utils/Password.h"
 
 #include <crypt.h>
-#include <string.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -18,7 +18,7 @@ namespace {
 constexpr char kPasswd[] = "/etc/passwd";
 constexpr char kShadow[] = "/etc/shadow";
 constexpr std::string_view kInShadow = "x";
-constexpr std::uint64_t kMaxAccountFile = 1024 * 1024;
+constexpr std::uint64_t kMaxAccountFile = std::uint64_t{1024} * 1024;
 constexpr std::size_t kMaxName = 32;
 constexpr char kScheme[] = "$6$";
 constexpr char kLockMark = '!';

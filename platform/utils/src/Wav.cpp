@@ -80,7 +80,7 @@ std::optional<WavHeader> parseWavHeader(const ReadAt& readAt, std::uint64_t size
       return std::nullopt;
     }
     at += kChunkHeader;
-    const std::uint32_t length = u32(&header[4]);
+    const std::uint64_t length = u32(&header[4]);
     const bool isFormat = isTag(header.data(), "fmt ");
     const bool isData = isTag(header.data(), "data");
     if (length > *end - at || (isFormat && format) || (isData && dataSize)) {
@@ -90,7 +90,7 @@ std::optional<WavHeader> parseWavHeader(const ReadAt& readAt, std::uint64_t size
       return std::nullopt;
     }
     if (isData) {
-      dataSize = length;
+      dataSize = u32(&header[4]);
     }
     at += length + length % 2;  // the pad byte after the last chunk may be missing
   }

@@ -31,8 +31,8 @@ std::string riff(const std::string& chunks) {
 }
 
 std::string format(unsigned tag, unsigned channels, unsigned rate) {
-  return le(tag, 2) + le(channels, 2) + le(rate, 4) + le(rate * channels * 2, 4) +
-         le(channels * 2, 2) + le(16, 2);
+  return le(tag, 2) + le(channels, 2) + le(rate, 4) + le(std::uint64_t{rate} * channels * 2, 4) +
+         le(std::uint64_t{channels} * 2, 2) + le(16, 2);
 }
 
 const std::string kPcmGuid("\x01\0\0\0\0\0\x10\0\x80\0\0\xaa\0\x38\x9b\x71", 16);
@@ -121,6 +121,7 @@ TEST_F(WavTest, EveryTruncationIsRefused) {
 }
 
 TEST_F(WavTest, ChunksThatReachBeyondTheFileAreRefused) {
+  EXPECT_FALSE(read(riff(kFormat + "data" + le(4, 4) + "123")));
   EXPECT_FALSE(read(riff(kFormat + "data" + le(0xffffffff, 4) + "123")));
   EXPECT_FALSE(read(riff("data" + le(0xfffffff8, 4) + kFormat)));
   EXPECT_FALSE(read(riff(kFormat + kData + "junk")));

@@ -16,7 +16,7 @@ using tests::readText;
 using tests::writeText;
 
 constexpr char kStore[] = "/etc/system.cfg";
-constexpr std::size_t kMaxStore = 1024 * 1024;
+constexpr std::size_t kMaxStore = std::size_t{1024} * 1024;
 
 class SystemCfgManagerTest : public testing::Test {
  protected:

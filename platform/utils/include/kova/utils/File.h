@@ -59,7 +59,7 @@ class File {
   /// object is closed in either case.
   bool Close();
 
-  static constexpr std::uint64_t kReadAllLimit = 64 * 1024 * 1024;
+  static constexpr std::uint64_t kReadAllLimit = std::uint64_t{64} * 1024 * 1024;
 
   /// Reads a whole regular file, also one that reports no size as those of proc(5) do, into `out`;
   /// false, with `out` unchanged, when it cannot be read or exceeds `limit` bytes (EFBIG).
