@@ -9,13 +9,13 @@ kova_packages() {
       build)
         printf '%s\n' ca-certificates git cmake ninja-build g++ pkg-config ccache \
           libsystemd-dev libcurl4-openssl-dev libssl-dev nlohmann-json3-dev libcli11-dev libcrypt-dev \
-          libnl-3-dev libnl-genl-3-dev
+          libnl-3-dev libnl-genl-3-dev libcpp-httplib-dev libseccomp-dev libopencv-imgcodecs-dev
         ;;
       camera)
-        printf '%s\n' busybox bubblewrap dbus-daemon runit systemd tzdata util-linux
+        printf '%s\n' busybox bubblewrap dbus-daemon runit systemd openssl curl tzdata util-linux
         ;;
       tests)
-        printf '%s\n' libgtest-dev libgmock-dev libcpp-httplib-dev openssl curl strace
+        printf '%s\n' libgtest-dev libgmock-dev openssl curl strace
         ;;
       fuzz)
         printf '%s\n' clang-14 libclang-rt-14-dev
