@@ -1,8 +1,11 @@
-// Moves files through TransferService, called in the rhythm of the daemon's main loop.
+// Moves files through TransferService.
 //
-//   bench_transfer download COUNT URI FOLDER CA-FILE
+//   bench_transfer RHYTHM download COUNT URI FOLDER CA-FILE
 //       all at once, "URI/0" into "FOLDER/0" and so on
-//   bench_transfer upload FILE URI CA-FILE
+//   bench_transfer RHYTHM upload FILE URI CA-FILE
+//
+// RHYTHM is "daemon" for that of the daemon's main loop, which turns the service without waiting
+// and then sleeps 10 ms, or "sockets" for turns that wait for the transfers' sockets instead.
 //
 // Prints the longest turn of the service in milliseconds and, in KiB, how much memory each transfer
 // added at most. A transfer that fails ends the program with status 1.
@@ -31,7 +34,14 @@ using kova::ctlserver::TransferService;
 using kova::ctlserver::TransferStatus;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kPauseMs = 10;  // of the daemon's main loop
+/// What one turn waits for within the service, and how long the loop sleeps after it.
+struct Rhythm {
+  unsigned waitMs;
+  int sleepMs;
+};
+constexpr Rhythm kDaemon{0, 10};
+constexpr Rhythm kSockets{10, 0};
+
 constexpr std::uint32_t kDeadlineMs = 120'000;
 constexpr std::uint32_t kMaxSize = 1U << 30U;
 
@@ -70,24 +80,24 @@ void allowManyDescriptors() {
 }
 
 /// @return the longest turn
-Clock::duration turnUntilDone(TransferService& service, const Tasks& tasks) {
+Clock::duration turnUntilDone(TransferService& service, const Tasks& tasks, Rhythm rhythm) {
   Clock::duration longest{};
   std::size_t done = 0;  // all tasks before this one have ended
   while (done < tasks.size()) {
     const auto start = Clock::now();
-    service.service(0);
+    service.service(rhythm.waitMs);
     longest = std::max(longest, Clock::now() - start);
     while (done < tasks.size() && !service.existsUri(tasks[done]->uri())) {
       ++done;
     }
     if (done < tasks.size()) {
-      kova::utils::sleepMs(kPauseMs);
+      kova::utils::sleepMs(rhythm.sleepMs);
     }
   }
   return longest;
 }
 
-int run(const Tasks& tasks) {
+int run(const Tasks& tasks, Rhythm rhythm) {
   TransferService service;
   if (!service.init()) {
     return 1;
@@ -98,7 +108,7 @@ int run(const Tasks& tasks) {
       return 1;
     }
   }
-  const std::chrono::duration<double, std::milli> longest = turnUntilDone(service, tasks);
+  const std::chrono::duration<double, std::milli> longest = turnUntilDone(service, tasks, rhythm);
   const long added = memory("VmHWM:") - before;
   std::printf("%.1f %.1f\n", longest.count(),
               static_cast<double>(added) / static_cast<double>(tasks.size()));
@@ -126,15 +136,21 @@ Tasks upload(const std::string& file, const std::string& uri, const std::string&
 }  // namespace
 
 int main(int argc, char** argv) {
+  const std::vector<std::string> arguments(argv + std::min(argc, 3), argv + argc);
+  const std::string_view rhythmName = argc > 1 ? argv[1] : "";
+  const std::string_view direction = argc > 2 ? argv[2] : "";
+  const Rhythm rhythm = rhythmName == "sockets" ? kSockets : kDaemon;
   allowManyDescriptors();
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
-  if (arguments.size() == 5 && arguments[0] == "download") {
-    return run(downloads(std::stoul(arguments[1]), arguments[2], arguments[3], arguments[4]));
+  if (direction == "download" && arguments.size() == 4) {
+    return run(downloads(std::stoul(arguments[0]), arguments[1], arguments[2], arguments[3]),
+               rhythm);
   }
-  if (arguments.size() == 4 && arguments[0] == "upload") {
-    return run(upload(arguments[1], arguments[2], arguments[3]));
+  if (direction == "upload" && arguments.size() == 3) {
+    return run(upload(arguments[0], arguments[1], arguments[2]), rhythm);
   }
-  std::fputs("usage: bench_transfer download COUNT URI FOLDER CA-FILE | upload FILE URI CA-FILE\n",
-             stderr);
+  std::fputs(
+      "usage: bench_transfer daemon|sockets download COUNT URI FOLDER CA-FILE\n"
+      "       bench_transfer daemon|sockets upload FILE URI CA-FILE\n",
+      stderr);
   return 2;
 }
