@@ -1,9 +1,8 @@
 #include "kova/utils/Clock.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 
 namespace kova::utils {
 

@@ -2,9 +2,8 @@
 
 #include <execinfo.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <ucontext.h>
@@ -13,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

@@ -1,14 +1,14 @@
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <syslog.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <string_view>
 
 #include "Pipe.h"

@@ -1,10 +1,10 @@
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <csignal>
 #include <memory>
 #include <string_view>
 

@@ -11,6 +11,7 @@
 
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
+#include "kova/utils/File.h"
 #include "kova/utils/Process.h"
 #include "kova/utils/Strings.h"
 #include "kova/utils/UniqueFd.h"
@@ -26,6 +27,7 @@ constexpr const char* kSv = "/usr/bin/sv";
 // The caller waits meanwhile. runsvdir(8) looks for new services every 5 s.
 constexpr unsigned kBudgetMs = 8000;
 constexpr int kPollMs = 50;
+constexpr int kSettleMs = 500;
 
 bool isServiceName(const std::string& name) {
   return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos &&
@@ -72,6 +74,16 @@ bool runSv(const char* command, const std::string& service, std::uint64_t deadli
   return false;
 }
 
+/// Whether the service is more than a program that ends as soon as it is started, over and over.
+bool staysUp(const std::string& service) {
+  const std::string pidFile = service + "/supervise/pid";
+  std::string started;
+  std::string later;
+  if (!File::ReadStringAll(pidFile, started)) return false;
+  sleepMs(kSettleMs);
+  return !started.empty() && File::ReadStringAll(pidFile, later) && later == started;
+}
+
 }  // namespace
 
 bool EnableService(const std::string& name) {
@@ -89,7 +101,12 @@ bool EnableService(const std::string& name) {
     KOVA_LOG(LOG_ERR, 0, "No supervisor took up %s", name.c_str());
     return false;
   }
-  return runSv("start", service, deadlineMs);
+  if (!runSv("start", service, deadlineMs)) return false;
+  if (!staysUp(service)) {
+    KOVA_LOG(LOG_ERR, 0, "%s ended as soon as it was started", name.c_str());
+    return false;
+  }
+  return true;
 }
 
 bool DisableService(const std::string& name) {

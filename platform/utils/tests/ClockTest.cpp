@@ -1,9 +1,10 @@
 #include "kova/utils/Clock.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/time.h>
-#include <time.h>
+
+#include <csignal>
+#include <ctime>
 
 namespace kova::utils {
 namespace {

@@ -124,6 +124,13 @@ TEST_F(ServiceTest, AServiceThatDoesNotStartIsAFailureWithinTheBudget) {
   EXPECT_LT(nowMs() - before, 10000U);
 }
 
+TEST_F(ServiceTest, AServiceThatEndsAtOnceIsAFailure) {
+  Install("fickle", "exit 1");
+  fs::create_symlink("/etc/sv/fickle", "/etc/service/fickle");
+  StartSupervisor();
+  EXPECT_FALSE(EnableService("fickle"));
+}
+
 TEST_F(ServiceTest, AServiceThatDoesNotStopIsAFailureWithinTheBudget) {
   Install("stubborn", "trap '' TERM; while :; do sleep 1; done");
   fs::create_symlink("/etc/sv/stubborn", "/etc/service/stubborn");

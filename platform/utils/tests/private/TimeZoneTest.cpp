@@ -1,10 +1,10 @@
 #include "kova/utils/TimeZone.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 
 #include "../TemporaryFolder.h"
