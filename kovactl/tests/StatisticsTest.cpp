@@ -1,0 +1,62 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using variant::Variant;
+
+class Statistics : public ::testing::Test {
+ protected:
+  ipc::testing::PrivateBus bus_;
+};
+
+TEST_F(Statistics, StatsPrintsATable) {
+  Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
+  const Result result = run({"stats", "uptime", "WIFI"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "Wi-Fi  not reported\nUp     00:01:01\n");
+  Peer::Request request = peer.Received().front();
+  EXPECT_EQ(*request.Find("uptime"), Variant(true));
+  EXPECT_EQ(*request.Find("memory"), Variant(false));
+}
+
+TEST_F(Statistics, StatsShowsWhatCameWithAFailure) {
+  Peer peer(answering(1, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
+  const Result result = run({"stats"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "Up  00:01:01\n");
+}
+
+TEST_F(Statistics, WatchRepeatsUntilItIsStopped) {
+  Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
+  Child child({"stats", "--watch", "0.02", "--json"});
+  ASSERT_TRUE(peer.AwaitReceived(3));
+  child.Signal(SIGINT);
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.out.rfind("{\"uptime\":{\"sec\":61}}\n{\"uptime\":{\"sec\":61}}\n", 0), 0U);
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(Statistics, WatchOnATerminalRefreshesInPlaceAndLeavesItAsItWas) {
+  Peer peer(
+      answering(0, Variant::Map{{"cpuinfo", Variant::Map{{"processor", std::string(200, 'x')}}}}));
+  Child child({"stats", "--watch", "0.02"}, Child::On::Terminal);
+  ASSERT_TRUE(peer.AwaitReceived(3));
+  child.Write("\x03");  // Ctrl-C
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.out.rfind("\x1b[?1049h\x1b[?25l", 0), 0U);
+  EXPECT_THAT(result.out, HasSubstr("Model  " + std::string(53, 'x') + "\x1b[K"));
+  EXPECT_THAT(result.out, ::testing::EndsWith("\x1b[?25h\x1b[?1049l"));
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing
