@@ -12,24 +12,30 @@ function(kova_library name)
 endfunction()
 
 # kova_test(<name> SOURCES <file>... [DEPENDS <target>...] [LABELS <label>...] [TIMEOUT <seconds>]
-#           [LAUNCHER <command>...])
+#           [PRIVATE_ROOT])
 #
-# A GoogleTest program, run by ctest as one test. LAUNCHER is put in front of its command line.
+# A GoogleTest program, run by ctest as one test. With PRIVATE_ROOT it is run through tests/private-root,
+# and refuses to run without.
 function(kova_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPENDS;LABELS;LAUNCHER" ${ARGN})
+  cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT" "SOURCES;DEPENDS;LABELS" ${ARGN})
   if(NOT BUILD_TESTING)
     return()
   endif()
   find_package(GTest REQUIRED)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} GTest::gmock GTest::gtest GTest::gtest_main)
+  set(launcher)
+  if(ARG_PRIVATE_ROOT)
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/PrivateRootGuard.cpp)
+    set(launcher ${PROJECT_SOURCE_DIR}/tests/private-root)
+  endif()
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 60)
   endif()
   if(NOT ARG_LABELS)
     set(ARG_LABELS unit)
   endif()
-  add_test(NAME ${name} COMMAND ${ARG_LAUNCHER} $<TARGET_FILE:${name}>)
+  add_test(NAME ${name} COMMAND ${launcher} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
 endfunction()
 
