@@ -17,7 +17,7 @@ class OutQueue {
   /// A client chooses whom its events go to, so it must not be able to fill the memory with names.
   static constexpr std::size_t kMaxDestinations = 64;
   /// Marshalled size of all waiting messages together, in bytes.
-  static constexpr std::size_t kMaxBytes = 8 * 1024 * 1024;
+  static constexpr std::size_t kMaxBytes = std::size_t{8} * 1024 * 1024;
 
   using Messages = std::deque<messages::BaseRequestMessage>;
 

@@ -12,7 +12,7 @@
 namespace kova::ipc::wire {
 
 /// Marshalled size of the largest body that is sent or taken, in bytes.
-inline constexpr std::size_t kMaxBodySize = 1024 * 1024;
+inline constexpr std::size_t kMaxBodySize = std::size_t{1024} * 1024;
 /// Maps and arrays within one another, the body's own map counted.
 inline constexpr unsigned kMaxDepth = variant::Variant::kMaxDepth;
 /// D-Bus containers (array, dictionary entry, structure, variant) within one another; the bus

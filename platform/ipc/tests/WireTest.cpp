@@ -4,7 +4,6 @@
 #include <limits>
 
 #include "../src/Protocol.h"
-#include "../src/Utf8.h"
 #include "../src/Wire.h"
 #include "OfflineBus.h"
 
@@ -301,19 +300,6 @@ TEST_F(WireTest, WhatIsNoMapIsSentAsAnEmptyOne) {
   Variant body;
   ASSERT_TRUE(message != nullptr && decode(message.get(), body, reason_));
   EXPECT_EQ(body, Variant(Variant::Map{}));
-}
-
-TEST(Utf8Test, TakesExactlyWhatADBusStringMayHold) {
-  for (const char* text : {"", "\x7f", "\xc2\x80", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
-                           "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbd"}) {
-    EXPECT_TRUE(isBusText(text)) << Variant(text).ToJSON();
-  }
-  for (const char* text : {"\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
-                           "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xc2", "\xe2\x82", "\xc2x",
-                           "\xef\xb7\x90", "\xef\xbf\xbf", "\xf0\x9f\xbf\xbf"}) {
-    EXPECT_FALSE(isBusText(text)) << Variant(text).ToJSON();
-  }
-  EXPECT_FALSE(isBusText({"\0", 1}));
 }
 
 }  // namespace
