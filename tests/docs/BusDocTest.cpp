@@ -1,0 +1,67 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "kova/messages/Catalog.h"
+
+/// Holds the tables of docs/bus.md to the schemas. When one differs, the failure shows the table as it has to be.
+namespace kova::ipc::messages {
+namespace {
+
+std::string allowedOf(const FieldDescription& field) {
+  if (!field.range.empty()) {
+    return "held to " + field.range;
+  }
+  std::string text;
+  for (const auto& value : field.allowed) {
+    text += (text.empty() ? "`\"" : ", `\"") + value + "\"`";
+  }
+  return text;
+}
+
+std::string tableOf(const std::vector<FieldDescription>& fields) {
+  std::string table = "| Key | Type | Default | Allowed |\n|---|---|---|---|\n";
+  for (const auto& field : fields) {
+    table += "| `" + field.key + "` | " + field.type + " | " + field.fallback + " | " +
+             allowedOf(field) + " |\n";
+  }
+  return table;
+}
+
+class BusDoc : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::ifstream file(KOVA_DOCS "/bus.md");
+    std::ostringstream content;
+    content << file.rdbuf();
+    text_ = content.str();
+    ASSERT_FALSE(text_.empty());
+  }
+
+  /// The heading must be there, and the table must follow it before the next heading.
+  void expectTable(const std::string& heading, const std::string& table) {
+    const auto begin = text_.find("\n" + heading + "\n");
+    ASSERT_NE(begin, std::string::npos) << "docs/bus.md lacks the heading: " << heading;
+    const auto end = text_.find("\n#", begin + heading.size());
+    EXPECT_NE(text_.substr(begin, end - begin).find(table), std::string::npos)
+        << "docs/bus.md should say, under " << heading << ":\n\n"
+        << table;
+  }
+
+  std::string text_;
+};
+
+TEST_F(BusDoc, HasTheTableOfEveryMessageAsItsSchemaIs) {
+  for (const auto& message : catalog()) {
+    expectTable("### `" + message.name + "`", tableOf(message.fields));
+  }
+}
+
+TEST_F(BusDoc, HasTheTablesOfBothEnvelopes) {
+  expectTable("### The envelope of every message", tableOf(messageEnvelope()));
+  expectTable("### The envelope of requests and events", tableOf(requestEnvelope()));
+}
+
+}  // namespace
+}  // namespace kova::ipc::messages
