@@ -1,0 +1,448 @@
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <map>
+#include <set>
+
+#include "BusClient.h"
+#include "SharedCamera.h"
+#include "kova/utils/UniqueFd.h"
+
+namespace kova::system_test {
+namespace {
+
+using namespace std::string_literals;
+
+constexpr char kUnknownFunction[] = "kova.Error.UnknownFunction";
+constexpr char kInvalidMessage[] = "kova.Error.InvalidMessage";
+constexpr std::size_t kMebibyte = 1024 * 1024;
+
+class BusSystem : public UnharmedCamera {
+ protected:
+  static Result busctl(std::vector<std::string> arguments) {
+    const std::vector<std::string> call = {"busctl", "--address=unix:path=/run/kova/bus",
+                                           "call",   "kova.kova_ctlserver",
+                                           "/kova",  "kova.Ipc1",
+                                           "Send"};
+    arguments.insert(arguments.begin(), call.begin(), call.end());
+    return camera().exec(arguments);
+  }
+};
+
+TEST_F(BusSystem, BusctlSendsAndGetsAReply) {
+  const Result result = busctl(
+      {"a{sv}", "2", "functionName", "s", "GetSystemStats", "responseExpected", "b", "true"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("\"statusCode\" t 0"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("\"totalKb\" u "), std::string::npos) << result.out;
+}
+
+TEST_F(BusSystem, BusctlIsToldOfAnUnknownFunctionAndOfABodyThatIsNoMap) {
+  EXPECT_NE(busctl({"a{sv}", "1", "functionName", "s", "MakeCoffee"}).status, 0);
+  EXPECT_NE(busctl({"s", "GetSystemStats"}).status, 0);
+  BusClient client(camera().busAddress());
+  EXPECT_EQ(client.call(request("MakeCoffee")), kUnknownFunction);
+  EXPECT_EQ(client.call(request("reboot")), kUnknownFunction);
+}
+
+TEST_F(BusSystem, BodiesThatAreNotOneMapAreInvalid) {
+  const auto append = [](const char* types, auto... values) -> Append {
+    return
+        [=](sd_bus_message* message) { return sd_bus_message_append(message, types, values...); };
+  };
+  const std::map<std::string, Append> bodies = {
+      {"nothing", [](sd_bus_message*) { return 0; }},
+      {"text", append("s", "GetSystemStats")},
+      {"array", append("as", 1, "GetSystemStats")},
+      {"variant", append("v", "a{sv}", 0)},
+      {"two maps", append("a{sv}a{sv}", 0, 0)},
+      {"map and text", append("a{sv}s", 0, "more")},
+      {"numbered map", append("a{us}", 1, 1, "one")},
+      {"structure", append("(s)", "GetSystemStats")},
+      {"foreign structure", append("a{sv}", 1, "functionName", "(ii)", 1, 2)},
+      {"numbered map within", append("a{sv}", 1, "functionName", "a{us}", 1, 1, "one")},
+  };
+  BusClient client(camera().busAddress());
+  for (const auto& [name, body] : bodies) {
+    EXPECT_EQ(client.call(body), kInvalidMessage) << name;
+  }
+}
+
+TEST_F(BusSystem, NestingIsTakenTo32LevelsAndRefusedBeyond) {
+  BusClient client(camera().busAddress());
+  EXPECT_EQ(client.call(request("GetSystemStats", {{"deep", nestedArrays(31)}})), "status 0");
+  EXPECT_EQ(client.call(request("GetSystemStats", {{"deep", nested(30)}})), "status 0");
+  EXPECT_EQ(client.call(request("GetSystemStats", {{"deep", nestedArrays(32)}})), kInvalidMessage);
+  EXPECT_EQ(client.call(request("GetSystemStats")), "status 0");
+  // D-Bus itself takes 64 containers and shows out who sends more.
+  EXPECT_EQ(client.call(request("GetSystemStats", {{"deep", nested(32)}})), "lost");
+}
+
+TEST_F(BusSystem, BodiesUpToAMebibyteAreTakenAndBeyondRefused) {
+  BusClient client(camera().busAddress());
+  const auto ofSize = [](std::size_t size) {
+    return request("GetSystemStats", {{"unknown", text(std::string(size, 'x'))}});
+  };
+  EXPECT_EQ(client.call(ofSize(kMebibyte - 256)), "status 0");
+  EXPECT_EQ(client.call(ofSize(kMebibyte)), kInvalidMessage);
+  // The bus shows out who exceeds its own limit; others are served as before.
+  EXPECT_EQ(client.call(ofSize(2 * kMebibyte)), "lost");
+  EXPECT_EQ(BusClient(camera().busAddress()).call(ofSize(10)), "status 0");
+}
+
+// The response would carry the name back and thus be too large.
+TEST_F(BusSystem, ANameOfAMebibyteIsAnsweredByAnError) {
+  BusClient client(camera().busAddress());
+  EXPECT_EQ(
+      client.call(request("GetSystemStats", {{"from", text(std::string(kMebibyte - 256, 'x'))}})),
+      "org.freedesktop.DBus.Error.Failed");
+  EXPECT_EQ(client.call(request(std::string(kMebibyte - 256, 'x'))), kUnknownFunction);
+}
+
+TEST_F(BusSystem, MissingAndMistypedNamesAreUnknownFunctions) {
+  BusClient client(camera().busAddress());
+  EXPECT_EQ(client.call(map({})), kUnknownFunction);
+  EXPECT_EQ(client.call(map({{"functionName", value('u', 7U)}})), kUnknownFunction);
+  EXPECT_EQ(client.call(map({{"functionName", flag(true)}})), kUnknownFunction);
+  EXPECT_EQ(client.call(map({{"functionName", nested(3)}})), kUnknownFunction);
+  EXPECT_EQ(client.call(request("")), kUnknownFunction);
+  for (const auto& name : {"\xff\xfe"s, "GetSystemStats\0"s, "\0"s, "GetSystem\x80Stats"s}) {
+    EXPECT_EQ(client.call(map({{"functionName", bytes(name)}})), kUnknownFunction);
+  }
+  // What is text is text, however it came.
+  EXPECT_EQ(client.call(
+                map({{"functionName", bytes("GetSystemStats")}, {"responseExpected", flag(true)}})),
+            "status 0");
+}
+
+TEST_F(BusSystem, TenThousandUnknownKeysChangeNothing) {
+  std::vector<Entry> entries;
+  for (int i = 0; i < 10'000; ++i) {
+    entries.emplace_back("unknown" + std::to_string(i), value('i', i));
+  }
+  BusClient client(camera().busAddress());
+  EXPECT_EQ(client.call(request("GetSystemStats", entries)), "status 0");
+  EXPECT_EQ(client.call(request("MakeCoffee", entries)), kUnknownFunction);
+}
+
+std::vector<Append> oddValues() {
+  using Int64 = std::numeric_limits<std::int64_t>;
+  return {value('n', std::numeric_limits<std::int16_t>::min()),
+          value('q', std::numeric_limits<std::uint16_t>::max()),
+          value('y', 255),
+          value('i', std::numeric_limits<std::int32_t>::min()),
+          value('i', std::numeric_limits<std::int32_t>::max()),
+          value('u', std::numeric_limits<std::uint32_t>::max()),
+          value('x', Int64::min()),
+          value('x', Int64::max()),
+          value('t', std::numeric_limits<std::uint64_t>::max()),
+          value('d', std::nan("")),
+          value('d', std::numeric_limits<double>::infinity()),
+          value('d', -std::numeric_limits<double>::max()),
+          text(""),
+          text("%s%n%x"),
+          text("../../etc/passwd"),
+          text("two\nlines=1"),
+          text("\xf0\x9f\x93\xb7"),
+          bytes("\xff\xc0\x80"),
+          bytes("nul\0nul"s),
+          flag(false),
+          nested(5),
+          [](sd_bus_message* message) {
+            return sd_bus_message_append(message, "v", "(xx)", Int64::min(), Int64::max());
+          },
+          [](sd_bus_message* message) { return sd_bus_message_append(message, "v", "g", ""); }};
+}
+
+// Whatever stands in the fields. Not among the functions are those that end the server or the boot.
+TEST_F(BusSystem, EveryFunctionGivesOneAnswerToOddValuesInEveryField) {
+  const std::vector<std::string> functions = {"GetSystemStats",
+                                              "ChangeDeviceSettings",
+                                              "UpdateFirmwareRequest",
+                                              "GetRequest",
+                                              "PutRequest",
+                                              "ChangeUsernamePassword",
+                                              "EnableUsernamePassword",
+                                              "DisableUsernamePassword",
+                                              "StartService",
+                                              "StopService"};
+  // The flag that asks for the response is odd as well, so that what is answered may be taken only.
+  const std::vector<std::string> keys = {"id",
+                                         "timeStamp",
+                                         "from",
+                                         "to",
+                                         "queueIfDestUnavailable",
+                                         "responseExpected",
+                                         "memory",
+                                         "battery",
+                                         "timezone",
+                                         "region",
+                                         "transactionId",
+                                         "isBroadcast",
+                                         "uri",
+                                         "timeoutMs",
+                                         "what",
+                                         "filename",
+                                         "timelapseminutes",
+                                         "formFields",
+                                         "hash",
+                                         "username",
+                                         "service",
+                                         "passwordOld",
+                                         "passwordNew",
+                                         "payload"};
+  const std::set<std::string> allowed = {"status 0", "status 1", "taken"};
+  BusClient client(camera().busAddress());
+  int odd = 0;
+  for (const auto& content : oddValues()) {
+    std::vector<Entry> fields;
+    for (const auto& key : keys) {
+      fields.emplace_back(key, content);
+    }
+    for (const auto& function : functions) {
+      auto entries = fields;
+      entries.emplace_back("functionName", text(function));
+      const std::string outcome = client.call(map(entries));
+      EXPECT_TRUE(allowed.contains(outcome))
+          << function << " with value " << odd << ": " << outcome;
+    }
+    ++odd;
+  }
+}
+
+TEST_F(BusSystem, LogLinesCannotBeForged) {
+  BusClient client(camera().busAddress());
+  const LogMark mark(camera());
+  EXPECT_EQ(client.call(request("StartService", {{"from", text("x\nforged by from")},
+                                                 {"service", text("y\nforged by service")}})),
+            "status 1");
+  ASSERT_TRUE(mark.waitFor("forged by service"));
+  const auto lines = mark.linesWith("forged");
+  ASSERT_EQ(lines.size(), 1U) << mark.text();
+  EXPECT_NE(lines.front().find("tried to start"), std::string::npos);
+}
+
+// A connection of no library at all, for messages that none would send.
+class RawConnection {
+ public:
+  explicit RawConnection(const std::string& path) : socket_(socket(AF_UNIX, SOCK_STREAM, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const timeval patience{10, 0};
+    setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    connected_ =
+        connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+
+  bool send(const std::string& data) const {
+    return connected_ && ::send(socket_.Get(), data.data(), data.size(), MSG_NOSIGNAL) ==
+                             static_cast<ssize_t>(data.size());
+  }
+  bool receive(const std::string& expected) {
+    char chunk[4096];
+    ssize_t got = 0;
+    while (received_.find(expected) == std::string::npos &&
+           (got = recv(socket_.Get(), chunk, sizeof chunk, 0)) > 0) {
+      received_.append(chunk, static_cast<std::size_t>(got));
+    }
+    return received_.find(expected) != std::string::npos;
+  }
+  bool waitForEnd() const {
+    char chunk[4096];
+    ssize_t got = 0;
+    while ((got = recv(socket_.Get(), chunk, sizeof chunk, 0)) > 0) {
+    }
+    return got == 0 || errno == ECONNRESET;
+  }
+
+ private:
+  utils::UniqueFd socket_;
+  bool connected_ = false;
+  std::string received_;
+};
+
+// Marshalling by hand, little-endian (D-Bus specification, "Message Format").
+class Marshaller {
+ public:
+  Marshaller& byte(char content) {
+    data_ += content;
+    return *this;
+  }
+  Marshaller& number(std::uint32_t content) {
+    align(4);
+    data_.append(reinterpret_cast<const char*>(&content), sizeof content);
+    return *this;
+  }
+  Marshaller& string(const std::string& content) {
+    number(static_cast<std::uint32_t>(content.size()));
+    data_ += content + '\0';
+    return *this;
+  }
+  Marshaller& field(char code, char type, const std::string& content) {
+    align(8);
+    byte(code).byte(1).byte(type).byte('\0');
+    if (type != 'g') {
+      return string(content);
+    }
+    byte(static_cast<char>(content.size()));
+    data_ += content + '\0';
+    return *this;
+  }
+  void align(std::size_t boundary) {
+    data_.resize((data_.size() + boundary - 1) / boundary * boundary, '\0');
+  }
+  const std::string& data() const { return data_; }
+
+ private:
+  std::string data_;
+};
+
+struct Destination {
+  std::string name, path, interface, member;
+};
+const Destination kBusItself = {"org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                "org.freedesktop.DBus", "Hello"};
+const Destination kServer = {"kova.kova_ctlserver", "/kova", "kova.Ipc1", "Send"};
+
+std::string message(const Destination& to, const std::string& signature, const std::string& body,
+                    std::uint32_t serial, std::size_t claimedSize) {
+  Marshaller fields;
+  fields.field(1, 'o', to.path).field(2, 's', to.interface).field(3, 's', to.member);
+  fields.field(6, 's', to.name);
+  if (!signature.empty()) {
+    fields.field(8, 'g', signature);
+  }
+  Marshaller whole;
+  whole.byte('l').byte(1).byte(0).byte(1);
+  whole.number(static_cast<std::uint32_t>(claimedSize)).number(serial);
+  std::string head = whole.number(static_cast<std::uint32_t>(fields.data().size())).data();
+  head += fields.data();
+  head.resize((head.size() + 7) / 8 * 8, '\0');
+  return head + body;
+}
+
+std::string message(const Destination& to, const std::string& signature, const std::string& body,
+                    std::uint32_t serial) {
+  return message(to, signature, body, serial, body.size());
+}
+
+struct Garbage {
+  const char* name;
+  std::string signature;
+  std::string body;
+  std::size_t claimedSize;
+};
+
+bool login(RawConnection& connection) {
+  return connection.send("\0AUTH EXTERNAL\r\nDATA\r\n"s) && connection.receive("OK ") &&
+         connection.send("BEGIN\r\n" + message(kBusItself, "", "", 1)) && connection.receive(":1.");
+}
+
+// The bus itself shows their senders out.
+TEST_F(BusSystem, WhatIsNoMessageNeverArrives) {
+  const std::string badText = Marshaller().string("\xff\xfe").data();
+  const std::string cutText = Marshaller().number(100).data() + "short";
+  const std::string badFlag = Marshaller().number(2).data();
+  const std::string longArray = Marshaller().number(0x7fffffff).data();
+  const std::string deep(40, 'a');
+  const Garbage all[] = {
+      {"text that is not UTF-8", "s", badText, badText.size()},
+      {"text longer than the body", "s", cutText, cutText.size()},
+      {"a boolean of 2", "b", badFlag, badFlag.size()},
+      {"an array longer than the body", "a{sv}", longArray, longArray.size()},
+      {"a signature that is too deep", deep + "s", Marshaller().number(0).data(), 4},
+      {"a signature that is none", "a{s", "", 0},
+      {"a body of 2 GiB", "s", badText, 0x7fffffff},
+  };
+  const std::string path = (camera().root() / "run/kova/bus").string();
+  for (const auto& garbage : all) {
+    RawConnection connection(path);
+    ASSERT_TRUE(login(connection)) << garbage.name;
+    ASSERT_TRUE(
+        connection.send(message(kServer, garbage.signature, garbage.body, 2, garbage.claimedSize)));
+    EXPECT_TRUE(connection.waitForEnd()) << garbage.name;
+  }
+}
+
+// The same hand writes messages that do arrive: the test above is about their content.
+TEST_F(BusSystem, WhatIsAMessageArrivesHoweverItWasWritten) {
+  RawConnection connection((camera().root() / "run/kova/bus").string());
+  ASSERT_TRUE(login(connection));
+  ASSERT_TRUE(connection.send(message(kServer, "s", Marshaller().string("no map").data(), 2)));
+  EXPECT_TRUE(connection.receive(kInvalidMessage));
+  ASSERT_TRUE(connection.send(message(kServer, "a{sv}", std::string(8, '\0'), 3)));
+  EXPECT_TRUE(connection.receive(kUnknownFunction));
+}
+
+// Becoming another user inside needs a camera that has more than one: one that root has booted.
+class BusAccess : public BusSystem {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "a camera booted by an ordinary user has only that one user";
+    }
+    BusSystem::SetUp();
+    const auto etc = camera().root() / "etc";
+    const std::string accounts = readFile(etc / "passwd");
+    if (accounts.find("outsider") == std::string::npos) {
+      writeFile(etc / "passwd", accounts +
+                                    "outsider:x:1101:1101::/:/bin/sh\n"
+                                    "member:x:1102:1102::/:/bin/sh\n");
+      writeFile(etc / "group", "root:x:0:\nkova:x:990:member\noutsider:x:1101:\nmember:x:1102:\n");
+    }
+  }
+  void TearDown() override {
+    if (geteuid() == 0) {
+      BusSystem::TearDown();
+    }
+  }
+
+  static Result send(const std::string& user) {
+    return as(user, {"kova.kova_ctlserver", "/kova", "kova.Ipc1", "Send", "a{sv}", "2",
+                     "functionName", "s", "GetSystemStats", "responseExpected", "b", "true"});
+  }
+  // 4: not to be queued for a name that is taken. Owned is what is answered by 1.
+  static Result own(const std::string& user, const std::string& name) {
+    return as(user, {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                     "RequestName", "su", name, "4"});
+  }
+  static bool denied(const Result& result) {
+    return result.status != 0 && (result.err.find("Access denied") != std::string::npos ||
+                                  result.err.find("not allowed") != std::string::npos ||
+                                  result.err.find("Sender is not authorized") != std::string::npos);
+  }
+
+ private:
+  static Result as(const std::string& user, const std::vector<std::string>& call) {
+    const std::string groups = user == "member" ? "member:member:kova" : user + ":" + user;
+    std::vector<std::string> command = {
+        "chpst", "-u", groups, "busctl", "--address=unix:path=/run/kova/bus", "call"};
+    command.insert(command.end(), call.begin(), call.end());
+    return camera().exec(command);
+  }
+};
+
+TEST_F(BusAccess, AnOutsiderNeitherSendsNorOwnsAName) {
+  EXPECT_TRUE(denied(send("outsider"))) << send("outsider").err;
+  for (const char* name : {"kova.client.x", "kova.kova_ctlserver", "kova.other"}) {
+    EXPECT_TRUE(denied(own("outsider", name))) << name;
+  }
+}
+
+TEST_F(BusAccess, AMemberOfTheGroupSendsAndOwnsClientNamesOnly) {
+  const Result sent = send("member");
+  EXPECT_EQ(sent.status, 0) << sent.err;
+  EXPECT_NE(sent.out.find("\"statusCode\" t 0"), std::string::npos) << sent.out;
+  EXPECT_EQ(own("member", "kova.client.x").out, "u 1\n");
+  for (const char* name : {"kova.kova_ctlserver", "kova.other", "kova.client"}) {
+    EXPECT_TRUE(denied(own("member", name))) << name;
+  }
+}
+
+}  // namespace
+}  // namespace kova::system_test

@@ -1,0 +1,182 @@
+#include <csignal>
+
+#include "BusClient.h"
+#include "SharedCamera.h"
+#include "kova/variant/Variant.h"
+
+namespace kova::system_test {
+namespace {
+
+using variant::Variant;
+using variant::VariantClass;
+
+constexpr char kDescription[] = R"({
+  "name": "Second Camera", "sysid": 42264, "feature_wifi": 1, "feature_battery": 1,
+  "reset_button_gpio": "/run/gpio/reset_button/value"
+})";
+
+class SpineSystem : public SharedCamera {
+ protected:
+  // The present control server is gone and another one serves.
+  static void expectRestart(const HostProcess& before) {
+    EXPECT_TRUE(before.waitForEnd());
+    EXPECT_TRUE(camera().waitForService());
+    EXPECT_NE(controlServer(camera()).pid(), before.pid());
+    EXPECT_EQ(camera().ctl({"stats"}).status, 0);
+  }
+};
+
+Variant statistics(const Camera& camera, const std::vector<std::string>& more = {}) {
+  std::vector<std::string> arguments = {"call", "GetSystemStats", "--json"};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  const Result result = camera.ctl(arguments);
+  EXPECT_EQ(result.status, 0) << result.err;
+  Variant response;
+  EXPECT_GT(Variant::FromJSON(result.out, response), 0) << result.out;
+  return response["payload"];
+}
+
+std::vector<std::string> keysOf(const Variant& map) {
+  std::vector<std::string> keys;
+  for (const auto& [key, ignored] : map.Elements()) {
+    keys.push_back(key);
+  }
+  return keys;
+}
+
+bool holds(const Variant& sections, VariantClass type, std::string_view section,
+           std::string_view key) {
+  return sections.GetKeyChain(type, {section, key}) != nullptr;
+}
+
+void expectTheCommonFigures(const Variant& sections) {
+  for (const char* key : {"totalKb", "freeKb"}) {
+    EXPECT_TRUE(holds(sections, VariantClass::Number, "memory", key)) << key;
+  }
+  EXPECT_TRUE(holds(sections, VariantClass::Number, "cpu", "cnt"));
+  for (const char* key : {"processor", "features"}) {
+    EXPECT_TRUE(holds(sections, VariantClass::String, "cpuinfo", key)) << key;
+  }
+  for (const char* key : {"01min", "05min", "15min"}) {
+    EXPECT_TRUE(holds(sections, VariantClass::Number, "loadavg", key)) << key;
+  }
+  EXPECT_TRUE(holds(sections, VariantClass::Number, "network", "numifaces"));
+  EXPECT_TRUE(holds(sections, VariantClass::Number, "uptime", "sec"));
+}
+
+// First of all, as the log is that of the boot alone.
+TEST_F(SpineSystem, BootsWithOneProcessAndNothingToComplainOf) {
+  EXPECT_EQ(processesOf(camera(), "kova_ctlserver").size(), 1U);
+  const LogMark mark(camera());
+  EXPECT_EQ(camera().log().find("kova_ctlserver "), std::string::npos) << camera().log();
+  EXPECT_EQ(camera().log().find("local0.err"), std::string::npos) << camera().log();
+  // Both texts are there once there is something to complain of.
+  camera().misbehave("cfgmtd", "exit", "1");
+  EXPECT_NE(camera().ctl({"save", "--sync"}).status, 0);
+  camera().behave("cfgmtd");
+  ASSERT_TRUE(mark.waitFor("kova_ctlserver "));
+  EXPECT_TRUE(mark.waitFor("local0.err"));
+  EXPECT_EQ(camera().ctl({"save", "--sync"}).status, 0);
+}
+
+TEST_F(SpineSystem, StatisticsHaveEverySectionOfAModelWithoutFeatures) {
+  const Variant sections = statistics(camera());
+  EXPECT_EQ(keysOf(sections),
+            (std::vector<std::string>{"cpu", "cpuinfo", "loadavg", "memory", "network", "uptime"}));
+  expectTheCommonFigures(sections);
+  const Variant* processors = sections.GetKeyChain(VariantClass::Container, {"cpu", "arr"});
+  ASSERT_NE(processors, nullptr);
+  EXPECT_EQ(processors->Size(), sections.Find("cpu")->Find("cnt")->ToNumber<std::uint64_t>());
+}
+
+// Whether there is a battery is the host's matter, since the camera sees its /sys.
+TEST(SpineSystemWithFeatures, StatisticsHaveThoseOfTheDescriptionAndEachCameraAnswersForItself) {
+  Camera first;
+  Camera second(kDescription);
+  const Variant sections = statistics(second, {"battery:=false"});
+  EXPECT_EQ(keysOf(sections), (std::vector<std::string>{"cpu", "cpuinfo", "loadavg", "memory",
+                                                        "network", "uptime", "wifi"}));
+  expectTheCommonFigures(sections);
+  const Variant* signal = sections.GetKeyChain(VariantClass::Number, {"wifi", "signalStrength"});
+  const Variant* quality = sections.GetKeyChain(VariantClass::Number, {"wifi", "quality"});
+  ASSERT_TRUE(signal != nullptr && quality != nullptr);
+  EXPECT_EQ(quality->ToNumber<int>(), (signal->ToNumber<int>() + 100) * 2);
+
+  if (second.shell("grep -qsx Battery /sys/class/power_supply/*/type").status == 0) {
+    EXPECT_TRUE(holds(statistics(second), VariantClass::Number, "battery", "percentage"));
+  } else {
+    EXPECT_NE(second.ctl({"call", "GetSystemStats"}).status, 0);
+    EXPECT_TRUE(second.waitForLog("CtlServer.readStats:"));
+    EXPECT_TRUE(second.waitForLog("Failed to read battery statistics"));
+  }
+
+  EXPECT_EQ(second.ctl({"save", "--sync"}).status, 0);
+  EXPECT_TRUE(second.waitForLog(": Persisted"));
+  EXPECT_EQ(first.tools(), "");
+  EXPECT_EQ(first.log().find("Persisted"), std::string::npos);
+  const auto hostOf = [](const Camera& camera) {
+    return readFile(camera.root() / "etc/system.cfg").find("Second Camera") != std::string::npos;
+  };
+  EXPECT_FALSE(hostOf(first));
+  EXPECT_TRUE(hostOf(second));
+  EXPECT_NE(controlServer(first).pid(), controlServer(second).pid());
+}
+
+TEST_F(SpineSystem, ExitServiceEndsItWithoutAWordAndItIsBroughtBack) {
+  const LogMark mark(camera());
+  const HostProcess server = controlServer(camera());
+  EXPECT_EQ(camera().ctl({"exit-service"}).status, 0);
+  expectRestart(server);
+  EXPECT_TRUE(mark.waitFor("kova_ctlserver: service ended: exit status 0"));
+  EXPECT_EQ(mark.text().find("SIGTERM received"), std::string::npos);
+}
+
+TEST_F(SpineSystem, SigtermIsToldAndWritesAPendingSave) {
+  const LogMark mark(camera());
+  const HostProcess server = controlServer(camera());
+  {
+    BusClient client(camera().busAddress());
+    ASSERT_EQ(client.call(request("SaveToFlash")), "status 0");
+    server.signal(SIGTERM);
+  }
+  expectRestart(server);
+  ASSERT_TRUE(mark.waitFor("kova_ctlserver: service ended: exit status 0"));
+  const std::string log = mark.text();
+  const auto told = log.find("main.main:");
+  ASSERT_NE(log.find(": SIGTERM received", told), std::string::npos) << log;
+  // In this order: it was not the quiet period that wrote it.
+  EXPECT_NE(log.find(": Persisted", told), std::string::npos) << log;
+  EXPECT_EQ(occurrences(log, ": Persisted"), 1U);
+}
+
+TEST_F(SpineSystem, TheDeathOfTheBusEndsItWith255AndBothAreBroughtBack) {
+  const LogMark mark(camera());
+  const HostProcess server = controlServer(camera());
+  const auto buses = processesOf(camera(), "dbus-daemon");
+  ASSERT_EQ(buses.size(), 1U);
+  HostProcess(buses.front()).signal(SIGKILL);
+  EXPECT_TRUE(server.waitForEnd());
+  EXPECT_TRUE(mark.waitFor("Failed to service IPC"));
+  EXPECT_TRUE(mark.waitFor("kova_ctlserver: service ended: exit status 255"));
+  EXPECT_TRUE(mark.waitFor("bus: service ended: signal 9"));
+  expectRestart(server);
+}
+
+TEST_F(SpineSystem, ADescriptionWithoutItsSysidIsACrashOnPurpose) {
+  const auto description = camera().root() / "usr/share/kova/camera_info.json";
+  const std::string good = readFile(description);
+  const LogMark mark(camera());
+  const HostProcess server = controlServer(camera());
+  writeFile(description, R"({"name": "No Number", "feature_wifi": 0, "feature_battery": 0})");
+  server.signal(SIGTERM);
+  EXPECT_TRUE(mark.waitFor("Key \"sysid\" not available"));
+  EXPECT_TRUE(mark.waitFor("kova_ctlserver: service ended: signal 6"));
+  writeFile(description, good);
+
+  const Result report = camera().shell("cat /var/log/kova_crash.*");
+  EXPECT_NE(report.out.find("Crashed by signal 6"), std::string::npos) << report.out;
+  expectRestart(server);
+}
+
+}  // namespace
+}  // namespace kova::system_test

@@ -1,0 +1,180 @@
+#include <sys/stat.h>
+
+#include <csignal>
+
+#include "BusClient.h"
+#include "SharedCamera.h"
+
+namespace kova::system_test {
+namespace {
+
+using namespace std::string_literals;
+using std::chrono::seconds;
+
+constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m\n";
+constexpr char kErase[] = "/bin/cfgmtd -c\n";
+constexpr char kReboot[] = "/usr/bin/reboot\n";
+
+class ToolsSystem : public SharedCamera {
+ protected:
+  void TearDown() override {
+    camera().behave("cfgmtd");
+    camera().behave("reboot");
+  }
+
+  static Append save() { return request("SaveToFlash", {{"sync", flag(true)}}); }
+  static std::string call(const Append& body) {
+    return BusClient(camera().busAddress()).call(body);
+  }
+  static std::size_t runs(const std::string& tool) { return occurrences(camera().tools(), tool); }
+
+  // The failed save stays due and is tried again; it must not reach into the next test.
+  static void settle() {
+    camera().behave("cfgmtd");
+    EXPECT_EQ(call(save()), "status 0");
+  }
+};
+
+TEST_F(ToolsSystem, ASaveWhoseToolFailsOrDiesIsAFailedRequest) {
+  for (const auto& [setting, content] : {std::pair{"exit", "1"}, {"kill", "KILL"}}) {
+    const LogMark mark(camera());
+    const HostProcess server = controlServer(camera());
+    camera().misbehave("cfgmtd", setting, content);
+    EXPECT_EQ(call(save()), "status 1") << setting;
+    EXPECT_TRUE(mark.waitFor("kova_ctlserver Persistence.persist:"));
+    EXPECT_TRUE(mark.waitFor(": Failed to persist"));
+    EXPECT_EQ(mark.text().find(": Persisted"), std::string::npos);
+    settle();
+    EXPECT_TRUE(mark.waitFor(": Persisted"));
+    EXPECT_EQ(controlServer(camera()).pid(), server.pid());
+  }
+}
+
+TEST_F(ToolsSystem, AToolThatPrintsAMegabyteIsNoMatter) {
+  const HostProcess server = controlServer(camera());
+  ASSERT_EQ(call(save()), "status 0");
+  const std::size_t before = server.peakResidentKiB();
+  camera().misbehave("cfgmtd", "stdout", std::string(1'000'000, 'o'));
+  camera().misbehave("cfgmtd", "stderr", std::string(1'000'000, 'e'));
+  EXPECT_EQ(call(save()), "status 0");
+  EXPECT_LT(server.peakResidentKiB(), before + 512);
+}
+
+TEST_F(ToolsSystem, WhatIsAskedWhileAToolHangsIsAnsweredAfterIt) {
+  camera().misbehave("cfgmtd", "sleep", "2");
+  BusClient saver(camera().busAddress());
+  BusClient other(camera().busAddress());
+  const auto start = std::chrono::steady_clock::now();
+  const std::size_t before = runs(kSave);
+  saver.post(save());
+  saver.pump();
+  ASSERT_TRUE(eventually([&] { return runs(kSave) > before; }));
+  EXPECT_EQ(other.call(request("GetSystemStats")), "status 0");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, seconds(2));
+  EXPECT_TRUE(eventually([&] {
+    saver.pump();
+    return saver.outstanding() == 0;
+  }));
+  EXPECT_EQ(saver.outcomes().count("status 0"), 1U);
+}
+
+TEST_F(ToolsSystem, ARebootThatFailsIsToldAndWaitedForAllTheSame) {
+  const LogMark mark(camera());
+  const int boot = camera().boots();
+  const std::size_t saves = runs(kSave);
+  const HostProcess server = controlServer(camera());
+  camera().misbehave("reboot", "exit", "1");
+  BusClient client(camera().busAddress());
+  client.post(request("Reboot"));
+  client.pump();
+  EXPECT_TRUE(mark.waitFor("kova_ctlserver CtlServer.reboot:"));
+  EXPECT_TRUE(mark.waitFor(": Failed to perform reboot"));
+  EXPECT_TRUE(mark.waitFor(": Entering reboot wait mode"));
+  EXPECT_EQ(runs(kSave), saves + 1);
+  // It serves nobody any more, and only that: a second request would have its save.
+  client.post(save());
+  EXPECT_FALSE(eventually(
+      [&] {
+        client.pump();
+        return client.outstanding() < 2 || runs(kSave) > saves + 1;
+      },
+      seconds(1)));
+  EXPECT_EQ(camera().boots(), boot);
+  server.signal(SIGKILL);
+  EXPECT_TRUE(server.waitForEnd());
+  EXPECT_TRUE(camera().waitForService());
+}
+
+TEST_F(ToolsSystem, AFailingEraseIsTriedAtEveryPassAndNothingReboots) {
+  const LogMark mark(camera());
+  const int boot = camera().boots();
+  const std::size_t erasures = runs(kErase);
+  const std::size_t reboots = runs(kReboot);
+  camera().misbehave("cfgmtd", "exit", "1");
+  ASSERT_EQ(call(request("ResetToDefaults")), "status 0");
+  EXPECT_TRUE(
+      eventually([&] { return mark.linesWith(": Failed to reset").size() >= 10; }, seconds(20)));
+  EXPECT_GE(runs(kErase), erasures + 10);
+  EXPECT_EQ(runs(kReboot), reboots);
+  EXPECT_EQ(camera().boots(), boot);
+  EXPECT_EQ(call(request("GetSystemStats")), "status 0");
+
+  // Once the erase works the reboot follows: here one that fails, which is not tried again.
+  camera().misbehave("reboot", "exit", "1");
+  camera().behave("cfgmtd");
+  EXPECT_TRUE(mark.waitFor(": Reset to defaults"));
+  EXPECT_TRUE(mark.waitFor(": Failed to perform reboot"));
+  const std::size_t erased = runs(kErase);
+  EXPECT_EQ(call(save()), "status 0");
+  EXPECT_EQ(call(save()), "status 0");
+  EXPECT_EQ(mark.linesWith(": Failed to perform reboot").size(), 1U);
+  EXPECT_EQ(runs(kErase), erased);
+  EXPECT_EQ(camera().boots(), boot);
+}
+
+class ServicesSystem : public ToolsSystem {
+ protected:
+  static Append ask(const std::string& function, const Append& service) {
+    return request(function, {{"service", service}, {"from", text("somebody")}});
+  }
+};
+
+TEST_F(ServicesSystem, AServiceIsStartedAndStopped) {
+  const auto script = camera().root() / "etc/sv/testservice/run";
+  writeFile(script, "#!/bin/sh\nexec sleep 1000\n");
+  ASSERT_EQ(chmod(script.c_str(), 0755), 0);
+  const LogMark mark(camera());
+  EXPECT_EQ(camera().pidOf("testservice"), "");
+  EXPECT_EQ(call(ask("StartService", text("testservice"))), "status 0");
+  EXPECT_NE(camera().pidOf("testservice"), "");
+  EXPECT_TRUE(mark.waitFor("CtlServer.HandleRequest:"));
+  EXPECT_TRUE(mark.waitFor(": somebody tried to start testservice service and succeeded"));
+
+  EXPECT_EQ(call(ask("StopService", text("testservice"))), "status 0");
+  EXPECT_EQ(camera().pidOf("testservice"), "");
+  EXPECT_TRUE(mark.waitFor(": somebody tried to stop testservice service and succeeded"));
+}
+
+TEST_F(ServicesSystem, UnknownAndOddNamesAreRefused) {
+  const LogMark mark(camera());
+  const std::size_t reboots = runs(kReboot);
+  for (const char* function : {"StartService", "StopService"}) {
+    EXPECT_EQ(call(ask(function, text("nothing"))), "status 1");
+    for (const auto& name :
+         {""s, "."s, ".."s, "../sv/bus"s, "a/b"s, "/etc/sv/bus"s, "-w"s, "bus; reboot"s,
+          "$(reboot)"s, "bus\n"s, " bus"s, "*"s, std::string(5000, 'n'), "%s%n"s}) {
+      EXPECT_EQ(call(ask(function, text(name))), "status 1") << function << " " << name;
+    }
+    EXPECT_EQ(call(ask(function, bytes("bus\0x"s))), "status 1");
+    EXPECT_EQ(call(ask(function, bytes("bus\xff"s))), "status 1");
+    EXPECT_EQ(call(ask(function, value('i', 7))), "status 1");
+    EXPECT_EQ(call(request(function)), "status 1");
+  }
+  EXPECT_TRUE(mark.waitFor(": somebody tried to start nothing service and failed"));
+  EXPECT_TRUE(mark.waitFor(": somebody tried to stop nothing service and failed"));
+  EXPECT_NE(camera().pidOf("bus"), "");
+  EXPECT_EQ(runs(kReboot), reboots);
+}
+
+}  // namespace
+}  // namespace kova::system_test
