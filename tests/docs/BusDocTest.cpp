@@ -5,7 +5,8 @@
 
 #include "kova/messages/Catalog.h"
 
-/// Holds the tables of docs/bus.md to the schemas. When one differs, the failure shows the table as it has to be.
+/// Holds the tables of docs/bus.md to the schemas. When one differs, the failure shows the table as
+/// it has to be.
 namespace kova::ipc::messages {
 namespace {
 
