@@ -1,7 +1,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 
-#include <algorithm>
 #include <array>
 #include <climits>
 #include <csignal>
@@ -23,31 +22,17 @@ std::string_view baseName(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
 }
 
-/// The start of a file of procfs, as much as fits in `buffer`.
-template <std::size_t kSize>
-std::string_view readStart(const std::string& path, std::array<char, kSize>& buffer) {
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  const ssize_t got = fd ? read(fd.Get(), buffer.data(), buffer.size()) : 0;
-  return {buffer.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
-}
-
-/// Some kernels still name the executable of a zombie.
-bool isZombie(const std::string& folder) {
-  std::array<char, 512> buffer;
-  std::string_view stat = readStart(folder + "/stat", buffer);
-  stat.remove_prefix(std::min(stat.rfind(')') + 1, stat.size()));  // the name may hold anything
-  return nextWord(stat) == "Z";
-}
-
-/// Base name of the first word of the command line; "" when there is none.
+/// Base name of the first word of the command line; "" for a zombie or a kernel thread.
 std::string commandName(const std::string& folder) {
-  std::array<char, PATH_MAX> buffer;
-  const std::string_view words = readStart(folder + "/cmdline", buffer);
+  std::array<char, PATH_MAX> text;
+  const UniqueFd fd(open((folder + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC));
+  const ssize_t got = fd ? read(fd.Get(), text.data(), text.size()) : 0;
+  if (got <= 0) return "";
+  const std::string_view words(text.data(), static_cast<std::size_t>(got));
   return std::string(baseName(words.substr(0, words.find('\0'))));
 }
 
-/// Base name of the executable, also when that was replaced since; "" when it cannot
-/// be known.
+/// Base name of the executable, also when that was replaced since; "" as above.
 std::string executableName(const std::string& folder) {
   constexpr std::string_view kDeleted = " (deleted)";
   std::array<char, PATH_MAX> text;
@@ -60,7 +45,7 @@ std::string executableName(const std::string& folder) {
 
 bool isCalled(const char* pid, const std::string& name) {
   const std::string folder = std::string("/proc/") + pid;
-  return (commandName(folder) == name || executableName(folder) == name) && !isZombie(folder);
+  return commandName(folder) == name || executableName(folder) == name;
 }
 
 /// The process id that a folder of /proc stands for, 0 for the other entries.

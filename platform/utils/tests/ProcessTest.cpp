@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "Pipe.h"
 #include "Script.h"
 #include "kova/utils/Clock.h"
 
@@ -229,6 +230,13 @@ TEST_F(SysExecTest, WorksWhereTheCallerHasNoStandardStreams) {
               if (Run(script, {}, "in") != 4) return 1;
               if (out_ != "in" || err_ != "err\n") return 2;
               return sysExecSimple("/bin/true") == 0 ? 0 : 3;
+            }));
+}
+
+TEST(PipeTest, NeverTakesTheNumbersOfTheStandardStreams) {
+  EXPECT_EQ(0, withoutStandardStreams([] {
+              Pipe pipe;
+              return pipe.Open() && pipe.read.Get() > 2 && pipe.write.Get() > 2 ? 0 : 1;
             }));
 }
 

@@ -148,7 +148,7 @@ TEST_F(WriteTimeZoneTest, KnowsGmtAndUtcWithoutAnyZoneFile) {
   EXPECT_FALSE(Write("Europe/Paris"));
 }
 
-TEST_F(WriteTimeZoneTest, TakesTheLinkBackWhenTheRuleCannotBeStored) {
+TEST_F(WriteTimeZoneTest, LeavesTheLinkWhenTheRuleCannotBeStored) {
   ASSERT_TRUE(Write("Europe/Paris"));
   std::filesystem::remove(folders_.etc + "/TZ");
   std::filesystem::create_directory(folders_.etc + "/TZ");

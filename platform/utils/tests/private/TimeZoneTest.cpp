@@ -1,6 +1,7 @@
 #include "kova/utils/TimeZone.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -66,6 +67,16 @@ TEST(SetTimeZone, ChangesNothingWhereItMayNotWrite) {
   EXPECT_EQ("/usr/share/zoneinfo/Europe/Paris", localtimeTarget());
   EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", readText("/etc/TZ"));
   EXPECT_EQ("11:46 CEST", clockAt(kSummer2024));
+}
+
+TEST(SetTimeZone, TakesTheLinkBackWhereTheRuleCannotBeReplaced) {
+  ASSERT_TRUE(setTimeZone("Europe/Paris"));
+  // A mount point cannot be renamed over, see rename(2).
+  ASSERT_EQ(0, mount("/etc/TZ", "/etc/TZ", nullptr, MS_BIND, nullptr));
+  EXPECT_FALSE(setTimeZone("GMT"));
+  ASSERT_EQ(0, umount("/etc/TZ"));
+  EXPECT_EQ("/usr/share/zoneinfo/Europe/Paris", localtimeTarget());
+  EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", readText("/etc/TZ"));
 }
 
 TEST(SetTimeZone, EveryInstalledZoneOfTheRegionsCanBeSet) {
