@@ -1,5 +1,6 @@
 #include "ImageProbe.h"
 
+#include <array>
 #include <cstdio>
 
 #include "kova/utils/Process.h"
@@ -12,6 +13,29 @@ constexpr char kProbe[] = "/usr/libexec/kova_imageprobe";
 constexpr unsigned kTimeoutMs = 10000;
 constexpr unsigned kCaptureKiB = 1;
 
+constexpr char kRead[] = "empty=%1d channels=%9d depth=%9d width=%9d height=%9d";
+constexpr char kPrinted[] = "empty=%d channels=%d depth=%d width=%d height=%d\n";
+
+/// Reading accepts more than printing makes, so what was read is printed again to compare.
+bool parse(const std::string& line, ImageFigures& figures) {
+  int empty = 1;
+  ImageFigures read;
+  // NOLINTNEXTLINE(cert-err34-c): a number out of range does not compare equal
+  if (std::sscanf(line.c_str(), kRead, &empty, &read.channels, &read.depth, &read.width,
+                  &read.height) != 5) {
+    return false;
+  }
+  std::array<char, 128> again{};
+  std::snprintf(again.data(), again.size(), kPrinted, empty, read.channels, read.depth, read.width,
+                read.height);
+  if (line != again.data()) {
+    return false;
+  }
+  read.empty = empty != 0;
+  figures = read;
+  return true;
+}
+
 }  // namespace
 
 ImageFigures probeImage(const std::string& path) {
@@ -21,18 +45,7 @@ ImageFigures probeImage(const std::string& path) {
     return {};
   }
   ImageFigures figures;
-  int empty = 1;
-  int end = 0;
-  // NOLINTNEXTLINE(cert-err34-c): the whole line is checked by its length, the figures by the
-  // caller
-  const int read =
-      std::sscanf(out.c_str(), "empty=%1d channels=%9d depth=%9d width=%9d height=%9d\n%n", &empty,
-                  &figures.channels, &figures.depth, &figures.width, &figures.height, &end);
-  if (read != 5 || end != static_cast<int>(out.size())) {
-    return {};
-  }
-  figures.empty = empty != 0;
-  return figures;
+  return parse(out, figures) ? figures : ImageFigures{};
 }
 
 }  // namespace kova::ctlserver
