@@ -1,0 +1,69 @@
+#include "ImageProbe.h"
+
+#include "TransferFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+
+ImageFigures probed(const fakes::ProcessResult& answer) {
+  fakes::reset();
+  platform().onRun = [answer](const std::string&) { return answer; };
+  return probeImage("/tmp/a picture");
+}
+
+void expectEmpty(const fakes::ProcessResult& answer) {
+  const ImageFigures image = probed(answer);
+  EXPECT_TRUE(image.empty) << answer.out;
+  EXPECT_EQ(image.channels, 0);
+  EXPECT_EQ(image.depth, 0);
+  EXPECT_EQ(image.width, 0);
+  EXPECT_EQ(image.height, 0);
+}
+
+TEST(ImageProbeTest, TheProbeIsRunWithThePathAloneAndItsFiguresRead) {
+  const ImageFigures image = probed({0, "empty=0 channels=3 depth=2 width=640 height=480\n", ""});
+  EXPECT_THAT(platform().commands, ElementsAre("/usr/libexec/kova_imageprobe /tmp/a picture"));
+  EXPECT_FALSE(image.empty);
+  EXPECT_EQ(image.channels, 3);
+  EXPECT_EQ(image.depth, 2);
+  EXPECT_EQ(image.width, 640);
+  EXPECT_EQ(image.height, 480);
+}
+
+TEST(ImageProbeTest, WhatTheProbeSaysOnStandardErrorDoesNotMatter) {
+  EXPECT_FALSE(
+      probed({0, "empty=0 channels=1 depth=0 width=1 height=1\n", "libpng warning"}).empty);
+}
+
+TEST(ImageProbeTest, AnyStatusButZeroIsAnEmptyPicture) {
+  for (const int status : {1, 2, 127, 128 + 9, 128 + 11, 128 + 15, 128 + 31, -1}) {
+    expectEmpty({status, "empty=0 channels=1 depth=0 width=1 height=1\n", ""});
+  }
+}
+
+TEST(ImageProbeTest, AnythingButTheOneLineIsAnEmptyPicture) {
+  for (const std::string& out :
+       {std::string(), std::string("\n"), std::string("empty=0"),
+        std::string("empty=0 channels=1 depth=0 width=1 height=1"),
+        std::string("empty=0 channels=1 depth=0 width=1 height=1\n\n"),
+        std::string("empty=0 channels=1 depth=0 width=1 height=1\nmore"),
+        std::string("empty=0 channels=1 depth=0 width=1 height=1 \n"),
+        std::string(" empty=0 channels=1 depth=0 width=1 height=1\n"),
+        std::string("empty=0  channels=1 depth=0 width=1 height=1\n"),
+        std::string("empty=0\nchannels=1\ndepth=0\nwidth=1\nheight=1\n"),
+        std::string("empty=0 channels= 1 depth=0 width=1 height=1\n"),
+        std::string("empty=0 channels=01 depth=0 width=1 height=1\n"),
+        std::string("empty=0 channels=+1 depth=0 width=1 height=1\n"),
+        std::string("empty=no channels=1 depth=0 width=1 height=1\n"),
+        std::string("empty=0 channels=1 depth=0 width=99999999999999 height=1\n"),
+        std::string("empty=0 channels=1 depth=0 width=1 height=0x1\n"),
+        std::string("empty=0 channels=1 depth=0 width=1 height=1\n\0", 45)}) {
+    expectEmpty({0, out, ""});
+  }
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <cerrno>
+#include <memory>
+
+#include "Persistence.h"
+#include "TransferFixture.h"
+#include "TransferTaskSound.h"
+#include "TransferTaskUserLogo.h"
+
+namespace kova::ctlserver {
+
+constexpr char kProbe[] = "/usr/libexec/kova_imageprobe";
+constexpr char kInstallUri[] = "https://host/file";
+
+/// A WAV file of 16-bit PCM samples.
+inline std::string wav(unsigned channels, unsigned sampleRate, unsigned dataSize = 8) {
+  const auto number = [](unsigned value, int bytes) {
+    std::string text;
+    for (int i = 0; i < bytes; ++i, value >>= 8U) {
+      text.push_back(static_cast<char>(value & 0xFFU));
+    }
+    return text;
+  };
+  return "RIFF" + number(36 + dataSize, 4) + "WAVEfmt " + number(16, 4) + number(1, 2) +
+         number(channels, 2) + number(sampleRate, 4) + number(sampleRate * channels * 2, 4) +
+         number(channels * 2, 2) + number(16, 2) + "data" + number(dataSize, 4) +
+         std::string(dataSize, '\0');
+}
+
+/// What the tests of both kinds of file differ in; content() is good for kDigest.
+struct LogoKind {
+  using Task = TransferTaskUserLogo;
+  static constexpr char kUnit[] = "TransferTaskUserLogo";
+  static constexpr char kName[] = "user_logo";
+  static constexpr char kSubject[] = "Logo";
+  static constexpr char kPersistFailure[] = "Failed to persist logo, uri=";
+  static constexpr unsigned kMaxSz = 131072;
+  static constexpr char kDigest[] = "9a0364b9e99bb480dd25e1f0284c8555";
+  static std::string content() { return "content"; }
+};
+
+struct SoundKind {
+  using Task = TransferTaskSound;
+  static constexpr char kUnit[] = "TransferTaskSound";
+  static constexpr char kName[] = "user_sound";
+  static constexpr char kSubject[] = "Sound";
+  static constexpr char kPersistFailure[] = "Failed to persist sound, uri=";
+  static constexpr unsigned kMaxSz = 262144;
+  static constexpr char kDigest[] = "207bf8657c69ea250333a0f166fda5b7";
+  static std::string content() { return wav(1, 11025); }
+};
+
+/// A task armed by a request, with its paths. The image probe finds every picture good.
+template <typename Kind>
+class InstallTest : public TransferTest {
+ protected:
+  void SetUp() override {
+    TransferTest::SetUp();
+    arm(Kind::kDigest);
+    restart();
+  }
+
+  void restart() {
+    fakes::reset();
+    probeAnswers("empty=0 channels=1 depth=0 width=64 height=48\n");
+  }
+
+  static void probeAnswers(const std::string& line) {
+    fakes::platform().onRun = [line](const std::string& command) {
+      return fakes::ProcessResult{0, command.starts_with(kProbe) ? line : "", ""};
+    };
+  }
+
+  void arm(const std::string& hash) {
+    task_->setHash(hash);
+    task_->setUri(kInstallUri).setIpcOrigin("client.a").setIpcRequestId(12);
+  }
+
+  void succeed() {
+    bool done = false;
+    task_->onSuccess(done);
+    EXPECT_TRUE(done);
+  }
+
+  void expectStatus(const std::string& status) {
+    EXPECT_THAT(events(),
+                testing::ElementsAre("EventTransferRequestStatus to=client.a id=12 " + status));
+  }
+  void expectTempsGone() {
+    EXPECT_FALSE(exists(download_));
+    EXPECT_FALSE(exists(checksum_));
+  }
+  void expectNothingInstalled() {
+    EXPECT_FALSE(exists(installed_));
+    EXPECT_FALSE(exists(installedChecksum_));
+    EXPECT_THAT(fakes::platform().commands, testing::Not(testing::Contains(kSaveCommand)));
+  }
+  static std::string line(const std::string& text) {
+    return std::string("4 ") + Kind::kUnit + ".onSuccess: " + text;
+  }
+
+  Persistence persistence_;
+  std::unique_ptr<typename Kind::Task> task_ = std::make_unique<typename Kind::Task>(persistence_);
+  const std::string download_ = std::string("/tmp/") + Kind::kName;
+  const std::string checksum_ = download_ + ".md5";
+  const std::string installed_ = std::string("/etc/persistent/") + Kind::kName;
+  const std::string installedChecksum_ = installed_ + ".md5";
+};
+
+}  // namespace kova::ctlserver

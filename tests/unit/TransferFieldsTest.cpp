@@ -1,0 +1,173 @@
+#include "RoutingFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class TransferFieldsTest : public TransferRoutingTest {};
+
+TEST_F(TransferFieldsTest, EveryRequestOverwritesTheTimeOut) {
+  for (const std::string kind : kKinds) {
+    for (const std::uint32_t timeoutMs : {1U, 999U, 5000U, 2147483999U}) {
+      SCOPED_TRACE(kind + " " + std::to_string(timeoutMs));
+      startServer();
+      peerHolds();
+      write("/tmp/snap.jpeg", "");
+      write("/tmp/motionsnap_1.jpg", "");
+      write("/tmp/heatmap_1.png", "");
+      ASSERT_TRUE(ask(kind, uri(), {{"timeoutMs", timeoutMs}}));
+      platform().nowMs += timeoutMs;
+      server_->service(0);
+      EXPECT_THAT(events(), IsEmpty());
+      platform().nowMs += 1;
+      server_->service(0);
+      EXPECT_THAT(events(),
+                  ElementsAre(kind == "fw" ? "EventUpdateFirmwareFailure to=client.a id=7 "
+                                             "TRANSFER_TIMEOUT"
+                                           : status("TRANSFER_TIMEOUT")));
+    }
+  }
+}
+
+TEST_F(TransferFieldsTest, ATimeOutThatIsTooLongForTheTransportFailsTheTransfer) {
+  write("/tmp/snap.jpeg", "");
+  for (const std::uint32_t timeoutMs : {2147484000U, 4294967295U}) {
+    startServer();
+    ASSERT_TRUE(ask("snapshot", uri(), {{"timeoutMs", timeoutMs}}));
+    server_->service(0);
+    EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
+    EXPECT_THAT(platform().logTexts(), Contains(testing::StartsWith("Unable to setup CURL: ")));
+  }
+}
+
+TEST_F(TransferFieldsTest, ATimeOutOfZeroOrNoneIsRefusedAndTheStartUpValueNotUsed) {
+  for (const std::string kind : kTransferKinds) {
+    for (const Variant& timeoutMs : {Variant(0), Variant("5000"), Variant()}) {
+      startServer();
+      EXPECT_FALSE(ask(kind, uri(), {{"timeoutMs", timeoutMs}}));
+      EXPECT_THAT(logged(), ElementsAre("3 BaseTransferTask.start: Timeout must be set",
+                                        "3 TransferService.add: Failed to start task, task=" +
+                                            taskName(kind) + ", uri=" + uri()));
+      EXPECT_THAT(events(), IsEmpty());
+    }
+  }
+}
+
+TEST_F(TransferFieldsTest, AFirmwareUpdateWithoutATimeOutHasHalfAnHour) {
+  peerHolds();
+  for (const Variant& timeoutMs : {Variant(0), Variant("5000"), Variant()}) {
+    startServer();
+    ASSERT_TRUE(ask("fw", uri(), {{"timeoutMs", timeoutMs}}));
+    platform().nowMs += 1800000;
+    server_->service(0);
+    EXPECT_THAT(events(), IsEmpty());
+    platform().nowMs += 1;
+    server_->service(0);
+    EXPECT_THAT(events(),
+                ElementsAre("EventUpdateFirmwareFailure to=client.a id=7 TRANSFER_TIMEOUT"));
+  }
+}
+
+TEST_F(TransferFieldsTest, EventsOfAGetCanBeSwitchedOffForThatOne) {
+  write("/tmp/snap.jpeg", "picture");
+  const std::string dead = deadUri();
+  ASSERT_TRUE(ask("snapshot", dead, {{"disableEvents", true}}));
+  const auto failures = [] {
+    return std::ranges::count_if(platform().log, [](const fakes::LogLine& line) {
+      return line.text.starts_with("Transfer task failed, name=snapshot");
+    });
+  };
+  ASSERT_TRUE(serviceUntil([&] { return failures() == 1; }));
+  EXPECT_THAT(events(), IsEmpty());
+  ASSERT_TRUE(ask("snapshot", dead));
+  ASSERT_TRUE(serviceUntilEvent());
+  EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
+}
+
+TEST_F(TransferFieldsTest, OnlyWithoutEventsMayTheSenderBeMissing) {
+  EXPECT_FALSE(ask("snapshot", uri(), {{"from", ""}}));
+  EXPECT_TRUE(platform().logged(3, "IPC origin must be set when sending events is on"));
+  EXPECT_TRUE(ask("snapshot", uri(), {{"from", ""}, {"disableEvents", true}}));
+  EXPECT_FALSE(ask("logo", uri("/logo"), {{"from", ""}, {"disableEvents", true}}))
+      << "a put has no such switch";
+}
+
+TEST_F(TransferFieldsTest, AnEventsFileNameIsHeldToItsPattern) {
+  for (const char* filename : {"../etc/passwd", "motionsnap_7a.jpg", "heatmap_1.png", "snap.jpeg",
+                               "", "/etc/passwd", "motionsnap_1.jpg/../../etc/passwd"}) {
+    startServer();
+    EXPECT_FALSE(ask("eventSnapshot", uri(), {{"filename", filename}}));
+    EXPECT_THAT(
+        logged(),
+        ElementsAre(
+            std::string("3 TransferTaskWhitelist.onCheck: Path not on whitelist for "
+                        "name=eventSnapshot, path=/tmp/") +
+                filename,
+            "3 BaseTransferTask.start: Task-specific checks failed",
+            "3 TransferService.add: Failed to start task, task=eventSnapshot, uri=" + uri()));
+  }
+  EXPECT_FALSE(ask("eventHeatmap", uri(), {{"filename", "motionsnap_1.jpg"}}));
+  EXPECT_FALSE(ask("eventHeatmap", uri(), {{"filename", Variant()}}));
+  EXPECT_EQ(platform().log[platform().log.size() - 3].text,
+            "Path not on whitelist for name=eventHeatmap, path=/tmp/_UNINITIALIZED_");
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferFieldsTest, APutOfWhatIsInstalledIsDoneAtOnce) {
+  write("/etc/persistent/user_logo.md5", kContentDigest);
+  for (const Fields& more : {Fields{}, Fields{{"timeoutMs", 0}}, Fields{{"from", ""}}}) {
+    Fields fields = more;
+    fields["hash"] = kContentDigest;
+    EXPECT_TRUE(ask("logo", uri(), fields));
+  }
+  for (int turn = 0; turn < 5; ++turn) {
+    server_->service(0);
+  }
+  EXPECT_EQ(peer_->connections(), 0U);
+  EXPECT_THAT(events(), IsEmpty());
+  EXPECT_THAT(logged(), IsEmpty());
+  EXPECT_THAT(platform().commands, IsEmpty());
+}
+
+TEST_F(TransferFieldsTest, AnInstalledLogoIsNoInstalledSound) {
+  write("/etc/persistent/user_logo.md5", kContentDigest);
+  ASSERT_TRUE(ask("sound", uri(), {{"hash", kContentDigest}}));
+  EXPECT_FALSE(ask("logo", uri(), {{"hash", "other"}})) << "the sound's URI is taken";
+}
+
+TEST_F(TransferFieldsTest, APutWithoutAHashIsRefusedByTheTask) {
+  write("/etc/persistent/user_sound.md5", "_UNINITIALIZED_");
+  for (const Fields& hash : {Fields{{"hash", Variant()}}, Fields{{"hash", 7}}}) {
+    startServer();
+    EXPECT_FALSE(ask("sound", uri(), hash));
+    EXPECT_THAT(
+        logged(),
+        ElementsAre("3 TransferTaskSound.onCheck: Hash must be set",
+                    "3 BaseTransferTask.start: Task-specific checks failed",
+                    "3 TransferService.add: Failed to start task, task=user_sound, uri=" + uri()));
+  }
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferFieldsTest, WithoutAUriEveryKindIsRefused) {
+  for (const std::string kind : kKinds) {
+    for (const Variant& missing : {Variant(""), Variant(), Variant(7)}) {
+      startServer();
+      Fields fields = {{"what", kind},
+                       {"uri", missing},
+                       {"hash", "x"},
+                       {"filename", kind == "eventHeatmap" ? "heatmap_.png" : "motionsnap_.jpg"}};
+      EXPECT_FALSE(kind == "fw"                        ? firmware(fields)
+                   : operationOf(kind) == "putRequest" ? put(fields)
+                                                       : get(fields));
+      EXPECT_THAT(logged(), Contains("3 BaseTransferTask.start: URI must be set"));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

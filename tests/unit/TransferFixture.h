@@ -1,0 +1,77 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "../PrivateRoot.h"
+#include "Platform.h"
+
+namespace kova::ctlserver {
+
+constexpr char kSaveCommand[] = "/bin/cfgmtd -w -p /etc/ -m";
+
+/// Starts each test with an empty /tmp and /etc/persistent and a fresh platform.
+class TransferTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    tests::requirePrivateRoot();
+    empty("/tmp");
+    empty("/etc/persistent");
+    fakes::reset();
+  }
+
+  static void empty(const std::string& folder) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      std::filesystem::remove_all(entry.path());
+    }
+  }
+
+  static bool exists(const std::string& path) {
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+  }
+
+  static void write(const std::string& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    file.close();
+    ASSERT_TRUE(file) << path;
+  }
+
+  static std::string read(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+  }
+
+  /// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
+  static std::vector<std::string> logged() {
+    std::vector<std::string> lines;
+    for (const auto& line : fakes::platform().log) {
+      lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
+                      line.text);
+    }
+    return lines;
+  }
+
+  /// "FUNCTION to=ENDPOINT id=REQUEST OUTCOME" of each event sent so far.
+  static std::vector<std::string> events() {
+    std::vector<std::string> texts;
+    for (const auto& event : fakes::platform().bus.sent) {
+      const variant::Variant* outcome = event.Find("status");
+      texts.push_back(event.Find("functionName")->ToText() + " to=" + event.Find("to")->ToText() +
+                      " id=" + std::to_string(event.Find("requestId")->ToNumber<std::uint64_t>()) +
+                      " " + (outcome != nullptr ? outcome : event.Find("reason"))->ToText());
+    }
+    return texts;
+  }
+};
+
+}  // namespace kova::ctlserver

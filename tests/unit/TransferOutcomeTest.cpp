@@ -1,0 +1,199 @@
+#include "RoutingFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class TransferOutcomeTest : public TransferRoutingTest {};
+
+TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsThePayloadOfAFormWithoutAnEvent) {
+  const std::pair<const char*, const char*> files[] = {{"snapshot", "/tmp/snap.jpeg"},
+                                                       {"eventSnapshot", "/tmp/motionsnap_12.jpg"},
+                                                       {"eventHeatmap", "/tmp/heatmap_12.png"}};
+  for (const auto& [what, path] : files) {
+    SCOPED_TRACE(what);
+    startServer();
+    peerAnswers("");
+    write(path, std::string("content of ") + what);
+    ASSERT_TRUE(get({{"what", what},
+                     {"uri", uri()},
+                     {"filename", std::filesystem::path(path).filename().string()},
+                     {"formFields", Fields{{"camera", "front"}}}}));
+    ASSERT_TRUE(serviceUntilRequests(1));
+    const std::string body = peer_->requests()[0].body;
+    EXPECT_THAT(body, HasSubstr("name=\"payload\""));
+    EXPECT_THAT(body, HasSubstr(std::string("\r\n\r\ncontent of ") + what + "\r\n"));
+    EXPECT_THAT(body, HasSubstr("name=\"camera\"\r\n\r\nfront\r\n"));
+    EXPECT_THAT(events(), IsEmpty());
+    EXPECT_TRUE(exists(path)) << "the file stays";
+  }
+}
+
+TEST_F(TransferOutcomeTest, ASupportArchiveIsGeneratedUploadedAndRemoved) {
+  write("/tmp/supportinfo.tar", "old archive");
+  ASSERT_TRUE(ask("supportInfo", uri()));
+  EXPECT_THAT(platform().commands, ElementsAre("/bin/support /tmp/supportinfo.tar"));
+  for (int turn = 0; turn < 5; ++turn) {
+    server_->service(0);
+  }
+  EXPECT_EQ(peer_->connections(), 0U) << "nothing is sent before the archive is there";
+  write("/tmp/supportinfo.tar", "new archive");
+  ASSERT_TRUE(serviceUntilRequests(1));
+  EXPECT_THAT(peer_->requests()[0].body, HasSubstr("\r\n\r\nnew archive\r\n"));
+  EXPECT_FALSE(exists("/tmp/supportinfo.tar"));
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferOutcomeTest, EachPutInstallsItsFile) {
+  peerAnswers("content");
+  ASSERT_TRUE(put({{"what", "logo"}, {"uri", uri()}, {"hash", kContentDigest}}));
+  ASSERT_TRUE(serviceUntilEvent());
+  EXPECT_THAT(events(), ElementsAre(status("OK")));
+  EXPECT_EQ(read("/etc/persistent/user_logo"), "content");
+
+  startServer();
+  ASSERT_TRUE(put({{"what", "sound"}, {"uri", uri()}, {"hash", kContentDigest}, {"id", 8}}));
+  ASSERT_TRUE(serviceUntilEvent());
+  EXPECT_THAT(events(),
+              ElementsAre("EventTransferRequestStatus to=client.a id=8 VALIDATION_FAILED"))
+      << "\"content\" is no sound";
+}
+
+TEST_F(TransferOutcomeTest, ASnapshotsPathIsNoBusinessOfTheRequest) {
+  write("/tmp/snap.jpeg", "picture");
+  ASSERT_TRUE(ask("snapshot", uri(), {{"filename", "../etc/passwd"}}));
+  ASSERT_TRUE(serviceUntilRequests(1));
+  EXPECT_THAT(peer_->requests()[0].body, HasSubstr("\r\n\r\npicture\r\n"));
+}
+
+TEST_F(TransferOutcomeTest, AnUploadWithoutItsFileFails) {
+  ASSERT_TRUE(ask("snapshot", uri()));
+  server_->service(0);
+  EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
+  EXPECT_EQ(peer_->connections(), 0U);
+}
+
+TEST_F(TransferOutcomeTest, AFormFieldThatIsNoTextFailsTheTransferAndHoldsItsFile) {
+  write("/tmp/snap.jpeg", "picture");
+  ASSERT_TRUE(ask("snapshot", uri(), {{"formFields", Fields{{"a", "text"}, {"b", 7}}}}));
+  server_->service(0);
+  EXPECT_TRUE(platform().logged(3, "Only strings are allowed in the form fields"));
+  EXPECT_TRUE(platform().logged(4, "Failed to register transfer, task=snapshot, uri=" + uri()));
+  EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
+
+  ASSERT_TRUE(ask("snapshot", uri("/next")));
+  server_->service(0);
+  EXPECT_TRUE(platform().logged(
+      3, "File or URI already in progress, uri=" + uri("/next") + ", path=/tmp/snap.jpeg"));
+}
+
+TEST_F(TransferOutcomeTest, ADownloadOverTheLimitEndsAsTooLarge) {
+  const std::pair<const char*, unsigned> limits[] = {
+      {"logo", 131072}, {"sound", 262144}, {"fw", 52428800}};
+  for (const auto& [kind, limit] : limits) {
+    SCOPED_TRACE(kind);
+    startServer();
+    peerScript([length = limit + 1](engine::Connection& connection) {
+      connection.readRequest();
+      connection.send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(length) +
+                      "\r\n\r\nsome bytes");
+      connection.awaitClose();
+    });
+    ASSERT_TRUE(ask(kind, uri()));
+    ASSERT_TRUE(serviceUntilEvent());
+    EXPECT_THAT(events()[0], testing::EndsWith(" TRANSFER_TOOLARGE"));
+    EXPECT_THAT(platform().commands, IsEmpty());
+    EXPECT_FALSE(exists(std::string("/tmp/user_") + kind));
+  }
+}
+
+TEST_F(TransferOutcomeTest, ADownloadAtTheLimitIsJudgedByItsContent) {
+  for (const auto& [kind, limit] : {std::pair{"logo", 131072U}, std::pair{"sound", 262144U}}) {
+    startServer();
+    peerAnswers(std::string(limit, 'x'));
+    ASSERT_TRUE(ask(kind, uri()));
+    ASSERT_TRUE(serviceUntilEvent());
+    EXPECT_THAT(events(), ElementsAre(status("VALIDATION_FAILED")));
+  }
+}
+
+TEST_F(TransferOutcomeTest, AnErrorPageIsJudgedAsAFile) {
+  peerScript(engine::answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\noops"));
+  ASSERT_TRUE(ask("logo", uri()));
+  ASSERT_TRUE(serviceUntilEvent());
+  EXPECT_THAT(events(), ElementsAre(status("VALIDATION_FAILED")));
+
+  startServer();
+  platform().onRun = [](const std::string& command) {
+    EXPECT_EQ(command, "/bin/fwupdate.real -c");
+    EXPECT_EQ(read("/tmp/fwupdate.bin"), "oops");
+    return fakes::ProcessResult{1, "{}", ""};
+  };
+  ASSERT_TRUE(ask("fw", uri()));
+  ASSERT_TRUE(serviceUntilEvent());
+  EXPECT_THAT(events(), ElementsAre("EventUpdateFirmwareFailure to=client.a id=7 FW_CHECK_FAILED"));
+  platform().onRun = nullptr;
+}
+
+TEST_F(TransferOutcomeTest, AnUploadThatTheServerRefusesCountsAsASuccess) {
+  write("/tmp/snap.jpeg", "picture");
+  peerScript(engine::answering("HTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n"));
+  ASSERT_TRUE(ask("snapshot", uri()));
+  ASSERT_TRUE(serviceUntilRequests(1));
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferOutcomeTest, APeerThatIsNotThereFailsEveryKind) {
+  const std::string dead = deadUri();
+  write("/tmp/snap.jpeg", "");
+  write("/tmp/motionsnap_1.jpg", "");
+  write("/tmp/heatmap_1.png", "");
+  for (const char* kind : kKinds) {
+    SCOPED_TRACE(kind);
+    startServer();
+    ASSERT_TRUE(ask(kind, dead));
+    write("/tmp/supportinfo.tar", "");
+    ASSERT_TRUE(serviceUntilEvent());
+    EXPECT_THAT(events()[0], testing::EndsWith(" to=client.a id=7 TRANSFER_FAILED"));
+    EXPECT_TRUE(platform().logged(4, "Transfer task failed, name=" + taskName(kind) + ", uri=" +
+                                         dead + ", reason=TRANSFER_FAILED(1), httpCode=0"));
+  }
+}
+
+TEST_F(TransferOutcomeTest, AUriOfAnotherKindFailsTheTransfer) {
+  write("/tmp/snap.jpeg", "picture");
+  for (const std::string& to : {std::string("ftp://127.0.0.1/x"), std::string("file:///etc/passwd"),
+                                std::string("gopher://127.0.0.1/x"), std::string("no uri at all"),
+                                std::string("http://[::1"), std::string("http://127.0.0.1:99999/"),
+                                "http://127.0.0.1/" + std::string(1 << 20, 'x') + "\n"}) {
+    for (const char* kind : {"snapshot", "logo"}) {
+      SCOPED_TRACE(to.substr(0, 40));
+      startServer();
+      ASSERT_TRUE(ask(kind, to));
+      ASSERT_TRUE(serviceUntilEvent());
+      EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
+    }
+  }
+}
+
+TEST_F(TransferOutcomeTest, AFirmwareImageIsCheckedAndFlashedWhenItHasArrived) {
+  write("/tmp/fwupdate.bin", "old image");
+  peerAnswers("new image");
+  platform().onRun = [](const std::string&) {
+    EXPECT_EQ(read("/tmp/fwupdate.bin"), "new image");
+    return fakes::ProcessResult{};
+  };
+  ASSERT_TRUE(ask("fw", uri()));
+  ASSERT_TRUE(serviceUntil([] { return platform().commands.size() == 2; }));
+  EXPECT_THAT(platform().commands, ElementsAre("/bin/fwupdate.real -c", "/bin/fwupdate -m"));
+  EXPECT_THAT(events(), IsEmpty());
+  EXPECT_EQ(read("/tmp/fwupdate.bin"), "new image");
+  platform().onRun = nullptr;
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

@@ -1,0 +1,262 @@
+#include "TransferTaskFirmware.h"
+
+#include <cerrno>
+
+#include "TransferFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kImage[] = "/tmp/fwupdate.bin";
+constexpr char kCheck[] = "/bin/fwupdate.real -c";
+constexpr char kFlash[] = "/bin/fwupdate -m";
+constexpr char kUri[] = "https://host/fw.bin";
+
+std::string failure(const std::string& reason) {
+  return "EventUpdateFirmwareFailure to=client.a id=77 " + reason;
+}
+
+class TransferTaskFirmwareTest : public TransferTest {
+ protected:
+  void SetUp() override {
+    TransferTest::SetUp();
+    task_.setUri(kUri).setIpcOrigin("client.a").setIpcRequestId(77);
+    write(kImage, "image");
+  }
+
+  /// The checker answers like this; whatever else is run succeeds.
+  static void checkerAnswers(const fakes::ProcessResult& result) {
+    platform().onRun = [result](const std::string& command) {
+      return command == kCheck ? result : fakes::ProcessResult{};
+    };
+  }
+
+  void succeed() {
+    bool done = false;
+    task_.onSuccess(done);
+    EXPECT_TRUE(done);
+  }
+
+  void expectRejected(const fakes::ProcessResult& answer, const std::string& reason,
+                      const std::vector<std::string>& lines) {
+    fakes::reset();
+    checkerAnswers(answer);
+    succeed();
+    EXPECT_THAT(platform().commands, ElementsAre(kCheck)) << "nothing is flashed";
+    EXPECT_THAT(events(), ElementsAre(failure(reason)));
+    EXPECT_EQ(logged(), lines);
+    EXPECT_TRUE(exists(kImage)) << "the image is left in place";
+  }
+
+  static std::string rejection(const std::string& err) {
+    return "4 TransferTaskFirmware.onSuccess: Firmware validation failed, uri=" +
+           std::string(kUri) + ", status=" + err;
+  }
+  static std::string unreadable(const std::string& out) {
+    return "6 TransferTaskFirmware.onSuccess: Parse fwupdate output message failed (" + out + ")";
+  }
+
+  TransferTaskFirmware task_;
+};
+
+TEST_F(TransferTaskFirmwareTest, AFreshTaskIsADownloadOfAtMostFiftyMebibytesInTenMinutes) {
+  const TransferTaskFirmware task;
+  EXPECT_EQ(task.name(), "fw");
+  EXPECT_TRUE(task.download());
+  EXPECT_EQ(task.path(), kImage);
+  EXPECT_EQ(task.maxSz(), 52428800U);
+  EXPECT_EQ(task.timeout(), 600000U);
+}
+
+TEST_F(TransferTaskFirmwareTest, ATimeOutOfZeroBecomesHalfAnHourAndAnyOtherIsKept) {
+  task_.setTimeout(0);
+  EXPECT_TRUE(task_.onCheck());
+  EXPECT_EQ(task_.timeout(), 1800000U);
+  task_.setTimeout(5000);
+  EXPECT_TRUE(task_.onCheck());
+  EXPECT_EQ(task_.timeout(), 5000U);
+}
+
+TEST_F(TransferTaskFirmwareTest, ATaskWithoutATimeOutStarts) {
+  task_.setTimeout(0);
+  EXPECT_TRUE(task_.start());
+  EXPECT_THAT(platform().log, IsEmpty());
+}
+
+TEST_F(TransferTaskFirmwareTest, AStartRemovesAnOldImageAndDoesNotMindNone) {
+  EXPECT_TRUE(task_.onStart());
+  EXPECT_FALSE(exists(kImage));
+  EXPECT_TRUE(task_.onStart());
+  EXPECT_THAT(platform().log, IsEmpty());
+}
+
+TEST_F(TransferTaskFirmwareTest, AFailedTransferIsReportedByItsStatusAndTheImageRemoved) {
+  const std::pair<TransferStatus, const char*> outcomes[] = {
+      {TRANSFER_FAILED, "TRANSFER_FAILED"},    {DISK_IO_FAILED, "DISK_IO_FAILED"},
+      {TRANSFER_CANCELLED, "TRANSFER_FAILED"}, {TRANSFER_BUSY, "TRANSFER_BUSY"},
+      {TRANSFER_TIMEOUT, "TRANSFER_TIMEOUT"},  {TRANSFER_TOOLARGE, "TRANSFER_TOOLARGE"}};
+  for (const auto& [status, reason] : outcomes) {
+    fakes::reset();
+    write(kImage, "part of an image");
+    task_.onFailure(status, 503);
+    EXPECT_THAT(events(), ElementsAre(failure(reason)));
+    EXPECT_FALSE(exists(kImage));
+    EXPECT_THAT(platform().log, IsEmpty()) << "no line of its own";
+    EXPECT_THAT(platform().commands, IsEmpty());
+  }
+}
+
+TEST_F(TransferTaskFirmwareTest, TheFailureIsReportedBeforeTheImageIsRemoved) {
+  class Watched : public TransferTaskFirmware {
+   public:
+    void notifyStatus(const std::string& reason) override {
+      seen = reason + (exists(kImage) ? " with the image" : " without the image");
+    }
+    std::string seen;
+  };
+  Watched task;
+  task.onFailure(TRANSFER_TIMEOUT, 0);
+  EXPECT_EQ(task.seen, "TRANSFER_TIMEOUT with the image");
+}
+
+TEST_F(TransferTaskFirmwareTest, AGoodImageIsCheckedThenFlashedWithoutAnEventAndStays) {
+  succeed();
+  EXPECT_THAT(platform().commands, ElementsAre(kCheck, kFlash));
+  EXPECT_THAT(logged(),
+              ElementsAre("6 TransferTaskFirmware.onSuccess: Firmware update downloaded from uri=" +
+                          std::string(kUri)));
+  EXPECT_THAT(events(), IsEmpty());
+  EXPECT_TRUE(exists(kImage));
+}
+
+TEST_F(TransferTaskFirmwareTest, WhatAContentedCheckerPrintsDoesNotMatter) {
+  checkerAnswers({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", ""});
+  succeed();
+  EXPECT_THAT(platform().commands, ElementsAre(kCheck, kFlash));
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferTaskFirmwareTest, AnImageForOtherHardwareIsReportedAsSuch) {
+  expectRejected({1, R"({"status":"error","reason":"FW_CHECK_INCOMPAT_HW"})", ""},
+                 "FW_CHECK_INCOMPAT_HW", {rejection("")});
+}
+
+TEST_F(TransferTaskFirmwareTest, AnyOtherReasonIsAFailedCheck) {
+  for (const char* report :
+       {R"({"reason":"FW_CHECK_FAILED"})", R"({"reason":"fw_check_incompat_hw"})",
+        R"({"reason":" FW_CHECK_INCOMPAT_HW"})", R"({"reason":""})", R"({"reason":null})",
+        R"({"reason":["FW_CHECK_INCOMPAT_HW"]})", R"({"Reason":"FW_CHECK_INCOMPAT_HW"})",
+        R"({"nested":{"reason":"FW_CHECK_INCOMPAT_HW"}})", "{}", "[]", "7",
+        R"("FW_CHECK_INCOMPAT_HW")"}) {
+    SCOPED_TRACE(report);
+    expectRejected({1, report, ""}, "FW_CHECK_FAILED", {rejection("")});
+  }
+}
+
+TEST_F(TransferTaskFirmwareTest, OutputThatIsNoJsonIsLoggedAndAFailedCheck) {
+  for (const char* out : {"", "not json", R"({"reason":"FW_CHECK_INCOMPAT_HW")", "\xff\xfe"}) {
+    SCOPED_TRACE(out);
+    expectRejected({1, out, "bad magic"}, "FW_CHECK_FAILED",
+                   {rejection("bad magic"), unreadable(out)});
+  }
+}
+
+TEST_F(TransferTaskFirmwareTest, StandardErrorAloneRejectsAnImageThatTheCheckerAccepts) {
+  expectRejected({0, R"({"status":"ok"})", "warning"}, "FW_CHECK_FAILED", {rejection("warning")});
+  expectRejected({0, "", "\n"}, "FW_CHECK_FAILED", {rejection("\n"), unreadable("")});
+  expectRejected({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", "x"}, "FW_CHECK_INCOMPAT_HW",
+                 {rejection("x")});
+}
+
+TEST_F(TransferTaskFirmwareTest, ACheckerThatIsKilledOrMissingRejects) {
+  expectRejected({128 + 9, "", ""}, "FW_CHECK_FAILED", {rejection(""), unreadable("")});
+  expectRejected({127, "", ""}, "FW_CHECK_FAILED", {rejection(""), unreadable("")});
+}
+
+TEST_F(TransferTaskFirmwareTest, OfTheCheckersOutput128KibibytesAreRead) {
+  constexpr std::size_t kLimit = 128 * 1024;
+  std::string report = R"({"reason":"FW_CHECK_INCOMPAT_HW","pad":")";
+  report += std::string(kLimit - report.size() - 2, 'x') + "\"}";
+  ASSERT_EQ(report.size(), kLimit);
+  expectRejected({1, report, ""}, "FW_CHECK_INCOMPAT_HW", {rejection("")});
+  report.insert(kLimit - 2, "x");
+  expectRejected({1, report, ""}, "FW_CHECK_FAILED",
+                 {rejection(""), unreadable(report.substr(0, kLimit))});
+}
+
+TEST_F(TransferTaskFirmwareTest, AFailingFlasherIsReportedWithTheReasonAndTheImageStays) {
+  for (const int status : {1, 127, 128 + 11}) {
+    fakes::reset();
+    platform().onRun = [status](const std::string& command) {
+      errno = EIO;
+      return fakes::ProcessResult{command == kFlash ? status : 0, "", ""};
+    };
+    succeed();
+    EXPECT_THAT(platform().log,
+                ElementsAre(fakes::LogLine{"TransferTaskFirmware", "onSuccess", 4, EIO,
+                                           "Firmware flash failed, uri=" + std::string(kUri)}));
+    EXPECT_THAT(events(), ElementsAre(failure("FW_FLASH_FAILED")));
+    EXPECT_TRUE(exists(kImage));
+  }
+}
+
+TEST_F(TransferTaskFirmwareTest, EveryReasonGoesOutInItsTableSpelling) {
+  const std::pair<const char*, const char*> texts[] = {
+      {"FW_CHECK_FAILED", "FW_CHECK_FAILED"},
+      {"fw_check_incompat_hw", "FW_CHECK_INCOMPAT_HW"},
+      {"Fw_Flash_Failed", "FW_FLASH_FAILED"},
+      {"_UNINITIALIZED_", "_UNINITIALIZED_"},
+      {"disk_io_failed", "DISK_IO_FAILED"}};
+  for (const auto& [text, reason] : texts) {
+    platform().bus.sent.clear();
+    task_.notifyStatus(text);
+    EXPECT_THAT(events(), ElementsAre(failure(reason)));
+  }
+}
+
+TEST_F(TransferTaskFirmwareTest, AReasonThatTheEventDoesNotKnowGoesOutAsATimeOut) {
+  for (const char* text : {"OK", "", "VALIDATION_FAILED", "FW_CHECK_FAILED ", "FW_CHECK"}) {
+    platform().bus.sent.clear();
+    task_.notifyStatus(text);
+    EXPECT_THAT(events(), ElementsAre(failure("TRANSFER_TIMEOUT"))) << text;
+  }
+}
+
+TEST_F(TransferTaskFirmwareTest, TheEventIsNormalisedAndExpectsNoAnswer) {
+  task_.notifyStatus("FW_CHECK_FAILED");
+  ASSERT_EQ(platform().bus.sent.size(), 1U);
+  const variant::Variant& event = platform().bus.sent[0];
+  EXPECT_EQ(*event.Find("functionName"), variant::Variant("EventUpdateFirmwareFailure"));
+  EXPECT_EQ(*event.Find("responseExpected"), variant::Variant(false));
+  EXPECT_NE(event.Find("id"), nullptr);
+  EXPECT_NE(event.Find("timeStamp"), nullptr);
+  EXPECT_EQ(event.Find("status"), nullptr);
+}
+
+TEST_F(TransferTaskFirmwareTest, EventsCannotBeSwitchedOff) {
+  task_.setSendNoEvents(true);
+  task_.notifyStatus("FW_CHECK_FAILED");
+  EXPECT_THAT(events(), ElementsAre(failure("FW_CHECK_FAILED")));
+}
+
+TEST_F(TransferTaskFirmwareTest, WithoutAnEndpointTheFailureIsLogged) {
+  platform().bus.absent = true;
+  task_.notifyStatus("FW_CHECK_FAILED");
+  EXPECT_THAT(logged(), ElementsAre("3 TransferTaskFirmware.notifyStatus: pIpc is NULL"));
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferTaskFirmwareTest, AnEventThatCannotBeSentIsLogged) {
+  platform().bus.sendResult = false;
+  task_.notifyStatus("FW_CHECK_FAILED");
+  EXPECT_THAT(logged(),
+              ElementsAre("4 TransferTaskFirmware.notifyStatus: Failed to send transfer failure "
+                          "notification"));
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

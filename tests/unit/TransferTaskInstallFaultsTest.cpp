@@ -1,0 +1,146 @@
+#include "TransferTaskInstall.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include "InstallFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// How installing a good file can fail, and what tells that it was installed; of logos and sounds
+/// alike.
+template <typename Kind>
+class TransferTaskInstallFaultsTest : public InstallTest<Kind> {};
+
+using Kinds = testing::Types<LogoKind, SoundKind>;
+TYPED_TEST_SUITE(TransferTaskInstallFaultsTest, Kinds);
+
+TYPED_TEST(TransferTaskInstallFaultsTest, AFailingSaveDoesNotChangeTheOutcome) {
+  platform().onRun = [](const std::string& command) {
+    return fakes::ProcessResult{command == kSaveCommand ? 1 : 0,
+                                "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
+  };
+  this->write(this->download_, TypeParam::content());
+  this->succeed();
+  this->expectStatus("OK");
+  EXPECT_EQ(this->read(this->installed_), TypeParam::content());
+  EXPECT_THAT(this->logged(), ElementsAre("3 Persistence.persist: Failed to persist"));
+  platform().onRun = nullptr;
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest,
+           AChecksumThatCannotBeOpenedIsADiskFailureWithNothingMoved) {
+  ASSERT_EQ(mkdir(this->checksum_.c_str(), 0755), 0);
+  this->write(this->download_, TypeParam::content());
+  this->succeed();
+  EXPECT_THAT(this->logged(),
+              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
+  EXPECT_NE(platform().log.back().error, 0);
+  this->expectStatus("DISK_IO_FAILED");
+  EXPECT_FALSE(this->exists(this->download_));
+  this->expectNothingInstalled();
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest, AFullDiskUnderTheChecksumIsADiskFailureWithNothingMoved) {
+  this->write(this->download_, TypeParam::content());
+  // One page for the link's target, and that is taken.
+  ASSERT_EQ(mkdir("/run/small", 0755), 0);
+  ASSERT_EQ(mount("tmpfs", "/run/small", "tmpfs", 0, "size=4k"), 0);
+  this->write("/run/small/filler", std::string(4096, 'x'));
+  std::filesystem::create_symlink("/run/small/md5", this->checksum_);
+  this->succeed();
+  EXPECT_EQ(platform().log.back().error, ENOSPC);
+  EXPECT_THAT(this->logged(),
+              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
+  this->expectStatus("DISK_IO_FAILED");
+  this->expectTempsGone();
+  this->expectNothingInstalled();
+  ASSERT_EQ(umount("/run/small"), 0);
+  ASSERT_EQ(rmdir("/run/small"), 0);
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest, AFileThatCannotBeMovedIsADiskFailureAndBothTempsGo) {
+  ASSERT_EQ(mkdir(this->installed_.c_str(), 0755), 0);
+  this->write(this->download_, TypeParam::content());
+  this->succeed();
+  EXPECT_EQ(platform().log.back().error, EISDIR);
+  this->expectStatus("DISK_IO_FAILED");
+  this->expectTempsGone();
+  EXPECT_FALSE(this->exists(this->installedChecksum_));
+  EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest, AChecksumThatCannotBeMovedLeavesTheFileInPlaceUnsaved) {
+  ASSERT_EQ(mkdir(this->installedChecksum_.c_str(), 0755), 0);
+  this->write(this->download_, TypeParam::content());
+  this->succeed();
+  EXPECT_EQ(platform().log.back().error, EISDIR);
+  EXPECT_THAT(this->logged(),
+              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
+  this->expectStatus("DISK_IO_FAILED");
+  this->expectTempsGone();
+  EXPECT_EQ(this->read(this->installed_), TypeParam::content());
+  EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsADiskFailure) {
+  ASSERT_EQ(mount("tmpfs", "/etc/persistent", "tmpfs", 0, "size=1m"), 0);
+  this->write(this->download_, TypeParam::content());
+  this->succeed();
+  EXPECT_EQ(platform().log.back().error, EXDEV);
+  this->expectStatus("DISK_IO_FAILED");
+  this->expectTempsGone();
+  this->expectNothingInstalled();
+  ASSERT_EQ(umount("/etc/persistent"), 0);
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest, AFileThatTheSaveTakesAwayIsADiskFailure) {
+  platform().onRun = [&](const std::string& command) {
+    if (command == kSaveCommand) {
+      unlink(this->installed_.c_str());
+    }
+    return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
+  };
+  this->write(this->download_, TypeParam::content());
+  this->succeed();
+  EXPECT_EQ(platform().log.back().error, ENOENT);
+  EXPECT_EQ(platform().log.back().text, std::string(TypeParam::kPersistFailure) + kInstallUri);
+  this->expectStatus("DISK_IO_FAILED");
+  EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest) << "left where it is";
+  platform().onRun = nullptr;
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest, NoTransferIsNeededForExactlyTheInstalledChecksum) {
+  const auto isNeeded = [](const std::string& hash) {
+    return !TypeParam::Task::checkNoTransferNeeded(hash);
+  };
+  EXPECT_TRUE(isNeeded(TypeParam::kDigest)) << "nothing is installed";
+  EXPECT_TRUE(isNeeded(""));
+  this->write(this->installedChecksum_, TypeParam::kDigest);
+  EXPECT_FALSE(isNeeded(TypeParam::kDigest)) << "whatever became of the file itself";
+  EXPECT_TRUE(isNeeded(""));
+  EXPECT_TRUE(isNeeded(std::string(TypeParam::kDigest) + "\n"));
+  EXPECT_TRUE(isNeeded(std::string(TypeParam::kDigest).substr(0, 31)));
+  this->write(this->installedChecksum_, std::string(TypeParam::kDigest) + "\n");
+  EXPECT_TRUE(isNeeded(TypeParam::kDigest)) << "a line end is one byte too many";
+  this->write(this->installedChecksum_, "");
+  EXPECT_FALSE(isNeeded("")) << "byte for byte";
+  EXPECT_THAT(platform().log, IsEmpty());
+}
+
+TYPED_TEST(TransferTaskInstallFaultsTest, AChecksumThatIsAFolderOrADanglingLinkNeedsATransfer) {
+  ASSERT_EQ(mkdir(this->installedChecksum_.c_str(), 0755), 0);
+  EXPECT_FALSE(TypeParam::Task::checkNoTransferNeeded(TypeParam::kDigest));
+  ASSERT_EQ(rmdir(this->installedChecksum_.c_str()), 0);
+  std::filesystem::create_symlink("/nowhere", this->installedChecksum_);
+  EXPECT_FALSE(TypeParam::Task::checkNoTransferNeeded(TypeParam::kDigest));
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

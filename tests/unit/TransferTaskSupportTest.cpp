@@ -1,0 +1,107 @@
+#include "TransferTaskSupport.h"
+
+#include <cerrno>
+
+#include "TransferFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kArchive[] = "/tmp/supportinfo.tar";
+constexpr char kGenerate[] = "/bin/support /tmp/supportinfo.tar";
+
+class TransferTaskSupportTest : public TransferTest {
+ protected:
+  void SetUp() override {
+    TransferTest::SetUp();
+    task_.setUri("http://host/support").setIpcOrigin("client.a").setIpcRequestId(5);
+  }
+
+  bool ready() {
+    bool isReady = false;
+    std::string path;
+    task_.onPrepare(isReady, path);
+    EXPECT_EQ(path, kArchive);
+    return isReady;
+  }
+
+  TransferTaskSupport task_;
+};
+
+TEST_F(TransferTaskSupportTest, AFreshTaskIsAnUploadOfAtMostTenMebibytesInNinetySeconds) {
+  EXPECT_EQ(task_.name(), "support");
+  EXPECT_FALSE(task_.download());
+  EXPECT_EQ(task_.path(), "");
+  EXPECT_EQ(task_.timeout(), 90000U);
+  EXPECT_EQ(task_.maxSz(), 10485760U);
+  EXPECT_TRUE(task_.onCheck());
+}
+
+TEST_F(TransferTaskSupportTest, AStartRemovesAnOldArchiveAndThenRunsTheGenerator) {
+  write(kArchive, "old");
+  bool oldArchiveSeen = true;
+  platform().onRun = [&](const std::string&) {
+    oldArchiveSeen = exists(kArchive);
+    return fakes::ProcessResult{};
+  };
+  EXPECT_TRUE(task_.start());
+  EXPECT_THAT(platform().commands, ElementsAre(kGenerate));
+  EXPECT_FALSE(oldArchiveSeen);
+  EXPECT_FALSE(exists(kArchive));
+}
+
+TEST_F(TransferTaskSupportTest, AGeneratorThatCannotBeStartedRefusesTheTask) {
+  platform().onRun = [](const std::string&) {
+    errno = ENOENT;
+    return fakes::ProcessResult{1, "", ""};
+  };
+  EXPECT_FALSE(task_.start());
+  EXPECT_THAT(platform().log,
+              ElementsAre(fakes::LogLine{"TransferTaskSupport", "onStart", 3, ENOENT,
+                                         "Failed to launch support file generation"}));
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferTaskSupportTest, TheUploadIsReadyOnceTheArchiveIsThere) {
+  EXPECT_FALSE(ready());
+  EXPECT_FALSE(ready());
+  write(kArchive, "tar");
+  EXPECT_TRUE(ready());
+  EXPECT_THAT(platform().commands, IsEmpty()) << "asking starts nothing";
+}
+
+TEST_F(TransferTaskSupportTest, ASuccessRemovesTheArchiveWithoutAnEvent) {
+  write(kArchive, "tar");
+  bool done = false;
+  task_.onSuccess(done);
+  EXPECT_TRUE(done);
+  EXPECT_FALSE(exists(kArchive));
+  EXPECT_THAT(events(), IsEmpty());
+  EXPECT_THAT(platform().log, IsEmpty());
+}
+
+TEST_F(TransferTaskSupportTest, AFailureIsReportedByItsStatusAndThenTheArchiveRemoved) {
+  class Watched : public TransferTaskSupport {
+   public:
+    void notifyStatus(const std::string& status) override {
+      seen = status + (exists(kArchive) ? " with" : " without");
+    }
+    std::string seen;
+  };
+  write(kArchive, "tar");
+  Watched task;
+  task.onFailure(TRANSFER_TIMEOUT, 0);
+  EXPECT_EQ(task.seen, "TRANSFER_TIMEOUT with");
+  EXPECT_FALSE(exists(kArchive));
+
+  task_.onFailure(DISK_IO_FAILED, 0);
+  EXPECT_THAT(events(), ElementsAre("EventTransferRequestStatus to=client.a id=5 DISK_IO_FAILED"));
+  EXPECT_THAT(platform().log, IsEmpty()) << "no line of its own";
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

@@ -1,0 +1,91 @@
+#include "TransferTaskUserLogo.h"
+
+#include "InstallFixture.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+
+class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
+ protected:
+  /// Puts the logo while the probe answers `answer`.
+  void put(const fakes::ProcessResult& answer) {
+    restart();
+    empty("/etc/persistent");
+    platform().onRun = [answer](const std::string& command) {
+      return command.starts_with(kProbe) ? answer : fakes::ProcessResult{};
+    };
+    write(download_, LogoKind::content());
+    succeed();
+  }
+
+  void expectRefused(const std::string& figures) {
+    EXPECT_THAT(logged(), ElementsAre(line(std::string("Logo validation failed, uri=") +
+                                           kInstallUri + ", " + figures)));
+    expectStatus("VALIDATION_FAILED");
+    expectTempsGone();
+    expectNothingInstalled();
+  }
+};
+
+TEST_F(TransferTaskUserLogoTest, ThePictureIsDecodedOutsideTheDaemon) {
+  put({0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""});
+  EXPECT_THAT(platform().commands,
+              ElementsAre("/usr/libexec/kova_imageprobe /tmp/user_logo", kSaveCommand));
+  expectStatus("OK");
+}
+
+TEST_F(TransferTaskUserLogoTest, PicturesFromOneTo1024PixelsEachWayAreAccepted) {
+  for (const char* size : {"width=1 height=1", "width=1024 height=1024", "width=1 height=1024",
+                           "width=1024 height=1"}) {
+    put({0, "empty=0 channels=1 depth=0 " + std::string(size) + "\n", ""});
+    expectStatus("OK");
+  }
+}
+
+TEST_F(TransferTaskUserLogoTest, AnyOtherFigureIsLoggedAndRefused) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"empty=0 channels=1 depth=0 width=1025 height=1",
+       "empty=0, nCh=1, depth=0, width=1025, height=1"},
+      {"empty=0 channels=1 depth=0 width=1 height=1025",
+       "empty=0, nCh=1, depth=0, width=1, height=1025"},
+      {"empty=0 channels=1 depth=0 width=0 height=7", "empty=0, nCh=1, depth=0, width=0, height=7"},
+      {"empty=0 channels=1 depth=0 width=7 height=0", "empty=0, nCh=1, depth=0, width=7, height=0"},
+      {"empty=0 channels=1 depth=0 width=-7 height=7",
+       "empty=0, nCh=1, depth=0, width=-7, height=7"},
+      {"empty=0 channels=3 depth=0 width=7 height=7", "empty=0, nCh=3, depth=0, width=7, height=7"},
+      {"empty=0 channels=1 depth=5 width=7 height=7", "empty=0, nCh=1, depth=5, width=7, height=7"},
+      {"empty=1 channels=1 depth=0 width=7 height=7", "empty=1, nCh=1, depth=0, width=7, height=7"},
+      {"empty=1 channels=0 depth=0 width=0 height=0",
+       "empty=1, nCh=0, depth=0, width=0, height=0"}};
+  for (const auto& [printed, figures] : cases) {
+    SCOPED_TRACE(printed);
+    put({0, std::string(printed) + "\n", ""});
+    expectRefused(figures);
+  }
+}
+
+TEST_F(TransferTaskUserLogoTest, AProbeThatBreaksCountsAsAnEmptyPicture) {
+  constexpr char kGood[] = "empty=0 channels=1 depth=0 width=64 height=48\n";
+  for (const fakes::ProcessResult& answer :
+       {fakes::ProcessResult{128 + 11, "", ""}, fakes::ProcessResult{128 + 31, kGood, ""},
+        fakes::ProcessResult{1, kGood, ""}, fakes::ProcessResult{127, "", ""},
+        fakes::ProcessResult{0, "", ""}, fakes::ProcessResult{0, "nonsense", ""}}) {
+    SCOPED_TRACE(answer.status);
+    put(answer);
+    expectRefused("empty=1, nCh=0, depth=0, width=0, height=0");
+  }
+}
+
+TEST_F(TransferTaskUserLogoTest, AnEmptyFileHasADigestAndIsNoPicture) {
+  arm("d41d8cd98f00b204e9800998ecf8427e");
+  probeAnswers("empty=1 channels=0 depth=0 width=0 height=0\n");
+  write(download_, "");
+  succeed();
+  expectRefused("empty=1, nCh=0, depth=0, width=0, height=0");
+}
+
+}  // namespace
+}  // namespace kova::ctlserver
