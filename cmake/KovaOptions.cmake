@@ -28,7 +28,7 @@ if(KOVA_HARDEN)
 endif()
 
 if(KOVA_SANITIZE)
-  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
+  add_compile_options(-O1 -g1 -fsanitize=address,undefined -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
