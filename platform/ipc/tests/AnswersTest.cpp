@@ -1,6 +1,7 @@
 #include <stdexcept>
 
 #include "BusTest.h"
+#include "Nesting.h"
 
 namespace kova::ipc::testing {
 namespace {
@@ -121,21 +122,14 @@ TEST_F(AnswersTest, ABodyOfAMebibyteIsTakenAndALittleMoreIsInvalid) {
   EXPECT_EQ(handler.requests.size(), 1U);
 }
 
-TEST_F(AnswersTest, TheDeepestMessageThatIsWrittenPassesTheBus) {
+TEST_F(AnswersTest, TheDeepestMessagesThatAreWrittenPassTheBus) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
   Join();
-  Variant deep("leaf");
-  for (int level = 0; level < 21; ++level) {
-    deep = Variant(Variant::Map{{"key", deep}});
-  }
-  EXPECT_EQ(Call(deep).error, "");
-  Variant alternating(Variant::Array{timeval{1, 2}});
-  for (int level = 0; level < 29; ++level) {
-    alternating = Variant(Variant::Array{alternating});
-  }
-  EXPECT_EQ(Call(Variant(Variant::Map{{"key", alternating}})).error, "");
-  EXPECT_EQ(handler.requests.size(), 2U);
+  EXPECT_EQ(Call(inMaps(21, "leaf")).error, "");
+  EXPECT_EQ(Call(inMaps(1, inArrays(30, timeval{1, 2}))).error, "");
+  EXPECT_EQ(Call(inMaps(2, inArrays(29, "leaf"))).error, "");
+  EXPECT_EQ(handler.requests.size(), 3U);
 }
 
 TEST_F(AnswersTest, AThrowingHandlerGivesAnErrorAndTheNextCallIsServed) {

@@ -5,11 +5,14 @@
 
 #include "../src/Protocol.h"
 #include "../src/Wire.h"
+#include "Nesting.h"
 #include "OfflineBus.h"
 
 namespace kova::ipc::wire {
 namespace {
 
+using testing::inArrays;
+using testing::inMaps;
 using testing::OfflineBus;
 using variant::Variant;
 using variant::VariantType;
@@ -280,13 +283,11 @@ TEST_F(WireTest, TenThousandKeysAreRead) {
 }
 
 TEST_F(WireTest, WhatTheBusWouldDisconnectForIsNotWritten) {
-  Variant deep("leaf");
-  for (int level = 0; level < 21; ++level) {
-    deep = holding(deep);
-  }
-  EXPECT_NE(Encoded(deep), nullptr) << reason_;
-  EXPECT_EQ(Encoded(holding(deep)), nullptr);
+  EXPECT_NE(Encoded(inMaps(21, "leaf")), nullptr) << reason_;
+  EXPECT_EQ(Encoded(inMaps(22, "leaf")), nullptr);
   EXPECT_EQ(reason_, "the message is nested too deeply");
+  EXPECT_NE(Encoded(inMaps(2, inArrays(29, "leaf"))), nullptr) << reason_;
+  EXPECT_EQ(Encoded(inMaps(2, inArrays(29, timeval{1, 2}))), nullptr);
 
   Variant invalidKey;
   invalidKey["\xff"] = 1;

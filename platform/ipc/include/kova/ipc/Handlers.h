@@ -19,13 +19,15 @@ class BaseHandler {
   /// A message of this process has left for its destination. `flag` is reserved; leave it alone.
   virtual void MessageSentSuccessfully(messages::BaseMessage& message, bool& flag);
 
-  /// The answer to a request of this process. `flag` is reserved; leave it alone.
+  /// The answer to a request of this process, as it came; an empty map (Size() 0) when the peer took
+  /// the request and had nothing to say. `flag` is reserved; leave it alone.
   /// @return whether the answer was taken
   virtual bool HandleResponse(messages::BaseRequestMessage& request,
                               messages::BaseResponseMessage& response, bool& flag);
 
-  /// A request or event. It is answered with what Ipc::SendResponse is given meanwhile, else with
-  /// an empty map.
+  /// A request or event, as it came: not normalised, since only its concrete class knows the
+  /// defaults. It is answered with what Ipc::SendResponse is given meanwhile, else with an empty
+  /// map. What is thrown is logged and answered with an error.
   /// @param rejected set it to true to have the sender told that the function is unknown
   /// @return false when the request could not be handled or answered; this is only logged
   virtual bool HandleRequest(messages::BaseRequestMessage& request, bool& rejected) = 0;

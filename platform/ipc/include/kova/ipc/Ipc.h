@@ -43,8 +43,8 @@ class Ipc {
   /// empty name takes what no other handler was added for. False when the name is taken already.
   bool AddHandler(const std::string& functionName, BaseHandler* handler);
 
-  /// Handles what is pending and returns; at most a fixed number of messages a call, so that a
-  /// flood cannot hold the caller. Waits up to `timeoutMs` for the first message when nothing is
+  /// Handles what is pending and returns; at most 128 messages a call and no new one after 40 ms,
+  /// so that a flood cannot hold the caller. Waits up to `timeoutMs` for the first message when nothing is
   /// pending.
   /// @return false when the connection is lost
   bool Service(unsigned timeoutMs);
@@ -52,9 +52,9 @@ class Ipc {
   /// Sends a request or event, normalised, with `from` filled in when empty: as a broadcast when
   /// isBroadcast, else to the endpoint `to`. When nobody owns that name the message waits for it in
   /// a queue (queueIfDestUnavailable), at most 256 messages a destination, the oldest dropped
-  /// first. Never blocks.
+  /// first; a message of more than 1 MiB or nested too deeply for the bus is refused. Never blocks.
   /// @return false when not joined, the destination is no valid name, or is absent and queueing is
-  /// off
+  /// off, or the message cannot be sent
   bool SendRequest(messages::BaseRequestMessage& request);
 
   /// Answers the request that is being handled; allowed once, from within
