@@ -128,7 +128,7 @@ class KillByNameTest : public testing::Test {
  protected:
   /// A copy of a real program under a name of this test's own.
   std::string Program(const std::string& name) const {
-    const std::string path = folder_ / name;
+    std::string path = folder_ / name;
     std::filesystem::copy_file("/bin/sleep", path);
     return path;
   }
@@ -199,8 +199,8 @@ TEST_F(KillByNameTest, SparesTheCaller) {
   const pid_t child = fork();
   if (child == 0) {
     // The first word of the command line stands in the process's own memory, see proc(5).
-    std::strcpy(program_invocation_name, name.c_str());
-    if (readText("/proc/self/cmdline").c_str() != name) _exit(100);
+    std::memcpy(program_invocation_name, name.c_str(), name.size() + 1);
+    if (!readText("/proc/self/cmdline").starts_with(name + '\0')) _exit(100);
     _exit(kill_process_by_name(name, SIGKILL));
   }
   int status = -1;

@@ -67,14 +67,14 @@ TEST_F(SysExecTest, EndsTheInputAfterItsLastByte) {
 }
 
 TEST_F(SysExecTest, MoreInputThanAPipeHoldsDoesNotBlock) {
-  std::string input(700 * 1024, 'a');
+  std::string input(std::size_t{700} * 1024, 'a');
   input.back() = 'z';
   EXPECT_EQ(0, Run("/bin/cat", {}, input));
   EXPECT_EQ(input, out_);
 }
 
 TEST_F(SysExecTest, AChildThatDoesNotReadItsInputHarmsNobody) {
-  EXPECT_EQ(0, RunScript("exec <&-; echo done", std::string(1024 * 1024, 'x')));
+  EXPECT_EQ(0, RunScript("exec <&-; echo done", std::string(std::size_t{1024} * 1024, 'x')));
   EXPECT_EQ("done\n", out_);
   sigset_t pending;
   sigpending(&pending);
@@ -201,7 +201,7 @@ TEST_F(SysExecTest, InterruptionsDoNotDisturbIt) {
   const itimerval every2Ms{{0, 2000}, {0, 2000}};
   const itimerval never{};
   setitimer(ITIMER_REAL, &every2Ms, nullptr);
-  const std::string input(300 * 1024, 'i');
+  const std::string input(std::size_t{300} * 1024, 'i');
   const int captured = Run("/bin/cat", {}, input);
   const int plain = sysExecSimple("/bin/sleep", "0.1");
   setitimer(ITIMER_REAL, &never, nullptr);

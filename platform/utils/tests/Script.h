@@ -11,7 +11,7 @@ namespace kova::tests {
 /// Writes a shell script that can be run, and returns its path.
 inline std::string writeScript(const TemporaryFolder& folder, const std::string& name,
                                const std::string& body) {
-  const std::string path = folder / name;
+  std::string path = folder / name;
   writeText(path, "#!/bin/sh\n" + body + "\n");
   chmod(path.c_str(), 0755);
   return path;
