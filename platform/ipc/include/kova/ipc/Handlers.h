@@ -19,8 +19,8 @@ class BaseHandler {
   /// A message of this process has left for its destination. `flag` is reserved; leave it alone.
   virtual void MessageSentSuccessfully(messages::BaseMessage& message, bool& flag);
 
-  /// The answer to a request of this process, as it came; an empty map (Size() 0) when the peer took
-  /// the request and had nothing to say. `flag` is reserved; leave it alone.
+  /// The answer to a request of this process, as it came; an empty map (Size() 0) when the peer
+  /// took the request and had nothing to say. `flag` is reserved; leave it alone.
   /// @return whether the answer was taken
   virtual bool HandleResponse(messages::BaseRequestMessage& request,
                               messages::BaseResponseMessage& response, bool& flag);

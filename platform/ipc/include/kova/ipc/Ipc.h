@@ -44,8 +44,8 @@ class Ipc {
   bool AddHandler(const std::string& functionName, BaseHandler* handler);
 
   /// Handles what is pending and returns; at most 128 messages a call and no new one after 40 ms,
-  /// so that a flood cannot hold the caller. Waits up to `timeoutMs` for the first message when nothing is
-  /// pending.
+  /// so that a flood cannot hold the caller. Waits up to `timeoutMs` for the first message when
+  /// nothing is pending.
   /// @return false when the connection is lost
   bool Service(unsigned timeoutMs);
 
