@@ -99,9 +99,11 @@ void CurlContext::SetPeerVerification() {
 }
 
 // libcurl speaks many protocols, some of which read local files: the URI is a client's choice, and
-// where it redirects to is the server's.
+// where it redirects to is the server's. It looks names up in a thread, which a transfer that ends
+// early would join: with name servers that do not answer, the whole daemon would stand still.
 bool CurlContext::SetLimits() {
   return Set(CURLOPT_PROTOCOLS_STR, kProtocols) && Set(CURLOPT_REDIR_PROTOCOLS_STR, kProtocols) &&
+         Set(CURLOPT_QUICK_EXIT, 1L) &&
          (download_ || Set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize));
 }
 

@@ -49,7 +49,7 @@ TEST_F(CurlContextTest, ADownloadSetsItsOptionsInOrder) {
       ElementsAre("WRITEFUNCTION=...", "WRITEDATA=...", "PRIVATE=...", "URL=http://127.0.0.1:9/x",
                   "FOLLOWLOCATION=1", "SSL_VERIFYHOST=0", "SSL_VERIFYPEER=0", "TIMEOUT=5",
                   "SSL_VERIFYPEER=1", "SSL_CTX_FUNCTION=...", "PROTOCOLS_STR=http,https",
-                  "REDIR_PROTOCOLS_STR=http,https"));
+                  "REDIR_PROTOCOLS_STR=http,https", "QUICK_EXIT=1"));
 }
 
 TEST_F(CurlContextTest, AnUploadSetsItsFormAndItsBuffer) {
@@ -57,8 +57,8 @@ TEST_F(CurlContextTest, AnUploadSetsItsFormAndItsBuffer) {
   const std::vector<std::string> all = curlFaults().options;
   const std::vector<std::string> last(all.begin() + 10, all.end());
   EXPECT_THAT(last, ElementsAre("PROTOCOLS_STR=http,https", "REDIR_PROTOCOLS_STR=http,https",
-                                "UPLOAD_BUFFERSIZE=2097152", "HTTPPOST=...", "POST=1",
-                                "HTTPPOST=...", "READFUNCTION=..."));
+                                "QUICK_EXIT=1", "UPLOAD_BUFFERSIZE=2097152", "HTTPPOST=...",
+                                "POST=1", "HTTPPOST=...", "READFUNCTION=..."));
 }
 
 TEST_F(CurlContextTest, AnUploadWithoutFieldsSetsItsFormOnce) {
@@ -95,7 +95,7 @@ TEST_F(CurlContextTest, EachCheckedOptionThatFailsEndsInit) {
   for (const CURLoption option :
        {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA, CURLOPT_PRIVATE, CURLOPT_URL,
         CURLOPT_FOLLOWLOCATION, CURLOPT_SSL_VERIFYHOST, CURLOPT_SSL_VERIFYPEER, CURLOPT_TIMEOUT,
-        CURLOPT_PROTOCOLS_STR, CURLOPT_REDIR_PROTOCOLS_STR}) {
+        CURLOPT_PROTOCOLS_STR, CURLOPT_REDIR_PROTOCOLS_STR, CURLOPT_QUICK_EXIT}) {
     fakes::reset();
     curlFaults() = {};
     curlFaults().option = option;

@@ -1,0 +1,93 @@
+// Host names that take long to resolve: libcurl looks them up in a thread of its own, and the
+// engine must not wait for that thread.
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "Engine.h"
+
+namespace kova::engine {
+namespace {
+
+constexpr char kSlowHost[] = "slow.invalid";
+constexpr char kUri[] = "http://slow.invalid/file";
+
+/// A look-up of kSlowHost is held until `released`, at most ten seconds.
+struct SlowLookUp {
+  std::atomic<bool> begun = false;
+  std::atomic<bool> released = false;
+  std::atomic<bool> ended = false;
+};
+SlowLookUp lookUp;
+
+int holdLookUp() {
+  lookUp.begun = true;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!lookUp.released && std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+  lookUp.ended = true;
+  return EAI_AGAIN;
+}
+
+}  // namespace
+
+// Stands in for the C library's in the whole program, libcurl included.
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result) {
+  if (node != nullptr && std::strcmp(node, kSlowHost) == 0) {
+    return holdLookUp();
+  }
+  static const auto real =
+      reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  return real(node, service, hints, result);
+}
+
+namespace {
+
+class NameResolutionTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    lookUp.begun = lookUp.released = lookUp.ended = false;
+    task_.setPath(path("file")).setTimeout(1000);
+    ASSERT_TRUE(service().add(&task_));
+    ASSERT_TRUE(turnUntil([] { return lookUp.begun.load(); }));
+  }
+  void TearDown() override {
+    lookUp.released = true;
+    EXPECT_TRUE(eventually([] { return lookUp.ended.load(); }));
+    EngineTest::TearDown();
+  }
+
+  RecordingTask task_{kUri, ""};
+};
+
+TEST_F(NameResolutionTest, ADeadlineDoesNotWaitForAName) {
+  fakes::platform().nowMs += task_.timeout() + 1;
+  service().service(0);
+  EXPECT_FALSE(lookUp.ended);
+  EXPECT_EQ(task_.outcome(), "failure 5 0");
+  EXPECT_FALSE(service().existsUri(kUri));
+}
+
+TEST_F(NameResolutionTest, TheTransportsTimeOutDoesNotWaitForAName) {
+  ASSERT_TRUE(turnUntil([&] { return !task_.outcome().empty(); }));
+  EXPECT_FALSE(lookUp.ended);
+  EXPECT_EQ(task_.outcome(), "failure 5 0");
+}
+
+TEST_F(NameResolutionTest, TheEndOfTheServiceDoesNotWaitForAName) {
+  endService();
+  EXPECT_FALSE(lookUp.ended);
+}
+
+}  // namespace
+}  // namespace kova::engine
