@@ -1,5 +1,7 @@
 #include "curlcontext.h"
 
+#include <limits>
+
 #include "CallbackBarrier.h"
 #include "CurlLegacy.h"
 #include "TlsPinning.h"
@@ -19,6 +21,13 @@ constexpr double kLengthNotAsked = -2.0;
 constexpr long kUploadBufferSize = 2L * 1024 * 1024;
 
 constexpr char kProtocols[] = "http,https";
+
+/// The largest length that a server can announce rounds, as a double, to one more than a long
+/// holds.
+long wholeBytes(double length) {
+  constexpr long kMost = std::numeric_limits<long>::max();
+  return length < static_cast<double>(kMost) ? static_cast<long>(length) : kMost;
+}
 
 }  // namespace
 
@@ -156,8 +165,8 @@ bool CurlContext::HandleReceived(unsigned char* data, unsigned long len) {
       return false;
     }
   }
-  const bool accepted = owner_->SignalBytesAvailable(uri_, data, len, bytesReceived_,
-                                                     static_cast<long>(contentLength_));
+  const bool accepted =
+      owner_->SignalBytesAvailable(uri_, data, len, bytesReceived_, wholeBytes(contentLength_));
   if (accepted) {
     bytesReceived_ += len;
   }

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "CurlFaults.h"
 #include "Engine.h"
 #include "RawServer.h"
@@ -191,6 +193,16 @@ TEST_F(CurlContextTest, AnUnknownLengthIsMinusOneAndAskedForOnce) {
     EXPECT_EQ(chunk.second, -1);
   }
   EXPECT_EQ(curlFaults().asked(kLengthInformation), 1U);
+}
+
+TEST_F(CurlContextTest, TheLargestLengthStaysOne) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n\r\nbody");
+  });
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.completions.empty(); }));
+  EXPECT_THAT(http_.chunks, ElementsAre(Pair(0, std::numeric_limits<long>::max())));
 }
 
 TEST_F(CurlContextTest, ALengthThatCannotBeAskedForEndsTheTransfer) {
