@@ -69,6 +69,16 @@ TEST_F(BaseHttpTest, ARefusedChunkIsADiskFailure) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
+TEST_F(BaseHttpTest, AnImpossibleReadIsADiskFailure) {
+  RawServer server(answering(okResponse("")));
+  http_.upload = "file";
+  http_.excess = 1;
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri(), false));
+  ASSERT_TRUE(finish());
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 2 0"));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
 TEST_F(BaseHttpTest, TheTransportsTimeOutIsATimeOut) {
   RawServer server(silent);
   ASSERT_TRUE(http_.Init() && http_.start(server.uri(), true, {}, 1000));

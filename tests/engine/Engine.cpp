@@ -100,6 +100,9 @@ unsigned long MemoryHttp::FillUploadBuffer(const std::string&, unsigned char* bu
   if (beforeFilling) {
     beforeFilling();
   }
+  if (excess != 0) {
+    return size + excess;
+  }
   const std::size_t count = std::min<std::size_t>(size, upload.size() - uploaded);
   std::memcpy(buffer, upload.data() + uploaded, count);
   uploaded += count;

@@ -43,7 +43,7 @@ Connection::Connection(RawServer& server, int fd, unsigned number)
     : server_(server), fd_(fd), number_(number) {}
 
 bool Connection::Receive() {
-  std::array<char, 64 * 1024> chunk;
+  std::array<char, 65536> chunk;
   const ssize_t got = recv(fd_, chunk.data(), chunk.size(), 0);
   if (got > 0) {
     buffered_.append(chunk.data(), static_cast<std::size_t>(got));

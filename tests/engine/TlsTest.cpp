@@ -15,7 +15,6 @@
 namespace kova::engine {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class TlsTest : public EngineTest {
@@ -47,7 +46,7 @@ class TlsTest : public EngineTest {
                     const std::string& host = "127.0.0.1") {
     RecordingTask task(web.uri("/file", host), path("file"));
     task.setCACertFile(caFile).setCertFile(certFile).setPrivKeyFile(keyFile);
-    const std::string outcome = run(task);
+    std::string outcome = run(task);
     EXPECT_EQ(readFile(path("file")), outcome == "success" ? "secret" : "");
     return outcome;
   }

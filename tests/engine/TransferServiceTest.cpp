@@ -15,7 +15,6 @@
 namespace kova::engine {
 namespace {
 
-using ctlserver::TransferStatus;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
