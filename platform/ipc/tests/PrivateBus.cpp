@@ -29,14 +29,6 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
   }
 }
 
-std::string makeFolder() {
-  std::string folder = std::filesystem::temp_directory_path() / "kova_bus.XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr) {
-    throw std::runtime_error("no folder for a bus");
-  }
-  return folder;
-}
-
 [[noreturn]] void runBus(const std::string& folder, int addressFd) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   const int log = open((folder + "/log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -57,12 +49,22 @@ bool awaitAddress(int fd) {
 
 }  // namespace
 
-PrivateBus::PrivateBus(const Changes& changes)
-    : folder_(makeFolder()), address_("unix:path=" + folder_ + "/bus") {
+PrivateBus::Folder::Folder() : path(std::filesystem::temp_directory_path() / "kova_bus.XXXXXX") {
+  if (mkdtemp(path.data()) == nullptr) {
+    throw std::runtime_error("no folder for a bus");
+  }
+}
+
+PrivateBus::Folder::~Folder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
+}
+
+PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + folder_.path + "/bus") {
   const char* before = std::getenv(kVariable);
   addressBefore_ = before != nullptr ? before : "";
   // Others than the test's own user must get as far as the bus's policy.
-  std::filesystem::permissions(folder_, std::filesystem::perms{0711});
+  std::filesystem::permissions(folder_.path, std::filesystem::perms{0711});
   WriteConfig(changes);
   Start();
   setenv(kVariable, address_.c_str(), 1);
@@ -75,8 +77,6 @@ PrivateBus::~PrivateBus() {
   } else {
     setenv(kVariable, addressBefore_.c_str(), 1);
   }
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
 }
 
 void PrivateBus::WriteConfig(const Changes& changes) const {
@@ -88,7 +88,7 @@ void PrivateBus::WriteConfig(const Changes& changes) const {
   for (const auto& [from, to] : changes) {
     replaceAll(text, from, to);
   }
-  std::ofstream(folder_ + "/bus.conf") << text;
+  std::ofstream(folder_.path + "/bus.conf") << text;
 }
 
 void PrivateBus::Start() {
@@ -99,7 +99,7 @@ void PrivateBus::Start() {
   pid_ = fork();
   if (pid_ == 0) {
     close(ends[0]);
-    runBus(folder_, ends[1]);
+    runBus(folder_.path, ends[1]);
   }
   close(ends[1]);
   const bool ready = pid_ > 0 && awaitAddress(ends[0]);
@@ -107,7 +107,7 @@ void PrivateBus::Start() {
   if (!ready) {
     Kill();
     std::stringstream log;
-    log << std::ifstream(folder_ + "/log").rdbuf();
+    log << std::ifstream(folder_.path + "/log").rdbuf();
     throw std::runtime_error("the bus does not come up: " + log.str());
   }
 }

@@ -32,7 +32,17 @@ class PrivateBus {
   void WriteConfig(const Changes& changes) const;
   void Start();
 
-  std::string folder_;
+  /// Removed with all that is in it, also when the bus does not come up.
+  struct Folder {
+    Folder();
+    ~Folder();
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    std::string path;
+  };
+
+  Folder folder_;
   std::string address_;
   std::string addressBefore_;
   pid_t pid_ = -1;
