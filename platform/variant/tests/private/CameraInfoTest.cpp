@@ -1,0 +1,67 @@
+#include "kova/variant/CameraInfo.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "../../../../tests/PrivateRoot.h"
+#include "../../../utils/tests/TemporaryFolder.h"
+
+namespace kova::variant {
+namespace {
+
+constexpr char kDescription[] = "/usr/share/kova/camera_info.json";
+
+class CameraInfoTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    tests::requirePrivateRoot();
+    std::filesystem::remove_all(kDescription);
+  }
+
+  static bool init(CameraInfo& info, const std::string& description) {
+    tests::writeText(kDescription, description);
+    return info.Init();
+  }
+
+  CameraInfo info_;
+};
+
+TEST_F(CameraInfoTest, ReadsTheDescriptionOfTheDevice) {
+  ASSERT_TRUE(init(info_, R"({"name": "Camera", "sysid": 42278, "feature_wifi": 1,
+                             "feature_battery": 0, "reset_button_gpio": "/gpio"})"));
+  EXPECT_EQ(info_.name(), "Camera");
+  EXPECT_EQ(info_.sysid(), 0xa526U);
+  EXPECT_EQ(info_.featureWifi(), 1);
+  EXPECT_EQ(info_.featureBattery(), 0);
+  EXPECT_EQ(*info_.Find("reset_button_gpio"), Variant("/gpio"));
+}
+
+TEST_F(CameraInfoTest, AMissingDescriptionFails) {
+  EXPECT_FALSE(info_.Init());
+}
+
+TEST_F(CameraInfoTest, WhatIsNoJsonObjectFails) {
+  for (const char* text : {"", "[]", "\"name\"", "7", "{\"name\": }", "{} {}"}) {
+    EXPECT_FALSE(init(info_, text)) << text;
+  }
+}
+
+TEST_F(CameraInfoTest, AFailureLeavesWhatWasReadBefore) {
+  ASSERT_TRUE(init(info_, R"({"sysid": 1})"));
+  EXPECT_FALSE(init(info_, "{"));
+  EXPECT_EQ(info_.sysid(), 1U);
+}
+
+TEST_F(CameraInfoTest, AKeyThatIsMissingOrMistypedEndsTheProcess) {
+  EXPECT_EXIT(info_.sysid(), testing::KilledBySignal(SIGABRT), "") << "no map at all";
+  ASSERT_TRUE(init(info_, R"({"name": 1, "sysid": "1", "feature_wifi": true})"));
+  EXPECT_EXIT(info_.name(), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(info_.sysid(), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(info_.featureWifi(), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(info_.featureBattery(), testing::KilledBySignal(SIGABRT), "");
+}
+
+}  // namespace
+}  // namespace kova::variant
