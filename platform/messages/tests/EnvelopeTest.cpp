@@ -133,6 +133,13 @@ TEST(Envelope, AFreshIdIsTheClockBelowTheProcessId) {
   EXPECT_EQ(message.id(), id) << "an id that is there is kept";
 }
 
+TEST(Envelope, AnIdThatIsNoNumberIsReplacedByAFreshOne) {
+  BaseResponseMessage message(Variant(Variant::Map{{"id", "12"}}));
+  message.NormalizeFields();
+  EXPECT_EQ(message.id() >> 48U, static_cast<std::uint64_t>(getpid()) & 0xFFFFU);
+  EXPECT_EQ(message["id"].Type(), VariantType::UInt64);
+}
+
 TEST(Envelope, NormalizingTwiceChangesNothing) {
   GetRequest message(Variant(Variant::Map{{"what", "SNAPSHOT"}, {"timeoutMs", std::nan("")}}));
   message.NormalizeFields();
