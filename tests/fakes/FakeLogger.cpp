@@ -6,8 +6,8 @@
 
 namespace kova::logger {
 
-void logInternal(const char*, const char* unit, const char* function, int, int level, int error,
-                 const char* format, ...) {
+void logInternal(const char* identity, const char* unit, const char* function, int, int level,
+                 int error, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   va_list again;
@@ -16,7 +16,7 @@ void logInternal(const char*, const char* unit, const char* function, int, int l
   std::vsnprintf(text.data(), text.size() + 1, format, again);
   va_end(again);
   va_end(arguments);
-  fakes::platform().log.push_back({unit, function, level, error, std::move(text)});
+  fakes::platform().log.push_back({unit, function, level, error, std::move(text), identity});
 }
 
 }  // namespace kova::logger

@@ -5,8 +5,8 @@
 namespace kova::fakes {
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {
-  return out << line.unit << "." << line.function << " <" << line.level << "> (" << line.error
-             << ") " << line.text;
+  return out << line.identity << " " << line.unit << "." << line.function << " <" << line.level
+             << "> (" << line.error << ") " << line.text;
 }
 
 Platform& platform() {

@@ -25,6 +25,7 @@ struct LogLine {
   int level;
   int error;
   std::string text;
+  std::string identity = "kova_ctlserver";  ///< the daemon's own, unless a library speaks
 
   bool operator==(const LogLine&) const = default;
 };

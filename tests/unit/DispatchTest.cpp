@@ -134,6 +134,7 @@ TEST_F(DispatchTest, ServiceAttemptsAreLoggedWithWhoAndHowItWent) {
   EXPECT_EQ(platform().log[0].text, "manager tried to start sshd service and succeeded");
   EXPECT_EQ(platform().log[1].text, "manager tried to stop nosuch service and failed");
   for (const auto& line : platform().log) {
+    EXPECT_EQ(line.identity, "kova_ctlserver");
     EXPECT_EQ(line.level, 6);
     EXPECT_EQ(line.function, "HandleRequest");
     EXPECT_EQ(line.unit, "CtlServer");

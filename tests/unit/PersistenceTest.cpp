@@ -48,6 +48,7 @@ TEST_F(PersistenceTest, AForcedSaveRunsWithNothingPending) {
   EXPECT_TRUE(persistence_.persist(true));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
   ASSERT_EQ(platform().log.size(), 1U);
+  EXPECT_EQ(platform().log[0].identity, "kova_ctlserver");
   EXPECT_EQ(platform().log[0].unit, "Persistence");
   EXPECT_EQ(platform().log[0].function, "persist");
   EXPECT_TRUE(platform().logged(6, "Persisted"));

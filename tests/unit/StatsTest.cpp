@@ -142,6 +142,7 @@ TEST_F(StatsTest, AFailingReaderIsLoggedAndEndsTheReadingWithWhatWasFilled) {
     ASSERT_EQ(platform().log.size(), 1U) << test.text;
     EXPECT_EQ(platform().log[0].text, test.text);
     EXPECT_EQ(platform().log[0].level, 3);
+    EXPECT_EQ(platform().log[0].identity, "kova_ctlserver");
     EXPECT_EQ(platform().log[0].unit, "CtlServer");
     EXPECT_EQ(platform().log[0].function, "readStats");
     std::vector<std::string> keys;

@@ -1,0 +1,136 @@
+#include <gmock/gmock.h>
+
+#include "CtlCommandsHandler.h"
+#include "CtlServer.h"
+#include "Platform.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::SizeIs;
+using testing::StartsWith;
+using variant::Variant;
+using Map = Variant::Map;
+
+/// Which operation a row of the table reaches shows in what that operation does to the platform.
+class DispatchTableTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    platform().config.values = {{"resolv.host.1.name", "Front door"},
+                                {"system.timezone", "UTC"},
+                                {"system.region", "US"},
+                                {"users.1.name", "admin"},
+                                {"users.1.password", "old$secret"}};
+    platform().accounts.hashes = {{"admin", "old$secret"}};
+    static_cast<Variant&>(info_) = Variant(
+        Map{{"name", "Kova Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+  }
+
+  /// The response, or an empty value when there was none.
+  Variant ask(const std::string& functionName, Map fields = {}) {
+    fields["functionName"] = functionName;
+    ipc::messages::BaseRequestMessage request{Variant(std::move(fields))};
+    bool rejected = false;
+    EXPECT_TRUE(handler_.HandleRequest(request, rejected));
+    auto& responses = platform().bus.responses;
+    const Variant response = responses.empty() ? Variant() : responses.back().second;
+    responses.clear();
+    return response;
+  }
+
+  static Variant status(std::uint64_t code) { return Variant(code); }
+
+  variant::CameraInfo info_;
+  ipc::Ipc ipc_;
+  CtlServer server_{info_};
+  CtlCommandsHandler handler_{&ipc_, &server_};
+};
+
+TEST_F(DispatchTableTest, HasTheFifteenFunctionsInTheirOrder) {
+  EXPECT_THAT(
+      CtlCommandsHandler::functionNames(),
+      ElementsAre("GetSystemStats", "Reboot", "ChangeDeviceSettings", "UpdateFirmwareRequest",
+                  "GetRequest", "PutRequest", "ResetDeviceSettings", "SaveToFlash",
+                  "ChangeUsernamePassword", "EnableUsernamePassword", "DisableUsernamePassword",
+                  "ExitService", "ResetToDefaults", "StartService", "StopService"));
+}
+
+TEST_F(DispatchTableTest, ChangedSettingsAreAnsweredByDefaultWithTheirPayload) {
+  Variant response = ask("ChangeDeviceSettings", {{"name", "Yard"}});
+  EXPECT_EQ(response["statusCode"], status(0));
+  EXPECT_EQ(response["payload"],
+            Variant(Map{{"name", "Yard"}, {"timezone", "UTC"}, {"region", "US"}}));
+  EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Yard");
+}
+
+TEST_F(DispatchTableTest, RestoredSettingsAreAnsweredOnlyWhenThatIsAskedFor) {
+  EXPECT_TRUE(ask("ResetDeviceSettings").IsEmpty());
+  EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Kova Camera");
+  Variant response = ask("ResetDeviceSettings", {{"responseExpected", true}});
+  EXPECT_EQ(response["statusCode"], status(0));
+  EXPECT_EQ(response["payload"],
+            Variant(Map{{"name", "Kova Camera"}, {"timezone", "GMT"}, {"region", "US"}}));
+}
+
+TEST_F(DispatchTableTest, TheAdministratorsNameIsInThePayload) {
+  Variant response = ask("ChangeUsernamePassword");
+  EXPECT_EQ(response["statusCode"], status(0));
+  EXPECT_EQ(response["payload"], Variant(Map{{"username", "admin"}}));
+  response = ask("ChangeUsernamePassword", {{"username", "admin"}, {"passwordOld", "wrong"}});
+  EXPECT_EQ(response["statusCode"], status(1));
+  EXPECT_TRUE(response["payload"].IsEmpty());
+}
+
+TEST_F(DispatchTableTest, DisablingLocksAndEnablingUnlocks) {
+  EXPECT_EQ(ask("DisableUsernamePassword")["statusCode"], status(0));
+  EXPECT_EQ(platform().config.values["users.1.password"], "!old$secret");
+  EXPECT_EQ(ask("EnableUsernamePassword")["statusCode"], status(0));
+  EXPECT_EQ(platform().config.values["users.1.password"], "old$secret");
+  platform().config.initResult = false;
+  EXPECT_EQ(ask("DisableUsernamePassword")["statusCode"], status(1));
+  EXPECT_EQ(ask("EnableUsernamePassword")["statusCode"], status(1));
+}
+
+TEST_F(DispatchTableTest, ARefusedServiceIsAnsweredWithOneForStartAndStop) {
+  platform().onService = [](const std::string&, const std::string&) { return false; };
+  const Map fields = {{"from", "manager"}, {"service", "nosuch"}, {"responseExpected", true}};
+  EXPECT_EQ(ask("StartService", fields)["statusCode"], status(1));
+  EXPECT_EQ(ask("StopService", fields)["statusCode"], status(1));
+  EXPECT_THAT(platform().logTexts(),
+              ElementsAre("manager tried to start nosuch service and failed",
+                          "manager tried to stop nosuch service and failed"));
+}
+
+TEST_F(DispatchTableTest, TransfersReachTheirOperationAndAreNeverAnswered) {
+  const Map fields = {{"responseExpected", true}};
+  // Refused for want of a word, in a log line of the operation's own.
+  EXPECT_TRUE(ask("GetRequest", fields).IsEmpty());
+  EXPECT_TRUE(ask("PutRequest", fields).IsEmpty());
+  EXPECT_THAT(platform().logTexts(), ElementsAre(StartsWith("Unrecognized GetRequest: "),
+                                                 StartsWith("Unrecognized PutRequest: ")));
+  platform().log.clear();
+  const Map update = {{"from", "manager"},
+                      {"uri", "http://127.0.0.1:1/fw"},
+                      {"timeoutMs", 20000},
+                      {"responseExpected", true}};
+  EXPECT_TRUE(ask("UpdateFirmwareRequest", update).IsEmpty());
+  EXPECT_TRUE(ask("UpdateFirmwareRequest", update).IsEmpty());
+  EXPECT_THAT(platform().log, SizeIs(1)) << "the second finds the first";
+  EXPECT_THAT(platform().log,
+              Contains(testing::Field(&fakes::LogLine::function, "updateFirmware")));
+}
+
+TEST_F(DispatchTableTest, TheRequestItselfIsNotRepaired) {
+  ipc::messages::BaseRequestMessage request{
+      Variant(Map{{"functionName", "StopService"}, {"service", 12}})};
+  bool rejected = false;
+  EXPECT_TRUE(handler_.HandleRequest(request, rejected));
+  EXPECT_EQ(*request.Find("service"), Variant(12)) << "only the typed copy is";
+}
+
+}  // namespace
+}  // namespace kova::ctlserver

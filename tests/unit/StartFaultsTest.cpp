@@ -1,0 +1,120 @@
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <syslog.h>
+
+#include <algorithm>
+
+#include "CtlServer.h"
+#include "Platform.h"
+
+int kova_ctlserver_main();
+
+// The calls by which the daemon starts, decorated by the linker (ld(1), --wrap).
+namespace {
+
+struct Calls {
+  bool signalFails = false;
+  bool multiInitFails = false;
+  std::string logIdentity;
+  int logOptions = 0;
+  int logFacility = 0;
+} calls;
+
+}  // namespace
+
+extern "C" {
+sighandler_t __real_signal(int number, sighandler_t handler);
+sighandler_t __wrap_signal(int number, sighandler_t handler) {
+  return calls.signalFails ? SIG_ERR : __real_signal(number, handler);
+}
+
+void __wrap_openlog(const char* identity, int options, int facility) {
+  calls.logIdentity = identity;
+  calls.logOptions = options;
+  calls.logFacility = facility;
+}
+
+CURLM* __real_curl_multi_init();
+CURLM* __wrap_curl_multi_init() {
+  return calls.multiInitFails ? nullptr : __real_curl_multi_init();
+}
+}
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::LogLine;
+using fakes::platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+using variant::Variant;
+
+class StartFaultsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakes::reset();
+    calls = Calls();
+    platform().cameraInfo = Variant(Variant::Map{
+        {"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+    static_cast<Variant&>(info_) = platform().cameraInfo;
+  }
+  void TearDown() override { calls = Calls(); }
+
+  variant::CameraInfo info_;
+};
+
+TEST_F(StartFaultsTest, ASignalHandlerThatCannotBeSetStopsItThroughTheTeardown) {
+  calls.signalFails = true;
+  EXPECT_EQ(kova_ctlserver_main(), -1);
+  EXPECT_THAT(platform().log,
+              ElementsAre(LogLine{"main", "main", LOG_ERR, 0, "Failed to set signal handler"}));
+  const auto& journal = platform().journal;
+  const std::vector<std::string> ending(
+      std::find(journal.begin(), journal.end(), "Ipc::Init kova_ctlserver"), journal.end());
+  EXPECT_THAT(ending,
+              ElementsAre("Ipc::Init kova_ctlserver", "CloseStatsLib", "Ipc::FreeInstance"));
+}
+
+TEST_F(StartFaultsTest, TheSystemLogIsOpenedBeforeAnythingElse) {
+  platform().crashHandlerResult = false;
+  EXPECT_EQ(kova_ctlserver_main(), -1);
+  EXPECT_EQ(calls.logIdentity, "ctl");
+  EXPECT_EQ(calls.logOptions, LOG_PID);
+  EXPECT_EQ(calls.logFacility, LOG_LOCAL0);
+}
+
+TEST_F(StartFaultsTest, ATransferServiceThatFailsEndsInitBeforeTheButton) {
+  calls.multiInitFails = true;
+  CtlServer server(info_);
+  EXPECT_FALSE(server.init(nullptr));
+  EXPECT_THAT(platform().log, Contains(LogLine{"CtlServer", "init", LOG_ERR, 0,
+                                               "Failed to initialize transfer service"}));
+  EXPECT_THAT(platform().journal, Not(Contains(StartsWith("BaseButton::init"))));
+}
+
+TEST_F(StartFaultsTest, NeitherAFailingSaveNorFailingTransfersKeepTheButtonFromBeingServiced) {
+  CtlServer server(info_);  // its transfers fail, as they were never initialised
+  platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
+  platform().button.serviceResult = false;
+  server.persist(false);
+  platform().nowMs += 5001;
+  EXPECT_TRUE(server.service(0));
+  platform().onRun = nullptr;
+
+  std::vector<std::string> own;
+  for (const auto& line : platform().log) {
+    if (line.unit == "CtlServer" && line.function == "service" && line.level == LOG_ERR) {
+      own.push_back(line.text);
+    }
+  }
+  EXPECT_THAT(own, ElementsAre("Failed to persist", "Failed to service transfers",
+                               "Failed to service reset button case"));
+  EXPECT_THAT(platform().journal, Contains("BaseButton::service"));
+}
+
+}  // namespace
+}  // namespace kova::ctlserver
