@@ -1,7 +1,5 @@
 #include "TransferTaskSound.h"
 
-#include <cerrno>
-
 #include "kova/logger/Logger.h"
 #include "kova/utils/Wav.h"
 
@@ -41,7 +39,7 @@ bool TransferTaskSound::validate() {
       sampleRate == kSampleRate) {
     return true;
   }
-  KOVA_LOG_IN("onSuccess", LOG_WARNING, errno,
+  KOVA_LOG_IN("onSuccess", LOG_WARNING, 0,
               "Sound validation failed, uri=%s, samplerate=%d, datasz=%d", uri().c_str(),
               static_cast<int>(sampleRate), static_cast<int>(dataSize));
   return false;

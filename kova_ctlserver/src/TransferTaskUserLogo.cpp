@@ -1,7 +1,5 @@
 #include "TransferTaskUserLogo.h"
 
-#include <cerrno>
-
 #include "ImageProbe.h"
 #include "kova/logger/Logger.h"
 
@@ -42,7 +40,7 @@ bool TransferTaskUserLogo::validate() {
       isSize(image.width)) {
     return true;
   }
-  KOVA_LOG_IN("onSuccess", LOG_WARNING, errno,
+  KOVA_LOG_IN("onSuccess", LOG_WARNING, 0,
               "Logo validation failed, uri=%s, empty=%d, nCh=%d, depth=%d, width=%d, height=%d",
               uri().c_str(), image.empty ? 1 : 0, image.channels, image.depth, image.width,
               image.height);

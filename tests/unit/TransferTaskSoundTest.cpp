@@ -19,6 +19,7 @@ class TransferTaskSoundTest : public InstallTest<SoundKind> {
     std::string digest;
     ASSERT_TRUE(md5sum(download_, digest));
     arm(digest);
+    errno = EIO;  // of long ago
     succeed();
   }
 
@@ -27,6 +28,7 @@ class TransferTaskSoundTest : public InstallTest<SoundKind> {
                 ElementsAre(line(std::string("Sound validation failed, uri=") + kInstallUri +
                                  ", samplerate=" + std::to_string(sampleRate) +
                                  ", datasz=" + std::to_string(dataSize))));
+    EXPECT_EQ(platform().log.back().error, 0) << "the content is to blame";
     expectStatus("VALIDATION_FAILED");
     expectTempsGone();
     expectNothingInstalled();

@@ -18,12 +18,14 @@ class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
       return command.starts_with(kProbe) ? answer : fakes::ProcessResult{};
     };
     write(download_, LogoKind::content());
+    errno = EIO;  // of long ago
     succeed();
   }
 
   void expectRefused(const std::string& figures) {
     EXPECT_THAT(logged(), ElementsAre(line(std::string("Logo validation failed, uri=") +
                                            kInstallUri + ", " + figures)));
+    EXPECT_EQ(platform().log.back().error, 0) << "the content is to blame";
     expectStatus("VALIDATION_FAILED");
     expectTempsGone();
     expectNothingInstalled();
