@@ -55,6 +55,6 @@ stop() {
   local process=${pid[$1]:-}
   [[ -n $process ]] || return 0
   unset "pid[$1]"
-  kill "$process" 2>/dev/null || true
-  wait "$process" 2>/dev/null || true
+  kill "$process" 2>/dev/null || true # it may have ended by itself
+  wait "$process" 2>/dev/null || true # however it ended
 }

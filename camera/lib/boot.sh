@@ -23,7 +23,7 @@ restore_configuration() {
 fill_run() {
   mkdir -p "$root"/run/{kova,sv,tools,gpio/reset_button}
   echo 1 >"$root/run/gpio/reset_button/value"
-  cat /etc/resolv.conf >"$root/run/resolv.conf" 2>/dev/null || true
+  cat /etc/resolv.conf >"$root/run/resolv.conf" 2>/dev/null || true # a host without name servers
   ln "$control" "$root/run/initctl"
   count_boot
   firmware_version >"$root/run/firmware_version"

@@ -21,7 +21,7 @@ camera_pids() {
 # "supervisor" for those of services, "other" for the rest.
 kind_of() {
   local words=()
-  mapfile -d '' -t words 2>/dev/null <"/proc/$1/cmdline" || true
+  mapfile -d '' -t words 2>/dev/null <"/proc/$1/cmdline" || true # it may have ended meanwhile
   case "${words[*]}" in
     */bwrap\ * | *\ /sbin/init | logger\ * | syslogd\ * | "runsv syslogd" | "") echo last ;;
     runsv*) echo supervisor ;;
@@ -57,8 +57,8 @@ end_processes() {
       other) asked+=("$pid") awaited+=("$pid") ;;
     esac
   done
-  [ ${#asked[@]} -eq 0 ] || kill -TERM "${asked[@]}" 2>/dev/null || true
-  wait_for_end "$GRACE_MS" "${awaited[@]}" || true
+  [ ${#asked[@]} -eq 0 ] || kill -TERM "${asked[@]}" 2>/dev/null || true # some may have ended
+  wait_for_end "$GRACE_MS" "${awaited[@]}" || true # what is left is killed next
   kill_processes "$1"
 }
 
@@ -66,7 +66,7 @@ kill_processes() {
   local pids
   mapfile -t pids < <(camera_pids "$1")
   while [ ${#pids[@]} -gt 0 ]; do
-    kill -KILL "${pids[@]}" 2>/dev/null || true
+    kill -KILL "${pids[@]}" 2>/dev/null || true # some may have ended meanwhile
     wait_for_end 5000 "${pids[@]}" || return 1
     mapfile -t pids < <(camera_pids "$1")
   done

@@ -21,7 +21,7 @@ mirror_proc() {
   rm -rf "${mirror:?}/$slot"
   mkdir "$mirror/$slot"
   for pid in $(camera_pids chroot); do files+=("$pid"/{cmdline,comm,exe,stat,status}); done
-  (cd /proc && cp -P --parents "${files[@]}" "$mirror/$slot") 2>/dev/null || true
+  (cd /proc && cp -P --parents "${files[@]}" "$mirror/$slot") 2>/dev/null || true # processes end while they are copied
   drop_incomplete "$mirror/$slot"
   ln -s ../figures/{cpuinfo,filesystems,loadavg,meminfo,net,stat,uptime,version} "$mirror/$slot"
   ln -sfn "$slot" "$mirror/next"
@@ -46,7 +46,7 @@ refresh_figures() {
   local name text file
   for name in "${FIGURES[@]}"; do
     file=$root/run/proc/figures/$name
-    IFS= read -r -d '' text <"/proc/$name" || true
+    IFS= read -r -d '' text <"/proc/$name" || true # read fails at an end without NUL
     if [ ! -e "$file" ] || [ "$(stat -c %s "$file")" -gt "${#text}" ]; then
       printf '%s' "$text" >"$file"
     else

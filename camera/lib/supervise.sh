@@ -63,7 +63,7 @@ boot() {
 next_event() {
   event=
   until [ -n "$event" ]; do
-    read -r -t "$TICK" -u 9 event || true
+    read -r -t "$TICK" -u 9 event || true # nothing within the tick
     if [ -z "$event" ]; then
       if ! is_alive "$child_pid"; then event=died; fi
       if [ "$mode" = chroot ]; then mirror_proc || note "/proc could not be refreshed"; fi
@@ -74,7 +74,7 @@ next_event() {
 shut_down() {
   end_processes "$mode"
   rm -f "$init_pid_file"
-  wait "$child_pid" 2>/dev/null || true
+  wait "$child_pid" 2>/dev/null || true # however it ended
   note "down ($event)"
 }
 
