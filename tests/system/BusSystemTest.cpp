@@ -223,7 +223,10 @@ TEST_F(BusSystem, LogLinesCannotBeForged) {
   ASSERT_TRUE(mark.waitFor("forged by service"));
   const auto lines = mark.linesWith("forged");
   ASSERT_EQ(lines.size(), 1U) << mark.text();
-  EXPECT_NE(lines.front().find("tried to start"), std::string::npos);
+  EXPECT_NE(lines.front().find(": x\\x0aforged by from tried to start y\\x0aforged by service "
+                               "service and failed"),
+            std::string::npos)
+      << lines.front();
 }
 
 // A connection of no library at all, for messages that none would send.

@@ -1,6 +1,9 @@
 #include <algorithm>
+#include <atomic>
 #include <csignal>
+#include <exception>
 #include <memory>
+#include <thread>
 
 #include "BusClient.h"
 #include "SharedCamera.h"
@@ -106,26 +109,79 @@ TEST_F(FloodSystem, EveryCallOf64ClientsThatDoNotWaitIsAnsweredInBoundedMemory) 
   EXPECT_EQ(controlServer(camera()).pid(), server.pid());
 }
 
-// The best of some tries: that other programs of the host are busy makes the end late too, and says
-// nothing of the server. A server that looks at its signals only between floods is late every time.
+// Clients that go on sending in a thread of their own until the end of this object.
+class LastingFlood {
+ public:
+  LastingFlood(Clients clients, std::vector<Append> bodies)
+      : clients_(std::move(clients)), bodies_(std::move(bodies)), thread_([this] { run(); }) {}
+  ~LastingFlood() { stop(); }
+  LastingFlood(const LastingFlood&) = delete;
+  LastingFlood& operator=(const LastingFlood&) = delete;
+
+  /// Whether requests have been served that succeed and that fail.
+  bool isUnderWay() const { return underWay_; }
+  /// What became of the calls so far; what is open then is waited for.
+  std::map<std::string, std::size_t> stop() {
+    stopped_ = true;
+    if (thread_.joinable()) {
+      thread_.join();
+      EXPECT_EQ(failure_, "");
+      EXPECT_TRUE(failure_ != "" || pumpUntilAllAreAnswered(clients_));
+    }
+    return outcomes(clients_);
+  }
+
+ private:
+  static constexpr std::size_t kOpenEach = 100;
+
+  void run() {
+    try {
+      for (std::size_t round = 0; !stopped_; ++round) {
+        for (const auto& client : clients_) {
+          if (client->outstanding() < kOpenEach) {
+            client->post(bodies_[round % bodies_.size()]);
+          }
+          client->pump();
+        }
+        const auto all = outcomes(clients_);
+        underWay_ = all.contains("status 0") && all.contains("status 1");
+      }
+    } catch (const std::exception& error) {
+      failure_ = error.what();
+    }
+  }
+
+  Clients clients_;
+  std::vector<Append> bodies_;
+  std::atomic<bool> stopped_ = false;
+  std::atomic<bool> underWay_ = false;
+  std::string failure_;
+  std::thread thread_;
+};
+
+// Among the requests are such as keep the server busy for longer than the bus takes to bring the
+// next one: there is always another one waiting. The best of some tries counts: that other programs
+// of the host are busy makes the end late too, and says nothing of the server. A server that looks
+// at its signals only between floods is late every time.
 TEST_F(FloodSystem, SigtermDuringAFloodEndsItAtOnceAndNoCallStaysOpen) {
+  const std::vector<Append> bodies = {
+      request("GetSystemStats"), request("ChangeUsernamePassword", {{"username", text("admin")},
+                                                                    {"passwordOld", text("no")},
+                                                                    {"passwordNew", text("no")}})};
   milliseconds fastest = milliseconds::max();
   for (int tries = 0; tries < 5 && fastest > kLongestEnd; ++tries) {
     ASSERT_TRUE(camera().waitForService());
     const HostProcess server = controlServer(camera());
-    const Clients clients = connectAll();
-    flood(clients, request("GetSystemStats", {{"unknown", text(std::string(512, 'x'))}}));
-    ASSERT_GT(outstanding(clients), 0U);
+    LastingFlood flood(connectAll(), bodies);
+    ASSERT_TRUE(eventually([&] { return flood.isUnderWay(); }, std::chrono::seconds(30)));
     const auto start = std::chrono::steady_clock::now();
     server.signal(SIGTERM);
     ASSERT_TRUE(server.waitForEnd());
     fastest = std::min(fastest, std::chrono::duration_cast<milliseconds>(
                                     std::chrono::steady_clock::now() - start));
-    EXPECT_GT(outstanding(clients), 0U) << "the flood was over too soon to tell";
-    ASSERT_TRUE(pumpUntilAllAreAnswered(clients));
-    const auto all = outcomes(clients);
-    EXPECT_GT(all.size(), 1U) << "no call was cut short";
-    EXPECT_TRUE(!all.contains("other"));
+    const auto all = flood.stop();
+    EXPECT_TRUE(all.contains("org.freedesktop.DBus.Error.NoReply")) << "no call was under way";
+    EXPECT_FALSE(all.contains("other") || all.contains("taken"));
   }
   RecordProperty("end_ms", std::to_string(fastest.count()));
   EXPECT_LE(fastest.count(), kLongestEnd.count()) << "ms";
