@@ -128,7 +128,7 @@ class Variant {
   /// @param indent spaces a level for people, or -1 for one line
   std::string ToJSON(int indent = -1) const;
 
-  static constexpr std::size_t kMaxJsonSize = 1024 * 1024;
+  static constexpr std::size_t kMaxJsonSize = std::size_t{1024} * 1024;
   static constexpr int kMaxDepth = 32;
 
   /// Parses JSON strictly (RFC 8259, UTF-8 only). An integer becomes the first of int32, int64,
