@@ -37,7 +37,7 @@ class DispatchTableTest : public testing::Test {
     bool rejected = false;
     EXPECT_TRUE(handler_.HandleRequest(request, rejected));
     auto& responses = platform().bus.responses;
-    const Variant response = responses.empty() ? Variant() : responses.back().second;
+    Variant response = responses.empty() ? Variant() : responses.back().second;
     responses.clear();
     return response;
   }

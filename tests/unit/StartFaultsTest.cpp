@@ -23,6 +23,7 @@ struct Calls {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 sighandler_t __real_signal(int number, sighandler_t handler);
 sighandler_t __wrap_signal(int number, sighandler_t handler) {
@@ -40,6 +41,7 @@ CURLM* __wrap_curl_multi_init() {
   return calls.multiInitFails ? nullptr : __real_curl_multi_init();
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::ctlserver {
 namespace {
@@ -48,7 +50,6 @@ using fakes::LogLine;
 using fakes::platform;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 using variant::Variant;

@@ -33,6 +33,7 @@ void record(int priority, const char* format, va_list arguments) {
 
 // Put in place of the C library's by the linker (ld(1), --wrap); the second is what an optimised
 // build calls.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 void __wrap_syslog(int priority, const char* format, ...) {
   va_list arguments;
@@ -49,6 +50,7 @@ void __wrap___syslog_chk(int priority, int, const char* format, ...) {
   errno = EBADF;
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::logger {
 namespace {
