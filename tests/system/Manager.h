@@ -1,0 +1,59 @@
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Camera.h"
+#include "Certificates.h"
+#include "WebServer.h"
+
+namespace kova::system_test {
+
+/// What a camera uploaded: the part "payload" and the other form fields.
+struct Upload {
+  std::string payload;
+  std::map<std::string, std::string> fields;
+};
+
+/// The management server a camera talks to: HTTPS on the loopback interface, which the camera
+/// shares, and only with those who hold a certificate of its authority. Serves what it was given
+/// and keeps what is uploaded.
+class Manager {
+ public:
+  Manager();
+
+  /// Gives the camera its certificate and the authority's, saved to flash.
+  void adopt(const Camera& camera) const;
+
+  /// Serves `content` under fileUri(name).
+  void serve(const std::string& name, const std::string& content);
+  std::string fileUri(const std::string& name) const { return web_.uri("/files/" + name); }
+  std::string uploadUri(const std::string& name) const { return web_.uri("/upload/" + name); }
+  /// Where a request waits for its answer until the server ends.
+  std::string uri(const std::string& path) const { return web_.uri(path); }
+
+  /// The last upload under a name, once there was one.
+  std::optional<Upload> received(const std::string& name) const;
+  /// How often a path was asked for, "GET /files/logo.png" for example.
+  std::size_t requests(const std::string& methodAndPath) const;
+
+ private:
+  void Serve(const httplib::Request& request, httplib::Response& response);
+  void Keep(const httplib::Request& request);
+
+  engine::Identity authority_;
+  engine::Identity server_;
+  engine::Identity camera_;
+  mutable std::mutex mutex_;
+  std::map<std::string, std::string> files_;
+  std::map<std::string, Upload> uploads_;
+  engine::WebServer web_;  // last: its threads use the rest
+};
+
+/// The MD5 digest of a text, 32 lower-case hexadecimal digits.
+std::string md5(const std::string& content);
+
+}  // namespace kova::system_test

@@ -1,0 +1,71 @@
+#include "GetRig.h"
+
+namespace kova::system_test {
+namespace {
+
+using testing::IsEmpty;
+
+class SupportSystem : public GetSystem {
+ protected:
+  static bool archiveIsGone() { return !exists(inside("/tmp/supportinfo.tar")); }
+};
+
+TEST_F(SupportSystem, AFreshArchiveArrivesAndIsRemoved) {
+  writeFile(inside("/tmp/supportinfo.tar"), "an old archive");
+  const std::uint64_t id = get("supportInfo", "support.tar");
+  ASSERT_TRUE(arrives("support.tar"));
+  const std::string archive = manager().received("support.tar")->payload;
+  EXPECT_EQ(archive.substr(257, 5), "ustar");
+  EXPECT_NE(archive.find("system.cfg"), std::string::npos);
+  EXPECT_TRUE(eventually(archiveIsGone));
+  expectSilence(id);
+}
+
+TEST_F(SupportSystem, AGeneratorThatEndsWithoutAnArchiveTimesOut) {
+  for (const auto& [setting, content] : {std::pair{"exit", "1"}, {"kill", "SEGV"}}) {
+    camera().misbehave("support", setting, content);
+    EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 700}})),
+              "TRANSFER_TIMEOUT");
+    camera().behave("support");
+  }
+  EXPECT_NE(camera().log().find("Timeout preparing files for transfer, task=support"),
+            std::string::npos);
+  EXPECT_EQ(manager().requests("POST /upload/never"), 0U);
+}
+
+TEST_F(SupportSystem, AGeneratorThatHangsTimesOutAndAnotherRequestWorks) {
+  camera().misbehave("support", "sleep", "1000");
+  EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 700}})),
+            "TRANSFER_TIMEOUT");
+  camera().behave("support");
+  get("supportInfo", "after-hang");
+  EXPECT_TRUE(arrives("after-hang"));
+}
+
+TEST_F(SupportSystem, ASlowGeneratorIsWaitedForWhileTheCameraServes) {
+  camera().misbehave("support", "sleep", "1.5");
+  get("supportInfo", "slow");
+  EXPECT_EQ(
+      requester().outcomeOf({{"what", "logo"}, {"uri", "http://127.0.0.1:1/"}, {"hash", "x"}}),
+      "TRANSFER_FAILED");
+  EXPECT_FALSE(manager().received("slow").has_value());
+  EXPECT_TRUE(arrives("slow"));
+}
+
+TEST_F(SupportSystem, WithoutAGeneratorTheRequestIsRefused) {
+  const auto generator = inside("/bin/support");
+  const auto aside = inside("/bin/support.aside");
+  std::filesystem::rename(generator, aside);
+  expectRefused({{"what", "supportInfo"}}, "Failed to launch support file generation");
+  std::filesystem::rename(aside, generator);
+  EXPECT_TRUE(archiveIsGone());
+}
+
+TEST_F(SupportSystem, AFailedUploadRemovesTheArchive) {
+  EXPECT_EQ(requester().outcomeOf({{"what", "supportInfo"}, {"uri", "http://127.0.0.1:1/"}}),
+            "TRANSFER_FAILED");
+  EXPECT_TRUE(archiveIsGone());
+}
+
+}  // namespace
+}  // namespace kova::system_test

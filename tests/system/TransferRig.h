@@ -1,0 +1,124 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include "Manager.h"
+#include "RawServer.h"
+#include "Requester.h"
+#include "SharedCamera.h"
+
+namespace kova::system_test {
+
+using variant::Variant;
+
+/// Little-endian.
+inline std::string number(unsigned value, int bytes) {
+  std::string text;
+  for (int i = 0; i < bytes; ++i, value >>= 8U) {
+    text.push_back(static_cast<char>(value & 0xFFU));
+  }
+  return text;
+}
+
+/// An uncompressed grey picture (BMP, 8 bits a pixel) of the given size.
+inline std::string picture(unsigned width, unsigned height, char shade = 'k') {
+  const unsigned row = (width + 3) / 4 * 4;
+  const unsigned start = 14 + 40 + 4 * 256;
+  std::string palette;
+  for (unsigned i = 0; i < 256; ++i) {
+    palette += number(i * 0x010101U, 4);
+  }
+  return "BM" + number(start + row * height, 4) + number(0, 4) + number(start, 4) + number(40, 4) +
+         number(width, 4) + number(height, 4) + number(1, 2) + number(8, 2) + number(0, 4) +
+         number(row * height, 4) + number(0, 16) + palette +
+         std::string(std::size_t{row} * height, shade);
+}
+
+/// A WAV file of PCM samples.
+inline std::string sound(unsigned channels, unsigned sampleRate, unsigned bits = 16,
+                         unsigned dataSize = 4096) {
+  const unsigned frame = channels * bits / 8;
+  return "RIFF" + number(36 + dataSize, 4) + "WAVEfmt " + number(16, 4) + number(1, 2) +
+         number(channels, 2) + number(sampleRate, 4) + number(sampleRate * frame, 4) +
+         number(frame, 2) + number(bits, 2) + "data" + number(dataSize, 4) +
+         std::string(dataSize, '\1');
+}
+
+/// A camera that a management server has adopted, and an endpoint that asks it for transfers.
+/// Through every test the control server must live.
+class TransferRig : public UnharmedCamera {
+ public:
+  static void SetUpTestSuite() {
+    UnharmedCamera::SetUpTestSuite();
+    manager_ = std::make_unique<Manager>();
+    manager_->adopt(camera());
+  }
+  static void TearDownTestSuite() {
+    UnharmedCamera::TearDownTestSuite();
+    manager_.reset();
+  }
+
+ protected:
+  void SetUp() override {
+    UnharmedCamera::SetUp();
+    requester_ = std::make_unique<Requester>(camera());
+  }
+  void TearDown() override {
+    requester_.reset();
+    for (const char* tool : {"cfgmtd", "fwupdate", "fwupdate.real", "support"}) {
+      camera().behave(tool);
+    }
+    UnharmedCamera::TearDown();
+  }
+
+  static Manager& manager() { return *manager_; }
+  Requester& requester() { return *requester_; }
+
+  /// Serves a file and asks the camera to install it under its right digest.
+  std::string put(const std::string& what, const std::string& content) {
+    manager().serve("file", content);
+    return requester().outcomeOf(
+        {{"what", what}, {"uri", manager().fileUri("file")}, {"hash", md5(content)}});
+  }
+
+  static std::filesystem::path inside(const std::string& path) {
+    return camera().root() / path.substr(1);
+  }
+  /// What of the saved configuration comes back at a boot.
+  static std::filesystem::path saved(const std::string& path) {
+    return camera().flash() / path.substr(1);
+  }
+  static bool exists(const std::filesystem::path& path) {
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+  }
+  static std::vector<std::string> temporaries() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(inside("/tmp"))) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  }
+
+ private:
+  static inline std::unique_ptr<Manager> manager_;
+  std::unique_ptr<Requester> requester_;
+};
+
+/// Answers every request at once with `body`, over plain HTTP.
+class PlainServer : public engine::RawServer {
+ public:
+  explicit PlainServer(const std::string& body)
+      : RawServer(engine::answering(engine::okResponse(body))) {}
+};
+
+/// Takes requests and never answers.
+class SilentServer : public engine::RawServer {
+ public:
+  SilentServer()
+      : RawServer([](engine::Connection& connection) {
+          connection.readHead();
+          connection.awaitClose();
+        }) {}
+};
+
+}  // namespace kova::system_test
