@@ -5,8 +5,8 @@
 # shellcheck source=camera/tools/lib/hostname.sh
 . /usr/share/kova/hostname.sh
 
-# The control server runs this tool before it writes its change to system.cfg. So a name that is the one in use already
-# is about to change: wait for that, for a second at most, without keeping the caller.
+# The control server runs this tool before it writes its change to system.cfg. So the name found there may be about to
+# change: wait for that, for a second at most, without keeping the caller.
 await_new_name() {
   tries=20
   while [ "$tries" -gt 0 ] && [ "$(host_name_of_camera)" = "$1" ]; do
@@ -16,8 +16,6 @@ await_new_name() {
   apply_camera_name
 }
 
-if [ "$(host_name_of_camera)" = "$(cat /etc/hostname)" ]; then
-  await_new_name "$(cat /etc/hostname)" </dev/null >/dev/null 2>&1 &
-else
-  apply_camera_name
-fi
+found=$(host_name_of_camera)
+apply_camera_name
+await_new_name "$found" </dev/null >/dev/null 2>&1 &

@@ -10,7 +10,7 @@ host_name_of_camera() {
 apply_camera_name() {
   name=$(host_name_of_camera)
   name=${name:-camera}
-  echo "$name" >/etc/hostname.new
-  mv -T /etc/hostname.new /etc/hostname
+  echo "$name" >"/etc/hostname.$$"
+  mv -T "/etc/hostname.$$" /etc/hostname
   if [ -e /run/private_hostname ]; then hostname "$name"; fi
 }
