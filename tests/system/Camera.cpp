@@ -74,7 +74,9 @@ Camera::~Camera() {
 }
 
 Result Camera::script(std::vector<std::string> arguments, const std::string& input) const {
-  setenv("KOVA_BUILD", KOVA_TEST_BUILD, 1);
+  // Once: other threads may be starting programs.
+  static const int set = setenv("KOVA_BUILD", KOVA_TEST_BUILD, 1);
+  static_cast<void>(set);
   return run(KOVA_CAMERA_SCRIPT, arguments, input);
 }
 
@@ -94,9 +96,15 @@ void Camera::stop() {
 }
 
 Result Camera::exec(const std::vector<std::string>& command, const std::string& input) const {
-  std::vector<std::string> arguments = {"exec", folder_, "--"};
-  arguments.insert(arguments.end(), command.begin(), command.end());
-  return script(arguments, input);
+  std::vector<std::string> words = execWords(command);
+  words.erase(words.begin());
+  return script(words, input);
+}
+
+std::vector<std::string> Camera::execWords(const std::vector<std::string>& command) const {
+  std::vector<std::string> words = {KOVA_CAMERA_SCRIPT, "exec", folder_, "--"};
+  words.insert(words.end(), command.begin(), command.end());
+  return words;
 }
 
 Result Camera::ctl(std::vector<std::string> arguments, const std::string& input) const {
@@ -136,7 +144,12 @@ void Camera::behave(const std::string& tool) {
 }
 
 void Camera::pressButton(bool pressed) {
-  writeFile(root() / "run/gpio/reset_button/value", pressed ? "0\n" : "1\n");
+  // In place, as a line's value changes: who reads while it changes must not see an empty file.
+  std::fstream value(root() / "run/gpio/reset_button/value", std::ios::in | std::ios::out);
+  value << (pressed ? '0' : '1') << std::flush;
+  if (!value) {
+    throw std::runtime_error("the button cannot be moved");
+  }
 }
 
 }  // namespace kova::system_test

@@ -43,6 +43,8 @@ class Camera {
 
   /// Runs a command inside; a name without "/" is looked up there.
   Result exec(const std::vector<std::string>& command, const std::string& input = "") const;
+  /// The words to type outside, a program's path first, for a command to run inside.
+  std::vector<std::string> execWords(const std::vector<std::string>& command) const;
   /// Runs kovactl inside.
   Result ctl(std::vector<std::string> arguments, const std::string& input = "") const;
   /// Runs a line of shell inside.

@@ -1,0 +1,241 @@
+#include <time.h>
+
+#include <algorithm>
+
+#include "BusClient.h"
+#include "SharedCamera.h"
+#include "SystemCfg.h"
+#include "Terminal.h"
+
+namespace kova::system_test {
+namespace {
+
+using namespace std::string_literals;
+
+constexpr char kFactoryPassword[] = "admin";
+constexpr char kNameKey[] = "users.1.name";
+constexpr char kHashKey[] = "users.1.password";
+
+/// A camera whose account is the factory's at the begin of each test.
+class AccountSystem : public UnharmedCamera {
+ protected:
+  void SetUp() override {
+    UnharmedCamera::SetUp();
+    const auto factory = camera().root() / "usr/share/factory/etc";
+    writeFile(systemCfg(camera()), readFile(factory / "system.cfg"));
+    writeFile(passwdFile(), readFile(factory / "passwd"));
+  }
+
+  static std::filesystem::path passwdFile() { return camera().root() / "etc/passwd"; }
+  static std::string passwd() { return readFile(passwdFile()); }
+  static std::string cfg() { return readFile(systemCfg(camera())); }
+  static std::string storedHash() { return settingIn(cfg(), kHashKey); }
+  static std::string accountHash() {
+    const std::string line = passwd();
+    const auto begin = line.find(':') + 1;
+    return line.substr(begin, line.find(':', begin) - begin);
+  }
+  static std::string lineOf(const std::string& user, const std::string& hash) {
+    return user + ":" + hash + ":0:0:Administrator:/etc/persistent:/bin/sh\n";
+  }
+  static Result changePassword(const std::string& from, const std::string& to,
+                               std::vector<std::string> more = {}) {
+    more.insert(more.begin(), {"user", "passwd", "--stdin"});
+    return camera().ctl(more, from + "\n" + to + "\n");
+  }
+  static int user(const char* what) { return camera().ctl({"user", what}).status; }
+  static std::string call(const std::string& function, std::vector<Entry> fields = {}) {
+    return BusClient(camera().busAddress()).call(request(function, std::move(fields)));
+  }
+  static std::string change(const std::string& user, const std::string& from,
+                            const std::string& to = "other") {
+    return call(
+        "ChangeUsernamePassword",
+        {{"username", bytes(user)}, {"passwordOld", bytes(from)}, {"passwordNew", bytes(to)}});
+  }
+};
+
+TEST_F(AccountSystem, ANewPasswordOpensTheLoginAndTheOldOneNoMore) {
+  const Result changed = changePassword(kFactoryPassword, "new pass:word");
+  ASSERT_EQ(changed.status, 0) << changed.err;
+  EXPECT_EQ(passwd(), lineOf("admin", accountHash()));
+  EXPECT_EQ(storedHash(), accountHash());
+  EXPECT_TRUE(canLogIn(camera(), "admin", "new pass:word"));
+  EXPECT_FALSE(canLogIn(camera(), "admin", kFactoryPassword));
+}
+
+TEST_F(AccountSystem, ALockedAccountIsRefusedUntilItIsEnabled) {
+  const std::string hash = storedHash();
+  ASSERT_EQ(user("disable"), 0);
+  EXPECT_EQ(storedHash(), "!" + hash);
+  EXPECT_EQ(accountHash(), "!" + hash);
+  EXPECT_FALSE(canLogIn(camera(), "admin", kFactoryPassword));
+  EXPECT_NE(changePassword(kFactoryPassword, "other").status, 0);
+
+  ASSERT_EQ(user("enable"), 0);
+  EXPECT_EQ(storedHash(), hash);
+  EXPECT_EQ(accountHash(), hash);
+  EXPECT_TRUE(canLogIn(camera(), "admin", kFactoryPassword));
+}
+
+TEST_F(AccountSystem, LockingAndUnlockingTwiceIsAsOnce) {
+  const std::string hash = storedHash();
+  EXPECT_EQ(user("disable"), 0);
+  EXPECT_EQ(user("disable"), 0);
+  EXPECT_EQ(storedHash(), "!" + hash);
+  EXPECT_EQ(accountHash(), "!" + hash);
+  EXPECT_EQ(user("enable"), 0);
+  EXPECT_EQ(user("enable"), 0);
+  EXPECT_EQ(storedHash(), hash);
+  EXPECT_EQ(accountHash(), hash);
+}
+
+TEST_F(AccountSystem, ANewNameLogsInWithTheSamePasswordUnderAFreshHash) {
+  const std::string hash = storedHash();
+  const Result changed = changePassword(kFactoryPassword, kFactoryPassword, {"--name", "operator"});
+  ASSERT_EQ(changed.status, 0) << changed.err;
+  EXPECT_EQ(settingIn(cfg(), kNameKey), "operator");
+  EXPECT_EQ(storedHash(), hash);
+  EXPECT_NE(accountHash(), hash);
+  EXPECT_EQ(passwd(), lineOf("operator", accountHash()));
+  EXPECT_EQ(camera().ctl({"user", "show"}).out, "operator\n");
+  EXPECT_TRUE(canLogIn(camera(), "operator", kFactoryPassword));
+}
+
+TEST_F(AccountSystem, WhatIsNotTheOldPasswordChangesNothing) {
+  const std::string before = cfg() + passwd();
+  const LogMark mark(camera());
+  for (const auto& [old, complaint] :
+       {std::pair{"wrong"s, ": Authentication failure for user admin"},
+        {std::string("admin\0", 6), ": Authentication failure for user admin"},
+        {"admin\n"s, ": Authentication failure for user admin"},
+        {""s, ": Old password empty"},
+        {std::string(65, 'a'), ": Old password too long"}}) {
+    const std::size_t told = mark.linesWith(complaint).size();
+    EXPECT_EQ(change("somebody", old), "status 1") << old;
+    EXPECT_TRUE(eventually([&] { return mark.linesWith(complaint).size() == told + 1; })) << old;
+  }
+  EXPECT_EQ(cfg() + passwd(), before);
+  EXPECT_EQ(change("admin", kFactoryPassword), "status 0");
+}
+
+TEST_F(AccountSystem, NoNameOrPasswordAddsALineOrAField) {
+  const std::string before = cfg() + passwd();
+  const LogMark mark(camera());
+  for (const auto& name : {"a\nroot::0:0::/:/bin/sh"s, "a:b"s, "a\0b"s, "../x"s, "; reboot"s,
+                           "$(touch /tmp/x)"s, "`reboot`"s, "\xff\xfe"s, ""s, " "s, "-a"s, "1a"s,
+                           "a=b"s, std::string(33, 'a'), std::string(1'000'000, 'a')}) {
+    EXPECT_EQ(change(name, kFactoryPassword), "status 1") << name.substr(0, 40);
+  }
+  EXPECT_TRUE(eventually([&] {
+    return mark.linesWith(": Failed to validate username").size() == 15;
+  })) << mark.text();
+  for (const auto& password : {""s, "a\0b"s, std::string(65, 'a'), std::string(1'000'000, 'a')}) {
+    EXPECT_EQ(change("admin", kFactoryPassword, password), "status 1") << password.substr(0, 40);
+  }
+  EXPECT_EQ(cfg() + passwd(), before);
+}
+
+TEST_F(AccountSystem, APasswordMayHoldAnythingButNul) {
+  std::string old = kFactoryPassword;
+  for (const auto& password :
+       {"$(reboot); `x`:\n'\""s, "\xff\xfe\x80"s, "p\xc3\xa4ss"s, std::string(64, '%')}) {
+    EXPECT_EQ(change("admin", old, password), "status 0") << password;
+    EXPECT_EQ(passwd(), lineOf("admin", accountHash()));
+    EXPECT_EQ(storedHash(), accountHash());
+    old = password;
+  }
+  EXPECT_EQ(change("admin", old, kFactoryPassword), "status 0");
+}
+
+/// `kovactl monitor` inside a camera, from when it sees the bus.
+class Monitor {
+ public:
+  explicit Monitor(const Camera& camera) : camera_(camera) {
+    pid_ = camera.shell("kovactl monitor >/run/monitor 2>&1 & echo $!").out;
+    // It listens once it shows what is asked meanwhile.
+    EXPECT_TRUE(eventually([&] {
+      return camera_.ctl({"user", "show"}).status == 0 && !shown().empty();
+    }));
+  }
+  ~Monitor() { camera_.shell("kill " + pid_); }
+  Monitor(const Monitor&) = delete;
+  Monitor& operator=(const Monitor&) = delete;
+
+  std::string shown() const { return readFile(camera_.root() / "run/monitor"); }
+
+ private:
+  const Camera& camera_;
+  std::string pid_;
+};
+
+TEST_F(AccountSystem, NoPasswordAndNoHashIsSeenAnywhere) {
+  const LogMark mark(camera());
+  const std::string factoryHash = storedHash();
+  const Monitor monitor(camera());
+  const Result wrong = changePassword("secret-wrong", "secret-new");
+  EXPECT_NE(wrong.status, 0);
+  const Result right = changePassword(kFactoryPassword, "secret-new");
+  EXPECT_EQ(right.status, 0) << right.err;
+  const std::string newHash = storedHash();
+  const Result renamed = changePassword("secret-new", "secret-last", {"--name", "operator"});
+  EXPECT_EQ(renamed.status, 0) << renamed.err;
+  user("disable");
+  user("enable");
+  EXPECT_TRUE(mark.waitFor("Authentication failure"));
+  EXPECT_TRUE(eventually(
+      [&] { return monitor.shown().find("EnableUsernamePassword") != std::string::npos; }));
+  EXPECT_GE(occurrences(monitor.shown(), "passwordNew"), 3U) << monitor.shown();
+
+  const std::string seen = mark.text() + monitor.shown() + camera().tools() + wrong.out +
+                           wrong.err + right.out + right.err + renamed.out + renamed.err;
+  for (const std::string& secret : {"secret-wrong"s, "secret-new"s, "secret-last"s, factoryHash,
+                                    newHash, storedHash(), accountHash(), "$6$"s}) {
+    EXPECT_EQ(seen.find(secret), std::string::npos) << secret;
+  }
+}
+
+/// Processor time that the control server spends on a number of requests, which must be refused.
+std::chrono::nanoseconds costOfRefusals(const Camera& camera, const Append& request) {
+  constexpr int kRequests = 21;
+  clockid_t clock{};
+  EXPECT_EQ(clock_getcpuclockid(controlServer(camera).pid(), &clock), 0);
+  const auto now = [clock] {
+    timespec time{};
+    EXPECT_EQ(clock_gettime(clock, &time), 0);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  };
+  BusClient client(camera.busAddress());
+  std::vector<std::chrono::nanoseconds> costs;
+  for (int i = 0; i < kRequests; ++i) {
+    const auto before = now();
+    EXPECT_EQ(client.call(request), "status 1");
+    costs.push_back(now() - before);
+  }
+  std::nth_element(costs.begin(), costs.begin() + kRequests / 2, costs.end());
+  return costs[kRequests / 2];
+}
+
+TEST_F(AccountSystem, AWrongPasswordCostsTheSameWhateverTheAccount) {
+  const auto attempt = [](const std::string& old) {
+    return costOfRefusals(camera(),
+                          request("ChangeUsernamePassword",
+                                  {{"username", text("admin")}, {"passwordOld", text(old)}}));
+  };
+  const auto different = attempt("wrong");
+  ASSERT_EQ(call("DisableUsernamePassword"), "status 0");
+  const auto locked = attempt("wrong");
+  writeFile(systemCfg(camera()), withSetting(cfg(), kNameKey, "nobody"));
+  const auto absent = attempt("wrong");
+  const auto unchecked = attempt("");
+
+  // Else the hash would be lost in what any request costs, and nothing be seen here.
+  EXPECT_GT(different, 2 * unchecked);
+  for (const auto other : {locked, absent}) {
+    EXPECT_GT(2 * other, different) << other.count() << " and " << different.count() << " ns";
+    EXPECT_LT(other, 2 * different) << other.count() << " and " << different.count() << " ns";
+  }
+}
+
+}  // namespace
+}  // namespace kova::system_test
