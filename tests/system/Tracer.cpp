@@ -86,14 +86,16 @@ bool mayTrace(pid_t pid) {
 }
 
 bool killAtCall(pid_t pid, unsigned number, const std::function<void()>& begin,
-                const std::function<bool()>& finished) {
+                const std::function<bool()>& finished, const std::function<bool()>& started) {
   check(ptrace(PTRACE_SEIZE, pid, 0, PTRACE_O_TRACESYSGOOD), "the process cannot be traced");
   check(ptrace(PTRACE_INTERRUPT, pid, 0, 0), "the process cannot be stopped");
   Stop stop(pid);
   begin();
+  bool counting = !started;
   unsigned counted = 0;
   while (!stop.ended) {
-    if (stop.atCall && isAtCountedCall(pid) && ++counted == number) {
+    counting = counting || started();
+    if (counting && stop.atCall && isAtCountedCall(pid) && ++counted == number) {
       kill(pid);
       return true;
     }

@@ -16,8 +16,10 @@ bool mayTrace(pid_t pid);
 ///
 /// @param begin    called once the process is stopped and watched
 /// @param finished asked again and again; once it is true the process is let go
+/// @param started  asked until it is true: calls before are not counted; none: all count
 /// @return whether the process was killed. Throws std::system_error when it cannot be watched.
 bool killAtCall(pid_t pid, unsigned number, const std::function<void()>& begin,
-                const std::function<bool()>& finished);
+                const std::function<bool()>& finished,
+                const std::function<bool()>& started = nullptr);
 
 }  // namespace kova::system_test
