@@ -88,15 +88,15 @@ bool checkClaim(const std::string& username, const std::string& passwordOld) {
 
 /// @param hash receives the account's present hash
 bool authenticate(const std::string& user, const std::string& password, std::string& hash) {
-  const bool known = utils::readUserHash(user, hash) == 0;
-  // Also without an account: a quick answer would tell that there is none.
-  bool matches = false;
-  const bool checked = utils::authenticatePassword(user, password, matches) == 0;
-  if (!known) {
+  if (utils::readUserHash(user, hash) != 0) {
+    // An answer quicker than that of an account would tell that there is none.
+    utils::generateHash(password.c_str(), utils::generateSalt());
     KOVA_LOG_IN(kChange, LOG_ERR, 0, "Failed to read password hash for username %s", user.c_str());
     return false;
   }
-  return (checked && matches) || failAuthentication(user);
+  bool matches = false;
+  return (utils::authenticatePassword(user, password, matches) == 0 && matches) ||
+         failAuthentication(user);
 }
 
 /// @param hash    receives a hash of the new password, with a salt of its own even when the
