@@ -1,0 +1,234 @@
+// What ends a task before its time: deadlines, size limits, and what goes wrong.
+
+#include <sys/resource.h>
+
+#include <csignal>
+
+#include "CurlFaults.h"
+#include "TransferServiceTest.h"
+
+namespace kova::engine {
+namespace {
+
+using TransferFailureTest = TransferServiceTest;
+using ::testing::ElementsAre;
+
+TEST_F(TransferFailureTest, AnUploadThatIsNeverReadyTimesOutWithoutARequest) {
+  RawServer server(answering(okResponse("")));
+  RecordingTask task(server.uri(), "");
+  task.setKind(false);
+  task.prepared = false;
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  passDeadline(task);
+  service().service(0);
+  EXPECT_EQ(task.outcome(), "failure 5 0");
+  EXPECT_FALSE(service().existsUri(task.uri()));
+  EXPECT_FALSE(service().existsName("task"));
+  EXPECT_THAT(logLines(), ElementsAre(timeout("preparing files for transfer", task)));
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST_F(TransferFailureTest, TheDeadlineItselfIsStillInTime) {
+  RecordingTask task("http://127.0.0.1:1/x", "");
+  task.setKind(false);
+  task.prepared = false;
+  ASSERT_TRUE(service().add(&task));
+  fakes::platform().nowMs += task.timeout();
+  service().service(0);
+  EXPECT_EQ(task.outcome(), "");
+  fakes::platform().nowMs += 1;
+  service().service(0);
+  EXPECT_EQ(task.outcome(), "failure 5 0");
+}
+
+TEST_F(TransferFailureTest, ATransferThatIsTooLateIsCancelledAndReportedOnce) {
+  RawServer server(silent);
+  RecordingTask task(server.uri(), path("file"));
+  ASSERT_TRUE(service().add(&task));
+  ASSERT_TRUE(turnUntil([&] { return server.requests().size() == 1; }));
+  passDeadline(task);
+  service().service(0);
+  service().service(0);
+  EXPECT_EQ(task.outcome(), "failure 5 0");
+  EXPECT_THAT(logLines(), ElementsAre(timeout("in transfer", task)));
+
+  // The engine has let go of the URI and the file.
+  RecordingTask next(server.uri(), path("file"));
+  ASSERT_TRUE(service().add(&next));
+  service().service(0);
+  EXPECT_TRUE(next.inTransfer());
+}
+
+TEST_F(TransferFailureTest, ATaskThatIsNeverDoneTimesOut) {
+  RawServer server(answering(okResponse("body")));
+  RecordingTask task(server.uri(), path("file"));
+  task.done = false;
+  ASSERT_TRUE(service().add(&task));
+  ASSERT_TRUE(turnUntil([&] { return task.count("success") > 0; }));
+  passDeadline(task);
+  service().service(0);
+  EXPECT_EQ(task.events.back(), "failure 5 0");
+  EXPECT_EQ(task.count("failure 5 0"), 1U);
+  EXPECT_FALSE(service().existsUri(task.uri()));
+  EXPECT_THAT(logLines(), ElementsAre(timeout("finalizing task", task)));
+}
+
+TEST_F(TransferFailureTest, AnAnnouncedSizeOverTheLimitStopsWithNothingWritten) {
+  RawServer server(answering(okResponse(noise(1001))));
+  RecordingTask task(server.uri(), path("file"));
+  task.setMaxSz(1000);
+  EXPECT_EQ(run(task), "failure 6 0");
+  EXPECT_THAT(logLines(), ElementsAre(failed(task, "TRANSFER_TOOLARGE(6)", 0)));
+  EXPECT_EQ(readFile(path("file")), "");
+}
+
+TEST_F(TransferFailureTest, AnAnnouncedSizeAtTheLimitPasses) {
+  RawServer server(answering(okResponse(noise(1000))));
+  RecordingTask task(server.uri(), path("file"));
+  task.setMaxSz(1000);
+  EXPECT_EQ(run(task), "success");
+  EXPECT_EQ(readFile(path("file")), noise(1000));
+}
+
+TEST_F(TransferFailureTest, AnUnknownSizeStopsAtTheFirstChunkBeyondTheLimit) {
+  const std::string body = noise(1'000'000);
+  RawServer server([&](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\n\r\n" + body);
+  });
+  RecordingTask task(server.uri(), path("file"));
+  task.setMaxSz(100'000);
+  EXPECT_EQ(run(task), "failure 6 0");
+  EXPECT_THAT(logLines(), ElementsAre(failed(task, "TRANSFER_TOOLARGE(6)", 0)));
+  const std::string written = readFile(path("file"));
+  EXPECT_GT(written.size(), 100'000U);
+  EXPECT_LE(written.size(), 100'000U + CURL_MAX_WRITE_SIZE);
+  EXPECT_TRUE(body.starts_with(written));
+}
+
+TEST_F(TransferFailureTest, AnUnknownSizeThatReachesTheLimitInOneChunkPasses) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\n\r\n" + noise(1000));
+  });
+  RecordingTask task(server.uri(), path("file"));
+  task.setMaxSz(1);
+  EXPECT_EQ(run(task), "success");
+  EXPECT_EQ(readFile(path("file")).size(), 1000U);
+}
+
+TEST_F(TransferFailureTest, ChunksOfATaskThatIsBeingLetGoAreDropped) {
+  RawServer server(silent);
+  RecordingTask task(server.uri(), path("file"));
+  task.setMaxSz(3);
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  unsigned char data[] = "data";
+  EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 4, -1));
+  EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 0, -1));
+  EXPECT_EQ(readFile(path("file")), "");
+  EXPECT_EQ(task.outcome(), "failure 6 0");
+  EXPECT_TRUE(service().existsUri(task.uri()));
+  EXPECT_FALSE(service().existsName("task"));
+  RecordingTask again(task.uri(), path("again"));
+  EXPECT_FALSE(service().add(&again));
+  service().service(0);
+  EXPECT_FALSE(service().existsUri(task.uri()));
+  EXPECT_EQ(task.outcome(), "failure 6 0");
+}
+
+TEST_F(TransferFailureTest, AFileThatCannotBeOpenedFailsTheTask) {
+  RecordingTask task("http://127.0.0.1:1/x", path("missing/file"));
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  EXPECT_EQ(task.outcome(), "failure 1 0");
+  EXPECT_FALSE(service().existsUri(task.uri()));
+  EXPECT_THAT(logLines(),
+              ElementsAre("4 TransferService.service: Failed to register transfer, task=task, "
+                          "uri=http://127.0.0.1:1/x"));
+}
+
+TEST_F(TransferFailureTest, AUriThatTheEngineRefusedStaysRefused) {
+  RawServer server(answering(okResponse("")));
+  const std::string file = write("file", "content");
+  RecordingTask task(server.uri(), file);
+  variant::Variant fields;
+  fields["number"] = 1;
+  task.setKind(false).setFormFields(fields);
+  EXPECT_EQ(run(task), "failure 1 0");
+  fakes::reset();
+
+  RecordingTask next(server.uri(), path("other"));
+  EXPECT_EQ(run(next), "failure 1 0");
+  EXPECT_THAT(logLines(),
+              ElementsAre("3 multihttp.RegisterRequest: File or URI already in progress, uri=" +
+                              server.uri() + ", path=" + path("other"),
+                          "4 TransferService.service: Failed to register transfer, task=task, "
+                          "uri=" +
+                              server.uri()));
+  RecordingTask samePath(server.uri("/new"), file);
+  samePath.setKind(false);
+  EXPECT_EQ(run(samePath), "failure 1 0");
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST_F(TransferFailureTest, AFullDiskFailsTheTask) {
+  RawServer server(answering(okResponse(noise(100'000))));
+  RecordingTask task(server.uri(), path("file"));
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit saved{};
+  getrlimit(RLIMIT_FSIZE, &saved);
+  const rlimit full{20'000, saved.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &full);
+  const bool ended = gone(task);
+  setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previous);
+
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(task.outcome(), "failure 2 200");
+  EXPECT_THAT(logLines(), ElementsAre(failed(task, "DISK_IO_FAILED(2)", 200)));
+}
+
+TEST_F(TransferFailureTest, ACancelThatFailsStillRemovesTheTask) {
+  RawServer server(silent);
+  RecordingTask task(server.uri(), path("file"));
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  passDeadline(task);
+  curlFaults().removeHandle = CURLM_BAD_EASY_HANDLE;
+  service().service(0);
+  EXPECT_FALSE(service().existsUri(task.uri()));
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(timeout("in transfer", task),
+                  "3 basehttp.CancelTransfer: curl_multi_remove_handle failed: 2 (Invalid easy "
+                  "handle)",
+                  "3 TransferService.cancelFinalize: Internal error cancelling transfer, uri=" +
+                      task.uri()));
+}
+
+TEST_F(TransferFailureTest, AnEngineThatFailsDoesNotKeepDeadlinesFromPassing) {
+  RecordingTask task("http://127.0.0.1:1/x", path("file"));
+  ASSERT_TRUE(service().add(&task));
+  passDeadline(task);
+  curlFaults().wait = CURLM_INTERNAL_ERROR;
+  EXPECT_FALSE(service().service(0));
+  EXPECT_EQ(task.outcome(), "failure 5 0");
+}
+
+TEST_F(TransferFailureTest, OneFailureLeavesOtherTasksAlone) {
+  RawServer server(answering(okResponse("body")));
+  RecordingTask good(server.uri(), path("good"));
+  RecordingTask bad("http://127.0.0.1:1/x", path("bad"));
+  ASSERT_TRUE(service().add(&good));
+  ASSERT_TRUE(service().add(&bad));
+  ASSERT_TRUE(gone(good) && gone(bad));
+  EXPECT_EQ(good.outcome(), "success");
+  EXPECT_EQ(bad.outcome(), "failure 1 0");
+}
+
+}  // namespace
+}  // namespace kova::engine

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "Engine.h"
+#include "RawServer.h"
+
+namespace kova::engine {
+
+class TransferServiceTest : public EngineTest {
+ protected:
+  /// Takes requests and never answers.
+  static void silent(Connection& connection) {
+    connection.readRequest();
+    connection.awaitClose();
+  }
+  bool gone(const RecordingTask& task) {
+    return turnUntil([&] { return !service().existsUri(task.uri()); });
+  }
+  static void passDeadline(const RecordingTask& task) {
+    fakes::platform().nowMs += task.timeout() + 1;
+  }
+  static std::string timeout(const std::string& phase, const RecordingTask& task) {
+    return "4 TransferService.service: Timeout " + phase + ", task=task, uri=" + task.uri();
+  }
+  static std::string failed(const RecordingTask& task, const std::string& reason, int httpCode) {
+    return "4 TransferService.cancel: Transfer task failed, name=task, uri=" + task.uri() +
+           ", reason=" + reason + ", httpCode=" + std::to_string(httpCode);
+  }
+};
+
+}  // namespace kova::engine
