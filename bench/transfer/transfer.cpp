@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -66,7 +65,7 @@ long memory(std::string_view field) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
     if (line.starts_with(field)) {
-      return std::atol(line.c_str() + field.size());
+      return std::stol(line.substr(field.size()));
     }
   }
   return 0;
