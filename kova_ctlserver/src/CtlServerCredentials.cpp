@@ -1,6 +1,5 @@
-#include <string.h>
-
 #include <cerrno>
+#include <cstring>
 
 #include "CtlServer.h"
 #include "kova/logger/Logger.h"

@@ -1,6 +1,6 @@
 #include <regex.h>
-#include <signal.h>
 
+#include <csignal>
 #include <memory>
 
 #include "CtlServer.h"

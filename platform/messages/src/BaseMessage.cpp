@@ -1,8 +1,9 @@
 #include "kova/messages/BaseMessage.h"
 
 #include <strings.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <ctime>
 
 #include "kova/utils/Clock.h"
 
@@ -93,8 +94,8 @@ Variant BaseMessage::Read(const Anything& field) {
 std::string BaseMessage::ReadChoice(std::string_view key, std::string_view fallback,
                                     Allowed allowed) {
   const Variant* value = Valid(key, VariantClass::String);
-  const std::string text(value != nullptr ? Canonical(value->ToText(), allowed)
-                                          : Canonical(std::string(fallback), allowed));
+  std::string text(value != nullptr ? Canonical(value->ToText(), allowed)
+                                    : Canonical(std::string(fallback), allowed));
   Store(key, text);
   return text;
 }

@@ -1,5 +1,5 @@
-#include <time.h>
-
+#include <cstdio>
+#include <ctime>
 #include <limits>
 #include <nlohmann/json.hpp>
 
