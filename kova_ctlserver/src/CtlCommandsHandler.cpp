@@ -1,5 +1,8 @@
 #include "CtlCommandsHandler.h"
 
+#include <algorithm>
+#include <limits>
+
 #include "CtlServer.h"
 #include "kova/logger/Logger.h"
 #include "kova/messages/Requests.h"
@@ -21,6 +24,12 @@ struct Outcome {
   bool succeeded;
   bool responseExpected;
 };
+
+/// Weeks at the longest, rather than a negative delay for what no int holds.
+int asDelay(std::uint32_t milliseconds) {
+  constexpr std::uint32_t kLongest = std::numeric_limits<int>::max();
+  return static_cast<int>(std::min(milliseconds, kLongest));
+}
 
 void logServiceAttempt(BaseRequestMessage& request, const char* verb, const std::string& service,
                        bool succeeded) {
@@ -71,7 +80,7 @@ const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
     {Reboot::kName, Answer::Never,
      [](Call& call) {
        return call.as<Reboot>([&](auto& message) {
-         return call.server.reboot(true, static_cast<int>(message.delayMs()), true);
+         return call.server.reboot(true, asDelay(message.delayMs()), true);
        });
      }},
     {ChangeDeviceSettings::kName, Answer::WhenExpected,

@@ -123,6 +123,12 @@ TEST_F(DispatchTest, RebootWaitsItsDelaySavesRebootsAndNeverReturns) {
                           "sleep 1000", "sleep 1000", "sleep 1000"));
 }
 
+TEST_F(DispatchTest, ADelayThatNoIntHoldsIsTheLongestRatherThanNone) {
+  platform().onSleep = [](int) { throw LeaveWait(); };
+  EXPECT_THROW(handle({{"functionName", "Reboot"}, {"delayMs", 4294967295U}}), LeaveWait);
+  EXPECT_THAT(platform().journal, ElementsAre("sleep 2147483647"));
+}
+
 TEST_F(DispatchTest, ServiceAttemptsAreLoggedWithWhoAndHowItWent) {
   platform().onService = [](const std::string&, const std::string& name) { return name == "sshd"; };
   EXPECT_TRUE(handle({{"functionName", "StartService"}, {"from", "manager"}, {"service", "sshd"}}));
