@@ -24,7 +24,7 @@ kova_packages() {
         printf '%s\n' clang-format-14 clang-format clang-tidy-14 clang-tidy shellcheck
         ;;
       bench)
-        printf '%s\n' rauc systemd nginx-light curl iproute2 strace
+        printf '%s\n' rauc systemd nginx-light curl iproute2 strace openssl util-linux
         ;;
       *)
         echo "no package group \"$group\"" >&2
