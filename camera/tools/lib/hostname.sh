@@ -10,7 +10,8 @@ host_name_of_camera() {
 apply_camera_name() {
   name=$(host_name_of_camera)
   name=${name:-camera}
-  echo "$name" >"/etc/hostname.$$"
-  mv -T "/etc/hostname.$$" /etc/hostname
+  # Not in /etc: whoever copies that at this moment must not find a file that is gone the next.
+  echo "$name" >"/run/hostname.$$"
+  mv -T "/run/hostname.$$" /etc/hostname
   if [ -e /run/private_hostname ]; then hostname "$name"; fi
 }
