@@ -24,25 +24,43 @@ using Filter = std::unique_ptr<void, FilterDeleter>;
 
 // What decoders, the C++ runtime and the C library use between opening a file and printing a line.
 constexpr int kAllowed[] = {
-    SCMP_SYS(brk),          SCMP_SYS(clock_gettime),
-    SCMP_SYS(close),        SCMP_SYS(exit),
-    SCMP_SYS(exit_group),   SCMP_SYS(fcntl),
-    SCMP_SYS(fstat),        SCMP_SYS(futex),
-    SCMP_SYS(getdents64),   SCMP_SYS(getegid),
-    SCMP_SYS(geteuid),      SCMP_SYS(getgid),
-    SCMP_SYS(getpid),       SCMP_SYS(getrandom),
-    SCMP_SYS(getrusage),    SCMP_SYS(gettid),
-    SCMP_SYS(gettimeofday), SCMP_SYS(getuid),
-    SCMP_SYS(lseek),        SCMP_SYS(madvise),
-    SCMP_SYS(mmap),         SCMP_SYS(mprotect),
-    SCMP_SYS(mremap),       SCMP_SYS(munmap),
-    SCMP_SYS(newfstatat),   SCMP_SYS(pread64),
-    SCMP_SYS(prlimit64),    SCMP_SYS(read),
-    SCMP_SYS(readv),        SCMP_SYS(restart_syscall),
-    SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask),
-    SCMP_SYS(rt_sigreturn), SCMP_SYS(sched_getaffinity),
-    SCMP_SYS(sched_yield),  SCMP_SYS(sigaltstack),
-    SCMP_SYS(statx),        SCMP_SYS(sysinfo),
+    SCMP_SYS(brk),
+    SCMP_SYS(clock_gettime),
+    SCMP_SYS(close),
+    SCMP_SYS(exit),
+    SCMP_SYS(exit_group),
+    SCMP_SYS(fcntl),
+    SCMP_SYS(fstat),
+    SCMP_SYS(futex),
+    SCMP_SYS(getdents64),
+    SCMP_SYS(getegid),
+    SCMP_SYS(geteuid),
+    SCMP_SYS(getgid),
+    SCMP_SYS(getpid),
+    SCMP_SYS(getrandom),
+    SCMP_SYS(getrusage),
+    SCMP_SYS(gettid),
+    SCMP_SYS(gettimeofday),
+    SCMP_SYS(getuid),
+    SCMP_SYS(lseek),
+    SCMP_SYS(madvise),
+    SCMP_SYS(mmap),
+    SCMP_SYS(mprotect),
+    SCMP_SYS(mremap),
+    SCMP_SYS(munmap),
+    SCMP_SYS(newfstatat),
+    SCMP_SYS(pread64),
+    SCMP_SYS(read),
+    SCMP_SYS(readv),
+    SCMP_SYS(restart_syscall),
+    SCMP_SYS(rt_sigaction),
+    SCMP_SYS(rt_sigprocmask),
+    SCMP_SYS(rt_sigreturn),
+    SCMP_SYS(sched_getaffinity),
+    SCMP_SYS(sched_yield),
+    SCMP_SYS(sigaltstack),
+    SCMP_SYS(statx),
+    SCMP_SYS(sysinfo),
     SCMP_SYS(uname),
 };
 
@@ -73,17 +91,21 @@ bool becomeNobody() {
          errno == EINVAL || errno == EPERM;
 }
 
-bool allowReadingAndPrinting(scmp_filter_ctx filter) {
+/// Files only for reading, standard output and error only for writing, the own limits only to look
+/// at.
+bool allowInPart(scmp_filter_ctx filter) {
   constexpr scmp_datum_t kChanging = O_ACCMODE | O_CREAT | O_TRUNC;
   return seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(openat), 1,
                           SCMP_A2(SCMP_CMP_MASKED_EQ, kChanging, O_RDONLY)) == 0 &&
          seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(write), 1,
-                          SCMP_A0(SCMP_CMP_LE, STDERR_FILENO)) == 0;
+                          SCMP_A0(SCMP_CMP_LE, STDERR_FILENO)) == 0 &&
+         seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(prlimit64), 2, SCMP_A0(SCMP_CMP_EQ, 0),
+                          SCMP_A2(SCMP_CMP_EQ, 0)) == 0;
 }
 
 bool installFilter() {
   const Filter filter(seccomp_init(SCMP_ACT_KILL_PROCESS));
-  if (filter == nullptr || !allowReadingAndPrinting(filter.get())) {
+  if (filter == nullptr || !allowInPart(filter.get())) {
     return false;
   }
   for (const int call : kAllowed) {

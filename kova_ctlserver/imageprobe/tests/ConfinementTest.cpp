@@ -1,0 +1,128 @@
+// What a decoder that was taken over can still do.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "ProbeRun.h"
+
+namespace kova::imageprobe {
+namespace {
+
+constexpr int kWorked = 0;
+constexpr int kRefused = 1;
+constexpr int kForbidden = 128 + SIGSYS;
+
+class ConfinementTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = testing::TempDir() + "/imageprobe.XXXXXX";
+    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+    // Whoever it is: only the confinement stands in the way.
+    ASSERT_EQ(chmod(folder_.c_str(), 0777), 0);
+    file_ = folder_ + "/file";
+    std::ofstream(file_) << "content";
+    ASSERT_EQ(chmod(file_.c_str(), 0666), 0);
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  Ended attempt(const std::string& act) const { return run({KOVA_CONFINED, act, file_}); }
+
+  /// Whether this user namespace has other users than its root (user_namespaces(7)).
+  static bool thereIsANobody() {
+    std::ifstream map("/proc/self/uid_map");
+    unsigned long inside = 0;
+    unsigned long outside = 0;
+    unsigned long count = 0;
+    map >> inside >> outside >> count;
+    return inside + count > 65534;
+  }
+
+  void expectUnchanged() const {
+    struct stat status {};
+    ASSERT_EQ(stat(file_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, 7);
+    EXPECT_EQ(status.st_mode & 0777U, 0666U);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_), {}), 1);
+  }
+
+  std::string folder_;
+  std::string file_;
+};
+
+TEST_F(ConfinementTest, ReadingFilesAndPrintingIsLeft) {
+  EXPECT_EQ(attempt("nothing").status, kWorked);
+  EXPECT_EQ(attempt("read").status, kWorked);
+}
+
+TEST_F(ConfinementTest, RootBecomesNobodyWhereThereIsANobody) {
+  const std::string who = std::to_string(geteuid() != 0 ? geteuid() : thereIsANobody() ? 65534 : 0);
+  const std::string group = std::to_string(geteuid() != 0     ? getegid()
+                                           : thereIsANobody() ? 65534
+                                                              : 0);
+  EXPECT_EQ(attempt("who-am-i").out, who + " " + who + " " + group + " " + group + "\n");
+}
+
+TEST_F(ConfinementTest, AnOrdinaryUserIsConfinedAsWell) {
+  if (geteuid() != 0 || !thereIsANobody()) {
+    GTEST_SKIP() << "there is no other user to become";
+  }
+  const auto asUser = [this](const char* act) {
+    return run({"/usr/bin/setpriv", "--reuid=1000", "--regid=1000", "--clear-groups", KOVA_CONFINED,
+                act, file_});
+  };
+  EXPECT_EQ(asUser("who-am-i").out, "1000 1000 1000 1000\n");
+  EXPECT_EQ(asUser("read").status, kWorked);
+  EXPECT_EQ(asUser("write").status, kForbidden);
+  EXPECT_EQ(asUser("socket").status, kRefused);
+  EXPECT_EQ(asUser("execute").status, kForbidden);
+}
+
+TEST_F(ConfinementTest, NoFileCanBeChanged) {
+  for (const char* act : {"write", "read-write", "create", "truncate-on-open", "truncate", "rename",
+                          "link", "mkdir", "chmod", "chown"}) {
+    EXPECT_EQ(attempt(act).status, kForbidden) << act;
+  }
+  EXPECT_EQ(attempt("unlink").status, kRefused);
+  expectUnchanged();
+}
+
+TEST_F(ConfinementTest, NothingOutsideCanBeReached) {
+  for (const char* act : {"socket", "local-socket"}) {
+    EXPECT_EQ(attempt(act).status, kRefused) << act;
+  }
+  for (const char* act : {"socket-pair", "kill", "trace", "other-descriptor", "mount", "unshare"}) {
+    EXPECT_EQ(attempt(act).status, kForbidden) << act;
+  }
+}
+
+TEST_F(ConfinementTest, NoOtherProgramProcessOrThreadCanBeStarted) {
+  EXPECT_EQ(attempt("execute").status, kForbidden);
+  EXPECT_EQ(attempt("fork").status, kRefused);
+  EXPECT_EQ(attempt("thread").status, kRefused);
+}
+
+TEST_F(ConfinementTest, NothingThatWasGivenUpCanBeHadAgain) {
+  EXPECT_EQ(attempt("become-root").status, kForbidden);
+  EXPECT_EQ(attempt("groups").status, kForbidden);
+  EXPECT_EQ(attempt("raise-limit").status, kForbidden);
+  EXPECT_EQ(attempt("look-at-limit").status, kWorked);
+}
+
+TEST_F(ConfinementTest, MemoryEndsAt256Mebibytes) {
+  EXPECT_EQ(attempt("memory").status, kRefused);
+}
+
+TEST_F(ConfinementTest, ProcessorTimeEndsAfterFiveSeconds) {
+  const Ended result = attempt("spin");
+  EXPECT_EQ(result.status, 128 + SIGKILL);
+  EXPECT_GE(result.cpuSeconds, 4.5);
+  EXPECT_LE(result.cpuSeconds, 6.5);
+}
+
+}  // namespace
+}  // namespace kova::imageprobe

@@ -1,0 +1,194 @@
+// Files that were made to harm: whatever they hold, the probe ends soon, stays small, and tells of
+// a picture only where there is one.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <random>
+
+#include "ProbeRun.h"
+
+namespace kova::imageprobe {
+namespace {
+
+constexpr double kProcessorSeconds = 6;     // the limit, and a second for its enforcement
+constexpr long kResidentKiB = 420L * 1024;  // 256 MiB of data, and the libraries
+// The figure includes what this process held when it started the probe (getrusage(2)).
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+struct Sample {
+  const char* format;
+  int type;
+};
+
+// Every format that the library writes by default, in each kind of pixel that it can hold.
+constexpr Sample kSamples[] = {
+    {".png", CV_8UC1},  {".png", CV_8UC3},   {".png", CV_8UC4},   {".png", CV_16UC1},
+    {".png", CV_16UC4}, {".jpg", CV_8UC1},   {".jpg", CV_8UC3},   {".bmp", CV_8UC1},
+    {".bmp", CV_8UC3},  {".bmp", CV_8UC4},   {".tiff", CV_8UC1},  {".tiff", CV_8UC3},
+    {".tiff", CV_8UC4}, {".tiff", CV_16UC1}, {".tiff", CV_32FC3}, {".webp", CV_8UC3},
+    {".webp", CV_8UC4}, {".jp2", CV_8UC3},   {".jp2", CV_16UC1},  {".pgm", CV_8UC1},
+    {".pgm", CV_16UC1}, {".ppm", CV_8UC3},   {".pbm", CV_8UC1},   {".pam", CV_8UC3},
+    {".sr", CV_8UC3},   {".hdr", CV_32FC3},  {".pfm", CV_32FC1}};
+
+class HostileTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = testing::TempDir() + "/imageprobe.XXXXXX";
+    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+    ASSERT_EQ(chmod(folder_.c_str(), 0755), 0);  // the probe reads as nobody
+    file_ = folder_ + "/file";
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  void write(const std::string& content) const {
+    std::ofstream(file_, std::ios::binary | std::ios::trunc) << content;
+  }
+
+  static std::string encode(const Sample& sample, int width = 64, int height = 48) {
+    cv::Mat image(height, width, sample.type);
+    cv::RNG(7).fill(image, cv::RNG::UNIFORM, 0, CV_MAT_DEPTH(sample.type) == CV_32F ? 1 : 255);
+    std::vector<unsigned char> bytes;
+    EXPECT_TRUE(cv::imencode(sample.format, image, bytes)) << sample.format;
+    return {bytes.begin(), bytes.end()};
+  }
+
+  /// What the probe says; "killed" when it was ended by a signal.
+  std::string bounded() const {
+    const Ended result = probe(file_);
+    EXPECT_LE(result.cpuSeconds, kProcessorSeconds);
+    if (!kSanitized) {
+      EXPECT_LE(result.residentKiB, kResidentKiB);
+    }
+    if (result.status > 128) {
+      return "killed";
+    }
+    EXPECT_EQ(result.status, 0);
+    return result.out;
+  }
+
+  /// The probe ends with what is true of these bytes, or is ended for trying.
+  void expectTrueOrKilled(const std::string& content) const {
+    write(content);
+    const std::string said = bounded();
+    if (said != "killed" && said != kEmptyLine) {
+      EXPECT_EQ(said, unconfined(file_));
+    }
+  }
+
+  std::string folder_;
+  std::string file_;
+};
+
+TEST_F(HostileTest, WhatTheLibraryDecodesTheProbeDecodesToo) {
+  for (const Sample& sample : kSamples) {
+    SCOPED_TRACE(std::string(sample.format) + " " + std::to_string(sample.type));
+    write(encode(sample));
+    const std::string expected = unconfined(file_);
+    EXPECT_THAT(expected, testing::EndsWith(" width=64 height=48\n")) << "it shows nothing";
+    EXPECT_EQ(bounded(), expected);
+  }
+}
+
+TEST_F(HostileTest, CutFilesEndWithTheTruthOrAKill) {
+  for (const Sample& sample : kSamples) {
+    const std::string good = encode(sample);
+    for (const double part : {0.03, 0.3, 0.97}) {
+      const auto length = static_cast<std::size_t>(static_cast<double>(good.size()) * part);
+      SCOPED_TRACE(std::string(sample.format) + " cut at " + std::to_string(length));
+      expectTrueOrKilled(good.substr(0, length));
+    }
+  }
+}
+
+TEST_F(HostileTest, FlippedBitsEndWithTheTruthOrAKill) {
+  std::mt19937 random(20'001);
+  for (const Sample& sample : kSamples) {
+    const std::string good = encode(sample);
+    for (int round = 0; round < 4; ++round) {
+      std::string bad = good;
+      for (int flip = 0; flip < 1 << round; ++flip) {
+        // Mostly the headers: that is where sizes and offsets are.
+        const std::size_t at =
+            random() % (flip % 2 == 0 ? std::min<std::size_t>(64, bad.size()) : bad.size());
+        bad[at] = static_cast<char>(bad[at] ^ (1 << random() % 8));
+      }
+      SCOPED_TRACE(std::string(sample.format) + " round " + std::to_string(round));
+      expectTrueOrKilled(bad);
+    }
+  }
+}
+
+TEST_F(HostileTest, NoiseBehindTheSignatureOfAFormatIsNoPicture) {
+  using namespace std::string_literals;
+  std::mt19937 random(20'002);
+  for (const std::string& magic :
+       {"\x89PNG\r\n\x1a\n"s, "\xff\xd8\xff\xe0"s, "BM"s, "II*\0"s, "MM\0*"s,
+        "RIFF\0\1\0\0WEBPVP8 "s, "GIF89a"s, "\0\0\0\x0cjP  \r\n\x87\n"s, "\xff\x4f\xff\x51"s,
+        "P5\n"s, "P6\n"s, "P7\n"s, "\x59\xa6\x6a\x95"s, "#?RADIANCE\n"s, "Pf\n"s, "v/1\1"s,
+        "DICM"s}) {
+    for (const std::size_t length : {8U, 300U, 70'000U}) {
+      std::string content = magic;
+      for (std::size_t i = 0; i < length; ++i) {
+        content.push_back(static_cast<char>(random()));
+      }
+      write(content);
+      const std::string said = bounded();
+      EXPECT_TRUE(said == kEmptyLine || said == "killed") << testing::PrintToString(magic) << said;
+    }
+  }
+}
+
+TEST_F(HostileTest, PicturesThatGrowBeyondTheMemoryAreNoPictures) {
+  std::vector<unsigned char> bytes;
+  ASSERT_TRUE(cv::imencode(".png", cv::Mat::zeros(17'000, 17'000, CV_8UC1), bytes));
+  write({bytes.begin(), bytes.end()});
+  const std::string said = bounded();
+  EXPECT_TRUE(said == kEmptyLine || said == "killed") << said;
+}
+
+TEST_F(HostileTest, PicturesOfManyMegabytesFromAFewKilobytesEndInTime) {
+  for (const char* format : {".png", ".webp", ".jpg", ".tiff"}) {
+    std::vector<unsigned char> bytes;
+    ASSERT_TRUE(cv::imencode(format, cv::Mat::zeros(12'000, 12'000, CV_8UC1), bytes));
+    write({bytes.begin(), bytes.end()});
+    const std::string said = bounded();
+    EXPECT_TRUE(said == greyLine(12'000, 12'000) || said == kEmptyLine || said == "killed") << said;
+  }
+}
+
+TEST_F(HostileTest, HeadersThatPromiseWhatTheFileDoesNotHoldEndInTime) {
+  for (const std::string& header :
+       {std::string("P5\n2000000000 2000000000\n255\n"), std::string("P6\n30000 30000\n65535\n"),
+        std::string("P5\n-1 -1\n255\n"),
+        std::string("P7\nWIDTH 40000\nHEIGHT 40000\nDEPTH 4\nMAXVAL 255\nENDHDR\n"),
+        std::string("Pf\n40000 40000\n-1.0\n")}) {
+    write(header + "few bytes");
+    const std::string said = bounded();
+    EXPECT_TRUE(said == kEmptyLine || said == "killed") << header << said;
+  }
+  // A BMP file whose height says 30,000.
+  std::string bitmap = encode({".bmp", CV_8UC3});
+  bitmap.replace(22, 4, std::string("\x30\x75\0\0", 4));
+  expectTrueOrKilled(bitmap);
+}
+
+TEST_F(HostileTest, WhatIsNoRegularFileIsNoPicture) {
+  for (const char* path : {"/dev/null", "/proc/self/mem", "/", "/dev/full"}) {
+    const Ended result = probe(path);
+    EXPECT_TRUE(result.status > 128 || result.out == kEmptyLine) << path << " " << result.out;
+  }
+}
+
+}  // namespace
+}  // namespace kova::imageprobe

@@ -1,0 +1,118 @@
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "../Confinement.h"
+
+/// Gives up its privileges as the probe does and then tries one thing:
+///
+///   confined ACT PATH
+///
+/// Exit status 0 when that worked, 1 when it was refused, 2 for wrong usage, 3 when the process
+/// could not be confined; death by SIGSYS where it is not even to be tried.
+namespace {
+
+using Act = bool (*)(const char* path);
+
+bool opens(const char* path, int flags) {
+  return open(path, flags, 0644) >= 0;
+}
+
+const std::map<std::string, Act> kActs = {
+    {"nothing", [](const char*) { return true; }},
+    {"read", [](const char* path) { return opens(path, O_RDONLY); }},
+    {"who-am-i",
+     [](const char*) {
+       std::printf("%u %u %u %u\n", getuid(), geteuid(), getgid(), getegid());
+       return std::fflush(stdout) == 0;
+     }},
+    {"write", [](const char* path) { return opens(path, O_WRONLY); }},
+    {"read-write", [](const char* path) { return opens(path, O_RDWR); }},
+    {"create",
+     [](const char* path) {
+       return opens((std::string(path) + ".new").c_str(), O_RDONLY | O_CREAT);
+     }},
+    {"truncate-on-open", [](const char* path) { return opens(path, O_RDONLY | O_TRUNC); }},
+    {"truncate", [](const char* path) { return truncate(path, 0) == 0; }},
+    {"unlink", [](const char* path) { return unlink(path) == 0; }},
+    {"rename", [](const char* path) { return rename(path, "/tmp/renamed") == 0; }},
+    {"link", [](const char* path) { return symlink(path, "/tmp/linked") == 0; }},
+    {"mkdir",
+     [](const char* path) { return mkdir((std::string(path) + ".d").c_str(), 0755) == 0; }},
+    {"chmod", [](const char* path) { return chmod(path, 0777) == 0; }},
+    {"chown", [](const char* path) { return chown(path, 1, 1) == 0; }},
+    {"socket", [](const char*) { return socket(AF_INET, SOCK_STREAM, 0) >= 0; }},
+    {"local-socket", [](const char*) { return socket(AF_UNIX, SOCK_STREAM, 0) >= 0; }},
+    {"socket-pair",
+     [](const char*) {
+       int ends[2];
+       return socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0;
+     }},
+    {"fork", [](const char*) { return fork() >= 0; }},
+    {"thread",
+     [](const char*) {
+       return syscall(SYS_clone, CLONE_VM | CLONE_THREAD | CLONE_SIGHAND, nullptr) >= 0;
+     }},
+    {"execute",
+     [](const char*) { return execl("/bin/true", "true", static_cast<char*>(nullptr)) == 0; }},
+    {"kill", [](const char*) { return kill(getppid(), 0) == 0; }},
+    {"trace", [](const char*) { return ptrace(PTRACE_TRACEME, 0, 0, 0) == 0; }},
+    {"groups", [](const char*) { return getgroups(0, nullptr) >= 0; }},
+    {"become-root", [](const char*) { return setresuid(0, 0, 0) == 0; }},
+    {"mount", [](const char*) { return mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) == 0; }},
+    {"unshare", [](const char*) { return unshare(CLONE_NEWUSER) == 0; }},
+    {"other-descriptor", [](const char*) { return write(3, "x", 1) == 1; }},
+    {"raise-limit",
+     [](const char*) {
+       const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+       return setrlimit(RLIMIT_FSIZE, &none) == 0;
+     }},
+    {"look-at-limit",
+     [](const char*) {
+       rlimit present{};
+       return getrlimit(RLIMIT_FSIZE, &present) == 0 && present.rlim_max == 0;
+     }},
+    {"memory",
+     [](const char*) {
+       return mmap(nullptr, 260UL << 20U, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1,
+                   0) != MAP_FAILED;
+     }},
+    {"spin",
+     [](const char*) -> bool {
+       for (volatile unsigned turns = 0;;) {
+         turns = turns + 1;
+       }
+     }},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto act = argc == 3 ? kActs.find(argv[1]) : kActs.end();
+  if (act == kActs.end()) {
+    return 2;
+  }
+  // Descriptor 3 is what a careless parent might have left open.
+  if (dup2(STDOUT_FILENO, 3) != 3) {
+    return 2;
+  }
+  if (!kova::imageprobe::confine()) {
+    return 3;
+  }
+  return act->second(argv[2]) ? 0 : 1;
+}
