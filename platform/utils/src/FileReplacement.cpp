@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "kova/utils/UniqueFd.h"
 #include "kova/utils/Strings.h"
+#include "kova/utils/UniqueFd.h"
 
 namespace kova::utils::internal {
 namespace {

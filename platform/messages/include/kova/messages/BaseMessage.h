@@ -91,7 +91,8 @@ class BaseMessage : public variant::BaseVariantContainer {
   /// Repairs every field of a schema, in its order.
   template <typename... Field>
   void NormalizeSchema(const std::tuple<Field...>& schema) {
-    std::apply([this](const auto&... field) { (static_cast<void>(this->Read(field)), ...); }, schema);
+    std::apply([this](const auto&... field) { (static_cast<void>(this->Read(field)), ...); },
+               schema);
   }
 
  private:
