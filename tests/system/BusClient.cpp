@@ -202,8 +202,7 @@ int BusClient::onAnswer(sd_bus_message* answer, void* client, sd_bus_error*) {
 
 void BusClient::pump(unsigned timeoutMs) {
   int handled = 0;
-  int result = 0;
-  while ((result = check(sd_bus_process(bus_.get(), nullptr), "the connection is lost")) > 0) {
+  while (check(sd_bus_process(bus_.get(), nullptr), "the connection is lost") > 0) {
     ++handled;
   }
   if (handled == 0 && timeoutMs > 0) {

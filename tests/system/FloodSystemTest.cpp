@@ -16,14 +16,14 @@ using std::chrono::milliseconds;
 constexpr int kClients = 64;
 constexpr int kCallsEach = 150;
 
-// Sanitized programs run several times slower, keep freed memory for a while, and look for leaks
-// at their end.
+// Sanitized programs are several times slower and look for leaks at their end; of what was freed
+// they keep 256 MiB.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr milliseconds kLongestEnd(1000);
-constexpr std::size_t kMostGrowthKiB = 384 * 1024;
+constexpr std::size_t kMostGrowthKiB = 393'216;
 #else
 constexpr milliseconds kLongestEnd(100);
-constexpr std::size_t kMostGrowthKiB = 16 * 1024;
+constexpr std::size_t kMostGrowthKiB = 16'384;
 #endif
 
 using Clients = std::vector<std::unique_ptr<BusClient>>;
@@ -83,7 +83,7 @@ bool pumpUntilAllAreAnswered(const Clients& clients) {
 
 const Append& aLargeRequest() {
   static const Append body =
-      request("GetSystemStats", {{"unknown", text(std::string(16 * 1024, 'x'))}});
+      request("GetSystemStats", {{"unknown", text(std::string(16'384, 'x'))}});
   return body;
 }
 
@@ -126,7 +126,7 @@ class LastingFlood {
     if (thread_.joinable()) {
       thread_.join();
       EXPECT_EQ(failure_, "");
-      EXPECT_TRUE(failure_ != "" || pumpUntilAllAreAnswered(clients_));
+      EXPECT_TRUE(!failure_.empty() || pumpUntilAllAreAnswered(clients_));
     }
     return outcomes(clients_);
   }
