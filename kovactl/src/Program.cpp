@@ -69,7 +69,7 @@ void Program::AddCommands() {
 
 std::string Program::Complaint(const CLI::ParseError& error) const {
   const auto rest = app_.remaining(true);
-  const std::string text = error.what();
+  std::string text = error.what();
   if (error.get_name() != "RequiredError" || text.find("subcommand") == std::string::npos) {
     return text;
   }
