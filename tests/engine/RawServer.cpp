@@ -64,7 +64,11 @@ bool Connection::readHead() {
 }
 
 bool Connection::readRequest() {
-  const bool whole = readHead() && ReadBody();
+  return readHead() && readBody();
+}
+
+bool Connection::readBody() {
+  const bool whole = ReadBody();
   if (whole) {
     server_.Note(request_);
   }

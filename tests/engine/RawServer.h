@@ -35,6 +35,8 @@ class Connection {
   bool readRequest();
   /// Reads a head only, and leaves what follows unread.
   bool readHead();
+  /// Reads what follows the head that was read: the whole request is then in the server's log.
+  bool readBody();
   const RawRequest& request() const { return request_; }
   void send(std::string_view bytes);
   /// Sends `bytes` one at a time, `milliseconds` apart, until done or the peer has gone.
