@@ -11,7 +11,8 @@ namespace {
 constexpr unsigned kTransfers = 300;  // the environment variable KOVA_SOAK sets another number
 constexpr unsigned kWarmUp = 60;
 constexpr unsigned kStallMs = 300;
-// What the allocator and the caches of the libraries may take, which does not grow with the count.
+// What is in use stays the same (malloc_stats(3)), but large buffers come to touch more and more of
+// the pages that the allocator holds: a leak shows itself from a KiB a transfer on.
 constexpr std::size_t kGrowthKiB = 1024;
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kMemoryIsTelling = false;  // what was freed is kept for a while
@@ -229,7 +230,7 @@ TEST_F(SoakSystem, ManyMixedTransfersHaveTheirEventsAndLeaveNothingBehind) {
   EXPECT_TRUE(eventually([&] { return children(server) == 0; }));
   EXPECT_THAT(temporaries(), testing::UnorderedElementsAreArray(files));
   if (kMemoryIsTelling) {
-    EXPECT_LE(server.residentKiB(), resident + kGrowthKiB);
+    EXPECT_LE(server.residentKiB(), resident + kGrowthKiB + wanted());
   }
   RecordProperty("transfers", static_cast<int>(round_ * std::size(kLanes)));
   RecordProperty("grownKiB", static_cast<int>(server.residentKiB()) - static_cast<int>(resident));
