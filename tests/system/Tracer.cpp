@@ -19,13 +19,17 @@ using CallInfo = __ptrace_syscall_info;
 // Everything that is not here counts, so that a call nobody thought of is not left out.
 constexpr std::array kHarmless = {
     // What the idle loop does, and waiting.
-    SYS_recvmsg, SYS_ppoll, SYS_poll, SYS_clock_nanosleep, SYS_clock_gettime, SYS_pread64,
+    SYS_recvmsg, SYS_ppoll, SYS_clock_nanosleep, SYS_clock_gettime, SYS_pread64,
     SYS_restart_syscall, SYS_wait4, SYS_gettid, SYS_getpid,
     // Looking.
     SYS_read, SYS_lseek, SYS_fstat, SYS_newfstatat, SYS_readlinkat, SYS_getdents64, SYS_prlimit64,
     SYS_getrandom, SYS_ioctl, SYS_close,
+// Older calls, which younger processors do without.
 #ifdef SYS_readlink
     SYS_readlink,
+#endif
+#ifdef SYS_poll
+    SYS_poll,
 #endif
     // The process' own memory and signals.
     SYS_brk, SYS_mmap, SYS_munmap, SYS_mprotect, SYS_mremap, SYS_madvise, SYS_rt_sigprocmask};
