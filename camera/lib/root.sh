@@ -55,9 +55,12 @@ place_flash() {
 }
 
 install_skeleton() {
+  local packaging=$CAMERA_HOME/../packaging
   cp -a "$CAMERA_HOME/rootfs/sbin/." "$root/sbin/"
   cp -a "$CAMERA_HOME/rootfs/usr/." "$root/usr/"
-  cp "$CAMERA_HOME/../packaging/dbus/kova-bus.conf" "$root/usr/share/kova/kova-bus.conf"
+  # The services of the packages are the camera's.
+  cp "$packaging/dbus/kova-bus.conf" "$packaging"/runit/service* "$root/usr/share/kova/"
+  cp "$packaging/kova_tidy" "$root/usr/libexec/"
 }
 
 install_tools() {
@@ -74,28 +77,25 @@ install_info() {
   if [ -e "$kept" ]; then cp "$kept" "$root/usr/share/kova/camera_info.json"; fi
 }
 
-# The factory's /etc: the skeleton with the model's name, and each service with its log and its notice of an end.
+# The factory's /etc: the skeleton and the services, with the model's name.
 install_factory_default() {
   local factory=$root/usr/share/factory/etc name service
   cp -a "$CAMERA_HOME/rootfs/etc" "$root/usr/share/factory/"
+  cp -a "$CAMERA_HOME"/../packaging/runit/kova_* "$factory/sv/"
   name=$(sed -nE 's/.*"name"[[:space:]]*:[[:space:]]*"([^"\\]*)".*/\1/p' "$root/usr/share/kova/camera_info.json")
   printf 'resolv.host.1.name=%s\n' "${name%%$'\n'*}" >>"$factory/system.cfg"
   mkdir -p "$factory/service" "$factory/persistent"
   for service in "$factory"/sv/*; do
-    complete_service "$service"
+    keep_state_in_ram "$service"
     ln -s "../sv/${service##*/}" "$factory/service/${service##*/}"
   done
 }
 
 # runsv(8) keeps its state in "supervise": that belongs into RAM, not into a configuration that is saved.
-complete_service() {
+keep_state_in_ram() {
   local name=${1##*/}
   ln -s "/run/sv/$name" "$1/supervise"
-  ln -s /usr/share/kova/service_finish "$1/finish"
-  [ "$name" != syslogd ] || return 0
-  mkdir "$1/log"
-  ln -s /usr/share/kova/service_log "$1/log/run"
-  ln -s "/run/sv/$name.log" "$1/log/supervise"
+  if [ -d "$1/log" ]; then ln -s "/run/sv/$name.log" "$1/log/supervise"; fi
 }
 
 install_applets() {

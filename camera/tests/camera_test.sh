@@ -162,6 +162,43 @@ supervises_services() {
   expect "after the bus died the daemon serves again" eventually cam wait "$one"
 }
 
+daemon_pid() { inside grep . /run/sv/kova_ctlserver/pid; }
+is_back() {
+  local pid
+  pid=$(daemon_pid) && [ "$pid" != "$1" ] && cam wait "$one"
+}
+
+# end_daemon SIGNAL: ends it, and waits until it serves again.
+end_daemon() {
+  local before
+  before=$(daemon_pid)
+  inside kill "-$1" "$before"
+  eventually is_back "$before"
+}
+
+clears_away_what_earlier_runs_left() {
+  local random=0123456789abcdef number
+  inside touch "/etc/.kova-$random" "/etc/persistent/.kova-$random" "/tmp/.kova-$random" /etc/localtime.new.77 \
+    /etc/.kova-other
+  inside ln /etc/localtime /etc/localtime.old.77
+  for number in {11..21}; do
+    inside touch -d "2020-01-$number 00:00" "/var/log/kova_crash.90$number"
+  done
+  expect "a killed daemon comes back" end_daemon KILL
+  expect_not "the files that it was writing are gone" inside sh -c \
+    "ls -d /etc/.kova-$random /etc/persistent/.kova-$random /tmp/.kova-$random /etc/localtime.*"
+  expect "and no other" inside test -e /etc/.kova-other -a -L /etc/localtime
+  inside rm /etc/.kova-other
+  expect "eight crash reports are kept" test "$(inside ls /var/log | grep -c kova_crash)" -eq 8
+  expect "the newest" inside test -e /var/log/kova_crash.9014 -a -e /var/log/kova_crash.9021
+  local crashed
+  crashed=$(daemon_pid)
+  expect "a crashed daemon comes back" end_daemon SEGV
+  expect "its report stands among the eight" inside grep -q "Crashed by signal 11" "/var/log/kova_crash.$crashed"
+  expect "in place of the oldest" test "$(inside ls /var/log | grep -c kova_crash)" -eq 8
+  inside sh -c 'rm /var/log/kova_crash.*'
+}
+
 # try_login PASSWORD: whether BusyBox' login lets the administrator in. It wants a terminal, and throws away what was
 # typed before it asked.
 try_login() {
@@ -255,6 +292,7 @@ main() {
   leaves_the_host_alone
   passes_commands_on
   supervises_services
+  clears_away_what_earlier_runs_left
   keeps_what_is_saved
   resets_to_the_factory
   misbehaves_on_demand

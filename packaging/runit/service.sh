@@ -1,3 +1,4 @@
+# shellcheck shell=sh
 # What the run scripts of the services share. runsv(8) starts them in /etc/sv/NAME.
 
 service=${PWD##*/}
@@ -17,6 +18,8 @@ wait_for_socket() {
 }
 
 begin() {
+  # Whoever started the supervisor may have had another; the picture decoder reads what was downloaded as nobody.
+  umask 022
   wait_for_socket /dev/log
   logger -t "$service" -p local0.info "service started"
 }
