@@ -1,4 +1,4 @@
-# The three kinds of target of this project, each declared in one call.
+# The kinds of target of this project, each declared in one call.
 
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
 #
@@ -14,8 +14,8 @@ endfunction()
 # kova_test(<name> SOURCES <file>... [DEPENDS <target>...] [LABELS <label>...] [TIMEOUT <seconds>]
 #           [PRIVATE_ROOT])
 #
-# A GoogleTest program, run by ctest as one test. With PRIVATE_ROOT it is run through tests/private-root,
-# and refuses to run without.
+# A GoogleTest program, run by ctest as one test; under the emulator, when compiled for another processor.
+# With PRIVATE_ROOT it is run through tests/private-root, and refuses to run without.
 function(kova_test name)
   cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT" "SOURCES;DEPENDS;LABELS" ${ARGN})
   if(NOT BUILD_TESTING)
@@ -37,8 +37,27 @@ function(kova_test name)
   if(NOT ARG_LABELS)
     set(ARG_LABELS unit)
   endif()
-  add_test(NAME ${name} COMMAND ${launcher} $<TARGET_FILE:${name}>)
+  add_test(NAME ${name}
+           COMMAND ${launcher} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()
+
+# kova_command(<variable> <target>)
+#
+# What a test runs to run the program <target>: itself or, when it is compiled for another processor, a
+# script of its name that runs it under the emulator.
+function(kova_command variable target)
+  if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
+    set(${variable} $<TARGET_FILE:${target}> PARENT_SCOPE)
+    return()
+  endif()
+  set(script ${PROJECT_BINARY_DIR}/emulated/${target})
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "' '" words)
+  file(GENERATE OUTPUT ${script}
+    CONTENT "#!/bin/sh\nexec '${words}' '$<TARGET_FILE:${target}>' \"$@\"\n"
+    FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                     WORLD_READ WORLD_EXECUTE)
+  set(${variable} ${script} PARENT_SCOPE)
 endfunction()
 
 # kova_fuzzer(<name> SOURCES <file>... [DEPENDS <target>...])
