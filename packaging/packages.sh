@@ -17,6 +17,9 @@ kova_packages() {
       tests)
         printf '%s\n' libgtest-dev libgmock-dev openssl curl strace
         ;;
+      arm64)
+        printf '%s\n' g++-aarch64-linux-gnu qemu-user-static
+        ;;
       fuzz)
         printf '%s\n' clang-14 libclang-rt-14-dev
         ;;

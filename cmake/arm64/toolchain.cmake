@@ -1,0 +1,29 @@
+# Cross-compiling for 64-bit ARM with Debian's compiler, against the sysroot that cmake/arm64/sysroot makes. Another
+# sysroot of the same layout is named by KOVA_SYSROOT; an SDK that brings its own toolchain file needs nothing of this.
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+
+set(KOVA_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../../build/arm64-sysroot"
+    CACHE PATH "Libraries and headers of the board")
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KOVA_SYSROOT)
+file(REAL_PATH "${KOVA_SYSROOT}" CMAKE_SYSROOT)
+if(NOT EXISTS "${CMAKE_SYSROOT}/usr/include")
+  message(FATAL_ERROR "No sysroot in ${CMAKE_SYSROOT}: \"./dev build arm64\" makes it, or KOVA_SYSROOT names another")
+endif()
+
+# Programs are this machine's, all else is the board's.
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
+set(ENV{PKG_CONFIG_LIBDIR}
+    "${CMAKE_SYSROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig")
+
+# Tests run under user-mode QEMU.
+find_program(KOVA_QEMU qemu-aarch64-static)
+if(KOVA_QEMU)
+  set(CMAKE_CROSSCOMPILING_EMULATOR "${KOVA_QEMU};-L;${CMAKE_SYSROOT}")
+endif()
