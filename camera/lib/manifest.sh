@@ -11,7 +11,7 @@ readonly RUNTIME_LIBRARIES=(libgcc_s.so.1)
 busybox_path() { readlink -f "$(command -v busybox || echo /nonexistent/busybox)"; }
 
 # built_program NAME: prints the path of a program of this project, nothing when it is not built.
-built_program() { find "$build" -maxdepth 4 -name "$1" -type f -perm -u+x -print -quit; }
+built_program() { find "$build" -maxdepth 4 -name "$1" -type f -perm -u+x -not -path '*/emulated/*' -print -quit; }
 
 # list_programs: prints "source<TAB>path in the camera" of every program.
 list_programs() {
@@ -34,17 +34,22 @@ list_built_programs() {
   for name in kova_ctlserver kovactl; do
     path=$(built_program "$name")
     [ -n "$path" ] || die "$name is not built in \"$build\" (./dev build; KOVA_BUILD names the folder)"
-    printf '%s\t/usr/bin/%s\n' "$path" "$name"
+    list_built_program "$path" "/usr/bin/$name"
   done
   path=$(built_program kova_imageprobe)
-  [ -z "$path" ] || printf '%s\t/usr/libexec/kova_imageprobe\n' "$path"
+  [ -z "$path" ] || list_built_program "$path" /usr/libexec/kova_imageprobe
+}
+
+list_built_program() {
+  if is_emulated; then list_emulated_program "$@"; else printf '%s\t%s\n' "$@"; fi
 }
 
 # list_libraries PROGRAM...: prints "source<TAB>path" of the shared libraries and the loader that they need.
 list_libraries() {
   local path name
   {
-    ldd "$@" 2>/dev/null | sed -nE 's,^[[:space:]]*(.* => )?(/[^ ]+) \(0x.*,\2,p'
+    { ldd "$@" 2>/dev/null || true; } | # some need none: scripts, static programs, those of another processor
+      sed -nE 's,^[[:space:]]*(.* => )?(/[^ ]+) \(0x.*,\2,p'
     for name in "${RUNTIME_LIBRARIES[@]}"; do
       ldconfig_path "$name"
     done
@@ -58,11 +63,13 @@ ldconfig_path() { PATH=$PATH:/sbin:/usr/sbin ldconfig -p | sed -n "s,^[[:space:]
 # write_manifest: stores the list of the camera's foreign files.
 write_manifest() {
   local programs paths
+  if is_emulated; then check_emulator; fi
   programs=$(list_programs)
   mapfile -t paths < <(cut -f 1 <<<"$programs")
   {
     printf '%s\n' "$programs"
     list_libraries "${paths[@]}"
+    if is_emulated; then list_emulated_libraries "${paths[@]}"; fi
     printf '/usr/share/zoneinfo\t/usr/share/zoneinfo\n'
   } | write_atomically "$manifest"
 }

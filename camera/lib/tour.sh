@@ -139,8 +139,10 @@ boot=1
 
 start_manager() {
   make_certificates
-  local tls=$work/tls
-  "$(find "$KOVA_BUILD" -maxdepth 4 -name kova_manager -type f -print -quit)" "$tls/manager.crt" "$tls/manager.key" \
+  local tls=$work/tls command
+  command=("$(find "$KOVA_BUILD" -maxdepth 4 -name kova_manager -type f -print -quit)")
+  if is_emulated; then command=("$KOVA_CAMERA_EMULATOR" -L "$KOVA_CAMERA_SYSROOT" "${command[@]}"); fi
+  "${command[@]}" "$tls/manager.crt" "$tls/manager.key" \
     "$tls/ca.crt" "$served" "$received" "$work/port" >"$work/manager.log" 2>&1 &
   manager=$!
   eventually test -s "$work/port"
