@@ -31,9 +31,11 @@ std::unique_ptr<httplib::Server> makeServer(const TlsSetup& tls) {
 WebServer::WebServer(const TlsSetup& tls)
     : server_(makeServer(tls)), scheme_(tls.identity == nullptr ? "http" : "https") {
   server_->set_keep_alive_max_count(1);
-  server_->set_logger([this](const httplib::Request& request, const httplib::Response&) {
+  // The server's own log comes after the answer: the client may have asked for the list by then.
+  server_->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
     const std::lock_guard lock(mutex_);
     requests_.push_back(request.method + " " + request.path);
+    return httplib::Server::HandlerResponse::Unhandled;
   });
   port_ = server_->bind_to_any_port("127.0.0.1");
   if (port_ <= 0) {
