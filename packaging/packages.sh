@@ -29,6 +29,9 @@ kova_packages() {
       bench)
         printf '%s\n' rauc systemd nginx-light curl iproute2 strace openssl util-linux
         ;;
+      package)
+        printf '%s\n' binutils bubblewrap debian-archive-keyring dpkg-dev file mandoc mmdebstrap util-linux
+        ;;
       *)
         echo "no package group \"$group\"" >&2
         return 1

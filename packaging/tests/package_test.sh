@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES: installs the packages in the folder PACKAGES into a fresh Debian 12 and holds them to what they
-# promise. The Debian is a private root with processes and a network of its own; nothing of the host changes.
+# promise: under runit, and again under systemd. The Debian is a private root with processes and a network of its own;
+# nothing of the host changes, but for a control group while systemd runs.
 #
 # Needs root (to unpack a Debian with its owners), bubblewrap, mmdebstrap, and a Debian archive. Debian's part is kept in
-# PACKAGES/test: with it a run needs no network.
+# PACKAGES/test: with it a run needs no network. Where no control group can be made the part under systemd is skipped,
+# and that is said.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
 packages=$(realpath "$1")
 readonly here packages cache=$packages/test
 readonly root=$cache/root base=$cache/base.tar archives=$cache/archives
-# Of a camera's own firmware: a service supervisor, and a system log.
-readonly BOARD=busybox,runit
+# Of a camera's own firmware: service supervisors, and a system log.
+readonly BOARD=busybox,runit,systemd
 readonly MAX_AGE_DAYS=7 # of Debian's part; its packages are replaced by newer ones now and then
 
 say() { printf 'package test: %s\n' "$*"; }
@@ -50,20 +52,25 @@ unpack_base() {
   install_board
 }
 
-# What a camera's firmware has besides. The tools' calls stand in /run/tools.
+# What a camera's firmware has besides. The tools' calls stand in /var/lib/tools.
 install_board() {
   local tool
   install -D -m 644 "$here/../camera_info.json" "$root/usr/share/kova/camera_info.json"
-  echo "resolv.host.1.name=Before" >"$root/etc/system.cfg"
+  printf 'resolv.host.1.name=Before\nusers.1.name=admin\nusers.1.password=secret\n' >"$root/etc/system.cfg"
   # shellcheck disable=SC2016 # for the tool
   for tool in bin/cfgmtd bin/kova_cmd_apply_camera_name.sh usr/bin/reboot; do
-    printf '#!/bin/sh\necho "$0 $*" >>/run/tools\n' >"$root/$tool"
+    printf '#!/bin/sh\necho "$0 $*" >>/var/lib/tools\n' >"$root/$tool"
     chmod 755 "$root/$tool"
   done
 }
 
-# in_root ARGUMENT... -- CMD...: runs CMD in the private root; ARGUMENTs are bubblewrap's. Of root's rights it has what
-# dpkg(1) and the services need: not the clock, the network, the modules, or a reboot.
+# What dpkg(1) and the services need of root's rights: not the clock, the network, the modules, or a reboot.
+readonly CAPABILITIES=(CHOWN DAC_OVERRIDE DAC_READ_SEARCH FOWNER FSETID KILL SETGID SETUID SETPCAP SETFCAP SYS_CHROOT
+  MKNOD)
+# What systemd needs besides, to mount and to confine.
+readonly SYSTEMD_CAPABILITIES=(SYS_ADMIN SYS_PTRACE SYS_RESOURCE SYS_BOOT SYSLOG NET_ADMIN AUDIT_WRITE)
+
+# in_root ARGUMENT... -- CMD...: runs CMD in the private root; ARGUMENTs are bubblewrap's.
 in_root() {
   local arguments=() capability
   while [ "$1" != -- ]; do
@@ -71,9 +78,7 @@ in_root() {
     shift
   done
   shift
-  for capability in CHOWN DAC_OVERRIDE DAC_READ_SEARCH FOWNER FSETID KILL SETGID SETUID SETPCAP SETFCAP SYS_CHROOT MKNOD; do
-    arguments+=(--cap-add "CAP_$capability")
-  done
+  for capability in "${CAPABILITIES[@]}"; do arguments+=(--cap-add "CAP_$capability"); done
   bwrap --unshare-pid --unshare-ipc --unshare-uts --hostname camera --die-with-parent --cap-drop ALL \
     --bind "$root" / --dev /dev --proc /proc --ro-bind /proc/sys /proc/sys --ro-bind /sys /sys \
     --ro-bind "$packages" /packages --bind "$archives" /var/cache/apt/archives --clearenv \
@@ -88,20 +93,84 @@ download() {
     'apt-get -qq -o APT::Sandbox::User=root install --download-only --no-install-recommends /packages/*.deb'
 }
 
+readonly OFFLINE=(--unshare-net --ro-bind "$here" /packages-test --ro-bind "$here/../../camera/samples" /samples)
+
+test_under_runit() {
+  say "Testing under runit, without a network"
+  in_root "${OFFLINE[@]}" -- /packages-test/runit_test.sh
+}
+
+# make_cgroup: makes a control group of version 2 for systemd to live in, and leaves its folder in `cgroup`.
+make_cgroup() {
+  local mounted
+  mounted=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET) || return 1
+  cgroup=$mounted/kova_package_test.$$
+  mkdir "$cgroup" 2>/dev/null
+}
+
+remove_cgroup() { find "$cgroup" -depth -type d -exec rmdir {} +; }
+
+# The test is the last unit of the boot; when it ends systemd ends.
+install_test_unit() {
+  cat >"$root/etc/systemd/system/test.service" <<'TEXT'
+[Unit]
+After=multi-user.target
+Wants=multi-user.target
+SuccessAction=exit
+FailureAction=exit
+[Service]
+Type=oneshot
+ExecStart=/packages-test/systemd_test.sh
+Environment=DEBIAN_FRONTEND=noninteractive LC_ALL=C
+StandardOutput=file:/var/log/test
+StandardError=inherit
+TEXT
+}
+
+boot_systemd() {
+  local arguments=() capability
+  for capability in "${SYSTEMD_CAPABILITIES[@]}"; do arguments+=(--cap-add "CAP_$capability"); done
+  # In a shell of its own, since a process cannot be taken out of its control group again.
+  (
+    echo "$BASHPID" >"$cgroup/cgroup.procs"
+    in_root "${OFFLINE[@]}" "${arguments[@]}" --unshare-cgroup --as-pid-1 --tmpfs /run --setenv container bubblewrap -- \
+      sh -c 'mount -t cgroup2 cgroup2 /sys/fs/cgroup && exec /lib/systemd/systemd --unit=test.service --show-status=no'
+  )
+}
+
+test_under_systemd() {
+  local cgroup
+  if ! make_cgroup; then
+    say "SKIPPED under systemd: no control group of version 2 can be made here"
+    return
+  fi
+  say "Testing under systemd, without a network"
+  unpack_base
+  install_test_unit
+  boot_systemd >"$cache/systemd.log" 2>&1 || true # what it has to say is in the test's output
+  remove_cgroup
+  cat "$root/var/log/test" || die "systemd did not boot: see $cache/systemd.log"
+  [ "$(tail -n 1 "$root/var/log/test")" = "0 failed" ]
+}
+
+# What is kept belongs to whoever owns the packages, not to root.
+clean_up() {
+  rm -rf --one-file-system "$root"
+  chown -R --reference="$packages" "$cache"
+}
+
 main() {
   [ "$(id -u)" -eq 0 ] || die "needs root, to unpack a Debian with its owners"
   mkdir -p "$cache"
   exec 9>"$cache/lock"
   flock --nonblock 9 || die "another one runs in $cache"
-  trap 'rm -rf --one-file-system "$root"' EXIT
+  trap clean_up EXIT
   make_base
-  say "Unpacking it"
   unpack_base
   say "Fetching what the packages depend on, as far as it is not in $archives"
   download
-  say "Testing in it, without a network"
-  in_root --unshare-net --ro-bind "$here" /packages-test --ro-bind "$here/../../camera/samples" /samples -- \
-    /packages-test/installed_test.sh
+  test_under_runit
+  test_under_systemd
 }
 
 main

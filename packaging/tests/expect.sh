@@ -1,0 +1,37 @@
+# shellcheck shell=bash
+# What the packaging's tests are written in.
+
+failures=0
+work=${work:-$(mktemp -d)}
+mkdir -p "$work"
+
+# expect TEXT CMD...: the command succeeds; otherwise the end of its output is shown. expect_not: it fails.
+expect() {
+  local text=$1
+  shift
+  if "$@" >"$work/output" 2>&1; then printf 'ok    %s\n' "$text"; else fail "$text"; fi
+}
+expect_not() {
+  local text=$1
+  shift
+  if "$@" >"$work/output" 2>&1; then fail "$text"; else printf 'ok    %s\n' "$text"; fi
+}
+fail() {
+  printf 'FAIL  %s\n' "$1"
+  tail -n 10 "$work/output" | sed 's/^/      | /'
+  failures=$((failures + 1))
+}
+
+# eventually CMD...: polls until the command succeeds, at most 15 s.
+eventually() {
+  local deadline=$((SECONDS + 15))
+  until "$@"; do
+    [ "$SECONDS" -lt "$deadline" ] || return 1
+    sleep 0.05
+  done
+}
+
+report() {
+  echo "$failures failed"
+  [ "$failures" -eq 0 ]
+}

@@ -1,0 +1,119 @@
+#!/usr/bin/env bash
+# systemd_test.sh: installs the packages below /packages into the Debian that it runs in, which systemd has booted, and
+# holds their units to what they promise: that the daemon can do its job in spite of the hardening. Only for the private
+# root that package_test.sh makes.
+set -euo pipefail
+
+if [ ! -d /packages-test ]; then echo "only by way of package_test.sh" >&2 && exit 2; fi
+
+work=/run/test
+# shellcheck source=packaging/tests/expect.sh
+. /packages-test/expect.sh
+# shellcheck source=packaging/tests/installed.sh
+. /packages-test/installed.sh
+
+readonly UNITS=(kova-bus.service kova_ctlserver.service)
+
+main_pid() { systemctl show --value --property MainPID "$1"; }
+daemon_pid() { main_pid kova_ctlserver.service; }
+
+# has_status UNIT PATTERN: whether a line of the process's status, see proc(5), matches.
+has_status() {
+  grep -E "${2%%:*}" "/proc/$(main_pid "$1")/status"
+  grep -qE "$2" "/proc/$(main_pid "$1")/status"
+}
+
+starts() {
+  expect "installed" apt install /packages/*.deb
+  expect_not "it is not enabled" systemctl is-enabled "${UNITS[@]}"
+  expect_not "nor active" systemctl is-active "${UNITS[@]}"
+  expect "it is enabled and started" systemctl enable --now "${UNITS[@]}"
+  expect "it serves" eventually kovactl stats
+  expect_not "the bus has nothing to complain of" journal_of kova-bus.service
+}
+
+# What it said itself. That the machine allows it fewer descriptors than its unit asks for is no fault of the unit.
+journal_of() {
+  journalctl --no-pager --output cat --unit "$1" | grep -vE '^(Start|Stopp)(ing|ed) |Failed to set fd limit'
+}
+
+# capabilities BIT...: prints the mask, see capabilities(7), less what this machine withholds from everyone.
+capabilities() {
+  local bit mask=0 possible
+  for bit in "$@"; do mask=$((mask | 1 << bit)); done
+  possible=$(sed -nE 's/^CapBnd:\s//p' /proc/1/status)
+  printf '%016x' $((mask & 0x$possible))
+}
+
+is_confined() {
+  expect "the bus has no capability" has_status kova-bus.service '^CapEff:\s0+$'
+  expect "the daemon gains no privilege" has_status kova_ctlserver.service '^NoNewPrivs:\s1$'
+  expect "its system calls are filtered" has_status kova_ctlserver.service '^Seccomp:\s2$'
+  expect "it has the capabilities of its job, and no other" \
+    has_status kova_ctlserver.service "^CapEff:\s$(capabilities 0 1 3 5 6 7 19 21 22 24 34)$"
+  expect "it leaves no core file" grep -qE '^Max core file size +0 ' "/proc/$(daemon_pid)/limits"
+}
+
+hash_of() { getent shadow "$1" | cut -d : -f 2; }
+
+locks_accounts() {
+  useradd --password 'secret' admin
+  expect "the account is locked" kovactl user disable
+  expect "in /etc/shadow" test "$(hash_of admin)" = '!secret'
+  expect "and unlocked" kovactl user enable
+  expect "in /etc/shadow, too" test "$(hash_of admin)" = secret
+  expect "which keeps its owner and mode" test "$(stat -c '%U:%G %a' /etc/shadow)" = "root:shadow 640"
+  userdel admin
+}
+
+takes_logos() {
+  serve_samples
+  expect "a logo is taken" put_logo
+  expect "it lies where it belongs" cmp /samples/logo.png /etc/persistent/user_logo
+}
+
+survives_its_bus() {
+  local bus before
+  bus=$(main_pid kova-bus.service)
+  before=$(daemon_pid)
+  kill -KILL "$bus"
+  expect "after the bus died both are started again" eventually is_another "$before"
+  expect_not "the bus, too" test "$(main_pid kova-bus.service)" = "$bus"
+}
+
+stops() {
+  expect "it is stopped" systemctl stop kova_ctlserver.service
+  expect "in order" test "$(systemctl show --value --property Result kova_ctlserver.service)" = success
+  expect "the log tells so" sh -c "journalctl --unit kova_ctlserver.service | grep -q 'SIGTERM received'"
+  expect "it is started again" systemctl start kova_ctlserver.service
+}
+
+is_purged() {
+  expect "purged" apt purge kova-ctlserver kovactl kova-imageprobe
+  expect_not "nothing runs any more" busybox pidof kova_ctlserver dbus-daemon
+  expect_not "nothing is enabled" test -L /etc/systemd/system/multi-user.target.wants/kova_ctlserver.service
+  expect_not "systemd does not know it" systemctl cat kova_ctlserver.service
+  expect_not "the socket's folder is gone" test -e /run/kova
+}
+
+show_log() {
+  if [ "$failures" -gt 0 ]; then journalctl --no-pager --lines 60; fi
+}
+
+main() {
+  trap show_log EXIT
+  starts
+  is_confined
+  obeys
+  tells_clients_apart
+  locks_accounts
+  takes_logos
+  comes_back_after_a_crash
+  survives_its_bus
+  is_restarted_when_installed_again
+  stops
+  is_purged
+  report
+}
+
+main
