@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Every link and every file that the documentation names exists, and so does every command of ./dev.
+set -euo pipefail
+cd "$(dirname "$(readlink -f "$0")")/../.."
+
+failures=0
+wrong() {
+  printf '%s\n' "$1"
+  failures=$((failures + 1))
+}
+
+# heading_exists FILE ANCHOR: whether a heading of FILE has this anchor, in the way of common renderers.
+heading_exists() {
+  grep '^#' "$1" | sed 's/^#* *//' | tr '[:upper:]' '[:lower:]' | sed 's/[^a-z0-9_ -]//g; s/ /-/g' | grep -qxF -- "$2"
+}
+
+check_links() { # FILE
+  local link target anchor
+  while read -r link; do
+    case $link in http://* | https://*) continue ;; esac
+    target=${link%%#*}
+    anchor=
+    [[ $link != *"#"* ]] || anchor=${link#*#}
+    target=${target:+$(dirname "$1")/$target}
+    target=${target:-$1}
+    if [ ! -e "$target" ]; then
+      wrong "$1: the link \"$link\" leads nowhere"
+    elif [ -n "$anchor" ] && ! heading_exists "$target" "$anchor"; then
+      wrong "$1: \"$target\" has no heading \"$anchor\""
+    fi
+  done < <(grep -oP '\]\(\K[^)\s]+' "$1" || true)
+}
+
+# exists_as NAME FILE: NAME, as FILE says it, is a path from the top or from FILE's folder, or a file's own name.
+exists_as() {
+  local pattern
+  for pattern in "$1" "$(dirname "$2")/$1"; do
+    compgen -G "$pattern" >/dev/null && return 0
+  done
+  [[ $1 != */* ]] && [ -n "$(git ls-files -- "*/$1")" ]
+}
+
+# What looks like a file of this repository: below one of its folders, or named like a source.
+check_names() { # FILE
+  local name
+  # shellcheck disable=SC2016 # backticks of Markdown
+  while read -r name; do
+    exists_as "$name" "$1" || wrong "$1: there is no \"$name\""
+  done < <(grep -oP '`\K[\w.*/-]+(?=`)' "$1" |
+    grep -E "^($(git ls-files | grep / | cut -d/ -f1 | sort -u | paste -sd'|'))/|^[A-Za-z_]+\.(cpp|h|sh|md)$" |
+    grep -vE '(NAME|\.\.\.)' | sort -u)
+}
+
+check_commands() { # FILE
+  local word
+  while read -r word; do
+    ./dev help | grep -qE "^  $word( |$)" || wrong "$1: ./dev has no command \"$word\""
+  done < <(grep -oP '\./dev \K[a-z]+' "$1" | grep -vx help | sort -u)
+}
+
+documents=$(git ls-files '*.md')
+count=0
+for document in $documents; do
+  check_links "$document"
+  check_names "$document"
+  [ "$document" = CHANGELOG.md ] || check_commands "$document"
+  count=$((count + 1))
+done
+[ "$count" -ge 8 ] || wrong "only $count documents were found"
+echo "$count documents, $failures faults"
+[ "$failures" -eq 0 ]
