@@ -44,14 +44,15 @@ ssize_t writeSome(int fd, const unsigned char* data, std::size_t length) {
   return put;
 }
 
+// What is written through a symbolic link in /tmp could be any file of the system.
 int openFlags(FILE_OPEN_MODE mode) {
   switch (mode) {
     case FILE_OPEN_MODE_READ:
       return O_RDONLY;
     case FILE_OPEN_MODE_APPEND:
-      return O_WRONLY | O_CREAT | O_APPEND;
+      return O_WRONLY | O_CREAT | O_NOFOLLOW | O_APPEND;
     case FILE_OPEN_MODE_TRUNCATE:
-      return O_WRONLY | O_CREAT;
+      return O_WRONLY | O_CREAT | O_NOFOLLOW;
   }
   return -1;
 }

@@ -87,15 +87,18 @@ TEST_F(FileTest, AppendingContinuesAtTheEnd) {
   EXPECT_EQ(readText(path_), "onetwo");
 }
 
-TEST_F(FileTest, SymbolicLinksAreFollowed) {
+TEST_F(FileTest, SymbolicLinksAreFollowedForReadingOnly) {
   writeText(path_, "content");
   std::filesystem::create_symlink("file", folder_ / "link");
   File file;
-  ASSERT_TRUE(file.Initialize(folder_ / "link", FILE_OPEN_MODE_TRUNCATE, 0));
-  EXPECT_TRUE(file.WriteString("new"));
-  EXPECT_TRUE(file.Close());
-  EXPECT_EQ(readText(path_), "new");
-  EXPECT_TRUE(std::filesystem::is_symlink(folder_ / "link"));
+  ASSERT_TRUE(file.Initialize(folder_ / "link", FILE_OPEN_MODE_READ, 0));
+  EXPECT_EQ(file.Size(), 7U);
+  for (const auto mode : {FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
+    EXPECT_FALSE(file.Initialize(folder_ / "link", mode, 0));
+    EXPECT_EQ(errno, ELOOP);
+  }
+  EXPECT_FALSE(copyFile(path_.c_str(), (folder_ / "link").c_str()));
+  EXPECT_EQ(readText(path_), "content");
 }
 
 TEST_F(FileTest, WhatIsNoRegularFileIsRefusedWithoutBlocking) {
