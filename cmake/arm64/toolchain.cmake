@@ -1,9 +1,12 @@
-# Cross-compiling for 64-bit ARM with Debian's compiler, against the sysroot that cmake/arm64/sysroot makes. Another
-# sysroot of the same layout is named by KOVA_SYSROOT; an SDK that brings its own toolchain file needs nothing of this.
+# Cross-compiling for 64-bit ARM with Debian's compiler, against the sysroot that cmake/arm64/sysroot makes. KOVA_SYSROOT
+# names another sysroot, CMAKE_CXX_COMPILER another compiler; an SDK with a toolchain file of its own needs nothing of
+# this.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
-set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+if(NOT CMAKE_CXX_COMPILER)
+  set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+endif()
 
 set(KOVA_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../../build/arm64-sysroot"
     CACHE PATH "Libraries and headers of the board")
@@ -19,8 +22,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
-set(ENV{PKG_CONFIG_LIBDIR}
-    "${CMAKE_SYSROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig")
+set(pkgconfig_folders usr/lib/aarch64-linux-gnu/pkgconfig usr/lib/pkgconfig usr/share/pkgconfig)
+list(TRANSFORM pkgconfig_folders PREPEND "${CMAKE_SYSROOT}/")
+list(JOIN pkgconfig_folders ":" pkgconfig_path)
+set(ENV{PKG_CONFIG_LIBDIR} "${pkgconfig_path}")
 
 # Tests run under user-mode QEMU.
 find_program(KOVA_QEMU qemu-aarch64-static)
