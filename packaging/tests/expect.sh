@@ -1,8 +1,7 @@
-# shellcheck shell=bash
-# What the packaging's tests are written in.
+# shellcheck shell=bash disable=SC2154 # work is the test's
+# What the packaging's tests are written in. `work` names the test's own folder.
 
 failures=0
-work=${work:-$(mktemp -d)}
 mkdir -p "$work"
 
 # expect TEXT CMD...: the command succeeds; otherwise the end of its output is shown. expect_not: it fails.
@@ -22,9 +21,9 @@ fail() {
   failures=$((failures + 1))
 }
 
-# eventually CMD...: polls until the command succeeds, at most 15 s.
+# eventually CMD...: polls until the command succeeds, at most 30 s.
 eventually() {
-  local deadline=$((SECONDS + 15))
+  local deadline=$((SECONDS + 30))
   until "$@"; do
     [ "$SECONDS" -lt "$deadline" ] || return 1
     sleep 0.05

@@ -7,22 +7,11 @@ readonly BUILD=$1
 # What "systemd-analyze security" may find at most, in tenths of 10: the daemon's job needs root, flash and network.
 readonly -A EXPOSURE_LIMIT=([kova_ctlserver]=48 [kova-bus]=9)
 
-root=$(mktemp -d)
-readonly root
-trap 'rm -rf "$root"' EXIT
-failures=0
-
-# expect TEXT CMD...: the command succeeds; otherwise its output is shown.
-expect() {
-  local text=$1 output
-  shift
-  if output=$("$@" 2>&1); then
-    printf 'ok    %s\n' "$text"
-  else
-    printf 'FAIL  %s\n%s\n' "$text" "$output"
-    failures=$((failures + 1))
-  fi
-}
+work=$(mktemp -d)
+readonly root=$work/root
+trap 'rm -rf "$work"' EXIT
+# shellcheck source=packaging/tests/expect.sh
+. "$(dirname "$(readlink -f "$0")")/expect.sh"
 
 # What the units start and refer to has to be there, too.
 install_root() {
@@ -51,5 +40,4 @@ for unit in kova-bus kova_ctlserver; do
   expect "$unit.service is exposed by no more than ${EXPOSURE_LIMIT[$unit]} tenths" is_hardened "$unit"
   printf '      exposure %s of 10\n' "$(exposure "$unit" || true)"
 done
-echo "$failures failed"
-[ "$failures" -eq 0 ]
+report
