@@ -16,8 +16,9 @@ class TransactionsHandler;
 /// have joined, and the answers that come back.
 class Outgoing {
  public:
-  /// Longest wait for an answer, in microseconds.
-  static constexpr std::uint64_t kAnswerTimeoutUs = 25'000'000;
+  /// Longest wait for an answer, in microseconds; a peer that leaves the bus ends it at once. Only
+  /// a bound: who asks has a shorter patience of his own.
+  static constexpr std::uint64_t kAnswerTimeoutUs = 3'600'000'000;
   /// Messages that may wait in the process for a bus that does not read.
   static constexpr std::uint64_t kMaxUnsent = 1024;
 
