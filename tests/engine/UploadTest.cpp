@@ -177,6 +177,100 @@ TEST_F(UploadTest, AnUploadThatTheServerCutsFails) {
   EXPECT_EQ(send(server.uri(), write("file", noise(50UL * 1024 * 1024))), "failure 1 0");
 }
 
+/// A script that sends every request on: with this status, to "/elsewhere".
+RawServer::Script sendingOn(int status) {
+  return [status](Connection& connection) {
+    while (connection.readRequest()) {
+      const bool arrived = connection.request().head.find(" /elsewhere ") != std::string::npos;
+      connection.send(arrived ? okResponse("")
+                              : "HTTP/1.1 " + std::to_string(status) +
+                                    " Moved\r\nLocation: /elsewhere\r\nContent-Length: 0\r\n\r\n");
+    }
+  };
+}
+
+// A file is read once. The server that it is sent on to waits for what was announced to it.
+TEST_F(UploadTest, WhatWasSentAlreadyIsNotSentAgainElsewhere) {
+  for (const int status : {307, 308}) {
+    RawServer server(sendingOn(status));
+    RecordingTask task(server.uri(), write("file", "content"));
+    task.setKind(false).setTimeout(1000);
+    EXPECT_EQ(run(task), "failure 5 " + std::to_string(status));
+    ASSERT_EQ(server.requests().size(), 1U) << "the second is never whole";
+    EXPECT_THAT(server.requests()[0].body, HasSubstr("content"));
+  }
+}
+
+TEST_F(UploadTest, AServerElsewhereThatDoesNotWaitForTheFileFailsTheUpload) {
+  RawServer server([](Connection& connection) {
+    if (connection.number() == 0) {
+      connection.readRequest();
+      connection.send(
+          "HTTP/1.1 307 Moved\r\nLocation: /elsewhere\r\nConnection: close\r\n"
+          "Content-Length: 0\r\n\r\n");
+    } else {
+      connection.readHead();
+    }
+  });
+  EXPECT_EQ(send(server.uri(), write("file", "content")), "failure 1 307");
+  EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(UploadTest, AServerThatHasMovedIsAskedForItsAnswerOnly) {
+  for (const int status : {301, 302, 303}) {
+    RawServer server(sendingOn(status));
+    EXPECT_EQ(send(server.uri(), write("file", "content")), "success");
+    ASSERT_EQ(server.requests().size(), 2U);
+    EXPECT_THAT(server.requests()[0].body, HasSubstr("content"));
+    EXPECT_THAT(server.requests()[1].head, ::testing::StartsWith("GET /elsewhere "));
+    EXPECT_EQ(server.requests()[1].body, "");
+  }
+}
+
+TEST_F(UploadTest, WhatWasNotSentYetIsSentElsewhere) {
+  RawServer server([](Connection& connection) {
+    if (connection.number() == 0) {
+      connection.readHead();  // with "Expect: 100-continue"
+      connection.send(
+          "HTTP/1.1 307 Moved\r\nLocation: /elsewhere\r\nConnection: close\r\n"
+          "Content-Length: 0\r\n\r\n");
+    } else {
+      connection.readRequest();
+      connection.send(okResponse(""));
+    }
+  });
+  const std::string content = noise(2'000'000);
+  EXPECT_EQ(send(server.uri(), write("file", content)), "success");
+  const RawRequest request = server.requests().at(0);
+  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+}
+
+TEST_F(UploadTest, AConnectionClosedBetweenUploadsIsReplaced) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send(okResponse(""));
+  });
+  EXPECT_EQ(send(server.uri("/1"), write("1", "first")), "success");
+  ASSERT_TRUE(eventually([&] { return server.open() == 0; }));
+  EXPECT_EQ(send(server.uri("/2"), write("2", "second")), "success");
+  EXPECT_EQ(server.connections(), 2U);
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(UploadTest, AConnectionClosedUnderAnUploadIsNoSuccess) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    if (connection.number() == 0) {
+      connection.send(okResponse(""));
+      connection.readRequest();  // taken, never answered
+    }
+  });
+  EXPECT_EQ(send(server.uri("/1"), write("1", "first")), "success");
+  RecordingTask task(server.uri("/2"), write("2", "second"));
+  task.setKind(false).setTimeout(1000);
+  EXPECT_EQ(run(task), "failure 5 0");
+}
+
 TEST_F(UploadTest, AnswersOfTheServerAreNotJudged) {
   RawServer server(answering("HTTP/1.1 500 No\r\nContent-Length: 4\r\n\r\nsorry"));
   EXPECT_EQ(send(server.uri(), write("file", "content")), "success");
