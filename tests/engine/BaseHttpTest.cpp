@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "CurlFaults.h"
 #include "Engine.h"
 #include "RawServer.h"
@@ -192,6 +194,29 @@ TEST_F(BaseHttpTest, AnEndThatCannotBeReadFailsTheStep) {
   EXPECT_THAT(http_.completions, IsEmpty());
 }
 
+TEST_F(BaseHttpTest, AnEndThatCannotBeReadLeavesTheOtherForTheNextStep) {
+  std::atomic<bool> go = false;
+  std::atomic<int> sent = 0;
+  RawServer server([&](Connection& connection) {
+    connection.readRequest();
+    EXPECT_TRUE(eventually([&] { return go.load(); }));
+    connection.send(okResponse("body"));
+    ++sent;
+    connection.awaitClose();
+  });
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri("/1")) && http_.start(server.uri("/2")));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return server.requests().size() == 2; }));
+  go = true;
+  ASSERT_TRUE(eventually([&] { return sent == 2; }));
+
+  curlFaults().info = CURLINFO_RESPONSE_CODE;
+  EXPECT_TRUE(eventually([&] { return !http_.Service(1); }));
+  EXPECT_EQ(curlFaults().asked(CURLINFO_RESPONSE_CODE), 1U);
+  curlFaults() = {};
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(http_.completions.size(), 1U);
+}
+
 TEST_F(BaseHttpTest, OfTwoTransfersOfOneUriBothReport) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()) && http_.start(server.uri()));
@@ -210,6 +235,22 @@ TEST_F(BaseHttpTest, DestroyingTheDriverDropsItsTransfersSilently) {
   }
   EXPECT_THAT(completions, IsEmpty());
   EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(BaseHttpTest, TheDriverGivesItsMultiHandleBackBeforeTheTransfers) {
+  {
+    MemoryHttp http;
+    ASSERT_TRUE(http.Init() && http.start("http://127.0.0.1:9/1") &&
+                http.start("http://127.0.0.1:9/2"));
+  }
+  EXPECT_THAT(curlFaults().released, ElementsAre("multi", "easy", "easy"));
+}
+
+TEST_F(BaseHttpTest, AStepWaitsOnceForAsLongAsItMay) {
+  ASSERT_TRUE(http_.Init());
+  EXPECT_TRUE(http_.Service(37));
+  EXPECT_TRUE(service().service(12));
+  EXPECT_THAT(curlFaults().waits, ElementsAre(37, 12));
 }
 
 TEST_F(BaseHttpTest, AnIdleStepWaitsNoLongerThanItMay) {

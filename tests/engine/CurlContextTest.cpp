@@ -163,6 +163,17 @@ TEST_F(CurlContextTest, FormFieldsOtherThanTextAreRefusedAndNothingIsSent) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
+TEST_F(CurlContextTest, AContextGivesItsHandleBackBeforeItsForm) {
+  ASSERT_TRUE(make(false, fields())->Init());
+  EXPECT_THAT(curlFaults().released, ElementsAre("easy", "form"));
+}
+
+TEST_F(CurlContextTest, WhatAFailedInitHasMadeIsGivenBack) {
+  curlFaults().part = "b";
+  EXPECT_FALSE(make(false, fields())->Init());
+  EXPECT_THAT(curlFaults().released, ElementsAre("easy", "form"));
+}
+
 TEST_F(CurlContextTest, ChunksCarryTheirOffsetAndTheLengthThatIsAskedForOnce) {
   const std::string body = noise(100'000);
   RawServer server(answering(okResponse(body)));

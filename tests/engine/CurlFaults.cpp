@@ -68,6 +68,7 @@ CURLM* __wrap_curl_multi_init() {
 CURLMcode __real_curl_multi_wait(CURLM*, curl_waitfd*, unsigned, int, int*);
 CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd* extra, unsigned count, int timeout,
                                  int* ready) {
+  curlFaults().waits.push_back(timeout);
   const CURLMcode fault = curlFaults().wait;
   return fault != CURLM_OK ? fault : __real_curl_multi_wait(multi, extra, count, timeout, ready);
 }
@@ -138,6 +139,24 @@ CURLFORMcode __wrap_curl_formadd(curl_httppost** first, curl_httppost** last, ..
     return CURL_FORMADD_MEMORY;
   }
   return __real_curl_formadd(first, last, CURLFORM_ARRAY, forms.data(), CURLFORM_END);
+}
+
+void __real_curl_easy_cleanup(CURL*);
+void __wrap_curl_easy_cleanup(CURL* easy) {
+  curlFaults().released.emplace_back("easy");
+  __real_curl_easy_cleanup(easy);
+}
+
+CURLMcode __real_curl_multi_cleanup(CURLM*);
+CURLMcode __wrap_curl_multi_cleanup(CURLM* multi) {
+  curlFaults().released.emplace_back("multi");
+  return __real_curl_multi_cleanup(multi);
+}
+
+void __real_curl_formfree(curl_httppost*);
+void __wrap_curl_formfree(curl_httppost* form) {
+  curlFaults().released.emplace_back("form");
+  __real_curl_formfree(form);
 }
 
 }  // extern "C"

@@ -8,7 +8,8 @@
 #include <vector>
 
 /// A decorator around libcurl, put there by the linker (ld(1), --wrap): it records the options that
-/// are set and the form parts that are added, forwards every call, and fails the chosen ones.
+/// are set, how long is waited and what is given back, forwards every call, and fails the chosen
+/// ones.
 namespace kova::engine {
 
 struct CurlFaults {
@@ -29,6 +30,10 @@ struct CurlFaults {
   /// How often each information was asked for.
   unsigned asked(CURLINFO information) const;
   std::vector<CURLINFO> informations;
+  /// The time-out of each wait for sockets.
+  std::vector<int> waits;
+  /// "multi", "easy" and "form" for each handle given back, in order.
+  std::vector<std::string> released;
 };
 
 /// CURLOPT_HTTPPOST and CURLINFO_CONTENT_LENGTH_DOWNLOAD, which are deprecated, for a test to name.

@@ -118,6 +118,18 @@ TEST_F(TransferFailureTest, AnUnknownSizeThatReachesTheLimitInOneChunkPasses) {
   EXPECT_EQ(readFile(path("file")).size(), 1000U);
 }
 
+TEST_F(TransferFailureTest, ALimitOfZeroIsNone) {
+  RecordingTask task("http://127.0.0.1:1/x", path("file"));
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  task.setMaxSz(0);
+  unsigned char data[] = "data";
+  EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 0, 1'000'000));
+  EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 1'000'000, -1));
+  EXPECT_EQ(readFile(path("file")), "datadata");
+  EXPECT_EQ(task.outcome(), "");
+}
+
 TEST_F(TransferFailureTest, ChunksOfATaskThatIsBeingLetGoAreDropped) {
   RawServer server(silent);
   RecordingTask task(server.uri(), path("file"));
