@@ -15,7 +15,7 @@ kova_packages() {
         printf '%s\n' busybox bubblewrap dbus-daemon runit systemd openssl curl tzdata util-linux
         ;;
       tests)
-        printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3-dbus
+        printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3 python3-dbus
         ;;
       arm64)
         printf '%s\n' g++-aarch64-linux-gnu qemu-user-static
