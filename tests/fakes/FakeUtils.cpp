@@ -46,8 +46,9 @@ fakes::ProcessResult runRecorded(const std::string& program,
 }  // namespace
 
 int sysExec(const std::string& program, const std::vector<std::string>& arguments,
-            const std::string&, std::string& out, std::string& err, unsigned, unsigned,
-            unsigned captureKiB) {
+            const std::string& input, std::string& out, std::string& err, unsigned timeoutMs,
+            unsigned graceMs, unsigned captureKiB) {
+  platform().captures.push_back({input, timeoutMs, graceMs, captureKiB});
   auto result = runRecorded(program, arguments);
   out = result.out.substr(0, captureKiB * 1024UL);
   err = result.err.substr(0, captureKiB * 1024UL);
@@ -58,8 +59,8 @@ int sysExecArguments(const char* program, const std::vector<std::string>& argume
   return runRecorded(program, arguments).status;
 }
 
-bool runDaemon(const std::string*, const sigset_t*, int* pid, const std::string& program, int argc,
-               ...) {
+bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, int* pid,
+               const std::string& program, int argc, ...) {
   std::vector<std::string> arguments;
   va_list list;
   va_start(list, argc);
@@ -67,7 +68,14 @@ bool runDaemon(const std::string*, const sigset_t*, int* pid, const std::string&
     arguments.emplace_back(va_arg(list, const char*));
   }
   va_end(list);
+  if (workingDirectory != nullptr) {
+    arguments.push_back("(in " + *workingDirectory + ")");
+  }
+  if (signalMask != nullptr) {
+    arguments.emplace_back("(signals blocked)");
+  }
   if (pid != nullptr) {
+    arguments.emplace_back("(process id wanted)");
     *pid = 4242;
   }
   return runRecorded(program, arguments).status == 0;

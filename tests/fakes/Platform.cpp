@@ -9,6 +9,11 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line) {
              << "> (" << line.error << ") " << line.text;
 }
 
+std::ostream& operator<<(std::ostream& out, const CaptureTerms& terms) {
+  return out << "input \"" << terms.input << "\", " << terms.timeoutMs << " ms, " << terms.graceMs
+             << " ms, " << terms.captureKiB << " KiB";
+}
+
 Platform& platform() {
   static Platform instance;
   return instance;

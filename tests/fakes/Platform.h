@@ -38,6 +38,17 @@ struct ProcessResult {
   std::string err;
 };
 
+/// What sysExec was given besides the command.
+struct CaptureTerms {
+  std::string input;
+  unsigned timeoutMs;
+  unsigned graceMs;
+  unsigned captureKiB;
+
+  bool operator==(const CaptureTerms&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const CaptureTerms& terms);
+
 struct Statistics {
   int initResult = 0;
   int memoryResult = 0, cpuResult = 0, cpuInfoResult = 0, loadResult = 0, networkResult = 0,
@@ -102,7 +113,9 @@ struct Platform {
   std::function<void(int)> onSleep;  ///< may throw to leave an endless wait
 
   /// Program runs, as "PROGRAM ARG ...", in order; also in the journal.
+  /// One in the background that is not given the defaults says so at its end.
   std::vector<std::string> commands;
+  std::vector<CaptureTerms> captures;  ///< of each sysExec
   /// Decides what a program does; without it every program succeeds silently.
   std::function<ProcessResult(const std::string& command)> onRun;
 

@@ -33,6 +33,11 @@ TEST(ImageProbeTest, TheProbeIsRunWithThePathAloneAndItsFiguresRead) {
   EXPECT_EQ(image.height, 480);
 }
 
+TEST(ImageProbeTest, AProbeThatHangsIsKilledAfterTenSeconds) {
+  probed({0, "", ""});
+  EXPECT_THAT(platform().captures, ElementsAre(fakes::CaptureTerms{"", 10000, 0, 1}));
+}
+
 TEST(ImageProbeTest, WhatTheProbeSaysOnStandardErrorDoesNotMatter) {
   EXPECT_FALSE(
       probed({0, "empty=0 channels=1 depth=0 width=1 height=1\n", "libpng warning"}).empty);

@@ -121,6 +121,28 @@ TEST_F(TransferOutcomeTest, ADownloadAtTheLimitIsJudgedByItsContent) {
   }
 }
 
+TEST_F(TransferOutcomeTest, TheAnswerToAnUploadIsHeldToTheTasksLimitToo) {
+  const std::pair<const char*, std::size_t> limits[] = {{"snapshot", 200000},
+                                                        {"supportInfo", 10485760},
+                                                        {"eventSnapshot", 200000},
+                                                        {"eventHeatmap", 65536}};
+  for (const auto& [kind, limit] : limits) {
+    for (const std::size_t size : {limit, limit + 1}) {
+      SCOPED_TRACE(kind + std::string(" ") + std::to_string(size));
+      startServer();
+      peerAnswers(std::string(size, 'x'));
+      ASSERT_TRUE(ask(kind, uri()));
+      for (const char* path : {"/tmp/snap.jpeg", "/tmp/supportinfo.tar", "/tmp/motionsnap_1.jpg",
+                               "/tmp/heatmap_1.png"}) {
+        write(path, "content");
+      }
+      EXPECT_TRUE(serviceUntil([&] { return ask(kind, uri()); })) << "the first has ended";
+      EXPECT_THAT(events(), testing::ElementsAreArray(std::vector<std::string>(
+                                size - limit, status("TRANSFER_TOOLARGE"))));
+    }
+  }
+}
+
 TEST_F(TransferOutcomeTest, AnErrorPageIsJudgedAsAFile) {
   peerScript(engine::answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\noops"));
   ASSERT_TRUE(ask("logo", uri()));

@@ -133,6 +133,11 @@ TEST_F(TransferTaskFirmwareTest, AGoodImageIsCheckedThenFlashedWithoutAnEventAnd
   EXPECT_TRUE(exists(kImage));
 }
 
+TEST_F(TransferTaskFirmwareTest, TheCheckerHasAllTheTimeItTakesAndNothingToRead) {
+  succeed();
+  EXPECT_THAT(platform().captures, ElementsAre(fakes::CaptureTerms{"", 0, 0, 128}));
+}
+
 TEST_F(TransferTaskFirmwareTest, WhatAContentedCheckerPrintsDoesNotMatter) {
   checkerAnswers({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", ""});
   succeed();
