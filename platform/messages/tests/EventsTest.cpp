@@ -39,6 +39,20 @@ TEST(Events, AnEmptyEventReceivesEveryDefault) {
   EXPECT_EQ(play.Size(), 12U);
 }
 
+TEST(Events, EachNameIsForcedWhateverWasSent) {
+  const Map reboot = {{"functionName", "Reboot"}};
+  EXPECT_EQ(normalized<EventTransferRequestStatus>(reboot)["functionName"],
+            Variant("EventTransferRequestStatus"));
+  EXPECT_EQ(normalized<EventUpdateFirmwareFailure>(reboot)["functionName"],
+            Variant("EventUpdateFirmwareFailure"));
+  EXPECT_EQ(normalized<PlayState>(reboot)["functionName"], Variant("PlayState"));
+}
+
+TEST(Events, AnOutcomeThatIsNoTextIsNotGiven) {
+  EXPECT_EQ(normalized<EventTransferRequestStatus>({{"status", 1}}).status(), kNotGiven);
+  EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"reason", true}}).reason(), kNotGiven);
+}
+
 TEST(Events, EveryAllowedStatusIsKeptAndAnyCaseIsCanonicalised) {
   for (const std::string status :
        {"OK", "TRANSFER_TIMEOUT", "TRANSFER_BUSY", "TRANSFER_FAILED", "TRANSFER_TOOLARGE",
