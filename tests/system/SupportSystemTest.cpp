@@ -1,3 +1,6 @@
+#include <atomic>
+#include <fstream>
+
 #include "GetRig.h"
 
 namespace kova::system_test {
@@ -50,6 +53,33 @@ TEST_F(SupportSystem, ASlowGeneratorIsWaitedForWhileTheCameraServes) {
       "TRANSFER_FAILED");
   EXPECT_FALSE(manager().received("slow").has_value());
   EXPECT_TRUE(arrives("slow"));
+}
+
+TEST_F(SupportSystem, AnArchiveThatIsStillBeingWrittenIsSentAsLongAsItWas) {
+  const std::string start = picture(1500, 1500, 's');
+  const auto archive = inside("/tmp/supportinfo.tar");
+  std::atomic<bool> grown = false;
+  const engine::RawServer server([&](engine::Connection& connection) {
+    connection.readHead();
+    EXPECT_TRUE(eventually([&] { return grown.load(); }));
+    connection.readBody();
+    connection.send(engine::okResponse(""));
+  });
+  camera().misbehave("support", "exit", "0");  // what it would do is done here
+  const std::string toolsBefore = camera().tools();
+  const std::uint64_t id = requester().ask({{"what", "supportInfo"}, {"uri", server.uri()}});
+  ASSERT_TRUE(eventually([&] { return camera().tools() != toolsBefore; }));
+  writeFile(inside("/tmp/archive-so-far"), start);
+  std::filesystem::rename(inside("/tmp/archive-so-far"), archive);
+  ASSERT_TRUE(eventually([&] { return server.connections() == 1; }));
+  std::ofstream(archive, std::ios::app) << "and the rest";
+  grown = true;
+
+  ASSERT_TRUE(eventually([&] { return server.requests().size() == 1; }));
+  const std::string body = server.requests()[0].body;
+  EXPECT_NE(body.find("\r\n\r\n" + start + "\r\n--"), std::string::npos);
+  EXPECT_TRUE(eventually(archiveIsGone));
+  expectSilence(id);
 }
 
 TEST_F(SupportSystem, WithoutAGeneratorTheRequestIsRefused) {
