@@ -94,6 +94,24 @@ TEST_F(Transfers, SilenceEndsWithAStatusOfItsOwnAndItsMeaning) {
   EXPECT_EQ(get.status, 5);
   EXPECT_THAT(get.err, HasSubstr("the upload has succeeded, or the camera refused"));
   EXPECT_THAT(get.out, HasSubstr("\"outcome\":\"unknown\""));
+  const Result firmware = run({"firmware", "http://x/", "--timeout", "0.1", "--wait"});
+  EXPECT_EQ(firmware.status, 5);
+  EXPECT_THAT(firmware.err, HasSubstr("the image has been flashed, or is still being, or the "
+                                      "camera refused"));
+}
+
+TEST_F(Transfers, HelpSaysWhatSilenceMeans) {
+  const std::pair<const char*, const char*> meanings[] = {
+      {"put", "the camera has this very file already, or refused the request"},
+      {"get", "the upload has succeeded, or the camera refused the request"},
+      {"firmware", "the image has been flashed, or is still being, or the camera refused"}};
+  for (const auto& [command, meaning] : meanings) {
+    const Result help = run({command, "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.out, HasSubstr("until the time-out has passed (status 5):"));
+    EXPECT_THAT(help.out, HasSubstr(meaning)) << command;
+    EXPECT_THAT(help.out, HasSubstr("--timeout"));
+  }
 }
 
 TEST_F(Transfers, FirmwareFailureIsTold) {
@@ -151,6 +169,23 @@ TEST_F(Transfers, UploadCarriesFileNameAndFormFields) {
   EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{90000}));
 }
 
+TEST_F(Transfers, EveryKindOfUploadAsksForItsOwn) {
+  Peer peer(takingNote());
+  const std::pair<std::vector<std::string>, const char*> kinds[] = {
+      {{"snapshot"}, "snapshot"},
+      {{"support"}, "supportInfo"},
+      {{"event-snapshot", "--filename", "motionsnap_1.jpg"}, "eventSnapshot"},
+      {{"event-heatmap", "--filename", "heatmap_1.png"}, "eventHeatmap"}};
+  for (const auto& [typed, what] : kinds) {
+    std::vector<std::string> arguments = {"get", "--timeout", "7", "http://x/"};
+    arguments.insert(arguments.begin() + 1, typed.begin(), typed.end());
+    EXPECT_EQ(run(arguments).status, 0) << what;
+    const Peer::Request request = peer.Received().back();
+    EXPECT_EQ(request.Find("what")->ToText(), what);
+    EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{7000}));
+  }
+}
+
 TEST_F(Transfers, UnknownFunctionAndAbsentCameraAreToldAtOnce) {
   EXPECT_EQ(run(putLogo("60")).status, 3);
   Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
@@ -169,6 +204,7 @@ TEST_F(Transfers, SpinnerShowsOnATerminalAndIsWipedOff) {
   Peer peer(takingNote());
   Child child(putLogo("60"), Child::On::Terminal);
   ASSERT_TRUE(child.AwaitOutput("waiting for the camera  0 s"));
+  ASSERT_TRUE(child.AwaitOutput("waiting for the camera  1 s"));
   child.Write("\x03");
   const Result result = child.Wait();
   EXPECT_EQ(result.status, 130);
