@@ -73,7 +73,8 @@ TEST(RunDaemon, LeavesNoZombieAndNoChild) {
   errno = 0;
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
   EXPECT_EQ(ECHILD, errno);
-  EXPECT_TRUE(eventually([&] { return kill(pid, 0) != 0; })) << "the ended process stays around";
+  // Whether it is gone then is the affair of process 1, which need not be an init in a container.
+  EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
 }
 
 TEST(RunDaemon, LeadsASessionOfItsOwn) {
