@@ -32,14 +32,16 @@ timeval now() {
 
 namespace {
 
+/// @param terms what is unusual about the run: recorded, but no part of the command
 fakes::ProcessResult runRecorded(const std::string& program,
-                                 const std::vector<std::string>& arguments) {
+                                 const std::vector<std::string>& arguments,
+                                 const std::string& terms = "") {
   std::string command = program;
   for (const auto& argument : arguments) {
     command += " " + argument;
   }
-  platform().commands.push_back(command);
-  platform().note("run " + command);
+  platform().commands.push_back(command + terms);
+  platform().note("run " + command + terms);
   return platform().onRun ? platform().onRun(command) : fakes::ProcessResult{};
 }
 
@@ -68,17 +70,18 @@ bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, 
     arguments.emplace_back(va_arg(list, const char*));
   }
   va_end(list);
+  std::string terms;
   if (workingDirectory != nullptr) {
-    arguments.push_back("(in " + *workingDirectory + ")");
+    terms += " (in " + *workingDirectory + ")";
   }
   if (signalMask != nullptr) {
-    arguments.emplace_back("(signals blocked)");
+    terms += " (signals blocked)";
   }
   if (pid != nullptr) {
-    arguments.emplace_back("(process id wanted)");
+    terms += " (process id wanted)";
     *pid = 4242;
   }
-  return runRecorded(program, arguments).status == 0;
+  return runRecorded(program, arguments, terms).status == 0;
 }
 
 int kill_process_by_name(const std::string& name, int signal) {
