@@ -13,7 +13,9 @@ option(KOVA_HARDEN "Build with the hardening flags of a release" OFF)
 
 find_program(KOVA_CCACHE ccache)
 if(KOVA_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_CXX_COMPILER_LAUNCHER "${KOVA_CCACHE}")
+  # By paths relative to the source folder: one clone profits from what another has compiled.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+      "${CMAKE_COMMAND};-E;env;CCACHE_BASEDIR=${PROJECT_SOURCE_DIR};CCACHE_NOHASHDIR=1;${KOVA_CCACHE}")
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Wformat=2
