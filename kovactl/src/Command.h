@@ -1,10 +1,11 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
 #include <string_view>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Exit.h"
 #include "Options.h"
 
@@ -19,27 +20,27 @@ struct Command {
   std::string_view group;    ///< heading in the help; "" hides the command
   std::string_view summary;  ///< one line of help
   /// Declares the arguments; what it returns holds their values.
-  Action (*setUp)(CLI::App& app);
+  Action (*setUp)(CommandLine& line);
 };
 
 const std::vector<Command>& commands();
 
 // One for each file in commands/.
-Action setUpCall(CLI::App& app);
-Action setUpComplete(CLI::App& app);
-Action setUpExitService(CLI::App& app);
-Action setUpFirmware(CLI::App& app);
-Action setUpGet(CLI::App& app);
-Action setUpListen(CLI::App& app);
-Action setUpMonitor(CLI::App& app);
-Action setUpPut(CLI::App& app);
-Action setUpReboot(CLI::App& app);
-Action setUpResetDefaults(CLI::App& app);
-Action setUpResetSettings(CLI::App& app);
-Action setUpSave(CLI::App& app);
-Action setUpService(CLI::App& app);
-Action setUpSettings(CLI::App& app);
-Action setUpStats(CLI::App& app);
-Action setUpUser(CLI::App& app);
+Action setUpCall(CommandLine& line);
+Action setUpComplete(CommandLine& line);
+Action setUpExitService(CommandLine& line);
+Action setUpFirmware(CommandLine& line);
+Action setUpGet(CommandLine& line);
+Action setUpListen(CommandLine& line);
+Action setUpMonitor(CommandLine& line);
+Action setUpPut(CommandLine& line);
+Action setUpReboot(CommandLine& line);
+Action setUpResetDefaults(CommandLine& line);
+Action setUpResetSettings(CommandLine& line);
+Action setUpSave(CommandLine& line);
+Action setUpService(CommandLine& line);
+Action setUpSettings(CommandLine& line);
+Action setUpStats(CommandLine& line);
+Action setUpUser(CommandLine& line);
 
 }  // namespace kova::ctl

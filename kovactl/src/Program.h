@@ -1,9 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <cstdint>
 #include <memory>
-#include <string>
 
+#include "Command.h"
 #include "Exit.h"
 #include "Options.h"
 
@@ -21,18 +21,16 @@ class Program {
   Exit Run(int argc, const char* const* argv);
 
   /// The parser, for whatever describes the command line.
-  const CLI::App& Parser() const { return app_; }
+  const CLI::App& Parser() const { return *app_; }
 
  private:
   void AddOptions();
   void AddCommands();
-  std::string Complaint(const CLI::ParseError& error) const;
-  Exit Explain(const CLI::ParseError& error) const;
 
-  CLI::App app_;
+  std::unique_ptr<CLI::App> app_;
   Options options_;
-  std::string timeout_;
-  std::function<Exit(const Options&)> action_;
+  std::uint32_t timeoutMs_ = 0;  // 0 when it is not given
+  Action action_;
 };
 
 }  // namespace kova::ctl

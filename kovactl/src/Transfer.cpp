@@ -113,22 +113,15 @@ Exit sendAndWait(Client& client, BaseRequestMessage& request, std::uint32_t time
 
 }  // namespace
 
-std::shared_ptr<TransferOptions> addTransferOptions(CLI::App& app, std::uint32_t defaultMs,
+std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint32_t defaultMs,
                                                     std::string_view silence) {
   auto transfer = std::make_shared<TransferOptions>();
   transfer->timeoutMs = defaultMs;
-  app.add_option_function<std::string>(
-         "--timeout",
-         [transfer](const std::string& text) {
-           if (!parseSeconds(text, transfer->timeoutMs)) {
-             throw CLI::ValidationError("--timeout", "\"" + text + "\" is no time-out in seconds");
-           }
-         },
-         "How long the camera may take (" + std::to_string(defaultMs / 1000) + ")")
-      ->type_name("SECONDS");
-  app.add_flag("--wait", transfer->wait, "Wait for the outcome; only \"OK\" gives status 0");
-  app.footer("With --wait, when no event comes until the time-out has passed (status 5):\n" +
-             std::string(silence) + "\n");
+  line.Seconds("--timeout", transfer->timeoutMs,
+               "How long the camera may take (" + std::to_string(defaultMs / 1000) + ")");
+  line.Flag("--wait", transfer->wait, "Wait for the outcome; only \"OK\" gives status 0");
+  line.Footer("With --wait, when no event comes until the time-out has passed (status 5):\n" +
+              std::string(silence) + "\n");
   return transfer;
 }
 

@@ -16,7 +16,7 @@ struct TransferOptions {
 /// Declares --timeout and --wait.
 /// @param defaultMs the time-out when none is given
 /// @param silence   what it means when no event comes; stands in the help too
-std::shared_ptr<TransferOptions> addTransferOptions(CLI::App& app, std::uint32_t defaultMs,
+std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint32_t defaultMs,
                                                     std::string_view silence);
 
 /// Sends the request of a transfer. When it is to wait: until the camera's event with the request's

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fstream>
 #include <sstream>

@@ -77,17 +77,14 @@ Exit run(const Options& options, const Arguments& arguments) {
 
 }  // namespace
 
-Action setUpCall(CLI::App& app) {
+Action setUpCall(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  app.add_option("FUNCTION", arguments->function, "Function name, for example GetSystemStats")
-      ->required()
-      ->type_name("");
-  app.add_option("FIELD", arguments->fields, "Fields of the request: key=text or key:=JSON")
-      ->type_name("");
-  app.add_option("--to", arguments->to, "Endpoint to ask (kova_ctlserver)")->type_name("ENDPOINT");
-  app.add_option("--from", arguments->from, "Sender to name in the request")->type_name("ENDPOINT");
-  app.add_flag("--no-reply", arguments->noReply, "Send it and do not wait for an answer");
-  app.footer(kFooter);
+  line.Argument("FUNCTION", arguments->function, "Function name, for example GetSystemStats");
+  line.Arguments("FIELD", arguments->fields, "Fields of the request: key=text or key:=JSON");
+  line.Option("--to", arguments->to, "ENDPOINT", "Endpoint to ask (kova_ctlserver)");
+  line.Option("--from", arguments->from, "ENDPOINT", "Sender to name in the request");
+  line.Flag("--no-reply", arguments->noReply, "Send it and do not wait for an answer");
+  line.Footer(kFooter);
   return [arguments](const Options& options) { return run(options, *arguments); };
 }
 

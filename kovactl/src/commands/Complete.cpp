@@ -62,15 +62,14 @@ Words candidates(const std::string& topic, const std::string& word) {
 
 }  // namespace
 
-Action setUpComplete(CLI::App& app) {
+Action setUpComplete(CommandLine& line) {
+  auto topic = std::make_shared<std::string>();
   auto words = std::make_shared<Words>();
-  app.add_option("TOPIC", *words, "functions, fields FUNCTION, sections or endpoints")
-      ->required()
-      ->expected(1, 2);
-  return [words](const Options&) {
+  line.Argument("TOPIC", *topic, "functions, fields, sections or endpoints");
+  line.Arguments("WORD", *words, "The function that fields are wanted of");
+  return [topic, words](const Options&) {
     std::string text;
-    for (const std::string& word :
-         candidates(words->front(), words->size() > 1 ? words->back() : "")) {
+    for (const std::string& word : candidates(*topic, words->empty() ? "" : words->front())) {
       text += word + "\n";
     }
     return show(text);

@@ -3,8 +3,8 @@
 
 namespace kova::ctl {
 
-Action setUpExitService(CLI::App& app) {
-  app.footer(
+Action setUpExitService(CommandLine& line) {
+  line.Footer(
       "A pending save or factory reset is done before it ends. Where a supervisor watches it, it\n"
       "comes back.\n");
   return [](const Options& options) {

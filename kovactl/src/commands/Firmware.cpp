@@ -11,12 +11,10 @@ constexpr const char* kSilence =
 
 }  // namespace
 
-Action setUpFirmware(CLI::App& app) {
+Action setUpFirmware(CommandLine& line) {
   auto uri = std::make_shared<std::string>();
-  app.add_option("URI", *uri, "Where the camera fetches the image from, http: or https:")
-      ->required()
-      ->type_name("");
-  auto transfer = addTransferOptions(app, 600000, kSilence);
+  line.Argument("URI", *uri, "Where the camera fetches the image from, http: or https:");
+  auto transfer = addTransferOptions(line, 600000, kSilence);
   return [uri, transfer](const Options& options) {
     ipc::messages::UpdateFirmwareRequest request;
     request.uri(*uri);

@@ -67,23 +67,16 @@ Exit run(const Options& options, const Arguments& arguments, const TransferOptio
 
 }  // namespace
 
-Action setUpGet(CLI::App& app) {
+Action setUpGet(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  app.add_option("WHAT", arguments->what, "snapshot, support, event-snapshot or event-heatmap")
-      ->required()
-      ->type_name("")
-      ->check(CLI::IsMember({"snapshot", "support", "event-snapshot", "event-heatmap"}));
-  app.add_option("URI", arguments->uri, "Where the camera uploads it to, http: or https:")
-      ->required()
-      ->type_name("");
-  app.add_option("--filename", arguments->filename,
-                 "Name of the event's file, such as motionsnap_12.jpg or heatmap_12.png")
-      ->type_name("NAME");
-  app.add_option("--field", arguments->fields, "Field to add to the upload's form; repeatable")
-      ->type_name("KEY=VALUE")
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  auto transfer = addTransferOptions(app, 90000, kSilence);
+  line.Argument("WHAT", arguments->what, "snapshot, support, event-snapshot or event-heatmap",
+                {"snapshot", "support", "event-snapshot", "event-heatmap"});
+  line.Argument("URI", arguments->uri, "Where the camera uploads it to, http: or https:");
+  line.Option("--filename", arguments->filename, "NAME",
+              "Name of the event's file, such as motionsnap_12.jpg or heatmap_12.png");
+  line.Option("--field", arguments->fields, "KEY=VALUE",
+              "Field to add to the upload's form; repeatable");
+  auto transfer = addTransferOptions(line, 90000, kSilence);
   return
       [arguments, transfer](const Options& options) { return run(options, *arguments, *transfer); };
 }

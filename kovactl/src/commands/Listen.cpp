@@ -50,12 +50,10 @@ Exit run(const Options& options, const std::string& endpoint) {
 
 }  // namespace
 
-Action setUpListen(CLI::App& app) {
+Action setUpListen(CommandLine& line) {
   auto endpoint = std::make_shared<std::string>();
-  app.add_option("ENDPOINT", *endpoint, "Name to take on the bus, for example client.me")
-      ->required()
-      ->type_name("");
-  app.footer(
+  line.Argument("ENDPOINT", *endpoint, "Name to take on the bus, for example client.me");
+  line.Footer(
       "One line a message, written at once; passwords are masked. SIGINT and SIGTERM end it with\n"
       "status 0; status 3 when the bus goes away. Names outside \"client.\" need root.\n");
   return [endpoint](const Options& options) { return run(options, *endpoint); };

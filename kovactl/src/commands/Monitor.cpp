@@ -41,8 +41,8 @@ Exit run(const Options& options) {
 
 }  // namespace
 
-Action setUpMonitor(CLI::App& app) {
-  app.footer(
+Action setUpMonitor(CommandLine& line) {
+  line.Footer(
       "One line a message: time, sender -> destination, function and fields; \"*\" is everybody.\n"
       "Passwords are masked. Needs root. Ctrl-C ends it (status 130).\n");
   return run;

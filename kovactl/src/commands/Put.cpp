@@ -48,19 +48,14 @@ Exit run(const Options& options, Arguments arguments, const TransferOptions& tra
 
 }  // namespace
 
-Action setUpPut(CLI::App& app) {
+Action setUpPut(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  app.add_option("WHAT", arguments->what, "logo or sound")
-      ->required()
-      ->type_name("")
-      ->check(CLI::IsMember({"logo", "sound"}));
-  app.add_option("URI", arguments->uri, "Where the camera fetches it from, http: or https:")
-      ->required()
-      ->type_name("");
-  app.add_option("--hash", arguments->hash, "MD5 digest that the file must have")->type_name("MD5");
-  app.add_option("--file", arguments->file, "Local copy of the file, to take the digest from")
-      ->type_name("LOCAL");
-  auto transfer = addTransferOptions(app, 20000, kSilence);
+  line.Argument("WHAT", arguments->what, "logo or sound", {"logo", "sound"});
+  line.Argument("URI", arguments->uri, "Where the camera fetches it from, http: or https:");
+  line.Option("--hash", arguments->hash, "MD5", "MD5 digest that the file must have");
+  line.Option("--file", arguments->file, "LOCAL",
+              "Local copy of the file, to take the digest from");
+  auto transfer = addTransferOptions(line, 20000, kSilence);
   return
       [arguments, transfer](const Options& options) { return run(options, *arguments, *transfer); };
 }

@@ -25,10 +25,10 @@ Exit reboot(const Options& options, std::uint32_t delayMs) {
 
 }  // namespace
 
-Action setUpReboot(CLI::App& app) {
+Action setUpReboot(CommandLine& line) {
   auto delayMs = std::make_shared<std::uint32_t>(0);
-  app.add_option("--delay", *delayMs, "Reboot after this many milliseconds (0)")->type_name("MS");
-  app.footer(
+  line.Option("--delay", *delayMs, "MS", "Reboot after this many milliseconds (0)");
+  line.Footer(
       "The configuration is saved to flash first. The camera does not answer this request, and\n"
       "serves no other until it is up again.\n");
   return [delayMs](const Options& options) { return reboot(options, *delayMs); };

@@ -23,10 +23,10 @@ Exit confirm() {
 
 }  // namespace
 
-Action setUpResetDefaults(CLI::App& app) {
+Action setUpResetDefaults(CommandLine& line) {
   auto yes = std::make_shared<bool>(false);
-  app.add_flag("-y,--yes", *yes, "Do not ask");
-  app.footer("The configuration is erased 5 s later, then the camera reboots.\n");
+  line.Flag("-y,--yes", *yes, "Do not ask");
+  line.Footer("The configuration is erased 5 s later, then the camera reboots.\n");
   return [yes](const Options& options) {
     if (const Exit confirmed = *yes ? Exit::Ok : confirm(); confirmed != Exit::Ok) {
       return confirmed;

@@ -3,8 +3,8 @@
 
 namespace kova::ctl {
 
-Action setUpResetSettings(CLI::App& app) {
-  app.footer("Sets the model's own name and the time zone GMT, and prints the settings then.\n");
+Action setUpResetSettings(CommandLine& line) {
+  line.Footer("Sets the model's own name and the time zone GMT, and prints the settings then.\n");
   return [](const Options& options) {
     ipc::messages::BaseRequestMessage request;
     request.functionName("ResetDeviceSettings");

@@ -4,10 +4,10 @@
 
 namespace kova::ctl {
 
-Action setUpSave(CLI::App& app) {
+Action setUpSave(CommandLine& line) {
   auto sync = std::make_shared<bool>(false);
-  app.add_flag("--sync", *sync, "Write at once and wait until it is done");
-  app.footer(
+  line.Flag("--sync", *sync, "Write at once and wait until it is done");
+  line.Footer(
       "Without --sync the camera writes 5 s after the last such request, and tells no failure.\n");
   return [sync](const Options& options) {
     constexpr std::uint32_t kWriteMs = 25000;  // flash is slow

@@ -15,18 +15,17 @@ Exit control(const Options& options, const std::string& service, const char* don
 
 }  // namespace
 
-Action setUpService(CLI::App& app) {
+Action setUpService(CommandLine& line) {
   auto service = std::make_shared<std::string>();
-  CLI::App* start = app.add_subcommand("start", "Start a service, now and at every boot");
-  CLI::App* stop = app.add_subcommand("stop", "Stop a service, now and at every boot");
-  for (CLI::App* sub : {start, stop}) {
-    sub->add_option("NAME", *service, "Name of the service")->required()->type_name("");
+  CommandLine start = line.Subcommand("start", "Start a service, now and at every boot");
+  CommandLine stop = line.Subcommand("stop", "Stop a service, now and at every boot");
+  for (CommandLine* sub : {&start, &stop}) {
+    sub->Argument("NAME", *service, "Name of the service");
   }
-  app.require_subcommand(1);
   return [service, start](const Options& options) {
     using namespace ipc::messages;
-    return start->parsed() ? control<StartService>(options, *service, "is started.")
-                           : control<StopService>(options, *service, "is stopped.");
+    return start.Given() ? control<StartService>(options, *service, "is started.")
+                         : control<StopService>(options, *service, "is stopped.");
   };
 }
 

@@ -28,11 +28,10 @@ Exit run(const Options& options, const std::vector<std::string>& arguments) {
 
 }  // namespace
 
-Action setUpSettings(CLI::App& app) {
+Action setUpSettings(CommandLine& line) {
   auto arguments = std::make_shared<std::vector<std::string>>();
-  app.add_option("SETTING", *arguments, "Changes, as name=value; none shows the settings")
-      ->type_name("");
-  app.footer(kFooter);
+  line.Arguments("SETTING", *arguments, "Changes, as name=value; none shows the settings");
+  line.Footer(kFooter);
   return [arguments](const Options& options) { return run(options, *arguments); };
 }
 

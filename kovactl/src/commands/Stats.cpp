@@ -1,4 +1,7 @@
+#include <algorithm>
 #include <chrono>
+#include <ctime>
+#include <optional>
 
 #include "../Answer.h"
 #include "../Command.h"
@@ -15,10 +18,7 @@ using Sections = std::vector<const StatsSection*>;
 
 struct Arguments {
   std::vector<std::string> sections;
-  std::string interval;
-  const CLI::Option* watch = nullptr;
-
-  bool Watching() const { return watch->count() > 0; }
+  std::optional<std::string> watch;  ///< how often, in seconds; "" leaves it to us
 };
 
 ipc::messages::GetSystemStats requestFor(const Sections& wanted) {
@@ -96,8 +96,9 @@ Exit run(const Options& options, const Arguments& arguments) {
   std::uint32_t intervalMs = 2000;
   std::vector<std::string> names = arguments.sections;
   // "--watch memory" names a section: what is no number was not meant for --watch.
-  if (!arguments.interval.empty() && !parseSeconds(arguments.interval, intervalMs)) {
-    names.push_back(arguments.interval);
+  const std::string interval = arguments.watch.value_or("");
+  if (!interval.empty() && !parseSeconds(interval, intervalMs)) {
+    names.push_back(interval);
   }
   Sections wanted;
   for (const std::string& name : names) {
@@ -111,23 +112,21 @@ Exit run(const Options& options, const Arguments& arguments) {
   if (const Exit joined = client.Join(); joined != Exit::Ok) {
     return joined;
   }
-  return arguments.Watching() ? watch(client, wanted, intervalMs) : showOnce(client, wanted);
+  return arguments.watch ? watch(client, wanted, intervalMs) : showOnce(client, wanted);
 }
 
 }  // namespace
 
-Action setUpStats(CLI::App& app) {
+Action setUpStats(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
   std::string names;
   for (const StatsSection& section : statsSections()) {
     names += " " + std::string(section.flag);
   }
-  app.add_option("SECTION", arguments->sections, "What to show (all):" + names)->type_name("");
-  arguments->watch = app.add_option("--watch", arguments->interval,
-                                    "Show it again every so many seconds (2), until Ctrl-C")
-                         ->type_name("[SECONDS]")
-                         ->expected(0, 1);
-  app.footer(
+  line.Arguments("SECTION", arguments->sections, "What to show (all):" + names);
+  line.OptionalValue("--watch", arguments->watch, "[SECONDS]",
+                     "Show it again every so many seconds (2), until Ctrl-C");
+  line.Footer(
       "On a terminal --watch refreshes in place. With --json it prints one line of JSON each "
       "time.\n");
   return [arguments](const Options& options) { return run(options, *arguments); };

@@ -74,46 +74,38 @@ Exit change(const Options& options, const char* done) {
   return askServer(options, request, done);
 }
 
-CLI::App* addPasswd(CLI::App& app, Arguments& arguments) {
-  CLI::App* passwd = app.add_subcommand("passwd", "Change the password, and the name with --name");
-  passwd->add_option("--name", arguments.name, "New name of the account (as it is)")
-      ->type_name("NAME");
-  CLI::Option* oldFile = passwd
-                             ->add_option("--old-file", arguments.passwords.oldFile,
-                                          "Read the old password from this file's first line")
-                             ->type_name("FILE");
-  CLI::Option* newFile = passwd
-                             ->add_option("--new-file", arguments.passwords.newFile,
-                                          "Read the new password from this file's first line")
-                             ->type_name("FILE");
-  passwd
-      ->add_flag("--stdin", arguments.passwords.fromInput,
-                 "Read two lines from standard input: the old password, the new one")
-      ->excludes(oldFile)
-      ->excludes(newFile);
-  passwd->footer("A password that no option gives is asked for on the terminal, without echo.\n");
+CommandLine addPasswd(CommandLine& line, Arguments& arguments) {
+  CommandLine passwd = line.Subcommand("passwd", "Change the password, and the name with --name");
+  passwd.Option("--name", arguments.name, "NAME", "New name of the account (as it is)");
+  passwd.Option("--old-file", arguments.passwords.oldFile, "FILE",
+                "Read the old password from this file's first line");
+  passwd.Option("--new-file", arguments.passwords.newFile, "FILE",
+                "Read the new password from this file's first line");
+  passwd.Flag("--stdin", arguments.passwords.fromInput,
+              "Read two lines from standard input: the old password, the new one",
+              {"--old-file", "--new-file"});
+  passwd.Footer("A password that no option gives is asked for on the terminal, without echo.\n");
   return passwd;
 }
 
 }  // namespace
 
-Action setUpUser(CLI::App& app) {
+Action setUpUser(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  const CLI::App* show = app.add_subcommand("show", "Print the account's name");
-  const CLI::App* passwd = addPasswd(app, *arguments);
-  const CLI::App* enable = app.add_subcommand("enable", "Unlock the account's password");
-  app.add_subcommand("disable", "Lock the account's password");
-  app.require_subcommand(1);
+  const CommandLine show = line.Subcommand("show", "Print the account's name");
+  const CommandLine passwd = addPasswd(line, *arguments);
+  const CommandLine enable = line.Subcommand("enable", "Unlock the account's password");
+  line.Subcommand("disable", "Lock the account's password");
   return [=](const Options& options) {
     using namespace ipc::messages;
-    if (show->parsed()) {
+    if (show.Given()) {
       return showName(options);
     }
-    if (passwd->parsed()) {
+    if (passwd.Given()) {
       return changePassword(options, *arguments);
     }
-    return enable->parsed() ? change<EnableUsernamePassword>(options, "Enabled.\n")
-                            : change<DisableUsernamePassword>(options, "Disabled.\n");
+    return enable.Given() ? change<EnableUsernamePassword>(options, "Enabled.\n")
+                          : change<DisableUsernamePassword>(options, "Disabled.\n");
   };
 }
 
