@@ -9,6 +9,7 @@ template <typename Message>
 Exit control(const Options& options, const std::string& service, const char* done) {
   Message request;
   request.service(service);
+  request.from("kovactl");  // the camera logs who asked
   return askServer(options, request, service + " " + done + "\n",
                    "is there a service \"" + service + "\"?");
 }
