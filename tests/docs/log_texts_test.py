@@ -6,10 +6,12 @@ import sys
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[2]
-SOURCES = sorted([*TOP.glob("kova_ctlserver/src/*.cpp"), *TOP.glob("platform/*/src/*.cpp")])
+FOLDERS = ("kova_ctlserver/src/*.cpp", "kova_ctlserver/include/*.h", "platform/*/src/*.cpp")
+SOURCES = sorted(path for folder in FOLDERS for path in TOP.glob(folder))
 
-# What logs: the text is the first literal, for KOVA_LOG_IN the first behind the name of the operation.
-CALL = re.compile(r"\b(KOVA_LOG_IN|KOVA_LOG|fail)\(")
+# What logs: the text is the first literal behind so many arguments, which name where the line comes from.
+CALL = re.compile(r"\b(KOVA_LOG_IN|KOVA_LOG_AT|KOVA_LOG|logInternal|fail)\(")
+ORIGIN = {"KOVA_LOG_IN": 1, "KOVA_LOG_AT": 1, "logInternal": 4}
 LITERAL = re.compile(r'"((?:[^"\\]|\\.)*)"(?:\s*"((?:[^"\\]|\\.)*)")*')
 # BusMonitor is the listener's side of the library.
 LEFT_OUT = {"BusMonitor.cpp"}
@@ -38,13 +40,19 @@ def logged():
             continue
         source = path.read_text()
         for call in CALL.finditer(source):
-            values = arguments(source, call.end())
-            if call.group(1) == "KOVA_LOG_IN":
-                values = values.partition(",")[2]
+            values = arguments(source, call.end()).split(",", ORIGIN.get(call.group(1), 0))[-1]
             literal = LITERAL.search(values)
             text = unquoted(literal) if literal else ""
             if re.sub(r"%[sd]", "", text).strip():
                 yield text
+
+
+def crash_headline():
+    """What the crash handler logs; it puts its text together without printf(3)."""
+    source = (TOP / "platform/utils/src/Crash.cpp").read_text()
+    built = source[source.index("> headline;") : source.index("sink.Line(headline")]
+    parts = re.findall(r'\.Append(Number|Hex)?\((?:"([^"\\]*)")?', built)
+    return "".join(literal or ("%d" if kind == "Number" else "%s") for kind, literal in parts)
 
 
 def documented():
@@ -58,7 +66,7 @@ def literals():
 
 
 def main():
-    texts, rows = set(logged()), set(documented())
+    texts, rows = {crash_headline(), *logged()}, set(documented())
     faults = [f"docs/operations.md lacks: {text}" for text in sorted(texts - rows)]
     faults += [f"nothing logs what docs/operations.md has: {text}" for text in sorted(rows - texts - literals())]
     print(*faults, f"{len(texts)} texts in the code, {len(rows)} in the table", sep="\n")
