@@ -77,7 +77,7 @@ int callback(sd_bus_message* message, void* owner, sd_bus_error* error) noexcept
 /// @return null on failure
 BusPtr openBus(bool monitor, std::string& error);
 
-/// "REASON (errno text)" of a negative sd-bus result.
+/// "WHAT: errno text" of a negative sd-bus result.
 std::string explain(const char* what, int result);
 
 }  // namespace kova::ipc
