@@ -10,11 +10,9 @@ namespace kova::ctl {
 namespace {
 
 constexpr const char* kSilence =
-    "the upload has succeeded, or the camera refused the request (this URI is in use, such a file "
-    "is\n"
-    "being uploaded already, or the name is not allowed), or a second support archive was asked "
-    "for\n"
-    "meanwhile; the receiver, or the camera's log, tells which";
+    "the upload has succeeded, or the camera refused the request (this URI is in use, such a file\n"
+    "is being uploaded already, or the name is not allowed), or a second support archive was\n"
+    "asked for meanwhile; the receiver, or the camera's log, tells which";
 
 struct Kind {
   std::string_view typed;
