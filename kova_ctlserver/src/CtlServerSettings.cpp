@@ -171,7 +171,7 @@ bool updateRegion(Update& update) {
 }
 
 bool takesTimelapses(const variant::CameraInfo& cameraInfo) {
-  const auto sysid = cameraInfo.sysid();
+  const auto sysid = cameraInfo.sysid(KOVA_LOG_ORIGIN(kOperation));
   return sysid == 42321 || sysid == 42324;
 }
 
@@ -231,7 +231,7 @@ bool CtlServer::updateSettings(ChangeDeviceSettings& request, Variant& reply) {
 bool CtlServer::resetSettings(Variant& reply) {
   Variant defaults;
   defaults["timezone"] = "GMT";
-  defaults["name"] = cameraInfo_.name();
+  defaults["name"] = cameraInfo_.name(KOVA_LOG_ORIGIN(__func__));
   defaults["persist"] = true;
   ChangeDeviceSettings request(defaults);
   request.NormalizeFields();

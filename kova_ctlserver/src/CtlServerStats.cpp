@@ -111,15 +111,16 @@ bool readBattery(Variant& reply) {
 bool CtlServer::readStats(ipc::messages::GetSystemStats& request, Variant& reply) {
   reply.Reset();
   reply.IsArray(false);
+  const logger::Origin here = KOVA_LOG_ORIGIN(__func__);
   return (!request.memory() || readMemory(reply)) && (!request.cpu() || readCpu(reply)) &&
          (!request.cpuInfo() || readCpuInfo(reply)) &&
          (!request.loadavg() || readLoadAverage(reply)) &&
          (!request.network() || readNetwork(reply)) &&
          // The features are read whatever was asked for: a description that lacks them is found at
          // once.
-         (cameraInfo_.featureWifi() == 0 || !request.wifi() || readWifi(reply)) &&
+         (cameraInfo_.featureWifi(here) == 0 || !request.wifi() || readWifi(reply)) &&
          (!request.uptime() || readUptime(reply)) &&
-         (cameraInfo_.featureBattery() == 0 || !request.battery() || readBattery(reply));
+         (cameraInfo_.featureBattery(here) == 0 || !request.battery() || readBattery(reply));
 }
 
 bool CtlServer::readMemory(Variant& reply) {

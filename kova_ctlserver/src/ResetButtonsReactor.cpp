@@ -26,7 +26,8 @@ bool ResetButtonsReactor::init(const std::string& name, const variant::CameraInf
   cameraInfo_ = info;
   ipc_ = ipc;
   server_ = server;
-  thresholdMs_ = cameraInfo_->sysid() == kShortHoldSysid ? kShortHoldMs : kHoldMs;
+  const std::uint32_t sysid = cameraInfo_->sysid(KOVA_LOG_ORIGIN(__func__));
+  thresholdMs_ = sysid == kShortHoldSysid ? kShortHoldMs : kHoldMs;
   initialised_ = true;
   return true;
 }

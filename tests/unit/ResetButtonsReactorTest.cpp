@@ -238,16 +238,20 @@ TEST_F(ReleaseWaitTest, IsNotNeededAtTheLargestTime) {
 // The model.
 
 TEST_F(ResetButtonsReactorTest, DescriptionWithoutAModelEndsTheProcess) {
-  info_ = variant::CameraInfo();
   ResetButtonsReactor fresh;
-  EXPECT_THROW(fresh.init("case", &info_, nullptr, server_.get()), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(LOG_ERR, "Invalid variant type detected"));
+  const auto expectCrash = [&](const std::string& text) {
+    platform().log.clear();
+    EXPECT_THROW(fresh.init("case", &info_, nullptr, server_.get()), fakes::ForcedCrash);
+    EXPECT_THAT(platform().log, ElementsAre(line("init", text, LOG_ERR)));
+  };
+  info_ = variant::CameraInfo();
+  expectCrash("Invalid variant type detected");
   info_["name"] = "Kova";
-  EXPECT_THROW(fresh.init("case", &info_, nullptr, server_.get()), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(LOG_ERR, "Key \"sysid\" not available"));
+  expectCrash("Key \"sysid\" not available");
   info_["sysid"] = "42278";
-  EXPECT_THROW(fresh.init("case", &info_, nullptr, server_.get()), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(LOG_ERR, "Key \"sysid\" has a different type than expected"));
+  expectCrash("Key \"sysid\" has a different type than expected");
+  info_["sysid"] = 42278.0;
+  expectCrash("Key \"sysid\" has a different type than expected");
   fresh.buttonDown();
   EXPECT_TRUE(platform().logged(LOG_ERR, "Internal error"));
 }

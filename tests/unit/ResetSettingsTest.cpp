@@ -8,8 +8,10 @@
 namespace kova::ctlserver {
 namespace {
 
+using fakes::LogLine;
 using fakes::platform;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::Not;
 using testing::StartsWith;
 using variant::Variant;
@@ -63,7 +65,8 @@ class UnnamedDeviceTest : public ResetSettingsTest {
  protected:
   void expectCrash(const std::string& text) {
     EXPECT_THROW(server_.resetSettings(reply_), fakes::ForcedCrash);
-    EXPECT_TRUE(platform().logged(LOG_ERR, text));
+    EXPECT_THAT(platform().log,
+                ElementsAre(LogLine{"CtlServer", "resetSettings", LOG_ERR, 0, text}));
     EXPECT_THAT(platform().journal, Not(Contains(StartsWith("SystemCfgManager"))));
   }
 };

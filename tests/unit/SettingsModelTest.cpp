@@ -84,7 +84,7 @@ TEST_F(SettingsTest, DescriptionWithoutAModelEndsTheProcess) {
   info_ = variant::CameraInfo();
   info_["name"] = "Kova";
   EXPECT_THROW(update({}), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(LOG_ERR, "Key \"sysid\" not available"));
+  EXPECT_THAT(platform().log, ElementsAre(error("Key \"sysid\" not available")));
 }
 
 // Writing the store back.

@@ -62,6 +62,12 @@ class StatsTest : public testing::Test {
     return flags;
   }
 
+  /// The section of two interfaces, of which one is reported; its counters count up from `first`.
+  static Variant network(const char* name, std::uint64_t first) {
+    return Map{{"numifaces", std::uint8_t{2}}, {"name", name},       {"bytesRx", first},
+               {"bytesTx", first + 1},         {"upBps", first + 2}, {"dnBps", first + 3}};
+  }
+
   variant::CameraInfo info_;
   CtlServer server_{info_};
   Variant reply_{"left over"};
@@ -179,8 +185,32 @@ TEST_F(StatsTest, AFeatureIsReadAsASignedByte) {
 TEST_F(StatsTest, ADefaultInterfaceThatIsNotReportedFallsBackToTheFirst) {
   platform().stats.defaultInterface = "usb0";
   ASSERT_TRUE(read());
-  EXPECT_EQ(reply_["network"]["name"], Variant("wlan0"));
-  EXPECT_EQ(reply_["network"]["bytesRx"], Variant(std::uint64_t{1}));
+  EXPECT_EQ(reply_["network"], network("wlan0", 1));
+}
+
+TEST_F(StatsTest, TheFirstInterfaceOfTheVeryNameOfTheDefaultOneIsReported) {
+  auto& network = platform().stats.network;
+  network.count = 4;
+  network.interfaces[0] = {"eth0.1", 11, 12, 13, 14};
+  network.interfaces[1] = {"eth", 21, 22, 23, 24};
+  network.interfaces[2] = {"eth0", 31, 32, 33, 34};
+  network.interfaces[3] = {"eth0", 41, 42, 43, 44};
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["network"]["bytesRx"], Variant(std::uint64_t{31}));
+}
+
+TEST_F(StatsTest, TheFirstInterfacesNameIsTrimmedToo) {
+  platform().stats.defaultInterface = "usb0";
+  platform().stats.network.interfaces[0] = {" wlan0\n", 1, 2, 3, 4};
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["network"], network("wlan0", 1));
+}
+
+TEST_F(StatsTest, OfTwoWifiRecordsOfOneNameTheFirstIsReported) {
+  setWifi(0, "eth0", -70);
+  setWifi(1, "eth0", -90);
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["wifi"]["signalStrength"], Variant(-70));
 }
 
 TEST_F(StatsTest, WithoutInterfacesTheNetworkHoldsOnlyTheirNumber) {
@@ -203,22 +233,32 @@ TEST_F(StatsTest, AWifiNameIsMatchedExactly) {
   EXPECT_EQ(reply_["wifi"], Variant(Map{{"signalStrength", -100}, {"quality", 0}}));
 }
 
+/// The description is read in the name of the operation.
+fakes::LogLine crashLine(const std::string& text) {
+  return {"CtlServer", "readStats", 3, 0, text};
+}
+
 TEST_F(StatsTest, ADescriptionThatLacksAFeatureEndsTheProcessEvenWhenNothingIsAskedFor) {
   describe({{"feature_battery", 0}});
   EXPECT_THROW(read(without("")), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(3, "Key \"feature_wifi\" not available"));
+  EXPECT_EQ(platform().log.back(), crashLine("Key \"feature_wifi\" not available"));
   describe({{"feature_wifi", 0}});
   EXPECT_THROW(read(without("")), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(3, "Key \"feature_battery\" not available"));
+  EXPECT_EQ(platform().log.back(), crashLine("Key \"feature_battery\" not available"));
 }
 
 TEST_F(StatsTest, AMistypedFeatureOrDescriptionEndsTheProcess) {
   describe({{"feature_wifi", true}, {"feature_battery", 0}});
   EXPECT_THROW(read(), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(3, "Key \"feature_wifi\" has a different type than expected"));
+  EXPECT_EQ(platform().log.back(),
+            crashLine("Key \"feature_wifi\" has a different type than expected"));
+  describe({{"feature_wifi", 0}, {"feature_battery", "1"}});
+  EXPECT_THROW(read(), fakes::ForcedCrash);
+  EXPECT_EQ(platform().log.back(),
+            crashLine("Key \"feature_battery\" has a different type than expected"));
   static_cast<Variant&>(info_) = Variant("no map");
   EXPECT_THROW(read(), fakes::ForcedCrash);
-  EXPECT_TRUE(platform().logged(3, "Invalid variant type detected"));
+  EXPECT_EQ(platform().log.back(), crashLine("Invalid variant type detected"));
 }
 
 }  // namespace

@@ -6,40 +6,51 @@
 namespace kova::variant {
 namespace {
 
-constexpr char kLogIdentity[] = "kova_variant";
-constexpr char kLogUnit[] = "CameraInfo";
+bool isText(const Variant& value) {
+  return value.Is(VariantClass::String);
+}
+
+bool isNumber(const Variant& value) {
+  return value.Is(VariantClass::Number);
+}
+
+bool isInteger(const Variant& value) {
+  return isNumber(value) && value.Type() != VariantType::Double;
+}
 
 }  // namespace
 
-std::string CameraInfo::name() const {
-  return Required("name", VariantClass::String).ToText();
+std::string CameraInfo::name(const logger::Origin& reader) const {
+  return Required("name", isText, reader).ToText();
 }
 
-std::uint32_t CameraInfo::sysid() const {
-  return Required("sysid", VariantClass::Number).ToNumber<std::uint32_t>();
+std::uint32_t CameraInfo::sysid(const logger::Origin& reader) const {
+  return Required("sysid", isInteger, reader).ToNumber<std::uint32_t>();
 }
 
-std::int8_t CameraInfo::featureWifi() const {
-  return Required("feature_wifi", VariantClass::Number).ToNumber<std::int8_t>();
+std::int8_t CameraInfo::featureWifi(const logger::Origin& reader) const {
+  return Required("feature_wifi", isNumber, reader).ToNumber<std::int8_t>();
 }
 
-std::int8_t CameraInfo::featureBattery() const {
-  return Required("feature_battery", VariantClass::Number).ToNumber<std::int8_t>();
+std::int8_t CameraInfo::featureBattery(const logger::Origin& reader) const {
+  return Required("feature_battery", isNumber, reader).ToNumber<std::int8_t>();
 }
 
-const Variant& CameraInfo::Required(std::string_view key, VariantClass mask) const {
+const Variant& CameraInfo::Required(std::string_view key, Accepts accepts,
+                                    const logger::Origin& reader) const {
   const int length = static_cast<int>(key.size());
   if (!IsMap()) {
-    KOVA_LOG(LOG_ERR, 0, "Invalid variant type detected");
+    KOVA_LOG_AT(reader, LOG_ERR, 0, "Invalid variant type detected");
     utils::forceCrash();
   }
   const Variant* value = Find(key);
   if (value == nullptr) {
-    KOVA_LOG(LOG_ERR, 0, "Key \"%.*s\" not available", length, key.data());
+    KOVA_LOG_AT(reader, LOG_ERR, 0, "Key \"%.*s\" not available", length, key.data());
     utils::forceCrash();
   }
-  if (!value->Is(mask)) {
-    KOVA_LOG(LOG_ERR, 0, "Key \"%.*s\" has a different type than expected", length, key.data());
+  if (!accepts(*value)) {
+    KOVA_LOG_AT(reader, LOG_ERR, 0, "Key \"%.*s\" has a different type than expected", length,
+                key.data());
     utils::forceCrash();
   }
   return *value;

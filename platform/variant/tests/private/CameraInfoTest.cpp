@@ -11,6 +11,9 @@
 namespace kova::variant {
 namespace {
 
+constexpr char kLogIdentity[] = "test";
+constexpr char kLogUnit[] = "CameraInfoTest";
+
 constexpr char kDescription[] = "/usr/share/kova/camera_info.json";
 
 class CameraInfoTest : public testing::Test {
@@ -26,15 +29,16 @@ class CameraInfoTest : public testing::Test {
   }
 
   CameraInfo info_;
+  const logger::Origin here_ = KOVA_LOG_ORIGIN("reader");
 };
 
 TEST_F(CameraInfoTest, ReadsTheDescriptionOfTheDevice) {
   ASSERT_TRUE(init(info_, R"({"name": "Camera", "sysid": 42278, "feature_wifi": 1,
                              "feature_battery": 0, "reset_button_gpio": "/gpio"})"));
-  EXPECT_EQ(info_.name(), "Camera");
-  EXPECT_EQ(info_.sysid(), 0xa526U);
-  EXPECT_EQ(info_.featureWifi(), 1);
-  EXPECT_EQ(info_.featureBattery(), 0);
+  EXPECT_EQ(info_.name(here_), "Camera");
+  EXPECT_EQ(info_.sysid(here_), 0xa526U);
+  EXPECT_EQ(info_.featureWifi(here_), 1);
+  EXPECT_EQ(info_.featureBattery(here_), 0);
   EXPECT_EQ(*info_.Find("reset_button_gpio"), Variant("/gpio"));
 }
 
@@ -51,16 +55,22 @@ TEST_F(CameraInfoTest, WhatIsNoJsonObjectFails) {
 TEST_F(CameraInfoTest, AFailureLeavesWhatWasReadBefore) {
   ASSERT_TRUE(init(info_, R"({"sysid": 1})"));
   EXPECT_FALSE(init(info_, "{"));
-  EXPECT_EQ(info_.sysid(), 1U);
+  EXPECT_EQ(info_.sysid(here_), 1U);
 }
 
 TEST_F(CameraInfoTest, AKeyThatIsMissingOrMistypedEndsTheProcess) {
-  EXPECT_EXIT(info_.sysid(), testing::KilledBySignal(SIGABRT), "") << "no map at all";
+  EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "") << "no map at all";
   ASSERT_TRUE(init(info_, R"({"name": 1, "sysid": "1", "feature_wifi": true})"));
-  EXPECT_EXIT(info_.name(), testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(info_.sysid(), testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(info_.featureWifi(), testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(info_.featureBattery(), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(info_.name(here_), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(info_.featureWifi(here_), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(info_.featureBattery(here_), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(CameraInfoTest, AModelThatIsNoIntegerEndsTheProcess) {
+  ASSERT_TRUE(init(info_, R"({"sysid": 42278.5, "feature_wifi": 1.5})"));
+  EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EQ(info_.featureWifi(here_), 1) << "a feature may be any number";
 }
 
 }  // namespace

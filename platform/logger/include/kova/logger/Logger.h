@@ -24,6 +24,14 @@ namespace kova::logger {
                                                const char* function, int line, int level, int error,
                                                const char* format, ...);
 
+/// Where a line comes from, for what logs in its caller's name. The members are logInternal()'s.
+struct Origin {
+  const char* identity;
+  const char* unit;
+  const char* function;
+  int line;
+};
+
 }  // namespace kova::logger
 
 /// Logs from a source file that defines `kLogIdentity` and `kLogUnit`; FUNCTION is a string.
@@ -32,3 +40,14 @@ namespace kova::logger {
 
 /// The same under the name of the function it stands in.
 #define KOVA_LOG(LEVEL, ERROR, ...) KOVA_LOG_IN(__func__, LEVEL, ERROR, __VA_ARGS__)
+
+/// Logs in the name of an Origin.
+#define KOVA_LOG_AT(ORIGIN, LEVEL, ERROR, ...)                                                    \
+  ::kova::logger::logInternal((ORIGIN).identity, (ORIGIN).unit, (ORIGIN).function, (ORIGIN).line, \
+                              LEVEL, ERROR, __VA_ARGS__)
+
+/// The Origin of the place it stands in, as FUNCTION's.
+#define KOVA_LOG_ORIGIN(FUNCTION)              \
+  ::kova::logger::Origin {                     \
+    kLogIdentity, kLogUnit, FUNCTION, __LINE__ \
+  }
