@@ -32,6 +32,18 @@ TEST(Catalog, DescribesTheFieldsThatNormalisationGives) {
   }
 }
 
+TEST(Catalog, EveryClassForcesItsFunctionNameWhateverWasSent) {
+  for (const auto& description : catalog()) {
+    std::string lower = description.name;
+    std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
+    for (const Variant& sent : {Variant("Other"), Variant("Reboot"), Variant(lower), Variant(3)}) {
+      auto message = description.make(Variant(Variant::Map{{"functionName", sent}}));
+      message->NormalizeFields();
+      EXPECT_EQ(*message->Find("functionName"), Variant(description.name));
+    }
+  }
+}
+
 TEST(Catalog, GivesTypeDefaultRangeAndAllowedValues) {
   const auto& all = catalog();
   const auto& settings = *std::find_if(all.begin(), all.end(), [](const auto& message) {

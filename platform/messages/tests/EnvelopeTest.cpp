@@ -140,6 +140,30 @@ TEST(Envelope, AnIdThatIsNoNumberIsReplacedByAFreshOne) {
   EXPECT_EQ(message["id"].Type(), VariantType::UInt64);
 }
 
+TEST(Envelope, IdsOfOneProcessDiffer) {
+  const std::uint64_t first = freshMessageId();
+  const std::uint64_t then = monotonicNanoseconds();
+  while (monotonicNanoseconds() == then) {
+  }
+  EXPECT_NE(freshMessageId(), first);
+}
+
+TEST(Envelope, AMistypedStatusOrRequestIdBecomesZero) {
+  BaseResponseMessage message(Variant(Variant::Map{{"requestId", "9"}, {"statusCode", true}}));
+  message.NormalizeFields();
+  EXPECT_EQ(message["requestId"], Variant(std::uint64_t{0}));
+  EXPECT_EQ(message["statusCode"], Variant(std::uint64_t{0}));
+}
+
+TEST(Envelope, AnAccessorMakesAMapOfWhatIsNoContainer) {
+  for (const Variant& content : {Variant(7), Variant("text"), Variant()}) {
+    GetRequest message(content);
+    EXPECT_EQ(message.timeoutMs(), 0U);
+    EXPECT_EQ(static_cast<const Variant&>(message), Variant(Variant::Map{{"timeoutMs", 0U}}));
+    EXPECT_TRUE(BaseResponseMessage(content).payload().IsEmpty());
+  }
+}
+
 TEST(Envelope, NormalizingTwiceChangesNothing) {
   GetRequest message(Variant(Variant::Map{{"what", "SNAPSHOT"}, {"timeoutMs", std::nan("")}}));
   message.NormalizeFields();

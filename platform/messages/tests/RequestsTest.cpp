@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 
 namespace kova::ipc::messages {
@@ -117,6 +118,38 @@ TEST(Requests, TimelapseMinutesAreHeldToMinusOneToOne) {
               stored)
         << sent;
   }
+}
+
+TEST(Requests, TimelapseMinutesBeyondTheirWidthAreHeldToo) {
+  const std::pair<Variant, int> cases[] = {{3'000'000'000U, 1},
+                                           {std::int64_t{1} << 32U, 1},
+                                           {1 - (std::int64_t{1} << 32U), -1},
+                                           {std::numeric_limits<std::uint64_t>::max(), 1},
+                                           {-1e300, -1},
+                                           {1e300, 1},
+                                           {std::nan(""), 0}};
+  for (const auto& [sent, stored] : cases) {
+    EXPECT_EQ(normalized<ChangeDeviceSettings>({{"timelapseminutes", sent}}).timelapseminutes(),
+              stored)
+        << sent.ToNumber<double>();
+  }
+}
+
+TEST(Requests, SettingsOfAnotherTypeCountAsNotGiven) {
+  auto settings = normalized<ChangeDeviceSettings>(
+      {{"name", 7}, {"timezone", true}, {"region", Variant::Map{}}, {"timelapseminutes", "1"}});
+  EXPECT_EQ(settings.name(), kUninitialized);
+  EXPECT_EQ(settings.timezone(), kUninitialized);
+  EXPECT_EQ(settings.region(), kUninitialized);
+  EXPECT_EQ(settings.timelapseminutes(), -1);
+}
+
+TEST(Requests, AccountTextsOfAnotherTypeCountAsNotGiven) {
+  auto account = normalized<ChangeUsernamePassword>(
+      {{"username", 7}, {"passwordOld", true}, {"passwordNew", Variant::Array{}}});
+  EXPECT_EQ(account.username(), normalized<ChangeUsernamePassword>({}).username());
+  EXPECT_EQ(account.passwordOld(), normalized<ChangeUsernamePassword>({}).passwordOld());
+  EXPECT_EQ(account.passwordNew(), normalized<ChangeUsernamePassword>({}).passwordNew());
 }
 
 TEST(Requests, AnAllowedWordIsCanonicalisedWhateverItsCase) {

@@ -61,8 +61,7 @@ class BaseMessage : public variant::BaseVariantContainer {
   template <typename T>
   T Read(const Number<T>& field) {
     const variant::Variant* value = Valid(field.key, variant::VariantClass::Number);
-    T number = value != nullptr ? value->ToNumber<T>() : field.fallback;
-    number = number < field.min ? field.min : (field.max < number ? field.max : number);
+    const T number = value != nullptr ? Held(*value, field) : field.fallback;
     Store(field.key, number);
     return number;
   }
@@ -96,6 +95,17 @@ class BaseMessage : public variant::BaseVariantContainer {
   }
 
  private:
+  // A range also holds what does not fit the field's width; without one, the width reduces it.
+  template <typename T>
+  static T Held(const variant::Variant& value, const Number<T>& field) {
+    const bool ranged = field.min != Number<T>::kLeast || field.max != Number<T>::kGreatest;
+    const double wide = value.ToNumber<double>();
+    if (ranged && (wide < field.min || wide > field.max)) {
+      return wide < field.min ? field.min : field.max;
+    }
+    return value.ToNumber<T>();
+  }
+
   struct Allowed {
     const std::string_view* first;
     std::size_t count;

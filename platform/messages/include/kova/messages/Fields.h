@@ -28,10 +28,12 @@ struct Flag {
 template <typename T>
 struct Number {
   using Value = T;
+  static constexpr T kLeast = std::numeric_limits<T>::min();
+  static constexpr T kGreatest = std::numeric_limits<T>::max();
   std::string_view key;
   T fallback;
-  T min = std::numeric_limits<T>::min();
-  T max = std::numeric_limits<T>::max();
+  T min = kLeast;
+  T max = kGreatest;
 };
 
 /// A number whose default is a fresh message id.
