@@ -108,6 +108,12 @@ bool File::OpenInPlace(const std::string& path, int flags) {
   if (!S_ISREG(info.st_mode)) {
     return failWith(EINVAL);
   }
+  // In a folder that all may write: somebody else's file is theirs to change at any time, and a
+  // second name may be that of a file of the system.
+  const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+  if (writes && (info.st_uid != geteuid() || info.st_nlink != 1)) {
+    return failWith(EPERM);
+  }
   if (flags == openFlags(FILE_OPEN_MODE_TRUNCATE)) {
     return ftruncate(fd_, 0) == 0;
   }

@@ -101,6 +101,35 @@ TEST_F(FileTest, SymbolicLinksAreFollowedForReadingOnly) {
   EXPECT_EQ(readText(path_), "content");
 }
 
+TEST_F(FileTest, AFileWithASecondNameIsReplacedButNotWrittenInto) {
+  writeText(path_, "content");
+  const std::string second = folder_ / "second";
+  std::filesystem::create_hard_link(path_, second);
+  File file;
+  for (const auto mode : {FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
+    EXPECT_FALSE(file.Initialize(second, mode, 0));
+    EXPECT_EQ(errno, EPERM);
+  }
+  ASSERT_TRUE(file.Initialize(second, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY));
+  EXPECT_TRUE(file.WriteString("new") && file.Close());
+  EXPECT_EQ(readText(path_), "content");
+  EXPECT_EQ(readText(second), "new");
+}
+
+TEST_F(FileTest, AFileOfAnotherUserIsReadButNotWrittenInto) {
+  writeText(path_, "content");
+  if (chown(path_.c_str(), 65534, 65534) != 0) {
+    GTEST_SKIP() << "only root can give a file away";
+  }
+  File file;
+  EXPECT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
+  for (const auto mode : {FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
+    EXPECT_FALSE(file.Initialize(path_, mode, 0));
+    EXPECT_EQ(errno, EPERM);
+  }
+  EXPECT_EQ(readText(path_), "content");
+}
+
 TEST_F(FileTest, WhatIsNoRegularFileIsRefusedWithoutBlocking) {
   ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
   const std::array<std::string, 3> paths{folder_.path(), path_, "/dev/null"};

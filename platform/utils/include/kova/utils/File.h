@@ -34,8 +34,9 @@ class File {
 
   /// Opens `path` (close-on-exec; created files get mode 0644 less the umask). Only regular files
   /// are accepted: a folder, a pipe or a device is refused with EINVAL and never blocks; so is a
-  /// path with a NUL in it. A symbolic link is not written through: that fails with ELOOP. What the
-  /// object had open before is closed as the destructor would.
+  /// path with a NUL in it. A symbolic link is not written through: that fails with ELOOP; nor is a
+  /// file that another user owns or that has a second name, with EPERM, unless it is replaced. What
+  /// the object had open before is closed as the destructor would.
   /// @param flags 0, or FILE_REPLACE_ATOMICALLY together with FILE_OPEN_MODE_TRUNCATE
   bool Initialize(const std::string& path, FILE_OPEN_MODE mode, unsigned flags);
 
