@@ -20,8 +20,14 @@ struct Exchange {
 };
 
 int onValid(nl_msg* message, void* exchange) {
-  static_cast<Exchange*>(exchange)->onAnswer(nlmsg_hdr(message));
-  return NL_OK;
+  auto* const own = static_cast<Exchange*>(exchange);
+  try {
+    own->onAnswer(nlmsg_hdr(message));
+    return NL_OK;
+  } catch (...) {  // the frames above are libnl's, in C
+    own->finished = own->refused = true;
+    return NL_STOP;
+  }
 }
 
 /// The end of a list, or the acknowledgement of a request for one thing.

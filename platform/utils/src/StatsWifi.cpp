@@ -58,18 +58,19 @@ int findFamily(Netlink& netlink) {
   return hasWireless ? netlink.Family(NL80211_GENL_NAME) : -1;
 }
 
-bool readNl80211(WiFiStats& stats) {
+/// @return 0, ENOENT when there is no nl80211, or EIO when it does not answer
+int readNl80211(WiFiStats& stats) {
   static Netlink netlink;
   static int family = -1;
   netlink.SetDeadline(nowMs() + kTimeoutMs);
   // Once more when the number is out of date: the driver may have been unloaded and loaded again.
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (family < 0) family = findFamily(netlink);
-    if (family < 0) return false;
-    if (queryAll(netlink, family, stats)) return true;
+    if (family < 0) return ENOENT;
+    if (queryAll(netlink, family, stats)) return 0;
     family = -1;
   }
-  return false;
+  return EIO;
 }
 
 }  // namespace
@@ -135,10 +136,12 @@ void parseWireless(std::string_view procNetWireless, WiFiStats& stats) {
 
 int GetWiFiStats(WiFiStats* stats) {
   *stats = WiFiStats{};
-  if (readNl80211(*stats)) return 0;
+  const int error = readNl80211(*stats);
+  if (error == 0) return 0;
   ProcFile file("/proc/net/wireless", ProcFile::Form::kRecords);
   std::string_view text;
-  if (file.Read(text) == 0) parseWireless(text, *stats);
+  if (file.Read(text) != 0) return error == ENOENT ? 0 : error;  // without Wi-Fi there is neither
+  parseWireless(text, *stats);
   return 0;
 }
 

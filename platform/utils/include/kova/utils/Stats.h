@@ -83,7 +83,8 @@ int GetCpuInfo(CpuInfo* info);
 int GetLoadAverage(LoadAverage* load);
 /// Loopback interfaces are not reported.
 int GetNetworkStats(StatsLib* lib, NetworkStats* stats);
-/// Signal levels by nl80211; /proc/net/wireless where the kernel still has that instead.
+/// Signal levels by nl80211; /proc/net/wireless where the kernel still has that instead. Nothing is
+/// reported, which is no failure, where there is no Wi-Fi at all.
 int GetWiFiStats(WiFiStats* stats);
 int GetUptimeStats(UptimeStats* stats);
 
