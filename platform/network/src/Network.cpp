@@ -86,12 +86,11 @@ std::string defaultInterface(std::string_view ipv4Routes, std::string_view ipv6R
 std::string guessDefaultInterface() {
   static utils::ProcFile ipv4("/proc/net/route", utils::ProcFile::Form::kRecords);
   static utils::ProcFile ipv6("/proc/net/ipv6_route", utils::ProcFile::Form::kRecords);
-  std::string_view routes;
-  ipv4.Read(routes);
-  std::string interface = bestDefault(routes, parseIpv4);
-  if (!interface.empty()) return interface;
-  ipv6.Read(routes);
-  return bestDefault(routes, parseIpv6);
+  std::string_view ipv4Routes;
+  std::string_view ipv6Routes;
+  ipv4.Read(ipv4Routes);
+  ipv6.Read(ipv6Routes);
+  return defaultInterface(ipv4Routes, ipv6Routes);
 }
 
 }  // namespace kova::network
