@@ -85,10 +85,14 @@ bool setLimits() {
 
 /// In a user namespace of one user nobody else can be had; there the filter has to do.
 bool becomeNobody() {
-  return geteuid() != 0 ||
-         (setgroups(0, nullptr) == 0 && setresgid(kNobody, kNobody, kNobody) == 0 &&
-          setresuid(kNobody, kNobody, kNobody) == 0) ||
-         errno == EINVAL || errno == EPERM;
+  if (geteuid() != 0) {
+    return true;
+  }
+  const bool alone = setgroups(0, nullptr) == 0;
+  if (setresgid(kNobody, kNobody, kNobody) != 0 || setresuid(kNobody, kNobody, kNobody) != 0) {
+    return errno == EINVAL;  // as of an id that the namespace does not know
+  }
+  return alone;
 }
 
 /// Files only for reading, standard output and error only for writing, the own limits only to look
