@@ -1,5 +1,7 @@
 #include "CtlServer.h"
 
+#include <csignal>
+
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
@@ -87,6 +89,8 @@ bool CtlServer::reboot(bool waitForever, int delayMs, bool persistFirst) {
   }
   if (waitForever) {
     KOVA_LOG(LOG_INFO, 0, "Entering reboot wait mode");
+    // All is done, so whoever shuts the system down need not wait until it loses patience.
+    std::signal(SIGTERM, SIG_DFL);
     for (;;) {
       utils::sleepMs(kRebootWaitStepMs);
     }
