@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "SyslogRecorder.h"
+
 namespace kova::ipc {
 namespace {
 
@@ -33,6 +35,23 @@ TEST(OutQueueTest, KeepsTheNewest256OfADestination) {
   ASSERT_EQ(taken.size(), 256U);
   EXPECT_EQ(taken.front().id(), 44U);
   EXPECT_EQ(taken.back().id(), 299U);
+}
+
+TEST(OutQueueTest, EachMessageThatIsDroppedIsLogged) {
+  tests::records.clear();
+  OutQueue queue;
+  for (std::uint64_t id = 0; id < 300; ++id) {
+    auto message = numbered(id);
+    message.functionName("PlayState");
+    queue.Put("a", message, 10);
+  }
+  ASSERT_EQ(tests::records.size(), 44U);
+  for (const auto& record : tests::records) {
+    EXPECT_EQ(record.priority, 4);
+    EXPECT_TRUE(record.text.ends_with(
+        ": Dropped \"PlayState\" that waited for \"a\": too many messages are waiting"))
+        << record.text;
+  }
 }
 
 TEST(OutQueueTest, ForgetsTheDestinationThatWaitsLongestWhenThereAreTooMany) {

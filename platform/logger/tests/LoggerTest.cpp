@@ -8,52 +8,16 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
 
-namespace {
-
-struct Record {
-  int priority;
-  std::string text;
-};
-
-std::vector<Record> records;
-
-void record(int priority, const char* format, va_list arguments) {
-  std::array<char, 65536> text;
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  records.push_back({priority, text.data()});
-}
-
-}  // namespace
-
-// Put in place of the C library's by the linker (ld(1), --wrap); the second is what an optimised
-// build calls.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" {
-void __wrap_syslog(int priority, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  record(priority, format, arguments);
-  va_end(arguments);
-  errno = EBADF;
-}
-void __wrap___syslog_chk(int priority, int, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  record(priority, format, arguments);
-  va_end(arguments);
-  errno = EBADF;
-}
-}
-// NOLINTEND(bugprone-reserved-identifier)
+#include "SyslogRecorder.h"
 
 namespace kova::logger {
 namespace {
+
+using tests::records;
 
 constexpr char kLogIdentity[] = "kova_test";
 constexpr char kLogUnit[] = "LoggerTest";
