@@ -63,7 +63,8 @@ passes_commands_on() {
 }
 
 keeps_what_is_saved() {
-  inside touch /etc/unsaved /tmp/unsaved
+  inside touch /etc/unsaved /tmp/unsaved "/tmp/unsaved.$$"
+  expect_not "the host has temporary files of its own" test -e "/tmp/unsaved.$$"
   expect "reboots" reboot_and_wait
   expect_not "what was not saved is lost" test -e "$one/root/etc/unsaved"
   expect_not "the temporary files are lost" test -e "$one/root/tmp/unsaved"
@@ -276,6 +277,12 @@ refuses_what_cannot_work() {
   expect_not "a folder too long for the socket is refused" cam start "$long"
   expect "with the figure" grep -q "ends at 107" "$work/output"
   expect_not "an impossible way is refused" env PATH="$work/empty:$PATH" KOVA_CAMERA_MODE=nonsense "$camera" start "$work/x"
+  mkdir "$work/lacking"
+  printf '#!/bin/sh\necho "no namespaces" >&2\nexit 1\n' >"$work/lacking/bwrap"
+  chmod 755 "$work/lacking" "$work/lacking/bwrap"
+  expect_not "without namespaces there is no way" \
+    as_caller env PATH="$work/lacking:$PATH" KOVA_CAMERA_MODE=bwrap "$camera" start "$work/y"
+  expect "and it says what is missing" grep -q "bubblewrap: no namespaces" "$work/output"
   mkdir -p "$work/foreign/root"
   expect_not "a foreign folder is refused" cam start "$work/foreign"
 }
