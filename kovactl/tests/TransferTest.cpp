@@ -48,7 +48,7 @@ TEST_F(Transfers, WaitEndsWithZeroForOk) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "OK\n");
   Peer::Request request = peer.Received().front();
-  EXPECT_THAT(request.from(), ::testing::StartsWith("client.kovactl_"));
+  EXPECT_THAT(request.from(), ::testing::MatchesRegex("client\\.kovactl_[0-9]+"));
   EXPECT_EQ(request.Find("what")->ToText(), "logo");
   EXPECT_EQ(request.Find("uri")->ToText(), "http://x/logo");
   EXPECT_EQ(request.Find("hash")->ToText(), kDigest);

@@ -49,11 +49,11 @@ bool Ipc::Init(const std::string& endpoint, bool receiveBroadcasts,
 
 bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
   platform().note("Ipc::AddHandler \"" + functionName + "\" " + handler->name());
-  return connection_->handlers.emplace(functionName, handler).second;
+  return connection_->handlers.emplace(functionName, handler).second && platform().bus.addResult;
 }
 
-bool Ipc::Service(unsigned) {
-  platform().note("Ipc::Service");
+bool Ipc::Service(unsigned timeoutMs) {
+  platform().note("Ipc::Service " + std::to_string(timeoutMs));
   auto& bus = platform().bus;
   for (; !bus.pending.empty(); bus.pending.pop_front()) {
     messages::BaseRequestMessage request(bus.pending.front());

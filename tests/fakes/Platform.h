@@ -67,6 +67,7 @@ struct Statistics {
 
 struct Bus {
   bool initResult = true;
+  bool addResult = true;  ///< of AddHandler(), which registers all the same
   bool sendResult = true;
   bool absent = false;                 ///< GetInstance() gives null
   std::vector<variant::Variant> sent;  ///< requests and events

@@ -7,6 +7,7 @@
 namespace kova::ctlserver {
 namespace {
 
+using fakes::LogLine;
 using fakes::platform;
 using testing::Contains;
 using testing::ElementsAre;
@@ -140,9 +141,7 @@ TEST_F(CtlServerTest, RebootGoesOnWhenTheSaveFails) {
   fail(kSave);
   server.reboot(false, 0, true);
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kReboot));
-  EXPECT_EQ(platform().log.back().unit, "CtlServer");
-  EXPECT_EQ(platform().log.back().function, "reboot");
-  EXPECT_EQ(platform().log.back().text, "Failed to persist");
+  EXPECT_EQ(platform().log.back(), (LogLine{"CtlServer", "reboot", 3, 0, "Failed to persist"}));
 }
 
 TEST_F(CtlServerTest, RebootEntersItsEndlessWaitEvenWhenTheCommandFailed) {
@@ -154,9 +153,9 @@ TEST_F(CtlServerTest, RebootEntersItsEndlessWaitEvenWhenTheCommandFailed) {
     }
   };
   EXPECT_THROW(server.reboot(true, 0, false), LeaveWait);
-  EXPECT_TRUE(platform().logged(3, "Failed to perform reboot"));
-  EXPECT_EQ(platform().log.back().text, "Entering reboot wait mode");
-  EXPECT_EQ(platform().log.back().level, 6);
+  EXPECT_THAT(platform().log,
+              ElementsAre(LogLine{"CtlServer", "reboot", 3, 0, "Failed to perform reboot"},
+                          LogLine{"CtlServer", "reboot", 6, 0, "Entering reboot wait mode"}));
 }
 
 TEST_F(CtlServerTest, ServicesAreStartedAndStoppedByThePlatformAlone) {
@@ -169,6 +168,28 @@ TEST_F(CtlServerTest, ServicesAreStartedAndStoppedByThePlatformAlone) {
   ipc::messages::StopService stop{Variant(Variant::Map{{"service", "ntpd"}})};
   EXPECT_FALSE(server.stopService(stop));
   EXPECT_THAT(platform().journal, ElementsAre("EnableService ntpd; reboot", "DisableService ntpd"));
+}
+
+TEST_F(CtlServerTest, NothingIsRememberedOfAService) {
+  CtlServer server(info_);
+  ipc::messages::StartService start{Variant(Variant::Map{{"service", "ntpd"}})};
+  ipc::messages::StopService stop{Variant(Variant::Map{{"service", "ntpd"}})};
+  server.stopService(stop);
+  server.startService(start);
+  server.startService(start);
+  server.stopService(stop);
+  EXPECT_THAT(platform().journal, ElementsAre("DisableService ntpd", "EnableService ntpd",
+                                              "EnableService ntpd", "DisableService ntpd"));
+}
+
+TEST_F(CtlServerTest, ARequestThatIsNoMapNamesNoService) {
+  CtlServer server(info_);
+  ipc::messages::StartService start{Variant("text")};
+  server.startService(start);
+  EXPECT_EQ(static_cast<const Variant&>(start), Variant(Variant::Map{{"service", ""}}));
+  ipc::messages::StopService stop{Variant(7)};
+  server.stopService(stop);
+  EXPECT_THAT(platform().journal, ElementsAre("EnableService ", "DisableService "));
 }
 
 TEST_F(CtlServerTest, AServiceThatIsNoTextIsTheEmptyName) {

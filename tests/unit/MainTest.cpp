@@ -81,10 +81,11 @@ TEST_F(MainTest, StartsInOrderRegistersEveryFunctionAndStopsInOrder) {
     wanted.emplace_back("Ipc::AddHandler \"\" CatchAllHandlerRejector");
     EXPECT_EQ(registered, wanted);
 
-    auto run = journalFrom("Ipc::Init kova_ctlserver");
-    std::erase_if(run, [](const auto& event) { return event.starts_with("BaseButton"); });
-    EXPECT_THAT(run, ElementsAre("Ipc::Init kova_ctlserver", "Ipc::Service", "sleep 10",
-                                 "Ipc::Service", "sleep 10", "CloseStatsLib", "Ipc::FreeInstance"));
+    EXPECT_THAT(journalFrom("Ipc::Init kova_ctlserver"),
+                ElementsAre("Ipc::Init kova_ctlserver",                           //
+                            "Ipc::Service 0", "BaseButton::service", "sleep 10",  //
+                            "Ipc::Service 0", "BaseButton::service", "sleep 10",  //
+                            "CloseStatsLib", "Ipc::FreeInstance"));
     EXPECT_TRUE(platform().logged(6, "SIGTERM received"));
     EXPECT_EQ(platform().log.back().unit, "main");
     EXPECT_EQ(platform().log.back().function, "main");
@@ -131,8 +132,8 @@ TEST_F(MainTest, ALostBusEndsTheLoopWithAFailure) {
   platform().bus.onService = [] { return false; };
   expectRun(-1, [] {
     EXPECT_TRUE(platform().logged(3, "Failed to service IPC"));
-    EXPECT_THAT(journalFrom("Ipc::Service"),
-                ElementsAre("Ipc::Service", "CloseStatsLib", "Ipc::FreeInstance"));
+    EXPECT_THAT(journalFrom("Ipc::Service 0"),
+                ElementsAre("Ipc::Service 0", "CloseStatsLib", "Ipc::FreeInstance"));
   });
 }
 
@@ -142,8 +143,34 @@ TEST_F(MainTest, ExitServiceStopsItAtTheNextCheckWithoutALogLine) {
   expectRun(0, [] {
     EXPECT_THAT(platform().log, IsEmpty());
     EXPECT_THAT(platform().bus.responses, IsEmpty());
-    EXPECT_EQ(std::count(platform().journal.begin(), platform().journal.end(), "Ipc::Service"), 1);
+    EXPECT_THAT(journalFrom("Ipc::Service 0"),
+                ElementsAre("Ipc::Service 0", "BaseButton::service", "sleep 10", "CloseStatsLib",
+                            "Ipc::FreeInstance"));
   });
+}
+
+TEST_F(MainTest, ARequestThatSigtermInterruptsIsCompletedFirst) {
+  platform().bus.pending.push_back(
+      Variant(Map{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}}));
+  platform().onRun = [](const std::string&) {
+    raise(SIGTERM);
+    return fakes::ProcessResult{};
+  };
+  expectRun(0, [] {
+    ASSERT_EQ(platform().bus.responses.size(), 1U);
+    EXPECT_EQ(platform().bus.responses.front().second.Find("statusCode")->ToNumber<int>(), 0);
+    EXPECT_THAT(platform().logTexts(), ElementsAre("Persisted", "SIGTERM received"));
+    EXPECT_THAT(
+        journalFrom("Ipc::Service 0"),
+        ElementsAre("Ipc::Service 0", "run /bin/cfgmtd -w -p /etc/ -m", "Ipc::SendResponse",
+                    "BaseButton::service", "sleep 10", "CloseStatsLib", "Ipc::FreeInstance"));
+  });
+}
+
+TEST_F(MainTest, ARegistrationThatFailsDoesNotStopIt) {
+  platform().bus.addResult = false;
+  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
+  expectRun(0, [] { EXPECT_THAT(platform().logTexts(), ElementsAre("SIGTERM received")); });
 }
 
 TEST_F(MainTest, OfBothFlagsTheExitFlagIsCheckedFirst) {

@@ -7,6 +7,7 @@
 namespace kova::ctlserver {
 namespace {
 
+using fakes::LogLine;
 using fakes::platform;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -99,6 +100,22 @@ TEST_F(PersistenceTest, AFailedSaveIsLoggedAndTriedAgainAtEveryPass) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave, kSave));
 }
 
+TEST_F(PersistenceTest, AForcedSaveThatFailsWithNothingPendingIsNotTriedAgain) {
+  fail(kSave);
+  EXPECT_FALSE(persistence_.persist(true));
+  pass(20000);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+}
+
+TEST_F(PersistenceTest, AForcedSaveThatFailsLeavesAPendingOneToBeTriedAgain) {
+  fail(kSave);
+  persistence_.enqueue();
+  EXPECT_FALSE(persistence_.persist(true));
+  platform().onRun = nullptr;
+  pass(20000);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
+}
+
 TEST_F(PersistenceTest, CancelDropsASaveButNotAReset) {
   persistence_.enqueue();
   persistence_.enqueueReset();
@@ -121,6 +138,18 @@ TEST_F(PersistenceTest, AResetErasesAndRebootsOnceMoreThanFiveSecondsHavePassed)
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
+TEST_F(PersistenceTest, ASecondRequestForAResetPushesItBack) {
+  persistence_.enqueueReset();
+  platform().nowMs += 3000;
+  persistence_.enqueueReset();
+  platform().nowMs += 5000;
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 1;
+  EXPECT_TRUE(persistence_.service());
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
+}
+
 TEST_F(PersistenceTest, AFailedEraseIsLoggedAtEveryPassAndDoesNotReboot) {
   fail(kErase);
   persistence_.enqueueReset();
@@ -128,8 +157,8 @@ TEST_F(PersistenceTest, AFailedEraseIsLoggedAtEveryPassAndDoesNotReboot) {
   EXPECT_FALSE(persistence_.service());
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kErase));
-  EXPECT_THAT(platform().logTexts(), ElementsAre("Failed to reset", "Failed to reset"));
-  EXPECT_EQ(platform().log[0].level, 3);
+  const LogLine failed{"Persistence", "reset", 3, 0, "Failed to reset"};
+  EXPECT_THAT(platform().log, ElementsAre(failed, failed));
   platform().onRun = nullptr;  // the destructor tries once more
 }
 
@@ -140,8 +169,9 @@ TEST_F(PersistenceTest, AFailedRebootAfterTheEraseIsLoggedOnceAndNotRetried) {
   EXPECT_TRUE(persistence_.service());
   pass(10000);
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
-  EXPECT_THAT(platform().logTexts(), ElementsAre("Reset to defaults", "Failed to perform reboot"));
-  EXPECT_EQ(platform().log[1].level, 3);
+  EXPECT_THAT(platform().log,
+              ElementsAre(LogLine{"Persistence", "reset", 6, 0, "Reset to defaults"},
+                          LogLine{"Persistence", "reset", 3, 0, "Failed to perform reboot"}));
 }
 
 TEST_F(PersistenceTest, OfASaveAndAResetBothDueTheSaveRunsFirstAndTheResetInALaterPass) {
@@ -177,6 +207,19 @@ TEST_F(PersistenceTest, AResetDropsASaveThatWasAskedForMeanwhile) {
 
 TEST(PersistenceAtExit, WritesAPendingSaveThenCarriesOutAPendingReset) {
   fakes::reset();
+  {
+    Persistence persistence;
+    persistence.enqueue();
+    persistence.enqueueReset();
+  }
+  EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
+}
+
+TEST(PersistenceAtExit, AFailedSaveDoesNotKeepTheResetBack) {
+  fakes::reset();
+  platform().onRun = [](const std::string& command) {
+    return fakes::ProcessResult{command == kSave ? 1 : 0, "", ""};
+  };
   {
     Persistence persistence;
     persistence.enqueue();

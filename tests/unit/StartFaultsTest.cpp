@@ -15,6 +15,7 @@ namespace {
 
 struct Calls {
   bool signalFails = false;
+  std::vector<int> signals;
   bool multiInitFails = false;
   std::string logIdentity;
   int logOptions = 0;
@@ -27,6 +28,7 @@ struct Calls {
 extern "C" {
 sighandler_t __real_signal(int number, sighandler_t handler);
 sighandler_t __wrap_signal(int number, sighandler_t handler) {
+  calls.signals.push_back(number);
   return calls.signalFails ? SIG_ERR : __real_signal(number, handler);
 }
 
@@ -71,6 +73,7 @@ class StartFaultsTest : public testing::Test {
 TEST_F(StartFaultsTest, ASignalHandlerThatCannotBeSetStopsItThroughTheTeardown) {
   calls.signalFails = true;
   EXPECT_EQ(kova_ctlserver_main(), -1);
+  EXPECT_THAT(calls.signals, ElementsAre(SIGTERM));
   EXPECT_THAT(platform().log,
               ElementsAre(LogLine{"main", "main", LOG_ERR, 0, "Failed to set signal handler"}));
   const auto& journal = platform().journal;
