@@ -11,8 +11,8 @@ namespace kova::ctl {
 namespace {
 
 constexpr const char* kSilence =
-    "the camera has this very file already, or refused the request (a transfer from this URI is\n"
-    "under way); its log tells";
+    "the camera has this very file already, refused the request (a transfer from this URI runs),\n"
+    "or was asked for another such file meanwhile; its log tells";
 
 struct Arguments {
   std::string what;
