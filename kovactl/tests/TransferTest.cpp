@@ -102,7 +102,7 @@ TEST_F(Transfers, SilenceEndsWithAStatusOfItsOwnAndItsMeaning) {
 
 TEST_F(Transfers, HelpSaysWhatSilenceMeans) {
   const std::pair<const char*, const char*> meanings[] = {
-      {"put", "the camera has this very file already, or refused the request"},
+      {"put", "the camera has this very file already, refused the request"},
       {"get", "the upload has succeeded, or the camera refused the request"},
       {"firmware", "the image has been flashed, or is still being, or the camera refused"}};
   for (const auto& [command, meaning] : meanings) {
