@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -69,32 +70,41 @@ void Terminal::type(const std::string& line) const {
 
 namespace {
 
-/// Waits for one of two texts.
-/// @return whether it is the second. Throws when it is neither.
-bool isSecondShown(const Terminal& terminal, const std::string& first, const std::string& second) {
+/// Waits for one of some texts.
+/// @return which; throws when none is shown
+std::string firstShown(const Terminal& terminal, const std::vector<std::string>& texts) {
   constexpr auto kNow = std::chrono::milliseconds(0);
-  bool isSecond = false;
-  const bool decided = eventually(
-      [&] { return (isSecond = terminal.waitFor(second, kNow)) || terminal.waitFor(first, kNow); },
-      std::chrono::seconds(20));
-  if (!decided) {
+  std::string shown;
+  const auto look = [&] {
+    const auto found = std::ranges::find_if(
+        texts, [&](const std::string& text) { return terminal.waitFor(text, kNow); });
+    shown = found != texts.end() ? *found : "";
+    return found != texts.end();
+  };
+  if (!eventually(look, std::chrono::seconds(20))) {
     throw std::runtime_error("login does not answer: " + terminal.shown());
   }
-  return isSecond;
+  return shown;
 }
 
 }  // namespace
 
 bool canLogIn(const Camera& camera, const std::string& user, const std::string& password) {
+  constexpr char kAsked[] = "assword:";
   constexpr char kRefused[] = "incorrect";
+  constexpr char kShell[] = "# ";
+  // Where an ordinary user runs the camera nobody can change groups, which login does once it has
+  // taken the password.
+  constexpr char kTaken[] = "can't set groups";
   const Terminal terminal(camera, {"login", user});
   // What is typed before it asks it throws away, and a locked account it may refuse unasked.
-  if (!isSecondShown(terminal, kRefused, "assword:")) {
+  if (firstShown(terminal, {kAsked, kRefused}) == kRefused) {
     return false;
   }
   terminal.type(password);
-  if (!isSecondShown(terminal, kRefused, "# ")) {
-    return false;
+  const std::string answer = firstShown(terminal, {kRefused, kTaken, kShell});
+  if (answer != kShell) {
+    return answer == kTaken;
   }
   terminal.type("echo in-as-$(id -u); exit");
   return terminal.waitFor("in-as-0");
