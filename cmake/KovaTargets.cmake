@@ -11,21 +11,47 @@ function(kova_library name)
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
 endfunction()
 
+# kova_test_options(<target>)
+#
+# What is tested is built as the preset says; optimising the tests' own code only costs time.
+function(kova_test_options name)
+  target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${name} PRIVATE -fpch-preprocess) # for ccache
+  endif()
+endfunction()
+
+# kova_test_headers(<name> HEADERS <header>... [DEPENDS <target>...])
+#
+# Headers that are compiled once for all test programs that name them: GoogleTest's take more time than most tests.
+function(kova_test_headers name)
+  cmake_parse_arguments(ARG "" "" "HEADERS;DEPENDS" ${ARGN})
+  # A program, since headers suit only what is compiled by the same options.
+  file(CONFIGURE OUTPUT ${name}.cpp CONTENT "int main() {}\n")
+  add_executable(${name} EXCLUDE_FROM_ALL ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS})
+  kova_test_options(${name})
+  target_precompile_headers(${name} PRIVATE ${ARG_HEADERS})
+endfunction()
+
 # kova_test(<name> SOURCES <file>... [DEPENDS <target>...] [LABELS <label>...] [TIMEOUT <seconds>]
-#           [PRIVATE_ROOT])
+#           [HEADERS <target of kova_test_headers>] [PRIVATE_ROOT])
 #
 # A GoogleTest program, run by ctest as one test; under the emulator, when compiled for another processor.
 # With PRIVATE_ROOT it is run through tests/private-root, and refuses to run without.
 function(kova_test name)
-  cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT" "SOURCES;DEPENDS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT;HEADERS" "SOURCES;DEPENDS;LABELS" ${ARGN})
   if(NOT BUILD_TESTING)
     return()
   endif()
   find_package(GTest REQUIRED)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} GTest::gmock GTest::gtest GTest::gtest_main)
-  # What is tested is built as the preset says; optimising the tests' own code only costs time.
-  target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+  kova_test_options(${name})
+  if(NOT ARG_HEADERS)
+    set(ARG_HEADERS kova_gtest_headers)
+  endif()
+  target_precompile_headers(${name} REUSE_FROM ${ARG_HEADERS})
   set(launcher)
   if(ARG_PRIVATE_ROOT)
     target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/PrivateRootGuard.cpp)

@@ -1,24 +1,17 @@
 #pragma once
 
-#include <systemd/sd-bus.h>
+#include <kova_sd_bus.h>
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
+
+#include "kova/utils/Handle.h"
 
 /// What the programs of the measurement share: owned sd-bus handles and one way to give up.
 namespace bench {
 
-template <auto Function>
-struct Release {
-  template <typename Handle>
-  void operator()(Handle* handle) const {
-    Function(handle);
-  }
-};
-
-using BusPtr = std::unique_ptr<sd_bus, Release<sd_bus_close_unref>>;
-using MessagePtr = std::unique_ptr<sd_bus_message, Release<sd_bus_message_unref>>;
+using BusPtr = kova::utils::Handle<sd_bus, sd_bus_close_unref>;
+using MessagePtr = kova::utils::Handle<sd_bus_message, sd_bus_message_unref>;
 
 using Clock = std::chrono::steady_clock;
 

@@ -26,7 +26,7 @@ readonly PATIENCE_TICKS=100 # of 50 ms
 
 is_owned() {
   busctl --address="$KOVA_BUS_ADDRESS" call org.freedesktop.DBus / org.freedesktop.DBus \
-    NameHasOwner s "$1" 2>/dev/null | grep -q true
+    NameHasOwner s "$1" 2>/dev/null | grep true >/dev/null
 }
 
 start() {

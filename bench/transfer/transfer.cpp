@@ -4,8 +4,8 @@
 //       all at once, "URI/0" into "FOLDER/0" and so on
 //   bench_transfer RHYTHM upload FILE URI CA-FILE
 //
-// RHYTHM is "daemon" for that of the daemon's main loop, which turns the service without waiting
-// and then sleeps 10 ms, or "sockets" for turns that wait for the transfers' sockets instead.
+// RHYTHM is "daemon" for that of the daemon's main loop, which sleeps 10 ms and then turns the
+// service without waiting, or "sockets" for turns that wait for the transfers' sockets instead.
 //
 // Prints the longest turn of the service in milliseconds and, in KiB, how much memory each transfer
 // added at most. A transfer that fails ends the program with status 1.
@@ -83,14 +83,12 @@ Clock::duration turnUntilDone(TransferService& service, const Tasks& tasks, Rhyt
   Clock::duration longest{};
   std::size_t done = 0;  // all tasks before this one have ended
   while (done < tasks.size()) {
+    kova::utils::sleepMs(rhythm.sleepMs);  // a request waits for the next pass, too
     const auto start = Clock::now();
     service.service(rhythm.waitMs);
     longest = std::max(longest, Clock::now() - start);
     while (done < tasks.size() && !service.existsUri(tasks[done]->uri())) {
       ++done;
-    }
-    if (done < tasks.size()) {
-      kova::utils::sleepMs(rhythm.sleepMs);
     }
   }
   return longest;

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
-# What the hardware and the boot loader do before the first process runs: the RAM file systems are empty, the
-# configuration comes from flash or from the factory.
+# The work of hardware and boot loader before the first process: clears the RAM file systems and restores the
+# configuration from flash or from the factory default.
 
 prepare_ram() {
   local folder
@@ -23,7 +23,7 @@ restore_configuration() {
 fill_run() {
   mkdir -p "$root"/run/{kova,sv,tools,gpio/reset_button}
   echo 1 >"$root/run/gpio/reset_button/value"
-  cat /etc/resolv.conf >"$root/run/resolv.conf" 2>/dev/null || true # a host without name servers
+  cat /etc/resolv.conf >"$root/run/resolv.conf" 2>/dev/null || true # the host may have no name servers
   ln "$control" "$root/run/initctl"
   count_boot
   firmware_version >"$root/run/firmware_version"

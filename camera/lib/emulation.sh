@@ -1,23 +1,24 @@
 # shellcheck shell=bash disable=SC2154 # variables are shared, see use_camera
-# Programs of this project that are compiled for another processor: the camera runs them under a user-mode emulator,
-# all else of it stays the host's.
+# Runs programs of this project that are built for another processor in a user-mode emulator. All other programs are
+# the host's.
 #
-# KOVA_CAMERA_EMULATOR  the emulator, linked statically, such as /usr/bin/qemu-aarch64-static
-# KOVA_CAMERA_SYSROOT   where their loader and libraries come from
+# KOVA_CAMERA_EMULATOR  a statically linked emulator, such as /usr/bin/qemu-aarch64-static
+# KOVA_CAMERA_SYSROOT   the folder with their loader and libraries
 
-# In the camera. The emulator lies there once for each program and under its name, by which the process is then found.
+# Inside the camera. It contains a copy of the emulator for each program, named like it, so that processes have the
+# expected names.
 readonly EMULATORS=/usr/libexec/emulators EMULATED_PROGRAMS=/usr/libexec/emulated
 
 is_emulated() { [ -n "${KOVA_CAMERA_EMULATOR:-}" ]; }
 
 check_emulator() {
-  [ -x "$KOVA_CAMERA_EMULATOR" ] || die "KOVA_CAMERA_EMULATOR: there is no program \"$KOVA_CAMERA_EMULATOR\""
+  [ -x "$KOVA_CAMERA_EMULATOR" ] || die "KOVA_CAMERA_EMULATOR: no such program: \"$KOVA_CAMERA_EMULATOR\""
   [ -d "${KOVA_CAMERA_SYSROOT:-}/lib" ] ||
     die "KOVA_CAMERA_SYSROOT: no libraries for the emulated programs in \"${KOVA_CAMERA_SYSROOT:-}\""
 }
 
-# list_emulated_program SOURCE TARGET: prints "source<TAB>path in the camera" of what makes the program SOURCE run as
-# TARGET: itself, and a script in its place.
+# list_emulated_program SOURCE TARGET: prints "source<TAB>path in the camera" of the files that run SOURCE as TARGET:
+# the program and a script that starts it.
 list_emulated_program() {
   local name=${2##*/}
   local script=$state/emulated/$name
@@ -28,7 +29,7 @@ list_emulated_program() {
     "$(readlink -f "$KOVA_CAMERA_EMULATOR")" "$EMULATORS/$name"
 }
 
-# list_emulated_libraries PROGRAM...: prints the same of the loader and the shared libraries that the programs need.
+# list_emulated_libraries PROGRAM...: prints the same for the loader and shared libraries of the programs.
 list_emulated_libraries() {
   local loader program path
   loader=$(find "$KOVA_CAMERA_SYSROOT/lib/" -maxdepth 1 -name 'ld-linux-*.so.*' -print -quit)
@@ -36,7 +37,7 @@ list_emulated_libraries() {
   {
     echo "/lib/${loader##*/}"
     for program in "$@"; do
-      # It refuses those that are the host's own.
+      # The loader rejects programs of the host.
       { "$KOVA_CAMERA_EMULATOR" -L "$KOVA_CAMERA_SYSROOT" "$loader" --list "$program" 2>/dev/null || true; } |
         sed -nE 's,^[[:space:]]*(.* => )?(/[^ ]+) \(0x.*,\2,p'
     done

@@ -1,10 +1,10 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
-# Running a command inside a camera from outside.
+# Runs commands inside a camera.
 
-readonly NOT_RUN=125 # exit status when it was not the command that failed
-readonly ENTER_TIMEOUT_MS=10000
+readonly NOT_RUN=125 # exit status if the command could not be run
+readonly ENTER_TIMEOUT_MS=20000
 
-# wait_until_booted: a camera that is rebooting is about to be back.
+# wait_until_booted: waits out a reboot; fails if the camera is off.
 wait_until_booted() {
   local deadline=$(($(milliseconds) + ENTER_TIMEOUT_MS))
   while is_running; do
@@ -15,20 +15,22 @@ wait_until_booted() {
   return 1
 }
 
-# enter CMD...: replaces this shell by CMD inside the camera.
+# enter CMD...: replaces this shell with CMD inside the camera.
 enter() {
   local environment pid mode
   mode=$(<"$state/mode")
   pid=$(<"$init_pid_file")
   mapfile -t environment < <(camera_environment)
   set -- /bin/env -i "${environment[@]}" "$@"
+  # Use the root of the first process: in a camera started in a chroot, the mount namespace has the host's root.
+  local namespaces=(--mount --uts --ipc --pid "--root=/proc/$pid/root" "--wd=/proc/$pid/root")
   case $mode in
     namespaces)
       exec setpriv --inh-caps=-all --bounding-set="$(bounding_set "${NAMESPACE_CAPABILITIES[@]}")" \
-        nsenter --target "$pid" --mount --uts --ipc --pid -- "$@"
+        nsenter --target "$pid" "${namespaces[@]}" -- "$@"
       ;;
     user-namespaces)
-      exec nsenter --target "$pid" --user --preserve-credentials --mount --uts --ipc --pid -- "$@"
+      exec nsenter --target "$pid" --user --preserve-credentials "${namespaces[@]}" -- "$@"
       ;;
     chroot)
       cd /

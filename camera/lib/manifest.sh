@@ -1,16 +1,16 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
-# Which files of the host and of the build a camera is made of, besides its own skeleton.
+# Lists the files of the host and of the build that a camera contains in addition to its skeleton.
 
-# Programs of the host, by name; they appear in /usr/bin.
+# Programs of the host, installed in /usr/bin.
 readonly HOST_PROGRAMS=(dbus-daemon busctl runsvdir runsv sv chpst setpriv)
 readonly OPTIONAL_HOST_PROGRAMS=(dbus-send dbus-monitor strace)
-# Loaded by name at run time, so that ldd(1) does not show it: glibc's backtrace and thread cancellation.
+# Loaded at run time by glibc's backtrace and thread cancellation, so ldd(1) does not list it.
 readonly RUNTIME_LIBRARIES=(libgcc_s.so.1)
 
-# busybox_path: where BusyBox lies, on the host as in the camera.
+# busybox_path: prints the path of BusyBox, the same on the host and in the camera.
 busybox_path() { readlink -f "$(command -v busybox || echo /nonexistent/busybox)"; }
 
-# built_program NAME: prints the path of a program of this project, nothing when it is not built.
+# built_program NAME: prints the path of a program of this project, or nothing if it is not built.
 built_program() { find "$build" -maxdepth 4 -name "$1" -type f -perm -u+x -not -path '*/emulated/*' -print -quit; }
 
 # list_programs: prints "source<TAB>path in the camera" of every program.
@@ -33,7 +33,7 @@ list_built_programs() {
   local name path
   for name in kova_ctlserver kovactl; do
     path=$(built_program "$name")
-    [ -n "$path" ] || die "$name is not built in \"$build\" (./dev build; KOVA_BUILD names the folder)"
+    [ -n "$path" ] || die "$name is not built in \"$build\" (run ./dev build, or set KOVA_BUILD)"
     list_built_program "$path" "/usr/bin/$name"
   done
   path=$(built_program kova_imageprobe)
@@ -44,11 +44,11 @@ list_built_program() {
   if is_emulated; then list_emulated_program "$@"; else printf '%s\t%s\n' "$@"; fi
 }
 
-# list_libraries PROGRAM...: prints "source<TAB>path" of the shared libraries and the loader that they need.
+# list_libraries PROGRAM...: prints "source<TAB>path" of their shared libraries and loader.
 list_libraries() {
   local path name
   {
-    { ldd "$@" 2>/dev/null || true; } | # some need none: scripts, static programs, those of another processor
+    { ldd "$@" 2>/dev/null || true; } | # fails for scripts, static programs and other processors
       sed -nE 's,^[[:space:]]*(.* => )?(/[^ ]+) \(0x.*,\2,p'
     for name in "${RUNTIME_LIBRARIES[@]}"; do
       ldconfig_path "$name"
@@ -58,9 +58,9 @@ list_libraries() {
   done
 }
 
-ldconfig_path() { PATH=$PATH:/sbin:/usr/sbin ldconfig -p | sed -n "s,^[[:space:]]*$1 .* => ,,p" | head -n 1; }
+ldconfig_path() { PATH=$PATH:/sbin:/usr/sbin ldconfig -p | sed -n "s,^[[:space:]]*$1 .* => ,,p" | sed -n 1p; }
 
-# write_manifest: stores the list of the camera's foreign files.
+# write_manifest: writes the list of all these files.
 write_manifest() {
   local programs paths
   if is_emulated; then check_emulator; fi

@@ -1,22 +1,22 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
-# How the camera gets a root of its own. Three ways, tried in this order:
+# The modes of the private root, in order of preference:
 #   namespaces       root: bubblewrap with mount, PID, UTS and IPC namespaces
-#   user-namespaces  anyone who may make user namespaces: the same, inside one where the caller is uid 0
-#   chroot           root without the right to make namespaces: chroot(2) into copied files
+#   user-namespaces  users allowed to create user namespaces: the same, inside one in which the caller is uid 0
+#   chroot           root without permission to create namespaces: chroot(2) into copied files
 # KOVA_CAMERA_MODE=bwrap allows only the first two, KOVA_CAMERA_MODE=chroot only the last.
 
-# What root of the camera may do. Not among them: setting the host's clock, its network, its modules, rebooting it.
+# The capabilities of root in the camera. They exclude the host's clock, network, modules and reboot.
 readonly CAPABILITIES=(CHOWN DAC_OVERRIDE DAC_READ_SEARCH FOWNER FSETID KILL SETGID SETUID SETPCAP SETFCAP
   NET_BIND_SERVICE NET_RAW SYS_CHROOT SYS_PTRACE SYS_NICE SYS_RESOURCE MKNOD AUDIT_WRITE)
-# Mounting and naming the host: harmless in namespaces of one's own only.
+# Mounts and the host name: harmless only in separate namespaces.
 readonly NAMESPACE_CAPABILITIES=("${CAPABILITIES[@]}" SYS_ADMIN)
 
 readonly PROBE=(--unshare-pid --unshare-uts --unshare-ipc --ro-bind / / --proc /proc --dev /dev true)
 
-# choose_mode: prints the mode to use, or says on standard error what each way lacks and fails.
+# choose_mode: prints the mode to use, or fails and prints what each mode lacks to standard error.
 choose_mode() {
   local wanted=${KOVA_CAMERA_MODE:-any} lacking=()
-  case $wanted in any | bwrap | chroot) ;; *) die "KOVA_CAMERA_MODE is \"$wanted\": bwrap or chroot" ;; esac
+  case $wanted in any | bwrap | chroot) ;; *) die "KOVA_CAMERA_MODE is \"$wanted\": use bwrap or chroot" ;; esac
   if [ "$wanted" != chroot ]; then
     if try_bubblewrap; then return; fi
     lacking+=("bubblewrap: $bubblewrap_lacks")
@@ -25,7 +25,7 @@ choose_mode() {
     if try_chroot; then return; fi
     lacking+=("chroot: $chroot_lacks")
   fi
-  printf 'camera: no way to give the camera a root of its own here\n' >&2
+  printf 'camera: no mode for the private root is available\n' >&2
   printf '  %s\n' "${lacking[@]}" >&2
   return 1
 }
@@ -66,7 +66,7 @@ can_make_devices() {
   return "$result"
 }
 
-# bounding_set CAPABILITY...: prints the argument that setpriv(1) wants.
+# bounding_set CAPABILITY...: prints the argument of setpriv(1).
 bounding_set() {
   local names=("${@,,}")
   local list
@@ -74,12 +74,12 @@ bounding_set() {
   echo "-all$list"
 }
 
-# confine: fills `confined` with the words in front of "ROOT CMD..." that run CMD in ROOT.
+# confine: sets `confined` to the words that, followed by ROOT CMD..., run CMD in ROOT.
 confine() {
   confined=(setpriv --inh-caps=-all "--bounding-set=$(bounding_set "${CAPABILITIES[@]}")" chroot)
 }
 
-# The environment of everything that runs inside.
+# The environment of all processes in the camera.
 camera_environment() {
   printf '%s\n' PATH=/bin:/sbin:/usr/bin:/usr/sbin HOME=/etc/persistent LANG=C
   local name
@@ -88,14 +88,14 @@ camera_environment() {
   done
 }
 
-# bubblewrap_arguments MODE: prints them, each ended by a NUL.
+# bubblewrap_arguments MODE: prints the arguments, terminated by NUL.
 bubblewrap_arguments() {
   local arguments capability source target
   arguments=(--unshare-pid --unshare-uts --unshare-ipc --die-with-parent --hostname camera --cap-drop ALL)
   if [ "$1" = user-namespaces ]; then arguments+=(--unshare-user --uid 0 --gid 0); fi
   for capability in "${NAMESPACE_CAPABILITIES[@]}"; do arguments+=(--cap-add "CAP_$capability"); done
   arguments+=(--bind "$root" / --bind "$flash" /mnt/flash --proc /proc --dev /dev --ro-bind /sys /sys)
-  # Most of it is the host's, and root of the host may write it.
+  # Read-only, since most files are the host's and writable for its root.
   if [ "$1" = namespaces ]; then arguments+=(--ro-bind /proc/sys /proc/sys); fi
   while IFS=$'\t' read -r source target; do
     arguments+=(--ro-bind "$source" "$target")
@@ -103,8 +103,8 @@ bubblewrap_arguments() {
   printf '%s\0' "${arguments[@]}"
 }
 
-# launch_init MODE: starts the camera's first process as a child of this shell, which it leaves in `child_pid`, and in
-# `init_pid` the process, as the host counts it, through which the camera is entered.
+# launch_init MODE: starts the first process of the camera as a child of this shell. Sets `child_pid` and, to the
+# process of the host through which commands enter the camera, `init_pid`.
 launch_init() {
   local environment
   mapfile -t environment < <(camera_environment)

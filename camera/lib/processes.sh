@@ -1,27 +1,29 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
-# The processes of a camera, seen from outside, and how they end.
+# Finds and stops the processes of a camera from outside.
 
 readonly GRACE_MS=800 # from SIGTERM to SIGKILL
 
-# camera_pids MODE: prints the process ids, as the host counts them, of everything that runs in the camera: by its PID
-# namespace, or by its root folder where it has none.
+# camera_pids MODE: prints the process ids on the host of all processes in the camera, found by the PID namespace of
+# `init_pid` or, without one, by their root folder.
 camera_pids() {
   local name=root link=$root
   if [ "$1" != chroot ]; then
     name=ns/pid
-    link=$(readlink "/proc/$(<"$init_pid_file")/ns/pid") || return 0
+    link=$(readlink "/proc/$init_pid/ns/pid") || return 0
   fi
   local pattern
   pattern=$(printf '%s' "$link" | sed 's/[][*?\\]/\\&/g')
-  { find /proc/[0-9]*/"$name" -maxdepth 0 -lname "$pattern" -printf '%h\n' 2>/dev/null || true; } |
+  # The suffix of a deleted root folder.
+  { find /proc/[0-9]*/"$name" -maxdepth 0 \( -lname "$pattern" -o -lname "$pattern (deleted)" \) -printf '%h\n' \
+    2>/dev/null || true; } |
     sed -e 's,^/proc/,,' -e 's,/.*,,'
 }
 
-# kind_of PID: prints "last" for what ends last (the first process, the system log and what writes to it),
-# "supervisor" for those of services, "other" for the rest.
+# kind_of PID: prints "last" for processes that stop last (the first process, the system log and its writers),
+# "supervisor" for service supervisors, else "other".
 kind_of() {
   local words=()
-  mapfile -d '' -t words 2>/dev/null <"/proc/$1/cmdline" || true # it may have ended meanwhile
+  mapfile -d '' -t words 2>/dev/null <"/proc/$1/cmdline" || true # it may have exited meanwhile
   case "${words[*]}" in
     */bwrap\ * | *\ /sbin/init | logger\ * | syslogd\ * | "runsv syslogd" | "") echo last ;;
     runsv*) echo supervisor ;;
@@ -29,7 +31,7 @@ kind_of() {
   esac
 }
 
-# is_alive PID: a zombie is not.
+# is_alive PID: false for zombies.
 is_alive() {
   local line
   line=$({ cat "/proc/$1/stat"; } 2>/dev/null) || return 1
@@ -47,8 +49,9 @@ wait_for_end() {
   done
 }
 
-# end_processes MODE: SIGTERM to everything but the system log, SIGKILL after the grace to all that is left. Supervisors
-# are told too, so that they bring nothing back, but not waited for: they stay until their service's output has ended.
+# end_processes MODE: sends SIGTERM to all processes but the system log, and SIGKILL to the rest after a grace period.
+# Supervisors get SIGTERM too, so that they restart nothing, but are not waited for: they run until the output of their
+# service is closed.
 end_processes() {
   local pid asked=() awaited=()
   for pid in $(camera_pids "$1"); do
@@ -57,8 +60,8 @@ end_processes() {
       other) asked+=("$pid") awaited+=("$pid") ;;
     esac
   done
-  [ ${#asked[@]} -eq 0 ] || kill -TERM "${asked[@]}" 2>/dev/null || true # some may have ended
-  wait_for_end "$GRACE_MS" "${awaited[@]}" || true # what is left is killed next
+  [ ${#asked[@]} -eq 0 ] || kill -TERM "${asked[@]}" 2>/dev/null || true # some may have exited
+  wait_for_end "$GRACE_MS" "${awaited[@]}" || true # the rest is killed next
   kill_processes "$1"
 }
 
@@ -66,7 +69,7 @@ kill_processes() {
   local pids
   mapfile -t pids < <(camera_pids "$1")
   while [ ${#pids[@]} -gt 0 ]; do
-    kill -KILL "${pids[@]}" 2>/dev/null || true # some may have ended meanwhile
+    kill -KILL "${pids[@]}" 2>/dev/null || true # some may have exited meanwhile
     wait_for_end 5000 "${pids[@]}" || return 1
     mapfile -t pids < <(camera_pids "$1")
   done

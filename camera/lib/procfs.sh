@@ -1,9 +1,9 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
-# /proc of a camera that may not mount one: copies of the files that a camera's programs read, refreshed by the
-# supervisor. Of processes it shows the camera's own only, so that nothing inside finds a process of the host by name.
+# /proc for a camera that cannot mount one: copies of the files that its programs read, refreshed by the supervisor. It
+# contains only processes of the camera, so that no program inside finds a process of the host by name.
 #
-# /proc leads to one of two snapshots, which is replaced by the other once that is complete. The figures that programs
-# keep open lie beside the snapshots and are rewritten in place.
+# /proc is a link to one of two snapshots and switches to the other one when that is complete. Files that programs keep
+# open are stored beside the snapshots and rewritten in place.
 
 readonly FIGURES=(cpuinfo filesystems loadavg meminfo net/dev net/route net/ipv6_route stat uptime version)
 
@@ -21,14 +21,14 @@ mirror_proc() {
   rm -rf "${mirror:?}/$slot"
   mkdir "$mirror/$slot"
   for pid in $(camera_pids chroot); do files+=("$pid"/{cmdline,comm,exe,stat,status}); done
-  (cd /proc && cp -P --parents "${files[@]}" "$mirror/$slot") 2>/dev/null || true # processes end while they are copied
+  (cd /proc && cp -P --parents "${files[@]}" "$mirror/$slot") 2>/dev/null || true # processes exit while they are copied
   drop_incomplete "$mirror/$slot"
   ln -s ../figures/{cpuinfo,filesystems,loadavg,meminfo,net,stat,uptime,version} "$mirror/$slot"
   ln -sfn "$slot" "$mirror/next"
   mv -T "$mirror/next" "$mirror/now"
 }
 
-# Of a process that ended meanwhile there may be half a copy.
+# Removes partial copies of processes that exited meanwhile.
 drop_incomplete() {
   local folder file
   for folder in "$1"/[0-9]*; do
@@ -41,12 +41,12 @@ drop_incomplete() {
   done
 }
 
-# Written over, not emptied first: a reader never finds a file without its figures.
+# Overwrites without truncation, so that readers never see an empty file.
 refresh_figures() {
   local name text file
   for name in "${FIGURES[@]}"; do
     file=$root/run/proc/figures/$name
-    IFS= read -r -d '' text <"/proc/$name" || true # read fails at an end without NUL
+    IFS= read -r -d '' text <"/proc/$name" || true # read fails at the end of input without NUL
     if [ ! -e "$file" ] || [ "$(stat -c %s "$file")" -gt "${#text}" ]; then
       printf '%s' "$text" >"$file"
     else

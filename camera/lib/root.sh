@@ -1,10 +1,10 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared, see use_camera
-# Builds what is the camera's firmware: everything in DIR/root that neither RAM nor flash holds.
+# Builds the firmware of the camera: all files in DIR/root that are not in RAM or flash.
 
-# BusyBox has these too, but the camera must not reach them: they act on the host, or hide a device tool.
+# Applets of BusyBox to leave out: they act on the host or hide a device tool.
 readonly UNWANTED_APPLETS=(reboot halt poweroff init linuxrc setpriv)
 
-# build_root MODE INFO: INFO is a device description to use from now on, or "".
+# build_root MODE INFO: INFO is a new device description, or "".
 build_root() {
   remove_firmware
   make_folders
@@ -24,7 +24,7 @@ remove_firmware() { rm -rf --one-file-system -- "${root:?}"/{bin,sbin,usr,lib,li
 make_folders() {
   if [ -L "$root/proc" ]; then rm "$root/proc"; fi
   mkdir -p "$root"/{bin,sbin,dev,proc,sys,etc,tmp,run,mnt/flash,var/log,usr/{bin,sbin,lib,libexec,share/{kova,factory}}}
-  # Where the host keeps its libraries decides where programs look for them.
+  # Programs look for libraries in the folders of the host.
   local name
   for name in lib lib32 lib64; do
     if [ -L "/$name" ]; then
@@ -35,8 +35,8 @@ make_folders() {
   ln -sfn ../run "$root/var/run"
 }
 
-# The camera sees its flash as /mnt/flash. In namespaces DIR/flash is mounted there; without, it has to lie there, and
-# DIR/flash leads to it.
+# The flash is /mnt/flash inside. With namespaces, DIR/flash is mounted there; without, it is stored there and DIR/flash
+# is a link to it.
 place_flash() {
   local seen=$root/mnt/flash
   if [ "$1" != chroot ]; then
@@ -58,9 +58,9 @@ install_skeleton() {
   local packaging=$CAMERA_HOME/../packaging
   cp -a "$CAMERA_HOME/rootfs/sbin/." "$root/sbin/"
   cp -a "$CAMERA_HOME/rootfs/usr/." "$root/usr/"
-  # The services of the packages are the camera's.
+  # Install the services of the packages.
   cp "$packaging/dbus/kova-bus.conf" "$packaging"/runit/service* "$root/usr/share/kova/"
-  cp "$packaging/kova_tidy" "$root/usr/libexec/"
+  cp "$packaging"/kova_{members,tidy} "$root/usr/libexec/"
 }
 
 install_tools() {
@@ -70,18 +70,19 @@ install_tools() {
   cp "$tools"/lib/*.sh "$root/usr/share/kova/"
 }
 
-# The description stays the camera's own over stop and start, as the model of a real one does.
+# The description persists across stop and start, like the model of a real camera.
 install_info() {
   local kept=$state/camera_info.json
   if [ -n "$1" ]; then write_atomically "$kept" <"$1"; fi
   if [ -e "$kept" ]; then cp "$kept" "$root/usr/share/kova/camera_info.json"; fi
 }
 
-# The factory's /etc: the skeleton and the services, with the model's name.
+# The factory default of /etc: the skeleton and the services, with the name of the model.
 install_factory_default() {
   local factory=$root/usr/share/factory/etc name service
   cp -a "$CAMERA_HOME/rootfs/etc" "$root/usr/share/factory/"
   cp -a "$CAMERA_HOME"/../packaging/runit/kova_* "$factory/sv/"
+  lift_limits_for_sanitizers "$factory/sv/kova_ctlserver/run"
   name=$(sed -nE 's/.*"name"[[:space:]]*:[[:space:]]*"([^"\\]*)".*/\1/p' "$root/usr/share/kova/camera_info.json")
   printf 'resolv.host.1.name=%s\n' "${name%%$'\n'*}" >>"$factory/system.cfg"
   mkdir -p "$factory/service" "$factory/persistent"
@@ -91,7 +92,13 @@ install_factory_default() {
   done
 }
 
-# runsv(8) keeps its state in "supervise": that belongs into RAM, not into a configuration that is saved.
+# lift_limits_for_sanitizers RUN: removes limits that are too low for a daemon with sanitizers.
+lift_limits_for_sanitizers() {
+  # Not grep -q: it ends early, and ldd(1) would die of SIGPIPE.
+  if ldd "$(built_program kova_ctlserver)" 2>/dev/null | grep libasan >/dev/null; then sed -i 's/ -d 536870912//' "$1"; fi
+}
+
+# runsv(8) keeps its state in "supervise", which must be in RAM and not in the saved configuration.
 keep_state_in_ram() {
   local name=${1##*/}
   ln -s "/run/sv/$name" "$1/supervise"
@@ -104,14 +111,14 @@ install_applets() {
   for applet in "${UNWANTED_APPLETS[@]}"; do rm -f "$root/bin/$applet"; done
 }
 
-# Bubblewrap would make missing ones for root only.
+# Bubblewrap would create missing folders with access for root only.
 make_manifest_folders() {
   local folders
   mapfile -t folders < <(cut -f 2 "$manifest" | sed "s,/[^/]*\$,," | sort -u)
   mkdir -p "${folders[@]/#/$root}"
 }
 
-# A copy, never a hard link: what runs in the camera as root could write through a link into the host's file.
+# Copies instead of hard links, through which root in the camera could write to files of the host.
 copy_manifest() {
   local source target
   while IFS=$'\t' read -r source target; do

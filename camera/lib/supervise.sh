@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
-# supervise.sh run DIR MODE: the power supply and the boot loader of one camera. Boots it, boots it again when it asks to
-# be rebooted, and ends it when told to. Whatever happens inside, this process is what keeps the camera alive: when it
-# dies, the camera dies.
+# supervise.sh run DIR MODE: the power supply and boot loader of a camera. Boots it, reboots it on request and stops it.
+# The camera lives only as long as this process.
 #
-# supervise.sh sweep DIR: kills what is left of a camera in chroot mode, where the kernel does not end it with its
-# supervisor.
+# supervise.sh sweep DIR: kills the remaining processes of a camera in chroot mode, where they survive the supervisor.
 #
-# Told what to do by lines in the pipe DIR/state/control, which the camera sees as /run/initctl: "reboot", "halt".
+# Commands are lines in the pipe DIR/state/control, /run/initctl inside the camera: "reboot", "halt".
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
@@ -21,8 +19,8 @@ here=$(dirname "$(readlink -f "$0")")
 # shellcheck source=camera/lib/procfs.sh
 . "$here/procfs.sh"
 
-readonly REBOOT_DELAY=0.1 # seconds in which the one who asked may still hear that it was accepted
-readonly TICK=0.2         # seconds between two looks at a camera that says nothing
+readonly REBOOT_DELAY=0.1 # seconds to let the requester receive its answer
+readonly TICK=0.2         # seconds between checks of a silent camera
 
 close_inherited_descriptors() {
   local path fd
@@ -34,10 +32,10 @@ close_inherited_descriptors() {
 
 note() { printf '%s %s\n' "$(date '+%F %T')" "$*"; }
 
-# Descriptor 8 is the lock, 9 the control pipe, open for both ways so that neither end ever waits for the other.
+# Descriptor 8 is the lock, 9 the control pipe, opened read-write so that neither end blocks.
 take_camera() {
   exec 8>>"$lock"
-  flock --timeout 2 8 || die "$dir is running already" # others hold it for a moment, to look
+  flock --timeout 2 8 || die "$dir is already running" # others hold it briefly to check it
   echo $$ >"$state/supervisor.pid"
   rm -f "$control"
   mkfifo -m 600 "$control"
@@ -45,7 +43,7 @@ take_camera() {
   trap 'echo halt >&9' TERM INT HUP
 }
 
-# Waits for the lock, which it gets when this process has died without ending the camera.
+# Waits for the lock, which is released if this process dies before it stops the camera.
 start_guardian() {
   flock "$lock" "$here/supervise.sh" sweep "$dir" 8>&- 9>&- &
   guardian_pid=$!
@@ -59,13 +57,24 @@ boot() {
   note "boot $(<"$root/run/boot_count"), process $init_pid"
 }
 
-# next_event: waits for a line in the control pipe or the end of the first process; leaves it in `event`.
+# Whether the lock is still in DIR; false if DIR was deleted or replaced.
+has_folder() { [ "$lock" -ef /proc/self/fd/8 ]; }
+
+# next_event: waits for a line in the control pipe, the exit of the first process or the deletion of DIR; sets `event`. A
+# tick may end within a line: read(1) then leaves what it has, and the rest comes later.
 next_event() {
+  local part line=
   event=
   until [ -n "$event" ]; do
-    read -r -t "$TICK" -u 9 event || true # nothing within the tick
+    if read -r -t "$TICK" -u 9 part; then
+      event=$line$part
+      line=
+    else
+      line+=$part
+    fi
     if [ -z "$event" ]; then
       if ! is_alive "$child_pid"; then event=died; fi
+      if ! has_folder; then event=deleted && return; fi
       if [ "$mode" = chroot ]; then mirror_proc || note "/proc could not be refreshed"; fi
     fi
   done
@@ -74,7 +83,7 @@ next_event() {
 shut_down() {
   end_processes "$mode"
   rm -f "$init_pid_file"
-  wait "$child_pid" 2>/dev/null || true # however it ended
+  wait "$child_pid" 2>/dev/null || true # whatever its exit status
   note "down ($event)"
 }
 
@@ -82,7 +91,7 @@ run() {
   local mode=$1 event=reboot child_pid init_pid guardian_pid=
   take_camera
   if [ "$mode" = chroot ]; then start_guardian; fi
-  while [ "$event" = reboot ]; do
+  while [ "$event" = reboot ] && has_folder; do
     boot
     next_event
     if [ "$event" = reboot ]; then sleep "$REBOOT_DELAY"; fi

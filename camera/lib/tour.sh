@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2154 # `here` is the tour's
-# What the tour's steps are made of: typing a command and showing it, checking, and the server the camera talks to.
+# Building blocks of the tour: commands, checks and the management server.
 
-readonly WAIT_S=15
+readonly WAIT_S=30
 
 prepare() {
   work=$(mktemp -d /tmp/kova-tour-XXXXXX)
@@ -18,19 +18,19 @@ prepare() {
 }
 
 clean_up() {
-  [ -z "$manager" ] || kill "$manager" 2>/dev/null || true # it may have ended by itself
-  "$here/camera" stop "$dir" >/dev/null 2>&1 || true       # there may be no camera yet
+  [ -z "$manager" ] || kill "$manager" 2>/dev/null || true # it may have exited already
+  "$here/camera" stop "$dir" >/dev/null 2>&1 || true       # there may be no camera
   rm -rf "$work"
 }
 
-# step TITLE FUNCTION: a step behaves when all that it checks holds. A step never ends the tour.
+# step TITLE FUNCTION: runs a step, which succeeds if all its checks do. The tour continues in any case.
 step() {
   steps=$((steps + 1))
   behaved=yes
   printf '\n%s%2d. %s%s\n' "$bold" "$steps" "$1" "$plain"
   output=
   log_mark=$(log_size)
-  "$2" || wrong "the step broke off"
+  "$2" || wrong "the step was aborted"
   if [ "$behaved" = yes ]; then good=$((good + 1)); fi
 }
 
@@ -43,19 +43,19 @@ show() { printf '    %s\n' "$@"; }
 
 inside() { "$here/camera" exec "$dir" -- "$@"; }
 
-# --- typing -------------------------------------------------------------------------------------------------------
+# --- commands ------------------------------------------------------------------------------------------------------
 
-# run_shown EXPECTED COMMAND...: runs it, shows what it printed, and leaves that in `output`. EXPECTED: ok, refused, or
-# any for what the camera may take down with it.
+# run_shown EXPECTED COMMAND...: runs it, shows its output and sets `output`. EXPECTED is ok, refused, or any for a
+# command that a reboot may kill.
 run_shown() {
   local expected=$1 status=0
   shift
   output=$("$@" 2>&1) || status=$?
   if [ -n "$output" ]; then printf '    %s\n' "${output//$'\n'/$'\n'    }"; fi
   if [ "$expected" = ok ]; then
-    [ "$status" -eq 0 ] || wrong "it was meant to work, and ended with status $status"
+    [ "$status" -eq 0 ] || wrong "expected success, got exit status $status"
   elif [ "$expected" = refused ]; then
-    [ "$status" -ne 0 ] || wrong "it was meant to be refused"
+    [ "$status" -ne 0 ] || wrong "expected a refusal"
   fi
 }
 
@@ -75,9 +75,9 @@ type_refused() {
   show "$ kovactl $*"
   run_shown refused inside kovactl "$@"
 }
-# A request whose outcome no event tells.
+# For requests whose outcome no event reports.
 type_quiet() { type_in "$@"; }
-# type_secret OLD NEW ARGUMENT...: passwords go to standard input, one a line.
+# type_secret OLD NEW ARGUMENT...: passes the passwords on standard input, one per line.
 type_secret() {
   show "$ printf '%s\\n' OLD NEW | kovactl ${*:3}"
   run_shown ok inside kovactl "${@:3}" <<<"$1"$'\n'"$2"
@@ -87,14 +87,14 @@ type_secret_refused() {
   run_shown refused inside kovactl "${@:3}" <<<"$1"$'\n'"$2"
 }
 
-# --- checking -----------------------------------------------------------------------------------------------------
+# --- checks -------------------------------------------------------------------------------------------------------
 
 wrong() {
   behaved=no
   printf '    %sx %s%s\n' "$red" "$*" "$plain"
 }
 
-# holds TEXT COMMAND...: the command must succeed.
+# holds TEXT COMMAND...: checks that the command succeeds.
 holds() {
   if "${@:2}" >/dev/null 2>&1; then
     printf '    %sok%s %s\n' "$green" "$plain" "$1"
@@ -111,27 +111,32 @@ eventually() {
   done
 }
 
+# has PATTERN: whether a line of standard input matches. Reads to the end, unlike "grep -q", which makes the writer of
+# the pipe and thus the check fail.
+has() { grep -E -- "$1" >/dev/null; }
+
 true_so_far() { [ "$behaved" = yes ]; }
-printed() { tr '\n' ' ' <<<"$output" | grep -qE "$1"; }
-busctl_knows() { inside busctl --address=unix:path=/run/kova/bus --no-pager list | grep -q "^$1 "; }
+printed() { tr '\n' ' ' <<<"$output" | has "$1"; }
+busctl_knows() { inside busctl --address=unix:path=/run/kova/bus --no-pager list | has "^$1 "; }
 inside_prints() { [ "$(inside sh -c "$1")" = "$2" ]; }
 inside_has() { grep -qE "$2" "$root$1"; }
 inside_lacks() { ! grep -qE "$2" "$root$1"; }
 same() { cmp -s "$1" "$2"; }
+# The server renames an upload when it is complete.
 arrives() { eventually test -e "$received/$1" && cmp -s "$received/$1" "$2"; }
-tar_lists() { tar -tf "$1" | grep -q "$2"; }
-# Whether the server was asked for nothing of the kind, within the time that a transfer takes.
+tar_lists() { tar -tf "$1" | has "$2"; }
+# Whether no such request reached the server within the duration of a transfer.
 never_requested() { sleep 0.5 && ! grep -qF "$1" "$work/manager.log"; }
 account_hash() { cut -d: -f2 "$root/etc/passwd"; }
 sysid() { sed -nE 's/.*"sysid": *([0-9]+).*/\1/p' "$root/usr/share/kova/camera_info.json"; }
 
 log_size() { stat -c %s "$root/var/log/messages" 2>/dev/null || echo 0; }
-# Whether the system log has gained such a line since the step began.
-logged_since() { tail -c "+$((log_mark + 1))" "$root/var/log/messages" | grep -qE "$1"; }
+# Whether the system log has a matching line since the start of the step.
+logged_since() { tail -c "+$((log_mark + 1))" "$root/var/log/messages" | has "$1"; }
 logged() { eventually logged_since "$1"; }
 logged_now() { logged "$1"; }
 
-# The boot counter stands still while a camera goes down, so the next boot is waited for, not the present one.
+# Waits for the next boot number: the current one stays in place while the camera goes down.
 comes_back() { "$here/camera" wait "$dir" "$((boot + 1))" && boot=$((boot + 1)); }
 boot=1
 
@@ -152,7 +157,7 @@ start_manager() {
   inside kovactl save --sync
 }
 
-# An authority, the server's certificate and the camera's, made for this tour alone.
+# Creates an authority and certificates for the server and the camera.
 make_certificates() {
   local tls=$work/tls
   mkdir -m 700 "$tls"

@@ -9,10 +9,9 @@
 
 #include <httplib.h>
 
-/// The management server that the virtual camera talks to: HTTPS, and only with those who hold a
-/// certificate of its authority. It serves files (GET /files/NAME) and keeps what is uploaded (POST
-/// /upload/NAME: the part "payload" in RECEIVED/NAME, the other form fields in RECEIVED/NAME.fields
-/// as lines KEY=VALUE).
+/// The management server of the virtual camera. It uses HTTPS, requires client certificates of its
+/// authority, serves files (GET /files/NAME) and stores uploads (POST /upload/NAME: the part
+/// "payload" in RECEIVED/NAME, the other form fields in RECEIVED/NAME.fields as lines KEY=VALUE).
 namespace {
 
 namespace fs = std::filesystem;
@@ -21,6 +20,13 @@ constexpr std::size_t kMaxUpload = 64UL * 1024 * 1024;
 
 bool isPlainName(const std::string& name) {
   return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos;
+}
+
+/// Writes the file atomically: readers never see a partial file.
+void putInPlace(const fs::path& path, const std::string& content) {
+  const fs::path partial = path.string() + ".partial";
+  std::ofstream(partial, std::ios::binary) << content;
+  fs::rename(partial, path);
 }
 
 void serveFile(const fs::path& folder, const httplib::Request& request,
@@ -42,22 +48,21 @@ void keepUpload(const fs::path& folder, const httplib::Request& request,
     response.status = 400;
     return;
   }
-  std::ofstream fields(folder / (name + ".fields"));
+  std::string fields;
   for (const auto& [key, part] : request.files) {
     if (key != "payload") {
-      fields << key << '=' << part.content << '\n';
+      fields += key + '=' + part.content + '\n';
     }
   }
-  // Renamed into place, so that who waits for the file finds it whole.
-  const fs::path partial = folder / (name + ".partial");
-  std::ofstream(partial, std::ios::binary) << request.get_file_value("payload").content;
-  fs::rename(partial, folder / name);
+  // Write the payload last: when it exists, the upload is complete.
+  putInPlace(folder / (name + ".fields"), fields);
+  putInPlace(folder / name, request.get_file_value("payload").content);
 }
 
 int usage() {
   std::fputs(
       "usage: kova_manager CERTIFICATE KEY CLIENT_CA FILES RECEIVED PORT_FILE\n"
-      "Serves https://localhost:PORT/ until SIGTERM; the port it got is written to PORT_FILE.\n",
+      "Serves https://localhost:PORT/ until SIGTERM and writes PORT to PORT_FILE.\n",
       stderr);
   return 2;
 }
@@ -92,7 +97,7 @@ int main(int argc, char** argv) {
     std::fputs("kova_manager: cannot serve with these certificates\n", stderr);
     return 1;
   }
-  std::ofstream(argv[6]) << port << '\n';
+  putInPlace(argv[6], std::to_string(port) + '\n');
   std::thread waiter([&] {
     int signal = 0;
     sigwait(&stop, &signal);

@@ -1,12 +1,12 @@
 #!/bin/sh
-# Makes the camera's name in system.cfg its host name.
+# Sets the host name to the name of the camera in system.cfg.
 # shellcheck source=camera/tools/lib/tool.sh
 . /usr/share/kova/tool.sh
 # shellcheck source=camera/tools/lib/hostname.sh
 . /usr/share/kova/hostname.sh
 
-# The control server runs this tool before it writes its change to system.cfg. So the name found there may be about to
-# change: wait for that, for a second at most, without keeping the caller.
+# The control server runs this tool before it writes system.cfg, so wait in the background for the name to change, at
+# most one second.
 await_new_name() {
   tries=20
   while [ "$tries" -gt 0 ] && [ "$(host_name_of_camera)" = "$1" ]; do

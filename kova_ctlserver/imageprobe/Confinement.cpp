@@ -5,67 +5,54 @@
 #include <seccomp.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <memory>
+#include <csignal>
+#include <cstring>
+#include <iterator>
+
+#include "kova/utils/Handle.h"
 
 namespace kova::imageprobe {
 namespace {
 
-constexpr rlim_t kProcessorSeconds = 5;
+constexpr rlim_t kProcessorSeconds =
+    1;  // for decoding: loading the libraries takes a slow core as long
 constexpr rlim_t kDataBytes = 256UL * 1024 * 1024;
 constexpr uid_t kNobody = 65534;
 
-struct FilterDeleter {
-  void operator()(void* filter) const { seccomp_release(filter); }
-};
-using Filter = std::unique_ptr<void, FilterDeleter>;
+using Filter = utils::Handle<void, seccomp_release>;
 
-// What decoders, the C++ runtime and the C library use between opening a file and printing a line.
+// Used by decoders, the C++ runtime and the C library between reading a file and printing a line.
 constexpr int kAllowed[] = {
-    SCMP_SYS(brk),
-    SCMP_SYS(clock_gettime),
-    SCMP_SYS(close),
-    SCMP_SYS(exit),
-    SCMP_SYS(exit_group),
-    SCMP_SYS(fcntl),
-    SCMP_SYS(fstat),
-    SCMP_SYS(futex),
-    SCMP_SYS(getdents64),
-    SCMP_SYS(getegid),
-    SCMP_SYS(geteuid),
-    SCMP_SYS(getgid),
-    SCMP_SYS(getpid),
-    SCMP_SYS(getrandom),
-    SCMP_SYS(getrusage),
-    SCMP_SYS(gettid),
-    SCMP_SYS(gettimeofday),
-    SCMP_SYS(getuid),
-    SCMP_SYS(lseek),
-    SCMP_SYS(madvise),
-    SCMP_SYS(mmap),
-    SCMP_SYS(mprotect),
-    SCMP_SYS(mremap),
-    SCMP_SYS(munmap),
-    SCMP_SYS(newfstatat),
-    SCMP_SYS(pread64),
-    SCMP_SYS(read),
-    SCMP_SYS(readv),
-    SCMP_SYS(restart_syscall),
-    SCMP_SYS(rt_sigaction),
-    SCMP_SYS(rt_sigprocmask),
-    SCMP_SYS(rt_sigreturn),
-    SCMP_SYS(sched_getaffinity),
-    SCMP_SYS(sched_yield),
-    SCMP_SYS(sigaltstack),
-    SCMP_SYS(statx),
-    SCMP_SYS(sysinfo),
+    SCMP_SYS(brk),          SCMP_SYS(clock_gettime),
+    SCMP_SYS(close),        SCMP_SYS(exit),
+    SCMP_SYS(exit_group),   SCMP_SYS(fstat),
+    SCMP_SYS(futex),        SCMP_SYS(getdents64),
+    SCMP_SYS(getegid),      SCMP_SYS(geteuid),
+    SCMP_SYS(getgid),       SCMP_SYS(getpid),
+    SCMP_SYS(getrandom),    SCMP_SYS(getrusage),
+    SCMP_SYS(gettid),       SCMP_SYS(gettimeofday),
+    SCMP_SYS(getuid),       SCMP_SYS(lseek),
+    SCMP_SYS(madvise),      SCMP_SYS(mmap),
+    SCMP_SYS(mprotect),     SCMP_SYS(mremap),
+    SCMP_SYS(munmap),       SCMP_SYS(newfstatat),
+    SCMP_SYS(pread64),      SCMP_SYS(read),
+    SCMP_SYS(readv),        SCMP_SYS(restart_syscall),
+    SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask),
+    SCMP_SYS(rt_sigreturn), SCMP_SYS(sched_getaffinity),
+    SCMP_SYS(sched_yield),  SCMP_SYS(sigaltstack),
+    SCMP_SYS(statx),        SCMP_SYS(sysinfo),
     SCMP_SYS(uname),
 };
 
-// Refused rather than fatal: libraries that look for settings, plug-ins or further processors do
-// without.
+// Refused, not fatal: libraries that look for settings, plug-ins or processors manage without.
 constexpr int kRefused[] = {
     SCMP_SYS(access),  SCMP_SYS(clone),    SCMP_SYS(clone3),     SCMP_SYS(faccessat),
     SCMP_SYS(getcwd),  SCMP_SYS(ioctl),    SCMP_SYS(faccessat2), SCMP_SYS(readlink),
@@ -73,34 +60,126 @@ constexpr int kRefused[] = {
     SCMP_SYS(mkdirat),
 };
 
-bool limit(__rlimit_resource_t resource, rlim_t value) {
+/// The type of the resource depends on the C library.
+template <typename Resource>
+bool limit(Resource resource, rlim_t value) {
   const rlimit both{value, value};
   return setrlimit(resource, &both) == 0;
 }
 
-bool setLimits() {
-  return limit(RLIMIT_CPU, kProcessorSeconds) && limit(RLIMIT_DATA, kDataBytes) &&
-         limit(RLIMIT_FSIZE, 0) && limit(RLIMIT_CORE, 0) && limit(RLIMIT_NPROC, 0);
+/// The signal of the timer ends the process. The limit, which counts whole seconds of its whole
+/// life, catches one that ignores the signal.
+bool limitProcessorTime() {
+  rusage used{};
+  const itimerval timer{{0, 0}, {kProcessorSeconds, 0}};
+  if (getrusage(RUSAGE_SELF, &used) != 0 || signal(SIGPROF, SIG_DFL) == SIG_ERR ||
+      setitimer(ITIMER_PROF, &timer, nullptr) != 0) {
+    return false;
+  }
+  const auto spent = static_cast<rlim_t>(used.ru_utime.tv_sec + used.ru_stime.tv_sec);
+  return limit(RLIMIT_CPU, spent + kProcessorSeconds + 2);
 }
 
-/// In a user namespace of one user nobody else can be had; there the filter has to do.
+bool setLimits() {
+  return limitProcessorTime() && limit(RLIMIT_DATA, kDataBytes) && limit(RLIMIT_FSIZE, 0) &&
+         limit(RLIMIT_CORE, 0) && limit(RLIMIT_NPROC, 0);
+}
+
+/// In a single-user namespace the process cannot become nobody; there the filter alone confines it.
 bool becomeNobody() {
   if (geteuid() != 0) {
     return true;
   }
   const bool alone = setgroups(0, nullptr) == 0;
   if (setresgid(kNobody, kNobody, kNobody) != 0 || setresuid(kNobody, kNobody, kNobody) != 0) {
-    return errno == EINVAL;  // as of an id that the namespace does not know
+    return errno == EINVAL;  // the namespace does not map the id
   }
   return alone;
 }
 
-/// Files only for reading, standard output and error only for writing, the own limits only to look
-/// at.
+/// The picture, opened several times, since each descriptor has its own position.
+struct Picture {
+  const char* path = nullptr;
+  int error = 0;
+  std::array<int, 16> descriptors{};
+  std::size_t left = 0;
+};
+
+Picture picture;
+
+/// Everyone may write to the folder of the picture, so links and special files are refused, and a
+/// pipe does not block the probe.
+int openPlainFile(const char* path) {
+  const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  struct stat info {};
+  if (descriptor < 0 ||
+      (fstat(descriptor, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1)) {
+    return descriptor;
+  }
+  close(descriptor);
+  errno = EPERM;
+  return -1;
+}
+
+void openPicture(const char* path) {
+  picture.path = path;
+  for (int& descriptor : picture.descriptors) {
+    descriptor = openPlainFile(path);
+    if (descriptor < 0) {
+      picture.error = errno;
+      return;
+    }
+    ++picture.left;
+  }
+}
+
+/// The result of open(2) under the filter: a descriptor, or a negative error number.
+int descriptorOf(const char* path) {
+  if (std::strcmp(path, picture.path) != 0) {
+    return -EACCES;
+  }
+  if (picture.left == 0) {
+    return picture.error != 0 ? -picture.error : -EMFILE;
+  }
+  return picture.descriptors[--picture.left];
+}
+
+/// Handles SIGSYS, which the filter raises for openat(2).
+void onOpen(int, siginfo_t*, void* context) {
+  auto& machine = static_cast<ucontext_t*>(context)->uc_mcontext;
+#if defined(__x86_64__)
+  machine.gregs[REG_RAX] = descriptorOf(reinterpret_cast<const char*>(machine.gregs[REG_RSI]));
+#elif defined(__aarch64__)
+  machine.regs[0] = static_cast<unsigned long>(
+      static_cast<long>(descriptorOf(reinterpret_cast<const char*>(machine.regs[1]))));
+#else
+#error "Say where this processor's mcontext_t has a system call's second argument and its result."
+#endif
+}
+
+bool interceptOpen() {
+  struct sigaction action {};
+  action.sa_sigaction = onOpen;
+  action.sa_flags = SA_SIGINFO | SA_NODEFER;
+  return sigaction(SIGSYS, &action, nullptr) == 0;
+}
+
+/// Allows fcntl(2) on the flags of a descriptor, but not on who receives its signals.
+bool allowHarmlessFcntl(scmp_filter_ctx filter) {
+  constexpr int kHarmless[] = {F_GETFD, F_SETFD, F_GETFL};
+  return std::all_of(std::begin(kHarmless), std::end(kHarmless), [filter](int command) {
+    return seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(fcntl), 1,
+                            SCMP_A1_32(SCMP_CMP_EQ, static_cast<unsigned>(command))) == 0;
+  });
+}
+
+/// openat(2) for reading goes to onOpen; only standard output and error may be written, and limits
+/// only be read.
 bool allowInPart(scmp_filter_ctx filter) {
   constexpr scmp_datum_t kChanging = O_ACCMODE | O_CREAT | O_TRUNC;
-  return seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(openat), 1,
+  return seccomp_rule_add(filter, SCMP_ACT_TRAP, SCMP_SYS(openat), 1,
                           SCMP_A2(SCMP_CMP_MASKED_EQ, kChanging, O_RDONLY)) == 0 &&
+         allowHarmlessFcntl(filter) &&
          seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(write), 1,
                           SCMP_A0(SCMP_CMP_LE, STDERR_FILENO)) == 0 &&
          seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(prlimit64), 2, SCMP_A0(SCMP_CMP_EQ, 0),
@@ -127,8 +206,12 @@ bool installFilter() {
 
 }  // namespace
 
-bool confine() {
-  return becomeNobody() && setLimits() && prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+bool confine(const char* path) {
+  if (!becomeNobody()) {
+    return false;
+  }
+  openPicture(path);
+  return setLimits() && prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && interceptOpen() &&
          installFilter();
 }
 

@@ -2,18 +2,21 @@
 
 namespace kova::imageprobe {
 
-/// Gives up, for the rest of the process's life, all that decoding a picture does not need:
+/// Permanently drops everything that decoding the picture at `path` does not need:
 ///
-/// - processor time beyond 5 s, memory beyond 256 MB of data, writing files, further processes
-///   (setrlimit(2));
-/// - root: the process becomes nobody (65534) where it can be another user at all;
+/// - processor time beyond 1 s from now (setitimer(2); 3 s if the signal is ignored), data beyond
+///   256 MB, writing files, further processes (setrlimit(2));
+/// - root: the process becomes nobody (65534), unless its user namespace has no other user;
 /// - new privileges (PR_SET_NO_NEW_PRIVS, prctl(2));
-/// - every system call but those that reading files, computing and ending take (seccomp(2)): no
-///   network, no further programs or threads, no changes to files, no signals to others. A call
-///   that is not foreseen ends the process.
+/// - system calls beyond reading, computing and exiting (seccomp(2)): no network, programs,
+///   threads, changes to files or signals to others. An unexpected call ends the process;
+/// - files other than the picture. The picture is opened here, several times; open(2) of `path`
+///   then returns one of these descriptors, and any other open(2) is refused.
 ///
-/// Meant to be called once the program's libraries have been loaded.
-/// @return false when the limits or the filter could not be set; decoding must then not be tried
-bool confine();
+/// Must be called once, after the libraries have been loaded. A picture that cannot be opened is
+/// not a failure; the decoder's open(2) fails instead.
+/// @param path must stay valid and unchanged
+/// @return false if the limits or the filter could not be set; the caller must not decode then
+bool confine(const char* path);
 
 }  // namespace kova::imageprobe

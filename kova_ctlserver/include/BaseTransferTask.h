@@ -12,9 +12,9 @@ namespace kova::ctlserver {
 /// One named, reusable piece of work that moves one file over HTTP(S): a download of a URI into a
 /// local file, or an upload of a local file to a URI as a multipart form.
 ///
-/// The object outlives its runs: it is armed with the setters, handed to TransferService::add and,
-/// once the service has let go of it, armed again. A concrete task overrides hooks; they all run on
-/// the daemon's one thread, inside TransferService::add and TransferService::service.
+/// The object outlives its runs: it is armed with the setters, passed to TransferService::add and,
+/// once the service has removed it, armed again. Concrete tasks override the hooks, which run
+/// inside TransferService::add and TransferService::service, on the one thread of the daemon.
 class BaseTransferTask {
  public:
   BaseTransferTask() = default;
@@ -22,38 +22,36 @@ class BaseTransferTask {
   BaseTransferTask(const BaseTransferTask&) = delete;
   BaseTransferTask& operator=(const BaseTransferTask&) = delete;
 
-  /// Validation of this kind of task, first of all in start(); the place to fill in defaults.
-  /// @return false refuses the task
+  /// Validates what is specific to this kind of task and fills in its defaults. Called first in
+  /// start(); false refuses the task.
   virtual bool onCheck();
-  /// Last in start(), with the clock running; its result is the result of start().
+  /// Called last in start(), with the deadline running; its result is the result of start().
   virtual bool onStart();
-  /// Uploads only: asked on every turn of the service until the file to send is there. The deadline
-  /// runs meanwhile.
-  /// @param ready out: whether `path` can be sent now
-  /// @param path  out: the file to upload
+  /// Uploads only: called on every turn until the file is ready, while the deadline runs.
+  /// @param ready receives whether `path` can be sent now
+  /// @param path  receives the file to upload
   virtual void onPrepare(bool& ready, std::string& path);
-  /// Called on every turn after the transfer ended with TRANSFER_OK until it sets `done`. The
-  /// server's answer was not judged: an error page counts as success here. The deadline runs
-  /// meanwhile.
+  /// Called on every turn after TRANSFER_OK until it sets `done`, while the deadline runs. The HTTP
+  /// status was not judged: the file may be an error page.
   virtual void onSuccess(bool& done);
-  /// Called exactly once for a run that failed; the service then lets go of the task.
+  /// Called exactly once for a failed run; the service then removes the task.
   /// @param status   never TRANSFER_OK
-  /// @param httpCode 0 when there was no response or the failure was found locally
+  /// @param httpCode 0 if there was no response or the failure is local
   virtual void onFailure(TransferStatus status, int httpCode);
-  /// Tells the requester the outcome, as an EventTransferRequestStatus addressed to ipcOrigin().
-  /// Nothing is sent with setSendNoEvents(true); a failure to send is logged and not retried.
+  /// Sends the outcome to ipcOrigin() as an EventTransferRequestStatus, unless
+  /// setSendNoEvents(true). A failure to send is logged and not retried.
   virtual void notifyStatus(const std::string& status);
 
-  // Each only stores its value.
+  // Each setter only stores its value.
   BaseTransferTask& setName(const std::string& name);
   /// @param download true: URI into file; false: file to URI
   BaseTransferTask& setKind(bool download);
-  /// @param bytes longest body of a download; required of uploads too
+  /// @param bytes maximum size of the body; required for uploads, too
   BaseTransferTask& setMaxSz(std::uint32_t bytes);
   BaseTransferTask& setUri(const std::string& uri);
-  /// @param path destination of a download, source of an upload unless onPrepare says otherwise
+  /// @param path destination of a download; source of an upload, unless onPrepare sets another
   BaseTransferTask& setPath(const std::string& path);
-  /// @param milliseconds deadline of the whole run: preparation, transfer and finalisation
+  /// @param milliseconds deadline of the whole run, from preparation to finalisation
   BaseTransferTask& setTimeout(std::uint32_t milliseconds);
   BaseTransferTask& setCertFile(const std::string& path);
   BaseTransferTask& setPrivKeyFile(const std::string& path);
@@ -62,7 +60,7 @@ class BaseTransferTask {
   BaseTransferTask& setFormFields(const variant::Variant& fields);
   /// @param id of the request whose outcome notifyStatus reports
   BaseTransferTask& setIpcRequestId(std::uint64_t id);
-  /// @param endpoint whom notifyStatus addresses
+  /// @param endpoint destination of notifyStatus
   BaseTransferTask& setIpcOrigin(const std::string& endpoint);
   BaseTransferTask& setSendNoEvents(bool sendNoEvents);
 
@@ -80,22 +78,22 @@ class BaseTransferTask {
   const std::string& ipcOrigin() const { return ipcOrigin_; }
   bool sendNoEvents() const { return sendNoEvents_; }
 
-  /// Milliseconds of utils::nowMs() at which this run started; 0 before the first.
+  /// utils::nowMs() when this run started; 0 before the first run.
   std::uint64_t startTime() const { return startTime_; }
-  /// Whether this run's transfer is registered with the engine.
+  /// Whether the transfer of this run is registered with the engine.
   bool inTransfer() const { return inTransfer_; }
-  /// Whether this run's transfer has ended, well or not.
+  /// Whether the transfer of this run has ended, successfully or not.
   bool finalizing() const { return finalizing_; }
 
   // For TransferService, which drives a run.
-  /// Validates the parameters and starts a run: onCheck, the checks common to all tasks, the clock,
-  /// onStart. False, with the reason logged, when any of them refuses.
+  /// Starts a run: onCheck, the common checks, the clock, onStart. Returns false, with the reason
+  /// logged, if any of them refuses.
   bool start();
   void setInTransfer(bool inTransfer) { inTransfer_ = inTransfer; }
   void setFinalizing(bool finalizing) { finalizing_ = finalizing; }
 
-  /// The text by which a failure is reported to clients; "TRANSFER_FAILED" for every value that has
-  /// no text of its own, TRANSFER_OK and TRANSFER_CANCELLED included.
+  /// The text that reports a failure to clients: "TRANSFER_FAILED" for every value without its own
+  /// text, including TRANSFER_OK and TRANSFER_CANCELLED.
   static std::string decodeTransferStatus(TransferStatus status);
 
  private:

@@ -9,26 +9,27 @@ namespace kova::ctlserver {
 
 class CtlServer;
 
-/// Turns each request into the typed message of its function, has CtlServer carry it out, and
-/// answers it.
+/// Turns each request into the message class of its function, calls the operation of CtlServer, and
+/// sends the response.
 class CtlCommandsHandler : public ipc::BaseHandler {
  public:
   /// @param ipc    endpoint through which requests arrive and responses leave; not owned
-  /// @param server carries the requests out; not owned
+  /// @param server performs the requests; not owned
   CtlCommandsHandler(ipc::Ipc* ipc, CtlServer* server);
 
-  /// The function names it serves, in the order in which they are to be registered.
+  /// The function names to register, in this order.
   static std::vector<std::string_view> functionNames();
 
   void MessageSentSuccessfully(ipc::messages::BaseMessage& message, bool& flag) override;
 
-  /// The daemon sends no requests that expect an answer: ignores it and returns true.
+  /// Ignores its arguments and returns true: the daemon sends no request that expects a response.
   bool HandleResponse(ipc::messages::BaseRequestMessage& request,
                       ipc::messages::BaseResponseMessage& response, bool& flag) override;
 
-  /// Carries out one request. A request that is answered gets a response with `statusCode` 0 or 1
-  /// and the `payload` that its operation filled, unless its `responseExpected` is false.
-  /// @return true, or whether the response could be sent
+  /// Performs one request. Unless its function has no response or `responseExpected` is false,
+  /// sends a response with `statusCode` 0 or 1 and the `payload` that the operation filled.
+  /// @return true, or the result of sending the response; false without performing the request once
+  ///         the server has ended
   bool HandleRequest(ipc::messages::BaseRequestMessage& request, bool& rejected) override;
 
   /// Whether an "ExitService" request has arrived.

@@ -25,73 +25,79 @@ class CtlServer {
  public:
   /// Stores the reference, which must outlive the object; does no I/O.
   explicit CtlServer(variant::CameraInfo& cameraInfo);
-  /// Ends all background work; a pending save and a pending factory reset are carried out at once.
+  /// Ends all background work. Performs a pending save and a pending factory reset at once.
   virtual ~CtlServer();
   CtlServer(const CtlServer&) = delete;
   CtlServer& operator=(const CtlServer&) = delete;
 
-  /// Brings everything up. Must be called once, before any other operation.
+  /// Initialises everything. Must be called once, before any other operation.
   /// @param ipc endpoint for events and responses; not owned
   bool init(ipc::Ipc* ipc);
 
-  /// One step of background work. Failures are logged only: always true.
+  /// One step of background work. Failures are only logged; always returns true.
   /// @param timeoutMs longest wait for network activity, in milliseconds
   bool service(unsigned timeoutMs);
 
   /// Reboots the camera.
-  /// @param waitForever  do not return, so that nothing more is served while the system goes down
-  /// @param delayMs      milliseconds to wait first; the whole daemon waits
-  /// @param persistFirst save the configuration to flash before
+  /// @param waitForever  serve nothing while the system goes down: returns only after SIGTERM, with
+  ///                     ended() true
+  /// @param delayMs      milliseconds to wait first; this blocks the whole daemon
+  /// @param persistFirst save the configuration to flash first
   bool reboot(bool waitForever, int delayMs, bool persistFirst);
 
-  /// Schedules a save of the configuration to flash; with `sync`, saves at once and returns whether
-  /// that worked.
+  /// Whether SIGTERM ended the wait for a reboot. The process is about to exit: service() does
+  /// nothing and no request is handled.
+  bool ended() const { return ended_; }
+
+  /// Schedules a save of the configuration to flash. With `sync`, saves at once and returns the
+  /// result.
   bool persist(bool sync);
 
-  /// Schedules a factory reset, dropping a pending save. Always true.
+  /// Drops a pending save and schedules a factory reset. Always returns true.
   bool resetToDefaults();
 
-  /// Reads the requested sections of the system statistics into `reply`, one map per section, up to
-  /// the first that cannot be read.
+  /// Reads the requested sections of the system statistics into `reply`, one map per section. Stops
+  /// at the first one that cannot be read.
   bool readStats(ipc::messages::GetSystemStats& request, variant::Variant& reply);
 
-  /// Changes the settings that the request gives and reads back the others, so that `reply` holds
-  /// the present "name", "timezone" and "region", on some models "timelapseminutes", and
-  /// "soundOnBoot" when given. Stops at the first failure with `reply` as filled so far; what was
-  /// already applied stays applied. Nothing is saved to flash.
+  /// Changes the settings that the request gives and reads the others. `reply` receives "name",
+  /// "timezone" and "region", on some models "timelapseminutes", and "soundOnBoot" if it was given.
+  /// Stops at the first failure; `reply` and the system keep what was done so far. Saves nothing to
+  /// flash.
   bool updateSettings(ipc::messages::ChangeDeviceSettings& request, variant::Variant& reply);
 
-  /// Back to the device's default name and to the time zone "GMT", through updateSettings().
+  /// Restores the device's default name and the time zone "GMT", through updateSettings().
   bool resetSettings(variant::Variant& reply);
 
-  /// A request that gives nothing reads the administrator's name into `reply` as "username". Any
-  /// other has to give the name and the present password; it changes the name if that is another,
-  /// and the password if a new one is given. Both go to the configuration store first and to
-  /// /etc/passwd then. Nothing is undone after a failure.
+  /// A request without fields reads the administrator's name into `reply` as "username". Any other
+  /// must give a name and the current password; it changes the name if it differs, and the password
+  /// if a new one is given. The configuration store is written first, /etc/passwd second. Nothing
+  /// is undone after a failure.
   bool changeUsernamePassword(ipc::messages::ChangeUsernamePassword& request,
                               variant::Variant& reply);
 
-  /// Unlocks or locks the administrator's password: a "!" in front of the stored hash locks it. The
-  /// system's account follows; if it cannot, that is logged only. `reply` is left alone.
+  /// Unlocks or locks the administrator's password, by a "!" before the stored hash, and the
+  /// system's account with it. A failure of the latter is only logged. `reply` is not touched.
   bool enableUsernamePassword(ipc::messages::EnableUsernamePassword& request,
                               variant::Variant& reply);
   bool disableUsernamePassword(ipc::messages::DisableUsernamePassword& request,
                                variant::Variant& reply);
 
-  /// Starts or stops the system service that the request names; the platform decides what it
+  /// Starts or stops the system service that the request names. The platform decides which names it
   /// accepts.
   bool startService(ipc::messages::StartService& request);
   bool stopService(ipc::messages::StopService& request);
 
-  /// Start the transfer that the request asks for. The requester learns the outcome from the events
-  /// that the transfer's task sends; a request that is refused here is answered by a log line only.
-  /// @return whether the task was started, or the file to put is installed already
+  /// Starts the requested transfer. Its task reports the outcome to the requester by events; a
+  /// request that is refused here only leaves a log line.
+  /// @return true if the task was started or the file is already installed
   bool getRequest(ipc::messages::GetRequest& request);
   bool putRequest(ipc::messages::PutRequest& request);
   bool updateFirmware(ipc::messages::UpdateFirmwareRequest& request);
 
  private:
   void configureWhitelists();
+  void trustUploadOwner();
   bool isDuplicate(const char* operation, const std::string& what, const std::string& uri) const;
   bool readMemory(variant::Variant& reply);
   bool readCpu(variant::Variant& reply);
@@ -111,6 +117,7 @@ class CtlServer {
   TransferTaskSound soundTask_;
   gpio::ResetButtonCase resetButton_;
   ResetButtonsReactor resetReactor_;
+  bool ended_ = false;
 };
 
 }  // namespace kova::ctlserver

@@ -4,23 +4,22 @@
 
 #include "TransferHandles.h"
 
-/// The older interfaces of libcurl that this program uses. They are deprecated but kept for good by
-/// libcurl; the compiler's notes about them are answered in the one source file behind this header.
+/// The deprecated interfaces of libcurl that this program uses. libcurl keeps them for good; only
+/// the source file of this header needs to silence the compiler about them.
 namespace kova::ctlserver {
 
-/// Appends a part whose `length` bytes are asked for, through the handle's read function, with
-/// `source` as its user data (curl_formadd(3), CURLFORM_STREAM). It has neither a file name nor a
-/// content type. False when memory is exhausted.
+/// Appends a part of `length` bytes that the read function of the handle supplies, with `source` as
+/// its user data (curl_formadd(3), CURLFORM_STREAM). It has neither a file name nor a content type.
+/// Returns false if memory is exhausted.
 bool addStreamedPart(FormList& form, const std::string& name, void* source, unsigned long length);
 
-/// Appends a part with a copy of `text`. False when memory is exhausted.
+/// Appends a part with a copy of `text`. Returns false if memory is exhausted.
 bool addTextPart(FormList& form, const std::string& name, const std::string& text);
 
 /// Makes the handle send `form`, which must outlive it (CURLOPT_HTTPPOST(3)).
 CURLcode setForm(CURL* curl, const FormList& form);
 
-/// The announced length of the body in bytes; -1 when the server did not announce one
-/// (CURLINFO_CONTENT_LENGTH_DOWNLOAD(3)).
+/// The announced length of the body in bytes, or -1 (CURLINFO_CONTENT_LENGTH_DOWNLOAD(3)).
 CURLcode announcedLength(CURL* curl, double& length);
 
 }  // namespace kova::ctlserver

@@ -4,18 +4,18 @@
 
 namespace kova::ctlserver {
 
-/// What a picture turned out to be when decoded as 8-bit grey.
+/// A picture decoded as 8-bit grey. The defaults are those of an empty picture.
 struct ImageFigures {
   bool empty = true;  ///< nothing could be decoded
-  int channels = 0;
+  int channels = 1;
   int depth = 0;  ///< OpenCV depth code; 0: 8 bits unsigned
   int width = 0;  ///< columns
   int height = 0;
 };
 
-/// Decodes a picture in "/usr/libexec/kova_imageprobe", a process of its own with next to no
-/// privileges, so that hostile bytes never meet a decoder in the daemon. Whatever goes wrong there,
-/// a crash, a time-out or nonsense on its output, counts as an empty picture.
+/// Decodes a picture in "/usr/libexec/kova_imageprobe", an unprivileged process, so that hostile
+/// bytes never reach a decoder in the daemon. A crash, a time-out or unexpected output is logged
+/// and counts as an empty picture.
 ImageFigures probeImage(const std::string& path);
 
 }  // namespace kova::ctlserver

@@ -4,16 +4,15 @@
 
 namespace kova::ctlserver {
 
-/// Batches the writes of the configuration to flash, and carries out the factory reset.
+/// Batches writes of the configuration to flash and performs the factory reset.
 ///
 /// The camera keeps its configuration under /etc/ in RAM; "/bin/cfgmtd" writes it to flash or
-/// erases it there. A save that was asked for runs once none has been asked for during the last
-/// five seconds; a reset runs five seconds after it was asked for. A failed write or erase stays
-/// due and is tried again at every service().
+/// erases it there. A save runs five seconds after the last request for one, a reset five seconds
+/// after its request. A write or erase that fails stays due and is repeated at every service().
 class Persistence {
  public:
   Persistence() = default;
-  /// Carries out what is pending at once: the save, then the reset.
+  /// Performs a pending save, then a pending reset, at once.
   ~Persistence();
   Persistence(const Persistence&) = delete;
   Persistence& operator=(const Persistence&) = delete;
@@ -25,14 +24,14 @@ class Persistence {
   /// Drops a scheduled save. A scheduled reset stays.
   void cancel();
 
-  /// Writes the configuration to flash now if a save is scheduled or `force` is set. False only
-  /// when the write failed.
+  /// Writes the configuration to flash if a save is scheduled or `force` is set. Returns false only
+  /// if the write failed.
   bool persist(bool force);
-  /// Erases the saved configuration and reboots, if a reset is scheduled. False only when the erase
-  /// failed.
+  /// If a reset is scheduled, erases the saved configuration and reboots. Returns false only if the
+  /// erase failed.
   bool reset();
-  /// Runs what is due; a due save goes before a due reset, which then waits for the next call.
-  /// @return the result of what was run, true if nothing was
+  /// Runs a due save, or else a due reset.
+  /// @return the result of persist() or reset(), true if neither was due
   bool service();
 
  private:

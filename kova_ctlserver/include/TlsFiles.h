@@ -2,11 +2,12 @@
 
 namespace kova::ctlserver {
 
-/// The certificate and private key, both PEM in one file, by which the camera identifies itself.
+/// Client certificate and private key of the camera, PEM, in one file.
 inline constexpr char kClientCertFile[] = "/etc/persistent/server.pem";
 
-/// The certificate of the management server that adopted the camera, PEM: trusted as a certificate
-/// authority and, where a chain does not validate, as the very certificate the server must show.
+/// Certificate of the management server that adopted the camera, PEM. It is trusted as a
+/// certificate authority, and pinned: a server whose chain does not validate must present this
+/// certificate.
 inline constexpr char kControllerCertFile[] = "/etc/persistent/controller.crt";
 
 }  // namespace kova::ctlserver

@@ -10,10 +10,15 @@ namespace kova::ctlserver {
 ///
 /// @param preverifyOk non-zero when OpenSSL accepts the certificate
 /// @param storeCtx    holds the certificate in question; its error is set to the outcome
-/// @return 1 to go on, 0 to end the handshake; why is logged
+/// @return 1 to continue, 0 to end the handshake, with the reason logged
 int verifyCustomCert(int preverifyOk, X509_STORE_CTX* storeCtx);
 
-/// CURLOPT_SSL_CTX_FUNCTION(3): demands the peer's certificate and installs verifyCustomCert.
+/// Schemes that a transfer over TLS may be redirected to (CURLOPT_REDIR_PROTOCOLS_STR(3)).
+inline constexpr char kTlsProtocols[] = "https";
+
+/// CURLOPT_SSL_CTX_FUNCTION(3): requires the peer's certificate and installs verifyCustomCert.
+/// libcurl calls it for each connection. It also forbids redirects out of TLS, and stops OpenSSL
+/// from reading KeyUpdate messages (RFC 8446, 4.6.3) without end.
 CURLcode installCertVerification(CURL* curl, void* sslCtx, void* userdata);
 
 }  // namespace kova::ctlserver

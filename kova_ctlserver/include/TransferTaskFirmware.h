@@ -4,21 +4,20 @@
 
 namespace kova::ctlserver {
 
-/// Downloads a firmware image, has it checked by "/bin/fwupdate.real" and flashed by
-/// "/bin/fwupdate". Both run to their end within one turn of the service. Every failure is reported
-/// to the requester as an EventUpdateFirmwareFailure; a success is not reported: the flashing tool
-/// takes the camera from there.
+/// Downloads a firmware image, checks it with "/bin/fwupdate.real" and flashes it with
+/// "/bin/fwupdate", both within one turn of the service. Every failure is reported to the requester
+/// as an EventUpdateFirmwareFailure. Success is not reported: the flashing tool takes over.
 class TransferTaskFirmware : public BaseTransferTask {
  public:
   TransferTaskFirmware();
 
-  /// Gives a task without a time-out half an hour.
+  /// Sets a time-out of half an hour if the request gave none.
   bool onCheck() override;
   bool onStart() override;
   void onSuccess(bool& done) override;
   void onFailure(TransferStatus status, int httpCode) override;
-  /// Sends an EventUpdateFirmwareFailure with this reason; one that the event does not know goes
-  /// out as "TRANSFER_TIMEOUT".
+  /// Sends an EventUpdateFirmwareFailure. A reason that the event does not allow is sent as
+  /// "TRANSFER_TIMEOUT".
   void notifyStatus(const std::string& reason) override;
 
  private:

@@ -8,18 +8,18 @@ namespace kova::ctlserver {
 
 class Persistence;
 
-/// Downloads a user's file, checks it, and installs it with a companion checksum file under
-/// /etc/persistent, which is then saved to flash at once. What the kinds of file differ in is said
-/// by a Kind and by validate().
+/// Downloads a user's file, checks it, installs it with a companion checksum file under
+/// /etc/persistent, and saves that to flash at once. The kinds of file differ in a Kind and in
+/// validate().
 ///
-/// The file stands under /tmp until its checksum and content were found good; whatever fails, what
-/// stands there is removed. A checksum file holds the 32 digits of the MD5 digest and no line end.
+/// The file stays under /tmp until its checksum and content have been verified; any failure removes
+/// it from there. A checksum file holds the 32 digits of the MD5 digest, without a line end.
 class TransferTaskInstall : public BaseTransferTask {
  public:
   /// @param hash the expected MD5 digest, 32 lower-case hexadecimal digits; compared exactly
   BaseTransferTask& setHash(const std::string& hash);
 
-  /// A digest has to be given.
+  /// Refuses a task without a digest.
   bool onCheck() override;
   bool onStart() override;
   /// Checks and installs in one turn, and reports "OK", "VALIDATION_FAILED" or "DISK_IO_FAILED".
@@ -42,7 +42,7 @@ class TransferTaskInstall : public BaseTransferTask {
   /// @param persistence saves what was installed; must outlive the task
   TransferTaskInstall(const Kind& kind, Persistence& persistence);
 
-  /// Whether the downloaded file's content is good. A refusal is logged by the kind.
+  /// Whether the content of the downloaded file is valid; logs why not.
   virtual bool validate() = 0;
 
   /// Whether the installed checksum file holds exactly `hash`.

@@ -9,7 +9,7 @@ class TransferTaskSound : public TransferTaskInstall {
  public:
   explicit TransferTaskSound(Persistence& persistence);
 
-  /// Whether a sound with exactly this digest is installed already.
+  /// Whether a sound with exactly this digest is already installed.
   static bool checkNoTransferNeeded(const std::string& hash);
 
  protected:

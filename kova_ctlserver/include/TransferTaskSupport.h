@@ -4,8 +4,9 @@
 
 namespace kova::ctlserver {
 
-/// Has "/bin/support" generate the support archive in the background and uploads it once it is
-/// there. Generation and upload share the task's deadline; the archive is removed at the end.
+/// Runs "/bin/support" in the background and uploads the support archive once it exists. Generation
+/// and upload share the deadline of the task. At the end the generator is stopped if it still runs,
+/// so that none outlives its request, and the archive is removed.
 class TransferTaskSupport : public BaseTransferTask {
  public:
   TransferTaskSupport();

@@ -10,7 +10,7 @@ class TransferTaskUserLogo : public TransferTaskInstall {
  public:
   explicit TransferTaskUserLogo(Persistence& persistence);
 
-  /// Whether a logo with exactly this digest is installed already.
+  /// Whether a logo with exactly this digest is already installed.
   static bool checkNoTransferNeeded(const std::string& hash);
 
  protected:

@@ -6,9 +6,9 @@
 
 namespace kova::ctlserver {
 
-/// Uploads a file that another process of the camera has written, and only one whose path is a
-/// fixed prefix, decimal digits (any number, also none) and a fixed suffix, so that no request can
-/// make the camera send an arbitrary file. The file stays.
+/// Uploads a file that another process of the camera has written. Its path must consist of a fixed
+/// prefix, any number of decimal digits and a fixed suffix, so that no request can make the camera
+/// send an arbitrary file. The file is not removed.
 class TransferTaskWhitelist : public BaseTransferTask {
  public:
   TransferTaskWhitelist();

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "PumpGuard.h"
 #include "TransferHandles.h"
 #include "kova/variant/Variant.h"
 
@@ -15,8 +16,12 @@ class BaseHTTP;
 /// GET whose body is handed to the owner chunk by chunk) or an upload (a POST of a multipart form
 /// whose file part is pulled from the owner chunk by chunk).
 ///
-/// It touches no file: every byte goes through the owner's virtual operations. A context serves one
-/// transfer and is never reused.
+/// It uses HTTP/1.1 and ignores proxies of the environment. It shares no connection with another
+/// transfer, so trust is established for each. It follows at most 30 redirects, and from https only
+/// to https.
+///
+/// It touches no file: all bytes go through the virtual operations of the owner. A context serves
+/// one transfer and is never reused.
 class CurlContext {
  public:
   /// Only stores the parameters.
@@ -24,10 +29,11 @@ class CurlContext {
   /// @param uri         http or https
   /// @param owner       receives and supplies the body; must outlive this object
   /// @param formFields  further fields of an upload's form: a string-keyed map of strings
-  /// @param timeoutMs   for the whole transfer, cut to whole seconds; below 1000 means none
+  /// @param timeoutMs   for the whole transfer, truncated to seconds; below 1000 means none. The
+  ///                    maximum is that of libcurl, 24.8 days
   /// @param certFile    client certificate, PEM; "" presents none
-  /// @param privKeyFile its private key; "" looks for it in certFile
-  /// @param caCertFile  trusted certificates, PEM; "" means the system's
+  /// @param privKeyFile its private key; "" means certFile
+  /// @param caCertFile  the only trusted certificates, PEM; "" means libcurl's default file
   CurlContext(bool download, const std::string& uri, BaseHTTP* owner,
               const variant::Variant& formFields, unsigned int timeoutMs,
               const std::string& certFile, const std::string& privKeyFile,
@@ -36,35 +42,57 @@ class CurlContext {
   CurlContext(const CurlContext&) = delete;
   CurlContext& operator=(const CurlContext&) = delete;
 
-  /// Creates and configures the easy handle; once, before anything else. False, with the reason
-  /// logged, leaves an object that can only be destroyed.
+  /// Creates and configures the easy handle. Must be called once, before anything else. After
+  /// false, with the reason logged, the object can only be destroyed.
   ///
-  /// The server's certificate must validate or equal the pinned one (see TlsPinning.h); its host
-  /// name is never compared: cameras reach their server under addresses that no certificate names.
+  /// The server's certificate must validate or equal the pinned one (see TlsPinning.h). The host
+  /// name is not compared: cameras reach their server under addresses that no certificate names.
   bool Init();
 
   /// The easy handle; null until Init.
   CURL* GetCurl() { return curl_.get(); }
   const std::string& GetURI() const { return uri_; }
 
-  /// Hands one chunk of downloaded body to the owner.
+  /// Whether the guard cut the connection. The transfer has then failed, whatever libcurl reports.
+  bool WasCut() const { return *cut_ != 0; }
+  /// Whether the server exceeded kMostHeaderBytes or kMostAnswerBytes, which is logged.
+  bool IsOverBudget() const { return isOverBudget_; }
+
+  /// Limit for all headers and trailers of a transfer, including redirects and interim responses
+  /// (1xx): libcurl keeps them in memory.
+  static constexpr std::size_t kMostHeaderBytes = 64UL * 1024;
+  /// Limit for the response body of an upload, for an owner without a smaller one. Nobody reads it.
+  /// It exceeds the limits of all tasks, which end the transfer as too large first.
+  static constexpr std::size_t kMostAnswerBytes = 16UL * 1024 * 1024;
+
+  /// Passes one chunk of the body to the owner.
   /// @return whether the owner accepted it
   bool HandleReceived(unsigned char* data, unsigned long len);
-  /// Asks the owner for up to `size` bytes of the file part.
+  /// Reads up to `size` bytes of the file part from the owner.
   /// @return bytes written; 0 ends the part, CURL_READFUNC_ABORT the transfer
   unsigned long HandleNeeded(unsigned char* buffer, unsigned long size);
 
-  /// CURLOPT_WRITEFUNCTION(3) and CURLOPT_READFUNCTION(3); `userdata` is the context.
+  /// Counts one line of a header or trailer.
+  /// @return whether it is still within the budget
+  bool HandleHeader(unsigned long len);
+
+  /// CURLOPT_WRITEFUNCTION(3), CURLOPT_READFUNCTION(3), CURLOPT_HEADERFUNCTION(3) and
+  /// CURLOPT_OPENSOCKETFUNCTION(3); `userdata` is the context.
   static std::size_t DataReceived(char* ptr, std::size_t size, std::size_t nmemb, void* userdata);
   static std::size_t DataNeeded(void* ptr, std::size_t size, std::size_t nmemb, void* userdata);
+  static std::size_t HeaderReceived(char* ptr, std::size_t size, std::size_t nmemb, void* userdata);
+  static curl_socket_t SocketWanted(void* userdata, curlsocktype purpose, curl_sockaddr* address);
 
  private:
-  // The steps of Init, in their order.
+  // The steps of Init, in this order.
   bool SetBasics();
   void SetTlsFiles();
   void SetPeerVerification();
+  bool SetTrust();
+  bool SetConnections();
   bool SetLimits();
   bool BuildForm();
+  bool AddField(const std::string& key, const variant::Variant& value);
   bool SetUpload();
 
   template <typename Value>
@@ -77,6 +105,9 @@ class CurlContext {
   variant::Variant formFields_;
   EasyHandle curl_;
   std::uint64_t bytesReceived_ = 0;
+  std::uint64_t headerBytes_ = 0;
+  bool isOverBudget_ = false;
+  PumpGuard::Mark cut_;
   double contentLength_;
   FormList formPost_;
   std::uint32_t timeoutMs_;

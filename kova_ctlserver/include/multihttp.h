@@ -9,30 +9,29 @@
 
 namespace kova::ctlserver {
 
-/// Transfers that are bound to local files: a download is written to its file as it arrives, an
-/// upload's file part is read as it is sent.
+/// Binds transfers to local files: a download is written as it arrives, an upload is read as it is
+/// sent.
 ///
-/// A URI takes part in at most one transfer; a path in at most one download and one upload. The
-/// download and the upload of one path share their end: when either completes, both files are
-/// closed, so callers do not run such pairs.
+/// A URI has at most one transfer; a path has at most one download and one upload. When either of
+/// the latter completes, both files are closed, so callers must not run such a pair.
 class MultiHTTP : public BaseHTTP {
  public:
-  /// Closes all files; see BaseHTTP for the transfers under way.
+  /// Closes the files of downloads, then those of uploads. See BaseHTTP for running transfers.
   ~MultiHTTP() override;
 
-  /// Opens `path`, replacing its content for a download, and starts the transfer. The other
-  /// parameters are those of CurlContext.
+  /// Opens `path`, truncating it for a download, and starts the transfer. See CurlContext for the
+  /// other parameters.
   ///
-  /// @return false when the URI or the path is in use, the file cannot be opened, or the transfer
-  /// cannot be started. In the last case the file stays open, and the URI and the path stay in use,
-  /// until SignalTransferCompleted is called for the URI.
+  /// @return false if the URI or the path is in use, the URI or a form field contains a NUL, the
+  /// file cannot be opened, or the transfer cannot be started. In the last case the file stays
+  /// open, and the URI and the path stay in use, until SignalTransferCompleted is called for the
+  /// URI.
   bool RegisterRequest(bool download, const std::string& uri, const std::string& path,
                        const variant::Variant& formFields, unsigned int timeoutMs,
                        const std::string& certFile, const std::string& privKeyFile,
                        const std::string& caCertFile);
 
-  /// Closes the transfer's file and forgets the transfer. What a failed download has written stays
-  /// on disk.
+  /// Closes the file and forgets the transfer. The partial file of a failed download stays on disk.
   void SignalTransferCompleted(const std::string& uri, TransferStatus status,
                                int httpCode) override;
   bool SignalBytesAvailable(const std::string& uri, unsigned char* data, unsigned long len,

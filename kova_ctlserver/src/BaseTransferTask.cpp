@@ -11,8 +11,8 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "BaseTransferTask";
 
-bool isGiven(const std::string& value) {
-  return !value.empty() && value != ipc::messages::kUninitialized;
+bool isSet(const std::string& value) {
+  return !value.empty() && ipc::messages::isGiven(value);
 }
 
 }  // namespace
@@ -68,21 +68,24 @@ bool BaseTransferTask::start() {
   return onStart();
 }
 
-bool BaseTransferTask::ParametersComplete() const {
+bool BaseTransferTask::ParametersComplete() const {  // kept: 15
   const struct {
-    bool missing;
     const char* text;
+    int line;
+    bool missing;
   } checks[] = {
-      {name_.empty(), "Name must be set"},
-      {maxSz_ == 0, "Max size must be set"},
-      {!isGiven(uri_), "URI must be set"},
-      {download_ && !isGiven(path_), "Path must be set when downloading"},
-      {timeout_ == 0, "Timeout must be set"},
-      {!sendNoEvents_ && ipcOrigin_.empty(), "IPC origin must be set when sending events is on"},
+      {"Name must be set", __LINE__, name_.empty()},
+      // kept: 62
+      {"Max size must be set", __LINE__, maxSz_ == 0},
+      {"URI must be set", __LINE__, !isSet(uri_)},
+      {"Path must be set when downloading", __LINE__, download_ && !isSet(path_)},
+      {"Timeout must be set", __LINE__, timeout_ == 0},
+      {"IPC origin must be set when sending events is on", __LINE__,
+       !sendNoEvents_ && ipcOrigin_.empty()},
   };
   for (const auto& check : checks) {
     if (check.missing) {
-      KOVA_LOG_IN("start", LOG_ERR, 0, "%s", check.text);
+      KOVA_LOG_LINE(check.line, "start", LOG_ERR, 0, "%s", check.text);
       return false;
     }
   }
@@ -99,7 +102,7 @@ std::string BaseTransferTask::decodeTransferStatus(TransferStatus status) {
       return "TRANSFER_TIMEOUT";
     case TRANSFER_TOOLARGE:
       return "TRANSFER_TOOLARGE";
-    default:
+    default:  // kept: 53
       return "TRANSFER_FAILED";
   }
 }

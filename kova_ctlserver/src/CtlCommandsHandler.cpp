@@ -1,7 +1,6 @@
 #include "CtlCommandsHandler.h"
 
-#include <algorithm>
-#include <limits>
+#include <utility>
 
 #include "CtlServer.h"
 #include "kova/logger/Logger.h"
@@ -25,28 +24,28 @@ struct Outcome {
   bool responseExpected;
 };
 
-/// Weeks at the longest, rather than a negative delay for what no int holds.
+/// A delay above INT_MAX is a client's -1, "none", rather than weeks without service.
 int asDelay(std::uint32_t milliseconds) {
-  constexpr std::uint32_t kLongest = std::numeric_limits<int>::max();
-  return static_cast<int>(std::min(milliseconds, kLongest));
+  return std::in_range<int>(milliseconds) ? static_cast<int>(milliseconds) : 0;
 }
 
+// kept: 15
 void logServiceAttempt(BaseRequestMessage& request, const char* verb, const std::string& service,
-                       bool succeeded) {
-  KOVA_LOG_IN("HandleRequest", LOG_INFO, 0, "%s tried to %s %s service and %s",
-              request.from().c_str(), verb, service.c_str(), succeeded ? "succeeded" : "failed");
+                       bool succeeded, int line = __builtin_LINE()) {
+  KOVA_LOG_LINE(line, "HandleRequest", LOG_INFO, 0, "%s tried to %s %s service and %s",
+                request.from().c_str(), verb, service.c_str(), succeeded ? "succeeded" : "failed");
 }
 
 }  // namespace
 
-/// One request on its way through the table.
+/// One request while the table handles it.
 struct CtlCommandsHandler::Call {
   CtlCommandsHandler& handler;
   CtlServer& server;
   BaseRequestMessage& request;
   Variant payload;
 
-  /// Runs an operation on the request as its own message class, whose defaults then apply.
+  /// Runs an operation on the request as its message class, with the defaults of that class.
   template <typename Message, typename Operation>
   Outcome as(Operation operation) {
     Message message(request);
@@ -101,6 +100,7 @@ const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
      [](Call& call) {
        return call.as<PutRequest>([&](auto& message) { return call.server.putRequest(message); });
      }},
+    // kept: 10
     {"ResetDeviceSettings", Answer::WhenExpected,
      [](Call& call) {
        return call.untyped([&] { return call.server.resetSettings(call.payload); });
@@ -173,9 +173,12 @@ bool CtlCommandsHandler::HandleResponse(BaseRequestMessage&, BaseResponseMessage
 }
 
 bool CtlCommandsHandler::HandleRequest(BaseRequestMessage& request, bool&) {
+  if (server_->ended()) {
+    return false;
+  }
   const std::string name = request.functionName();
   for (const auto& row : kRows) {
-    if (row.name != name) {
+    if (row.name != name) {  // kept: 9
       continue;
     }
     Call call{*this, *server_, request, {}};

@@ -1,7 +1,6 @@
 #include "CtlServer.h"
 
-#include <csignal>
-
+#include "StopSignal.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
@@ -38,8 +37,9 @@ bool CtlServer::init(ipc::Ipc* ipc) {
     return false;
   }
   configureWhitelists();
+  trustUploadOwner();
   ipc_ = ipc;
-  resetReactor_.init("case", &cameraInfo_, ipc, this);
+  resetReactor_.init("case", &cameraInfo_, ipc, this);  // kept: 6
   if (!resetButton_.init(&cameraInfo_, &resetReactor_, kButtonIntervalMs)) {
     KOVA_LOG(LOG_ERR, 0, "Failed to initialize reset button case");
     return false;
@@ -65,8 +65,11 @@ void CtlServer::configureWhitelists() {
       .setMaxSz(65536);
 }
 
-bool CtlServer::service(unsigned timeoutMs) {
-  if (!persistence_.service()) {
+bool CtlServer::service(unsigned timeoutMs) {  // kept: 3
+  if (ended_) {
+    return true;
+  }
+  if (!persistence_.service()) {  // kept: 18
     KOVA_LOG(LOG_ERR, 0, "Failed to persist");
   }
   if (!transferService_.service(timeoutMs)) {
@@ -79,42 +82,41 @@ bool CtlServer::service(unsigned timeoutMs) {
 }
 
 bool CtlServer::reboot(bool waitForever, int delayMs, bool persistFirst) {
-  utils::sleepMs(delayMs);
-  if (persistFirst && !persistence_.persist(true)) {
+  utils::sleepMs(delayMs);                            // kept: 8
+  if (persistFirst && !persistence_.persist(true)) {  // kept: 18
     KOVA_LOG(LOG_ERR, 0, "Failed to persist");
   }
   const bool rebooting = utils::sysExecSimple(kReboot) == 0;
   if (!rebooting) {
     KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
   }
-  if (waitForever) {
+  if (waitForever) {  // kept: 8
     KOVA_LOG(LOG_INFO, 0, "Entering reboot wait mode");
-    // All is done, so whoever shuts the system down need not wait until it loses patience.
-    std::signal(SIGTERM, SIG_DFL);
-    for (;;) {
+    while (!stopSignalled()) {
       utils::sleepMs(kRebootWaitStepMs);
     }
+    ended_ = true;
   }
   return rebooting;
 }
 
 bool CtlServer::persist(bool sync) {
   persistence_.enqueue();
-  return !sync || persistence_.persist(true);
+  return !sync || persistence_.persist(true);  // kept: 12
 }
 
-bool CtlServer::resetToDefaults() {
+bool CtlServer::resetToDefaults() {  // kept: 11
   persistence_.cancel();
   persistence_.enqueueReset();
   return true;
 }
 
 bool CtlServer::startService(ipc::messages::StartService& request) {
-  return utils::EnableService(request.service());
+  return utils::EnableService(request.service());  // kept: 13
 }
 
 bool CtlServer::stopService(ipc::messages::StopService& request) {
-  return utils::DisableService(request.service());
+  return utils::DisableService(request.service());  // kept: 13
 }
 
 }  // namespace kova::ctlserver

@@ -6,20 +6,22 @@
 #include "kova/syscfg/SystemCfgManager.h"
 #include "kova/utils/File.h"
 #include "kova/utils/Password.h"
+#include "kova/utils/Secret.h"
 #include "kova/utils/Strings.h"
 
 namespace kova::ctlserver {
 namespace {
 
 using ipc::messages::ChangeUsernamePassword;
-using ipc::messages::kUninitialized;
+using ipc::messages::isGiven;
 using syscfg::SystemCfgManager;
+using utils::Secret;
 using variant::Variant;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
 constexpr char kChange[] = "changeUsernamePassword";
-constexpr char kProcess[] = "ProcessUsernamePassword";
+constexpr char kProcess[] = "ProcessUsernamePassword";  // kept: 15
 
 constexpr char kNameKey[] = "users.1.name";
 constexpr char kPasswordKey[] = "users.1.password";
@@ -27,23 +29,13 @@ constexpr char kAccountFile[] = "/etc/passwd";
 constexpr std::size_t kMaxPasswordBytes = 64;
 constexpr char kLockMarker = '!';
 
-/// A password of a request; its bytes are wiped when it goes.
-struct Secret {
-  std::string text;
-  ~Secret() { explicit_bzero(text.data(), text.size()); }
-};
-
-bool isGiven(const std::string& field) {
-  return field != kUninitialized;
-}
-
-bool fail(const char* operation, const char* text, int error = 0) {
-  KOVA_LOG_IN(operation, LOG_ERR, error, "%s", text);
+bool fail(const char* operation, const char* text, int error = 0, int line = __builtin_LINE()) {
+  KOVA_LOG_LINE(line, operation, LOG_ERR, error, "%s", text);
   return false;
 }
 
-bool failAuthentication(const std::string& user) {
-  KOVA_LOG_IN(kChange, LOG_ERR, 0, "Authentication failure for user %s", user.c_str());
+bool failAuthentication(const std::string& user, int line = __builtin_LINE()) {
+  KOVA_LOG_LINE(line, kChange, LOG_ERR, 0, "Authentication failure for user %s", user.c_str());
   return false;
 }
 
@@ -85,22 +77,22 @@ bool checkClaim(const std::string& username, const std::string& passwordOld) {
          fail(kChange, "Failed to validate username", errno);
 }
 
-/// @param hash receives the account's present hash
+/// @param hash receives the current hash of the account
 bool authenticate(const std::string& user, const std::string& password, std::string& hash) {
   if (utils::readUserHash(user, hash) != 0) {
-    // An answer quicker than that of an account would tell that there is none.
+    // Take as long as for an existing account: a quick answer would reveal that there is none.
     utils::generateHash(password.c_str(), utils::generateSalt());
     KOVA_LOG_IN(kChange, LOG_ERR, 0, "Failed to read password hash for username %s", user.c_str());
     return false;
   }
   bool matches = false;
   return (utils::authenticatePassword(user, password, matches) == 0 && matches) ||
-         failAuthentication(user);
+         failAuthentication(user);  // kept: 20
 }
 
-/// @param hash    receives a hash of the new password, with a salt of its own even when the
-///                password is the present one
-/// @param changes receives whether the password is another than the present one
+/// @param hash    receives a hash of the new password with a fresh salt, also when the password is
+///                the current one
+/// @param changes receives whether the password differs from the current one
 bool hashNewPassword(const std::string& user, const std::string& password, std::string& hash,
                      bool& changes) {
   if (password.empty()) {
@@ -114,14 +106,13 @@ bool hashNewPassword(const std::string& user, const std::string& password, std::
     return failAuthentication(user);
   }
   changes = !matches;
-  // A hash covers a password up to a NUL only, and an empty field in the account file would let
-  // anyone in.
+  // crypt(3) stops at a NUL, and an empty hash in the account file would admit anyone.
   const bool whole = password.find('\0') == std::string::npos;
   hash = whole ? utils::generateHash(password.c_str(), utils::generateSalt()) : "";
   return !hash.empty() || fail(kChange, "Failed to hash the new password");
 }
 
-bool writeAccountFile(const std::string& name, const std::string& hash) {
+bool writeAccountFile(const std::string& name, const std::string& hash) {  // kept: 86
   utils::File file;
   if (!file.Initialize(kAccountFile, utils::FILE_OPEN_MODE_TRUNCATE,
                        utils::FILE_REPLACE_ATOMICALLY)) {
@@ -133,14 +124,14 @@ bool writeAccountFile(const std::string& name, const std::string& hash) {
          fail(kChange, "Failed to write to /etc/passwd", errno);
 }
 
-/// Changes the stored hash of the administrator's password, and the system's account along with it.
+/// Locks or unlocks the administrator's password, in the store and in the system's account.
 class UsernamePasswordProcessor {
  public:
   explicit UsernamePasswordProcessor(char lockMarker) : lockMarker_(lockMarker) {}
   virtual ~UsernamePasswordProcessor() = default;
 
-  /// The stored hash is what counts: a failure of the system's account is only logged.
-  virtual bool Process(const std::string& user, std::string& passwordHash) = 0;
+  /// The stored hash is authoritative; a failure of the system's account is only logged.
+  virtual bool Process(const std::string& user, std::string& passwordHash) = 0;  // kept: 89
 
  protected:
   const char lockMarker_;
@@ -186,7 +177,7 @@ bool ProcessUsernamePassword(UsernamePasswordProcessor&& processor) {
       !readPassword(kProcess, store, hash) || !processor.Process(name, hash)) {
     return false;
   }
-  if (!store.set(kPasswordKey, hash, nullptr)) {
+  if (!store.set(kPasswordKey, hash, nullptr)) {  // kept: 91
     return fail(kProcess, "Failed to update password");
   }
   return closeStore(kProcess, store);
@@ -210,7 +201,7 @@ bool CtlServer::changeUsernamePassword(ChangeUsernamePassword& request, Variant&
   if (!checkClaim(username, passwordOld.text)) {
     return false;
   }
-  reply.Reset();
+  reply.Reset();  // kept: 90
   std::string hash;
   bool passwordChanges = false;
   if (!authenticate(storedName, passwordOld.text, hash) ||
@@ -219,14 +210,14 @@ bool CtlServer::changeUsernamePassword(ChangeUsernamePassword& request, Variant&
     return false;
   }
   const bool nameChanges = username != storedName;
-  if (!nameChanges && !passwordChanges) {
+  if (!nameChanges && !passwordChanges) {  // kept: 88
     return true;
   }
   if (nameChanges && !store.set(kNameKey, username, nullptr)) {
     return fail(kChange, "Failed to update username");
   }
-  if (passwordChanges && !store.set(kPasswordKey, hash, nullptr)) {
-    return fail(kChange, "Failed to update password");
+  if (passwordChanges && !store.set(kPasswordKey, hash, nullptr)) {  // kept: 87
+    return fail(kChange, "Failed to update password");               // kept: 83
   }
   return closeStore(kChange, store) && writeAccountFile(username, hash);
 }

@@ -1,11 +1,11 @@
 #include <regex.h>
 
 #include <csignal>
-#include <memory>
 
 #include "CtlServer.h"
 #include "kova/logger/Logger.h"
 #include "kova/syscfg/SystemCfgManager.h"
+#include "kova/utils/Handle.h"
 #include "kova/utils/Process.h"
 #include "kova/utils/TimeZone.h"
 
@@ -13,13 +13,13 @@ namespace kova::ctlserver {
 namespace {
 
 using ipc::messages::ChangeDeviceSettings;
-using ipc::messages::kUninitialized;
+using ipc::messages::isGiven;
 using syscfg::SystemCfgManager;
 using variant::Variant;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
-constexpr char kOperation[] = "updateSettings";
+constexpr char kOperation[] = "updateSettings";  // kept: 15
 
 constexpr char kNameKey[] = "resolv.host.1.name";
 constexpr char kTimeZoneKey[] = "system.timezone";
@@ -31,41 +31,39 @@ constexpr char kDiscoveryServer[] = "kova_discovery_server";
 constexpr char kBootEnvironmentTool[] = "/usr/bin/fw_setenv";
 constexpr char kBootSoundVariable[] = "kova_audioplay";
 
-constexpr char kOlsonZone[] = "^[a-zA-Z]+\\/[a-zA-Z_-]+$";
+constexpr char kOlsonZone[] = "^[a-zA-Z]+\\/[a-zA-Z_-]+$";  // kept: 81
 
-/// What the steps of one request share.
+/// State shared by the steps of one request.
 struct Update {
   ChangeDeviceSettings& request;
   Variant& reply;
   const variant::CameraInfo& cameraInfo;
   SystemCfgManager store{};
-  bool changed = false;  // whether the store has to be written back
+  bool changed = false;  // whether close() must write the store
 };
 
-bool isGiven(const std::string& field) {
-  return field != kUninitialized;
-}
-
-bool fail(const char* text) {
-  KOVA_LOG_IN(kOperation, LOG_ERR, 0, "%s", text);
+bool fail(const char* text, int line = __builtin_LINE()) {
+  KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "%s", text);
   return false;
 }
 
-bool reportRead(bool succeeded, const char* key) {
+bool reportRead(bool succeeded, const char* key, int line) {
   if (!succeeded) {
-    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to get %s", key);
+    KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "Failed to get %s", key);
   }
   return succeeded;
 }
 
-bool read(const Update& update, const char* key, std::string& value) {
-  return reportRead(update.store.get(key, &value, nullptr), key);
+bool read(const Update& update, const char* key, std::string& value, int line = __builtin_LINE()) {
+  return reportRead(update.store.get(key, &value, nullptr), key, line);
 }
 
 /// An absent setting reads as "".
-bool readOptional(const Update& update, const char* key, std::string& value) {
+// kept: 80
+bool readOptional(const Update& update, const char* key, std::string& value,
+                  int line = __builtin_LINE()) {
   bool absent = false;
-  return reportRead(update.store.get(key, &value, &absent), key);
+  return reportRead(update.store.get(key, &value, &absent), key, line);
 }
 
 const std::string& asText(const std::string& value) {
@@ -76,11 +74,13 @@ std::string asText(int value) {
   return std::to_string(value);
 }
 
-/// @param changed receives whether the stored value is now another
+/// @param changed receives whether the stored value changed
 template <typename Value>
-bool write(Update& update, const char* key, const Value& value, bool& changed) {
+bool write(Update& update, const char* key, const Value& value, bool& changed,
+           int line = __builtin_LINE()) {
   if (!update.store.set(key, value, &changed)) {
-    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to set %s to %s", key, asText(value).c_str());
+    KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "Failed to set %s to %s", key,
+                  asText(value).c_str());
     return false;
   }
   update.changed |= changed;
@@ -88,22 +88,22 @@ bool write(Update& update, const char* key, const Value& value, bool& changed) {
 }
 
 template <typename Value>
-bool write(Update& update, const char* key, const Value& value) {
+bool write(Update& update, const char* key, const Value& value, int line = __builtin_LINE()) {
   bool changed = false;
-  return write(update, key, value, changed);
+  return write(update, key, value, changed, line);
 }
 
 bool useTimeZone(const std::string& zone) {
   return utils::setTimeZone(zone) || fail("Failed to write timezone");
 }
 
-/// Whether a region is given as an Olson time zone, "Area/City".
+/// Whether `region` has the form of an Olson time zone, "Area/City".
 bool isOlsonZone(const std::string& region) {
   regex_t pattern;
   if (regcomp(&pattern, kOlsonZone, REG_EXTENDED | REG_NOSUB) != 0) {
     return false;
   }
-  const std::unique_ptr<regex_t, decltype(&regfree)> owner(&pattern, regfree);
+  const utils::Handle<regex_t, regfree> owner(&pattern);
   return regexec(&pattern, region.c_str(), 0, nullptr, 0) == 0;
 }
 
@@ -111,8 +111,8 @@ bool openStore(Update& update) {
   return update.store.init() || fail("Failed to initialize system.cfg manager");
 }
 
-/// The system and the discovery service carry on under the old name if they cannot be told.
-void announceName() {
+/// On failure the system and the discovery service keep the old name; the request still succeeds.
+void announceName() {  // kept: 84
   if (utils::sysExecSimple(kApplyNameTool) != 0) {
     fail("Failed to apply camera name");
   }
@@ -141,6 +141,7 @@ bool updateName(Update& update) {
 
 bool updateTimeZone(Update& update) {
   std::string zone = update.request.timezone();
+  // kept: 82
   const bool updated = isGiven(zone) ? useTimeZone(zone) && write(update, kTimeZoneKey, zone)
                                      : readOptional(update, kTimeZoneKey, zone);
   if (updated) {
@@ -172,10 +173,10 @@ bool updateRegion(Update& update) {
 
 bool takesTimelapses(const variant::CameraInfo& cameraInfo) {
   const auto sysid = cameraInfo.sysid(KOVA_LOG_ORIGIN(kOperation));
-  return sysid == 42321 || sysid == 42324;
+  return sysid == 42321 || sysid == 42324;  // kept: 79
 }
 
-/// The setting is on or off: whatever other tools may have stored but "1" reads as off.
+/// The setting is on or off; any stored value but "1" reads as off.
 bool updateTimelapse(Update& update) {
   if (!takesTimelapses(update.cameraInfo)) {
     return true;
@@ -191,7 +192,7 @@ bool updateTimelapse(Update& update) {
     if (!read(update, kTimelapseKey, stored)) {
       return false;
     }
-    on = stored == "1";
+    on = stored == "1";  // kept: 78
   }
   update.reply["timelapseminutes"] = on ? 1 : 0;
   return true;
@@ -201,8 +202,8 @@ bool closeStore(Update& update) {
   return update.store.close(update.changed, false) || fail("Failed to close system.cfg manager");
 }
 
-/// Not a field of the message's schema: acted on only when a client sends it.
-bool updateBootSound(Update& update) {
+/// "soundOnBoot" is not in the message's schema, because it has no value for "not given".
+bool updateBootSound(Update& update) {  // kept: 85
   const Variant* soundOnBoot =
       update.request.GetKeyChain(variant::VariantClass::Boolean, {"soundOnBoot"});
   if (soundOnBoot == nullptr) {
@@ -223,6 +224,7 @@ bool updateBootSound(Update& update) {
 bool CtlServer::updateSettings(ChangeDeviceSettings& request, Variant& reply) {
   reply.Reset();
   Update update{request, reply, cameraInfo_};
+  // kept: 83
   return openStore(update) && updateName(update) && updateTimeZone(update) &&
          updateRegion(update) && updateTimelapse(update) && closeStore(update) &&
          updateBootSound(update);
@@ -232,7 +234,7 @@ bool CtlServer::resetSettings(Variant& reply) {
   Variant defaults;
   defaults["timezone"] = "GMT";
   defaults["name"] = cameraInfo_.name(KOVA_LOG_ORIGIN(__func__));
-  defaults["persist"] = true;
+  defaults["persist"] = true;  // kept: 77
   ChangeDeviceSettings request(defaults);
   request.NormalizeFields();
   return updateSettings(request, reply);

@@ -14,12 +14,12 @@ using variant::Variant;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
-constexpr char kOperation[] = "readStats";
+constexpr char kOperation[] = "readStats";  // kept: 15
 
-/// Logs a reader's failure; true when `code` is none.
-bool succeeded(int code, const char* what) {
+/// Logs the failure of a reader, if `code` is one.
+bool succeeded(int code, const char* what, int line = __builtin_LINE()) {
   if (code != 0) {
-    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to read %s (%d)", what, code);
+    KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "Failed to read %s (%d)", what, code);
   }
   return code == 0;
 }
@@ -31,7 +31,7 @@ bool readCpuInfo(Variant& reply) {
   }
   utils::trim(info.processor);
   utils::trim(info.features);
-  auto& section = reply["cpuinfo"];
+  auto& section = reply["cpuinfo"];  // kept: 92
   section["processor"] = info.processor;
   section["features"] = info.features;
   return true;
@@ -49,26 +49,25 @@ bool readLoadAverage(Variant& reply) {
   return true;
 }
 
-/// The interface that carries the default route, or failing that the first. `stats` reports at
-/// least one.
+/// Returns the interface of the default route, or the first one. `stats` must not be empty.
 const utils::NetworkInterfaceStats& chooseInterface(utils::NetworkStats& stats) {
   const std::string preferred = network::guessDefaultInterface();
   for (std::uint8_t i = 0; i < stats.count; ++i) {
-    utils::trim(stats.interfaces[i].name);
+    utils::trim(stats.interfaces[i].name);  // kept: 95
     if (stats.interfaces[i].name == preferred) {
       return stats.interfaces[i];
     }
   }
-  return stats.interfaces[0];
+  return stats.interfaces[0];  // kept: 93
 }
 
-/// The record of the default interface, or the slot after the reported ones when it is not among
-/// them: the section is reported in either case.
+/// Returns the record of the default interface, or the slot after the reported ones: the section is
+/// always present.
 const utils::WiFiInterfaceStats& chooseWifi(const utils::WiFiStats& stats) {
   const std::string preferred = network::guessDefaultInterface();
   const auto* first = stats.interfaces.data();
   const auto* last = first + std::min<std::size_t>(stats.count, utils::WiFiStats::kMax);
-  return *std::find_if(first, last, [&](const utils::WiFiInterfaceStats& record) {
+  return *std::find_if(first, last, [&](const utils::WiFiInterfaceStats& record) {  // kept: 94
     return std::string_view(record.name, strnlen(record.name, sizeof record.name)) == preferred;
   });
 }
@@ -81,7 +80,7 @@ bool readWifi(Variant& reply) {
   const std::int32_t signal = chooseWifi(stats).signalDbm;
   auto& section = reply["wifi"];
   section["signalStrength"] = signal;
-  section["quality"] = (signal + 100) * 2;
+  section["quality"] = (signal + 100) * 2;  // kept: 96
   return true;
 }
 
@@ -108,16 +107,16 @@ bool readBattery(Variant& reply) {
 
 }  // namespace
 
-bool CtlServer::readStats(ipc::messages::GetSystemStats& request, Variant& reply) {
+bool CtlServer::readStats(ipc::messages::GetSystemStats& request, Variant& reply) {  // kept: 99
   reply.Reset();
   reply.IsArray(false);
   const logger::Origin here = KOVA_LOG_ORIGIN(__func__);
+  // kept: 97
   return (!request.memory() || readMemory(reply)) && (!request.cpu() || readCpu(reply)) &&
          (!request.cpuInfo() || readCpuInfo(reply)) &&
          (!request.loadavg() || readLoadAverage(reply)) &&
          (!request.network() || readNetwork(reply)) &&
-         // The features are read whatever was asked for: a description that lacks them is found at
-         // once.
+         // Features are read on every request, so that an incomplete description is found at once.
          (cameraInfo_.featureWifi(here) == 0 || !request.wifi() || readWifi(reply)) &&
          (!request.uptime() || readUptime(reply)) &&
          (cameraInfo_.featureBattery(here) == 0 || !request.battery() || readBattery(reply));

@@ -1,5 +1,6 @@
 #include "CtlServer.h"
 #include "kova/logger/Logger.h"
+#include "kova/utils/File.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -12,32 +13,44 @@ using ipc::messages::UpdateFirmwareRequest;
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
 
+// kept: 15
 void logDuplicate(const char* operation, const char* property, const std::string& what,
-                  const std::string& uri) {
-  KOVA_LOG_IN(operation, LOG_ERR, 0, "Transfer with such %s already exists, what=%s, uri=%s",
-              property, what.c_str(), uri.c_str());
+                  const std::string& uri, int line = __builtin_LINE()) {
+  KOVA_LOG_LINE(line, operation, LOG_ERR, 0,
+                "Transfer with such %s already exists, what=%s, uri=%s", property, what.c_str(),
+                uri.c_str());
 }
 
-/// What every routed request sets on its task, whatever its kind.
+/// Sets what requests of all kinds give.
 template <typename Request>
 void address(BaseTransferTask& task, Request& request) {
   task.setIpcOrigin(request.from())
       .setIpcRequestId(request.id())
       .setUri(request.uri())
-      .setTimeout(request.timeoutMs());
+      .setTimeout(request.timeoutMs());  // kept: 55
 }
 
 }  // namespace
 
-// The words "supportInfo", "logo" and "sound" are not their tasks' names: such a request re-arms
-// the running task under its new URI. Clients rely on it.
+/// The device description may name one user besides root whose files in /tmp may be uploaded.
+void CtlServer::trustUploadOwner() {
+  const variant::Variant* owner = cameraInfo_.IsMap() ? cameraInfo_.Find("upload_owner") : nullptr;
+  if (owner == nullptr) {
+    return;
+  }
+  const bool isText = owner->Is(variant::VariantClass::String);
+  utils::trustFilesOf(isText ? owner->ToText() : owner->ToString());
+}
+
+// "supportInfo", "logo" and "sound" are not the names of their tasks, so they never match here:
+// such a request re-arms the running task under its new URI.
 bool CtlServer::isDuplicate(const char* operation, const std::string& what,
                             const std::string& uri) const {
   if (transferService_.existsUri(uri)) {
     logDuplicate(operation, "uri", what, uri);
     return true;
   }
-  if (transferService_.existsName(what)) {
+  if (transferService_.existsName(what)) {  // kept: 56
     logDuplicate(operation, "name", what, uri);
     return true;
   }
@@ -56,14 +69,14 @@ bool CtlServer::getRequest(GetRequest& request) {
       {"eventHeatmap", eventHeatmapTask_, true},
   };
   const std::string what = request.what();
-  if (isDuplicate("getRequest", what, request.uri())) {
+  if (isDuplicate("getRequest", what, request.uri())) {  // kept: 58
     return false;
   }
   for (const auto& kind : kinds) {
     if (what != kind.what) {
       continue;
     }
-    kind.task.setSendNoEvents(request.disableEvents());
+    kind.task.setSendNoEvents(request.disableEvents());  // kept: 61
     address(kind.task, request);
     kind.task.setFormFields(request.formFields());
     if (kind.namesFile) {
@@ -85,7 +98,7 @@ bool CtlServer::putRequest(PutRequest& request) {
       {"sound", soundTask_, TransferTaskSound::checkNoTransferNeeded},
   };
   const std::string what = request.what();
-  if (isDuplicate("putRequest", what, request.uri())) {
+  if (isDuplicate("putRequest", what, request.uri())) {  // kept: 58
     return false;
   }
   for (const auto& kind : kinds) {
@@ -93,10 +106,10 @@ bool CtlServer::putRequest(PutRequest& request) {
       continue;
     }
     const std::string hash = request.hash();
-    if (hash != kUninitialized && kind.isInstalled(hash)) {
+    if (hash != kUninitialized && kind.isInstalled(hash)) {  // kept: 59
       return true;
     }
-    kind.task.setHash(hash);
+    kind.task.setHash(hash);  // kept: 60
     address(kind.task, request);
     return transferService_.add(&kind.task);
   }
@@ -104,7 +117,7 @@ bool CtlServer::putRequest(PutRequest& request) {
   return false;
 }
 
-bool CtlServer::updateFirmware(UpdateFirmwareRequest& request) {
+bool CtlServer::updateFirmware(UpdateFirmwareRequest& request) {  // kept: 57
   if (transferService_.existsName(firmwareTask_.name())) {
     logDuplicate("updateFirmware", "name", firmwareTask_.name(), request.uri());
     return false;

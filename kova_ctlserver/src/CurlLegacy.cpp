@@ -1,12 +1,12 @@
 #include "CurlLegacy.h"
 
-// Everything below is deprecated in favour of curl_mime_init(3) and the "_T" informations.
+// All of this is deprecated in favour of curl_mime_init(3) and the "_T" variants.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace kova::ctlserver {
 namespace {
 
-/// Lets `add` append to the list, whose head curl_formadd sets when it adds the first part.
+/// Lets `add` append to the list. curl_formadd sets the head when it adds the first part.
 template <typename Add>
 bool append(FormList& form, Add add) {
   curl_httppost* first = form.release();

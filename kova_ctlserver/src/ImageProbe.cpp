@@ -3,20 +3,23 @@
 #include <array>
 #include <cstdio>
 
+#include "kova/logger/Logger.h"
 #include "kova/utils/Process.h"
 
 namespace kova::ctlserver {
 namespace {
 
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "ImageProbe";
 constexpr char kProbe[] = "/usr/libexec/kova_imageprobe";
-// The probe limits itself to 5 s of processor time; this is for one that waits.
-constexpr unsigned kTimeoutMs = 10000;
+// The probe limits its own processor time to 1 s; this bounds one that blocks.
+constexpr unsigned kTimeoutMs = 3000;
 constexpr unsigned kCaptureKiB = 1;
 
 constexpr char kRead[] = "empty=%1d channels=%9d depth=%9d width=%9d height=%9d";
 constexpr char kPrinted[] = "empty=%d channels=%d depth=%d width=%d height=%d\n";
 
-/// Reading accepts more than printing makes, so what was read is printed again to compare.
+/// sscanf accepts more than the probe prints, so the result is printed again and compared.
 bool parse(const std::string& line, ImageFigures& figures) {
   int empty = 1;
   ImageFigures read;
@@ -41,11 +44,14 @@ bool parse(const std::string& line, ImageFigures& figures) {
 ImageFigures probeImage(const std::string& path) {
   std::string out;
   std::string err;
-  if (utils::sysExec(kProbe, {path}, "", out, err, kTimeoutMs, 0, kCaptureKiB) != 0) {
+  const int status = utils::sysExec(kProbe, {path}, "", out, err, kTimeoutMs, 0, kCaptureKiB);
+  ImageFigures figures;
+  if (status != 0 || !parse(out, figures)) {
+    KOVA_LOG(LOG_WARNING, 0, "Picture decoder gave no answer, path=%s, status=%d", path.c_str(),
+             status);
     return {};
   }
-  ImageFigures figures;
-  return parse(out, figures) ? figures : ImageFigures{};
+  return figures;
 }
 
 }  // namespace kova::ctlserver

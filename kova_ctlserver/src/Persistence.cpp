@@ -20,7 +20,7 @@ bool isDue(std::uint64_t stamp) {
 
 }  // namespace
 
-Persistence::~Persistence() {
+Persistence::~Persistence() {  // kept: 104
   persist(false);
   reset();
 }
@@ -30,7 +30,7 @@ void Persistence::enqueue() {
 }
 
 void Persistence::enqueueReset() {
-  resetStamp_ = utils::nowMs();
+  resetStamp_ = utils::nowMs();  // kept: 103
 }
 
 void Persistence::cancel() {
@@ -42,7 +42,7 @@ bool Persistence::persist(bool force) {
     return true;
   }
   if (utils::sysExecSimple(kFlashTool, "-w", "-p", "/etc/", "-m") != 0) {
-    KOVA_LOG(LOG_ERR, 0, "Failed to persist");
+    KOVA_LOG(LOG_ERR, 0, "Failed to persist");  // kept: 100
     return false;
   }
   KOVA_LOG(LOG_INFO, 0, "Persisted");
@@ -55,20 +55,21 @@ bool Persistence::reset() {
     return true;
   }
   if (utils::sysExecSimple(kFlashTool, "-c") != 0) {
-    KOVA_LOG(LOG_ERR, 0, "Failed to reset");
+    KOVA_LOG(LOG_ERR, 0, "Failed to reset");  // kept: 100
     return false;
   }
   KOVA_LOG(LOG_INFO, 0, "Reset to defaults");
   resetStamp_ = 0;
   cancel();  // a pending save must not write the old configuration back
-  if (utils::sysExecSimple(kReboot) != 0) {
+  if (utils::sysExecSimple(kReboot) != 0) {  // kept: 102
     KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
   }
   return true;
 }
 
+// At most one tool per call, so that requests are served between a save and a reset.
 bool Persistence::service() {
-  if (isDue(saveStamp_)) {
+  if (isDue(saveStamp_)) {  // kept: 101
     return persist(false);
   }
   return !isDue(resetStamp_) || reset();

@@ -27,13 +27,13 @@ bool ResetButtonsReactor::init(const std::string& name, const variant::CameraInf
   ipc_ = ipc;
   server_ = server;
   const std::uint32_t sysid = cameraInfo_->sysid(KOVA_LOG_ORIGIN(__func__));
-  thresholdMs_ = sysid == kShortHoldSysid ? kShortHoldMs : kHoldMs;
+  thresholdMs_ = sysid == kShortHoldSysid ? kShortHoldMs : kHoldMs;  // kept: 108
   initialised_ = true;
   return true;
 }
 
 void ResetButtonsReactor::buttonDown() {
-  if (!initialised_) {
+  if (!initialised_) {  // kept: 109
     KOVA_LOG(LOG_ERR, 0, "Internal error");
     return;
   }
@@ -49,8 +49,8 @@ void ResetButtonsReactor::buttonDepressed(int heldMs) {
   signal.to("kova_sounds_leds");
   signal.from("kova_ctlserver");
   signal.name("RESET_BUTTON");
-  ipc_->SendRequest(signal);
-  armed_ = true;
+  ipc_->SendRequest(signal);  // kept: 107
+  armed_ = true;              // kept: 105
 }
 
 void ResetButtonsReactor::buttonUp(int heldMs) {
@@ -60,7 +60,7 @@ void ResetButtonsReactor::buttonUp(int heldMs) {
   }
   const int waitMs = thresholdMs_ + kLeastPastThresholdMs - heldMs;
   if (waitMs > 0) {
-    utils::sleepMs(waitMs);
+    utils::sleepMs(waitMs);  // kept: 106
   }
   if (!server_->resetToDefaults()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to reset to factory defaults");

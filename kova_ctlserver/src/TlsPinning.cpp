@@ -6,11 +6,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <memory>
 
 #include "CallbackBarrier.h"
 #include "TlsFiles.h"
-#include "TransferHandles.h"
+#include "kova/utils/Handle.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -18,16 +17,16 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "curlcontext";
 
-using Certificate = std::unique_ptr<X509, Releaser<X509_free>>;
-using Stream = std::unique_ptr<std::FILE, Releaser<std::fclose>>;
+using Certificate = utils::Handle<X509, X509_free>;
+using Stream = utils::Handle<std::FILE, std::fclose>;
 
-Certificate loadPinned() {
+Certificate loadPinned() {  // kept: 15
   const Stream file(std::fopen(kControllerCertFile, "re"));
   if (file == nullptr) {
     KOVA_LOG_IN("verifyCustomCert", LOG_ERR, errno, "Failed to open local cert");
     return nullptr;
   }
-  ERR_set_mark();  // libcurl takes what is left in OpenSSL's queue for the cause of the failure
+  ERR_set_mark();  // libcurl reports what remains in OpenSSL's queue as the cause
   Certificate pinned(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
   ERR_pop_to_mark();
   if (pinned == nullptr) {
@@ -51,8 +50,18 @@ int comparePinned(X509_STORE_CTX* storeCtx) {
     X509_STORE_CTX_set_error(storeCtx, X509_V_ERR_CERT_UNTRUSTED);
     return 0;
   }
-  X509_STORE_CTX_set_error(storeCtx, X509_V_OK);
+  X509_STORE_CTX_set_error(storeCtx, X509_V_OK);  // kept: 35
   return 1;
+}
+
+// OpenSSL keeps reading after a message without data. Once a peer sends KeyUpdate, let OpenSSL
+// return after each message, so that the other transfers get their turn.
+void watchMessages(int isWritten, int /*version*/, int contentType, const void* message,
+                   std::size_t length, SSL* ssl, void* /*argument*/) {
+  if (isWritten == 0 && contentType == SSL3_RT_HANDSHAKE && length != 0 &&
+      *static_cast<const unsigned char*>(message) == SSL3_MT_KEY_UPDATE) {
+    SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
+  }
 }
 
 }  // namespace
@@ -62,10 +71,12 @@ int verifyCustomCert(int preverifyOk, X509_STORE_CTX* storeCtx) {
                          [&] { return preverifyOk != 0 ? 1 : comparePinned(storeCtx); });
 }
 
-CURLcode installCertVerification(CURL* /*curl*/, void* sslCtx, void* /*userdata*/) {
+CURLcode installCertVerification(CURL* curl, void* sslCtx, void* /*userdata*/) {
   return callbackBarrier(kLogUnit, __func__, CURLE_ABORTED_BY_CALLBACK, [&] {
-    SSL_CTX_set_verify(static_cast<SSL_CTX*>(sslCtx), SSL_VERIFY_PEER, verifyCustomCert);
-    return CURLE_OK;
+    auto* context = static_cast<SSL_CTX*>(sslCtx);
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, verifyCustomCert);
+    SSL_CTX_set_msg_callback(context, watchMessages);
+    return curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, kTlsProtocols);
   });
 }
 

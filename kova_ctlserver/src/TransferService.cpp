@@ -1,5 +1,7 @@
 #include "TransferService.h"
 
+#include <algorithm>
+
 #include "BaseTransferTask.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
@@ -20,9 +22,21 @@ const char* phaseOf(const BaseTransferTask& task) {
 /// @param offset bytes written so far
 /// @param total  announced length; 0 or less when unknown
 bool exceeds(const BaseTransferTask& task, unsigned long offset, long total) {
-  const unsigned long size = total > 0 ? static_cast<unsigned long>(total) : offset;
-  return task.maxSz() != 0 && size > task.maxSz();
+  const unsigned long size = total > 0 ? static_cast<unsigned long>(total) : offset;  // kept: 47
+  return task.maxSz() != 0 && size > task.maxSz();                                    // kept: 54
 }
+
+/// Returns `uri` without the user information before its host (RFC 3986, 3.2.1). Like libcurl, it
+/// accepts a URI without a scheme.
+std::string withoutUserInfo(const std::string& uri) {
+  const std::size_t slashes = uri.find("://");
+  const std::size_t host = slashes < uri.find_first_of("/?#") ? slashes + 3 : 0;
+  const std::size_t end = std::min(uri.find_first_of("/?#", host), uri.size());
+  const std::size_t at = uri.substr(0, end).rfind('@');
+  return at == std::string::npos || at < host ? uri : uri.substr(0, host) + uri.substr(at + 1);
+}
+
+constexpr int kFirstHttpError = 400;
 
 }  // namespace
 
@@ -30,7 +44,7 @@ bool TransferService::init() {
   return Init();
 }
 
-bool TransferService::add(BaseTransferTask* task) {
+bool TransferService::add(BaseTransferTask* task) {  // kept: 45
   const std::string& uri = task->uri();
   if (existsUri(uri)) {
     KOVA_LOG(LOG_ERR, 0, "Task %s busy, failed to start, uri=%s", task->name().c_str(),
@@ -79,17 +93,18 @@ void TransferService::Advance(const std::string& uri, BaseTransferTask& task) {
   }
 }
 
+// kept: 15
 bool TransferService::ExpireDeadline(const std::string& uri, const BaseTransferTask& task) {
   if (utils::nowMs() <= task.startTime() + task.timeout()) {
     return false;
   }
   KOVA_LOG_IN("service", LOG_WARNING, 0, "Timeout %s, task=%s, uri=%s", phaseOf(task),
               task.name().c_str(), uri.c_str());
-  cancel(uri, false, TRANSFER_TIMEOUT, 0);
+  cancel(uri, false, TRANSFER_TIMEOUT, 0);  // kept: 51
   return true;
 }
 
-/// False when the registration failed, and the task with it.
+/// Returns false if the registration failed; the task has then failed, too.
 bool TransferService::RegisterIfReady(const std::string& uri, BaseTransferTask& task) {
   if (task.inTransfer()) {
     return true;
@@ -102,22 +117,39 @@ bool TransferService::RegisterIfReady(const std::string& uri, BaseTransferTask& 
   if (!ready) {
     return true;
   }
-  // Read again: the hook may have made the task a download.
-  const bool download = task.download();
+  // Read again: onPrepare may have turned the task into a download.
+  const bool download = task.download();  // kept: 50
   if (!RegisterRequest(download, uri, download ? task.path() : path, task.formFields(),
                        task.timeout(), task.certFile(), task.privKeyFile(), task.caCertFile())) {
     KOVA_LOG_IN("service", LOG_WARNING, 0, "Failed to register transfer, task=%s, uri=%s",
                 task.name().c_str(), uri.c_str());
-    cancel(uri, false, TRANSFER_FAILED, 0);
+    cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
     return false;
   }
   task.setInTransfer(true);
-  return true;
+  return download || HoldToSize(uri, task);
+}
+
+/// Fails an upload that exceeds its limit. The size is taken from the open file, since the name may
+/// have pointed elsewhere before; nothing has been sent yet.
+bool TransferService::HoldToSize(const std::string& uri, const BaseTransferTask& task) {
+  unsigned long size = 0;
+  if (!GetUploadTotalSize(uri, size) || size <= task.maxSz()) {
+    return true;
+  }
+  cancel(uri, true, TRANSFER_TOOLARGE, 0);
+  return false;
 }
 
 void TransferService::SignalTransferCompleted(const std::string& uri, TransferStatus status,
                                               int httpCode) {
   MultiHTTP::SignalTransferCompleted(uri, status, httpCode);
+  const auto entry = tasks_.find(uri);
+  if (status == TRANSFER_OK && httpCode >= kFirstHttpError && entry != tasks_.end() &&
+      !entry->second->download()) {
+    KOVA_LOG(LOG_WARNING, 0, "The server refused the upload, name=%s, uri=%s, httpCode=%d",
+             entry->second->name().c_str(), withoutUserInfo(uri).c_str(), httpCode);
+  }
   if (status != TRANSFER_CANCELLED) {
     cancel(uri, true, status, httpCode);
   }
@@ -126,14 +158,15 @@ void TransferService::SignalTransferCompleted(const std::string& uri, TransferSt
 bool TransferService::SignalBytesAvailable(const std::string& uri, unsigned char* data,
                                            unsigned long len, unsigned long offset, long total) {
   if (pendingCancel_.contains(uri)) {
-    return true;  // dropped; aborting here would report the transfer a second time
+    // kept: 48
+    return true;  // dropped: aborting would report the transfer a second time
   }
   const auto entry = tasks_.find(uri);
   if (entry == tasks_.end()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to resolve task by uri=%s", uri.c_str());
     return false;
   }
-  if (exceeds(*entry->second, offset, total)) {
+  if (exceeds(*entry->second, offset, total)) {  // kept: 49
     cancel(uri, true, TRANSFER_TOOLARGE, 0);
     return true;
   }
@@ -151,10 +184,12 @@ void TransferService::cancel(const std::string& uri, bool logFailure, TransferSt
     return;
   }
   BaseTransferTask& task = *entry->second;
+  // The name is freed with the transfer, so that the client may send the next request of this kind
+  // at once. The URI stays taken until cancelFinalize: libcurl may still hold the transfer.
   task.setFinalizing(true);
-  busyNames_.erase(task.name());
-  if (status == TRANSFER_OK) {
-    return;
+  busyNames_.erase(task.name());  // kept: 46
+  if (status == TRANSFER_OK) {    // kept: 36
+    return;                       // service() calls onSuccess until the task is done
   }
   if (logFailure) {
     KOVA_LOG(LOG_WARNING, 0, "Transfer task failed, name=%s, uri=%s, reason=%s(%d), httpCode=%d",
@@ -165,12 +200,14 @@ void TransferService::cancel(const std::string& uri, bool logFailure, TransferSt
   pendingCancel_.insert(uri);
 }
 
+// Tasks are removed here and nowhere else: cancel() runs while service() walks tasks_, and from
+// callbacks of libcurl, in which the transfer must not be removed from its multi handle.
 void TransferService::cancelFinalize() {
   for (const std::string& uri : pendingCancel_) {
     if (!CancelTransfer(uri)) {
       KOVA_LOG(LOG_ERR, 0, "Internal error cancelling transfer, uri=%s", uri.c_str());
     }
-    tasks_.erase(uri);
+    tasks_.erase(uri);  // kept: 52
   }
   pendingCancel_.clear();
 }

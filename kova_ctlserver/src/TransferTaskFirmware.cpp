@@ -17,7 +17,7 @@ using variant::Variant;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "TransferTaskFirmware";
-constexpr char kOnSuccess[] = "onSuccess";
+constexpr char kOnSuccess[] = "onSuccess";  // kept: 15
 
 constexpr char kImage[] = "/tmp/fwupdate.bin";
 constexpr char kChecker[] = "/bin/fwupdate.real";
@@ -34,12 +34,12 @@ TransferTaskFirmware::TransferTaskFirmware() {
   setKind(true);
   setPath(kImage);
   setMaxSz(kMaxSz);
-  setTimeout(kTimeoutMs);
+  setTimeout(kTimeoutMs);  // kept: 55
 }
 
 bool TransferTaskFirmware::onCheck() {
   if (timeout() == 0) {
-    setTimeout(kTimeoutMsWhenNotGiven);
+    setTimeout(kTimeoutMsWhenNotGiven);  // kept: 55
   }
   return true;
 }
@@ -54,19 +54,19 @@ void TransferTaskFirmware::onFailure(TransferStatus status, int /*httpCode*/) {
   unlink(kImage);
 }
 
-void TransferTaskFirmware::onSuccess(bool& done) {
+void TransferTaskFirmware::onSuccess(bool& done) {  // kept: 65
   done = true;
   if (verify()) {
     flash();
   }
 }
 
-/// A checker that writes to standard error rejects the image, whatever its exit status.
+/// The checker accepts an image with exit status 0 and nothing on standard error.
 bool TransferTaskFirmware::verify() {
   std::string out;
   std::string err;
   const int status = utils::sysExec(kChecker, {"-c"}, "", out, err, 0, 0, kCheckerOutputKiB);
-  if (status == 0 && err.empty()) {
+  if (status == 0 && err.empty()) {  // kept: 66
     return true;
   }
   KOVA_LOG_IN(kOnSuccess, LOG_WARNING, 0, "Firmware validation failed, uri=%s, status=%s",
@@ -83,20 +83,23 @@ void TransferTaskFirmware::reportRejection(const std::string& checkerOutput) {
     return notifyStatus("FW_CHECK_FAILED");
   }
   const Variant* reason = report.GetKeyChain(variant::VariantClass::String, {"reason"});
+  // kept: 67
   const bool wrongHardware = reason != nullptr && reason->ToText() == "FW_CHECK_INCOMPAT_HW";
   notifyStatus(wrongHardware ? "FW_CHECK_INCOMPAT_HW" : "FW_CHECK_FAILED");
 }
 
 void TransferTaskFirmware::flash() {
   if (utils::sysExecSimple(kFlasher, "-m") == 0) {
+    // kept: 64
     KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Firmware update downloaded from uri=%s", uri().c_str());
     return;
   }
+  // kept: 19
   KOVA_LOG_IN(kOnSuccess, LOG_WARNING, errno, "Firmware flash failed, uri=%s", uri().c_str());
   notifyStatus("FW_FLASH_FAILED");
 }
 
-void TransferTaskFirmware::notifyStatus(const std::string& reason) {
+void TransferTaskFirmware::notifyStatus(const std::string& reason) {  // kept: 69
   ipc::Ipc* ipc = ipc::Ipc::GetInstance();
   if (ipc == nullptr) {
     KOVA_LOG(LOG_ERR, 0, "pIpc is NULL");
@@ -106,7 +109,7 @@ void TransferTaskFirmware::notifyStatus(const std::string& reason) {
   event.to(ipcOrigin());
   event.requestId(ipcRequestId());
   event.reason(reason);
-  event.NormalizeFields();
+  event.NormalizeFields();  // kept: 68
   if (!ipc->SendRequest(event)) {
     KOVA_LOG(LOG_WARNING, 0, "Failed to send transfer failure notification");
   }

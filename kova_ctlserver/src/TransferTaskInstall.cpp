@@ -24,6 +24,11 @@ bool writeText(const char* path, const std::string& text) {
          file.Close();
 }
 
+/// True when no digest file remains. A folder of that name does not count as one.
+bool removeOld(const char* path) {
+  return unlink(path) == 0 || errno == ENOENT || errno == EISDIR;
+}
+
 }  // namespace
 
 TransferTaskInstall::TransferTaskInstall(const Kind& kind, Persistence& persistence)
@@ -69,7 +74,8 @@ void TransferTaskInstall::onSuccess(bool& done) {
   const char* const kLogUnit = kind_.unit;
   done = true;
   std::string digest;
-  if (!md5sum(path(), digest) || digest != hash_) {
+  if (!md5sum(path(), digest) || digest != hash_) {  // kept: 70
+    // kept: 19
     KOVA_LOG(LOG_WARNING, errno, "%s checksum error, uri=%s, provided=%s, calculated=%s",
              kind_.subject, uri().c_str(), hash_.c_str(), digest.c_str());
     return refuse("VALIDATION_FAILED");
@@ -87,13 +93,15 @@ void TransferTaskInstall::onSuccess(bool& done) {
   notifyStatus("OK");
 }
 
-/// A file that was moved into place already stays there when a later step fails.
+/// The old digest is removed first, so that an interruption at any point leaves no digest beside a
+/// file that it does not belong to. A file already in place stays there if a later step fails.
 bool TransferTaskInstall::install(const std::string& digest) {
-  if (!writeText(kind_.checksum, digest) || std::rename(kind_.download, kind_.installed) != 0 ||
-      std::rename(kind_.checksum, kind_.installedChecksum) != 0) {
+  if (!writeText(kind_.checksum, digest) || !removeOld(kind_.installedChecksum) ||
+      std::rename(kind_.download, kind_.installed) != 0 ||
+      std::rename(kind_.checksum, kind_.installedChecksum) != 0) {  // kept: 72
     return false;
   }
-  persistence_.persist(true);
+  persistence_.persist(true);  // kept: 71
   return utils::fileExists(kind_.installed, true);
 }
 

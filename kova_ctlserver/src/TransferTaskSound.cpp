@@ -31,7 +31,7 @@ bool TransferTaskSound::checkNoTransferNeeded(const std::string& hash) {
   return isInstalled(kSound, hash);
 }
 
-bool TransferTaskSound::validate() {
+bool TransferTaskSound::validate() {  // kept: 15
   unsigned short channels = 0;
   unsigned int sampleRate = 0;
   unsigned int dataSize = 0;

@@ -33,7 +33,9 @@ bool TransferTaskSupport::onCheck() {
   return true;
 }
 
+// A generator left from an earlier request would overwrite the archive of this one.
 bool TransferTaskSupport::onStart() {
+  utils::endDaemon(kGenerator);
   unlink(kArchive);
   if (!utils::runDaemon(nullptr, nullptr, nullptr, kGenerator, 1, kArchive)) {
     KOVA_LOG(LOG_ERR, errno, "Failed to launch support file generation");
@@ -43,17 +45,19 @@ bool TransferTaskSupport::onStart() {
 }
 
 void TransferTaskSupport::onPrepare(bool& ready, std::string& uploadPath) {
-  ready = utils::fileExists(kArchive, true);
+  ready = utils::fileExists(kArchive, true);  // kept: 76
   uploadPath = kArchive;
 }
 
-void TransferTaskSupport::onSuccess(bool& done) {
+void TransferTaskSupport::onSuccess(bool& done) {  // kept: 63
   done = true;
+  utils::endDaemon(kGenerator);
   unlink(kArchive);
 }
 
 void TransferTaskSupport::onFailure(TransferStatus status, int /*httpCode*/) {
   notifyStatus(decodeTransferStatus(status));
+  utils::endDaemon(kGenerator);
   unlink(kArchive);
 }
 

@@ -34,7 +34,7 @@ bool TransferTaskUserLogo::checkNoTransferNeeded(const std::string& hash) {
   return isInstalled(kLogo, hash);
 }
 
-bool TransferTaskUserLogo::validate() {
+bool TransferTaskUserLogo::validate() {  // kept: 15
   const ImageFigures image = probeImage(path());
   if (!image.empty && image.channels == 1 && image.depth == 0 && isSize(image.height) &&
       isSize(image.width)) {

@@ -30,17 +30,17 @@ TransferTaskWhitelist& TransferTaskWhitelist::setSuffix(const std::string& suffi
 }
 
 void TransferTaskWhitelist::setWaitRename(bool waitRename) {
-  waitRename_ = waitRename;
+  waitRename_ = waitRename;  // kept: 73
 }
 
 bool TransferTaskWhitelist::validate(const std::string& path) const {
-  if (prefix_.empty() && suffix_.empty()) {
+  if (prefix_.empty() && suffix_.empty()) {  // kept: 75
     return true;
   }
   if (!utils::startsWith(path, prefix_)) {
     return false;
   }
-  const std::size_t digitsEnd = path.find_first_not_of("0123456789", prefixLength_);
+  const std::size_t digitsEnd = path.find_first_not_of("0123456789", prefixLength_);  // kept: 74
   const std::string rest = digitsEnd == std::string::npos ? "" : path.substr(digitsEnd);
   return rest == suffix_;
 }
@@ -68,7 +68,7 @@ void TransferTaskWhitelist::onPrepare(bool& ready, std::string& uploadPath) {
   ready = utils::copyFile(path().c_str(), uploadPath.c_str());
 }
 
-void TransferTaskWhitelist::onSuccess(bool& done) {
+void TransferTaskWhitelist::onSuccess(bool& done) {  // kept: 63
   done = true;
 }
 

@@ -1,6 +1,6 @@
 #include "WirelessKeys.h"
 
-namespace kova::ctlserver::wireless {
+namespace kova::ctlserver::wireless {  // kept: 14
 
 const std::string kChannel = "channel";
 const std::string kCtrlInterface = "ctrl_interface";

@@ -23,9 +23,18 @@ bool succeeded(CURLcode code, const char* operation) {
   return code == CURLE_OK;
 }
 
-TransferStatus statusOf(CURLcode result) {
+TransferStatus statusOf(const CurlContext& context, CURLcode result) {
+  if (context.WasCut()) {
+    KOVA_LOG_IN("Service", LOG_WARNING, 0,
+                "Connection cut because a server held all transfers, uri=%s",
+                context.GetURI().c_str());
+    return TRANSFER_FAILED;  // a cut may look like the end of a body without length
+  }
+  if (context.IsOverBudget()) {
+    return TRANSFER_FAILED;
+  }
   switch (result) {
-    case CURLE_OK:
+    case CURLE_OK:  // kept: 36
       return TRANSFER_OK;
     case CURLE_WRITE_ERROR:
     case CURLE_READ_ERROR:
@@ -43,7 +52,9 @@ TransferStatus statusOf(CURLcode result) {
 BaseHTTP::BaseHTTP() = default;
 
 BaseHTTP::~BaseHTTP() {
-  multi_.reset();
+  guard_.BeginTurn(contexts_.size());
+  const PumpGuard::Pass pass(guard_, !contexts_.empty());
+  multi_.reset();  // kept: 41
   contexts_.clear();
 }
 
@@ -53,6 +64,8 @@ bool BaseHTTP::Init() {
     KOVA_LOG(LOG_ERR, 0, "Unable to initiate CURLM");
     return false;
   }
+  // Without it a server can hold the camera; without the daemon nobody can manage it.
+  guard_.Init();
   return true;
 }
 
@@ -72,10 +85,11 @@ bool BaseHTTP::RegisterRequest(bool download, const std::string& uri,
   }
   const CURLMcode code = curl_multi_add_handle(multi_.get(), context->GetCurl());
   if (code != CURLM_OK) {
+    // kept: 16
     KOVA_LOG(LOG_ERR, 0, "unable to setup CURLM: %d (%s)", code, curl_multi_strerror(code));
     return false;
   }
-  transfers_[uri] = context.get();
+  transfers_[uri] = context.get();  // kept: 39
   contexts_.emplace(context.get(), std::move(context));
   return true;
 }
@@ -86,20 +100,37 @@ bool BaseHTTP::Service(int timeoutMs) {
                  "curl_multi_wait")) {
     return false;
   }
-  int running = 0;
-  if (!succeeded(curl_multi_perform(multi_.get(), &running), __func__, "curl_multi_perform")) {
+  guard_.BeginTurn(contexts_.size());
+  if (!succeeded(Perform(), __func__, "curl_multi_perform")) {
     return false;
   }
   int queued = 0;
   while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
-    if (!HandleMessage(*message)) {
+    if (!HandleMessage(*message)) {  // kept: 38
       return false;
     }
   }
   return true;
 }
 
-bool BaseHTTP::HandleMessage(const CURLMsg& message) {
+CURLMcode BaseHTTP::Perform() {
+  const PumpGuard::Pass pass(guard_, !contexts_.empty());
+  int running = 0;
+  return curl_multi_perform(multi_.get(), &running);
+}
+
+// TLS reads pending data when it closes a connection, so this runs under the guard.
+CURLMcode BaseHTTP::Remove(CURL* curl) {
+  const PumpGuard::Pass pass(guard_, true);
+  return curl_multi_remove_handle(multi_.get(), curl);
+}
+
+void BaseHTTP::Forget(const CurlContext& context) {
+  const PumpGuard::Pass pass(guard_, true);
+  contexts_.erase(&context);  // removes the handle from the multi handle
+}
+
+bool BaseHTTP::HandleMessage(const CURLMsg& message) {  // kept: 15
   char* context = nullptr;
   long httpCode = 0;
   if (!succeeded(curl_easy_getinfo(message.easy_handle, CURLINFO_PRIVATE, &context), "Service") ||
@@ -112,7 +143,8 @@ bool BaseHTTP::HandleMessage(const CURLMsg& message) {
     return false;
   }
   if (message.msg == CURLMSG_DONE) {
-    Complete(*reinterpret_cast<CurlContext*>(context), statusOf(message.data.result), httpCode);
+    auto& transfer = *reinterpret_cast<CurlContext*>(context);
+    Complete(transfer, statusOf(transfer, message.data.result), httpCode);
   }
   return true;
 }
@@ -120,7 +152,7 @@ bool BaseHTTP::HandleMessage(const CURLMsg& message) {
 void BaseHTTP::Complete(CurlContext& context, TransferStatus status, long httpCode) {
   SignalTransferCompleted(context.GetURI(), status, static_cast<int>(httpCode));
   transfers_.erase(context.GetURI());
-  contexts_.erase(&context);  // takes the handle off the multi handle
+  Forget(context);
 }
 
 bool BaseHTTP::CancelTransfer(const std::string& uri) {
@@ -129,18 +161,17 @@ bool BaseHTTP::CancelTransfer(const std::string& uri) {
     return true;
   }
   CurlContext* const context = entry->second;
-  if (!succeeded(curl_multi_remove_handle(multi_.get(), context->GetCurl()), __func__,
-                 "curl_multi_remove_handle")) {
+  if (!succeeded(Remove(context->GetCurl()), __func__, "curl_multi_remove_handle")) {
     return false;
   }
-  long httpCode = 0;
+  long httpCode = 0;  // kept: 40
   if (!succeeded(curl_easy_getinfo(context->GetCurl(), CURLINFO_RESPONSE_CODE, &httpCode),
                  __func__)) {
     return false;
   }
   transfers_.erase(entry);
   SignalTransferCompleted(context->GetURI(), TRANSFER_CANCELLED, static_cast<int>(httpCode));
-  contexts_.erase(context);
+  Forget(*context);
   return true;
 }
 

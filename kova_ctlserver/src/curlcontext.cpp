@@ -1,12 +1,19 @@
 #include "curlcontext.h"
 
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <limits>
 
 #include "CallbackBarrier.h"
 #include "CurlLegacy.h"
+#include "ReceiveBuffer.h"
 #include "TlsPinning.h"
 #include "basehttp.h"
 #include "kova/logger/Logger.h"
+#include "kova/utils/UniqueFd.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -16,14 +23,23 @@ constexpr char kLogUnit[] = "curlcontext";
 
 constexpr double kLengthNotAsked = -2.0;
 
-// The main loop pumps a transfer once a pass, and an upload moves at most one buffer a pass:
-// libcurl's default of 64 KiB would hold it to 6.4 MB/s.
+// An upload moves at most one buffer per pass of the main loop; libcurl's default of 64 KiB would
+// limit it to 6.4 MB/s.
 constexpr long kUploadBufferSize = 2L * 1024 * 1024;
+
+// libcurl keeps milliseconds in an int and refuses larger values.
+constexpr unsigned kMostSeconds = std::numeric_limits<int>::max() / 1000;
+
+constexpr long kMostRedirects = 30;
 
 constexpr char kProtocols[] = "http,https";
 
-/// The largest length that a server can announce rounds, as a double, to one more than a long
-/// holds.
+/// The schemes that a transfer of `uri` may be redirected to.
+const char* redirectProtocols(const std::string& uri) {
+  return strncasecmp(uri.c_str(), "https:", 6) == 0 ? kTlsProtocols : kProtocols;
+}
+
+/// The largest length that a server can announce rounds, as a double, to one above LONG_MAX.
 long wholeBytes(double length) {
   constexpr long kMost = std::numeric_limits<long>::max();
   return length < static_cast<double>(kMost) ? static_cast<long>(length) : kMost;
@@ -39,6 +55,7 @@ CurlContext::CurlContext(bool download, const std::string& uri, BaseHTTP* owner,
       download_(download),
       uri_(uri),
       formFields_(formFields),
+      cut_(std::make_shared<volatile std::sig_atomic_t>(0)),
       contentLength_(kLengthNotAsked),
       timeoutMs_(timeoutMs),
       certFile_(certFile),
@@ -46,7 +63,7 @@ CurlContext::CurlContext(bool download, const std::string& uri, BaseHTTP* owner,
       caCertFile_(caCertFile) {}
 
 CurlContext::~CurlContext() {
-  curl_.reset();  // refers to the form
+  curl_.reset();  // before the form, which it refers to
   formPost_.reset();
 }
 
@@ -61,7 +78,7 @@ bool CurlContext::Init() {
   }
   SetTlsFiles();
   SetPeerVerification();
-  if (!SetLimits()) {
+  if (!SetTrust() || !SetConnections() || !SetLimits()) {
     return false;
   }
   return download_ || (BuildForm() && SetUpload());
@@ -72,7 +89,7 @@ bool CurlContext::Set(CURLoption option, Value value) {
   return Succeeded(curl_easy_setopt(curl_.get(), option, value));
 }
 
-bool CurlContext::Succeeded(CURLcode code) const {
+bool CurlContext::Succeeded(CURLcode code) const {  // kept: 15
   if (code != CURLE_OK) {
     KOVA_LOG_IN("Init", LOG_ERR, 0, "Unable to setup CURL: %d (%s)", code,
                 curl_easy_strerror(code));
@@ -81,15 +98,16 @@ bool CurlContext::Succeeded(CURLcode code) const {
 }
 
 bool CurlContext::SetBasics() {
+  // kept: 29, 30, 31
   return Set(CURLOPT_WRITEFUNCTION, &CurlContext::DataReceived) && Set(CURLOPT_WRITEDATA, this) &&
          Set(CURLOPT_PRIVATE, this) && Set(CURLOPT_URL, uri_.c_str()) &&
          Set(CURLOPT_FOLLOWLOCATION, 1L) && Set(CURLOPT_SSL_VERIFYHOST, 0L) &&
          Set(CURLOPT_SSL_VERIFYPEER, 0L) &&
-         Set(CURLOPT_TIMEOUT, static_cast<long>(timeoutMs_ / 1000));
+         Set(CURLOPT_TIMEOUT, static_cast<long>(std::min(timeoutMs_ / 1000, kMostSeconds)));
 }
 
-// A build of libcurl that lacks one of these refuses the transfer itself when it comes to need it.
-void CurlContext::SetTlsFiles() {
+// A libcurl that lacks one of these options fails the transfer itself when it needs it.
+void CurlContext::SetTlsFiles() {  // kept: 32
   if (!certFile_.empty()) {
     curl_easy_setopt(curl_.get(), CURLOPT_SSLCERTTYPE, "PEM");
     curl_easy_setopt(curl_.get(), CURLOPT_SSLCERT, certFile_.c_str());
@@ -102,17 +120,43 @@ void CurlContext::SetTlsFiles() {
   }
 }
 
-void CurlContext::SetPeerVerification() {
-  curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYPEER, 1L);
+void CurlContext::SetPeerVerification() {                     // kept: 32
+  curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYPEER, 1L);  // kept: 30
   curl_easy_setopt(curl_.get(), CURLOPT_SSL_CTX_FUNCTION, &installCertVerification);
 }
 
-// libcurl speaks many protocols, some of which read local files: the URI is a client's choice, and
-// where it redirects to is the server's. It looks names up in a thread, which a transfer that ends
-// early would join: with name servers that do not answer, the whole daemon would stand still.
+// libcurl trusts the folder of authorities it was built with in addition to CURLOPT_CAINFO. It does
+// not verify a reused connection or TLS session again and caches authorities for a day, so each
+// would outlive a change of the trusted certificate. An upload on a reused connection is lost if
+// the server is closing it.
+bool CurlContext::SetTrust() {
+  return Set(CURLOPT_CAPATH, static_cast<char*>(nullptr)) && Set(CURLOPT_FRESH_CONNECT, 1L) &&
+         Set(CURLOPT_FORBID_REUSE, 1L) && Set(CURLOPT_SSL_SESSIONID_CACHE, 0L) &&
+         Set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
+}
+
+// HTTP/2 would let a server send empty frames for ever. Proxies of the environment are ignored: it
+// is not part of the camera's configuration. The guard, which outlives the sockets, may cut them.
+bool CurlContext::SetConnections() {
+  const curl_closesocket_callback forget = [](void* guard, curl_socket_t fd) {
+    static_cast<PumpGuard*>(guard)->Forget(fd);
+    return close(fd);
+  };
+  return Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) &&
+         Set(CURLOPT_PROXY, "") && Set(CURLOPT_OPENSOCKETFUNCTION, &CurlContext::SocketWanted) &&
+         Set(CURLOPT_OPENSOCKETDATA, this) && Set(CURLOPT_CLOSESOCKETFUNCTION, forget) &&
+         Set(CURLOPT_CLOSESOCKETDATA, &owner_->Guard());
+}
+
+// Some protocols of libcurl read local files, and clients choose the URI, servers the redirect.
+// libcurl resolves names in a thread; without CURLOPT_QUICK_EXIT a transfer that ends early joins
+// that thread and blocks the daemon until the name servers answer.
 bool CurlContext::SetLimits() {
-  return Set(CURLOPT_PROTOCOLS_STR, kProtocols) && Set(CURLOPT_REDIR_PROTOCOLS_STR, kProtocols) &&
-         Set(CURLOPT_QUICK_EXIT, 1L) &&
+  return Set(CURLOPT_PROTOCOLS_STR, kProtocols) &&
+         Set(CURLOPT_REDIR_PROTOCOLS_STR, redirectProtocols(uri_)) &&
+         Set(CURLOPT_MAXREDIRS, kMostRedirects) &&
+         Set(CURLOPT_HEADERFUNCTION, &CurlContext::HeaderReceived) &&
+         Set(CURLOPT_HEADERDATA, this) && Set(CURLOPT_QUICK_EXIT, 1L) &&
          (download_ || Set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize));
 }
 
@@ -123,20 +167,28 @@ bool CurlContext::BuildForm() {
     return false;
   }
   if (!addStreamedPart(formPost_, "payload", this, size)) {
+    // kept: 17
     KOVA_LOG_IN("Init", LOG_ERR, 0, "curl_formadd failed on filename, uri=%s", uri_.c_str());
     return false;
   }
-  for (const auto& [key, value] : formFields_.Elements()) {
-    if (!value.Is(variant::VariantClass::String)) {
-      KOVA_LOG_IN("Init", LOG_ERR, 0, "Only strings are allowed in the form fields");
-      return false;
-    }
-    if (!addTextPart(formPost_, key, value.ToText())) {
-      KOVA_LOG_IN("Init", LOG_ERR, 0, "curl_formadd failed on field `%s`", key.c_str());
+  for (const auto& [key, value] : formFields_.Elements()) {  // kept: 34
+    if (!AddField(key, value)) {
       return false;
     }
   }
-  return formFields_.Elements().empty() || Succeeded(setForm(curl_.get(), formPost_));
+  return formFields_.Elements().empty() || Succeeded(setForm(curl_.get(), formPost_));  // kept: 33
+}
+
+bool CurlContext::AddField(const std::string& key, const variant::Variant& value) {
+  if (!value.Is(variant::VariantClass::String)) {
+    KOVA_LOG_IN("Init", LOG_ERR, 0, "Only strings are allowed in the form fields");
+    return false;
+  }
+  if (!addTextPart(formPost_, key, value.ToText())) {
+    KOVA_LOG_IN("Init", LOG_ERR, 0, "curl_formadd failed on field `%s`", key.c_str());
+    return false;
+  }
+  return true;
 }
 
 bool CurlContext::SetUpload() {
@@ -144,6 +196,7 @@ bool CurlContext::SetUpload() {
                                      void* userdata) {
     return DataNeeded(buffer, size, count, userdata);
   };
+  // kept: 33
   return Set(CURLOPT_POST, 1L) && Succeeded(setForm(curl_.get(), formPost_)) &&
          Set(CURLOPT_READFUNCTION, read);
 }
@@ -158,6 +211,12 @@ std::size_t CurlContext::DataReceived(char* ptr, std::size_t size, std::size_t n
 }
 
 bool CurlContext::HandleReceived(unsigned char* data, unsigned long len) {
+  if (!download_ && bytesReceived_ + len > kMostAnswerBytes) {
+    KOVA_LOG(LOG_WARNING, 0, "The answer to the upload exceeds %d bytes, uri=%s",
+             static_cast<int>(kMostAnswerBytes), uri_.c_str());
+    isOverBudget_ = true;
+    return false;
+  }
   if (contentLength_ <= kLengthNotAsked) {
     const CURLcode code = announcedLength(curl_.get(), contentLength_);
     if (code != CURLE_OK) {
@@ -171,6 +230,38 @@ bool CurlContext::HandleReceived(unsigned char* data, unsigned long len) {
     bytesReceived_ += len;
   }
   return accepted;
+}
+
+std::size_t CurlContext::HeaderReceived(char* /*ptr*/, std::size_t size, std::size_t nmemb,
+                                        void* userdata) {
+  return callbackBarrier(kLogUnit, __func__, std::size_t{0}, [&] {
+    const std::size_t len = size * nmemb;
+    return static_cast<CurlContext*>(userdata)->HandleHeader(len) ? len : 0;
+  });
+}
+
+bool CurlContext::HandleHeader(unsigned long len) {
+  headerBytes_ += len;
+  if (headerBytes_ > kMostHeaderBytes && !isOverBudget_) {
+    KOVA_LOG(LOG_WARNING, 0, "The headers exceed %d bytes, uri=%s",
+             static_cast<int>(kMostHeaderBytes), uri_.c_str());
+    isOverBudget_ = true;
+  }
+  return !isOverBudget_;
+}
+
+curl_socket_t CurlContext::SocketWanted(void* userdata, curlsocktype /*purpose*/,
+                                        curl_sockaddr* address) {
+  return callbackBarrier(kLogUnit, __func__, curl_socket_t{CURL_SOCKET_BAD}, [&] {
+    utils::UniqueFd fd(
+        socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
+    if (fd) {
+      const auto* context = static_cast<CurlContext*>(userdata);
+      widenReceiveBuffer(fd.Get());
+      context->owner_->Guard().Watch(fd.Get(), context->cut_);
+    }
+    return fd.Release();
+  });
 }
 
 std::size_t CurlContext::DataNeeded(void* ptr, std::size_t size, std::size_t nmemb,

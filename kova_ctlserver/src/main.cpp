@@ -3,6 +3,7 @@
 
 #include "CtlCommandsHandler.h"
 #include "CtlServer.h"
+#include "StopSignal.h"
 #include "kova/ipc/Handlers.h"
 #include "kova/ipc/Ipc.h"
 #include "kova/logger/Logger.h"
@@ -24,22 +25,16 @@ constexpr int kStopped = 0;
 constexpr int kFailed = -1;
 constexpr int kTickMs = 10;
 
-volatile sig_atomic_t sigtermFlag = 0;
-
-void onSigterm(int) {
-  sigtermFlag = 1;
-}
-
-int fail(const char* text) {
-  KOVA_LOG_IN("main", LOG_ERR, 0, "%s", text);
+int fail(const char* text, int line = __builtin_LINE()) {
+  KOVA_LOG_LINE(line, "main", LOG_ERR, 0, "%s", text);  // kept: 15
   return kFailed;
 }
 
 bool stopRequested(const CtlCommandsHandler& handler) {
-  if (handler.exitRequested()) {
+  if (handler.exitRequested()) {  // kept: 4
     return true;
   }
-  if (sigtermFlag != 0) {
+  if (kova::ctlserver::stopSignalled()) {
     KOVA_LOG_IN("main", LOG_INFO, 0, "SIGTERM received");
     return true;
   }
@@ -51,9 +46,10 @@ int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler) {
     if (!ipc.Service(0)) {
       return fail("Failed to service IPC");
     }
-    if (!server.service(0)) {
+    if (!server.service(0)) {  // kept: 3
       return fail("Failed to service file transfers");
     }
+    kova::logger::flushRepeats();
     kova::utils::sleepMs(kTickMs);
   }
   return kStopped;
@@ -62,15 +58,15 @@ int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler) {
 int serve(Ipc& ipc, CtlServer& server) {
   CtlCommandsHandler handler(&ipc, &server);
   kova::ipc::CatchAllHandlerRejector rejector(&ipc);
-  kova::ipc::LogHandler logHandler(&ipc);
+  kova::ipc::LogHandler logHandler(&ipc);  // kept: 1
   for (const auto name : CtlCommandsHandler::functionNames()) {
-    ipc.AddHandler(std::string(name), &handler);
+    ipc.AddHandler(std::string(name), &handler);  // kept: 2
   }
-  ipc.AddHandler("", &rejector);
+  ipc.AddHandler("", &rejector);  // kept: 2
   if (!ipc.Init(kEndpoint, false, nullptr)) {
     return fail("Failed to initialize IPC");
   }
-  if (signal(SIGTERM, onSigterm) == SIG_ERR) {
+  if (signal(SIGTERM, kova::ctlserver::noteStopSignal) == SIG_ERR) {
     return fail("Failed to set signal handler");
   }
   return loop(ipc, server, handler);
@@ -91,7 +87,7 @@ int run(Ipc& ipc) {
 }  // namespace
 
 int main() {
-  openlog("ctl", LOG_PID, LOG_LOCAL0);
+  kova::logger::openSystemLog("ctl", LOG_PID, LOG_LOCAL0);  // kept: 5
   if (!kova::utils::InstallCrashDumpHandler(nullptr)) {
     return fail("Unable to install the crash dump handler");
   }

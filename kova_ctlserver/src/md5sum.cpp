@@ -1,5 +1,5 @@
-// The incremental MD5 calls are marked as deprecated in OpenSSL 3; the digest is no secret here,
-// and the calls need no provider to be loaded.
+// OpenSSL 3 deprecates the incremental MD5 calls. The digest only detects damage, and these calls
+// need no provider.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "md5sum.h"
 
@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 #include "kova/logger/Logger.h"
 #include "kova/utils/File.h"
@@ -16,7 +17,7 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "md5sum";
-constexpr char kOperation[] = "md5sum";
+constexpr char kOperation[] = "md5sum";  // kept: 15
 constexpr std::uint64_t kChunk = 16384;
 
 bool digestContent(const std::string& path, utils::File& file, MD5_CTX& context) {
@@ -24,7 +25,7 @@ bool digestContent(const std::string& path, utils::File& file, MD5_CTX& context)
   while (!file.IsEOF()) {
     const std::uint64_t before = file.Cursor();
     if (!file.ReadBuffer(buffer.data(), std::min(file.Size() - before, kChunk))) {
-      KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to read from %s", path.c_str());
+      KOVA_LOG_IN(kOperation, LOG_ERR, errno, "Failed to read from %s", path.c_str());
       return false;
     }
     const std::uint64_t count = file.Cursor() - before;
@@ -57,7 +58,7 @@ bool md5sum(const std::string& path, std::string& out) {
   }
   utils::File file;
   if (!file.Initialize(path, utils::FILE_OPEN_MODE_READ, 0)) {
-    KOVA_LOG(LOG_ERR, 0, "Failed to open %s", path.c_str());
+    KOVA_LOG(LOG_ERR, errno, "Failed to open %s", path.c_str());
     return false;
   }
   if (!digestContent(path, file, context)) {

@@ -10,10 +10,34 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "multihttp";
+constexpr char kRegisterRequest[] = "RegisterRequest";
+
+bool holdsNul(const std::string& text) {
+  return text.find('\0') != std::string::npos;
+}
+
+/// libcurl takes texts up to their first NUL: it would not send what the client named.
+bool textsAreWhole(const std::string& uri, const variant::Variant& formFields) {
+  if (holdsNul(uri)) {
+    KOVA_LOG_IN(kRegisterRequest, LOG_ERR, 0, "The URI holds a NUL, uri=%s", uri.c_str());
+    return false;
+  }
+  for (const auto& [key, value] : formFields.Elements()) {
+    if (holdsNul(key) || (value.Is(variant::VariantClass::String) && holdsNul(value.ToText()))) {
+      KOVA_LOG_IN(kRegisterRequest, LOG_ERR, 0, "The form field `%s` holds a NUL", key.c_str());
+      return false;
+    }
+  }
+  return true;
+}
 
 }  // namespace
 
-MultiHTTP::~MultiHTTP() = default;
+MultiHTTP::~MultiHTTP() {
+  downloadFiles_.clear();
+  uploadFiles_.clear();
+  uriToPath_.clear();
+}
 
 bool MultiHTTP::RegisterRequest(bool download, const std::string& uri, const std::string& path,
                                 const variant::Variant& formFields, unsigned int timeoutMs,
@@ -29,13 +53,18 @@ bool MultiHTTP::RegisterRequest(bool download, const std::string& uri, const std
              path.c_str());
     return false;
   }
+  // Before the file is recorded: what is refused later keeps it from every other transfer.
+  if (!textsAreWhole(uri, formFields)) {
+    return false;
+  }
   auto file = std::make_unique<utils::File>();
   const auto mode = download ? utils::FILE_OPEN_MODE_TRUNCATE : utils::FILE_OPEN_MODE_READ;
-  if (!file->Initialize(path, mode, 0)) {
+  if (!file->Initialize(path, mode, 0)) {  // kept: 44
     return false;
   }
   uriToPath_[uri] = path;
   files[path] = std::move(file);
+  // kept: 42
   return BaseHTTP::RegisterRequest(download, uri, formFields, timeoutMs, certFile, privKeyFile,
                                    caCertFile);
 }
@@ -83,7 +112,7 @@ unsigned long MultiHTTP::FillUploadBuffer(const std::string& uri, unsigned char*
   }
   const unsigned long count = std::min<unsigned long>(size, file->Size() - file->Cursor());
   if (count != 0 && !file->ReadBuffer(buffer, count)) {
-    KOVA_LOG(LOG_ERR, errno, "Error reading file, uri=%s", uri.c_str());
+    KOVA_LOG(LOG_ERR, errno, "Error reading file, uri=%s", uri.c_str());  // kept: 37
     return CURL_READFUNC_ABORT;
   }
   return count;
@@ -96,7 +125,7 @@ void MultiHTTP::SignalTransferCompleted(const std::string& uri, TransferStatus /
     KOVA_LOG(LOG_WARNING, 0, "Uri not tracked, uri=%s", uri.c_str());
     return;
   }
-  downloadFiles_.erase(entry->second);
+  downloadFiles_.erase(entry->second);  // kept: 43
   uploadFiles_.erase(entry->second);
   uriToPath_.erase(entry);
 }

@@ -1,11 +1,11 @@
-# Completion of kovactl for bash; needs nothing but bash itself.
+# Completion of kovactl for bash, without other packages.
 
 _kovactl_words() {
   local IFS=$'\n'
   mapfile -t COMPREPLY < <(compgen -W "$1" -- "${COMP_WORDS[COMP_CWORD]}")
 }
 
-# The commands of the command line so far: the subcommand, then its own ("service start").
+# The command so far, with its subcommand, such as "service start".
 _kovactl_command() {
   local i word
   _kovactl_path=()
@@ -48,7 +48,20 @@ _kovactl_arguments() {
     settings) printf '%s\n' name= timezone= region= timelapse=on timelapse=off \
       sound-on-boot=on sound-on-boot=off ;;
     user) ((count == 1)) && printf '%s\n' show passwd enable disable ;;
-    service) ((count == 1)) && printf '%s\n' start stop ;;
+    service)
+      if ((count == 1)); then
+        printf '%s\n' list start stop
+      elif ((count == 2)) && [[ ${_kovactl_path[1]} != list ]]; then
+        kovactl service list | sed 's/ .*//'
+      fi
+      ;;
+    help)
+      case ${#_kovactl_path[@]}-${_kovactl_path[1]-} in
+        1-) kovactl __complete commands ;;
+        2-user) printf '%s\n' show passwd enable disable ;;
+        2-service) printf '%s\n' list start stop ;;
+      esac
+      ;;
     put) ((count == 1)) && printf '%s\n' logo sound ;;
     get) ((count == 1)) && printf '%s\n' snapshot support event-snapshot event-heatmap ;;
     call)
@@ -64,8 +77,8 @@ _kovactl_arguments() {
 
 _kovactl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local -a commands=(stats settings reset-settings user service save reboot reset-defaults
-    exit-service put get firmware call monitor listen)
+  local -a commands=(stats settings timezones reset-settings user service save reboot
+    reset-defaults exit-service put get firmware call monitor listen help)
   local -a _kovactl_path
   local _kovactl_first
   _kovactl_command
@@ -80,6 +93,9 @@ _kovactl() {
   esac
   if [[ $current == -* ]]; then
     _kovactl_words "$(_kovactl_options "${_kovactl_path[0]-}" | tr ' ' '\n')"
+  elif [[ ${_kovactl_path[*]-} == "settings timezone"* && "$previous$current" == *=* ]]; then
+    # Bash splits "timezone=Eu" into three words.
+    mapfile -t COMPREPLY < <(compgen -W "$(kovactl __complete zones)" -- "${current#=}")
   elif ((_kovactl_first == 0)); then
     _kovactl_words "$(printf '%s\n' "${commands[@]}")"
   else

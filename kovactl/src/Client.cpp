@@ -2,11 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
+#include <string_view>
 
-#include "LibraryLog.h"
-#include "StopSignals.h"
+#include "BusDiagnosis.h"
+#include "Suggestion.h"
+#include "Terminal.h"
 #include "Text.h"
 
 namespace kova::ctl {
@@ -16,16 +19,31 @@ using Clock = std::chrono::steady_clock;
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
 
-constexpr unsigned kSliceMs = 100;  // how late a stop signal may be seen
+constexpr unsigned kSliceMs = 100;  // the delay until a stop signal is noticed
 
-std::string inSeconds(std::uint32_t milliseconds) {
-  std::string text = variant::Variant(milliseconds / 1000.0).ToJSON();
-  return text.ends_with(".0") ? text.substr(0, text.size() - 2) + " s" : text + " s";
+// Whether the error means that the receiver or the bus went away before it answered.
+bool isVanishing(const std::string& error) {
+  constexpr std::string_view kVanished[] = {
+      "org.freedesktop.DBus.Error.NoReply",
+      "org.freedesktop.DBus.Error.Disconnected",
+      "org.freedesktop.DBus.Error.Timeout",
+  };
+  return std::ranges::find(kVanished, error) != std::end(kVanished);
+}
+
+std::string absence(const std::string& endpoint) {
+  const std::string text = "\"" + endpoint + "\" is not on the bus";
+  const std::vector<std::string> known(kEndpoints.begin(), kEndpoints.end());
+  if (std::ranges::find(known, endpoint) != known.end()) {
+    return text + ": \"sv status " + endpoint + "\" on the camera shows whether it is running";
+  }
+  const std::string meant = didYouMean(endpoint, known);
+  return text + (meant.empty() ? ": is it running?" : meant);
 }
 
 }  // namespace
 
-// What has come for the request under way.
+// Collects the answer to the current request.
 class Client::Answers : public ipc::TransactionsHandler {
  public:
   Answers() : TransactionsHandler("kovactl", nullptr) {}
@@ -62,33 +80,32 @@ Client::Client(const Options& options) : options_(options), answers_(std::make_u
 
 Client::~Client() = default;
 
-Exit Client::Join(const std::string& endpoint, ipc::BaseHandler* receiver) {
+ExitStatus Client::Join(const std::string& endpoint, ipc::BaseHandler* receiver) {
   if (receiver != nullptr && !ipc_.AddHandler("", receiver)) {
-    return fail(Exit::Local, "cannot receive: " + library_log::lastProblem());
+    return fail(ExitStatus::Local, "cannot receive: " + library_log::lastProblem());
   }
   if (!ipc_.Init(endpoint, receiver != nullptr, answers_.get())) {
-    const std::string& why = library_log::lastProblem();
-    return fail(Exit::Unreachable, why.empty() ? "Unable to join the bus" : why);
+    return fail(ExitStatus::Unreachable, explainJoin(endpoint, library_log::lastProblem()));
   }
-  return Exit::Ok;
+  return ExitStatus::Ok;
 }
 
-Exit Client::Send(BaseRequestMessage& request, bool responseExpected) {
+ExitStatus Client::Send(BaseRequestMessage& request, bool responseExpected) {
   if (request.to().empty()) {
     request.to(kServer);
   }
   request.responseExpected(responseExpected);
   request.queueIfDestUnavailable(false);
   if (ipc_.SendRequest(request)) {
-    return Exit::Ok;
+    return ExitStatus::Ok;
   }
   if (!request.isBroadcast() && !ipc_.IsPresent(request.to())) {
-    return fail(Exit::Unreachable, "\"" + request.to() + "\" is not on the bus: is it running?");
+    return fail(ExitStatus::Unreachable, absence(request.to()));
   }
-  return fail(Exit::Unreachable, "cannot send: " + library_log::lastProblem());
+  return fail(ExitStatus::Unreachable, "cannot send: " + library_log::lastProblem());
 }
 
-Exit Client::Post(BaseRequestMessage& request) {
+ExitStatus Client::Post(BaseRequestMessage& request) {
   return Send(request, false);
 }
 
@@ -97,39 +114,45 @@ Reply Client::Request(BaseRequestMessage& request, std::uint32_t timeoutMs,
   answers_->Await(request.id());
   Reply reply;
   reply.status = Send(request, true);
-  if (reply.status != Exit::Ok) {
+  if (reply.status != ExitStatus::Ok) {
     return reply;
   }
   reply.status = ServeUntil([this] { return answers_->arrived; }, timeoutMs);
-  if (reply.status == Exit::NoAnswer) {
-    fail(Exit::NoAnswer, "no answer from \"" + request.to() + "\" to " + request.functionName() +
-                             " within " + inSeconds(timeoutMs));
+  if (reply.status == ExitStatus::NoAnswer) {
+    fail(ExitStatus::NoAnswer, "no answer from \"" + request.to() + "\" to " +
+                                   request.functionName() + " within " + humanSeconds(timeoutMs));
   }
-  return reply.status == Exit::Ok ? Judge(request, refusal) : reply;
+  return reply.status == ExitStatus::Ok ? Judge(request, refusal) : reply;
 }
 
-Reply Client::RequestUnanswered(BaseRequestMessage& request, std::uint32_t patienceMs) {
+Client::Silence Client::RequestUnanswered(BaseRequestMessage& request, std::uint32_t patienceMs) {
   answers_->Await(request.id());
-  Reply reply;
-  reply.status = Send(request, true);
-  if (reply.status != Exit::Ok) {
-    return reply;
+  Silence silence;
+  silence.status = Send(request, true);
+  if (silence.status != ExitStatus::Ok) {
+    return silence;
   }
-  reply.status = Serve([this] { return answers_->arrived; }, patienceMs);
-  if (reply.status == Exit::Ok) {
-    return Judge(request, "");
+  const ExitStatus waited = Serve([this] { return answers_->arrived; }, patienceMs);
+  if (waited == ExitStatus::Ok && !isVanishing(answers_->error)) {
+    silence.status = Judge(request, "").status;
+    return silence;
   }
-  if (reply.status == Exit::NoAnswer || reply.status == Exit::Unreachable) {
-    reply.status = Exit::Ok;
-  }
-  return reply;
+  // A machine that goes down stops all its processes, possibly this one first.
+  silence.vanished = waited != ExitStatus::NoAnswer;
+  silence.status = waited == ExitStatus::Interrupted ? waited : ExitStatus::Ok;
+  return silence;
 }
 
 Reply Client::Judge(BaseRequestMessage& request, const std::string& refusal) {
   Reply reply;
   const std::string what = request.functionName();
   if (answers_->error == "kova.Error.UnknownFunction") {
-    reply.status = fail(Exit::Refused, "\"" + request.to() + "\" knows no function " + what);
+    reply.status = fail(ExitStatus::Refused, "\"" + request.to() + "\" has no function " + what +
+                                                 (refusal.empty() ? "" : ": " + refusal));
+    return reply;
+  }
+  if (answers_->error == "org.freedesktop.DBus.Error.AccessDenied" && !explainDenial().empty()) {
+    reply.status = fail(ExitStatus::Unreachable, explainDenial());
     return reply;
   }
   if (!answers_->error.empty()) {
@@ -138,24 +161,25 @@ Reply Client::Judge(BaseRequestMessage& request, const std::string& refusal) {
     return reply;
   }
   reply.message = answers_->message;
-  // The empty answer to a request that was taken carries no id.
+  // The empty answer to an accepted request carries no id.
   reply.answered = reply.message.requestId() == request.id();
-  reply.status = Exit::Ok;
+  reply.status = ExitStatus::Ok;
   if (reply.answered && reply.message.statusCode() != 0) {
-    reply.status =
-        fail(Exit::Refused, "the camera refused " + what + " or failed to do it (status " +
-                                std::to_string(reply.message.statusCode()) + ")" +
-                                (refusal.empty() ? "" : ": " + refusal));
+    reply.status = fail(ExitStatus::Refused, "the camera refused " + what +
+                                                 " or failed to carry it out (status " +
+                                                 std::to_string(reply.message.statusCode()) + ")" +
+                                                 (refusal.empty() ? "" : ": " + refusal));
   }
   return reply;
 }
 
-Exit Client::ServeUntil(const std::function<bool()>& done, std::uint32_t timeoutMs) {
-  const Exit status = Serve(done, timeoutMs);
-  return status == Exit::Unreachable ? fail(status, "the bus has gone away") : status;
+ExitStatus Client::ServeUntil(const std::function<bool()>& done, std::uint32_t timeoutMs) {
+  const ExitStatus status = Serve(done, timeoutMs);
+  return status == ExitStatus::Unreachable ? fail(status, "the connection to the bus was lost")
+                                           : status;
 }
 
-Exit Client::Serve(const std::function<bool()>& done, std::uint32_t timeoutMs) {
+ExitStatus Client::Serve(const std::function<bool()>& done, std::uint32_t timeoutMs) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!done()) {
     if (stopRequested()) {
@@ -163,18 +187,18 @@ Exit Client::Serve(const std::function<bool()>& done, std::uint32_t timeoutMs) {
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) {
-      return Exit::NoAnswer;
+      return ExitStatus::NoAnswer;
     }
     if (!ipc_.Service(left < kSliceMs ? static_cast<unsigned>(left) : kSliceMs)) {
-      return Exit::Unreachable;
+      return ExitStatus::Unreachable;
     }
   }
-  return Exit::Ok;
+  return ExitStatus::Ok;
 }
 
-Exit Client::ServeUntil(const std::function<bool()>& done) {
-  Exit status = Exit::NoAnswer;
-  while (status == Exit::NoAnswer) {
+ExitStatus Client::ServeUntil(const std::function<bool()>& done) {
+  ExitStatus status = ExitStatus::NoAnswer;
+  while (status == ExitStatus::NoAnswer) {
     status = ServeUntil(done, std::numeric_limits<std::uint32_t>::max());
   }
   return status;
@@ -182,6 +206,30 @@ Exit Client::ServeUntil(const std::function<bool()>& done) {
 
 std::string ownEndpoint() {
   return "client.kovactl_" + std::to_string(getpid());
+}
+
+ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestMessage& request,
+                             std::string_view done, std::string_view refusal) {
+  Client client(options);
+  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+    return joined;
+  }
+  const Reply reply = client.Request(request, options.answerTimeoutMs(), std::string(refusal));
+  const bool talks = reply.status == ExitStatus::Ok || reply.answered;
+  const ExitStatus shown = options.json && talks                             ? showJson(reply)
+                           : reply.status == ExitStatus::Ok && !options.json ? show(done)
+                                                                             : ExitStatus::Ok;
+  return reply.status != ExitStatus::Ok ? reply.status : shown;
+}
+
+ExitStatus showJson(const Reply& reply) {
+  const variant::Variant nothing = variant::Variant::Map{};
+  return show(json(reply.answered ? reply.message : nothing, 2) + "\n");
+}
+
+variant::Variant payloadOf(const Reply& reply) {
+  const variant::Variant* payload = reply.message.Find("payload");
+  return payload != nullptr ? *payload : variant::Variant();
 }
 
 }  // namespace kova::ctl

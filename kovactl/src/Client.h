@@ -4,8 +4,9 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
-#include "Exit.h"
+#include "ExitStatus.h"
 #include "Options.h"
 #include "kova/ipc/Handlers.h"
 #include "kova/ipc/Ipc.h"
@@ -13,18 +14,18 @@
 
 namespace kova::ctl {
 
-/// What became of a request.
+/// The outcome of a request.
 struct Reply {
-  Exit status = Exit::NoAnswer;
-  /// Whether the peer sent a message back; without one it took the request and had nothing to say.
+  ExitStatus status = ExitStatus::NoAnswer;
+  /// Whether the answer carries a message; without one the peer accepted the request, no more.
   bool answered = false;
   ipc::messages::BaseResponseMessage message{};
 };
 
-/// This program on the bus: joins it, sends one request at a time and waits for its answer.
+/// A connection to the bus that sends one request at a time and waits for its answer.
 ///
-/// Whatever goes wrong is said in one line on standard error where it happens, and passed on as the
-/// exit status.
+/// Failures are reported in one line on standard error where they happen, and returned as the exit
+/// status.
 class Client {
  public:
   explicit Client(const Options& options);
@@ -32,37 +33,43 @@ class Client {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  /// Joins the bus, under the name of an endpoint or, with "", without one.
-  /// @param receiver gets the requests and events that arrive; may be null; not owned
-  Exit Join(const std::string& endpoint = "", ipc::BaseHandler* receiver = nullptr);
+  /// Joins the bus.
+  /// @param endpoint the endpoint to register; "" for none
+  /// @param receiver handles incoming requests and events; may be null; not owned
+  ExitStatus Join(const std::string& endpoint = "", ipc::BaseHandler* receiver = nullptr);
 
-  /// Sends a request, to kova_ctlserver when it names no destination, and waits for the answer. An
-  /// answer whose statusCode is not 0 is a refusal.
-  /// @param timeoutMs how long to wait
-  /// @param refusal   added to what is said of a refusal: what it usually means; "" for nothing
+  /// Sends a request, by default to kova_ctlserver, and waits for the answer. A statusCode other
+  /// than 0 is a refusal.
+  /// @param refusal the usual reason for a refusal, added to its error message; may be ""
   Reply Request(ipc::messages::BaseRequestMessage& request, std::uint32_t timeoutMs,
                 const std::string& refusal = "");
 
-  /// Sends a request that is never answered. Only what tells within `patienceMs` that it was not
-  /// taken is a failure; silence, and a bus that goes away, are not.
-  Reply RequestUnanswered(ipc::messages::BaseRequestMessage& request, std::uint32_t patienceMs);
+  /// The outcome of a request that is never answered.
+  struct Silence {
+    ExitStatus status = ExitStatus::Ok;
+    /// Whether the receiver, the bus or this process was stopped meanwhile.
+    bool vanished = false;
+  };
+  /// Sends a request that is never answered. Fails when an error arrives within `patienceMs`, or on
+  /// Ctrl-C; silence, a closed bus and SIGTERM are success.
+  Silence RequestUnanswered(ipc::messages::BaseRequestMessage& request, std::uint32_t patienceMs);
 
-  /// Sends a request without waiting. The destination must be there.
-  Exit Post(ipc::messages::BaseRequestMessage& request);
+  /// Sends a request without waiting for an answer. The destination must be on the bus.
+  ExitStatus Post(ipc::messages::BaseRequestMessage& request);
 
-  /// Serves the bus until `done` says so.
-  /// @return Ok then; NoAnswer when the time has passed first, which is left to the caller to
-  /// explain; Unreachable when the bus goes away; the stop status when a stop signal comes
-  Exit ServeUntil(const std::function<bool()>& done, std::uint32_t timeoutMs);
-  /// The same without a limit of time.
-  Exit ServeUntil(const std::function<bool()>& done);
+  /// Serves the bus until `done` returns true.
+  /// @return Ok then; NoAnswer on time-out, which the caller reports; Unreachable when the
+  /// connection is lost; stopStatus() on a stop signal
+  ExitStatus ServeUntil(const std::function<bool()>& done, std::uint32_t timeoutMs);
+  /// The same without a time-out.
+  ExitStatus ServeUntil(const std::function<bool()>& done);
 
   const Options& Settings() const { return options_; }
 
  private:
   class Answers;
-  Exit Send(ipc::messages::BaseRequestMessage& request, bool responseExpected);
-  Exit Serve(const std::function<bool()>& done, std::uint32_t timeoutMs);
+  ExitStatus Send(ipc::messages::BaseRequestMessage& request, bool responseExpected);
+  ExitStatus Serve(const std::function<bool()>& done, std::uint32_t timeoutMs);
   Reply Judge(ipc::messages::BaseRequestMessage& request, const std::string& refusal);
 
   const Options& options_;
@@ -70,7 +77,19 @@ class Client {
   ipc::Ipc ipc_;
 };
 
-/// The endpoint of this process for receiving events: "client.kovactl_PID".
+/// The endpoint on which this process receives events: "client.kovactl_PID".
 std::string ownEndpoint();
+
+/// Sends a request to the control server and prints the answer: as JSON, "{}" for an empty answer,
+/// or as the text `done`. Most commands do nothing else.
+/// @param refusal see Client::Request
+ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestMessage& request,
+                             std::string_view done, std::string_view refusal = "");
+
+/// Prints an answer as JSON.
+ExitStatus showJson(const Reply& reply);
+
+/// The payload of an answer; an empty Variant when there is none.
+variant::Variant payloadOf(const Reply& reply);
 
 }  // namespace kova::ctl

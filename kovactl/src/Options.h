@@ -1,24 +1,28 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 namespace kova::ctl {
 
-/// What every subcommand accepts.
+/// The options that every command accepts.
 struct Options {
   static constexpr std::uint32_t kAnswerTimeoutMs = 10000;
 
   std::string bus;                         ///< bus address; "" leaves the choice to the library
-  std::optional<std::uint32_t> timeoutMs;  ///< how long to wait for an answer, if given
-  bool json = false;                       ///< for programs rather than for people
-  bool verbose = false;                    ///< show what the bus library logs
+  std::optional<std::uint32_t> timeoutMs;  ///< time-out for an answer, if given
+  bool json = false;                       ///< print JSON instead of text
+  bool verbose = false;                    ///< print what the bus library logs
 
   std::uint32_t answerTimeoutMs() const { return timeoutMs.value_or(kAnswerTimeoutMs); }
 };
 
-/// The endpoint that the requests of this program are for.
+/// The endpoint that commands send their requests to.
 inline constexpr const char* kServer = "kova_ctlserver";
+/// The endpoints that exist on every camera.
+inline constexpr std::array<const char*, 3> kEndpoints{kServer, "kova_sounds_leds",
+                                                       "kova_discovery_server"};
 
 }  // namespace kova::ctl

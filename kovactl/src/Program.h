@@ -4,12 +4,12 @@
 #include <memory>
 
 #include "Command.h"
-#include "Exit.h"
+#include "ExitStatus.h"
 #include "Options.h"
 
 namespace kova::ctl {
 
-/// The command line of kovactl: every subcommand of the table, the options they share, the help.
+/// The command line of kovactl: all commands, their common options and the help.
 class Program {
  public:
   Program();
@@ -17,10 +17,10 @@ class Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
-  /// Parses the command line and does what it says.
-  Exit Run(int argc, const char* const* argv);
+  /// Parses the command line and runs its command.
+  ExitStatus Run(int argc, const char* const* argv);
 
-  /// The parser, for whatever describes the command line.
+  /// The parser, for inspection.
   const CLI::App& Parser() const { return *app_; }
 
  private:
@@ -29,7 +29,7 @@ class Program {
 
   std::unique_ptr<CLI::App> app_;
   Options options_;
-  std::uint32_t timeoutMs_ = 0;  // 0 when it is not given
+  std::uint32_t timeoutMs_ = 0;  // 0 when not given
   Action action_;
 };
 

@@ -1,15 +1,46 @@
 #include "Terminal.h"
 
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
+#include <cstdlib>
 
-#include "StopSignals.h"
 #include "Text.h"
 
 namespace kova::ctl {
+namespace {
+
+volatile sig_atomic_t received = 0;
+
+void remember(int signal) {
+  received = signal;
+}
+
+}  // namespace
+
+void catchStopSignals() {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+      action = {};
+      action.sa_handler = remember;  // no SA_RESTART: interrupts reads and polls
+      sigaction(signal, &action, nullptr);
+    }
+  }
+}
+
+bool stopRequested() {
+  return received != 0;
+}
+
+ExitStatus stopStatus() {
+  return received == SIGINT ? ExitStatus::Interrupted : ExitStatus::Terminated;
+}
 
 bool print(std::string_view text) {
   return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
@@ -34,6 +65,16 @@ Size terminalSize() {
     return {80, 24};
   }
   return {size.ws_col, size.ws_row};
+}
+
+std::size_t helpWidth() {
+  constexpr std::size_t kNarrowest = 40;
+  const char* variable = std::getenv("COLUMNS");
+  const std::string_view text = variable != nullptr ? variable : "";
+  std::size_t columns = 0;
+  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), columns);
+  const bool isSet = parsed.ec == std::errc() && columns > 0;
+  return std::max(isSet ? columns : terminalSize().columns, kNarrowest);
 }
 
 AlternateScreen::AlternateScreen() {
@@ -72,7 +113,7 @@ NoEcho::~NoEcho() {
 
 bool readLine(std::string& line) {
   line.clear();
-  // A byte at a time, so that nothing of the next line is taken.
+  // Byte by byte, to leave the next line unread.
   for (char c = '\0'; !stopRequested();) {
     const ssize_t got = read(STDIN_FILENO, &c, 1);
     if (got == 0 || (got < 0 && errno != EINTR)) {

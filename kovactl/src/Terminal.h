@@ -6,25 +6,29 @@
 #include <string>
 #include <string_view>
 
+#include "ExitStatus.h"
+
 namespace kova::ctl {
 
-/// Writes text to standard output and hands it on at once.
-/// @return false, with `errno` set, when it could not be written
+/// Writes text to standard output and flushes it.
+/// @return false, with `errno` set, on failure
 bool print(std::string_view text);
 
 bool inputIsTerminal();
 bool outputIsTerminal();
 bool errorIsTerminal();
 
-/// Columns and lines of the terminal on standard output; 80 by 24 when it does not tell.
 struct Size {
   std::size_t columns;
   std::size_t lines;
 };
+/// The size of the terminal on standard output; 80 by 24 if unknown.
 Size terminalSize();
+/// The width of help texts: $COLUMNS if set, else the width of the terminal; at least 40.
+std::size_t helpWidth();
 
-/// The other screen of the terminal on standard output, its cursor hidden, for as long as the
-/// object lives.
+/// Switches the terminal on standard output to its alternate screen and hides the cursor, for the
+/// lifetime of the object.
 class AlternateScreen {
  public:
   AlternateScreen();
@@ -32,11 +36,11 @@ class AlternateScreen {
   AlternateScreen(const AlternateScreen&) = delete;
   AlternateScreen& operator=(const AlternateScreen&) = delete;
 
-  /// Shows these lines in place of what stands there, cut to the size of the screen.
+  /// Replaces the content of the screen by these lines, clipped to its size.
   bool Show(std::string_view text);
 };
 
-/// Switches off the echo of the terminal on standard input for as long as the object lives.
+/// Disables the echo of the terminal on standard input for the lifetime of the object.
 class NoEcho {
  public:
   NoEcho();
@@ -44,7 +48,7 @@ class NoEcho {
   NoEcho(const NoEcho&) = delete;
   NoEcho& operator=(const NoEcho&) = delete;
 
-  /// Whether the echo is off.
+  /// Whether the echo is disabled.
   bool Active() const { return active_; }
 
  private:
@@ -53,12 +57,22 @@ class NoEcho {
 };
 
 /// Reads a line from standard input, without its line break.
-/// @return false at the end of the input, on an error, or when a stop signal came
+/// @return false at the end of the input, on an error or on a stop signal
 bool readLine(std::string& line);
 
-/// Asks on standard error and reads the answer from standard input.
+/// Prints the prompt to standard error and reads the answer from standard input.
 bool ask(std::string_view prompt, std::string& answer);
 /// The same without echo.
 bool askSecret(std::string_view prompt, std::string& answer);
+
+/// Makes SIGINT, SIGTERM and SIGHUP interrupt blocking calls instead of ending the process, so that
+/// commands stop cleanly and restore the terminal. Ignored signals (nohup(1)) stay ignored.
+void catchStopSignals();
+
+/// Whether a stop signal was received.
+bool stopRequested();
+
+/// The exit status for the received signal: 130 for SIGINT, else 143.
+ExitStatus stopStatus();
 
 }  // namespace kova::ctl

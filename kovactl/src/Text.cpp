@@ -1,30 +1,16 @@
 #include "Text.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include "kova/utils/Strings.h"
+#include "kova/utils/Utf8.h"
 
 namespace kova::ctl {
 namespace {
-
-bool continues(std::string_view text, std::size_t at, unsigned char low, unsigned char high) {
-  return at < text.size() && static_cast<unsigned char>(text[at]) >= low &&
-         static_cast<unsigned char>(text[at]) <= high;
-}
-
-char32_t decode(std::string_view sequence) {
-  const auto first = static_cast<unsigned char>(sequence[0]);
-  if (sequence.size() == 1) {
-    return first;
-  }
-  char32_t code = first & (0x7FU >> sequence.size());
-  for (const char byte : sequence.substr(1)) {
-    code = (code << 6U) | (static_cast<unsigned char>(byte) & 0x3FU);
-  }
-  return code;
-}
 
 // C0, DEL and C1 steer a terminal; the others reorder or hide text (Unicode, "Bidi_Control" and
 // separators).
@@ -51,41 +37,22 @@ std::string escaped(char32_t code) {
 }  // namespace
 
 std::size_t utf8Length(std::string_view text, std::size_t at) {
-  const auto first = static_cast<unsigned char>(text[at]);
-  if (first < 0x80) {
-    return 1;
-  }
-  if (first >= 0xC2 && first <= 0xDF) {
-    return continues(text, at + 1, 0x80, 0xBF) ? 2 : 0;
-  }
-  if (first >= 0xE0 && first <= 0xEF) {
-    const bool second =
-        continues(text, at + 1, first == 0xE0 ? 0xA0 : 0x80, first == 0xED ? 0x9F : 0xBF);
-    return second && continues(text, at + 2, 0x80, 0xBF) ? 3 : 0;
-  }
-  if (first >= 0xF0 && first <= 0xF4) {
-    const bool second =
-        continues(text, at + 1, first == 0xF0 ? 0x90 : 0x80, first == 0xF4 ? 0x8F : 0xBF);
-    return second && continues(text, at + 2, 0x80, 0xBF) && continues(text, at + 3, 0x80, 0xBF) ? 4
-                                                                                                : 0;
-  }
-  return 0;
+  char32_t code = 0;
+  return utils::decodeUtf8(text.substr(at), code);
 }
 
 std::string printable(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t length = utf8Length(text, at);
+  while (!text.empty()) {
+    char32_t code = 0;
+    const std::size_t length = utils::decodeUtf8(text, code);
     if (length == 0) {
-      out += utils::format("\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(text[at])));
-      ++at;
-      continue;
+      out += utils::format("\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(text[0])));
+    } else {
+      out += steers(code) ? escaped(code) : std::string(text.substr(0, length));
     }
-    const std::string_view sequence = text.substr(at, length);
-    const char32_t code = decode(sequence);
-    out += steers(code) ? escaped(code) : std::string(sequence);
-    at += length;
+    text.remove_prefix(std::max<std::size_t>(length, 1));
   }
   return out;
 }
@@ -94,14 +61,13 @@ std::string json(const variant::Variant& value, int indent) {
   const std::string text = value.ToJSON(indent);
   std::string out;
   out.reserve(text.size());
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t length = std::max<std::size_t>(utf8Length(text, at), 1);
-    const std::string_view sequence = std::string_view(text).substr(at, length);
-    const char32_t code = decode(sequence);
-    // The serialiser has escaped what is below 0x20; the line breaks of its indentation stay.
+  for (std::string_view rest = text; !rest.empty();) {
+    char32_t code = 0;
+    const std::size_t length = std::max<std::size_t>(utils::decodeUtf8(rest, code), 1);
+    // Below 0x20 only the line breaks of the indentation are left unescaped.
     out += code >= 0x20 && steers(code) ? utils::format("\\u%04x", static_cast<unsigned>(code))
-                                        : std::string(sequence);
-    at += length;
+                                        : std::string(rest.substr(0, length));
+    rest.remove_prefix(length);
   }
   return out;
 }
@@ -142,19 +108,110 @@ std::string_view clip(std::string_view text, std::size_t columns) {
   return text.substr(0, at);
 }
 
-bool parseSeconds(const std::string& text, std::uint32_t& milliseconds) {
-  constexpr double kMost = 4294967;
-  if (text.empty() || text.find_first_not_of("0123456789.") != std::string::npos) {
+bool parseDuration(std::string_view text, std::uint32_t& milliseconds) {
+  constexpr double kMost = 2147483e3;
+  constexpr std::array<std::pair<std::string_view, double>, 5> kUnits{
+      {{"", 1000}, {"ms", 1}, {"s", 1000}, {"min", 60e3}, {"h", 3600e3}}};
+  const std::size_t digits = std::min(text.find_first_not_of("0123456789."), text.size());
+  const std::string number(text.substr(0, digits));
+  const auto* const unit =
+      std::ranges::find(kUnits, text.substr(digits), &std::pair<std::string_view, double>::first);
+  char* end = nullptr;
+  const double count = std::strtod(number.c_str(), &end);
+  if (unit == kUnits.end() || end == number.c_str() || end != number.c_str() + number.size()) {
     return false;
   }
-  char* end = nullptr;
-  const double seconds = std::strtod(text.c_str(), &end);
-  const double rounded = std::round(seconds * 1000);
-  if (end != text.c_str() + text.size() || rounded < 1 || seconds > kMost) {
+  const double rounded = std::round(count * unit->second);
+  if (rounded > kMost || (rounded < 1 && count > 0)) {
     return false;
   }
   milliseconds = static_cast<std::uint32_t>(rounded);
   return true;
+}
+
+std::string humanSeconds(std::uint32_t milliseconds) {
+  const std::string text = variant::Variant(milliseconds / 1000.0).ToJSON();
+  return text.ends_with(".0") ? text.substr(0, text.size() - 2) + " s" : text + " s";
+}
+
+namespace {
+
+std::size_t columns(const std::string& text) {
+  std::size_t count = 0;
+  for (std::size_t at = 0; at < text.size(); ++count) {
+    at += std::max<std::size_t>(utf8Length(text, at), 1);
+  }
+  return count;
+}
+
+void flattenInto(const variant::Variant& value, const std::string& path, std::vector<Row>& rows) {
+  for (const auto& [key, element] : value.Elements()) {
+    flattenInto(element, (path.empty() ? "" : path + ".") + printable(key), rows);
+  }
+  for (std::size_t i = 0; i < value.Items().size(); ++i) {
+    flattenInto(value.Items()[i], path + "[" + std::to_string(i) + "]", rows);
+  }
+  if (!value.IsContainer()) {
+    rows.push_back({path, cell(value)});
+  }
+}
+
+// The indentation of continuation lines.
+std::size_t hang(std::string_view line, std::size_t columns) {
+  const std::size_t start = std::min(line.find_first_not_of(' '), line.size());
+  const std::size_t gap = line.find("  ", start);
+  const std::size_t column = gap != line.npos ? line.find_first_not_of(' ', gap) : line.npos;
+  return column != line.npos && column <= columns / 2 ? column : start;
+}
+
+std::string wrapLine(std::string line, std::size_t columns) {
+  const std::string indent(hang(line, columns), ' ');
+  std::string out;
+  while (line.size() > columns) {
+    std::size_t end = line.rfind(' ', columns);
+    if (end == line.npos || end < indent.size()) {
+      end = line.find(' ', columns);
+    }
+    if (end == line.npos) {
+      break;
+    }
+    out.append(line, 0, end).append("\n");
+    const std::size_t next = line.find_first_not_of(' ', end);
+    line.replace(0, std::min(next, line.size()), next == line.npos ? "" : indent);
+  }
+  return out + line;
+}
+
+}  // namespace
+
+std::string table(const std::vector<Row>& rows) {
+  std::size_t width = 0;
+  for (const Row& row : rows) {
+    width = std::max(width, columns(row.label));
+  }
+  std::string out;
+  for (const Row& row : rows) {
+    const std::size_t gap = width == 0 ? 0 : width - columns(row.label) + 2;
+    out += row.label + std::string(gap, ' ') + row.value + "\n";
+  }
+  return out;
+}
+
+std::vector<Row> flatten(const variant::Variant& value) {
+  std::vector<Row> rows;
+  flattenInto(value, "", rows);
+  return rows;
+}
+
+std::string wrap(std::string_view text, std::size_t columns) {
+  std::string out;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    out += wrapLine(std::string(text.substr(0, end)), columns);
+    out += end < text.size() ? "\n" : "";
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return out;
 }
 
 }  // namespace kova::ctl

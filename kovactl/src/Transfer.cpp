@@ -1,8 +1,12 @@
 #include "Transfer.h"
 
-#include "Answer.h"
+#include <strings.h>
+
+#include <chrono>
+#include <cstdio>
+
 #include "Client.h"
-#include "Spinner.h"
+#include "Terminal.h"
 #include "Text.h"
 #include "kova/messages/Events.h"
 
@@ -14,11 +18,11 @@ using ipc::messages::EventTransferRequestStatus;
 using ipc::messages::EventUpdateFirmwareFailure;
 
 constexpr std::uint32_t kGraceMs = 2000;
-// The camera insists on a sender for its events. Events for this one, which nobody ever is, wait in
-// one bounded queue there instead of in a new one for each process.
-constexpr const char* kNobody = "client.kovactl";
+// The camera requires a sender for its events. It queues events for an absent endpoint; one name
+// that no process uses keeps them in a single bounded queue instead of one per process.
+constexpr const char* kAbsentEndpoint = "client.kovactl";
 
-// Waits for the event that ends the transfer of one request.
+// Records the event that ends the transfer of a request.
 class Outcome : public ipc::BaseHandler {
  public:
   explicit Outcome(std::uint64_t requestId) : BaseHandler("kovactl", nullptr), id_(requestId) {}
@@ -49,8 +53,43 @@ class Outcome : public ipc::BaseHandler {
   std::string text_;
 };
 
-Exit report(const Options& options, std::uint64_t id, std::string_view outcome,
-            std::string_view sentence) {
+// Shows a spinner and the elapsed time if standard error is a terminal; erased on destruction.
+class Spinner {
+ public:
+  explicit Spinner(std::string text) : text_(std::move(text)), visible_(errorIsTerminal()) {}
+  ~Spinner() {
+    if (visible_) {
+      std::fputs("\r\x1b[K", stderr);
+    }
+  }
+  Spinner(const Spinner&) = delete;
+  Spinner& operator=(const Spinner&) = delete;
+
+  // Draws the next state, at most ten times a second.
+  void Turn() {
+    constexpr char kStates[] = {'|', '/', '-', '\\'};
+    const auto now = Clock::now();
+    if (!visible_ || now - drawn_ < std::chrono::milliseconds(100)) {
+      return;
+    }
+    drawn_ = now;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
+    std::fprintf(stderr, "\r%c %s  %lld s\x1b[K", kStates[state_++ % sizeof kStates], text_.c_str(),
+                 static_cast<long long>(seconds));
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  std::string text_;
+  bool visible_;
+  Clock::time_point start_ = Clock::now();
+  Clock::time_point drawn_{};
+  unsigned state_ = 0;
+};
+
+ExitStatus report(const Options& options, std::uint64_t id, std::string_view outcome,
+                  std::string_view sentence) {
   if (!options.json) {
     return show(sentence);
   }
@@ -60,39 +99,41 @@ Exit report(const Options& options, std::uint64_t id, std::string_view outcome,
   return show(json(line) + "\n");
 }
 
-Exit conclude(const Options& options, std::uint64_t id, const Outcome& outcome) {
-  const Exit shown = report(options, id, outcome.Text(), outcome.Text() == "OK" ? "OK\n" : "");
-  return outcome.Text() == "OK" ? shown
-                                : fail(Exit::Refused, "the transfer failed: " + outcome.Text());
+ExitStatus conclude(const Options& options, std::uint64_t id, const Outcome& outcome) {
+  const ExitStatus shown =
+      report(options, id, outcome.Text(), outcome.Text() == "OK" ? "OK\n" : "");
+  return outcome.Text() == "OK"
+             ? shown
+             : fail(ExitStatus::Refused, "the transfer failed: " + outcome.Text());
 }
 
-Exit sendOnly(Client& client, BaseRequestMessage& request) {
-  request.from(kNobody);
-  if (const Exit joined = client.Join(); joined != Exit::Ok) {
+ExitStatus sendOnly(Client& client, BaseRequestMessage& request) {
+  request.from(kAbsentEndpoint);
+  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
     return joined;
   }
-  const Exit taken = client.Request(request, client.Settings().answerTimeoutMs()).status;
-  if (taken != Exit::Ok) {
+  const ExitStatus taken = client.Request(request, client.Settings().answerTimeoutMs()).status;
+  if (taken != ExitStatus::Ok) {
     return taken;
   }
   return report(client.Settings(), request.id(), "taken",
-                "The camera has taken request " + std::to_string(request.id()) +
-                    "; --wait would tell its outcome.\n");
+                "The camera accepted request " + std::to_string(request.id()) +
+                    "; use --wait to see its outcome.\n");
 }
 
-Exit sendAndWait(Client& client, BaseRequestMessage& request, std::uint32_t timeoutMs,
-                 std::string_view silence) {
+ExitStatus sendAndWait(Client& client, BaseRequestMessage& request, std::uint32_t timeoutMs,
+                       std::string_view silence) {
   Outcome outcome(request.id());
   request.from(ownEndpoint());
-  if (const Exit joined = client.Join(ownEndpoint(), &outcome); joined != Exit::Ok) {
+  if (const ExitStatus joined = client.Join(ownEndpoint(), &outcome); joined != ExitStatus::Ok) {
     return joined;
   }
   const Options& options = client.Settings();
-  const Exit taken = client.Request(request, options.answerTimeoutMs()).status;
-  if (taken != Exit::Ok && !outcome.Known()) {
+  const ExitStatus taken = client.Request(request, options.answerTimeoutMs()).status;
+  if (taken != ExitStatus::Ok && !outcome.Known()) {
     return taken;
   }
-  Exit waited = Exit::Ok;
+  ExitStatus waited = ExitStatus::Ok;
   {
     Spinner spinner("waiting for the camera");
     waited = client.ServeUntil(
@@ -102,13 +143,25 @@ Exit sendAndWait(Client& client, BaseRequestMessage& request, std::uint32_t time
         },
         timeoutMs + kGraceMs);
   }
-  if (waited == Exit::NoAnswer) {
-    const Exit shown = report(options, request.id(), "unknown", "");
-    return shown != Exit::Ok
+  if (waited == ExitStatus::NoAnswer) {
+    const ExitStatus shown = report(options, request.id(), "unknown", "");
+    return shown != ExitStatus::Ok
                ? shown
-               : fail(Exit::Unknown, "no event within the time-out: " + std::string(silence));
+               : fail(ExitStatus::Unknown, "no event within the time-out: " + std::string(silence));
   }
-  return waited == Exit::Ok ? conclude(options, request.id(), outcome) : waited;
+  return waited == ExitStatus::Ok ? conclude(options, request.id(), outcome) : waited;
+}
+
+// The camera supports only HTTP and HTTPS.
+std::string uriFault(const std::string& uri) {
+  for (const std::string_view scheme : {"http://", "https://"}) {
+    if (strncasecmp(uri.c_str(), scheme.data(), scheme.size()) == 0 && uri.size() > scheme.size()) {
+      return "";
+    }
+  }
+  return "\"" + uri +
+         "\" is not a URI that the camera can use: write http://HOST/PATH or "
+         "https://HOST/PATH";
 }
 
 }  // namespace
@@ -117,16 +170,18 @@ std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint
                                                     std::string_view silence) {
   auto transfer = std::make_shared<TransferOptions>();
   transfer->timeoutMs = defaultMs;
-  line.Seconds("--timeout", transfer->timeoutMs,
-               "How long the camera may take (" + std::to_string(defaultMs / 1000) + ")");
+  line.Duration("--timeout", transfer->timeoutMs,
+                "How long the camera may take (" + std::to_string(defaultMs / 1000) + "s)");
   line.Flag("--wait", transfer->wait, "Wait for the outcome; only \"OK\" gives status 0");
-  line.Footer("With --wait, when no event comes until the time-out has passed (status 5):\n" +
-              std::string(silence) + "\n");
+  line.Footer("No event: " + std::string(silence) + ". --wait then ends with status 5.");
   return transfer;
 }
 
-Exit runTransfer(const Options& options, BaseRequestMessage& request,
-                 const TransferOptions& transfer, std::string_view silence) {
+ExitStatus runTransfer(const Options& options, BaseRequestMessage& request,
+                       const TransferOptions& transfer, std::string_view silence) {
+  if (const std::string fault = uriFault(request.Find("uri")->ToText()); !fault.empty()) {
+    return fail(ExitStatus::Usage, fault);
+  }
   Client client(options);
   return transfer.wait ? sendAndWait(client, request, transfer.timeoutMs, silence)
                        : sendOnly(client, request);

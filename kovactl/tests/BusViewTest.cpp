@@ -17,7 +17,7 @@ using variant::Variant;
 
 class BusView : public ::testing::Test {
  protected:
-  // Sends until the listener is there, so that nothing depends on who starts first.
+  // Sends until the listener is ready, regardless of which process starts first.
   static void SendUntilTaken(const std::string& endpoint, std::vector<std::string> fields) {
     std::vector<std::string> arguments{"call", "PlayState", "--to", endpoint};
     arguments.insert(arguments.end(), fields.begin(), fields.end());
@@ -40,7 +40,7 @@ std::vector<std::string> lines(const std::string& text) {
   return all;
 }
 
-TEST_F(BusView, ListenPrintsALineForEachMessageAtOnce) {
+TEST_F(BusView, ListenPrintsLinePerMessage) {
   Child listener({"listen", "kova_sounds_leds"});
   SendUntilTaken("kova_sounds_leds", {"name=RESET_BUTTON\n", "volume:=40"});
   ASSERT_TRUE(listener.AwaitOutput("\n"));
@@ -68,14 +68,14 @@ TEST_F(BusView, ListenPrintsJsonWithPasswordsMasked) {
   EXPECT_EQ(listener.Wait().status, 0);
 }
 
-TEST_F(BusView, ListenEndsWithStatusThreeWhenTheBusGoesAway) {
+TEST_F(BusView, ListenExitsWithStatus3WhenBusCloses) {
   Child listener({"listen", "client.me"});
   SendUntilTaken("client.me", {});
   bus_.Kill();
   EXPECT_EQ(listener.Wait().status, 3);
 }
 
-TEST_F(BusView, ListenUnderATakenNameFails) {
+TEST_F(BusView, ListenFailsForTakenName) {
   Peer peer(takingNote(), "kova_taken");
   const Result result = run({"listen", "kova_taken"});
   EXPECT_EQ(result.status, 3);
@@ -90,7 +90,7 @@ TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
     }
   });
   Child monitor({"monitor"});
-  // A monitor tells nobody when it is there; what it shows does.
+  // A monitor does not announce itself; its output shows that it is ready.
   std::size_t sent = 0;
   do {
     EXPECT_EQ(run({"call", "Something", "a=b", "id:=1"}).status, 0);
@@ -120,7 +120,7 @@ TEST_F(BusView, MonitorMasksPasswords) {
   }
 }
 
-TEST_F(BusView, MonitorEndsWithStatusThreeWhenTheBusGoesAway) {
+TEST_F(BusView, MonitorExitsWithStatus3WhenBusCloses) {
   Peer peer(takingNote());
   Child monitor({"monitor"});
   std::size_t sent = 0;
@@ -131,7 +131,7 @@ TEST_F(BusView, MonitorEndsWithStatusThreeWhenTheBusGoesAway) {
   EXPECT_EQ(monitor.Wait().status, 3);
 }
 
-TEST_F(BusView, CompletionOffersFunctionsFieldsSectionsAndEndpoints) {
+TEST_F(BusView, CompletionListsCandidates) {
   EXPECT_THAT(lines(run({"__complete", "functions"}).out),
               ::testing::IsSupersetOf({"GetSystemStats", "ResetToDefaults", "PlayState"}));
   EXPECT_THAT(lines(run({"__complete", "fields", "SaveToFlash"}).out),

@@ -38,7 +38,7 @@ std::array<int, 2> makePipe() {
   return ends;
 }
 
-// Reads what is there; false at the end of the stream.
+// Reads available output; false at the end of the stream.
 bool take(int fd, std::string& text) {
   std::array<char, 4096> buffer{};
   const ssize_t got = read(fd, buffer.data(), buffer.size());
@@ -147,7 +147,7 @@ Result Child::Wait() {
     }
   }
   pid_ = -1;
-  // Everything is written by now; a terminal reports its end as an error.
+  // All output has been written; a terminal reports its end as an error.
   while ((output_ >= 0 || error_ >= 0) && Clock::now() < deadline) {
     pollfd rest{output_ >= 0 ? output_ : error_, POLLIN, 0};
     if (poll(&rest, 1, 0) <= 0) {

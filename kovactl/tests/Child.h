@@ -7,20 +7,20 @@
 
 namespace kova::ctl::testing {
 
-/// How a run of kovactl ended.
+/// The result of a kovactl process.
 struct Result {
   int status;  ///< exit status; minus the signal's number when it was killed by one
   std::string out;
   std::string err;
 };
 
-/// A kovactl under way, on pipes or on a pseudo-terminal. Killed when the object is destroyed
-/// before it has ended.
+/// A running kovactl on pipes or on a pseudo-terminal. Killed on destruction if it is still
+/// running.
 class Child {
  public:
   enum class On { Pipes, Terminal };
 
-  /// On a terminal everything it writes is `out`.
+  /// On a terminal `out` receives both output streams.
   explicit Child(const std::vector<std::string>& arguments, On on = On::Pipes);
   ~Child();
   Child(const Child&) = delete;
@@ -29,14 +29,14 @@ class Child {
   void Write(const std::string& text);
   void CloseInput();
   void Signal(int signal) const;
-  /// Waits until its output holds `text`.
+  /// Waits until the output contains `text`.
   bool AwaitOutput(const std::string& text);
-  /// The same for so long at most.
+  /// The same with a time-out.
   bool AwaitOutputFor(const std::string& text, int milliseconds);
-  /// Waits for its end. A child that does not end is killed and fails the test.
+  /// Waits for the exit. A child that does not exit is killed and fails the test.
   Result Wait();
 
-  /// Whether the pseudo-terminal echoes what is typed.
+  /// Whether the pseudo-terminal echoes input.
   bool Echoes() const;
   const std::string& out() const { return out_; }
 
@@ -51,7 +51,7 @@ class Child {
   std::string err_;
 };
 
-/// Runs kovactl to its end.
+/// Runs kovactl until it exits.
 Result run(const std::vector<std::string>& arguments, const std::string& input = "");
 
 }  // namespace kova::ctl::testing

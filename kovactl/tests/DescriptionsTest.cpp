@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "DeviceSettings.h"
-#include "Exit.h"
-#include "MessageLine.h"
-#include "StatsTable.h"
+#include "ExitStatus.h"
+#include "commands/Monitor.h"
+#include "commands/Settings.h"
+#include "commands/Stats.h"
 #include "kova/messages/Requests.h"
 
 namespace kova::ctl {
@@ -27,7 +27,7 @@ Variant statistics() {
   return reply;
 }
 
-TEST(StatsTable, ShowsEverySectionInHumanUnits) {
+TEST(StatsTable, ShowsHumanUnits) {
   EXPECT_EQ(statsRows(statistics(), {}),
             (std::vector<Row>{
                 {"Memory", "512 MiB of 2.0 GiB used (25 %), 1.5 GiB free"},
@@ -41,7 +41,15 @@ TEST(StatsTable, ShowsEverySectionInHumanUnits) {
             }));
 }
 
-TEST(StatsTable, TellsOfASectionThatWasAskedForByNameAndIsNotThere) {
+TEST(StatsTable, RadioWithoutLinkShowsNoLink) {
+  for (const int level : {0, -100}) {
+    const Variant wifi = Variant::Map{{"signalStrength", level}, {"quality", 2 * (level + 100)}};
+    EXPECT_EQ(statsRows(Variant(Variant::Map{{"wifi", wifi}}), {}),
+              (std::vector<Row>{{"Wi-Fi", "no link"}}));
+  }
+}
+
+TEST(StatsTable, MissingSectionIsShownIfRequested) {
   const Variant reply = Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{5}}}}};
   EXPECT_EQ(statsRows(reply, {}), (std::vector<Row>{{"Up", "00:00:05"}}));
   EXPECT_EQ(statsRows(reply, {findStatsSection("WIFI")}),
@@ -49,7 +57,7 @@ TEST(StatsTable, TellsOfASectionThatWasAskedForByNameAndIsNotThere) {
   EXPECT_EQ(findStatsSection("gpu"), nullptr);
 }
 
-TEST(StatsTable, SurvivesSectionsOfWrongForm) {
+TEST(StatsTable, ToleratesMalformedSections) {
   Variant reply = statistics();
   for (const StatsSection& section : statsSections()) {
     reply[section.key] = "nonsense";
@@ -58,7 +66,7 @@ TEST(StatsTable, SurvivesSectionsOfWrongForm) {
   EXPECT_TRUE(statsRows(Variant("nonsense"), {}).empty());
 }
 
-TEST(StatsTable, FlagsAreThoseOfTheRequest) {
+TEST(StatsTable, FlagsMatchRequest) {
   ipc::messages::GetSystemStats request;
   request.NormalizeFields();
   for (const StatsSection& section : statsSections()) {
@@ -78,25 +86,39 @@ TEST(DeviceSettings, TypedSettingsBecomeFields) {
           {"name", "Porch"}, {"timelapseminutes", 1}, {"soundOnBoot", false}, {"region", ""}})));
 }
 
-TEST(DeviceSettings, UnknownAndMalformedSettingsAreRefused) {
+TEST(DeviceSettings, InvalidSettingsAreRefused) {
   Variant request = Variant::Map{};
   std::string error;
   EXPECT_FALSE(fillSettings(Variant(Variant::Map{{"zone", "x"}}), request, error));
   EXPECT_EQ(error,
-            "there is no setting \"zone\", only name, timezone, region, timelapse, sound-on-boot");
+            "\"zone\" is not a setting: choose name, timezone, region, timelapse or sound-on-boot");
   EXPECT_FALSE(fillSettings(Variant(Variant::Map{{"timelapse", "5"}}), request, error));
-  EXPECT_EQ(error, "timelapse must be on or off");
+  EXPECT_EQ(error, "timelapse must be on or off: write timelapse=on|off");
   EXPECT_FALSE(fillSettings(Variant(Variant::Map{{"name", 5}}), request, error));
   EXPECT_EQ(error, "write name=VALUE");
 }
 
-TEST(DeviceSettings, ReplyIsShownUnderReadableLabels) {
+TEST(DeviceSettings, ReplyHasReadableLabels) {
   const Variant payload = Variant::Map{
       {"name", "Po\nrch"}, {"timezone", ""}, {"timelapseminutes", 1}, {"soundOnBoot", false}};
   EXPECT_EQ(settingsRows(payload), (std::vector<Row>{{"Name", "Po\\nrch"},
                                                      {"Time zone", ""},
                                                      {"Time-lapse", "on"},
                                                      {"Sound on boot", "off"}}));
+}
+
+TEST(DeviceSettings, SwitchIgnoresCase) {
+  bool value = false;
+  for (const char* word : {"on", "ON", "yes", "True", "1"}) {
+    value = false;
+    EXPECT_TRUE(parseSwitch(word, value) && value) << word;
+  }
+  for (const char* word : {"off", "No", "false", "0"}) {
+    value = true;
+    EXPECT_TRUE(parseSwitch(word, value) && !value) << word;
+  }
+  EXPECT_FALSE(parseSwitch("", value));
+  EXPECT_FALSE(parseSwitch("2", value));
 }
 
 SeenMessage passwordChange() {
@@ -118,21 +140,21 @@ TEST(MessageLine, MasksPasswords) {
   }
 }
 
-TEST(MessageLine, ShowsTheFieldsAndWhatIsUnusualOfTheEnvelope) {
+TEST(MessageLine, OmitsDefaultsOfEnvelope) {
   const std::string line = messageLine(passwordChange(), {0, 1000});
   EXPECT_NE(line.find("client.a -> kova_ctlserver ChangeUsernamePassword id=7"), line.npos) << line;
   EXPECT_NE(line.find(" responseExpected=true username=\"admin\""), line.npos) << line;
   EXPECT_EQ(line.find("transactionId"), line.npos) << line;
 }
 
-TEST(MessageLine, IsOneLineWhateverTheContent) {
+TEST(MessageLine, IsAlwaysOneLine) {
   const SeenMessage seen{SeenMessage::Kind::Broadcast, "a\nb", "", "",
                          Variant(Variant::Map{{"functionName", "F\x1b[2J"}, {"k\n", "v\n"}})};
   const std::string line = messageLine(seen, {0, 0});
   EXPECT_NE(line.find("a\\nb -> * F\\x1b[2J k\\n=\"v\\n\""), line.npos) << line;
 }
 
-TEST(MessageLine, AnswersAndErrorsAreToldApart) {
+TEST(MessageLine, AnswersAndErrorsDiffer) {
   Variant answer = Variant::Map{{"functionName", "__response__"},
                                 {"requestId", std::uint64_t{7}},
                                 {"statusCode", std::uint64_t{1}}};
@@ -140,19 +162,19 @@ TEST(MessageLine, AnswersAndErrorsAreToldApart) {
                 .find("s -> c answer requestId=7 statusCode=1"),
             std::string::npos);
   EXPECT_NE(messageLine({SeenMessage::Kind::Answer, "s", "c", "", Variant(Variant::Map{})}, {0, 0})
-                .find("s -> c taken, nothing to say"),
+                .find("s -> c accepted, empty answer"),
             std::string::npos);
   EXPECT_NE(messageLine({SeenMessage::Kind::Error, "s", "c", "kova.Error.X: no", {}}, {0, 0})
                 .find("s -> c error kova.Error.X: no"),
             std::string::npos);
 }
 
-TEST(Exit, DBusErrorsAreMapped) {
-  EXPECT_EQ(exitForError("org.freedesktop.DBus.Error.ServiceUnknown"), Exit::Unreachable);
-  EXPECT_EQ(exitForError("org.freedesktop.DBus.Error.AccessDenied"), Exit::Unreachable);
-  EXPECT_EQ(exitForError("org.freedesktop.DBus.Error.NoReply"), Exit::NoAnswer);
-  EXPECT_EQ(exitForError("kova.Error.UnknownFunction"), Exit::Refused);
-  EXPECT_EQ(exitForError("kova.Error.InvalidMessage"), Exit::Refused);
+TEST(ExitStatus, DBusErrorsAreMapped) {
+  EXPECT_EQ(exitForError("org.freedesktop.DBus.Error.ServiceUnknown"), ExitStatus::Unreachable);
+  EXPECT_EQ(exitForError("org.freedesktop.DBus.Error.AccessDenied"), ExitStatus::Unreachable);
+  EXPECT_EQ(exitForError("org.freedesktop.DBus.Error.NoReply"), ExitStatus::NoAnswer);
+  EXPECT_EQ(exitForError("kova.Error.UnknownFunction"), ExitStatus::Refused);
+  EXPECT_EQ(exitForError("kova.Error.InvalidMessage"), ExitStatus::Refused);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 #include "Command.h"
 #include "Program.h"
-#include "StatsTable.h"
+#include "commands/Stats.h"
 
 namespace kova::ctl {
 namespace {
@@ -19,7 +19,7 @@ std::string contentOf(const std::string& path) {
   return content.str();
 }
 
-// The manual page as a reader searches it: without the markup that splits words.
+// The text of the manual page, without markup.
 std::string manualPage() {
   std::string text = contentOf(KOVACTL_MANUAL);
   std::string plain;
@@ -59,7 +59,7 @@ std::vector<Document> documents() {
           {"zsh completion", contentOf(KOVACTL_COMPLETIONS "/_kovactl")}};
 }
 
-// The names of the visible subcommands, their own subcommands and every long option of all.
+// The names of all visible commands and subcommands and all long options.
 void collect(const CLI::App& app, std::vector<std::string>& names) {
   for (const CLI::Option* option : app.get_options()) {
     for (const std::string& name : option->get_lnames()) {
@@ -74,7 +74,7 @@ void collect(const CLI::App& app, std::vector<std::string>& names) {
   }
 }
 
-TEST(Documentation, EveryCommandAndOptionIsInManualAndCompletions) {
+TEST(Documentation, ManualAndCompletionsAreComplete) {
   const Program program;
   std::vector<std::string> names;
   collect(program.Parser(), names);
@@ -99,7 +99,7 @@ TEST(Documentation, EveryCommandHasHelp) {
   }
 }
 
-TEST(Documentation, EveryOptionAndArgumentHasADescription) {
+TEST(Documentation, EveryOptionHasDescription) {
   const Program program;
   const std::function<void(const CLI::App&)> check = [&check](const CLI::App& app) {
     for (const CLI::Option* option : app.get_options()) {
@@ -112,7 +112,7 @@ TEST(Documentation, EveryOptionAndArgumentHasADescription) {
   check(program.Parser());
 }
 
-TEST(Documentation, ExitStatusesStandInHelpAndManual) {
+TEST(Documentation, HelpAndManualListExitStatuses) {
   const Program program;
   const std::string help = program.Parser().help();
   const std::string manual = manualPage();
@@ -124,7 +124,7 @@ TEST(Documentation, ExitStatusesStandInHelpAndManual) {
   }
 }
 
-TEST(Documentation, StatisticsSectionsStandInTheManual) {
+TEST(Documentation, ManualListsStatisticsSections) {
   const std::string manual = manualPage();
   for (const StatsSection& section : statsSections()) {
     EXPECT_TRUE(hasWord(manual, std::string(section.flag))) << section.flag;

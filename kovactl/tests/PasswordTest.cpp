@@ -28,7 +28,7 @@ class Passwords : public ::testing::Test {
     return path;
   }
 
-  // What the last request asked for: name, old and new password.
+  // The fields of the last request: name, old and new password.
   std::vector<std::string> Asked() const {
     const Peer::Request request = peer_.Received().back();
     return {request.Find("username")->ToText(), request.Find("passwordOld")->ToText(),
@@ -40,20 +40,20 @@ class Passwords : public ::testing::Test {
   Peer peer_{answering(0, Variant::Map{{"username", "admin"}})};
 };
 
-TEST_F(Passwords, UserShowPrintsTheName) {
+TEST_F(Passwords, UserShowPrintsName) {
   const Result result = run({"user", "show"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "admin\n");
 }
 
-TEST_F(Passwords, AreReadFromTwoLinesOfStandardInput) {
+TEST_F(Passwords, AreReadFromStandardInput) {
   EXPECT_EQ(run({"user", "passwd", "--stdin"}, "old one\nnew\nrest\n").status, 0);
   EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "old one", "new"}));
   EXPECT_EQ(run({"user", "passwd", "--stdin", "--name", "boss"}, "a\nb").status, 0);
   EXPECT_EQ(Asked(), (std::vector<std::string>{"boss", "a", "b"}));
 }
 
-TEST_F(Passwords, AreReadFromTheFirstLinesOfFiles) {
+TEST_F(Passwords, AreReadFromFiles) {
   EXPECT_EQ(run({"user", "passwd", "--old-file", File("old", "a b\nrest"), "--new-file",
                  File("new", "c")})
                 .status,
@@ -65,7 +65,7 @@ TEST_F(Passwords, AreReadFromTheFirstLinesOfFiles) {
   EXPECT_THAT(missing.err, HasSubstr("No such file"));
 }
 
-TEST_F(Passwords, EmptyOrTooLongOnesAreRefusedBeforeTheyAreSent) {
+TEST_F(Passwords, InvalidPasswordsAreNotSent) {
   for (const std::string& input :
        {std::string("\nnew\n"), std::string("old\n\n"), std::string(65, 'x') + "\nnew\n",
         std::string("old\n"), "old\n" + std::string(65, 'x') + "\n"}) {
@@ -78,13 +78,13 @@ TEST_F(Passwords, EmptyOrTooLongOnesAreRefusedBeforeTheyAreSent) {
             0);
 }
 
-TEST_F(Passwords, NeitherTerminalNorOptionIsAUsageError) {
+TEST_F(Passwords, MissingSourceIsUsageError) {
   const Result result = run({"user", "passwd"});
   EXPECT_EQ(result.status, 2);
   EXPECT_THAT(result.err, HasSubstr("--stdin"));
 }
 
-TEST_F(Passwords, AreAskedForWithoutEcho) {
+TEST_F(Passwords, PromptHasNoEcho) {
   Child child({"user", "passwd"}, Child::On::Terminal);
   ASSERT_TRUE(child.AwaitOutput("Old password: "));
   EXPECT_FALSE(child.Echoes());
@@ -101,7 +101,7 @@ TEST_F(Passwords, AreAskedForWithoutEcho) {
   EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "hunter2", "swordfish"}));
 }
 
-TEST_F(Passwords, TwoDifferentNewOnesChangeNothing) {
+TEST_F(Passwords, DifferentNewPasswordsChangeNothing) {
   Child child({"user", "passwd", "--name", "n", "--old-file", File("old", "a")},
               Child::On::Terminal);
   ASSERT_TRUE(child.AwaitOutput("New password: "));
@@ -112,7 +112,7 @@ TEST_F(Passwords, TwoDifferentNewOnesChangeNothing) {
   EXPECT_TRUE(peer_.Received().empty());
 }
 
-TEST_F(Passwords, CtrlCAtThePromptRestoresTheEcho) {
+TEST_F(Passwords, CtrlCAtPromptRestoresEcho) {
   Child child({"user", "passwd"}, Child::On::Terminal);
   ASSERT_TRUE(child.AwaitOutput("Old password: "));
   child.Write("secr\x03");

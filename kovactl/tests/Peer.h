@@ -14,20 +14,20 @@
 
 namespace kova::ctl::testing {
 
-/// An endpoint that does what a test says, on a thread of its own.
+/// An endpoint controlled by a test, on a separate thread.
 class Peer : private ipc::BaseHandler {
  public:
   using Request = ipc::messages::BaseRequestMessage;
-  /// Called for each request; answers through `ipc` if it wants to.
+  /// Called for each request; may answer through `ipc`.
   using Script = std::function<void(Request& request, ipc::Ipc& ipc, bool& rejected)>;
 
-  /// On the bus when the constructor returns.
+  /// The constructor returns when the endpoint is on the bus.
   explicit Peer(Script script, const std::string& endpoint = "kova_ctlserver");
   ~Peer() override;
 
   /// The requests received so far.
   std::vector<Request> Received() const;
-  /// Waits until so many requests have come.
+  /// Waits until this number of requests has been received.
   bool AwaitReceived(std::size_t count) const;
 
  private:
@@ -41,7 +41,7 @@ class Peer : private ipc::BaseHandler {
   std::thread thread_;
 };
 
-/// Owns the name of an endpoint and never looks at what arrives.
+/// Owns the name of an endpoint and never reads its messages.
 class MutePeer {
  public:
   explicit MutePeer(const std::string& endpoint = "kova_ctlserver");
@@ -50,11 +50,11 @@ class MutePeer {
   ipc::Ipc ipc_;
 };
 
-/// Sees what passes on the bus, to know how far a kovactl has come.
+/// Monitors the bus to follow the progress of a kovactl.
 class Witness {
  public:
   Witness();
-  /// Waits for a call of this function.
+  /// Waits for a request to this function.
   bool AwaitCall(const std::string& function);
 
  private:
@@ -64,7 +64,7 @@ class Witness {
 
 /// Answers with this status and payload.
 Peer::Script answering(std::uint64_t statusCode, variant::Variant payload = {});
-/// Does nothing: the request counts as taken.
+/// Does nothing: the bus library confirms the request.
 Peer::Script takingNote();
 
 }  // namespace kova::ctl::testing

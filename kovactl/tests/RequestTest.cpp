@@ -26,7 +26,7 @@ Variant jsonOf(const std::string& text) {
   return value;
 }
 
-TEST_F(Requests, CallPrintsThePayloadOfTheAnswer) {
+TEST_F(Requests, CallPrintsPayload) {
   Peer peer(answering(0, Variant::Map{{"a", Variant::Map{{"b", "c\x1b"}}}, {"n", 5}}));
   const Result result = run({"call", "Anything", "text=12", "number:=12"});
   EXPECT_EQ(result.status, 0);
@@ -40,7 +40,7 @@ TEST_F(Requests, CallPrintsThePayloadOfTheAnswer) {
   EXPECT_TRUE(request.responseExpected());
 }
 
-TEST_F(Requests, CallPrintsTheWholeAnswerAsJson) {
+TEST_F(Requests, CallPrintsWholeAnswerAsJson) {
   Peer peer(answering(0, Variant::Map{{"n", 5}}));
   const Result result = run({"call", "Anything", "--json", "id:=77"});
   EXPECT_EQ(result.status, 0);
@@ -50,44 +50,45 @@ TEST_F(Requests, CallPrintsTheWholeAnswerAsJson) {
   EXPECT_EQ(answer.Find("payload")->Find("n")->ToNumber<int>(), 5);
 }
 
-TEST_F(Requests, RequestThatIsTakenWithoutAnAnswerSucceeds) {
+TEST_F(Requests, EmptyAnswerIsSuccess) {
   Peer peer(takingNote());
-  EXPECT_EQ(run({"call", "Anything"}).out, "Taken; nothing to say.\n");
+  EXPECT_EQ(run({"call", "Anything"}).out, "Accepted; the answer is empty.\n");
   const Result result = run({"call", "Anything", "--json"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(jsonOf(result.out).Size(), 0U);
 }
 
-TEST_F(Requests, RefusalGivesStatusOneAndOneClearLine) {
+TEST_F(Requests, RefusalGivesStatus1AndOneLine) {
   Peer peer(answering(1));
   const Result result = run({"call", "SaveToFlash"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "kovactl: the camera refused SaveToFlash or failed to do it (status 1)\n");
+  EXPECT_EQ(result.err,
+            "kovactl: the camera refused SaveToFlash or failed to carry it out (status 1)\n");
 }
 
-TEST_F(Requests, UnknownFunctionGivesStatusOne) {
+TEST_F(Requests, UnknownFunctionGivesStatus1) {
   Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
   const Result result = run({"call", "Nonsense"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "kovactl: \"kova_ctlserver\" knows no function Nonsense\n");
+  EXPECT_EQ(result.err, "kovactl: \"kova_ctlserver\" has no function Nonsense\n");
 }
 
-TEST_F(Requests, AbsentEndpointGivesStatusThree) {
+TEST_F(Requests, AbsentEndpointGivesStatus3) {
   const Result result = run({"call", "Anything", "--to", "kova_nobody"});
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.err, "kovactl: \"kova_nobody\" is not on the bus: is it running?\n");
   EXPECT_EQ(run({"call", "Anything", "--to", "no.valid..name"}).status, 3);
 }
 
-TEST_F(Requests, UnreachableBusGivesStatusThree) {
+TEST_F(Requests, UnreachableBusGivesStatus3) {
   const Result result = run({"--bus", "unix:path=/nonexistent/bus", "stats"});
   EXPECT_EQ(result.status, 3);
   EXPECT_THAT(result.err, HasSubstr("unix:path=/nonexistent/bus"));
   EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
 }
 
-TEST_F(Requests, BusOptionWinsOverTheEnvironment) {
+TEST_F(Requests, BusOptionOverridesEnvironment) {
   Peer peer(answering(0));
   setenv("KOVA_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
   EXPECT_EQ(run({"call", "Anything"}).status, 3);
@@ -95,14 +96,14 @@ TEST_F(Requests, BusOptionWinsOverTheEnvironment) {
   setenv("KOVA_BUS_ADDRESS", bus_.address().c_str(), 1);
 }
 
-TEST_F(Requests, MissingAnswerGivesStatusFourAfterTheTimeout) {
+TEST_F(Requests, TimeoutGivesStatus4) {
   MutePeer peer;
   const Result result = run({"--timeout", "0.3", "call", "Anything"});
   EXPECT_EQ(result.status, 4);
   EXPECT_EQ(result.err, "kovactl: no answer from \"kova_ctlserver\" to Anything within 0.3 s\n");
 }
 
-TEST_F(Requests, EndpointThatGoesAwayBeforeAnsweringGivesStatusFour) {
+TEST_F(Requests, VanishedEndpointGivesStatus4) {
   auto peer = std::make_unique<MutePeer>();
   Witness witness;
   Child child({"call", "Anything"});
@@ -113,7 +114,7 @@ TEST_F(Requests, EndpointThatGoesAwayBeforeAnsweringGivesStatusFour) {
   EXPECT_THAT(result.err, HasSubstr("Anything failed: "));
 }
 
-TEST_F(Requests, BusThatGoesAwayGivesStatusThree) {
+TEST_F(Requests, ClosedBusGivesStatus3) {
   MutePeer peer;
   Witness witness;
   Child child({"call", "Anything"});
@@ -121,10 +122,10 @@ TEST_F(Requests, BusThatGoesAwayGivesStatusThree) {
   bus_.Kill();
   const Result result = child.Wait();
   EXPECT_EQ(result.status, 3);
-  EXPECT_EQ(result.err, "kovactl: the bus has gone away\n");
+  EXPECT_EQ(result.err, "kovactl: the connection to the bus was lost\n");
 }
 
-TEST_F(Requests, NoReplySendsAndDoesNotWait) {
+TEST_F(Requests, NoReplyDoesNotWait) {
   Peer peer(takingNote());
   const Result result = run({"call", "Anything", "--no-reply"});
   EXPECT_EQ(result.status, 0);
@@ -136,14 +137,14 @@ TEST_F(Requests, NoReplySendsAndDoesNotWait) {
   EXPECT_FALSE(peer.Received().back().responseExpected());
 }
 
-TEST_F(Requests, CallNamesTheSenderThatItIsGiven) {
+TEST_F(Requests, CallSetsSender) {
   Peer peer(answering(0));
   EXPECT_EQ(run({"call", "Anything", "--from", "client.else"}).status, 0);
   ASSERT_EQ(peer.Received().size(), 1U);
   EXPECT_EQ(peer.Received().front().from(), "client.else");
 }
 
-TEST_F(Requests, UsageErrorsGiveStatusTwoAndReachNobody) {
+TEST_F(Requests, UsageErrorsGiveStatus2AndSendNothing) {
   Peer peer(answering(0));
   const std::vector<std::vector<std::string>> wrong{
       {},
@@ -182,7 +183,7 @@ TEST_F(Requests, UsageErrorsGiveStatusTwoAndReachNobody) {
   EXPECT_TRUE(peer.Received().empty());
 }
 
-TEST_F(Requests, CtrlCEndsAWaitForAnAnswer) {
+TEST_F(Requests, CtrlCStopsWait) {
   MutePeer peer;
   Witness witness;
   Child child({"call", "Anything"});
@@ -191,7 +192,7 @@ TEST_F(Requests, CtrlCEndsAWaitForAnAnswer) {
   EXPECT_EQ(child.Wait().status, 130);
 }
 
-TEST_F(Requests, SigtermEndsAWaitForAnAnswer) {
+TEST_F(Requests, SigtermStopsWait) {
   MutePeer peer;
   Witness witness;
   Child child({"call", "Anything"});
@@ -200,12 +201,14 @@ TEST_F(Requests, SigtermEndsAWaitForAnAnswer) {
   EXPECT_EQ(child.Wait().status, 143);
 }
 
-TEST_F(Requests, SimpleCommandsSendTheirRequest) {
-  Peer peer(answering(0));
+TEST_F(Requests, SimpleCommandsSendRequests) {
+  Peer peer(answering(0, Variant::Map{{"timelapseminutes", 1}}));
   const std::vector<std::pair<std::vector<std::string>, std::string>> table{
       {{"save"}, R"({"functionName":"SaveToFlash","sync":false})"},
       {{"save", "--sync"}, R"({"functionName":"SaveToFlash","sync":true})"},
-      {{"reboot", "--delay", "1500"}, R"({"functionName":"Reboot","delayMs":1500})"},
+      {{"reboot", "--delay", "1.5"}, R"({"functionName":"Reboot","delayMs":1500})"},
+      {{"reboot", "--delay", "100ms"}, R"({"functionName":"Reboot","delayMs":100})"},
+      {{"reboot", "--delay", "2min"}, R"({"functionName":"Reboot","delayMs":120000})"},
       {{"reset-defaults", "--yes"}, R"({"functionName":"ResetToDefaults"})"},
       {{"reset-settings"}, R"({"functionName":"ResetDeviceSettings"})"},
       {{"service", "start", "ssh"},
@@ -232,7 +235,7 @@ TEST_F(Requests, SimpleCommandsSendTheirRequest) {
   EXPECT_EQ(peer.Received().size(), table.size());
 }
 
-TEST_F(Requests, SettingsShowsWhatComesBackAlsoOfAFailure) {
+TEST_F(Requests, SettingsShowsPayloadOfFailure) {
   const Variant payload = Variant::Map{{"name", "Porch"}, {"timezone", "UTC"}};
   {
     Peer peer(answering(0, payload));
@@ -242,23 +245,10 @@ TEST_F(Requests, SettingsShowsWhatComesBackAlsoOfAFailure) {
   const Result result = run({"settings", "region=x"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "Name       Porch\nTime zone  UTC\n");
-  EXPECT_THAT(result.err, HasSubstr("a value was not accepted"));
+  EXPECT_THAT(result.err, HasSubstr("a value was rejected"));
 }
 
-TEST_F(Requests, RebootSucceedsThoughItIsNeverAnswered) {
-  MutePeer peer;
-  const Result result = run({"reboot"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "The camera reboots.\n");
-}
-
-TEST_F(Requests, RebootThatNobodyTakesFails) {
-  EXPECT_EQ(run({"reboot"}).status, 3);
-  Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
-  EXPECT_EQ(run({"reboot"}).status, 1);
-}
-
-TEST_F(Requests, ResetToDefaultsAsksOnATerminal) {
+TEST_F(Requests, ResetDefaultsPromptsOnTerminal) {
   Peer peer(answering(0));
   Child refuser({"reset-defaults"}, Child::On::Terminal);
   ASSERT_TRUE(refuser.AwaitOutput("[y/N] "));
@@ -272,7 +262,7 @@ TEST_F(Requests, ResetToDefaultsAsksOnATerminal) {
   EXPECT_EQ(peer.Received().size(), 1U);
 }
 
-TEST_F(Requests, OutputThatCannotBeWrittenGivesStatusSix) {
+TEST_F(Requests, WriteErrorGivesStatus6) {
   Peer peer(answering(0));
   const std::string command = std::string(KOVACTL_PROGRAM) + " call Anything >/dev/full";
   const int status = std::system(command.c_str());

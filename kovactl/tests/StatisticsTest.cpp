@@ -17,7 +17,7 @@ class Statistics : public ::testing::Test {
   ipc::testing::PrivateBus bus_;
 };
 
-TEST_F(Statistics, StatsPrintsATable) {
+TEST_F(Statistics, StatsPrintsTable) {
   Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
   const Result result = run({"stats", "uptime", "WIFI"});
   EXPECT_EQ(result.status, 0);
@@ -27,14 +27,14 @@ TEST_F(Statistics, StatsPrintsATable) {
   EXPECT_EQ(*request.Find("memory"), Variant(false));
 }
 
-TEST_F(Statistics, StatsShowsWhatCameWithAFailure) {
+TEST_F(Statistics, StatsShowsPayloadOfFailure) {
   Peer peer(answering(1, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
   const Result result = run({"stats"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "Up  00:01:01\n");
 }
 
-TEST_F(Statistics, WatchRepeatsUntilItIsStopped) {
+TEST_F(Statistics, WatchRepeatsUntilStopped) {
   Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
   Child child({"stats", "--watch", "0.02", "--json"});
   ASSERT_TRUE(peer.AwaitReceived(3));
@@ -45,7 +45,7 @@ TEST_F(Statistics, WatchRepeatsUntilItIsStopped) {
   EXPECT_EQ(result.err, "");
 }
 
-TEST_F(Statistics, WatchOnATerminalRefreshesInPlaceAndLeavesItAsItWas) {
+TEST_F(Statistics, WatchRestoresTerminal) {
   Peer peer(
       answering(0, Variant::Map{{"cpuinfo", Variant::Map{{"processor", std::string(200, 'x')}}}}));
   Child child({"stats", "--watch", "0.02"}, Child::On::Terminal);

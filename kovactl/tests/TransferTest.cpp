@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 
 #include "Child.h"
 #include "Peer.h"
@@ -31,7 +32,7 @@ void sendStatus(Peer::Request& request, ipc::Ipc& ipc, std::uint64_t id, const c
   EXPECT_TRUE(ipc.SendRequest(event));
 }
 
-// Tells the requester this outcome, as the camera does.
+// Sends the event with this outcome to the requester, like the camera.
 Peer::Script ending(const char* status) {
   return [status](Peer::Request& request, ipc::Ipc& ipc, bool&) {
     sendStatus(request, ipc, request.id(), status);
@@ -42,7 +43,7 @@ std::vector<std::string> putLogo(const std::string& seconds) {
   return {"put", "logo", "http://x/logo", "--hash", kDigest, "--timeout", seconds, "--wait"};
 }
 
-TEST_F(Transfers, WaitEndsWithZeroForOk) {
+TEST_F(Transfers, WaitReturns0ForOk) {
   Peer peer(ending("OK"));
   const Result result = run(putLogo("10"));
   EXPECT_EQ(result.status, 0) << result.err;
@@ -55,7 +56,7 @@ TEST_F(Transfers, WaitEndsWithZeroForOk) {
   EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{10000}));
 }
 
-TEST_F(Transfers, WaitEndsWithOneForAnythingElse) {
+TEST_F(Transfers, WaitReturns1ForOtherOutcome) {
   Peer peer(ending("VALIDATION_FAILED"));
   const Result result = run(putLogo("10"));
   EXPECT_EQ(result.status, 1);
@@ -63,7 +64,7 @@ TEST_F(Transfers, WaitEndsWithOneForAnythingElse) {
   EXPECT_EQ(result.err, "kovactl: the transfer failed: VALIDATION_FAILED\n");
 }
 
-TEST_F(Transfers, WaitPrintsTheOutcomeAsJson) {
+TEST_F(Transfers, WaitPrintsOutcomeAsJson) {
   Peer peer(ending("TRANSFER_TOOLARGE"));
   auto arguments = putLogo("10");
   arguments.push_back("--json");
@@ -83,38 +84,40 @@ TEST_F(Transfers, WaitIgnoresEventsOfOtherRequests) {
   EXPECT_THAT(result.err, HasSubstr("DISK_IO_FAILED"));
 }
 
-TEST_F(Transfers, SilenceEndsWithAStatusOfItsOwnAndItsMeaning) {
+TEST_F(Transfers, SilenceIsExplainedWithStatus5) {
   Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool&) {
     sendStatus(request, ipc, request.id() + 1, "OK");
   });
   const Result put = run(putLogo("0.1"));
   EXPECT_EQ(put.status, 5);
-  EXPECT_THAT(put.err, HasSubstr("the camera has this very file already"));
+  EXPECT_THAT(put.err, HasSubstr("the camera already has this file"));
   const Result get = run({"get", "snapshot", "http://x/", "--timeout", "0.1", "--wait", "--json"});
   EXPECT_EQ(get.status, 5);
-  EXPECT_THAT(get.err, HasSubstr("the upload has succeeded, or the camera refused"));
+  EXPECT_THAT(get.err, HasSubstr("the upload succeeded, was refused"));
   EXPECT_THAT(get.out, HasSubstr("\"outcome\":\"unknown\""));
   const Result firmware = run({"firmware", "http://x/", "--timeout", "0.1", "--wait"});
   EXPECT_EQ(firmware.status, 5);
-  EXPECT_THAT(firmware.err, HasSubstr("the image has been flashed, or is still being, or the "
-                                      "camera refused"));
+  EXPECT_THAT(firmware.err, HasSubstr("flashing succeeded, is in progress, or was refused"));
 }
 
-TEST_F(Transfers, HelpSaysWhatSilenceMeans) {
+TEST_F(Transfers, HelpExplainsSilence) {
   const std::pair<const char*, const char*> meanings[] = {
-      {"put", "the camera has this very file already, refused the request"},
-      {"get", "the upload has succeeded, or the camera refused the request"},
-      {"firmware", "the image has been flashed, or is still being, or the camera refused"}};
+      {"put", "the camera already has this file, refused the request"},
+      {"get", "the upload succeeded, was refused"},
+      {"firmware",
+       "No event: flashing succeeded, is in progress, or was refused; see the camera's log."}};
+  setenv("COLUMNS", "1000", 1);  // no line breaks
   for (const auto& [command, meaning] : meanings) {
     const Result help = run({command, "--help"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_THAT(help.out, HasSubstr("until the time-out has passed (status 5):"));
+    EXPECT_THAT(help.out, HasSubstr("No event: "));
     EXPECT_THAT(help.out, HasSubstr(meaning)) << command;
     EXPECT_THAT(help.out, HasSubstr("--timeout"));
   }
+  unsetenv("COLUMNS");
 }
 
-TEST_F(Transfers, FirmwareFailureIsTold) {
+TEST_F(Transfers, FirmwareFailureIsReported) {
   Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool&) {
     EventUpdateFirmwareFailure event;
     event.to(request.from());
@@ -128,21 +131,21 @@ TEST_F(Transfers, FirmwareFailureIsTold) {
   EXPECT_EQ(*peer.Received().front().Find("timeoutMs"), Variant(std::uint32_t{600000}));
 }
 
-TEST_F(Transfers, WithoutWaitItEndsWhenTheRequestIsTaken) {
+TEST_F(Transfers, ExitsOnAcceptanceWithoutWait) {
   Peer peer(takingNote());
   EXPECT_EQ(run({"put", "sound", "http://x/s.wav", "--hash", kDigest}).status, 0);
   EXPECT_EQ(run({"firmware", "http://x/fw.bin"}).status, 0);
   EXPECT_EQ(run({"get", "support", "http://x/"}).status, 0);
   const auto received = peer.Received();
   ASSERT_EQ(received.size(), 3U);
-  // The camera refuses a request whose events would go to nobody.
+  // The camera refuses requests without a recipient for their events.
   EXPECT_EQ(received[0].Find("from")->ToText(), "client.kovactl");
   EXPECT_EQ(received[1].Find("from")->ToText(), "client.kovactl");
   EXPECT_EQ(*received[2].Find("disableEvents"), Variant(true));
   EXPECT_EQ(received[2].Find("what")->ToText(), "supportInfo");
 }
 
-TEST_F(Transfers, DigestIsTakenFromALocalFileOrMadeLowerCase) {
+TEST_F(Transfers, DigestIsComputedOrLowerCased) {
   Peer peer(takingNote());
   const std::string file = KOVACTL_TEST_DATA "/abc.txt";
   EXPECT_EQ(run({"put", "logo", "http://x/", "--file", file}).status, 0);
@@ -169,7 +172,7 @@ TEST_F(Transfers, UploadCarriesFileNameAndFormFields) {
   EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{90000}));
 }
 
-TEST_F(Transfers, EveryKindOfUploadAsksForItsOwn) {
+TEST_F(Transfers, UploadKindsSendTheirRequests) {
   Peer peer(takingNote());
   const std::pair<std::vector<std::string>, const char*> kinds[] = {
       {{"snapshot"}, "snapshot"},
@@ -186,13 +189,13 @@ TEST_F(Transfers, EveryKindOfUploadAsksForItsOwn) {
   }
 }
 
-TEST_F(Transfers, UnknownFunctionAndAbsentCameraAreToldAtOnce) {
+TEST_F(Transfers, UnknownFunctionAndAbsentCameraFailAtOnce) {
   EXPECT_EQ(run(putLogo("60")).status, 3);
   Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
   EXPECT_EQ(run(putLogo("60")).status, 1);
 }
 
-TEST_F(Transfers, BusThatGoesAwayWhileWaitingGivesStatusThree) {
+TEST_F(Transfers, BusClosedWhileWaitingGivesStatus3) {
   Peer peer(takingNote());
   Child child(putLogo("60"));
   ASSERT_TRUE(peer.AwaitReceived(1));
@@ -200,7 +203,7 @@ TEST_F(Transfers, BusThatGoesAwayWhileWaitingGivesStatusThree) {
   EXPECT_EQ(child.Wait().status, 3);
 }
 
-TEST_F(Transfers, SpinnerShowsOnATerminalAndIsWipedOff) {
+TEST_F(Transfers, SpinnerIsErasedOnTerminal) {
   Peer peer(takingNote());
   Child child(putLogo("60"), Child::On::Terminal);
   ASSERT_TRUE(child.AwaitOutput("waiting for the camera  0 s"));

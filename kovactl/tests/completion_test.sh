@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks what the bash completion offers: completion_test.sh KOVACTL COMPLETION
+# Tests the bash completion: completion_test.sh KOVACTL COMPLETION
 set -euo pipefail
 
 PATH="$(dirname "$1"):$PATH"
@@ -42,5 +42,17 @@ expect kova_ctlserver call Reboot --to ''
 expect kova_sounds_leds listen kova_s
 expect - listen kova_sounds_leds ''
 expect name= settings n
+expect timezones tim
+expect help he
+expect list service l
+expect - service list ''
+expect firmware help "fi"
+expect stop help service s
+if kovactl timezones Paris >/dev/null 2>&1; then
+  # As bash splits them.
+  expect Europe/Paris settings timezone = Europe/P
+  expect Europe/Paris settings timezone =
+  expect - settings name = Europe/P
+fi
 
 exit $((failures > 0))

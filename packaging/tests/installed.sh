@@ -9,6 +9,7 @@ put_logo() { kovactl put logo http://127.0.0.1:8080/logo.png --file /samples/log
 nobody_asks() { setpriv --reuid nobody --regid nogroup "$@" kovactl stats; }
 
 tells_clients_apart() {
+  expect "the bus's folder is open to root and the group" test "$(stat -c '%a %U:%G' /run/kova)" = "750 root:kova"
   expect_not "a stranger is refused" nobody_asks --clear-groups
   usermod -aG kova nobody
   expect "a member of the group is not" nobody_asks --init-groups
@@ -44,6 +45,8 @@ comes_back_after_a_crash() {
 is_restarted_when_installed_again() {
   local before
   before=$(daemon_pid)
+  rm -f /run/kova_members.conf
   expect "it is installed again" apt install --reinstall /packages/kova-ctlserver_*.deb
   expect "and restarted" eventually is_another "$before"
+  expect "the bus's members are remembered" test -e /run/kova_members.conf
 }

@@ -30,6 +30,8 @@ installs() {
   expect "installed" apt install /packages/kova-ctlserver_*.deb /packages/kovactl_*.deb
   cp "$work/output" "$work/install.log"
   expect "it says that it is not enabled" grep -q "^kova_ctlserver is installed, but not enabled" "$work/install.log"
+  expect "it asks for the libcurl that it needs" \
+    sh -c "dpkg-query -W -f '\${Depends}' kova-ctlserver | grep -F 'libcurl4 (>= 7.87)'"
   expect_not "no bus runs" busybox pidof dbus-daemon
   expect_not "no daemon runs" daemon_pid
   expect_not "nor will one under runit" test -e /etc/service/kova_bus -o -e /etc/service/kova_ctlserver

@@ -34,7 +34,23 @@ is_hardened() {
 
 exposure() { is_hardened "$1" | grep -oE 'level for .*: [0-9.]+' | grep -oE '[0-9.]+$'; }
 
+# sets UNIT LINE...: whether the unit has these lines.
+sets() {
+  local unit=$1 line
+  shift
+  for line in "$@"; do grep -qxF "$line" "$root/usr/lib/systemd/system/$unit.service" || return 1; done
+}
+
+# runs_under SERVICE OPTION...: whether runit starts the service under these limits, see chpst(8).
+runs_under() { grep -qE "^exec chpst .*${*:2} .*" "$root/etc/sv/$1/run"; }
+
 install_root
+expect "the daemon's memory is limited under systemd" sets kova_ctlserver MemoryHigh=576M MemoryMax=640M
+expect "its descriptors, too" sets kova_ctlserver LimitNOFILE=4096
+expect "the bus's memory is limited under systemd" sets kova-bus LimitDATA=512M MemoryMax=576M
+expect "only the group reaches its socket" sets kova-bus Group=kova RuntimeDirectoryMode=0750
+expect "the daemon's memory and descriptors are limited under runit" runs_under kova_ctlserver -d 536870912 -o 4096
+expect "the bus's memory is limited under runit" runs_under kova_bus -d 536870912
 for unit in kova-bus kova_ctlserver; do
   expect "systemd accepts $unit.service" is_accepted "$unit"
   expect "$unit.service is exposed by no more than ${EXPOSURE_LIMIT[$unit]} tenths" is_hardened "$unit"

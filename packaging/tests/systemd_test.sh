@@ -51,6 +51,9 @@ is_confined() {
   expect "its system calls are filtered" has_status kova_ctlserver.service '^Seccomp:\s2$'
   expect "it has the capabilities of its job, and no other" \
     has_status kova_ctlserver.service "^CapEff:\s$(capabilities 0 1 3 5 6 7 19 21 22 24 34)$"
+  expect "it may open 4096 files" grep -qE '^Max open files +4096 ' "/proc/$(daemon_pid)/limits"
+  expect "its memory is limited" test "$(systemctl show --value --property MemoryMax kova_ctlserver.service)" = 671088640
+  expect "the bus's, too" grep -qE '^Max data size +536870912 ' "/proc/$(main_pid kova-bus.service)/limits"
   expect "it leaves no core file" grep -qE '^Max core file size +0 ' "/proc/$(daemon_pid)/limits"
 }
 

@@ -10,8 +10,8 @@ FOLDERS = ("kova_ctlserver/src/*.cpp", "kova_ctlserver/include/*.h", "platform/*
 SOURCES = sorted(path for folder in FOLDERS for path in TOP.glob(folder))
 
 # What logs: the text is the first literal behind so many arguments, which name where the line comes from.
-CALL = re.compile(r"\b(KOVA_LOG_IN|KOVA_LOG_AT|KOVA_LOG|logInternal|fail)\(")
-ORIGIN = {"KOVA_LOG_IN": 1, "KOVA_LOG_AT": 1, "logInternal": 4}
+CALL = re.compile(r"\b(KOVA_LOG(?:_IN|_AT|_LINE)?|logInternal|fail)\(")
+ORIGIN = {"KOVA_LOG_IN": 1, "KOVA_LOG_AT": 1, "KOVA_LOG_LINE": 2, "logInternal": 4}
 LITERAL = re.compile(r'"((?:[^"\\]|\\.)*)"(?:\s*"((?:[^"\\]|\\.)*)")*')
 # BusMonitor is the listener's side of the library.
 LEFT_OUT = {"BusMonitor.cpp"}

@@ -11,7 +11,7 @@ wrong() {
 
 # heading_exists FILE ANCHOR: whether a heading of FILE has this anchor, in the way of common renderers.
 heading_exists() {
-  grep '^#' "$1" | sed 's/^#* *//' | tr '[:upper:]' '[:lower:]' | sed 's/[^a-z0-9_ -]//g; s/ /-/g' | grep -qxF -- "$2"
+  grep '^#' "$1" | sed 's/^#* *//' | tr '[:upper:]' '[:lower:]' | sed 's/[^a-z0-9_ -]//g; s/ /-/g' | grep -xF -- "$2" >/dev/null
 }
 
 check_links() { # FILE
@@ -54,10 +54,11 @@ check_names() { # FILE
 check_commands() { # FILE
   local word
   while read -r word; do
-    ./dev help | grep -qE "^  $word( |$)" || wrong "$1: ./dev has no command \"$word\""
+    grep -qE "^  $word( |$)" <<<"$help" || wrong "$1: ./dev has no command \"$word\""
   done < <(grep -oP '\./dev \K[a-z]+' "$1" | grep -vx help | sort -u)
 }
 
+help=$(./dev help)
 documents=$(git ls-files '*.md')
 count=0
 for document in $documents; do

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 
 #include "CurlFaults.h"
 #include "Engine.h"
@@ -119,6 +120,19 @@ TEST_F(BaseHttpTest, ACancelReportsBeforeItReturns) {
   EXPECT_THAT(http_.completions, ElementsAre(server.uri("/running") + " 3 206"));
   EXPECT_TRUE(http_.CancelTransfer(server.uri("/running")));
   EXPECT_EQ(http_.completions.size(), 1U);
+}
+
+TEST_F(BaseHttpTest, ACancelledTransferIsForgottenWhenItIsReported) {
+  RawServer server(silent);
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  unsigned reports = 0;
+  http_.onCompletion = [&] {
+    if (++reports == 1) {
+      EXPECT_TRUE(http_.CancelTransfer(server.uri()));
+    }
+  };
+  EXPECT_TRUE(http_.CancelTransfer(server.uri()));
+  EXPECT_EQ(reports, 1U);
 }
 
 TEST_F(BaseHttpTest, ACancelBeforeTheFirstStepHasNoHttpCode) {
@@ -253,11 +267,25 @@ TEST_F(BaseHttpTest, AStepWaitsOnceForAsLongAsItMay) {
   EXPECT_THAT(curlFaults().waits, ElementsAre(37, 12));
 }
 
-TEST_F(BaseHttpTest, AnIdleStepWaitsNoLongerThanItMay) {
-  ASSERT_TRUE(http_.Init());
+TEST_F(BaseHttpTest, AStepPumpsTheTransfersOnce) {
+  RawServer server(silent);
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  for (unsigned step = 1; step <= 3; ++step) {
+    EXPECT_TRUE(http_.Service(0));
+    EXPECT_EQ(curlFaults().performs, step);
+  }
+}
+
+// A hundred steps, since one that waits for a few milliseconds too long passes for a busy machine.
+TEST_F(BaseHttpTest, StepsWithNothingToDoDoNotWait) {
+  RawServer server(silent);
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return server.requests().size() == 1; }));
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_TRUE(http_.Service(0));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  for (int step = 0; step < 100; ++step) {
+    EXPECT_TRUE(http_.Service(0));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
 }
 
 }  // namespace

@@ -189,7 +189,7 @@ TEST_F(BaseTransferTaskTest, AMissingBusIsLogged) {
 
 TEST_F(BaseTransferTaskTest, AnEventThatCannotBeSentIsLoggedOnce) {
   fakes::platform().bus.sendResult = false;
-  task_.setSendNoEvents(false).notifyStatus("OK");
+  task_.setSendNoEvents(false).setIpcOrigin("client").notifyStatus("OK");
   EXPECT_EQ(fakes::platform().bus.sent.size(), 1U);
   EXPECT_THAT(logLines(), ElementsAre("4 BaseTransferTask.notifyStatus: Failed to send transfer "
                                       "task status notification"));

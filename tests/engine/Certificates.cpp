@@ -12,7 +12,7 @@ namespace {
 
 constexpr long kDay = 24L * 60 * 60;
 
-using Buffer = std::unique_ptr<BIO, OpenSslReleaser<BIO_free_all>>;
+using Buffer = utils::Handle<BIO, BIO_free_all>;
 
 void require(bool succeeded) {
   if (!succeeded) {
@@ -27,7 +27,7 @@ std::string contentOf(const Buffer& buffer) {
 }
 
 void addExtension(X509* certificate, int nid, const char* value) {
-  const std::unique_ptr<X509_EXTENSION, OpenSslReleaser<X509_EXTENSION_free>> extension(
+  const utils::Handle<X509_EXTENSION, X509_EXTENSION_free> extension(
       X509V3_EXT_conf_nid(nullptr, nullptr, nid, value));
   require(extension != nullptr && X509_add_ext(certificate, extension.get(), -1) == 1);
 }

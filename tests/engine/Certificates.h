@@ -3,23 +3,16 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
-#include <memory>
 #include <string>
+
+#include "kova/utils/Handle.h"
 
 namespace kova::engine {
 
-template <auto kRelease>
-struct OpenSslReleaser {
-  template <typename Object>
-  void operator()(Object* object) const {
-    kRelease(object);
-  }
-};
-
 /// A certificate and its private key.
 struct Identity {
-  std::unique_ptr<X509, OpenSslReleaser<X509_free>> certificate;
-  std::unique_ptr<EVP_PKEY, OpenSslReleaser<EVP_PKEY_free>> key;
+  utils::Handle<X509, X509_free> certificate;
+  utils::Handle<EVP_PKEY, EVP_PKEY_free> key;
 
   std::string certificatePem() const;
   std::string keyPem() const;

@@ -50,17 +50,29 @@ TEST_F(CurlContextTest, ADownloadSetsItsOptionsInOrder) {
       curlFaults().options,
       ElementsAre("WRITEFUNCTION=...", "WRITEDATA=...", "PRIVATE=...", "URL=http://127.0.0.1:9/x",
                   "FOLLOWLOCATION=1", "SSL_VERIFYHOST=0", "SSL_VERIFYPEER=0", "TIMEOUT=5",
-                  "SSL_VERIFYPEER=1", "SSL_CTX_FUNCTION=...", "PROTOCOLS_STR=http,https",
-                  "REDIR_PROTOCOLS_STR=http,https", "QUICK_EXIT=1"));
+                  "SSL_VERIFYPEER=1", "SSL_CTX_FUNCTION=...", "CAPATH=(null)", "FRESH_CONNECT=1",
+                  "FORBID_REUSE=1", "SSL_SESSIONID_CACHE=0", "CA_CACHE_TIMEOUT=0", "HTTP_VERSION=2",
+                  "PROXY=", "OPENSOCKETFUNCTION=...", "OPENSOCKETDATA=...",
+                  "CLOSESOCKETFUNCTION=...", "CLOSESOCKETDATA=...", "PROTOCOLS_STR=http,https",
+                  "REDIR_PROTOCOLS_STR=http,https", "MAXREDIRS=30", "HEADERFUNCTION=...",
+                  "HEADERDATA=...", "QUICK_EXIT=1"));
 }
 
 TEST_F(CurlContextTest, AnUploadSetsItsFormAndItsBuffer) {
   ASSERT_TRUE(make(false, fields())->Init());
   const std::vector<std::string> all = curlFaults().options;
-  const std::vector<std::string> last(all.begin() + 10, all.end());
-  EXPECT_THAT(last, ElementsAre("PROTOCOLS_STR=http,https", "REDIR_PROTOCOLS_STR=http,https",
-                                "QUICK_EXIT=1", "UPLOAD_BUFFERSIZE=2097152", "HTTPPOST=...",
+  const std::vector<std::string> last(all.begin() + 26, all.end());
+  EXPECT_THAT(last, ElementsAre("QUICK_EXIT=1", "UPLOAD_BUFFERSIZE=2097152", "HTTPPOST=...",
                                 "POST=1", "HTTPPOST=...", "READFUNCTION=..."));
+}
+
+TEST_F(CurlContextTest, HttpsIsRedirectedToHttpsOnly) {
+  for (const std::string uri : {"https://127.0.0.1:9/x", "HTTPS://127.0.0.1:9/x"}) {
+    curlFaults() = {};
+    CurlContext context(true, uri, &http_, {}, 0, "", "", "");
+    ASSERT_TRUE(context.Init());
+    EXPECT_EQ(curlFaults().options.at(22), "REDIR_PROTOCOLS_STR=https") << uri;
+  }
 }
 
 TEST_F(CurlContextTest, AnUploadWithoutFieldsSetsItsFormOnce) {
@@ -79,8 +91,12 @@ TEST_F(CurlContextTest, TlsFilesAreSetWhereGiven) {
 }
 
 TEST_F(CurlContextTest, FractionsOfASecondAreDroppedFromTheTimeOut) {
-  for (const auto& [milliseconds, option] :
-       {std::pair{999U, "TIMEOUT=0"}, {1000U, "TIMEOUT=1"}, {1999U, "TIMEOUT=1"}}) {
+  for (const auto& [milliseconds, option] : {std::pair{999U, "TIMEOUT=0"},
+                                             {1000U, "TIMEOUT=1"},
+                                             {1999U, "TIMEOUT=1"},
+                                             {2'147'483'999U, "TIMEOUT=2147483"},
+                                             {2'147'484'000U, "TIMEOUT=2147483"},
+                                             {4'294'967'295U, "TIMEOUT=2147483"}}) {
     curlFaults() = {};
     ASSERT_TRUE(make(true, {}, milliseconds)->Init());
     EXPECT_EQ(curlFaults().options.at(7), option);
@@ -94,10 +110,31 @@ TEST_F(CurlContextTest, AMissingHandleIsLogged) {
 }
 
 TEST_F(CurlContextTest, EachCheckedOptionThatFailsEndsInit) {
-  for (const CURLoption option :
-       {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA, CURLOPT_PRIVATE, CURLOPT_URL,
-        CURLOPT_FOLLOWLOCATION, CURLOPT_SSL_VERIFYHOST, CURLOPT_SSL_VERIFYPEER, CURLOPT_TIMEOUT,
-        CURLOPT_PROTOCOLS_STR, CURLOPT_REDIR_PROTOCOLS_STR, CURLOPT_QUICK_EXIT}) {
+  for (const CURLoption option : {CURLOPT_WRITEFUNCTION,
+                                  CURLOPT_WRITEDATA,
+                                  CURLOPT_PRIVATE,
+                                  CURLOPT_URL,
+                                  CURLOPT_FOLLOWLOCATION,
+                                  CURLOPT_SSL_VERIFYHOST,
+                                  CURLOPT_SSL_VERIFYPEER,
+                                  CURLOPT_TIMEOUT,
+                                  CURLOPT_CAPATH,
+                                  CURLOPT_FRESH_CONNECT,
+                                  CURLOPT_FORBID_REUSE,
+                                  CURLOPT_SSL_SESSIONID_CACHE,
+                                  CURLOPT_CA_CACHE_TIMEOUT,
+                                  CURLOPT_HTTP_VERSION,
+                                  CURLOPT_PROXY,
+                                  CURLOPT_OPENSOCKETFUNCTION,
+                                  CURLOPT_OPENSOCKETDATA,
+                                  CURLOPT_CLOSESOCKETFUNCTION,
+                                  CURLOPT_CLOSESOCKETDATA,
+                                  CURLOPT_PROTOCOLS_STR,
+                                  CURLOPT_REDIR_PROTOCOLS_STR,
+                                  CURLOPT_MAXREDIRS,
+                                  CURLOPT_HEADERFUNCTION,
+                                  CURLOPT_HEADERDATA,
+                                  CURLOPT_QUICK_EXIT}) {
     fakes::reset();
     curlFaults() = {};
     curlFaults().option = option;

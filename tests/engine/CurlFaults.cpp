@@ -1,5 +1,8 @@
 #include "CurlFaults.h"
 
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
@@ -32,7 +35,7 @@ std::string describe(CURLoption option, long value) {
     case CURLOT_OFF_T:
       return text + std::to_string(value);
     case CURLOT_STRING:
-      return text + reinterpret_cast<const char*>(value);
+      return text + (value == 0 ? "(null)" : reinterpret_cast<const char*>(value));
     default:
       return text + "...";
   }
@@ -50,6 +53,8 @@ bool optionFails(CURLoption option) {
 }  // namespace kova::engine
 
 using kova::engine::curlFaults;
+
+using MessageCallback = void (*)(int, int, int, const void*, std::size_t, SSL*, void*);
 
 // The names are the linker's.
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -75,6 +80,7 @@ CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd* extra, unsigned coun
 
 CURLMcode __real_curl_multi_perform(CURLM*, int*);
 CURLMcode __wrap_curl_multi_perform(CURLM* multi, int* running) {
+  ++curlFaults().performs;
   const CURLMcode fault = curlFaults().perform;
   return fault != CURLM_OK ? fault : __real_curl_multi_perform(multi, running);
 }
@@ -139,6 +145,22 @@ CURLFORMcode __wrap_curl_formadd(curl_httppost** first, curl_httppost** last, ..
     return CURL_FORMADD_MEMORY;
   }
   return __real_curl_formadd(first, last, CURLFORM_ARRAY, forms.data(), CURLFORM_END);
+}
+
+int __real_setsockopt(int, int, int, const void*, socklen_t);
+int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
+  if (level == SOL_SOCKET && (option == SO_RCVBUF || option == SO_RCVBUFFORCE)) {
+    curlFaults().socketOptions.push_back((option == SO_RCVBUF ? "RCVBUF=" : "RCVBUFFORCE=") +
+                                         std::to_string(*static_cast<const int*>(value)));
+  }
+  return __real_setsockopt(fd, level, option, value, size);
+}
+
+void __real_SSL_CTX_set_msg_callback(SSL_CTX*, MessageCallback);
+void __wrap_SSL_CTX_set_msg_callback(SSL_CTX* context, MessageCallback callback) {
+  if (!curlFaults().messagesUnwatched) {
+    __real_SSL_CTX_set_msg_callback(context, callback);
+  }
 }
 
 void __real_curl_easy_cleanup(CURL*);

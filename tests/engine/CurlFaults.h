@@ -25,13 +25,19 @@ struct CurlFaults {
   bool privateIsNull = false;        ///< CURLINFO_PRIVATE gives null
   std::optional<std::string> part;   ///< adding the form part of this name fails
 
+  bool messagesUnwatched = false;  ///< OpenSSL forgets the callback that watches its messages
+
   /// "NAME=VALUE" of each option set, in order; VALUE is "..." for functions and objects.
   std::vector<std::string> options;
   /// How often each information was asked for.
   unsigned asked(CURLINFO information) const;
   std::vector<CURLINFO> informations;
+  /// "RCVBUF=BYTES" and "RCVBUFFORCE=BYTES" as the engine sets them on sockets, in order.
+  std::vector<std::string> socketOptions;
   /// The time-out of each wait for sockets.
   std::vector<int> waits;
+  /// How often the transfers were pumped.
+  unsigned performs = 0;
   /// "multi", "easy" and "form" for each handle given back, in order.
   std::vector<std::string> released;
 };

@@ -78,6 +78,9 @@ std::string RecordingTask::outcome() const {
 void MemoryHttp::SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,
                                          int httpCode) {
   completions.push_back(uri + " " + std::to_string(status) + " " + std::to_string(httpCode));
+  if (onCompletion) {
+    onCompletion();
+  }
 }
 
 bool MemoryHttp::SignalBytesAvailable(const std::string& uri, unsigned char* data,

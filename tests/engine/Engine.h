@@ -62,6 +62,7 @@ class MemoryHttp : public ctlserver::BaseHTTP {
   bool sizeKnown = true;
   std::function<bool()> accept;  ///< asked for each chunk
   std::function<void()> beforeFilling;
+  std::function<void()> onCompletion;
   unsigned long excess = 0;  ///< what FillUploadBuffer claims beyond what it was asked for
 };
 

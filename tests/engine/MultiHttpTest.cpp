@@ -118,6 +118,31 @@ TEST_F(MultiHttpTest, WhatTheEngineRefusesStaysInProgress) {
   EXPECT_TRUE(http_.start(false, kNobody, file));
 }
 
+TEST_F(MultiHttpTest, ANulIsRefusedAndHoldsNeitherUriNorFile) {
+  RawServer server(answering(okResponse("")));
+  const std::string file = write("file", "content");
+  const std::string uri = server.uri("/up");
+  const std::string cut("cut\0short", 9);
+  const auto expectRefused = [&](bool download, const std::string& at,
+                                 const variant::Variant::Map& fields, const std::string& line) {
+    fakes::reset();
+    EXPECT_FALSE(http_.start(download, at, file, variant::Variant(fields)));
+    EXPECT_THAT(logLines(), ElementsAre("3 multihttp.RegisterRequest: " + line));
+  };
+  for (const bool download : {true, false}) {
+    expectRefused(download, uri + std::string("\0/other", 7), {},
+                  "The URI holds a NUL, uri=" + uri);
+  }
+  expectRefused(false, uri, {{"a", cut}}, "The form field `a` holds a NUL");
+  expectRefused(false, uri, {{cut, "c"}}, "The form field `cut` holds a NUL");
+  EXPECT_EQ(readFile(file), "content");
+
+  EXPECT_TRUE(http_.start(false, uri, file));
+  ASSERT_TRUE(finish());
+  EXPECT_THAT(http_.completions, ElementsAre(uri + " 0 200"));
+  EXPECT_EQ(server.connections(), 1U);
+}
+
 TEST_F(MultiHttpTest, UnknownUrisAreLogged) {
   unsigned char byte = 0;
   unsigned long size = 7;

@@ -31,6 +31,8 @@ class Connection {
 
   /// 0 for the first connection the server accepted, 1 for the second, ...
   unsigned number() const { return number_; }
+  /// For a protocol below HTTP, as long as nothing was read or sent by the calls below.
+  int descriptor() const { return fd_; }
   /// Whether there was another whole request; it is in `request()` then, and in the server's log.
   bool readRequest();
   /// Reads a head only, and leaves what follows unread.

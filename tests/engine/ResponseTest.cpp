@@ -111,10 +111,10 @@ TEST_F(ResponseTest, ALoopOfRedirectionsEndsWithTheTimeOut) {
   EXPECT_GT(server.requests().size(), 1U);
 }
 
-TEST_F(ResponseTest, AFastLoopOfRedirectionsEndsWithTheLimitOnHeaders) {
-  RawServer server(answering("HTTP/1.1 301 Moved\r\nLocation: /file\r\nX-Long: " +
-                             std::string(10'000, 'x') + "\r\nContent-Length: 0\r\n\r\n"));
-  expectFailure(server, 56, 301);
+TEST_F(ResponseTest, ALoopOfRedirectionsEndsAfterThirty) {
+  RawServer server(answering("HTTP/1.1 301 Moved\r\nLocation: /file\r\nContent-Length: 0\r\n\r\n"));
+  expectFailure(server, 47, 301);
+  EXPECT_EQ(server.requests().size(), 31U);
 }
 
 TEST_F(ResponseTest, ARedirectionToALocalFileIsRefused) {
@@ -159,13 +159,6 @@ TEST_F(ResponseTest, AZippedBodyIsStoredAsItCame) {
                              std::to_string(zipped.size()) + "\r\n\r\n" + zipped));
   EXPECT_EQ(fetch(server.uri()), "success");
   EXPECT_EQ(fetched(), zipped);
-}
-
-TEST_F(ResponseTest, AHeaderOf64KiBIsTaken) {
-  RawServer server(answering("HTTP/1.1 200 OK\r\nX-Long: " + std::string(65'536, 'x') +
-                             "\r\nContent-Length: 4\r\n\r\nbody"));
-  EXPECT_EQ(fetch(server.uri()), "success");
-  EXPECT_EQ(fetched(), "body");
 }
 
 TEST_F(ResponseTest, BytesBeyondTheAnnouncedLengthAreDropped) {
@@ -226,11 +219,11 @@ TEST_F(ResponseTest, AServerThatTricklesTimesOut) {
   EXPECT_THAT(fetched(), ::testing::StartsWith("xxx"));
 }
 
-TEST_F(ResponseTest, AConnectionIsUsedAgain) {
+TEST_F(ResponseTest, EachTransferHasAConnectionOfItsOwn) {
   RawServer server(answering(okResponse("body")));
   EXPECT_EQ(fetch(server.uri("/1")), "success");
   EXPECT_EQ(fetch(server.uri("/2")), "success");
-  EXPECT_EQ(server.connections(), 1U);
+  EXPECT_EQ(server.connections(), 2U);
   EXPECT_EQ(server.requests().size(), 2U);
 }
 
@@ -239,20 +232,6 @@ TEST_F(ResponseTest, AConnectionClosedBetweenTransfersIsReplaced) {
   EXPECT_EQ(fetch(server.uri("/1")), "success");
   EXPECT_EQ(fetch(server.uri("/2")), "success");
   EXPECT_EQ(fetched(), "body");
-  EXPECT_EQ(server.connections(), 2U);
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_F(ResponseTest, AConnectionClosedUnderTheSecondRequestIsReplaced) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send(okResponse("body"));
-    if (connection.number() == 0) {
-      connection.readHead();  // taken, never answered
-    }
-  });
-  EXPECT_EQ(fetch(server.uri("/1")), "success");
-  EXPECT_EQ(fetch(server.uri("/2")), "success");
   EXPECT_EQ(server.connections(), 2U);
   EXPECT_THAT(logLines(), IsEmpty());
 }

@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <memory>
 
 #include "Certificates.h"
 #include "Engine.h"
 #include "TlsFiles.h"
+#include "kova/utils/Handle.h"
 
 namespace kova::engine {
 namespace {
@@ -19,7 +19,7 @@ using ctlserver::verifyCustomCert;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using Store = std::unique_ptr<X509_STORE_CTX, OpenSslReleaser<X509_STORE_CTX_free>>;
+using Store = utils::Handle<X509_STORE_CTX, X509_STORE_CTX_free>;
 
 class TlsPinningTest : public EngineTest {
  protected:

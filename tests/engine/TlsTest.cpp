@@ -2,13 +2,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 
 #include "Engine.h"
+#include "RawServer.h"
 #include "TlsFiles.h"
 #include "WebServer.h"
 
@@ -172,6 +176,73 @@ TEST_F(TlsTest, WithoutACaFileTheSystemsAuthoritiesCount) {
   expectRefused(*web, {kMismatch}, "");
   pin(selfSigned_.certificatePem());
   EXPECT_EQ(fetch(*web, ""), "success");
+}
+
+/// Plants `authority` where OpenSSL and libcurl look for the system's, for a test's duration.
+class SystemAuthority {
+ public:
+  explicit SystemAuthority(const Identity& authority) {
+    std::array<char, 32> name{};
+    std::snprintf(name.data(), name.size(), "/%08lx.0",
+                  X509_subject_name_hash(authority.certificate.get()));
+    mounted_ = mount("tmpfs", kFolder, "tmpfs", 0, nullptr) == 0;
+    EXPECT_TRUE(mounted_);
+    writeFile(kFolder + std::string(name.data()), authority.certificatePem());
+    setenv("SSL_CERT_DIR", kFolder, 1);
+    setenv("SSL_CERT_FILE", (kFolder + std::string(name.data())).c_str(), 1);
+  }
+  ~SystemAuthority() {
+    unsetenv("SSL_CERT_DIR");
+    unsetenv("SSL_CERT_FILE");
+    if (mounted_) {
+      umount(kFolder);
+    }
+  }
+  SystemAuthority(const SystemAuthority&) = delete;
+  SystemAuthority& operator=(const SystemAuthority&) = delete;
+
+ private:
+  static constexpr const char* kFolder = "/etc/ssl/certs";
+  bool mounted_ = false;
+};
+
+TEST_F(TlsTest, TheSystemsAuthoritiesAreNotTrusted) {
+  const Identity foreign = makeIdentity({.issuer = &stranger_});
+  const SystemAuthority planted(stranger_);
+  pin(ca_.certificatePem());
+  const auto web = serve({.identity = &foreign});
+  expectRefused(*web, {kMismatch}, kDefaultCa);
+}
+
+TEST_F(TlsTest, AServerIsNotTrustedLongerThanItsCertificate) {
+  pin(selfSigned_.certificatePem());
+  const auto web = serve({.identity = &selfSigned_, .keptAlive = true});
+  EXPECT_EQ(fetch(*web, kDefaultCa), "success");
+  pin(stranger_.certificatePem());
+  EXPECT_EQ(fetch(*web, kDefaultCa), "failure 1 0");
+  EXPECT_EQ(web->requests().size(), 1U);
+}
+
+TEST_F(TlsTest, HttpsIsNeverRedirectedToHttpButHttpToHttps) {
+  pin(selfSigned_.certificatePem());
+  RawServer plain(answering(okResponse("secret")));
+  const auto web = serve({.identity = &selfSigned_});
+  web->server().Get("/down", [&](const auto&, httplib::Response& response) {
+    response.set_redirect(plain.uri("/file"));
+  });
+  RawServer entrance(answering("HTTP/1.1 302 Found\r\nLocation: " + web->uri("/down") +
+                               "\r\nContent-Length: 0\r\n\r\n"));
+  for (const std::string& uri : {web->uri("/down"), entrance.uri("/file")}) {
+    RecordingTask task(uri, path("file"));
+    EXPECT_EQ(run(task), "failure 1 302");
+  }
+  EXPECT_EQ(plain.connections(), 0U);
+
+  RawServer upwards(answering("HTTP/1.1 302 Found\r\nLocation: " + web->uri("/file") +
+                              "\r\nContent-Length: 0\r\n\r\n"));
+  RecordingTask task(upwards.uri(), path("file"));
+  EXPECT_EQ(run(task), "success");
+  EXPECT_EQ(readFile(path("file")), "secret");
 }
 
 class ClientCertificateTest : public TlsTest, public ::testing::WithParamInterface<int> {

@@ -118,6 +118,16 @@ TEST_F(TransferFailureTest, AnUnknownSizeThatReachesTheLimitInOneChunkPasses) {
   EXPECT_EQ(readFile(path("file")).size(), 1000U);
 }
 
+TEST_F(TransferFailureTest, AnAnnouncedSizeOfZeroIsUnknown) {
+  RecordingTask task("http://127.0.0.1:1/x", path("file"));
+  task.setMaxSz(3);
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  unsigned char data[] = "data";
+  EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 4, 0));
+  EXPECT_EQ(task.outcome(), "failure 6 0");
+}
+
 TEST_F(TransferFailureTest, ALimitOfZeroIsNone) {
   RecordingTask task("http://127.0.0.1:1/x", path("file"));
   ASSERT_TRUE(service().add(&task));

@@ -30,7 +30,7 @@ std::unique_ptr<httplib::Server> makeServer(const TlsSetup& tls) {
 
 WebServer::WebServer(const TlsSetup& tls)
     : server_(makeServer(tls)), scheme_(tls.identity == nullptr ? "http" : "https") {
-  server_->set_keep_alive_max_count(1);
+  server_->set_keep_alive_max_count(tls.keptAlive ? 100 : 1);
   // The server's own log comes after the answer: the client may have asked for the list by then.
   server_->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
     const std::lock_guard lock(mutex_);

@@ -17,10 +17,12 @@ struct TlsSetup {
   const Identity* identity = nullptr;  ///< what it shows; null speaks plain HTTP
   const Identity* clientCa = nullptr;  ///< demands a client certificate of this authority
   int version = 0;                     ///< the only protocol version, 0 for any (TLS1_2_VERSION)
+  bool keptAlive = false;              ///< serves further requests of a connection
 };
 
 /// An ordinary HTTP or HTTPS server on a free port of the loopback interface, on threads of its
-/// own. Handlers are added to `server` before start(). Each connection serves one request.
+/// own. Handlers are added to `server` before start(). Each connection serves one request unless
+/// the setup says otherwise.
 class WebServer {
  public:
   explicit WebServer(const TlsSetup& tls = {});

@@ -18,6 +18,19 @@ namespace {
 
 std::unique_ptr<Ipc> instance;
 
+// As it was sent: the accessor would repair a name that is missing or mistyped.
+std::string functionNameOf(const variant::Variant& message) {
+  const variant::Variant* name = message.Find("functionName");
+  return name != nullptr ? name->ToText() : std::string();
+}
+
+// D-Bus specification, "Bus names".
+bool isEndpoint(const std::string& name) {
+  constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.";
+  return !name.empty() && name.size() < 250 && name.find_first_not_of(kLetters) == name.npos &&
+         name.front() != '.' && name.back() != '.' && name.find("..") == name.npos;
+}
+
 }  // namespace
 
 Ipc* Ipc::GetInstance() {
@@ -43,11 +56,17 @@ bool Ipc::Init(const std::string& endpoint, bool receiveBroadcasts,
                TransactionsHandler* transactions) {
   platform().note("Ipc::Init " + endpoint + (receiveBroadcasts ? " broadcasts" : "") +
                   (transactions != nullptr ? " transactions" : ""));
+  if (!platform().bus.initResult || !connection_->endpoint.empty()) {
+    return false;
+  }
   connection_->endpoint = endpoint;
-  return platform().bus.initResult;
+  return true;
 }
 
 bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
+  if (handler == nullptr) {
+    return false;
+  }
   platform().note("Ipc::AddHandler \"" + functionName + "\" " + handler->name());
   return connection_->handlers.emplace(functionName, handler).second && platform().bus.addResult;
 }
@@ -55,42 +74,59 @@ bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
 bool Ipc::Service(unsigned timeoutMs) {
   platform().note("Ipc::Service " + std::to_string(timeoutMs));
   auto& bus = platform().bus;
+  if (connection_->endpoint.empty()) {
+    return false;
+  }
   for (; !bus.pending.empty(); bus.pending.pop_front()) {
     messages::BaseRequestMessage request(bus.pending.front());
-    auto found = connection_->handlers.find(request.functionName());
+    const std::string name = functionNameOf(request);
+    auto found = connection_->handlers.find(name);
     if (found == connection_->handlers.end()) {
       found = connection_->handlers.find("");
     }
     bool rejected = found == connection_->handlers.end();
     if (!rejected) {
-      found->second->HandleRequest(request, rejected);
+      bus.handling = request.id();
+      const bool handled = found->second->HandleRequest(request, rejected);
+      if (!handled && !rejected) {
+        bus.unhandled.push_back(name);
+      }
+      bus.handling.reset();
     }
     if (rejected) {
-      bus.unhandled.push_back(request.functionName());
+      bus.unhandled.push_back(name);
     }
   }
   return !bus.onService || bus.onService();
 }
 
 bool Ipc::SendRequest(messages::BaseRequestMessage& request) {
+  if (request.from().empty()) {
+    request.from(connection_->endpoint);
+  }
   request.NormalizeFields();
   platform().note("Ipc::SendRequest " + request.functionName());
+  if (!request.isBroadcast() && !isEndpoint(request.to())) {
+    return false;
+  }
   platform().bus.sent.push_back(request);
   return platform().bus.sendResult;
 }
 
 bool Ipc::SendResponse(messages::BaseRequestMessage& request,
                        messages::BaseResponseMessage& response) {
+  auto& handling = platform().bus.handling;
+  if (handling != request.id()) {
+    return false;
+  }
+  handling.reset();
   response.requestId(request.id());
   response.to(request.from());
+  response.from(connection_->endpoint);
   response.NormalizeFields();
   platform().note("Ipc::SendResponse");
   platform().bus.responses.emplace_back(request, response);
   return platform().bus.sendResult;
-}
-
-const std::string& Ipc::Endpoint() const {
-  return connection_->endpoint;
 }
 
 bool Ipc::IsPresent(const std::string&) const {

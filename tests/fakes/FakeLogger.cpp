@@ -6,7 +6,14 @@
 
 namespace kova::logger {
 
-void logInternal(const char* identity, const char* unit, const char* function, int, int level,
+void openSystemLog(const char* identity, int options, int facility) {
+  fakes::platform().note(std::string("openSystemLog ") + identity + " " + std::to_string(options) +
+                         " " + std::to_string(facility));
+}
+
+void flushRepeats() {}
+
+void logInternal(const char* identity, const char* unit, const char* function, int line, int level,
                  int error, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
@@ -16,7 +23,7 @@ void logInternal(const char* identity, const char* unit, const char* function, i
   std::vsnprintf(text.data(), text.size() + 1, format, again);
   va_end(again);
   va_end(arguments);
-  fakes::platform().log.push_back({unit, function, level, error, std::move(text), identity});
+  fakes::platform().log.push_back({unit, function, level, error, std::move(text), identity, line});
 }
 
 }  // namespace kova::logger

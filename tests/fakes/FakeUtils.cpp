@@ -21,6 +21,9 @@ void sleepMs(int milliseconds) {
   if (milliseconds > 0) {
     platform().nowMs += static_cast<std::uint64_t>(milliseconds);
   }
+  if (--platform().sleepsLeft < 0) {
+    throw fakes::EndlessWait();
+  }
   if (platform().onSleep) {
     platform().onSleep(milliseconds);
   }
@@ -79,9 +82,25 @@ bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, 
   }
   if (pid != nullptr) {
     terms += " (process id wanted)";
-    *pid = 4242;
   }
-  return runRecorded(program, arguments, terms).status == 0;
+  if (runRecorded(program, arguments, terms).status != 0) {
+    return false;
+  }
+  auto& background = platform().background;
+  const int id = background.empty() ? 4242 : background.rbegin()->first + 1;
+  background.emplace(id, program);
+  if (pid != nullptr) {
+    *pid = id;
+  }
+  return true;
+}
+
+void endDaemon(const std::string& program) {
+  platform().note("endDaemon " + program);
+  std::erase_if(platform().background, [&](const auto& entry) { return entry.second == program; });
+  if (platform().onEndDaemon) {
+    platform().onEndDaemon(program);
+  }
 }
 
 int kill_process_by_name(const std::string& name, int signal) {

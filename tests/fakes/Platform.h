@@ -4,8 +4,10 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -26,8 +28,13 @@ struct LogLine {
   int error;
   std::string text;
   std::string identity = "kova_ctlserver";  ///< the daemon's own, unless a library speaks
+  int line = 0;                             ///< source line, which no comparison looks at
 
-  bool operator==(const LogLine&) const = default;
+  bool operator==(const LogLine& other) const {
+    return std::tie(unit, function, level, error, text, identity) ==
+           std::tie(other.unit, other.function, other.level, other.error, other.text,
+                    other.identity);
+  }
 };
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
@@ -73,8 +80,11 @@ struct Bus {
   std::vector<variant::Variant> sent;  ///< requests and events
   std::vector<std::pair<variant::Variant, variant::Variant>> responses;  ///< with their requests
   std::deque<variant::Variant> pending;  ///< delivered by the next Service()
-  std::vector<std::string> unhandled;    ///< function names of pending messages that were rejected
+  std::vector<std::string> unhandled;    ///< function names of messages rejected or not handled
   std::function<bool()> onService;       ///< runs in each Service(); its result is Service's
+  /// Id of the request that is being handled, the only one that a response can go to, once. Set by
+  /// Service(), and by a test that calls a handler itself.
+  std::optional<std::uint64_t> handling;
 };
 
 /// The configuration store. Changes reach `values` at a close() that stores.
@@ -120,6 +130,10 @@ struct Platform {
   /// Decides what a program does; without it every program succeeds silently.
   std::function<ProcessResult(const std::string& command)> onRun;
 
+  /// What runDaemon() started and endDaemon() has not ended: programs by process id.
+  std::map<int, std::string> background;
+  std::function<void(const std::string& program)> onEndDaemon;
+
   std::vector<std::string> signalled;  ///< "NAME SIGNAL"
   std::function<bool(const std::string& verb, const std::string& name)> onService;
   bool setTimeZoneResult = true;
@@ -134,6 +148,9 @@ struct Platform {
   Accounts accounts;
   Button button;
 
+  /// Ends a wait that nothing else would end: after so many sleeps sleepMs() throws EndlessWait.
+  int sleepsLeft = 10'000;
+
   /// Whether a log line of exactly this level and text was written.
   bool logged(int level, const std::string& text) const;
   /// The log lines' texts.
@@ -146,6 +163,9 @@ Platform& platform();
 
 /// Back to a fresh platform: all succeed, all is empty.
 void reset();
+
+/// Thrown by a sleep of a program that only waits.
+struct EndlessWait {};
 
 /// Thrown in place of the process's end by kova::utils::forceCrash().
 struct ForcedCrash {};

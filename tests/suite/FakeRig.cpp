@@ -23,6 +23,8 @@ ProcessResult script(const std::string& command) {
       {"/bin/echo one  two", {0, "one  two\n", ""}},
       {"/bin/sh -c echo lost >&2; exit 7", {7, "", "lost\n"}},
       {"/usr/bin/seq 1000", {0, countTo(1000), ""}},
+      {"/bin/sleep 60", {}},
+      {"/usr/bin/tail -f /dev/null", {}},
   };
   return kPrograms.at(command);
 }
@@ -44,6 +46,10 @@ void removeStore() {
 
 void writeAccounts(const std::map<std::string, std::string>& hashes) {
   platform().accounts.hashes = hashes;
+}
+
+bool isRunning(int pid) {
+  return platform().background.contains(pid);
 }
 
 }  // namespace kova::suite

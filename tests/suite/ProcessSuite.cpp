@@ -4,6 +4,7 @@
 namespace kova::suite {
 namespace {
 
+using utils::endDaemon;
 using utils::runDaemon;
 using utils::sysExec;
 using utils::sysExecSimple;
@@ -51,6 +52,23 @@ TEST_F(ProcessSuite, BackgroundProgramGetsAnId) {
   EXPECT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/true", 0));
   EXPECT_GT(pid, 0);
   EXPECT_TRUE(runDaemon(nullptr, nullptr, nullptr, "/bin/echo", 2, "one ", "two"));
+}
+
+TEST_F(ProcessSuite, BackgroundProgramsAreEndedByTheirName) {
+  int first = 0;
+  int second = 0;
+  int other = 0;
+  ASSERT_TRUE(runDaemon(nullptr, nullptr, &first, "/bin/sleep", 1, "60"));
+  ASSERT_TRUE(runDaemon(nullptr, nullptr, &second, "/bin/sleep", 1, "60"));
+  ASSERT_TRUE(runDaemon(nullptr, nullptr, &other, "/usr/bin/tail", 2, "-f", "/dev/null"));
+  EXPECT_NE(first, second);
+  EXPECT_TRUE(isRunning(first) && isRunning(second));
+  endDaemon("/bin/sleep");
+  EXPECT_FALSE(isRunning(first) || isRunning(second));
+  EXPECT_TRUE(isRunning(other));
+  endDaemon("/bin/sleep");
+  endDaemon("/usr/bin/tail");
+  EXPECT_FALSE(isRunning(other));
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <csignal>
+
 #include "../PrivateRoot.h"
 #include "Rig.h"
 #include "kova/utils/File.h"
@@ -44,6 +46,10 @@ void writeAccounts(const std::map<std::string, std::string>& hashes) {
     text.append(name).append(":").append(hash).append(":0:0::/root:/bin/sh\n");
   }
   write(kAccounts, text);
+}
+
+bool isRunning(int pid) {
+  return kill(pid, 0) == 0;
 }
 
 }  // namespace kova::suite

@@ -20,6 +20,9 @@ void removeStore();
 /// The accounts there are then: name and hash field.
 void writeAccounts(const std::map<std::string, std::string>& hashes);
 
+/// Whether a program of that process id, which runDaemon() gave, runs still.
+bool isRunning(int pid);
+
 class PlatformSuite : public testing::Test {
  protected:
   void SetUp() override { startAfresh(); }

@@ -1,32 +1,34 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "SharedCamera.h"
+#include "SystemCfg.h"
 
 namespace kova::system_test {
 namespace {
 
+constexpr char kAccounts[] =
+    "outsider:x:1101:1101::/:/bin/sh\nmember:x:1102:1102::/:/bin/sh\n"
+    "other:secret:1103:1103::/:/bin/sh\n";
+constexpr char kGroups[] =
+    "root:x:0:\nkova:x:990:member,other,admin\noutsider:x:1101:\nmember:x:1102:\nother:x:1103:\n";
+constexpr gid_t kGroup = 990;  // of "kova" in a virtual camera
+
 // Becoming another user inside needs a camera that has more than one: one that root has booted.
-class AccessSystem : public UnharmedCamera {
+class AccessSystem : public SharedCamera {
  protected:
   void SetUp() override {
     if (geteuid() != 0) {
       GTEST_SKIP() << "a camera booted by an ordinary user has only that one user";
     }
-    UnharmedCamera::SetUp();
-    const auto etc = camera().root() / "etc";
-    const std::string accounts = readFile(etc / "passwd");
-    if (accounts.find("outsider") == std::string::npos) {
-      writeFile(etc / "passwd", accounts +
-                                    "outsider:x:1101:1101::/:/bin/sh\n"
-                                    "member:x:1102:1102::/:/bin/sh\n");
-      writeFile(etc / "group", "root:x:0:\nkova:x:990:member\noutsider:x:1101:\nmember:x:1102:\n");
-    }
+    SharedCamera::SetUp();
+    writeFile(etc() / "passwd", readFile(factory() / "passwd") + kAccounts);
+    writeFile(etc() / "group", kGroups);
+    writeFile(systemCfg(camera()), readFile(factory() / "system.cfg"));
   }
-  void TearDown() override {
-    if (geteuid() == 0) {
-      UnharmedCamera::TearDown();
-    }
-  }
+
+  static std::filesystem::path etc() { return camera().root() / "etc"; }
+  static std::filesystem::path factory() { return camera().root() / "usr/share/factory/etc"; }
 
   static Result send(const std::string& user) {
     return as(user, {"kova.kova_ctlserver", "/kova", "kova.Ipc1", "Send", "a{sv}", "2",
@@ -43,9 +45,27 @@ class AccessSystem : public UnharmedCamera {
                                   result.err.find("Sender is not authorized") != std::string::npos);
   }
 
+  static bool refused(const Result& result) {
+    return result.status != 0 && result.err.find("Permission denied") != std::string::npos;
+  }
+
+  /// Starts the bus again, and returns once the daemon, which ends with it, serves again.
+  static void restartBus() {
+    const pid_t daemon = controlServer(camera()).pid();
+    ASSERT_EQ(camera().exec({"sv", "restart", "/etc/service/kova_bus"}).status, 0);
+    ASSERT_TRUE(eventually([daemon] {
+      const auto now = processesOf(camera(), "kova_ctlserver");
+      return now.size() == 1 && now.front() != daemon;
+    }));
+    ASSERT_TRUE(camera().waitForService());
+  }
+
  private:
+  // By number, as a service is given its user and groups: it needs no account line.
   static Result as(const std::string& user, const std::vector<std::string>& call) {
-    const std::string groups = user == "member" ? "member:member:kova" : user + ":" + user;
+    const std::string groups = user == "member"  ? ":1102:1102:990"
+                               : user == "other" ? ":1103:1103:990"
+                                                 : ":1101:1101";
     std::vector<std::string> command = {
         "chpst", "-u", groups, "busctl", "--address=unix:path=/run/kova/bus", "call"};
     command.insert(command.end(), call.begin(), call.end());
@@ -53,10 +73,18 @@ class AccessSystem : public UnharmedCamera {
   }
 };
 
-TEST_F(AccessSystem, AnOutsiderNeitherSendsNorOwnsAName) {
-  EXPECT_TRUE(denied(send("outsider"))) << send("outsider").err;
+TEST_F(AccessSystem, TheSocketsFolderIsOpenToRootAndTheGroupAlone) {
+  struct stat folder {};
+  ASSERT_EQ(stat((camera().root() / "run/kova").c_str(), &folder), 0);
+  EXPECT_EQ(folder.st_mode & 07777U, 0750U);
+  EXPECT_EQ(folder.st_uid, 0U);
+  EXPECT_EQ(folder.st_gid, kGroup);
+}
+
+TEST_F(AccessSystem, AnOutsiderDoesNotReachTheBus) {
+  EXPECT_TRUE(refused(send("outsider"))) << send("outsider").err;
   for (const char* name : {"kova.client.x", "kova.kova_ctlserver", "kova.other"}) {
-    EXPECT_TRUE(denied(own("outsider", name))) << name;
+    EXPECT_TRUE(refused(own("outsider", name))) << name;
   }
 }
 
@@ -68,6 +96,65 @@ TEST_F(AccessSystem, AMemberOfTheGroupSendsAndOwnsClientNamesOnly) {
   for (const char* name : {"kova.kova_ctlserver", "kova.other", "kova.client"}) {
     EXPECT_TRUE(denied(own("member", name))) << name;
   }
+}
+
+class AccessAfterPasswordChange : public AccessSystem {
+ protected:
+  void SetUp() override {
+    AccessSystem::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
+    ASSERT_NO_FATAL_FAILURE(restartBus());
+    const Result changed = camera().ctl({"user", "passwd", "--stdin"}, "admin\nother\n");
+    ASSERT_EQ(changed.status, 0) << changed.err;
+    ASSERT_EQ(passwd().find('\n'), passwd().size() - 1) << "the administrator's line alone is left";
+  }
+
+  static std::string passwd() { return readFile(etc() / "passwd"); }
+};
+
+TEST_F(AccessAfterPasswordChange, MembersCallWhetherTheyDidBeforeOrNot) {
+  for (const char* member : {"member", "other"}) {
+    const Result sent = send(member);
+    EXPECT_EQ(sent.status, 0) << member << sent.err;
+  }
+  EXPECT_TRUE(refused(send("outsider")));
+}
+
+TEST_F(AccessAfterPasswordChange, MembersCallOnceTheBusHasRestarted) {
+  const std::string administrator = passwd();
+  ASSERT_NO_FATAL_FAILURE(restartBus());
+  for (const char* member : {"member", "other"}) {
+    const Result sent = send(member);
+    EXPECT_EQ(sent.status, 0) << member << sent.err;
+    EXPECT_TRUE(denied(own(member, "kova.other")));
+  }
+  EXPECT_EQ(own("member", "kova.client.x").out, "u 1\n");
+  EXPECT_TRUE(refused(send("outsider")));
+  EXPECT_EQ(passwd(), administrator +
+                          "member:*:1102:1102::/:/bin/sh\n"
+                          "other:*:1103:1103::/:/bin/sh\n")
+      << "no password, and no other account";
+}
+
+TEST_F(AccessAfterPasswordChange, MembersCallAfterASaveAndAReboot) {
+  const int boot = camera().boots();
+  ASSERT_EQ(camera().ctl({"save", "--sync"}).status, 0);
+  ASSERT_EQ(camera().exec({"/usr/bin/reboot"}).status, 0);
+  ASSERT_TRUE(camera().waitForBoot(boot + 1));
+  EXPECT_EQ(send("member").status, 0);
+}
+
+TEST_F(AccessAfterPasswordChange, WhoLeftTheGroupIsForgotten) {
+  writeFile(etc() / "group", "root:x:0:\nkova:x:990:other\n");
+  ASSERT_NO_FATAL_FAILURE(restartBus());
+  EXPECT_EQ(passwd().find("member"), std::string::npos);
+  EXPECT_NE(send("member").status, 0);
+  EXPECT_EQ(send("other").status, 0);
+  writeFile(etc() / "group", kGroups);
+  ASSERT_NO_FATAL_FAILURE(restartBus());
+  EXPECT_EQ(passwd().find("member"), std::string::npos);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <systemd/sd-bus.h>
+#include <kova_sd_bus.h>
 
 #include <cstddef>
 #include <functional>

@@ -22,6 +22,15 @@ constexpr char kShortHoldModel[] = R"({
 
 class ButtonSystem : public SharedCamera {
  protected:
+  // In milliseconds, as the log tells them.
+  static std::vector<int> heldTimes(const LogMark& mark) {
+    std::vector<int> times;
+    for (const std::string& line : mark.linesWith(kUp)) {
+      times.push_back(std::stoi(line.substr(line.find(kUp) + sizeof kUp - 1)));
+    }
+    return times;
+  }
+
   // Ends with a press of which everything is told before this returns: what an earlier movement of
   // the button caused is in the log then.
   static void pressShortly(const LogMark& mark) {
@@ -61,7 +70,52 @@ TEST_F(ButtonSystem, AShortPressOnlyStandsInTheLog) {
   EXPECT_EQ(mark.linesWith(kUp).size(), 1U);
   EXPECT_TRUE(mark.linesWith(kRelease).empty());
   EXPECT_TRUE(mark.linesWith("PlayState").empty());
+  // A save or a reset would come five seconds after it was asked for.
+  const std::string tools = camera().tools();
+  EXPECT_FALSE(eventually([&] { return camera().tools() != tools; }, seconds(6)));
   EXPECT_EQ(camera().boots(), boot);
+}
+
+TEST_F(ButtonSystem, HoldBelowTheThresholdCannotBeReleasedForAReset) {
+  constexpr int kThresholdMs = 5000;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const LogMark mark(camera());
+    camera().pressButton(true);
+    EXPECT_TRUE(mark.waitFor(kDown));
+    std::this_thread::sleep_for(milliseconds(kThresholdMs - 700));
+    camera().pressButton(false);
+    EXPECT_TRUE(mark.waitFor(kUp));
+    const int held = heldTimes(mark).at(0);
+    if (held <= kThresholdMs) {
+      EXPECT_GT(held, kThresholdMs - 1000);
+      EXPECT_TRUE(mark.linesWith(kRelease).empty()) << mark.text();
+      return;
+    }
+  }
+  GTEST_SKIP() << "the machine is too busy to hold a button for a given time";
+}
+
+// Nobody looks at the button while the configuration is saved.
+TEST_F(ButtonSystem, TapsBeforeAndAfterASlowSaveAreNoHold) {
+  constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m\n";
+  const LogMark mark(camera());
+  const std::size_t saves = occurrences(camera().tools(), kSave);
+  camera().misbehave("cfgmtd", "sleep", "6.5");
+  camera().pressButton(true);
+  EXPECT_TRUE(mark.waitFor(kDown));
+  std::thread saving([] { EXPECT_EQ(camera().ctl({"save", "--sync"}).status, 0); });
+  EXPECT_TRUE(eventually([&] { return occurrences(camera().tools(), kSave) > saves; }));
+  camera().pressButton(false);
+  camera().pressButton(true);
+  saving.join();
+  camera().behave("cfgmtd");
+  EXPECT_TRUE(eventually([&] { return mark.linesWith(kDown).size() == 2; })) << mark.text();
+  camera().pressButton(false);
+  EXPECT_TRUE(eventually([&] { return mark.linesWith(kUp).size() == 2; }));
+  for (const int held : heldTimes(mark)) {
+    EXPECT_LT(held, 5000) << mark.text();
+  }
+  EXPECT_TRUE(mark.linesWith(kRelease).empty()) << mark.text();
 }
 
 TEST_F(ButtonSystem, ABouncingContactIsNoPress) {
@@ -127,6 +181,31 @@ TEST_F(ButtonSystem, HeldPastItsModelsThresholdItGivesTheFactorysSettingsBack) {
   other.camera.pressButton(false);
   usual.expectReset("Kova Virtual Camera");
   other.expectReset("Short Hold");
+}
+
+constexpr char kLostButton[] = R"({
+  "name": "Lost Button", "sysid": 1, "feature_wifi": 0, "feature_battery": 0,
+  "reset_button_gpio": "/run/gpio/lost/value"
+})";
+
+TEST(ButtonSystemWithoutLine, CameraWhoseButtonCannotBeReadServes) {
+  Camera camera(kLostButton);
+  const LogMark mark(camera);
+  EXPECT_EQ(camera.ctl({"stats"}).status, 0);
+  EXPECT_EQ(occurrences(camera.log(), "Cannot read the button at /run/gpio/lost/value"), 1U);
+  EXPECT_EQ(occurrences(camera.log(), "Failed to service reset button case"), 0U);
+}
+
+TEST(ButtonSystemWithoutLine, LineThatIsLostIsToldOnce) {
+  Camera camera;
+  const LogMark mark(camera);
+  writeFile(camera.root() / "run/gpio/reset_button/value", "");
+  EXPECT_TRUE(mark.waitFor(": Failed to service reset button case"));
+  EXPECT_FALSE(eventually(
+      [&] { return occurrences(mark.text(), ": Failed to service reset button case") > 1; },
+      seconds(3)));
+  EXPECT_EQ(occurrences(mark.text(), ": Cannot read the button at"), 1U);
+  EXPECT_EQ(camera.ctl({"stats"}).status, 0);
 }
 
 }  // namespace

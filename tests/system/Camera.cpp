@@ -61,7 +61,7 @@ Camera::Camera(const std::string& description) {
   }
   folder_ = folder;
   if (!description.empty()) {
-    description_ = folder_ / "camera_info.json";
+    description_ = folder_.string() + ".json";  // a camera takes no folder that holds anything
     writeFile(description_, description);
   }
   start();
@@ -71,6 +71,9 @@ Camera::~Camera() {
   stop();
   std::error_code ignored;  // nothing more can be done about a file that will not go
   fs::remove_all(folder_, ignored);
+  if (!description_.empty()) {
+    fs::remove(description_, ignored);
+  }
 }
 
 Result Camera::script(std::vector<std::string> arguments, const std::string& input) const {

@@ -41,6 +41,7 @@ TEST_F(GetSystem, WithEventsDisabledAFailureIsSilent) {
 }
 
 TEST_F(GetSystem, AFormFieldThatIsNoTextFailsTheTransfer) {
+  const LogMark mark(camera());
   // The file of such a transfer stays taken, so each has one of its own.
   int number = 900;
   for (const Variant& value : {Variant(7), Variant(true), Variant(), Variant(1.5),
@@ -52,7 +53,7 @@ TEST_F(GetSystem, AFormFieldThatIsNoTextFailsTheTransfer) {
               "TRANSFER_FAILED");
   }
   EXPECT_FALSE(manager().received("never").has_value());
-  EXPECT_NE(camera().log().find("Only strings are allowed in the form fields"), std::string::npos);
+  EXPECT_TRUE(mark.waitFor("Only strings are allowed in the form fields"));
 }
 
 TEST_F(GetSystem, NoFileNameLeadsOutOfItsPattern) {
@@ -76,6 +77,72 @@ TEST_F(GetSystem, AFileNameOfAMillionDigitsIsWithinThePatternAndNoFile) {
   const std::string filename = "motionsnap_" + std::string(1'000'000, '7') + ".jpg";
   EXPECT_EQ(requester().outcome(get("eventSnapshot", "x", {{"filename", filename}})),
             "TRANSFER_FAILED");
+}
+
+/// What stands in /tmp/snap.jpeg in the place of a picture is not sent, and the log says why.
+class PlantedSystem : public GetSystem {
+ protected:
+  void SetUp() override {
+    GetSystem::SetUp();
+    std::filesystem::remove(snapshot_);
+  }
+  void TearDown() override {
+    std::filesystem::remove(snapshot_);
+    GetSystem::TearDown();
+  }
+  void expectUnsent(const std::string& why) {
+    const LogMark mark(camera());
+    EXPECT_EQ(requester().outcome(get("snapshot", "planted")), "TRANSFER_FAILED");
+    EXPECT_TRUE(mark.waitFor(": Refused to open /tmp/snap.jpeg: " + why)) << mark.text();
+    EXPECT_FALSE(manager().received("planted").has_value());
+  }
+
+  const std::filesystem::path snapshot_ = inside("/tmp/snap.jpeg");
+};
+
+TEST_F(PlantedSystem, ALinkToTheKeyIsNotSent) {
+  std::filesystem::create_symlink("/etc/persistent/server.pem", snapshot_);
+  expectUnsent("it is a symbolic link");
+}
+
+TEST_F(PlantedSystem, ASecondNameIsNotSent) {
+  std::filesystem::create_hard_link(inside("/etc/passwd"), snapshot_);
+  expectUnsent("it has a second name");
+}
+
+TEST_F(PlantedSystem, APipeIsNotSentAndHoldsNobodyUp) {
+  ASSERT_EQ(camera().shell("mkfifo /tmp/snap.jpeg").status, 0);
+  expectUnsent("it is no regular file");
+}
+
+TEST_F(PlantedSystem, SomebodyElsesFileIsNotSent) {
+  writeFile(snapshot_, picture_);
+  if (camera().shell("chown nobody /tmp/snap.jpeg || chown 65534 /tmp/snap.jpeg").status != 0) {
+    GTEST_SKIP() << "there is but one user in this camera";
+  }
+  expectUnsent("it belongs to somebody else");
+}
+
+TEST_F(GetSystem, AFileBeyondItsMaximumIsNotSent) {
+  const struct {
+    const char* what;
+    const char* file;
+    std::uintmax_t maxSz;
+  } kinds[] = {{"snapshot", "/tmp/snap.jpeg", 200'000},
+               {"eventHeatmap", "/tmp/heatmap_12.png", 65'536}};
+  for (const auto& [what, file, maxSz] : kinds) {
+    std::filesystem::resize_file(inside(file), maxSz + 1);
+    const std::size_t before = manager().requests("POST /upload/large");
+    const LogMark mark(camera());
+    EXPECT_EQ(requester().outcome(get(what, "large", {{"filename", "heatmap_12.png"}})),
+              "TRANSFER_TOOLARGE");
+    EXPECT_TRUE(mark.waitFor("reason=TRANSFER_TOOLARGE(6), httpCode=0"));
+    EXPECT_EQ(manager().requests("POST /upload/large"), before);
+
+    std::filesystem::resize_file(inside(file), maxSz);
+    get(what, what, {{"filename", "heatmap_12.png"}});
+    EXPECT_TRUE(arrives(what)) << "one of exactly its maximum";
+  }
 }
 
 TEST_F(GetSystem, AFolderInPlaceOfAPictureFailsTheTransfer) {

@@ -209,5 +209,38 @@ TEST_F(KillPointsSystem, AnAccountIsWhollyTheOldOrWhollyTheNewAndCanBeChangedAga
   EXPECT_GE(calls, 9U);
 }
 
+std::string nameIn(const std::string& passwd) {
+  const std::regex line("([^:\n]+):[^:\n]+:0:0:Administrator:/etc/persistent:/bin/sh\n");
+  std::smatch parts;
+  return std::regex_match(passwd, parts, line) ? parts[1].str() : "";
+}
+
+TEST_F(KillPointsSystem, ARenamedAccountCanBeChangedAndLockedAgain) {
+  const auto expectWhole = [](Camera& camera, const Configuration& before) {
+    const Configuration now(camera);
+    const std::string name = settingIn(now.cfg, "users.1.name");
+    EXPECT_TRUE(name == "admin" || name == "chief") << now.cfg;
+    EXPECT_EQ(name == "admin", now.passwd == before.passwd);
+    EXPECT_EQ(nameIn(now.passwd), name);
+
+    EXPECT_EQ(call(camera, request("DisableUsernamePassword")), "status 0");
+    const std::string locked = readFile(camera.root() / "etc/passwd");
+    EXPECT_TRUE(locked.starts_with(name + ":!")) << locked;
+    EXPECT_EQ(call(camera, request("EnableUsernamePassword")), "status 0");
+    const std::string password = name == "admin" ? kOldPassword : kNewPassword;
+    EXPECT_EQ(call(camera, request("ChangeUsernamePassword", {{"username", text("third")},
+                                                              {"passwordOld", text(password)},
+                                                              {"passwordNew", text("a third")}})),
+              "status 0");
+    EXPECT_EQ(nameIn(readFile(camera.root() / "etc/passwd")), "third");
+  };
+  const unsigned calls =
+      killAtEveryCall({request("ChangeUsernamePassword", {{"username", text("chief")},
+                                                          {"passwordOld", text(kOldPassword)},
+                                                          {"passwordNew", text(kNewPassword)}}),
+                       expectWhole});
+  EXPECT_GE(calls, 9U);
+}
+
 }  // namespace
 }  // namespace kova::system_test

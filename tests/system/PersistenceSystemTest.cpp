@@ -1,6 +1,8 @@
-#include <gtest/gtest.h>
+#include <csignal>
+#include <thread>
 
-#include "Camera.h"
+#include "BusClient.h"
+#include "SharedCamera.h"
 
 namespace kova::system_test {
 namespace {
@@ -34,9 +36,82 @@ TEST(PersistenceSystem, ARebootRequestSavesAndReboots) {
   Camera camera;
   writeFile(camera.root() / "etc/persistent/note", "by reboot");
   // No status is expected: the camera may take the client down with it.
-  camera.ctl({"reboot", "--delay", "100"});
+  camera.ctl({"reboot", "--delay", "100ms"});
   ASSERT_TRUE(camera.waitForBoot(2));
   EXPECT_EQ(readFile(camera.root() / "etc/persistent/note"), "by reboot");
+}
+
+/// A camera with a saved configuration that has acknowledged a factory reset and was then asked for
+/// a reboot, which its tool does not carry out.
+struct Rebooting {
+  explicit Rebooting(std::uint32_t delayMs) : mark(camera), server(controlServer(camera)) {
+    EXPECT_EQ(camera.ctl({"save", "--sync"}).status, 0);
+    EXPECT_TRUE(isSaved());
+    camera.misbehave("reboot", "exit", "0");
+    EXPECT_EQ(client.call(request("ResetToDefaults")), "status 0");
+    client.post(request("Reboot", {{"delayMs", value('u', delayMs)}}));
+    client.pump();
+  }
+
+  bool isSaved() const { return std::filesystem::is_symlink(camera.flash() / "etc"); }
+
+  void expectEndWithReset() {
+    EXPECT_TRUE(server.waitForEnd(std::chrono::seconds(30)));
+    EXPECT_TRUE(mark.waitFor("kova_ctlserver: service ended: exit status 0"));
+    const std::string log = mark.text();
+    const auto told = log.find(": SIGTERM received");
+    ASSERT_NE(told, std::string::npos) << log;
+    EXPECT_NE(log.find(": Reset to defaults", told), std::string::npos) << log;
+    EXPECT_FALSE(isSaved());
+  }
+
+  Camera camera;
+  LogMark mark;
+  HostProcess server;
+  BusClient client{camera.busAddress()};
+};
+
+TEST(PersistenceSystem, SigtermInTheWaitForARebootCarriesAResetOut) {
+  Rebooting rebooting(0);
+  ASSERT_TRUE(rebooting.mark.waitFor(": Entering reboot wait mode"));
+  EXPECT_TRUE(rebooting.isSaved());
+  rebooting.server.signal(SIGTERM);
+  rebooting.expectEndWithReset();
+}
+
+/// Whether the process sleeps on, which an idle control server does for 10 ms only.
+bool sleepsOn(const HostProcess& process) {
+  const auto waits = [&] {
+    const std::string status = readFile("/proc/" + std::to_string(process.pid()) + "/status");
+    return status.substr(status.find("\nvoluntary_ctxt_switches:"));
+  };
+  const std::string before = waits();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  return waits() == before;
+}
+
+TEST(PersistenceSystem, SigtermInTheDelayOfARebootIsNotLost) {
+  Rebooting rebooting(5000);
+  ASSERT_TRUE(eventually([&] { return sleepsOn(rebooting.server); }));
+  rebooting.server.signal(SIGTERM);
+  EXPECT_EQ(rebooting.mark.text().find(": Entering reboot wait mode"), std::string::npos);
+  rebooting.expectEndWithReset();
+  EXPECT_NE(rebooting.mark.text().find(": Entering reboot wait mode"), std::string::npos);
+}
+
+TEST(PersistenceSystem, FlashThatFailsAtEachPassDoesNotFloodTheLog) {
+  Camera camera;
+  const LogMark mark(camera);
+  camera.misbehave("cfgmtd", "exit", "1");
+  EXPECT_NE(camera.ctl({"save", "--sync"}).status, 0);
+  EXPECT_TRUE(mark.waitFor("Failed to persist ... repeated ", std::chrono::seconds(20)));
+  const std::size_t runs = occurrences(camera.tools(), "/bin/cfgmtd -w");
+  const std::size_t lines = mark.linesWith("Failed to persist").size();
+  EXPECT_TRUE(eventually([&] { return occurrences(camera.tools(), "/bin/cfgmtd -w") > runs + 50; },
+                         std::chrono::seconds(30)));
+  EXPECT_LT(mark.linesWith("Failed to persist").size(), lines + 25) << mark.text();
+  camera.behave("cfgmtd");
+  EXPECT_TRUE(mark.waitFor(": Persisted"));
 }
 
 TEST(PersistenceSystem, AFailingFlashIsReportedAndTriedAgainUntilItWorks) {

@@ -94,7 +94,7 @@ TEST_F(PutSystem, WhatIsNoPictureOfAtMost1024PixelsEachWayIsRefused) {
   }
   EXPECT_TRUE(mark.waitFor("empty=0, nCh=1, depth=0, width=1025, height=1"));
   EXPECT_TRUE(mark.waitFor("empty=0, nCh=1, depth=0, width=1, height=1025"));
-  EXPECT_TRUE(mark.waitFor("empty=1, nCh=0, depth=0, width=0, height=0"));
+  EXPECT_TRUE(mark.waitFor("empty=1, nCh=1, depth=0, width=0, height=0"));
 }
 
 TEST_F(PutSystem, PicturesAtTheLimitsAreAccepted) {

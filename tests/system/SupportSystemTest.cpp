@@ -25,24 +25,41 @@ TEST_F(SupportSystem, AFreshArchiveArrivesAndIsRemoved) {
 }
 
 TEST_F(SupportSystem, AGeneratorThatEndsWithoutAnArchiveTimesOut) {
+  const LogMark mark(camera());
   for (const auto& [setting, content] : {std::pair{"exit", "1"}, {"kill", "SEGV"}}) {
     camera().misbehave("support", setting, content);
     EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 700}})),
               "TRANSFER_TIMEOUT");
     camera().behave("support");
   }
-  EXPECT_NE(camera().log().find("Timeout preparing files for transfer, task=support"),
-            std::string::npos);
+  EXPECT_TRUE(mark.waitFor("Timeout preparing files for transfer, task=support"));
   EXPECT_EQ(manager().requests("POST /upload/never"), 0U);
 }
 
-TEST_F(SupportSystem, AGeneratorThatHangsTimesOutAndAnotherRequestWorks) {
+TEST_F(SupportSystem, AGeneratorThatHangsIsEndedWithItsRequest) {
   camera().misbehave("support", "sleep", "1000");
-  EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 700}})),
-            "TRANSFER_TIMEOUT");
+  const LogMark mark(camera());
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 700}})),
+              "TRANSFER_TIMEOUT");
+  }
+  EXPECT_TRUE(mark.waitFor(": /bin/support was still running and was ended"));
+  EXPECT_TRUE(eventually([] {
+    return processesOf(camera(), "support").empty() &&
+           processesOf(camera(), "kova_supervisor").empty();
+  })) << camera().shell("ps").out;
   camera().behave("support");
   get("supportInfo", "after-hang");
   EXPECT_TRUE(arrives("after-hang"));
+}
+
+TEST_F(SupportSystem, ALateGeneratorLeavesNothingToALaterRequest) {
+  camera().misbehave("support", "sleep", "2");
+  EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 500}})),
+            "TRANSFER_TIMEOUT");
+  EXPECT_FALSE(eventually([] { return !archiveIsGone(); }, std::chrono::seconds(3)))
+      << "an archive appeared after its request";
+  camera().behave("support");
 }
 
 TEST_F(SupportSystem, ASlowGeneratorIsWaitedForWhileTheCameraServes) {

@@ -78,6 +78,28 @@ TEST_F(ToolsSystem, WhatIsAskedWhileAToolHangsIsAnsweredAfterIt) {
   EXPECT_EQ(saver.outcomes().count("status 0"), 1U);
 }
 
+TEST_F(ToolsSystem, AToolThatHangsIsEndedAfterItsTime) {
+  const char* tool = "kova_cmd_apply_camera_name.sh";
+  camera().misbehave(tool, "sleep", "1000");
+  const LogMark mark(camera());
+  const auto start = std::chrono::steady_clock::now();
+  BusClient client(camera().busAddress());
+  client.post(request("ChangeDeviceSettings", {{"name", text("Porch")}}));
+  EXPECT_TRUE(eventually(
+      [&] {
+        client.pump();
+        return client.outstanding() == 0;
+      },
+      seconds(40)));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, seconds(15));
+  EXPECT_TRUE(mark.waitFor(": /bin/kova_cmd_apply_camera_name.sh exceeded its time"));
+  EXPECT_TRUE(mark.waitFor(": Failed to apply camera name"));
+  // Its children went with it.
+  EXPECT_TRUE(eventually([&] { return processesOf(camera(), "kova_cmd_apply_").empty(); }));
+  camera().behave(tool);
+  EXPECT_EQ(call(request("GetSystemStats")), "status 0");
+}
+
 TEST_F(ToolsSystem, ARebootThatFailsIsToldAndWaitedForAllTheSame) {
   const LogMark mark(camera());
   const int boot = camera().boots();
@@ -154,6 +176,21 @@ TEST_F(ServicesSystem, AServiceIsStartedAndStopped) {
   EXPECT_EQ(call(ask("StopService", text("testservice"))), "status 0");
   EXPECT_EQ(camera().pidOf("testservice"), "");
   EXPECT_TRUE(mark.waitFor(": somebody tried to stop testservice service and succeeded"));
+}
+
+TEST_F(ServicesSystem, WhatManagesTheCameraIsNotStopped) {
+  std::filesystem::create_symlink("/etc/sv/syslogd", camera().root() / "etc/sv/log-too");
+  const LogMark mark(camera());
+  for (const auto& name : {"kova_bus"s, "kova_ctlserver"s, "syslogd"s, "log-too"s}) {
+    const std::string service = name == "log-too" ? "syslogd" : name;
+    const std::string before = camera().pidOf(service);
+    EXPECT_NE(before, "") << name;
+    EXPECT_EQ(call(ask("StopService", text(name))), "status 1") << name;
+    EXPECT_EQ(camera().pidOf(service), before) << name;
+    EXPECT_TRUE(mark.waitFor(": somebody tried to stop " + name + " service and failed"));
+  }
+  EXPECT_EQ(mark.linesWith(": Refused to stop ").size(), 4U);
+  EXPECT_EQ(call(ask("StartService", text("syslogd"))), "status 0");
 }
 
 TEST_F(ServicesSystem, UnknownAndOddNamesAreRefused) {

@@ -20,7 +20,7 @@ using CallInfo = __ptrace_syscall_info;
 constexpr std::array kHarmless = {
     // What the idle loop does, and waiting.
     SYS_recvmsg, SYS_ppoll, SYS_clock_nanosleep, SYS_clock_gettime, SYS_pread64,
-    SYS_restart_syscall, SYS_wait4, SYS_gettid, SYS_getpid,
+    SYS_restart_syscall, SYS_wait4, SYS_waitid, SYS_gettid, SYS_getpid, SYS_timer_settime,
     // Looking.
     SYS_read, SYS_lseek, SYS_fstat, SYS_newfstatat, SYS_readlinkat, SYS_getdents64, SYS_prlimit64,
     SYS_getrandom, SYS_ioctl, SYS_close,

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "Platform.h"
+#include "kova/utils/File.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -63,6 +64,28 @@ TEST_F(CtlServerTest, TheStatisticsEngineIsClosedOnlyWhenItWasOpened) {
   platform().journal.clear();
   { CtlServer server(info_); }
   EXPECT_THAT(platform().journal, Not(Contains("CloseStatsLib")));
+}
+
+TEST_F(CtlServerTest, AnOwnerOfUploadsThatIsNoUserIsToldAndIgnored) {
+  for (const auto& [owner, name] : {std::pair<Variant, std::string>{"nosuchuser", "nosuchuser"},
+                                    {Variant(-5), "-5"},
+                                    {Variant(true), "true"}}) {
+    fakes::reset();
+    info_["upload_owner"] = owner;
+    CtlServer server(info_);
+    EXPECT_TRUE(server.init(nullptr));
+    EXPECT_TRUE(platform().logged(4, "No user " + name + ", whose files could be trusted"));
+  }
+}
+
+TEST_F(CtlServerTest, AnOwnerOfUploadsIsANumberOrAName) {
+  for (const Variant& owner : {Variant(12345), Variant("12345"), Variant("root")}) {
+    info_["upload_owner"] = owner;
+    CtlServer server(info_);
+    EXPECT_TRUE(server.init(nullptr));
+    EXPECT_THAT(platform().log, IsEmpty());
+  }
+  utils::trustFilesOf("0");
 }
 
 TEST_F(CtlServerTest, APendingSaveIsWrittenLastWhenTheServerGoes) {

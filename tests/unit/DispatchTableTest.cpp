@@ -35,6 +35,7 @@ class DispatchTableTest : public testing::Test {
     fields["functionName"] = functionName;
     ipc::messages::BaseRequestMessage request{Variant(std::move(fields))};
     bool rejected = false;
+    platform().bus.handling = request.id();
     EXPECT_TRUE(handler_.HandleRequest(request, rejected));
     auto& responses = platform().bus.responses;
     Variant response = responses.empty() ? Variant() : responses.back().second;
@@ -128,6 +129,7 @@ TEST_F(DispatchTableTest, TheRequestItselfIsNotRepaired) {
   ipc::messages::BaseRequestMessage request{
       Variant(Map{{"functionName", "StopService"}, {"service", 12}})};
   bool rejected = false;
+  platform().bus.handling = request.id();
   EXPECT_TRUE(handler_.HandleRequest(request, rejected));
   EXPECT_EQ(*request.Find("service"), Variant(12)) << "only the typed copy is";
 }

@@ -30,6 +30,7 @@ class DispatchTest : public testing::Test {
   bool handle(Map content) {
     BaseRequestMessage request{Variant(std::move(content))};
     bool rejected = false;
+    platform().bus.handling = request.id();
     const bool result = handler_.HandleRequest(request, rejected);
     EXPECT_FALSE(rejected) << "the flag is left alone";
     return result;
@@ -123,10 +124,13 @@ TEST_F(DispatchTest, RebootWaitsItsDelaySavesRebootsAndNeverReturns) {
                           "sleep 1000", "sleep 1000", "sleep 1000"));
 }
 
-TEST_F(DispatchTest, ADelayThatNoIntHoldsIsTheLongestRatherThanNone) {
+TEST_F(DispatchTest, DelayThatNoIntHoldsIsNone) {
   platform().onSleep = [](int) { throw LeaveWait(); };
-  EXPECT_THROW(handle({{"functionName", "Reboot"}, {"delayMs", 4294967295U}}), LeaveWait);
-  EXPECT_THAT(platform().journal, ElementsAre("sleep 2147483647"));
+  for (const Variant& delay : {Variant(-1), Variant(4294967295U), Variant(2147483648U)}) {
+    EXPECT_THROW(handle({{"functionName", "Reboot"}, {"delayMs", delay}}), LeaveWait);
+  }
+  EXPECT_THROW(handle({{"functionName", "Reboot"}, {"delayMs", 2147483647}}), LeaveWait);
+  EXPECT_THAT(platform().journal, ElementsAre("sleep 0", "sleep 0", "sleep 0", "sleep 2147483647"));
 }
 
 TEST_F(DispatchTest, ServiceAttemptsAreLoggedWithWhoAndHowItWent) {

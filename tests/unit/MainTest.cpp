@@ -1,3 +1,4 @@
+#include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -9,6 +10,21 @@
 
 int kova_ctlserver_main();
 
+namespace {
+std::vector<int> transferWaits;  // the time-outs of curl_multi_wait()
+}
+
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+CURLMcode __real_curl_multi_wait(CURLM*, curl_waitfd[], unsigned int, int, int*);
+CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd extra[], unsigned int count,
+                                 int timeoutMs, int* ready) {
+  transferWaits.push_back(timeoutMs);
+  return __real_curl_multi_wait(multi, extra, count, timeoutMs, ready);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
 namespace kova::ctlserver {
 namespace {
 
@@ -17,6 +33,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using variant::Variant;
 using Map = Variant::Map;
+
+constexpr char kLogOpened[] = "openSystemLog ctl 1 128";  // LOG_PID, LOG_LOCAL0
 
 /// Runs the daemon's entry in a child process, since its signal flag lasts as long as the process.
 /// The child's result is its exit status; what the fakes recorded is checked there.
@@ -65,7 +83,7 @@ bool onceThen(int passes, const std::function<void()>& act) {
 TEST_F(MainTest, StartsInOrderRegistersEveryFunctionAndStopsInOrder) {
   platform().bus.onService = [] { return onceThen(2, [] { raise(SIGTERM); }); };
   expectRun(0, [] {
-    std::vector<std::string> expected = {"InstallCrashDumpHandler", "Ipc::GetInstance",
+    std::vector<std::string> expected = {kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
                                          "CameraInfo::Init", "InitializeStatsLib"};
     const auto& journal = platform().journal;
     ASSERT_GE(journal.size(), expected.size());
@@ -95,7 +113,7 @@ TEST_F(MainTest, StartsInOrderRegistersEveryFunctionAndStopsInOrder) {
 TEST_F(MainTest, WithoutACrashHandlerItStopsBeforeAnythingElse) {
   platform().crashHandlerResult = false;
   expectRun(-1, [] {
-    EXPECT_THAT(platform().journal, ElementsAre("InstallCrashDumpHandler"));
+    EXPECT_THAT(platform().journal, ElementsAre(kLogOpened, "InstallCrashDumpHandler"));
     EXPECT_TRUE(platform().logged(3, "Unable to install the crash dump handler"));
   });
 }
@@ -104,8 +122,9 @@ TEST_F(MainTest, WithoutADeviceDescriptionItStops) {
   platform().cameraInfoResult = false;
   expectRun(-1, [] {
     EXPECT_TRUE(platform().logged(3, "Failed to read CameraInfo"));
-    EXPECT_THAT(platform().journal, ElementsAre("InstallCrashDumpHandler", "Ipc::GetInstance",
-                                                "CameraInfo::Init", "Ipc::FreeInstance"));
+    EXPECT_THAT(platform().journal,
+                ElementsAre(kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
+                            "CameraInfo::Init", "Ipc::FreeInstance"));
   });
 }
 
@@ -114,8 +133,8 @@ TEST_F(MainTest, AServerThatCannotBeInitialisedStopsItBeforeAnyRegistration) {
   expectRun(-1, [] {
     EXPECT_TRUE(platform().logged(3, "Failed to initialize CtlServer"));
     EXPECT_THAT(platform().journal,
-                ElementsAre("InstallCrashDumpHandler", "Ipc::GetInstance", "CameraInfo::Init",
-                            "InitializeStatsLib", "Ipc::FreeInstance"));
+                ElementsAre(kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
+                            "CameraInfo::Init", "InitializeStatsLib", "Ipc::FreeInstance"));
   });
 }
 
@@ -192,6 +211,76 @@ TEST_F(MainTest, ASaveThatWasPendingIsWrittenDuringTeardownWhichASecondSigtermDo
         ElementsAre("CloseStatsLib", "run /bin/cfgmtd -w -p /etc/ -m", "Ipc::FreeInstance"));
     EXPECT_TRUE(platform().logged(6, "Persisted"));
   });
+}
+
+TEST_F(MainTest, TransfersAreNeverWaitedFor) {
+  platform().bus.pending.push_back(Variant(Map{{"functionName", "PutRequest"},
+                                               {"from", "peer"},
+                                               {"what", "logo"},
+                                               {"hash", "0"},
+                                               {"timeoutMs", 5000},
+                                               {"uri", "http://127.0.0.1:9/logo"}}));
+  platform().bus.onService = [] { return onceThen(3, [] { raise(SIGTERM); }); };
+  expectRun(0, [] {
+    ASSERT_FALSE(transferWaits.empty());
+    EXPECT_THAT(transferWaits, testing::Each(0));
+  });
+}
+
+/// A daemon that has been asked for a factory reset and, behind it, a reboot.
+class RebootTest : public MainTest {
+ protected:
+  void SetUp() override {
+    MainTest::SetUp();
+    platform().bus.pending = {
+        Variant(Map{{"functionName", "ResetToDefaults"}}),
+        Variant(Map{{"functionName", "Reboot"}, {"delayMs", 700}}),
+        Variant(Map{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}})};
+  }
+
+  static void sigtermDuringSleepOf(int milliseconds) {
+    platform().onSleep = [milliseconds](int slept) {
+      if (slept == milliseconds) {
+        raise(SIGTERM);
+      }
+    };
+  }
+
+  /// The reset comes to its right, and what came behind the reboot is not served.
+  static void expectEnd(const std::vector<std::string>& waits) {
+    std::vector<std::string> expected = {"sleep 700", "run /bin/cfgmtd -w -p /etc/ -m",
+                                         "run /usr/bin/reboot"};
+    expected.insert(expected.end(), waits.begin(), waits.end());
+    for (const char* event : {"sleep 10", "CloseStatsLib", "run /bin/cfgmtd -c",
+                              "run /usr/bin/reboot", "Ipc::FreeInstance"}) {
+      expected.emplace_back(event);
+    }
+    EXPECT_EQ(journalFrom("sleep 700"), expected);
+    EXPECT_THAT(platform().logTexts(), ElementsAre("Persisted", "Entering reboot wait mode",
+                                                   "SIGTERM received", "Reset to defaults"));
+    EXPECT_THAT(platform().bus.responses, IsEmpty());
+    EXPECT_THAT(platform().bus.unhandled, ElementsAre("SaveToFlash"));
+  }
+};
+
+TEST_F(RebootTest, SigtermInItsWaitEndsItAsEver) {
+  sigtermDuringSleepOf(1000);
+  expectRun(0, [] { expectEnd({"sleep 1000"}); });
+}
+
+TEST_F(RebootTest, SigtermInItsDelayIsNotLost) {
+  sigtermDuringSleepOf(700);
+  expectRun(0, [] { expectEnd({}); });
+}
+
+TEST_F(RebootTest, SigtermWhileItsToolRunsIsNotLost) {
+  platform().onRun = [](const std::string& command) {
+    if (command == "/usr/bin/reboot") {
+      raise(SIGTERM);
+    }
+    return fakes::ProcessResult{};
+  };
+  expectRun(0, [] { expectEnd({}); });
 }
 
 TEST_F(MainTest, ARequestForAnUnknownNameReachesTheRejector) {

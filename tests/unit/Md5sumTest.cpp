@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
 
 #include "TransferFixture.h"
 
@@ -101,6 +102,7 @@ TEST_F(Md5sumTest, FilesOfEveryLengthAroundAChunkComeOut) {
 
 TEST_F(Md5sumTest, AFileThatIsMissingOrAFolderCannotBeOpened) {
   expectFailure("/tmp/none", "Failed to open /tmp/none");
+  EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
   fakes::reset();
   expectFailure("/tmp", "Failed to open /tmp");
 }
@@ -112,6 +114,7 @@ TEST_F(Md5sumTest, AFileThatEndsBeforeItsSizeCannotBeRead) {
   ASSERT_EQ(stat(kShort, &status), 0);
   ASSERT_EQ(status.st_size, 4096);
   expectFailure(kShort, std::string("Failed to read from ") + kShort);
+  EXPECT_EQ(fakes::platform().log.front().error, EIO);
 }
 
 TEST_F(Md5sumTest, EveryFailureOfTheDigestItselfIsToldApart) {

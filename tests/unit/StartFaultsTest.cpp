@@ -17,9 +17,6 @@ struct Calls {
   bool signalFails = false;
   std::vector<int> signals;
   bool multiInitFails = false;
-  std::string logIdentity;
-  int logOptions = 0;
-  int logFacility = 0;
 } calls;
 
 }  // namespace
@@ -30,12 +27,6 @@ sighandler_t __real_signal(int number, sighandler_t handler);
 sighandler_t __wrap_signal(int number, sighandler_t handler) {
   calls.signals.push_back(number);
   return calls.signalFails ? SIG_ERR : __real_signal(number, handler);
-}
-
-void __wrap_openlog(const char* identity, int options, int facility) {
-  calls.logIdentity = identity;
-  calls.logOptions = options;
-  calls.logFacility = facility;
 }
 
 CURLM* __real_curl_multi_init();
@@ -86,9 +77,9 @@ TEST_F(StartFaultsTest, ASignalHandlerThatCannotBeSetStopsItThroughTheTeardown) 
 TEST_F(StartFaultsTest, TheSystemLogIsOpenedBeforeAnythingElse) {
   platform().crashHandlerResult = false;
   EXPECT_EQ(kova_ctlserver_main(), -1);
-  EXPECT_EQ(calls.logIdentity, "ctl");
-  EXPECT_EQ(calls.logOptions, LOG_PID);
-  EXPECT_EQ(calls.logFacility, LOG_LOCAL0);
+  const std::string opened =
+      "openSystemLog ctl " + std::to_string(LOG_PID) + " " + std::to_string(LOG_LOCAL0);
+  EXPECT_THAT(platform().journal, ElementsAre(opened, "InstallCrashDumpHandler"));
 }
 
 TEST_F(StartFaultsTest, ATransferServiceThatFailsEndsInitBeforeTheButton) {

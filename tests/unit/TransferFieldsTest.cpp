@@ -33,14 +33,30 @@ TEST_F(TransferFieldsTest, EveryRequestOverwritesTheTimeOut) {
   }
 }
 
-TEST_F(TransferFieldsTest, ATimeOutThatIsTooLongForTheTransportFailsTheTransfer) {
+TEST_F(TransferFieldsTest, TimeOutTooLongForTransportDisablesNothing) {
+  write("/tmp/snap.jpeg", "content");
+  for (const std::size_t round : {1U, 2U}) {
+    ASSERT_TRUE(ask("snapshot", uri(), {{"timeoutMs", round == 1 ? 4294967295U : 2147484000U}}));
+    EXPECT_TRUE(serviceUntilRequests(round));
+  }
+  EXPECT_THAT(events(), IsEmpty());
+  EXPECT_THAT(logged(), IsEmpty());
+}
+
+// libcurl takes less than 2147484 s; the daemon's own deadline holds all the same.
+TEST_F(TransferFieldsTest, TimeOutBeyondTheTransportsIsTheTasksOwn) {
   write("/tmp/snap.jpeg", "");
+  startServer();
+  peerHolds();
   for (const std::uint32_t timeoutMs : {2147484000U, 4294967295U}) {
-    startServer();
+    platform().bus.sent.clear();
     ASSERT_TRUE(ask("snapshot", uri(), {{"timeoutMs", timeoutMs}}));
+    platform().nowMs += timeoutMs;
     server_->service(0);
-    EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
-    EXPECT_THAT(platform().logTexts(), Contains(testing::StartsWith("Unable to setup CURL: ")));
+    EXPECT_THAT(events(), IsEmpty());
+    platform().nowMs += 1;
+    server_->service(0);
+    EXPECT_THAT(events(), ElementsAre(status("TRANSFER_TIMEOUT")));
   }
 }
 

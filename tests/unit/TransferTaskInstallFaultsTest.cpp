@@ -40,7 +40,9 @@ TYPED_TEST(TransferTaskInstallFaultsTest,
   this->write(this->download_, TypeParam::content());
   this->succeed();
   EXPECT_THAT(this->logged(),
-              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
+              ElementsAre("4 File.Initialize: Refused to open " + this->checksum_ +
+                              ": it is no regular file",
+                          this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
   EXPECT_NE(platform().log.back().error, 0);
   this->expectStatus("DISK_IO_FAILED");
   EXPECT_FALSE(this->exists(this->download_));
@@ -63,12 +65,13 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AFullDiskUnderTheChecksumIsADiskFailur
 
 TYPED_TEST(TransferTaskInstallFaultsTest, AFileThatCannotBeMovedIsADiskFailureAndBothTempsGo) {
   ASSERT_EQ(mkdir(this->installed_.c_str(), 0755), 0);
+  this->write(this->installedChecksum_, "of an older file");
   this->write(this->download_, TypeParam::content());
   this->succeed();
   EXPECT_EQ(platform().log.back().error, EISDIR);
   this->expectStatus("DISK_IO_FAILED");
   this->expectTempsGone();
-  EXPECT_FALSE(this->exists(this->installedChecksum_));
+  EXPECT_FALSE(this->exists(this->installedChecksum_)) << "it goes before a file comes";
   EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
 }
 

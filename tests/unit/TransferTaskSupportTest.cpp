@@ -66,6 +66,26 @@ TEST_F(TransferTaskSupportTest, AGeneratorThatCannotBeStartedRefusesTheTask) {
   EXPECT_THAT(events(), IsEmpty());
 }
 
+TEST_F(TransferTaskSupportTest, AnOldGeneratorIsEndedBeforeItsArchiveIsRemoved) {
+  platform().onEndDaemon = [](const std::string&) { write(kArchive, "its last"); };
+  EXPECT_TRUE(task_.start());
+  EXPECT_THAT(platform().journal,
+              ElementsAre("endDaemon /bin/support", "run " + std::string(kGenerate)));
+  EXPECT_FALSE(exists(kArchive));
+}
+
+TEST_F(TransferTaskSupportTest, AGeneratorIsEndedWithItsRequest) {
+  platform().onEndDaemon = [](const std::string&) { write(kArchive, "its last"); };
+  bool done = false;
+  task_.onSuccess(done);
+  EXPECT_THAT(platform().journal, ElementsAre("endDaemon /bin/support"));
+  EXPECT_FALSE(exists(kArchive));
+
+  task_.onFailure(TRANSFER_TIMEOUT, 0);
+  EXPECT_THAT(platform().journal, testing::Contains("endDaemon /bin/support").Times(2));
+  EXPECT_FALSE(exists(kArchive));
+}
+
 TEST_F(TransferTaskSupportTest, TheUploadIsReadyOnceTheArchiveIsThere) {
   EXPECT_FALSE(ready());
   EXPECT_FALSE(ready());

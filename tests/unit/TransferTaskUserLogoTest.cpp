@@ -7,6 +7,7 @@ namespace {
 
 using fakes::platform;
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
  protected:
@@ -23,8 +24,15 @@ class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
   }
 
   void expectRefused(const std::string& figures) {
-    EXPECT_THAT(logged(), ElementsAre(line(std::string("Logo validation failed, uri=") +
-                                           kInstallUri + ", " + figures)));
+    EXPECT_THAT(logged(), ElementsAre(refusal(figures)));
+    expectNothingCameOfIt();
+  }
+
+  static std::string refusal(const std::string& figures) {
+    return line(std::string("Logo validation failed, uri=") + kInstallUri + ", " + figures);
+  }
+
+  void expectNothingCameOfIt() {
     EXPECT_EQ(platform().log.back().error, 0) << "the content is to blame";
     expectStatus("VALIDATION_FAILED");
     expectTempsGone();
@@ -60,8 +68,8 @@ TEST_F(TransferTaskUserLogoTest, AnyOtherFigureIsLoggedAndRefused) {
       {"empty=0 channels=3 depth=0 width=7 height=7", "empty=0, nCh=3, depth=0, width=7, height=7"},
       {"empty=0 channels=1 depth=5 width=7 height=7", "empty=0, nCh=1, depth=5, width=7, height=7"},
       {"empty=1 channels=1 depth=0 width=7 height=7", "empty=1, nCh=1, depth=0, width=7, height=7"},
-      {"empty=1 channels=0 depth=0 width=0 height=0",
-       "empty=1, nCh=0, depth=0, width=0, height=0"}};
+      {"empty=1 channels=1 depth=0 width=0 height=0",
+       "empty=1, nCh=1, depth=0, width=0, height=0"}};
   for (const auto& [printed, figures] : cases) {
     SCOPED_TRACE(printed);
     put({0, std::string(printed) + "\n", ""});
@@ -77,16 +85,21 @@ TEST_F(TransferTaskUserLogoTest, AProbeThatBreaksCountsAsAnEmptyPicture) {
         fakes::ProcessResult{0, "", ""}, fakes::ProcessResult{0, "nonsense", ""}}) {
     SCOPED_TRACE(answer.status);
     put(answer);
-    expectRefused("empty=1, nCh=0, depth=0, width=0, height=0");
+    EXPECT_THAT(
+        logged(),
+        ElementsAre(HasSubstr("Picture decoder gave no answer, path=/tmp/user_logo, status=" +
+                              std::to_string(answer.status)),
+                    refusal("empty=1, nCh=1, depth=0, width=0, height=0")));
+    expectNothingCameOfIt();
   }
 }
 
 TEST_F(TransferTaskUserLogoTest, AnEmptyFileHasADigestAndIsNoPicture) {
   arm("d41d8cd98f00b204e9800998ecf8427e");
-  probeAnswers("empty=1 channels=0 depth=0 width=0 height=0\n");
+  probeAnswers("empty=1 channels=1 depth=0 width=0 height=0\n");
   write(download_, "");
   succeed();
-  expectRefused("empty=1, nCh=0, depth=0, width=0, height=0");
+  expectRefused("empty=1, nCh=1, depth=0, width=0, height=0");
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 
 header_size=512
 
-# Nothing of an image is trusted: what is not a header's text does not come through.
+# Images are untrusted: only text of a valid header is used.
 read_header() { head -c "$header_size" "$1" | tr -cd 'A-Za-z0-9._=\n-'; }
 
 header_value() { printf '%s\n' "$header" | sed -n "s/^$1=//p" | head -n 1; }

@@ -5,12 +5,12 @@ host_name_of_camera() {
     LC_ALL=C tr -cs 'A-Za-z0-9\n' '-' | sed -e 's/^-*//' -e 's/^\(.\{1,63\}\).*/\1/' -e 's/-*$//'
 }
 
-# Where the camera shares its host name with the machine that it runs on (see /run/private_hostname), only
+# If the camera shares the host name of its machine (see /run/private_hostname), only
 # /etc/hostname changes.
 apply_camera_name() {
   name=$(host_name_of_camera)
   name=${name:-camera}
-  # Not in /etc: whoever copies that at this moment must not find a file that is gone the next.
+  # Not in /etc, where a concurrent copy would see a file that disappears.
   echo "$name" >"/run/hostname.$$"
   mv -T "/run/hostname.$$" /etc/hostname
   if [ -e /run/private_hostname ]; then hostname "$name"; fi

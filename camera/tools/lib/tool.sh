@@ -1,26 +1,28 @@
-# What every device tool begins with: its line in /var/log/tools.log, and its misbehaviour, if a test asked for one.
+# The start of every device tool: logs the run in /var/log/tools.log and injects failures requested by a test.
 #
-# A tool called NAME misbehaves when the folder /run/tools/NAME exists (DIR/root/run/tools/NAME from outside; it is
-# gone after a reboot). Each file in it is one order, carried out in this sequence:
-#   times   misbehave in this many runs only, then behave again
+# A tool NAME is affected if the folder /run/tools/NAME exists (DIR/root/run/tools/NAME from outside; it is
+# gone after a reboot). Its files are processed in this order:
+#   times   affect only this number of runs
 #   sleep   wait this many seconds (fractions allowed)
 #   stdout  print the file's content on standard output
 #   stderr  print the file's content on standard error
-#   kill    die by this signal, by name or number
-#   exit    end with this exit status, the work undone
-# Without "kill" and "exit" the tool then does its work as usual.
+#   linger  leave a child that holds the output open for this many seconds
+#   flood   print the file's content for ever
+#   kill    die of this signal, a name or number
+#   exit    exit with this status and do nothing else
+# Without "kill" and "exit" the tool then does its work.
 
 set -eu
 umask 022
 tool_name=${0##*/}
 
-# One write to a file opened for appending: lines of tools that run at once do not mix.
+# A single write in append mode, so that lines of concurrent tools do not mix.
 log_run() {
   line="$0${*:+ $*}"
   printf '%s\n' "$(printf '%s' "$line" | tr '\n' '?')" >>/var/log/tools.log
 }
 
-# The wait does not hold the tool's output open, so that killing the tool ends it for whoever reads.
+# The wait does not keep the output open, so that killing the tool also closes its output.
 misbehave() {
   orders=/run/tools/$tool_name
   [ -d "$orders" ] || return 0
@@ -32,6 +34,8 @@ misbehave() {
   if [ -e "$orders/sleep" ]; then sleep "$(cat "$orders/sleep")" </dev/null >/dev/null 2>&1; fi
   if [ -e "$orders/stdout" ]; then cat "$orders/stdout"; fi
   if [ -e "$orders/stderr" ]; then cat "$orders/stderr" >&2; fi
+  if [ -e "$orders/linger" ]; then sleep "$(cat "$orders/linger")" & fi
+  if [ -e "$orders/flood" ]; then while cat "$orders/flood"; do :; done; fi
   if [ -e "$orders/kill" ]; then kill -s "$(cat "$orders/kill")" $$; fi
   if [ -e "$orders/exit" ]; then exit "$(cat "$orders/exit")"; fi
 }

@@ -25,6 +25,6 @@ std::string unconfined(const std::string& file);
 
 /// A line of the probe that tells of a picture's size, and of none.
 std::string greyLine(int width, int height);
-inline constexpr char kEmptyLine[] = "empty=1 channels=0 depth=0 width=0 height=0\n";
+inline constexpr char kEmptyLine[] = "empty=1 channels=1 depth=0 width=0 height=0\n";
 
 }  // namespace kova::imageprobe

@@ -51,7 +51,7 @@ class ProbeTest : public testing::Test {
            " height=" + std::to_string(height) + "\n";
   }
 
-  static constexpr char kEmpty[] = "empty=1 channels=0 depth=0 width=0 height=0\n";
+  static constexpr char kEmpty[] = "empty=1 channels=1 depth=0 width=0 height=0\n";
 
   std::string folder_;
   std::string file_;
@@ -101,6 +101,20 @@ TEST_F(ProbeTest, WhatOnlyRootMayReadIsEmpty) {
   ASSERT_EQ(chown(file_.c_str(), 0, 0), 0);
   ASSERT_EQ(chmod(file_.c_str(), 0600), 0);
   EXPECT_EQ(probe(), kEmpty);
+}
+
+TEST_F(ProbeTest, PlantedFileIsEmpty) {
+  const std::string planted = folder_ + "/planted";
+  write(picture(".png", 64, 48));
+  std::filesystem::create_symlink(file_, planted);
+  EXPECT_EQ(probe({planted}), kEmpty) << "a link";
+  std::filesystem::remove(planted);
+  std::filesystem::create_hard_link(file_, planted);
+  EXPECT_EQ(probe({planted}), kEmpty) << "a second name";
+  std::filesystem::remove(planted);
+  ASSERT_EQ(mkfifo(planted.c_str(), 0666), 0);
+  EXPECT_EQ(probe({planted}), kEmpty) << "a pipe that nobody writes";
+  EXPECT_EQ(probe(), grey(64, 48));
 }
 
 TEST_F(ProbeTest, ItTakesOneFileAndNothingElse) {

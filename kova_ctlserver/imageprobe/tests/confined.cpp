@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -33,9 +34,45 @@ bool opens(const char* path, int flags) {
   return open(path, flags, 0644) >= 0;
 }
 
+bool reads(const char* path) {
+  char content[8] = "";
+  const int fd = open(path, O_RDONLY);
+  const ssize_t got = read(fd, content, sizeof content);
+  close(fd);
+  return got == 7 && std::memcmp(content, "content", 7) == 0;
+}
+
+bool spin(const char*) {
+  for (volatile unsigned turns = 0;;) {
+    turns = turns + 1;
+  }
+}
+
 const std::map<std::string, Act> kActs = {
     {"nothing", [](const char*) { return true; }},
-    {"read", [](const char* path) { return opens(path, O_RDONLY); }},
+    {"read", [](const char* path) { return reads(path); }},
+    {"read-again", [](const char* path) { return reads(path) && reads(path); }},
+    {"read-on-and-on",
+     [](const char* path) {
+       for (int i = 0; i < 1000; ++i) {
+         if (!reads(path)) {
+           return false;
+         }
+       }
+       return true;
+     }},
+    {"read-another-file", [](const char*) { return opens("/etc/hostname", O_RDONLY); }},
+    {"read-folder", [](const char*) { return opens("/", O_RDONLY | O_DIRECTORY); }},
+    {"own", [](const char*) { return fcntl(STDOUT_FILENO, F_SETOWN, getppid()) == 0; }},
+    {"own-thread",
+     [](const char*) {
+       const f_owner_ex owner{F_OWNER_PID, getppid()};
+       return fcntl(STDOUT_FILENO, F_SETOWN_EX, &owner) == 0;
+     }},
+    {"choose-signal", [](const char*) { return fcntl(STDOUT_FILENO, F_SETSIG, SIGKILL) == 0; }},
+    {"signal-on-output", [](const char*) { return fcntl(STDOUT_FILENO, F_SETFL, O_ASYNC) == 0; }},
+    {"lease", [](const char*) { return fcntl(STDOUT_FILENO, F_SETLEASE, F_RDLCK) == 0; }},
+    {"look-at-flags", [](const char*) { return fcntl(STDOUT_FILENO, F_GETFL) >= 0; }},
     {"who-am-i",
      [](const char*) {
        std::printf("%u %u %u %u\n", getuid(), geteuid(), getgid(), getegid());
@@ -53,7 +90,9 @@ const std::map<std::string, Act> kActs = {
     {"rename", [](const char* path) { return rename(path, "/tmp/renamed") == 0; }},
     {"link", [](const char* path) { return symlink(path, "/tmp/linked") == 0; }},
     {"mkdir",
-     [](const char* path) { return mkdir((std::string(path) + ".d").c_str(), 0755) == 0; }},
+     [](const char* path) {
+       return syscall(SYS_mkdirat, AT_FDCWD, (std::string(path) + ".d").c_str(), 0755) == 0;
+     }},
     {"chmod", [](const char* path) { return chmod(path, 0777) == 0; }},
     {"chown", [](const char* path) { return chown(path, 1, 1) == 0; }},
     {"socket", [](const char*) { return socket(AF_INET, SOCK_STREAM, 0) >= 0; }},
@@ -92,11 +131,11 @@ const std::map<std::string, Act> kActs = {
        return mmap(nullptr, 260UL << 20U, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1,
                    0) != MAP_FAILED;
      }},
-    {"spin",
-     [](const char*) -> bool {
-       for (volatile unsigned turns = 0;;) {
-         turns = turns + 1;
-       }
+    {"spin", spin},
+    {"spin-unsignalled",
+     [](const char* path) {
+       signal(SIGPROF, SIG_IGN);
+       return spin(path);
      }},
 };
 
@@ -111,7 +150,7 @@ int main(int argc, char** argv) {
   if (dup2(STDOUT_FILENO, 3) != 3) {
     return 2;
   }
-  if (!kova::imageprobe::confine()) {
+  if (!kova::imageprobe::confine(argv[2])) {
     return 3;
   }
   return act->second(argv[2]) ? 0 : 1;

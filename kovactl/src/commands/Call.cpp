@@ -1,7 +1,8 @@
-#include "../Answer.h"
-#include "../Assignments.h"
+#include "../Client.h"
 #include "../Command.h"
-#include "../Table.h"
+#include "../RequestFields.h"
+#include "../Suggestion.h"
+#include "../Text.h"
 
 namespace kova::ctl {
 namespace {
@@ -10,15 +11,16 @@ using ipc::messages::BaseRequestMessage;
 
 constexpr const char* kFooter =
     "Fields:\n"
-    "  key=text    the text as it stands\n"
-    "  key:=JSON   a number, true, false, an array, an object ... (RFC 8259)\n"
+    "  key=text    a string\n"
+    "  key:=JSON   any JSON value: a number, true, false, an array, an object\n"
     "\n"
-    "An answer is expected unless --no-reply or responseExpected:=false is given.\n"
+    "Waits for an answer unless --no-reply or responseExpected:=false is given. Unknown fields and "
+    "values of the wrong type cause a warning; the request is sent nevertheless.\n"
     "\n"
     "Examples:\n"
     "  kovactl call GetSystemStats cpu:=false battery:=false\n"
     "  kovactl call ChangeDeviceSettings name=Porch soundOnBoot:=true\n"
-    "  kovactl call PlayState name=WIFI_SUCCESS volume:=40 --to kova_sounds_leds --no-reply\n";
+    "  kovactl call PlayState name=WIFI_SUCCESS --to kova_sounds_leds --no-reply\n";
 
 struct Arguments {
   std::string function;
@@ -44,35 +46,45 @@ bool wantsAnswer(const Arguments& arguments, BaseRequestMessage& request) {
 
 std::string describe(const Reply& reply) {
   if (!reply.answered) {
-    return "Taken; nothing to say.\n";
+    return "Accepted; the answer is empty.\n";
   }
   const variant::Variant payload = payloadOf(reply);
   const bool nothing = payload.IsEmpty() || (payload.IsContainer() && payload.Size() == 0);
   if (nothing) {
-    return reply.status == Exit::Ok ? "Done; no payload.\n" : "";
+    return reply.status == ExitStatus::Ok ? "Done; no payload.\n" : "";
   }
   return table(flatten(payload));
 }
 
-Exit run(const Options& options, const Arguments& arguments) {
+// A hint for an unknown function.
+std::string suggestFunction(const std::string& function) {
+  const std::string meant = closest(function, functionNames());
+  return meant.empty() || meant == function ? "" : "did you mean " + meant + "?";
+}
+
+ExitStatus run(const Options& options, const Arguments& arguments) {
   BaseRequestMessage request;
   std::string error;
   if (!build(arguments, request, error)) {
-    return fail(Exit::Usage, error);
+    return fail(ExitStatus::Usage, error);
+  }
+  for (const std::string& doubt : doubts(request)) {
+    fail(ExitStatus::Ok, "warning: " + doubt);
   }
   Client client(options);
-  if (const Exit joined = client.Join(); joined != Exit::Ok) {
+  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
     return joined;
   }
   if (!wantsAnswer(arguments, request)) {
     return client.Post(request);
   }
-  const Reply reply = client.Request(request, options.answerTimeoutMs());
-  if (reply.status != Exit::Ok && !reply.answered) {
+  const Reply reply =
+      client.Request(request, options.answerTimeoutMs(), suggestFunction(arguments.function));
+  if (reply.status != ExitStatus::Ok && !reply.answered) {
     return reply.status;
   }
-  const Exit shown = options.json ? showJson(reply) : show(describe(reply));
-  return reply.status != Exit::Ok ? reply.status : shown;
+  const ExitStatus shown = options.json ? showJson(reply) : show(describe(reply));
+  return reply.status != ExitStatus::Ok ? reply.status : shown;
 }
 
 }  // namespace
@@ -81,9 +93,9 @@ Action setUpCall(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
   line.Argument("FUNCTION", arguments->function, "Function name, for example GetSystemStats");
   line.Arguments("FIELD", arguments->fields, "Fields of the request: key=text or key:=JSON");
-  line.Option("--to", arguments->to, "ENDPOINT", "Endpoint to ask (kova_ctlserver)");
-  line.Option("--from", arguments->from, "ENDPOINT", "Sender to name in the request");
-  line.Flag("--no-reply", arguments->noReply, "Send it and do not wait for an answer");
+  line.Option("--to", arguments->to, "ENDPOINT", "Destination of the request (kova_ctlserver)");
+  line.Option("--from", arguments->from, "ENDPOINT", "Sender of the request");
+  line.Flag("--no-reply", arguments->noReply, "Do not wait for an answer");
   line.Footer(kFooter);
   return [arguments](const Options& options) { return run(options, *arguments); };
 }

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <array>
 
-#include "../Assignments.h"
 #include "../Command.h"
+#include "../RequestFields.h"
 #include "../Transfer.h"
 #include "kova/messages/Requests.h"
 
@@ -10,21 +10,24 @@ namespace kova::ctl {
 namespace {
 
 constexpr const char* kSilence =
-    "the upload has succeeded, or the camera refused the request (this URI is in use, such a file\n"
-    "is being uploaded already, or the name is not allowed), or a second support archive was\n"
-    "asked for meanwhile; the receiver, or the camera's log, tells which";
+    "the upload succeeded, was refused (the URI is in use, the same kind of file is already being "
+    "uploaded, or the name is not allowed), or was replaced by another support request; see the "
+    "receiver or the camera's log";
 
 struct Kind {
   std::string_view typed;
   std::string_view what;
-  bool needsName;
+  std::string_view prefix;  ///< of file names; "" for a kind without file names
+  std::string_view suffix;
+
+  bool NeedsName() const { return !prefix.empty(); }
 };
 
 constexpr std::array<Kind, 4> kKinds{{
-    {"snapshot", "snapshot", false},
-    {"support", "supportInfo", false},
-    {"event-snapshot", "eventSnapshot", true},
-    {"event-heatmap", "eventHeatmap", true},
+    {"snapshot", "snapshot", "", ""},
+    {"support", "supportInfo", "", ""},
+    {"event-snapshot", "eventSnapshot", "motionsnap_", ".jpg"},
+    {"event-heatmap", "eventHeatmap", "heatmap_", ".png"},
 }};
 
 struct Arguments {
@@ -34,10 +37,33 @@ struct Arguments {
   std::vector<std::string> fields;
 };
 
+// Accepts the names that the camera accepts, also those without digits.
+bool isNameOf(const Kind& kind, std::string_view name) {
+  if (!name.starts_with(kind.prefix)) {
+    return false;
+  }
+  const std::size_t end = name.find_first_not_of("0123456789", kind.prefix.size());
+  return end != name.npos && name.substr(end) == kind.suffix;
+}
+
+std::string nameFault(const Kind& kind, const std::string& name) {
+  const std::string what(kind.typed);
+  const std::string form = std::string(kind.prefix) + "12" + std::string(kind.suffix);
+  if (!kind.NeedsName()) {
+    return name.empty() ? "" : what + " takes no --filename; only event files do";
+  }
+  if (name.empty()) {
+    return what + " needs --filename with a name such as " + form;
+  }
+  return isNameOf(kind, name)
+             ? ""
+             : "\"" + name + "\" is not the name of an " + what + ": write one such as " + form;
+}
+
 bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::string& error) {
   const auto kind = std::ranges::find(kKinds, arguments.what, &Kind::typed);
-  if (kind->needsName == arguments.filename.empty()) {
-    error = arguments.what + (kind->needsName ? " needs --filename" : " takes no --filename");
+  error = nameFault(*kind, arguments.filename);
+  if (!error.empty()) {
     return false;
   }
   variant::Variant form = variant::Variant::Map{};
@@ -46,7 +72,7 @@ bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::
   }
   request.what(std::string(kind->what));
   request.uri(arguments.uri);
-  if (kind->needsName) {
+  if (kind->NeedsName()) {
     request.filename(arguments.filename);
   }
   if (form.Size() > 0) {
@@ -55,11 +81,12 @@ bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::
   return true;
 }
 
-Exit run(const Options& options, const Arguments& arguments, const TransferOptions& transfer) {
+ExitStatus run(const Options& options, const Arguments& arguments,
+               const TransferOptions& transfer) {
   ipc::messages::GetRequest request;
   std::string error;
   if (!build(arguments, request, error)) {
-    return fail(Exit::Usage, error);
+    return fail(ExitStatus::Usage, error);
   }
   request.timeoutMs(transfer.timeoutMs);
   request.disableEvents(!transfer.wait);
@@ -70,13 +97,15 @@ Exit run(const Options& options, const Arguments& arguments, const TransferOptio
 
 Action setUpGet(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  line.Argument("WHAT", arguments->what, "snapshot, support, event-snapshot or event-heatmap",
+  line.Argument("WHAT", arguments->what,
+                "snapshot, support (an archive for the support team), event-snapshot, or "
+                "event-heatmap (a picture of the motion in an event)",
                 {"snapshot", "support", "event-snapshot", "event-heatmap"});
-  line.Argument("URI", arguments->uri, "Where the camera uploads it to, http: or https:");
+  line.Argument("URI", arguments->uri, "Destination of the upload, http: or https:");
   line.Option("--filename", arguments->filename, "NAME",
-              "Name of the event's file, such as motionsnap_12.jpg or heatmap_12.png");
+              "File name of the event, such as motionsnap_12.jpg or heatmap_12.png");
   line.Option("--field", arguments->fields, "KEY=VALUE",
-              "Field to add to the upload's form; repeatable");
+              "Additional form field of the upload; repeatable");
   auto transfer = addTransferOptions(line, 90000, kSilence);
   return
       [arguments, transfer](const Options& options) { return run(options, *arguments, *transfer); };

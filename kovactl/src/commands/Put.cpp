@@ -1,18 +1,24 @@
+#include <openssl/evp.h>
+
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
 #include "../Command.h"
-#include "../Md5.h"
 #include "../Transfer.h"
 #include "kova/messages/Requests.h"
+#include "kova/utils/File.h"
 
 namespace kova::ctl {
 namespace {
 
-constexpr const char* kSilence =
-    "the camera has this very file already, refused the request (a transfer from this URI runs),\n"
-    "or was asked for another such file meanwhile; its log tells";
+constexpr const char* kPutSilence =
+    "the camera already has this file, refused the request (a transfer from this URI is running), "
+    "or received another request for the same kind of file; see its log";
+
+constexpr const char* kFirmwareSilence =
+    "flashing succeeded, is in progress, or was refused; see the camera's log";
 
 struct Arguments {
   std::string what;
@@ -21,29 +27,54 @@ struct Arguments {
   std::string file;
 };
 
-// The camera compares digests in lower case only.
+// The MD5 digest of a file in hexadecimal; false, with `errno` set, when it cannot be read.
+bool md5OfFile(const std::string& path, std::string& digest) {
+  std::string content;
+  if (!utils::File::ReadStringAll(path, content)) {
+    return false;
+  }
+  std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
+  unsigned length = 0;
+  if (EVP_Digest(content.data(), content.size(), bytes.data(), &length, EVP_md5(), nullptr) != 1) {
+    errno = ENOTSUP;
+    return false;
+  }
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  digest.clear();
+  for (unsigned i = 0; i < length; ++i) {
+    digest += kDigits[bytes[i] >> 4U];
+    digest += kDigits[bytes[i] & 0xFU];
+  }
+  return true;
+}
+
+// The camera compares digests in lower case.
 bool takeDigest(std::string& hash) {
   std::ranges::transform(hash, hash.begin(),
                          [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return hash.size() == 32 && hash.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
-Exit run(const Options& options, Arguments arguments, const TransferOptions& transfer) {
+ExitStatus run(const Options& options, Arguments arguments, const TransferOptions& transfer) {
   if (arguments.hash.empty() == arguments.file.empty()) {
-    return fail(Exit::Usage, "put needs one of --hash and --file");
+    return fail(ExitStatus::Usage, arguments.file.empty()
+                                       ? "put needs --file LOCAL, a copy of the file, or --hash MD5"
+                                       : "give --hash or --file, not both");
   }
   if (!arguments.file.empty() && !md5OfFile(arguments.file, arguments.hash)) {
-    return fail(Exit::Local, "cannot read " + arguments.file + ": " + std::strerror(errno));
+    return fail(ExitStatus::Local, "cannot read " + arguments.file + ": " + std::strerror(errno));
   }
   if (!takeDigest(arguments.hash)) {
-    return fail(Exit::Usage, "--hash must be an MD5 digest of 32 hexadecimal digits");
+    return fail(ExitStatus::Usage,
+                "--hash must be an MD5 digest of 32 hexadecimal digits, as md5sum prints it; "
+                "or give the file itself with --file");
   }
   ipc::messages::PutRequest request;
   request.what(arguments.what);
   request.uri(arguments.uri);
   request.hash(arguments.hash);
   request.timeoutMs(transfer.timeoutMs);
-  return runTransfer(options, request, transfer, kSilence);
+  return runTransfer(options, request, transfer, kPutSilence);
 }
 
 }  // namespace
@@ -51,13 +82,25 @@ Exit run(const Options& options, Arguments arguments, const TransferOptions& tra
 Action setUpPut(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
   line.Argument("WHAT", arguments->what, "logo or sound", {"logo", "sound"});
-  line.Argument("URI", arguments->uri, "Where the camera fetches it from, http: or https:");
-  line.Option("--hash", arguments->hash, "MD5", "MD5 digest that the file must have");
+  line.Argument("URI", arguments->uri, "Where the camera fetches the file from, http: or https:");
+  line.Option("--hash", arguments->hash, "MD5", "Expected MD5 digest of the file");
   line.Option("--file", arguments->file, "LOCAL",
-              "Local copy of the file, to take the digest from");
-  auto transfer = addTransferOptions(line, 20000, kSilence);
+              "Local copy of the file, to compute the digest from");
+  auto transfer = addTransferOptions(line, 20000, kPutSilence);
   return
       [arguments, transfer](const Options& options) { return run(options, *arguments, *transfer); };
+}
+
+Action setUpFirmware(CommandLine& line) {
+  auto uri = std::make_shared<std::string>();
+  line.Argument("URI", *uri, "Where the camera fetches the image from, http: or https:");
+  auto transfer = addTransferOptions(line, 600000, kFirmwareSilence);
+  return [uri, transfer](const Options& options) {
+    ipc::messages::UpdateFirmwareRequest request;
+    request.uri(*uri);
+    request.timeoutMs(transfer->timeoutMs);
+    return runTransfer(options, request, *transfer, kFirmwareSilence);
+  };
 }
 
 }  // namespace kova::ctl

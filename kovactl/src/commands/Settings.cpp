@@ -1,27 +1,202 @@
-#include "../Assignments.h"
+#include "Settings.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+
+#include "../Client.h"
 #include "../Command.h"
-#include "../DeviceSettings.h"
+#include "../RequestFields.h"
+#include "../Suggestion.h"
+#include "Timezones.h"
 #include "kova/messages/Requests.h"
 
 namespace kova::ctl {
 namespace {
 
+using variant::Variant;
+
+enum class Form { Text, SwitchNumber, Switch };
+
+struct Setting {
+  std::string_view typed;
+  std::string_view field;
+  std::string_view label;
+  Form form;
+  bool mayBeEmpty = false;
+  std::string_view hint = "";  ///< added to the error message for an empty value
+};
+
+constexpr std::array<Setting, 5> kSettings{{
+    {"name", "name", "Name", Form::Text, false,
+     ", or \"kovactl reset-settings\" for the name of the model"},
+    {"timezone", "timezone", "Time zone", Form::Text, false,
+     ", such as GMT; \"kovactl timezones\" lists them"},
+    {"region", "region", "Region", Form::Text, true},
+    {"timelapse", "timelapseminutes", "Time-lapse", Form::SwitchNumber},
+    {"sound-on-boot", "soundOnBoot", "Sound on boot", Form::Switch},
+}};
+
+std::vector<std::string> allSettings() {
+  std::vector<std::string> names;
+  names.reserve(kSettings.size());
+  for (const Setting& setting : kSettings) {
+    names.emplace_back(setting.typed);
+  }
+  return names;
+}
+
+// The syntax of a setting: "timelapse=on|off".
+std::string form(const Setting& setting) {
+  return std::string(setting.typed) + "=" + (setting.form == Form::Text ? "VALUE" : "on|off");
+}
+
+bool fillOne(const Setting& setting, const Variant& value, Variant& request, std::string& error) {
+  const std::string name(setting.typed);
+  if (!value.Is(variant::VariantClass::String)) {
+    error = "write " + form(setting);
+    return false;
+  }
+  if (value.ToText().empty() && !setting.mayBeEmpty) {
+    error = name + " cannot be empty: write " + form(setting) + std::string(setting.hint);
+    return false;
+  }
+  if (setting.form == Form::Text) {
+    request[setting.field] = value;
+    return true;
+  }
+  bool on = false;
+  if (!parseSwitch(value.ToText(), on)) {
+    error = name + " must be on or off: write " + form(setting);
+    return false;
+  }
+  request[setting.field] = setting.form == Form::Switch ? Variant(on) : Variant(on ? 1 : 0);
+  return true;
+}
+
+// The probable reason why the camera refused these settings.
+std::string refusalOf(const Variant& request) {
+  for (const char* key : {"timezone", "region"}) {
+    const Variant* zone = request.Find(key);
+    const std::string name = zone != nullptr ? zone->ToText() : "";
+    // Only a region with a slash also sets the time zone.
+    const bool isMeant =
+        !name.empty() && (key == kSettings[1].field || name.find('/') != name.npos);
+    std::string doubt = isMeant ? doubtAboutZone(name) : "";
+    if (!doubt.empty()) {
+      return doubt;
+    }
+  }
+  return "a value was rejected; see the camera's log";
+}
+
+// A model without time-lapse ignores the setting silently.
+ExitStatus judgeTimelapse(const Variant& request, const Reply& reply) {
+  const std::string_view field = kSettings[3].field;
+  return reply.status == ExitStatus::Ok && request.Find(field) != nullptr &&
+                 payloadOf(reply).Find(field) == nullptr
+             ? fail(ExitStatus::Refused, "this model has no time-lapse: that setting was ignored")
+             : reply.status;
+}
+
+std::string describe(const Setting& setting, const Variant& value) {
+  if (setting.form == Form::Text) {
+    return cell(value);
+  }
+  const bool on = value.Is(variant::VariantClass::Boolean) ? value.ToBool()
+                                                           : value.ToNumber<std::int64_t>() != 0;
+  return on ? "on" : "off";
+}
+
+}  // namespace
+
+bool parseSwitch(const std::string& text, bool& value) {
+  for (const char* word : {"on", "yes", "true", "1"}) {
+    if (strcasecmp(text.c_str(), word) == 0) {
+      value = true;
+      return true;
+    }
+  }
+  for (const char* word : {"off", "no", "false", "0"}) {
+    if (strcasecmp(text.c_str(), word) == 0) {
+      value = false;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool fillSettings(const Variant& given, Variant& request, std::string& error) {
+  for (const auto& [name, value] : given.Elements()) {
+    const auto setting = std::ranges::find(kSettings, name, &Setting::typed);
+    if (setting == kSettings.end()) {
+      error = notFound("setting", name, allSettings());
+      return false;
+    }
+    if (!fillOne(*setting, value, request, error)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::vector<Row> settingsRows(const Variant& payload) {
+  std::vector<Row> rows;
+  for (const Setting& setting : kSettings) {
+    if (const Variant* value = payload.Find(setting.field); value != nullptr) {
+      rows.push_back({std::string(setting.label), describe(setting, *value)});
+    }
+  }
+  return rows;
+}
+
+namespace {
+
+ExitStatus askSettings(const Options& options, ipc::messages::BaseRequestMessage& request) {
+  Client client(options);
+  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+    return joined;
+  }
+  const Variant asked = request;
+  const Reply reply = client.Request(request, options.answerTimeoutMs(), refusalOf(asked));
+  if (!reply.answered) {
+    return reply.status;
+  }
+  const ExitStatus shown =
+      options.json ? showJson(reply) : show(table(settingsRows(payloadOf(reply))));
+  const ExitStatus judged = judgeTimelapse(asked, reply);
+  return judged != ExitStatus::Ok ? judged : shown;
+}
+
 constexpr const char* kFooter =
     "Settings:\n"
     "  name=TEXT             the camera's name\n"
-    "  timezone=ZONE         for example Europe/Paris\n"
-    "  region=TEXT           a region of the form Area/City sets the time zone too\n"
-    "  timelapse=on|off      only on models that have it\n"
-    "  sound-on-boot=on|off  whether a sound is played at boot\n"
+    "  timezone=ZONE         the time zone, such as Europe/Paris; see \"kovactl timezones\"\n"
+    "  region=TEXT           the region of use, such as US; a value of the form Area/City also "
+    "sets "
+    "the time zone\n"
+    "  timelapse=on|off      only on models with time-lapse\n"
+    "  sound-on-boot=on|off  whether to play a sound at boot\n"
     "\n"
-    "Changes last until the next reboot unless they are saved: \"kovactl save\".\n";
+    "A crash or power cut discards changes that were not saved with \"kovactl save\". \"kovactl "
+    "reboot\" saves them first.";
 
-Exit run(const Options& options, const std::vector<std::string>& arguments) {
+std::string explain(const std::string& argument) {
+  return "\"" + argument + "\" is not a setting: write SETTING=VALUE, such as name=Porch";
+}
+
+ExitStatus changeSettings(const Options& options, const std::vector<std::string>& arguments) {
+  for (const std::string& argument : arguments) {
+    if (argument.find('=') == argument.npos || argument.front() == '=') {
+      return fail(ExitStatus::Usage, explain(argument));
+    }
+  }
   variant::Variant given = variant::Variant::Map{};
   std::string error;
   ipc::messages::ChangeDeviceSettings request;
   if (!parseAssignments(arguments, given, error) || !fillSettings(given, request, error)) {
-    return fail(Exit::Usage, error);
+    return fail(ExitStatus::Usage, error);
   }
   return askSettings(options, request);
 }
@@ -30,9 +205,19 @@ Exit run(const Options& options, const std::vector<std::string>& arguments) {
 
 Action setUpSettings(CommandLine& line) {
   auto arguments = std::make_shared<std::vector<std::string>>();
-  line.Arguments("SETTING", *arguments, "Changes, as name=value; none shows the settings");
+  line.Arguments("SETTING", *arguments, "Settings to change; none shows all settings");
   line.Footer(kFooter);
-  return [arguments](const Options& options) { return run(options, *arguments); };
+  return [arguments](const Options& options) { return changeSettings(options, *arguments); };
+}
+
+Action setUpResetSettings(CommandLine& line) {
+  line.Footer(
+      "Sets the default name of the model and the time zone GMT, then prints the settings.");
+  return [](const Options& options) {
+    ipc::messages::BaseRequestMessage request;
+    request.functionName("ResetDeviceSettings");
+    return askSettings(options, request);
+  };
 }
 
 }  // namespace kova::ctl

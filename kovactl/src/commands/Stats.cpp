@@ -1,24 +1,140 @@
+#include "Stats.h"
+
+#include <strings.h>
+
 #include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <optional>
 
-#include "../Answer.h"
+#include "../Client.h"
 #include "../Command.h"
-#include "../StatsTable.h"
-#include "../StopSignals.h"
+#include "../Suggestion.h"
 #include "../Terminal.h"
-#include "../Text.h"
 #include "kova/messages/Requests.h"
+#include "kova/utils/Strings.h"
 
 namespace kova::ctl {
+namespace {
+
+using variant::Variant;
+
+double number(const Variant& section, std::string_view key) {
+  const Variant* value = section.Find(key);
+  return value != nullptr ? value->ToNumber<double>() : 0;
+}
+
+std::string text(const Variant& section, std::string_view key) {
+  const Variant* value = section.Find(key);
+  return value != nullptr ? cell(*value) : "-";
+}
+
+std::string memory(const Variant& section) {
+  const double total = number(section, "totalKb");
+  const double used = std::max(0.0, total - number(section, "freeKb"));
+  return humanBytes(used * 1024) + " of " + humanBytes(total * 1024) + " used (" +
+         utils::format("%.0f %%", total > 0 ? 100 * used / total : 0) + "), " +
+         humanBytes(number(section, "freeKb") * 1024) + " free";
+}
+
+std::string processors(const Variant& section) {
+  const Variant* busy = section.Find("arr");
+  std::string out;
+  for (const Variant& value : busy != nullptr ? busy->Items() : Variant::Array{}) {
+    out += (out.empty() ? "" : "  ") + utils::format("%.0f %%", value.ToNumber<double>());
+  }
+  return out.empty() ? "-" : out + " busy";
+}
+
+std::string processorModel(const Variant& section) {
+  return text(section, "processor");
+}
+
+std::string load(const Variant& section) {
+  return utils::format("%.2f", number(section, "01min")) + "  " +
+         utils::format("%.2f", number(section, "05min")) + "  " +
+         utils::format("%.2f", number(section, "15min")) + "  (1, 5, 15 min)";
+}
+
+std::string network(const Variant& section) {
+  if (section.Find("name") == nullptr) {
+    return "no interface";
+  }
+  return text(section, "name") + ": down " + humanBytes(number(section, "dnBps")) + "/s, up " +
+         humanBytes(number(section, "upBps")) + "/s; received " +
+         humanBytes(number(section, "bytesRx")) + ", sent " +
+         humanBytes(number(section, "bytesTx"));
+}
+
+// Without a link the camera reports a level of 0 or -100 dBm and a quality derived from it.
+bool hasLink(const Variant& section) {
+  constexpr double kNothing = -100;
+  const double level = number(section, "signalStrength");
+  return level > kNothing && level < 0;
+}
+
+std::string wifi(const Variant& section) {
+  if (!hasLink(section)) {
+    return "no link";
+  }
+  return text(section, "signalStrength") + " dBm, quality " + text(section, "quality") + " %";
+}
+
+std::string uptime(const Variant& section) {
+  const Variant* seconds = section.Find("sec");
+  return seconds != nullptr ? humanDuration(seconds->ToNumber<std::uint64_t>()) : "-";
+}
+
+std::string battery(const Variant& section) {
+  const Variant* charging = section.Find("isCharging");
+  return text(section, "percentage") + " %" +
+         (charging != nullptr && charging->ToBool() ? ", charging" : "");
+}
+
+}  // namespace
+
+const std::vector<StatsSection>& statsSections() {
+  static const std::vector<StatsSection> sections{
+      {"memory", "memory", "Memory", memory},
+      {"cpu", "cpu", "Processors", processors},
+      {"cpuInfo", "cpuinfo", "Model", processorModel},
+      {"loadavg", "loadavg", "Load", load},
+      {"network", "network", "Network", network},
+      {"wifi", "wifi", "Wi-Fi", wifi},
+      {"uptime", "uptime", "Up", uptime},
+      {"battery", "battery", "Battery", battery},
+  };
+  return sections;
+}
+
+const StatsSection* findStatsSection(const std::string& name) {
+  const auto& sections = statsSections();
+  const auto found = std::ranges::find_if(sections, [&name](const StatsSection& section) {
+    return strcasecmp(std::string(section.flag).c_str(), name.c_str()) == 0;
+  });
+  return found != sections.end() ? &*found : nullptr;
+}
+
+std::vector<Row> statsRows(const Variant& reply, const std::vector<const StatsSection*>& wanted) {
+  std::vector<Row> rows;
+  for (const StatsSection& section : statsSections()) {
+    const Variant* content = reply.Find(section.key);
+    if (content != nullptr) {
+      rows.push_back({std::string(section.label), section.describe(*content)});
+    } else if (std::ranges::find(wanted, &section) != wanted.end()) {
+      rows.push_back({std::string(section.label), "not reported"});
+    }
+  }
+  return rows;
+}
+
 namespace {
 
 using Sections = std::vector<const StatsSection*>;
 
 struct Arguments {
   std::vector<std::string> sections;
-  std::optional<std::string> watch;  ///< how often, in seconds; "" leaves it to us
+  std::optional<std::string> watch;  ///< interval; "" for the default
 };
 
 ipc::messages::GetSystemStats requestFor(const Sections& wanted) {
@@ -36,32 +152,32 @@ std::string render(const Options& options, const Reply& reply, const Sections& w
   return options.json ? json(payload, indent) + "\n" : table(statsRows(payload, wanted));
 }
 
-Exit showOnce(Client& client, const Sections& wanted) {
+ExitStatus showOnce(Client& client, const Sections& wanted) {
   auto request = requestFor(wanted);
   const Reply reply = client.Request(request, client.Settings().answerTimeoutMs(),
-                                     "what is missing could not be read");
+                                     "the missing sections could not be read");
   if (!reply.answered) {
     return reply.status;
   }
-  const Exit shown = show(render(client.Settings(), reply, wanted, 2));
-  return reply.status != Exit::Ok ? reply.status : shown;
+  const ExitStatus shown = show(render(client.Settings(), reply, wanted, 2));
+  return reply.status != ExitStatus::Ok ? reply.status : shown;
 }
 
-// Asks again and again; `present` shows a frame. Ends only when something fails or is stopped.
-Exit repeat(Client& client, const Sections& wanted, std::uint32_t intervalMs,
-            const std::function<Exit(const std::string&)>& present) {
+// Polls the statistics until something fails or stops it; `present` shows each frame.
+ExitStatus repeat(Client& client, const Sections& wanted, std::uint32_t intervalMs,
+                  const std::function<ExitStatus(const std::string&)>& present) {
   while (true) {
     auto request = requestFor(wanted);
     const Reply reply = client.Request(request, client.Settings().answerTimeoutMs());
-    if (reply.status != Exit::Ok) {
+    if (reply.status != ExitStatus::Ok) {
       return reply.status;
     }
-    const Exit shown = present(render(client.Settings(), reply, wanted, -1));
-    if (shown != Exit::Ok) {
+    const ExitStatus shown = present(render(client.Settings(), reply, wanted, -1));
+    if (shown != ExitStatus::Ok) {
       return shown;
     }
-    const Exit slept = client.ServeUntil([] { return false; }, intervalMs);
-    if (slept != Exit::NoAnswer) {
+    const ExitStatus slept = client.ServeUntil([] { return false; }, intervalMs);
+    if (slept != ExitStatus::NoAnswer) {
       return slept;
     }
   }
@@ -73,17 +189,17 @@ std::string heading(std::uint32_t intervalMs) {
   localtime_r(&now, &local);
   char text[16];
   std::strftime(text, sizeof text, "%H:%M:%S", &local);
-  return std::string(text) + "  every " + cell(intervalMs / 1000.0) + " s, Ctrl-C ends\n\n";
+  return std::string(text) + "  every " + humanSeconds(intervalMs) + ", Ctrl-C to stop\n\n";
 }
 
-Exit watchOnTerminal(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
+ExitStatus watchOnTerminal(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
   AlternateScreen screen;
   return repeat(client, wanted, intervalMs, [&](const std::string& frame) {
-    return screen.Show(heading(intervalMs) + frame) ? Exit::Ok : show("");
+    return screen.Show(heading(intervalMs) + frame) ? ExitStatus::Ok : show("");
   });
 }
 
-Exit watch(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
+ExitStatus watch(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
   if (outputIsTerminal() && !client.Settings().json) {
     return watchOnTerminal(client, wanted, intervalMs);
   }
@@ -92,24 +208,51 @@ Exit watch(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
                 [&gap](const std::string& frame) { return show(frame + gap); });
 }
 
-Exit run(const Options& options, const Arguments& arguments) {
+std::vector<std::string> sectionNames() {
+  std::vector<std::string> names;
+  for (const StatsSection& section : statsSections()) {
+    names.emplace_back(section.flag);
+  }
+  return names;
+}
+
+// In "--watch memory" the word is a section: only a number is an interval.
+bool takeInterval(const std::string& interval, std::vector<std::string>& names,
+                  std::uint32_t& intervalMs, std::string& error) {
+  if (interval.empty()) {
+    return true;
+  }
+  if (interval.find_first_of("0123456789.-") != 0) {
+    names.push_back(interval);
+    return true;
+  }
+  if (!parseDuration(interval, intervalMs)) {
+    error = "--watch: \"" + interval + "\" is not a duration: " + std::string(kDurationForms);
+    return false;
+  }
+  if (intervalMs == 0) {
+    error = "--watch: must be more than 0, for example 0.5; the default is 2 seconds";
+    return false;
+  }
+  return true;
+}
+
+ExitStatus run(const Options& options, const Arguments& arguments) {
   std::uint32_t intervalMs = 2000;
   std::vector<std::string> names = arguments.sections;
-  // "--watch memory" names a section: what is no number was not meant for --watch.
-  const std::string interval = arguments.watch.value_or("");
-  if (!interval.empty() && !parseSeconds(interval, intervalMs)) {
-    names.push_back(interval);
+  std::string error;
+  if (!takeInterval(arguments.watch.value_or(""), names, intervalMs, error)) {
+    return fail(ExitStatus::Usage, error);
   }
   Sections wanted;
   for (const std::string& name : names) {
     wanted.push_back(findStatsSection(name));
     if (wanted.back() == nullptr) {
-      return fail(Exit::Usage,
-                  "there is no section \"" + name + "\"; see \"kovactl stats --help\"");
+      return fail(ExitStatus::Usage, notFound("section", name, sectionNames()));
     }
   }
   Client client(options);
-  if (const Exit joined = client.Join(); joined != Exit::Ok) {
+  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
     return joined;
   }
   return arguments.watch ? watch(client, wanted, intervalMs) : showOnce(client, wanted);
@@ -119,16 +262,12 @@ Exit run(const Options& options, const Arguments& arguments) {
 
 Action setUpStats(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  std::string names;
-  for (const StatsSection& section : statsSections()) {
-    names += " " + std::string(section.flag);
-  }
-  line.Arguments("SECTION", arguments->sections, "What to show (all):" + names);
-  line.OptionalValue("--watch", arguments->watch, "[SECONDS]",
-                     "Show it again every so many seconds (2), until Ctrl-C");
+  line.Arguments("SECTION", arguments->sections,
+                 "Sections to show (all): " + alternatives(sectionNames()));
+  line.OptionalValue("--watch", arguments->watch, "[TIME]",
+                     "Repeat at this interval (2s) until Ctrl-C");
   line.Footer(
-      "On a terminal --watch refreshes in place. With --json it prints one line of JSON each "
-      "time.\n");
+      "On a terminal --watch refreshes in place. With --json it prints one line each time.");
   return [arguments](const Options& options) { return run(options, *arguments); };
 }
 

@@ -1,13 +1,106 @@
-#include "../Answer.h"
+#include <cerrno>
+#include <cstring>
+
+#include "../Client.h"
 #include "../Command.h"
-#include "../Passwords.h"
+#include "../Terminal.h"
 #include "../Text.h"
 #include "kova/messages/Requests.h"
+#include "kova/utils/File.h"
+#include "kova/utils/Secret.h"
 
 namespace kova::ctl {
 namespace {
 
 using ipc::messages::ChangeUsernamePassword;
+using utils::Secret;
+
+// The sources of the passwords, prompts by default. The command line is none of them, since every
+// process can read it.
+struct PasswordSources {
+  std::string oldFile;     ///< its first line is the old password
+  std::string newFile;     ///< its first line is the new password
+  bool fromInput = false;  ///< two lines of standard input: old, new
+};
+
+ExitStatus readFile(const std::string& path, std::string& password) {
+  std::string content;
+  if (!utils::File::ReadStringAll(path, content)) {
+    return fail(ExitStatus::Local, "cannot read " + path + ": " + std::strerror(errno));
+  }
+  password = content.substr(0, content.find('\n'));
+  explicit_bzero(content.data(), content.size());
+  return ExitStatus::Ok;
+}
+
+ExitStatus prompt(const char* text, std::string& password) {
+  if (askSecret(text, password)) {
+    return ExitStatus::Ok;
+  }
+  if (stopRequested()) {
+    return stopStatus();
+  }
+  return inputIsTerminal()
+             ? fail(ExitStatus::Local, "no password entered")
+             : fail(ExitStatus::Usage,
+                    "no terminal to prompt on: use --stdin, or --old-file and --new-file");
+}
+
+ExitStatus promptTwice(std::string& password) {
+  if (const ExitStatus first = prompt("New password: ", password); first != ExitStatus::Ok) {
+    return first;
+  }
+  Secret again;
+  if (const ExitStatus second = prompt("New password again: ", again.text);
+      second != ExitStatus::Ok) {
+    return second;
+  }
+  return again.text == password ? ExitStatus::Ok
+                                : fail(ExitStatus::Local, "the two new passwords differ");
+}
+
+ExitStatus readInput(std::string& oldPassword, std::string& newPassword) {
+  if (readLine(oldPassword) && readLine(newPassword)) {
+    return ExitStatus::Ok;
+  }
+  return stopRequested()
+             ? stopStatus()
+             : fail(ExitStatus::Usage, "--stdin needs two lines: the old password and the new one");
+}
+
+ExitStatus check(const char* which, const std::string& password) {
+  constexpr std::size_t kLongest = 64;
+  if (password.empty()) {
+    return fail(ExitStatus::Usage, std::string("the ") + which + " password is empty");
+  }
+  return password.size() <= kLongest
+             ? ExitStatus::Ok
+             : fail(ExitStatus::Usage,
+                    std::string("the ") + which + " password is longer than 64 bytes");
+}
+
+ExitStatus collect(const PasswordSources& sources, std::string& oldPassword,
+                   std::string& newPassword) {
+  if (sources.fromInput) {
+    return readInput(oldPassword, newPassword);
+  }
+  const ExitStatus old = sources.oldFile.empty() ? prompt("Old password: ", oldPassword)
+                                                 : readFile(sources.oldFile, oldPassword);
+  if (old != ExitStatus::Ok) {
+    return old;
+  }
+  return sources.newFile.empty() ? promptTwice(newPassword)
+                                 : readFile(sources.newFile, newPassword);
+}
+
+ExitStatus readPasswords(const PasswordSources& sources, Secret& oldPassword, Secret& newPassword) {
+  if (const ExitStatus got = collect(sources, oldPassword.text, newPassword.text);
+      got != ExitStatus::Ok) {
+    return got;
+  }
+  const ExitStatus old = check("old", oldPassword.text);
+  return old != ExitStatus::Ok ? old : check("new", newPassword.text);
+}
 
 struct Arguments {
   std::string name;
@@ -25,35 +118,35 @@ std::string nameIn(const Reply& reply) {
   return name != nullptr ? name->ToText() : "";
 }
 
-Exit showName(const Options& options) {
+ExitStatus showName(const Options& options) {
   Client client(options);
-  if (const Exit joined = client.Join(); joined != Exit::Ok) {
+  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
     return joined;
   }
   const Reply reply = askName(client);
-  if (reply.status != Exit::Ok) {
+  if (reply.status != ExitStatus::Ok) {
     return reply.status;
   }
   return options.json ? showJson(reply) : show(printable(nameIn(reply)) + "\n");
 }
 
-Exit changePassword(const Options& options, const Arguments& arguments) {
+ExitStatus changePassword(const Options& options, const Arguments& arguments) {
   Client client(options);
-  if (const Exit joined = client.Join(); joined != Exit::Ok) {
+  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
     return joined;
   }
   std::string name = arguments.name;
   if (name.empty()) {
     const Reply current = askName(client);
-    if (current.status != Exit::Ok) {
+    if (current.status != ExitStatus::Ok) {
       return current.status;
     }
     name = nameIn(current);
   }
   Secret oldPassword;
   Secret newPassword;
-  const Exit got = readPasswords(arguments.passwords, oldPassword, newPassword);
-  if (got != Exit::Ok) {
+  const ExitStatus got = readPasswords(arguments.passwords, oldPassword, newPassword);
+  if (got != ExitStatus::Ok) {
     return got;
   }
   ChangeUsernamePassword request;
@@ -62,29 +155,29 @@ Exit changePassword(const Options& options, const Arguments& arguments) {
   request.passwordNew(newPassword.text);
   const Reply reply = client.Request(request, options.answerTimeoutMs(),
                                      "the old password is wrong, or the name is not acceptable");
-  if (reply.status != Exit::Ok) {
+  if (reply.status != ExitStatus::Ok) {
     return reply.status;
   }
   return options.json ? showJson(reply) : show("Changed.\n");
 }
 
 template <typename Message>
-Exit change(const Options& options, const char* done) {
+ExitStatus change(const Options& options, const char* done) {
   Message request;
-  return askServer(options, request, done);
+  return requestFromServer(options, request, done);
 }
 
 CommandLine addPasswd(CommandLine& line, Arguments& arguments) {
   CommandLine passwd = line.Subcommand("passwd", "Change the password, and the name with --name");
-  passwd.Option("--name", arguments.name, "NAME", "New name of the account (as it is)");
+  passwd.Option("--name", arguments.name, "NAME", "New name of the account (unchanged)");
   passwd.Option("--old-file", arguments.passwords.oldFile, "FILE",
-                "Read the old password from this file's first line");
+                "Read the old password from the first line of a file");
   passwd.Option("--new-file", arguments.passwords.newFile, "FILE",
-                "Read the new password from this file's first line");
+                "Read the new password from the first line of a file");
   passwd.Flag("--stdin", arguments.passwords.fromInput,
-              "Read two lines from standard input: the old password, the new one",
+              "Read the old and the new password from two lines of standard input",
               {"--old-file", "--new-file"});
-  passwd.Footer("A password that no option gives is asked for on the terminal, without echo.\n");
+  passwd.Footer("Prompts on the terminal, without echo, for passwords that no option provides.");
   return passwd;
 }
 

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <limits>
 #include <string_view>
+#include <utility>
 
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
@@ -22,13 +23,16 @@ using variant::VariantClass;
 constexpr char kLogIdentity[] = "kova_gpio";
 constexpr char kLogUnit[] = "Button";
 constexpr std::uint64_t kDebounceMs = 30;
+constexpr std::uint64_t kIdleSampleMs = 50;
+constexpr std::uint64_t kLongestGapMs = 250;
+constexpr std::uint64_t kRetryMs = 60'000;
 
 int heldTime(std::uint64_t from, std::uint64_t to) {
   constexpr std::uint64_t kMost = std::numeric_limits<int>::max();
   return static_cast<int>(std::min(to - from, kMost));
 }
 
-// The key's value, or null when it is absent or, which is logged, of another type.
+// The value of the key; null if it is absent or, which is logged, of another type.
 const Variant* optionalValue(const variant::CameraInfo& info, const char* key, VariantClass mask) {
   const Variant* value = info.Find(key);
   if (value != nullptr && !value->Is(mask)) {
@@ -53,31 +57,50 @@ bool BaseButton::init(const variant::CameraInfo* info, IButtonEventsObserver* ob
   pressed_ = false;
   candidate_ = false;
   readable_ = true;
-  bool pressed = false;
-  return path_.empty() || sample(pressed);
+  if (!path_.empty()) {
+    bool ignored = false;
+    sample(ignored, utils::nowMs());
+  }
+  return true;
 }
 
 bool BaseButton::service() {
   if (path_.empty()) {
     return true;
   }
+  const std::uint64_t now = utils::nowMs();
+  if (endUnseenPress(now) || !isDue(now)) {
+    return true;
+  }
   bool pressed = false;
-  if (!sample(pressed)) {
+  if (!sample(pressed, now)) {
     return false;
   }
-  const std::uint64_t now = utils::nowMs();
   debounce(pressed, now);
   reportHeld(now);
   return true;
 }
 
-bool BaseButton::sample(bool& pressed) {
-  const bool readable = readPressed(pressed);
-  if (!readable && readable_) {
-    KOVA_LOG(LOG_ERR, errno, "Cannot read the button at %s", path_.c_str());
+bool BaseButton::isDue(std::uint64_t now) const {
+  if (!readable_) {
+    return now - triedAt_ >= kRetryMs;
   }
-  if (!readable) {
+  return pressed_ || candidate_ || now - triedAt_ >= kIdleSampleMs;
+}
+
+bool BaseButton::sample(bool& pressed, std::uint64_t now) {
+  triedAt_ = now;
+  const bool readable = readPressed(pressed);
+  if (readable) {
+    sampledAt_ = now;
+  } else {
+    if (readable_) {
+      KOVA_LOG(LOG_ERR, errno, "Cannot read the button at %s", path_.c_str());
+    }
     value_.Reset();
+  }
+  if (readable && !readable_) {
+    KOVA_LOG(LOG_INFO, 0, "The button at %s can be read again", path_.c_str());
   }
   readable_ = readable;
   return readable;
@@ -107,7 +130,23 @@ bool BaseButton::readPressed(bool& pressed) {
   return true;
 }
 
+// True if there was one; `now` is then outdated, since the observer may take a while.
+bool BaseButton::endUnseenPress(std::uint64_t now) {
+  if (now - sampledAt_ <= kLongestGapMs) {
+    return false;
+  }
+  candidate_ = false;
+  const bool ended = std::exchange(pressed_, false);
+  if (ended) {
+    observer_->buttonUp(heldTime(pressedSince_, seenPressedAt_));
+  }
+  return ended;
+}
+
 void BaseButton::debounce(bool pressed, std::uint64_t now) {
+  if (pressed) {
+    seenPressedAt_ = now;
+  }
   if (pressed != candidate_) {
     candidate_ = pressed;
     candidateSince_ = now;
@@ -126,7 +165,7 @@ void BaseButton::debounce(bool pressed, std::uint64_t now) {
 }
 
 void BaseButton::reportHeld(std::uint64_t now) {
-  // Not while the line is open: that may be the release, whose time is then the first open sample.
+  // Not while the line is open: this may be the release, which is timed by its first open sample.
   if (pressed_ && candidate_ && now - lastReport_ >= intervalMs_) {
     lastReport_ = now;
     observer_->buttonDepressed(heldTime(pressedSince_, now));

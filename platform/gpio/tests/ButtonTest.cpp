@@ -3,10 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 
 #include "../../utils/tests/TemporaryFolder.h"
+#include "SyslogRecorder.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Crash.h"
 #include "kova/variant/CameraInfo.h"
@@ -19,6 +21,9 @@ namespace kova::utils {
 std::uint64_t nowMs() {
   return turnedMs;
 }
+timeval now() {
+  return {};
+}
 void forceCrash() {
   std::abort();
 }
@@ -27,6 +32,7 @@ void forceCrash() {
 namespace kova::gpio {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using tests::TemporaryFolder;
@@ -45,6 +51,7 @@ class ButtonTest : public testing::Test {
  protected:
   void SetUp() override {
     turnedMs = 1000;
+    tests::records.clear();
     release();
     info_["reset_button_gpio"] = path_;
   }
@@ -52,7 +59,7 @@ class ButtonTest : public testing::Test {
   void press() { writeText(path_, "0\n"); }
   void release() { writeText(path_, "1\n"); }
 
-  // Services the button at once and then each `stepMs`, for `ms` in all.
+  // Services the button now and then every `stepMs`, for `ms` in total.
   void pass(int ms, int stepMs = 10) {
     const std::uint64_t end = turnedMs + static_cast<std::uint64_t>(ms);
     for (; turnedMs < end; turnedMs += static_cast<std::uint64_t>(stepMs)) {
@@ -64,6 +71,12 @@ class ButtonTest : public testing::Test {
     ASSERT_TRUE(button_.init(&info_, &observer_, intervalMs));
     pass(100);
     ASSERT_THAT(observer_.events, IsEmpty());
+  }
+
+  static std::size_t logged(const std::string& text) {
+    return static_cast<std::size_t>(
+        std::count_if(tests::records.begin(), tests::records.end(),
+                      [&](const auto& record) { return record.text.ends_with(": " + text); }));
   }
 
   TemporaryFolder folder_;
@@ -123,7 +136,7 @@ TEST_F(ButtonTest, ABouncingPressCountsFromItsLastClosing) {
   press();
   pass(10);
   release();
-  pass(10);
+  pass(50);
   press();
   pass(500);
   release();
@@ -157,17 +170,88 @@ TEST_F(ButtonTest, NoHoldIsReportedBeyondTheRelease) {
 TEST_F(ButtonTest, AButtonHeldFromTheStartIsAPress) {
   press();
   ASSERT_TRUE(button_.init(&info_, &observer_, 100));
-  pass(111);
+  pass(161);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 100"));
 }
 
-TEST_F(ButtonTest, AHoldBeyondTheRangeOfMillisecondsIsHeldToIt) {
+TEST_F(ButtonTest, PressCountsUpToTheLastSampleBeforeAGap) {
   start();
   press();
-  pass(40);
-  turnedMs += 3000000000U;
+  pass(1200);
+  turnedMs += 6000;
+  pass(900);
+  EXPECT_THAT(observer_.events, ElementsAre("down", "up 1190", "down"));
+  release();
+  pass(100);
+  EXPECT_EQ(observer_.events.back(), "up 890");
+}
+
+TEST_F(ButtonTest, GapOf250MillisecondsEndsNoPress) {
+  start();
+  press();
+  pass(100);
+  turnedMs += 240;
+  pass(100);
+  EXPECT_THAT(observer_.events, ElementsAre("down"));
+  turnedMs += 241;
+  pass(100);
+  EXPECT_THAT(observer_.events, ElementsAre("down", "up 430", "down"));
+}
+
+TEST_F(ButtonTest, PressThatEndedUnseenIsOver) {
+  start();
+  press();
+  pass(500);
+  release();
+  turnedMs += 1000;
+  pass(500);
+  EXPECT_THAT(observer_.events, ElementsAre("down", "up 490"));
+}
+
+TEST_F(ButtonTest, LevelSeenOnBothSidesOfAGapHasNotLasted) {
+  start();
+  press();
   pass(10);
-  EXPECT_THAT(observer_.events, ElementsAre("down", "held 2147483647"));
+  turnedMs += 1000;
+  pass(1);
+  EXPECT_THAT(observer_.events, IsEmpty());
+  pass(40);
+  EXPECT_THAT(observer_.events, ElementsAre("down"));
+}
+
+TEST_F(ButtonTest, SlowObserverIsNoPartOfTheNextPress) {
+  class Slow : public Recorder {
+   public:
+    void buttonUp(int heldMs) override {
+      Recorder::buttonUp(heldMs);
+      turnedMs += 200;
+    }
+  } slow;
+  ASSERT_TRUE(button_.init(&info_, &slow, 1000000));
+  press();
+  pass(500);
+  turnedMs += 1000;
+  pass(400);
+  release();
+  pass(60);
+  EXPECT_THAT(slow.events, ElementsAre("down", "up 440", "down", "up 190"));
+}
+
+TEST_F(ButtonTest, OpenLineIsSampledEveryFiftyMilliseconds) {
+  start();
+  const auto seen = [&] {
+    for (int ms = 1;; ++ms) {
+      pass(1, 1);
+      if (!observer_.events.empty()) {
+        return ms;
+      }
+    }
+  };
+  pass(1, 1);
+  turnedMs += 49;
+  pass(1, 1);  // takes an open sample
+  press();
+  EXPECT_EQ(seen(), 50 + 30);
 }
 
 TEST_F(ButtonTest, TheLineMayBeActiveHigh) {
@@ -199,35 +283,74 @@ TEST_F(ButtonTest, KeysOfAnotherTypeCountAsAbsent) {
   EXPECT_THAT(observer_.events, ElementsAre("down"));
 }
 
-TEST_F(ButtonTest, ALineThatCannotBeReadFailsInit) {
+TEST_F(ButtonTest, LineThatCannotBeReadFailsNoInit) {
   std::filesystem::remove(path_);
-  EXPECT_FALSE(button_.init(&info_, &observer_, 0));
+  EXPECT_TRUE(button_.init(&info_, &observer_, 0));
+  EXPECT_EQ(logged("Cannot read the button at " + path_ + ": No such file or directory"), 1U);
+  pass(59'990);
+  EXPECT_EQ(tests::records.size(), 1U);
+  press();
+  pass(100);
+  EXPECT_THAT(observer_.events, Contains("down"));
+  EXPECT_EQ(logged("The button at " + path_ + " can be read again"), 1U);
+  EXPECT_EQ(tests::records.size(), 2U);
+}
+
+TEST_F(ButtonTest, FolderInItsPlaceIsNoLine) {
+  std::filesystem::remove(path_);
   std::filesystem::create_directory(path_);
-  EXPECT_FALSE(button_.init(&info_, &observer_, 0));
+  EXPECT_TRUE(button_.init(&info_, &observer_, 0));
+  EXPECT_EQ(tests::records.size(), 1U);
+}
+
+TEST_F(ButtonTest, LineThatIsLostFailsOnceAtOnceAndThenOnceAMinute) {
+  start();
+  writeText(path_, "");
+  std::vector<std::uint64_t> failures;
+  const std::uint64_t begin = turnedMs;
+  for (int ms = 0; ms < 200'000; ms += 10, turnedMs += 10) {
+    if (!button_.service()) {
+      failures.push_back(turnedMs - begin);
+    }
+  }
+  ASSERT_EQ(failures.size(), 4U);
+  EXPECT_LE(failures[0], 50U);
+  EXPECT_EQ(failures[1] - failures[0], 60'000U);
+  EXPECT_EQ(failures[3] - failures[2], 60'000U);
+  EXPECT_EQ(logged("Cannot read the button at " + path_ + ": Invalid argument"), 1U);
+}
+
+TEST_F(ButtonTest, BlindTimeIsNoHold) {
+  start(100);
+  press();
+  pass(150);
+  writeText(path_, "");
+  EXPECT_FALSE(button_.service());
+  pass(59'990);
+  EXPECT_THAT(observer_.events, ElementsAre("down", "held 100", "up 140"));
+  press();
+  pass(200);
+  release();
+  pass(50);
+  EXPECT_THAT(observer_.events,
+              ElementsAre("down", "held 100", "up 140", "down", "held 100", "up 190"));
 }
 
 TEST_F(ButtonTest, OnlyZeroAndOneAreLevels) {
   start();
   for (const char* text : {"", "\n", "2\n", "01\n", "0\n\n", "0 \n", "00000000"}) {
+    turnedMs += 60'000;
     writeText(path_, text);
     EXPECT_FALSE(button_.service()) << text;
   }
   for (const char* text : {"0", "1", "0\n", "1\n"}) {
+    turnedMs += 60'000;
     writeText(path_, text);
     EXPECT_TRUE(button_.service()) << text;
+    writeText(path_, "");
+    turnedMs += 60'000;
+    EXPECT_FALSE(button_.service() && button_.service());
   }
-}
-
-TEST_F(ButtonTest, AfterAFailureTheButtonWorksAgain) {
-  start();
-  writeText(path_, "");
-  EXPECT_FALSE(button_.service());
-  std::filesystem::remove(path_);
-  EXPECT_FALSE(button_.service());
-  EXPECT_FALSE(button_.service());
-  press();
-  pass(50);
-  EXPECT_THAT(observer_.events, ElementsAre("down"));
 }
 
 TEST_F(ButtonTest, OpenDescriptorsDoNotPileUp) {
@@ -241,7 +364,9 @@ TEST_F(ButtonTest, OpenDescriptorsDoNotPileUp) {
     EXPECT_TRUE(button.init(&info_, &observer_, 0));
     EXPECT_EQ(open(), before + 1);
     writeText(path_, "");
+    turnedMs += 50;
     EXPECT_FALSE(button.service());
+    EXPECT_EQ(open(), before);
     release();
   }
   EXPECT_EQ(open(), before);

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "Names.h"
+#include "BusNames.h"
 #include "Protocol.h"
 #include "SdBus.h"
 #include "Wire.h"
@@ -32,7 +32,7 @@ class BusMonitor::Connection {
 
  private:
   using Sink = std::function<void(const SeenMessage&)>;
-  /// Caller's unique name and serial number: what an answer refers to.
+  /// Unique name of the caller and serial number of the call, which identify the call of an answer.
   using CallId = std::pair<std::string, std::uint64_t>;
 
   bool LearnOwners(std::string& error);
@@ -43,12 +43,12 @@ class BusMonitor::Connection {
   bool SeeCall(sd_bus_message* call);
   bool SeeAnswer(sd_bus_message* answer);
   void Forget(const std::string& unique);
-  /// The endpoint's name where known, else the bus name as it is.
+  /// The endpoint's name if known, else the bus name.
   std::string Readable(const char* busName) const;
 
   BusPtr bus_;
   std::map<std::string, std::string> endpoints_;  ///< by unique name
-  std::set<CallId> calls_;                        ///< not answered yet
+  std::set<CallId> calls_;                        ///< without an answer yet
 };
 
 bool BusMonitor::Connection::Open(std::string& error) {
@@ -70,7 +70,7 @@ bool BusMonitor::Connection::LearnOwners(std::string& error) {
                                                              &answered, "s", name.c_str());
     const MessagePtr answer(answered);
     const char* owner = nullptr;
-    // A name may have gone since it was listed.
+    // The name may have vanished since it was listed.
     if (result >= 0 && sd_bus_message_read(answer.get(), "s", &owner) > 0) {
       endpoints_.emplace(owner, endpoint);
     }
@@ -186,7 +186,7 @@ int BusMonitor::Connection::Drain(const Sink& sink) {
 bool BusMonitor::Connection::Service(unsigned timeoutMs, const Sink& sink) {
   int handled = Drain(sink);
   if (handled == 0 && timeoutMs > 0) {
-    // Why the wait ended shows when the connection is looked at again.
+    // Processing the connection tells why the wait ended.
     static_cast<void>(sd_bus_wait(bus_.get(), std::uint64_t{timeoutMs} * 1000));
     handled = Drain(sink);
   }

@@ -14,13 +14,15 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ipc";
 constexpr char kLogUnit[] = "Connection";
 
-// One pass of Service: enough for a full round of clients, and short enough that the caller looks
-// at its signals in time whatever the messages cost.
+// Limits of one pass of Service(): enough for one message of every client, and short enough for the
+// caller to handle its signals in time however expensive the messages are.
 constexpr int kMaxMessages = 128;
 constexpr std::uint64_t kMaxPassMs = 40;
-// Answers that the bus has not taken yet; beyond that no more requests are read, so that senders
-// feel it and memory stays bounded.
+// Answers that the bus has not accepted yet. Beyond this no requests are read, which slows senders
+// down and bounds the memory.
 constexpr std::uint64_t kMaxUnsentAnswers = 256;
+// The library's own time-outs do not show on the socket, but they last for seconds.
+constexpr int kMaxIdlePasses = 10;
 
 }  // namespace
 
@@ -87,7 +89,7 @@ bool Ipc::Connection::IsPresent(const std::string& endpoint) const {
   return session_ != nullptr && session_->outgoing.IsPresent(endpoint);
 }
 
-// When the bus has stopped reading, what is written only piles up here.
+// While the bus does not read, output only accumulates in this process.
 bool Ipc::Connection::IsCongested() const {
   std::uint64_t unsent = 0;
   if (sd_bus_get_n_queued_write(session_->bus.get(), &unsent) < 0 || unsent <= kMaxUnsentAnswers) {
@@ -97,12 +99,25 @@ bool Ipc::Connection::IsCongested() const {
   return poll(&socket, 1, 0) == 0;
 }
 
+// Whether nothing is pending. Polling the socket is far cheaper than calling the library.
+bool Ipc::Connection::IsIdle() {
+  sd_bus* bus = session_->bus.get();
+  std::uint64_t unread = 0;
+  std::uint64_t unsent = 0;
+  pollfd socket{sd_bus_get_fd(bus), POLLIN, 0};
+  const bool idle = idlePasses_ < kMaxIdlePasses && sd_bus_get_n_queued_read(bus, &unread) >= 0 &&
+                    sd_bus_get_n_queued_write(bus, &unsent) >= 0 && unread + unsent == 0 &&
+                    poll(&socket, 1, 0) == 0;
+  idlePasses_ = idle ? idlePasses_ + 1 : 0;
+  return idle;
+}
+
 int Ipc::Connection::Drain() {
   const std::uint64_t deadline = utils::nowMs() + kMaxPassMs;
   int handled = 0;
   while (handled < kMaxMessages && !IsCongested()) {
     const int result = sd_bus_process(session_->bus.get(), nullptr);
-    if (result == 0 || result == -EBUSY) {  // busy: called from within a handler
+    if (result == 0 || result == -EBUSY) {  // busy: reentered from a handler
       break;
     }
     if (result < 0) {
@@ -120,9 +135,12 @@ bool Ipc::Connection::Service(unsigned timeoutMs) {
   if (session_ == nullptr || lost_) {
     return false;
   }
+  if (timeoutMs == 0 && IsIdle()) {
+    return true;
+  }
   int handled = Drain();
   if (handled == 0 && timeoutMs > 0) {
-    // A signal or a failure ends the wait early; the next look at the connection tells which.
+    // A signal or a failure ends the wait early; processing the connection tells which.
     static_cast<void>(sd_bus_wait(session_->bus.get(), std::uint64_t{timeoutMs} * 1000));
     handled = Drain();
   }

@@ -10,7 +10,7 @@
 
 namespace kova::ipc {
 
-/// The state behind Ipc: the handlers, which are there before the bus is joined, and the session
+/// The state behind Ipc: the handlers, which may be added before the bus is joined, and the session
 /// on the bus.
 class Ipc::Connection {
  public:
@@ -21,8 +21,6 @@ class Ipc::Connection {
   bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
   bool IsPresent(const std::string& endpoint) const;
 
-  const std::string& endpoint() const { return endpoint_; }
-
  private:
   struct Session {
     Session(BusPtr opened, const std::string& endpoint, const Incoming::Handlers& handlers,
@@ -31,7 +29,7 @@ class Ipc::Connection {
           incoming(bus.get(), endpoint, handlers),
           outgoing(bus.get(), endpoint, transactions) {}
 
-    BusPtr bus;  ///< first, so that it is closed after all that is registered with it
+    BusPtr bus;  ///< first, so that it is destroyed after everything registered with it
     Incoming incoming;
     Outgoing outgoing;
   };
@@ -39,13 +37,15 @@ class Ipc::Connection {
   std::unique_ptr<Session> Enter(const std::string& endpoint, bool receiveBroadcasts,
                                  TransactionsHandler* transactions, std::string& error);
   /// Handles what is pending, within limits.
-  /// @return how many messages, or a negative errno value
+  /// @return number of messages, or a negative errno value
   int Drain();
   bool IsCongested() const;
+  bool IsIdle();
 
   Incoming::Handlers handlers_;
   std::string endpoint_;
   bool lost_ = false;
+  int idlePasses_ = 0;  // consecutive passes that did not call the library
   std::unique_ptr<Session> session_;
 };
 

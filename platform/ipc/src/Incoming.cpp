@@ -20,14 +20,14 @@ const char* orNone(const char* text) {
   return text != nullptr ? text : "";
 }
 
-// The interface may be left out of a call (D-Bus specification, "Message Types").
+// Calls may omit the interface (D-Bus specification, "Message Types").
 bool isSend(sd_bus_message* call) {
   const char* interface = sd_bus_message_get_interface(call);
   return sd_bus_message_is_method_call(call, nullptr, kSend) > 0 &&
          (interface == nullptr || std::string_view(interface) == kInterface);
 }
 
-// As it was sent: the accessor would repair a name that is missing or mistyped.
+// The name as sent; the accessor would repair a missing or mistyped one.
 std::string functionNameOf(const variant::Variant& message) {
   const variant::Variant* name = message.Find("functionName");
   return name != nullptr ? name->ToText() : std::string();
@@ -55,8 +55,8 @@ bool reply(sd_bus_message* call, const variant::Variant& body) {
 }  // namespace
 
 bool Incoming::Serve(bool receiveBroadcasts, std::string& error) {
-  // sd-bus asks object callbacks before tables, so a call of any signature reaches OnCall; the
-  // table is there for introspection.
+  // sd-bus calls object callbacks before it consults tables, so that calls of any signature reach
+  // OnCall; the table only serves introspection.
   static constexpr sd_bus_vtable kTable[] = {
       SD_BUS_VTABLE_START(0),
       SD_BUS_METHOD_WITH_ARGS("Send", SD_BUS_ARGS("a{sv}", message),
@@ -101,14 +101,18 @@ Incoming::Outcome Incoming::Handle(messages::BaseRequestMessage& request) {
     return Outcome::Unknown;
   }
   bool rejected = false;
-  if (!handler->HandleRequest(request, rejected)) {
+  const bool handled = handler->HandleRequest(request, rejected);
+  if (!handled) {
     KOVA_LOG(LOG_WARNING, 0, "%s failed to handle \"%s\" from \"%s\"", handler->name().c_str(),
              name.c_str(), request.from().c_str());
   }
-  return rejected ? Outcome::Unknown : Outcome::Taken;
+  if (rejected) {
+    return Outcome::Unknown;
+  }
+  return handled ? Outcome::Taken : Outcome::Failed;
 }
 
-// A barrier of its own, so that a handler which throws after answering is not answered for again.
+// Guarded separately, so that a handler that throws after answering does not cause a second answer.
 Incoming::Outcome Incoming::HandleGuarded(messages::BaseRequestMessage& request) {
   return guarded("HandleRequest", Outcome::Failed, [&] { return Handle(request); });
 }
@@ -124,7 +128,7 @@ int Incoming::OnCall(sd_bus_message* call, sd_bus_error* error) {
              orNone(sd_bus_message_get_sender(call)), reason.c_str());
     return sd_bus_error_set(error, kInvalidMessage, reason.c_str());
   }
-  // Reading the id fixes it: a request without one has the same in every copy that is made of it.
+  // Reading the id also stores it, so that all copies of a request without one share the same id.
   Exchange exchange{call, request.id()};
   current_ = &exchange;
   const Outcome outcome = HandleGuarded(request);

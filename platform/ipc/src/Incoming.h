@@ -12,28 +12,28 @@ namespace kova::ipc {
 
 class BaseHandler;
 
-/// What arrives: takes calls and broadcasts off the bus, gives them to their handlers, and sees to
-/// it that every call gets exactly one answer.
+/// Dispatches calls and broadcasts from the bus to their handlers, and ensures that every call gets
+/// exactly one answer.
 class Incoming {
  public:
-  /// By function name; "" takes what no other is there for.
+  /// By function name; "" handles every other function.
   using Handlers = std::map<std::string, BaseHandler*>;
 
   /// @param bus      must outlive this object, and so must the handlers
-  /// @param endpoint what responses are sent from
+  /// @param endpoint sender of the responses
   Incoming(sd_bus* bus, std::string endpoint, const Handlers& handlers)
       : bus_(bus), endpoint_(std::move(endpoint)), handlers_(handlers) {}
 
   Incoming(const Incoming&) = delete;
   Incoming& operator=(const Incoming&) = delete;
 
-  /// Serves the object from now on, and listens to broadcasts if wanted; call it once.
+  /// Starts serving the object and, if requested, receiving broadcasts; call it once.
   bool Serve(bool receiveBroadcasts, std::string& error);
-  /// Ipc::SendResponse.
+  /// Implements Ipc::SendResponse.
   bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
 
  private:
-  /// The call that is being handled.
+  /// The call being handled.
   struct Exchange {
     sd_bus_message* call;
     std::uint64_t requestId;

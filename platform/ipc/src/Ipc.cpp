@@ -52,10 +52,6 @@ bool Ipc::SendResponse(messages::BaseRequestMessage& request,
   return guarded(__func__, false, [&] { return connection_->Respond(request, response); });
 }
 
-const std::string& Ipc::Endpoint() const {
-  return connection_->endpoint();
-}
-
 bool Ipc::IsPresent(const std::string& endpoint) const {
   return guarded(__func__, false, [&] { return connection_->IsPresent(endpoint); });
 }

@@ -9,12 +9,12 @@
 
 namespace kova::ipc {
 
-/// Messages that wait for endpoints which are not on the bus yet. What exceeds a limit makes room
-/// by dropping the oldest, and every drop is logged.
+/// Messages waiting for endpoints that are not on the bus yet. When a limit is exceeded, the oldest
+/// messages are dropped, and every drop is logged.
 class OutQueue {
  public:
   static constexpr std::size_t kMaxPerDestination = 256;
-  /// A client chooses whom its events go to, so it must not be able to fill the memory with names.
+  /// Clients choose the destination of their events and must not exhaust the memory with names.
   static constexpr std::size_t kMaxDestinations = 64;
   /// Marshalled size of all waiting messages together, in bytes.
   static constexpr std::size_t kMaxBytes = std::size_t{8} * 1024 * 1024;
@@ -23,7 +23,7 @@ class OutQueue {
 
   /// @param bytes marshalled size of the message
   void Put(const std::string& destination, messages::BaseRequestMessage message, std::size_t bytes);
-  /// What waits for the destination, oldest first; it waits no longer.
+  /// Removes and returns the messages waiting for the destination, oldest first.
   Messages Take(const std::string& destination);
 
  private:
@@ -42,7 +42,7 @@ class OutQueue {
   void DropDestination(Destinations::iterator destination, const char* why);
   void MakeRoom(std::size_t bytes);
 
-  Destinations destinations_;  ///< the one that waits longest first
+  Destinations destinations_;  ///< in the order in which they started to wait
   std::size_t bytes_ = 0;
 };
 

@@ -33,7 +33,7 @@ bool Outgoing::Send(messages::BaseRequestMessage& request) {
   if (sd_bus_service_name_is_valid((kNamePrefix + endpoint).c_str()) <= 0) {
     return refuse(request, "no valid endpoint");
   }
-  if (names_.Has(endpoint)) {
+  if (present_.Has(endpoint)) {
     return SendTo(endpoint, request);
   }
   return request.queueIfDestUnavailable() ? Queue(endpoint, request)
@@ -114,7 +114,7 @@ int Outgoing::Call(sd_bus_message* call, messages::BaseRequestMessage& request) 
 }
 
 int Outgoing::Transaction::OnAnswer(sd_bus_message* answer, sd_bus_error*) {
-  // Ends with this call whatever the handler does.
+  // Destroys the transaction with this call, whatever the handler does.
   std::list<Transaction> done;
   done.splice(done.begin(), owner.transactions_, self);
   if (const sd_bus_error* error = sd_bus_message_get_error(answer)) {

@@ -3,7 +3,7 @@
 #include <list>
 #include <string>
 
-#include "Names.h"
+#include "BusNames.h"
 #include "OutQueue.h"
 #include "SdBus.h"
 #include "kova/messages/BaseMessage.h"
@@ -12,14 +12,14 @@ namespace kova::ipc {
 
 class TransactionsHandler;
 
-/// What this endpoint sends of itself: requests and events to other endpoints, now or when they
-/// have joined, and the answers that come back.
+/// Sends this endpoint's own requests and events, immediately or once their destination has joined
+/// the bus, and receives the answers.
 class Outgoing {
  public:
-  /// Longest wait for an answer, in microseconds; a peer that leaves the bus ends it at once. Only
-  /// a bound: who asks has a shorter patience of his own.
+  /// Time-out for an answer, in microseconds; it ends at once when the peer leaves the bus. Upper
+  /// bound only; callers use shorter time-outs.
   static constexpr std::uint64_t kAnswerTimeoutUs = 3'600'000'000;
-  /// Messages that may wait in the process for a bus that does not read.
+  /// Maximum number of messages that wait in this process while the bus does not read.
   static constexpr std::uint64_t kMaxUnsent = 1024;
 
   /// @param bus          must outlive this object
@@ -28,19 +28,19 @@ class Outgoing {
       : bus_(bus),
         endpoint_(std::move(endpoint)),
         handler_(transactions),
-        names_([this](const std::string& appeared) { Flush(appeared); }) {}
+        present_([this](const std::string& appeared) { Flush(appeared); }) {}
 
   Outgoing(const Outgoing&) = delete;
   Outgoing& operator=(const Outgoing&) = delete;
 
-  /// Starts to follow who is on the bus; call it once, before anything else.
-  bool Start(std::string& error) { return names_.Watch(bus_, error); }
-  /// Ipc::SendRequest.
+  /// Starts tracking which endpoints are on the bus; call it once, before anything else.
+  bool Start(std::string& error) { return present_.Watch(bus_, error); }
+  /// Implements Ipc::SendRequest.
   bool Send(messages::BaseRequestMessage& request);
-  bool IsPresent(const std::string& endpoint) const { return names_.Has(endpoint); }
+  bool IsPresent(const std::string& endpoint) const { return present_.Has(endpoint); }
 
  private:
-  /// A request whose answer is awaited.
+  /// A request waiting for its answer.
   struct Transaction {
     Outgoing& owner;
     messages::BaseRequestMessage request;
@@ -64,7 +64,7 @@ class Outgoing {
   TransactionsHandler* handler_;
   OutQueue queue_;
   std::list<Transaction> transactions_;
-  Names names_;
+  PresentEndpoints present_;
 };
 
 }  // namespace kova::ipc

@@ -2,12 +2,12 @@
 
 namespace kova::ipc {
 
-// What the bus protocol fixes; packaging/dbus/kova.Ipc1.xml says the same to other programs.
+// Constants of the bus protocol; packaging/dbus/kova.Ipc1.xml describes it for other programs.
 
 inline constexpr char kDefaultAddress[] = "unix:path=/run/kova/bus";
 inline constexpr char kAddressVariable[] = "KOVA_BUS_ADDRESS";
 
-/// In front of an endpoint's name on the bus.
+/// Prefix of an endpoint's name on the bus.
 inline constexpr char kNamePrefix[] = "kova.";
 inline constexpr char kObjectPath[] = "/kova";
 inline constexpr char kInterface[] = "kova.Ipc1";

@@ -38,7 +38,7 @@ int start(sd_bus* bus, const std::string& address, bool monitor) {
   return result >= 0 ? sd_bus_start(bus) : result;
 }
 
-// sd_bus_call would wait for the handshake too, but as long as it takes.
+// sd_bus_call() would wait for the handshake too, but without a time limit.
 int awaitReady(sd_bus* bus) {
   const std::uint64_t deadline = utils::nowMs() + kPatienceMs;
   while (sd_bus_is_ready(bus) == 0) {
@@ -66,7 +66,7 @@ void logException(const char* where, const char* what) noexcept {
   try {
     KOVA_LOG_IN(where, LOG_ERR, 0, "Stopped an exception: %s", what);
   } catch (...) {
-    // Not even a log line can be made.
+    // Nothing more can be reported.
     return;
   }
 }

@@ -1,27 +1,22 @@
 #pragma once
 
-#include <systemd/sd-bus.h>
+#include <kova_sd_bus.h>
 
 #include <cstdint>
-#include <exception>
 #include <limits>
-#include <memory>
 #include <string>
+#include <utility>
 
-/// Ownership of sd-bus handles, the exception barrier, and the one way to open a connection.
+#include "kova/utils/ExceptionBarrier.h"
+#include "kova/utils/Handle.h"
+
+/// Owners of sd-bus handles, exception barriers for its callbacks, and the function that opens a
+/// connection.
 namespace kova::ipc {
 
-template <auto Function>
-struct Release {
-  template <typename Handle>
-  void operator()(Handle* handle) const {
-    Function(handle);
-  }
-};
-
-using BusPtr = std::unique_ptr<sd_bus, Release<sd_bus_close_unref>>;
-using MessagePtr = std::unique_ptr<sd_bus_message, Release<sd_bus_message_unref>>;
-using SlotPtr = std::unique_ptr<sd_bus_slot, Release<sd_bus_slot_unref>>;
+using BusPtr = utils::Handle<sd_bus, sd_bus_close_unref>;
+using MessagePtr = utils::Handle<sd_bus_message, sd_bus_message_unref>;
+using SlotPtr = utils::Handle<sd_bus_slot, sd_bus_slot_unref>;
 
 struct BusError {
   BusError() = default;
@@ -34,17 +29,11 @@ struct BusError {
 
 void logException(const char* where, const char* what) noexcept;
 
-/// Runs `function`. What it throws ends here: it is logged under `where` and becomes `failure`.
+/// Runs `function`; an exception is logged under `where` and becomes `failure`.
 template <typename Result, typename Function>
 Result guarded(const char* where, Result failure, Function&& function) noexcept {
-  try {
-    return function();
-  } catch (const std::exception& exception) {
-    logException(where, exception.what());
-  } catch (...) {
-    logException(where, "exception of an unknown type");
-  }
-  return failure;
+  return utils::exceptionBarrier(failure, std::forward<Function>(function),
+                                 [where](const char* what) { logException(where, what); });
 }
 
 template <typename Method>
@@ -70,14 +59,14 @@ int callback(sd_bus_message* message, void* owner, sd_bus_error* error) noexcept
   return sd_bus_error_set_const(error, SD_BUS_ERROR_FAILED, "internal error");
 }
 
-/// Connects to the bus at KOVA_BUS_ADDRESS, else the default one, and waits a bounded time until
-/// the bus has let us in. Calls that wait on this connection are bounded likewise.
-/// @param monitor whether messages to others are to be taken too
+/// Connects to the bus at KOVA_BUS_ADDRESS, else to the default one, and waits a bounded time for
+/// the handshake. Blocking calls on this connection have the same bound.
+/// @param monitor whether to receive messages to other endpoints too
 /// @param error   receives what went wrong
 /// @return null on failure
 BusPtr openBus(bool monitor, std::string& error);
 
-/// "WHAT: errno text" of a negative sd-bus result.
+/// "WHAT: ERROR" for a negative sd-bus result.
 std::string explain(const char* what, int result);
 
 }  // namespace kova::ipc

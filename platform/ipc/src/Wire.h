@@ -1,38 +1,39 @@
 #pragma once
 
-#include <systemd/sd-bus.h>
+#include <kova_sd_bus.h>
 
 #include <cstddef>
 #include <string>
 
 #include "kova/variant/Variant.h"
 
-/// Variant to D-Bus and back. Marshalling is that of the D-Bus specification, "Type System" and
-/// "Message Protocol"; which type stands for which is in docs/bus.md.
+/// Converts between Variant and D-Bus. See "Type System" and "Message Protocol" in the D-Bus
+/// specification for the marshalling, and docs/bus.md for the mapping of types.
 namespace kova::ipc::wire {
 
-/// Marshalled size of the largest body that is sent or taken, in bytes.
+/// Maximum marshalled size of a body, in bytes, in either direction.
 inline constexpr std::size_t kMaxBodySize = std::size_t{1024} * 1024;
-/// Maps and arrays within one another, the body's own map counted.
+/// Maximum nesting of maps and arrays, including the body's own map.
 inline constexpr unsigned kMaxDepth = variant::Variant::kMaxDepth;
-/// D-Bus containers (array, dictionary entry, structure, variant) within one another; the bus
-/// disconnects who sends more.
+/// Maximum nesting of D-Bus containers (array, dictionary entry, structure, variant); the bus
+/// disconnects senders of more.
 inline constexpr unsigned kMaxBusDepth = 64;
 
-/// Reads the body of a received message, which must be one dictionary with string keys.
-/// @param body   receives the map; of equal keys the last counts
-/// @param reason receives what is wrong with the body
-/// @return false when the body is something else, holds a type that no Variant stands for, or
-/// exceeds a limit
+/// Reads the body of a received message, which must be a single dictionary with string keys.
+/// @param body   receives the map; the last of several equal keys counts
+/// @param reason receives why the body is invalid
+/// @return false if the body has another signature, contains a type without a Variant counterpart,
+/// or exceeds a limit
 bool decode(sd_bus_message* message, variant::Variant& body, std::string& reason);
 
-/// Appends a map as the message's only argument, an a{sv}. What is no map is sent as an empty one.
-/// @param reason receives what cannot be sent
-/// @return false when a key is no D-Bus string, a limit is exceeded or memory is exhausted; the
-/// message is of no use then
+/// Appends a map as the message's only argument, an a{sv}. A value that is not a map is sent as an
+/// empty one.
+/// @param reason receives why the map cannot be sent
+/// @return false if a key is not a valid D-Bus string, a limit is exceeded or memory is exhausted;
+/// the message is then unusable
 bool encode(const variant::Variant& body, sd_bus_message* message, std::string& reason);
 
-/// Whether `encode` would take the map.
+/// Whether `encode` would succeed for the map.
 /// @param size receives the marshalled size in bytes
 bool measure(const variant::Variant& body, std::size_t& size, std::string& reason);
 

@@ -1,7 +1,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "Extent.h"
+#include "MarshalledSize.h"
 #include "Wire.h"
 
 namespace kova::ipc::wire {
@@ -9,7 +9,7 @@ namespace {
 
 using variant::Variant;
 
-// Reads values off a message. After a failure, `reason` says why and reading must stop.
+// Reads values from a message. On failure sets `reason`; the message cannot be read further.
 class Reader {
  public:
   Reader(sd_bus_message* message, std::string& reason) : message_(message), reason_(reason) {}
@@ -33,10 +33,10 @@ class Reader {
   }
   bool Malformed() { return Fail("the body is malformed"); }
   bool WithinSize() {
-    return extent_.size() <= kMaxBodySize || Fail("the body is larger than 1 MiB");
+    return size_.bytes() <= kMaxBodySize || Fail("the body is larger than 1 MiB");
   }
 
-  // `depth` counts the maps and arrays around the value.
+  // `depth` is the number of maps and arrays around the value.
   bool Value(Variant& value, unsigned depth);
   bool Basic(char type, Variant& value);
   bool Text(char type, Variant& value);
@@ -53,14 +53,14 @@ class Reader {
     if (sd_bus_message_read_basic(message_, type, &read) <= 0) {
       return Malformed();
     }
-    extent_.Fixed(sizeof read);
+    size_.Fixed(sizeof read);
     value = static_cast<Held>(read);
     return WithinSize();
   }
 
   sd_bus_message* message_;
   std::string& reason_;
-  Extent extent_;
+  MarshalledSize size_;
 };
 
 bool Reader::Value(Variant& value, unsigned depth) {
@@ -69,7 +69,7 @@ bool Reader::Value(Variant& value, unsigned depth) {
   if (sd_bus_message_peek_type(message_, &type, &peeked) <= 0) {
     return Malformed();
   }
-  // What was peeked at lives only until the next look.
+  // A peeked signature is valid only until the next call.
   const std::string content(peeked != nullptr ? peeked : "");
   switch (type) {
     case SD_BUS_TYPE_ARRAY:
@@ -135,10 +135,10 @@ bool Reader::Text(char type, Variant& value) {
   }
   const std::string_view view(text);
   if (type == SD_BUS_TYPE_SIGNATURE) {
-    extent_.Signature(view.size());
+    size_.Signature(view.size());
     value = view.empty() ? Variant() : Variant(view);
   } else {
-    extent_.Text(view.size());
+    size_.Text(view.size());
     value = view;
   }
   return WithinSize();
@@ -153,9 +153,9 @@ bool Reader::Time(const std::string& fields, Variant& value) {
   if (sd_bus_message_read(message_, "(xx)", &seconds, &microseconds) <= 0) {
     return Malformed();
   }
-  extent_.Structure();
-  extent_.Fixed(sizeof seconds);
-  extent_.Fixed(sizeof microseconds);
+  size_.Structure();
+  size_.Fixed(sizeof seconds);
+  size_.Fixed(sizeof microseconds);
   value = timeval{seconds, microseconds};
   return WithinSize();
 }
@@ -166,13 +166,13 @@ bool Reader::Bytes(Variant& value) {
   if (sd_bus_message_read_array(message_, SD_BUS_TYPE_BYTE, &bytes, &size) < 0) {
     return Malformed();
   }
-  extent_.Bytes(size);
+  size_.Bytes(size);
   value = std::string_view(static_cast<const char*>(bytes), size);
   return WithinSize();
 }
 
 bool Reader::Nested(const std::string& content, Variant& value, unsigned depth) {
-  extent_.Signature(content.size());
+  size_.Signature(content.size());
   if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_VARIANT, content.c_str()) <= 0) {
     return Malformed();
   }
@@ -183,7 +183,7 @@ bool Reader::Items(const std::string& element, Variant& value, unsigned depth) {
   if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_ARRAY, element.c_str()) <= 0) {
     return Malformed();
   }
-  extent_.Array(element);
+  size_.Array(element);
   Variant::Array items;
   int atEnd = 0;
   while ((atEnd = sd_bus_message_at_end(message_, 0)) == 0) {
@@ -202,7 +202,7 @@ bool Reader::Dictionary(const std::string& entry, Variant& value, unsigned depth
   if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_ARRAY, entry.c_str()) <= 0) {
     return Malformed();
   }
-  extent_.Array(entry);
+  size_.Array(entry);
   const std::string fields = entry.substr(1, entry.size() - 2);
   Variant map;
   map.IsArray(false);
@@ -223,8 +223,8 @@ bool Reader::Entry(const std::string& fields, Variant& map, unsigned depth) {
     return Malformed();
   }
   const std::string_view name(key);
-  extent_.Structure();
-  extent_.Text(name.size());
+  size_.Structure();
+  size_.Text(name.size());
   Variant& value = map[name];
   return WithinSize() && Value(value, depth) &&
          (sd_bus_message_exit_container(message_) >= 0 || Malformed());

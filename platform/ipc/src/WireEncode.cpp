@@ -1,10 +1,10 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "Extent.h"
+#include "BusText.h"
+#include "MarshalledSize.h"
 #include "Protocol.h"
 #include "SdBus.h"
-#include "Utf8.h"
 #include "Wire.h"
 
 namespace kova::ipc::wire {
@@ -45,15 +45,15 @@ const char* signatureOf(const Variant& value) {
   return "g";
 }
 
-// Finds out what a value comes to before a single byte of it is written: a message that the bus
-// takes offence at would cost the connection.
+// Checks and measures a value before anything is written, since the bus closes the connection of a
+// sender of invalid messages.
 class Ruler {
  public:
   explicit Ruler(std::string& reason) : reason_(reason) {}
 
-  // `depth` counts the maps and arrays around the map, `busDepth` the D-Bus containers.
+  // `depth` is the number of maps and arrays around the map, `busDepth` that of D-Bus containers.
   bool Map(const Variant::Map& elements, unsigned depth, unsigned busDepth);
-  std::size_t size() const { return extent_.size(); }
+  std::size_t size() const { return size_.bytes(); }
 
  private:
   bool Fail(const char* reason) {
@@ -64,24 +64,24 @@ class Ruler {
     if (depth > kMaxDepth || busDepth > kMaxBusDepth) {
       return Fail("the message is nested too deeply");
     }
-    return extent_.size() <= kMaxBodySize || Fail("the message is larger than 1 MiB");
+    return size_.bytes() <= kMaxBodySize || Fail("the message is larger than 1 MiB");
   }
   bool InVariant(const Variant& value, unsigned depth, unsigned busDepth);
   bool Items(const Variant::Array& items, unsigned depth, unsigned busDepth);
   void Basic(char type, const Variant& value);
 
   std::string& reason_;
-  Extent extent_;
+  MarshalledSize size_;
 };
 
 bool Ruler::Map(const Variant::Map& elements, unsigned depth, unsigned busDepth) {
-  extent_.Array("{");
+  size_.Array("{");
   for (const auto& [key, value] : elements) {
     if (!isBusText(key)) {
       return Fail("a key is not valid UTF-8");
     }
-    extent_.Structure();
-    extent_.Text(key.size());
+    size_.Structure();
+    size_.Text(key.size());
     if (!InVariant(value, depth + 1, busDepth + 3)) {
       return false;
     }
@@ -90,7 +90,7 @@ bool Ruler::Map(const Variant::Map& elements, unsigned depth, unsigned busDepth)
 }
 
 bool Ruler::Items(const Variant::Array& items, unsigned depth, unsigned busDepth) {
-  extent_.Array("v");
+  size_.Array("v");
   for (const auto& item : items) {
     if (!InVariant(item, depth + 1, busDepth + 2)) {
       return false;
@@ -99,10 +99,10 @@ bool Ruler::Items(const Variant::Array& items, unsigned depth, unsigned busDepth
   return WithinLimits(depth + 1, busDepth);
 }
 
-// A structure's fields count as one D-Bus container deeper.
+// The fields of a structure are one D-Bus container deeper.
 bool Ruler::InVariant(const Variant& value, unsigned depth, unsigned busDepth) {
   const std::string_view signature = signatureOf(value);
-  extent_.Signature(signature.size());
+  size_.Signature(signature.size());
   if (!WithinLimits(depth, busDepth)) {
     return false;
   }
@@ -113,13 +113,13 @@ bool Ruler::InVariant(const Variant& value, unsigned depth, unsigned busDepth) {
     return Items(value.Items(), depth, busDepth);
   }
   if (signature == "(xx)") {
-    extent_.Structure();
-    extent_.Fixed(8);
-    extent_.Fixed(8);
+    size_.Structure();
+    size_.Fixed(8);
+    size_.Fixed(8);
     return WithinLimits(depth, busDepth + 1);
   }
   if (signature == "ay") {
-    extent_.Bytes(value.ToText().size());
+    size_.Bytes(value.ToText().size());
     return WithinLimits(depth, busDepth + 1);
   }
   Basic(signature.front(), value);
@@ -129,23 +129,23 @@ bool Ruler::InVariant(const Variant& value, unsigned depth, unsigned busDepth) {
 void Ruler::Basic(char type, const Variant& value) {
   switch (type) {
     case SD_BUS_TYPE_BYTE:
-      return extent_.Fixed(1);
+      return size_.Fixed(1);
     case SD_BUS_TYPE_INT16:
-      return extent_.Fixed(2);
+      return size_.Fixed(2);
     case SD_BUS_TYPE_STRING:
-      return extent_.Text(value.ToText().size());
+      return size_.Text(value.ToText().size());
     case SD_BUS_TYPE_SIGNATURE:
-      return extent_.Signature(0);
+      return size_.Signature(0);
     case SD_BUS_TYPE_INT64:
     case SD_BUS_TYPE_UINT64:
     case SD_BUS_TYPE_DOUBLE:
-      return extent_.Fixed(8);
+      return size_.Fixed(8);
     default:
-      return extent_.Fixed(4);
+      return size_.Fixed(4);
   }
 }
 
-// `signature` is that of the value.
+// `signature` is the value's signature.
 int append(sd_bus_message* message, const Variant& value, std::string_view signature);
 
 int appendInVariant(sd_bus_message* message, const Variant& value) {

@@ -53,11 +53,17 @@ TEST_F(AnswersTest, WithoutAResponseTheAnswerIsAnEmptyMap) {
   EXPECT_EQ(answer.body, Variant(Variant::Map{}));
 }
 
-TEST_F(AnswersTest, AHandlerThatFailsWithoutARejectionAnswersToo) {
-  Recorder handler(&ipc_, [](BaseRequestMessage&, bool&) { return false; });
-  ipc_.AddHandler("Tell", &handler);
+TEST_F(AnswersTest, HandlerThatFailsGivesAnErrorUnlessItHasAnswered) {
+  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) {
+    if (request.functionName() == "Ask") {
+      Respond("text")(request, rejected);
+    }
+    return false;
+  });
+  ipc_.AddHandler("", &handler);
   Join();
-  EXPECT_EQ(Call("Tell").error, "");
+  EXPECT_EQ(Call("Tell").error, "org.freedesktop.DBus.Error.Failed");
+  EXPECT_EQ(Call("Ask").error, "");
 }
 
 TEST_F(AnswersTest, RequestsReachTheHandlerAsTheyWereSent) {

@@ -22,7 +22,7 @@ using messages::BaseRequestMessage;
 using messages::BaseResponseMessage;
 using variant::Variant;
 
-/// Keeps what it is given and does with it as told.
+/// Records what it receives and responds as configured.
 class Recorder : public BaseHandler {
  public:
   using Action = std::function<bool(BaseRequestMessage&, bool&)>;
@@ -41,7 +41,7 @@ class Recorder : public BaseHandler {
   Action action_;
 };
 
-/// Keeps what becomes of an endpoint's own requests.
+/// Records the outcome of an endpoint's own requests.
 class Ledger : public TransactionsHandler {
  public:
   explicit Ledger(Ipc* ipc) : TransactionsHandler("Ledger", ipc) {}
@@ -63,7 +63,7 @@ class Ledger : public TransactionsHandler {
   std::vector<std::pair<std::uint64_t, std::string>> errors;
 };
 
-/// What came back of one call.
+/// The result of a call.
 struct Answer {
   int arrived = 0;
   std::string error;  ///< D-Bus error name, "" for a return
@@ -81,7 +81,7 @@ struct Answer {
   }
 };
 
-/// A program on the bus that knows sd-bus and nothing of this library.
+/// A program on the bus that uses sd-bus without this library.
 class Stranger {
  public:
   Stranger() : bus_(openBus(false, error_)) {
@@ -132,7 +132,7 @@ class Stranger {
   std::vector<std::shared_ptr<Answer>> answers_;
 };
 
-/// Sees every answer that an endpoint gives, also one that the bus does not let through.
+/// Records every answer of an endpoint, including those that the bus does not deliver.
 class Eavesdropper {
  public:
   Eavesdropper() : bus_(openBus(true, error_)) {
@@ -164,7 +164,7 @@ class Eavesdropper {
   int answers_ = 0;
 };
 
-/// A bus, one endpoint "test" on it, and a stranger.
+/// A bus with an endpoint "test" and a stranger.
 class BusTest : public ::testing::Test {
  protected:
   void Join(bool receiveBroadcasts = false, TransactionsHandler* transactions = nullptr) {
@@ -172,7 +172,7 @@ class BusTest : public ::testing::Test {
     serviced_.push_back(&ipc_);
   }
 
-  /// Services everyone until `done`; false when it takes too long.
+  /// Services everyone until `done`; false on time-out.
   bool Until(const std::function<bool()>& done) {
     const auto deadline = utils::nowMs() + 20'000;
     while (!done()) {

@@ -17,7 +17,7 @@ class InterfaceTest : public BusTest {
     std::string text;
   };
 
-  // Runs a program while the endpoint is serviced.
+  // Runs a program while servicing the endpoint.
   Output Run(const std::string& command) {
     auto output = std::async(std::launch::async, [&] {
       std::string text;
@@ -35,7 +35,7 @@ class InterfaceTest : public BusTest {
   std::string Busctl() const { return "busctl --address=" + privateBus_.address() + " "; }
 };
 
-// The text from each `from` up to and with the next `to` taken out.
+// Removes the text from each `from` up to and including the next `to`.
 std::string without(std::string text, std::string_view from, std::string_view to) {
   for (std::size_t start = 0; (start = text.find(from, start)) != std::string::npos;) {
     const std::size_t end = text.find(to, start);

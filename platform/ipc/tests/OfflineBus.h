@@ -14,8 +14,8 @@
 
 namespace kova::ipc::testing {
 
-/// A connection without a bus: one end belongs to sd-bus, the other end to the test, which sees and
-/// makes the bytes of every message (D-Bus specification, "Message Format").
+/// A connection without a bus: sd-bus has one end, and at the other the test reads and writes the
+/// bytes of every message (D-Bus specification, "Message Format").
 class OfflineBus {
  public:
   OfflineBus() {
@@ -35,14 +35,14 @@ class OfflineBus {
   OfflineBus(const OfflineBus&) = delete;
   OfflineBus& operator=(const OfflineBus&) = delete;
 
-  /// An empty message to be filled.
+  /// An empty message.
   MessagePtr NewMessage() {
     sd_bus_message* created = nullptr;
     check(sd_bus_message_new_signal(bus_.get(), &created, "/kova", "kova.Ipc1", "Broadcast"));
     return MessagePtr(created);
   }
 
-  /// The body of a message as it goes over the wire.
+  /// The marshalled body of a message.
   std::string Marshal(sd_bus_message* message) {
     check(sd_bus_send(bus_.get(), message, nullptr));
     std::string bytes;
@@ -55,8 +55,7 @@ class OfflineBus {
     return bytes.substr(BodyStart(bytes));
   }
 
-  /// A message with this signature and body as sd-bus takes it off the wire; null when sd-bus
-  /// refuses it.
+  /// A message with this signature and body as received by sd-bus; null if sd-bus rejects it.
   MessagePtr Receive(std::string_view signature, std::string_view body) {
     const std::string bytes = Header(signature, body.size()).append(body);
     std::size_t written = 0;
@@ -74,7 +73,7 @@ class OfflineBus {
     return nullptr;
   }
 
-  /// The same for a message made here.
+  /// The same for a message made by sd-bus.
   MessagePtr Roundtrip(sd_bus_message* message) {
     const char* signature = sd_bus_message_get_signature(message, 1);
     return Receive(signature, Marshal(message));

@@ -15,7 +15,7 @@ std::string standInGroup() {
   return found != nullptr ? found->gr_name : "nogroup";
 }
 
-// What a second user, inside or outside the group, is allowed; needs root to become that user.
+// Permissions of a second user, inside or outside the group; requires root to become that user.
 class PolicyTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -26,7 +26,7 @@ class PolicyTest : public ::testing::Test {
     ASSERT_TRUE(ipc_.Init("test", true, nullptr));
   }
 
-  // The other user's end of the test, as a process of its own. The result is the error's name.
+  // Runs the other user's part of the test in its own process and returns the name of the error.
   std::string AsOther(gid_t group, const std::function<int(sd_bus*, sd_bus_error*)>& action) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
@@ -107,7 +107,7 @@ TEST_F(PolicyTest, OutsidersNeitherSendNorOwnNorWatch) {
   EXPECT_EQ(AsOther(kNoGroup, Own("other.name")), kDenied);
   EXPECT_EQ(AsOther(kNoGroup, Monitor), kDenied);
   EXPECT_EQ(AsOther(kNoGroup, BroadcastIt), "");
-  // What is sent last arrives last.
+  // Messages arrive in order.
   EXPECT_EQ(AsOther(kOtherUser, Send), "");
   EXPECT_EQ(handler_.requests.size(), 1U);
 }

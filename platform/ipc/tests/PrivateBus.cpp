@@ -63,7 +63,7 @@ PrivateBus::Folder::~Folder() {
 PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + folder_.path + "/bus") {
   const char* before = std::getenv(kVariable);
   addressBefore_ = before != nullptr ? before : "";
-  // Others than the test's own user must get as far as the bus's policy.
+  // Let other users connect, so that the policy decides about them.
   std::filesystem::permissions(folder_.path, std::filesystem::perms{0711});
   WriteConfig(changes);
   Start();

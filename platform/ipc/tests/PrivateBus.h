@@ -8,21 +8,21 @@
 
 namespace kova::ipc::testing {
 
-/// A bus of one's own for the life of this object: a dbus-daemon in a folder of its own, under the
-/// policy and limits that a camera ships, with the user of the test in root's place. While the
-/// object lives KOVA_BUS_ADDRESS points there.
+/// A private bus for the lifetime of this object: a dbus-daemon in its own folder with the policy
+/// and limits of a camera, where the user of the test replaces root. Sets KOVA_BUS_ADDRESS
+/// meanwhile.
 class PrivateBus {
  public:
-  /// Texts to replace in the shipped configuration, all occurrences.
+  /// Replacements for all occurrences of texts in the shipped configuration.
   using Changes = std::vector<std::pair<std::string, std::string>>;
 
-  /// Returns when the bus accepts connections; throws std::runtime_error when it does not come up.
+  /// Returns once the bus accepts connections; throws std::runtime_error if it does not start.
   explicit PrivateBus(const Changes& changes = {});
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
-  /// Ends the bus at once, and with it every connection.
+  /// Kills the bus and thereby every connection.
   void Kill();
 
   const std::string& address() const { return address_; }
@@ -32,7 +32,7 @@ class PrivateBus {
   void WriteConfig(const Changes& changes) const;
   void Start();
 
-  /// Removed with all that is in it, also when the bus does not come up.
+  /// Removed with its content, even if the bus does not start.
   struct Folder {
     Folder();
     ~Folder();

@@ -33,7 +33,7 @@ class WireTest : public ::testing::Test {
     return bus_.Roundtrip(message.get());
   }
 
-  // The D-Bus type that a value has on the wire.
+  // The D-Bus type of the marshalled value.
   std::string WireType(const Variant& value) {
     const MessagePtr message = Encoded(holding(value));
     const char* key = nullptr;
@@ -55,7 +55,7 @@ class WireTest : public ::testing::Test {
     return body["key"];
   }
 
-  // What a{sv} with one variant of this type and value is read as.
+  // The decoded form of an a{sv} with one variant of this type and value.
   template <typename... Value>
   Variant Received(const char* type, Value... value) {
     MessagePtr message = bus_.NewMessage();

@@ -5,8 +5,16 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "Repeats.h"
+#include "SystemLog.h"
+#include "kova/utils/Clock.h"
 
 namespace kova::logger {
 namespace {
@@ -40,23 +48,60 @@ std::string escapeControls(const char* text) {
   return cut ? escaped + "..." : escaped;
 }
 
+void write(const std::vector<Line>& lines) {
+  const bool shown = !lines.empty() && isatty(STDERR_FILENO) == 1;
+  for (const auto& [level, text] : lines) {
+    sendToSystemLog(level, text);
+    if (shown) {
+      std::fprintf(stderr, "%s\n", text.c_str());
+    }
+  }
+}
+
+/// Path of this process's lines to the system log.
+struct Lines {
+  std::mutex guard;
+  Repeats repeats;
+};
+
+// Never destroyed: a line may be logged while the process ends.
+Lines& lines() {
+  static Lines& only = *new Lines;
+  return only;
+}
+
+void writeCounted() {
+  const std::lock_guard lock(lines().guard);
+  write(lines().repeats.takeCounted());
+}
+
+void pass(const Line& line) {
+  static const int registered = std::atexit(writeCounted);
+  static_cast<void>(registered);
+  const std::lock_guard lock(lines().guard);
+  write(lines().repeats.pass(line, utils::nowMs()));
+}
+
 }  // namespace
+
+void flushRepeats() {
+  const std::lock_guard lock(lines().guard);
+  write(lines().repeats.takeDue(utils::nowMs()));
+}
 
 void logInternal(const char* identity, const char* unit, const char* function, int line, int level,
                  int error, const char* format, ...) {
   const int savedErrno = errno;
   va_list arguments;
   va_start(arguments, format);
-  std::string text = formatText(format, arguments);
+  std::string text = std::string(identity) + " " + unit + "." + function + ":" +
+                     std::to_string(line) + ": " + formatText(format, arguments);
   va_end(arguments);
   if (error != 0) {
     text += ": ";
     text += std::strerror(error);
   }
-  syslog(level, "%s %s.%s:%d: %s", identity, unit, function, line, text.c_str());
-  if (isatty(STDERR_FILENO) == 1) {
-    std::fprintf(stderr, "%s %s.%s:%d: %s\n", identity, unit, function, line, text.c_str());
-  }
+  pass({level, std::move(text)});
   errno = savedErrno;
 }
 

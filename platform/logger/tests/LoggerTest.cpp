@@ -14,6 +14,16 @@
 
 #include "SyslogRecorder.h"
 
+namespace {
+std::uint64_t turnedMs = 1;
+}
+
+namespace kova::utils {
+std::uint64_t nowMs() {
+  return turnedMs;
+}
+}  // namespace kova::utils
+
 namespace kova::logger {
 namespace {
 
@@ -24,9 +34,12 @@ constexpr char kLogUnit[] = "LoggerTest";
 
 class LoggerTest : public testing::Test {
  protected:
-  void SetUp() override { records.clear(); }
+  void SetUp() override {
+    records.clear();
+    turnedMs += 1000;
+  }
 
-  /// The text of the one line that was written, after "IDENTITY UNIT.FUNCTION:LINE: ".
+  /// The text of the only line that was written, after "IDENTITY UNIT.FUNCTION:LINE: ".
   static std::string text() {
     const std::string prefix = "kova_test LoggerTest.f:1: ";
     if (records.size() != 1 || !records[0].text.starts_with(prefix)) {
@@ -86,13 +99,31 @@ TEST_F(LoggerTest, TextOf8KiBIsWholeAndLongerTextIsCutAndMarked) {
   EXPECT_EQ(text(), whole + "...: Input/output error");
 }
 
+TEST_F(LoggerTest, RepetitionsAreCountedUntilAnotherLineComes) {
+  for (int i = 0; i < 17 + 2; ++i) {
+    log("again");
+  }
+  EXPECT_EQ(records.size(), 17U);
+  log("other");
+  ASSERT_EQ(records.size(), 19U);
+  EXPECT_EQ(records[17].text, "kova_test LoggerTest.f:1: again ... repeated 2 times");
+  EXPECT_EQ(records[17].priority, LOG_ERR);
+  EXPECT_TRUE(records[18].text.ends_with(": other"));
+}
+
+TEST_F(LoggerTest, SameTextOfAnotherPlaceIsNoRepetition) {
+  log("again");
+  logInternal(kLogIdentity, kLogUnit, "f", 2, LOG_ERR, 0, "again");
+  EXPECT_EQ(records.size(), 2U);
+}
+
 TEST_F(LoggerTest, KeepsErrnoAsItWas) {
   errno = EXDEV;
   log("anything");
   EXPECT_EQ(errno, EXDEV);
 }
 
-/// A terminal, or a file, in place of standard error for as long as the object lives.
+/// Replaces standard error by a terminal or a file for the lifetime of the object.
 class StandardError {
  public:
   explicit StandardError(int fd) : saved_(dup(STDERR_FILENO)) { dup2(fd, STDERR_FILENO); }

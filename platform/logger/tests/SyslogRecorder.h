@@ -3,8 +3,7 @@
 #include <string>
 #include <vector>
 
-/// What a test program writes to the system log is kept here instead. The program is linked with
-/// "--wrap=syslog,--wrap=__syslog_chk", see ld(1).
+/// Replaces the logger's connection to syslogd and records the lines of a test program.
 namespace kova::tests {
 
 struct Record {

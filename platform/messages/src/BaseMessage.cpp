@@ -9,7 +9,7 @@
 
 namespace kova::variant {
 
-void BaseVariantContainer::EnsureMap() {
+void BaseVariantContainer::EnsureMap() {  // kept: 27
   if (!IsContainer()) {
     Free();
     IsArray(false);
@@ -65,7 +65,7 @@ std::string BaseMessage::Read(const Text& field) {
   return std::string(field.fallback);
 }
 
-std::string BaseMessage::Read(const Forced& field) {
+std::string BaseMessage::Read(const Forced& field) {  // kept: 26
   return ReadChoice(field.key, field.value, {&field.value, 1});
 }
 
@@ -108,7 +108,7 @@ std::string_view BaseMessage::Canonical(const std::string& value, Allowed allowe
       return entry;
     }
   }
-  return allowed.first[0];
+  return allowed.first[0];  // kept: 21
 }
 
 void BaseMessage::NormalizeFields() {

@@ -18,7 +18,7 @@ Message normalized(Map content = {}) {
   return message;
 }
 
-/// Checks every key of a class's own schema after an empty message was normalised.
+/// Checks every key of a class's own schema after normalising an empty message.
 template <typename Message>
 void expectDefaults(const Map& defaults) {
   auto message = normalized<Message>();

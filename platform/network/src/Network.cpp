@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "Routes.h"
+#include "kova/utils/Parsing.h"
 #include "kova/utils/ProcFile.h"
-#include "kova/utils/Words.h"
 
 namespace kova::network {
 namespace {
@@ -66,7 +66,7 @@ std::string bestDefault(std::string_view routes, Parse parse) {
   std::uint64_t bestMetric = std::numeric_limits<std::uint64_t>::max();
   while (!routes.empty()) {
     Route route;
-    if (!parse(nextLine(routes), route)) continue;  // the headings, too
+    if (!parse(nextLine(routes), route)) continue;  // skips the header line, too
     if (!route.isDefault || (route.flags & (kUp | kReject)) != kUp) continue;
     if (route.metric < bestMetric) {
       best = route.interface;

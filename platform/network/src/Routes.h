@@ -5,8 +5,8 @@
 
 namespace kova::network {
 
-/// Interface of the default route with the lowest metric in the text of /proc/net/route, or else of
-/// /proc/net/ipv6_route; "" when there is none.
+/// Interface of the default route with the lowest metric in the content of /proc/net/route, else of
+/// /proc/net/ipv6_route; "" if there is none.
 std::string defaultInterface(std::string_view ipv4Routes, std::string_view ipv6Routes);
 
 }  // namespace kova::network

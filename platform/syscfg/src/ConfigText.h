@@ -9,14 +9,14 @@
 
 namespace kova::syscfg::internal {
 
-/// Splits the text of a store into its lines. Any text is one; a missing line break at its end is
-/// made good when it is formatted.
+/// Splits the text of a store into its lines. Accepts any text; a missing line break at its end is
+/// added when it is formatted.
 std::vector<ConfigLine> parseConfig(std::string_view text);
 
-/// The text of a store: every line, each ended by a line break.
+/// The text of a store, with a line break after every line.
 std::string formatConfig(const std::vector<ConfigLine>& lines);
 
-/// Whether a setting may have this key: parsing the line "KEY=..." gives it back.
+/// Whether a setting may have this key, that is, whether parsing "KEY=..." yields it again.
 bool isKey(std::string_view key);
 
 /// Whether a setting may have this value.

@@ -16,7 +16,7 @@ constexpr char kLogUnit[] = "SystemCfgManager";
 constexpr char kStore[] = "/etc/system.cfg";
 constexpr std::size_t kMaxStore = std::size_t{1024} * 1024;
 
-// The line that counts for a key: the last of several. Lines is const or not.
+// The last line with this key, which is the one that counts.
 template <typename Lines>
 auto* findLine(Lines& lines, const std::string& key) {
   const auto found = std::find_if(lines.rbegin(), lines.rend(),
@@ -24,7 +24,7 @@ auto* findLine(Lines& lines, const std::string& key) {
   return found == lines.rend() ? nullptr : &*found;
 }
 
-// Whether the store can still be read once `line`, or a new one when that is null, has this value.
+// Whether the store stays readable with this value in `line`, or in a new line if that is null.
 bool fits(const std::vector<ConfigLine>& lines, const ConfigLine* line, const std::string& key,
           const std::string& value) {
   const std::size_t now = internal::formatConfig(lines).size();

@@ -21,16 +21,15 @@
 #include "CrashInternal.h"
 #include "CrashText.h"
 
-// From the handler on only async-signal-safe functions are called, see signal-safety(7); and the
-// GNU backtrace functions, which are as good once libgcc is loaded.
+// The handler only calls async-signal-safe functions, see signal-safety(7), and the GNU backtrace
+// functions, which are safe once libgcc is loaded.
 
 namespace kova::utils {
 namespace {
 
 constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
 
-// Should the unwinder wait for a lock that the crashed code holds, the process must end all the
-// same.
+// Ends the process even if the unwinder waits for a lock that the crashed code holds.
 constexpr unsigned kLongestReportSeconds = 3;
 
 struct Settings {
@@ -54,7 +53,7 @@ std::uintptr_t programCounter(const mcontext_t& machine) {
 #error "Say where the program counter stands in this processor's mcontext_t."
 #endif
 
-/// The report's file. A file of this name is from an earlier process of the same number.
+/// The report's file. An existing file is from an earlier process with the same id.
 int createReport() {
   CrashText<1100> path;
   path.Append(settings.folder.View()).Append("/kova_crash.").AppendNumber(getpid());
@@ -62,7 +61,7 @@ int createReport() {
   return open(path.Text(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
 }
 
-/// A connection to the system log; a logger that hangs is waited for this long.
+/// A socket to the system log; the time-out bounds the wait for a logger that hangs.
 int connectToLog() {
   const timeval patience{0, 200000};
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -70,7 +69,7 @@ int connectToLog() {
   return fd;
 }
 
-/// Where a report goes: the file and the system log, as far as they can be had.
+/// Destinations of a report: the file and the system log, as far as they are available.
 class Sink {
  public:
   Sink() : file_(createReport()), log_(connectToLog()) {}
@@ -95,8 +94,8 @@ class Sink {
   int log_;
 };
 
-/// The lines of a backtrace; they come through a pipe, as there is no safe way to have them in
-/// memory.
+/// Reports the lines of a backtrace, which pass through a pipe because only backtrace_symbols_fd(3)
+/// is safe here.
 void reportBacktrace(Sink& sink) {
   std::array<void*, 48> frames;
   std::array<char, 16384> text;
@@ -126,21 +125,34 @@ void limitReportTime() {
   alarm(kLongestReportSeconds);
 }
 
-/// Ends in the default action: of the signal raised here, once this handler has returned.
+/// Whether the signal has a fault address, that is, was raised by the kernel for a fault and not
+/// sent.
+bool hasFaultAddress(const siginfo_t& info) {
+  const int number = info.si_signo;
+  return info.si_code > 0 &&
+         (number == SIGSEGV || number == SIGBUS || number == SIGILL || number == SIGFPE);
+}
+
+void reportHeadline(Sink& sink, const siginfo_t& info, const ucontext_t& context) {
+  CrashText<256> headline;
+  headline.Append("Crashed by signal ").AppendNumber(static_cast<unsigned>(info.si_signo));
+  headline.Append(" (").Append(sigdescr_np(info.si_signo)).Append(")");
+  headline.Append(", program counter 0x").AppendHex(programCounter(context.uc_mcontext));
+  if (hasFaultAddress(info)) {
+    headline.Append(", fault address 0x");
+    headline.AppendHex(reinterpret_cast<std::uintptr_t>(info.si_addr));
+  }
+  sink.Line(headline.View());
+}
+
+/// The signal raised at the end takes its default action once this handler has returned.
 void onFatalSignal(int number, siginfo_t* info, void* context) {
   signal(number, SIG_DFL);
   if (isReporting == 0) {
     isReporting = 1;
     limitReportTime();
     Sink sink;
-    CrashText<256> headline;
-    headline.Append("Crashed by signal ").AppendNumber(number);
-    headline.Append(" (").Append(sigdescr_np(number)).Append(")");
-    headline.Append(", program counter 0x")
-        .AppendHex(programCounter(static_cast<const ucontext_t*>(context)->uc_mcontext));
-    headline.Append(", fault address 0x");
-    headline.AppendHex(reinterpret_cast<std::uintptr_t>(info->si_addr));
-    sink.Line(headline.View());
+    reportHeadline(sink, *info, *static_cast<const ucontext_t*>(context));
     reportBacktrace(sink);
   }
   raise(number);

@@ -2,7 +2,7 @@
 
 namespace kova::utils {
 
-/// InstallCrashDumpHandler with the system log's socket to choose.
+/// InstallCrashDumpHandler() with a given socket of the system log.
 bool installCrashDumpHandler(const char* folder, const char* logSocket);
 
 }  // namespace kova::utils

@@ -7,7 +7,8 @@
 
 namespace kova::utils {
 
-/// A text of bounded length for signal handlers: no memory, no locale; what does not fit is cut.
+/// A text of bounded length for signal handlers: allocates no memory, ignores the locale and
+/// truncates.
 template <std::size_t kSize>
 class CrashText {
  public:

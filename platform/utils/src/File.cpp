@@ -2,30 +2,47 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 
+#include "Errno.h"
 #include "FileReplacement.h"
+#include "SharedFolder.h"
+#include "kova/logger/Logger.h"
 
 namespace kova::utils {
 namespace {
 
+constexpr char kLogIdentity[] = "kova_utils";
+constexpr char kLogUnit[] = "File";
 constexpr std::size_t kChunk = std::size_t{64} * 1024;
 constexpr mode_t kNewFileMode = 0644;
 
-bool failWith(int error) {
-  errno = error;
-  return false;
+bool refuse(const std::string& path, const char* why, int error) {
+  KOVA_LOG_IN("Initialize", LOG_WARNING, 0, "Refused to open %s: %s", path.c_str(), why);
+  return failWith(error);
 }
 
-// close(2) for a path on which an earlier failure is what the caller has to see.
-void closeQuietly(int fd) {
-  const int saved = errno;
-  close(fd);
-  errno = saved;
+/// Logs the refusal only in a shared folder; elsewhere the caller reports it.
+bool refuseKind(const std::string& path, bool guarded) {
+  return guarded ? refuse(path, "it is no regular file", EINVAL) : failWith(EINVAL);
+}
+
+/// Logs why open(2) refused a file; the caller reports a file that is missing or not permitted.
+bool explainOpen(const std::string& path, bool guarded) {
+  switch (errno) {
+    case ELOOP:
+      return guarded ? refuse(path, "it is a symbolic link", ELOOP) : false;
+    case EISDIR:
+    case ENXIO:  // a pipe without a reader, a socket, or a device without a driver
+      return refuseKind(path, guarded);
+    default:
+      return false;
+  }
 }
 
 ssize_t readSome(int fd, unsigned char* buffer, std::size_t length) {
@@ -44,7 +61,7 @@ ssize_t writeSome(int fd, const unsigned char* data, std::size_t length) {
   return put;
 }
 
-// What is written through a symbolic link in /tmp could be any file of the system.
+// Writing through a symbolic link in /tmp could overwrite any file of the system.
 int openFlags(FILE_OPEN_MODE mode) {
   switch (mode) {
     case FILE_OPEN_MODE_READ:
@@ -64,13 +81,12 @@ File::~File() {
 }
 
 void File::Abandon() {
+  const ErrnoGuard reason;
   if (fd_ >= 0) {
-    closeQuietly(fd_);
+    close(fd_);
   }
   if (!temporary_.empty()) {
-    const int saved = errno;
     unlink(temporary_.c_str());
-    errno = saved;
   }
   fd_ = -1;
   size_ = 0;
@@ -95,24 +111,29 @@ bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode, unsigned fla
 }
 
 bool File::OpenInPlace(const std::string& path, int flags) {
-  // Not blocking: the open of a pipe would wait for its other end.
-  fd_ = open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
+  const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+  const internal::Folder folder(path);
+  if (!folder.IsOpen()) {
+    return false;
+  }
+  const bool guarded = writes || folder.IsShared();
+  // Opening a pipe would otherwise block until its other end is opened.
+  fd_ =
+      openat(folder.Fd(), folder.Name(),
+             flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (guarded ? O_NOFOLLOW : 0), kNewFileMode);
   if (fd_ < 0) {
-    // What open(2) reports for folders, and for pipes, sockets and devices without a peer.
-    return (errno == EISDIR || errno == ENXIO) ? failWith(EINVAL) : false;
+    return explainOpen(path, guarded);
   }
   struct stat info {};
   if (fstat(fd_, &info) != 0) {
     return false;
   }
   if (!S_ISREG(info.st_mode)) {
-    return failWith(EINVAL);
+    return refuseKind(path, guarded);
   }
-  // In a folder that all may write: somebody else's file is theirs to change at any time, and a
-  // second name may be that of a file of the system.
-  const bool writes = (flags & O_ACCMODE) != O_RDONLY;
-  if (writes && (info.st_uid != geteuid() || info.st_nlink != 1)) {
-    return failWith(EPERM);
+  const char* objection = guarded ? internal::objectionTo(info, writes) : nullptr;
+  if (objection != nullptr) {
+    return refuse(path, objection, EPERM);
   }
   if (flags == openFlags(FILE_OPEN_MODE_TRUNCATE)) {
     return ftruncate(fd_, 0) == 0;
@@ -131,7 +152,7 @@ bool File::OpenReplacement(const std::string& path) {
   if (replaces && !S_ISREG(old.st_mode)) {
     return failWith(EINVAL);
   }
-  // Until it has the old file's mode nobody else may read what is to replace a secret.
+  // Mode 0600 until the old file's mode is set, since the content may be secret.
   std::string name;
   fd_ = internal::createTemporary(internal::folderOf(path), replaces ? 0600 : kNewFileMode, name);
   if (fd_ < 0) {
@@ -250,35 +271,6 @@ bool File::ReadStringAll(const std::string& path, std::string& out, std::uint64_
     }
     text.append(reinterpret_cast<const char*>(chunk.data()), static_cast<std::size_t>(got));
   }
-}
-
-bool fileExists(const char* path, bool followLinks) {
-  struct stat info {};
-  return (followLinks ? stat(path, &info) : lstat(path, &info)) == 0;
-}
-
-bool copyFile(const char* from, const char* to) {
-  struct stat source {};
-  struct stat target {};
-  if (stat(from, &source) == 0 && stat(to, &target) == 0 && source.st_dev == target.st_dev &&
-      source.st_ino == target.st_ino) {
-    return failWith(EINVAL);
-  }
-  File reader;
-  File writer;
-  if (!reader.Initialize(from, FILE_OPEN_MODE_READ, 0) ||
-      !writer.Initialize(to, FILE_OPEN_MODE_TRUNCATE, 0)) {
-    return false;
-  }
-  std::array<unsigned char, kChunk> chunk;
-  while (!reader.IsEOF()) {
-    const std::uint64_t length =
-        std::min<std::uint64_t>(reader.Size() - reader.Cursor(), chunk.size());
-    if (!reader.ReadBuffer(chunk.data(), length) || !writer.WriteBuffer(chunk.data(), length)) {
-      return false;
-    }
-  }
-  return writer.Close();
 }
 
 }  // namespace kova::utils

@@ -27,7 +27,7 @@ std::string folderOf(const std::string& path) {
 
 bool syncFolder(const std::string& folder) {
   const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  // EINVAL: a file system without this operation has nothing to flush.
+  // EINVAL: the file system does not support flushing folders and needs none.
   return fd && (fsync(fd.Get()) == 0 || errno == EINVAL);
 }
 
@@ -45,7 +45,7 @@ int createTemporary(const std::string& folder, mode_t mode, std::string& path) {
   }
 }
 
-// The owner first: a change of it may take mode bits away.
+// The owner first, since changing it may clear mode bits.
 bool takeOverAttributes(int fd, const struct stat& from) {
   struct stat own {};
   if (fstat(fd, &own) != 0) {

@@ -7,13 +7,13 @@
 
 namespace kova::utils::internal {
 
-/// The folder in which `path` stands.
+/// The folder of the file `path`.
 std::string folderOf(const std::string& path);
 
 /// Makes a rename in the folder durable.
 bool syncFolder(const std::string& folder);
 
-/// Creates a file that was not there, for writing, under a name that nobody can foresee.
+/// Creates a new file for writing, with an unpredictable name.
 /// @param path receives its path
 /// @return its descriptor, or -1
 int createTemporary(const std::string& folder, mode_t mode, std::string& path);

@@ -8,11 +8,12 @@
 #include <cerrno>
 
 #include "kova/utils/Clock.h"
+#include "kova/utils/ExceptionBarrier.h"
 
 namespace kova::utils {
 namespace {
 
-/// What the callbacks of one request share.
+/// State shared by the callbacks of one request.
 struct Exchange {
   const std::function<void(nlmsghdr*)>& onAnswer;
   bool finished = false;
@@ -21,16 +22,15 @@ struct Exchange {
 
 int onValid(nl_msg* message, void* exchange) {
   auto* const own = static_cast<Exchange*>(exchange);
-  try {
+  const auto answer = [&] {
     own->onAnswer(nlmsg_hdr(message));
-    return NL_OK;
-  } catch (...) {  // the frames above are libnl's, in C
-    own->finished = own->refused = true;
-    return NL_STOP;
-  }
+    return int{NL_OK};
+  };
+  const auto giveUp = [own](const char*) { own->finished = own->refused = true; };
+  return exceptionBarrier(int{NL_STOP}, answer, giveUp);
 }
 
-/// The end of a list, or the acknowledgement of a request for one thing.
+/// The end of a list, or the acknowledgement of a request for a single object.
 int onFinish(nl_msg*, void* exchange) {
   static_cast<Exchange*>(exchange)->finished = true;
   return NL_STOP;

@@ -5,36 +5,29 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
+
+#include "kova/utils/Handle.h"
 
 namespace kova::utils {
 
-template <auto kRelease>
-struct ReleaseWith {
-  template <typename Handle>
-  void operator()(Handle* handle) const {
-    kRelease(handle);
-  }
-};
+using NlSocket = Handle<nl_sock, nl_socket_free>;
+using NlMessage = Handle<nl_msg, nlmsg_free>;
 
-using NlSocket = std::unique_ptr<nl_sock, ReleaseWith<nl_socket_free>>;
-using NlMessage = std::unique_ptr<nl_msg, ReleaseWith<nlmsg_free>>;
-
-/// A generic netlink connection (genetlink), made when first needed. Answers are waited for until a
-/// deadline only, so the caller never hangs.
+/// A generic netlink connection (genetlink), opened on first use. A deadline bounds the wait for
+/// answers.
 class Netlink {
  public:
-  /// Until when the questions that follow must be answered, on the clock of nowMs().
+  /// Deadline for the answers to subsequent requests, on the clock of nowMs().
   void SetDeadline(std::uint64_t deadlineMs) { deadlineMs_ = deadlineMs; }
 
-  /// Number of the family `name`; -1 when the kernel does not know it.
+  /// Id of the family `name`; -1 if the kernel does not know it.
   int Family(const char* name);
 
-  /// A request for everything that `command` lists; null when there is no memory.
+  /// A request for all objects that `command` lists; null if memory is exhausted.
   static NlMessage Dump(int family, std::uint8_t command);
 
-  /// Sends a request and hands every answer to `onAnswer`. False when the request was refused or
-  /// not answered in time; a late answer is never taken for that of another request.
+  /// Sends a request and passes every answer to `onAnswer`. False if the request was refused or not
+  /// answered in time; a late answer is never mistaken for that of another request.
   bool Ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer);
 
  private:

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "AccountFile.h"
+#include "Errno.h"
 #include "kova/utils/File.h"
 
 namespace kova::utils {
@@ -36,7 +37,7 @@ constexpr bool breaksAccountLine(char c) {
   return c == ':' || byte < 0x20 || byte == 0x7f;
 }
 
-// The file that holds an account's hash, and where in it.
+// The file that holds an account's hash, and its position there.
 struct Account {
   std::string path;
   std::string text;
@@ -74,11 +75,6 @@ bool replaceHash(const Account& account, std::string_view hash) {
          file.WriteString(text) && file.Close();
 }
 
-bool failWith(int error) {
-  errno = error;
-  return false;
-}
-
 struct WipeCryptData {
   void operator()(crypt_data* data) const {
     explicit_bzero(data, sizeof *data);
@@ -86,14 +82,14 @@ struct WipeCryptData {
   }
 };
 
-// "" when crypt(3) refuses the setting.
+// "" if crypt(3) rejects the setting.
 std::string hashWith(const char* password, const std::string& setting) {
   const std::unique_ptr<crypt_data, WipeCryptData> data(new crypt_data{});
   const char* hash = crypt_r(password, setting.c_str(), data.get());
   return hash == nullptr || hash[0] == '*' ? "" : hash;
 }
 
-// The time it takes depends on the lengths only.
+// Its run time depends only on the lengths.
 bool equalInConstantTime(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) {
     return false;
@@ -131,15 +127,15 @@ int authenticatePassword(const std::string& user, const std::string& password, b
   std::string stored;
   const int error = readUserHash(user, stored);
   const bool locked = stored.starts_with(kLockMark);
-  // Every path costs one hash, by the account's own setting where there is one, so that the time
-  // tells nothing about the account.
+  // Every path computes one hash, with the account's own setting if it has one, so that the run
+  // time reveals nothing about the account.
   const std::string setting = stored.substr(locked ? 1 : 0);
   const std::string computed = setting.empty() ? "" : hashWith(password.c_str(), setting);
   const bool computable = !computed.empty();
   if (!computable) {
     hashWith(password.c_str(), generateSalt());
   }
-  // crypt(3) sees a password only up to a NUL.
+  // crypt(3) ignores what follows a NUL.
   const bool whole = password.find('\0') == std::string::npos;
   const bool equal = equalInConstantTime(computed, setting);
   matches = error == 0 && !locked && computable && whole && equal;

@@ -6,13 +6,14 @@
 
 namespace kova::utils {
 
-/// A pipe(2), closed on exec.
+/// A close-on-exec pipe(2).
 struct Pipe {
   UniqueFd read;
   UniqueFd write;
 
-  /// Both ends get descriptors above 2 also where this process has no standard streams: a child can
-  /// then be given them in any order. False with `errno` set.
+  /// Opens the pipe with both descriptors above 2, even if this process has no standard streams, so
+  /// that they can be duplicated to a child's in any order. On failure returns false and sets
+  /// `errno`.
   bool Open() {
     int ends[2] = {-1, -1};
     if (pipe2(ends, O_CLOEXEC) != 0) return false;

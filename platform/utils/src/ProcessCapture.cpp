@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <syslog.h>
 
 #include <algorithm>
 #include <array>
@@ -11,22 +10,20 @@
 #include <ctime>
 #include <string_view>
 
+#include "Errno.h"
 #include "Pipe.h"
+#include "ProgramLimits.h"
 #include "Spawn.h"
-#include "kova/logger/Logger.h"
-#include "kova/utils/Clock.h"
+#include "Watchdog.h"
 #include "kova/utils/Process.h"
 
 namespace kova::utils {
 namespace {
 
-constexpr const char* kLogIdentity = "kova_utils";
-constexpr const char* kLogUnit = "Process";
-
-// The child's end is noticed at the latest after this time when its pipes do not tell of it.
+// Upper bound of the delay in noticing the child's exit if its pipes stay open.
 constexpr int kLongestStepMs = 16;
 
-/// Keeps a child that does not read its input from killing this process.
+/// Blocks SIGPIPE, which would kill this process if a child closes its standard input.
 class SigPipeBlock {
  public:
   SigPipeBlock() {
@@ -55,7 +52,7 @@ class SigPipeBlock {
   bool wasPending_ = false;
 };
 
-/// One output stream of the child, kept up to a limit.
+/// An output stream of the child, captured up to a limit.
 class Capture {
  public:
   Capture(UniqueFd fd, std::string& text, std::size_t limit)
@@ -63,7 +60,7 @@ class Capture {
 
   int Fd() const { return fd_.Get(); }
 
-  /// Reads once, so that a child that never stops printing cannot hold the caller here.
+  /// Reads only once, so that a child with endless output cannot block the caller.
   void Read(std::size_t atMost) {
     std::array<char, 65536> buffer;
     const ssize_t got = read(fd_.Get(), buffer.data(), std::min(atMost, buffer.size()));
@@ -74,7 +71,7 @@ class Capture {
     }
   }
 
-  /// Reads what stands in the pipe at this moment.
+  /// Reads what is currently in the pipe.
   void Drain() {
     int pending = 0;
     if (!fd_ || ioctl(fd_.Get(), FIONREAD, &pending) != 0) return;
@@ -87,7 +84,7 @@ class Capture {
   std::size_t limit_;
 };
 
-/// The child's standard input, written as the child takes it.
+/// The child's standard input, written as the child reads it.
 class Feed {
  public:
   Feed(UniqueFd fd, std::string_view rest) : fd_(std::move(fd)), rest_(rest) {
@@ -108,41 +105,9 @@ class Feed {
   std::string_view rest_;
 };
 
-/// Ends a child that outlives its time, together with the processes it started.
-class Watchdog {
- public:
-  Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, unsigned graceMs)
-      : group_(group), program_(program), graceMs_(graceMs) {
-    if (timeoutMs != 0) next_ = nowMs() + timeoutMs;
-  }
-
-  void Check() {
-    if (next_ == 0 || nowMs() < next_) return;
-    if (!expired_) KOVA_LOG(LOG_WARNING, 0, "%s exceeded its time", program_.c_str());
-    const bool gently = !expired_ && graceMs_ != 0;
-    kill(-group_, gently ? SIGTERM : SIGKILL);
-    next_ = gently ? nowMs() + graceMs_ : 0;
-    expired_ = true;
-  }
-
-  /// `step`, or less when a signal is due before.
-  int PollTimeout(int step) const {
-    if (next_ == 0) return step;
-    const std::uint64_t time = nowMs();
-    return time >= next_ ? 0 : static_cast<int>(std::min<std::uint64_t>(next_ - time, step));
-  }
-
- private:
-  pid_t group_;
-  const std::string& program_;
-  unsigned graceMs_;
-  std::uint64_t next_ = 0;
-  bool expired_ = false;
-};
-
-/// Moves bytes for at most `timeoutMs`; whether there were any.
+/// Transfers pending bytes, waiting at most `timeoutMs` for some; returns whether there were any.
 bool pump(Feed& in, Capture& out, Capture& err, int timeoutMs) {
-  // poll(2) passes over a descriptor of -1.
+  // poll(2) ignores descriptors of -1.
   std::array<pollfd, 3> polled{
       {{in.Fd(), POLLOUT, 0}, {out.Fd(), POLLIN, 0}, {err.Fd(), POLLIN, 0}}};
   if (poll(polled.data(), polled.size(), timeoutMs) <= 0) return false;
@@ -152,13 +117,13 @@ bool pump(Feed& in, Capture& out, Capture& err, int timeoutMs) {
   return true;
 }
 
-/// Serves the pipes until the child has ended. What it left running may hold the pipes open for
-/// ever, so their end is not waited for.
+/// Serves the pipes until the child exits. Does not wait for end of file, since descendants of the
+/// child may keep the pipes open forever.
 int attend(pid_t child, Feed& in, Capture& out, Capture& err, Watchdog& watchdog) {
   int status = 0;
   pid_t ended = 0;
   int step = 1;
-  while ((ended = waitFor(child, &status, WNOHANG)) == 0) {
+  while ((ended = watchdog.End(&status)) == 0) {
     watchdog.Check();
     const bool busy = pump(in, out, err, watchdog.PollTimeout(step));
     step = busy ? 1 : std::min(step * 2, kLongestStepMs);
@@ -180,9 +145,10 @@ int sysExec(const std::string& program, const std::vector<std::string>& argument
 
   Spawn spawn(program, arguments, {inPipe.read.Get(), outPipe.write.Get(), errPipe.write.Get()});
   spawn.OwnGroup();
+  ErrnoGuard reason;
   pid_t child = -1;
   if (const int error = spawn.Start(&child); error != 0) {
-    errno = error;
+    reason.Set(error);
     return kNotStarted;
   }
   inPipe.read.Reset();
@@ -197,8 +163,11 @@ int sysExec(const std::string& program, const std::vector<std::string>& argument
   Feed in(std::move(inPipe.write), input);
   Capture outCapture(std::move(outPipe.read), out, limit);
   Capture errCapture(std::move(errPipe.read), err, limit);
-  Watchdog watchdog(child, program, timeoutMs, graceMs);
-  return attend(child, in, outCapture, errCapture, watchdog);
+  Watchdog watchdog(child, program, timeLimit(program, timeoutMs),
+                    timeoutMs == 0 ? kGraceMs : graceMs);
+  const int status = attend(child, in, outCapture, errCapture, watchdog);
+  if (watchdog.Expired()) reason.Set(ETIMEDOUT);
+  return status;
 }
 
 }  // namespace kova::utils

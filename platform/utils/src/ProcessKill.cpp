@@ -4,25 +4,21 @@
 #include <array>
 #include <climits>
 #include <csignal>
-#include <memory>
 #include <string_view>
 
+#include "kova/utils/Handle.h"
+#include "kova/utils/Parsing.h"
 #include "kova/utils/Process.h"
 #include "kova/utils/UniqueFd.h"
-#include "kova/utils/Words.h"
 
 namespace kova::utils {
 namespace {
-
-struct CloseDir {
-  void operator()(DIR* folder) const { closedir(folder); }
-};
 
 std::string_view baseName(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
 }
 
-/// Base name of the first word of the command line; "" for a zombie or a kernel thread.
+/// Base name of argv[0]; "" for a zombie or a kernel thread.
 std::string commandName(const std::string& folder) {
   std::array<char, PATH_MAX> text;
   const UniqueFd fd(open((folder + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC));
@@ -32,7 +28,7 @@ std::string commandName(const std::string& folder) {
   return std::string(baseName(words.substr(0, words.find('\0'))));
 }
 
-/// Base name of the executable, also when that was replaced since; "" as above.
+/// Base name of the executable, even if that has been replaced since; "" as above.
 std::string executableName(const std::string& folder) {
   constexpr std::string_view kDeleted = " (deleted)";
   std::array<char, PATH_MAX> text;
@@ -48,7 +44,7 @@ bool isCalled(const char* pid, const std::string& name) {
   return commandName(folder) == name || executableName(folder) == name;
 }
 
-/// The process id that a folder of /proc stands for, 0 for the other entries.
+/// The process id of an entry of /proc; 0 for other entries.
 pid_t processId(const char* entry) {
   pid_t pid = 0;
   parseNumber(entry, pid);
@@ -59,7 +55,7 @@ pid_t processId(const char* entry) {
 
 int kill_process_by_name(const std::string& name, int signal) {
   if (name.empty()) return 0;
-  const std::unique_ptr<DIR, CloseDir> processes(opendir("/proc"));
+  const Handle<DIR, closedir> processes(opendir("/proc"));
   if (!processes) return 0;
   int signalled = 0;
   while (const dirent* entry = readdir(processes.get())) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 
@@ -24,7 +25,10 @@ constexpr const char* kLogUnit = "Service";
 
 constexpr const char* kSv = "/usr/bin/sv";
 
-// The caller waits meanwhile. runsvdir(8) looks for new services every 5 s.
+// Without these, no request could start them again, or nothing would be logged.
+constexpr std::array kNeeded{"kova_bus", "kova_ctlserver", "syslogd"};
+
+// Blocks the caller. runsvdir(8) scans for new services every 5 s.
 constexpr unsigned kBudgetMs = 8000;
 constexpr int kPollMs = 50;
 constexpr int kSettleMs = 500;
@@ -34,16 +38,39 @@ bool isServiceName(const std::string& name) {
          name.find('\0') == std::string::npos;
 }
 
-bool isInstalled(const std::string& definition) {
+bool isInstalled(const std::string& name) {
   struct stat info {};
-  return stat(definition.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+  if (isServiceName(name) && stat(("/etc/sv/" + name).c_str(), &info) == 0 &&
+      S_ISDIR(info.st_mode)) {
+    return true;
+  }
+  KOVA_LOG(LOG_ERR, 0, "There is no service \"%s\" in /etc/sv", name.c_str());
+  return false;
+}
+
+bool isSameFolder(const std::string& one, const std::string& other) {
+  struct stat first {};
+  struct stat second {};
+  return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+/// Whether a name denotes a protected service, directly or through a link: sv(8) acts on the folder
+/// that the link in /etc/service points to, whatever its name.
+bool isNeeded(const std::string& name) {
+  return std::any_of(kNeeded.begin(), kNeeded.end(), [&name](const std::string& needed) {
+    const std::string definition = "/etc/sv/" + needed;
+    return name == needed || isSameFolder("/etc/sv/" + name, definition) ||
+           isSameFolder("/etc/service/" + name, definition) ||
+           isSameFolder("/etc/service/" + name, "/etc/service/" + needed);
+  });
 }
 
 bool removeIfThere(const std::string& path) {
   return unlink(path.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
 }
 
-/// Whether a runsv(8) listens for this service's commands.
+/// Whether a runsv(8) process accepts commands for this service.
 bool isSupervised(const std::string& service) {
   return static_cast<bool>(
       UniqueFd(open((service + "/supervise/ok").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)));
@@ -57,7 +84,7 @@ bool awaitSupervision(const std::string& service, std::uint64_t deadlineMs) {
   return true;
 }
 
-/// Runs sv(8), which waits itself until the command has taken effect.
+/// Runs sv(8), which waits until the command has taken effect.
 bool runSv(const char* command, const std::string& service, std::uint64_t deadlineMs) {
   const std::uint64_t time = nowMs();
   const std::uint64_t leftMs = deadlineMs - std::min(time, deadlineMs);
@@ -74,7 +101,7 @@ bool runSv(const char* command, const std::string& service, std::uint64_t deadli
   return false;
 }
 
-/// Whether the service is more than a program that ends as soon as it is started, over and over.
+/// Whether the service keeps running, rather than exiting and being restarted over and over.
 bool staysUp(const std::string& service) {
   const std::string pidFile = service + "/supervise/pid";
   std::string started;
@@ -87,11 +114,10 @@ bool staysUp(const std::string& service) {
 }  // namespace
 
 bool EnableService(const std::string& name) {
-  if (!isServiceName(name)) return false;
   const std::uint64_t deadlineMs = nowMs() + kBudgetMs;
   const std::string definition = "/etc/sv/" + name;
   const std::string service = "/etc/service/" + name;
-  if (!isInstalled(definition)) return false;
+  if (!isInstalled(name)) return false;
   if (!removeIfThere(definition + "/down") ||
       (symlink(definition.c_str(), service.c_str()) != 0 && errno != EEXIST)) {
     KOVA_LOG(LOG_ERR, errno, "Cannot mark %s to be started", name.c_str());
@@ -110,7 +136,11 @@ bool EnableService(const std::string& name) {
 }
 
 bool DisableService(const std::string& name) {
-  if (!isServiceName(name) || !isInstalled("/etc/sv/" + name)) return false;
+  if (!isInstalled(name)) return false;
+  if (isNeeded(name)) {
+    KOVA_LOG(LOG_ERR, 0, "Refused to stop %s: the camera cannot be managed without", name.c_str());
+    return false;
+  }
   const std::string service = "/etc/service/" + name;
   if (isSupervised(service) && !runSv("stop", service, nowMs() + kBudgetMs)) return false;
   if (!removeIfThere(service)) {

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "Descriptors.h"
+
 namespace kova::utils {
 namespace {
 
@@ -38,7 +40,7 @@ Spawn::Spawn(const std::string& program, const std::vector<std::string>& argumen
       Note(posix_spawn_file_actions_addopen(&actions_, target, "/dev/null", mode, 0));
     }
   }
-  Note(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
+  Note(inheritNoneFrom(&actions_, STDERR_FILENO + 1));
 
   sigset_t signals;
   sigfillset(&signals);
@@ -64,7 +66,7 @@ void Spawn::OwnSession() {
 
 void Spawn::WorkingDirectory(const std::string& folder) {
   if (holdsNul(folder)) Note(EINVAL);
-  Note(posix_spawn_file_actions_addchdir_np(&actions_, folder.c_str()));
+  Note(startInFolder(&actions_, folder.c_str()));
 }
 
 void Spawn::SignalMask(const sigset_t& mask) {

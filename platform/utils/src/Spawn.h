@@ -8,32 +8,30 @@
 
 namespace kova::utils {
 
-/// Descriptors that a child gets as its standard ones; -1 stands for /dev/null. All must be above
-/// 2.
+/// The child's standard descriptors; -1 for /dev/null. All others must be above 2.
 struct StandardStreams {
   int in = -1;
   int out = -1;
   int err = -1;
 };
 
-/// A posix_spawn(3) prepared: everything that can fail for want of memory or by a bad argument
-/// happens here, so that Start() may follow a fork(2).
+/// A prepared posix_spawn(3): the constructor allocates all memory and checks all arguments, so
+/// that Start() may be called after a fork(2).
 class Spawn {
  public:
-  /// Fails with EINVAL in Start() when the program or an argument holds a NUL and so could not be
-  /// passed whole.
+  /// Start() fails with EINVAL if the program or an argument contains a NUL.
   Spawn(const std::string& program, const std::vector<std::string>& arguments,
         const StandardStreams& streams);
   ~Spawn();
   Spawn(const Spawn&) = delete;
   Spawn& operator=(const Spawn&) = delete;
 
-  /// The child leads a process group of its own, so that a time-out reaches its children too.
+  /// Makes the child lead its own process group, so that a time-out also kills its children.
   void OwnGroup();
-  /// The child leads a session of its own.
+  /// Makes the child lead its own session.
   void OwnSession();
   void WorkingDirectory(const std::string& folder);
-  /// Signals that the child starts with blocked; none unless called.
+  /// Sets the signals that are blocked in the child; none by default.
   void SignalMask(const sigset_t& mask);
 
   /// Starts the program; 0, or the errno value that prevented it.
@@ -50,10 +48,11 @@ class Spawn {
   int error_ = 0;
 };
 
-/// waitpid(2) that signals do not disturb. `status` as there.
+/// waitpid(2) that is restarted when interrupted by a signal.
 pid_t waitFor(pid_t pid, int* status, int options);
 
-/// The exit status in the shell's manner: 128 plus the signal's number for a death by signal.
+/// The exit status as a shell reports it: 128 plus the signal's number for a process killed by a
+/// signal.
 int exitStatus(int waitStatus);
 
 }  // namespace kova::utils

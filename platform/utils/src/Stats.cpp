@@ -11,7 +11,7 @@
 namespace kova::utils {
 namespace {
 
-/// Runs `parse` on the current content of `file`; the record is zeroed after a failure.
+/// Runs `parse` on the current content of `file`; zeroes the record on failure.
 template <typename Stats, typename Parse>
 int readInto(ProcFile& file, Stats* stats, Parse parse) {
   *stats = Stats{};
@@ -67,14 +67,16 @@ int GetUptimeStats(UptimeStats* stats) {
 }
 
 int GetCpuInfo(CpuInfo* info) {
-  // Never changes while the machine runs, and takes the kernel long where there are many
-  // processors.
+  // Constant while the machine runs, and slow to generate for many processors.
   static CpuInfo cached;
   static bool isCached = false;
   if (!isCached) {
     ProcFile file("/proc/cpuinfo", ProcFile::Form::kRecords);
-    const int error = readInto(file, &cached, [](std::string_view text, CpuInfo& out) {
-      out = parseCpuInfo(text);
+    ProcFile model("/proc/device-tree/model", ProcFile::Form::kOnePiece);
+    std::string_view board;
+    model.Read(board);  // missing on a PC
+    const int error = readInto(file, &cached, [board](std::string_view text, CpuInfo& out) {
+      out = parseCpuInfo(text, board);
       return 0;
     });
     isCached = error == 0;

@@ -1,21 +1,17 @@
 #include <dirent.h>
 
 #include <algorithm>
-#include <memory>
 
 #include "StatsInternal.h"
+#include "kova/utils/Handle.h"
+#include "kova/utils/Parsing.h"
 #include "kova/utils/ProcFile.h"
 #include "kova/utils/Strings.h"
-#include "kova/utils/Words.h"
 
 namespace kova::utils {
 namespace {
 
-struct CloseDir {
-  void operator()(DIR* folder) const { closedir(folder); }
-};
-
-/// An attribute of a power supply, "" when it has none of that name.
+/// An attribute of a power supply; "" if it does not exist.
 std::string attribute(const std::string& supply, const char* name) {
   ProcFile file(supply + "/" + name, ProcFile::Form::kOnePiece);
   std::string_view content;
@@ -25,9 +21,9 @@ std::string attribute(const std::string& supply, const char* name) {
   return text;
 }
 
-/// Folder of the first battery by name, "" when there is none.
+/// Folder of the first battery by name; "" if there is none.
 std::string firstBattery(const std::string& folder) {
-  const std::unique_ptr<DIR, CloseDir> supplies(opendir(folder.c_str()));
+  const Handle<DIR, closedir> supplies(opendir(folder.c_str()));
   std::string first;
   if (!supplies) return first;
   while (const dirent* entry = readdir(supplies.get())) {

@@ -10,8 +10,8 @@
 #include "kova/utils/ProcFile.h"
 #include "kova/utils/Stats.h"
 
-// The readers behind Stats.h, apart from where the text comes from. Each parser returns 0, or EIO
-// for a text that does not hold what proc(5) promises.
+// The parsers behind Stats.h, separated from the files they read. Each returns 0, or EIO for a text
+// that does not conform to proc(5).
 
 namespace kova::utils {
 
@@ -19,13 +19,16 @@ int parseMemory(std::string_view meminfo, MemoryStats& stats);
 int parseLoadAverage(std::string_view loadavg, LoadAverage& load);
 int parseUptime(std::string_view uptime, UptimeStats& stats);
 
-/// Never fails: a machine whose /proc/cpuinfo names no model has none.
-CpuInfo parseCpuInfo(std::string_view cpuinfo);
+/// Never fails. If /proc/cpuinfo has no model, as on 64-bit ARM, the model is `board`, the
+/// NUL-terminated content of /proc/device-tree/model, else the implementer and part of the
+/// processor, such as "0x41/0xd03", else "".
+CpuInfo parseCpuInfo(std::string_view cpuinfo, std::string_view board);
 
-/// Busy time of each processor between two readings of /proc/stat.
+/// Busy time of each processor between two reads of /proc/stat.
 class CpuMeter {
  public:
-  /// Two readings within one clock tick give the same figures.
+  /// Figures are indexed indexed by processor number; 0 for a processor that is offline. Two reads
+  /// within one clock tick yield the same figures.
   int Update(std::string_view procStat, CpuStats& stats);
 
  private:
@@ -37,11 +40,11 @@ class CpuMeter {
   std::vector<Counters> previous_;  // by processor number
 };
 
-/// Traffic of each interface between two readings of /proc/net/dev.
+/// Traffic of each interface between two reads of /proc/net/dev.
 class NetworkMeter {
  public:
-  /// @param timeMs monotonic time of this reading; two readings within one millisecond give the
-  /// same rates. A counter that went back (the interface was made anew) gives the rate 0.
+  /// @param timeMs monotonic time of this read; two reads within one millisecond yield the same
+  /// rates. A counter that decreased (the interface was recreated) yields the rate 0.
   int Update(std::string_view procNetDev, std::uint64_t timeMs, NetworkStats& stats);
 
  private:
@@ -51,23 +54,24 @@ class NetworkMeter {
   std::uint64_t previousMs_ = 0;
 };
 
-/// One wireless interface as nl80211 tells of it.
+/// A wireless interface as reported by nl80211.
 struct WirelessInterface {
   std::uint32_t index = 0;
   std::string name;
-  bool isClient = false;  ///< the only kind that has one signal level: that of its access point
+  bool isClient = false;  ///< only clients have a single signal level, that of their access point
 };
 
-/// Reads an answer to NL80211_CMD_GET_INTERFACE; false for one without a name (a P2P device).
+/// Parses an answer to NL80211_CMD_GET_INTERFACE; false for an interface without a name (a P2P
+/// device).
 bool decodeInterface(nlmsghdr* message, WirelessInterface& interface);
-/// Reads an answer to NL80211_CMD_GET_STATION; false for one without a signal level.
+/// Parses an answer to NL80211_CMD_GET_STATION; false for a station without a signal level.
 bool decodeSignal(nlmsghdr* message, std::int32_t& dBm);
-/// Adds an interface to the record, unless that is full.
+/// Adds an interface to the record unless it is full.
 void addWiFiInterface(std::string_view name, std::int32_t signalDbm, WiFiStats& stats);
 /// Adds the interfaces of /proc/net/wireless.
 void parseWireless(std::string_view procNetWireless, WiFiStats& stats);
 
-/// The first battery, by name, below `folder`; false when there is none or it cannot be read.
+/// The first battery, by name, below `folder`; false if there is none or it cannot be read.
 bool readBattery(const std::string& folder, BatteryInfo& info);
 
 struct StatsLib {

@@ -2,12 +2,12 @@
 #include <cerrno>
 
 #include "StatsInternal.h"
-#include "kova/utils/Words.h"
+#include "kova/utils/Parsing.h"
 
 namespace kova::utils {
 namespace {
 
-/// Reads the columns after "NAME:" of /proc/net/dev.
+/// Parses the columns after "NAME:" of /proc/net/dev.
 bool parseCounters(std::string_view columns, NetworkInterfaceStats& stats) {
   constexpr int kColumnsBeforeTx = 7;
   if (!parseNumber(nextWord(columns), stats.bytesRx)) return false;
@@ -15,7 +15,7 @@ bool parseCounters(std::string_view columns, NetworkInterfaceStats& stats) {
   return parseNumber(nextWord(columns), stats.bytesTx);
 }
 
-/// Bytes per second, 0 for a counter that went back; `elapsedMs` is not 0.
+/// Bytes per second; 0 for a counter that decreased. `elapsedMs` must not be 0.
 std::uint64_t rate(std::uint64_t before, std::uint64_t now, std::uint64_t elapsedMs) {
   if (now < before) return 0;
   const std::uint64_t bytes = now - before;
@@ -42,7 +42,7 @@ int NetworkMeter::Update(std::string_view procNetDev, std::uint64_t timeMs, Netw
   stats.count = 0;
   const std::uint64_t elapsedMs = timeMs - previousMs_;
   nextLine(procNetDev);
-  nextLine(procNetDev);  // two lines of headings
+  nextLine(procNetDev);  // two header lines
   while (!procNetDev.empty() && stats.count < NetworkStats::kMax) {
     std::string_view line = nextLine(procNetDev);
     const std::size_t colon = line.find(':');

@@ -1,16 +1,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <initializer_list>
 
 #include "StatsInternal.h"
-#include "kova/utils/Words.h"
+#include "kova/utils/Parsing.h"
 
 namespace kova::utils {
 namespace {
 
-constexpr std::uint32_t kMostProcessors = 8192;  // the most that Linux can be built for
-
-/// Cuts "key : value", as /proc/cpuinfo and /proc/meminfo have it, in two.
+/// Splits a line "key : value" of /proc/cpuinfo or /proc/meminfo.
 std::string_view cutKey(std::string_view& line) {
   constexpr std::string_view kBlanks = " \t";
   const std::size_t colon = line.find(':');
@@ -22,7 +21,19 @@ std::string_view cutKey(std::string_view& line) {
   return key;
 }
 
-/// The columns of a processor's line in /proc/stat; later ones are contained in the first two.
+/// The value of the first line with one of these keys and a non-empty value; "" if there is none.
+std::string_view firstValue(std::string_view text, std::initializer_list<std::string_view> keys) {
+  while (!text.empty()) {
+    std::string_view value = nextLine(text);
+    const std::string_view key = cutKey(value);
+    const bool isMeant = std::find(keys.begin(), keys.end(), key) != keys.end();
+    if (isMeant && !value.empty()) return value;
+  }
+  return "";
+}
+
+/// The columns of a processor's line in /proc/stat; the remaining ones are included in the first
+/// two.
 enum CpuColumn { kUser, kNice, kSystem, kIdle, kIoWait, kIrq, kSoftIrq, kSteal, kColumns };
 
 struct CpuTimes {
@@ -30,7 +41,7 @@ struct CpuTimes {
   std::uint64_t total = 0;
 };
 
-/// Reads the words after "cpuN"; old kernels have fewer columns.
+/// Parses the words after "cpuN"; old kernels have fewer columns.
 bool parseTimes(std::string_view line, CpuTimes& times) {
   std::array<std::uint64_t, kColumns> columns{};
   for (int column = 0; column < kColumns; ++column) {
@@ -72,22 +83,19 @@ int parseUptime(std::string_view uptime, UptimeStats& stats) {
   return parseNumber(seconds.substr(0, seconds.find('.')), stats.sec) ? 0 : EIO;
 }
 
-CpuInfo parseCpuInfo(std::string_view cpuinfo) {
-  // The model goes by one of these names, the most telling first; 64-bit ARM often has none.
-  constexpr std::array<std::string_view, 3> kModelKeys{"model name", "Processor", "Hardware"};
-  std::array<std::string_view, 3> models;
-  std::string_view features;
-  while (!cpuinfo.empty()) {
-    std::string_view value = nextLine(cpuinfo);
-    const std::string_view key = cutKey(value);
-    for (std::size_t i = 0; i < kModelKeys.size(); ++i) {
-      if (key == kModelKeys[i] && models[i].empty()) models[i] = value;
-    }
-    if ((key == "flags" || key == "Features") && features.empty()) features = value;
+CpuInfo parseCpuInfo(std::string_view cpuinfo, std::string_view board) {
+  const std::string_view features = firstValue(cpuinfo, {"flags", "Features"});
+  // In order of preference; 64-bit ARM usually has none of them.
+  for (const std::string_view key : {"model name", "Processor", "Hardware"}) {
+    const std::string_view model = firstValue(cpuinfo, {key});
+    if (!model.empty()) return {std::string(model), std::string(features)};
   }
-  const auto isGiven = [](std::string_view model) { return !model.empty(); };
-  const auto model = std::find_if(models.begin(), models.end(), isGiven);
-  return {std::string(model == models.end() ? std::string_view() : *model), std::string(features)};
+  std::string model(board.substr(0, board.find('\0')));
+  const std::string_view implementer = firstValue(cpuinfo, {"CPU implementer"});
+  if (model.empty() && !implementer.empty()) {
+    model = std::string(implementer) + "/" + std::string(firstValue(cpuinfo, {"CPU part"}));
+  }
+  return {model, std::string(features)};
 }
 
 int CpuMeter::Update(std::string_view procStat, CpuStats& stats) {
@@ -98,14 +106,14 @@ int CpuMeter::Update(std::string_view procStat, CpuStats& stats) {
     if (!name.starts_with("cpu")) break;
     std::uint32_t number = 0;
     if (!parseNumber(name.substr(3), number)) continue;  // "cpu", the sum of all
-    if (stats.count == CpuStats::kMax || number >= kMostProcessors) break;
+    if (number >= CpuStats::kMax) break;
     CpuTimes times;
     if (!parseTimes(line, times)) return EIO;
 
     if (number >= previous_.size()) previous_.resize(number + 1);
     Counters& counters = previous_[number];
-    // The times of a processor that went off and on again start anew, and idle times can step back
-    // a little, see proc(5): no difference may wrap around.
+    // A processor that goes offline and online again restarts its counters, and idle times can
+    // decrease slightly, see proc(5): differences must not wrap around.
     if (times.total > counters.total) {
       const std::uint64_t busy = times.busy - std::min(times.busy, counters.busy);
       const std::uint64_t percent = busy * 100 / (times.total - counters.total);
@@ -113,7 +121,8 @@ int CpuMeter::Update(std::string_view procStat, CpuStats& stats) {
     }
     counters.total = times.total;
     counters.busy = times.busy;
-    stats.percent[stats.count++] = counters.percent;
+    while (stats.count <= number) stats.percent[stats.count++] = 0;  // offline processors
+    stats.percent[number] = counters.percent;
   }
   return stats.count > 0 ? 0 : EIO;
 }

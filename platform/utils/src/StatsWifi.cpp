@@ -11,15 +11,15 @@
 #include "Netlink.h"
 #include "StatsInternal.h"
 #include "kova/utils/Clock.h"
+#include "kova/utils/Parsing.h"
 #include "kova/utils/ProcFile.h"
-#include "kova/utils/Words.h"
 
 namespace kova::utils {
 namespace {
 
 constexpr unsigned kTimeoutMs = 500;
 
-// For an interface without a connection: the level that stands for "no signal at all".
+// The level reported for an interface without a connection.
 constexpr std::int32_t kNoSignalDbm = -100;
 
 bool queryInterfaces(Netlink& netlink, int family, std::vector<WirelessInterface>& interfaces) {
@@ -30,7 +30,7 @@ bool queryInterfaces(Netlink& netlink, int family, std::vector<WirelessInterface
   });
 }
 
-/// Level of the access point that a client interface is connected to.
+/// Signal level of the access point that a client interface is connected to.
 std::int32_t querySignal(Netlink& netlink, int family, const WirelessInterface& interface) {
   std::int32_t dBm = kNoSignalDbm;
   NlMessage request = netlink.Dump(family, NL80211_CMD_GET_STATION);
@@ -53,17 +53,17 @@ bool queryAll(Netlink& netlink, int family, WiFiStats& stats) {
 }
 
 int findFamily(Netlink& netlink) {
-  // Asked for a family that it does not have, the kernel looks for a module each time.
+  // For an unknown family the kernel tries to load a module on every request.
   const bool hasWireless = access("/sys/class/ieee80211", F_OK) == 0;
   return hasWireless ? netlink.Family(NL80211_GENL_NAME) : -1;
 }
 
-/// @return 0, ENOENT when there is no nl80211, or EIO when it does not answer
+/// @return 0, ENOENT without nl80211, or EIO if it does not answer
 int readNl80211(WiFiStats& stats) {
   static Netlink netlink;
   static int family = -1;
   netlink.SetDeadline(nowMs() + kTimeoutMs);
-  // Once more when the number is out of date: the driver may have been unloaded and loaded again.
+  // Retry once: the family id changes when the driver is reloaded.
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (family < 0) family = findFamily(netlink);
     if (family < 0) return ENOENT;
@@ -101,7 +101,7 @@ bool decodeSignal(nlmsghdr* message, std::int32_t& dBm) {
   }
   const nlattr* signal = station[NL80211_STA_INFO_SIGNAL];
   if (signal == nullptr) return false;
-  const std::int32_t octet = nla_get_u8(signal);  // in two's complement
+  const std::int32_t octet = nla_get_u8(signal);  // two's complement
   dBm = octet < 128 ? octet : octet - 256;
   return true;
 }
@@ -111,14 +111,14 @@ void addWiFiInterface(std::string_view name, std::int32_t signalDbm, WiFiStats& 
   WiFiInterfaceStats& interface = stats.interfaces[stats.count++];
   interface = WiFiInterfaceStats{};
   name.copy(interface.name, sizeof interface.name - 1);
-  // 0 to 70, as the kernel's wireless extensions derive it from the level.
+  // 0 to 70, derived from the level as in the kernel's wireless extensions.
   interface.linkQuality = std::clamp(signalDbm, -110, -40) + 110;
   interface.signalDbm = signalDbm;
 }
 
 void parseWireless(std::string_view procNetWireless, WiFiStats& stats) {
   nextLine(procNetWireless);
-  nextLine(procNetWireless);  // two lines of headings
+  nextLine(procNetWireless);  // two header lines
   while (!procNetWireless.empty()) {
     std::string_view line = nextLine(procNetWireless);
     const std::size_t colon = line.find(':');
@@ -128,7 +128,7 @@ void parseWireless(std::string_view procNetWireless, WiFiStats& stats) {
     nextWord(line);  // status
     nextWord(line);  // link quality
     std::string_view level = nextWord(line);
-    if (level.ends_with('.')) level.remove_suffix(1);  // marks a value changed since the last look
+    if (level.ends_with('.')) level.remove_suffix(1);  // marks a value changed since the last read
     std::int32_t dBm = kNoSignalDbm;
     if (parseNumber(level, dBm)) addWiFiInterface(nextWord(padded), dBm, stats);
   }
@@ -140,7 +140,7 @@ int GetWiFiStats(WiFiStats* stats) {
   if (error == 0) return 0;
   ProcFile file("/proc/net/wireless", ProcFile::Form::kRecords);
   std::string_view text;
-  if (file.Read(text) != 0) return error == ENOENT ? 0 : error;  // without Wi-Fi there is neither
+  if (file.Read(text) != 0) return error == ENOENT ? 0 : error;  // without Wi-Fi neither exists
   parseWireless(text, *stats);
   return 0;
 }

@@ -10,12 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <memory>
 #include <string_view>
 
 #include "TimeZoneInternal.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/File.h"
+#include "kova/utils/Handle.h"
 #include "kova/utils/Strings.h"
 
 namespace kova::utils {
@@ -24,12 +24,8 @@ namespace {
 constexpr const char* kLogIdentity = "kova_utils";
 constexpr const char* kLogUnit = "TimeZone";
 
-struct Free {
-  void operator()(char* text) const { free(text); }
-};
-
-/// Whether `zone` is made as zone names are: this alone keeps out NUL, line breaks, absolute paths
-/// and "..".
+/// Whether `zone` is formed like a zone name, which excludes NUL, line breaks, absolute paths and
+/// "..".
 bool isZoneName(const std::string& zone) {
   constexpr std::string_view kAllowed =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_+-/";
@@ -38,12 +34,12 @@ bool isZoneName(const std::string& zone) {
 }
 
 std::string canonical(const std::string& path) {
-  const std::unique_ptr<char, Free> resolved(realpath(path.c_str(), nullptr));
+  const Handle<char, std::free> resolved(realpath(path.c_str(), nullptr));
   return resolved ? resolved.get() : "";
 }
 
-/// Whether `path` is a link that says "whatever the system uses now" instead of naming a zone: the
-/// system's zone cannot be a link to that.
+/// Whether `path` links back to the system's own zone instead of naming one; the system's zone must
+/// not be a link to itself.
 bool followsTheSystem(const std::string& path, const std::string& zoneinfo) {
   std::array<char, PATH_MAX> target;
   const ssize_t length = readlink(path.c_str(), target.data(), target.size());
@@ -51,7 +47,7 @@ bool followsTheSystem(const std::string& path, const std::string& zoneinfo) {
   return !startsWith(std::string(target.data(), static_cast<std::size_t>(length)), zoneinfo + "/");
 }
 
-/// The POSIX rule of an installed zone; "" when there is no such zone.
+/// The POSIX rule of an installed zone; "" if there is no such zone.
 std::string ruleOf(const std::string& zone, const std::string& zoneinfo) {
   const std::string path = zoneinfo + "/" + zone;
   const std::string file = canonical(path);
@@ -65,7 +61,8 @@ std::string ruleOf(const std::string& zone, const std::string& zoneinfo) {
   return posixRule(content);
 }
 
-/// A symbolic link put in the place of another at once, and taken back unless it is kept.
+/// Atomically replaces a symbolic link, and restores the old one on destruction unless told to keep
+/// the new.
 class LinkReplacement {
  public:
   explicit LinkReplacement(const std::string& path)
@@ -143,7 +140,7 @@ bool writeTimeZone(const std::string& zone, const ZoneFolders& folders) {
 
 bool setTimeZone(const std::string& zone) {
   if (!writeTimeZone(zone, ZoneFolders{})) return false;
-  unsetenv("TZ");  // it would outrank /etc/localtime
+  unsetenv("TZ");  // it would override /etc/localtime
   tzset();
   return true;
 }

@@ -55,7 +55,7 @@ std::optional<Format> parseFormat(const ReadAt& readAt, std::uint64_t offset, st
   return format;
 }
 
-// The end of the RIFF chunk, which is all that is looked at.
+// The end of the RIFF chunk; anything beyond is ignored.
 std::optional<std::uint64_t> parseRiff(const ReadAt& readAt, std::uint64_t size) {
   std::array<unsigned char, kRiffHeader> header;
   if (size < kRiffHeader || !readAt(0, header.data(), header.size()) ||

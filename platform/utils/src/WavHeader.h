@@ -16,9 +16,9 @@ struct WavHeader {
 using ReadAt =
     std::function<bool(std::uint64_t offset, unsigned char* buffer, std::uint64_t length)>;
 
-/// What readWavHeader does, on anything that can be read at any offset. It reads at most 1024 chunk
-/// headers and one "fmt " chunk, whatever stands in them.
-/// @param size bytes that `readAt` can give
+/// readWavHeader() for any source that can be read at any offset. Reads at most 1024 chunk headers
+/// and one "fmt " chunk, whatever their content.
+/// @param size size of the source in bytes
 std::optional<WavHeader> parseWavHeader(const ReadAt& readAt, std::uint64_t size);
 
 }  // namespace kova::utils::internal

@@ -1,7 +1,9 @@
 #include "kova/utils/Crash.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -22,10 +24,11 @@ namespace {
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
+using testing::Not;
 using tests::readText;
 using tests::TemporaryFolder;
 
-/// A system log of the test's own.
+/// A system log of the test.
 class LogSocket {
  public:
   explicit LogSocket(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
@@ -38,7 +41,7 @@ class LogSocket {
   LogSocket(const LogSocket&) = delete;
   LogSocket& operator=(const LogSocket&) = delete;
 
-  /// Takes what was sent so far, a line each.
+  /// Returns the lines received so far.
   void Receive() {
     char line[4096];
     ssize_t got = 0;
@@ -56,7 +59,7 @@ class LogSocket {
 
 class CrashTest : public testing::Test {
  protected:
-  /// Runs `crash` in a process with the handler installed; the status of waitpid(2).
+  /// Runs `crash` in a process with the handler installed; returns the status of waitpid(2).
   int Crash(const std::function<void()>& crash) {
     child_ = fork();
     if (child_ == 0) {
@@ -116,6 +119,18 @@ TEST_F(CrashTest, NamesTheFaultAddress) {
   EXPECT_THAT(Report(), HasSubstr("fault address 0x1230\n"));
 }
 
+TEST_F(CrashTest, NamesTheAddressOfABusError) {
+  const std::string file = folder_ / "mapped";
+  tests::writeText(file, "x");
+  expectKilledBy(SIGBUS, Crash([&] {
+                   const int fd = open(file.c_str(), O_RDWR);
+                   auto* const page =
+                       static_cast<volatile char*>(mmap(nullptr, 1, PROT_READ, MAP_SHARED, fd, 0));
+                   if (ftruncate(fd, 0) == 0) _exit(page[0]);
+                 }));
+  EXPECT_THAT(Report(), ContainsRegex("fault address 0x[0-9a-f]+000\n"));
+}
+
 int recurse(volatile char* above, const volatile bool& goOn) {
   volatile char frame[4096];
   frame[0] = *above;
@@ -137,6 +152,7 @@ TEST_P(EachSignal, IsReportedAndThenTakesItsDefaultAction) {
   const int number = GetParam();
   expectKilledBy(number, Crash([number] { raise(number); }));
   EXPECT_THAT(Report(), HasSubstr("Crashed by signal " + std::to_string(number) + " ("));
+  EXPECT_THAT(Report(), Not(HasSubstr("fault address"))) << "it was sent";
 }
 
 INSTANTIATE_TEST_SUITE_P(CrashTest, EachSignal,

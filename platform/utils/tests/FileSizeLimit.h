@@ -6,7 +6,7 @@
 
 namespace kova::tests {
 
-/// Files may not grow beyond the limit while this lives; a write is then cut short, the next fails.
+/// Limits the size of files during its lifetime; a write is then cut short and the next fails.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {

@@ -7,34 +7,21 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <functional>
 
+#include "Processes.h"
 #include "Script.h"
-#include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
 
 namespace kova::utils {
 namespace {
 
+using tests::eventually;
+using tests::isRunning;
 using tests::readText;
 using tests::TemporaryFolder;
 using tests::writeScript;
 
-bool eventually(const std::function<bool()>& condition) {
-  const std::uint64_t deadline = nowMs() + 10000;
-  while (!condition()) {
-    if (nowMs() > deadline) return false;
-    sleepMs(2);
-  }
-  return true;
-}
-
-bool isRunning(pid_t pid) {
-  const std::string words = readText("/proc/" + std::to_string(pid) + "/cmdline");
-  return !words.empty() && words != "(none)";
-}
-
-/// A started program, ended with the test at the latest.
+/// A started program, killed at the end of the test at the latest.
 class Daemon {
  public:
   explicit Daemon(pid_t pid) : pid_(pid) {}
@@ -73,7 +60,7 @@ TEST(RunDaemon, LeavesNoZombieAndNoChild) {
   errno = 0;
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
   EXPECT_EQ(ECHILD, errno);
-  // Whether it is gone then is the affair of process 1, which need not be an init in a container.
+  // Process 1 need not reap it: in a container it may not be an init.
   EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
 }
 
@@ -127,7 +114,7 @@ TEST(RunDaemon, ReportsAProgramThatCannotBeStarted) {
 
 class KillByNameTest : public testing::Test {
  protected:
-  /// A copy of a real program under a name of this test's own.
+  /// A copy of a real program under a unique name.
   std::string Program(const std::string& name) const {
     std::string path = folder_ / name;
     std::filesystem::copy_file("/bin/sleep", path);
@@ -199,7 +186,7 @@ TEST_F(KillByNameTest, SparesTheCaller) {
   ASSERT_LE(name.size(), std::strlen(program_invocation_name));
   const pid_t child = fork();
   if (child == 0) {
-    // The first word of the command line stands in the process's own memory, see proc(5).
+    // argv[0] is in the memory of the process, see proc(5).
     std::memcpy(program_invocation_name, name.c_str(), name.size() + 1);
     if (!readText("/proc/self/cmdline").starts_with(name + '\0')) _exit(100);
     _exit(kill_process_by_name(name, SIGKILL));

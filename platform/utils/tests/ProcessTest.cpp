@@ -81,6 +81,28 @@ TEST_F(SysExecTest, AChildThatDoesNotReadItsInputHarmsNobody) {
   EXPECT_EQ(0, sigismember(&pending, SIGPIPE));
 }
 
+TEST_F(SysExecTest, EarlierSigPipeStaysPending) {
+  sigset_t sigpipe;
+  sigset_t previous;
+  sigemptyset(&sigpipe);
+  sigaddset(&sigpipe, SIGPIPE);
+  ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &sigpipe, &previous));
+  raise(SIGPIPE);
+  EXPECT_EQ(0, RunScript("exec <&-", std::string(std::size_t{1024} * 1024, 'x')));
+  const timespec atOnce{};
+  EXPECT_EQ(SIGPIPE, sigtimedwait(&sigpipe, nullptr, &atOnce));
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+TEST_F(SysExecTest, AnInputThatNobodyReadsIsClosed) {
+  const std::string untilClosedHere =
+      "pipe=$(readlink /proc/$$/fd/0); exec <&-; left=200\n"
+      "while ls -l /proc/$PPID/fd | grep -qF \"$pipe\"; do\n"
+      "  left=$((left - 1)); [ $left -gt 0 ] || exit 9; sleep 0.02\n"
+      "done";
+  EXPECT_EQ(0, RunScript(untilClosedHere, std::string(std::size_t{1024} * 1024, 'x')));
+}
+
 TEST_F(SysExecTest, KeepsNoMoreThanWasAskedForAndLetsTheChildPrintAll) {
   captureKiB_ = 128;
   EXPECT_EQ(0, RunScript("head -c 10485760 /dev/zero; echo all printed >&2"));
@@ -173,7 +195,7 @@ TEST_F(SysExecTest, TheChildInheritsOnlyItsThreeStreams) {
   ASSERT_GE(leaked, 100);
   EXPECT_EQ(0, Run("/bin/ls", {"/proc/self/fd"}));
   close(leaked);
-  EXPECT_EQ("0\n1\n2\n3\n", out_);  // the last is the folder it lists
+  EXPECT_EQ("0\n1\n2\n3\n", out_);  // the last is the listed folder
 }
 
 TEST_F(SysExecTest, TheChildHasDefaultSignalHandling) {
@@ -186,7 +208,7 @@ TEST_F(SysExecTest, TheChildHasDefaultSignalHandling) {
   EXPECT_EQ(0, Run("/bin/grep", {"-E", "^Sig(Blk|Ign):", "/proc/self/status"}));
   signal(SIGUSR2, ignored);
   sigprocmask(SIG_SETMASK, &previous, nullptr);
-  // Signals 32 and 33 are the C library's own.
+  // The C library reserves signals 32 and 33.
   EXPECT_THAT(out_, testing::MatchesRegex("SigBlk:\t0000000000000000\n"
                                           "SigIgn:\t0000000[01]80000000\n|"
                                           "SigBlk:\t0000000000000000\n"
@@ -211,7 +233,7 @@ TEST_F(SysExecTest, InterruptionsDoNotDisturbIt) {
   EXPECT_EQ(0, plain);
 }
 
-/// Runs `body` in a process without standard streams; its exit status.
+/// Runs `body` in a process without standard streams and returns its exit status.
 template <typename Body>
 int withoutStandardStreams(Body body) {
   const pid_t child = fork();

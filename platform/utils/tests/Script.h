@@ -8,7 +8,7 @@
 
 namespace kova::tests {
 
-/// Writes a shell script that can be run, and returns its path.
+/// Writes an executable shell script and returns its path.
 inline std::string writeScript(const TemporaryFolder& folder, const std::string& name,
                                const std::string& body) {
   std::string path = folder / name;

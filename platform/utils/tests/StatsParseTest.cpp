@@ -46,7 +46,8 @@ TEST(ParseUptime, CutsTheFraction) {
 TEST(ParseCpuInfo, ReadsThePersonalComputersKeys) {
   const CpuInfo info = parseCpuInfo(
       "processor\t: 0\nvendor_id\t: X\nmodel name\t: Quick 3000\nflags\t\t: fpu sse\n\n"
-      "processor\t: 1\nmodel name\t: Other\nflags\t\t: none\n");
+      "processor\t: 1\nmodel name\t: Other\nflags\t\t: none\n",
+      "");
   EXPECT_EQ("Quick 3000", info.processor);
   EXPECT_EQ("fpu sse", info.features);
 }
@@ -54,17 +55,41 @@ TEST(ParseCpuInfo, ReadsThePersonalComputersKeys) {
 TEST(ParseCpuInfo, ReadsTheArmKeys) {
   const CpuInfo old = parseCpuInfo(
       "Processor\t: ARMv7 rev 5 (v7l)\nprocessor\t: 0\nFeatures\t: neon vfpv4\n\n"
-      "Hardware\t: Board\n");
+      "Hardware\t: Board\n",
+      "");
   EXPECT_EQ("ARMv7 rev 5 (v7l)", old.processor);
   EXPECT_EQ("neon vfpv4", old.features);
-  EXPECT_EQ("Board", parseCpuInfo("processor\t: 0\nHardware\t: Board\n").processor);
+  EXPECT_EQ("Board", parseCpuInfo("processor\t: 0\nHardware\t: Board\n", "").processor);
 }
 
 TEST(ParseCpuInfo, LeavesAMissingModelEmpty) {
-  const CpuInfo info = parseCpuInfo("processor\t: 0\nFeatures\t: fp asimd\nCPU part\t: 0xd03\n");
+  const CpuInfo info =
+      parseCpuInfo("processor\t: 0\nFeatures\t: fp asimd\nCPU part\t: 0xd03\n", "");
   EXPECT_EQ("", info.processor);
   EXPECT_EQ("fp asimd", info.features);
-  EXPECT_EQ("", parseCpuInfo("").features);
+  EXPECT_EQ("", parseCpuInfo("", "").features);
+}
+
+// The content on a board with four Cortex-A53.
+constexpr char kArm64[] =
+    "processor\t: 0\nBogoMIPS\t: 38.40\nFeatures\t: fp asimd evtstrm crc32 cpuid\n"
+    "CPU implementer\t: 0x41\nCPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd03\n"
+    "CPU revision\t: 4\n\n"
+    "processor\t: 1\nBogoMIPS\t: 38.40\nFeatures\t: fp asimd evtstrm crc32 cpuid\n"
+    "CPU implementer\t: 0x41\nCPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd03\n"
+    "CPU revision\t: 4\n\n";
+
+TEST(ParseCpuInfo, NamesTheBoardWhereTheProcessorHasNoName) {
+  using namespace std::string_literals;
+  const CpuInfo info = parseCpuInfo(kArm64, "Camera Board Rev 1.2\0"s);
+  EXPECT_EQ("Camera Board Rev 1.2", info.processor);
+  EXPECT_EQ("fp asimd evtstrm crc32 cpuid", info.features);
+  EXPECT_EQ("Quick 3000", parseCpuInfo("model name\t: Quick 3000\n", "Board\0"s).processor);
+}
+
+TEST(ParseCpuInfo, NamesImplementerAndPartWithoutABoard) {
+  EXPECT_EQ("0x41/0xd03", parseCpuInfo(kArm64, "").processor);
+  EXPECT_EQ("0x41/0xd03", parseCpuInfo(kArm64, std::string(1, '\0')).processor);
 }
 
 class CpuMeterTest : public testing::Test {
@@ -102,8 +127,14 @@ TEST_F(CpuMeterTest, SurvivesCountersThatGoBack) {
 
 TEST_F(CpuMeterTest, FollowsAProcessorThroughTheAbsenceOfAnother) {
   Update("cpu0 0 0 0 100 0 0 0 0\ncpu1 0 0 0 100 0 0 0 0\ncpu2 100 0 0 0 0 0 0 0\n");
-  EXPECT_EQ((std::vector<std::uint32_t>{0, 50}),
+  EXPECT_EQ((std::vector<std::uint32_t>{0, 0, 50}),
             Update("cpu0 0 0 0 200 0 0 0 0\ncpu2 150 0 0 50 0 0 0 0\n"));
+}
+
+TEST_F(CpuMeterTest, KeepsEachFigureAtItsNumber) {
+  EXPECT_EQ((std::vector<std::uint32_t>{0, 25, 0, 75}),
+            Update("cpu1 25 0 0 75 0 0 0 0\ncpu3 75 0 0 25 0 0 0 0\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{}), Update("cpu255 1 0 0 1 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, AcceptsTheFourColumnsOfOldKernels) {

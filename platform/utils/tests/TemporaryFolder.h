@@ -11,7 +11,7 @@
 
 namespace kova::tests {
 
-/// An empty folder of the test's own, removed with all in it at the end.
+/// An empty folder, removed with its content at the end of the test.
 class TemporaryFolder {
  public:
   TemporaryFolder() : path_(testing::TempDir() + "/kova-test-XXXXXX") {
@@ -26,7 +26,7 @@ class TemporaryFolder {
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
   const std::string& path() const { return path_; }
 
-  /// How many names stand in the folder.
+  /// Number of entries in the folder.
   long entries() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
 
  private:
@@ -40,7 +40,7 @@ inline void writeText(const std::string& path, const std::string& text) {
   }
 }
 
-/// The file's content, or "(none)" when it cannot be opened.
+/// The file's content, or "(none)" if it cannot be opened.
 inline std::string readText(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {

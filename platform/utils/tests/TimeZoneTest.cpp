@@ -23,6 +23,8 @@ std::string zoneFile(const std::string& rule) {
 TEST(PosixRule, IsTheLastLine) {
   EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3", posixRule(zoneFile("CET-1CEST,M3.5.0,M10.5.0/3")));
   EXPECT_EQ("<+03>-3", posixRule(zoneFile("<+03>-3")));
+  EXPECT_EQ("!~", posixRule(zoneFile("!~"))) << "every graphic character";
+  EXPECT_EQ("", posixRule(zoneFile("GMT0\x7f")));
 }
 
 TEST(PosixRule, IsEmptyForWhatIsNoZoneOrHasNoRule) {
@@ -64,7 +66,7 @@ class WriteTimeZoneTest : public testing::Test {
     return names;
   }
 
-  /// That Europe/Paris, set before, is still in force and nothing lies around.
+  /// Expects that Europe/Paris, set before, is still in force and no files are left over.
   void ExpectParis() const {
     EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", Localtime());
     EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", Tz());

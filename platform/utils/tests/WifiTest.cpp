@@ -6,8 +6,11 @@
 #include <netlink/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "Netlink.h"
 #include "StatsInternal.h"
@@ -142,23 +145,71 @@ TEST_F(NetlinkTest, ARefusalDoesNotSpoilTheNextQuestion) {
   EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
 }
 
-TEST_F(NetlinkTest, GivesUpAtTheDeadlineWhenNoAnswerComes) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root may address a peer other than the kernel";
-  const NlSocket mute(nl_socket_alloc());
-  ASSERT_EQ(0, genl_connect(mute.get()));
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_pid = nl_socket_get_local_port(mute.get());
-  const NlMessage request = answer(0);
-  nlmsg_set_dst(request.get(), &address);
+/// Answers in place of the kernel; requires root.
+class NetlinkPeerTest : public NetlinkTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "only root may address a peer other than the kernel";
+    NetlinkTest::SetUp();
+    ASSERT_EQ(0, genl_connect(peer_.get()));
+    nl_socket_disable_auto_ack(peer_.get());
+    address_.nl_family = AF_NETLINK;
+    address_.nl_pid = nl_socket_get_local_port(peer_.get());
+    nlmsg_set_dst(request_.get(), &address_);
+  }
 
+  /// Answers the request without end, for 5 s at most.
+  void AnswerOn() {
+    sockaddr_nl sender{};
+    unsigned char* bytes = nullptr;
+    ASSERT_GT(nl_recv(peer_.get(), &sender, &bytes, nullptr), 0);
+    const std::uint32_t sequence = reinterpret_cast<const nlmsghdr*>(bytes)->nlmsg_seq;
+    free(bytes);
+    const std::uint64_t end = nowMs() + 5000;
+    while (!isOver_ && nowMs() < end) {
+      NlMessage part = answer(0);
+      nlmsghdr* const header = nlmsg_hdr(part.get());
+      header->nlmsg_flags = NLM_F_MULTI;
+      header->nlmsg_seq = sequence;
+      header->nlmsg_pid = sender.nl_pid;
+      sendto(nl_socket_get_fd(peer_.get()), header, header->nlmsg_len, MSG_DONTWAIT,
+             reinterpret_cast<const sockaddr*>(&sender), sizeof sender);
+      sleepMs(5);
+    }
+  }
+
+  void ExpectNextQuestionAnswered() {
+    netlink_.SetDeadline(nowMs() + 5000);
+    EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
+  }
+
+  const NlSocket peer_{nl_socket_alloc()};
+  const NlMessage request_ = answer(0);
+  sockaddr_nl address_{};
+  std::atomic<bool> isOver_ = false;
+};
+
+TEST_F(NetlinkPeerTest, GivesUpAtTheDeadlineWhenNoAnswerComes) {
   const std::uint64_t before = nowMs();
   netlink_.SetDeadline(before + 50);
-  EXPECT_FALSE(netlink_.Ask(request.get(), [](nlmsghdr*) {}));
+  EXPECT_FALSE(netlink_.Ask(request_.get(), [](nlmsghdr*) {}));
   EXPECT_GE(nowMs() - before, 50U);
   EXPECT_LT(nowMs() - before, 5000U);
-  netlink_.SetDeadline(nowMs() + 5000);
-  EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
+  ExpectNextQuestionAnswered();
+}
+
+TEST_F(NetlinkPeerTest, GivesUpAtTheDeadlineWhenAnswersNeverEnd) {
+  std::thread peer([this] { AnswerOn(); });
+  int answers = 0;
+  const std::uint64_t before = nowMs();
+  netlink_.SetDeadline(before + 200);
+  EXPECT_FALSE(netlink_.Ask(request_.get(), [&answers](nlmsghdr*) { ++answers; }));
+  EXPECT_GE(nowMs() - before, 200U);
+  EXPECT_LT(nowMs() - before, 3000U);
+  EXPECT_GT(answers, 0);
+  isOver_ = true;
+  peer.join();
+  ExpectNextQuestionAnswered();
 }
 
 }  // namespace

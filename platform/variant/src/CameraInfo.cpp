@@ -28,14 +28,15 @@ std::uint32_t CameraInfo::sysid(const logger::Origin& reader) const {
   return Required("sysid", isInteger, reader).ToNumber<std::uint32_t>();
 }
 
-std::int8_t CameraInfo::featureWifi(const logger::Origin& reader) const {
+std::int8_t CameraInfo::featureWifi(const logger::Origin& reader) const {  // kept: 98
   return Required("feature_wifi", isNumber, reader).ToNumber<std::int8_t>();
 }
 
-std::int8_t CameraInfo::featureBattery(const logger::Origin& reader) const {
+std::int8_t CameraInfo::featureBattery(const logger::Origin& reader) const {  // kept: 98
   return Required("feature_battery", isNumber, reader).ToNumber<std::int8_t>();
 }
 
+// kept: 7
 const Variant& CameraInfo::Required(std::string_view key, Accepts accepts,
                                     const logger::Origin& reader) const {
   const int length = static_cast<int>(key.size());

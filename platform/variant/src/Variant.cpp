@@ -23,7 +23,8 @@ To convert(From value) {
     if (std::isnan(value)) {
       return 0;
     }
-    // max() itself may not be a double; the first double above the range always is a power of two.
+    // max() itself may not be representable as a double, but the first value above the range, a
+    // power of two, is.
     const From limit = std::ldexp(From{1}, std::numeric_limits<To>::digits);
     if (value >= limit) {
       return std::numeric_limits<To>::max();

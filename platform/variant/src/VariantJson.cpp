@@ -60,11 +60,25 @@ Json toJson(const Variant& value) {
   return nullptr;
 }
 
-// Receives the parser's events and builds the value; refuses to go deeper than Variant::kMaxDepth.
+// What the parser's message says behind its identifier and place, without the token it quotes,
+// which may be as long as the text.
+std::string reasonOf(std::string_view message, const std::string& token) {
+  for (const std::string_view lead : {"] ", "column ", ": ", " - "}) {
+    const std::size_t at = message.find(lead);
+    message.remove_prefix(at == message.npos ? 0 : at + lead.size());
+  }
+  std::string reason(message);
+  const std::string quote = "; last read: '" + token + "'";
+  const std::size_t at = reason.find(quote);
+  return at == reason.npos ? reason : reason.erase(at, quote.size());
+}
+
+// Builds the value from the parser's events; fails beyond a nesting of Variant::kMaxDepth.
 class Builder : public nlohmann::json_sax<Json> {
  public:
   Variant root;
   bool tooDeep = false;
+  std::string error;
 
   bool null() override { return Put(Variant()); }
   bool boolean(bool value) override { return Put(value); }
@@ -92,7 +106,9 @@ class Builder : public nlohmann::json_sax<Json> {
   }
   bool end_object() override { return Close(); }
   bool end_array() override { return Close(); }
-  bool parse_error(std::size_t, const std::string&, const Json::exception&) override {
+  bool parse_error(std::size_t position, const std::string& token,
+                   const Json::exception& exception) override {
+    error = "position " + std::to_string(position) + ": " + reasonOf(exception.what(), token);
     return false;
   }
 
@@ -136,15 +152,24 @@ std::string Variant::ToJSON(int indent) const {
 }
 
 int Variant::FromJSON(std::string_view text, Variant& result) {
+  std::string ignored;
+  return FromJSON(text, result, ignored);
+}
+
+int Variant::FromJSON(std::string_view text, Variant& result, std::string& error) {
   if (text.size() > kMaxJsonSize) {
+    error = "longer than " + std::to_string(kMaxJsonSize) + " bytes";
     return -3;
   }
-  // The parser would skip a byte order mark and take a NUL for the end; RFC 8259 allows neither.
+  // The parser would skip a byte order mark and stop at a NUL; RFC 8259 allows neither.
   if (text.starts_with("\xEF\xBB\xBF") || text.find('\0') != std::string_view::npos) {
+    error = "a byte order mark or NUL byte is not allowed";
     return -1;
   }
   Builder builder;
   if (!Json::sax_parse(text.begin(), text.end(), &builder)) {
+    error = builder.tooDeep ? "nested deeper than " + std::to_string(kMaxDepth) + " levels"
+                            : builder.error;
     return builder.tooDeep ? -2 : -1;
   }
   result = std::move(builder.root);

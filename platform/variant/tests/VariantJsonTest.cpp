@@ -97,6 +97,27 @@ TEST(VariantJson, SizeIsBounded) {
             -3);
 }
 
+std::string errorOf(std::string_view text) {
+  Variant value;
+  std::string error;
+  EXPECT_LT(Variant::FromJSON(text, value, error), 0) << text;
+  return error;
+}
+
+TEST(VariantJson, ErrorNamesPositionAndReason) {
+  EXPECT_EQ(errorOf("{\"a - b\" 1}"), "position 10: unexpected number literal; expected ':'");
+  EXPECT_EQ(errorOf("{a:1}"), "position 2: invalid literal; expected string literal");
+  EXPECT_EQ(errorOf("[1 2]"), "position 4: unexpected number literal; expected ']'");
+  EXPECT_EQ(errorOf("\"a\nb\""),
+            "position 3: invalid string: control character U+000A (LF) must be escaped to \\u000A "
+            "or \\n");
+  EXPECT_EQ(errorOf("1e999"), "position 5: number overflow parsing '1e999'");
+  EXPECT_EQ(errorOf(std::string(33, '[')), "nested deeper than 32 levels");
+  EXPECT_EQ(errorOf(std::string_view("1\0", 2)), "a byte order mark or NUL byte is not allowed");
+  EXPECT_EQ(errorOf(std::string(Variant::kMaxJsonSize + 1, ' ')), "longer than 1048576 bytes");
+  EXPECT_LT(errorOf("\"" + std::string(100'000, 'a')).size(), 100U) << "quotes the token";
+}
+
 TEST(VariantJson, WritesWhatItParsed) {
   const std::string text = R"({"array":[1,-2,1.5],"empty":null,"flag":true,"text":"ä\n"})";
   EXPECT_EQ(parsed(text).ToJSON(), text);
@@ -108,6 +129,12 @@ TEST(VariantJson, WritesWhatJsonCannotHoldAsTheNearestThing) {
   EXPECT_EQ(Variant(std::string("a\xff")).ToJSON(), "\"a\xef\xbf\xbd\"");
   EXPECT_EQ(Variant(std::string("a\0b", 3)).ToJSON(), "\"a\\u0000b\"");
   EXPECT_EQ(Variant(timeval{0, 5}).ToJSON(), "\"1970-01-01T00:00:00.000005Z\"");
+}
+
+TEST(VariantJson, WritesTimesBeyondTheCalendarAsSeconds) {
+  EXPECT_EQ(Variant(timeval{253402300799, 999'999}).ToJSON(), "\"9999-12-31T23:59:59.999999Z\"");
+  EXPECT_EQ(Variant(timeval{std::numeric_limits<std::int64_t>::max(), 0}).ToJSON(),
+            "\"9223372036854775807\"");
 }
 
 TEST(VariantJson, IndentsForPeople) {

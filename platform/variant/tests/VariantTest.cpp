@@ -16,7 +16,7 @@ struct Sample {
   const char* name;
   Variant value;
   VariantType type;
-  // The one class that the value belongs to; null for none.
+  // The only class of the value; null for none.
   const VariantClass* mask;
 };
 

@@ -23,7 +23,7 @@ constexpr char kStore[] = "/etc/system.cfg";
 constexpr char kOld[] = "name=old\nzone=GMT\n";
 constexpr char kNew[] = "name=new\nzone=GMT\n";
 
-// A small disk of its own under /etc.
+// Mounts a small file system at /etc.
 class SmallEtc : public testing::Test {
  protected:
   void SetUp() override {
@@ -72,8 +72,8 @@ TEST_F(SmallEtc, AReadOnlyDiskLeavesTheStoreAsItWas) {
   EXPECT_EQ(entries(), 1);
 }
 
-// Runs change() in a child that is killed at the given stop before or after a system call.
-// @return whether it got as far as that
+// Runs change() in a child that is killed at the given stop, before or after a system call.
+// @return whether it reached that stop
 bool changeKilledAt(int stop, bool (*change)()) {
   const pid_t child = fork();
   if (child == 0) {

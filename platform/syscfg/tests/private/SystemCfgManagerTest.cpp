@@ -25,7 +25,7 @@ class SystemCfgManagerTest : public testing::Test {
     writeText(kStore, kContent);
   }
 
-  // The value as a fresh manager reads it; "(absent)" without the key.
+  // The value read by a new manager; "(absent)" if the key is missing.
   static std::string stored(const std::string& key) {
     SystemCfgManager manager;
     std::string value;

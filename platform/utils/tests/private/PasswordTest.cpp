@@ -233,7 +233,7 @@ TEST_F(PasswordTest, UnlockingNeverLeavesAnAccountWithoutAPassword) {
   EXPECT_EQ(readText(kPasswd), before);
 }
 
-// Processor time, which other processes do not stretch.
+// Processor time, which is independent of other processes.
 double checkingTime(const std::string& user) {
   const std::clock_t start = std::clock();
   EXPECT_FALSE(matches(user, "a wrong password")) << user;
@@ -246,7 +246,7 @@ double median(std::vector<double> values) {
   return *middle;
 }
 
-// Wide bounds: without equal work the ratio is beyond 10.
+// Wide bounds: with unequal work the ratio exceeds 10.
 TEST_F(PasswordTest, AWrongPasswordCostsTheSameForEveryAccount) {
   writeText(kPasswd, accountLine("admin", hash_) + accountLine("locked", "!" + hash_) +
                          accountLine("empty", "") + accountLine("starred", "*") +

@@ -1,6 +1,7 @@
 #include "kova/utils/Service.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <filesystem>
 
 #include "../TemporaryFolder.h"
+#include "SyslogRecorder.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
 
@@ -18,7 +20,7 @@ using tests::readText;
 using tests::writeText;
 namespace fs = std::filesystem;
 
-/// Services below /etc/sv of this private root, and the supervisor that looks after /etc/service.
+/// Services in /etc/sv of this private root, and the supervisor of /etc/service.
 class ServiceTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -28,7 +30,7 @@ class ServiceTest : public testing::Test {
 
   void TearDown() override {
     if (supervisor_ > 0) {
-      kill(supervisor_, SIGHUP);  // ends the services too, see runsvdir(8)
+      kill(supervisor_, SIGHUP);  // stops the services too, see runsvdir(8)
       waitpid(supervisor_, nullptr, 0);
       const std::uint64_t deadline = nowMs() + 10000;
       while (kill_process_by_name("runsv", 0) > 0 && nowMs() < deadline) sleepMs(5);
@@ -99,6 +101,23 @@ TEST_F(ServiceTest, EnableStartsAServiceThatWasToStayDown) {
   EXPECT_EQ("run\n", State("lights"));
 }
 
+TEST_F(ServiceTest, LogsFirstFourKibibytesOfFailedSv) {
+  Install("lights");
+  StartSupervisor();
+  ASSERT_TRUE(EnableService("lights"));
+  writeText("/etc/sv/sv", "#!/bin/sh\nhead -c 6000 /dev/zero | tr '\\0' x\nexit 1\n");
+  fs::permissions("/etc/sv/sv", fs::perms::owner_all);
+  ASSERT_EQ(0, mount("/etc/sv/sv", "/usr/bin/sv", nullptr, MS_BIND, nullptr));
+  tests::records.clear();
+  const bool disabled = DisableService("lights");
+  ASSERT_EQ(0, umount2("/usr/bin/sv", MNT_DETACH));
+  EXPECT_FALSE(disabled);
+  ASSERT_FALSE(tests::records.empty());
+  const std::string& text = tests::records.front().text;
+  EXPECT_EQ(std::string(4096, 'x'), text.substr(text.find(": ", text.find("failed")) + 2));
+  EXPECT_TRUE(DisableService("lights"));
+}
+
 TEST_F(ServiceTest, UnknownAndMalformedNamesFailAtOnceAndLeaveNoMark) {
   Install("lights");
   Install(".hidden");
@@ -113,6 +132,51 @@ TEST_F(ServiceTest, UnknownAndMalformedNamesFailAtOnceAndLeaveNoMark) {
   }
   EXPECT_LT(nowMs() - before, 2000U);
   EXPECT_TRUE(fs::is_empty("/etc/service"));
+}
+
+TEST_F(ServiceTest, WhatManagesTheCameraCannotBeDisabled) {
+  StartSupervisor();
+  for (const char* name : {"kova_bus", "kova_ctlserver", "syslogd"}) {
+    Install(name);
+    ASSERT_TRUE(EnableService(name)) << name;
+    EXPECT_FALSE(DisableService(name)) << name;
+    EXPECT_TRUE(IsMarked(name)) << name;
+    EXPECT_EQ("run\n", State(name)) << name;
+  }
+}
+
+TEST_F(ServiceTest, WhatManagesTheCameraCannotBeDisabledByOtherNames) {
+  Install("syslogd");
+  StartSupervisor();
+  ASSERT_TRUE(EnableService("syslogd"));
+  fs::create_symlink("syslogd", "/etc/sv/definition");
+  Install("mark");
+  fs::create_symlink("/etc/sv/syslogd", "/etc/service/mark");
+  for (const char* name : {"definition", "mark"}) {
+    EXPECT_FALSE(DisableService(name)) << name;
+  }
+  EXPECT_TRUE(IsMarked("syslogd"));
+  EXPECT_EQ("run\n", State("syslogd"));
+}
+
+TEST_F(ServiceTest, WhatManagesTheCameraCanBeEnabledAgain) {
+  Install("syslogd");
+  writeText("/etc/sv/syslogd/down", "");
+  fs::create_symlink("/etc/sv/syslogd", "/etc/service/syslogd");
+  StartSupervisor();
+  EXPECT_TRUE(EnableService("syslogd"));
+  EXPECT_EQ("run\n", State("syslogd"));
+}
+
+TEST_F(ServiceTest, UnknownNamesAreLogged) {
+  kova::tests::records.clear();
+  EXPECT_FALSE(EnableService("unknown"));
+  EXPECT_FALSE(DisableService("../lights"));
+  ASSERT_EQ(kova::tests::records.size(), 2U);
+  EXPECT_NE(kova::tests::records[0].text.find("There is no service \"unknown\" in /etc/sv"),
+            std::string::npos);
+  EXPECT_NE(kova::tests::records[1].text.find("There is no service \"../lights\" in /etc/sv"),
+            std::string::npos);
 }
 
 TEST_F(ServiceTest, AServiceThatDoesNotStartIsAFailureWithinTheBudget) {

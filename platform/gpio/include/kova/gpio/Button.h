@@ -11,7 +11,7 @@ class CameraInfo;
 
 namespace kova::gpio {
 
-/// Told what a button does, on the thread that services the button. Times are in milliseconds since
+/// Receives the events of a button, on the thread that services it. Times are in milliseconds since
 /// the press.
 class IButtonEventsObserver {
  public:
@@ -21,58 +21,70 @@ class IButtonEventsObserver {
   virtual ~IButtonEventsObserver() = default;
 };
 
-/// A push button on a GPIO line, read from the value file that the kernel offers for it: "0" or
-/// "1", a line break after it (Documentation/admin-guide/gpio/sysfs.rst).
+/// A push button on a GPIO line, read from its value file in sysfs: "0" or "1" and a line break
+/// (Documentation/admin-guide/gpio/sysfs.rst).
 class BaseButton {
  public:
   virtual ~BaseButton();
   BaseButton(const BaseButton&) = delete;
   BaseButton& operator=(const BaseButton&) = delete;
 
-  /// @param info       where the board says which line the button is on; must outlive the button
-  /// @param observer   told of the button's events; must outlive the button
-  /// @param intervalMs least time between two buttonDepressed() calls
-  /// @return false, and logged, when the board names a line that cannot be read; a board without
-  ///         the button succeeds
+  /// @param info       describes which line the button is on; must outlive the button
+  /// @param observer   receives the button's events; must outlive the button
+  /// @param intervalMs minimum time between two buttonDepressed() calls
+  /// @return always true: a line that cannot be read is logged and retried by service(), so that a
+  /// broken button does not keep the program from starting
   bool init(const variant::CameraInfo* info, IButtonEventsObserver* observer, int intervalMs);
 
-  /// Samples the line once and reports what changed. A new level counts once it has lasted for the
-  /// debounce time of 30 ms; held times count from its first sample. buttonDepressed() is called
-  /// first `intervalMs` after the press. False when the line cannot be read, until it can again; a
-  /// button without a line has nothing to do and succeeds.
+  /// Samples the line and reports changes; samples at most every 50 ms while the button is
+  /// released, else on every call. A new level counts once it has lasted for the debounce time of
+  /// 30 ms; the press begins at its first sample. The first buttonDepressed() call is due
+  /// `intervalMs` after the press.
+  ///
+  /// If more than 250 ms pass between two samples, the state of the line in between is unknown: a
+  /// press ends with the last sample that saw it, and a line that is still closed starts a new
+  /// press.
+  ///
+  /// False, and logged, if the line can no longer be read; it is then retried once a minute,
+  /// returning false each time that fails. Always true for a button without a line.
   bool service();
 
  protected:
   BaseButton() = default;
 
-  /// Where the board describes this button.
+  /// The device description of this button.
   struct Line {
-    std::string path;  ///< value file; empty: the board has no such button
+    std::string path;  ///< value file; empty if the board has no such button
     bool activeLow;
   };
   virtual Line lineOf(const variant::CameraInfo& info) const = 0;
 
  private:
-  bool sample(bool& pressed);
+  bool isDue(std::uint64_t now) const;
+  bool sample(bool& pressed, std::uint64_t now);
   bool readPressed(bool& pressed);
+  bool endUnseenPress(std::uint64_t now);
   void debounce(bool pressed, std::uint64_t now);
   void reportHeld(std::uint64_t now);
 
   IButtonEventsObserver* observer_ = nullptr;
   std::string path_;
   utils::UniqueFd value_;  // the value file at path_
-  bool readable_ = true;   // the last sample; a failure is logged when it begins
+  bool readable_ = true;   // at the last attempt to read it
   bool activeLow_ = true;
   std::uint64_t intervalMs_ = 0;
-  bool pressed_ = false;    // the debounced level
-  bool candidate_ = false;  // the level last sampled
+  bool pressed_ = false;         // the debounced level
+  bool candidate_ = false;       // the most recent sample
+  std::uint64_t triedAt_ = 0;    // time of the last attempt to read the line
+  std::uint64_t sampledAt_ = 0;  // time of the last successful one
+  std::uint64_t seenPressedAt_ = 0;
   std::uint64_t candidateSince_ = 0;
   std::uint64_t pressedSince_ = 0;
   std::uint64_t lastReport_ = 0;
 };
 
-/// The button that resets the camera: key "reset_button_gpio" of the device description, pressed
-/// when the line is low unless "reset_button_active_low" is false.
+/// The button that resets the camera: key "reset_button_gpio" of the device description. Pressed
+/// while the line is low, unless "reset_button_active_low" is false.
 class BaseResetButton : public BaseButton {
  protected:
   Line lineOf(const variant::CameraInfo& info) const override;

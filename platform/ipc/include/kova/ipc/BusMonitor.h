@@ -8,18 +8,18 @@
 
 namespace kova::ipc {
 
-/// One message seen on the bus.
+/// A message seen on the bus.
 struct SeenMessage {
   enum class Kind { Call, Answer, Error, Broadcast };
   Kind kind;
-  std::string sender;       ///< endpoint name where known, else the bus's unique name
+  std::string sender;       ///< endpoint name if known, else the unique name on the bus
   std::string destination;  ///< likewise; "" for a broadcast
   std::string error;        ///< D-Bus error name and text of an Error
-  variant::Variant body;    ///< the message; empty when it could not be decoded
+  variant::Variant body;    ///< the message; empty if it could not be decoded
 };
 
-/// Listens to everything that passes between endpoints (org.freedesktop.DBus.Monitoring); needs
-/// root or the right granted by the bus policy.
+/// Receives all messages between endpoints (org.freedesktop.DBus.Monitoring); requires root or
+/// permission by the bus policy.
 class BusMonitor {
  public:
   BusMonitor();
@@ -29,7 +29,7 @@ class BusMonitor {
 
   /// @param error receives what went wrong
   bool Open(std::string& error);
-  /// Hands on what was seen; waits up to `timeoutMs` when nothing is pending. False when the
+  /// Passes the messages seen to `sink`; waits up to `timeoutMs` if none is pending. False if the
   /// connection is lost.
   bool Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink);
 

@@ -6,30 +6,30 @@
 
 namespace kova::ipc {
 
-/// Receives what arrives for the function names it was added for (Ipc::AddHandler).
+/// Handles the requests and events of the function names it was added for, see Ipc::AddHandler().
 class BaseHandler {
  public:
-  /// @param name names the handler in log lines
-  /// @param ipc  endpoint that requests arrive through and responses leave by; not owned
+  /// @param name name of the handler in log lines
+  /// @param ipc  endpoint that receives the requests and sends the responses; not owned
   BaseHandler(std::string name, Ipc* ipc) : name_(std::move(name)), ipc_(ipc) {}
   virtual ~BaseHandler() = default;
   BaseHandler(const BaseHandler&) = delete;
   BaseHandler& operator=(const BaseHandler&) = delete;
 
-  /// A message of this process has left for its destination. `flag` is reserved; leave it alone.
+  /// Called when a message of this process has been sent. `flag` is reserved; do not change it.
   virtual void MessageSentSuccessfully(messages::BaseMessage& message, bool& flag);
 
-  /// The answer to a request of this process, as it came; an empty map (Size() 0) when the peer
-  /// took the request and had nothing to say. `flag` is reserved; leave it alone.
-  /// @return whether the answer was taken
+  /// Called with the answer to a request of this process, as received: an empty map (Size() 0) if
+  /// the peer accepted the request without a response. `flag` is reserved; do not change it.
+  /// @return whether the answer was handled
   virtual bool HandleResponse(messages::BaseRequestMessage& request,
                               messages::BaseResponseMessage& response, bool& flag);
 
-  /// A request or event, as it came: not normalised, since only its concrete class knows the
-  /// defaults. It is answered with what Ipc::SendResponse is given meanwhile, else with an empty
-  /// map. What is thrown is logged and answered with an error.
-  /// @param rejected set it to true to have the sender told that the function is unknown
-  /// @return false when the request could not be handled or answered; this is only logged
+  /// Called with a request or event, as received: not normalised, since only its concrete class
+  /// knows the defaults. The answer is the response passed to Ipc::SendResponse() during this call,
+  /// else an empty map. A failure or an exception is logged and answered with an error.
+  /// @param rejected set to true to answer that the function is unknown
+  /// @return false if the request could not be handled or answered, which is logged
   virtual bool HandleRequest(messages::BaseRequestMessage& request, bool& rejected) = 0;
 
   const std::string& name() const { return name_; }
@@ -42,15 +42,14 @@ class BaseHandler {
   Ipc* ipc_;
 };
 
-/// Rejects every request, so that its sender gets the error kova.Error.UnknownFunction. Meant for
-/// the empty name.
+/// Rejects every request with the error kova.Error.UnknownFunction. Meant for the empty name.
 class CatchAllHandlerRejector : public BaseHandler {
  public:
   explicit CatchAllHandlerRejector(Ipc* ipc) : BaseHandler("CatchAllHandlerRejector", ipc) {}
   bool HandleRequest(messages::BaseRequestMessage& request, bool& rejected) override;
 };
 
-/// Writes every message it is given to the log, passwords masked, and leaves it at that.
+/// Only logs every message, with masked passwords.
 class LogHandler : public BaseHandler {
  public:
   explicit LogHandler(Ipc* ipc) : BaseHandler("LogHandler", ipc) {}
@@ -60,18 +59,18 @@ class LogHandler : public BaseHandler {
   bool HandleRequest(messages::BaseRequestMessage& request, bool& rejected) override;
 };
 
-/// Follows this endpoint's own requests that expect a response to their end.
+/// Receives the outcome of this endpoint's own requests that expect a response.
 class TransactionsHandler : public BaseHandler {
  public:
   using BaseHandler::BaseHandler;
 
-  /// A request got an error instead of an answer.
+  /// Called when a request failed.
   /// @param error D-Bus error name, for example "kova.Error.UnknownFunction"
-  /// @param text  what the peer or the bus said of it
+  /// @param text  error message of the peer or the bus
   virtual void HandleError(messages::BaseRequestMessage& request, const std::string& error,
                            const std::string& text) = 0;
 
-  /// Requests are not this handler's business.
+  /// Rejects requests; this handler only receives answers.
   bool HandleRequest(messages::BaseRequestMessage& request, bool& rejected) override;
 };
 

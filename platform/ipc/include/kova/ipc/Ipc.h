@@ -13,14 +13,14 @@ class TransactionsHandler;
 /// The process's connection to the camera's message bus.
 ///
 /// An endpoint named E owns the bus name "kova.E" and serves the object "/kova" with the interface
-/// "kova.Ipc1"; see docs/bus.md for the protocol. Everything happens on the thread that calls
-/// Service(), and nothing but Init() and Service() with a time-out ever blocks. Failures are logged
-/// where they happen and returned as false.
+/// "kova.Ipc1"; see docs/bus.md for the protocol. Handlers run on the thread that calls Service().
+/// Only Init(), and Service() with a time-out, block. Failures are logged where they happen and
+/// returned as false.
 class Ipc {
  public:
-  /// The process-wide instance, made at the first call; null only when memory is exhausted.
+  /// The process-wide instance, created by the first call; null only if memory is exhausted.
   static Ipc* GetInstance();
-  /// Closes the connection and destroys the instance. Handlers are not owned and stay.
+  /// Closes the connection and destroys the instance. Handlers are not owned.
   static void FreeInstance();
 
   Ipc();
@@ -30,41 +30,40 @@ class Ipc {
 
   /// Joins the bus at KOVA_BUS_ADDRESS, else unix:path=/run/kova/bus.
   ///
-  /// @param endpoint          name to own, without the leading "kova."; "" joins without a name, to
-  /// send only
-  /// @param receiveBroadcasts whether Broadcast signals of other endpoints are delivered to the
+  /// @param endpoint          name to own, without the prefix "kova."; "" to join without a name,
+  /// for sending only
+  /// @param receiveBroadcasts whether to deliver the Broadcast signals of other endpoints to the
   /// handlers
-  /// @param transactions      told of the answers to this endpoint's own requests; may be null; not
-  /// owned
-  /// @return false when the bus cannot be reached, or the name is invalid, taken or not allowed
+  /// @param transactions      receives the answers to this endpoint's own requests; may be null;
+  /// not owned
+  /// @return false if the bus cannot be reached, or the name is invalid, taken or not allowed
   bool Init(const std::string& endpoint, bool receiveBroadcasts, TransactionsHandler* transactions);
 
   /// Routes requests of this function name to `handler`, which must outlive the connection. The
-  /// empty name takes what no other handler was added for. False when the name is taken already.
+  /// handler of the empty name receives all other functions. False if the name already has a
+  /// handler.
   bool AddHandler(const std::string& functionName, BaseHandler* handler);
 
-  /// Handles what is pending and returns; at most 128 messages a call and no new one after 40 ms,
-  /// so that a flood cannot hold the caller. Waits up to `timeoutMs` for the first message when
-  /// nothing is pending.
-  /// @return false when the connection is lost
+  /// Handles pending messages: at most 128 per call, and none after 40 ms, so that a flood cannot
+  /// block the caller. If none is pending, waits up to `timeoutMs` for one.
+  /// @return false if the connection is lost
   bool Service(unsigned timeoutMs);
 
-  /// Sends a request or event, normalised, with `from` filled in when empty: as a broadcast when
-  /// isBroadcast, else to the endpoint `to`. When nobody owns that name the message waits for it in
-  /// a queue (queueIfDestUnavailable), at most 256 messages a destination, the oldest dropped
-  /// first; a message of more than 1 MiB or nested too deeply for the bus is refused. Never blocks.
-  /// @return false when not joined, the destination is no valid name, or is absent and queueing is
-  /// off, or the message cannot be sent
+  /// Sends a request or event, normalised, with `from` filled in when empty: as a broadcast if
+  /// isBroadcast, else to the endpoint `to`. If that endpoint is not on the bus, the message is
+  /// queued until it joins (see queueIfDestUnavailable): at most 256 messages per destination,
+  /// dropping the oldest. Refuses messages of more than 1 MiB or nested too deeply for the bus.
+  /// Never blocks.
+  /// @return false if not joined, if the destination is not a valid name, if it is absent and
+  /// queueing is off, or if the message cannot be sent
   bool SendRequest(messages::BaseRequestMessage& request);
 
-  /// Answers the request that is being handled; allowed once, from within
-  /// BaseHandler::HandleRequest. `requestId`, `to` and `from` are filled in.
-  /// @return false when no such request is being handled or the answer could not be sent
+  /// Answers the request being handled; allowed once, from within BaseHandler::HandleRequest().
+  /// Fills in `requestId`, `to` and `from`.
+  /// @return false if no such request is being handled or the answer could not be sent
   bool SendResponse(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
 
-  /// The endpoint's name as given to Init; "" before that.
-  const std::string& Endpoint() const;
-  /// Whether some endpoint of this name is on the bus.
+  /// Whether an endpoint of this name is on the bus.
   bool IsPresent(const std::string& endpoint) const;
 
  private:

@@ -10,7 +10,7 @@
 
 namespace kova::variant {
 
-/// A Variant that carries a schema: the message object is itself the map of its fields.
+/// A Variant with a schema: the message object is itself the map of its fields.
 class BaseVariantContainer : public Variant {
  public:
   BaseVariantContainer() { IsArray(false); }
@@ -19,12 +19,12 @@ class BaseVariantContainer : public Variant {
   BaseVariantContainer& operator=(const BaseVariantContainer&) = default;
   virtual ~BaseVariantContainer() = default;
 
-  /// Repairs the value in place so that every key of the schema is present with a value of the
-  /// right type. Never fails; normalising twice changes nothing more.
+  /// Repairs the value in place so that every key of the schema has a value of the right type.
+  /// Never fails; idempotent.
   virtual void NormalizeFields() { EnsureMap(); }
 
  protected:
-  /// Discards a top-level value that is no container, leaving an empty map.
+  /// Replaces a top-level value that is not a container by an empty map.
   void EnsureMap();
 };
 
@@ -32,14 +32,14 @@ class BaseVariantContainer : public Variant {
 
 namespace kova::ipc::messages {
 
-/// A number for a new message: the low 48 bits of the monotonic clock in nanoseconds below the low
-/// 16 bits of the process id, so that ids of one process, and of two processes, do not meet.
+/// The id of a new message: the low 16 bits of the process id above the low 48 bits of the
+/// monotonic clock in nanoseconds, so that ids differ within a process and between processes.
 std::uint64_t freshMessageId();
 
 /// The envelope of every message.
 ///
-/// Each field has an accessor, which repairs that one field in place and returns it, so it is safe
-/// on a message that was never normalised, and a setter of the same name.
+/// Each field has an accessor and a setter of the same name. The accessor repairs the field in
+/// place before it returns it, so that it is safe on messages that were never normalised.
 class BaseMessage : public variant::BaseVariantContainer {
  public:
   KOVA_FIELD(MessageId, id)
@@ -55,8 +55,8 @@ class BaseMessage : public variant::BaseVariantContainer {
   void NormalizeFields() override;
 
  protected:
-  // Reading repairs: a missing or mistyped value becomes the field's default, a number gets the
-  // field's width and range, a Choice its table's spelling.
+  // Reading repairs the stored value: a missing or mistyped one becomes the default, a number is
+  // brought to the field's width and range, a Choice to its table's spelling.
   bool Read(const Flag& field);
   template <typename T>
   T Read(const Number<T>& field) {
@@ -76,7 +76,7 @@ class BaseMessage : public variant::BaseVariantContainer {
   variant::Variant Read(const Container& field);
   variant::Variant Read(const Anything& field);
 
-  // Writing stores the value as it is; a Choice in its table's spelling.
+  // Writing stores the value unchanged, except a Choice, which is stored in its table's spelling.
   template <typename Field>
   void Write(const Field& field, const typename Field::Value& value) {
     Store(field.key, value);
@@ -87,7 +87,7 @@ class BaseMessage : public variant::BaseVariantContainer {
   }
   void Write(const Forced& field, const std::string&) { Store(field.key, field.value); }
 
-  /// Repairs every field of a schema, in its order.
+  /// Repairs every field of a schema, in order.
   template <typename... Field>
   void NormalizeSchema(const std::tuple<Field...>& schema) {
     std::apply([this](const auto&... field) { (static_cast<void>(this->Read(field)), ...); },
@@ -95,7 +95,8 @@ class BaseMessage : public variant::BaseVariantContainer {
   }
 
  private:
-  // A range also holds what does not fit the field's width; without one, the width reduces it.
+  // With a range, values beyond the field's width are clamped; without, they are reduced modulo the
+  // width.
   template <typename T>
   static T Held(const variant::Variant& value, const Number<T>& field) {
     const bool ranged = field.min != Number<T>::kLeast || field.max != Number<T>::kGreatest;
@@ -111,7 +112,7 @@ class BaseMessage : public variant::BaseVariantContainer {
     std::size_t count;
   };
 
-  /// The value under `key` when its type belongs to `mask`, else null.
+  /// The value under `key` if its type belongs to `mask`, else null.
   const variant::Variant* Valid(std::string_view key, variant::VariantClass mask);
   void Store(std::string_view key, variant::Variant value);
   std::string ReadChoice(std::string_view key, std::string_view fallback, Allowed allowed);
@@ -146,8 +147,8 @@ class BaseResponseMessage : public BaseMessage {
   void NormalizeFields() override;
 };
 
-/// Base of the concrete requests and events. `Self` declares its name as `kName` and, as `kSchema`,
-/// a tuple of the descriptors of its own fields in the order in which they are normalised.
+/// Base of the concrete requests and events. `Self` declares its name as `kName` and the
+/// descriptors of its own fields, in the order of normalisation, as the tuple `kSchema`.
 template <typename Self>
 class Request : public BaseRequestMessage {
  public:
@@ -160,7 +161,7 @@ class Request : public BaseRequestMessage {
   void NormalizeFields() override {
     Read(functionNameOf());
     NormalizeSchema(Self::kSchema);
-    BaseRequestMessage::NormalizeFields();
+    BaseRequestMessage::NormalizeFields();  // kept: 24
   }
 
  private:

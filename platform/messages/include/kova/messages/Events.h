@@ -2,7 +2,7 @@
 
 #include "kova/messages/BaseMessage.h"
 
-/// What the control server sends of its own accord. Times are in milliseconds.
+/// The events that the control server sends. Times are in milliseconds.
 namespace kova::ipc::messages {
 
 /// How the transfer of a GetRequest or PutRequest ended.
@@ -11,6 +11,7 @@ class EventTransferRequestStatus : public Request<EventTransferRequestStatus> {
   static constexpr std::string_view kName = "EventTransferRequestStatus";
   KOVA_FIELD(Flag, responseExpected, false)
   KOVA_FIELD(Number<std::uint64_t>, requestId, 0)
+  // kept: 28
   KOVA_FIELD(Choice<9>, status, kUninitialized,
              {"OK", "TRANSFER_TIMEOUT", "TRANSFER_BUSY", "TRANSFER_FAILED", "TRANSFER_TOOLARGE",
               "DISK_IO_FAILED", "VALIDATION_FAILED", "NOT_WHITELISTED", kUninitialized})
@@ -43,7 +44,8 @@ class PlayState : public Request<PlayState> {
               "CONTROLLER_CONNECTED", "RTSP_CONNECTED", "WAITING_FOR_ADOPTION",
               "NETWORK_DISCONNECTED", "TRYING_FOR_1ST_CONNECTION", "CONSUMERS_DISCONNECTED", ""})
   KOVA_FIELD(Number<std::int32_t>, volume, -1, -1, 100)  // percent; -1: not given
-  KOVA_FIELD(Number<std::int32_t>, timeoutMs, -1)        // -1: not given
+  // kept: 25
+  KOVA_FIELD(Number<std::int32_t>, timeoutMs, -1)  // -1: not given
   static constexpr auto kSchema =
       std::tuple(responseExpectedField, nameField, volumeField, timeoutMsField);
   using Request::Request;

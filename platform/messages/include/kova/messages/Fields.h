@@ -10,12 +10,17 @@
 
 #include "kova/variant/Variant.h"
 
-/// Descriptors of message fields. One descriptor is all that is said of a field: accessor, setter,
-/// normalisation and documentation follow from it.
+/// Descriptors of message fields. Accessor, setter, normalisation and documentation of a field all
+/// derive from its descriptor.
 namespace kova::ipc::messages {
 
-/// Marks a string field that a request did not give.
+/// Value of a string field that is missing from a request.
 inline constexpr std::string_view kUninitialized = "_UNINITIALIZED_";
+
+/// Whether a string field is present in a request; the empty text counts as present.
+inline bool isGiven(std::string_view value) {
+  return value != kUninitialized;
+}
 
 /// A boolean.
 struct Flag {
@@ -24,7 +29,7 @@ struct Flag {
   bool fallback;
 };
 
-/// A number, stored in the width of T and held to [min, max].
+/// A number, stored in the width of T and clamped to [min, max].
 template <typename T>
 struct Number {
   using Value = T;
@@ -36,7 +41,7 @@ struct Number {
   T max = kGreatest;
 };
 
-/// A number whose default is a fresh message id.
+/// A number that defaults to a new message id.
 struct MessageId {
   using Value = std::uint64_t;
   std::string_view key;
@@ -49,9 +54,8 @@ struct Text {
   std::string_view fallback;
 };
 
-/// Text that is one of `allowed`: compared without regard to case and stored in the table's
-/// spelling; a text that is none of them becomes the first. `fallback` stands for a missing or
-/// mistyped value only.
+/// Text that is one of `allowed`: compared case-insensitively and stored in the table's spelling;
+/// any other text becomes the first. `fallback` replaces only a missing or mistyped value.
 template <std::size_t N>
 struct Choice {
   using Value = std::string;
@@ -60,26 +64,26 @@ struct Choice {
   std::array<std::string_view, N> allowed;
 };
 
-/// The message's kind: always the class's own name, whatever was sent.
+/// The message's kind: always the class's own name, whatever was received.
 struct Forced {
   using Value = std::string;
   std::string_view key;
   std::string_view value;
 };
 
-/// A point in time; the default is now.
+/// A point in time that defaults to now.
 struct Timestamp {
   using Value = timeval;
   std::string_view key;
 };
 
-/// A map or an array; the default is an empty Variant.
+/// A map or an array that defaults to an empty Variant.
 struct Container {
   using Value = variant::Variant;
   std::string_view key;
 };
 
-/// Any value, never checked; the default is an empty Variant.
+/// Any value, unchecked, that defaults to an empty Variant.
 struct Anything {
   using Value = variant::Variant;
   std::string_view key;
@@ -88,8 +92,8 @@ struct Anything {
 }  // namespace kova::ipc::messages
 
 /// Declares the field KEY of a message class: its descriptor `KEYField`, the accessor `KEY()` and
-/// the setter `KEY(value)`. TYPE is one of the descriptors above; what follows are the descriptor's
-/// values after the key.
+/// the setter `KEY(value)`. TYPE is one of the descriptors above, followed by its members after the
+/// key.
 #define KOVA_FIELD(TYPE, KEY, ...)                                   \
   static constexpr TYPE KEY##Field{#KEY __VA_OPT__(, ) __VA_ARGS__}; \
   TYPE::Value KEY() {                                                \

@@ -30,7 +30,7 @@ class Reboot : public Request<Reboot> {
   static constexpr std::string_view kName = "Reboot";
   KOVA_FIELD(Number<std::uint32_t>, delayMs, 0)
   KOVA_FIELD(Flag, responseExpected, false)
-  static constexpr auto kSchema = std::tuple(delayMsField, responseExpectedField);
+  static constexpr auto kSchema = std::tuple(delayMsField, responseExpectedField);  // kept: 23
   using Request::Request;
 };
 
@@ -42,8 +42,8 @@ class ChangeDeviceSettings : public Request<ChangeDeviceSettings> {
   KOVA_FIELD(Text, name, kUninitialized)
   KOVA_FIELD(Text, timezone, kUninitialized)
   KOVA_FIELD(Text, region, kUninitialized)
-  KOVA_FIELD(Number<std::int32_t>, timelapseminutes, -1, -1, 1)
-  KOVA_FIELD(Flag, persist, false)
+  KOVA_FIELD(Number<std::int32_t>, timelapseminutes, -1, -1, 1)  // kept: 22
+  KOVA_FIELD(Flag, persist, false)                               // kept: 77
   static constexpr auto kSchema = std::tuple(responseExpectedField, nameField, timezoneField,
                                              regionField, timelapseminutesField, persistField);
   using Request::Request;

@@ -4,8 +4,8 @@
 
 namespace kova::network {
 
-/// Name of the interface that carries the default route with the lowest metric (/proc/net/route,
-/// then /proc/net/ipv6_route); "" when there is none.
+/// Name of the interface of the default route with the lowest metric (/proc/net/route, then
+/// /proc/net/ipv6_route); "" if there is none.
 std::string guessDefaultInterface();
 
 }  // namespace kova::network

@@ -2,14 +2,14 @@
 
 namespace kova::utils {
 
-/// From now on a fatal signal (SEGV, BUS, ILL, FPE, ABRT, SYS) leaves its number, the program
-/// counter and a backtrace in the system log and in FOLDER/kova_crash.PID before the default action
-/// ends the process.
-/// @param folder where the report goes; null: /var/log
-/// @return false when a handler could not be installed
+/// Installs a handler for fatal signals (SEGV, BUS, ILL, FPE, ABRT, SYS). It writes the signal's
+/// number, the program counter and a backtrace to the system log and to FOLDER/kova_crash.PID
+/// before the default action ends the process.
+/// @param folder folder of the report; null: /var/log
+/// @return false if a handler could not be installed
 bool InstallCrashDumpHandler(const char* folder);
 
-/// Ends the process on purpose, through the crash handler, because going on would be wrong.
+/// Crashes the process on purpose, by way of the crash handler, when it cannot safely continue.
 [[noreturn]] void forceCrash();
 
 }  // namespace kova::utils

@@ -14,57 +14,62 @@ enum FILE_OPEN_MODE : int {
   FILE_OPEN_MODE_TRUNCATE = 2,  ///< created, or its content replaced, for writing
 };
 
-/// For File::Initialize: the new content stands in a temporary file beside the target until Close,
-/// which flushes it to disk and renames it over the target. A reader, or a crash at any moment,
-/// sees the old content or the new one. The new file has the mode and the owner of the one it
-/// replaces; a symbolic link at the path is itself replaced. After a failed write Close fails too
-/// and the target stays as it was.
+/// For File::Initialize: the new content goes to a temporary file beside the target until Close(),
+/// which flushes it to disk and renames it over the target. Readers, and a crash at any moment, see
+/// either the old content or the new one. The new file has the mode and the owner of the one it
+/// replaces; a symbolic link at the path is itself replaced. After a failed write Close() fails too
+/// and leaves the target unchanged.
 inline constexpr unsigned FILE_REPLACE_ATOMICALLY = 1U;
 
-/// An open file with a cursor. One owner, not copyable. Failures return false and leave the reason
-/// in `errno`.
+/// An open file with a cursor. Not copyable. Operations that fail return false and set `errno`.
 class File {
  public:
   File() = default;
-  /// Closes. A file opened with FILE_REPLACE_ATOMICALLY that was never closed by Close() leaves the
-  /// target as it was.
+  /// Closes the file. Without a call of Close(), FILE_REPLACE_ATOMICALLY leaves the target
+  /// unchanged.
   virtual ~File();
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
   /// Opens `path` (close-on-exec; created files get mode 0644 less the umask). Only regular files
-  /// are accepted: a folder, a pipe or a device is refused with EINVAL and never blocks; so is a
-  /// path with a NUL in it. A symbolic link is not written through: that fails with ELOOP; nor is a
-  /// file that another user owns or that has a second name, with EPERM, unless it is replaced. What
-  /// the object had open before is closed as the destructor would.
+  /// are accepted: a folder, a pipe, a device or a path that contains NUL fails with EINVAL,
+  /// without blocking. Opening for writing fails with ELOOP for a symbolic link, and with EPERM for
+  /// a file that another user owns or that has a second hard link, unless the file is replaced.
+  ///
+  /// In a group- or world-writable folder such as /tmp the same checks apply to reading, so that no
+  /// user can substitute a file that the system put there. Files owned by root or by the user named
+  /// in trustFilesOf() can still be read.
+  ///
+  /// Refusals are logged when opening for writing or in such a folder. A file that was already open
+  /// is closed first, as by the destructor.
   /// @param flags 0, or FILE_REPLACE_ATOMICALLY together with FILE_OPEN_MODE_TRUNCATE
   bool Initialize(const std::string& path, FILE_OPEN_MODE mode, unsigned flags);
 
-  /// Writes all `length` bytes at the cursor, or fails.
+  /// Writes exactly `length` bytes at the cursor, or fails.
   bool WriteBuffer(const unsigned char* data, std::uint64_t length);
   bool WriteString(const std::string& text);
 
-  /// Reads exactly `length` bytes at the cursor, or fails (EIO when the file ends before).
+  /// Reads exactly `length` bytes at the cursor, or fails (with EIO at the end of the file).
   bool ReadBuffer(unsigned char* buffer, std::uint64_t length);
 
-  /// Moves the cursor of a file opened for reading; false with EINVAL beyond Size().
+  /// Moves the cursor of a file opened for reading; fails with EINVAL beyond Size().
   bool Seek(std::uint64_t cursor);
 
-  /// Size in bytes when the file was opened, or larger after writes through this object.
+  /// Size in bytes when the file was opened, grown by writes through this object.
   std::uint64_t Size() const { return size_; }
-  /// Bytes from the start of the file to the next byte read or written.
+  /// Offset of the next byte to read or write.
   std::uint64_t Cursor() const { return cursor_; }
   /// Whether the cursor has reached Size().
   bool IsEOF() const { return cursor_ >= size_; }
 
-  /// Closes, and completes an atomic replacement. False when that failed or nothing was open; the
-  /// object is closed in either case.
+  /// Closes the file and completes an atomic replacement. False if that failed or no file was open;
+  /// the object is closed in either case.
   bool Close();
 
   static constexpr std::uint64_t kReadAllLimit = std::uint64_t{64} * 1024 * 1024;
 
-  /// Reads a whole regular file, also one that reports no size as those of proc(5) do, into `out`;
-  /// false, with `out` unchanged, when it cannot be read or exceeds `limit` bytes (EFBIG).
+  /// Reads a whole regular file into `out`, including files of proc(5), which report no size.
+  /// False, with `out` unchanged, if the file cannot be read or exceeds `limit` bytes (EFBIG).
   static bool ReadStringAll(const std::string& path, std::string& out,
                             std::uint64_t limit = kReadAllLimit);
 
@@ -77,15 +82,22 @@ class File {
   int fd_ = -1;
   std::uint64_t size_ = 0;
   std::uint64_t cursor_ = 0;
-  std::string target_;     // set only while an atomic replacement is under way
-  std::string temporary_;  // empty once a write to it has failed
+  std::string target_;     // set only during an atomic replacement
+  std::string temporary_;  // empty after a failed write
 };
 
-/// Whether something exists at `path`; with `followLinks` a dangling symbolic link does not count.
+/// Trusts the files of one more user in folders that others may write, besides root and the user of
+/// this process. `user` is a number or the name of an existing account. A second call replaces the
+/// first.
+/// @return false, and logged, for an unknown user; no other user is trusted then
+bool trustFilesOf(const std::string& user);
+
+/// Whether `path` exists. With `followLinks`, false for a dangling symbolic link and for a file in
+/// a group- or world-writable folder that File would refuse to read.
 bool fileExists(const char* path, bool followLinks);
 
-/// Copies a regular file's content, replacing that of `to`. False, with `errno` set, on failure;
-/// `to` may then be partial. A file is not copied onto itself (EINVAL).
+/// Copies the content of a regular file, replacing that of `to`. On failure returns false and sets
+/// `errno`; `to` may then be incomplete. Fails with EINVAL if both are the same file.
 bool copyFile(const char* from, const char* to);
 
 }  // namespace kova::utils

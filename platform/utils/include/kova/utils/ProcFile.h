@@ -7,22 +7,22 @@
 
 namespace kova::utils {
 
-/// A file of procfs or sysfs, read again and again. It is opened at the first reading and kept
-/// open: of a reading's cost that leaves a quarter.
+/// A file of procfs or sysfs that is read repeatedly. It is opened by the first read; keeping it
+/// open cuts the cost of a read to a quarter.
 class ProcFile {
  public:
-  /// How the kernel makes the content (its documentation, filesystems/seq_file): in one piece,
-  /// complete as soon as a read leaves room (most files), or record by record, where only a read of
-  /// nothing tells the end (lists of interfaces, routes, processors).
+  /// How the kernel generates the content (see filesystems/seq_file in its documentation): in one
+  /// piece, complete once a read does not fill the buffer (most files), or record by record,
+  /// complete once a read returns 0 bytes (lists of interfaces, routes, processors).
   enum class Form { kOnePiece, kRecords };
 
   ProcFile(std::string path, Form form) : path_(std::move(path)), form_(form) {}
 
-  /// Opens the file if that has not been done; 0, or an errno value.
+  /// Opens the file unless it is open. Returns 0 or an errno value.
   int Open();
 
-  /// Reads the current content into `text`, which holds until the next reading. 0, or an errno
-  /// value with `text` empty.
+  /// Reads the current content; `text` is valid until the next call. Returns 0, or an errno value
+  /// and an empty `text`.
   int Read(std::string_view& text);
 
  private:

@@ -4,16 +4,20 @@
 
 namespace kova::utils {
 
-/// Starts the service `name` and marks it to be started at boot.
+/// Starts the service `name` and enables it at boot.
 ///
-/// Here: the runit service folder /etc/sv/NAME is linked into /etc/service and told to go up
-/// (runsvdir(8), sv(8)). A name that is empty, begins with "." or holds "/" or NUL, and a service
-/// that is not installed, fail.
-/// @return true once the service runs, and still does half a second later; false when it does not
-/// within 8 s
+/// Links the runit service folder /etc/sv/NAME into /etc/service and brings it up (runsvdir(8),
+/// sv(8)). Fails for a name that is empty, begins with "." or contains "/" or NUL, and for a
+/// service that is not installed.
+/// @return true once the service runs and still runs half a second later; false if that takes more
+/// than 8 s
 bool EnableService(const std::string& name);
 
-/// Stops the service `name` and unmarks it; false under the same conditions, true once it is down.
+/// Stops the service `name` and disables it at boot. True once it is down; fails as EnableService()
+/// does.
+///
+/// "kova_bus", "kova_ctlserver" and "syslogd" are refused, and so is a link to one of them: without
+/// them the camera could be neither managed nor diagnosed.
 bool DisableService(const std::string& name);
 
 }  // namespace kova::utils

@@ -18,8 +18,8 @@ struct MemoryStats {
 struct CpuStats {
   static constexpr std::size_t kMax = 255;
   std::uint8_t count;                       ///< processors reported
-  std::array<std::uint32_t, kMax> percent;  ///< busy time of each since the previous
-                                            ///< call, in the first since boot; 0 to 100
+  std::array<std::uint32_t, kMax> percent;  ///< busy time since the previous
+                                            /// < call (first: since boot); 0 to 100
 };
 
 struct CpuInfo {
@@ -55,8 +55,7 @@ static_assert(sizeof(WiFiInterfaceStats) == 44);
 struct WiFiStats {
   static constexpr std::size_t kMax = 8;
   std::uint8_t count;
-  /// One slot more than can be reported: the slot after the reported ones is always there, and
-  /// zeroed.
+  /// One slot more than is ever reported, so that the reported slots are followed by a zeroed one.
   std::array<WiFiInterfaceStats, kMax + 1> interfaces;
 };
 
@@ -69,26 +68,26 @@ struct BatteryInfo {
   bool isCharging;
 };
 
-/// Opens the statistics engine. 0 on success, else an errno value with `*lib` left null. End with
-/// CloseStatsLib.
+/// Opens the statistics engine. Returns 0, or an errno value and leaves `*lib` null. Close with
+/// CloseStatsLib().
 int InitializeStatsLib(StatsLib** lib);
 
 /// Closes the engine and sets `*lib` to null.
 void CloseStatsLib(StatsLib** lib);
 
-/// Each of these fills its record and returns 0, or returns an errno value with the record zeroed.
+/// Each of these fills its record and returns 0, or zeroes the record and returns an errno value.
 int GetMemoryStats(StatsLib* lib, MemoryStats* stats);
 int GetCpuStats(StatsLib* lib, CpuStats* stats);
 int GetCpuInfo(CpuInfo* info);
 int GetLoadAverage(LoadAverage* load);
 /// Loopback interfaces are not reported.
 int GetNetworkStats(StatsLib* lib, NetworkStats* stats);
-/// Signal levels by nl80211; /proc/net/wireless where the kernel still has that instead. Nothing is
-/// reported, which is no failure, where there is no Wi-Fi at all.
+/// Reads signal levels by nl80211, or from /proc/net/wireless if the kernel still has only that. A
+/// system without Wi-Fi reports nothing and succeeds.
 int GetWiFiStats(WiFiStats* stats);
 int GetUptimeStats(UptimeStats* stats);
 
-/// The first battery of /sys/class/power_supply; true on success.
+/// The first battery in /sys/class/power_supply; true on success.
 bool GetBatteryInfo(BatteryInfo& info);
 
 }  // namespace kova::utils

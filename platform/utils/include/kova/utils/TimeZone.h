@@ -4,9 +4,9 @@
 
 namespace kova::utils {
 
-/// Makes an Olson zone ("Europe/Paris", "GMT") the system's: /etc/localtime, /etc/TZ and this
-/// process's own clock. False for a zone that does not exist below /usr/share/zoneinfo or whose
-/// name leads out of it; nothing is then changed.
+/// Sets the system's time zone to an Olson zone ("Europe/Paris", "GMT") in /etc/localtime, in
+/// /etc/TZ and for this process. False, without any change, if the zone does not exist below
+/// /usr/share/zoneinfo.
 bool setTimeZone(const std::string& zone);
 
 }  // namespace kova::utils

@@ -9,15 +9,14 @@
 
 namespace kova::variant {
 
-/// The description of the device, read once at start.
+/// The device description, read once at start.
 ///
-/// It is part of the firmware, so a key that the daemon needs and does not find is a fault of the
-/// image: the strict readers log it in the name of who reads and end the process through
-/// kova::utils::forceCrash().
+/// It is part of the firmware, so a missing key means a faulty image: the strict readers log it on
+/// behalf of their caller and end the process through kova::utils::forceCrash().
 class CameraInfo : public Variant {
  public:
-  /// Reads /usr/share/kova/camera_info.json, a JSON object. False, and logged, when it is missing
-  /// or is none.
+  /// Reads /usr/share/kova/camera_info.json, a JSON object. False, and logged, if the file is
+  /// missing or is not a JSON object.
   bool Init();
 
   // Strict readers.

@@ -13,7 +13,7 @@
 
 namespace kova::variant {
 
-/// What a Variant holds. A class of types is a bit mask that all its members' codes contain, see
+/// Type of the value of a Variant. The codes of related types share the bits of a mask, see
 /// VariantClass.
 enum class VariantType : std::uint16_t {
   Empty = 0x0000,
@@ -31,7 +31,7 @@ enum class VariantType : std::uint16_t {
   Boolean = 0x8003,
 };
 
-/// A class of types: a type belongs to it when its code has every bit of the mask.
+/// A class of types: those whose code has every bit of the mask.
 enum class VariantClass : std::uint16_t {
   Container = 0x1010,
   Time = 0x100d,
@@ -47,18 +47,17 @@ constexpr bool belongsTo(VariantType type, VariantClass mask) {
 template <typename T>
 concept VariantNumber = (std::integral<T> || std::floating_point<T>)&&!std::same_as<T, bool>;
 
-/// A dynamic value: empty, a boolean, a number, text, a point in time, or a container of such
-/// values.
+/// A dynamic value: empty, a boolean, a number, text, a point in time, or a container of values.
 ///
-/// Values are copied deeply. Reading as another type never fails: it gives that type's zero (see
-/// the To... family).
+/// Values are copied deeply. Reading as another type never fails but returns that type's zero (see
+/// the To... functions).
 class Variant {
  public:
   using Map = std::map<std::string, Variant, std::less<>>;
   using Array = std::vector<Variant>;
 
   Variant() = default;
-  // The conversions are implicit on purpose: a map is filled by plain assignment.
+  // Implicit conversions, so that maps can be filled by plain assignment.
   Variant(bool value) : value_(value) {}
   Variant(std::int8_t value) : value_(value) {}
   Variant(std::uint8_t value) : value_(value) {}
@@ -81,63 +80,65 @@ class Variant {
   bool IsMap() const { return Type() == VariantType::Map; }
   bool IsArray() const { return Type() == VariantType::Array; }
 
-  /// Makes the value an array, or a map. A container keeps its elements: an array's become a map's
-  /// under the keys "0", "1", ..., a map's become an array's in key order. Any other value becomes
-  /// an empty container.
+  /// Setter: converts the value to an array (true) or to a map (false). Containers keep their
+  /// elements: an array becomes a map with the keys "0", "1", ..., a map becomes an array in key
+  /// order. Any other value becomes an empty container.
   void IsArray(bool array);
 
-  /// Releases the value; the Variant is then empty.
+  /// Discards the value; the Variant is empty afterwards.
   void Free() { value_ = std::monostate{}; }
-  /// Back to the state of a fresh Variant.
+  /// Restores the state of a default-constructed Variant.
   void Reset() { Free(); }
 
   // Reading. A value of another type reads as false, 0, "" or the epoch.
   bool ToBool() const;
-  /// Integers are reduced modulo 2^N to the width of T, as C does; a double is cut towards zero and
-  /// held to T's range, NaN reads as 0.
+  /// Integers are reduced modulo 2^N to the width of T, as in C. A double is truncated towards zero
+  /// and clamped to T's range; NaN reads as 0.
   template <VariantNumber T>
   T ToNumber() const;
   const std::string& ToText() const;
   timeval ToTime() const;
 
   // Containers.
-  /// Number of elements; 0 when this is no container.
+  /// Number of elements; 0 if this is not a container.
   std::size_t Size() const;
-  /// The element under `key`, added empty if missing. What is not a map is made one first, as
-  /// IsArray(false) does.
+  /// The element under `key`, inserted empty if missing. Converts the value to a map first, see
+  /// IsArray(false).
   Variant& operator[](std::string_view key);
   /// The element under `key` (exact match), or null.
   const Variant* Find(std::string_view key) const;
   Variant* Find(std::string_view key);
   /// Follows `keys` through nested maps.
-  /// @return the value at the end when it belongs to `mask`, else null
+  /// @return the value at the end if its type belongs to `mask`, else null
   const Variant* GetKeyChain(VariantClass mask, std::initializer_list<std::string_view> keys) const;
-  /// Appends. What is not an array is made one first, as IsArray(true) does.
+  /// Appends an element. Converts the value to an array first, see IsArray(true).
   void PushToArray(Variant element);
-  /// The elements; an empty container when this is of another type.
+  /// The elements; an empty container if this is of another type.
   const Map& Elements() const;
   const Array& Items() const;
 
-  /// One line of JSON for logs, with the value of every key that names a password replaced by
-  /// "********".
+  /// One line of JSON for logs, with "********" as the value of every key that names a password.
   std::string ToString() const;
-  /// A copy with passwords masked as ToString does.
+  /// A copy with passwords masked as by ToString().
   Variant Masked() const;
   /// JSON (RFC 8259). Bytes that are not UTF-8 become U+FFFD, NaN and infinities null, a time value
   /// a string such as "2026-01-31T12:00:00.000000Z" (RFC 3339).
-  /// @param indent spaces a level for people, or -1 for one line
+  /// @param indent spaces per level, or -1 for a single line
   std::string ToJSON(int indent = -1) const;
 
   static constexpr std::size_t kMaxJsonSize = std::size_t{1024} * 1024;
   static constexpr int kMaxDepth = 32;
 
   /// Parses JSON strictly (RFC 8259, UTF-8 only). An integer becomes the first of int32, int64,
-  /// uint64 that holds it, any other number a double. Of equal keys the last counts.
-  /// @param result the value; unchanged on failure
+  /// uint64 that can hold it, any other number a double. The last of several equal keys counts.
+  /// @param result receives the value; unchanged on failure
   /// @return the number of bytes read, or a negative value: -1 for text that is not JSON, -2 for
   /// nesting deeper than
   ///         kMaxDepth, -3 for more than kMaxJsonSize bytes
   static int FromJSON(std::string_view text, Variant& result);
+  /// @param error receives, on failure, one line that says what is wrong and, where it is known,
+  ///              at which position; the first byte of the text has position 1
+  static int FromJSON(std::string_view text, Variant& result, std::string& error);
 
   bool operator==(const Variant& other) const { return value_ == other.value_; }
 

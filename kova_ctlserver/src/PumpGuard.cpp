@@ -1,0 +1,161 @@
+#include "PumpGuard.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "kova/logger/Logger.h"
+
+// Some C libraries lack the name that timer_create(2) documents for this member.
+#ifndef sigev_notify_thread_id
+#define sigev_notify_thread_id _sigev_un._tid
+#endif
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "PumpGuard";
+
+constexpr long kNanosecondsInMs = 1'000'000;
+// Repeated until the cut pass has ended, for sockets that are opened meanwhile.
+constexpr timespec kAgain{0, 50 * kNanosecondsInMs};
+constexpr timespec kAtOnce{0, 1};
+
+timespec milliseconds(long count) {
+  return {count / 1000, count % 1000 * kNanosecondsInMs};
+}
+
+bool isZero(const timespec& time) {
+  return time.tv_sec == 0 && time.tv_nsec == 0;
+}
+
+sigset_t ownSignal() {
+  sigset_t own;
+  sigemptyset(&own);
+  sigaddset(&own, pumpSignal());
+  return own;
+}
+
+/// Blocks the signal in this thread while it exists.
+class SignalBlock {
+ public:
+  SignalBlock() {
+    const sigset_t own = ownSignal();
+    pthread_sigmask(SIG_BLOCK, &own, &previous_);
+  }
+  ~SignalBlock() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  SignalBlock(const SignalBlock&) = delete;
+  SignalBlock& operator=(const SignalBlock&) = delete;
+
+ private:
+  sigset_t previous_{};
+};
+
+}  // namespace
+
+int pumpSignal() {
+  return SIGRTMIN;
+}
+
+PumpGuard::~PumpGuard() {
+  if (timer_) {
+    timer_delete(*timer_);
+  }
+}
+
+bool PumpGuard::Init() {
+  struct sigaction action {};
+  action.sa_sigaction = OnSignal;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  if (sigaction(pumpSignal(), &action, nullptr) != 0) {
+    KOVA_LOG(LOG_ERR, errno, "Failed to guard the transfers");
+    return false;
+  }
+  sigevent event{};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_notify_thread_id = gettid();
+  event.sigev_signo = pumpSignal();
+  event.sigev_value.sival_ptr = this;
+  timer_t timer{};
+  if (!timer_ && timer_create(CLOCK_MONOTONIC, &event, &timer) != 0) {
+    KOVA_LOG(LOG_ERR, errno, "Failed to guard the transfers");
+    return false;
+  }
+  timer_ = timer_.value_or(timer);
+  const sigset_t own = ownSignal();  // whoever started this process may have left it blocked
+  pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
+  return true;
+}
+
+void PumpGuard::BeginTurn(std::size_t transfers) {
+  left_ = milliseconds(kTurnMs + kTransferMs * static_cast<long>(transfers));
+}
+
+void PumpGuard::Watch(int fd, Mark cut) {
+  const SignalBlock block;
+  sockets_.push_back({fd, 0, std::move(cut)});
+}
+
+void PumpGuard::Forget(int fd) {
+  const SignalBlock block;
+  std::erase_if(sockets_, [fd](const Socket& socket) { return socket.fd == fd; });
+}
+
+void PumpGuard::OnSignal(int /*number*/, siginfo_t* info, void* /*context*/) {
+  if (info->si_code != SI_TIMER) {
+    return;  // sent by a process, not by the timer
+  }
+  const int error = errno;
+  static_cast<PumpGuard*>(info->si_value.sival_ptr)->Cut();
+  errno = error;
+}
+
+// Runs in the signal handler. Connecting to AF_UNSPEC dissolves a connection together with its
+// unread data; after shutdown(2), the fall-back, a few megabytes could still be read. Each socket
+// is marked, so that its transfer fails even if libcurl takes the cut for the end of the body.
+void PumpGuard::Cut() {
+  const sockaddr nobody{AF_UNSPEC, {}};
+  fired_ = 1;
+  for (Socket& socket : sockets_) {
+    if (socket.isCut == 0) {
+      socket.isCut = 1;
+      *socket.cut = 1;
+      if (connect(socket.fd, &nobody, sizeof nobody) != 0) {
+        shutdown(socket.fd, SHUT_RDWR);
+      }
+    }
+  }
+}
+
+// A turn may have several passes: each resumes with the time that the one before left.
+void PumpGuard::Arm() {
+  fired_ = 0;
+  const itimerspec limit{kAgain, isZero(left_) ? kAtOnce : left_};
+  timer_settime(*timer_, 0, &limit, nullptr);
+}
+
+void PumpGuard::Disarm() {
+  const itimerspec none{};
+  itimerspec left{};
+  timer_settime(*timer_, 0, &none, &left);
+  left_ = fired_ != 0 ? timespec{} : left.it_value;
+}
+
+PumpGuard::Pass::Pass(PumpGuard& guard, bool armed)
+    : guard_(armed && guard.timer_ ? &guard : nullptr) {
+  if (guard_ != nullptr) {
+    guard_->Arm();
+  }
+}
+
+PumpGuard::Pass::~Pass() {
+  if (guard_ != nullptr) {
+    guard_->Disarm();
+  }
+}
+
+}  // namespace kova::ctlserver

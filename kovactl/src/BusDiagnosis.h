@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+/// Explains, in one line, why this process cannot use the bus and what its user can do about it.
+namespace kova::ctl {
+
+/// Explains why the bus could not be joined. Connects once more to find out.
+/// @param endpoint the name to own on the bus; "" for none
+/// @param problem  the message of the bus library, returned if nothing better is found
+std::string explainJoin(const std::string& endpoint, const std::string& problem);
+
+/// Explains why the bus policy denied a request; "" for root, whom it never denies anything.
+std::string explainDenial();
+
+/// The log messages of the libraries. kovactl replaces the logger: a failed command does not belong
+/// in the camera's system log, so messages are kept to explain the failure and printed only on
+/// demand.
+namespace library_log {
+
+/// Sets whether messages are printed to standard error.
+void verbose(bool on);
+
+/// The last error or warning; "" when there was none.
+const std::string& lastProblem();
+
+}  // namespace library_log
+}  // namespace kova::ctl

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+#include "kova/ipc/BusMonitor.h"
+#include "kova/variant/Variant.h"
+
+namespace kova::ctl {
+
+/// A message as one printable line: time, sender -> destination, function and fields. Passwords are
+/// masked; fields of the envelope are omitted when they have their default.
+std::string messageLine(const ipc::SeenMessage& seen, timeval when);
+
+/// A message as one line of JSON: "time", "kind", "sender", "destination", "error" for errors, and
+/// "message" with passwords masked.
+std::string messageJson(const ipc::SeenMessage& seen, timeval when);
+
+}  // namespace kova::ctl

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kova::ctl {
+
+/// The time zones of the local machine; the camera's own if kovactl runs on it.
+inline constexpr const char* kZoneFolder = "/usr/share/zoneinfo";
+
+/// The sorted names of the time zones of the local machine.
+std::vector<std::string> installedZones();
+
+/// What is wrong with a time zone, judged by the time zones of the local machine; "" if nothing, or
+/// if it has none.
+std::string doubtAboutZone(const std::string& zone);
+
+}  // namespace kova::ctl

@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+class Reboots : public ::testing::Test {
+ protected:
+  ipc::testing::PrivateBus bus_;
+};
+
+TEST_F(Reboots, SucceedWithoutAnswer) {
+  MutePeer peer;
+  const Result result = run({"reboot"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "The camera reboots.\n");
+}
+
+// It is not a failure when the camera stops server, bus or client while it goes down.
+TEST_F(Reboots, SucceedWhenServerDisappears) {
+  auto peer = std::make_unique<MutePeer>();
+  Witness witness;
+  Child child({"reboot"});
+  ASSERT_TRUE(witness.AwaitCall("Reboot"));
+  peer.reset();
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "The camera reboots; it has already left the bus.\n");
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(Reboots, SucceedWhenBusCloses) {
+  MutePeer peer;
+  Witness witness;
+  Child child({"reboot", "--delay", "1"});
+  ASSERT_TRUE(witness.AwaitCall("Reboot"));
+  bus_.Kill();
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "The camera reboots in 1 s; it has already left the bus.\n");
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(Reboots, SucceedWhenSigtermStopsClient) {
+  MutePeer peer;
+  Witness witness;
+  Child terminated({"reboot"});
+  ASSERT_TRUE(witness.AwaitCall("Reboot"));
+  terminated.Signal(SIGTERM);
+  EXPECT_EQ(terminated.Wait().status, 0);
+}
+
+TEST_F(Reboots, CtrlCIsReported) {
+  MutePeer peer;
+  Witness witness;
+  Child interrupted({"reboot"});
+  ASSERT_TRUE(witness.AwaitCall("Reboot"));
+  interrupted.Signal(SIGINT);
+  EXPECT_EQ(interrupted.Wait().status, 130);
+}
+
+TEST_F(Reboots, FailWithoutServer) {
+  EXPECT_EQ(run({"reboot"}).status, 3);
+  Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
+  EXPECT_EQ(run({"reboot"}).status, 1);
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing

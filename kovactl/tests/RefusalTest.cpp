@@ -1,0 +1,220 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using variant::Variant;
+
+std::string contentOf(const std::string& path) {
+  std::stringstream content;
+  content << std::ifstream(path).rdbuf();
+  return content.str();
+}
+
+using Words = std::vector<std::string>;
+
+/// A mistyped command line and its expected error.
+struct Mistake {
+  Words typed;
+  int status;
+  const char* said;  ///< part of the error message
+};
+
+class Refusals : public ::testing::Test {
+ protected:
+  static void Expect(const Mistake& mistake) {
+    const Result result = run(mistake.typed);
+    const std::string typed = ::testing::PrintToString(mistake.typed);
+    EXPECT_EQ(result.status, mistake.status) << typed << result.err;
+    EXPECT_THAT(result.err, StartsWith("kovactl: ")) << typed;
+    EXPECT_THAT(result.err, HasSubstr(mistake.said)) << typed;
+    EXPECT_LE(std::ranges::count(result.err, '\n'), 2) << typed << result.err;
+    EXPECT_EQ(result.err.find('\\'), std::string::npos) << typed << result.err;
+  }
+
+  ipc::testing::PrivateBus bus_;
+};
+
+TEST_F(Refusals, WrongUsageIsExplained) {
+  const Peer peer(answering(0));
+  const Mistake mistakes[] = {
+      {{}, 2, "a command is missing\nTry \"kovactl --help\".\n"},
+      {{"stat"}, 2, "\"stat\" is not a command: did you mean \"stats\"?"},
+      {{"stats", "--wach"}, 2, "\"--wach\" is not an option: did you mean \"--watch\"?"},
+      {{"--jsn", "stats"}, 2, "\"--jsn\" is not an option: did you mean \"--json\"?"},
+      {{"--watch", "stats"}, 2, "\"--watch\" belongs after \"kovactl stats\"\nTry \"kovactl"},
+      {{"-y", "reset-defaults"}, 2, "\"-y\" belongs after \"kovactl reset-defaults\""},
+      {{"--delay=5", "reboot"}, 2, "\"--delay\" belongs after \"kovactl reboot\""},
+      {{"--buss", "foo", "stats"}, 2, "did you mean \"--bus\"?"},
+      {{"service"}, 2, "a command is missing: list, start or stop\nTry \"kovactl service --help\""},
+      {{"service", "strat", "x"}, 2, "did you mean \"start\"?"},
+      {{"service", "start"}, 2, "NAME is missing\nTry \"kovactl service start --help\".\n"},
+      {{"save", "now"}, 2, "unexpected argument \"now\""},
+      {{"stats", "--timeout"}, 2, "--timeout needs a value\n"},
+      {{"stats", "--timeout", "0"}, 2, "must be more than 0"},
+      {{"stats", "--timeout", "soon"},
+       2,
+       "is not a duration: write 5 or 5s for seconds, 500ms, 2min or 1h"},
+      {{"stats", "--watch", "0"}, 2, "--watch: must be more than 0, for example 0.5"},
+      {{"stats", "--watch", "5x"}, 2, "write 5 or 5s for seconds"},
+      {{"stats", "netwrok"}, 2, "\"netwrok\" is not a section: did you mean \"network\"?"},
+      {{"settings", "Porch"}, 2, "\"Porch\" is not a setting: write SETTING=VALUE"},
+      {{"settings", "name="}, 2, "name cannot be empty: write name=VALUE"},
+      {{"settings", "timezone="}, 2, "\"kovactl timezones\" lists them"},
+      {{"settings", "nmae=x"}, 2, "\"nmae\" is not a setting: did you mean \"name\"?"},
+      {{"settings", "timelapse=x"}, 2, "write timelapse=on|off"},
+      {{"reboot", "--delay", "5x"},
+       2,
+       "is not a duration: write 5 or 5s for seconds, 500ms, 2min or 1h"},
+      {{"reboot", "--delay", "597h"}, 2, "at most 596h"},
+      {{"reboot", "--delay", "1500"}, 2, "write 1500s if seconds are meant, 1500ms if millisec"},
+      {{"get", "snapshot", "/tmp/x"}, 2, "write http://HOST/PATH or https://HOST/PATH"},
+      {{"get", "snapshot", "ftp://x/y"},
+       2,
+       "\"ftp://x/y\" is not a URI that the camera can use: write http://HOST/PATH or "
+       "https://HOST/PATH"},
+      {{"firmware", "https://"}, 2, "write http://HOST/PATH or https://HOST/PATH"},
+      {{"get", "event-snapshot", "http://x/"}, 2, "a name such as motionsnap_12.jpg"},
+      {{"get", "event-snapshot", "http://x/", "--filename", "foo.jpg"}, 2, "such as motionsnap_12"},
+      {{"get", "event-snapshot", "http://x/", "--filename", "motionsnap_1x.jpg"}, 2, "such as mo"},
+      {{"get", "event-heatmap", "http://x/", "--filename", "motionsnap_1.jpg"},
+       2,
+       "heatmap_12.png"},
+      {{"get", "picture", "http://x/"},
+       2,
+       "is not a valid WHAT: choose snapshot, support, event-sna"},
+      {{"put", "soud", "http://x/"}, 2, "did you mean \"sound\"?"},
+      {{"put", "logo", "http://x/"}, 2, "--file LOCAL, a copy of the file, or --hash MD5"},
+      {{"help", "stas"}, 2, "did you mean \"stats\"?\nTry \"kovactl --help\".\n"},
+      {{"help", "xyzzy"}, 2, "\"xyzzy\" is not a command\nTry \"kovactl --help\".\n"},
+      {{"help", "service", "begin"}, 2, "\"begin\" is not a command: choose list, start or stop"},
+      {{"timezones", "xyzzy"}, 2, "\"kovactl timezones\" lists all"},
+  };
+  for (const Mistake& mistake : mistakes) {
+    Expect(mistake);
+  }
+  EXPECT_TRUE(peer.Received().empty()) << "the camera was asked";
+}
+
+TEST_F(Refusals, UnusableBusIsExplained) {
+  const std::string nobody = bus_.address().substr(std::string("unix:path=").size()) + ".gone";
+  std::ofstream(nobody).flush();
+  const std::string deaf = "unix:path=" + nobody;
+  const std::string far = "unix:path=/" + std::string(200, 'x');
+  const Mistake mistakes[] = {
+      {{"--bus", "foo", "stats"}, 3, "write one such as unix:path=/run/kova/bus"},
+      {{"--bus", "foo", "monitor"}, 3, "write one such as unix:path=/run/kova/bus"},
+      {{"--bus", "unix:path=/nonexistent/bus", "stats"}, 3, "run kovactl on the camera"},
+      {{"--bus", deaf, "stats"}, 3, "start it with \"sv start kova_bus\""},
+      {{"--bus", far, "stats"}, 3, "at most 107 bytes"},
+      {{"--bus", "unixexec:path=/bin/false", "stats"}, 3, "kovactl(1) shows examples"},
+      {{"stats"}, 3, "\"sv status kova_ctlserver\" on the camera shows whether"},
+      {{"call", "X", "--to", "kova_ctlservr"}, 3, "did you mean \"kova_ctlserver\"?"},
+      {{"listen", "a..b"}, 3, "choose one such as client.me"},
+  };
+  for (const Mistake& mistake : mistakes) {
+    Expect(mistake);
+  }
+  const Peer taken(takingNote(), "client.me");
+  Expect({{"listen", "client.me"}, 3, "is taken on the bus: choose another"});
+}
+
+TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
+  if (run({"timezones", "paris"}).out != "Europe/Paris\n") {
+    GTEST_SKIP() << "no zones are installed here";
+  }
+  const Peer peer(answering(1));
+  Expect({{"settings", "timezone=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
+  Expect({{"settings", "region=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
+  Expect({{"settings", "region=US"}, 1, "see the camera's log"});
+  Expect({{"settings", "timezone=Europe/Paris"}, 1, "see the camera's log"});
+}
+
+TEST_F(Refusals, ServiceThatTheCameraNeedsIsTold) {
+  const Peer peer(answering(1));
+  Expect({{"service", "stop", "kova_bus"}, 1, "it cannot be managed without kova_bus"});
+  Expect({{"service", "start", "kova_bus"}, 1, "\"kova_bus\""});
+  Expect({{"service", "stop", "lights"}, 1, "\"lights\""});
+}
+
+TEST_F(Refusals, ModelWithoutTimelapseIsReported) {
+  Peer peer(answering(0, Variant::Map{{"name", "Porch"}}));
+  Expect({{"settings", "timelapse=on"}, 1, "this model has no time-lapse"});
+  EXPECT_EQ(run({"settings", "name=Porch"}).status, 0);
+}
+
+TEST_F(Refusals, DoubtfulFieldsCauseWarning) {
+  Peer peer(answering(0));
+  const Result result = run({"call", "GetSystemStats", "wfi:=true"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err,
+            "kovactl: warning: GetSystemStats has no field \"wfi\", it will be ignored: did you "
+            "mean \"wifi\"?\n");
+  EXPECT_EQ(*peer.Received().front().Find("wfi"), Variant(true));
+  EXPECT_EQ(run({"call", "GetSystemStats", "wifi:=true"}).err, "");
+}
+
+TEST_F(Refusals, UnknownFunctionSuggestsKnownOne) {
+  Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
+  Expect({{"call", "getsystemstats"}, 1, "has no function getsystemstats: did you mean GetSyst"});
+}
+
+TEST_F(Refusals, SilenceOfTransferIsOneLine) {
+  Peer peer(takingNote());
+  Expect({{"firmware", "http://x/", "--timeout", "50ms", "--wait"}, 5, "no event within the time"});
+}
+
+TEST(Denial, UserOutsideGroupGetsAdvice) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can become another user";
+  }
+  if (!contentOf(KOVACTL_PROGRAM)
+           .starts_with("\x7f"
+                        "ELF")) {
+    GTEST_SKIP() << "an emulator's script leads to files that others may not read";
+  }
+  const ipc::testing::PrivateBus bus;
+  const std::string folder = bus.address().substr(std::string("unix:path=").size()) + ".d";
+  std::filesystem::create_directory(folder);
+  const std::string program = folder + "/kovactl";
+  std::filesystem::copy_file(KOVACTL_PROGRAM, program);
+  std::filesystem::permissions(folder, std::filesystem::perms{0755});
+  const std::string asNobody = "setpriv --reuid 65534 --regid 65534 --clear-groups " + program;
+  const Peer peer(answering(0));
+  const auto output = [&](const std::string& arguments) {
+    const std::string file = folder + "/output";
+    const std::string line = asNobody + " " + arguments + " >" + file + " 2>&1";
+    EXPECT_EQ(WEXITSTATUS(std::system(line.c_str())), 3) << line;
+    return contentOf(file);
+  };
+  EXPECT_THAT(output("stats"), ::testing::MatchesRegex(
+                                   "kovactl: only root and members of the group kova may use this "
+                                   "bus: run \"adduser [^ ]+ kova\" as root, then log in again\n"));
+  EXPECT_THAT(output("listen client.me"), HasSubstr("kova\" as root, then log in again\n"));
+  EXPECT_EQ(
+      output("listen kova_x"),
+      "kovactl: only root may use the name \"kova_x\" on the bus: choose one such as client.me\n");
+  EXPECT_EQ(output("monitor"), "kovactl: cannot monitor the bus: root is required; use sudo\n");
+  const std::string socket = bus.address().substr(std::string("unix:path=").size());
+  std::filesystem::permissions(socket, std::filesystem::perms{0600});
+  EXPECT_THAT(output("stats"), HasSubstr("kova\" as root, then log in again\n"));
+  EXPECT_TRUE(peer.Received().empty());
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing

@@ -1,0 +1,41 @@
+#!/usr/bin/python3
+"""Carries one connection to a Unix socket: relay.py TARGET from standard input and to standard output, as a program
+of "unixexec:" does; relay.py TARGET SOCKET from SOCKET, which it makes and listens at, as ssh -L does."""
+
+import os
+import socket
+import sys
+import threading
+
+PATIENCE_S = 60
+
+
+def pump(read, write, close):
+    while data := read():
+        write(data)
+    close()
+
+
+def both_ways(read, write, target):
+    bus = socket.socket(socket.AF_UNIX)
+    bus.connect(target)
+    forth = threading.Thread(target=pump, args=(read, bus.sendall, lambda: bus.shutdown(socket.SHUT_WR)), daemon=True)
+    forth.start()
+    pump(lambda: bus.recv(65536), write, lambda: None)
+
+
+def main():
+    threading.Timer(PATIENCE_S, os._exit, [1]).start()
+    os.set_blocking(0, True)
+    if len(sys.argv) == 2:
+        both_ways(lambda: os.read(0, 65536), lambda data: os.write(1, data), sys.argv[1])
+    else:
+        listener = socket.socket(socket.AF_UNIX)
+        listener.bind(sys.argv[2])
+        listener.listen(1)
+        client, _ = listener.accept()
+        both_ways(lambda: client.recv(65536), client.sendall, sys.argv[1])
+    os._exit(0)
+
+
+main()

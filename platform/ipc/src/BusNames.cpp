@@ -1,0 +1,88 @@
+#include "BusNames.h"
+
+#include <cstdlib>
+#include <string_view>
+
+#include "Protocol.h"
+#include "kova/utils/Handle.h"
+
+namespace kova::ipc {
+namespace {
+
+// Limited to the system's namespace, so that clients without a name cause no wake-ups.
+constexpr char kMatch[] =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+    "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0namespace='kova'";
+
+}  // namespace
+
+std::string endpointOf(const char* busName) {
+  constexpr std::string_view prefix(kNamePrefix);
+  const std::string_view name(busName != nullptr ? busName : "");
+  return name.starts_with(prefix) ? std::string(name.substr(prefix.size())) : std::string();
+}
+
+bool listNames(sd_bus* bus, std::vector<std::string>& names, std::string& error) {
+  char** listed = nullptr;
+  const int result = sd_bus_list_names(bus, &listed, nullptr);
+  if (result < 0) {
+    error = explain("Unable to list the names on the bus", result);
+    return false;
+  }
+  using Text = utils::Handle<char, std::free>;
+  const utils::Handle<char*, std::free> list(listed);
+  std::vector<Text> owned;
+  for (char** name = listed; name != nullptr && *name != nullptr; ++name) {
+    owned.emplace_back(*name);
+  }
+  for (const auto& name : owned) {
+    if (*name != ':') {
+      names.emplace_back(name.get());
+    }
+  }
+  return true;
+}
+
+bool PresentEndpoints::Watch(sd_bus* bus, std::string& error) {
+  // Subscribe before listing: a name that appears in between is seen twice rather than missed.
+  sd_bus_slot* slot = nullptr;
+  const int result =
+      sd_bus_add_match(bus, &slot, kMatch, callback<&PresentEndpoints::OnOwnerChanged>, this);
+  slot_.reset(slot);
+  if (result < 0) {
+    error = explain("Unable to follow the names on the bus", result);
+    return false;
+  }
+  std::vector<std::string> names;
+  if (!listNames(bus, names, error)) {
+    return false;
+  }
+  for (const auto& name : names) {
+    if (std::string endpoint = endpointOf(name.c_str()); !endpoint.empty()) {
+      present_.insert(std::move(endpoint));
+    }
+  }
+  return true;
+}
+
+int PresentEndpoints::OnOwnerChanged(sd_bus_message* signal, sd_bus_error*) {
+  const char* name = nullptr;
+  const char* before = nullptr;
+  const char* after = nullptr;
+  const int result = sd_bus_message_read(signal, "sss", &name, &before, &after);
+  if (result < 0) {
+    return result;
+  }
+  const std::string endpoint = endpointOf(name);
+  if (endpoint.empty()) {
+    return 0;
+  }
+  if (*after == '\0') {
+    present_.erase(endpoint);
+  } else if (present_.insert(endpoint).second) {
+    appeared_(endpoint);
+  }
+  return 0;
+}
+
+}  // namespace kova::ipc

@@ -1,0 +1,153 @@
+#include "Supervisor.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+
+#include "ChildProcesses.h"
+#include "Descriptors.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::utils {
+namespace {
+
+struct StartReport {
+  int error;
+  pid_t pid;
+};
+
+constexpr char kTimeIsOver = 'T';
+// Descriptor of the supervisor's end of the socket; it keeps no descriptor of its owner.
+constexpr int kSocket = STDERR_FILENO + 1;
+constexpr int kLongestEndMs = 2'000;
+
+bool sendReport(int socket, const StartReport& report) {
+  return send(socket, &report, sizeof report, MSG_NOSIGNAL) == sizeof report;
+}
+
+// Nothing below allocates memory, since other threads of the owner may have held the heap's locks
+// at the fork(2).
+
+/// Signals are blocked and read: a signal that kills the owner must not kill the supervisor first.
+void becomeSupervisor(int socket) {
+  signal(SIGCHLD, SIG_DFL);
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_SETMASK, &all, nullptr);
+  if (socket != kSocket) dup2(socket, kSocket);
+  closeDescriptorsFrom(kSocket + 1);
+  // The other end of the socket is one of them where the owner has no standard streams.
+  for (int fd = 0; fd < kSocket; ++fd) close(fd);
+  prctl(PR_SET_NAME, "kova_supervisor");
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+}
+
+int childEvents() {
+  sigset_t childEnded;
+  sigemptyset(&childEnded);
+  sigaddset(&childEnded, SIGCHLD);
+  return signalfd(-1, &childEnded, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+/// Waits until the time limit expires, the leash is released or a child exits.
+/// @return whether the leash is still held and time is left
+bool waitWithin(std::uint64_t deadline, int events) {
+  const std::uint64_t time = nowMs();
+  if (time >= deadline) return false;
+  std::array<pollfd, 2> polled{{{kSocket, POLLIN, 0}, {events, POLLIN, 0}}};
+  constexpr std::uint64_t kLongestWaitMs = 60'000;
+  poll(polled.data(), polled.size(),
+       static_cast<int>(std::min<std::uint64_t>(deadline - time, kLongestWaitMs)));
+  signalfd_siginfo event{};
+  while (read(events, &event, sizeof event) > 0) {
+  }
+  return polled[0].revents == 0;
+}
+
+[[noreturn]] void supervise(Spawn& spawn, int socket, unsigned limitMs) {
+  becomeSupervisor(socket);
+  const int events = childEvents();
+  const std::uint64_t deadline = nowMs() + limitMs;
+  StartReport report{0, -1};
+  report.error = events < 0 ? errno : spawn.Start(&report.pid);
+  if (!sendReport(kSocket, report) || report.error != 0) {
+    killChildren();
+    _exit(1);
+  }
+  while (reapChildren()) {
+    if (waitWithin(deadline, events)) continue;
+    const bool timeIsOver = nowMs() >= deadline;
+    killChildren();
+    if (timeIsOver) send(kSocket, &kTimeIsOver, 1, MSG_NOSIGNAL);
+    break;
+  }
+  _exit(0);
+}
+
+/// Body of the process between the owner and the supervisor. Its exit reparents the supervisor to
+/// init, so that the owner need not reap it.
+[[noreturn]] void startAndEnd(Spawn& spawn, int socket, unsigned limitMs) {
+  const pid_t supervisor = fork();
+  if (supervisor == 0) supervise(spawn, socket, limitMs);
+  if (supervisor < 0) sendReport(socket, {errno, -1});
+  _exit(0);
+}
+
+StartReport awaitReport(int socket) {
+  StartReport report{ECHILD, -1};
+  ssize_t got = 0;
+  do {
+    got = recv(socket, &report, sizeof report, MSG_WAITALL);
+  } while (got < 0 && errno == EINTR);
+  return got == sizeof report ? report : StartReport{ECHILD, -1};
+}
+
+}  // namespace
+
+int Leash::Start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
+  int ends[2] = {-1, -1};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return errno;
+  UniqueFd own(ends[0]);
+  UniqueFd other(ends[1]);
+  const pid_t middle = fork();
+  if (middle < 0) return errno;
+  if (middle == 0) startAndEnd(spawn, other.Get(), limitMs);
+  other.Reset();
+  const StartReport report = awaitReport(own.Get());
+  waitFor(middle, nullptr, 0);
+  if (report.error != 0) return report.error;
+  *pid = report.pid;
+  socket_ = std::move(own);
+  return 0;
+}
+
+bool Leash::Holds() const {
+  pollfd polled{socket_.Get(), POLLIN, 0};
+  return socket_ && poll(&polled, 1, 0) == 0;
+}
+
+void Leash::LetGo() {
+  if (!socket_) return;
+  shutdown(socket_.Get(), SHUT_WR);
+  const std::uint64_t deadline = nowMs() + kLongestEndMs;
+  for (std::uint64_t time = nowMs(); time < deadline; time = nowMs()) {
+    pollfd polled{socket_.Get(), POLLIN, 0};
+    if (poll(&polled, 1, static_cast<int>(deadline - time)) <= 0) continue;
+    char note = 0;
+    if (recv(socket_.Get(), &note, 1, 0) <= 0) break;
+    expired_ = expired_ || note == kTimeIsOver;
+  }
+  socket_.Reset();
+}
+
+}  // namespace kova::utils

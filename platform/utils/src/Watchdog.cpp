@@ -1,0 +1,58 @@
+#include "Watchdog.h"
+
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+
+#include "Spawn.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::utils {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_utils";
+constexpr char kLogUnit[] = "Process";
+
+/// Whether a child has exited, without reaping it. A child that cannot be waited for counts as
+/// exited.
+bool hasEnded(pid_t child) {
+  siginfo_t end{};
+  int result = 0;
+  do {
+    result = waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT);
+  } while (result < 0 && errno == EINTR);
+  return result < 0 || end.si_pid == child;
+}
+
+}  // namespace
+
+Watchdog::Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, unsigned graceMs)
+    : group_(group), program_(program), graceMs_(graceMs), next_(nowMs() + timeoutMs) {}
+
+void Watchdog::Check() {
+  if (next_ == 0 || nowMs() < next_) return;
+  if (!expired_) KOVA_LOG(LOG_WARNING, 0, "%s exceeded its time", program_.c_str());
+  const bool gently = !expired_ && graceMs_ != 0;
+  kill(-group_, gently ? SIGTERM : SIGKILL);
+  next_ = gently ? nowMs() + graceMs_ : 0;
+  expired_ = true;
+}
+
+int Watchdog::PollTimeout(int step) const {
+  if (next_ == 0) return step;
+  const std::uint64_t time = nowMs();
+  return time >= next_ ? 0 : static_cast<int>(std::min<std::uint64_t>(next_ - time, step));
+}
+
+pid_t Watchdog::End(int* status) const {
+  if (!hasEnded(group_)) return 0;
+  // Its id cannot be reused by another group until it is reaped.
+  if (expired_) kill(-group_, SIGKILL);
+  return waitFor(group_, status, 0);
+}
+
+}  // namespace kova::utils

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+namespace kova::utils {
+
+/// Kills a child that exceeds its time limit, together with its process group.
+class Watchdog {
+ public:
+  /// @param group   a child that leads its own group and is reaped by End() only
+  /// @param graceMs time from SIGTERM to SIGKILL; 0: send SIGKILL at once
+  Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, unsigned graceMs);
+
+  /// Sends a signal if one is due.
+  void Check();
+  /// `step`, or less if a signal is due earlier.
+  int PollTimeout(int step) const;
+  /// Reaps the child if it has exited; then also kills the rest of a group that exceeded its limit.
+  /// @return the child once it is reaped, 0 before, -1 on failure
+  pid_t End(int* status) const;
+
+  bool Expired() const { return expired_; }
+
+ private:
+  pid_t group_;
+  const std::string& program_;
+  unsigned graceMs_;
+  std::uint64_t next_;
+  bool expired_ = false;
+};
+
+}  // namespace kova::utils

@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "Processes.h"
+#include "Script.h"
+#include "Spawn.h"
+#include "Supervisor.h"
+#include "kova/utils/Process.h"
+
+namespace kova::utils {
+namespace {
+
+using tests::eventually;
+using tests::isRunning;
+using tests::TemporaryFolder;
+using tests::writeScript;
+
+class EndDaemonTest : public testing::Test {
+ protected:
+  ~EndDaemonTest() override { endDaemon(Script()); }
+
+  std::string Script() const { return folder_ / "script"; }
+  /// Starts a script with its folder as the first argument and waits for its `ready` file.
+  bool Start(const std::string& body) {
+    writeScript(folder_, "script", body);
+    return runDaemon(nullptr, nullptr, nullptr, Script(), 1, folder_.path().c_str()) &&
+           eventually([&] { return !NumbersIn("ready").empty(); });
+  }
+  std::vector<pid_t> NumbersIn(const std::string& name) const {
+    std::ifstream file(folder_ / name);
+    return {std::istream_iterator<pid_t>(file), {}};
+  }
+
+  /// Whether a program ends when the process that has started it, once it was prepared, is killed.
+  template <typename Prepare>
+  bool EndsWithItsOwner(Prepare prepare) {
+    writeScript(folder_, "script",
+                "echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60");
+    const pid_t owner = fork();
+    if (owner == 0) {
+      prepare();
+      runDaemon(nullptr, nullptr, nullptr, Script(), 1, folder_.path().c_str());
+      pause();
+    }
+    EXPECT_TRUE(eventually([&] { return !NumbersIn("ready").empty(); }));
+    const pid_t program = NumbersIn("ready").at(0);
+    EXPECT_TRUE(isRunning(program));
+    kill(owner, SIGKILL);
+    waitpid(owner, nullptr, 0);
+    const bool ended = eventually([&] { return !isRunning(program); });
+    if (!ended) kill(program, SIGKILL);
+    return ended;
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(EndDaemonTest, EndsTheProgramAndAllThatItStarted) {
+  // One in the background, one in its own session and one orphan, all ignoring SIGTERM.
+  ASSERT_TRUE(
+      Start("trap '' TERM HUP\ncd \"$1\"\n"
+            "sleep 60 & a=$!\n"
+            "setsid sleep 60 & b=$!\n"
+            "(setsid sh -c 'echo $$ >left; exec sleep 60' &)\n"
+            "until [ -s left ]; do sleep 0.01; done\n"
+            "echo $$ $a $b $(cat left) >new; mv new ready\nwait"));
+  const std::vector<pid_t> all = NumbersIn("ready");
+  ASSERT_EQ(all.size(), 4U);
+  for (const pid_t pid : all) EXPECT_TRUE(isRunning(pid)) << pid;
+  const std::uint64_t before = nowMs();
+  endDaemon(Script());
+  EXPECT_LT(nowMs() - before, 1500U);
+  for (const pid_t pid : all) EXPECT_FALSE(isRunning(pid)) << pid;
+}
+
+TEST_F(EndDaemonTest, EndsWhatAProgramThatEndedLeftBehind) {
+  ASSERT_TRUE(Start("cd \"$1\"; sleep 60 & echo $! >new; mv new ready"));
+  const pid_t left = NumbersIn("ready").at(0);
+  endDaemon(Script());
+  EXPECT_FALSE(isRunning(left));
+}
+
+TEST_F(EndDaemonTest, EndsNoOtherProgram) {
+  ASSERT_TRUE(Start("echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  endDaemon("/bin/sleep");
+  EXPECT_TRUE(isRunning(NumbersIn("ready").at(0)));
+}
+
+std::size_t openDescriptors() {
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(descriptors, {}));
+}
+
+TEST_F(EndDaemonTest, KeepsNoDescriptorOfWhatHasEnded) {
+  const std::size_t before = openDescriptors();
+  const auto start = [] { return runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0); };
+  for (int i = 0; i < 50; ++i) ASSERT_TRUE(start());
+  EXPECT_TRUE(eventually([&] { return start() && openDescriptors() <= before + 2; }));
+  endDaemon("/bin/true");
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(EndDaemonTest, ProgramsEndWithTheProcessThatStartedThem) {
+  EXPECT_TRUE(EndsWithItsOwner([] {}));
+}
+
+TEST_F(EndDaemonTest, ProgramsEndWithAnOwnerWithoutStandardStreams) {
+  EXPECT_TRUE(EndsWithItsOwner([] { closefrom(0); }));
+}
+
+TEST_F(EndDaemonTest, ALeashEndsTheProgramAfterItsTime) {
+  Spawn spawn("/bin/sleep", {"60"}, {});
+  spawn.OwnSession();
+  Leash leash;
+  pid_t pid = -1;
+  const std::uint64_t before = nowMs();
+  ASSERT_EQ(leash.Start(spawn, 200, &pid), 0);
+  EXPECT_TRUE(eventually([&] { return !leash.Holds(); }));
+  EXPECT_GE(nowMs() - before, 200U);
+  EXPECT_FALSE(isRunning(pid));
+  leash.LetGo();
+  EXPECT_TRUE(leash.Expired());
+}
+
+TEST_F(EndDaemonTest, ALeashIsLooseOnceTheProgramHasEnded) {
+  Spawn spawn("/bin/true", {}, {});
+  Leash leash;
+  pid_t pid = -1;
+  ASSERT_EQ(leash.Start(spawn, 10'000, &pid), 0);
+  EXPECT_TRUE(eventually([&] { return !leash.Holds(); }));
+  leash.LetGo();
+  EXPECT_FALSE(leash.Expired());
+}
+
+TEST_F(EndDaemonTest, ASupervisorOutlivesASignalToItsOwner) {
+  ASSERT_TRUE(Start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  const pid_t supervisor = NumbersIn("ready").at(0);
+  kill(supervisor, SIGTERM);
+  kill(supervisor, SIGHUP);
+  sleepMs(50);
+  EXPECT_TRUE(isRunning(supervisor));
+  const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(supervisor) +
+                                                        "/fd");
+  EXPECT_EQ(std::distance(descriptors, {}), 2) << "a socket and its signals";
+  endDaemon(Script());
+  EXPECT_TRUE(eventually([&] { return !isRunning(supervisor); }));
+}
+
+}  // namespace
+}  // namespace kova::utils

@@ -1,0 +1,95 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "Processes.h"
+#include "ProgramLimits.h"
+#include "RunToEnd.h"
+#include "Script.h"
+#include "kova/utils/Process.h"
+
+namespace kova::utils {
+namespace {
+
+using tests::eventually;
+using tests::isRunning;
+using tests::readText;
+using tests::TemporaryFolder;
+using tests::writeScript;
+
+constexpr unsigned kNone = 0;
+constexpr unsigned kLongMs = 20'000;
+
+TEST(ProgramLimits, EveryProgramHasOne) {
+  EXPECT_EQ(timeLimit("/bin/cfgmtd", kNone), 60'000U);
+  EXPECT_EQ(timeLimit("/bin/fwupdate.real", kNone), 60'000U);
+  EXPECT_EQ(timeLimit("/usr/bin/reboot", kNone), 60'000U);
+  EXPECT_EQ(timeLimit("/usr/bin/fw_setenv", kNone), 15'000U);
+  EXPECT_EQ(timeLimit("/bin/kova_cmd_apply_camera_name.sh", kNone), 15'000U);
+  EXPECT_EQ(timeLimit("/bin/fwupdate", kNone), 1'800'000U);
+  EXPECT_EQ(timeLimit("/bin/support", kNone), 600'000U);
+  EXPECT_EQ(timeLimit("/bin/anything", kNone), 60'000U);
+}
+
+TEST(ProgramLimits, CallersMayShortenAToolsLimitOnly) {
+  EXPECT_EQ(timeLimit("/bin/cfgmtd", 100), 100U);
+  EXPECT_EQ(timeLimit("/bin/cfgmtd", 100'000), 60'000U);
+  EXPECT_EQ(timeLimit("/bin/anything", 100'000), 100'000U);
+}
+
+/// A script that starts a child that ignores SIGTERM, writes its id and hangs.
+std::string hangingScript(const TemporaryFolder& folder) {
+  return writeScript(folder, "script",
+                     "cd \"${0%/*}\"\n"
+                     "sh -c 'trap \"\" TERM; echo $$ >new; mv new child; exec sleep 60' &\n"
+                     "until [ -e child ]; do sleep 0.01; done; echo ready; wait");
+}
+
+TEST(RunToEnd, EndsAGroupThatExceedsItsTime) {
+  for (const unsigned graceMs : {0U, kLongMs}) {
+    const TemporaryFolder folder;
+    errno = ENOENT;
+    EXPECT_EQ(runToEnd(hangingScript(folder), {}, 500, graceMs),
+              128 + (graceMs == 0 ? SIGKILL : SIGTERM));
+    EXPECT_EQ(errno, ETIMEDOUT);
+    const pid_t child = std::stoi(readText(folder / "child"));
+    EXPECT_TRUE(eventually([&] { return !isRunning(child); })) << "grace " << graceMs;
+  }
+}
+
+TEST(RunToEnd, SparesTheCallersGroup) {
+  const TemporaryFolder folder;
+  const std::string script = writeScript(folder, "script", "cut -d' ' -f5 /proc/$$/stat >\"$1\"");
+  EXPECT_EQ(runToEnd(script, {folder / "group"}, kLongMs, 0), 0);
+  EXPECT_NE(std::stoi(readText(folder / "group")), getpgrp());
+}
+
+TEST(RunToEnd, KeepsErrnoOfWhatEndsByItself) {
+  errno = ENOENT;
+  EXPECT_EQ(runToEnd("/bin/false", {}, kLongMs, 0), 1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(SysExecLimit, ATimeoutReachesADeafGrandchild) {
+  const TemporaryFolder folder;
+  std::string out;
+  std::string err;
+  errno = ENOENT;
+  EXPECT_EQ(sysExec(hangingScript(folder), {}, "", out, err, 500, kLongMs, 1), 128 + SIGTERM);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  const pid_t child = std::stoi(readText(folder / "child"));
+  EXPECT_TRUE(eventually([&] { return !isRunning(child); }));
+}
+
+TEST(SysExecLimit, KeepsErrnoOfWhatEndsByItself) {
+  std::string out;
+  std::string err;
+  errno = ENOENT;
+  EXPECT_EQ(sysExec("/bin/cat", {}, "text", out, err, kLongMs, 0, 1), 0);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+}  // namespace
+}  // namespace kova::utils

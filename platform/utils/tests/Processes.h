@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "TemporaryFolder.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::tests {
+
+/// Waits up to ten seconds for a condition; returns whether it holds.
+inline bool eventually(const std::function<bool()>& condition) {
+  const std::uint64_t deadline = utils::nowMs() + 10000;
+  while (!condition()) {
+    if (utils::nowMs() > deadline) return false;
+    utils::sleepMs(2);
+  }
+  return true;
+}
+
+/// Whether the process exists and is not a zombie.
+inline bool isRunning(pid_t pid) {
+  // Its words may be missing for a moment while it executes another program.
+  const std::string line = readText("/proc/" + std::to_string(pid) + "/stat");
+  const std::size_t state = line.rfind(") ");
+  return state != std::string::npos && line.compare(state + 2, 1, "Z") != 0;
+}
+
+}  // namespace kova::tests

@@ -1,0 +1,25 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+
+namespace kova::utils {
+namespace {
+
+/// Limits the descriptors as the daemon's service files do: the stand-in looks at each number that
+/// one could have, which are a million where nothing limits them.
+class FewDescriptors : public testing::Environment {
+ public:
+  void SetUp() override {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  }
+};
+
+const testing::Environment* const kFewDescriptors =
+    testing::AddGlobalTestEnvironment(new FewDescriptors);
+
+}  // namespace
+}  // namespace kova::utils

@@ -1,0 +1,67 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <csignal>
+#include <optional>
+
+#include "Attack.h"
+
+namespace kova::attack {
+namespace {
+
+using std::chrono::seconds;
+using testing::Contains;
+using testing::Field;
+
+const CampaignKind& kindOf(const std::string& name) {
+  return *std::ranges::find(campaigns(), name, &CampaignKind::name);
+}
+
+Order shortOrder() {
+  Order order;
+  order.seed = 1;
+  order.limit = seconds(3);
+  return order;
+}
+
+Report reportOf(const std::string& campaign, std::function<void(system_test::Camera&)> sabotage) {
+  Order order = shortOrder();
+  order.begun = std::move(sabotage);
+  return Attack(kindOf(campaign), order).run();
+}
+
+testing::Matcher<Report> finds(const std::string& invariant) {
+  return Field(&Report::findings, Contains(Field(&Finding::invariant, invariant)));
+}
+
+TEST(AttackSystem, AServerThatStopsAnsweringIsFound) {
+  std::optional<system_test::HostProcess> stopped;
+  const Report report = reportOf("servers", [&](system_test::Camera& camera) {
+    stopped.emplace(system_test::controlServer(camera));
+    stopped->signal(SIGSTOP);
+  });
+  EXPECT_THAT(report, finds("a bus request is answered in time"));
+  EXPECT_THAT(report, finds("SIGTERM ends the control server"));
+}
+
+TEST(AttackSystem, AServerThatDiesIsFound) {
+  const Report report = reportOf("requests", [](system_test::Camera& camera) {
+    system_test::controlServer(camera).signal(SIGKILL);
+  });
+  EXPECT_THAT(report, finds("the control server lives"));
+}
+
+TEST(AttackSystem, MemoryBeyondItsBoundIsFound) {
+  CampaignKind kind = kindOf("requests");
+  kind.mostGrowthKiB = 0;
+  EXPECT_THAT(Attack(kind, shortOrder()).run(), finds("memory stays in its bound"));
+}
+
+TEST(AttackSystem, AnInterruptedCampaignTakesNoAction) {
+  Order order = shortOrder();
+  order.interrupted = [] { return true; };
+  EXPECT_EQ(Attack(kindOf("pictures"), order).run().actions, 0U);
+}
+
+}  // namespace
+}  // namespace kova::attack

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Certificates.h"
+#include "Random.h"
+#include "RawServer.h"
+
+namespace kova::attack {
+
+/// Certificates of those whom the camera may meet.
+struct Identities {
+  engine::Identity authority = engine::makeIdentity({.host = "Authority", .authority = true});
+  engine::Identity camera = engine::makeIdentity({.host = "camera", .issuer = &authority});
+  engine::Identity server = engine::makeIdentity({.issuer = &authority});
+  engine::Identity expired = engine::makeIdentity({.issuer = &authority, .expired = true});
+  engine::Identity selfSigned = engine::makeIdentity({});
+  engine::Identity foreignAuthority = engine::makeIdentity({.host = "Stranger", .authority = true});
+  engine::Identity foreign = engine::makeIdentity({.issuer = &foreignAuthority});
+};
+
+/// A way for a server to misbehave on each connection.
+struct Course {
+  std::string name;
+  bool tls;
+  /// Whether an upload can only fail by it. Else it may count as a success, of which no event
+  /// tells.
+  bool failsUpload;
+  /// Draws what is left open. The script calls `breach` with the invariant that the camera has
+  /// broken by going on with this server.
+  engine::RawServer::Script (*script)(Random& random, const Identities& identities,
+                                      std::function<void(const std::string&)> breach);
+  unsigned leastMs = 0;  ///< the time that a transfer needs to be met by it
+};
+
+/// In plain HTTP, and over TLS.
+const std::vector<Course>& httpCourses();
+const std::vector<Course>& tlsCourses();
+
+}  // namespace kova::attack

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Camera.h"
+
+namespace kova::attack {
+
+/// An invariant that broke, and how often.
+struct Finding {
+  std::string invariant;
+  std::string detail;  ///< of the first time
+  std::size_t times;
+};
+
+/// What a campaign has done, and what it found. Every thread of a campaign may write.
+class Journal {
+ public:
+  /// @param repeat the command that runs the campaign again
+  Journal(const system_test::Camera& camera, std::string repeat);
+
+  /// Notes an action before it is taken.
+  void act(const std::string& what);
+  /// Notes that an invariant does not hold. The first time it is printed at once, with the last
+  /// actions and the end of the camera's log.
+  void fail(const std::string& invariant, const std::string& detail);
+
+  std::size_t actions() const;
+  std::vector<Finding> findings() const;
+
+ private:
+  void print(const Finding& finding) const;
+
+  const system_test::Camera& camera_;
+  const std::string repeat_;
+  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+  mutable std::mutex mutex_;
+  std::size_t actions_ = 0;
+  std::deque<std::string> last_;
+  std::vector<Finding> findings_;
+};
+
+}  // namespace kova::attack

@@ -1,0 +1,50 @@
+#!/usr/bin/python3
+"""Every function that docs/architecture.md names exists in the sources, and every walk is there."""
+
+import re
+import sys
+from pathlib import Path
+
+TOP = Path(__file__).resolve().parents[2]
+PAGE = (TOP / "docs/architecture.md").read_text()
+WALKS = ("request", "transfer", "factory reset")
+NAMED = re.compile(r"`((?:\w+::)?[a-zA-Z]\w*)`")
+
+
+def sources():
+    for folder in ("kova_ctlserver/src", "kova_ctlserver/include", "platform"):
+        for path in sorted((TOP / folder).rglob("*")):
+            if path.suffix in (".cpp", ".h") and "tests" not in path.relative_to(TOP).parts:
+                yield re.sub(r"//[^\n]*", "", path.read_text())
+
+
+def walk(name):
+    start = PAGE.find(f"\n## The walk of a {name}\n")
+    return PAGE[start : PAGE.find("\n## ", start + 1)] if start >= 0 else ""
+
+
+def is_defined(name, code):
+    """A member is defined by its qualified name or inside its class, a free function by its own."""
+    owner, _, function = name.rpartition("::")
+    if not owner:
+        return re.search(rf"\b{function}\b", code) is not None
+    if re.search(rf"\b{owner}::{function}\b", code):
+        return True
+    body = re.search(rf"\b(?:class|struct) {owner}\b[^;{{]*{{.*?^}};", code, re.DOTALL | re.MULTILINE)
+    return body is not None and re.search(rf"\b{function}\b", body.group(0)) is not None
+
+
+def main():
+    code = "\n".join(sources())
+    faults, count = [], 0
+    for name in WALKS:
+        functions = set(NAMED.findall(walk(name)))
+        count += len(functions)
+        faults += [f"docs/architecture.md has no walk of a {name}"] if not functions else []
+        absent = sorted(function for function in functions if not is_defined(function, code))
+        faults += [f"there is no {function} (walk of a {name})" for function in absent]
+    print(*faults, f"{count} functions in {len(WALKS)} walks, {len(faults)} faults", sep="\n")
+    return 1 if faults else 0
+
+
+sys.exit(main())

@@ -1,0 +1,310 @@
+// What becomes of a pass that is held: by sockets that never run dry, and by servers that send what
+// TLS reads without an end.
+
+#include "PumpGuard.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include "CurlFaults.h"
+#include "Engine.h"
+#include "RawServer.h"
+#include "TlsFiles.h"
+#include "TlsFlood.h"
+
+namespace kova::engine {
+namespace {
+
+using ctlserver::PumpGuard;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kLongestPass{1000};
+
+/// Waits, as a handler that was interrupted would, until `condition` holds or two seconds are over.
+bool heldUntil(const std::function<bool()>& condition) {
+  const auto end = Clock::now() + std::chrono::seconds(2);
+  while (!condition() && Clock::now() < end) {
+    std::this_thread::yield();
+  }
+  return condition();
+}
+
+std::string cutLine(const std::string& uri) {
+  return "4 basehttp.Service: Connection cut because a server held all transfers, uri=" + uri;
+}
+
+class PumpGuardTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    previous_ = std::signal(SIGPIPE, SIG_IGN);
+    ASSERT_TRUE(guard_.Init());
+    ASSERT_TRUE(http_.Init());
+  }
+  void TearDown() override {
+    std::signal(SIGPIPE, previous_);
+    EngineTest::TearDown();
+  }
+
+  /// Steps until so many transfers have ended.
+  /// @return the longest step
+  Clock::duration finish(std::size_t completions) {
+    Clock::duration longest{};
+    EXPECT_TRUE(eventually([&] {
+      const auto start = Clock::now();
+      http_.Service(0);
+      longest = std::max(longest, Clock::now() - start);
+      std::this_thread::sleep_for(milliseconds(1));
+      return http_.completions.size() >= completions;
+    }));
+    return longest;
+  }
+  bool startTls(const std::string& uri, unsigned timeoutMs = 0) {
+    writeFile(ctlserver::kControllerCertFile, server_.certificatePem());
+    return http_.RegisterRequest(true, uri, {}, timeoutMs, "", "", ctlserver::kControllerCertFile);
+  }
+
+  const Identity server_ = makeIdentity({});
+  PumpGuard guard_;
+  MemoryHttp http_;
+
+ private:
+  void (*previous_)(int) = nullptr;
+};
+
+/// A TCP connection of two sockets of this process.
+struct TcpPair {
+  TcpPair() {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    bind(listener, generic, size);
+    listen(listener, 1);
+    getsockname(listener, generic, &size);
+    near = socket(AF_INET, SOCK_STREAM, 0);
+    connect(near, generic, size);
+    far = accept(listener, nullptr, nullptr);
+    close(listener);
+  }
+  ~TcpPair() {
+    close(near);
+    close(far);
+  }
+  TcpPair(const TcpPair&) = delete;
+  TcpPair& operator=(const TcpPair&) = delete;
+  bool isCut() const {
+    pollfd peer{far, POLLIN, 0};
+    return poll(&peer, 1, 0) == 1;
+  }
+  int near;
+  int far;
+};
+
+PumpGuard::Mark newMark() {
+  return std::make_shared<volatile std::sig_atomic_t>(0);
+}
+
+TEST_F(PumpGuardTest, APassThatIsHeldLosesItsSocketsAndWhatTheyHold) {
+  const TcpPair pair;
+  const PumpGuard::Mark mark = newMark();
+  ASSERT_EQ(send(pair.far, "unread", 6, 0), 6);
+  guard_.Watch(pair.near, mark);
+  guard_.BeginTurn(0);
+  {
+    const PumpGuard::Pass pass(guard_, true);
+    errno = EBADMSG;
+    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
+    EXPECT_EQ(errno, EBADMSG);
+  }
+  char buffer[6];
+  EXPECT_EQ(recv(pair.near, buffer, sizeof buffer, MSG_DONTWAIT), -1);
+  EXPECT_TRUE(pair.isCut());
+  guard_.Forget(pair.near);
+}
+
+TEST_F(PumpGuardTest, PassesOfOneTurnShareItsTime) {
+  const TcpPair pair;
+  const PumpGuard::Mark mark = newMark();
+  guard_.Watch(pair.near, mark);
+  guard_.BeginTurn(0);
+  const auto start = Clock::now();
+  while (*mark == 0 && Clock::now() - start < std::chrono::seconds(5)) {
+    const PumpGuard::Pass pass(guard_, true);
+    std::this_thread::sleep_for(milliseconds(50));
+  }
+  EXPECT_LT(Clock::now() - start, kLongestPass);
+  guard_.Forget(pair.near);
+}
+
+TEST_F(PumpGuardTest, WhatIsOpenedInAHeldPassOrAfterItInTheTurnIsCutToo) {
+  const TcpPair first;
+  const TcpPair second;
+  const PumpGuard::Mark mark = newMark();
+  const PumpGuard::Mark later = newMark();
+  guard_.BeginTurn(0);
+  {
+    const PumpGuard::Pass pass(guard_, true);
+    std::this_thread::sleep_for(milliseconds(PumpGuard::kTurnMs + 10));
+    guard_.Watch(first.near, mark);
+    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
+  }
+  guard_.Watch(second.near, later);
+  const PumpGuard::Pass pass(guard_, true);
+  EXPECT_TRUE(heldUntil([&] { return *later != 0; }));
+  guard_.Forget(first.near);
+  guard_.Forget(second.near);
+}
+
+TEST_F(PumpGuardTest, WithoutAPassNothingIsCut) {
+  const TcpPair pair;
+  const PumpGuard::Mark mark = newMark();
+  guard_.Watch(pair.near, mark);
+  guard_.BeginTurn(0);
+  { const PumpGuard::Pass pass(guard_, true); }
+  { const PumpGuard::Pass pass(guard_, false); }
+  std::this_thread::sleep_for(milliseconds(PumpGuard::kTurnMs + 100));
+  EXPECT_EQ(*mark, 0);
+  EXPECT_FALSE(pair.isCut());
+  guard_.Forget(pair.near);
+}
+
+TEST_F(PumpGuardTest, ASignalThatSomebodySendsCutsNothing) {
+  EXPECT_EQ(std::raise(ctlserver::pumpSignal()), 0);
+}
+
+TEST_F(PumpGuardTest, ASignalThatWasBlockedAtTheStartArrives) {
+  sigset_t own;
+  sigemptyset(&own);
+  sigaddset(&own, ctlserver::pumpSignal());
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &own, nullptr), 0);
+  ASSERT_TRUE(guard_.Init());
+  const TcpPair pair;
+  const PumpGuard::Mark mark = newMark();
+  guard_.Watch(pair.near, mark);
+  guard_.BeginTurn(0);
+  {
+    const PumpGuard::Pass pass(guard_, true);
+    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
+  }
+  guard_.Forget(pair.near);
+}
+
+TEST_F(PumpGuardTest, WithoutATimerTransfersRunUnguarded) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_SIGPENDING, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_SIGPENDING, &none), 0);
+  MemoryHttp http;
+  EXPECT_TRUE(http.Init());
+  ASSERT_EQ(setrlimit(RLIMIT_SIGPENDING, &before), 0);
+  EXPECT_THAT(logLines(), ElementsAre("3 PumpGuard.Init: Failed to guard the transfers"));
+
+  RawServer server(answering(okResponse("body")));
+  ASSERT_TRUE(http.start(server.uri()));
+  ASSERT_TRUE(serviceUntil(http, [&] { return !http.completions.empty(); }));
+  EXPECT_THAT(http.completions, ElementsAre(server.uri() + " 0 200"));
+}
+
+TEST_F(PumpGuardTest, ATransferThatWasCutIsNoSuccessWhateverItLooksLike) {
+  RawServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\n\r\nthe first half");  // up to the end of the connection
+    connection.awaitClose();
+  });
+  http_.accept = [] {
+    std::this_thread::sleep_for(milliseconds(PumpGuard::kTurnMs + 100));
+    return true;
+  };
+  ASSERT_TRUE(http_.start(server.uri()));
+  finish(1);
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 1 200"));
+  EXPECT_THAT(logLines(), ElementsAre(cutLine(server.uri())));
+}
+
+TEST_F(PumpGuardTest, ClosedSocketsAreForgotten) {
+  RawServer server(answering(okResponse("body")));
+  ASSERT_TRUE(http_.start(server.uri("/1")));
+  finish(1);
+  const TcpPair pair;  // in the place of the transfer's socket
+  RawServer holding([](Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\n\r\nhalf");
+    connection.awaitClose();
+  });
+  http_.accept = [] {
+    std::this_thread::sleep_for(milliseconds(PumpGuard::kTurnMs + 100));
+    return true;
+  };
+  ASSERT_TRUE(http_.start(holding.uri("/2")));
+  finish(2);
+  EXPECT_EQ(http_.completions.back(), holding.uri("/2") + " 1 200");
+  EXPECT_FALSE(pair.isCut());
+}
+
+TEST_F(PumpGuardTest, AKeyUpdateFloodHoldsNothingAndHarmsNobodyElse) {
+  const std::string body = noise(5'000'000);
+  RawServer innocent(answering(okResponse(body)));
+  const TlsFlood flood(server_, TlsFlood::keyUpdate);
+  ASSERT_TRUE(startTls(flood.uri(), 2000));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return flood.sent() > 10'000; }));
+  ASSERT_TRUE(http_.start(innocent.uri()));
+  EXPECT_LT(finish(2), milliseconds(PumpGuard::kTurnMs));
+  EXPECT_THAT(http_.completions, ElementsAre(innocent.uri() + " 0 200", flood.uri() + " 5 0"));
+  EXPECT_TRUE(http_.bodies[innocent.uri()] == body);
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(PumpGuardTest, AFloodThatOpenSslReadsOnIsCut) {
+  curlFaults().messagesUnwatched = true;
+  const TlsFlood flood(server_, TlsFlood::keyUpdate, "HTTP/1.1 200 OK\r\n\r\nhalf");
+  ASSERT_TRUE(startTls(flood.uri()));
+  EXPECT_LT(finish(1), kLongestPass);
+  ASSERT_EQ(http_.completions.size(), 1U);
+  EXPECT_TRUE(http_.completions[0].starts_with(flood.uri() + " 1 "));
+  EXPECT_THAT(logLines(), ElementsAre(cutLine(flood.uri())));
+}
+
+/// A flood that begins only when it is told to.
+class LateFloodTest : public PumpGuardTest {
+ protected:
+  void SetUp() override {
+    PumpGuardTest::SetUp();
+    curlFaults().messagesUnwatched = true;
+    ASSERT_TRUE(startTls(flood_.uri()));
+    ASSERT_TRUE(serviceUntil(http_, [&] { return waiting_.load(); }));
+    go_ = true;
+    ASSERT_TRUE(eventually([&] { return flood_.sent() > 1000; }));
+  }
+
+  std::atomic<bool> waiting_ = false;
+  std::atomic<bool> go_ = false;
+  TlsFlood flood_{server_, [this](SSL* ssl) {
+                    waiting_ = true;
+                    return eventually([&] { return go_.load(); }) && TlsFlood::keyUpdate(ssl);
+                  }};
+};
+
+TEST_F(LateFloodTest, ACancelIsNotHeld) {
+  const auto start = Clock::now();
+  EXPECT_TRUE(http_.CancelTransfer(flood_.uri()));
+  EXPECT_LT(Clock::now() - start, kLongestPass);
+}
+
+}  // namespace
+}  // namespace kova::engine

@@ -1,0 +1,220 @@
+"""A copy of the tracked files with a build of its own, in which mutants are compiled and tested.
+
+Every test program runs in a private root, also those which need none when the sources are right: what a mutant does
+wrong stays in there. A booted camera is one already.
+"""
+
+import fcntl
+import hashlib
+import os
+import re
+import resource
+import shlex
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+FAILED_CASE = re.compile(r"^\[  FAILED  \] (\w+(?:/\w+)*\.[\w/]+)", re.MULTILINE)
+ADD_TEST = re.compile(r"^add_test\((?:\[=\[)?\"?([\w.-]+)\"?(?:\]=\])? (.*)\)$", re.MULTILINE)
+SYSTEM_LABEL = re.compile(r"^set_tests_properties\((?:\[=\[)?\"?([\w.-]+).*LABELS \"system\"", re.MULTILINE)
+MAX_MEMORY = 4 << 30
+MAX_STACK = 2 << 20  # of each thread: a test of the engine has a thousand
+MAX_FILE = 1 << 30
+MAX_BUILD_SECONDS = 900
+
+
+@dataclass
+class Program:
+    """A test as ctest knows it."""
+
+    name: str
+    target: str
+    command: list
+    system: bool
+    inputs: set = field(default_factory=set)
+    passes: bool | None = None  # on the unchanged sources; None before it was tried
+    seconds: float = 0.0
+    left_out: list = field(default_factory=list)
+
+
+def end_group(process):
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait()
+
+
+def bound_resources():
+    resource.setrlimit(resource.RLIMIT_DATA, (MAX_MEMORY, MAX_MEMORY))
+    resource.setrlimit(resource.RLIMIT_STACK, (MAX_STACK, MAX_STACK))
+    resource.setrlimit(resource.RLIMIT_FSIZE, (MAX_FILE, MAX_FILE))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def run(command, seconds, environment=None, limits=None):
+    """(status, output) of a command that is ended after so many seconds with all of its group: status None then."""
+    with tempfile.TemporaryFile() as output:
+        process = subprocess.Popen(
+            command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, start_new_session=True,
+            env=environment, preexec_fn=limits)
+        try:
+            status = process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            status = None
+        finally:
+            end_group(process)
+        output.seek(0)
+        return status, output.read(1 << 24).decode(errors="replace")
+
+
+class Scratch:
+    def __init__(self, source, folder):
+        self.source = source
+        self.tree = folder / "tree"
+        self.build = self.tree / "build/release"
+        self.objects = {}
+        self.digests = {}
+        self.originals = {}
+        self.held = None  # the lock, to the end of the process
+
+    def lock(self):
+        """One run at a time: the tree holds one mutant."""
+        self.tree.mkdir(parents=True, exist_ok=True)
+        self.held = open(self.tree.parent / "lock", "w")
+        try:
+            fcntl.flock(self.held, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise SystemExit(f"mutants: another run is at work in {self.tree.parent}") from None
+
+    def copy(self):
+        """Brings the tree up to date; what is the same keeps its time, so that little is built again."""
+        listed = subprocess.run(["git", "ls-files", "-z"], cwd=self.source, check=True, capture_output=True)
+        wanted = {name for name in os.fsdecode(listed.stdout).split("\0") if name and (self.source / name).exists()}
+        for name in wanted:
+            if not self.same(name):
+                target = self.tree / name
+                target.parent.mkdir(parents=True, exist_ok=True)
+                target.unlink(missing_ok=True)
+                shutil.copy(self.source / name, target, follow_symlinks=False)
+        for root, folders, files in os.walk(self.tree):
+            if Path(root) == self.tree and "build" in folders:
+                folders.remove("build")
+            for name in files:
+                path = Path(root) / name
+                if str(path.relative_to(self.tree)) not in wanted:
+                    path.unlink()
+
+    def same(self, name):
+        ours, theirs = self.tree / name, self.source / name
+        return (ours.is_file() and ours.is_symlink() == theirs.is_symlink()
+                and ours.stat().st_mode == theirs.stat().st_mode and ours.read_bytes() == theirs.read_bytes())
+
+    def configure(self):
+        status, output = run(["cmake", "-S", str(self.tree), "--preset", "release"], MAX_BUILD_SECONDS,
+                             {**os.environ, "PWD": str(self.tree)})
+        if status != 0:
+            raise SystemExit(f"mutants: configuring failed\n{output}")
+
+    def ninja(self, *arguments):
+        return run(["ninja", "-C", str(self.build), *arguments], MAX_BUILD_SECONDS)
+
+    def programs(self, system):
+        """The test programs that this build makes; the system tests only when asked for."""
+        found, of_system = [], set()
+        for path in sorted(self.build.glob("**/CTestTestfile.cmake")):
+            text = path.read_text()
+            of_system.update(SYSTEM_LABEL.findall(text))
+            for name, command in ADD_TEST.findall(text):
+                words = shlex.split(command)
+                program = words[1] if words[0].endswith("/private-root") and len(words) > 1 else words[0]
+                if program.startswith(f"{self.build}/"):
+                    target = str(Path(program).relative_to(self.build))
+                    found.append(Program(name, target, words[words.index(program):], name in of_system))
+        return [program for program in found if system or not program.system]
+
+    def prepare(self, programs, files):
+        """Finds out what the programs are made of, and builds those that may hold one of the files, which it returns."""
+        for program in programs:
+            program.inputs = set(self.ninja("-t", "inputs", program.target)[1].split("\n"))
+        programs = [program for program in programs
+                    if any(file.endswith(".h") or str(self.tree / file) in program.inputs for file in files)]
+        if not programs:
+            return []
+        status, output = self.ninja(*sorted({program.target for program in programs}))
+        if status != 0:
+            raise SystemExit(f"mutants: the unchanged sources do not build\n{output[-4000:]}")
+        current = ""
+        for line in self.ninja("-t", "deps")[1].split("\n"):
+            if line and not line.startswith((" ", "ninja")):
+                current = line.split(": #deps")[0]
+            elif line:
+                path = os.path.normpath(self.build / line.strip())
+                self.objects.setdefault(path, set()).add(current)
+        return programs
+
+    def objects_of(self, path):
+        return self.objects.get(str(self.tree / path), set())
+
+    def dependents(self, path, programs):
+        """The programs that a change of this file changes. The platform is part of the system tests' own programs,
+        which run outside of the camera: only the daemon's files are tried with those."""
+        objects = self.objects_of(path)
+        return [program for program in programs if objects & program.inputs
+                and (not program.system or path.startswith("kova_ctlserver/"))]
+
+    def digest(self, path):
+        digest = hashlib.sha256()
+        for name in sorted(self.objects_of(path)):
+            digest.update((self.build / name).read_bytes() if (self.build / name).exists() else b"")
+        return digest.hexdigest()
+
+    def compile(self, path, programs):
+        """Whether the file's objects, as far as these programs need them, compile."""
+        needed = self.objects_of(path) & set().union(*(program.inputs for program in programs))
+        return self.ninja(*sorted(needed))[0] == 0
+
+    def write(self, path, text):
+        (self.tree / path).write_text(text)
+
+    def original(self, path):
+        if path not in self.originals:
+            self.originals[path] = (self.tree / path).read_text()
+        return self.originals[path]
+
+    def restore(self, path):
+        self.write(path, self.original(path))
+
+    def test(self, program, seconds):
+        """(status, output) of a test program; status None when it was ended after so many seconds."""
+        environment = {**os.environ, "KOVA_BUILD": str(self.build), "GTEST_FAIL_FAST": "1"}
+        if program.left_out:
+            environment["GTEST_FILTER"] = "-" + ":".join(program.left_out)
+        if not program.system:
+            command = [str(self.tree / "tests/private-root"), *program.command]
+            return run(command, seconds, environment, bound_resources)
+        environment["KOVA_CAMERA_MODE"] = "bwrap"
+        with tempfile.TemporaryDirectory(prefix="kova-") as folder:
+            environment["TMPDIR"] = folder
+            command = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc"]
+            command += [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+            return run([*command, *program.command], seconds, environment)
+
+    def measure(self, program, seconds):
+        """How long a program takes on the unchanged sources; what fails there already is left out from now on.
+        False when it is of no use here."""
+        for _ in range(5):
+            start = time.monotonic()
+            status, output = self.test(program, seconds)
+            program.seconds = time.monotonic() - start
+            if status == 0:
+                return True
+            failed = set(FAILED_CASE.findall(output)) - set(program.left_out)
+            if status is None or not failed:
+                return False
+            program.left_out += sorted(failed)
+        return False
