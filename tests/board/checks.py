@@ -15,6 +15,9 @@ ZONES = "/usr/share/zoneinfo"
 DAEMON = ("/usr/sbin/kova_ctlserver", "/usr/bin/kova_ctlserver")
 UNITS = ("/etc/systemd/system", "/usr/lib/systemd/system", "/lib/systemd/system")
 MOST_FIRST_LINE = 256
+# The forms of what stands in a file.
+CONTENT = {"not empty", "one line", "JSON object", "key=value lines", "account lines", "PEM certificate",
+           "PEM certificate and key"}  # fmt: skip
 
 
 class Fault(NamedTuple):
@@ -126,10 +129,8 @@ def executable_faults(board, path):
         yield Fault("is for another processor than the daemon", "build it for this board")
 
 
-def content_faults(board, path, form, node):
+def content_faults(board, path, form):
     """In a few words."""
-    if form == "not empty":
-        return ["is empty"] if node.size == 0 else []
     if form == "one line":
         lines = (board.text(path) or "").rstrip("\n").split("\n")
         return ["holds other than one line"] if len(lines) != 1 or not lines[0].strip() else []
@@ -159,8 +160,11 @@ def path_faults(board, row, path, node):
         yield Fault(f"is a {node.kind}, not a {kind}")
         return
     yield from owner_and_mode(board, row, node)
+    if CONTENT.intersection(row.form) and node.size == 0:
+        yield Fault("is empty")
+        return
     for form in row.form:
-        yield from map(Fault, content_faults(board, path, form, node))
+        yield from map(Fault, content_faults(board, path, form))
 
 
 # Each check returns the faults of what is there, or None if it is not there.
@@ -231,7 +235,7 @@ def check_account(board, row):
     if row.form[0] == "group":
         return check_group(board, row.names[0])
     user = board.setting("users.1.name")
-    if user is None or board.text(ACCOUNTS) is None:
+    if user is None or not board.text(ACCOUNTS):
         return []  # told of the key and of the file
     found = board.hash_of(user)
     if found is None:

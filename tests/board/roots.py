@@ -54,6 +54,9 @@ class FolderRoot:
         # Unpacked by an ordinary user, all files are that user's.
         self.roots = {0, os.fstat(self._top).st_uid}
 
+    def close(self):
+        os.close(self._top)
+
     def node(self, path, follow=True):
         """None if there is no such file."""
         fd = self._open(path, follow)
@@ -165,12 +168,14 @@ class SshRoot:
             self._ssh = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
         except OSError as error:
             raise CannotLook(f"ssh: {error.strerror}") from error
+        self._answers = select.poll()
+        self._answers.register(self._ssh.stdout, select.POLLIN)
         try:
             self._run("LC_ALL=C; export LC_ALL")  # drops what the board greets with
             self._deadline = time.monotonic() + MOST_SECONDS
             if self._run("id -u").strip() != b"0":
                 raise CannotLook("log in as user 0 of the board: only that sees everything")
-        except CannotLook:
+        except BaseException:
             self.close()
             raise
 
@@ -220,7 +225,7 @@ class SshRoot:
         answer = b""
         while not answer.endswith(end):
             left = self._deadline - time.monotonic()
-            if left <= 0 or not select.select([self._ssh.stdout], [], [], left)[0]:
+            if left <= 0 or not self._answers.poll(left * 1000):
                 raise CannotLook("the board did not answer in time")
             part = self._ssh.stdout.read(65536)
             if not part:

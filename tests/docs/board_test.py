@@ -16,7 +16,7 @@ COMMENT_OR_LITERAL = re.compile(
     r"""//[^\n]*|/\*.*?\*/|(?m:^\s*\#\s*include[^\n]*)|"(?P<text>(?:\\.|[^"\\\n])*)"|(?<!\w)'(?:\\.|[^'\\\n])+'""",
     re.DOTALL,
 )
-PATH = re.compile(r"(?<![\w.*%])/[A-Za-z.][\w.+-]*(?:/[\w.+-]+)*")
+PATH = re.compile(r"(?<![\w.*%</])/[A-Za-z.][\w.+-]*(?:/[\w.+-]+)*")
 TOP_FOLDERS = ("bin", "boot", "dev", "etc", "home", "lib", "mnt", "opt", "proc", "root", "run", "sbin", "srv", "sys",
                "tmp", "usr", "var")  # fmt: skip
 # Paths of objects on the bus: docs/bus.md.
@@ -28,6 +28,10 @@ FILES_LEFT_OUT = ("WirelessKeys.cpp",)
 SETTING = re.compile(r"[a-z]+(?:\.[a-z0-9]+)+")
 DESCRIPTION_KEY = re.compile(r'\b(?:Required|optionalValue|Find)\((?:\w+, )?"(\w+)"')
 NEEDED = re.compile(r"\bkNeeded\{([^}]*)\}")
+# Services, tools and configuration that are installed with the daemon.
+INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/systemd/*.service", "packaging/dbus/*.conf",
+             "packaging/kova_*")  # fmt: skip
+INSTALLED_COMMENT = re.compile(r"^\s*#[^\n]*$|<!.*?>\n", re.MULTILINE | re.DOTALL)
 ENVIRONMENT = re.compile(r"KOVA_[A-Z_]+")
 ENVIRONMENT_CALL = re.compile(r'\b(?:getenv|setenv|unsetenv)\("(\w+)"')
 SIGNAL = re.compile(r"\bSIG[A-Z0-9]+\b")
@@ -86,10 +90,10 @@ def named_by(source, file):
 
 
 def holds_path(name, path):
-    """Whether a row's name holds the path of a literal, which may be its beginning or, without a folder of the top, a
-    later part; what follows in the name is another component or a placeholder."""
+    """Whether a row's name is the path of a literal, up to a placeholder; without a folder of the top the literal is a
+    later part, such as "/down"."""
     is_whole = path.split("/")[1] in TOP_FOLDERS
-    ends = rf"(?:$|/|(?={contract.PLACEHOLDER.pattern}))"
+    ends = rf"(?:$|(?={contract.PLACEHOLDER.pattern}))"
     return re.search(("^" if is_whole else "") + re.escape(path) + ends, name) is not None
 
 
@@ -99,6 +103,14 @@ def is_on_page(kind, name, rows):
     if kind == "word":
         return any(name in re.split(r"[/.]", own) for row in rows for own in row.names)
     return any(name in row.names for row in rows if row.kind == kind)
+
+
+def named_by_installed():
+    """Paths in scripts and units, as (kind of row, path, file)."""
+    for pattern in INSTALLED:
+        for path in sorted(TOP.glob(pattern)):
+            for name in PATH.findall(INSTALLED_COMMENT.sub(" ", path.read_text())):
+                yield "path", re.sub(r"0{16}$", "", name), str(path.relative_to(TOP))
 
 
 # --- from the page to the sources -----------------------------------------------------------------------------
@@ -183,6 +195,7 @@ def main():
         return 1
     found = sources()
     named = sorted({(kind, name, file) for file, source in found.items() for kind, name in named_by(source, file)})
+    named += sorted(set(named_by_installed()))
     faults = [f"{file}: docs/board.md lacks the {kind} {name}" for kind, name, file in named
               if not is_on_page(kind, name, rows)]  # fmt: skip
     for row in rows:
