@@ -34,7 +34,7 @@ NOBODY = 65534
 COPIED = ("bin", "sbin", "etc", "tmp", "run", "var", "usr/bin", "usr/sbin", "usr/libexec", "usr/share/kova",
           "usr/share/zoneinfo/Europe")  # fmt: skip
 # Rows that others depend on: breaking these may break more than one.
-DEPENDED_ON = ("/bin/sh", "/etc/sv", "/etc/persistent", "/tmp")
+DEPENDED_ON = ("/bin/sh", "/etc", "/etc/sv", "/etc/persistent", "/tmp")
 
 work = Path(tempfile.mkdtemp(prefix="kova-board."))
 camera = work / "cam"
@@ -42,6 +42,9 @@ image = work / "image"
 
 
 def setUpModule():
+    if not IS_ROOT:
+        # In a user namespace the programs of the machine belong to a user who is not mapped.
+        roots.SshRoot.roots = {0, NOBODY}
     subprocess.run([CAMERA, "start", camera], check=True, stdout=subprocess.DEVNULL)
     copy_image()
     add_what_is_optional()
@@ -225,6 +228,14 @@ class Found(unittest.TestCase):
             with self.subTest(row.name), with_owner(name, NOBODY):
                 self.expect("wrong", row.name, f"belongs to user {NOBODY}: chown root")
 
+    @unittest.skipUnless(IS_ROOT, "needs root")
+    def test_snapshot_belongs_to_root_or_the_owner_of_uploads(self):
+        name = "/usr/share/kova/camera_info.json"
+        with with_owner("/tmp/snap.jpeg", 1000):
+            self.expect("wrong", "/tmp/snap.jpeg", "belongs to user 1000")
+            with with_text(name, json.dumps({**json.loads(text_of(name)), "upload_owner": 1000})):
+                self.assertEqual(look(), [])
+
     def test_each_folder_in_the_place_of_a_file_is_found(self):
         for row, name in path_rows("file", "program", "link"):
             with self.subTest(row.name), replaced(name) as path:
@@ -254,6 +265,9 @@ class Found(unittest.TestCase):
             "just text\n": "neither a program nor a script",
             "#!/bin/nothing -e\n": "its interpreter '/bin/nothing' is not there",
             "#!relative\n": "its interpreter 'relative' is not there",
+            "#!/a\0b\n": "is not there",
+            "#!" + "/a" * 500: "is not there",
+            "#!\n": "its interpreter '' is not there",
         }
         for row, name in path_rows("program"):
             for text, fault in faults.items():
@@ -384,7 +398,8 @@ class Found(unittest.TestCase):
 
     def test_zone_is_looked_up_in_the_image(self):
         lines = [line for line in text_of("/etc/system.cfg").splitlines(True) if "timezone" not in line]
-        for zone, is_known in {"Europe/Paris": True, "UTC": True, "Mars/Base": False, "../../etc/TZ": False}.items():
+        zones = {"Europe/Paris": True, "UTC": True, "Mars/Base": False, "../../etc/TZ": False, "a" * 5000: False}
+        for zone, is_known in zones.items():
             with self.subTest(zone), with_text("/etc/system.cfg", "".join(lines) + f"system.timezone={zone}\n"):
                 self.assertEqual(bool(look()), not is_known)
 
@@ -530,6 +545,7 @@ class OverSsh(unittest.TestCase):
         with self.assertRaisesRegex(roots.CannotLook, text):
             self.look(**fake)
 
+    @unittest.skipUnless(IS_ROOT, "needs root: else the machine's programs are nobody's")
     def test_running_camera_passes(self):
         folder = self.fake()
         environment = {**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"}

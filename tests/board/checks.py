@@ -62,6 +62,13 @@ class Board:
         """The value that counts; None if there is none."""
         return (self.settings or {}).get(key, [None])[-1]
 
+    def upload_owner(self):
+        """The number of the user, in a set that is empty without one."""
+        owner = str((self.description or {}).get("upload_owner"))
+        accounts = forms.accounts(self.text(ACCOUNTS) or "")
+        named = next((line[2] for line in accounts if line[0] == owner and len(line) == 7), owner)
+        return {int(named)} if re.fullmatch(r"\d{1,10}", named, re.ASCII) else set()
+
     def processor_of(self, path):
         """Class, byte order and machine of an ELF file; None for anything else."""
         try:
@@ -84,7 +91,7 @@ class Board:
         return any(line[0] == name for line in forms.accounts(self.text(ACCOUNTS) or ""))
 
     def has_zone(self, zone):
-        name = re.fullmatch(r"(?!/)[A-Za-z0-9_+/-]+(?<!/)", zone, re.ASCII)
+        name = re.fullmatch(r"(?!/)[A-Za-z0-9_+/-]{1,100}(?<!/)", zone, re.ASCII)
         path = f"{ZONES}/{zone}"
         if not name or self.root.node(path) is None:
             return zone in ("GMT", "UTC")
@@ -92,6 +99,8 @@ class Board:
 
 
 def owner_and_mode(board, row, node):
+    if "root or upload_owner" in row.form and node.owner not in board.root.roots | board.upload_owner():
+        yield Fault(f"belongs to user {node.owner}, who is not upload_owner of the device description")
     allowed = next((int(word, 8) for word in row.form if re.fullmatch(r"[01]?[0-7]{4}", word)), None)
     if "root" in row.form and node.owner not in board.root.roots:
         yield Fault(f"belongs to user {node.owner}", "chown root")
@@ -278,10 +287,10 @@ def is_looked_at(board, row):
 def check_row(board, row):
     try:
         faults = CHECKS[row.kind](board, row)
+        if faults is None:
+            return [Finding("missing", row.name, row.todo)] if is_needed(board, row) else []
     except Unreadable as error:
         return [Finding("unread", row.name, f"you may not read {error}: try again as root")]
-    if faults is None:
-        return [Finding("missing", row.name, row.todo)] if is_needed(board, row) else []
     return [Finding("wrong", row.name, f"{fault.text}: {fault.todo or row.todo}") for fault in faults]
 
 

@@ -33,8 +33,9 @@ PLACEHOLDER = re.compile(r"(?<![A-Za-z])(?:NAME|N|PID|RANDOM)(?![A-Za-z])")
 
 NEED = re.compile(r"(?:must|may|daemon|running|(?:running )?with \S+|sysid(?: \d+)+)")
 FORMS = {
-    "path": ("program", "file", "folder", "link", "socket", "device", "root", "not empty", "one line", "JSON object",
-             "key=value lines", "account lines", "PEM certificate", "PEM certificate and key"),
+    "path": ("program", "file", "folder", "link", "socket", "device", "root", "root or upload_owner", "not empty",
+             "one line", "JSON object", "key=value lines", "account lines", "PEM certificate",
+             "PEM certificate and key"),
     "service": ("service",),
     "description": ("text", "integer", "number", "boolean", "absolute path", "user"),
     "setting": ("any text", "text", "integer", "account name", "password hash", "zone name"),

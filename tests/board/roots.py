@@ -78,7 +78,7 @@ class FolderRoot:
                 return None
             with open(f"/proc/self/fd/{fd}", "rb") as file:
                 return file.read(limit)
-        except PermissionError as error:
+        except OSError as error:
             raise Unreadable(path) from error
         finally:
             os.close(fd)
@@ -117,10 +117,10 @@ class FolderRoot:
                         os.close(stack.pop())
                 left = [part for part in target.split("/") if part] + left
             return stack.pop()
-        except (FileNotFoundError, NotADirectoryError):
-            return None
         except PermissionError as error:
             raise Unreadable(path) from error
+        except (OSError, ValueError):  # there is none, its name is too long or holds a NUL
+            return None
         finally:
             for fd in stack:
                 os.close(fd)

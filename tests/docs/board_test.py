@@ -16,14 +16,15 @@ COMMENT_OR_LITERAL = re.compile(
     r"""//[^\n]*|/\*.*?\*/|(?m:^\s*\#\s*include[^\n]*)|"(?P<text>(?:\\.|[^"\\\n])*)"|(?<!\w)'(?:\\.|[^'\\\n])+'""",
     re.DOTALL,
 )
-PATH = re.compile(r"(?<![\w.*%</])/[A-Za-z.][\w.+-]*(?:/[\w.+-]+)*")
+PATH = re.compile(r"(?<![\w.*%<>/])/[A-Za-z.][\w.+-]*(?:/[\w.+-]+)*")
 TOP_FOLDERS = ("bin", "boot", "dev", "etc", "home", "lib", "mnt", "opt", "proc", "root", "run", "sbin", "srv", "sys",
                "tmp", "usr", "var")  # fmt: skip
 # Paths of objects on the bus: docs/bus.md.
 OBJECTS = ("/kova", "/org/freedesktop/DBus")
 WORD = re.compile(r"[a-z]+(?:_[a-z0-9]+)+")
-# Names for the log, functions of libcurl, and words of another daemon's configuration.
-WORDS_LEFT_OUT = re.compile(r"kova_(?:gpio|ipc|syscfg|utils|variant|logger|network|messages)|curl_\w+")
+LOG_IDENTITY = re.compile(r'\bkLogIdentity(?:\[\])? = "\w+"')
+# Functions of libcurl, and words of another daemon's configuration.
+WORDS_LEFT_OUT = re.compile(r"curl_\w+")
 FILES_LEFT_OUT = ("WirelessKeys.cpp",)
 SETTING = re.compile(r"[a-z]+(?:\.[a-z0-9]+)+")
 DESCRIPTION_KEY = re.compile(r'\b(?:Required|optionalValue|Find)\((?:\w+, )?"(\w+)"')
@@ -47,7 +48,7 @@ def literals_of(source):
 
 class Source:
     def __init__(self, path):
-        text = path.read_text()
+        text = LOG_IDENTITY.sub("", path.read_text())
         self.code = without_comments(text)
         self.literals = literals_of(text)
         self.paths = {found for text in self.literals for found in PATH.findall(text) if found not in OBJECTS}
@@ -135,11 +136,9 @@ def parts_of(source):
 
 def path_is_in(name, own, scripts):
     parts = set().union(*map(parts_of, own)) if own else set()
-    whole = {path for source in own for path in source.paths}
 
     def is_in(piece):
-        beginning = any((path + "/").startswith(piece.rstrip("/") + "/") for path in whole)
-        return beginning or any(piece in text for text in scripts) or is_made_of(piece, parts)
+        return any(piece in text for text in scripts) or is_made_of(piece, parts)
 
     # A program that a script starts has no folder there.
     is_started = any(re.search(rf"(?<![\w/.]){re.escape(Path(name).name)}(?![\w.])", text) for text in scripts)
