@@ -30,6 +30,9 @@ DEV = contract.TOP / "dev"
 ROWS = contract.rows_of_page()
 IS_ROOT = os.geteuid() == 0
 NOBODY = 65534
+# Mounted in the camera as they are; built by somebody else, or with another umask, they are no programs of a board.
+BUILT = [path.stat() for path in Path(os.environ["KOVA_BUILD"]).glob("kova_ctlserver/**/kova_*") if path.is_file()]
+IS_BUILT_LIKE_A_BOARD = all(info.st_uid in (0, os.geteuid()) and not info.st_mode & 0o022 for info in BUILT)
 # What is copied of a camera: no libraries, and nothing of the kernel.
 COPIED = ("bin", "sbin", "etc", "tmp", "run", "var", "usr/bin", "usr/sbin", "usr/libexec", "usr/share/kova",
           "usr/share/zoneinfo/Europe")  # fmt: skip
@@ -63,7 +66,10 @@ def root_of_camera():
 def copy_image():
     for folder in COPIED:
         (image / folder).parent.mkdir(parents=True, exist_ok=True)
-        subprocess.run(["cp", "-a", "-T", f"{root_of_camera()}/{folder}", image / folder], check=True)
+        words = ["cp", "-a", "--no-preserve=ownership", "-T", f"{root_of_camera()}/{folder}", image / folder]
+        subprocess.run(words, check=True)
+        subprocess.run(["chmod", "-R", "go-w", image / folder], check=True)
+    (image / "tmp").chmod(0o1777)
     for path in image.rglob("*"):
         if stat.S_ISSOCK(path.lstat().st_mode) or stat.S_ISFIFO(path.lstat().st_mode):
             path.unlink()
@@ -500,6 +506,7 @@ class Command(unittest.TestCase):
         environment = {**os.environ, **({"PATH": f"{path}:{os.environ['PATH']}"} if path else {})}
         return subprocess.run([DEV, "board-check", *words], capture_output=True, text=True, env=environment, check=False)
 
+    @unittest.skipUnless(IS_BUILT_LIKE_A_BOARD, "the programs belong to somebody else, or others may write them")
     def test_virtual_camera_passes(self):
         done = self.run_check(root_of_camera())
         self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)
@@ -528,6 +535,7 @@ class Command(unittest.TestCase):
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
 
+@unittest.skipUnless(IS_BUILT_LIKE_A_BOARD, "the programs belong to somebody else, or others may write them")
 class OverSsh(unittest.TestCase):
     def fake(self, prelude="", body=None):
         """A folder with an ssh that enters the camera; `prelude` is for the shell there."""
