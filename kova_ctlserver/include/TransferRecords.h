@@ -30,13 +30,13 @@ struct TransferRecord {
   std::string kind;
   std::string direction;  ///< "down": to the camera, "up": from it
   std::string uri;        ///< at most kMostUriBytes; "" if not given
-  std::string file;       ///< on the camera, at most kMostUriBytes; "" until it is known
+  std::string file;       ///< on the camera, at most kMostFileBytes; "" until it is known
   TransferPhase phase = TransferPhase::Preparing;
   std::uint64_t transferred = 0;  ///< bytes of the file that were received or sent
   std::uint64_t size = 0;         ///< bytes of the file; 0: not known
   std::uint64_t started = 0;      ///< microseconds of CLOCK_REALTIME
   std::uint64_t ended = 0;        ///< likewise; 0 until it has ended
-  std::uint16_t httpStatus = 0;   ///< of the last response; 0: none arrived
+  std::uint16_t httpStatus = 0;   ///< of the last response; 0: none arrived. 0 until the end
   /// "" until the transfer has ended, then "OK", "ALREADY_INSTALLED", "REFUSED", "CANCELLED" or a
   /// status of the events, see docs/transfers.md
   std::string outcome;
@@ -45,8 +45,15 @@ struct TransferRecord {
 
   static constexpr std::size_t kMostNameBytes = 255;
   static constexpr std::size_t kMostUriBytes = 4096;
+  static constexpr std::size_t kMostFileBytes = 512;
   static constexpr std::size_t kMostReasonBytes = 512;
 };
+
+// Outcomes besides the statuses of the events.
+inline constexpr char kOutcomeOk[] = "OK";
+inline constexpr char kOutcomeAlreadyInstalled[] = "ALREADY_INSTALLED";
+inline constexpr char kOutcomeRefused[] = "REFUSED";
+inline constexpr char kOutcomeCancelled[] = "CANCELLED";
 
 /// What a change may have touched besides `transferred` and `size`.
 enum class TransferChange : std::uint8_t {
@@ -148,18 +155,20 @@ class TransferRecords {
  private:
   struct Running {
     TransferRecord record;
-    std::uint64_t toldMs = 0;   // utils::nowMs() when the observer was told last
-    bool hasNews = false;       // progress that it was not told
-    std::string userInfo = {};  // of the URI, to be removed from reasons
+    std::string userInfo;      // of the URI, to be removed from the reason
+    std::uint64_t toldMs = 0;  // utils::nowMs() when the observer was told last
+    bool hasNews = false;      // progress that it was not told
   };
 
   Running* running(std::uint64_t number);
   void tell(Running& running, TransferChange change);
+  void setNews(Running& running, bool hasNews);
+  void keepEnded(TransferRecord record);
 
   TransferObserver* observer_ = nullptr;
   TransferCanceller* canceller_ = nullptr;
   std::uint64_t lastNumber_ = 0;
-  std::size_t withNews_ = 0;
+  std::size_t withNews_ = 0;  // how many have news
   std::map<std::uint64_t, Running> running_;
   std::deque<TransferRecord> ended_;  // in the order of their ends
 };
