@@ -5,6 +5,7 @@
 #include "CtlCommandsHandler.h"
 #include "InstallFixture.h"
 #include "RoutingFixture.h"
+#include "kova/utils/Process.h"
 
 namespace kova::ctlserver {
 namespace {
