@@ -143,7 +143,7 @@ class PolicyTest : public ::testing::Test {
   Recorder handler_{&ipc_};
 };
 
-TEST_F(PolicyTest, OutsidersNeitherSendNorOwnNorWatch) {
+TEST_F(PolicyTest, OutsidersCannotSendOwnOrMonitor) {
   EXPECT_EQ(AsOther(kNoGroup, Send), kDenied);
   EXPECT_EQ(AsOther(kNoGroup, Introspect), kDenied);
   EXPECT_EQ(AsOther(kNoGroup, Own("kova.test2")), kDenied);
@@ -156,7 +156,7 @@ TEST_F(PolicyTest, OutsidersNeitherSendNorOwnNorWatch) {
   EXPECT_EQ(handler_.requests.size(), 1U);
 }
 
-TEST_F(PolicyTest, MembersSendAndBroadcastAndOwnClientNamesOnly) {
+TEST_F(PolicyTest, MembersSendBroadcastAndOwnClientNames) {
   EXPECT_EQ(AsOther(kOtherUser, Send), "");
   EXPECT_EQ(handler_.requests.size(), 1U);
   EXPECT_EQ(AsOther(kOtherUser, Introspect), "");
