@@ -55,15 +55,35 @@ bool hasImpossiblePort(std::string_view authority) {
   return !std::ranges::all_of(authority.substr(colon + 1), isDigit);
 }
 
+/// Where the host begins in what starts with an authority: behind the "@" after the user
+/// information, or at 0.
+std::size_t hostOf(std::string_view rest) {
+  std::size_t host = 0;
+  while (true) {
+    const std::string_view left = rest.substr(host);
+    const std::string_view authority = left.substr(0, left.find_first_of("/?#"));
+    std::size_t at = authority.rfind('@');
+    if (at == std::string_view::npos && hasImpossiblePort(authority)) {
+      at = left.rfind('@');
+    }
+    if (at == std::string_view::npos) {
+      return host;
+    }
+    host += at + 1;
+  }
+}
+
 /// Whether a character of a text ends the URI that it is in.
 bool endsUri(char character) {
   return character == ' ' || character == '\'' || character == '"' || character == '<' ||
          character == '>';
 }
 
+/// Also removes what a removal puts together.
 void removeAll(std::string& text, const std::string& what) {
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at)) {
+  for (std::size_t at = text.find(what); at != std::string::npos;) {
     text.erase(at, what.size());
+    at = text.find(what, at - std::min(at, what.size()));
   }
 }
 
@@ -89,26 +109,17 @@ std::string displayText(std::string_view text, std::size_t most) {
 
 std::string_view userInfoOf(std::string_view uri) {
   const std::string_view rest = uri.substr(authorityOf(uri));
-  const std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
-  const std::size_t at =
-      authority.find('@') == std::string_view::npos && hasImpossiblePort(authority)
-          ? rest.rfind('@')
-          : authority.rfind('@');
-  return at == std::string_view::npos ? rest.substr(0, 0) : rest.substr(0, at);
+  const std::size_t host = hostOf(rest);
+  return rest.substr(0, host == 0 ? 0 : host - 1);
 }
 
 std::string withoutUserInfo(std::string_view uri) {
   const std::size_t authority = authorityOf(uri);
-  const std::string_view userInfo = userInfoOf(uri);
-  const std::string_view rest = uri.substr(authority + userInfo.size());
-  const bool hasAt = !rest.empty() && rest[0] == '@';
-  return std::string(uri.substr(0, authority)).append(rest.substr(hasAt ? 1 : 0));
+  const std::string_view rest = uri.substr(authority);
+  return std::string(uri.substr(0, authority)).append(rest.substr(hostOf(rest)));
 }
 
 std::string withoutCredentials(std::string text, const std::string& userInfo) {
-  if (!userInfo.empty()) {
-    removeAll(text, userInfo + "@");
-  }
   for (std::size_t at = text.find(":/"); at != std::string::npos; at = text.find(":/", at + 1)) {
     std::size_t begin = at;
     while (begin > 0 && (isLetter(text[begin - 1]) || isDigit(text[begin - 1]))) {
@@ -118,6 +129,9 @@ std::string withoutCredentials(std::string text, const std::string& userInfo) {
         std::find_if(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), endsUri);
     const auto length = static_cast<std::size_t>(end - text.begin()) - begin;
     text.replace(begin, length, withoutUserInfo(text.substr(begin, length)));
+  }
+  if (!userInfo.empty()) {
+    removeAll(text, userInfo + "@");
   }
   return text;
 }

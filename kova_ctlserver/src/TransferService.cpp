@@ -133,7 +133,7 @@ bool TransferService::RegisterIfReady(const std::string& uri, TransferRun& run) 
                        task.timeout(), task.certFile(), task.privKeyFile(), task.caCertFile())) {
     KOVA_LOG_IN("service", LOG_WARNING, 0, "Failed to register transfer, task=%s, uri=%s",
                 task.name().c_str(), uri.c_str());
-    run.cause = Cause();
+    run.cause = run.registered ? "this ended its transfer" : Cause();
     cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
     return false;
   }
