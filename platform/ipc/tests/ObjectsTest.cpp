@@ -225,7 +225,7 @@ TEST_F(ObjectsTest, PropertiesAreReadAsTheirTypes) {
   EXPECT_EQ(size, 10U);
 }
 
-TEST_F(ObjectsTest, TheManagerTellsWhatIsThere) {
+TEST_F(ObjectsTest, ManagerTellsWhatIsThere) {
   Publish();
   EXPECT_EQ(Managed(),
             (std::vector<std::string>{"/kova/things/1 kova.Thing1", "/kova/things/7 kova.Thing1"}));
@@ -248,7 +248,7 @@ TEST_F(ObjectsTest, IntrospectionTellsNodesAndInterfaces) {
   EXPECT_EQ(thing.find("kova.Ipc1"), std::string::npos) << thing;
 }
 
-TEST_F(ObjectsTest, AnEndpointThatPublishesNothingManagesNothing) {
+TEST_F(ObjectsTest, NothingPublishedMeansNoManager) {
   Join();
   EXPECT_EQ(Error("/kova", kManager, "GetManagedObjects"),
             "org.freedesktop.DBus.Error.UnknownMethod");
@@ -321,7 +321,7 @@ TEST_F(ObjectsTest, MethodsAnswerOrTellTheirError) {
   EXPECT_EQ(things_.calls.size(), 2U);
 }
 
-TEST_F(ObjectsTest, ExceptionsEndAtTheBus) {
+TEST_F(ObjectsTest, ExceptionsStayInProcess) {
   Publish();
   things_.broken = true;
   EXPECT_EQ(Name("/kova/things/1"), kFailed);
@@ -332,7 +332,7 @@ TEST_F(ObjectsTest, ExceptionsEndAtTheBus) {
   EXPECT_EQ(Name("/kova/things/1"), "one");
 }
 
-TEST_F(ObjectsTest, AValueOfAnotherTypeFailsItsRead) {
+TEST_F(ObjectsTest, ValueOfOtherTypeFailsItsRead) {
   Publish();
   box_.full = std::string("yes");
   EXPECT_NE(Get("/kova", "kova.Box1", "Full")->error, "");
@@ -414,7 +414,7 @@ TEST_F(ObjectsTest, PublishingIsForBeforeJoining) {
   EXPECT_TRUE(ipc_.objects().Changed(box_, {kFull}));
 }
 
-TEST_F(ObjectsTest, AfterAFailedJoinItCanBeTriedAgain) {
+TEST_F(ObjectsTest, JoinCanBeTriedAgain) {
   Ipc first;
   ASSERT_TRUE(first.Init("test", false, nullptr));
   EXPECT_TRUE(ipc_.objects().Publish(kBox, &box_));
@@ -442,7 +442,7 @@ TEST_F(ObjectsTest, OddTextsAreShownRepaired) {
 }
 
 // A longer answer would cost the endpoint its connection to the bus.
-TEST_F(ObjectsTest, AnAnswerAboutTooManyObjectsIsRefused) {
+TEST_F(ObjectsTest, AnswerAboutTooManyObjectsIsRefused) {
   Publish();
   for (std::uint64_t number = 1; number <= 100'000; ++number) {
     things_.things[number] = {"name", 1, number};
@@ -461,7 +461,7 @@ TEST_F(ObjectsTest, AnAnswerAboutTooManyObjectsIsRefused) {
   EXPECT_EQ(Managed().size(), 100U);
 }
 
-TEST_F(ObjectsTest, AFloodOfReadsIsServedInPasses) {
+TEST_F(ObjectsTest, FloodOfReadsIsServedInPasses) {
   Publish();
   constexpr int kReads = 1'000;
   std::vector<std::shared_ptr<Received>> answers;
@@ -484,7 +484,7 @@ TEST_F(ObjectsTest, AFloodOfReadsIsServedInPasses) {
 }
 
 // Two hundred answers of 400 kB are 80 MB.
-TEST_F(ObjectsTest, LargeAnswersToADeafPeerDoNotPileUp) {
+TEST_F(ObjectsTest, LargeAnswersToDeafPeerDoNotPileUp) {
   Publish();
   for (std::uint64_t number = 1; number <= 100; ++number) {
     things_.things[number] = {std::string(4'000, 'x'), 1, number};
@@ -508,7 +508,7 @@ TEST_F(ObjectsTest, LargeAnswersToADeafPeerDoNotPileUp) {
   EXPECT_EQ(Name("/kova/things/1").size(), 4'000U);
 }
 
-TEST_F(ObjectsTest, WhileTheBusDoesNotReadSignalsAreRefused) {
+TEST_F(ObjectsTest, SignalsAreRefusedWhileBusDoesNotRead) {
   Publish();
   kill(privateBus_.pid(), SIGSTOP);
   int accepted = 0;

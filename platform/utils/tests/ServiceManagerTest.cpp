@@ -80,13 +80,13 @@ TEST_F(ServiceManagerTest, ReadyIsTold) {
   EXPECT_EQ(Told({{"NOTIFY_SOCKET", Path()}}, notifyReady), std::vector<std::string>{"READY=1"});
 }
 
-TEST_F(ServiceManagerTest, AnAbstractSocketIsToldToo) {
+TEST_F(ServiceManagerTest, AbstractSocketIsToldToo) {
   const std::string name = "@kova-test-" + std::to_string(getpid());
   Listen(name);
   EXPECT_EQ(Told({{"NOTIFY_SOCKET", name}}, notifyReady), std::vector<std::string>{"READY=1"});
 }
 
-TEST_F(ServiceManagerTest, WithoutASocketNothingIsTold) {
+TEST_F(ServiceManagerTest, NothingIsToldWithoutSocket) {
   Listen(Path());
   const auto act = [] {
     unsetenv("NOTIFY_SOCKET");
@@ -97,7 +97,7 @@ TEST_F(ServiceManagerTest, WithoutASocketNothingIsTold) {
   EXPECT_TRUE(Told({{"NOTIFY_SOCKET", ""}, {"WATCHDOG_USEC", "1000"}}, notifyReady).empty());
 }
 
-TEST_F(ServiceManagerTest, ASocketThatIsNoneIsLogged) {
+TEST_F(ServiceManagerTest, UnusableSocketIsLogged) {
   const char* kText = "Unable to tell the service manager that the start is complete";
   for (const std::string& socket :
        {Path(), std::string("relative"), std::string("vsock:1:2"), "/" + std::string(200, 'x')}) {
@@ -110,7 +110,7 @@ TEST_F(ServiceManagerTest, ASocketThatIsNoneIsLogged) {
   }
 }
 
-TEST_F(ServiceManagerTest, AliveIsToldAtHalfOfTheTime) {
+TEST_F(ServiceManagerTest, AliveIsToldAtHalfTime) {
   Listen(Path());
   const auto told = ToldAlive("400000", [] { callFor(900); });
   EXPECT_GE(told.size(), 2U);
@@ -134,7 +134,7 @@ TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
                }).empty());
 }
 
-TEST_F(ServiceManagerTest, LongWaitsTellThatTheProcessLives) {
+TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
   Listen(Path());
   constexpr char kWatchdogUs[] = "200000";
   EXPECT_GE(ToldAlive(kWatchdogUs, [] { sysExecSimple("/bin/sleep", "1"); }).size(), 4U);
@@ -151,7 +151,7 @@ TEST_F(ServiceManagerTest, LongWaitsTellThatTheProcessLives) {
 }
 
 // Its queue holds some hundred messages at most, see net.unix.max_dgram_qlen.
-TEST_F(ServiceManagerTest, AManagerThatDoesNotReadHoldsNobodyUp) {
+TEST_F(ServiceManagerTest, DeafManagerHoldsNobodyUp) {
   Listen(Path());
   const auto before = nowMs();
   const auto told = ToldAlive("2", [] {

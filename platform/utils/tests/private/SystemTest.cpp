@@ -10,7 +10,7 @@ namespace {
 
 constexpr char kFile[] = "/run/firmware_version";
 
-TEST(SystemTest, TheFirmwareVersionIsTheFirstLine) {
+TEST(SystemTest, FirmwareVersionIsFirstLine) {
   unlink(kFile);
   EXPECT_EQ(firmwareVersion(), "");
   std::ofstream(kFile) << " 1.2.3-rc4 \nbuilt today\n";
@@ -22,7 +22,7 @@ TEST(SystemTest, TheFirmwareVersionIsTheFirstLine) {
   unlink(kFile);
 }
 
-TEST(SystemTest, TheBootIdIsTheKernels) {
+TEST(SystemTest, BootIdIsOfKernel) {
   std::string id;
   std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
   EXPECT_EQ(id.size(), 36U);
