@@ -6,6 +6,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Remote.h"
 #include "../Suggestion.h"
 #include "../Text.h"
 #include "kova/messages/Requests.h"
@@ -106,12 +107,12 @@ Action setUpService(CommandLine& line) {
     sub->Argument("NAME", *service, "Name of the service");
   }
   line.Footer(
-      "The list shows the services in /etc/sv of the local machine, so run it on the camera. The "
+      "The list shows the services in /etc/sv of the local machine, or of that of --host. The "
       "states require root.");
   return [service, list, start](const Options& options) {
     using namespace ipc::messages;
     if (list.Given()) {
-      return showList(options);
+      return options.host.empty() ? showList(options) : runThere(options, {"service", "list"});
     }
     return start.Given() ? control<StartService>(options, *service, "is started.")
                          : control<StopService>(options, *service, "is stopped.");
