@@ -109,11 +109,9 @@ ExitStatus Client::Send(BaseRequestMessage& request, bool responseExpected) {
 
 ExitStatus Client::Post(BaseRequestMessage& request) {
   const ExitStatus sent = Send(request, false);
-  if (sent == ExitStatus::Ok) {
-    // A round trip: a program that carries the connection ends with it, at once.
-    static_cast<void>(ipc_.IsPresent(request.to()));
-  }
-  return sent;
+  return sent != ExitStatus::Ok || ipc_.Flush()
+             ? sent
+             : fail(ExitStatus::Unreachable, "the connection to the bus was lost");
 }
 
 Reply Client::Request(BaseRequestMessage& request, std::uint32_t timeoutMs,

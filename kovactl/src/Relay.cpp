@@ -73,7 +73,7 @@ class Relay {
   // as a half-close: answers may follow; `out` has closed: what was said before may still arrive;
   // the bus has closed: done.
   ExitStatus Run() {
-    while (!busClosed_) {
+    while (!busClosed_ && !(up_.Ended() && outClosed_)) {
       const int ready = Await();
       if (stopRequested()) {
         return stopStatus();
@@ -81,7 +81,7 @@ class Relay {
       if (ready < 0 && errno != EINTR) {
         return fail(ExitStatus::Local, std::string("cannot wait: ") + std::strerror(errno));
       }
-      if (ready == 0 || (up_.Ended() && outClosed_)) {
+      if (ready == 0) {
         break;
       }
       if (ready > 0) {

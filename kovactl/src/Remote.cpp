@@ -98,17 +98,25 @@ std::string escaped(std::string_view text) {
   _exit(kSshMissing);
 }
 
+std::string sshCommand(const std::string& text) {
+  Remote remote;
+  std::string error;
+  parseRemote(text, remote, error);
+  return "\"ssh " + (remote.port.empty() ? "" : "-p " + remote.port + " ") + remote.login + "\"";
+}
+
 std::string explainSsh(const std::string& text, int status) {
   switch (status) {
     case kSshMissing:
       return "cannot run ssh: install it (package openssh-client)";
     case kSshFailed:
-      return "cannot log in to " + text + ": ssh says why above";
+      return "cannot log in to " + text + ", ssh says why above: " + sshCommand(text) +
+             " must work first";
     case kCommandMissing:
     case kCommandNotRun:
       return "no kovactl on " + text + ": install the package kovactl there";
     case static_cast<int>(ExitStatus::Usage):
-      return "kovactl on " + text + " cannot do that: is it of the same version?";
+      return "kovactl on " + text + " is too old for this: update it";
     default:
       return "";
   }
@@ -210,8 +218,8 @@ std::string explainRemote(const std::string& text, const std::string& problem) {
   }
   return problem.ends_with(std::strerror(ETIMEDOUT))
              ? text + " does not answer"
-             : "the connection to " + text + " failed (" + problem + "): \"ssh " + text +
-                   " true\" must print nothing";
+             : "the connection to " + text + " failed (" + problem +
+                   "): does the shell there print something when it starts?";
 }
 
 }  // namespace kova::ctl

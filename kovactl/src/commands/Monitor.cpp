@@ -125,7 +125,7 @@ ExitStatus monitor(const Options& options) {
     }
     const bool joined = !error.starts_with("Unable to join");
     const std::string why = !joined                 ? explainJoin(options.host, "", error)
-                            : !options.host.empty() ? "root is required; use --host root@..."
+                            : !options.host.empty() ? "root is required; log in there as root"
                             : geteuid() != 0        ? "root is required; use sudo"
                                                     : error;
     return fail(ExitStatus::Unreachable, "cannot monitor the bus: " + why);

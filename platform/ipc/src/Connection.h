@@ -19,6 +19,7 @@ class Ipc::Connection {
   bool Service(unsigned timeoutMs);
   bool Send(messages::BaseRequestMessage& request);
   bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
+  bool Flush();
   bool IsPresent(const std::string& endpoint) const;
 
  private:
