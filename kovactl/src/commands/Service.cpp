@@ -1,3 +1,5 @@
+#include "Service.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <set>
@@ -21,19 +23,6 @@ namespace fs = std::filesystem;
 constexpr const char* kInstalled = "/etc/sv";
 constexpr const char* kStarted = "/etc/service";
 constexpr const char* kSv = "/usr/bin/sv";
-
-std::vector<std::string> installedServices() {
-  std::set<std::string> names;
-  std::error_code error;
-  for (fs::directory_iterator entry(kInstalled, error); !error && entry != fs::directory_iterator();
-       entry.increment(error)) {
-    std::error_code ignored;
-    if (entry->is_directory(ignored)) {
-      names.insert(entry->path().filename().string());
-    }
-  }
-  return {names.begin(), names.end()};
-}
 
 // "run", "down" or "unknown"; sv(8) requires root.
 std::string stateOf(const std::string& service, bool started) {
@@ -97,6 +86,19 @@ ExitStatus control(const Options& options, const std::string& service, const cha
 }
 
 }  // namespace
+
+std::vector<std::string> installedServices() {
+  std::set<std::string> names;
+  std::error_code error;
+  for (fs::directory_iterator entry(kInstalled, error); !error && entry != fs::directory_iterator();
+       entry.increment(error)) {
+    std::error_code ignored;
+    if (entry->is_directory(ignored)) {
+      names.insert(entry->path().filename().string());
+    }
+  }
+  return {names.begin(), names.end()};
+}
 
 Action setUpService(CommandLine& line) {
   auto service = std::make_shared<std::string>();
