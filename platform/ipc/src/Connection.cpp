@@ -89,6 +89,13 @@ bool Ipc::Connection::Respond(messages::BaseRequestMessage& request,
   return session_ != nullptr && session_->incoming.Respond(request, response);
 }
 
+// Messages keep their order, so that an answer of the bus to the last one tells of all.
+bool Ipc::Connection::Flush() {
+  return session_ != nullptr && !lost_ &&
+         sd_bus_call_method(session_->bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                            "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "") >= 0;
+}
+
 bool Ipc::Connection::IsPresent(const std::string& endpoint) const {
   return session_ != nullptr && session_->outgoing.IsPresent(endpoint);
 }

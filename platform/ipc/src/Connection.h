@@ -20,6 +20,7 @@ class Ipc::Connection {
   bool Service(unsigned timeoutMs);
   bool Send(messages::BaseRequestMessage& request);
   bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
+  bool Flush();
   bool IsPresent(const std::string& endpoint) const;
   Objects& objects() { return objects_; }
 

@@ -56,6 +56,10 @@ bool Ipc::SendResponse(messages::BaseRequestMessage& request,
   return guarded(__func__, false, [&] { return connection_->Respond(request, response); });
 }
 
+bool Ipc::Flush() {
+  return guarded(__func__, false, [&] { return connection_->Flush(); });
+}
+
 bool Ipc::IsPresent(const std::string& endpoint) const {
   return guarded(__func__, false, [&] { return connection_->IsPresent(endpoint); });
 }

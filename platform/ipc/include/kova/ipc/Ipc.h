@@ -68,6 +68,11 @@ class Ipc {
   /// @return false if no such request is being handled or the answer could not be sent
   bool SendResponse(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
 
+  /// Waits, for a bounded time, until the bus has received all that was sent. For a process that
+  /// ends after sending: what a program that carries the connection still holds is lost with it.
+  /// @return false if the bus does not answer
+  bool Flush();
+
   /// Whether an endpoint of this name is on the bus.
   bool IsPresent(const std::string& endpoint) const;
 
