@@ -46,7 +46,7 @@ TEST_F(ConnectionTest, SendsWithoutName) {
   EXPECT_TRUE(Until([&] { return !handler.requests.empty(); }));
 }
 
-TEST_F(ConnectionTest, FlushTellsWhetherTheBusHasAll) {
+TEST_F(ConnectionTest, FlushTellsWhetherBusHasAll) {
   EXPECT_FALSE(ipc_.Flush());
   Join();
   EXPECT_TRUE(ipc_.Flush());
