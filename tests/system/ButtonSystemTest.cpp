@@ -137,11 +137,16 @@ struct Held {
   explicit Held(Camera& held) : camera(held), mark(held) {
     EXPECT_EQ(camera.ctl({"settings", "name=Saved"}).status, 0);
     EXPECT_EQ(camera.ctl({"save", "--sync"}).status, 0);
+    EXPECT_TRUE(eventually([this] { return isOnTheBus("kova_sounds_leds"); }, seconds(30)));
     boot = camera.boots();
     pressed = Clock::now();
     camera.pressButton(true);
   }
 
+  bool isOnTheBus(const std::string& endpoint) const {
+    return camera.shell("busctl --address=unix:path=/run/kova/bus status kova." + endpoint)
+               .status == 0;
+  }
   bool waitForRelease() const { return mark.waitFor(kRelease, seconds(20)); }
   bool mayBeReleased() const { return !mark.linesWith(kRelease).empty(); }
   auto held() const { return Clock::now() - pressed; }

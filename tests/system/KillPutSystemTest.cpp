@@ -79,7 +79,8 @@ class Victim {
   void install(const std::string& logo) {
     const PlainServer server(logo);
     EXPECT_EQ(BusClient(camera_.busAddress()).call(put(server, logo)), "taken");
-    EXPECT_TRUE(eventually([&] { return describe(flashed(), "", logo) == "new new"; }));
+    EXPECT_TRUE(eventually([&] { return describe(flashed(), "", logo) == "new new"; },
+                           std::chrono::seconds(30)));
     EXPECT_EQ(live().logo, logo);
   }
 
