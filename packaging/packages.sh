@@ -15,7 +15,9 @@ kova_packages() {
         printf '%s\n' busybox bubblewrap dbus-daemon runit systemd openssl curl tzdata util-linux
         ;;
       tests)
-        printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3 python3-dbus
+        # The libraries of sshd that others may not need: it is not installed itself, see ./dev.
+        printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3 python3-dbus fish openssh-client \
+          libpam0g libwrap0
         ;;
       arm64)
         printf '%s\n' g++-aarch64-linux-gnu qemu-user-static

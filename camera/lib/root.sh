@@ -54,10 +54,16 @@ place_flash() {
   fi
 }
 
+# copy_skeleton SOURCE... TARGET: whoever checked the sources out, and with whatever umask, the files are root's.
+copy_skeleton() {
+  cp -a --no-preserve=ownership "$@"
+  chmod -R go-w "${@: -1}"
+}
+
 install_skeleton() {
   local packaging=$CAMERA_HOME/../packaging
-  cp -a "$CAMERA_HOME/rootfs/sbin/." "$root/sbin/"
-  cp -a "$CAMERA_HOME/rootfs/usr/." "$root/usr/"
+  copy_skeleton "$CAMERA_HOME/rootfs/sbin/." "$root/sbin/"
+  copy_skeleton "$CAMERA_HOME/rootfs/usr/." "$root/usr/"
   # Install the services of the packages.
   cp "$packaging/dbus/kova-bus.conf" "$packaging"/runit/service* "$root/usr/share/kova/"
   cp "$packaging"/kova_{members,tidy} "$root/usr/libexec/"
@@ -80,8 +86,8 @@ install_info() {
 # The factory default of /etc: the skeleton and the services, with the name of the model.
 install_factory_default() {
   local factory=$root/usr/share/factory/etc name service
-  cp -a "$CAMERA_HOME/rootfs/etc" "$root/usr/share/factory/"
-  cp -a "$CAMERA_HOME"/../packaging/runit/kova_* "$factory/sv/"
+  copy_skeleton "$CAMERA_HOME/rootfs/etc" "$root/usr/share/factory/"
+  copy_skeleton "$CAMERA_HOME"/../packaging/runit/kova_* "$factory/sv/"
   if has_sanitizers; then suit_sanitizers "$factory/sv"; fi
   name=$(sed -nE 's/.*"name"[[:space:]]*:[[:space:]]*"([^"\\]*)".*/\1/p' "$root/usr/share/kova/camera_info.json")
   printf 'resolv.host.1.name=%s\n' "${name%%$'\n'*}" >>"$factory/system.cfg"

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DeviceObject.h"
 #include "Persistence.h"
 #include "ResetButtonsReactor.h"
 #include "TransferService.h"
@@ -95,6 +96,9 @@ class CtlServer {
   bool putRequest(ipc::messages::PutRequest& request);
   bool updateFirmware(ipc::messages::UpdateFirmwareRequest& request);
 
+  /// What clients of the bus are shown of the device.
+  DeviceState deviceState() const;
+
   /// One record for each request of the three above.
   TransferRecords& transferRecords() { return transferService_.records(); }
 
@@ -123,6 +127,7 @@ class CtlServer {
   gpio::ResetButtonCase resetButton_;
   ResetButtonsReactor resetReactor_;
   bool ended_ = false;
+  std::uint32_t settingsChanges_ = 0;
 };
 
 }  // namespace kova::ctlserver

@@ -13,7 +13,7 @@ _kovactl_command() {
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
     case $word in
-      --bus | --timeout) ((i++)) ;;
+      -H | --host | --bus | --timeout) ((i++)) ;;
       -*) ;;
       *)
         _kovactl_path+=("$word")
@@ -25,7 +25,7 @@ _kovactl_command() {
 }
 
 _kovactl_options() {
-  local common='--bus --timeout --json --verbose --help'
+  local common='--host --bus --timeout --json --verbose --help'
   case $1 in
     '') echo "$common --version" ;;
     stats) echo "$common --watch" ;;
@@ -52,7 +52,7 @@ _kovactl_arguments() {
       if ((count == 1)); then
         printf '%s\n' list start stop
       elif ((count == 2)) && [[ ${_kovactl_path[1]} != list ]]; then
-        kovactl service list | sed 's/ .*//'
+        kovactl __complete services
       fi
       ;;
     help)
@@ -75,10 +75,20 @@ _kovactl_arguments() {
   esac
 }
 
+# Bash splits "what=sn" into three words, and "sync:=tr" into three or four, by whether ":" is a word break.
+_kovactl_values() {
+  local at=$((COMP_CWORD - 1)) field
+  [[ ${COMP_WORDS[COMP_CWORD]} == *=* ]] && at=$COMP_CWORD
+  field=${COMP_WORDS[at - 1]}
+  [[ $field != : ]] || field=${COMP_WORDS[at - 2]}
+  mapfile -t COMPREPLY < <(compgen -W "$(kovactl __complete values "${_kovactl_path[1]}" "${field%:}")" -- \
+    "${COMP_WORDS[COMP_CWORD]##*=}")
+}
+
 _kovactl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local -a commands=(stats settings timezones reset-settings user service save reboot
-    reset-defaults exit-service put get firmware call monitor listen help)
+    reset-defaults exit-service put get firmware call monitor listen bridge help)
   local -a _kovactl_path
   local _kovactl_first
   _kovactl_command
@@ -89,6 +99,10 @@ _kovactl() {
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
       ;;
+    -H | --host)
+      mapfile -t COMPREPLY < <(compgen -A hostname -- "$current")
+      return
+      ;;
     --bus | --timeout | --delay | --hash | --filename | --field | --name) return ;;
   esac
   if [[ $current == -* ]]; then
@@ -96,6 +110,8 @@ _kovactl() {
   elif [[ ${_kovactl_path[*]-} == "settings timezone"* && "$previous$current" == *=* ]]; then
     # Bash splits "timezone=Eu" into three words.
     mapfile -t COMPREPLY < <(compgen -W "$(kovactl __complete zones)" -- "${current#=}")
+  elif [[ ${_kovactl_path[0]-} == call && "$previous$current" == *=* && ${#_kovactl_path[@]} -gt 2 ]]; then
+    _kovactl_values
   elif ((_kovactl_first == 0)); then
     _kovactl_words "$(printf '%s\n' "${commands[@]}")"
   else

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "Remote.h"
 #include "Text.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/UniqueFd.h"
@@ -24,11 +25,6 @@ namespace {
 
 constexpr std::string_view kDefaultAddress = "unix:path=/run/kova/bus";
 constexpr const char* kGroup = "kova";
-
-std::string busAddress() {
-  const char* given = std::getenv("KOVA_BUS_ADDRESS");
-  return given != nullptr && *given != '\0' ? given : std::string(kDefaultAddress);
-}
 
 // The path of the socket in an address; "" if it has none.
 std::string socketPath(const std::string& address) {
@@ -67,7 +63,8 @@ bool isListedInGroup(const std::string& user) {
   return false;
 }
 
-std::string explainName(const std::string& endpoint, const std::string& problem) {
+std::string explainName(const std::string& host, const std::string& endpoint,
+                        const std::string& problem) {
   const auto is = [&problem](int error) { return problem.ends_with(std::strerror(error)); };
   if (is(EINVAL)) {
     return "\"" + endpoint + "\" is not a valid endpoint name: choose one such as client.me";
@@ -76,7 +73,7 @@ std::string explainName(const std::string& endpoint, const std::string& problem)
     return "the name \"kova." + endpoint + "\" is taken on the bus: choose another";
   }
   if (is(EACCES) || is(EPERM)) {
-    return endpoint.starts_with("client.") ? explainDenial()
+    return endpoint.starts_with("client.") ? explainDenial(host)
                                            : "only root may use the name \"" + endpoint +
                                                  "\" on the bus: choose one such as client.me";
   }
@@ -89,8 +86,7 @@ std::string explainSocket(const std::string& path, const std::string& problem) {
     case ENOTDIR:
       return "no bus at unix:path=" + path +
              ": run kovactl on the camera (\"sv status kova_bus\" shows whether its bus is "
-             "running) "
-             "or choose another bus with --bus";
+             "running), or choose a camera with --host or another bus with --bus";
     case ECONNREFUSED:
       return "no bus listens at unix:path=" + path + ": start it with \"sv start kova_bus\"";
     case EACCES:
@@ -110,9 +106,18 @@ std::string explainSocket(const std::string& path, const std::string& problem) {
 
 }  // namespace
 
-std::string explainJoin(const std::string& endpoint, const std::string& problem) {
+std::string busAddress() {
+  const char* given = std::getenv("KOVA_BUS_ADDRESS");
+  return given != nullptr && *given != '\0' ? given : std::string(kDefaultAddress);
+}
+
+std::string explainJoin(const std::string& host, const std::string& endpoint,
+                        const std::string& problem) {
   if (problem.find("Unable to own the name") != problem.npos) {
-    return explainName(endpoint, problem);
+    return explainName(host, endpoint, problem);
+  }
+  if (!host.empty()) {
+    return explainRemote(host, problem);
   }
   const std::string address = busAddress();
   if (const std::string path = socketPath(address); !path.empty()) {
@@ -129,7 +134,11 @@ std::string explainJoin(const std::string& endpoint, const std::string& problem)
                          std::string(kDefaultAddress);
 }
 
-std::string explainDenial() {
+std::string explainDenial(const std::string& host) {
+  if (!host.empty()) {
+    return "only root and members of the group " + std::string(kGroup) + " may use the bus of " +
+           host + ": run \"adduser USER " + kGroup + "\" there as root";
+  }
   if (geteuid() == 0) {
     return "";
   }

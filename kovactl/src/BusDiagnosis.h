@@ -5,13 +5,19 @@
 /// Explains, in one line, why this process cannot use the bus and what its user can do about it.
 namespace kova::ctl {
 
+/// The address of the bus: KOVA_BUS_ADDRESS or the default.
+std::string busAddress();
+
 /// Explains why the bus could not be joined. Connects once more to find out.
+/// @param host     the remote camera whose bus it is; "" for this machine
 /// @param endpoint the name to own on the bus; "" for none
 /// @param problem  the message of the bus library, returned if nothing better is found
-std::string explainJoin(const std::string& endpoint, const std::string& problem);
+std::string explainJoin(const std::string& host, const std::string& endpoint,
+                        const std::string& problem);
 
 /// Explains why the bus policy denied a request; "" for root, whom it never denies anything.
-std::string explainDenial();
+/// @param host see explainJoin()
+std::string explainDenial(const std::string& host = "");
 
 /// The log messages of the libraries. kovactl replaces the logger: a failed command does not belong
 /// in the camera's system log, so messages are kept to explain the failure and printed only on

@@ -85,7 +85,9 @@ ExitStatus Client::Join(const std::string& endpoint, ipc::BaseHandler* receiver)
     return fail(ExitStatus::Local, "cannot receive: " + library_log::lastProblem());
   }
   if (!ipc_.Init(endpoint, receiver != nullptr, answers_.get())) {
-    return fail(ExitStatus::Unreachable, explainJoin(endpoint, library_log::lastProblem()));
+    return stopRequested() ? stopStatus()
+                           : fail(ExitStatus::Unreachable,
+                                  explainJoin(options_.host, endpoint, library_log::lastProblem()));
   }
   return ExitStatus::Ok;
 }
@@ -106,7 +108,10 @@ ExitStatus Client::Send(BaseRequestMessage& request, bool responseExpected) {
 }
 
 ExitStatus Client::Post(BaseRequestMessage& request) {
-  return Send(request, false);
+  const ExitStatus sent = Send(request, false);
+  return sent != ExitStatus::Ok || ipc_.Flush()
+             ? sent
+             : fail(ExitStatus::Unreachable, "the connection to the bus was lost");
 }
 
 Reply Client::Request(BaseRequestMessage& request, std::uint32_t timeoutMs,
@@ -151,8 +156,9 @@ Reply Client::Judge(BaseRequestMessage& request, const std::string& refusal) {
                                                  (refusal.empty() ? "" : ": " + refusal));
     return reply;
   }
-  if (answers_->error == "org.freedesktop.DBus.Error.AccessDenied" && !explainDenial().empty()) {
-    reply.status = fail(ExitStatus::Unreachable, explainDenial());
+  if (answers_->error == "org.freedesktop.DBus.Error.AccessDenied" &&
+      !explainDenial(options_.host).empty()) {
+    reply.status = fail(ExitStatus::Unreachable, explainDenial(options_.host));
     return reply;
   }
   if (!answers_->error.empty()) {
@@ -190,7 +196,7 @@ ExitStatus Client::Serve(const std::function<bool()>& done, std::uint32_t timeou
       return ExitStatus::NoAnswer;
     }
     if (!ipc_.Service(left < kSliceMs ? static_cast<unsigned>(left) : kSliceMs)) {
-      return ExitStatus::Unreachable;
+      return stopRequested() ? stopStatus() : ExitStatus::Unreachable;
     }
   }
   return ExitStatus::Ok;

@@ -14,6 +14,7 @@ constexpr const char* kExamples =
     "  kovactl settings name=Porch      rename the camera\n"
     "  kovactl put logo https://10.0.0.2/logo.png --file logo.png --wait\n"
     "  kovactl call GetSystemStats wifi:=false --json\n"
+    "  kovactl -H root@10.0.0.5 stats   the same on a remote camera, through ssh\n"
     "\n";
 
 constexpr const char* kSeeAlso =
@@ -40,8 +41,10 @@ const std::vector<Command>& commands() {
       {"call", kBus, "Send any request and print its answer", setUpCall},
       {"monitor", kBus, "Print all messages on the bus", setUpMonitor},
       {"listen", kBus, "Register an endpoint and print what it receives", setUpListen},
+      {"bridge", kBus, "Connect standard input and output with the bus", setUpBridge},
       {"help", kHelp, "Show the help of a command", setUpHelp},
       {"__complete", "", "Print candidates for shell completion", setUpComplete},
+      {"__ssh", "", "Become the ssh of a connection", setUpSsh},
   };
   return all;
 }

@@ -83,7 +83,9 @@ std::string overviewFooter();
 
 // Defined in commands/: save, reboot, reset-defaults and exit-service in Maintenance.cpp, settings
 // and reset-settings in Settings.cpp, put and firmware in Put.cpp, monitor and listen in
-// Monitor.cpp, help and __complete in Help.cpp, every other command in a file of its name.
+// Monitor.cpp, help and __complete in Help.cpp, bridge and __ssh in Bridge.cpp, every other command
+// in a file of its name.
+Action setUpBridge(CommandLine& line);
 Action setUpCall(CommandLine& line);
 Action setUpComplete(CommandLine& line);
 Action setUpExitService(CommandLine& line);
@@ -99,6 +101,7 @@ Action setUpResetSettings(CommandLine& line);
 Action setUpSave(CommandLine& line);
 Action setUpService(CommandLine& line);
 Action setUpSettings(CommandLine& line);
+Action setUpSsh(CommandLine& line);
 Action setUpStats(CommandLine& line);
 Action setUpTimezones(CommandLine& line);
 Action setUpUser(CommandLine& line);

@@ -12,6 +12,7 @@ struct Options {
   static constexpr std::uint32_t kAnswerTimeoutMs = 10000;
 
   std::string bus;                         ///< bus address; "" leaves the choice to the library
+  std::string host;                        ///< remote camera, see Remote; "" for this machine
   std::optional<std::uint32_t> timeoutMs;  ///< time-out for an answer, if given
   bool json = false;                       ///< print JSON instead of text
   bool verbose = false;                    ///< print what the bus library logs

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "BusDiagnosis.h"
+#include "Remote.h"
 #include "Suggestion.h"
 #include "Terminal.h"
 #include "Text.h"
@@ -253,6 +254,8 @@ void Program::AddOptions() {
   app_->set_help_flag("-h,--help", "Print this help");
   app_->set_version_flag("-V,--version", "kovactl " KOVA_VERSION, "Print the version");
   CommandLine line(*app_);
+  line.Option("-H,--host", options_.host, "HOST",
+              "Camera to reach through ssh: [USER@]HOST[:PORT]");
   line.Option("--bus", options_.bus, "ADDRESS",
               "Address of the bus ($KOVA_BUS_ADDRESS or unix:path=/run/kova/bus)");
   line.Duration("--timeout", timeoutMs_, "How long to wait for an answer (10s)");
@@ -274,6 +277,24 @@ void Program::AddCommands() {
   }
 }
 
+ExitStatus Program::ChooseBus() {
+  if (app_->count("--host") > 0) {  // even if empty: never the local machine instead
+    Remote remote;
+    std::string error;
+    if (!parseRemote(options_.host, remote, error)) {
+      return fail(ExitStatus::Usage, error);
+    }
+    if (!options_.bus.empty()) {
+      return fail(ExitStatus::Usage, "--host and --bus exclude each other");
+    }
+    watchSsh();
+    setenv("KOVA_BUS_ADDRESS", remoteBusAddress(options_.host).c_str(), 1);
+  } else if (!options_.bus.empty()) {
+    setenv("KOVA_BUS_ADDRESS", options_.bus.c_str(), 1);
+  }
+  return ExitStatus::Ok;
+}
+
 ExitStatus Program::Run(int argc, const char* const* argv) {
   try {
     app_->parse(argc, argv);
@@ -284,8 +305,8 @@ ExitStatus Program::Run(int argc, const char* const* argv) {
     options_.timeoutMs = timeoutMs_;
   }
   library_log::verbose(options_.verbose);
-  if (!options_.bus.empty()) {
-    setenv("KOVA_BUS_ADDRESS", options_.bus.c_str(), 1);
+  if (const ExitStatus chosen = ChooseBus(); chosen != ExitStatus::Ok) {
+    return chosen;
   }
   catchStopSignals();
   return action_(options_);

@@ -26,6 +26,7 @@ class Program {
  private:
   void AddOptions();
   void AddCommands();
+  ExitStatus ChooseBus();
 
   std::unique_ptr<CLI::App> app_;
   Options options_;

@@ -162,6 +162,20 @@ std::vector<std::string> fieldAssignments(const std::string& function) {
   return words;
 }
 
+std::vector<std::string> fieldValues(const std::string& function, const std::string& field) {
+  for (const FieldDescription& description : ownFields(function)) {
+    if (description.key == field) {
+      std::vector<std::string> values = description.type == "bool"
+                                            ? std::vector<std::string>{"true", "false"}
+                                            : description.allowed;
+      // Those with an underscore stand for a missing value.
+      std::erase_if(values, [](const std::string& value) { return value.starts_with('_'); });
+      return values;
+    }
+  }
+  return {};
+}
+
 std::vector<std::string> doubts(const Variant& request) {
   const Variant* name = request.Find("functionName");
   const std::string function = name != nullptr ? name->ToText() : "";

@@ -23,6 +23,10 @@ std::vector<std::string> functionNames();
 /// The start of an assignment to each field of a function: "name=" or "sync:=".
 std::vector<std::string> fieldAssignments(const std::string& function);
 
+/// The values that a field of a function can take: those that are allowed, or "true" and "false".
+/// None where any value can be written.
+std::vector<std::string> fieldValues(const std::string& function, const std::string& field);
+
 /// What the receiver of a request would silently ignore or replace: unknown fields, values of the
 /// wrong type, values that are not allowed. One line each; none for a function that is not in the
 /// catalogue.

@@ -53,9 +53,20 @@ struct Document {
   std::string text;
 };
 
+// The text of the fish completion, with long options written as they are typed.
+std::string fishCompletion() {
+  std::string text = contentOf(KOVACTL_COMPLETIONS "/kovactl.fish");
+  const std::string mark = " -l ";
+  for (std::size_t at = text.find(mark); at != text.npos; at = text.find(mark, at)) {
+    text.replace(at, mark.size(), " --");
+  }
+  return text;
+}
+
 std::vector<Document> documents() {
   return {{"manual page", manualPage()},
           {"bash completion", contentOf(KOVACTL_COMPLETIONS "/kovactl.bash")},
+          {"fish completion", fishCompletion()},
           {"zsh completion", contentOf(KOVACTL_COMPLETIONS "/_kovactl")}};
 }
 

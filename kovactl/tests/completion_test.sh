@@ -38,7 +38,15 @@ expect event-heatmap get event-h
 expect --wait put logo --w
 expect GetSystemStats call Get
 expect wifi:= call GetSystemStats wi
+# As bash splits them.
+expect snapshot call GetRequest what = sn
+expect eventHeatmap call GetRequest what =
+expect - call GetRequest uri = ht
+expect true call SaveToFlash sync := t
+expect false call SaveToFlash sync : = f
 expect kova_ctlserver call Reboot --to ''
+expect start --host root@cam service st
+expect bridge br
 expect kova_sounds_leds listen kova_s
 expect - listen kova_sounds_leds ''
 expect name= settings n

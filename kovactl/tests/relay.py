@@ -1,13 +1,16 @@
 #!/usr/bin/python3
 """Carries one connection to a Unix socket: relay.py TARGET from standard input and to standard output, as a program
-of "unixexec:" does; relay.py TARGET SOCKET from SOCKET, which it makes and listens at, as ssh -L does."""
+of "unixexec:" does; relay.py TARGET SOCKET from SOCKET, which it makes and listens at, as ssh -L does. What goes to
+TARGET is late by RELAY_DELAY_S seconds."""
 
 import os
 import socket
 import sys
 import threading
+import time
 
 PATIENCE_S = 60
+DELAY_S = float(os.environ.get("RELAY_DELAY_S", "0"))
 
 
 def pump(read, write, close):
@@ -19,7 +22,12 @@ def pump(read, write, close):
 def both_ways(read, write, target):
     bus = socket.socket(socket.AF_UNIX)
     bus.connect(target)
-    forth = threading.Thread(target=pump, args=(read, bus.sendall, lambda: bus.shutdown(socket.SHUT_WR)), daemon=True)
+
+    def late(data):
+        time.sleep(DELAY_S)
+        bus.sendall(data)
+
+    forth = threading.Thread(target=pump, args=(read, late, lambda: bus.shutdown(socket.SHUT_WR)), daemon=True)
     forth.start()
     pump(lambda: bus.recv(65536), write, lambda: None)
 

@@ -3,6 +3,7 @@
 #include "../Client.h"
 #include "../Command.h"
 #include "../RequestFields.h"
+#include "Service.h"
 #include "Stats.h"
 #include "Timezones.h"
 
@@ -33,18 +34,35 @@ Words commandWords() {
   return words;
 }
 
-Words candidates(const std::string& topic, const std::string& word) {
+// The values of a field of a function, such as {"GetRequest", "what"}.
+Words values(const Words& words) {
+  if (words.size() != 2) {
+    return {};
+  }
+  const std::string& field = words.back();
+  return field == "service"    ? installedServices()
+         : field == "timezone" ? installedZones()
+                               : fieldValues(words.front(), field);
+}
+
+Words candidates(const std::string& topic, const Words& words) {
   if (topic == "functions") {
     return functionNames();
   }
   if (topic == "fields") {
-    return fieldAssignments(word);
+    return fieldAssignments(words.empty() ? "" : words.front());
+  }
+  if (topic == "values") {
+    return values(words);
   }
   if (topic == "sections") {
     return sections();
   }
   if (topic == "zones") {
     return installedZones();
+  }
+  if (topic == "services") {
+    return installedServices();
   }
   if (topic == "commands") {
     return commandWords();
@@ -71,11 +89,12 @@ Action setUpHelp(CommandLine& line) {
 Action setUpComplete(CommandLine& line) {
   auto topic = std::make_shared<std::string>();
   auto words = std::make_shared<Words>();
-  line.Argument("TOPIC", *topic, "functions, fields, sections, zones, commands or endpoints");
-  line.Arguments("WORD", *words, "The function whose fields to list");
+  line.Argument("TOPIC", *topic,
+                "functions, fields, values, sections, services, zones, commands or endpoints");
+  line.Arguments("WORD", *words, "The function whose fields to list, and the field whose values");
   return [topic, words](const Options&) {
     std::string text;
-    for (const std::string& word : candidates(*topic, words->empty() ? "" : words->front())) {
+    for (const std::string& word : candidates(*topic, *words)) {
       text += word + "\n";
     }
     return show(text);

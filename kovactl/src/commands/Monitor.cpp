@@ -120,10 +120,14 @@ ExitStatus monitor(const Options& options) {
   ipc::BusMonitor bus;
   std::string error;
   if (!bus.Open(error)) {
+    if (stopRequested()) {
+      return stopStatus();
+    }
     const bool joined = !error.starts_with("Unable to join");
-    const std::string why = joined && geteuid() != 0 ? "root is required; use sudo"
-                            : joined                 ? error
-                                                     : explainJoin("", error);
+    const std::string why = !joined                 ? explainJoin(options.host, "", error)
+                            : !options.host.empty() ? "root is required; log in there as root"
+                            : geteuid() != 0        ? "root is required; use sudo"
+                                                    : error;
     return fail(ExitStatus::Unreachable, "cannot monitor the bus: " + why);
   }
   ExitStatus shown = ExitStatus::Ok;
@@ -138,7 +142,7 @@ ExitStatus monitor(const Options& options) {
     if (stopRequested()) {
       return stopStatus();
     }
-    if (!bus.Service(kSliceMs, print)) {
+    if (!bus.Service(kSliceMs, print) && !stopRequested()) {
       return fail(ExitStatus::Unreachable, "the connection to the bus was lost");
     }
   }

@@ -1,3 +1,5 @@
+#include "Service.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <set>
@@ -6,6 +8,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Remote.h"
 #include "../Suggestion.h"
 #include "../Text.h"
 #include "kova/messages/Requests.h"
@@ -20,19 +23,6 @@ namespace fs = std::filesystem;
 constexpr const char* kInstalled = "/etc/sv";
 constexpr const char* kStarted = "/etc/service";
 constexpr const char* kSv = "/usr/bin/sv";
-
-std::vector<std::string> installedServices() {
-  std::set<std::string> names;
-  std::error_code error;
-  for (fs::directory_iterator entry(kInstalled, error); !error && entry != fs::directory_iterator();
-       entry.increment(error)) {
-    std::error_code ignored;
-    if (entry->is_directory(ignored)) {
-      names.insert(entry->path().filename().string());
-    }
-  }
-  return {names.begin(), names.end()};
-}
 
 // "run", "down" or "unknown"; sv(8) requires root.
 std::string stateOf(const std::string& service, bool started) {
@@ -97,6 +87,19 @@ ExitStatus control(const Options& options, const std::string& service, const cha
 
 }  // namespace
 
+std::vector<std::string> installedServices() {
+  std::set<std::string> names;
+  std::error_code error;
+  for (fs::directory_iterator entry(kInstalled, error); !error && entry != fs::directory_iterator();
+       entry.increment(error)) {
+    std::error_code ignored;
+    if (entry->is_directory(ignored)) {
+      names.insert(entry->path().filename().string());
+    }
+  }
+  return {names.begin(), names.end()};
+}
+
 Action setUpService(CommandLine& line) {
   auto service = std::make_shared<std::string>();
   const CommandLine list = line.Subcommand("list", "List the services and their states");
@@ -106,12 +109,12 @@ Action setUpService(CommandLine& line) {
     sub->Argument("NAME", *service, "Name of the service");
   }
   line.Footer(
-      "The list shows the services in /etc/sv of the local machine, so run it on the camera. The "
+      "The list shows the services in /etc/sv of the local machine, or of that of --host. The "
       "states require root.");
   return [service, list, start](const Options& options) {
     using namespace ipc::messages;
     if (list.Given()) {
-      return showList(options);
+      return options.host.empty() ? showList(options) : runThere(options, {"service", "list"});
     }
     return start.Given() ? control<StartService>(options, *service, "is started.")
                          : control<StopService>(options, *service, "is stopped.");

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "../Command.h"
+#include "../Remote.h"
 #include "../Suggestion.h"
 #include "../Text.h"
 
@@ -85,8 +86,12 @@ Action setUpTimezones(CommandLine& line) {
   auto parts = std::make_shared<std::vector<std::string>>();
   line.Arguments("PART", *parts, "List only names that contain this, ignoring case");
   line.Footer("Lists the time zones in " + std::string(kZoneFolder) +
-              " of the local machine; a remote camera may have others.");
-  return [parts](const Options& options) { return listZones(options, *parts); };
+              " of the local machine, or of that of --host.");
+  return [parts](const Options& options) {
+    std::vector<std::string> words{"timezones"};
+    words.insert(words.end(), parts->begin(), parts->end());
+    return options.host.empty() ? listZones(options, *parts) : runThere(options, words);
+  };
 }
 
 }  // namespace kova::ctl

@@ -39,6 +39,10 @@ bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
   return guarded(__func__, false, [&] { return connection_->AddHandler(functionName, handler); });
 }
 
+Objects& Ipc::objects() {
+  return connection_->objects();
+}
+
 bool Ipc::Service(unsigned timeoutMs) {
   return guarded(__func__, false, [&] { return connection_->Service(timeoutMs); });
 }
@@ -50,6 +54,10 @@ bool Ipc::SendRequest(messages::BaseRequestMessage& request) {
 bool Ipc::SendResponse(messages::BaseRequestMessage& request,
                        messages::BaseResponseMessage& response) {
   return guarded(__func__, false, [&] { return connection_->Respond(request, response); });
+}
+
+bool Ipc::Flush() {
+  return guarded(__func__, false, [&] { return connection_->Flush(); });
 }
 
 bool Ipc::IsPresent(const std::string& endpoint) const {

@@ -1,5 +1,7 @@
 #include "SdBus.h"
 
+#include <poll.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,8 @@ constexpr char kLogIdentity[] = "kova_ipc";
 constexpr char kLogUnit[] = "SdBus";
 
 constexpr std::uint64_t kPatienceMs = 5000;
+// A program that carries the connection may first have to ask a person for a password.
+constexpr std::uint64_t kProgramPatienceMs = 90000;
 
 std::string busAddress() {
   const char* address = std::getenv(kAddressVariable);
@@ -38,9 +42,16 @@ int start(sd_bus* bus, const std::string& address, bool monitor) {
   return result >= 0 ? sd_bus_start(bus) : result;
 }
 
-// sd_bus_call() would wait for the handshake too, but without a time limit.
-int awaitReady(sd_bus* bus) {
-  const std::uint64_t deadline = utils::nowMs() + kPatienceMs;
+// Unlike sd_bus_wait() it tells of a signal.
+int awaitEvent(sd_bus* bus, std::uint64_t timeoutMs) {
+  pollfd socket{sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), 0};
+  return poll(&socket, 1, static_cast<int>(timeoutMs)) < 0 ? -errno : 0;
+}
+
+// sd_bus_call() would wait for the handshake too, but without a time limit, and whatever signals
+// arrive.
+int awaitReady(sd_bus* bus, std::uint64_t patienceMs) {
+  const std::uint64_t deadline = utils::nowMs() + patienceMs;
   while (sd_bus_is_ready(bus) == 0) {
     const int result = sd_bus_process(bus, nullptr);
     if (result < 0) {
@@ -51,8 +62,8 @@ int awaitReady(sd_bus* bus) {
       return -ETIMEDOUT;
     }
     if (result == 0) {
-      const int waited = sd_bus_wait(bus, (deadline - now) * 1000);
-      if (waited < 0 && waited != -EINTR) {
+      const int waited = awaitEvent(bus, deadline - now);
+      if (waited < 0) {
         return waited;
       }
     }
@@ -80,11 +91,12 @@ BusPtr openBus(bool monitor, std::string& error) {
   int result = sd_bus_new(&created);
   BusPtr bus(created);
   const std::string address = busAddress();
+  const bool isProgram = address.starts_with("unixexec:");
   if (result >= 0) {
     result = start(bus.get(), address, monitor);
   }
   if (result >= 0) {
-    result = awaitReady(bus.get());
+    result = awaitReady(bus.get(), isProgram ? kProgramPatienceMs : kPatienceMs);
   }
   if (result < 0) {
     error = explain(("Unable to join the bus at " + address).c_str(), result);

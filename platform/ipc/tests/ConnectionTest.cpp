@@ -46,6 +46,14 @@ TEST_F(ConnectionTest, SendsWithoutName) {
   EXPECT_TRUE(Until([&] { return !handler.requests.empty(); }));
 }
 
+TEST_F(ConnectionTest, FlushTellsWhetherBusHasAll) {
+  EXPECT_FALSE(ipc_.Flush());
+  Join();
+  EXPECT_TRUE(ipc_.Flush());
+  privateBus_.Kill();
+  EXPECT_FALSE(ipc_.Flush());
+}
+
 TEST_F(ConnectionTest, JoiningFailsWithoutBus) {
   privateBus_.Kill();
   EXPECT_FALSE(ipc_.Init("test", false, nullptr));

@@ -8,6 +8,7 @@
 namespace kova::ipc {
 
 class BaseHandler;
+class Objects;
 class TransactionsHandler;
 
 /// The process's connection to the camera's message bus.
@@ -44,6 +45,10 @@ class Ipc {
   /// handler.
   bool AddHandler(const std::string& functionName, BaseHandler* handler);
 
+  /// What the endpoint shows to any D-Bus client besides its messages, see Objects.h. An endpoint
+  /// that publishes nothing has the object "/kova" with "kova.Ipc1" only.
+  Objects& objects();
+
   /// Handles pending messages: at most 128 per call, and none after 40 ms, so that a flood cannot
   /// block the caller. If none is pending, waits up to `timeoutMs` for one.
   /// @return false if the connection is lost
@@ -62,6 +67,11 @@ class Ipc {
   /// Fills in `requestId`, `to` and `from`.
   /// @return false if no such request is being handled or the answer could not be sent
   bool SendResponse(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
+
+  /// Waits, for a bounded time, until the bus has received all that was sent. For a process that
+  /// ends after sending: what a program that carries the connection still holds is lost with it.
+  /// @return false if the bus does not answer
+  bool Flush();
 
   /// Whether an endpoint of this name is on the bus.
   bool IsPresent(const std::string& endpoint) const;

@@ -1,0 +1,225 @@
+#include "Remote.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+#include "Terminal.h"
+
+namespace kova::ctl {
+namespace {
+
+constexpr std::size_t kMaxLength = 255;  // of a host name (RFC 1123)
+
+// How ssh ends: with its own failure, the status of the command there, or that of the shell there.
+constexpr int kSshMissing = 254;  // by becomeSsh()
+constexpr int kSshFailed = 255;
+constexpr int kCommandMissing = 127;
+constexpr int kCommandNotRun = 126;
+constexpr int kUnknown = -1;
+
+volatile sig_atomic_t sshStatus = kUnknown;
+
+void noteChild(int, siginfo_t* info, void*) {
+  sshStatus = info->si_code == CLD_EXITED ? info->si_status : kUnknown;
+}
+
+bool isAlphanumeric(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+
+// Whether a word of the command line of ssh is a name: no option, and nothing for a shell.
+bool isName(std::string_view text, std::string_view others) {
+  return !text.empty() && text.size() <= kMaxLength && text.front() != '-' &&
+         std::ranges::all_of(
+             text, [others](char c) { return isAlphanumeric(c) || others.find(c) != others.npos; });
+}
+
+bool isPort(std::string_view text) {
+  unsigned port = 0;
+  const char* end = text.data() + text.size();
+  const auto parsed = std::from_chars(text.data(), end, port);
+  return parsed.ec == std::errc() && parsed.ptr == end && port > 0 && port <= 65535;
+}
+
+// Splits "HOST", "HOST:PORT", "[ADDRESS]" and "[ADDRESS]:PORT".
+bool splitPort(std::string_view text, std::string_view& host, std::string_view& port) {
+  constexpr std::string_view kInNames = "._-";
+  constexpr std::string_view kInAddresses = ".:%_-";
+  const bool bracketed = text.starts_with('[');
+  const std::size_t end = bracketed ? text.find(']') : text.find(':');
+  host = text.substr(bracketed ? 1 : 0, end - (bracketed ? 1 : 0));
+  const std::size_t colon = bracketed && end != text.npos ? end + 1 : end;
+  port = colon < text.size() ? text.substr(colon) : "";
+  return isName(host, bracketed ? kInAddresses : kInNames) && !(bracketed && end == text.npos) &&
+         (port.empty() || (port.starts_with(':') && isPort(port.substr(1))));
+}
+
+// A word as the shell there takes it.
+std::string quoted(const std::string& word) {
+  if (isName(word, "._-/:=@")) {
+    return word;
+  }
+  std::string text = "'";
+  for (const char c : word) {
+    text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  }
+  return text + "'";
+}
+
+// The value of a key in a D-Bus address.
+std::string escaped(std::string_view text) {
+  constexpr std::string_view kPlain = "-_/.\\*";
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string result;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (isAlphanumeric(c) || kPlain.find(c) != kPlain.npos) {
+      result += c;
+    } else {
+      result += {'%', kDigits[byte >> 4U], kDigits[byte & 15U]};
+    }
+  }
+  return result;
+}
+
+[[noreturn]] void execute(const std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  for (const std::string& word : words) {
+    argv.push_back(const_cast<char*>(word.c_str()));
+  }
+  argv.push_back(nullptr);
+  execvp(argv.front(), argv.data());
+  _exit(kSshMissing);
+}
+
+std::string sshCommand(const std::string& text) {
+  Remote remote;
+  std::string error;
+  parseRemote(text, remote, error);
+  return "\"ssh " + (remote.port.empty() ? "" : "-p " + remote.port + " ") + remote.login + "\"";
+}
+
+std::string explainSsh(const std::string& text, int status) {
+  switch (status) {
+    case kSshMissing:
+      return "cannot run ssh: install it (package openssh-client)";
+    case kSshFailed:
+      return "cannot log in to " + text + ", ssh says why above: " + sshCommand(text) +
+             " must work first";
+    case kCommandMissing:
+    case kCommandNotRun:
+      return "no kovactl on " + text + ": install the package kovactl there";
+    case static_cast<int>(ExitStatus::Usage):
+      return "kovactl on " + text + " is too old for this: update it";
+    default:
+      return "";
+  }
+}
+
+}  // namespace
+
+bool parseRemote(std::string_view text, Remote& remote, std::string& error) {
+  const std::size_t at = text.rfind('@');
+  const std::string_view user = at != text.npos ? text.substr(0, at) : "";
+  std::string_view host;
+  std::string_view port;
+  if ((at != text.npos && !isName(user, "._-+")) ||
+      !splitPort(at != text.npos ? text.substr(at + 1) : text, host, port)) {
+    error = "\"" + std::string(text) +
+            "\" is not a host: write [USER@]HOST[:PORT], with an IPv6 address in brackets";
+    return false;
+  }
+  remote.login = std::string(text.substr(0, at != text.npos ? at + 1 : 0)) + std::string(host);
+  remote.port = port.empty() ? "" : port.substr(1);
+  return true;
+}
+
+std::vector<std::string> sshWords(const Remote& remote, const std::vector<std::string>& command) {
+  std::vector<std::string> words{"ssh", "-xT"};
+  if (!remote.port.empty()) {
+    words.insert(words.end(), {"-p", remote.port});
+  }
+  words.insert(words.end(), {"--", remote.login, "kovactl"});
+  std::ranges::transform(command, std::back_inserter(words), quoted);
+  return words;
+}
+
+std::string remoteBusAddress(std::string_view text) {
+  return "unixexec:path=/proc/self/exe,argv1=--host,argv2=" + escaped(text) + ",argv3=__ssh";
+}
+
+ExitStatus becomeSsh(const std::string& text) {
+  Remote remote;
+  std::string error;
+  if (!parseRemote(text, remote, error)) {
+    return fail(ExitStatus::Usage, error);
+  }
+  // Ctrl-C is for the process that uses the connection. ssh leaves an ignored signal ignored.
+  signal(SIGINT, SIG_IGN);
+  execute(sshWords(remote, {"bridge"}));
+}
+
+ExitStatus runThere(const Options& options, std::vector<std::string> command) {
+  Remote remote;
+  std::string error;
+  if (!parseRemote(options.host, remote, error)) {
+    return fail(ExitStatus::Usage, error);
+  }
+  if (options.json) {
+    command.emplace_back("--json");
+  }
+  const std::vector<std::string> words = sshWords(remote, command);
+  const pid_t child = fork();
+  if (child == 0) {
+    execute(words);
+  }
+  int ended = 0;
+  pid_t waited = 0;
+  do {
+    waited = child > 0 ? waitpid(child, &ended, 0) : -1;
+    if (stopRequested() && waited < 0 && errno == EINTR) {
+      kill(child, SIGTERM);
+    }
+  } while (waited < 0 && child > 0 && errno == EINTR);
+  if (stopRequested()) {
+    return stopStatus();
+  }
+  if (waited < 0) {
+    return fail(ExitStatus::Local, std::string("cannot run ssh: ") + std::strerror(errno));
+  }
+  const int status = WIFEXITED(ended) ? WEXITSTATUS(ended) : kSshFailed;
+  if (status == static_cast<int>(ExitStatus::Usage)) {
+    return ExitStatus::Usage;  // kovactl there has said why
+  }
+  const std::string reason = explainSsh(options.host, status);
+  return reason.empty() ? static_cast<ExitStatus>(status) : fail(ExitStatus::Unreachable, reason);
+}
+
+void watchSsh() {
+  struct sigaction action {};
+  action.sa_sigaction = noteChild;
+  action.sa_flags = SA_SIGINFO | SA_RESTART | SA_NOCLDSTOP;
+  sigaction(SIGCHLD, &action, nullptr);
+}
+
+std::string explainRemote(const std::string& text, const std::string& problem) {
+  if (sshStatus == static_cast<int>(ExitStatus::Unreachable)) {
+    return "cannot use the bus of " + text + ": kovactl there says why above";
+  }
+  const std::string reason = explainSsh(text, sshStatus);
+  if (!reason.empty()) {
+    return reason;
+  }
+  return problem.ends_with(std::strerror(ETIMEDOUT))
+             ? text + " does not answer"
+             : "the connection to " + text + " failed (" + problem +
+                   "): does the shell there print something when it starts?";
+}
+
+}  // namespace kova::ctl

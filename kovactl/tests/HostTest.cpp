@@ -1,0 +1,173 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "Child.h"
+#include "Peer.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using ::testing::HasSubstr;
+
+/// Puts a script in the place of ssh. It leaves its arguments and what is ignored of SIGINT.
+class Host : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+    pathBefore_ = std::getenv("PATH");
+    setenv("PATH", (folder_ + ":" + pathBefore_).c_str(), 1);
+    Become(std::string("exec ") + KOVACTL_PROGRAM + " --bus " + bus_.address() + " bridge");
+  }
+  void TearDown() override {
+    setenv("PATH", pathBefore_.c_str(), 1);
+    unsetenv("RELAY_DELAY_S");
+    std::filesystem::remove_all(folder_);
+  }
+
+  void Become(const std::string& command) const {
+    std::ofstream(folder_ + "/ssh")
+        << "#!/bin/sh\n"
+        << "echo \"$@\" >'" << folder_ << "/arguments'\n"
+        << "grep SigIgn /proc/self/status >'" << folder_ << "/ignored'\n"
+        << command << "\n";
+    chmod((folder_ + "/ssh").c_str(), 0755);
+  }
+  std::string Left(const std::string& name) const {
+    std::stringstream content;
+    content << std::ifstream(folder_ + "/" + name).rdbuf();
+    return content.str();
+  }
+  std::string Socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
+
+  ipc::testing::PrivateBus bus_;
+  std::string folder_ = std::filesystem::temp_directory_path() / "kova_host.XXXXXX";
+  std::string pathBefore_;
+};
+
+TEST_F(Host, BridgeCarriesConnection) {
+  const Peer peer(answering(0));
+  const Result result = run({"-H", "me@cam:2222", "call", "GetSystemStats", "--json"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("\"statusCode\": 0"));
+  EXPECT_EQ(Left("arguments"), "-xT -p 2222 -- me@cam kovactl bridge\n");
+}
+
+TEST_F(Host, InspectingCommandsRunThere) {
+  Become("echo there; exit 1");
+  for (const auto& [typed, sent] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"-H", "cam", "service", "list"}, "-xT -- cam kovactl service list\n"},
+           {{"timezones", "a b", "--json", "--host", "cam"},
+            "-xT -- cam kovactl timezones 'a b' '--json'\n"}}) {
+    const Result result = run(typed);
+    EXPECT_EQ(result.status, 1) << "as there";
+    EXPECT_EQ(result.out, "there\n");
+    EXPECT_EQ(Left("arguments"), sent);
+  }
+}
+
+TEST_F(Host, EndOfSshIsExplained) {
+  const std::pair<const char*, const char*> ends[] = {
+      {"exit 255", "cannot log in to cam:22, ssh says why above: \"ssh -p 22 cam\" must work"},
+      {"exit 127", "no kovactl on cam:22: install the package kovactl there"},
+      {"exit 126", "no kovactl on cam:22"},
+      {"exit 2", "kovactl on cam:22 is too old for this: update it"},
+      {"exit 3", "cannot use the bus of cam:22: kovactl there says why above"},
+      {"exit 0", "the connection to cam:22 failed"},
+      {"echo Welcome; sleep 1", "does the shell there print something when it starts?"},
+  };
+  for (const auto& [command, said] : ends) {
+    Become(std::string("echo reason >&2; ") + command);
+    for (const char* asking : {"stats", "monitor"}) {
+      const Result result = run({"--host", "cam:22", asking});
+      EXPECT_EQ(result.status, 3) << command;
+      EXPECT_THAT(result.err, HasSubstr("reason\n")) << "what ssh says is shown";
+      EXPECT_THAT(result.err, HasSubstr(said)) << command;
+    }
+  }
+  Become("exit 255");
+  const Result listed = run({"--host", "cam", "service", "list"});
+  EXPECT_EQ(listed.status, 3);
+  EXPECT_THAT(listed.err, HasSubstr("cannot log in to cam"));
+}
+
+TEST_F(Host, MissingSshIsNamed) {
+  setenv("PATH", "/nonexistent", 1);
+  for (const char* typed : {"stats", "timezones"}) {
+    const Result result = run({"--host", "cam", typed});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.err, "kovactl: cannot run ssh: install it (package openssh-client)\n");
+  }
+}
+
+TEST_F(Host, WrongHostsAreRefused) {
+  const Peer peer(answering(0));
+  for (const char* text : {"", "-oProxyCommand=id", "a;b", "cam:x"}) {
+    const Result result = run({"--host", text, "stats"});
+    EXPECT_EQ(result.status, 2) << text;
+    EXPECT_THAT(result.err, HasSubstr("is not a host")) << text;
+  }
+  EXPECT_EQ(run({"--host", "cam", "--bus", bus_.address(), "stats"}).status, 2);
+  EXPECT_EQ(Left("arguments"), "") << "nothing was started";
+}
+
+TEST_F(Host, CtrlCDoesNotReachSsh) {
+  Child child({"--host", "cam", "listen", "client.me"});
+  const Peer peer(takingNote());
+  Result sent{1, "", ""};
+  for (int attempt = 0; sent.status != 0 && attempt < 200; ++attempt) {
+    sent = run({"call", "GetSystemStats", "--to", "client.me", "--no-reply"});
+  }
+  ASSERT_TRUE(child.AwaitOutput("GetSystemStats"));
+  const std::string ignored = Left("ignored");
+  const unsigned long mask = std::stoul(ignored.substr(ignored.find(':') + 1), nullptr, 16);
+  EXPECT_NE(mask & (1UL << (SIGINT - 1)), 0U);
+  EXPECT_EQ(mask & (1UL << (SIGTERM - 1)), 0U);
+  child.Signal(SIGINT);
+  EXPECT_EQ(child.Wait().status, 0);
+}
+
+TEST_F(Host, StopSignalEndsLogin) {
+  Become("exec sleep 60");
+  for (const auto& [signal, status] : {std::pair(SIGINT, 130), std::pair(SIGTERM, 143)}) {
+    for (const char* asking : {"stats", "monitor"}) {
+      std::filesystem::remove(folder_ + "/ignored");
+      Child child({"--host", "cam", asking});
+      for (int attempt = 0; Left("ignored").empty() && attempt < 2000; ++attempt) {
+        child.AwaitOutputFor("never", 10);
+      }
+      child.Signal(signal);
+      const Result result = child.Wait();
+      EXPECT_EQ(result.status, status);
+      EXPECT_EQ(result.err, "");
+    }
+  }
+}
+
+TEST_F(Host, UnansweredRequestArrives) {
+  const Peer peer(takingNote());
+  setenv("RELAY_DELAY_S", "0.3", 1);
+  Become(std::string("exec ") + KOVACTL_RELAY + " " + Socket());
+  const Result result = run({"--host", "cam", "call", "SaveToFlash", "--no-reply"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(peer.AwaitReceived(1));
+}
+
+TEST_F(Host, LossIsReported) {
+  const Peer peer(takingNote());
+  Become(std::string("(sleep 1; kill $$) & exec ") + KOVACTL_PROGRAM + " --bus " + bus_.address() +
+         " bridge");
+  const Result result = run({"--host", "cam", "listen", "client.me"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("the connection to the bus was lost"));
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing
