@@ -223,13 +223,13 @@ TEST_F(TransferRecordsTest, OldestEndGoesFirst) {
 }
 
 TEST_F(TransferRecordsTest, FloodOfRefusedRequestsKeepsNumbersAndBounds) {
-  for (unsigned i = 0; i < 100'000; ++i) {
+  for (unsigned i = 0; i < 2'000; ++i) {
     records_.end(begin(std::string(5000, 'x')), "REFUSED", std::string(2000, 'y'));
     listener_.told.clear();
   }
   EXPECT_EQ(records_.numbers().size(), TransferRecords::kMostEnded);
-  EXPECT_EQ(records_.numbers().back(), 100'000U);
-  const TransferRecord& record = *records_.find(100'000);
+  EXPECT_EQ(records_.numbers().back(), 2'000U);
+  const TransferRecord& record = *records_.find(2'000);
   EXPECT_LE(record.uri.capacity(), 2 * TransferRecord::kMostUriBytes);
   EXPECT_LE(record.reason.capacity(), 2 * TransferRecord::kMostReasonBytes);
 }
