@@ -30,8 +30,8 @@ SETTING = re.compile(r"[a-z]+(?:\.[a-z0-9]+)+")
 DESCRIPTION_KEY = re.compile(r'\b(?:Required|optionalValue|Find)\((?:\w+, )?"(\w+)"')
 NEEDED = re.compile(r"\bkNeeded\{([^}]*)\}")
 # Services, tools and configuration that are installed with the daemon.
-INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/systemd/*.service", "packaging/dbus/*.conf",
-             "packaging/kova_*")  # fmt: skip
+INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/systemd/*.service",
+             "packaging/dbus/*.conf", "packaging/kova_*")  # fmt: skip
 INSTALLED_COMMENT = re.compile(r"^\s*#[^\n]*$|<!.*?>\n", re.MULTILINE | re.DOTALL)
 ENVIRONMENT = re.compile(r"KOVA_[A-Z_]+")
 ENVIRONMENT_CALL = re.compile(r'\b(?:getenv|setenv|unsetenv)\("(\w+)"')
@@ -202,7 +202,8 @@ def main():
         said = [f"there is no {file}" for file in absent] or faults_of(row, found)
         faults += [f"docs/board.md:{row.line}: {row.name}: {fault}" for fault in said]
     names = [(row.kind, name) for row in rows for name in row.names]
-    faults += [f"docs/board.md names {name} twice" for kind, name in sorted(set(names)) if names.count((kind, name)) > 1]
+    twice = sorted({name for name in names if names.count(name) > 1})
+    faults += [f"docs/board.md names {name} twice" for _, name in twice]
     faults += faults_of_check(rows)
     print(*faults, f"{len(named)} names in the sources, {len(rows)} rows, {len(faults)} faults", sep="\n")
     return 1 if faults or len(named) < 100 else 0
