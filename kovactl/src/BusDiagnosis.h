@@ -13,6 +13,9 @@ std::string explainJoin(const std::string& endpoint, const std::string& problem)
 /// Explains why the bus policy denied a request; "" for root, whom it never denies anything.
 std::string explainDenial();
 
+/// Explains that an endpoint is not on the bus.
+std::string absence(const std::string& endpoint);
+
 /// The log messages of the libraries. kovactl replaces the logger: a failed command does not belong
 /// in the camera's system log, so messages are kept to explain the failure and printed only on
 /// demand.

@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <string_view>
 
 #include "BusDiagnosis.h"
+#include "Output.h"
 #include "Suggestion.h"
 #include "Terminal.h"
 #include "Text.h"
@@ -136,8 +138,14 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
              : text;
 }
 
+// Whether the words, which may not be a valid command line, ask for JSON.
+bool asksForJson(int argc, const char* const* argv) {
+  return std::any_of(argv, argv + argc,
+                     [](const char* word) { return std::string_view(word) == "--json"; });
+}
+
 // Prints the help, if requested, or what is wrong with the command line.
-ExitStatus explain(const CLI::App& app, const CLI::ParseError& error) {
+ExitStatus explain(const CLI::App& app, const CLI::ParseError& error, const Options& options) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
     std::ostringstream text;
     app.exit(error, text);
@@ -145,7 +153,7 @@ ExitStatus explain(const CLI::App& app, const CLI::ParseError& error) {
   }
   fail(ExitStatus::Usage, complaint(app, error));
   std::fprintf(stderr, "Try \"%s --help\".\n", pathOf(innermost(app)).c_str());
-  return ExitStatus::Usage;
+  return conclude(options, ExitStatus::Usage);
 }
 
 }  // namespace
@@ -278,7 +286,8 @@ ExitStatus Program::Run(int argc, const char* const* argv) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return explain(*app_, error);
+    options_.json = asksForJson(argc, argv);
+    return explain(*app_, error, options_);
   }
   if (timeoutMs_ != 0) {
     options_.timeoutMs = timeoutMs_;
@@ -288,7 +297,7 @@ ExitStatus Program::Run(int argc, const char* const* argv) {
     setenv("KOVA_BUS_ADDRESS", options_.bus.c_str(), 1);
   }
   catchStopSignals();
-  return action_(options_);
+  return conclude(options_, action_(options_));
 }
 
 }  // namespace kova::ctl

@@ -2,6 +2,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../RequestFields.h"
 #include "Stats.h"
 #include "Timezones.h"
@@ -57,10 +58,10 @@ Words candidates(const std::string& topic, const std::string& word) {
 Action setUpHelp(CommandLine& line) {
   auto words = std::make_shared<std::vector<std::string>>();
   line.Arguments("COMMAND", *words, "A command, such as \"service start\"; none for the overview");
-  return [words, line](const Options&) {
+  return [words, line](const Options& options) {
     std::string text;
     if (line.HelpOf(*words, text)) {
-      return show(text);
+      return present(options, text, text);
     }
     fail(ExitStatus::Usage, text);
     std::fputs("Try \"kovactl --help\".\n", stderr);
@@ -73,12 +74,12 @@ Action setUpComplete(CommandLine& line) {
   auto words = std::make_shared<Words>();
   line.Argument("TOPIC", *topic, "functions, fields, sections, zones, commands or endpoints");
   line.Arguments("WORD", *words, "The function whose fields to list");
-  return [topic, words](const Options&) {
+  return [topic, words](const Options& options) {
     std::string text;
     for (const std::string& word : candidates(*topic, words->empty() ? "" : words->front())) {
       text += word + "\n";
     }
-    return show(text);
+    return present(options, text, text);
   };
 }
 
