@@ -87,7 +87,7 @@ const Append& aLargeRequest() {
   return body;
 }
 
-TEST_F(FloodSystem, EveryCallOf64ClientsThatDoNotWaitIsAnsweredInBoundedMemory) {
+TEST_F(FloodSystem, CallsOf64ClientsAreAnsweredInBoundedMemory) {
   const HostProcess server = controlServer(camera());
   BusClient(camera().busAddress()).call(aLargeRequest());
   const std::size_t before = server.residentKiB();
@@ -163,7 +163,7 @@ class LastingFlood {
 // next one: there is always another one waiting. The best of some tries counts: that other programs
 // of the host are busy makes the end late too, and says nothing of the server. A server that looks
 // at its signals only between floods is late every time.
-TEST_F(FloodSystem, SigtermDuringAFloodEndsItAtOnceAndNoCallStaysOpen) {
+TEST_F(FloodSystem, SigtermEndsFloodAtOnceAndAllCalls) {
   const std::vector<Append> bodies = {
       request("GetSystemStats"), request("ChangeUsernamePassword", {{"username", text("admin")},
                                                                     {"passwordOld", text("no")},
@@ -187,7 +187,7 @@ TEST_F(FloodSystem, SigtermDuringAFloodEndsItAtOnceAndNoCallStaysOpen) {
   EXPECT_LE(fastest.count(), kLongestEnd.count()) << "ms";
 }
 
-TEST_F(FloodSystem, TwoThousandRequestsLeaveNoDescriptorBehind) {
+TEST_F(FloodSystem, TwoThousandRequestsLeakNoDescriptor) {
   const HostProcess server = controlServer(camera());
   const std::vector<Append> kinds = {
       request("GetSystemStats"),

@@ -149,7 +149,7 @@ class Victim {
 
 /// The calls are dealt out among cameras: a service that has ended is brought back only after a
 /// second, so that one camera alone would mostly wait.
-TEST(KillPutSystem, WhereverAPutIsKilledTheCameraHasALogoWithItsOwnChecksum) {
+TEST(KillPutSystem, KilledPutLeavesLogoWithItsChecksum) {
   constexpr unsigned kCameras = 3;
   std::array<std::unique_ptr<Victim>, kCameras> victims;
   for (unsigned i = 0; i < kCameras; ++i) {
