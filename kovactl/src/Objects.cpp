@@ -42,6 +42,40 @@ ExitStatus Objects::ReadAll(Answer& answer) {
       answer, false);
 }
 
+ExitStatus Objects::ListTransfers(std::vector<std::string>& numbers, Answer& answer) {
+  const ExitStatus asked =
+      Call(kTransfersPath, "org.freedesktop.DBus.Introspectable", "Introspect", answer);
+  if (asked == ExitStatus::Ok && answer.error.empty()) {
+    numbers = transferNumbers(answer.value.ToText());
+  }
+  return asked;
+}
+
+ExitStatus Objects::ReadTransfers(const std::function<bool(const TransferRecord&)>& take,
+                                  Answer& answer) {
+  ExitStatus asked = ReadAll(answer);
+  if (asked == ExitStatus::Ok && answer.error.empty()) {
+    const auto records = transferRecords(answer.value);
+    static_cast<void>(std::all_of(records.rbegin(), records.rend(), take));
+  }
+  if (asked != ExitStatus::Ok || answer.error != "org.freedesktop.DBus.Error.LimitsExceeded") {
+    return asked;
+  }
+  std::vector<std::string> numbers;
+  asked = ListTransfers(numbers, answer);
+  for (auto number = numbers.rbegin(); asked == ExitStatus::Ok && number != numbers.rend();
+       ++number) {
+    Answer one;
+    asked = Read(pathOfTransfer(*number), kTransferInterface, one);
+    // Those that have gone since are left out.
+    const bool there = asked == ExitStatus::Ok && one.error.empty();
+    if (there && !take(transferRecord(*number, one.value))) {
+      break;
+    }
+  }
+  return asked;
+}
+
 ExitStatus Objects::Read(const std::string& path, const std::string& interface, Answer& answer) {
   return Await(
       [&](auto receive) {

@@ -2,9 +2,11 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "ExitStatus.h"
 #include "Options.h"
+#include "TransferRecord.h"
 #include "kova/ipc/BusObjects.h"
 
 namespace kova::ctl {
@@ -20,8 +22,10 @@ class Objects {
   explicit Objects(const Options& options) : options_(options) {}
 
   ExitStatus Open();
+  /// Reads the transfers, the latest first, one by one if there are too many for one answer.
+  /// @param take called with each until it returns false
   /// @return Ok if there is an answer, which may be an error
-  ExitStatus ReadAll(Answer& answer);
+  ExitStatus ReadTransfers(const std::function<bool(const TransferRecord&)>& take, Answer& answer);
   ExitStatus Read(const std::string& path, const std::string& interface, Answer& answer);
   /// @param patient whether to go on waiting after a stop signal
   ExitStatus Call(const std::string& path, const std::string& interface, const std::string& method,
@@ -31,6 +35,8 @@ class Objects {
 
  private:
   using Start = std::function<bool(ipc::BusObjects::Receiver)>;
+  ExitStatus ReadAll(Answer& answer);
+  ExitStatus ListTransfers(std::vector<std::string>& numbers, Answer& answer);
   ExitStatus Await(const Start& start, Answer& answer, bool patient);
 
   const Options& options_;

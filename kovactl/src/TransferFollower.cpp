@@ -1,7 +1,5 @@
 #include "TransferFollower.h"
 
-#include <algorithm>
-
 #include "Terminal.h"
 
 namespace kova::ctl {
@@ -25,14 +23,15 @@ ExitStatus TransferFollower::Find(std::uint64_t requestId) {
   const auto deadline = Clock::now() + kSearch;
   do {
     Objects::Answer answer;
-    const ExitStatus asked = objects_.ReadAll(answer);
+    const auto isOther = [&](const TransferRecord& record) {
+      record_ = record.requestId == requestId ? record : TransferRecord();
+      return !Found();
+    };
+    const ExitStatus asked = objects_.ReadTransfers(isOther, answer);
     if (asked != ExitStatus::Ok || !answer.error.empty()) {
       return stopRequested() ? asked : ExitStatus::Ok;
     }
-    const auto records = transferRecords(answer.value);
-    const auto found = std::ranges::find(records, requestId, &TransferRecord::requestId);
-    if (found != records.end()) {
-      record_ = *found;
+    if (Found()) {
       Follow();
       return ExitStatus::Ok;
     }

@@ -27,9 +27,8 @@ std::uint64_t number(const Variant& properties, std::string_view name) {
   return value != nullptr ? value->ToNumber<std::uint64_t>() : 0;
 }
 
-bool isBefore(const TransferRecord& a, const TransferRecord& b) {
-  return a.number.size() != b.number.size() ? a.number.size() < b.number.size()
-                                            : a.number < b.number;
+bool isBefore(const std::string& a, const std::string& b) {
+  return a.size() != b.size() ? a.size() < b.size() : a < b;
 }
 
 std::string state(const TransferRecord& record) {
@@ -96,8 +95,22 @@ std::vector<TransferRecord> transferRecords(const Variant& objects) {
       records.push_back(transferRecord(number, *properties));
     }
   }
-  std::ranges::sort(records, isBefore);
+  std::ranges::sort(records, isBefore, &TransferRecord::number);
   return records;
+}
+
+std::vector<std::string> transferNumbers(std::string_view introspection) {
+  constexpr std::string_view kNode = "<node name=\"";
+  std::vector<std::string> numbers;
+  for (std::size_t at = 0; (at = introspection.find(kNode, at)) != introspection.npos;) {
+    at += kNode.size();
+    const std::string_view name = introspection.substr(at, introspection.find('"', at) - at);
+    if (isTransferNumber(name)) {
+      numbers.emplace_back(name);
+    }
+  }
+  std::ranges::sort(numbers, isBefore);
+  return numbers;
 }
 
 Variant transferResult(const TransferRecord& record) {

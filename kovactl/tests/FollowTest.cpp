@@ -97,7 +97,7 @@ TEST_F(Follow, FailureIsToldWithItsReason) {
             "404.\n");
 }
 
-TEST_F(Follow, OutcomeEndsTheWaitAtOnce) {
+TEST_F(Follow, OutcomeEndsWaitAtOnce) {
   FakeCamera camera(transferring());
   Child child(putLogo());
   ASSERT_TRUE(child.AwaitError("transferring\n"));
@@ -121,7 +121,7 @@ TEST_F(Follow, UploadsAndFirmwareAreFollowedToo) {
   }
 }
 
-TEST_F(Follow, WithoutWaitTheNumberIsTold) {
+TEST_F(Follow, WithoutWaitNumberIsTold) {
   const FakeCamera camera(transferring());
   const Result result = run(putLogo({}));
   EXPECT_EQ(result.status, 0);
@@ -186,7 +186,7 @@ TEST_F(Follow, StopCancelsOnRequest) {
   EXPECT_THAT(alone.err, HasSubstr("--cancel needs --wait"));
 }
 
-TEST_F(Follow, ServerThatEndsLeavesTheOutcomeUnknown) {
+TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
   auto camera = std::make_unique<FakeCamera>(transferring());
   Child child(putLogo());
   ASSERT_TRUE(child.AwaitError("transferring\n"));
@@ -196,7 +196,7 @@ TEST_F(Follow, ServerThatEndsLeavesTheOutcomeUnknown) {
   EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
 }
 
-TEST_F(Follow, TimeOutTellsThePhase) {
+TEST_F(Follow, TimeOutTellsPhase) {
   const FakeCamera camera(transferring());
   auto arguments = putLogo();
   arguments[6] = "0.1";
@@ -230,6 +230,19 @@ TEST_F(Follow, ListShowsTransfersAndReasons) {
   EXPECT_EQ(json.Find("result")->Items()[1].Find("id")->ToText(), "10");
 }
 
+TEST_F(Follow, TooManyTransfersAreReadOneByOne) {
+  FakeCamera camera(endingAs("REFUSED", "There are too many."));
+  camera.Crowd();
+  for (int number = 10; number < 15; ++number) {
+    camera.Publish(std::to_string(number), {{"Phase", "transferring"}});
+  }
+  EXPECT_THAT(run(putLogo()).err, HasSubstr("There are too many."));
+  const Variant json = jsonOf(run({"transfers", "--json"}).out);
+  ASSERT_EQ(json.Find("result")->Size(), 6U);
+  EXPECT_EQ(json.Find("result")->Items().front().Find("id")->ToText(), "7");
+  EXPECT_EQ(json.Find("result")->Items().back().Find("id")->ToText(), "14");
+}
+
 TEST_F(Follow, WatchPrintsPhasesAndAllChangesAsJson) {
   FakeCamera camera;
   camera.Publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});
@@ -261,7 +274,7 @@ TEST_F(Follow, WatchRefreshesTerminal) {
   EXPECT_EQ(child.Wait().status, 130);
 }
 
-TEST_F(Follow, CancelTellsTheCamerasWord) {
+TEST_F(Follow, CancelTellsAnswerOfCamera) {
   FakeCamera camera;
   EXPECT_EQ(run({"cancel", "0"}).status, 2);
   EXPECT_EQ(run({"cancel", "7/../8"}).status, 2);
@@ -278,7 +291,7 @@ TEST_F(Follow, CancelTellsTheCamerasWord) {
   EXPECT_EQ(refused.err, "kovactl: transfer 7 cannot be cancelled: The image is being flashed.\n");
 }
 
-TEST_F(Follow, InfoAndMetricsTellOfTheDevice) {
+TEST_F(Follow, InfoAndMetricsDescribeDevice) {
   FakeCamera camera;
   camera.Tell("Model", "Virtual \x1b[1m");
   camera.Tell("SavePending", 1);

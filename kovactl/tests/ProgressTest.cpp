@@ -16,9 +16,8 @@ TransferRecord transferring(std::uint64_t done, std::uint64_t size) {
 }
 
 TEST(ProgressLine, HasBarBytesRateAndTimeLeft) {
-  EXPECT_EQ(
-      progressLine(transferring(512 * 1024, 1024 * 1024), 128 * 1024, 79),
-      " 50 %  [############............]  512 KiB of 1.0 MiB  128 KiB/s  00:00:04 left");
+  EXPECT_EQ(progressLine(transferring(512 * 1024, 1024 * 1024), 128 * 1024, 79),
+            " 50 %  [############............]  512 KiB of 1.0 MiB  128 KiB/s  00:00:04 left");
   EXPECT_EQ(progressLine(transferring(1024, 1024), 0, 79),
             "100 %  [########################################]  1.0 KiB of 1.0 KiB");
 }
@@ -39,7 +38,7 @@ TEST(ProgressLine, FitsNarrowTerminals) {
   EXPECT_EQ(progressLine(transferring(512, 1024), 0, 30), " 50 %  512 B of 1.0 KiB");
 }
 
-TEST(Rate, IsOfTheLastSeconds) {
+TEST(Rate, IsOfLastSeconds) {
   Rate rate;
   const Rate::Clock::time_point start{};
   EXPECT_EQ(rate.PerSecond(), 0);

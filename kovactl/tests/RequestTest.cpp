@@ -53,7 +53,7 @@ TEST_F(Requests, CallPrintsWholeAnswerAsJson) {
   EXPECT_EQ(answer.Find("payload")->Find("n")->ToNumber<int>(), 5);
 }
 
-TEST_F(Requests, FailuresHaveTheSameShapeAsJson) {
+TEST_F(Requests, FailuresHaveSameShapeAsJson) {
   const std::pair<std::vector<std::string>, const char*> failures[] = {
       {{"stats", "--json"}, "unreachable"},
       {{"call", "--json"}, "usage"},

@@ -44,7 +44,7 @@ TEST(TransferRecord, TableIsSafeForTerminals) {
   EXPECT_EQ(transferTable({}), "The camera knows of no transfer.\n");
 }
 
-TEST(TransferRecord, ListIsInTheOrderOfNumbers) {
+TEST(TransferRecord, ListIsInOrderOfNumbers) {
   Variant objects;
   for (const char* number : {"10", "9", "1"}) {
     objects["/kova/transfers/" + std::string(number)] =
@@ -66,6 +66,14 @@ TEST(TransferRecord, ForeignObjectsAreIgnored) {
   EXPECT_EQ(transferRecords(with("/kova/transfers/7", logo())).size(), 1U);
   EXPECT_TRUE(transferRecords(Variant("text")).empty());
   EXPECT_TRUE(transferRecords(Variant::Map{{"/kova/transfers/7", "text"}}).empty());
+}
+
+TEST(TransferRecord, NumbersOfIntrospectionAreSorted) {
+  EXPECT_EQ(transferNumbers("<node>\n <node name=\"10\"/>\n <node name=\"9\"/><node name=\"x\"/>"
+                            "<node name=\"1\"/></node>"),
+            (std::vector<std::string>{"1", "9", "10"}));
+  EXPECT_TRUE(transferNumbers("").empty());
+  EXPECT_TRUE(transferNumbers("<node name=\"").empty());
 }
 
 TEST(TransferRecord, ValuesOfOtherTypesReadAsNone) {
@@ -90,7 +98,7 @@ TEST(TransferRecord, ShareIsOfPlausibleSizesOnly) {
   EXPECT_EQ(transferLine(record).find('%'), std::string::npos);
 }
 
-TEST(Grid, AlignsAllButTheLastCell) {
+TEST(Grid, AlignsAllButLastCell) {
   EXPECT_EQ(grid({{"a", "b", "c"}, {"long", "x", "any text"}, {"", "until here"}, {}}),
             "a     b  c\nlong  x  any text\n      until here\n\n");
 }

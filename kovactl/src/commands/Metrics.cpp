@@ -247,12 +247,16 @@ ExitStatus metrics(const Options& options) {
   Device device;
   Objects::Answer told;
   Objects::Answer listed;
+  std::vector<TransferRecord> transfers;
+  const auto take = [&transfers](const TransferRecord& record) {
+    transfers.push_back(record);
+    return true;
+  };
   ExitStatus asked = readDevice(objects, device, told);
-  asked = asked == ExitStatus::Ok ? objects.ReadAll(listed) : asked;
+  asked = asked == ExitStatus::Ok ? objects.ReadTransfers(take, listed) : asked;
   if (asked != ExitStatus::Ok) {
     return asked;
   }
-  const auto transfers = transferRecords(listed.value);
   const std::string text = metricsText(payloadOf(reply), told.error.empty() ? &device : nullptr,
                                        listed.error.empty() ? &transfers : nullptr);
   return present(options, text, text);
@@ -263,8 +267,7 @@ ExitStatus metrics(const Options& options) {
 Action setUpMetrics(CommandLine& line) {
   line.Footer(
       "For node_exporter, run it periodically and rename the file into place:\n"
-      "  kovactl metrics >/var/lib/node_exporter/kova.prom.new &&\n"
-      "  mv /var/lib/node_exporter/kova.prom.new /var/lib/node_exporter/kova.prom");
+      "  kovactl metrics >kova.prom.new && mv kova.prom.new kova.prom");
   return metrics;
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <map>
 
@@ -15,15 +16,26 @@ namespace {
 using Records = std::vector<TransferRecord>;
 using variant::Variant;
 
+// Reads all transfers in the order of their numbers.
+ExitStatus read(Objects& objects, Records& records, Objects::Answer& answer) {
+  const auto take = [&records](const TransferRecord& record) {
+    records.push_back(record);
+    return true;
+  };
+  const ExitStatus asked = objects.ReadTransfers(take, answer);
+  std::ranges::reverse(records);
+  return asked;
+}
+
 ExitStatus showOnce(const Options& options, Objects& objects) {
+  Records records;
   Objects::Answer answer;
-  if (const ExitStatus asked = objects.ReadAll(answer); asked != ExitStatus::Ok) {
+  if (const ExitStatus asked = read(objects, records, answer); asked != ExitStatus::Ok) {
     return asked;
   }
   if (!answer.error.empty()) {
     return failOn(answer, "its transfers");
   }
-  const Records records = transferRecords(answer.value);
   Variant list = Variant::Array{};
   for (const TransferRecord& record : records) {
     list.PushToArray(transferResult(record));
@@ -85,12 +97,13 @@ ExitStatus awaitChange(Objects& objects, const bool& changed) {
 using Frame = std::function<ExitStatus(const Records&)>;
 
 ExitStatus readInto(Objects& objects, const Frame& frame) {
+  Records records;
   Objects::Answer answer;
-  if (const ExitStatus asked = objects.ReadAll(answer); asked != ExitStatus::Ok) {
+  if (const ExitStatus asked = read(objects, records, answer); asked != ExitStatus::Ok) {
     return asked;
   }
   if (answer.error.empty()) {
-    return frame(transferRecords(answer.value));
+    return frame(records);
   }
   // A camera that flashes its firmware answers later.
   return exitForError(answer.error) == ExitStatus::NoAnswer ? ExitStatus::Ok

@@ -168,7 +168,7 @@ TEST_F(BusObjectsTest, AbsentAndMuteEndpointsAreErrors) {
   EXPECT_EQ(Answered(nullptr).error, "org.freedesktop.DBus.Error.NoReply");
 }
 
-TEST_F(BusObjectsTest, ANewCallAbandonsTheOneBefore) {
+TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
   Publisher publisher([](sd_bus_message*) { return 0; });
   ASSERT_TRUE(objects_.ReadAll(kPatienceMs, [](const auto&) { ADD_FAILURE(); }));
   ASSERT_TRUE(objects_.Call("/kova", "kova.Any1", "Any", kPatienceMs, Keep()));
@@ -177,7 +177,7 @@ TEST_F(BusObjectsTest, ANewCallAbandonsTheOneBefore) {
   EXPECT_EQ(answers_.size(), 1U);
 }
 
-TEST_F(BusObjectsTest, ReceiversMayStartTheNextCall) {
+TEST_F(BusObjectsTest, ReceiversMayStartNextCall) {
   Publisher publisher([](sd_bus_message*) { return 0; });
   ASSERT_TRUE(objects_.ReadAll(
       kPatienceMs, [this](const auto&) { EXPECT_TRUE(objects_.ReadAll(kPatienceMs, Keep())); }));
