@@ -14,9 +14,9 @@ class ClientSystem : public SharedCamera {
   static std::string service(const std::string& name) {
     const Result listed = camera().ctl({"service", "list", "--json"});
     EXPECT_EQ(listed.status, 0) << listed.err;
-    Variant services;
-    EXPECT_GT(Variant::FromJSON(listed.out, services), 0) << listed.out;
-    for (const Variant& entry : services.Items()) {
+    Variant document;
+    EXPECT_GT(Variant::FromJSON(listed.out, document), 0) << listed.out;
+    for (const Variant& entry : document["result"].Items()) {
       if (entry.Find("name")->ToText() == name) {
         return entry.Find("state")->ToText() + (entry.Find("atBoot")->ToBool() ? ", at boot" : "");
       }

@@ -24,9 +24,9 @@ Variant change(const Camera& camera, std::vector<std::string> fields, int status
   fields.insert(fields.begin(), {"call", "ChangeDeviceSettings", "--json"});
   const Result result = camera.ctl(fields);
   EXPECT_EQ(result.status == 0, status == 0) << result.out << result.err;
-  Variant response;
-  EXPECT_GT(Variant::FromJSON(result.out, response), 0) << result.out;
-  return response["payload"];
+  Variant document;
+  EXPECT_GT(Variant::FromJSON(result.out, document), 0) << result.out;
+  return document["result"]["payload"];
 }
 
 class SettingsSystem : public UnharmedCamera {

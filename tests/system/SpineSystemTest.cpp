@@ -31,9 +31,9 @@ Variant statistics(const Camera& camera, const std::vector<std::string>& more = 
   arguments.insert(arguments.end(), more.begin(), more.end());
   const Result result = camera.ctl(arguments);
   EXPECT_EQ(result.status, 0) << result.err;
-  Variant response;
-  EXPECT_GT(Variant::FromJSON(result.out, response), 0) << result.out;
-  return response["payload"];
+  Variant document;
+  EXPECT_GT(Variant::FromJSON(result.out, document), 0) << result.out;
+  return document["result"]["payload"];
 }
 
 std::vector<std::string> keysOf(const Variant& map) {
