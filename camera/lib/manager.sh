@@ -3,7 +3,7 @@
 
 # make_certificates FOLDER DAYS: creates an authority and certificates for the server and the camera.
 make_certificates() {
-  mkdir -p -m 700 "$1"
+  mkdir -m 700 "$1"
   (
     cd "$1" || exit
     openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days "$2" -subj "/CN=Tour Authority" \

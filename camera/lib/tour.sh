@@ -2,7 +2,7 @@
 # Building blocks of the tour: commands, checks and the management server.
 
 # shellcheck source=camera/lib/manager.sh
-. "$here/lib/manager.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/manager.sh"
 
 readonly WAIT_S=30
 
