@@ -1,6 +1,9 @@
 # shellcheck shell=bash disable=SC2154 # `here` is the tour's
 # Building blocks of the tour: commands, checks and the management server.
 
+# shellcheck source=camera/lib/manager.sh
+. "$(dirname "${BASH_SOURCE[0]}")/manager.sh"
+
 readonly WAIT_S=30
 
 prepare() {
@@ -141,38 +144,15 @@ boot=1
 # --- the management server ----------------------------------------------------------------------------------------
 
 start_manager() {
-  make_certificates
-  local tls=$work/tls command
-  command=("$(find "$KOVA_BUILD" -maxdepth 4 -name kova_manager -type f -print -quit)")
-  if is_emulated; then command=("$KOVA_CAMERA_EMULATOR" -L "$KOVA_CAMERA_SYSROOT" "${command[@]}"); fi
-  "${command[@]}" "$tls/manager.crt" "$tls/manager.key" \
-    "$tls/ca.crt" "$served" "$received" "$work/port" >"$work/manager.log" 2>&1 &
+  local tls=$work/tls
+  make_certificates "$tls" 2
+  run_manager "$tls" "$served" "$received" "$work/port" >"$work/manager.log" 2>&1 &
   manager=$!
   eventually test -s "$work/port"
   url=https://127.0.0.1:$(<"$work/port")
   install -m 600 "$tls/camera.pem" "$root/etc/persistent/server.pem"
   install -m 644 "$tls/ca.crt" "$root/etc/persistent/controller.crt"
   inside kovactl save --sync
-}
-
-# Creates an authority and certificates for the server and the camera.
-make_certificates() {
-  local tls=$work/tls
-  mkdir -m 700 "$tls"
-  (
-    cd "$tls" || exit
-    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj "/CN=Tour Authority" \
-      -keyout ca.key -out ca.crt
-    issue manager serverAuth
-    issue camera clientAuth
-    cat camera.crt camera.key >camera.pem
-  ) >"$work/openssl.log" 2>&1
-}
-
-issue() {
-  openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$1" -keyout "$1.key" -out "$1.csr"
-  openssl x509 -req -in "$1.csr" -CA ca.crt -CAkey ca.key -CAcreateserial -days 2 -out "$1.crt" \
-    -extfile <(echo "extendedKeyUsage=$2")
 }
 
 turned_away() { ! curl --silent --insecure --max-time 5 "$url/files/nothing"; }

@@ -13,7 +13,8 @@ namespace kova::ctl {
 
 ExitStatus Objects::Open() {
   std::string error;
-  return bus_.Open(error) ? ExitStatus::Ok : fail(ExitStatus::Unreachable, explainJoin("", error));
+  return bus_.Open(error) ? ExitStatus::Ok
+                          : fail(ExitStatus::Unreachable, explainJoin(options_.host, "", error));
 }
 
 ExitStatus Objects::Await(const Start& start, Answer& answer, bool patient) {
