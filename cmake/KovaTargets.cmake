@@ -68,6 +68,18 @@ function(kova_test name)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
 endfunction()
 
+# kova_source_test(<name> TIMEOUT <seconds> COMMAND <word>...)
+#
+# A test of scripts or documents alone. It does not run under the sanitizers: it would not notice them.
+function(kova_source_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "COMMAND" ${ARGN})
+  if(KOVA_SANITIZE)
+    return()
+  endif()
+  add_test(NAME ${name} COMMAND ${ARG_COMMAND})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS unit)
+endfunction()
+
 # kova_command(<variable> <target>)
 #
 # What a test runs to run the program <target>: itself or, when it is compiled for another processor, a

@@ -54,10 +54,16 @@ place_flash() {
   fi
 }
 
+# copy_skeleton SOURCE... TARGET: whoever checked the sources out, and with whatever umask, the files are root's.
+copy_skeleton() {
+  cp -a --no-preserve=ownership "$@"
+  chmod -R go-w "${@: -1}"
+}
+
 install_skeleton() {
   local packaging=$CAMERA_HOME/../packaging
-  cp -a "$CAMERA_HOME/rootfs/sbin/." "$root/sbin/"
-  cp -a "$CAMERA_HOME/rootfs/usr/." "$root/usr/"
+  copy_skeleton "$CAMERA_HOME/rootfs/sbin/." "$root/sbin/"
+  copy_skeleton "$CAMERA_HOME/rootfs/usr/." "$root/usr/"
   # Install the services of the packages.
   cp "$packaging/dbus/kova-bus.conf" "$packaging"/runit/service* "$root/usr/share/kova/"
   cp "$packaging"/kova_{members,tidy} "$root/usr/libexec/"
@@ -80,9 +86,9 @@ install_info() {
 # The factory default of /etc: the skeleton and the services, with the name of the model.
 install_factory_default() {
   local factory=$root/usr/share/factory/etc name service
-  cp -a "$CAMERA_HOME/rootfs/etc" "$root/usr/share/factory/"
-  cp -a "$CAMERA_HOME"/../packaging/runit/kova_* "$factory/sv/"
-  lift_limits_for_sanitizers "$factory/sv/kova_ctlserver/run"
+  copy_skeleton "$CAMERA_HOME/rootfs/etc" "$root/usr/share/factory/"
+  copy_skeleton "$CAMERA_HOME"/../packaging/runit/kova_* "$factory/sv/"
+  if has_sanitizers; then suit_sanitizers "$factory/sv"; fi
   name=$(sed -nE 's/.*"name"[[:space:]]*:[[:space:]]*"([^"\\]*)".*/\1/p' "$root/usr/share/kova/camera_info.json")
   printf 'resolv.host.1.name=%s\n' "${name%%$'\n'*}" >>"$factory/system.cfg"
   mkdir -p "$factory/service" "$factory/persistent"
@@ -92,10 +98,18 @@ install_factory_default() {
   done
 }
 
-# lift_limits_for_sanitizers RUN: removes limits that are too low for a daemon with sanitizers.
-lift_limits_for_sanitizers() {
-  # Not grep -q: it ends early, and ldd(1) would die of SIGPIPE.
-  if ldd "$(built_program kova_ctlserver)" 2>/dev/null | grep libasan >/dev/null; then sed -i 's/ -d 536870912//' "$1"; fi
+# Not grep -q: it ends early, and ldd(1) would die of SIGPIPE.
+has_sanitizers() { ldd "$(built_program kova_ctlserver)" 2>/dev/null | grep libasan >/dev/null; }
+
+# suit_sanitizers SERVICES: removes limits that are too low for a daemon with sanitizers, and lets services with a leak
+# check end undisturbed.
+suit_sanitizers() {
+  local name
+  sed -i 's/ -d 536870912//' "$1/kova_ctlserver/run"
+  for name in kova_ctlserver kova_sounds_leds kova_discovery_server; do
+    mkdir "$1/$name/control"
+    ln -s /usr/share/kova/stop_sanitized "$1/$name/control/t"
+  done
 }
 
 # runsv(8) keeps its state in "supervise", which must be in RAM and not in the saved configuration.

@@ -78,8 +78,6 @@ type_refused() {
   show "$ kovactl $*"
   run_shown refused inside kovactl "$@"
 }
-# For requests whose outcome no event reports.
-type_quiet() { type_in "$@"; }
 # type_secret OLD NEW ARGUMENT...: passes the passwords on standard input, one per line.
 type_secret() {
   show "$ printf '%s\\n' OLD NEW | kovactl ${*:3}"

@@ -63,6 +63,8 @@ class BaseTransferTask {
   /// @param endpoint destination of notifyStatus
   BaseTransferTask& setIpcOrigin(const std::string& endpoint);
   BaseTransferTask& setSendNoEvents(bool sendNoEvents);
+  /// @param number of the request's record in TransferRecords; 0: none
+  BaseTransferTask& setRecord(std::uint64_t number);
 
   const std::string& name() const { return name_; }
   bool download() const { return download_; }
@@ -77,6 +79,7 @@ class BaseTransferTask {
   std::uint64_t ipcRequestId() const { return ipcRequestId_; }
   const std::string& ipcOrigin() const { return ipcOrigin_; }
   bool sendNoEvents() const { return sendNoEvents_; }
+  std::uint64_t record() const { return record_; }
 
   /// utils::nowMs() when this run started; 0 before the first run.
   std::uint64_t startTime() const { return startTime_; }
@@ -89,15 +92,28 @@ class BaseTransferTask {
   /// Starts a run: onCheck, the common checks, the clock, onStart. Returns false, with the reason
   /// logged, if any of them refuses.
   bool start();
+  /// Forgets what the last hook said of its run.
+  void clearConclusion() { conclude("", ""); }
   void setInTransfer(bool inTransfer) { inTransfer_ = inTransfer; }
   void setFinalizing(bool finalizing) { finalizing_ = finalizing; }
+
+  /// How the last hook said that its run ended, as in TransferRecord; "" if it said nothing.
+  const std::string& outcomeOfRun() const { return outcome_; }
+  /// Why, or why start() refused: a clause, see TransferRecords::end.
+  const std::string& reasonOfRun() const { return reason_; }
 
   /// The text that reports a failure to clients: "TRANSFER_FAILED" for every value without its own
   /// text, including TRANSFER_OK and TRANSFER_CANCELLED.
   static std::string decodeTransferStatus(TransferStatus status);
 
+ protected:
+  /// For the hooks: says how the run ends, and why. Sends nothing.
+  void conclude(const std::string& outcome, const std::string& reason);
+  /// For onCheck and onStart: says why the run is refused. Returns false.
+  bool refuseRun(const std::string& reason);
+
  private:
-  bool ParametersComplete() const;
+  bool ParametersComplete();
 
   std::string name_;
   bool download_ = true;
@@ -115,6 +131,9 @@ class BaseTransferTask {
   std::uint64_t ipcRequestId_ = 0;
   std::string ipcOrigin_;
   bool sendNoEvents_ = false;
+  std::uint64_t record_ = 0;
+  std::string outcome_;
+  std::string reason_;
 };
 
 }  // namespace kova::ctlserver

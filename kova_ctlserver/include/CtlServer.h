@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DeviceObject.h"
 #include "Persistence.h"
 #include "ResetButtonsReactor.h"
 #include "TransferService.h"
@@ -89,16 +90,24 @@ class CtlServer {
   bool stopService(ipc::messages::StopService& request);
 
   /// Starts the requested transfer. Its task reports the outcome to the requester by events; a
-  /// request that is refused here only leaves a log line.
+  /// request that is refused here only leaves a log line and a record.
   /// @return true if the task was started or the file is already installed
   bool getRequest(ipc::messages::GetRequest& request);
   bool putRequest(ipc::messages::PutRequest& request);
   bool updateFirmware(ipc::messages::UpdateFirmwareRequest& request);
 
+  /// What clients of the bus are shown of the device.
+  DeviceState deviceState() const;
+
+  /// One record for each request of the three above.
+  TransferRecords& transferRecords() { return transferService_.records(); }
+
  private:
   void configureWhitelists();
   void trustUploadOwner();
-  bool isDuplicate(const char* operation, const std::string& what, const std::string& uri) const;
+  bool isDuplicate(const char* operation, const std::string& what, const std::string& uri,
+                   std::uint64_t record);
+  bool refuse(std::uint64_t record, const std::string& reason);
   bool readMemory(variant::Variant& reply);
   bool readCpu(variant::Variant& reply);
   bool readNetwork(variant::Variant& reply);
@@ -118,6 +127,7 @@ class CtlServer {
   gpio::ResetButtonCase resetButton_;
   ResetButtonsReactor resetReactor_;
   bool ended_ = false;
+  std::uint32_t settingsChanges_ = 0;
 };
 
 }  // namespace kova::ctlserver

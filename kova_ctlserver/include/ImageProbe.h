@@ -11,6 +11,7 @@ struct ImageFigures {
   int depth = 0;  ///< OpenCV depth code; 0: 8 bits unsigned
   int width = 0;  ///< columns
   int height = 0;
+  bool answered = false;  ///< the decoder gave an answer
 };
 
 /// Decodes a picture in "/usr/libexec/kova_imageprobe", an unprivileged process, so that hostile

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "kova/ipc/Objects.h"
+
 namespace kova::ctlserver {
 
 /// Batches writes of the configuration to flash and performs the factory reset.
@@ -34,10 +36,18 @@ class Persistence {
   /// @return the result of persist() or reset(), true if neither was due
   bool service();
 
+  bool savePending() const { return saveStamp_ != 0; }
+  bool resetPending() const { return resetStamp_ != 0; }
+  /// The end of the last attempt to write to flash: "OK" or "FAILED".
+  const ipc::Moment& lastSave() const { return lastSave_; }
+
  private:
+  bool save();
+
   // Milliseconds of utils::nowMs(); 0: nothing is scheduled.
   std::uint64_t saveStamp_ = 0;
   std::uint64_t resetStamp_ = 0;
+  ipc::Moment lastSave_;
 };
 
 }  // namespace kova::ctlserver

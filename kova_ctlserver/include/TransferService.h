@@ -4,6 +4,8 @@
 #include <set>
 #include <string>
 
+#include "TransferRecords.h"
+#include "TransferRun.h"
 #include "multihttp.h"
 
 namespace kova::ctlserver {
@@ -15,14 +17,17 @@ class BaseTransferTask;
 ///
 /// At most one task runs per URI. A name is busy from add until the transfer ends or fails; a URI
 /// is taken until the end of the turn that removes the task. Tasks are not owned and must live
-/// until then. Failures are logged and reported through the hooks.
-class TransferService : public MultiHTTP {
+/// until then. Failures are logged and reported through the hooks, and told to the record of the
+/// run, whose number the task carries (BaseTransferTask::setRecord).
+class TransferService : public MultiHTTP, private TransferCanceller {
  public:
+  TransferService();
+
   /// Must be called once, before any other operation.
   bool init();
 
   /// Starts the task (BaseTransferTask::start). Its transfer is registered on a later turn.
-  /// @return false when the URI is taken or the task refuses to start
+  /// @return false when the URI is taken or the task refuses to start; its record has then ended
   bool add(BaseTransferTask* task);
 
   /// One turn: moves data, reports ended transfers, expires deadlines, registers and finalises
@@ -35,6 +40,13 @@ class TransferService : public MultiHTTP {
   /// Whether a task of this URI is known to the service.
   bool existsUri(const std::string& uri) const;
 
+  /// The record of the run that has this URI, or of one with this name whose transfer has not
+  /// ended; 0 if there is none.
+  std::uint64_t recordOfUri(const std::string& uri) const;
+  std::uint64_t recordOfName(const std::string& name) const;
+
+  TransferRecords& records() { return records_; }
+
   void SignalTransferCompleted(const std::string& uri, TransferStatus status,
                                int httpCode) override;
   /// Enforces the size limit before it writes a chunk. If the announced length exceeds the limit,
@@ -44,14 +56,26 @@ class TransferService : public MultiHTTP {
                             unsigned long offset, long total) override;
 
  private:
-  void Advance(const std::string& uri, BaseTransferTask& task);
-  bool ExpireDeadline(const std::string& uri, const BaseTransferTask& task);
-  bool RegisterIfReady(const std::string& uri, BaseTransferTask& task);
-  bool HoldToSize(const std::string& uri, const BaseTransferTask& task);
+  bool cancelTransfer(std::uint64_t record) override;
+  void Advance(const std::string& uri, TransferRun& run);
+  void Finalise(const std::string& uri, TransferRun& run);
+  bool ExpireDeadline(const std::string& uri, TransferRun& run);
+  bool RegisterIfReady(const std::string& uri, TransferRun& run);
+  bool HoldToSize(const std::string& uri, TransferRun& run);
+
+  // Telling the records.
+  TransferRun TakeOver(BaseTransferTask& task);
+  bool Refuse(const TransferRun& run, const std::string& reason);
+  void End(const TransferRun& run, const TransferRun::End& end);
+  void EndFailed(const std::string& uri, TransferRun& run, TransferStatus status);
+  void NoteCompletion(TransferRun& run, TransferStatus status, int httpCode);
+  void NoteReceived(TransferRun& run, std::uint64_t received, long total);
+  void NoteRead(const std::string& uri, const utils::File& file, int error) override;
   void cancel(const std::string& uri, bool logFailure, TransferStatus status, int httpCode);
   void cancelFinalize();
 
-  std::map<std::string, BaseTransferTask*> tasks_;  // by URI
+  TransferRecords records_;
+  std::map<std::string, TransferRun> tasks_;  // by URI
   // URIs whose tasks are removed at the end of the turn: tasks_ must not shrink while it is walked.
   std::set<std::string> pendingCancel_;
   std::set<std::string> busyNames_;

@@ -9,7 +9,7 @@ enum TransferStatus : std::int32_t {
   TRANSFER_OK = 0,         ///< no transport error, whatever the HTTP status code
   TRANSFER_FAILED = 1,     ///< any other transport error, or registration failed
   DISK_IO_FAILED = 2,      ///< the local side could not write or read bytes
-  TRANSFER_CANCELLED = 3,  ///< removed by a cancel; never reported as a failure
+  TRANSFER_CANCELLED = 3,  ///< removed by a cancel; never logged as a failure
   // kept: 28
   TRANSFER_BUSY = 4,      ///< a task of that kind is running; the engine never sets it
   TRANSFER_TIMEOUT = 5,   ///< the time-out of libcurl or the deadline of the task passed

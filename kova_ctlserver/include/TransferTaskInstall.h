@@ -43,15 +43,17 @@ class TransferTaskInstall : public BaseTransferTask {
   TransferTaskInstall(const Kind& kind, Persistence& persistence);
 
   /// Whether the content of the downloaded file is valid; logs why not.
-  virtual bool validate() = 0;
+  /// @param reason receives why not, as a clause for a person
+  virtual bool validate(std::string& reason) = 0;
 
   /// Whether the installed checksum file holds exactly `hash`.
   static bool isInstalled(const Kind& kind, const std::string& hash);
 
  private:
-  bool install(const std::string& digest);
+  bool install(const std::string& digest, bool& saved);
   void unlinkTemps();
-  void refuse(const char* status);
+  void refuse(const char* status, const std::string& reason);
+  void concludeInstalled(const std::string& digest, bool saved);
 
   const Kind& kind_;
   Persistence& persistence_;

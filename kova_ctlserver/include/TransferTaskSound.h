@@ -13,7 +13,7 @@ class TransferTaskSound : public TransferTaskInstall {
   static bool checkNoTransferNeeded(const std::string& hash);
 
  protected:
-  bool validate() override;
+  bool validate(std::string& reason) override;
 
  private:
   static const Kind kSound;

@@ -14,7 +14,7 @@ class TransferTaskUserLogo : public TransferTaskInstall {
   static bool checkNoTransferNeeded(const std::string& hash);
 
  protected:
-  bool validate() override;
+  bool validate(std::string& reason) override;
 
  private:
   static const Kind kLogo;

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "PumpGuard.h"
 #include "TransferHandles.h"
@@ -71,6 +72,14 @@ class BaseHTTP {
   /// Watches the sockets of the transfers.
   PumpGuard& Guard() { return guard_; }
 
+ protected:
+  /// Why the transfer that SignalTransferCompleted reports as failed has failed, or why the last
+  /// RegisterRequest did: a clause for a person, which may hold parts of the URI.
+  const std::string& Cause() const { return cause_; }
+  /// The status code that the server of a running transfer has sent; 0: none yet.
+  int HttpStatusOf(const std::string& uri) const;
+  void SetCause(std::string cause) { cause_ = std::move(cause); }
+
  private:
   // These may read sockets, so they run under the guard.
   CURLMcode Perform();
@@ -81,6 +90,7 @@ class BaseHTTP {
   void Complete(CurlContext& context, TransferStatus status, long httpCode);
 
   PumpGuard guard_;  // outlives all sockets
+  std::string cause_;
   MultiHandle multi_;
   std::map<std::string, CurlContext*> transfers_;
   // Separate from transfers_, so that a transfer whose URI a later one has taken still has an

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -55,6 +56,12 @@ class CurlContext {
 
   /// Whether the guard cut the connection. The transfer has then failed, whatever libcurl reports.
   bool WasCut() const { return *cut_ != 0; }
+  /// Keeps libcurl's own words on a failure, for Explain. Called after Init.
+  void KeepErrorText();
+  /// Why the transfer failed, or after a failed Init why that did: a clause for a person, which may
+  /// hold parts of the URI.
+  std::string Explain(CURLcode result) const;
+
   /// Whether the server exceeded kMostHeaderBytes or kMostAnswerBytes, which is logged.
   bool IsOverBudget() const { return isOverBudget_; }
 
@@ -97,7 +104,7 @@ class CurlContext {
 
   template <typename Value>
   bool Set(CURLoption option, Value value);
-  bool Succeeded(CURLcode code) const;
+  bool Succeeded(CURLcode code);
 
   BaseHTTP* owner_;
   bool download_;
@@ -106,6 +113,8 @@ class CurlContext {
   EasyHandle curl_;
   std::uint64_t bytesReceived_ = 0;
   std::uint64_t headerBytes_ = 0;
+  std::string cause_;                             // of a failure that libcurl does not know
+  std::array<char, CURL_ERROR_SIZE> error_ = {};  // CURLOPT_ERRORBUFFER(3)
   bool isOverBudget_ = false;
   PumpGuard::Mark cut_;
   double contentLength_;

@@ -40,6 +40,11 @@ class MultiHTTP : public BaseHTTP {
   unsigned long FillUploadBuffer(const std::string& uri, unsigned char* buffer,
                                  unsigned long size) override;
 
+ protected:
+  /// Called after each read of the file of an upload.
+  /// @param error an errno value, or 0
+  virtual void NoteRead(const std::string& uri, const utils::File& file, int error);
+
  private:
   using Files = std::map<std::string, std::unique_ptr<utils::File>>;
 

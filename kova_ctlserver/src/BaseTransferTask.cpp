@@ -1,5 +1,6 @@
 #include "BaseTransferTask.h"
 
+#include "TransferRecords.h"
 #include "kova/ipc/Ipc.h"
 #include "kova/logger/Logger.h"
 #include "kova/messages/Events.h"
@@ -54,7 +55,18 @@ void BaseTransferTask::notifyStatus(const std::string& status) {
   }
 }
 
+void BaseTransferTask::conclude(const std::string& outcome, const std::string& reason) {
+  outcome_ = outcome;
+  reason_ = reason;
+}
+
+bool BaseTransferTask::refuseRun(const std::string& reason) {
+  conclude(kOutcomeRefused, reason);
+  return false;
+}
+
 bool BaseTransferTask::start() {
+  clearConclusion();
   if (!onCheck()) {
     KOVA_LOG(LOG_ERR, 0, "Task-specific checks failed");
     return false;
@@ -68,25 +80,28 @@ bool BaseTransferTask::start() {
   return onStart();
 }
 
-bool BaseTransferTask::ParametersComplete() const {  // kept: 15
+bool BaseTransferTask::ParametersComplete() {  // kept: 15
   const struct {
     const char* text;
+    const char* reason;
     int line;
     bool missing;
   } checks[] = {
-      {"Name must be set", __LINE__, name_.empty()},
+      {"Name must be set", "the task has no name", __LINE__, name_.empty()},
       // kept: 62
-      {"Max size must be set", __LINE__, maxSz_ == 0},
-      {"URI must be set", __LINE__, !isSet(uri_)},
-      {"Path must be set when downloading", __LINE__, download_ && !isSet(path_)},
-      {"Timeout must be set", __LINE__, timeout_ == 0},
-      {"IPC origin must be set when sending events is on", __LINE__,
+      {"Max size must be set", "the task has no size limit", __LINE__, maxSz_ == 0},
+      {"URI must be set", "the request gives no URI (uri)", __LINE__, !isSet(uri_)},
+      {"Path must be set when downloading", "the task has no path to download to", __LINE__,
+       download_ && !isSet(path_)},
+      {"Timeout must be set", "the request gives no time-out (timeoutMs)", __LINE__, timeout_ == 0},
+      {"IPC origin must be set when sending events is on",
+       "the request does not say to whom events go (from)", __LINE__,
        !sendNoEvents_ && ipcOrigin_.empty()},
   };
   for (const auto& check : checks) {
     if (check.missing) {
       KOVA_LOG_LINE(check.line, "start", LOG_ERR, 0, "%s", check.text);
-      return false;
+      return refuseRun(check.reason);
     }
   }
   return true;
@@ -169,6 +184,11 @@ BaseTransferTask& BaseTransferTask::setIpcOrigin(const std::string& endpoint) {
 
 BaseTransferTask& BaseTransferTask::setSendNoEvents(bool sendNoEvents) {
   sendNoEvents_ = sendNoEvents;
+  return *this;
+}
+
+BaseTransferTask& BaseTransferTask::setRecord(std::uint64_t number) {
+  record_ = number;
   return *this;
 }
 

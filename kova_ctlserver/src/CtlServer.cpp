@@ -2,9 +2,9 @@
 
 #include "StopSignal.h"
 #include "kova/logger/Logger.h"
-#include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
 #include "kova/utils/Service.h"
+#include "kova/utils/ServiceManager.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -82,7 +82,7 @@ bool CtlServer::service(unsigned timeoutMs) {  // kept: 3
 }
 
 bool CtlServer::reboot(bool waitForever, int delayMs, bool persistFirst) {
-  utils::sleepMs(delayMs);                            // kept: 8
+  utils::sleepAliveMs(delayMs);                       // kept: 8
   if (persistFirst && !persistence_.persist(true)) {  // kept: 18
     KOVA_LOG(LOG_ERR, 0, "Failed to persist");
   }
@@ -93,7 +93,7 @@ bool CtlServer::reboot(bool waitForever, int delayMs, bool persistFirst) {
   if (waitForever) {  // kept: 8
     KOVA_LOG(LOG_INFO, 0, "Entering reboot wait mode");
     while (!stopSignalled()) {
-      utils::sleepMs(kRebootWaitStepMs);
+      utils::sleepAliveMs(kRebootWaitStepMs);
     }
     ended_ = true;
   }
@@ -103,6 +103,11 @@ bool CtlServer::reboot(bool waitForever, int delayMs, bool persistFirst) {
 bool CtlServer::persist(bool sync) {
   persistence_.enqueue();
   return !sync || persistence_.persist(true);  // kept: 12
+}
+
+DeviceState CtlServer::deviceState() const {
+  return {persistence_.savePending(), persistence_.resetPending(), resetButton_.readable(),
+          persistence_.lastSave(), settingsChanges_};
 }
 
 bool CtlServer::resetToDefaults() {  // kept: 11

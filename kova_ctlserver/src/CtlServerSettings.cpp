@@ -2,6 +2,7 @@
 
 #include <csignal>
 
+#include "ConfigKeys.h"
 #include "CtlServer.h"
 #include "kova/logger/Logger.h"
 #include "kova/syscfg/SystemCfgManager.h"
@@ -21,7 +22,6 @@ constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
 constexpr char kOperation[] = "updateSettings";  // kept: 15
 
-constexpr char kNameKey[] = "resolv.host.1.name";
 constexpr char kTimeZoneKey[] = "system.timezone";
 constexpr char kRegionKey[] = "system.region";
 constexpr char kTimelapseKey[] = "system.timelapseminutes";
@@ -225,9 +225,10 @@ bool CtlServer::updateSettings(ChangeDeviceSettings& request, Variant& reply) {
   reply.Reset();
   Update update{request, reply, cameraInfo_};
   // kept: 83
-  return openStore(update) && updateName(update) && updateTimeZone(update) &&
-         updateRegion(update) && updateTimelapse(update) && closeStore(update) &&
-         updateBootSound(update);
+  const bool stored = openStore(update) && updateName(update) && updateTimeZone(update) &&
+                      updateRegion(update) && updateTimelapse(update) && closeStore(update);
+  settingsChanges_ += stored && update.changed ? 1 : 0;
+  return stored && updateBootSound(update);
 }
 
 bool CtlServer::resetSettings(Variant& reply) {

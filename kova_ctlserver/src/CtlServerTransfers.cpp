@@ -23,14 +23,42 @@ void logDuplicate(const char* operation, const char* property, const std::string
 
 /// Sets what requests of all kinds give.
 template <typename Request>
-void address(BaseTransferTask& task, Request& request) {
-  task.setIpcOrigin(request.from())
+void address(BaseTransferTask& task, Request& request, std::uint64_t record) {
+  task.setRecord(record)
+      .setIpcOrigin(request.from())
       .setIpcRequestId(request.id())
       .setUri(request.uri())
       .setTimeout(request.timeoutMs());  // kept: 55
 }
 
+constexpr char kFirmware[] = "firmware";
+constexpr char kNoWord[] = "the request does not say what to transfer (what)";
+constexpr char kUp[] = "up";
+constexpr char kDown[] = "down";
+
+/// Begins the record of a request.
+template <typename Request>
+std::uint64_t beginRecord(TransferRecords& records, Request& request, const std::string& kind,
+                          const char* direction) {
+  TransferRecord facts;
+  facts.requestId = request.id();
+  facts.requester = request.from();
+  facts.kind = ipc::messages::isGiven(kind) ? kind : "";
+  facts.direction = direction;
+  facts.uri = ipc::messages::isGiven(request.uri()) ? request.uri() : "";
+  return records.begin(facts);
+}
+
+std::string runningOfKind(const std::string& kind, std::uint64_t number) {
+  return "another " + kind + " transfer, number " + std::to_string(number) + ", is running";
+}
+
 }  // namespace
+
+bool CtlServer::refuse(std::uint64_t record, const std::string& reason) {
+  transferRecords().end(record, kOutcomeRefused, reason);
+  return false;
+}
 
 /// The device description may name one user besides root whose files in /tmp may be uploaded.
 void CtlServer::trustUploadOwner() {
@@ -44,14 +72,17 @@ void CtlServer::trustUploadOwner() {
 
 // "supportInfo", "logo" and "sound" are not the names of their tasks, so they never match here:
 // such a request re-arms the running task under its new URI.
-bool CtlServer::isDuplicate(const char* operation, const std::string& what,
-                            const std::string& uri) const {
+bool CtlServer::isDuplicate(const char* operation, const std::string& what, const std::string& uri,
+                            std::uint64_t record) {
   if (transferService_.existsUri(uri)) {
     logDuplicate(operation, "uri", what, uri);
+    refuse(record, "transfer " + std::to_string(transferService_.recordOfUri(uri)) +
+                       ", which runs, has this URI");
     return true;
   }
   if (transferService_.existsName(what)) {  // kept: 56
     logDuplicate(operation, "name", what, uri);
+    refuse(record, runningOfKind(what, transferService_.recordOfName(what)));
     return true;
   }
   return false;
@@ -69,7 +100,8 @@ bool CtlServer::getRequest(GetRequest& request) {
       {"eventHeatmap", eventHeatmapTask_, true},
   };
   const std::string what = request.what();
-  if (isDuplicate("getRequest", what, request.uri())) {  // kept: 58
+  const std::uint64_t record = beginRecord(transferRecords(), request, what, kUp);
+  if (isDuplicate("getRequest", what, request.uri(), record)) {  // kept: 58
     return false;
   }
   for (const auto& kind : kinds) {
@@ -77,7 +109,7 @@ bool CtlServer::getRequest(GetRequest& request) {
       continue;
     }
     kind.task.setSendNoEvents(request.disableEvents());  // kept: 61
-    address(kind.task, request);
+    address(kind.task, request, record);
     kind.task.setFormFields(request.formFields());
     if (kind.namesFile) {
       kind.task.setPath("/tmp/" + request.filename());
@@ -85,7 +117,7 @@ bool CtlServer::getRequest(GetRequest& request) {
     return transferService_.add(&kind.task);
   }
   KOVA_LOG(LOG_ERR, 0, "Unrecognized GetRequest: %s", request.ToString().c_str());
-  return false;
+  return refuse(record, kNoWord);
 }
 
 bool CtlServer::putRequest(PutRequest& request) {
@@ -98,7 +130,8 @@ bool CtlServer::putRequest(PutRequest& request) {
       {"sound", soundTask_, TransferTaskSound::checkNoTransferNeeded},
   };
   const std::string what = request.what();
-  if (isDuplicate("putRequest", what, request.uri())) {  // kept: 58
+  const std::uint64_t record = beginRecord(transferRecords(), request, what, kDown);
+  if (isDuplicate("putRequest", what, request.uri(), record)) {  // kept: 58
     return false;
   }
   for (const auto& kind : kinds) {
@@ -107,22 +140,27 @@ bool CtlServer::putRequest(PutRequest& request) {
     }
     const std::string hash = request.hash();
     if (hash != kUninitialized && kind.isInstalled(hash)) {  // kept: 59
+      transferRecords().end(
+          record, kOutcomeAlreadyInstalled,
+          "the installed " + what + " has this MD5 digest already, so nothing was transferred");
       return true;
     }
     kind.task.setHash(hash);  // kept: 60
-    address(kind.task, request);
+    address(kind.task, request, record);
     return transferService_.add(&kind.task);
   }
   KOVA_LOG(LOG_ERR, 0, "Unrecognized PutRequest: %s", request.ToString().c_str());
-  return false;
+  return refuse(record, kNoWord);
 }
 
 bool CtlServer::updateFirmware(UpdateFirmwareRequest& request) {  // kept: 57
+  const std::uint64_t record = beginRecord(transferRecords(), request, kFirmware, kDown);
   if (transferService_.existsName(firmwareTask_.name())) {
     logDuplicate("updateFirmware", "name", firmwareTask_.name(), request.uri());
-    return false;
+    return refuse(record,
+                  runningOfKind(kFirmware, transferService_.recordOfName(firmwareTask_.name())));
   }
-  address(firmwareTask_, request);
+  address(firmwareTask_, request, record);
   return transferService_.add(&firmwareTask_);
 }
 

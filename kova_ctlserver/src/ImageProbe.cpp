@@ -35,6 +35,7 @@ bool parse(const std::string& line, ImageFigures& figures) {
     return false;
   }
   read.empty = empty != 0;
+  read.answered = true;
   figures = read;
   return true;
 }

@@ -41,13 +41,22 @@ bool Persistence::persist(bool force) {
   if (!force && saveStamp_ == 0) {
     return true;
   }
-  if (utils::sysExecSimple(kFlashTool, "-w", "-p", "/etc/", "-m") != 0) {
+  if (!save()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to persist");  // kept: 100
     return false;
   }
   KOVA_LOG(LOG_INFO, 0, "Persisted");
   saveStamp_ = 0;
   return true;
+}
+
+bool Persistence::save() {
+  const bool saved = utils::sysExecSimple(kFlashTool, "-w", "-p", "/etc/", "-m") == 0;
+  const timeval time = utils::now();
+  lastSave_ = {static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
+                   static_cast<std::uint64_t>(time.tv_usec),
+               saved ? "OK" : "FAILED"};
+  return saved;
 }
 
 bool Persistence::reset() {

@@ -1,8 +1,11 @@
 #include "TransferService.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "BaseTransferTask.h"
+#include "DisplayText.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
 
@@ -26,19 +29,13 @@ bool exceeds(const BaseTransferTask& task, unsigned long offset, long total) {
   return task.maxSz() != 0 && size > task.maxSz();                                    // kept: 54
 }
 
-/// Returns `uri` without the user information before its host (RFC 3986, 3.2.1). Like libcurl, it
-/// accepts a URI without a scheme.
-std::string withoutUserInfo(const std::string& uri) {
-  const std::size_t slashes = uri.find("://");
-  const std::size_t host = slashes < uri.find_first_of("/?#") ? slashes + 3 : 0;
-  const std::size_t end = std::min(uri.find_first_of("/?#", host), uri.size());
-  const std::size_t at = uri.substr(0, end).rfind('@');
-  return at == std::string::npos || at < host ? uri : uri.substr(0, host) + uri.substr(at + 1);
-}
-
 constexpr int kFirstHttpError = 400;
 
 }  // namespace
+
+TransferService::TransferService() {
+  records_.setCanceller(this);
+}
 
 bool TransferService::init() {
   return Init();
@@ -46,17 +43,19 @@ bool TransferService::init() {
 
 bool TransferService::add(BaseTransferTask* task) {  // kept: 45
   const std::string& uri = task->uri();
+  const TransferRun run = TakeOver(*task);
   if (existsUri(uri)) {
     KOVA_LOG(LOG_ERR, 0, "Task %s busy, failed to start, uri=%s", task->name().c_str(),
              uri.c_str());
-    return false;
+    return Refuse(run,
+                  "transfer " + std::to_string(recordOfUri(uri)) + ", which runs, has this URI");
   }
   if (!task->start()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to start task, task=%s, uri=%s", task->name().c_str(),
              uri.c_str());
-    return false;
+    return Refuse(run, task->reasonOfRun());
   }
-  tasks_[uri] = task;
+  tasks_[uri] = run;
   busyNames_.insert(task->name());
   return true;
 }
@@ -71,41 +70,52 @@ bool TransferService::existsUri(const std::string& uri) const {
 
 bool TransferService::service(unsigned int timeoutMs) {
   const bool pumped = Service(static_cast<int>(timeoutMs));
-  for (const auto& [uri, task] : tasks_) {
+  for (auto& [uri, run] : tasks_) {
     if (!pendingCancel_.contains(uri)) {
-      Advance(uri, *task);
+      Advance(uri, run);
     }
   }
   cancelFinalize();
+  records_.flush();
   return pumped;
 }
 
-void TransferService::Advance(const std::string& uri, BaseTransferTask& task) {
-  if (ExpireDeadline(uri, task) || !RegisterIfReady(uri, task)) {
+void TransferService::Advance(const std::string& uri, TransferRun& run) {
+  if (ExpireDeadline(uri, run) || !RegisterIfReady(uri, run)) {
     return;
   }
-  if (task.finalizing()) {
-    bool done = false;
-    task.onSuccess(done);
-    if (done) {
-      pendingCancel_.insert(uri);
-    }
+  if (run.task->finalizing()) {
+    Finalise(uri, run);
+  }
+}
+
+void TransferService::Finalise(const std::string& uri, TransferRun& run) {
+  records_.enter(run.record, TransferPhase::Finalising);
+  run.task->clearConclusion();
+  bool done = false;
+  run.task->onSuccess(done);
+  if (done) {
+    pendingCancel_.insert(uri);
+    End(run, run.success());
   }
 }
 
 // kept: 15
-bool TransferService::ExpireDeadline(const std::string& uri, const BaseTransferTask& task) {
+bool TransferService::ExpireDeadline(const std::string& uri, TransferRun& run) {
+  const BaseTransferTask& task = *run.task;
   if (utils::nowMs() <= task.startTime() + task.timeout()) {
     return false;
   }
   KOVA_LOG_IN("service", LOG_WARNING, 0, "Timeout %s, task=%s, uri=%s", phaseOf(task),
               task.name().c_str(), uri.c_str());
+  run.cause = run.tooLate();
   cancel(uri, false, TRANSFER_TIMEOUT, 0);  // kept: 51
   return true;
 }
 
 /// Returns false if the registration failed; the task has then failed, too.
-bool TransferService::RegisterIfReady(const std::string& uri, BaseTransferTask& task) {
+bool TransferService::RegisterIfReady(const std::string& uri, TransferRun& run) {
+  BaseTransferTask& task = *run.task;
   if (task.inTransfer()) {
     return true;
   }
@@ -123,20 +133,32 @@ bool TransferService::RegisterIfReady(const std::string& uri, BaseTransferTask& 
                        task.timeout(), task.certFile(), task.privKeyFile(), task.caCertFile())) {
     KOVA_LOG_IN("service", LOG_WARNING, 0, "Failed to register transfer, task=%s, uri=%s",
                 task.name().c_str(), uri.c_str());
+    run.cause = run.registered ? "this ended its transfer" : Cause();
     cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
     return false;
   }
   task.setInTransfer(true);
-  return download || HoldToSize(uri, task);
+  run.registered = true;
+  if (!download) {
+    records_.setFile(run.record, path);
+  }
+  const bool goesOn = download || HoldToSize(uri, run);
+  records_.enter(run.record, TransferPhase::Transferring);
+  return goesOn;
 }
 
 /// Fails an upload that exceeds its limit. The size is taken from the open file, since the name may
 /// have pointed elsewhere before; nothing has been sent yet.
-bool TransferService::HoldToSize(const std::string& uri, const BaseTransferTask& task) {
+bool TransferService::HoldToSize(const std::string& uri, TransferRun& run) {
   unsigned long size = 0;
-  if (!GetUploadTotalSize(uri, size) || size <= task.maxSz()) {
+  if (!GetUploadTotalSize(uri, size)) {
     return true;
   }
+  records_.progress(run.record, 0, size);
+  if (size <= run.task->maxSz()) {
+    return true;
+  }
+  run.cause = run.tooLarge("the file has", size);
   cancel(uri, true, TRANSFER_TOOLARGE, 0);
   return false;
 }
@@ -146,9 +168,12 @@ void TransferService::SignalTransferCompleted(const std::string& uri, TransferSt
   MultiHTTP::SignalTransferCompleted(uri, status, httpCode);
   const auto entry = tasks_.find(uri);
   if (status == TRANSFER_OK && httpCode >= kFirstHttpError && entry != tasks_.end() &&
-      !entry->second->download()) {
+      !entry->second.task->download()) {
     KOVA_LOG(LOG_WARNING, 0, "The server refused the upload, name=%s, uri=%s, httpCode=%d",
-             entry->second->name().c_str(), withoutUserInfo(uri).c_str(), httpCode);
+             entry->second.task->name().c_str(), withoutUserInfo(uri).c_str(), httpCode);
+  }
+  if (entry != tasks_.end() && !pendingCancel_.contains(uri)) {
+    NoteCompletion(entry->second, status, httpCode);
   }
   if (status != TRANSFER_CANCELLED) {
     cancel(uri, true, status, httpCode);
@@ -166,11 +191,19 @@ bool TransferService::SignalBytesAvailable(const std::string& uri, unsigned char
     KOVA_LOG(LOG_ERR, 0, "Failed to resolve task by uri=%s", uri.c_str());
     return false;
   }
-  if (exceeds(*entry->second, offset, total)) {  // kept: 49
+  TransferRun& run = entry->second;
+  if (exceeds(*run.task, offset, total)) {  // kept: 49
+    run.cause = total > 0 ? run.tooLarge("the server announces", static_cast<unsigned long>(total))
+                          : run.tooLarge("the server has sent", offset + len);
     cancel(uri, true, TRANSFER_TOOLARGE, 0);
     return true;
   }
-  return MultiHTTP::SignalBytesAvailable(uri, data, len, offset, total);
+  if (!MultiHTTP::SignalBytesAvailable(uri, data, len, offset, total)) {
+    run.cause = std::string("the file could not be written: ") + std::strerror(errno);
+    return false;
+  }
+  NoteReceived(run, offset + len, total);
+  return true;
 }
 
 void TransferService::cancel(const std::string& uri, bool logFailure, TransferStatus status,
@@ -183,7 +216,7 @@ void TransferService::cancel(const std::string& uri, bool logFailure, TransferSt
     KOVA_LOG(LOG_ERR, 0, "Failed to resolve task by uri=%s", uri.c_str());
     return;
   }
-  BaseTransferTask& task = *entry->second;
+  BaseTransferTask& task = *entry->second.task;
   // The name is freed with the transfer, so that the client may send the next request of this kind
   // at once. The URI stays taken until cancelFinalize: libcurl may still hold the transfer.
   task.setFinalizing(true);
@@ -198,6 +231,7 @@ void TransferService::cancel(const std::string& uri, bool logFailure, TransferSt
   }
   task.onFailure(status, httpCode);
   pendingCancel_.insert(uri);
+  EndFailed(uri, entry->second, status);
 }
 
 // Tasks are removed here and nowhere else: cancel() runs while service() walks tasks_, and from

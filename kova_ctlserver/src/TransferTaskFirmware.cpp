@@ -4,10 +4,12 @@
 
 #include <cerrno>
 
+#include "TransferRecords.h"
 #include "kova/ipc/Ipc.h"
 #include "kova/logger/Logger.h"
 #include "kova/messages/Events.h"
 #include "kova/utils/Process.h"
+#include "kova/utils/Strings.h"
 #include "kova/variant/Variant.h"
 
 namespace kova::ctlserver {
@@ -26,6 +28,18 @@ constexpr std::uint32_t kMaxSz = 52428800;
 constexpr std::uint32_t kTimeoutMs = 600000;
 constexpr std::uint32_t kTimeoutMsWhenNotGiven = 1800000;
 constexpr unsigned kCheckerOutputKiB = 128;
+constexpr char kCheckFailed[] = "FW_CHECK_FAILED";
+constexpr char kWrongHardware[] = "FW_CHECK_INCOMPAT_HW";
+
+/// The words of the checker, those on standard error first.
+std::string whatItSaid(std::string err, std::string out) {
+  utils::trim(err);
+  utils::trim(out);
+  if (err.empty() && out.empty()) {
+    return "it said nothing";
+  }
+  return err.empty() || out.empty() ? err + out : err + ", " + out;
+}
 
 }  // namespace
 
@@ -71,6 +85,8 @@ bool TransferTaskFirmware::verify() {
   }
   KOVA_LOG_IN(kOnSuccess, LOG_WARNING, 0, "Firmware validation failed, uri=%s, status=%s",
               uri().c_str(), err.c_str());
+  conclude(kCheckFailed, utils::format("the checker refused the image with status %d: ", status) +
+                             whatItSaid(err, out));
   reportRejection(out);
   return false;
 }
@@ -80,22 +96,26 @@ void TransferTaskFirmware::reportRejection(const std::string& checkerOutput) {
   if (checkerOutput.empty() || Variant::FromJSON(checkerOutput, report) < 0) {
     KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Parse fwupdate output message failed (%s)",
                 checkerOutput.c_str());
-    return notifyStatus("FW_CHECK_FAILED");
+    return notifyStatus(kCheckFailed);
   }
   const Variant* reason = report.GetKeyChain(variant::VariantClass::String, {"reason"});
   // kept: 67
-  const bool wrongHardware = reason != nullptr && reason->ToText() == "FW_CHECK_INCOMPAT_HW";
-  notifyStatus(wrongHardware ? "FW_CHECK_INCOMPAT_HW" : "FW_CHECK_FAILED");
+  const bool wrongHardware = reason != nullptr && reason->ToText() == kWrongHardware;
+  const char* const status = wrongHardware ? kWrongHardware : kCheckFailed;
+  conclude(status, reasonOfRun());
+  notifyStatus(status);
 }
 
 void TransferTaskFirmware::flash() {
-  if (utils::sysExecSimple(kFlasher, "-m") == 0) {
+  const int status = utils::sysExecSimple(kFlasher, "-m");
+  if (status == 0) {
     // kept: 64
     KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Firmware update downloaded from uri=%s", uri().c_str());
-    return;
+    return conclude(kOutcomeOk, "the image passed its check and the flashing tool took it");
   }
   // kept: 19
   KOVA_LOG_IN(kOnSuccess, LOG_WARNING, errno, "Firmware flash failed, uri=%s", uri().c_str());
+  conclude("FW_FLASH_FAILED", utils::format("the flashing tool failed with status %d", status));
   notifyStatus("FW_FLASH_FAILED");
 }
 

@@ -5,8 +5,11 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include "DisplayText.h"
 #include "Persistence.h"
+#include "TransferRecords.h"
 #include "kova/logger/Logger.h"
 #include "kova/messages/Fields.h"
 #include "kova/utils/File.h"
@@ -17,6 +20,7 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr std::uint32_t kTimeoutMs = 20000;
+constexpr std::size_t kMostDigestBytes = 64;  // of what a request may give as one
 
 bool writeText(const char* path, const std::string& text) {
   utils::File file;
@@ -27,6 +31,14 @@ bool writeText(const char* path, const std::string& text) {
 /// True when no digest file remains. A folder of that name does not count as one.
 bool removeOld(const char* path) {
   return unlink(path) == 0 || errno == ENOENT || errno == EISDIR;
+}
+
+std::string wrongDigest(const std::string& digest, const std::string& expected) {
+  if (digest.empty()) {
+    return "the file that arrived could not be read";
+  }
+  return "the MD5 digest of the file is " + digest + ", but the request expects " +
+         displayText(expected, kMostDigestBytes);
 }
 
 }  // namespace
@@ -55,7 +67,7 @@ bool TransferTaskInstall::onCheck() {
   if (hash_.empty() || hash_ == ipc::messages::kUninitialized) {
     const char* const kLogUnit = kind_.unit;
     KOVA_LOG(LOG_ERR, 0, "Hash must be set");
-    return false;
+    return refuseRun("the request gives no MD5 digest (hash)");
   }
   return true;
 }
@@ -78,30 +90,43 @@ void TransferTaskInstall::onSuccess(bool& done) {
     // kept: 19
     KOVA_LOG(LOG_WARNING, errno, "%s checksum error, uri=%s, provided=%s, calculated=%s",
              kind_.subject, uri().c_str(), hash_.c_str(), digest.c_str());
-    return refuse("VALIDATION_FAILED");
+    return refuse("VALIDATION_FAILED", wrongDigest(digest, hash_));
   }
-  if (!validate()) {
-    return refuse("VALIDATION_FAILED");
+  std::string why;
+  if (!validate(why)) {
+    return refuse("VALIDATION_FAILED", why);
   }
-  if (!install(digest)) {
+  bool saved = false;
+  if (!install(digest, saved)) {
     const int reason = errno;
     std::string subject = kind_.subject;
     subject[0] = static_cast<char>(std::tolower(subject[0]));
     KOVA_LOG(LOG_WARNING, reason, "Failed to persist %s, uri=%s", subject.c_str(), uri().c_str());
-    return refuse("DISK_IO_FAILED");
+    return refuse("DISK_IO_FAILED", std::string("the file could not be installed as ") +
+                                        kind_.installed + ": " + std::strerror(reason));
   }
-  notifyStatus("OK");
+  concludeInstalled(digest, saved);
+  notifyStatus(kOutcomeOk);
+}
+
+void TransferTaskInstall::concludeInstalled(const std::string& digest, bool saved) {
+  std::string reason =
+      "the file with the MD5 digest " + digest + " is installed as " + std::string(kind_.installed);
+  if (!saved) {
+    reason += ", but could not be saved to flash";
+  }
+  conclude(kOutcomeOk, reason);
 }
 
 /// The old digest is removed first, so that an interruption at any point leaves no digest beside a
 /// file that it does not belong to. A file already in place stays there if a later step fails.
-bool TransferTaskInstall::install(const std::string& digest) {
+bool TransferTaskInstall::install(const std::string& digest, bool& saved) {
   if (!writeText(kind_.checksum, digest) || !removeOld(kind_.installedChecksum) ||
       std::rename(kind_.download, kind_.installed) != 0 ||
       std::rename(kind_.checksum, kind_.installedChecksum) != 0) {  // kept: 72
     return false;
   }
-  persistence_.persist(true);  // kept: 71
+  saved = persistence_.persist(true);  // kept: 71
   return utils::fileExists(kind_.installed, true);
 }
 
@@ -110,8 +135,9 @@ void TransferTaskInstall::unlinkTemps() {
   unlink(kind_.checksum);
 }
 
-void TransferTaskInstall::refuse(const char* status) {
+void TransferTaskInstall::refuse(const char* status, const std::string& reason) {
   unlinkTemps();
+  conclude(status, reason);
   notifyStatus(status);
 }
 

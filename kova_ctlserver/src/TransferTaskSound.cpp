@@ -1,6 +1,7 @@
 #include "TransferTaskSound.h"
 
 #include "kova/logger/Logger.h"
+#include "kova/utils/Strings.h"
 #include "kova/utils/Wav.h"
 
 namespace kova::ctlserver {
@@ -31,14 +32,17 @@ bool TransferTaskSound::checkNoTransferNeeded(const std::string& hash) {
   return isInstalled(kSound, hash);
 }
 
-bool TransferTaskSound::validate() {  // kept: 15
+bool TransferTaskSound::validate(std::string& reason) {  // kept: 15
   unsigned short channels = 0;
   unsigned int sampleRate = 0;
   unsigned int dataSize = 0;
-  if (utils::readWavHeader(path(), channels, sampleRate, dataSize) && channels == kChannels &&
-      sampleRate == kSampleRate) {
+  const bool isWav = utils::readWavHeader(path(), channels, sampleRate, dataSize);
+  if (isWav && channels == kChannels && sampleRate == kSampleRate) {
     return true;
   }
+  reason = isWav ? utils::format("the sound has %d channels at %u Hz, but must have %d at %u Hz",
+                                 channels, sampleRate, kChannels, kSampleRate)
+                 : "the file is not a WAV file of PCM samples";
   KOVA_LOG_IN("onSuccess", LOG_WARNING, 0,
               "Sound validation failed, uri=%s, samplerate=%d, datasz=%d", uri().c_str(),
               static_cast<int>(sampleRate), static_cast<int>(dataSize));

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "kova/logger/Logger.h"
 #include "kova/utils/File.h"
@@ -39,7 +40,7 @@ bool TransferTaskSupport::onStart() {
   unlink(kArchive);
   if (!utils::runDaemon(nullptr, nullptr, nullptr, kGenerator, 1, kArchive)) {
     KOVA_LOG(LOG_ERR, errno, "Failed to launch support file generation");
-    return false;
+    return refuseRun(std::string(kGenerator) + " could not be started: " + std::strerror(errno));
   }
   return true;
 }

@@ -2,6 +2,7 @@
 
 #include "ImageProbe.h"
 #include "kova/logger/Logger.h"
+#include "kova/utils/Strings.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -12,6 +13,17 @@ constexpr int kMaxPixels = 1024;
 
 bool isSize(int pixels) {
   return pixels >= 1 && pixels <= kMaxPixels;
+}
+
+std::string objectionTo(const ImageFigures& image) {
+  if (!image.answered) {
+    return "the picture decoder gave no answer";
+  }
+  if (image.empty) {
+    return "the file is not a picture that can be decoded";
+  }
+  return utils::format("the picture has %d x %d pixels, but at most %d x %d are allowed",
+                       image.width, image.height, kMaxPixels, kMaxPixels);
 }
 
 }  // namespace
@@ -34,12 +46,13 @@ bool TransferTaskUserLogo::checkNoTransferNeeded(const std::string& hash) {
   return isInstalled(kLogo, hash);
 }
 
-bool TransferTaskUserLogo::validate() {  // kept: 15
+bool TransferTaskUserLogo::validate(std::string& reason) {  // kept: 15
   const ImageFigures image = probeImage(path());
   if (!image.empty && image.channels == 1 && image.depth == 0 && isSize(image.height) &&
       isSize(image.width)) {
     return true;
   }
+  reason = objectionTo(image);
   KOVA_LOG_IN("onSuccess", LOG_WARNING, 0,
               "Logo validation failed, uri=%s, empty=%d, nCh=%d, depth=%d, width=%d, height=%d",
               uri().c_str(), image.empty ? 1 : 0, image.channels, image.depth, image.width,

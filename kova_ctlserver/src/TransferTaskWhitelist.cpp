@@ -49,7 +49,8 @@ bool TransferTaskWhitelist::onCheck() {
   if (!validate(path())) {
     KOVA_LOG(LOG_ERR, 0, "Path not on whitelist for name=%s, path=%s", name().c_str(),
              path().c_str());
-    return false;
+    return refuseRun("the path " + path() + " is not allowed: it must be " + prefix_ +
+                     ", digits and " + (suffix_.empty() ? "nothing else" : suffix_));
   }
   return true;
 }

@@ -81,12 +81,15 @@ bool BaseHTTP::RegisterRequest(bool download, const std::string& uri,
                                                privKeyFile, caCertFile);
   if (!context->Init()) {
     KOVA_LOG(LOG_ERR, 0, "Unable to init context");
+    SetCause(context->Explain(CURLE_FAILED_INIT));
     return false;
   }
+  context->KeepErrorText();
   const CURLMcode code = curl_multi_add_handle(multi_.get(), context->GetCurl());
   if (code != CURLM_OK) {
     // kept: 16
     KOVA_LOG(LOG_ERR, 0, "unable to setup CURLM: %d (%s)", code, curl_multi_strerror(code));
+    SetCause(curl_multi_strerror(code));
     return false;
   }
   transfers_[uri] = context.get();  // kept: 39
@@ -144,6 +147,7 @@ bool BaseHTTP::HandleMessage(const CURLMsg& message) {  // kept: 15
   }
   if (message.msg == CURLMSG_DONE) {
     auto& transfer = *reinterpret_cast<CurlContext*>(context);
+    SetCause(transfer.Explain(message.data.result));
     Complete(transfer, statusOf(transfer, message.data.result), httpCode);
   }
   return true;
@@ -153,6 +157,15 @@ void BaseHTTP::Complete(CurlContext& context, TransferStatus status, long httpCo
   SignalTransferCompleted(context.GetURI(), status, static_cast<int>(httpCode));
   transfers_.erase(context.GetURI());
   Forget(context);
+}
+
+int BaseHTTP::HttpStatusOf(const std::string& uri) const {
+  const auto entry = transfers_.find(uri);
+  long status = 0;
+  if (entry != transfers_.end()) {
+    curl_easy_getinfo(entry->second->GetCurl(), CURLINFO_RESPONSE_CODE, &status);
+  }
+  return static_cast<int>(status);
 }
 
 bool BaseHTTP::CancelTransfer(const std::string& uri) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "CallbackBarrier.h"
@@ -13,6 +14,7 @@
 #include "TlsPinning.h"
 #include "basehttp.h"
 #include "kova/logger/Logger.h"
+#include "kova/utils/Strings.h"
 #include "kova/utils/UniqueFd.h"
 
 namespace kova::ctlserver {
@@ -71,6 +73,7 @@ bool CurlContext::Init() {
   curl_.reset(curl_easy_init());
   if (curl_ == nullptr) {
     KOVA_LOG(LOG_ERR, 0, "curl_easy_init failed");
+    cause_ = "libcurl gave no handle";
     return false;
   }
   if (!SetBasics()) {
@@ -89,8 +92,9 @@ bool CurlContext::Set(CURLoption option, Value value) {
   return Succeeded(curl_easy_setopt(curl_.get(), option, value));
 }
 
-bool CurlContext::Succeeded(CURLcode code) const {  // kept: 15
+bool CurlContext::Succeeded(CURLcode code) {  // kept: 15
   if (code != CURLE_OK) {
+    cause_ = utils::format("libcurl refused an option (%s)", curl_easy_strerror(code));
     KOVA_LOG_IN("Init", LOG_ERR, 0, "Unable to setup CURL: %d (%s)", code,
                 curl_easy_strerror(code));
   }
@@ -164,11 +168,13 @@ bool CurlContext::BuildForm() {
   unsigned long size = 0;
   if (!owner_->GetUploadTotalSize(uri_, size)) {
     KOVA_LOG_IN("Init", LOG_ERR, 0, "Failed to get file source size, uri=%s", uri_.c_str());
+    cause_ = "the size of the file is not known";
     return false;
   }
   if (!addStreamedPart(formPost_, "payload", this, size)) {
     // kept: 17
     KOVA_LOG_IN("Init", LOG_ERR, 0, "curl_formadd failed on filename, uri=%s", uri_.c_str());
+    cause_ = "libcurl could not build the form";
     return false;
   }
   for (const auto& [key, value] : formFields_.Elements()) {  // kept: 34
@@ -182,10 +188,12 @@ bool CurlContext::BuildForm() {
 bool CurlContext::AddField(const std::string& key, const variant::Variant& value) {
   if (!value.Is(variant::VariantClass::String)) {
     KOVA_LOG_IN("Init", LOG_ERR, 0, "Only strings are allowed in the form fields");
+    cause_ = "the form field `" + key + "` is not a string";
     return false;
   }
   if (!addTextPart(formPost_, key, value.ToText())) {
     KOVA_LOG_IN("Init", LOG_ERR, 0, "curl_formadd failed on field `%s`", key.c_str());
+    cause_ = "libcurl could not add the form field `" + key + "`";
     return false;
   }
   return true;
@@ -201,6 +209,30 @@ bool CurlContext::SetUpload() {
          Set(CURLOPT_READFUNCTION, read);
 }
 
+// Without the option libcurl's short text remains.
+void CurlContext::KeepErrorText() {
+  curl_easy_setopt(curl_.get(), CURLOPT_ERRORBUFFER, error_.data());
+}
+
+std::string CurlContext::Explain(CURLcode result) const {
+  if (WasCut()) {
+    return "the connection was cut because the server held up all transfers";
+  }
+  if (!cause_.empty()) {
+    return cause_;
+  }
+  std::string text = error_[0] != '\0' ? error_.data() : curl_easy_strerror(result);
+  if (result == CURLE_PEER_FAILED_VERIFICATION) {
+    return "the server's certificate is not trusted: " + text;
+  }
+  long error = 0;
+  if (result == CURLE_COULDNT_CONNECT &&
+      curl_easy_getinfo(curl_.get(), CURLINFO_OS_ERRNO, &error) == CURLE_OK && error != 0) {
+    text += utils::format(" (%s)", std::strerror(static_cast<int>(error)));
+  }
+  return text;
+}
+
 std::size_t CurlContext::DataReceived(char* ptr, std::size_t size, std::size_t nmemb,
                                       void* userdata) {
   return callbackBarrier(kLogUnit, __func__, std::size_t{0}, [&] {
@@ -214,6 +246,7 @@ bool CurlContext::HandleReceived(unsigned char* data, unsigned long len) {
   if (!download_ && bytesReceived_ + len > kMostAnswerBytes) {
     KOVA_LOG(LOG_WARNING, 0, "The answer to the upload exceeds %d bytes, uri=%s",
              static_cast<int>(kMostAnswerBytes), uri_.c_str());
+    cause_ = utils::format("the server's answer exceeds %zu bytes", kMostAnswerBytes);
     isOverBudget_ = true;
     return false;
   }
@@ -245,6 +278,7 @@ bool CurlContext::HandleHeader(unsigned long len) {
   if (headerBytes_ > kMostHeaderBytes && !isOverBudget_) {
     KOVA_LOG(LOG_WARNING, 0, "The headers exceed %d bytes, uri=%s",
              static_cast<int>(kMostHeaderBytes), uri_.c_str());
+    cause_ = utils::format("the server's headers exceed %zu bytes", kMostHeaderBytes);
     isOverBudget_ = true;
   }
   return !isOverBudget_;

@@ -3,12 +3,15 @@
 
 #include "CtlCommandsHandler.h"
 #include "CtlServer.h"
+#include "DeviceObject.h"
 #include "StopSignal.h"
+#include "TransferObjects.h"
 #include "kova/ipc/Handlers.h"
 #include "kova/ipc/Ipc.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Crash.h"
+#include "kova/utils/ServiceManager.h"
 #include "kova/variant/CameraInfo.h"
 
 namespace {
@@ -16,6 +19,7 @@ namespace {
 using kova::ctlserver::CtlCommandsHandler;
 using kova::ctlserver::CtlServer;
 using kova::ipc::Ipc;
+using kova::variant::CameraInfo;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "main";
@@ -41,7 +45,26 @@ bool stopRequested(const CtlCommandsHandler& handler) {
   return false;
 }
 
-int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler) {
+/// What the bus shows besides the messages.
+class Shown {
+ public:
+  Shown(const CameraInfo& info, CtlServer& server, Ipc& ipc)
+      : server_(server),
+        transfers_(server.transferRecords(), ipc.objects()),
+        device_(info, server.deviceState(), ipc.objects()) {}
+
+  void service() {
+    transfers_.service();
+    device_.service(server_.deviceState());
+  }
+
+ private:
+  CtlServer& server_;
+  kova::ctlserver::TransferObjects transfers_;
+  kova::ctlserver::DeviceObject device_;
+};
+
+int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler, Shown& shown) {
   while (!stopRequested(handler)) {
     if (!ipc.Service(0)) {
       return fail("Failed to service IPC");
@@ -49,13 +72,15 @@ int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler) {
     if (!server.service(0)) {  // kept: 3
       return fail("Failed to service file transfers");
     }
+    shown.service();
     kova::logger::flushRepeats();
+    kova::utils::notifyAlive();
     kova::utils::sleepMs(kTickMs);
   }
   return kStopped;
 }
 
-int serve(Ipc& ipc, CtlServer& server) {
+int serve(Ipc& ipc, const CameraInfo& cameraInfo, CtlServer& server) {
   CtlCommandsHandler handler(&ipc, &server);
   kova::ipc::CatchAllHandlerRejector rejector(&ipc);
   kova::ipc::LogHandler logHandler(&ipc);  // kept: 1
@@ -63,17 +88,19 @@ int serve(Ipc& ipc, CtlServer& server) {
     ipc.AddHandler(std::string(name), &handler);  // kept: 2
   }
   ipc.AddHandler("", &rejector);  // kept: 2
+  Shown shown(cameraInfo, server, ipc);
   if (!ipc.Init(kEndpoint, false, nullptr)) {
     return fail("Failed to initialize IPC");
   }
   if (signal(SIGTERM, kova::ctlserver::noteStopSignal) == SIG_ERR) {
     return fail("Failed to set signal handler");
   }
-  return loop(ipc, server, handler);
+  kova::utils::notifyReady();
+  return loop(ipc, server, handler, shown);
 }
 
 int run(Ipc& ipc) {
-  kova::variant::CameraInfo cameraInfo;
+  CameraInfo cameraInfo;
   if (!cameraInfo.Init()) {
     return fail("Failed to read CameraInfo");
   }
@@ -81,7 +108,7 @@ int run(Ipc& ipc) {
   if (!server.init(&ipc)) {
     return fail("Failed to initialize CtlServer");
   }
-  return serve(ipc, server);
+  return serve(ipc, cameraInfo, server);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "kova/logger/Logger.h"
 
@@ -17,14 +18,16 @@ bool holdsNul(const std::string& text) {
 }
 
 /// libcurl takes texts up to their first NUL: it would not send what the client named.
-bool textsAreWhole(const std::string& uri, const variant::Variant& formFields) {
+bool textsAreWhole(const std::string& uri, const variant::Variant& formFields, std::string& cause) {
   if (holdsNul(uri)) {
     KOVA_LOG_IN(kRegisterRequest, LOG_ERR, 0, "The URI holds a NUL, uri=%s", uri.c_str());
+    cause = "the URI holds a NUL";
     return false;
   }
   for (const auto& [key, value] : formFields.Elements()) {
     if (holdsNul(key) || (value.Is(variant::VariantClass::String) && holdsNul(value.ToText()))) {
       KOVA_LOG_IN(kRegisterRequest, LOG_ERR, 0, "The form field `%s` holds a NUL", key.c_str());
+      cause = "the form field `" + key + "` holds a NUL";
       return false;
     }
   }
@@ -45,21 +48,27 @@ bool MultiHTTP::RegisterRequest(bool download, const std::string& uri, const std
                                 const std::string& caCertFile) {
   if (uri.empty() || path.empty()) {
     KOVA_LOG(LOG_ERR, 0, "Invalid input, uri=%s, path=%s", uri.c_str(), path.c_str());
+    SetCause(uri.empty() ? "there is no URI" : "there is no file to transfer");
     return false;
   }
   Files& files = download ? downloadFiles_ : uploadFiles_;
   if (uriToPath_.contains(uri) || files.contains(path)) {
     KOVA_LOG(LOG_ERR, 0, "File or URI already in progress, uri=%s, path=%s", uri.c_str(),
              path.c_str());
+    SetCause("the URI or the file " + path +
+             " is in use by another transfer, or by one that could not be begun");
     return false;
   }
   // Before the file is recorded: what is refused later keeps it from every other transfer.
-  if (!textsAreWhole(uri, formFields)) {
+  std::string cause;
+  if (!textsAreWhole(uri, formFields, cause)) {
+    SetCause(cause);
     return false;
   }
   auto file = std::make_unique<utils::File>();
   const auto mode = download ? utils::FILE_OPEN_MODE_TRUNCATE : utils::FILE_OPEN_MODE_READ;
   if (!file->Initialize(path, mode, 0)) {  // kept: 44
+    SetCause("the file " + path + " cannot be opened: " + std::strerror(errno));
     return false;
   }
   uriToPath_[uri] = path;
@@ -112,11 +121,16 @@ unsigned long MultiHTTP::FillUploadBuffer(const std::string& uri, unsigned char*
   }
   const unsigned long count = std::min<unsigned long>(size, file->Size() - file->Cursor());
   if (count != 0 && !file->ReadBuffer(buffer, count)) {
-    KOVA_LOG(LOG_ERR, errno, "Error reading file, uri=%s", uri.c_str());  // kept: 37
+    const int error = errno;
+    KOVA_LOG(LOG_ERR, error, "Error reading file, uri=%s", uri.c_str());  // kept: 37
+    NoteRead(uri, *file, error);
     return CURL_READFUNC_ABORT;
   }
+  NoteRead(uri, *file, 0);
   return count;
 }
+
+void MultiHTTP::NoteRead(const std::string& /*uri*/, const utils::File& /*file*/, int /*error*/) {}
 
 void MultiHTTP::SignalTransferCompleted(const std::string& uri, TransferStatus /*status*/,
                                         int /*httpCode*/) {

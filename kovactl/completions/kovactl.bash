@@ -33,13 +33,17 @@ _kovactl_options() {
     reboot) echo "$common --delay" ;;
     reset-defaults) echo "$common --yes" ;;
     user) echo "$common --name --old-file --new-file --stdin" ;;
-    put) echo "$common --hash --file --wait" ;;
-    get) echo "$common --filename --field --wait" ;;
-    firmware) echo "$common --wait" ;;
+    put) echo "$common --hash --file --wait --cancel" ;;
+    get) echo "$common --filename --field --wait --cancel" ;;
+    firmware) echo "$common --wait --cancel" ;;
+    transfers) echo "$common --watch" ;;
     call) echo "$common --to --from --no-reply" ;;
     *) echo "$common" ;;
   esac
 }
+
+# The numbers of the transfers, of which those under way can be cancelled.
+_kovactl_transfers() { kovactl transfers | sed -nE 's/^([0-9]+) .*/\1/p'; }
 
 _kovactl_arguments() {
   local count=${#_kovactl_path[@]}
@@ -64,6 +68,7 @@ _kovactl_arguments() {
       ;;
     put) ((count == 1)) && printf '%s\n' logo sound ;;
     get) ((count == 1)) && printf '%s\n' snapshot support event-snapshot event-heatmap ;;
+    cancel) ((count == 1)) && _kovactl_transfers ;;
     call)
       if ((count == 1)); then
         kovactl __complete functions
@@ -87,8 +92,8 @@ _kovactl_values() {
 
 _kovactl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local -a commands=(stats settings timezones reset-settings user service save reboot
-    reset-defaults exit-service put get firmware call monitor listen bridge help)
+  local -a commands=(stats info metrics settings timezones reset-settings user service save reboot
+    reset-defaults exit-service put get firmware transfers cancel call monitor listen bridge help)
   local -a _kovactl_path
   local _kovactl_first
   _kovactl_command

@@ -15,7 +15,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "Options.h"
 #include "Remote.h"
+#include "Suggestion.h"
 #include "Text.h"
 #include "kova/logger/Logger.h"
 #include "kova/utils/UniqueFd.h"
@@ -148,6 +150,16 @@ std::string explainDenial(const std::string& host) {
   return isListedInGroup(user)
              ? may + "log in again for your membership to take effect"
              : may + "run \"adduser " + user + " " + kGroup + "\" as root, then log in again";
+}
+
+std::string absence(const std::string& endpoint) {
+  const std::string text = "\"" + endpoint + "\" is not on the bus";
+  const std::vector<std::string> known(kEndpoints.begin(), kEndpoints.end());
+  if (std::ranges::find(known, endpoint) != known.end()) {
+    return text + ": \"sv status " + endpoint + "\" on the camera shows whether it is running";
+  }
+  const std::string meant = didYouMean(endpoint, known);
+  return text + (meant.empty() ? ": is it running?" : meant);
 }
 
 }  // namespace kova::ctl

@@ -19,6 +19,9 @@ std::string explainJoin(const std::string& host, const std::string& endpoint,
 /// @param host see explainJoin()
 std::string explainDenial(const std::string& host = "");
 
+/// Explains that an endpoint is not on the bus.
+std::string absence(const std::string& endpoint);
+
 /// The log messages of the libraries. kovactl replaces the logger: a failed command does not belong
 /// in the camera's system log, so messages are kept to explain the failure and printed only on
 /// demand.

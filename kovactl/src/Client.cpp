@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "BusDiagnosis.h"
-#include "Suggestion.h"
+#include "Output.h"
 #include "Terminal.h"
 #include "Text.h"
 
@@ -29,16 +29,6 @@ bool isVanishing(const std::string& error) {
       "org.freedesktop.DBus.Error.Timeout",
   };
   return std::ranges::find(kVanished, error) != std::end(kVanished);
-}
-
-std::string absence(const std::string& endpoint) {
-  const std::string text = "\"" + endpoint + "\" is not on the bus";
-  const std::vector<std::string> known(kEndpoints.begin(), kEndpoints.end());
-  if (std::ranges::find(known, endpoint) != known.end()) {
-    return text + ": \"sv status " + endpoint + "\" on the camera shows whether it is running";
-  }
-  const std::string meant = didYouMean(endpoint, known);
-  return text + (meant.empty() ? ": is it running?" : meant);
 }
 
 }  // namespace
@@ -221,16 +211,7 @@ ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestM
     return joined;
   }
   const Reply reply = client.Request(request, options.answerTimeoutMs(), std::string(refusal));
-  const bool talks = reply.status == ExitStatus::Ok || reply.answered;
-  const ExitStatus shown = options.json && talks                             ? showJson(reply)
-                           : reply.status == ExitStatus::Ok && !options.json ? show(done)
-                                                                             : ExitStatus::Ok;
-  return reply.status != ExitStatus::Ok ? reply.status : shown;
-}
-
-ExitStatus showJson(const Reply& reply) {
-  const variant::Variant nothing = variant::Variant::Map{};
-  return show(json(reply.answered ? reply.message : nothing, 2) + "\n");
+  return reply.status == ExitStatus::Ok ? present(options, payloadOf(reply), done) : reply.status;
 }
 
 variant::Variant payloadOf(const Reply& reply) {

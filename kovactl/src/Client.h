@@ -80,14 +80,11 @@ class Client {
 /// The endpoint on which this process receives events: "client.kovactl_PID".
 std::string ownEndpoint();
 
-/// Sends a request to the control server and prints the answer: as JSON, "{}" for an empty answer,
-/// or as the text `done`. Most commands do nothing else.
+/// Sends a request to the control server and presents the payload of the answer, as text `done`.
+/// Most commands do nothing else.
 /// @param refusal see Client::Request
 ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestMessage& request,
                              std::string_view done, std::string_view refusal = "");
-
-/// Prints an answer as JSON.
-ExitStatus showJson(const Reply& reply);
 
 /// The payload of an answer; an empty Variant when there is none.
 variant::Variant payloadOf(const Reply& reply);

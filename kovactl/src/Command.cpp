@@ -25,6 +25,8 @@ constexpr const char* kSeeAlso =
 const std::vector<Command>& commands() {
   static const std::vector<Command> all{
       {"stats", kDevice, "Show memory, processor, network and other figures", setUpStats},
+      {"info", kDevice, "Show model, versions and what is pending", setUpInfo},
+      {"metrics", kDevice, "Print figures for Prometheus, as OpenMetrics text", setUpMetrics},
       {"settings", kDevice, "Show or change settings such as name and time zone", setUpSettings},
       {"timezones", kDevice, "List the available time zones", setUpTimezones},
       {"reset-settings", kDevice, "Reset name and time zone to their defaults", setUpResetSettings},
@@ -38,6 +40,9 @@ const std::vector<Command>& commands() {
       {"put", kTransfers, "Have the camera fetch and install a logo or a sound", setUpPut},
       {"get", kTransfers, "Have the camera upload a picture or its support archive", setUpGet},
       {"firmware", kTransfers, "Have the camera fetch and install a firmware image", setUpFirmware},
+      {"transfers", kTransfers, "Show the transfers of the camera and how they ended",
+       setUpTransfers},
+      {"cancel", kTransfers, "Cancel a transfer", setUpCancel},
       {"call", kBus, "Send any request and print its answer", setUpCall},
       {"monitor", kBus, "Print all messages on the bus", setUpMonitor},
       {"listen", kBus, "Register an endpoint and print what it receives", setUpListen},

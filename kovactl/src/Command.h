@@ -82,17 +82,20 @@ const std::vector<Command>& commands();
 std::string overviewFooter();
 
 // Defined in commands/: save, reboot, reset-defaults and exit-service in Maintenance.cpp, settings
-// and reset-settings in Settings.cpp, put and firmware in Put.cpp, monitor and listen in
-// Monitor.cpp, help and __complete in Help.cpp, bridge and __ssh in Bridge.cpp, every other command
-// in a file of its name.
+// and reset-settings in Settings.cpp, put and firmware in Put.cpp, transfers and cancel in
+// Transfers.cpp, monitor and listen in Monitor.cpp, help and __complete in Help.cpp, bridge and
+// __ssh in Bridge.cpp, every other command in a file of its name.
 Action setUpBridge(CommandLine& line);
 Action setUpCall(CommandLine& line);
+Action setUpCancel(CommandLine& line);
 Action setUpComplete(CommandLine& line);
 Action setUpExitService(CommandLine& line);
 Action setUpFirmware(CommandLine& line);
 Action setUpGet(CommandLine& line);
 Action setUpHelp(CommandLine& line);
+Action setUpInfo(CommandLine& line);
 Action setUpListen(CommandLine& line);
+Action setUpMetrics(CommandLine& line);
 Action setUpMonitor(CommandLine& line);
 Action setUpPut(CommandLine& line);
 Action setUpReboot(CommandLine& line);
@@ -104,6 +107,7 @@ Action setUpSettings(CommandLine& line);
 Action setUpSsh(CommandLine& line);
 Action setUpStats(CommandLine& line);
 Action setUpTimezones(CommandLine& line);
+Action setUpTransfers(CommandLine& line);
 Action setUpUser(CommandLine& line);
 
 }  // namespace kova::ctl

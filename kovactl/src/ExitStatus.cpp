@@ -9,23 +9,33 @@
 #include "Text.h"
 
 namespace kova::ctl {
+namespace {
+
+std::string failure;
+
+}  // namespace
 
 const std::array<ExitMeaning, 9> kExitMeanings{{
-    {ExitStatus::Ok, "success"},
-    {ExitStatus::Refused, "the camera refused the request or failed to carry it out"},
-    {ExitStatus::Usage, "wrong usage"},
-    {ExitStatus::Unreachable,
+    {ExitStatus::Ok, "ok", "success"},
+    {ExitStatus::Refused, "refused", "the camera refused the request or failed to carry it out"},
+    {ExitStatus::Usage, "usage", "wrong usage"},
+    {ExitStatus::Unreachable, "unreachable",
      "the bus cannot be reached or used, or no endpoint serves the request"},
-    {ExitStatus::NoAnswer, "no answer within the time-out"},
-    {ExitStatus::Unknown, "--wait timed out without an event: the outcome is unknown"},
-    {ExitStatus::Local, "a local file, terminal or output failed, or the prompt was declined"},
-    {ExitStatus::Interrupted, "stopped by Ctrl-C"},
-    {ExitStatus::Terminated, "stopped by SIGTERM or SIGHUP"},
+    {ExitStatus::NoAnswer, "no-answer", "no answer within the time-out"},
+    {ExitStatus::Unknown, "unknown", "--wait timed out: the outcome is unknown"},
+    {ExitStatus::Local, "local",
+     "a local file, terminal or output failed, or the prompt was declined"},
+    {ExitStatus::Interrupted, "interrupted", "stopped by Ctrl-C"},
+    {ExitStatus::Terminated, "terminated", "stopped by SIGTERM or SIGHUP"},
 }};
+
+const ExitMeaning& meaningOf(ExitStatus status) {
+  return *std::ranges::find(kExitMeanings, status, &ExitMeaning::status);
+}
 
 std::string exitStatusHelp() {
   std::string help = "Exit status:\n";
-  for (const auto& [status, meaning] : kExitMeanings) {
+  for (const auto& [status, code, meaning] : kExitMeanings) {
     std::string number = std::to_string(static_cast<int>(status));
     number.resize(std::max<std::size_t>(number.size(), 4), ' ');
     help += "  " + number + " " + std::string(meaning) + "\n";
@@ -52,9 +62,16 @@ ExitStatus exitForError(std::string_view dbusError) {
 }
 
 ExitStatus fail(ExitStatus status, std::string_view text) {
+  if (status != ExitStatus::Ok) {
+    failure = text;
+  }
   std::fflush(stdout);
   std::fprintf(stderr, "kovactl: %s\n", printable(text).c_str());
   return status;
+}
+
+const std::string& lastFailure() {
+  return failure;
 }
 
 ExitStatus show(std::string_view text) {

@@ -21,10 +21,13 @@ enum class ExitStatus : int {
 
 struct ExitMeaning {
   ExitStatus status;
+  std::string_view code;  ///< in JSON
   std::string_view meaning;
 };
 
 extern const std::array<ExitMeaning, 9> kExitMeanings;
+
+const ExitMeaning& meaningOf(ExitStatus status);
 
 /// The exit statuses and their meanings, one per line, for the help.
 std::string exitStatusHelp();
@@ -34,6 +37,9 @@ ExitStatus exitForError(std::string_view dbusError);
 
 /// Prints "kovactl: TEXT" to standard error, escaped by printable(), and returns `status`.
 ExitStatus fail(ExitStatus status, std::string_view text);
+
+/// The last text of fail() with another status than Ok; "" when there was none.
+const std::string& lastFailure();
 
 /// Prints the output of a command to standard output; ExitStatus::Local when that fails.
 ExitStatus show(std::string_view text);

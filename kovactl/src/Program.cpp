@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <string_view>
 
 #include "BusDiagnosis.h"
+#include "Output.h"
 #include "Remote.h"
 #include "Suggestion.h"
 #include "Terminal.h"
@@ -137,8 +139,14 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
              : text;
 }
 
+// Whether the words, which may not be a valid command line, ask for JSON.
+bool asksForJson(int argc, const char* const* argv) {
+  return std::any_of(argv, argv + argc,
+                     [](const char* word) { return std::string_view(word) == "--json"; });
+}
+
 // Prints the help, if requested, or what is wrong with the command line.
-ExitStatus explain(const CLI::App& app, const CLI::ParseError& error) {
+ExitStatus explain(const CLI::App& app, const CLI::ParseError& error, const Options& options) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
     std::ostringstream text;
     app.exit(error, text);
@@ -146,7 +154,7 @@ ExitStatus explain(const CLI::App& app, const CLI::ParseError& error) {
   }
   fail(ExitStatus::Usage, complaint(app, error));
   std::fprintf(stderr, "Try \"%s --help\".\n", pathOf(innermost(app)).c_str());
-  return ExitStatus::Usage;
+  return conclude(options, ExitStatus::Usage);
 }
 
 }  // namespace
@@ -299,7 +307,8 @@ ExitStatus Program::Run(int argc, const char* const* argv) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return explain(*app_, error);
+    options_.json = asksForJson(argc, argv);
+    return explain(*app_, error, options_);
   }
   if (timeoutMs_ != 0) {
     options_.timeoutMs = timeoutMs_;
@@ -309,7 +318,7 @@ ExitStatus Program::Run(int argc, const char* const* argv) {
     return chosen;
   }
   catchStopSignals();
-  return action_(options_);
+  return conclude(options_, action_(options_));
 }
 
 }  // namespace kova::ctl

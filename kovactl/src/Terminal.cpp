@@ -60,8 +60,12 @@ bool errorIsTerminal() {
 }
 
 Size terminalSize() {
+  return terminalSize(STDOUT_FILENO);
+}
+
+Size terminalSize(int stream) {
   winsize size{};
-  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+  if (ioctl(stream, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
     return {80, 24};
   }
   return {size.ws_col, size.ws_row};

@@ -22,8 +22,9 @@ struct Size {
   std::size_t columns;
   std::size_t lines;
 };
-/// The size of the terminal on standard output; 80 by 24 if unknown.
+/// The size of the terminal on standard output or another stream; 80 by 24 if unknown.
 Size terminalSize();
+Size terminalSize(int stream);
 /// The width of help texts: $COLUMNS if set, else the width of the terminal; at least 40.
 std::size_t helpWidth();
 

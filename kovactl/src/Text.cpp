@@ -197,6 +197,24 @@ std::string table(const std::vector<Row>& rows) {
   return out;
 }
 
+std::string grid(const std::vector<Cells>& lines) {
+  std::vector<std::size_t> widths;
+  for (const Cells& line : lines) {
+    widths.resize(std::max(widths.size(), line.size()));
+    for (std::size_t i = 0; i + 1 < line.size(); ++i) {
+      widths[i] = std::max(widths[i], columns(line[i]));
+    }
+  }
+  std::string out;
+  for (const Cells& line : lines) {
+    for (std::size_t i = 0; i + 1 < line.size(); ++i) {
+      out += line[i] + std::string(widths[i] - columns(line[i]) + 2, ' ');
+    }
+    out += (line.empty() ? "" : line.back()) + "\n";
+  }
+  return out;
+}
+
 std::vector<Row> flatten(const variant::Variant& value) {
   std::vector<Row> rows;
   flattenInto(value, "", rows);

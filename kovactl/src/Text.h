@@ -57,6 +57,11 @@ struct Row {
 /// The rows, one per line, with their values aligned.
 std::string table(const std::vector<Row>& rows);
 
+/// The printable cells of a line, some of which may be missing at its end.
+using Cells = std::vector<std::string>;
+/// The lines, with their columns aligned. The last cell of a line may be of any length.
+std::string grid(const std::vector<Cells>& lines);
+
 /// All values inside a container as rows labelled with their path, for example "cpu.arr[0]"; none
 /// for an empty container. Any other value becomes one row without a label.
 std::vector<Row> flatten(const variant::Variant& value);

@@ -2,12 +2,13 @@
 
 #include <strings.h>
 
-#include <chrono>
-#include <cstdio>
+#include <functional>
 
 #include "Client.h"
-#include "Terminal.h"
+#include "Output.h"
+#include "Progress.h"
 #include "Text.h"
+#include "TransferFollower.h"
 #include "kova/messages/Events.h"
 
 namespace kova::ctl {
@@ -18,6 +19,8 @@ using ipc::messages::EventTransferRequestStatus;
 using ipc::messages::EventUpdateFirmwareFailure;
 
 constexpr std::uint32_t kGraceMs = 2000;
+// More than the longest time that the camera lets its tools take.
+constexpr std::uint32_t kToolsMs = 2000 * 1000;
 // The camera requires a sender for its events. It queues events for an absent endpoint; one name
 // that no process uses keeps them in a single bounded queue instead of one per process.
 constexpr const char* kAbsentEndpoint = "client.kovactl";
@@ -53,103 +56,182 @@ class Outcome : public ipc::BaseHandler {
   std::string text_;
 };
 
-// Shows a spinner and the elapsed time if standard error is a terminal; erased on destruction.
-class Spinner {
- public:
-  explicit Spinner(std::string text) : text_(std::move(text)), visible_(errorIsTerminal()) {}
-  ~Spinner() {
-    if (visible_) {
-      std::fputs("\r\x1b[K", stderr);
-    }
-  }
-  Spinner(const Spinner&) = delete;
-  Spinner& operator=(const Spinner&) = delete;
+// The outcome of a transfer as the result of a command.
+variant::Variant resultOf(std::uint64_t requestId, const TransferRecord& record,
+                          const std::string& outcome) {
+  const bool published = !record.number.empty();
+  return variant::Variant::Map{{"id", published ? record.number : variant::Variant()},
+                               {"requestId", std::to_string(requestId)},
+                               {"outcome", outcome},
+                               {"reason", record.reason}};
+}
 
-  // Draws the next state, at most ten times a second.
-  void Turn() {
-    constexpr char kStates[] = {'|', '/', '-', '\\'};
-    const auto now = Clock::now();
-    if (!visible_ || now - drawn_ < std::chrono::milliseconds(100)) {
-      return;
-    }
-    drawn_ = now;
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
-    std::fprintf(stderr, "\r%c %s  %lld s\x1b[K", kStates[state_++ % sizeof kStates], text_.c_str(),
-                 static_cast<long long>(seconds));
+std::string withReason(const std::string& text, const TransferRecord& record) {
+  return text + (record.reason.empty() ? "" : ": " + record.reason);
+}
+
+std::string failureOf(const TransferRecord& record) {
+  if (record.outcome == "REFUSED") {
+    return withReason("the camera refused the transfer", record);
   }
+  return withReason(record.outcome == "CANCELLED" ? "the transfer was cancelled"
+                                                  : "the transfer failed: " + record.outcome,
+                    record);
+}
+
+// One request for a transfer, from sending it to telling its outcome.
+class Request {
+ public:
+  Request(const Options& options, BaseRequestMessage& request, const TransferOptions& transfer,
+          std::string_view silence)
+      : options_(options),
+        request_(request),
+        transfer_(transfer),
+        silence_(silence),
+        event_(request.id()),
+        client_(options),
+        follower_(options) {}
+
+  ExitStatus Run();
 
  private:
-  using Clock = std::chrono::steady_clock;
+  ExitStatus Send();
+  ExitStatus Wait();
+  ExitStatus WaitForEvent(Progress& progress);
+  ExitStatus WaitForEnd(Progress& progress);
+  ExitStatus Serve(const std::function<bool()>& done, Progress& progress, std::uint32_t timeoutMs);
+  ExitStatus Conclude();
+  ExitStatus ConcludeStop(ExitStatus stopped);
+  ExitStatus ConcludeTaken();
+  ExitStatus Present(const std::string& outcome, std::string_view text = "") {
+    return present(options_, resultOf(request_.id(), follower_.Record(), outcome), text);
+  }
+  ExitStatus Fail(ExitStatus status, const std::string& outcome, const std::string& text) {
+    Present(outcome);
+    return fail(status, text);
+  }
 
-  std::string text_;
-  bool visible_;
-  Clock::time_point start_ = Clock::now();
-  Clock::time_point drawn_{};
-  unsigned state_ = 0;
+  const Options& options_;
+  BaseRequestMessage& request_;
+  const TransferOptions& transfer_;
+  std::string silence_;
+  Outcome event_;
+  Client client_;
+  TransferFollower follower_;
 };
 
-ExitStatus report(const Options& options, std::uint64_t id, std::string_view outcome,
-                  std::string_view sentence) {
-  if (!options.json) {
-    return show(sentence);
+ExitStatus Request::Run() {
+  if (const ExitStatus sent = Send(); sent != ExitStatus::Ok) {
+    return sent;
   }
-  variant::Variant line;
-  line["requestId"] = id;
-  line["outcome"] = outcome;
-  return show(json(line) + "\n");
+  if (const ExitStatus found = follower_.Find(request_.id()); found != ExitStatus::Ok) {
+    return ConcludeStop(found);
+  }
+  if (follower_.Record().HasEnded()) {
+    return Conclude();
+  }
+  return transfer_.wait ? Wait() : ConcludeTaken();
 }
 
-ExitStatus conclude(const Options& options, std::uint64_t id, const Outcome& outcome) {
-  const ExitStatus shown =
-      report(options, id, outcome.Text(), outcome.Text() == "OK" ? "OK\n" : "");
-  return outcome.Text() == "OK"
-             ? shown
-             : fail(ExitStatus::Refused, "the transfer failed: " + outcome.Text());
-}
-
-ExitStatus sendOnly(Client& client, BaseRequestMessage& request) {
-  request.from(kAbsentEndpoint);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+ExitStatus Request::Send() {
+  request_.from(transfer_.wait ? ownEndpoint() : kAbsentEndpoint);
+  const ExitStatus joined = transfer_.wait ? client_.Join(ownEndpoint(), &event_) : client_.Join();
+  if (joined != ExitStatus::Ok) {
     return joined;
   }
-  const ExitStatus taken = client.Request(request, client.Settings().answerTimeoutMs()).status;
-  if (taken != ExitStatus::Ok) {
-    return taken;
-  }
-  return report(client.Settings(), request.id(), "taken",
-                "The camera accepted request " + std::to_string(request.id()) +
-                    "; use --wait to see its outcome.\n");
+  const ExitStatus taken = client_.Request(request_, options_.answerTimeoutMs()).status;
+  return event_.Known() ? ExitStatus::Ok : taken;
 }
 
-ExitStatus sendAndWait(Client& client, BaseRequestMessage& request, std::uint32_t timeoutMs,
-                       std::string_view silence) {
-  Outcome outcome(request.id());
-  request.from(ownEndpoint());
-  if (const ExitStatus joined = client.Join(ownEndpoint(), &outcome); joined != ExitStatus::Ok) {
-    return joined;
-  }
-  const Options& options = client.Settings();
-  const ExitStatus taken = client.Request(request, options.answerTimeoutMs()).status;
-  if (taken != ExitStatus::Ok && !outcome.Known()) {
-    return taken;
-  }
+ExitStatus Request::Wait() {
   ExitStatus waited = ExitStatus::Ok;
   {
-    Spinner spinner("waiting for the camera");
-    waited = client.ServeUntil(
-        [&] {
-          spinner.Turn();
-          return outcome.Known();
-        },
-        timeoutMs + kGraceMs);
+    Progress progress(!options_.json);
+    waited = follower_.Found() ? WaitForEnd(progress) : WaitForEvent(progress);
+  }
+  if (waited == ExitStatus::Interrupted || waited == ExitStatus::Terminated) {
+    return ConcludeStop(waited);
   }
   if (waited == ExitStatus::NoAnswer) {
-    const ExitStatus shown = report(options, request.id(), "unknown", "");
-    return shown != ExitStatus::Ok
-               ? shown
-               : fail(ExitStatus::Unknown, "no event within the time-out: " + std::string(silence));
+    return Fail(ExitStatus::Unknown, "unknown",
+                follower_.Found()
+                    ? "no outcome within the time-out: the camera is still " +
+                          follower_.Record().phase + "; \"kovactl transfers\" shows how it goes on"
+                    : "no event within the time-out: " + silence_);
   }
-  return waited == ExitStatus::Ok ? conclude(options, request.id(), outcome) : waited;
+  return waited == ExitStatus::Ok ? Conclude() : waited;
+}
+
+ExitStatus Request::Serve(const std::function<bool()>& done, Progress& progress,
+                          std::uint32_t timeoutMs) {
+  return client_.ServeUntil(
+      [&] {
+        progress.Turn();
+        return done();
+      },
+      timeoutMs);
+}
+
+ExitStatus Request::WaitForEvent(Progress& progress) {
+  return Serve([this] { return event_.Known(); }, progress, transfer_.timeoutMs + kGraceMs);
+}
+
+ExitStatus Request::WaitForEnd(Progress& progress) {
+  const auto ended = [&] {
+    follower_.Service();
+    if (!follower_.Record().HasEnded()) {
+      progress.Update(follower_.Record());
+    }
+    return follower_.Record().HasEnded() || follower_.Gone();
+  };
+  const ExitStatus waited = Serve(ended, progress, transfer_.timeoutMs + kGraceMs);
+  // The time-out does not cover the tools that check and flash.
+  return waited == ExitStatus::NoAnswer && follower_.Record().phase == "finalising"
+             ? Serve(ended, progress, kToolsMs)
+             : waited;
+}
+
+ExitStatus Request::Conclude() {
+  const TransferRecord& record = follower_.Record();
+  if (record.HasEnded() && record.Succeeded()) {
+    return Present(record.outcome, printable(withReason(record.outcome, record)) + "\n");
+  }
+  if (record.HasEnded()) {
+    return Fail(ExitStatus::Refused, record.outcome, failureOf(record));
+  }
+  if (follower_.Gone()) {
+    return Fail(ExitStatus::Unknown, "unknown",
+                "the control server ended while it was " + record.phase +
+                    ": the outcome is unknown; see the camera's log");
+  }
+  return event_.Text() == "OK"
+             ? Present("OK", "OK\n")
+             : Fail(ExitStatus::Refused, event_.Text(), "the transfer failed: " + event_.Text());
+}
+
+ExitStatus Request::ConcludeStop(ExitStatus stopped) {
+  Present("unknown");
+  if (!follower_.Found()) {
+    return stopped;
+  }
+  const std::string& number = follower_.Record().number;
+  if (!transfer_.cancel) {
+    return fail(stopped, "the camera goes on with transfer " + number +
+                             ": \"kovactl transfers\" shows it, \"kovactl cancel " + number +
+                             "\" cancels it");
+  }
+  return follower_.Cancel() == ExitStatus::Ok
+             ? Fail(stopped, "CANCELLED", "transfer " + number + " is cancelled")
+             : stopped;
+}
+
+ExitStatus Request::ConcludeTaken() {
+  const std::string text = follower_.Found()
+                               ? "The camera accepted transfer " + follower_.Record().number +
+                                     "; \"kovactl transfers\" shows how it goes on.\n"
+                               : "The camera accepted request " + std::to_string(request_.id()) +
+                                     "; use --wait to see its outcome.\n";
+  return Present("taken", text);
 }
 
 // The camera supports only HTTP and HTTPS.
@@ -172,8 +254,12 @@ std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint
   transfer->timeoutMs = defaultMs;
   line.Duration("--timeout", transfer->timeoutMs,
                 "How long the camera may take (" + std::to_string(defaultMs / 1000) + "s)");
-  line.Flag("--wait", transfer->wait, "Wait for the outcome; only \"OK\" gives status 0");
-  line.Footer("No event: " + std::string(silence) + ". --wait then ends with status 5.");
+  line.Flag("--wait", transfer->wait, "Show the progress and wait for the outcome");
+  line.Flag("--cancel", transfer->cancel, "Cancel the transfer on Ctrl-C; needs --wait");
+  line.Footer(
+      "A camera of an older version sends an event with the outcome and tells nothing else. No "
+      "event: " +
+      std::string(silence) + ". --wait then ends with status 5.");
   return transfer;
 }
 
@@ -182,9 +268,10 @@ ExitStatus runTransfer(const Options& options, BaseRequestMessage& request,
   if (const std::string fault = uriFault(request.Find("uri")->ToText()); !fault.empty()) {
     return fail(ExitStatus::Usage, fault);
   }
-  Client client(options);
-  return transfer.wait ? sendAndWait(client, request, transfer.timeoutMs, silence)
-                       : sendOnly(client, request);
+  if (transfer.cancel && !transfer.wait) {
+    return fail(ExitStatus::Usage, "--cancel needs --wait");
+  }
+  return Request(options, request, transfer, silence).Run();
 }
 
 }  // namespace kova::ctl

@@ -9,18 +9,20 @@ namespace kova::ctl {
 
 struct TransferOptions {
   std::uint32_t timeoutMs = 0;  ///< how long the camera may take
-  bool wait = false;            ///< wait for the camera to report the outcome
+  bool wait = false;            ///< wait for the outcome
+  bool cancel = false;          ///< cancel the transfer on a stop signal
 };
 
-/// Declares --timeout and --wait.
+/// Declares --timeout, --wait and --cancel.
 /// @param defaultMs the default time-out
 /// @param silence   what it means when the camera sends no event, for the help
 std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint32_t defaultMs,
                                                     std::string_view silence);
 
-/// Sends a transfer request. With `wait`, then waits for the event with the id of the request: Ok
-/// if it says "OK", else Refused. Unknown when no event arrives within the time-out and a grace
-/// period of 2 s.
+/// Sends a transfer request. With `wait`, shows the progress until the outcome is known: Ok when
+/// the camera has done it or had done it before, else Refused; without, only tells a refusal. From
+/// a camera that publishes no transfers the event with the outcome is awaited. Unknown when there
+/// is no outcome within the time-out and a grace period.
 ExitStatus runTransfer(const Options& options, ipc::messages::BaseRequestMessage& request,
                        const TransferOptions& transfer, std::string_view silence);
 

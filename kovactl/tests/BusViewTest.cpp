@@ -58,8 +58,10 @@ TEST_F(BusView, ListenPrintsJsonWithPasswordsMasked) {
   Child listener({"listen", "client.me", "--json"});
   SendUntilTaken("client.me", {"passwordOld=hunter2", "name=x"});
   ASSERT_TRUE(listener.AwaitOutput("\n"));
-  Variant line;
-  ASSERT_GT(Variant::FromJSON(lines(listener.out()).front(), line), 0);
+  Variant document;
+  ASSERT_GT(Variant::FromJSON(lines(listener.out()).front(), document), 0);
+  EXPECT_EQ(*document.Find("ok"), Variant(true));
+  const Variant line = *document.Find("result");
   EXPECT_EQ(line.Find("kind")->ToText(), "call");
   EXPECT_EQ(line.Find("destination")->ToText(), "client.me");
   EXPECT_EQ(line.Find("message")->Find("name")->ToText(), "x");

@@ -18,6 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kPatience(20);
+constexpr int kPatienceMs = 20000;
 
 [[noreturn]] void become(const std::vector<std::string>& arguments) {
   signal(SIGPIPE, SIG_DFL);
@@ -123,15 +124,22 @@ bool Child::Read(int timeoutMs) {
 }
 
 bool Child::AwaitOutput(const std::string& text) {
-  constexpr int kPatienceMs = 20000;
   return AwaitOutputFor(text, kPatienceMs);
 }
 
 bool Child::AwaitOutputFor(const std::string& text, int milliseconds) {
+  return Await(out_, text, milliseconds);
+}
+
+bool Child::AwaitError(const std::string& text) {
+  return Await(err_, text, kPatienceMs);
+}
+
+bool Child::Await(const std::string& stream, const std::string& text, int milliseconds) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-  while (out_.find(text) == std::string::npos && Clock::now() < deadline && Read(20)) {
+  while (stream.find(text) == std::string::npos && Clock::now() < deadline && Read(20)) {
   }
-  return out_.find(text) != std::string::npos;
+  return stream.find(text) != std::string::npos;
 }
 
 Result Child::Wait() {

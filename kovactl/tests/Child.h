@@ -31,7 +31,9 @@ class Child {
   void Signal(int signal) const;
   /// Waits until the output contains `text`.
   bool AwaitOutput(const std::string& text);
-  /// The same with a time-out.
+  /// Waits until the error stream contains `text`.
+  bool AwaitError(const std::string& text);
+  /// AwaitOutput() with a time-out.
   bool AwaitOutputFor(const std::string& text, int milliseconds);
   /// Waits for the exit. A child that does not exit is killed and fails the test.
   Result Wait();
@@ -42,6 +44,7 @@ class Child {
 
  private:
   bool Read(int timeoutMs);
+  bool Await(const std::string& stream, const std::string& text, int milliseconds);
 
   pid_t pid_ = -1;
   int input_ = -1;

@@ -132,8 +132,8 @@ SeenMessage passwordChange() {
 }
 
 TEST(MessageLine, MasksPasswords) {
-  for (const std::string& line :
-       {messageLine(passwordChange(), {0, 1000}), messageJson(passwordChange(), {0, 1000})}) {
+  for (const std::string& line : {messageLine(passwordChange(), {0, 1000}),
+                                  messageRecord(passwordChange(), {0, 1000}).ToJSON()}) {
     EXPECT_EQ(line.find("hunter2"), line.npos) << line;
     EXPECT_EQ(line.find("swordfish"), line.npos) << line;
     EXPECT_NE(line.find("********"), line.npos) << line;

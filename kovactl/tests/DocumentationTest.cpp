@@ -127,11 +127,14 @@ TEST(Documentation, HelpAndManualListExitStatuses) {
   const Program program;
   const std::string help = program.Parser().help();
   const std::string manual = manualPage();
-  for (const auto& [status, meaning] : kExitMeanings) {
+  for (const auto& [status, code, meaning] : kExitMeanings) {
     const std::string number = std::to_string(static_cast<int>(status));
     EXPECT_NE(help.find("  " + number), help.npos) << number;
     EXPECT_NE(help.find(std::string(meaning)), help.npos) << meaning;
     EXPECT_NE(manual.find(".B " + number + "\n"), manual.npos) << number;
+    if (status != ExitStatus::Ok) {
+      EXPECT_NE(manual.find(".RB ( " + std::string(code) + " )\n"), manual.npos) << code;
+    }
   }
 }
 

@@ -145,7 +145,7 @@ TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
   Expect({{"settings", "timezone=Europe/Paris"}, 1, "see the camera's log"});
 }
 
-TEST_F(Refusals, ServiceThatTheCameraNeedsIsTold) {
+TEST_F(Refusals, ServiceNeededByCameraIsReported) {
   const Peer peer(answering(1));
   Expect({{"service", "stop", "kova_bus"}, 1, "it cannot be managed without kova_bus"});
   Expect({{"service", "start", "kova_bus"}, 1, "\"kova_bus\""});

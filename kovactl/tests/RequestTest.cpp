@@ -44,10 +44,45 @@ TEST_F(Requests, CallPrintsWholeAnswerAsJson) {
   Peer peer(answering(0, Variant::Map{{"n", 5}}));
   const Result result = run({"call", "Anything", "--json", "id:=77"});
   EXPECT_EQ(result.status, 0);
-  const Variant answer = jsonOf(result.out);
+  const Variant document = jsonOf(result.out);
+  EXPECT_EQ(*document.Find("ok"), Variant(true));
+  EXPECT_TRUE(document.Find("error")->IsEmpty());
+  const Variant answer = *document.Find("result");
   EXPECT_EQ(answer.Find("functionName")->ToText(), "__response__");
-  EXPECT_EQ(answer.Find("requestId")->ToNumber<int>(), 77);
+  EXPECT_EQ(answer.Find("requestId")->ToText(), "77");
   EXPECT_EQ(answer.Find("payload")->Find("n")->ToNumber<int>(), 5);
+}
+
+TEST_F(Requests, FailuresHaveSameShapeAsJson) {
+  const std::pair<std::vector<std::string>, const char*> failures[] = {
+      {{"stats", "--json"}, "unreachable"},
+      {{"call", "--json"}, "usage"},
+      {{"--json", "nonsense"}, "usage"},
+      {{"timezones", "--json", "--bus", "x", "--timeout", "0"}, "usage"},
+      {{"put", "logo", "http://x/", "--file", "/nonexistent", "--json"}, "local"}};
+  for (const auto& [arguments, code] : failures) {
+    const Result result = run(arguments);
+    EXPECT_NE(result.status, 0);
+    const Variant document = jsonOf(result.out);
+    EXPECT_EQ(*document.Find("ok"), Variant(false)) << code;
+    EXPECT_TRUE(document.Find("result")->IsEmpty());
+    EXPECT_EQ(document.Find("error")->Find("code")->ToText(), code);
+    EXPECT_THAT(result.err,
+                HasSubstr("kovactl: " + document.Find("error")->Find("text")->ToText()));
+  }
+  Peer peer(answering(1, Variant::Map{{"partial", 5}}));
+  const Result result = run({"call", "Anything", "--json"});
+  EXPECT_EQ(result.status, 1);
+  const Variant document = jsonOf(result.out);
+  EXPECT_EQ(document.Find("error")->Find("code")->ToText(), "refused");
+  EXPECT_EQ(document.Find("result")->Find("payload")->Find("partial")->ToNumber<int>(), 5);
+}
+
+TEST_F(Requests, CommandsWithoutResultPrintNull) {
+  Peer peer(takingNote());
+  const Variant document = jsonOf(run({"save", "--json"}).out);
+  EXPECT_EQ(*document.Find("ok"), Variant(true));
+  EXPECT_TRUE(document.Find("result")->IsEmpty());
 }
 
 TEST_F(Requests, EmptyAnswerIsSuccess) {
@@ -55,7 +90,7 @@ TEST_F(Requests, EmptyAnswerIsSuccess) {
   EXPECT_EQ(run({"call", "Anything"}).out, "Accepted; the answer is empty.\n");
   const Result result = run({"call", "Anything", "--json"});
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(jsonOf(result.out).Size(), 0U);
+  EXPECT_TRUE(jsonOf(result.out).Find("result")->IsEmpty());
 }
 
 TEST_F(Requests, RefusalGivesStatus1AndOneLine) {

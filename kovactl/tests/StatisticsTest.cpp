@@ -41,7 +41,10 @@ TEST_F(Statistics, WatchRepeatsUntilStopped) {
   child.Signal(SIGINT);
   const Result result = child.Wait();
   EXPECT_EQ(result.status, 130);
-  EXPECT_EQ(result.out.rfind("{\"uptime\":{\"sec\":61}}\n{\"uptime\":{\"sec\":61}}\n", 0), 0U);
+  const std::string line = R"({"error":null,"ok":true,"result":{"uptime":{"sec":61}}})"
+                           "\n";
+  EXPECT_EQ(result.out.rfind(line + line, 0), 0U) << result.out;
+  EXPECT_THAT(result.out, HasSubstr("\"code\":\"interrupted\""));
   EXPECT_EQ(result.err, "");
 }
 

@@ -70,8 +70,14 @@ TEST_F(Transfers, WaitPrintsOutcomeAsJson) {
   arguments.push_back("--json");
   const Result result = run(arguments);
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "{\"outcome\":\"TRANSFER_TOOLARGE\",\"requestId\":" +
-                            std::to_string(peer.Received().front().id()) + "}\n");
+  Variant document;
+  ASSERT_GT(Variant::FromJSON(result.out, document), 0) << result.out;
+  EXPECT_EQ(*document.Find("ok"), Variant(false));
+  EXPECT_EQ(*document.Find("result"),
+            (Variant(Variant::Map{{"id", Variant()},
+                                  {"requestId", std::to_string(peer.Received().front().id())},
+                                  {"outcome", "TRANSFER_TOOLARGE"},
+                                  {"reason", ""}})));
 }
 
 TEST_F(Transfers, WaitIgnoresEventsOfOtherRequests) {
@@ -94,7 +100,7 @@ TEST_F(Transfers, SilenceIsExplainedWithStatus5) {
   const Result get = run({"get", "snapshot", "http://x/", "--timeout", "0.1", "--wait", "--json"});
   EXPECT_EQ(get.status, 5);
   EXPECT_THAT(get.err, HasSubstr("the upload succeeded, was refused"));
-  EXPECT_THAT(get.out, HasSubstr("\"outcome\":\"unknown\""));
+  EXPECT_THAT(get.out, HasSubstr("\"outcome\": \"unknown\""));
   const Result firmware = run({"firmware", "http://x/", "--timeout", "0.1", "--wait"});
   EXPECT_EQ(firmware.status, 5);
   EXPECT_THAT(firmware.err, HasSubstr("flashing succeeded, is in progress, or was refused"));

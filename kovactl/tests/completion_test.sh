@@ -51,6 +51,10 @@ expect kova_sounds_leds listen kova_s
 expect - listen kova_sounds_leds ''
 expect name= settings n
 expect timezones tim
+expect transfers tr
+expect --watch transfers --w
+expect --cancel put logo --c
+expect metrics met
 expect help he
 expect list service l
 expect - service list ''

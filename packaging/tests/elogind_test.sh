@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# elogind_test.sh SOURCE WORK: builds what speaks on the bus against libelogind, which systems without systemd have. Debian's
-# package is unpacked in the folder WORK, not installed: it excludes libsystemd.
+# elogind_test.sh SOURCE BUILD: builds what speaks on the bus against libelogind, which systems without systemd have, in the
+# folder BUILD. Debian's package is unpacked in BUILD/libelogind, not installed: it excludes libsystemd.
 set -euo pipefail
 
 source=$(realpath "$1")
-mkdir -p "$2"
-work=$(realpath "$2")
-readonly source work libraries=$work/root
+mkdir -p "$2/libelogind"
+build=$(realpath "$2")
+readonly source build work=$build/libelogind
+readonly libraries=$work/root
 # shellcheck source=packaging/tests/expect.sh
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
 
@@ -28,19 +29,20 @@ point_pkg_config() {
   ln -sf libelogind.so.0 "$library/libelogind.so"
 }
 
+# With the flags of the preset "release": what includes no header of the library is in the compiler's cache.
 build() {
-  PKG_CONFIG_PATH=$pkg_config cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DKOVA_WERROR=OFF -DKOVA_SDBUS=libelogind -DBUILD_TESTING=OFF -DKOVA_IMAGEPROBE=OFF &&
-    cmake --build "$work/build" --target kovactl
+  PKG_CONFIG_PATH=$pkg_config cmake -S "$source" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKOVA_HARDEN=ON \
+    -DKOVA_WERROR=ON -DKOVA_SDBUS=libelogind -DBUILD_TESTING=OFF -DKOVA_IMAGEPROBE=OFF &&
+    cmake --build "$build" --target kovactl
 }
 
 # needs LIBRARY
-needs() { objdump -p "$work/build/kovactl/kovactl" | grep "NEEDED  *$1"; }
+needs() { objdump -p "$build/kovactl/kovactl" | grep "NEEDED  *$1"; }
 
 expect "libelogind is there" fetch
 point_pkg_config
 expect "kovactl is built with it" build
 expect "it needs libelogind" needs libelogind
 expect_not "and no libsystemd" needs libsystemd
-expect "it runs" env LD_LIBRARY_PATH="$library" "$work/build/kovactl/kovactl" --version
+expect "it runs" env LD_LIBRARY_PATH="$library" "$build/kovactl/kovactl" --version
 report

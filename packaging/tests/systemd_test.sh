@@ -84,6 +84,36 @@ survives_its_bus() {
   expect_not "the bus, too" test "$(main_pid kova-bus.service)" = "$bus"
 }
 
+alive_at() { systemctl show --value --property WatchdogTimestampMonotonic kova_ctlserver.service; }
+tells_later_than() { [ "$(alive_at)" -gt "$1" ]; }
+
+# A daemon that stands still does not tell that it lives, and is started again. A minute is long for a test.
+is_restarted_when_stopped() {
+  local before told
+  expect "the unit has it watched" test "$(systemctl show --value --property WatchdogUSec kova_ctlserver.service)" = 1min
+  mkdir -p /run/systemd/system/kova_ctlserver.service.d
+  printf '[Service]\nWatchdogSec=2s\n' >/run/systemd/system/kova_ctlserver.service.d/watchdog.conf
+  systemctl daemon-reload
+  systemctl restart kova_ctlserver.service
+  before=$(daemon_pid)
+  expect "it is watched closely" test "$(systemctl show --value --property WatchdogUSec kova_ctlserver.service)" = 2s
+  told=$(alive_at)
+  expect "it tells of itself" eventually tells_later_than "$told"
+  printf '#!/bin/sh\nsleep 6\n' >/bin/cfgmtd.slow && chmod 755 /bin/cfgmtd.slow
+  mv /bin/cfgmtd /bin/cfgmtd.fast && mv /bin/cfgmtd.slow /bin/cfgmtd
+  expect "a tool may take longer than the watchdog's time" kovactl save --sync
+  mv /bin/cfgmtd.fast /bin/cfgmtd
+  expect "meanwhile it lives on" test "$(daemon_pid)" = "$before"
+  kill -STOP "$before"
+  expect "once stopped it is started again" eventually is_another "$before"
+  expect "systemd tells why" sh -c "journalctl --unit kova_ctlserver.service | grep -q 'Watchdog timeout'"
+  expect "there is a report of it" grep -q "Crashed by signal 6" "/var/log/kova_crash.$before"
+  rm -r /run/systemd/system/kova_ctlserver.service.d
+  systemctl daemon-reload
+  systemctl restart kova_ctlserver.service
+  expect "it serves" eventually kovactl stats
+}
+
 stops() {
   expect "it is stopped" systemctl stop kova_ctlserver.service
   expect "in order" test "$(systemctl show --value --property Result kova_ctlserver.service)" = success
@@ -113,6 +143,7 @@ main() {
   takes_logos
   comes_back_after_a_crash
   survives_its_bus
+  is_restarted_when_stopped
   is_restarted_when_installed_again
   stops
   is_purged

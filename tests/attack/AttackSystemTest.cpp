@@ -34,7 +34,7 @@ testing::Matcher<Report> finds(const std::string& invariant) {
   return Field(&Report::findings, Contains(Field(&Finding::invariant, invariant)));
 }
 
-TEST(AttackSystem, AServerThatStopsAnsweringIsFound) {
+TEST(AttackSystem, UnresponsiveServerIsFound) {
   std::optional<system_test::HostProcess> stopped;
   const Report report = reportOf("servers", [&](system_test::Camera& camera) {
     stopped.emplace(system_test::controlServer(camera));
@@ -44,20 +44,20 @@ TEST(AttackSystem, AServerThatStopsAnsweringIsFound) {
   EXPECT_THAT(report, finds("SIGTERM ends the control server"));
 }
 
-TEST(AttackSystem, AServerThatDiesIsFound) {
+TEST(AttackSystem, DeadServerIsFound) {
   const Report report = reportOf("requests", [](system_test::Camera& camera) {
     system_test::controlServer(camera).signal(SIGKILL);
   });
   EXPECT_THAT(report, finds("the control server lives"));
 }
 
-TEST(AttackSystem, MemoryBeyondItsBoundIsFound) {
+TEST(AttackSystem, MemoryBeyondLimitIsFound) {
   CampaignKind kind = kindOf("requests");
   kind.mostGrowthKiB = 0;
   EXPECT_THAT(Attack(kind, shortOrder()).run(), finds("memory stays in its bound"));
 }
 
-TEST(AttackSystem, AnInterruptedCampaignTakesNoAction) {
+TEST(AttackSystem, InterruptedCampaignTakesNoAction) {
   Order order = shortOrder();
   order.interrupted = [] { return true; };
   EXPECT_EQ(Attack(kindOf("pictures"), order).run().actions, 0U);

@@ -53,13 +53,13 @@ class BusDoc : public testing::Test {
   std::string text_;
 };
 
-TEST_F(BusDoc, HasTheTableOfEveryMessageAsItsSchemaIs) {
+TEST_F(BusDoc, HasCorrectTableOfEveryMessage) {
   for (const auto& message : catalog()) {
     expectTable("### `" + message.name + "`", tableOf(message.fields));
   }
 }
 
-TEST_F(BusDoc, HasTheTablesOfBothEnvelopes) {
+TEST_F(BusDoc, HasTablesOfBothEnvelopes) {
   expectTable("### The envelope of every message", tableOf(messageEnvelope()));
   expectTable("### The envelope of requests and events", tableOf(requestEnvelope()));
 }

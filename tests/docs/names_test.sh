@@ -55,7 +55,7 @@ check_commands() { # FILE
   local word
   while read -r word; do
     grep -qE "^  $word( |$)" <<<"$help" || wrong "$1: ./dev has no command \"$word\""
-  done < <(grep -oP '\./dev \K[a-z]+' "$1" | grep -vx help | sort -u)
+  done < <(grep -oP '\./dev \K[a-z-]+' "$1" | grep -vx help | sort -u)
 }
 
 help=$(./dev help)

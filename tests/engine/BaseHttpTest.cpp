@@ -31,19 +31,19 @@ class BaseHttpTest : public EngineTest {
   MemoryHttp http_;
 };
 
-TEST_F(BaseHttpTest, WithoutAMultiHandleInitFails) {
+TEST_F(BaseHttpTest, InitFailsWithoutMultiHandle) {
   curlFaults().multiInit = true;
   EXPECT_FALSE(http_.Init());
   EXPECT_THAT(logLines(), ElementsAre("3 basehttp.Init: Unable to initiate CURLM"));
 }
 
-TEST_F(BaseHttpTest, AnEmptyUriIsRefused) {
+TEST_F(BaseHttpTest, EmptyUriIsRefused) {
   ASSERT_TRUE(http_.Init());
   EXPECT_FALSE(http_.start(""));
   EXPECT_THAT(logLines(), ElementsAre("3 basehttp.RegisterRequest: uri must be set"));
 }
 
-TEST_F(BaseHttpTest, AHandleThatCannotBeAddedIsNotRegistered) {
+TEST_F(BaseHttpTest, HandleThatCannotBeAddedIsNotRegistered) {
   ASSERT_TRUE(http_.Init());
   curlFaults().addHandle = CURLM_OUT_OF_MEMORY;
   EXPECT_FALSE(http_.start("http://127.0.0.1:9/x"));
@@ -53,7 +53,7 @@ TEST_F(BaseHttpTest, AHandleThatCannotBeAddedIsNotRegistered) {
   EXPECT_THAT(http_.completions, IsEmpty());
 }
 
-TEST_F(BaseHttpTest, ATransferCompletesOnceWithItsHttpCode) {
+TEST_F(BaseHttpTest, TransferCompletesOnceWithHttpCode) {
   RawServer server(answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone"));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   ASSERT_TRUE(finish());
@@ -63,7 +63,7 @@ TEST_F(BaseHttpTest, ATransferCompletesOnceWithItsHttpCode) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(BaseHttpTest, ARefusedChunkIsADiskFailure) {
+TEST_F(BaseHttpTest, RefusedChunkIsDiskFailure) {
   RawServer server(answering(okResponse("body")));
   http_.accept = [] { return false; };
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
@@ -72,7 +72,7 @@ TEST_F(BaseHttpTest, ARefusedChunkIsADiskFailure) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(BaseHttpTest, AnImpossibleReadIsADiskFailure) {
+TEST_F(BaseHttpTest, ImpossibleReadIsDiskFailure) {
   RawServer server(answering(okResponse("")));
   http_.upload = "file";
   http_.excess = 1;
@@ -82,7 +82,7 @@ TEST_F(BaseHttpTest, AnImpossibleReadIsADiskFailure) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(BaseHttpTest, TheTransportsTimeOutIsATimeOut) {
+TEST_F(BaseHttpTest, TransportTimeOutIsReportedAsTimeOut) {
   RawServer server(silent);
   ASSERT_TRUE(http_.Init() && http_.start(server.uri(), true, {}, 1000));
   ASSERT_TRUE(finish());
@@ -101,14 +101,14 @@ TEST_F(BaseHttpTest, UnreachableServersAreFailures) {
                                       "4 basehttp.Service: Unexpected curl error: CURLcode = 6"));
 }
 
-TEST_F(BaseHttpTest, CancellingWhatIsNotThereReportsNothing) {
+TEST_F(BaseHttpTest, CancellingUnknownTransferReportsNothing) {
   ASSERT_TRUE(http_.Init());
   EXPECT_TRUE(http_.CancelTransfer("http://127.0.0.1:9/x"));
   EXPECT_THAT(http_.completions, IsEmpty());
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(BaseHttpTest, ACancelReportsBeforeItReturns) {
+TEST_F(BaseHttpTest, CancelReportsBeforeItReturns) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 206 Partial Content\r\nContent-Length: 10\r\n\r\nhalf.");
@@ -122,7 +122,7 @@ TEST_F(BaseHttpTest, ACancelReportsBeforeItReturns) {
   EXPECT_EQ(http_.completions.size(), 1U);
 }
 
-TEST_F(BaseHttpTest, ACancelledTransferIsForgottenWhenItIsReported) {
+TEST_F(BaseHttpTest, CancelledTransferIsForgottenBeforeReport) {
   RawServer server(silent);
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   unsigned reports = 0;
@@ -135,7 +135,7 @@ TEST_F(BaseHttpTest, ACancelledTransferIsForgottenWhenItIsReported) {
   EXPECT_EQ(reports, 1U);
 }
 
-TEST_F(BaseHttpTest, ACancelBeforeTheFirstStepHasNoHttpCode) {
+TEST_F(BaseHttpTest, CancelBeforeFirstStepHasNoHttpCode) {
   RawServer server(silent);
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   EXPECT_TRUE(http_.CancelTransfer(server.uri()));
@@ -144,7 +144,7 @@ TEST_F(BaseHttpTest, ACancelBeforeTheFirstStepHasNoHttpCode) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
-TEST_F(BaseHttpTest, ACancelThatFailsLeavesTheTransferRunning) {
+TEST_F(BaseHttpTest, FailedCancelLeavesTransferRunning) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   curlFaults().removeHandle = CURLM_BAD_EASY_HANDLE;
@@ -156,7 +156,7 @@ TEST_F(BaseHttpTest, ACancelThatFailsLeavesTheTransferRunning) {
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200"));
 }
 
-TEST_F(BaseHttpTest, ACancelWithoutHttpCodeFailsAndMayBeTriedAgain) {
+TEST_F(BaseHttpTest, CancelWithoutHttpCodeFailsAndMayBeRetried) {
   RawServer server(silent);
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   curlFaults().info = CURLINFO_RESPONSE_CODE;
@@ -169,7 +169,7 @@ TEST_F(BaseHttpTest, ACancelWithoutHttpCodeFailsAndMayBeTriedAgain) {
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 3 0"));
 }
 
-TEST_F(BaseHttpTest, AFailedStepLeavesTheTransfersForTheNext) {
+TEST_F(BaseHttpTest, FailedStepLeavesTransfersForNextStep) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   curlFaults().wait = CURLM_INTERNAL_ERROR;
@@ -185,7 +185,7 @@ TEST_F(BaseHttpTest, AFailedStepLeavesTheTransfersForTheNext) {
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200"));
 }
 
-TEST_F(BaseHttpTest, AnEndThatCannotBeReadFailsTheStep) {
+TEST_F(BaseHttpTest, UnreadableEndFailsStep) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.Init());
   const std::string failed =
@@ -208,7 +208,7 @@ TEST_F(BaseHttpTest, AnEndThatCannotBeReadFailsTheStep) {
   EXPECT_THAT(http_.completions, IsEmpty());
 }
 
-TEST_F(BaseHttpTest, AnEndThatCannotBeReadLeavesTheOtherForTheNextStep) {
+TEST_F(BaseHttpTest, UnreadableEndLeavesOthersForNextStep) {
   std::atomic<bool> go = false;
   std::atomic<int> sent = 0;
   RawServer server([&](Connection& connection) {
@@ -231,14 +231,14 @@ TEST_F(BaseHttpTest, AnEndThatCannotBeReadLeavesTheOtherForTheNextStep) {
   EXPECT_EQ(http_.completions.size(), 1U);
 }
 
-TEST_F(BaseHttpTest, OfTwoTransfersOfOneUriBothReport) {
+TEST_F(BaseHttpTest, TwoTransfersOfOneUriBothReport) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()) && http_.start(server.uri()));
   ASSERT_TRUE(finish(2));
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200", server.uri() + " 0 200"));
 }
 
-TEST_F(BaseHttpTest, DestroyingTheDriverDropsItsTransfersSilently) {
+TEST_F(BaseHttpTest, DestroyedDriverDropsTransfersSilently) {
   RawServer server(silent);
   std::vector<std::string> completions;
   {
@@ -251,7 +251,7 @@ TEST_F(BaseHttpTest, DestroyingTheDriverDropsItsTransfersSilently) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(BaseHttpTest, TheDriverGivesItsMultiHandleBackBeforeTheTransfers) {
+TEST_F(BaseHttpTest, DriverReleasesMultiHandleBeforeTransfers) {
   {
     MemoryHttp http;
     ASSERT_TRUE(http.Init() && http.start("http://127.0.0.1:9/1") &&
@@ -260,14 +260,14 @@ TEST_F(BaseHttpTest, TheDriverGivesItsMultiHandleBackBeforeTheTransfers) {
   EXPECT_THAT(curlFaults().released, ElementsAre("multi", "easy", "easy"));
 }
 
-TEST_F(BaseHttpTest, AStepWaitsOnceForAsLongAsItMay) {
+TEST_F(BaseHttpTest, StepWaitsOnceUpToItsLimit) {
   ASSERT_TRUE(http_.Init());
   EXPECT_TRUE(http_.Service(37));
   EXPECT_TRUE(service().service(12));
   EXPECT_THAT(curlFaults().waits, ElementsAre(37, 12));
 }
 
-TEST_F(BaseHttpTest, AStepPumpsTheTransfersOnce) {
+TEST_F(BaseHttpTest, StepPumpsTransfersOnce) {
   RawServer server(silent);
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   for (unsigned step = 1; step <= 3; ++step) {
@@ -277,7 +277,7 @@ TEST_F(BaseHttpTest, AStepPumpsTheTransfersOnce) {
 }
 
 // A hundred steps, since one that waits for a few milliseconds too long passes for a busy machine.
-TEST_F(BaseHttpTest, StepsWithNothingToDoDoNotWait) {
+TEST_F(BaseHttpTest, IdleStepDoesNotWait) {
   RawServer server(silent);
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   ASSERT_TRUE(serviceUntil(http_, [&] { return server.requests().size() == 1; }));

@@ -27,7 +27,7 @@ class BaseTransferTaskTest : public ::testing::Test {
   RecordingTask task_{"http://host/file", "/tmp/file"};
 };
 
-TEST_F(BaseTransferTaskTest, AFreshTaskHasTheDocumentedDefaults) {
+TEST_F(BaseTransferTaskTest, FreshTaskHasDocumentedDefaults) {
   const BaseTransferTask task;
   EXPECT_EQ(task.name(), "");
   EXPECT_TRUE(task.download());
@@ -69,7 +69,7 @@ TEST_F(BaseTransferTaskTest, SettersStoreTheirValuesAndChain) {
   EXPECT_TRUE(task.sendNoEvents());
 }
 
-TEST_F(BaseTransferTaskTest, BaseHooksLetATaskPass) {
+TEST_F(BaseTransferTaskTest, BaseHooksAcceptTask) {
   BaseTransferTask task;
   task.setPath("/tmp/file");
   bool ready = false;
@@ -85,14 +85,14 @@ TEST_F(BaseTransferTaskTest, BaseHooksLetATaskPass) {
   EXPECT_TRUE(done);
 }
 
-TEST_F(BaseTransferTaskTest, ACompleteTaskStartsOnTheClock) {
+TEST_F(BaseTransferTaskTest, CompleteTaskStartsItsClock) {
   EXPECT_TRUE(task_.start());
   EXPECT_EQ(task_.startTime(), fakes::platform().nowMs);
   EXPECT_THAT(task_.events, ElementsAre("check", "start"));
   EXPECT_THAT(fakes::platform().log, IsEmpty());
 }
 
-TEST_F(BaseTransferTaskTest, WhatIsMissingIsNamed) {
+TEST_F(BaseTransferTaskTest, MissingValueIsNamed) {
   expectRefused(task_.setName(""), "Name must be set");
   task_.setName("task");
   expectRefused(task_.setMaxSz(0), "Max size must be set");
@@ -110,7 +110,7 @@ TEST_F(BaseTransferTaskTest, WhatIsMissingIsNamed) {
   EXPECT_TRUE(task_.setIpcOrigin("client").start());
 }
 
-TEST_F(BaseTransferTaskTest, TheFirstOfSeveralMissingValuesIsNamed) {
+TEST_F(BaseTransferTaskTest, FirstOfSeveralMissingValuesIsNamed) {
   BaseTransferTask task;
   expectRefused(task, "Name must be set");
   expectRefused(task.setName("n"), "Max size must be set");
@@ -120,24 +120,24 @@ TEST_F(BaseTransferTaskTest, TheFirstOfSeveralMissingValuesIsNamed) {
   expectRefused(task.setTimeout(1), "IPC origin must be set when sending events is on");
 }
 
-TEST_F(BaseTransferTaskTest, AnUploadNeedsNoPath) {
+TEST_F(BaseTransferTaskTest, UploadNeedsNoPath) {
   EXPECT_TRUE(task_.setKind(false).setPath("").start());
 }
 
-TEST_F(BaseTransferTaskTest, ARefusalByTheTaskComesBeforeTheCommonChecks) {
+TEST_F(BaseTransferTaskTest, TaskRefusalPrecedesCommonChecks) {
   task_.checkResult = false;
   expectRefused(task_.setName(""), "Task-specific checks failed");
   EXPECT_THAT(task_.events, ElementsAre("check"));
   EXPECT_EQ(task_.startTime(), 0U);
 }
 
-TEST_F(BaseTransferTaskTest, TheResultOfOnStartIsTheResultOfStart) {
+TEST_F(BaseTransferTaskTest, StartReturnsResultOfOnStart) {
   task_.startResult = false;
   EXPECT_FALSE(task_.start());
   EXPECT_THAT(fakes::platform().log, IsEmpty());
 }
 
-TEST_F(BaseTransferTaskTest, StartingAgainResetsTheRun) {
+TEST_F(BaseTransferTaskTest, RestartResetsRun) {
   ASSERT_TRUE(task_.start());
   task_.setInTransfer(true);
   task_.setFinalizing(true);
@@ -148,7 +148,7 @@ TEST_F(BaseTransferTaskTest, StartingAgainResetsTheRun) {
   EXPECT_FALSE(task_.finalizing());
 }
 
-TEST_F(BaseTransferTaskTest, DecodedStatusNamesFailuresOnly) {
+TEST_F(BaseTransferTaskTest, DecodedStatusNamesOnlyFailures) {
   const auto decode = [](int status) {
     return BaseTransferTask::decodeTransferStatus(static_cast<TransferStatus>(status));
   };
@@ -163,7 +163,7 @@ TEST_F(BaseTransferTaskTest, DecodedStatusNamesFailuresOnly) {
   EXPECT_EQ(decode(-1), "TRANSFER_FAILED");
 }
 
-TEST_F(BaseTransferTaskTest, StatusEventGoesToTheRequester) {
+TEST_F(BaseTransferTaskTest, StatusEventGoesToRequester) {
   task_.setSendNoEvents(false).setIpcOrigin("client").setIpcRequestId(1ULL << 63U);
   task_.notifyStatus("disk_io_failed");
   ASSERT_EQ(fakes::platform().bus.sent.size(), 1U);
@@ -175,19 +175,19 @@ TEST_F(BaseTransferTaskTest, StatusEventGoesToTheRequester) {
   EXPECT_THAT(fakes::platform().log, IsEmpty());
 }
 
-TEST_F(BaseTransferTaskTest, WithEventsOffNothingIsSent) {
+TEST_F(BaseTransferTaskTest, DisabledEventsAreNotSent) {
   task_.setIpcOrigin("client").notifyStatus("OK");
   EXPECT_THAT(fakes::platform().bus.sent, IsEmpty());
   EXPECT_THAT(fakes::platform().journal, IsEmpty());
 }
 
-TEST_F(BaseTransferTaskTest, AMissingBusIsLogged) {
+TEST_F(BaseTransferTaskTest, MissingBusIsLogged) {
   fakes::platform().bus.absent = true;
   task_.setSendNoEvents(false).notifyStatus("OK");
   EXPECT_THAT(logLines(), ElementsAre("3 BaseTransferTask.notifyStatus: pIpc is NULL"));
 }
 
-TEST_F(BaseTransferTaskTest, AnEventThatCannotBeSentIsLoggedOnce) {
+TEST_F(BaseTransferTaskTest, UnsendableEventIsLoggedOnce) {
   fakes::platform().bus.sendResult = false;
   task_.setSendNoEvents(false).setIpcOrigin("client").notifyStatus("OK");
   EXPECT_EQ(fakes::platform().bus.sent.size(), 1U);

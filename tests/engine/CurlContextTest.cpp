@@ -38,13 +38,13 @@ class CurlContextTest : public EngineTest {
   MemoryHttp http_;
 };
 
-TEST_F(CurlContextTest, AFreshContextHasNoHandle) {
+TEST_F(CurlContextTest, FreshContextHasNoHandle) {
   const auto context = make(true);
   EXPECT_EQ(context->GetCurl(), nullptr);
   EXPECT_EQ(context->GetURI(), kUri);
 }
 
-TEST_F(CurlContextTest, ADownloadSetsItsOptionsInOrder) {
+TEST_F(CurlContextTest, DownloadSetsOptionsInOrder) {
   ASSERT_TRUE(make(true)->Init());
   EXPECT_THAT(
       curlFaults().options,
@@ -58,7 +58,7 @@ TEST_F(CurlContextTest, ADownloadSetsItsOptionsInOrder) {
                   "HEADERDATA=...", "QUICK_EXIT=1"));
 }
 
-TEST_F(CurlContextTest, AnUploadSetsItsFormAndItsBuffer) {
+TEST_F(CurlContextTest, UploadSetsFormAndBuffer) {
   ASSERT_TRUE(make(false, fields())->Init());
   const std::vector<std::string> all = curlFaults().options;
   const std::vector<std::string> last(all.begin() + 26, all.end());
@@ -66,7 +66,7 @@ TEST_F(CurlContextTest, AnUploadSetsItsFormAndItsBuffer) {
                                 "POST=1", "HTTPPOST=...", "READFUNCTION=..."));
 }
 
-TEST_F(CurlContextTest, HttpsIsRedirectedToHttpsOnly) {
+TEST_F(CurlContextTest, HttpsIsRedirectedOnlyToHttps) {
   for (const std::string uri : {"https://127.0.0.1:9/x", "HTTPS://127.0.0.1:9/x"}) {
     curlFaults() = {};
     CurlContext context(true, uri, &http_, {}, 0, "", "", "");
@@ -75,13 +75,13 @@ TEST_F(CurlContextTest, HttpsIsRedirectedToHttpsOnly) {
   }
 }
 
-TEST_F(CurlContextTest, AnUploadWithoutFieldsSetsItsFormOnce) {
+TEST_F(CurlContextTest, UploadWithoutFieldsSetsFormOnce) {
   ASSERT_TRUE(make(false)->Init());
   EXPECT_EQ(std::count(curlFaults().options.begin(), curlFaults().options.end(), "HTTPPOST=..."),
             1);
 }
 
-TEST_F(CurlContextTest, TlsFilesAreSetWhereGiven) {
+TEST_F(CurlContextTest, GivenTlsFilesAreSet) {
   CurlContext context(true, kUri, &http_, {}, 0, "/cert", "/key", "/ca");
   ASSERT_TRUE(context.Init());
   const std::vector<std::string> all = curlFaults().options;
@@ -90,7 +90,7 @@ TEST_F(CurlContextTest, TlsFilesAreSetWhereGiven) {
                                  "CAINFO=/ca", "SSL_VERIFYPEER=1"));
 }
 
-TEST_F(CurlContextTest, FractionsOfASecondAreDroppedFromTheTimeOut) {
+TEST_F(CurlContextTest, FractionOfSecondIsDroppedFromTimeOut) {
   for (const auto& [milliseconds, option] : {std::pair{999U, "TIMEOUT=0"},
                                              {1000U, "TIMEOUT=1"},
                                              {1999U, "TIMEOUT=1"},
@@ -103,13 +103,13 @@ TEST_F(CurlContextTest, FractionsOfASecondAreDroppedFromTheTimeOut) {
   }
 }
 
-TEST_F(CurlContextTest, AMissingHandleIsLogged) {
+TEST_F(CurlContextTest, MissingHandleIsLogged) {
   curlFaults().easyInit = true;
   EXPECT_FALSE(make(true)->Init());
   EXPECT_THAT(logLines(), ElementsAre("3 curlcontext.Init: curl_easy_init failed"));
 }
 
-TEST_F(CurlContextTest, EachCheckedOptionThatFailsEndsInit) {
+TEST_F(CurlContextTest, CheckedOptionThatFailsEndsInit) {
   for (const CURLoption option : {CURLOPT_WRITEFUNCTION,
                                   CURLOPT_WRITEDATA,
                                   CURLOPT_PRIVATE,
@@ -143,7 +143,7 @@ TEST_F(CurlContextTest, EachCheckedOptionThatFailsEndsInit) {
   }
 }
 
-TEST_F(CurlContextTest, EachCheckedOptionOfAnUploadThatFailsEndsInit) {
+TEST_F(CurlContextTest, CheckedUploadOptionThatFailsEndsInit) {
   for (const auto& [option, skip] : {std::pair{CURLOPT_UPLOAD_BUFFERSIZE, 0U},
                                      {CURLOPT_POST, 0U},
                                      {kFormOption, 0U},
@@ -158,14 +158,14 @@ TEST_F(CurlContextTest, EachCheckedOptionOfAnUploadThatFailsEndsInit) {
   }
 }
 
-TEST_F(CurlContextTest, TlsOptionsThatFailAreLeftToTheTransfer) {
+TEST_F(CurlContextTest, FailedTlsOptionsAreLeftToTransfer) {
   CurlContext context(true, kUri, &http_, {}, 0, "/cert", "/key", "/ca");
   curlFaults().option = CURLOPT_SSLCERT;
   EXPECT_TRUE(context.Init());
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(CurlContextTest, AnUploadOfUnknownSizeIsRefused) {
+TEST_F(CurlContextTest, UploadOfUnknownSizeIsRefused) {
   http_.sizeKnown = false;
   EXPECT_FALSE(make(false)->Init());
   EXPECT_THAT(
@@ -184,7 +184,7 @@ TEST_F(CurlContextTest, FormPartsThatCannotBeAddedAreNamed) {
                   "3 curlcontext.Init: curl_formadd failed on field `b`"));
 }
 
-TEST_F(CurlContextTest, FormFieldsOtherThanTextAreRefusedAndNothingIsSent) {
+TEST_F(CurlContextTest, NonTextFormFieldsAreRefusedAndNothingSent) {
   RawServer server(answering(okResponse("")));
   for (const variant::Variant& value :
        {variant::Variant(7), variant::Variant(true), variant::Variant(), variant::Variant(0.5)}) {
@@ -200,18 +200,18 @@ TEST_F(CurlContextTest, FormFieldsOtherThanTextAreRefusedAndNothingIsSent) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
-TEST_F(CurlContextTest, AContextGivesItsHandleBackBeforeItsForm) {
+TEST_F(CurlContextTest, HandleIsReleasedBeforeForm) {
   ASSERT_TRUE(make(false, fields())->Init());
   EXPECT_THAT(curlFaults().released, ElementsAre("easy", "form"));
 }
 
-TEST_F(CurlContextTest, WhatAFailedInitHasMadeIsGivenBack) {
+TEST_F(CurlContextTest, FailedInitReleasesItsResources) {
   curlFaults().part = "b";
   EXPECT_FALSE(make(false, fields())->Init());
   EXPECT_THAT(curlFaults().released, ElementsAre("easy", "form"));
 }
 
-TEST_F(CurlContextTest, ChunksCarryTheirOffsetAndTheLengthThatIsAskedForOnce) {
+TEST_F(CurlContextTest, ChunksCarryOffsetAndLengthQueriedOnce) {
   const std::string body = noise(100'000);
   RawServer server(answering(okResponse(body)));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
@@ -229,7 +229,7 @@ TEST_F(CurlContextTest, ChunksCarryTheirOffsetAndTheLengthThatIsAskedForOnce) {
   EXPECT_EQ(curlFaults().asked(kLengthInformation), 1U);
 }
 
-TEST_F(CurlContextTest, AnUnknownLengthIsMinusOneAndAskedForOnce) {
+TEST_F(CurlContextTest, UnknownLengthIsMinusOneAndQueriedOnce) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\n\r\n" + noise(100'000));
@@ -243,7 +243,7 @@ TEST_F(CurlContextTest, AnUnknownLengthIsMinusOneAndAskedForOnce) {
   EXPECT_EQ(curlFaults().asked(kLengthInformation), 1U);
 }
 
-TEST_F(CurlContextTest, TheLargestLengthStaysOne) {
+TEST_F(CurlContextTest, LargestLengthIsKept) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n\r\nbody");
@@ -253,7 +253,7 @@ TEST_F(CurlContextTest, TheLargestLengthStaysOne) {
   EXPECT_THAT(http_.chunks, ElementsAre(Pair(0, std::numeric_limits<long>::max())));
 }
 
-TEST_F(CurlContextTest, ALengthThatCannotBeAskedForEndsTheTransfer) {
+TEST_F(CurlContextTest, LengthQueryFailureEndsTransfer) {
   RawServer server(answering(okResponse("body")));
   curlFaults().info = kLengthInformation;
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
@@ -275,7 +275,7 @@ TEST_F(CurlContextTest, RefusedChunksDoNotCount) {
   EXPECT_THAT(http_.chunks, ElementsAre(Pair(0, -1), Pair(3, -1), Pair(3, -1)));
 }
 
-TEST_F(CurlContextTest, ExceptionsEndTheTransferAndNothingElse) {
+TEST_F(CurlContextTest, ExceptionsEndOnlyTheirTransfer) {
   RawServer server(answering(okResponse("body")));
   http_.upload = "file";
   http_.accept = []() -> bool { throw std::runtime_error("disk on fire"); };

@@ -68,43 +68,43 @@ class HostileServerTest : public EngineTest {
   static constexpr const char* kHeaders = "HandleHeader: The headers exceed 65536 bytes";
 };
 
-TEST_F(HostileServerTest, EndlessTrailersEndTheTransfer) {
+TEST_F(HostileServerTest, EndlessTrailersEndTransfer) {
   RawServer server(
       endless("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n0\r\n",
               "X-Trailer: " + std::string(1000, 'x') + "\r\n"));
   expectBounded(true, server, kHeaders);
 }
 
-TEST_F(HostileServerTest, EndlessTrailersOfAnAnswerEndTheUpload) {
+TEST_F(HostileServerTest, EndlessTrailersInResponseEndUpload) {
   RawServer server(endless("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n",
                            "X-Trailer: " + std::string(1000, 'x') + "\r\n"));
   expectBounded(false, server, kHeaders);
 }
 
-TEST_F(HostileServerTest, EndlessInterimAnswersEndTheTransfer) {
+TEST_F(HostileServerTest, EndlessInterimResponsesEndTransfer) {
   RawServer server(endless("", "HTTP/1.1 103 Early Hints\r\nLink: </style>\r\n\r\n"));
   expectBounded(true, server, kHeaders);
 }
 
-TEST_F(HostileServerTest, RedirectionsShareTheBudgetForHeaders) {
+TEST_F(HostileServerTest, RedirectionsShareHeaderBudget) {
   RawServer server(answering("HTTP/1.1 301 Moved\r\nLocation: /file\r\nX-Long: " +
                              std::string(10'000, 'x') + "\r\nContent-Length: 0\r\n\r\n"));
   expectBounded(true, server, kHeaders);
 }
 
-TEST_F(HostileServerTest, HeadersWithinTheBudgetAreTaken) {
+TEST_F(HostileServerTest, HeadersWithinBudgetAreAccepted) {
   RawServer server(answering("HTTP/1.1 200 OK\r\nX-Long: " + std::string(65'000, 'x') +
                              "\r\nContent-Length: 4\r\n\r\nbody"));
   EXPECT_EQ(move(true, server.uri()), "success");
   EXPECT_EQ(readFile(path("file")), "body");
 }
 
-TEST_F(HostileServerTest, AnEndlessAnswerEndsTheUpload) {
+TEST_F(HostileServerTest, EndlessResponseEndsUpload) {
   RawServer server(endless("HTTP/1.1 200 OK\r\n\r\n", std::string(1000, 'x')));
   expectBounded(false, server, "HandleReceived: The answer to the upload exceeds 16777216 bytes");
 }
 
-TEST_F(HostileServerTest, ALongAnswerToAnUploadIsTaken) {
+TEST_F(HostileServerTest, LongResponseToUploadIsAccepted) {
   RawServer server(answering(okResponse(std::string(16'777'216, 'x'))));
   EXPECT_EQ(move(false, server.uri()), "success");
   EXPECT_THAT(logLines(), IsEmpty());
@@ -125,7 +125,7 @@ TEST_F(HostileServerTest, RefusedUploadsAreLoggedWithoutUserInformation) {
   }
 }
 
-TEST_F(HostileServerTest, OnlyErrorsAndOnlyUploadsAreLoggedAsRefused) {
+TEST_F(HostileServerTest, OnlyRefusedUploadsAreLogged) {
   RawServer gone(answering("HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n"));
   EXPECT_EQ(move(true, gone.uri()), "success");
   RawServer odd(answering("HTTP/1.1 399 Odd\r\nContent-Length: 0\r\n\r\n"));
@@ -136,7 +136,7 @@ TEST_F(HostileServerTest, OnlyErrorsAndOnlyUploadsAreLoggedAsRefused) {
   EXPECT_EQ(logLines().size(), 1U);
 }
 
-TEST_F(HostileServerTest, ProxiesOfTheEnvironmentAreNotObeyed) {
+TEST_F(HostileServerTest, ProxiesFromEnvironmentAreIgnored) {
   RawServer server(answering(okResponse("body")));
   RawServer proxy(answering(okResponse("other")));
   setenv("http_proxy", proxy.uri("").c_str(), 1);
@@ -146,7 +146,7 @@ TEST_F(HostileServerTest, ProxiesOfTheEnvironmentAreNotObeyed) {
   EXPECT_EQ(proxy.connections(), 0U);
 }
 
-TEST_F(HostileServerTest, TimeOutsBeyondWhatLibcurlHoldsRunOneAfterTheOther) {
+TEST_F(HostileServerTest, TimeOutBeyondLibcurlRangeRunsInParts) {
   RawServer server(answering(okResponse("body")));
   for (const std::uint32_t timeout : {4'294'967'295U, 2'147'484'000U}) {
     RecordingTask task(server.uri(), path("file"));
@@ -157,7 +157,7 @@ TEST_F(HostileServerTest, TimeOutsBeyondWhatLibcurlHoldsRunOneAfterTheOther) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(HostileServerTest, TheReceiveBufferIsForcedOrLeftAlone) {
+TEST_F(HostileServerTest, ReceiveBufferIsForcedOrLeftAlone) {
   RawServer server(answering(okResponse("body")));
   EXPECT_EQ(move(true, server.uri()), "success");
   EXPECT_THAT(curlFaults().socketOptions, ElementsAre("RCVBUFFORCE=4194304"));
@@ -177,7 +177,7 @@ TEST_F(HostileServerTest, TheReceiveBufferIsForcedOrLeftAlone) {
   EXPECT_EQ(after, mayForce ? ctlserver::kReceiveBufferSize : before);
 }
 
-TEST_F(HostileServerTest, TheEndClosesDownloadsBeforeUploads) {
+TEST_F(HostileServerTest, ShutdownClosesDownloadsBeforeUploads) {
   RecordingTask up("http://127.0.0.1:1/a", write("a", "content"));
   up.setKind(false);
   RecordingTask down("http://127.0.0.1:1/b", path("b"));

@@ -64,7 +64,7 @@ class ManyTransfersTest : public EngineTest {
   }
 };
 
-TEST_F(ManyTransfersTest, AThousandDownloadsArriveToTheLastByte) {
+TEST_F(ManyTransfersTest, ThousandDownloadsArriveComplete) {
   RawServer server(serveNoise);
   std::vector<std::unique_ptr<RecordingTask>> tasks;
   for (unsigned number = 0; number < kTransfers; ++number) {

@@ -51,7 +51,7 @@ class MultiHttpTest : public EngineTest {
 
 constexpr char kNobody[] = "http://127.0.0.1:1/x";
 
-TEST_F(MultiHttpTest, AnEmptyUriOrPathIsRefused) {
+TEST_F(MultiHttpTest, EmptyUriOrPathIsRefused) {
   EXPECT_FALSE(http_.start(true, "", "/tmp/x"));
   EXPECT_FALSE(http_.start(false, kNobody, ""));
   EXPECT_THAT(
@@ -60,7 +60,7 @@ TEST_F(MultiHttpTest, AnEmptyUriOrPathIsRefused) {
                   "3 multihttp.RegisterRequest: Invalid input, uri=http://127.0.0.1:1/x, path="));
 }
 
-TEST_F(MultiHttpTest, ADownloadReplacesTheContentOfItsFile) {
+TEST_F(MultiHttpTest, DownloadReplacesFileContent) {
   RawServer server(answering(okResponse("new")));
   const std::string file = write("file", "something older");
   ASSERT_TRUE(http_.start(true, server.uri(), file));
@@ -69,7 +69,7 @@ TEST_F(MultiHttpTest, ADownloadReplacesTheContentOfItsFile) {
   EXPECT_EQ(readFile(file), "new");
 }
 
-TEST_F(MultiHttpTest, ASecondTransferOfAUriIsRefusedAndTheFirstGoesOn) {
+TEST_F(MultiHttpTest, SecondTransferOfUriIsRefusedAndFirstGoesOn) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.start(true, server.uri(), path("first")));
   EXPECT_FALSE(http_.start(true, server.uri(), path("second")));
@@ -82,7 +82,7 @@ TEST_F(MultiHttpTest, ASecondTransferOfAUriIsRefusedAndTheFirstGoesOn) {
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
-TEST_F(MultiHttpTest, TwoTransfersOfOnePathInOneDirectionAreRefused) {
+TEST_F(MultiHttpTest, TwoTransfersOfPathInOneDirectionAreRefused) {
   const std::string file = write("file", "");
   ASSERT_TRUE(http_.start(true, "http://127.0.0.1:1/1", file));
   EXPECT_FALSE(http_.start(true, "http://127.0.0.1:1/2", file));
@@ -92,7 +92,7 @@ TEST_F(MultiHttpTest, TwoTransfersOfOnePathInOneDirectionAreRefused) {
                                       inProgress("http://127.0.0.1:1/4", file)));
 }
 
-TEST_F(MultiHttpTest, AFileThatCannotBeOpenedLeavesNothingBehind) {
+TEST_F(MultiHttpTest, UnopenableFileLeavesNothingBehind) {
   RawServer server(answering(okResponse("body")));
   EXPECT_FALSE(http_.start(true, server.uri(), path("missing/file")));
   EXPECT_FALSE(http_.start(false, server.uri(), path("missing")));
@@ -102,7 +102,7 @@ TEST_F(MultiHttpTest, AFileThatCannotBeOpenedLeavesNothingBehind) {
   EXPECT_EQ(server.connections(), 1U);
 }
 
-TEST_F(MultiHttpTest, WhatTheEngineRefusesStaysInProgress) {
+TEST_F(MultiHttpTest, TransferRefusedByEngineStaysInProgress) {
   variant::Variant fields;
   fields["number"] = 1;
   const std::string file = write("file", "content");
@@ -118,7 +118,7 @@ TEST_F(MultiHttpTest, WhatTheEngineRefusesStaysInProgress) {
   EXPECT_TRUE(http_.start(false, kNobody, file));
 }
 
-TEST_F(MultiHttpTest, ANulIsRefusedAndHoldsNeitherUriNorFile) {
+TEST_F(MultiHttpTest, NulIsRefusedAndHoldsNeitherUriNorFile) {
   RawServer server(answering(okResponse("")));
   const std::string file = write("file", "content");
   const std::string uri = server.uri("/up");
@@ -158,7 +158,7 @@ TEST_F(MultiHttpTest, UnknownUrisAreLogged) {
   EXPECT_EQ(size, 7U);
 }
 
-TEST_F(MultiHttpTest, ADownloadHasNothingToUpload) {
+TEST_F(MultiHttpTest, DownloadHasNoUploadData) {
   ASSERT_TRUE(http_.start(true, kNobody, path("file")));
   unsigned char byte = 0;
   unsigned long size = 7;
@@ -172,7 +172,7 @@ TEST_F(MultiHttpTest, ADownloadHasNothingToUpload) {
                   "uri=http://127.0.0.1:1/x"));
 }
 
-TEST_F(MultiHttpTest, TheAnswerToAnUploadIsAcceptedAndDiscarded) {
+TEST_F(MultiHttpTest, ResponseToUploadIsAcceptedAndDiscarded) {
   RawServer server(answering(okResponse("thank you")));
   const std::string file = write("file", "content");
   ASSERT_TRUE(http_.start(false, server.uri(), file));
@@ -181,7 +181,7 @@ TEST_F(MultiHttpTest, TheAnswerToAnUploadIsAcceptedAndDiscarded) {
   EXPECT_EQ(readFile(file), "content");
 }
 
-TEST_F(MultiHttpTest, AnUploadIsReadInPiecesUpToItsEnd) {
+TEST_F(MultiHttpTest, UploadIsReadInPiecesUpToEnd) {
   ASSERT_TRUE(http_.start(false, kNobody, write("file", "12345")));
   unsigned char buffer[4] = {};
   unsigned long size = 0;
@@ -193,13 +193,13 @@ TEST_F(MultiHttpTest, AnUploadIsReadInPiecesUpToItsEnd) {
   EXPECT_EQ(http_.FillUploadBuffer(kNobody, buffer, 3), 0U);
 }
 
-TEST_F(MultiHttpTest, TheFirstReadOfAnEmptyFileIsItsEnd) {
+TEST_F(MultiHttpTest, EmptyFileEndsAtFirstRead) {
   ASSERT_TRUE(http_.start(false, kNobody, write("file", "")));
   unsigned char byte = 0;
   EXPECT_EQ(http_.FillUploadBuffer(kNobody, &byte, 1), 0U);
 }
 
-TEST_F(MultiHttpTest, AFileThatShrankAbortsWithTheReason) {
+TEST_F(MultiHttpTest, ShrunkFileAbortsWithReason) {
   const std::string file = write("file", "12345");
   ASSERT_TRUE(http_.start(false, kNobody, file));
   ASSERT_EQ(truncate(file.c_str(), 2), 0);
@@ -210,7 +210,7 @@ TEST_F(MultiHttpTest, AFileThatShrankAbortsWithTheReason) {
   EXPECT_EQ(fakes::platform().log.front().error, EIO);
 }
 
-TEST_F(MultiHttpTest, ACompletionClosesBothFilesOfItsPath) {
+TEST_F(MultiHttpTest, CompletionClosesBothFilesOfItsPath) {
   const std::string file = write("file", "");
   ASSERT_TRUE(http_.start(true, "http://127.0.0.1:1/down", file));
   ASSERT_TRUE(http_.start(false, "http://127.0.0.1:1/up", file));
@@ -220,7 +220,7 @@ TEST_F(MultiHttpTest, ACompletionClosesBothFilesOfItsPath) {
   EXPECT_TRUE(http_.start(false, "http://127.0.0.1:1/up2", file));
 }
 
-TEST_F(MultiHttpTest, AFailedDownloadLeavesWhatItWrote) {
+TEST_F(MultiHttpTest, FailedDownloadKeepsPartialFile) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf.");

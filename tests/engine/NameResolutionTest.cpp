@@ -70,7 +70,7 @@ class NameResolutionTest : public EngineTest {
   RecordingTask task_{kUri, ""};
 };
 
-TEST_F(NameResolutionTest, ADeadlineDoesNotWaitForAName) {
+TEST_F(NameResolutionTest, DeadlineDoesNotWaitForNameResolution) {
   fakes::platform().nowMs += task_.timeout() + 1;
   service().service(0);
   EXPECT_FALSE(lookUp.ended);
@@ -78,13 +78,13 @@ TEST_F(NameResolutionTest, ADeadlineDoesNotWaitForAName) {
   EXPECT_FALSE(service().existsUri(kUri));
 }
 
-TEST_F(NameResolutionTest, TheTransportsTimeOutDoesNotWaitForAName) {
+TEST_F(NameResolutionTest, TransportTimeOutDoesNotWaitForNameResolution) {
   ASSERT_TRUE(turnUntil([&] { return !task_.outcome().empty(); }));
   EXPECT_FALSE(lookUp.ended);
   EXPECT_EQ(task_.outcome(), "failure 5 0");
 }
 
-TEST_F(NameResolutionTest, TheEndOfTheServiceDoesNotWaitForAName) {
+TEST_F(NameResolutionTest, ShutdownDoesNotWaitForNameResolution) {
   endService();
   EXPECT_FALSE(lookUp.ended);
 }

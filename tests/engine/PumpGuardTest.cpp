@@ -120,7 +120,7 @@ PumpGuard::Mark newMark() {
   return std::make_shared<volatile std::sig_atomic_t>(0);
 }
 
-TEST_F(PumpGuardTest, APassThatIsHeldLosesItsSocketsAndWhatTheyHold) {
+TEST_F(PumpGuardTest, BlockedPassLosesItsSocketsAndData) {
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
   ASSERT_EQ(send(pair.far, "unread", 6, 0), 6);
@@ -152,7 +152,7 @@ TEST_F(PumpGuardTest, PassesOfOneTurnShareItsTime) {
   guard_.Forget(pair.near);
 }
 
-TEST_F(PumpGuardTest, WhatIsOpenedInAHeldPassOrAfterItInTheTurnIsCutToo) {
+TEST_F(PumpGuardTest, SocketsOpenedInOrAfterBlockedPassAreCutToo) {
   const TcpPair first;
   const TcpPair second;
   const PumpGuard::Mark mark = newMark();
@@ -171,7 +171,7 @@ TEST_F(PumpGuardTest, WhatIsOpenedInAHeldPassOrAfterItInTheTurnIsCutToo) {
   guard_.Forget(second.near);
 }
 
-TEST_F(PumpGuardTest, WithoutAPassNothingIsCut) {
+TEST_F(PumpGuardTest, NothingIsCutOutsidePass) {
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
   guard_.Watch(pair.near, mark);
@@ -184,11 +184,11 @@ TEST_F(PumpGuardTest, WithoutAPassNothingIsCut) {
   guard_.Forget(pair.near);
 }
 
-TEST_F(PumpGuardTest, ASignalThatSomebodySendsCutsNothing) {
+TEST_F(PumpGuardTest, ForeignSignalCutsNothing) {
   EXPECT_EQ(std::raise(ctlserver::pumpSignal()), 0);
 }
 
-TEST_F(PumpGuardTest, ASignalThatWasBlockedAtTheStartArrives) {
+TEST_F(PumpGuardTest, SignalBlockedAtStartArrives) {
   sigset_t own;
   sigemptyset(&own);
   sigaddset(&own, ctlserver::pumpSignal());
@@ -205,7 +205,7 @@ TEST_F(PumpGuardTest, ASignalThatWasBlockedAtTheStartArrives) {
   guard_.Forget(pair.near);
 }
 
-TEST_F(PumpGuardTest, WithoutATimerTransfersRunUnguarded) {
+TEST_F(PumpGuardTest, TransfersRunUnguardedWithoutTimer) {
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_SIGPENDING, &before), 0);
   const rlimit none{0, before.rlim_max};
@@ -221,7 +221,7 @@ TEST_F(PumpGuardTest, WithoutATimerTransfersRunUnguarded) {
   EXPECT_THAT(http.completions, ElementsAre(server.uri() + " 0 200"));
 }
 
-TEST_F(PumpGuardTest, ATransferThatWasCutIsNoSuccessWhateverItLooksLike) {
+TEST_F(PumpGuardTest, CutTransferNeverCountsAsSuccess) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\n\r\nthe first half");  // up to the end of the connection
@@ -257,7 +257,7 @@ TEST_F(PumpGuardTest, ClosedSocketsAreForgotten) {
   EXPECT_FALSE(pair.isCut());
 }
 
-TEST_F(PumpGuardTest, AKeyUpdateFloodHoldsNothingAndHarmsNobodyElse) {
+TEST_F(PumpGuardTest, KeyUpdateFloodHarmsNoOtherTransfer) {
   const std::string body = noise(5'000'000);
   RawServer innocent(answering(okResponse(body)));
   const TlsFlood flood(server_, TlsFlood::keyUpdate);
@@ -270,7 +270,7 @@ TEST_F(PumpGuardTest, AKeyUpdateFloodHoldsNothingAndHarmsNobodyElse) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(PumpGuardTest, AFloodThatOpenSslReadsOnIsCut) {
+TEST_F(PumpGuardTest, FloodReadByOpenSslIsCut) {
   curlFaults().messagesUnwatched = true;
   const TlsFlood flood(server_, TlsFlood::keyUpdate, "HTTP/1.1 200 OK\r\n\r\nhalf");
   ASSERT_TRUE(startTls(flood.uri()));
@@ -300,7 +300,7 @@ class LateFloodTest : public PumpGuardTest {
                   }};
 };
 
-TEST_F(LateFloodTest, ACancelIsNotHeld) {
+TEST_F(LateFloodTest, CancelIsNotBlocked) {
   const auto start = Clock::now();
   EXPECT_TRUE(http_.CancelTransfer(flood_.uri()));
   EXPECT_LT(Clock::now() - start, kLongestPass);

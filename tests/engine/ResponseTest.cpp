@@ -45,7 +45,7 @@ RawServer::Script once(std::string bytes) {
   };
 }
 
-TEST_F(ResponseTest, A200IsStored) {
+TEST_F(ResponseTest, Status200IsStored) {
   const std::string body = noise(1'000'000);
   WebServer web;
   web.server().Get("/file", [&](const httplib::Request& request, httplib::Response& response) {
@@ -59,7 +59,7 @@ TEST_F(ResponseTest, A200IsStored) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(ResponseTest, A204LeavesAnEmptyFile) {
+TEST_F(ResponseTest, Status204LeavesEmptyFile) {
   WebServer web;
   web.server().Get("/file",
                    [](const auto&, httplib::Response& response) { response.status = 204; });
@@ -69,7 +69,7 @@ TEST_F(ResponseTest, A204LeavesAnEmptyFile) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(ResponseTest, ErrorPagesAreStoredToo) {
+TEST_F(ResponseTest, ErrorPagesAreStored) {
   WebServer web;
   web.server().Get(R"(/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
     response.status = std::stoi(request.matches[1]);
@@ -100,7 +100,7 @@ TEST_F(ResponseTest, RedirectionsAreFollowedAndTheirPagesDropped) {
   EXPECT_EQ(web.requests().size(), 10U);
 }
 
-TEST_F(ResponseTest, ALoopOfRedirectionsEndsWithTheTimeOut) {
+TEST_F(ResponseTest, RedirectionLoopEndsByTimeOut) {
   RawServer server([](Connection& connection) {
     while (connection.readRequest()) {
       connection.trickle("HTTP/1.1 301 Moved\r\nLocation: /file\r\nContent-Length: 0\r\n\r\n", 1);
@@ -111,13 +111,13 @@ TEST_F(ResponseTest, ALoopOfRedirectionsEndsWithTheTimeOut) {
   EXPECT_GT(server.requests().size(), 1U);
 }
 
-TEST_F(ResponseTest, ALoopOfRedirectionsEndsAfterThirty) {
+TEST_F(ResponseTest, RedirectionLoopEndsAfterThirty) {
   RawServer server(answering("HTTP/1.1 301 Moved\r\nLocation: /file\r\nContent-Length: 0\r\n\r\n"));
   expectFailure(server, 47, 301);
   EXPECT_EQ(server.requests().size(), 31U);
 }
 
-TEST_F(ResponseTest, ARedirectionToALocalFileIsRefused) {
+TEST_F(ResponseTest, RedirectionToLocalFileIsRefused) {
   RawServer server(
       answering("HTTP/1.1 302 Found\r\nLocation: file:///etc/passwd\r\nContent-Length: 0\r\n\r\n"));
   expectFailure(server, 1, 302);
@@ -133,7 +133,7 @@ TEST_F(ResponseTest, OnlyHttpUrisAreFetched) {
   EXPECT_EQ(fetched(), "");
 }
 
-TEST_F(ResponseTest, AChunkedBodyIsPutTogether) {
+TEST_F(ResponseTest, ChunkedBodyIsReassembled) {
   RawServer server(
       answering("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
                 "5\r\nchunk\r\n1;extension=1\r\n \r\n4\r\nbody\r\n0\r\nTrailer: 1\r\n\r\n"));
@@ -141,7 +141,7 @@ TEST_F(ResponseTest, AChunkedBodyIsPutTogether) {
   EXPECT_EQ(fetched(), "chunk body");
 }
 
-TEST_F(ResponseTest, ABodyWithoutLengthEndsWithTheConnection) {
+TEST_F(ResponseTest, BodyWithoutLengthEndsWithConnection) {
   RawServer server(once("HTTP/1.1 200 OK\r\n\r\nto the end"));
   EXPECT_EQ(fetch(server.uri()), "success");
   EXPECT_EQ(fetched(), "to the end");
@@ -153,7 +153,7 @@ TEST_F(ResponseTest, Http10IsUnderstood) {
   EXPECT_EQ(fetched(), "old");
 }
 
-TEST_F(ResponseTest, AZippedBodyIsStoredAsItCame) {
+TEST_F(ResponseTest, CompressedBodyIsStoredAsReceived) {
   const std::string zipped = "\x1f\x8b\x08" + noise(500);
   RawServer server(answering("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " +
                              std::to_string(zipped.size()) + "\r\n\r\n" + zipped));
@@ -161,24 +161,24 @@ TEST_F(ResponseTest, AZippedBodyIsStoredAsItCame) {
   EXPECT_EQ(fetched(), zipped);
 }
 
-TEST_F(ResponseTest, BytesBeyondTheAnnouncedLengthAreDropped) {
+TEST_F(ResponseTest, BytesBeyondAnnouncedLengthAreDropped) {
   RawServer server(once("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody and more"));
   EXPECT_EQ(fetch(server.uri()), "success");
   EXPECT_EQ(fetched(), "body");
 }
 
-TEST_F(ResponseTest, ABodyShorterThanAnnouncedFails) {
+TEST_F(ResponseTest, TruncatedBodyFails) {
   RawServer server(once("HTTP/1.1 200 OK\r\nContent-Length: 400\r\n\r\nbody"));
   expectFailure(server, 18, 200);
   EXPECT_EQ(fetched(), "body");
 }
 
-TEST_F(ResponseTest, AChunkedBodyThatIsCutFails) {
+TEST_F(ResponseTest, TruncatedChunkedBodyFails) {
   RawServer server(once("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\nchun"));
   expectFailure(server, 18, 200);
 }
 
-TEST_F(ResponseTest, AResetInTheMiddleFails) {
+TEST_F(ResponseTest, ConnectionResetInBodyFails) {
   // Reset only once the first half was taken, for it may drop what is still on its way.
   RawServer server([this](Connection& connection) {
     connection.readRequest();
@@ -189,17 +189,17 @@ TEST_F(ResponseTest, AResetInTheMiddleFails) {
   expectFailure(server, 56, 200);
 }
 
-TEST_F(ResponseTest, AConnectionClosedWithoutAnAnswerFails) {
+TEST_F(ResponseTest, ConnectionClosedWithoutResponseFails) {
   RawServer server(once(""));
   expectFailure(server, 52, 0);
 }
 
-TEST_F(ResponseTest, WhatIsNotHttpFails) {
+TEST_F(ResponseTest, NonHttpResponseFails) {
   RawServer server(once("SSH-2.0-OpenSSH_9.2\r\n"));
   expectFailure(server, 1, 0);
 }
 
-TEST_F(ResponseTest, AServerThatNeverAnswersTimesOut) {
+TEST_F(ResponseTest, SilentServerTimesOut) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.awaitClose();
@@ -208,7 +208,7 @@ TEST_F(ResponseTest, AServerThatNeverAnswersTimesOut) {
   EXPECT_THAT(logLines(), ElementsAre(failed(server.uri(), "TRANSFER_TIMEOUT(5)", 0)));
 }
 
-TEST_F(ResponseTest, AServerThatTricklesTimesOut) {
+TEST_F(ResponseTest, TricklingServerTimesOut) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
@@ -219,7 +219,7 @@ TEST_F(ResponseTest, AServerThatTricklesTimesOut) {
   EXPECT_THAT(fetched(), ::testing::StartsWith("xxx"));
 }
 
-TEST_F(ResponseTest, EachTransferHasAConnectionOfItsOwn) {
+TEST_F(ResponseTest, EachTransferHasItsOwnConnection) {
   RawServer server(answering(okResponse("body")));
   EXPECT_EQ(fetch(server.uri("/1")), "success");
   EXPECT_EQ(fetch(server.uri("/2")), "success");
@@ -227,7 +227,7 @@ TEST_F(ResponseTest, EachTransferHasAConnectionOfItsOwn) {
   EXPECT_EQ(server.requests().size(), 2U);
 }
 
-TEST_F(ResponseTest, AConnectionClosedBetweenTransfersIsReplaced) {
+TEST_F(ResponseTest, ConnectionClosedBetweenTransfersIsReplaced) {
   RawServer server(once(okResponse("body")));
   EXPECT_EQ(fetch(server.uri("/1")), "success");
   EXPECT_EQ(fetch(server.uri("/2")), "success");

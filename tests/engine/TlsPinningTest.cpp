@@ -40,19 +40,19 @@ class TlsPinningTest : public EngineTest {
   Store store_{X509_STORE_CTX_new()};
 };
 
-TEST_F(TlsPinningTest, WhatOpenSslAcceptsIsNotLookedAt) {
+TEST_F(TlsPinningTest, CertificateAcceptedByOpenSslIsNotExamined) {
   EXPECT_EQ(verifyCustomCert(1, nullptr), 1);
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TlsPinningTest, WithoutACertificateNobodyIsAccepted) {
+TEST_F(TlsPinningTest, MissingCertificateIsRefused) {
   pin(server_);
   EXPECT_EQ(verifyCustomCert(0, store_.get()), 0);
   EXPECT_EQ(error(), X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT);
   EXPECT_THAT(logLines(), ElementsAre("3 curlcontext.verifyCustomCert: Failed to get remote cert"));
 }
 
-TEST_F(TlsPinningTest, AnEqualCertificateClearsTheError) {
+TEST_F(TlsPinningTest, EqualCertificateClearsError) {
   pin(server_);
   present(server_);
   EXPECT_EQ(verifyCustomCert(0, store_.get()), 1);
@@ -68,7 +68,7 @@ TEST_F(TlsPinningTest, AnotherCertificateIsUntrusted) {
   EXPECT_THAT(logLines(), ElementsAre("4 curlcontext.verifyCustomCert: Mismatched certs"));
 }
 
-TEST_F(TlsPinningTest, WithoutAPinnedCertificateTheErrorStands) {
+TEST_F(TlsPinningTest, ErrorStaysWithoutPinnedCertificate) {
   present(server_);
   EXPECT_EQ(verifyCustomCert(0, store_.get()), 0);
   EXPECT_EQ(error(), X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT);

@@ -76,14 +76,14 @@ class TlsTest : public EngineTest {
   std::string otherCa_;
 };
 
-TEST_F(TlsTest, AChainThatTheCaFileValidatesIsAccepted) {
+TEST_F(TlsTest, ChainValidatedByCaFileIsAccepted) {
   pin(ca_.certificatePem());
   const auto web = serve({.identity = &issued_});
   EXPECT_EQ(fetch(*web, kDefaultCa), "success");
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TlsTest, AChainThatAnotherCaFileValidatesNeedsNoPinnedFile) {
+TEST_F(TlsTest, ChainValidatedByOtherCaFileNeedsNoPin) {
   const auto web = serve({.identity = &issued_});
   EXPECT_EQ(fetch(*web, write("ca.pem", ca_.certificatePem())), "success");
   EXPECT_THAT(logLines(), IsEmpty());
@@ -97,7 +97,7 @@ TEST_F(TlsTest, BothTlsVersionsAreSpoken) {
   EXPECT_EQ(fetch(*tls13, kDefaultCa), "success");
 }
 
-TEST_F(TlsTest, ASelfSignedCertificateThatIsPinnedIsAccepted) {
+TEST_F(TlsTest, PinnedSelfSignedCertificateIsAccepted) {
   pin(selfSigned_.certificatePem());
   const auto web = serve({.identity = &selfSigned_});
   EXPECT_EQ(fetch(*web, otherCa_), "success");
@@ -105,38 +105,38 @@ TEST_F(TlsTest, ASelfSignedCertificateThatIsPinnedIsAccepted) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TlsTest, ASelfSignedCertificateThatDiffersIsRefused) {
+TEST_F(TlsTest, OtherSelfSignedCertificateIsRefused) {
   pin(makeIdentity({}).certificatePem());
   const auto web = serve({.identity = &selfSigned_});
   expectRefused(*web, {kMismatch}, otherCa_);
 }
 
-TEST_F(TlsTest, AnIssuedCertificateOfAnUnknownAuthorityIsAcceptedWhenPinned) {
+TEST_F(TlsTest, PinnedCertificateOfUnknownAuthorityIsAccepted) {
   const auto web = serve({.identity = &issued_});
   pin(issued_.certificatePem());
   EXPECT_EQ(fetch(*web, otherCa_), "success");
 }
 
-TEST_F(TlsTest, AnIssuedCertificateOfAnUnknownAuthorityIsRefused) {
+TEST_F(TlsTest, IssuedCertificateOfUnknownAuthorityIsRefused) {
   const auto web = serve({.identity = &issued_});
   pin(ca_.certificatePem());
   expectRefused(*web, {kMismatch}, otherCa_);
 }
 
-TEST_F(TlsTest, OnlyTheFirstPinnedCertificateCounts) {
+TEST_F(TlsTest, OnlyFirstPinnedCertificateCounts) {
   const auto web = serve({.identity = &selfSigned_});
   pin(stranger_.certificatePem() + selfSigned_.certificatePem());
   expectRefused(*web, {kMismatch}, otherCa_);
 }
 
-TEST_F(TlsTest, AnExpiredCertificateIsRefused) {
+TEST_F(TlsTest, ExpiredCertificateIsRefused) {
   const Identity expired = makeIdentity({.issuer = &ca_, .expired = true});
   pin(ca_.certificatePem());
   const auto web = serve({.identity = &expired});
   expectRefused(*web, {kMismatch}, kDefaultCa);
 }
 
-TEST_F(TlsTest, AnExpiredCertificateThatIsPinnedIsAccepted) {
+TEST_F(TlsTest, PinnedExpiredCertificateIsAccepted) {
   const Identity expired = makeIdentity({.expired = true});
   pin(expired.certificatePem());
   const auto web = serve({.identity = &expired});
@@ -145,7 +145,7 @@ TEST_F(TlsTest, AnExpiredCertificateThatIsPinnedIsAccepted) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TlsTest, TheHostNameIsNotCompared) {
+TEST_F(TlsTest, HostNameIsNotCompared) {
   const Identity elsewhere = makeIdentity({.host = "elsewhere.example", .issuer = &ca_});
   pin(ca_.certificatePem());
   const auto web = serve({.identity = &elsewhere});
@@ -153,24 +153,24 @@ TEST_F(TlsTest, TheHostNameIsNotCompared) {
   EXPECT_EQ(fetch(*web, kDefaultCa, "", "", "localhost"), "success");
 }
 
-TEST_F(TlsTest, WithoutThePinnedFileAnUnknownServerIsRefused) {
+TEST_F(TlsTest, UnknownServerIsRefusedWithoutPinnedFile) {
   const auto web = serve({.identity = &selfSigned_});
   expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to open local cert"}, otherCa_);
   EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
 }
 
-TEST_F(TlsTest, AnUnreadablePinnedFileRefusesAnUnknownServer) {
+TEST_F(TlsTest, UnreadablePinnedFileRefusesUnknownServer) {
   const auto web = serve({.identity = &selfSigned_});
   pin("no certificate");
   expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to load cert"}, otherCa_);
 }
 
-TEST_F(TlsTest, AMissingCaFileRefusesEveryServer) {
+TEST_F(TlsTest, MissingCaFileRefusesEveryServer) {
   const auto web = serve({.identity = &issued_});
   expectRefused(*web, {}, kDefaultCa, 77);
 }
 
-TEST_F(TlsTest, WithoutACaFileTheSystemsAuthoritiesCount) {
+TEST_F(TlsTest, SystemAuthoritiesCountWithoutCaFile) {
   const auto web = serve({.identity = &selfSigned_});
   pin(stranger_.certificatePem());
   expectRefused(*web, {kMismatch}, "");
@@ -206,7 +206,7 @@ class SystemAuthority {
   bool mounted_ = false;
 };
 
-TEST_F(TlsTest, TheSystemsAuthoritiesAreNotTrusted) {
+TEST_F(TlsTest, SystemAuthoritiesAreNotTrusted) {
   const Identity foreign = makeIdentity({.issuer = &stranger_});
   const SystemAuthority planted(stranger_);
   pin(ca_.certificatePem());
@@ -214,7 +214,7 @@ TEST_F(TlsTest, TheSystemsAuthoritiesAreNotTrusted) {
   expectRefused(*web, {kMismatch}, kDefaultCa);
 }
 
-TEST_F(TlsTest, AServerIsNotTrustedLongerThanItsCertificate) {
+TEST_F(TlsTest, TrustEndsWithPinnedCertificate) {
   pin(selfSigned_.certificatePem());
   const auto web = serve({.identity = &selfSigned_, .keptAlive = true});
   EXPECT_EQ(fetch(*web, kDefaultCa), "success");
@@ -223,7 +223,7 @@ TEST_F(TlsTest, AServerIsNotTrustedLongerThanItsCertificate) {
   EXPECT_EQ(web->requests().size(), 1U);
 }
 
-TEST_F(TlsTest, HttpsIsNeverRedirectedToHttpButHttpToHttps) {
+TEST_F(TlsTest, RedirectionMayUpgradeToHttpsButNotDowngrade) {
   pin(selfSigned_.certificatePem());
   RawServer plain(answering(okResponse("secret")));
   const auto web = serve({.identity = &selfSigned_});
@@ -267,30 +267,30 @@ INSTANTIATE_TEST_SUITE_P(Tls, ClientCertificateTest,
                            return version.param == TLS1_2_VERSION ? "Version12" : "Version13";
                          });
 
-TEST_P(ClientCertificateTest, ACertificateAndItsKeyInOneFileAreShown) {
+TEST_P(ClientCertificateTest, CertificateAndKeyInOneFileAreSent) {
   const std::string both = write("server.pem", camera_.certificatePem() + camera_.keyPem());
   EXPECT_EQ(fetch(*web_, kDefaultCa, both), "success");
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_P(ClientCertificateTest, ACertificateAndItsKeyInTwoFilesAreShown) {
+TEST_P(ClientCertificateTest, CertificateAndKeyInTwoFilesAreSent) {
   EXPECT_EQ(fetch(*web_, kDefaultCa, write("camera.crt", camera_.certificatePem()),
                   write("camera.key", camera_.keyPem())),
             "success");
 }
 
-TEST_P(ClientCertificateTest, WithoutACertificateTheServerRefuses) {
+TEST_P(ClientCertificateTest, ServerRefusesWithoutCertificate) {
   EXPECT_EQ(fetch(*web_, kDefaultCa), "failure 1 0");
   EXPECT_THAT(web_->requests(), IsEmpty());
 }
 
-TEST_P(ClientCertificateTest, ACertificateOfAnUnknownAuthorityIsRefusedByTheServer) {
+TEST_P(ClientCertificateTest, ServerRefusesCertificateOfUnknownAuthority) {
   const std::string both = write("server.pem", selfSigned_.certificatePem() + selfSigned_.keyPem());
   EXPECT_EQ(fetch(*web_, kDefaultCa, both), "failure 1 0");
   EXPECT_THAT(web_->requests(), IsEmpty());
 }
 
-TEST_P(ClientCertificateTest, AMissingCertificateFileFailsTheTransfer) {
+TEST_P(ClientCertificateTest, MissingCertificateFileFailsTransfer) {
   EXPECT_EQ(fetch(*web_, kDefaultCa, path("missing.pem")), "failure 1 0");
   EXPECT_THAT(logLines().front(), "4 basehttp.Service: Unexpected curl error: CURLcode = 58");
 }

@@ -13,7 +13,7 @@ namespace {
 using TransferFailureTest = TransferServiceTest;
 using ::testing::ElementsAre;
 
-TEST_F(TransferFailureTest, AnUploadThatIsNeverReadyTimesOutWithoutARequest) {
+TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
   RawServer server(answering(okResponse("")));
   RecordingTask task(server.uri(), "");
   task.setKind(false);
@@ -29,7 +29,7 @@ TEST_F(TransferFailureTest, AnUploadThatIsNeverReadyTimesOutWithoutARequest) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
-TEST_F(TransferFailureTest, TheDeadlineItselfIsStillInTime) {
+TEST_F(TransferFailureTest, DeadlineItselfIsInTime) {
   RecordingTask task("http://127.0.0.1:1/x", "");
   task.setKind(false);
   task.prepared = false;
@@ -42,7 +42,7 @@ TEST_F(TransferFailureTest, TheDeadlineItselfIsStillInTime) {
   EXPECT_EQ(task.outcome(), "failure 5 0");
 }
 
-TEST_F(TransferFailureTest, ATransferThatIsTooLateIsCancelledAndReportedOnce) {
+TEST_F(TransferFailureTest, LateTransferIsCancelledAndReportedOnce) {
   RawServer server(silent);
   RecordingTask task(server.uri(), path("file"));
   ASSERT_TRUE(service().add(&task));
@@ -60,7 +60,7 @@ TEST_F(TransferFailureTest, ATransferThatIsTooLateIsCancelledAndReportedOnce) {
   EXPECT_TRUE(next.inTransfer());
 }
 
-TEST_F(TransferFailureTest, ATaskThatIsNeverDoneTimesOut) {
+TEST_F(TransferFailureTest, UnfinishedTaskTimesOut) {
   RawServer server(answering(okResponse("body")));
   RecordingTask task(server.uri(), path("file"));
   task.done = false;
@@ -74,7 +74,7 @@ TEST_F(TransferFailureTest, ATaskThatIsNeverDoneTimesOut) {
   EXPECT_THAT(logLines(), ElementsAre(timeout("finalizing task", task)));
 }
 
-TEST_F(TransferFailureTest, AnAnnouncedSizeOverTheLimitStopsWithNothingWritten) {
+TEST_F(TransferFailureTest, AnnouncedSizeOverLimitWritesNothing) {
   RawServer server(answering(okResponse(noise(1001))));
   RecordingTask task(server.uri(), path("file"));
   task.setMaxSz(1000);
@@ -83,7 +83,7 @@ TEST_F(TransferFailureTest, AnAnnouncedSizeOverTheLimitStopsWithNothingWritten) 
   EXPECT_EQ(readFile(path("file")), "");
 }
 
-TEST_F(TransferFailureTest, AnAnnouncedSizeAtTheLimitPasses) {
+TEST_F(TransferFailureTest, AnnouncedSizeAtLimitPasses) {
   RawServer server(answering(okResponse(noise(1000))));
   RecordingTask task(server.uri(), path("file"));
   task.setMaxSz(1000);
@@ -91,7 +91,7 @@ TEST_F(TransferFailureTest, AnAnnouncedSizeAtTheLimitPasses) {
   EXPECT_EQ(readFile(path("file")), noise(1000));
 }
 
-TEST_F(TransferFailureTest, AnUnknownSizeStopsAtTheFirstChunkBeyondTheLimit) {
+TEST_F(TransferFailureTest, UnknownSizeStopsAtFirstChunkOverLimit) {
   const std::string body = noise(1'000'000);
   RawServer server([&](Connection& connection) {
     connection.readRequest();
@@ -107,7 +107,7 @@ TEST_F(TransferFailureTest, AnUnknownSizeStopsAtTheFirstChunkBeyondTheLimit) {
   EXPECT_TRUE(body.starts_with(written));
 }
 
-TEST_F(TransferFailureTest, AnUnknownSizeThatReachesTheLimitInOneChunkPasses) {
+TEST_F(TransferFailureTest, UnknownSizeThatReachesLimitPasses) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\n\r\n" + noise(1000));
@@ -118,7 +118,7 @@ TEST_F(TransferFailureTest, AnUnknownSizeThatReachesTheLimitInOneChunkPasses) {
   EXPECT_EQ(readFile(path("file")).size(), 1000U);
 }
 
-TEST_F(TransferFailureTest, AnAnnouncedSizeOfZeroIsUnknown) {
+TEST_F(TransferFailureTest, AnnouncedSizeOfZeroIsUnknown) {
   RecordingTask task("http://127.0.0.1:1/x", path("file"));
   task.setMaxSz(3);
   ASSERT_TRUE(service().add(&task));
@@ -128,7 +128,7 @@ TEST_F(TransferFailureTest, AnAnnouncedSizeOfZeroIsUnknown) {
   EXPECT_EQ(task.outcome(), "failure 6 0");
 }
 
-TEST_F(TransferFailureTest, ALimitOfZeroIsNone) {
+TEST_F(TransferFailureTest, ZeroLimitIsUnlimited) {
   RecordingTask task("http://127.0.0.1:1/x", path("file"));
   ASSERT_TRUE(service().add(&task));
   service().service(0);
@@ -140,7 +140,7 @@ TEST_F(TransferFailureTest, ALimitOfZeroIsNone) {
   EXPECT_EQ(task.outcome(), "");
 }
 
-TEST_F(TransferFailureTest, ChunksOfATaskThatIsBeingLetGoAreDropped) {
+TEST_F(TransferFailureTest, ChunksOfEndingTaskAreDropped) {
   RawServer server(silent);
   RecordingTask task(server.uri(), path("file"));
   task.setMaxSz(3);
@@ -160,7 +160,7 @@ TEST_F(TransferFailureTest, ChunksOfATaskThatIsBeingLetGoAreDropped) {
   EXPECT_EQ(task.outcome(), "failure 6 0");
 }
 
-TEST_F(TransferFailureTest, AFileThatCannotBeOpenedFailsTheTask) {
+TEST_F(TransferFailureTest, UnopenableFileFailsTask) {
   RecordingTask task("http://127.0.0.1:1/x", path("missing/file"));
   ASSERT_TRUE(service().add(&task));
   service().service(0);
@@ -171,7 +171,7 @@ TEST_F(TransferFailureTest, AFileThatCannotBeOpenedFailsTheTask) {
                           "uri=http://127.0.0.1:1/x"));
 }
 
-TEST_F(TransferFailureTest, AUriThatTheEngineRefusedStaysRefused) {
+TEST_F(TransferFailureTest, UriRefusedByEngineStaysRefused) {
   RawServer server(answering(okResponse("")));
   const std::string file = write("file", "content");
   RecordingTask task(server.uri(), file);
@@ -195,7 +195,7 @@ TEST_F(TransferFailureTest, AUriThatTheEngineRefusedStaysRefused) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
-TEST_F(TransferFailureTest, AFullDiskFailsTheTask) {
+TEST_F(TransferFailureTest, FullDiskFailsTask) {
   RawServer server(answering(okResponse(noise(100'000))));
   RecordingTask task(server.uri(), path("file"));
   ASSERT_TRUE(service().add(&task));
@@ -214,7 +214,7 @@ TEST_F(TransferFailureTest, AFullDiskFailsTheTask) {
   EXPECT_THAT(logLines(), ElementsAre(failed(task, "DISK_IO_FAILED(2)", 200)));
 }
 
-TEST_F(TransferFailureTest, ACancelThatFailsStillRemovesTheTask) {
+TEST_F(TransferFailureTest, FailedCancelStillRemovesTask) {
   RawServer server(silent);
   RecordingTask task(server.uri(), path("file"));
   ASSERT_TRUE(service().add(&task));
@@ -232,7 +232,7 @@ TEST_F(TransferFailureTest, ACancelThatFailsStillRemovesTheTask) {
                       task.uri()));
 }
 
-TEST_F(TransferFailureTest, AnEngineThatFailsDoesNotKeepDeadlinesFromPassing) {
+TEST_F(TransferFailureTest, FailedEngineDoesNotDelayDeadlines) {
   RecordingTask task("http://127.0.0.1:1/x", path("file"));
   ASSERT_TRUE(service().add(&task));
   passDeadline(task);
@@ -241,7 +241,7 @@ TEST_F(TransferFailureTest, AnEngineThatFailsDoesNotKeepDeadlinesFromPassing) {
   EXPECT_EQ(task.outcome(), "failure 5 0");
 }
 
-TEST_F(TransferFailureTest, OneFailureLeavesOtherTasksAlone) {
+TEST_F(TransferFailureTest, FailureLeavesOtherTasksRunning) {
   RawServer server(answering(okResponse("body")));
   RecordingTask good(server.uri(), path("good"));
   RecordingTask bad("http://127.0.0.1:1/x", path("bad"));

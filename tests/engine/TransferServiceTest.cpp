@@ -8,7 +8,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-TEST_F(TransferServiceTest, ADownloadRunsThroughItsHooks) {
+TEST_F(TransferServiceTest, DownloadRunsThroughItsHooks) {
   RawServer server(answering(okResponse("body")));
   RecordingTask task(server.uri(), path("file"));
   EXPECT_TRUE(service().add(&task));
@@ -29,7 +29,7 @@ TEST_F(TransferServiceTest, ADownloadRunsThroughItsHooks) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TransferServiceTest, ATaskMayRunAgain) {
+TEST_F(TransferServiceTest, TaskCanRunAgain) {
   RawServer server(answering(okResponse("body")));
   RecordingTask task(server.uri(), path("file"));
   EXPECT_EQ(run(task), "success");
@@ -38,7 +38,7 @@ TEST_F(TransferServiceTest, ATaskMayRunAgain) {
   EXPECT_EQ(server.requests().size(), 2U);
 }
 
-TEST_F(TransferServiceTest, ATaskOfATakenUriIsRefusedAndTheRunningOneGoesOn) {
+TEST_F(TransferServiceTest, TaskWithTakenUriIsRefused) {
   RawServer server(answering(okResponse("body")));
   RecordingTask task(server.uri(), path("file"));
   RecordingTask second(server.uri(), path("second"));
@@ -52,7 +52,7 @@ TEST_F(TransferServiceTest, ATaskOfATakenUriIsRefusedAndTheRunningOneGoesOn) {
   EXPECT_EQ(task.outcome(), "success");
 }
 
-TEST_F(TransferServiceTest, AUriIsTakenUntilTheEndOfTheTurn) {
+TEST_F(TransferServiceTest, UriIsTakenUntilEndOfTurn) {
   RawServer server(answering(okResponse("body")));
   RecordingTask first(server.uri("/1"), path("1"));
   RecordingTask second(server.uri("/2"), path("2"));
@@ -74,7 +74,7 @@ TEST_F(TransferServiceTest, AUriIsTakenUntilTheEndOfTheTurn) {
   EXPECT_TRUE(service().add(&again));
 }
 
-TEST_F(TransferServiceTest, ATaskThatRefusesToStartIsNotAdded) {
+TEST_F(TransferServiceTest, TaskThatRefusesToStartIsNotAdded) {
   RecordingTask task("http://127.0.0.1:1/x", path("file"));
   task.checkResult = false;
   EXPECT_FALSE(service().add(&task));
@@ -85,14 +85,14 @@ TEST_F(TransferServiceTest, ATaskThatRefusesToStartIsNotAdded) {
   EXPECT_FALSE(service().existsUri("http://127.0.0.1:1/x"));
 }
 
-TEST_F(TransferServiceTest, NamesAreNotCheckedByAdd) {
+TEST_F(TransferServiceTest, AddDoesNotCheckNames) {
   RecordingTask first("http://127.0.0.1:1/1", path("1"));
   RecordingTask second("http://127.0.0.1:1/2", path("2"));
   EXPECT_TRUE(service().add(&first));
   EXPECT_TRUE(service().add(&second));
 }
 
-TEST_F(TransferServiceTest, AfterASuccessTheNameIsFreeAndTheUriTakenUntilTheTaskIsDone) {
+TEST_F(TransferServiceTest, SuccessFreesNameBeforeUri) {
   RawServer server(answering(okResponse("body")));
   RecordingTask task(server.uri(), path("file"));
   task.done = false;
@@ -109,14 +109,14 @@ TEST_F(TransferServiceTest, AfterASuccessTheNameIsFreeAndTheUriTakenUntilTheTask
   EXPECT_FALSE(service().existsUri(server.uri()));
 }
 
-TEST_F(TransferServiceTest, AnErrorPageIsASuccess) {
+TEST_F(TransferServiceTest, ErrorPageIsSuccess) {
   RawServer server(answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone"));
   RecordingTask task(server.uri(), path("file"));
   EXPECT_EQ(run(task), "success");
   EXPECT_EQ(readFile(path("file")), "gone");
 }
 
-TEST_F(TransferServiceTest, AnUploadIsPreparedUntilItIsReady) {
+TEST_F(TransferServiceTest, UploadIsPreparedUntilReady) {
   RawServer server(answering(okResponse("")));
   RecordingTask task(server.uri(), "");
   task.setKind(false);
@@ -134,7 +134,7 @@ TEST_F(TransferServiceTest, AnUploadIsPreparedUntilItIsReady) {
   EXPECT_THAT(server.requests().at(0).body, ::testing::HasSubstr("content"));
 }
 
-TEST_F(TransferServiceTest, AnUploadMayTurnIntoADownload) {
+TEST_F(TransferServiceTest, UploadCanTurnIntoDownload) {
   RawServer server(answering(okResponse("body")));
   RecordingTask task(server.uri(), path("file"));
   task.setKind(false);
@@ -156,13 +156,13 @@ TEST_F(TransferServiceTest, UnknownUrisAreLogged) {
                           "4 multihttp.SignalTransferCompleted: Uri not tracked, uri=u"));
 }
 
-TEST_F(TransferServiceTest, WithoutAMultiHandleInitFails) {
+TEST_F(TransferServiceTest, InitFailsWithoutMultiHandle) {
   curlFaults().multiInit = true;
   ctlserver::TransferService other;
   EXPECT_FALSE(other.init());
 }
 
-TEST_F(TransferServiceTest, DestroyingTheServiceLeavesItsTasksAlone) {
+TEST_F(TransferServiceTest, DestroyedServiceLeavesItsTasks) {
   RawServer server(silent);
   RecordingTask task(server.uri(), path("file"));
   ASSERT_TRUE(service().add(&task));

@@ -45,7 +45,7 @@ class UploadTest : public EngineTest {
   }
 };
 
-TEST_F(UploadTest, AFileIsTheOnlyPartOfAFormWithoutFields) {
+TEST_F(UploadTest, FormWithoutFieldsHoldsOnlyFile) {
   RawServer server(answering(okResponse("")));
   const std::string content = noise(200'000);
   EXPECT_EQ(send(server.uri("/up"), write("file", content)), "success");
@@ -57,7 +57,7 @@ TEST_F(UploadTest, AFileIsTheOnlyPartOfAFormWithoutFields) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(UploadTest, FieldsFollowTheFileInTheOrderOfTheirKeys) {
+TEST_F(UploadTest, FieldsFollowFileInKeyOrder) {
   RawServer server(answering(okResponse("")));
   variant::Variant fields;
   fields["zeta"] = "";
@@ -71,7 +71,7 @@ TEST_F(UploadTest, FieldsFollowTheFileInTheOrderOfTheirKeys) {
                                          {"zeta", ""}}));
 }
 
-TEST_F(UploadTest, FieldsThatAreNoMapAreLeftOut) {
+TEST_F(UploadTest, NonMapFieldsAreOmitted) {
   RawServer server(answering(okResponse("")));
   variant::Variant list;
   list.PushToArray("text");
@@ -80,14 +80,14 @@ TEST_F(UploadTest, FieldsThatAreNoMapAreLeftOut) {
   EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));
 }
 
-TEST_F(UploadTest, AnEmptyFileIsAnEmptyPart) {
+TEST_F(UploadTest, EmptyFileBecomesEmptyPart) {
   RawServer server(answering(okResponse("")));
   EXPECT_EQ(send(server.uri(), write("file", "")), "success");
   const RawRequest request = server.requests().at(0);
   EXPECT_EQ(request.body, form(request, {{"payload", ""}}));
 }
 
-TEST_F(UploadTest, AnotherServersParserUnderstandsTheForm) {
+TEST_F(UploadTest, IndependentParserUnderstandsForm) {
   WebServer web;
   httplib::MultipartFormDataMap parts;
   web.server().Post(
@@ -103,7 +103,7 @@ TEST_F(UploadTest, AnotherServersParserUnderstandsTheForm) {
   EXPECT_EQ(parts.find("camera")->second.content, "front door");
 }
 
-TEST_F(UploadTest, FiftyMebibytesArriveWhole) {
+TEST_F(UploadTest, FiftyMebibytesArriveComplete) {
   RawServer server(answering(okResponse("")));
   const std::string content = noise(50UL * 1024 * 1024);
   EXPECT_EQ(send(server.uri(), write("file", content)), "success");
@@ -111,7 +111,7 @@ TEST_F(UploadTest, FiftyMebibytesArriveWhole) {
   EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
 }
 
-TEST_F(UploadTest, ALongUploadDoesNotWaitForeverToBeAskedFor) {
+TEST_F(UploadTest, MissingContinueDoesNotBlockUpload) {
   // The server never sends "100 Continue".
   RawServer server(answering(okResponse("")));
   const std::string content = noise(2'000'000);
@@ -121,7 +121,7 @@ TEST_F(UploadTest, ALongUploadDoesNotWaitForeverToBeAskedFor) {
   EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
 }
 
-TEST_F(UploadTest, ARefusedExpectationEndsTheUploadWithTheServersAnswer) {
+TEST_F(UploadTest, RefusedExpectationEndsUploadWithResponse) {
   RawServer server([](Connection& connection) {
     connection.readHead();
     connection.send("HTTP/1.1 413 Too Large\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
@@ -131,7 +131,7 @@ TEST_F(UploadTest, ARefusedExpectationEndsTheUploadWithTheServersAnswer) {
   EXPECT_EQ(server.connections(), 1U);
 }
 
-TEST_F(UploadTest, AFileThatShrinksWhileItIsReadFails) {
+TEST_F(UploadTest, ShrinkingFileFails) {
   std::atomic<bool> shrunk = false;
   RawServer server([&](Connection& connection) {
     connection.readHead();
@@ -156,7 +156,7 @@ TEST_F(UploadTest, AFileThatShrinksWhileItIsReadFails) {
   EXPECT_EQ(fakes::platform().log.front().error, EIO);
 }
 
-TEST_F(UploadTest, AFileThatGrowsIsSentAsLongAsItWas) {
+TEST_F(UploadTest, GrowingFileIsSentAtInitialSize) {
   RawServer server(answering(okResponse("")));
   const std::string file = write("file", "content");
   RecordingTask task(server.uri(), file);
@@ -169,7 +169,7 @@ TEST_F(UploadTest, AFileThatGrowsIsSentAsLongAsItWas) {
   EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));
 }
 
-TEST_F(UploadTest, AnUploadThatTheServerCutsFails) {
+TEST_F(UploadTest, UploadCutByServerFails) {
   RawServer server([](Connection& connection) {
     connection.readHead();
     connection.resetOnClose();
@@ -190,7 +190,7 @@ RawServer::Script sendingOn(int status) {
 }
 
 // A file is read once. The server that it is sent on to waits for what was announced to it.
-TEST_F(UploadTest, WhatWasSentAlreadyIsNotSentAgainElsewhere) {
+TEST_F(UploadTest, SentBodyIsNotResentAfterRedirection) {
   for (const int status : {307, 308}) {
     RawServer server(sendingOn(status));
     RecordingTask task(server.uri(), write("file", "content"));
@@ -201,7 +201,7 @@ TEST_F(UploadTest, WhatWasSentAlreadyIsNotSentAgainElsewhere) {
   }
 }
 
-TEST_F(UploadTest, AServerElsewhereThatDoesNotWaitForTheFileFailsTheUpload) {
+TEST_F(UploadTest, RedirectionToServerThatDoesNotWaitFailsUpload) {
   RawServer server([](Connection& connection) {
     if (connection.number() == 0) {
       connection.readRequest();
@@ -216,7 +216,7 @@ TEST_F(UploadTest, AServerElsewhereThatDoesNotWaitForTheFileFailsTheUpload) {
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
-TEST_F(UploadTest, AServerThatHasMovedIsAskedForItsAnswerOnly) {
+TEST_F(UploadTest, RedirectionAfterUploadOnlyFetchesResponse) {
   for (const int status : {301, 302, 303}) {
     RawServer server(sendingOn(status));
     EXPECT_EQ(send(server.uri(), write("file", "content")), "success");
@@ -227,7 +227,7 @@ TEST_F(UploadTest, AServerThatHasMovedIsAskedForItsAnswerOnly) {
   }
 }
 
-TEST_F(UploadTest, WhatWasNotSentYetIsSentElsewhere) {
+TEST_F(UploadTest, UnsentBodyFollowsRedirection) {
   RawServer server([](Connection& connection) {
     if (connection.number() == 0) {
       connection.readHead();  // with "Expect: 100-continue"
@@ -245,7 +245,7 @@ TEST_F(UploadTest, WhatWasNotSentYetIsSentElsewhere) {
   EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
 }
 
-TEST_F(UploadTest, AConnectionClosedBetweenUploadsIsReplaced) {
+TEST_F(UploadTest, ConnectionClosedBetweenUploadsIsReplaced) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send(okResponse(""));
@@ -257,7 +257,7 @@ TEST_F(UploadTest, AConnectionClosedBetweenUploadsIsReplaced) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(UploadTest, AConnectionThatClosesLaterLosesNoUpload) {
+TEST_F(UploadTest, LateConnectionCloseLosesNoUpload) {
   RawServer server([](Connection& connection) {
     connection.readRequest();
     connection.send(okResponse(""));
@@ -269,7 +269,7 @@ TEST_F(UploadTest, AConnectionThatClosesLaterLosesNoUpload) {
   EXPECT_THAT(server.requests()[1].body, HasSubstr("second"));
 }
 
-TEST_F(UploadTest, AServerThatAnswersBeforeItReadsSwallowsNoOther) {
+TEST_F(UploadTest, EarlyResponseSwallowsNoOtherUpload) {
   RawServer server([](Connection& connection) {
     if (connection.number() == 0) {
       connection.readHead();
@@ -286,7 +286,7 @@ TEST_F(UploadTest, AServerThatAnswersBeforeItReadsSwallowsNoOther) {
   EXPECT_THAT(server.requests()[0].body, HasSubstr("second"));
 }
 
-TEST_F(UploadTest, AnswersOfTheServerAreNotJudged) {
+TEST_F(UploadTest, ResponseStatusIsNotJudged) {
   RawServer server(answering("HTTP/1.1 500 No\r\nContent-Length: 4\r\n\r\nsorry"));
   EXPECT_EQ(send(server.uri(), write("file", "content")), "success");
   EXPECT_EQ(readFile(path("file")), "content");

@@ -18,6 +18,7 @@ bool BaseButton::service() {
   if (platform().button.onService) {
     platform().button.onService();
   }
+  readable_ = platform().button.serviceResult;
   return platform().button.serviceResult;
 }
 

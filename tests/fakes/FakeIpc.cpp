@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <map>
+#include <numeric>
 
 #include "Platform.h"
 #include "kova/ipc/Handlers.h"
@@ -8,8 +10,82 @@ using kova::fakes::platform;
 
 namespace kova::ipc {
 
+namespace {
+
+/// Records what is published and signalled, with the values that a client would see.
+class RecordedObjects : public Objects {
+ public:
+  bool Publish(const Interface& interface, PublishedObject* object) override {
+    platform().bus.published.push_back({"", interface, object, nullptr});
+    return true;
+  }
+  bool Publish(const std::string& folder, const Interface& interface,
+               PublishedFolder* objects) override {
+    platform().bus.published.push_back({folder, interface, nullptr, objects});
+    return true;
+  }
+  bool Changed(const PublishedObject& object, const std::vector<std::size_t>& places) override {
+    const Interface* interface = InterfaceOf(&object, nullptr);
+    return interface != nullptr &&
+           Signal({"changed", interface->name, 0,
+                   Values(*interface, places, [&](auto place) { return object.Read(place); })});
+  }
+  bool Changed(const PublishedFolder& objects, std::uint64_t number,
+               const std::vector<std::size_t>& places) override {
+    const Interface* interface = InterfaceOf(nullptr, &objects);
+    return interface != nullptr &&
+           Signal({"changed", interface->name, number, Values(*interface, places, [&](auto place) {
+                     return objects.Read(number, place);
+                   })});
+  }
+  bool Added(const PublishedFolder& objects, std::uint64_t number) override {
+    const Interface* interface = InterfaceOf(nullptr, &objects);
+    if (interface == nullptr) {
+      return false;
+    }
+    std::vector<std::size_t> all(interface->properties.size());
+    std::iota(all.begin(), all.end(), 0);
+    return Signal({"added", interface->name, number, Values(*interface, all, [&](auto place) {
+                     return objects.Read(number, place);
+                   })});
+  }
+  bool Removed(const PublishedFolder& objects, std::uint64_t number) override {
+    const Interface* interface = InterfaceOf(nullptr, &objects);
+    return interface != nullptr && Signal({"removed", interface->name, number});
+  }
+
+ private:
+  static const Interface* InterfaceOf(const PublishedObject* object,
+                                      const PublishedFolder* objects) {
+    const auto& all = platform().bus.published;
+    const auto found = std::find_if(all.begin(), all.end(), [&](const auto& one) {
+      return one.object == object && one.objects == objects;
+    });
+    return found != all.end() ? &found->interface : nullptr;
+  }
+  template <typename Read>
+  static std::map<std::string, PropertyValue> Values(const Interface& interface,
+                                                     const std::vector<std::size_t>& places,
+                                                     Read read) {
+    std::map<std::string, PropertyValue> values;
+    for (const std::size_t place : places) {
+      values.emplace(interface.properties.at(place).name, read(place));
+    }
+    return values;
+  }
+  static bool Signal(const fakes::Signal& signal) {
+    if (platform().bus.signalResult) {
+      platform().bus.signals.push_back(signal);
+    }
+    return platform().bus.signalResult;
+  }
+};
+
+}  // namespace
+
 class Ipc::Connection {
  public:
+  RecordedObjects objects;
   std::string endpoint;
   std::map<std::string, BaseHandler*> handlers;
 };
@@ -69,6 +145,10 @@ bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
   }
   platform().note("Ipc::AddHandler \"" + functionName + "\" " + handler->name());
   return connection_->handlers.emplace(functionName, handler).second && platform().bus.addResult;
+}
+
+Objects& Ipc::objects() {
+  return connection_->objects;
 }
 
 bool Ipc::Service(unsigned timeoutMs) {

@@ -6,6 +6,8 @@
 #include "kova/utils/Crash.h"
 #include "kova/utils/Process.h"
 #include "kova/utils/Service.h"
+#include "kova/utils/ServiceManager.h"
+#include "kova/utils/System.h"
 #include "kova/utils/TimeZone.h"
 
 using kova::fakes::platform;
@@ -117,6 +119,28 @@ bool EnableService(const std::string& name) {
 bool DisableService(const std::string& name) {
   platform().note("DisableService " + name);
   return !platform().onService || platform().onService("stop", name);
+}
+
+void notifyReady() {
+  platform().notified.emplace_back("ready");
+}
+
+void notifyAlive() {
+  if (platform().notified.empty() || platform().notified.back() != "alive") {
+    platform().notified.emplace_back("alive");
+  }
+}
+
+void sleepAliveMs(int milliseconds) {
+  sleepMs(milliseconds);
+}
+
+std::string firmwareVersion() {
+  return platform().firmwareVersion;
+}
+
+std::string bootId() {
+  return "boot-id";
 }
 
 bool setTimeZone(const std::string& zone) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kova/gpio/Button.h"
+#include "kova/ipc/Objects.h"
 #include "kova/messages/BaseMessage.h"
 #include "kova/utils/Stats.h"
 #include "kova/variant/Variant.h"
@@ -72,6 +73,22 @@ struct Statistics {
   std::string defaultInterface;
 };
 
+/// What is published at "/kova" or below, as given to Objects::Publish().
+struct Published {
+  std::string folder;  ///< "": the object "/kova" itself
+  ipc::Interface interface;
+  ipc::PublishedObject* object = nullptr;
+  ipc::PublishedFolder* objects = nullptr;
+};
+
+/// A signal about a published object, with the values at that time.
+struct Signal {
+  std::string what;  ///< "added", "changed" or "removed"
+  std::string interface;
+  std::uint64_t number = 0;  ///< 0: "/kova" itself
+  std::map<std::string, ipc::PropertyValue> values = {};
+};
+
 struct Bus {
   bool initResult = true;
   bool addResult = true;  ///< of AddHandler(), which registers all the same
@@ -82,6 +99,9 @@ struct Bus {
   std::deque<variant::Variant> pending;  ///< delivered by the next Service()
   std::vector<std::string> unhandled;    ///< function names of messages rejected or not handled
   std::function<bool()> onService;       ///< runs in each Service(); its result is Service's
+  std::vector<Published> published;
+  std::vector<Signal> signals;
+  bool signalResult = true;  ///< false: no signal is taken
   /// Id of the request that is being handled, the only one that a response can go to, once. Set by
   /// Service(), and by a test that calls a handler itself.
   std::optional<std::uint64_t> handling;
@@ -136,6 +156,8 @@ struct Platform {
 
   std::vector<std::string> signalled;  ///< "NAME SIGNAL"
   std::function<bool(const std::string& verb, const std::string& name)> onService;
+  std::vector<std::string> notified;  ///< "ready", "alive": to the service manager, less repeats
+  std::string firmwareVersion = "1.2.3";
   bool setTimeZoneResult = true;
 
   bool crashHandlerResult = true;

@@ -7,7 +7,8 @@
 #include "../../platform/ipc/tests/OfflineBus.h"
 
 // An input is a message as it might come off the bus: the length of the signature in one byte, the
-// signature, the body. What can be decoded must come out the same after encoding and decoding.
+// signature, the body. It is read as an answer of a foreign interface, and what can be decoded as a
+// message must come out the same after encoding and decoding.
 
 namespace {
 
@@ -75,6 +76,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   Variant value;
   std::string reason;
+  const bool isAnswer = wire::decodeAnswer(message.get(), value, reason);
+  require(isAnswer ? depthOf(value) <= wire::kMaxDepth : !reason.empty());
+  reason.clear();
   if (!wire::decode(message.get(), value, reason)) {
     require(!reason.empty());
     return 0;

@@ -12,7 +12,7 @@ using utils::sleepMs;
 
 class ClockSuite : public PlatformSuite {};
 
-TEST_F(ClockSuite, MonotonicClockIsNeverZeroAndNeverGoesBack) {
+TEST_F(ClockSuite, MonotonicClockNeverGoesBack) {
   std::uint64_t last = nowMs();
   EXPECT_GT(last, 0U);
   for (int i = 0; i < 1000; ++i) {
@@ -22,7 +22,7 @@ TEST_F(ClockSuite, MonotonicClockIsNeverZeroAndNeverGoesBack) {
   }
 }
 
-TEST_F(ClockSuite, SleepLetsAtLeastItsTimePass) {
+TEST_F(ClockSuite, SleepLastsAtLeastItsTime) {
   for (const int milliseconds : {1, 5, 20}) {
     const auto before = nowMs();
     sleepMs(milliseconds);
@@ -30,7 +30,7 @@ TEST_F(ClockSuite, SleepLetsAtLeastItsTimePass) {
   }
 }
 
-TEST_F(ClockSuite, SleepOfNothingOrLessReturnsAtOnce) {
+TEST_F(ClockSuite, SleepOfZeroOrNegativeReturnsAtOnce) {
   const auto before = nowMs();
   for (const int milliseconds : {0, -1, INT_MIN}) {
     sleepMs(milliseconds);
@@ -38,7 +38,7 @@ TEST_F(ClockSuite, SleepOfNothingOrLessReturnsAtOnce) {
   EXPECT_LT(nowMs() - before, 1000U);
 }
 
-TEST_F(ClockSuite, WallClockIsAValidTime) {
+TEST_F(ClockSuite, WallClockIsValidTime) {
   const timeval time = now();
   EXPECT_GT(time.tv_sec, 0);
   EXPECT_GE(time.tv_usec, 0);

@@ -26,7 +26,7 @@ class ConfigStoreSuite : public PlatformSuite {
   SystemCfgManager store_;
 };
 
-TEST_F(ConfigStoreSuite, ReadsAValue) {
+TEST_F(ConfigStoreSuite, ReadsValue) {
   std::string value = "before";
   bool absent = true;
   EXPECT_TRUE(store_.get("name", &value, &absent));
@@ -36,7 +36,7 @@ TEST_F(ConfigStoreSuite, ReadsAValue) {
   EXPECT_EQ(value, "GMT");
 }
 
-TEST_F(ConfigStoreSuite, AbsentKeyIsNoFailureWhenAskedFor) {
+TEST_F(ConfigStoreSuite, OptionalAbsentKeySucceeds) {
   std::string value = "before";
   bool absent = false;
   EXPECT_TRUE(store_.get("Name", &value, &absent));
@@ -44,12 +44,12 @@ TEST_F(ConfigStoreSuite, AbsentKeyIsNoFailureWhenAskedFor) {
   EXPECT_EQ(value, "");
 }
 
-TEST_F(ConfigStoreSuite, AbsentKeyIsAFailureWhenNotAskedFor) {
+TEST_F(ConfigStoreSuite, RequiredAbsentKeyFails) {
   std::string value;
   EXPECT_FALSE(store_.get("other", &value, nullptr));
 }
 
-TEST_F(ConfigStoreSuite, ReportsWhetherTheValueChanged) {
+TEST_F(ConfigStoreSuite, ReportsWhetherValueChanged) {
   bool changed = false;
   EXPECT_TRUE(store_.set("name", "Yard", &changed));
   EXPECT_TRUE(changed);
@@ -70,7 +70,7 @@ TEST_F(ConfigStoreSuite, NumbersAreStoredAsDecimalText) {
   EXPECT_FALSE(changed);
 }
 
-TEST_F(ConfigStoreSuite, ChangeIsSeenByItsOwnerAtOnceAndByOthersOnceClosed) {
+TEST_F(ConfigStoreSuite, OthersSeeChangeOnceClosed) {
   std::string value;
   EXPECT_TRUE(store_.set("name", "Yard", nullptr));
   EXPECT_TRUE(store_.set("added", "new", nullptr));
@@ -83,19 +83,19 @@ TEST_F(ConfigStoreSuite, ChangeIsSeenByItsOwnerAtOnceAndByOthersOnceClosed) {
   EXPECT_EQ(stored("zone"), "GMT");
 }
 
-TEST_F(ConfigStoreSuite, ClosingUnchangedDropsWhatWasSet) {
+TEST_F(ConfigStoreSuite, CloseWithoutChangeDropsValues) {
   EXPECT_TRUE(store_.set("name", "Yard", nullptr));
   EXPECT_TRUE(store_.close(false, false));
   EXPECT_EQ(stored("name"), "Front door");
 }
 
-TEST_F(ConfigStoreSuite, ClosingByForceStores) {
+TEST_F(ConfigStoreSuite, ForcedCloseStores) {
   EXPECT_TRUE(store_.set("name", "Yard", nullptr));
   EXPECT_TRUE(store_.close(false, true));
   EXPECT_EQ(stored("name"), "Yard");
 }
 
-TEST_F(ConfigStoreSuite, StoreThatIsNeverClosedStoresNothing) {
+TEST_F(ConfigStoreSuite, UnclosedStoreStoresNothing) {
   {
     SystemCfgManager dropped;
     ASSERT_TRUE(dropped.init());
@@ -104,7 +104,7 @@ TEST_F(ConfigStoreSuite, StoreThatIsNeverClosedStoresNothing) {
   EXPECT_EQ(stored("name"), "Front door");
 }
 
-TEST_F(ConfigStoreSuite, NothingWorksOutsideOfInitAndClose) {
+TEST_F(ConfigStoreSuite, OperationsFailBeforeInitAndAfterClose) {
   SystemCfgManager fresh;
   std::string value;
   bool flag = false;
@@ -117,7 +117,7 @@ TEST_F(ConfigStoreSuite, NothingWorksOutsideOfInitAndClose) {
   EXPECT_EQ(stored("name"), "Front door");
 }
 
-TEST_F(ConfigStoreSuite, InitReadsTheStoreAnew) {
+TEST_F(ConfigStoreSuite, InitReadsStoreAnew) {
   EXPECT_TRUE(store_.set("name", "Yard", nullptr));
   ASSERT_TRUE(store_.init());
   std::string value;
@@ -133,7 +133,7 @@ TEST_F(ConfigStoreSuite, MissingStoreCannotBeOpened) {
   EXPECT_FALSE(store.get("name", &value, nullptr));
 }
 
-TEST_F(ConfigStoreSuite, ValueMayHoldAnythingButLineBreaksAndNul) {
+TEST_F(ConfigStoreSuite, ValueMayHoldAnythingExceptLineBreaksAndNul) {
   for (const std::string& value :
        {std::string("a=b"), std::string("#x"), std::string("  spaces\t "), std::string("Zürich"),
         std::string("\x01\xff"), std::string("$(reboot)"), std::string(4096, 'v')}) {
@@ -144,7 +144,7 @@ TEST_F(ConfigStoreSuite, ValueMayHoldAnythingButLineBreaksAndNul) {
   }
 }
 
-TEST_F(ConfigStoreSuite, ValueThatCouldAddALineIsRefused) {
+TEST_F(ConfigStoreSuite, ValueThatCouldAddLineIsRefused) {
   for (const std::string& value :
        {std::string("a\nb=c"), std::string("a\r"), std::string("\n"), std::string("a\0b", 3)}) {
     EXPECT_FALSE(store_.set("name", value, nullptr));
@@ -155,7 +155,7 @@ TEST_F(ConfigStoreSuite, ValueThatCouldAddALineIsRefused) {
   EXPECT_EQ(stored("added"), "(absent)");
 }
 
-TEST_F(ConfigStoreSuite, KeyThatWouldReadBackAsAnotherIsRefused) {
+TEST_F(ConfigStoreSuite, KeyThatWouldReadBackDifferentlyIsRefused) {
   for (const std::string& key :
        {std::string(), std::string("a=b"), std::string("#a"), std::string(" a"), std::string("a "),
         std::string("a\t"), std::string("a\nb"), std::string("a\rb"), std::string("a\0b", 3)}) {

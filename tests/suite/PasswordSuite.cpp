@@ -37,7 +37,7 @@ class PasswordSuite : public PlatformSuite {
   std::string hash_;
 };
 
-TEST_F(PasswordSuite, MadeHashAuthenticatesItsPasswordOnly) {
+TEST_F(PasswordSuite, HashAuthenticatesOnlyItsPassword) {
   EXPECT_TRUE(matches("admin", "secret"));
   for (const std::string& password :
        {std::string(), std::string("Secret"), std::string("secre"), std::string("secret "),
@@ -47,7 +47,7 @@ TEST_F(PasswordSuite, MadeHashAuthenticatesItsPasswordOnly) {
   EXPECT_FALSE(matches("other", "secret"));
 }
 
-TEST_F(PasswordSuite, PasswordMayHoldAnyBytesButNul) {
+TEST_F(PasswordSuite, PasswordMayHoldAnyByteExceptNul) {
   for (const std::string& password :
        {std::string(64, 'p'), std::string("a:b"), std::string("a$b"), std::string("é\xff\n")}) {
     writeAccounts({{"admin", generateHash(password.c_str(), generateSalt())}});
@@ -55,13 +55,13 @@ TEST_F(PasswordSuite, PasswordMayHoldAnyBytesButNul) {
   }
 }
 
-TEST_F(PasswordSuite, LongestPasswordCountsToItsLastByte) {
+TEST_F(PasswordSuite, LongestPasswordCountsToLastByte) {
   writeAccounts({{"admin", generateHash(std::string(64, 'p').c_str(), generateSalt())}});
   EXPECT_FALSE(matches("admin", std::string(63, 'p')));
   EXPECT_FALSE(matches("admin", std::string(63, 'p') + "q"));
 }
 
-TEST_F(PasswordSuite, SaltsAreFreshAndMakeTheHashesDiffer) {
+TEST_F(PasswordSuite, FreshSaltsMakeHashesDiffer) {
   const std::string salt = generateSalt();
   EXPECT_FALSE(salt.empty());
   EXPECT_NE(salt, generateSalt());
@@ -69,11 +69,11 @@ TEST_F(PasswordSuite, SaltsAreFreshAndMakeTheHashesDiffer) {
   EXPECT_NE(generateHash("secret", salt), generateHash("secret", generateSalt()));
 }
 
-TEST_F(PasswordSuite, HashFitsAnAccountLineAndIsNotLocked) {
+TEST_F(PasswordSuite, HashFitsAccountLineUnlocked) {
   EXPECT_EQ(hash_.find_first_of(":\n!"), std::string::npos);
 }
 
-TEST_F(PasswordSuite, NoHashIsMadeWithoutASalt) {
+TEST_F(PasswordSuite, HashNeedsSalt) {
   EXPECT_EQ(generateHash("secret", ""), "");
 }
 
@@ -90,7 +90,7 @@ TEST_F(PasswordSuite, AbsentAccountIsReported) {
   EXPECT_FALSE(verdict);
 }
 
-TEST_F(PasswordSuite, AccountWithoutAPasswordAuthenticatesNobody) {
+TEST_F(PasswordSuite, AccountWithoutPasswordAuthenticatesNobody) {
   for (const char* hash : {"", "*", "!", "!!"}) {
     writeAccounts({{"admin", hash}});
     EXPECT_FALSE(matches("admin", "")) << hash;
@@ -98,7 +98,7 @@ TEST_F(PasswordSuite, AccountWithoutAPasswordAuthenticatesNobody) {
   }
 }
 
-TEST_F(PasswordSuite, LockedAccountAuthenticatesNobodyUntilItIsUnlocked) {
+TEST_F(PasswordSuite, LockedAccountAuthenticatesNobodyUntilUnlocked) {
   EXPECT_TRUE(lockPassword("admin"));
   EXPECT_FALSE(matches("admin", "secret"));
   EXPECT_TRUE(matches("other", "another"));
@@ -113,7 +113,7 @@ TEST_F(PasswordSuite, LockingTwiceLeavesOneMark) {
   EXPECT_EQ(hashOf("admin"), "!" + hash_);
 }
 
-TEST_F(PasswordSuite, UnlockingAnUnlockedAccountLeavesItAsItIs) {
+TEST_F(PasswordSuite, UnlockingUnlockedAccountChangesNothing) {
   EXPECT_TRUE(unlockPassword("admin"));
   EXPECT_EQ(hashOf("admin"), hash_);
 }
@@ -127,7 +127,7 @@ TEST_F(PasswordSuite, AbsentAccountCannotBeLockedOrUnlocked) {
   EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(PasswordSuite, UnlockingNeverLeavesAnAccountWithoutAPassword) {
+TEST_F(PasswordSuite, UnlockingNeverLeavesAccountWithoutPassword) {
   writeAccounts({{"admin", "!"}});
   errno = 0;
   EXPECT_FALSE(unlockPassword("admin"));
@@ -150,7 +150,7 @@ TEST_F(PasswordSuite, StrictNamesAreThoseOfAccounts) {
   }
 }
 
-TEST_F(PasswordSuite, OtherNamesMayHoldWhatBreaksNoAccountLine) {
+TEST_F(PasswordSuite, OtherNamesMustNotBreakAccountLine) {
   EXPECT_TRUE(username_valid("9 a$é", false));
   for (const std::string& name :
        {std::string(), std::string("a:b"), std::string("a\n"), std::string("\x7f"),

@@ -33,13 +33,13 @@ TEST_F(ProcessSuite, StandardOutputIsCaptured) {
   EXPECT_EQ(err_, "");
 }
 
-TEST_F(ProcessSuite, StandardErrorIsCapturedApart) {
+TEST_F(ProcessSuite, StandardErrorIsCapturedSeparately) {
   EXPECT_EQ(run("/bin/sh", {"-c", "echo lost >&2; exit 7"}, 1), 7);
   EXPECT_EQ(out_, "");
   EXPECT_EQ(err_, "lost\n");
 }
 
-TEST_F(ProcessSuite, CaptureIsHeldToItsLimit) {
+TEST_F(ProcessSuite, CaptureHonoursItsLimit) {
   EXPECT_EQ(run("/usr/bin/seq", {"1000"}, 1), 0);
   EXPECT_EQ(out_.size(), 1024U);
   EXPECT_TRUE(out_.starts_with("1\n2\n3\n"));
@@ -47,14 +47,14 @@ TEST_F(ProcessSuite, CaptureIsHeldToItsLimit) {
   EXPECT_TRUE(out_.ends_with("\n1000\n"));
 }
 
-TEST_F(ProcessSuite, BackgroundProgramGetsAnId) {
+TEST_F(ProcessSuite, BackgroundProgramGetsId) {
   int pid = 0;
   EXPECT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/true", 0));
   EXPECT_GT(pid, 0);
   EXPECT_TRUE(runDaemon(nullptr, nullptr, nullptr, "/bin/echo", 2, "one ", "two"));
 }
 
-TEST_F(ProcessSuite, BackgroundProgramsAreEndedByTheirName) {
+TEST_F(ProcessSuite, BackgroundProgramsAreEndedByName) {
   int first = 0;
   int second = 0;
   int other = 0;

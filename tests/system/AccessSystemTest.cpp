@@ -73,7 +73,7 @@ class AccessSystem : public SharedCamera {
   }
 };
 
-TEST_F(AccessSystem, TheSocketsFolderIsOpenToRootAndTheGroupAlone) {
+TEST_F(AccessSystem, SocketFolderIsOpenOnlyToRootAndGroup) {
   struct stat folder {};
   ASSERT_EQ(stat((camera().root() / "run/kova").c_str(), &folder), 0);
   EXPECT_EQ(folder.st_mode & 07777U, 0750U);
@@ -81,14 +81,14 @@ TEST_F(AccessSystem, TheSocketsFolderIsOpenToRootAndTheGroupAlone) {
   EXPECT_EQ(folder.st_gid, kGroup);
 }
 
-TEST_F(AccessSystem, AnOutsiderDoesNotReachTheBus) {
+TEST_F(AccessSystem, OutsiderDoesNotReachBus) {
   EXPECT_TRUE(refused(send("outsider"))) << send("outsider").err;
   for (const char* name : {"kova.client.x", "kova.kova_ctlserver", "kova.other"}) {
     EXPECT_TRUE(refused(own("outsider", name))) << name;
   }
 }
 
-TEST_F(AccessSystem, AMemberOfTheGroupSendsAndOwnsClientNamesOnly) {
+TEST_F(AccessSystem, GroupMemberSendsAndOwnsClientNames) {
   const Result sent = send("member");
   EXPECT_EQ(sent.status, 0) << sent.err;
   EXPECT_NE(sent.out.find("\"statusCode\" t 0"), std::string::npos) << sent.out;
@@ -114,7 +114,7 @@ class AccessAfterPasswordChange : public AccessSystem {
   static std::string passwd() { return readFile(etc() / "passwd"); }
 };
 
-TEST_F(AccessAfterPasswordChange, MembersCallWhetherTheyDidBeforeOrNot) {
+TEST_F(AccessAfterPasswordChange, MembersCallRegardlessOfEarlierCalls) {
   for (const char* member : {"member", "other"}) {
     const Result sent = send(member);
     EXPECT_EQ(sent.status, 0) << member << sent.err;
@@ -122,7 +122,7 @@ TEST_F(AccessAfterPasswordChange, MembersCallWhetherTheyDidBeforeOrNot) {
   EXPECT_TRUE(refused(send("outsider")));
 }
 
-TEST_F(AccessAfterPasswordChange, MembersCallOnceTheBusHasRestarted) {
+TEST_F(AccessAfterPasswordChange, MembersCallAfterBusRestart) {
   const std::string administrator = passwd();
   ASSERT_NO_FATAL_FAILURE(restartBus());
   for (const char* member : {"member", "other"}) {
@@ -138,7 +138,7 @@ TEST_F(AccessAfterPasswordChange, MembersCallOnceTheBusHasRestarted) {
       << "no password, and no other account";
 }
 
-TEST_F(AccessAfterPasswordChange, MembersCallAfterASaveAndAReboot) {
+TEST_F(AccessAfterPasswordChange, MembersCallAfterSaveAndReboot) {
   const int boot = camera().boots();
   ASSERT_EQ(camera().ctl({"save", "--sync"}).status, 0);
   ASSERT_EQ(camera().exec({"/usr/bin/reboot"}).status, 0);
@@ -146,7 +146,7 @@ TEST_F(AccessAfterPasswordChange, MembersCallAfterASaveAndAReboot) {
   EXPECT_EQ(send("member").status, 0);
 }
 
-TEST_F(AccessAfterPasswordChange, WhoLeftTheGroupIsForgotten) {
+TEST_F(AccessAfterPasswordChange, FormerMemberIsForgotten) {
   writeFile(etc() / "group", "root:x:0:\nkova:x:990:other\n");
   ASSERT_NO_FATAL_FAILURE(restartBus());
   EXPECT_EQ(passwd().find("member"), std::string::npos);

@@ -55,7 +55,7 @@ class AccountSystem : public UnharmedCamera {
   }
 };
 
-TEST_F(AccountSystem, ANewPasswordOpensTheLoginAndTheOldOneNoMore) {
+TEST_F(AccountSystem, NewPasswordReplacesOldAtLogin) {
   const Result changed = changePassword(kFactoryPassword, "new pass:word");
   ASSERT_EQ(changed.status, 0) << changed.err;
   EXPECT_EQ(passwd(), lineOf("admin", accountHash()));
@@ -64,7 +64,7 @@ TEST_F(AccountSystem, ANewPasswordOpensTheLoginAndTheOldOneNoMore) {
   EXPECT_FALSE(canLogIn(camera(), "admin", kFactoryPassword));
 }
 
-TEST_F(AccountSystem, ALockedAccountIsRefusedUntilItIsEnabled) {
+TEST_F(AccountSystem, LockedAccountIsRefusedUntilEnabled) {
   const std::string hash = storedHash();
   ASSERT_EQ(user("disable"), 0);
   EXPECT_EQ(storedHash(), "!" + hash);
@@ -78,7 +78,7 @@ TEST_F(AccountSystem, ALockedAccountIsRefusedUntilItIsEnabled) {
   EXPECT_TRUE(canLogIn(camera(), "admin", kFactoryPassword));
 }
 
-TEST_F(AccountSystem, LockingAndUnlockingTwiceIsAsOnce) {
+TEST_F(AccountSystem, RepeatedLockAndUnlockChangeNothing) {
   const std::string hash = storedHash();
   EXPECT_EQ(user("disable"), 0);
   EXPECT_EQ(user("disable"), 0);
@@ -90,7 +90,7 @@ TEST_F(AccountSystem, LockingAndUnlockingTwiceIsAsOnce) {
   EXPECT_EQ(accountHash(), hash);
 }
 
-TEST_F(AccountSystem, ANewNameLogsInWithTheSamePasswordUnderAFreshHash) {
+TEST_F(AccountSystem, NewNameLogsInWithOldPasswordAndFreshHash) {
   const std::string hash = storedHash();
   const Result changed = changePassword(kFactoryPassword, kFactoryPassword, {"--name", "operator"});
   ASSERT_EQ(changed.status, 0) << changed.err;
@@ -102,7 +102,7 @@ TEST_F(AccountSystem, ANewNameLogsInWithTheSamePasswordUnderAFreshHash) {
   EXPECT_TRUE(canLogIn(camera(), "operator", kFactoryPassword));
 }
 
-TEST_F(AccountSystem, WhatIsNotTheOldPasswordChangesNothing) {
+TEST_F(AccountSystem, WrongOldPasswordChangesNothing) {
   const std::string before = cfg() + passwd();
   const LogMark mark(camera());
   for (const auto& [old, complaint] :
@@ -119,7 +119,7 @@ TEST_F(AccountSystem, WhatIsNotTheOldPasswordChangesNothing) {
   EXPECT_EQ(change("admin", kFactoryPassword), "status 0");
 }
 
-TEST_F(AccountSystem, NoNameOrPasswordAddsALineOrAField) {
+TEST_F(AccountSystem, NamesAndPasswordsAddNoLineOrField) {
   const std::string before = cfg() + passwd();
   const LogMark mark(camera());
   for (const auto& name : {"a\nroot::0:0::/:/bin/sh"s, "a:b"s, "a\0b"s, "../x"s, "; reboot"s,
@@ -136,7 +136,7 @@ TEST_F(AccountSystem, NoNameOrPasswordAddsALineOrAField) {
   EXPECT_EQ(cfg() + passwd(), before);
 }
 
-TEST_F(AccountSystem, APasswordMayHoldAnythingButNul) {
+TEST_F(AccountSystem, PasswordMayHoldAnyByteExceptNul) {
   std::string old = kFactoryPassword;
   for (const auto& password :
        {"$(reboot); `x`:\n'\""s, "\xff\xfe\x80"s, "p\xc3\xa4ss"s, std::string(64, '%')}) {
@@ -169,7 +169,7 @@ class Monitor {
   std::string pid_;
 };
 
-TEST_F(AccountSystem, NoPasswordAndNoHashIsSeenAnywhere) {
+TEST_F(AccountSystem, PasswordsAndHashesAreNeverShown) {
   const LogMark mark(camera());
   const std::string factoryHash = storedHash();
   const Monitor monitor(camera());
@@ -216,7 +216,7 @@ std::chrono::nanoseconds costOfRefusals(const Camera& camera, const Append& requ
   return costs[kRequests / 2];
 }
 
-TEST_F(AccountSystem, AWrongPasswordCostsTheSameWhateverTheAccount) {
+TEST_F(AccountSystem, WrongPasswordCostsSameForEveryAccount) {
   const auto attempt = [](const std::string& old) {
     return costOfRefusals(camera(),
                           request("ChangeUsernamePassword",

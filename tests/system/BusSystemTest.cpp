@@ -28,7 +28,7 @@ class BusSystem : public UnharmedCamera {
   }
 };
 
-TEST_F(BusSystem, BusctlSendsAndGetsAReply) {
+TEST_F(BusSystem, BusctlGetsReply) {
   const Result result = busctl(
       {"a{sv}", "2", "functionName", "s", "GetSystemStats", "responseExpected", "b", "true"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -36,7 +36,7 @@ TEST_F(BusSystem, BusctlSendsAndGetsAReply) {
   EXPECT_NE(result.out.find("\"totalKb\" u "), std::string::npos) << result.out;
 }
 
-TEST_F(BusSystem, BusctlIsToldOfAnUnknownFunctionAndOfABodyThatIsNoMap) {
+TEST_F(BusSystem, BusctlGetsErrorForUnknownFunctionAndNonMapBody) {
   EXPECT_NE(busctl({"a{sv}", "1", "functionName", "s", "MakeCoffee"}).status, 0);
   EXPECT_NE(busctl({"s", "GetSystemStats"}).status, 0);
   BusClient client(camera().busAddress());
@@ -44,7 +44,7 @@ TEST_F(BusSystem, BusctlIsToldOfAnUnknownFunctionAndOfABodyThatIsNoMap) {
   EXPECT_EQ(client.call(request("reboot")), kUnknownFunction);
 }
 
-TEST_F(BusSystem, BodiesThatAreNotOneMapAreInvalid) {
+TEST_F(BusSystem, BodiesOtherThanOneMapAreInvalid) {
   const auto append = [](const char* types, auto... values) -> Append {
     return
         [=](sd_bus_message* message) { return sd_bus_message_append(message, types, values...); };
@@ -67,7 +67,7 @@ TEST_F(BusSystem, BodiesThatAreNotOneMapAreInvalid) {
   }
 }
 
-TEST_F(BusSystem, NestingIsTakenTo32LevelsAndRefusedBeyond) {
+TEST_F(BusSystem, NestingBeyond32LevelsIsRefused) {
   BusClient client(camera().busAddress());
   EXPECT_EQ(client.call(request("GetSystemStats", {{"deep", nestedArrays(31)}})), "status 0");
   EXPECT_EQ(client.call(request("GetSystemStats", {{"deep", nested(30)}})), "status 0");
@@ -77,7 +77,7 @@ TEST_F(BusSystem, NestingIsTakenTo32LevelsAndRefusedBeyond) {
   EXPECT_EQ(client.call(request("GetSystemStats", {{"deep", nested(32)}})), "lost");
 }
 
-TEST_F(BusSystem, BodiesUpToAMebibyteAreTakenAndBeyondRefused) {
+TEST_F(BusSystem, BodiesOverOneMebibyteAreRefused) {
   BusClient client(camera().busAddress());
   const auto ofSize = [](std::size_t size) {
     return request("GetSystemStats", {{"unknown", text(std::string(size, 'x'))}});
@@ -90,7 +90,7 @@ TEST_F(BusSystem, BodiesUpToAMebibyteAreTakenAndBeyondRefused) {
 }
 
 // The response would carry the name back and thus be too large.
-TEST_F(BusSystem, ANameOfAMebibyteIsAnsweredByAnError) {
+TEST_F(BusSystem, OneMebibyteNameGivesError) {
   BusClient client(camera().busAddress());
   EXPECT_EQ(
       client.call(request("GetSystemStats", {{"from", text(std::string(kMebibyte - 256, 'x'))}})),
@@ -156,7 +156,7 @@ std::vector<Append> oddValues() {
 }
 
 // Whatever stands in the fields. Not among the functions are those that end the server or the boot.
-TEST_F(BusSystem, EveryFunctionGivesOneAnswerToOddValuesInEveryField) {
+TEST_F(BusSystem, OddFieldValuesGiveOneAnswerEach) {
   const std::vector<std::string> functions = {"GetSystemStats",
                                               "ChangeDeviceSettings",
                                               "UpdateFirmwareRequest",
@@ -239,7 +239,7 @@ struct Garbage {
 };
 
 // The bus itself shows their senders out.
-TEST_F(BusSystem, WhatIsNoMessageNeverArrives) {
+TEST_F(BusSystem, NonMessagesNeverArrive) {
   const std::string badText = Marshaller().string("\xff\xfe").data();
   const std::string cutText = Marshaller().number(100).data() + "short";
   const std::string badFlag = Marshaller().number(2).data();
@@ -264,7 +264,7 @@ TEST_F(BusSystem, WhatIsNoMessageNeverArrives) {
 }
 
 // The same hand writes messages that do arrive: the test above is about their content.
-TEST_F(BusSystem, WhatIsAMessageArrivesHoweverItWasWritten) {
+TEST_F(BusSystem, MessagesArriveHoweverTheyWereWritten) {
   RawConnection connection((camera().root() / "run/kova/bus").string());
   ASSERT_TRUE(connection.login());
   ASSERT_TRUE(connection.call("s", Marshaller().string("no map").data()));

@@ -62,7 +62,7 @@ class ButtonSystem : public SharedCamera {
   }
 };
 
-TEST_F(ButtonSystem, AShortPressOnlyStandsInTheLog) {
+TEST_F(ButtonSystem, ShortPressIsOnlyLogged) {
   const LogMark mark(camera());
   const int boot = camera().boots();
   pressShortly(mark);
@@ -76,7 +76,7 @@ TEST_F(ButtonSystem, AShortPressOnlyStandsInTheLog) {
   EXPECT_EQ(camera().boots(), boot);
 }
 
-TEST_F(ButtonSystem, HoldBelowTheThresholdCannotBeReleasedForAReset) {
+TEST_F(ButtonSystem, HoldBelowThresholdDoesNotReset) {
   constexpr int kThresholdMs = 5000;
   for (int attempt = 0; attempt < 3; ++attempt) {
     const LogMark mark(camera());
@@ -96,7 +96,7 @@ TEST_F(ButtonSystem, HoldBelowTheThresholdCannotBeReleasedForAReset) {
 }
 
 // Nobody looks at the button while the configuration is saved.
-TEST_F(ButtonSystem, TapsBeforeAndAfterASlowSaveAreNoHold) {
+TEST_F(ButtonSystem, TapsAroundSlowSaveAreNotHold) {
   constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m\n";
   const LogMark mark(camera());
   const std::size_t saves = occurrences(camera().tools(), kSave);
@@ -118,7 +118,7 @@ TEST_F(ButtonSystem, TapsBeforeAndAfterASlowSaveAreNoHold) {
   EXPECT_TRUE(mark.linesWith(kRelease).empty()) << mark.text();
 }
 
-TEST_F(ButtonSystem, ABouncingContactIsNoPress) {
+TEST_F(ButtonSystem, BouncingContactIsNotPress) {
   for (int attempt = 0; attempt < 20; ++attempt) {
     const LogMark mark(camera());
     const bool brief = bounce(20);
@@ -137,11 +137,16 @@ struct Held {
   explicit Held(Camera& held) : camera(held), mark(held) {
     EXPECT_EQ(camera.ctl({"settings", "name=Saved"}).status, 0);
     EXPECT_EQ(camera.ctl({"save", "--sync"}).status, 0);
+    EXPECT_TRUE(eventually([this] { return isOnTheBus("kova_sounds_leds"); }, seconds(30)));
     boot = camera.boots();
     pressed = Clock::now();
     camera.pressButton(true);
   }
 
+  bool isOnTheBus(const std::string& endpoint) const {
+    return camera.shell("busctl --address=unix:path=/run/kova/bus status kova." + endpoint)
+               .status == 0;
+  }
   bool waitForRelease() const { return mark.waitFor(kRelease, seconds(20)); }
   bool mayBeReleased() const { return !mark.linesWith(kRelease).empty(); }
   auto held() const { return Clock::now() - pressed; }
@@ -165,7 +170,7 @@ struct Held {
   Clock::time_point pressed;
 };
 
-TEST_F(ButtonSystem, HeldPastItsModelsThresholdItGivesTheFactorysSettingsBack) {
+TEST_F(ButtonSystem, HoldPastModelThresholdRestoresDefaults) {
   Camera shortHold(kShortHoldModel);
   const Held other(shortHold);
   const Held usual(camera());
@@ -188,7 +193,7 @@ constexpr char kLostButton[] = R"({
   "reset_button_gpio": "/run/gpio/lost/value"
 })";
 
-TEST(ButtonSystemWithoutLine, CameraWhoseButtonCannotBeReadServes) {
+TEST(ButtonSystemWithoutLine, CameraServesWithUnreadableLine) {
   Camera camera(kLostButton);
   const LogMark mark(camera);
   EXPECT_EQ(camera.ctl({"stats"}).status, 0);
@@ -196,7 +201,7 @@ TEST(ButtonSystemWithoutLine, CameraWhoseButtonCannotBeReadServes) {
   EXPECT_EQ(occurrences(camera.log(), "Failed to service reset button case"), 0U);
 }
 
-TEST(ButtonSystemWithoutLine, LineThatIsLostIsToldOnce) {
+TEST(ButtonSystemWithoutLine, LostLineIsReportedOnce) {
   Camera camera;
   const LogMark mark(camera);
   writeFile(camera.root() / "run/gpio/reset_button/value", "");

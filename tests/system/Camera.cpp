@@ -19,6 +19,16 @@ namespace {
 constexpr unsigned kRunTimeoutMs = 120'000;
 constexpr unsigned kCaptureKiB = 16 * 1024;
 constexpr auto kPoll = std::chrono::milliseconds(10);
+constexpr int kLogLines = 15;
+
+/// A camera's log tells why a request failed.
+std::string lastLines(const std::string& text) {
+  std::size_t begin = text.size();
+  for (int lines = 0; lines <= kLogLines && begin != std::string::npos && begin > 0; ++lines) {
+    begin = text.rfind('\n', begin - 1);
+  }
+  return begin == std::string::npos || begin == 0 ? text : text.substr(begin + 1);
+}
 
 }  // namespace
 
@@ -27,6 +37,9 @@ Result run(const std::string& program, const std::vector<std::string>& arguments
   Result result{};
   result.status = utils::sysExec(program, arguments, input, result.out, result.err, kRunTimeoutMs,
                                  1000, kCaptureKiB);
+  if (result.status != 0 && !result.err.empty()) {
+    result.status.explain(", it says: " + result.err);
+  }
   return result;
 }
 
@@ -101,7 +114,11 @@ void Camera::stop() {
 Result Camera::exec(const std::vector<std::string>& command, const std::string& input) const {
   std::vector<std::string> words = execWords(command);
   words.erase(words.begin());
-  return script(words, input);
+  Result result = script(words, input);
+  if (result.status != 0) {
+    result.status.explain(", the camera's log ends: " + lastLines(log()));
+  }
+  return result;
 }
 
 std::vector<std::string> Camera::execWords(const std::vector<std::string>& command) const {

@@ -3,14 +3,31 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kova::system_test {
 
+/// An exit status. GoogleTest prints it with what explains a failure.
+class ExitStatus {
+ public:
+  ExitStatus(int value = 0, std::string reason = "") : value_(value), reason_(std::move(reason)) {}
+  operator int() const { return value_; }
+  void explain(const std::string& reason) { reason_ += reason; }
+  friend void PrintTo(const ExitStatus& status, std::ostream* out) {
+    *out << status.value_ << status.reason_;
+  }
+
+ private:
+  int value_;
+  std::string reason_;
+};
+
 /// How a program ended and what it printed.
 struct Result {
-  int status;
+  ExitStatus status;
   std::string out;
   std::string err;
 };

@@ -61,16 +61,16 @@ class FirmwareSystem : public TransferRig {
   }
 };
 
-TEST_F(FirmwareSystem, AGoodImageIsCheckedAndFlashed) {
+TEST_F(FirmwareSystem, ValidImageIsCheckedAndFlashed) {
   expectFlashed(image("1.2.3"));
   EXPECT_TRUE(camera().tools().ends_with("/bin/fwupdate.real -c\n/bin/fwupdate -m\n"));
 }
 
-TEST_F(FirmwareSystem, AnImageForAnotherBoardIsReportedAsSuch) {
+TEST_F(FirmwareSystem, ImageForOtherBoardIsReportedAsSuch) {
   expectRejected(image("2.0", {}, "4242"), "FW_CHECK_INCOMPAT_HW");
 }
 
-TEST_F(FirmwareSystem, WhatIsNoWholeImageIsRefused) {
+TEST_F(FirmwareSystem, IncompleteImageIsRefused) {
   const std::string good = image("2.1");
   for (const std::string& content :
        {image("2.2", {"--corrupt"}), good.substr(0, good.size() - 1), good + "x",
@@ -79,18 +79,18 @@ TEST_F(FirmwareSystem, WhatIsNoWholeImageIsRefused) {
   }
 }
 
-TEST_F(FirmwareSystem, AnErrorPageIsNoImage) {
+TEST_F(FirmwareSystem, ErrorPageIsNotImage) {
   EXPECT_EQ(requester().outcomeOf({{"uri", manager().fileUri("no-such.bin")}}), "FW_CHECK_FAILED");
 }
 
-TEST_F(FirmwareSystem, AnythingTheCheckerSaysOnStandardErrorRejects) {
+TEST_F(FirmwareSystem, CheckerErrorOutputRejects) {
   camera().misbehave(kChecker, "stderr", "deprecated option\n");
   expectRejected(image("3.0"), "FW_CHECK_FAILED");
   camera().behave(kChecker);
   expectFlashed(image("3.1"));
 }
 
-TEST_F(FirmwareSystem, ACheckerThatPrintsNoJsonRejects) {
+TEST_F(FirmwareSystem, NonJsonCheckerOutputRejects) {
   const std::pair<std::string, std::string> answers[] = {
       {"{\"reason\":\"FW_CHECK_INCOMPAT_HW\"", "FW_CHECK_FAILED"},
       {"", "FW_CHECK_FAILED"},
@@ -108,14 +108,14 @@ TEST_F(FirmwareSystem, ACheckerThatPrintsNoJsonRejects) {
   }
 }
 
-TEST_F(FirmwareSystem, ACheckerThatIsKilledRejects) {
+TEST_F(FirmwareSystem, KilledCheckerRejects) {
   for (const char* signal : {"KILL", "SEGV"}) {
     camera().misbehave(kChecker, "kill", signal);
     expectRejected(image("5.0"), "FW_CHECK_FAILED");
   }
 }
 
-TEST_F(FirmwareSystem, AMissingCheckerRejects) {
+TEST_F(FirmwareSystem, MissingCheckerRejects) {
   const auto checker = inside("/bin/fwupdate.real");
   const auto aside = inside("/bin/fwupdate.aside");
   std::filesystem::rename(checker, aside);
@@ -123,7 +123,7 @@ TEST_F(FirmwareSystem, AMissingCheckerRejects) {
   std::filesystem::rename(aside, checker);
 }
 
-TEST_F(FirmwareSystem, AFlasherThatFailsOrDiesIsReportedAndTheImageStays) {
+TEST_F(FirmwareSystem, FailedFlasherIsReportedAndImageKept) {
   const std::string content = image("6.0");
   for (const auto& [setting, value] : {std::pair{"exit", "1"}, {"kill", "KILL"}}) {
     const LogMark mark(camera());
@@ -137,14 +137,14 @@ TEST_F(FirmwareSystem, AFlasherThatFailsOrDiesIsReportedAndTheImageStays) {
   }
 }
 
-TEST_F(FirmwareSystem, AnUpdateThatIsNotAnsweredTimesOutAndLeavesNoImage) {
+TEST_F(FirmwareSystem, SilentServerTimesOutAndLeavesNoImage) {
   const SilentServer server;
   writeFile(inside("/tmp/fwupdate.bin"), "an old image");
   EXPECT_EQ(requester().outcomeOf({{"uri", server.uri()}, {"timeoutMs", 1}}), "TRANSFER_TIMEOUT");
   EXPECT_TRUE(eventually([] { return !exists(inside("/tmp/fwupdate.bin")); }));
 }
 
-TEST_F(FirmwareSystem, AnImageOverFiftyMebibytesIsTooLarge) {
+TEST_F(FirmwareSystem, ImageOverFiftyMebibytesIsTooLarge) {
   const engine::RawServer server([](engine::Connection& connection) {
     connection.readHead();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 52428801\r\n\r\nbytes");
@@ -154,7 +154,7 @@ TEST_F(FirmwareSystem, AnImageOverFiftyMebibytesIsTooLarge) {
   EXPECT_TRUE(eventually([] { return !exists(inside("/tmp/fwupdate.bin")); }));
 }
 
-TEST_F(FirmwareSystem, WithoutATimeOutAnUpdateHasTime) {
+TEST_F(FirmwareSystem, UpdateWithoutTimeOutKeepsRunning) {
   const SilentServer server;
   const LogMark mark(camera());
   const std::uint64_t first = requester().ask({{"uri", server.uri()}, {"timeoutMs", 0}});

@@ -16,11 +16,11 @@ using std::chrono::milliseconds;
 constexpr int kClients = 64;
 constexpr int kCallsEach = 150;
 
-// Sanitized programs are several times slower and look for leaks at their end; of what was freed
-// they keep 256 MiB.
+// Sanitized programs are several times slower and look for leaks at their end; what was freed they
+// keep until it is 256 MiB, which take 385 MiB with what surrounds them.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr milliseconds kLongestEnd(1000);
-constexpr std::size_t kMostGrowthKiB = 393'216;
+constexpr std::size_t kMostGrowthKiB = 524'288;
 #else
 constexpr milliseconds kLongestEnd(100);
 constexpr std::size_t kMostGrowthKiB = 16'384;
@@ -87,7 +87,7 @@ const Append& aLargeRequest() {
   return body;
 }
 
-TEST_F(FloodSystem, EveryCallOf64ClientsThatDoNotWaitIsAnsweredInBoundedMemory) {
+TEST_F(FloodSystem, CallsOf64ClientsAreAnsweredInBoundedMemory) {
   const HostProcess server = controlServer(camera());
   BusClient(camera().busAddress()).call(aLargeRequest());
   const std::size_t before = server.residentKiB();
@@ -163,7 +163,7 @@ class LastingFlood {
 // next one: there is always another one waiting. The best of some tries counts: that other programs
 // of the host are busy makes the end late too, and says nothing of the server. A server that looks
 // at its signals only between floods is late every time.
-TEST_F(FloodSystem, SigtermDuringAFloodEndsItAtOnceAndNoCallStaysOpen) {
+TEST_F(FloodSystem, SigtermEndsFloodAtOnceAndAllCalls) {
   const std::vector<Append> bodies = {
       request("GetSystemStats"), request("ChangeUsernamePassword", {{"username", text("admin")},
                                                                     {"passwordOld", text("no")},
@@ -187,7 +187,7 @@ TEST_F(FloodSystem, SigtermDuringAFloodEndsItAtOnceAndNoCallStaysOpen) {
   EXPECT_LE(fastest.count(), kLongestEnd.count()) << "ms";
 }
 
-TEST_F(FloodSystem, TwoThousandRequestsLeaveNoDescriptorBehind) {
+TEST_F(FloodSystem, TwoThousandRequestsLeakNoDescriptor) {
   const HostProcess server = controlServer(camera());
   const std::vector<Append> kinds = {
       request("GetSystemStats"),

@@ -3,7 +3,7 @@
 namespace kova::system_test {
 namespace {
 
-TEST_F(GetSystem, EachPictureArrivesByteForByteWithItsFormFieldsAndWithoutAnEvent) {
+TEST_F(GetSystem, PicturesArriveIntactWithFormFieldsWithoutEvent) {
   const std::pair<const char*, const char*> kinds[] = {
       {"snapshot", ""}, {"eventSnapshot", "motionsnap_12.jpg"}, {"eventHeatmap", "heatmap_12.png"}};
   for (const auto& [what, filename] : kinds) {
@@ -20,7 +20,7 @@ TEST_F(GetSystem, EachPictureArrivesByteForByteWithItsFormFieldsAndWithoutAnEven
   }
 }
 
-TEST_F(GetSystem, AMissingFileFailsTheTransfer) {
+TEST_F(GetSystem, MissingFileFailsTransfer) {
   std::filesystem::remove(inside("/tmp/snap.jpeg"));
   EXPECT_EQ(requester().outcome(get("snapshot", "x")), "TRANSFER_FAILED");
   EXPECT_EQ(requester().outcome(get("eventSnapshot", "x", {{"filename", "motionsnap_.jpg"}})),
@@ -30,7 +30,7 @@ TEST_F(GetSystem, AMissingFileFailsTheTransfer) {
   EXPECT_TRUE(arrives("after-missing")) << "nothing is left of the failure";
 }
 
-TEST_F(GetSystem, WithEventsDisabledAFailureIsSilent) {
+TEST_F(GetSystem, FailureIsSilentWithEventsDisabled) {
   const std::string dead = "http://127.0.0.1:1/";
   const LogMark mark(camera());
   const std::uint64_t silent =
@@ -40,7 +40,7 @@ TEST_F(GetSystem, WithEventsDisabledAFailureIsSilent) {
   EXPECT_EQ(requester().outcomeOf({{"what", "snapshot"}, {"uri", dead}}), "TRANSFER_FAILED");
 }
 
-TEST_F(GetSystem, AFormFieldThatIsNoTextFailsTheTransfer) {
+TEST_F(GetSystem, NonTextFormFieldFailsTransfer) {
   const LogMark mark(camera());
   // The file of such a transfer stays taken, so each has one of its own.
   int number = 900;
@@ -56,7 +56,7 @@ TEST_F(GetSystem, AFormFieldThatIsNoTextFailsTheTransfer) {
   EXPECT_TRUE(mark.waitFor("Only strings are allowed in the form fields"));
 }
 
-TEST_F(GetSystem, NoFileNameLeadsOutOfItsPattern) {
+TEST_F(GetSystem, FileNameCannotLeavePattern) {
   const std::string nul(1, '\0');
   for (const std::string& filename :
        {std::string("../etc/passwd"), std::string("../../etc/shadow"), std::string("/etc/passwd"),
@@ -73,7 +73,7 @@ TEST_F(GetSystem, NoFileNameLeadsOutOfItsPattern) {
   }
 }
 
-TEST_F(GetSystem, AFileNameOfAMillionDigitsIsWithinThePatternAndNoFile) {
+TEST_F(GetSystem, FileNameOfMillionDigitsIsMissingFile) {
   const std::string filename = "motionsnap_" + std::string(1'000'000, '7') + ".jpg";
   EXPECT_EQ(requester().outcome(get("eventSnapshot", "x", {{"filename", filename}})),
             "TRANSFER_FAILED");
@@ -100,22 +100,22 @@ class PlantedSystem : public GetSystem {
   const std::filesystem::path snapshot_ = inside("/tmp/snap.jpeg");
 };
 
-TEST_F(PlantedSystem, ALinkToTheKeyIsNotSent) {
+TEST_F(PlantedSystem, LinkToKeyIsNotSent) {
   std::filesystem::create_symlink("/etc/persistent/server.pem", snapshot_);
   expectUnsent("it is a symbolic link");
 }
 
-TEST_F(PlantedSystem, ASecondNameIsNotSent) {
+TEST_F(PlantedSystem, HardLinkIsNotSent) {
   std::filesystem::create_hard_link(inside("/etc/passwd"), snapshot_);
   expectUnsent("it has a second name");
 }
 
-TEST_F(PlantedSystem, APipeIsNotSentAndHoldsNobodyUp) {
+TEST_F(PlantedSystem, PipeIsNotSentAndDoesNotBlock) {
   ASSERT_EQ(camera().shell("mkfifo /tmp/snap.jpeg").status, 0);
   expectUnsent("it is no regular file");
 }
 
-TEST_F(PlantedSystem, SomebodyElsesFileIsNotSent) {
+TEST_F(PlantedSystem, ForeignFileIsNotSent) {
   writeFile(snapshot_, picture_);
   if (camera().shell("chown nobody /tmp/snap.jpeg || chown 65534 /tmp/snap.jpeg").status != 0) {
     GTEST_SKIP() << "there is but one user in this camera";
@@ -123,7 +123,7 @@ TEST_F(PlantedSystem, SomebodyElsesFileIsNotSent) {
   expectUnsent("it belongs to somebody else");
 }
 
-TEST_F(GetSystem, AFileBeyondItsMaximumIsNotSent) {
+TEST_F(GetSystem, FileOverLimitIsNotSent) {
   const struct {
     const char* what;
     const char* file;
@@ -145,7 +145,7 @@ TEST_F(GetSystem, AFileBeyondItsMaximumIsNotSent) {
   }
 }
 
-TEST_F(GetSystem, AFolderInPlaceOfAPictureFailsTheTransfer) {
+TEST_F(GetSystem, FolderInPlaceOfPictureFailsTransfer) {
   std::filesystem::remove(inside("/tmp/motionsnap_12.jpg"));
   std::filesystem::create_directory(inside("/tmp/motionsnap_12.jpg"));
   EXPECT_EQ(requester().outcome(get("eventSnapshot", "x", {{"filename", "motionsnap_12.jpg"}})),

@@ -149,7 +149,7 @@ class KillPointsSystem : public testing::Test {
   static inline std::array<std::unique_ptr<Camera>, kCameras> cameras_;
 };
 
-TEST_F(KillPointsSystem, SettingsAreWhollyTheOldOrWhollyTheNew) {
+TEST_F(KillPointsSystem, SettingsAreWhollyOldOrNew) {
   const auto expectWhole = [](Camera& camera, const Configuration& before) {
     const Configuration now(camera);
     const std::string renamed =
@@ -181,7 +181,7 @@ std::string hashIn(const std::string& passwd) {
   return std::regex_match(passwd, parts, line) ? parts[1].str() : "";
 }
 
-TEST_F(KillPointsSystem, AnAccountIsWhollyTheOldOrWhollyTheNewAndCanBeChangedAgain) {
+TEST_F(KillPointsSystem, AccountIsWhollyOldOrNewAndCanBeChanged) {
   const auto expectWhole = [](Camera& camera, const Configuration& before) {
     const Configuration now(camera);
     const std::string hash = hashIn(now.passwd);
@@ -215,7 +215,7 @@ std::string nameIn(const std::string& passwd) {
   return std::regex_match(passwd, parts, line) ? parts[1].str() : "";
 }
 
-TEST_F(KillPointsSystem, ARenamedAccountCanBeChangedAndLockedAgain) {
+TEST_F(KillPointsSystem, RenamedAccountCanBeChangedAndLockedAgain) {
   const auto expectWhole = [](Camera& camera, const Configuration& before) {
     const Configuration now(camera);
     const std::string name = settingIn(now.cfg, "users.1.name");

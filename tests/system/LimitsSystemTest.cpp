@@ -44,7 +44,7 @@ class LimitsSystem : public TransferRig {
   }
 };
 
-TEST_F(LimitsSystem, TheServicesRunUnderTheirs) {
+TEST_F(LimitsSystem, ServicesRunUnderLimits) {
   const pid_t daemon = controlServer(camera()).pid();
   EXPECT_EQ(limitOf(daemon, "Max open files"), "4096");
   EXPECT_EQ(limitOf(daemon, "Max core file size"), "0");
@@ -65,14 +65,14 @@ TEST_F(LimitsSystem, FirmwareOf50MebibytesIsFlashed) {
   EXPECT_EQ(readFile(camera().flash() / "firmware.bin"), content);
 }
 
-TEST_F(LimitsSystem, ABodyOf64MebibytesIsRefusedAndNotHeld) {
+TEST_F(LimitsSystem, BodyOf64MebibytesIsRefusedAndNotBuffered) {
   const std::size_t before = controlServer(camera()).residentKiB();
   manager().serve("fw.bin", std::string(64 * kMebibyte, 'x'));
   EXPECT_EQ(requester().outcomeOf({{"uri", manager().fileUri("fw.bin")}}), "TRANSFER_TOOLARGE");
   EXPECT_LT(controlServer(camera()).residentKiB(), before + 16'384);
 }
 
-TEST_F(LimitsSystem, ThePictureDecoderHasRoom) {
+TEST_F(LimitsSystem, PictureDecoderHasEnoughMemory) {
   EXPECT_EQ(put("logo", picture(300, 400)), "OK");
 }
 

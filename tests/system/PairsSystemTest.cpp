@@ -27,7 +27,7 @@ class PairsSystem : public GetSystem {
   }
 };
 
-TEST_F(PairsSystem, OfTwoAtOnceOnlyThoseWhoseWordIsTheirTasksNameExcludeEachOther) {
+TEST_F(PairsSystem, OnlyRequestsWhoseWordIsTaskNameExcludeEachOther) {
   const SilentServer server;
   const LogMark mark(camera());
   auto first = askForAll(server, "/first-", 60'000);

@@ -7,7 +7,7 @@
 namespace kova::system_test {
 namespace {
 
-TEST(PersistenceSystem, WhatIsNotSavedIsLostAtAReboot) {
+TEST(PersistenceSystem, UnsavedChangesAreLostAtReboot) {
   Camera camera;
   writeFile(camera.root() / "etc/persistent/note", "unsaved");
   ASSERT_EQ(camera.exec({"/usr/bin/reboot"}).status, 0);
@@ -15,7 +15,7 @@ TEST(PersistenceSystem, WhatIsNotSavedIsLostAtAReboot) {
   EXPECT_FALSE(std::filesystem::exists(camera.root() / "etc/persistent/note"));
 }
 
-TEST(PersistenceSystem, ASaveAndAFactoryResetDoWhatTheySay) {
+TEST(PersistenceSystem, SaveKeepsAndFactoryResetErases) {
   Camera camera;
   writeFile(camera.root() / "etc/persistent/note", "saved");
   const Result saved = camera.ctl({"save", "--sync"});
@@ -32,7 +32,7 @@ TEST(PersistenceSystem, ASaveAndAFactoryResetDoWhatTheySay) {
   EXPECT_FALSE(std::filesystem::exists(camera.root() / "etc/persistent/note"));
 }
 
-TEST(PersistenceSystem, ARebootRequestSavesAndReboots) {
+TEST(PersistenceSystem, RebootRequestSavesAndReboots) {
   Camera camera;
   writeFile(camera.root() / "etc/persistent/note", "by reboot");
   // No status is expected: the camera may take the client down with it.
@@ -71,7 +71,7 @@ struct Rebooting {
   BusClient client{camera.busAddress()};
 };
 
-TEST(PersistenceSystem, SigtermInTheWaitForARebootCarriesAResetOut) {
+TEST(PersistenceSystem, SigtermDuringRebootWaitRunsReset) {
   Rebooting rebooting(0);
   ASSERT_TRUE(rebooting.mark.waitFor(": Entering reboot wait mode"));
   EXPECT_TRUE(rebooting.isSaved());
@@ -90,7 +90,7 @@ bool sleepsOn(const HostProcess& process) {
   return waits() == before;
 }
 
-TEST(PersistenceSystem, SigtermInTheDelayOfARebootIsNotLost) {
+TEST(PersistenceSystem, SigtermDuringRebootDelayIsNotLost) {
   Rebooting rebooting(5000);
   ASSERT_TRUE(eventually([&] { return sleepsOn(rebooting.server); }));
   rebooting.server.signal(SIGTERM);
@@ -99,7 +99,7 @@ TEST(PersistenceSystem, SigtermInTheDelayOfARebootIsNotLost) {
   EXPECT_NE(rebooting.mark.text().find(": Entering reboot wait mode"), std::string::npos);
 }
 
-TEST(PersistenceSystem, FlashThatFailsAtEachPassDoesNotFloodTheLog) {
+TEST(PersistenceSystem, FailingFlashDoesNotFloodLog) {
   Camera camera;
   const LogMark mark(camera);
   camera.misbehave("cfgmtd", "exit", "1");
@@ -114,7 +114,7 @@ TEST(PersistenceSystem, FlashThatFailsAtEachPassDoesNotFloodTheLog) {
   EXPECT_TRUE(mark.waitFor(": Persisted"));
 }
 
-TEST(PersistenceSystem, AFailingFlashIsReportedAndTriedAgainUntilItWorks) {
+TEST(PersistenceSystem, FailingFlashIsReportedAndRetried) {
   Camera camera;
   camera.misbehave("cfgmtd", "exit", "1");
   EXPECT_NE(camera.ctl({"save", "--sync"}).status, 0);

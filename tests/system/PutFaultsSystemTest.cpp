@@ -31,7 +31,7 @@ class PutFaultsSystem : public TransferRig {
   }
 };
 
-TEST_F(PutFaultsSystem, AFullTmpIsADiskFailureAndLeavesNothing) {
+TEST_F(PutFaultsSystem, FullTmpIsDiskFailureAndLeavesNothing) {
   const Mounted small("-t tmpfs -o size=64k tmpfs", "/tmp");
   if (!small.works()) {
     GTEST_SKIP() << "this camera may not mount";
@@ -40,7 +40,7 @@ TEST_F(PutFaultsSystem, AFullTmpIsADiskFailureAndLeavesNothing) {
   EXPECT_EQ(camera().shell("ls /tmp").out, "");
 }
 
-TEST_F(PutFaultsSystem, ATmpThatIsAnotherFileSystemIsADiskFailureAndLeavesNothing) {
+TEST_F(PutFaultsSystem, SeparateTmpFileSystemIsDiskFailure) {
   const Mounted other("-t tmpfs tmpfs", "/tmp");
   if (!other.works()) {
     GTEST_SKIP() << "this camera may not mount";
@@ -49,7 +49,7 @@ TEST_F(PutFaultsSystem, ATmpThatIsAnotherFileSystemIsADiskFailureAndLeavesNothin
   EXPECT_EQ(camera().shell("ls /tmp").out, "");
 }
 
-TEST_F(PutFaultsSystem, AReadOnlyPersistentFolderIsADiskFailure) {
+TEST_F(PutFaultsSystem, ReadOnlyPersistentFolderIsDiskFailure) {
   const Mounted bound("-o bind /etc/persistent", "/etc/persistent");
   if (!bound.works()) {
     GTEST_SKIP() << "this camera may not mount";
@@ -59,7 +59,7 @@ TEST_F(PutFaultsSystem, AReadOnlyPersistentFolderIsADiskFailure) {
   EXPECT_FALSE(exists(inside("/tmp/user_logo")));
 }
 
-TEST_F(PutFaultsSystem, AChecksumFileThatIsAFolderIsADiskFailure) {
+TEST_F(PutFaultsSystem, FolderInPlaceOfChecksumIsDiskFailure) {
   const auto checksum = inside("/etc/persistent/user_logo.md5");
   std::filesystem::remove(checksum);
   std::filesystem::create_directory(checksum);
@@ -72,7 +72,7 @@ TEST_F(PutFaultsSystem, AChecksumFileThatIsAFolderIsADiskFailure) {
   EXPECT_EQ(putPlainly(content), "OK");
 }
 
-TEST_F(PutFaultsSystem, ATemporaryChecksumFileThatIsAFolderIsADiskFailure) {
+TEST_F(PutFaultsSystem, FolderInPlaceOfTemporaryChecksumIsDiskFailure) {
   const auto checksum = inside("/tmp/user_logo.md5");
   std::filesystem::create_directory(checksum);
   const std::string before = readFile(inside("/etc/persistent/user_logo"));
@@ -81,7 +81,7 @@ TEST_F(PutFaultsSystem, ATemporaryChecksumFileThatIsAFolderIsADiskFailure) {
   std::filesystem::remove(checksum);
 }
 
-TEST_F(PutFaultsSystem, ASaveThatFailsStillInstalls) {
+TEST_F(PutFaultsSystem, FailedSaveStillInstalls) {
   camera().misbehave("cfgmtd", "exit", "1");
   const std::string content = picture(5, 5);
   EXPECT_EQ(putPlainly(content), "OK");
@@ -89,7 +89,7 @@ TEST_F(PutFaultsSystem, ASaveThatFailsStillInstalls) {
   EXPECT_NE(readFile(saved("/etc/persistent/user_logo")), content);
 }
 
-TEST_F(PutFaultsSystem, AMissingImageProbeRefusesEveryPicture) {
+TEST_F(PutFaultsSystem, MissingImageProbeRefusesEveryPicture) {
   if (camera().shell("mount -o bind /bin/false /usr/libexec/kova_imageprobe").status != 0) {
     GTEST_SKIP() << "this camera may not mount";
   }

@@ -41,7 +41,7 @@ class PutSystem : public TransferRig {
   }
 };
 
-TEST_F(PutSystem, AGoodFileIsInstalledWithItsChecksumAndSavedToFlash) {
+TEST_F(PutSystem, ValidFileIsInstalledWithChecksumAndSaved) {
   for (const Kind& kind : kKinds) {
     const std::string content = kind.sample + "saved";
     const std::uint64_t before = requester().count();
@@ -56,7 +56,7 @@ TEST_F(PutSystem, AGoodFileIsInstalledWithItsChecksumAndSavedToFlash) {
   }
 }
 
-TEST_F(PutSystem, TheInstalledFileAgainIsNeitherFetchedNorAnswered) {
+TEST_F(PutSystem, InstalledFileIsNeitherFetchedNorAnswered) {
   for (const Kind& kind : kKinds) {
     const std::string content = kind.sample + "again";
     ASSERT_EQ(put(kind.what, content), "OK");
@@ -68,7 +68,7 @@ TEST_F(PutSystem, TheInstalledFileAgainIsNeitherFetchedNorAnswered) {
   }
 }
 
-TEST_F(PutSystem, ADigestThatIsNotExactlyTheFilesIsRefused) {
+TEST_F(PutSystem, WrongDigestIsRefused) {
   for (const Kind& kind : kKinds) {
     const std::string content = kind.sample + "digest";
     manager().serve("file", content);
@@ -85,7 +85,7 @@ TEST_F(PutSystem, ADigestThatIsNotExactlyTheFilesIsRefused) {
   }
 }
 
-TEST_F(PutSystem, WhatIsNoPictureOfAtMost1024PixelsEachWayIsRefused) {
+TEST_F(PutSystem, NonPicturesAndOversizedPicturesAreRefused) {
   const LogMark mark(camera());
   for (const std::string& content :
        {std::string("this is no picture"), std::string(), picture(1025, 1), picture(1, 1025),
@@ -97,13 +97,13 @@ TEST_F(PutSystem, WhatIsNoPictureOfAtMost1024PixelsEachWayIsRefused) {
   EXPECT_TRUE(mark.waitFor("empty=1, nCh=1, depth=0, width=0, height=0"));
 }
 
-TEST_F(PutSystem, PicturesAtTheLimitsAreAccepted) {
+TEST_F(PutSystem, PicturesAtLimitsAreAccepted) {
   EXPECT_EQ(put("logo", picture(1024, 1)), "OK");
   EXPECT_EQ(put("logo", picture(1, 1024)), "OK");
   EXPECT_EQ(put("logo", picture(1, 1)), "OK");
 }
 
-TEST_F(PutSystem, WhatIsNoSoundOfOneChannelAt11025HertzIsRefused) {
+TEST_F(PutSystem, OtherThanMonoSoundAt11025HertzIsRefused) {
   std::string broken = sound(1, 11025);
   broken[20] = 7;  // mu-law
   for (const std::string& content :
@@ -113,13 +113,13 @@ TEST_F(PutSystem, WhatIsNoSoundOfOneChannelAt11025HertzIsRefused) {
   }
 }
 
-TEST_F(PutSystem, TheWidthOfASoundsSamplesDoesNotMatter) {
+TEST_F(PutSystem, SampleWidthDoesNotMatter) {
   for (const unsigned bits : {8U, 16U, 24U}) {
     EXPECT_EQ(put("sound", sound(1, 11025, bits)), "OK") << bits;
   }
 }
 
-TEST_F(PutSystem, AFileOverTheLimitIsTooLargeAndOneAtTheLimitIsJudged) {
+TEST_F(PutSystem, OnlyFileOverLimitIsTooLarge) {
   for (const Kind& kind : kKinds) {
     const std::string atLimit = kind.sample + std::string(kind.limit - kind.sample.size(), 'x');
     manager().serve("large", atLimit + "x");
@@ -128,19 +128,19 @@ TEST_F(PutSystem, AFileOverTheLimitIsTooLargeAndOneAtTheLimitIsJudged) {
   }
 }
 
-TEST_F(PutSystem, AnErrorPageIsNoFile) {
+TEST_F(PutSystem, ErrorPageIsNotFile) {
   for (const Kind& kind : kKinds) {
     expectRefused(kind, "VALIDATION_FAILED", manager().fileUri("missing"), md5(kind.sample));
   }
 }
 
-TEST_F(PutSystem, AServerOfAnotherAuthorityIsNotTalkedTo) {
+TEST_F(PutSystem, ServerOfOtherAuthorityIsRefused) {
   Manager stranger;
   stranger.serve("file", kKinds[0].sample);
   expectRefused(kKinds[0], "TRANSFER_FAILED", stranger.fileUri("file"), md5(kKinds[0].sample));
 }
 
-TEST_F(PutSystem, WithoutAHashNothingStarts) {
+TEST_F(PutSystem, NothingStartsWithoutHash) {
   for (const Kind& kind : kKinds) {
     for (const Fields& more : {Fields{}, Fields{{"hash", ""}}, Fields{{"hash", 7}}}) {
       const LogMark mark(camera());
@@ -156,7 +156,7 @@ TEST_F(PutSystem, WithoutAHashNothingStarts) {
 }
 
 /// Boots of its own, so the control server is not the same throughout.
-TEST(PutRebootSystem, WhatWasInstalledIsThereAfterAReboot) {
+TEST(PutRebootSystem, InstalledFilesSurviveReboot) {
   Camera camera;
   Manager manager;
   manager.adopt(camera);

@@ -222,7 +222,7 @@ TEST_F(RemoteSystem, FailuresAreExplained) {
          "cannot use the bus of lost@127.0.0.1:");
 }
 
-TEST_F(RemoteSystem, BoundKeyServesTheBusOnly) {
+TEST_F(RemoteSystem, BoundKeyServesBusOnly) {
   writeFile(server() / "user.pub", "");
   writeFile(server() / "bound.pub", "restrict,command=\"kovactl bridge\" " + Key());
   EXPECT_EQ(Remote("bound", {"stats", "uptime"}).status, 0);

@@ -52,20 +52,20 @@ class SettingsFaults : public UnharmedCamera {
   std::string passwd_;
 };
 
-TEST_F(SettingsFaults, AMissingStoreIsNotMadeUp) {
+TEST_F(SettingsFaults, MissingStoreIsNotCreated) {
   std::filesystem::remove(systemCfg(camera()));
   expectNothingWorks();
   EXPECT_FALSE(std::filesystem::exists(systemCfg(camera())));
 }
 
-TEST_F(SettingsFaults, AFolderInItsPlaceIsLeftAlone) {
+TEST_F(SettingsFaults, FolderInPlaceOfStoreIsKept) {
   std::filesystem::remove(systemCfg(camera()));
   std::filesystem::create_directory(systemCfg(camera()));
   expectNothingWorks();
   EXPECT_TRUE(std::filesystem::is_empty(systemCfg(camera())));
 }
 
-TEST_F(SettingsFaults, AGarbledStoreHasNoNameAndLosesNothing) {
+TEST_F(SettingsFaults, GarbledStoreHasNoNameAndLosesNothing) {
   const std::string garbled = "\0\xff=\n==\n\n users.1.name =x\n\x01garbage\n\xc3\x28=1\n"s;
   writeFile(systemCfg(camera()), garbled);
   const LogMark mark(camera());
@@ -79,7 +79,7 @@ TEST_F(SettingsFaults, AGarbledStoreHasNoNameAndLosesNothing) {
   EXPECT_EQ(readFile(systemCfg(camera())), withSetting(garbled, kNameKey, "Other"));
 }
 
-TEST_F(SettingsFaults, LinesThatItDoesNotKnowAreKept) {
+TEST_F(SettingsFaults, UnknownLinesAreKept) {
   const std::string odd = "# a comment\n\nno equals sign\n=no key\nnet.1.ip= 10.0.0.1 \n" + good_ +
                           "twice=1\ntwice=2\n# last\n";
   writeFile(systemCfg(camera()), odd);
@@ -141,7 +141,7 @@ for path in /etc/*; do
 done
 mount -o rbind /run/small /etc)";
 
-TEST_F(MountedEtc, AFullDiskIsToldAndLeavesEverythingAsItWas) {
+TEST_F(MountedEtc, FullDiskIsReportedAndChangesNothing) {
   const Result mounted = camera().shell(kMountSmallEtc);
   if (mounted.status != 0) {
     GTEST_SKIP() << "nothing can be mounted in this camera: " << mounted.err;
@@ -153,7 +153,7 @@ TEST_F(MountedEtc, AFullDiskIsToldAndLeavesEverythingAsItWas) {
   EXPECT_EQ(inside("/etc/system.cfg"), withSetting(good_, kNameKey, "Other"));
 }
 
-TEST_F(MountedEtc, AReadOnlyFileSystemIsToldAndLeavesEverythingAsItWas) {
+TEST_F(MountedEtc, ReadOnlyFileSystemIsReportedAndChangesNothing) {
   const Result mounted =
       camera().shell("mount -o rbind /etc /etc && mount -o remount,bind,ro,nosuid,nodev /etc /etc");
   if (mounted.status != 0) {

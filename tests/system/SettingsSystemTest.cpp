@@ -24,9 +24,9 @@ Variant change(const Camera& camera, std::vector<std::string> fields, int status
   fields.insert(fields.begin(), {"call", "ChangeDeviceSettings", "--json"});
   const Result result = camera.ctl(fields);
   EXPECT_EQ(result.status == 0, status == 0) << result.out << result.err;
-  Variant response;
-  EXPECT_GT(Variant::FromJSON(result.out, response), 0) << result.out;
-  return response["payload"];
+  Variant document;
+  EXPECT_GT(Variant::FromJSON(result.out, document), 0) << result.out;
+  return document["result"]["payload"];
 }
 
 class SettingsSystem : public UnharmedCamera {
@@ -45,7 +45,7 @@ class SettingsSystem : public UnharmedCamera {
   }
 };
 
-TEST_F(SettingsSystem, ANewNameIsStoredAppliedAndAnnounced) {
+TEST_F(SettingsSystem, NewNameIsStoredAppliedAndAnnounced) {
   const std::string before = cfg();
   const std::size_t applied = runs(kApplyName);
   const std::string discoveryBefore = discovery();
@@ -63,7 +63,7 @@ TEST_F(SettingsSystem, ANewNameIsStoredAppliedAndAnnounced) {
   }));
 }
 
-TEST_F(SettingsSystem, TheSameNameAgainDisturbsNobody) {
+TEST_F(SettingsSystem, SameNameChangesNothing) {
   change(camera(), {"name=Twice"});
   const LogMark mark(camera());
   const std::size_t applied = runs(kApplyName);
@@ -78,14 +78,14 @@ TEST_F(SettingsSystem, TheSameNameAgainDisturbsNobody) {
   EXPECT_EQ(runs(kApplyName), applied + 1);
 }
 
-TEST_F(SettingsSystem, AZoneIsTheSystemsAndStored) {
+TEST_F(SettingsSystem, ZoneIsAppliedAndStored) {
   EXPECT_EQ(change(camera(), {"timezone=Europe/Paris"})["timezone"], Variant("Europe/Paris"));
   EXPECT_EQ(systemZone(), "/usr/share/zoneinfo/Europe/Paris");
   EXPECT_EQ(readFile(camera().root() / "etc/TZ"), "CET-1CEST,M3.5.0,M10.5.0/3\n");
   EXPECT_EQ(setting(kZoneKey), "Europe/Paris");
 }
 
-TEST_F(SettingsSystem, ARegionSetsTheZoneOnlyWhenItIsOneOfTwoParts) {
+TEST_F(SettingsSystem, RegionSetsZoneOnlyWithTwoParts) {
   change(camera(), {"timezone=GMT"});
   const std::string gmt = systemZone();
   for (const char* region : {"US", "America/Argentina/Salta"}) {
@@ -100,7 +100,7 @@ TEST_F(SettingsSystem, ARegionSetsTheZoneOnlyWhenItIsOneOfTwoParts) {
   EXPECT_EQ(setting(kZoneKey), "GMT");
 }
 
-TEST_F(SettingsSystem, ARegionThatNamesNoZoneIsNotStored) {
+TEST_F(SettingsSystem, RegionOfUnknownZoneIsNotStored) {
   const std::string before = cfg();
   const LogMark mark(camera());
   EXPECT_EQ(change(camera(), {"region=No/Where"}, 1).Find("region"), nullptr);
@@ -108,14 +108,14 @@ TEST_F(SettingsSystem, ARegionThatNamesNoZoneIsNotStored) {
   EXPECT_EQ(cfg(), before);
 }
 
-TEST_F(SettingsSystem, TheBootSoundIsInTheBootEnvironment) {
+TEST_F(SettingsSystem, BootSoundIsInBootEnvironment) {
   for (const auto& [typed, stored] : {std::pair{"on", "1\n"}, {"off", "0\n"}}) {
     EXPECT_EQ(camera().ctl({"settings", "sound-on-boot="s + typed}).status, 0);
     EXPECT_EQ(camera().exec({"fw_printenv", "-n", "kova_audioplay"}).out, stored);
   }
 }
 
-TEST_F(SettingsSystem, AFailingBootEnvironmentKeepsTheOtherChanges) {
+TEST_F(SettingsSystem, FailingBootEnvironmentKeepsOtherChanges) {
   camera().ctl({"settings", "sound-on-boot=off"});
   const LogMark mark(camera());
   camera().misbehave("fw_setenv", "exit", "1");
@@ -129,7 +129,7 @@ TEST_F(SettingsSystem, AFailingBootEnvironmentKeepsTheOtherChanges) {
   EXPECT_EQ(camera().exec({"fw_printenv", "-n", "kova_audioplay"}).out, "0\n");
 }
 
-TEST_F(SettingsSystem, ResetSettingsGivesNameAndZoneBackWithoutFlashOrReboot) {
+TEST_F(SettingsSystem, ResetSettingsRestoresNameAndZoneWithoutFlashOrReboot) {
   change(camera(), {"name=Changed", "timezone=Europe/Paris", "region=US"});
   const int boot = camera().boots();
   const std::size_t saves = runs("/bin/cfgmtd");
@@ -143,13 +143,13 @@ TEST_F(SettingsSystem, ResetSettingsGivesNameAndZoneBackWithoutFlashOrReboot) {
   EXPECT_EQ(camera().boots(), boot);
 }
 
-TEST_F(SettingsSystem, AModelWithoutTimelapsesIgnoresThem) {
+TEST_F(SettingsSystem, ModelWithoutTimelapseIgnoresIt) {
   const std::string before = cfg();
   EXPECT_EQ(change(camera(), {"timelapseminutes:=1"}).Find("timelapseminutes"), nullptr);
   EXPECT_EQ(cfg(), before);
 }
 
-TEST(SettingsSystemWithTimelapses, TheyAreOnOrOff) {
+TEST(SettingsSystemWithTimelapses, SettingIsOnOrOff) {
   for (const char* sysid : {"42321", "42324"}) {
     Camera camera(R"({"name": "Lapse", "feature_wifi": 0, "feature_battery": 0, "sysid": )"s +
                   sysid + "}");
@@ -208,7 +208,7 @@ const std::string kHarmless[] = {"; reboot",   "$(touch /tmp/x)", "`touch /tmp/x
                                  "-n",         "\x1b[2J",         "#"};
 const std::string kBreaking[] = {"a\nusers.1.name=evil", "a\r\nb", "\n", "a\0b"s, "\0"s};
 
-TEST_F(HostileSettings, NamesAndRegionsAreKeptToTheLetterInOneLine) {
+TEST_F(HostileSettings, NamesAndRegionsAreStoredVerbatimOnOneLine) {
   for (const auto& [field, key] : {std::pair{"name", kNameKey}, {"region", kRegionKey}}) {
     for (const std::string& content : kHarmless) {
       const std::string before = cfg();
@@ -218,7 +218,7 @@ TEST_F(HostileSettings, NamesAndRegionsAreKeptToTheLetterInOneLine) {
   }
 }
 
-TEST_F(HostileSettings, NoNameOrRegionBringsALineBreakOrANulIn) {
+TEST_F(HostileSettings, NamesAndRegionsAddNoLineBreakOrNul) {
   const std::string before = cfg();
   for (const char* field : {"name", "region"}) {
     for (const std::string& content : kBreaking) {
@@ -228,7 +228,7 @@ TEST_F(HostileSettings, NoNameOrRegionBringsALineBreakOrANulIn) {
   EXPECT_EQ(cfg(), before);
 }
 
-TEST_F(HostileSettings, ZonesThatDoNotExistAreRefused) {
+TEST_F(HostileSettings, UnknownZonesAreRefused) {
   const std::string before = cfg();
   const std::string zone = systemZone();
   for (const std::string& content : kHarmless) {
@@ -246,7 +246,7 @@ TEST_F(HostileSettings, ZonesThatDoNotExistAreRefused) {
   EXPECT_EQ(systemZone(), zone);
 }
 
-TEST_F(HostileSettings, AMegabyteIsRefusedByTheStoreOrByTheBus) {
+TEST_F(HostileSettings, MegabyteIsRefusedByStoreOrBus) {
   // What the bus takes at most in all, and the store. The store has more beside the value.
   constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
   const std::string before = cfg();

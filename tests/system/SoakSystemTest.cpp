@@ -219,7 +219,7 @@ class SoakSystem : public TransferRig {
   unsigned round_ = 0;
 };
 
-TEST_F(SoakSystem, ManyMixedTransfersHaveTheirEventsAndLeaveNothingBehind) {
+TEST_F(SoakSystem, MixedTransfersSendEventsAndLeaveNothingBehind) {
   const HostProcess server = controlServer(camera());
   runSome(kWarmUp);
   const std::size_t descriptors = server.descriptors();

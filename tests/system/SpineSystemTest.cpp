@@ -31,9 +31,9 @@ Variant statistics(const Camera& camera, const std::vector<std::string>& more = 
   arguments.insert(arguments.end(), more.begin(), more.end());
   const Result result = camera.ctl(arguments);
   EXPECT_EQ(result.status, 0) << result.err;
-  Variant response;
-  EXPECT_GT(Variant::FromJSON(result.out, response), 0) << result.out;
-  return response["payload"];
+  Variant document;
+  EXPECT_GT(Variant::FromJSON(result.out, document), 0) << result.out;
+  return document["result"]["payload"];
 }
 
 std::vector<std::string> keysOf(const Variant& map) {
@@ -65,7 +65,7 @@ void expectTheCommonFigures(const Variant& sections) {
 }
 
 // First of all, as the log is that of the boot alone.
-TEST_F(SpineSystem, BootsWithOneProcessAndNothingToComplainOf) {
+TEST_F(SpineSystem, BootsWithOneProcessAndNoComplaints) {
   EXPECT_EQ(processesOf(camera(), "kova_ctlserver").size(), 1U);
   const LogMark mark(camera());
   EXPECT_EQ(camera().log().find("kova_ctlserver "), std::string::npos) << camera().log();
@@ -79,7 +79,7 @@ TEST_F(SpineSystem, BootsWithOneProcessAndNothingToComplainOf) {
   EXPECT_EQ(camera().ctl({"save", "--sync"}).status, 0);
 }
 
-TEST_F(SpineSystem, StatisticsHaveEverySectionOfAModelWithoutFeatures) {
+TEST_F(SpineSystem, StatisticsHaveEverySectionOfPlainModel) {
   const Variant sections = statistics(camera());
   EXPECT_EQ(keysOf(sections),
             (std::vector<std::string>{"cpu", "cpuinfo", "loadavg", "memory", "network", "uptime"}));
@@ -90,7 +90,7 @@ TEST_F(SpineSystem, StatisticsHaveEverySectionOfAModelWithoutFeatures) {
 }
 
 // Whether there is a battery is the host's matter, since the camera sees its /sys.
-TEST(SpineSystemWithFeatures, StatisticsHaveThoseOfTheDescriptionAndEachCameraAnswersForItself) {
+TEST(SpineSystemWithFeatures, StatisticsFollowDescriptionOfEachCamera) {
   Camera first;
   Camera second(kDescription);
   const Variant sections = statistics(second, {"battery:=false"});
@@ -122,7 +122,7 @@ TEST(SpineSystemWithFeatures, StatisticsHaveThoseOfTheDescriptionAndEachCameraAn
   EXPECT_NE(controlServer(first).pid(), controlServer(second).pid());
 }
 
-TEST_F(SpineSystem, ExitServiceEndsItWithoutAWordAndItIsBroughtBack) {
+TEST_F(SpineSystem, ExitServiceEndsSilentlyAndIsRestarted) {
   const LogMark mark(camera());
   const HostProcess server = controlServer(camera());
   EXPECT_EQ(camera().ctl({"exit-service"}).status, 0);
@@ -131,7 +131,7 @@ TEST_F(SpineSystem, ExitServiceEndsItWithoutAWordAndItIsBroughtBack) {
   EXPECT_EQ(mark.text().find("SIGTERM received"), std::string::npos);
 }
 
-TEST_F(SpineSystem, SigtermIsToldAndWritesAPendingSave) {
+TEST_F(SpineSystem, SigtermIsLoggedAndWritesPendingSave) {
   const LogMark mark(camera());
   const HostProcess server = controlServer(camera());
   {
@@ -149,7 +149,7 @@ TEST_F(SpineSystem, SigtermIsToldAndWritesAPendingSave) {
   EXPECT_EQ(occurrences(log, ": Persisted"), 1U);
 }
 
-TEST_F(SpineSystem, SyslogdThatStopsReadingStopsNobody) {
+TEST_F(SpineSystem, StalledSyslogdDoesNotBlock) {
   const LogMark mark(camera());
   const auto loggers = processesOf(camera(), "syslogd");
   ASSERT_EQ(loggers.size(), 1U);
@@ -174,7 +174,7 @@ TEST_F(SpineSystem, SyslogdThatStopsReadingStopsNobody) {
   })) << mark.text();
 }
 
-TEST_F(SpineSystem, TheDeathOfTheBusEndsItWith255AndBothAreBroughtBack) {
+TEST_F(SpineSystem, LostBusEndsWith255AndBothAreRestarted) {
   const LogMark mark(camera());
   const HostProcess server = controlServer(camera());
   const auto buses = processesOf(camera(), "dbus-daemon");
@@ -187,7 +187,7 @@ TEST_F(SpineSystem, TheDeathOfTheBusEndsItWith255AndBothAreBroughtBack) {
   expectRestart(server);
 }
 
-TEST_F(SpineSystem, ADescriptionWithoutItsSysidIsACrashOnPurpose) {
+TEST_F(SpineSystem, DescriptionWithoutSysidCrashes) {
   const auto description = camera().root() / "usr/share/kova/camera_info.json";
   const std::string good = readFile(description);
   const LogMark mark(camera());

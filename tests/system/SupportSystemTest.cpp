@@ -13,7 +13,7 @@ class SupportSystem : public GetSystem {
   static bool archiveIsGone() { return !exists(inside("/tmp/supportinfo.tar")); }
 };
 
-TEST_F(SupportSystem, AFreshArchiveArrivesAndIsRemoved) {
+TEST_F(SupportSystem, FreshArchiveArrivesAndIsRemoved) {
   writeFile(inside("/tmp/supportinfo.tar"), "an old archive");
   const std::uint64_t id = get("supportInfo", "support.tar");
   ASSERT_TRUE(arrives("support.tar"));
@@ -24,7 +24,7 @@ TEST_F(SupportSystem, AFreshArchiveArrivesAndIsRemoved) {
   expectSilence(id);
 }
 
-TEST_F(SupportSystem, AGeneratorThatEndsWithoutAnArchiveTimesOut) {
+TEST_F(SupportSystem, GeneratorWithoutArchiveTimesOut) {
   const LogMark mark(camera());
   for (const auto& [setting, content] : {std::pair{"exit", "1"}, {"kill", "SEGV"}}) {
     camera().misbehave("support", setting, content);
@@ -36,7 +36,7 @@ TEST_F(SupportSystem, AGeneratorThatEndsWithoutAnArchiveTimesOut) {
   EXPECT_EQ(manager().requests("POST /upload/never"), 0U);
 }
 
-TEST_F(SupportSystem, AGeneratorThatHangsIsEndedWithItsRequest) {
+TEST_F(SupportSystem, HangingGeneratorEndsWithItsRequest) {
   camera().misbehave("support", "sleep", "1000");
   const LogMark mark(camera());
   for (int i = 0; i < 3; ++i) {
@@ -53,7 +53,7 @@ TEST_F(SupportSystem, AGeneratorThatHangsIsEndedWithItsRequest) {
   EXPECT_TRUE(arrives("after-hang"));
 }
 
-TEST_F(SupportSystem, ALateGeneratorLeavesNothingToALaterRequest) {
+TEST_F(SupportSystem, LateGeneratorLeavesNothingToLaterRequest) {
   camera().misbehave("support", "sleep", "2");
   EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 500}})),
             "TRANSFER_TIMEOUT");
@@ -62,7 +62,7 @@ TEST_F(SupportSystem, ALateGeneratorLeavesNothingToALaterRequest) {
   camera().behave("support");
 }
 
-TEST_F(SupportSystem, ASlowGeneratorIsWaitedForWhileTheCameraServes) {
+TEST_F(SupportSystem, CameraServesDuringSlowGenerator) {
   camera().misbehave("support", "sleep", "1.5");
   get("supportInfo", "slow");
   EXPECT_EQ(
@@ -72,7 +72,7 @@ TEST_F(SupportSystem, ASlowGeneratorIsWaitedForWhileTheCameraServes) {
   EXPECT_TRUE(arrives("slow"));
 }
 
-TEST_F(SupportSystem, AnArchiveThatIsStillBeingWrittenIsSentAsLongAsItWas) {
+TEST_F(SupportSystem, GrowingArchiveIsSentAtInitialSize) {
   const std::string start = picture(1500, 1500, 's');
   const auto archive = inside("/tmp/supportinfo.tar");
   std::atomic<bool> grown = false;
@@ -99,7 +99,7 @@ TEST_F(SupportSystem, AnArchiveThatIsStillBeingWrittenIsSentAsLongAsItWas) {
   expectSilence(id);
 }
 
-TEST_F(SupportSystem, WithoutAGeneratorTheRequestIsRefused) {
+TEST_F(SupportSystem, MissingGeneratorRefusesRequest) {
   const auto generator = inside("/bin/support");
   const auto aside = inside("/bin/support.aside");
   std::filesystem::rename(generator, aside);
@@ -108,7 +108,7 @@ TEST_F(SupportSystem, WithoutAGeneratorTheRequestIsRefused) {
   EXPECT_TRUE(archiveIsGone());
 }
 
-TEST_F(SupportSystem, AFailedUploadRemovesTheArchive) {
+TEST_F(SupportSystem, FailedUploadRemovesArchive) {
   EXPECT_EQ(requester().outcomeOf({{"what", "supportInfo"}, {"uri", "http://127.0.0.1:1/"}}),
             "TRANSFER_FAILED");
   EXPECT_TRUE(eventually(archiveIsGone)) << "the event goes out before the file";

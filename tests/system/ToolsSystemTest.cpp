@@ -35,7 +35,7 @@ class ToolsSystem : public SharedCamera {
   }
 };
 
-TEST_F(ToolsSystem, ASaveWhoseToolFailsOrDiesIsAFailedRequest) {
+TEST_F(ToolsSystem, FailingOrKilledSaveToolFailsRequest) {
   for (const auto& [setting, content] : {std::pair{"exit", "1"}, {"kill", "KILL"}}) {
     const LogMark mark(camera());
     const HostProcess server = controlServer(camera());
@@ -50,7 +50,7 @@ TEST_F(ToolsSystem, ASaveWhoseToolFailsOrDiesIsAFailedRequest) {
   }
 }
 
-TEST_F(ToolsSystem, AToolThatPrintsAMegabyteIsNoMatter) {
+TEST_F(ToolsSystem, MegabyteOfToolOutputIsHarmless) {
   const HostProcess server = controlServer(camera());
   ASSERT_EQ(call(save()), "status 0");
   const std::size_t before = server.peakResidentKiB();
@@ -60,7 +60,7 @@ TEST_F(ToolsSystem, AToolThatPrintsAMegabyteIsNoMatter) {
   EXPECT_LT(server.peakResidentKiB(), before + 512);
 }
 
-TEST_F(ToolsSystem, WhatIsAskedWhileAToolHangsIsAnsweredAfterIt) {
+TEST_F(ToolsSystem, RequestsDuringHangingToolAreAnsweredAfterIt) {
   camera().misbehave("cfgmtd", "sleep", "2");
   BusClient saver(camera().busAddress());
   BusClient other(camera().busAddress());
@@ -78,7 +78,7 @@ TEST_F(ToolsSystem, WhatIsAskedWhileAToolHangsIsAnsweredAfterIt) {
   EXPECT_EQ(saver.outcomes().count("status 0"), 1U);
 }
 
-TEST_F(ToolsSystem, AToolThatHangsIsEndedAfterItsTime) {
+TEST_F(ToolsSystem, HangingToolIsEndedAfterItsTime) {
   const char* tool = "kova_cmd_apply_camera_name.sh";
   camera().misbehave(tool, "sleep", "1000");
   const LogMark mark(camera());
@@ -100,7 +100,7 @@ TEST_F(ToolsSystem, AToolThatHangsIsEndedAfterItsTime) {
   EXPECT_EQ(call(request("GetSystemStats")), "status 0");
 }
 
-TEST_F(ToolsSystem, ARebootThatFailsIsToldAndWaitedForAllTheSame) {
+TEST_F(ToolsSystem, FailedRebootIsReportedAndWaitedFor) {
   const LogMark mark(camera());
   const int boot = camera().boots();
   const std::size_t saves = runs(kSave);
@@ -128,7 +128,7 @@ TEST_F(ToolsSystem, ARebootThatFailsIsToldAndWaitedForAllTheSame) {
   EXPECT_TRUE(camera().waitForService());
 }
 
-TEST_F(ToolsSystem, AFailingEraseIsTriedAtEveryPassAndNothingReboots) {
+TEST_F(ToolsSystem, FailingEraseIsRetriedWithoutReboot) {
   const LogMark mark(camera());
   const int boot = camera().boots();
   const std::size_t erasures = runs(kErase);
@@ -162,7 +162,7 @@ class ServicesSystem : public ToolsSystem {
   }
 };
 
-TEST_F(ServicesSystem, AServiceIsStartedAndStopped) {
+TEST_F(ServicesSystem, ServiceIsStartedAndStopped) {
   const auto script = camera().root() / "etc/sv/testservice/run";
   writeFile(script, "#!/bin/sh\nexec sleep 1000\n");
   ASSERT_EQ(chmod(script.c_str(), 0755), 0);
@@ -178,7 +178,7 @@ TEST_F(ServicesSystem, AServiceIsStartedAndStopped) {
   EXPECT_TRUE(mark.waitFor(": somebody tried to stop testservice service and succeeded"));
 }
 
-TEST_F(ServicesSystem, WhatManagesTheCameraIsNotStopped) {
+TEST_F(ServicesSystem, EssentialServiceIsNotStopped) {
   std::filesystem::create_symlink("/etc/sv/syslogd", camera().root() / "etc/sv/log-too");
   const LogMark mark(camera());
   for (const auto& name : {"kova_bus"s, "kova_ctlserver"s, "syslogd"s, "log-too"s}) {
@@ -193,7 +193,7 @@ TEST_F(ServicesSystem, WhatManagesTheCameraIsNotStopped) {
   EXPECT_EQ(call(ask("StartService", text("syslogd"))), "status 0");
 }
 
-TEST_F(ServicesSystem, UnknownAndOddNamesAreRefused) {
+TEST_F(ServicesSystem, InvalidServiceNamesAreRefused) {
   const LogMark mark(camera());
   const std::size_t reboots = runs(kReboot);
   const std::string before = camera().pidOf("kova_sounds_leds");

@@ -13,7 +13,7 @@ class UriSystem : public GetSystem {
   }
 };
 
-TEST_F(UriSystem, WithoutAUriNothingStarts) {
+TEST_F(UriSystem, NothingStartsWithoutUri) {
   for (const Variant& uri : {Variant(""), Variant("_UNINITIALIZED_"), Variant(), Variant(7)}) {
     for (const char* what : {"snapshot", "supportInfo", "logo", "sound"}) {
       expectRefused({{"what", what}, {"uri", uri}, {"hash", "x"}}, "URI must be set");
@@ -21,7 +21,7 @@ TEST_F(UriSystem, WithoutAUriNothingStarts) {
   }
 }
 
-TEST_F(UriSystem, OtherProtocolsThanHttpAreNotSpoken) {
+TEST_F(UriSystem, OtherProtocolsAreRefused) {
   writeFile(inside("/tmp/user_logo_source"), picture(3, 3));
   for (const std::string uri :
        {"ftp://127.0.0.1/x", "file:///etc/passwd", "file:///tmp/user_logo_source",
@@ -34,13 +34,13 @@ TEST_F(UriSystem, OtherProtocolsThanHttpAreNotSpoken) {
   std::filesystem::remove(inside("/tmp/user_logo_source"));
 }
 
-TEST_F(UriSystem, ARedirectToAFileIsNotFollowed) {
+TEST_F(UriSystem, RedirectToFileIsNotFollowed) {
   const engine::RawServer server(engine::answering(
       "HTTP/1.1 302 Found\r\nLocation: file:///etc/passwd\r\nContent-Length: 0\r\n\r\n"));
   EXPECT_EQ(fetched(server.uri()), "TRANSFER_FAILED");
 }
 
-TEST_F(UriSystem, CredentialsGoToTheServerTheyAreFor) {
+TEST_F(UriSystem, CredentialsGoOnlyToTheirServer) {
   std::atomic<bool> authorised = false;
   const engine::RawServer server([&](engine::Connection& connection) {
     if (connection.readRequest()) {
@@ -55,7 +55,7 @@ TEST_F(UriSystem, CredentialsGoToTheServerTheyAreFor) {
   EXPECT_TRUE(authorised);
 }
 
-TEST_F(UriSystem, ControlCharactersFailTheTransferAndForgeNoLogLine) {
+TEST_F(UriSystem, ControlCharactersFailTransferAndForgeNoLogLine) {
   const LogMark mark(camera());
   const PlainServer server("x");
   for (const std::string text : {"\n", "\r\n\r\nGET /forged HTTP/1.1\r\n\r\n", "\x01", "\x7f",
@@ -69,14 +69,14 @@ TEST_F(UriSystem, ControlCharactersFailTheTransferAndForgeNoLogLine) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
-TEST_F(UriSystem, AUriOfAlmostAMebibyteComesToAnEnd) {
+TEST_F(UriSystem, UriOfAlmostOneMebibyteEnds) {
   EXPECT_EQ(fetched("http://127.0.0.1:1/" + std::string(1'000'000, 'x')), "TRANSFER_FAILED");
   EXPECT_EQ(fetched("http://" + std::string(1'000'000, 'x') + "/"), "TRANSFER_FAILED");
 }
 
 class TimeOutSystem : public GetSystem {};
 
-TEST_F(TimeOutSystem, OfZeroRefusesEveryGetAndPut) {
+TEST_F(TimeOutSystem, ZeroRefusesEveryGetAndPut) {
   for (const char* what :
        {"snapshot", "supportInfo", "eventSnapshot", "eventHeatmap", "logo", "sound"}) {
     expectRefused({{"what", what},
@@ -88,7 +88,7 @@ TEST_F(TimeOutSystem, OfZeroRefusesEveryGetAndPut) {
   }
 }
 
-TEST_F(TimeOutSystem, EndsATransferThatIsNotAnswered) {
+TEST_F(TimeOutSystem, EndsUnansweredTransfer) {
   const SilentServer server;
   for (const unsigned timeoutMs : {1U, 999U, 1500U}) {
     for (const char* what : {"snapshot", "logo"}) {
@@ -104,7 +104,7 @@ TEST_F(TimeOutSystem, EndsATransferThatIsNotAnswered) {
   }
 }
 
-TEST_F(TimeOutSystem, LongerThanTheTransportCountsIsTaken) {
+TEST_F(TimeOutSystem, ValueBeyondTransportRangeIsAccepted) {
   writeFile(inside("/tmp/heatmap_800.png"), "x");
   for (const char* name : {"first", "second"}) {
     get("eventHeatmap", name, {{"filename", "heatmap_800.png"}, {"timeoutMs", 4294967295U}});

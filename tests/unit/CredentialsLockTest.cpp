@@ -27,7 +27,7 @@ class LockTest : public CredentialsTest {
   }
 };
 
-TEST_F(LockTest, DisablingMarksTheStoredHashAndLocksTheSystemsAccount) {
+TEST_F(LockTest, DisablingMarksStoredHashAndLocksSystemAccount) {
   EXPECT_TRUE(disable());
   EXPECT_EQ(stored("users.1.password"), "!old$secret");
   EXPECT_THAT(
@@ -38,7 +38,7 @@ TEST_F(LockTest, DisablingMarksTheStoredHashAndLocksTheSystemsAccount) {
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(LockTest, EnablingTakesTheMarkOffAndUnlocksTheSystemsAccount) {
+TEST_F(LockTest, EnablingUnmarksStoredHashAndUnlocksSystemAccount) {
   platform().config.values["users.1.password"] = "!old$secret";
   platform().accounts.hashes["admin"] = "!old$secret";
   EXPECT_TRUE(enable());
@@ -50,7 +50,7 @@ TEST_F(LockTest, EnablingTakesTheMarkOffAndUnlocksTheSystemsAccount) {
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(LockTest, DisablingTwiceLeavesOneMarkAndRewritesTheStore) {
+TEST_F(LockTest, DisablingTwiceLeavesOneMark) {
   EXPECT_TRUE(disable());
   platform().journal.clear();
   EXPECT_TRUE(disable());
@@ -60,7 +60,7 @@ TEST_F(LockTest, DisablingTwiceLeavesOneMarkAndRewritesTheStore) {
                           "set users.1.password=!old$secret", "close true false"));
 }
 
-TEST_F(LockTest, EnablingAnUnlockedAccountOnlyRewritesTheStore) {
+TEST_F(LockTest, EnablingUnlockedAccountOnlyRewritesStore) {
   EXPECT_TRUE(enable());
   EXPECT_EQ(stored("users.1.password"), "old$secret");
   EXPECT_THAT(platform().journal,
@@ -68,7 +68,7 @@ TEST_F(LockTest, EnablingAnUnlockedAccountOnlyRewritesTheStore) {
                           "set users.1.password=old$secret", "close true false"));
 }
 
-TEST_F(LockTest, EnablingTakesOffOneMarkOnly) {
+TEST_F(LockTest, EnablingRemovesOnlyOneMark) {
   platform().config.values["users.1.password"] = "!!old$secret";
   EXPECT_TRUE(enable());
   EXPECT_EQ(stored("users.1.password"), "!old$secret");
@@ -80,7 +80,7 @@ TEST_F(LockTest, EmptyStoredHashCanBeLocked) {
   EXPECT_EQ(stored("users.1.password"), "!");
 }
 
-TEST_F(LockTest, StoredHashIsLockedEvenIfTheSystemsAccountIsNot) {
+TEST_F(LockTest, StoredHashIsLockedEvenIfSystemAccountIsNot) {
   platform().accounts.lockResult = false;
   EXPECT_TRUE(disable());
   EXPECT_EQ(stored("users.1.password"), "!old$secret");
@@ -88,7 +88,7 @@ TEST_F(LockTest, StoredHashIsLockedEvenIfTheSystemsAccountIsNot) {
                                                   "Failed to lock user: admin"}));
 }
 
-TEST_F(LockTest, StoredHashIsUnlockedEvenIfTheSystemsAccountIsNot) {
+TEST_F(LockTest, StoredHashIsUnlockedEvenIfSystemAccountIsNot) {
   platform().config.values["users.1.password"] = "!old$secret";
   platform().accounts.lockResult = false;
   EXPECT_TRUE(enable());
@@ -112,7 +112,7 @@ struct LockFailure {
 
 class LockFailureTest : public LockTest, public testing::WithParamInterface<LockFailure> {};
 
-TEST_P(LockFailureTest, FailsAndLeavesTheStoreAsItWas) {
+TEST_P(LockFailureTest, FailsAndLeavesStore) {
   GetParam().arrange(platform().config);
   const auto before = platform().config.values;
   const LogLine line{"CtlServer", "ProcessUsernamePassword", LOG_ERR, 0, GetParam().text};
@@ -140,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(
                     LockFailure{"Failed to close system.cfg manager",
                                 [](auto& store) { store.closeResult = false; }}));
 
-TEST_F(LockTest, AccountIsNotTouchedWithoutAStoredHash) {
+TEST_F(LockTest, AccountWithoutStoredHashIsNotTouched) {
   platform().config.values.erase("users.1.password");
   EXPECT_FALSE(disable());
   EXPECT_THAT(platform().journal, Not(Contains(StartsWith("lockPassword"))));

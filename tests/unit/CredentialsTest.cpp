@@ -13,27 +13,27 @@ using testing::Not;
 using testing::StartsWith;
 using variant::Variant;
 
-TEST_F(CredentialsTest, RequestWithoutFieldsReadsTheNameAndChangesNothing) {
+TEST_F(CredentialsTest, RequestWithoutFieldsOnlyReadsName) {
   EXPECT_TRUE(change({}));
   EXPECT_EQ(reply_, Variant(Variant::Map{{"username", "admin"}}));
   EXPECT_THAT(platform().log, IsEmpty());
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, StoreThatCannotBeOpenedFails) {
+TEST_F(CredentialsTest, UnopenableStoreFails) {
   platform().config.initResult = false;
   EXPECT_FALSE(change({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to initialize system.cfg manager")));
 }
 
-TEST_F(CredentialsTest, NameThatCannotBeReadFails) {
+TEST_F(CredentialsTest, UnreadableNameFails) {
   platform().config.failingGet = "users.1.name";
   EXPECT_FALSE(change({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to read username")));
   EXPECT_TRUE(reply_.IsEmpty());
 }
 
-TEST_F(CredentialsTest, NameMissingFromTheStoreFails) {
+TEST_F(CredentialsTest, NameMissingFromStoreFails) {
   platform().config.values.erase("users.1.name");
   EXPECT_FALSE(change({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Username missing from the system.cfg")));
@@ -45,7 +45,7 @@ TEST_F(CredentialsTest, NameMissingFromTheStoreFails) {
 class IncompleteClaimTest : public CredentialsTest,
                             public testing::WithParamInterface<Variant::Map> {};
 
-TEST_P(IncompleteClaimTest, ChangeNeedsTheNameAndTheOldPassword) {
+TEST_P(IncompleteClaimTest, NeedsNameAndOldPassword) {
   EXPECT_FALSE(change(GetParam()));
   EXPECT_THAT(platform().log, ElementsAre(error("Username and old password must be present")));
   EXPECT_EQ(reply_.Find("username"), nullptr);
@@ -59,7 +59,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Variant::Map{{"username", "a"}, {"passwordNew", "fresh"}},
                     Variant::Map{{"passwordOld", "secret"}, {"passwordNew", "fresh"}}));
 
-TEST_F(CredentialsTest, EmptyOldPasswordIsRefusedBeforeTheNameIsLookedAt) {
+TEST_F(CredentialsTest, EmptyOldPasswordIsRefusedBeforeName) {
   EXPECT_FALSE(change({{"username", "no:name"}, {"passwordOld", ""}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Old password empty")));
   expectNothingWritten();
@@ -91,7 +91,7 @@ TEST_F(CredentialsTest, PasswordLimitCountsBytesNotCharacters) {
               ElementsAre(error("Old password too long"), error("New password too long")));
 }
 
-TEST_F(CredentialsTest, NameThatIsNoneIsRefusedBeforeAnythingIsChecked) {
+TEST_F(CredentialsTest, InvalidNameIsRefusedBeforePasswordCheck) {
   reply_["kept"] = true;
   for (const char* name : {"", "a:0:0", "a\nroot::0:0", "1st", "a b", "../x", "$(id)"}) {
     platform().log.clear();
@@ -105,13 +105,13 @@ TEST_F(CredentialsTest, NameThatIsNoneIsRefusedBeforeAnythingIsChecked) {
 
 // The check of the old password.
 
-TEST_F(CredentialsTest, ReplyIsEmptiedOnceTheClaimIsComplete) {
+TEST_F(CredentialsTest, ReplyIsEmptiedOnceClaimIsComplete) {
   reply_["stale"] = true;
   EXPECT_FALSE(change({{"username", "admin"}, {"passwordOld", "wrong"}}));
   EXPECT_TRUE(reply_.IsEmpty());
 }
 
-TEST_F(CredentialsTest, HashThatCannotBeReadFailsNamingTheStoredUser) {
+TEST_F(CredentialsTest, UnreadableHashFailsNamingStoredUser) {
   platform().accounts.readResult = EACCES;
   EXPECT_FALSE(change({{"username", "boss"}, {"passwordOld", "secret"}}));
   EXPECT_THAT(platform().log,
@@ -120,13 +120,13 @@ TEST_F(CredentialsTest, HashThatCannotBeReadFailsNamingTheStoredUser) {
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, WrongOldPasswordFailsNamingTheStoredUser) {
+TEST_F(CredentialsTest, WrongOldPasswordFailsNamingStoredUser) {
   EXPECT_FALSE(change({{"username", "boss"}, {"passwordOld", "wrong"}, {"passwordNew", ""}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Authentication failure for user admin")));
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, OldPasswordThatCannotBeCheckedFails) {
+TEST_F(CredentialsTest, UncheckableOldPasswordFails) {
   platform().accounts.authenticateResults = {EIO};
   EXPECT_FALSE(change({{"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", "n"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Authentication failure for user admin")));
@@ -147,7 +147,7 @@ TEST_F(CredentialsTest, EmptyNewPasswordIsRefused) {
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, NewPasswordOf64BytesIsTakenAndOf65Refused) {
+TEST_F(CredentialsTest, NewPasswordOver64BytesIsRefused) {
   EXPECT_FALSE(change(
       {{"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", std::string(65, 'p')}}));
   EXPECT_THAT(platform().log, ElementsAre(error("New password too long")));
@@ -157,7 +157,7 @@ TEST_F(CredentialsTest, NewPasswordOf64BytesIsTakenAndOf65Refused) {
   EXPECT_EQ(stored("users.1.password"), "salt1$" + std::string(64, 'p'));
 }
 
-TEST_F(CredentialsTest, NewPasswordThatCannotBeCheckedFails) {
+TEST_F(CredentialsTest, UncheckableNewPasswordFails) {
   platform().accounts.authenticateResults = {0, EIO};
   EXPECT_FALSE(change({{"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "n"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Authentication failure for user admin")));
@@ -165,7 +165,7 @@ TEST_F(CredentialsTest, NewPasswordThatCannotBeCheckedFails) {
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, NewPasswordWithANulIsRefused) {
+TEST_F(CredentialsTest, NewPasswordWithNulIsRefused) {
   for (const std::string& password : {std::string("\0rest", 5), std::string("part\0rest", 9)}) {
     platform().log.clear();
     EXPECT_FALSE(
@@ -175,7 +175,7 @@ TEST_F(CredentialsTest, NewPasswordWithANulIsRefused) {
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, AccountNeverGetsAnEmptyHash) {
+TEST_F(CredentialsTest, AccountNeverGetsEmptyHash) {
   platform().accounts.saltResult = false;
   EXPECT_FALSE(
       change({{"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", "fresh"}}));
@@ -183,7 +183,7 @@ TEST_F(CredentialsTest, AccountNeverGetsAnEmptyHash) {
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, NeitherPasswordsNorHashesAreLogged) {
+TEST_F(CredentialsTest, PasswordsAndHashesAreNotLogged) {
   platform().config.closeResult = false;
   change({{"username", "boss"}, {"passwordOld", "wrong-guess"}, {"passwordNew", "fresh-one"}});
   change({{"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "fresh-one"}});

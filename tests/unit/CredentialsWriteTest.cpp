@@ -22,7 +22,7 @@ const Variant::Map kNewPassword{
 const Variant::Map kNewNameAndPassword{
     {"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "fresh"}};
 
-TEST_F(CredentialsTest, SameNameWithoutANewPasswordWritesNothing) {
+TEST_F(CredentialsTest, SameNameWithoutNewPasswordWritesNothing) {
   EXPECT_TRUE(change({{"username", "admin"}, {"passwordOld", "secret"}}));
   EXPECT_EQ(platform().accounts.salts, 0U);
   EXPECT_THAT(platform().log, IsEmpty());
@@ -36,7 +36,7 @@ TEST_F(CredentialsTest, SameNameAndSamePasswordWriteNothing) {
   expectNothingWritten();
 }
 
-TEST_F(CredentialsTest, NewPasswordGoesToTheStoreAndToTheAccountFile) {
+TEST_F(CredentialsTest, NewPasswordGoesToStoreAndAccountFile) {
   EXPECT_TRUE(change(kNewPassword));
   EXPECT_THAT(platform().journal,
               ElementsAre("SystemCfgManager::init", "get users.1.name",
@@ -48,7 +48,7 @@ TEST_F(CredentialsTest, NewPasswordGoesToTheStoreAndToTheAccountFile) {
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(CredentialsTest, NewNameAloneKeepsTheSystemsHash) {
+TEST_F(CredentialsTest, NewNameAloneKeepsSystemHash) {
   platform().accounts.hashes["admin"] = "system$secret";
   EXPECT_TRUE(change({{"username", "boss"}, {"passwordOld", "secret"}}));
   EXPECT_EQ(stored("users.1.name"), "boss");
@@ -57,14 +57,14 @@ TEST_F(CredentialsTest, NewNameAloneKeepsTheSystemsHash) {
   EXPECT_EQ(platform().accounts.salts, 0U);
 }
 
-TEST_F(CredentialsTest, NewNameWithTheSamePasswordGetsAFreshHashInTheAccountFileOnly) {
+TEST_F(CredentialsTest, NewNameWithSamePasswordRehashesOnlyAccountFile) {
   EXPECT_TRUE(change({{"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "secret"}}));
   EXPECT_EQ(stored("users.1.name"), "boss");
   EXPECT_EQ(stored("users.1.password"), "old$secret");
   EXPECT_EQ(accounts(), accountLine("boss", "salt1$secret"));
 }
 
-TEST_F(CredentialsTest, NewNameIsStoredBeforeTheNewPassword) {
+TEST_F(CredentialsTest, NewNameIsStoredBeforeNewPassword) {
   EXPECT_TRUE(change(kNewNameAndPassword));
   EXPECT_THAT(
       platform().journal,
@@ -74,12 +74,12 @@ TEST_F(CredentialsTest, NewNameIsStoredBeforeTheNewPassword) {
   EXPECT_EQ(accounts(), accountLine("boss", "salt1$fresh"));
 }
 
-TEST_F(CredentialsTest, NamesThatDifferInCaseDiffer) {
+TEST_F(CredentialsTest, NamesAreCaseSensitive) {
   EXPECT_TRUE(change({{"username", "Admin"}, {"passwordOld", "secret"}}));
   EXPECT_EQ(stored("users.1.name"), "Admin");
 }
 
-TEST_F(CredentialsTest, PasswordFieldIsAddedToTheStoreThatHasNone) {
+TEST_F(CredentialsTest, PasswordFieldIsAddedToStoreWithoutOne) {
   platform().config.values.erase("users.1.password");
   EXPECT_TRUE(change(kNewPassword));
   EXPECT_EQ(stored("users.1.password"), "salt1$fresh");
@@ -87,7 +87,7 @@ TEST_F(CredentialsTest, PasswordFieldIsAddedToTheStoreThatHasNone) {
 
 // Failures.
 
-TEST_F(CredentialsTest, NameThatCannotBeStoredFailsWithTheAccountFileUntouched) {
+TEST_F(CredentialsTest, UnstorableNameFailsWithoutTouchingAccountFile) {
   platform().config.failingSet = "users.1.name";
   EXPECT_FALSE(change(kNewNameAndPassword));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to update username")));
@@ -96,7 +96,7 @@ TEST_F(CredentialsTest, NameThatCannotBeStoredFailsWithTheAccountFileUntouched) 
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
-TEST_F(CredentialsTest, PasswordThatCannotBeStoredLeavesTheStoreOpenAndUnwritten) {
+TEST_F(CredentialsTest, UnstorablePasswordLeavesStoreOpenAndUnwritten) {
   platform().config.failingSet = "users.1.password";
   EXPECT_FALSE(change(kNewNameAndPassword));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to update password")));
@@ -106,14 +106,14 @@ TEST_F(CredentialsTest, PasswordThatCannotBeStoredLeavesTheStoreOpenAndUnwritten
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
-TEST_F(CredentialsTest, StoreThatCannotBeClosedFailsBeforeTheAccountFileIsTouched) {
+TEST_F(CredentialsTest, UnclosableStoreFailsBeforeAccountFileIsTouched) {
   platform().config.closeResult = false;
   EXPECT_FALSE(change(kNewNameAndPassword));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to close system.cfg manager")));
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
-TEST_F(CredentialsTest, AccountFileThatCannotBeOpenedFailsWithTheStoreWritten) {
+TEST_F(CredentialsTest, UnopenableAccountFileFailsWithStoreWritten) {
   ASSERT_EQ(chmod("/etc", 0555), 0);
   EXPECT_FALSE(change(kNewPassword));
   ASSERT_EQ(chmod("/etc", 0755), 0);
@@ -122,7 +122,7 @@ TEST_F(CredentialsTest, AccountFileThatCannotBeOpenedFailsWithTheStoreWritten) {
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
-TEST_F(CredentialsTest, AccountFileThatCannotBeWrittenKeepsItsContent) {
+TEST_F(CredentialsTest, UnwritableAccountFileKeepsItsContent) {
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   const auto ignored = signal(SIGXFSZ, SIG_IGN);
@@ -135,7 +135,7 @@ TEST_F(CredentialsTest, AccountFileThatCannotBeWrittenKeepsItsContent) {
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
-TEST_F(CredentialsTest, AccountFileThatCannotBeReplacedFails) {
+TEST_F(CredentialsTest, IrreplaceableAccountFileFails) {
   // A file that something is mounted on cannot be renamed over.
   ASSERT_EQ(mount(kAccountFile, kAccountFile, nullptr, MS_BIND, nullptr), 0);
   EXPECT_FALSE(change(kNewPassword));
@@ -144,7 +144,7 @@ TEST_F(CredentialsTest, AccountFileThatCannotBeReplacedFails) {
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
-TEST_F(CredentialsTest, MissingAccountFileIsMade) {
+TEST_F(CredentialsTest, MissingAccountFileIsCreated) {
   ASSERT_EQ(unlink(kAccountFile), 0);
   EXPECT_TRUE(change(kNewPassword));
   EXPECT_EQ(accounts(), accountLine("admin", "salt1$fresh"));

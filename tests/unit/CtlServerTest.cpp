@@ -38,12 +38,12 @@ class CtlServerTest : public testing::Test {
   variant::CameraInfo info_;
 };
 
-TEST_F(CtlServerTest, ConstructionDoesNothingVisible) {
+TEST_F(CtlServerTest, ConstructionHasNoVisibleEffect) {
   CtlServer server(info_);
   EXPECT_THAT(platform().journal, IsEmpty());
 }
 
-TEST_F(CtlServerTest, AStatisticsEngineThatFailsEndsInitWithItsResult) {
+TEST_F(CtlServerTest, FailingStatisticsEngineEndsInit) {
   platform().stats.initResult = 17;
   CtlServer server(info_);
   EXPECT_FALSE(server.init(nullptr));
@@ -55,7 +55,7 @@ TEST_F(CtlServerTest, AStatisticsEngineThatFailsEndsInitWithItsResult) {
   EXPECT_THAT(platform().journal, ElementsAre("InitializeStatsLib")) << "later steps do not run";
 }
 
-TEST_F(CtlServerTest, TheStatisticsEngineIsClosedOnlyWhenItWasOpened) {
+TEST_F(CtlServerTest, StatisticsEngineIsClosedOnlyIfOpened) {
   {
     CtlServer server(info_);
     ASSERT_TRUE(server.init(nullptr));
@@ -66,7 +66,7 @@ TEST_F(CtlServerTest, TheStatisticsEngineIsClosedOnlyWhenItWasOpened) {
   EXPECT_THAT(platform().journal, Not(Contains("CloseStatsLib")));
 }
 
-TEST_F(CtlServerTest, AnOwnerOfUploadsThatIsNoUserIsToldAndIgnored) {
+TEST_F(CtlServerTest, UnknownOwnerOfUploadsIsReportedAndIgnored) {
   for (const auto& [owner, name] : {std::pair<Variant, std::string>{"nosuchuser", "nosuchuser"},
                                     {Variant(-5), "-5"},
                                     {Variant(true), "true"}}) {
@@ -78,7 +78,7 @@ TEST_F(CtlServerTest, AnOwnerOfUploadsThatIsNoUserIsToldAndIgnored) {
   }
 }
 
-TEST_F(CtlServerTest, AnOwnerOfUploadsIsANumberOrAName) {
+TEST_F(CtlServerTest, OwnerOfUploadsIsNumberOrName) {
   for (const Variant& owner : {Variant(12345), Variant("12345"), Variant("root")}) {
     info_["upload_owner"] = owner;
     CtlServer server(info_);
@@ -88,7 +88,7 @@ TEST_F(CtlServerTest, AnOwnerOfUploadsIsANumberOrAName) {
   utils::trustFilesOf("0");
 }
 
-TEST_F(CtlServerTest, APendingSaveIsWrittenLastWhenTheServerGoes) {
+TEST_F(CtlServerTest, PendingSaveIsWrittenLastAtDestruction) {
   {
     CtlServer server(info_);
     ASSERT_TRUE(server.init(nullptr));
@@ -98,7 +98,7 @@ TEST_F(CtlServerTest, APendingSaveIsWrittenLastWhenTheServerGoes) {
   EXPECT_THAT(platform().journal, ElementsAre("CloseStatsLib", std::string("run ") + kSave));
 }
 
-TEST_F(CtlServerTest, ServiceReportsAFailingSaveAndGoesOn) {
+TEST_F(CtlServerTest, ServiceReportsFailingSaveAndGoesOn) {
   CtlServer server(info_);
   ASSERT_TRUE(server.init(nullptr));
   fail(kSave);
@@ -114,7 +114,7 @@ TEST_F(CtlServerTest, ServiceReportsAFailingSaveAndGoesOn) {
   platform().onRun = nullptr;
 }
 
-TEST_F(CtlServerTest, PersistDefersAndASecondCallPushesBack) {
+TEST_F(CtlServerTest, SecondPersistPostponesSave) {
   CtlServer server(info_);
   EXPECT_TRUE(server.persist(false));
   platform().nowMs += 3000;
@@ -127,7 +127,7 @@ TEST_F(CtlServerTest, PersistDefersAndASecondCallPushesBack) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
 }
 
-TEST_F(CtlServerTest, ASynchronousPersistWritesAtOnceAndTellsHowItWent) {
+TEST_F(CtlServerTest, SynchronousPersistSavesAtOnceAndReportsResult) {
   CtlServer server(info_);
   EXPECT_TRUE(server.persist(true));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
@@ -136,7 +136,7 @@ TEST_F(CtlServerTest, ASynchronousPersistWritesAtOnceAndTellsHowItWent) {
   platform().onRun = nullptr;
 }
 
-TEST_F(CtlServerTest, AFactoryResetDropsAPendingSave) {
+TEST_F(CtlServerTest, FactoryResetDropsPendingSave) {
   CtlServer server(info_);
   server.persist(false);
   EXPECT_TRUE(server.resetToDefaults());
@@ -153,13 +153,13 @@ TEST_F(CtlServerTest, RebootWaitsThenSavesThenReboots) {
               ElementsAre("sleep 250", std::string("run ") + kSave, std::string("run ") + kReboot));
 }
 
-TEST_F(CtlServerTest, RebootWithoutSavingRunsTheRebootAlone) {
+TEST_F(CtlServerTest, RebootWithoutSaveOnlyReboots) {
   CtlServer server(info_);
   EXPECT_TRUE(server.reboot(false, 0, false));
   EXPECT_THAT(platform().commands, ElementsAre(kReboot));
 }
 
-TEST_F(CtlServerTest, RebootGoesOnWhenTheSaveFails) {
+TEST_F(CtlServerTest, RebootGoesOnIfSaveFails) {
   CtlServer server(info_);
   fail(kSave);
   server.reboot(false, 0, true);
@@ -167,7 +167,7 @@ TEST_F(CtlServerTest, RebootGoesOnWhenTheSaveFails) {
   EXPECT_EQ(platform().log.back(), (LogLine{"CtlServer", "reboot", 3, 0, "Failed to persist"}));
 }
 
-TEST_F(CtlServerTest, RebootEntersItsEndlessWaitEvenWhenTheCommandFailed) {
+TEST_F(CtlServerTest, RebootWaitsEndlesslyEvenIfCommandFails) {
   CtlServer server(info_);
   fail(kReboot);
   platform().onSleep = [waits = 0](int milliseconds) mutable {
@@ -181,7 +181,7 @@ TEST_F(CtlServerTest, RebootEntersItsEndlessWaitEvenWhenTheCommandFailed) {
                           LogLine{"CtlServer", "reboot", 6, 0, "Entering reboot wait mode"}));
 }
 
-TEST_F(CtlServerTest, ServicesAreStartedAndStoppedByThePlatformAlone) {
+TEST_F(CtlServerTest, ServicesAreStartedAndStoppedOnlyByPlatform) {
   CtlServer server(info_);
   platform().onService = [](const std::string& verb, const std::string& name) {
     return verb == "start" || name.empty();
@@ -193,7 +193,7 @@ TEST_F(CtlServerTest, ServicesAreStartedAndStoppedByThePlatformAlone) {
   EXPECT_THAT(platform().journal, ElementsAre("EnableService ntpd; reboot", "DisableService ntpd"));
 }
 
-TEST_F(CtlServerTest, NothingIsRememberedOfAService) {
+TEST_F(CtlServerTest, ServicesAreNotRemembered) {
   CtlServer server(info_);
   ipc::messages::StartService start{Variant(Variant::Map{{"service", "ntpd"}})};
   ipc::messages::StopService stop{Variant(Variant::Map{{"service", "ntpd"}})};
@@ -205,7 +205,7 @@ TEST_F(CtlServerTest, NothingIsRememberedOfAService) {
                                               "EnableService ntpd", "DisableService ntpd"));
 }
 
-TEST_F(CtlServerTest, ARequestThatIsNoMapNamesNoService) {
+TEST_F(CtlServerTest, NonMapRequestNamesNoService) {
   CtlServer server(info_);
   ipc::messages::StartService start{Variant("text")};
   server.startService(start);
@@ -215,7 +215,7 @@ TEST_F(CtlServerTest, ARequestThatIsNoMapNamesNoService) {
   EXPECT_THAT(platform().journal, ElementsAre("EnableService ", "DisableService "));
 }
 
-TEST_F(CtlServerTest, AServiceThatIsNoTextIsTheEmptyName) {
+TEST_F(CtlServerTest, NonTextServiceIsEmptyName) {
   CtlServer server(info_);
   ipc::messages::StartService none;
   EXPECT_TRUE(server.startService(none));

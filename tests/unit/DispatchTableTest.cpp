@@ -51,7 +51,7 @@ class DispatchTableTest : public testing::Test {
   CtlCommandsHandler handler_{&ipc_, &server_};
 };
 
-TEST_F(DispatchTableTest, HasTheFifteenFunctionsInTheirOrder) {
+TEST_F(DispatchTableTest, ListsFifteenFunctionsInOrder) {
   EXPECT_THAT(
       CtlCommandsHandler::functionNames(),
       ElementsAre("GetSystemStats", "Reboot", "ChangeDeviceSettings", "UpdateFirmwareRequest",
@@ -60,7 +60,7 @@ TEST_F(DispatchTableTest, HasTheFifteenFunctionsInTheirOrder) {
                   "ExitService", "ResetToDefaults", "StartService", "StopService"));
 }
 
-TEST_F(DispatchTableTest, ChangedSettingsAreAnsweredByDefaultWithTheirPayload) {
+TEST_F(DispatchTableTest, ChangedSettingsAreAnsweredByDefaultWithPayload) {
   Variant response = ask("ChangeDeviceSettings", {{"name", "Yard"}});
   EXPECT_EQ(response["statusCode"], status(0));
   EXPECT_EQ(response["payload"],
@@ -68,7 +68,7 @@ TEST_F(DispatchTableTest, ChangedSettingsAreAnsweredByDefaultWithTheirPayload) {
   EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Yard");
 }
 
-TEST_F(DispatchTableTest, RestoredSettingsAreAnsweredOnlyWhenThatIsAskedFor) {
+TEST_F(DispatchTableTest, RestoredSettingsAreAnsweredOnlyOnRequest) {
   EXPECT_TRUE(ask("ResetDeviceSettings").IsEmpty());
   EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Kova Camera");
   Variant response = ask("ResetDeviceSettings", {{"responseExpected", true}});
@@ -77,7 +77,7 @@ TEST_F(DispatchTableTest, RestoredSettingsAreAnsweredOnlyWhenThatIsAskedFor) {
             Variant(Map{{"name", "Kova Camera"}, {"timezone", "GMT"}, {"region", "US"}}));
 }
 
-TEST_F(DispatchTableTest, TheAdministratorsNameIsInThePayload) {
+TEST_F(DispatchTableTest, AdministratorNameIsInPayload) {
   Variant response = ask("ChangeUsernamePassword");
   EXPECT_EQ(response["statusCode"], status(0));
   EXPECT_EQ(response["payload"], Variant(Map{{"username", "admin"}}));
@@ -96,7 +96,7 @@ TEST_F(DispatchTableTest, DisablingLocksAndEnablingUnlocks) {
   EXPECT_EQ(ask("EnableUsernamePassword")["statusCode"], status(1));
 }
 
-TEST_F(DispatchTableTest, ARefusedServiceIsAnsweredWithOneForStartAndStop) {
+TEST_F(DispatchTableTest, RefusedServiceAnswersOneForStartAndStop) {
   platform().onService = [](const std::string&, const std::string&) { return false; };
   const Map fields = {{"from", "manager"}, {"service", "nosuch"}, {"responseExpected", true}};
   EXPECT_EQ(ask("StartService", fields)["statusCode"], status(1));
@@ -106,7 +106,7 @@ TEST_F(DispatchTableTest, ARefusedServiceIsAnsweredWithOneForStartAndStop) {
                           "manager tried to stop nosuch service and failed"));
 }
 
-TEST_F(DispatchTableTest, TransfersReachTheirOperationAndAreNeverAnswered) {
+TEST_F(DispatchTableTest, TransfersReachTheirOperationUnanswered) {
   const Map fields = {{"responseExpected", true}};
   // Refused for want of a word, in a log line of the operation's own.
   EXPECT_TRUE(ask("GetRequest", fields).IsEmpty());
@@ -125,7 +125,7 @@ TEST_F(DispatchTableTest, TransfersReachTheirOperationAndAreNeverAnswered) {
               Contains(testing::Field(&fakes::LogLine::function, "updateFirmware")));
 }
 
-TEST_F(DispatchTableTest, TheRequestItselfIsNotRepaired) {
+TEST_F(DispatchTableTest, RequestItselfIsNotRepaired) {
   ipc::messages::BaseRequestMessage request{
       Variant(Map{{"functionName", "StopService"}, {"service", 12}})};
   bool rejected = false;

@@ -44,11 +44,11 @@ class DispatchTest : public testing::Test {
   CtlCommandsHandler handler_{&ipc_, &server_};
 };
 
-TEST_F(DispatchTest, TheHandlerHasItsName) {
+TEST_F(DispatchTest, HandlerHasItsName) {
   EXPECT_EQ(handler_.name(), "CtlHandler");
 }
 
-TEST_F(DispatchTest, AnEmptyStatisticsRequestExpectsAResponse) {
+TEST_F(DispatchTest, EmptyStatisticsRequestExpectsResponse) {
   EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}, {"id", 77}, {"from", "peer"}}));
   ASSERT_EQ(platform().bus.responses.size(), 1U);
   EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
@@ -56,7 +56,7 @@ TEST_F(DispatchTest, AnEmptyStatisticsRequestExpectsAResponse) {
   EXPECT_NE(lastResponse().Find("payload")->Find("memory"), nullptr);
 }
 
-TEST_F(DispatchTest, AFailedOperationAnswersOneWithWhatWasFilled) {
+TEST_F(DispatchTest, FailedOperationAnswersOneWithPartialPayload) {
   platform().stats.loadResult = 1;
   EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}}));
   EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{1}));
@@ -64,7 +64,7 @@ TEST_F(DispatchTest, AFailedOperationAnswersOneWithWhatWasFilled) {
   EXPECT_EQ(lastResponse().Find("payload")->Find("loadavg"), nullptr);
 }
 
-TEST_F(DispatchTest, ARequestThatExpectsNoResponseIsCarriedOutAndNotAnswered) {
+TEST_F(DispatchTest, RequestWithoutResponseIsCarriedOutUnanswered) {
   EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}, {"responseExpected", false}}));
   EXPECT_TRUE(handle({{"functionName", "SaveToFlash"}, {"sync", true}}));
   EXPECT_TRUE(handle({{"functionName", "ResetToDefaults"}}));
@@ -72,19 +72,19 @@ TEST_F(DispatchTest, ARequestThatExpectsNoResponseIsCarriedOutAndNotAnswered) {
   EXPECT_THAT(platform().bus.responses, IsEmpty());
 }
 
-TEST_F(DispatchTest, TheResultOfSendingTheResponseIsPassedOn) {
+TEST_F(DispatchTest, ResultOfSendingResponseIsReturned) {
   platform().bus.sendResult = false;
   EXPECT_FALSE(handle({{"functionName", "GetSystemStats"}}));
 }
 
-TEST_F(DispatchTest, ADeferredSaveIsAnsweredBeforeItIsWritten) {
+TEST_F(DispatchTest, DeferredSaveIsAnsweredBeforeItIsWritten) {
   EXPECT_TRUE(handle({{"functionName", "SaveToFlash"}, {"responseExpected", true}}));
   EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
   EXPECT_TRUE(lastResponse().Find("payload")->IsEmpty());
   EXPECT_THAT(platform().commands, IsEmpty());
 }
 
-TEST_F(DispatchTest, ASynchronousSaveIsAnsweredAfterItWasWrittenOrFailed) {
+TEST_F(DispatchTest, SynchronousSaveIsAnsweredAfterItEnds) {
   const Map request{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}};
   EXPECT_TRUE(handle(request));
   EXPECT_THAT(platform().journal, ElementsAre(std::string("run ") + kSave, "Ipc::SendResponse"));
@@ -95,7 +95,7 @@ TEST_F(DispatchTest, ASynchronousSaveIsAnsweredAfterItWasWrittenOrFailed) {
   platform().onRun = nullptr;
 }
 
-TEST_F(DispatchTest, AFactoryResetIsOnlyScheduledAndAlwaysAnsweredZero) {
+TEST_F(DispatchTest, FactoryResetIsOnlyScheduledAndAnsweredZero) {
   EXPECT_TRUE(handle({{"functionName", "ResetToDefaults"}, {"responseExpected", true}}));
   EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
   EXPECT_THAT(platform().commands, IsEmpty());
@@ -104,14 +104,14 @@ TEST_F(DispatchTest, AFactoryResetIsOnlyScheduledAndAlwaysAnsweredZero) {
   EXPECT_THAT(platform().commands, ElementsAre("/bin/cfgmtd -c", "/usr/bin/reboot"));
 }
 
-TEST_F(DispatchTest, ExitServiceSetsTheFlagAndIsNeverAnswered) {
+TEST_F(DispatchTest, ExitServiceSetsFlagAndIsNeverAnswered) {
   EXPECT_FALSE(handler_.exitRequested());
   EXPECT_TRUE(handle({{"functionName", "ExitService"}, {"responseExpected", true}}));
   EXPECT_TRUE(handler_.exitRequested());
   EXPECT_THAT(platform().bus.responses, IsEmpty());
 }
 
-TEST_F(DispatchTest, RebootWaitsItsDelaySavesRebootsAndNeverReturns) {
+TEST_F(DispatchTest, RebootDelaysSavesRebootsAndNeverReturns) {
   platform().onSleep = [waits = 0](int milliseconds) mutable {
     if (milliseconds == 1000 && ++waits == 3) {
       throw LeaveWait();
@@ -124,7 +124,7 @@ TEST_F(DispatchTest, RebootWaitsItsDelaySavesRebootsAndNeverReturns) {
                           "sleep 1000", "sleep 1000", "sleep 1000"));
 }
 
-TEST_F(DispatchTest, DelayThatNoIntHoldsIsNone) {
+TEST_F(DispatchTest, DelayOutsideIntIsZero) {
   platform().onSleep = [](int) { throw LeaveWait(); };
   for (const Variant& delay : {Variant(-1), Variant(4294967295U), Variant(2147483648U)}) {
     EXPECT_THROW(handle({{"functionName", "Reboot"}, {"delayMs", delay}}), LeaveWait);
@@ -133,7 +133,7 @@ TEST_F(DispatchTest, DelayThatNoIntHoldsIsNone) {
   EXPECT_THAT(platform().journal, ElementsAre("sleep 0", "sleep 0", "sleep 0", "sleep 2147483647"));
 }
 
-TEST_F(DispatchTest, ServiceAttemptsAreLoggedWithWhoAndHowItWent) {
+TEST_F(DispatchTest, ServiceRequestsAreLoggedWithSenderAndResult) {
   platform().onService = [](const std::string&, const std::string& name) { return name == "sshd"; };
   EXPECT_TRUE(handle({{"functionName", "StartService"}, {"from", "manager"}, {"service", "sshd"}}));
   EXPECT_TRUE(handle({{"functionName", "StopService"},
@@ -162,7 +162,7 @@ TEST_F(DispatchTest, NamesAreComparedExactly) {
   EXPECT_THAT(platform().bus.responses, IsEmpty());
 }
 
-TEST_F(DispatchTest, ResponsesToTheDaemonAreIgnored) {
+TEST_F(DispatchTest, ResponsesToDaemonAreIgnored) {
   BaseRequestMessage request;
   BaseResponseMessage response;
   bool flag = false;

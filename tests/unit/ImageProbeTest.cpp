@@ -23,7 +23,7 @@ void expectEmpty(const fakes::ProcessResult& answer) {
   EXPECT_EQ(image.height, 0);
 }
 
-TEST(ImageProbeTest, TheProbeIsRunWithThePathAloneAndItsFiguresRead) {
+TEST(ImageProbeTest, ProbeGetsOnlyPathAndItsFiguresAreRead) {
   const ImageFigures image = probed({0, "empty=0 channels=3 depth=2 width=640 height=480\n", ""});
   EXPECT_THAT(platform().commands, ElementsAre("/usr/libexec/kova_imageprobe /tmp/a picture"));
   EXPECT_FALSE(image.empty);
@@ -33,23 +33,23 @@ TEST(ImageProbeTest, TheProbeIsRunWithThePathAloneAndItsFiguresRead) {
   EXPECT_EQ(image.height, 480);
 }
 
-TEST(ImageProbeTest, AProbeThatHangsIsKilledAfterThreeSeconds) {
+TEST(ImageProbeTest, HangingProbeIsKilledAfterThreeSeconds) {
   probed({0, "", ""});
   EXPECT_THAT(platform().captures, ElementsAre(fakes::CaptureTerms{"", 3000, 0, 1}));
 }
 
-TEST(ImageProbeTest, WhatTheProbeSaysOnStandardErrorDoesNotMatter) {
+TEST(ImageProbeTest, ProbeErrorOutputIsIgnored) {
   EXPECT_FALSE(
       probed({0, "empty=0 channels=1 depth=0 width=1 height=1\n", "libpng warning"}).empty);
 }
 
-TEST(ImageProbeTest, AnyStatusButZeroIsAnEmptyPicture) {
+TEST(ImageProbeTest, NonZeroStatusIsEmptyPicture) {
   for (const int status : {1, 2, 127, 128 + 9, 128 + 11, 128 + 15, 128 + 31, -1}) {
     expectEmpty({status, "empty=0 channels=1 depth=0 width=1 height=1\n", ""});
   }
 }
 
-TEST(ImageProbeTest, AnythingButTheOneLineIsAnEmptyPicture) {
+TEST(ImageProbeTest, OtherThanOneLineIsEmptyPicture) {
   for (const std::string& out :
        {std::string(), std::string("\n"), std::string("empty=0"),
         std::string("empty=0 channels=1 depth=0 width=1 height=1"),

@@ -80,7 +80,7 @@ bool onceThen(int passes, const std::function<void()>& act) {
   return true;
 }
 
-TEST_F(MainTest, StartsInOrderRegistersEveryFunctionAndStopsInOrder) {
+TEST_F(MainTest, StartsRegistersAndStopsInOrder) {
   platform().bus.onService = [] { return onceThen(2, [] { raise(SIGTERM); }); };
   expectRun(0, [] {
     std::vector<std::string> expected = {kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
@@ -110,7 +110,7 @@ TEST_F(MainTest, StartsInOrderRegistersEveryFunctionAndStopsInOrder) {
   });
 }
 
-TEST_F(MainTest, WithoutACrashHandlerItStopsBeforeAnythingElse) {
+TEST_F(MainTest, MissingCrashHandlerStopsItFirst) {
   platform().crashHandlerResult = false;
   expectRun(-1, [] {
     EXPECT_THAT(platform().journal, ElementsAre(kLogOpened, "InstallCrashDumpHandler"));
@@ -118,7 +118,7 @@ TEST_F(MainTest, WithoutACrashHandlerItStopsBeforeAnythingElse) {
   });
 }
 
-TEST_F(MainTest, WithoutADeviceDescriptionItStops) {
+TEST_F(MainTest, MissingDeviceDescriptionStopsIt) {
   platform().cameraInfoResult = false;
   expectRun(-1, [] {
     EXPECT_TRUE(platform().logged(3, "Failed to read CameraInfo"));
@@ -128,7 +128,7 @@ TEST_F(MainTest, WithoutADeviceDescriptionItStops) {
   });
 }
 
-TEST_F(MainTest, AServerThatCannotBeInitialisedStopsItBeforeAnyRegistration) {
+TEST_F(MainTest, FailedServerInitStopsItBeforeRegistration) {
   platform().stats.initResult = 5;
   expectRun(-1, [] {
     EXPECT_TRUE(platform().logged(3, "Failed to initialize CtlServer"));
@@ -138,7 +138,7 @@ TEST_F(MainTest, AServerThatCannotBeInitialisedStopsItBeforeAnyRegistration) {
   });
 }
 
-TEST_F(MainTest, ABusThatCannotBeJoinedStopsItThroughTheTeardown) {
+TEST_F(MainTest, UnreachableBusStopsItThroughTeardown) {
   platform().bus.initResult = false;
   expectRun(-1, [] {
     EXPECT_TRUE(platform().logged(3, "Failed to initialize IPC"));
@@ -147,7 +147,7 @@ TEST_F(MainTest, ABusThatCannotBeJoinedStopsItThroughTheTeardown) {
   });
 }
 
-TEST_F(MainTest, ALostBusEndsTheLoopWithAFailure) {
+TEST_F(MainTest, LostBusEndsLoopWithFailure) {
   platform().bus.onService = [] { return false; };
   expectRun(-1, [] {
     EXPECT_TRUE(platform().logged(3, "Failed to service IPC"));
@@ -156,7 +156,7 @@ TEST_F(MainTest, ALostBusEndsTheLoopWithAFailure) {
   });
 }
 
-TEST_F(MainTest, ExitServiceStopsItAtTheNextCheckWithoutALogLine) {
+TEST_F(MainTest, ExitServiceStopsItAtNextCheckWithoutLogLine) {
   platform().bus.pending.push_back(
       Variant(Map{{"functionName", "ExitService"}, {"responseExpected", true}}));
   expectRun(0, [] {
@@ -168,7 +168,7 @@ TEST_F(MainTest, ExitServiceStopsItAtTheNextCheckWithoutALogLine) {
   });
 }
 
-TEST_F(MainTest, ARequestThatSigtermInterruptsIsCompletedFirst) {
+TEST_F(MainTest, RequestInterruptedBySigtermCompletesFirst) {
   platform().bus.pending.push_back(
       Variant(Map{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}}));
   platform().onRun = [](const std::string&) {
@@ -186,19 +186,19 @@ TEST_F(MainTest, ARequestThatSigtermInterruptsIsCompletedFirst) {
   });
 }
 
-TEST_F(MainTest, ARegistrationThatFailsDoesNotStopIt) {
+TEST_F(MainTest, FailedRegistrationDoesNotStopIt) {
   platform().bus.addResult = false;
   platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
   expectRun(0, [] { EXPECT_THAT(platform().logTexts(), ElementsAre("SIGTERM received")); });
 }
 
-TEST_F(MainTest, OfBothFlagsTheExitFlagIsCheckedFirst) {
+TEST_F(MainTest, ExitFlagIsCheckedBeforeSigterm) {
   platform().bus.pending.push_back(Variant(Map{{"functionName", "ExitService"}}));
   platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
   expectRun(0, [] { EXPECT_FALSE(platform().logged(6, "SIGTERM received")); });
 }
 
-TEST_F(MainTest, ASaveThatWasPendingIsWrittenDuringTeardownWhichASecondSigtermDoesNotInterrupt) {
+TEST_F(MainTest, SecondSigtermDoesNotInterruptPendingSave) {
   platform().bus.pending.push_back(Variant(Map{{"functionName", "SaveToFlash"}}));
   platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
   platform().onRun = [](const std::string&) {
@@ -263,17 +263,17 @@ class RebootTest : public MainTest {
   }
 };
 
-TEST_F(RebootTest, SigtermInItsWaitEndsItAsEver) {
+TEST_F(RebootTest, SigtermEndsEndlessWait) {
   sigtermDuringSleepOf(1000);
   expectRun(0, [] { expectEnd({"sleep 1000"}); });
 }
 
-TEST_F(RebootTest, SigtermInItsDelayIsNotLost) {
+TEST_F(RebootTest, SigtermDuringDelayIsNotLost) {
   sigtermDuringSleepOf(700);
   expectRun(0, [] { expectEnd({}); });
 }
 
-TEST_F(RebootTest, SigtermWhileItsToolRunsIsNotLost) {
+TEST_F(RebootTest, SigtermDuringToolIsNotLost) {
   platform().onRun = [](const std::string& command) {
     if (command == "/usr/bin/reboot") {
       raise(SIGTERM);
@@ -283,13 +283,13 @@ TEST_F(RebootTest, SigtermWhileItsToolRunsIsNotLost) {
   expectRun(0, [] { expectEnd({}); });
 }
 
-TEST_F(MainTest, ARequestForAnUnknownNameReachesTheRejector) {
+TEST_F(MainTest, UnknownNameReachesRejector) {
   platform().bus.pending.push_back(Variant(Map{{"functionName", "NoSuchFunction"}}));
   platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
   expectRun(0, [] { EXPECT_THAT(platform().bus.unhandled, ElementsAre("NoSuchFunction")); });
 }
 
-TEST(WirelessKeys, AreTheAccessPointsOwn) {
+TEST(WirelessKeys, AreThoseOfAccessPoint) {
   using namespace wireless;
   EXPECT_THAT(
       (std::vector{kChannel, kCtrlInterface, kDriver, kVendorElements, kInterface, kHwMode, kSsid}),

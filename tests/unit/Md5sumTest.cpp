@@ -80,7 +80,7 @@ class Md5sumTest : public TransferTest {
   }
 };
 
-TEST_F(Md5sumTest, TheVectorsOfTheRfcComeOut) {
+TEST_F(Md5sumTest, MatchesRfcVectors) {
   EXPECT_EQ(of(""), "d41d8cd98f00b204e9800998ecf8427e");
   EXPECT_EQ(of("a"), "0cc175b9c0f1b6a831c399e269772661");
   EXPECT_EQ(of("abc"), "900150983cd24fb0d6963f7d28e17f72");
@@ -89,7 +89,7 @@ TEST_F(Md5sumTest, TheVectorsOfTheRfcComeOut) {
             "57edf4a22be3c955ac49da2e2107b67a");
 }
 
-TEST_F(Md5sumTest, FilesOfEveryLengthAroundAChunkComeOut) {
+TEST_F(Md5sumTest, MatchesAroundChunkBoundaries) {
   for (const std::size_t size : {16383U, 16384U, 16385U, 32768U, 32769U, 1048577U}) {
     std::string content(size, '\0');
     for (std::size_t i = 0; i < size; ++i) {
@@ -100,14 +100,14 @@ TEST_F(Md5sumTest, FilesOfEveryLengthAroundAChunkComeOut) {
   EXPECT_THAT(fakes::platform().log, IsEmpty());
 }
 
-TEST_F(Md5sumTest, AFileThatIsMissingOrAFolderCannotBeOpened) {
+TEST_F(Md5sumTest, MissingFileOrFolderCannotBeOpened) {
   expectFailure("/tmp/none", "Failed to open /tmp/none");
   EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
   fakes::reset();
   expectFailure("/tmp", "Failed to open /tmp");
 }
 
-TEST_F(Md5sumTest, AFileThatEndsBeforeItsSizeCannotBeRead) {
+TEST_F(Md5sumTest, ShrunkFileCannotBeRead) {
   // Files of sysfs claim a page, whatever they hold.
   constexpr char kShort[] = "/sys/kernel/uevent_seqnum";
   struct stat status {};
@@ -117,7 +117,7 @@ TEST_F(Md5sumTest, AFileThatEndsBeforeItsSizeCannotBeRead) {
   EXPECT_EQ(fakes::platform().log.front().error, EIO);
 }
 
-TEST_F(Md5sumTest, EveryFailureOfTheDigestItselfIsToldApart) {
+TEST_F(Md5sumTest, EveryDigestFailureIsDistinct) {
   write(kFile, std::string(40000, 'x'));
   faults.init = true;
   expectFailure(kFile, "Failed to initialize md5");
@@ -135,7 +135,7 @@ TEST_F(Md5sumTest, EveryFailureOfTheDigestItselfIsToldApart) {
   expectFailure(kFile, "Failed to compute md5 of /tmp/file");
 }
 
-TEST_F(Md5sumTest, AnInitThatFailsIsNoticedBeforeTheFileIsOpened) {
+TEST_F(Md5sumTest, FailedInitIsReportedBeforeOpening) {
   faults.init = true;
   expectFailure("/tmp/none", "Failed to initialize md5");
 }

@@ -37,7 +37,7 @@ class PersistenceTest : public testing::Test {
   Persistence persistence_;
 };
 
-TEST_F(PersistenceTest, NothingPendingRunsNoCommand) {
+TEST_F(PersistenceTest, IdleServiceRunsNoCommand) {
   EXPECT_TRUE(persistence_.persist(false));
   EXPECT_TRUE(persistence_.reset());
   EXPECT_TRUE(persistence_.service());
@@ -45,7 +45,7 @@ TEST_F(PersistenceTest, NothingPendingRunsNoCommand) {
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(PersistenceTest, AForcedSaveRunsWithNothingPending) {
+TEST_F(PersistenceTest, ForcedSaveRunsWithNothingPending) {
   EXPECT_TRUE(persistence_.persist(true));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
   ASSERT_EQ(platform().log.size(), 1U);
@@ -55,7 +55,7 @@ TEST_F(PersistenceTest, AForcedSaveRunsWithNothingPending) {
   EXPECT_TRUE(platform().logged(6, "Persisted"));
 }
 
-TEST_F(PersistenceTest, ASaveRunsOnceMoreThanFiveSecondsHavePassed) {
+TEST_F(PersistenceTest, SaveRunsMoreThanFiveSecondsLater) {
   persistence_.enqueue();
   platform().nowMs += 5000;
   EXPECT_TRUE(persistence_.service());
@@ -67,7 +67,7 @@ TEST_F(PersistenceTest, ASaveRunsOnceMoreThanFiveSecondsHavePassed) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "once only";
 }
 
-TEST_F(PersistenceTest, ThreeSavesTwoSecondsApartAreWrittenOnceAfterTheThird) {
+TEST_F(PersistenceTest, ThreeSavesAreWrittenOnceAfterLast) {
   persistence_.enqueue();
   pass(2000);
   persistence_.enqueue();
@@ -79,14 +79,14 @@ TEST_F(PersistenceTest, ThreeSavesTwoSecondsApartAreWrittenOnceAfterTheThird) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
 }
 
-TEST_F(PersistenceTest, AForcedSaveSettlesAPendingOne) {
+TEST_F(PersistenceTest, ForcedSaveSettlesPendingOne) {
   persistence_.enqueue();
   persistence_.persist(true);
   pass(10000);
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
 }
 
-TEST_F(PersistenceTest, AFailedSaveIsLoggedAndTriedAgainAtEveryPass) {
+TEST_F(PersistenceTest, FailedSaveIsLoggedAndRetriedAtEveryPass) {
   fail(kSave);
   persistence_.enqueue();
   platform().nowMs += 5001;
@@ -100,14 +100,14 @@ TEST_F(PersistenceTest, AFailedSaveIsLoggedAndTriedAgainAtEveryPass) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave, kSave));
 }
 
-TEST_F(PersistenceTest, AForcedSaveThatFailsWithNothingPendingIsNotTriedAgain) {
+TEST_F(PersistenceTest, FailedForcedSaveWithNothingPendingIsNotRetried) {
   fail(kSave);
   EXPECT_FALSE(persistence_.persist(true));
   pass(20000);
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
 }
 
-TEST_F(PersistenceTest, AForcedSaveThatFailsLeavesAPendingOneToBeTriedAgain) {
+TEST_F(PersistenceTest, FailedForcedSaveLeavesPendingSave) {
   fail(kSave);
   persistence_.enqueue();
   EXPECT_FALSE(persistence_.persist(true));
@@ -116,7 +116,7 @@ TEST_F(PersistenceTest, AForcedSaveThatFailsLeavesAPendingOneToBeTriedAgain) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
 }
 
-TEST_F(PersistenceTest, CancelDropsASaveButNotAReset) {
+TEST_F(PersistenceTest, CancelDropsSaveButNotReset) {
   persistence_.enqueue();
   persistence_.enqueueReset();
   persistence_.cancel();
@@ -124,7 +124,7 @@ TEST_F(PersistenceTest, CancelDropsASaveButNotAReset) {
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
-TEST_F(PersistenceTest, AResetErasesAndRebootsOnceMoreThanFiveSecondsHavePassed) {
+TEST_F(PersistenceTest, ResetErasesAndRebootsMoreThanFiveSecondsLater) {
   persistence_.enqueueReset();
   platform().nowMs += 5000;
   persistence_.service();
@@ -138,7 +138,7 @@ TEST_F(PersistenceTest, AResetErasesAndRebootsOnceMoreThanFiveSecondsHavePassed)
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
-TEST_F(PersistenceTest, ASecondRequestForAResetPushesItBack) {
+TEST_F(PersistenceTest, SecondResetRequestPostponesReset) {
   persistence_.enqueueReset();
   platform().nowMs += 3000;
   persistence_.enqueueReset();
@@ -150,7 +150,7 @@ TEST_F(PersistenceTest, ASecondRequestForAResetPushesItBack) {
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
-TEST_F(PersistenceTest, AFailedEraseIsLoggedAtEveryPassAndDoesNotReboot) {
+TEST_F(PersistenceTest, FailedEraseIsLoggedAtEveryPassWithoutReboot) {
   fail(kErase);
   persistence_.enqueueReset();
   platform().nowMs += 5001;
@@ -162,7 +162,7 @@ TEST_F(PersistenceTest, AFailedEraseIsLoggedAtEveryPassAndDoesNotReboot) {
   platform().onRun = nullptr;  // the destructor tries once more
 }
 
-TEST_F(PersistenceTest, AFailedRebootAfterTheEraseIsLoggedOnceAndNotRetried) {
+TEST_F(PersistenceTest, FailedRebootAfterEraseIsLoggedOnceWithoutRetry) {
   fail(kReboot);
   persistence_.enqueueReset();
   platform().nowMs += 5001;
@@ -174,7 +174,7 @@ TEST_F(PersistenceTest, AFailedRebootAfterTheEraseIsLoggedOnceAndNotRetried) {
                           LogLine{"Persistence", "reset", 3, 0, "Failed to perform reboot"}));
 }
 
-TEST_F(PersistenceTest, OfASaveAndAResetBothDueTheSaveRunsFirstAndTheResetInALaterPass) {
+TEST_F(PersistenceTest, SaveRunsBeforeReset) {
   persistence_.enqueue();
   persistence_.enqueueReset();
   platform().nowMs += 5001;
@@ -184,7 +184,7 @@ TEST_F(PersistenceTest, OfASaveAndAResetBothDueTheSaveRunsFirstAndTheResetInALat
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
 }
 
-TEST_F(PersistenceTest, AFailingSaveHoldsADueResetBack) {
+TEST_F(PersistenceTest, FailingSaveHoldsBackDueReset) {
   fail(kSave);
   persistence_.enqueue();
   persistence_.enqueueReset();
@@ -195,7 +195,7 @@ TEST_F(PersistenceTest, AFailingSaveHoldsADueResetBack) {
   platform().onRun = nullptr;
 }
 
-TEST_F(PersistenceTest, AResetDropsASaveThatWasAskedForMeanwhile) {
+TEST_F(PersistenceTest, ResetDropsSaveRequestedMeanwhile) {
   persistence_.enqueueReset();
   platform().nowMs += 4000;
   persistence_.enqueue();
@@ -205,7 +205,7 @@ TEST_F(PersistenceTest, AResetDropsASaveThatWasAskedForMeanwhile) {
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
-TEST(PersistenceAtExit, WritesAPendingSaveThenCarriesOutAPendingReset) {
+TEST(PersistenceAtExit, WritesPendingSaveThenRunsPendingReset) {
   fakes::reset();
   {
     Persistence persistence;
@@ -215,7 +215,7 @@ TEST(PersistenceAtExit, WritesAPendingSaveThenCarriesOutAPendingReset) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
 }
 
-TEST(PersistenceAtExit, AFailedSaveDoesNotKeepTheResetBack) {
+TEST(PersistenceAtExit, FailedSaveDoesNotHoldBackReset) {
   fakes::reset();
   platform().onRun = [](const std::string& command) {
     return fakes::ProcessResult{command == kSave ? 1 : 0, "", ""};
@@ -228,7 +228,7 @@ TEST(PersistenceAtExit, AFailedSaveDoesNotKeepTheResetBack) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
 }
 
-TEST(PersistenceAtExit, RunsNothingWhenNothingIsPending) {
+TEST(PersistenceAtExit, RunsNothingIfNothingIsPending) {
   fakes::reset();
   { Persistence persistence; }
   EXPECT_THAT(platform().commands, IsEmpty());

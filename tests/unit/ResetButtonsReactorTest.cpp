@@ -71,13 +71,13 @@ class ResetButtonsReactorTest : public testing::Test {
   std::vector<std::string> initJournal_;
 };
 
-TEST_F(ResetButtonsReactorTest, PressIsLoggedOnly) {
+TEST_F(ResetButtonsReactorTest, PressIsOnlyLogged) {
   reactor_.buttonDown();
   EXPECT_THAT(platform().log, ElementsAre(line("buttonDown", "Reset button (case) down")));
   EXPECT_THAT(platform().journal, IsEmpty());
 }
 
-TEST_F(ResetButtonsReactorTest, EventBeforeInitIsAnInternalError) {
+TEST_F(ResetButtonsReactorTest, EventBeforeInitIsInternalError) {
   ResetButtonsReactor fresh;
   fresh.buttonDown();
   EXPECT_THAT(platform().log, ElementsAre(line("buttonDown", "Internal error", LOG_ERR)));
@@ -101,7 +101,7 @@ TEST_F(ResetButtonsReactorTest, ShortPressDoesNothing) {
   EXPECT_FALSE(resetScheduled());
 }
 
-TEST_F(ResetButtonsReactorTest, LongPressThatWasNeverReportedAsHeldDoesNothing) {
+TEST_F(ResetButtonsReactorTest, LongPressNeverReportedAsHeldDoesNothing) {
   reactor_.buttonDown();
   reactor_.buttonUp(20'000);
   EXPECT_THAT(platform().journal, IsEmpty());
@@ -122,19 +122,19 @@ class ThresholdTest : public ResetButtonsReactorTest {
   }
 };
 
-TEST_F(ThresholdTest, IsThreeSecondsOnTheOneModel) {
+TEST_F(ThresholdTest, IsThreeSecondsOnOneModel) {
   expectThreshold(kShortHoldModel, 3000);
 }
 
-TEST_F(ThresholdTest, IsFiveSecondsOnAModelBelow) {
+TEST_F(ThresholdTest, IsFiveSecondsOnModelBelow) {
   expectThreshold(0xa525, 5000);
 }
 
-TEST_F(ThresholdTest, IsFiveSecondsOnAModelAbove) {
+TEST_F(ThresholdTest, IsFiveSecondsOnModelAbove) {
   expectThreshold(0xa527, 5000);
 }
 
-TEST_F(ResetButtonsReactorTest, SignalAsksTheSoundsAndLedsProcessForResetButton) {
+TEST_F(ResetButtonsReactorTest, SignalPlaysResetButtonSound) {
   reactor_.buttonDepressed(5001);
   ASSERT_EQ(platform().bus.sent.size(), 1U);
   ipc::messages::PlayState signal(platform().bus.sent.front());
@@ -156,7 +156,7 @@ TEST_F(ResetButtonsReactorTest, SignalIsSentOnce) {
   EXPECT_EQ(platform().bus.sent.size(), 1U);
 }
 
-TEST_F(ResetButtonsReactorTest, SignalThatCannotBeSentArmsAllTheSame) {
+TEST_F(ResetButtonsReactorTest, UnsendableSignalStillArms) {
   platform().bus.sendResult = false;
   reactor_.buttonDepressed(5001);
   reactor_.buttonDepressed(5101);
@@ -170,7 +170,7 @@ TEST_F(ResetButtonsReactorTest, HoldingAloneSchedulesNothing) {
   EXPECT_FALSE(resetScheduled());
 }
 
-TEST_F(ResetButtonsReactorTest, ReleaseAfterTheSignalSchedulesTheReset) {
+TEST_F(ResetButtonsReactorTest, ReleaseAfterSignalSchedulesReset) {
   reactor_.buttonDown();
   reactor_.buttonDepressed(5001);
   reactor_.buttonUp(6500);
@@ -178,7 +178,7 @@ TEST_F(ResetButtonsReactorTest, ReleaseAfterTheSignalSchedulesTheReset) {
   EXPECT_TRUE(resetScheduled());
 }
 
-TEST_F(ResetButtonsReactorTest, ReleaseAtTheThresholdSchedulesNothingEvenWhenArmed) {
+TEST_F(ResetButtonsReactorTest, ReleaseAtThresholdSchedulesNothingEvenIfArmed) {
   reactor_.buttonDepressed(5001);
   reactor_.buttonUp(5000);
   reactor_.buttonUp(-1);
@@ -211,7 +211,7 @@ class ReleaseWaitTest : public ResetButtonsReactorTest {
   }
 };
 
-TEST_F(ReleaseWaitTest, IsWhatIsMissingToASecondPastTheThreshold) {
+TEST_F(ReleaseWaitTest, LastsUntilOneSecondPastThreshold) {
   expectWait(200, {"sleep 800"});
 }
 
@@ -223,7 +223,7 @@ TEST_F(ReleaseWaitTest, IsAtLeastOneMillisecond) {
   expectWait(999, {"sleep 1"});
 }
 
-TEST_F(ReleaseWaitTest, IsNotNeededASecondPastTheThreshold) {
+TEST_F(ReleaseWaitTest, IsNotNeededOneSecondPastThreshold) {
   expectWait(1000, {});
 }
 
@@ -231,13 +231,13 @@ TEST_F(ReleaseWaitTest, IsNotNeededLater) {
   expectWait(1001, {});
 }
 
-TEST_F(ReleaseWaitTest, IsNotNeededAtTheLargestTime) {
+TEST_F(ReleaseWaitTest, IsNotNeededAtLargestTime) {
   expectWait(INT_MAX - 5000, {});
 }
 
 // The model.
 
-TEST_F(ResetButtonsReactorTest, DescriptionWithoutAModelEndsTheProcess) {
+TEST_F(ResetButtonsReactorTest, DescriptionWithoutModelEndsProcess) {
   ResetButtonsReactor fresh;
   const auto expectCrash = [&](const std::string& text) {
     platform().log.clear();
@@ -258,7 +258,7 @@ TEST_F(ResetButtonsReactorTest, DescriptionWithoutAModelEndsTheProcess) {
 
 // The button in the server.
 
-TEST_F(ResetButtonsReactorTest, ServerWiresTheButtonToItsReactor) {
+TEST_F(ResetButtonsReactorTest, ServerConnectsButtonToReactor) {
   EXPECT_EQ(initJournal_.back(), "BaseButton::init 100");
   platform().button.onService = [] {
     platform().button.onService = nullptr;
@@ -275,14 +275,14 @@ TEST_F(ResetButtonsReactorTest, ServerWiresTheButtonToItsReactor) {
   EXPECT_TRUE(resetScheduled());
 }
 
-TEST_F(ResetButtonsReactorTest, ButtonThatCannotBeInitialisedFailsTheServersInit) {
+TEST_F(ResetButtonsReactorTest, FailedButtonInitFailsServerInit) {
   platform().button.initResult = false;
   EXPECT_FALSE(CtlServer(info_).init(ipc::Ipc::GetInstance()));
   EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "init", LOG_ERR, 0,
                                                   "Failed to initialize reset button case"}));
 }
 
-TEST_F(ResetButtonsReactorTest, ButtonThatCannotBeServicedIsLoggedOnly) {
+TEST_F(ResetButtonsReactorTest, FailedButtonServiceIsOnlyLogged) {
   platform().button.serviceResult = false;
   EXPECT_TRUE(server_->service(0));
   EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "service", LOG_ERR, 0,

@@ -33,7 +33,7 @@ class ResetSettingsTest : public testing::Test {
   Variant reply_;
 };
 
-TEST_F(ResetSettingsTest, RestoresTheDefaultNameAndGmt) {
+TEST_F(ResetSettingsTest, RestoresDefaultNameAndGmt) {
   EXPECT_TRUE(server_.resetSettings(reply_));
   EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"},
                                          {"timezone", "GMT"},
@@ -47,7 +47,7 @@ TEST_F(ResetSettingsTest, RestoresTheDefaultNameAndGmt) {
   EXPECT_THAT(platform().journal, Contains("setTimeZone GMT"));
 }
 
-TEST_F(ResetSettingsTest, SavesNothingToFlashAndDoesNotReboot) {
+TEST_F(ResetSettingsTest, NeitherSavesToFlashNorReboots) {
   ASSERT_TRUE(server_.init(nullptr));
   EXPECT_TRUE(server_.resetSettings(reply_));
   platform().nowMs += 60'000;
@@ -55,7 +55,7 @@ TEST_F(ResetSettingsTest, SavesNothingToFlashAndDoesNotReboot) {
   EXPECT_THAT(platform().commands, testing::ElementsAre("/bin/kova_cmd_apply_camera_name.sh"));
 }
 
-TEST_F(ResetSettingsTest, FailureOfTheUpdateIsPassedOnWithItsReply) {
+TEST_F(ResetSettingsTest, FailedUpdateIsReturnedWithItsReply) {
   platform().config.failingSet = "system.timezone";
   EXPECT_FALSE(server_.resetSettings(reply_));
   EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"}}));
@@ -71,18 +71,18 @@ class UnnamedDeviceTest : public ResetSettingsTest {
   }
 };
 
-TEST_F(UnnamedDeviceTest, DescriptionThatIsNoMapEndsTheProcess) {
+TEST_F(UnnamedDeviceTest, NonMapDescriptionEndsProcess) {
   info_ = variant::CameraInfo();
   expectCrash("Invalid variant type detected");
 }
 
-TEST_F(UnnamedDeviceTest, DescriptionWithoutANameEndsTheProcess) {
+TEST_F(UnnamedDeviceTest, DescriptionWithoutNameEndsProcess) {
   info_ = variant::CameraInfo();
   info_["sysid"] = std::uint32_t{42321};
   expectCrash("Key \"name\" not available");
 }
 
-TEST_F(UnnamedDeviceTest, NameOfAnotherTypeEndsTheProcess) {
+TEST_F(UnnamedDeviceTest, MistypedNameEndsProcess) {
   info_["name"] = 7;
   expectCrash("Key \"name\" has a different type than expected");
 }

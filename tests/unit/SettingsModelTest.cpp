@@ -16,7 +16,7 @@ using variant::Variant;
 class TimelapseModelTest : public SettingsTest,
                            public testing::WithParamInterface<std::uint32_t> {};
 
-TEST_P(TimelapseModelTest, ReportsAndStoresTheSetting) {
+TEST_P(TimelapseModelTest, ReportsAndStoresSetting) {
   info_["sysid"] = GetParam();
   EXPECT_TRUE(update({}));
   EXPECT_EQ(reply_["timelapseminutes"], Variant(1));
@@ -32,7 +32,7 @@ INSTANTIATE_TEST_SUITE_P(Models, TimelapseModelTest, testing::Values(42321U, 423
 
 class OtherModelTest : public SettingsTest, public testing::WithParamInterface<std::uint32_t> {};
 
-TEST_P(OtherModelTest, IgnoresTheSettingEvenWhenGiven) {
+TEST_P(OtherModelTest, IgnoresGivenSetting) {
   info_["sysid"] = GetParam();
   platform().config.failingGet = platform().config.failingSet = "system.timelapseminutes";
   EXPECT_TRUE(update({}));
@@ -44,7 +44,7 @@ TEST_P(OtherModelTest, IgnoresTheSettingEvenWhenGiven) {
 INSTANTIATE_TEST_SUITE_P(Models, OtherModelTest,
                          testing::Values(0U, 42320U, 42322U, 42323U, 42325U, 42278U));
 
-TEST_F(SettingsTest, AnyStoredTimelapseButOneReadsAsOff) {
+TEST_F(SettingsTest, StoredTimelapseOtherThanOneReadsAsOff) {
   info_["sysid"] = kTimelapseModel;
   for (const char* text : {"0", "5", "", "01", "1 ", "11", "true"}) {
     platform().config.values["system.timelapseminutes"] = text;
@@ -53,7 +53,7 @@ TEST_F(SettingsTest, AnyStoredTimelapseButOneReadsAsOff) {
   }
 }
 
-TEST_F(SettingsTest, TimelapseIsHeldToOnOrOff) {
+TEST_F(SettingsTest, TimelapseIsClampedToOnOrOff) {
   info_["sysid"] = kTimelapseModel;
   EXPECT_TRUE(update({{"timelapseminutes", 15}}));
   EXPECT_EQ(stored("system.timelapseminutes"), "1");
@@ -62,7 +62,7 @@ TEST_F(SettingsTest, TimelapseIsHeldToOnOrOff) {
   EXPECT_THAT(platform().journal, Contains("get system.timelapseminutes"));
 }
 
-TEST_F(SettingsTest, TimelapseMissingFromTheStoreFails) {
+TEST_F(SettingsTest, TimelapseMissingFromStoreFails) {
   info_["sysid"] = kTimelapseModel;
   platform().config.values.erase("system.timelapseminutes");
   EXPECT_FALSE(update({}));
@@ -71,7 +71,7 @@ TEST_F(SettingsTest, TimelapseMissingFromTheStoreFails) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, TimelapseThatCannotBeStoredFails) {
+TEST_F(SettingsTest, UnstorableTimelapseFails) {
   info_["sysid"] = kTimelapseModel;
   platform().config.failingSet = "system.timelapseminutes";
   EXPECT_FALSE(update({{"timelapseminutes", 9}}));
@@ -80,7 +80,7 @@ TEST_F(SettingsTest, TimelapseThatCannotBeStoredFails) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, DescriptionWithoutAModelEndsTheProcess) {
+TEST_F(SettingsTest, DescriptionWithoutModelEndsProcess) {
   info_ = variant::CameraInfo();
   info_["name"] = "Kova";
   EXPECT_THROW(update({}), fakes::ForcedCrash);
@@ -91,7 +91,7 @@ TEST_F(SettingsTest, DescriptionWithoutAModelEndsTheProcess) {
 
 class ChangeFlagTest : public SettingsTest, public testing::WithParamInterface<Variant::Map> {};
 
-TEST_P(ChangeFlagTest, AnyOneChangeIsWrittenBack) {
+TEST_P(ChangeFlagTest, EachChangeIsWrittenBack) {
   info_["sysid"] = kTimelapseModel;
   platform().config.values["system.timelapseminutes"] = "0";
   EXPECT_TRUE(update(GetParam()));
@@ -108,7 +108,7 @@ INSTANTIATE_TEST_SUITE_P(Changes, ChangeFlagTest,
                                                       {"region", "US"},
                                                       {"timelapseminutes", 0}}));
 
-TEST_F(SettingsTest, StoreThatCannotBeClosedFailsBeforeTheBootSound) {
+TEST_F(SettingsTest, UnclosableStoreFailsBeforeBootSound) {
   platform().config.closeResult = false;
   EXPECT_FALSE(update({{"region", "Asia"}, {"soundOnBoot", true}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to close system.cfg manager")));
@@ -119,7 +119,7 @@ TEST_F(SettingsTest, StoreThatCannotBeClosedFailsBeforeTheBootSound) {
 
 // The boot sound.
 
-TEST_F(SettingsTest, BootSoundIsSetInTheBootEnvironment) {
+TEST_F(SettingsTest, BootSoundIsSetInBootEnvironment) {
   EXPECT_TRUE(update({{"soundOnBoot", true}}));
   EXPECT_EQ(reply_["soundOnBoot"], Variant(true));
   EXPECT_TRUE(update({{"soundOnBoot", false}}));
@@ -128,14 +128,14 @@ TEST_F(SettingsTest, BootSoundIsSetInTheBootEnvironment) {
                                                "/usr/bin/fw_setenv kova_audioplay 0"));
 }
 
-TEST_F(SettingsTest, BootSoundOfAnotherTypeIsIgnored) {
+TEST_F(SettingsTest, MistypedBootSoundIsIgnored) {
   EXPECT_TRUE(update({{"soundOnBoot", "true"}}));
   EXPECT_TRUE(update({{"soundOnBoot", 1}}));
   EXPECT_THAT(platform().commands, IsEmpty());
   EXPECT_EQ(reply_.Find("soundOnBoot"), nullptr);
 }
 
-TEST_F(SettingsTest, FailingBootEnvironmentFailsWithTheOtherChangesWritten) {
+TEST_F(SettingsTest, FailingBootEnvironmentFailsWithOtherChangesWritten) {
   platform().onRun = [](const std::string&) { return fakes::ProcessResult{3, "", ""}; };
   EXPECT_FALSE(update({{"region", "Asia"}, {"soundOnBoot", true}}));
   EXPECT_FALSE(update({{"soundOnBoot", false}}));

@@ -18,14 +18,14 @@ TEST_F(SettingsTest, AbsentRegionReadsAsEmpty) {
   EXPECT_EQ(reply_["region"], Variant(""));
 }
 
-TEST_F(SettingsTest, RegionThatCannotBeReadFails) {
+TEST_F(SettingsTest, UnreadableRegionFails) {
   platform().config.failingGet = "system.region";
   EXPECT_FALSE(update({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to get system.region")));
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, RegionThatCannotBeStoredFailsBeforeItIsLookedAt) {
+TEST_F(SettingsTest, UnstorableRegionFailsBeforeParsing) {
   platform().config.failingSet = "system.region";
   EXPECT_FALSE(update({{"region", "Europe/Paris"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set system.region to Europe/Paris")));
@@ -34,7 +34,7 @@ TEST_F(SettingsTest, RegionThatCannotBeStoredFailsBeforeItIsLookedAt) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, OlsonRegionSetsTheSystemTimeZoneButNotTheStoredOne) {
+TEST_F(SettingsTest, OlsonRegionSetsSystemTimeZoneButNotStoredOne) {
   EXPECT_TRUE(update({{"region", "Europe/Paris"}}));
   EXPECT_THAT(platform().journal, Contains("setTimeZone Europe/Paris"));
   EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "updateSettings", LOG_INFO, 0,
@@ -45,7 +45,7 @@ TEST_F(SettingsTest, OlsonRegionSetsTheSystemTimeZoneButNotTheStoredOne) {
   EXPECT_EQ(reply_["region"], Variant("Europe/Paris"));
 }
 
-TEST_F(SettingsTest, RegionIsWhatIsTestedNotTheTimeZoneField) {
+TEST_F(SettingsTest, RegionAloneDecidesTimeZone) {
   EXPECT_TRUE(update({{"timezone", "Europe/Paris"}, {"region", "US"}}));
   EXPECT_THAT(platform().log, IsEmpty());
   EXPECT_EQ(
@@ -53,7 +53,7 @@ TEST_F(SettingsTest, RegionIsWhatIsTestedNotTheTimeZoneField) {
       1);
 }
 
-TEST_F(SettingsTest, OlsonRegionThatTheSystemRefusesFailsWithNothingWritten) {
+TEST_F(SettingsTest, OlsonRegionRefusedBySystemWritesNothing) {
   platform().setTimeZoneResult = false;
   EXPECT_FALSE(update({{"region", "Area/Nowhere"}}));
   EXPECT_THAT(platform().log, Contains(error("Failed to write timezone")));
@@ -69,7 +69,7 @@ struct RegionCase {
 
 class RegionFormatTest : public SettingsTest, public testing::WithParamInterface<RegionCase> {};
 
-TEST_P(RegionFormatTest, OnlyAreaSlashCityIsATimeZone) {
+TEST_P(RegionFormatTest, OnlyAreaSlashCityIsTimeZone) {
   EXPECT_TRUE(update({{"region", GetParam().region}}));
   EXPECT_EQ(platform().logged(LOG_INFO, "Found Olson format: " + GetParam().region),
             GetParam().olson);

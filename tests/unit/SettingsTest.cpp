@@ -21,7 +21,7 @@ TEST_F(SettingsTest, RequestWithoutFieldsReadsNameTimeZoneAndRegion) {
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(SettingsTest, EveryGivenSettingIsAppliedInOrderAndReported) {
+TEST_F(SettingsTest, GivenSettingsAreAppliedInOrderAndReported) {
   info_["sysid"] = kTimelapseModel;
   EXPECT_TRUE(update({{"name", "Yard"},
                       {"timezone", "UTC"},
@@ -42,7 +42,7 @@ TEST_F(SettingsTest, EveryGivenSettingIsAppliedInOrderAndReported) {
                   "run /usr/bin/fw_setenv kova_audioplay 1"));
 }
 
-TEST_F(SettingsTest, ReplyIsEmptiedBeforeTheStoreIsOpened) {
+TEST_F(SettingsTest, ReplyIsEmptiedBeforeStoreIsOpened) {
   reply_["stale"] = true;
   platform().config.initResult = false;
   EXPECT_FALSE(update({}));
@@ -60,7 +60,7 @@ TEST_F(SettingsTest, PersistFieldSchedulesNoSave) {
   EXPECT_THAT(platform().commands, IsEmpty());
 }
 
-TEST_F(SettingsTest, ReplyKeepsWhatWasFilledBeforeAFailure) {
+TEST_F(SettingsTest, ReplyKeepsContentFilledBeforeFailure) {
   platform().config.failingGet = "system.region";
   EXPECT_FALSE(update({{"name", "Yard"}}));
   EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Yard"}, {"timezone", "GMT"}}));
@@ -68,7 +68,7 @@ TEST_F(SettingsTest, ReplyKeepsWhatWasFilledBeforeAFailure) {
 
 // The camera's name.
 
-TEST_F(SettingsTest, NameMissingFromTheStoreFails) {
+TEST_F(SettingsTest, NameMissingFromStoreFails) {
   platform().config.values.erase("resolv.host.1.name");
   EXPECT_FALSE(update({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to get resolv.host.1.name")));
@@ -76,7 +76,7 @@ TEST_F(SettingsTest, NameMissingFromTheStoreFails) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, NameMissingFromTheStoreIsAddedWhenGiven) {
+TEST_F(SettingsTest, MissingNameIsAddedIfGiven) {
   platform().config.values.erase("resolv.host.1.name");
   EXPECT_TRUE(update({{"name", "Yard"}}));
   EXPECT_EQ(stored("resolv.host.1.name"), "Yard");
@@ -98,7 +98,7 @@ TEST_F(SettingsTest, FailingNameScriptIsOnlyLogged) {
   EXPECT_EQ(stored("resolv.host.1.name"), "Yard");
 }
 
-TEST_F(SettingsTest, NameThatCannotBeStoredIsNotApplied) {
+TEST_F(SettingsTest, UnstorableNameIsNotApplied) {
   platform().config.failingSet = "resolv.host.1.name";
   EXPECT_FALSE(update({{"name", "Yard"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set resolv.host.1.name to Yard")));
@@ -108,20 +108,20 @@ TEST_F(SettingsTest, NameThatCannotBeStoredIsNotApplied) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, NameWithALineBreakAddsNoSetting) {
+TEST_F(SettingsTest, NameWithLineBreakAddsNoSetting) {
   const auto before = platform().config.values;
   EXPECT_FALSE(update({{"name", "Yard\nusers.1.name=me"}}));
   EXPECT_EQ(platform().config.values, before);
   EXPECT_THAT(platform().commands, IsEmpty());
 }
 
-TEST_F(SettingsTest, NameIsNeverHandedToAProgram) {
+TEST_F(SettingsTest, NameIsNeverPassedToProgram) {
   EXPECT_TRUE(update({{"name", "$(reboot); `id` | \"'&"}}));
   EXPECT_EQ(stored("resolv.host.1.name"), "$(reboot); `id` | \"'&");
   EXPECT_THAT(platform().commands, ElementsAre("/bin/kova_cmd_apply_camera_name.sh"));
 }
 
-TEST_F(SettingsTest, EmptyNameIsAName) {
+TEST_F(SettingsTest, EmptyNameIsAccepted) {
   EXPECT_TRUE(update({{"name", ""}}));
   EXPECT_EQ(stored("resolv.host.1.name"), "");
 }
@@ -134,7 +134,7 @@ TEST_F(SettingsTest, AbsentTimeZoneReadsAsEmpty) {
   EXPECT_EQ(reply_["timezone"], Variant(""));
 }
 
-TEST_F(SettingsTest, TimeZoneThatTheSystemRefusesIsNotStored) {
+TEST_F(SettingsTest, TimeZoneRefusedBySystemIsNotStored) {
   platform().setTimeZoneResult = false;
   EXPECT_FALSE(update({{"timezone", "../../etc/shadow"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to write timezone")));
@@ -143,7 +143,7 @@ TEST_F(SettingsTest, TimeZoneThatTheSystemRefusesIsNotStored) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, TimeZoneThatCannotBeStoredFailsAfterTheSystemHasIt) {
+TEST_F(SettingsTest, UnstorableTimeZoneFailsAfterSystemChange) {
   platform().config.failingSet = "system.timezone";
   EXPECT_FALSE(update({{"timezone", "UTC"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set system.timezone to UTC")));
@@ -152,7 +152,7 @@ TEST_F(SettingsTest, TimeZoneThatCannotBeStoredFailsAfterTheSystemHasIt) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, TimeZoneThatCannotBeReadFails) {
+TEST_F(SettingsTest, UnreadableTimeZoneFails) {
   platform().config.failingGet = "system.timezone";
   EXPECT_FALSE(update({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to get system.timezone")));
@@ -160,7 +160,7 @@ TEST_F(SettingsTest, TimeZoneThatCannotBeReadFails) {
   expectNotClosed();
 }
 
-TEST_F(SettingsTest, SameTimeZoneIsSetInTheSystemAgainButNotWritten) {
+TEST_F(SettingsTest, SameTimeZoneIsAppliedAgainButNotWritten) {
   EXPECT_TRUE(update({{"timezone", "GMT"}}));
   EXPECT_THAT(platform().journal, Contains("setTimeZone GMT"));
   EXPECT_EQ(platform().journal.back(), "close false false");

@@ -50,7 +50,7 @@ class SourceLinesTest : public testing::Test {
   CtlCommandsHandler handler_{&ipc_, &server_};
 };
 
-TEST_F(SourceLinesTest, OfTheStart) {
+TEST_F(SourceLinesTest, OfStart) {
   platform().crashHandlerResult = false;
   kova_ctlserver_main();
   const int crashHandler = loggedLine();
@@ -90,7 +90,7 @@ TEST_F(SourceLinesTest, OfSettings) {
   EXPECT_NE(setZone, setName);
 }
 
-TEST_F(SourceLinesTest, OfTheAccount) {
+TEST_F(SourceLinesTest, OfAccount) {
   const auto lineOf = [&](const char* passwordOld, const char* passwordNew) {
     return lineAfter(
         "ChangeUsernamePassword",
@@ -103,7 +103,7 @@ TEST_F(SourceLinesTest, OfTheAccount) {
   EXPECT_THAT(newEmpty, Gt(wrong));
 }
 
-TEST_F(SourceLinesTest, OfATransferThatIsNotComplete) {
+TEST_F(SourceLinesTest, OfIncompleteTransfer) {
   BaseTransferTask task;
   std::vector<int> lines;
   const auto refuse = [&] {

@@ -61,7 +61,7 @@ class StartFaultsTest : public testing::Test {
   variant::CameraInfo info_;
 };
 
-TEST_F(StartFaultsTest, ASignalHandlerThatCannotBeSetStopsItThroughTheTeardown) {
+TEST_F(StartFaultsTest, UnsettableSignalHandlerStopsItThroughTeardown) {
   calls.signalFails = true;
   EXPECT_EQ(kova_ctlserver_main(), -1);
   EXPECT_THAT(calls.signals, ElementsAre(SIGTERM));
@@ -74,7 +74,7 @@ TEST_F(StartFaultsTest, ASignalHandlerThatCannotBeSetStopsItThroughTheTeardown) 
               ElementsAre("Ipc::Init kova_ctlserver", "CloseStatsLib", "Ipc::FreeInstance"));
 }
 
-TEST_F(StartFaultsTest, TheSystemLogIsOpenedBeforeAnythingElse) {
+TEST_F(StartFaultsTest, SystemLogIsOpenedFirst) {
   platform().crashHandlerResult = false;
   EXPECT_EQ(kova_ctlserver_main(), -1);
   const std::string opened =
@@ -82,7 +82,7 @@ TEST_F(StartFaultsTest, TheSystemLogIsOpenedBeforeAnythingElse) {
   EXPECT_THAT(platform().journal, ElementsAre(opened, "InstallCrashDumpHandler"));
 }
 
-TEST_F(StartFaultsTest, ATransferServiceThatFailsEndsInitBeforeTheButton) {
+TEST_F(StartFaultsTest, FailingTransferServiceEndsInitBeforeButton) {
   calls.multiInitFails = true;
   CtlServer server(info_);
   EXPECT_FALSE(server.init(nullptr));
@@ -91,7 +91,7 @@ TEST_F(StartFaultsTest, ATransferServiceThatFailsEndsInitBeforeTheButton) {
   EXPECT_THAT(platform().journal, Not(Contains(StartsWith("BaseButton::init"))));
 }
 
-TEST_F(StartFaultsTest, NeitherAFailingSaveNorFailingTransfersKeepTheButtonFromBeingServiced) {
+TEST_F(StartFaultsTest, FailingSaveAndTransfersDoNotBlockButton) {
   CtlServer server(info_);  // its transfers fail, as they were never initialised
   platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
   platform().button.serviceResult = false;

@@ -73,7 +73,7 @@ class StatsTest : public testing::Test {
   Variant reply_{"left over"};
 };
 
-TEST_F(StatsTest, AFullRequestIsAnsweredWithEverySectionInItsTypes) {
+TEST_F(StatsTest, FullRequestReportsEverySectionInItsTypes) {
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_,
             Variant(Map{
@@ -93,7 +93,7 @@ TEST_F(StatsTest, AFullRequestIsAnsweredWithEverySectionInItsTypes) {
             }));
 }
 
-TEST_F(StatsTest, TheSourcesAreReadInOrder) {
+TEST_F(StatsTest, SourcesAreReadInOrder) {
   ASSERT_TRUE(read());
   EXPECT_THAT(platform().journal,
               ElementsAre("GetMemoryStats", "GetCpuStats", "GetCpuInfo", "GetLoadAverage",
@@ -111,13 +111,13 @@ TEST_F(StatsTest, EachFlagSelectsItsSection) {
   }
 }
 
-TEST_F(StatsTest, ARequestForNothingYieldsAnEmptyMap) {
+TEST_F(StatsTest, EmptyRequestYieldsEmptyMap) {
   EXPECT_TRUE(read(without("")));
   EXPECT_EQ(reply_, Variant(Map{}));
   EXPECT_THAT(platform().journal, IsEmpty());
 }
 
-TEST_F(StatsTest, AFailingReaderIsLoggedAndEndsTheReadingWithWhatWasFilled) {
+TEST_F(StatsTest, FailingReaderIsLoggedAndEndsReadingWithPartialResult) {
   struct Case {
     int fakes::Statistics::*result;
     const char* text;
@@ -159,7 +159,7 @@ TEST_F(StatsTest, AFailingReaderIsLoggedAndEndsTheReadingWithWhatWasFilled) {
   }
 }
 
-TEST_F(StatsTest, AFailingBatteryIsLoggedWithoutACode) {
+TEST_F(StatsTest, FailingBatteryIsLoggedWithoutCode) {
   platform().stats.batteryResult = false;
   EXPECT_FALSE(read());
   EXPECT_TRUE(platform().logged(3, "Failed to read battery statistics"));
@@ -167,7 +167,7 @@ TEST_F(StatsTest, AFailingBatteryIsLoggedWithoutACode) {
   EXPECT_NE(reply_.Find("uptime"), nullptr);
 }
 
-TEST_F(StatsTest, AModelWithoutWifiOrBatteryNeverReportsThem) {
+TEST_F(StatsTest, ModelWithoutWifiOrBatteryNeverReportsThem) {
   describe({{"feature_wifi", 0}, {"feature_battery", 0}});
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_.Find("wifi"), nullptr);
@@ -175,20 +175,20 @@ TEST_F(StatsTest, AModelWithoutWifiOrBatteryNeverReportsThem) {
   EXPECT_EQ(reply_.Size(), 6U);
 }
 
-TEST_F(StatsTest, AFeatureIsReadAsASignedByte) {
+TEST_F(StatsTest, FeatureIsReadAsSignedByte) {
   describe({{"feature_wifi", 256}, {"feature_battery", -1}});
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_.Find("wifi"), nullptr);
   EXPECT_NE(reply_.Find("battery"), nullptr);
 }
 
-TEST_F(StatsTest, ADefaultInterfaceThatIsNotReportedFallsBackToTheFirst) {
+TEST_F(StatsTest, UnreportedDefaultInterfaceFallsBackToFirst) {
   platform().stats.defaultInterface = "usb0";
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["network"], network("wlan0", 1));
 }
 
-TEST_F(StatsTest, TheFirstInterfaceOfTheVeryNameOfTheDefaultOneIsReported) {
+TEST_F(StatsTest, FirstInterfaceWithExactDefaultNameIsReported) {
   auto& network = platform().stats.network;
   network.count = 4;
   network.interfaces[0] = {"eth0.1", 11, 12, 13, 14};
@@ -199,34 +199,34 @@ TEST_F(StatsTest, TheFirstInterfaceOfTheVeryNameOfTheDefaultOneIsReported) {
   EXPECT_EQ(reply_["network"]["bytesRx"], Variant(std::uint64_t{31}));
 }
 
-TEST_F(StatsTest, TheFirstInterfacesNameIsTrimmedToo) {
+TEST_F(StatsTest, NameOfFirstInterfaceIsTrimmed) {
   platform().stats.defaultInterface = "usb0";
   platform().stats.network.interfaces[0] = {" wlan0\n", 1, 2, 3, 4};
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["network"], network("wlan0", 1));
 }
 
-TEST_F(StatsTest, OfTwoWifiRecordsOfOneNameTheFirstIsReported) {
+TEST_F(StatsTest, FirstOfEqualWifiNamesIsReported) {
   setWifi(0, "eth0", -70);
   setWifi(1, "eth0", -90);
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["wifi"]["signalStrength"], Variant(-70));
 }
 
-TEST_F(StatsTest, WithoutInterfacesTheNetworkHoldsOnlyTheirNumber) {
+TEST_F(StatsTest, NetworkWithoutInterfacesHoldsOnlyTheirNumber) {
   platform().stats.network.count = 0;
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["network"], Variant(Map{{"numifaces", std::uint8_t{0}}}));
 }
 
-TEST_F(StatsTest, WithoutAMatchTheWifiSlotAfterTheReportedOnesIsReported) {
+TEST_F(StatsTest, UnmatchedWifiNameReportsSlotAfterLast) {
   platform().stats.defaultInterface = "usb0";
   setWifi(2, "stale", -42);
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["wifi"], Variant(Map{{"signalStrength", -42}, {"quality", 116}}));
 }
 
-TEST_F(StatsTest, AWifiNameIsMatchedExactly) {
+TEST_F(StatsTest, WifiNameIsMatchedExactly) {
   setWifi(1, "eth0 ", -10);
   setWifi(2, "", -100);
   ASSERT_TRUE(read());
@@ -238,7 +238,7 @@ fakes::LogLine crashLine(const std::string& text) {
   return {"CtlServer", "readStats", 3, 0, text};
 }
 
-TEST_F(StatsTest, ADescriptionThatLacksAFeatureEndsTheProcessEvenWhenNothingIsAskedFor) {
+TEST_F(StatsTest, DescriptionWithoutFeatureEndsProcessForAnyRequest) {
   describe({{"feature_battery", 0}});
   EXPECT_THROW(read(without("")), fakes::ForcedCrash);
   EXPECT_EQ(platform().log.back(), crashLine("Key \"feature_wifi\" not available"));
@@ -247,7 +247,7 @@ TEST_F(StatsTest, ADescriptionThatLacksAFeatureEndsTheProcessEvenWhenNothingIsAs
   EXPECT_EQ(platform().log.back(), crashLine("Key \"feature_battery\" not available"));
 }
 
-TEST_F(StatsTest, AMistypedFeatureOrDescriptionEndsTheProcess) {
+TEST_F(StatsTest, MistypedFeatureOrDescriptionEndsProcess) {
   describe({{"feature_wifi", true}, {"feature_battery", 0}});
   EXPECT_THROW(read(), fakes::ForcedCrash);
   EXPECT_EQ(platform().log.back(),

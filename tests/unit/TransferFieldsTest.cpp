@@ -10,7 +10,7 @@ using testing::IsEmpty;
 
 class TransferFieldsTest : public TransferRoutingTest {};
 
-TEST_F(TransferFieldsTest, EveryRequestOverwritesTheTimeOut) {
+TEST_F(TransferFieldsTest, EveryRequestOverwritesTimeOut) {
   for (const std::string kind : kKinds) {
     for (const std::uint32_t timeoutMs : {1U, 999U, 5000U, 2147483999U}) {
       SCOPED_TRACE(kind + " " + std::to_string(timeoutMs));
@@ -44,7 +44,7 @@ TEST_F(TransferFieldsTest, TimeOutTooLongForTransportDisablesNothing) {
 }
 
 // libcurl takes less than 2147484 s; the daemon's own deadline holds all the same.
-TEST_F(TransferFieldsTest, TimeOutBeyondTheTransportsIsTheTasksOwn) {
+TEST_F(TransferFieldsTest, TimeOutBeyondTransportRangeIsEnforcedByTask) {
   write("/tmp/snap.jpeg", "");
   startServer();
   peerHolds();
@@ -60,7 +60,7 @@ TEST_F(TransferFieldsTest, TimeOutBeyondTheTransportsIsTheTasksOwn) {
   }
 }
 
-TEST_F(TransferFieldsTest, ATimeOutOfZeroOrNoneIsRefusedAndTheStartUpValueNotUsed) {
+TEST_F(TransferFieldsTest, ZeroOrMissingTimeOutIsRefused) {
   for (const std::string kind : kTransferKinds) {
     for (const Variant& timeoutMs : {Variant(0), Variant("5000"), Variant()}) {
       startServer();
@@ -73,7 +73,7 @@ TEST_F(TransferFieldsTest, ATimeOutOfZeroOrNoneIsRefusedAndTheStartUpValueNotUse
   }
 }
 
-TEST_F(TransferFieldsTest, AFirmwareUpdateWithoutATimeOutHasHalfAnHour) {
+TEST_F(TransferFieldsTest, FirmwareUpdateTimesOutAfterHalfHourByDefault) {
   peerHolds();
   for (const Variant& timeoutMs : {Variant(0), Variant("5000"), Variant()}) {
     startServer();
@@ -88,7 +88,7 @@ TEST_F(TransferFieldsTest, AFirmwareUpdateWithoutATimeOutHasHalfAnHour) {
   }
 }
 
-TEST_F(TransferFieldsTest, EventsOfAGetCanBeSwitchedOffForThatOne) {
+TEST_F(TransferFieldsTest, EventsOfOneGetCanBeDisabled) {
   write("/tmp/snap.jpeg", "picture");
   const std::string dead = deadUri();
   ASSERT_TRUE(ask("snapshot", dead, {{"disableEvents", true}}));
@@ -104,7 +104,7 @@ TEST_F(TransferFieldsTest, EventsOfAGetCanBeSwitchedOffForThatOne) {
   EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
 }
 
-TEST_F(TransferFieldsTest, OnlyWithoutEventsMayTheSenderBeMissing) {
+TEST_F(TransferFieldsTest, SenderMayBeMissingOnlyWithoutEvents) {
   EXPECT_FALSE(ask("snapshot", uri(), {{"from", ""}}));
   EXPECT_TRUE(platform().logged(3, "IPC origin must be set when sending events is on"));
   EXPECT_TRUE(ask("snapshot", uri(), {{"from", ""}, {"disableEvents", true}}));
@@ -112,7 +112,7 @@ TEST_F(TransferFieldsTest, OnlyWithoutEventsMayTheSenderBeMissing) {
       << "a put has no such switch";
 }
 
-TEST_F(TransferFieldsTest, AnEventsFileNameIsHeldToItsPattern) {
+TEST_F(TransferFieldsTest, EventFileNameMustMatchPattern) {
   for (const char* filename : {"../etc/passwd", "motionsnap_7a.jpg", "heatmap_1.png", "snap.jpeg",
                                "", "/etc/passwd", "motionsnap_1.jpg/../../etc/passwd"}) {
     startServer();
@@ -133,7 +133,7 @@ TEST_F(TransferFieldsTest, AnEventsFileNameIsHeldToItsPattern) {
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferFieldsTest, APutOfWhatIsInstalledIsDoneAtOnce) {
+TEST_F(TransferFieldsTest, PutOfInstalledFileIsDoneAtOnce) {
   write("/etc/persistent/user_logo.md5", kContentDigest);
   for (const Fields& more : {Fields{}, Fields{{"timeoutMs", 0}}, Fields{{"from", ""}}}) {
     Fields fields = more;
@@ -149,13 +149,13 @@ TEST_F(TransferFieldsTest, APutOfWhatIsInstalledIsDoneAtOnce) {
   EXPECT_THAT(platform().commands, IsEmpty());
 }
 
-TEST_F(TransferFieldsTest, AnInstalledLogoIsNoInstalledSound) {
+TEST_F(TransferFieldsTest, InstalledLogoIsNotInstalledSound) {
   write("/etc/persistent/user_logo.md5", kContentDigest);
   ASSERT_TRUE(ask("sound", uri(), {{"hash", kContentDigest}}));
   EXPECT_FALSE(ask("logo", uri(), {{"hash", "other"}})) << "the sound's URI is taken";
 }
 
-TEST_F(TransferFieldsTest, APutWithoutAHashIsRefusedByTheTask) {
+TEST_F(TransferFieldsTest, PutWithoutHashIsRefusedByTask) {
   write("/etc/persistent/user_sound.md5", "_UNINITIALIZED_");
   for (const Fields& hash : {Fields{{"hash", Variant()}}, Fields{{"hash", 7}}}) {
     startServer();
@@ -169,7 +169,7 @@ TEST_F(TransferFieldsTest, APutWithoutAHashIsRefusedByTheTask) {
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferFieldsTest, WithoutAUriEveryKindIsRefused) {
+TEST_F(TransferFieldsTest, EveryKindIsRefusedWithoutUri) {
   for (const std::string kind : kKinds) {
     for (const Variant& missing : {Variant(""), Variant(), Variant(7)}) {
       startServer();

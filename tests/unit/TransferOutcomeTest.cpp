@@ -10,7 +10,7 @@ using testing::IsEmpty;
 
 class TransferOutcomeTest : public TransferRoutingTest {};
 
-TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsThePayloadOfAFormWithoutAnEvent) {
+TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsFormPayloadWithoutEvent) {
   const std::pair<const char*, const char*> files[] = {{"snapshot", "/tmp/snap.jpeg"},
                                                        {"eventSnapshot", "/tmp/motionsnap_12.jpg"},
                                                        {"eventHeatmap", "/tmp/heatmap_12.png"}};
@@ -33,7 +33,7 @@ TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsThePayloadOfAFormWithoutAnEve
   }
 }
 
-TEST_F(TransferOutcomeTest, ASupportArchiveIsGeneratedUploadedAndRemoved) {
+TEST_F(TransferOutcomeTest, SupportArchiveIsGeneratedUploadedAndRemoved) {
   write("/tmp/supportinfo.tar", "old archive");
   ASSERT_TRUE(ask("supportInfo", uri()));
   EXPECT_THAT(platform().commands, ElementsAre("/bin/support /tmp/supportinfo.tar"));
@@ -63,21 +63,21 @@ TEST_F(TransferOutcomeTest, EachPutInstallsItsFile) {
       << "\"content\" is no sound";
 }
 
-TEST_F(TransferOutcomeTest, ASnapshotsPathIsNoBusinessOfTheRequest) {
+TEST_F(TransferOutcomeTest, SnapshotPathIsNotTakenFromRequest) {
   write("/tmp/snap.jpeg", "picture");
   ASSERT_TRUE(ask("snapshot", uri(), {{"filename", "../etc/passwd"}}));
   ASSERT_TRUE(serviceUntilRequests(1));
   EXPECT_THAT(peer_->requests()[0].body, HasSubstr("\r\n\r\npicture\r\n"));
 }
 
-TEST_F(TransferOutcomeTest, AnUploadWithoutItsFileFails) {
+TEST_F(TransferOutcomeTest, UploadWithoutFileFails) {
   ASSERT_TRUE(ask("snapshot", uri()));
   server_->service(0);
   EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
   EXPECT_EQ(peer_->connections(), 0U);
 }
 
-TEST_F(TransferOutcomeTest, AFormFieldThatIsNoTextFailsTheTransferAndHoldsItsFile) {
+TEST_F(TransferOutcomeTest, NonTextFormFieldFailsTransferAndHoldsFile) {
   write("/tmp/snap.jpeg", "picture");
   ASSERT_TRUE(ask("snapshot", uri(), {{"formFields", Fields{{"a", "text"}, {"b", 7}}}}));
   server_->service(0);
@@ -91,7 +91,7 @@ TEST_F(TransferOutcomeTest, AFormFieldThatIsNoTextFailsTheTransferAndHoldsItsFil
       3, "File or URI already in progress, uri=" + uri("/next") + ", path=/tmp/snap.jpeg"));
 }
 
-TEST_F(TransferOutcomeTest, ADownloadOverTheLimitEndsAsTooLarge) {
+TEST_F(TransferOutcomeTest, DownloadOverLimitEndsAsTooLarge) {
   const std::pair<const char*, unsigned> limits[] = {
       {"logo", 131072}, {"sound", 262144}, {"fw", 52428800}};
   for (const auto& [kind, limit] : limits) {
@@ -111,7 +111,7 @@ TEST_F(TransferOutcomeTest, ADownloadOverTheLimitEndsAsTooLarge) {
   }
 }
 
-TEST_F(TransferOutcomeTest, ADownloadAtTheLimitIsJudgedByItsContent) {
+TEST_F(TransferOutcomeTest, DownloadAtLimitIsJudgedByContent) {
   for (const auto& [kind, limit] : {std::pair{"logo", 131072U}, std::pair{"sound", 262144U}}) {
     startServer();
     peerAnswers(std::string(limit, 'x'));
@@ -121,7 +121,7 @@ TEST_F(TransferOutcomeTest, ADownloadAtTheLimitIsJudgedByItsContent) {
   }
 }
 
-TEST_F(TransferOutcomeTest, TheAnswerToAnUploadIsHeldToTheTasksLimitToo) {
+TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
   const std::pair<const char*, std::size_t> limits[] = {{"snapshot", 200000},
                                                         {"supportInfo", 10485760},
                                                         {"eventSnapshot", 200000},
@@ -143,7 +143,7 @@ TEST_F(TransferOutcomeTest, TheAnswerToAnUploadIsHeldToTheTasksLimitToo) {
   }
 }
 
-TEST_F(TransferOutcomeTest, AnErrorPageIsJudgedAsAFile) {
+TEST_F(TransferOutcomeTest, ErrorPageIsJudgedAsFile) {
   peerScript(engine::answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\noops"));
   ASSERT_TRUE(ask("logo", uri()));
   ASSERT_TRUE(serviceUntilEvent());
@@ -161,7 +161,7 @@ TEST_F(TransferOutcomeTest, AnErrorPageIsJudgedAsAFile) {
   platform().onRun = nullptr;
 }
 
-TEST_F(TransferOutcomeTest, AnUploadThatTheServerRefusesCountsAsASuccess) {
+TEST_F(TransferOutcomeTest, UploadRefusedByServerCountsAsSuccess) {
   write("/tmp/snap.jpeg", "picture");
   peerScript(engine::answering("HTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n"));
   ASSERT_TRUE(ask("snapshot", uri()));
@@ -169,7 +169,7 @@ TEST_F(TransferOutcomeTest, AnUploadThatTheServerRefusesCountsAsASuccess) {
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferOutcomeTest, APeerThatIsNotThereFailsEveryKind) {
+TEST_F(TransferOutcomeTest, AbsentPeerFailsEveryKind) {
   const std::string dead = deadUri();
   write("/tmp/snap.jpeg", "");
   write("/tmp/motionsnap_1.jpg", "");
@@ -186,7 +186,7 @@ TEST_F(TransferOutcomeTest, APeerThatIsNotThereFailsEveryKind) {
   }
 }
 
-TEST_F(TransferOutcomeTest, AUriOfAnotherKindFailsTheTransfer) {
+TEST_F(TransferOutcomeTest, OtherUriSchemeFailsTransfer) {
   write("/tmp/snap.jpeg", "picture");
   for (const std::string& to : {std::string("ftp://127.0.0.1/x"), std::string("file:///etc/passwd"),
                                 std::string("gopher://127.0.0.1/x"), std::string("no uri at all"),
@@ -202,7 +202,7 @@ TEST_F(TransferOutcomeTest, AUriOfAnotherKindFailsTheTransfer) {
   }
 }
 
-TEST_F(TransferOutcomeTest, AFirmwareImageIsCheckedAndFlashedWhenItHasArrived) {
+TEST_F(TransferOutcomeTest, FirmwareImageIsCheckedAndFlashedOnArrival) {
   write("/tmp/fwupdate.bin", "old image");
   peerAnswers("new image");
   platform().onRun = [](const std::string&) {

@@ -7,7 +7,7 @@ using fakes::platform;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(TransferRoutingTest, TheWordsCaseIsMendedAndAnUnknownWordIsTheFirstOfItsTable) {
+TEST_F(TransferRoutingTest, WordIgnoresCaseAndUnknownWordIsFirst) {
   write("/tmp/snap.jpeg", "picture");
   for (const char* what : {"Snapshot", "SNAPSHOT", "logo", "no such word", ""}) {
     peerAnswers("");
@@ -23,7 +23,7 @@ TEST_F(TransferRoutingTest, TheWordsCaseIsMendedAndAnUnknownWordIsTheFirstOfItsT
   }
 }
 
-TEST_F(TransferRoutingTest, WithoutAWordARequestIsLoggedWholeAndStartsNothing) {
+TEST_F(TransferRoutingTest, MissingWordIsLoggedAndStartsNothing) {
   for (const Fields& fields : {Fields{{"uri", uri()}}, Fields{{"uri", uri()}, {"what", 7}}}) {
     startServer();
     auto request = make<ipc::messages::GetRequest>(fields);
@@ -39,7 +39,7 @@ TEST_F(TransferRoutingTest, WithoutAWordARequestIsLoggedWholeAndStartsNothing) {
   }
 }
 
-TEST_F(TransferRoutingTest, OfTwoRequestsAtOnceWithOneUriTheSecondIsRefusedWhateverTheKinds) {
+TEST_F(TransferRoutingTest, SecondRequestOfSameUriIsRefusedForAnyKind) {
   for (const char* first : kKinds) {
     for (const char* second : kTransferKinds) {
       startServer();
@@ -52,7 +52,7 @@ TEST_F(TransferRoutingTest, OfTwoRequestsAtOnceWithOneUriTheSecondIsRefusedWhate
   }
 }
 
-TEST_F(TransferRoutingTest, ADuplicateUriOfAFirmwareUpdateIsFoundWhenTheTaskIsAdded) {
+TEST_F(TransferRoutingTest, FirmwareUpdateFindsDuplicateUriWhenAdded) {
   for (const char* first : kTransferKinds) {
     startServer();
     ASSERT_TRUE(ask(first, uri()));
@@ -62,7 +62,7 @@ TEST_F(TransferRoutingTest, ADuplicateUriOfAFirmwareUpdateIsFoundWhenTheTaskIsAd
   }
 }
 
-TEST_F(TransferRoutingTest, OfTwoRequestsAtOnceWithTwoUrisOnlyThoseWhoseWordIsTheNameAreRefused) {
+TEST_F(TransferRoutingTest, OnlyWordEqualToTaskNameExcludesOtherUri) {
   const std::string other = uri("/other");
   for (const std::string first : kKinds) {
     for (const std::string second : kKinds) {
@@ -83,7 +83,7 @@ TEST_F(TransferRoutingTest, OfTwoRequestsAtOnceWithTwoUrisOnlyThoseWhoseWordIsTh
   }
 }
 
-TEST_F(TransferRoutingTest, ASecondSupportLogoOrSoundRequestIsRegisteredBesideTheFirst) {
+TEST_F(TransferRoutingTest, SecondSupportLogoOrSoundRequestIsRegistered) {
   for (const char* what : {"supportInfo", "logo", "sound"}) {
     SCOPED_TRACE(what);
     startServer();
@@ -96,7 +96,7 @@ TEST_F(TransferRoutingTest, ASecondSupportLogoOrSoundRequestIsRegisteredBesideTh
   }
 }
 
-TEST_F(TransferRoutingTest, TasksThatAreRegisteredTwiceComeToAnEnd) {
+TEST_F(TransferRoutingTest, TasksRegisteredTwiceEnd) {
   peerAnswers("content");
   for (const char* what : {"supportInfo", "logo", "sound"}) {
     SCOPED_TRACE(what);
@@ -116,7 +116,7 @@ TEST_F(TransferRoutingTest, TasksThatAreRegisteredTwiceComeToAnEnd) {
   }
 }
 
-TEST_F(TransferRoutingTest, ARunningTransferIsNotDisturbedByARefusedRequest) {
+TEST_F(TransferRoutingTest, RefusedRequestDoesNotDisturbRunningTransfer) {
   write("/tmp/snap.jpeg", "picture");
   peerHolds();
   ASSERT_TRUE(ask("snapshot", uri(), {{"id", 1}}));
@@ -128,7 +128,7 @@ TEST_F(TransferRoutingTest, ARunningTransferIsNotDisturbedByARefusedRequest) {
   EXPECT_THAT(events(), ElementsAre("EventTransferRequestStatus to=client.a id=1 TRANSFER_FAILED"));
 }
 
-TEST_F(TransferRoutingTest, AKindIsFreeAgainOnceItsTransferHasEnded) {
+TEST_F(TransferRoutingTest, KindIsFreeOnceItsTransferEnds) {
   write("/tmp/snap.jpeg", "picture");
   for (std::size_t round = 1; round <= 3; ++round) {
     ASSERT_TRUE(ask("snapshot", uri()));
@@ -136,7 +136,7 @@ TEST_F(TransferRoutingTest, AKindIsFreeAgainOnceItsTransferHasEnded) {
   }
 }
 
-TEST_F(TransferRoutingTest, ADuplicateIsReportedBeforeAMissingWord) {
+TEST_F(TransferRoutingTest, DuplicateIsReportedBeforeMissingWord) {
   ASSERT_TRUE(ask("supportInfo", uri()));
   EXPECT_FALSE(get({{"uri", uri()}}));
   EXPECT_FALSE(put({{"uri", uri()}}));
@@ -144,7 +144,7 @@ TEST_F(TransferRoutingTest, ADuplicateIsReportedBeforeAMissingWord) {
                                     duplicate("uri", "_UNINITIALIZED_", uri(), "putRequest")));
 }
 
-TEST_F(TransferRoutingTest, ASecondFirmwareUpdateLeavesTheRunningOneAlone) {
+TEST_F(TransferRoutingTest, SecondFirmwareUpdateLeavesRunningOneAlone) {
   peerHolds();
   ASSERT_TRUE(ask("fw", uri(), {{"id", 1}}));
   ASSERT_TRUE(serviceUntilConnections(1));

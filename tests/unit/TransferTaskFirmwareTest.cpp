@@ -63,7 +63,7 @@ class TransferTaskFirmwareTest : public TransferTest {
   TransferTaskFirmware task_;
 };
 
-TEST_F(TransferTaskFirmwareTest, AFreshTaskIsADownloadOfAtMostFiftyMebibytesInTenMinutes) {
+TEST_F(TransferTaskFirmwareTest, FreshTaskDownloads50MebibytesInTenMinutes) {
   const TransferTaskFirmware task;
   EXPECT_EQ(task.name(), "fw");
   EXPECT_TRUE(task.download());
@@ -72,7 +72,7 @@ TEST_F(TransferTaskFirmwareTest, AFreshTaskIsADownloadOfAtMostFiftyMebibytesInTe
   EXPECT_EQ(task.timeout(), 600000U);
 }
 
-TEST_F(TransferTaskFirmwareTest, ATimeOutOfZeroBecomesHalfAnHourAndAnyOtherIsKept) {
+TEST_F(TransferTaskFirmwareTest, ZeroTimeOutBecomesHalfHour) {
   task_.setTimeout(0);
   EXPECT_TRUE(task_.onCheck());
   EXPECT_EQ(task_.timeout(), 1800000U);
@@ -81,20 +81,20 @@ TEST_F(TransferTaskFirmwareTest, ATimeOutOfZeroBecomesHalfAnHourAndAnyOtherIsKep
   EXPECT_EQ(task_.timeout(), 5000U);
 }
 
-TEST_F(TransferTaskFirmwareTest, ATaskWithoutATimeOutStarts) {
+TEST_F(TransferTaskFirmwareTest, TaskWithoutTimeOutStarts) {
   task_.setTimeout(0);
   EXPECT_TRUE(task_.start());
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(TransferTaskFirmwareTest, AStartRemovesAnOldImageAndDoesNotMindNone) {
+TEST_F(TransferTaskFirmwareTest, StartRemovesOldImageIfAny) {
   EXPECT_TRUE(task_.onStart());
   EXPECT_FALSE(exists(kImage));
   EXPECT_TRUE(task_.onStart());
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(TransferTaskFirmwareTest, AFailedTransferIsReportedByItsStatusAndTheImageRemoved) {
+TEST_F(TransferTaskFirmwareTest, FailedTransferIsReportedAndImageRemoved) {
   const std::pair<TransferStatus, const char*> outcomes[] = {
       {TRANSFER_FAILED, "TRANSFER_FAILED"},    {DISK_IO_FAILED, "DISK_IO_FAILED"},
       {TRANSFER_CANCELLED, "TRANSFER_FAILED"}, {TRANSFER_BUSY, "TRANSFER_BUSY"},
@@ -110,7 +110,7 @@ TEST_F(TransferTaskFirmwareTest, AFailedTransferIsReportedByItsStatusAndTheImage
   }
 }
 
-TEST_F(TransferTaskFirmwareTest, TheFailureIsReportedBeforeTheImageIsRemoved) {
+TEST_F(TransferTaskFirmwareTest, FailureIsReportedBeforeImageIsRemoved) {
   class Watched : public TransferTaskFirmware {
    public:
     void notifyStatus(const std::string& reason) override {
@@ -123,7 +123,7 @@ TEST_F(TransferTaskFirmwareTest, TheFailureIsReportedBeforeTheImageIsRemoved) {
   EXPECT_EQ(task.seen, "TRANSFER_TIMEOUT with the image");
 }
 
-TEST_F(TransferTaskFirmwareTest, AGoodImageIsCheckedThenFlashedWithoutAnEventAndStays) {
+TEST_F(TransferTaskFirmwareTest, ValidImageIsFlashedWithoutEventAndKept) {
   succeed();
   EXPECT_THAT(platform().commands, ElementsAre(kCheck, kFlash));
   EXPECT_THAT(logged(),
@@ -133,24 +133,24 @@ TEST_F(TransferTaskFirmwareTest, AGoodImageIsCheckedThenFlashedWithoutAnEventAnd
   EXPECT_TRUE(exists(kImage));
 }
 
-TEST_F(TransferTaskFirmwareTest, TheCheckerHasAllTheTimeItTakesAndNothingToRead) {
+TEST_F(TransferTaskFirmwareTest, CheckerHasNoTimeLimitAndNoInput) {
   succeed();
   EXPECT_THAT(platform().captures, ElementsAre(fakes::CaptureTerms{"", 0, 0, 128}));
 }
 
-TEST_F(TransferTaskFirmwareTest, WhatAContentedCheckerPrintsDoesNotMatter) {
+TEST_F(TransferTaskFirmwareTest, OutputOfAcceptingCheckerIsIgnored) {
   checkerAnswers({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", ""});
   succeed();
   EXPECT_THAT(platform().commands, ElementsAre(kCheck, kFlash));
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferTaskFirmwareTest, AnImageForOtherHardwareIsReportedAsSuch) {
+TEST_F(TransferTaskFirmwareTest, ImageForOtherHardwareIsReportedAsSuch) {
   expectRejected({1, R"({"status":"error","reason":"FW_CHECK_INCOMPAT_HW"})", ""},
                  "FW_CHECK_INCOMPAT_HW", {rejection("")});
 }
 
-TEST_F(TransferTaskFirmwareTest, AnyOtherReasonIsAFailedCheck) {
+TEST_F(TransferTaskFirmwareTest, OtherReasonIsFailedCheck) {
   for (const char* report :
        {R"({"reason":"FW_CHECK_FAILED"})", R"({"reason":"fw_check_incompat_hw"})",
         R"({"reason":" FW_CHECK_INCOMPAT_HW"})", R"({"reason":""})", R"({"reason":null})",
@@ -162,7 +162,7 @@ TEST_F(TransferTaskFirmwareTest, AnyOtherReasonIsAFailedCheck) {
   }
 }
 
-TEST_F(TransferTaskFirmwareTest, OutputThatIsNoJsonIsLoggedAndAFailedCheck) {
+TEST_F(TransferTaskFirmwareTest, NonJsonOutputIsLoggedAsFailedCheck) {
   for (const char* out : {"", "not json", R"({"reason":"FW_CHECK_INCOMPAT_HW")", "\xff\xfe"}) {
     SCOPED_TRACE(out);
     expectRejected({1, out, "bad magic"}, "FW_CHECK_FAILED",
@@ -170,19 +170,19 @@ TEST_F(TransferTaskFirmwareTest, OutputThatIsNoJsonIsLoggedAndAFailedCheck) {
   }
 }
 
-TEST_F(TransferTaskFirmwareTest, StandardErrorAloneRejectsAnImageThatTheCheckerAccepts) {
+TEST_F(TransferTaskFirmwareTest, ErrorOutputAloneRejectsAcceptedImage) {
   expectRejected({0, R"({"status":"ok"})", "warning"}, "FW_CHECK_FAILED", {rejection("warning")});
   expectRejected({0, "", "\n"}, "FW_CHECK_FAILED", {rejection("\n"), unreadable("")});
   expectRejected({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", "x"}, "FW_CHECK_INCOMPAT_HW",
                  {rejection("x")});
 }
 
-TEST_F(TransferTaskFirmwareTest, ACheckerThatIsKilledOrMissingRejects) {
+TEST_F(TransferTaskFirmwareTest, KilledOrMissingCheckerRejects) {
   expectRejected({128 + 9, "", ""}, "FW_CHECK_FAILED", {rejection(""), unreadable("")});
   expectRejected({127, "", ""}, "FW_CHECK_FAILED", {rejection(""), unreadable("")});
 }
 
-TEST_F(TransferTaskFirmwareTest, OfTheCheckersOutput128KibibytesAreRead) {
+TEST_F(TransferTaskFirmwareTest, First128KibibytesOfOutputAreRead) {
   constexpr std::size_t kLimit = 128 * 1024;
   std::string report = R"({"reason":"FW_CHECK_INCOMPAT_HW","pad":")";
   report += std::string(kLimit - report.size() - 2, 'x') + "\"}";
@@ -193,7 +193,7 @@ TEST_F(TransferTaskFirmwareTest, OfTheCheckersOutput128KibibytesAreRead) {
                  {rejection(""), unreadable(report.substr(0, kLimit))});
 }
 
-TEST_F(TransferTaskFirmwareTest, AFailingFlasherIsReportedWithTheReasonAndTheImageStays) {
+TEST_F(TransferTaskFirmwareTest, FailedFlasherIsReportedWithReasonAndImageKept) {
   for (const int status : {1, 127, 128 + 11}) {
     fakes::reset();
     platform().onRun = [status](const std::string& command) {
@@ -209,7 +209,7 @@ TEST_F(TransferTaskFirmwareTest, AFailingFlasherIsReportedWithTheReasonAndTheIma
   }
 }
 
-TEST_F(TransferTaskFirmwareTest, EveryReasonGoesOutInItsTableSpelling) {
+TEST_F(TransferTaskFirmwareTest, EveryReasonIsSentInItsSpelling) {
   const std::pair<const char*, const char*> texts[] = {
       {"FW_CHECK_FAILED", "FW_CHECK_FAILED"},
       {"fw_check_incompat_hw", "FW_CHECK_INCOMPAT_HW"},
@@ -223,7 +223,7 @@ TEST_F(TransferTaskFirmwareTest, EveryReasonGoesOutInItsTableSpelling) {
   }
 }
 
-TEST_F(TransferTaskFirmwareTest, AReasonThatTheEventDoesNotKnowGoesOutAsATimeOut) {
+TEST_F(TransferTaskFirmwareTest, UnknownReasonIsSentAsTimeOut) {
   for (const char* text : {"OK", "", "VALIDATION_FAILED", "FW_CHECK_FAILED ", "FW_CHECK"}) {
     platform().bus.sent.clear();
     task_.notifyStatus(text);
@@ -231,7 +231,7 @@ TEST_F(TransferTaskFirmwareTest, AReasonThatTheEventDoesNotKnowGoesOutAsATimeOut
   }
 }
 
-TEST_F(TransferTaskFirmwareTest, TheEventIsNormalisedAndExpectsNoAnswer) {
+TEST_F(TransferTaskFirmwareTest, EventIsNormalisedAndExpectsNoResponse) {
   task_.notifyStatus("FW_CHECK_FAILED");
   ASSERT_EQ(platform().bus.sent.size(), 1U);
   const variant::Variant& event = platform().bus.sent[0];
@@ -242,20 +242,20 @@ TEST_F(TransferTaskFirmwareTest, TheEventIsNormalisedAndExpectsNoAnswer) {
   EXPECT_EQ(event.Find("status"), nullptr);
 }
 
-TEST_F(TransferTaskFirmwareTest, EventsCannotBeSwitchedOff) {
+TEST_F(TransferTaskFirmwareTest, EventsCannotBeDisabled) {
   task_.setSendNoEvents(true);
   task_.notifyStatus("FW_CHECK_FAILED");
   EXPECT_THAT(events(), ElementsAre(failure("FW_CHECK_FAILED")));
 }
 
-TEST_F(TransferTaskFirmwareTest, WithoutAnEndpointTheFailureIsLogged) {
+TEST_F(TransferTaskFirmwareTest, FailureWithoutEndpointIsLogged) {
   platform().bus.absent = true;
   task_.notifyStatus("FW_CHECK_FAILED");
   EXPECT_THAT(logged(), ElementsAre("3 TransferTaskFirmware.notifyStatus: pIpc is NULL"));
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferTaskFirmwareTest, AnEventThatCannotBeSentIsLogged) {
+TEST_F(TransferTaskFirmwareTest, UnsendableEventIsLogged) {
   platform().bus.sendResult = false;
   task_.notifyStatus("FW_CHECK_FAILED");
   EXPECT_THAT(logged(),

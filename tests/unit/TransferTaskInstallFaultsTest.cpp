@@ -21,7 +21,7 @@ class TransferTaskInstallFaultsTest : public InstallTest<Kind> {};
 using Kinds = testing::Types<LogoKind, SoundKind>;
 TYPED_TEST_SUITE(TransferTaskInstallFaultsTest, Kinds);
 
-TYPED_TEST(TransferTaskInstallFaultsTest, AFailingSaveDoesNotChangeTheOutcome) {
+TYPED_TEST(TransferTaskInstallFaultsTest, FailingSaveDoesNotChangeOutcome) {
   platform().onRun = [](const std::string& command) {
     return fakes::ProcessResult{command == kSaveCommand ? 1 : 0,
                                 "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
@@ -34,8 +34,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AFailingSaveDoesNotChangeTheOutcome) {
   platform().onRun = nullptr;
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest,
-           AChecksumThatCannotBeOpenedIsADiskFailureWithNothingMoved) {
+TYPED_TEST(TransferTaskInstallFaultsTest, UnopenableChecksumIsDiskFailureAndMovesNothing) {
   ASSERT_EQ(mkdir(this->checksum_.c_str(), 0755), 0);
   this->write(this->download_, TypeParam::content());
   this->succeed();
@@ -49,7 +48,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest,
   this->expectNothingInstalled();
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest, AFullDiskUnderTheChecksumIsADiskFailureWithNothingMoved) {
+TYPED_TEST(TransferTaskInstallFaultsTest, FullDiskForChecksumIsDiskFailureAndMovesNothing) {
   // One page, which the downloaded file takes.
   ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=4k"), 0);
   this->write(this->download_, TypeParam::content());
@@ -63,7 +62,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AFullDiskUnderTheChecksumIsADiskFailur
   ASSERT_EQ(umount("/tmp"), 0);
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest, AFileThatCannotBeMovedIsADiskFailureAndBothTempsGo) {
+TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableFileIsDiskFailureAndRemovesBothTemps) {
   ASSERT_EQ(mkdir(this->installed_.c_str(), 0755), 0);
   this->write(this->installedChecksum_, "of an older file");
   this->write(this->download_, TypeParam::content());
@@ -75,7 +74,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AFileThatCannotBeMovedIsADiskFailureAn
   EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest, AChecksumThatCannotBeMovedLeavesTheFileInPlaceUnsaved) {
+TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableChecksumLeavesFileInstalledUnsaved) {
   ASSERT_EQ(mkdir(this->installedChecksum_.c_str(), 0755), 0);
   this->write(this->download_, TypeParam::content());
   this->succeed();
@@ -88,7 +87,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AChecksumThatCannotBeMovedLeavesTheFil
   EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsADiskFailure) {
+TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsDiskFailure) {
   ASSERT_EQ(mount("tmpfs", "/etc/persistent", "tmpfs", 0, "size=1m"), 0);
   this->write(this->download_, TypeParam::content());
   this->succeed();
@@ -99,7 +98,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsADis
   ASSERT_EQ(umount("/etc/persistent"), 0);
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest, AFileThatTheSaveTakesAwayIsADiskFailure) {
+TYPED_TEST(TransferTaskInstallFaultsTest, FileRemovedBySaveIsDiskFailure) {
   platform().onRun = [&](const std::string& command) {
     if (command == kSaveCommand) {
       unlink(this->installed_.c_str());
@@ -115,7 +114,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AFileThatTheSaveTakesAwayIsADiskFailur
   platform().onRun = nullptr;
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest, NoTransferIsNeededForExactlyTheInstalledChecksum) {
+TYPED_TEST(TransferTaskInstallFaultsTest, InstalledChecksumNeedsNoTransfer) {
   const auto isNeeded = [](const std::string& hash) {
     return !TypeParam::Task::checkNoTransferNeeded(hash);
   };
@@ -133,7 +132,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, NoTransferIsNeededForExactlyTheInstall
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TYPED_TEST(TransferTaskInstallFaultsTest, AChecksumThatIsAFolderOrADanglingLinkNeedsATransfer) {
+TYPED_TEST(TransferTaskInstallFaultsTest, FolderOrDanglingLinkAsChecksumNeedsTransfer) {
   ASSERT_EQ(mkdir(this->installedChecksum_.c_str(), 0755), 0);
   EXPECT_FALSE(TypeParam::Task::checkNoTransferNeeded(TypeParam::kDigest));
   ASSERT_EQ(rmdir(this->installedChecksum_.c_str()), 0);

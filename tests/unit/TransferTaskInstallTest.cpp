@@ -18,7 +18,7 @@ class TransferTaskInstallTest : public InstallTest<Kind> {};
 using Kinds = testing::Types<LogoKind, SoundKind>;
 TYPED_TEST_SUITE(TransferTaskInstallTest, Kinds);
 
-TYPED_TEST(TransferTaskInstallTest, AFreshTaskIsADownloadToTmpInTwentySeconds) {
+TYPED_TEST(TransferTaskInstallTest, FreshTaskDownloadsToTmpInTwentySeconds) {
   const typename TypeParam::Task task(this->persistence_);
   EXPECT_EQ(task.name(), TypeParam::kName);
   EXPECT_TRUE(task.download());
@@ -27,7 +27,7 @@ TYPED_TEST(TransferTaskInstallTest, AFreshTaskIsADownloadToTmpInTwentySeconds) {
   EXPECT_EQ(task.maxSz(), TypeParam::kMaxSz);
 }
 
-TYPED_TEST(TransferTaskInstallTest, WithoutAHashTheTaskDoesNotStart) {
+TYPED_TEST(TransferTaskInstallTest, TaskWithoutHashDoesNotStart) {
   for (const char* hash : {"", "_UNINITIALIZED_"}) {
     fakes::reset();
     this->arm(hash);
@@ -41,7 +41,7 @@ TYPED_TEST(TransferTaskInstallTest, WithoutAHashTheTaskDoesNotStart) {
   EXPECT_FALSE(typename TypeParam::Task(this->persistence_).onCheck()) << "a task's first state";
 }
 
-TYPED_TEST(TransferTaskInstallTest, AnyOtherHashLetsItStart) {
+TYPED_TEST(TransferTaskInstallTest, AnyNonEmptyHashStarts) {
   for (const char* hash : {TypeParam::kDigest, "x", "_uninitialized_", "ABCDEF"}) {
     this->arm(hash);
     EXPECT_TRUE(this->task_->start()) << hash;
@@ -49,7 +49,7 @@ TYPED_TEST(TransferTaskInstallTest, AnyOtherHashLetsItStart) {
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TYPED_TEST(TransferTaskInstallTest, AStartRemovesWhatAnEarlierRunLeftUnderTmpOnly) {
+TYPED_TEST(TransferTaskInstallTest, StartRemovesLeftoversOnlyUnderTmp) {
   this->write(this->download_, "old");
   this->write(this->checksum_, "old");
   this->write(this->installed_, "installed");
@@ -61,7 +61,7 @@ TYPED_TEST(TransferTaskInstallTest, AStartRemovesWhatAnEarlierRunLeftUnderTmpOnl
   EXPECT_TRUE(this->task_->onStart()) << "with nothing to remove";
 }
 
-TYPED_TEST(TransferTaskInstallTest, AFailedTransferIsReportedByItsStatusAndRemoved) {
+TYPED_TEST(TransferTaskInstallTest, FailedTransferIsReportedAndRemoved) {
   const std::pair<TransferStatus, const char*> outcomes[] = {
       {TRANSFER_FAILED, "TRANSFER_FAILED"},
       {DISK_IO_FAILED, "DISK_IO_FAILED"},
@@ -89,7 +89,7 @@ class Watched : public Task {
   std::vector<std::string> seen;
 };
 
-TYPED_TEST(TransferTaskInstallTest, AFailedTransferIsReportedBeforeAndARefusalAfterTheRemoval) {
+TYPED_TEST(TransferTaskInstallTest, FailureIsReportedBeforeAndRefusalAfterRemoval) {
   Watched<typename TypeParam::Task> task(this->persistence_);
   this->write(this->download_, "part");
   task.onFailure(TRANSFER_TIMEOUT, 0);
@@ -100,7 +100,7 @@ TYPED_TEST(TransferTaskInstallTest, AFailedTransferIsReportedBeforeAndARefusalAf
   EXPECT_THAT(task.seen, ElementsAre("TRANSFER_TIMEOUT with", "VALIDATION_FAILED without"));
 }
 
-TYPED_TEST(TransferTaskInstallTest, AGoodFileIsInstalledWithItsChecksumSavedAndReported) {
+TYPED_TEST(TransferTaskInstallTest, ValidFileIsInstalledWithChecksumSavedAndReported) {
   this->write(this->download_, TypeParam::content());
   this->succeed();
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
@@ -111,7 +111,7 @@ TYPED_TEST(TransferTaskInstallTest, AGoodFileIsInstalledWithItsChecksumSavedAndR
   EXPECT_THAT(this->logged(), ElementsAre("6 Persistence.persist: Persisted"));
 }
 
-TYPED_TEST(TransferTaskInstallTest, TheSaveSeesBothFilesInPlaceAndComesBeforeTheReport) {
+TYPED_TEST(TransferTaskInstallTest, SaveFollowsInstallAndPrecedesReport) {
   std::vector<std::string> seen;
   platform().onRun = [&](const std::string& command) {
     if (command == kSaveCommand) {
@@ -127,7 +127,7 @@ TYPED_TEST(TransferTaskInstallTest, TheSaveSeesBothFilesInPlaceAndComesBeforeThe
   platform().onRun = nullptr;
 }
 
-TYPED_TEST(TransferTaskInstallTest, TheFileIsRenamedNotCopied) {
+TYPED_TEST(TransferTaskInstallTest, FileIsRenamedNotCopied) {
   this->write(this->download_, TypeParam::content());
   struct stat before {};
   struct stat after {};
@@ -137,7 +137,7 @@ TYPED_TEST(TransferTaskInstallTest, TheFileIsRenamedNotCopied) {
   EXPECT_EQ(before.st_ino, after.st_ino);
 }
 
-TYPED_TEST(TransferTaskInstallTest, AnInstallReplacesTheOneBefore) {
+TYPED_TEST(TransferTaskInstallTest, InstallReplacesPreviousFile) {
   this->write(this->installed_, "old");
   this->write(this->installedChecksum_, "old digest, longer than a digest of MD5 would ever be");
   this->write(this->download_, TypeParam::content());
@@ -146,7 +146,7 @@ TYPED_TEST(TransferTaskInstallTest, AnInstallReplacesTheOneBefore) {
   EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest);
 }
 
-TYPED_TEST(TransferTaskInstallTest, AWrongDigestIsLoggedWithBothAndRefused) {
+TYPED_TEST(TransferTaskInstallTest, WrongDigestIsLoggedWithBothAndRefused) {
   std::string upper = TypeParam::kDigest;
   for (char& digit : upper) {
     digit = static_cast<char>(std::toupper(digit));
@@ -172,7 +172,7 @@ TYPED_TEST(TransferTaskInstallTest, AWrongDigestIsLoggedWithBothAndRefused) {
   }
 }
 
-TYPED_TEST(TransferTaskInstallTest, AFileWithoutAChecksumIsRefused) {
+TYPED_TEST(TransferTaskInstallTest, FileWithoutChecksumIsRefused) {
   this->succeed();
   EXPECT_THAT(this->logged(),
               ElementsAre("3 md5sum.md5sum: Failed to open " + this->download_,
@@ -184,7 +184,7 @@ TYPED_TEST(TransferTaskInstallTest, AFileWithoutAChecksumIsRefused) {
   this->expectNothingInstalled();
 }
 
-TYPED_TEST(TransferTaskInstallTest, ARefusalLeavesTheInstalledFileAlone) {
+TYPED_TEST(TransferTaskInstallTest, RefusalKeepsInstalledFile) {
   this->write(this->installed_, "old");
   this->write(this->installedChecksum_, "old digest");
   this->write(this->download_, "not the file");

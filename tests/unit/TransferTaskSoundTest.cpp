@@ -41,26 +41,26 @@ TEST_F(TransferTaskSoundTest, OneChannelAt11025HertzIsAccepted) {
   EXPECT_THAT(platform().commands, ElementsAre(kSaveCommand)) << "no program judges a sound";
 }
 
-TEST_F(TransferTaskSoundTest, ASoundOfNoSamplesIsAccepted) {
+TEST_F(TransferTaskSoundTest, EmptySoundIsAccepted) {
   put(wav(1, 11025, 0));
   expectStatus("OK");
 }
 
-TEST_F(TransferTaskSoundTest, AnyOtherNumberOfChannelsIsRefused) {
+TEST_F(TransferTaskSoundTest, OtherNumberOfChannelsIsRefused) {
   for (const unsigned channels : {2U, 6U, 257U}) {
     put(wav(channels, 11025, 24));
     expectRefused(11025, 24);
   }
 }
 
-TEST_F(TransferTaskSoundTest, AnyOtherSampleRateIsRefused) {
+TEST_F(TransferTaskSoundTest, OtherSampleRateIsRefused) {
   for (const unsigned rate : {22050U, 11024U, 11026U, 44100U, 8000U}) {
     put(wav(1, rate, 16));
     expectRefused(rate, 16);
   }
 }
 
-TEST_F(TransferTaskSoundTest, WhatIsNoWavIsRefusedWithZeros) {
+TEST_F(TransferTaskSoundTest, NonWavIsRefusedWithZeros) {
   const std::string good = wav(1, 11025);
   for (const std::string& content :
        {std::string(), std::string("sound"), good.substr(0, 20), "RIFX" + good.substr(4),
@@ -70,7 +70,7 @@ TEST_F(TransferTaskSoundTest, WhatIsNoWavIsRefusedWithZeros) {
   }
 }
 
-TEST_F(TransferTaskSoundTest, TheFiguresAreNotThoseOfTheSoundBefore) {
+TEST_F(TransferTaskSoundTest, FiguresOfPreviousSoundAreDropped) {
   put(wav(1, 22050, 16));
   put("no sound");
   expectRefused(0, 0);

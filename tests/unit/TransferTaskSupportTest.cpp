@@ -32,7 +32,7 @@ class TransferTaskSupportTest : public TransferTest {
   TransferTaskSupport task_;
 };
 
-TEST_F(TransferTaskSupportTest, AFreshTaskIsAnUploadOfAtMostTenMebibytesInNinetySeconds) {
+TEST_F(TransferTaskSupportTest, FreshTaskUploadsTenMebibytesInNinetySeconds) {
   EXPECT_EQ(task_.name(), "support");
   EXPECT_FALSE(task_.download());
   EXPECT_EQ(task_.path(), "");
@@ -41,7 +41,7 @@ TEST_F(TransferTaskSupportTest, AFreshTaskIsAnUploadOfAtMostTenMebibytesInNinety
   EXPECT_TRUE(task_.onCheck());
 }
 
-TEST_F(TransferTaskSupportTest, AStartRemovesAnOldArchiveAndThenRunsTheGenerator) {
+TEST_F(TransferTaskSupportTest, StartRemovesOldArchiveThenRunsGenerator) {
   write(kArchive, "old");
   bool oldArchiveSeen = true;
   platform().onRun = [&](const std::string&) {
@@ -54,7 +54,7 @@ TEST_F(TransferTaskSupportTest, AStartRemovesAnOldArchiveAndThenRunsTheGenerator
   EXPECT_FALSE(exists(kArchive));
 }
 
-TEST_F(TransferTaskSupportTest, AGeneratorThatCannotBeStartedRefusesTheTask) {
+TEST_F(TransferTaskSupportTest, UnstartableGeneratorRefusesTask) {
   platform().onRun = [](const std::string&) {
     errno = ENOENT;
     return fakes::ProcessResult{1, "", ""};
@@ -66,7 +66,7 @@ TEST_F(TransferTaskSupportTest, AGeneratorThatCannotBeStartedRefusesTheTask) {
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferTaskSupportTest, AnOldGeneratorIsEndedBeforeItsArchiveIsRemoved) {
+TEST_F(TransferTaskSupportTest, OldGeneratorIsEndedBeforeItsArchiveIsRemoved) {
   platform().onEndDaemon = [](const std::string&) { write(kArchive, "its last"); };
   EXPECT_TRUE(task_.start());
   EXPECT_THAT(platform().journal,
@@ -74,7 +74,7 @@ TEST_F(TransferTaskSupportTest, AnOldGeneratorIsEndedBeforeItsArchiveIsRemoved) 
   EXPECT_FALSE(exists(kArchive));
 }
 
-TEST_F(TransferTaskSupportTest, AGeneratorIsEndedWithItsRequest) {
+TEST_F(TransferTaskSupportTest, GeneratorEndsWithItsRequest) {
   platform().onEndDaemon = [](const std::string&) { write(kArchive, "its last"); };
   bool done = false;
   task_.onSuccess(done);
@@ -86,7 +86,7 @@ TEST_F(TransferTaskSupportTest, AGeneratorIsEndedWithItsRequest) {
   EXPECT_FALSE(exists(kArchive));
 }
 
-TEST_F(TransferTaskSupportTest, TheUploadIsReadyOnceTheArchiveIsThere) {
+TEST_F(TransferTaskSupportTest, UploadIsReadyOnceArchiveExists) {
   EXPECT_FALSE(ready());
   EXPECT_FALSE(ready());
   write(kArchive, "tar");
@@ -94,7 +94,7 @@ TEST_F(TransferTaskSupportTest, TheUploadIsReadyOnceTheArchiveIsThere) {
   EXPECT_THAT(platform().commands, IsEmpty()) << "asking starts nothing";
 }
 
-TEST_F(TransferTaskSupportTest, ASuccessRemovesTheArchiveWithoutAnEvent) {
+TEST_F(TransferTaskSupportTest, SuccessRemovesArchiveWithoutEvent) {
   write(kArchive, "tar");
   bool done = false;
   task_.onSuccess(done);
@@ -104,7 +104,7 @@ TEST_F(TransferTaskSupportTest, ASuccessRemovesTheArchiveWithoutAnEvent) {
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(TransferTaskSupportTest, AFailureIsReportedByItsStatusAndThenTheArchiveRemoved) {
+TEST_F(TransferTaskSupportTest, FailureIsReportedThenArchiveRemoved) {
   class Watched : public TransferTaskSupport {
    public:
     void notifyStatus(const std::string& status) override {

@@ -40,14 +40,14 @@ class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
   }
 };
 
-TEST_F(TransferTaskUserLogoTest, ThePictureIsDecodedOutsideTheDaemon) {
+TEST_F(TransferTaskUserLogoTest, PictureIsDecodedOutsideDaemon) {
   put({0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""});
   EXPECT_THAT(platform().commands,
               ElementsAre("/usr/libexec/kova_imageprobe /tmp/user_logo", kSaveCommand));
   expectStatus("OK");
 }
 
-TEST_F(TransferTaskUserLogoTest, PicturesFromOneTo1024PixelsEachWayAreAccepted) {
+TEST_F(TransferTaskUserLogoTest, PicturesFrom1To1024PixelsAreAccepted) {
   for (const char* size : {"width=1 height=1", "width=1024 height=1024", "width=1 height=1024",
                            "width=1024 height=1"}) {
     put({0, "empty=0 channels=1 depth=0 " + std::string(size) + "\n", ""});
@@ -55,7 +55,7 @@ TEST_F(TransferTaskUserLogoTest, PicturesFromOneTo1024PixelsEachWayAreAccepted) 
   }
 }
 
-TEST_F(TransferTaskUserLogoTest, AnyOtherFigureIsLoggedAndRefused) {
+TEST_F(TransferTaskUserLogoTest, OtherSizeIsLoggedAndRefused) {
   const std::pair<const char*, const char*> cases[] = {
       {"empty=0 channels=1 depth=0 width=1025 height=1",
        "empty=0, nCh=1, depth=0, width=1025, height=1"},
@@ -77,7 +77,7 @@ TEST_F(TransferTaskUserLogoTest, AnyOtherFigureIsLoggedAndRefused) {
   }
 }
 
-TEST_F(TransferTaskUserLogoTest, AProbeThatBreaksCountsAsAnEmptyPicture) {
+TEST_F(TransferTaskUserLogoTest, FailedProbeCountsAsEmptyPicture) {
   constexpr char kGood[] = "empty=0 channels=1 depth=0 width=64 height=48\n";
   for (const fakes::ProcessResult& answer :
        {fakes::ProcessResult{128 + 11, "", ""}, fakes::ProcessResult{128 + 31, kGood, ""},
@@ -94,7 +94,7 @@ TEST_F(TransferTaskUserLogoTest, AProbeThatBreaksCountsAsAnEmptyPicture) {
   }
 }
 
-TEST_F(TransferTaskUserLogoTest, AnEmptyFileHasADigestAndIsNoPicture) {
+TEST_F(TransferTaskUserLogoTest, EmptyFileHasDigestButIsNotPicture) {
   arm("d41d8cd98f00b204e9800998ecf8427e");
   probeAnswers("empty=1 channels=1 depth=0 width=0 height=0\n");
   write(download_, "");

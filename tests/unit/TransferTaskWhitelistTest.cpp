@@ -28,7 +28,7 @@ class TransferTaskWhitelistTest : public TransferTest {
   TransferTaskWhitelist task_;
 };
 
-TEST_F(TransferTaskWhitelistTest, AFreshTaskIsAnUploadInTwentySecondsThatAllowsEveryPath) {
+TEST_F(TransferTaskWhitelistTest, FreshTaskUploadsAnyPathInTwentySeconds) {
   const TransferTaskWhitelist task;
   EXPECT_FALSE(task.download());
   EXPECT_EQ(task.timeout(), 20000U);
@@ -38,7 +38,7 @@ TEST_F(TransferTaskWhitelistTest, AFreshTaskIsAnUploadInTwentySecondsThatAllowsE
   EXPECT_TRUE(task.validate(""));
 }
 
-TEST_F(TransferTaskWhitelistTest, PrefixThenDigitsThenSuffixIsAllowedAndNothingElse) {
+TEST_F(TransferTaskWhitelistTest, OnlyPrefixDigitsSuffixIsAllowed) {
   for (const char* path :
        {"/tmp/motionsnap_.jpg", "/tmp/motionsnap_7.jpg", "/tmp/motionsnap_007.jpg",
         "/tmp/motionsnap_123456789012345678901234567890.jpg"}) {
@@ -55,13 +55,13 @@ TEST_F(TransferTaskWhitelistTest, PrefixThenDigitsThenSuffixIsAllowedAndNothingE
   }
 }
 
-TEST_F(TransferTaskWhitelistTest, ANulHidesNothing) {
+TEST_F(TransferTaskWhitelistTest, NulDoesNotHideRest) {
   EXPECT_FALSE(task_.validate(std::string("/tmp/motionsnap_7.jpg\0", 22)));
   EXPECT_FALSE(task_.validate(std::string("/tmp/motionsnap_7\0.jpg", 22)));
   EXPECT_FALSE(task_.validate(std::string("/tmp/motionsnap_\0/7.jpg", 23)));
 }
 
-TEST_F(TransferTaskWhitelistTest, WithoutASuffixThePathEndsWithTheDigits) {
+TEST_F(TransferTaskWhitelistTest, PathEndsWithDigitsWithoutSuffix) {
   with(task_, "/tmp/snap.jpeg", "");
   EXPECT_TRUE(task_.validate("/tmp/snap.jpeg"));
   EXPECT_TRUE(task_.validate("/tmp/snap.jpeg12"));
@@ -70,25 +70,25 @@ TEST_F(TransferTaskWhitelistTest, WithoutASuffixThePathEndsWithTheDigits) {
   EXPECT_FALSE(task_.validate("/tmp/snap.jpe"));
 }
 
-TEST_F(TransferTaskWhitelistTest, WithoutAPrefixThePathBeginsWithTheDigits) {
+TEST_F(TransferTaskWhitelistTest, PathBeginsWithDigitsWithoutPrefix) {
   with(task_, "", ".jpg");
   EXPECT_TRUE(task_.validate("12.jpg"));
   EXPECT_TRUE(task_.validate(".jpg"));
   EXPECT_FALSE(task_.validate("/tmp/12.jpg"));
 }
 
-TEST_F(TransferTaskWhitelistTest, AnotherPrefixTakesThePlaceOfTheFirst) {
+TEST_F(TransferTaskWhitelistTest, LaterPrefixReplacesFirst) {
   with(task_, "/t/", ".jpg");
   EXPECT_TRUE(task_.validate("/t/1.jpg"));
   EXPECT_FALSE(task_.validate(kPicture));
 }
 
-TEST_F(TransferTaskWhitelistTest, AnAllowedPathStartsTheTask) {
+TEST_F(TransferTaskWhitelistTest, AllowedPathStartsTask) {
   EXPECT_TRUE(task_.start());
   EXPECT_THAT(platform().log, IsEmpty());
 }
 
-TEST_F(TransferTaskWhitelistTest, AnyOtherPathIsLoggedAndRefused) {
+TEST_F(TransferTaskWhitelistTest, OtherPathIsLoggedAndRefused) {
   task_.setPath("/tmp/../etc/passwd");
   EXPECT_FALSE(task_.onCheck());
   EXPECT_THAT(logged(), ElementsAre("3 TransferTaskWhitelist.onCheck: Path not on whitelist for "
@@ -97,7 +97,7 @@ TEST_F(TransferTaskWhitelistTest, AnyOtherPathIsLoggedAndRefused) {
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferTaskWhitelistTest, TheFileItselfIsUploadedAtOnce) {
+TEST_F(TransferTaskWhitelistTest, FileItselfIsUploadedAtOnce) {
   bool ready = false;
   std::string path;
   task_.onPrepare(ready, path);
@@ -105,7 +105,7 @@ TEST_F(TransferTaskWhitelistTest, TheFileItselfIsUploadedAtOnce) {
   EXPECT_EQ(path, kPicture);
 }
 
-TEST_F(TransferTaskWhitelistTest, WithWaitRenameACopyIsUploadedOnceItCouldBeMade) {
+TEST_F(TransferTaskWhitelistTest, WaitRenameUploadsCopyOnceMade) {
   task_.setWaitRename(true);
   bool ready = true;
   std::string path;
@@ -126,7 +126,7 @@ TEST_F(TransferTaskWhitelistTest, WithWaitRenameACopyIsUploadedOnceItCouldBeMade
   EXPECT_EQ(path, kPicture);
 }
 
-TEST_F(TransferTaskWhitelistTest, ASuccessLeavesTheFileAndSendsNoEvent) {
+TEST_F(TransferTaskWhitelistTest, SuccessKeepsFileAndSendsNoEvent) {
   write(kPicture, "picture");
   bool done = false;
   task_.onSuccess(done);
@@ -135,7 +135,7 @@ TEST_F(TransferTaskWhitelistTest, ASuccessLeavesTheFileAndSendsNoEvent) {
   EXPECT_THAT(events(), IsEmpty());
 }
 
-TEST_F(TransferTaskWhitelistTest, AFailureIsReportedByItsStatusAndLeavesTheFile) {
+TEST_F(TransferTaskWhitelistTest, FailureIsReportedAndKeepsFile) {
   write(kPicture, "picture");
   task_.onFailure(TRANSFER_TIMEOUT, 0);
   EXPECT_THAT(events(),

@@ -54,26 +54,26 @@ class ConfinementTest : public testing::Test {
   std::string file_;
 };
 
-TEST_F(ConfinementTest, ReadingThePictureAndPrintingIsLeft) {
+TEST_F(ConfinementTest, PictureCanBeReadAndResultPrinted) {
   EXPECT_EQ(attempt("nothing").status, kWorked);
   EXPECT_EQ(attempt("read").status, kWorked);
   EXPECT_EQ(attempt("read-again").status, kWorked);
   EXPECT_EQ(attempt("look-at-flags").status, kWorked);
 }
 
-TEST_F(ConfinementTest, NothingButThePictureCanBeRead) {
+TEST_F(ConfinementTest, OtherFilesCannotBeRead) {
   EXPECT_EQ(attempt("read-another-file").status, kRefused);
   EXPECT_EQ(attempt("read-folder").status, kRefused);
   EXPECT_EQ(attempt("read-on-and-on").status, kRefused);
 }
 
-TEST_F(ConfinementTest, NoSignalsAreSentOnBehalfOfADescriptor) {
+TEST_F(ConfinementTest, DescriptorOwnerSignalsAreRefused) {
   for (const char* act : {"own", "own-thread", "choose-signal", "signal-on-output", "lease"}) {
     EXPECT_EQ(attempt(act).status, kForbidden) << act;
   }
 }
 
-TEST_F(ConfinementTest, RootBecomesNobodyWhereThereIsANobody) {
+TEST_F(ConfinementTest, RootBecomesNobodyIfItExists) {
   const std::string who = std::to_string(geteuid() != 0 ? geteuid() : thereIsANobody() ? 65534 : 0);
   const std::string group = std::to_string(geteuid() != 0     ? getegid()
                                            : thereIsANobody() ? 65534
@@ -81,7 +81,7 @@ TEST_F(ConfinementTest, RootBecomesNobodyWhereThereIsANobody) {
   EXPECT_EQ(attempt("who-am-i").out, who + " " + who + " " + group + " " + group + "\n");
 }
 
-TEST_F(ConfinementTest, AnOrdinaryUserIsConfinedAsWell) {
+TEST_F(ConfinementTest, OrdinaryUserIsConfinedToo) {
   if (geteuid() != 0 || !thereIsANobody()) {
     GTEST_SKIP() << "there is no other user to become";
   }
@@ -96,7 +96,7 @@ TEST_F(ConfinementTest, AnOrdinaryUserIsConfinedAsWell) {
   EXPECT_EQ(asUser("execute").status, kForbidden);
 }
 
-TEST_F(ConfinementTest, NoFileCanBeChanged) {
+TEST_F(ConfinementTest, FilesCannotBeChanged) {
   for (const char* act : {"write", "read-write", "create", "truncate-on-open", "truncate", "rename",
                           "link", "chmod", "chown"}) {
     EXPECT_EQ(attempt(act).status, kForbidden) << act;
@@ -106,7 +106,7 @@ TEST_F(ConfinementTest, NoFileCanBeChanged) {
   expectUnchanged();
 }
 
-TEST_F(ConfinementTest, NothingOutsideCanBeReached) {
+TEST_F(ConfinementTest, NetworkProcessesAndMountsAreOutOfReach) {
   for (const char* act : {"socket", "local-socket"}) {
     EXPECT_EQ(attempt(act).status, kRefused) << act;
   }
@@ -115,13 +115,13 @@ TEST_F(ConfinementTest, NothingOutsideCanBeReached) {
   }
 }
 
-TEST_F(ConfinementTest, NoOtherProgramProcessOrThreadCanBeStarted) {
+TEST_F(ConfinementTest, ProgramsProcessesAndThreadsCannotBeStarted) {
   EXPECT_EQ(attempt("execute").status, kForbidden);
   EXPECT_EQ(attempt("fork").status, kRefused);
   EXPECT_EQ(attempt("thread").status, kRefused);
 }
 
-TEST_F(ConfinementTest, NothingThatWasGivenUpCanBeHadAgain) {
+TEST_F(ConfinementTest, DroppedRightsCannotBeRegained) {
   EXPECT_EQ(attempt("become-root").status, kForbidden);
   EXPECT_EQ(attempt("groups").status, kForbidden);
   EXPECT_EQ(attempt("raise-limit").status, kForbidden);
@@ -140,7 +140,7 @@ TEST_F(ConfinementTest, ProcessorTimeEndsAfterOneSecond) {
   EXPECT_LE(result.cpuSeconds, 1.6);
 }
 
-TEST_F(ConfinementTest, ProcessorTimeEndsWhoeverIgnoresTheSignal) {
+TEST_F(ConfinementTest, ProcessorTimeLimitHoldsIfSignalIsIgnored) {
   const Ended result = attempt("spin-unsignalled");
   EXPECT_EQ(result.status, 128 + SIGKILL);
   EXPECT_LE(result.cpuSeconds, 4);

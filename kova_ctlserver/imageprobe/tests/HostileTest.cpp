@@ -90,7 +90,7 @@ class HostileTest : public testing::Test {
   std::string file_;
 };
 
-TEST_F(HostileTest, WhatTheLibraryDecodesTheProbeDecodesToo) {
+TEST_F(HostileTest, ProbeDecodesWhatLibraryDecodes) {
   for (const Sample& sample : kSamples) {
     SCOPED_TRACE(std::string(sample.format) + " " + std::to_string(sample.type));
     write(encode(sample));
@@ -100,7 +100,7 @@ TEST_F(HostileTest, WhatTheLibraryDecodesTheProbeDecodesToo) {
   }
 }
 
-TEST_F(HostileTest, CutFilesEndWithTheTruthOrAKill) {
+TEST_F(HostileTest, CutFilesGiveTrueSizeOrKill) {
   for (const Sample& sample : kSamples) {
     const std::string good = encode(sample);
     for (const double part : {0.03, 0.3, 0.97}) {
@@ -111,7 +111,7 @@ TEST_F(HostileTest, CutFilesEndWithTheTruthOrAKill) {
   }
 }
 
-TEST_F(HostileTest, FlippedBitsEndWithTheTruthOrAKill) {
+TEST_F(HostileTest, FlippedBitsGiveTrueSizeOrKill) {
   std::mt19937 random(20'001);
   for (const Sample& sample : kSamples) {
     const std::string good = encode(sample);
@@ -129,7 +129,7 @@ TEST_F(HostileTest, FlippedBitsEndWithTheTruthOrAKill) {
   }
 }
 
-TEST_F(HostileTest, NoiseBehindTheSignatureOfAFormatIsNoPicture) {
+TEST_F(HostileTest, NoiseAfterFormatSignatureIsRefused) {
   using namespace std::string_literals;
   std::mt19937 random(20'002);
   for (const std::string& magic :
@@ -149,7 +149,7 @@ TEST_F(HostileTest, NoiseBehindTheSignatureOfAFormatIsNoPicture) {
   }
 }
 
-TEST_F(HostileTest, PicturesThatGrowBeyondTheMemoryAreNoPictures) {
+TEST_F(HostileTest, PicturesThatExceedMemoryAreRefused) {
   std::vector<unsigned char> bytes;
   ASSERT_TRUE(cv::imencode(".png", cv::Mat::zeros(17'000, 17'000, CV_8UC1), bytes));
   write({bytes.begin(), bytes.end()});
@@ -157,7 +157,7 @@ TEST_F(HostileTest, PicturesThatGrowBeyondTheMemoryAreNoPictures) {
   EXPECT_TRUE(said == kEmptyLine || said == "killed") << said;
 }
 
-TEST_F(HostileTest, PicturesOfManyMegabytesFromAFewKilobytesEndInTime) {
+TEST_F(HostileTest, HighlyCompressedPicturesEndInTime) {
   for (const char* format : {".png", ".webp", ".jpg", ".tiff"}) {
     std::vector<unsigned char> bytes;
     ASSERT_TRUE(cv::imencode(format, cv::Mat::zeros(12'000, 12'000, CV_8UC1), bytes));
@@ -183,17 +183,17 @@ std::string jpegWithMoreScans(int more) {
   return file;
 }
 
-TEST_F(HostileTest, AProgressiveJpegOfFullSizeIsDecoded) {
+TEST_F(HostileTest, FullSizeProgressiveJpegIsDecoded) {
   write(jpegWithMoreScans(0));
   EXPECT_EQ(bounded(), greyLine(1024, 1024));
 }
 
-TEST_F(HostileTest, AJpegOfManyScansEndsInTime) {
+TEST_F(HostileTest, JpegWithManyScansEndsInTime) {
   write(jpegWithMoreScans(300));
   EXPECT_EQ(bounded(), "killed");
 }
 
-TEST_F(HostileTest, HeadersThatPromiseWhatTheFileDoesNotHoldEndInTime) {
+TEST_F(HostileTest, HeadersThatOverstateContentEndInTime) {
   for (const std::string& header :
        {std::string("P5\n2000000000 2000000000\n255\n"), std::string("P6\n30000 30000\n65535\n"),
         std::string("P5\n-1 -1\n255\n"),
@@ -209,7 +209,7 @@ TEST_F(HostileTest, HeadersThatPromiseWhatTheFileDoesNotHoldEndInTime) {
   expectTrueOrKilled(bitmap);
 }
 
-TEST_F(HostileTest, WhatIsNoRegularFileIsNoPicture) {
+TEST_F(HostileTest, NonRegularFileIsRefused) {
   for (const char* path : {"/dev/null", "/proc/self/mem", "/", "/dev/full"}) {
     const Ended result = probe(path);
     EXPECT_TRUE(result.status > 128 || result.out == kEmptyLine) << path << " " << result.out;

@@ -57,7 +57,7 @@ class ProbeTest : public testing::Test {
   std::string file_;
 };
 
-TEST_F(ProbeTest, PicturesOfEveryUsualFormatAndDepthBecomeGrey) {
+TEST_F(ProbeTest, CommonFormatsAndDepthsBecomeGrey) {
   for (const char* format : {".png", ".jpg", ".bmp", ".webp", ".tiff", ".jp2"}) {
     for (const int type : {CV_8UC1, CV_8UC3}) {
       write(picture(format, 64, 48, type));
@@ -70,7 +70,7 @@ TEST_F(ProbeTest, PicturesOfEveryUsualFormatAndDepthBecomeGrey) {
   }
 }
 
-TEST_F(ProbeTest, TheSizeIsThatOfThePicture) {
+TEST_F(ProbeTest, ReportsSizeOfPicture) {
   for (const auto& [width, height] :
        {std::pair{1, 1}, {1024, 1024}, {1025, 1}, {1, 1025}, {3000, 2000}}) {
     write(picture(".png", width, height));
@@ -78,7 +78,7 @@ TEST_F(ProbeTest, TheSizeIsThatOfThePicture) {
   }
 }
 
-TEST_F(ProbeTest, WhatIsNoPictureIsEmpty) {
+TEST_F(ProbeTest, OtherFilesAreEmptyPictures) {
   EXPECT_EQ(probe(), kEmpty) << "there is no file";
   const std::string good = picture(".png", 64, 48);
   for (const std::string& content : {std::string(), std::string("no picture"), good.substr(0, 20),
@@ -88,12 +88,12 @@ TEST_F(ProbeTest, WhatIsNoPictureIsEmpty) {
   }
 }
 
-TEST_F(ProbeTest, APictureThatExhaustsTheMemoryIsEmpty) {
+TEST_F(ProbeTest, PictureThatExhaustsMemoryIsEmpty) {
   write(picture(".png", 20'000, 20'000, CV_8UC1));
   EXPECT_EQ(probe(), kEmpty);
 }
 
-TEST_F(ProbeTest, WhatOnlyRootMayReadIsEmpty) {
+TEST_F(ProbeTest, RootOnlyFileIsEmpty) {
   write(picture(".png", 64, 48));
   if (geteuid() != 0 || chown(file_.c_str(), 65534, 65534) != 0) {
     GTEST_SKIP() << "the probe stays who it is where there is no other user to become";
@@ -117,7 +117,7 @@ TEST_F(ProbeTest, PlantedFileIsEmpty) {
   EXPECT_EQ(probe(), grey(64, 48));
 }
 
-TEST_F(ProbeTest, ItTakesOneFileAndNothingElse) {
+TEST_F(ProbeTest, TakesExactlyOneFile) {
   EXPECT_EQ(probe({}), "status 2");
   EXPECT_EQ(probe({file_, file_}), "status 2");
 }

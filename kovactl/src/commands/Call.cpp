@@ -1,5 +1,6 @@
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../RequestFields.h"
 #include "../Suggestion.h"
 #include "../Text.h"
@@ -83,7 +84,8 @@ ExitStatus run(const Options& options, const Arguments& arguments) {
   if (reply.status != ExitStatus::Ok && !reply.answered) {
     return reply.status;
   }
-  const ExitStatus shown = options.json ? showJson(reply) : show(describe(reply));
+  const variant::Variant answer = reply.answered ? withTextIds(reply.message) : variant::Variant();
+  const ExitStatus shown = present(options, answer, describe(reply));
   return reply.status != ExitStatus::Ok ? reply.status : shown;
 }
 

@@ -2,6 +2,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../RequestFields.h"
 #include "Service.h"
 #include "Stats.h"
@@ -75,10 +76,10 @@ Words candidates(const std::string& topic, const Words& words) {
 Action setUpHelp(CommandLine& line) {
   auto words = std::make_shared<std::vector<std::string>>();
   line.Arguments("COMMAND", *words, "A command, such as \"service start\"; none for the overview");
-  return [words, line](const Options&) {
+  return [words, line](const Options& options) {
     std::string text;
     if (line.HelpOf(*words, text)) {
-      return show(text);
+      return present(options, text, text);
     }
     fail(ExitStatus::Usage, text);
     std::fputs("Try \"kovactl --help\".\n", stderr);
@@ -92,12 +93,12 @@ Action setUpComplete(CommandLine& line) {
   line.Argument("TOPIC", *topic,
                 "functions, fields, values, sections, services, zones, commands or endpoints");
   line.Arguments("WORD", *words, "The function whose fields to list, and the field whose values");
-  return [topic, words](const Options&) {
+  return [topic, words](const Options& options) {
     std::string text;
     for (const std::string& word : candidates(*topic, *words)) {
       text += word + "\n";
     }
-    return show(text);
+    return present(options, text, text);
   };
 }
 

@@ -1,5 +1,6 @@
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../Terminal.h"
 #include "../Text.h"
 #include "kova/messages/Requests.h"
@@ -44,9 +45,9 @@ ExitStatus reboot(const Options& options, const std::string& delay) {
     return sent.status;
   }
   const std::string when = delayMs == 0 ? "" : " in " + humanSeconds(delayMs);
-  return options.json ? showJson(Reply{})
-                      : show("The camera reboots" + when +
-                             (sent.vanished ? "; it has already left the bus.\n" : ".\n"));
+  return present(
+      options, {},
+      "The camera reboots" + when + (sent.vanished ? "; it has already left the bus.\n" : ".\n"));
 }
 
 ExitStatus confirm() {

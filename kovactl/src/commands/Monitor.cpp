@@ -7,6 +7,7 @@
 #include "../BusDiagnosis.h"
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../Terminal.h"
 #include "../Text.h"
 #include "kova/messages/BaseMessage.h"
@@ -95,7 +96,7 @@ std::string messageLine(const SeenMessage& seen, timeval when) {
          (broadcast ? "*" : party(seen.destination)) + " " + content(seen, seen.body.Masked());
 }
 
-std::string messageJson(const SeenMessage& seen, timeval when) {
+Variant messageRecord(const SeenMessage& seen, timeval when) {
   Variant line;
   line["time"] = when;
   line["kind"] = kindName(seen.kind);
@@ -104,16 +105,16 @@ std::string messageJson(const SeenMessage& seen, timeval when) {
   if (seen.kind == SeenMessage::Kind::Error) {
     line["error"] = seen.error;
   }
-  line["message"] = seen.body.Masked();
-  return json(line);
+  line["message"] = withTextIds(seen.body.Masked());
+  return line;
 }
 
 namespace {
 
-timeval now() {
-  timeval time{};
-  gettimeofday(&time, nullptr);
-  return time;
+ExitStatus presentMessage(const Options& options, const SeenMessage& seen) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return presentEach(options, messageRecord(seen, now), messageLine(seen, now) + "\n");
 }
 
 ExitStatus monitor(const Options& options) {
@@ -132,9 +133,8 @@ ExitStatus monitor(const Options& options) {
   }
   ExitStatus shown = ExitStatus::Ok;
   const auto print = [&](const ipc::SeenMessage& seen) {
-    const timeval when = now();
     if (shown == ExitStatus::Ok) {
-      shown = show((options.json ? messageJson(seen, when) : messageLine(seen, when)) + "\n");
+      shown = presentMessage(options, seen);
     }
   };
   while (shown == ExitStatus::Ok) {
@@ -160,10 +160,8 @@ class Printer : public ipc::BaseHandler {
     using Kind = ipc::SeenMessage::Kind;
     const Kind kind = request.isBroadcast() ? Kind::Broadcast : Kind::Call;
     const ipc::SeenMessage seen{kind, request.from(), endpoint_, "", request};
-    timeval when{};
-    gettimeofday(&when, nullptr);
     if (status_ == ExitStatus::Ok) {
-      status_ = show((options_.json ? messageJson(seen, when) : messageLine(seen, when)) + "\n");
+      status_ = presentMessage(options_, seen);
     }
     return true;
   }

@@ -11,8 +11,8 @@ namespace kova::ctl {
 /// masked; fields of the envelope are omitted when they have their default.
 std::string messageLine(const ipc::SeenMessage& seen, timeval when);
 
-/// A message as one line of JSON: "time", "kind", "sender", "destination", "error" for errors, and
-/// "message" with passwords masked.
-std::string messageJson(const ipc::SeenMessage& seen, timeval when);
+/// A message as the result of a command: "time", "kind", "sender", "destination", "error" for
+/// errors, and "message" with passwords masked.
+variant::Variant messageRecord(const ipc::SeenMessage& seen, timeval when);
 
 }  // namespace kova::ctl

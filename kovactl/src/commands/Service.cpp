@@ -8,6 +8,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../Remote.h"
 #include "../Suggestion.h"
 #include "../Text.h"
@@ -53,7 +54,7 @@ ExitStatus showList(const Options& options) {
     all.PushToArray(variant::Variant::Map{{"name", name}, {"state", state}, {"atBoot", started}});
     rows.push_back({printable(name), state + (started ? ", started at boot" : "")});
   }
-  return show(options.json ? json(all, 2) + "\n" : table(rows));
+  return present(options, all, table(rows));
 }
 
 // The camera stops none that it is managed by.

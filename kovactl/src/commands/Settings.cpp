@@ -7,6 +7,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../RequestFields.h"
 #include "../Suggestion.h"
 #include "Timezones.h"
@@ -163,8 +164,8 @@ ExitStatus askSettings(const Options& options, ipc::messages::BaseRequestMessage
   if (!reply.answered) {
     return reply.status;
   }
-  const ExitStatus shown =
-      options.json ? showJson(reply) : show(table(settingsRows(payloadOf(reply))));
+  const Variant payload = payloadOf(reply);
+  const ExitStatus shown = present(options, payload, table(settingsRows(payload)));
   const ExitStatus judged = judgeTimelapse(asked, reply);
   return judged != ExitStatus::Ok ? judged : shown;
 }

@@ -9,6 +9,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../Suggestion.h"
 #include "../Terminal.h"
 #include "kova/messages/Requests.h"
@@ -66,13 +67,6 @@ std::string network(const Variant& section) {
          humanBytes(number(section, "bytesTx"));
 }
 
-// Without a link the camera reports a level of 0 or -100 dBm and a quality derived from it.
-bool hasLink(const Variant& section) {
-  constexpr double kNothing = -100;
-  const double level = number(section, "signalStrength");
-  return level > kNothing && level < 0;
-}
-
 std::string wifi(const Variant& section) {
   if (!hasLink(section)) {
     return "no link";
@@ -92,6 +86,12 @@ std::string battery(const Variant& section) {
 }
 
 }  // namespace
+
+bool hasLink(const Variant& wifi) {
+  constexpr double kNothing = -100;
+  const double level = number(wifi, "signalStrength");
+  return level > kNothing && level < 0;
+}
 
 const std::vector<StatsSection>& statsSections() {
   static const std::vector<StatsSection> sections{
@@ -147,11 +147,6 @@ ipc::messages::GetSystemStats requestFor(const Sections& wanted) {
   return request;
 }
 
-std::string render(const Options& options, const Reply& reply, const Sections& wanted, int indent) {
-  const variant::Variant payload = payloadOf(reply);
-  return options.json ? json(payload, indent) + "\n" : table(statsRows(payload, wanted));
-}
-
 ExitStatus showOnce(Client& client, const Sections& wanted) {
   auto request = requestFor(wanted);
   const Reply reply = client.Request(request, client.Settings().answerTimeoutMs(),
@@ -159,20 +154,21 @@ ExitStatus showOnce(Client& client, const Sections& wanted) {
   if (!reply.answered) {
     return reply.status;
   }
-  const ExitStatus shown = show(render(client.Settings(), reply, wanted, 2));
+  const Variant payload = payloadOf(reply);
+  const ExitStatus shown = present(client.Settings(), payload, table(statsRows(payload, wanted)));
   return reply.status != ExitStatus::Ok ? reply.status : shown;
 }
 
-// Polls the statistics until something fails or stops it; `present` shows each frame.
+// Polls the statistics until something fails or stops it; `frame` shows each payload.
 ExitStatus repeat(Client& client, const Sections& wanted, std::uint32_t intervalMs,
-                  const std::function<ExitStatus(const std::string&)>& present) {
+                  const std::function<ExitStatus(const Variant&)>& frame) {
   while (true) {
     auto request = requestFor(wanted);
     const Reply reply = client.Request(request, client.Settings().answerTimeoutMs());
     if (reply.status != ExitStatus::Ok) {
       return reply.status;
     }
-    const ExitStatus shown = present(render(client.Settings(), reply, wanted, -1));
+    const ExitStatus shown = frame(payloadOf(reply));
     if (shown != ExitStatus::Ok) {
       return shown;
     }
@@ -194,8 +190,9 @@ std::string heading(std::uint32_t intervalMs) {
 
 ExitStatus watchOnTerminal(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
   AlternateScreen screen;
-  return repeat(client, wanted, intervalMs, [&](const std::string& frame) {
-    return screen.Show(heading(intervalMs) + frame) ? ExitStatus::Ok : show("");
+  return repeat(client, wanted, intervalMs, [&](const Variant& payload) {
+    return screen.Show(heading(intervalMs) + table(statsRows(payload, wanted))) ? ExitStatus::Ok
+                                                                                : show("");
   });
 }
 
@@ -203,9 +200,9 @@ ExitStatus watch(Client& client, const Sections& wanted, std::uint32_t intervalM
   if (outputIsTerminal() && !client.Settings().json) {
     return watchOnTerminal(client, wanted, intervalMs);
   }
-  const std::string gap = client.Settings().json ? "" : "\n";
-  return repeat(client, wanted, intervalMs,
-                [&gap](const std::string& frame) { return show(frame + gap); });
+  return repeat(client, wanted, intervalMs, [&](const Variant& payload) {
+    return presentEach(client.Settings(), payload, table(statsRows(payload, wanted)) + "\n");
+  });
 }
 
 std::vector<std::string> sectionNames() {

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "../Command.h"
+#include "../Output.h"
 #include "../Remote.h"
 #include "../Suggestion.h"
 #include "../Text.h"
@@ -48,12 +49,10 @@ ExitStatus listZones(const Options& options, const std::vector<std::string>& par
       text += zone + "\n";
     }
   }
-  if (options.json) {
-    return show(json(list, 2) + "\n");
-  }
-  return text.empty() ? fail(ExitStatus::Usage, "no time zone contains \"" + parts.front() +
-                                                    "\": \"kovactl timezones\" lists all")
-                      : show(text);
+  return text.empty() && !options.json
+             ? fail(ExitStatus::Usage, "no time zone contains \"" + parts.front() +
+                                           "\": \"kovactl timezones\" lists all")
+             : present(options, list, text);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../Output.h"
 #include "../Terminal.h"
 #include "../Text.h"
 #include "kova/messages/Requests.h"
@@ -127,7 +128,7 @@ ExitStatus showName(const Options& options) {
   if (reply.status != ExitStatus::Ok) {
     return reply.status;
   }
-  return options.json ? showJson(reply) : show(printable(nameIn(reply)) + "\n");
+  return present(options, payloadOf(reply), printable(nameIn(reply)) + "\n");
 }
 
 ExitStatus changePassword(const Options& options, const Arguments& arguments) {
@@ -158,7 +159,7 @@ ExitStatus changePassword(const Options& options, const Arguments& arguments) {
   if (reply.status != ExitStatus::Ok) {
     return reply.status;
   }
-  return options.json ? showJson(reply) : show("Changed.\n");
+  return present(options, payloadOf(reply), "Changed.\n");
 }
 
 template <typename Message>

@@ -86,7 +86,7 @@ class ButtonTest : public testing::Test {
   ResetButtonCase button_;
 };
 
-TEST_F(ButtonTest, APressAndAReleaseAreReportedOnce) {
+TEST_F(ButtonTest, PressAndReleaseAreReportedOnce) {
   start();
   press();
   pass(200);
@@ -96,7 +96,7 @@ TEST_F(ButtonTest, APressAndAReleaseAreReportedOnce) {
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 200"));
 }
 
-TEST_F(ButtonTest, ALevelCountsAfterExactlyTheDebounceTime) {
+TEST_F(ButtonTest, LevelCountsAfterDebounceTime) {
   start();
   press();
   pass(30, 1);
@@ -105,21 +105,21 @@ TEST_F(ButtonTest, ALevelCountsAfterExactlyTheDebounceTime) {
   EXPECT_THAT(observer_.events, ElementsAre("down"));
 }
 
-TEST_F(ButtonTest, AHeldButtonIsReportedAtTheIntervalCountedFromThePress) {
+TEST_F(ButtonTest, HoldIntervalCountsFromPress) {
   start(100);
   press();
   pass(351);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 100", "held 200", "held 300"));
 }
 
-TEST_F(ButtonTest, AtAnIntervalOfZeroEachServiceReportsTheHold) {
+TEST_F(ButtonTest, ZeroIntervalReportsHoldAtEveryService) {
   start(0);
   press();
   pass(51);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 30", "held 40", "held 50"));
 }
 
-TEST_F(ButtonTest, ABounceWithinTheDebounceTimeIsNothing) {
+TEST_F(ButtonTest, BounceWithinDebounceTimeIsIgnored) {
   start(0);
   for (int i = 0; i < 10; ++i) {
     press();
@@ -131,7 +131,7 @@ TEST_F(ButtonTest, ABounceWithinTheDebounceTimeIsNothing) {
   EXPECT_THAT(observer_.events, IsEmpty());
 }
 
-TEST_F(ButtonTest, ABouncingPressCountsFromItsLastClosing) {
+TEST_F(ButtonTest, BouncingPressCountsFromLastClosing) {
   start();
   press();
   pass(10);
@@ -144,7 +144,7 @@ TEST_F(ButtonTest, ABouncingPressCountsFromItsLastClosing) {
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 500"));
 }
 
-TEST_F(ButtonTest, AGlitchWhileHeldIsNeitherAnUpNorADown) {
+TEST_F(ButtonTest, GlitchDuringHoldIsIgnored) {
   start(100);
   press();
   pass(195);
@@ -158,7 +158,7 @@ TEST_F(ButtonTest, AGlitchWhileHeldIsNeitherAnUpNorADown) {
   EXPECT_EQ(observer_.events.back(), "up 310");
 }
 
-TEST_F(ButtonTest, NoHoldIsReportedBeyondTheRelease) {
+TEST_F(ButtonTest, HoldEndsAtRelease) {
   start(100);
   press();
   pass(90);
@@ -167,14 +167,14 @@ TEST_F(ButtonTest, NoHoldIsReportedBeyondTheRelease) {
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 90"));
 }
 
-TEST_F(ButtonTest, AButtonHeldFromTheStartIsAPress) {
+TEST_F(ButtonTest, ButtonHeldAtStartIsPress) {
   press();
   ASSERT_TRUE(button_.init(&info_, &observer_, 100));
   pass(161);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 100"));
 }
 
-TEST_F(ButtonTest, PressCountsUpToTheLastSampleBeforeAGap) {
+TEST_F(ButtonTest, PressCountsUpToLastSampleBeforeGap) {
   start();
   press();
   pass(1200);
@@ -186,7 +186,7 @@ TEST_F(ButtonTest, PressCountsUpToTheLastSampleBeforeAGap) {
   EXPECT_EQ(observer_.events.back(), "up 890");
 }
 
-TEST_F(ButtonTest, GapOf250MillisecondsEndsNoPress) {
+TEST_F(ButtonTest, GapOf250MillisecondsDoesNotEndPress) {
   start();
   press();
   pass(100);
@@ -208,7 +208,7 @@ TEST_F(ButtonTest, PressThatEndedUnseenIsOver) {
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 490"));
 }
 
-TEST_F(ButtonTest, LevelSeenOnBothSidesOfAGapHasNotLasted) {
+TEST_F(ButtonTest, EqualLevelsAroundGapAreNotDuration) {
   start();
   press();
   pass(10);
@@ -219,7 +219,7 @@ TEST_F(ButtonTest, LevelSeenOnBothSidesOfAGapHasNotLasted) {
   EXPECT_THAT(observer_.events, ElementsAre("down"));
 }
 
-TEST_F(ButtonTest, SlowObserverIsNoPartOfTheNextPress) {
+TEST_F(ButtonTest, SlowObserverDoesNotLengthenNextPress) {
   class Slow : public Recorder {
    public:
     void buttonUp(int heldMs) override {
@@ -254,7 +254,7 @@ TEST_F(ButtonTest, OpenLineIsSampledEveryFiftyMilliseconds) {
   EXPECT_EQ(seen(), 50 + 30);
 }
 
-TEST_F(ButtonTest, TheLineMayBeActiveHigh) {
+TEST_F(ButtonTest, LineMayBeActiveHigh) {
   info_["reset_button_active_low"] = false;
   press();
   start();
@@ -263,7 +263,7 @@ TEST_F(ButtonTest, TheLineMayBeActiveHigh) {
   EXPECT_THAT(observer_.events, ElementsAre("down"));
 }
 
-TEST_F(ButtonTest, ABoardWithoutTheButtonHasNothingToDo) {
+TEST_F(ButtonTest, BoardWithoutButtonDoesNothing) {
   const variant::CameraInfo empty;
   EXPECT_TRUE(button_.init(&empty, &observer_, 0));
   press();
@@ -283,7 +283,7 @@ TEST_F(ButtonTest, KeysOfAnotherTypeCountAsAbsent) {
   EXPECT_THAT(observer_.events, ElementsAre("down"));
 }
 
-TEST_F(ButtonTest, LineThatCannotBeReadFailsNoInit) {
+TEST_F(ButtonTest, UnreadableLineDoesNotFailInit) {
   std::filesystem::remove(path_);
   EXPECT_TRUE(button_.init(&info_, &observer_, 0));
   EXPECT_EQ(logged("Cannot read the button at " + path_ + ": No such file or directory"), 1U);
@@ -296,14 +296,14 @@ TEST_F(ButtonTest, LineThatCannotBeReadFailsNoInit) {
   EXPECT_EQ(tests::records.size(), 2U);
 }
 
-TEST_F(ButtonTest, FolderInItsPlaceIsNoLine) {
+TEST_F(ButtonTest, FolderInPlaceOfLineIsRejected) {
   std::filesystem::remove(path_);
   std::filesystem::create_directory(path_);
   EXPECT_TRUE(button_.init(&info_, &observer_, 0));
   EXPECT_EQ(tests::records.size(), 1U);
 }
 
-TEST_F(ButtonTest, LineThatIsLostFailsOnceAtOnceAndThenOnceAMinute) {
+TEST_F(ButtonTest, LostLineFailsAtOnceThenOncePerMinute) {
   start();
   writeText(path_, "");
   std::vector<std::uint64_t> failures;
@@ -320,7 +320,7 @@ TEST_F(ButtonTest, LineThatIsLostFailsOnceAtOnceAndThenOnceAMinute) {
   EXPECT_EQ(logged("Cannot read the button at " + path_ + ": Invalid argument"), 1U);
 }
 
-TEST_F(ButtonTest, BlindTimeIsNoHold) {
+TEST_F(ButtonTest, BlindTimeDoesNotCountAsHold) {
   start(100);
   press();
   pass(150);
@@ -353,7 +353,7 @@ TEST_F(ButtonTest, OnlyZeroAndOneAreLevels) {
   }
 }
 
-TEST_F(ButtonTest, OpenDescriptorsDoNotPileUp) {
+TEST_F(ButtonTest, DescriptorsDoNotAccumulate) {
   const auto open = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   };

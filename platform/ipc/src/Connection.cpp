@@ -21,6 +21,8 @@ constexpr std::uint64_t kMaxPassMs = 40;
 // Answers that the bus has not accepted yet. Beyond this no requests are read, which slows senders
 // down and bounds the memory.
 constexpr std::uint64_t kMaxUnsentAnswers = 256;
+// The same for answers about published objects, which may be larger than those of requests.
+constexpr std::size_t kMaxUnsentBytes = std::size_t{4} * 1024 * 1024;
 // The library's own time-outs do not show on the socket, but they last for seconds.
 constexpr int kMaxIdlePasses = 10;
 
@@ -42,8 +44,10 @@ std::unique_ptr<Ipc::Connection::Session> Ipc::Connection::Enter(const std::stri
   if (opened == nullptr) {
     return nullptr;
   }
-  auto session = std::make_unique<Session>(std::move(opened), endpoint, handlers_, transactions);
-  if (!session->incoming.Serve(receiveBroadcasts, error) || !session->outgoing.Start(error)) {
+  auto session =
+      std::make_unique<Session>(std::move(opened), endpoint, handlers_, transactions, objects_);
+  if (!session->incoming.Serve(receiveBroadcasts, error) || !session->outgoing.Start(error) ||
+      !objects_.Serve(session->bus.get(), error)) {
     return nullptr;
   }
   const std::string name = kNamePrefix + endpoint;
@@ -97,9 +101,10 @@ bool Ipc::Connection::IsPresent(const std::string& endpoint) const {
 }
 
 // While the bus does not read, output only accumulates in this process.
-bool Ipc::Connection::IsCongested() const {
+bool Ipc::Connection::IsCongested() {
   std::uint64_t unsent = 0;
-  if (sd_bus_get_n_queued_write(session_->bus.get(), &unsent) < 0 || unsent <= kMaxUnsentAnswers) {
+  if (sd_bus_get_n_queued_write(session_->bus.get(), &unsent) < 0 ||
+      (unsent <= kMaxUnsentAnswers && objects_.UnsentBytes() <= kMaxUnsentBytes)) {
     return false;
   }
   pollfd socket{sd_bus_get_fd(session_->bus.get()), POLLOUT, 0};
@@ -123,6 +128,7 @@ int Ipc::Connection::Drain() {
   const std::uint64_t deadline = utils::nowMs() + kMaxPassMs;
   int handled = 0;
   while (handled < kMaxMessages && !IsCongested()) {
+    objects_.BeginMessage();
     const int result = sd_bus_process(session_->bus.get(), nullptr);
     if (result == 0 || result == -EBUSY) {  // busy: reentered from a handler
       break;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Incoming.h"
+#include "ObjectServer.h"
 #include "Outgoing.h"
 #include "SdBus.h"
 #include "kova/ipc/Ipc.h"
@@ -21,18 +22,24 @@ class Ipc::Connection {
   bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
   bool Flush();
   bool IsPresent(const std::string& endpoint) const;
+  Objects& objects() { return objects_; }
 
  private:
   struct Session {
     Session(BusPtr opened, const std::string& endpoint, const Incoming::Handlers& handlers,
-            TransactionsHandler* transactions)
+            TransactionsHandler* transactions, ObjectServer& published)
         : bus(std::move(opened)),
           incoming(bus.get(), endpoint, handlers),
-          outgoing(bus.get(), endpoint, transactions) {}
+          outgoing(bus.get(), endpoint, transactions),
+          objects(published) {}
+    ~Session() { objects.Leave(); }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
 
     BusPtr bus;  ///< first, so that it is destroyed after everything registered with it
     Incoming incoming;
     Outgoing outgoing;
+    ObjectServer& objects;
   };
 
   std::unique_ptr<Session> Enter(const std::string& endpoint, bool receiveBroadcasts,
@@ -40,10 +47,11 @@ class Ipc::Connection {
   /// Handles what is pending, within limits.
   /// @return number of messages, or a negative errno value
   int Drain();
-  bool IsCongested() const;
+  bool IsCongested();
   bool IsIdle();
 
   Incoming::Handlers handlers_;
+  ObjectServer objects_;
   std::string endpoint_;
   bool lost_ = false;
   int idlePasses_ = 0;  // consecutive passes that did not call the library

@@ -6,6 +6,7 @@
 #include "Wire.h"
 #include "kova/ipc/Handlers.h"
 #include "kova/logger/Logger.h"
+#include "kova/variant/BaseVariantContainer.h"
 
 namespace kova::ipc {
 namespace {

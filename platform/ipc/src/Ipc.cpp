@@ -39,6 +39,10 @@ bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
   return guarded(__func__, false, [&] { return connection_->AddHandler(functionName, handler); });
 }
 
+Objects& Ipc::objects() {
+  return connection_->objects();
+}
+
 bool Ipc::Service(unsigned timeoutMs) {
   return guarded(__func__, false, [&] { return connection_->Service(timeoutMs); });
 }

@@ -26,6 +26,13 @@ inline constexpr unsigned kMaxBusDepth = 64;
 /// or exceeds a limit
 bool decode(sd_bus_message* message, variant::Variant& body, std::string& reason);
 
+/// Reads the answer to a call of an interface other than kova.Ipc1, such as
+/// org.freedesktop.DBus.ObjectManager: at most one value of any type, whose dictionaries may also
+/// have object paths as keys and whose structures become arrays.
+/// @param value receives the value, or an empty Variant when there is none
+/// @return as decode()
+bool decodeAnswer(sd_bus_message* message, variant::Variant& value, std::string& reason);
+
 /// Appends a map as the message's only argument, an a{sv}. A value that is not a map is sent as an
 /// empty one.
 /// @param reason receives why the map cannot be sent

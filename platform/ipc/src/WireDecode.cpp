@@ -12,7 +12,10 @@ using variant::Variant;
 // Reads values from a message. On failure sets `reason`; the message cannot be read further.
 class Reader {
  public:
-  Reader(sd_bus_message* message, std::string& reason) : message_(message), reason_(reason) {}
+  /// @param foreign whether object paths may be keys and structures may hold anything, unlike in
+  ///                the messages of kova.Ipc1
+  Reader(sd_bus_message* message, bool foreign, std::string& reason)
+      : message_(message), foreign_(foreign), reason_(reason) {}
 
   bool Body(Variant& body) {
     const char* signature = sd_bus_message_get_signature(message_, 1);
@@ -24,6 +27,18 @@ class Reader {
       return false;
     }
     return sd_bus_message_at_end(message_, 1) > 0 || Fail("the body has more than one argument");
+  }
+
+  bool Answer(Variant& value) {
+    if (sd_bus_message_rewind(message_, 1) < 0) {
+      return Malformed();
+    }
+    if (sd_bus_message_at_end(message_, 1) > 0) {
+      value.Free();
+      return true;
+    }
+    return Value(value, 0) && (sd_bus_message_at_end(message_, 1) > 0 ||
+                               Fail("the answer has more than one argument"));
   }
 
  private:
@@ -44,6 +59,8 @@ class Reader {
   bool Bytes(Variant& value);
   bool Nested(const std::string& content, Variant& value, unsigned depth);
   bool Items(const std::string& element, Variant& value, unsigned depth);
+  bool Structure(const std::string& fields, Variant& value, unsigned depth);
+  bool Sequence(Variant& value, unsigned depth);
   bool Dictionary(const std::string& entry, Variant& value, unsigned depth);
   bool Entry(const std::string& entry, Variant& map, unsigned depth);
 
@@ -59,6 +76,7 @@ class Reader {
   }
 
   sd_bus_message* message_;
+  bool foreign_;
   std::string& reason_;
   MarshalledSize size_;
 };
@@ -84,7 +102,7 @@ bool Reader::Value(Variant& value, unsigned depth) {
     case SD_BUS_TYPE_VARIANT:
       return Nested(content, value, depth);
     case SD_BUS_TYPE_STRUCT:
-      return Time(content, value);
+      return content == "xx" || !foreign_ ? Time(content, value) : Structure(content, value, depth);
     default:
       return Basic(type, value);
   }
@@ -184,6 +202,22 @@ bool Reader::Items(const std::string& element, Variant& value, unsigned depth) {
     return Malformed();
   }
   size_.Array(element);
+  return Sequence(value, depth);
+}
+
+bool Reader::Structure(const std::string& fields, Variant& value, unsigned depth) {
+  if (depth == kMaxDepth) {
+    return Fail("the body is nested too deeply");
+  }
+  if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_STRUCT, fields.c_str()) <= 0) {
+    return Malformed();
+  }
+  size_.Structure();
+  return Sequence(value, depth + 1);
+}
+
+// What is left of an array or a structure, to its end.
+bool Reader::Sequence(Variant& value, unsigned depth) {
   Variant::Array items;
   int atEnd = 0;
   while ((atEnd = sd_bus_message_at_end(message_, 0)) == 0) {
@@ -196,7 +230,8 @@ bool Reader::Items(const std::string& element, Variant& value, unsigned depth) {
 }
 
 bool Reader::Dictionary(const std::string& entry, Variant& value, unsigned depth) {
-  if (entry[1] != SD_BUS_TYPE_STRING) {
+  const bool isPath = foreign_ && entry[1] == SD_BUS_TYPE_OBJECT_PATH;
+  if (entry[1] != SD_BUS_TYPE_STRING && !isPath) {
     return Fail("the body holds a dictionary whose keys are not strings");
   }
   if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_ARRAY, entry.c_str()) <= 0) {
@@ -219,7 +254,7 @@ bool Reader::Dictionary(const std::string& entry, Variant& value, unsigned depth
 bool Reader::Entry(const std::string& fields, Variant& map, unsigned depth) {
   const char* key = nullptr;
   if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_DICT_ENTRY, fields.c_str()) <= 0 ||
-      sd_bus_message_read_basic(message_, SD_BUS_TYPE_STRING, static_cast<void*>(&key)) <= 0) {
+      sd_bus_message_read_basic(message_, fields.front(), static_cast<void*>(&key)) <= 0) {
     return Malformed();
   }
   const std::string_view name(key);
@@ -233,7 +268,11 @@ bool Reader::Entry(const std::string& fields, Variant& map, unsigned depth) {
 }  // namespace
 
 bool decode(sd_bus_message* message, Variant& body, std::string& reason) {
-  return Reader(message, reason).Body(body);
+  return Reader(message, false, reason).Body(body);
+}
+
+bool decodeAnswer(sd_bus_message* message, Variant& value, std::string& reason) {
+  return Reader(message, true, reason).Answer(value);
 }
 
 }  // namespace kova::ipc::wire

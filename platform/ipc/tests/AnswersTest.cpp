@@ -18,7 +18,7 @@ class AnswersTest : public BusTest {
   }
 };
 
-TEST_F(AnswersTest, ResponseCarriesTheRequestsIdAndBothNames) {
+TEST_F(AnswersTest, ResponseCarriesRequestIdAndBothNames) {
   Recorder handler(&ipc_, Respond("text"));
   ipc_.AddHandler("Ask", &handler);
   Join();
@@ -36,7 +36,7 @@ TEST_F(AnswersTest, ResponseCarriesTheRequestsIdAndBothNames) {
   EXPECT_EQ(answer.body["from"], Variant("test"));
 }
 
-TEST_F(AnswersTest, AMissingIdIsTheSameForHandlerAndResponse) {
+TEST_F(AnswersTest, MissingIdIsSameForHandlerAndResponse) {
   Recorder handler(&ipc_, Respond({}));
   ipc_.AddHandler("Ask", &handler);
   Join();
@@ -44,7 +44,7 @@ TEST_F(AnswersTest, AMissingIdIsTheSameForHandlerAndResponse) {
   EXPECT_EQ(answer.body["requestId"], Variant(handler.requests.at(0).id()));
 }
 
-TEST_F(AnswersTest, WithoutAResponseTheAnswerIsAnEmptyMap) {
+TEST_F(AnswersTest, RequestWithoutResponseGetsEmptyMap) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   Join();
@@ -53,7 +53,7 @@ TEST_F(AnswersTest, WithoutAResponseTheAnswerIsAnEmptyMap) {
   EXPECT_EQ(answer.body, Variant(Variant::Map{}));
 }
 
-TEST_F(AnswersTest, HandlerThatFailsGivesAnErrorUnlessItHasAnswered) {
+TEST_F(AnswersTest, FailingHandlerGivesErrorUnlessAnswered) {
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) {
     if (request.functionName() == "Ask") {
       Respond("text")(request, rejected);
@@ -66,7 +66,7 @@ TEST_F(AnswersTest, HandlerThatFailsGivesAnErrorUnlessItHasAnswered) {
   EXPECT_EQ(Call("Ask").error, "");
 }
 
-TEST_F(AnswersTest, RequestsReachTheHandlerAsTheyWereSent) {
+TEST_F(AnswersTest, RequestReachesHandlerUnchanged) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   Join();
@@ -79,7 +79,7 @@ TEST_F(AnswersTest, RequestsReachTheHandlerAsTheyWereSent) {
   EXPECT_EQ(handler.requests.at(0), body);
 }
 
-TEST_F(AnswersTest, FunctionNamesAreComparedExactlyAndTheEmptyNameTakesTheRest) {
+TEST_F(AnswersTest, EmptyNameHandlesFunctionsWithoutExactMatch) {
   Recorder handler(&ipc_);
   Recorder rest(&ipc_);
   ipc_.AddHandler("Tell", &handler);
@@ -101,7 +101,7 @@ TEST_F(AnswersTest, RejectedAndUnclaimedFunctionsAreUnknown) {
   EXPECT_EQ(Call("Any").error, "kova.Error.UnknownFunction");
 }
 
-TEST_F(AnswersTest, BodiesThatAreNoMapAreInvalid) {
+TEST_F(AnswersTest, NonMapBodiesAreInvalid) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
   Join();
@@ -116,7 +116,7 @@ TEST_F(AnswersTest, BodiesThatAreNoMapAreInvalid) {
   EXPECT_TRUE(handler.requests.empty());
 }
 
-TEST_F(AnswersTest, ABodyOfAMebibyteIsTakenAndALittleMoreIsInvalid) {
+TEST_F(AnswersTest, BodyOverOneMebibyteIsInvalid) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
   Join();
@@ -128,7 +128,7 @@ TEST_F(AnswersTest, ABodyOfAMebibyteIsTakenAndALittleMoreIsInvalid) {
   EXPECT_EQ(handler.requests.size(), 1U);
 }
 
-TEST_F(AnswersTest, TheDeepestMessagesThatAreWrittenPassTheBus) {
+TEST_F(AnswersTest, DeepestWritableMessagePassesBus) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
   Join();
@@ -138,7 +138,7 @@ TEST_F(AnswersTest, TheDeepestMessagesThatAreWrittenPassTheBus) {
   EXPECT_EQ(handler.requests.size(), 3U);
 }
 
-TEST_F(AnswersTest, AThrowingHandlerGivesAnErrorAndTheNextCallIsServed) {
+TEST_F(AnswersTest, ThrowingHandlerGivesErrorAndServiceGoesOn) {
   Recorder handler(&ipc_, [](BaseRequestMessage& request, bool&) -> bool {
     if (request.functionName() == "Throw") {
       throw std::bad_alloc();
@@ -151,7 +151,7 @@ TEST_F(AnswersTest, AThrowingHandlerGivesAnErrorAndTheNextCallIsServed) {
   EXPECT_EQ(Call("Other").error, "");
 }
 
-TEST_F(AnswersTest, AHandlerThatThrowsAfterItsResponseHasAnswered) {
+TEST_F(AnswersTest, HandlerThatThrowsAfterResponseHasAnswered) {
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) -> bool {
     Respond("text")(request, rejected);
     throw std::runtime_error("too late");
@@ -167,7 +167,7 @@ TEST_F(AnswersTest, AHandlerThatThrowsAfterItsResponseHasAnswered) {
   EXPECT_EQ(eavesdropper.Answers(), 2);
 }
 
-TEST_F(AnswersTest, AResponseIsSentOnceAndOnlyFromWithinTheHandler) {
+TEST_F(AnswersTest, ResponseIsSentOnceAndOnlyInHandler) {
   std::vector<bool> results;
   BaseResponseMessage response;
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
@@ -186,7 +186,7 @@ TEST_F(AnswersTest, AResponseIsSentOnceAndOnlyFromWithinTheHandler) {
   EXPECT_FALSE(ipc_.SendResponse(handler.requests.at(0), response));
 }
 
-TEST_F(AnswersTest, AResponseThatCannotBeSentBecomesAnError) {
+TEST_F(AnswersTest, UnsendableResponseBecomesError) {
   bool sent = true;
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;
@@ -200,7 +200,7 @@ TEST_F(AnswersTest, AResponseThatCannotBeSentBecomesAnError) {
   EXPECT_FALSE(sent);
 }
 
-TEST_F(AnswersTest, ANoReplyCallIsHandledAndNotAnswered) {
+TEST_F(AnswersTest, NoReplyCallIsHandledWithoutAnswer) {
   bool sent = false;
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) {
     return sent = Respond("text")(request, rejected);
@@ -222,7 +222,7 @@ TEST_F(AnswersTest, ANoReplyCallIsHandledAndNotAnswered) {
   EXPECT_EQ(eavesdropper.Answers(), 1);
 }
 
-TEST_F(AnswersTest, AHandlerIsNotReplacedByASecondOneOfTheSameName) {
+TEST_F(AnswersTest, SecondHandlerOfSameNameIsRefused) {
   Recorder handler(&ipc_);
   Recorder second(&ipc_);
   EXPECT_TRUE(ipc_.AddHandler("Tell", &handler));
@@ -234,7 +234,7 @@ TEST_F(AnswersTest, AHandlerIsNotReplacedByASecondOneOfTheSameName) {
   EXPECT_TRUE(second.requests.empty());
 }
 
-TEST_F(AnswersTest, ServiceFromWithinAHandlerDoesNothing) {
+TEST_F(AnswersTest, NestedServiceDoesNothing) {
   bool result = false;
   Recorder handler(&ipc_, [&](BaseRequestMessage&, bool&) { return result = ipc_.Service(0); });
   ipc_.AddHandler("", &handler);

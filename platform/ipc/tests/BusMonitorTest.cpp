@@ -24,7 +24,7 @@ class BusMonitorTest : public BusTest {
   std::vector<SeenMessage> seen_;
 };
 
-TEST_F(BusMonitorTest, SeesCallsAndTheirAnswersByEndpoint) {
+TEST_F(BusMonitorTest, ShowsCallsAndAnswersByEndpoint) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   Join();
@@ -48,7 +48,7 @@ TEST_F(BusMonitorTest, SeesCallsAndTheirAnswersByEndpoint) {
   EXPECT_EQ(seen_[1].destination, "later");
 }
 
-TEST_F(BusMonitorTest, SeesErrorsAndBroadcastsAndNamelessClients) {
+TEST_F(BusMonitorTest, ShowsErrorsBroadcastsAndNamelessClients) {
   Join();
   OpenMonitor();
   Call("Unknown");
@@ -70,7 +70,7 @@ TEST_F(BusMonitorTest, SeesErrorsAndBroadcastsAndNamelessClients) {
   EXPECT_EQ(seen_[2].body, event);
 }
 
-TEST_F(BusMonitorTest, ShowsAMessageThatCannotBeDecodedWithoutItsBody) {
+TEST_F(BusMonitorTest, ShowsUndecodableMessageWithoutBody) {
   Join();
   OpenMonitor();
   const MessagePtr call = stranger_.NewCall("test");
@@ -81,7 +81,7 @@ TEST_F(BusMonitorTest, ShowsAMessageThatCannotBeDecodedWithoutItsBody) {
   EXPECT_TRUE(seen_[0].body.IsEmpty());
 }
 
-TEST_F(BusMonitorTest, TellsWhenTheBusIsGone) {
+TEST_F(BusMonitorTest, ReportsClosedBus) {
   OpenMonitor();
   privateBus_.Kill();
   const auto ignore = [](const SeenMessage&) {};

@@ -7,7 +7,7 @@
 namespace kova::ipc {
 namespace {
 
-TEST(BusTextTest, TakesWhatDBusStringMayHold) {
+TEST(BusTextTest, AcceptsEveryDBusString) {
   for (const char* text :
        {"", "\x7f", "\xc2\x80", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xb7\x8f",
         "\xef\xb7\xb0", "\xef\xbf\xbd", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbd"}) {

@@ -10,7 +10,7 @@ namespace {
 
 using ConnectionTest = BusTest;
 
-TEST_F(ConnectionTest, OwnsItsNameWhileItLives) {
+TEST_F(ConnectionTest, OwnsNameWhileAlive) {
   {
     Ipc first;
     ASSERT_TRUE(first.Init("test", false, nullptr));
@@ -21,7 +21,7 @@ TEST_F(ConnectionTest, OwnsItsNameWhileItLives) {
   EXPECT_TRUE(ipc_.Init("test", false, nullptr));
 }
 
-TEST_F(ConnectionTest, JoinsOnceOnly) {
+TEST_F(ConnectionTest, JoinsOnlyOnce) {
   Join();
   EXPECT_FALSE(ipc_.Init("again", false, nullptr));
   EXPECT_TRUE(ipc_.Service(0));
@@ -33,7 +33,7 @@ TEST_F(ConnectionTest, InvalidNamesAreRefused) {
   }
 }
 
-TEST_F(ConnectionTest, WithoutANameItStillSends) {
+TEST_F(ConnectionTest, SendsWithoutName) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   Join();
@@ -46,7 +46,7 @@ TEST_F(ConnectionTest, WithoutANameItStillSends) {
   EXPECT_TRUE(Until([&] { return !handler.requests.empty(); }));
 }
 
-TEST_F(ConnectionTest, FlushTellsWhetherTheBusHasAll) {
+TEST_F(ConnectionTest, FlushTellsWhetherBusHasAll) {
   EXPECT_FALSE(ipc_.Flush());
   Join();
   EXPECT_TRUE(ipc_.Flush());
@@ -54,13 +54,13 @@ TEST_F(ConnectionTest, FlushTellsWhetherTheBusHasAll) {
   EXPECT_FALSE(ipc_.Flush());
 }
 
-TEST_F(ConnectionTest, WithoutABusJoiningFails) {
+TEST_F(ConnectionTest, JoiningFailsWithoutBus) {
   privateBus_.Kill();
   EXPECT_FALSE(ipc_.Init("test", false, nullptr));
   EXPECT_FALSE(ipc_.Service(0));
 }
 
-TEST_F(ConnectionTest, ABusThatAcceptsAndStaysSilentIsGivenUp) {
+TEST_F(ConnectionTest, SilentBusTimesOut) {
   const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;  // without a path the kernel assigns an abstract address
@@ -76,7 +76,7 @@ TEST_F(ConnectionTest, ABusThatAcceptsAndStaysSilentIsGivenUp) {
   close(listener);
 }
 
-TEST_F(ConnectionTest, TheLossOfTheBusIsToldAndStays) {
+TEST_F(ConnectionTest, LostBusIsReportedAndStaysLost) {
   Join();
   EXPECT_TRUE(ipc_.Service(0));
   privateBus_.Kill();
@@ -88,7 +88,7 @@ TEST_F(ConnectionTest, TheLossOfTheBusIsToldAndStays) {
   EXPECT_FALSE(ipc_.SendRequest(request));
 }
 
-TEST_F(ConnectionTest, ServiceWaitsForTheFirstMessageAndNoLonger) {
+TEST_F(ConnectionTest, ServiceWaitsForFirstMessageOnly) {
   Join();
   while (ipc_.Service(0) && !ipc_.IsPresent("test")) {
   }
@@ -104,7 +104,7 @@ TEST_F(ConnectionTest, ServiceWaitsForTheFirstMessageAndNoLonger) {
   EXPECT_EQ(handler.requests.size(), 1U);
 }
 
-TEST_F(ConnectionTest, TheInstanceIsOnePerProcessAndCanBeMadeAnew) {
+TEST_F(ConnectionTest, InstanceIsUniqueAndCanBeRecreated) {
   Ipc* instance = Ipc::GetInstance();
   ASSERT_NE(instance, nullptr);
   EXPECT_EQ(Ipc::GetInstance(), instance);
@@ -114,7 +114,7 @@ TEST_F(ConnectionTest, TheInstanceIsOnePerProcessAndCanBeMadeAnew) {
   Ipc::FreeInstance();
 }
 
-TEST_F(ConnectionTest, SixtyFourClientsThatDoNotWaitGetOneAnswerEach) {
+TEST_F(ConnectionTest, SixtyFourAsynchronousClientsGetOneAnswerEach) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   Join();
@@ -200,7 +200,7 @@ TEST_F(OnePassTest, EndsInTimeWhenRequestsAreSlow) {
   EXPECT_LT(InOnePass(64), 10U);
 }
 
-TEST_F(ConnectionTest, WhileTheBusDoesNotReadNothingPilesUp) {
+TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   Ipc other;
@@ -234,7 +234,7 @@ TEST_F(ConnectionTest, WhileTheBusDoesNotReadNothingPilesUp) {
 }
 
 // A client that sends without end and reads no answer.
-TEST_F(ConnectionTest, APeerThatNeverReadsDoesNotHoldUpOthers) {
+TEST_F(ConnectionTest, StalledPeerDoesNotBlockOthers) {
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;
     response.payload(Variant(std::string(16'000, 'x')));

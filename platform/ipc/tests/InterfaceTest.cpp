@@ -59,7 +59,7 @@ std::string essence(const std::string& xml) {
   return tags;
 }
 
-TEST_F(InterfaceTest, IntrospectionSaysWhatTheShippedDescriptionSays) {
+TEST_F(InterfaceTest, IntrospectionMatchesShippedDescription) {
   Join();
   sd_bus_message* created = nullptr;
   sd_bus_message_new_method_call(stranger_.bus(), &created, "kova.test", kObjectPath,

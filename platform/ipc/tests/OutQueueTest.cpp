@@ -13,7 +13,7 @@ messages::BaseRequestMessage numbered(std::uint64_t id) {
   return message;
 }
 
-TEST(OutQueueTest, GivesBackInOrderAndOnlyOnce) {
+TEST(OutQueueTest, ReturnsMessagesInOrderAndOnce) {
   OutQueue queue;
   queue.Put("a", numbered(1), 10);
   queue.Put("b", numbered(2), 10);
@@ -26,7 +26,7 @@ TEST(OutQueueTest, GivesBackInOrderAndOnlyOnce) {
   EXPECT_EQ(queue.Take("b").size(), 1U);
 }
 
-TEST(OutQueueTest, KeepsTheNewest256OfADestination) {
+TEST(OutQueueTest, KeepsNewest256PerDestination) {
   OutQueue queue;
   for (std::uint64_t id = 0; id < 300; ++id) {
     queue.Put("a", numbered(id), 10);
@@ -37,7 +37,7 @@ TEST(OutQueueTest, KeepsTheNewest256OfADestination) {
   EXPECT_EQ(taken.back().id(), 299U);
 }
 
-TEST(OutQueueTest, EachMessageThatIsDroppedIsLogged) {
+TEST(OutQueueTest, DroppedMessagesAreLogged) {
   tests::records.clear();
   OutQueue queue;
   for (std::uint64_t id = 0; id < 300; ++id) {
@@ -57,7 +57,7 @@ TEST(OutQueueTest, EachMessageThatIsDroppedIsLogged) {
   }
 }
 
-TEST(OutQueueTest, ForgetsTheDestinationThatWaitsLongestWhenThereAreTooMany) {
+TEST(OutQueueTest, DropsLongestWaitingOfTooManyDestinations) {
   OutQueue queue;
   for (std::size_t i = 0; i <= OutQueue::kMaxDestinations; ++i) {
     queue.Put("d" + std::to_string(i), numbered(i), 10);
@@ -67,7 +67,7 @@ TEST(OutQueueTest, ForgetsTheDestinationThatWaitsLongestWhenThereAreTooMany) {
   EXPECT_EQ(queue.Take("d" + std::to_string(OutQueue::kMaxDestinations)).size(), 1U);
 }
 
-TEST(OutQueueTest, DropsTheOldestWhenTooManyBytesWait) {
+TEST(OutQueueTest, DropsOldestBeyondByteLimit) {
   OutQueue queue;
   constexpr std::size_t half = OutQueue::kMaxBytes / 2;
   queue.Put("a", numbered(1), half);
@@ -78,7 +78,7 @@ TEST(OutQueueTest, DropsTheOldestWhenTooManyBytesWait) {
   EXPECT_EQ(queue.Take("c").size(), 1U);
 }
 
-TEST(OutQueueTest, WhatWasTakenMakesRoom) {
+TEST(OutQueueTest, TakenMessagesFreeSpace) {
   constexpr std::size_t half = OutQueue::kMaxBytes / 2;
   OutQueue queue;
   queue.Put("a", numbered(1), OutQueue::kMaxBytes);
@@ -89,7 +89,7 @@ TEST(OutQueueTest, WhatWasTakenMakesRoom) {
   EXPECT_EQ(queue.Take("c").size(), 1U);
 }
 
-TEST(OutQueueTest, WhatWasDroppedMakesRoom) {
+TEST(OutQueueTest, DroppedMessagesFreeSpace) {
   constexpr std::size_t half = OutQueue::kMaxBytes / 2;
   OutQueue queue;
   queue.Put("a", numbered(1), OutQueue::kMaxBytes);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "BusTest.h"
+#include "kova/ipc/Objects.h"
 
 namespace kova::ipc::testing {
 namespace {
@@ -15,6 +16,12 @@ std::string standInGroup() {
   return found != nullptr ? found->gr_name : "nogroup";
 }
 
+class Box : public PublishedObject {
+ public:
+  PropertyValue Read(std::size_t) const override { return true; }
+  MethodError Call(std::size_t) override { return {}; }
+};
+
 // Permissions of a second user, inside or outside the group; requires root to become that user.
 class PolicyTest : public ::testing::Test {
  protected:
@@ -23,6 +30,7 @@ class PolicyTest : public ::testing::Test {
       GTEST_SKIP() << "only root can become another user";
     }
     ASSERT_TRUE(ipc_.AddHandler("Tell", &handler_));
+    ASSERT_TRUE(ipc_.objects().Publish({"kova.Box1", {{"Full", "b", true}}, {}}, &box_));
     ASSERT_TRUE(ipc_.Init("test", true, nullptr));
   }
 
@@ -38,6 +46,7 @@ class PolicyTest : public ::testing::Test {
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
       ipc_.Service(5);
+      ipc_.objects().Changed(box_, {0});
     }
     char name[256] = "";
     const ssize_t got = read(ends[0], name, sizeof name - 1);
@@ -92,14 +101,49 @@ class PolicyTest : public ::testing::Test {
     };
   }
 
+  // Waits for a change of the object, which changes every few milliseconds.
+  static int Hear(sd_bus* bus, sd_bus_error* error) {
+    bool heard = false;
+    const auto note = [](sd_bus_message*, void* flag, sd_bus_error*) {
+      *static_cast<bool*>(flag) = true;
+      return 0;
+    };
+    sd_bus_match_signal(bus, nullptr, nullptr, "/kova", nullptr, nullptr, note, &heard);
+    const std::uint64_t deadline = utils::nowMs() + 1'000;
+    while (!heard && utils::nowMs() < deadline) {
+      const int result = sd_bus_process(bus, nullptr);
+      if (result < 0 || (result == 0 && sd_bus_wait(bus, 100'000) < 0)) {
+        return -EIO;
+      }
+    }
+    return heard ? 0 : sd_bus_error_set_const(error, kSilence, "");
+  }
+  static int Read(sd_bus* bus, sd_bus_error* error) {
+    int full = 0;
+    return sd_bus_get_property_trivial(bus, "kova.test", kObjectPath, "kova.Box1", "Full", error,
+                                       'b', &full);
+  }
+  static int Manage(sd_bus* bus, sd_bus_error* error) {
+    return sd_bus_call_method(bus, "kova.test", kObjectPath, "org.freedesktop.DBus.ObjectManager",
+                              "GetManagedObjects", error, nullptr, "");
+  }
+  static int Forge(sd_bus* bus, sd_bus_error*) {
+    sd_bus_emit_signal(bus, kObjectPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                       "sa{sv}as", "kova.Forged1", 0, 0);
+    return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                              "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
+  }
+
+  static constexpr char kSilence[] = "kova.test.Silence";
   static constexpr char kDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
 
   PrivateBus bus_{{{"group=\"kova\"", "group=\"" + standInGroup() + "\""}}};
+  Box box_;
   Ipc ipc_;
   Recorder handler_{&ipc_};
 };
 
-TEST_F(PolicyTest, OutsidersNeitherSendNorOwnNorWatch) {
+TEST_F(PolicyTest, OutsidersCannotSendOwnOrMonitor) {
   EXPECT_EQ(AsOther(kNoGroup, Send), kDenied);
   EXPECT_EQ(AsOther(kNoGroup, Introspect), kDenied);
   EXPECT_EQ(AsOther(kNoGroup, Own("kova.test2")), kDenied);
@@ -112,7 +156,7 @@ TEST_F(PolicyTest, OutsidersNeitherSendNorOwnNorWatch) {
   EXPECT_EQ(handler_.requests.size(), 1U);
 }
 
-TEST_F(PolicyTest, MembersSendAndBroadcastAndOwnClientNamesOnly) {
+TEST_F(PolicyTest, MembersSendBroadcastAndOwnClientNames) {
   EXPECT_EQ(AsOther(kOtherUser, Send), "");
   EXPECT_EQ(handler_.requests.size(), 1U);
   EXPECT_EQ(AsOther(kOtherUser, Introspect), "");
@@ -124,6 +168,33 @@ TEST_F(PolicyTest, MembersSendAndBroadcastAndOwnClientNamesOnly) {
   EXPECT_EQ(AsOther(kOtherUser, BroadcastIt), "");
   EXPECT_EQ(AsOther(kOtherUser, Send), "");
   EXPECT_EQ(handler_.requests.size(), 3U);
+}
+
+TEST_F(PolicyTest, OnlyMembersReadAndHearObjects) {
+  EXPECT_EQ(AsOther(kNoGroup, Read), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, Manage), kDenied);
+  EXPECT_EQ(AsOther(kNoGroup, Hear), kSilence);
+  EXPECT_EQ(AsOther(kOtherUser, Read), "");
+  EXPECT_EQ(AsOther(kOtherUser, Manage), "");
+  EXPECT_EQ(AsOther(kOtherUser, Hear), "");
+}
+
+TEST_F(PolicyTest, OnlyDaemonsSignalChanges) {
+  Stranger watcher;
+  int heard = 0;
+  const auto note = [](sd_bus_message*, void* count, sd_bus_error*) {
+    ++*static_cast<int*>(count);
+    return 0;
+  };
+  ASSERT_GE(sd_bus_add_match(watcher.bus(), nullptr,
+                             "type='signal',member='PropertiesChanged',arg0='kova.Forged1'", note,
+                             &heard),
+            0);
+  EXPECT_EQ(AsOther(kOtherUser, Forge), "");
+  ASSERT_GE(Forge(watcher.bus(), nullptr), 0);
+  while (heard == 0 && watcher.Service()) {
+  }
+  EXPECT_EQ(heard, 1);
 }
 
 }  // namespace

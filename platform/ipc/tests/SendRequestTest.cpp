@@ -34,7 +34,7 @@ class SendRequestTest : public BusTest {
   Recorder received_{&other_};
 };
 
-TEST_F(SendRequestTest, ArrivesNormalisedWithTheSendersName) {
+TEST_F(SendRequestTest, MessageArrivesNormalisedWithSender) {
   JoinBoth();
   BaseRequestMessage request = To("other");
   EXPECT_TRUE(ipc_.SendRequest(request));
@@ -45,7 +45,7 @@ TEST_F(SendRequestTest, ArrivesNormalisedWithTheSendersName) {
   EXPECT_EQ(ledger_.sent, std::vector<std::uint64_t>{1});
 }
 
-TEST_F(SendRequestTest, AGivenSenderIsKept) {
+TEST_F(SendRequestTest, GivenSenderIsKept) {
   JoinBoth();
   BaseRequestMessage request = To("other");
   request.from("someone");
@@ -62,14 +62,14 @@ TEST_F(SendRequestTest, InvalidDestinationsAreRefused) {
   }
 }
 
-TEST_F(SendRequestTest, BeforeJoiningNothingIsSent) {
+TEST_F(SendRequestTest, NothingIsSentBeforeJoining) {
   BaseRequestMessage request = To("other");
   EXPECT_FALSE(ipc_.SendRequest(request));
   EXPECT_FALSE(ipc_.IsPresent("other"));
   EXPECT_FALSE(ipc_.Service(0));
 }
 
-TEST_F(SendRequestTest, WhatCannotBeWrittenIsRefusedWhetherTheDestinationIsThereOrNot) {
+TEST_F(SendRequestTest, UnwritableMessageIsRefusedForAnyDestination) {
   Join();
   BaseRequestMessage request = To("other");
   request["large"] = std::string(wire::kMaxBodySize, 'x');
@@ -79,7 +79,7 @@ TEST_F(SendRequestTest, WhatCannotBeWrittenIsRefusedWhetherTheDestinationIsThere
   EXPECT_FALSE(ipc_.SendRequest(request));
 }
 
-TEST_F(SendRequestTest, EndpointsThatWereThereFirstAreKnown) {
+TEST_F(SendRequestTest, EarlierEndpointsAreKnown) {
   JoinOther();
   Join();
   EXPECT_TRUE(ipc_.IsPresent("other"));
@@ -87,7 +87,7 @@ TEST_F(SendRequestTest, EndpointsThatWereThereFirstAreKnown) {
   EXPECT_FALSE(ipc_.IsPresent(""));
 }
 
-TEST_F(SendRequestTest, AnAbsentDestinationIsRefusedWithoutQueueing) {
+TEST_F(SendRequestTest, AbsentDestinationIsRefusedWithoutQueueing) {
   Join(false, &ledger_);
   BaseRequestMessage request = To("other");
   request.queueIfDestUnavailable(false);
@@ -99,7 +99,7 @@ TEST_F(SendRequestTest, AnAbsentDestinationIsRefusedWithoutQueueing) {
   EXPECT_EQ(received_.requests[0].id(), 2U);
 }
 
-TEST_F(SendRequestTest, TheNewest256WaitForAnAbsentDestinationInOrder) {
+TEST_F(SendRequestTest, Newest256WaitInOrderForAbsentDestination) {
   Join(false, &ledger_);
   for (std::uint64_t id = 1; id <= 300; ++id) {
     BaseRequestMessage request = To("other", id);
@@ -114,7 +114,7 @@ TEST_F(SendRequestTest, TheNewest256WaitForAnAbsentDestinationInOrder) {
   EXPECT_EQ(ledger_.sent.size(), 256U);
 }
 
-TEST_F(SendRequestTest, ADestinationThatLeftIsWaitedForAgain) {
+TEST_F(SendRequestTest, DepartedDestinationIsWaitedForAgain) {
   Join();
   {
     Ipc brief;
@@ -132,7 +132,7 @@ TEST_F(SendRequestTest, ADestinationThatLeftIsWaitedForAgain) {
   EXPECT_TRUE(Until([&] { return !recorder.requests.empty(); }));
 }
 
-TEST_F(SendRequestTest, AnswersReachTheTransactionsHandler) {
+TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
   Recorder answering(&other_, [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;
     response.statusCode(3);
@@ -150,7 +150,7 @@ TEST_F(SendRequestTest, AnswersReachTheTransactionsHandler) {
   EXPECT_TRUE(ledger_.errors.empty());
 }
 
-TEST_F(SendRequestTest, AMessageThatIsOnlyTakenIsAnsweredByAnEmptyMap) {
+TEST_F(SendRequestTest, AcceptedMessageIsAnsweredByEmptyMap) {
   JoinBoth();
   BaseRequestMessage request = To("other", 5);
   request.responseExpected(true);
@@ -159,7 +159,7 @@ TEST_F(SendRequestTest, AMessageThatIsOnlyTakenIsAnsweredByAnEmptyMap) {
   EXPECT_EQ(ledger_.responses[0].second.Size(), 0U);
 }
 
-TEST_F(SendRequestTest, ErrorsReachTheTransactionsHandler) {
+TEST_F(SendRequestTest, ErrorReachesTransactionHandler) {
   CatchAllHandlerRejector rejector(&other_);
   other_.AddHandler("Tell", &rejector);
   JoinBoth();
@@ -171,7 +171,7 @@ TEST_F(SendRequestTest, ErrorsReachTheTransactionsHandler) {
   EXPECT_TRUE(ledger_.responses.empty());
 }
 
-TEST_F(SendRequestTest, TheEndOfTheBusEndsOpenTransactionsWithAnError) {
+TEST_F(SendRequestTest, LostBusFailsOpenTransactions) {
   JoinBoth();
   BaseRequestMessage request = To("other", 7);
   request.responseExpected(true);
@@ -182,7 +182,7 @@ TEST_F(SendRequestTest, TheEndOfTheBusEndsOpenTransactionsWithAnError) {
   EXPECT_EQ(ledger_.errors[0].first, 7U);
 }
 
-TEST_F(SendRequestTest, BroadcastsReachOthersThatListenAndNotTheirSender) {
+TEST_F(SendRequestTest, BroadcastsReachListenersOtherThanSender) {
   Recorder own(&ipc_);
   ipc_.AddHandler("Tell", &own);
   Ipc deaf;
@@ -206,7 +206,7 @@ TEST_F(SendRequestTest, BroadcastsReachOthersThatListenAndNotTheirSender) {
   EXPECT_EQ(own.requests[0].id(), 3U);
 }
 
-TEST_F(SendRequestTest, BroadcastsThatCannotBeReadAreIgnored) {
+TEST_F(SendRequestTest, UnreadableBroadcastsAreIgnored) {
   JoinBoth(true);
   sd_bus_emit_signal(stranger_.bus(), kObjectPath, kInterface, kBroadcast, "s", "text");
   sd_bus_emit_signal(stranger_.bus(), kObjectPath, kInterface, kBroadcast, "a{sv}", 0);

@@ -132,7 +132,7 @@ std::vector<Pair> everyType() {
   };
 }
 
-TEST_F(WireTest, EveryVariantHasItsTypeOnTheWireAndComesBackUnchanged) {
+TEST_F(WireTest, EveryVariantSurvivesRoundTrip) {
   for (const auto& [value, type] : everyType()) {
     SCOPED_TRACE(holding(value).ToJSON());
     EXPECT_EQ(WireType(value), type);
@@ -142,13 +142,13 @@ TEST_F(WireTest, EveryVariantHasItsTypeOnTheWireAndComesBackUnchanged) {
   }
 }
 
-TEST_F(WireTest, NotANumberStaysOne) {
+TEST_F(WireTest, NanSurvivesRoundTrip) {
   const Variant back = BackAndForth(std::nan(""));
   EXPECT_EQ(back.Type(), VariantType::Double);
   EXPECT_TRUE(std::isnan(back.ToNumber<double>()));
 }
 
-TEST_F(WireTest, MeasuredSizeIsTheMarshalledSize) {
+TEST_F(WireTest, MeasuredSizeEqualsMarshalledSize) {
   Variant everything;
   for (const auto& [value, type] : everyType()) {
     everything[std::to_string(everything.Size())] = value;
@@ -160,7 +160,7 @@ TEST_F(WireTest, MeasuredSizeIsTheMarshalledSize) {
   }
 }
 
-TEST_F(WireTest, ShortIntegersBecomeTheSmallestTypeThatHoldsThem) {
+TEST_F(WireTest, ShortIntegersTakeSmallestSufficientType) {
   EXPECT_EQ(Received("n", -128), Variant(std::int8_t{-128}));
   EXPECT_EQ(Received("n", 127), Variant(std::int8_t{127}));
   EXPECT_EQ(Received("n", -129), Variant(std::int32_t{-129}));
@@ -173,7 +173,7 @@ TEST_F(WireTest, PathsAndSignaturesAreStrings) {
   EXPECT_EQ(Received("g", "a{sv}"), Variant("a{sv}"));
 }
 
-TEST_F(WireTest, ByteArraysAreStringsAndOtherArraysOfBasicTypesArrays) {
+TEST_F(WireTest, ByteArraysBecomeStringsAndOtherArraysStay) {
   EXPECT_EQ(Received("ay", 3, 'a', 0, 0xff), Variant(std::string("a\0\xff", 3)));
   EXPECT_EQ(Received("ay", 0), Variant(""));
   EXPECT_EQ(Received("as", 2, "x", "y"), Variant(Variant::Array{"x", "y"}));
@@ -182,11 +182,11 @@ TEST_F(WireTest, ByteArraysAreStringsAndOtherArraysOfBasicTypesArrays) {
   EXPECT_EQ(Received("ad", 0), Variant(Variant::Array{}));
 }
 
-TEST_F(WireTest, VariantsWithinVariantsAreSeenThrough) {
+TEST_F(WireTest, NestedVariantsAreUnwrapped) {
   EXPECT_EQ(Received("v", "v", "u", 7), Variant(std::uint32_t{7}));
 }
 
-TEST_F(WireTest, EveryStringKeyedDictionaryIsAMapAtTheTopTooAndTheLastOfEqualKeysCounts) {
+TEST_F(WireTest, StringKeyedDictionaryBecomesMapWithLastOfEqualKeys) {
   MessagePtr message = bus_.NewMessage();
   sd_bus_message_append(message.get(), "a{ss}", 3, "a", "1", "b", "2", "a", "3");
   Variant body;
@@ -199,7 +199,7 @@ TEST_F(WireTest, EveryStringKeyedDictionaryIsAMapAtTheTopTooAndTheLastOfEqualKey
   EXPECT_EQ(body["a"]["b"], Variant(std::int8_t{5}));
 }
 
-TEST_F(WireTest, BodiesThatAreNotOneStringKeyedDictionaryAreRefused) {
+TEST_F(WireTest, BodiesOtherThanOneStringKeyedMapAreRefused) {
   const auto refused = [&](const char* types, auto... values) {
     const MessagePtr message = bus_.NewMessage();
     EXPECT_GE(sd_bus_message_append(message.get(), types, values...), 0);
@@ -218,7 +218,7 @@ TEST_F(WireTest, BodiesThatAreNotOneStringKeyedDictionaryAreRefused) {
   refused("(a{sv})", 0);
 }
 
-TEST_F(WireTest, TypesThatNoVariantStandsForAreRefused) {
+TEST_F(WireTest, UnsupportedTypesAreRefused) {
   const auto refused = [&](const char* type, auto... values) {
     const MessagePtr message = bus_.NewMessage();
     EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, values...), 0);
@@ -248,14 +248,14 @@ TEST_F(WireTest, MalformedBodiesAreRefused) {
   }
 }
 
-TEST_F(WireTest, ThirtyTwoLevelsAreReadAndThirtyThreeRefused) {
+TEST_F(WireTest, ThirtyTwoLevelsAreReadAndMoreRefused) {
   Variant body;
   EXPECT_TRUE(Decoded(NestedArrays(31).get(), body)) << reason_;
   EXPECT_FALSE(Decoded(NestedArrays(32).get(), body));
   EXPECT_EQ(reason_, "the body is nested too deeply");
 }
 
-TEST_F(WireTest, OneMebibyteIsReadAndOneByteMoreRefused) {
+TEST_F(WireTest, OneMebibyteIsReadAndMoreRefused) {
   constexpr std::size_t overhead = 8 + (4 + 4) + 3 + 1 + (4 + 1);  // of {"key": text}
   Variant body;
   for (const std::size_t length : {kMaxBodySize - overhead, kMaxBodySize - overhead + 1}) {
@@ -282,7 +282,7 @@ TEST_F(WireTest, TenThousandKeysAreRead) {
   EXPECT_EQ(back, body);
 }
 
-TEST_F(WireTest, WhatTheBusWouldDisconnectForIsNotWritten) {
+TEST_F(WireTest, ContentThatBusRejectsIsNotWritten) {
   EXPECT_NE(Encoded(inMaps(21, "leaf")), nullptr) << reason_;
   EXPECT_EQ(Encoded(inMaps(22, "leaf")), nullptr);
   EXPECT_EQ(reason_, "the message is nested too deeply");
@@ -296,7 +296,7 @@ TEST_F(WireTest, WhatTheBusWouldDisconnectForIsNotWritten) {
   EXPECT_EQ(Encoded(holding(std::string(kMaxBodySize, 'x'))), nullptr);
 }
 
-TEST_F(WireTest, WhatIsNoMapIsSentAsAnEmptyOne) {
+TEST_F(WireTest, NonMapIsSentAsEmptyMap) {
   const MessagePtr message = Encoded("text");
   Variant body;
   ASSERT_TRUE(message != nullptr && decode(message.get(), body, reason_));

@@ -54,7 +54,7 @@ class LoggerTest : public testing::Test {
   }
 };
 
-TEST_F(LoggerTest, ALineNamesIdentityUnitFunctionAndLineAtItsLevel) {
+TEST_F(LoggerTest, LineNamesIdentityUnitFunctionLineAndLevel) {
   const int line = __LINE__ + 1;
   KOVA_LOG_IN("readStats", LOG_WARNING, 0, "%s is %d", "it", 7);
   ASSERT_EQ(records.size(), 1U);
@@ -63,24 +63,24 @@ TEST_F(LoggerTest, ALineNamesIdentityUnitFunctionAndLineAtItsLevel) {
             "kova_test LoggerTest.readStats:" + std::to_string(line) + ": it is 7");
 }
 
-TEST_F(LoggerTest, TheShortMacroNamesTheFunctionItStandsIn) {
+TEST_F(LoggerTest, ShortMacroNamesEnclosingFunction) {
   KOVA_LOG(LOG_INFO, 0, "here");
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0].priority, 6);
   EXPECT_NE(records[0].text.find(" LoggerTest.TestBody:"), std::string::npos) << records[0].text;
 }
 
-TEST_F(LoggerTest, AnErrorNumberIsExplainedAtTheEnd) {
+TEST_F(LoggerTest, ErrorNumberIsExplainedAtEnd) {
   log("Cannot read /file", ENOENT);
   EXPECT_EQ(text(), "Cannot read /file: No such file or directory");
 }
 
-TEST_F(LoggerTest, TextThatLooksLikeAFormatIsNone) {
+TEST_F(LoggerTest, FormatDirectivesInTextAreLiteral) {
   log("100%s %n %%");
   EXPECT_EQ(text(), "100%s %n %%");
 }
 
-TEST_F(LoggerTest, ControlCharactersCannotStartALine) {
+TEST_F(LoggerTest, ControlCharactersCannotStartNewLine) {
   log("name\nJan 1 00:00:00 forged\r\t\x1b[2J\x7f");
   EXPECT_EQ(text(), "name\\x0aJan 1 00:00:00 forged\\x0d\\x09\\x1b[2J\\x7f");
 }
@@ -90,7 +90,7 @@ TEST_F(LoggerTest, OtherLanguagesStayReadable) {
   EXPECT_EQ(text(), "Zürich 東京");
 }
 
-TEST_F(LoggerTest, TextOf8KiBIsWholeAndLongerTextIsCutAndMarked) {
+TEST_F(LoggerTest, TextOver8KiBIsCutAndMarked) {
   const std::string whole(8192, 'w');
   log(whole);
   EXPECT_EQ(text(), whole);
@@ -99,7 +99,7 @@ TEST_F(LoggerTest, TextOf8KiBIsWholeAndLongerTextIsCutAndMarked) {
   EXPECT_EQ(text(), whole + "...: Input/output error");
 }
 
-TEST_F(LoggerTest, RepetitionsAreCountedUntilAnotherLineComes) {
+TEST_F(LoggerTest, RepetitionsAreCountedUntilAnotherLine) {
   for (int i = 0; i < 17 + 2; ++i) {
     log("again");
   }
@@ -111,13 +111,13 @@ TEST_F(LoggerTest, RepetitionsAreCountedUntilAnotherLineComes) {
   EXPECT_TRUE(records[18].text.ends_with(": other"));
 }
 
-TEST_F(LoggerTest, SameTextOfAnotherPlaceIsNoRepetition) {
+TEST_F(LoggerTest, SameTextFromAnotherPlaceIsNotRepetition) {
   log("again");
   logInternal(kLogIdentity, kLogUnit, "f", 2, LOG_ERR, 0, "again");
   EXPECT_EQ(records.size(), 2U);
 }
 
-TEST_F(LoggerTest, KeepsErrnoAsItWas) {
+TEST_F(LoggerTest, PreservesErrno) {
   errno = EXDEV;
   log("anything");
   EXPECT_EQ(errno, EXDEV);
@@ -138,7 +138,7 @@ class StandardError {
   int saved_;
 };
 
-TEST_F(LoggerTest, IsCopiedToStandardErrorWhereThatIsATerminal) {
+TEST_F(LoggerTest, LinesAreCopiedToTerminal) {
   int master = -1;
   int terminal = -1;
   ASSERT_EQ(openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
@@ -157,7 +157,7 @@ TEST_F(LoggerTest, IsCopiedToStandardErrorWhereThatIsATerminal) {
             "kova_test LoggerTest.f:1: shown\r\n");
 }
 
-TEST_F(LoggerTest, IsNotCopiedToAnythingElse) {
+TEST_F(LoggerTest, LinesAreNotCopiedElsewhere) {
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
   {

@@ -37,12 +37,12 @@ class RepeatsTest : public testing::Test {
   std::uint64_t now_ = 1;
 };
 
-TEST_F(RepeatsTest, FirstIsWrittenAtOnce) {
+TEST_F(RepeatsTest, FirstLineIsWrittenAtOnce) {
   EXPECT_THAT(pass("a"), ElementsAre("a"));
   EXPECT_THAT(takeCounted(), IsEmpty());
 }
 
-TEST_F(RepeatsTest, RepetitionsAreCountedAndWrittenOnceASecond) {
+TEST_F(RepeatsTest, RepetitionsAreWrittenOncePerSecond) {
   pass("a");
   std::vector<std::string> written;
   for (int i = 0; i < 250; ++i) {
@@ -55,7 +55,7 @@ TEST_F(RepeatsTest, RepetitionsAreCountedAndWrittenOnceASecond) {
   EXPECT_THAT(takeCounted(), IsEmpty());
 }
 
-TEST_F(RepeatsTest, CountIsDueAfterASecondWithoutAnotherLine) {
+TEST_F(RepeatsTest, CountIsDueAfterOneSecondOfSilence) {
   pass("a");
   pass("a");
   pass("a");
@@ -64,32 +64,32 @@ TEST_F(RepeatsTest, CountIsDueAfterASecondWithoutAnotherLine) {
   EXPECT_THAT(takeDue(5000), IsEmpty());
 }
 
-TEST_F(RepeatsTest, CountIsWrittenAheadOfAnotherLine) {
+TEST_F(RepeatsTest, CountPrecedesAnotherLine) {
   pass("a");
   pass("a");
   pass("a");
   EXPECT_THAT(pass("b"), ElementsAre("a ... repeated 2 times", "b"));
 }
 
-TEST_F(RepeatsTest, SingleRepetitionIsWrittenAsItIs) {
+TEST_F(RepeatsTest, SingleRepetitionIsWrittenUnchanged) {
   pass("a");
   EXPECT_THAT(pass("a"), IsEmpty());
   EXPECT_THAT(pass("b"), ElementsAre("a", "b"));
 }
 
-TEST_F(RepeatsTest, LineThatComesAgainAfterASecondIsNoRepetition) {
+TEST_F(RepeatsTest, LineAfterOneSecondIsNotRepetition) {
   pass("a");
   EXPECT_THAT(pass("a", 999), IsEmpty());
   EXPECT_THAT(pass("a", 1000), ElementsAre("a ... repeated 2 times"));
   EXPECT_THAT(pass("a", 1000), ElementsAre("a"));
 }
 
-TEST_F(RepeatsTest, AnotherLevelIsAnotherLine) {
+TEST_F(RepeatsTest, LevelDistinguishesLines) {
   pass("a");
   EXPECT_THAT(pass("a", 10, 6), ElementsAre("a"));
 }
 
-TEST_F(RepeatsTest, RoundIsCountedOnceItWasSeenTwice) {
+TEST_F(RepeatsTest, CycleIsCountedOnceSeenTwice) {
   for (int i = 0; i < 2; ++i) {
     EXPECT_THAT(pass("a"), ElementsAre("a"));
     EXPECT_THAT(pass("b"), ElementsAre("b"));
@@ -105,7 +105,7 @@ TEST_F(RepeatsTest, RoundIsCountedOnceItWasSeenTwice) {
                                            "c ... repeated 2 times", "d ... repeated 2 times"));
 }
 
-TEST_F(RepeatsTest, RoundWithAChangingLineIsNone) {
+TEST_F(RepeatsTest, CycleWithChangingLineIsNotCounted) {
   for (int i = 0; i < 5; ++i) {
     EXPECT_THAT(pass("down"), ElementsAre("down"));
     const std::string up = "up after " + std::to_string(i);
@@ -113,7 +113,7 @@ TEST_F(RepeatsTest, RoundWithAChangingLineIsNone) {
   }
 }
 
-TEST(RepeatsFreely, FirstInARowAreWritten) {
+TEST(RepeatsFreely, FirstLinesInSuccessionAreWritten) {
   Repeats repeats(3);
   const auto written = [&](const char* text) { return repeats.pass({3, text}, 5000).size(); };
   for (int row = 0; row < 2; ++row) {
@@ -126,7 +126,7 @@ TEST(RepeatsFreely, FirstInARowAreWritten) {
   }
 }
 
-TEST_F(RepeatsTest, LongLinesAreWrittenEachTime) {
+TEST_F(RepeatsTest, LongLinesAreWrittenEveryTime) {
   const std::string longest(1024, 'l');
   pass(longest);
   EXPECT_THAT(pass(longest), IsEmpty());

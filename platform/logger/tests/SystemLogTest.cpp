@@ -117,7 +117,7 @@ class SystemLogTest : public testing::Test {
   tests::TemporaryFolder folder_;
 };
 
-TEST_F(SystemLogTest, UnopenedItIsTheProgramsOwn) {
+TEST_F(SystemLogTest, UnopenedLogUsesProgramIdentity) {
   inProcess([] {
     Syslogd syslogd;
     sendToSystemLog(LOG_WARNING, "text");
@@ -126,7 +126,7 @@ TEST_F(SystemLogTest, UnopenedItIsTheProgramsOwn) {
   });
 }
 
-TEST_F(SystemLogTest, OpenedItHasIdentityProcessAndFacility) {
+TEST_F(SystemLogTest, OpenedLogHasIdentityProcessAndFacility) {
   inProcess([] {
     Syslogd syslogd;
     openSystemLog("ctl", LOG_PID, LOG_LOCAL0);
@@ -139,7 +139,7 @@ TEST_F(SystemLogTest, OpenedItHasIdentityProcessAndFacility) {
   });
 }
 
-TEST_F(SystemLogTest, OneThatDoesNotReadStopsNobody) {
+TEST_F(SystemLogTest, StalledLogDoesNotBlock) {
   inProcess([] {
     Syslogd syslogd;
     const auto begin = std::chrono::steady_clock::now();
@@ -149,7 +149,7 @@ TEST_F(SystemLogTest, OneThatDoesNotReadStopsNobody) {
   });
 }
 
-TEST_F(SystemLogTest, DroppedLinesAreCountedOnceItReadsAgain) {
+TEST_F(SystemLogTest, DroppedLinesAreCountedAfterStall) {
   inProcess([] {
     Syslogd syslogd;
     sendUntilFull();
@@ -164,7 +164,7 @@ TEST_F(SystemLogTest, DroppedLinesAreCountedOnceItReadsAgain) {
   });
 }
 
-TEST_F(SystemLogTest, OneThatIsMerelyBehindLosesNothing) {
+TEST_F(SystemLogTest, SlowLogLosesNothing) {
   inProcess([] {
     Syslogd syslogd;
     const pid_t child = fork();
@@ -190,7 +190,7 @@ TEST_F(SystemLogTest, OneThatIsMerelyBehindLosesNothing) {
   });
 }
 
-TEST_F(SystemLogTest, OneThatIsStartedAgainIsFoundAgain) {
+TEST_F(SystemLogTest, RestartedLogIsFoundAgain) {
   inProcess([] {
     auto syslogd = std::make_optional<Syslogd>();
     sendToSystemLog(LOG_ERR, "first");
@@ -203,14 +203,14 @@ TEST_F(SystemLogTest, OneThatIsStartedAgainIsFoundAgain) {
   });
 }
 
-TEST_F(SystemLogTest, WithoutOneNothingHappens) {
+TEST_F(SystemLogTest, MissingLogIsIgnored) {
   inProcess([] {
     unlink(socketPath.c_str());
     sendToSystemLog(LOG_ERR, "nobody");
   });
 }
 
-TEST_F(SystemLogTest, StreamsAreTakenTooWithANulAfterEachRecord) {
+TEST_F(SystemLogTest, StreamSocketGetsNulAfterEachRecord) {
   inProcess([] {
     Syslogd syslogd(SOCK_STREAM);
     sendToSystemLog(LOG_ERR, "first");

@@ -7,17 +7,6 @@
 
 #include "kova/utils/Clock.h"
 
-namespace kova::variant {
-
-void BaseVariantContainer::EnsureMap() {  // kept: 27
-  if (!IsContainer()) {
-    Free();
-    IsArray(false);
-  }
-}
-
-}  // namespace kova::variant
-
 namespace kova::ipc::messages {
 
 using variant::Variant;

@@ -22,7 +22,7 @@ TEST(Catalog, HoldsEveryClassOnce) {
                        "PlayState", "__response__"}));
 }
 
-TEST(Catalog, DescribesTheFieldsThatNormalisationGives) {
+TEST(Catalog, DescribesFieldsThatNormalisationGives) {
   for (const auto& description : catalog()) {
     auto message = description.make(Variant());
     message->NormalizeFields();
@@ -32,7 +32,7 @@ TEST(Catalog, DescribesTheFieldsThatNormalisationGives) {
   }
 }
 
-TEST(Catalog, EveryClassForcesItsFunctionNameWhateverWasSent) {
+TEST(Catalog, EveryClassForcesItsFunctionName) {
   for (const auto& description : catalog()) {
     std::string lower = description.name;
     std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });

@@ -20,7 +20,7 @@ std::uint64_t monotonicNanoseconds() {
          static_cast<std::uint64_t>(time.tv_nsec);
 }
 
-TEST(Envelope, AnEmptyRequestReceivesEveryDefault) {
+TEST(Envelope, EmptyRequestReceivesEveryDefault) {
   BaseRequestMessage message;
   message.NormalizeFields();
   EXPECT_EQ(message.Size(), 9U);
@@ -35,7 +35,7 @@ TEST(Envelope, AnEmptyRequestReceivesEveryDefault) {
   EXPECT_EQ(message["isBroadcast"], Variant(false));
 }
 
-TEST(Envelope, AnEmptyResponseReceivesEveryDefault) {
+TEST(Envelope, EmptyResponseReceivesEveryDefault) {
   BaseResponseMessage message;
   message.NormalizeFields();
   EXPECT_EQ(message.Size(), 9U);
@@ -45,7 +45,7 @@ TEST(Envelope, AnEmptyResponseReceivesEveryDefault) {
   EXPECT_TRUE(message["payload"].IsEmpty());
 }
 
-TEST(Envelope, ATopLevelThatIsNoContainerIsDiscarded) {
+TEST(Envelope, NonContainerAtTopLevelIsDiscarded) {
   for (const Variant& content : {Variant(), Variant(7), Variant("text"), Variant(true)}) {
     BaseRequestMessage message(content);
     message.NormalizeFields();
@@ -54,7 +54,7 @@ TEST(Envelope, ATopLevelThatIsNoContainerIsDiscarded) {
   }
 }
 
-TEST(Envelope, AnArrayAtTheTopIsAContainerAndKeepsItsElements) {
+TEST(Envelope, ArrayAtTopLevelKeepsItsElements) {
   BaseRequestMessage message(Variant(Variant::Array{"first"}));
   message.NormalizeFields();
   EXPECT_TRUE(message.IsMap());
@@ -68,13 +68,13 @@ TEST(Envelope, UnknownKeysAreKept) {
   EXPECT_EQ(message["soundOnBoot"], Variant(true));
 }
 
-TEST(Envelope, KeysAreMatchedWithRegardToCase) {
+TEST(Envelope, KeysAreCaseSensitive) {
   BaseRequestMessage message(Variant(Variant::Map{{"FROM", "peer"}}));
   EXPECT_EQ(message.from(), "");
   EXPECT_EQ(message["FROM"], Variant("peer"));
 }
 
-TEST(Envelope, AnyNumberIsAcceptedAndStoredInTheFieldsWidth) {
+TEST(Envelope, AnyNumberIsStoredInFieldWidth) {
   for (const Variant& number :
        {Variant(std::int8_t{5}), Variant(std::uint8_t{5}), Variant(5), Variant(5U),
         Variant(std::int64_t{5}), Variant(std::uint64_t{5}), Variant(5.7)}) {
@@ -90,7 +90,7 @@ TEST(Envelope, AnyNumberIsAcceptedAndStoredInTheFieldsWidth) {
   }
 }
 
-TEST(Envelope, AMistypedFieldTakesItsDefault) {
+TEST(Envelope, MistypedFieldTakesItsDefault) {
   BaseRequestMessage message(Variant(Variant::Map{{"responseExpected", "true"},
                                                   {"isBroadcast", 1},
                                                   {"transactionId", "9"},
@@ -108,21 +108,21 @@ TEST(Envelope, AMistypedFieldTakesItsDefault) {
   EXPECT_EQ(message["queueIfDestUnavailable"], Variant(true));
 }
 
-TEST(Envelope, ATimeStampThatIsANumberBecomesNow) {
+TEST(Envelope, NumericTimeStampBecomesNow) {
   BaseRequestMessage message(Variant(Variant::Map{{"timeStamp", 12345}}));
   const time_t before = time(nullptr);
   EXPECT_GE(message.timeStamp().tv_sec, before);
   EXPECT_LE(message.timeStamp().tv_sec, time(nullptr));
 }
 
-TEST(Envelope, ATimeStampThatIsATimeIsKept) {
+TEST(Envelope, ValidTimeStampIsKept) {
   BaseRequestMessage message(Variant(Variant::Map{{"timeStamp", timeval{77, 88}}}));
   message.NormalizeFields();
   EXPECT_EQ(message.timeStamp().tv_sec, 77);
   EXPECT_EQ(message.timeStamp().tv_usec, 88);
 }
 
-TEST(Envelope, AFreshIdIsTheClockBelowTheProcessId) {
+TEST(Envelope, FreshIdHoldsClockBelowProcessId) {
   const std::uint64_t before = monotonicNanoseconds();
   BaseRequestMessage message;
   const std::uint64_t id = message.id();
@@ -133,7 +133,7 @@ TEST(Envelope, AFreshIdIsTheClockBelowTheProcessId) {
   EXPECT_EQ(message.id(), id) << "an id that is there is kept";
 }
 
-TEST(Envelope, AnIdThatIsNoNumberIsReplacedByAFreshOne) {
+TEST(Envelope, NonNumericIdIsReplacedByFreshOne) {
   BaseResponseMessage message(Variant(Variant::Map{{"id", "12"}}));
   message.NormalizeFields();
   EXPECT_EQ(message.id() >> 48U, static_cast<std::uint64_t>(getpid()) & 0xFFFFU);
@@ -148,14 +148,14 @@ TEST(Envelope, IdsOfOneProcessDiffer) {
   EXPECT_NE(freshMessageId(), first);
 }
 
-TEST(Envelope, AMistypedStatusOrRequestIdBecomesZero) {
+TEST(Envelope, MistypedStatusOrRequestIdBecomesZero) {
   BaseResponseMessage message(Variant(Variant::Map{{"requestId", "9"}, {"statusCode", true}}));
   message.NormalizeFields();
   EXPECT_EQ(message["requestId"], Variant(std::uint64_t{0}));
   EXPECT_EQ(message["statusCode"], Variant(std::uint64_t{0}));
 }
 
-TEST(Envelope, AnAccessorMakesAMapOfWhatIsNoContainer) {
+TEST(Envelope, AccessorTurnsNonContainerIntoMap) {
   for (const Variant& content : {Variant(7), Variant("text"), Variant()}) {
     GetRequest message(content);
     EXPECT_EQ(message.timeoutMs(), 0U);
@@ -172,7 +172,7 @@ TEST(Envelope, NormalizingTwiceChangesNothing) {
   EXPECT_EQ(static_cast<const Variant&>(message), once);
 }
 
-TEST(Envelope, APayloadOfAnyTypePassesUnchanged) {
+TEST(Envelope, PayloadOfAnyTypePassesUnchanged) {
   for (const Variant& payload : {Variant("text"), Variant(1.5), Variant(Variant::Map{{"a", 1}}),
                                  Variant(Variant::Array{1, 2}), Variant(true)}) {
     BaseResponseMessage response(Variant(Variant::Map{{"payload", payload}}));
@@ -182,7 +182,7 @@ TEST(Envelope, APayloadOfAnyTypePassesUnchanged) {
   }
 }
 
-TEST(Envelope, AResponsesFunctionNameIsForced) {
+TEST(Envelope, ResponseForcesItsFunctionName) {
   for (const Variant& name : {Variant("Reboot"), Variant("__RESPONSE__"), Variant(1)}) {
     BaseResponseMessage response(Variant(Variant::Map{{"functionName", name}}));
     response.NormalizeFields();
@@ -190,7 +190,7 @@ TEST(Envelope, AResponsesFunctionNameIsForced) {
   }
 }
 
-TEST(Envelope, SettersStoreUnderTheirKeyAndMakeTheMessageAMap) {
+TEST(Envelope, SettersStoreUnderTheirKeyAndMakeMap) {
   BaseRequestMessage message(Variant("no map"));
   message.to("kova_sounds_leds");
   message.from("kova_ctlserver");

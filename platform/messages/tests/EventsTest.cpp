@@ -17,7 +17,7 @@ Message normalized(Map content = {}) {
   return message;
 }
 
-TEST(Events, AnEmptyEventReceivesEveryDefault) {
+TEST(Events, EmptyEventReceivesEveryDefault) {
   auto status = normalized<EventTransferRequestStatus>();
   EXPECT_EQ(status["functionName"], Variant("EventTransferRequestStatus"));
   EXPECT_EQ(status["responseExpected"], Variant(false));
@@ -39,7 +39,7 @@ TEST(Events, AnEmptyEventReceivesEveryDefault) {
   EXPECT_EQ(play.Size(), 12U);
 }
 
-TEST(Events, EachNameIsForcedWhateverWasSent) {
+TEST(Events, EachEventForcesItsName) {
   const Map reboot = {{"functionName", "Reboot"}};
   EXPECT_EQ(normalized<EventTransferRequestStatus>(reboot)["functionName"],
             Variant("EventTransferRequestStatus"));
@@ -48,12 +48,12 @@ TEST(Events, EachNameIsForcedWhateverWasSent) {
   EXPECT_EQ(normalized<PlayState>(reboot)["functionName"], Variant("PlayState"));
 }
 
-TEST(Events, AnOutcomeThatIsNoTextIsNotGiven) {
+TEST(Events, NonTextOutcomeCountsAsAbsent) {
   EXPECT_EQ(normalized<EventTransferRequestStatus>({{"status", 1}}).status(), kNotGiven);
   EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"reason", true}}).reason(), kNotGiven);
 }
 
-TEST(Events, EveryAllowedStatusIsKeptAndAnyCaseIsCanonicalised) {
+TEST(Events, AllowedStatusIsCanonicalisedInAnyCase) {
   for (const std::string status :
        {"OK", "TRANSFER_TIMEOUT", "TRANSFER_BUSY", "TRANSFER_FAILED", "TRANSFER_TOOLARGE",
         "DISK_IO_FAILED", "VALIDATION_FAILED", "NOT_WHITELISTED", "_UNINITIALIZED_"}) {
@@ -66,7 +66,7 @@ TEST(Events, EveryAllowedStatusIsKeptAndAnyCaseIsCanonicalised) {
   EXPECT_EQ(event["status"], Variant("OK"));
 }
 
-TEST(Events, EveryAllowedReasonIsKeptAndAnUnknownOneBecomesATimeOut) {
+TEST(Events, UnknownReasonBecomesTimeOut) {
   for (const std::string reason : {"TRANSFER_TIMEOUT", "TRANSFER_BUSY", "TRANSFER_FAILED",
                                    "TRANSFER_TOOLARGE", "DISK_IO_FAILED", "FW_CHECK_FAILED",
                                    "FW_CHECK_INCOMPAT_HW", "FW_FLASH_FAILED", "_UNINITIALIZED_"}) {
@@ -77,7 +77,7 @@ TEST(Events, EveryAllowedReasonIsKeptAndAnUnknownOneBecomesATimeOut) {
   EXPECT_EQ(event["reason"], Variant("TRANSFER_TIMEOUT"));
 }
 
-TEST(Events, EveryAllowedStateIsKeptAndAnUnknownOneBecomesTheFirst) {
+TEST(Events, UnknownStateBecomesFirst) {
   for (const std::string name :
        {"RESET_BUTTON", "INITIALIZING", "WIFI_WAITING_INPUT", "WIFI_VALIDATING_INPUT",
         "WIFI_FAILURE", "WIFI_SUCCESS", "WIFI_OPERATING_STA", "MIC_TO_LED", "SNDOUT_TO_LED",
@@ -90,7 +90,7 @@ TEST(Events, EveryAllowedStateIsKeptAndAnUnknownOneBecomesTheFirst) {
   EXPECT_EQ(normalized<PlayState>({{"name", 1}}).name(), "");
 }
 
-TEST(Events, VolumeIsHeldToMinusOneToHundred) {
+TEST(Events, VolumeIsClampedToMinusOneToHundred) {
   const std::pair<int, int> cases[] = {{150, 100}, {101, 100}, {100, 100},
                                        {0, 0},     {-1, -1},   {-20, -1}};
   for (const auto& [sent, stored] : cases) {
@@ -98,13 +98,13 @@ TEST(Events, VolumeIsHeldToMinusOneToHundred) {
   }
 }
 
-TEST(Events, APlayStatesTimeOutIsSigned) {
+TEST(Events, PlayStateTimeOutIsSigned) {
   auto play = normalized<PlayState>({{"timeoutMs", std::int64_t{-5}}});
   EXPECT_EQ(play["timeoutMs"], Variant(-5));
   EXPECT_EQ(play.timeoutMs(), -5);
 }
 
-TEST(Events, ARequestIdIsStoredUnsignedIn64Bits) {
+TEST(Events, RequestIdIsStoredAsUnsigned64) {
   EXPECT_EQ(normalized<EventTransferRequestStatus>({{"requestId", 9}})["requestId"],
             Variant(std::uint64_t{9}));
   EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"requestId", 9.0}})["requestId"],

@@ -34,7 +34,7 @@ void expectDefaults(const Map& defaults) {
 
 constexpr char kNotGiven[] = "_UNINITIALIZED_";
 
-TEST(Requests, AnEmptyRequestReceivesTheDefaultsOfItsClass) {
+TEST(Requests, EmptyRequestReceivesDefaultsOfItsClass) {
   expectDefaults<GetSystemStats>({{"responseExpected", true},
                                   {"memory", true},
                                   {"cpu", true},
@@ -76,19 +76,19 @@ TEST(Requests, AnEmptyRequestReceivesTheDefaultsOfItsClass) {
   expectDefaults<StopService>({{"responseExpected", false}, {"service", ""}});
 }
 
-TEST(Requests, AMistypedFlagTakesTheDefaultOfItsClass) {
+TEST(Requests, MistypedFlagTakesDefaultOfItsClass) {
   EXPECT_TRUE(normalized<GetSystemStats>({{"responseExpected", "true"}}).responseExpected());
   EXPECT_FALSE(normalized<Reboot>({{"responseExpected", "true"}}).responseExpected());
   EXPECT_TRUE(normalized<GetSystemStats>({{"memory", 0}}).memory());
 }
 
-TEST(Requests, AFlagThatIsGivenIsKept) {
+TEST(Requests, GivenFlagIsKept) {
   EXPECT_FALSE(normalized<GetSystemStats>({{"wifi", false}}).wifi());
   EXPECT_FALSE(normalized<GetSystemStats>({{"responseExpected", false}}).responseExpected());
   EXPECT_TRUE(normalized<SaveToFlash>({{"sync", true}}).sync());
 }
 
-TEST(Requests, TheFunctionNameIsForcedWhateverWasSent) {
+TEST(Requests, FunctionNameIsForced) {
   for (const Variant& name :
        {Variant("getsystemstats"), Variant("Reboot"), Variant(""), Variant(3), Variant()}) {
     auto message = normalized<GetSystemStats>({{"functionName", name}});
@@ -97,12 +97,12 @@ TEST(Requests, TheFunctionNameIsForcedWhateverWasSent) {
   }
 }
 
-TEST(Requests, ADelayGivenAsTextIsNoNumber) {
+TEST(Requests, TextualDelayIsNotNumber) {
   EXPECT_EQ(normalized<Reboot>({{"delayMs", "500"}}).delayMs(), 0U);
   EXPECT_EQ(normalized<Reboot>({{"delayMs", 500}}).delayMs(), 500U);
 }
 
-TEST(Requests, NumbersAreStoredInTheirDeclaredWidth) {
+TEST(Requests, NumbersAreStoredInDeclaredWidth) {
   EXPECT_EQ(normalized<Reboot>({{"delayMs", std::uint64_t{7}}})["delayMs"], Variant(7U));
   EXPECT_EQ(normalized<GetRequest>({{"timeoutMs", std::int8_t{7}}})["timeoutMs"], Variant(7U));
   EXPECT_EQ(normalized<PutRequest>({{"timeoutMs", -1}}).timeoutMs(),
@@ -111,7 +111,7 @@ TEST(Requests, NumbersAreStoredInTheirDeclaredWidth) {
             Variant(1));
 }
 
-TEST(Requests, TimelapseMinutesAreHeldToMinusOneToOne) {
+TEST(Requests, TimelapseMinutesAreClampedToMinusOneToOne) {
   const std::pair<int, int> cases[] = {{15, 1}, {1, 1}, {0, 0}, {-1, -1}, {-7, -1}};
   for (const auto& [sent, stored] : cases) {
     EXPECT_EQ(normalized<ChangeDeviceSettings>({{"timelapseminutes", sent}}).timelapseminutes(),
@@ -120,7 +120,7 @@ TEST(Requests, TimelapseMinutesAreHeldToMinusOneToOne) {
   }
 }
 
-TEST(Requests, TimelapseMinutesBeyondTheirWidthAreHeldToo) {
+TEST(Requests, TimelapseMinutesBeyondTheirWidthAreClamped) {
   const std::pair<Variant, int> cases[] = {{3'000'000'000U, 1},
                                            {std::int64_t{1} << 32U, 1},
                                            {1 - (std::int64_t{1} << 32U), -1},
@@ -135,7 +135,7 @@ TEST(Requests, TimelapseMinutesBeyondTheirWidthAreHeldToo) {
   }
 }
 
-TEST(Requests, SettingsOfAnotherTypeCountAsNotGiven) {
+TEST(Requests, MistypedSettingsCountAsAbsent) {
   auto settings = normalized<ChangeDeviceSettings>(
       {{"name", 7}, {"timezone", true}, {"region", Variant::Map{}}, {"timelapseminutes", "1"}});
   EXPECT_EQ(settings.name(), kUninitialized);
@@ -144,7 +144,7 @@ TEST(Requests, SettingsOfAnotherTypeCountAsNotGiven) {
   EXPECT_EQ(settings.timelapseminutes(), -1);
 }
 
-TEST(Requests, AccountTextsOfAnotherTypeCountAsNotGiven) {
+TEST(Requests, MistypedAccountTextsCountAsAbsent) {
   auto account = normalized<ChangeUsernamePassword>(
       {{"username", 7}, {"passwordOld", true}, {"passwordNew", Variant::Array{}}});
   EXPECT_EQ(account.username(), normalized<ChangeUsernamePassword>({}).username());
@@ -152,14 +152,14 @@ TEST(Requests, AccountTextsOfAnotherTypeCountAsNotGiven) {
   EXPECT_EQ(account.passwordNew(), normalized<ChangeUsernamePassword>({}).passwordNew());
 }
 
-TEST(Requests, AnAllowedWordIsCanonicalisedWhateverItsCase) {
+TEST(Requests, AllowedWordIsCanonicalisedInAnyCase) {
   EXPECT_EQ(normalized<GetRequest>({{"what", "SupportInfo"}}).what(), "supportInfo");
   EXPECT_EQ(normalized<GetRequest>({{"what", "EVENTHEATMAP"}})["what"], Variant("eventHeatmap"));
   EXPECT_EQ(normalized<PutRequest>({{"what", "LOGO"}}).what(), "logo");
   EXPECT_EQ(normalized<PutRequest>({{"what", "Sound"}}).what(), "sound");
 }
 
-TEST(Requests, AWordThatIsNotAllowedBecomesTheFirst) {
+TEST(Requests, UnknownWordBecomesFirst) {
   EXPECT_EQ(normalized<GetRequest>({{"what", "picture"}}).what(), "snapshot");
   EXPECT_EQ(normalized<GetRequest>({{"what", "eventSnap"}}).what(), "snapshot")
       << "a prefix is another word";
@@ -168,13 +168,13 @@ TEST(Requests, AWordThatIsNotAllowedBecomesTheFirst) {
   EXPECT_EQ(normalized<PutRequest>({{"what", std::string("sou\0d", 5)}}).what(), "logo");
 }
 
-TEST(Requests, AMissingOrMistypedWordIsNotGiven) {
+TEST(Requests, MissingOrMistypedWordCountsAsAbsent) {
   EXPECT_EQ(normalized<GetRequest>().what(), kNotGiven);
   EXPECT_EQ(normalized<GetRequest>({{"what", 1}}).what(), kNotGiven);
   EXPECT_EQ(normalized<PutRequest>({{"what", Map{}}}).what(), kNotGiven);
 }
 
-TEST(Requests, FormFieldsAreAnyContainer) {
+TEST(Requests, FormFieldsMayBeAnyContainer) {
   const Map fields{{"a", "b"}, {"n", 1}};
   EXPECT_EQ(normalized<GetRequest>({{"formFields", fields}}).formFields(), Variant(fields));
   EXPECT_EQ(normalized<GetRequest>({{"formFields", Variant::Array{1}}}).formFields(),
@@ -182,14 +182,14 @@ TEST(Requests, FormFieldsAreAnyContainer) {
   EXPECT_TRUE(normalized<GetRequest>({{"formFields", "a=b"}}).formFields().IsEmpty());
 }
 
-TEST(Requests, AnAccessorRepairsItsOwnFieldOnAMessageNeverNormalised) {
+TEST(Requests, AccessorRepairsItsFieldWithoutNormalisation) {
   StopService message(Variant(Map{{"service", 12}}));
   EXPECT_EQ(message.service(), "");
   EXPECT_EQ(message["service"], Variant(""));
   EXPECT_EQ(message.Size(), 1U);
 }
 
-TEST(Requests, ASetterOfAWordCanonicalises) {
+TEST(Requests, WordSetterCanonicalises) {
   GetRequest get;
   get.what("EVENTSNAPSHOT");
   EXPECT_EQ(get["what"], Variant("eventSnapshot"));

@@ -17,14 +17,14 @@ std::string ipv4(const std::string& lines) {
   return kIpv4Heading + lines;
 }
 
-TEST(DefaultInterface, CarriesTheDefaultRoute) {
+TEST(DefaultInterface, CarriesDefaultRoute) {
   EXPECT_EQ("eth0",
             defaultInterface(ipv4("wlan0\t0002A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
                                   "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"),
                              ""));
 }
 
-TEST(DefaultInterface, HasTheLowestMetricOfSeveral) {
+TEST(DefaultInterface, HasLowestMetric) {
   EXPECT_EQ("wlan0",
             defaultInterface(ipv4("eth0\t00000000\t010200C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n"
                                   "wlan0\t00000000\t010200C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
@@ -32,18 +32,18 @@ TEST(DefaultInterface, HasTheLowestMetricOfSeveral) {
                              ""));
 }
 
-TEST(DefaultInterface, IsNotThatOfARouteThatIsDownOrRejects) {
+TEST(DefaultInterface, SkipsRoutesThatAreDownOrReject) {
   EXPECT_EQ("", defaultInterface(ipv4("eth0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n"
                                       "*\t00000000\t00000000\t0201\t0\t0\t0\t00000000\t0\t0\t0\n"),
                                  ""));
 }
 
-TEST(DefaultInterface, IsNotThatOfAHalfOfTheAddressSpace) {
+TEST(DefaultInterface, SkipsRoutesToHalfOfAddressSpace) {
   EXPECT_EQ("", defaultInterface(
                     ipv4("tun0\t00000000\t010200C0\t0003\t0\t0\t0\t00000080\t0\t0\t0\n"), ""));
 }
 
-TEST(DefaultInterface, ComesFromIpv6OnlyWhereIpv4HasNone) {
+TEST(DefaultInterface, ComesFromIpv6OnlyWithoutIpv4Route) {
   const std::string zero(32, '0');
   const std::string ipv6 =
       "fe80" + std::string(28, '0') + " 40 " + zero + " 00 " + zero +
@@ -61,7 +61,7 @@ TEST(DefaultInterface, SurvivesGarbage) {
   EXPECT_EQ("", defaultInterface("eth0\n\n\teth0 x y z\n", "00 00\nzz"));
 }
 
-TEST(GuessDefaultInterface, AgreesWithThisMachinesRoutes) {
+TEST(GuessDefaultInterface, AgreesWithRoutesOfThisMachine) {
   std::ifstream ipv4Routes("/proc/net/route");
   std::ifstream ipv6Routes("/proc/net/ipv6_route");
   const std::string ipv4Text{std::istreambuf_iterator<char>(ipv4Routes), {}};

@@ -11,7 +11,7 @@ std::string roundTrip(const std::string& text) {
   return formatConfig(parseConfig(text));
 }
 
-TEST(ConfigTextTest, AValueIsAllAfterTheFirstEqualsSign) {
+TEST(ConfigTextTest, ValueFollowsFirstEqualsSign) {
   const auto lines = parseConfig("a.b=c=d \r\nempty=\n");
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_EQ(lines[0].key, "a.b");
@@ -20,7 +20,7 @@ TEST(ConfigTextTest, AValueIsAllAfterTheFirstEqualsSign) {
   EXPECT_EQ(lines[1].value, "");
 }
 
-TEST(ConfigTextTest, CommentsBlanksAndLinesWithoutKeyAreNoSettings) {
+TEST(ConfigTextTest, CommentsBlanksAndKeylessLinesAreNotSettings) {
   for (const ConfigLine& line : parseConfig("# a=b\n#a=b\n\nno sign\n=value\n")) {
     EXPECT_EQ(line.key, "");
   }
@@ -33,12 +33,12 @@ TEST(ConfigTextTest, EveryLineIsKept) {
   }
 }
 
-TEST(ConfigTextTest, AMissingLineBreakAtTheEndIsMadeGood) {
+TEST(ConfigTextTest, MissingFinalLineBreakIsAdded) {
   EXPECT_EQ(roundTrip("a=b"), "a=b\n");
   EXPECT_EQ(roundTrip("a=b\nrest"), "a=b\nrest\n");
 }
 
-TEST(ConfigTextTest, AKeyGivesItselfBackFromItsLine) {
+TEST(ConfigTextTest, KeyIsReadBackFromItsLine) {
   for (const char* key : {"a", "users.1.name", "a b", "a#", "\xc3\xa4"}) {
     EXPECT_TRUE(isKey(key)) << key;
     EXPECT_EQ(parseConfig(std::string(key) + "=v").front().key, key);
@@ -49,7 +49,7 @@ TEST(ConfigTextTest, AKeyGivesItselfBackFromItsLine) {
   EXPECT_FALSE(isKey(std::string_view("a\0b", 3)));
 }
 
-TEST(ConfigTextTest, AValueHasNoLineBreakAndNoNul) {
+TEST(ConfigTextTest, ValueWithLineBreakOrNulIsRefused) {
   EXPECT_TRUE(isValue(""));
   EXPECT_TRUE(isValue(" # = \xff"));
   EXPECT_FALSE(isValue("a\nb"));

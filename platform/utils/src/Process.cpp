@@ -9,6 +9,7 @@
 #include "Spawn.h"
 #include "Watchdog.h"
 #include "kova/utils/Clock.h"
+#include "kova/utils/ServiceManager.h"
 
 namespace kova::utils {
 namespace {
@@ -34,6 +35,7 @@ int runToEnd(const std::string& program, const std::vector<std::string>& argumen
   int step = 1;
   while ((ended = watchdog.End(&status)) == 0) {
     watchdog.Check();
+    notifyAlive();
     sleepMs(watchdog.PollTimeout(step));
     step = std::min(step * 2, kLongestStepMs);
   }

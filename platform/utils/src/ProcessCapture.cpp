@@ -16,6 +16,7 @@
 #include "Spawn.h"
 #include "Watchdog.h"
 #include "kova/utils/Process.h"
+#include "kova/utils/ServiceManager.h"
 
 namespace kova::utils {
 namespace {
@@ -125,6 +126,7 @@ int attend(pid_t child, Feed& in, Capture& out, Capture& err, Watchdog& watchdog
   int step = 1;
   while ((ended = watchdog.End(&status)) == 0) {
     watchdog.Check();
+    notifyAlive();
     const bool busy = pump(in, out, err, watchdog.PollTimeout(step));
     step = busy ? 1 : std::min(step * 2, kLongestStepMs);
   }

@@ -9,7 +9,7 @@
 namespace kova::utils {
 namespace {
 
-TEST(NowMs, IsTheMonotonicClockAndNeverZero) {
+TEST(NowMs, IsMonotonicAndNeverZero) {
   timespec time{};
   clock_gettime(CLOCK_MONOTONIC, &time);
   const auto before = static_cast<std::uint64_t>(time.tv_sec * 1000 + time.tv_nsec / 1000000);
@@ -21,7 +21,7 @@ TEST(NowMs, IsTheMonotonicClockAndNeverZero) {
   EXPECT_LT(second, before + 10000U);
 }
 
-TEST(Now, IsTheWallClock) {
+TEST(Now, IsWallClock) {
   const time_t before = time(nullptr);
   const timeval value = now();
   EXPECT_GE(value.tv_sec + 1, before);
@@ -30,7 +30,7 @@ TEST(Now, IsTheWallClock) {
   EXPECT_LT(value.tv_usec, 1000000);
 }
 
-TEST(SleepMs, ReturnsAtOnceForNothingAndForLess) {
+TEST(SleepMs, ReturnsAtOnceForZeroAndNegative) {
   const std::uint64_t before = nowMs();
   sleepMs(0);
   sleepMs(-100000);

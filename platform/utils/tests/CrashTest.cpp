@@ -92,14 +92,14 @@ void expectKilledBy(int number, int status) {
   EXPECT_EQ(number, WTERMSIG(status));
 }
 
-TEST_F(CrashTest, ForceCrashLeavesAReportAndAborts) {
+TEST_F(CrashTest, ForceCrashLeavesReportAndAborts) {
   expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
   EXPECT_THAT(Report(),
               ContainsRegex("Crashed by signal 6 \\(Aborted\\), program counter 0x[0-9a-f]+"));
   EXPECT_THAT(Report(), HasSubstr("(abort+0x"));
 }
 
-TEST_F(CrashTest, TheReportGoesToTheSystemLogToo) {
+TEST_F(CrashTest, ReportGoesToSystemLog) {
   Crash([] { forceCrash(); });
   const std::string& log = log_.Received();
   const std::string report = Report();
@@ -111,7 +111,7 @@ TEST_F(CrashTest, TheReportGoesToTheSystemLogToo) {
   EXPECT_THAT(log, HasSubstr("(abort+0x"));
 }
 
-TEST_F(CrashTest, NamesTheFaultAddress) {
+TEST_F(CrashTest, ReportNamesFaultAddress) {
   expectKilledBy(SIGSEGV, Crash([] {
                    auto* volatile nowhere = reinterpret_cast<volatile int*>(0x1230);
                    *nowhere = 1;
@@ -119,7 +119,7 @@ TEST_F(CrashTest, NamesTheFaultAddress) {
   EXPECT_THAT(Report(), HasSubstr("fault address 0x1230\n"));
 }
 
-TEST_F(CrashTest, NamesTheAddressOfABusError) {
+TEST_F(CrashTest, ReportNamesAddressOfBusError) {
   const std::string file = folder_ / "mapped";
   tests::writeText(file, "x");
   expectKilledBy(SIGBUS, Crash([&] {
@@ -137,7 +137,7 @@ int recurse(volatile char* above, const volatile bool& goOn) {
   return goOn ? recurse(frame, goOn) + frame[0] : 0;
 }
 
-TEST_F(CrashTest, ReportsAStackThatRanOver) {
+TEST_F(CrashTest, StackOverflowIsReported) {
   expectKilledBy(SIGSEGV, Crash([] {
                    volatile char top = 0;
                    const volatile bool forEver = true;
@@ -148,7 +148,7 @@ TEST_F(CrashTest, ReportsAStackThatRanOver) {
 
 class EachSignal : public CrashTest, public testing::WithParamInterface<int> {};
 
-TEST_P(EachSignal, IsReportedAndThenTakesItsDefaultAction) {
+TEST_P(EachSignal, IsReportedAndTakesDefaultAction) {
   const int number = GetParam();
   expectKilledBy(number, Crash([number] { raise(number); }));
   EXPECT_THAT(Report(), HasSubstr("Crashed by signal " + std::to_string(number) + " ("));
@@ -159,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(CrashTest, EachSignal,
                          testing::Values(SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS),
                          [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
 
-TEST_F(CrashTest, AnOldReportOfTheSameNumberIsReplacedAndALinkNotFollowed) {
+TEST_F(CrashTest, OldReportOfSameNumberIsReplacedAndLinkNotFollowed) {
   const std::string victim = folder_ / "victim";
   tests::writeText(victim, "precious");
   Crash([&] {
@@ -170,13 +170,13 @@ TEST_F(CrashTest, AnOldReportOfTheSameNumberIsReplacedAndALinkNotFollowed) {
   EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
 }
 
-TEST_F(CrashTest, WithoutAFolderTheSystemLogStillHasIt) {
+TEST_F(CrashTest, ReportGoesToSystemLogWithoutFolder) {
   reports_ = folder_ / "missing";
   expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
   EXPECT_THAT(log_.Received(), HasSubstr("Crashed by signal 6"));
 }
 
-TEST_F(CrashTest, ASystemLogThatHangsDoesNotHoldItUp) {
+TEST_F(CrashTest, StalledSystemLogDoesNotBlockReport) {
   const std::uint64_t before = nowMs();
   child_ = fork();
   if (child_ == 0) {
@@ -190,18 +190,18 @@ TEST_F(CrashTest, ASystemLogThatHangsDoesNotHoldItUp) {
   EXPECT_THAT(Report(), HasSubstr("__libc_start_main"));
 }
 
-TEST_F(CrashTest, WithoutASystemLogTheFileStillHasIt) {
+TEST_F(CrashTest, ReportGoesToFileWithoutSystemLog) {
   unlink(socketPath_.c_str());
   expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
   EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
 }
 
-TEST(InstallCrashDumpHandler, RefusesAPathThatIsTooLong) {
+TEST(InstallCrashDumpHandler, RefusesTooLongPath) {
   EXPECT_FALSE(installCrashDumpHandler(std::string(5000, 'x').c_str(), "/dev/log"));
   EXPECT_FALSE(installCrashDumpHandler("/tmp", std::string(200, 'x').c_str()));
 }
 
-TEST(CrashText, WritesNumbersAndCutsWhatDoesNotFit) {
+TEST(CrashText, WritesNumbersAndTruncates) {
   CrashText<64> text;
   text.AppendNumber(0).Append(" ").AppendNumber(UINT64_MAX).Append(" ").AppendHex(0xdeadbeef01);
   EXPECT_EQ("0 18446744073709551615 deadbeef01", text.View());

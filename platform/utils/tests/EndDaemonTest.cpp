@@ -61,7 +61,7 @@ class EndDaemonTest : public testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(EndDaemonTest, EndsTheProgramAndAllThatItStarted) {
+TEST_F(EndDaemonTest, EndsProgramAndItsDescendants) {
   // One in the background, one in its own session and one orphan, all ignoring SIGTERM.
   ASSERT_TRUE(
       Start("trap '' TERM HUP\ncd \"$1\"\n"
@@ -79,14 +79,14 @@ TEST_F(EndDaemonTest, EndsTheProgramAndAllThatItStarted) {
   for (const pid_t pid : all) EXPECT_FALSE(isRunning(pid)) << pid;
 }
 
-TEST_F(EndDaemonTest, EndsWhatAProgramThatEndedLeftBehind) {
+TEST_F(EndDaemonTest, EndsDescendantsOfEndedProgram) {
   ASSERT_TRUE(Start("cd \"$1\"; sleep 60 & echo $! >new; mv new ready"));
   const pid_t left = NumbersIn("ready").at(0);
   endDaemon(Script());
   EXPECT_FALSE(isRunning(left));
 }
 
-TEST_F(EndDaemonTest, EndsNoOtherProgram) {
+TEST_F(EndDaemonTest, SparesOtherPrograms) {
   ASSERT_TRUE(Start("echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
   endDaemon("/bin/sleep");
   EXPECT_TRUE(isRunning(NumbersIn("ready").at(0)));
@@ -97,7 +97,7 @@ std::size_t openDescriptors() {
   return static_cast<std::size_t>(std::distance(descriptors, {}));
 }
 
-TEST_F(EndDaemonTest, KeepsNoDescriptorOfWhatHasEnded) {
+TEST_F(EndDaemonTest, EndedProgramsLeaveNoDescriptors) {
   const std::size_t before = openDescriptors();
   const auto start = [] { return runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0); };
   for (int i = 0; i < 50; ++i) ASSERT_TRUE(start());
@@ -106,15 +106,15 @@ TEST_F(EndDaemonTest, KeepsNoDescriptorOfWhatHasEnded) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(EndDaemonTest, ProgramsEndWithTheProcessThatStartedThem) {
+TEST_F(EndDaemonTest, ProgramsEndWithStartingProcess) {
   EXPECT_TRUE(EndsWithItsOwner([] {}));
 }
 
-TEST_F(EndDaemonTest, ProgramsEndWithAnOwnerWithoutStandardStreams) {
+TEST_F(EndDaemonTest, ProgramsEndWithOwnerWithoutStandardStreams) {
   EXPECT_TRUE(EndsWithItsOwner([] { closefrom(0); }));
 }
 
-TEST_F(EndDaemonTest, ALeashEndsTheProgramAfterItsTime) {
+TEST_F(EndDaemonTest, LeashEndsProgramAfterItsTime) {
   Spawn spawn("/bin/sleep", {"60"}, {});
   spawn.OwnSession();
   Leash leash;
@@ -128,7 +128,7 @@ TEST_F(EndDaemonTest, ALeashEndsTheProgramAfterItsTime) {
   EXPECT_TRUE(leash.Expired());
 }
 
-TEST_F(EndDaemonTest, ALeashIsLooseOnceTheProgramHasEnded) {
+TEST_F(EndDaemonTest, LeashIsReleasedWithProgram) {
   Spawn spawn("/bin/true", {}, {});
   Leash leash;
   pid_t pid = -1;
@@ -138,7 +138,7 @@ TEST_F(EndDaemonTest, ALeashIsLooseOnceTheProgramHasEnded) {
   EXPECT_FALSE(leash.Expired());
 }
 
-TEST_F(EndDaemonTest, ASupervisorOutlivesASignalToItsOwner) {
+TEST_F(EndDaemonTest, SupervisorOutlivesSignalToOwner) {
   ASSERT_TRUE(Start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
   const pid_t supervisor = NumbersIn("ready").at(0);
   kill(supervisor, SIGTERM);

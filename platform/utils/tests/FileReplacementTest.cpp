@@ -33,7 +33,7 @@ class AtomicReplacementTest : public testing::Test {
   const std::string path_ = folder_ / "file";
 };
 
-TEST_F(AtomicReplacementTest, TheTargetChangesAtClose) {
+TEST_F(AtomicReplacementTest, TargetChangesOnlyAtClose) {
   writeText(path_, "old");
   File file;
   ASSERT_TRUE(begin(file));
@@ -44,7 +44,7 @@ TEST_F(AtomicReplacementTest, TheTargetChangesAtClose) {
   EXPECT_EQ(folder_.entries(), 1);
 }
 
-TEST_F(AtomicReplacementTest, ANewFileIsCreatedWithinTheUmask) {
+TEST_F(AtomicReplacementTest, NewFileHonoursUmask) {
   const mode_t saved = umask(027);
   File file;
   const bool written = begin(file) && file.WriteString("new") && file.Close();
@@ -54,7 +54,7 @@ TEST_F(AtomicReplacementTest, ANewFileIsCreatedWithinTheUmask) {
   EXPECT_EQ(modeOf(path_), 0640U);
 }
 
-TEST_F(AtomicReplacementTest, TheModeIsKept) {
+TEST_F(AtomicReplacementTest, ModeIsKept) {
   for (const mode_t mode : {0600, 0640, 0666, 0444}) {
     writeText(path_, "old");
     ASSERT_EQ(chmod(path_.c_str(), mode), 0);
@@ -65,7 +65,7 @@ TEST_F(AtomicReplacementTest, TheModeIsKept) {
   }
 }
 
-TEST_F(AtomicReplacementTest, TheOwnerIsKept) {
+TEST_F(AtomicReplacementTest, OwnerIsKept) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can give a file away";
   }
@@ -83,7 +83,7 @@ TEST_F(AtomicReplacementTest, TheOwnerIsKept) {
   EXPECT_EQ(modeOf(path_), 0640U);
 }
 
-TEST_F(AtomicReplacementTest, WithoutCloseTheTargetStays) {
+TEST_F(AtomicReplacementTest, TargetIsUnchangedWithoutClose) {
   writeText(path_, "old");
   {
     File file;
@@ -94,7 +94,7 @@ TEST_F(AtomicReplacementTest, WithoutCloseTheTargetStays) {
   EXPECT_EQ(folder_.entries(), 1);
 }
 
-TEST_F(AtomicReplacementTest, AfterAFailedWriteTheTargetStays) {
+TEST_F(AtomicReplacementTest, FailedWriteLeavesTarget) {
   writeText(path_, "old");
   const FileSizeLimit limit(60);
   File file;
@@ -105,7 +105,7 @@ TEST_F(AtomicReplacementTest, AfterAFailedWriteTheTargetStays) {
   EXPECT_EQ(folder_.entries(), 1);
 }
 
-TEST_F(AtomicReplacementTest, ALinkAtThePathIsReplacedAndWhatItNamesStays) {
+TEST_F(AtomicReplacementTest, LinkIsReplacedAndItsTargetKept) {
   writeText(folder_ / "elsewhere", "precious");
   ASSERT_EQ(chmod((folder_ / "elsewhere").c_str(), 0600), 0);
   std::filesystem::create_symlink("elsewhere", path_);
@@ -125,7 +125,7 @@ TEST_F(AtomicReplacementTest, TemporaryNamesDiffer) {
   EXPECT_EQ(folder_.entries(), 2);
 }
 
-TEST_F(AtomicReplacementTest, AReaderSeesOneContentOrTheOther) {
+TEST_F(AtomicReplacementTest, ReaderSeesOldOrNewContent) {
   const std::string contents[] = {std::string(70000, 'a'), std::string(90000, 'b')};
   writeText(path_, contents[0]);
   const pid_t writer = fork();

@@ -36,7 +36,7 @@ class FileTest : public testing::Test {
   const std::string path_ = folder_ / "file";
 };
 
-TEST_F(FileTest, WhatIsWrittenIsReadBack) {
+TEST_F(FileTest, WrittenContentIsReadBack) {
   const std::string text = patterned(300000);
   File writer;
   ASSERT_TRUE(writer.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
@@ -59,7 +59,7 @@ TEST_F(FileTest, WhatIsWrittenIsReadBack) {
   EXPECT_TRUE(reader.IsEOF());
 }
 
-TEST_F(FileTest, ReadingNeedsAnExistingFile) {
+TEST_F(FileTest, ReadingNeedsExistingFile) {
   File file;
   EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
   EXPECT_EQ(errno, ENOENT);
@@ -76,7 +76,7 @@ TEST_F(FileTest, TruncatingReplacesLongerContent) {
   EXPECT_EQ(readText(path_), "short");
 }
 
-TEST_F(FileTest, AppendingContinuesAtTheEnd) {
+TEST_F(FileTest, AppendingContinuesAtEnd) {
   writeText(path_, "one");
   File file;
   ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_APPEND, 0));
@@ -87,7 +87,7 @@ TEST_F(FileTest, AppendingContinuesAtTheEnd) {
   EXPECT_EQ(readText(path_), "onetwo");
 }
 
-TEST_F(FileTest, SymbolicLinksAreFollowedForReadingOnly) {
+TEST_F(FileTest, SymbolicLinksAreFollowedOnlyForReading) {
   writeText(path_, "content");
   std::filesystem::create_symlink("file", folder_ / "link");
   File file;
@@ -101,7 +101,7 @@ TEST_F(FileTest, SymbolicLinksAreFollowedForReadingOnly) {
   EXPECT_EQ(readText(path_), "content");
 }
 
-TEST_F(FileTest, AFileWithASecondNameIsReplacedButNotWrittenInto) {
+TEST_F(FileTest, HardLinkedFileIsReplacedButNotWrittenInto) {
   writeText(path_, "content");
   const std::string second = folder_ / "second";
   std::filesystem::create_hard_link(path_, second);
@@ -116,7 +116,7 @@ TEST_F(FileTest, AFileWithASecondNameIsReplacedButNotWrittenInto) {
   EXPECT_EQ(readText(second), "new");
 }
 
-TEST_F(FileTest, AFileOfAnotherUserIsReadButNotWrittenInto) {
+TEST_F(FileTest, ForeignFileIsReadButNotWrittenInto) {
   writeText(path_, "content");
   if (chown(path_.c_str(), 65534, 65534) != 0) {
     GTEST_SKIP() << "only root can give a file away";
@@ -130,7 +130,7 @@ TEST_F(FileTest, AFileOfAnotherUserIsReadButNotWrittenInto) {
   EXPECT_EQ(readText(path_), "content");
 }
 
-TEST_F(FileTest, WhatIsNoRegularFileIsRefusedWithoutBlocking) {
+TEST_F(FileTest, NonRegularFileIsRefusedWithoutBlocking) {
   ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
   const std::array<std::string, 3> paths{folder_.path(), path_, "/dev/null"};
   for (const std::string& path : paths) {
@@ -160,7 +160,7 @@ TEST_F(FileTest, UnknownModesFlagsAndPathsWithNulAreRefused) {
   EXPECT_EQ(folder_.entries(), 0);
 }
 
-TEST_F(FileTest, ShrinkingWhileReadIsAnInputError) {
+TEST_F(FileTest, ShrinkingDuringReadIsInputError) {
   writeText(path_, "0123456789");
   File file;
   ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
@@ -171,7 +171,7 @@ TEST_F(FileTest, ShrinkingWhileReadIsAnInputError) {
   EXPECT_FALSE(file.IsEOF());
 }
 
-TEST_F(FileTest, AClosedFileNeitherReadsNorWritesNorCloses) {
+TEST_F(FileTest, OperationsOnClosedFileFail) {
   File file;
   unsigned char byte = 0;
   EXPECT_FALSE(file.ReadBuffer(&byte, 1));
@@ -181,7 +181,7 @@ TEST_F(FileTest, AClosedFileNeitherReadsNorWritesNorCloses) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(FileTest, AShortWriteIsAFailure) {
+TEST_F(FileTest, ShortWriteFails) {
   const FileSizeLimit limit(60);
   File file;
   ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
@@ -190,7 +190,7 @@ TEST_F(FileTest, AShortWriteIsAFailure) {
   EXPECT_EQ(file.Cursor(), 60U);
 }
 
-TEST_F(FileTest, SeekingMovesTheCursorWithinTheFile) {
+TEST_F(FileTest, SeekingMovesCursorWithinFile) {
   writeText(path_, "0123456789");
   File file;
   ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
@@ -205,7 +205,7 @@ TEST_F(FileTest, SeekingMovesTheCursorWithinTheFile) {
   EXPECT_TRUE(file.IsEOF());
 }
 
-TEST_F(FileTest, OpenFilesAreNotPassedOnToOtherPrograms) {
+TEST_F(FileTest, DescriptorsAreClosedOnExec) {
   File file;
   ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
   int open = 0;
@@ -219,7 +219,7 @@ TEST_F(FileTest, OpenFilesAreNotPassedOnToOtherPrograms) {
   EXPECT_EQ(open, 1);
 }
 
-TEST_F(FileTest, ReadStringAllReadsFilesThatReportNoSize) {
+TEST_F(FileTest, ReadStringAllReadsFilesWithoutSize) {
   std::string text;
   ASSERT_TRUE(File::ReadStringAll("/proc/self/status", text));
   EXPECT_NE(text.find("\nPid:"), std::string::npos);
@@ -236,7 +236,7 @@ TEST_F(FileTest, ReadStringAllKeepsItsOutputOnFailure) {
   EXPECT_EQ(text, "12345");
 }
 
-TEST_F(FileTest, ReadStringAllBoundsFilesThatReportNoSize) {
+TEST_F(FileTest, ReadStringAllBoundsFilesWithoutSize) {
   std::string text;
   EXPECT_FALSE(File::ReadStringAll("/proc/self/status", text, 10));
   EXPECT_EQ(errno, EFBIG);
@@ -250,7 +250,7 @@ TEST_F(FileTest, ReadStringAllRefusesMoreThan64MiB) {
   EXPECT_EQ(errno, EFBIG);
 }
 
-TEST_F(FileTest, ADanglingLinkExistsOnlyUnfollowed) {
+TEST_F(FileTest, DanglingLinkExistsOnlyUnfollowed) {
   EXPECT_FALSE(fileExists(path_.c_str(), true));
   EXPECT_FALSE(fileExists(path_.c_str(), false));
   std::filesystem::create_symlink("nowhere", path_);
@@ -259,7 +259,7 @@ TEST_F(FileTest, ADanglingLinkExistsOnlyUnfollowed) {
   EXPECT_TRUE(fileExists(folder_.path().c_str(), true));
 }
 
-TEST_F(FileTest, ACopyHasTheContentAndReplacesWhatWasThere) {
+TEST_F(FileTest, CopyReplacesTarget) {
   const std::string to = folder_ / "copy";
   for (const std::size_t size : {0U, 1U, 65536U, 65537U, 200000U}) {
     writeText(path_, patterned(size));
@@ -269,7 +269,7 @@ TEST_F(FileTest, ACopyHasTheContentAndReplacesWhatWasThere) {
   }
 }
 
-TEST_F(FileTest, CopyingOntoItselfKeepsTheContent) {
+TEST_F(FileTest, CopyOntoItselfKeepsContent) {
   writeText(path_, "content");
   std::filesystem::create_hard_link(path_, folder_ / "same");
   EXPECT_FALSE(copyFile(path_.c_str(), (folder_ / "same").c_str()));
@@ -277,7 +277,7 @@ TEST_F(FileTest, CopyingOntoItselfKeepsTheContent) {
   EXPECT_EQ(readText(path_), "content");
 }
 
-TEST_F(FileTest, CopyingFailsWithoutASourceOrAnUsableTarget) {
+TEST_F(FileTest, CopyFailsWithoutSourceOrUsableTarget) {
   EXPECT_FALSE(copyFile(path_.c_str(), (folder_ / "copy").c_str()));
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(folder_.entries(), 0);

@@ -18,7 +18,7 @@ using tests::writeText;
 constexpr auto kOnePiece = ProcFile::Form::kOnePiece;
 constexpr auto kRecords = ProcFile::Form::kRecords;
 
-TEST(ProcFileTest, ReadsWhatIsLongerThanItsBuffer) {
+TEST(ProcFileTest, ReadsMoreThanItsBuffer) {
   const TemporaryFolder folder;
   for (const std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 100000U}) {
     const std::string content(size, 'x');
@@ -34,7 +34,7 @@ TEST(ProcFileTest, ReadsWhatIsLongerThanItsBuffer) {
   }
 }
 
-TEST(ProcFileTest, EveryReadingOfTheOpenFileIsFresh) {
+TEST(ProcFileTest, EveryReadOfOpenFileIsFresh) {
   char before[16] = {};
   prctl(PR_GET_NAME, before);
   ProcFile file("/proc/thread-self/comm", kOnePiece);
@@ -48,7 +48,7 @@ TEST(ProcFileTest, EveryReadingOfTheOpenFileIsFresh) {
   prctl(PR_SET_NAME, before);
 }
 
-TEST(ProcFileTest, ReadsAllRecordsOfALongList) {
+TEST(ProcFileTest, ReadsAllRecordsOfLongList) {
   std::ifstream whole("/proc/kallsyms");
   const std::string expected{std::istreambuf_iterator<char>(whole), {}};
   if (expected.size() < 10000) GTEST_SKIP() << "this kernel lists no symbols";
@@ -58,7 +58,7 @@ TEST(ProcFileTest, ReadsAllRecordsOfALongList) {
   EXPECT_EQ(expected.size(), text.size());
 }
 
-TEST(ProcFileTest, TellsWhyItFailedAndTriesAgain) {
+TEST(ProcFileTest, ReportsFailureAndTriesAgain) {
   const TemporaryFolder folder;
   ProcFile file(folder / "file", kOnePiece);
   std::string_view text = "old";

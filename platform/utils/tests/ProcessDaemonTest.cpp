@@ -36,7 +36,7 @@ class Daemon {
   pid_t pid_;
 };
 
-TEST(RunDaemon, StartsTheProgramWithItsArgumentsAndDoesNotWait) {
+TEST(RunDaemon, StartsProgramWithArgumentsWithoutWaiting) {
   const TemporaryFolder folder;
   const std::string script = writeScript(folder, "script",
                                          "printf '[%s]' \"$@\" > \"$1.new\"; mv \"$1.new\" \"$1\"; "
@@ -50,7 +50,7 @@ TEST(RunDaemon, StartsTheProgramWithItsArgumentsAndDoesNotWait) {
   EXPECT_TRUE(eventually([&] { return isRunning(pid); }));
 }
 
-TEST(RunDaemon, NeedsNeitherArgumentsNorAPlaceForTheProcessId) {
+TEST(RunDaemon, ArgumentsAndProcessIdAreOptional) {
   EXPECT_TRUE(runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0));
 }
 
@@ -64,7 +64,7 @@ TEST(RunDaemon, LeavesNoZombieAndNoChild) {
   EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
 }
 
-TEST(RunDaemon, LeadsASessionOfItsOwn) {
+TEST(RunDaemon, LeadsItsOwnSession) {
   int pid = 0;
   ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/sleep", 1, "60"));
   const Daemon daemon(pid);
@@ -72,7 +72,7 @@ TEST(RunDaemon, LeadsASessionOfItsOwn) {
   EXPECT_NE(getsid(0), getsid(pid));
 }
 
-TEST(RunDaemon, StartsInTheGivenFolder) {
+TEST(RunDaemon, StartsInGivenFolder) {
   const TemporaryFolder folder;
   int pid = 0;
   ASSERT_TRUE(runDaemon(&folder.path(), nullptr, &pid, "/bin/sleep", 1, "60"));
@@ -83,7 +83,7 @@ TEST(RunDaemon, StartsInTheGivenFolder) {
   EXPECT_EQ(std::filesystem::canonical(folder.path()), target);
 }
 
-TEST(RunDaemon, BlocksTheGivenSignalsAndNoOthers) {
+TEST(RunDaemon, BlocksOnlyGivenSignals) {
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGHUP);
@@ -98,7 +98,7 @@ TEST(RunDaemon, BlocksTheGivenSignalsAndNoOthers) {
   }
 }
 
-TEST(RunDaemon, ReportsAProgramThatCannotBeStarted) {
+TEST(RunDaemon, ReportsProgramThatCannotStart) {
   const TemporaryFolder folder;
   int pid = 77;
   EXPECT_FALSE(runDaemon(nullptr, nullptr, &pid, folder / "missing", 0));
@@ -131,7 +131,7 @@ class KillByNameTest : public testing::Test {
   const std::string unique_ = std::filesystem::path(folder_.path()).filename().string() + "_daemon";
 };
 
-TEST_F(KillByNameTest, FindsALongNameAndSignalsEachSuchProcess) {
+TEST_F(KillByNameTest, SignalsEveryProcessOfLongName) {
   ASSERT_GT(unique_.size(), 15U);
   const std::string program = Program(unique_);
   const Daemon first(Start(program));
@@ -150,7 +150,7 @@ TEST_F(KillByNameTest, ComparesWholeNames) {
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
 }
 
-TEST_F(KillByNameTest, FindsAProgramThatCallsItselfOtherwise) {
+TEST_F(KillByNameTest, FindsProgramThatRenamedItself) {
   const std::string program = Program(unique_);
   int pid = -1;
   ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/bash", 2, "-c",
@@ -161,14 +161,14 @@ TEST_F(KillByNameTest, FindsAProgramThatCallsItselfOtherwise) {
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
 }
 
-TEST_F(KillByNameTest, FindsAProgramWhoseFileIsGone) {
+TEST_F(KillByNameTest, FindsProgramWithDeletedFile) {
   const std::string program = Program(unique_);
   const Daemon daemon(Start(program));
   std::filesystem::remove(program);
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
 }
 
-TEST_F(KillByNameTest, PassesOverZombies) {
+TEST_F(KillByNameTest, SkipsZombies) {
   const std::string program = Program(unique_);
   const pid_t child = fork();
   if (child == 0) {
@@ -181,7 +181,7 @@ TEST_F(KillByNameTest, PassesOverZombies) {
   waitpid(child, nullptr, 0);
 }
 
-TEST_F(KillByNameTest, SparesTheCaller) {
+TEST_F(KillByNameTest, SparesCaller) {
   const std::string name = "k" + std::to_string(getpid());
   ASSERT_LE(name.size(), std::strlen(program_invocation_name));
   const pid_t child = fork();

@@ -22,7 +22,7 @@ using tests::writeScript;
 constexpr unsigned kNone = 0;
 constexpr unsigned kLongMs = 20'000;
 
-TEST(ProgramLimits, EveryProgramHasOne) {
+TEST(ProgramLimits, EveryProgramHasLimit) {
   EXPECT_EQ(timeLimit("/bin/cfgmtd", kNone), 60'000U);
   EXPECT_EQ(timeLimit("/bin/fwupdate.real", kNone), 60'000U);
   EXPECT_EQ(timeLimit("/usr/bin/reboot", kNone), 60'000U);
@@ -33,7 +33,7 @@ TEST(ProgramLimits, EveryProgramHasOne) {
   EXPECT_EQ(timeLimit("/bin/anything", kNone), 60'000U);
 }
 
-TEST(ProgramLimits, CallersMayShortenAToolsLimitOnly) {
+TEST(ProgramLimits, CallersMayOnlyShortenToolLimit) {
   EXPECT_EQ(timeLimit("/bin/cfgmtd", 100), 100U);
   EXPECT_EQ(timeLimit("/bin/cfgmtd", 100'000), 60'000U);
   EXPECT_EQ(timeLimit("/bin/anything", 100'000), 100'000U);
@@ -47,7 +47,7 @@ std::string hangingScript(const TemporaryFolder& folder) {
                      "until [ -e child ]; do sleep 0.01; done; echo ready; wait");
 }
 
-TEST(RunToEnd, EndsAGroupThatExceedsItsTime) {
+TEST(RunToEnd, EndsGroupThatExceedsItsTime) {
   for (const unsigned graceMs : {0U, kLongMs}) {
     const TemporaryFolder folder;
     errno = ENOENT;
@@ -59,20 +59,20 @@ TEST(RunToEnd, EndsAGroupThatExceedsItsTime) {
   }
 }
 
-TEST(RunToEnd, SparesTheCallersGroup) {
+TEST(RunToEnd, SparesGroupOfCaller) {
   const TemporaryFolder folder;
   const std::string script = writeScript(folder, "script", "cut -d' ' -f5 /proc/$$/stat >\"$1\"");
   EXPECT_EQ(runToEnd(script, {folder / "group"}, kLongMs, 0), 0);
   EXPECT_NE(std::stoi(readText(folder / "group")), getpgrp());
 }
 
-TEST(RunToEnd, KeepsErrnoOfWhatEndsByItself) {
+TEST(RunToEnd, KeepsErrnoOfProgramThatEndsByItself) {
   errno = ENOENT;
   EXPECT_EQ(runToEnd("/bin/false", {}, kLongMs, 0), 1);
   EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(SysExecLimit, ATimeoutReachesADeafGrandchild) {
+TEST(SysExecLimit, TimeoutReachesGrandchildThatIgnoresSignals) {
   const TemporaryFolder folder;
   std::string out;
   std::string err;
@@ -83,7 +83,7 @@ TEST(SysExecLimit, ATimeoutReachesADeafGrandchild) {
   EXPECT_TRUE(eventually([&] { return !isRunning(child); }));
 }
 
-TEST(SysExecLimit, KeepsErrnoOfWhatEndsByItself) {
+TEST(SysExecLimit, KeepsErrnoOfProgramThatEndsByItself) {
   std::string out;
   std::string err;
   errno = ENOENT;

@@ -42,38 +42,38 @@ class SysExecTest : public testing::Test {
   unsigned captureKiB_ = kKeepKiB;
 };
 
-TEST_F(SysExecTest, CapturesBothStreamsAndTheStatus) {
+TEST_F(SysExecTest, CapturesBothStreamsAndStatus) {
   EXPECT_EQ(3, RunScript("echo out; echo err >&2; exit 3"));
   EXPECT_EQ("out\n", out_);
   EXPECT_EQ("err\n", err_);
 }
 
-TEST_F(SysExecTest, PassesArgumentsWholeAndWithoutAShell) {
+TEST_F(SysExecTest, PassesArgumentsWholeWithoutShell) {
   EXPECT_EQ(0, Run("/usr/bin/printf", {"[%s]", "a b", "", "$(id)", "'; ls", "*"}));
   EXPECT_EQ("[a b][][$(id)]['; ls][*]", out_);
 }
 
-TEST_F(SysExecTest, RefusesAnArgumentThatCannotBePassedWhole) {
+TEST_F(SysExecTest, RefusesArgumentThatCannotBePassedWhole) {
   EXPECT_EQ(kNotStarted, Run("/bin/echo", {std::string("a\0b", 3)}));
   EXPECT_EQ(EINVAL, errno);
   EXPECT_EQ("", out_);
 }
 
-TEST_F(SysExecTest, EndsTheInputAfterItsLastByte) {
+TEST_F(SysExecTest, ClosesInputAfterLastByte) {
   EXPECT_EQ(0, Run("/bin/cat", {}, "input"));
   EXPECT_EQ("input", out_);
   EXPECT_EQ(0, Run("/bin/cat"));
   EXPECT_EQ("", out_);
 }
 
-TEST_F(SysExecTest, MoreInputThanAPipeHoldsDoesNotBlock) {
+TEST_F(SysExecTest, InputBeyondPipeCapacityDoesNotBlock) {
   std::string input(std::size_t{700} * 1024, 'a');
   input.back() = 'z';
   EXPECT_EQ(0, Run("/bin/cat", {}, input));
   EXPECT_EQ(input, out_);
 }
 
-TEST_F(SysExecTest, AChildThatDoesNotReadItsInputHarmsNobody) {
+TEST_F(SysExecTest, ChildThatIgnoresInputIsHarmless) {
   EXPECT_EQ(0, RunScript("exec <&-; echo done", std::string(std::size_t{1024} * 1024, 'x')));
   EXPECT_EQ("done\n", out_);
   sigset_t pending;
@@ -94,7 +94,7 @@ TEST_F(SysExecTest, EarlierSigPipeStaysPending) {
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
-TEST_F(SysExecTest, AnInputThatNobodyReadsIsClosed) {
+TEST_F(SysExecTest, UnreadInputIsClosed) {
   const std::string untilClosedHere =
       "pipe=$(readlink /proc/$$/fd/0); exec <&-; left=200\n"
       "while ls -l /proc/$PPID/fd | grep -qF \"$pipe\"; do\n"
@@ -103,24 +103,24 @@ TEST_F(SysExecTest, AnInputThatNobodyReadsIsClosed) {
   EXPECT_EQ(0, RunScript(untilClosedHere, std::string(std::size_t{1024} * 1024, 'x')));
 }
 
-TEST_F(SysExecTest, KeepsNoMoreThanWasAskedForAndLetsTheChildPrintAll) {
+TEST_F(SysExecTest, KeepsOnlyRequestedOutputAndDrainsRest) {
   captureKiB_ = 128;
   EXPECT_EQ(0, RunScript("head -c 10485760 /dev/zero; echo all printed >&2"));
   EXPECT_EQ(128U * 1024U, out_.size());
   EXPECT_EQ("all printed\n", err_);
 }
 
-TEST_F(SysExecTest, KeepsAMegabyteOfBothStreamsAtOnce) {
+TEST_F(SysExecTest, KeepsOneMegabyteOfBothStreams) {
   EXPECT_EQ(0, RunScript("head -c 1048576 /dev/zero & head -c 1048576 /dev/zero >&2; wait"));
   EXPECT_EQ(1024U * 1024U, out_.size());
   EXPECT_EQ(1024U * 1024U, err_.size());
 }
 
-TEST_F(SysExecTest, ReportsADeathBySignalAsFailure) {
+TEST_F(SysExecTest, DeathBySignalFails) {
   EXPECT_EQ(128 + SIGSEGV, RunScript("kill -SEGV $$"));
 }
 
-TEST_F(SysExecTest, ReportsAProgramThatCannotBeStarted) {
+TEST_F(SysExecTest, ReportsProgramThatCannotStart) {
   EXPECT_EQ(kNotStarted, Run(folder_ / "missing"));
   EXPECT_EQ(ENOENT, errno);
   EXPECT_EQ("", out_);
@@ -135,7 +135,7 @@ TEST_F(SysExecTest, ReportsAProgramThatCannotBeStarted) {
   EXPECT_EQ(kNotStarted, Run(""));
 }
 
-TEST_F(SysExecTest, TerminatesAChildThatHangs) {
+TEST_F(SysExecTest, TerminatesHangingChild) {
   timeoutMs_ = 100;
   graceMs_ = kLongMs;
   const std::uint64_t before = nowMs();
@@ -143,7 +143,7 @@ TEST_F(SysExecTest, TerminatesAChildThatHangs) {
   EXPECT_LT(nowMs() - before, 10000U);
 }
 
-TEST_F(SysExecTest, KillsAChildThatIgnoresTheRequest) {
+TEST_F(SysExecTest, KillsChildThatIgnoresSigterm) {
   timeoutMs_ = 200;
   graceMs_ = 200;
   const std::uint64_t before = nowMs();
@@ -153,19 +153,19 @@ TEST_F(SysExecTest, KillsAChildThatIgnoresTheRequest) {
   EXPECT_EQ("ready\n", out_);
 }
 
-TEST_F(SysExecTest, WithoutGraceKillsAtOnce) {
+TEST_F(SysExecTest, KillsAtOnceWithoutGrace) {
   timeoutMs_ = 50;
   graceMs_ = 0;
   EXPECT_EQ(128 + SIGKILL, Run("/bin/sleep", {"60"}));
 }
 
-TEST_F(SysExecTest, AChildThatNeverStopsPrintingMeetsItsTimeout) {
+TEST_F(SysExecTest, EndlessOutputMeetsTimeout) {
   timeoutMs_ = 100;
   EXPECT_EQ(128 + SIGKILL, Run("/usr/bin/yes"));
   EXPECT_EQ(kKeepKiB * 1024U, out_.size());
 }
 
-TEST_F(SysExecTest, ATimeoutReachesTheChildsOwnChildren) {
+TEST_F(SysExecTest, TimeoutReachesGrandchildren) {
   timeoutMs_ = 300;
   EXPECT_EQ(128 + SIGKILL, RunScript("sleep 60 & echo $!; wait"));
   const int grandchild = std::stoi(out_);
@@ -178,7 +178,7 @@ TEST_F(SysExecTest, ATimeoutReachesTheChildsOwnChildren) {
   EXPECT_LT(nowMs(), deadline);
 }
 
-TEST_F(SysExecTest, DoesNotWaitForWhatTheChildLeftRunning) {
+TEST_F(SysExecTest, DoesNotWaitForProgramsLeftRunning) {
   const std::uint64_t before = nowMs();
   EXPECT_EQ(0, RunScript("sleep 60 & echo $!"));
   EXPECT_LT(nowMs() - before, 10000U);
@@ -186,11 +186,11 @@ TEST_F(SysExecTest, DoesNotWaitForWhatTheChildLeftRunning) {
   EXPECT_EQ(0, kill(grandchild, SIGKILL));
 }
 
-TEST_F(SysExecTest, WaitsForAChildThatClosedItsOutput) {
+TEST_F(SysExecTest, WaitsForChildThatClosedOutput) {
   EXPECT_EQ(9, RunScript("exec >&- 2>&-; sleep 0.1; exit 9"));
 }
 
-TEST_F(SysExecTest, TheChildInheritsOnlyItsThreeStreams) {
+TEST_F(SysExecTest, ChildInheritsOnlyThreeStreams) {
   const int leaked = fcntl(STDERR_FILENO, F_DUPFD, 100);  // on purpose without close-on-exec
   ASSERT_GE(leaked, 100);
   EXPECT_EQ(0, Run("/bin/ls", {"/proc/self/fd"}));
@@ -198,7 +198,7 @@ TEST_F(SysExecTest, TheChildInheritsOnlyItsThreeStreams) {
   EXPECT_EQ("0\n1\n2\n3\n", out_);  // the last is the listed folder
 }
 
-TEST_F(SysExecTest, TheChildHasDefaultSignalHandling) {
+TEST_F(SysExecTest, ChildHasDefaultSignalHandling) {
   sigset_t blocked;
   sigset_t previous;
   sigemptyset(&blocked);
@@ -215,7 +215,7 @@ TEST_F(SysExecTest, TheChildHasDefaultSignalHandling) {
                                           "SigIgn:\t0000000000000000\n"));
 }
 
-TEST_F(SysExecTest, InterruptionsDoNotDisturbIt) {
+TEST_F(SysExecTest, InterruptionsAreHarmless) {
   struct sigaction action {};
   struct sigaction previous {};
   action.sa_handler = [](int) {};
@@ -246,7 +246,7 @@ int withoutStandardStreams(Body body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST_F(SysExecTest, WorksWhereTheCallerHasNoStandardStreams) {
+TEST_F(SysExecTest, WorksWithoutStandardStreamsOfCaller) {
   const std::string script = writeScript(folder_, "script", "cat; echo err >&2; exit 4");
   EXPECT_EQ(0, withoutStandardStreams([&] {
               if (Run(script, {}, "in") != 4) return 1;
@@ -255,14 +255,14 @@ TEST_F(SysExecTest, WorksWhereTheCallerHasNoStandardStreams) {
             }));
 }
 
-TEST(PipeTest, NeverTakesTheNumbersOfTheStandardStreams) {
+TEST(PipeTest, AvoidsNumbersOfStandardStreams) {
   EXPECT_EQ(0, withoutStandardStreams([] {
               Pipe pipe;
               return pipe.Open() && pipe.read.Get() > 2 && pipe.write.Get() > 2 ? 0 : 1;
             }));
 }
 
-TEST(SysExecSimple, ReturnsTheExitStatus) {
+TEST(SysExecSimple, ReturnsExitStatus) {
   EXPECT_EQ(0, sysExecSimple("/bin/true"));
   EXPECT_EQ(1, sysExecSimple("/bin/false"));
   EXPECT_EQ(5, sysExecSimple("/bin/sh", "-c", "exit 5"));
@@ -271,7 +271,7 @@ TEST(SysExecSimple, ReturnsTheExitStatus) {
   EXPECT_EQ(ENOENT, errno);
 }
 
-TEST(SysExecSimple, StandardStreamsAreTheNullDevice) {
+TEST(SysExecSimple, StandardStreamsAreNullDevice) {
   const TemporaryFolder folder;
   const std::string script =
       writeScript(folder, "script", "for fd in 0 1 2; do readlink /proc/$$/fd/$fd; done > \"$1\"");

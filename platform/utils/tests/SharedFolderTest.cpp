@@ -69,18 +69,18 @@ TEST_F(SharedFolderTest, LinksAreNotRead) {
   expectRefused(folder_ / "second", ELOOP, "it is a symbolic link");
 }
 
-TEST_F(SharedFolderTest, FilesWithASecondNameAreNotRead) {
+TEST_F(SharedFolderTest, HardLinkedFilesAreNotRead) {
   std::filesystem::create_hard_link(path_, folder_ / "second");
   expectRefused(folder_ / "second", EPERM, "it has a second name");
   expectRefused(path_, EPERM, "it has a second name");
 }
 
-TEST_F(SharedFolderTest, PipesAreNotReadAndHoldNobodyUp) {
+TEST_F(SharedFolderTest, PipesAreNotReadAndDoNotBlock) {
   ASSERT_EQ(mkfifo((folder_ / "pipe").c_str(), 0666), 0);
   expectRefused(folder_ / "pipe", EINVAL, "it is no regular file");
 }
 
-TEST_F(SharedFolderTest, SomebodyElsesFilesAreNotRead) {
+TEST_F(SharedFolderTest, ForeignFilesAreNotRead) {
   if (!giveTo(65534)) {
     GTEST_SKIP() << "only root can give a file away";
   }
@@ -91,7 +91,7 @@ TEST_F(SharedFolderTest, SomebodyElsesFilesAreNotRead) {
   EXPECT_TRUE(opens(path_)) << "where only the owner may make files";
 }
 
-TEST_F(SharedFolderTest, FilesOfATrustedUserAreReadButNotWritten) {
+TEST_F(SharedFolderTest, FilesOfTrustedUserAreOnlyRead) {
   if (!giveTo(65534)) {
     GTEST_SKIP() << "only root can give a file away";
   }
@@ -107,7 +107,7 @@ TEST_F(SharedFolderTest, FilesOfATrustedUserAreReadButNotWritten) {
   EXPECT_FALSE(opens(path_));
 }
 
-TEST_F(SharedFolderTest, AnUnknownUserIsToldAndNobodyTrusted) {
+TEST_F(SharedFolderTest, UnknownUserIsReportedAndNobodyTrusted) {
   for (const std::string user : {"nosuchuser", "", "-1", "0x10", "4294967296", "no:body"}) {
     records_->clear();
     EXPECT_FALSE(trustFilesOf(user));

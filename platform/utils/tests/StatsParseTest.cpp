@@ -36,14 +36,14 @@ TEST(ParseLoadAverage, ReadsThreeNumbers) {
   EXPECT_EQ(EIO, parseLoadAverage("0.52 12.00", load));
 }
 
-TEST(ParseUptime, CutsTheFraction) {
+TEST(ParseUptime, CutsFraction) {
   UptimeStats stats{};
   EXPECT_EQ(0, parseUptime("350735.97 234388.90\n", stats));
   EXPECT_EQ(350735U, stats.sec);
   EXPECT_EQ(EIO, parseUptime("soon\n", stats));
 }
 
-TEST(ParseCpuInfo, ReadsThePersonalComputersKeys) {
+TEST(ParseCpuInfo, ReadsKeysOfX86) {
   const CpuInfo info = parseCpuInfo(
       "processor\t: 0\nvendor_id\t: X\nmodel name\t: Quick 3000\nflags\t\t: fpu sse\n\n"
       "processor\t: 1\nmodel name\t: Other\nflags\t\t: none\n",
@@ -52,7 +52,7 @@ TEST(ParseCpuInfo, ReadsThePersonalComputersKeys) {
   EXPECT_EQ("fpu sse", info.features);
 }
 
-TEST(ParseCpuInfo, ReadsTheArmKeys) {
+TEST(ParseCpuInfo, ReadsArmKeys) {
   const CpuInfo old = parseCpuInfo(
       "Processor\t: ARMv7 rev 5 (v7l)\nprocessor\t: 0\nFeatures\t: neon vfpv4\n\n"
       "Hardware\t: Board\n",
@@ -62,7 +62,7 @@ TEST(ParseCpuInfo, ReadsTheArmKeys) {
   EXPECT_EQ("Board", parseCpuInfo("processor\t: 0\nHardware\t: Board\n", "").processor);
 }
 
-TEST(ParseCpuInfo, LeavesAMissingModelEmpty) {
+TEST(ParseCpuInfo, LeavesMissingModelEmpty) {
   const CpuInfo info =
       parseCpuInfo("processor\t: 0\nFeatures\t: fp asimd\nCPU part\t: 0xd03\n", "");
   EXPECT_EQ("", info.processor);
@@ -79,7 +79,7 @@ constexpr char kArm64[] =
     "CPU implementer\t: 0x41\nCPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd03\n"
     "CPU revision\t: 4\n\n";
 
-TEST(ParseCpuInfo, NamesTheBoardWhereTheProcessorHasNoName) {
+TEST(ParseCpuInfo, NamesBoardIfProcessorHasNoName) {
   using namespace std::string_literals;
   const CpuInfo info = parseCpuInfo(kArm64, "Camera Board Rev 1.2\0"s);
   EXPECT_EQ("Camera Board Rev 1.2", info.processor);
@@ -87,7 +87,7 @@ TEST(ParseCpuInfo, NamesTheBoardWhereTheProcessorHasNoName) {
   EXPECT_EQ("Quick 3000", parseCpuInfo("model name\t: Quick 3000\n", "Board\0"s).processor);
 }
 
-TEST(ParseCpuInfo, NamesImplementerAndPartWithoutABoard) {
+TEST(ParseCpuInfo, NamesImplementerAndPartWithoutBoard) {
   EXPECT_EQ("0x41/0xd03", parseCpuInfo(kArm64, "").processor);
   EXPECT_EQ("0x41/0xd03", parseCpuInfo(kArm64, std::string(1, '\0')).processor);
 }
@@ -112,20 +112,20 @@ TEST_F(CpuMeterTest, MeasuresBusyTimeBetweenReadings) {
                                                         "cpu1 30 30 30 50 50 5 4 1 0 0\n"));
 }
 
-TEST_F(CpuMeterTest, KeepsTheFigureWithinOneTick) {
+TEST_F(CpuMeterTest, KeepsFigureWithinOneTick) {
   const std::string text = "cpu0 30 0 0 70 0 0 0 0\n";
   EXPECT_EQ((std::vector<std::uint32_t>{30}), Update(text));
   EXPECT_EQ((std::vector<std::uint32_t>{30}), Update(text));
 }
 
-TEST_F(CpuMeterTest, SurvivesCountersThatGoBack) {
+TEST_F(CpuMeterTest, SurvivesDecreasingCounters) {
   Update("cpu0 30 0 0 70 50 0 0 0\n");
   EXPECT_EQ((std::vector<std::uint32_t>{0}), Update("cpu0 20 0 0 170 50 0 0 0\n"));
   EXPECT_EQ((std::vector<std::uint32_t>{0}), Update("cpu0 1 0 0 9 0 0 0 0\n"));
   EXPECT_EQ((std::vector<std::uint32_t>{50}), Update("cpu0 6 0 0 14 0 0 0 0\n"));
 }
 
-TEST_F(CpuMeterTest, FollowsAProcessorThroughTheAbsenceOfAnother) {
+TEST_F(CpuMeterTest, FollowsProcessorWhenAnotherDisappears) {
   Update("cpu0 0 0 0 100 0 0 0 0\ncpu1 0 0 0 100 0 0 0 0\ncpu2 100 0 0 0 0 0 0 0\n");
   EXPECT_EQ((std::vector<std::uint32_t>{0, 0, 50}),
             Update("cpu0 0 0 0 200 0 0 0 0\ncpu2 150 0 0 50 0 0 0 0\n"));
@@ -137,7 +137,7 @@ TEST_F(CpuMeterTest, KeepsEachFigureAtItsNumber) {
   EXPECT_EQ((std::vector<std::uint32_t>{}), Update("cpu255 1 0 0 1 0 0 0 0\n"));
 }
 
-TEST_F(CpuMeterTest, AcceptsTheFourColumnsOfOldKernels) {
+TEST_F(CpuMeterTest, AcceptsFourColumnsOfOldKernels) {
   EXPECT_EQ((std::vector<std::uint32_t>{40}), Update("cpu0 40 0 0 60\n"));
 }
 
@@ -147,7 +147,7 @@ TEST_F(CpuMeterTest, ReportsAtMost255) {
   EXPECT_EQ(CpuStats::kMax, Update(text).size());
 }
 
-TEST_F(CpuMeterTest, FailsOnATextThatIsNoProcStat) {
+TEST_F(CpuMeterTest, FailsOnOtherText) {
   EXPECT_TRUE(Update("").empty());
   EXPECT_TRUE(Update("cpu0 1 2\n").empty());
   EXPECT_TRUE(Update("cpu0 1 2 3 x\n").empty());
@@ -180,14 +180,14 @@ TEST_F(NetworkMeterTest, SkipsLoopbackAndReadsBothCounters) {
   EXPECT_EQ("wlan0", stats.interfaces[1].name);
 }
 
-TEST_F(NetworkMeterTest, RatesAreBytesPerSecondSinceTheLastReading) {
+TEST_F(NetworkMeterTest, RatesAreBytesPerSecondSinceLastReading) {
   EXPECT_EQ(0U, Update(Line("eth0", 1000, 500), 1000).interfaces[0].dnBps);
   const NetworkStats stats = Update(Line("eth0", 4000, 1500), 3000);
   EXPECT_EQ(1500U, stats.interfaces[0].dnBps);
   EXPECT_EQ(500U, stats.interfaces[0].upBps);
 }
 
-TEST_F(NetworkMeterTest, RatesStayWithinOneMillisecondAndNoByteIsLost) {
+TEST_F(NetworkMeterTest, RatesWithinOneMillisecondLoseNoByte) {
   Update(Line("eth0", 0, 0), 1000);
   Update(Line("eth0", 1000, 2000), 2000);
   const NetworkStats again = Update(Line("eth0", 1500, 2000), 2000);
@@ -197,7 +197,7 @@ TEST_F(NetworkMeterTest, RatesStayWithinOneMillisecondAndNoByteIsLost) {
   EXPECT_EQ(1000U, Update(Line("eth0", 2000, 2000), 3000).interfaces[0].dnBps);
 }
 
-TEST_F(NetworkMeterTest, ACounterThatGoesBackGivesRateZero) {
+TEST_F(NetworkMeterTest, DecreasingCounterGivesRateZero) {
   Update(Line("eth0", 5000, 5000), 1000);
   const NetworkStats stats = Update(Line("eth0", 100, 6000), 2000);
   EXPECT_EQ(0U, stats.interfaces[0].dnBps);
@@ -222,14 +222,14 @@ TEST_F(NetworkMeterTest, ReportsAtMost64Interfaces) {
   EXPECT_EQ(NetworkStats::kMax, Update(lines, 1000).count);
 }
 
-TEST_F(NetworkMeterTest, FailsOnATextThatIsNoProcNetDev) {
+TEST_F(NetworkMeterTest, FailsOnOtherText) {
   NetworkStats stats{};
   EXPECT_EQ(EIO, meter_.Update("a\nb\nno colon\n", 1, stats));
   EXPECT_EQ(EIO, meter_.Update("a\nb\neth0: 1 2 3\n", 1, stats));
   EXPECT_EQ(EIO, meter_.Update("a\nb\neth0: x 2 3 4 5 6 7 8 9\n", 1, stats));
 }
 
-TEST_F(NetworkMeterTest, NoInterfaceIsNoFailure) {
+TEST_F(NetworkMeterTest, SucceedsWithoutInterfaces) {
   EXPECT_EQ(0, Update("", 1000).count);
 }
 
@@ -255,7 +255,7 @@ TEST_F(BatteryTest, IsFoundAmongOtherSupplies) {
   EXPECT_TRUE(info_.isCharging);
 }
 
-TEST_F(BatteryTest, ChargesOnlyWhenItSaysSo) {
+TEST_F(BatteryTest, ChargesOnlyIfStatusSaysSo) {
   for (const char* status : {"Full", "Discharging", "Not charging", "Unknown", ""}) {
     Supply("BAT0", "Battery", "100", status);
     ASSERT_TRUE(readBattery(folder_.path(), info_));
@@ -263,7 +263,7 @@ TEST_F(BatteryTest, ChargesOnlyWhenItSaysSo) {
   }
 }
 
-TEST_F(BatteryTest, IsTheFirstByName) {
+TEST_F(BatteryTest, FirstByNameIsReported) {
   Supply("b", "Battery", "20", "");
   Supply("a", "Battery", "10", "");
   Supply("c", "Battery", "30", "");
@@ -271,7 +271,7 @@ TEST_F(BatteryTest, IsTheFirstByName) {
   EXPECT_EQ(10U, info_.percentage);
 }
 
-TEST_F(BatteryTest, NeverExceedsAHundredPercent) {
+TEST_F(BatteryTest, NeverExceedsHundredPercent) {
   Supply("BAT0", "Battery", "104", "");
   ASSERT_TRUE(readBattery(folder_.path(), info_));
   EXPECT_EQ(100U, info_.percentage);

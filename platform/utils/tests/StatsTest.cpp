@@ -35,7 +35,7 @@ class StatsTest : public testing::Test {
   std::unique_ptr<StatsLib, Close> lib_;
 };
 
-TEST_F(StatsTest, CloseLeavesNoHandleAndNoDescriptor) {
+TEST_F(StatsTest, CloseReleasesHandlesAndDescriptors) {
   const auto countDescriptors = [] {
     const std::filesystem::directory_iterator folder("/proc/self/fd");
     return std::distance(begin(folder), end(folder));
@@ -50,7 +50,7 @@ TEST_F(StatsTest, CloseLeavesNoHandleAndNoDescriptor) {
   EXPECT_EQ(before, countDescriptors());
 }
 
-TEST_F(StatsTest, MemoryAgreesWithTheKernel) {
+TEST_F(StatsTest, MemoryAgreesWithKernel) {
   struct sysinfo info {};
   ASSERT_EQ(0, sysinfo(&info));
   MemoryStats stats{};
@@ -60,7 +60,7 @@ TEST_F(StatsTest, MemoryAgreesWithTheKernel) {
   EXPECT_LE(stats.freeKb, stats.totalKb);
 }
 
-TEST_F(StatsTest, CpuReportsEveryProcessorWithinAHundredPercent) {
+TEST_F(StatsTest, CpuReportsEveryProcessorWithinHundredPercent) {
   CpuStats stats{};
   ASSERT_EQ(0, GetCpuStats(lib_.get(), &stats));
   // More than are online if one of the first is offline.
@@ -69,7 +69,7 @@ TEST_F(StatsTest, CpuReportsEveryProcessorWithinAHundredPercent) {
   for (int i = 0; i < stats.count; ++i) EXPECT_LE(stats.percent[i], 100U);
 }
 
-TEST_F(StatsTest, CpuInfoIsTheSameEachTime) {
+TEST_F(StatsTest, CpuInfoIsConstant) {
   CpuInfo first;
   CpuInfo second;
   ASSERT_EQ(0, GetCpuInfo(&first));
@@ -79,7 +79,7 @@ TEST_F(StatsTest, CpuInfoIsTheSameEachTime) {
   EXPECT_FALSE(first.features.empty());
 }
 
-TEST_F(StatsTest, LoadAverageAgreesWithTheKernel) {
+TEST_F(StatsTest, LoadAverageAgreesWithKernel) {
   double expected[3] = {};
   ASSERT_EQ(3, getloadavg(expected, 3));
   LoadAverage load{};
@@ -89,7 +89,7 @@ TEST_F(StatsTest, LoadAverageAgreesWithTheKernel) {
   EXPECT_NEAR(expected[2], load.min15, 0.5);
 }
 
-TEST_F(StatsTest, UptimeAgreesWithTheKernel) {
+TEST_F(StatsTest, UptimeAgreesWithKernel) {
   struct sysinfo info {};
   UptimeStats stats{};
   ASSERT_EQ(0, GetUptimeStats(&stats));
@@ -97,7 +97,7 @@ TEST_F(StatsTest, UptimeAgreesWithTheKernel) {
   EXPECT_NEAR(static_cast<double>(info.uptime), static_cast<double>(stats.sec), 2.0);
 }
 
-TEST_F(StatsTest, NetworkReportsEveryInterfaceButLoopback) {
+TEST_F(StatsTest, NetworkReportsEveryInterfaceExceptLoopback) {
   std::set<std::string> expected;
   const std::unique_ptr<struct if_nameindex[], FreeNames> names(if_nameindex());
   ASSERT_NE(nullptr, names);
@@ -115,7 +115,7 @@ TEST_F(StatsTest, NetworkReportsEveryInterfaceButLoopback) {
   EXPECT_EQ(expected, reported);
 }
 
-TEST_F(StatsTest, WiFiSucceedsAlsoWithoutAnyAndZeroesWhatItDoesNotReport) {
+TEST_F(StatsTest, WiFiSucceedsWithoutInterfacesAndZeroesRest) {
   WiFiStats stats;
   std::memset(static_cast<void*>(&stats), 0x5a, sizeof stats);
   ASSERT_EQ(0, GetWiFiStats(&stats));

@@ -24,7 +24,7 @@ TEST(TrimTest, StripsWhiteSpaceAtBothEndsOnly) {
   EXPECT_EQ(text, "a b");
 }
 
-TEST(TrimTest, LeavesNothingOfWhiteSpaceAlone) {
+TEST(TrimTest, WhiteSpaceAloneBecomesEmpty) {
   std::string blank = " \t\n\v\f\r";
   trim(blank);
   EXPECT_EQ(blank, "");
@@ -39,14 +39,14 @@ TEST(TrimTest, KeepsNulsAndBytesAboveAscii) {
   EXPECT_EQ(text, before);
 }
 
-TEST(StartsWithTest, EveryTextBeginsWithNothingAndWithItself) {
+TEST(StartsWithTest, TextStartsWithEmptyTextAndItself) {
   EXPECT_TRUE(startsWith("", ""));
   EXPECT_TRUE(startsWith("abc", ""));
   EXPECT_TRUE(startsWith("abc", "ab"));
   EXPECT_TRUE(startsWith("abc", "abc"));
 }
 
-TEST(StartsWithTest, ALongerOrOtherPrefixIsNone) {
+TEST(StartsWithTest, LongerOrOtherPrefixDoesNotMatch) {
   EXPECT_FALSE(startsWith("abc", "abcd"));
   EXPECT_FALSE(startsWith("abc", "b"));
   EXPECT_FALSE(startsWith("", "a"));

@@ -20,14 +20,14 @@ std::string zoneFile(const std::string& rule) {
   return kHeader + "\n" + rule + "\n";
 }
 
-TEST(PosixRule, IsTheLastLine) {
+TEST(PosixRule, IsLastLine) {
   EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3", posixRule(zoneFile("CET-1CEST,M3.5.0,M10.5.0/3")));
   EXPECT_EQ("<+03>-3", posixRule(zoneFile("<+03>-3")));
   EXPECT_EQ("!~", posixRule(zoneFile("!~"))) << "every graphic character";
   EXPECT_EQ("", posixRule(zoneFile("GMT0\x7f")));
 }
 
-TEST(PosixRule, IsEmptyForWhatIsNoZoneOrHasNoRule) {
+TEST(PosixRule, IsEmptyWithoutZoneOrRule) {
   EXPECT_EQ("", posixRule(""));
   EXPECT_EQ("", posixRule("TZif"));
   EXPECT_EQ("", posixRule("TZif2"));
@@ -77,12 +77,12 @@ class WriteTimeZoneTest : public testing::Test {
   ZoneFolders folders_{root_ / "zoneinfo", root_ / "etc"};
 };
 
-TEST_F(WriteTimeZoneTest, WritesTheLinkAndTheRule) {
+TEST_F(WriteTimeZoneTest, WritesLinkAndRule) {
   ASSERT_TRUE(Write("Europe/Paris"));
   ExpectParis();
 }
 
-TEST_F(WriteTimeZoneTest, ReplacesAnEarlierZone) {
+TEST_F(WriteTimeZoneTest, ReplacesEarlierZone) {
   ASSERT_TRUE(Write("UTC"));
   ASSERT_TRUE(Write("Europe/Paris"));
   ExpectParis();
@@ -90,13 +90,13 @@ TEST_F(WriteTimeZoneTest, ReplacesAnEarlierZone) {
   ExpectParis();
 }
 
-TEST_F(WriteTimeZoneTest, ReplacesACopiedZoneFile) {
+TEST_F(WriteTimeZoneTest, ReplacesCopiedZoneFile) {
   writeText(folders_.etc + "/localtime", "a copy");
   ASSERT_TRUE(Write("Europe/Paris"));
   ExpectParis();
 }
 
-TEST_F(WriteTimeZoneTest, RefusesWhatIsNoZoneNameAndChangesNothing) {
+TEST_F(WriteTimeZoneTest, InvalidZoneNameChangesNothing) {
   ASSERT_TRUE(Write("Europe/Paris"));
   writeText(root_ / "outside", zoneFile("UTC0"));
   for (const std::string& zone :
@@ -109,7 +109,7 @@ TEST_F(WriteTimeZoneTest, RefusesWhatIsNoZoneNameAndChangesNothing) {
   ExpectParis();
 }
 
-TEST_F(WriteTimeZoneTest, RefusesAFileThatIsNoZone) {
+TEST_F(WriteTimeZoneTest, RefusesFileThatIsNotZone) {
   ASSERT_TRUE(Write("Europe/Paris"));
   writeText(folders_.zoneinfo + "/README", "text\nGMT0\n");
   writeText(folders_.zoneinfo + "/leap", zoneFile(""));
@@ -120,7 +120,7 @@ TEST_F(WriteTimeZoneTest, RefusesAFileThatIsNoZone) {
   ExpectParis();
 }
 
-TEST_F(WriteTimeZoneTest, FollowsLinksInsideTheFolderOnly) {
+TEST_F(WriteTimeZoneTest, FollowsLinksOnlyInsideFolder) {
   writeText(root_ / "outside", zoneFile("UTC0"));
   std::filesystem::create_symlink("Europe/Paris", folders_.zoneinfo + "/France");
   std::filesystem::create_symlink("../outside", folders_.zoneinfo + "/Out");
@@ -133,14 +133,14 @@ TEST_F(WriteTimeZoneTest, FollowsLinksInsideTheFolderOnly) {
   EXPECT_EQ(folders_.zoneinfo + "/France", Localtime());
 }
 
-TEST_F(WriteTimeZoneTest, RefusesTheLinkThatFollowsTheSystemsOwnZone) {
+TEST_F(WriteTimeZoneTest, RefusesLinkToSystemZone) {
   std::filesystem::create_symlink(folders_.etc + "/localtime", folders_.zoneinfo + "/localtime");
   ASSERT_TRUE(Write("Europe/Paris"));
   EXPECT_FALSE(Write("localtime"));
   ExpectParis();
 }
 
-TEST_F(WriteTimeZoneTest, KnowsGmtAndUtcWithoutAnyZoneFile) {
+TEST_F(WriteTimeZoneTest, KnowsGmtAndUtcWithoutZoneFiles) {
   std::filesystem::remove_all(folders_.zoneinfo);
   ASSERT_TRUE(Write("GMT"));
   EXPECT_EQ("GMT0\n", Tz());
@@ -150,7 +150,7 @@ TEST_F(WriteTimeZoneTest, KnowsGmtAndUtcWithoutAnyZoneFile) {
   EXPECT_FALSE(Write("Europe/Paris"));
 }
 
-TEST_F(WriteTimeZoneTest, LeavesTheLinkWhenTheRuleCannotBeStored) {
+TEST_F(WriteTimeZoneTest, LeavesLinkIfRuleCannotBeStored) {
   ASSERT_TRUE(Write("Europe/Paris"));
   std::filesystem::remove(folders_.etc + "/TZ");
   std::filesystem::create_directory(folders_.etc + "/TZ");
@@ -159,7 +159,7 @@ TEST_F(WriteTimeZoneTest, LeavesTheLinkWhenTheRuleCannotBeStored) {
   EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
 }
 
-TEST_F(WriteTimeZoneTest, LeavesTheRuleWhenTheLinkCannotBeSet) {
+TEST_F(WriteTimeZoneTest, LeavesRuleIfLinkCannotBeSet) {
   ASSERT_TRUE(Write("Europe/Paris"));
   std::filesystem::remove(folders_.etc + "/localtime");
   std::filesystem::create_directory(folders_.etc + "/localtime");
@@ -168,7 +168,7 @@ TEST_F(WriteTimeZoneTest, LeavesTheRuleWhenTheLinkCannotBeSet) {
   EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
 }
 
-TEST_F(WriteTimeZoneTest, FailsWithoutTheFolderToWriteTo) {
+TEST_F(WriteTimeZoneTest, FailsWithoutTargetFolder) {
   std::filesystem::remove_all(folders_.etc);
   EXPECT_FALSE(Write("UTC"));
 }

@@ -65,13 +65,13 @@ TEST_F(WavTest, ReportsChannelsRateAndDataSize) {
   EXPECT_EQ(dataSize_, 1000U);
 }
 
-TEST_F(WavTest, ChunksMayComeInAnyOrderAndOthersBetweenThem) {
+TEST_F(WavTest, ChunksMayComeInAnyOrder) {
   EXPECT_TRUE(read(riff(kData + chunk("LIST", "odd") + kFormat)));
   EXPECT_EQ(sampleRate_, 11025U);
   EXPECT_TRUE(read(riff(chunk("junk", "") + kFormat + chunk("fact", "1234") + kData)));
 }
 
-TEST_F(WavTest, OddChunksArePaddedAndTheLastPadByteMayBeMissing) {
+TEST_F(WavTest, OddChunksArePaddedExceptLast) {
   const std::string odd = riff(kFormat + chunk("data", "123"));
   EXPECT_TRUE(read(odd));
   EXPECT_EQ(dataSize_, 3U);
@@ -79,7 +79,7 @@ TEST_F(WavTest, OddChunksArePaddedAndTheLastPadByteMayBeMissing) {
   EXPECT_TRUE(read(riff(chunk("data", "123") + kFormat)));
 }
 
-TEST_F(WavTest, BytesAfterTheRiffChunkAreIgnored) {
+TEST_F(WavTest, BytesAfterRiffChunkAreIgnored) {
   EXPECT_TRUE(read(riff(kFormat + kData) + "tail"));
 }
 
@@ -101,7 +101,7 @@ TEST_F(WavTest, OtherSampleFormatsAreRefused) {
   EXPECT_FALSE(read(riff(chunk("fmt ", format(1, 1, 11025).substr(0, 15)) + kData)));
 }
 
-TEST_F(WavTest, AFailureLeavesTheOutputsAlone) {
+TEST_F(WavTest, FailureLeavesOutputsAlone) {
   EXPECT_FALSE(read(riff(chunk("fmt ", format(1, 2, 44100)))));
   EXPECT_FALSE(read("no sound at all"));
   EXPECT_FALSE(read(""));
@@ -120,14 +120,14 @@ TEST_F(WavTest, EveryTruncationIsRefused) {
   }
 }
 
-TEST_F(WavTest, ChunksThatReachBeyondTheFileAreRefused) {
+TEST_F(WavTest, ChunksBeyondEndOfFileAreRefused) {
   EXPECT_FALSE(read(riff(kFormat + "data" + le(4, 4) + "123")));
   EXPECT_FALSE(read(riff(kFormat + "data" + le(0xffffffff, 4) + "123")));
   EXPECT_FALSE(read(riff("data" + le(0xfffffff8, 4) + kFormat)));
   EXPECT_FALSE(read(riff(kFormat + kData + "junk")));
 }
 
-TEST_F(WavTest, ASecondFormatOrDataChunkIsRefused) {
+TEST_F(WavTest, SecondFormatOrDataChunkIsRefused) {
   EXPECT_FALSE(read(riff(kFormat + kData + kData)));
   EXPECT_FALSE(read(riff(kFormat + kFormat + kData)));
 }
@@ -139,7 +139,7 @@ TEST_F(WavTest, OtherContainersAreRefused) {
   EXPECT_FALSE(read("RIFF" + le(3, 4) + whole.substr(8)));
 }
 
-TEST_F(WavTest, AHostileFileCostsABoundedNumberOfReads) {
+TEST_F(WavTest, HostileFileCostsBoundedReads) {
   std::string chunks;
   for (int i = 0; i < 100000; ++i) {
     chunks += chunk("junk", "");
@@ -155,7 +155,7 @@ TEST_F(WavTest, AHostileFileCostsABoundedNumberOfReads) {
   EXPECT_LE(reads, 1026);
 }
 
-TEST_F(WavTest, AReadErrorIsAFailure) {
+TEST_F(WavTest, ReadErrorFails) {
   const auto readAt = [](std::uint64_t, unsigned char*, std::uint64_t) { return false; };
   EXPECT_FALSE(internal::parseWavHeader(readAt, 1000));
 }

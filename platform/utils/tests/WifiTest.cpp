@@ -44,20 +44,20 @@ TEST(DecodeInterface, ReadsIndexNameAndKind) {
   EXPECT_TRUE(interface.isClient);
 }
 
-TEST(DecodeInterface, AnAccessPointIsNoClient) {
+TEST(DecodeInterface, AccessPointIsNotClient) {
   const NlMessage message = interfaceAnswer(4, "ap0", NL80211_IFTYPE_AP);
   WirelessInterface interface;
   ASSERT_TRUE(decodeInterface(nlmsg_hdr(message.get()), interface));
   EXPECT_FALSE(interface.isClient);
 }
 
-TEST(DecodeInterface, SkipsADeviceWithoutAName) {
+TEST(DecodeInterface, SkipsDeviceWithoutName) {
   const NlMessage message = interfaceAnswer(0, nullptr, NL80211_IFTYPE_P2P_DEVICE);
   WirelessInterface interface;
   EXPECT_FALSE(decodeInterface(nlmsg_hdr(message.get()), interface));
 }
 
-TEST(DecodeSignal, ReadsASignedLevel) {
+TEST(DecodeSignal, ReadsSignedLevel) {
   const NlMessage message = answer(NL80211_CMD_NEW_STATION);
   nlattr* info = nla_nest_start(message.get(), NL80211_ATTR_STA_INFO);
   nla_put_u8(message.get(), NL80211_STA_INFO_SIGNAL, static_cast<std::uint8_t>(-57));
@@ -67,7 +67,7 @@ TEST(DecodeSignal, ReadsASignedLevel) {
   EXPECT_EQ(-57, dBm);
 }
 
-TEST(DecodeSignal, LeavesTheLevelWhenThereIsNone) {
+TEST(DecodeSignal, LeavesLevelIfAbsent) {
   std::int32_t dBm = -100;
   const NlMessage empty = answer(NL80211_CMD_NEW_STATION);
   EXPECT_FALSE(decodeSignal(nlmsg_hdr(empty.get()), dBm));
@@ -79,7 +79,7 @@ TEST(DecodeSignal, LeavesTheLevelWhenThereIsNone) {
   EXPECT_EQ(-100, dBm);
 }
 
-TEST(AddWiFiInterface, FillsAtMostEightAndLeavesTheSlotAfterThemZeroed) {
+TEST(AddWiFiInterface, FillsAtMostEightAndLeavesNextSlotZero) {
   WiFiStats stats{};
   for (int i = 0; i < 12; ++i) addWiFiInterface("wlan" + std::to_string(i), -60, stats);
   EXPECT_EQ(8, stats.count);
@@ -88,13 +88,13 @@ TEST(AddWiFiInterface, FillsAtMostEightAndLeavesTheSlotAfterThemZeroed) {
   EXPECT_EQ(0, std::memcmp(&zeroed, &stats.interfaces[8], sizeof zeroed));
 }
 
-TEST(AddWiFiInterface, CutsANameThatIsTooLong) {
+TEST(AddWiFiInterface, CutsTooLongName) {
   WiFiStats stats{};
   addWiFiInterface(std::string(100, 'w'), -60, stats);
   EXPECT_EQ(std::string(31, 'w'), stats.interfaces[0].name);
 }
 
-TEST(AddWiFiInterface, DerivesTheLinkQualityFromTheLevel) {
+TEST(AddWiFiInterface, DerivesLinkQualityFromLevel) {
   WiFiStats stats{};
   addWiFiInterface("a", -60, stats);
   addWiFiInterface("b", -20, stats);
@@ -104,7 +104,7 @@ TEST(AddWiFiInterface, DerivesTheLinkQualityFromTheLevel) {
   EXPECT_EQ(0, stats.interfaces[2].linkQuality);
 }
 
-TEST(ParseWireless, ReadsTheLevelWithAndWithoutItsDot) {
+TEST(ParseWireless, ReadsLevelWithAndWithoutDot) {
   WiFiStats stats{};
   parseWireless(
       "Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n"
@@ -126,7 +126,7 @@ class NetlinkTest : public testing::Test {
   Netlink netlink_;
 };
 
-TEST_F(NetlinkTest, FindsAFamilyThatEveryKernelHas) {
+TEST_F(NetlinkTest, FindsFamilyOfEveryKernel) {
   EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
 }
 
@@ -137,7 +137,7 @@ TEST_F(NetlinkTest, ListsAllFamilies) {
   EXPECT_GT(families, 0);
 }
 
-TEST_F(NetlinkTest, ARefusalDoesNotSpoilTheNextQuestion) {
+TEST_F(NetlinkTest, RefusalDoesNotSpoilNextQuery) {
   EXPECT_EQ(-1, netlink_.Family("no_such_family"));
   EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
   const NlMessage unknown = Netlink::Dump(1000, 1);
@@ -189,7 +189,7 @@ class NetlinkPeerTest : public NetlinkTest {
   std::atomic<bool> isOver_ = false;
 };
 
-TEST_F(NetlinkPeerTest, GivesUpAtTheDeadlineWhenNoAnswerComes) {
+TEST_F(NetlinkPeerTest, TimesOutWithoutAnswer) {
   const std::uint64_t before = nowMs();
   netlink_.SetDeadline(before + 50);
   EXPECT_FALSE(netlink_.Ask(request_.get(), [](nlmsghdr*) {}));
@@ -198,7 +198,7 @@ TEST_F(NetlinkPeerTest, GivesUpAtTheDeadlineWhenNoAnswerComes) {
   ExpectNextQuestionAnswered();
 }
 
-TEST_F(NetlinkPeerTest, GivesUpAtTheDeadlineWhenAnswersNeverEnd) {
+TEST_F(NetlinkPeerTest, TimesOutIfAnswersNeverEnd) {
   std::thread peer([this] { AnswerOn(); });
   int answers = 0;
   const std::uint64_t before = nowMs();

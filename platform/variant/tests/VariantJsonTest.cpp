@@ -24,7 +24,7 @@ TEST(VariantJson, ParsesEveryKindOfValue) {
             Variant(Variant::Map{{"a", Variant::Map{{"b", Variant::Array{false}}}}}));
 }
 
-TEST(VariantJson, AnIntegerTakesTheFirstWidthThatHoldsIt) {
+TEST(VariantJson, IntegerTakesSmallestSufficientWidth) {
   EXPECT_EQ(parsed("2147483647"), Variant(std::numeric_limits<std::int32_t>::max()));
   EXPECT_EQ(parsed("2147483648"), Variant(std::int64_t{2147483648}));
   EXPECT_EQ(parsed("-2147483648"), Variant(std::numeric_limits<std::int32_t>::min()));
@@ -36,11 +36,11 @@ TEST(VariantJson, AnIntegerTakesTheFirstWidthThatHoldsIt) {
   EXPECT_EQ(parsed("1e2"), Variant(100.0));
 }
 
-TEST(VariantJson, OfEqualKeysTheLastCounts) {
+TEST(VariantJson, LastOfEqualKeysCounts) {
   EXPECT_EQ(parsed(R"({"a":1,"a":2})"), Variant(Variant::Map{{"a", 2}}));
 }
 
-TEST(VariantJson, WhatIsNotJsonIsRefusedAndLeavesTheResultAlone) {
+TEST(VariantJson, InvalidJsonIsRefusedAndResultKept) {
   for (const std::string_view text : {"",
                                       " ",
                                       "{",
@@ -123,7 +123,7 @@ TEST(VariantJson, WritesWhatItParsed) {
   EXPECT_EQ(parsed(text).ToJSON(), text);
 }
 
-TEST(VariantJson, WritesWhatJsonCannotHoldAsTheNearestThing) {
+TEST(VariantJson, WritesNearestValueForWhatJsonCannotHold) {
   EXPECT_EQ(Variant(std::nan("")).ToJSON(), "null");
   EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).ToJSON(), "null");
   EXPECT_EQ(Variant(std::string("a\xff")).ToJSON(), "\"a\xef\xbf\xbd\"");
@@ -131,13 +131,13 @@ TEST(VariantJson, WritesWhatJsonCannotHoldAsTheNearestThing) {
   EXPECT_EQ(Variant(timeval{0, 5}).ToJSON(), "\"1970-01-01T00:00:00.000005Z\"");
 }
 
-TEST(VariantJson, WritesTimesBeyondTheCalendarAsSeconds) {
+TEST(VariantJson, WritesTimesBeyondCalendarAsSeconds) {
   EXPECT_EQ(Variant(timeval{253402300799, 999'999}).ToJSON(), "\"9999-12-31T23:59:59.999999Z\"");
   EXPECT_EQ(Variant(timeval{std::numeric_limits<std::int64_t>::max(), 0}).ToJSON(),
             "\"9223372036854775807\"");
 }
 
-TEST(VariantJson, IndentsForPeople) {
+TEST(VariantJson, IndentsForReaders) {
   EXPECT_EQ(Variant(Variant::Map{{"a", 1}}).ToJSON(2), "{\n  \"a\": 1\n}");
 }
 

@@ -39,7 +39,7 @@ const std::vector<Sample>& samples() {
   return all;
 }
 
-TEST(Variant, EachTypeBelongsToItsOwnClassOnly) {
+TEST(Variant, EachTypeBelongsOnlyToItsClass) {
   for (const auto& sample : samples()) {
     EXPECT_EQ(sample.value.Type(), sample.type) << sample.name;
     for (const auto& mask : kClasses) {
@@ -49,12 +49,12 @@ TEST(Variant, EachTypeBelongsToItsOwnClassOnly) {
   }
 }
 
-TEST(Variant, ContainerCodesAreTheTwoFixedOnes) {
+TEST(Variant, ContainerCodesAreFixed) {
   EXPECT_EQ(static_cast<unsigned>(VariantType::Map), 0x1010U);
   EXPECT_EQ(static_cast<unsigned>(VariantType::Array), 0x1011U);
 }
 
-TEST(Variant, ReadingAsAnotherTypeGivesThatTypesZero) {
+TEST(Variant, ReadingAsOtherTypeGivesZeroOfThatType) {
   const Variant text("12");
   EXPECT_FALSE(text.ToBool());
   EXPECT_EQ(text.ToNumber<int>(), 0);
@@ -65,14 +65,14 @@ TEST(Variant, ReadingAsAnotherTypeGivesThatTypesZero) {
   EXPECT_EQ(text.Size(), 0U);
 }
 
-TEST(Variant, IntegersAreReducedToTheWidthRead) {
+TEST(Variant, IntegersAreReducedToWidthRead) {
   EXPECT_EQ(Variant(std::int64_t{-1}).ToNumber<std::uint32_t>(), 4294967295U);
   EXPECT_EQ(Variant(std::uint64_t{0x1'0000'0005}).ToNumber<std::int32_t>(), 5);
   EXPECT_EQ(Variant(std::numeric_limits<std::uint64_t>::max()).ToNumber<std::int64_t>(), -1);
   EXPECT_EQ(Variant(300).ToNumber<std::int8_t>(), 44);
 }
 
-TEST(Variant, DoublesAreCutTowardsZeroAndHeldToTheRange) {
+TEST(Variant, DoublesAreTruncatedAndClamped) {
   EXPECT_EQ(Variant(-1.9).ToNumber<std::int32_t>(), -1);
   EXPECT_EQ(Variant(1e300).ToNumber<std::int32_t>(), std::numeric_limits<std::int32_t>::max());
   EXPECT_EQ(Variant(-1e300).ToNumber<std::int64_t>(), std::numeric_limits<std::int64_t>::min());
@@ -85,7 +85,7 @@ TEST(Variant, DoublesAreCutTowardsZeroAndHeldToTheRange) {
   EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).ToNumber<std::uint8_t>(), 255);
 }
 
-TEST(Variant, AKeyThatIsMissingIsAddedEmptyOnWritingOnly) {
+TEST(Variant, MissingKeyIsAddedOnlyByWriting) {
   Variant map;
   EXPECT_EQ(map.Find("a"), nullptr);
   map["a"] = 1;
@@ -96,14 +96,14 @@ TEST(Variant, AKeyThatIsMissingIsAddedEmptyOnWritingOnly) {
   EXPECT_EQ(map.Size(), 2U);
 }
 
-TEST(Variant, AScalarThatIsIndexedBecomesAMap) {
+TEST(Variant, IndexedScalarBecomesMap) {
   Variant value("text");
   value["key"] = 1;
   EXPECT_EQ(value.Elements().at("key"), Variant(1));
   EXPECT_EQ(value.Size(), 1U);
 }
 
-TEST(Variant, AnArrayKeepsItsElementsWhenItBecomesAMapAndBack) {
+TEST(Variant, ArrayKeepsElementsWhenConverted) {
   Variant value(Variant::Array{"a", "b"});
   value["x"] = "c";
   EXPECT_EQ(value, Variant(Variant::Map{{"0", "a"}, {"1", "b"}, {"x", "c"}}));
@@ -120,7 +120,7 @@ TEST(Variant, ResetAndFreeLeaveItEmpty) {
   EXPECT_TRUE(value.IsEmpty());
 }
 
-TEST(Variant, GetKeyChainFollowsMapsAndChecksTheTypeAtTheEnd) {
+TEST(Variant, GetKeyChainFollowsMapsAndChecksType) {
   const Variant value(Variant::Map{{"a", Variant::Map{{"b", true}}}});
   const Variant* found = value.GetKeyChain(VariantClass::Boolean, {"a", "b"});
   ASSERT_NE(found, nullptr);
@@ -139,7 +139,7 @@ TEST(Variant, CopiesAreDeep) {
   EXPECT_FALSE(copy == original);
 }
 
-TEST(Variant, ToStringMasksWhateverNamesAPassword) {
+TEST(Variant, ToStringMasksPasswords) {
   const Variant request(Variant::Map{
       {"passwordOld", "secret1"},
       {"nested", Variant::Array{Variant::Map{{"users.1.PASSWORD", "secret2"}}}},

@@ -54,7 +54,7 @@ class SmallEtc : public testing::Test {
   bool mounted_ = false;
 };
 
-TEST_F(SmallEtc, AFullDiskLeavesTheStoreAsItWas) {
+TEST_F(SmallEtc, FullDiskLeavesStoreUnchanged) {
   fill();
   EXPECT_FALSE(change());
   EXPECT_EQ(readText(kStore), kOld);
@@ -64,7 +64,7 @@ TEST_F(SmallEtc, AFullDiskLeavesTheStoreAsItWas) {
   EXPECT_EQ(readText(kStore), kNew);
 }
 
-TEST_F(SmallEtc, AReadOnlyDiskLeavesTheStoreAsItWas) {
+TEST_F(SmallEtc, ReadOnlyDiskLeavesStoreUnchanged) {
   ASSERT_EQ(mount("tmpfs", "/etc", nullptr, MS_REMOUNT | MS_RDONLY, "size=32k"), 0)
       << std::strerror(errno);
   EXPECT_FALSE(change());
@@ -93,7 +93,7 @@ bool changeKilledAt(int stop, bool (*change)()) {
   return WIFSIGNALED(status);
 }
 
-TEST_F(SmallEtc, AProcessKilledAtAnySystemCallLeavesTheOldStoreOrTheNew) {
+TEST_F(SmallEtc, KillAtAnySystemCallLeavesOldOrNewStore) {
   std::set<std::string> seen;
   int stop = 0;
   for (; changeKilledAt(stop, &change); ++stop) {

@@ -40,7 +40,7 @@ class SystemCfgManagerTest : public testing::Test {
   SystemCfgManager manager_;
 };
 
-TEST_F(SystemCfgManagerTest, ValuesAreReadByTheirExactKey) {
+TEST_F(SystemCfgManagerTest, ValuesAreReadByExactKey) {
   EXPECT_EQ(stored("name"), "Camera");
   EXPECT_EQ(stored("zone"), "GMT");
   for (const char* key : {"Name", "nam", "name ", "", "odd line", "# comment", "name=Camera"}) {
@@ -48,7 +48,7 @@ TEST_F(SystemCfgManagerTest, ValuesAreReadByTheirExactKey) {
   }
 }
 
-TEST_F(SystemCfgManagerTest, AnAbsentKeyIsAFailureOnlyWithoutTheFlag) {
+TEST_F(SystemCfgManagerTest, AbsentKeyFailsOnlyWithoutFlag) {
   ASSERT_TRUE(manager_.init());
   std::string value = "before";
   bool absent = false;
@@ -60,7 +60,7 @@ TEST_F(SystemCfgManagerTest, AnAbsentKeyIsAFailureOnlyWithoutTheFlag) {
   EXPECT_FALSE(absent);
 }
 
-TEST_F(SystemCfgManagerTest, AChangeKeepsAllOtherLines) {
+TEST_F(SystemCfgManagerTest, ChangeKeepsOtherLines) {
   ASSERT_TRUE(manager_.init());
   bool changed = false;
   EXPECT_TRUE(manager_.set("name", "a=b # c", &changed));
@@ -73,7 +73,7 @@ TEST_F(SystemCfgManagerTest, AChangeKeepsAllOtherLines) {
   EXPECT_EQ(stored("added"), "42");
 }
 
-TEST_F(SystemCfgManagerTest, SettingTheSameValueIsNoChange) {
+TEST_F(SystemCfgManagerTest, SettingSameValueIsNotChange) {
   ASSERT_TRUE(manager_.init());
   bool changed = true;
   EXPECT_TRUE(manager_.set("name", "Camera", &changed));
@@ -84,7 +84,7 @@ TEST_F(SystemCfgManagerTest, SettingTheSameValueIsNoChange) {
   EXPECT_FALSE(changed);
 }
 
-TEST_F(SystemCfgManagerTest, OfEqualKeysTheLastCounts) {
+TEST_F(SystemCfgManagerTest, LastOfEqualKeysCounts) {
   writeText(kStore, "a=1\na=2\nb=3\n");
   ASSERT_TRUE(manager_.init());
   std::string value;
@@ -96,7 +96,7 @@ TEST_F(SystemCfgManagerTest, OfEqualKeysTheLastCounts) {
   EXPECT_EQ(stored("a"), "4");
 }
 
-TEST_F(SystemCfgManagerTest, AddingToAFileWithoutALastLineBreakStartsALine) {
+TEST_F(SystemCfgManagerTest, AddingAfterMissingFinalLineBreakStartsNewLine) {
   writeText(kStore, "a=1");
   ASSERT_TRUE(manager_.init());
   EXPECT_TRUE(manager_.set("b", "2", nullptr));
@@ -104,7 +104,7 @@ TEST_F(SystemCfgManagerTest, AddingToAFileWithoutALastLineBreakStartsALine) {
   EXPECT_EQ(readText(kStore), "a=1\nb=2\n");
 }
 
-TEST_F(SystemCfgManagerTest, WhatWouldBreakTheLinesIsRefused) {
+TEST_F(SystemCfgManagerTest, ValuesThatWouldBreakLinesAreRefused) {
   ASSERT_TRUE(manager_.init());
   bool changed = true;
   for (const std::string& value :
@@ -119,7 +119,7 @@ TEST_F(SystemCfgManagerTest, WhatWouldBreakTheLinesIsRefused) {
   EXPECT_EQ(readText(kStore), kContent);
 }
 
-TEST_F(SystemCfgManagerTest, TheFileIsReplacedOnlyWhenChangedOrForced) {
+TEST_F(SystemCfgManagerTest, FileIsReplacedOnlyWhenChangedOrForced) {
   struct stat before {};
   struct stat after {};
   ASSERT_EQ(stat(kStore, &before), 0);
@@ -138,7 +138,7 @@ TEST_F(SystemCfgManagerTest, TheFileIsReplacedOnlyWhenChangedOrForced) {
   EXPECT_EQ(readText(kStore), kContent);
 }
 
-TEST_F(SystemCfgManagerTest, WithoutCloseNothingIsWritten) {
+TEST_F(SystemCfgManagerTest, NothingIsWrittenWithoutClose) {
   {
     SystemCfgManager manager;
     ASSERT_TRUE(manager.init());
@@ -147,7 +147,7 @@ TEST_F(SystemCfgManagerTest, WithoutCloseNothingIsWritten) {
   EXPECT_EQ(readText(kStore), kContent);
 }
 
-TEST_F(SystemCfgManagerTest, TheModeOfTheFileIsKept) {
+TEST_F(SystemCfgManagerTest, FileModeIsKept) {
   ASSERT_EQ(chmod(kStore, 0600), 0);
   ASSERT_TRUE(manager_.init());
   EXPECT_TRUE(manager_.set("name", "new", nullptr));
@@ -157,7 +157,7 @@ TEST_F(SystemCfgManagerTest, TheModeOfTheFileIsKept) {
   EXPECT_EQ(info.st_mode & 07777, 0600U);
 }
 
-TEST_F(SystemCfgManagerTest, OutsideOfInitAndCloseEverythingFails) {
+TEST_F(SystemCfgManagerTest, OperationsFailBeforeInitAndAfterClose) {
   std::string value;
   bool absent = false;
   EXPECT_FALSE(manager_.get("name", &value, &absent));
@@ -171,7 +171,7 @@ TEST_F(SystemCfgManagerTest, OutsideOfInitAndCloseEverythingFails) {
   EXPECT_EQ(readText(kStore), kContent);
 }
 
-TEST_F(SystemCfgManagerTest, AStoreThatCannotBeReadIsAFailure) {
+TEST_F(SystemCfgManagerTest, UnreadableStoreFails) {
   ASSERT_EQ(chmod(kStore, 0), 0);
   EXPECT_FALSE(manager_.init());
   ASSERT_EQ(unlink(kStore), 0);
@@ -183,7 +183,7 @@ TEST_F(SystemCfgManagerTest, AStoreThatCannotBeReadIsAFailure) {
   EXPECT_FALSE(manager_.init());
 }
 
-TEST_F(SystemCfgManagerTest, AStoreIsReadUpTo1MiB) {
+TEST_F(SystemCfgManagerTest, StoreIsReadUpTo1MiB) {
   const std::string line = "key=value\n";
   writeText(kStore, line + std::string(kMaxStore - line.size(), 'x'));
   EXPECT_EQ(stored("key"), "value");
@@ -191,7 +191,7 @@ TEST_F(SystemCfgManagerTest, AStoreIsReadUpTo1MiB) {
   EXPECT_FALSE(manager_.init());
 }
 
-TEST_F(SystemCfgManagerTest, AStoreNeverGrowsBeyondWhatCanBeRead) {
+TEST_F(SystemCfgManagerTest, StoreDoesNotGrowBeyondReadLimit) {
   ASSERT_TRUE(manager_.init());
   const std::size_t room = kMaxStore - sizeof kContent + 1 - sizeof "big=";
   EXPECT_FALSE(manager_.set("big", std::string(room + 1, 'x'), nullptr));
@@ -204,7 +204,7 @@ TEST_F(SystemCfgManagerTest, AStoreNeverGrowsBeyondWhatCanBeRead) {
   EXPECT_EQ(stored("big").size(), room);
 }
 
-TEST_F(SystemCfgManagerTest, AFullStoreThatLacksItsLastLineBreakIsNotReplaced) {
+TEST_F(SystemCfgManagerTest, FullStoreWithoutFinalLineBreakIsNotReplaced) {
   writeText(kStore, "a=" + std::string(kMaxStore - 2, 'x'));
   ASSERT_TRUE(manager_.init());
   EXPECT_FALSE(manager_.close(false, true));

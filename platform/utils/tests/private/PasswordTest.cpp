@@ -45,7 +45,7 @@ class PasswordTest : public testing::Test {
   const std::string hash_ = generateHash("secret", generateSalt());
 };
 
-TEST(UsernameTest, StrictNamesAreOfAFewCharacters) {
+TEST(UsernameTest, StrictNamesUseFewCharacters) {
   for (const char* name : {"a", "_", "Admin", "a.b-c_9", "abcdefghijklmnopqrstuvwxyz012345"}) {
     EXPECT_TRUE(username_valid(name, true)) << name;
   }
@@ -58,7 +58,7 @@ TEST(UsernameTest, StrictNamesAreOfAFewCharacters) {
   EXPECT_FALSE(username_valid("a\0b"s, true));
 }
 
-TEST(UsernameTest, OtherNamesMustNotBreakAnAccountLine) {
+TEST(UsernameTest, OtherNamesMustNotBreakAccountLine) {
   EXPECT_TRUE(username_valid("1 \xc3\xa4/", false));
   for (const char* name : {"", "a:b", "a\nb", "a\rb", "abcdefghijklmnopqrstuvwxyz0123456"}) {
     EXPECT_FALSE(username_valid(name, false)) << name;
@@ -66,7 +66,7 @@ TEST(UsernameTest, OtherNamesMustNotBreakAnAccountLine) {
   EXPECT_FALSE(username_valid("a\0b"s, false));
 }
 
-TEST(AccountFileTest, TheFirstWholeLineOfTheNameCounts) {
+TEST(AccountFileTest, FirstWholeLineOfNameCounts) {
   const std::string text = "adm:1:\nadmin\nadmin:cut\nxadmin:2:\n:3:\nadmin:4:x\nadmin:5:";
   const auto field = internal::findHashField(text, "admin");
   ASSERT_TRUE(field);
@@ -84,13 +84,13 @@ TEST(AccountFileTest, LinesWithNulAreSkipped) {
   EXPECT_EQ(text.substr(field->begin, field->length), "2");
 }
 
-TEST_F(PasswordTest, TheHashIsReadFromTheAccountLine) {
+TEST_F(PasswordTest, HashIsReadFromAccountLine) {
   std::string hash;
   EXPECT_EQ(readUserHash("admin", hash), 0);
   EXPECT_EQ(hash, hash_);
 }
 
-TEST_F(PasswordTest, TheHashIsReadFromShadowWhereTheLineSaysSo) {
+TEST_F(PasswordTest, HashIsReadFromShadowIfLineSaysSo) {
   writeText(kPasswd, accountLine("admin", "x"));
   std::string hash = "before";
   EXPECT_EQ(readUserHash("admin", hash), ENOENT);
@@ -101,7 +101,7 @@ TEST_F(PasswordTest, TheHashIsReadFromShadowWhereTheLineSaysSo) {
   EXPECT_TRUE(matches("admin", "secret"));
 }
 
-TEST_F(PasswordTest, AnUnknownAccountIsReported) {
+TEST_F(PasswordTest, UnknownAccountIsReported) {
   std::string hash;
   EXPECT_EQ(readUserHash("nobody", hash), ENOENT);
   EXPECT_EQ(readUserHash("admin:x", hash), EINVAL);
@@ -111,7 +111,7 @@ TEST_F(PasswordTest, AnUnknownAccountIsReported) {
   EXPECT_FALSE(result);
 }
 
-TEST_F(PasswordTest, AnAccountFileIsReadUpTo1MiB) {
+TEST_F(PasswordTest, AccountFileIsReadUpTo1MiB) {
   std::string hash;
   writeText(kPasswd, std::string(kMaxAccountFile / 2, 'x') + "\n" + accountLine("admin", "h"));
   EXPECT_EQ(readUserHash("admin", hash), 0);
@@ -122,13 +122,13 @@ TEST_F(PasswordTest, AnAccountFileIsReadUpTo1MiB) {
   EXPECT_EQ(readUserHash("admin", hash), ENOENT);
 }
 
-TEST_F(PasswordTest, AnUnreadableAccountFileIsReported) {
+TEST_F(PasswordTest, UnreadableAccountFileIsReported) {
   ASSERT_EQ(chmod(kPasswd, 0), 0);
   std::string hash;
   EXPECT_EQ(readUserHash("admin", hash), EACCES);
 }
 
-TEST_F(PasswordTest, OnlyThePasswordMatches) {
+TEST_F(PasswordTest, OnlyPasswordMatches) {
   bool result = false;
   EXPECT_EQ(authenticatePassword("admin", "secret", result), 0);
   EXPECT_TRUE(result);
@@ -140,7 +140,7 @@ TEST_F(PasswordTest, OnlyThePasswordMatches) {
   EXPECT_FALSE(matches("admin", std::string(1000000, 's')));
 }
 
-TEST_F(PasswordTest, AccountsWithoutAUsableHashMatchNothing) {
+TEST_F(PasswordTest, AccountsWithoutUsableHashMatchNothing) {
   for (const std::string& hash :
        {std::string(), std::string("*"), std::string("!"), std::string("!!"), std::string("*0"),
         std::string("$6$"), "!" + hash_, hash_.substr(0, hash_.size() - 1), hash_ + "x"}) {
@@ -152,7 +152,7 @@ TEST_F(PasswordTest, AccountsWithoutAUsableHashMatchNothing) {
   }
 }
 
-TEST_F(PasswordTest, OtherSchemesOfTheSystemAreChecked) {
+TEST_F(PasswordTest, OtherSchemesOfSystemAreChecked) {
   for (const char* salt : {"$y$j9T$F5Jx5fExrKuPp53xLKQ..1", "$5$abcdefgh", "$1$abcdefgh"}) {
     const std::string hash = generateHash("secret", salt);
     ASSERT_NE(hash, "") << salt;
@@ -162,7 +162,7 @@ TEST_F(PasswordTest, OtherSchemesOfTheSystemAreChecked) {
   }
 }
 
-TEST_F(PasswordTest, SaltsAreOfTheSchemeAndNeverTheSame) {
+TEST_F(PasswordTest, SaltsFitSchemeAndDiffer) {
   const std::string salt = generateSalt();
   EXPECT_TRUE(salt.starts_with("$6$"));
   EXPECT_GE(salt.size(), 3U + 8U);
@@ -170,7 +170,7 @@ TEST_F(PasswordTest, SaltsAreOfTheSchemeAndNeverTheSame) {
   EXPECT_TRUE(hash_.starts_with("$6$"));
 }
 
-TEST_F(PasswordTest, AHashNeedsAPasswordAndASalt) {
+TEST_F(PasswordTest, HashNeedsPasswordAndSalt) {
   EXPECT_EQ(generateHash(nullptr, generateSalt()), "");
   EXPECT_EQ(generateHash("secret", ""), "");
   EXPECT_EQ(generateHash("secret", "$unknown$"), "");
@@ -191,7 +191,7 @@ TEST_F(PasswordTest, LockingTwiceLeavesOneMark) {
   EXPECT_TRUE(matches("admin", "secret"));
 }
 
-TEST_F(PasswordTest, LockingChangesNothingElseInTheFile) {
+TEST_F(PasswordTest, LockingChangesNothingElseInFile) {
   const std::string before = "# odd\n\nroot:*:0:0\nadmin:cut\n\0nul\r\n"s;
   const std::string after = "adminx:h:1:1:::\nno line break";
   writeText(kPasswd, before + accountLine("admin", hash_) + after);
@@ -203,7 +203,7 @@ TEST_F(PasswordTest, LockingChangesNothingElseInTheFile) {
   EXPECT_EQ(info.st_mode & 07777, 0604U);
 }
 
-TEST_F(PasswordTest, LockingChangesTheFileThatHoldsTheHash) {
+TEST_F(PasswordTest, LockingChangesFileThatHoldsHash) {
   const std::string passwd = accountLine("admin", "x");
   writeText(kPasswd, passwd);
   writeText(kShadow, "admin:" + hash_ + ":1:0:99999:7:::\n");
@@ -216,7 +216,7 @@ TEST_F(PasswordTest, LockingChangesTheFileThatHoldsTheHash) {
   EXPECT_EQ(info.st_mode & 07777, 0600U);
 }
 
-TEST_F(PasswordTest, LockingAnUnknownAccountFails) {
+TEST_F(PasswordTest, LockingUnknownAccountFails) {
   const std::string before = readText(kPasswd);
   errno = 0;
   EXPECT_FALSE(lockPassword("nobody"));
@@ -225,7 +225,7 @@ TEST_F(PasswordTest, LockingAnUnknownAccountFails) {
   EXPECT_EQ(readText(kPasswd), before);
 }
 
-TEST_F(PasswordTest, UnlockingNeverLeavesAnAccountWithoutAPassword) {
+TEST_F(PasswordTest, UnlockingNeverLeavesAccountWithoutPassword) {
   const std::string before = accountLine("admin", "!");
   writeText(kPasswd, before);
   EXPECT_FALSE(unlockPassword("admin"));
@@ -247,7 +247,7 @@ double median(std::vector<double> values) {
 }
 
 // Wide bounds: with unequal work the ratio exceeds 10.
-TEST_F(PasswordTest, AWrongPasswordCostsTheSameForEveryAccount) {
+TEST_F(PasswordTest, WrongPasswordCostsSameForEveryAccount) {
   writeText(kPasswd, accountLine("admin", hash_) + accountLine("locked", "!" + hash_) +
                          accountLine("empty", "") + accountLine("starred", "*") +
                          accountLine("broken", "$6$cut"));

@@ -66,7 +66,7 @@ class ServiceTest : public testing::Test {
   pid_t supervisor_ = -1;
 };
 
-TEST_F(ServiceTest, EnableStartsMarksAndDisableUndoesBoth) {
+TEST_F(ServiceTest, EnableStartsAndMarksDisableUndoesBoth) {
   Install("lights");
   StartSupervisor();
   ASSERT_TRUE(EnableService("lights"));
@@ -82,7 +82,7 @@ TEST_F(ServiceTest, EnableStartsMarksAndDisableUndoesBoth) {
   EXPECT_TRUE(DisableService("lights")) << "already disabled";
 }
 
-TEST_F(ServiceTest, EnableAgainRightAfterDisable) {
+TEST_F(ServiceTest, EnableWorksRightAfterDisable) {
   Install("lights");
   StartSupervisor();
   ASSERT_TRUE(EnableService("lights"));
@@ -91,7 +91,7 @@ TEST_F(ServiceTest, EnableAgainRightAfterDisable) {
   EXPECT_EQ("run\n", State("lights"));
 }
 
-TEST_F(ServiceTest, EnableStartsAServiceThatWasToStayDown) {
+TEST_F(ServiceTest, EnableStartsServiceMarkedDown) {
   Install("lights");
   writeText("/etc/sv/lights/down", "");
   fs::create_symlink("/etc/sv/lights", "/etc/service/lights");
@@ -118,7 +118,7 @@ TEST_F(ServiceTest, LogsFirstFourKibibytesOfFailedSv) {
   EXPECT_TRUE(DisableService("lights"));
 }
 
-TEST_F(ServiceTest, UnknownAndMalformedNamesFailAtOnceAndLeaveNoMark) {
+TEST_F(ServiceTest, InvalidNamesFailAtOnceAndLeaveNoMark) {
   Install("lights");
   Install(".hidden");
   StartSupervisor();
@@ -134,7 +134,7 @@ TEST_F(ServiceTest, UnknownAndMalformedNamesFailAtOnceAndLeaveNoMark) {
   EXPECT_TRUE(fs::is_empty("/etc/service"));
 }
 
-TEST_F(ServiceTest, WhatManagesTheCameraCannotBeDisabled) {
+TEST_F(ServiceTest, EssentialServiceCannotBeDisabled) {
   StartSupervisor();
   for (const char* name : {"kova_bus", "kova_ctlserver", "syslogd"}) {
     Install(name);
@@ -145,7 +145,7 @@ TEST_F(ServiceTest, WhatManagesTheCameraCannotBeDisabled) {
   }
 }
 
-TEST_F(ServiceTest, WhatManagesTheCameraCannotBeDisabledByOtherNames) {
+TEST_F(ServiceTest, EssentialServiceCannotBeDisabledByAlias) {
   Install("syslogd");
   StartSupervisor();
   ASSERT_TRUE(EnableService("syslogd"));
@@ -159,7 +159,7 @@ TEST_F(ServiceTest, WhatManagesTheCameraCannotBeDisabledByOtherNames) {
   EXPECT_EQ("run\n", State("syslogd"));
 }
 
-TEST_F(ServiceTest, WhatManagesTheCameraCanBeEnabledAgain) {
+TEST_F(ServiceTest, EssentialServiceCanBeEnabledAgain) {
   Install("syslogd");
   writeText("/etc/sv/syslogd/down", "");
   fs::create_symlink("/etc/sv/syslogd", "/etc/service/syslogd");
@@ -179,7 +179,7 @@ TEST_F(ServiceTest, UnknownNamesAreLogged) {
             std::string::npos);
 }
 
-TEST_F(ServiceTest, AServiceThatDoesNotStartIsAFailureWithinTheBudget) {
+TEST_F(ServiceTest, ServiceThatDoesNotStartFailsWithinBudget) {
   fs::create_directory("/etc/sv/broken");
   fs::create_symlink("/etc/sv/broken", "/etc/service/broken");
   StartSupervisor();
@@ -188,14 +188,14 @@ TEST_F(ServiceTest, AServiceThatDoesNotStartIsAFailureWithinTheBudget) {
   EXPECT_LT(nowMs() - before, 10000U);
 }
 
-TEST_F(ServiceTest, AServiceThatEndsAtOnceIsAFailure) {
+TEST_F(ServiceTest, ServiceThatEndsAtOnceFails) {
   Install("fickle", "exit 1");
   fs::create_symlink("/etc/sv/fickle", "/etc/service/fickle");
   StartSupervisor();
   EXPECT_FALSE(EnableService("fickle"));
 }
 
-TEST_F(ServiceTest, AServiceThatDoesNotStopIsAFailureWithinTheBudget) {
+TEST_F(ServiceTest, ServiceThatDoesNotStopFailsWithinBudget) {
   Install("stubborn", "trap '' TERM; while :; do sleep 1; done");
   fs::create_symlink("/etc/sv/stubborn", "/etc/service/stubborn");
   StartSupervisor();
@@ -214,7 +214,7 @@ TEST_F(ServiceTest, AServiceThatDoesNotStopIsAFailureWithinTheBudget) {
   kill(std::stoi(pid), SIGKILL);
 }
 
-TEST_F(ServiceTest, WithoutASupervisorEnableFailsWithinTheBudget) {
+TEST_F(ServiceTest, EnableFailsWithinBudgetWithoutSupervisor) {
   Install("lights");
   const std::uint64_t before = nowMs();
   EXPECT_FALSE(EnableService("lights"));

@@ -29,7 +29,7 @@ std::filesystem::path localtimeTarget() {
   return std::filesystem::read_symlink("/etc/localtime");
 }
 
-TEST(SetTimeZone, ChangesTheSystemAndThisProcess) {
+TEST(SetTimeZone, ChangesSystemAndThisProcess) {
   ASSERT_TRUE(setTimeZone("Europe/Paris"));
   EXPECT_EQ("/usr/share/zoneinfo/Europe/Paris", localtimeTarget());
   EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", readText("/etc/TZ"));
@@ -42,7 +42,7 @@ TEST(SetTimeZone, ChangesTheSystemAndThisProcess) {
   EXPECT_EQ("09:46 GMT", clockAt(kSummer2024));
 }
 
-TEST(SetTimeZone, OutranksAZoneFromTheEnvironment) {
+TEST(SetTimeZone, OutranksZoneFromEnvironment) {
   setenv("TZ", "Asia/Tokyo", 1);
   tzset();
   ASSERT_EQ("18:46 JST", clockAt(kSummer2024));
@@ -50,7 +50,7 @@ TEST(SetTimeZone, OutranksAZoneFromTheEnvironment) {
   EXPECT_EQ("11:46 CEST", clockAt(kSummer2024));
 }
 
-TEST(SetTimeZone, ARefusedZoneChangesNeither) {
+TEST(SetTimeZone, RefusedZoneChangesNeither) {
   ASSERT_TRUE(setTimeZone("Europe/Paris"));
   for (const char* zone : {"Europe/Nowhere", "../../../etc/passwd", "localtime", "zone.tab", ""}) {
     EXPECT_FALSE(setTimeZone(zone)) << zone;
@@ -59,7 +59,7 @@ TEST(SetTimeZone, ARefusedZoneChangesNeither) {
   EXPECT_EQ("11:46 CEST", clockAt(kSummer2024));
 }
 
-TEST(SetTimeZone, ChangesNothingWhereItMayNotWrite) {
+TEST(SetTimeZone, ChangesNothingWithoutWritePermission) {
   ASSERT_TRUE(setTimeZone("Europe/Paris"));
   ASSERT_EQ(0, chmod("/etc", 0555));
   EXPECT_FALSE(setTimeZone("GMT"));
@@ -69,7 +69,7 @@ TEST(SetTimeZone, ChangesNothingWhereItMayNotWrite) {
   EXPECT_EQ("11:46 CEST", clockAt(kSummer2024));
 }
 
-TEST(SetTimeZone, TakesTheLinkBackWhereTheRuleCannotBeReplaced) {
+TEST(SetTimeZone, RestoresLinkIfRuleCannotBeReplaced) {
   ASSERT_TRUE(setTimeZone("Europe/Paris"));
   // A mount point cannot be renamed over, see rename(2).
   ASSERT_EQ(0, mount("/etc/TZ", "/etc/TZ", nullptr, MS_BIND, nullptr));
@@ -79,7 +79,7 @@ TEST(SetTimeZone, TakesTheLinkBackWhereTheRuleCannotBeReplaced) {
   EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", readText("/etc/TZ"));
 }
 
-TEST(SetTimeZone, EveryInstalledZoneOfTheRegionsCanBeSet) {
+TEST(SetTimeZone, EveryInstalledRegionalZoneCanBeSet) {
   int zones = 0;
   for (const char* region : {"Africa", "America", "Asia", "Europe", "Pacific"}) {
     const std::filesystem::path root = "/usr/share/zoneinfo";

@@ -64,7 +64,7 @@ class WifiFamilyTest : public testing::Test {
 };
 
 // One test, since the id is remembered for the life of the process.
-TEST_F(WifiFamilyTest, IsLookedUpOnceAndAgainAfterReload) {
+TEST_F(WifiFamilyTest, IsLookedUpOnceAndAfterReload) {
   loaded = 31;
   EXPECT_EQ(1, Count());
   EXPECT_EQ(1, Count());

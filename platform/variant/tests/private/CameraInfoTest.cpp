@@ -32,7 +32,7 @@ class CameraInfoTest : public testing::Test {
   const logger::Origin here_ = KOVA_LOG_ORIGIN("reader");
 };
 
-TEST_F(CameraInfoTest, ReadsTheDescriptionOfTheDevice) {
+TEST_F(CameraInfoTest, ReadsDescriptionOfDevice) {
   ASSERT_TRUE(init(info_, R"({"name": "Camera", "sysid": 42278, "feature_wifi": 1,
                              "feature_battery": 0, "reset_button_gpio": "/gpio"})"));
   EXPECT_EQ(info_.name(here_), "Camera");
@@ -42,23 +42,23 @@ TEST_F(CameraInfoTest, ReadsTheDescriptionOfTheDevice) {
   EXPECT_EQ(*info_.Find("reset_button_gpio"), Variant("/gpio"));
 }
 
-TEST_F(CameraInfoTest, AMissingDescriptionFails) {
+TEST_F(CameraInfoTest, MissingDescriptionFails) {
   EXPECT_FALSE(info_.Init());
 }
 
-TEST_F(CameraInfoTest, WhatIsNoJsonObjectFails) {
+TEST_F(CameraInfoTest, NonObjectFails) {
   for (const char* text : {"", "[]", "\"name\"", "7", "{\"name\": }", "{} {}"}) {
     EXPECT_FALSE(init(info_, text)) << text;
   }
 }
 
-TEST_F(CameraInfoTest, AFailureLeavesWhatWasReadBefore) {
+TEST_F(CameraInfoTest, FailureKeepsEarlierContent) {
   ASSERT_TRUE(init(info_, R"({"sysid": 1})"));
   EXPECT_FALSE(init(info_, "{"));
   EXPECT_EQ(info_.sysid(here_), 1U);
 }
 
-TEST_F(CameraInfoTest, AKeyThatIsMissingOrMistypedEndsTheProcess) {
+TEST_F(CameraInfoTest, MissingOrMistypedKeyEndsProcess) {
   EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "") << "no map at all";
   ASSERT_TRUE(init(info_, R"({"name": 1, "sysid": "1", "feature_wifi": true})"));
   EXPECT_EXIT(info_.name(here_), testing::KilledBySignal(SIGABRT), "");
@@ -67,7 +67,7 @@ TEST_F(CameraInfoTest, AKeyThatIsMissingOrMistypedEndsTheProcess) {
   EXPECT_EXIT(info_.featureBattery(here_), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(CameraInfoTest, AModelThatIsNoIntegerEndsTheProcess) {
+TEST_F(CameraInfoTest, NonIntegerModelEndsProcess) {
   ASSERT_TRUE(init(info_, R"({"sysid": 42278.5, "feature_wifi": 1.5})"));
   EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "");
   EXPECT_EQ(info_.featureWifi(here_), 1) << "a feature may be any number";

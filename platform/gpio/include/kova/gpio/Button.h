@@ -49,6 +49,9 @@ class BaseButton {
   /// returning false each time that fails. Always true for a button without a line.
   bool service();
 
+  /// False if the button has a line and the last attempt to read it failed.
+  bool readable() const { return readable_; }
+
  protected:
   BaseButton() = default;
 

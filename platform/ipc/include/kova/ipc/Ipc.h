@@ -8,6 +8,7 @@
 namespace kova::ipc {
 
 class BaseHandler;
+class Objects;
 class TransactionsHandler;
 
 /// The process's connection to the camera's message bus.
@@ -43,6 +44,10 @@ class Ipc {
   /// handler of the empty name receives all other functions. False if the name already has a
   /// handler.
   bool AddHandler(const std::string& functionName, BaseHandler* handler);
+
+  /// What the endpoint shows to any D-Bus client besides its messages, see Objects.h. An endpoint
+  /// that publishes nothing has the object "/kova" with "kova.Ipc1" only.
+  Objects& objects();
 
   /// Handles pending messages: at most 128 per call, and none after 40 ms, so that a flood cannot
   /// block the caller. If none is pending, waits up to `timeoutMs` for one.

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "TransferRecords.h"
+#include "kova/ipc/Objects.h"
+
+namespace kova::ctlserver {
+
+/// Shows the records of transfers on the bus: "/kova/transfers/NUMBER" with the interface
+/// kova.Transfer1, see packaging/dbus/kova.Transfer1.xml.
+///
+/// Phases and ends are signalled at once. Progress is signalled by service(), for at most
+/// kProgressPerPass transfers a call, so that a thousand transfers leave time for others. What the
+/// bus does not take is signalled later, once for each transfer, as it is then.
+class TransferObjects : public ipc::PublishedFolder, public TransferObserver {
+ public:
+  static constexpr std::size_t kProgressPerPass = 16;
+
+  /// Observes the records and publishes them. Both must outlive this object; the endpoint must not
+  /// have joined the bus yet.
+  TransferObjects(TransferRecords& records, ipc::Objects& bus);
+  ~TransferObjects() override;
+
+  /// Signals what is due; called at every pass.
+  void service();
+
+  std::vector<std::uint64_t> Numbers() const override { return records_.numbers(); }
+  bool Has(std::uint64_t number) const override { return records_.find(number) != nullptr; }
+  ipc::PropertyValue Read(std::uint64_t number, std::size_t property) const override;
+  ipc::MethodError Call(std::uint64_t number, std::size_t method) override;
+
+  void transferAdded(const TransferRecord& record) override;
+  void transferChanged(const TransferRecord& record, TransferChange change) override;
+  void transferRemoved(std::uint64_t number) override;
+
+ private:
+  /// What clients have not been told of a transfer. A later one stands for all earlier ones.
+  enum class News : std::uint8_t { Progress, Change, Arrival, Removal };
+
+  bool signal(std::uint64_t number, News news);
+
+  TransferRecords& records_;
+  ipc::Objects& bus_;
+  /// At most one for each record, and for each that was removed while the bus took nothing.
+  std::map<std::uint64_t, News> news_;
+  std::uint64_t lastServiced_ = 0;
+};
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,135 @@
+#include "DeviceObject.h"
+
+#include "ConfigKeys.h"
+#include "kova/syscfg/SystemCfgManager.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/System.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using ipc::PropertyValue;
+
+constexpr char kInterface[] = "kova.Device1";
+
+enum Place : std::size_t {
+  kModel,
+  kSysId,
+  kName,
+  kFirmwareVersion,
+  kDaemonVersion,
+  kBootId,
+  kSavePending,
+  kResetPending,
+  kLastSave,
+  kButtonReadable,
+};
+
+/// In the order of their places.
+ipc::Interface describe() {
+  return {kInterface,
+          {{"Model", "s", false},
+           {"SysId", "s", false},
+           {"Name", "s", true},
+           {"FirmwareVersion", "s", false},
+           {"DaemonVersion", "s", false},
+           {"BootId", "s", false},
+           {"SavePending", "b", true},
+           {"ResetPending", "b", true},
+           {"LastSave", "(ts)", true},
+           {"ButtonReadable", "b", true}},
+          {}};
+}
+
+std::string textOf(const variant::CameraInfo& info, const char* key) {
+  const variant::Variant* value = info.IsMap() ? info.Find(key) : nullptr;
+  if (value == nullptr) {
+    return "";
+  }
+  return value->Is(variant::VariantClass::String) ? value->ToText() : value->ToString();
+}
+
+std::string storedName() {
+  syscfg::SystemCfgManager store;
+  std::string name;
+  bool absent = false;
+  if (store.init()) {
+    store.get(kNameKey, &name, &absent);
+    store.close(false, false);
+  }
+  return name;
+}
+
+}  // namespace
+
+DeviceObject::DeviceObject(const variant::CameraInfo& info, const DeviceState& now,
+                           ipc::Objects& bus)
+    : bus_(bus),
+      model_(textOf(info, "name")),
+      sysId_(textOf(info, "sysid")),
+      firmwareVersion_(utils::firmwareVersion()),
+      bootId_(utils::bootId()),
+      state_(now),
+      told_(now) {
+  bus_.Publish(describe(), this);
+}
+
+const std::string& DeviceObject::name() const {
+  if (!name_) {
+    name_ = storedName();
+  }
+  return *name_;
+}
+
+PropertyValue DeviceObject::Read(std::size_t property) const {
+  switch (property) {
+    case kModel:
+      return model_;
+    case kSysId:
+      return sysId_;
+    case kName:
+      return name();
+    case kFirmwareVersion:
+      return firmwareVersion_;
+    case kDaemonVersion:
+      return std::string(KOVA_VERSION);
+    case kBootId:
+      return bootId_;
+    case kSavePending:
+      return state_.savePending;
+    case kResetPending:
+      return state_.resetPending;
+    case kLastSave:
+      return state_.lastSave;
+    default:
+      return state_.buttonReadable;
+  }
+}
+
+void DeviceObject::service(const DeviceState& now) {
+  if (now.settingsChanges != state_.settingsChanges) {
+    name_.reset();
+  }
+  state_ = now;
+  if (state_ == told_ || utils::nowMs() - toldMs_ < kSignalMs) {
+    return;
+  }
+  std::vector<std::size_t> changed;
+  const auto note = [&changed](bool differs, std::size_t place) {
+    if (differs) {
+      changed.push_back(place);
+    }
+  };
+  note(state_.settingsChanges != told_.settingsChanges, kName);
+  note(state_.savePending != told_.savePending, kSavePending);
+  note(state_.resetPending != told_.resetPending, kResetPending);
+  note(state_.lastSave != told_.lastSave, kLastSave);
+  note(state_.buttonReadable != told_.buttonReadable, kButtonReadable);
+  if (!changed.empty() && !bus_.Changed(*this, changed)) {
+    return;
+  }
+  told_ = state_;
+  toldMs_ = utils::nowMs();
+}
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,154 @@
+#include "TransferObjects.h"
+
+#include <iterator>
+
+namespace kova::ctlserver {
+namespace {
+
+using ipc::MethodError;
+using ipc::PropertyValue;
+
+constexpr char kFolder[] = "transfers";
+constexpr char kInterface[] = "kova.Transfer1";
+
+struct Row {
+  const char* name;
+  const char* type;
+  PropertyValue (*read)(const TransferRecord& record);
+  /// The least change that may have touched it.
+  enum { Never, Progress, Phase, End } changes;
+};
+
+constexpr Row kRows[] = {
+    {"RequestId", "t", [](auto& record) { return PropertyValue(record.requestId); }, Row::Never},
+    {"Requester", "s", [](auto& record) { return PropertyValue(record.requester); }, Row::Never},
+    {"Kind", "s", [](auto& record) { return PropertyValue(record.kind); }, Row::Never},
+    {"Direction", "s", [](auto& record) { return PropertyValue(record.direction); }, Row::Never},
+    {"Uri", "s", [](auto& record) { return PropertyValue(record.uri); }, Row::Never},
+    {"File", "s", [](auto& record) { return PropertyValue(record.file); }, Row::Phase},
+    {"Phase", "s", [](auto& record) { return PropertyValue(std::string(phaseName(record.phase))); },
+     Row::Phase},
+    {"Transferred", "t", [](auto& record) { return PropertyValue(record.transferred); },
+     Row::Progress},
+    {"Size", "t", [](auto& record) { return PropertyValue(record.size); }, Row::Progress},
+    {"Started", "t", [](auto& record) { return PropertyValue(record.started); }, Row::Never},
+    {"Ended", "t", [](auto& record) { return PropertyValue(record.ended); }, Row::End},
+    {"HttpStatus", "q", [](auto& record) { return PropertyValue(record.httpStatus); }, Row::End},
+    {"Outcome", "s", [](auto& record) { return PropertyValue(record.outcome); }, Row::End},
+    {"Reason", "s", [](auto& record) { return PropertyValue(record.reason); }, Row::End},
+};
+
+ipc::Interface describe() {
+  ipc::Interface interface {
+    kInterface, {}, { "Cancel" }
+  };
+  for (const Row& row : kRows) {
+    interface.properties.push_back({row.name, row.type, row.changes != Row::Never});
+  }
+  return interface;
+}
+
+/// The places of the properties that a change up to `most` may have touched.
+std::vector<std::size_t> touched(int most) {
+  std::vector<std::size_t> places;
+  for (std::size_t place = 0; place < std::size(kRows); ++place) {
+    if (kRows[place].changes != Row::Never && kRows[place].changes <= most) {
+      places.push_back(place);
+    }
+  }
+  return places;
+}
+
+}  // namespace
+
+TransferObjects::TransferObjects(TransferRecords& records, ipc::Objects& bus)
+    : records_(records), bus_(bus) {
+  bus_.Publish(kFolder, describe(), this);
+  records_.observe(this);
+}
+
+TransferObjects::~TransferObjects() {
+  records_.observe(nullptr);
+}
+
+PropertyValue TransferObjects::Read(std::uint64_t number, std::size_t property) const {
+  const TransferRecord* record = records_.find(number);
+  return kRows[property].read(record != nullptr ? *record : TransferRecord());
+}
+
+MethodError TransferObjects::Call(std::uint64_t number, std::size_t) {
+  switch (records_.cancel(number)) {
+    case TransferRecords::Cancel::Done:
+      return {};
+    case TransferRecords::Cancel::Unknown:
+      return {"org.freedesktop.DBus.Error.UnknownObject", "There is no such transfer."};
+    case TransferRecords::Cancel::Ended:
+      return {"kova.Error.TransferEnded", "The transfer has ended."};
+    case TransferRecords::Cancel::Finalising:
+      break;
+  }
+  return {"kova.Error.TransferFinalising",
+          "The file is being checked, installed or flashed, which is not interrupted."};
+}
+
+bool TransferObjects::signal(std::uint64_t number, News news) {
+  if (news == News::Removal) {
+    return bus_.Removed(*this, number);
+  }
+  if (news == News::Arrival) {
+    return bus_.Added(*this, number);
+  }
+  const TransferRecord* record = records_.find(number);
+  const bool ended = record != nullptr && record->phase == TransferPhase::Ended;
+  const int most = news == News::Progress ? Row::Progress : ended ? Row::End : Row::Phase;
+  return bus_.Changed(*this, number, touched(most));
+}
+
+void TransferObjects::transferAdded(const TransferRecord& record) {
+  if (!signal(record.number, News::Arrival)) {
+    news_[record.number] = News::Arrival;
+  }
+}
+
+void TransferObjects::transferChanged(const TransferRecord& record, TransferChange change) {
+  const auto late = news_.find(record.number);
+  if (late != news_.end() && late->second == News::Arrival) {
+    return;  // which will tell everything
+  }
+  if (change == TransferChange::Progress) {
+    news_.emplace(record.number, News::Progress);
+    return;
+  }
+  if (signal(record.number, News::Change)) {
+    news_.erase(record.number);
+  } else {
+    news_[record.number] = News::Change;
+  }
+}
+
+void TransferObjects::transferRemoved(std::uint64_t number) {
+  const auto late = news_.find(number);
+  const bool unknown = late != news_.end() && late->second == News::Arrival;
+  if (unknown || signal(number, News::Removal)) {
+    news_.erase(number);
+  } else {
+    news_[number] = News::Removal;
+  }
+}
+
+// Goes on behind the last one served, so that none waits forever.
+void TransferObjects::service() {
+  for (std::size_t count = 0; count < kProgressPerPass && !news_.empty(); ++count) {
+    auto next = news_.upper_bound(lastServiced_);
+    if (next == news_.end()) {
+      next = news_.begin();
+    }
+    if (!signal(next->first, next->second)) {
+      return;
+    }
+    lastServiced_ = next->first;
+    news_.erase(next);
+  }
+}
+
+}  // namespace kova::ctlserver

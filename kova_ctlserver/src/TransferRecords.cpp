@@ -1,0 +1,185 @@
+#include "TransferRecords.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "DisplayText.h"
+#include "kova/utils/Clock.h"
+
+namespace kova::ctlserver {
+namespace {
+
+// Longer causes are cut before they are searched for credentials.
+constexpr std::size_t kMostCauseBytes = 8192;
+
+std::uint64_t wallClockUs() {
+  const timeval time = utils::now();
+  return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
+         static_cast<std::uint64_t>(time.tv_usec);
+}
+
+std::string reasonOf(const std::string& cause, const std::string& userInfo) {
+  const std::string clean = withoutCredentials(cause.substr(0, kMostCauseBytes), userInfo);
+  return displayText(sentence(clean), TransferRecord::kMostReasonBytes);
+}
+
+}  // namespace
+
+const char* phaseName(TransferPhase phase) {
+  switch (phase) {
+    case TransferPhase::Preparing:
+      return "preparing";
+    case TransferPhase::Transferring:
+      return "transferring";
+    case TransferPhase::Finalising:
+      return "finalising";
+    case TransferPhase::Ended:
+      break;
+  }
+  return "ended";
+}
+
+const TransferRecord* TransferRecords::find(std::uint64_t number) const {
+  if (const auto entry = running_.find(number); entry != running_.end()) {
+    return &entry->second.record;
+  }
+  const auto ended = std::ranges::find(ended_, number, &TransferRecord::number);
+  return ended != ended_.end() ? &*ended : nullptr;
+}
+
+std::vector<std::uint64_t> TransferRecords::numbers() const {
+  std::vector<std::uint64_t> numbers;
+  for (const auto& [number, running] : running_) {
+    numbers.push_back(number);
+  }
+  for (const TransferRecord& record : ended_) {
+    numbers.push_back(record.number);
+  }
+  std::ranges::sort(numbers);
+  return numbers;
+}
+
+TransferRecords::Cancel TransferRecords::cancel(std::uint64_t number) {
+  const TransferRecord* record = find(number);
+  if (record == nullptr) {
+    return Cancel::Unknown;
+  }
+  if (record->phase == TransferPhase::Ended) {
+    return Cancel::Ended;
+  }
+  const bool begun = record->phase == TransferPhase::Finalising;
+  if (begun || canceller_ == nullptr || !canceller_->cancelTransfer(number)) {
+    return Cancel::Finalising;
+  }
+  return Cancel::Done;
+}
+
+std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
+  const std::uint64_t number = ++lastNumber_;
+  Running& running = running_[number];
+  TransferRecord& record = running.record;
+  record.number = number;
+  record.requestId = facts.requestId;
+  record.requester = displayText(facts.requester, TransferRecord::kMostNameBytes);
+  record.kind = facts.kind;
+  record.direction = facts.direction;
+  record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMostUriBytes);
+  record.file = displayText(facts.file, TransferRecord::kMostFileBytes);
+  record.started = wallClockUs();
+  running.userInfo = userInfoOf(facts.uri);
+  running.toldMs = utils::nowMs();
+  if (observer_ != nullptr) {
+    observer_->transferAdded(record);
+  }
+  return number;
+}
+
+void TransferRecords::setFile(std::uint64_t number, const std::string& file) {
+  if (Running* const found = running(number)) {
+    found->record.file = displayText(file, TransferRecord::kMostFileBytes);
+  }
+}
+
+void TransferRecords::enter(std::uint64_t number, TransferPhase phase) {
+  Running* const found = running(number);
+  if (found == nullptr || phase <= found->record.phase || phase == TransferPhase::Ended) {
+    return;
+  }
+  found->record.phase = phase;
+  tell(*found, TransferChange::Phase);
+}
+
+void TransferRecords::progress(std::uint64_t number, std::uint64_t transferred,
+                               std::uint64_t size) {
+  if (Running* const found = running(number)) {
+    found->record.transferred = transferred;
+    found->record.size = size;
+    setNews(*found, true);
+  }
+}
+
+void TransferRecords::end(std::uint64_t number, const std::string& outcome,
+                          const std::string& reason, int httpStatus) {
+  Running* const found = running(number);
+  if (found == nullptr) {
+    return;
+  }
+  setNews(*found, false);
+  TransferRecord& record = found->record;
+  record.phase = TransferPhase::Ended;
+  record.ended = wallClockUs();
+  record.httpStatus = static_cast<std::uint16_t>(std::clamp(httpStatus, 0, 0xFFFF));
+  record.outcome = outcome;
+  record.reason = reasonOf(reason, found->userInfo);
+  auto node = running_.extract(number);
+  keepEnded(std::move(node.mapped().record));
+}
+
+void TransferRecords::keepEnded(TransferRecord record) {
+  ended_.push_back(std::move(record));
+  if (observer_ != nullptr) {
+    observer_->transferChanged(ended_.back(), TransferChange::End);
+  }
+  if (ended_.size() <= kMostEnded) {
+    return;
+  }
+  const std::uint64_t oldest = ended_.front().number;
+  ended_.pop_front();
+  if (observer_ != nullptr) {
+    observer_->transferRemoved(oldest);
+  }
+}
+
+void TransferRecords::flush() {
+  if (withNews_ == 0) {
+    return;
+  }
+  const std::uint64_t now = utils::nowMs();
+  for (auto& [number, running] : running_) {
+    if (running.hasNews && now - running.toldMs >= kProgressMs) {
+      tell(running, TransferChange::Progress);
+    }
+  }
+}
+
+TransferRecords::Running* TransferRecords::running(std::uint64_t number) {
+  const auto entry = running_.find(number);
+  return entry != running_.end() ? &entry->second : nullptr;
+}
+
+void TransferRecords::tell(Running& running, TransferChange change) {
+  setNews(running, false);
+  running.toldMs = utils::nowMs();
+  if (observer_ != nullptr) {
+    observer_->transferChanged(running.record, change);
+  }
+}
+
+void TransferRecords::setNews(Running& running, bool hasNews) {
+  if (running.hasNews != hasNews) {
+    running.hasNews = hasNews;
+    withNews_ += hasNews ? 1 : std::size_t(-1);
+  }
+}
+
+}  // namespace kova::ctlserver

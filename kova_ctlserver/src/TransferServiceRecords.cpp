@@ -1,0 +1,110 @@
+// What the transfer service tells the records of its runs.
+
+#include <algorithm>
+#include <cstring>
+
+#include "BaseTransferTask.h"
+#include "DisplayText.h"
+#include "TransferService.h"
+#include "kova/logger/Logger.h"
+
+namespace kova::ctlserver {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ctlserver";
+constexpr char kLogUnit[] = "TransferService";
+
+}  // namespace
+
+/// The run that a request has armed the task for. Runs of the task that have not ended lose it: its
+/// parameters are now those of the request, even if that is refused.
+TransferRun TransferService::TakeOver(BaseTransferTask& task) {
+  TransferRun run;
+  run.task = &task;
+  run.record = task.record();
+  records_.setFile(run.record, task.path());
+  for (auto& [uri, other] : tasks_) {
+    if (other.task == &task) {
+      other.takenOverBy = run.record;
+      run.tookOver = std::max(run.tookOver, other.record);
+    }
+  }
+  return run;
+}
+
+bool TransferService::Refuse(const TransferRun& run, const std::string& reason) {
+  records_.end(run.record, kOutcomeRefused, reason);
+  return false;
+}
+
+void TransferService::End(const TransferRun& run, const TransferRun::End& end) {
+  records_.end(run.record, end.outcome, run.explain(end.reason), run.httpStatus);
+}
+
+void TransferService::EndFailed(const std::string& uri, TransferRun& run, TransferStatus status) {
+  if (run.httpStatus == 0) {
+    run.httpStatus = HttpStatusOf(uri);
+  }
+  const bool cancelled = status == TRANSFER_CANCELLED;
+  End(run,
+      {cancelled ? kOutcomeCancelled : BaseTransferTask::decodeTransferStatus(status), run.cause});
+}
+
+std::uint64_t TransferService::recordOfUri(const std::string& uri) const {
+  const auto entry = tasks_.find(uri);
+  return entry != tasks_.end() ? entry->second.record : 0;
+}
+
+std::uint64_t TransferService::recordOfName(const std::string& name) const {
+  const auto entry = std::ranges::find_if(tasks_, [&](const auto& candidate) {
+    const BaseTransferTask& task = *candidate.second.task;
+    return task.name() == name && !task.finalizing();
+  });
+  return entry != tasks_.end() ? entry->second.record : 0;
+}
+
+/// The local side knows better than libcurl why it failed the transfer.
+void TransferService::NoteCompletion(TransferRun& run, TransferStatus status, int httpCode) {
+  run.httpStatus = httpCode;
+  if (status != TRANSFER_OK && run.cause.empty()) {
+    run.cause = Cause();
+  }
+}
+
+void TransferService::NoteReceived(TransferRun& run, std::uint64_t received, long total) {
+  run.transferred = received;
+  if (run.task->download()) {
+    records_.progress(run.record, received, total > 0 ? static_cast<std::uint64_t>(total) : 0);
+  }
+}
+
+void TransferService::NoteRead(const std::string& uri, const utils::File& file, int error) {
+  const auto entry = tasks_.find(uri);
+  if (entry == tasks_.end()) {
+    return;
+  }
+  TransferRun& run = entry->second;
+  run.transferred = file.Cursor();
+  records_.progress(run.record, file.Cursor(), file.Size());
+  if (error != 0) {
+    run.cause = std::string("the file could not be read: ") + std::strerror(error);
+  }
+}
+
+/// Runs between two turns, so the transfer can be removed at once.
+bool TransferService::cancelTransfer(std::uint64_t record) {
+  const auto entry = std::ranges::find_if(
+      tasks_, [&](const auto& candidate) { return candidate.second.record == record; });
+  if (entry == tasks_.end()) {
+    return false;
+  }
+  const std::string uri = entry->first;
+  KOVA_LOG(LOG_INFO, 0, "Transfer cancelled on request, name=%s, uri=%s",
+           entry->second.task->name().c_str(), withoutUserInfo(uri).c_str());
+  entry->second.cause = "the transfer was cancelled on request";
+  cancel(uri, false, TRANSFER_CANCELLED, 0);
+  cancelFinalize();
+  return true;
+}
+
+}  // namespace kova::ctlserver

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ExitStatus.h"
+#include "Options.h"
+#include "TransferRecord.h"
+#include "kova/ipc/BusObjects.h"
+
+namespace kova::ctl {
+
+/// The objects of the control server: its transfers and what it tells about the camera.
+///
+/// Each call waits for its answer, at most the time-out of the options. Failures to get one are
+/// reported as by Client.
+class Objects {
+ public:
+  using Answer = ipc::BusObjects::Answer;
+
+  explicit Objects(const Options& options) : options_(options) {}
+
+  ExitStatus Open();
+  /// Reads the transfers, the latest first, one by one if there are too many for one answer.
+  /// @param take called with each until it returns false
+  /// @return Ok if there is an answer, which may be an error
+  ExitStatus ReadTransfers(const std::function<bool(const TransferRecord&)>& take, Answer& answer);
+  ExitStatus Read(const std::string& path, const std::string& interface, Answer& answer);
+  /// @param patient whether to go on waiting after a stop signal
+  ExitStatus Call(const std::string& path, const std::string& interface, const std::string& method,
+                  Answer& answer, bool patient = false);
+
+  ipc::BusObjects& Bus() { return bus_; }
+
+ private:
+  using Start = std::function<bool(ipc::BusObjects::Receiver)>;
+  ExitStatus ReadAll(Answer& answer);
+  ExitStatus ListTransfers(std::vector<std::string>& numbers, Answer& answer);
+  ExitStatus Await(const Start& start, Answer& answer, bool patient);
+
+  const Options& options_;
+  ipc::BusObjects bus_{kServer};
+};
+
+/// Whether the error says that there is no such object, interface or method.
+bool isUnknown(const Objects::Answer& answer);
+
+/// Reports an error in an answer.
+/// @param what what failed, for example "the list of transfers"
+ExitStatus failOn(const Objects::Answer& answer, const std::string& what);
+
+}  // namespace kova::ctl

@@ -1,0 +1,176 @@
+#include "TransferRecord.h"
+
+#include <algorithm>
+#include <ctime>
+
+#include "Text.h"
+#include "kova/utils/Strings.h"
+
+namespace kova::ctl {
+namespace {
+
+using variant::Variant;
+
+// Digits of the largest number.
+constexpr std::size_t kMostDigits = 20;
+// The end of the year 9999.
+constexpr std::uint64_t kLastTime = 253402300799999999;
+
+const std::string& text(const Variant& properties, std::string_view name) {
+  static const std::string none;
+  const Variant* value = properties.Find(name);
+  return value != nullptr ? value->ToText() : none;
+}
+
+std::uint64_t number(const Variant& properties, std::string_view name) {
+  const Variant* value = properties.Find(name);
+  return value != nullptr ? value->ToNumber<std::uint64_t>() : 0;
+}
+
+bool isBefore(const std::string& a, const std::string& b) {
+  return a.size() != b.size() ? a.size() < b.size() : a < b;
+}
+
+std::string state(const TransferRecord& record) {
+  if (record.HasEnded()) {
+    return printable(record.outcome);
+  }
+  const bool measured = record.size > 0 && record.transferred <= record.size;
+  return printable(record.phase) +
+         (measured ? utils::format(" %.0f %%", 100.0 * static_cast<double>(record.transferred) /
+                                                   static_cast<double>(record.size))
+                   : "");
+}
+
+std::string bytes(const TransferRecord& record) {
+  const std::string done = humanBytes(static_cast<double>(record.transferred));
+  return record.HasEnded() || record.size == 0
+             ? done
+             : done + " of " + humanBytes(static_cast<double>(record.size));
+}
+
+Cells cellsOf(const TransferRecord& record) {
+  return {record.number, printable(record.kind),   state(record),
+          bytes(record), timeText(record.started), printable(record.uri)};
+}
+
+}  // namespace
+
+bool isTransferNumber(std::string_view text) {
+  return !text.empty() && text.size() <= kMostDigits && text.front() != '0' &&
+         text.find_first_not_of("0123456789") == text.npos;
+}
+
+std::string pathOfTransfer(const std::string& number) {
+  return std::string(kTransfersPath) + "/" + number;
+}
+
+TransferRecord transferRecord(const std::string& number, const Variant& properties) {
+  TransferRecord record;
+  record.number = number;
+  record.requestId = ctl::number(properties, "RequestId");
+  record.requester = text(properties, "Requester");
+  record.kind = text(properties, "Kind");
+  record.direction = text(properties, "Direction");
+  record.uri = text(properties, "Uri");
+  record.file = text(properties, "File");
+  record.phase = text(properties, "Phase");
+  record.transferred = ctl::number(properties, "Transferred");
+  record.size = ctl::number(properties, "Size");
+  record.started = ctl::number(properties, "Started");
+  record.ended = ctl::number(properties, "Ended");
+  record.httpStatus = static_cast<std::uint32_t>(ctl::number(properties, "HttpStatus"));
+  record.outcome = text(properties, "Outcome");
+  record.reason = text(properties, "Reason");
+  return record;
+}
+
+std::vector<TransferRecord> transferRecords(const Variant& objects) {
+  std::vector<TransferRecord> records;
+  const std::string parent = std::string(kTransfersPath) + "/";
+  for (const auto& [path, interfaces] : objects.Elements()) {
+    const Variant* properties = interfaces.Find(kTransferInterface);
+    const std::string number = path.starts_with(parent) ? path.substr(parent.size()) : "";
+    if (properties != nullptr && isTransferNumber(number)) {
+      records.push_back(transferRecord(number, *properties));
+    }
+  }
+  std::ranges::sort(records, isBefore, &TransferRecord::number);
+  return records;
+}
+
+std::vector<std::string> transferNumbers(std::string_view introspection) {
+  constexpr std::string_view kNode = "<node name=\"";
+  std::vector<std::string> numbers;
+  for (std::size_t at = 0; (at = introspection.find(kNode, at)) != introspection.npos;) {
+    at += kNode.size();
+    const std::string_view name = introspection.substr(at, introspection.find('"', at) - at);
+    if (isTransferNumber(name)) {
+      numbers.emplace_back(name);
+    }
+  }
+  std::ranges::sort(numbers, isBefore);
+  return numbers;
+}
+
+Variant transferResult(const TransferRecord& record) {
+  return Variant::Map{{"id", record.number},
+                      {"requestId", std::to_string(record.requestId)},
+                      {"requester", record.requester},
+                      {"kind", record.kind},
+                      {"direction", record.direction},
+                      {"uri", record.uri},
+                      {"file", record.file},
+                      {"phase", record.phase},
+                      {"transferred", record.transferred},
+                      {"size", record.size},
+                      {"started", timeResult(record.started)},
+                      {"ended", timeResult(record.ended)},
+                      {"httpStatus", record.httpStatus},
+                      {"outcome", record.outcome},
+                      {"reason", record.reason}};
+}
+
+std::string transferTable(const std::vector<TransferRecord>& records) {
+  std::vector<Cells> lines{{"No.", "Kind", "State", "Bytes", "Started", "URI"}};
+  for (const TransferRecord& record : records) {
+    lines.push_back(cellsOf(record));
+    if (!record.reason.empty()) {
+      lines.push_back({"", printable(record.reason)});
+    }
+  }
+  return records.empty() ? "The camera knows of no transfer.\n" : grid(lines);
+}
+
+std::string transferLine(const TransferRecord& record) {
+  std::string line;
+  for (const std::string& cell : cellsOf(record)) {
+    line += (line.empty() ? "" : "  ") + cell;
+  }
+  return line + (record.reason.empty() ? "" : "  " + printable(record.reason));
+}
+
+Variant timeResult(std::uint64_t microseconds) {
+  constexpr std::uint64_t kSecond = 1000000;
+  if (microseconds == 0 || microseconds > kLastTime) {
+    return {};
+  }
+  return timeval{static_cast<time_t>(microseconds / kSecond),
+                 static_cast<suseconds_t>(microseconds % kSecond)};
+}
+
+std::string timeText(std::uint64_t microseconds) {
+  const Variant time = timeResult(microseconds);
+  if (time.IsEmpty()) {
+    return "-";
+  }
+  const std::time_t seconds = time.ToTime().tv_sec;
+  tm local{};
+  char text[32] = "-";
+  if (localtime_r(&seconds, &local) != nullptr) {
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  }
+  return text;
+}
+
+}  // namespace kova::ctl

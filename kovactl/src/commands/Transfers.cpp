@@ -1,0 +1,179 @@
+#include <algorithm>
+#include <chrono>
+#include <map>
+
+#include "../Command.h"
+#include "../Objects.h"
+#include "../Output.h"
+#include "../Terminal.h"
+#include "../Text.h"
+#include "../TransferFollower.h"
+#include "../TransferRecord.h"
+
+namespace kova::ctl {
+namespace {
+
+using Records = std::vector<TransferRecord>;
+using variant::Variant;
+
+// Reads all transfers in the order of their numbers.
+ExitStatus read(Objects& objects, Records& records, Objects::Answer& answer) {
+  const auto take = [&records](const TransferRecord& record) {
+    records.push_back(record);
+    return true;
+  };
+  const ExitStatus asked = objects.ReadTransfers(take, answer);
+  std::ranges::reverse(records);
+  return asked;
+}
+
+ExitStatus showOnce(const Options& options, Objects& objects) {
+  Records records;
+  Objects::Answer answer;
+  if (const ExitStatus asked = read(objects, records, answer); asked != ExitStatus::Ok) {
+    return asked;
+  }
+  if (!answer.error.empty()) {
+    return failOn(answer, "its transfers");
+  }
+  Variant list = Variant::Array{};
+  for (const TransferRecord& record : records) {
+    list.PushToArray(transferResult(record));
+  }
+  return present(options, list, transferTable(records));
+}
+
+// Presents what has changed since the last time, one line each.
+class Changes {
+ public:
+  explicit Changes(const Options& options) : options_(options) {}
+
+  ExitStatus Present(const Records& records) {
+    std::map<std::string, TransferRecord> seen;
+    for (const TransferRecord& record : records) {
+      const auto before = last_.find(record.number);
+      const bool changed = before == last_.end() || IsNews(before->second, record);
+      const ExitStatus shown =
+          changed ? presentEach(options_, transferResult(record), transferLine(record) + "\n")
+                  : ExitStatus::Ok;
+      if (shown != ExitStatus::Ok) {
+        return shown;
+      }
+      seen[record.number] = record;
+    }
+    last_ = std::move(seen);
+    return ExitStatus::Ok;
+  }
+
+ private:
+  // For people each phase, for programs everything.
+  bool IsNews(const TransferRecord& before, const TransferRecord& now) const {
+    return options_.json ? !(before == now)
+                         : before.phase != now.phase || before.outcome != now.outcome;
+  }
+
+  const Options& options_;
+  std::map<std::string, TransferRecord> last_;
+};
+
+// Waits for a change, at least for as long as the camera waits before it signals the next.
+ExitStatus awaitChange(Objects& objects, const bool& changed) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kLeast(200);
+  constexpr std::chrono::seconds kMost(2);
+  constexpr unsigned kSliceMs = 50;
+  const auto start = Clock::now();
+  while (Clock::now() - start < (changed ? Clock::duration(kLeast) : Clock::duration(kMost))) {
+    if (stopRequested()) {
+      return stopStatus();
+    }
+    if (!objects.Bus().Service(kSliceMs)) {
+      return fail(ExitStatus::Unreachable, "the connection to the bus was lost");
+    }
+  }
+  return ExitStatus::Ok;
+}
+
+using Frame = std::function<ExitStatus(const Records&)>;
+
+ExitStatus readInto(Objects& objects, const Frame& frame) {
+  Records records;
+  Objects::Answer answer;
+  if (const ExitStatus asked = read(objects, records, answer); asked != ExitStatus::Ok) {
+    return asked;
+  }
+  if (answer.error.empty()) {
+    return frame(records);
+  }
+  // A camera that flashes its firmware answers later.
+  return exitForError(answer.error) == ExitStatus::NoAnswer ? ExitStatus::Ok
+                                                            : failOn(answer, "its transfers");
+}
+
+ExitStatus repeat(Objects& objects, const Frame& frame) {
+  bool changed = false;
+  objects.Bus().Follow("/kova", [&changed] { changed = true; });
+  while (true) {
+    changed = false;
+    ExitStatus status = readInto(objects, frame);
+    status = status == ExitStatus::Ok ? awaitChange(objects, changed) : status;
+    if (status != ExitStatus::Ok) {
+      return status;
+    }
+  }
+}
+
+ExitStatus watch(const Options& options, Objects& objects) {
+  if (outputIsTerminal() && !options.json) {
+    AlternateScreen screen;
+    return repeat(objects, [&screen](const Records& records) {
+      return screen.Show("Ctrl-C to stop\n\n" + transferTable(records)) ? ExitStatus::Ok : show("");
+    });
+  }
+  Changes changes(options);
+  return repeat(objects, [&changes](const Records& records) { return changes.Present(records); });
+}
+
+ExitStatus cancel(const Options& options, const std::string& number) {
+  if (!isTransferNumber(number)) {
+    return fail(ExitStatus::Usage, "\"" + number +
+                                       "\" is not the number of a transfer: \"kovactl transfers\" "
+                                       "lists them");
+  }
+  Objects objects(options);
+  if (const ExitStatus opened = objects.Open(); opened != ExitStatus::Ok) {
+    return opened;
+  }
+  const ExitStatus cancelled = cancelTransfer(objects, number);
+  return cancelled == ExitStatus::Ok ? present(options, Variant::Map{{"id", number}},
+                                               "Transfer " + number + " is cancelled.\n")
+                                     : cancelled;
+}
+
+}  // namespace
+
+Action setUpTransfers(CommandLine& line) {
+  auto watching = std::make_shared<bool>(false);
+  line.Flag("--watch", *watching, "Go on until Ctrl-C");
+  line.Footer(
+      "Shows the transfers under way and the last 32 that have ended, with the reason of each "
+      "failure. On a terminal --watch refreshes in place, elsewhere it prints a line for each new "
+      "phase; with --json it prints a line for each change.");
+  return [watching](const Options& options) {
+    Objects objects(options);
+    const ExitStatus opened = objects.Open();
+    if (opened != ExitStatus::Ok) {
+      return opened;
+    }
+    return *watching ? watch(options, objects) : showOnce(options, objects);
+  };
+}
+
+Action setUpCancel(CommandLine& line) {
+  auto number = std::make_shared<std::string>();
+  line.Argument("N", *number, "Number of the transfer, as \"kovactl transfers\" lists it");
+  line.Footer("A transfer that is being installed or flashed cannot be cancelled.");
+  return [number](const Options& options) { return cancel(options, *number); };
+}
+
+}  // namespace kova::ctl

@@ -1,0 +1,258 @@
+#include "FakeCamera.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <string_view>
+
+#include "../../platform/ipc/src/Wire.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using variant::Variant;
+
+template <typename Value>
+Value valueOf(const FakeCamera::Properties& properties, const char* name) {
+  const auto found = properties.find(name);
+  return found != properties.end() && std::holds_alternative<Value>(found->second)
+             ? std::get<Value>(found->second)
+             : Value();
+}
+
+int append(sd_bus_message* reply, const FakeCamera::Properties& properties, const char* name,
+           std::string_view type) {
+  const auto number = valueOf<std::uint64_t>(properties, name);
+  if (type == "t") {
+    return sd_bus_message_append(reply, "t", number);
+  }
+  if (type == "q" || type == "b") {
+    return sd_bus_message_append(reply, type.data(), static_cast<int>(number));
+  }
+  if (type == "(ts)") {
+    return sd_bus_message_append(reply, "(ts)", number, number != 0 ? "ok" : "");
+  }
+  return sd_bus_message_append(reply, "s", valueOf<std::string>(properties, name).c_str());
+}
+
+std::string_view typeOf(std::string_view name) {
+  if (name == "RequestId" || name == "Transferred" || name == "Size" || name == "Started" ||
+      name == "Ended") {
+    return "t";
+  }
+  if (name.ends_with("Pending") || name == "ButtonReadable") {
+    return "b";
+  }
+  return name == "HttpStatus" ? "q" : name == "LastSave" ? "(ts)" : "s";
+}
+
+std::string pathOf(const std::string& number) {
+  return "/kova/transfers/" + number;
+}
+
+}  // namespace
+
+int FakeCamera::ReadTransfer(sd_bus*, const char*, const char*, const char* name,
+                             sd_bus_message* reply, void* transfer, sd_bus_error*) {
+  return append(reply, static_cast<Transfer*>(transfer)->properties, name, typeOf(name));
+}
+
+int FakeCamera::ReadDevice(sd_bus*, const char*, const char*, const char* name,
+                           sd_bus_message* reply, void* camera, sd_bus_error*) {
+  return append(reply, static_cast<FakeCamera*>(camera)->device_, name, typeOf(name));
+}
+
+const sd_bus_vtable* FakeCamera::IpcTable() {
+  static const sd_bus_vtable table[] = {
+      SD_BUS_VTABLE_START(0),
+      SD_BUS_METHOD("Send", "a{sv}", "a{sv}", ipc::callback<&FakeCamera::OnSend>,
+                    SD_BUS_VTABLE_UNPRIVILEGED),
+      SD_BUS_VTABLE_END,
+  };
+  return table;
+}
+
+const sd_bus_vtable* FakeCamera::TransferTable() {
+  constexpr auto kChanges = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+  static const sd_bus_vtable table[] = {
+      SD_BUS_VTABLE_START(0),
+      SD_BUS_METHOD("Cancel", "", "", ipc::callback<&Transfer::OnCancel>,
+                    SD_BUS_VTABLE_UNPRIVILEGED),
+      SD_BUS_PROPERTY("RequestId", "t", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Requester", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Kind", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Direction", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Uri", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("File", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Phase", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Transferred", "t", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Size", "t", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Started", "t", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Ended", "t", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("HttpStatus", "q", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Outcome", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Reason", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_VTABLE_END,
+  };
+  return table;
+}
+
+const sd_bus_vtable* FakeCamera::DeviceTable() {
+  static const sd_bus_vtable table[] = {
+      SD_BUS_VTABLE_START(0),
+      SD_BUS_PROPERTY("Model", "s", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("SysId", "s", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("Name", "s", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("FirmwareVersion", "s", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("DaemonVersion", "s", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("BootId", "s", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("SavePending", "b", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("ResetPending", "b", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("LastSave", "(ts)", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("ButtonReadable", "b", ReadDevice, 0, 0),
+      SD_BUS_VTABLE_END,
+  };
+  return table;
+}
+
+FakeCamera::FakeCamera(Script script) : script_(std::move(script)) {
+  std::string error;
+  bus_ = ipc::openBus(false, error);
+  EXPECT_NE(bus_, nullptr) << error;
+  sd_bus_slot* slot = nullptr;
+  EXPECT_GE(sd_bus_add_object_manager(bus_.get(), &slot, "/kova"), 0);
+  slots_.emplace_back(slot);
+  EXPECT_GE(sd_bus_add_object_vtable(bus_.get(), &slot, "/kova", "kova.Ipc1", IpcTable(), this), 0);
+  slots_.emplace_back(slot);
+  EXPECT_GE(
+      sd_bus_add_object_vtable(bus_.get(), &slot, "/kova", "kova.Device1", DeviceTable(), this), 0);
+  slots_.emplace_back(slot);
+  EXPECT_GE(sd_bus_request_name(bus_.get(), "kova.kova_ctlserver", 0), 0);
+  thread_ = std::thread([this] { Serve(); });
+}
+
+FakeCamera::~FakeCamera() {
+  stop_ = true;
+  thread_.join();
+  transfers_.clear();
+  slots_.clear();
+}
+
+void FakeCamera::Serve() {
+  while (!stop_) {
+    {
+      const auto lock = Lock();
+      while (sd_bus_process(bus_.get(), nullptr) > 0) {
+      }
+      sd_bus_flush(bus_.get());
+    }
+    pollfd socket{sd_bus_get_fd(bus_.get()), POLLIN, 0};
+    poll(&socket, 1, 5);
+  }
+}
+
+int FakeCamera::OnSend(sd_bus_message* call, sd_bus_error*) {
+  std::string reason;
+  EXPECT_TRUE(ipc::wire::decode(call, request_, reason)) << reason;
+  if (script_) {
+    script_(*this, request_);
+  }
+  Variant answer = Variant::Map{};
+  if (request_["functionName"] == Variant("GetSystemStats")) {
+    answer = Variant::Map{{"functionName", "__response__"},
+                          {"requestId", request_["id"]},
+                          {"statusCode", std::uint64_t{0}},
+                          {"payload", Variant::Map{{"uptime", Variant::Map{{"sec", 61}}}}}};
+  }
+  sd_bus_message* created = nullptr;
+  EXPECT_GE(sd_bus_message_new_method_return(call, &created), 0);
+  const ipc::MessagePtr reply(created);
+  EXPECT_TRUE(ipc::wire::encode(answer, created, reason)) << reason;
+  return sd_bus_send(nullptr, created, nullptr);
+}
+
+int FakeCamera::Transfer::OnCancel(sd_bus_message* call, sd_bus_error*) {
+  if (!camera->refusal_.empty()) {
+    return sd_bus_reply_method_errorf(call, "kova.Error.NotCancellable", "%s",
+                                      camera->refusal_.c_str());
+  }
+  camera->cancelled_.push_back(number);
+  camera->Change(number, {{"Phase", "ended"}, {"Outcome", "CANCELLED"}});
+  return sd_bus_reply_method_return(call, "");
+}
+
+void FakeCamera::Publish(const std::string& number, const Properties& properties) {
+  const auto lock = Lock();
+  if (transfers_.contains(number)) {
+    EXPECT_GE(sd_bus_emit_object_removed(bus_.get(), pathOf(number).c_str()), 0);
+    transfers_.erase(number);
+  }
+  auto transfer = std::make_unique<Transfer>();
+  transfer->camera = this;
+  transfer->number = number;
+  transfer->properties = properties;
+  sd_bus_slot* slot = nullptr;
+  EXPECT_GE(sd_bus_add_object_vtable(bus_.get(), &slot, pathOf(number).c_str(), "kova.Transfer1",
+                                     TransferTable(), transfer.get()),
+            0);
+  transfer->slot.reset(slot);
+  transfers_[number] = std::move(transfer);
+  EXPECT_GE(sd_bus_emit_object_added(bus_.get(), pathOf(number).c_str()), 0);
+}
+
+void FakeCamera::Change(const std::string& number, const Properties& properties) {
+  const auto lock = Lock();
+  std::vector<std::string> names;
+  for (const auto& [name, value] : properties) {
+    transfers_.at(number)->properties[name] = value;
+    names.push_back(name);
+  }
+  std::vector<char*> changed;
+  for (std::string& name : names) {
+    changed.push_back(name.data());
+  }
+  changed.push_back(nullptr);
+  EXPECT_GE(sd_bus_emit_properties_changed_strv(bus_.get(), pathOf(number).c_str(),
+                                                "kova.Transfer1", changed.data()),
+            0);
+}
+
+void FakeCamera::Tell(const std::string& name, std::uint64_t value) {
+  const auto lock = Lock();
+  device_[name] = value;
+}
+
+void FakeCamera::Tell(const std::string& name, const std::string& value) {
+  const auto lock = Lock();
+  device_[name] = value;
+}
+
+void FakeCamera::Crowd() {
+  const auto lock = Lock();
+  sd_bus_slot* slot = nullptr;
+  EXPECT_GE(sd_bus_add_filter(bus_.get(), &slot, ipc::callback<&FakeCamera::OnAny>, this), 0);
+  slots_.emplace_back(slot);
+}
+
+int FakeCamera::OnAny(sd_bus_message* message, sd_bus_error*) {
+  return sd_bus_message_is_method_call(message, "org.freedesktop.DBus.ObjectManager", nullptr) > 0
+             ? sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED, "%s", "too many")
+             : 0;
+}
+
+void FakeCamera::RefuseToCancel(const std::string& text) {
+  const auto lock = Lock();
+  refusal_ = text;
+}
+
+std::vector<std::string> FakeCamera::Cancelled() const {
+  const auto lock = Lock();
+  return cancelled_;
+}
+
+Variant FakeCamera::LastRequest() const {
+  const auto lock = Lock();
+  return request_;
+}
+
+}  // namespace kova::ctl::testing

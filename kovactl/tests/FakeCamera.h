@@ -1,0 +1,82 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include "../../platform/ipc/src/SdBus.h"
+#include "kova/variant/Variant.h"
+
+namespace kova::ctl::testing {
+
+/// A control server that publishes its transfers and itself, on a separate thread. It takes every
+/// request, and answers GetSystemStats.
+class FakeCamera {
+ public:
+  /// The values of properties; numbers are sent with the types of the interface.
+  using Properties = std::map<std::string, std::variant<std::string, std::uint64_t>>;
+  /// Called with each request on the camera's thread; may publish and change transfers.
+  using Script = std::function<void(FakeCamera& camera, const variant::Variant& request)>;
+
+  explicit FakeCamera(Script script = {});
+  ~FakeCamera();
+  FakeCamera(const FakeCamera&) = delete;
+  FakeCamera& operator=(const FakeCamera&) = delete;
+
+  /// Publishes a transfer, in the place of one with this number; what is not given is "" or 0.
+  void Publish(const std::string& number, const Properties& properties);
+  /// Changes properties and signals that.
+  void Change(const std::string& number, const Properties& properties);
+  /// Sets a property of the camera; "LastSave" is the time, and its outcome is "ok".
+  void Tell(const std::string& name, std::uint64_t value);
+  void Tell(const std::string& name, const std::string& value);
+  /// Refuses to list its transfers, which are too many for one answer, from now on.
+  void Crowd();
+  /// Answers cancellations with an error from now on.
+  void RefuseToCancel(const std::string& text);
+
+  /// The numbers of the transfers that were cancelled.
+  std::vector<std::string> Cancelled() const;
+  variant::Variant LastRequest() const;
+
+ private:
+  struct Transfer {
+    FakeCamera* camera = nullptr;
+    std::string number;
+    Properties properties;
+    ipc::SlotPtr slot;
+    int OnCancel(sd_bus_message* call, sd_bus_error* error);
+  };
+
+  void Serve();
+  int OnAny(sd_bus_message* message, sd_bus_error* error);
+  int OnSend(sd_bus_message* call, sd_bus_error* error);
+  std::unique_lock<std::recursive_mutex> Lock() const { return std::unique_lock(mutex_); }
+  static int ReadTransfer(sd_bus* bus, const char* path, const char* interface, const char* name,
+                          sd_bus_message* reply, void* transfer, sd_bus_error* error);
+  static int ReadDevice(sd_bus* bus, const char* path, const char* interface, const char* name,
+                        sd_bus_message* reply, void* camera, sd_bus_error* error);
+  static const sd_bus_vtable* IpcTable();
+  static const sd_bus_vtable* TransferTable();
+  static const sd_bus_vtable* DeviceTable();
+
+  Script script_;
+  mutable std::recursive_mutex mutex_;  // of the connection and of all below
+  ipc::BusPtr bus_;
+  std::vector<ipc::SlotPtr> slots_;
+  std::map<std::string, std::unique_ptr<Transfer>> transfers_;
+  Properties device_;
+  std::string refusal_;
+  std::vector<std::string> cancelled_;
+  variant::Variant request_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+}  // namespace kova::ctl::testing

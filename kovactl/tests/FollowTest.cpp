@@ -1,0 +1,327 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "Child.h"
+#include "FakeCamera.h"
+#include "PrivateBus.h"
+
+namespace kova::ctl::testing {
+namespace {
+
+using namespace std::string_literals;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using variant::Variant;
+
+constexpr const char* kDigest = "900150983cd24fb0d6963f7d28e17f72";
+
+std::vector<std::string> putLogo(const std::vector<std::string>& more = {"--wait"}) {
+  std::vector<std::string> arguments = {"put",       "logo", "http://x/logo", "--hash", kDigest,
+                                        "--timeout", "60"};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
+
+std::uint64_t idOf(const Variant& request) {
+  return request.Find("id")->ToNumber<std::uint64_t>();
+}
+
+// Publishes transfer 7 in this state.
+FakeCamera::Script publishing(const FakeCamera::Properties& state) {
+  return [state](FakeCamera& camera, const Variant& request) {
+    FakeCamera::Properties properties = state;
+    properties["RequestId"] = idOf(request);
+    camera.Publish("7", properties);
+  };
+}
+
+FakeCamera::Script endingAs(const std::string& outcome, const std::string& reason) {
+  return publishing({{"Phase", "ended"}, {"Outcome", outcome}, {"Reason", reason}});
+}
+
+FakeCamera::Script transferring() {
+  return publishing({{"Phase", "transferring"},
+                     {"Kind", "logo"},
+                     {"Transferred", std::uint64_t{512}},
+                     {"Size", std::uint64_t{1024}}});
+}
+
+Variant jsonOf(const std::string& text) {
+  Variant value;
+  EXPECT_GT(Variant::FromJSON(text, value), 0) << text;
+  return value;
+}
+
+class Follow : public ::testing::Test {
+ protected:
+  ipc::testing::PrivateBus bus_;
+};
+
+TEST_F(Follow, SuccessIsToldWithStatus0) {
+  const std::pair<const char*, const char*> successes[] = {
+      {"OK", "OK: The logo is installed.\n"},
+      {"ALREADY_INSTALLED", "ALREADY_INSTALLED: The logo is installed.\n"}};
+  for (const auto& [outcome, shown] : successes) {
+    const FakeCamera camera(endingAs(outcome, "The logo is installed."));
+    for (const char* wait : {"--wait", "--json"}) {
+      const Result result = run(putLogo({wait}));
+      EXPECT_EQ(result.status, 0) << result.err;
+      if (wait == "--wait"s) {
+        EXPECT_EQ(result.out, shown);
+      } else {
+        EXPECT_EQ(jsonOf(result.out).Find("result")->Find("outcome")->ToText(), outcome);
+      }
+    }
+  }
+}
+
+TEST_F(Follow, RefusalIsToldWithAndWithoutWait) {
+  const FakeCamera camera(endingAs("REFUSED", "A transfer from this URI\nis running."));
+  for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--wait"}}) {
+    const Result result = run(putLogo(more));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "kovactl: the camera refused the transfer: A transfer from this URI\\nis running.\n");
+  }
+}
+
+TEST_F(Follow, FailureIsToldWithItsReason) {
+  const FakeCamera camera(endingAs("TRANSFER_FAILED", "The server answered with HTTP status 404."));
+  const Result result = run(putLogo());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "kovactl: the transfer failed: TRANSFER_FAILED: The server answered with HTTP status "
+            "404.\n");
+}
+
+TEST_F(Follow, OutcomeEndsWaitAtOnce) {
+  FakeCamera camera(transferring());
+  Child child(putLogo());
+  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  camera.Change("7", {{"Phase", "finalising"}});
+  ASSERT_TRUE(child.AwaitError("finalising\n"));
+  camera.Change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "OK\n");
+  EXPECT_EQ(result.err, "transferring\nfinalising\n");
+}
+
+TEST_F(Follow, UploadsAndFirmwareAreFollowedToo) {
+  const FakeCamera camera(endingAs("OK", ""));
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"get", "snapshot", "http://x/", "--wait"},
+        {"firmware", "http://x/fw.bin", "--wait"}}) {
+    const Result result = run(arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "OK\n");
+  }
+}
+
+TEST_F(Follow, WithoutWaitNumberIsTold) {
+  const FakeCamera camera(transferring());
+  const Result result = run(putLogo({}));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out,
+            "The camera accepted transfer 7; \"kovactl transfers\" shows how it goes on.\n");
+  const Variant json = jsonOf(run(putLogo({"--json"})).out);
+  EXPECT_EQ(*json.Find("ok"), Variant(true));
+  EXPECT_EQ(json.Find("result")->Find("id")->ToText(), "7");
+  EXPECT_EQ(json.Find("result")->Find("requestId")->ToText(),
+            std::to_string(idOf(camera.LastRequest())));
+  EXPECT_EQ(json.Find("result")->Find("outcome")->ToText(), "taken");
+}
+
+TEST_F(Follow, JsonTellsOutcomeAndError) {
+  const FakeCamera camera(endingAs("VALIDATION_FAILED", "It is no picture."));
+  const Result result = run(putLogo({"--wait", "--json"}));
+  EXPECT_EQ(result.status, 1);
+  const Variant json = jsonOf(result.out);
+  EXPECT_EQ(*json.Find("ok"), Variant(false));
+  EXPECT_EQ(json.Find("error")->Find("code")->ToText(), "refused");
+  EXPECT_EQ(json.Find("error")->Find("text")->ToText(),
+            "the transfer failed: VALIDATION_FAILED: It is no picture.");
+  EXPECT_EQ(json.Find("result")->Find("reason")->ToText(), "It is no picture.");
+}
+
+TEST_F(Follow, TerminalShowsBarAndErasesIt) {
+  FakeCamera camera(transferring());
+  Child child(putLogo(), Child::On::Terminal);
+  ASSERT_TRUE(child.AwaitOutput(" 50 %  [")) << child.out();
+  ASSERT_TRUE(child.AwaitOutput("512 B of 1.0 KiB"));
+  camera.Change("7", {{"Phase", "finalising\x1b[2J"}});
+  ASSERT_TRUE(child.AwaitOutput("finalising\\x1b[2J"));
+  camera.Change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.out, EndsWith("\r\x1b[KOK\r\n"));
+}
+
+TEST_F(Follow, StopTellsHowToCancel) {
+  const FakeCamera camera(transferring());
+  Child child(putLogo());
+  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  child.Signal(SIGINT);
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_THAT(result.err, HasSubstr("the camera goes on with transfer 7"));
+  EXPECT_THAT(result.err, HasSubstr("\"kovactl cancel 7\" cancels it"));
+  EXPECT_TRUE(camera.Cancelled().empty());
+}
+
+TEST_F(Follow, StopCancelsOnRequest) {
+  const FakeCamera camera(transferring());
+  Child child(putLogo({"--wait", "--cancel"}));
+  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  child.Signal(SIGINT);
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_THAT(result.err, HasSubstr("transfer 7 is cancelled"));
+  EXPECT_EQ(camera.Cancelled(), std::vector<std::string>{"7"});
+  const Result alone = run(putLogo({"--cancel"}));
+  EXPECT_EQ(alone.status, 2);
+  EXPECT_THAT(alone.err, HasSubstr("--cancel needs --wait"));
+}
+
+TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
+  auto camera = std::make_unique<FakeCamera>(transferring());
+  Child child(putLogo());
+  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  camera.reset();
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 5);
+  EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
+}
+
+TEST_F(Follow, TimeOutTellsPhase) {
+  const FakeCamera camera(transferring());
+  auto arguments = putLogo();
+  arguments[6] = "0.1";
+  const Result result = run(arguments);
+  EXPECT_EQ(result.status, 5);
+  EXPECT_THAT(result.err, HasSubstr("the camera is still transferring"));
+}
+
+TEST_F(Follow, TransfersOfOthersAreNotFollowed) {
+  const FakeCamera camera([](FakeCamera& self, const Variant& request) {
+    self.Publish("7", {{"RequestId", idOf(request) + 1}, {"Phase", "ended"}, {"Outcome", "OK"}});
+    self.Publish("8", {{"RequestId", idOf(request)}, {"Phase", "ended"}, {"Outcome", "REFUSED"}});
+  });
+  EXPECT_EQ(run(putLogo()).status, 1);
+}
+
+TEST_F(Follow, ListShowsTransfersAndReasons) {
+  FakeCamera camera;
+  EXPECT_EQ(run({"transfers"}).out, "The camera knows of no transfer.\n");
+  camera.Publish("9", {{"Kind", "logo"}, {"Phase", "transferring"}});
+  camera.Publish("10", {{"Kind", "sound"},
+                        {"Phase", "ended"},
+                        {"Outcome", "REFUSED"},
+                        {"Reason", "It is \x1b[31mtoo large."}});
+  const Result result = run({"transfers"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.out, HasSubstr("9    logo   transferring"));
+  EXPECT_THAT(result.out, HasSubstr("     It is \\x1b[31mtoo large.\n"));
+  const Variant json = jsonOf(run({"transfers", "--json"}).out);
+  ASSERT_EQ(json.Find("result")->Size(), 2U);
+  EXPECT_EQ(json.Find("result")->Items()[1].Find("id")->ToText(), "10");
+}
+
+TEST_F(Follow, TooManyTransfersAreReadOneByOne) {
+  FakeCamera camera(endingAs("REFUSED", "There are too many."));
+  camera.Crowd();
+  for (int number = 10; number < 15; ++number) {
+    camera.Publish(std::to_string(number), {{"Phase", "transferring"}});
+  }
+  EXPECT_THAT(run(putLogo()).err, HasSubstr("There are too many."));
+  const Variant json = jsonOf(run({"transfers", "--json"}).out);
+  ASSERT_EQ(json.Find("result")->Size(), 6U);
+  EXPECT_EQ(json.Find("result")->Items().front().Find("id")->ToText(), "7");
+  EXPECT_EQ(json.Find("result")->Items().back().Find("id")->ToText(), "14");
+}
+
+TEST_F(Follow, WatchPrintsPhasesAndAllChangesAsJson) {
+  FakeCamera camera;
+  camera.Publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});
+  Child child({"transfers", "--watch"});
+  Child json({"transfers", "--watch", "--json"});
+  ASSERT_TRUE(child.AwaitOutput("transferring"));
+  ASSERT_TRUE(json.AwaitOutput("\"transferred\":0"));
+  camera.Change("7", {{"Transferred", std::uint64_t{99}}});
+  ASSERT_TRUE(json.AwaitOutput("\"transferred\":99"));
+  camera.Change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  ASSERT_TRUE(child.AwaitOutput("OK"));
+  child.Signal(SIGINT);
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 2);
+  json.Signal(SIGTERM);
+  const Result documents = json.Wait();
+  EXPECT_EQ(documents.status, 143);
+  EXPECT_THAT(documents.out, HasSubstr("\"code\":\"terminated\""));
+}
+
+TEST_F(Follow, WatchRefreshesTerminal) {
+  FakeCamera camera;
+  Child child({"transfers", "--watch"}, Child::On::Terminal);
+  ASSERT_TRUE(child.AwaitOutput("The camera knows of no transfer."));
+  camera.Publish("7", {{"Kind", "logo"}, {"Phase", "preparing"}});
+  ASSERT_TRUE(child.AwaitOutput("preparing"));
+  child.Write("\x03");
+  EXPECT_EQ(child.Wait().status, 130);
+}
+
+TEST_F(Follow, CancelTellsAnswerOfCamera) {
+  FakeCamera camera;
+  EXPECT_EQ(run({"cancel", "0"}).status, 2);
+  EXPECT_EQ(run({"cancel", "7/../8"}).status, 2);
+  const Result missing = run({"cancel", "7"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_THAT(missing.err, HasSubstr("the camera knows of no transfer 7"));
+  camera.Publish("7", {{"Phase", "transferring"}});
+  const Result done = run({"cancel", "7"});
+  EXPECT_EQ(done.status, 0);
+  EXPECT_EQ(done.out, "Transfer 7 is cancelled.\n");
+  camera.RefuseToCancel("The image is being flashed.");
+  const Result refused = run({"cancel", "7"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.err, "kovactl: transfer 7 cannot be cancelled: The image is being flashed.\n");
+}
+
+TEST_F(Follow, InfoAndMetricsDescribeDevice) {
+  FakeCamera camera;
+  camera.Tell("Model", "Virtual \x1b[1m");
+  camera.Tell("SavePending", 1);
+  camera.Tell("LastSave", 1700000000000000);
+  const Result info = run({"info"});
+  EXPECT_EQ(info.status, 0) << info.err;
+  EXPECT_THAT(info.out, HasSubstr("Model           Virtual \\x1b[1m\n"));
+  EXPECT_THAT(info.out, HasSubstr("Save            pending\n"));
+  EXPECT_THAT(info.out, HasSubstr(", ok\n"));
+  const Variant json = jsonOf(run({"info", "--json"}).out);
+  EXPECT_EQ(json.Find("result")->Find("lastSave")->Find("time")->ToText(),
+            "2023-11-14T22:13:20.000000Z");
+  const Result metrics = run({"metrics"});
+  EXPECT_EQ(metrics.status, 0) << metrics.err;
+  EXPECT_THAT(metrics.out, HasSubstr("kova_uptime_seconds 61\n"));
+  EXPECT_THAT(metrics.out, HasSubstr("kova_save_pending 1\n"));
+  EXPECT_THAT(metrics.out, EndsWith("# EOF\n"));
+}
+
+TEST_F(Follow, AbsentServerIsStatus3) {
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{"transfers"},
+                                                    {"transfers", "--watch"},
+                                                    {"cancel", "7"},
+                                                    {"info"},
+                                                    {"metrics"}}) {
+    const Result result = run(arguments);
+    EXPECT_EQ(result.status, 3) << arguments.front();
+    EXPECT_THAT(result.err, HasSubstr("\"kova_ctlserver\" is not on the bus"));
+  }
+}
+
+}  // namespace
+}  // namespace kova::ctl::testing

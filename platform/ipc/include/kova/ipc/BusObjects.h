@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "kova/variant/Variant.h"
+
+namespace kova::ipc {
+
+/// Reads the objects that an endpoint publishes at "/kova" and below, over a connection of its own
+/// (D-Bus specification, "Standard Interfaces").
+///
+/// One call is under way at a time: starting another abandons the one before. Service() delivers
+/// its answer. What arrives is bounded in size but otherwise as untrusted as its sender; see
+/// docs/bus.md for how D-Bus types become those of Variant.
+class BusObjects {
+ public:
+  struct Answer {
+    std::string error;       ///< D-Bus error name; "" for success
+    std::string text;        ///< error message
+    variant::Variant value;  ///< what was returned; empty if nothing
+  };
+  using Receiver = std::function<void(const Answer&)>;
+
+  /// @param endpoint whose objects to read
+  explicit BusObjects(std::string endpoint);
+  ~BusObjects();
+  BusObjects(const BusObjects&) = delete;
+  BusObjects& operator=(const BusObjects&) = delete;
+
+  /// Joins the bus, without a name.
+  /// @param error receives what went wrong
+  bool Open(std::string& error);
+
+  /// Reads all objects below "/kova": a map from path to a map from interface to a map of
+  /// properties.
+  bool ReadAll(std::uint32_t timeoutMs, Receiver receiver);
+  /// Reads the properties of an interface of an object: a map.
+  bool Read(const std::string& path, const std::string& interface, std::uint32_t timeoutMs,
+            Receiver receiver);
+  /// Calls a method without arguments.
+  bool Call(const std::string& path, const std::string& interface, const std::string& method,
+            std::uint32_t timeoutMs, Receiver receiver);
+
+  /// Calls `changed` for every signal of the objects at `path` and below, until another path is
+  /// followed. Signals are not read: what has changed is to be read anew.
+  bool Follow(const std::string& path, std::function<void()> changed);
+
+  /// Handles pending messages, at most 128; waits up to `timeoutMs` if none is pending. False if
+  /// the connection is lost. Calls the receivers, which may start calls.
+  bool Service(unsigned timeoutMs);
+
+ private:
+  class Connection;
+  std::string endpoint_;
+  std::unique_ptr<Connection> connection_;
+};
+
+}  // namespace kova::ipc

@@ -1,0 +1,396 @@
+#include "ObjectServer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "Outgoing.h"
+#include "Protocol.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/Parsing.h"
+#include "kova/utils/Utf8.h"
+
+namespace kova::ipc {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_ipc";
+constexpr char kLogUnit[] = "ObjectServer";
+
+// What a property takes besides its text: its name, its type, the padding and its share of the
+// object's path and interfaces.
+constexpr std::size_t kPropertyBytes = 64;
+constexpr std::size_t kMostUnsentBytes = std::size_t{8} * 1024 * 1024;
+
+int refuse(sd_bus_error* error, const char* name, const char* text) {
+  return sd_bus_error_set_const(error, name, text);
+}
+
+int failed(sd_bus_error* error) {
+  sd_bus_error_free(error);
+  return refuse(error, SD_BUS_ERROR_FAILED, "internal error");
+}
+
+const char* typeOf(const PropertyValue& value) {
+  static constexpr const char* kTypes[] = {"b", "q", "t", "s", "(ts)"};
+  static_assert(std::size(kTypes) == std::variant_size_v<PropertyValue>);
+  return kTypes[value.index()];
+}
+
+struct Appender {
+  sd_bus_message* reply;
+
+  int operator()(bool flag) const {
+    const int value = flag ? 1 : 0;
+    return sd_bus_message_append_basic(reply, 'b', &value);
+  }
+  int operator()(std::uint16_t number) const {
+    return sd_bus_message_append_basic(reply, 'q', &number);
+  }
+  int operator()(std::uint64_t number) const {
+    return sd_bus_message_append_basic(reply, 't', &number);
+  }
+  int operator()(const std::string& text) const {
+    return sd_bus_message_append_basic(reply, 's', text.c_str());
+  }
+  int operator()(const Moment& moment) const {
+    return sd_bus_message_append(reply, "(ts)", moment.timeUs, moment.what.c_str());
+  }
+};
+
+/// Repairs the text of a value and tells its length.
+std::size_t repairText(PropertyValue& value) {
+  std::string* text = std::get_if<std::string>(&value);
+  if (Moment* moment = std::get_if<Moment>(&value)) {
+    text = &moment->what;
+  }
+  if (text == nullptr) {
+    return 0;
+  }
+  *text = shownText(*text, Objects::kMostTextBytes);
+  return text->size();
+}
+
+template <typename Row, typename NameOf>
+std::size_t placeOf(const std::vector<Row>& rows, std::string_view name, NameOf nameOf) {
+  const auto found =
+      std::find_if(rows.begin(), rows.end(), [&](const Row& row) { return name == nameOf(row); });
+  return static_cast<std::size_t>(found - rows.begin());
+}
+
+}  // namespace
+
+std::uint64_t objectNumber(const std::string& folder, const char* path) {
+  std::string_view rest(path);
+  if (!rest.starts_with(folder)) {
+    return 0;
+  }
+  rest.remove_prefix(folder.size());
+  std::uint64_t number = 0;
+  if (!rest.starts_with('/') || rest.starts_with("/0") ||
+      !utils::parseNumber(rest.substr(1), number)) {
+    return 0;
+  }
+  return number;
+}
+
+std::string shownText(const std::string& text, std::size_t most) {
+  std::string shown;
+  std::string_view rest(text);
+  while (!rest.empty()) {
+    char32_t code = 0;
+    const std::size_t length = utils::decodeUtf8(rest, code);
+    const bool valid = length != 0 && code != 0;
+    const std::string_view taken = valid ? rest.substr(0, length) : "?";
+    if (shown.size() + taken.size() > most) {
+      break;
+    }
+    shown.append(taken);
+    rest.remove_prefix(valid ? length : 1);
+  }
+  return shown;
+}
+
+bool ObjectServer::Publish(const Interface& interface, PublishedObject* object) {
+  return Add({*this, interface, kObjectPath, object, nullptr});
+}
+
+bool ObjectServer::Publish(const std::string& folder, const Interface& interface,
+                           PublishedFolder* objects) {
+  return Add({*this, interface, std::string(kObjectPath) + "/" + folder, nullptr, objects});
+}
+
+bool ObjectServer::Add(Publication publication) {
+  if (bus_ != nullptr) {
+    KOVA_LOG(LOG_ERR, 0, "Unable to publish \"%s\": already joined", publication.interface.name);
+    return false;
+  }
+  publication.table = TableOf(publication.interface);
+  publications_.push_back(std::move(publication));
+  return true;
+}
+
+std::vector<sd_bus_vtable> ObjectServer::TableOf(const Interface& interface) {
+  const sd_bus_vtable start = SD_BUS_VTABLE_START(0);
+  const sd_bus_vtable end = SD_BUS_VTABLE_END;
+  std::vector<sd_bus_vtable> table{start};
+  for (const char* method : interface.methods) {
+    const sd_bus_vtable row = SD_BUS_METHOD(method, "", "", OnCall, SD_BUS_VTABLE_UNPRIVILEGED);
+    table.push_back(row);
+  }
+  for (const Property& property : interface.properties) {
+    const sd_bus_vtable row = SD_BUS_PROPERTY(
+        property.name, property.type, OnRead, 0,
+        property.changes ? SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE : SD_BUS_VTABLE_PROPERTY_CONST);
+    table.push_back(row);
+  }
+  table.push_back(end);
+  return table;
+}
+
+int ObjectServer::Register(Publication& publication) {
+  sd_bus_slot* slot = nullptr;
+  const char* path = publication.path.c_str();
+  const char* name = publication.interface.name;
+  if (publication.object != nullptr) {
+    const int result =
+        sd_bus_add_object_vtable(bus_, &slot, path, name, publication.table.data(), &publication);
+    slots_.emplace_back(slot);
+    return result;
+  }
+  // One registration serves all objects of a folder, so that they cost no memory here.
+  int result = sd_bus_add_fallback_vtable(bus_, &slot, path, name, publication.table.data(), OnFind,
+                                          &publication);
+  slots_.emplace_back(slot);
+  if (result >= 0) {
+    slot = nullptr;
+    result = sd_bus_add_node_enumerator(bus_, &slot, path, OnList, &publication);
+    slots_.emplace_back(slot);
+  }
+  return result;
+}
+
+bool ObjectServer::Serve(sd_bus* bus, std::string& error) {
+  int result = 0;
+  bus_ = bus;
+  if (!publications_.empty()) {
+    sd_bus_slot* slot = nullptr;
+    result = sd_bus_add_object_manager(bus, &slot, kObjectPath);
+    slots_.emplace_back(slot);
+  }
+  for (auto one = publications_.begin(); one != publications_.end() && result >= 0; ++one) {
+    result = Register(*one);
+  }
+  if (result < 0) {
+    error = explain("Unable to publish objects", result);
+    Leave();
+  }
+  return result >= 0;
+}
+
+void ObjectServer::Leave() {
+  slots_.clear();
+  bus_ = nullptr;
+}
+
+// --- sd-bus asks ---------------------------------------------------------------------------------
+
+int ObjectServer::OnFind(sd_bus*, const char* path, const char*, void* publication, void** found,
+                         sd_bus_error* error) noexcept {
+  const int result = guarded(__func__, -EIO, [&] {
+    const auto& self = *static_cast<Publication*>(publication);
+    const std::uint64_t number = objectNumber(self.path, path);
+    *found = publication;
+    return number != 0 && self.folder->Has(number) ? 1 : 0;
+  });
+  return result >= 0 ? result : failed(error);
+}
+
+int ObjectServer::OnList(sd_bus*, const char*, void* publication, char*** paths,
+                         sd_bus_error* error) noexcept {
+  const int result = guarded(__func__, -EIO, [&] {
+    const auto& self = *static_cast<Publication*>(publication);
+    return self.server.List(self, paths, error);
+  });
+  return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
+}
+
+int ObjectServer::OnRead(sd_bus*, const char* path, const char*, const char* property,
+                         sd_bus_message* reply, void* publication, sd_bus_error* error) noexcept {
+  const int result = guarded(__func__, -EIO, [&] {
+    const auto& self = *static_cast<Publication*>(publication);
+    return self.server.Read(self, path, property, reply, error);
+  });
+  return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
+}
+
+int ObjectServer::OnCall(sd_bus_message* call, void* publication, sd_bus_error* error) noexcept {
+  const int result = guarded(
+      __func__, -EIO, [&] { return Call(*static_cast<Publication*>(publication), call, error); });
+  return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
+}
+
+bool ObjectServer::Charge(std::size_t bytes) {
+  answerBytes_ += bytes;
+  unsentBytes_ += bytes;
+  return answerBytes_ <= kMostAnswerBytes;
+}
+
+std::size_t ObjectServer::UnsentBytes() {
+  std::uint64_t unsent = 0;
+  if (bus_ != nullptr && sd_bus_get_n_queued_write(bus_, &unsent) >= 0 && unsent == 0) {
+    unsentBytes_ = 0;
+  }
+  return unsentBytes_;
+}
+
+// The list and its texts are freed by sd-bus.
+int ObjectServer::List(const Publication& publication, char*** paths, sd_bus_error* error) {
+  const std::vector<std::uint64_t> numbers = publication.folder->Numbers();
+  if (!Charge(numbers.size() * kPropertyBytes)) {
+    return refuse(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many objects for one answer");
+  }
+  auto** list = static_cast<char**>(std::calloc(numbers.size() + 1, sizeof(char*)));
+  if (list == nullptr) {
+    return -ENOMEM;
+  }
+  std::size_t count = 0;
+  for (const std::uint64_t number : numbers) {
+    const std::string path = publication.path + "/" + std::to_string(number);
+    list[count] = strdup(path.c_str());
+    if (list[count++] == nullptr) {
+      break;
+    }
+  }
+  *paths = list;
+  return 0;
+}
+
+int ObjectServer::Read(const Publication& publication, const char* path, const char* property,
+                       sd_bus_message* reply, sd_bus_error* error) {
+  const auto& rows = publication.interface.properties;
+  const std::size_t place = placeOf(rows, property, [](const Property& row) { return row.name; });
+  const std::uint64_t number =
+      publication.folder != nullptr ? objectNumber(publication.path, path) : 0;
+  if (publication.folder != nullptr && !publication.folder->Has(number)) {
+    return refuse(error, SD_BUS_ERROR_UNKNOWN_OBJECT, "it is gone");
+  }
+  PropertyValue value = publication.folder != nullptr ? publication.folder->Read(number, place)
+                                                      : publication.object->Read(place);
+  if (!Charge(kPropertyBytes + repairText(value))) {
+    return refuse(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many objects for one answer");
+  }
+  if (std::string_view(rows[place].type) != typeOf(value)) {
+    KOVA_LOG(LOG_ERR, 0, "Property \"%s\" has a different type than declared", property);
+    return -EINVAL;
+  }
+  return std::visit(Appender{reply}, value);
+}
+
+int ObjectServer::Call(const Publication& publication, sd_bus_message* call, sd_bus_error* error) {
+  const std::size_t place = placeOf(publication.interface.methods, sd_bus_message_get_member(call),
+                                    [](const char* name) { return name; });
+  const MethodError failure =
+      publication.folder == nullptr
+          ? publication.object->Call(place)
+          : publication.folder->Call(objectNumber(publication.path, sd_bus_message_get_path(call)),
+                                     place);
+  if (!failure.name.empty()) {
+    return sd_bus_error_set(error, failure.name.c_str(),
+                            shownText(failure.text, kMostTextBytes).c_str());
+  }
+  return sd_bus_reply_method_return(call, "");
+}
+
+// --- signals -------------------------------------------------------------------------------------
+
+template <typename Published>
+const ObjectServer::Publication* ObjectServer::Find(const Published& published) const {
+  const auto found = std::find_if(publications_.begin(), publications_.end(), [&](auto& one) {
+    if constexpr (std::is_same_v<Published, PublishedObject>) {
+      return one.object == &published;
+    } else {
+      return one.folder == &published;
+    }
+  });
+  return found != publications_.end() ? &*found : nullptr;
+}
+
+bool ObjectServer::CanSignal() {
+  std::uint64_t unsent = 0;
+  return bus_ != nullptr && sd_bus_get_n_queued_write(bus_, &unsent) >= 0 &&
+         unsent < Outgoing::kMaxUnsent && UnsentBytes() <= kMostUnsentBytes;
+}
+
+// What fails otherwise than by CanSignal() would fail again.
+bool ObjectServer::Signalled(const char* what, const std::string& path, int result) const {
+  if (result < 0) {
+    KOVA_LOG(LOG_WARNING, -result, "Unable to signal %s of %s", what, path.c_str());
+  }
+  return true;
+}
+
+bool ObjectServer::EmitChanged(const Publication& publication, const std::string& path,
+                               const std::vector<std::size_t>& properties) {
+  if (!CanSignal()) {
+    return false;
+  }
+  std::vector<char*> names;
+  for (const std::size_t place : properties) {
+    names.push_back(const_cast<char*>(publication.interface.properties.at(place).name));
+  }
+  names.push_back(nullptr);
+  BeginMessage();
+  return Signalled("a change", path,
+                   sd_bus_emit_properties_changed_strv(bus_, path.c_str(),
+                                                       publication.interface.name, names.data()));
+}
+
+bool ObjectServer::Changed(const PublishedObject& object,
+                           const std::vector<std::size_t>& properties) {
+  return guarded(__func__, false, [&] {
+    const Publication* found = Find(object);
+    return found != nullptr && EmitChanged(*found, found->path, properties);
+  });
+}
+
+bool ObjectServer::Changed(const PublishedFolder& objects, std::uint64_t number,
+                           const std::vector<std::size_t>& properties) {
+  return guarded(__func__, false, [&] {
+    const Publication* found = Find(objects);
+    return found != nullptr &&
+           EmitChanged(*found, found->path + "/" + std::to_string(number), properties);
+  });
+}
+
+bool ObjectServer::Added(const PublishedFolder& objects, std::uint64_t number) {
+  return guarded(__func__, false, [&] {
+    const Publication* found = Find(objects);
+    if (found == nullptr || !CanSignal()) {
+      return false;
+    }
+    const std::string path = found->path + "/" + std::to_string(number);
+    BeginMessage();
+    return Signalled("the arrival", path, sd_bus_emit_object_added(bus_, path.c_str()));
+  });
+}
+
+bool ObjectServer::Removed(const PublishedFolder& objects, std::uint64_t number) {
+  return guarded(__func__, false, [&] {
+    const Publication* found = Find(objects);
+    if (found == nullptr || !CanSignal()) {
+      return false;
+    }
+    // Those that sd_bus_emit_object_added() names, too; the object itself is gone.
+    const std::string path = found->path + "/" + std::to_string(number);
+    Charge(kPropertyBytes);
+    return Signalled("the removal", path,
+                     sd_bus_emit_interfaces_removed(bus_, path.c_str(), "org.freedesktop.DBus.Peer",
+                                                    "org.freedesktop.DBus.Introspectable",
+                                                    "org.freedesktop.DBus.Properties",
+                                                    found->interface.name, nullptr));
+  });
+}
+
+}  // namespace kova::ipc

@@ -1,0 +1,213 @@
+#include "kova/ipc/BusObjects.h"
+
+#include "BusTest.h"
+
+namespace kova::ipc::testing {
+namespace {
+
+constexpr std::uint32_t kPatienceMs = 10000;
+
+/// An endpoint whose answers a test composes. It answers each call of any method below "/kova".
+class Publisher {
+ public:
+  using Compose = std::function<int(sd_bus_message* reply)>;
+
+  explicit Publisher(Compose compose) : compose_(std::move(compose)) {
+    std::string error;
+    bus_ = openBus(false, error);
+    EXPECT_NE(bus_, nullptr) << error;
+    sd_bus_slot* slot = nullptr;
+    EXPECT_GE(sd_bus_add_fallback(bus_.get(), &slot, "/kova", callback<&Publisher::OnCall>, this),
+              0);
+    slot_.reset(slot);
+    EXPECT_GE(sd_bus_request_name(bus_.get(), "kova.published", 0), 0);
+  }
+
+  void Service() {
+    while (sd_bus_process(bus_.get(), nullptr) > 0) {
+    }
+  }
+  void Signal(const char* path) {
+    EXPECT_GE(sd_bus_emit_signal(bus_.get(), path, "kova.Ipc1", "Broadcast", "a{sv}", 0), 0);
+    sd_bus_flush(bus_.get());
+  }
+
+  std::vector<std::string> calls;  ///< path, interface and member, and the argument
+
+ private:
+  int OnCall(sd_bus_message* call, sd_bus_error*) {
+    std::string seen = std::string(sd_bus_message_get_path(call)) + " " +
+                       sd_bus_message_get_interface(call) + "." + sd_bus_message_get_member(call);
+    const char* argument = nullptr;
+    if (sd_bus_message_has_signature(call, "s") > 0 &&
+        sd_bus_message_read(call, "s", &argument) > 0) {
+      seen += std::string(" ") + argument;
+    }
+    calls.push_back(seen);
+    if (!compose_) {
+      return sd_bus_reply_method_errorf(call, "kova.Error.Busy", "it is being %s", "flashed");
+    }
+    sd_bus_message* created = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_return(call, &created), 0);
+    const MessagePtr reply(created);
+    EXPECT_GE(compose_(created), 0);
+    return sd_bus_send(nullptr, created, nullptr);
+  }
+
+  Compose compose_;
+  BusPtr bus_;
+  SlotPtr slot_;
+};
+
+class BusObjectsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(objects_.Open(error)) << error;
+  }
+  BusObjects::Receiver Keep() {
+    return [this](const BusObjects::Answer& answer) { answers_.push_back(answer); };
+  }
+  bool Until(Publisher* publisher, const std::function<bool()>& done) {
+    const std::uint64_t deadline = utils::nowMs() + kPatienceMs;
+    while (!done() && utils::nowMs() < deadline) {
+      if (publisher != nullptr) {
+        publisher->Service();
+      }
+      if (!objects_.Service(5)) {
+        return done();
+      }
+    }
+    return done();
+  }
+  BusObjects::Answer Answered(Publisher* publisher) {
+    EXPECT_TRUE(Until(publisher, [this] { return !answers_.empty(); }));
+    return answers_.empty() ? BusObjects::Answer{} : answers_.back();
+  }
+
+  PrivateBus bus_;
+  BusObjects objects_{"published"};
+  std::vector<BusObjects::Answer> answers_;
+};
+
+TEST_F(BusObjectsTest, ReadsPropertiesOfEveryType) {
+  Publisher publisher([](sd_bus_message* reply) {
+    return sd_bus_message_append(reply, "a{sv}", 5, "Text", "s", "x", "Long", "t", UINT64_MAX,
+                                 "Short", "q", 404, "Flag", "b", 1, "Save", "(ts)",
+                                 std::uint64_t{7}, "failed");
+  });
+  ASSERT_TRUE(objects_.Read("/kova/transfers/7", "kova.Transfer1", kPatienceMs, Keep()));
+  const auto answer = Answered(&publisher);
+  EXPECT_EQ(answer.error, "");
+  EXPECT_EQ(*answer.value.Find("Text"), Variant("x"));
+  EXPECT_EQ(*answer.value.Find("Long"), Variant(UINT64_MAX));
+  EXPECT_EQ(answer.value.Find("Short")->ToNumber<int>(), 404);
+  EXPECT_EQ(*answer.value.Find("Flag"), Variant(true));
+  EXPECT_EQ(*answer.value.Find("Save"), (Variant(Variant::Array{std::uint64_t{7}, "failed"})));
+  EXPECT_EQ(publisher.calls,
+            std::vector<std::string>{
+                "/kova/transfers/7 org.freedesktop.DBus.Properties.GetAll kova.Transfer1"});
+}
+
+TEST_F(BusObjectsTest, ReadsAllObjectsByPath) {
+  Publisher publisher([](sd_bus_message* reply) {
+    return sd_bus_message_append(reply, "a{oa{sa{sv}}}", 2, "/kova/transfers/1", 1,
+                                 "kova.Transfer1", 1, "Kind", "s", "logo", "/kova/transfers/2", 0);
+  });
+  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
+  const Variant all = Answered(&publisher).value;
+  ASSERT_EQ(all.Size(), 2U);
+  EXPECT_EQ(all.Find("/kova/transfers/1")->Find("kova.Transfer1")->Find("Kind")->ToText(), "logo");
+  EXPECT_EQ(publisher.calls,
+            std::vector<std::string>{"/kova org.freedesktop.DBus.ObjectManager.GetManagedObjects"});
+}
+
+TEST_F(BusObjectsTest, CallsMethodsAndTellsTheirErrors) {
+  Publisher publisher(nullptr);
+  ASSERT_TRUE(objects_.Call("/kova/transfers/7", "kova.Transfer1", "Cancel", kPatienceMs, Keep()));
+  const auto answer = Answered(&publisher);
+  EXPECT_EQ(answer.error, "kova.Error.Busy");
+  EXPECT_EQ(answer.text, "it is being flashed");
+  EXPECT_EQ(publisher.calls, std::vector<std::string>{"/kova/transfers/7 kova.Transfer1.Cancel"});
+}
+
+TEST_F(BusObjectsTest, AnswerWithoutValueIsEmpty) {
+  Publisher publisher([](sd_bus_message*) { return 0; });
+  ASSERT_TRUE(objects_.Call("/kova", "kova.Any1", "Any", kPatienceMs, Keep()));
+  const auto answer = Answered(&publisher);
+  EXPECT_EQ(answer.error, "");
+  EXPECT_TRUE(answer.value.IsEmpty());
+}
+
+TEST_F(BusObjectsTest, OversizedAndOddAnswersAreErrors) {
+  const std::string large(wire::kMaxBodySize + 1, 'x');
+  const Publisher::Compose odd[] = {
+      [&](sd_bus_message* reply) {
+        return sd_bus_message_append(reply, "a{sv}", 1, "Text", "s", large.c_str());
+      },
+      [](sd_bus_message* reply) { return sd_bus_message_append(reply, "ss", "one", "two"); },
+      [](sd_bus_message* reply) { return sd_bus_message_append(reply, "a{us}", 1, 7U, "x"); },
+  };
+  for (const auto& compose : odd) {
+    answers_.clear();
+    Publisher publisher(compose);
+    ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
+    const auto answer = Answered(&publisher);
+    EXPECT_EQ(answer.error, "kova.Error.InvalidMessage");
+    EXPECT_NE(answer.text, "");
+    EXPECT_TRUE(answer.value.IsEmpty());
+  }
+}
+
+TEST_F(BusObjectsTest, AbsentAndMuteEndpointsAreErrors) {
+  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
+  EXPECT_EQ(Answered(nullptr).error, "org.freedesktop.DBus.Error.ServiceUnknown");
+  answers_.clear();
+  const Publisher mute(nullptr);
+  ASSERT_TRUE(objects_.ReadAll(50, Keep()));
+  EXPECT_EQ(Answered(nullptr).error, "org.freedesktop.DBus.Error.NoReply");
+}
+
+TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
+  Publisher publisher([](sd_bus_message*) { return 0; });
+  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, [](const auto&) { ADD_FAILURE(); }));
+  ASSERT_TRUE(objects_.Call("/kova", "kova.Any1", "Any", kPatienceMs, Keep()));
+  Answered(&publisher);
+  EXPECT_EQ(publisher.calls.size(), 2U);
+  EXPECT_EQ(answers_.size(), 1U);
+}
+
+TEST_F(BusObjectsTest, ReceiversMayStartNextCall) {
+  Publisher publisher([](sd_bus_message*) { return 0; });
+  ASSERT_TRUE(objects_.ReadAll(
+      kPatienceMs, [this](const auto&) { EXPECT_TRUE(objects_.ReadAll(kPatienceMs, Keep())); }));
+  EXPECT_EQ(Answered(&publisher).error, "");
+}
+
+TEST_F(BusObjectsTest, FollowsSignalsBelowOnePath) {
+  Publisher publisher(nullptr);
+  int changes = 0;
+  ASSERT_TRUE(objects_.Follow("/kova/transfers/7", [&] { ++changes; }));
+  publisher.Signal("/kova/transfers/8");
+  publisher.Signal("/kova/transfers/70");
+  publisher.Signal("/kova/transfers/7");
+  EXPECT_TRUE(Until(&publisher, [&] { return changes > 0; }));
+  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
+  Answered(&publisher);  // after all signals
+  EXPECT_EQ(changes, 1);
+}
+
+TEST_F(BusObjectsTest, InvalidPathsAndClosedConnectionsFail) {
+  EXPECT_FALSE(objects_.Read("kova", "kova.Any1", kPatienceMs, Keep()));
+  EXPECT_FALSE(objects_.Call("/kova", "not an interface", "Any", kPatienceMs, Keep()));
+  BusObjects closed("published");
+  EXPECT_FALSE(closed.ReadAll(kPatienceMs, Keep()));
+  EXPECT_FALSE(closed.Follow("/kova", [] {}));
+  EXPECT_FALSE(closed.Service(0));
+  bus_.Kill();
+  EXPECT_FALSE(Until(nullptr, [] { return false; }));
+  EXPECT_FALSE(objects_.Service(0));
+}
+
+}  // namespace
+}  // namespace kova::ipc::testing

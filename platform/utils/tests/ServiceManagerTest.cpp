@@ -1,0 +1,168 @@
+#include "kova/utils/ServiceManager.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <vector>
+
+#include "SyslogRecorder.h"
+#include "TemporaryFolder.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/Process.h"
+#include "kova/utils/UniqueFd.h"
+
+namespace kova::utils {
+namespace {
+
+/// Stands for systemd: owns the socket and starts the process that tells.
+class ServiceManagerTest : public testing::Test {
+ protected:
+  using Variables = std::map<std::string, std::string>;
+
+  void Listen(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    if (path.front() == '@') {
+      address.sun_path[0] = '\0';
+    }
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    socket_ = UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    ASSERT_EQ(bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+  }
+
+  // What a process with these variables tells in `act`.
+  std::vector<std::string> Told(const Variables& variables, const std::function<void()>& act) {
+    const pid_t child = fork();
+    if (child == 0) {
+      for (const auto& [name, value] : variables) {
+        setenv(name.c_str(), value.c_str(), 1);
+      }
+      act();
+      _exit(0);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    std::vector<std::string> told;
+    char text[64];
+    for (ssize_t got = 0; (got = recv(socket_.Get(), text, sizeof text, 0)) >= 0;) {
+      told.emplace_back(text, static_cast<std::size_t>(got));
+    }
+    return told;
+  }
+
+  std::string Path() const { return folder_ / "notify"; }
+  std::vector<std::string> ToldAlive(const std::string& watchdogUs,
+                                     const std::function<void()>& act) {
+    return Told({{"NOTIFY_SOCKET", Path()}, {"WATCHDOG_USEC", watchdogUs}}, act);
+  }
+
+  static void callFor(unsigned milliseconds) {
+    for (const auto end = nowMs() + milliseconds; nowMs() < end; sleepMs(10)) {
+      notifyAlive();
+    }
+  }
+
+  tests::TemporaryFolder folder_;
+  UniqueFd socket_;
+};
+
+TEST_F(ServiceManagerTest, ReadyIsTold) {
+  Listen(Path());
+  EXPECT_EQ(Told({{"NOTIFY_SOCKET", Path()}}, notifyReady), std::vector<std::string>{"READY=1"});
+}
+
+TEST_F(ServiceManagerTest, AbstractSocketIsToldToo) {
+  const std::string name = "@kova-test-" + std::to_string(getpid());
+  Listen(name);
+  EXPECT_EQ(Told({{"NOTIFY_SOCKET", name}}, notifyReady), std::vector<std::string>{"READY=1"});
+}
+
+TEST_F(ServiceManagerTest, NothingIsToldWithoutSocket) {
+  Listen(Path());
+  const auto act = [] {
+    unsetenv("NOTIFY_SOCKET");
+    notifyReady();
+    notifyAlive();
+  };
+  EXPECT_TRUE(Told({{"WATCHDOG_USEC", "1000"}}, act).empty());
+  EXPECT_TRUE(Told({{"NOTIFY_SOCKET", ""}, {"WATCHDOG_USEC", "1000"}}, notifyReady).empty());
+}
+
+TEST_F(ServiceManagerTest, UnusableSocketIsLogged) {
+  const char* kText = "Unable to tell the service manager that the start is complete";
+  for (const std::string& socket :
+       {Path(), std::string("relative"), std::string("vsock:1:2"), "/" + std::string(200, 'x')}) {
+    tests::records.clear();
+    setenv("NOTIFY_SOCKET", socket.c_str(), 1);
+    notifyReady();
+    unsetenv("NOTIFY_SOCKET");
+    ASSERT_EQ(tests::records.size(), 1U) << socket;
+    EXPECT_NE(tests::records[0].text.find(kText), std::string::npos) << tests::records[0].text;
+  }
+}
+
+TEST_F(ServiceManagerTest, AliveIsToldAtHalfTime) {
+  Listen(Path());
+  const auto told = ToldAlive("400000", [] { callFor(900); });
+  EXPECT_GE(told.size(), 2U);
+  EXPECT_LE(told.size(), 5U);
+  EXPECT_EQ(told.front(), "WATCHDOG=1");
+}
+
+TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
+  Listen(Path());
+  for (const char* time : {"", "0", "-1", "x", "1000x", "99999999999999999999"}) {
+    EXPECT_TRUE(ToldAlive(time, [] { callFor(20); }).empty()) << time;
+  }
+  Variables variables{{"NOTIFY_SOCKET", Path()}, {"WATCHDOG_USEC", "1000"}, {"WATCHDOG_PID", "1"}};
+  EXPECT_TRUE(Told(variables, [] { callFor(20); }).empty());
+  variables["WATCHDOG_PID"] = "x";
+  EXPECT_TRUE(Told(variables, [] { callFor(20); }).empty());
+  variables.erase("WATCHDOG_PID");
+  EXPECT_FALSE(Told(variables, [] {
+                 setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
+                 callFor(20);
+               }).empty());
+}
+
+TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
+  Listen(Path());
+  constexpr char kWatchdogUs[] = "200000";
+  EXPECT_GE(ToldAlive(kWatchdogUs, [] { sysExecSimple("/bin/sleep", "1"); }).size(), 4U);
+  EXPECT_GE(ToldAlive(kWatchdogUs,
+                      [] {
+                        std::string out;
+                        std::string err;
+                        sysExec("/bin/sleep", {"1"}, "", out, err, 0, 0, 1);
+                      })
+                .size(),
+            4U);
+  EXPECT_GE(ToldAlive("1000000", [] { sleepAliveMs(1600); }).size(), 3U);
+  EXPECT_EQ(ToldAlive("1000000", [] { sleepAliveMs(-1); }).size(), 0U);
+}
+
+// Its queue holds some hundred messages at most, see net.unix.max_dgram_qlen.
+TEST_F(ServiceManagerTest, DeafManagerHoldsNobodyUp) {
+  Listen(Path());
+  const auto before = nowMs();
+  const auto told = ToldAlive("2", [] {
+    for (int call = 0; call < 2'000; ++call) {
+      notifyAlive();
+      notifyReady();
+    }
+  });
+  EXPECT_LT(nowMs() - before, 5'000U);
+  EXPECT_LT(told.size(), 2'000U);
+}
+
+}  // namespace
+}  // namespace kova::utils

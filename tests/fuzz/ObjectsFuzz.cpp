@@ -1,0 +1,46 @@
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "../../platform/ipc/src/ObjectServer.h"
+#include "kova/utils/Utf8.h"
+
+// An input is the path of an object below a folder, and also a text to be shown. Only the canonical
+// path of a number names one; what is shown is valid, bounded, and shown again the same.
+
+namespace {
+
+void require(bool holds) {
+  if (!holds) {
+    std::abort();
+  }
+}
+
+bool isValid(std::string_view text) {
+  while (!text.empty()) {
+    char32_t code = 0;
+    const std::size_t length = kova::utils::decodeUtf8(text, code);
+    if (length == 0 || code == 0) {
+      return false;
+    }
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::string folder = "/kova/transfers";
+  for (const std::string& path : {text, folder + text, folder + "/" + text}) {
+    const std::uint64_t number = kova::ipc::objectNumber(folder, path.c_str());
+    require(number == 0 || folder + "/" + std::to_string(number) == path.c_str());
+  }
+  constexpr std::size_t kMost = 64;
+  const std::string shown = kova::ipc::shownText(text, kMost);
+  require(shown.size() <= kMost && isValid(shown) && kova::ipc::shownText(shown, kMost) == shown);
+  require(size > kMost || !isValid(text) || shown == text);
+  return 0;
+}

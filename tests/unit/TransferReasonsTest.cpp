@@ -1,0 +1,491 @@
+// What the record of each request says: one row for each cause.
+
+#include <csignal>
+
+#include "CtlCommandsHandler.h"
+#include "InstallFixture.h"
+#include "RoutingFixture.h"
+#include "kova/utils/Process.h"
+
+namespace kova::ctlserver {
+namespace {
+
+using fakes::platform;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Cancel = TransferRecords::Cancel;
+
+constexpr char kAnyDigest[] = "0123456789abcdef0123456789abcdef";
+
+class TransferReasonsTest : public TransferRoutingTest {
+ protected:
+  TransferRecords& records() { return server_->transferRecords(); }
+  const TransferRecord& record(std::uint64_t number) {
+    const TransferRecord* found = records().find(number);
+    EXPECT_NE(found, nullptr) << number;
+    static const TransferRecord kNone;
+    return found != nullptr ? *found : kNone;
+  }
+  const TransferRecord& last() { return record(records().numbers().back()); }
+  bool serviceUntilEnd(std::uint64_t number = 1) {
+    return serviceUntil([&] { return record(number).phase == TransferPhase::Ended; });
+  }
+  /// "OUTCOME: REASON" of a record.
+  std::string told(std::uint64_t number) {
+    return record(number).outcome + ": " + record(number).reason;
+  }
+  /// Asks, and returns what is told at the end.
+  std::string outcome(const std::string& kind, const std::string& to, Fields more = {}) {
+    ask(kind, to, std::move(more));
+    const std::uint64_t number = records().numbers().back();
+    EXPECT_TRUE(serviceUntilEnd(number));
+    return told(number);
+  }
+  void programsAnswer(const std::string& program, const fakes::ProcessResult& result) {
+    platform().onRun = [program, result](const std::string& command) {
+      return command.starts_with(program) ? result : fakes::ProcessResult{};
+    };
+  }
+};
+
+TEST_F(TransferReasonsTest, EachKindHasItsFacts) {
+  const struct {
+    const char* kind;
+    const char* named;
+    const char* direction;
+    const char* file;
+  } cases[] = {
+      {"snapshot", "snapshot", "up", "/tmp/snap.jpeg"},
+      {"supportInfo", "supportInfo", "up", ""},
+      {"eventSnapshot", "eventSnapshot", "up", "/tmp/motionsnap_1.jpg"},
+      {"eventHeatmap", "eventHeatmap", "up", "/tmp/heatmap_1.png"},
+      {"logo", "logo", "down", "/tmp/user_logo"},
+      {"sound", "sound", "down", "/tmp/user_sound"},
+      {"fw", "firmware", "down", "/tmp/fwupdate.bin"},
+  };
+  std::uint64_t number = 0;
+  for (const auto& [kind, named, direction, file] : cases) {
+    ASSERT_TRUE(ask(kind, "http://u:p@127.0.0.1/" + std::string(kind)));
+    const TransferRecord& facts = record(++number);
+    EXPECT_EQ(facts.kind, named);
+    EXPECT_EQ(facts.direction, direction);
+    EXPECT_EQ(facts.file, file);
+    EXPECT_EQ(facts.uri, "http://127.0.0.1/" + std::string(kind));
+    EXPECT_EQ(facts.requester, "client.a");
+    EXPECT_EQ(facts.requestId, 7U);
+    EXPECT_EQ(facts.phase, TransferPhase::Preparing);
+  }
+}
+
+TEST_F(TransferReasonsTest, EachRefusalNamesItsCause) {
+  const std::string longDigest(200, 'd');
+  const struct {
+    const char* kind;
+    Fields fields;
+    const char* reason;
+  } cases[] = {
+      {"snapshot", {{"uri", 7}}, "The request gives no URI (uri)."},
+      {"logo", {{"timeoutMs", 0}}, "The request gives no time-out (timeoutMs)."},
+      {"sound", {{"from", ""}}, "The request does not say to whom events go (from)."},
+      {"logo", {{"hash", 7}}, "The request gives no MD5 digest (hash)."},
+      {"sound", {{"hash", ""}}, "The request gives no MD5 digest (hash)."},
+      {"eventSnapshot",
+       {{"filename", "../etc/passwd"}},
+       "The path /tmp/../etc/passwd is not allowed: it must be /tmp/motionsnap_, digits and .jpg."},
+      {"eventHeatmap",
+       {{"filename", "heatmap_1.jpg"}},
+       "The path /tmp/heatmap_1.jpg is not allowed: it must be /tmp/heatmap_, digits and .png."},
+      {"snapshot", {{"what", 7}}, "The request does not say what to transfer (what)."},
+  };
+  for (const auto& [kind, fields, reason] : cases) {
+    startServer();
+    Fields all = fields;
+    all.emplace("uri", uri());
+    all.emplace("what", kind);
+    all.emplace("hash", kAnyDigest);
+    const bool isPut = std::string(kind) == "logo" || std::string(kind) == "sound";
+    EXPECT_FALSE(isPut ? put(all) : get(all)) << reason;
+    EXPECT_EQ(told(1), std::string("REFUSED: ") + reason);
+    EXPECT_GT(record(1).ended, 0U);
+    EXPECT_THAT(events(), IsEmpty());
+  }
+}
+
+TEST_F(TransferReasonsTest, RequestWithoutWordHasNoKind) {
+  EXPECT_FALSE(put({{"uri", uri()}}));
+  EXPECT_EQ(record(1).kind, "");
+  EXPECT_EQ(record(1).direction, "down");
+  EXPECT_EQ(told(1), "REFUSED: The request does not say what to transfer (what).");
+}
+
+TEST_F(TransferReasonsTest, DuplicateNamesItsHolder) {
+  peerHolds();
+  ASSERT_TRUE(ask("snapshot", uri()));
+  EXPECT_FALSE(ask("snapshot", uri("/other")));
+  EXPECT_EQ(told(2), "REFUSED: Another snapshot transfer, number 1, is running.");
+  EXPECT_FALSE(ask("logo", uri()));
+  EXPECT_EQ(told(3), "REFUSED: Transfer 1, which runs, has this URI.");
+  EXPECT_FALSE(ask("fw", uri()));
+  EXPECT_EQ(told(4), "REFUSED: Transfer 1, which runs, has this URI.");
+  ASSERT_TRUE(ask("fw", uri("/fw")));
+  EXPECT_FALSE(ask("fw", uri("/fw2")));
+  EXPECT_EQ(told(6), "REFUSED: Another firmware transfer, number 5, is running.");
+}
+
+TEST_F(TransferReasonsTest, GeneratorThatCannotStartIsNamed) {
+  programsAnswer("/bin/support", {utils::kNotStarted, "", ""});
+  EXPECT_FALSE(ask("supportInfo", uri()));
+  EXPECT_THAT(told(1), testing::StartsWith("REFUSED: /bin/support could not be started: "));
+}
+
+TEST_F(TransferReasonsTest, InstalledFileIsSaid) {
+  for (const std::string kind : {"logo", "sound"}) {
+    write("/etc/persistent/user_" + kind, "content");
+    write("/etc/persistent/user_" + kind + ".md5", kContentDigest);
+    EXPECT_TRUE(ask(kind, uri(), {{"hash", kContentDigest}}));
+    EXPECT_EQ(last().outcome, "ALREADY_INSTALLED");
+    EXPECT_EQ(last().reason, "The installed " + kind +
+                                 " has this MD5 digest already, so nothing was transferred.");
+    EXPECT_EQ(last().phase, TransferPhase::Ended);
+  }
+  EXPECT_EQ(peer_->connections(), 0U);
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferReasonsTest, InstalledLogoSaysWhere) {
+  peerAnswers("content");
+  EXPECT_EQ(outcome("logo", uri(), {{"hash", kContentDigest}}),
+            std::string("OK: The file with the MD5 digest ") + kContentDigest +
+                " is installed as /etc/persistent/user_logo.");
+  EXPECT_EQ(record(1).httpStatus, 200);
+  EXPECT_EQ(record(1).transferred, 7U);
+  EXPECT_EQ(record(1).size, 7U);
+}
+
+TEST_F(TransferReasonsTest, InstalledLogoThatIsNotSavedSaysSo) {
+  peerAnswers("content");
+  platform().onRun = [](const std::string& command) {
+    if (command == kSaveCommand) {
+      return fakes::ProcessResult{1, "", ""};
+    }
+    return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
+  };
+  EXPECT_THAT(outcome("logo", uri(), {{"hash", kContentDigest}}),
+              testing::EndsWith("/etc/persistent/user_logo, but could not be saved to flash."));
+  EXPECT_EQ(record(1).outcome, "OK");
+}
+
+TEST_F(TransferReasonsTest, LogoThatCannotBeInstalledSaysWhy) {
+  peerAnswers("content");
+  std::filesystem::create_directory("/etc/persistent/user_logo");
+  EXPECT_EQ(outcome("logo", uri(), {{"hash", kContentDigest}}),
+            "DISK_IO_FAILED: The file could not be installed as /etc/persistent/user_logo: Is a "
+            "directory.");
+}
+
+TEST_F(TransferReasonsTest, WrongDigestShowsBoth) {
+  peerAnswers("content");
+  EXPECT_EQ(outcome("logo", uri(), {{"hash", kAnyDigest}}),
+            std::string("VALIDATION_FAILED: The MD5 digest of the file is ") + kContentDigest +
+                ", but the request expects " + kAnyDigest + ".");
+  EXPECT_THAT(outcome("logo", uri(), {{"hash", std::string(200, 'd')}}),
+              testing::EndsWith(" expects " + std::string(61, 'd') + "..."));
+}
+
+TEST_F(TransferReasonsTest, ErrorPageShowsStatusOfServer) {
+  peer_.emplace(engine::answering("HTTP/1.1 404 Not Found\r\nContent-Length: 7\r\n\r\ncontent"));
+  EXPECT_EQ(outcome("logo", uri(), {{"hash", kAnyDigest}}),
+            std::string("VALIDATION_FAILED: The server answered with HTTP status 404: the MD5 "
+                        "digest of the file is ") +
+                kContentDigest + ", but the request expects " + kAnyDigest + ".");
+  EXPECT_EQ(record(1).httpStatus, 404);
+}
+
+TEST_F(TransferReasonsTest, PictureThatIsRefusedSaysWhy) {
+  const std::pair<fakes::ProcessResult, std::string> cases[] = {
+      {{0, "empty=1 channels=1 depth=0 width=0 height=0\n", ""},
+       "The file is not a picture that can be decoded."},
+      {{0, "empty=0 channels=1 depth=0 width=2000 height=10\n", ""},
+       "The picture has 2000 x 10 pixels, but at most 1024 x 1024 are allowed."},
+      {{1, "", ""}, "The picture decoder gave no answer."},
+  };
+  for (const auto& [answer, reason] : cases) {
+    startServer();
+    peerAnswers("content");
+    programsAnswer(kProbe, answer);
+    EXPECT_EQ(outcome("logo", uri(), {{"hash", kContentDigest}}), "VALIDATION_FAILED: " + reason);
+  }
+}
+
+TEST_F(TransferReasonsTest, SoundThatIsRefusedSaysWhy) {
+  peerAnswers("content");
+  EXPECT_EQ(outcome("sound", uri(), {{"hash", kContentDigest}}),
+            "VALIDATION_FAILED: The file is not a WAV file of PCM samples.");
+  peerAnswers(wav(2, 22050));
+  EXPECT_EQ(outcome("sound", uri(), {{"hash", "4ee6c3a9a2dbe0c8ea4d0e9f2e5cf6f8"}}).substr(0, 17),
+            "VALIDATION_FAILED");
+  const std::string digest = last().reason.substr(30, 32);
+  EXPECT_EQ(
+      outcome("sound", uri(), {{"hash", digest}}),
+      "VALIDATION_FAILED: The sound has 2 channels at 22050 Hz, but must have 1 at 11025 Hz.");
+}
+
+TEST_F(TransferReasonsTest, FirmwareSaysWhatCheckerSaid) {
+  const struct {
+    fakes::ProcessResult checker;
+    const char* told;
+  } cases[] = {
+      {{1, "{\"reason\":\"FW_CHECK_INCOMPAT_HW\"}\n", "wrong board\n"},
+       "FW_CHECK_INCOMPAT_HW: The checker refused the image with status 1: wrong board, "
+       "{\"reason\":\"FW_CHECK_INCOMPAT_HW\"}."},
+      {{1, "{\"reason\":\"BAD\"}", ""},
+       "FW_CHECK_FAILED: The checker refused the image with status 1: {\"reason\":\"BAD\"}."},
+      {{0, "", "line 1\nline 2\x1b[2J\n"},
+       "FW_CHECK_FAILED: The checker refused the image with status 0: line 1 line 2[2J."},
+      {{127, "", ""},
+       "FW_CHECK_FAILED: The checker refused the image with status 127: it said nothing."},
+  };
+  for (const auto& [checker, expected] : cases) {
+    startServer();
+    peerAnswers("image");
+    programsAnswer("/bin/fwupdate.real", checker);
+    EXPECT_EQ(outcome("fw", uri()), expected);
+  }
+}
+
+TEST_F(TransferReasonsTest, FirmwareSaysHowFlashingEnded) {
+  peerAnswers("image");
+  EXPECT_EQ(outcome("fw", uri()), "OK: The image passed its check and the flashing tool took it.");
+  EXPECT_THAT(events(), IsEmpty());
+  programsAnswer("/bin/fwupdate -m", {3, "", ""});
+  EXPECT_EQ(outcome("fw", uri()), "FW_FLASH_FAILED: The flashing tool failed with status 3.");
+}
+
+TEST_F(TransferReasonsTest, UploadSaysWhetherServerTookFile) {
+  write("/tmp/snap.jpeg", "picture");
+  EXPECT_EQ(outcome("snapshot", uri()), "OK: The server has the file.");
+  EXPECT_EQ(record(1).httpStatus, 200);
+  EXPECT_EQ(record(1).transferred, 7U);
+  EXPECT_EQ(record(1).size, 7U);
+  peer_.emplace(engine::answering("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n"));
+  EXPECT_EQ(outcome("snapshot", uri()),
+            "TRANSFER_FAILED: The server answered with HTTP status 403: the server did not take "
+            "the file.");
+  EXPECT_THAT(events(), IsEmpty());
+}
+
+TEST_F(TransferReasonsTest, SupportArchiveIsNamedOnceItIsSent) {
+  ASSERT_TRUE(ask("supportInfo", uri()));
+  server_->service(0);
+  EXPECT_EQ(record(1).phase, TransferPhase::Preparing);
+  write("/tmp/supportinfo.tar", "archive");
+  EXPECT_TRUE(serviceUntilEnd());
+  EXPECT_EQ(record(1).file, "/tmp/supportinfo.tar");
+  EXPECT_EQ(told(1), "OK: The server has the file.");
+}
+
+TEST_F(TransferReasonsTest, WhatCannotBeginSaysWhy) {
+  using namespace std::string_literals;
+  EXPECT_EQ(
+      outcome("snapshot", uri()),
+      "TRANSFER_FAILED: The file /tmp/snap.jpeg cannot be opened: No such file or directory.");
+  write("/tmp/snap.jpeg", "picture");
+  EXPECT_EQ(outcome("snapshot", uri() + "\0x"s), "TRANSFER_FAILED: The URI holds a NUL.");
+  EXPECT_EQ(outcome("snapshot", uri(), {{"formFields", Fields{{"a", "x\0y"s}}}}),
+            "TRANSFER_FAILED: The form field `a` holds a NUL.");
+  EXPECT_EQ(outcome("snapshot", uri(), {{"formFields", Fields{{"a", 7}}}}),
+            "TRANSFER_FAILED: The form field `a` is not a string.");
+  EXPECT_EQ(outcome("snapshot", uri("/next")),
+            "TRANSFER_FAILED: The URI or the file /tmp/snap.jpeg is in use by another transfer, or "
+            "by one that could not be begun.");
+}
+
+TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {
+  peer_.emplace(engine::answering("HTTP/1.1 200 OK\r\nContent-Length: 131073\r\n\r\nsome bytes"));
+  EXPECT_EQ(
+      outcome("logo", uri()),
+      "TRANSFER_TOOLARGE: The server announces 131073 bytes, but at most 131072 are allowed.");
+  EXPECT_EQ(last().httpStatus, 200);
+  write("/tmp/heatmap_1.png", std::string(65537, 'x'));
+  EXPECT_EQ(outcome("eventHeatmap", uri()),
+            "TRANSFER_TOOLARGE: The file has 65537 bytes, but at most 65536 are allowed.");
+  EXPECT_EQ(last().size, 65537U);
+  EXPECT_EQ(last().httpStatus, 0);
+}
+
+TEST_F(TransferReasonsTest, DeadlineNamesItsPhase) {
+  ASSERT_TRUE(ask("supportInfo", uri(), {{"timeoutMs", 5000}}));
+  platform().nowMs += 5001;
+  server_->service(0);
+  EXPECT_EQ(told(1),
+            "TRANSFER_TIMEOUT: The deadline of 5000 ms passed before the file to send was ready.");
+  peerScript([](engine::Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n12345");
+    connection.awaitClose();
+  });
+  ASSERT_TRUE(ask("logo", uri(), {{"timeoutMs", 60000}}));
+  ASSERT_TRUE(serviceUntil([&] { return record(2).transferred == 5; }));
+  EXPECT_EQ(record(2).size, 100U);
+  platform().nowMs += 60001;
+  server_->service(0);
+  EXPECT_EQ(told(2),
+            "TRANSFER_TIMEOUT: The deadline of 60000 ms passed when 5 bytes were transferred.");
+  EXPECT_EQ(record(2).httpStatus, 200);
+}
+
+TEST_F(TransferReasonsTest, PhasesFollowTransfer) {
+  peerHolds();
+  ASSERT_TRUE(ask("logo", uri()));
+  EXPECT_EQ(record(1).phase, TransferPhase::Preparing);
+  server_->service(0);
+  EXPECT_EQ(record(1).phase, TransferPhase::Transferring);
+  TransferPhase whileChecking = TransferPhase::Ended;
+  startServer();
+  platform().onRun = [&](const std::string&) {
+    whileChecking = record(1).phase;
+    return fakes::ProcessResult{};
+  };
+  peerAnswers("image");
+  outcome("fw", uri());
+  EXPECT_EQ(whileChecking, TransferPhase::Finalising);
+}
+
+TEST_F(TransferReasonsTest, CancelledTransferFreesNameUriAndFile) {
+  peerHolds();
+  for (const char* kind : {"logo", "sound", "fw"}) {
+    SCOPED_TRACE(kind);
+    startServer();
+    ASSERT_TRUE(ask(kind, uri()));
+    ASSERT_TRUE(serviceUntilConnections(1));
+    const std::string file = record(1).file;
+    EXPECT_TRUE(exists(file));
+    EXPECT_EQ(records().cancel(1), Cancel::Done);
+    EXPECT_EQ(told(1), "CANCELLED: The transfer was cancelled on request.");
+    EXPECT_FALSE(exists(file));
+    EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" to=client.a id=7 TRANSFER_FAILED")));
+    EXPECT_THAT(logged(), ElementsAre("6 TransferService.cancelTransfer: Transfer cancelled on "
+                                      "request, name=" +
+                                      taskName(kind) + ", uri=" + uri()));
+    EXPECT_TRUE(ask(kind, uri())) << "at once";
+    server_->service(0);
+    EXPECT_EQ(record(2).phase, TransferPhase::Transferring);
+    EXPECT_EQ(records().cancel(1), Cancel::Ended);
+    EXPECT_EQ(records().cancel(2), Cancel::Done);
+    peerHolds();
+  }
+}
+
+TEST_F(TransferReasonsTest, CancelledSupportArchiveEndsItsGenerator) {
+  ASSERT_TRUE(ask("supportInfo", uri()));
+  EXPECT_FALSE(platform().background.empty());
+  EXPECT_EQ(records().cancel(1), Cancel::Done);
+  EXPECT_TRUE(platform().background.empty());
+  EXPECT_EQ(record(1).outcome, "CANCELLED");
+}
+
+TEST_F(TransferReasonsTest, CancelOfQuietGetSendsNoEvent) {
+  peerHolds();
+  write("/tmp/snap.jpeg", "picture");
+  ASSERT_TRUE(ask("snapshot", uri(), {{"disableEvents", true}}));
+  server_->service(0);
+  EXPECT_EQ(records().cancel(1), Cancel::Done);
+  EXPECT_THAT(events(), IsEmpty());
+  EXPECT_TRUE(exists("/tmp/snap.jpeg")) << "it belongs to another process";
+}
+
+TEST_F(TransferReasonsTest, FlashingIsNotCancelled) {
+  Cancel answer = Cancel::Done;
+  platform().onRun = [&](const std::string&) {
+    answer = records().cancel(1);
+    return fakes::ProcessResult{};
+  };
+  peerAnswers("image");
+  outcome("fw", uri());
+  EXPECT_EQ(answer, Cancel::Finalising);
+  EXPECT_EQ(record(1).outcome, "OK");
+}
+
+TEST_F(TransferReasonsTest, TakeOverOfRunningTaskIsToldInBoth) {
+  peerHolds();
+  ASSERT_TRUE(ask("logo", uri("/first")));
+  ASSERT_TRUE(serviceUntilConnections(1));
+  ASSERT_TRUE(ask("logo", uri("/second")));
+  ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
+  EXPECT_EQ(told(1),
+            "TRANSFER_FAILED: Request 2 took over the task, with a digest, deadline and requester "
+            "of its own: this ended its transfer.");
+  EXPECT_EQ(told(2),
+            "TRANSFER_FAILED: Transfer 1, whose task was taken over, had not ended and kept this "
+            "one from starting: the URI or the file /tmp/user_logo is in use by another transfer, "
+            "or by one that could not be begun.");
+}
+
+TEST_F(TransferReasonsTest, TakeOverBeforeStartIsToldInBoth) {
+  peerAnswers("content");
+  ASSERT_TRUE(ask("logo", uri("/first"), {{"hash", kAnyDigest}}));
+  ASSERT_TRUE(ask("logo", uri("/second"), {{"hash", kContentDigest}}));
+  ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
+  EXPECT_EQ(told(1),
+            std::string("OK: Request 2 took over the task, with a digest, deadline and requester "
+                        "of its own: the file with the MD5 digest ") +
+                kContentDigest + " is installed as /etc/persistent/user_logo.");
+  EXPECT_EQ(told(2),
+            "VALIDATION_FAILED: Transfer 1, whose task was taken over, had not ended and kept this "
+            "one from starting: the file that arrived could not be read.");
+  EXPECT_EQ(peer_->requests().size(), 1U);
+}
+
+TEST_F(TransferReasonsTest, UploadThatNeverBeganIsNoSuccess) {
+  ASSERT_TRUE(ask("supportInfo", uri("/first")));
+  ASSERT_TRUE(ask("supportInfo", uri("/second")));
+  write("/tmp/supportinfo.tar", "archive");
+  ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
+  EXPECT_EQ(record(1).outcome, "OK");
+  EXPECT_EQ(told(2),
+            "TRANSFER_FAILED: Transfer 1, whose task was taken over, had not ended and kept this "
+            "one from starting: nothing was transferred.");
+}
+
+TEST_F(TransferReasonsTest, RefusedRequestThatArmedTaskIsToldInFirst) {
+  peerHolds();
+  ASSERT_TRUE(ask("logo", uri("/first")));
+  ASSERT_TRUE(serviceUntilConnections(1));
+  EXPECT_FALSE(ask("logo", uri("/second"), {{"timeoutMs", 0}}));
+  EXPECT_EQ(told(2), "REFUSED: The request gives no time-out (timeoutMs).");
+  platform().nowMs += 1;
+  ASSERT_TRUE(serviceUntilEnd(1));
+  EXPECT_EQ(told(1),
+            "TRANSFER_TIMEOUT: Request 2 took over the task, with a digest, deadline and requester "
+            "of its own: the deadline of 0 ms passed when 0 bytes were transferred.");
+}
+
+TEST_F(TransferReasonsTest, EveryRequestThatIsDispatchedHasRecord) {
+  CtlCommandsHandler handler(nullptr, server_.get());
+  bool rejected = false;
+  for (const char* name : {"GetRequest", "PutRequest", "UpdateFirmwareRequest", "GetRequest"}) {
+    ipc::messages::BaseRequestMessage request{Variant(Fields{{"functionName", name}, {"id", 9}})};
+    EXPECT_TRUE(handler.HandleRequest(request, rejected));
+  }
+  EXPECT_THAT(records().numbers(), ElementsAre(1, 2, 3, 4));
+  EXPECT_EQ(record(1).kind, "");
+  EXPECT_EQ(record(3).kind, "firmware");
+  EXPECT_EQ(record(3).requestId, 9U);
+  EXPECT_EQ(told(3), "REFUSED: The request gives no URI (uri).");
+}
+
+TEST_F(TransferReasonsTest, FloodOfRefusedRequestsKeepsRunningRecord) {
+  peerHolds();
+  write("/tmp/snap.jpeg", "picture");
+  ASSERT_TRUE(ask("snapshot", uri()));
+  for (int i = 0; i < 5000; ++i) {
+    EXPECT_FALSE(ask("snapshot", uri("/other")));
+  }
+  EXPECT_EQ(records().numbers().size(), 1 + TransferRecords::kMostEnded);
+  EXPECT_EQ(record(1).outcome, "");
+  EXPECT_EQ(records().cancel(1), Cancel::Done);
+}
+
+}  // namespace
+}  // namespace kova::ctlserver
