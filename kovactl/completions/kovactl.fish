@@ -57,6 +57,8 @@ complete -c kovactl -s h -l help -d 'Print help'
 complete -c kovactl -n '__kovactl_is' -s V -l version -d 'Print the version'
 
 complete -c kovactl -n '__kovactl_is' -a stats -d 'Show memory, processor, network and other figures'
+complete -c kovactl -n '__kovactl_is' -a info -d 'Show model, versions and what is pending'
+complete -c kovactl -n '__kovactl_is' -a metrics -d 'Print figures for Prometheus, as OpenMetrics text'
 complete -c kovactl -n '__kovactl_is' -a settings -d 'Show or change settings such as name and time zone'
 complete -c kovactl -n '__kovactl_is' -a timezones -d 'List the available time zones'
 complete -c kovactl -n '__kovactl_is' -a reset-settings -d 'Reset name and time zone to their defaults'
@@ -69,6 +71,8 @@ complete -c kovactl -n '__kovactl_is' -a exit-service -d 'Stop the control serve
 complete -c kovactl -n '__kovactl_is' -a put -d 'Have the camera fetch and install a logo or a sound'
 complete -c kovactl -n '__kovactl_is' -a get -d 'Have the camera upload a picture or its support archive'
 complete -c kovactl -n '__kovactl_is' -a firmware -d 'Have the camera fetch and install a firmware image'
+complete -c kovactl -n '__kovactl_is' -a transfers -d 'Show the transfers of the camera and how they ended'
+complete -c kovactl -n '__kovactl_is' -a cancel -d 'Cancel a transfer'
 complete -c kovactl -n '__kovactl_is' -a call -d 'Send any request and print its answer'
 complete -c kovactl -n '__kovactl_is' -a monitor -d 'Print all messages on the bus'
 complete -c kovactl -n '__kovactl_is' -a listen -d 'Register an endpoint and print what it receives'
@@ -96,7 +100,10 @@ complete -c kovactl -n '__kovactl_begins get' -l filename -x -d 'Name of the eve
 complete -c kovactl -n '__kovactl_begins get' -l field -x -d 'Field of the form'
 for command in put get firmware
     complete -c kovactl -n "__kovactl_begins $command" -l wait -d 'Wait for the outcome'
+    complete -c kovactl -n "__kovactl_begins $command" -l cancel -d 'Cancel the transfer on Ctrl-C'
 end
+complete -c kovactl -n '__kovactl_begins transfers' -l watch -d 'Repeat until Ctrl-C'
+complete -c kovactl -n '__kovactl_is cancel' -a '(kovactl transfers 2>/dev/null | string match -rg "^([0-9]+) ")'
 complete -c kovactl -n '__kovactl_is call' -a '(kovactl __complete functions)'
 complete -c kovactl -n '__kovactl_begins call; and not __kovactl_is call' -a '(__kovactl_fields)'
 complete -c kovactl -n '__kovactl_begins call' -l to -x -a '(kovactl __complete endpoints)' -d 'Destination of the request'

@@ -13,8 +13,11 @@ namespace kova::ctl {
 
 ExitStatus Objects::Open() {
   std::string error;
-  return bus_.Open(error) ? ExitStatus::Ok
-                          : fail(ExitStatus::Unreachable, explainJoin(options_.host, "", error));
+  if (bus_.Open(error)) {
+    return ExitStatus::Ok;
+  }
+  return stopRequested() ? stopStatus()
+                         : fail(ExitStatus::Unreachable, explainJoin(options_.host, "", error));
 }
 
 ExitStatus Objects::Await(const Start& start, Answer& answer, bool patient) {

@@ -90,6 +90,7 @@ std::string escaped(std::string_view text) {
 
 [[noreturn]] void execute(const std::vector<std::string>& words) {
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (const std::string& word : words) {
     argv.push_back(const_cast<char*>(word.c_str()));
   }
@@ -212,7 +213,7 @@ std::string explainRemote(const std::string& text, const std::string& problem) {
   if (sshStatus == static_cast<int>(ExitStatus::Unreachable)) {
     return "cannot use the bus of " + text + ": kovactl there says why above";
   }
-  const std::string reason = explainSsh(text, sshStatus);
+  std::string reason = explainSsh(text, sshStatus);
   if (!reason.empty()) {
     return reason;
   }

@@ -45,6 +45,14 @@ class Host : public ::testing::Test {
     content << std::ifstream(folder_ + "/" + name).rdbuf();
     return content.str();
   }
+  /// Waits until a kovactl that listens as client.me has joined the bus.
+  static bool AwaitJoined(Child& child) {
+    Result sent{1, "", ""};
+    for (int attempt = 0; sent.status != 0 && attempt < 200; ++attempt) {
+      sent = run({"call", "GetSystemStats", "--to", "client.me", "--no-reply"});
+    }
+    return child.AwaitOutput("GetSystemStats");
+  }
   std::string Socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
 
   ipc::testing::PrivateBus bus_;
@@ -120,12 +128,7 @@ TEST_F(Host, WrongHostsAreRefused) {
 
 TEST_F(Host, CtrlCDoesNotReachSsh) {
   Child child({"--host", "cam", "listen", "client.me"});
-  const Peer peer(takingNote());
-  Result sent{1, "", ""};
-  for (int attempt = 0; sent.status != 0 && attempt < 200; ++attempt) {
-    sent = run({"call", "GetSystemStats", "--to", "client.me", "--no-reply"});
-  }
-  ASSERT_TRUE(child.AwaitOutput("GetSystemStats"));
+  ASSERT_TRUE(AwaitJoined(child));
   const std::string ignored = Left("ignored");
   const unsigned long mask = std::stoul(ignored.substr(ignored.find(':') + 1), nullptr, 16);
   EXPECT_NE(mask & (1UL << (SIGINT - 1)), 0U);
@@ -161,10 +164,12 @@ TEST_F(Host, UnansweredRequestArrives) {
 }
 
 TEST_F(Host, LossIsReported) {
-  const Peer peer(takingNote());
-  Become(std::string("(sleep 1; kill $$) & exec ") + KOVACTL_PROGRAM + " --bus " + bus_.address() +
+  Become("echo $$ >'" + folder_ + "/pid'; exec " + KOVACTL_PROGRAM + " --bus " + bus_.address() +
          " bridge");
-  const Result result = run({"--host", "cam", "listen", "client.me"});
+  Child child({"--host", "cam", "listen", "client.me"});
+  ASSERT_TRUE(AwaitJoined(child));
+  kill(std::stoi(Left("pid")), SIGKILL);
+  const Result result = child.Wait();
   EXPECT_EQ(result.status, 3);
   EXPECT_THAT(result.err, HasSubstr("the connection to the bus was lost"));
 }

@@ -40,7 +40,8 @@ installs() {
   expect_not "OpenCV did not come along" sh -c "dpkg-query -W 'libopencv*' | grep -q ."
   local file
   for file in man/man8/kova_ctlserver.8.gz man/man1/kovactl.1.gz bash-completion/completions/kovactl \
-    zsh/vendor-completions/_kovactl dbus-1/interfaces/kova.{Ipc1,Transfer1,Device1}.xml doc/{kova-ctlserver,kovactl}/{copyright,changelog.gz}; do
+    zsh/vendor-completions/_kovactl fish/vendor_completions.d/kovactl.fish \
+    dbus-1/interfaces/kova.{Ipc1,Transfer1,Device1}.xml doc/{kova-ctlserver,kovactl}/{copyright,changelog.gz}; do
     expect "there is $file" test -s "/usr/share/$file"
   done
 }
