@@ -40,43 +40,11 @@ ExitStatus Objects::Await(const Start& start, Answer& answer, bool patient) {
   return ExitStatus::Ok;
 }
 
-ExitStatus Objects::ReadAll(Answer& answer) {
-  return Await(
+ExitStatus Objects::ReadTransfers(std::vector<TransferRecord>& records, Answer& answer) {
+  const ExitStatus asked = Await(
       [this](auto receive) { return bus_.ReadAll(options_.answerTimeoutMs(), std::move(receive)); },
       answer, false);
-}
-
-ExitStatus Objects::ListTransfers(std::vector<std::string>& numbers, Answer& answer) {
-  const ExitStatus asked =
-      Call(kTransfersPath, "org.freedesktop.DBus.Introspectable", "Introspect", answer);
-  if (asked == ExitStatus::Ok && answer.error.empty()) {
-    numbers = transferNumbers(answer.value.ToText());
-  }
-  return asked;
-}
-
-ExitStatus Objects::ReadTransfers(const std::function<bool(const TransferRecord&)>& take,
-                                  Answer& answer) {
-  ExitStatus asked = ReadAll(answer);
-  if (asked == ExitStatus::Ok && answer.error.empty()) {
-    const auto records = transferRecords(answer.value);
-    static_cast<void>(std::all_of(records.rbegin(), records.rend(), take));
-  }
-  if (asked != ExitStatus::Ok || answer.error != "org.freedesktop.DBus.Error.LimitsExceeded") {
-    return asked;
-  }
-  std::vector<std::string> numbers;
-  asked = ListTransfers(numbers, answer);
-  for (auto number = numbers.rbegin(); asked == ExitStatus::Ok && number != numbers.rend();
-       ++number) {
-    Answer one;
-    asked = Read(pathOfTransfer(*number), kTransferInterface, one);
-    // Those that have gone since are left out.
-    const bool there = asked == ExitStatus::Ok && one.error.empty();
-    if (there && !take(transferRecord(*number, one.value))) {
-      break;
-    }
-  }
+  records = transferRecords(answer.value);
   return asked;
 }
 

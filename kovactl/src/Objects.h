@@ -22,10 +22,9 @@ class Objects {
   explicit Objects(const Options& options) : options_(options) {}
 
   ExitStatus Open();
-  /// Reads the transfers, the latest first, one by one if there are too many for one answer.
-  /// @param take called with each until it returns false
+  /// Reads the transfers, in the order of their numbers.
   /// @return Ok if there is an answer, which may be an error
-  ExitStatus ReadTransfers(const std::function<bool(const TransferRecord&)>& take, Answer& answer);
+  ExitStatus ReadTransfers(std::vector<TransferRecord>& records, Answer& answer);
   ExitStatus Read(const std::string& path, const std::string& interface, Answer& answer);
   /// @param patient whether to go on waiting after a stop signal
   ExitStatus Call(const std::string& path, const std::string& interface, const std::string& method,
@@ -35,8 +34,6 @@ class Objects {
 
  private:
   using Start = std::function<bool(ipc::BusObjects::Receiver)>;
-  ExitStatus ReadAll(Answer& answer);
-  ExitStatus ListTransfers(std::vector<std::string>& numbers, Answer& answer);
   ExitStatus Await(const Start& start, Answer& answer, bool patient);
 
   const Options& options_;

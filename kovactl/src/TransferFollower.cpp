@@ -1,5 +1,8 @@
 #include "TransferFollower.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "Terminal.h"
 
 namespace kova::ctl {
@@ -22,16 +25,15 @@ ExitStatus TransferFollower::Find(std::uint64_t requestId) {
   }
   const auto deadline = Clock::now() + kSearch;
   do {
+    std::vector<TransferRecord> records;
     Objects::Answer answer;
-    const auto isOther = [&](const TransferRecord& record) {
-      record_ = record.requestId == requestId ? record : TransferRecord();
-      return !Found();
-    };
-    const ExitStatus asked = objects_.ReadTransfers(isOther, answer);
+    const ExitStatus asked = objects_.ReadTransfers(records, answer);
     if (asked != ExitStatus::Ok || !answer.error.empty()) {
       return stopRequested() ? asked : ExitStatus::Ok;
     }
-    if (Found()) {
+    const auto found = std::ranges::find(records, requestId, &TransferRecord::requestId);
+    if (found != records.end()) {
+      record_ = *found;
       Follow();
       return ExitStatus::Ok;
     }

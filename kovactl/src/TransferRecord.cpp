@@ -99,20 +99,6 @@ std::vector<TransferRecord> transferRecords(const Variant& objects) {
   return records;
 }
 
-std::vector<std::string> transferNumbers(std::string_view introspection) {
-  constexpr std::string_view kNode = "<node name=\"";
-  std::vector<std::string> numbers;
-  for (std::size_t at = 0; (at = introspection.find(kNode, at)) != introspection.npos;) {
-    at += kNode.size();
-    const std::string_view name = introspection.substr(at, introspection.find('"', at) - at);
-    if (isTransferNumber(name)) {
-      numbers.emplace_back(name);
-    }
-  }
-  std::ranges::sort(numbers, isBefore);
-  return numbers;
-}
-
 Variant transferResult(const TransferRecord& record) {
   return Variant::Map{{"id", record.number},
                       {"requestId", std::to_string(record.requestId)},

@@ -48,9 +48,6 @@ TransferRecord transferRecord(const std::string& number, const variant::Variant&
 /// The transfers among all objects of a camera, in the order of their numbers.
 std::vector<TransferRecord> transferRecords(const variant::Variant& objects);
 
-/// The numbers in the introspection of kTransfersPath, ascending.
-std::vector<std::string> transferNumbers(std::string_view introspection);
-
 /// A record as the result of a command.
 variant::Variant transferResult(const TransferRecord& record);
 /// A record as one line of text.

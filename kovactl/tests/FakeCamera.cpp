@@ -227,19 +227,6 @@ void FakeCamera::Tell(const std::string& name, const std::string& value) {
   device_[name] = value;
 }
 
-void FakeCamera::Crowd() {
-  const auto lock = Lock();
-  sd_bus_slot* slot = nullptr;
-  EXPECT_GE(sd_bus_add_filter(bus_.get(), &slot, ipc::callback<&FakeCamera::OnAny>, this), 0);
-  slots_.emplace_back(slot);
-}
-
-int FakeCamera::OnAny(sd_bus_message* message, sd_bus_error*) {
-  return sd_bus_message_is_method_call(message, "org.freedesktop.DBus.ObjectManager", nullptr) > 0
-             ? sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED, "%s", "too many")
-             : 0;
-}
-
 void FakeCamera::RefuseToCancel(const std::string& text) {
   const auto lock = Lock();
   refusal_ = text;

@@ -36,8 +36,6 @@ class FakeCamera {
   /// Sets a property of the camera; "LastSave" is the time, and its outcome is "ok".
   void Tell(const std::string& name, std::uint64_t value);
   void Tell(const std::string& name, const std::string& value);
-  /// Refuses to list its transfers, which are too many for one answer, from now on.
-  void Crowd();
   /// Answers cancellations with an error from now on.
   void RefuseToCancel(const std::string& text);
 
@@ -55,7 +53,6 @@ class FakeCamera {
   };
 
   void Serve();
-  int OnAny(sd_bus_message* message, sd_bus_error* error);
   int OnSend(sd_bus_message* call, sd_bus_error* error);
   std::unique_lock<std::recursive_mutex> Lock() const { return std::unique_lock(mutex_); }
   static int ReadTransfer(sd_bus* bus, const char* path, const char* interface, const char* name,

@@ -230,19 +230,6 @@ TEST_F(Follow, ListShowsTransfersAndReasons) {
   EXPECT_EQ(json.Find("result")->Items()[1].Find("id")->ToText(), "10");
 }
 
-TEST_F(Follow, TooManyTransfersAreReadOneByOne) {
-  FakeCamera camera(endingAs("REFUSED", "There are too many."));
-  camera.Crowd();
-  for (int number = 10; number < 15; ++number) {
-    camera.Publish(std::to_string(number), {{"Phase", "transferring"}});
-  }
-  EXPECT_THAT(run(putLogo()).err, HasSubstr("There are too many."));
-  const Variant json = jsonOf(run({"transfers", "--json"}).out);
-  ASSERT_EQ(json.Find("result")->Size(), 6U);
-  EXPECT_EQ(json.Find("result")->Items().front().Find("id")->ToText(), "7");
-  EXPECT_EQ(json.Find("result")->Items().back().Find("id")->ToText(), "14");
-}
-
 TEST_F(Follow, WatchPrintsPhasesAndAllChangesAsJson) {
   FakeCamera camera;
   camera.Publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});

@@ -68,14 +68,6 @@ TEST(TransferRecord, ForeignObjectsAreIgnored) {
   EXPECT_TRUE(transferRecords(Variant::Map{{"/kova/transfers/7", "text"}}).empty());
 }
 
-TEST(TransferRecord, NumbersOfIntrospectionAreSorted) {
-  EXPECT_EQ(transferNumbers("<node>\n <node name=\"10\"/>\n <node name=\"9\"/><node name=\"x\"/>"
-                            "<node name=\"1\"/></node>"),
-            (std::vector<std::string>{"1", "9", "10"}));
-  EXPECT_TRUE(transferNumbers("").empty());
-  EXPECT_TRUE(transferNumbers("<node name=\"").empty());
-}
-
 TEST(TransferRecord, ValuesOfOtherTypesReadAsNone) {
   const TransferRecord record = transferRecord(
       "7",

@@ -11,15 +11,16 @@ using testing::HasSubstr;
 using testing::Not;
 using namespace std::string_literals;
 
-constexpr char kBus[] = "--address=unix:path=/run/kova/bus";
+constexpr std::chrono::seconds kPatience{30};
+constexpr char kBusctl[] = "/usr/bin/busctl";
 constexpr char kServer[] = "kova.kova_ctlserver";
 constexpr char kTransfer[] = "kova.Transfer1";
 
 class ObjectsSystem : public TransferRig {
  protected:
   static Result busctl(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"busctl", kBus});
-    return camera().exec(arguments);
+    arguments.insert(arguments.begin(), "--address=" + camera().busAddress());
+    return run(kBusctl, arguments);
   }
   static std::string pathOf(unsigned long number) {
     return "/kova/transfers/" + std::to_string(number);
@@ -36,23 +37,22 @@ class ObjectsSystem : public TransferRig {
                    "GetManagedObjects"})
         .out;
   }
-  // The path of the transfer of a request, once it is there.
+  // The path of the transfer of the last request, once it is there.
   static std::string pathOfRequest(std::uint64_t id) {
     std::string found;
-    eventually([&] {
+    const auto isLast = [&] {
       std::istringstream tree(busctl({"tree", "--list", kServer}).out);
-      for (std::string path; std::getline(tree, path) && found.empty();) {
-        if (path.starts_with("/kova/transfers/") &&
-            property(path, "RequestId") == "t " + std::to_string(id) + "\n") {
-          found = path;
-        }
+      for (std::string path; std::getline(tree, path);) {
+        const bool later = std::pair(path.size(), path) > std::pair(found.size(), found);
+        found = path.starts_with("/kova/transfers/") && later ? path : found;
       }
-      return !found.empty();
-    });
+      return !found.empty() && property(found, "RequestId") == "t " + std::to_string(id) + "\n";
+    };
+    EXPECT_TRUE(eventually(isLast, kPatience));
     return found;
   }
   static bool awaits(const std::string& path, const std::string& name, const std::string& value) {
-    return eventually([&] { return property(path, name) == "s \"" + value + "\"\n"; });
+    return eventually([&] { return property(path, name) == "s \"" + value + "\"\n"; }, kPatience);
   }
   // 32 objects of more than 4 kB each.
   void fillWithLongUris() {
@@ -132,17 +132,23 @@ TEST_F(ObjectsSystem, BusctlMonitorSeesEachPhase) {
   camera().shell(
       "busctl --address=unix:path=/run/kova/bus monitor kova.kova_ctlserver "
       ">/tmp/monitor 2>/tmp/monitor.err </dev/null & echo $! >/tmp/monitor.pid");
-  ASSERT_TRUE(eventually([&] {
-    busctl({"call", kServer, "/kova", "org.freedesktop.DBus.Peer", "Ping"});
-    return readFile(out).find("Ping") != std::string::npos;
-  })) << readFile(inside("/tmp/monitor.err"));
+  ASSERT_TRUE(eventually(
+      [&] {
+        busctl({"call", kServer, "/kova", "org.freedesktop.DBus.Peer", "Ping"});
+        return readFile(out).find("Ping") != std::string::npos;
+      },
+      kPatience))
+      << readFile(inside("/tmp/monitor.err"));
   requester().outcomeOf({{"what", "logo"}, {"uri", "http://127.0.0.1:1/seen"}, {"hash", "0"}});
-  EXPECT_TRUE(eventually([&] {
-    const std::string seen = readFile(out);
-    return seen.find("Member=InterfacesAdded") != std::string::npos &&
-           seen.find("STRING \"ended\"") != std::string::npos &&
-           seen.find("STRING \"TRANSFER_FAILED\"") != std::string::npos;
-  })) << readFile(out);
+  EXPECT_TRUE(eventually(
+      [&] {
+        const std::string seen = readFile(out);
+        return seen.find("Member=InterfacesAdded") != std::string::npos &&
+               seen.find("STRING \"ended\"") != std::string::npos &&
+               seen.find("STRING \"TRANSFER_FAILED\"") != std::string::npos;
+      },
+      kPatience))
+      << readFile(out);
   camera().shell("kill $(cat /tmp/monitor.pid); rm -f /tmp/monitor*");
 }
 
@@ -290,8 +296,8 @@ TEST_F(DeviceSystem, SaveIsPendingThenDone) {
 TEST(DeviceSystemWithoutLine, UnreadableButtonIsTold) {
   Camera camera(R"({"name": "Lost Button", "sysid": 1, "feature_wifi": 0, "feature_battery": 0,
                     "reset_button_gpio": "/run/gpio/lost/value"})");
-  const Result told = camera.exec(
-      {"busctl", kBus, "get-property", kServer, "/kova", "kova.Device1", "ButtonReadable"});
+  const Result told = run(kBusctl, {"--address=" + camera.busAddress(), "get-property", kServer,
+                                    "/kova", "kova.Device1", "ButtonReadable"});
   EXPECT_EQ(told.out, "b false\n") << told.err;
 }
 

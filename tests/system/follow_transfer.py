@@ -58,7 +58,8 @@ def main():
     bus.add_signal_receiver(on_added, "InterfacesAdded", MANAGER, SERVER, "/kova")
     bus.add_signal_receiver(on_changed, "PropertiesChanged", PROPERTIES, SERVER, path_keyword="path")
     camera = bus.get_object(SERVER, "/kova", introspect=False)
-    message = {"functionName": function, "id": dbus.UInt64(REQUEST_ID), "timeoutMs": dbus.UInt32(20_000)}
+    message = {"functionName": function, "id": dbus.UInt64(REQUEST_ID), "from": "client.follower",
+               "timeoutMs": dbus.UInt32(20_000)}
     message.update(field.split("=", 1) for field in fields)
     camera.Send(dbus.Dictionary(message, signature="sv"), dbus_interface="kova.Ipc1")
 

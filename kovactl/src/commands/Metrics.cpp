@@ -248,12 +248,8 @@ ExitStatus metrics(const Options& options) {
   Objects::Answer told;
   Objects::Answer listed;
   std::vector<TransferRecord> transfers;
-  const auto take = [&transfers](const TransferRecord& record) {
-    transfers.push_back(record);
-    return true;
-  };
   ExitStatus asked = readDevice(objects, device, told);
-  asked = asked == ExitStatus::Ok ? objects.ReadTransfers(take, listed) : asked;
+  asked = asked == ExitStatus::Ok ? objects.ReadTransfers(transfers, listed) : asked;
   if (asked != ExitStatus::Ok) {
     return asked;
   }

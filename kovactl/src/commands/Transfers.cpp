@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <chrono>
 #include <map>
 
@@ -16,21 +15,10 @@ namespace {
 using Records = std::vector<TransferRecord>;
 using variant::Variant;
 
-// Reads all transfers in the order of their numbers.
-ExitStatus read(Objects& objects, Records& records, Objects::Answer& answer) {
-  const auto take = [&records](const TransferRecord& record) {
-    records.push_back(record);
-    return true;
-  };
-  const ExitStatus asked = objects.ReadTransfers(take, answer);
-  std::ranges::reverse(records);
-  return asked;
-}
-
 ExitStatus showOnce(const Options& options, Objects& objects) {
   Records records;
   Objects::Answer answer;
-  if (const ExitStatus asked = read(objects, records, answer); asked != ExitStatus::Ok) {
+  if (const ExitStatus asked = objects.ReadTransfers(records, answer); asked != ExitStatus::Ok) {
     return asked;
   }
   if (!answer.error.empty()) {
@@ -99,7 +87,7 @@ using Frame = std::function<ExitStatus(const Records&)>;
 ExitStatus readInto(Objects& objects, const Frame& frame) {
   Records records;
   Objects::Answer answer;
-  if (const ExitStatus asked = read(objects, records, answer); asked != ExitStatus::Ok) {
+  if (const ExitStatus asked = objects.ReadTransfers(records, answer); asked != ExitStatus::Ok) {
     return asked;
   }
   if (answer.error.empty()) {
