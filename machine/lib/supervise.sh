@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # supervise.sh DIR IMAGE [MODULE,...]: the power supply of a machine. Runs QEMU until the machine halts, its folder is
-# deleted, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as this process.
+# deleted, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as this
+# process.
+#
+# Each boot has a QEMU of its own: one that resets its board is slow afterwards, since the new kernel's memory still
+# counts as the old one's translated code.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
@@ -50,7 +54,7 @@ collect_arguments() {
     -sandbox "on,obsolete=deny,elevateprivileges=deny,spawn=deny,resourcecontrol=deny"
     -kernel "$image/kernel" -initrd "$image/initrd"
     -append "console=ttyAMA0 quiet panic=-1 kova.modules=$modules"
-    -serial "file:$console"
+    -chardev "file,id=console,path=$console,append=on" -serial chardev:console -action reboot=shutdown
     -qmp "unix:monitor,server=on,wait=off" -qtest "unix:qtest,server=on,wait=off" -qtest-log none
     -blockdev "driver=file,filename=$image/system.ext4,node-name=system,read-only=on"
     -device "virtio-blk-device,drive=system,serial=system"
@@ -65,7 +69,6 @@ collect_arguments() {
 power_on() {
   cd "$state"
   rm -f monitor qtest
-  : >"$console"
   collect_arguments
   setpriv --pdeathsig KILL -- qemu-system-aarch64 "${arguments[@]}" 8>&- 9>&- &
   qemu=$!
@@ -75,27 +78,37 @@ power_on() {
 # Whether the lock is still in DIR; false if DIR was deleted or replaced.
 has_folder() { [ "$lock" -ef /proc/self/fd/8 ]; }
 
+# The kernel's last words; a reset has none.
+has_halted() { tail -n 1 "$console" | grep "reboot: Power down" >/dev/null; }
+
 # next_event: waits for the control pipe, the end of QEMU or the deletion of DIR; sets `event`.
 next_event() {
   event=
   until [ -n "$event" ]; do
     if read -r -n 1 -t "$TICK" -u 9 _; then event="cut"; fi
     if ! has_folder; then event=deleted; fi
-    if [ -z "$event" ] && ! kill -0 "$qemu" 2>/dev/null; then event=halted; fi
+    if [ -z "$event" ] && ! kill -0 "$qemu" 2>/dev/null; then event=ended; fi
   done
 }
 
+# Sets `event` to "reboot" if it is to be powered on again.
 power_off() {
   local status=0
-  if [ "$event" != halted ]; then kill -KILL "$qemu" 2>/dev/null || true; fi # it may have ended meanwhile
+  if [ "$event" != ended ]; then kill -KILL "$qemu" 2>/dev/null || true; fi # it may have ended meanwhile
   wait "$qemu" || status=$?
+  if [ "$event" = ended ] && [ "$status" -eq 0 ]; then
+    if has_halted; then event=halt; else event=reboot; fi
+  fi
   note "off ($event, exit status $status)"
 }
 
 close_inherited_descriptors
 use_machine "$1"
-image=$2 modules=${3:-} event=
+image=$2 modules=${3:-} event=reboot
 take_machine
-power_on
-next_event
-power_off
+: >"$console"
+while [ "$event" = reboot ]; do
+  power_on
+  next_event
+  power_off
+done
