@@ -49,7 +49,7 @@ add_lane() {
 # The processor is a small one, since QEMU emulates what a processor has, and a small one has less.
 collect_arguments() {
   local lane
-  arguments=(-M "virt,gic-version=2" -cpu cortex-a53 -accel tcg -m "$MEMORY" -smp 1
+  arguments=(-M "virt,gic-version=2" -cpu cortex-a53 -accel "tcg,tb-size=128" -m "$MEMORY" -smp 1
     -nodefaults -no-user-config -display none -name kova
     -sandbox "on,obsolete=deny,elevateprivileges=deny,spawn=deny,resourcecontrol=deny"
     -kernel "$image/kernel" -initrd "$image/initrd"
