@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # supervise.sh DIR IMAGE [MODULE,...]: the power supply of a machine. Runs QEMU until the machine halts, its folder is
-# deleted, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as this
-# process.
+# deleted, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as
+# this process.
 #
-# Each boot has a QEMU of its own: one that resets its board is slow afterwards, since the new kernel's memory still
-# counts as the old one's translated code.
+# Each boot has a QEMU of its own: after a reset of the board, QEMU 7.2 takes minutes to run the kernel's unpacking of its
+# initrd, which takes a moment the first time.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
