@@ -10,7 +10,7 @@ export KOVA_TIME_FACTOR=${KOVA_TIME_FACTOR:-5}
 # shellcheck source=camera/tests/harness.sh
 . "$here/../../camera/tests/harness.sh"
 readonly SIGSYS_STATUS=$((128 + 31))
-readonly BUTTON_LINE=5 PRESSED="Reset button (case) up after"
+readonly BUTTON_LINE=5 PRESSED="Reset button (case) up after" HELD="Reset button (case) can be released now"
 left_out=0 has_logo=
 
 run_machine() { "$machine" "$@"; }
@@ -178,10 +178,10 @@ survives_power_cuts() {
   expect "and boots" run_machine wait "$one" "$((boot + 1))"
 }
 
-# A computer that leaves the machine no time for 250 ms makes two presses of one.
+# A computer that leaves the machine no time for 250 ms makes two presses of one, or ends a long one early.
 hold_until_it_counts() {
   run_machine press "$one"
-  eventually inside grep -q "Reset button (case) can be released now" /var/log/messages
+  eventually inside grep -q "$HELD" /var/log/messages
 }
 
 # Of the device, in this boot.
@@ -193,13 +193,12 @@ obeys_its_button() {
   tools=$(runs_of_tools)
   expect "the button can be pressed" run_machine press "$one" 0.5
   expect "the daemon reads it from the character device" eventually inside grep -q "$PRESSED" /var/log/messages
-  expect "as a short press" inside grep -q "$PRESSED [0-9]\{2,4\} ms" /var/log/messages
+  expect_not "as a short press" inside grep -q "$HELD" /var/log/messages
   # shellcheck disable=SC2016 # expanded inside
   expect "and holds its line" inside sh -c 'ls -l /proc/$(pidof kova_ctlserver)/fd | grep gpio-line'
   sleep 6 # a reset would come after five
   expect "a short press does nothing" test "$(runs_of_tools)" = "$tools"
   expect "a long one is told of" hold_until_it_counts
-  expect "nothing happens while it lasts" test "$(boot_count)" = "$boot"
   expect "it can be released" run_machine release "$one"
   expect "which reboots the camera" run_machine wait "$one" "$((boot + 1))"
   expect "with its factory's settings" inside grep -qx "resolv.host.1.name=Kova Virtual Machine" /etc/system.cfg
