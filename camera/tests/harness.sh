@@ -30,9 +30,9 @@ expect_not() {
   mv "$work/output.new" "$work/output"
 }
 
-# eventually CMD...: polls until the command succeeds, at most 30 s.
+# eventually CMD...: polls until the command succeeds, at most 30 s, which KOVA_TIME_FACTOR multiplies.
 eventually() {
-  local deadline=$((SECONDS + 30))
+  local deadline=$((SECONDS + 30 * ${KOVA_TIME_FACTOR:-1}))
   until "$@" >/dev/null 2>&1; do
     [ "$SECONDS" -lt "$deadline" ] || return 1
     sleep 0.05

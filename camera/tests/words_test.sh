@@ -23,7 +23,8 @@ refuses() {
 
 understands_or_refuses() {
   local command
-  for command in build test fuzz tour bench package lint format clean camera server "server x" "camera start" "camera exec"; do
+  for command in build test fuzz tour bench package lint format clean camera server "server x" "camera start" \
+    "camera exec" machine "machine start" "machine press"; do
     # shellcheck disable=SC2086 # words
     tells_its_usage "./dev $command --help" "$dev" $command --help
   done

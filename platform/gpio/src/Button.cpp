@@ -1,13 +1,8 @@
 #include "kova/gpio/Button.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <limits>
-#include <string_view>
 #include <utility>
 
 #include "kova/logger/Logger.h"
@@ -49,15 +44,15 @@ BaseButton::~BaseButton() = default;
 bool BaseButton::init(const variant::CameraInfo* info, IButtonEventsObserver* observer,
                       int intervalMs) {
   const Line line = lineOf(*info);
-  value_.Reset();
-  path_ = line.path;
+  name_ = line.name;
+  line_ = name_.empty() ? nullptr : InputLine::of(name_);
   activeLow_ = line.activeLow;
   observer_ = observer;
   intervalMs_ = static_cast<std::uint64_t>(std::max(intervalMs, 0));
   pressed_ = false;
   candidate_ = false;
   readable_ = true;
-  if (!path_.empty()) {
+  if (line_ != nullptr) {
     bool ignored = false;
     sample(ignored, utils::nowMs());
   }
@@ -65,7 +60,7 @@ bool BaseButton::init(const variant::CameraInfo* info, IButtonEventsObserver* ob
 }
 
 bool BaseButton::service() {
-  if (path_.empty()) {
+  if (line_ == nullptr) {
     return true;
   }
   const std::uint64_t now = utils::nowMs();
@@ -90,44 +85,22 @@ bool BaseButton::isDue(std::uint64_t now) const {
 
 bool BaseButton::sample(bool& pressed, std::uint64_t now) {
   triedAt_ = now;
-  const bool readable = readPressed(pressed);
+  bool high = false;
+  const bool readable = line_->read(high);
   if (readable) {
     sampledAt_ = now;
+    pressed = high != activeLow_;
   } else {
     if (readable_) {
-      KOVA_LOG(LOG_ERR, errno, "Cannot read the button at %s", path_.c_str());
+      KOVA_LOG(LOG_ERR, errno, "Cannot read the button at %s", name_.c_str());
     }
-    value_.Reset();
+    line_->close();
   }
   if (readable && !readable_) {
-    KOVA_LOG(LOG_INFO, 0, "The button at %s can be read again", path_.c_str());
+    KOVA_LOG(LOG_INFO, 0, "The button at %s can be read again", name_.c_str());
   }
   readable_ = readable;
   return readable;
-}
-
-bool BaseButton::readPressed(bool& pressed) {
-  if (!value_) {
-    value_ = utils::UniqueFd(open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!value_) {
-      return false;
-    }
-  }
-  std::array<char, 4> buffer;
-  const ssize_t got = pread(value_.Get(), buffer.data(), buffer.size(), 0);
-  if (got < 0) {
-    return false;
-  }
-  std::string_view text(buffer.data(), static_cast<std::size_t>(got));
-  if (text.ends_with('\n')) {
-    text.remove_suffix(1);
-  }
-  if (text != "0" && text != "1") {
-    errno = EINVAL;
-    return false;
-  }
-  pressed = (text == "0") == activeLow_;
-  return true;
 }
 
 // True if there was one; `now` is then outdated, since the observer may take a while.
@@ -173,9 +146,9 @@ void BaseButton::reportHeld(std::uint64_t now) {
 }
 
 BaseButton::Line BaseResetButton::lineOf(const variant::CameraInfo& info) const {
-  const Variant* path = optionalValue(info, "reset_button_gpio", VariantClass::String);
+  const Variant* name = optionalValue(info, "reset_button_gpio", VariantClass::String);
   const Variant* activeLow = optionalValue(info, "reset_button_active_low", VariantClass::Boolean);
-  return {path == nullptr ? "" : path->ToText(), activeLow == nullptr || activeLow->ToBool()};
+  return {name == nullptr ? "" : name->ToText(), activeLow == nullptr || activeLow->ToBool()};
 }
 
 }  // namespace kova::gpio

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "../../utils/tests/TemporaryFolder.h"
+#include "FakeChips.h"
 #include "SyslogRecorder.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Crash.h"
@@ -261,6 +262,18 @@ TEST_F(ButtonTest, LineMayBeActiveHigh) {
   release();
   pass(100);
   EXPECT_THAT(observer_.events, ElementsAre("down"));
+}
+
+TEST_F(ButtonTest, LineMayBeOfCharacterDevice) {
+  fakes::fakeChips = {{"soc", {"", "reset"}, {{1, true}}}};
+  info_["reset_button_gpio"] = "soc:1";
+  start();
+  fakes::fakeChips[0].high[1] = false;
+  pass(200);
+  EXPECT_THAT(observer_.events, ElementsAre("down"));
+  fakes::fakeChips[0].readError = ENODEV;
+  EXPECT_FALSE(button_.service());
+  EXPECT_EQ(logged("Cannot read the button at soc:1: No such device"), 1U);
 }
 
 TEST_F(ButtonTest, BoardWithoutButtonDoesNothing) {

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
-#include "kova/utils/UniqueFd.h"
+#include "kova/gpio/InputLine.h"
 
 namespace kova::variant {
 class CameraInfo;
@@ -21,8 +22,7 @@ class IButtonEventsObserver {
   virtual ~IButtonEventsObserver() = default;
 };
 
-/// A push button on a GPIO line, read from its value file in sysfs: "0" or "1" and a line break
-/// (Documentation/admin-guide/gpio/sysfs.rst).
+/// A push button on a GPIO line.
 class BaseButton {
  public:
   virtual ~BaseButton();
@@ -57,7 +57,7 @@ class BaseButton {
 
   /// The device description of this button.
   struct Line {
-    std::string path;  ///< value file; empty if the board has no such button
+    std::string name;  ///< as InputLine::of() takes it; empty if the board has no such button
     bool activeLow;
   };
   virtual Line lineOf(const variant::CameraInfo& info) const = 0;
@@ -65,15 +65,14 @@ class BaseButton {
  private:
   bool isDue(std::uint64_t now) const;
   bool sample(bool& pressed, std::uint64_t now);
-  bool readPressed(bool& pressed);
   bool endUnseenPress(std::uint64_t now);
   void debounce(bool pressed, std::uint64_t now);
   void reportHeld(std::uint64_t now);
 
   IButtonEventsObserver* observer_ = nullptr;
-  std::string path_;
-  utils::UniqueFd value_;  // the value file at path_
-  bool readable_ = true;   // at the last attempt to read it
+  std::string name_;
+  std::unique_ptr<InputLine> line_;
+  bool readable_ = true;  // at the last attempt to read it
   bool activeLow_ = true;
   std::uint64_t intervalMs_ = 0;
   bool pressed_ = false;         // the debounced level
@@ -86,7 +85,8 @@ class BaseButton {
   std::uint64_t lastReport_ = 0;
 };
 
-/// The button that resets the camera: key "reset_button_gpio" of the device description. Pressed
+/// The button that resets the camera: key "reset_button_gpio" of the device description, which
+/// InputLine::of() takes. Pressed
 /// while the line is low, unless "reset_button_active_low" is false.
 class BaseResetButton : public BaseButton {
  protected:

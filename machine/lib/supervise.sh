@@ -1,0 +1,114 @@
+#!/usr/bin/env bash
+# supervise.sh DIR IMAGE [MODULE,...]: the power supply of a machine. Runs QEMU until the machine halts, its folder is
+# deleted, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as
+# this process.
+#
+# Each boot has a QEMU of its own: after a reset of the board, QEMU 7.2 takes minutes to run the kernel's unpacking of its
+# initrd, which takes a moment the first time.
+set -euo pipefail
+
+here=$(dirname "$(readlink -f "$0")")
+# shellcheck source=machine/lib/common.sh
+. "$here/common.sh"
+
+readonly LANES=(0 1 2 3) # see machine/lib/inside
+readonly MEMORY=512      # MiB
+readonly TICK=0.2        # seconds between checks of a silent machine
+
+note() { printf '%s %s\n' "$(date '+%F %T')" "$*"; }
+
+close_inherited_descriptors() {
+  local path fd
+  for path in /proc/self/fd/*; do
+    fd=${path##*/}
+    if [ "$fd" -gt 2 ]; then eval "exec $fd>&-"; fi
+  done
+}
+
+# Descriptor 8 is the lock, 9 the control pipe, opened read-write so that neither end blocks.
+take_machine() {
+  exec 8>>"$lock"
+  flock --timeout 2 8 || die "$dir is already running" # others hold it briefly to check it
+  rm -f "$control"
+  mkfifo -m 600 "$control"
+  exec 9<>"$control"
+  trap 'echo cut >&9' TERM INT HUP
+}
+
+# add_lane NUMBER: a lane is two ports, of which the second only prints. Pipes are always connected, unlike sockets:
+# the machine waits in read(2) for what comes.
+add_lane() {
+  local port
+  for port in "agent$1" "agent$1.errors"; do
+    rm -f "$port.in" "$port.out"
+    mkfifo -m 600 "$port.in" "$port.out"
+    arguments+=(-chardev "pipe,id=$port,path=$port" -device "virtserialport,chardev=$port,name=$port")
+  done
+}
+
+# The processor is a small one, since QEMU emulates what a processor has, and a small one has less.
+collect_arguments() {
+  local lane
+  arguments=(-M "virt,gic-version=2" -cpu cortex-a53 -accel "tcg,tb-size=128" -m "$MEMORY" -smp 1
+    -nodefaults -no-user-config -display none -name kova
+    -sandbox "on,obsolete=deny,elevateprivileges=deny,spawn=deny,resourcecontrol=deny"
+    -kernel "$image/kernel" -initrd "$image/initrd"
+    -append "console=ttyAMA0 quiet panic=-1 kova.modules=$modules"
+    -chardev "file,id=console,path=$console,append=on" -serial chardev:console -action reboot=shutdown
+    -qmp "unix:monitor,server=on,wait=off" -qtest "unix:qtest,server=on,wait=off" -qtest-log none
+    -blockdev "driver=file,filename=$image/system.ext4,node-name=system,read-only=on"
+    -device "virtio-blk-device,drive=system,serial=system"
+    -blockdev "driver=file,filename=$flash,node-name=flash"
+    -device "virtio-blk-device,drive=flash,serial=flash"
+    -netdev "user,id=net" -device "virtio-net-device,netdev=net"
+    -device virtio-rng-device -device virtio-serial-device)
+  for lane in "${LANES[@]}"; do add_lane "$lane"; done
+}
+
+# Without this process nobody would watch over it, so it ends too.
+power_on() {
+  cd "$state"
+  rm -f monitor qtest
+  collect_arguments
+  setpriv --pdeathsig KILL -- qemu-system-aarch64 "${arguments[@]}" 8>&- 9>&- &
+  qemu=$!
+  note "on, process $qemu"
+}
+
+# Whether the lock is still in DIR; false if DIR was deleted or replaced.
+has_folder() { [ "$lock" -ef /proc/self/fd/8 ]; }
+
+# The kernel's last words; a reset has none.
+has_halted() { tail -n 1 "$console" | grep "reboot: Power down" >/dev/null; }
+
+# next_event: waits for the control pipe, the end of QEMU or the deletion of DIR; sets `event`.
+next_event() {
+  event=
+  until [ -n "$event" ]; do
+    if read -r -n 1 -t "$TICK" -u 9 _; then event="cut"; fi
+    if ! has_folder; then event=deleted; fi
+    if [ -z "$event" ] && ! kill -0 "$qemu" 2>/dev/null; then event=ended; fi
+  done
+}
+
+# Sets `event` to "reboot" if it is to be powered on again.
+power_off() {
+  local status=0
+  if [ "$event" != ended ]; then kill -KILL "$qemu" 2>/dev/null || true; fi # it may have ended meanwhile
+  wait "$qemu" || status=$?
+  if [ "$event" = ended ] && [ "$status" -eq 0 ]; then
+    if has_halted; then event=halt; else event=reboot; fi
+  fi
+  note "off ($event, exit status $status)"
+}
+
+close_inherited_descriptors
+use_machine "$1"
+image=$2 modules=${3:-} event=reboot
+take_machine
+: >"$console"
+while [ "$event" = reboot ]; do
+  power_on
+  next_event
+  power_off
+done

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "kova/gpio/InputLine.h"
+#include "kova/utils/UniqueFd.h"
+
+namespace kova::gpio {
+
+/// A line of a GPIO character device, by its chip's label and its offset or by its own name. It is
+/// searched anew each time it is opened.
+class ChipLine : public InputLine {
+ public:
+  explicit ChipLine(std::string name) : name_(std::move(name)) {}
+  bool read(bool& high) override;
+  void close() override { line_.Reset(); }
+
+ private:
+  utils::UniqueFd openLine() const;
+
+  std::string name_;
+  utils::UniqueFd line_;
+};
+
+}  // namespace kova::gpio

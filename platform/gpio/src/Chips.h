@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kova/utils/UniqueFd.h"
+
+/// The GPIO character devices, by the second version of their interface (Linux 5.10,
+/// Documentation/userspace-api/gpio/chardev.rst).
+namespace kova::gpio {
+
+struct Chip {
+  std::string path;
+  std::string label;
+  std::uint32_t lines;
+};
+
+/// The chips that can be opened, in the order of their numbers.
+std::vector<Chip> listChips();
+
+/// The names of all lines of the chip, "" for each that has none; nothing if they cannot be read.
+std::vector<std::string> lineNames(const Chip& chip);
+
+/// Takes the line as an input. Nothing, with errno, if that is not possible: EBUSY if somebody else
+/// has it, EINVAL if the chip has no such line.
+utils::UniqueFd requestInput(const Chip& chip, std::uint32_t offset);
+
+/// The level of a line that requestInput() has returned. False, with errno, if it cannot be read.
+bool readLevel(const utils::UniqueFd& line, bool& high);
+
+}  // namespace kova::gpio

@@ -1,0 +1,121 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "FakeChips.h"
+#include "kova/gpio/InputLine.h"
+
+namespace kova::gpio {
+namespace {
+
+using fakes::FakeChip;
+using fakes::fakeChips;
+using fakes::fakeRequests;
+
+class ChipLineTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fakeChips = {{"soc", {"", "led", "", "status"}}, {"INT33FF:00", {"reset", "", "led"}}};
+    fakeRequests = 0;
+  }
+
+  // The level of the line, or the negative errno of reading it.
+  static int level(InputLine& line) {
+    bool high = false;
+    errno = 0;
+    return line.read(high) ? static_cast<int>(high) : -errno;
+  }
+  static int level(const std::string& name) { return level(*InputLine::of(name)); }
+};
+
+TEST_F(ChipLineTest, LineIsFoundByLabelAndOffset) {
+  fakeChips[0].high[2] = true;
+  EXPECT_EQ(level("soc:2"), 1);
+  EXPECT_EQ(level("soc:3"), 0);
+}
+
+TEST_F(ChipLineTest, LabelMayContainColons) {
+  fakeChips[1].high[1] = true;
+  EXPECT_EQ(level("INT33FF:00:1"), 1);
+}
+
+TEST_F(ChipLineTest, LineIsFoundByItsName) {
+  fakeChips[1].high[0] = true;
+  EXPECT_EQ(level("reset"), 1);
+  EXPECT_EQ(level("status"), 0);
+}
+
+TEST_F(ChipLineTest, OrderOfChipsDoesNotMatter) {
+  fakeChips[1].high[1] = true;
+  std::swap(fakeChips[0], fakeChips[1]);
+  EXPECT_EQ(level("INT33FF:00:1"), 1);
+}
+
+TEST_F(ChipLineTest, FirstOfSeveralWithOneNameCounts) {
+  fakeChips[0].high[1] = true;
+  EXPECT_EQ(level("led"), 1);
+  fakeChips[1].label = "soc";
+  EXPECT_EQ(level("soc:1"), 1);
+}
+
+TEST_F(ChipLineTest, WhatIsNotThereIsNoDevice) {
+  for (const char* name : {"other", "other:1", "re", "resett", "soc:", "soc:x", "soc:1x", "soc:-1",
+                           "soc: 1", ":1", "soc:4294967296", ":", "gpiochip0"}) {
+    EXPECT_EQ(level(name), -ENODEV) << name;
+  }
+  EXPECT_EQ(fakeRequests, 0);
+}
+
+TEST_F(ChipLineTest, OffsetBeyondTheChipIsInvalid) {
+  EXPECT_EQ(level("soc:4"), -EINVAL);
+  EXPECT_EQ(level("soc:4294967295"), -EINVAL);
+}
+
+TEST_F(ChipLineTest, LineIsTakenOnce) {
+  const auto line = InputLine::of("reset");
+  EXPECT_EQ(fakeRequests, 0);
+  EXPECT_EQ(level(*line), 0);
+  fakeChips[1].high[0] = true;
+  EXPECT_EQ(level(*line), 1);
+  EXPECT_EQ(fakeRequests, 1);
+}
+
+TEST_F(ChipLineTest, LineOfSomebodyElseIsTakenLater) {
+  fakeChips[1].requestErrors[0] = EBUSY;
+  const auto line = InputLine::of("reset");
+  EXPECT_EQ(level(*line), -EBUSY);
+  fakeChips[1].requestErrors.clear();
+  EXPECT_EQ(level(*line), 0);
+}
+
+TEST_F(ChipLineTest, ClosedLineIsSearchedAnew) {
+  const auto line = InputLine::of("reset");
+  EXPECT_EQ(level(*line), 0);
+  fakeChips[1].readError = ENODEV;
+  EXPECT_EQ(level(*line), -ENODEV);
+  line->close();
+  fakeChips = {{"new", {"", "reset"}, {{1, true}}}};
+  EXPECT_EQ(level(*line), 1);
+}
+
+TEST_F(ChipLineTest, DescriptorsDoNotPileUp) {
+  const auto open = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const auto before = open();
+  {
+    const auto line = InputLine::of("soc:1");
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(level(*line), 0);
+      EXPECT_EQ(open(), before + 1);
+      line->close();
+      EXPECT_EQ(open(), before);
+    }
+    EXPECT_EQ(level(*line), 0);
+  }
+  EXPECT_EQ(open(), before);
+}
+
+}  // namespace
+}  // namespace kova::gpio
