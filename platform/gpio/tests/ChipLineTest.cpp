@@ -67,7 +67,7 @@ TEST_F(ChipLineTest, WhatIsNotThereIsNoDevice) {
   EXPECT_EQ(fakeRequests, 0);
 }
 
-TEST_F(ChipLineTest, OffsetBeyondTheChipIsInvalid) {
+TEST_F(ChipLineTest, OffsetBeyondChipIsInvalid) {
   EXPECT_EQ(level("soc:4"), -EINVAL);
   EXPECT_EQ(level("soc:4294967295"), -EINVAL);
 }
