@@ -10,7 +10,7 @@ export KOVA_TIME_FACTOR=${KOVA_TIME_FACTOR:-5}
 # shellcheck source=camera/tests/harness.sh
 . "$here/../../camera/tests/harness.sh"
 readonly SIGSYS_STATUS=$((128 + 31))
-readonly BUTTON_LINE=5 PRESSED="Reset button (case) up after" HELD="Reset button (case) can be released now"
+readonly PRESSED="Reset button (case) up after" HELD="Reset button (case) can be released now"
 left_out=0 has_logo=
 
 run_machine() { "$machine" "$@"; }
@@ -206,26 +206,6 @@ obeys_its_button() {
   expect_not "the logo is gone" inside test -e /etc/persistent/user_logo
 }
 
-# The older of the kernel's two ways.
-obeys_a_button_in_a_value_file() {
-  inside sh -c "
-    sv -w 20 stop kova_ctlserver
-    for chip in /sys/class/gpio/gpiochip*; do
-      case \$(cat \$chip/label) in *.pl061) line=\$((\$(cat \$chip/base) + $BUTTON_LINE)) ;; esac
-    done
-    echo \$line >/sys/class/gpio/export
-    info=/usr/share/kova/camera_info.json
-    sed \"s,9030000.pl061:$BUTTON_LINE,/sys/class/gpio/gpio\$line/value,\" \$info >/run/info.json
-    mount -o bind /run/info.json \$info
-    : >/var/log/messages
-    sv start kova_ctlserver" >/dev/null
-  expect "the daemon starts with the other description" run_machine wait "$one"
-  run_machine press "$one" 0.5
-  expect "it reads the button from the value file" eventually inside grep -q "$PRESSED" /var/log/messages
-  # shellcheck disable=SC2016 # expanded inside
-  expect "and nothing else" inside sh -c 'ls -l /proc/$(pidof kova_ctlserver)/fd | grep "gpio.*/value"'
-}
-
 ends_cleanly() {
   host_packages >"$work/host.after" 2>/dev/null || true
   expect "the host has the architectures, modules and formats it had" cmp "$work/host.before" "$work/host.after"
@@ -241,8 +221,7 @@ ends_cleanly() {
 
 command -v qemu-system-aarch64 >/dev/null || skip "QEMU is not installed"
 [ $# -gt 0 ] || set -- refuses_what_it_cannot_do boots passes_commands_on tells_the_kernels_figures \
-  confines_the_picture_decoder takes_a_logo survives_power_cuts obeys_its_button \
-  obeys_a_button_in_a_value_file ends_cleanly
+  confines_the_picture_decoder takes_a_logo survives_power_cuts obeys_its_button ends_cleanly
 for part in "$@"; do "$part"; done
 figure "the whole test" "$SECONDS s, with $left_out expectations left out"
 [ "$failures" -eq 0 ] || { echo "$failures expectations failed" && exit 1; }
