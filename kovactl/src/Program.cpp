@@ -315,7 +315,7 @@ ExitStatus Program::Run(int argc, const char* const* argv) {
   }
   library_log::verbose(options_.verbose);
   if (const ExitStatus chosen = ChooseBus(); chosen != ExitStatus::Ok) {
-    return chosen;
+    return conclude(options_, chosen);
   }
   catchStopSignals();
   return conclude(options_, action_(options_));

@@ -58,6 +58,7 @@ TEST_F(Requests, FailuresHaveSameShapeAsJson) {
       {{"stats", "--json"}, "unreachable"},
       {{"call", "--json"}, "usage"},
       {{"--json", "nonsense"}, "usage"},
+      {{"stats", "--json", "--host", "a", "--bus", "x"}, "usage"},
       {{"timezones", "--json", "--bus", "x", "--timeout", "0"}, "usage"},
       {{"put", "logo", "http://x/", "--file", "/nonexistent", "--json"}, "local"}};
   for (const auto& [arguments, code] : failures) {
