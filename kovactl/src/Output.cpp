@@ -12,6 +12,7 @@ using variant::Variant;
 
 Variant kept;
 bool presentedEach = false;
+bool leftToOther = false;
 
 Variant failureOf(ExitStatus status) {
   if (status == ExitStatus::Ok) {
@@ -49,11 +50,15 @@ ExitStatus presentEach(const Options& options, const Variant& result, std::strin
 }
 
 ExitStatus conclude(const Options& options, ExitStatus status) {
-  if (!options.json || (presentedEach && status == ExitStatus::Ok)) {
+  if (!options.json || leftToOther || (presentedEach && status == ExitStatus::Ok)) {
     return status;
   }
   const ExitStatus shown = show(document(kept, status, presentedEach ? -1 : 2));
   return status == ExitStatus::Ok ? shown : status;
+}
+
+void leaveToOther() {
+  leftToOther = true;
 }
 
 Variant withTextIds(const Variant& message) {

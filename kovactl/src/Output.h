@@ -22,6 +22,9 @@ ExitStatus presentEach(const Options& options, const variant::Variant& result,
 /// @return `status`, or ExitStatus::Local when the document cannot be printed
 ExitStatus conclude(const Options& options, ExitStatus status);
 
+/// Prints nothing more in conclude(): the same command on another machine has printed its document.
+void leaveToOther();
+
 /// A copy in which the numbers of messages are text: most JSON readers round numbers above 2^53.
 variant::Variant withTextIds(const variant::Variant& message);
 

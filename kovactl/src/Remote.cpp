@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "Output.h"
 #include "Terminal.h"
 
 namespace kova::ctl {
@@ -195,11 +196,13 @@ ExitStatus runThere(const Options& options, std::vector<std::string> command) {
     return fail(ExitStatus::Local, std::string("cannot run ssh: ") + std::strerror(errno));
   }
   const int status = WIFEXITED(ended) ? WEXITSTATUS(ended) : kSshFailed;
-  if (status == static_cast<int>(ExitStatus::Usage)) {
-    return ExitStatus::Usage;  // kovactl there has said why
+  const bool isMisuse = status == static_cast<int>(ExitStatus::Usage);
+  const std::string reason = isMisuse ? "" : explainSsh(options.host, status);
+  if (!reason.empty()) {
+    return fail(ExitStatus::Unreachable, reason);
   }
-  const std::string reason = explainSsh(options.host, status);
-  return reason.empty() ? static_cast<ExitStatus>(status) : fail(ExitStatus::Unreachable, reason);
+  leaveToOther();  // kovactl there has said all
+  return static_cast<ExitStatus>(status);
 }
 
 void watchSsh() {

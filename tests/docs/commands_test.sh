@@ -101,6 +101,7 @@ all_of() {
 readme=$(blocks README.md | grep '^\./dev camera ')
 all_of README.md <<<"$(grep -v '^./dev camera stop ' <<<"$readme")"
 cp camera/samples/logo.png "$dir/root/tmp"
+cp "$dir/root/tmp/snap.jpeg" "$dir/root/tmp/motionsnap_12.jpg"
 all_of "the manual page" <<<"$(manual_examples)"
 all_of docs/bus.md <<<"$(blocks docs/bus.md)"
 blocks docs/bus.md python | sed "s|/run/kova/bus|$dir/root/run/kova/bus|" >"$work/example.py"

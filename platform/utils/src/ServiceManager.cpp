@@ -83,6 +83,10 @@ void notifyAlive() {
 
 void sleepAliveMs(int milliseconds) {
   constexpr int kStepMs = 250;
+  if (aliveIntervalMs() == 0) {
+    sleepMs(milliseconds);
+    return;
+  }
   for (int left = milliseconds; left > 0; left -= kStepMs) {
     notifyAlive();
     sleepMs(std::min(left, kStepMs));
