@@ -503,6 +503,15 @@ TEST_F(TransferReasonsTest, RefusedRequestThatArmedTaskIsToldInFirst) {
             "of its own: the deadline of 0 ms passed when 0 bytes were transferred.");
 }
 
+TEST_F(TransferReasonsTest, RequestThatThrowsLeavesEndedRecord) {
+  platform().onEndDaemon = [](const std::string&) { throw std::runtime_error("no memory"); };
+  EXPECT_THROW(ask("supportInfo", uri()), std::runtime_error);
+  EXPECT_EQ(told(1), "REFUSED: An internal error occurred.");
+  platform().onEndDaemon = {};
+  EXPECT_TRUE(ask("supportInfo", uri()));
+  EXPECT_EQ(record(2).phase, TransferPhase::Preparing);
+}
+
 TEST_F(TransferReasonsTest, EveryRequestThatIsDispatchedHasRecord) {
   CtlCommandsHandler handler(nullptr, server_.get());
   bool rejected = false;
