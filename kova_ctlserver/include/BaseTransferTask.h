@@ -107,7 +107,8 @@ class BaseTransferTask {
   static std::string decodeTransferStatus(TransferStatus status);
 
  protected:
-  /// For the hooks: says how the run ends, and why. Sends nothing.
+  /// For the hooks: says how the run ends, and why, of which kMostCauseBytes are kept. Sends
+  /// nothing.
   void conclude(const std::string& outcome, const std::string& reason);
   /// For onCheck and onStart: says why the run is refused. Returns false.
   bool refuseRun(const std::string& reason);

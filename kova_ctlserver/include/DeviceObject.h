@@ -26,6 +26,8 @@ struct DeviceState {
 class DeviceObject : public ipc::PublishedObject {
  public:
   static constexpr std::uint64_t kSignalMs = 200;
+  /// Time from a failure to read the stored name to the next attempt.
+  static constexpr std::uint64_t kRetryMs = 5000;
 
   /// Publishes what the description tells. Both must outlive this object; the endpoint must not
   /// have joined the bus yet.
@@ -39,7 +41,7 @@ class DeviceObject : public ipc::PublishedObject {
   ipc::MethodError Call(std::size_t) override { return {}; }
 
  private:
-  const std::string& name() const;
+  std::string name() const;
 
   ipc::Objects& bus_;
   std::string model_;
@@ -50,6 +52,7 @@ class DeviceObject : public ipc::PublishedObject {
   DeviceState told_;  ///< as clients know it
   std::uint64_t toldMs_ = 0;
   mutable std::optional<std::string> name_;  ///< as stored; read when somebody asks for it
+  mutable std::optional<std::uint64_t> nameFailedMs_;  ///< when it could not be read
 };
 
 }  // namespace kova::ctlserver

@@ -7,6 +7,9 @@
 /// Texts of others made fit for a person and for the bus.
 namespace kova::ctlserver {
 
+/// Longer causes are cut before they are kept and searched for credentials.
+inline constexpr std::size_t kMostCauseBytes = 8192;
+
 /// `text` as UTF-8 (RFC 3629) without control characters: a line break or tab becomes a space, any
 /// other is removed, and a byte that is not UTF-8 becomes U+FFFD. What exceeds `most` bytes is cut
 /// between two characters and replaced by "...".

@@ -15,6 +15,7 @@ struct TransferRun {
   std::uint64_t tookOver = 0;     ///< the number of an earlier run of the task that had not ended
   std::uint64_t takenOverBy = 0;  ///< the number of the last request that armed the task again
   bool registered = false;        ///< the engine has had its transfer
+  bool completed = false;         ///< its transfer has ended with TRANSFER_OK
   std::uint64_t transferred = 0;  ///< bytes sent or received so far
   int httpStatus = 0;             ///< of the last response; 0: none arrived
   std::string cause = {};         ///< why the transfer failed, as a clause; "" until it is known
@@ -24,13 +25,13 @@ struct TransferRun {
   /// The clause for a deadline that has passed.
   std::string tooLate() const;
 
-  /// How the run ended after TRANSFER_OK.
+  /// How the run ended once its task was finalised.
   struct End {
     std::string outcome;
     std::string reason;
   };
   /// Whatever the task said, or else what the server answered: an upload that the server refuses
-  /// has failed, though no event says so.
+  /// has failed, though no event says so, and so has one that another run of the task cut.
   End success() const;
 
   /// The reason of the run's end: `clause`, after what explains it.

@@ -78,7 +78,8 @@ class BaseHTTP {
   const std::string& Cause() const { return cause_; }
   /// The status code that the server of a running transfer has sent; 0: none yet.
   int HttpStatusOf(const std::string& uri) const;
-  void SetCause(std::string cause) { cause_ = std::move(cause); }
+  /// Keeps kMostCauseBytes of it.
+  void SetCause(const std::string& cause);
 
  private:
   // These may read sockets, so they run under the guard.

@@ -1,5 +1,6 @@
 #include "BaseTransferTask.h"
 
+#include "DisplayText.h"
 #include "TransferRecords.h"
 #include "kova/ipc/Ipc.h"
 #include "kova/logger/Logger.h"
@@ -57,7 +58,7 @@ void BaseTransferTask::notifyStatus(const std::string& status) {
 
 void BaseTransferTask::conclude(const std::string& outcome, const std::string& reason) {
   outcome_ = outcome;
-  reason_ = reason;
+  reason_ = reason.substr(0, kMostCauseBytes);
 }
 
 bool BaseTransferTask::refuseRun(const std::string& reason) {

@@ -1,4 +1,7 @@
 #include "CtlServer.h"
+
+#include <exception>
+
 #include "kova/logger/Logger.h"
 #include "kova/utils/File.h"
 
@@ -48,6 +51,30 @@ std::uint64_t beginRecord(TransferRecords& records, Request& request, const std:
   facts.uri = ipc::messages::isGiven(request.uri()) ? request.uri() : "";
   return records.begin(facts);
 }
+
+/// Ends the record of a request if an exception ends its handling: nothing else would.
+class RecordGuard {
+ public:
+  RecordGuard(TransferRecords& records, std::uint64_t record)
+      : records_(records), record_(record) {}
+  ~RecordGuard() {
+    if (std::uncaught_exceptions() == before_) {
+      return;
+    }
+    try {
+      records_.end(record_, kOutcomeRefused, "an internal error occurred");
+    } catch (...) {
+      return;  // no memory for the reason either
+    }
+  }
+  RecordGuard(const RecordGuard&) = delete;
+  RecordGuard& operator=(const RecordGuard&) = delete;
+
+ private:
+  TransferRecords& records_;
+  std::uint64_t record_;
+  int before_ = std::uncaught_exceptions();
+};
 
 std::string runningOfKind(const std::string& kind, std::uint64_t number) {
   return "another " + kind + " transfer, number " + std::to_string(number) + ", is running";
@@ -101,6 +128,7 @@ bool CtlServer::getRequest(GetRequest& request) {
   };
   const std::string what = request.what();
   const std::uint64_t record = beginRecord(transferRecords(), request, what, kUp);
+  const RecordGuard guard(transferRecords(), record);
   if (isDuplicate("getRequest", what, request.uri(), record)) {  // kept: 58
     return false;
   }
@@ -131,6 +159,7 @@ bool CtlServer::putRequest(PutRequest& request) {
   };
   const std::string what = request.what();
   const std::uint64_t record = beginRecord(transferRecords(), request, what, kDown);
+  const RecordGuard guard(transferRecords(), record);
   if (isDuplicate("putRequest", what, request.uri(), record)) {  // kept: 58
     return false;
   }
@@ -155,6 +184,7 @@ bool CtlServer::putRequest(PutRequest& request) {
 
 bool CtlServer::updateFirmware(UpdateFirmwareRequest& request) {  // kept: 57
   const std::uint64_t record = beginRecord(transferRecords(), request, kFirmware, kDown);
+  const RecordGuard guard(transferRecords(), record);
   if (transferService_.existsName(firmwareTask_.name())) {
     logDuplicate("updateFirmware", "name", firmwareTask_.name(), request.uri());
     return refuse(record,

@@ -49,15 +49,17 @@ std::string textOf(const variant::CameraInfo& info, const char* key) {
   return value->Is(variant::VariantClass::String) ? value->ToText() : value->ToString();
 }
 
-std::string storedName() {
+/// "" if none is stored; nothing if that cannot be read.
+std::optional<std::string> storedName() {
   syscfg::SystemCfgManager store;
+  if (!store.init()) {
+    return std::nullopt;
+  }
   std::string name;
   bool absent = false;
-  if (store.init()) {
-    store.get(kNameKey, &name, &absent);
-    store.close(false, false);
-  }
-  return name;
+  const bool read = store.get(kNameKey, &name, &absent);
+  store.close(false, false);
+  return read ? std::optional(name) : std::nullopt;
 }
 
 }  // namespace
@@ -74,11 +76,14 @@ DeviceObject::DeviceObject(const variant::CameraInfo& info, const DeviceState& n
   bus_.Publish(describe(), this);
 }
 
-const std::string& DeviceObject::name() const {
-  if (!name_) {
+// Each attempt may wait for the store, so that clients must not cause many.
+std::string DeviceObject::name() const {
+  const std::uint64_t time = utils::nowMs();
+  if (!name_ && (!nameFailedMs_ || time - *nameFailedMs_ >= kRetryMs)) {
     name_ = storedName();
+    nameFailedMs_ = time;
   }
-  return *name_;
+  return name_.value_or("");
 }
 
 PropertyValue DeviceObject::Read(std::size_t property) const {
@@ -109,6 +114,7 @@ PropertyValue DeviceObject::Read(std::size_t property) const {
 void DeviceObject::service(const DeviceState& now) {
   if (now.settingsChanges != state_.settingsChanges) {
     name_.reset();
+    nameFailedMs_.reset();
   }
   state_ = now;
   if (state_ == told_ || utils::nowMs() - toldMs_ < kSignalMs) {

@@ -9,9 +9,6 @@
 namespace kova::ctlserver {
 namespace {
 
-// Longer causes are cut before they are searched for credentials.
-constexpr std::size_t kMostCauseBytes = 8192;
-
 std::uint64_t wallClockUs() {
   const timeval time = utils::now();
   return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
@@ -86,7 +83,10 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
   record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMostUriBytes);
   record.file = displayText(facts.file, TransferRecord::kMostFileBytes);
   record.started = wallClockUs();
-  running.userInfo = userInfoOf(facts.uri);
+  // A longer one cannot lie whole in a cause that is cut.
+  if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMostCauseBytes) {
+    running.userInfo = userInfo;
+  }
   running.toldMs = utils::nowMs();
   if (observer_ != nullptr) {
     observer_->transferAdded(record);

@@ -39,6 +39,9 @@ TransferRun::End TransferRun::success() const {
   if (!registered) {
     return {kFailed, "nothing was transferred"};
   }
+  if (!completed) {
+    return {kFailed, "the transfer was stopped before its end"};
+  }
   if (!task->download() && httpStatus >= kFirstHttpError) {
     return {kFailed, "the server did not take the file"};
   }

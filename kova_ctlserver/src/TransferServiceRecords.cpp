@@ -66,6 +66,7 @@ std::uint64_t TransferService::recordOfName(const std::string& name) const {
 /// The local side knows better than libcurl why it failed the transfer.
 void TransferService::NoteCompletion(TransferRun& run, TransferStatus status, int httpCode) {
   run.httpStatus = httpCode;
+  run.completed = status == TRANSFER_OK;
   if (status != TRANSFER_OK && run.cause.empty()) {
     run.cause = Cause();
   }

@@ -1,5 +1,6 @@
 #include "basehttp.h"
 
+#include "DisplayText.h"
 #include "kova/logger/Logger.h"
 
 namespace kova::ctlserver {
@@ -131,6 +132,10 @@ CURLMcode BaseHTTP::Remove(CURL* curl) {
 void BaseHTTP::Forget(const CurlContext& context) {
   const PumpGuard::Pass pass(guard_, true);
   contexts_.erase(&context);  // removes the handle from the multi handle
+}
+
+void BaseHTTP::SetCause(const std::string& cause) {
+  cause_ = cause.substr(0, kMostCauseBytes);
 }
 
 bool BaseHTTP::HandleMessage(const CURLMsg& message) {  // kept: 15

@@ -133,6 +133,32 @@ TEST_F(DeviceObjectTest, StoreThatCannotBeReadGivesNoName) {
   EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
 }
 
+TEST_F(DeviceObjectTest, StoreIsReadAgainAfterFailure) {
+  platform().config.initResult = false;
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+  platform().config.initResult = true;
+  platform().nowMs += DeviceObject::kRetryMs - 1;
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string())) << "not at every read";
+  platform().nowMs += 1;
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string("Front door")));
+}
+
+TEST_F(DeviceObjectTest, AbsentNameIsNotReadAgain) {
+  platform().config.values.clear();
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+  platform().config.values["resolv.host.1.name"] = "Back door";
+  platform().nowMs += 2 * DeviceObject::kRetryMs;
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+}
+
+TEST_F(DeviceObjectTest, StoringEndsWaitAfterFailure) {
+  platform().config.initResult = false;
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+  platform().config.initResult = true;
+  ++state_.settingsChanges;
+  EXPECT_THAT(Service(), ElementsAre(Pair("Name", PropertyValue(std::string("Front door")))));
+}
+
 TEST_F(DeviceObjectTest, StateFollowsSavingAndSettings) {
   CtlServer server(info_);
   ASSERT_TRUE(server.init(nullptr));

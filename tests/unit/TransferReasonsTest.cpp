@@ -448,6 +448,48 @@ TEST_F(TransferReasonsTest, UploadThatNeverBeganIsNoSuccess) {
             "one from starting: nothing was transferred.");
 }
 
+TEST_F(TransferReasonsTest, UploadCutByCancelOfItsSuccessorIsNoSuccess) {
+  peerHolds();
+  ASSERT_TRUE(ask("supportInfo", uri("/first")));
+  write("/tmp/supportinfo.tar", "archive");
+  ASSERT_TRUE(serviceUntilConnections(1));
+  ASSERT_TRUE(ask("supportInfo", uri("/second")));
+  EXPECT_EQ(records().cancel(2), Cancel::Done);
+  ASSERT_TRUE(serviceUntilEnd(1));
+  EXPECT_EQ(told(1),
+            "TRANSFER_FAILED: Request 2 took over the task, with a digest, deadline and requester "
+            "of its own: the transfer was stopped before its end.");
+  EXPECT_EQ(record(2).outcome, "CANCELLED");
+  EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" TRANSFER_FAILED")));
+}
+
+TEST_F(TransferReasonsTest, UploadCutByFailureOfItsSuccessorIsNoSuccess) {
+  peerHolds();
+  ASSERT_TRUE(ask("supportInfo", uri("/second")));
+  write("/tmp/supportinfo.tar", "archive");
+  ASSERT_TRUE(serviceUntilConnections(1));
+  ASSERT_TRUE(ask("supportInfo", uri("/first"))) << "whose turn comes earlier";
+  write("/tmp/supportinfo.tar", "archive");
+  ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
+  EXPECT_EQ(told(1),
+            "TRANSFER_FAILED: Request 2 took over the task, with a digest, deadline and requester "
+            "of its own: the transfer was stopped before its end.");
+  EXPECT_THAT(told(2), HasSubstr("is in use by another transfer"));
+  EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" TRANSFER_FAILED")));
+}
+
+TEST_F(TransferReasonsTest, CancelOfFirstRequestEndsItsSuccessor) {
+  peerHolds();
+  ASSERT_TRUE(ask("supportInfo", uri("/first")));
+  write("/tmp/supportinfo.tar", "archive");
+  ASSERT_TRUE(serviceUntilConnections(1));
+  ASSERT_TRUE(ask("supportInfo", uri("/second")));
+  EXPECT_EQ(records().cancel(1), Cancel::Done);
+  ASSERT_TRUE(serviceUntilEnd(2));
+  EXPECT_EQ(record(1).outcome, "CANCELLED");
+  EXPECT_THAT(told(2), testing::EndsWith("from starting: nothing was transferred."));
+}
+
 TEST_F(TransferReasonsTest, RefusedRequestThatArmedTaskIsToldInFirst) {
   peerHolds();
   ASSERT_TRUE(ask("logo", uri("/first")));
@@ -459,6 +501,15 @@ TEST_F(TransferReasonsTest, RefusedRequestThatArmedTaskIsToldInFirst) {
   EXPECT_EQ(told(1),
             "TRANSFER_TIMEOUT: Request 2 took over the task, with a digest, deadline and requester "
             "of its own: the deadline of 0 ms passed when 0 bytes were transferred.");
+}
+
+TEST_F(TransferReasonsTest, RequestThatThrowsLeavesEndedRecord) {
+  platform().onEndDaemon = [](const std::string&) { throw std::runtime_error("no memory"); };
+  EXPECT_THROW(ask("supportInfo", uri()), std::runtime_error);
+  EXPECT_EQ(told(1), "REFUSED: An internal error occurred.");
+  platform().onEndDaemon = {};
+  EXPECT_TRUE(ask("supportInfo", uri()));
+  EXPECT_EQ(record(2).phase, TransferPhase::Preparing);
 }
 
 TEST_F(TransferReasonsTest, EveryRequestThatIsDispatchedHasRecord) {

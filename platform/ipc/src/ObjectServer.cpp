@@ -320,7 +320,7 @@ const ObjectServer::Publication* ObjectServer::Find(const Published& published) 
 bool ObjectServer::CanSignal() {
   std::uint64_t unsent = 0;
   return bus_ != nullptr && sd_bus_get_n_queued_write(bus_, &unsent) >= 0 &&
-         unsent < Outgoing::kMaxUnsent && UnsentBytes() <= kMostUnsentBytes;
+         unsent < Outgoing::kMaxUnsentSignals && UnsentBytes() <= kMostUnsentBytes;
 }
 
 // What fails otherwise than by CanSignal() would fail again.

@@ -19,8 +19,11 @@ class Outgoing {
   /// Time-out for an answer, in microseconds; it ends at once when the peer leaves the bus. Upper
   /// bound only; callers use shorter time-outs.
   static constexpr std::uint64_t kAnswerTimeoutUs = 3'600'000'000;
-  /// Maximum number of messages that wait in this process while the bus does not read.
-  static constexpr std::uint64_t kMaxUnsent = 1024;
+  /// How many messages may wait in this process, while the bus does not read, for a signal of an
+  /// object to be added. It can be told later; a request or an event cannot.
+  static constexpr std::uint64_t kMaxUnsentSignals = 1024;
+  /// The same for a request or event, so that signals leave half of the places to those.
+  static constexpr std::uint64_t kMaxUnsent = 2 * kMaxUnsentSignals;
 
   /// @param bus          must outlive this object
   /// @param transactions may be null; not owned

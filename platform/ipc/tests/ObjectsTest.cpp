@@ -523,5 +523,27 @@ TEST_F(ObjectsTest, SignalsAreRefusedWhileBusDoesNotRead) {
   EXPECT_TRUE(Until([&] { return ipc_.objects().Changed(things_, 1, {kCount}); }));
 }
 
+TEST_F(ObjectsTest, SignalsLeaveEventsTheirPlaces) {
+  Publish();
+  kill(privateBus_.pid(), SIGSTOP);
+  int signals = 0;
+  while (signals < 100'000 && ipc_.objects().Changed(things_, 1, {kCount})) {
+    ++signals;
+  }
+  int events = 0;
+  for (; events < 100'000; ++events) {
+    BaseRequestMessage event;
+    event.functionName("Tell");
+    event.isBroadcast(true);
+    if (!ipc_.SendRequest(event)) {
+      break;
+    }
+  }
+  kill(privateBus_.pid(), SIGCONT);
+  EXPECT_GE(signals, 1'000);
+  EXPECT_GE(events, 1'000);
+  EXPECT_LT(events, 3'000);
+}
+
 }  // namespace
 }  // namespace kova::ipc::testing

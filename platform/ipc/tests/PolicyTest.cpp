@@ -2,6 +2,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <sstream>
+
 #include "BusTest.h"
 #include "kova/ipc/Objects.h"
 
@@ -14,6 +17,13 @@ constexpr gid_t kNoGroup = 65533;
 std::string standInGroup() {
   const group* found = getgrgid(kOtherUser);
   return found != nullptr ? found->gr_name : "nogroup";
+}
+
+std::size_t limitOf(const std::string& config, const std::string& name) {
+  const std::string start = "<limit name=\"" + name + "\">";
+  const std::size_t at = config.find(start);
+  EXPECT_NE(at, std::string::npos) << name;
+  return at != std::string::npos ? std::stoul(config.substr(at + start.size())) : 0;
 }
 
 class Box : public PublishedObject {
@@ -142,6 +152,14 @@ class PolicyTest : public ::testing::Test {
   Ipc ipc_;
   Recorder handler_{&ipc_};
 };
+
+TEST(PolicyLimitsTest, DeafPeersOfOneUserDoNotSilenceDaemon) {
+  std::stringstream config;
+  config << std::ifstream(KOVA_BUS_CONFIG).rdbuf();
+  const std::size_t peers = limitOf(config.str(), "max_connections_per_user");
+  const std::size_t each = limitOf(config.str(), "max_outgoing_bytes") + Objects::kMostAnswerBytes;
+  EXPECT_GT(limitOf(config.str(), "max_incoming_bytes"), peers * each);
+}
 
 TEST_F(PolicyTest, OutsidersCannotSendOwnOrMonitor) {
   EXPECT_EQ(AsOther(kNoGroup, Send), kDenied);

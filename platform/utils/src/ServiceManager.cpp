@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "kova/logger/Logger.h"
@@ -24,13 +25,49 @@ namespace {
 constexpr char kLogIdentity[] = "kova_utils";
 constexpr char kLogUnit[] = "ServiceManager";
 
-std::string_view variable(const char* name) {
+constexpr std::uint64_t kReadyRetryMs = 250;
+constexpr int kStepMs = 250;
+
+/// What the variables of the process said when notifyReady() took them.
+struct Manager {
+  std::string socket;            // "": there is nobody to tell
+  std::uint64_t intervalMs = 0;  // half of the time in which it wants to hear; 0: it does not watch
+  std::uint64_t toldMs = 0;      // when it was told last that the process is alive
+  bool unready = false;          // it has not taken yet that the start is complete
+  std::uint64_t triedMs = 0;     // when it was told that last
+};
+
+Manager& manager() {
+  static Manager one;
+  return one;
+}
+
+/// Takes a variable away, so that programs that this process starts do not have it.
+std::string take(const char* name) {
   const char* value = std::getenv(name);
-  return value != nullptr ? value : "";
+  std::string text = value != nullptr ? value : "";
+  unsetenv(name);
+  return text;
+}
+
+void takeVariables() {
+  const std::string socket = take("NOTIFY_SOCKET");
+  const std::string watchdog = take("WATCHDOG_USEC");
+  const std::string process = take("WATCHDOG_PID");
+  if (socket.empty()) {
+    return;
+  }
+  manager() = {socket};
+  std::uint64_t watchdogUs = 0;
+  pid_t watched = getpid();
+  const bool isWatched = process.empty() || (parseNumber(process, watched) && watched == getpid());
+  if (isWatched && parseNumber(watchdog, watchdogUs) && watchdogUs != 0) {
+    manager().intervalMs = std::max<std::uint64_t>(watchdogUs / 2000, 1);
+  }
 }
 
 bool tell(std::string_view state) {
-  const std::string_view path = variable("NOTIFY_SOCKET");
+  const std::string& path = manager().socket;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path || (path.front() != '/' && path.front() != '@')) {
@@ -47,43 +84,38 @@ bool tell(std::string_view state) {
                           reinterpret_cast<const sockaddr*>(&address), length) >= 0;
 }
 
-/// Half of the time in which the manager wants to hear; 0 if it does not watch.
-std::uint64_t aliveIntervalMs() {
-  std::uint64_t watchdogUs = 0;
-  if (variable("NOTIFY_SOCKET").empty() || !parseNumber(variable("WATCHDOG_USEC"), watchdogUs) ||
-      watchdogUs == 0) {
-    return 0;
-  }
-  return std::max<std::uint64_t>(watchdogUs / 2000, 1);
-}
-
-bool isWatched() {
-  const std::string_view text = variable("WATCHDOG_PID");
-  pid_t watched = 0;
-  return text.empty() || (parseNumber(text, watched) && watched == getpid());
+bool tellReady() {
+  manager().triedMs = nowMs();
+  manager().unready = !tell("READY=1");
+  return !manager().unready;
 }
 
 }  // namespace
 
 void notifyReady() {
-  if (!variable("NOTIFY_SOCKET").empty() && !tell("READY=1")) {
+  takeVariables();
+  if (!manager().socket.empty() && !tellReady()) {
     KOVA_LOG(LOG_WARNING, errno, "Unable to tell the service manager that the start is complete");
   }
 }
 
 // What the manager did not take is tried again by the next call.
 void notifyAlive() {
-  static std::uint64_t toldMs = 0;
-  const std::uint64_t intervalMs = aliveIntervalMs();
+  Manager& told = manager();
+  if (told.socket.empty()) {
+    return;
+  }
   const std::uint64_t time = nowMs();
-  if (intervalMs != 0 && time - toldMs >= intervalMs && isWatched() && tell("WATCHDOG=1")) {
-    toldMs = time;
+  if (told.unready && time - told.triedMs >= kReadyRetryMs) {
+    tellReady();
+  }
+  if (told.intervalMs != 0 && time - told.toldMs >= told.intervalMs && tell("WATCHDOG=1")) {
+    told.toldMs = time;
   }
 }
 
 void sleepAliveMs(int milliseconds) {
-  constexpr int kStepMs = 250;
-  if (aliveIntervalMs() == 0) {
+  if (manager().intervalMs == 0 && !manager().unready) {
     sleepMs(milliseconds);
     return;
   }

@@ -91,7 +91,8 @@ class Objects {
   Objects& operator=(const Objects&) = delete;
 
   /// Adds an interface to "/kova", or a folder of objects below it. Only before Ipc::Init(), so
-  /// that no client sees the endpoint without them; what is published must outlive the connection.
+  /// that no client sees the endpoint without them. What is published must outlive the last call of
+  /// Ipc::Service() and of the signals below; nothing else calls it.
   /// @return false after Ipc::Init()
   virtual bool Publish(const Interface& interface, PublishedObject* object) = 0;
   virtual bool Publish(const std::string& folder, const Interface& interface,
