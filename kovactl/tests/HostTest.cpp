@@ -81,6 +81,14 @@ TEST_F(Host, InspectingCommandsRunThere) {
   }
 }
 
+TEST_F(Host, UnknownStatusIsReported) {
+  Become("exit 77");
+  const Result result = run({"-H", "cam", "service", "list", "--json"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.err, "kovactl: kovactl there ended with status 77\n");
+  EXPECT_THAT(result.out, HasSubstr("\"code\": \"unreachable\""));
+}
+
 TEST_F(Host, EndOfSshIsExplained) {
   const std::pair<const char*, const char*> ends[] = {
       {"exit 255", "cannot log in to cam:22, ssh says why above: \"ssh -p 22 cam\" must work"},
@@ -121,6 +129,7 @@ TEST_F(Host, WrongHostsAreRefused) {
     const Result result = run({"--host", text, "stats"});
     EXPECT_EQ(result.status, 2) << text;
     EXPECT_THAT(result.err, HasSubstr("is not a host")) << text;
+    EXPECT_THAT(run({"--json", "--host", text, "stats"}).out, HasSubstr("\"code\": \"usage\""));
   }
   EXPECT_EQ(run({"--host", "cam", "--bus", bus_.address(), "stats"}).status, 2);
   EXPECT_EQ(Left("arguments"), "") << "nothing was started";
