@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Child.h"
+#include "FakeCamera.h"
 #include "Peer.h"
 #include "PrivateBus.h"
 
@@ -79,6 +80,38 @@ TEST_F(Host, InspectingCommandsRunThere) {
     EXPECT_EQ(result.out, "there\n");
     EXPECT_EQ(Left("arguments"), sent);
   }
+}
+
+TEST_F(Host, DenialThereAdvisesForThere) {
+  FakeCamera camera;
+  camera.RefuseToTell("org.freedesktop.DBus.Error.AccessDenied");
+  const Result result = run({"-H", "bob@cam", "info"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("may use the bus of bob@cam: run \"adduser USER kova\" there"));
+}
+
+TEST_F(Host, RefusedFiguresAreNotLeftOut) {
+  FakeCamera camera;
+  camera.RefuseToTell("org.freedesktop.DBus.Error.LimitsExceeded");
+  for (const char* what : {"the description of the camera", "the list of transfers"}) {
+    const Result result = run({"-H", "cam", "metrics"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_THAT(result.err, HasSubstr(std::string("cannot get ") + what + ": no answer to this"));
+    camera.Publish("7", {});
+  }
+  const Result listed = run({"-H", "cam", "transfers"});
+  EXPECT_EQ(listed.status, 1);
+  EXPECT_THAT(listed.err, HasSubstr("cannot get the list of transfers"));
+}
+
+TEST_F(Host, MetricsPrintWhatCouldBeRead) {
+  FakeCamera camera;
+  camera.FailStatistics(1);
+  const Result result = run({"-H", "cam", "metrics"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.out, HasSubstr("kova_uptime_seconds 61\n"));
+  EXPECT_THAT(result.err, HasSubstr("the missing figures could not be read"));
 }
 
 TEST_F(Host, UnknownStatusIsReported) {
