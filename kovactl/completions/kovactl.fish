@@ -99,10 +99,10 @@ complete -c kovactl -n '__kovactl_is get' -a 'snapshot support event-snapshot ev
 complete -c kovactl -n '__kovactl_begins get' -l filename -x -d 'Name of the event file'
 complete -c kovactl -n '__kovactl_begins get' -l field -x -d 'Field of the form'
 for command in put get firmware
-    complete -c kovactl -n "__kovactl_begins $command" -l wait -d 'Wait for the outcome'
+    complete -c kovactl -n "__kovactl_begins $command" -l wait -d 'Show the progress and wait for the outcome'
     complete -c kovactl -n "__kovactl_begins $command" -l cancel -d 'Cancel the transfer on Ctrl-C'
 end
-complete -c kovactl -n '__kovactl_begins transfers' -l watch -d 'Repeat until Ctrl-C'
+complete -c kovactl -n '__kovactl_begins transfers' -l watch -d 'Go on until Ctrl-C'
 complete -c kovactl -n '__kovactl_is cancel' -a '(kovactl transfers 2>/dev/null | string match -rg "^([0-9]+) ")'
 complete -c kovactl -n '__kovactl_is call' -a '(kovactl __complete functions)'
 complete -c kovactl -n '__kovactl_begins call; and not __kovactl_is call' -a '(__kovactl_fields)'

@@ -22,15 +22,23 @@ const std::array<ExitMeaning, 9> kExitMeanings{{
     {ExitStatus::Unreachable, "unreachable",
      "the bus cannot be reached or used, or no endpoint serves the request"},
     {ExitStatus::NoAnswer, "no-answer", "no answer within the time-out"},
-    {ExitStatus::Unknown, "unknown", "--wait timed out: the outcome is unknown"},
+    {ExitStatus::Unknown, "unknown", "--wait ended without the outcome"},
     {ExitStatus::Local, "local",
      "a local file, terminal or output failed, or the prompt was declined"},
     {ExitStatus::Interrupted, "interrupted", "stopped by Ctrl-C"},
     {ExitStatus::Terminated, "terminated", "stopped by SIGTERM or SIGHUP"},
 }};
 
+const ExitMeaning* findMeaning(int status) {
+  const auto* const found =
+      std::ranges::find(kExitMeanings, static_cast<ExitStatus>(status), &ExitMeaning::status);
+  return found != kExitMeanings.end() ? found : nullptr;
+}
+
 const ExitMeaning& meaningOf(ExitStatus status) {
-  return *std::ranges::find(kExitMeanings, status, &ExitMeaning::status);
+  static constexpr ExitMeaning kNone{ExitStatus::Local, "local", "ended with an unknown status"};
+  const ExitMeaning* found = findMeaning(static_cast<int>(status));
+  return found != nullptr ? *found : kNone;
 }
 
 std::string exitStatusHelp() {

@@ -27,6 +27,9 @@ struct ExitMeaning {
 
 extern const std::array<ExitMeaning, 9> kExitMeanings;
 
+/// The meaning of the exit status of another kovactl; null if no kovactl ends so.
+const ExitMeaning* findMeaning(int status);
+
 const ExitMeaning& meaningOf(ExitStatus status);
 
 /// The exit statuses and their meanings, one per line, for the help.

@@ -74,16 +74,18 @@ bool isUnknown(const Objects::Answer& answer) {
   return std::ranges::find(kUnknown, answer.error) != std::end(kUnknown);
 }
 
-ExitStatus failOn(const Objects::Answer& answer, const std::string& what) {
+ExitStatus failOn(const Objects::Answer& answer, const std::string& what, const std::string& host) {
   const ExitStatus status = exitForError(answer.error);
-  if (answer.error == "org.freedesktop.DBus.Error.AccessDenied" && !explainDenial().empty()) {
-    return fail(ExitStatus::Unreachable, explainDenial());
+  const bool denied = answer.error == "org.freedesktop.DBus.Error.AccessDenied";
+  const std::string advice = denied ? explainDenial(host) : "";
+  if (!advice.empty()) {
+    return fail(status, advice);
   }
-  if (status == ExitStatus::Unreachable) {
+  if (status == ExitStatus::Unreachable && !denied) {
     return fail(status, absence(kServer));
   }
   return fail(status, isUnknown(answer)
-                          ? "the control server of this camera is too old to tell " + what
+                          ? "the control server of this camera is too old to give " + what
                           : "cannot get " + what + ": " + answer.text + " (" + answer.error + ")");
 }
 

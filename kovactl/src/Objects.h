@@ -45,6 +45,8 @@ bool isUnknown(const Objects::Answer& answer);
 
 /// Reports an error in an answer.
 /// @param what what failed, for example "the list of transfers"
-ExitStatus failOn(const Objects::Answer& answer, const std::string& what);
+/// @param host that of the options; "" for this machine
+ExitStatus failOn(const Objects::Answer& answer, const std::string& what,
+                  const std::string& host = "");
 
 }  // namespace kova::ctl

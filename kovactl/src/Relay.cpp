@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,7 @@ namespace {
 
 constexpr std::size_t kBufferSize = 65536;
 // What a side may still say after the other one ended.
-constexpr int kLingerMs = 5000;
+constexpr timespec kLinger{5, 0};
 
 // One way of the relay. It is read only when everything before is written.
 class Way {
@@ -74,10 +75,10 @@ class Relay {
   // the bus has closed: done.
   ExitStatus Run() {
     while (!busClosed_ && !(up_.Ended() && outClosed_)) {
-      const int ready = Await();
       if (stopRequested()) {
         return stopStatus();
       }
+      const int ready = Await();
       if (ready < 0 && errno != EINTR) {
         return fail(ExitStatus::Local, std::string("cannot wait: ") + std::strerror(errno));
       }
@@ -106,7 +107,8 @@ class Relay {
     if (!outClosed_) {
       places_[kOut].fd = out_;  // also to learn that nobody reads it any more
     }
-    return poll(places_.data(), places_.size(), up_.Ended() || outClosed_ ? kLingerMs : -1);
+    const bool lingers = up_.Ended() || outClosed_;
+    return ppoll(places_.data(), places_.size(), lingers ? &kLinger : nullptr, &blocked_.Before());
   }
 
   void Move() {
@@ -137,6 +139,7 @@ class Relay {
     return (places_[place].revents & (event | POLLERR | POLLHUP | POLLNVAL)) != 0;
   }
 
+  StopSignalsBlocked blocked_;
   int in_;
   int out_;
   int bus_;

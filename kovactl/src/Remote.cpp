@@ -124,6 +124,18 @@ std::string explainSsh(const std::string& text, int status) {
   }
 }
 
+// Waits for ssh and hands a stop signal on to it.
+bool awaitSsh(pid_t child, int& ended) {
+  pid_t waited = -1;
+  do {
+    waited = waitpid(child, &ended, 0);
+    if (stopRequested() && waited < 0 && errno == EINTR) {
+      kill(child, SIGTERM);
+    }
+  } while (waited < 0 && errno == EINTR);
+  return waited == child;
+}
+
 }  // namespace
 
 bool parseRemote(std::string_view text, Remote& remote, std::string& error) {
@@ -182,17 +194,11 @@ ExitStatus runThere(const Options& options, std::vector<std::string> command) {
     execute(words);
   }
   int ended = 0;
-  pid_t waited = 0;
-  do {
-    waited = child > 0 ? waitpid(child, &ended, 0) : -1;
-    if (stopRequested() && waited < 0 && errno == EINTR) {
-      kill(child, SIGTERM);
-    }
-  } while (waited < 0 && child > 0 && errno == EINTR);
+  const bool ran = child > 0 && awaitSsh(child, ended);
   if (stopRequested()) {
     return stopStatus();
   }
-  if (waited < 0) {
+  if (!ran) {
     return fail(ExitStatus::Local, std::string("cannot run ssh: ") + std::strerror(errno));
   }
   const int status = WIFEXITED(ended) ? WEXITSTATUS(ended) : kSshFailed;
@@ -201,8 +207,13 @@ ExitStatus runThere(const Options& options, std::vector<std::string> command) {
   if (!reason.empty()) {
     return fail(ExitStatus::Unreachable, reason);
   }
+  const ExitMeaning* meaning = findMeaning(status);
+  if (meaning == nullptr) {
+    return fail(ExitStatus::Unreachable,
+                "kovactl there ended with status " + std::to_string(status));
+  }
   leaveToOther();  // kovactl there has said all
-  return static_cast<ExitStatus>(status);
+  return meaning->status;
 }
 
 void watchSsh() {

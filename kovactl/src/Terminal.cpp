@@ -15,6 +15,8 @@
 namespace kova::ctl {
 namespace {
 
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
 volatile sig_atomic_t received = 0;
 
 void remember(int signal) {
@@ -24,7 +26,7 @@ void remember(int signal) {
 }  // namespace
 
 void catchStopSignals() {
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : kStopSignals) {
     struct sigaction action {};
     if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
       action = {};
@@ -36,6 +38,19 @@ void catchStopSignals() {
 
 bool stopRequested() {
   return received != 0;
+}
+
+StopSignalsBlocked::StopSignalsBlocked() {
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  for (const int signal : kStopSignals) {
+    sigaddset(&blocked, signal);
+  }
+  sigprocmask(SIG_BLOCK, &blocked, &before_);
+}
+
+StopSignalsBlocked::~StopSignalsBlocked() {
+  sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
 ExitStatus stopStatus() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <signal.h>
 #include <termios.h>
 
 #include <cstddef>
@@ -72,6 +73,21 @@ void catchStopSignals();
 
 /// Whether a stop signal was received.
 bool stopRequested();
+
+/// Blocks the stop signals for the lifetime of the object, so that none arrives unnoticed between
+/// stopRequested() and ppoll(2), which lets them through by Before().
+class StopSignalsBlocked {
+ public:
+  StopSignalsBlocked();
+  ~StopSignalsBlocked();
+  StopSignalsBlocked(const StopSignalsBlocked&) = delete;
+  StopSignalsBlocked& operator=(const StopSignalsBlocked&) = delete;
+
+  const sigset_t& Before() const { return before_; }
+
+ private:
+  sigset_t before_{};
+};
 
 /// The exit status for the received signal: 130 for SIGINT, else 143.
 ExitStatus stopStatus();

@@ -53,12 +53,20 @@ std::string pathOf(const std::string& number) {
 }  // namespace
 
 int FakeCamera::ReadTransfer(sd_bus*, const char*, const char*, const char* name,
-                             sd_bus_message* reply, void* transfer, sd_bus_error*) {
+                             sd_bus_message* reply, void* transfer, sd_bus_error* error) {
+  const std::string& denial = static_cast<Transfer*>(transfer)->camera->denial_;
+  if (!denial.empty()) {
+    return sd_bus_error_set(error, denial.c_str(), "no answer to this");
+  }
   return append(reply, static_cast<Transfer*>(transfer)->properties, name, typeOf(name));
 }
 
 int FakeCamera::ReadDevice(sd_bus*, const char*, const char*, const char* name,
-                           sd_bus_message* reply, void* camera, sd_bus_error*) {
+                           sd_bus_message* reply, void* camera, sd_bus_error* error) {
+  const std::string& denial = static_cast<FakeCamera*>(camera)->denial_;
+  if (!denial.empty() && static_cast<FakeCamera*>(camera)->transfers_.empty()) {
+    return sd_bus_error_set(error, denial.c_str(), "no answer to this");
+  }
   return append(reply, static_cast<FakeCamera*>(camera)->device_, name, typeOf(name));
 }
 
@@ -161,7 +169,7 @@ int FakeCamera::OnSend(sd_bus_message* call, sd_bus_error*) {
   if (request_["functionName"] == Variant("GetSystemStats")) {
     answer = Variant::Map{{"functionName", "__response__"},
                           {"requestId", request_["id"]},
-                          {"statusCode", std::uint64_t{0}},
+                          {"statusCode", statisticsStatus_},
                           {"payload", Variant::Map{{"uptime", Variant::Map{{"sec", 61}}}}}};
   }
   sd_bus_message* created = nullptr;
@@ -230,6 +238,16 @@ void FakeCamera::Tell(const std::string& name, const std::string& value) {
 void FakeCamera::RefuseToCancel(const std::string& text) {
   const auto lock = Lock();
   refusal_ = text;
+}
+
+void FakeCamera::RefuseToTell(const std::string& error) {
+  const auto lock = Lock();
+  denial_ = error;
+}
+
+void FakeCamera::FailStatistics(std::uint64_t status) {
+  const auto lock = Lock();
+  statisticsStatus_ = status;
 }
 
 std::vector<std::string> FakeCamera::Cancelled() const {

@@ -39,6 +39,12 @@ class FakeCamera {
   /// Answers cancellations with an error from now on.
   void RefuseToCancel(const std::string& text);
 
+  /// Answers requests for the properties of its transfers or, if it has none, for its own with this
+  /// error from now on.
+  void RefuseToTell(const std::string& error);
+  /// Answers GetSystemStats with this status from now on.
+  void FailStatistics(std::uint64_t status);
+
   /// The numbers of the transfers that were cancelled.
   std::vector<std::string> Cancelled() const;
   variant::Variant LastRequest() const;
@@ -70,6 +76,8 @@ class FakeCamera {
   std::map<std::string, std::unique_ptr<Transfer>> transfers_;
   Properties device_;
   std::string refusal_;
+  std::string denial_;
+  std::uint64_t statisticsStatus_ = 0;
   std::vector<std::string> cancelled_;
   variant::Variant request_;
   std::atomic<bool> stop_{false};

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Child.h"
+#include "FakeCamera.h"
 #include "Peer.h"
 #include "PrivateBus.h"
 
@@ -81,6 +82,46 @@ TEST_F(Host, InspectingCommandsRunThere) {
   }
 }
 
+TEST_F(Host, DenialThereAdvisesForThere) {
+  FakeCamera camera;
+  camera.RefuseToTell("org.freedesktop.DBus.Error.AccessDenied");
+  const Result result = run({"-H", "bob@cam", "info"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("may use the bus of bob@cam: run \"adduser USER kova\" there"));
+}
+
+TEST_F(Host, RefusedFiguresAreNotLeftOut) {
+  FakeCamera camera;
+  camera.RefuseToTell("org.freedesktop.DBus.Error.LimitsExceeded");
+  for (const char* what : {"the description of the camera", "the list of transfers"}) {
+    const Result result = run({"-H", "cam", "metrics"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_THAT(result.err, HasSubstr(std::string("cannot get ") + what + ": no answer to this"));
+    camera.Publish("7", {});
+  }
+  const Result listed = run({"-H", "cam", "transfers"});
+  EXPECT_EQ(listed.status, 1);
+  EXPECT_THAT(listed.err, HasSubstr("cannot get the list of transfers"));
+}
+
+TEST_F(Host, MetricsPrintWhatCouldBeRead) {
+  FakeCamera camera;
+  camera.FailStatistics(1);
+  const Result result = run({"-H", "cam", "metrics"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.out, HasSubstr("kova_uptime_seconds 61\n"));
+  EXPECT_THAT(result.err, HasSubstr("the missing figures could not be read"));
+}
+
+TEST_F(Host, UnknownStatusIsReported) {
+  Become("exit 77");
+  const Result result = run({"-H", "cam", "service", "list", "--json"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.err, "kovactl: kovactl there ended with status 77\n");
+  EXPECT_THAT(result.out, HasSubstr("\"code\": \"unreachable\""));
+}
+
 TEST_F(Host, EndOfSshIsExplained) {
   const std::pair<const char*, const char*> ends[] = {
       {"exit 255", "cannot log in to cam:22, ssh says why above: \"ssh -p 22 cam\" must work"},
@@ -121,6 +162,7 @@ TEST_F(Host, WrongHostsAreRefused) {
     const Result result = run({"--host", text, "stats"});
     EXPECT_EQ(result.status, 2) << text;
     EXPECT_THAT(result.err, HasSubstr("is not a host")) << text;
+    EXPECT_THAT(run({"--json", "--host", text, "stats"}).out, HasSubstr("\"code\": \"usage\""));
   }
   EXPECT_EQ(run({"--host", "cam", "--bus", bus_.address(), "stats"}).status, 2);
   EXPECT_EQ(Left("arguments"), "") << "nothing was started";

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <limits>
 
+#include "Text.h"
+
 namespace kova::ctl {
 namespace {
 
@@ -106,13 +108,28 @@ TEST(Metrics, HaveFiguresTransfersAndVersions) {
 TEST(Metrics, LeaveOutWhatIsNotKnown) {
   EXPECT_EQ(metricsText(Variant(), nullptr, nullptr), "# EOF\n");
   const std::vector<TransferRecord> none;
-  EXPECT_EQ(metricsText(Variant(), nullptr, &none), "# EOF\n");
+  const std::string idle = metricsText(Variant(), nullptr, &none);
+  EXPECT_THAT(idle, HasSubstr("kova_transfers_active{kind=\"logo\",phase=\"preparing\"} 0\n"));
+  EXPECT_THAT(idle, Not(HasSubstr("kova_transfers_ended")));
+  expectValid(idle);
   const Variant odd =
       Variant::Map{{"cpu", "text"},
                    {"memory", Variant::Map{{"totalKb", std::numeric_limits<double>::quiet_NaN()}}},
                    {"wifi", Variant::Map{{"signalStrength", 0}}},
                    {"network", Variant::Map{{"name", 5}}}};
   EXPECT_EQ(metricsText(odd, nullptr, nullptr), "# EOF\n");
+}
+
+TEST(Metrics, TextsThatPrintAlikeAreOneSeries) {
+  std::vector<TransferRecord> records = transfers();
+  records[0].outcome = "A\x01";
+  records[1].outcome = printable(records[0].outcome);
+  records[3].kind = "x\n";
+  records.push_back(records[3]);
+  records.back().kind = printable(records[3].kind);
+  const std::string text = metricsText(Variant(), nullptr, &records);
+  EXPECT_THAT(text, HasSubstr("{kind=\"x\\\\n\",phase=\"transferring\"} 2\n"));
+  expectValid(text);
 }
 
 TEST(Metrics, CheckerFindsFaults) {

@@ -59,7 +59,7 @@ ExitStatus info(const Options& options) {
     return asked;
   }
   return answer.error.empty() ? present(options, resultOf(device), tableOf(device))
-                              : failOn(answer, "about itself");
+                              : failOn(answer, "the description of the camera", options.host);
 }
 
 }  // namespace

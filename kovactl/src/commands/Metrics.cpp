@@ -182,19 +182,33 @@ void appendDevice(std::string& text, const Device& device) {
   if (!device.lastSaveOutcome.empty()) {
     append(text,
            {"kova_last_save_timestamp_seconds",
-            "When the configuration was saved last.",
+            "When a save ended last.",
             Type::Gauge,
             {{{{"outcome", device.lastSaveOutcome}}, static_cast<double>(device.lastSave) / 1e6}}});
   }
 }
 
+using Counts = std::map<std::pair<std::string, std::string>, unsigned>;
+
+// An idle camera has series, too.
+constexpr std::array kKinds{"firmware",      "logo",         "sound",      "snapshot",
+                            "eventSnapshot", "eventHeatmap", "supportInfo"};
+constexpr std::array kPhases{"preparing", "transferring", "finalising"};
+
 // Gauges: the camera forgets transfers.
 void appendTransfers(std::string& text, const std::vector<TransferRecord>& transfers) {
-  std::map<std::pair<std::string, std::string>, unsigned> active;
-  std::map<std::pair<std::string, std::string>, unsigned> ended;
+  Counts active;
+  for (const char* kind : kKinds) {
+    for (const char* phase : kPhases) {
+      active[{kind, phase}] = 0;
+    }
+  }
+  Counts ended;
   for (const TransferRecord& record : transfers) {
     const bool over = record.HasEnded();
-    ++(over ? ended : active)[{record.kind, over ? record.outcome : record.phase}];
+    // As they are printed: different texts may become one.
+    ++(over ? ended
+            : active)[{printable(record.kind), printable(over ? record.outcome : record.phase)}];
   }
   Family now{"kova_transfers_active", "Transfers under way."};
   for (const auto& [key, count] : active) {
@@ -229,6 +243,13 @@ std::string metricsText(const Variant& statistics, const Device* device,
 
 namespace {
 
+// Older cameras do not have all objects.
+ExitStatus judged(const Options& options, ExitStatus asked, const Objects::Answer& answer,
+                  const char* what) {
+  const bool had = asked != ExitStatus::Ok || answer.error.empty() || isUnknown(answer);
+  return had ? asked : failOn(answer, what, options.host);
+}
+
 ExitStatus metrics(const Options& options) {
   Client client(options);
   if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
@@ -237,7 +258,7 @@ ExitStatus metrics(const Options& options) {
   ipc::messages::GetSystemStats request;
   const Reply reply =
       client.Request(request, options.answerTimeoutMs(), "the missing figures could not be read");
-  if (reply.status != ExitStatus::Ok) {
+  if (!reply.answered) {
     return reply.status;
   }
   Objects objects(options);
@@ -248,14 +269,19 @@ ExitStatus metrics(const Options& options) {
   Objects::Answer told;
   Objects::Answer listed;
   std::vector<TransferRecord> transfers;
-  ExitStatus asked = readDevice(objects, device, told);
-  asked = asked == ExitStatus::Ok ? objects.ReadTransfers(transfers, listed) : asked;
+  ExitStatus asked =
+      judged(options, readDevice(objects, device, told), told, "the description of the camera");
+  if (asked == ExitStatus::Ok) {
+    asked =
+        judged(options, objects.ReadTransfers(transfers, listed), listed, "the list of transfers");
+  }
   if (asked != ExitStatus::Ok) {
     return asked;
   }
   const std::string text = metricsText(payloadOf(reply), told.error.empty() ? &device : nullptr,
                                        listed.error.empty() ? &transfers : nullptr);
-  return present(options, text, text);
+  const ExitStatus shown = present(options, text, text);
+  return reply.status != ExitStatus::Ok ? reply.status : shown;
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ ExitStatus showOnce(const Options& options, Objects& objects) {
     return asked;
   }
   if (!answer.error.empty()) {
-    return failOn(answer, "its transfers");
+    return failOn(answer, "the list of transfers", options.host);
   }
   Variant list = Variant::Array{};
   for (const TransferRecord& record : records) {
@@ -84,7 +84,7 @@ ExitStatus awaitChange(Objects& objects, const bool& changed) {
 
 using Frame = std::function<ExitStatus(const Records&)>;
 
-ExitStatus readInto(Objects& objects, const Frame& frame) {
+ExitStatus readInto(const Options& options, Objects& objects, const Frame& frame) {
   Records records;
   Objects::Answer answer;
   if (const ExitStatus asked = objects.ReadTransfers(records, answer); asked != ExitStatus::Ok) {
@@ -94,16 +94,17 @@ ExitStatus readInto(Objects& objects, const Frame& frame) {
     return frame(records);
   }
   // A camera that flashes its firmware answers later.
-  return exitForError(answer.error) == ExitStatus::NoAnswer ? ExitStatus::Ok
-                                                            : failOn(answer, "its transfers");
+  return exitForError(answer.error) == ExitStatus::NoAnswer
+             ? ExitStatus::Ok
+             : failOn(answer, "the list of transfers", options.host);
 }
 
-ExitStatus repeat(Objects& objects, const Frame& frame) {
+ExitStatus repeat(const Options& options, Objects& objects, const Frame& frame) {
   bool changed = false;
   objects.Bus().Follow("/kova", [&changed] { changed = true; });
   while (true) {
     changed = false;
-    ExitStatus status = readInto(objects, frame);
+    ExitStatus status = readInto(options, objects, frame);
     status = status == ExitStatus::Ok ? awaitChange(objects, changed) : status;
     if (status != ExitStatus::Ok) {
       return status;
@@ -114,12 +115,13 @@ ExitStatus repeat(Objects& objects, const Frame& frame) {
 ExitStatus watch(const Options& options, Objects& objects) {
   if (outputIsTerminal() && !options.json) {
     AlternateScreen screen;
-    return repeat(objects, [&screen](const Records& records) {
+    return repeat(options, objects, [&screen](const Records& records) {
       return screen.Show("Ctrl-C to stop\n\n" + transferTable(records)) ? ExitStatus::Ok : show("");
     });
   }
   Changes changes(options);
-  return repeat(objects, [&changes](const Records& records) { return changes.Present(records); });
+  return repeat(options, objects,
+                [&changes](const Records& records) { return changes.Present(records); });
 }
 
 ExitStatus cancel(const Options& options, const std::string& number) {
