@@ -63,9 +63,8 @@ Variant jsonOf(const std::string& text) {
 
 // Sends the event with the outcome of a request to its sender, over a connection of its own.
 void sendStatus(const Variant& request, const char* status) {
-  ipc::TransactionsHandler ignored("camera", nullptr);
   ipc::Ipc ipc;
-  ASSERT_TRUE(ipc.Init("", false, &ignored));
+  ASSERT_TRUE(ipc.Init("", false, nullptr));
   ipc::messages::EventTransferRequestStatus event;
   event.to(request.Find("from")->ToText());
   event.requestId(idOf(request));
