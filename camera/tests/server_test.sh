@@ -52,19 +52,20 @@ turns_strangers_away() {
   expect_not "a second server in the folder is refused" "$here/../server" "$dir"
 }
 
-arrives() { eventually test -s "$dir/received/$1"; }
-
 # Runs what is printed, on a camera of its own.
 obeys_what_is_printed() {
   local line commands
   commands=$(sed -n 's/^    //p' "$work/told" | sed "s,/tmp/cam,$one,g; s,\./dev camera,$camera,")
-  expect "ten commands are printed" test "$(wc -l <<<"$commands")" -eq 10
+  expect "twelve commands are printed" test "$(wc -l <<<"$commands")" -eq 12
+  expect "every transfer is waited for" test "$(grep -cE ' (put|get|firmware) .* --wait$' <<<"$commands")" -eq 5
   while read -r line; do
     expect "${line##*/}" bash -c "$line" </dev/null
     case $line in
-      *"get snapshot"*) expect "the test picture arrives" arrives snapshot.jpg ;;
-      *"get support"*) expect "the archive arrives" arrives support.tar ;;
-      *" firmware "*) expect "the firmware is flashed" eventually grep -q "version=9.9.9" -a "$one/flash/firmware.bin" ;;
+      *"get snapshot"*) expect "the test picture has arrived" test -s "$dir/received/snapshot.jpg" ;;
+      *"get support"*) expect "the archive has arrived" test -s "$dir/received/support.tar" ;;
+      *" firmware "*) expect "the firmware is flashed" grep -q "version=9.9.9" -a "$one/flash/firmware.bin" ;;
+      *" transfers") expect "the transfers are listed" grep -q "/upload/support.tar" "$work/output" ;;
+      *" info") expect "the model is told" grep -q "^Model " "$work/output" ;;
       *" reboot") expect "the camera comes back" "$camera" wait "$one" 2 ;;
     esac
   done <<<"$commands"

@@ -1,8 +1,32 @@
 # Completion of kovactl for bash, without other packages.
 
+# Bash splits "--host=root@cam" into five words, at the characters of COMP_WORDBREAKS. Reads the words up to the one
+# that is completed, with the values of the options of every command in one piece: "--host" "root@cam".
+_kovactl_join() {
+  local i word before='' value=none
+  words=(kovactl)
+  for ((i = 1; i <= COMP_CWORD; i++)); do
+    word=${COMP_WORDS[i]}
+    if [[ $value == begun && -n $word && ($word != *[^@:=]* || $before != *[^@:=]*) ]]; then
+      words[-1]+=$word
+    elif [[ $value == due && $word == = ]]; then
+      ((i < COMP_CWORD)) || words+=('')
+    else
+      words+=("$word")
+      case $value-$word in
+        due-*) value=begun ;;
+        *--H | *---host | *---bus | *---timeout) value=due ;;
+        *) value=none ;;
+      esac
+    fi
+    before=$word
+  done
+  cword=$((${#words[@]} - 1))
+}
+
 _kovactl_words() {
   local IFS=$'\n'
-  mapfile -t COMPREPLY < <(compgen -W "$1" -- "${COMP_WORDS[COMP_CWORD]}")
+  mapfile -t COMPREPLY < <(compgen -W "$1" -- "${words[cword]}")
 }
 
 # The command so far, with its subcommand, such as "service start".
@@ -10,8 +34,8 @@ _kovactl_command() {
   local i word
   _kovactl_path=()
   _kovactl_first=0
-  for ((i = 1; i < COMP_CWORD; i++)); do
-    word=${COMP_WORDS[i]}
+  for ((i = 1; i < cword; i++)); do
+    word=${words[i]}
     case $word in
       -H | --host | --bus | --timeout) ((i++)) ;;
       -*) ;;
@@ -82,20 +106,23 @@ _kovactl_arguments() {
 
 # Bash splits "what=sn" into three words, and "sync:=tr" into three or four, by whether ":" is a word break.
 _kovactl_values() {
-  local at=$((COMP_CWORD - 1)) field
-  [[ ${COMP_WORDS[COMP_CWORD]} == *=* ]] && at=$COMP_CWORD
-  field=${COMP_WORDS[at - 1]}
-  [[ $field != : ]] || field=${COMP_WORDS[at - 2]}
+  local at=$((cword - 1)) field
+  [[ ${words[cword]} == *=* ]] && at=$cword
+  field=${words[at - 1]}
+  [[ $field != : ]] || field=${words[at - 2]}
   mapfile -t COMPREPLY < <(compgen -W "$(kovactl __complete values "${_kovactl_path[1]}" "${field%:}")" -- \
-    "${COMP_WORDS[COMP_CWORD]##*=}")
+    "${words[cword]##*=}")
 }
 
 _kovactl() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  local -a words
+  local cword
+  _kovactl_join
+  local current=${words[cword]} previous=${words[cword - 1]}
   local -a commands=(stats info metrics settings timezones reset-settings user service save reboot
     reset-defaults exit-service put get firmware transfers cancel call monitor listen bridge help)
   local -a _kovactl_path
-  local _kovactl_first
+  local _kovactl_first user=''
   _kovactl_command
   case $previous in
     --to | --from) _kovactl_words "$(kovactl __complete endpoints)" && return ;;
@@ -105,7 +132,9 @@ _kovactl() {
       return
       ;;
     -H | --host)
-      mapfile -t COMPREPLY < <(compgen -A hostname -- "$current")
+      # The user is part of what is completed only where "@" does not split words.
+      [[ ${COMP_WORDS[COMP_CWORD]} == ?*@* ]] && user=${current%@*}@
+      mapfile -t COMPREPLY < <(compgen -P "$user" -A hostname -- "${current##*@}")
       return
       ;;
     --bus | --timeout | --delay | --hash | --filename | --field | --name) return ;;

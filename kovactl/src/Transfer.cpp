@@ -21,6 +21,8 @@ using ipc::messages::EventUpdateFirmwareFailure;
 constexpr std::uint32_t kGraceMs = 2000;
 // More than the longest time that the camera lets its tools take.
 constexpr std::uint32_t kToolsMs = 2000 * 1000;
+// How long the event may be under way when the record is gone already.
+constexpr std::uint32_t kLastEventMs = 500;
 // The camera requires a sender for its events. It queues events for an absent endpoint; one name
 // that no process uses keeps them in a single bounded queue instead of one per process.
 constexpr const char* kAbsentEndpoint = "client.kovactl";
@@ -79,6 +81,23 @@ std::string failureOf(const TransferRecord& record) {
                     record);
 }
 
+std::string lossOf(TransferFollower::Loss loss, const TransferRecord& record) {
+  switch (loss) {
+    case TransferFollower::Loss::Record:
+      return "the control server forgot transfer " + record.number + " while it was " +
+             record.phase;
+    case TransferFollower::Loss::Connection:
+      return "the connection that follows transfer " + record.number + " was lost while it was " +
+             record.phase;
+    default:
+      return "the control server ended while it was " + record.phase;
+  }
+}
+
+bool isStop(ExitStatus status) {
+  return status == ExitStatus::Interrupted || status == ExitStatus::Terminated;
+}
+
 // One request for a transfer, from sending it to telling its outcome.
 class Request {
  public:
@@ -95,6 +114,7 @@ class Request {
   ExitStatus Run();
 
  private:
+  ExitStatus Join();
   ExitStatus Send();
   ExitStatus Wait();
   ExitStatus WaitForEvent(Progress& progress);
@@ -121,8 +141,11 @@ class Request {
 };
 
 ExitStatus Request::Run() {
+  if (const ExitStatus joined = Join(); joined != ExitStatus::Ok) {
+    return joined;
+  }
   if (const ExitStatus sent = Send(); sent != ExitStatus::Ok) {
-    return sent;
+    return isStop(sent) ? ConcludeStop(sent) : sent;
   }
   if (const ExitStatus found = follower_.Find(request_.id()); found != ExitStatus::Ok) {
     return ConcludeStop(found);
@@ -133,12 +156,14 @@ ExitStatus Request::Run() {
   return transfer_.wait ? Wait() : ConcludeTaken();
 }
 
+// Both connections are there before the camera starts anything.
+ExitStatus Request::Join() {
+  const ExitStatus joined = transfer_.wait ? client_.Join(ownEndpoint(), &event_) : client_.Join();
+  return joined == ExitStatus::Ok ? follower_.Open() : joined;
+}
+
 ExitStatus Request::Send() {
   request_.from(transfer_.wait ? ownEndpoint() : kAbsentEndpoint);
-  const ExitStatus joined = transfer_.wait ? client_.Join(ownEndpoint(), &event_) : client_.Join();
-  if (joined != ExitStatus::Ok) {
-    return joined;
-  }
   const ExitStatus taken = client_.Request(request_, options_.answerTimeoutMs()).status;
   return event_.Known() ? ExitStatus::Ok : taken;
 }
@@ -149,7 +174,7 @@ ExitStatus Request::Wait() {
     Progress progress(!options_.json);
     waited = follower_.Found() ? WaitForEnd(progress) : WaitForEvent(progress);
   }
-  if (waited == ExitStatus::Interrupted || waited == ExitStatus::Terminated) {
+  if (isStop(waited)) {
     return ConcludeStop(waited);
   }
   if (waited == ExitStatus::NoAnswer) {
@@ -184,11 +209,19 @@ ExitStatus Request::WaitForEnd(Progress& progress) {
     }
     return follower_.Record().HasEnded() || follower_.Gone();
   };
-  const ExitStatus waited = Serve(ended, progress, transfer_.timeoutMs + kGraceMs);
+  ExitStatus waited = Serve(ended, progress, transfer_.timeoutMs + kGraceMs);
   // The time-out does not cover the tools that check and flash.
-  return waited == ExitStatus::NoAnswer && follower_.Record().phase == "finalising"
-             ? Serve(ended, progress, kToolsMs)
-             : waited;
+  if (waited == ExitStatus::NoAnswer) {
+    waited = Serve([&] { return ended() || !follower_.MayBeAtTools(); }, progress, kToolsMs);
+  }
+  if (waited != ExitStatus::Ok || follower_.Record().HasEnded()) {
+    return waited;
+  }
+  if (!follower_.Gone()) {
+    return ExitStatus::NoAnswer;
+  }
+  const ExitStatus last = Serve([this] { return event_.Known(); }, progress, kLastEventMs);
+  return last == ExitStatus::NoAnswer ? ExitStatus::Ok : last;
 }
 
 ExitStatus Request::Conclude() {
@@ -199,10 +232,10 @@ ExitStatus Request::Conclude() {
   if (record.HasEnded()) {
     return Fail(ExitStatus::Refused, record.outcome, failureOf(record));
   }
-  if (follower_.Gone()) {
-    return Fail(ExitStatus::Unknown, "unknown",
-                "the control server ended while it was " + record.phase +
-                    ": the outcome is unknown; see the camera's log");
+  if (follower_.Gone() && !event_.Known()) {
+    return Fail(
+        ExitStatus::Unknown, "unknown",
+        lossOf(follower_.Lost(), record) + ": the outcome is unknown; see the camera's log");
   }
   return event_.Text() == "OK"
              ? Present("OK", "OK\n")
@@ -212,7 +245,7 @@ ExitStatus Request::Conclude() {
 ExitStatus Request::ConcludeStop(ExitStatus stopped) {
   Present("unknown");
   if (!follower_.Found()) {
-    return stopped;
+    return fail(stopped, "no transfer to cancel is known: the camera may go on with the request");
   }
   const std::string& number = follower_.Record().number;
   if (!transfer_.cancel) {

@@ -19,10 +19,6 @@ constexpr std::uint32_t kAnswerMs = 10000;
 
 ExitStatus TransferFollower::Find(std::uint64_t requestId) {
   constexpr unsigned kPauseMs = 50;
-  std::string ignored;
-  if (!objects_.Bus().Open(ignored)) {
-    return ExitStatus::Ok;
-  }
   const auto deadline = Clock::now() + kSearch;
   do {
     std::vector<TransferRecord> records;
@@ -45,17 +41,17 @@ ExitStatus TransferFollower::Find(std::uint64_t requestId) {
 void TransferFollower::Follow() {
   if (!record_.HasEnded()) {
     // Without signals the heartbeat remains.
-    objects_.Bus().Follow(pathOfTransfer(record_.number), [this] { changed_ = true; });
-    changed_ = true;
+    objects_.Bus().Follow(pathOfTransfer(record_.number), [this] { changed_ = behind_ = true; });
+    changed_ = behind_ = true;
   }
 }
 
 void TransferFollower::Service() {
   if (!objects_.Bus().Service(0)) {
-    gone_ = true;
+    loss_ = Loss::Connection;
   }
   const bool due = changed_ || Clock::now() - asked_ >= kHeartbeat;
-  if (due && !asking_ && !gone_ && !record_.HasEnded()) {
+  if (due && !asking_ && !Gone() && !record_.HasEnded()) {
     Ask();
   }
 }
@@ -71,10 +67,13 @@ void TransferFollower::Take(const Objects::Answer& answer) {
   asking_ = false;
   if (answer.error.empty()) {
     record_ = transferRecord(record_.number, answer.value);
-  } else {
-    // A control server that is busy with a tool answers late, which is no news.
-    gone_ = isUnknown(answer) || exitForError(answer.error) == ExitStatus::Unreachable;
+    behind_ = changed_;
+  } else if (isUnknown(answer)) {
+    loss_ = Loss::Record;
+  } else if (exitForError(answer.error) == ExitStatus::Unreachable) {
+    loss_ = Loss::Server;
   }
+  // A control server that is busy with a tool answers late, which is no news.
 }
 
 ExitStatus TransferFollower::Cancel() {

@@ -16,6 +16,11 @@ class TransferFollower {
   TransferFollower(const TransferFollower&) = delete;
   TransferFollower& operator=(const TransferFollower&) = delete;
 
+  /// Why there is nothing left to follow.
+  enum class Loss { None, Server, Record, Connection };
+
+  /// Joins the bus. Failures are reported as by Client.
+  ExitStatus Open() { return objects_.Open(); }
   /// Looks for the transfer of a request that the camera has accepted. Without one, because the
   /// camera publishes none, Found() stays false.
   /// @return Ok, or stopStatus() on a stop signal
@@ -26,8 +31,12 @@ class TransferFollower {
   void Service();
   /// The state read last.
   const TransferRecord& Record() const { return record_; }
-  /// Whether the control server has ended or has forgotten the transfer.
-  bool Gone() const { return gone_; }
+  /// Whether the control server may be waiting for a tool that checks or flashes. It enters that
+  /// phase and starts the tool at once, so that it signals the phase and answers no more.
+  bool MayBeAtTools() const { return record_.phase == "finalising" || behind_; }
+  /// Whether the control server has ended or has forgotten the transfer, or cannot be reached.
+  bool Gone() const { return loss_ != Loss::None; }
+  Loss Lost() const { return loss_; }
 
   /// Has the camera cancel the transfer.
   ExitStatus Cancel();
@@ -41,9 +50,10 @@ class TransferFollower {
 
   Objects objects_;
   TransferRecord record_;
-  bool changed_ = false;
+  bool changed_ = false;  ///< signalled since the last question
+  bool behind_ = false;   ///< signalled and not read since
   bool asking_ = false;
-  bool gone_ = false;
+  Loss loss_ = Loss::None;
   Clock::time_point asked_{};
 };
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <chrono>
 #include <string_view>
 
 #include "../../platform/ipc/src/Wire.h"
@@ -192,8 +193,7 @@ int FakeCamera::Transfer::OnCancel(sd_bus_message* call, sd_bus_error*) {
 void FakeCamera::Publish(const std::string& number, const Properties& properties) {
   const auto lock = Lock();
   if (transfers_.contains(number)) {
-    EXPECT_GE(sd_bus_emit_object_removed(bus_.get(), pathOf(number).c_str()), 0);
-    transfers_.erase(number);
+    Forget(number);
   }
   auto transfer = std::make_unique<Transfer>();
   transfer->camera = this;
@@ -223,6 +223,20 @@ void FakeCamera::Change(const std::string& number, const Properties& properties)
   EXPECT_GE(sd_bus_emit_properties_changed_strv(bus_.get(), pathOf(number).c_str(),
                                                 "kova.Transfer1", changed.data()),
             0);
+}
+
+void FakeCamera::Finalise(const std::string& number, int milliseconds) {
+  const auto lock = Lock();
+  Change(number, {{"Phase", "finalising"}});
+  EXPECT_GE(sd_bus_flush(bus_.get()), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+  Change(number, {{"Phase", "ended"}, {"Outcome", "OK"}});
+}
+
+void FakeCamera::Forget(const std::string& number) {
+  const auto lock = Lock();
+  EXPECT_GE(sd_bus_emit_object_removed(bus_.get(), pathOf(number).c_str()), 0);
+  transfers_.erase(number);
 }
 
 void FakeCamera::Tell(const std::string& name, std::uint64_t value) {

@@ -33,6 +33,10 @@ class FakeCamera {
   void Publish(const std::string& number, const Properties& properties);
   /// Changes properties and signals that.
   void Change(const std::string& number, const Properties& properties);
+  /// Signals "finalising", serves nothing for this long, as while a tool runs, and ends with OK.
+  void Finalise(const std::string& number, int milliseconds);
+  /// Removes a transfer and signals that.
+  void Forget(const std::string& number);
   /// Sets a property of the camera; "LastSave" is the time, and its outcome is "ok".
   void Tell(const std::string& name, std::uint64_t value);
   void Tell(const std::string& name, const std::string& value);

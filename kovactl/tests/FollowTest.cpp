@@ -1,10 +1,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include "Child.h"
 #include "FakeCamera.h"
+#include "Peer.h"
 #include "PrivateBus.h"
+#include "kova/messages/Events.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -53,6 +60,50 @@ Variant jsonOf(const std::string& text) {
   EXPECT_GT(Variant::FromJSON(text, value), 0) << text;
   return value;
 }
+
+// Sends the event with the outcome of a request to its sender, over a connection of its own.
+void sendStatus(const Variant& request, const char* status) {
+  ipc::Ipc ipc;
+  ASSERT_TRUE(ipc.Init("", false, nullptr));
+  ipc::messages::EventTransferRequestStatus event;
+  event.to(request.Find("from")->ToText());
+  event.requestId(idOf(request));
+  event.status(status);
+  EXPECT_TRUE(ipc.SendRequest(event));
+  EXPECT_TRUE(ipc.Flush());
+}
+
+/// A program that carries connections to the bus, as ssh does. It notes its process ids.
+class Carrier {
+ public:
+  /// @param most how many connections it carries; it fails for more
+  Carrier(const std::string& bus, int most) {
+    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
+    std::ofstream(folder_ + "/carry")
+        << "#!/bin/sh\n"
+        << "[ \"$(cat '" << Pids() << "' 2>/dev/null | wc -l)\" -lt " << most << " ] || exit 1\n"
+        << "echo $$ >>'" << Pids() << "'\n"
+        << "exec " << KOVACTL_PROGRAM << " --bus " << bus << " bridge\n";
+    chmod((folder_ + "/carry").c_str(), 0755);
+  }
+  ~Carrier() { std::filesystem::remove_all(folder_); }
+  Carrier(const Carrier&) = delete;
+  Carrier& operator=(const Carrier&) = delete;
+
+  std::string Address() const { return "unixexec:path=" + folder_ + "/carry"; }
+  std::vector<pid_t> Carrying() const {
+    std::vector<pid_t> pids;
+    std::ifstream file(Pids());
+    for (pid_t pid = 0; file >> pid;) {
+      pids.push_back(pid);
+    }
+    return pids;
+  }
+
+ private:
+  std::string Pids() const { return folder_ + "/pids"; }
+  std::string folder_ = std::filesystem::temp_directory_path() / "kova_carrier.XXXXXX";
+};
 
 class Follow : public ::testing::Test {
  protected:
@@ -194,6 +245,76 @@ TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
   const Result result = child.Wait();
   EXPECT_EQ(result.status, 5);
   EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
+}
+
+TEST_F(Follow, ForgottenTransferLeavesOutcomeUnknown) {
+  FakeCamera camera(transferring());
+  Child child(putLogo());
+  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  camera.Forget("7");
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 5);
+  EXPECT_THAT(result.err,
+              HasSubstr("the control server forgot transfer 7 while it was transferring"));
+}
+
+TEST_F(Follow, EventDecidesForForgottenTransfer) {
+  const std::pair<const char*, int> outcomes[] = {{"OK", 0}, {"VALIDATION_FAILED", 1}};
+  for (const auto& [status, exit] : outcomes) {
+    FakeCamera camera(transferring());
+    Child child(putLogo());
+    ASSERT_TRUE(child.AwaitError("transferring\n"));
+    sendStatus(camera.LastRequest(), status);
+    camera.Forget("7");
+    const Result result = child.Wait();
+    EXPECT_EQ(result.status, exit) << result.err;
+    EXPECT_THAT(result.out + result.err, HasSubstr(status));
+  }
+}
+
+TEST_F(Follow, LostConnectionLeavesOutcomeUnknown) {
+  const FakeCamera camera(transferring());
+  const Carrier carrier(bus_.address(), 2);
+  Child child(putLogo({"--wait", "--bus", carrier.Address()}));
+  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  ASSERT_EQ(carrier.Carrying().size(), 2U);
+  kill(carrier.Carrying().back(), SIGKILL);
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 5);
+  EXPECT_THAT(result.err, HasSubstr("the connection that follows transfer 7 was lost"));
+}
+
+TEST_F(Follow, NothingIsSentWithoutSecondConnection) {
+  const FakeCamera camera(endingAs("OK", ""));
+  for (const char* mode : {"--wait", "--json"}) {
+    const Carrier carrier(bus_.address(), 1);
+    const Result result = run(putLogo({mode, "--bus", carrier.Address()}));
+    EXPECT_EQ(result.status, 3);
+    EXPECT_NE(result.err, "");
+  }
+  EXPECT_TRUE(camera.LastRequest().IsEmpty());
+}
+
+TEST_F(Follow, StopWithoutTransferIsExplained) {
+  Peer peer(takingNote());
+  Child child(putLogo({"--wait", "--cancel"}));
+  ASSERT_TRUE(peer.AwaitReceived(1));
+  child.Signal(SIGINT);
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_THAT(result.err, HasSubstr("no transfer to cancel is known"));
+}
+
+TEST_F(Follow, TimeOutDoesNotCoverTools) {
+  FakeCamera camera(transferring());
+  auto arguments = putLogo();
+  arguments[6] = "0.1";
+  Child child(arguments);
+  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  camera.Finalise("7", 3000);  // beyond the time-out and its grace
+  const Result result = child.Wait();
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "OK\n");
 }
 
 TEST_F(Follow, TimeOutTellsPhase) {

@@ -6,6 +6,9 @@ PATH="$(dirname "$1"):$PATH"
 # shellcheck disable=SC1090
 source "$2"
 
+HOSTFILE=$(mktemp)
+trap 'rm -f "$HOSTFILE"' EXIT
+echo '192.0.2.1 cam.example' >"$HOSTFILE"
 failures=0
 
 # expect WORD WORDS...: completing the last of WORDS offers WORD; "-" in place of WORD: nothing.
@@ -46,6 +49,20 @@ expect true call SaveToFlash sync := t
 expect false call SaveToFlash sync : = f
 expect kova_ctlserver call Reboot --to ''
 expect start --host root@cam service st
+expect stats -H root @ cam sta
+expect stats -H cam : 22 sta
+expect stats --host = cam sta
+expect stats --host=cam sta
+expect stats -H [fd00 :: 5] : 22 sta
+expect start --timeout = 5 --bus unix : path = /x service st
+expect --watch --host = root @ cam : 22 stats --w
+expect cam.example -H cam.e
+expect cam.example --host = cam.e
+expect cam.example --host =
+expect cam.example -H root @ cam.e
+expect cam.example -H root @
+expect root@cam.example -H root@cam.e
+expect - -H root @ cam.example : 2
 expect bridge br
 expect kova_sounds_leds listen kova_s
 expect - listen kova_sounds_leds ''
