@@ -164,7 +164,7 @@ supervises_services() {
   inside kill -TERM "$before"
   discovery_is_back() { [ "$(inside pidof kova_discovery_server)" != "$before" ] && inside pidof kova_discovery_server; }
   expect "a service that ended comes back" eventually discovery_is_back
-  expect "its end is logged" grep -q "kova_discovery_server: service ended" "$one/root/var/log/messages"
+  expect "its end is logged" eventually grep -q "kova_discovery_server: service ended" "$one/root/var/log/messages"
   inside killall -KILL dbus-daemon
   expect "after the bus died the daemon serves again" eventually cam wait "$one"
 }

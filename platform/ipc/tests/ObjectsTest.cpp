@@ -1,6 +1,7 @@
 #include "kova/ipc/Objects.h"
 
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <fstream>
 #include <limits>
@@ -110,6 +111,12 @@ class ObjectsTest : public BusTest {
     EXPECT_TRUE(ipc_.objects().Publish("things", kThing, &things_));
     things_.things = {{1, {"one", 1, 10}}, {7, {"seven", 7, 70}}};
     Join();
+  }
+
+  /// Stops the bus, and waits until it has stopped: it may be reading.
+  bool StopBus() const {
+    return kill(privateBus_.pid(), SIGSTOP) == 0 &&
+           waitpid(privateBus_.pid(), nullptr, WUNTRACED) == privateBus_.pid();
   }
 
   MessagePtr NewCall(const char* path, const char* interface, const char* member) {
@@ -498,7 +505,7 @@ TEST_F(ObjectsTest, LargeAnswersToDeafPeerDoNotPileUp) {
     const MessagePtr owned(created);
     deaf.Start(created);
   }
-  kill(privateBus_.pid(), SIGSTOP);
+  ASSERT_TRUE(StopBus());
   things_.listed = 0;
   for (int pass = 0; pass < 100; ++pass) {
     ASSERT_TRUE(ipc_.Service(0));
@@ -510,7 +517,7 @@ TEST_F(ObjectsTest, LargeAnswersToDeafPeerDoNotPileUp) {
 
 TEST_F(ObjectsTest, SignalsAreRefusedWhileBusDoesNotRead) {
   Publish();
-  kill(privateBus_.pid(), SIGSTOP);
+  ASSERT_TRUE(StopBus());
   int accepted = 0;
   while (accepted < 100'000 && ipc_.objects().Changed(things_, 1, {kCount})) {
     ++accepted;
@@ -525,7 +532,7 @@ TEST_F(ObjectsTest, SignalsAreRefusedWhileBusDoesNotRead) {
 
 TEST_F(ObjectsTest, SignalsLeaveEventsTheirPlaces) {
   Publish();
-  kill(privateBus_.pid(), SIGSTOP);
+  ASSERT_TRUE(StopBus());
   int signals = 0;
   while (signals < 100'000 && ipc_.objects().Changed(things_, 1, {kCount})) {
     ++signals;
