@@ -12,6 +12,12 @@ using testing::Not;
 using namespace std::string_literals;
 
 constexpr std::chrono::seconds kPatience{30};
+// Sanitized, a daemon makes a tenth as many answers in the same time.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kCallsOfDeafReader = 4;
+#else
+constexpr int kCallsOfDeafReader = 40;
+#endif
 constexpr char kBusctl[] = "/usr/bin/busctl";
 constexpr char kServer[] = "kova.kova_ctlserver";
 constexpr char kTransfer[] = "kova.Transfer1";
@@ -62,7 +68,13 @@ class ObjectsSystem : public TransferRig {
            {"uri", "http://127.0.0.1:1/" + std::string(4'000, 'x') + std::to_string(count)}});
     }
     requester().settle();
-    ASSERT_GT(managed().size(), 32U * 4'000U);
+    ASSERT_TRUE(eventually([] { return managed().size() > 32U * 4'000U; }, kPatience));
+  }
+  static void expectGrowthBelow([[maybe_unused]] std::size_t kib,
+                                [[maybe_unused]] std::size_t before) {
+#if !defined(__SANITIZE_ADDRESS__)  // which keeps what is freed for a while
+    EXPECT_LT(controlServer(camera()).residentKiB(), before + kib);
+#endif
   }
   Result follow(std::vector<std::string> words) {
     words.insert(words.begin(), {KOVA_FOLLOW_TRANSFER, camera().busAddress()});
@@ -205,7 +217,7 @@ TEST_F(ObjectsSystem, FloodOfReadsLeavesRequestsServed) {
     EXPECT_EQ(stats.status, 0) << stats.err;
   }
   camera().shell("kill $(cat /tmp/flood); rm /tmp/flood");
-  EXPECT_LT(controlServer(camera()).residentKiB(), before + 8'192);
+  expectGrowthBelow(8'192, before);
 }
 
 /// A client that asks without end and reads nothing.
@@ -244,13 +256,13 @@ TEST_F(ObjectsSystem, DeafReadersDoNotSilenceDaemon) {
   std::vector<std::unique_ptr<DeafReader>> readers;
   for (int reader = 0; reader < 60; ++reader) {
     readers.push_back(std::make_unique<DeafReader>(camera().busAddress()));
-    readers.back()->ask(40);
+    readers.back()->ask(kCallsOfDeafReader);
   }
   BusClient client(camera().busAddress());
   for (int request = 0; request < 20; ++request) {
     EXPECT_EQ(client.call(kova::system_test::request("GetSystemStats")), "status 0");
   }
-  EXPECT_LT(controlServer(camera()).residentKiB(), before + 16'384);
+  expectGrowthBelow(16'384, before);
 }
 
 class DeviceSystem : public ObjectsSystem {
