@@ -31,6 +31,8 @@ class Objects {
                   Answer& answer, bool patient = false);
 
   ipc::BusObjects& Bus() { return bus_; }
+  /// The remote camera, "" for the local machine.
+  const std::string& Host() const { return options_.host; }
 
  private:
   using Start = std::function<bool(ipc::BusObjects::Receiver)>;

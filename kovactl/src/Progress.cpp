@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "Terminal.h"
@@ -72,7 +73,7 @@ std::string progressLine(const TransferRecord& record, double bytesPerSecond, st
   }
   const double left = static_cast<double>(record.size - record.transferred) / bytesPerSecond;
   if (bytesPerSecond > 0 && left < kLongestLeft) {
-    line += "  " + humanDuration(static_cast<std::uint64_t>(left + 0.5)) + " left";
+    line += "  " + humanDuration(static_cast<std::uint64_t>(std::llround(left))) + " left";
   }
   const double share = static_cast<double>(record.transferred) / static_cast<double>(record.size);
   const std::string percent = utils::format("%3.0f %%  ", 100 * share);

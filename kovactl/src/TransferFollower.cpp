@@ -94,7 +94,7 @@ ExitStatus cancelTransfer(Objects& objects, const std::string& number, bool pati
   const ExitStatus status = exitForError(answer.error);
   return status == ExitStatus::Refused
              ? fail(status, "transfer " + number + " cannot be cancelled: " + answer.text)
-             : failOn(answer, "the answer to the cancellation");
+             : failOn(answer, "the answer to the cancellation", objects.Host());
 }
 
 }  // namespace kova::ctl
