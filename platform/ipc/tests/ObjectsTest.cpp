@@ -510,7 +510,8 @@ TEST_F(ObjectsTest, LargeAnswersToDeafPeerDoNotPileUp) {
   for (int pass = 0; pass < 100; ++pass) {
     ASSERT_TRUE(ipc_.Service(0));
   }
-  EXPECT_LT(things_.listed, 40);
+  // Each answer reads the list four times; 4 MiB of them, and what the kernel takes, may wait.
+  EXPECT_LT(things_.listed, 4 * 20);
   kill(privateBus_.pid(), SIGCONT);
   EXPECT_EQ(Name("/kova/things/1").size(), 4'000U);
 }
