@@ -337,6 +337,7 @@ bool ObjectServer::EmitChanged(const Publication& publication, const std::string
     return false;
   }
   std::vector<char*> names;
+  names.reserve(properties.size() + 1);
   for (const std::size_t place : properties) {
     names.push_back(const_cast<char*>(publication.interface.properties.at(place).name));
   }
