@@ -50,13 +50,9 @@ class PumpGuardTest : public EngineTest {
  protected:
   void SetUp() override {
     EngineTest::SetUp();
-    previous_ = std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);  // for good: a flood still writes when the test is torn down
     ASSERT_TRUE(guard_.Init());
     ASSERT_TRUE(http_.Init());
-  }
-  void TearDown() override {
-    std::signal(SIGPIPE, previous_);
-    EngineTest::TearDown();
   }
 
   /// Steps until so many transfers have ended.
@@ -82,7 +78,6 @@ class PumpGuardTest : public EngineTest {
   MemoryHttp http_;
 
  private:
-  void (*previous_)(int) = nullptr;
 };
 
 /// A TCP connection of two sockets of this process.
