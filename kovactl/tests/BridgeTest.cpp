@@ -188,10 +188,10 @@ std::string numbered(std::size_t size) {
 TEST(Bridge, ClientWorksThroughIt) {
   const ipc::testing::PrivateBus bus;
   const Peer peer(answering(0));
-  const std::string through = std::string("unixexec:path=") + KOVACTL_PROGRAM +
-                              ",argv1=bridge,argv2=--bus,argv3=unix%3apath%3d" +
-                              bus.address().substr(std::string("unix:path=").size());
-  const Result result = run({"--bus", through, "call", "GetSystemStats", "--json"});
+  setenv("BRIDGE", bridgeCommand(bus.address()).c_str(), 1);
+  const Result result = run({"--bus", "unixexec:path=sh,argv1=-c,argv2=eval%20%24BRIDGE", "call",
+                             "GetSystemStats", "--json"});
+  unsetenv("BRIDGE");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("\"statusCode\": 0"));
 }

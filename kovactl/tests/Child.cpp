@@ -181,4 +181,9 @@ Result run(const std::vector<std::string>& arguments, const std::string& input) 
   return child.Wait();
 }
 
+std::string bridgeCommand(const std::string& bus) {
+  return std::string("exec env ASAN_OPTIONS=detect_leaks=0 ") + KOVACTL_PROGRAM + " --bus " + bus +
+         " bridge";
+}
+
 }  // namespace kova::ctl::testing

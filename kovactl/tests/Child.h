@@ -57,4 +57,9 @@ class Child {
 /// Runs kovactl until it exits.
 Result run(const std::vector<std::string>& arguments, const std::string& input = "");
 
+/// The shell command that becomes "kovactl bridge", for a program that carries connections. It has
+/// no leak check at exit: sd-bus ends such a program with SIGTERM and at once SIGCONT, which
+/// discards the SIGSTOP that the check sends, and the two would wait for each other for ever.
+std::string bridgeCommand(const std::string& bus);
+
 }  // namespace kova::ctl::testing

@@ -83,7 +83,7 @@ class Carrier {
         << "#!/bin/sh\n"
         << "[ \"$(cat '" << Pids() << "' 2>/dev/null | wc -l)\" -lt " << most << " ] || exit 1\n"
         << "echo $$ >>'" << Pids() << "'\n"
-        << "exec " << KOVACTL_PROGRAM << " --bus " << bus << " bridge\n";
+        << bridgeCommand(bus) << "\n";
     chmod((folder_ + "/carry").c_str(), 0755);
   }
   ~Carrier() { std::filesystem::remove_all(folder_); }

@@ -25,7 +25,7 @@ class Host : public ::testing::Test {
     ASSERT_NE(mkdtemp(folder_.data()), nullptr);
     pathBefore_ = std::getenv("PATH");
     setenv("PATH", (folder_ + ":" + pathBefore_).c_str(), 1);
-    Become(std::string("exec ") + KOVACTL_PROGRAM + " --bus " + bus_.address() + " bridge");
+    Become(bridgeCommand(bus_.address()));
   }
   void TearDown() override {
     setenv("PATH", pathBefore_.c_str(), 1);
@@ -206,8 +206,7 @@ TEST_F(Host, UnansweredRequestArrives) {
 }
 
 TEST_F(Host, LossIsReported) {
-  Become("echo $$ >'" + folder_ + "/pid'; exec " + KOVACTL_PROGRAM + " --bus " + bus_.address() +
-         " bridge");
+  Become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "listen", "client.me"});
   ASSERT_TRUE(AwaitJoined(child));
   kill(std::stoi(Left("pid")), SIGKILL);
