@@ -114,7 +114,7 @@ class BaseTransferTask {
   bool refuseRun(const std::string& reason);
 
  private:
-  bool ParametersComplete();
+  bool parametersComplete();
 
   std::string name_;
   bool download_ = true;

@@ -37,8 +37,8 @@ class DeviceObject : public ipc::PublishedObject {
   /// take is signalled later.
   void service(const DeviceState& now);
 
-  ipc::PropertyValue Read(std::size_t property) const override;
-  ipc::MethodError Call(std::size_t) override { return {}; }
+  ipc::PropertyValue read(std::size_t property) const override;
+  ipc::MethodError call(std::size_t) override { return {}; }
 
  private:
   std::string name() const;

@@ -33,11 +33,11 @@ class PumpGuard {
   bool Init();
 
   /// Begins a turn. Its passes may take kTurnMs together, plus kTransferMs for each transfer.
-  void BeginTurn(std::size_t transfers);
+  void beginTurn(std::size_t transfers);
 
   /// Adds a socket that the guard may cut. It must be forgotten before it is closed.
-  void Watch(int fd, Mark cut);
-  void Forget(int fd);
+  void watch(int fd, Mark cut);
+  void forget(int fd);
 
   /// A part of the turn in which sockets may be read. Passes do not nest.
   class Pass {
@@ -65,10 +65,10 @@ class PumpGuard {
     Mark cut;
   };
 
-  static void OnSignal(int number, siginfo_t* info, void* context);
-  void Arm();
-  void Disarm();
-  void Cut();
+  static void onSignal(int number, siginfo_t* info, void* context);
+  void arm();
+  void disarm();
+  void cut();
 
   std::vector<Socket> sockets_;  // changed only with the signal blocked
   timespec left_{};              // time left in this turn

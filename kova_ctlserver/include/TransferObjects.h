@@ -28,10 +28,10 @@ class TransferObjects : public ipc::PublishedFolder, public TransferObserver {
   /// Signals what is due; called at every pass.
   void service();
 
-  std::vector<std::uint64_t> Numbers() const override { return records_.numbers(); }
-  bool Has(std::uint64_t number) const override { return records_.find(number) != nullptr; }
-  ipc::PropertyValue Read(std::uint64_t number, std::size_t property) const override;
-  ipc::MethodError Call(std::uint64_t number, std::size_t method) override;
+  std::vector<std::uint64_t> numbers() const override { return records_.numbers(); }
+  bool has(std::uint64_t number) const override { return records_.find(number) != nullptr; }
+  ipc::PropertyValue read(std::uint64_t number, std::size_t property) const override;
+  ipc::MethodError call(std::uint64_t number, std::size_t method) override;
 
   void transferAdded(const TransferRecord& record) override;
   void transferChanged(const TransferRecord& record, TransferChange change) override;

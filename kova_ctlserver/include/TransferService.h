@@ -57,20 +57,20 @@ class TransferService : public MultiHTTP, private TransferCanceller {
 
  private:
   bool cancelTransfer(std::uint64_t record) override;
-  void Advance(const std::string& uri, TransferRun& run);
-  void Finalise(const std::string& uri, TransferRun& run);
-  bool ExpireDeadline(const std::string& uri, TransferRun& run);
-  bool RegisterIfReady(const std::string& uri, TransferRun& run);
-  bool HoldToSize(const std::string& uri, TransferRun& run);
+  void advance(const std::string& uri, TransferRun& run);
+  void finalise(const std::string& uri, TransferRun& run);
+  bool expireDeadline(const std::string& uri, TransferRun& run);
+  bool registerIfReady(const std::string& uri, TransferRun& run);
+  bool holdToSize(const std::string& uri, TransferRun& run);
 
   // Telling the records.
-  TransferRun TakeOver(BaseTransferTask& task);
-  bool Refuse(const TransferRun& run, const std::string& reason);
-  void End(const TransferRun& run, const TransferRun::End& end);
-  void EndFailed(const std::string& uri, TransferRun& run, TransferStatus status);
-  void NoteCompletion(TransferRun& run, TransferStatus status, int httpCode);
-  void NoteReceived(TransferRun& run, std::uint64_t received, long total);
-  void NoteRead(const std::string& uri, const utils::File& file, int error) override;
+  TransferRun takeOver(BaseTransferTask& task);
+  bool refuse(const TransferRun& run, const std::string& reason);
+  void end(const TransferRun& run, const TransferRun::End& end);
+  void endFailed(const std::string& uri, TransferRun& run, TransferStatus status);
+  void noteCompletion(TransferRun& run, TransferStatus status, int httpCode);
+  void noteReceived(TransferRun& run, std::uint64_t received, long total);
+  void noteRead(const std::string& uri, const utils::File& file, int error) override;
   void cancel(const std::string& uri, bool logFailure, TransferStatus status, int httpCode);
   void cancelFinalize();
 

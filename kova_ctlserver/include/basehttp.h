@@ -70,25 +70,25 @@ class BaseHTTP {
   bool CancelTransfer(const std::string& uri);
 
   /// Watches the sockets of the transfers.
-  PumpGuard& Guard() { return guard_; }
+  PumpGuard& guard() { return guard_; }
 
  protected:
   /// Why the transfer that SignalTransferCompleted reports as failed has failed, or why the last
   /// RegisterRequest did: a clause for a person, which may hold parts of the URI.
-  const std::string& Cause() const { return cause_; }
+  const std::string& cause() const { return cause_; }
   /// The status code that the server of a running transfer has sent; 0: none yet.
-  int HttpStatusOf(const std::string& uri) const;
+  int httpStatusOf(const std::string& uri) const;
   /// Keeps kMostCauseBytes of it.
-  void SetCause(const std::string& cause);
+  void setCause(const std::string& cause);
 
  private:
   // These may read sockets, so they run under the guard.
-  CURLMcode Perform();
-  CURLMcode Remove(CURL* curl);
-  void Forget(const CurlContext& context);
+  CURLMcode perform();
+  CURLMcode remove(CURL* curl);
+  void forget(const CurlContext& context);
 
-  bool HandleMessage(const CURLMsg& message);
-  void Complete(CurlContext& context, TransferStatus status, long httpCode);
+  bool handleMessage(const CURLMsg& message);
+  void complete(CurlContext& context, TransferStatus status, long httpCode);
 
   PumpGuard guard_;  // outlives all sockets
   std::string cause_;

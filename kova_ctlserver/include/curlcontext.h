@@ -55,15 +55,15 @@ class CurlContext {
   const std::string& GetURI() const { return uri_; }
 
   /// Whether the guard cut the connection. The transfer has then failed, whatever libcurl reports.
-  bool WasCut() const { return *cut_ != 0; }
+  bool wasCut() const { return *cut_ != 0; }
   /// Keeps libcurl's own words on a failure, for Explain. Called after Init.
-  void KeepErrorText();
+  void keepErrorText();
   /// Why the transfer failed, or after a failed Init why that did: a clause for a person, which may
   /// hold parts of the URI.
-  std::string Explain(CURLcode result) const;
+  std::string explain(CURLcode result) const;
 
   /// Whether the server exceeded kMostHeaderBytes or kMostAnswerBytes, which is logged.
-  bool IsOverBudget() const { return isOverBudget_; }
+  bool isOverBudget() const { return isOverBudget_; }
 
   /// Limit for all headers and trailers of a transfer, including redirects and interim responses
   /// (1xx): libcurl keeps them in memory.
@@ -81,30 +81,30 @@ class CurlContext {
 
   /// Counts one line of a header or trailer.
   /// @return whether it is still within the budget
-  bool HandleHeader(unsigned long len);
+  bool handleHeader(unsigned long len);
 
   /// CURLOPT_WRITEFUNCTION(3), CURLOPT_READFUNCTION(3), CURLOPT_HEADERFUNCTION(3) and
   /// CURLOPT_OPENSOCKETFUNCTION(3); `userdata` is the context.
   static std::size_t DataReceived(char* ptr, std::size_t size, std::size_t nmemb, void* userdata);
   static std::size_t DataNeeded(void* ptr, std::size_t size, std::size_t nmemb, void* userdata);
-  static std::size_t HeaderReceived(char* ptr, std::size_t size, std::size_t nmemb, void* userdata);
-  static curl_socket_t SocketWanted(void* userdata, curlsocktype purpose, curl_sockaddr* address);
+  static std::size_t headerReceived(char* ptr, std::size_t size, std::size_t nmemb, void* userdata);
+  static curl_socket_t socketWanted(void* userdata, curlsocktype purpose, curl_sockaddr* address);
 
  private:
   // The steps of Init, in this order.
-  bool SetBasics();
-  void SetTlsFiles();
-  void SetPeerVerification();
-  bool SetTrust();
-  bool SetConnections();
-  bool SetLimits();
-  bool BuildForm();
-  bool AddField(const std::string& key, const variant::Variant& value);
-  bool SetUpload();
+  bool setBasics();
+  void setTlsFiles();
+  void setPeerVerification();
+  bool setTrust();
+  bool setConnections();
+  bool setLimits();
+  bool buildForm();
+  bool addField(const std::string& key, const variant::Variant& value);
+  bool setUpload();
 
   template <typename Value>
-  bool Set(CURLoption option, Value value);
-  bool Succeeded(CURLcode code);
+  bool set(CURLoption option, Value value);
+  bool succeeded(CURLcode code);
 
   BaseHTTP* owner_;
   bool download_;

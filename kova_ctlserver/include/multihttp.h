@@ -43,12 +43,12 @@ class MultiHTTP : public BaseHTTP {
  protected:
   /// Called after each read of the file of an upload.
   /// @param error an errno value, or 0
-  virtual void NoteRead(const std::string& uri, const utils::File& file, int error);
+  virtual void noteRead(const std::string& uri, const utils::File& file, int error);
 
  private:
   using Files = std::map<std::string, std::unique_ptr<utils::File>>;
 
-  utils::File* UploadFile(const std::string& uri, const char* operation) const;
+  utils::File* uploadFile(const std::string& uri, const char* operation) const;
 
   Files downloadFiles_;  // by path
   Files uploadFiles_;    // by path

@@ -9,7 +9,7 @@ namespace {
 
 constexpr int kLargeBlock = 128 * 1024;  // glibc's initial threshold
 
-[[maybe_unused]] const int thresholdFixed = mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+[[maybe_unused]] const int kThresholdFixed = mallopt(M_MMAP_THRESHOLD, kLargeBlock);
 
 }  // namespace
 #endif

@@ -72,7 +72,7 @@ bool BaseTransferTask::start() {
     KOVA_LOG(LOG_ERR, 0, "Task-specific checks failed");
     return false;
   }
-  if (!ParametersComplete()) {
+  if (!parametersComplete()) {
     return false;
   }
   startTime_ = utils::nowMs();
@@ -81,7 +81,7 @@ bool BaseTransferTask::start() {
   return onStart();
 }
 
-bool BaseTransferTask::ParametersComplete() {  // kept: 15
+bool BaseTransferTask::parametersComplete() {  // kept: 15
   const struct {
     const char* text;
     const char* reason;

@@ -17,7 +17,7 @@ using variant::Variant;
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
 
-enum class Answer { Never, WhenExpected };
+enum class AnswerPolicy { Never, WhenExpected };
 
 struct Outcome {
   bool succeeded;
@@ -64,80 +64,80 @@ struct CtlCommandsHandler::Call {
 
 struct CtlCommandsHandler::Row {
   std::string_view name;
-  Answer answer;
+  AnswerPolicy answer;
   Outcome (*run)(Call& call);
 };
 
 using namespace ipc::messages;
 
 const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
-    {GetSystemStats::kName, Answer::WhenExpected,
+    {GetSystemStats::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<GetSystemStats>(
            [&](auto& message) { return call.server.readStats(message, call.payload); });
      }},
-    {Reboot::kName, Answer::Never,
+    {Reboot::kName, AnswerPolicy::Never,
      [](Call& call) {
        return call.as<Reboot>([&](auto& message) {
          return call.server.reboot(true, asDelay(message.delayMs()), true);
        });
      }},
-    {ChangeDeviceSettings::kName, Answer::WhenExpected,
+    {ChangeDeviceSettings::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<ChangeDeviceSettings>(
            [&](auto& message) { return call.server.updateSettings(message, call.payload); });
      }},
-    {UpdateFirmwareRequest::kName, Answer::Never,
+    {UpdateFirmwareRequest::kName, AnswerPolicy::Never,
      [](Call& call) {
        return call.as<UpdateFirmwareRequest>(
            [&](auto& message) { return call.server.updateFirmware(message); });
      }},
-    {GetRequest::kName, Answer::Never,
+    {GetRequest::kName, AnswerPolicy::Never,
      [](Call& call) {
        return call.as<GetRequest>([&](auto& message) { return call.server.getRequest(message); });
      }},
-    {PutRequest::kName, Answer::Never,
+    {PutRequest::kName, AnswerPolicy::Never,
      [](Call& call) {
        return call.as<PutRequest>([&](auto& message) { return call.server.putRequest(message); });
      }},
     // kept: 10
-    {"ResetDeviceSettings", Answer::WhenExpected,
+    {"ResetDeviceSettings", AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.untyped([&] { return call.server.resetSettings(call.payload); });
      }},
-    {SaveToFlash::kName, Answer::WhenExpected,
+    {SaveToFlash::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<SaveToFlash>(
            [&](auto& message) { return call.server.persist(message.sync()); });
      }},
-    {ChangeUsernamePassword::kName, Answer::WhenExpected,
+    {ChangeUsernamePassword::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<ChangeUsernamePassword>([&](auto& message) {
          return call.server.changeUsernamePassword(message, call.payload);
        });
      }},
-    {EnableUsernamePassword::kName, Answer::WhenExpected,
+    {EnableUsernamePassword::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<EnableUsernamePassword>([&](auto& message) {
          return call.server.enableUsernamePassword(message, call.payload);
        });
      }},
-    {DisableUsernamePassword::kName, Answer::WhenExpected,
+    {DisableUsernamePassword::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<DisableUsernamePassword>([&](auto& message) {
          return call.server.disableUsernamePassword(message, call.payload);
        });
      }},
-    {"ExitService", Answer::Never,
+    {"ExitService", AnswerPolicy::Never,
      [](Call& call) {
        return call.untyped([&] {
          call.handler.exitFlag_ = true;
          return true;
        });
      }},
-    {"ResetToDefaults", Answer::WhenExpected,
+    {"ResetToDefaults", AnswerPolicy::WhenExpected,
      [](Call& call) { return call.untyped([&] { return call.server.resetToDefaults(); }); }},
-    {StartService::kName, Answer::WhenExpected,
+    {StartService::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<StartService>([&](auto& message) {
          const bool succeeded = call.server.startService(message);
@@ -145,7 +145,7 @@ const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
          return succeeded;
        });
      }},
-    {StopService::kName, Answer::WhenExpected,
+    {StopService::kName, AnswerPolicy::WhenExpected,
      [](Call& call) {
        return call.as<StopService>([&](auto& message) {
          const bool succeeded = call.server.stopService(message);
@@ -183,7 +183,7 @@ bool CtlCommandsHandler::HandleRequest(BaseRequestMessage& request, bool&) {
     }
     Call call{*this, *server_, request, {}};
     const Outcome outcome = row.run(call);
-    return row.answer == Answer::Never || !outcome.responseExpected ||
+    return row.answer == AnswerPolicy::Never || !outcome.responseExpected ||
            respond(request, outcome.succeeded, call.payload);
   }
   return true;

@@ -209,7 +209,7 @@ bool updateBootSound(Update& update) {  // kept: 85
   if (soundOnBoot == nullptr) {
     return true;
   }
-  const bool on = soundOnBoot->ToBool();
+  const bool on = soundOnBoot->toBool();
   if (utils::sysExecSimple(kBootEnvironmentTool, kBootSoundVariable, on ? "1" : "0") != 0) {
     KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to set %s to %s", "soundOnBoot",
                 on ? "true" : "false");

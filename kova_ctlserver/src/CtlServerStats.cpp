@@ -143,7 +143,7 @@ bool CtlServer::readCpu(Variant& reply) {
   auto& usage = section["arr"];
   usage.IsArray(true);
   for (std::uint8_t i = 0; i < cpu.count; ++i) {
-    usage.PushToArray(cpu.percent[i]);
+    usage.pushToArray(cpu.percent[i]);
   }
   return true;
 }

@@ -89,12 +89,12 @@ bool CtlServer::refuse(std::uint64_t record, const std::string& reason) {
 
 /// The device description may name one user besides root whose files in /tmp may be uploaded.
 void CtlServer::trustUploadOwner() {
-  const variant::Variant* owner = cameraInfo_.IsMap() ? cameraInfo_.Find("upload_owner") : nullptr;
+  const variant::Variant* owner = cameraInfo_.isMap() ? cameraInfo_.find("upload_owner") : nullptr;
   if (owner == nullptr) {
     return;
   }
-  const bool isText = owner->Is(variant::VariantClass::String);
-  utils::trustFilesOf(isText ? owner->ToText() : owner->ToString());
+  const bool isText = owner->is(variant::VariantClass::String);
+  utils::trustFilesOf(isText ? owner->toText() : owner->ToString());
 }
 
 // "supportInfo", "logo" and "sound" are not the names of their tasks, so they never match here:

@@ -12,18 +12,21 @@ using ipc::PropertyValue;
 
 constexpr char kInterface[] = "kova.Device1";
 
-enum Place : std::size_t {
-  kModel,
-  kSysId,
-  kName,
-  kFirmwareVersion,
-  kDaemonVersion,
-  kBootId,
-  kSavePending,
-  kResetPending,
-  kLastSave,
-  kButtonReadable,
+// Places of the properties.
+namespace place {
+enum : std::size_t {
+  Model,
+  SysId,
+  Name,
+  FirmwareVersion,
+  DaemonVersion,
+  BootId,
+  SavePending,
+  ResetPending,
+  LastSave,
+  ButtonReadable,
 };
+}  // namespace place
 
 /// In the order of their places.
 ipc::Interface describe() {
@@ -42,11 +45,11 @@ ipc::Interface describe() {
 }
 
 std::string textOf(const variant::CameraInfo& info, const char* key) {
-  const variant::Variant* value = info.IsMap() ? info.Find(key) : nullptr;
+  const variant::Variant* value = info.isMap() ? info.find(key) : nullptr;
   if (value == nullptr) {
     return "";
   }
-  return value->Is(variant::VariantClass::String) ? value->ToText() : value->ToString();
+  return value->is(variant::VariantClass::String) ? value->toText() : value->ToString();
 }
 
 /// "" if none is stored; nothing if that cannot be read.
@@ -73,7 +76,7 @@ DeviceObject::DeviceObject(const variant::CameraInfo& info, const DeviceState& n
       bootId_(utils::bootId()),
       state_(now),
       told_(now) {
-  bus_.Publish(describe(), this);
+  bus_.publish(describe(), this);
 }
 
 // Each attempt may wait for the store, so that clients must not cause many.
@@ -86,25 +89,25 @@ std::string DeviceObject::name() const {
   return name_.value_or("");
 }
 
-PropertyValue DeviceObject::Read(std::size_t property) const {
+PropertyValue DeviceObject::read(std::size_t property) const {
   switch (property) {
-    case kModel:
+    case place::Model:
       return model_;
-    case kSysId:
+    case place::SysId:
       return sysId_;
-    case kName:
+    case place::Name:
       return name();
-    case kFirmwareVersion:
+    case place::FirmwareVersion:
       return firmwareVersion_;
-    case kDaemonVersion:
+    case place::DaemonVersion:
       return std::string(KOVA_VERSION);
-    case kBootId:
+    case place::BootId:
       return bootId_;
-    case kSavePending:
+    case place::SavePending:
       return state_.savePending;
-    case kResetPending:
+    case place::ResetPending:
       return state_.resetPending;
-    case kLastSave:
+    case place::LastSave:
       return state_.lastSave;
     default:
       return state_.buttonReadable;
@@ -126,12 +129,12 @@ void DeviceObject::service(const DeviceState& now) {
       changed.push_back(place);
     }
   };
-  note(state_.settingsChanges != told_.settingsChanges, kName);
-  note(state_.savePending != told_.savePending, kSavePending);
-  note(state_.resetPending != told_.resetPending, kResetPending);
-  note(state_.lastSave != told_.lastSave, kLastSave);
-  note(state_.buttonReadable != told_.buttonReadable, kButtonReadable);
-  if (!changed.empty() && !bus_.Changed(*this, changed)) {
+  note(state_.settingsChanges != told_.settingsChanges, place::Name);
+  note(state_.savePending != told_.savePending, place::SavePending);
+  note(state_.resetPending != told_.resetPending, place::ResetPending);
+  note(state_.lastSave != told_.lastSave, place::LastSave);
+  note(state_.buttonReadable != told_.buttonReadable, place::ButtonReadable);
+  if (!changed.empty() && !bus_.changed(*this, changed)) {
     return;
   }
   told_ = state_;

@@ -11,7 +11,7 @@
 
 // Some C libraries lack the name that timer_create(2) documents for this member.
 #ifndef sigev_notify_thread_id
-#define sigev_notify_thread_id _sigev_un._tid
+#define sigev_notify_thread_id _sigev_un._tid  // NOLINT(readability-identifier-naming)
 #endif
 
 namespace kova::ctlserver {
@@ -69,7 +69,7 @@ PumpGuard::~PumpGuard() {
 
 bool PumpGuard::Init() {
   struct sigaction action {};
-  action.sa_sigaction = OnSignal;
+  action.sa_sigaction = onSignal;
   action.sa_flags = SA_SIGINFO | SA_RESTART;
   if (sigaction(pumpSignal(), &action, nullptr) != 0) {
     KOVA_LOG(LOG_ERR, errno, "Failed to guard the transfers");
@@ -91,33 +91,33 @@ bool PumpGuard::Init() {
   return true;
 }
 
-void PumpGuard::BeginTurn(std::size_t transfers) {
+void PumpGuard::beginTurn(std::size_t transfers) {
   left_ = milliseconds(kTurnMs + kTransferMs * static_cast<long>(transfers));
 }
 
-void PumpGuard::Watch(int fd, Mark cut) {
+void PumpGuard::watch(int fd, Mark cut) {
   const SignalBlock block;
   sockets_.push_back({fd, 0, std::move(cut)});
 }
 
-void PumpGuard::Forget(int fd) {
+void PumpGuard::forget(int fd) {
   const SignalBlock block;
   std::erase_if(sockets_, [fd](const Socket& socket) { return socket.fd == fd; });
 }
 
-void PumpGuard::OnSignal(int /*number*/, siginfo_t* info, void* /*context*/) {
+void PumpGuard::onSignal(int /*number*/, siginfo_t* info, void* /*context*/) {
   if (info->si_code != SI_TIMER) {
     return;  // sent by a process, not by the timer
   }
   const int error = errno;
-  static_cast<PumpGuard*>(info->si_value.sival_ptr)->Cut();
+  static_cast<PumpGuard*>(info->si_value.sival_ptr)->cut();
   errno = error;
 }
 
 // Runs in the signal handler. Connecting to AF_UNSPEC dissolves a connection together with its
 // unread data; after shutdown(2), the fall-back, a few megabytes could still be read. Each socket
 // is marked, so that its transfer fails even if libcurl takes the cut for the end of the body.
-void PumpGuard::Cut() {
+void PumpGuard::cut() {
   const sockaddr nobody{AF_UNSPEC, {}};
   fired_ = 1;
   for (Socket& socket : sockets_) {
@@ -132,13 +132,13 @@ void PumpGuard::Cut() {
 }
 
 // A turn may have several passes: each resumes with the time that the one before left.
-void PumpGuard::Arm() {
+void PumpGuard::arm() {
   fired_ = 0;
   const itimerspec limit{kAgain, isZero(left_) ? kAtOnce : left_};
   timer_settime(*timer_, 0, &limit, nullptr);
 }
 
-void PumpGuard::Disarm() {
+void PumpGuard::disarm() {
   const itimerspec none{};
   itimerspec left{};
   timer_settime(*timer_, 0, &none, &left);
@@ -148,13 +148,13 @@ void PumpGuard::Disarm() {
 PumpGuard::Pass::Pass(PumpGuard& guard, bool armed)
     : guard_(armed && guard.timer_ ? &guard : nullptr) {
   if (guard_ != nullptr) {
-    guard_->Arm();
+    guard_->arm();
   }
 }
 
 PumpGuard::Pass::~Pass() {
   if (guard_ != nullptr) {
-    guard_->Disarm();
+    guard_->disarm();
   }
 }
 

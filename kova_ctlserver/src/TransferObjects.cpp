@@ -63,7 +63,7 @@ std::vector<std::size_t> touched(int most) {
 
 TransferObjects::TransferObjects(TransferRecords& records, ipc::Objects& bus)
     : records_(records), bus_(bus) {
-  bus_.Publish(kFolder, describe(), this);
+  bus_.publish(kFolder, describe(), this);
   records_.observe(this);
 }
 
@@ -71,12 +71,12 @@ TransferObjects::~TransferObjects() {
   records_.observe(nullptr);
 }
 
-PropertyValue TransferObjects::Read(std::uint64_t number, std::size_t property) const {
+PropertyValue TransferObjects::read(std::uint64_t number, std::size_t property) const {
   const TransferRecord* record = records_.find(number);
   return kRows[property].read(record != nullptr ? *record : TransferRecord());
 }
 
-MethodError TransferObjects::Call(std::uint64_t number, std::size_t) {
+MethodError TransferObjects::call(std::uint64_t number, std::size_t) {
   switch (records_.cancel(number)) {
     case TransferRecords::Cancel::Done:
       return {};
@@ -93,15 +93,15 @@ MethodError TransferObjects::Call(std::uint64_t number, std::size_t) {
 
 bool TransferObjects::signal(std::uint64_t number, News news) {
   if (news == News::Removal) {
-    return bus_.Removed(*this, number);
+    return bus_.removed(*this, number);
   }
   if (news == News::Arrival) {
-    return bus_.Added(*this, number);
+    return bus_.added(*this, number);
   }
   const TransferRecord* record = records_.find(number);
   const bool ended = record != nullptr && record->phase == TransferPhase::Ended;
   const int most = news == News::Progress ? Row::Progress : ended ? Row::End : Row::Phase;
-  return bus_.Changed(*this, number, touched(most));
+  return bus_.changed(*this, number, touched(most));
 }
 
 void TransferObjects::transferAdded(const TransferRecord& record) {

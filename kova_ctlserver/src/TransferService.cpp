@@ -43,17 +43,17 @@ bool TransferService::init() {
 
 bool TransferService::add(BaseTransferTask* task) {  // kept: 45
   const std::string& uri = task->uri();
-  const TransferRun run = TakeOver(*task);
+  const TransferRun run = takeOver(*task);
   if (existsUri(uri)) {
     KOVA_LOG(LOG_ERR, 0, "Task %s busy, failed to start, uri=%s", task->name().c_str(),
              uri.c_str());
-    return Refuse(run,
+    return refuse(run,
                   "transfer " + std::to_string(recordOfUri(uri)) + ", which runs, has this URI");
   }
   if (!task->start()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to start task, task=%s, uri=%s", task->name().c_str(),
              uri.c_str());
-    return Refuse(run, task->reasonOfRun());
+    return refuse(run, task->reasonOfRun());
   }
   tasks_[uri] = run;
   busyNames_.insert(task->name());
@@ -72,7 +72,7 @@ bool TransferService::service(unsigned int timeoutMs) {
   const bool pumped = Service(static_cast<int>(timeoutMs));
   for (auto& [uri, run] : tasks_) {
     if (!pendingCancel_.contains(uri)) {
-      Advance(uri, run);
+      advance(uri, run);
     }
   }
   cancelFinalize();
@@ -80,28 +80,28 @@ bool TransferService::service(unsigned int timeoutMs) {
   return pumped;
 }
 
-void TransferService::Advance(const std::string& uri, TransferRun& run) {
-  if (ExpireDeadline(uri, run) || !RegisterIfReady(uri, run)) {
+void TransferService::advance(const std::string& uri, TransferRun& run) {
+  if (expireDeadline(uri, run) || !registerIfReady(uri, run)) {
     return;
   }
   if (run.task->finalizing()) {
-    Finalise(uri, run);
+    finalise(uri, run);
   }
 }
 
-void TransferService::Finalise(const std::string& uri, TransferRun& run) {
+void TransferService::finalise(const std::string& uri, TransferRun& run) {
   records_.enter(run.record, TransferPhase::Finalising);
   run.task->clearConclusion();
   bool done = false;
   run.task->onSuccess(done);
   if (done) {
     pendingCancel_.insert(uri);
-    End(run, run.success());
+    end(run, run.success());
   }
 }
 
 // kept: 15
-bool TransferService::ExpireDeadline(const std::string& uri, TransferRun& run) {
+bool TransferService::expireDeadline(const std::string& uri, TransferRun& run) {
   const BaseTransferTask& task = *run.task;
   if (utils::nowMs() <= task.startTime() + task.timeout()) {
     return false;
@@ -114,7 +114,7 @@ bool TransferService::ExpireDeadline(const std::string& uri, TransferRun& run) {
 }
 
 /// Returns false if the registration failed; the task has then failed, too.
-bool TransferService::RegisterIfReady(const std::string& uri, TransferRun& run) {
+bool TransferService::registerIfReady(const std::string& uri, TransferRun& run) {
   BaseTransferTask& task = *run.task;
   if (task.inTransfer()) {
     return true;
@@ -133,7 +133,7 @@ bool TransferService::RegisterIfReady(const std::string& uri, TransferRun& run) 
                        task.timeout(), task.certFile(), task.privKeyFile(), task.caCertFile())) {
     KOVA_LOG_IN("service", LOG_WARNING, 0, "Failed to register transfer, task=%s, uri=%s",
                 task.name().c_str(), uri.c_str());
-    run.cause = run.registered ? "this ended its transfer" : Cause();
+    run.cause = run.registered ? "this ended its transfer" : cause();
     cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
     return false;
   }
@@ -142,14 +142,14 @@ bool TransferService::RegisterIfReady(const std::string& uri, TransferRun& run) 
   if (!download) {
     records_.setFile(run.record, path);
   }
-  const bool goesOn = download || HoldToSize(uri, run);
+  const bool goesOn = download || holdToSize(uri, run);
   records_.enter(run.record, TransferPhase::Transferring);
   return goesOn;
 }
 
 /// Fails an upload that exceeds its limit. The size is taken from the open file, since the name may
 /// have pointed elsewhere before; nothing has been sent yet.
-bool TransferService::HoldToSize(const std::string& uri, TransferRun& run) {
+bool TransferService::holdToSize(const std::string& uri, TransferRun& run) {
   unsigned long size = 0;
   if (!GetUploadTotalSize(uri, size)) {
     return true;
@@ -173,7 +173,7 @@ void TransferService::SignalTransferCompleted(const std::string& uri, TransferSt
              entry->second.task->name().c_str(), withoutUserInfo(uri).c_str(), httpCode);
   }
   if (entry != tasks_.end() && !pendingCancel_.contains(uri)) {
-    NoteCompletion(entry->second, status, httpCode);
+    noteCompletion(entry->second, status, httpCode);
   }
   if (status != TRANSFER_CANCELLED) {
     cancel(uri, true, status, httpCode);
@@ -202,7 +202,7 @@ bool TransferService::SignalBytesAvailable(const std::string& uri, unsigned char
     run.cause = std::string("the file could not be written: ") + std::strerror(errno);
     return false;
   }
-  NoteReceived(run, offset + len, total);
+  noteReceived(run, offset + len, total);
   return true;
 }
 
@@ -231,7 +231,7 @@ void TransferService::cancel(const std::string& uri, bool logFailure, TransferSt
   }
   task.onFailure(status, httpCode);
   pendingCancel_.insert(uri);
-  EndFailed(uri, entry->second, status);
+  endFailed(uri, entry->second, status);
 }
 
 // Tasks are removed here and nowhere else: cancel() runs while service() walks tasks_, and from

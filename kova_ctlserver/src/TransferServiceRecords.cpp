@@ -18,7 +18,7 @@ constexpr char kLogUnit[] = "TransferService";
 
 /// The run that a request has armed the task for. Runs of the task that have not ended lose it: its
 /// parameters are now those of the request, even if that is refused.
-TransferRun TransferService::TakeOver(BaseTransferTask& task) {
+TransferRun TransferService::takeOver(BaseTransferTask& task) {
   TransferRun run;
   run.task = &task;
   run.record = task.record();
@@ -32,21 +32,21 @@ TransferRun TransferService::TakeOver(BaseTransferTask& task) {
   return run;
 }
 
-bool TransferService::Refuse(const TransferRun& run, const std::string& reason) {
+bool TransferService::refuse(const TransferRun& run, const std::string& reason) {
   records_.end(run.record, kOutcomeRefused, reason);
   return false;
 }
 
-void TransferService::End(const TransferRun& run, const TransferRun::End& end) {
+void TransferService::end(const TransferRun& run, const TransferRun::End& end) {
   records_.end(run.record, end.outcome, run.explain(end.reason), run.httpStatus);
 }
 
-void TransferService::EndFailed(const std::string& uri, TransferRun& run, TransferStatus status) {
+void TransferService::endFailed(const std::string& uri, TransferRun& run, TransferStatus status) {
   if (run.httpStatus == 0) {
-    run.httpStatus = HttpStatusOf(uri);
+    run.httpStatus = httpStatusOf(uri);
   }
   const bool cancelled = status == TRANSFER_CANCELLED;
-  End(run,
+  end(run,
       {cancelled ? kOutcomeCancelled : BaseTransferTask::decodeTransferStatus(status), run.cause});
 }
 
@@ -64,22 +64,22 @@ std::uint64_t TransferService::recordOfName(const std::string& name) const {
 }
 
 /// The local side knows better than libcurl why it failed the transfer.
-void TransferService::NoteCompletion(TransferRun& run, TransferStatus status, int httpCode) {
+void TransferService::noteCompletion(TransferRun& run, TransferStatus status, int httpCode) {
   run.httpStatus = httpCode;
   run.completed = status == TRANSFER_OK;
   if (status != TRANSFER_OK && run.cause.empty()) {
-    run.cause = Cause();
+    run.cause = cause();
   }
 }
 
-void TransferService::NoteReceived(TransferRun& run, std::uint64_t received, long total) {
+void TransferService::noteReceived(TransferRun& run, std::uint64_t received, long total) {
   run.transferred = received;
   if (run.task->download()) {
     records_.progress(run.record, received, total > 0 ? static_cast<std::uint64_t>(total) : 0);
   }
 }
 
-void TransferService::NoteRead(const std::string& uri, const utils::File& file, int error) {
+void TransferService::noteRead(const std::string& uri, const utils::File& file, int error) {
   const auto entry = tasks_.find(uri);
   if (entry == tasks_.end()) {
     return;

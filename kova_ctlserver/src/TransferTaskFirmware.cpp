@@ -100,7 +100,7 @@ void TransferTaskFirmware::reportRejection(const std::string& checkerOutput) {
   }
   const Variant* reason = report.GetKeyChain(variant::VariantClass::String, {"reason"});
   // kept: 67
-  const bool wrongHardware = reason != nullptr && reason->ToText() == kWrongHardware;
+  const bool wrongHardware = reason != nullptr && reason->toText() == kWrongHardware;
   const char* const status = wrongHardware ? kWrongHardware : kCheckFailed;
   conclude(status, reasonOfRun());
   notifyStatus(status);

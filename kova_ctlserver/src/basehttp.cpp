@@ -25,13 +25,13 @@ bool succeeded(CURLcode code, const char* operation) {
 }
 
 TransferStatus statusOf(const CurlContext& context, CURLcode result) {
-  if (context.WasCut()) {
+  if (context.wasCut()) {
     KOVA_LOG_IN("Service", LOG_WARNING, 0,
                 "Connection cut because a server held all transfers, uri=%s",
                 context.GetURI().c_str());
     return TRANSFER_FAILED;  // a cut may look like the end of a body without length
   }
-  if (context.IsOverBudget()) {
+  if (context.isOverBudget()) {
     return TRANSFER_FAILED;
   }
   switch (result) {
@@ -53,7 +53,7 @@ TransferStatus statusOf(const CurlContext& context, CURLcode result) {
 BaseHTTP::BaseHTTP() = default;
 
 BaseHTTP::~BaseHTTP() {
-  guard_.BeginTurn(contexts_.size());
+  guard_.beginTurn(contexts_.size());
   const PumpGuard::Pass pass(guard_, !contexts_.empty());
   multi_.reset();  // kept: 41
   contexts_.clear();
@@ -82,15 +82,15 @@ bool BaseHTTP::RegisterRequest(bool download, const std::string& uri,
                                                privKeyFile, caCertFile);
   if (!context->Init()) {
     KOVA_LOG(LOG_ERR, 0, "Unable to init context");
-    SetCause(context->Explain(CURLE_FAILED_INIT));
+    setCause(context->explain(CURLE_FAILED_INIT));
     return false;
   }
-  context->KeepErrorText();
+  context->keepErrorText();
   const CURLMcode code = curl_multi_add_handle(multi_.get(), context->GetCurl());
   if (code != CURLM_OK) {
     // kept: 16
     KOVA_LOG(LOG_ERR, 0, "unable to setup CURLM: %d (%s)", code, curl_multi_strerror(code));
-    SetCause(curl_multi_strerror(code));
+    setCause(curl_multi_strerror(code));
     return false;
   }
   transfers_[uri] = context.get();  // kept: 39
@@ -104,41 +104,41 @@ bool BaseHTTP::Service(int timeoutMs) {
                  "curl_multi_wait")) {
     return false;
   }
-  guard_.BeginTurn(contexts_.size());
-  if (!succeeded(Perform(), __func__, "curl_multi_perform")) {
+  guard_.beginTurn(contexts_.size());
+  if (!succeeded(perform(), __func__, "curl_multi_perform")) {
     return false;
   }
   int queued = 0;
   while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
-    if (!HandleMessage(*message)) {  // kept: 38
+    if (!handleMessage(*message)) {  // kept: 38
       return false;
     }
   }
   return true;
 }
 
-CURLMcode BaseHTTP::Perform() {
+CURLMcode BaseHTTP::perform() {
   const PumpGuard::Pass pass(guard_, !contexts_.empty());
   int running = 0;
   return curl_multi_perform(multi_.get(), &running);
 }
 
 // TLS reads pending data when it closes a connection, so this runs under the guard.
-CURLMcode BaseHTTP::Remove(CURL* curl) {
+CURLMcode BaseHTTP::remove(CURL* curl) {
   const PumpGuard::Pass pass(guard_, true);
   return curl_multi_remove_handle(multi_.get(), curl);
 }
 
-void BaseHTTP::Forget(const CurlContext& context) {
+void BaseHTTP::forget(const CurlContext& context) {
   const PumpGuard::Pass pass(guard_, true);
   contexts_.erase(&context);  // removes the handle from the multi handle
 }
 
-void BaseHTTP::SetCause(const std::string& cause) {
+void BaseHTTP::setCause(const std::string& cause) {
   cause_ = cause.substr(0, kMostCauseBytes);
 }
 
-bool BaseHTTP::HandleMessage(const CURLMsg& message) {  // kept: 15
+bool BaseHTTP::handleMessage(const CURLMsg& message) {  // kept: 15
   char* context = nullptr;
   long httpCode = 0;
   if (!succeeded(curl_easy_getinfo(message.easy_handle, CURLINFO_PRIVATE, &context), "Service") ||
@@ -152,19 +152,19 @@ bool BaseHTTP::HandleMessage(const CURLMsg& message) {  // kept: 15
   }
   if (message.msg == CURLMSG_DONE) {
     auto& transfer = *reinterpret_cast<CurlContext*>(context);
-    SetCause(transfer.Explain(message.data.result));
-    Complete(transfer, statusOf(transfer, message.data.result), httpCode);
+    setCause(transfer.explain(message.data.result));
+    complete(transfer, statusOf(transfer, message.data.result), httpCode);
   }
   return true;
 }
 
-void BaseHTTP::Complete(CurlContext& context, TransferStatus status, long httpCode) {
+void BaseHTTP::complete(CurlContext& context, TransferStatus status, long httpCode) {
   SignalTransferCompleted(context.GetURI(), status, static_cast<int>(httpCode));
   transfers_.erase(context.GetURI());
-  Forget(context);
+  forget(context);
 }
 
-int BaseHTTP::HttpStatusOf(const std::string& uri) const {
+int BaseHTTP::httpStatusOf(const std::string& uri) const {
   const auto entry = transfers_.find(uri);
   long status = 0;
   if (entry != transfers_.end()) {
@@ -179,7 +179,7 @@ bool BaseHTTP::CancelTransfer(const std::string& uri) {
     return true;
   }
   CurlContext* const context = entry->second;
-  if (!succeeded(Remove(context->GetCurl()), __func__, "curl_multi_remove_handle")) {
+  if (!succeeded(remove(context->GetCurl()), __func__, "curl_multi_remove_handle")) {
     return false;
   }
   long httpCode = 0;  // kept: 40
@@ -189,7 +189,7 @@ bool BaseHTTP::CancelTransfer(const std::string& uri) {
   }
   transfers_.erase(entry);
   SignalTransferCompleted(context->GetURI(), TRANSFER_CANCELLED, static_cast<int>(httpCode));
-  Forget(*context);
+  forget(*context);
   return true;
 }
 

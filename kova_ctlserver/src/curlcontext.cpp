@@ -76,23 +76,23 @@ bool CurlContext::Init() {
     cause_ = "libcurl gave no handle";
     return false;
   }
-  if (!SetBasics()) {
+  if (!setBasics()) {
     return false;
   }
-  SetTlsFiles();
-  SetPeerVerification();
-  if (!SetTrust() || !SetConnections() || !SetLimits()) {
+  setTlsFiles();
+  setPeerVerification();
+  if (!setTrust() || !setConnections() || !setLimits()) {
     return false;
   }
-  return download_ || (BuildForm() && SetUpload());
+  return download_ || (buildForm() && setUpload());
 }
 
 template <typename Value>
-bool CurlContext::Set(CURLoption option, Value value) {
-  return Succeeded(curl_easy_setopt(curl_.get(), option, value));
+bool CurlContext::set(CURLoption option, Value value) {
+  return succeeded(curl_easy_setopt(curl_.get(), option, value));
 }
 
-bool CurlContext::Succeeded(CURLcode code) {  // kept: 15
+bool CurlContext::succeeded(CURLcode code) {  // kept: 15
   if (code != CURLE_OK) {
     cause_ = utils::format("libcurl refused an option (%s)", curl_easy_strerror(code));
     KOVA_LOG_IN("Init", LOG_ERR, 0, "Unable to setup CURL: %d (%s)", code,
@@ -101,17 +101,17 @@ bool CurlContext::Succeeded(CURLcode code) {  // kept: 15
   return code == CURLE_OK;
 }
 
-bool CurlContext::SetBasics() {
+bool CurlContext::setBasics() {
   // kept: 29, 30, 31
-  return Set(CURLOPT_WRITEFUNCTION, &CurlContext::DataReceived) && Set(CURLOPT_WRITEDATA, this) &&
-         Set(CURLOPT_PRIVATE, this) && Set(CURLOPT_URL, uri_.c_str()) &&
-         Set(CURLOPT_FOLLOWLOCATION, 1L) && Set(CURLOPT_SSL_VERIFYHOST, 0L) &&
-         Set(CURLOPT_SSL_VERIFYPEER, 0L) &&
-         Set(CURLOPT_TIMEOUT, static_cast<long>(std::min(timeoutMs_ / 1000, kMostSeconds)));
+  return set(CURLOPT_WRITEFUNCTION, &CurlContext::DataReceived) && set(CURLOPT_WRITEDATA, this) &&
+         set(CURLOPT_PRIVATE, this) && set(CURLOPT_URL, uri_.c_str()) &&
+         set(CURLOPT_FOLLOWLOCATION, 1L) && set(CURLOPT_SSL_VERIFYHOST, 0L) &&
+         set(CURLOPT_SSL_VERIFYPEER, 0L) &&
+         set(CURLOPT_TIMEOUT, static_cast<long>(std::min(timeoutMs_ / 1000, kMostSeconds)));
 }
 
 // A libcurl that lacks one of these options fails the transfer itself when it needs it.
-void CurlContext::SetTlsFiles() {  // kept: 32
+void CurlContext::setTlsFiles() {  // kept: 32
   if (!certFile_.empty()) {
     curl_easy_setopt(curl_.get(), CURLOPT_SSLCERTTYPE, "PEM");
     curl_easy_setopt(curl_.get(), CURLOPT_SSLCERT, certFile_.c_str());
@@ -124,7 +124,7 @@ void CurlContext::SetTlsFiles() {  // kept: 32
   }
 }
 
-void CurlContext::SetPeerVerification() {                     // kept: 32
+void CurlContext::setPeerVerification() {                     // kept: 32
   curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYPEER, 1L);  // kept: 30
   curl_easy_setopt(curl_.get(), CURLOPT_SSL_CTX_FUNCTION, &installCertVerification);
 }
@@ -133,38 +133,38 @@ void CurlContext::SetPeerVerification() {                     // kept: 32
 // not verify a reused connection or TLS session again and caches authorities for a day, so each
 // would outlive a change of the trusted certificate. An upload on a reused connection is lost if
 // the server is closing it.
-bool CurlContext::SetTrust() {
-  return Set(CURLOPT_CAPATH, static_cast<char*>(nullptr)) && Set(CURLOPT_FRESH_CONNECT, 1L) &&
-         Set(CURLOPT_FORBID_REUSE, 1L) && Set(CURLOPT_SSL_SESSIONID_CACHE, 0L) &&
-         Set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
+bool CurlContext::setTrust() {
+  return set(CURLOPT_CAPATH, static_cast<char*>(nullptr)) && set(CURLOPT_FRESH_CONNECT, 1L) &&
+         set(CURLOPT_FORBID_REUSE, 1L) && set(CURLOPT_SSL_SESSIONID_CACHE, 0L) &&
+         set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
 }
 
 // HTTP/2 would let a server send empty frames for ever. Proxies of the environment are ignored: it
 // is not part of the camera's configuration. The guard, which outlives the sockets, may cut them.
-bool CurlContext::SetConnections() {
+bool CurlContext::setConnections() {
   const curl_closesocket_callback forget = [](void* guard, curl_socket_t fd) {
-    static_cast<PumpGuard*>(guard)->Forget(fd);
+    static_cast<PumpGuard*>(guard)->forget(fd);
     return close(fd);
   };
-  return Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) &&
-         Set(CURLOPT_PROXY, "") && Set(CURLOPT_OPENSOCKETFUNCTION, &CurlContext::SocketWanted) &&
-         Set(CURLOPT_OPENSOCKETDATA, this) && Set(CURLOPT_CLOSESOCKETFUNCTION, forget) &&
-         Set(CURLOPT_CLOSESOCKETDATA, &owner_->Guard());
+  return set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) &&
+         set(CURLOPT_PROXY, "") && set(CURLOPT_OPENSOCKETFUNCTION, &CurlContext::socketWanted) &&
+         set(CURLOPT_OPENSOCKETDATA, this) && set(CURLOPT_CLOSESOCKETFUNCTION, forget) &&
+         set(CURLOPT_CLOSESOCKETDATA, &owner_->guard());
 }
 
 // Some protocols of libcurl read local files, and clients choose the URI, servers the redirect.
 // libcurl resolves names in a thread; without CURLOPT_QUICK_EXIT a transfer that ends early joins
 // that thread and blocks the daemon until the name servers answer.
-bool CurlContext::SetLimits() {
-  return Set(CURLOPT_PROTOCOLS_STR, kProtocols) &&
-         Set(CURLOPT_REDIR_PROTOCOLS_STR, redirectProtocols(uri_)) &&
-         Set(CURLOPT_MAXREDIRS, kMostRedirects) &&
-         Set(CURLOPT_HEADERFUNCTION, &CurlContext::HeaderReceived) &&
-         Set(CURLOPT_HEADERDATA, this) && Set(CURLOPT_QUICK_EXIT, 1L) &&
-         (download_ || Set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize));
+bool CurlContext::setLimits() {
+  return set(CURLOPT_PROTOCOLS_STR, kProtocols) &&
+         set(CURLOPT_REDIR_PROTOCOLS_STR, redirectProtocols(uri_)) &&
+         set(CURLOPT_MAXREDIRS, kMostRedirects) &&
+         set(CURLOPT_HEADERFUNCTION, &CurlContext::headerReceived) &&
+         set(CURLOPT_HEADERDATA, this) && set(CURLOPT_QUICK_EXIT, 1L) &&
+         (download_ || set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize));
 }
 
-bool CurlContext::BuildForm() {
+bool CurlContext::buildForm() {
   unsigned long size = 0;
   if (!owner_->GetUploadTotalSize(uri_, size)) {
     KOVA_LOG_IN("Init", LOG_ERR, 0, "Failed to get file source size, uri=%s", uri_.c_str());
@@ -177,21 +177,21 @@ bool CurlContext::BuildForm() {
     cause_ = "libcurl could not build the form";
     return false;
   }
-  for (const auto& [key, value] : formFields_.Elements()) {  // kept: 34
-    if (!AddField(key, value)) {
+  for (const auto& [key, value] : formFields_.elements()) {  // kept: 34
+    if (!addField(key, value)) {
       return false;
     }
   }
-  return formFields_.Elements().empty() || Succeeded(setForm(curl_.get(), formPost_));  // kept: 33
+  return formFields_.elements().empty() || succeeded(setForm(curl_.get(), formPost_));  // kept: 33
 }
 
-bool CurlContext::AddField(const std::string& key, const variant::Variant& value) {
-  if (!value.Is(variant::VariantClass::String)) {
+bool CurlContext::addField(const std::string& key, const variant::Variant& value) {
+  if (!value.is(variant::VariantClass::String)) {
     KOVA_LOG_IN("Init", LOG_ERR, 0, "Only strings are allowed in the form fields");
     cause_ = "the form field `" + key + "` is not a string";
     return false;
   }
-  if (!addTextPart(formPost_, key, value.ToText())) {
+  if (!addTextPart(formPost_, key, value.toText())) {
     KOVA_LOG_IN("Init", LOG_ERR, 0, "curl_formadd failed on field `%s`", key.c_str());
     cause_ = "libcurl could not add the form field `" + key + "`";
     return false;
@@ -199,23 +199,23 @@ bool CurlContext::AddField(const std::string& key, const variant::Variant& value
   return true;
 }
 
-bool CurlContext::SetUpload() {
+bool CurlContext::setUpload() {
   const curl_read_callback read = [](char* buffer, std::size_t size, std::size_t count,
                                      void* userdata) {
     return DataNeeded(buffer, size, count, userdata);
   };
   // kept: 33
-  return Set(CURLOPT_POST, 1L) && Succeeded(setForm(curl_.get(), formPost_)) &&
-         Set(CURLOPT_READFUNCTION, read);
+  return set(CURLOPT_POST, 1L) && succeeded(setForm(curl_.get(), formPost_)) &&
+         set(CURLOPT_READFUNCTION, read);
 }
 
 // Without the option libcurl's short text remains.
-void CurlContext::KeepErrorText() {
+void CurlContext::keepErrorText() {
   curl_easy_setopt(curl_.get(), CURLOPT_ERRORBUFFER, error_.data());
 }
 
-std::string CurlContext::Explain(CURLcode result) const {
-  if (WasCut()) {
+std::string CurlContext::explain(CURLcode result) const {
+  if (wasCut()) {
     return "the connection was cut because the server held up all transfers";
   }
   if (!cause_.empty()) {
@@ -265,36 +265,36 @@ bool CurlContext::HandleReceived(unsigned char* data, unsigned long len) {
   return accepted;
 }
 
-std::size_t CurlContext::HeaderReceived(char* /*ptr*/, std::size_t size, std::size_t nmemb,
-                                        void* userdata) {
-  return callbackBarrier(kLogUnit, __func__, std::size_t{0}, [&] {
+std::size_t CurlContext::headerReceived(char* /*ptr*/, std::size_t size, std::size_t nmemb,
+                                        void* userdata) {  // kept: 15
+  return callbackBarrier(kLogUnit, "HeaderReceived", std::size_t{0}, [&] {
     const std::size_t len = size * nmemb;
-    return static_cast<CurlContext*>(userdata)->HandleHeader(len) ? len : 0;
+    return static_cast<CurlContext*>(userdata)->handleHeader(len) ? len : 0;
   });
 }
 
-bool CurlContext::HandleHeader(unsigned long len) {
+bool CurlContext::handleHeader(unsigned long len) {  // kept: 15
   headerBytes_ += len;
   if (headerBytes_ > kMostHeaderBytes && !isOverBudget_) {
-    KOVA_LOG(LOG_WARNING, 0, "The headers exceed %d bytes, uri=%s",
-             static_cast<int>(kMostHeaderBytes), uri_.c_str());
+    KOVA_LOG_IN("HandleHeader", LOG_WARNING, 0, "The headers exceed %d bytes, uri=%s",
+                static_cast<int>(kMostHeaderBytes), uri_.c_str());
     cause_ = utils::format("the server's headers exceed %zu bytes", kMostHeaderBytes);
     isOverBudget_ = true;
   }
   return !isOverBudget_;
 }
 
-curl_socket_t CurlContext::SocketWanted(void* userdata, curlsocktype /*purpose*/,
-                                        curl_sockaddr* address) {
-  return callbackBarrier(kLogUnit, __func__, curl_socket_t{CURL_SOCKET_BAD}, [&] {
+curl_socket_t CurlContext::socketWanted(void* userdata, curlsocktype /*purpose*/,
+                                        curl_sockaddr* address) {  // kept: 15
+  return callbackBarrier(kLogUnit, "SocketWanted", curl_socket_t{CURL_SOCKET_BAD}, [&] {
     utils::UniqueFd fd(
         socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
     if (fd) {
       const auto* context = static_cast<CurlContext*>(userdata);
-      widenReceiveBuffer(fd.Get());
-      context->owner_->Guard().Watch(fd.Get(), context->cut_);
+      widenReceiveBuffer(fd.get());
+      context->owner_->guard().watch(fd.get(), context->cut_);
     }
-    return fd.Release();
+    return fd.release();
   });
 }
 

@@ -24,8 +24,8 @@ bool textsAreWhole(const std::string& uri, const variant::Variant& formFields, s
     cause = "the URI holds a NUL";
     return false;
   }
-  for (const auto& [key, value] : formFields.Elements()) {
-    if (holdsNul(key) || (value.Is(variant::VariantClass::String) && holdsNul(value.ToText()))) {
+  for (const auto& [key, value] : formFields.elements()) {
+    if (holdsNul(key) || (value.is(variant::VariantClass::String) && holdsNul(value.toText()))) {
       KOVA_LOG_IN(kRegisterRequest, LOG_ERR, 0, "The form field `%s` holds a NUL", key.c_str());
       cause = "the form field `" + key + "` holds a NUL";
       return false;
@@ -48,27 +48,27 @@ bool MultiHTTP::RegisterRequest(bool download, const std::string& uri, const std
                                 const std::string& caCertFile) {
   if (uri.empty() || path.empty()) {
     KOVA_LOG(LOG_ERR, 0, "Invalid input, uri=%s, path=%s", uri.c_str(), path.c_str());
-    SetCause(uri.empty() ? "there is no URI" : "there is no file to transfer");
+    setCause(uri.empty() ? "there is no URI" : "there is no file to transfer");
     return false;
   }
   Files& files = download ? downloadFiles_ : uploadFiles_;
   if (uriToPath_.contains(uri) || files.contains(path)) {
     KOVA_LOG(LOG_ERR, 0, "File or URI already in progress, uri=%s, path=%s", uri.c_str(),
              path.c_str());
-    SetCause("the URI or the file " + path +
+    setCause("the URI or the file " + path +
              " is in use by another transfer, or by one that could not be begun");
     return false;
   }
   // Before the file is recorded: what is refused later keeps it from every other transfer.
   std::string cause;
   if (!textsAreWhole(uri, formFields, cause)) {
-    SetCause(cause);
+    setCause(cause);
     return false;
   }
   auto file = std::make_unique<utils::File>();
   const auto mode = download ? utils::FILE_OPEN_MODE_TRUNCATE : utils::FILE_OPEN_MODE_READ;
   if (!file->Initialize(path, mode, 0)) {  // kept: 44
-    SetCause("the file " + path + " cannot be opened: " + std::strerror(errno));
+    setCause("the file " + path + " cannot be opened: " + std::strerror(errno));
     return false;
   }
   uriToPath_[uri] = path;
@@ -89,7 +89,7 @@ bool MultiHTTP::SignalBytesAvailable(const std::string& uri, unsigned char* data
   return file == downloadFiles_.end() || file->second->WriteBuffer(data, len);
 }
 
-utils::File* MultiHTTP::UploadFile(const std::string& uri, const char* operation) const {
+utils::File* MultiHTTP::uploadFile(const std::string& uri, const char* operation) const {
   const auto entry = uriToPath_.find(uri);
   if (entry == uriToPath_.end()) {
     KOVA_LOG_IN(operation, LOG_ERR, 0, "Uri not tracked, uri=%s", uri.c_str());
@@ -105,7 +105,7 @@ utils::File* MultiHTTP::UploadFile(const std::string& uri, const char* operation
 }
 
 bool MultiHTTP::GetUploadTotalSize(const std::string& uri, unsigned long& size) {
-  const utils::File* file = UploadFile(uri, __func__);
+  const utils::File* file = uploadFile(uri, __func__);
   if (file == nullptr) {
     return false;
   }
@@ -115,7 +115,7 @@ bool MultiHTTP::GetUploadTotalSize(const std::string& uri, unsigned long& size) 
 
 unsigned long MultiHTTP::FillUploadBuffer(const std::string& uri, unsigned char* buffer,
                                           unsigned long size) {
-  utils::File* file = UploadFile(uri, __func__);
+  utils::File* file = uploadFile(uri, __func__);
   if (file == nullptr) {
     return CURL_READFUNC_ABORT;
   }
@@ -123,14 +123,14 @@ unsigned long MultiHTTP::FillUploadBuffer(const std::string& uri, unsigned char*
   if (count != 0 && !file->ReadBuffer(buffer, count)) {
     const int error = errno;
     KOVA_LOG(LOG_ERR, error, "Error reading file, uri=%s", uri.c_str());  // kept: 37
-    NoteRead(uri, *file, error);
+    noteRead(uri, *file, error);
     return CURL_READFUNC_ABORT;
   }
-  NoteRead(uri, *file, 0);
+  noteRead(uri, *file, 0);
   return count;
 }
 
-void MultiHTTP::NoteRead(const std::string& /*uri*/, const utils::File& /*file*/, int /*error*/) {}
+void MultiHTTP::noteRead(const std::string& /*uri*/, const utils::File& /*file*/, int /*error*/) {}
 
 void MultiHTTP::SignalTransferCompleted(const std::string& uri, TransferStatus /*status*/,
                                         int /*httpCode*/) {

@@ -46,7 +46,7 @@ int connectError(const std::string& path) {
   std::ranges::copy(path, address.sun_path);
   const utils::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  return connect(fd.Get(), generic, sizeof address) == 0 ? 0 : errno;
+  return connect(fd.get(), generic, sizeof address) == 0 ? 0 : errno;
 }
 
 std::string userName() {

@@ -45,7 +45,7 @@ class Client::Answers : public ipc::TransactionsHandler {
     }
     return true;
   }
-  void HandleError(BaseRequestMessage& request, const std::string& name,
+  void handleError(BaseRequestMessage& request, const std::string& name,
                    const std::string& text) override {
     if (request.id() == awaited) {
       arrived = true;
@@ -53,7 +53,7 @@ class Client::Answers : public ipc::TransactionsHandler {
       errorText = text;
     }
   }
-  void Await(std::uint64_t id) {
+  void await(std::uint64_t id) {
     awaited = id;
     arrived = false;
     error.clear();
@@ -70,7 +70,7 @@ Client::Client(const Options& options) : options_(options), answers_(std::make_u
 
 Client::~Client() = default;
 
-ExitStatus Client::Join(const std::string& endpoint, ipc::BaseHandler* receiver) {
+ExitStatus Client::join(const std::string& endpoint, ipc::BaseHandler* receiver) {
   if (receiver != nullptr && !ipc_.AddHandler("", receiver)) {
     return fail(ExitStatus::Local, "cannot receive: " + library_log::lastProblem());
   }
@@ -82,7 +82,7 @@ ExitStatus Client::Join(const std::string& endpoint, ipc::BaseHandler* receiver)
   return ExitStatus::Ok;
 }
 
-ExitStatus Client::Send(BaseRequestMessage& request, bool responseExpected) {
+ExitStatus Client::send(BaseRequestMessage& request, bool responseExpected) {
   if (request.to().empty()) {
     request.to(kServer);
   }
@@ -91,45 +91,45 @@ ExitStatus Client::Send(BaseRequestMessage& request, bool responseExpected) {
   if (ipc_.SendRequest(request)) {
     return ExitStatus::Ok;
   }
-  if (!request.isBroadcast() && !ipc_.IsPresent(request.to())) {
+  if (!request.isBroadcast() && !ipc_.isPresent(request.to())) {
     return fail(ExitStatus::Unreachable, absence(request.to()));
   }
   return fail(ExitStatus::Unreachable, "cannot send: " + library_log::lastProblem());
 }
 
-ExitStatus Client::Post(BaseRequestMessage& request) {
-  const ExitStatus sent = Send(request, false);
-  return sent != ExitStatus::Ok || ipc_.Flush()
+ExitStatus Client::post(BaseRequestMessage& request) {
+  const ExitStatus sent = send(request, false);
+  return sent != ExitStatus::Ok || ipc_.flush()
              ? sent
              : fail(ExitStatus::Unreachable, "the connection to the bus was lost");
 }
 
-Reply Client::Request(BaseRequestMessage& request, std::uint32_t timeoutMs,
+Reply Client::request(BaseRequestMessage& request, std::uint32_t timeoutMs,
                       const std::string& refusal) {
-  answers_->Await(request.id());
+  answers_->await(request.id());
   Reply reply;
-  reply.status = Send(request, true);
+  reply.status = send(request, true);
   if (reply.status != ExitStatus::Ok) {
     return reply;
   }
-  reply.status = ServeUntil([this] { return answers_->arrived; }, timeoutMs);
+  reply.status = serveUntil([this] { return answers_->arrived; }, timeoutMs);
   if (reply.status == ExitStatus::NoAnswer) {
     fail(ExitStatus::NoAnswer, "no answer from \"" + request.to() + "\" to " +
                                    request.functionName() + " within " + humanSeconds(timeoutMs));
   }
-  return reply.status == ExitStatus::Ok ? Judge(request, refusal) : reply;
+  return reply.status == ExitStatus::Ok ? judge(request, refusal) : reply;
 }
 
-Client::Silence Client::RequestUnanswered(BaseRequestMessage& request, std::uint32_t patienceMs) {
-  answers_->Await(request.id());
+Client::Silence Client::requestUnanswered(BaseRequestMessage& request, std::uint32_t patienceMs) {
+  answers_->await(request.id());
   Silence silence;
-  silence.status = Send(request, true);
+  silence.status = send(request, true);
   if (silence.status != ExitStatus::Ok) {
     return silence;
   }
-  const ExitStatus waited = Serve([this] { return answers_->arrived; }, patienceMs);
+  const ExitStatus waited = serve([this] { return answers_->arrived; }, patienceMs);
   if (waited == ExitStatus::Ok && !isVanishing(answers_->error)) {
-    silence.status = Judge(request, "").status;
+    silence.status = judge(request, "").status;
     return silence;
   }
   // A machine that goes down stops all its processes, possibly this one first.
@@ -138,7 +138,7 @@ Client::Silence Client::RequestUnanswered(BaseRequestMessage& request, std::uint
   return silence;
 }
 
-Reply Client::Judge(BaseRequestMessage& request, const std::string& refusal) {
+Reply Client::judge(BaseRequestMessage& request, const std::string& refusal) {
   Reply reply;
   const std::string what = request.functionName();
   if (answers_->error == "kova.Error.UnknownFunction") {
@@ -169,13 +169,13 @@ Reply Client::Judge(BaseRequestMessage& request, const std::string& refusal) {
   return reply;
 }
 
-ExitStatus Client::ServeUntil(const std::function<bool()>& done, std::uint32_t timeoutMs) {
-  const ExitStatus status = Serve(done, timeoutMs);
+ExitStatus Client::serveUntil(const std::function<bool()>& done, std::uint32_t timeoutMs) {
+  const ExitStatus status = serve(done, timeoutMs);
   return status == ExitStatus::Unreachable ? fail(status, "the connection to the bus was lost")
                                            : status;
 }
 
-ExitStatus Client::Serve(const std::function<bool()>& done, std::uint32_t timeoutMs) {
+ExitStatus Client::serve(const std::function<bool()>& done, std::uint32_t timeoutMs) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!done()) {
     if (stopRequested()) {
@@ -192,10 +192,10 @@ ExitStatus Client::Serve(const std::function<bool()>& done, std::uint32_t timeou
   return ExitStatus::Ok;
 }
 
-ExitStatus Client::ServeUntil(const std::function<bool()>& done) {
+ExitStatus Client::serveUntil(const std::function<bool()>& done) {
   ExitStatus status = ExitStatus::NoAnswer;
   while (status == ExitStatus::NoAnswer) {
-    status = ServeUntil(done, std::numeric_limits<std::uint32_t>::max());
+    status = serveUntil(done, std::numeric_limits<std::uint32_t>::max());
   }
   return status;
 }
@@ -207,15 +207,15 @@ std::string ownEndpoint() {
 ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestMessage& request,
                              std::string_view done, std::string_view refusal) {
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
-  const Reply reply = client.Request(request, options.answerTimeoutMs(), std::string(refusal));
+  const Reply reply = client.request(request, options.answerTimeoutMs(), std::string(refusal));
   return reply.status == ExitStatus::Ok ? present(options, payloadOf(reply), done) : reply.status;
 }
 
 variant::Variant payloadOf(const Reply& reply) {
-  const variant::Variant* payload = reply.message.Find("payload");
+  const variant::Variant* payload = reply.message.find("payload");
   return payload != nullptr ? *payload : variant::Variant();
 }
 

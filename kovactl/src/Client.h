@@ -36,12 +36,12 @@ class Client {
   /// Joins the bus.
   /// @param endpoint the endpoint to register; "" for none
   /// @param receiver handles incoming requests and events; may be null; not owned
-  ExitStatus Join(const std::string& endpoint = "", ipc::BaseHandler* receiver = nullptr);
+  ExitStatus join(const std::string& endpoint = "", ipc::BaseHandler* receiver = nullptr);
 
   /// Sends a request, by default to kova_ctlserver, and waits for the answer. A statusCode other
   /// than 0 is a refusal.
   /// @param refusal the usual reason for a refusal, added to its error message; may be ""
-  Reply Request(ipc::messages::BaseRequestMessage& request, std::uint32_t timeoutMs,
+  Reply request(ipc::messages::BaseRequestMessage& request, std::uint32_t timeoutMs,
                 const std::string& refusal = "");
 
   /// The outcome of a request that is never answered.
@@ -52,25 +52,25 @@ class Client {
   };
   /// Sends a request that is never answered. Fails when an error arrives within `patienceMs`, or on
   /// Ctrl-C; silence, a closed bus and SIGTERM are success.
-  Silence RequestUnanswered(ipc::messages::BaseRequestMessage& request, std::uint32_t patienceMs);
+  Silence requestUnanswered(ipc::messages::BaseRequestMessage& request, std::uint32_t patienceMs);
 
   /// Sends a request without waiting for an answer. The destination must be on the bus.
-  ExitStatus Post(ipc::messages::BaseRequestMessage& request);
+  ExitStatus post(ipc::messages::BaseRequestMessage& request);
 
   /// Serves the bus until `done` returns true.
   /// @return Ok then; NoAnswer on time-out, which the caller reports; Unreachable when the
   /// connection is lost; stopStatus() on a stop signal
-  ExitStatus ServeUntil(const std::function<bool()>& done, std::uint32_t timeoutMs);
+  ExitStatus serveUntil(const std::function<bool()>& done, std::uint32_t timeoutMs);
   /// The same without a time-out.
-  ExitStatus ServeUntil(const std::function<bool()>& done);
+  ExitStatus serveUntil(const std::function<bool()>& done);
 
-  const Options& Settings() const { return options_; }
+  const Options& options() const { return options_; }
 
  private:
   class Answers;
-  ExitStatus Send(ipc::messages::BaseRequestMessage& request, bool responseExpected);
-  ExitStatus Serve(const std::function<bool()>& done, std::uint32_t timeoutMs);
-  Reply Judge(ipc::messages::BaseRequestMessage& request, const std::string& refusal);
+  ExitStatus send(ipc::messages::BaseRequestMessage& request, bool responseExpected);
+  ExitStatus serve(const std::function<bool()>& done, std::uint32_t timeoutMs);
+  Reply judge(ipc::messages::BaseRequestMessage& request, const std::string& refusal);
 
   const Options& options_;
   std::unique_ptr<Answers> answers_;

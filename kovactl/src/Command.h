@@ -27,38 +27,38 @@ class CommandLine {
 
   /// A required argument.
   /// @param choices the accepted values; empty accepts any
-  void Argument(const char* name, std::string& value, const char* help,
+  void argument(const char* name, std::string& value, const char* help,
                 const std::vector<std::string>& choices = {});
   /// Zero or more arguments.
-  void Arguments(const char* name, std::vector<std::string>& values, const std::string& help);
+  void arguments(const char* name, std::vector<std::string>& values, const std::string& help);
 
   /// An option without a value.
   /// @param names     one or two names, such as "-y,--yes"
   /// @param excluding long names of options, already declared, that cannot be combined with it
-  void Flag(const char* names, bool& value, const char* help,
+  void flag(const char* names, bool& value, const char* help,
             const std::vector<std::string>& excluding = {});
   /// An option with a value; `type` names the value in the help.
-  void Option(const char* name, std::string& value, const char* type, const char* help);
+  void option(const char* name, std::string& value, const char* type, const char* help);
   /// A repeatable option with a value.
-  void Option(const char* name, std::vector<std::string>& values, const char* type,
+  void option(const char* name, std::vector<std::string>& values, const char* type,
               const char* help);
   /// An option whose value may be omitted and is then "".
-  void OptionalValue(const char* name, std::optional<std::string>& value, const char* type,
+  void optionalValue(const char* name, std::optional<std::string>& value, const char* type,
                      const char* help);
   /// An option with a duration above 0, see parseDuration().
-  void Duration(const char* name, std::uint32_t& milliseconds, const std::string& help);
+  void duration(const char* name, std::uint32_t& milliseconds, const std::string& help);
 
   /// A subcommand. A command that has subcommands requires one of them.
-  CommandLine Subcommand(const char* name, const char* help);
+  CommandLine subcommand(const char* name, const char* help);
   /// Whether this subcommand was given.
-  bool Given() const;
+  bool given() const;
 
   /// Sets the last paragraph of the help, which wraps its long lines.
-  void Footer(const std::string& text);
+  void footer(const std::string& text);
   /// Gets the help of a command of the whole program, for example {"service", "start"}; the
   /// overview for no words.
   /// @return false, with an error message in `text`, when there is no such command
-  bool HelpOf(const std::vector<std::string>& words, std::string& text) const;
+  bool helpOf(const std::vector<std::string>& words, std::string& text) const;
 
  private:
   CLI::App* app_;

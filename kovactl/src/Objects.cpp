@@ -11,16 +11,16 @@
 
 namespace kova::ctl {
 
-ExitStatus Objects::Open() {
+ExitStatus Objects::open() {
   std::string error;
-  if (bus_.Open(error)) {
+  if (bus_.open(error)) {
     return ExitStatus::Ok;
   }
   return stopRequested() ? stopStatus()
                          : fail(ExitStatus::Unreachable, explainJoin(options_.host, "", error));
 }
 
-ExitStatus Objects::Await(const Start& start, Answer& answer, bool patient) {
+ExitStatus Objects::await(const Start& start, Answer& answer, bool patient) {
   constexpr unsigned kSliceMs = 100;  // the delay until a stop signal is noticed
   // Shared, since a stop signal ends the wait before the answer.
   const auto received = std::make_shared<std::optional<Answer>>();
@@ -40,27 +40,27 @@ ExitStatus Objects::Await(const Start& start, Answer& answer, bool patient) {
   return ExitStatus::Ok;
 }
 
-ExitStatus Objects::ReadTransfers(std::vector<TransferRecord>& records, Answer& answer) {
-  const ExitStatus asked = Await(
-      [this](auto receive) { return bus_.ReadAll(options_.answerTimeoutMs(), std::move(receive)); },
+ExitStatus Objects::readTransfers(std::vector<TransferRecord>& records, Answer& answer) {
+  const ExitStatus asked = await(
+      [this](auto receive) { return bus_.readAll(options_.answerTimeoutMs(), std::move(receive)); },
       answer, false);
   records = transferRecords(answer.value);
   return asked;
 }
 
-ExitStatus Objects::Read(const std::string& path, const std::string& interface, Answer& answer) {
-  return Await(
+ExitStatus Objects::read(const std::string& path, const std::string& interface, Answer& answer) {
+  return await(
       [&](auto receive) {
-        return bus_.Read(path, interface, options_.answerTimeoutMs(), std::move(receive));
+        return bus_.read(path, interface, options_.answerTimeoutMs(), std::move(receive));
       },
       answer, false);
 }
 
-ExitStatus Objects::Call(const std::string& path, const std::string& interface,
+ExitStatus Objects::call(const std::string& path, const std::string& interface,
                          const std::string& method, Answer& answer, bool patient) {
-  return Await(
+  return await(
       [&](auto receive) {
-        return bus_.Call(path, interface, method, options_.answerTimeoutMs(), std::move(receive));
+        return bus_.call(path, interface, method, options_.answerTimeoutMs(), std::move(receive));
       },
       answer, patient);
 }

@@ -21,22 +21,22 @@ class Objects {
 
   explicit Objects(const Options& options) : options_(options) {}
 
-  ExitStatus Open();
+  ExitStatus open();
   /// Reads the transfers, in the order of their numbers.
   /// @return Ok if there is an answer, which may be an error
-  ExitStatus ReadTransfers(std::vector<TransferRecord>& records, Answer& answer);
-  ExitStatus Read(const std::string& path, const std::string& interface, Answer& answer);
+  ExitStatus readTransfers(std::vector<TransferRecord>& records, Answer& answer);
+  ExitStatus read(const std::string& path, const std::string& interface, Answer& answer);
   /// @param patient whether to go on waiting after a stop signal
-  ExitStatus Call(const std::string& path, const std::string& interface, const std::string& method,
+  ExitStatus call(const std::string& path, const std::string& interface, const std::string& method,
                   Answer& answer, bool patient = false);
 
-  ipc::BusObjects& Bus() { return bus_; }
+  ipc::BusObjects& bus() { return bus_; }
   /// The remote camera, "" for the local machine.
-  const std::string& Host() const { return options_.host; }
+  const std::string& host() const { return options_.host; }
 
  private:
   using Start = std::function<bool(ipc::BusObjects::Receiver)>;
-  ExitStatus Await(const Start& start, Answer& answer, bool patient);
+  ExitStatus await(const Start& start, Answer& answer, bool patient);
 
   const Options& options_;
   ipc::BusObjects bus_{kServer};

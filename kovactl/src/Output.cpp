@@ -63,15 +63,15 @@ void leaveToOther() {
 
 Variant withTextIds(const Variant& message) {
   Variant copy = message;
-  if (message.IsMap()) {
-    for (const auto& [key, value] : message.Elements()) {
-      const bool counts = isId(key) && value.Is(variant::VariantClass::Number);
-      copy[key] = counts ? Variant(value.ToJSON()) : withTextIds(value);
+  if (message.isMap()) {
+    for (const auto& [key, value] : message.elements()) {
+      const bool counts = isId(key) && value.is(variant::VariantClass::Number);
+      copy[key] = counts ? Variant(value.toJson()) : withTextIds(value);
     }
   } else if (message.IsArray()) {
     copy = Variant::Array{};
-    for (const Variant& item : message.Items()) {
-      copy.PushToArray(withTextIds(item));
+    for (const Variant& item : message.items()) {
+      copy.pushToArray(withTextIds(item));
     }
   }
   return copy;

@@ -159,7 +159,7 @@ ExitStatus explain(const CLI::App& app, const CLI::ParseError& error, const Opti
 
 }  // namespace
 
-void CommandLine::Argument(const char* name, std::string& value, const char* help,
+void CommandLine::argument(const char* name, std::string& value, const char* help,
                            const std::vector<std::string>& choices) {
   CLI::Option* option = app_->add_option(name, value, help)->required()->type_name("");
   if (!choices.empty()) {
@@ -171,12 +171,12 @@ void CommandLine::Argument(const char* name, std::string& value, const char* hel
   }
 }
 
-void CommandLine::Arguments(const char* name, std::vector<std::string>& values,
+void CommandLine::arguments(const char* name, std::vector<std::string>& values,
                             const std::string& help) {
   app_->add_option(name, values, help)->type_name("");
 }
 
-void CommandLine::Flag(const char* names, bool& value, const char* help,
+void CommandLine::flag(const char* names, bool& value, const char* help,
                        const std::vector<std::string>& excluding) {
   CLI::Option* flag = app_->add_flag(names, value, help);
   for (const std::string& other : excluding) {
@@ -184,11 +184,11 @@ void CommandLine::Flag(const char* names, bool& value, const char* help,
   }
 }
 
-void CommandLine::Option(const char* name, std::string& value, const char* type, const char* help) {
+void CommandLine::option(const char* name, std::string& value, const char* type, const char* help) {
   app_->add_option(name, value, help)->type_name(type);
 }
 
-void CommandLine::Option(const char* name, std::vector<std::string>& values, const char* type,
+void CommandLine::option(const char* name, std::vector<std::string>& values, const char* type,
                          const char* help) {
   app_->add_option(name, values, help)
       ->type_name(type)
@@ -196,13 +196,13 @@ void CommandLine::Option(const char* name, std::vector<std::string>& values, con
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
-void CommandLine::OptionalValue(const char* name, std::optional<std::string>& value,
+void CommandLine::optionalValue(const char* name, std::optional<std::string>& value,
                                 const char* type, const char* help) {
   const auto take = [&value](const std::string& text) { value = text; };
   app_->add_option_function<std::string>(name, take, help)->type_name(type)->expected(0, 1);
 }
 
-void CommandLine::Duration(const char* name, std::uint32_t& milliseconds, const std::string& help) {
+void CommandLine::duration(const char* name, std::uint32_t& milliseconds, const std::string& help) {
   const auto take = [name, &milliseconds](const std::string& text) {
     if (!parseDuration(text, milliseconds)) {
       throw CLI::ValidationError(
@@ -215,20 +215,20 @@ void CommandLine::Duration(const char* name, std::uint32_t& milliseconds, const 
   app_->add_option_function<std::string>(name, take, help)->type_name("TIME");
 }
 
-CommandLine CommandLine::Subcommand(const char* name, const char* help) {
+CommandLine CommandLine::subcommand(const char* name, const char* help) {
   app_->require_subcommand(1);
   return CommandLine(*app_->add_subcommand(name, help));
 }
 
-bool CommandLine::Given() const {
+bool CommandLine::given() const {
   return app_->parsed();
 }
 
-void CommandLine::Footer(const std::string& text) {
+void CommandLine::footer(const std::string& text) {
   app_->footer(text);
 }
 
-bool CommandLine::HelpOf(const std::vector<std::string>& words, std::string& text) const {
+bool CommandLine::helpOf(const std::vector<std::string>& words, std::string& text) const {
   const CLI::App* app = app_;
   while (app->get_parent() != nullptr) {
     app = app->get_parent();
@@ -251,31 +251,31 @@ bool CommandLine::HelpOf(const std::vector<std::string>& words, std::string& tex
 Program::Program()
     : app_(std::make_unique<CLI::App>("Talk to the camera's control server over the local bus.",
                                       "kovactl")) {
-  AddOptions();
-  AddCommands();
+  addOptions();
+  addCommands();
   app_->footer(overviewFooter());
 }
 
 Program::~Program() = default;
 
-void Program::AddOptions() {
+void Program::addOptions() {
   app_->set_help_flag("-h,--help", "Print this help");
   app_->set_version_flag("-V,--version", "kovactl " KOVA_VERSION, "Print the version");
   CommandLine line(*app_);
-  line.Option("-H,--host", options_.host, "HOST",
+  line.option("-H,--host", options_.host, "HOST",
               "Camera to reach through ssh: [USER@]HOST[:PORT]");
-  line.Option("--bus", options_.bus, "ADDRESS",
+  line.option("--bus", options_.bus, "ADDRESS",
               "Address of the bus ($KOVA_BUS_ADDRESS or unix:path=/run/kova/bus)");
-  line.Duration("--timeout", timeoutMs_, "How long to wait for an answer (10s)");
-  line.Flag("--json", options_.json, "Print JSON");
-  line.Flag("-v,--verbose", options_.verbose, "Show what the bus library logs");
-  line.Footer("The options of \"kovactl --help\", such as --json, are accepted here too.");
+  line.duration("--timeout", timeoutMs_, "How long to wait for an answer (10s)");
+  line.flag("--json", options_.json, "Print JSON");
+  line.flag("-v,--verbose", options_.verbose, "Show what the bus library logs");
+  line.footer("The options of \"kovactl --help\", such as --json, are accepted here too.");
   app_->formatter(std::make_shared<HelpFormatter>());
   app_->require_subcommand(1);
   app_->fallthrough();
 }
 
-void Program::AddCommands() {
+void Program::addCommands() {
   for (const Command& command : commands()) {
     CLI::App* sub = app_->add_subcommand(std::string(command.name), std::string(command.summary));
     CommandLine line(*sub);
@@ -285,7 +285,7 @@ void Program::AddCommands() {
   }
 }
 
-ExitStatus Program::ChooseBus() {
+ExitStatus Program::chooseBus() {
   if (app_->count("--host") > 0) {  // even if empty: never the local machine instead
     Remote remote;
     std::string error;
@@ -303,7 +303,7 @@ ExitStatus Program::ChooseBus() {
   return ExitStatus::Ok;
 }
 
-ExitStatus Program::Run(int argc, const char* const* argv) {
+ExitStatus Program::run(int argc, const char* const* argv) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -314,7 +314,7 @@ ExitStatus Program::Run(int argc, const char* const* argv) {
     options_.timeoutMs = timeoutMs_;
   }
   library_log::verbose(options_.verbose);
-  if (const ExitStatus chosen = ChooseBus(); chosen != ExitStatus::Ok) {
+  if (const ExitStatus chosen = chooseBus(); chosen != ExitStatus::Ok) {
     return conclude(options_, chosen);
   }
   catchStopSignals();

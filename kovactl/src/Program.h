@@ -18,15 +18,15 @@ class Program {
   Program& operator=(const Program&) = delete;
 
   /// Parses the command line and runs its command.
-  ExitStatus Run(int argc, const char* const* argv);
+  ExitStatus run(int argc, const char* const* argv);
 
   /// The parser, for inspection.
-  const CLI::App& Parser() const { return *app_; }
+  const CLI::App& parser() const { return *app_; }
 
  private:
-  void AddOptions();
-  void AddCommands();
-  ExitStatus ChooseBus();
+  void addOptions();
+  void addCommands();
+  ExitStatus chooseBus();
 
   std::unique_ptr<CLI::App> app_;
   Options options_;

@@ -37,7 +37,7 @@ std::string bar(double share, std::size_t columns) {
 
 }  // namespace
 
-void Rate::Add(std::uint64_t bytes, Clock::time_point now) {
+void Rate::add(std::uint64_t bytes, Clock::time_point now) {
   constexpr std::chrono::seconds kWindow(5);
   if (!samples_.empty() && bytes < samples_.back().bytes) {
     samples_.clear();
@@ -53,7 +53,7 @@ void Rate::Add(std::uint64_t bytes, Clock::time_point now) {
   }
 }
 
-double Rate::PerSecond() const {
+double Rate::perSecond() const {
   if (samples_.size() < 2) {
     return 0;
   }
@@ -92,16 +92,16 @@ Progress::~Progress() {
   }
 }
 
-void Progress::Update(const TransferRecord& record) {
+void Progress::update(const TransferRecord& record) {
   const bool entered = !record_ || record_->phase != record.phase;
   if (entered && phases_ && !onTerminal_) {
     std::fprintf(stderr, "%s\n", printable(record.phase).c_str());
   }
   record_ = record;
-  rate_.Add(record.transferred, Clock::now());
+  rate_.add(record.transferred, Clock::now());
 }
 
-void Progress::Turn() {
+void Progress::turn() {
   constexpr char kStates[] = {'|', '/', '-', '\\'};
   const auto now = Clock::now();
   if (!onTerminal_ || now - drawn_ < std::chrono::milliseconds(100)) {
@@ -112,7 +112,7 @@ void Progress::Turn() {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
   std::string line;
   if (record_ && record_->phase == kTransferring) {
-    line = progressLine(*record_, rate_.PerSecond(), columns);
+    line = progressLine(*record_, rate_.perSecond(), columns);
   } else {
     const std::string what = record_ ? printable(record_->phase) : "waiting for the camera";
     line = utils::format("%c ", kStates[turns_++ % sizeof kStates]) + what + "  " +

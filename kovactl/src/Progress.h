@@ -15,9 +15,9 @@ class Rate {
  public:
   using Clock = std::chrono::steady_clock;
 
-  void Add(std::uint64_t bytes, Clock::time_point now);
+  void add(std::uint64_t bytes, Clock::time_point now);
   /// Bytes per second; 0 until it is known.
-  double PerSecond() const;
+  double perSecond() const;
 
  private:
   struct Sample {
@@ -42,9 +42,9 @@ class Progress {
   Progress& operator=(const Progress&) = delete;
 
   /// Takes the state of the transfer, which has not ended.
-  void Update(const TransferRecord& record);
+  void update(const TransferRecord& record);
   /// Draws the line on a terminal, at most ten times a second.
-  void Turn();
+  void turn();
 
  private:
   using Clock = Rate::Clock;

@@ -26,13 +26,13 @@ class Way {
  public:
   Way(int source, int sink) : source_(source), sink_(sink), buffer_(kBufferSize) {}
 
-  bool WantsRead() const { return open_ && begin_ == end_; }
-  bool WantsWrite() const { return begin_ < end_; }
+  bool wantsRead() const { return open_ && begin_ == end_; }
+  bool wantsWrite() const { return begin_ < end_; }
   /// Nothing more comes: the source ended and all of it is written, or the way is abandoned.
-  bool Ended() const { return !open_ && begin_ == end_; }
+  bool ended() const { return !open_ && begin_ == end_; }
 
-  void Read() {
-    const ssize_t got = read(source_, buffer_.data(), buffer_.size());
+  void read() {
+    const ssize_t got = ::read(source_, buffer_.data(), buffer_.size());
     if (got > 0) {
       begin_ = 0;
       end_ = static_cast<std::size_t>(got);
@@ -41,8 +41,8 @@ class Way {
     }
   }
   /// @return false when the sink takes no more
-  bool Write() {
-    const ssize_t put = write(sink_, buffer_.data() + begin_, end_ - begin_);
+  bool write() {
+    const ssize_t put = ::write(sink_, buffer_.data() + begin_, end_ - begin_);
     if (put < 0) {
       return isTransient();
     }
@@ -50,7 +50,7 @@ class Way {
     return true;
   }
   /// Drops what is left: nobody reads it.
-  void Abandon() {
+  void abandon() {
     open_ = false;
     begin_ = end_;
   }
@@ -73,12 +73,12 @@ class Relay {
   // Four states, by which ways have ended. Both run; `up` has ended, which is passed on to the bus
   // as a half-close: answers may follow; `out` has closed: what was said before may still arrive;
   // the bus has closed: done.
-  ExitStatus Run() {
-    while (!busClosed_ && !(up_.Ended() && outClosed_)) {
+  ExitStatus run() {
+    while (!busClosed_ && !(up_.ended() && outClosed_)) {
       if (stopRequested()) {
         return stopStatus();
       }
-      const int ready = Await();
+      const int ready = await();
       if (ready < 0 && errno != EINTR) {
         return fail(ExitStatus::Local, std::string("cannot wait: ") + std::strerror(errno));
       }
@@ -86,7 +86,7 @@ class Relay {
         break;
       }
       if (ready > 0) {
-        Move();
+        move();
       }
     }
     return ExitStatus::Ok;
@@ -101,41 +101,41 @@ class Relay {
     return {events != 0 ? fd : -1, static_cast<short>(events), 0};
   }
 
-  int Await() {
-    places_ = {wish(in_, up_.WantsRead(), false), wish(out_, false, down_.WantsWrite()),
-               wish(bus_, down_.WantsRead(), up_.WantsWrite())};
+  int await() {
+    places_ = {wish(in_, up_.wantsRead(), false), wish(out_, false, down_.wantsWrite()),
+               wish(bus_, down_.wantsRead(), up_.wantsWrite())};
     if (!outClosed_) {
       places_[kOut].fd = out_;  // also to learn that nobody reads it any more
     }
-    const bool lingers = up_.Ended() || outClosed_;
-    return ppoll(places_.data(), places_.size(), lingers ? &kLinger : nullptr, &blocked_.Before());
+    const bool lingers = up_.ended() || outClosed_;
+    return ppoll(places_.data(), places_.size(), lingers ? &kLinger : nullptr, &blocked_.before());
   }
 
-  void Move() {
-    if (Is(kBus, POLLOUT) && up_.WantsWrite() && !up_.Write()) {
-      up_.Abandon();
+  void move() {
+    if (is(kBus, POLLOUT) && up_.wantsWrite() && !up_.write()) {
+      up_.abandon();
     }
-    if (Is(kBus, POLLIN) && down_.WantsRead()) {
-      down_.Read();
+    if (is(kBus, POLLIN) && down_.wantsRead()) {
+      down_.read();
     }
-    const bool refused = Is(kOut, POLLOUT) && down_.WantsWrite() && !down_.Write();
-    if (refused || Is(kOut, 0)) {
+    const bool refused = is(kOut, POLLOUT) && down_.wantsWrite() && !down_.write();
+    if (refused || is(kOut, 0)) {
       outClosed_ = true;
-      down_.Abandon();
+      down_.abandon();
     }
-    if (Is(kIn, POLLIN) && up_.WantsRead()) {
-      up_.Read();
+    if (is(kIn, POLLIN) && up_.wantsRead()) {
+      up_.read();
     }
-    if (up_.Ended() && !halfClosed_) {
+    if (up_.ended() && !halfClosed_) {
       halfClosed_ = true;
       shutdown(bus_, SHUT_WR);
     }
-    busClosed_ = down_.Ended() && !outClosed_;
+    busClosed_ = down_.ended() && !outClosed_;
   }
 
   // Whether a descriptor is ready for `event`, or has failed or hung up, which reading or writing
   // it tells apart.
-  bool Is(Place place, int event) const {
+  bool is(Place place, int event) const {
     return (places_[place].revents & (event | POLLERR | POLLHUP | POLLNVAL)) != 0;
   }
 
@@ -157,7 +157,7 @@ ExitStatus relay(int in, int out, int bus) {
   for (const int fd : {in, out, bus}) {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
   }
-  return Relay(in, out, bus).Run();
+  return Relay(in, out, bus).run();
 }
 
 }  // namespace kova::ctl

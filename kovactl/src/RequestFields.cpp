@@ -35,7 +35,7 @@ bool parseOne(const std::string& argument, variant::Variant& map, std::string& e
     return false;
   }
   const std::string key = argument.substr(0, end);
-  if (map.Find(key) != nullptr) {
+  if (map.find(key) != nullptr) {
     error = "\"" + key + "\" is given twice";
     return false;
   }
@@ -87,15 +87,15 @@ bool isNumberType(const std::string& type) {
 
 bool fits(const FieldDescription& field, const Variant& value) {
   if (field.type == "bool") {
-    return value.Is(VariantClass::Boolean);
+    return value.is(VariantClass::Boolean);
   }
   if (field.type == "string") {
-    return value.Is(VariantClass::String);
+    return value.is(VariantClass::String);
   }
   if (isNumberType(field.type)) {
-    return value.Is(VariantClass::Number);
+    return value.is(VariantClass::Number);
   }
-  return field.type != "container" || value.IsContainer();
+  return field.type != "container" || value.isContainer();
 }
 
 // An example of an assignment to a field.
@@ -115,13 +115,13 @@ std::string doubtAbout(const FieldDescription& field, const Variant& value) {
            " and will be treated as missing: write " + example(field);
   }
   const auto matches = [&value](const std::string& allowed) {
-    return strcasecmp(allowed.c_str(), value.ToText().c_str()) == 0;
+    return strcasecmp(allowed.c_str(), value.toText().c_str()) == 0;
   };
   if (field.allowed.empty() || std::ranges::any_of(field.allowed, matches)) {
     return "";
   }
-  const std::string meant = closest(value.ToText(), field.allowed);
-  return "\"" + field.key + "\" cannot be \"" + value.ToText() + "\" and will be treated as \"" +
+  const std::string meant = closest(value.toText(), field.allowed);
+  return "\"" + field.key + "\" cannot be \"" + value.toText() + "\" and will be treated as \"" +
          field.allowed.front() + "\"" + (meant.empty() ? "" : ": did you mean \"" + meant + "\"?");
 }
 
@@ -177,8 +177,8 @@ std::vector<std::string> fieldValues(const std::string& function, const std::str
 }
 
 std::vector<std::string> doubts(const Variant& request) {
-  const Variant* name = request.Find("functionName");
-  const std::string function = name != nullptr ? name->ToText() : "";
+  const Variant* name = request.find("functionName");
+  const std::string function = name != nullptr ? name->toText() : "";
   const std::vector<std::string> functions = functionNames();
   std::vector<std::string> lines;
   if (std::ranges::find(functions, function) == functions.end()) {
@@ -187,7 +187,7 @@ std::vector<std::string> doubts(const Variant& request) {
   const std::vector<FieldDescription> known = allFields(function);
   std::vector<std::string> keys;
   std::ranges::transform(known, std::back_inserter(keys), &FieldDescription::key);
-  for (const auto& [key, value] : request.Elements()) {
+  for (const auto& [key, value] : request.elements()) {
     const auto field = std::ranges::find(known, key, &FieldDescription::key);
     std::string line =
         field != known.end() ? doubtAbout(*field, value) : unknownField(function, key, keys);

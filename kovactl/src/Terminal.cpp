@@ -104,7 +104,7 @@ AlternateScreen::~AlternateScreen() {
   print("\x1b[?25h\x1b[?1049l");
 }
 
-bool AlternateScreen::Show(std::string_view text) {
+bool AlternateScreen::show(std::string_view text) {
   const Size size = terminalSize();
   std::string frame = "\x1b[H";
   for (std::size_t line = 0; line < size.lines && !text.empty(); ++line) {
@@ -159,7 +159,7 @@ bool ask(std::string_view prompt, std::string& answer) {
 
 bool askSecret(std::string_view prompt, std::string& answer) {
   const NoEcho quiet;
-  if (!quiet.Active()) {
+  if (!quiet.active()) {
     return false;
   }
   std::fprintf(stderr, "%s", std::string(prompt).c_str());

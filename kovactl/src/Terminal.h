@@ -39,7 +39,7 @@ class AlternateScreen {
   AlternateScreen& operator=(const AlternateScreen&) = delete;
 
   /// Replaces the content of the screen by these lines, clipped to its size.
-  bool Show(std::string_view text);
+  bool show(std::string_view text);
 };
 
 /// Disables the echo of the terminal on standard input for the lifetime of the object.
@@ -51,7 +51,7 @@ class NoEcho {
   NoEcho& operator=(const NoEcho&) = delete;
 
   /// Whether the echo is disabled.
-  bool Active() const { return active_; }
+  bool active() const { return active_; }
 
  private:
   termios saved_{};
@@ -75,7 +75,7 @@ void catchStopSignals();
 bool stopRequested();
 
 /// Blocks the stop signals for the lifetime of the object, so that none arrives unnoticed between
-/// stopRequested() and ppoll(2), which lets them through by Before().
+/// stopRequested() and ppoll(2), which lets them through by before().
 class StopSignalsBlocked {
  public:
   StopSignalsBlocked();
@@ -83,7 +83,7 @@ class StopSignalsBlocked {
   StopSignalsBlocked(const StopSignalsBlocked&) = delete;
   StopSignalsBlocked& operator=(const StopSignalsBlocked&) = delete;
 
-  const sigset_t& Before() const { return before_; }
+  const sigset_t& before() const { return before_; }
 
  private:
   sigset_t before_{};

@@ -58,7 +58,7 @@ std::string printable(std::string_view text) {
 }
 
 std::string json(const variant::Variant& value, int indent) {
-  const std::string text = value.ToJSON(indent);
+  const std::string text = value.toJson(indent);
   std::string out;
   out.reserve(text.size());
   for (std::string_view rest = text; !rest.empty();) {
@@ -73,10 +73,10 @@ std::string json(const variant::Variant& value, int indent) {
 }
 
 std::string cell(const variant::Variant& value) {
-  if (value.IsEmpty()) {
+  if (value.isEmpty()) {
     return "-";
   }
-  return value.Is(variant::VariantClass::String) ? printable(value.ToText()) : json(value);
+  return value.is(variant::VariantClass::String) ? printable(value.toText()) : json(value);
 }
 
 std::string humanBytes(double bytes) {
@@ -130,7 +130,7 @@ bool parseDuration(std::string_view text, std::uint32_t& milliseconds) {
 }
 
 std::string humanSeconds(std::uint32_t milliseconds) {
-  const std::string text = variant::Variant(milliseconds / 1000.0).ToJSON();
+  const std::string text = variant::Variant(milliseconds / 1000.0).toJson();
   return text.ends_with(".0") ? text.substr(0, text.size() - 2) + " s" : text + " s";
 }
 
@@ -145,13 +145,13 @@ std::size_t columns(const std::string& text) {
 }
 
 void flattenInto(const variant::Variant& value, const std::string& path, std::vector<Row>& rows) {
-  for (const auto& [key, element] : value.Elements()) {
+  for (const auto& [key, element] : value.elements()) {
     flattenInto(element, (path.empty() ? "" : path + ".") + printable(key), rows);
   }
-  for (std::size_t i = 0; i < value.Items().size(); ++i) {
-    flattenInto(value.Items()[i], path + "[" + std::to_string(i) + "]", rows);
+  for (std::size_t i = 0; i < value.items().size(); ++i) {
+    flattenInto(value.items()[i], path + "[" + std::to_string(i) + "]", rows);
   }
-  if (!value.IsContainer()) {
+  if (!value.isContainer()) {
     rows.push_back({path, cell(value)});
   }
 }

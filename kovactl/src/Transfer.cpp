@@ -36,19 +36,19 @@ class Outcome : public ipc::BaseHandler {
     const std::string function = request.functionName();
     if (function == EventTransferRequestStatus::kName) {
       EventTransferRequestStatus event(request);
-      Note(event.requestId(), event.status());
+      note(event.requestId(), event.status());
     } else if (function == EventUpdateFirmwareFailure::kName) {
       EventUpdateFirmwareFailure event(request);
-      Note(event.requestId(), event.reason());
+      note(event.requestId(), event.reason());
     }
     return true;
   }
 
-  bool Known() const { return !text_.empty(); }
-  const std::string& Text() const { return text_; }
+  bool known() const { return !text_.empty(); }
+  const std::string& text() const { return text_; }
 
  private:
-  void Note(std::uint64_t requestId, const std::string& text) {
+  void note(std::uint64_t requestId, const std::string& text) {
     if (requestId == id_ && text_.empty()) {
       text_ = text;
     }
@@ -111,23 +111,23 @@ class Request {
         client_(options),
         follower_(options) {}
 
-  ExitStatus Run();
+  ExitStatus run();
 
  private:
-  ExitStatus Join();
-  ExitStatus Send();
-  ExitStatus Wait();
-  ExitStatus WaitForEvent(Progress& progress);
-  ExitStatus WaitForEnd(Progress& progress);
-  ExitStatus Serve(const std::function<bool()>& done, Progress& progress, std::uint32_t timeoutMs);
-  ExitStatus Conclude();
-  ExitStatus ConcludeStop(ExitStatus stopped);
-  ExitStatus ConcludeTaken();
-  ExitStatus Present(const std::string& outcome, std::string_view text = "") {
-    return present(options_, resultOf(request_.id(), follower_.Record(), outcome), text);
+  ExitStatus join();
+  ExitStatus send();
+  ExitStatus wait();
+  ExitStatus waitForEvent(Progress& progress);
+  ExitStatus waitForEnd(Progress& progress);
+  ExitStatus serve(const std::function<bool()>& done, Progress& progress, std::uint32_t timeoutMs);
+  ExitStatus conclude();
+  ExitStatus concludeStop(ExitStatus stopped);
+  ExitStatus concludeTaken();
+  ExitStatus presentAs(const std::string& outcome, std::string_view text = "") {
+    return present(options_, resultOf(request_.id(), follower_.record(), outcome), text);
   }
-  ExitStatus Fail(ExitStatus status, const std::string& outcome, const std::string& text) {
-    Present(outcome);
+  ExitStatus failAs(ExitStatus status, const std::string& outcome, const std::string& text) {
+    presentAs(outcome);
     return fail(status, text);
   }
 
@@ -140,131 +140,131 @@ class Request {
   TransferFollower follower_;
 };
 
-ExitStatus Request::Run() {
-  if (const ExitStatus joined = Join(); joined != ExitStatus::Ok) {
+ExitStatus Request::run() {
+  if (const ExitStatus joined = join(); joined != ExitStatus::Ok) {
     return joined;
   }
-  if (const ExitStatus sent = Send(); sent != ExitStatus::Ok) {
-    return isStop(sent) ? ConcludeStop(sent) : sent;
+  if (const ExitStatus sent = send(); sent != ExitStatus::Ok) {
+    return isStop(sent) ? concludeStop(sent) : sent;
   }
-  if (const ExitStatus found = follower_.Find(request_.id()); found != ExitStatus::Ok) {
-    return ConcludeStop(found);
+  if (const ExitStatus found = follower_.find(request_.id()); found != ExitStatus::Ok) {
+    return concludeStop(found);
   }
-  if (follower_.Record().HasEnded()) {
-    return Conclude();
+  if (follower_.record().hasEnded()) {
+    return conclude();
   }
-  return transfer_.wait ? Wait() : ConcludeTaken();
+  return transfer_.wait ? wait() : concludeTaken();
 }
 
 // Both connections are there before the camera starts anything.
-ExitStatus Request::Join() {
-  const ExitStatus joined = transfer_.wait ? client_.Join(ownEndpoint(), &event_) : client_.Join();
-  return joined == ExitStatus::Ok ? follower_.Open() : joined;
+ExitStatus Request::join() {
+  const ExitStatus joined = transfer_.wait ? client_.join(ownEndpoint(), &event_) : client_.join();
+  return joined == ExitStatus::Ok ? follower_.open() : joined;
 }
 
-ExitStatus Request::Send() {
+ExitStatus Request::send() {
   request_.from(transfer_.wait ? ownEndpoint() : kAbsentEndpoint);
-  const ExitStatus taken = client_.Request(request_, options_.answerTimeoutMs()).status;
-  return event_.Known() ? ExitStatus::Ok : taken;
+  const ExitStatus taken = client_.request(request_, options_.answerTimeoutMs()).status;
+  return event_.known() ? ExitStatus::Ok : taken;
 }
 
-ExitStatus Request::Wait() {
+ExitStatus Request::wait() {
   ExitStatus waited = ExitStatus::Ok;
   {
     Progress progress(!options_.json);
-    waited = follower_.Found() ? WaitForEnd(progress) : WaitForEvent(progress);
+    waited = follower_.found() ? waitForEnd(progress) : waitForEvent(progress);
   }
   if (isStop(waited)) {
-    return ConcludeStop(waited);
+    return concludeStop(waited);
   }
   if (waited == ExitStatus::NoAnswer) {
-    return Fail(ExitStatus::Unknown, "unknown",
-                follower_.Found()
-                    ? "no outcome within the time-out: the camera is still " +
-                          follower_.Record().phase + "; \"kovactl transfers\" shows how it goes on"
-                    : "no event within the time-out: " + silence_);
+    return failAs(ExitStatus::Unknown, "unknown",
+                  follower_.found() ? "no outcome within the time-out: the camera is still " +
+                                          follower_.record().phase +
+                                          "; \"kovactl transfers\" shows how it goes on"
+                                    : "no event within the time-out: " + silence_);
   }
-  return waited == ExitStatus::Ok ? Conclude() : waited;
+  return waited == ExitStatus::Ok ? conclude() : waited;
 }
 
-ExitStatus Request::Serve(const std::function<bool()>& done, Progress& progress,
+ExitStatus Request::serve(const std::function<bool()>& done, Progress& progress,
                           std::uint32_t timeoutMs) {
-  return client_.ServeUntil(
+  return client_.serveUntil(
       [&] {
-        progress.Turn();
+        progress.turn();
         return done();
       },
       timeoutMs);
 }
 
-ExitStatus Request::WaitForEvent(Progress& progress) {
-  return Serve([this] { return event_.Known(); }, progress, transfer_.timeoutMs + kGraceMs);
+ExitStatus Request::waitForEvent(Progress& progress) {
+  return serve([this] { return event_.known(); }, progress, transfer_.timeoutMs + kGraceMs);
 }
 
-ExitStatus Request::WaitForEnd(Progress& progress) {
+ExitStatus Request::waitForEnd(Progress& progress) {
   const auto ended = [&] {
     follower_.Service();
-    if (!follower_.Record().HasEnded()) {
-      progress.Update(follower_.Record());
+    if (!follower_.record().hasEnded()) {
+      progress.update(follower_.record());
     }
-    return follower_.Record().HasEnded() || follower_.Gone();
+    return follower_.record().hasEnded() || follower_.gone();
   };
-  ExitStatus waited = Serve(ended, progress, transfer_.timeoutMs + kGraceMs);
+  ExitStatus waited = serve(ended, progress, transfer_.timeoutMs + kGraceMs);
   // The time-out does not cover the tools that check and flash.
   if (waited == ExitStatus::NoAnswer) {
-    waited = Serve([&] { return ended() || !follower_.MayBeAtTools(); }, progress, kToolsMs);
+    waited = serve([&] { return ended() || !follower_.mayBeAtTools(); }, progress, kToolsMs);
   }
-  if (waited != ExitStatus::Ok || follower_.Record().HasEnded()) {
+  if (waited != ExitStatus::Ok || follower_.record().hasEnded()) {
     return waited;
   }
-  if (!follower_.Gone()) {
+  if (!follower_.gone()) {
     return ExitStatus::NoAnswer;
   }
-  const ExitStatus last = Serve([this] { return event_.Known(); }, progress, kLastEventMs);
+  const ExitStatus last = serve([this] { return event_.known(); }, progress, kLastEventMs);
   return last == ExitStatus::NoAnswer ? ExitStatus::Ok : last;
 }
 
-ExitStatus Request::Conclude() {
-  const TransferRecord& record = follower_.Record();
-  if (record.HasEnded() && record.Succeeded()) {
-    return Present(record.outcome, printable(withReason(record.outcome, record)) + "\n");
+ExitStatus Request::conclude() {
+  const TransferRecord& record = follower_.record();
+  if (record.hasEnded() && record.succeeded()) {
+    return presentAs(record.outcome, printable(withReason(record.outcome, record)) + "\n");
   }
-  if (record.HasEnded()) {
-    return Fail(ExitStatus::Refused, record.outcome, failureOf(record));
+  if (record.hasEnded()) {
+    return failAs(ExitStatus::Refused, record.outcome, failureOf(record));
   }
-  if (follower_.Gone() && !event_.Known()) {
-    return Fail(
+  if (follower_.gone() && !event_.known()) {
+    return failAs(
         ExitStatus::Unknown, "unknown",
-        lossOf(follower_.Lost(), record) + ": the outcome is unknown; see the camera's log");
+        lossOf(follower_.lost(), record) + ": the outcome is unknown; see the camera's log");
   }
-  return event_.Text() == "OK"
-             ? Present("OK", "OK\n")
-             : Fail(ExitStatus::Refused, event_.Text(), "the transfer failed: " + event_.Text());
+  return event_.text() == "OK"
+             ? presentAs("OK", "OK\n")
+             : failAs(ExitStatus::Refused, event_.text(), "the transfer failed: " + event_.text());
 }
 
-ExitStatus Request::ConcludeStop(ExitStatus stopped) {
-  Present("unknown");
-  if (!follower_.Found()) {
+ExitStatus Request::concludeStop(ExitStatus stopped) {
+  presentAs("unknown");
+  if (!follower_.found()) {
     return fail(stopped, "no transfer to cancel is known: the camera may go on with the request");
   }
-  const std::string& number = follower_.Record().number;
+  const std::string& number = follower_.record().number;
   if (!transfer_.cancel) {
     return fail(stopped, "the camera goes on with transfer " + number +
                              ": \"kovactl transfers\" shows it, \"kovactl cancel " + number +
                              "\" cancels it");
   }
-  return follower_.Cancel() == ExitStatus::Ok
-             ? Fail(stopped, "CANCELLED", "transfer " + number + " is cancelled")
+  return follower_.cancel() == ExitStatus::Ok
+             ? failAs(stopped, "CANCELLED", "transfer " + number + " is cancelled")
              : stopped;
 }
 
-ExitStatus Request::ConcludeTaken() {
-  const std::string text = follower_.Found()
-                               ? "The camera accepted transfer " + follower_.Record().number +
+ExitStatus Request::concludeTaken() {
+  const std::string text = follower_.found()
+                               ? "The camera accepted transfer " + follower_.record().number +
                                      "; \"kovactl transfers\" shows how it goes on.\n"
                                : "The camera accepted request " + std::to_string(request_.id()) +
                                      "; use --wait to see its outcome.\n";
-  return Present("taken", text);
+  return presentAs("taken", text);
 }
 
 // The camera supports only HTTP and HTTPS.
@@ -285,11 +285,11 @@ std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint
                                                     std::string_view silence) {
   auto transfer = std::make_shared<TransferOptions>();
   transfer->timeoutMs = defaultMs;
-  line.Duration("--timeout", transfer->timeoutMs,
+  line.duration("--timeout", transfer->timeoutMs,
                 "How long the camera may take (" + std::to_string(defaultMs / 1000) + "s)");
-  line.Flag("--wait", transfer->wait, "Show the progress and wait for the outcome");
-  line.Flag("--cancel", transfer->cancel, "Cancel the transfer on Ctrl-C; needs --wait");
-  line.Footer(
+  line.flag("--wait", transfer->wait, "Show the progress and wait for the outcome");
+  line.flag("--cancel", transfer->cancel, "Cancel the transfer on Ctrl-C; needs --wait");
+  line.footer(
       "A camera of an older version sends an event with the outcome and tells nothing else. No "
       "event: " +
       std::string(silence) + ". --wait then ends with status 5.");
@@ -298,13 +298,13 @@ std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint
 
 ExitStatus runTransfer(const Options& options, BaseRequestMessage& request,
                        const TransferOptions& transfer, std::string_view silence) {
-  if (const std::string fault = uriFault(request.Find("uri")->ToText()); !fault.empty()) {
+  if (const std::string fault = uriFault(request.find("uri")->toText()); !fault.empty()) {
     return fail(ExitStatus::Usage, fault);
   }
   if (transfer.cancel && !transfer.wait) {
     return fail(ExitStatus::Usage, "--cancel needs --wait");
   }
-  return Request(options, request, transfer, silence).Run();
+  return Request(options, request, transfer, silence).run();
 }
 
 }  // namespace kova::ctl

@@ -17,53 +17,53 @@ constexpr std::uint32_t kAnswerMs = 10000;
 
 }  // namespace
 
-ExitStatus TransferFollower::Find(std::uint64_t requestId) {
+ExitStatus TransferFollower::find(std::uint64_t requestId) {
   constexpr unsigned kPauseMs = 50;
   const auto deadline = Clock::now() + kSearch;
   do {
     std::vector<TransferRecord> records;
     Objects::Answer answer;
-    const ExitStatus asked = objects_.ReadTransfers(records, answer);
+    const ExitStatus asked = objects_.readTransfers(records, answer);
     if (asked != ExitStatus::Ok || !answer.error.empty()) {
       return stopRequested() ? asked : ExitStatus::Ok;
     }
     const auto found = std::ranges::find(records, requestId, &TransferRecord::requestId);
     if (found != records.end()) {
       record_ = *found;
-      Follow();
+      follow();
       return ExitStatus::Ok;
     }
-    objects_.Bus().Service(kPauseMs);
+    objects_.bus().Service(kPauseMs);
   } while (Clock::now() < deadline);
   return ExitStatus::Ok;
 }
 
-void TransferFollower::Follow() {
-  if (!record_.HasEnded()) {
+void TransferFollower::follow() {
+  if (!record_.hasEnded()) {
     // Without signals the heartbeat remains.
-    objects_.Bus().Follow(pathOfTransfer(record_.number), [this] { changed_ = behind_ = true; });
+    objects_.bus().follow(pathOfTransfer(record_.number), [this] { changed_ = behind_ = true; });
     changed_ = behind_ = true;
   }
 }
 
 void TransferFollower::Service() {
-  if (!objects_.Bus().Service(0)) {
+  if (!objects_.bus().Service(0)) {
     loss_ = Loss::Connection;
   }
   const bool due = changed_ || Clock::now() - asked_ >= kHeartbeat;
-  if (due && !asking_ && !Gone() && !record_.HasEnded()) {
-    Ask();
+  if (due && !asking_ && !gone() && !record_.hasEnded()) {
+    ask();
   }
 }
 
-void TransferFollower::Ask() {
+void TransferFollower::ask() {
   changed_ = false;
   asked_ = Clock::now();
-  asking_ = objects_.Bus().Read(pathOfTransfer(record_.number), kTransferInterface, kAnswerMs,
-                                [this](const Objects::Answer& answer) { Take(answer); });
+  asking_ = objects_.bus().read(pathOfTransfer(record_.number), kTransferInterface, kAnswerMs,
+                                [this](const Objects::Answer& answer) { take(answer); });
 }
 
-void TransferFollower::Take(const Objects::Answer& answer) {
+void TransferFollower::take(const Objects::Answer& answer) {
   asking_ = false;
   if (answer.error.empty()) {
     record_ = transferRecord(record_.number, answer.value);
@@ -76,14 +76,14 @@ void TransferFollower::Take(const Objects::Answer& answer) {
   // A control server that is busy with a tool answers late, which is no news.
 }
 
-ExitStatus TransferFollower::Cancel() {
+ExitStatus TransferFollower::cancel() {
   return cancelTransfer(objects_, record_.number, true);
 }
 
 ExitStatus cancelTransfer(Objects& objects, const std::string& number, bool patient) {
   Objects::Answer answer;
   const ExitStatus asked =
-      objects.Call(pathOfTransfer(number), kTransferInterface, "Cancel", answer, patient);
+      objects.call(pathOfTransfer(number), kTransferInterface, "Cancel", answer, patient);
   if (asked != ExitStatus::Ok || answer.error.empty()) {
     return asked;
   }
@@ -94,7 +94,7 @@ ExitStatus cancelTransfer(Objects& objects, const std::string& number, bool pati
   const ExitStatus status = exitForError(answer.error);
   return status == ExitStatus::Refused
              ? fail(status, "transfer " + number + " cannot be cancelled: " + answer.text)
-             : failOn(answer, "the answer to the cancellation", objects.Host());
+             : failOn(answer, "the answer to the cancellation", objects.host());
 }
 
 }  // namespace kova::ctl

@@ -20,33 +20,33 @@ class TransferFollower {
   enum class Loss { None, Server, Record, Connection };
 
   /// Joins the bus. Failures are reported as by Client.
-  ExitStatus Open() { return objects_.Open(); }
+  ExitStatus open() { return objects_.open(); }
   /// Looks for the transfer of a request that the camera has accepted. Without one, because the
-  /// camera publishes none, Found() stays false.
+  /// camera publishes none, found() stays false.
   /// @return Ok, or stopStatus() on a stop signal
-  ExitStatus Find(std::uint64_t requestId);
-  bool Found() const { return !record_.number.empty(); }
+  ExitStatus find(std::uint64_t requestId);
+  bool found() const { return !record_.number.empty(); }
 
   /// Reads the transfer when it has changed, and once in a while. Never waits.
   void Service();
   /// The state read last.
-  const TransferRecord& Record() const { return record_; }
+  const TransferRecord& record() const { return record_; }
   /// Whether the control server may be waiting for a tool that checks or flashes. It enters that
   /// phase and starts the tool at once, so that it signals the phase and answers no more.
-  bool MayBeAtTools() const { return record_.phase == "finalising" || behind_; }
+  bool mayBeAtTools() const { return record_.phase == "finalising" || behind_; }
   /// Whether the control server has ended or has forgotten the transfer, or cannot be reached.
-  bool Gone() const { return loss_ != Loss::None; }
-  Loss Lost() const { return loss_; }
+  bool gone() const { return loss_ != Loss::None; }
+  Loss lost() const { return loss_; }
 
   /// Has the camera cancel the transfer.
-  ExitStatus Cancel();
+  ExitStatus cancel();
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  void Follow();
-  void Ask();
-  void Take(const Objects::Answer& answer);
+  void follow();
+  void ask();
+  void take(const Objects::Answer& answer);
 
   Objects objects_;
   TransferRecord record_;

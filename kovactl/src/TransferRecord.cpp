@@ -18,13 +18,13 @@ constexpr std::uint64_t kLastTime = 253402300799999999;
 
 const std::string& text(const Variant& properties, std::string_view name) {
   static const std::string none;
-  const Variant* value = properties.Find(name);
-  return value != nullptr ? value->ToText() : none;
+  const Variant* value = properties.find(name);
+  return value != nullptr ? value->toText() : none;
 }
 
 std::uint64_t number(const Variant& properties, std::string_view name) {
-  const Variant* value = properties.Find(name);
-  return value != nullptr ? value->ToNumber<std::uint64_t>() : 0;
+  const Variant* value = properties.find(name);
+  return value != nullptr ? value->toNumber<std::uint64_t>() : 0;
 }
 
 bool isBefore(const std::string& a, const std::string& b) {
@@ -32,7 +32,7 @@ bool isBefore(const std::string& a, const std::string& b) {
 }
 
 std::string state(const TransferRecord& record) {
-  if (record.HasEnded()) {
+  if (record.hasEnded()) {
     return printable(record.outcome);
   }
   const bool measured = record.size > 0 && record.transferred <= record.size;
@@ -44,7 +44,7 @@ std::string state(const TransferRecord& record) {
 
 std::string bytes(const TransferRecord& record) {
   const std::string done = humanBytes(static_cast<double>(record.transferred));
-  return record.HasEnded() || record.size == 0
+  return record.hasEnded() || record.size == 0
              ? done
              : done + " of " + humanBytes(static_cast<double>(record.size));
 }
@@ -88,8 +88,8 @@ TransferRecord transferRecord(const std::string& number, const Variant& properti
 std::vector<TransferRecord> transferRecords(const Variant& objects) {
   std::vector<TransferRecord> records;
   const std::string parent = std::string(kTransfersPath) + "/";
-  for (const auto& [path, interfaces] : objects.Elements()) {
-    const Variant* properties = interfaces.Find(kTransferInterface);
+  for (const auto& [path, interfaces] : objects.elements()) {
+    const Variant* properties = interfaces.find(kTransferInterface);
     const std::string number = path.starts_with(parent) ? path.substr(parent.size()) : "";
     if (properties != nullptr && isTransferNumber(number)) {
       records.push_back(transferRecord(number, *properties));
@@ -147,10 +147,10 @@ Variant timeResult(std::uint64_t microseconds) {
 
 std::string timeText(std::uint64_t microseconds) {
   const Variant time = timeResult(microseconds);
-  if (time.IsEmpty()) {
+  if (time.isEmpty()) {
     return "-";
   }
-  const std::time_t seconds = time.ToTime().tv_sec;
+  const std::time_t seconds = time.toTime().tv_sec;
   tm local{};
   char text[32] = "-";
   if (localtime_r(&seconds, &local) != nullptr) {

@@ -32,9 +32,9 @@ struct TransferRecord {
   std::string outcome;  ///< "" until it ended
   std::string reason;
 
-  bool HasEnded() const { return !outcome.empty(); }
+  bool hasEnded() const { return !outcome.empty(); }
   /// Whether it did what was asked for, or that had been done before.
-  bool Succeeded() const { return outcome == "OK" || outcome == "ALREADY_INSTALLED"; }
+  bool succeeded() const { return outcome == "OK" || outcome == "ALREADY_INSTALLED"; }
 
   bool operator==(const TransferRecord&) const = default;
 };

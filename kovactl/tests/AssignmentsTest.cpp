@@ -24,29 +24,29 @@ std::string complaint(const std::vector<std::string>& arguments) {
 
 TEST(Assignments, EqualSignTakesText) {
   const Variant map = parsed({"name=Porch=1", "empty=", "number=12", "json={\"a\":1}"});
-  EXPECT_EQ(*map.Find("name"), Variant("Porch=1"));
-  EXPECT_EQ(*map.Find("empty"), Variant(""));
-  EXPECT_EQ(*map.Find("number"), Variant("12"));
-  EXPECT_EQ(*map.Find("json"), Variant("{\"a\":1}"));
+  EXPECT_EQ(*map.find("name"), Variant("Porch=1"));
+  EXPECT_EQ(*map.find("empty"), Variant(""));
+  EXPECT_EQ(*map.find("number"), Variant("12"));
+  EXPECT_EQ(*map.find("json"), Variant("{\"a\":1}"));
 }
 
 TEST(Assignments, ColonEqualSignTakesJson) {
   const Variant map =
       parsed({"flag:=true", "count:=-3", "big:=18446744073709551615", "text:=\"a:=b\"",
               "list:=[1, \"two\"]", "form:={\"a\":{\"b\":null}}", "half:=0.5"});
-  EXPECT_EQ(*map.Find("flag"), Variant(true));
-  EXPECT_EQ(*map.Find("count"), Variant(std::int32_t{-3}));
-  EXPECT_EQ(*map.Find("big"), Variant(std::uint64_t{18446744073709551615U}));
-  EXPECT_EQ(*map.Find("text"), Variant("a:=b"));
-  EXPECT_EQ(map.Find("list")->Items().at(1), Variant("two"));
-  EXPECT_TRUE(map.Find("form")->Find("a")->Find("b")->IsEmpty());
-  EXPECT_EQ(*map.Find("half"), Variant(0.5));
+  EXPECT_EQ(*map.find("flag"), Variant(true));
+  EXPECT_EQ(*map.find("count"), Variant(std::int32_t{-3}));
+  EXPECT_EQ(*map.find("big"), Variant(std::uint64_t{18446744073709551615U}));
+  EXPECT_EQ(*map.find("text"), Variant("a:=b"));
+  EXPECT_EQ(map.find("list")->items().at(1), Variant("two"));
+  EXPECT_TRUE(map.find("form")->find("a")->find("b")->isEmpty());
+  EXPECT_EQ(*map.find("half"), Variant(0.5));
 }
 
 TEST(Assignments, OtherColonsBelongToKeyOrText) {
   const Variant map = parsed({"a:b=c", "uri=http://x/?q:=1"});
-  EXPECT_EQ(*map.Find("a:b"), Variant("c"));
-  EXPECT_EQ(*map.Find("uri"), Variant("http://x/?q:=1"));
+  EXPECT_EQ(*map.find("a:b"), Variant("c"));
+  EXPECT_EQ(*map.find("uri"), Variant("http://x/?q:=1"));
 }
 
 TEST(Assignments, ArgumentWithoutKeyOrSignIsRefused) {

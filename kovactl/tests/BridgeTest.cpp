@@ -37,19 +37,19 @@ class MuteBus {
     EXPECT_NE(mkdtemp(folder_.data()), nullptr);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    Path().copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(listen(listener_.Get(), 4), 0);
+    path().copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener_.get(), 4), 0);
   }
   ~MuteBus() { std::filesystem::remove_all(folder_); }
   MuteBus(const MuteBus&) = delete;
   MuteBus& operator=(const MuteBus&) = delete;
 
-  std::string Path() const { return folder_ + "/bus"; }
-  UniqueFd Accept() const {
-    pollfd ready{listener_.Get(), POLLIN, 0};
+  std::string path() const { return folder_ + "/bus"; }
+  UniqueFd accept() const {
+    pollfd ready{listener_.get(), POLLIN, 0};
     EXPECT_EQ(poll(&ready, 1, kPatienceMs), 1);
-    return UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    return UniqueFd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   }
 
  private:
@@ -78,8 +78,8 @@ class Bridge {
     close(down[1]);
     in = UniqueFd(up[1]);
     out = UniqueFd(down[0]);
-    fcntl(in.Get(), F_SETFL, O_NONBLOCK);
-    fcntl(out.Get(), F_SETFL, O_NONBLOCK);
+    fcntl(in.get(), F_SETFL, O_NONBLOCK);
+    fcntl(out.get(), F_SETFL, O_NONBLOCK);
   }
   ~Bridge() {
     if (pid_ > 0) {
@@ -91,7 +91,7 @@ class Bridge {
   Bridge& operator=(const Bridge&) = delete;
 
   /// The exit status; -1 when it does not end.
-  int Wait() {
+  int wait() {
     int status = 0;
     const auto deadline = Clock::now() + std::chrono::milliseconds(kPatienceMs);
     while (waitpid(pid_, &status, WNOHANG) == 0) {
@@ -104,20 +104,20 @@ class Bridge {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   /// The processor time that it takes in half a second, in clock ticks of 10 ms.
-  long TicksInHalfASecond() const {
-    const long before = Ticks();
+  long ticksInHalfASecond() const {
+    const long before = ticks();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    return Ticks() - before;
+    return ticks() - before;
   }
   /// Whether it sleeps, after all that it can do.
-  bool AwaitRest() const {
+  bool awaitRest() const {
     const auto deadline = Clock::now() + std::chrono::milliseconds(kPatienceMs);
     long before = -1;
-    while (Clock::now() < deadline && before != Ticks()) {
-      before = Ticks();
+    while (Clock::now() < deadline && before != ticks()) {
+      before = ticks();
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    return before == Ticks();
+    return before == ticks();
   }
 
   UniqueFd in;
@@ -125,7 +125,7 @@ class Bridge {
 
  private:
   // proc(5): utime and stime are the fields 14 and 15; the name before holds no space.
-  long Ticks() const {
+  long ticks() const {
     std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
     std::vector<std::string> fields;
     for (std::string field; file >> field;) {
@@ -199,96 +199,96 @@ TEST(Bridge, ClientWorksThroughIt) {
 TEST(Bridge, BusRejectsGarbage) {
   const ipc::testing::PrivateBus bus;
   Child child({"bridge"});
-  child.Write("GET / HTTP/1.1\r\n\r\n" + std::string(3, '\xff'));
-  EXPECT_EQ(child.Wait().status, 0) << "with its input still open";
+  child.write("GET / HTTP/1.1\r\n\r\n" + std::string(3, '\xff'));
+  EXPECT_EQ(child.wait().status, 0) << "with its input still open";
 }
 
 TEST(Bridge, BothWaysArriveComplete) {
   const MuteBus bus;
-  Bridge bridge(bus.Path());
-  const UniqueFd server = bus.Accept();
+  Bridge bridge(bus.path());
+  const UniqueFd server = bus.accept();
   const std::string text = numbered(1'000'000);
   std::string up;
   std::string down;
-  std::thread reader([&] { up = readAll(server.Get()); });
-  std::thread client([&] { down = readAll(bridge.out.Get()); });
+  std::thread reader([&] { up = readAll(server.get()); });
+  std::thread client([&] { down = readAll(bridge.out.get()); });
   std::thread writer([&] {
-    writeAll(bridge.in.Get(), text + "up");
-    bridge.in.Reset();
+    writeAll(bridge.in.get(), text + "up");
+    bridge.in.reset();
   });
-  writeAll(server.Get(), text + "down");
+  writeAll(server.get(), text + "down");
   reader.join();
-  shutdown(server.Get(), SHUT_WR);
+  shutdown(server.get(), SHUT_WR);
   writer.join();
   client.join();
-  EXPECT_EQ(bridge.Wait(), 0);
+  EXPECT_EQ(bridge.wait(), 0);
   EXPECT_TRUE(up == text + "up") << up.size();
   EXPECT_TRUE(down == text + "down") << down.size();
 }
 
 TEST(Bridge, AnswersFollowEndOfInput) {
   const MuteBus bus;
-  Bridge bridge(bus.Path());
-  UniqueFd server = bus.Accept();
-  writeAll(bridge.in.Get(), "question");
-  bridge.in.Reset();
-  EXPECT_EQ(readAll(server.Get()), "question");
-  writeAll(server.Get(), "answer");
-  server.Reset();
-  EXPECT_EQ(readAll(bridge.out.Get()), "answer");
-  EXPECT_EQ(bridge.Wait(), 0);
+  Bridge bridge(bus.path());
+  UniqueFd server = bus.accept();
+  writeAll(bridge.in.get(), "question");
+  bridge.in.reset();
+  EXPECT_EQ(readAll(server.get()), "question");
+  writeAll(server.get(), "answer");
+  server.reset();
+  EXPECT_EQ(readAll(bridge.out.get()), "answer");
+  EXPECT_EQ(bridge.wait(), 0);
 }
 
 TEST(Bridge, EndsWithBus) {
   const MuteBus bus;
-  Bridge bridge(bus.Path());
-  bus.Accept().Reset();
-  EXPECT_EQ(bridge.Wait(), 0);
+  Bridge bridge(bus.path());
+  bus.accept().reset();
+  EXPECT_EQ(bridge.wait(), 0);
 }
 
 TEST(Bridge, EndsWithReader) {
   const MuteBus bus;
-  Bridge bridge(bus.Path());
-  const UniqueFd server = bus.Accept();
-  writeAll(bridge.in.Get(), "last words");
-  bridge.out.Reset();
-  bridge.in.Reset();
-  EXPECT_EQ(readAll(server.Get()), "last words");
-  EXPECT_EQ(bridge.Wait(), 0);
+  Bridge bridge(bus.path());
+  const UniqueFd server = bus.accept();
+  writeAll(bridge.in.get(), "last words");
+  bridge.out.reset();
+  bridge.in.reset();
+  EXPECT_EQ(readAll(server.get()), "last words");
+  EXPECT_EQ(bridge.wait(), 0);
 }
 
 TEST(Bridge, EndsUnderSilentBus) {
   const MuteBus bus;
-  Bridge bridge(bus.Path());
-  const UniqueFd server = bus.Accept();
-  bridge.in.Reset();
-  EXPECT_LE(bridge.TicksInHalfASecond(), 10);
-  EXPECT_EQ(bridge.Wait(), 0);
+  Bridge bridge(bus.path());
+  const UniqueFd server = bus.accept();
+  bridge.in.reset();
+  EXPECT_LE(bridge.ticksInHalfASecond(), 10);
+  EXPECT_EQ(bridge.wait(), 0);
 }
 
 TEST(Bridge, HoldsLittleOfFlood) {
   const MuteBus bus;
-  Bridge bridge(bus.Path());
-  UniqueFd server = bus.Accept();
+  Bridge bridge(bus.path());
+  UniqueFd server = bus.accept();
   // A pipe and the buffer of each way, and what the kernel holds for the socket.
   constexpr std::size_t kMost = 1U << 20U;
-  EXPECT_LT(fill(bridge.in.Get()), kMost);
-  EXPECT_LT(fill(server.Get()), kMost);
-  EXPECT_TRUE(bridge.AwaitRest());
-  EXPECT_LE(bridge.TicksInHalfASecond(), 10) << "while both sides are stuck";
-  bridge.in.Reset();
-  server.Reset();
-  EXPECT_LE(bridge.TicksInHalfASecond(), 10) << "while both have hung up";
-  bridge.out.Reset();
-  EXPECT_EQ(bridge.Wait(), 0);
+  EXPECT_LT(fill(bridge.in.get()), kMost);
+  EXPECT_LT(fill(server.get()), kMost);
+  EXPECT_TRUE(bridge.awaitRest());
+  EXPECT_LE(bridge.ticksInHalfASecond(), 10) << "while both sides are stuck";
+  bridge.in.reset();
+  server.reset();
+  EXPECT_LE(bridge.ticksInHalfASecond(), 10) << "while both have hung up";
+  bridge.out.reset();
+  EXPECT_EQ(bridge.wait(), 0);
 }
 
 TEST(Bridge, RestsWhileIdle) {
   const MuteBus bus;
-  const Bridge bridge(bus.Path());
-  const UniqueFd server = bus.Accept();
-  EXPECT_TRUE(bridge.AwaitRest());
-  EXPECT_LE(bridge.TicksInHalfASecond(), 10);
+  const Bridge bridge(bus.path());
+  const UniqueFd server = bus.accept();
+  EXPECT_TRUE(bridge.awaitRest());
+  EXPECT_LE(bridge.ticksInHalfASecond(), 10);
 }
 
 TEST(Bridge, RefusalsAreExplained) {
@@ -306,7 +306,7 @@ TEST(Bridge, RefusalsAreExplained) {
   expect({"--bus", "unix:path=/" + std::string(200, 'x'), "bridge"}, 3, "too long");
   expect({"--host", "cam", "bridge"}, 2, "--host runs \"kovactl bridge\"");
   Child onTerminal({"bridge"}, Child::On::Terminal);
-  const Result refused = onTerminal.Wait();
+  const Result refused = onTerminal.wait();
   EXPECT_EQ(refused.status, 2);
   EXPECT_THAT(refused.out, HasSubstr("use --host on the other machine"));
 }

@@ -19,7 +19,7 @@ using variant::Variant;
 
 class BusAddress : public ::testing::Test {
  protected:
-  std::string Socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
+  std::string socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
 
   ipc::testing::PrivateBus bus_;
   Peer peer_{answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}})};
@@ -52,15 +52,15 @@ class Forward {
 };
 
 TEST_F(BusAddress, ProgramCarriesConnection) {
-  const std::string address = std::string("unixexec:path=") + KOVACTL_RELAY + ",argv1=" + Socket();
+  const std::string address = std::string("unixexec:path=") + KOVACTL_RELAY + ",argv1=" + socket();
   const Result result = run({"--bus", address, "stats", "uptime"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "Up  00:01:01\n");
 }
 
 TEST_F(BusAddress, SocketIsForwarded) {
-  const std::string here = Socket() + ".fwd";
-  const Forward forward(Socket(), here);
+  const std::string here = socket() + ".fwd";
+  const Forward forward(socket(), here);
   // The socket may exist before it accepts connections.
   Result result{3, "", ""};
   for (int attempt = 0; result.status == 3 && attempt < 100; ++attempt) {

@@ -18,7 +18,7 @@ using variant::Variant;
 class BusView : public ::testing::Test {
  protected:
   // Sends until the listener is ready, regardless of which process starts first.
-  static void SendUntilTaken(const std::string& endpoint, std::vector<std::string> fields) {
+  static void sendUntilTaken(const std::string& endpoint, std::vector<std::string> fields) {
     std::vector<std::string> arguments{"call", "PlayState", "--to", endpoint};
     arguments.insert(arguments.end(), fields.begin(), fields.end());
     int status = 3;
@@ -42,13 +42,13 @@ std::vector<std::string> lines(const std::string& text) {
 
 TEST_F(BusView, ListenPrintsLinePerMessage) {
   Child listener({"listen", "kova_sounds_leds"});
-  SendUntilTaken("kova_sounds_leds", {"name=RESET_BUTTON\n", "volume:=40"});
-  ASSERT_TRUE(listener.AwaitOutput("\n"));
+  sendUntilTaken("kova_sounds_leds", {"name=RESET_BUTTON\n", "volume:=40"});
+  ASSERT_TRUE(listener.awaitOutput("\n"));
   EXPECT_THAT(listener.out(), HasSubstr(" -> kova_sounds_leds PlayState id="));
   EXPECT_THAT(listener.out(), HasSubstr(" name=\"RESET_BUTTON\\n\""));
   EXPECT_THAT(listener.out(), HasSubstr(" volume=40"));
-  listener.Signal(SIGTERM);
-  const Result result = listener.Wait();
+  listener.signal(SIGTERM);
+  const Result result = listener.wait();
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(lines(result.out).size(), 1U);
   EXPECT_EQ(result.err, "");
@@ -56,25 +56,25 @@ TEST_F(BusView, ListenPrintsLinePerMessage) {
 
 TEST_F(BusView, ListenPrintsJsonWithPasswordsMasked) {
   Child listener({"listen", "client.me", "--json"});
-  SendUntilTaken("client.me", {"passwordOld=hunter2", "name=x"});
-  ASSERT_TRUE(listener.AwaitOutput("\n"));
+  sendUntilTaken("client.me", {"passwordOld=hunter2", "name=x"});
+  ASSERT_TRUE(listener.awaitOutput("\n"));
   Variant document;
   ASSERT_GT(Variant::FromJSON(lines(listener.out()).front(), document), 0);
-  EXPECT_EQ(*document.Find("ok"), Variant(true));
-  const Variant line = *document.Find("result");
-  EXPECT_EQ(line.Find("kind")->ToText(), "call");
-  EXPECT_EQ(line.Find("destination")->ToText(), "client.me");
-  EXPECT_EQ(line.Find("message")->Find("name")->ToText(), "x");
-  EXPECT_EQ(line.Find("message")->Find("passwordOld")->ToText(), "********");
-  listener.Signal(SIGINT);
-  EXPECT_EQ(listener.Wait().status, 0);
+  EXPECT_EQ(*document.find("ok"), Variant(true));
+  const Variant line = *document.find("result");
+  EXPECT_EQ(line.find("kind")->toText(), "call");
+  EXPECT_EQ(line.find("destination")->toText(), "client.me");
+  EXPECT_EQ(line.find("message")->find("name")->toText(), "x");
+  EXPECT_EQ(line.find("message")->find("passwordOld")->toText(), "********");
+  listener.signal(SIGINT);
+  EXPECT_EQ(listener.wait().status, 0);
 }
 
 TEST_F(BusView, ListenExitsWithStatus3WhenBusCloses) {
   Child listener({"listen", "client.me"});
-  SendUntilTaken("client.me", {});
-  bus_.Kill();
-  EXPECT_EQ(listener.Wait().status, 3);
+  sendUntilTaken("client.me", {});
+  bus_.kill();
+  EXPECT_EQ(listener.wait().status, 3);
 }
 
 TEST_F(BusView, ListenFailsForTakenName) {
@@ -96,15 +96,15 @@ TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
   std::size_t sent = 0;
   do {
     EXPECT_EQ(run({"call", "Something", "a=b", "id:=1"}).status, 0);
-  } while (++sent < 1000 && !monitor.AwaitOutputFor("Something", 50));
+  } while (++sent < 1000 && !monitor.awaitOutputFor("Something", 50));
   EXPECT_EQ(run({"call", "Nonsense"}).status, 1);
-  ASSERT_TRUE(monitor.AwaitOutput("error kova.Error.UnknownFunction"));
+  ASSERT_TRUE(monitor.awaitOutput("error kova.Error.UnknownFunction"));
   EXPECT_THAT(monitor.out(), HasSubstr(" -> kova_ctlserver Something a=\"b\" id=1"));
   EXPECT_THAT(monitor.out(), HasSubstr("kova_ctlserver -> "));
   EXPECT_THAT(monitor.out(), HasSubstr(" answer id="));
   EXPECT_THAT(monitor.out(), HasSubstr(" payload={\"n\":5} requestId=1 statusCode=0"));
-  monitor.Signal(SIGINT);
-  EXPECT_EQ(monitor.Wait().status, 130);
+  monitor.signal(SIGINT);
+  EXPECT_EQ(monitor.wait().status, 130);
 }
 
 TEST_F(BusView, MonitorMasksPasswords) {
@@ -115,7 +115,7 @@ TEST_F(BusView, MonitorMasksPasswords) {
     std::size_t sent = 0;
     do {
       EXPECT_EQ(run({"user", "passwd", "--stdin"}, "hunter2\nswordfish\n").status, 0);
-    } while (++sent < 1000 && !monitor.AwaitOutputFor("passwordNew", 50));
+    } while (++sent < 1000 && !monitor.awaitOutputFor("passwordNew", 50));
     EXPECT_THAT(monitor.out(), HasSubstr("********"));
     EXPECT_THAT(monitor.out(), Not(HasSubstr("hunter2")));
     EXPECT_THAT(monitor.out(), Not(HasSubstr("swordfish")));
@@ -128,9 +128,9 @@ TEST_F(BusView, MonitorExitsWithStatus3WhenBusCloses) {
   std::size_t sent = 0;
   do {
     EXPECT_EQ(run({"call", "Something"}).status, 0);
-  } while (++sent < 1000 && !monitor.AwaitOutputFor("Something", 50));
-  bus_.Kill();
-  EXPECT_EQ(monitor.Wait().status, 3);
+  } while (++sent < 1000 && !monitor.awaitOutputFor("Something", 50));
+  bus_.kill();
+  EXPECT_EQ(monitor.wait().status, 3);
 }
 
 TEST_F(BusView, CompletionListsCandidates) {

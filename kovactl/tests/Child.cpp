@@ -42,7 +42,7 @@ std::array<int, 2> makePipe() {
 // Reads available output; false at the end of the stream.
 bool take(int fd, std::string& text) {
   std::array<char, 4096> buffer{};
-  const ssize_t got = read(fd, buffer.data(), buffer.size());
+  const ssize_t got = ::read(fd, buffer.data(), buffer.size());
   if (got > 0) {
     text.append(buffer.data(), static_cast<std::size_t>(got));
   }
@@ -59,7 +59,7 @@ void closeOnce(int& fd) {
 }  // namespace
 
 Child::Child(const std::vector<std::string>& arguments, On on) {
-  signal(SIGPIPE, SIG_IGN);  // a child that ended early fails its test, not all of them
+  ::signal(SIGPIPE, SIG_IGN);  // a child that ended early fails its test, not all of them
   if (on == On::Terminal) {
     winsize size{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
     pid_ = forkpty(&output_, nullptr, nullptr, &size);
@@ -97,19 +97,19 @@ Child::~Child() {
   closeOnce(error_);
 }
 
-void Child::Write(const std::string& text) {
-  EXPECT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+void Child::write(const std::string& text) {
+  EXPECT_EQ(::write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
-void Child::CloseInput() {
+void Child::closeInput() {
   closeOnce(input_);
 }
 
-void Child::Signal(int signal) const {
+void Child::signal(int signal) const {
   kill(pid_, signal);
 }
 
-bool Child::Read(int timeoutMs) {
+bool Child::read(int timeoutMs) {
   std::array<pollfd, 2> streams{{{output_, POLLIN, 0}, {error_, POLLIN, 0}}};
   if (poll(streams.data(), streams.size(), timeoutMs) <= 0) {
     return output_ >= 0 || error_ >= 0;
@@ -123,30 +123,30 @@ bool Child::Read(int timeoutMs) {
   return output_ >= 0 || error_ >= 0;
 }
 
-bool Child::AwaitOutput(const std::string& text) {
-  return AwaitOutputFor(text, kPatienceMs);
+bool Child::awaitOutput(const std::string& text) {
+  return awaitOutputFor(text, kPatienceMs);
 }
 
-bool Child::AwaitOutputFor(const std::string& text, int milliseconds) {
-  return Await(out_, text, milliseconds);
+bool Child::awaitOutputFor(const std::string& text, int milliseconds) {
+  return await(out_, text, milliseconds);
 }
 
-bool Child::AwaitError(const std::string& text) {
-  return Await(err_, text, kPatienceMs);
+bool Child::awaitError(const std::string& text) {
+  return await(err_, text, kPatienceMs);
 }
 
-bool Child::Await(const std::string& stream, const std::string& text, int milliseconds) {
+bool Child::await(const std::string& stream, const std::string& text, int milliseconds) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-  while (stream.find(text) == std::string::npos && Clock::now() < deadline && Read(20)) {
+  while (stream.find(text) == std::string::npos && Clock::now() < deadline && read(20)) {
   }
   return stream.find(text) != std::string::npos;
 }
 
-Result Child::Wait() {
+Result Child::wait() {
   const auto deadline = Clock::now() + kPatience;
   int status = 0;
   while (waitpid(pid_, &status, WNOHANG) == 0) {
-    Read(10);
+    read(10);
     if (Clock::now() > deadline) {
       ADD_FAILURE() << "kovactl does not end: " << out_ << err_;
       kill(pid_, SIGKILL);
@@ -161,12 +161,12 @@ Result Child::Wait() {
     if (poll(&rest, 1, 0) <= 0) {
       break;
     }
-    Read(0);
+    read(0);
   }
   return {WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status), out_, err_};
 }
 
-bool Child::Echoes() const {
+bool Child::echoes() const {
   termios settings{};
   EXPECT_EQ(tcgetattr(input_, &settings), 0);
   return (settings.c_lflag & ECHO) != 0;
@@ -175,10 +175,10 @@ bool Child::Echoes() const {
 Result run(const std::vector<std::string>& arguments, const std::string& input) {
   Child child(arguments);
   if (!input.empty()) {
-    child.Write(input);
+    child.write(input);
   }
-  child.CloseInput();
-  return child.Wait();
+  child.closeInput();
+  return child.wait();
 }
 
 std::string bridgeCommand(const std::string& bus) {

@@ -26,25 +26,25 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  void Write(const std::string& text);
-  void CloseInput();
-  void Signal(int signal) const;
+  void write(const std::string& text);
+  void closeInput();
+  void signal(int signal) const;
   /// Waits until the output contains `text`.
-  bool AwaitOutput(const std::string& text);
+  bool awaitOutput(const std::string& text);
   /// Waits until the error stream contains `text`.
-  bool AwaitError(const std::string& text);
-  /// AwaitOutput() with a time-out.
-  bool AwaitOutputFor(const std::string& text, int milliseconds);
+  bool awaitError(const std::string& text);
+  /// awaitOutput() with a time-out.
+  bool awaitOutputFor(const std::string& text, int milliseconds);
   /// Waits for the exit. A child that does not exit is killed and fails the test.
-  Result Wait();
+  Result wait();
 
   /// Whether the pseudo-terminal echoes input.
-  bool Echoes() const;
+  bool echoes() const;
   const std::string& out() const { return out_; }
 
  private:
-  bool Read(int timeoutMs);
-  bool Await(const std::string& stream, const std::string& text, int milliseconds);
+  bool read(int timeoutMs);
+  bool await(const std::string& stream, const std::string& text, int milliseconds);
 
   pid_t pid_ = -1;
   int input_ = -1;

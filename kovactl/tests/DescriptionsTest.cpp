@@ -70,7 +70,7 @@ TEST(StatsTable, FlagsMatchRequest) {
   ipc::messages::GetSystemStats request;
   request.NormalizeFields();
   for (const StatsSection& section : statsSections()) {
-    EXPECT_NE(request.Find(section.flag), nullptr) << section.flag;
+    EXPECT_NE(request.find(section.flag), nullptr) << section.flag;
   }
 }
 
@@ -133,7 +133,7 @@ SeenMessage passwordChange() {
 
 TEST(MessageLine, MasksPasswords) {
   for (const std::string& line : {messageLine(passwordChange(), {0, 1000}),
-                                  messageRecord(passwordChange(), {0, 1000}).ToJSON()}) {
+                                  messageRecord(passwordChange(), {0, 1000}).toJson()}) {
     EXPECT_EQ(line.find("hunter2"), line.npos) << line;
     EXPECT_EQ(line.find("swordfish"), line.npos) << line;
     EXPECT_NE(line.find("********"), line.npos) << line;

@@ -88,7 +88,7 @@ void collect(const CLI::App& app, std::vector<std::string>& names) {
 TEST(Documentation, ManualAndCompletionsAreComplete) {
   const Program program;
   std::vector<std::string> names;
-  collect(program.Parser(), names);
+  collect(program.parser(), names);
   ASSERT_GT(names.size(), 40U);
   for (const Document& document : documents()) {
     for (const std::string& name : names) {
@@ -99,10 +99,10 @@ TEST(Documentation, ManualAndCompletionsAreComplete) {
 
 TEST(Documentation, EveryCommandHasHelp) {
   const Program program;
-  const std::string overview = program.Parser().help();
+  const std::string overview = program.parser().help();
   for (const Command& command : commands()) {
     EXPECT_FALSE(command.summary.empty()) << command.name;
-    const CLI::App* sub = program.Parser().get_subcommand(std::string(command.name));
+    const CLI::App* sub = program.parser().get_subcommand(std::string(command.name));
     const std::string help = sub->help("kovactl");
     EXPECT_NE(help.find(std::string(command.summary)), help.npos) << help;
     EXPECT_NE(help.find("kovactl " + std::string(command.name)), help.npos) << help;
@@ -120,12 +120,12 @@ TEST(Documentation, EveryOptionHasDescription) {
       check(*sub);
     }
   };
-  check(program.Parser());
+  check(program.parser());
 }
 
 TEST(Documentation, HelpAndManualListExitStatuses) {
   const Program program;
-  const std::string help = program.Parser().help();
+  const std::string help = program.parser().help();
   const std::string manual = manualPage();
   for (const auto& [status, code, meaning] : kExitMeanings) {
     const std::string number = std::to_string(static_cast<int>(status));

@@ -53,7 +53,7 @@ std::string pathOf(const std::string& number) {
 
 }  // namespace
 
-int FakeCamera::ReadTransfer(sd_bus*, const char*, const char*, const char* name,
+int FakeCamera::readTransfer(sd_bus*, const char*, const char*, const char* name,
                              sd_bus_message* reply, void* transfer, sd_bus_error* error) {
   const std::string& denial = static_cast<Transfer*>(transfer)->camera->denial_;
   if (!denial.empty()) {
@@ -62,7 +62,7 @@ int FakeCamera::ReadTransfer(sd_bus*, const char*, const char*, const char* name
   return append(reply, static_cast<Transfer*>(transfer)->properties, name, typeOf(name));
 }
 
-int FakeCamera::ReadDevice(sd_bus*, const char*, const char*, const char* name,
+int FakeCamera::readDevice(sd_bus*, const char*, const char*, const char* name,
                            sd_bus_message* reply, void* camera, sd_bus_error* error) {
   const std::string& denial = static_cast<FakeCamera*>(camera)->denial_;
   if (!denial.empty() && static_cast<FakeCamera*>(camera)->transfers_.empty()) {
@@ -71,54 +71,54 @@ int FakeCamera::ReadDevice(sd_bus*, const char*, const char*, const char* name,
   return append(reply, static_cast<FakeCamera*>(camera)->device_, name, typeOf(name));
 }
 
-const sd_bus_vtable* FakeCamera::IpcTable() {
+const sd_bus_vtable* FakeCamera::ipcTable() {
   static const sd_bus_vtable table[] = {
       SD_BUS_VTABLE_START(0),
-      SD_BUS_METHOD("Send", "a{sv}", "a{sv}", ipc::callback<&FakeCamera::OnSend>,
+      SD_BUS_METHOD("Send", "a{sv}", "a{sv}", ipc::callback<&FakeCamera::onSend>,
                     SD_BUS_VTABLE_UNPRIVILEGED),
       SD_BUS_VTABLE_END,
   };
   return table;
 }
 
-const sd_bus_vtable* FakeCamera::TransferTable() {
+const sd_bus_vtable* FakeCamera::transferTable() {
   constexpr auto kChanges = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
   static const sd_bus_vtable table[] = {
       SD_BUS_VTABLE_START(0),
-      SD_BUS_METHOD("Cancel", "", "", ipc::callback<&Transfer::OnCancel>,
+      SD_BUS_METHOD("Cancel", "", "", ipc::callback<&Transfer::onCancel>,
                     SD_BUS_VTABLE_UNPRIVILEGED),
-      SD_BUS_PROPERTY("RequestId", "t", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Requester", "s", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Kind", "s", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Direction", "s", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Uri", "s", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("File", "s", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Phase", "s", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Transferred", "t", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Size", "t", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Started", "t", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Ended", "t", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("HttpStatus", "q", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Outcome", "s", ReadTransfer, 0, kChanges),
-      SD_BUS_PROPERTY("Reason", "s", ReadTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("RequestId", "t", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Requester", "s", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Kind", "s", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Direction", "s", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Uri", "s", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("File", "s", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Phase", "s", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Transferred", "t", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Size", "t", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Started", "t", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Ended", "t", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("HttpStatus", "q", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Outcome", "s", readTransfer, 0, kChanges),
+      SD_BUS_PROPERTY("Reason", "s", readTransfer, 0, kChanges),
       SD_BUS_VTABLE_END,
   };
   return table;
 }
 
-const sd_bus_vtable* FakeCamera::DeviceTable() {
+const sd_bus_vtable* FakeCamera::deviceTable() {
   static const sd_bus_vtable table[] = {
       SD_BUS_VTABLE_START(0),
-      SD_BUS_PROPERTY("Model", "s", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("SysId", "s", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("Name", "s", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("FirmwareVersion", "s", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("DaemonVersion", "s", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("BootId", "s", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("SavePending", "b", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("ResetPending", "b", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("LastSave", "(ts)", ReadDevice, 0, 0),
-      SD_BUS_PROPERTY("ButtonReadable", "b", ReadDevice, 0, 0),
+      SD_BUS_PROPERTY("Model", "s", readDevice, 0, 0),
+      SD_BUS_PROPERTY("SysId", "s", readDevice, 0, 0),
+      SD_BUS_PROPERTY("Name", "s", readDevice, 0, 0),
+      SD_BUS_PROPERTY("FirmwareVersion", "s", readDevice, 0, 0),
+      SD_BUS_PROPERTY("DaemonVersion", "s", readDevice, 0, 0),
+      SD_BUS_PROPERTY("BootId", "s", readDevice, 0, 0),
+      SD_BUS_PROPERTY("SavePending", "b", readDevice, 0, 0),
+      SD_BUS_PROPERTY("ResetPending", "b", readDevice, 0, 0),
+      SD_BUS_PROPERTY("LastSave", "(ts)", readDevice, 0, 0),
+      SD_BUS_PROPERTY("ButtonReadable", "b", readDevice, 0, 0),
       SD_BUS_VTABLE_END,
   };
   return table;
@@ -131,13 +131,13 @@ FakeCamera::FakeCamera(Script script) : script_(std::move(script)) {
   sd_bus_slot* slot = nullptr;
   EXPECT_GE(sd_bus_add_object_manager(bus_.get(), &slot, "/kova"), 0);
   slots_.emplace_back(slot);
-  EXPECT_GE(sd_bus_add_object_vtable(bus_.get(), &slot, "/kova", "kova.Ipc1", IpcTable(), this), 0);
+  EXPECT_GE(sd_bus_add_object_vtable(bus_.get(), &slot, "/kova", "kova.Ipc1", ipcTable(), this), 0);
   slots_.emplace_back(slot);
   EXPECT_GE(
-      sd_bus_add_object_vtable(bus_.get(), &slot, "/kova", "kova.Device1", DeviceTable(), this), 0);
+      sd_bus_add_object_vtable(bus_.get(), &slot, "/kova", "kova.Device1", deviceTable(), this), 0);
   slots_.emplace_back(slot);
   EXPECT_GE(sd_bus_request_name(bus_.get(), "kova.kova_ctlserver", 0), 0);
-  thread_ = std::thread([this] { Serve(); });
+  thread_ = std::thread([this] { serve(); });
 }
 
 FakeCamera::~FakeCamera() {
@@ -147,10 +147,10 @@ FakeCamera::~FakeCamera() {
   slots_.clear();
 }
 
-void FakeCamera::Serve() {
+void FakeCamera::serve() {
   while (!stop_) {
     {
-      const auto lock = Lock();
+      const auto locked = lock();
       while (sd_bus_process(bus_.get(), nullptr) > 0) {
       }
       sd_bus_flush(bus_.get());
@@ -160,7 +160,7 @@ void FakeCamera::Serve() {
   }
 }
 
-int FakeCamera::OnSend(sd_bus_message* call, sd_bus_error*) {
+int FakeCamera::onSend(sd_bus_message* call, sd_bus_error*) {
   std::string reason;
   EXPECT_TRUE(ipc::wire::decode(call, request_, reason)) << reason;
   if (script_) {
@@ -180,20 +180,20 @@ int FakeCamera::OnSend(sd_bus_message* call, sd_bus_error*) {
   return sd_bus_send(nullptr, created, nullptr);
 }
 
-int FakeCamera::Transfer::OnCancel(sd_bus_message* call, sd_bus_error*) {
+int FakeCamera::Transfer::onCancel(sd_bus_message* call, sd_bus_error*) {
   if (!camera->refusal_.empty()) {
     return sd_bus_reply_method_errorf(call, "kova.Error.NotCancellable", "%s",
                                       camera->refusal_.c_str());
   }
   camera->cancelled_.push_back(number);
-  camera->Change(number, {{"Phase", "ended"}, {"Outcome", "CANCELLED"}});
+  camera->change(number, {{"Phase", "ended"}, {"Outcome", "CANCELLED"}});
   return sd_bus_reply_method_return(call, "");
 }
 
-void FakeCamera::Publish(const std::string& number, const Properties& properties) {
-  const auto lock = Lock();
+void FakeCamera::publish(const std::string& number, const Properties& properties) {
+  const auto locked = lock();
   if (transfers_.contains(number)) {
-    Forget(number);
+    forget(number);
   }
   auto transfer = std::make_unique<Transfer>();
   transfer->camera = this;
@@ -201,7 +201,7 @@ void FakeCamera::Publish(const std::string& number, const Properties& properties
   transfer->properties = properties;
   sd_bus_slot* slot = nullptr;
   EXPECT_GE(sd_bus_add_object_vtable(bus_.get(), &slot, pathOf(number).c_str(), "kova.Transfer1",
-                                     TransferTable(), transfer.get()),
+                                     transferTable(), transfer.get()),
             0);
   transfer->slot.reset(slot);
   transfers_[number] = std::move(transfer);
@@ -210,8 +210,8 @@ void FakeCamera::Publish(const std::string& number, const Properties& properties
   EXPECT_TRUE(told >= 0 || !denial_.empty()) << told;
 }
 
-void FakeCamera::Change(const std::string& number, const Properties& properties) {
-  const auto lock = Lock();
+void FakeCamera::change(const std::string& number, const Properties& properties) {
+  const auto locked = lock();
   std::vector<std::string> names;
   for (const auto& [name, value] : properties) {
     transfers_.at(number)->properties[name] = value;
@@ -227,52 +227,52 @@ void FakeCamera::Change(const std::string& number, const Properties& properties)
             0);
 }
 
-void FakeCamera::Finalise(const std::string& number, int milliseconds) {
-  const auto lock = Lock();
-  Change(number, {{"Phase", "finalising"}});
+void FakeCamera::finalise(const std::string& number, int milliseconds) {
+  const auto locked = lock();
+  change(number, {{"Phase", "finalising"}});
   EXPECT_GE(sd_bus_flush(bus_.get()), 0);
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-  Change(number, {{"Phase", "ended"}, {"Outcome", "OK"}});
+  change(number, {{"Phase", "ended"}, {"Outcome", "OK"}});
 }
 
-void FakeCamera::Forget(const std::string& number) {
-  const auto lock = Lock();
+void FakeCamera::forget(const std::string& number) {
+  const auto locked = lock();
   EXPECT_GE(sd_bus_emit_object_removed(bus_.get(), pathOf(number).c_str()), 0);
   transfers_.erase(number);
 }
 
-void FakeCamera::Tell(const std::string& name, std::uint64_t value) {
-  const auto lock = Lock();
+void FakeCamera::tell(const std::string& name, std::uint64_t value) {
+  const auto locked = lock();
   device_[name] = value;
 }
 
-void FakeCamera::Tell(const std::string& name, const std::string& value) {
-  const auto lock = Lock();
+void FakeCamera::tell(const std::string& name, const std::string& value) {
+  const auto locked = lock();
   device_[name] = value;
 }
 
-void FakeCamera::RefuseToCancel(const std::string& text) {
-  const auto lock = Lock();
+void FakeCamera::refuseToCancel(const std::string& text) {
+  const auto locked = lock();
   refusal_ = text;
 }
 
-void FakeCamera::RefuseToTell(const std::string& error) {
-  const auto lock = Lock();
+void FakeCamera::refuseToTell(const std::string& error) {
+  const auto locked = lock();
   denial_ = error;
 }
 
-void FakeCamera::FailStatistics(std::uint64_t status) {
-  const auto lock = Lock();
+void FakeCamera::failStatistics(std::uint64_t status) {
+  const auto locked = lock();
   statisticsStatus_ = status;
 }
 
-std::vector<std::string> FakeCamera::Cancelled() const {
-  const auto lock = Lock();
+std::vector<std::string> FakeCamera::cancelled() const {
+  const auto locked = lock();
   return cancelled_;
 }
 
-Variant FakeCamera::LastRequest() const {
-  const auto lock = Lock();
+Variant FakeCamera::lastRequest() const {
+  const auto locked = lock();
   return request_;
 }
 

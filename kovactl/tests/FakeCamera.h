@@ -30,28 +30,28 @@ class FakeCamera {
   FakeCamera& operator=(const FakeCamera&) = delete;
 
   /// Publishes a transfer, in the place of one with this number; what is not given is "" or 0.
-  void Publish(const std::string& number, const Properties& properties);
+  void publish(const std::string& number, const Properties& properties);
   /// Changes properties and signals that.
-  void Change(const std::string& number, const Properties& properties);
+  void change(const std::string& number, const Properties& properties);
   /// Signals "finalising", serves nothing for this long, as while a tool runs, and ends with OK.
-  void Finalise(const std::string& number, int milliseconds);
+  void finalise(const std::string& number, int milliseconds);
   /// Removes a transfer and signals that.
-  void Forget(const std::string& number);
+  void forget(const std::string& number);
   /// Sets a property of the camera; "LastSave" is the time, and its outcome is "ok".
-  void Tell(const std::string& name, std::uint64_t value);
-  void Tell(const std::string& name, const std::string& value);
+  void tell(const std::string& name, std::uint64_t value);
+  void tell(const std::string& name, const std::string& value);
   /// Answers cancellations with an error from now on.
-  void RefuseToCancel(const std::string& text);
+  void refuseToCancel(const std::string& text);
 
   /// Answers requests for the properties of its transfers or, if it has none, for its own with this
   /// error from now on.
-  void RefuseToTell(const std::string& error);
+  void refuseToTell(const std::string& error);
   /// Answers GetSystemStats with this status from now on.
-  void FailStatistics(std::uint64_t status);
+  void failStatistics(std::uint64_t status);
 
   /// The numbers of the transfers that were cancelled.
-  std::vector<std::string> Cancelled() const;
-  variant::Variant LastRequest() const;
+  std::vector<std::string> cancelled() const;
+  variant::Variant lastRequest() const;
 
  private:
   struct Transfer {
@@ -59,19 +59,19 @@ class FakeCamera {
     std::string number;
     Properties properties;
     ipc::SlotPtr slot;
-    int OnCancel(sd_bus_message* call, sd_bus_error* error);
+    int onCancel(sd_bus_message* call, sd_bus_error* error);
   };
 
-  void Serve();
-  int OnSend(sd_bus_message* call, sd_bus_error* error);
-  std::unique_lock<std::recursive_mutex> Lock() const { return std::unique_lock(mutex_); }
-  static int ReadTransfer(sd_bus* bus, const char* path, const char* interface, const char* name,
+  void serve();
+  int onSend(sd_bus_message* call, sd_bus_error* error);
+  std::unique_lock<std::recursive_mutex> lock() const { return std::unique_lock(mutex_); }
+  static int readTransfer(sd_bus* bus, const char* path, const char* interface, const char* name,
                           sd_bus_message* reply, void* transfer, sd_bus_error* error);
-  static int ReadDevice(sd_bus* bus, const char* path, const char* interface, const char* name,
+  static int readDevice(sd_bus* bus, const char* path, const char* interface, const char* name,
                         sd_bus_message* reply, void* camera, sd_bus_error* error);
-  static const sd_bus_vtable* IpcTable();
-  static const sd_bus_vtable* TransferTable();
-  static const sd_bus_vtable* DeviceTable();
+  static const sd_bus_vtable* ipcTable();
+  static const sd_bus_vtable* transferTable();
+  static const sd_bus_vtable* deviceTable();
 
   Script script_;
   mutable std::recursive_mutex mutex_;  // of the connection and of all below

@@ -32,7 +32,7 @@ std::vector<std::string> putLogo(const std::vector<std::string>& more = {"--wait
 }
 
 std::uint64_t idOf(const Variant& request) {
-  return request.Find("id")->ToNumber<std::uint64_t>();
+  return request.find("id")->toNumber<std::uint64_t>();
 }
 
 // Publishes transfer 7 in this state.
@@ -40,7 +40,7 @@ FakeCamera::Script publishing(const FakeCamera::Properties& state) {
   return [state](FakeCamera& camera, const Variant& request) {
     FakeCamera::Properties properties = state;
     properties["RequestId"] = idOf(request);
-    camera.Publish("7", properties);
+    camera.publish("7", properties);
   };
 }
 
@@ -66,11 +66,11 @@ void sendStatus(const Variant& request, const char* status) {
   ipc::Ipc ipc;
   ASSERT_TRUE(ipc.Init("", false, nullptr));
   ipc::messages::EventTransferRequestStatus event;
-  event.to(request.Find("from")->ToText());
+  event.to(request.find("from")->toText());
   event.requestId(idOf(request));
   event.status(status);
   EXPECT_TRUE(ipc.SendRequest(event));
-  EXPECT_TRUE(ipc.Flush());
+  EXPECT_TRUE(ipc.flush());
 }
 
 /// A program that carries connections to the bus, as ssh does. It notes its process ids.
@@ -81,8 +81,8 @@ class Carrier {
     EXPECT_NE(mkdtemp(folder_.data()), nullptr);
     std::ofstream(folder_ + "/carry")
         << "#!/bin/sh\n"
-        << "[ \"$(cat '" << Pids() << "' 2>/dev/null | wc -l)\" -lt " << most << " ] || exit 1\n"
-        << "echo $$ >>'" << Pids() << "'\n"
+        << "[ \"$(cat '" << pids() << "' 2>/dev/null | wc -l)\" -lt " << most << " ] || exit 1\n"
+        << "echo $$ >>'" << pids() << "'\n"
         << bridgeCommand(bus) << "\n";
     chmod((folder_ + "/carry").c_str(), 0755);
   }
@@ -90,18 +90,18 @@ class Carrier {
   Carrier(const Carrier&) = delete;
   Carrier& operator=(const Carrier&) = delete;
 
-  std::string Address() const { return "unixexec:path=" + folder_ + "/carry"; }
-  std::vector<pid_t> Carrying() const {
-    std::vector<pid_t> pids;
-    std::ifstream file(Pids());
+  std::string address() const { return "unixexec:path=" + folder_ + "/carry"; }
+  std::vector<pid_t> carrying() const {
+    std::vector<pid_t> carrying;
+    std::ifstream file(pids());
     for (pid_t pid = 0; file >> pid;) {
-      pids.push_back(pid);
+      carrying.push_back(pid);
     }
-    return pids;
+    return carrying;
   }
 
  private:
-  std::string Pids() const { return folder_ + "/pids"; }
+  std::string pids() const { return folder_ + "/pids"; }
   std::string folder_ = std::filesystem::temp_directory_path() / "kova_carrier.XXXXXX";
 };
 
@@ -122,7 +122,7 @@ TEST_F(Follow, SuccessIsToldWithStatus0) {
       if (wait == "--wait"s) {
         EXPECT_EQ(result.out, shown);
       } else {
-        EXPECT_EQ(jsonOf(result.out).Find("result")->Find("outcome")->ToText(), outcome);
+        EXPECT_EQ(jsonOf(result.out).find("result")->find("outcome")->toText(), outcome);
       }
     }
   }
@@ -151,11 +151,11 @@ TEST_F(Follow, FailureIsToldWithItsReason) {
 TEST_F(Follow, OutcomeEndsWaitAtOnce) {
   FakeCamera camera(transferring());
   Child child(putLogo());
-  ASSERT_TRUE(child.AwaitError("transferring\n"));
-  camera.Change("7", {{"Phase", "finalising"}});
-  ASSERT_TRUE(child.AwaitError("finalising\n"));
-  camera.Change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  camera.change("7", {{"Phase", "finalising"}});
+  ASSERT_TRUE(child.awaitError("finalising\n"));
+  camera.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "OK\n");
   EXPECT_EQ(result.err, "transferring\nfinalising\n");
@@ -179,11 +179,11 @@ TEST_F(Follow, WithoutWaitNumberIsTold) {
   EXPECT_EQ(result.out,
             "The camera accepted transfer 7; \"kovactl transfers\" shows how it goes on.\n");
   const Variant json = jsonOf(run(putLogo({"--json"})).out);
-  EXPECT_EQ(*json.Find("ok"), Variant(true));
-  EXPECT_EQ(json.Find("result")->Find("id")->ToText(), "7");
-  EXPECT_EQ(json.Find("result")->Find("requestId")->ToText(),
-            std::to_string(idOf(camera.LastRequest())));
-  EXPECT_EQ(json.Find("result")->Find("outcome")->ToText(), "taken");
+  EXPECT_EQ(*json.find("ok"), Variant(true));
+  EXPECT_EQ(json.find("result")->find("id")->toText(), "7");
+  EXPECT_EQ(json.find("result")->find("requestId")->toText(),
+            std::to_string(idOf(camera.lastRequest())));
+  EXPECT_EQ(json.find("result")->find("outcome")->toText(), "taken");
 }
 
 TEST_F(Follow, JsonTellsOutcomeAndError) {
@@ -191,22 +191,22 @@ TEST_F(Follow, JsonTellsOutcomeAndError) {
   const Result result = run(putLogo({"--wait", "--json"}));
   EXPECT_EQ(result.status, 1);
   const Variant json = jsonOf(result.out);
-  EXPECT_EQ(*json.Find("ok"), Variant(false));
-  EXPECT_EQ(json.Find("error")->Find("code")->ToText(), "refused");
-  EXPECT_EQ(json.Find("error")->Find("text")->ToText(),
+  EXPECT_EQ(*json.find("ok"), Variant(false));
+  EXPECT_EQ(json.find("error")->find("code")->toText(), "refused");
+  EXPECT_EQ(json.find("error")->find("text")->toText(),
             "the transfer failed: VALIDATION_FAILED: It is no picture.");
-  EXPECT_EQ(json.Find("result")->Find("reason")->ToText(), "It is no picture.");
+  EXPECT_EQ(json.find("result")->find("reason")->toText(), "It is no picture.");
 }
 
 TEST_F(Follow, TerminalShowsBarAndErasesIt) {
   FakeCamera camera(transferring());
   Child child(putLogo(), Child::On::Terminal);
-  ASSERT_TRUE(child.AwaitOutput(" 50 %  [")) << child.out();
-  ASSERT_TRUE(child.AwaitOutput("512 B of 1.0 KiB"));
-  camera.Change("7", {{"Phase", "finalising\x1b[2J"}});
-  ASSERT_TRUE(child.AwaitOutput("finalising\\x1b[2J"));
-  camera.Change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitOutput(" 50 %  [")) << child.out();
+  ASSERT_TRUE(child.awaitOutput("512 B of 1.0 KiB"));
+  camera.change("7", {{"Phase", "finalising\x1b[2J"}});
+  ASSERT_TRUE(child.awaitOutput("finalising\\x1b[2J"));
+  camera.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.out, EndsWith("\r\x1b[KOK\r\n"));
 }
@@ -214,24 +214,24 @@ TEST_F(Follow, TerminalShowsBarAndErasesIt) {
 TEST_F(Follow, StopTellsHowToCancel) {
   const FakeCamera camera(transferring());
   Child child(putLogo());
-  ASSERT_TRUE(child.AwaitError("transferring\n"));
-  child.Signal(SIGINT);
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  child.signal(SIGINT);
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 130);
   EXPECT_THAT(result.err, HasSubstr("the camera goes on with transfer 7"));
   EXPECT_THAT(result.err, HasSubstr("\"kovactl cancel 7\" cancels it"));
-  EXPECT_TRUE(camera.Cancelled().empty());
+  EXPECT_TRUE(camera.cancelled().empty());
 }
 
 TEST_F(Follow, StopCancelsOnRequest) {
   const FakeCamera camera(transferring());
   Child child(putLogo({"--wait", "--cancel"}));
-  ASSERT_TRUE(child.AwaitError("transferring\n"));
-  child.Signal(SIGINT);
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  child.signal(SIGINT);
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 130);
   EXPECT_THAT(result.err, HasSubstr("transfer 7 is cancelled"));
-  EXPECT_EQ(camera.Cancelled(), std::vector<std::string>{"7"});
+  EXPECT_EQ(camera.cancelled(), std::vector<std::string>{"7"});
   const Result alone = run(putLogo({"--cancel"}));
   EXPECT_EQ(alone.status, 2);
   EXPECT_THAT(alone.err, HasSubstr("--cancel needs --wait"));
@@ -240,9 +240,9 @@ TEST_F(Follow, StopCancelsOnRequest) {
 TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
   auto camera = std::make_unique<FakeCamera>(transferring());
   Child child(putLogo());
-  ASSERT_TRUE(child.AwaitError("transferring\n"));
+  ASSERT_TRUE(child.awaitError("transferring\n"));
   camera.reset();
-  const Result result = child.Wait();
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 5);
   EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
 }
@@ -250,9 +250,9 @@ TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
 TEST_F(Follow, ForgottenTransferLeavesOutcomeUnknown) {
   FakeCamera camera(transferring());
   Child child(putLogo());
-  ASSERT_TRUE(child.AwaitError("transferring\n"));
-  camera.Forget("7");
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  camera.forget("7");
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 5);
   EXPECT_THAT(result.err,
               HasSubstr("the control server forgot transfer 7 while it was transferring"));
@@ -263,10 +263,10 @@ TEST_F(Follow, EventDecidesForForgottenTransfer) {
   for (const auto& [status, exit] : outcomes) {
     FakeCamera camera(transferring());
     Child child(putLogo());
-    ASSERT_TRUE(child.AwaitError("transferring\n"));
-    sendStatus(camera.LastRequest(), status);
-    camera.Forget("7");
-    const Result result = child.Wait();
+    ASSERT_TRUE(child.awaitError("transferring\n"));
+    sendStatus(camera.lastRequest(), status);
+    camera.forget("7");
+    const Result result = child.wait();
     EXPECT_EQ(result.status, exit) << result.err;
     EXPECT_THAT(result.out + result.err, HasSubstr(status));
   }
@@ -275,11 +275,11 @@ TEST_F(Follow, EventDecidesForForgottenTransfer) {
 TEST_F(Follow, LostConnectionLeavesOutcomeUnknown) {
   const FakeCamera camera(transferring());
   const Carrier carrier(bus_.address(), 2);
-  Child child(putLogo({"--wait", "--bus", carrier.Address()}));
-  ASSERT_TRUE(child.AwaitError("transferring\n"));
-  ASSERT_EQ(carrier.Carrying().size(), 2U);
-  kill(carrier.Carrying().back(), SIGKILL);
-  const Result result = child.Wait();
+  Child child(putLogo({"--wait", "--bus", carrier.address()}));
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  ASSERT_EQ(carrier.carrying().size(), 2U);
+  kill(carrier.carrying().back(), SIGKILL);
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 5);
   EXPECT_THAT(result.err, HasSubstr("the connection that follows transfer 7 was lost"));
 }
@@ -288,19 +288,19 @@ TEST_F(Follow, NothingIsSentWithoutSecondConnection) {
   const FakeCamera camera(endingAs("OK", ""));
   for (const char* mode : {"--wait", "--json"}) {
     const Carrier carrier(bus_.address(), 1);
-    const Result result = run(putLogo({mode, "--bus", carrier.Address()}));
+    const Result result = run(putLogo({mode, "--bus", carrier.address()}));
     EXPECT_EQ(result.status, 3);
     EXPECT_NE(result.err, "");
   }
-  EXPECT_TRUE(camera.LastRequest().IsEmpty());
+  EXPECT_TRUE(camera.lastRequest().isEmpty());
 }
 
 TEST_F(Follow, StopWithoutTransferIsExplained) {
   Peer peer(takingNote());
   Child child(putLogo({"--wait", "--cancel"}));
-  ASSERT_TRUE(peer.AwaitReceived(1));
-  child.Signal(SIGINT);
-  const Result result = child.Wait();
+  ASSERT_TRUE(peer.awaitReceived(1));
+  child.signal(SIGINT);
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 130);
   EXPECT_THAT(result.err, HasSubstr("no transfer to cancel is known"));
 }
@@ -310,9 +310,9 @@ TEST_F(Follow, TimeOutDoesNotCoverTools) {
   auto arguments = putLogo();
   arguments[6] = "0.1";
   Child child(arguments);
-  ASSERT_TRUE(child.AwaitError("transferring\n"));
-  camera.Finalise("7", 3000);  // beyond the time-out and its grace
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  camera.finalise("7", 3000);  // beyond the time-out and its grace
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "OK\n");
 }
@@ -328,8 +328,8 @@ TEST_F(Follow, TimeOutTellsPhase) {
 
 TEST_F(Follow, TransfersOfOthersAreNotFollowed) {
   const FakeCamera camera([](FakeCamera& self, const Variant& request) {
-    self.Publish("7", {{"RequestId", idOf(request) + 1}, {"Phase", "ended"}, {"Outcome", "OK"}});
-    self.Publish("8", {{"RequestId", idOf(request)}, {"Phase", "ended"}, {"Outcome", "REFUSED"}});
+    self.publish("7", {{"RequestId", idOf(request) + 1}, {"Phase", "ended"}, {"Outcome", "OK"}});
+    self.publish("8", {{"RequestId", idOf(request)}, {"Phase", "ended"}, {"Outcome", "REFUSED"}});
   });
   EXPECT_EQ(run(putLogo()).status, 1);
 }
@@ -337,8 +337,8 @@ TEST_F(Follow, TransfersOfOthersAreNotFollowed) {
 TEST_F(Follow, ListShowsTransfersAndReasons) {
   FakeCamera camera;
   EXPECT_EQ(run({"transfers"}).out, "The camera knows of no transfer.\n");
-  camera.Publish("9", {{"Kind", "logo"}, {"Phase", "transferring"}});
-  camera.Publish("10", {{"Kind", "sound"},
+  camera.publish("9", {{"Kind", "logo"}, {"Phase", "transferring"}});
+  camera.publish("10", {{"Kind", "sound"},
                         {"Phase", "ended"},
                         {"Outcome", "REFUSED"},
                         {"Reason", "It is \x1b[31mtoo large."}});
@@ -347,27 +347,27 @@ TEST_F(Follow, ListShowsTransfersAndReasons) {
   EXPECT_THAT(result.out, HasSubstr("9    logo   transferring"));
   EXPECT_THAT(result.out, HasSubstr("     It is \\x1b[31mtoo large.\n"));
   const Variant json = jsonOf(run({"transfers", "--json"}).out);
-  ASSERT_EQ(json.Find("result")->Size(), 2U);
-  EXPECT_EQ(json.Find("result")->Items()[1].Find("id")->ToText(), "10");
+  ASSERT_EQ(json.find("result")->Size(), 2U);
+  EXPECT_EQ(json.find("result")->items()[1].find("id")->toText(), "10");
 }
 
 TEST_F(Follow, WatchPrintsPhasesAndAllChangesAsJson) {
   FakeCamera camera;
-  camera.Publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});
+  camera.publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});
   Child child({"transfers", "--watch"});
   Child json({"transfers", "--watch", "--json"});
-  ASSERT_TRUE(child.AwaitOutput("transferring"));
-  ASSERT_TRUE(json.AwaitOutput("\"transferred\":0"));
-  camera.Change("7", {{"Transferred", std::uint64_t{99}}});
-  ASSERT_TRUE(json.AwaitOutput("\"transferred\":99"));
-  camera.Change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
-  ASSERT_TRUE(child.AwaitOutput("OK"));
-  child.Signal(SIGINT);
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitOutput("transferring"));
+  ASSERT_TRUE(json.awaitOutput("\"transferred\":0"));
+  camera.change("7", {{"Transferred", std::uint64_t{99}}});
+  ASSERT_TRUE(json.awaitOutput("\"transferred\":99"));
+  camera.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  ASSERT_TRUE(child.awaitOutput("OK"));
+  child.signal(SIGINT);
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 130);
   EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 2);
-  json.Signal(SIGTERM);
-  const Result documents = json.Wait();
+  json.signal(SIGTERM);
+  const Result documents = json.wait();
   EXPECT_EQ(documents.status, 143);
   EXPECT_THAT(documents.out, HasSubstr("\"code\":\"terminated\""));
 }
@@ -375,11 +375,11 @@ TEST_F(Follow, WatchPrintsPhasesAndAllChangesAsJson) {
 TEST_F(Follow, WatchRefreshesTerminal) {
   FakeCamera camera;
   Child child({"transfers", "--watch"}, Child::On::Terminal);
-  ASSERT_TRUE(child.AwaitOutput("The camera knows of no transfer."));
-  camera.Publish("7", {{"Kind", "logo"}, {"Phase", "preparing"}});
-  ASSERT_TRUE(child.AwaitOutput("preparing"));
-  child.Write("\x03");
-  EXPECT_EQ(child.Wait().status, 130);
+  ASSERT_TRUE(child.awaitOutput("The camera knows of no transfer."));
+  camera.publish("7", {{"Kind", "logo"}, {"Phase", "preparing"}});
+  ASSERT_TRUE(child.awaitOutput("preparing"));
+  child.write("\x03");
+  EXPECT_EQ(child.wait().status, 130);
 }
 
 TEST_F(Follow, CancelTellsAnswerOfCamera) {
@@ -389,11 +389,11 @@ TEST_F(Follow, CancelTellsAnswerOfCamera) {
   const Result missing = run({"cancel", "7"});
   EXPECT_EQ(missing.status, 1);
   EXPECT_THAT(missing.err, HasSubstr("the camera knows of no transfer 7"));
-  camera.Publish("7", {{"Phase", "transferring"}});
+  camera.publish("7", {{"Phase", "transferring"}});
   const Result done = run({"cancel", "7"});
   EXPECT_EQ(done.status, 0);
   EXPECT_EQ(done.out, "Transfer 7 is cancelled.\n");
-  camera.RefuseToCancel("The image is being flashed.");
+  camera.refuseToCancel("The image is being flashed.");
   const Result refused = run({"cancel", "7"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.err, "kovactl: transfer 7 cannot be cancelled: The image is being flashed.\n");
@@ -401,16 +401,16 @@ TEST_F(Follow, CancelTellsAnswerOfCamera) {
 
 TEST_F(Follow, InfoAndMetricsDescribeDevice) {
   FakeCamera camera;
-  camera.Tell("Model", "Virtual \x1b[1m");
-  camera.Tell("SavePending", 1);
-  camera.Tell("LastSave", 1700000000000000);
+  camera.tell("Model", "Virtual \x1b[1m");
+  camera.tell("SavePending", 1);
+  camera.tell("LastSave", 1700000000000000);
   const Result info = run({"info"});
   EXPECT_EQ(info.status, 0) << info.err;
   EXPECT_THAT(info.out, HasSubstr("Model           Virtual \\x1b[1m\n"));
   EXPECT_THAT(info.out, HasSubstr("Save            pending\n"));
   EXPECT_THAT(info.out, HasSubstr(", ok\n"));
   const Variant json = jsonOf(run({"info", "--json"}).out);
-  EXPECT_EQ(json.Find("result")->Find("lastSave")->Find("time")->ToText(),
+  EXPECT_EQ(json.find("result")->find("lastSave")->find("time")->toText(),
             "2023-11-14T22:13:20.000000Z");
   const Result metrics = run({"metrics"});
   EXPECT_EQ(metrics.status, 0) << metrics.err;

@@ -43,7 +43,7 @@ TEST(Help, FitsTerminalWidth) {
   EXPECT_LE(onPipe, 80U);
   EXPECT_GT(onPipe, 70U);
   Child child({"settings", "--help"}, Child::On::Terminal);  // of 60 columns
-  const std::string shown = child.Wait().out;
+  const std::string shown = child.wait().out;
   EXPECT_LE(widest(shown), 60U);
   EXPECT_GT(widest(shown), 50U);
   setenv("COLUMNS", "200", 1);

@@ -25,7 +25,7 @@ class Host : public ::testing::Test {
     ASSERT_NE(mkdtemp(folder_.data()), nullptr);
     pathBefore_ = std::getenv("PATH");
     setenv("PATH", (folder_ + ":" + pathBefore_).c_str(), 1);
-    Become(bridgeCommand(bus_.address()));
+    become(bridgeCommand(bus_.address()));
   }
   void TearDown() override {
     setenv("PATH", pathBefore_.c_str(), 1);
@@ -33,7 +33,7 @@ class Host : public ::testing::Test {
     std::filesystem::remove_all(folder_);
   }
 
-  void Become(const std::string& command) const {
+  void become(const std::string& command) const {
     std::ofstream(folder_ + "/ssh")
         << "#!/bin/sh\n"
         << "echo \"$@\" >'" << folder_ << "/arguments'\n"
@@ -41,20 +41,20 @@ class Host : public ::testing::Test {
         << command << "\n";
     chmod((folder_ + "/ssh").c_str(), 0755);
   }
-  std::string Left(const std::string& name) const {
+  std::string left(const std::string& name) const {
     std::stringstream content;
     content << std::ifstream(folder_ + "/" + name).rdbuf();
     return content.str();
   }
   /// Waits until a kovactl that listens as client.me has joined the bus.
-  static bool AwaitJoined(Child& child) {
+  static bool awaitJoined(Child& child) {
     Result sent{1, "", ""};
     for (int attempt = 0; sent.status != 0 && attempt < 200; ++attempt) {
       sent = run({"call", "GetSystemStats", "--to", "client.me", "--no-reply"});
     }
-    return child.AwaitOutput("GetSystemStats");
+    return child.awaitOutput("GetSystemStats");
   }
-  std::string Socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
+  std::string socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
 
   ipc::testing::PrivateBus bus_;
   std::string folder_ = std::filesystem::temp_directory_path() / "kova_host.XXXXXX";
@@ -66,11 +66,11 @@ TEST_F(Host, BridgeCarriesConnection) {
   const Result result = run({"-H", "me@cam:2222", "call", "GetSystemStats", "--json"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("\"statusCode\": 0"));
-  EXPECT_EQ(Left("arguments"), "-xT -p 2222 -- me@cam kovactl bridge\n");
+  EXPECT_EQ(left("arguments"), "-xT -p 2222 -- me@cam kovactl bridge\n");
 }
 
 TEST_F(Host, InspectingCommandsRunThere) {
-  Become("echo there; exit 1");
+  become("echo there; exit 1");
   for (const auto& [typed, sent] : std::vector<std::pair<std::vector<std::string>, std::string>>{
            {{"-H", "cam", "service", "list"}, "-xT -- cam kovactl service list\n"},
            {{"timezones", "a b", "--json", "--host", "cam"},
@@ -78,13 +78,13 @@ TEST_F(Host, InspectingCommandsRunThere) {
     const Result result = run(typed);
     EXPECT_EQ(result.status, 1) << "as there";
     EXPECT_EQ(result.out, "there\n");
-    EXPECT_EQ(Left("arguments"), sent);
+    EXPECT_EQ(left("arguments"), sent);
   }
 }
 
 TEST_F(Host, DenialThereAdvisesForThere) {
   FakeCamera camera;
-  camera.RefuseToTell("org.freedesktop.DBus.Error.AccessDenied");
+  camera.refuseToTell("org.freedesktop.DBus.Error.AccessDenied");
   const Result result = run({"-H", "bob@cam", "info"});
   EXPECT_EQ(result.status, 3);
   EXPECT_THAT(result.err, HasSubstr("may use the bus of bob@cam: run \"adduser USER kova\" there"));
@@ -92,13 +92,13 @@ TEST_F(Host, DenialThereAdvisesForThere) {
 
 TEST_F(Host, RefusedFiguresAreNotLeftOut) {
   FakeCamera camera;
-  camera.RefuseToTell("org.freedesktop.DBus.Error.LimitsExceeded");
+  camera.refuseToTell("org.freedesktop.DBus.Error.LimitsExceeded");
   for (const char* what : {"the description of the camera", "the list of transfers"}) {
     const Result result = run({"-H", "cam", "metrics"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
     EXPECT_THAT(result.err, HasSubstr(std::string("cannot get ") + what + ": no answer to this"));
-    camera.Publish("7", {});
+    camera.publish("7", {});
   }
   const Result listed = run({"-H", "cam", "transfers"});
   EXPECT_EQ(listed.status, 1);
@@ -107,7 +107,7 @@ TEST_F(Host, RefusedFiguresAreNotLeftOut) {
 
 TEST_F(Host, MetricsPrintWhatCouldBeRead) {
   FakeCamera camera;
-  camera.FailStatistics(1);
+  camera.failStatistics(1);
   const Result result = run({"-H", "cam", "metrics"});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.out, HasSubstr("kova_uptime_seconds 61\n"));
@@ -115,7 +115,7 @@ TEST_F(Host, MetricsPrintWhatCouldBeRead) {
 }
 
 TEST_F(Host, UnknownStatusIsReported) {
-  Become("exit 77");
+  become("exit 77");
   const Result result = run({"-H", "cam", "service", "list", "--json"});
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.err, "kovactl: kovactl there ended with status 77\n");
@@ -133,7 +133,7 @@ TEST_F(Host, EndOfSshIsExplained) {
       {"echo Welcome; sleep 1", "does the shell there print something when it starts?"},
   };
   for (const auto& [command, said] : ends) {
-    Become(std::string("echo reason >&2; ") + command);
+    become(std::string("echo reason >&2; ") + command);
     for (const char* asking : {"stats", "monitor"}) {
       const Result result = run({"--host", "cam:22", asking});
       EXPECT_EQ(result.status, 3) << command;
@@ -141,7 +141,7 @@ TEST_F(Host, EndOfSshIsExplained) {
       EXPECT_THAT(result.err, HasSubstr(said)) << command;
     }
   }
-  Become("exit 255");
+  become("exit 255");
   const Result listed = run({"--host", "cam", "service", "list"});
   EXPECT_EQ(listed.status, 3);
   EXPECT_THAT(listed.err, HasSubstr("cannot log in to cam"));
@@ -165,31 +165,31 @@ TEST_F(Host, WrongHostsAreRefused) {
     EXPECT_THAT(run({"--json", "--host", text, "stats"}).out, HasSubstr("\"code\": \"usage\""));
   }
   EXPECT_EQ(run({"--host", "cam", "--bus", bus_.address(), "stats"}).status, 2);
-  EXPECT_EQ(Left("arguments"), "") << "nothing was started";
+  EXPECT_EQ(left("arguments"), "") << "nothing was started";
 }
 
 TEST_F(Host, CtrlCDoesNotReachSsh) {
   Child child({"--host", "cam", "listen", "client.me"});
-  ASSERT_TRUE(AwaitJoined(child));
-  const std::string ignored = Left("ignored");
+  ASSERT_TRUE(awaitJoined(child));
+  const std::string ignored = left("ignored");
   const unsigned long mask = std::stoul(ignored.substr(ignored.find(':') + 1), nullptr, 16);
   EXPECT_NE(mask & (1UL << (SIGINT - 1)), 0U);
   EXPECT_EQ(mask & (1UL << (SIGTERM - 1)), 0U);
-  child.Signal(SIGINT);
-  EXPECT_EQ(child.Wait().status, 0);
+  child.signal(SIGINT);
+  EXPECT_EQ(child.wait().status, 0);
 }
 
 TEST_F(Host, StopSignalEndsLogin) {
-  Become("exec sleep 60");
+  become("exec sleep 60");
   for (const auto& [signal, status] : {std::pair(SIGINT, 130), std::pair(SIGTERM, 143)}) {
     for (const char* asking : {"stats", "monitor"}) {
       std::filesystem::remove(folder_ + "/ignored");
       Child child({"--host", "cam", asking});
-      for (int attempt = 0; Left("ignored").empty() && attempt < 2000; ++attempt) {
-        child.AwaitOutputFor("never", 10);
+      for (int attempt = 0; left("ignored").empty() && attempt < 2000; ++attempt) {
+        child.awaitOutputFor("never", 10);
       }
-      child.Signal(signal);
-      const Result result = child.Wait();
+      child.signal(signal);
+      const Result result = child.wait();
       EXPECT_EQ(result.status, status);
       EXPECT_EQ(result.err, "");
     }
@@ -199,18 +199,18 @@ TEST_F(Host, StopSignalEndsLogin) {
 TEST_F(Host, UnansweredRequestArrives) {
   const Peer peer(takingNote());
   setenv("RELAY_DELAY_S", "0.3", 1);
-  Become(std::string("exec ") + KOVACTL_RELAY + " " + Socket());
+  become(std::string("exec ") + KOVACTL_RELAY + " " + socket());
   const Result result = run({"--host", "cam", "call", "SaveToFlash", "--no-reply"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_TRUE(peer.AwaitReceived(1));
+  EXPECT_TRUE(peer.awaitReceived(1));
 }
 
 TEST_F(Host, LossIsReported) {
-  Become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
+  become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "listen", "client.me"});
-  ASSERT_TRUE(AwaitJoined(child));
-  kill(std::stoi(Left("pid")), SIGKILL);
-  const Result result = child.Wait();
+  ASSERT_TRUE(awaitJoined(child));
+  kill(std::stoi(left("pid")), SIGKILL);
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 3);
   EXPECT_THAT(result.err, HasSubstr("the connection to the bus was lost"));
 }

@@ -29,10 +29,10 @@ class Passwords : public ::testing::Test {
   }
 
   // The fields of the last request: name, old and new password.
-  std::vector<std::string> Asked() const {
-    const Peer::Request request = peer_.Received().back();
-    return {request.Find("username")->ToText(), request.Find("passwordOld")->ToText(),
-            request.Find("passwordNew")->ToText()};
+  std::vector<std::string> asked() const {
+    const Peer::Request request = peer_.received().back();
+    return {request.find("username")->toText(), request.find("passwordOld")->toText(),
+            request.find("passwordNew")->toText()};
   }
 
   std::string folder_ = std::filesystem::temp_directory_path() / "kovactl_test.XXXXXX";
@@ -48,9 +48,9 @@ TEST_F(Passwords, UserShowPrintsName) {
 
 TEST_F(Passwords, AreReadFromStandardInput) {
   EXPECT_EQ(run({"user", "passwd", "--stdin"}, "old one\nnew\nrest\n").status, 0);
-  EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "old one", "new"}));
+  EXPECT_EQ(asked(), (std::vector<std::string>{"admin", "old one", "new"}));
   EXPECT_EQ(run({"user", "passwd", "--stdin", "--name", "boss"}, "a\nb").status, 0);
-  EXPECT_EQ(Asked(), (std::vector<std::string>{"boss", "a", "b"}));
+  EXPECT_EQ(asked(), (std::vector<std::string>{"boss", "a", "b"}));
 }
 
 TEST_F(Passwords, AreReadFromFiles) {
@@ -58,7 +58,7 @@ TEST_F(Passwords, AreReadFromFiles) {
                  File("new", "c")})
                 .status,
             0);
-  EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "a b", "c"}));
+  EXPECT_EQ(asked(), (std::vector<std::string>{"admin", "a b", "c"}));
   const Result missing =
       run({"user", "passwd", "--old-file", folder_ + "/none", "--new-file", File("new", "c")});
   EXPECT_EQ(missing.status, 6);
@@ -71,7 +71,7 @@ TEST_F(Passwords, InvalidPasswordsAreNotSent) {
         std::string("old\n"), "old\n" + std::string(65, 'x') + "\n"}) {
     EXPECT_EQ(run({"user", "passwd", "--stdin", "--name", "n"}, input).status, 2) << input;
   }
-  EXPECT_TRUE(peer_.Received().empty());
+  EXPECT_TRUE(peer_.received().empty());
   EXPECT_EQ(run({"user", "passwd", "--stdin", "--name", "n"},
                 std::string(64, 'x') + "\n" + std::string(64, 'y') + "\n")
                 .status,
@@ -86,39 +86,39 @@ TEST_F(Passwords, MissingSourceIsUsageError) {
 
 TEST_F(Passwords, PromptHasNoEcho) {
   Child child({"user", "passwd"}, Child::On::Terminal);
-  ASSERT_TRUE(child.AwaitOutput("Old password: "));
-  EXPECT_FALSE(child.Echoes());
-  child.Write("hunter2\n");
-  ASSERT_TRUE(child.AwaitOutput("New password: "));
-  child.Write("swordfish\n");
-  ASSERT_TRUE(child.AwaitOutput("New password again: "));
-  child.Write("swordfish\n");
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitOutput("Old password: "));
+  EXPECT_FALSE(child.echoes());
+  child.write("hunter2\n");
+  ASSERT_TRUE(child.awaitOutput("New password: "));
+  child.write("swordfish\n");
+  ASSERT_TRUE(child.awaitOutput("New password again: "));
+  child.write("swordfish\n");
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 0) << result.out;
-  EXPECT_TRUE(child.Echoes());
+  EXPECT_TRUE(child.echoes());
   EXPECT_THAT(result.out, Not(HasSubstr("hunter2")));
   EXPECT_THAT(result.out, Not(HasSubstr("swordfish")));
-  EXPECT_EQ(Asked(), (std::vector<std::string>{"admin", "hunter2", "swordfish"}));
+  EXPECT_EQ(asked(), (std::vector<std::string>{"admin", "hunter2", "swordfish"}));
 }
 
 TEST_F(Passwords, DifferentNewPasswordsChangeNothing) {
   Child child({"user", "passwd", "--name", "n", "--old-file", File("old", "a")},
               Child::On::Terminal);
-  ASSERT_TRUE(child.AwaitOutput("New password: "));
-  child.Write("one\n");
-  ASSERT_TRUE(child.AwaitOutput("again: "));
-  child.Write("two\n");
-  EXPECT_EQ(child.Wait().status, 6);
-  EXPECT_TRUE(peer_.Received().empty());
+  ASSERT_TRUE(child.awaitOutput("New password: "));
+  child.write("one\n");
+  ASSERT_TRUE(child.awaitOutput("again: "));
+  child.write("two\n");
+  EXPECT_EQ(child.wait().status, 6);
+  EXPECT_TRUE(peer_.received().empty());
 }
 
 TEST_F(Passwords, CtrlCAtPromptRestoresEcho) {
   Child child({"user", "passwd"}, Child::On::Terminal);
-  ASSERT_TRUE(child.AwaitOutput("Old password: "));
-  child.Write("secr\x03");
-  EXPECT_EQ(child.Wait().status, 130);
-  EXPECT_TRUE(child.Echoes());
-  EXPECT_EQ(peer_.Received().size(), 1U) << "only the name was asked for";
+  ASSERT_TRUE(child.awaitOutput("Old password: "));
+  child.write("secr\x03");
+  EXPECT_EQ(child.wait().status, 130);
+  EXPECT_TRUE(child.echoes());
+  EXPECT_EQ(peer_.received().size(), 1U) << "only the name was asked for";
 }
 
 }  // namespace

@@ -30,17 +30,17 @@ bool Peer::HandleRequest(Request& request, bool& rejected) {
   return true;
 }
 
-std::vector<Peer::Request> Peer::Received() const {
+std::vector<Peer::Request> Peer::received() const {
   const std::lock_guard lock(mutex_);
   return received_;
 }
 
-bool Peer::AwaitReceived(std::size_t count) const {
+bool Peer::awaitReceived(std::size_t count) const {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (Received().size() < count && std::chrono::steady_clock::now() < deadline) {
+  while (received().size() < count && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  return Received().size() >= count;
+  return received().size() >= count;
 }
 
 MutePeer::MutePeer(const std::string& endpoint) {
@@ -49,16 +49,16 @@ MutePeer::MutePeer(const std::string& endpoint) {
 
 Witness::Witness() {
   std::string error;
-  EXPECT_TRUE(monitor_.Open(error)) << error;
+  EXPECT_TRUE(monitor_.open(error)) << error;
 }
 
-bool Witness::AwaitCall(const std::string& function) {
+bool Witness::awaitCall(const std::string& function) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!called_.contains(function) && std::chrono::steady_clock::now() < deadline) {
     const bool open = monitor_.Service(50, [this](const ipc::SeenMessage& seen) {
-      const variant::Variant* name = seen.body.Find("functionName");
+      const variant::Variant* name = seen.body.find("functionName");
       if (seen.kind == ipc::SeenMessage::Kind::Call && name != nullptr) {
-        called_.insert(name->ToText());
+        called_.insert(name->toText());
       }
     });
     if (!open) {

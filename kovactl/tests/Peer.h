@@ -26,9 +26,9 @@ class Peer : private ipc::BaseHandler {
   ~Peer() override;
 
   /// The requests received so far.
-  std::vector<Request> Received() const;
+  std::vector<Request> received() const;
   /// Waits until this number of requests has been received.
-  bool AwaitReceived(std::size_t count) const;
+  bool awaitReceived(std::size_t count) const;
 
  private:
   bool HandleRequest(Request& request, bool& rejected) override;
@@ -55,7 +55,7 @@ class Witness {
  public:
   Witness();
   /// Waits for a request to this function.
-  bool AwaitCall(const std::string& function);
+  bool awaitCall(const std::string& function);
 
  private:
   ipc::BusMonitor monitor_;

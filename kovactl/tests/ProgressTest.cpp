@@ -41,25 +41,25 @@ TEST(ProgressLine, FitsNarrowTerminals) {
 TEST(Rate, IsOfLastSeconds) {
   Rate rate;
   const Rate::Clock::time_point start{};
-  EXPECT_EQ(rate.PerSecond(), 0);
-  rate.Add(0, start);
-  EXPECT_EQ(rate.PerSecond(), 0);
-  rate.Add(1000, start + 1s);
-  EXPECT_EQ(rate.PerSecond(), 1000);
+  EXPECT_EQ(rate.perSecond(), 0);
+  rate.add(0, start);
+  EXPECT_EQ(rate.perSecond(), 0);
+  rate.add(1000, start + 1s);
+  EXPECT_EQ(rate.perSecond(), 1000);
   for (int second = 2; second <= 20; ++second) {
-    rate.Add(1000, start + std::chrono::seconds(second));
+    rate.add(1000, start + std::chrono::seconds(second));
   }
-  EXPECT_EQ(rate.PerSecond(), 0);
+  EXPECT_EQ(rate.perSecond(), 0);
 }
 
 TEST(Rate, SurvivesCountsThatShrinkAndMissingTime) {
   Rate rate;
   const Rate::Clock::time_point start{};
-  rate.Add(5000, start);
-  rate.Add(10, start + 1s);
-  EXPECT_EQ(rate.PerSecond(), 0);
-  rate.Add(20, start + 1s);
-  EXPECT_EQ(rate.PerSecond(), 0);
+  rate.add(5000, start);
+  rate.add(10, start + 1s);
+  EXPECT_EQ(rate.perSecond(), 0);
+  rate.add(20, start + 1s);
+  EXPECT_EQ(rate.perSecond(), 0);
 }
 
 }  // namespace

@@ -25,9 +25,9 @@ TEST_F(Reboots, SucceedWhenServerDisappears) {
   auto peer = std::make_unique<MutePeer>();
   Witness witness;
   Child child({"reboot"});
-  ASSERT_TRUE(witness.AwaitCall("Reboot"));
+  ASSERT_TRUE(witness.awaitCall("Reboot"));
   peer.reset();
-  const Result result = child.Wait();
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "The camera reboots; it has already left the bus.\n");
   EXPECT_EQ(result.err, "");
@@ -37,9 +37,9 @@ TEST_F(Reboots, SucceedWhenBusCloses) {
   MutePeer peer;
   Witness witness;
   Child child({"reboot", "--delay", "1"});
-  ASSERT_TRUE(witness.AwaitCall("Reboot"));
-  bus_.Kill();
-  const Result result = child.Wait();
+  ASSERT_TRUE(witness.awaitCall("Reboot"));
+  bus_.kill();
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "The camera reboots in 1 s; it has already left the bus.\n");
   EXPECT_EQ(result.err, "");
@@ -49,18 +49,18 @@ TEST_F(Reboots, SucceedWhenSigtermStopsClient) {
   MutePeer peer;
   Witness witness;
   Child terminated({"reboot"});
-  ASSERT_TRUE(witness.AwaitCall("Reboot"));
-  terminated.Signal(SIGTERM);
-  EXPECT_EQ(terminated.Wait().status, 0);
+  ASSERT_TRUE(witness.awaitCall("Reboot"));
+  terminated.signal(SIGTERM);
+  EXPECT_EQ(terminated.wait().status, 0);
 }
 
 TEST_F(Reboots, CtrlCIsReported) {
   MutePeer peer;
   Witness witness;
   Child interrupted({"reboot"});
-  ASSERT_TRUE(witness.AwaitCall("Reboot"));
-  interrupted.Signal(SIGINT);
-  EXPECT_EQ(interrupted.Wait().status, 130);
+  ASSERT_TRUE(witness.awaitCall("Reboot"));
+  interrupted.signal(SIGINT);
+  EXPECT_EQ(interrupted.wait().status, 130);
 }
 
 TEST_F(Reboots, FailWithoutServer) {

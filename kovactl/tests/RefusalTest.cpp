@@ -37,7 +37,7 @@ struct Mistake {
 
 class Refusals : public ::testing::Test {
  protected:
-  static void Expect(const Mistake& mistake) {
+  static void expect(const Mistake& mistake) {
     const Result result = run(mistake.typed);
     const std::string typed = ::testing::PrintToString(mistake.typed);
     EXPECT_EQ(result.status, mistake.status) << typed << result.err;
@@ -106,9 +106,9 @@ TEST_F(Refusals, WrongUsageIsExplained) {
       {{"timezones", "xyzzy"}, 2, "\"kovactl timezones\" lists all"},
   };
   for (const Mistake& mistake : mistakes) {
-    Expect(mistake);
+    expect(mistake);
   }
-  EXPECT_TRUE(peer.Received().empty()) << "the camera was asked";
+  EXPECT_TRUE(peer.received().empty()) << "the camera was asked";
 }
 
 TEST_F(Refusals, UnusableBusIsExplained) {
@@ -128,10 +128,10 @@ TEST_F(Refusals, UnusableBusIsExplained) {
       {{"listen", "a..b"}, 3, "choose one such as client.me"},
   };
   for (const Mistake& mistake : mistakes) {
-    Expect(mistake);
+    expect(mistake);
   }
   const Peer taken(takingNote(), "client.me");
-  Expect({{"listen", "client.me"}, 3, "is taken on the bus: choose another"});
+  expect({{"listen", "client.me"}, 3, "is taken on the bus: choose another"});
 }
 
 TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
@@ -139,22 +139,22 @@ TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
     GTEST_SKIP() << "no zones are installed here";
   }
   const Peer peer(answering(1));
-  Expect({{"settings", "timezone=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
-  Expect({{"settings", "region=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
-  Expect({{"settings", "region=US"}, 1, "see the camera's log"});
-  Expect({{"settings", "timezone=Europe/Paris"}, 1, "see the camera's log"});
+  expect({{"settings", "timezone=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
+  expect({{"settings", "region=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
+  expect({{"settings", "region=US"}, 1, "see the camera's log"});
+  expect({{"settings", "timezone=Europe/Paris"}, 1, "see the camera's log"});
 }
 
 TEST_F(Refusals, ServiceNeededByCameraIsReported) {
   const Peer peer(answering(1));
-  Expect({{"service", "stop", "kova_bus"}, 1, "it cannot be managed without kova_bus"});
-  Expect({{"service", "start", "kova_bus"}, 1, "\"kova_bus\""});
-  Expect({{"service", "stop", "lights"}, 1, "\"lights\""});
+  expect({{"service", "stop", "kova_bus"}, 1, "it cannot be managed without kova_bus"});
+  expect({{"service", "start", "kova_bus"}, 1, "\"kova_bus\""});
+  expect({{"service", "stop", "lights"}, 1, "\"lights\""});
 }
 
 TEST_F(Refusals, ModelWithoutTimelapseIsReported) {
   Peer peer(answering(0, Variant::Map{{"name", "Porch"}}));
-  Expect({{"settings", "timelapse=on"}, 1, "this model has no time-lapse"});
+  expect({{"settings", "timelapse=on"}, 1, "this model has no time-lapse"});
   EXPECT_EQ(run({"settings", "name=Porch"}).status, 0);
 }
 
@@ -165,18 +165,18 @@ TEST_F(Refusals, DoubtfulFieldsCauseWarning) {
   EXPECT_EQ(result.err,
             "kovactl: warning: GetSystemStats has no field \"wfi\", it will be ignored: did you "
             "mean \"wifi\"?\n");
-  EXPECT_EQ(*peer.Received().front().Find("wfi"), Variant(true));
+  EXPECT_EQ(*peer.received().front().find("wfi"), Variant(true));
   EXPECT_EQ(run({"call", "GetSystemStats", "wifi:=true"}).err, "");
 }
 
 TEST_F(Refusals, UnknownFunctionSuggestsKnownOne) {
   Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
-  Expect({{"call", "getsystemstats"}, 1, "has no function getsystemstats: did you mean GetSyst"});
+  expect({{"call", "getsystemstats"}, 1, "has no function getsystemstats: did you mean GetSyst"});
 }
 
 TEST_F(Refusals, SilenceOfTransferIsOneLine) {
   Peer peer(takingNote());
-  Expect({{"firmware", "http://x/", "--timeout", "50ms", "--wait"}, 5, "no event within the time"});
+  expect({{"firmware", "http://x/", "--timeout", "50ms", "--wait"}, 5, "no event within the time"});
 }
 
 TEST(Denial, UserOutsideGroupGetsAdvice) {
@@ -213,7 +213,7 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
   const std::string socket = bus.address().substr(std::string("unix:path=").size());
   std::filesystem::permissions(socket, std::filesystem::perms{0600});
   EXPECT_THAT(output("stats"), HasSubstr("kova\" as root, then log in again\n"));
-  EXPECT_TRUE(peer.Received().empty());
+  EXPECT_TRUE(peer.received().empty());
 }
 
 }  // namespace

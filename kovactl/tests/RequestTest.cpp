@@ -32,11 +32,11 @@ TEST_F(Requests, CallPrintsPayload) {
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "a.b  c\\x1b\nn    5\n");
   EXPECT_EQ(result.err, "");
-  ASSERT_EQ(peer.Received().size(), 1U);
-  Peer::Request request = peer.Received().front();
+  ASSERT_EQ(peer.received().size(), 1U);
+  Peer::Request request = peer.received().front();
   EXPECT_EQ(request.functionName(), "Anything");
-  EXPECT_EQ(*request.Find("text"), Variant("12"));
-  EXPECT_EQ(*request.Find("number"), Variant(std::int32_t{12}));
+  EXPECT_EQ(*request.find("text"), Variant("12"));
+  EXPECT_EQ(*request.find("number"), Variant(std::int32_t{12}));
   EXPECT_TRUE(request.responseExpected());
 }
 
@@ -45,12 +45,12 @@ TEST_F(Requests, CallPrintsWholeAnswerAsJson) {
   const Result result = run({"call", "Anything", "--json", "id:=77"});
   EXPECT_EQ(result.status, 0);
   const Variant document = jsonOf(result.out);
-  EXPECT_EQ(*document.Find("ok"), Variant(true));
-  EXPECT_TRUE(document.Find("error")->IsEmpty());
-  const Variant answer = *document.Find("result");
-  EXPECT_EQ(answer.Find("functionName")->ToText(), "__response__");
-  EXPECT_EQ(answer.Find("requestId")->ToText(), "77");
-  EXPECT_EQ(answer.Find("payload")->Find("n")->ToNumber<int>(), 5);
+  EXPECT_EQ(*document.find("ok"), Variant(true));
+  EXPECT_TRUE(document.find("error")->isEmpty());
+  const Variant answer = *document.find("result");
+  EXPECT_EQ(answer.find("functionName")->toText(), "__response__");
+  EXPECT_EQ(answer.find("requestId")->toText(), "77");
+  EXPECT_EQ(answer.find("payload")->find("n")->toNumber<int>(), 5);
 }
 
 TEST_F(Requests, FailuresHaveSameShapeAsJson) {
@@ -65,25 +65,25 @@ TEST_F(Requests, FailuresHaveSameShapeAsJson) {
     const Result result = run(arguments);
     EXPECT_NE(result.status, 0);
     const Variant document = jsonOf(result.out);
-    EXPECT_EQ(*document.Find("ok"), Variant(false)) << code;
-    EXPECT_TRUE(document.Find("result")->IsEmpty());
-    EXPECT_EQ(document.Find("error")->Find("code")->ToText(), code);
+    EXPECT_EQ(*document.find("ok"), Variant(false)) << code;
+    EXPECT_TRUE(document.find("result")->isEmpty());
+    EXPECT_EQ(document.find("error")->find("code")->toText(), code);
     EXPECT_THAT(result.err,
-                HasSubstr("kovactl: " + document.Find("error")->Find("text")->ToText()));
+                HasSubstr("kovactl: " + document.find("error")->find("text")->toText()));
   }
   Peer peer(answering(1, Variant::Map{{"partial", 5}}));
   const Result result = run({"call", "Anything", "--json"});
   EXPECT_EQ(result.status, 1);
   const Variant document = jsonOf(result.out);
-  EXPECT_EQ(document.Find("error")->Find("code")->ToText(), "refused");
-  EXPECT_EQ(document.Find("result")->Find("payload")->Find("partial")->ToNumber<int>(), 5);
+  EXPECT_EQ(document.find("error")->find("code")->toText(), "refused");
+  EXPECT_EQ(document.find("result")->find("payload")->find("partial")->toNumber<int>(), 5);
 }
 
 TEST_F(Requests, CommandsWithoutResultPrintNull) {
   Peer peer(takingNote());
   const Variant document = jsonOf(run({"save", "--json"}).out);
-  EXPECT_EQ(*document.Find("ok"), Variant(true));
-  EXPECT_TRUE(document.Find("result")->IsEmpty());
+  EXPECT_EQ(*document.find("ok"), Variant(true));
+  EXPECT_TRUE(document.find("result")->isEmpty());
 }
 
 TEST_F(Requests, EmptyAnswerIsSuccess) {
@@ -91,7 +91,7 @@ TEST_F(Requests, EmptyAnswerIsSuccess) {
   EXPECT_EQ(run({"call", "Anything"}).out, "Accepted; the answer is empty.\n");
   const Result result = run({"call", "Anything", "--json"});
   EXPECT_EQ(result.status, 0);
-  EXPECT_TRUE(jsonOf(result.out).Find("result")->IsEmpty());
+  EXPECT_TRUE(jsonOf(result.out).find("result")->isEmpty());
 }
 
 TEST_F(Requests, RefusalGivesStatus1AndOneLine) {
@@ -143,9 +143,9 @@ TEST_F(Requests, VanishedEndpointGivesStatus4) {
   auto peer = std::make_unique<MutePeer>();
   Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.AwaitCall("Anything"));
+  ASSERT_TRUE(witness.awaitCall("Anything"));
   peer.reset();
-  const Result result = child.Wait();
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 4);
   EXPECT_THAT(result.err, HasSubstr("Anything failed: "));
 }
@@ -154,9 +154,9 @@ TEST_F(Requests, ClosedBusGivesStatus3) {
   MutePeer peer;
   Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.AwaitCall("Anything"));
-  bus_.Kill();
-  const Result result = child.Wait();
+  ASSERT_TRUE(witness.awaitCall("Anything"));
+  bus_.kill();
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.err, "kovactl: the connection to the bus was lost\n");
 }
@@ -166,18 +166,18 @@ TEST_F(Requests, NoReplyDoesNotWait) {
   const Result result = run({"call", "Anything", "--no-reply"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "");
-  ASSERT_TRUE(peer.AwaitReceived(1));
-  EXPECT_FALSE(peer.Received().front().responseExpected());
+  ASSERT_TRUE(peer.awaitReceived(1));
+  EXPECT_FALSE(peer.received().front().responseExpected());
   EXPECT_EQ(run({"call", "Anything", "responseExpected:=false"}).status, 0);
-  ASSERT_TRUE(peer.AwaitReceived(2));
-  EXPECT_FALSE(peer.Received().back().responseExpected());
+  ASSERT_TRUE(peer.awaitReceived(2));
+  EXPECT_FALSE(peer.received().back().responseExpected());
 }
 
 TEST_F(Requests, CallSetsSender) {
   Peer peer(answering(0));
   EXPECT_EQ(run({"call", "Anything", "--from", "client.else"}).status, 0);
-  ASSERT_EQ(peer.Received().size(), 1U);
-  EXPECT_EQ(peer.Received().front().from(), "client.else");
+  ASSERT_EQ(peer.received().size(), 1U);
+  EXPECT_EQ(peer.received().front().from(), "client.else");
 }
 
 TEST_F(Requests, UsageErrorsGiveStatus2AndSendNothing) {
@@ -216,25 +216,25 @@ TEST_F(Requests, UsageErrorsGiveStatus2AndSendNothing) {
     EXPECT_EQ(result.out, "") << ::testing::PrintToString(arguments);
     EXPECT_EQ(result.err.rfind("kovactl: ", 0), 0U) << result.err;
   }
-  EXPECT_TRUE(peer.Received().empty());
+  EXPECT_TRUE(peer.received().empty());
 }
 
 TEST_F(Requests, CtrlCStopsWait) {
   MutePeer peer;
   Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.AwaitCall("Anything"));
-  child.Signal(SIGINT);
-  EXPECT_EQ(child.Wait().status, 130);
+  ASSERT_TRUE(witness.awaitCall("Anything"));
+  child.signal(SIGINT);
+  EXPECT_EQ(child.wait().status, 130);
 }
 
 TEST_F(Requests, SigtermStopsWait) {
   MutePeer peer;
   Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.AwaitCall("Anything"));
-  child.Signal(SIGTERM);
-  EXPECT_EQ(child.Wait().status, 143);
+  ASSERT_TRUE(witness.awaitCall("Anything"));
+  child.signal(SIGTERM);
+  EXPECT_EQ(child.wait().status, 143);
 }
 
 TEST_F(Requests, SimpleCommandsSendRequests) {
@@ -261,14 +261,14 @@ TEST_F(Requests, SimpleCommandsSendRequests) {
   for (const auto& [arguments, expected] : table) {
     const Result result = run(arguments);
     EXPECT_EQ(result.status, 0) << arguments.front() << result.err;
-    const Peer::Request request = peer.Received().back();
+    const Peer::Request request = peer.received().back();
     const Variant fields = jsonOf(expected);
-    for (const auto& [key, value] : fields.Elements()) {
-      ASSERT_NE(request.Find(key), nullptr) << key;
-      EXPECT_EQ(request.Find(key)->ToJSON(), value.ToJSON()) << key;
+    for (const auto& [key, value] : fields.elements()) {
+      ASSERT_NE(request.find(key), nullptr) << key;
+      EXPECT_EQ(request.find(key)->toJson(), value.toJson()) << key;
     }
   }
-  EXPECT_EQ(peer.Received().size(), table.size());
+  EXPECT_EQ(peer.received().size(), table.size());
 }
 
 TEST_F(Requests, SettingsShowsPayloadOfFailure) {
@@ -287,15 +287,15 @@ TEST_F(Requests, SettingsShowsPayloadOfFailure) {
 TEST_F(Requests, ResetDefaultsPromptsOnTerminal) {
   Peer peer(answering(0));
   Child refuser({"reset-defaults"}, Child::On::Terminal);
-  ASSERT_TRUE(refuser.AwaitOutput("[y/N] "));
-  refuser.Write("n\n");
-  EXPECT_EQ(refuser.Wait().status, 6);
-  EXPECT_TRUE(peer.Received().empty());
+  ASSERT_TRUE(refuser.awaitOutput("[y/N] "));
+  refuser.write("n\n");
+  EXPECT_EQ(refuser.wait().status, 6);
+  EXPECT_TRUE(peer.received().empty());
   Child accepter({"reset-defaults"}, Child::On::Terminal);
-  ASSERT_TRUE(accepter.AwaitOutput("[y/N] "));
-  accepter.Write("y\n");
-  EXPECT_EQ(accepter.Wait().status, 0);
-  EXPECT_EQ(peer.Received().size(), 1U);
+  ASSERT_TRUE(accepter.awaitOutput("[y/N] "));
+  accepter.write("y\n");
+  EXPECT_EQ(accepter.wait().status, 0);
+  EXPECT_EQ(peer.received().size(), 1U);
 }
 
 TEST_F(Requests, WriteErrorGivesStatus6) {

@@ -22,9 +22,9 @@ TEST_F(Statistics, StatsPrintsTable) {
   const Result result = run({"stats", "uptime", "WIFI"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "Wi-Fi  not reported\nUp     00:01:01\n");
-  Peer::Request request = peer.Received().front();
-  EXPECT_EQ(*request.Find("uptime"), Variant(true));
-  EXPECT_EQ(*request.Find("memory"), Variant(false));
+  Peer::Request request = peer.received().front();
+  EXPECT_EQ(*request.find("uptime"), Variant(true));
+  EXPECT_EQ(*request.find("memory"), Variant(false));
 }
 
 TEST_F(Statistics, StatsShowsPayloadOfFailure) {
@@ -37,9 +37,9 @@ TEST_F(Statistics, StatsShowsPayloadOfFailure) {
 TEST_F(Statistics, WatchRepeatsUntilStopped) {
   Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
   Child child({"stats", "--watch", "0.02", "--json"});
-  ASSERT_TRUE(peer.AwaitReceived(3));
-  child.Signal(SIGINT);
-  const Result result = child.Wait();
+  ASSERT_TRUE(peer.awaitReceived(3));
+  child.signal(SIGINT);
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 130);
   const std::string line = R"({"error":null,"ok":true,"result":{"uptime":{"sec":61}}})"
                            "\n";
@@ -52,9 +52,9 @@ TEST_F(Statistics, WatchRestoresTerminal) {
   Peer peer(
       answering(0, Variant::Map{{"cpuinfo", Variant::Map{{"processor", std::string(200, 'x')}}}}));
   Child child({"stats", "--watch", "0.02"}, Child::On::Terminal);
-  ASSERT_TRUE(peer.AwaitReceived(3));
-  child.Write("\x03");  // Ctrl-C
-  const Result result = child.Wait();
+  ASSERT_TRUE(peer.awaitReceived(3));
+  child.write("\x03");  // Ctrl-C
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 130);
   EXPECT_EQ(result.out.rfind("\x1b[?1049h\x1b[?25l", 0), 0U);
   EXPECT_THAT(result.out, HasSubstr("Model  " + std::string(53, 'x') + "\x1b[K"));

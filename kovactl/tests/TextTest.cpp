@@ -105,8 +105,8 @@ TEST(Table, ValuesAreAligned) {
 
 TEST(Table, FlattenLabelsValuesWithPaths) {
   Variant value = Variant::Map{};
-  value["b"]["arr"].PushToArray(7);
-  value["b"]["arr"].PushToArray(Variant::Map{{"x", "y\n"}});
+  value["b"]["arr"].pushToArray(7);
+  value["b"]["arr"].pushToArray(Variant::Map{{"x", "y\n"}});
   value["a"] = Variant();
   EXPECT_EQ(flatten(value),
             (std::vector<Row>{{"a", "-"}, {"b.arr[0]", "7"}, {"b.arr[1].x", "y\\n"}}));

@@ -28,10 +28,10 @@ Variant with(const std::string& path, const Variant& properties) {
 
 TEST(TransferRecord, NumbersOfMessagesAreText) {
   const Variant result = transferResult(transferRecord("7", logo()));
-  EXPECT_EQ(result.Find("id")->ToText(), "7");
-  EXPECT_EQ(result.Find("requestId")->ToText(), "9007199254740993");
-  EXPECT_EQ(result.Find("started")->ToJSON(), "\"2023-11-14T22:13:20.000000Z\"");
-  EXPECT_TRUE(result.Find("ended")->IsEmpty());
+  EXPECT_EQ(result.find("id")->toText(), "7");
+  EXPECT_EQ(result.find("requestId")->toText(), "9007199254740993");
+  EXPECT_EQ(result.find("started")->toJson(), "\"2023-11-14T22:13:20.000000Z\"");
+  EXPECT_TRUE(result.find("ended")->isEmpty());
 }
 
 TEST(TransferRecord, TableIsSafeForTerminals) {
@@ -74,9 +74,9 @@ TEST(TransferRecord, ValuesOfOtherTypesReadAsNone) {
       Variant::Map{{"Kind", 5}, {"Size", "large"}, {"Started", UINT64_MAX}, {"Outcome", true}});
   EXPECT_EQ(record.kind, "");
   EXPECT_EQ(record.size, 0U);
-  EXPECT_FALSE(record.HasEnded());
+  EXPECT_FALSE(record.hasEnded());
   EXPECT_EQ(timeText(record.started), "-");
-  EXPECT_TRUE(timeResult(record.started).IsEmpty());
+  EXPECT_TRUE(timeResult(record.started).isEmpty());
 }
 
 TEST(TransferRecord, ShareIsOfPlausibleSizesOnly) {

@@ -47,12 +47,12 @@ TEST_F(Transfers, WaitReturns0ForOk) {
   const Result result = run(putLogo("10"));
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "OK\n");
-  Peer::Request request = peer.Received().front();
+  Peer::Request request = peer.received().front();
   EXPECT_THAT(request.from(), ::testing::MatchesRegex("client\\.kovactl_[0-9]+"));
-  EXPECT_EQ(request.Find("what")->ToText(), "logo");
-  EXPECT_EQ(request.Find("uri")->ToText(), "http://x/logo");
-  EXPECT_EQ(request.Find("hash")->ToText(), kDigest);
-  EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{10000}));
+  EXPECT_EQ(request.find("what")->toText(), "logo");
+  EXPECT_EQ(request.find("uri")->toText(), "http://x/logo");
+  EXPECT_EQ(request.find("hash")->toText(), kDigest);
+  EXPECT_EQ(*request.find("timeoutMs"), Variant(std::uint32_t{10000}));
 }
 
 TEST_F(Transfers, WaitReturns1ForOtherOutcome) {
@@ -71,10 +71,10 @@ TEST_F(Transfers, WaitPrintsOutcomeAsJson) {
   EXPECT_EQ(result.status, 1);
   Variant document;
   ASSERT_GT(Variant::FromJSON(result.out, document), 0) << result.out;
-  EXPECT_EQ(*document.Find("ok"), Variant(false));
-  EXPECT_EQ(*document.Find("result"),
+  EXPECT_EQ(*document.find("ok"), Variant(false));
+  EXPECT_EQ(*document.find("result"),
             (Variant(Variant::Map{{"id", Variant()},
-                                  {"requestId", std::to_string(peer.Received().front().id())},
+                                  {"requestId", std::to_string(peer.received().front().id())},
                                   {"outcome", "TRANSFER_TOOLARGE"},
                                   {"reason", ""}})));
 }
@@ -133,7 +133,7 @@ TEST_F(Transfers, FirmwareFailureIsReported) {
   const Result result = run({"firmware", "http://x/fw.bin", "--wait"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "kovactl: the transfer failed: FW_CHECK_INCOMPAT_HW\n");
-  EXPECT_EQ(*peer.Received().front().Find("timeoutMs"), Variant(std::uint32_t{600000}));
+  EXPECT_EQ(*peer.received().front().find("timeoutMs"), Variant(std::uint32_t{600000}));
 }
 
 TEST_F(Transfers, ExitsOnAcceptanceWithoutWait) {
@@ -141,13 +141,13 @@ TEST_F(Transfers, ExitsOnAcceptanceWithoutWait) {
   EXPECT_EQ(run({"put", "sound", "http://x/s.wav", "--hash", kDigest}).status, 0);
   EXPECT_EQ(run({"firmware", "http://x/fw.bin"}).status, 0);
   EXPECT_EQ(run({"get", "support", "http://x/"}).status, 0);
-  const auto received = peer.Received();
+  const auto received = peer.received();
   ASSERT_EQ(received.size(), 3U);
   // The camera refuses requests without a recipient for their events.
-  EXPECT_EQ(received[0].Find("from")->ToText(), "client.kovactl");
-  EXPECT_EQ(received[1].Find("from")->ToText(), "client.kovactl");
-  EXPECT_EQ(*received[2].Find("disableEvents"), Variant(true));
-  EXPECT_EQ(received[2].Find("what")->ToText(), "supportInfo");
+  EXPECT_EQ(received[0].find("from")->toText(), "client.kovactl");
+  EXPECT_EQ(received[1].find("from")->toText(), "client.kovactl");
+  EXPECT_EQ(*received[2].find("disableEvents"), Variant(true));
+  EXPECT_EQ(received[2].find("what")->toText(), "supportInfo");
 }
 
 TEST_F(Transfers, DigestIsComputedOrLowerCased) {
@@ -156,8 +156,8 @@ TEST_F(Transfers, DigestIsComputedOrLowerCased) {
   EXPECT_EQ(run({"put", "logo", "http://x/", "--file", file}).status, 0);
   EXPECT_EQ(run({"put", "logo", "http://x/", "--hash", "900150983CD24FB0D6963F7D28E17F72"}).status,
             0);
-  for (const Peer::Request& request : peer.Received()) {
-    EXPECT_EQ(request.Find("hash")->ToText(), kDigest);
+  for (const Peer::Request& request : peer.received()) {
+    EXPECT_EQ(request.find("hash")->toText(), kDigest);
   }
   const Result missing = run({"put", "logo", "http://x/", "--file", "/nonexistent/logo"});
   EXPECT_EQ(missing.status, 6);
@@ -170,11 +170,11 @@ TEST_F(Transfers, UploadCarriesFileNameAndFormFields) {
                  "a=b=c", "--field", "d="})
                 .status,
             0);
-  const Peer::Request request = peer.Received().front();
-  EXPECT_EQ(request.Find("what")->ToText(), "eventHeatmap");
-  EXPECT_EQ(request.Find("filename")->ToText(), "heatmap_1.png");
-  EXPECT_EQ(*request.Find("formFields"), (Variant(Variant::Map{{"a", "b=c"}, {"d", ""}})));
-  EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{90000}));
+  const Peer::Request request = peer.received().front();
+  EXPECT_EQ(request.find("what")->toText(), "eventHeatmap");
+  EXPECT_EQ(request.find("filename")->toText(), "heatmap_1.png");
+  EXPECT_EQ(*request.find("formFields"), (Variant(Variant::Map{{"a", "b=c"}, {"d", ""}})));
+  EXPECT_EQ(*request.find("timeoutMs"), Variant(std::uint32_t{90000}));
 }
 
 TEST_F(Transfers, UploadKindsSendTheirRequests) {
@@ -188,9 +188,9 @@ TEST_F(Transfers, UploadKindsSendTheirRequests) {
     std::vector<std::string> arguments = {"get", "--timeout", "7", "http://x/"};
     arguments.insert(arguments.begin() + 1, typed.begin(), typed.end());
     EXPECT_EQ(run(arguments).status, 0) << what;
-    const Peer::Request request = peer.Received().back();
-    EXPECT_EQ(request.Find("what")->ToText(), what);
-    EXPECT_EQ(*request.Find("timeoutMs"), Variant(std::uint32_t{7000}));
+    const Peer::Request request = peer.received().back();
+    EXPECT_EQ(request.find("what")->toText(), what);
+    EXPECT_EQ(*request.find("timeoutMs"), Variant(std::uint32_t{7000}));
   }
 }
 
@@ -203,18 +203,18 @@ TEST_F(Transfers, UnknownFunctionAndAbsentCameraFailAtOnce) {
 TEST_F(Transfers, BusClosedWhileWaitingGivesStatus3) {
   Peer peer(takingNote());
   Child child(putLogo("60"));
-  ASSERT_TRUE(peer.AwaitReceived(1));
-  bus_.Kill();
-  EXPECT_EQ(child.Wait().status, 3);
+  ASSERT_TRUE(peer.awaitReceived(1));
+  bus_.kill();
+  EXPECT_EQ(child.wait().status, 3);
 }
 
 TEST_F(Transfers, SpinnerIsErasedOnTerminal) {
   Peer peer(takingNote());
   Child child(putLogo("60"), Child::On::Terminal);
-  ASSERT_TRUE(child.AwaitOutput("waiting for the camera  0 s"));
-  ASSERT_TRUE(child.AwaitOutput("waiting for the camera  1 s"));
-  child.Write("\x03");
-  const Result result = child.Wait();
+  ASSERT_TRUE(child.awaitOutput("waiting for the camera  0 s"));
+  ASSERT_TRUE(child.awaitOutput("waiting for the camera  1 s"));
+  child.write("\x03");
+  const Result result = child.wait();
   EXPECT_EQ(result.status, 130);
   EXPECT_THAT(result.out, HasSubstr("\r\x1b[Kkovactl: no transfer to cancel is known"));
 }

@@ -50,8 +50,8 @@ def logged():
 def crash_headline():
     """What the crash handler logs; it puts its text together without printf(3)."""
     source = (TOP / "platform/utils/src/Crash.cpp").read_text()
-    built = source[source.index("> headline;") : source.index("sink.Line(headline")]
-    parts = re.findall(r'\.Append(Number|Hex)?\((?:"([^"\\]*)")?', built)
+    built = source[source.index("> headline;") : source.index("sink.line(headline")]
+    parts = re.findall(r'\.append(Number|Hex)?\((?:"([^"\\]*)")?', built)
     return "".join(literal or ("%d" if kind == "Number" else "%s") for kind, literal in parts)
 
 

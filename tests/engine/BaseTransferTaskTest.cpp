@@ -38,7 +38,7 @@ TEST_F(BaseTransferTaskTest, FreshTaskHasDocumentedDefaults) {
   EXPECT_EQ(task.certFile(), "/etc/persistent/server.pem");
   EXPECT_EQ(task.privKeyFile(), "");
   EXPECT_EQ(task.caCertFile(), "/etc/persistent/controller.crt");
-  EXPECT_TRUE(task.formFields().IsEmpty());
+  EXPECT_TRUE(task.formFields().isEmpty());
   EXPECT_EQ(task.startTime(), 0U);
   EXPECT_FALSE(task.inTransfer());
   EXPECT_FALSE(task.finalizing());

@@ -119,8 +119,8 @@ TEST_F(PumpGuardTest, BlockedPassLosesItsSocketsAndData) {
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
   ASSERT_EQ(send(pair.far, "unread", 6, 0), 6);
-  guard_.Watch(pair.near, mark);
-  guard_.BeginTurn(0);
+  guard_.watch(pair.near, mark);
+  guard_.beginTurn(0);
   {
     const PumpGuard::Pass pass(guard_, true);
     errno = EBADMSG;
@@ -130,21 +130,21 @@ TEST_F(PumpGuardTest, BlockedPassLosesItsSocketsAndData) {
   char buffer[6];
   EXPECT_EQ(recv(pair.near, buffer, sizeof buffer, MSG_DONTWAIT), -1);
   EXPECT_TRUE(pair.isCut());
-  guard_.Forget(pair.near);
+  guard_.forget(pair.near);
 }
 
 TEST_F(PumpGuardTest, PassesOfOneTurnShareItsTime) {
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
-  guard_.Watch(pair.near, mark);
-  guard_.BeginTurn(0);
+  guard_.watch(pair.near, mark);
+  guard_.beginTurn(0);
   const auto start = Clock::now();
   while (*mark == 0 && Clock::now() - start < std::chrono::seconds(5)) {
     const PumpGuard::Pass pass(guard_, true);
     std::this_thread::sleep_for(milliseconds(50));
   }
   EXPECT_LT(Clock::now() - start, kLongestPass);
-  guard_.Forget(pair.near);
+  guard_.forget(pair.near);
 }
 
 TEST_F(PumpGuardTest, SocketsOpenedInOrAfterBlockedPassAreCutToo) {
@@ -152,31 +152,31 @@ TEST_F(PumpGuardTest, SocketsOpenedInOrAfterBlockedPassAreCutToo) {
   const TcpPair second;
   const PumpGuard::Mark mark = newMark();
   const PumpGuard::Mark later = newMark();
-  guard_.BeginTurn(0);
+  guard_.beginTurn(0);
   {
     const PumpGuard::Pass pass(guard_, true);
     std::this_thread::sleep_for(milliseconds(PumpGuard::kTurnMs + 10));
-    guard_.Watch(first.near, mark);
+    guard_.watch(first.near, mark);
     EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
   }
-  guard_.Watch(second.near, later);
+  guard_.watch(second.near, later);
   const PumpGuard::Pass pass(guard_, true);
   EXPECT_TRUE(heldUntil([&] { return *later != 0; }));
-  guard_.Forget(first.near);
-  guard_.Forget(second.near);
+  guard_.forget(first.near);
+  guard_.forget(second.near);
 }
 
 TEST_F(PumpGuardTest, NothingIsCutOutsidePass) {
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
-  guard_.Watch(pair.near, mark);
-  guard_.BeginTurn(0);
+  guard_.watch(pair.near, mark);
+  guard_.beginTurn(0);
   { const PumpGuard::Pass pass(guard_, true); }
   { const PumpGuard::Pass pass(guard_, false); }
   std::this_thread::sleep_for(milliseconds(PumpGuard::kTurnMs + 100));
   EXPECT_EQ(*mark, 0);
   EXPECT_FALSE(pair.isCut());
-  guard_.Forget(pair.near);
+  guard_.forget(pair.near);
 }
 
 TEST_F(PumpGuardTest, ForeignSignalCutsNothing) {
@@ -191,13 +191,13 @@ TEST_F(PumpGuardTest, SignalBlockedAtStartArrives) {
   ASSERT_TRUE(guard_.Init());
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
-  guard_.Watch(pair.near, mark);
-  guard_.BeginTurn(0);
+  guard_.watch(pair.near, mark);
+  guard_.beginTurn(0);
   {
     const PumpGuard::Pass pass(guard_, true);
     EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
   }
-  guard_.Forget(pair.near);
+  guard_.forget(pair.near);
 }
 
 TEST_F(PumpGuardTest, TransfersRunUnguardedWithoutTimer) {

@@ -42,7 +42,7 @@ std::string RawRequest::header(std::string_view name) const {
 Connection::Connection(RawServer& server, int fd, unsigned number)
     : server_(server), fd_(fd), number_(number) {}
 
-bool Connection::Receive() {
+bool Connection::receive() {
   std::array<char, 65536> chunk;
   const ssize_t got = recv(fd_, chunk.data(), chunk.size(), 0);
   if (got > 0) {
@@ -54,7 +54,7 @@ bool Connection::Receive() {
 bool Connection::readHead() {
   std::size_t end;
   while ((end = buffered_.find("\r\n\r\n")) == std::string::npos) {
-    if (!Receive()) {
+    if (!receive()) {
       return false;
     }
   }
@@ -68,21 +68,21 @@ bool Connection::readRequest() {
 }
 
 bool Connection::readBody() {
-  const bool whole = ReadBody();
+  const bool whole = receiveBody();
   if (whole) {
-    server_.Note(request_);
+    server_.note(request_);
   }
   return whole;
 }
 
-bool Connection::ReadBody() {
+bool Connection::receiveBody() {
   if (request_.header("Transfer-Encoding") == "chunked") {
-    return ReadChunked();
+    return readChunked();
   }
   const std::string announced = request_.header("Content-Length");
   const std::size_t length = announced.empty() ? 0 : std::stoul(announced);
   while (buffered_.size() < length) {
-    if (!Receive()) {
+    if (!receive()) {
       return false;
     }
   }
@@ -91,10 +91,10 @@ bool Connection::ReadBody() {
   return true;
 }
 
-bool Connection::ReadLine(std::string& line) {
+bool Connection::readLine(std::string& line) {
   std::size_t end;
   while ((end = buffered_.find("\r\n")) == std::string::npos) {
-    if (!Receive()) {
+    if (!receive()) {
       return false;
     }
   }
@@ -103,12 +103,12 @@ bool Connection::ReadLine(std::string& line) {
   return true;
 }
 
-bool Connection::ReadChunked() {
+bool Connection::readChunked() {
   std::string line;
-  while (ReadLine(line)) {
+  while (readLine(line)) {
     const std::size_t length = std::stoul(line, nullptr, 16);
     while (buffered_.size() < length + 2) {
-      if (!Receive()) {
+      if (!receive()) {
         return false;
       }
     }
@@ -142,7 +142,7 @@ void Connection::trickle(std::string_view bytes, int milliseconds) {
 }
 
 void Connection::awaitClose() {
-  while (Receive()) {
+  while (receive()) {
   }
 }
 
@@ -161,7 +161,7 @@ RawServer::RawServer(Script script) : script_(std::move(script)) {
     throw std::runtime_error("cannot listen on the loopback interface");
   }
   port_ = ntohs(address.sin_port);
-  acceptor_ = std::thread([this] { Accept(); });
+  acceptor_ = std::thread([this] { accept(); });
 }
 
 RawServer::~RawServer() {
@@ -180,7 +180,7 @@ RawServer::~RawServer() {
   close(listener_);
 }
 
-void RawServer::Accept() {
+void RawServer::accept() {
   for (;;) {
     const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
@@ -192,11 +192,11 @@ void RawServer::Accept() {
       return;
     }
     open_.push_back(fd);
-    workers_.emplace_back([this, fd, number = accepted_++] { Serve(fd, number); });
+    workers_.emplace_back([this, fd, number = accepted_++] { serve(fd, number); });
   }
 }
 
-void RawServer::Serve(int fd, unsigned number) {
+void RawServer::serve(int fd, unsigned number) {
   Connection connection(*this, fd, number);
   script_(connection);
   const std::lock_guard lock(mutex_);
@@ -204,7 +204,7 @@ void RawServer::Serve(int fd, unsigned number) {
   close(fd);
 }
 
-void RawServer::Note(const RawRequest& request) {
+void RawServer::note(const RawRequest& request) {
   const std::lock_guard lock(mutex_);
   requests_.push_back(request);
 }

@@ -49,10 +49,10 @@ class Connection {
   void resetOnClose();
 
  private:
-  bool Receive();
-  bool ReadBody();
-  bool ReadChunked();
-  bool ReadLine(std::string& line);
+  bool receive();
+  bool receiveBody();
+  bool readChunked();
+  bool readLine(std::string& line);
 
   RawServer& server_;
   int fd_;
@@ -83,9 +83,9 @@ class RawServer {
  private:
   friend class Connection;
 
-  void Accept();
-  void Serve(int fd, unsigned number);
-  void Note(const RawRequest& request);
+  void accept();
+  void serve(int fd, unsigned number);
+  void note(const RawRequest& request);
 
   const Script script_;
   int listener_ = -1;

@@ -9,7 +9,7 @@ TlsFlood::TlsFlood(const Identity& identity, Message message, std::string begun)
     : context_(SSL_CTX_new(TLS_server_method())),
       message_(std::move(message)),
       begun_(std::move(begun)),
-      server_([this](Connection& connection) { Serve(connection.descriptor()); }) {
+      server_([this](Connection& connection) { serve(connection.descriptor()); }) {
   if (context_ == nullptr ||
       SSL_CTX_use_certificate(context_.get(), identity.certificate.get()) != 1 ||
       SSL_CTX_use_PrivateKey(context_.get(), identity.key.get()) != 1) {
@@ -27,7 +27,7 @@ bool TlsFlood::keyUpdate(SSL* ssl) {
 
 // The peer resets the connection at any time; OpenSSL writes without MSG_NOSIGNAL, so the tests
 // ignore SIGPIPE.
-void TlsFlood::Serve(int fd) {
+void TlsFlood::serve(int fd) {
   const utils::Handle<SSL, SSL_free> ssl(SSL_new(context_.get()));
   std::array<char, 4096> request;
   if (SSL_set_fd(ssl.get(), fd) != 1 || SSL_accept(ssl.get()) != 1 ||

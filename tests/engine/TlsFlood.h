@@ -29,7 +29,7 @@ class TlsFlood {
   static bool keyUpdate(SSL* ssl);
 
  private:
-  void Serve(int fd);
+  void serve(int fd);
 
   utils::Handle<SSL_CTX, SSL_CTX_free> context_;
   const Message message_;

@@ -67,14 +67,14 @@ TEST_F(UploadTest, FieldsFollowFileInKeyOrder) {
   const RawRequest request = server.requests().at(0);
   EXPECT_EQ(request.body, form(request, {{"payload", "content"},
                                          {"Alpha", "1"},
-                                         {"beta", fields["beta"].ToText()},
+                                         {"beta", fields["beta"].toText()},
                                          {"zeta", ""}}));
 }
 
 TEST_F(UploadTest, NonMapFieldsAreOmitted) {
   RawServer server(answering(okResponse("")));
   variant::Variant list;
-  list.PushToArray("text");
+  list.pushToArray("text");
   EXPECT_EQ(send(server.uri(), write("file", "content"), list), "success");
   const RawRequest request = server.requests().at(0);
   EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));

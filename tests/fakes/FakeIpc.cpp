@@ -15,47 +15,47 @@ namespace {
 /// Records what is published and signalled, with the values that a client would see.
 class RecordedObjects : public Objects {
  public:
-  bool Publish(const Interface& interface, PublishedObject* object) override {
+  bool publish(const Interface& interface, PublishedObject* object) override {
     platform().bus.published.push_back({"", interface, object, nullptr});
     return true;
   }
-  bool Publish(const std::string& folder, const Interface& interface,
+  bool publish(const std::string& folder, const Interface& interface,
                PublishedFolder* objects) override {
     platform().bus.published.push_back({folder, interface, nullptr, objects});
     return true;
   }
-  bool Changed(const PublishedObject& object, const std::vector<std::size_t>& places) override {
-    const Interface* interface = InterfaceOf(&object, nullptr);
+  bool changed(const PublishedObject& object, const std::vector<std::size_t>& places) override {
+    const Interface* interface = interfaceOf(&object, nullptr);
     return interface != nullptr &&
            Signal({"changed", interface->name, 0,
-                   Values(*interface, places, [&](auto place) { return object.Read(place); })});
+                   Values(*interface, places, [&](auto place) { return object.read(place); })});
   }
-  bool Changed(const PublishedFolder& objects, std::uint64_t number,
+  bool changed(const PublishedFolder& objects, std::uint64_t number,
                const std::vector<std::size_t>& places) override {
-    const Interface* interface = InterfaceOf(nullptr, &objects);
+    const Interface* interface = interfaceOf(nullptr, &objects);
     return interface != nullptr &&
            Signal({"changed", interface->name, number, Values(*interface, places, [&](auto place) {
-                     return objects.Read(number, place);
+                     return objects.read(number, place);
                    })});
   }
-  bool Added(const PublishedFolder& objects, std::uint64_t number) override {
-    const Interface* interface = InterfaceOf(nullptr, &objects);
+  bool added(const PublishedFolder& objects, std::uint64_t number) override {
+    const Interface* interface = interfaceOf(nullptr, &objects);
     if (interface == nullptr) {
       return false;
     }
     std::vector<std::size_t> all(interface->properties.size());
     std::iota(all.begin(), all.end(), 0);
     return Signal({"added", interface->name, number, Values(*interface, all, [&](auto place) {
-                     return objects.Read(number, place);
+                     return objects.read(number, place);
                    })});
   }
-  bool Removed(const PublishedFolder& objects, std::uint64_t number) override {
-    const Interface* interface = InterfaceOf(nullptr, &objects);
+  bool removed(const PublishedFolder& objects, std::uint64_t number) override {
+    const Interface* interface = interfaceOf(nullptr, &objects);
     return interface != nullptr && Signal({"removed", interface->name, number});
   }
 
  private:
-  static const Interface* InterfaceOf(const PublishedObject* object,
+  static const Interface* interfaceOf(const PublishedObject* object,
                                       const PublishedFolder* objects) {
     const auto& all = platform().bus.published;
     const auto found = std::find_if(all.begin(), all.end(), [&](const auto& one) {
@@ -96,8 +96,8 @@ std::unique_ptr<Ipc> instance;
 
 // As it was sent: the accessor would repair a name that is missing or mistyped.
 std::string functionNameOf(const variant::Variant& message) {
-  const variant::Variant* name = message.Find("functionName");
-  return name != nullptr ? name->ToText() : std::string();
+  const variant::Variant* name = message.find("functionName");
+  return name != nullptr ? name->toText() : std::string();
 }
 
 // D-Bus specification, "Bus names".
@@ -209,7 +209,7 @@ bool Ipc::SendResponse(messages::BaseRequestMessage& request,
   return platform().bus.sendResult;
 }
 
-bool Ipc::IsPresent(const std::string&) const {
+bool Ipc::isPresent(const std::string&) const {
   return true;
 }
 

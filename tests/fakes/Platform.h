@@ -73,7 +73,7 @@ struct Statistics {
   std::string defaultInterface;
 };
 
-/// What is published at "/kova" or below, as given to Objects::Publish().
+/// What is published at "/kova" or below, as given to Objects::publish().
 struct Published {
   std::string folder;  ///< "": the object "/kova" itself
   ipc::Interface interface;

@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   Variant again;
-  if (read != static_cast<int>(size) || Variant::FromJSON(value.ToJSON(), again) < 0 ||
+  if (read != static_cast<int>(size) || Variant::FromJSON(value.toJson(), again) < 0 ||
       !(again == value)) {
     std::abort();
   }

@@ -76,7 +76,7 @@ class Source {
       if (byte() % 2 == 0) {
         made[text()] = value(depth - 1);
       } else {
-        made.PushToArray(value(depth - 1));
+        made.pushToArray(value(depth - 1));
       }
     }
     return made;
@@ -110,13 +110,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   auto message = chosen.make(content);
   message->NormalizeFields();
-  check(message->IsMap());
-  check(*message->Find("functionName") == Variant(chosen.name));
+  check(message->isMap());
+  check(*message->find("functionName") == Variant(chosen.name));
   for (const auto& field : chosen.fields) {
-    check(message->Find(field.key) != nullptr);
+    check(message->find(field.key) != nullptr);
   }
-  const std::string once = message->ToJSON();
+  const std::string once = message->toJson();
   message->NormalizeFields();
-  check(message->ToJSON() == once);
+  check(message->toJson() == once);
   return 0;
 }

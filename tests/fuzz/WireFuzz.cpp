@@ -25,13 +25,13 @@ void require(bool holds) {
 
 unsigned depthOf(const Variant& value) {
   unsigned deepest = 0;
-  for (const auto& [key, element] : value.Elements()) {
+  for (const auto& [key, element] : value.elements()) {
     deepest = std::max(deepest, depthOf(element));
   }
-  for (const auto& item : value.Items()) {
+  for (const auto& item : value.items()) {
     deepest = std::max(deepest, depthOf(item));
   }
-  return value.IsContainer() ? deepest + 1 : 0;
+  return value.isContainer() ? deepest + 1 : 0;
 }
 
 // Empty when the value cannot be sent; its size and nesting can grow beyond the limits, since
@@ -39,11 +39,11 @@ unsigned depthOf(const Variant& value) {
 std::string marshal(OfflineBus& bus, const Variant& value) {
   std::string reason;
   std::size_t size = 0;
-  const MessagePtr message = bus.NewMessage();
+  const MessagePtr message = bus.newMessage();
   const bool sendable = wire::measure(value, size, reason);
   require(wire::encode(value, message.get(), reason) == sendable);
   require(sendable || !reason.empty());
-  const std::string body = sendable ? bus.Marshal(message.get()) : "";
+  const std::string body = sendable ? bus.marshal(message.get()) : "";
   require(!sendable || body.size() == size);
   return body;
 }
@@ -53,7 +53,7 @@ void checkRoundtrip(OfflineBus& bus, const Variant& value) {
   if (body.empty()) {
     return;
   }
-  const MessagePtr message = bus.Receive("a{sv}", body);
+  const MessagePtr message = bus.receive("a{sv}", body);
   std::string reason;
   Variant again;
   require(message != nullptr && wire::decode(message.get(), again, reason));
@@ -70,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   const std::string_view signature = input.substr(1, data[0]);
-  const MessagePtr message = bus.Receive(signature, input.substr(1 + signature.size()));
+  const MessagePtr message = bus.receive(signature, input.substr(1 + signature.size()));
   if (message == nullptr) {
     return 0;
   }
@@ -83,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(!reason.empty());
     return 0;
   }
-  require(value.IsMap() && depthOf(value) <= wire::kMaxDepth);
+  require(value.isMap() && depthOf(value) <= wire::kMaxDepth);
   checkRoundtrip(bus, value);
   return 0;
 }

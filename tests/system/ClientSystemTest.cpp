@@ -16,9 +16,9 @@ class ClientSystem : public SharedCamera {
     EXPECT_EQ(listed.status, 0) << listed.err;
     Variant document;
     EXPECT_GT(Variant::FromJSON(listed.out, document), 0) << listed.out;
-    for (const Variant& entry : document["result"].Items()) {
-      if (entry.Find("name")->ToText() == name) {
-        return entry.Find("state")->ToText() + (entry.Find("atBoot")->ToBool() ? ", at boot" : "");
+    for (const Variant& entry : document["result"].items()) {
+      if (entry.find("name")->toText() == name) {
+        return entry.find("state")->toText() + (entry.find("atBoot")->toBool() ? ", at boot" : "");
       }
     }
     return "not listed";

@@ -28,7 +28,7 @@ class FirmwareSystem : public TransferRig {
   static std::string ownBoard() {
     Variant info;
     EXPECT_GT(Variant::FromJSON(readFile(inside("/usr/share/kova/camera_info.json")), info), 0);
-    return std::to_string(info["sysid"].ToNumber<std::uint32_t>());
+    return std::to_string(info["sysid"].toNumber<std::uint32_t>());
   }
 
   std::uint64_t update(const std::string& content) {

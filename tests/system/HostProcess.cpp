@@ -51,13 +51,13 @@ HostProcess::HostProcess(pid_t pid)
 }
 
 void HostProcess::signal(int number) const {
-  if (syscall(SYS_pidfd_send_signal, handle_.Get(), number, nullptr, 0) != 0) {
+  if (syscall(SYS_pidfd_send_signal, handle_.get(), number, nullptr, 0) != 0) {
     throw std::system_error(errno, std::generic_category(), "the process cannot be signalled");
   }
 }
 
 bool HostProcess::waitForEnd(std::chrono::milliseconds limit) const {
-  pollfd end{handle_.Get(), POLLIN, 0};
+  pollfd end{handle_.get(), POLLIN, 0};
   return poll(&end, 1, static_cast<int>(limit.count())) == 1;
 }
 

@@ -33,7 +33,7 @@ class LimitsSystem : public TransferRig {
     Variant info;
     EXPECT_GT(Variant::FromJSON(readFile(inside("/usr/share/kova/camera_info.json")), info), 0);
     const Result made =
-        run(KOVA_MKFIRMWARE, {file, "--board", std::to_string(info["sysid"].ToNumber<unsigned>()),
+        run(KOVA_MKFIRMWARE, {file, "--board", std::to_string(info["sysid"].toNumber<unsigned>()),
                               "--version", "9.9", "--payload", payload});
     EXPECT_EQ(made.status, 0) << made.err;
     std::string content = readFile(file);

@@ -14,8 +14,8 @@ Manager::Manager()
       camera_(engine::makeIdentity({.host = "camera", .issuer = &authority_})),
       web_({.identity = &server_, .clientCa = &authority_}) {
   web_.server().Get(R"(/files/(.*))",
-                    [this](const auto& request, auto& response) { Serve(request, response); });
-  web_.server().Post(R"(/upload/(.*))", [this](const auto& request, auto&) { Keep(request); });
+                    [this](const auto& request, auto& response) { serve(request, response); });
+  web_.server().Post(R"(/upload/(.*))", [this](const auto& request, auto&) { keep(request); });
   web_.server().set_payload_max_length(64UL * 1024 * 1024);
   web_.start();
 }
@@ -45,7 +45,7 @@ std::size_t Manager::requests(const std::string& methodAndPath) const {
   return static_cast<std::size_t>(std::ranges::count(all, methodAndPath));
 }
 
-void Manager::Serve(const httplib::Request& request, httplib::Response& response) {
+void Manager::serve(const httplib::Request& request, httplib::Response& response) {
   const std::lock_guard lock(mutex_);
   const auto found = files_.find(request.matches[1]);
   if (found == files_.end()) {
@@ -56,7 +56,7 @@ void Manager::Serve(const httplib::Request& request, httplib::Response& response
   response.set_content(found->second, "application/octet-stream");
 }
 
-void Manager::Keep(const httplib::Request& request) {
+void Manager::keep(const httplib::Request& request) {
   Upload upload;
   for (const auto& [key, part] : request.files) {
     (key == "payload" ? upload.payload : upload.fields[key]) = part.content;

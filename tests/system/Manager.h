@@ -41,8 +41,8 @@ class Manager {
   std::size_t requests(const std::string& methodAndPath) const;
 
  private:
-  void Serve(const httplib::Request& request, httplib::Response& response);
-  void Keep(const httplib::Request& request);
+  void serve(const httplib::Request& request, httplib::Response& response);
+  void keep(const httplib::Request& request);
 
   engine::Identity authority_;
   engine::Identity server_;

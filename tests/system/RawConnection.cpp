@@ -65,9 +65,9 @@ RawConnection::RawConnection(const std::string& socketPath)
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-  setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
+  setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
   connected_ =
-      connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+      connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 bool RawConnection::login() {
@@ -84,7 +84,7 @@ bool RawConnection::call(const std::string& signature, const std::string& body,
 }
 
 bool RawConnection::send(const std::string& data) const {
-  return ::send(socket_.Get(), data.data(), data.size(), MSG_NOSIGNAL) ==
+  return ::send(socket_.get(), data.data(), data.size(), MSG_NOSIGNAL) ==
          static_cast<ssize_t>(data.size());
 }
 
@@ -92,7 +92,7 @@ bool RawConnection::receive(const std::string& expected) {
   char chunk[4096];
   ssize_t got = 0;
   while (received_.find(expected) == std::string::npos &&
-         (got = recv(socket_.Get(), chunk, sizeof chunk, 0)) > 0) {
+         (got = recv(socket_.get(), chunk, sizeof chunk, 0)) > 0) {
     received_.append(chunk, static_cast<std::size_t>(got));
   }
   return received_.find(expected) != std::string::npos;
@@ -102,7 +102,7 @@ bool RawConnection::waitForEnd() const {
   char chunk[4096];
   ssize_t got = 0;
   do {
-    got = recv(socket_.Get(), chunk, sizeof chunk, 0);
+    got = recv(socket_.get(), chunk, sizeof chunk, 0);
   } while (got > 0);
   return got == 0 || errno == ECONNRESET;
 }

@@ -60,7 +60,7 @@ int freePort() {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
   auto* generic = reinterpret_cast<sockaddr*>(&address);
-  if (bind(probe.Get(), generic, length) != 0 || getsockname(probe.Get(), generic, &length) != 0) {
+  if (bind(probe.get(), generic, length) != 0 || getsockname(probe.get(), generic, &length) != 0) {
     throw std::runtime_error("no port");
   }
   return ntohs(address.sin_port);
@@ -80,9 +80,9 @@ class RemoteSystem : public SharedCamera {
     SharedCamera::SetUp();
     ASSERT_NE(mkdtemp(folder_.data()), nullptr);
     fs::permissions(folder_, fs::perms(0755));
-    InstallServer();
-    ASSERT_NO_FATAL_FAILURE(StartServer());
-    InstallClient();
+    installServer();
+    ASSERT_NO_FATAL_FAILURE(startServer());
+    installClient();
   }
   void TearDown() override {
     if (!IsSkipped()) {
@@ -106,7 +106,7 @@ class RemoteSystem : public SharedCamera {
   std::string Key() const { return readFile(folder_ + "/root.pub"); }
 
  private:
-  void InstallServer() const {
+  void installServer() const {
     fs::remove_all(server());
     fs::create_directories(server() / "lib");
     fs::create_directories(camera().root() / "run/sshd");
@@ -130,7 +130,7 @@ class RemoteSystem : public SharedCamera {
     writeFile(etc / "group", kGroups);
   }
 
-  void StartServer() {
+  void startServer() {
     // Another process may take the port before the server does.
     for (int attempt = 0; attempt < 5; ++attempt) {
       port_ = freePort();
@@ -148,7 +148,7 @@ class RemoteSystem : public SharedCamera {
   }
 
   // A client that knows nothing of the person who runs the test.
-  void InstallClient() const {
+  void installClient() const {
     writeFile(folder_ + "/known",
               "[127.0.0.1]:" + std::to_string(port_) + " " + readFile(server() / "host.pub"));
     writeFile(folder_ + "/ssh",

@@ -25,7 +25,7 @@ std::string functionFor(const Fields& fields) {
   if (what == fields.end()) {
     return std::string(ipc::messages::UpdateFirmwareRequest::kName);
   }
-  const std::string& word = what->second.ToText();
+  const std::string& word = what->second.toText();
   return std::string(word == "logo" || word == "sound" ? ipc::messages::PutRequest::kName
                                                        : ipc::messages::GetRequest::kName);
 }

@@ -103,7 +103,7 @@ TEST_F(SettingsSystem, RegionSetsZoneOnlyWithTwoParts) {
 TEST_F(SettingsSystem, RegionOfUnknownZoneIsNotStored) {
   const std::string before = cfg();
   const LogMark mark(camera());
-  EXPECT_EQ(change(camera(), {"region=No/Where"}, 1).Find("region"), nullptr);
+  EXPECT_EQ(change(camera(), {"region=No/Where"}, 1).find("region"), nullptr);
   EXPECT_TRUE(mark.waitFor(": Failed to write timezone"));
   EXPECT_EQ(cfg(), before);
 }
@@ -121,8 +121,8 @@ TEST_F(SettingsSystem, FailingBootEnvironmentKeepsOtherChanges) {
   camera().misbehave("fw_setenv", "exit", "1");
   const Variant reply = change(camera(), {"region=Elsewhere", "soundOnBoot:=true"}, 1);
   camera().behave("fw_setenv");
-  EXPECT_NE(reply.Find("region"), nullptr);
-  EXPECT_EQ(reply.Find("soundOnBoot"), nullptr);
+  EXPECT_NE(reply.find("region"), nullptr);
+  EXPECT_EQ(reply.find("soundOnBoot"), nullptr);
   EXPECT_TRUE(mark.waitFor("CtlServer.updateSettings:"));
   EXPECT_TRUE(mark.waitFor(": Failed to set soundOnBoot to true"));
   EXPECT_EQ(setting(kRegionKey), "Elsewhere");
@@ -145,7 +145,7 @@ TEST_F(SettingsSystem, ResetSettingsRestoresNameAndZoneWithoutFlashOrReboot) {
 
 TEST_F(SettingsSystem, ModelWithoutTimelapseIgnoresIt) {
   const std::string before = cfg();
-  EXPECT_EQ(change(camera(), {"timelapseminutes:=1"}).Find("timelapseminutes"), nullptr);
+  EXPECT_EQ(change(camera(), {"timelapseminutes:=1"}).find("timelapseminutes"), nullptr);
   EXPECT_EQ(cfg(), before);
 }
 

@@ -66,7 +66,7 @@ const Lane kLanes[] = {{"snapshot", "", false, kFailingUploads},
 class MisbehavingServer : public engine::RawServer {
  public:
   explicit MisbehavingServer(std::string good)
-      : RawServer([this](engine::Connection& connection) { Serve(connection); }),
+      : RawServer([this](engine::Connection& connection) { serve(connection); }),
         good_(std::move(good)) {}
 
   bool answered(const std::string& path) const {
@@ -81,7 +81,7 @@ class MisbehavingServer : public engine::RawServer {
            "\r\nConnection: close\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n" + body;
   }
 
-  void Serve(engine::Connection& connection) {
+  void serve(engine::Connection& connection) {
     if (!connection.readHead()) {
       return;
     }

@@ -38,7 +38,7 @@ Variant statistics(const Camera& camera, const std::vector<std::string>& more = 
 
 std::vector<std::string> keysOf(const Variant& map) {
   std::vector<std::string> keys;
-  for (const auto& [key, ignored] : map.Elements()) {
+  for (const auto& [key, ignored] : map.elements()) {
     keys.push_back(key);
   }
   return keys;
@@ -86,7 +86,7 @@ TEST_F(SpineSystem, StatisticsHaveEverySectionOfPlainModel) {
   expectTheCommonFigures(sections);
   const Variant* processors = sections.GetKeyChain(VariantClass::Container, {"cpu", "arr"});
   ASSERT_NE(processors, nullptr);
-  EXPECT_EQ(processors->Size(), sections.Find("cpu")->Find("cnt")->ToNumber<std::uint64_t>());
+  EXPECT_EQ(processors->Size(), sections.find("cpu")->find("cnt")->toNumber<std::uint64_t>());
 }
 
 // Whether there is a battery is the host's matter, since the camera sees its /sys.
@@ -100,7 +100,7 @@ TEST(SpineSystemWithFeatures, StatisticsFollowDescriptionOfEachCamera) {
   const Variant* signal = sections.GetKeyChain(VariantClass::Number, {"wifi", "signalStrength"});
   const Variant* quality = sections.GetKeyChain(VariantClass::Number, {"wifi", "quality"});
   ASSERT_TRUE(signal != nullptr && quality != nullptr);
-  EXPECT_EQ(quality->ToNumber<int>(), (signal->ToNumber<int>() + 100) * 2);
+  EXPECT_EQ(quality->toNumber<int>(), (signal->toNumber<int>() + 100) * 2);
 
   if (second.shell("grep -qsx Battery /sys/class/power_supply/*/type").status == 0) {
     EXPECT_TRUE(holds(statistics(second), VariantClass::Number, "battery", "percentage"));

@@ -36,7 +36,7 @@ Terminal::Terminal(const Camera& camera, const std::vector<std::string>& command
 }
 
 Terminal::~Terminal() {
-  terminal_.Reset();
+  terminal_.reset();
   const bool ended = eventually([this] { return waitpid(pid_, nullptr, WNOHANG) != 0; });
   if (!ended) {
     kill(pid_, SIGKILL);
@@ -47,7 +47,7 @@ Terminal::~Terminal() {
 void Terminal::read() const {
   std::array<char, 4096> buffer;
   ssize_t got;
-  while ((got = ::read(terminal_.Get(), buffer.data(), buffer.size())) > 0) {
+  while ((got = ::read(terminal_.get(), buffer.data(), buffer.size())) > 0) {
     shown_.append(buffer.data(), static_cast<std::size_t>(got));
   }
 }
@@ -63,7 +63,7 @@ bool Terminal::waitFor(const std::string& text, std::chrono::milliseconds limit)
 
 void Terminal::type(const std::string& line) const {
   const std::string keys = line + "\n";
-  if (write(terminal_.Get(), keys.data(), keys.size()) != static_cast<ssize_t>(keys.size())) {
+  if (write(terminal_.get(), keys.data(), keys.size()) != static_cast<ssize_t>(keys.size())) {
     throw std::system_error(errno, std::generic_category(), "the terminal takes nothing");
   }
 }

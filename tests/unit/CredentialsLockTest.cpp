@@ -34,7 +34,7 @@ TEST_F(LockTest, DisablingMarksStoredHashAndLocksSystemAccount) {
       platform().journal,
       ElementsAre("SystemCfgManager::init", "get users.1.name", "get users.1.password",
                   "lockPassword admin", "set users.1.password=!old$secret", "close true false"));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
   EXPECT_THAT(platform().log, IsEmpty());
 }
 

@@ -30,14 +30,14 @@ TEST_F(CredentialsTest, UnreadableNameFails) {
   platform().config.failingGet = "users.1.name";
   EXPECT_FALSE(change({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to read username")));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
 }
 
 TEST_F(CredentialsTest, NameMissingFromStoreFails) {
   platform().config.values.erase("users.1.name");
   EXPECT_FALSE(change({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Username missing from the system.cfg")));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
 }
 
 // What a change has to give.
@@ -48,7 +48,7 @@ class IncompleteClaimTest : public CredentialsTest,
 TEST_P(IncompleteClaimTest, NeedsNameAndOldPassword) {
   EXPECT_FALSE(change(GetParam()));
   EXPECT_THAT(platform().log, ElementsAre(error("Username and old password must be present")));
-  EXPECT_EQ(reply_.Find("username"), nullptr);
+  EXPECT_EQ(reply_.find("username"), nullptr);
   expectNothingWritten();
 }
 
@@ -108,7 +108,7 @@ TEST_F(CredentialsTest, InvalidNameIsRefusedBeforePasswordCheck) {
 TEST_F(CredentialsTest, ReplyIsEmptiedOnceClaimIsComplete) {
   reply_["stale"] = true;
   EXPECT_FALSE(change({{"username", "admin"}, {"passwordOld", "wrong"}}));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
 }
 
 TEST_F(CredentialsTest, UnreadableHashFailsNamingStoredUser) {

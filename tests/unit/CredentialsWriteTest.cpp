@@ -44,7 +44,7 @@ TEST_F(CredentialsTest, NewPasswordGoesToStoreAndAccountFile) {
                           "set users.1.password=salt1$fresh", "close true false"));
   EXPECT_EQ(stored("users.1.password"), "salt1$fresh");
   EXPECT_EQ(accounts(), accountLine("admin", "salt1$fresh"));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
   EXPECT_THAT(platform().log, IsEmpty());
 }
 

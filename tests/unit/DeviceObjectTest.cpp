@@ -32,7 +32,7 @@ class DeviceObjectTest : public testing::Test {
     const auto& rows = platform().bus.published.front().interface.properties;
     for (std::size_t place = 0; place < rows.size(); ++place) {
       if (rows[place].name == name) {
-        return device_->Read(place);
+        return device_->read(place);
       }
     }
     return "no property " + name;
@@ -73,7 +73,7 @@ TEST_F(DeviceObjectTest, TypesAreAsDeclared) {
       {0, "b"}, {1, "q"}, {2, "t"}, {3, "s"}, {4, "(ts)"}};
   const auto& rows = platform().bus.published.front().interface.properties;
   for (std::size_t place = 0; place < rows.size(); ++place) {
-    EXPECT_EQ(types.at(device_->Read(place).index()), rows[place].type) << rows[place].name;
+    EXPECT_EQ(types.at(device_->read(place).index()), rows[place].type) << rows[place].name;
   }
 }
 

@@ -69,7 +69,7 @@ TEST_F(DispatchTableTest, ChangedSettingsAreAnsweredByDefaultWithPayload) {
 }
 
 TEST_F(DispatchTableTest, RestoredSettingsAreAnsweredOnlyOnRequest) {
-  EXPECT_TRUE(ask("ResetDeviceSettings").IsEmpty());
+  EXPECT_TRUE(ask("ResetDeviceSettings").isEmpty());
   EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Kova Camera");
   Variant response = ask("ResetDeviceSettings", {{"responseExpected", true}});
   EXPECT_EQ(response["statusCode"], status(0));
@@ -83,7 +83,7 @@ TEST_F(DispatchTableTest, AdministratorNameIsInPayload) {
   EXPECT_EQ(response["payload"], Variant(Map{{"username", "admin"}}));
   response = ask("ChangeUsernamePassword", {{"username", "admin"}, {"passwordOld", "wrong"}});
   EXPECT_EQ(response["statusCode"], status(1));
-  EXPECT_TRUE(response["payload"].IsEmpty());
+  EXPECT_TRUE(response["payload"].isEmpty());
 }
 
 TEST_F(DispatchTableTest, DisablingLocksAndEnablingUnlocks) {
@@ -109,8 +109,8 @@ TEST_F(DispatchTableTest, RefusedServiceAnswersOneForStartAndStop) {
 TEST_F(DispatchTableTest, TransfersReachTheirOperationUnanswered) {
   const Map fields = {{"responseExpected", true}};
   // Refused for want of a word, in a log line of the operation's own.
-  EXPECT_TRUE(ask("GetRequest", fields).IsEmpty());
-  EXPECT_TRUE(ask("PutRequest", fields).IsEmpty());
+  EXPECT_TRUE(ask("GetRequest", fields).isEmpty());
+  EXPECT_TRUE(ask("PutRequest", fields).isEmpty());
   EXPECT_THAT(platform().logTexts(), ElementsAre(StartsWith("Unrecognized GetRequest: "),
                                                  StartsWith("Unrecognized PutRequest: ")));
   platform().log.clear();
@@ -118,8 +118,8 @@ TEST_F(DispatchTableTest, TransfersReachTheirOperationUnanswered) {
                       {"uri", "http://127.0.0.1:1/fw"},
                       {"timeoutMs", 20000},
                       {"responseExpected", true}};
-  EXPECT_TRUE(ask("UpdateFirmwareRequest", update).IsEmpty());
-  EXPECT_TRUE(ask("UpdateFirmwareRequest", update).IsEmpty());
+  EXPECT_TRUE(ask("UpdateFirmwareRequest", update).isEmpty());
+  EXPECT_TRUE(ask("UpdateFirmwareRequest", update).isEmpty());
   EXPECT_THAT(platform().log, SizeIs(1)) << "the second finds the first";
   EXPECT_THAT(platform().log,
               Contains(testing::Field(&fakes::LogLine::function, "updateFirmware")));
@@ -131,7 +131,7 @@ TEST_F(DispatchTableTest, RequestItselfIsNotRepaired) {
   bool rejected = false;
   platform().bus.handling = request.id();
   EXPECT_TRUE(handler_.HandleRequest(request, rejected));
-  EXPECT_EQ(*request.Find("service"), Variant(12)) << "only the typed copy is";
+  EXPECT_EQ(*request.find("service"), Variant(12)) << "only the typed copy is";
 }
 
 }  // namespace

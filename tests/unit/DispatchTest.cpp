@@ -51,17 +51,17 @@ TEST_F(DispatchTest, HandlerHasItsName) {
 TEST_F(DispatchTest, EmptyStatisticsRequestExpectsResponse) {
   EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}, {"id", 77}, {"from", "peer"}}));
   ASSERT_EQ(platform().bus.responses.size(), 1U);
-  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
-  EXPECT_EQ(*lastResponse().Find("functionName"), Variant("__response__"));
-  EXPECT_NE(lastResponse().Find("payload")->Find("memory"), nullptr);
+  EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{0}));
+  EXPECT_EQ(*lastResponse().find("functionName"), Variant("__response__"));
+  EXPECT_NE(lastResponse().find("payload")->find("memory"), nullptr);
 }
 
 TEST_F(DispatchTest, FailedOperationAnswersOneWithPartialPayload) {
   platform().stats.loadResult = 1;
   EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}}));
-  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{1}));
-  EXPECT_NE(lastResponse().Find("payload")->Find("cpuinfo"), nullptr);
-  EXPECT_EQ(lastResponse().Find("payload")->Find("loadavg"), nullptr);
+  EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{1}));
+  EXPECT_NE(lastResponse().find("payload")->find("cpuinfo"), nullptr);
+  EXPECT_EQ(lastResponse().find("payload")->find("loadavg"), nullptr);
 }
 
 TEST_F(DispatchTest, RequestWithoutResponseIsCarriedOutUnanswered) {
@@ -79,8 +79,8 @@ TEST_F(DispatchTest, ResultOfSendingResponseIsReturned) {
 
 TEST_F(DispatchTest, DeferredSaveIsAnsweredBeforeItIsWritten) {
   EXPECT_TRUE(handle({{"functionName", "SaveToFlash"}, {"responseExpected", true}}));
-  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
-  EXPECT_TRUE(lastResponse().Find("payload")->IsEmpty());
+  EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{0}));
+  EXPECT_TRUE(lastResponse().find("payload")->isEmpty());
   EXPECT_THAT(platform().commands, IsEmpty());
 }
 
@@ -88,16 +88,16 @@ TEST_F(DispatchTest, SynchronousSaveIsAnsweredAfterItEnds) {
   const Map request{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}};
   EXPECT_TRUE(handle(request));
   EXPECT_THAT(platform().journal, ElementsAre(std::string("run ") + kSave, "Ipc::SendResponse"));
-  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
+  EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{0}));
   platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
   EXPECT_TRUE(handle(request));
-  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{1}));
+  EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{1}));
   platform().onRun = nullptr;
 }
 
 TEST_F(DispatchTest, FactoryResetIsOnlyScheduledAndAnsweredZero) {
   EXPECT_TRUE(handle({{"functionName", "ResetToDefaults"}, {"responseExpected", true}}));
-  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{0}));
+  EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{0}));
   EXPECT_THAT(platform().commands, IsEmpty());
   platform().nowMs += 5001;
   server_.service(0);
@@ -150,7 +150,7 @@ TEST_F(DispatchTest, ServiceRequestsAreLoggedWithSenderAndResult) {
     EXPECT_EQ(line.unit, "CtlServer");
   }
   ASSERT_EQ(platform().bus.responses.size(), 1U) << "StartService expects no response by default";
-  EXPECT_EQ(*lastResponse().Find("statusCode"), Variant(std::uint64_t{1}));
+  EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{1}));
 }
 
 TEST_F(DispatchTest, NamesAreComparedExactly) {

@@ -177,7 +177,7 @@ TEST_F(MainTest, RequestInterruptedBySigtermCompletesFirst) {
   };
   expectRun(0, [] {
     ASSERT_EQ(platform().bus.responses.size(), 1U);
-    EXPECT_EQ(platform().bus.responses.front().second.Find("statusCode")->ToNumber<int>(), 0);
+    EXPECT_EQ(platform().bus.responses.front().second.find("statusCode")->toNumber<int>(), 0);
     EXPECT_THAT(platform().logTexts(), ElementsAre("Persisted", "SIGTERM received"));
     EXPECT_THAT(
         journalFrom("Ipc::Service 0"),

@@ -37,7 +37,7 @@ TEST_P(OtherModelTest, IgnoresGivenSetting) {
   platform().config.failingGet = platform().config.failingSet = "system.timelapseminutes";
   EXPECT_TRUE(update({}));
   EXPECT_TRUE(update({{"timelapseminutes", 0}}));
-  EXPECT_EQ(reply_.Find("timelapseminutes"), nullptr);
+  EXPECT_EQ(reply_.find("timelapseminutes"), nullptr);
   EXPECT_THAT(platform().journal, Not(Contains(HasSubstr("system.timelapseminutes"))));
 }
 
@@ -67,7 +67,7 @@ TEST_F(SettingsTest, TimelapseMissingFromStoreFails) {
   platform().config.values.erase("system.timelapseminutes");
   EXPECT_FALSE(update({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to get system.timelapseminutes")));
-  EXPECT_EQ(reply_.Find("timelapseminutes"), nullptr);
+  EXPECT_EQ(reply_.find("timelapseminutes"), nullptr);
   expectNotClosed();
 }
 
@@ -76,7 +76,7 @@ TEST_F(SettingsTest, UnstorableTimelapseFails) {
   platform().config.failingSet = "system.timelapseminutes";
   EXPECT_FALSE(update({{"timelapseminutes", 9}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set system.timelapseminutes to 1")));
-  EXPECT_EQ(reply_.Find("timelapseminutes"), nullptr);
+  EXPECT_EQ(reply_.find("timelapseminutes"), nullptr);
   expectNotClosed();
 }
 
@@ -114,7 +114,7 @@ TEST_F(SettingsTest, UnclosableStoreFailsBeforeBootSound) {
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to close system.cfg manager")));
   EXPECT_THAT(platform().commands, IsEmpty());
   EXPECT_EQ(reply_["region"], Variant("Asia"));
-  EXPECT_EQ(reply_.Find("soundOnBoot"), nullptr);
+  EXPECT_EQ(reply_.find("soundOnBoot"), nullptr);
 }
 
 // The boot sound.
@@ -132,7 +132,7 @@ TEST_F(SettingsTest, MistypedBootSoundIsIgnored) {
   EXPECT_TRUE(update({{"soundOnBoot", "true"}}));
   EXPECT_TRUE(update({{"soundOnBoot", 1}}));
   EXPECT_THAT(platform().commands, IsEmpty());
-  EXPECT_EQ(reply_.Find("soundOnBoot"), nullptr);
+  EXPECT_EQ(reply_.find("soundOnBoot"), nullptr);
 }
 
 TEST_F(SettingsTest, FailingBootEnvironmentFailsWithOtherChangesWritten) {
@@ -142,7 +142,7 @@ TEST_F(SettingsTest, FailingBootEnvironmentFailsWithOtherChangesWritten) {
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set soundOnBoot to true"),
                                           error("Failed to set soundOnBoot to false")));
   EXPECT_EQ(stored("system.region"), "Asia");
-  EXPECT_EQ(reply_.Find("soundOnBoot"), nullptr);
+  EXPECT_EQ(reply_.find("soundOnBoot"), nullptr);
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ TEST_F(SettingsTest, UnstorableRegionFailsBeforeParsing) {
   EXPECT_FALSE(update({{"region", "Europe/Paris"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set system.region to Europe/Paris")));
   EXPECT_THAT(platform().journal, Not(Contains(StartsWith("setTimeZone"))));
-  EXPECT_EQ(reply_.Find("region"), nullptr);
+  EXPECT_EQ(reply_.find("region"), nullptr);
   expectNotClosed();
 }
 
@@ -57,7 +57,7 @@ TEST_F(SettingsTest, OlsonRegionRefusedBySystemWritesNothing) {
   platform().setTimeZoneResult = false;
   EXPECT_FALSE(update({{"region", "Area/Nowhere"}}));
   EXPECT_THAT(platform().log, Contains(error("Failed to write timezone")));
-  EXPECT_EQ(reply_.Find("region"), nullptr);
+  EXPECT_EQ(reply_.find("region"), nullptr);
   EXPECT_EQ(stored("system.region"), "US");
   expectNotClosed();
 }

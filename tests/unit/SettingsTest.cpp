@@ -46,7 +46,7 @@ TEST_F(SettingsTest, ReplyIsEmptiedBeforeStoreIsOpened) {
   reply_["stale"] = true;
   platform().config.initResult = false;
   EXPECT_FALSE(update({}));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to initialize system.cfg manager")));
   EXPECT_THAT(platform().journal, ElementsAre("SystemCfgManager::init"));
 }
@@ -72,7 +72,7 @@ TEST_F(SettingsTest, NameMissingFromStoreFails) {
   platform().config.values.erase("resolv.host.1.name");
   EXPECT_FALSE(update({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to get resolv.host.1.name")));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
   expectNotClosed();
 }
 
@@ -102,7 +102,7 @@ TEST_F(SettingsTest, UnstorableNameIsNotApplied) {
   platform().config.failingSet = "resolv.host.1.name";
   EXPECT_FALSE(update({{"name", "Yard"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set resolv.host.1.name to Yard")));
-  EXPECT_TRUE(reply_.IsEmpty());
+  EXPECT_TRUE(reply_.isEmpty());
   EXPECT_THAT(platform().commands, IsEmpty());
   EXPECT_THAT(platform().signalled, IsEmpty());
   expectNotClosed();
@@ -148,7 +148,7 @@ TEST_F(SettingsTest, UnstorableTimeZoneFailsAfterSystemChange) {
   EXPECT_FALSE(update({{"timezone", "UTC"}}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to set system.timezone to UTC")));
   EXPECT_THAT(platform().journal, Contains("setTimeZone UTC"));
-  EXPECT_EQ(reply_.Find("timezone"), nullptr);
+  EXPECT_EQ(reply_.find("timezone"), nullptr);
   expectNotClosed();
 }
 
@@ -156,7 +156,7 @@ TEST_F(SettingsTest, UnreadableTimeZoneFails) {
   platform().config.failingGet = "system.timezone";
   EXPECT_FALSE(update({}));
   EXPECT_THAT(platform().log, ElementsAre(error("Failed to get system.timezone")));
-  EXPECT_EQ(reply_.Find("timezone"), nullptr);
+  EXPECT_EQ(reply_.find("timezone"), nullptr);
   expectNotClosed();
 }
 

@@ -107,7 +107,7 @@ TEST_F(StatsTest, EachFlagSelectsItsSection) {
   for (const auto& [flag, section] : sections) {
     ASSERT_TRUE(read(without(flag)));
     EXPECT_EQ(reply_.Size(), 1U) << flag;
-    EXPECT_NE(reply_.Find(section), nullptr) << flag;
+    EXPECT_NE(reply_.find(section), nullptr) << flag;
   }
 }
 
@@ -152,7 +152,7 @@ TEST_F(StatsTest, FailingReaderIsLoggedAndEndsReadingWithPartialResult) {
     EXPECT_EQ(platform().log[0].unit, "CtlServer");
     EXPECT_EQ(platform().log[0].function, "readStats");
     std::vector<std::string> keys;
-    for (const auto& [key, section] : reply_.Elements()) {
+    for (const auto& [key, section] : reply_.elements()) {
       keys.push_back(key);
     }
     EXPECT_EQ(keys, test.kept) << test.text;
@@ -163,23 +163,23 @@ TEST_F(StatsTest, FailingBatteryIsLoggedWithoutCode) {
   platform().stats.batteryResult = false;
   EXPECT_FALSE(read());
   EXPECT_TRUE(platform().logged(3, "Failed to read battery statistics"));
-  EXPECT_EQ(reply_.Find("battery"), nullptr);
-  EXPECT_NE(reply_.Find("uptime"), nullptr);
+  EXPECT_EQ(reply_.find("battery"), nullptr);
+  EXPECT_NE(reply_.find("uptime"), nullptr);
 }
 
 TEST_F(StatsTest, ModelWithoutWifiOrBatteryNeverReportsThem) {
   describe({{"feature_wifi", 0}, {"feature_battery", 0}});
   ASSERT_TRUE(read());
-  EXPECT_EQ(reply_.Find("wifi"), nullptr);
-  EXPECT_EQ(reply_.Find("battery"), nullptr);
+  EXPECT_EQ(reply_.find("wifi"), nullptr);
+  EXPECT_EQ(reply_.find("battery"), nullptr);
   EXPECT_EQ(reply_.Size(), 6U);
 }
 
 TEST_F(StatsTest, FeatureIsReadAsSignedByte) {
   describe({{"feature_wifi", 256}, {"feature_battery", -1}});
   ASSERT_TRUE(read());
-  EXPECT_EQ(reply_.Find("wifi"), nullptr);
-  EXPECT_NE(reply_.Find("battery"), nullptr);
+  EXPECT_EQ(reply_.find("wifi"), nullptr);
+  EXPECT_NE(reply_.find("battery"), nullptr);
 }
 
 TEST_F(StatsTest, UnreportedDefaultInterfaceFallsBackToFirst) {

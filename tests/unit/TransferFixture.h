@@ -69,10 +69,10 @@ class TransferTest : public testing::Test {
   static std::vector<std::string> events() {
     std::vector<std::string> texts;
     for (const auto& event : fakes::platform().bus.sent) {
-      const variant::Variant* outcome = event.Find("status");
-      texts.push_back(event.Find("functionName")->ToText() + " to=" + event.Find("to")->ToText() +
-                      " id=" + std::to_string(event.Find("requestId")->ToNumber<std::uint64_t>()) +
-                      " " + (outcome != nullptr ? outcome : event.Find("reason"))->ToText());
+      const variant::Variant* outcome = event.find("status");
+      texts.push_back(event.find("functionName")->toText() + " to=" + event.find("to")->toText() +
+                      " id=" + std::to_string(event.find("requestId")->toNumber<std::uint64_t>()) +
+                      " " + (outcome != nullptr ? outcome : event.find("reason"))->toText());
     }
     return texts;
   }

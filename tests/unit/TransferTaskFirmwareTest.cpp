@@ -235,11 +235,11 @@ TEST_F(TransferTaskFirmwareTest, EventIsNormalisedAndExpectsNoResponse) {
   task_.notifyStatus("FW_CHECK_FAILED");
   ASSERT_EQ(platform().bus.sent.size(), 1U);
   const variant::Variant& event = platform().bus.sent[0];
-  EXPECT_EQ(*event.Find("functionName"), variant::Variant("EventUpdateFirmwareFailure"));
-  EXPECT_EQ(*event.Find("responseExpected"), variant::Variant(false));
-  EXPECT_NE(event.Find("id"), nullptr);
-  EXPECT_NE(event.Find("timeStamp"), nullptr);
-  EXPECT_EQ(event.Find("status"), nullptr);
+  EXPECT_EQ(*event.find("functionName"), variant::Variant("EventUpdateFirmwareFailure"));
+  EXPECT_EQ(*event.find("responseExpected"), variant::Variant(false));
+  EXPECT_NE(event.find("id"), nullptr);
+  EXPECT_NE(event.find("timeStamp"), nullptr);
+  EXPECT_EQ(event.find("status"), nullptr);
 }
 
 TEST_F(TransferTaskFirmwareTest, EventsCannotBeDisabled) {

@@ -69,10 +69,10 @@ utils::UniqueFd connectTo(const std::string& name) {
   std::ranges::copy(name, address.sun_path);
   utils::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const timeval patience{kConnectS, 0};
-  setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() +
                                              (name.starts_with('\0') ? 0 : 1));
-  if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
     return {};
   }
   return fd;
@@ -110,20 +110,20 @@ ExitStatus bridge(const Options& options) {
     return fail(ExitStatus::Unreachable, explainConnect(address, errno));
   }
   signal(SIGPIPE, SIG_IGN);
-  return relay(STDIN_FILENO, STDOUT_FILENO, bus.Get());
+  return relay(STDIN_FILENO, STDOUT_FILENO, bus.get());
 }
 
 }  // namespace
 
 Action setUpBridge(CommandLine& line) {
-  line.Footer(
+  line.footer(
       "Connects standard input and output with the bus, for --host on another machine and for "
       "other D-Bus clients (unixexec:). Ends when either side closes.");
   return bridge;
 }
 
 Action setUpSsh(CommandLine& line) {
-  line.Footer("Becomes the ssh of a connection to --host.");
+  line.footer("Becomes the ssh of a connection to --host.");
   return [](const Options& options) { return becomeSsh(options.host); };
 }
 

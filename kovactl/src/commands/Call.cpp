@@ -41,7 +41,7 @@ bool build(const Arguments& arguments, BaseRequestMessage& request, std::string&
 }
 
 bool wantsAnswer(const Arguments& arguments, BaseRequestMessage& request) {
-  const bool declined = request.Find("responseExpected") != nullptr && !request.responseExpected();
+  const bool declined = request.find("responseExpected") != nullptr && !request.responseExpected();
   return !arguments.noReply && !declined && !request.isBroadcast();
 }
 
@@ -50,7 +50,7 @@ std::string describe(const Reply& reply) {
     return "Accepted; the answer is empty.\n";
   }
   const variant::Variant payload = payloadOf(reply);
-  const bool nothing = payload.IsEmpty() || (payload.IsContainer() && payload.Size() == 0);
+  const bool nothing = payload.isEmpty() || (payload.isContainer() && payload.Size() == 0);
   if (nothing) {
     return reply.status == ExitStatus::Ok ? "Done; no payload.\n" : "";
   }
@@ -73,14 +73,14 @@ ExitStatus run(const Options& options, const Arguments& arguments) {
     fail(ExitStatus::Ok, "warning: " + doubt);
   }
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
   if (!wantsAnswer(arguments, request)) {
-    return client.Post(request);
+    return client.post(request);
   }
   const Reply reply =
-      client.Request(request, options.answerTimeoutMs(), suggestFunction(arguments.function));
+      client.request(request, options.answerTimeoutMs(), suggestFunction(arguments.function));
   if (reply.status != ExitStatus::Ok && !reply.answered) {
     return reply.status;
   }
@@ -93,12 +93,12 @@ ExitStatus run(const Options& options, const Arguments& arguments) {
 
 Action setUpCall(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  line.Argument("FUNCTION", arguments->function, "Function name, for example GetSystemStats");
-  line.Arguments("FIELD", arguments->fields, "Fields of the request: key=text or key:=JSON");
-  line.Option("--to", arguments->to, "ENDPOINT", "Destination of the request (kova_ctlserver)");
-  line.Option("--from", arguments->from, "ENDPOINT", "Sender of the request");
-  line.Flag("--no-reply", arguments->noReply, "Do not wait for an answer");
-  line.Footer(kFooter);
+  line.argument("FUNCTION", arguments->function, "Function name, for example GetSystemStats");
+  line.arguments("FIELD", arguments->fields, "Fields of the request: key=text or key:=JSON");
+  line.option("--to", arguments->to, "ENDPOINT", "Destination of the request (kova_ctlserver)");
+  line.option("--from", arguments->from, "ENDPOINT", "Sender of the request");
+  line.flag("--no-reply", arguments->noReply, "Do not wait for an answer");
+  line.footer(kFooter);
   return [arguments](const Options& options) { return run(options, *arguments); };
 }
 

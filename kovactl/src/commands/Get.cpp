@@ -20,7 +20,7 @@ struct Kind {
   std::string_view prefix;  ///< of file names; "" for a kind without file names
   std::string_view suffix;
 
-  bool NeedsName() const { return !prefix.empty(); }
+  bool needsName() const { return !prefix.empty(); }
 };
 
 constexpr std::array<Kind, 4> kKinds{{
@@ -49,7 +49,7 @@ bool isNameOf(const Kind& kind, std::string_view name) {
 std::string nameFault(const Kind& kind, const std::string& name) {
   const std::string what(kind.typed);
   const std::string form = std::string(kind.prefix) + "12" + std::string(kind.suffix);
-  if (!kind.NeedsName()) {
+  if (!kind.needsName()) {
     return name.empty() ? "" : what + " takes no --filename; only event files do";
   }
   if (name.empty()) {
@@ -72,7 +72,7 @@ bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::
   }
   request.what(std::string(kind->what));
   request.uri(arguments.uri);
-  if (kind->NeedsName()) {
+  if (kind->needsName()) {
     request.filename(arguments.filename);
   }
   if (form.Size() > 0) {
@@ -97,14 +97,14 @@ ExitStatus run(const Options& options, const Arguments& arguments,
 
 Action setUpGet(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  line.Argument("WHAT", arguments->what,
+  line.argument("WHAT", arguments->what,
                 "snapshot, support (an archive for the support team), event-snapshot, or "
                 "event-heatmap (a picture of the motion in an event)",
                 {"snapshot", "support", "event-snapshot", "event-heatmap"});
-  line.Argument("URI", arguments->uri, "Destination of the upload, http: or https:");
-  line.Option("--filename", arguments->filename, "NAME",
+  line.argument("URI", arguments->uri, "Destination of the upload, http: or https:");
+  line.option("--filename", arguments->filename, "NAME",
               "File name of the event, such as motionsnap_12.jpg or heatmap_12.png");
-  line.Option("--field", arguments->fields, "KEY=VALUE",
+  line.option("--field", arguments->fields, "KEY=VALUE",
               "Additional form field of the upload; repeatable");
   auto transfer = addTransferOptions(line, 90000, kSilence);
   return

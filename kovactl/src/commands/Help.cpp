@@ -11,22 +11,22 @@
 namespace kova::ctl {
 namespace {
 
-using Words = std::vector<std::string>;
+using Strings = std::vector<std::string>;
 
-Words sections() {
-  Words words;
+Strings sections() {
+  Strings words;
   for (const StatsSection& section : statsSections()) {
     words.emplace_back(section.flag);
   }
   return words;
 }
 
-Words endpoints() {
+Strings endpoints() {
   return {kEndpoints.begin(), kEndpoints.end()};
 }
 
-Words commandWords() {
-  Words words;
+Strings commandWords() {
+  Strings words;
   for (const Command& command : commands()) {
     if (!command.group.empty()) {
       words.emplace_back(command.name);
@@ -36,7 +36,7 @@ Words commandWords() {
 }
 
 // The values of a field of a function, such as {"GetRequest", "what"}.
-Words values(const Words& words) {
+Strings values(const Strings& words) {
   if (words.size() != 2) {
     return {};
   }
@@ -46,7 +46,7 @@ Words values(const Words& words) {
                                : fieldValues(words.front(), field);
 }
 
-Words candidates(const std::string& topic, const Words& words) {
+Strings candidates(const std::string& topic, const Strings& words) {
   if (topic == "functions") {
     return functionNames();
   }
@@ -68,17 +68,17 @@ Words candidates(const std::string& topic, const Words& words) {
   if (topic == "commands") {
     return commandWords();
   }
-  return topic == "endpoints" ? endpoints() : Words{};
+  return topic == "endpoints" ? endpoints() : Strings{};
 }
 
 }  // namespace
 
 Action setUpHelp(CommandLine& line) {
   auto words = std::make_shared<std::vector<std::string>>();
-  line.Arguments("COMMAND", *words, "A command, such as \"service start\"; none for the overview");
+  line.arguments("COMMAND", *words, "A command, such as \"service start\"; none for the overview");
   return [words, line](const Options& options) {
     std::string text;
-    if (line.HelpOf(*words, text)) {
+    if (line.helpOf(*words, text)) {
       return present(options, text, text);
     }
     fail(ExitStatus::Usage, text);
@@ -89,10 +89,10 @@ Action setUpHelp(CommandLine& line) {
 
 Action setUpComplete(CommandLine& line) {
   auto topic = std::make_shared<std::string>();
-  auto words = std::make_shared<Words>();
-  line.Argument("TOPIC", *topic,
+  auto words = std::make_shared<Strings>();
+  line.argument("TOPIC", *topic,
                 "functions, fields, values, sections, services, zones, commands or endpoints");
-  line.Arguments("WORD", *words, "The function whose fields to list, and the field whose values");
+  line.arguments("WORD", *words, "The function whose fields to list, and the field whose values");
   return [topic, words](const Options& options) {
     std::string text;
     for (const std::string& word : candidates(*topic, *words)) {

@@ -50,7 +50,7 @@ std::string tableOf(const Device& device) {
 
 ExitStatus info(const Options& options) {
   Objects objects(options);
-  if (const ExitStatus opened = objects.Open(); opened != ExitStatus::Ok) {
+  if (const ExitStatus opened = objects.open(); opened != ExitStatus::Ok) {
     return opened;
   }
   Device device;
@@ -65,7 +65,7 @@ ExitStatus info(const Options& options) {
 }  // namespace
 
 Action setUpInfo(CommandLine& line) {
-  line.Footer("\"kovactl stats\" shows figures, \"kovactl settings\" what can be changed.");
+  line.footer("\"kovactl stats\" shows figures, \"kovactl settings\" what can be changed.");
   return info;
 }
 

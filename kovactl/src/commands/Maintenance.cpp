@@ -35,12 +35,12 @@ ExitStatus reboot(const Options& options, const std::string& delay) {
     return fail(ExitStatus::Usage, error);
   }
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
   ipc::messages::Reboot request;
   request.delayMs(delayMs);
-  const auto sent = client.RequestUnanswered(request, kRefusalMs);
+  const auto sent = client.requestUnanswered(request, kRefusalMs);
   if (sent.status != ExitStatus::Ok) {
     return sent.status;
   }
@@ -70,8 +70,8 @@ ExitStatus confirm() {
 
 Action setUpSave(CommandLine& line) {
   auto sync = std::make_shared<bool>(false);
-  line.Flag("--sync", *sync, "Write at once and wait for completion");
-  line.Footer(
+  line.flag("--sync", *sync, "Write at once and wait for completion");
+  line.footer(
       "Without --sync the camera writes 5 s after the last save request and reports no failure. "
       "\"kovactl reboot\" saves too.");
   return [sync](const Options& options) {
@@ -88,8 +88,8 @@ Action setUpSave(CommandLine& line) {
 
 Action setUpReboot(CommandLine& line) {
   auto delay = std::make_shared<std::string>("0");
-  line.Option("--delay", *delay, "TIME", "Wait before the reboot (0)");
-  line.Footer(
+  line.option("--delay", *delay, "TIME", "Wait before the reboot (0)");
+  line.footer(
       "Saves the configuration to flash first. The camera does not answer this request and serves "
       "no other until it is up again. If it leaves the bus at once, that is success.");
   return [delay](const Options& options) { return reboot(options, *delay); };
@@ -97,8 +97,8 @@ Action setUpReboot(CommandLine& line) {
 
 Action setUpResetDefaults(CommandLine& line) {
   auto yes = std::make_shared<bool>(false);
-  line.Flag("-y,--yes", *yes, "Do not prompt");
-  line.Footer("The camera erases its configuration after 5 s, then reboots.");
+  line.flag("-y,--yes", *yes, "Do not prompt");
+  line.footer("The camera erases its configuration after 5 s, then reboots.");
   return [yes](const Options& options) {
     if (const ExitStatus confirmed = *yes ? ExitStatus::Ok : confirm();
         confirmed != ExitStatus::Ok) {
@@ -112,7 +112,7 @@ Action setUpResetDefaults(CommandLine& line) {
 }
 
 Action setUpExitService(CommandLine& line) {
-  line.Footer(
+  line.footer(
       "Completes a pending save or factory reset first. A supervisor restarts the server where one "
       "is configured.");
   return [](const Options& options) {

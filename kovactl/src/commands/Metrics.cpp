@@ -69,7 +69,7 @@ void append(std::string& text, const Family& family) {
 std::optional<double> figure(const Variant& statistics, std::string_view section,
                              std::string_view key) {
   const Variant* value = statistics.GetKeyChain(variant::VariantClass::Number, {section, key});
-  return value != nullptr ? std::optional(value->ToNumber<double>()) : std::nullopt;
+  return value != nullptr ? std::optional(value->toNumber<double>()) : std::nullopt;
 }
 
 /// A figure of the statistics that is one number.
@@ -100,11 +100,11 @@ void appendFigures(std::string& text, const Variant& statistics) {
 
 void appendProcessors(std::string& text, const Variant& statistics) {
   Family family{"kova_cpu_busy_ratio", "Share of the time for which a processor is busy."};
-  const Variant* section = statistics.Find("cpu");
-  const Variant* busy = section != nullptr ? section->Find("arr") : nullptr;
-  for (const Variant& percent : busy != nullptr ? busy->Items() : Variant::Array{}) {
+  const Variant* section = statistics.find("cpu");
+  const Variant* busy = section != nullptr ? section->find("arr") : nullptr;
+  for (const Variant& percent : busy != nullptr ? busy->items() : Variant::Array{}) {
     const std::string cpu = std::to_string(family.samples.size());
-    family.samples.push_back({{{"cpu", cpu}}, percent.ToNumber<double>() / 100});
+    family.samples.push_back({{{"cpu", cpu}}, percent.toNumber<double>() / 100});
   }
   append(text, family);
 }
@@ -116,7 +116,7 @@ void appendNetwork(std::string& text, const Variant& statistics) {
   if (name == nullptr || !received || !sent) {
     return;
   }
-  const Labels labels{{"interface", name->ToText()}};
+  const Labels labels{{"interface", name->toText()}};
   append(text, {"kova_network_receive_bytes_total",
                 "Bytes received since the camera booted.",
                 Type::Counter,
@@ -128,7 +128,7 @@ void appendNetwork(std::string& text, const Variant& statistics) {
 }
 
 void appendWifi(std::string& text, const Variant& statistics) {
-  const Variant* section = statistics.Find("wifi");
+  const Variant* section = statistics.find("wifi");
   if (section == nullptr || !hasLink(*section)) {
     return;
   }
@@ -155,7 +155,7 @@ void appendBattery(std::string& text, const Variant& statistics) {
     append(text, {"kova_battery_charging",
                   "Whether the battery is being charged.",
                   Type::Gauge,
-                  {{{}, charging->ToBool() ? 1.0 : 0.0}}});
+                  {{{}, charging->toBool() ? 1.0 : 0.0}}});
   }
 }
 
@@ -168,7 +168,7 @@ void appendDevice(std::string& text, const Device& device) {
                 "What the camera is; the value is 1.",
                 Type::Gauge,
                 {{{{"model", device.model},
-                   {"sysid", device.sysId.IsEmpty() ? "" : cell(device.sysId)},
+                   {"sysid", device.sysId.isEmpty() ? "" : cell(device.sysId)},
                    {"name", device.name},
                    {"firmware_version", device.firmwareVersion},
                    {"daemon_version", device.daemonVersion},
@@ -205,7 +205,7 @@ void appendTransfers(std::string& text, const std::vector<TransferRecord>& trans
   }
   Counts ended;
   for (const TransferRecord& record : transfers) {
-    const bool over = record.HasEnded();
+    const bool over = record.hasEnded();
     // As they are printed: different texts may become one.
     ++(over ? ended
             : active)[{printable(record.kind), printable(over ? record.outcome : record.phase)}];
@@ -252,17 +252,17 @@ ExitStatus judged(const Options& options, ExitStatus asked, const Objects::Answe
 
 ExitStatus metrics(const Options& options) {
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
   ipc::messages::GetSystemStats request;
   const Reply reply =
-      client.Request(request, options.answerTimeoutMs(), "the missing figures could not be read");
+      client.request(request, options.answerTimeoutMs(), "the missing figures could not be read");
   if (!reply.answered) {
     return reply.status;
   }
   Objects objects(options);
-  if (const ExitStatus opened = objects.Open(); opened != ExitStatus::Ok) {
+  if (const ExitStatus opened = objects.open(); opened != ExitStatus::Ok) {
     return opened;
   }
   Device device;
@@ -273,7 +273,7 @@ ExitStatus metrics(const Options& options) {
       judged(options, readDevice(objects, device, told), told, "the description of the camera");
   if (asked == ExitStatus::Ok) {
     asked =
-        judged(options, objects.ReadTransfers(transfers, listed), listed, "the list of transfers");
+        judged(options, objects.readTransfers(transfers, listed), listed, "the list of transfers");
   }
   if (asked != ExitStatus::Ok) {
     return asked;
@@ -287,7 +287,7 @@ ExitStatus metrics(const Options& options) {
 }  // namespace
 
 Action setUpMetrics(CommandLine& line) {
-  line.Footer(
+  line.footer(
       "For node_exporter, run it periodically and rename the file into place:\n"
       "  kovactl metrics >kova.prom.new && mv kova.prom.new kova.prom");
   return metrics;

@@ -29,8 +29,8 @@ std::string clockTime(timeval when) {
 
 const std::string& textOf(const Variant& message, std::string_view key) {
   static const std::string none;
-  const Variant* value = message.Find(key);
-  return value != nullptr ? value->ToText() : none;
+  const Variant* value = message.find(key);
+  return value != nullptr ? value->toText() : none;
 }
 
 bool isDefault(const std::string& key, const Variant& value) {
@@ -40,8 +40,8 @@ bool isDefault(const std::string& key, const Variant& value) {
   if (key == "queueIfDestUnavailable") {
     return value == Variant(true);
   }
-  return key == "transactionId" && value.Is(variant::VariantClass::Number) &&
-         value.ToNumber<std::int64_t>() == -1;
+  return key == "transactionId" && value.is(variant::VariantClass::Number) &&
+         value.toNumber<std::int64_t>() == -1;
 }
 
 bool shownElsewhere(const std::string& key) {
@@ -50,8 +50,8 @@ bool shownElsewhere(const std::string& key) {
 
 std::string fields(const Variant& message) {
   std::string text;
-  for (const auto& [key, value] : message.Elements()) {
-    const bool nothing = value.IsEmpty() && key == "payload";
+  for (const auto& [key, value] : message.elements()) {
+    const bool nothing = value.isEmpty() && key == "payload";
     if (!shownElsewhere(key) && !isDefault(key, value) && !nothing) {
       text += " " + printable(key) + "=" + json(value);
     }
@@ -93,7 +93,7 @@ std::string content(const SeenMessage& seen, const Variant& body) {
 std::string messageLine(const SeenMessage& seen, timeval when) {
   const bool broadcast = seen.kind == SeenMessage::Kind::Broadcast;
   return clockTime(when) + " " + party(seen.sender) + " -> " +
-         (broadcast ? "*" : party(seen.destination)) + " " + content(seen, seen.body.Masked());
+         (broadcast ? "*" : party(seen.destination)) + " " + content(seen, seen.body.masked());
 }
 
 Variant messageRecord(const SeenMessage& seen, timeval when) {
@@ -105,7 +105,7 @@ Variant messageRecord(const SeenMessage& seen, timeval when) {
   if (seen.kind == SeenMessage::Kind::Error) {
     line["error"] = seen.error;
   }
-  line["message"] = withTextIds(seen.body.Masked());
+  line["message"] = withTextIds(seen.body.masked());
   return line;
 }
 
@@ -120,7 +120,7 @@ ExitStatus presentMessage(const Options& options, const SeenMessage& seen) {
 ExitStatus monitor(const Options& options) {
   ipc::BusMonitor bus;
   std::string error;
-  if (!bus.Open(error)) {
+  if (!bus.open(error)) {
     if (stopRequested()) {
       return stopStatus();
     }
@@ -166,7 +166,7 @@ class Printer : public ipc::BaseHandler {
     return true;
   }
 
-  ExitStatus Status() const { return status_; }
+  ExitStatus status() const { return status_; }
 
  private:
   const Options& options_;
@@ -177,21 +177,21 @@ class Printer : public ipc::BaseHandler {
 ExitStatus listen(const Options& options, const std::string& endpoint) {
   Printer printer(options, endpoint);
   Client client(options);
-  if (const ExitStatus joined = client.Join(endpoint, &printer); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(endpoint, &printer); joined != ExitStatus::Ok) {
     return joined;
   }
   const ExitStatus served =
-      client.ServeUntil([&printer] { return printer.Status() != ExitStatus::Ok; });
+      client.serveUntil([&printer] { return printer.status() != ExitStatus::Ok; });
   if (stopRequested()) {
     return ExitStatus::Ok;
   }
-  return served == ExitStatus::Ok ? printer.Status() : served;
+  return served == ExitStatus::Ok ? printer.status() : served;
 }
 
 }  // namespace
 
 Action setUpMonitor(CommandLine& line) {
-  line.Footer(
+  line.footer(
       "Prints one line per message: time, sender -> destination, function and fields; \"*\" is a "
       "broadcast. Passwords are masked. Requires root. Ctrl-C stops it (status 130).");
   return monitor;
@@ -199,8 +199,8 @@ Action setUpMonitor(CommandLine& line) {
 
 Action setUpListen(CommandLine& line) {
   auto endpoint = std::make_shared<std::string>();
-  line.Argument("ENDPOINT", *endpoint, "Name of the endpoint, for example client.me");
-  line.Footer(
+  line.argument("ENDPOINT", *endpoint, "Name of the endpoint, for example client.me");
+  line.footer(
       "Prints one line per message, unbuffered; passwords are masked. Stops with status 0 on "
       "SIGINT "
       "and SIGTERM, with status 3 when the bus closes. Names outside \"client.\" require root.");

@@ -81,10 +81,10 @@ ExitStatus run(const Options& options, Arguments arguments, const TransferOption
 
 Action setUpPut(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  line.Argument("WHAT", arguments->what, "logo or sound", {"logo", "sound"});
-  line.Argument("URI", arguments->uri, "Where the camera fetches the file from, http: or https:");
-  line.Option("--hash", arguments->hash, "MD5", "Expected MD5 digest of the file");
-  line.Option("--file", arguments->file, "LOCAL",
+  line.argument("WHAT", arguments->what, "logo or sound", {"logo", "sound"});
+  line.argument("URI", arguments->uri, "Where the camera fetches the file from, http: or https:");
+  line.option("--hash", arguments->hash, "MD5", "Expected MD5 digest of the file");
+  line.option("--file", arguments->file, "LOCAL",
               "Local copy of the file, to compute the digest from");
   auto transfer = addTransferOptions(line, 20000, kPutSilence);
   return
@@ -93,7 +93,7 @@ Action setUpPut(CommandLine& line) {
 
 Action setUpFirmware(CommandLine& line) {
   auto uri = std::make_shared<std::string>();
-  line.Argument("URI", *uri, "Where the camera fetches the image from, http: or https:");
+  line.argument("URI", *uri, "Where the camera fetches the image from, http: or https:");
   auto transfer = addTransferOptions(line, 600000, kFirmwareSilence);
   return [uri, transfer](const Options& options) {
     ipc::messages::UpdateFirmwareRequest request;

@@ -51,7 +51,7 @@ ExitStatus showList(const Options& options) {
     const bool started = fs::exists(fs::path(kStarted) / name, ignored) &&
                          !fs::exists(fs::path(kInstalled) / name / "down", ignored);
     const std::string state = stateOf(name, started);
-    all.PushToArray(variant::Variant::Map{{"name", name}, {"state", state}, {"atBoot", started}});
+    all.pushToArray(variant::Variant::Map{{"name", name}, {"state", state}, {"atBoot", started}});
     rows.push_back({printable(name), state + (started ? ", started at boot" : "")});
   }
   return present(options, all, table(rows));
@@ -103,21 +103,21 @@ std::vector<std::string> installedServices() {
 
 Action setUpService(CommandLine& line) {
   auto service = std::make_shared<std::string>();
-  const CommandLine list = line.Subcommand("list", "List the services and their states");
-  CommandLine start = line.Subcommand("start", "Start a service, now and at every boot");
-  CommandLine stop = line.Subcommand("stop", "Stop a service, now and at every boot");
+  const CommandLine list = line.subcommand("list", "List the services and their states");
+  CommandLine start = line.subcommand("start", "Start a service, now and at every boot");
+  CommandLine stop = line.subcommand("stop", "Stop a service, now and at every boot");
   for (CommandLine* sub : {&start, &stop}) {
-    sub->Argument("NAME", *service, "Name of the service");
+    sub->argument("NAME", *service, "Name of the service");
   }
-  line.Footer(
+  line.footer(
       "The list shows the services in /etc/sv of the local machine, or of that of --host. The "
       "states require root.");
   return [service, list, start](const Options& options) {
     using namespace ipc::messages;
-    if (list.Given()) {
+    if (list.given()) {
       return options.host.empty() ? showList(options) : runThere(options, {"service", "list"});
     }
-    return start.Given() ? control<StartService>(options, *service, "is started.")
+    return start.given() ? control<StartService>(options, *service, "is started.")
                          : control<StopService>(options, *service, "is stopped.");
   };
 }

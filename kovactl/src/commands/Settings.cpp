@@ -55,11 +55,11 @@ std::string form(const Setting& setting) {
 
 bool fillOne(const Setting& setting, const Variant& value, Variant& request, std::string& error) {
   const std::string name(setting.typed);
-  if (!value.Is(variant::VariantClass::String)) {
+  if (!value.is(variant::VariantClass::String)) {
     error = "write " + form(setting);
     return false;
   }
-  if (value.ToText().empty() && !setting.mayBeEmpty) {
+  if (value.toText().empty() && !setting.mayBeEmpty) {
     error = name + " cannot be empty: write " + form(setting) + std::string(setting.hint);
     return false;
   }
@@ -68,7 +68,7 @@ bool fillOne(const Setting& setting, const Variant& value, Variant& request, std
     return true;
   }
   bool on = false;
-  if (!parseSwitch(value.ToText(), on)) {
+  if (!parseSwitch(value.toText(), on)) {
     error = name + " must be on or off: write " + form(setting);
     return false;
   }
@@ -79,8 +79,8 @@ bool fillOne(const Setting& setting, const Variant& value, Variant& request, std
 // The probable reason why the camera refused these settings.
 std::string refusalOf(const Variant& request) {
   for (const char* key : {"timezone", "region"}) {
-    const Variant* zone = request.Find(key);
-    const std::string name = zone != nullptr ? zone->ToText() : "";
+    const Variant* zone = request.find(key);
+    const std::string name = zone != nullptr ? zone->toText() : "";
     // Only a region with a slash also sets the time zone.
     const bool isMeant =
         !name.empty() && (key == kSettings[1].field || name.find('/') != name.npos);
@@ -95,8 +95,8 @@ std::string refusalOf(const Variant& request) {
 // A model without time-lapse ignores the setting silently.
 ExitStatus judgeTimelapse(const Variant& request, const Reply& reply) {
   const std::string_view field = kSettings[3].field;
-  return reply.status == ExitStatus::Ok && request.Find(field) != nullptr &&
-                 payloadOf(reply).Find(field) == nullptr
+  return reply.status == ExitStatus::Ok && request.find(field) != nullptr &&
+                 payloadOf(reply).find(field) == nullptr
              ? fail(ExitStatus::Refused, "this model has no time-lapse: that setting was ignored")
              : reply.status;
 }
@@ -105,8 +105,8 @@ std::string describe(const Setting& setting, const Variant& value) {
   if (setting.form == Form::Text) {
     return cell(value);
   }
-  const bool on = value.Is(variant::VariantClass::Boolean) ? value.ToBool()
-                                                           : value.ToNumber<std::int64_t>() != 0;
+  const bool on = value.is(variant::VariantClass::Boolean) ? value.toBool()
+                                                           : value.toNumber<std::int64_t>() != 0;
   return on ? "on" : "off";
 }
 
@@ -129,7 +129,7 @@ bool parseSwitch(const std::string& text, bool& value) {
 }
 
 bool fillSettings(const Variant& given, Variant& request, std::string& error) {
-  for (const auto& [name, value] : given.Elements()) {
+  for (const auto& [name, value] : given.elements()) {
     const auto setting = std::ranges::find(kSettings, name, &Setting::typed);
     if (setting == kSettings.end()) {
       error = notFound("setting", name, allSettings());
@@ -145,7 +145,7 @@ bool fillSettings(const Variant& given, Variant& request, std::string& error) {
 std::vector<Row> settingsRows(const Variant& payload) {
   std::vector<Row> rows;
   for (const Setting& setting : kSettings) {
-    if (const Variant* value = payload.Find(setting.field); value != nullptr) {
+    if (const Variant* value = payload.find(setting.field); value != nullptr) {
       rows.push_back({std::string(setting.label), describe(setting, *value)});
     }
   }
@@ -156,11 +156,11 @@ namespace {
 
 ExitStatus askSettings(const Options& options, ipc::messages::BaseRequestMessage& request) {
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
   const Variant asked = request;
-  const Reply reply = client.Request(request, options.answerTimeoutMs(), refusalOf(asked));
+  const Reply reply = client.request(request, options.answerTimeoutMs(), refusalOf(asked));
   if (!reply.answered) {
     return reply.status;
   }
@@ -206,13 +206,13 @@ ExitStatus changeSettings(const Options& options, const std::vector<std::string>
 
 Action setUpSettings(CommandLine& line) {
   auto arguments = std::make_shared<std::vector<std::string>>();
-  line.Arguments("SETTING", *arguments, "Settings to change; none shows all settings");
-  line.Footer(kFooter);
+  line.arguments("SETTING", *arguments, "Settings to change; none shows all settings");
+  line.footer(kFooter);
   return [arguments](const Options& options) { return changeSettings(options, *arguments); };
 }
 
 Action setUpResetSettings(CommandLine& line) {
-  line.Footer(
+  line.footer(
       "Sets the default name of the model and the time zone GMT, then prints the settings.");
   return [](const Options& options) {
     ipc::messages::BaseRequestMessage request;

@@ -21,12 +21,12 @@ namespace {
 using variant::Variant;
 
 double number(const Variant& section, std::string_view key) {
-  const Variant* value = section.Find(key);
-  return value != nullptr ? value->ToNumber<double>() : 0;
+  const Variant* value = section.find(key);
+  return value != nullptr ? value->toNumber<double>() : 0;
 }
 
 std::string text(const Variant& section, std::string_view key) {
-  const Variant* value = section.Find(key);
+  const Variant* value = section.find(key);
   return value != nullptr ? cell(*value) : "-";
 }
 
@@ -39,10 +39,10 @@ std::string memory(const Variant& section) {
 }
 
 std::string processors(const Variant& section) {
-  const Variant* busy = section.Find("arr");
+  const Variant* busy = section.find("arr");
   std::string out;
-  for (const Variant& value : busy != nullptr ? busy->Items() : Variant::Array{}) {
-    out += (out.empty() ? "" : "  ") + utils::format("%.0f %%", value.ToNumber<double>());
+  for (const Variant& value : busy != nullptr ? busy->items() : Variant::Array{}) {
+    out += (out.empty() ? "" : "  ") + utils::format("%.0f %%", value.toNumber<double>());
   }
   return out.empty() ? "-" : out + " busy";
 }
@@ -58,7 +58,7 @@ std::string load(const Variant& section) {
 }
 
 std::string network(const Variant& section) {
-  if (section.Find("name") == nullptr) {
+  if (section.find("name") == nullptr) {
     return "no interface";
   }
   return text(section, "name") + ": down " + humanBytes(number(section, "dnBps")) + "/s, up " +
@@ -75,14 +75,14 @@ std::string wifi(const Variant& section) {
 }
 
 std::string uptime(const Variant& section) {
-  const Variant* seconds = section.Find("sec");
-  return seconds != nullptr ? humanDuration(seconds->ToNumber<std::uint64_t>()) : "-";
+  const Variant* seconds = section.find("sec");
+  return seconds != nullptr ? humanDuration(seconds->toNumber<std::uint64_t>()) : "-";
 }
 
 std::string battery(const Variant& section) {
-  const Variant* charging = section.Find("isCharging");
+  const Variant* charging = section.find("isCharging");
   return text(section, "percentage") + " %" +
-         (charging != nullptr && charging->ToBool() ? ", charging" : "");
+         (charging != nullptr && charging->toBool() ? ", charging" : "");
 }
 
 }  // namespace
@@ -118,7 +118,7 @@ const StatsSection* findStatsSection(const std::string& name) {
 std::vector<Row> statsRows(const Variant& reply, const std::vector<const StatsSection*>& wanted) {
   std::vector<Row> rows;
   for (const StatsSection& section : statsSections()) {
-    const Variant* content = reply.Find(section.key);
+    const Variant* content = reply.find(section.key);
     if (content != nullptr) {
       rows.push_back({std::string(section.label), section.describe(*content)});
     } else if (std::ranges::find(wanted, &section) != wanted.end()) {
@@ -149,13 +149,13 @@ ipc::messages::GetSystemStats requestFor(const Sections& wanted) {
 
 ExitStatus showOnce(Client& client, const Sections& wanted) {
   auto request = requestFor(wanted);
-  const Reply reply = client.Request(request, client.Settings().answerTimeoutMs(),
+  const Reply reply = client.request(request, client.options().answerTimeoutMs(),
                                      "the missing sections could not be read");
   if (!reply.answered) {
     return reply.status;
   }
   const Variant payload = payloadOf(reply);
-  const ExitStatus shown = present(client.Settings(), payload, table(statsRows(payload, wanted)));
+  const ExitStatus shown = present(client.options(), payload, table(statsRows(payload, wanted)));
   return reply.status != ExitStatus::Ok ? reply.status : shown;
 }
 
@@ -164,7 +164,7 @@ ExitStatus repeat(Client& client, const Sections& wanted, std::uint32_t interval
                   const std::function<ExitStatus(const Variant&)>& frame) {
   while (true) {
     auto request = requestFor(wanted);
-    const Reply reply = client.Request(request, client.Settings().answerTimeoutMs());
+    const Reply reply = client.request(request, client.options().answerTimeoutMs());
     if (reply.status != ExitStatus::Ok) {
       return reply.status;
     }
@@ -172,7 +172,7 @@ ExitStatus repeat(Client& client, const Sections& wanted, std::uint32_t interval
     if (shown != ExitStatus::Ok) {
       return shown;
     }
-    const ExitStatus slept = client.ServeUntil([] { return false; }, intervalMs);
+    const ExitStatus slept = client.serveUntil([] { return false; }, intervalMs);
     if (slept != ExitStatus::NoAnswer) {
       return slept;
     }
@@ -191,17 +191,17 @@ std::string heading(std::uint32_t intervalMs) {
 ExitStatus watchOnTerminal(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
   AlternateScreen screen;
   return repeat(client, wanted, intervalMs, [&](const Variant& payload) {
-    return screen.Show(heading(intervalMs) + table(statsRows(payload, wanted))) ? ExitStatus::Ok
+    return screen.show(heading(intervalMs) + table(statsRows(payload, wanted))) ? ExitStatus::Ok
                                                                                 : show("");
   });
 }
 
 ExitStatus watch(Client& client, const Sections& wanted, std::uint32_t intervalMs) {
-  if (outputIsTerminal() && !client.Settings().json) {
+  if (outputIsTerminal() && !client.options().json) {
     return watchOnTerminal(client, wanted, intervalMs);
   }
   return repeat(client, wanted, intervalMs, [&](const Variant& payload) {
-    return presentEach(client.Settings(), payload, table(statsRows(payload, wanted)) + "\n");
+    return presentEach(client.options(), payload, table(statsRows(payload, wanted)) + "\n");
   });
 }
 
@@ -249,7 +249,7 @@ ExitStatus run(const Options& options, const Arguments& arguments) {
     }
   }
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
   return arguments.watch ? watch(client, wanted, intervalMs) : showOnce(client, wanted);
@@ -259,11 +259,11 @@ ExitStatus run(const Options& options, const Arguments& arguments) {
 
 Action setUpStats(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  line.Arguments("SECTION", arguments->sections,
+  line.arguments("SECTION", arguments->sections,
                  "Sections to show (all): " + alternatives(sectionNames()));
-  line.OptionalValue("--watch", arguments->watch, "[TIME]",
+  line.optionalValue("--watch", arguments->watch, "[TIME]",
                      "Repeat at this interval (2s) until Ctrl-C");
-  line.Footer(
+  line.footer(
       "On a terminal --watch refreshes in place. With --json it prints one line each time.");
   return [arguments](const Options& options) { return run(options, *arguments); };
 }

@@ -45,7 +45,7 @@ ExitStatus listZones(const Options& options, const std::vector<std::string>& par
   std::string text;
   for (const std::string& zone : zones) {
     if (std::ranges::all_of(parts, [&](const std::string& part) { return contains(zone, part); })) {
-      list.PushToArray(zone);
+      list.pushToArray(zone);
       text += zone + "\n";
     }
   }
@@ -83,8 +83,8 @@ std::string doubtAboutZone(const std::string& zone) {
 
 Action setUpTimezones(CommandLine& line) {
   auto parts = std::make_shared<std::vector<std::string>>();
-  line.Arguments("PART", *parts, "List only names that contain this, ignoring case");
-  line.Footer("Lists the time zones in " + std::string(kZoneFolder) +
+  line.arguments("PART", *parts, "List only names that contain this, ignoring case");
+  line.footer("Lists the time zones in " + std::string(kZoneFolder) +
               " of the local machine, or of that of --host.");
   return [parts](const Options& options) {
     std::vector<std::string> words{"timezones"};

@@ -18,7 +18,7 @@ using variant::Variant;
 ExitStatus showOnce(const Options& options, Objects& objects) {
   Records records;
   Objects::Answer answer;
-  if (const ExitStatus asked = objects.ReadTransfers(records, answer); asked != ExitStatus::Ok) {
+  if (const ExitStatus asked = objects.readTransfers(records, answer); asked != ExitStatus::Ok) {
     return asked;
   }
   if (!answer.error.empty()) {
@@ -26,7 +26,7 @@ ExitStatus showOnce(const Options& options, Objects& objects) {
   }
   Variant list = Variant::Array{};
   for (const TransferRecord& record : records) {
-    list.PushToArray(transferResult(record));
+    list.pushToArray(transferResult(record));
   }
   return present(options, list, transferTable(records));
 }
@@ -36,11 +36,11 @@ class Changes {
  public:
   explicit Changes(const Options& options) : options_(options) {}
 
-  ExitStatus Present(const Records& records) {
+  ExitStatus present(const Records& records) {
     std::map<std::string, TransferRecord> seen;
     for (const TransferRecord& record : records) {
       const auto before = last_.find(record.number);
-      const bool changed = before == last_.end() || IsNews(before->second, record);
+      const bool changed = before == last_.end() || isNews(before->second, record);
       const ExitStatus shown =
           changed ? presentEach(options_, transferResult(record), transferLine(record) + "\n")
                   : ExitStatus::Ok;
@@ -55,7 +55,7 @@ class Changes {
 
  private:
   // For people each phase, for programs everything.
-  bool IsNews(const TransferRecord& before, const TransferRecord& now) const {
+  bool isNews(const TransferRecord& before, const TransferRecord& now) const {
     return options_.json ? !(before == now)
                          : before.phase != now.phase || before.outcome != now.outcome;
   }
@@ -75,7 +75,7 @@ ExitStatus awaitChange(Objects& objects, const bool& changed) {
     if (stopRequested()) {
       return stopStatus();
     }
-    if (!objects.Bus().Service(kSliceMs)) {
+    if (!objects.bus().Service(kSliceMs)) {
       return fail(ExitStatus::Unreachable, "the connection to the bus was lost");
     }
   }
@@ -87,7 +87,7 @@ using Frame = std::function<ExitStatus(const Records&)>;
 ExitStatus readInto(const Options& options, Objects& objects, const Frame& frame) {
   Records records;
   Objects::Answer answer;
-  if (const ExitStatus asked = objects.ReadTransfers(records, answer); asked != ExitStatus::Ok) {
+  if (const ExitStatus asked = objects.readTransfers(records, answer); asked != ExitStatus::Ok) {
     return asked;
   }
   if (answer.error.empty()) {
@@ -101,7 +101,7 @@ ExitStatus readInto(const Options& options, Objects& objects, const Frame& frame
 
 ExitStatus repeat(const Options& options, Objects& objects, const Frame& frame) {
   bool changed = false;
-  objects.Bus().Follow("/kova", [&changed] { changed = true; });
+  objects.bus().follow("/kova", [&changed] { changed = true; });
   while (true) {
     changed = false;
     ExitStatus status = readInto(options, objects, frame);
@@ -116,12 +116,12 @@ ExitStatus watch(const Options& options, Objects& objects) {
   if (outputIsTerminal() && !options.json) {
     AlternateScreen screen;
     return repeat(options, objects, [&screen](const Records& records) {
-      return screen.Show("Ctrl-C to stop\n\n" + transferTable(records)) ? ExitStatus::Ok : show("");
+      return screen.show("Ctrl-C to stop\n\n" + transferTable(records)) ? ExitStatus::Ok : show("");
     });
   }
   Changes changes(options);
   return repeat(options, objects,
-                [&changes](const Records& records) { return changes.Present(records); });
+                [&changes](const Records& records) { return changes.present(records); });
 }
 
 ExitStatus cancel(const Options& options, const std::string& number) {
@@ -131,7 +131,7 @@ ExitStatus cancel(const Options& options, const std::string& number) {
                                        "lists them");
   }
   Objects objects(options);
-  if (const ExitStatus opened = objects.Open(); opened != ExitStatus::Ok) {
+  if (const ExitStatus opened = objects.open(); opened != ExitStatus::Ok) {
     return opened;
   }
   const ExitStatus cancelled = cancelTransfer(objects, number);
@@ -144,14 +144,14 @@ ExitStatus cancel(const Options& options, const std::string& number) {
 
 Action setUpTransfers(CommandLine& line) {
   auto watching = std::make_shared<bool>(false);
-  line.Flag("--watch", *watching, "Go on until Ctrl-C");
-  line.Footer(
+  line.flag("--watch", *watching, "Go on until Ctrl-C");
+  line.footer(
       "Shows the transfers under way and the last 32 that have ended, with the reason of each "
       "failure. On a terminal --watch refreshes in place, elsewhere it prints a line for each new "
       "phase; with --json it prints a line for each change.");
   return [watching](const Options& options) {
     Objects objects(options);
-    const ExitStatus opened = objects.Open();
+    const ExitStatus opened = objects.open();
     if (opened != ExitStatus::Ok) {
       return opened;
     }
@@ -161,8 +161,8 @@ Action setUpTransfers(CommandLine& line) {
 
 Action setUpCancel(CommandLine& line) {
   auto number = std::make_shared<std::string>();
-  line.Argument("N", *number, "Number of the transfer, as \"kovactl transfers\" lists it");
-  line.Footer("A transfer that is being installed or flashed cannot be cancelled.");
+  line.argument("N", *number, "Number of the transfer, as \"kovactl transfers\" lists it");
+  line.footer("A transfer that is being installed or flashed cannot be cancelled.");
   return [number](const Options& options) { return cancel(options, *number); };
 }
 

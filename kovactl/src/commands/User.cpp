@@ -110,18 +110,18 @@ struct Arguments {
 
 Reply askName(Client& client) {
   ChangeUsernamePassword query;
-  return client.Request(query, client.Settings().answerTimeoutMs());
+  return client.request(query, client.options().answerTimeoutMs());
 }
 
 std::string nameIn(const Reply& reply) {
   const variant::Variant payload = payloadOf(reply);
-  const variant::Variant* name = payload.Find("username");
-  return name != nullptr ? name->ToText() : "";
+  const variant::Variant* name = payload.find("username");
+  return name != nullptr ? name->toText() : "";
 }
 
 ExitStatus showName(const Options& options) {
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
   const Reply reply = askName(client);
@@ -133,7 +133,7 @@ ExitStatus showName(const Options& options) {
 
 ExitStatus changePassword(const Options& options, const Arguments& arguments) {
   Client client(options);
-  if (const ExitStatus joined = client.Join(); joined != ExitStatus::Ok) {
+  if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
   }
   std::string name = arguments.name;
@@ -154,7 +154,7 @@ ExitStatus changePassword(const Options& options, const Arguments& arguments) {
   request.username(name);
   request.passwordOld(oldPassword.text);
   request.passwordNew(newPassword.text);
-  const Reply reply = client.Request(request, options.answerTimeoutMs(),
+  const Reply reply = client.request(request, options.answerTimeoutMs(),
                                      "the old password is wrong, or the name is not acceptable");
   if (reply.status != ExitStatus::Ok) {
     return reply.status;
@@ -169,16 +169,16 @@ ExitStatus change(const Options& options, const char* done) {
 }
 
 CommandLine addPasswd(CommandLine& line, Arguments& arguments) {
-  CommandLine passwd = line.Subcommand("passwd", "Change the password, and the name with --name");
-  passwd.Option("--name", arguments.name, "NAME", "New name of the account (unchanged)");
-  passwd.Option("--old-file", arguments.passwords.oldFile, "FILE",
+  CommandLine passwd = line.subcommand("passwd", "Change the password, and the name with --name");
+  passwd.option("--name", arguments.name, "NAME", "New name of the account (unchanged)");
+  passwd.option("--old-file", arguments.passwords.oldFile, "FILE",
                 "Read the old password from the first line of a file");
-  passwd.Option("--new-file", arguments.passwords.newFile, "FILE",
+  passwd.option("--new-file", arguments.passwords.newFile, "FILE",
                 "Read the new password from the first line of a file");
-  passwd.Flag("--stdin", arguments.passwords.fromInput,
+  passwd.flag("--stdin", arguments.passwords.fromInput,
               "Read the old and the new password from two lines of standard input",
               {"--old-file", "--new-file"});
-  passwd.Footer("Prompts on the terminal, without echo, for passwords that no option provides.");
+  passwd.footer("Prompts on the terminal, without echo, for passwords that no option provides.");
   return passwd;
 }
 
@@ -186,19 +186,19 @@ CommandLine addPasswd(CommandLine& line, Arguments& arguments) {
 
 Action setUpUser(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  const CommandLine show = line.Subcommand("show", "Print the account's name");
+  const CommandLine show = line.subcommand("show", "Print the account's name");
   const CommandLine passwd = addPasswd(line, *arguments);
-  const CommandLine enable = line.Subcommand("enable", "Unlock the account's password");
-  line.Subcommand("disable", "Lock the account's password");
+  const CommandLine enable = line.subcommand("enable", "Unlock the account's password");
+  line.subcommand("disable", "Lock the account's password");
   return [=](const Options& options) {
     using namespace ipc::messages;
-    if (show.Given()) {
+    if (show.given()) {
       return showName(options);
     }
-    if (passwd.Given()) {
+    if (passwd.given()) {
       return changePassword(options, *arguments);
     }
-    return enable.Given() ? change<EnableUsernamePassword>(options, "Enabled.\n")
+    return enable.given() ? change<EnableUsernamePassword>(options, "Enabled.\n")
                           : change<DisableUsernamePassword>(options, "Disabled.\n");
   };
 }

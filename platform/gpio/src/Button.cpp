@@ -29,8 +29,8 @@ int heldTime(std::uint64_t from, std::uint64_t to) {
 
 // The value of the key; null if it is absent or, which is logged, of another type.
 const Variant* optionalValue(const variant::CameraInfo& info, const char* key, VariantClass mask) {
-  const Variant* value = info.Find(key);
-  if (value != nullptr && !value->Is(mask)) {
+  const Variant* value = info.find(key);
+  if (value != nullptr && !value->is(mask)) {
     KOVA_LOG(LOG_ERR, 0, "Key \"%s\" has a different type than expected", key);
     return nullptr;
   }
@@ -148,7 +148,7 @@ void BaseButton::reportHeld(std::uint64_t now) {
 BaseButton::Line BaseResetButton::lineOf(const variant::CameraInfo& info) const {
   const Variant* name = optionalValue(info, "reset_button_gpio", VariantClass::String);
   const Variant* activeLow = optionalValue(info, "reset_button_active_low", VariantClass::Boolean);
-  return {name == nullptr ? "" : name->ToText(), activeLow == nullptr || activeLow->ToBool()};
+  return {name == nullptr ? "" : name->toText(), activeLow == nullptr || activeLow->toBool()};
 }
 
 }  // namespace kova::gpio

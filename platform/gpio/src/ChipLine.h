@@ -14,7 +14,7 @@ class ChipLine : public InputLine {
  public:
   explicit ChipLine(std::string name) : name_(std::move(name)) {}
   bool read(bool& high) override;
-  void close() override { line_.Reset(); }
+  void close() override { line_.reset(); }
 
  private:
   utils::UniqueFd openLine() const;

@@ -58,7 +58,7 @@ std::vector<Chip> listChips() {
     std::string path = std::string(kFolder) + "/" + std::string(kPrefix) + std::to_string(number);
     const utils::UniqueFd device = openChip(path);
     gpiochip_info info{};
-    if (device && ioctl(device.Get(), GPIO_GET_CHIPINFO_IOCTL, &info) == 0) {
+    if (device && ioctl(device.get(), GPIO_GET_CHIPINFO_IOCTL, &info) == 0) {
       chips.push_back({std::move(path), textOf(info.label), info.lines});
     }
   }
@@ -71,7 +71,7 @@ std::vector<std::string> lineNames(const Chip& chip) {
   for (std::uint32_t offset = 0; device && offset < chip.lines; ++offset) {
     gpio_v2_line_info info{};
     info.offset = offset;
-    if (ioctl(device.Get(), GPIO_V2_GET_LINEINFO_IOCTL, &info) != 0) {
+    if (ioctl(device.get(), GPIO_V2_GET_LINEINFO_IOCTL, &info) != 0) {
       return {};
     }
     names.push_back(textOf(info.name));
@@ -86,7 +86,7 @@ utils::UniqueFd requestInput(const Chip& chip, std::uint32_t offset) {
   request.num_lines = 1;
   request.config.flags = GPIO_V2_LINE_FLAG_INPUT;
   std::memcpy(request.consumer, kConsumer, sizeof kConsumer);
-  if (!device || ioctl(device.Get(), GPIO_V2_GET_LINE_IOCTL, &request) != 0) {
+  if (!device || ioctl(device.get(), GPIO_V2_GET_LINE_IOCTL, &request) != 0) {
     return {};
   }
   return utils::UniqueFd(request.fd);
@@ -95,7 +95,7 @@ utils::UniqueFd requestInput(const Chip& chip, std::uint32_t offset) {
 bool readLevel(const utils::UniqueFd& line, bool& high) {
   gpio_v2_line_values values{};
   values.mask = 1;
-  if (ioctl(line.Get(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values) != 0) {
+  if (ioctl(line.get(), GPIO_V2_LINE_GET_VALUES_IOCTL, &values) != 0) {
     return false;
   }
   high = (values.bits & 1U) != 0;

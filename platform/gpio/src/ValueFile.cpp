@@ -17,7 +17,7 @@ bool ValueFile::read(bool& high) {
     }
   }
   std::array<char, 4> buffer;
-  const ssize_t got = pread(file_.Get(), buffer.data(), buffer.size(), 0);
+  const ssize_t got = pread(file_.get(), buffer.data(), buffer.size(), 0);
   if (got < 0) {
     return false;
   }

@@ -14,7 +14,7 @@ class ValueFile : public InputLine {
  public:
   explicit ValueFile(std::string path) : path_(std::move(path)) {}
   bool read(bool& high) override;
-  void close() override { file_.Reset(); }
+  void close() override { file_.reset(); }
 
  private:
   std::string path_;

@@ -51,12 +51,12 @@ utils::UniqueFd requestInput(const Chip& chip, std::uint32_t offset) {
     return {};
   }
   utils::UniqueFd line(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  fakes::takenLines[line.Get()] = {fakes::numberOf(chip), offset};
+  fakes::takenLines[line.get()] = {fakes::numberOf(chip), offset};
   return line;
 }
 
 bool readLevel(const utils::UniqueFd& line, bool& high) {
-  const fakes::Taken taken = fakes::takenLines.at(line.Get());
+  const fakes::Taken taken = fakes::takenLines.at(line.get());
   fakes::FakeChip& fake = fakeChips[taken.chip];
   if (fake.readError != 0) {
     errno = fake.readError;

@@ -27,7 +27,7 @@ std::string text(const char* maybe) {
 
 class BusMonitor::Connection {
  public:
-  bool Open(std::string& error);
+  bool open(std::string& error);
   bool Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink);
 
  private:
@@ -35,28 +35,28 @@ class BusMonitor::Connection {
   /// Unique name of the caller and serial number of the call, which identify the call of an answer.
   using CallId = std::pair<std::string, std::uint64_t>;
 
-  bool LearnOwners(std::string& error);
-  bool BecomeMonitor(std::string& error);
-  int Drain(const Sink& sink);
-  void See(sd_bus_message* message, const Sink& sink);
-  void SeeOwnerChange(sd_bus_message* signal);
-  bool SeeCall(sd_bus_message* call);
-  bool SeeAnswer(sd_bus_message* answer);
-  void Forget(const std::string& unique);
+  bool learnOwners(std::string& error);
+  bool becomeMonitor(std::string& error);
+  int drain(const Sink& sink);
+  void see(sd_bus_message* message, const Sink& sink);
+  void seeOwnerChange(sd_bus_message* signal);
+  bool seeCall(sd_bus_message* call);
+  bool seeAnswer(sd_bus_message* answer);
+  void forget(const std::string& unique);
   /// The endpoint's name if known, else the bus name.
-  std::string Readable(const char* busName) const;
+  std::string readable(const char* busName) const;
 
   BusPtr bus_;
   std::map<std::string, std::string> endpoints_;  ///< by unique name
   std::set<CallId> calls_;                        ///< without an answer yet
 };
 
-bool BusMonitor::Connection::Open(std::string& error) {
+bool BusMonitor::Connection::open(std::string& error) {
   bus_ = openBus(true, error);
-  return bus_ != nullptr && LearnOwners(error) && BecomeMonitor(error);
+  return bus_ != nullptr && learnOwners(error) && becomeMonitor(error);
 }
 
-bool BusMonitor::Connection::LearnOwners(std::string& error) {
+bool BusMonitor::Connection::learnOwners(std::string& error) {
   std::vector<std::string> names;
   if (!listNames(bus_.get(), names, error)) {
     return false;
@@ -78,7 +78,7 @@ bool BusMonitor::Connection::LearnOwners(std::string& error) {
   return true;
 }
 
-bool BusMonitor::Connection::BecomeMonitor(std::string& error) {
+bool BusMonitor::Connection::becomeMonitor(std::string& error) {
   BusError failure;
   const int result =
       sd_bus_call_method(bus_.get(), kDriver, kDriverPath, "org.freedesktop.DBus.Monitoring",
@@ -89,7 +89,7 @@ bool BusMonitor::Connection::BecomeMonitor(std::string& error) {
   return result >= 0;
 }
 
-std::string BusMonitor::Connection::Readable(const char* busName) const {
+std::string BusMonitor::Connection::readable(const char* busName) const {
   const std::string name = text(busName);
   const auto known = endpoints_.find(name);
   if (known != endpoints_.end()) {
@@ -99,12 +99,12 @@ std::string BusMonitor::Connection::Readable(const char* busName) const {
   return endpoint.empty() ? name : endpoint;
 }
 
-void BusMonitor::Connection::Forget(const std::string& unique) {
+void BusMonitor::Connection::forget(const std::string& unique) {
   endpoints_.erase(unique);
   calls_.erase(calls_.lower_bound({unique, 0}), calls_.upper_bound({unique, UINT64_MAX}));
 }
 
-void BusMonitor::Connection::SeeOwnerChange(sd_bus_message* signal) {
+void BusMonitor::Connection::seeOwnerChange(sd_bus_message* signal) {
   const char* name = nullptr;
   const char* before = nullptr;
   const char* after = nullptr;
@@ -112,7 +112,7 @@ void BusMonitor::Connection::SeeOwnerChange(sd_bus_message* signal) {
     return;
   }
   if (*name == ':' && *after == '\0') {
-    Forget(name);
+    forget(name);
     return;
   }
   const std::string endpoint = endpointOf(name);
@@ -125,7 +125,7 @@ void BusMonitor::Connection::SeeOwnerChange(sd_bus_message* signal) {
   }
 }
 
-bool BusMonitor::Connection::SeeCall(sd_bus_message* call) {
+bool BusMonitor::Connection::seeCall(sd_bus_message* call) {
   std::uint64_t serial = 0;
   if (sd_bus_message_is_method_call(call, kInterface, kSend) <= 0 ||
       sd_bus_message_get_cookie(call, &serial) < 0) {
@@ -137,17 +137,17 @@ bool BusMonitor::Connection::SeeCall(sd_bus_message* call) {
   return true;
 }
 
-bool BusMonitor::Connection::SeeAnswer(sd_bus_message* answer) {
+bool BusMonitor::Connection::seeAnswer(sd_bus_message* answer) {
   std::uint64_t serial = 0;
   return sd_bus_message_get_reply_cookie(answer, &serial) >= 0 &&
          calls_.erase({text(sd_bus_message_get_destination(answer)), serial}) > 0;
 }
 
-void BusMonitor::Connection::See(sd_bus_message* message, const Sink& sink) {
+void BusMonitor::Connection::see(sd_bus_message* message, const Sink& sink) {
   SeenMessage seen{};
-  if (SeeCall(message)) {
+  if (seeCall(message)) {
     seen.kind = SeenMessage::Kind::Call;
-  } else if (SeeAnswer(message)) {
+  } else if (seeAnswer(message)) {
     const sd_bus_error* error = sd_bus_message_get_error(message);
     seen.kind = error != nullptr ? SeenMessage::Kind::Error : SeenMessage::Kind::Answer;
     seen.error = error != nullptr ? text(error->name) + ": " + text(error->message) : "";
@@ -155,12 +155,12 @@ void BusMonitor::Connection::See(sd_bus_message* message, const Sink& sink) {
     seen.kind = SeenMessage::Kind::Broadcast;
   } else {
     if (sd_bus_message_is_signal(message, kDriver, "NameOwnerChanged") > 0) {
-      SeeOwnerChange(message);
+      seeOwnerChange(message);
     }
     return;
   }
-  seen.sender = Readable(sd_bus_message_get_sender(message));
-  seen.destination = Readable(sd_bus_message_get_destination(message));
+  seen.sender = readable(sd_bus_message_get_sender(message));
+  seen.destination = readable(sd_bus_message_get_destination(message));
   std::string reason;
   if (seen.kind != SeenMessage::Kind::Error && !wire::decode(message, seen.body, reason)) {
     seen.body.Free();
@@ -168,7 +168,7 @@ void BusMonitor::Connection::See(sd_bus_message* message, const Sink& sink) {
   sink(seen);
 }
 
-int BusMonitor::Connection::Drain(const Sink& sink) {
+int BusMonitor::Connection::drain(const Sink& sink) {
   for (int handled = 0; handled < kMaxMessages; ++handled) {
     sd_bus_message* taken = nullptr;
     const int result = sd_bus_process(bus_.get(), &taken);
@@ -177,18 +177,18 @@ int BusMonitor::Connection::Drain(const Sink& sink) {
       return result < 0 ? result : handled;
     }
     if (message != nullptr) {
-      See(message.get(), sink);
+      see(message.get(), sink);
     }
   }
   return kMaxMessages;
 }
 
 bool BusMonitor::Connection::Service(unsigned timeoutMs, const Sink& sink) {
-  int handled = Drain(sink);
+  int handled = drain(sink);
   if (handled == 0 && timeoutMs > 0) {
     // Processing the connection tells why the wait ended.
     static_cast<void>(sd_bus_wait(bus_.get(), std::uint64_t{timeoutMs} * 1000));
-    handled = Drain(sink);
+    handled = drain(sink);
   }
   return handled >= 0;
 }
@@ -196,10 +196,10 @@ bool BusMonitor::Connection::Service(unsigned timeoutMs, const Sink& sink) {
 BusMonitor::BusMonitor() = default;
 BusMonitor::~BusMonitor() = default;
 
-bool BusMonitor::Open(std::string& error) {
-  return guarded(__func__, false, [&] {
+bool BusMonitor::open(std::string& error) {  // kept: 15
+  return guarded("Open", false, [&] {
     connection_ = std::make_unique<Connection>();
-    if (!connection_->Open(error)) {
+    if (!connection_->open(error)) {
       connection_.reset();
     }
     return connection_ != nullptr;

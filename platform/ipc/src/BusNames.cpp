@@ -17,9 +17,9 @@ constexpr char kMatch[] =
 }  // namespace
 
 std::string endpointOf(const char* busName) {
-  constexpr std::string_view prefix(kNamePrefix);
+  constexpr std::string_view kPrefix(kNamePrefix);
   const std::string_view name(busName != nullptr ? busName : "");
-  return name.starts_with(prefix) ? std::string(name.substr(prefix.size())) : std::string();
+  return name.starts_with(kPrefix) ? std::string(name.substr(kPrefix.size())) : std::string();
 }
 
 bool listNames(sd_bus* bus, std::vector<std::string>& names, std::string& error) {
@@ -43,11 +43,11 @@ bool listNames(sd_bus* bus, std::vector<std::string>& names, std::string& error)
   return true;
 }
 
-bool PresentEndpoints::Watch(sd_bus* bus, std::string& error) {
+bool PresentEndpoints::watch(sd_bus* bus, std::string& error) {
   // Subscribe before listing: a name that appears in between is seen twice rather than missed.
   sd_bus_slot* slot = nullptr;
   const int result =
-      sd_bus_add_match(bus, &slot, kMatch, callback<&PresentEndpoints::OnOwnerChanged>, this);
+      sd_bus_add_match(bus, &slot, kMatch, callback<&PresentEndpoints::onOwnerChanged>, this);
   slot_.reset(slot);
   if (result < 0) {
     error = explain("Unable to follow the names on the bus", result);
@@ -65,7 +65,7 @@ bool PresentEndpoints::Watch(sd_bus* bus, std::string& error) {
   return true;
 }
 
-int PresentEndpoints::OnOwnerChanged(sd_bus_message* signal, sd_bus_error*) {
+int PresentEndpoints::onOwnerChanged(sd_bus_message* signal, sd_bus_error*) {
   const char* name = nullptr;
   const char* before = nullptr;
   const char* after = nullptr;

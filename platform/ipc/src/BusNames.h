@@ -26,11 +26,11 @@ class PresentEndpoints {
   PresentEndpoints& operator=(const PresentEndpoints&) = delete;
 
   /// Starts tracking; call it once.
-  bool Watch(sd_bus* bus, std::string& error);
-  bool Has(const std::string& endpoint) const { return present_.contains(endpoint); }
+  bool watch(sd_bus* bus, std::string& error);
+  bool has(const std::string& endpoint) const { return present_.contains(endpoint); }
 
  private:
-  int OnOwnerChanged(sd_bus_message* signal, sd_bus_error* error);
+  int onOwnerChanged(sd_bus_message* signal, sd_bus_error* error);
 
   std::function<void(const std::string&)> appeared_;
   std::set<std::string> present_;

@@ -39,20 +39,20 @@ class BusObjects::Connection {
       : bus_(std::move(bus)), name_(kNamePrefix + endpoint) {}
 
   /// A call; null on failure.
-  MessagePtr NewCall(const std::string& path, const char* interface, const char* method) {
+  MessagePtr newCall(const std::string& path, const char* interface, const char* method) {
     sd_bus_message* created = nullptr;
     const int result = sd_bus_message_new_method_call(bus_.get(), &created, name_.c_str(),
                                                       path.c_str(), interface, method);
     return MessagePtr(result >= 0 ? created : nullptr);
   }
-  bool Start(const MessagePtr& call, std::uint32_t timeoutMs, Receiver receiver);
-  bool Follow(const std::string& path, std::function<void()> changed);
+  bool start(const MessagePtr& call, std::uint32_t timeoutMs, Receiver receiver);
+  bool follow(const std::string& path, std::function<void()> changed);
   bool Service(unsigned timeoutMs);
 
  private:
-  int OnAnswer(sd_bus_message* answer, sd_bus_error*);
-  int OnSignal(sd_bus_message*, sd_bus_error*);
-  int Drain();
+  int onAnswer(sd_bus_message* answer, sd_bus_error*);
+  int onSignal(sd_bus_message*, sd_bus_error*);
+  int drain();
 
   BusPtr bus_;
   std::string name_;
@@ -63,19 +63,19 @@ class BusObjects::Connection {
   SlotPtr match_;
 };
 
-bool BusObjects::Connection::Start(const MessagePtr& call, std::uint32_t timeoutMs,
+bool BusObjects::Connection::start(const MessagePtr& call, std::uint32_t timeoutMs,
                                    Receiver receiver) {
   sd_bus_slot* slot = nullptr;
   receiver_ = std::move(receiver);
   const int result = call == nullptr ? -EINVAL
                                      : sd_bus_call_async(bus_.get(), &slot, call.get(),
-                                                         callback<&Connection::OnAnswer>, this,
+                                                         callback<&Connection::onAnswer>, this,
                                                          std::uint64_t{timeoutMs} * 1000);
   call_.reset(slot);
   return result >= 0;
 }
 
-int BusObjects::Connection::OnAnswer(sd_bus_message* answer, sd_bus_error*) {
+int BusObjects::Connection::onAnswer(sd_bus_message* answer, sd_bus_error*) {
   // The receiver may start the next call.
   const Receiver receiver = std::exchange(receiver_, nullptr);
   if (receiver) {
@@ -84,22 +84,22 @@ int BusObjects::Connection::OnAnswer(sd_bus_message* answer, sd_bus_error*) {
   return 0;
 }
 
-bool BusObjects::Connection::Follow(const std::string& path, std::function<void()> changed) {
+bool BusObjects::Connection::follow(const std::string& path, std::function<void()> changed) {
   const std::string rule = "type='signal',sender='" + name_ + "',path_namespace='" + path + "'";
   changed_ = std::move(changed);
   sd_bus_slot* slot = nullptr;
   const int result =
-      sd_bus_add_match(bus_.get(), &slot, rule.c_str(), callback<&Connection::OnSignal>, this);
+      sd_bus_add_match(bus_.get(), &slot, rule.c_str(), callback<&Connection::onSignal>, this);
   match_.reset(slot);
   return result >= 0;
 }
 
-int BusObjects::Connection::OnSignal(sd_bus_message*, sd_bus_error*) {
+int BusObjects::Connection::onSignal(sd_bus_message*, sd_bus_error*) {
   changed_();
   return 0;
 }
 
-int BusObjects::Connection::Drain() {
+int BusObjects::Connection::drain() {
   int handled = 0;
   while (handled < kMaxMessages) {
     const int result = sd_bus_process(bus_.get(), nullptr);
@@ -112,11 +112,11 @@ int BusObjects::Connection::Drain() {
 }
 
 bool BusObjects::Connection::Service(unsigned timeoutMs) {
-  int handled = Drain();
+  int handled = drain();
   if (handled == 0 && timeoutMs > 0) {
     // Processing the connection tells why the wait ended.
     static_cast<void>(sd_bus_wait(bus_.get(), std::uint64_t{timeoutMs} * 1000));
-    handled = Drain();
+    handled = drain();
   }
   return handled >= 0;
 }
@@ -124,7 +124,7 @@ bool BusObjects::Connection::Service(unsigned timeoutMs) {
 BusObjects::BusObjects(std::string endpoint) : endpoint_(std::move(endpoint)) {}
 BusObjects::~BusObjects() = default;
 
-bool BusObjects::Open(std::string& error) {
+bool BusObjects::open(std::string& error) {
   return guarded(__func__, false, [&] {
     BusPtr bus = openBus(false, error);
     connection_ =
@@ -133,34 +133,34 @@ bool BusObjects::Open(std::string& error) {
   });
 }
 
-bool BusObjects::ReadAll(std::uint32_t timeoutMs, Receiver receiver) {
-  return Call(kObjectPath, kManager, "GetManagedObjects", timeoutMs, std::move(receiver));
+bool BusObjects::readAll(std::uint32_t timeoutMs, Receiver receiver) {
+  return call(kObjectPath, kManager, "GetManagedObjects", timeoutMs, std::move(receiver));
 }
 
-bool BusObjects::Read(const std::string& path, const std::string& interface,
+bool BusObjects::read(const std::string& path, const std::string& interface,
                       std::uint32_t timeoutMs, Receiver receiver) {
   return guarded(__func__, false, [&] {
     if (connection_ == nullptr) {
       return false;
     }
-    const MessagePtr call = connection_->NewCall(path, kProperties, "GetAll");
+    const MessagePtr call = connection_->newCall(path, kProperties, "GetAll");
     return call != nullptr && sd_bus_message_append(call.get(), "s", interface.c_str()) >= 0 &&
-           connection_->Start(call, timeoutMs, std::move(receiver));
+           connection_->start(call, timeoutMs, std::move(receiver));
   });
 }
 
-bool BusObjects::Call(const std::string& path, const std::string& interface,
+bool BusObjects::call(const std::string& path, const std::string& interface,
                       const std::string& method, std::uint32_t timeoutMs, Receiver receiver) {
   return guarded(__func__, false, [&] {
     return connection_ != nullptr &&
-           connection_->Start(connection_->NewCall(path, interface.c_str(), method.c_str()),
+           connection_->start(connection_->newCall(path, interface.c_str(), method.c_str()),
                               timeoutMs, std::move(receiver));
   });
 }
 
-bool BusObjects::Follow(const std::string& path, std::function<void()> changed) {
+bool BusObjects::follow(const std::string& path, std::function<void()> changed) {
   return guarded(__func__, false, [&] {
-    return connection_ != nullptr && connection_->Follow(path, std::move(changed));
+    return connection_ != nullptr && connection_->follow(path, std::move(changed));
   });
 }
 

@@ -36,7 +36,7 @@ bool Ipc::Connection::AddHandler(const std::string& functionName, BaseHandler* h
   return added;
 }
 
-std::unique_ptr<Ipc::Connection::Session> Ipc::Connection::Enter(const std::string& endpoint,
+std::unique_ptr<Ipc::Connection::Session> Ipc::Connection::enter(const std::string& endpoint,
                                                                  bool receiveBroadcasts,
                                                                  TransactionsHandler* transactions,
                                                                  std::string& error) {
@@ -46,8 +46,8 @@ std::unique_ptr<Ipc::Connection::Session> Ipc::Connection::Enter(const std::stri
   }
   auto session =
       std::make_unique<Session>(std::move(opened), endpoint, handlers_, transactions, objects_);
-  if (!session->incoming.Serve(receiveBroadcasts, error) || !session->outgoing.Start(error) ||
-      !objects_.Serve(session->bus.get(), error)) {
+  if (!session->incoming.serve(receiveBroadcasts, error) || !session->outgoing.start(error) ||
+      !objects_.serve(session->bus.get(), error)) {
     return nullptr;
   }
   const std::string name = kNamePrefix + endpoint;
@@ -60,12 +60,12 @@ std::unique_ptr<Ipc::Connection::Session> Ipc::Connection::Enter(const std::stri
   return session;
 }
 
-bool Ipc::Connection::Join(const std::string& endpoint, bool receiveBroadcasts,
+bool Ipc::Connection::join(const std::string& endpoint, bool receiveBroadcasts,
                            TransactionsHandler* transactions) {
   std::string error = "Already joined";
   std::unique_ptr<Session> session;
   if (session_ == nullptr) {
-    session = Enter(endpoint, receiveBroadcasts, transactions, error);
+    session = enter(endpoint, receiveBroadcasts, transactions, error);
   }
   if (session == nullptr) {
     KOVA_LOG(LOG_ERR, 0, "%s", error.c_str());
@@ -76,35 +76,35 @@ bool Ipc::Connection::Join(const std::string& endpoint, bool receiveBroadcasts,
   return true;
 }
 
-bool Ipc::Connection::Send(messages::BaseRequestMessage& request) {
+bool Ipc::Connection::send(messages::BaseRequestMessage& request) {
   if (session_ == nullptr) {
     KOVA_LOG(LOG_ERR, 0, "Unable to send \"%s\": not joined", request.functionName().c_str());
     return false;
   }
-  return session_->outgoing.Send(request);
+  return session_->outgoing.send(request);
 }
 
-bool Ipc::Connection::Respond(messages::BaseRequestMessage& request,
+bool Ipc::Connection::respond(messages::BaseRequestMessage& request,
                               messages::BaseResponseMessage& response) {
-  return session_ != nullptr && session_->incoming.Respond(request, response);
+  return session_ != nullptr && session_->incoming.respond(request, response);
 }
 
 // Messages keep their order, so that an answer of the bus to the last one tells of all.
-bool Ipc::Connection::Flush() {
+bool Ipc::Connection::flush() {
   return session_ != nullptr && !lost_ &&
          sd_bus_call_method(session_->bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                             "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "") >= 0;
 }
 
-bool Ipc::Connection::IsPresent(const std::string& endpoint) const {
-  return session_ != nullptr && session_->outgoing.IsPresent(endpoint);
+bool Ipc::Connection::isPresent(const std::string& endpoint) const {
+  return session_ != nullptr && session_->outgoing.isPresent(endpoint);
 }
 
 // While the bus does not read, output only accumulates in this process.
-bool Ipc::Connection::IsCongested() {
+bool Ipc::Connection::isCongested() {
   std::uint64_t unsent = 0;
   if (sd_bus_get_n_queued_write(session_->bus.get(), &unsent) < 0 ||
-      (unsent <= kMaxUnsentAnswers && objects_.UnsentBytes() <= kMaxUnsentBytes)) {
+      (unsent <= kMaxUnsentAnswers && objects_.unsentBytes() <= kMaxUnsentBytes)) {
     return false;
   }
   pollfd socket{sd_bus_get_fd(session_->bus.get()), POLLOUT, 0};
@@ -112,7 +112,7 @@ bool Ipc::Connection::IsCongested() {
 }
 
 // Whether nothing is pending. Polling the socket is far cheaper than calling the library.
-bool Ipc::Connection::IsIdle() {
+bool Ipc::Connection::isIdle() {
   sd_bus* bus = session_->bus.get();
   std::uint64_t unread = 0;
   std::uint64_t unsent = 0;
@@ -124,11 +124,11 @@ bool Ipc::Connection::IsIdle() {
   return idle;
 }
 
-int Ipc::Connection::Drain() {
+int Ipc::Connection::drain() {
   const std::uint64_t deadline = utils::nowMs() + kMaxPassMs;
   int handled = 0;
-  while (handled < kMaxMessages && !IsCongested()) {
-    objects_.BeginMessage();
+  while (handled < kMaxMessages && !isCongested()) {
+    objects_.beginMessage();
     const int result = sd_bus_process(session_->bus.get(), nullptr);
     if (result == 0 || result == -EBUSY) {  // busy: reentered from a handler
       break;
@@ -148,14 +148,14 @@ bool Ipc::Connection::Service(unsigned timeoutMs) {
   if (session_ == nullptr || lost_) {
     return false;
   }
-  if (timeoutMs == 0 && IsIdle()) {
+  if (timeoutMs == 0 && isIdle()) {
     return true;
   }
-  int handled = Drain();
+  int handled = drain();
   if (handled == 0 && timeoutMs > 0) {
     // A signal or a failure ends the wait early; processing the connection tells which.
     static_cast<void>(sd_bus_wait(session_->bus.get(), std::uint64_t{timeoutMs} * 1000));
-    handled = Drain();
+    handled = drain();
   }
   if (handled < 0) {
     KOVA_LOG(LOG_ERR, -handled, "Lost the connection to the bus");

@@ -16,12 +16,12 @@ namespace kova::ipc {
 class Ipc::Connection {
  public:
   bool AddHandler(const std::string& functionName, BaseHandler* handler);
-  bool Join(const std::string& endpoint, bool receiveBroadcasts, TransactionsHandler* transactions);
+  bool join(const std::string& endpoint, bool receiveBroadcasts, TransactionsHandler* transactions);
   bool Service(unsigned timeoutMs);
-  bool Send(messages::BaseRequestMessage& request);
-  bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
-  bool Flush();
-  bool IsPresent(const std::string& endpoint) const;
+  bool send(messages::BaseRequestMessage& request);
+  bool respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
+  bool flush();
+  bool isPresent(const std::string& endpoint) const;
   Objects& objects() { return objects_; }
 
  private:
@@ -32,7 +32,7 @@ class Ipc::Connection {
           incoming(bus.get(), endpoint, handlers),
           outgoing(bus.get(), endpoint, transactions),
           objects(published) {}
-    ~Session() { objects.Leave(); }
+    ~Session() { objects.leave(); }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -42,13 +42,13 @@ class Ipc::Connection {
     ObjectServer& objects;
   };
 
-  std::unique_ptr<Session> Enter(const std::string& endpoint, bool receiveBroadcasts,
+  std::unique_ptr<Session> enter(const std::string& endpoint, bool receiveBroadcasts,
                                  TransactionsHandler* transactions, std::string& error);
   /// Handles what is pending, within limits.
   /// @return number of messages, or a negative errno value
-  int Drain();
-  bool IsCongested();
-  bool IsIdle();
+  int drain();
+  bool isCongested();
+  bool isIdle();
 
   Incoming::Handlers handlers_;
   ObjectServer objects_;

@@ -30,8 +30,8 @@ bool isSend(sd_bus_message* call) {
 
 // The name as sent; the accessor would repair a missing or mistyped one.
 std::string functionNameOf(const variant::Variant& message) {
-  const variant::Variant* name = message.Find("functionName");
-  return name != nullptr ? name->ToText() : std::string();
+  const variant::Variant* name = message.find("functionName");
+  return name != nullptr ? name->toText() : std::string();
 }
 
 bool reply(sd_bus_message* call, const variant::Variant& body) {
@@ -55,20 +55,20 @@ bool reply(sd_bus_message* call, const variant::Variant& body) {
 
 }  // namespace
 
-bool Incoming::Serve(bool receiveBroadcasts, std::string& error) {
+bool Incoming::serve(bool receiveBroadcasts, std::string& error) {
   // sd-bus calls object callbacks before it consults tables, so that calls of any signature reach
   // OnCall; the table only serves introspection.
   static constexpr sd_bus_vtable kTable[] = {
       SD_BUS_VTABLE_START(0),
       SD_BUS_METHOD_WITH_ARGS("Send", SD_BUS_ARGS("a{sv}", message),
-                              SD_BUS_RESULT("a{sv}", response), callback<&Incoming::OnCall>,
+                              SD_BUS_RESULT("a{sv}", response), callback<&Incoming::onCall>,
                               SD_BUS_VTABLE_UNPRIVILEGED),
       SD_BUS_SIGNAL_WITH_ARGS("Broadcast", SD_BUS_ARGS("a{sv}", message), 0), SD_BUS_VTABLE_END};
   const char* unique = nullptr;
   sd_bus_slot* slot = nullptr;
   int result = sd_bus_get_unique_name(bus_, &unique);
   if (result >= 0) {
-    result = sd_bus_add_object(bus_, &slot, kObjectPath, callback<&Incoming::OnCall>, this);
+    result = sd_bus_add_object(bus_, &slot, kObjectPath, callback<&Incoming::onCall>, this);
     slots_.emplace_back(slot);
   }
   if (result >= 0) {
@@ -76,7 +76,7 @@ bool Incoming::Serve(bool receiveBroadcasts, std::string& error) {
     slots_.emplace_back(result >= 0 ? slot : nullptr);
   }
   if (result >= 0 && receiveBroadcasts) {
-    result = sd_bus_add_match(bus_, &slot, kBroadcastMatch, callback<&Incoming::OnBroadcast>, this);
+    result = sd_bus_add_match(bus_, &slot, kBroadcastMatch, callback<&Incoming::onBroadcast>, this);
     slots_.emplace_back(result >= 0 ? slot : nullptr);
   }
   if (result < 0) {
@@ -87,7 +87,7 @@ bool Incoming::Serve(bool receiveBroadcasts, std::string& error) {
   return true;
 }
 
-BaseHandler* Incoming::HandlerOf(const std::string& functionName) const {
+BaseHandler* Incoming::handlerOf(const std::string& functionName) const {
   auto found = handlers_.find(functionName);
   if (found == handlers_.end()) {
     found = handlers_.find("");
@@ -95,17 +95,17 @@ BaseHandler* Incoming::HandlerOf(const std::string& functionName) const {
   return found != handlers_.end() ? found->second : nullptr;
 }
 
-Incoming::Outcome Incoming::Handle(messages::BaseRequestMessage& request) {
+Incoming::Outcome Incoming::handle(messages::BaseRequestMessage& request) {  // kept: 15
   const std::string name = functionNameOf(request);
-  BaseHandler* handler = HandlerOf(name);
+  BaseHandler* handler = handlerOf(name);
   if (handler == nullptr) {
     return Outcome::Unknown;
   }
   bool rejected = false;
   const bool handled = handler->HandleRequest(request, rejected);
   if (!handled) {
-    KOVA_LOG(LOG_WARNING, 0, "%s failed to handle \"%s\" from \"%s\"", handler->name().c_str(),
-             name.c_str(), request.from().c_str());
+    KOVA_LOG_IN("Handle", LOG_WARNING, 0, "%s failed to handle \"%s\" from \"%s\"",
+                handler->name().c_str(), name.c_str(), request.from().c_str());
   }
   if (rejected) {
     return Outcome::Unknown;
@@ -114,30 +114,30 @@ Incoming::Outcome Incoming::Handle(messages::BaseRequestMessage& request) {
 }
 
 // Guarded separately, so that a handler that throws after answering does not cause a second answer.
-Incoming::Outcome Incoming::HandleGuarded(messages::BaseRequestMessage& request) {
-  return guarded("HandleRequest", Outcome::Failed, [&] { return Handle(request); });
+Incoming::Outcome Incoming::handleGuarded(messages::BaseRequestMessage& request) {
+  return guarded("HandleRequest", Outcome::Failed, [&] { return handle(request); });
 }
 
-int Incoming::OnCall(sd_bus_message* call, sd_bus_error* error) {
+int Incoming::onCall(sd_bus_message* call, sd_bus_error* error) {  // kept: 15
   if (!isSend(call)) {
     return 0;
   }
   messages::BaseRequestMessage request;
   std::string reason;
   if (!wire::decode(call, request, reason)) {
-    KOVA_LOG(LOG_WARNING, 0, "Refused a message from \"%s\": %s",
-             orNone(sd_bus_message_get_sender(call)), reason.c_str());
+    KOVA_LOG_IN("OnCall", LOG_WARNING, 0, "Refused a message from \"%s\": %s",
+                orNone(sd_bus_message_get_sender(call)), reason.c_str());
     return sd_bus_error_set(error, kInvalidMessage, reason.c_str());
   }
   // Reading the id also stores it, so that all copies of a request without one share the same id.
   Exchange exchange{call, request.id()};
   current_ = &exchange;
-  const Outcome outcome = HandleGuarded(request);
+  const Outcome outcome = handleGuarded(request);
   current_ = nullptr;
-  return Conclude(exchange, outcome, error);
+  return conclude(exchange, outcome, error);
 }
 
-int Incoming::Conclude(const Exchange& exchange, Outcome outcome, sd_bus_error* error) {
+int Incoming::conclude(const Exchange& exchange, Outcome outcome, sd_bus_error* error) {
   using State = Exchange::State;
   if (exchange.state == State::Answered) {
     return 1;
@@ -152,28 +152,29 @@ int Incoming::Conclude(const Exchange& exchange, Outcome outcome, sd_bus_error* 
   return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "the request could not be answered");
 }
 
-int Incoming::OnBroadcast(sd_bus_message* signal, sd_bus_error*) {
+int Incoming::onBroadcast(sd_bus_message* signal, sd_bus_error*) {  // kept: 15
   if (orNone(sd_bus_message_get_sender(signal)) == uniqueName_) {
     return 0;
   }
   messages::BaseRequestMessage request;
   std::string reason;
   if (!wire::decode(signal, request, reason)) {
-    KOVA_LOG(LOG_WARNING, 0, "Ignored a broadcast from \"%s\": %s",
-             orNone(sd_bus_message_get_sender(signal)), reason.c_str());
+    KOVA_LOG_IN("OnBroadcast", LOG_WARNING, 0, "Ignored a broadcast from \"%s\": %s",
+                orNone(sd_bus_message_get_sender(signal)), reason.c_str());
     return 0;
   }
+  // Reading the id stores one in a request without one.
   request.id();
-  HandleGuarded(request);
+  handleGuarded(request);
   return 0;
 }
 
-bool Incoming::Respond(messages::BaseRequestMessage& request,
-                       messages::BaseResponseMessage& response) {
+bool Incoming::respond(messages::BaseRequestMessage& request,
+                       messages::BaseResponseMessage& response) {  // kept: 15
   using State = Exchange::State;
   if (current_ == nullptr || current_->state != State::Open ||
       request.id() != current_->requestId) {
-    KOVA_LOG(LOG_ERR, 0, "No request that a response could go to is being handled");
+    KOVA_LOG_IN("Respond", LOG_ERR, 0, "No request that a response could go to is being handled");
     return false;
   }
   response.requestId(request.id());

@@ -28,9 +28,9 @@ class Incoming {
   Incoming& operator=(const Incoming&) = delete;
 
   /// Starts serving the object and, if requested, receiving broadcasts; call it once.
-  bool Serve(bool receiveBroadcasts, std::string& error);
+  bool serve(bool receiveBroadcasts, std::string& error);
   /// Implements Ipc::SendResponse.
-  bool Respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
+  bool respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
 
  private:
   /// The call being handled.
@@ -41,12 +41,12 @@ class Incoming {
   };
   enum class Outcome { Taken, Unknown, Failed };
 
-  int OnCall(sd_bus_message* call, sd_bus_error* error);
-  int OnBroadcast(sd_bus_message* signal, sd_bus_error* error);
-  Outcome Handle(messages::BaseRequestMessage& request);
-  Outcome HandleGuarded(messages::BaseRequestMessage& request);
-  int Conclude(const Exchange& exchange, Outcome outcome, sd_bus_error* error);
-  BaseHandler* HandlerOf(const std::string& functionName) const;
+  int onCall(sd_bus_message* call, sd_bus_error* error);
+  int onBroadcast(sd_bus_message* signal, sd_bus_error* error);
+  Outcome handle(messages::BaseRequestMessage& request);
+  Outcome handleGuarded(messages::BaseRequestMessage& request);
+  int conclude(const Exchange& exchange, Outcome outcome, sd_bus_error* error);
+  BaseHandler* handlerOf(const std::string& functionName) const;
 
   sd_bus* bus_;
   std::string endpoint_;

@@ -32,7 +32,7 @@ Ipc::~Ipc() = default;
 bool Ipc::Init(const std::string& endpoint, bool receiveBroadcasts,
                TransactionsHandler* transactions) {
   return guarded(__func__, false,
-                 [&] { return connection_->Join(endpoint, receiveBroadcasts, transactions); });
+                 [&] { return connection_->join(endpoint, receiveBroadcasts, transactions); });
 }
 
 bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
@@ -48,20 +48,20 @@ bool Ipc::Service(unsigned timeoutMs) {
 }
 
 bool Ipc::SendRequest(messages::BaseRequestMessage& request) {
-  return guarded(__func__, false, [&] { return connection_->Send(request); });
+  return guarded(__func__, false, [&] { return connection_->send(request); });
 }
 
 bool Ipc::SendResponse(messages::BaseRequestMessage& request,
                        messages::BaseResponseMessage& response) {
-  return guarded(__func__, false, [&] { return connection_->Respond(request, response); });
+  return guarded(__func__, false, [&] { return connection_->respond(request, response); });
 }
 
-bool Ipc::Flush() {
-  return guarded(__func__, false, [&] { return connection_->Flush(); });
+bool Ipc::flush() {
+  return guarded(__func__, false, [&] { return connection_->flush(); });
 }
 
-bool Ipc::IsPresent(const std::string& endpoint) const {
-  return guarded(__func__, false, [&] { return connection_->IsPresent(endpoint); });
+bool Ipc::isPresent(const std::string& endpoint) const {  // kept: 15
+  return guarded("IsPresent", false, [&] { return connection_->isPresent(endpoint); });
 }
 
 }  // namespace kova::ipc

@@ -10,33 +10,33 @@ namespace kova::ipc::wire {
 class MarshalledSize {
  public:
   /// A value of a fixed type; D-Bus aligns these to their size.
-  void Fixed(std::size_t size) {
-    Align(size);
+  void addFixed(std::size_t size) {
+    align(size);
     bytes_ += size;
   }
-  void Text(std::size_t length) {
-    Fixed(4);
+  void addText(std::size_t length) {
+    addFixed(4);
     bytes_ += length + 1;
   }
-  void Signature(std::size_t length) { bytes_ += length + 2; }
-  void Bytes(std::size_t length) {
-    Fixed(4);
+  void addSignature(std::size_t length) { bytes_ += length + 2; }
+  void addBytes(std::size_t length) {
+    addFixed(4);
     bytes_ += length;
   }
   /// The start of an array of elements with this signature.
-  void Array(std::string_view elements) {
-    Fixed(4);
-    Align(AlignmentOf(elements.front()));
+  void addArray(std::string_view elements) {
+    addFixed(4);
+    align(alignmentOf(elements.front()));
   }
   /// The start of a structure or dictionary entry.
-  void Structure() { Align(8); }
+  void addStructure() { align(8); }
 
   std::size_t bytes() const { return bytes_; }
 
  private:
-  void Align(std::size_t boundary) { bytes_ = (bytes_ + boundary - 1) / boundary * boundary; }
+  void align(std::size_t boundary) { bytes_ = (bytes_ + boundary - 1) / boundary * boundary; }
 
-  static std::size_t AlignmentOf(char type) {
+  static std::size_t alignmentOf(char type) {
     switch (type) {
       case 'y':
       case 'g':

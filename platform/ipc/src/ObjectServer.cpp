@@ -112,36 +112,36 @@ std::string shownText(const std::string& text, std::size_t most) {
   return shown;
 }
 
-bool ObjectServer::Publish(const Interface& interface, PublishedObject* object) {
-  return Add({*this, interface, kObjectPath, object, nullptr});
+bool ObjectServer::publish(const Interface& interface, PublishedObject* object) {
+  return add({*this, interface, kObjectPath, object, nullptr});
 }
 
-bool ObjectServer::Publish(const std::string& folder, const Interface& interface,
+bool ObjectServer::publish(const std::string& folder, const Interface& interface,
                            PublishedFolder* objects) {
-  return Add({*this, interface, std::string(kObjectPath) + "/" + folder, nullptr, objects});
+  return add({*this, interface, std::string(kObjectPath) + "/" + folder, nullptr, objects});
 }
 
-bool ObjectServer::Add(Publication publication) {
+bool ObjectServer::add(Publication publication) {
   if (bus_ != nullptr) {
     KOVA_LOG(LOG_ERR, 0, "Unable to publish \"%s\": already joined", publication.interface.name);
     return false;
   }
-  publication.table = TableOf(publication.interface);
+  publication.table = tableOf(publication.interface);
   publications_.push_back(std::move(publication));
   return true;
 }
 
-std::vector<sd_bus_vtable> ObjectServer::TableOf(const Interface& interface) {
+std::vector<sd_bus_vtable> ObjectServer::tableOf(const Interface& interface) {
   const sd_bus_vtable start = SD_BUS_VTABLE_START(0);
   const sd_bus_vtable end = SD_BUS_VTABLE_END;
   std::vector<sd_bus_vtable> table{start};
   for (const char* method : interface.methods) {
-    const sd_bus_vtable row = SD_BUS_METHOD(method, "", "", OnCall, SD_BUS_VTABLE_UNPRIVILEGED);
+    const sd_bus_vtable row = SD_BUS_METHOD(method, "", "", onCall, SD_BUS_VTABLE_UNPRIVILEGED);
     table.push_back(row);
   }
   for (const Property& property : interface.properties) {
     const sd_bus_vtable row = SD_BUS_PROPERTY(
-        property.name, property.type, OnRead, 0,
+        property.name, property.type, onRead, 0,
         property.changes ? SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE : SD_BUS_VTABLE_PROPERTY_CONST);
     table.push_back(row);
   }
@@ -149,7 +149,7 @@ std::vector<sd_bus_vtable> ObjectServer::TableOf(const Interface& interface) {
   return table;
 }
 
-int ObjectServer::Register(Publication& publication) {
+int ObjectServer::registerAt(Publication& publication) {
   sd_bus_slot* slot = nullptr;
   const char* path = publication.path.c_str();
   const char* name = publication.interface.name;
@@ -160,18 +160,18 @@ int ObjectServer::Register(Publication& publication) {
     return result;
   }
   // One registration serves all objects of a folder, so that they cost no memory here.
-  int result = sd_bus_add_fallback_vtable(bus_, &slot, path, name, publication.table.data(), OnFind,
+  int result = sd_bus_add_fallback_vtable(bus_, &slot, path, name, publication.table.data(), onFind,
                                           &publication);
   slots_.emplace_back(slot);
   if (result >= 0) {
     slot = nullptr;
-    result = sd_bus_add_node_enumerator(bus_, &slot, path, OnList, &publication);
+    result = sd_bus_add_node_enumerator(bus_, &slot, path, onList, &publication);
     slots_.emplace_back(slot);
   }
   return result;
 }
 
-bool ObjectServer::Serve(sd_bus* bus, std::string& error) {
+bool ObjectServer::serve(sd_bus* bus, std::string& error) {
   int result = 0;
   bus_ = bus;
   if (!publications_.empty()) {
@@ -180,64 +180,64 @@ bool ObjectServer::Serve(sd_bus* bus, std::string& error) {
     slots_.emplace_back(slot);
   }
   for (auto one = publications_.begin(); one != publications_.end() && result >= 0; ++one) {
-    result = Register(*one);
+    result = registerAt(*one);
   }
   if (result < 0) {
     error = explain("Unable to publish objects", result);
-    Leave();
+    leave();
   }
   return result >= 0;
 }
 
-void ObjectServer::Leave() {
+void ObjectServer::leave() {
   slots_.clear();
   bus_ = nullptr;
 }
 
 // --- sd-bus asks ---------------------------------------------------------------------------------
 
-int ObjectServer::OnFind(sd_bus*, const char* path, const char*, void* publication, void** found,
+int ObjectServer::onFind(sd_bus*, const char* path, const char*, void* publication, void** found,
                          sd_bus_error* error) noexcept {
   const int result = guarded(__func__, -EIO, [&] {
     const auto& self = *static_cast<Publication*>(publication);
     const std::uint64_t number = objectNumber(self.path, path);
     *found = publication;
-    return number != 0 && self.folder->Has(number) ? 1 : 0;
+    return number != 0 && self.folder->has(number) ? 1 : 0;
   });
   return result >= 0 ? result : failed(error);
 }
 
-int ObjectServer::OnList(sd_bus*, const char*, void* publication, char*** paths,
+int ObjectServer::onList(sd_bus*, const char*, void* publication, char*** paths,
                          sd_bus_error* error) noexcept {
   const int result = guarded(__func__, -EIO, [&] {
     const auto& self = *static_cast<Publication*>(publication);
-    return self.server.List(self, paths, error);
+    return self.server.list(self, paths, error);
   });
   return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
 }
 
-int ObjectServer::OnRead(sd_bus*, const char* path, const char*, const char* property,
+int ObjectServer::onRead(sd_bus*, const char* path, const char*, const char* property,
                          sd_bus_message* reply, void* publication, sd_bus_error* error) noexcept {
   const int result = guarded(__func__, -EIO, [&] {
     const auto& self = *static_cast<Publication*>(publication);
-    return self.server.Read(self, path, property, reply, error);
+    return self.server.read(self, path, property, reply, error);
   });
   return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
 }
 
-int ObjectServer::OnCall(sd_bus_message* call, void* publication, sd_bus_error* error) noexcept {
+int ObjectServer::onCall(sd_bus_message* call, void* publication, sd_bus_error* error) noexcept {
   const int result = guarded(
-      __func__, -EIO, [&] { return Call(*static_cast<Publication*>(publication), call, error); });
+      __func__, -EIO, [&] { return handle(*static_cast<Publication*>(publication), call, error); });
   return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
 }
 
-bool ObjectServer::Charge(std::size_t bytes) {
+bool ObjectServer::charge(std::size_t bytes) {
   answerBytes_ += bytes;
   unsentBytes_ += bytes;
   return answerBytes_ <= kMostAnswerBytes;
 }
 
-std::size_t ObjectServer::UnsentBytes() {
+std::size_t ObjectServer::unsentBytes() {
   std::uint64_t unsent = 0;
   if (bus_ != nullptr && sd_bus_get_n_queued_write(bus_, &unsent) >= 0 && unsent == 0) {
     unsentBytes_ = 0;
@@ -246,9 +246,9 @@ std::size_t ObjectServer::UnsentBytes() {
 }
 
 // The list and its texts are freed by sd-bus.
-int ObjectServer::List(const Publication& publication, char*** paths, sd_bus_error* error) {
-  const std::vector<std::uint64_t> numbers = publication.folder->Numbers();
-  if (!Charge(numbers.size() * kPropertyBytes)) {
+int ObjectServer::list(const Publication& publication, char*** paths, sd_bus_error* error) {
+  const std::vector<std::uint64_t> numbers = publication.folder->numbers();
+  if (!charge(numbers.size() * kPropertyBytes)) {
     return refuse(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many objects for one answer");
   }
   auto** list = static_cast<char**>(std::calloc(numbers.size() + 1, sizeof(char*)));
@@ -267,18 +267,18 @@ int ObjectServer::List(const Publication& publication, char*** paths, sd_bus_err
   return 0;
 }
 
-int ObjectServer::Read(const Publication& publication, const char* path, const char* property,
+int ObjectServer::read(const Publication& publication, const char* path, const char* property,
                        sd_bus_message* reply, sd_bus_error* error) {
   const auto& rows = publication.interface.properties;
   const std::size_t place = placeOf(rows, property, [](const Property& row) { return row.name; });
   const std::uint64_t number =
       publication.folder != nullptr ? objectNumber(publication.path, path) : 0;
-  if (publication.folder != nullptr && !publication.folder->Has(number)) {
+  if (publication.folder != nullptr && !publication.folder->has(number)) {
     return refuse(error, SD_BUS_ERROR_UNKNOWN_OBJECT, "it is gone");
   }
-  PropertyValue value = publication.folder != nullptr ? publication.folder->Read(number, place)
-                                                      : publication.object->Read(place);
-  if (!Charge(kPropertyBytes + repairText(value))) {
+  PropertyValue value = publication.folder != nullptr ? publication.folder->read(number, place)
+                                                      : publication.object->read(place);
+  if (!charge(kPropertyBytes + repairText(value))) {
     return refuse(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many objects for one answer");
   }
   if (std::string_view(rows[place].type) != typeOf(value)) {
@@ -288,13 +288,14 @@ int ObjectServer::Read(const Publication& publication, const char* path, const c
   return std::visit(Appender{reply}, value);
 }
 
-int ObjectServer::Call(const Publication& publication, sd_bus_message* call, sd_bus_error* error) {
+int ObjectServer::handle(const Publication& publication, sd_bus_message* call,
+                         sd_bus_error* error) {
   const std::size_t place = placeOf(publication.interface.methods, sd_bus_message_get_member(call),
                                     [](const char* name) { return name; });
   const MethodError failure =
       publication.folder == nullptr
-          ? publication.object->Call(place)
-          : publication.folder->Call(objectNumber(publication.path, sd_bus_message_get_path(call)),
+          ? publication.object->call(place)
+          : publication.folder->call(objectNumber(publication.path, sd_bus_message_get_path(call)),
                                      place);
   if (!failure.name.empty()) {
     return sd_bus_error_set(error, failure.name.c_str(),
@@ -306,7 +307,7 @@ int ObjectServer::Call(const Publication& publication, sd_bus_message* call, sd_
 // --- signals -------------------------------------------------------------------------------------
 
 template <typename Published>
-const ObjectServer::Publication* ObjectServer::Find(const Published& published) const {
+const ObjectServer::Publication* ObjectServer::find(const Published& published) const {
   const auto found = std::find_if(publications_.begin(), publications_.end(), [&](auto& one) {
     if constexpr (std::is_same_v<Published, PublishedObject>) {
       return one.object == &published;
@@ -317,23 +318,23 @@ const ObjectServer::Publication* ObjectServer::Find(const Published& published) 
   return found != publications_.end() ? &*found : nullptr;
 }
 
-bool ObjectServer::CanSignal() {
+bool ObjectServer::canSignal() {
   std::uint64_t unsent = 0;
   return bus_ != nullptr && sd_bus_get_n_queued_write(bus_, &unsent) >= 0 &&
-         unsent < Outgoing::kMaxUnsentSignals && UnsentBytes() <= kMostUnsentBytes;
+         unsent < Outgoing::kMaxUnsentSignals && unsentBytes() <= kMostUnsentBytes;
 }
 
-// What fails otherwise than by CanSignal() would fail again.
-bool ObjectServer::Signalled(const char* what, const std::string& path, int result) const {
+// What fails otherwise than by canSignal() would fail again.
+bool ObjectServer::signalled(const char* what, const std::string& path, int result) const {
   if (result < 0) {
     KOVA_LOG(LOG_WARNING, -result, "Unable to signal %s of %s", what, path.c_str());
   }
   return true;
 }
 
-bool ObjectServer::EmitChanged(const Publication& publication, const std::string& path,
+bool ObjectServer::emitChanged(const Publication& publication, const std::string& path,
                                const std::vector<std::size_t>& properties) {
-  if (!CanSignal()) {
+  if (!canSignal()) {
     return false;
   }
   std::vector<char*> names;
@@ -342,51 +343,51 @@ bool ObjectServer::EmitChanged(const Publication& publication, const std::string
     names.push_back(const_cast<char*>(publication.interface.properties.at(place).name));
   }
   names.push_back(nullptr);
-  BeginMessage();
-  return Signalled("a change", path,
+  beginMessage();
+  return signalled("a change", path,
                    sd_bus_emit_properties_changed_strv(bus_, path.c_str(),
                                                        publication.interface.name, names.data()));
 }
 
-bool ObjectServer::Changed(const PublishedObject& object,
+bool ObjectServer::changed(const PublishedObject& object,
                            const std::vector<std::size_t>& properties) {
   return guarded(__func__, false, [&] {
-    const Publication* found = Find(object);
-    return found != nullptr && EmitChanged(*found, found->path, properties);
+    const Publication* found = find(object);
+    return found != nullptr && emitChanged(*found, found->path, properties);
   });
 }
 
-bool ObjectServer::Changed(const PublishedFolder& objects, std::uint64_t number,
+bool ObjectServer::changed(const PublishedFolder& objects, std::uint64_t number,
                            const std::vector<std::size_t>& properties) {
   return guarded(__func__, false, [&] {
-    const Publication* found = Find(objects);
+    const Publication* found = find(objects);
     return found != nullptr &&
-           EmitChanged(*found, found->path + "/" + std::to_string(number), properties);
+           emitChanged(*found, found->path + "/" + std::to_string(number), properties);
   });
 }
 
-bool ObjectServer::Added(const PublishedFolder& objects, std::uint64_t number) {
+bool ObjectServer::added(const PublishedFolder& objects, std::uint64_t number) {
   return guarded(__func__, false, [&] {
-    const Publication* found = Find(objects);
-    if (found == nullptr || !CanSignal()) {
+    const Publication* found = find(objects);
+    if (found == nullptr || !canSignal()) {
       return false;
     }
     const std::string path = found->path + "/" + std::to_string(number);
-    BeginMessage();
-    return Signalled("the arrival", path, sd_bus_emit_object_added(bus_, path.c_str()));
+    beginMessage();
+    return signalled("the arrival", path, sd_bus_emit_object_added(bus_, path.c_str()));
   });
 }
 
-bool ObjectServer::Removed(const PublishedFolder& objects, std::uint64_t number) {
+bool ObjectServer::removed(const PublishedFolder& objects, std::uint64_t number) {
   return guarded(__func__, false, [&] {
-    const Publication* found = Find(objects);
-    if (found == nullptr || !CanSignal()) {
+    const Publication* found = find(objects);
+    if (found == nullptr || !canSignal()) {
       return false;
     }
     // Those that sd_bus_emit_object_added() names, too; the object itself is gone.
     const std::string path = found->path + "/" + std::to_string(number);
-    Charge(kPropertyBytes);
-    return Signalled("the removal", path,
+    charge(kPropertyBytes);
+    return signalled("the removal", path,
                      sd_bus_emit_interfaces_removed(bus_, path.c_str(), "org.freedesktop.DBus.Peer",
                                                     "org.freedesktop.DBus.Introspectable",
                                                     "org.freedesktop.DBus.Properties",

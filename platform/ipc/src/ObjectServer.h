@@ -13,24 +13,24 @@ namespace kova::ipc {
 /// Objects on sd-bus's own tables, which do the introspection and the marshalling.
 class ObjectServer : public Objects {
  public:
-  bool Publish(const Interface& interface, PublishedObject* object) override;
-  bool Publish(const std::string& folder, const Interface& interface,
+  bool publish(const Interface& interface, PublishedObject* object) override;
+  bool publish(const std::string& folder, const Interface& interface,
                PublishedFolder* objects) override;
-  bool Changed(const PublishedObject& object, const std::vector<std::size_t>& properties) override;
-  bool Changed(const PublishedFolder& objects, std::uint64_t number,
+  bool changed(const PublishedObject& object, const std::vector<std::size_t>& properties) override;
+  bool changed(const PublishedFolder& objects, std::uint64_t number,
                const std::vector<std::size_t>& properties) override;
-  bool Added(const PublishedFolder& objects, std::uint64_t number) override;
-  bool Removed(const PublishedFolder& objects, std::uint64_t number) override;
+  bool added(const PublishedFolder& objects, std::uint64_t number) override;
+  bool removed(const PublishedFolder& objects, std::uint64_t number) override;
 
-  /// Starts serving what was published, on a bus that must outlive this object or the next Leave();
+  /// Starts serving what was published, on a bus that must outlive this object or the next leave();
   /// call it once, before the name is owned. Nothing is registered if nothing was published.
-  bool Serve(sd_bus* bus, std::string& error);
-  void Leave();
+  bool serve(sd_bus* bus, std::string& error);
+  void leave();
 
   /// To be called before each message is processed: the limit of answers counts anew.
-  void BeginMessage() { answerBytes_ = 0; }
+  void beginMessage() { answerBytes_ = 0; }
   /// About how much was marshalled since the bus last had taken everything.
-  std::size_t UnsentBytes();
+  std::size_t unsentBytes();
 
  private:
   /// One interface with what has it, and sd-bus's table of it.
@@ -43,28 +43,28 @@ class ObjectServer : public Objects {
     std::vector<sd_bus_vtable> table{};
   };
 
-  static std::vector<sd_bus_vtable> TableOf(const Interface& interface);
-  static int OnFind(sd_bus* bus, const char* path, const char* interface, void* publication,
+  static std::vector<sd_bus_vtable> tableOf(const Interface& interface);
+  static int onFind(sd_bus* bus, const char* path, const char* interface, void* publication,
                     void** found, sd_bus_error* error) noexcept;
-  static int OnList(sd_bus* bus, const char* prefix, void* publication, char*** paths,
+  static int onList(sd_bus* bus, const char* prefix, void* publication, char*** paths,
                     sd_bus_error* error) noexcept;
-  static int OnRead(sd_bus* bus, const char* path, const char* interface, const char* property,
+  static int onRead(sd_bus* bus, const char* path, const char* interface, const char* property,
                     sd_bus_message* reply, void* publication, sd_bus_error* error) noexcept;
-  static int OnCall(sd_bus_message* call, void* publication, sd_bus_error* error) noexcept;
+  static int onCall(sd_bus_message* call, void* publication, sd_bus_error* error) noexcept;
 
-  bool Add(Publication publication);
-  int Register(Publication& publication);
-  int List(const Publication& publication, char*** paths, sd_bus_error* error);
-  int Read(const Publication& publication, const char* path, const char* property,
+  bool add(Publication publication);
+  int registerAt(Publication& publication);
+  int list(const Publication& publication, char*** paths, sd_bus_error* error);
+  int read(const Publication& publication, const char* path, const char* property,
            sd_bus_message* reply, sd_bus_error* error);
-  static int Call(const Publication& publication, sd_bus_message* call, sd_bus_error* error);
-  bool Charge(std::size_t bytes);
+  static int handle(const Publication& publication, sd_bus_message* call, sd_bus_error* error);
+  bool charge(std::size_t bytes);
 
   template <typename Published>
-  const Publication* Find(const Published& published) const;
-  bool CanSignal();
-  bool Signalled(const char* what, const std::string& path, int result) const;
-  bool EmitChanged(const Publication& publication, const std::string& path,
+  const Publication* find(const Published& published) const;
+  bool canSignal();
+  bool signalled(const char* what, const std::string& path, int result) const;
+  bool emitChanged(const Publication& publication, const std::string& path,
                    const std::vector<std::size_t>& properties);
 
   std::list<Publication> publications_;  ///< its elements are the user data of sd-bus's slots

@@ -22,9 +22,9 @@ class OutQueue {
   using Messages = std::deque<messages::BaseRequestMessage>;
 
   /// @param bytes marshalled size of the message
-  void Put(const std::string& destination, messages::BaseRequestMessage message, std::size_t bytes);
+  void put(const std::string& destination, messages::BaseRequestMessage message, std::size_t bytes);
   /// Removes and returns the messages waiting for the destination, oldest first.
-  Messages Take(const std::string& destination);
+  Messages take(const std::string& destination);
 
  private:
   struct Waiting {
@@ -37,10 +37,10 @@ class OutQueue {
   };
   using Destinations = std::list<Destination>;
 
-  Destinations::iterator Find(const std::string& destination);
-  void DropOldest(Destination& destination, const char* why);
-  void DropDestination(Destinations::iterator destination, const char* why);
-  void MakeRoom(std::size_t bytes);
+  Destinations::iterator find(const std::string& destination);
+  void dropOldest(Destination& destination, const char* why);
+  void dropDestination(Destinations::iterator destination, const char* why);
+  void makeRoom(std::size_t bytes);
 
   Destinations destinations_;  ///< in the order in which they started to wait
   std::size_t bytes_ = 0;

@@ -21,60 +21,60 @@ bool refuse(messages::BaseRequestMessage& request, const char* reason) {
 
 }  // namespace
 
-bool Outgoing::Send(messages::BaseRequestMessage& request) {
+bool Outgoing::send(messages::BaseRequestMessage& request) {
   if (request.from().empty()) {
     request.from(endpoint_);
   }
   request.NormalizeFields();
   if (request.isBroadcast()) {
-    return Broadcast(request);
+    return broadcast(request);
   }
   const std::string endpoint = request.to();
   if (sd_bus_service_name_is_valid((kNamePrefix + endpoint).c_str()) <= 0) {
     return refuse(request, "no valid endpoint");
   }
-  if (present_.Has(endpoint)) {
-    return SendTo(endpoint, request);
+  if (present_.has(endpoint)) {
+    return sendTo(endpoint, request);
   }
-  return request.queueIfDestUnavailable() ? Queue(endpoint, request)
+  return request.queueIfDestUnavailable() ? queue(endpoint, request)
                                           : refuse(request, "it is not on the bus");
 }
 
-bool Outgoing::Queue(const std::string& endpoint, const messages::BaseRequestMessage& request) {
+bool Outgoing::queue(const std::string& endpoint, const messages::BaseRequestMessage& request) {
   messages::BaseRequestMessage waiting(request);
   std::size_t bytes = 0;
   std::string reason;
   if (!wire::measure(waiting, bytes, reason)) {
     return refuse(waiting, reason.c_str());
   }
-  queue_.Put(endpoint, std::move(waiting), bytes);
+  queue_.put(endpoint, std::move(waiting), bytes);
   return true;
 }
 
-void Outgoing::Flush(const std::string& endpoint) {
-  for (auto& request : queue_.Take(endpoint)) {
-    SendTo(endpoint, request);
+void Outgoing::flush(const std::string& endpoint) {
+  for (auto& request : queue_.take(endpoint)) {
+    sendTo(endpoint, request);
   }
 }
 
-bool Outgoing::SendTo(const std::string& endpoint, messages::BaseRequestMessage& request) {
+bool Outgoing::sendTo(const std::string& endpoint, messages::BaseRequestMessage& request) {
   sd_bus_message* call = nullptr;
   const int result = sd_bus_message_new_method_call(bus_, &call, (kNamePrefix + endpoint).c_str(),
                                                     kObjectPath, kInterface, kSend);
   MessagePtr message(call);
-  return result >= 0 ? Post(std::move(message), request, request.responseExpected())
+  return result >= 0 ? post(std::move(message), request, request.responseExpected())
                      : refuse(request, explain("no message", result).c_str());
 }
 
-bool Outgoing::Broadcast(messages::BaseRequestMessage& request) {
+bool Outgoing::broadcast(messages::BaseRequestMessage& request) {
   sd_bus_message* signal = nullptr;
   const int result = sd_bus_message_new_signal(bus_, &signal, kObjectPath, kInterface, kBroadcast);
   MessagePtr message(signal);
-  return result >= 0 ? Post(std::move(message), request, false)
+  return result >= 0 ? post(std::move(message), request, false)
                      : refuse(request, explain("no message", result).c_str());
 }
 
-bool Outgoing::Post(MessagePtr message, messages::BaseRequestMessage& request, bool expectsAnswer) {
+bool Outgoing::post(MessagePtr message, messages::BaseRequestMessage& request, bool expectsAnswer) {
   std::string reason;
   if (!wire::encode(request, message.get(), reason)) {
     return refuse(request, reason.c_str());
@@ -85,7 +85,7 @@ bool Outgoing::Post(MessagePtr message, messages::BaseRequestMessage& request, b
     result = -ENOBUFS;
   }
   if (result >= 0 && expectsAnswer) {
-    result = Call(message.get(), request);
+    result = call(message.get(), request);
   } else if (result >= 0) {
     sd_bus_message_set_expect_reply(message.get(), 0);
     result = sd_bus_send(bus_, message.get(), nullptr);
@@ -100,11 +100,11 @@ bool Outgoing::Post(MessagePtr message, messages::BaseRequestMessage& request, b
   return true;
 }
 
-int Outgoing::Call(sd_bus_message* call, messages::BaseRequestMessage& request) {
+int Outgoing::call(sd_bus_message* call, messages::BaseRequestMessage& request) {
   const auto transaction = transactions_.insert(transactions_.end(), Transaction{*this, request});
   transaction->self = transaction;
   sd_bus_slot* slot = nullptr;
-  const int result = sd_bus_call_async(bus_, &slot, call, callback<&Transaction::OnAnswer>,
+  const int result = sd_bus_call_async(bus_, &slot, call, callback<&Transaction::onAnswer>,
                                        &*transaction, kAnswerTimeoutUs);
   transaction->slot.reset(slot);
   if (result < 0) {
@@ -113,35 +113,35 @@ int Outgoing::Call(sd_bus_message* call, messages::BaseRequestMessage& request) 
   return result;
 }
 
-int Outgoing::Transaction::OnAnswer(sd_bus_message* answer, sd_bus_error*) {
+int Outgoing::Transaction::onAnswer(sd_bus_message* answer, sd_bus_error*) {
   // Destroys the transaction with this call, whatever the handler does.
   std::list<Transaction> done;
   done.splice(done.begin(), owner.transactions_, self);
   if (const sd_bus_error* error = sd_bus_message_get_error(answer)) {
-    owner.ReportError(request, error->name, error->message);
+    owner.reportError(request, error->name, error->message);
   } else {
-    owner.ReportAnswer(request, answer);
+    owner.reportAnswer(request, answer);
   }
   return 1;
 }
 
-void Outgoing::ReportAnswer(messages::BaseRequestMessage& request, sd_bus_message* answer) {
+void Outgoing::reportAnswer(messages::BaseRequestMessage& request, sd_bus_message* answer) {
   messages::BaseResponseMessage response;
   std::string reason;
   if (!wire::decode(answer, response, reason)) {
-    ReportError(request, kInvalidMessage, reason.c_str());
+    reportError(request, kInvalidMessage, reason.c_str());
   } else if (handler_ != nullptr) {
     bool reserved = false;
     handler_->HandleResponse(request, response, reserved);
   }
 }
 
-void Outgoing::ReportError(messages::BaseRequestMessage& request, const char* name,
+void Outgoing::reportError(messages::BaseRequestMessage& request, const char* name,
                            const char* text) {
   const std::string error(name != nullptr ? name : "");
   const std::string explanation(text != nullptr ? text : "");
   if (handler_ != nullptr) {
-    handler_->HandleError(request, error, explanation);
+    handler_->handleError(request, error, explanation);
   } else {
     refuse(request, (error + ": " + explanation).c_str());
   }

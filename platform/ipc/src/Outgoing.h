@@ -31,16 +31,16 @@ class Outgoing {
       : bus_(bus),
         endpoint_(std::move(endpoint)),
         handler_(transactions),
-        present_([this](const std::string& appeared) { Flush(appeared); }) {}
+        present_([this](const std::string& appeared) { flush(appeared); }) {}
 
   Outgoing(const Outgoing&) = delete;
   Outgoing& operator=(const Outgoing&) = delete;
 
   /// Starts tracking which endpoints are on the bus; call it once, before anything else.
-  bool Start(std::string& error) { return present_.Watch(bus_, error); }
+  bool start(std::string& error) { return present_.watch(bus_, error); }
   /// Implements Ipc::SendRequest.
-  bool Send(messages::BaseRequestMessage& request);
-  bool IsPresent(const std::string& endpoint) const { return present_.Has(endpoint); }
+  bool send(messages::BaseRequestMessage& request);
+  bool isPresent(const std::string& endpoint) const { return present_.has(endpoint); }
 
  private:
   /// A request waiting for its answer.
@@ -50,17 +50,17 @@ class Outgoing {
     std::list<Transaction>::iterator self{};
     SlotPtr slot{};
 
-    int OnAnswer(sd_bus_message* answer, sd_bus_error* error);
+    int onAnswer(sd_bus_message* answer, sd_bus_error* error);
   };
 
-  bool SendTo(const std::string& endpoint, messages::BaseRequestMessage& request);
-  bool Broadcast(messages::BaseRequestMessage& request);
-  bool Queue(const std::string& endpoint, const messages::BaseRequestMessage& request);
-  void Flush(const std::string& endpoint);
-  int Call(sd_bus_message* call, messages::BaseRequestMessage& request);
-  bool Post(MessagePtr message, messages::BaseRequestMessage& request, bool expectsAnswer);
-  void ReportAnswer(messages::BaseRequestMessage& request, sd_bus_message* answer);
-  void ReportError(messages::BaseRequestMessage& request, const char* name, const char* text);
+  bool sendTo(const std::string& endpoint, messages::BaseRequestMessage& request);
+  bool broadcast(messages::BaseRequestMessage& request);
+  bool queue(const std::string& endpoint, const messages::BaseRequestMessage& request);
+  void flush(const std::string& endpoint);
+  int call(sd_bus_message* call, messages::BaseRequestMessage& request);
+  bool post(MessagePtr message, messages::BaseRequestMessage& request, bool expectsAnswer);
+  void reportAnswer(messages::BaseRequestMessage& request, sd_bus_message* answer);
+  void reportError(messages::BaseRequestMessage& request, const char* name, const char* text);
 
   sd_bus* bus_;
   std::string endpoint_;

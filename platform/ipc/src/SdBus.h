@@ -43,14 +43,14 @@ struct OwnerOf<int (Class::*)(sd_bus_message*, sd_bus_error*)> {
   using Type = Class;
 };
 
-/// A sd_bus_message_handler_t that calls `Method` of the object registered as its user data. An
+/// A sd_bus_message_handler_t that calls `kMethod` of the object registered as its user data. An
 /// exception becomes org.freedesktop.DBus.Error.Failed.
-template <auto Method>
+template <auto kMethod>
 int callback(sd_bus_message* message, void* owner, sd_bus_error* error) noexcept {
   constexpr int kThrew = std::numeric_limits<int>::min();
   const int result = guarded("callback", kThrew, [=] {
-    using Owner = typename OwnerOf<decltype(Method)>::Type;
-    return (static_cast<Owner*>(owner)->*Method)(message, error);
+    using Owner = typename OwnerOf<decltype(kMethod)>::Type;
+    return (static_cast<Owner*>(owner)->*kMethod)(message, error);
   });
   if (result != kThrew) {
     return result;

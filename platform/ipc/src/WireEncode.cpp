@@ -14,7 +14,7 @@ using variant::Variant;
 using variant::VariantType;
 
 const char* signatureOf(const Variant& value) {
-  switch (value.Type()) {
+  switch (value.type()) {
     case VariantType::Empty:
       return "g";
     case VariantType::Boolean:
@@ -34,7 +34,7 @@ const char* signatureOf(const Variant& value) {
     case VariantType::Double:
       return "d";
     case VariantType::String:
-      return isBusText(value.ToText()) ? "s" : "ay";
+      return isBusText(value.toText()) ? "s" : "ay";
     case VariantType::Time:
       return "(xx)";
     case VariantType::Map:
@@ -47,101 +47,101 @@ const char* signatureOf(const Variant& value) {
 
 // Checks and measures a value before anything is written, since the bus closes the connection of a
 // sender of invalid messages.
-class Ruler {
+class SizeCheck {
  public:
-  explicit Ruler(std::string& reason) : reason_(reason) {}
+  explicit SizeCheck(std::string& reason) : reason_(reason) {}
 
   // `depth` is the number of maps and arrays around the map, `busDepth` that of D-Bus containers.
-  bool Map(const Variant::Map& elements, unsigned depth, unsigned busDepth);
+  bool checkMap(const Variant::Map& elements, unsigned depth, unsigned busDepth);
   std::size_t size() const { return size_.bytes(); }
 
  private:
-  bool Fail(const char* reason) {
+  bool refuse(const char* reason) {
     reason_ = reason;
     return false;
   }
-  bool WithinLimits(unsigned depth, unsigned busDepth) {
+  bool isWithinLimits(unsigned depth, unsigned busDepth) {
     if (depth > kMaxDepth || busDepth > kMaxBusDepth) {
-      return Fail("the message is nested too deeply");
+      return refuse("the message is nested too deeply");
     }
-    return size_.bytes() <= kMaxBodySize || Fail("the message is larger than 1 MiB");
+    return size_.bytes() <= kMaxBodySize || refuse("the message is larger than 1 MiB");
   }
-  bool InVariant(const Variant& value, unsigned depth, unsigned busDepth);
-  bool Items(const Variant::Array& items, unsigned depth, unsigned busDepth);
-  void Basic(char type, const Variant& value);
+  bool checkVariant(const Variant& value, unsigned depth, unsigned busDepth);
+  bool checkItems(const Variant::Array& items, unsigned depth, unsigned busDepth);
+  void addBasic(char type, const Variant& value);
 
   std::string& reason_;
   MarshalledSize size_;
 };
 
-bool Ruler::Map(const Variant::Map& elements, unsigned depth, unsigned busDepth) {
-  size_.Array("{");
+bool SizeCheck::checkMap(const Variant::Map& elements, unsigned depth, unsigned busDepth) {
+  size_.addArray("{");
   for (const auto& [key, value] : elements) {
     if (!isBusText(key)) {
-      return Fail("a key is not valid UTF-8");
+      return refuse("a key is not valid UTF-8");
     }
-    size_.Structure();
-    size_.Text(key.size());
-    if (!InVariant(value, depth + 1, busDepth + 3)) {
+    size_.addStructure();
+    size_.addText(key.size());
+    if (!checkVariant(value, depth + 1, busDepth + 3)) {
       return false;
     }
   }
-  return WithinLimits(depth + 1, busDepth);
+  return isWithinLimits(depth + 1, busDepth);
 }
 
-bool Ruler::Items(const Variant::Array& items, unsigned depth, unsigned busDepth) {
-  size_.Array("v");
+bool SizeCheck::checkItems(const Variant::Array& items, unsigned depth, unsigned busDepth) {
+  size_.addArray("v");
   for (const auto& item : items) {
-    if (!InVariant(item, depth + 1, busDepth + 2)) {
+    if (!checkVariant(item, depth + 1, busDepth + 2)) {
       return false;
     }
   }
-  return WithinLimits(depth + 1, busDepth);
+  return isWithinLimits(depth + 1, busDepth);
 }
 
 // The fields of a structure are one D-Bus container deeper.
-bool Ruler::InVariant(const Variant& value, unsigned depth, unsigned busDepth) {
+bool SizeCheck::checkVariant(const Variant& value, unsigned depth, unsigned busDepth) {
   const std::string_view signature = signatureOf(value);
-  size_.Signature(signature.size());
-  if (!WithinLimits(depth, busDepth)) {
+  size_.addSignature(signature.size());
+  if (!isWithinLimits(depth, busDepth)) {
     return false;
   }
-  if (value.IsMap()) {
-    return Map(value.Elements(), depth, busDepth);
+  if (value.isMap()) {
+    return checkMap(value.elements(), depth, busDepth);
   }
   if (value.IsArray()) {
-    return Items(value.Items(), depth, busDepth);
+    return checkItems(value.items(), depth, busDepth);
   }
   if (signature == "(xx)") {
-    size_.Structure();
-    size_.Fixed(8);
-    size_.Fixed(8);
-    return WithinLimits(depth, busDepth + 1);
+    size_.addStructure();
+    size_.addFixed(8);
+    size_.addFixed(8);
+    return isWithinLimits(depth, busDepth + 1);
   }
   if (signature == "ay") {
-    size_.Bytes(value.ToText().size());
-    return WithinLimits(depth, busDepth + 1);
+    size_.addBytes(value.toText().size());
+    return isWithinLimits(depth, busDepth + 1);
   }
-  Basic(signature.front(), value);
-  return WithinLimits(depth, busDepth);
+  addBasic(signature.front(), value);
+  return isWithinLimits(depth, busDepth);
 }
 
-void Ruler::Basic(char type, const Variant& value) {
+void SizeCheck::addBasic(char type, const Variant& value) {
   switch (type) {
     case SD_BUS_TYPE_BYTE:
-      return size_.Fixed(1);
+      return size_.addFixed(1);
     case SD_BUS_TYPE_INT16:
-      return size_.Fixed(2);
+      return size_.addFixed(2);
     case SD_BUS_TYPE_STRING:
-      return size_.Text(value.ToText().size());
+      return size_.addText(value.toText().size());
     case SD_BUS_TYPE_SIGNATURE:
-      return size_.Signature(0);
+      return size_.addSignature(0);
     case SD_BUS_TYPE_INT64:
     case SD_BUS_TYPE_UINT64:
     case SD_BUS_TYPE_DOUBLE:
-      return size_.Fixed(8);
+      return size_.addFixed(8);
     default:
-      return size_.Fixed(4);
+      return size_.addFixed(4);
   }
 }
 
@@ -196,36 +196,36 @@ int appendFixed(sd_bus_message* message, char type, Wire value) {
 }
 
 int append(sd_bus_message* message, const Variant& value, std::string_view signature) {
-  switch (value.Type()) {
+  switch (value.type()) {
     case VariantType::Empty:
       return sd_bus_message_append_basic(message, SD_BUS_TYPE_SIGNATURE, "");
     case VariantType::Boolean:
-      return appendFixed<int>(message, SD_BUS_TYPE_BOOLEAN, value.ToBool() ? 1 : 0);
+      return appendFixed<int>(message, SD_BUS_TYPE_BOOLEAN, value.toBool() ? 1 : 0);
     case VariantType::Int8:
-      return appendFixed(message, SD_BUS_TYPE_INT16, std::int16_t{value.ToNumber<std::int8_t>()});
+      return appendFixed(message, SD_BUS_TYPE_INT16, std::int16_t{value.toNumber<std::int8_t>()});
     case VariantType::UInt8:
-      return appendFixed(message, SD_BUS_TYPE_BYTE, value.ToNumber<std::uint8_t>());
+      return appendFixed(message, SD_BUS_TYPE_BYTE, value.toNumber<std::uint8_t>());
     case VariantType::Int32:
-      return appendFixed(message, SD_BUS_TYPE_INT32, value.ToNumber<std::int32_t>());
+      return appendFixed(message, SD_BUS_TYPE_INT32, value.toNumber<std::int32_t>());
     case VariantType::UInt32:
-      return appendFixed(message, SD_BUS_TYPE_UINT32, value.ToNumber<std::uint32_t>());
+      return appendFixed(message, SD_BUS_TYPE_UINT32, value.toNumber<std::uint32_t>());
     case VariantType::Int64:
-      return appendFixed(message, SD_BUS_TYPE_INT64, value.ToNumber<std::int64_t>());
+      return appendFixed(message, SD_BUS_TYPE_INT64, value.toNumber<std::int64_t>());
     case VariantType::UInt64:
-      return appendFixed(message, SD_BUS_TYPE_UINT64, value.ToNumber<std::uint64_t>());
+      return appendFixed(message, SD_BUS_TYPE_UINT64, value.toNumber<std::uint64_t>());
     case VariantType::Double:
-      return appendFixed(message, SD_BUS_TYPE_DOUBLE, value.ToNumber<double>());
+      return appendFixed(message, SD_BUS_TYPE_DOUBLE, value.toNumber<double>());
     case VariantType::String:
-      return appendText(message, value.ToText(), signature);
+      return appendText(message, value.toText(), signature);
     case VariantType::Time: {
-      const timeval time = value.ToTime();
+      const timeval time = value.toTime();
       return sd_bus_message_append(message, "(xx)", std::int64_t{time.tv_sec},
                                    std::int64_t{time.tv_usec});
     }
     case VariantType::Map:
-      return appendMap(message, value.Elements());
+      return appendMap(message, value.elements());
     case VariantType::Array:
-      return appendItems(message, value.Items());
+      return appendItems(message, value.items());
   }
   return -EINVAL;
 }
@@ -233,11 +233,11 @@ int append(sd_bus_message* message, const Variant& value, std::string_view signa
 }  // namespace
 
 bool measure(const Variant& body, std::size_t& size, std::string& reason) {
-  Ruler ruler(reason);
-  if (!ruler.Map(body.Elements(), 0, 0)) {
+  SizeCheck check(reason);
+  if (!check.checkMap(body.elements(), 0, 0)) {
     return false;
   }
-  size = ruler.size();
+  size = check.size();
   return true;
 }
 
@@ -246,7 +246,7 @@ bool encode(const Variant& body, sd_bus_message* message, std::string& reason) {
   if (!measure(body, size, reason)) {
     return false;
   }
-  const int result = appendMap(message, body.Elements());
+  const int result = appendMap(message, body.elements());
   if (result < 0) {
     reason = explain("the message cannot be written", result);
     return false;

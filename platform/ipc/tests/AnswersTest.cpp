@@ -8,7 +8,7 @@ namespace {
 
 class AnswersTest : public BusTest {
  protected:
-  Recorder::Action Respond(const Variant& payload) {
+  Recorder::Action respond(const Variant& payload) {
     return [this, payload](BaseRequestMessage& request, bool&) {
       BaseResponseMessage response;
       response.statusCode(7);
@@ -19,14 +19,14 @@ class AnswersTest : public BusTest {
 };
 
 TEST_F(AnswersTest, ResponseCarriesRequestIdAndBothNames) {
-  Recorder handler(&ipc_, Respond("text"));
+  Recorder handler(&ipc_, respond("text"));
   ipc_.AddHandler("Ask", &handler);
-  Join();
+  join();
   BaseRequestMessage request;
   request.functionName("Ask");
   request.id(42);
   request.from("client.me");
-  Answer answer = Call(request);
+  Answer answer = call(request);
   EXPECT_EQ(answer.error, "");
   EXPECT_EQ(answer.body["functionName"], Variant("__response__"));
   EXPECT_EQ(answer.body["requestId"], Variant(std::uint64_t{42}));
@@ -37,18 +37,18 @@ TEST_F(AnswersTest, ResponseCarriesRequestIdAndBothNames) {
 }
 
 TEST_F(AnswersTest, MissingIdIsSameForHandlerAndResponse) {
-  Recorder handler(&ipc_, Respond({}));
+  Recorder handler(&ipc_, respond({}));
   ipc_.AddHandler("Ask", &handler);
-  Join();
-  Answer answer = Call("Ask");
+  join();
+  Answer answer = call("Ask");
   EXPECT_EQ(answer.body["requestId"], Variant(handler.requests.at(0).id()));
 }
 
 TEST_F(AnswersTest, RequestWithoutResponseGetsEmptyMap) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
-  Join();
-  const Answer answer = Call("Tell");
+  join();
+  const Answer answer = call("Tell");
   EXPECT_EQ(answer.error, "");
   EXPECT_EQ(answer.body, Variant(Variant::Map{}));
 }
@@ -56,26 +56,26 @@ TEST_F(AnswersTest, RequestWithoutResponseGetsEmptyMap) {
 TEST_F(AnswersTest, FailingHandlerGivesErrorUnlessAnswered) {
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) {
     if (request.functionName() == "Ask") {
-      Respond("text")(request, rejected);
+      respond("text")(request, rejected);
     }
     return false;
   });
   ipc_.AddHandler("", &handler);
-  Join();
-  EXPECT_EQ(Call("Tell").error, "org.freedesktop.DBus.Error.Failed");
-  EXPECT_EQ(Call("Ask").error, "");
+  join();
+  EXPECT_EQ(call("Tell").error, "org.freedesktop.DBus.Error.Failed");
+  EXPECT_EQ(call("Ask").error, "");
 }
 
 TEST_F(AnswersTest, RequestReachesHandlerUnchanged) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
-  Join();
+  join();
   Variant body;
   body["functionName"] = "Tell";
   body["responseExpected"] = "mistyped";
   body["unknown"] = 1;
   body["id"] = std::uint64_t{9};
-  Call(body);
+  call(body);
   EXPECT_EQ(handler.requests.at(0), body);
 }
 
@@ -84,57 +84,57 @@ TEST_F(AnswersTest, EmptyNameHandlesFunctionsWithoutExactMatch) {
   Recorder rest(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   ipc_.AddHandler("", &rest);
-  Join();
-  Call("tell");
-  Call("Tell ");
-  Call(Variant(Variant::Map{}));
-  Call(Variant(Variant::Map{{"functionName", 5}}));
+  join();
+  call("tell");
+  call("Tell ");
+  call(Variant(Variant::Map{}));
+  call(Variant(Variant::Map{{"functionName", 5}}));
   EXPECT_EQ(rest.requests.size(), 4U);
   EXPECT_TRUE(handler.requests.empty());
 }
 
 TEST_F(AnswersTest, RejectedAndUnclaimedFunctionsAreUnknown) {
-  Join();
-  EXPECT_EQ(Call("Any").error, "kova.Error.UnknownFunction");
+  join();
+  EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
   CatchAllHandlerRejector rejector(&ipc_);
   ipc_.AddHandler("", &rejector);
-  EXPECT_EQ(Call("Any").error, "kova.Error.UnknownFunction");
+  EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
 }
 
 TEST_F(AnswersTest, NonMapBodiesAreInvalid) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
-  Join();
-  const MessagePtr text = stranger_.NewCall("test");
+  join();
+  const MessagePtr text = stranger_.newCall("test");
   sd_bus_message_append(text.get(), "s", "text");
-  EXPECT_EQ(Call(text.get()).error, "kova.Error.InvalidMessage");
-  const MessagePtr nothing = stranger_.NewCall("test");
-  EXPECT_EQ(Call(nothing.get()).error, "kova.Error.InvalidMessage");
-  const MessagePtr numbered = stranger_.NewCall("test");
+  EXPECT_EQ(call(text.get()).error, "kova.Error.InvalidMessage");
+  const MessagePtr nothing = stranger_.newCall("test");
+  EXPECT_EQ(call(nothing.get()).error, "kova.Error.InvalidMessage");
+  const MessagePtr numbered = stranger_.newCall("test");
   sd_bus_message_append(numbered.get(), "a{uv}", 1, 1, "s", "text");
-  EXPECT_EQ(Call(numbered.get()).error, "kova.Error.InvalidMessage");
+  EXPECT_EQ(call(numbered.get()).error, "kova.Error.InvalidMessage");
   EXPECT_TRUE(handler.requests.empty());
 }
 
 TEST_F(AnswersTest, BodyOverOneMebibyteIsInvalid) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
-  Join();
+  join();
   const std::string text(wire::kMaxBodySize - 64, 'x');
-  EXPECT_EQ(Call(Variant(Variant::Map{{"text", text}})).error, "");
-  const MessagePtr large = stranger_.NewCall("test");
+  EXPECT_EQ(call(Variant(Variant::Map{{"text", text}})).error, "");
+  const MessagePtr large = stranger_.newCall("test");
   sd_bus_message_append(large.get(), "a{ss}", 1, "text", (text + std::string(64, 'x')).c_str());
-  EXPECT_EQ(Call(large.get()).error, "kova.Error.InvalidMessage");
+  EXPECT_EQ(call(large.get()).error, "kova.Error.InvalidMessage");
   EXPECT_EQ(handler.requests.size(), 1U);
 }
 
 TEST_F(AnswersTest, DeepestWritableMessagePassesBus) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
-  Join();
-  EXPECT_EQ(Call(inMaps(21, "leaf")).error, "");
-  EXPECT_EQ(Call(inMaps(1, inArrays(30, timeval{1, 2}))).error, "");
-  EXPECT_EQ(Call(inMaps(2, inArrays(29, "leaf"))).error, "");
+  join();
+  EXPECT_EQ(call(inMaps(21, "leaf")).error, "");
+  EXPECT_EQ(call(inMaps(1, inArrays(30, timeval{1, 2}))).error, "");
+  EXPECT_EQ(call(inMaps(2, inArrays(29, "leaf"))).error, "");
   EXPECT_EQ(handler.requests.size(), 3U);
 }
 
@@ -146,25 +146,25 @@ TEST_F(AnswersTest, ThrowingHandlerGivesErrorAndServiceGoesOn) {
     return true;
   });
   ipc_.AddHandler("", &handler);
-  Join();
-  EXPECT_EQ(Call("Throw").error, "org.freedesktop.DBus.Error.Failed");
-  EXPECT_EQ(Call("Other").error, "");
+  join();
+  EXPECT_EQ(call("Throw").error, "org.freedesktop.DBus.Error.Failed");
+  EXPECT_EQ(call("Other").error, "");
 }
 
 TEST_F(AnswersTest, HandlerThatThrowsAfterResponseHasAnswered) {
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) -> bool {
-    Respond("text")(request, rejected);
+    respond("text")(request, rejected);
     throw std::runtime_error("too late");
   });
   ipc_.AddHandler("", &handler);
-  Join();
+  join();
   Eavesdropper eavesdropper;
-  Answer answer = Call("Ask");
+  Answer answer = call("Ask");
   EXPECT_EQ(answer.error, "");
   EXPECT_EQ(answer.body["payload"], Variant("text"));
-  Call("Ask");
-  ASSERT_TRUE(Until([&] { return eavesdropper.Answers() > 1; }));
-  EXPECT_EQ(eavesdropper.Answers(), 2);
+  call("Ask");
+  ASSERT_TRUE(until([&] { return eavesdropper.answers() > 1; }));
+  EXPECT_EQ(eavesdropper.answers(), 2);
 }
 
 TEST_F(AnswersTest, ResponseIsSentOnceAndOnlyInHandler) {
@@ -180,8 +180,8 @@ TEST_F(AnswersTest, ResponseIsSentOnceAndOnlyInHandler) {
     return true;
   });
   ipc_.AddHandler("", &handler);
-  Join();
-  EXPECT_EQ(Call("Ask").error, "");
+  join();
+  EXPECT_EQ(call("Ask").error, "");
   EXPECT_EQ(results, (std::vector<bool>{false, true, false}));
   EXPECT_FALSE(ipc_.SendResponse(handler.requests.at(0), response));
 }
@@ -195,31 +195,31 @@ TEST_F(AnswersTest, UnsendableResponseBecomesError) {
     return true;
   });
   ipc_.AddHandler("", &handler);
-  Join();
-  EXPECT_EQ(Call("Ask").error, "org.freedesktop.DBus.Error.Failed");
+  join();
+  EXPECT_EQ(call("Ask").error, "org.freedesktop.DBus.Error.Failed");
   EXPECT_FALSE(sent);
 }
 
 TEST_F(AnswersTest, NoReplyCallIsHandledWithoutAnswer) {
   bool sent = false;
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) {
-    return sent = Respond("text")(request, rejected);
+    return sent = respond("text")(request, rejected);
   });
   ipc_.AddHandler("Ask", &handler);
-  Join();
+  join();
   Eavesdropper eavesdropper;
   for (const char* function : {"Ask", "Unknown"}) {
-    const MessagePtr call = stranger_.NewCall("test");
+    const MessagePtr call = stranger_.newCall("test");
     std::string reason;
     wire::encode(Variant(Variant::Map{{"functionName", function}}), call.get(), reason);
     sd_bus_message_set_expect_reply(call.get(), 0);
     sd_bus_send(stranger_.bus(), call.get(), nullptr);
   }
-  Call("Ask");
+  call("Ask");
   EXPECT_EQ(handler.requests.size(), 2U);
   EXPECT_TRUE(sent);
-  ASSERT_TRUE(Until([&] { return eavesdropper.Answers() > 0; }));
-  EXPECT_EQ(eavesdropper.Answers(), 1);
+  ASSERT_TRUE(until([&] { return eavesdropper.answers() > 0; }));
+  EXPECT_EQ(eavesdropper.answers(), 1);
 }
 
 TEST_F(AnswersTest, SecondHandlerOfSameNameIsRefused) {
@@ -228,8 +228,8 @@ TEST_F(AnswersTest, SecondHandlerOfSameNameIsRefused) {
   EXPECT_TRUE(ipc_.AddHandler("Tell", &handler));
   EXPECT_FALSE(ipc_.AddHandler("Tell", &second));
   EXPECT_FALSE(ipc_.AddHandler("Other", nullptr));
-  Join();
-  Call("Tell");
+  join();
+  call("Tell");
   EXPECT_EQ(handler.requests.size(), 1U);
   EXPECT_TRUE(second.requests.empty());
 }
@@ -238,8 +238,8 @@ TEST_F(AnswersTest, NestedServiceDoesNothing) {
   bool result = false;
   Recorder handler(&ipc_, [&](BaseRequestMessage&, bool&) { return result = ipc_.Service(0); });
   ipc_.AddHandler("", &handler);
-  Join();
-  EXPECT_EQ(Call("Tell").error, "");
+  join();
+  EXPECT_EQ(call("Tell").error, "");
   EXPECT_TRUE(result);
 }
 

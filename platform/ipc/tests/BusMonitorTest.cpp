@@ -9,12 +9,12 @@ using Kind = SeenMessage::Kind;
 
 class BusMonitorTest : public BusTest {
  protected:
-  void OpenMonitor() {
+  void openMonitor() {
     std::string error;
-    ASSERT_TRUE(monitor_.Open(error)) << error;
+    ASSERT_TRUE(monitor_.open(error)) << error;
   }
-  bool UntilSeen(std::size_t count) {
-    return Until([&] {
+  bool untilSeen(std::size_t count) {
+    return until([&] {
       monitor_.Service(0, [&](const SeenMessage& message) { seen_.push_back(message); });
       return seen_.size() >= count;
     });
@@ -27,8 +27,8 @@ class BusMonitorTest : public BusTest {
 TEST_F(BusMonitorTest, ShowsCallsAndAnswersByEndpoint) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
-  Join();
-  OpenMonitor();
+  join();
+  openMonitor();
   Ipc later;
   Ledger ledger(&later);
   ASSERT_TRUE(later.Init("later", false, &ledger));
@@ -38,7 +38,7 @@ TEST_F(BusMonitorTest, ShowsCallsAndAnswersByEndpoint) {
   request.to("test");
   request.responseExpected(true);
   ASSERT_TRUE(later.SendRequest(request));
-  ASSERT_TRUE(UntilSeen(2));
+  ASSERT_TRUE(untilSeen(2));
   EXPECT_EQ(seen_[0].kind, Kind::Call);
   EXPECT_EQ(seen_[0].sender, "later");
   EXPECT_EQ(seen_[0].destination, "test");
@@ -49,14 +49,14 @@ TEST_F(BusMonitorTest, ShowsCallsAndAnswersByEndpoint) {
 }
 
 TEST_F(BusMonitorTest, ShowsErrorsBroadcastsAndNamelessClients) {
-  Join();
-  OpenMonitor();
-  Call("Unknown");
+  join();
+  openMonitor();
+  call("Unknown");
   BaseRequestMessage event;
   event.functionName("Event");
   event.isBroadcast(true);
   ASSERT_TRUE(ipc_.SendRequest(event));
-  ASSERT_TRUE(UntilSeen(3));
+  ASSERT_TRUE(untilSeen(3));
   const char* unique = nullptr;
   sd_bus_get_unique_name(stranger_.bus(), &unique);
   EXPECT_EQ(seen_[0].kind, Kind::Call);
@@ -71,23 +71,23 @@ TEST_F(BusMonitorTest, ShowsErrorsBroadcastsAndNamelessClients) {
 }
 
 TEST_F(BusMonitorTest, ShowsUndecodableMessageWithoutBody) {
-  Join();
-  OpenMonitor();
-  const MessagePtr call = stranger_.NewCall("test");
-  sd_bus_message_append(call.get(), "s", "text");
-  Call(call.get());
-  ASSERT_TRUE(UntilSeen(1));
+  join();
+  openMonitor();
+  const MessagePtr message = stranger_.newCall("test");
+  sd_bus_message_append(message.get(), "s", "text");
+  call(message.get());
+  ASSERT_TRUE(untilSeen(1));
   EXPECT_EQ(seen_[0].kind, Kind::Call);
-  EXPECT_TRUE(seen_[0].body.IsEmpty());
+  EXPECT_TRUE(seen_[0].body.isEmpty());
 }
 
 TEST_F(BusMonitorTest, ReportsClosedBus) {
-  OpenMonitor();
-  privateBus_.Kill();
+  openMonitor();
+  privateBus_.kill();
   const auto ignore = [](const SeenMessage&) {};
   EXPECT_FALSE(monitor_.Service(1000, ignore) && monitor_.Service(1000, ignore));
   std::string error;
-  EXPECT_FALSE(BusMonitor().Open(error));
+  EXPECT_FALSE(BusMonitor().open(error));
   EXPECT_NE(error, "");
 }
 

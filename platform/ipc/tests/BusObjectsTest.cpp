@@ -17,7 +17,7 @@ class Publisher {
     bus_ = openBus(false, error);
     EXPECT_NE(bus_, nullptr) << error;
     sd_bus_slot* slot = nullptr;
-    EXPECT_GE(sd_bus_add_fallback(bus_.get(), &slot, "/kova", callback<&Publisher::OnCall>, this),
+    EXPECT_GE(sd_bus_add_fallback(bus_.get(), &slot, "/kova", callback<&Publisher::onCall>, this),
               0);
     slot_.reset(slot);
     EXPECT_GE(sd_bus_request_name(bus_.get(), "kova.published", 0), 0);
@@ -27,7 +27,7 @@ class Publisher {
     while (sd_bus_process(bus_.get(), nullptr) > 0) {
     }
   }
-  void Signal(const char* path) {
+  void signal(const char* path) {
     EXPECT_GE(sd_bus_emit_signal(bus_.get(), path, "kova.Ipc1", "Broadcast", "a{sv}", 0), 0);
     sd_bus_flush(bus_.get());
   }
@@ -35,7 +35,7 @@ class Publisher {
   std::vector<std::string> calls;  ///< path, interface and member, and the argument
 
  private:
-  int OnCall(sd_bus_message* call, sd_bus_error*) {
+  int onCall(sd_bus_message* call, sd_bus_error*) {
     std::string seen = std::string(sd_bus_message_get_path(call)) + " " +
                        sd_bus_message_get_interface(call) + "." + sd_bus_message_get_member(call);
     const char* argument = nullptr;
@@ -63,12 +63,12 @@ class BusObjectsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_TRUE(objects_.Open(error)) << error;
+    ASSERT_TRUE(objects_.open(error)) << error;
   }
-  BusObjects::Receiver Keep() {
+  BusObjects::Receiver keep() {
     return [this](const BusObjects::Answer& answer) { answers_.push_back(answer); };
   }
-  bool Until(Publisher* publisher, const std::function<bool()>& done) {
+  bool until(Publisher* publisher, const std::function<bool()>& done) {
     const std::uint64_t deadline = utils::nowMs() + kPatienceMs;
     while (!done() && utils::nowMs() < deadline) {
       if (publisher != nullptr) {
@@ -80,8 +80,8 @@ class BusObjectsTest : public ::testing::Test {
     }
     return done();
   }
-  BusObjects::Answer Answered(Publisher* publisher) {
-    EXPECT_TRUE(Until(publisher, [this] { return !answers_.empty(); }));
+  BusObjects::Answer answered(Publisher* publisher) {
+    EXPECT_TRUE(until(publisher, [this] { return !answers_.empty(); }));
     return answers_.empty() ? BusObjects::Answer{} : answers_.back();
   }
 
@@ -96,14 +96,14 @@ TEST_F(BusObjectsTest, ReadsPropertiesOfEveryType) {
                                  "Short", "q", 404, "Flag", "b", 1, "Save", "(ts)",
                                  std::uint64_t{7}, "failed");
   });
-  ASSERT_TRUE(objects_.Read("/kova/transfers/7", "kova.Transfer1", kPatienceMs, Keep()));
-  const auto answer = Answered(&publisher);
+  ASSERT_TRUE(objects_.read("/kova/transfers/7", "kova.Transfer1", kPatienceMs, keep()));
+  const auto answer = answered(&publisher);
   EXPECT_EQ(answer.error, "");
-  EXPECT_EQ(*answer.value.Find("Text"), Variant("x"));
-  EXPECT_EQ(*answer.value.Find("Long"), Variant(UINT64_MAX));
-  EXPECT_EQ(answer.value.Find("Short")->ToNumber<int>(), 404);
-  EXPECT_EQ(*answer.value.Find("Flag"), Variant(true));
-  EXPECT_EQ(*answer.value.Find("Save"), (Variant(Variant::Array{std::uint64_t{7}, "failed"})));
+  EXPECT_EQ(*answer.value.find("Text"), Variant("x"));
+  EXPECT_EQ(*answer.value.find("Long"), Variant(UINT64_MAX));
+  EXPECT_EQ(answer.value.find("Short")->toNumber<int>(), 404);
+  EXPECT_EQ(*answer.value.find("Flag"), Variant(true));
+  EXPECT_EQ(*answer.value.find("Save"), (Variant(Variant::Array{std::uint64_t{7}, "failed"})));
   EXPECT_EQ(publisher.calls,
             std::vector<std::string>{
                 "/kova/transfers/7 org.freedesktop.DBus.Properties.GetAll kova.Transfer1"});
@@ -114,18 +114,18 @@ TEST_F(BusObjectsTest, ReadsAllObjectsByPath) {
     return sd_bus_message_append(reply, "a{oa{sa{sv}}}", 2, "/kova/transfers/1", 1,
                                  "kova.Transfer1", 1, "Kind", "s", "logo", "/kova/transfers/2", 0);
   });
-  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
-  const Variant all = Answered(&publisher).value;
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  const Variant all = answered(&publisher).value;
   ASSERT_EQ(all.Size(), 2U);
-  EXPECT_EQ(all.Find("/kova/transfers/1")->Find("kova.Transfer1")->Find("Kind")->ToText(), "logo");
+  EXPECT_EQ(all.find("/kova/transfers/1")->find("kova.Transfer1")->find("Kind")->toText(), "logo");
   EXPECT_EQ(publisher.calls,
             std::vector<std::string>{"/kova org.freedesktop.DBus.ObjectManager.GetManagedObjects"});
 }
 
 TEST_F(BusObjectsTest, CallsMethodsAndTellsTheirErrors) {
   Publisher publisher(nullptr);
-  ASSERT_TRUE(objects_.Call("/kova/transfers/7", "kova.Transfer1", "Cancel", kPatienceMs, Keep()));
-  const auto answer = Answered(&publisher);
+  ASSERT_TRUE(objects_.call("/kova/transfers/7", "kova.Transfer1", "Cancel", kPatienceMs, keep()));
+  const auto answer = answered(&publisher);
   EXPECT_EQ(answer.error, "kova.Error.Busy");
   EXPECT_EQ(answer.text, "it is being flashed");
   EXPECT_EQ(publisher.calls, std::vector<std::string>{"/kova/transfers/7 kova.Transfer1.Cancel"});
@@ -133,10 +133,10 @@ TEST_F(BusObjectsTest, CallsMethodsAndTellsTheirErrors) {
 
 TEST_F(BusObjectsTest, AnswerWithoutValueIsEmpty) {
   Publisher publisher([](sd_bus_message*) { return 0; });
-  ASSERT_TRUE(objects_.Call("/kova", "kova.Any1", "Any", kPatienceMs, Keep()));
-  const auto answer = Answered(&publisher);
+  ASSERT_TRUE(objects_.call("/kova", "kova.Any1", "Any", kPatienceMs, keep()));
+  const auto answer = answered(&publisher);
   EXPECT_EQ(answer.error, "");
-  EXPECT_TRUE(answer.value.IsEmpty());
+  EXPECT_TRUE(answer.value.isEmpty());
 }
 
 TEST_F(BusObjectsTest, OversizedAndOddAnswersAreErrors) {
@@ -151,61 +151,61 @@ TEST_F(BusObjectsTest, OversizedAndOddAnswersAreErrors) {
   for (const auto& compose : odd) {
     answers_.clear();
     Publisher publisher(compose);
-    ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
-    const auto answer = Answered(&publisher);
+    ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+    const auto answer = answered(&publisher);
     EXPECT_EQ(answer.error, "kova.Error.InvalidMessage");
     EXPECT_NE(answer.text, "");
-    EXPECT_TRUE(answer.value.IsEmpty());
+    EXPECT_TRUE(answer.value.isEmpty());
   }
 }
 
 TEST_F(BusObjectsTest, AbsentAndMuteEndpointsAreErrors) {
-  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
-  EXPECT_EQ(Answered(nullptr).error, "org.freedesktop.DBus.Error.ServiceUnknown");
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  EXPECT_EQ(answered(nullptr).error, "org.freedesktop.DBus.Error.ServiceUnknown");
   answers_.clear();
   const Publisher mute(nullptr);
-  ASSERT_TRUE(objects_.ReadAll(50, Keep()));
-  EXPECT_EQ(Answered(nullptr).error, "org.freedesktop.DBus.Error.NoReply");
+  ASSERT_TRUE(objects_.readAll(50, keep()));
+  EXPECT_EQ(answered(nullptr).error, "org.freedesktop.DBus.Error.NoReply");
 }
 
 TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
   Publisher publisher([](sd_bus_message*) { return 0; });
-  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, [](const auto&) { ADD_FAILURE(); }));
-  ASSERT_TRUE(objects_.Call("/kova", "kova.Any1", "Any", kPatienceMs, Keep()));
-  Answered(&publisher);
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, [](const auto&) { ADD_FAILURE(); }));
+  ASSERT_TRUE(objects_.call("/kova", "kova.Any1", "Any", kPatienceMs, keep()));
+  answered(&publisher);
   EXPECT_EQ(publisher.calls.size(), 2U);
   EXPECT_EQ(answers_.size(), 1U);
 }
 
 TEST_F(BusObjectsTest, ReceiversMayStartNextCall) {
   Publisher publisher([](sd_bus_message*) { return 0; });
-  ASSERT_TRUE(objects_.ReadAll(
-      kPatienceMs, [this](const auto&) { EXPECT_TRUE(objects_.ReadAll(kPatienceMs, Keep())); }));
-  EXPECT_EQ(Answered(&publisher).error, "");
+  ASSERT_TRUE(objects_.readAll(
+      kPatienceMs, [this](const auto&) { EXPECT_TRUE(objects_.readAll(kPatienceMs, keep())); }));
+  EXPECT_EQ(answered(&publisher).error, "");
 }
 
 TEST_F(BusObjectsTest, FollowsSignalsBelowOnePath) {
   Publisher publisher(nullptr);
   int changes = 0;
-  ASSERT_TRUE(objects_.Follow("/kova/transfers/7", [&] { ++changes; }));
-  publisher.Signal("/kova/transfers/8");
-  publisher.Signal("/kova/transfers/70");
-  publisher.Signal("/kova/transfers/7");
-  EXPECT_TRUE(Until(&publisher, [&] { return changes > 0; }));
-  ASSERT_TRUE(objects_.ReadAll(kPatienceMs, Keep()));
-  Answered(&publisher);  // after all signals
+  ASSERT_TRUE(objects_.follow("/kova/transfers/7", [&] { ++changes; }));
+  publisher.signal("/kova/transfers/8");
+  publisher.signal("/kova/transfers/70");
+  publisher.signal("/kova/transfers/7");
+  EXPECT_TRUE(until(&publisher, [&] { return changes > 0; }));
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  answered(&publisher);  // after all signals
   EXPECT_EQ(changes, 1);
 }
 
 TEST_F(BusObjectsTest, InvalidPathsAndClosedConnectionsFail) {
-  EXPECT_FALSE(objects_.Read("kova", "kova.Any1", kPatienceMs, Keep()));
-  EXPECT_FALSE(objects_.Call("/kova", "not an interface", "Any", kPatienceMs, Keep()));
+  EXPECT_FALSE(objects_.read("kova", "kova.Any1", kPatienceMs, keep()));
+  EXPECT_FALSE(objects_.call("/kova", "not an interface", "Any", kPatienceMs, keep()));
   BusObjects closed("published");
-  EXPECT_FALSE(closed.ReadAll(kPatienceMs, Keep()));
-  EXPECT_FALSE(closed.Follow("/kova", [] {}));
+  EXPECT_FALSE(closed.readAll(kPatienceMs, keep()));
+  EXPECT_FALSE(closed.follow("/kova", [] {}));
   EXPECT_FALSE(closed.Service(0));
-  bus_.Kill();
-  EXPECT_FALSE(Until(nullptr, [] { return false; }));
+  bus_.kill();
+  EXPECT_FALSE(until(nullptr, [] { return false; }));
   EXPECT_FALSE(objects_.Service(0));
 }
 

@@ -53,7 +53,7 @@ class Ledger : public TransactionsHandler {
     responses.emplace_back(request.id(), response);
     return true;
   }
-  void HandleError(BaseRequestMessage& request, const std::string& error,
+  void handleError(BaseRequestMessage& request, const std::string& error,
                    const std::string&) override {
     errors.emplace_back(request.id(), error);
   }
@@ -69,7 +69,7 @@ struct Answer {
   std::string error;  ///< D-Bus error name, "" for a return
   Variant body;
 
-  int Take(sd_bus_message* message, sd_bus_error*) {
+  int take(sd_bus_message* message, sd_bus_error*) {
     ++arrived;
     std::string reason;
     if (const sd_bus_error* failure = sd_bus_message_get_error(message)) {
@@ -92,7 +92,7 @@ class Stranger {
 
   sd_bus* bus() { return bus_.get(); }
 
-  MessagePtr NewCall(const std::string& endpoint) {
+  MessagePtr newCall(const std::string& endpoint) {
     sd_bus_message* call = nullptr;
     EXPECT_GE(sd_bus_message_new_method_call(bus(), &call, (kNamePrefix + endpoint).c_str(),
                                              kObjectPath, kInterface, kSend),
@@ -101,21 +101,21 @@ class Stranger {
   }
 
   /// Sends without waiting.
-  std::shared_ptr<Answer> Start(sd_bus_message* call) {
+  std::shared_ptr<Answer> start(sd_bus_message* call) {
     auto answer = std::make_shared<Answer>();
     EXPECT_GE(
-        sd_bus_call_async(bus(), nullptr, call, callback<&Answer::Take>, answer.get(), 20'000'000),
+        sd_bus_call_async(bus(), nullptr, call, callback<&Answer::take>, answer.get(), 20'000'000),
         0);
     answers_.push_back(answer);
     return answer;
   }
-  std::shared_ptr<Answer> Start(const std::string& endpoint, const Variant& body) {
-    const MessagePtr call = NewCall(endpoint);
+  std::shared_ptr<Answer> start(const std::string& endpoint, const Variant& body) {
+    const MessagePtr call = newCall(endpoint);
     EXPECT_TRUE(wire::encode(body, call.get(), error_)) << error_;
-    return Start(call.get());
+    return start(call.get());
   }
-  std::shared_ptr<Answer> Start(const std::string& endpoint, const char* function) {
-    return Start(endpoint, Variant(Variant::Map{{"functionName", function}}));
+  std::shared_ptr<Answer> start(const std::string& endpoint, const char* function) {
+    return start(endpoint, Variant(Variant::Map{{"functionName", function}}));
   }
 
   bool Service() {
@@ -142,18 +142,18 @@ class Eavesdropper {
     EXPECT_GE(result, 0) << error_;
   }
 
-  int Answers() {
+  int answers() {
     for (int result = 1; result > 0;) {
       sd_bus_message* taken = nullptr;
       result = sd_bus_process(bus_.get(), &taken);
       const MessagePtr message(taken);
-      answers_ += message != nullptr && IsAnswer(message.get()) ? 1 : 0;
+      answers_ += message != nullptr && isAnswer(message.get()) ? 1 : 0;
     }
     return answers_;
   }
 
  private:
-  static bool IsAnswer(sd_bus_message* message) {
+  static bool isAnswer(sd_bus_message* message) {
     std::uint64_t cookie = 0;
     return sd_bus_message_get_reply_cookie(message, &cookie) >= 0 &&
            std::string_view(sd_bus_message_get_sender(message)) != "org.freedesktop.DBus";
@@ -167,13 +167,13 @@ class Eavesdropper {
 /// A bus with an endpoint "test" and a stranger.
 class BusTest : public ::testing::Test {
  protected:
-  void Join(bool receiveBroadcasts = false, TransactionsHandler* transactions = nullptr) {
+  void join(bool receiveBroadcasts = false, TransactionsHandler* transactions = nullptr) {
     ASSERT_TRUE(ipc_.Init("test", receiveBroadcasts, transactions));
     serviced_.push_back(&ipc_);
   }
 
   /// Services everyone until `done`; false on time-out.
-  bool Until(const std::function<bool()>& done) {
+  bool until(const std::function<bool()>& done) {
     const auto deadline = utils::nowMs() + 20'000;
     while (!done()) {
       for (Ipc* ipc : serviced_) {
@@ -187,15 +187,15 @@ class BusTest : public ::testing::Test {
     return true;
   }
 
-  Answer Call(sd_bus_message* call) {
-    const auto answer = stranger_.Start(call);
-    EXPECT_TRUE(Until([&] { return answer->arrived > 0; }));
+  Answer call(sd_bus_message* call) {
+    const auto answer = stranger_.start(call);
+    EXPECT_TRUE(until([&] { return answer->arrived > 0; }));
     return *answer;
   }
   template <typename Message>
-  Answer Call(const Message& message) {
-    const auto answer = stranger_.Start("test", message);
-    EXPECT_TRUE(Until([&] { return answer->arrived > 0; }));
+  Answer call(const Message& message) {
+    const auto answer = stranger_.start("test", message);
+    EXPECT_TRUE(until([&] { return answer->arrived > 0; }));
     return *answer;
   }
 

@@ -22,7 +22,7 @@ TEST_F(ConnectionTest, OwnsNameWhileAlive) {
 }
 
 TEST_F(ConnectionTest, JoinsOnlyOnce) {
-  Join();
+  join();
   EXPECT_FALSE(ipc_.Init("again", false, nullptr));
   EXPECT_TRUE(ipc_.Service(0));
 }
@@ -36,26 +36,26 @@ TEST_F(ConnectionTest, InvalidNamesAreRefused) {
 TEST_F(ConnectionTest, SendsWithoutName) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
-  Join();
+  join();
   Ipc nameless;
   ASSERT_TRUE(nameless.Init("", false, nullptr));
   BaseRequestMessage request;
   request.functionName("Tell");
   request.to("test");
   ASSERT_TRUE(nameless.SendRequest(request));
-  EXPECT_TRUE(Until([&] { return !handler.requests.empty(); }));
+  EXPECT_TRUE(until([&] { return !handler.requests.empty(); }));
 }
 
 TEST_F(ConnectionTest, FlushTellsWhetherBusHasAll) {
-  EXPECT_FALSE(ipc_.Flush());
-  Join();
-  EXPECT_TRUE(ipc_.Flush());
-  privateBus_.Kill();
-  EXPECT_FALSE(ipc_.Flush());
+  EXPECT_FALSE(ipc_.flush());
+  join();
+  EXPECT_TRUE(ipc_.flush());
+  privateBus_.kill();
+  EXPECT_FALSE(ipc_.flush());
 }
 
 TEST_F(ConnectionTest, JoiningFailsWithoutBus) {
-  privateBus_.Kill();
+  privateBus_.kill();
   EXPECT_FALSE(ipc_.Init("test", false, nullptr));
   EXPECT_FALSE(ipc_.Service(0));
 }
@@ -77,9 +77,9 @@ TEST_F(ConnectionTest, SilentBusTimesOut) {
 }
 
 TEST_F(ConnectionTest, LostBusIsReportedAndStaysLost) {
-  Join();
+  join();
   EXPECT_TRUE(ipc_.Service(0));
-  privateBus_.Kill();
+  privateBus_.kill();
   EXPECT_FALSE(ipc_.Service(1000) && ipc_.Service(1000));
   EXPECT_FALSE(ipc_.Service(0));
   BaseRequestMessage request;
@@ -89,15 +89,15 @@ TEST_F(ConnectionTest, LostBusIsReportedAndStaysLost) {
 }
 
 TEST_F(ConnectionTest, ServiceWaitsForFirstMessageOnly) {
-  Join();
-  while (ipc_.Service(0) && !ipc_.IsPresent("test")) {
+  join();
+  while (ipc_.Service(0) && !ipc_.isPresent("test")) {
   }
   auto before = utils::nowMs();
   EXPECT_TRUE(ipc_.Service(50));
   EXPECT_GE(utils::nowMs() - before, 49U);
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);
-  stranger_.Start("test", "Tell");
+  stranger_.start("test", "Tell");
   before = utils::nowMs();
   EXPECT_TRUE(ipc_.Service(10'000));
   EXPECT_LT(utils::nowMs() - before, 5000U);
@@ -117,7 +117,7 @@ TEST_F(ConnectionTest, InstanceIsUniqueAndCanBeRecreated) {
 TEST_F(ConnectionTest, SixtyFourAsynchronousClientsGetOneAnswerEach) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
-  Join();
+  join();
   constexpr int kClients = 64;
   constexpr int kCalls = 100;
   std::vector<std::unique_ptr<Stranger>> clients;
@@ -125,7 +125,7 @@ TEST_F(ConnectionTest, SixtyFourAsynchronousClientsGetOneAnswerEach) {
   for (int client = 0; client < kClients; ++client) {
     clients.push_back(std::make_unique<Stranger>());
     for (int call = 0; call < kCalls; ++call) {
-      answers.push_back(clients.back()->Start("test", "Tell"));
+      answers.push_back(clients.back()->start("test", "Tell"));
     }
   }
   std::size_t most = 0;
@@ -136,7 +136,7 @@ TEST_F(ConnectionTest, SixtyFourAsynchronousClientsGetOneAnswerEach) {
     return std::all_of(clients.begin(), clients.end(), [](auto& one) { return one->Service(); }) &&
            std::all_of(answers.begin(), answers.end(), [](auto& one) { return one->arrived > 0; });
   };
-  ASSERT_TRUE(Until(done));
+  ASSERT_TRUE(until(done));
   std::size_t answered = 0;
   for (const auto& answer : answers) {
     EXPECT_EQ(answer->arrived, 1);
@@ -153,14 +153,14 @@ class OnePassTest : public BusTest {
  protected:
   OnePassTest() {
     ipc_.AddHandler("Tell", &handler_);
-    Join();
+    join();
   }
 
   // Sends messages and returns how many the first pass that handles any handles.
-  std::size_t InOnePass(int count) {
-    Until([&] { return handler_.requests.size() == expected_; });
+  std::size_t inOnePass(int count) {
+    until([&] { return handler_.requests.size() == expected_; });
     for (int i = 0; i < count; ++i) {
-      stranger_.Start("test", "Tell");
+      stranger_.start("test", "Tell");
     }
     expected_ += static_cast<std::size_t>(count);
     sd_bus_flush(stranger_.bus());
@@ -184,20 +184,20 @@ TEST_F(OnePassTest, HandlesSixtyFourRequests) {
   // On a busy machine a pass may be preempted beyond its time limit.
   bool seen = false;
   for (int attempt = 0; attempt < 20 && !seen; ++attempt) {
-    seen = InOnePass(64) == 64;
+    seen = inOnePass(64) == 64;
   }
   EXPECT_TRUE(seen);
 }
 
 TEST_F(OnePassTest, HandlesNoMoreThan128) {
   for (int attempt = 0; attempt < 5; ++attempt) {
-    EXPECT_LE(InOnePass(300), 128U);
+    EXPECT_LE(inOnePass(300), 128U);
   }
 }
 
 TEST_F(OnePassTest, EndsInTimeWhenRequestsAreSlow) {
   slowness_ = 15;
-  EXPECT_LT(InOnePass(64), 10U);
+  EXPECT_LT(inOnePass(64), 10U);
 }
 
 TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
@@ -208,8 +208,8 @@ TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
   other.AddHandler("", &marker);
   ASSERT_TRUE(other.Init("other", false, nullptr));
   ASSERT_TRUE(ipc_.Init("test", false, nullptr));
-  const auto waiting = stranger_.Start("test", "Tell");
-  stranger_.Start("other", "Mark");
+  const auto waiting = stranger_.start("test", "Tell");
+  stranger_.start("other", "Mark");
   while (marker.requests.empty() && stranger_.Service() && other.Service(1)) {
   }
   kill(privateBus_.pid(), SIGSTOP);
@@ -227,7 +227,7 @@ TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
   serviced_ = {&ipc_, &other};
   request.functionName("Last");
   // The bus itself drops what exceeds the receiver's queue.
-  EXPECT_TRUE(Until([&] {
+  EXPECT_TRUE(until([&] {
     ipc_.SendRequest(request);
     return waiting->arrived > 0 && marker.requests.back().functionName() == "Last";
   }));
@@ -241,14 +241,14 @@ TEST_F(ConnectionTest, StalledPeerDoesNotBlockOthers) {
     return ipc_.SendResponse(request, response);
   });
   ipc_.AddHandler("Tell", &handler);
-  Join();
+  join();
   Stranger deaf;
   for (int round = 0; round < 40; ++round) {
     for (int call = 0; call < 50; ++call) {
-      deaf.Start("test", "Tell");
+      deaf.start("test", "Tell");
     }
     const auto before = utils::nowMs();
-    const Answer answer = Call("Tell");
+    const Answer answer = call("Tell");
     EXPECT_TRUE(answer.error.empty()) << answer.error;
     ASSERT_LT(utils::nowMs() - before, 2000U);
   }

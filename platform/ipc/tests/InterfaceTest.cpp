@@ -18,7 +18,7 @@ class InterfaceTest : public BusTest {
   };
 
   // Runs a program while servicing the endpoint.
-  Output Run(const std::string& command) {
+  Output run(const std::string& command) {
     auto output = std::async(std::launch::async, [&] {
       std::string text;
       FILE* pipe = popen((command + " 2>&1").c_str(), "r");
@@ -28,11 +28,11 @@ class InterfaceTest : public BusTest {
       }
       return Output{pclose(pipe), text};
     });
-    EXPECT_TRUE(Until(
+    EXPECT_TRUE(until(
         [&] { return output.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
     return output.get();
   }
-  std::string Busctl() const { return "busctl --address=" + privateBus_.address() + " "; }
+  std::string busctl() const { return "busctl --address=" + privateBus_.address() + " "; }
 };
 
 // Removes the text from each `from` up to and including the next `to`.
@@ -60,7 +60,7 @@ std::string essence(const std::string& xml) {
 }
 
 TEST_F(InterfaceTest, IntrospectionMatchesShippedDescription) {
-  Join();
+  join();
   sd_bus_message* created = nullptr;
   sd_bus_message_new_method_call(stranger_.bus(), &created, "kova.test", kObjectPath,
                                  "org.freedesktop.DBus.Introspectable", "Introspect");
@@ -75,19 +75,19 @@ TEST_F(InterfaceTest, IntrospectionMatchesShippedDescription) {
         return 1;
       },
       &live, 0);
-  ASSERT_TRUE(Until([&] { return !live.empty(); }));
+  ASSERT_TRUE(until([&] { return !live.empty(); }));
   std::stringstream shipped;
   shipped << std::ifstream(KOVA_IPC_XML).rdbuf();
   EXPECT_EQ(essence(live), essence(shipped.str()));
 }
 
 TEST_F(InterfaceTest, OtherMethodsAndObjectsAreUnknown) {
-  Join();
+  join();
   const auto error = [&](const char* path, const char* interface, const char* member) {
-    sd_bus_message* call = nullptr;
-    sd_bus_message_new_method_call(stranger_.bus(), &call, "kova.test", path, interface, member);
-    const MessagePtr owned(call);
-    return Call(call).error;
+    sd_bus_message* message = nullptr;
+    sd_bus_message_new_method_call(stranger_.bus(), &message, "kova.test", path, interface, member);
+    const MessagePtr owned(message);
+    return call(message).error;
   };
   EXPECT_EQ(error("/kova", "kova.Ipc1", "Other"), "org.freedesktop.DBus.Error.UnknownMethod");
   EXPECT_EQ(error("/kova", "kova.Ipc2", "Send"), "org.freedesktop.DBus.Error.UnknownMethod");
@@ -102,13 +102,13 @@ TEST_F(InterfaceTest, BusctlCalls) {
     return ipc_.SendResponse(request, response);
   });
   ipc_.AddHandler("Ping", &handler);
-  Join();
-  const std::string send = Busctl() + "call kova.test /kova kova.Ipc1 Send ";
-  const Output answered = Run(send + "'a{sv}' 2 functionName s Ping number q 7");
+  join();
+  const std::string send = busctl() + "call kova.test /kova kova.Ipc1 Send ";
+  const Output answered = run(send + "'a{sv}' 2 functionName s Ping number q 7");
   EXPECT_EQ(answered.status, 0) << answered.text;
   EXPECT_NE(answered.text.find("\"payload\" s \"pong\""), std::string::npos) << answered.text;
   EXPECT_EQ(handler.requests.at(0)["number"], Variant(std::uint32_t{7}));
-  const Output refused = Run(send + "s text");
+  const Output refused = run(send + "s text");
   EXPECT_NE(refused.status, 0);
 }
 

@@ -30,13 +30,13 @@ const Interface kThing{"kova.Thing1",
 
 class Box : public PublishedObject {
  public:
-  PropertyValue Read(std::size_t property) const override {
+  PropertyValue read(std::size_t property) const override {
     if (property == kFull) {
       return full;
     }
     return seen;
   }
-  MethodError Call(std::size_t) override { return {}; }
+  MethodError call(std::size_t) override { return {}; }
 
   PropertyValue full = true;
   Moment seen{12, "OK"};
@@ -50,7 +50,7 @@ class Things : public PublishedFolder {
     std::uint64_t size = 0;
   };
 
-  std::vector<std::uint64_t> Numbers() const override {
+  std::vector<std::uint64_t> numbers() const override {
     ++listed;
     std::vector<std::uint64_t> numbers;
     for (const auto& [number, thing] : things) {
@@ -58,8 +58,8 @@ class Things : public PublishedFolder {
     }
     return numbers;
   }
-  bool Has(std::uint64_t number) const override { return things.contains(number); }
-  PropertyValue Read(std::uint64_t number, std::size_t property) const override {
+  bool has(std::uint64_t number) const override { return things.contains(number); }
+  PropertyValue read(std::uint64_t number, std::size_t property) const override {
     if (broken) {
       throw std::runtime_error("broken");
     }
@@ -69,7 +69,7 @@ class Things : public PublishedFolder {
     }
     return property == kCount ? PropertyValue(thing.count) : PropertyValue(thing.size);
   }
-  MethodError Call(std::uint64_t number, std::size_t method) override {
+  MethodError call(std::uint64_t number, std::size_t method) override {
     calls.emplace_back(number, method);
     if (broken) {
       throw std::runtime_error("broken");
@@ -90,7 +90,7 @@ struct Received {
   std::string text;  ///< of the error
   std::vector<MessagePtr> signals;
 
-  int Take(sd_bus_message* arrived, sd_bus_error*) {
+  int take(sd_bus_message* arrived, sd_bus_error*) {
     message.reset(sd_bus_message_ref(arrived));
     if (const sd_bus_error* failure = sd_bus_message_get_error(arrived)) {
       error = failure->name;
@@ -98,7 +98,7 @@ struct Received {
     }
     return 1;
   }
-  int Note(sd_bus_message* signal, sd_bus_error*) {
+  int note(sd_bus_message* signal, sd_bus_error*) {
     signals.emplace_back(sd_bus_message_ref(signal));
     return 0;
   }
@@ -106,65 +106,65 @@ struct Received {
 
 class ObjectsTest : public BusTest {
  protected:
-  void Publish() {
-    EXPECT_TRUE(ipc_.objects().Publish(kBox, &box_));
-    EXPECT_TRUE(ipc_.objects().Publish("things", kThing, &things_));
+  void publish() {
+    EXPECT_TRUE(ipc_.objects().publish(kBox, &box_));
+    EXPECT_TRUE(ipc_.objects().publish("things", kThing, &things_));
     things_.things = {{1, {"one", 1, 10}}, {7, {"seven", 7, 70}}};
-    Join();
+    join();
   }
 
   /// Stops the bus, and waits until it has stopped: it may be reading.
-  bool StopBus() const {
+  bool stopBus() const {
     return kill(privateBus_.pid(), SIGSTOP) == 0 &&
            waitpid(privateBus_.pid(), nullptr, WUNTRACED) == privateBus_.pid();
   }
 
-  MessagePtr NewCall(const char* path, const char* interface, const char* member) {
+  MessagePtr newCall(const char* path, const char* interface, const char* member) {
     sd_bus_message* call = nullptr;
     EXPECT_GE(sd_bus_message_new_method_call(stranger_.bus(), &call, "kova.test", path, interface,
                                              member),
               0);
     return MessagePtr(call);
   }
-  std::shared_ptr<Received> Start(sd_bus_message* call) {
+  std::shared_ptr<Received> start(sd_bus_message* call) {
     auto received = std::make_shared<Received>();
-    EXPECT_GE(sd_bus_call_async(stranger_.bus(), nullptr, call, callback<&Received::Take>,
+    EXPECT_GE(sd_bus_call_async(stranger_.bus(), nullptr, call, callback<&Received::take>,
                                 received.get(), 20'000'000),
               0);
     kept_.push_back(received);
     return received;
   }
-  std::shared_ptr<Received> Ask(sd_bus_message* call) {
-    auto received = Start(call);
-    EXPECT_TRUE(Until([&] { return received->message != nullptr; }));
+  std::shared_ptr<Received> ask(sd_bus_message* call) {
+    auto received = start(call);
+    EXPECT_TRUE(until([&] { return received->message != nullptr; }));
     return received;
   }
-  std::shared_ptr<Received> Ask(const char* path, const char* interface, const char* member) {
-    return Ask(NewCall(path, interface, member).get());
+  std::shared_ptr<Received> ask(const char* path, const char* interface, const char* member) {
+    return ask(newCall(path, interface, member).get());
   }
-  std::shared_ptr<Received> Get(const char* path, const char* interface, const char* property) {
-    const MessagePtr call = NewCall(path, kProperties, "Get");
+  std::shared_ptr<Received> get(const char* path, const char* interface, const char* property) {
+    const MessagePtr call = newCall(path, kProperties, "Get");
     sd_bus_message_append(call.get(), "ss", interface, property);
-    return Ask(call.get());
+    return ask(call.get());
   }
-  std::string Error(const char* path, const char* interface, const char* member) {
-    return Ask(path, interface, member)->error;
+  std::string error(const char* path, const char* interface, const char* member) {
+    return ask(path, interface, member)->error;
   }
-  std::string Name(const char* path) {
-    const auto answer = Get(path, "kova.Thing1", "Name");
+  std::string name(const char* path) {
+    const auto answer = get(path, "kova.Thing1", "Name");
     const char* text = "";
     sd_bus_message_read(answer->message.get(), "v", "s", &text);
     return answer->error.empty() ? text : answer->error;
   }
-  std::string Introspect(const char* path) {
-    const auto answer = Ask(path, "org.freedesktop.DBus.Introspectable", "Introspect");
+  std::string introspect(const char* path) {
+    const auto answer = ask(path, "org.freedesktop.DBus.Introspectable", "Introspect");
     const char* text = "";
     sd_bus_message_read(answer->message.get(), "s", &text);
     return text;
   }
   // The paths and interfaces that GetManagedObjects tells, as "PATH INTERFACE".
-  std::vector<std::string> Managed() {
-    const auto answer = Ask("/kova", kManager, "GetManagedObjects");
+  std::vector<std::string> managed() {
+    const auto answer = ask("/kova", kManager, "GetManagedObjects");
     sd_bus_message* body = answer->message.get();
     std::vector<std::string> all;
     const char* path = nullptr;
@@ -188,13 +188,13 @@ class ObjectsTest : public BusTest {
   }
 
   // Collects the signals of the endpoint from now on.
-  std::shared_ptr<Received> Listen() {
+  std::shared_ptr<Received> listen() {
     auto heard = std::make_shared<Received>();
     EXPECT_GE(sd_bus_match_signal_async(stranger_.bus(), nullptr, "kova.test", nullptr, nullptr,
-                                        nullptr, callback<&Received::Note>, nullptr, heard.get()),
+                                        nullptr, callback<&Received::note>, nullptr, heard.get()),
               0);
     kept_.push_back(heard);
-    Introspect("/kova");  // answered after the match is in place
+    introspect("/kova");  // answered after the match is in place
     return heard;
   }
 
@@ -209,79 +209,79 @@ std::string memberOf(const MessagePtr& signal) {
 }
 
 TEST_F(ObjectsTest, PropertiesAreReadAsTheirTypes) {
-  Publish();
+  publish();
   int full = 0;
-  const auto flag = Get("/kova", "kova.Box1", "Full");
+  const auto flag = get("/kova", "kova.Box1", "Full");
   ASSERT_GE(sd_bus_message_read(flag->message.get(), "v", "b", &full), 0) << flag->error;
   EXPECT_EQ(full, 1);
   std::uint64_t time = 0;
   const char* what = "";
-  const auto moment = Get("/kova", "kova.Box1", "Seen");
+  const auto moment = get("/kova", "kova.Box1", "Seen");
   ASSERT_GE(sd_bus_message_read(moment->message.get(), "v", "(ts)", &time, &what), 0)
       << moment->error;
   EXPECT_EQ(time, 12U);
   EXPECT_STREQ(what, "OK");
-  EXPECT_EQ(Name("/kova/things/7"), "seven");
+  EXPECT_EQ(name("/kova/things/7"), "seven");
   std::uint16_t count = 0;
-  const auto number = Get("/kova/things/1", "kova.Thing1", "Count");
+  const auto number = get("/kova/things/1", "kova.Thing1", "Count");
   ASSERT_GE(sd_bus_message_read(number->message.get(), "v", "q", &count), 0);
   EXPECT_EQ(count, 1U);
   std::uint64_t size = 0;
-  const auto large = Get("/kova/things/1", "kova.Thing1", "Size");
+  const auto large = get("/kova/things/1", "kova.Thing1", "Size");
   ASSERT_GE(sd_bus_message_read(large->message.get(), "v", "t", &size), 0);
   EXPECT_EQ(size, 10U);
 }
 
 TEST_F(ObjectsTest, ManagerTellsWhatIsThere) {
-  Publish();
-  EXPECT_EQ(Managed(),
+  publish();
+  EXPECT_EQ(managed(),
             (std::vector<std::string>{"/kova/things/1 kova.Thing1", "/kova/things/7 kova.Thing1"}));
   things_.things.clear();
-  EXPECT_TRUE(Managed().empty());
+  EXPECT_TRUE(managed().empty());
 }
 
 TEST_F(ObjectsTest, IntrospectionTellsNodesAndInterfaces) {
-  Publish();
-  const std::string root = Introspect("/kova");
+  publish();
+  const std::string root = introspect("/kova");
   for (const char* part : {"interface name=\"kova.Ipc1\"", "interface name=\"kova.Box1\"",
                            "interface name=\"org.freedesktop.DBus.ObjectManager\"",
                            "<node name=\"things\"/>", "name=\"Seen\" type=\"(ts)\""}) {
     EXPECT_NE(root.find(part), std::string::npos) << part << " is not in\n" << root;
   }
-  const std::string folder = Introspect("/kova/things");
+  const std::string folder = introspect("/kova/things");
   EXPECT_NE(folder.find("<node name=\"7\"/>"), std::string::npos) << folder;
-  const std::string thing = Introspect("/kova/things/7");
+  const std::string thing = introspect("/kova/things/7");
   EXPECT_NE(thing.find("<method name=\"Stop\">"), std::string::npos) << thing;
   EXPECT_EQ(thing.find("kova.Ipc1"), std::string::npos) << thing;
 }
 
 TEST_F(ObjectsTest, NothingPublishedMeansNoManager) {
-  Join();
-  EXPECT_EQ(Error("/kova", kManager, "GetManagedObjects"),
+  join();
+  EXPECT_EQ(error("/kova", kManager, "GetManagedObjects"),
             "org.freedesktop.DBus.Error.UnknownMethod");
-  EXPECT_EQ(Introspect("/kova").find("<node name=\""), std::string::npos);
+  EXPECT_EQ(introspect("/kova").find("<node name=\""), std::string::npos);
 }
 
 TEST_F(ObjectsTest, MessagesPassBesideObjects) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
-  Publish();
-  EXPECT_EQ(Call("Tell").error, "");
+  publish();
+  EXPECT_EQ(call("Tell").error, "");
   EXPECT_EQ(handler.requests.size(), 1U);
-  EXPECT_EQ(Error("/kova/things/1", "kova.Ipc1", "Send"),
+  EXPECT_EQ(error("/kova/things/1", "kova.Ipc1", "Send"),
             "org.freedesktop.DBus.Error.UnknownMethod");
-  EXPECT_EQ(Error("/kova", nullptr, "Send"), "kova.Error.InvalidMessage");
+  EXPECT_EQ(error("/kova", nullptr, "Send"), "kova.Error.InvalidMessage");
 }
 
 TEST_F(ObjectsTest, PathsOfNothingAreUnknown) {
-  Publish();
+  publish();
   for (const char* path :
        {"/kova/things/0", "/kova/things/01", "/kova/things/2", "/kova/things/x",
         "/kova/things/18446744073709551615", "/kova/things/18446744073709551616",
         "/kova/things/18446744073709551617", "/kova/things/1_", "/kova/things/_31",
         "/kova/things/1/1", "/kova/thing/1", "/kova/things1", "/kova/things/7x"}) {
-    EXPECT_EQ(Name(path), kUnknownObject) << path;
-    EXPECT_EQ(Error(path, "kova.Thing1", "Stop"), kUnknownObject) << path;
+    EXPECT_EQ(name(path), kUnknownObject) << path;
+    EXPECT_EQ(error(path, "kova.Thing1", "Stop"), kUnknownObject) << path;
   }
   EXPECT_TRUE(things_.calls.empty());
   EXPECT_TRUE(ipc_.Service(0));
@@ -306,56 +306,56 @@ TEST(ObjectNumberTest, IsDecimalAndCanonical) {
 }
 
 TEST_F(ObjectsTest, NothingCanBeWritten) {
-  Publish();
-  const MessagePtr call = NewCall("/kova/things/1", kProperties, "Set");
+  publish();
+  const MessagePtr call = newCall("/kova/things/1", kProperties, "Set");
   sd_bus_message_append(call.get(), "ssv", "kova.Thing1", "Name", "s", "other");
-  EXPECT_EQ(Ask(call.get())->error, "org.freedesktop.DBus.Error.PropertyReadOnly");
-  EXPECT_EQ(Name("/kova/things/1"), "one");
+  EXPECT_EQ(ask(call.get())->error, "org.freedesktop.DBus.Error.PropertyReadOnly");
+  EXPECT_EQ(name("/kova/things/1"), "one");
 }
 
 TEST_F(ObjectsTest, MethodsAnswerOrTellTheirError) {
-  Publish();
-  EXPECT_EQ(Error("/kova/things/7", "kova.Thing1", "Go"), "");
-  const auto refused = Ask("/kova/things/1", "kova.Thing1", "Stop");
+  publish();
+  EXPECT_EQ(error("/kova/things/7", "kova.Thing1", "Go"), "");
+  const auto refused = ask("/kova/things/1", "kova.Thing1", "Stop");
   EXPECT_EQ(refused->error, "kova.Error.Late");
   EXPECT_EQ(refused->text, "It has ? stopped.");
   EXPECT_EQ(things_.calls, (std::vector<std::pair<std::uint64_t, std::size_t>>{{7, 1}, {1, 0}}));
-  EXPECT_EQ(Error("/kova/things/1", "kova.Thing1", "Other"),
+  EXPECT_EQ(error("/kova/things/1", "kova.Thing1", "Other"),
             "org.freedesktop.DBus.Error.UnknownMethod");
-  const MessagePtr withArgument = NewCall("/kova/things/1", "kova.Thing1", "Stop");
+  const MessagePtr withArgument = newCall("/kova/things/1", "kova.Thing1", "Stop");
   sd_bus_message_append(withArgument.get(), "s", "now");
-  EXPECT_EQ(Ask(withArgument.get())->error, "org.freedesktop.DBus.Error.InvalidArgs");
+  EXPECT_EQ(ask(withArgument.get())->error, "org.freedesktop.DBus.Error.InvalidArgs");
   EXPECT_EQ(things_.calls.size(), 2U);
 }
 
 TEST_F(ObjectsTest, ExceptionsStayInProcess) {
-  Publish();
+  publish();
   things_.broken = true;
-  EXPECT_EQ(Name("/kova/things/1"), kFailed);
-  EXPECT_EQ(Error("/kova/things/1", "kova.Thing1", "Go"), kFailed);
-  EXPECT_EQ(Managed(), std::vector<std::string>{kFailed});
-  EXPECT_TRUE(ipc_.objects().Changed(things_, 1, {kCount}));
+  EXPECT_EQ(name("/kova/things/1"), kFailed);
+  EXPECT_EQ(error("/kova/things/1", "kova.Thing1", "Go"), kFailed);
+  EXPECT_EQ(managed(), std::vector<std::string>{kFailed});
+  EXPECT_TRUE(ipc_.objects().changed(things_, 1, {kCount}));
   things_.broken = false;
-  EXPECT_EQ(Name("/kova/things/1"), "one");
+  EXPECT_EQ(name("/kova/things/1"), "one");
 }
 
 TEST_F(ObjectsTest, ValueOfOtherTypeFailsItsRead) {
-  Publish();
+  publish();
   box_.full = std::string("yes");
-  EXPECT_NE(Get("/kova", "kova.Box1", "Full")->error, "");
-  EXPECT_EQ(Get("/kova", "kova.Box1", "Seen")->error, "");
+  EXPECT_NE(get("/kova", "kova.Box1", "Full")->error, "");
+  EXPECT_EQ(get("/kova", "kova.Box1", "Seen")->error, "");
 }
 
 TEST_F(ObjectsTest, ChangesAreSignalled) {
-  Publish();
-  const auto heard = Listen();
+  publish();
+  const auto heard = listen();
   things_.things[9] = {"nine", 9, 90};
-  ASSERT_TRUE(ipc_.objects().Added(things_, 9));
-  ASSERT_TRUE(ipc_.objects().Changed(things_, 9, {kCount, kSize}));
+  ASSERT_TRUE(ipc_.objects().added(things_, 9));
+  ASSERT_TRUE(ipc_.objects().changed(things_, 9, {kCount, kSize}));
   things_.things.erase(9);
-  ASSERT_TRUE(ipc_.objects().Removed(things_, 9));
-  ASSERT_TRUE(ipc_.objects().Changed(box_, {kFull}));
-  ASSERT_TRUE(Until([&] { return heard->signals.size() == 4; }));
+  ASSERT_TRUE(ipc_.objects().removed(things_, 9));
+  ASSERT_TRUE(ipc_.objects().changed(box_, {kFull}));
+  ASSERT_TRUE(until([&] { return heard->signals.size() == 4; }));
 
   EXPECT_EQ(memberOf(heard->signals[0]), "/kova InterfacesAdded");
   const char* path = "";
@@ -385,11 +385,11 @@ TEST_F(ObjectsTest, ChangesAreSignalled) {
 
 // A client keeps an object until all interfaces that it was told of are removed.
 TEST_F(ObjectsTest, WhatIsRemovedIsWhatWasAdded) {
-  Publish();
-  const auto heard = Listen();
-  ipc_.objects().Added(things_, 1);
-  ipc_.objects().Removed(things_, 1);
-  ASSERT_TRUE(Until([&] { return heard->signals.size() == 2; }));
+  publish();
+  const auto heard = listen();
+  ipc_.objects().added(things_, 1);
+  ipc_.objects().removed(things_, 1);
+  ASSERT_TRUE(until([&] { return heard->signals.size() == 2; }));
   std::set<std::string> added;
   std::set<std::string> removed;
   const char* text = nullptr;
@@ -413,21 +413,21 @@ TEST_F(ObjectsTest, WhatIsRemovedIsWhatWasAdded) {
 }
 
 TEST_F(ObjectsTest, PublishingIsForBeforeJoining) {
-  EXPECT_TRUE(ipc_.objects().Publish(kBox, &box_));
-  EXPECT_FALSE(ipc_.objects().Changed(box_, {kFull}));
-  Join();
-  EXPECT_FALSE(ipc_.objects().Publish("things", kThing, &things_));
-  EXPECT_FALSE(ipc_.objects().Added(things_, 1));
-  EXPECT_TRUE(ipc_.objects().Changed(box_, {kFull}));
+  EXPECT_TRUE(ipc_.objects().publish(kBox, &box_));
+  EXPECT_FALSE(ipc_.objects().changed(box_, {kFull}));
+  join();
+  EXPECT_FALSE(ipc_.objects().publish("things", kThing, &things_));
+  EXPECT_FALSE(ipc_.objects().added(things_, 1));
+  EXPECT_TRUE(ipc_.objects().changed(box_, {kFull}));
 }
 
 TEST_F(ObjectsTest, JoinCanBeTriedAgain) {
   Ipc first;
   ASSERT_TRUE(first.Init("test", false, nullptr));
-  EXPECT_TRUE(ipc_.objects().Publish(kBox, &box_));
+  EXPECT_TRUE(ipc_.objects().publish(kBox, &box_));
   EXPECT_FALSE(ipc_.Init("test", false, nullptr));
   ASSERT_TRUE(ipc_.Init("test2", false, nullptr));
-  EXPECT_TRUE(ipc_.objects().Changed(box_, {kFull}));
+  EXPECT_TRUE(ipc_.objects().changed(box_, {kFull}));
 }
 
 TEST(ShownTextTest, IsUtf8AndBounded) {
@@ -441,42 +441,42 @@ TEST(ShownTextTest, IsUtf8AndBounded) {
 }
 
 TEST_F(ObjectsTest, OddTextsAreShownRepaired) {
-  Publish();
+  publish();
   things_.things[1].name = std::string("a\xfe\0b", 4);
-  EXPECT_EQ(Name("/kova/things/1"), "a??b");
+  EXPECT_EQ(name("/kova/things/1"), "a??b");
   things_.things[1].name = std::string(2'000'000, 'y');
-  EXPECT_EQ(Name("/kova/things/1").size(), Objects::kMostTextBytes);
+  EXPECT_EQ(name("/kova/things/1").size(), Objects::kMostTextBytes);
 }
 
 // A longer answer would cost the endpoint its connection to the bus.
 TEST_F(ObjectsTest, AnswerAboutTooManyObjectsIsRefused) {
-  Publish();
+  publish();
   for (std::uint64_t number = 1; number <= 100'000; ++number) {
     things_.things[number] = {"name", 1, number};
   }
-  EXPECT_EQ(Managed(), std::vector<std::string>{kLimits});
-  EXPECT_EQ(Name("/kova/things/100000"), "name");
-  EXPECT_EQ(Error("/kova/things", "org.freedesktop.DBus.Introspectable", "Introspect"), kLimits);
-  EXPECT_EQ(Name("/kova/things/99999"), "name");
+  EXPECT_EQ(managed(), std::vector<std::string>{kLimits});
+  EXPECT_EQ(name("/kova/things/100000"), "name");
+  EXPECT_EQ(error("/kova/things", "org.freedesktop.DBus.Introspectable", "Introspect"), kLimits);
+  EXPECT_EQ(name("/kova/things/99999"), "name");
   things_.things.clear();
   for (std::uint64_t number = 1; number <= 400; ++number) {
     things_.things[number] = {std::string(5'000, 'x'), 1, number};
   }
-  EXPECT_EQ(Managed(), std::vector<std::string>{kLimits});
+  EXPECT_EQ(managed(), std::vector<std::string>{kLimits});
   EXPECT_TRUE(ipc_.Service(0));
   things_.things.erase(things_.things.find(101), things_.things.end());
-  EXPECT_EQ(Managed().size(), 100U);
+  EXPECT_EQ(managed().size(), 100U);
 }
 
 TEST_F(ObjectsTest, FloodOfReadsIsServedInPasses) {
-  Publish();
+  publish();
   constexpr int kReads = 1'000;
   std::vector<std::shared_ptr<Received>> answers;
   for (int read = 0; read < kReads; ++read) {
-    answers.push_back(Start(NewCall("/kova", kManager, "GetManagedObjects").get()));
+    answers.push_back(start(newCall("/kova", kManager, "GetManagedObjects").get()));
   }
   int most = 0;
-  ASSERT_TRUE(Until([&] {
+  ASSERT_TRUE(until([&] {
     const int before = things_.listed;
     ipc_.Service(0);
     most = std::max(most, things_.listed - before);
@@ -492,20 +492,20 @@ TEST_F(ObjectsTest, FloodOfReadsIsServedInPasses) {
 
 // Two hundred answers of 400 kB are 80 MB.
 TEST_F(ObjectsTest, LargeAnswersToDeafPeerDoNotPileUp) {
-  Publish();
+  publish();
   for (std::uint64_t number = 1; number <= 100; ++number) {
     things_.things[number] = {std::string(4'000, 'x'), 1, number};
   }
-  ASSERT_EQ(Managed().size(), 100U);
+  ASSERT_EQ(managed().size(), 100U);
   Stranger deaf;
   for (int call = 0; call < 200; ++call) {
     sd_bus_message* created = nullptr;
     sd_bus_message_new_method_call(deaf.bus(), &created, "kova.test", "/kova", kManager,
                                    "GetManagedObjects");
     const MessagePtr owned(created);
-    deaf.Start(created);
+    deaf.start(created);
   }
-  ASSERT_TRUE(StopBus());
+  ASSERT_TRUE(stopBus());
   things_.listed = 0;
   for (int pass = 0; pass < 100; ++pass) {
     ASSERT_TRUE(ipc_.Service(0));
@@ -513,29 +513,29 @@ TEST_F(ObjectsTest, LargeAnswersToDeafPeerDoNotPileUp) {
   // Each answer reads the list four times; 4 MiB of them, and what the kernel takes, may wait.
   EXPECT_LT(things_.listed, 4 * 20);
   kill(privateBus_.pid(), SIGCONT);
-  EXPECT_EQ(Name("/kova/things/1").size(), 4'000U);
+  EXPECT_EQ(name("/kova/things/1").size(), 4'000U);
 }
 
 TEST_F(ObjectsTest, SignalsAreRefusedWhileBusDoesNotRead) {
-  Publish();
-  ASSERT_TRUE(StopBus());
+  publish();
+  ASSERT_TRUE(stopBus());
   int accepted = 0;
-  while (accepted < 100'000 && ipc_.objects().Changed(things_, 1, {kCount})) {
+  while (accepted < 100'000 && ipc_.objects().changed(things_, 1, {kCount})) {
     ++accepted;
   }
   EXPECT_LT(accepted, 100'000);
-  EXPECT_FALSE(ipc_.objects().Added(things_, 1));
-  EXPECT_FALSE(ipc_.objects().Removed(things_, 1));
+  EXPECT_FALSE(ipc_.objects().added(things_, 1));
+  EXPECT_FALSE(ipc_.objects().removed(things_, 1));
   EXPECT_TRUE(ipc_.Service(0));
   kill(privateBus_.pid(), SIGCONT);
-  EXPECT_TRUE(Until([&] { return ipc_.objects().Changed(things_, 1, {kCount}); }));
+  EXPECT_TRUE(until([&] { return ipc_.objects().changed(things_, 1, {kCount}); }));
 }
 
 TEST_F(ObjectsTest, SignalsLeaveEventsTheirPlaces) {
-  Publish();
-  ASSERT_TRUE(StopBus());
+  publish();
+  ASSERT_TRUE(stopBus());
   int signals = 0;
-  while (signals < 100'000 && ipc_.objects().Changed(things_, 1, {kCount})) {
+  while (signals < 100'000 && ipc_.objects().changed(things_, 1, {kCount})) {
     ++signals;
   }
   int events = 0;

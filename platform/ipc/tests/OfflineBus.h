@@ -29,35 +29,35 @@ class OfflineBus {
     check(sd_bus_set_server(created, 1, sd_id128_t{.bytes = {1}}));
     check(sd_bus_set_anonymous(created, 1));
     check(sd_bus_start(created));
-    Login();
+    login();
   }
   ~OfflineBus() { close(peer_); }
   OfflineBus(const OfflineBus&) = delete;
   OfflineBus& operator=(const OfflineBus&) = delete;
 
   /// An empty message.
-  MessagePtr NewMessage() {
+  MessagePtr newMessage() {
     sd_bus_message* created = nullptr;
     check(sd_bus_message_new_signal(bus_.get(), &created, "/kova", "kova.Ipc1", "Broadcast"));
     return MessagePtr(created);
   }
 
   /// The marshalled body of a message.
-  std::string Marshal(sd_bus_message* message) {
+  std::string marshal(sd_bus_message* message) {
     check(sd_bus_send(bus_.get(), message, nullptr));
     std::string bytes;
     for (std::size_t needed = kFixedHeader; bytes.size() < needed;) {
-      ReadInto(bytes, needed);
+      readInto(bytes, needed);
       if (bytes.size() >= kFixedHeader) {
-        needed = BodyStart(bytes) + NumberAt(bytes, 4);
+        needed = bodyStart(bytes) + numberAt(bytes, 4);
       }
     }
-    return bytes.substr(BodyStart(bytes));
+    return bytes.substr(bodyStart(bytes));
   }
 
   /// A message with this signature and body as received by sd-bus; null if sd-bus rejects it.
-  MessagePtr Receive(std::string_view signature, std::string_view body) {
-    const std::string bytes = Header(signature, body.size()).append(body);
+  MessagePtr receive(std::string_view signature, std::string_view body) {
+    const std::string bytes = header(signature, body.size()).append(body);
     std::size_t written = 0;
     for (int idle = 0; idle < 2;) {
       const ssize_t put = write(peer_, bytes.data() + written, bytes.size() - written);
@@ -74,9 +74,9 @@ class OfflineBus {
   }
 
   /// The same for a message made by sd-bus.
-  MessagePtr Roundtrip(sd_bus_message* message) {
+  MessagePtr roundtrip(sd_bus_message* message) {
     const char* signature = sd_bus_message_get_signature(message, 1);
-    return Receive(signature, Marshal(message));
+    return receive(signature, marshal(message));
   }
 
  private:
@@ -88,48 +88,48 @@ class OfflineBus {
     }
   }
 
-  static std::uint32_t NumberAt(const std::string& bytes, std::size_t at) {
+  static std::uint32_t numberAt(const std::string& bytes, std::size_t at) {
     std::uint32_t number = 0;
     std::memcpy(&number, bytes.data() + at, sizeof number);
     return number;
   }
-  static std::size_t BodyStart(const std::string& bytes) {
-    return (kFixedHeader + NumberAt(bytes, 12) + 7) / 8 * 8;
+  static std::size_t bodyStart(const std::string& bytes) {
+    return (kFixedHeader + numberAt(bytes, 12) + 7) / 8 * 8;
   }
-  static void PutNumber(std::string& bytes, std::size_t number) {
+  static void putNumber(std::string& bytes, std::size_t number) {
     const auto narrow = static_cast<std::uint32_t>(number);
     bytes.append(reinterpret_cast<const char*>(&narrow), sizeof narrow);
   }
-  static void PutField(std::string& fields, char code, char type, std::string_view value) {
+  static void putField(std::string& fields, char code, char type, std::string_view value) {
     fields.resize((fields.size() + 7) / 8 * 8);
     fields.append({code, 1, type, 0});
     if (type == 'g') {
       fields.push_back(static_cast<char>(value.size()));
     } else {
-      PutNumber(fields, value.size());
+      putNumber(fields, value.size());
     }
     fields.append(value).push_back('\0');
   }
 
-  static std::string Header(std::string_view signature, std::size_t bodySize) {
+  static std::string header(std::string_view signature, std::size_t bodySize) {
     std::string fields;
-    PutField(fields, 1, 'o', "/kova");
-    PutField(fields, 2, 's', "kova.Ipc1");
-    PutField(fields, 3, 's', "Broadcast");
-    PutField(fields, 8, 'g', signature);
+    putField(fields, 1, 'o', "/kova");
+    putField(fields, 2, 's', "kova.Ipc1");
+    putField(fields, 3, 's', "Broadcast");
+    putField(fields, 8, 'g', signature);
     const bool little = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
     constexpr char kSignal = 4;
     constexpr char kVersion = 1;
     std::string header{little ? 'l' : 'B', kSignal, 0, kVersion};
-    PutNumber(header, bodySize);
-    PutNumber(header, 1);
-    PutNumber(header, fields.size());
+    putNumber(header, bodySize);
+    putNumber(header, 1);
+    putNumber(header, fields.size());
     header += fields;
     header.resize((header.size() + 7) / 8 * 8);
     return header;
   }
 
-  void ReadInto(std::string& bytes, std::size_t needed) {
+  void readInto(std::string& bytes, std::size_t needed) {
     std::string chunk(needed - bytes.size(), '\0');
     const ssize_t got = read(peer_, chunk.data(), chunk.size());
     if (got > 0) {
@@ -139,7 +139,7 @@ class OfflineBus {
     }
   }
 
-  void Login() {
+  void login() {
     constexpr std::string_view lines("\0AUTH ANONYMOUS\r\nBEGIN\r\n", 24);
     check(write(peer_, lines.data(), lines.size()) == 24 ? 0 : -EIO);
     while (sd_bus_is_ready(bus_.get()) == 0) {

@@ -15,23 +15,23 @@ messages::BaseRequestMessage numbered(std::uint64_t id) {
 
 TEST(OutQueueTest, ReturnsMessagesInOrderAndOnce) {
   OutQueue queue;
-  queue.Put("a", numbered(1), 10);
-  queue.Put("b", numbered(2), 10);
-  queue.Put("a", numbered(3), 10);
-  auto taken = queue.Take("a");
+  queue.put("a", numbered(1), 10);
+  queue.put("b", numbered(2), 10);
+  queue.put("a", numbered(3), 10);
+  auto taken = queue.take("a");
   ASSERT_EQ(taken.size(), 2U);
   EXPECT_EQ(taken[0].id(), 1U);
   EXPECT_EQ(taken[1].id(), 3U);
-  EXPECT_TRUE(queue.Take("a").empty());
-  EXPECT_EQ(queue.Take("b").size(), 1U);
+  EXPECT_TRUE(queue.take("a").empty());
+  EXPECT_EQ(queue.take("b").size(), 1U);
 }
 
 TEST(OutQueueTest, KeepsNewest256PerDestination) {
   OutQueue queue;
   for (std::uint64_t id = 0; id < 300; ++id) {
-    queue.Put("a", numbered(id), 10);
+    queue.put("a", numbered(id), 10);
   }
-  auto taken = queue.Take("a");
+  auto taken = queue.take("a");
   ASSERT_EQ(taken.size(), 256U);
   EXPECT_EQ(taken.front().id(), 44U);
   EXPECT_EQ(taken.back().id(), 299U);
@@ -43,7 +43,7 @@ TEST(OutQueueTest, DroppedMessagesAreLogged) {
   for (std::uint64_t id = 0; id < 300; ++id) {
     auto message = numbered(id);
     message.functionName("Play" + std::to_string(id));
-    queue.Put("a", message, 10);
+    queue.put("a", message, 10);
   }
   // The logger may first write counts of earlier lines.
   std::erase_if(tests::records, [](const auto& record) { return record.text.ends_with(" times"); });
@@ -60,44 +60,44 @@ TEST(OutQueueTest, DroppedMessagesAreLogged) {
 TEST(OutQueueTest, DropsLongestWaitingOfTooManyDestinations) {
   OutQueue queue;
   for (std::size_t i = 0; i <= OutQueue::kMaxDestinations; ++i) {
-    queue.Put("d" + std::to_string(i), numbered(i), 10);
+    queue.put("d" + std::to_string(i), numbered(i), 10);
   }
-  EXPECT_TRUE(queue.Take("d0").empty());
-  EXPECT_EQ(queue.Take("d1").size(), 1U);
-  EXPECT_EQ(queue.Take("d" + std::to_string(OutQueue::kMaxDestinations)).size(), 1U);
+  EXPECT_TRUE(queue.take("d0").empty());
+  EXPECT_EQ(queue.take("d1").size(), 1U);
+  EXPECT_EQ(queue.take("d" + std::to_string(OutQueue::kMaxDestinations)).size(), 1U);
 }
 
 TEST(OutQueueTest, DropsOldestBeyondByteLimit) {
   OutQueue queue;
   constexpr std::size_t half = OutQueue::kMaxBytes / 2;
-  queue.Put("a", numbered(1), half);
-  queue.Put("b", numbered(2), half);
-  queue.Put("c", numbered(3), 1);
-  EXPECT_TRUE(queue.Take("a").empty());
-  EXPECT_EQ(queue.Take("b").size(), 1U);
-  EXPECT_EQ(queue.Take("c").size(), 1U);
+  queue.put("a", numbered(1), half);
+  queue.put("b", numbered(2), half);
+  queue.put("c", numbered(3), 1);
+  EXPECT_TRUE(queue.take("a").empty());
+  EXPECT_EQ(queue.take("b").size(), 1U);
+  EXPECT_EQ(queue.take("c").size(), 1U);
 }
 
 TEST(OutQueueTest, TakenMessagesFreeSpace) {
   constexpr std::size_t half = OutQueue::kMaxBytes / 2;
   OutQueue queue;
-  queue.Put("a", numbered(1), OutQueue::kMaxBytes);
-  EXPECT_EQ(queue.Take("a").size(), 1U);
-  queue.Put("b", numbered(2), half);
-  queue.Put("c", numbered(3), half);
-  EXPECT_EQ(queue.Take("b").size(), 1U);
-  EXPECT_EQ(queue.Take("c").size(), 1U);
+  queue.put("a", numbered(1), OutQueue::kMaxBytes);
+  EXPECT_EQ(queue.take("a").size(), 1U);
+  queue.put("b", numbered(2), half);
+  queue.put("c", numbered(3), half);
+  EXPECT_EQ(queue.take("b").size(), 1U);
+  EXPECT_EQ(queue.take("c").size(), 1U);
 }
 
 TEST(OutQueueTest, DroppedMessagesFreeSpace) {
   constexpr std::size_t half = OutQueue::kMaxBytes / 2;
   OutQueue queue;
-  queue.Put("a", numbered(1), OutQueue::kMaxBytes);
-  queue.Put("b", numbered(2), half);
-  queue.Put("c", numbered(3), half);
-  EXPECT_TRUE(queue.Take("a").empty());
-  EXPECT_EQ(queue.Take("b").size(), 1U);
-  EXPECT_EQ(queue.Take("c").size(), 1U);
+  queue.put("a", numbered(1), OutQueue::kMaxBytes);
+  queue.put("b", numbered(2), half);
+  queue.put("c", numbered(3), half);
+  EXPECT_TRUE(queue.take("a").empty());
+  EXPECT_EQ(queue.take("b").size(), 1U);
+  EXPECT_EQ(queue.take("c").size(), 1U);
 }
 
 }  // namespace

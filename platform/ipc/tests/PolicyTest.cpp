@@ -28,8 +28,8 @@ std::size_t limitOf(const std::string& config, const std::string& name) {
 
 class Box : public PublishedObject {
  public:
-  PropertyValue Read(std::size_t) const override { return true; }
-  MethodError Call(std::size_t) override { return {}; }
+  PropertyValue read(std::size_t) const override { return true; }
+  MethodError call(std::size_t) override { return {}; }
 };
 
 // Permissions of a second user, inside or outside the group; requires root to become that user.
@@ -40,12 +40,12 @@ class PolicyTest : public ::testing::Test {
       GTEST_SKIP() << "only root can become another user";
     }
     ASSERT_TRUE(ipc_.AddHandler("Tell", &handler_));
-    ASSERT_TRUE(ipc_.objects().Publish({"kova.Box1", {{"Full", "b", true}}, {}}, &box_));
+    ASSERT_TRUE(ipc_.objects().publish({"kova.Box1", {{"Full", "b", true}}, {}}, &box_));
     ASSERT_TRUE(ipc_.Init("test", true, nullptr));
   }
 
   // Runs the other user's part of the test in its own process and returns the name of the error.
-  std::string AsOther(gid_t group, const std::function<int(sd_bus*, sd_bus_error*)>& action) {
+  std::string asOther(gid_t group, const std::function<int(sd_bus*, sd_bus_error*)>& action) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
     const pid_t child = fork();
@@ -56,10 +56,10 @@ class PolicyTest : public ::testing::Test {
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
       ipc_.Service(5);
-      ipc_.objects().Changed(box_, {0});
+      ipc_.objects().changed(box_, {0});
     }
     char name[256] = "";
-    const ssize_t got = read(ends[0], name, sizeof name - 1);
+    const ssize_t got = ::read(ends[0], name, sizeof name - 1);
     close(ends[0]);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0
                ? std::string(name, got > 0 ? static_cast<std::size_t>(got) : 0)
@@ -84,15 +84,15 @@ class PolicyTest : public ::testing::Test {
     return write(result, name.data(), name.size()) >= 0 ? 0 : 3;
   }
 
-  static int Send(sd_bus* bus, sd_bus_error* error) {
+  static int send(sd_bus* bus, sd_bus_error* error) {
     return sd_bus_call_method(bus, "kova.test", kObjectPath, kInterface, kSend, error, nullptr,
                               "a{sv}", 1, "functionName", "s", "Tell");
   }
-  static int Introspect(sd_bus* bus, sd_bus_error* error) {
+  static int introspect(sd_bus* bus, sd_bus_error* error) {
     return sd_bus_call_method(bus, "kova.test", kObjectPath, "org.freedesktop.DBus.Introspectable",
                               "Introspect", error, nullptr, "");
   }
-  static int BroadcastIt(sd_bus* bus, sd_bus_error*) {
+  static int broadcastIt(sd_bus* bus, sd_bus_error*) {
     sd_bus_emit_signal(bus, kObjectPath, kInterface, kBroadcast, "a{sv}", 1, "functionName", "s",
                        "Tell");
     return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -103,7 +103,7 @@ class PolicyTest : public ::testing::Test {
                               "org.freedesktop.DBus.Monitoring", "BecomeMonitor", error, nullptr,
                               "asu", 0, 0U);
   }
-  static auto Own(const char* name) {
+  static auto own(const char* name) {
     return [name](sd_bus* bus, sd_bus_error* error) {
       return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                 "org.freedesktop.DBus", "RequestName", error, nullptr, "su", name,
@@ -112,7 +112,7 @@ class PolicyTest : public ::testing::Test {
   }
 
   // Waits for a change of the object, which changes every few milliseconds.
-  static int Hear(sd_bus* bus, sd_bus_error* error) {
+  static int hear(sd_bus* bus, sd_bus_error* error) {
     bool heard = false;
     const auto note = [](sd_bus_message*, void* flag, sd_bus_error*) {
       *static_cast<bool*>(flag) = true;
@@ -128,16 +128,16 @@ class PolicyTest : public ::testing::Test {
     }
     return heard ? 0 : sd_bus_error_set_const(error, kSilence, "");
   }
-  static int Read(sd_bus* bus, sd_bus_error* error) {
+  static int read(sd_bus* bus, sd_bus_error* error) {
     int full = 0;
     return sd_bus_get_property_trivial(bus, "kova.test", kObjectPath, "kova.Box1", "Full", error,
                                        'b', &full);
   }
-  static int Manage(sd_bus* bus, sd_bus_error* error) {
+  static int manage(sd_bus* bus, sd_bus_error* error) {
     return sd_bus_call_method(bus, "kova.test", kObjectPath, "org.freedesktop.DBus.ObjectManager",
                               "GetManagedObjects", error, nullptr, "");
   }
-  static int Forge(sd_bus* bus, sd_bus_error*) {
+  static int forge(sd_bus* bus, sd_bus_error*) {
     sd_bus_emit_signal(bus, kObjectPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
                        "sa{sv}as", "kova.Forged1", 0, 0);
     return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -162,39 +162,39 @@ TEST(PolicyLimitsTest, DeafPeersOfOneUserDoNotSilenceDaemon) {
 }
 
 TEST_F(PolicyTest, OutsidersCannotSendOwnOrMonitor) {
-  EXPECT_EQ(AsOther(kNoGroup, Send), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, Introspect), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, Own("kova.test2")), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, Own("kova.client.one")), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, Own("other.name")), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, Monitor), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, BroadcastIt), "");
+  EXPECT_EQ(asOther(kNoGroup, send), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, introspect), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, own("kova.test2")), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, own("kova.client.one")), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, own("other.name")), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, Monitor), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, broadcastIt), "");
   // Messages arrive in order.
-  EXPECT_EQ(AsOther(kOtherUser, Send), "");
+  EXPECT_EQ(asOther(kOtherUser, send), "");
   EXPECT_EQ(handler_.requests.size(), 1U);
 }
 
 TEST_F(PolicyTest, MembersSendBroadcastAndOwnClientNames) {
-  EXPECT_EQ(AsOther(kOtherUser, Send), "");
+  EXPECT_EQ(asOther(kOtherUser, send), "");
   EXPECT_EQ(handler_.requests.size(), 1U);
-  EXPECT_EQ(AsOther(kOtherUser, Introspect), "");
-  EXPECT_EQ(AsOther(kOtherUser, Own("kova.client.one")), "");
-  EXPECT_EQ(AsOther(kOtherUser, Own("kova.client")), kDenied);
-  EXPECT_EQ(AsOther(kOtherUser, Own("kova.test2")), kDenied);
-  EXPECT_EQ(AsOther(kOtherUser, Own("kova.clientele")), kDenied);
-  EXPECT_EQ(AsOther(kOtherUser, Monitor), kDenied);
-  EXPECT_EQ(AsOther(kOtherUser, BroadcastIt), "");
-  EXPECT_EQ(AsOther(kOtherUser, Send), "");
+  EXPECT_EQ(asOther(kOtherUser, introspect), "");
+  EXPECT_EQ(asOther(kOtherUser, own("kova.client.one")), "");
+  EXPECT_EQ(asOther(kOtherUser, own("kova.client")), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, own("kova.test2")), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, own("kova.clientele")), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, Monitor), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, broadcastIt), "");
+  EXPECT_EQ(asOther(kOtherUser, send), "");
   EXPECT_EQ(handler_.requests.size(), 3U);
 }
 
 TEST_F(PolicyTest, OnlyMembersReadAndHearObjects) {
-  EXPECT_EQ(AsOther(kNoGroup, Read), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, Manage), kDenied);
-  EXPECT_EQ(AsOther(kNoGroup, Hear), kSilence);
-  EXPECT_EQ(AsOther(kOtherUser, Read), "");
-  EXPECT_EQ(AsOther(kOtherUser, Manage), "");
-  EXPECT_EQ(AsOther(kOtherUser, Hear), "");
+  EXPECT_EQ(asOther(kNoGroup, read), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, manage), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, hear), kSilence);
+  EXPECT_EQ(asOther(kOtherUser, read), "");
+  EXPECT_EQ(asOther(kOtherUser, manage), "");
+  EXPECT_EQ(asOther(kOtherUser, hear), "");
 }
 
 TEST_F(PolicyTest, OnlyDaemonsSignalChanges) {
@@ -208,8 +208,8 @@ TEST_F(PolicyTest, OnlyDaemonsSignalChanges) {
                              "type='signal',member='PropertiesChanged',arg0='kova.Forged1'", note,
                              &heard),
             0);
-  EXPECT_EQ(AsOther(kOtherUser, Forge), "");
-  ASSERT_GE(Forge(watcher.bus(), nullptr), 0);
+  EXPECT_EQ(asOther(kOtherUser, forge), "");
+  ASSERT_GE(forge(watcher.bus(), nullptr), 0);
   while (heard == 0 && watcher.Service()) {
   }
   EXPECT_EQ(heard, 1);

@@ -65,13 +65,13 @@ PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + folder_
   addressBefore_ = before != nullptr ? before : "";
   // Let other users connect, so that the policy decides about them.
   std::filesystem::permissions(folder_.path, std::filesystem::perms{0711});
-  WriteConfig(changes);
-  Start();
+  writeConfig(changes);
+  start();
   setenv(kVariable, address_.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
-  Kill();
+  kill();
   if (addressBefore_.empty()) {
     unsetenv(kVariable);
   } else {
@@ -79,7 +79,7 @@ PrivateBus::~PrivateBus() {
   }
 }
 
-void PrivateBus::WriteConfig(const Changes& changes) const {
+void PrivateBus::writeConfig(const Changes& changes) const {
   std::stringstream shipped;
   shipped << std::ifstream(KOVA_BUS_CONFIG).rdbuf();
   std::string text = shipped.str();
@@ -91,7 +91,7 @@ void PrivateBus::WriteConfig(const Changes& changes) const {
   std::ofstream(folder_.path + "/bus.conf") << text;
 }
 
-void PrivateBus::Start() {
+void PrivateBus::start() {
   int ends[2];
   if (pipe(ends) != 0) {
     throw std::runtime_error("no pipe to a bus");
@@ -105,16 +105,16 @@ void PrivateBus::Start() {
   const bool ready = pid_ > 0 && awaitAddress(ends[0]);
   close(ends[0]);
   if (!ready) {
-    Kill();
+    kill();
     std::stringstream log;
     log << std::ifstream(folder_.path + "/log").rdbuf();
     throw std::runtime_error("the bus does not come up: " + log.str());
   }
 }
 
-void PrivateBus::Kill() {
+void PrivateBus::kill() {
   if (pid_ > 0) {
-    kill(pid_, SIGKILL);
+    ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }

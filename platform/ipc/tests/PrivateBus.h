@@ -23,14 +23,14 @@ class PrivateBus {
   PrivateBus& operator=(const PrivateBus&) = delete;
 
   /// Kills the bus and thereby every connection.
-  void Kill();
+  void kill();
 
   const std::string& address() const { return address_; }
   pid_t pid() const { return pid_; }
 
  private:
-  void WriteConfig(const Changes& changes) const;
-  void Start();
+  void writeConfig(const Changes& changes) const;
+  void start();
 
   /// Removed with its content, even if the bus does not start.
   struct Folder {

@@ -7,17 +7,17 @@ class SendRequestTest : public BusTest {
  protected:
   SendRequestTest() { other_.AddHandler("", &received_); }
 
-  void JoinOther(bool receiveBroadcasts = false) {
+  void joinOther(bool receiveBroadcasts = false) {
     ASSERT_TRUE(other_.Init("other", receiveBroadcasts, nullptr));
     serviced_.push_back(&other_);
   }
-  void JoinBoth(bool receiveBroadcasts = false) {
-    Join(receiveBroadcasts, &ledger_);
-    JoinOther(receiveBroadcasts);
-    ASSERT_TRUE(Until([&] { return ipc_.IsPresent("other"); }));
+  void joinBoth(bool receiveBroadcasts = false) {
+    join(receiveBroadcasts, &ledger_);
+    joinOther(receiveBroadcasts);
+    ASSERT_TRUE(until([&] { return ipc_.isPresent("other"); }));
   }
 
-  static BaseRequestMessage To(const std::string& endpoint, std::uint64_t id = 1) {
+  static BaseRequestMessage to(const std::string& endpoint, std::uint64_t id = 1) {
     BaseRequestMessage request;
     request.functionName("Tell");
     request.to(endpoint);
@@ -25,8 +25,8 @@ class SendRequestTest : public BusTest {
     return request;
   }
 
-  bool UntilReceived(std::size_t count) {
-    return Until([&] { return received_.requests.size() >= count; });
+  bool untilReceived(std::size_t count) {
+    return until([&] { return received_.requests.size() >= count; });
   }
 
   Ledger ledger_{&ipc_};
@@ -35,79 +35,79 @@ class SendRequestTest : public BusTest {
 };
 
 TEST_F(SendRequestTest, MessageArrivesNormalisedWithSender) {
-  JoinBoth();
-  BaseRequestMessage request = To("other");
+  joinBoth();
+  BaseRequestMessage request = to("other");
   EXPECT_TRUE(ipc_.SendRequest(request));
-  ASSERT_TRUE(UntilReceived(1));
+  ASSERT_TRUE(untilReceived(1));
   EXPECT_EQ(request.from(), "test");
   EXPECT_EQ(received_.requests[0], request);
-  EXPECT_NE(received_.requests[0].Find("timeStamp"), nullptr);
+  EXPECT_NE(received_.requests[0].find("timeStamp"), nullptr);
   EXPECT_EQ(ledger_.sent, std::vector<std::uint64_t>{1});
 }
 
 TEST_F(SendRequestTest, GivenSenderIsKept) {
-  JoinBoth();
-  BaseRequestMessage request = To("other");
+  joinBoth();
+  BaseRequestMessage request = to("other");
   request.from("someone");
   EXPECT_TRUE(ipc_.SendRequest(request));
-  ASSERT_TRUE(UntilReceived(1));
+  ASSERT_TRUE(untilReceived(1));
   EXPECT_EQ(received_.requests[0].from(), "someone");
 }
 
 TEST_F(SendRequestTest, InvalidDestinationsAreRefused) {
-  Join();
+  join();
   for (const char* name : {"", ".", "a..b", "a b", "1a", ":1.2", "a/b", "\xff"}) {
-    BaseRequestMessage request = To(name);
+    BaseRequestMessage request = to(name);
     EXPECT_FALSE(ipc_.SendRequest(request)) << name;
   }
 }
 
 TEST_F(SendRequestTest, NothingIsSentBeforeJoining) {
-  BaseRequestMessage request = To("other");
+  BaseRequestMessage request = to("other");
   EXPECT_FALSE(ipc_.SendRequest(request));
-  EXPECT_FALSE(ipc_.IsPresent("other"));
+  EXPECT_FALSE(ipc_.isPresent("other"));
   EXPECT_FALSE(ipc_.Service(0));
 }
 
 TEST_F(SendRequestTest, UnwritableMessageIsRefusedForAnyDestination) {
-  Join();
-  BaseRequestMessage request = To("other");
+  join();
+  BaseRequestMessage request = to("other");
   request["large"] = std::string(wire::kMaxBodySize, 'x');
   EXPECT_FALSE(ipc_.SendRequest(request));
-  JoinOther();
-  ASSERT_TRUE(Until([&] { return ipc_.IsPresent("other"); }));
+  joinOther();
+  ASSERT_TRUE(until([&] { return ipc_.isPresent("other"); }));
   EXPECT_FALSE(ipc_.SendRequest(request));
 }
 
 TEST_F(SendRequestTest, EarlierEndpointsAreKnown) {
-  JoinOther();
-  Join();
-  EXPECT_TRUE(ipc_.IsPresent("other"));
-  EXPECT_FALSE(ipc_.IsPresent("oth"));
-  EXPECT_FALSE(ipc_.IsPresent(""));
+  joinOther();
+  join();
+  EXPECT_TRUE(ipc_.isPresent("other"));
+  EXPECT_FALSE(ipc_.isPresent("oth"));
+  EXPECT_FALSE(ipc_.isPresent(""));
 }
 
 TEST_F(SendRequestTest, AbsentDestinationIsRefusedWithoutQueueing) {
-  Join(false, &ledger_);
-  BaseRequestMessage request = To("other");
+  join(false, &ledger_);
+  BaseRequestMessage request = to("other");
   request.queueIfDestUnavailable(false);
   EXPECT_FALSE(ipc_.SendRequest(request));
-  JoinOther();
-  BaseRequestMessage last = To("other", 2);
+  joinOther();
+  BaseRequestMessage last = to("other", 2);
   ASSERT_TRUE(ipc_.SendRequest(last));
-  ASSERT_TRUE(UntilReceived(1));
+  ASSERT_TRUE(untilReceived(1));
   EXPECT_EQ(received_.requests[0].id(), 2U);
 }
 
 TEST_F(SendRequestTest, Newest256WaitInOrderForAbsentDestination) {
-  Join(false, &ledger_);
+  join(false, &ledger_);
   for (std::uint64_t id = 1; id <= 300; ++id) {
-    BaseRequestMessage request = To("other", id);
+    BaseRequestMessage request = to("other", id);
     ASSERT_TRUE(ipc_.SendRequest(request));
   }
   EXPECT_TRUE(ledger_.sent.empty());
-  JoinOther();
-  ASSERT_TRUE(UntilReceived(256));
+  joinOther();
+  ASSERT_TRUE(untilReceived(256));
   for (std::uint64_t i = 0; i < 256; ++i) {
     ASSERT_EQ(received_.requests[i].id(), 45 + i);
   }
@@ -115,21 +115,21 @@ TEST_F(SendRequestTest, Newest256WaitInOrderForAbsentDestination) {
 }
 
 TEST_F(SendRequestTest, DepartedDestinationIsWaitedForAgain) {
-  Join();
+  join();
   {
     Ipc brief;
     ASSERT_TRUE(brief.Init("brief", false, nullptr));
-    ASSERT_TRUE(Until([&] { return ipc_.IsPresent("brief"); }));
+    ASSERT_TRUE(until([&] { return ipc_.isPresent("brief"); }));
   }
-  ASSERT_TRUE(Until([&] { return !ipc_.IsPresent("brief"); }));
-  BaseRequestMessage request = To("brief");
+  ASSERT_TRUE(until([&] { return !ipc_.isPresent("brief"); }));
+  BaseRequestMessage request = to("brief");
   EXPECT_TRUE(ipc_.SendRequest(request));
   Ipc again;
   Recorder recorder(&again);
   again.AddHandler("Tell", &recorder);
   ASSERT_TRUE(again.Init("brief", false, nullptr));
   serviced_.push_back(&again);
-  EXPECT_TRUE(Until([&] { return !recorder.requests.empty(); }));
+  EXPECT_TRUE(until([&] { return !recorder.requests.empty(); }));
 }
 
 TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
@@ -139,11 +139,11 @@ TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
     return other_.SendResponse(request, response);
   });
   other_.AddHandler("Tell", &answering);
-  JoinBoth();
-  BaseRequestMessage request = To("other", 5);
+  joinBoth();
+  BaseRequestMessage request = to("other", 5);
   request.responseExpected(true);
   ASSERT_TRUE(ipc_.SendRequest(request));
-  ASSERT_TRUE(Until([&] { return !ledger_.responses.empty(); }));
+  ASSERT_TRUE(until([&] { return !ledger_.responses.empty(); }));
   EXPECT_EQ(ledger_.responses[0].first, 5U);
   EXPECT_EQ(ledger_.responses[0].second.statusCode(), 3U);
   EXPECT_EQ(ledger_.responses[0].second.requestId(), 5U);
@@ -151,33 +151,33 @@ TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
 }
 
 TEST_F(SendRequestTest, AcceptedMessageIsAnsweredByEmptyMap) {
-  JoinBoth();
-  BaseRequestMessage request = To("other", 5);
+  joinBoth();
+  BaseRequestMessage request = to("other", 5);
   request.responseExpected(true);
   ASSERT_TRUE(ipc_.SendRequest(request));
-  ASSERT_TRUE(Until([&] { return !ledger_.responses.empty(); }));
+  ASSERT_TRUE(until([&] { return !ledger_.responses.empty(); }));
   EXPECT_EQ(ledger_.responses[0].second.Size(), 0U);
 }
 
 TEST_F(SendRequestTest, ErrorReachesTransactionHandler) {
   CatchAllHandlerRejector rejector(&other_);
   other_.AddHandler("Tell", &rejector);
-  JoinBoth();
-  BaseRequestMessage request = To("other", 6);
+  joinBoth();
+  BaseRequestMessage request = to("other", 6);
   request.responseExpected(true);
   ASSERT_TRUE(ipc_.SendRequest(request));
-  ASSERT_TRUE(Until([&] { return !ledger_.errors.empty(); }));
+  ASSERT_TRUE(until([&] { return !ledger_.errors.empty(); }));
   EXPECT_EQ(ledger_.errors[0], std::pair(std::uint64_t{6}, std::string(kUnknownFunction)));
   EXPECT_TRUE(ledger_.responses.empty());
 }
 
 TEST_F(SendRequestTest, LostBusFailsOpenTransactions) {
-  JoinBoth();
-  BaseRequestMessage request = To("other", 7);
+  joinBoth();
+  BaseRequestMessage request = to("other", 7);
   request.responseExpected(true);
   ASSERT_TRUE(ipc_.SendRequest(request));
-  privateBus_.Kill();
-  ASSERT_TRUE(Until([&] { return !ipc_.Service(0); }));
+  privateBus_.kill();
+  ASSERT_TRUE(until([&] { return !ipc_.Service(0); }));
   ASSERT_EQ(ledger_.errors.size(), 1U);
   EXPECT_EQ(ledger_.errors[0].first, 7U);
 }
@@ -190,27 +190,27 @@ TEST_F(SendRequestTest, BroadcastsReachListenersOtherThanSender) {
   deaf.AddHandler("Tell", &unheard);
   ASSERT_TRUE(deaf.Init("deaf", false, nullptr));
   serviced_.push_back(&deaf);
-  JoinBoth(true);
-  BaseRequestMessage event = To("");
+  joinBoth(true);
+  BaseRequestMessage event = to("");
   event.isBroadcast(true);
   ASSERT_TRUE(ipc_.SendRequest(event));
-  BaseRequestMessage direct = To("deaf", 2);
+  BaseRequestMessage direct = to("deaf", 2);
   ASSERT_TRUE(ipc_.SendRequest(direct));
-  BaseRequestMessage toSelf = To("test", 3);
-  ASSERT_TRUE(Until([&] { return ipc_.IsPresent("test"); }));
+  BaseRequestMessage toSelf = to("test", 3);
+  ASSERT_TRUE(until([&] { return ipc_.isPresent("test"); }));
   ASSERT_TRUE(ipc_.SendRequest(toSelf));
-  ASSERT_TRUE(UntilReceived(1));
-  ASSERT_TRUE(Until([&] { return !unheard.requests.empty() && !own.requests.empty(); }));
+  ASSERT_TRUE(untilReceived(1));
+  ASSERT_TRUE(until([&] { return !unheard.requests.empty() && !own.requests.empty(); }));
   EXPECT_EQ(received_.requests[0], event);
   EXPECT_EQ(unheard.requests[0].id(), 2U);
   EXPECT_EQ(own.requests[0].id(), 3U);
 }
 
 TEST_F(SendRequestTest, UnreadableBroadcastsAreIgnored) {
-  JoinBoth(true);
+  joinBoth(true);
   sd_bus_emit_signal(stranger_.bus(), kObjectPath, kInterface, kBroadcast, "s", "text");
   sd_bus_emit_signal(stranger_.bus(), kObjectPath, kInterface, kBroadcast, "a{sv}", 0);
-  ASSERT_TRUE(UntilReceived(1));
+  ASSERT_TRUE(untilReceived(1));
   EXPECT_EQ(received_.requests.size(), 1U);
 }
 

@@ -25,17 +25,17 @@ class WireTest : public ::testing::Test {
     return map;
   }
 
-  MessagePtr Encoded(const Variant& body) {
-    MessagePtr message = bus_.NewMessage();
+  MessagePtr encoded(const Variant& body) {
+    MessagePtr message = bus_.newMessage();
     if (!encode(body, message.get(), reason_)) {
       return nullptr;
     }
-    return bus_.Roundtrip(message.get());
+    return bus_.roundtrip(message.get());
   }
 
   // The D-Bus type of the marshalled value.
-  std::string WireType(const Variant& value) {
-    const MessagePtr message = Encoded(holding(value));
+  std::string wireType(const Variant& value) {
+    const MessagePtr message = encoded(holding(value));
     const char* key = nullptr;
     char type = 0;
     const char* content = nullptr;
@@ -48,8 +48,8 @@ class WireTest : public ::testing::Test {
     return content;
   }
 
-  Variant BackAndForth(const Variant& value) {
-    const MessagePtr message = Encoded(holding(value));
+  Variant backAndForth(const Variant& value) {
+    const MessagePtr message = encoded(holding(value));
     Variant body;
     EXPECT_TRUE(message != nullptr && decode(message.get(), body, reason_)) << reason_;
     return body["key"];
@@ -58,21 +58,21 @@ class WireTest : public ::testing::Test {
   // The decoded form of an a{sv} with one variant of this type and value.
   template <typename... Value>
   Variant Received(const char* type, Value... value) {
-    MessagePtr message = bus_.NewMessage();
+    MessagePtr message = bus_.newMessage();
     EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, value...), 0);
     Variant body;
-    EXPECT_TRUE(Decoded(message.get(), body)) << reason_;
+    EXPECT_TRUE(decoded(message.get(), body)) << reason_;
     return body["key"];
   }
 
-  bool Decoded(sd_bus_message* message, Variant& body) {
-    const MessagePtr received = bus_.Roundtrip(message);
+  bool decoded(sd_bus_message* message, Variant& body) {
+    const MessagePtr received = bus_.roundtrip(message);
     return received != nullptr && decode(received.get(), body, reason_);
   }
 
   // A body that is {"key": aaa...ay}, with this many arrays around an empty one of numbers.
-  MessagePtr NestedArrays(unsigned levels) {
-    MessagePtr message = bus_.NewMessage();
+  MessagePtr nestedArrays(unsigned levels) {
+    MessagePtr message = bus_.newMessage();
     const std::string type = std::string(levels, 'a') + "i";
     sd_bus_message_open_container(message.get(), 'a', "{sv}");
     sd_bus_message_open_container(message.get(), 'e', "sv");
@@ -101,8 +101,8 @@ std::vector<Pair> everyType() {
   map["inner"] = std::int8_t{1};
   map[""] = Variant();
   Variant array;
-  array.PushToArray("one");
-  array.PushToArray(map);
+  array.pushToArray("one");
+  array.pushToArray(map);
   return {
       {Variant(), "g"},
       {true, "b"},
@@ -134,29 +134,29 @@ std::vector<Pair> everyType() {
 
 TEST_F(WireTest, EveryVariantSurvivesRoundTrip) {
   for (const auto& [value, type] : everyType()) {
-    SCOPED_TRACE(holding(value).ToJSON());
-    EXPECT_EQ(WireType(value), type);
-    const Variant back = BackAndForth(value);
-    EXPECT_EQ(back.Type(), value.Type());
+    SCOPED_TRACE(holding(value).toJson());
+    EXPECT_EQ(wireType(value), type);
+    const Variant back = backAndForth(value);
+    EXPECT_EQ(back.type(), value.type());
     EXPECT_EQ(back, value);
   }
 }
 
 TEST_F(WireTest, NanSurvivesRoundTrip) {
-  const Variant back = BackAndForth(std::nan(""));
-  EXPECT_EQ(back.Type(), VariantType::Double);
-  EXPECT_TRUE(std::isnan(back.ToNumber<double>()));
+  const Variant back = backAndForth(std::nan(""));
+  EXPECT_EQ(back.type(), VariantType::Double);
+  EXPECT_TRUE(std::isnan(back.toNumber<double>()));
 }
 
 TEST_F(WireTest, MeasuredSizeEqualsMarshalledSize) {
   Variant everything;
   for (const auto& [value, type] : everyType()) {
     everything[std::to_string(everything.Size())] = value;
-    MessagePtr message = bus_.NewMessage();
+    MessagePtr message = bus_.newMessage();
     std::size_t size = 0;
     ASSERT_TRUE(measure(everything, size, reason_));
     ASSERT_TRUE(encode(everything, message.get(), reason_));
-    EXPECT_EQ(bus_.Marshal(message.get()).size(), size) << type;
+    EXPECT_EQ(bus_.marshal(message.get()).size(), size) << type;
   }
 }
 
@@ -187,24 +187,24 @@ TEST_F(WireTest, NestedVariantsAreUnwrapped) {
 }
 
 TEST_F(WireTest, StringKeyedDictionaryBecomesMapWithLastOfEqualKeys) {
-  MessagePtr message = bus_.NewMessage();
+  MessagePtr message = bus_.newMessage();
   sd_bus_message_append(message.get(), "a{ss}", 3, "a", "1", "b", "2", "a", "3");
   Variant body;
-  ASSERT_TRUE(Decoded(message.get(), body)) << reason_;
+  ASSERT_TRUE(decoded(message.get(), body)) << reason_;
   EXPECT_EQ(body, Variant(Variant::Map{{"a", "3"}, {"b", "2"}}));
 
-  message = bus_.NewMessage();
+  message = bus_.newMessage();
   sd_bus_message_append(message.get(), "a{sa{sv}}", 1, "a", 1, "b", "n", 5);
-  ASSERT_TRUE(Decoded(message.get(), body)) << reason_;
+  ASSERT_TRUE(decoded(message.get(), body)) << reason_;
   EXPECT_EQ(body["a"]["b"], Variant(std::int8_t{5}));
 }
 
 TEST_F(WireTest, BodiesOtherThanOneStringKeyedMapAreRefused) {
   const auto refused = [&](const char* types, auto... values) {
-    const MessagePtr message = bus_.NewMessage();
+    const MessagePtr message = bus_.newMessage();
     EXPECT_GE(sd_bus_message_append(message.get(), types, values...), 0);
     Variant body;
-    EXPECT_FALSE(Decoded(message.get(), body)) << types;
+    EXPECT_FALSE(decoded(message.get(), body)) << types;
     EXPECT_FALSE(reason_.empty());
   };
   refused("");
@@ -220,10 +220,10 @@ TEST_F(WireTest, BodiesOtherThanOneStringKeyedMapAreRefused) {
 
 TEST_F(WireTest, UnsupportedTypesAreRefused) {
   const auto refused = [&](const char* type, auto... values) {
-    const MessagePtr message = bus_.NewMessage();
+    const MessagePtr message = bus_.newMessage();
     EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, values...), 0);
     Variant body;
-    EXPECT_FALSE(Decoded(message.get(), body)) << type;
+    EXPECT_FALSE(decoded(message.get(), body)) << type;
   };
   refused("(s)", "text");
   refused("(xxx)", std::int64_t{}, std::int64_t{}, std::int64_t{});
@@ -235,7 +235,7 @@ TEST_F(WireTest, UnsupportedTypesAreRefused) {
 TEST_F(WireTest, MalformedBodiesAreRefused) {
   const std::string empty(8, '\0');
   Variant body;
-  MessagePtr message = bus_.Receive("a{ss}", empty);
+  MessagePtr message = bus_.receive("a{ss}", empty);
   ASSERT_NE(message, nullptr);
   EXPECT_TRUE(decode(message.get(), body, reason_));
 
@@ -243,15 +243,15 @@ TEST_F(WireTest, MalformedBodiesAreRefused) {
   const std::string lengthBeyondTheEnd("\xff\xff\0\0\0\0\0\0", 8);
   const std::string truncatedLength("\0\0", 2);
   for (const std::string& bytes : {invalidKey, lengthBeyondTheEnd, truncatedLength}) {
-    message = bus_.Receive("a{ss}", bytes);
+    message = bus_.receive("a{ss}", bytes);
     EXPECT_TRUE(message == nullptr || !decode(message.get(), body, reason_)) << bytes.size();
   }
 }
 
 TEST_F(WireTest, ThirtyTwoLevelsAreReadAndMoreRefused) {
   Variant body;
-  EXPECT_TRUE(Decoded(NestedArrays(31).get(), body)) << reason_;
-  EXPECT_FALSE(Decoded(NestedArrays(32).get(), body));
+  EXPECT_TRUE(decoded(nestedArrays(31).get(), body)) << reason_;
+  EXPECT_FALSE(decoded(nestedArrays(32).get(), body));
   EXPECT_EQ(reason_, "the body is nested too deeply");
 }
 
@@ -259,11 +259,11 @@ TEST_F(WireTest, OneMebibyteIsReadAndMoreRefused) {
   constexpr std::size_t overhead = 8 + (4 + 4) + 3 + 1 + (4 + 1);  // of {"key": text}
   Variant body;
   for (const std::size_t length : {kMaxBodySize - overhead, kMaxBodySize - overhead + 1}) {
-    const MessagePtr message = bus_.NewMessage();
+    const MessagePtr message = bus_.newMessage();
     const std::string text(length, 'x');
     sd_bus_message_append(message.get(), "a{sv}", 1, "key", "s", text.c_str());
     const bool fits = length == kMaxBodySize - overhead;
-    EXPECT_EQ(Decoded(message.get(), body), fits) << reason_;
+    EXPECT_EQ(decoded(message.get(), body), fits) << reason_;
     std::size_t size = 0;
     EXPECT_EQ(measure(holding(text), size, reason_), fits);
     EXPECT_TRUE(!fits || size == kMaxBodySize) << size;
@@ -276,28 +276,28 @@ TEST_F(WireTest, TenThousandKeysAreRead) {
   for (int i = 0; i < 10'000; ++i) {
     body["key" + std::to_string(i)] = i;
   }
-  const MessagePtr message = Encoded(body);
+  const MessagePtr message = encoded(body);
   Variant back;
   ASSERT_TRUE(message != nullptr && decode(message.get(), back, reason_)) << reason_;
   EXPECT_EQ(back, body);
 }
 
 TEST_F(WireTest, ContentThatBusRejectsIsNotWritten) {
-  EXPECT_NE(Encoded(inMaps(21, "leaf")), nullptr) << reason_;
-  EXPECT_EQ(Encoded(inMaps(22, "leaf")), nullptr);
+  EXPECT_NE(encoded(inMaps(21, "leaf")), nullptr) << reason_;
+  EXPECT_EQ(encoded(inMaps(22, "leaf")), nullptr);
   EXPECT_EQ(reason_, "the message is nested too deeply");
-  EXPECT_NE(Encoded(inMaps(2, inArrays(29, "leaf"))), nullptr) << reason_;
-  EXPECT_EQ(Encoded(inMaps(2, inArrays(29, timeval{1, 2}))), nullptr);
+  EXPECT_NE(encoded(inMaps(2, inArrays(29, "leaf"))), nullptr) << reason_;
+  EXPECT_EQ(encoded(inMaps(2, inArrays(29, timeval{1, 2}))), nullptr);
 
   Variant invalidKey;
   invalidKey["\xff"] = 1;
-  EXPECT_EQ(Encoded(invalidKey), nullptr);
+  EXPECT_EQ(encoded(invalidKey), nullptr);
   EXPECT_EQ(reason_, "a key is not valid UTF-8");
-  EXPECT_EQ(Encoded(holding(std::string(kMaxBodySize, 'x'))), nullptr);
+  EXPECT_EQ(encoded(holding(std::string(kMaxBodySize, 'x'))), nullptr);
 }
 
 TEST_F(WireTest, NonMapIsSentAsEmptyMap) {
-  const MessagePtr message = Encoded("text");
+  const MessagePtr message = encoded("text");
   Variant body;
   ASSERT_TRUE(message != nullptr && decode(message.get(), body, reason_));
   EXPECT_EQ(body, Variant(Variant::Map{}));

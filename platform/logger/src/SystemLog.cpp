@@ -99,7 +99,7 @@ class Connection {
     std::memcpy(address.sun_path, kSocket, sizeof kSocket);
     utils::UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd ||
-        ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
+        ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
       return false;
     }
     fd_ = std::move(fd);
@@ -114,7 +114,7 @@ class Connection {
       outcome = tryPut(record);
     }
     if (outcome == Outcome::Lost) {
-      fd_.Reset();
+      fd_.reset();
     }
     return outcome == Outcome::Taken;
   }
@@ -122,7 +122,7 @@ class Connection {
   /// A record that a stream accepts only in part is lost along with the connection.
   Outcome tryPut(const std::string& record) const {
     const std::size_t size = record.size() + (type_ == SOCK_STREAM ? 1 : 0);  // with its final NUL
-    const ssize_t sent = ::send(fd_.Get(), record.c_str(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t sent = ::send(fd_.get(), record.c_str(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent == static_cast<ssize_t>(size)) {
       return Outcome::Taken;
     }
@@ -135,7 +135,7 @@ class Connection {
       budgetBegin_ = begin;
       budgetMs_ = kBudgetMs;
     }
-    pollfd room{fd_.Get(), POLLOUT, 0};
+    pollfd room{fd_.get(), POLLOUT, 0};
     const bool found = budgetMs_ > 0 && poll(&room, 1, static_cast<int>(budgetMs_)) > 0;
     budgetMs_ -= std::min(budgetMs_, utils::nowMs() - begin);
     return found;

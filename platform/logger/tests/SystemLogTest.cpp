@@ -64,21 +64,21 @@ class Syslogd {
     own.sun_family = AF_UNIX;
     std::strncpy(own.sun_path, socketPath.c_str(), sizeof own.sun_path - 1);
     unlink(own.sun_path);
-    EXPECT_EQ(bind(fd_.Get(), reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
+    EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
     if (type == SOCK_STREAM) {
-      EXPECT_EQ(listen(fd_.Get(), 5), 0);
+      EXPECT_EQ(listen(fd_.get(), 5), 0);
     }
   }
 
   /// Reads the pending records.
   std::vector<std::string> read() {
     if (type_ == SOCK_STREAM && !peer_) {
-      peer_ = utils::UniqueFd(accept4(fd_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+      peer_ = utils::UniqueFd(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
     std::vector<std::string> records;
     std::array<char, 65536> buffer;
     ssize_t got = 0;
-    const int fd = type_ == SOCK_STREAM ? peer_.Get() : fd_.Get();
+    const int fd = type_ == SOCK_STREAM ? peer_.get() : fd_.get();
     while ((got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT)) > 0) {
       records.emplace_back(buffer.data(), static_cast<std::size_t>(got));
     }

@@ -21,75 +21,75 @@ std::uint64_t freshMessageId() {
   return (nanoseconds & 0xFFFFFFFFFFFFU) | (process << 48U);
 }
 
-const Variant* BaseMessage::Valid(std::string_view key, VariantClass mask) {
-  EnsureMap();
-  const Variant* value = Find(key);
-  return value != nullptr && value->Is(mask) ? value : nullptr;
+const Variant* BaseMessage::valid(std::string_view key, VariantClass mask) {
+  ensureMap();
+  const Variant* value = find(key);
+  return value != nullptr && value->is(mask) ? value : nullptr;
 }
 
-void BaseMessage::Store(std::string_view key, Variant value) {
-  EnsureMap();
+void BaseMessage::store(std::string_view key, Variant value) {
+  ensureMap();
   (*this)[key] = std::move(value);
 }
 
-bool BaseMessage::Read(const Flag& field) {
-  const Variant* value = Valid(field.key, VariantClass::Boolean);
-  const bool flag = value != nullptr ? value->ToBool() : field.fallback;
-  Store(field.key, flag);
+bool BaseMessage::read(const Flag& field) {
+  const Variant* value = valid(field.key, VariantClass::Boolean);
+  const bool flag = value != nullptr ? value->toBool() : field.fallback;
+  store(field.key, flag);
   return flag;
 }
 
-std::uint64_t BaseMessage::Read(const MessageId& field) {
-  const Variant* value = Valid(field.key, VariantClass::Number);
-  const std::uint64_t id = value != nullptr ? value->ToNumber<std::uint64_t>() : freshMessageId();
-  Store(field.key, id);
+std::uint64_t BaseMessage::read(const MessageId& field) {
+  const Variant* value = valid(field.key, VariantClass::Number);
+  const std::uint64_t id = value != nullptr ? value->toNumber<std::uint64_t>() : freshMessageId();
+  store(field.key, id);
   return id;
 }
 
-std::string BaseMessage::Read(const Text& field) {
-  if (const Variant* value = Valid(field.key, VariantClass::String)) {
-    return value->ToText();
+std::string BaseMessage::read(const Text& field) {
+  if (const Variant* value = valid(field.key, VariantClass::String)) {
+    return value->toText();
   }
-  Store(field.key, field.fallback);
+  store(field.key, field.fallback);
   return std::string(field.fallback);
 }
 
-std::string BaseMessage::Read(const Forced& field) {  // kept: 26
-  return ReadChoice(field.key, field.value, {&field.value, 1});
+std::string BaseMessage::read(const Forced& field) {  // kept: 26
+  return readChoice(field.key, field.value, {&field.value, 1});
 }
 
-timeval BaseMessage::Read(const Timestamp& field) {
-  if (const Variant* value = Valid(field.key, VariantClass::Time)) {
-    return value->ToTime();
+timeval BaseMessage::read(const Timestamp& field) {
+  if (const Variant* value = valid(field.key, VariantClass::Time)) {
+    return value->toTime();
   }
   const timeval time = utils::now();
-  Store(field.key, time);
+  store(field.key, time);
   return time;
 }
 
-Variant BaseMessage::Read(const Container& field) {
-  if (const Variant* value = Valid(field.key, VariantClass::Container)) {
+Variant BaseMessage::read(const Container& field) {
+  if (const Variant* value = valid(field.key, VariantClass::Container)) {
     return *value;
   }
-  Store(field.key, Variant());
+  store(field.key, Variant());
   return {};
 }
 
-Variant BaseMessage::Read(const Anything& field) {
-  EnsureMap();
+Variant BaseMessage::read(const Anything& field) {
+  ensureMap();
   return (*this)[field.key];
 }
 
-std::string BaseMessage::ReadChoice(std::string_view key, std::string_view fallback,
+std::string BaseMessage::readChoice(std::string_view key, std::string_view fallback,
                                     Allowed allowed) {
-  const Variant* value = Valid(key, VariantClass::String);
-  std::string text(value != nullptr ? Canonical(value->ToText(), allowed)
-                                    : Canonical(std::string(fallback), allowed));
-  Store(key, text);
+  const Variant* value = valid(key, VariantClass::String);
+  std::string text(value != nullptr ? canonical(value->toText(), allowed)
+                                    : canonical(std::string(fallback), allowed));
+  store(key, text);
   return text;
 }
 
-std::string_view BaseMessage::Canonical(const std::string& value, Allowed allowed) {
+std::string_view BaseMessage::canonical(const std::string& value, Allowed allowed) {
   for (std::size_t i = 0; i < allowed.count; ++i) {
     const std::string_view entry = allowed.first[i];
     if (entry.size() == value.size() &&
@@ -101,17 +101,17 @@ std::string_view BaseMessage::Canonical(const std::string& value, Allowed allowe
 }
 
 void BaseMessage::NormalizeFields() {
-  NormalizeSchema(kSchema);
+  normalizeSchema(kSchema);
   BaseVariantContainer::NormalizeFields();
 }
 
 void BaseRequestMessage::NormalizeFields() {
-  NormalizeSchema(kSchema);
+  normalizeSchema(kSchema);
   BaseMessage::NormalizeFields();
 }
 
 void BaseResponseMessage::NormalizeFields() {
-  NormalizeSchema(kSchema);
+  normalizeSchema(kSchema);
   BaseMessage::NormalizeFields();
 }
 

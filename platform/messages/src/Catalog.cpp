@@ -40,8 +40,8 @@ FieldDescription describe(const Text& field) {
   return {std::string(field.key), "string", quoted(field.fallback), {}, ""};
 }
 
-template <std::size_t N>
-FieldDescription describe(const Choice<N>& field) {
+template <std::size_t kCount>
+FieldDescription describe(const Choice<kCount>& field) {
   return {std::string(field.key), "string", quoted(field.fallback),
           std::vector<std::string>(field.allowed.begin(), field.allowed.end()), ""};
 }

@@ -27,7 +27,7 @@ TEST(Catalog, DescribesFieldsThatNormalisationGives) {
     auto message = description.make(Variant());
     message->NormalizeFields();
     for (const auto& field : description.fields) {
-      EXPECT_NE(message->Find(field.key), nullptr) << description.name << "." << field.key;
+      EXPECT_NE(message->find(field.key), nullptr) << description.name << "." << field.key;
     }
   }
 }
@@ -39,7 +39,7 @@ TEST(Catalog, EveryClassForcesItsFunctionName) {
     for (const Variant& sent : {Variant("Other"), Variant("Reboot"), Variant(lower), Variant(3)}) {
       auto message = description.make(Variant(Variant::Map{{"functionName", sent}}));
       message->NormalizeFields();
-      EXPECT_EQ(*message->Find("functionName"), Variant(description.name));
+      EXPECT_EQ(*message->find("functionName"), Variant(description.name));
     }
   }
 }

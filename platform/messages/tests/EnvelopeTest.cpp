@@ -24,8 +24,8 @@ TEST(Envelope, EmptyRequestReceivesEveryDefault) {
   BaseRequestMessage message;
   message.NormalizeFields();
   EXPECT_EQ(message.Size(), 9U);
-  EXPECT_EQ(message["id"].Type(), VariantType::UInt64);
-  EXPECT_EQ(message["timeStamp"].Type(), VariantType::Time);
+  EXPECT_EQ(message["id"].type(), VariantType::UInt64);
+  EXPECT_EQ(message["timeStamp"].type(), VariantType::Time);
   EXPECT_EQ(message["from"], Variant(""));
   EXPECT_EQ(message["to"], Variant(""));
   EXPECT_EQ(message["functionName"], Variant(""));
@@ -42,14 +42,14 @@ TEST(Envelope, EmptyResponseReceivesEveryDefault) {
   EXPECT_EQ(message["functionName"], Variant("__response__"));
   EXPECT_EQ(message["requestId"], Variant(std::uint64_t{0}));
   EXPECT_EQ(message["statusCode"], Variant(std::uint64_t{0}));
-  EXPECT_TRUE(message["payload"].IsEmpty());
+  EXPECT_TRUE(message["payload"].isEmpty());
 }
 
 TEST(Envelope, NonContainerAtTopLevelIsDiscarded) {
   for (const Variant& content : {Variant(), Variant(7), Variant("text"), Variant(true)}) {
     BaseRequestMessage message(content);
     message.NormalizeFields();
-    EXPECT_TRUE(message.IsMap());
+    EXPECT_TRUE(message.isMap());
     EXPECT_EQ(message.Size(), 9U);
   }
 }
@@ -57,7 +57,7 @@ TEST(Envelope, NonContainerAtTopLevelIsDiscarded) {
 TEST(Envelope, ArrayAtTopLevelKeepsItsElements) {
   BaseRequestMessage message(Variant(Variant::Array{"first"}));
   message.NormalizeFields();
-  EXPECT_TRUE(message.IsMap());
+  EXPECT_TRUE(message.isMap());
   EXPECT_EQ(message.Size(), 10U);
   EXPECT_EQ(message["0"], Variant("first"));
 }
@@ -137,7 +137,7 @@ TEST(Envelope, NonNumericIdIsReplacedByFreshOne) {
   BaseResponseMessage message(Variant(Variant::Map{{"id", "12"}}));
   message.NormalizeFields();
   EXPECT_EQ(message.id() >> 48U, static_cast<std::uint64_t>(getpid()) & 0xFFFFU);
-  EXPECT_EQ(message["id"].Type(), VariantType::UInt64);
+  EXPECT_EQ(message["id"].type(), VariantType::UInt64);
 }
 
 TEST(Envelope, IdsOfOneProcessDiffer) {
@@ -160,7 +160,7 @@ TEST(Envelope, AccessorTurnsNonContainerIntoMap) {
     GetRequest message(content);
     EXPECT_EQ(message.timeoutMs(), 0U);
     EXPECT_EQ(static_cast<const Variant&>(message), Variant(Variant::Map{{"timeoutMs", 0U}}));
-    EXPECT_TRUE(BaseResponseMessage(content).payload().IsEmpty());
+    EXPECT_TRUE(BaseResponseMessage(content).payload().isEmpty());
   }
 }
 

@@ -24,8 +24,8 @@ void expectDefaults(const Map& defaults) {
   auto message = normalized<Message>();
   EXPECT_EQ(message["functionName"], Variant(Message::kName));
   for (const auto& [key, value] : defaults) {
-    ASSERT_NE(message.Find(key), nullptr) << Message::kName << "." << key;
-    EXPECT_EQ(*message.Find(key), value) << Message::kName << "." << key;
+    ASSERT_NE(message.find(key), nullptr) << Message::kName << "." << key;
+    EXPECT_EQ(*message.find(key), value) << Message::kName << "." << key;
   }
   // Six keys of the message envelope and three of the request envelope, of which responseExpected
   // is in `defaults` too.
@@ -131,7 +131,7 @@ TEST(Requests, TimelapseMinutesBeyondTheirWidthAreClamped) {
   for (const auto& [sent, stored] : cases) {
     EXPECT_EQ(normalized<ChangeDeviceSettings>({{"timelapseminutes", sent}}).timelapseminutes(),
               stored)
-        << sent.ToNumber<double>();
+        << sent.toNumber<double>();
   }
 }
 
@@ -179,7 +179,7 @@ TEST(Requests, FormFieldsMayBeAnyContainer) {
   EXPECT_EQ(normalized<GetRequest>({{"formFields", fields}}).formFields(), Variant(fields));
   EXPECT_EQ(normalized<GetRequest>({{"formFields", Variant::Array{1}}}).formFields(),
             Variant(Variant::Array{1}));
-  EXPECT_TRUE(normalized<GetRequest>({{"formFields", "a=b"}}).formFields().IsEmpty());
+  EXPECT_TRUE(normalized<GetRequest>({{"formFields", "a=b"}}).formFields().isEmpty());
 }
 
 TEST(Requests, AccessorRepairsItsFieldWithoutNormalisation) {

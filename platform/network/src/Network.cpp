@@ -84,12 +84,12 @@ std::string defaultInterface(std::string_view ipv4Routes, std::string_view ipv6R
 }
 
 std::string guessDefaultInterface() {
-  static utils::ProcFile ipv4("/proc/net/route", utils::ProcFile::Form::kRecords);
-  static utils::ProcFile ipv6("/proc/net/ipv6_route", utils::ProcFile::Form::kRecords);
+  static utils::ProcFile ipv4("/proc/net/route", utils::ProcFile::Form::Records);
+  static utils::ProcFile ipv6("/proc/net/ipv6_route", utils::ProcFile::Form::Records);
   std::string_view ipv4Routes;
   std::string_view ipv6Routes;
-  ipv4.Read(ipv4Routes);
-  ipv6.Read(ipv6Routes);
+  ipv4.read(ipv4Routes);
+  ipv6.read(ipv6Routes);
   return defaultInterface(ipv4Routes, ipv6Routes);
 }
 

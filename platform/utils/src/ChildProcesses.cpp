@@ -43,7 +43,7 @@ pid_t toNumber(std::string_view text) {
 pid_t parentOf(int folder) {
   std::array<char, 512> text;
   const UniqueFd fd(openat(folder, "stat", O_RDONLY | O_CLOEXEC));
-  const ssize_t got = fd ? read(fd.Get(), text.data(), text.size()) : 0;
+  const ssize_t got = fd ? read(fd.get(), text.data(), text.size()) : 0;
   if (got <= 0) return 0;
   const std::string_view line(text.data(), static_cast<std::size_t>(got));
   const std::size_t name = line.rfind(") ");
@@ -57,7 +57,7 @@ void killIfChild(int processes, const char* name) {
   const pid_t pid = toNumber(name);
   if (pid <= 0) return;
   const UniqueFd folder(openat(processes, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder || parentOf(folder.Get()) != getpid()) return;
+  if (!folder || parentOf(folder.get()) != getpid()) return;
   kill(-pid, SIGKILL);
   kill(pid, SIGKILL);
 }
@@ -67,11 +67,11 @@ void killOnce() {
   const UniqueFd processes(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   long got = 0;
   while (processes &&
-         (got = syscall(SYS_getdents64, processes.Get(), entries.data(), entries.size())) > 0) {
+         (got = syscall(SYS_getdents64, processes.get(), entries.data(), entries.size())) > 0) {
     for (std::size_t at = 0; at < static_cast<std::size_t>(got);) {
       std::uint16_t length = 0;
       std::memcpy(&length, &entries[at + kLengthAt], sizeof length);
-      killIfChild(processes.Get(), &entries[at + kNameAt]);
+      killIfChild(processes.get(), &entries[at + kNameAt]);
       at += length;
     }
   }

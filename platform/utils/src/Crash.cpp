@@ -56,9 +56,9 @@ std::uintptr_t programCounter(const mcontext_t& machine) {
 /// The report's file. An existing file is from an earlier process with the same id.
 int createReport() {
   CrashText<1100> path;
-  path.Append(settings.folder.View()).Append("/kova_crash.").AppendNumber(getpid());
-  unlink(path.Text());
-  return open(path.Text(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  path.append(settings.folder.view()).append("/kova_crash.").appendNumber(getpid());
+  unlink(path.text());
+  return open(path.text(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
 }
 
 /// A socket to the system log; the time-out bounds the wait for a logger that hangs.
@@ -74,16 +74,16 @@ class Sink {
  public:
   Sink() : file_(createReport()), log_(connectToLog()) {}
 
-  void Line(std::string_view line) {
+  void line(std::string_view line) {
     CrashText<1024> text;
-    text.Append(line).Append("\n");
-    if (write(file_, text.Text(), text.View().size()) < 0) file_ = -1;
+    text.append(line).append("\n");
+    if (write(file_, text.text(), text.view().size()) < 0) file_ = -1;
 
     CrashText<1200> record;
-    record.Append("<").AppendNumber(LOG_USER | LOG_CRIT).Append(">");
-    record.Append(program_invocation_short_name).Append("[").AppendNumber(getpid()).Append("]: ");
-    record.Append(line);
-    if (sendto(log_, record.Text(), record.View().size(), MSG_NOSIGNAL,
+    record.append("<").appendNumber(LOG_USER | LOG_CRIT).append(">");
+    record.append(program_invocation_short_name).append("[").appendNumber(getpid()).append("]: ");
+    record.append(line);
+    if (sendto(log_, record.text(), record.view().size(), MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&settings.log), sizeof settings.log) < 0) {
       log_ = -1;
     }
@@ -111,7 +111,7 @@ void reportBacktrace(Sink& sink) {
   close(ends[0]);
   for (std::string_view rest(text.data(), filled); !rest.empty();) {
     const std::size_t end = std::min(rest.find('\n'), rest.size());
-    sink.Line(rest.substr(0, end));
+    sink.line(rest.substr(0, end));
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
 }
@@ -135,14 +135,14 @@ bool hasFaultAddress(const siginfo_t& info) {
 
 void reportHeadline(Sink& sink, const siginfo_t& info, const ucontext_t& context) {
   CrashText<256> headline;
-  headline.Append("Crashed by signal ").AppendNumber(static_cast<unsigned>(info.si_signo));
-  headline.Append(" (").Append(sigdescr_np(info.si_signo)).Append(")");
-  headline.Append(", program counter 0x").AppendHex(programCounter(context.uc_mcontext));
+  headline.append("Crashed by signal ").appendNumber(static_cast<unsigned>(info.si_signo));
+  headline.append(" (").append(sigdescr_np(info.si_signo)).append(")");
+  headline.append(", program counter 0x").appendHex(programCounter(context.uc_mcontext));
   if (hasFaultAddress(info)) {
-    headline.Append(", fault address 0x");
-    headline.AppendHex(reinterpret_cast<std::uintptr_t>(info.si_addr));
+    headline.append(", fault address 0x");
+    headline.appendHex(reinterpret_cast<std::uintptr_t>(info.si_addr));
   }
-  sink.Line(headline.View());
+  sink.line(headline.view());
 }
 
 /// The signal raised at the end takes its default action once this handler has returned.
@@ -177,10 +177,10 @@ bool handle(int number) {
 
 bool installCrashDumpHandler(const char* folder, const char* logSocket) {
   settings = Settings{};
-  settings.folder.Append(folder);
+  settings.folder.append(folder);
   settings.log.sun_family = AF_UNIX;
   const std::size_t socketLength = std::strlen(logSocket);
-  if (settings.folder.View() != folder || socketLength >= sizeof settings.log.sun_path) {
+  if (settings.folder.view() != folder || socketLength >= sizeof settings.log.sun_path) {
     return false;
   }
   std::memcpy(settings.log.sun_path, logSocket, socketLength);

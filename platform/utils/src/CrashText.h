@@ -12,28 +12,28 @@ namespace kova::utils {
 template <std::size_t kSize>
 class CrashText {
  public:
-  CrashText& Append(std::string_view more) {
+  CrashText& append(std::string_view more) {
     const std::size_t room = std::min(more.size(), kSize - 1 - length_);
     std::copy_n(more.begin(), room, text_.begin() + static_cast<std::ptrdiff_t>(length_));
     length_ += room;
     text_[length_] = '\0';
     return *this;
   }
-  CrashText& AppendNumber(std::uint64_t number) { return AppendDigits(number, 10); }
-  CrashText& AppendHex(std::uint64_t number) { return AppendDigits(number, 16); }
+  CrashText& appendNumber(std::uint64_t number) { return appendDigits(number, 10); }
+  CrashText& appendHex(std::uint64_t number) { return appendDigits(number, 16); }
 
-  const char* Text() const { return text_.data(); }
-  std::string_view View() const { return {text_.data(), length_}; }
+  const char* text() const { return text_.data(); }
+  std::string_view view() const { return {text_.data(), length_}; }
 
  private:
-  CrashText& AppendDigits(std::uint64_t number, unsigned base) {
+  CrashText& appendDigits(std::uint64_t number, unsigned base) {
     std::array<char, 20> digits;
     std::size_t first = digits.size();
     do {
       digits[--first] = "0123456789abcdef"[number % base];
       number /= base;
     } while (number != 0);
-    return Append({digits.data() + first, digits.size() - first});
+    return append({digits.data() + first, digits.size() - first});
   }
 
   std::array<char, kSize> text_{};

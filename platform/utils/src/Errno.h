@@ -12,7 +12,7 @@ class ErrnoGuard {
   ErrnoGuard(const ErrnoGuard&) = delete;
   ErrnoGuard& operator=(const ErrnoGuard&) = delete;
 
-  void Set(int error) { value_ = error; }
+  void set(int error) { value_ = error; }
 
  private:
   int value_ = errno;

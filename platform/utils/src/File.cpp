@@ -77,10 +77,10 @@ int openFlags(FILE_OPEN_MODE mode) {
 }  // namespace
 
 File::~File() {
-  Abandon();
+  abandon();
 }
 
-void File::Abandon() {
+void File::abandon() {
   const ErrnoGuard reason;
   if (fd_ >= 0) {
     close(fd_);
@@ -96,30 +96,30 @@ void File::Abandon() {
 }
 
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode, unsigned flags) {
-  Abandon();
+  abandon();
   const int access = openFlags(mode);
   const bool atomic = flags == FILE_REPLACE_ATOMICALLY;
   if (access < 0 || path.empty() || path.find('\0') != std::string::npos ||
       (flags != 0 && !(atomic && mode == FILE_OPEN_MODE_TRUNCATE))) {
     return failWith(path.empty() ? ENOENT : EINVAL);
   }
-  const bool opened = atomic ? OpenReplacement(path) : OpenInPlace(path, access);
+  const bool opened = atomic ? openReplacement(path) : openInPlace(path, access);
   if (!opened) {
-    Abandon();
+    abandon();
   }
   return opened;
 }
 
-bool File::OpenInPlace(const std::string& path, int flags) {
+bool File::openInPlace(const std::string& path, int flags) {
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;
   const internal::Folder folder(path);
-  if (!folder.IsOpen()) {
+  if (!folder.isOpen()) {
     return false;
   }
-  const bool guarded = writes || folder.IsShared();
+  const bool guarded = writes || folder.isShared();
   // Opening a pipe would otherwise block until its other end is opened.
   fd_ =
-      openat(folder.Fd(), folder.Name(),
+      openat(folder.fd(), folder.name(),
              flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (guarded ? O_NOFOLLOW : 0), kNewFileMode);
   if (fd_ < 0) {
     return explainOpen(path, guarded);
@@ -143,7 +143,7 @@ bool File::OpenInPlace(const std::string& path, int flags) {
   return true;
 }
 
-bool File::OpenReplacement(const std::string& path) {
+bool File::openReplacement(const std::string& path) {
   struct stat old {};
   const bool replaces = stat(path.c_str(), &old) == 0;
   if (!replaces && errno != ENOENT) {
@@ -205,7 +205,7 @@ bool File::ReadBuffer(unsigned char* buffer, std::uint64_t length) {
   return true;
 }
 
-bool File::Seek(std::uint64_t cursor) {
+bool File::seek(std::uint64_t cursor) {
   if (cursor > size_) {
     return failWith(EINVAL);
   }
@@ -225,13 +225,13 @@ bool File::Close() {
     closed = close(fd_) == 0;
     fd_ = -1;
   } else {
-    closed = CompleteReplacement();
+    closed = completeReplacement();
   }
-  Abandon();
+  abandon();
   return closed;
 }
 
-bool File::CompleteReplacement() {
+bool File::completeReplacement() {
   if (temporary_.empty()) {
     return failWith(EIO);
   }

@@ -18,10 +18,10 @@ constexpr std::size_t kChunk = std::size_t{64} * 1024;
 bool fileExists(const char* path, bool followLinks) {
   struct stat info {};
   const internal::Folder folder(path);
-  if (!followLinks || !folder.IsShared()) {
+  if (!followLinks || !folder.isShared()) {
     return (followLinks ? stat(path, &info) : lstat(path, &info)) == 0;
   }
-  return fstatat(folder.Fd(), folder.Name(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+  return fstatat(folder.fd(), folder.name(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
          (S_ISDIR(info.st_mode) ||
           (S_ISREG(info.st_mode) && internal::objectionTo(info, false) == nullptr));
 }

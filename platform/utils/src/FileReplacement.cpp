@@ -28,7 +28,7 @@ std::string folderOf(const std::string& path) {
 bool syncFolder(const std::string& folder) {
   const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // EINVAL: the file system does not support flushing folders and needs none.
-  return fd && (fsync(fd.Get()) == 0 || errno == EINVAL);
+  return fd && (fsync(fd.get()) == 0 || errno == EINVAL);
 }
 
 int createTemporary(const std::string& folder, mode_t mode, std::string& path) {

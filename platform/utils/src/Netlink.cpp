@@ -44,7 +44,7 @@ int onRefusal(sockaddr_nl*, nlmsgerr*, void* exchange) {
 
 }  // namespace
 
-int Netlink::Family(const char* name) {
+int Netlink::family(const char* name) {
   NlMessage request(nlmsg_alloc());
   if (!request ||
       genlmsg_put(request.get(), NL_AUTO_PORT, NL_AUTO_SEQ, GENL_ID_CTRL, 0, 0, CTRL_CMD_GETFAMILY,
@@ -57,10 +57,10 @@ int Netlink::Family(const char* name) {
     const nlattr* number = nlmsg_find_attr(answer, GENL_HDRLEN, CTRL_ATTR_FAMILY_ID);
     if (number != nullptr) family = nla_get_u16(number);
   };
-  return Ask(request.get(), readNumber) ? family : -1;
+  return ask(request.get(), readNumber) ? family : -1;
 }
 
-NlMessage Netlink::Dump(int family, std::uint8_t command) {
+NlMessage Netlink::dump(int family, std::uint8_t command) {
   NlMessage request(nlmsg_alloc());
   if (request && genlmsg_put(request.get(), NL_AUTO_PORT, NL_AUTO_SEQ, family, 0, NLM_F_DUMP,
                              command, 0) == nullptr) {
@@ -69,19 +69,19 @@ NlMessage Netlink::Dump(int family, std::uint8_t command) {
   return request;
 }
 
-bool Netlink::Ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
-  if (!socket_ && !Connect()) return false;
+bool Netlink::ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
+  if (!socket_ && !connect()) return false;
   Exchange exchange{onAnswer};
   nl_socket_modify_cb(socket_.get(), NL_CB_VALID, NL_CB_CUSTOM, onValid, &exchange);
   nl_socket_modify_cb(socket_.get(), NL_CB_FINISH, NL_CB_CUSTOM, onFinish, &exchange);
   nl_socket_modify_cb(socket_.get(), NL_CB_ACK, NL_CB_CUSTOM, onFinish, &exchange);
   nl_socket_modify_err_cb(socket_.get(), NL_CB_CUSTOM, onRefusal, &exchange);
-  const bool answered = nl_send_auto(socket_.get(), request) >= 0 && Await(exchange.finished);
+  const bool answered = nl_send_auto(socket_.get(), request) >= 0 && await(exchange.finished);
   if (!answered) socket_.reset();
   return answered && !exchange.refused;
 }
 
-bool Netlink::Connect() {
+bool Netlink::connect() {
   NlSocket socket(nl_socket_alloc());
   if (!socket || genl_connect(socket.get()) != 0 || nl_socket_set_nonblocking(socket.get()) != 0) {
     return false;
@@ -90,7 +90,7 @@ bool Netlink::Connect() {
   return true;
 }
 
-bool Netlink::Await(const bool& finished) {
+bool Netlink::await(const bool& finished) {
   while (true) {
     const int error = nl_recvmsgs_default(socket_.get());
     if (finished) return true;

@@ -18,21 +18,21 @@ using NlMessage = Handle<nl_msg, nlmsg_free>;
 class Netlink {
  public:
   /// Deadline for the answers to subsequent requests, on the clock of nowMs().
-  void SetDeadline(std::uint64_t deadlineMs) { deadlineMs_ = deadlineMs; }
+  void setDeadline(std::uint64_t deadlineMs) { deadlineMs_ = deadlineMs; }
 
   /// Id of the family `name`; -1 if the kernel does not know it.
-  int Family(const char* name);
+  int family(const char* name);
 
   /// A request for all objects that `command` lists; null if memory is exhausted.
-  static NlMessage Dump(int family, std::uint8_t command);
+  static NlMessage dump(int family, std::uint8_t command);
 
   /// Sends a request and passes every answer to `onAnswer`. False if the request was refused or not
   /// answered in time; a late answer is never mistaken for that of another request.
-  bool Ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer);
+  bool ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer);
 
  private:
-  bool Connect();
-  bool Await(const bool& finished);
+  bool connect();
+  bool await(const bool& finished);
 
   NlSocket socket_;
   std::uint64_t deadlineMs_ = 0;

@@ -22,24 +22,24 @@ constexpr int kLongestStepMs = 16;
 int runToEnd(const std::string& program, const std::vector<std::string>& arguments,
              unsigned limitMs, unsigned graceMs) {
   Spawn spawn(program, arguments, {});
-  spawn.OwnGroup();
+  spawn.ownGroup();
   ErrnoGuard reason;
   pid_t child = -1;
-  if (const int error = spawn.Start(&child); error != 0) {
-    reason.Set(error);
+  if (const int error = spawn.start(&child); error != 0) {
+    reason.set(error);
     return kNotStarted;
   }
   Watchdog watchdog(child, program, limitMs, graceMs);
   int status = 0;
   pid_t ended = 0;
   int step = 1;
-  while ((ended = watchdog.End(&status)) == 0) {
-    watchdog.Check();
+  while ((ended = watchdog.end(&status)) == 0) {
+    watchdog.check();
     notifyAlive();
-    sleepMs(watchdog.PollTimeout(step));
+    sleepMs(watchdog.pollTimeout(step));
     step = std::min(step * 2, kLongestStepMs);
   }
-  if (watchdog.Expired()) reason.Set(ETIMEDOUT);
+  if (watchdog.expired()) reason.set(ETIMEDOUT);
   return ended == child ? exitStatus(status) : kNotStarted;
 }
 

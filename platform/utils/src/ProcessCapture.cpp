@@ -30,19 +30,19 @@ class SigPipeBlock {
   SigPipeBlock() {
     sigemptyset(&sigpipe_);
     sigaddset(&sigpipe_, SIGPIPE);
-    wasPending_ = IsPending();
+    wasPending_ = isPending();
     pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
   }
   ~SigPipeBlock() {
     const timespec atOnce{};
-    if (!wasPending_ && IsPending()) sigtimedwait(&sigpipe_, nullptr, &atOnce);
+    if (!wasPending_ && isPending()) sigtimedwait(&sigpipe_, nullptr, &atOnce);
     pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
   }
   SigPipeBlock(const SigPipeBlock&) = delete;
   SigPipeBlock& operator=(const SigPipeBlock&) = delete;
 
  private:
-  static bool IsPending() {
+  static bool isPending() {
     sigset_t pending;
     sigpending(&pending);
     return sigismember(&pending, SIGPIPE) == 1;
@@ -59,24 +59,24 @@ class Capture {
   Capture(UniqueFd fd, std::string& text, std::size_t limit)
       : fd_(std::move(fd)), text_(text), limit_(limit) {}
 
-  int Fd() const { return fd_.Get(); }
+  int fd() const { return fd_.get(); }
 
   /// Reads only once, so that a child with endless output cannot block the caller.
-  void Read(std::size_t atMost) {
+  void read(std::size_t atMost) {
     std::array<char, 65536> buffer;
-    const ssize_t got = read(fd_.Get(), buffer.data(), std::min(atMost, buffer.size()));
+    const ssize_t got = ::read(fd_.get(), buffer.data(), std::min(atMost, buffer.size()));
     if (got > 0) {
       text_.append(buffer.data(), std::min(static_cast<std::size_t>(got), limit_ - text_.size()));
     } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
-      fd_.Reset();
+      fd_.reset();
     }
   }
 
   /// Reads what is currently in the pipe.
-  void Drain() {
+  void drain() {
     int pending = 0;
-    if (!fd_ || ioctl(fd_.Get(), FIONREAD, &pending) != 0) return;
-    for (int left = pending; left > 0 && fd_; left -= 65536) Read(static_cast<std::size_t>(left));
+    if (!fd_ || ioctl(fd_.get(), FIONREAD, &pending) != 0) return;
+    for (int left = pending; left > 0 && fd_; left -= 65536) read(static_cast<std::size_t>(left));
   }
 
  private:
@@ -89,16 +89,16 @@ class Capture {
 class Feed {
  public:
   Feed(UniqueFd fd, std::string_view rest) : fd_(std::move(fd)), rest_(rest) {
-    if (rest_.empty()) fd_.Reset();
+    if (rest_.empty()) fd_.reset();
   }
 
-  int Fd() const { return fd_.Get(); }
+  int fd() const { return fd_.get(); }
 
-  void Write() {
-    const ssize_t put = write(fd_.Get(), rest_.data(), rest_.size());
+  void write() {
+    const ssize_t put = ::write(fd_.get(), rest_.data(), rest_.size());
     if (put >= 0) rest_.remove_prefix(static_cast<std::size_t>(put));
     const bool refused = put < 0 && errno != EAGAIN && errno != EINTR;
-    if (rest_.empty() || refused) fd_.Reset();
+    if (rest_.empty() || refused) fd_.reset();
   }
 
  private:
@@ -110,11 +110,11 @@ class Feed {
 bool pump(Feed& in, Capture& out, Capture& err, int timeoutMs) {
   // poll(2) ignores descriptors of -1.
   std::array<pollfd, 3> polled{
-      {{in.Fd(), POLLOUT, 0}, {out.Fd(), POLLIN, 0}, {err.Fd(), POLLIN, 0}}};
+      {{in.fd(), POLLOUT, 0}, {out.fd(), POLLIN, 0}, {err.fd(), POLLIN, 0}}};
   if (poll(polled.data(), polled.size(), timeoutMs) <= 0) return false;
-  if (polled[0].revents != 0) in.Write();
-  if (polled[1].revents != 0) out.Read(SIZE_MAX);
-  if (polled[2].revents != 0) err.Read(SIZE_MAX);
+  if (polled[0].revents != 0) in.write();
+  if (polled[1].revents != 0) out.read(SIZE_MAX);
+  if (polled[2].revents != 0) err.read(SIZE_MAX);
   return true;
 }
 
@@ -124,14 +124,14 @@ int attend(pid_t child, Feed& in, Capture& out, Capture& err, Watchdog& watchdog
   int status = 0;
   pid_t ended = 0;
   int step = 1;
-  while ((ended = watchdog.End(&status)) == 0) {
-    watchdog.Check();
+  while ((ended = watchdog.end(&status)) == 0) {
+    watchdog.check();
     notifyAlive();
-    const bool busy = pump(in, out, err, watchdog.PollTimeout(step));
+    const bool busy = pump(in, out, err, watchdog.pollTimeout(step));
     step = busy ? 1 : std::min(step * 2, kLongestStepMs);
   }
-  out.Drain();
-  err.Drain();
+  out.drain();
+  err.drain();
   return ended == child ? exitStatus(status) : kNotStarted;
 }
 
@@ -143,20 +143,20 @@ int sysExec(const std::string& program, const std::vector<std::string>& argument
   out.clear();
   err.clear();
   Pipe inPipe, outPipe, errPipe;
-  if (!inPipe.Open() || !outPipe.Open() || !errPipe.Open()) return kNotStarted;
+  if (!inPipe.open() || !outPipe.open() || !errPipe.open()) return kNotStarted;
 
-  Spawn spawn(program, arguments, {inPipe.read.Get(), outPipe.write.Get(), errPipe.write.Get()});
-  spawn.OwnGroup();
+  Spawn spawn(program, arguments, {inPipe.read.get(), outPipe.write.get(), errPipe.write.get()});
+  spawn.ownGroup();
   ErrnoGuard reason;
   pid_t child = -1;
-  if (const int error = spawn.Start(&child); error != 0) {
-    reason.Set(error);
+  if (const int error = spawn.start(&child); error != 0) {
+    reason.set(error);
     return kNotStarted;
   }
-  inPipe.read.Reset();
-  outPipe.write.Reset();
-  errPipe.write.Reset();
-  for (const int fd : {inPipe.write.Get(), outPipe.read.Get(), errPipe.read.Get()}) {
+  inPipe.read.reset();
+  outPipe.write.reset();
+  errPipe.write.reset();
+  for (const int fd : {inPipe.write.get(), outPipe.read.get(), errPipe.read.get()}) {
     fcntl(fd, F_SETFL, O_NONBLOCK);
   }
 
@@ -168,7 +168,7 @@ int sysExec(const std::string& program, const std::vector<std::string>& argument
   Watchdog watchdog(child, program, timeLimit(program, timeoutMs),
                     timeoutMs == 0 ? kGraceMs : graceMs);
   const int status = attend(child, in, outCapture, errCapture, watchdog);
-  if (watchdog.Expired()) reason.Set(ETIMEDOUT);
+  if (watchdog.expired()) reason.set(ETIMEDOUT);
   return status;
 }
 

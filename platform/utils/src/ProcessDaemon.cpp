@@ -26,9 +26,9 @@ Leashes& leashes() {
 }
 
 void release(const std::string& program, Leash& leash, const char* operation) {
-  const bool held = leash.Holds();
-  leash.LetGo();
-  if (leash.Expired()) {
+  const bool held = leash.holds();
+  leash.letGo();
+  if (leash.expired()) {
     KOVA_LOG_IN(operation, LOG_WARNING, 0, "%s exceeded its time", program.c_str());
   } else if (held) {
     KOVA_LOG_IN(operation, LOG_WARNING, 0, "%s was still running and was ended", program.c_str());
@@ -37,7 +37,7 @@ void release(const std::string& program, Leash& leash, const char* operation) {
 
 void forgetEnded() {
   for (auto entry = leashes().begin(); entry != leashes().end();) {
-    if (entry->second.Holds()) {
+    if (entry->second.holds()) {
       ++entry;
     } else {
       release(entry->first, entry->second, "runDaemon");
@@ -59,12 +59,12 @@ bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, 
 
   forgetEnded();
   Spawn spawn(program, arguments, {});
-  spawn.OwnSession();
-  if (workingDirectory != nullptr) spawn.WorkingDirectory(*workingDirectory);
-  if (signalMask != nullptr) spawn.SignalMask(*signalMask);
+  spawn.ownSession();
+  if (workingDirectory != nullptr) spawn.workingDirectory(*workingDirectory);
+  if (signalMask != nullptr) spawn.signalMask(*signalMask);
   Leash leash;
   pid_t started = -1;
-  if (const int error = leash.Start(spawn, timeLimit(program, 0), &started); error != 0) {
+  if (const int error = leash.start(spawn, timeLimit(program, 0), &started); error != 0) {
     errno = error;
     return false;
   }

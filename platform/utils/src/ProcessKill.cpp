@@ -22,7 +22,7 @@ std::string_view baseName(std::string_view path) {
 std::string commandName(const std::string& folder) {
   std::array<char, PATH_MAX> text;
   const UniqueFd fd(open((folder + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC));
-  const ssize_t got = fd ? read(fd.Get(), text.data(), text.size()) : 0;
+  const ssize_t got = fd ? read(fd.get(), text.data(), text.size()) : 0;
   if (got <= 0) return "";
   const std::string_view words(text.data(), static_cast<std::size_t>(got));
   return std::string(baseName(words.substr(0, words.find('\0'))));

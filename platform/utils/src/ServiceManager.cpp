@@ -80,7 +80,7 @@ bool tell(std::string_view state) {
   }
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
   const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  return socket && sendto(socket.Get(), state.data(), state.size(), MSG_NOSIGNAL,
+  return socket && sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL,
                           reinterpret_cast<const sockaddr*>(&address), length) >= 0;
 }
 

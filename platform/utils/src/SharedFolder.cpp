@@ -54,7 +54,7 @@ namespace internal {
 Folder::Folder(const std::string& path)
     : name_(fileName(path)), fd_(open(folderOf(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
   struct stat info {};
-  shared_ = fd_ && fstat(fd_.Get(), &info) == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+  shared_ = fd_ && fstat(fd_.get(), &info) == 0 && (info.st_mode & (S_IWGRP | S_IWOTH)) != 0;
 }
 
 const char* objectionTo(const struct stat& file, bool writes) {

@@ -15,13 +15,13 @@ class Folder {
   explicit Folder(const std::string& path);
 
   /// If not, `errno` is set.
-  bool IsOpen() const { return static_cast<bool>(fd_); }
+  bool isOpen() const { return static_cast<bool>(fd_); }
   /// Whether users other than its owner may create files there, as in /tmp.
-  bool IsShared() const { return shared_; }
+  bool isShared() const { return shared_; }
 
-  int Fd() const { return fd_.Get(); }
+  int fd() const { return fd_.get(); }
   /// The file's name in the folder; "." if the path names the folder itself.
-  const char* Name() const { return name_.c_str(); }
+  const char* name() const { return name_.c_str(); }
 
  private:
   std::string name_;

@@ -24,29 +24,29 @@ Spawn::Spawn(const std::string& program, const std::vector<std::string>& argumen
   words_.push_back(program);
   words_.insert(words_.end(), arguments.begin(), arguments.end());
   for (std::string& word : words_) {
-    if (holdsNul(word)) Note(EINVAL);
+    if (holdsNul(word)) note(EINVAL);
     argv_.push_back(word.data());
   }
   argv_.push_back(nullptr);
 
-  Note(posix_spawn_file_actions_init(&actions_));
-  Note(posix_spawnattr_init(&attributes_));
+  note(posix_spawn_file_actions_init(&actions_));
+  note(posix_spawnattr_init(&attributes_));
   const int given[] = {streams.in, streams.out, streams.err};
   for (int target = 0; target < 3; ++target) {
     if (given[target] >= 0) {
-      Note(posix_spawn_file_actions_adddup2(&actions_, given[target], target));
+      note(posix_spawn_file_actions_adddup2(&actions_, given[target], target));
     } else {
       const int mode = target == STDIN_FILENO ? O_RDONLY : O_WRONLY;
-      Note(posix_spawn_file_actions_addopen(&actions_, target, "/dev/null", mode, 0));
+      note(posix_spawn_file_actions_addopen(&actions_, target, "/dev/null", mode, 0));
     }
   }
-  Note(inheritNoneFrom(&actions_, STDERR_FILENO + 1));
+  note(inheritNoneFrom(&actions_, STDERR_FILENO + 1));
 
   sigset_t signals;
   sigfillset(&signals);
-  Note(posix_spawnattr_setsigdefault(&attributes_, &signals));
+  note(posix_spawnattr_setsigdefault(&attributes_, &signals));
   sigemptyset(&signals);
-  SignalMask(signals);
+  signalMask(signals);
   flags_ = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
 }
 
@@ -55,31 +55,31 @@ Spawn::~Spawn() {
   posix_spawnattr_destroy(&attributes_);
 }
 
-void Spawn::OwnGroup() {
-  Note(posix_spawnattr_setpgroup(&attributes_, 0));
+void Spawn::ownGroup() {
+  note(posix_spawnattr_setpgroup(&attributes_, 0));
   flags_ |= POSIX_SPAWN_SETPGROUP;
 }
 
-void Spawn::OwnSession() {
+void Spawn::ownSession() {
   flags_ |= POSIX_SPAWN_SETSID;
 }
 
-void Spawn::WorkingDirectory(const std::string& folder) {
-  if (holdsNul(folder)) Note(EINVAL);
-  Note(startInFolder(&actions_, folder.c_str()));
+void Spawn::workingDirectory(const std::string& folder) {
+  if (holdsNul(folder)) note(EINVAL);
+  note(startInFolder(&actions_, folder.c_str()));
 }
 
-void Spawn::SignalMask(const sigset_t& mask) {
-  Note(posix_spawnattr_setsigmask(&attributes_, &mask));
+void Spawn::signalMask(const sigset_t& mask) {
+  note(posix_spawnattr_setsigmask(&attributes_, &mask));
 }
 
-int Spawn::Start(pid_t* pid) {
-  Note(posix_spawnattr_setflags(&attributes_, flags_));
+int Spawn::start(pid_t* pid) {
+  note(posix_spawnattr_setflags(&attributes_, flags_));
   if (error_ != 0) return error_;
   return posix_spawn(pid, argv_.front(), &actions_, &attributes_, argv_.data(), environ);
 }
 
-void Spawn::Note(int error) {
+void Spawn::note(int error) {
   if (error_ == 0) error_ = error;
 }
 

@@ -16,10 +16,10 @@ struct StandardStreams {
 };
 
 /// A prepared posix_spawn(3): the constructor allocates all memory and checks all arguments, so
-/// that Start() may be called after a fork(2).
+/// that start() may be called after a fork(2).
 class Spawn {
  public:
-  /// Start() fails with EINVAL if the program or an argument contains a NUL.
+  /// start() fails with EINVAL if the program or an argument contains a NUL.
   Spawn(const std::string& program, const std::vector<std::string>& arguments,
         const StandardStreams& streams);
   ~Spawn();
@@ -27,18 +27,18 @@ class Spawn {
   Spawn& operator=(const Spawn&) = delete;
 
   /// Makes the child lead its own process group, so that a time-out also kills its children.
-  void OwnGroup();
+  void ownGroup();
   /// Makes the child lead its own session.
-  void OwnSession();
-  void WorkingDirectory(const std::string& folder);
+  void ownSession();
+  void workingDirectory(const std::string& folder);
   /// Sets the signals that are blocked in the child; none by default.
-  void SignalMask(const sigset_t& mask);
+  void signalMask(const sigset_t& mask);
 
   /// Starts the program; 0, or the errno value that prevented it.
-  int Start(pid_t* pid);
+  int start(pid_t* pid);
 
  private:
-  void Note(int error);
+  void note(int error);
 
   std::vector<std::string> words_;
   std::vector<char*> argv_;

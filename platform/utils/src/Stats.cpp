@@ -16,7 +16,7 @@ template <typename Stats, typename Parse>
 int readInto(ProcFile& file, Stats* stats, Parse parse) {
   *stats = Stats{};
   std::string_view text;
-  int error = file.Read(text);
+  int error = file.read(text);
   if (error == 0) error = parse(text, *stats);
   if (error != 0) *stats = Stats{};
   return error;
@@ -29,7 +29,7 @@ int InitializeStatsLib(StatsLib** lib) {
   std::unique_ptr<StatsLib> created(new (std::nothrow) StatsLib);
   if (!created) return ENOMEM;
   for (ProcFile* file : {&created->meminfo, &created->stat, &created->netDev}) {
-    if (const int error = file->Open(); error != 0) return error;
+    if (const int error = file->open(); error != 0) return error;
   }
   *lib = created.release();
   return 0;
@@ -46,23 +46,23 @@ int GetMemoryStats(StatsLib* lib, MemoryStats* stats) {
 
 int GetCpuStats(StatsLib* lib, CpuStats* stats) {
   return readInto(lib->stat, stats, [lib](std::string_view text, CpuStats& out) {
-    return lib->cpu.Update(text, out);
+    return lib->cpu.update(text, out);
   });
 }
 
 int GetNetworkStats(StatsLib* lib, NetworkStats* stats) {
   return readInto(lib->netDev, stats, [lib](std::string_view text, NetworkStats& out) {
-    return lib->network.Update(text, nowMs(), out);
+    return lib->network.update(text, nowMs(), out);
   });
 }
 
 int GetLoadAverage(LoadAverage* load) {
-  static ProcFile file("/proc/loadavg", ProcFile::Form::kOnePiece);
+  static ProcFile file("/proc/loadavg", ProcFile::Form::OnePiece);
   return readInto(file, load, parseLoadAverage);
 }
 
 int GetUptimeStats(UptimeStats* stats) {
-  static ProcFile file("/proc/uptime", ProcFile::Form::kOnePiece);
+  static ProcFile file("/proc/uptime", ProcFile::Form::OnePiece);
   return readInto(file, stats, parseUptime);
 }
 
@@ -71,10 +71,10 @@ int GetCpuInfo(CpuInfo* info) {
   static CpuInfo cached;
   static bool isCached = false;
   if (!isCached) {
-    ProcFile file("/proc/cpuinfo", ProcFile::Form::kRecords);
-    ProcFile model("/proc/device-tree/model", ProcFile::Form::kOnePiece);
+    ProcFile file("/proc/cpuinfo", ProcFile::Form::Records);
+    ProcFile model("/proc/device-tree/model", ProcFile::Form::OnePiece);
     std::string_view board;
-    model.Read(board);  // missing on a PC
+    model.read(board);  // missing on a PC
     const int error = readInto(file, &cached, [board](std::string_view text, CpuInfo& out) {
       out = parseCpuInfo(text, board);
       return 0;

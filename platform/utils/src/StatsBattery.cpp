@@ -13,9 +13,9 @@ namespace {
 
 /// An attribute of a power supply; "" if it does not exist.
 std::string attribute(const std::string& supply, const char* name) {
-  ProcFile file(supply + "/" + name, ProcFile::Form::kOnePiece);
+  ProcFile file(supply + "/" + name, ProcFile::Form::OnePiece);
   std::string_view content;
-  file.Read(content);
+  file.read(content);
   std::string text(content);
   trim(text);
   return text;

@@ -29,7 +29,7 @@ class CpuMeter {
  public:
   /// Figures are indexed indexed by processor number; 0 for a processor that is offline. Two reads
   /// within one clock tick yield the same figures.
-  int Update(std::string_view procStat, CpuStats& stats);
+  int update(std::string_view procStat, CpuStats& stats);
 
  private:
   struct Counters {
@@ -45,10 +45,10 @@ class NetworkMeter {
  public:
   /// @param timeMs monotonic time of this read; two reads within one millisecond yield the same
   /// rates. A counter that decreased (the interface was recreated) yields the rate 0.
-  int Update(std::string_view procNetDev, std::uint64_t timeMs, NetworkStats& stats);
+  int update(std::string_view procNetDev, std::uint64_t timeMs, NetworkStats& stats);
 
  private:
-  void Rate(NetworkInterfaceStats& now, std::uint64_t elapsedMs) const;
+  void setRates(NetworkInterfaceStats& now, std::uint64_t elapsedMs) const;
 
   std::vector<NetworkInterfaceStats> previous_;
   std::uint64_t previousMs_ = 0;
@@ -75,9 +75,9 @@ void parseWireless(std::string_view procNetWireless, WiFiStats& stats);
 bool readBattery(const std::string& folder, BatteryInfo& info);
 
 struct StatsLib {
-  ProcFile meminfo{"/proc/meminfo", ProcFile::Form::kOnePiece};
-  ProcFile stat{"/proc/stat", ProcFile::Form::kOnePiece};
-  ProcFile netDev{"/proc/net/dev", ProcFile::Form::kRecords};
+  ProcFile meminfo{"/proc/meminfo", ProcFile::Form::OnePiece};
+  ProcFile stat{"/proc/stat", ProcFile::Form::OnePiece};
+  ProcFile netDev{"/proc/net/dev", ProcFile::Form::Records};
   CpuMeter cpu;
   NetworkMeter network;
 };

@@ -24,7 +24,7 @@ std::uint64_t rate(std::uint64_t before, std::uint64_t now, std::uint64_t elapse
 
 }  // namespace
 
-void NetworkMeter::Rate(NetworkInterfaceStats& now, std::uint64_t elapsedMs) const {
+void NetworkMeter::setRates(NetworkInterfaceStats& now, std::uint64_t elapsedMs) const {
   const auto before =
       std::find_if(previous_.begin(), previous_.end(),
                    [&now](const NetworkInterfaceStats& stats) { return stats.name == now.name; });
@@ -38,7 +38,7 @@ void NetworkMeter::Rate(NetworkInterfaceStats& now, std::uint64_t elapsedMs) con
   }
 }
 
-int NetworkMeter::Update(std::string_view procNetDev, std::uint64_t timeMs, NetworkStats& stats) {
+int NetworkMeter::update(std::string_view procNetDev, std::uint64_t timeMs, NetworkStats& stats) {
   stats.count = 0;
   const std::uint64_t elapsedMs = timeMs - previousMs_;
   nextLine(procNetDev);
@@ -54,7 +54,7 @@ int NetworkMeter::Update(std::string_view procNetDev, std::uint64_t timeMs, Netw
     NetworkInterfaceStats& interface = stats.interfaces[stats.count];
     interface = NetworkInterfaceStats{std::string(name), 0, 0, 0, 0};
     if (!parseCounters(line.substr(colon + 1), interface)) return EIO;
-    Rate(interface, elapsedMs);
+    setRates(interface, elapsedMs);
     ++stats.count;
   }
   if (elapsedMs != 0) {

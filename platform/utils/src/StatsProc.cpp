@@ -98,7 +98,7 @@ CpuInfo parseCpuInfo(std::string_view cpuinfo, std::string_view board) {
   return {model, std::string(features)};
 }
 
-int CpuMeter::Update(std::string_view procStat, CpuStats& stats) {
+int CpuMeter::update(std::string_view procStat, CpuStats& stats) {
   stats.count = 0;
   while (!procStat.empty()) {
     std::string_view line = nextLine(procStat);

@@ -23,8 +23,8 @@ constexpr unsigned kTimeoutMs = 500;
 constexpr std::int32_t kNoSignalDbm = -100;
 
 bool queryInterfaces(Netlink& netlink, int family, std::vector<WirelessInterface>& interfaces) {
-  NlMessage request = netlink.Dump(family, NL80211_CMD_GET_INTERFACE);
-  return request && netlink.Ask(request.get(), [&interfaces](nlmsghdr* answer) {
+  NlMessage request = netlink.dump(family, NL80211_CMD_GET_INTERFACE);
+  return request && netlink.ask(request.get(), [&interfaces](nlmsghdr* answer) {
     WirelessInterface interface;
     if (decodeInterface(answer, interface)) interfaces.push_back(std::move(interface));
   });
@@ -33,11 +33,11 @@ bool queryInterfaces(Netlink& netlink, int family, std::vector<WirelessInterface
 /// Signal level of the access point that a client interface is connected to.
 std::int32_t querySignal(Netlink& netlink, int family, const WirelessInterface& interface) {
   std::int32_t dBm = kNoSignalDbm;
-  NlMessage request = netlink.Dump(family, NL80211_CMD_GET_STATION);
+  NlMessage request = netlink.dump(family, NL80211_CMD_GET_STATION);
   if (!request || nla_put_u32(request.get(), NL80211_ATTR_IFINDEX, interface.index) != 0) {
     return dBm;
   }
-  netlink.Ask(request.get(), [&dBm](nlmsghdr* answer) { decodeSignal(answer, dBm); });
+  netlink.ask(request.get(), [&dBm](nlmsghdr* answer) { decodeSignal(answer, dBm); });
   return dBm;
 }
 
@@ -55,14 +55,14 @@ bool queryAll(Netlink& netlink, int family, WiFiStats& stats) {
 int findFamily(Netlink& netlink) {
   // For an unknown family the kernel tries to load a module on every request.
   const bool hasWireless = access("/sys/class/ieee80211", F_OK) == 0;
-  return hasWireless ? netlink.Family(NL80211_GENL_NAME) : -1;
+  return hasWireless ? netlink.family(NL80211_GENL_NAME) : -1;
 }
 
 /// @return 0, ENOENT without nl80211, or EIO if it does not answer
 int readNl80211(WiFiStats& stats) {
   static Netlink netlink;
   static int family = -1;
-  netlink.SetDeadline(nowMs() + kTimeoutMs);
+  netlink.setDeadline(nowMs() + kTimeoutMs);
   // Retry once: the family id changes when the driver is reloaded.
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (family < 0) family = findFamily(netlink);
@@ -138,9 +138,9 @@ int GetWiFiStats(WiFiStats* stats) {
   *stats = WiFiStats{};
   const int error = readNl80211(*stats);
   if (error == 0) return 0;
-  ProcFile file("/proc/net/wireless", ProcFile::Form::kRecords);
+  ProcFile file("/proc/net/wireless", ProcFile::Form::Records);
   std::string_view text;
-  if (file.Read(text) != 0) return error == ENOENT ? 0 : error;  // without Wi-Fi neither exists
+  if (file.read(text) != 0) return error == ENOENT ? 0 : error;  // without Wi-Fi neither exists
   parseWireless(text, *stats);
   return 0;
 }

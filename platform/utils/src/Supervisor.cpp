@@ -79,7 +79,7 @@ bool waitWithin(std::uint64_t deadline, int events) {
   const int events = childEvents();
   const std::uint64_t deadline = nowMs() + limitMs;
   StartReport report{0, -1};
-  report.error = events < 0 ? errno : spawn.Start(&report.pid);
+  report.error = events < 0 ? errno : spawn.start(&report.pid);
   if (!sendReport(kSocket, report) || report.error != 0) {
     killChildren();
     _exit(1);
@@ -114,16 +114,16 @@ StartReport awaitReport(int socket) {
 
 }  // namespace
 
-int Leash::Start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
+int Leash::start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
   int ends[2] = {-1, -1};
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return errno;
   UniqueFd own(ends[0]);
   UniqueFd other(ends[1]);
   const pid_t middle = fork();
   if (middle < 0) return errno;
-  if (middle == 0) startAndEnd(spawn, other.Get(), limitMs);
-  other.Reset();
-  const StartReport report = awaitReport(own.Get());
+  if (middle == 0) startAndEnd(spawn, other.get(), limitMs);
+  other.reset();
+  const StartReport report = awaitReport(own.get());
   waitFor(middle, nullptr, 0);
   if (report.error != 0) return report.error;
   *pid = report.pid;
@@ -131,23 +131,23 @@ int Leash::Start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
   return 0;
 }
 
-bool Leash::Holds() const {
-  pollfd polled{socket_.Get(), POLLIN, 0};
+bool Leash::holds() const {
+  pollfd polled{socket_.get(), POLLIN, 0};
   return socket_ && poll(&polled, 1, 0) == 0;
 }
 
-void Leash::LetGo() {
+void Leash::letGo() {
   if (!socket_) return;
-  shutdown(socket_.Get(), SHUT_WR);
+  shutdown(socket_.get(), SHUT_WR);
   const std::uint64_t deadline = nowMs() + kLongestEndMs;
   for (std::uint64_t time = nowMs(); time < deadline; time = nowMs()) {
-    pollfd polled{socket_.Get(), POLLIN, 0};
+    pollfd polled{socket_.get(), POLLIN, 0};
     if (poll(&polled, 1, static_cast<int>(deadline - time)) <= 0) continue;
     char note = 0;
-    if (recv(socket_.Get(), &note, 1, 0) <= 0) break;
+    if (recv(socket_.get(), &note, 1, 0) <= 0) break;
     expired_ = expired_ || note == kTimeIsOver;
   }
-  socket_.Reset();
+  socket_.reset();
 }
 
 }  // namespace kova::utils

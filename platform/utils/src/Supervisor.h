@@ -8,19 +8,19 @@
 namespace kova::utils {
 
 /// A background program and its supervisor: a separate process that kills the program and all its
-/// descendants when its time limit expires, LetGo() is called or the owner dies, and exits after
+/// descendants when its time limit expires, letGo() is called or the owner dies, and exits after
 /// the last of them. Neither is a child of this process.
 class Leash {
  public:
   /// @return 0, or the errno value that prevented the start
-  int Start(Spawn& spawn, unsigned limitMs, pid_t* pid);
+  int start(Spawn& spawn, unsigned limitMs, pid_t* pid);
 
   /// Whether the program or one of its descendants still runs.
-  bool Holds() const;
+  bool holds() const;
   /// Kills what still runs and waits for its end, a few seconds at most.
-  void LetGo();
-  /// Whether the time limit had expired before; valid after LetGo().
-  bool Expired() const { return expired_; }
+  void letGo();
+  /// Whether the time limit had expired before; valid after letGo().
+  bool expired() const { return expired_; }
 
  private:
   UniqueFd socket_;

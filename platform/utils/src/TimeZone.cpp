@@ -71,14 +71,14 @@ class LinkReplacement {
         previous_(path + format(".old.%d", getpid())) {}
 
   ~LinkReplacement() {
-    if (replaced_ && !kept_) TakeBack();
+    if (replaced_ && !kept_) takeBack();
     unlink(next_.c_str());
     unlink(previous_.c_str());
   }
   LinkReplacement(const LinkReplacement&) = delete;
   LinkReplacement& operator=(const LinkReplacement&) = delete;
 
-  bool Replace(const std::string& target) {
+  bool replace(const std::string& target) {
     unlink(next_.c_str());
     unlink(previous_.c_str());
     hadPrevious_ = link(path_.c_str(), previous_.c_str()) == 0;
@@ -88,13 +88,13 @@ class LinkReplacement {
     return replaced_;
   }
 
-  void Keep() { kept_ = true; }
+  void keep() { kept_ = true; }
 
  private:
-  void TakeBack() {
+  void takeBack() {  // kept: 15
     const bool done =
         hadPrevious_ ? rename(previous_.c_str(), path_.c_str()) == 0 : unlink(path_.c_str()) == 0;
-    if (!done) KOVA_LOG(LOG_ERR, errno, "Cannot restore %s", path_.c_str());
+    if (!done) KOVA_LOG_IN("TakeBack", LOG_ERR, errno, "Cannot restore %s", path_.c_str());
   }
 
   std::string path_;
@@ -129,12 +129,12 @@ bool writeTimeZone(const std::string& zone, const ZoneFolders& folders) {
   File tz;
   LinkReplacement localtime(folders.etc + "/localtime");
   if (!tz.Initialize(folders.etc + "/TZ", FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY) ||
-      !tz.WriteString(rule + "\n") || !localtime.Replace(folders.zoneinfo + "/" + zone) ||
+      !tz.WriteString(rule + "\n") || !localtime.replace(folders.zoneinfo + "/" + zone) ||
       !tz.Close()) {
     KOVA_LOG(LOG_ERR, errno, "Cannot set the time zone %s", zone.c_str());
     return false;
   }
-  localtime.Keep();
+  localtime.keep();
   return true;
 }
 

@@ -33,22 +33,22 @@ bool hasEnded(pid_t child) {
 Watchdog::Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, unsigned graceMs)
     : group_(group), program_(program), graceMs_(graceMs), next_(nowMs() + timeoutMs) {}
 
-void Watchdog::Check() {
+void Watchdog::check() {  // kept: 15
   if (next_ == 0 || nowMs() < next_) return;
-  if (!expired_) KOVA_LOG(LOG_WARNING, 0, "%s exceeded its time", program_.c_str());
+  if (!expired_) KOVA_LOG_IN("Check", LOG_WARNING, 0, "%s exceeded its time", program_.c_str());
   const bool gently = !expired_ && graceMs_ != 0;
   kill(-group_, gently ? SIGTERM : SIGKILL);
   next_ = gently ? nowMs() + graceMs_ : 0;
   expired_ = true;
 }
 
-int Watchdog::PollTimeout(int step) const {
+int Watchdog::pollTimeout(int step) const {
   if (next_ == 0) return step;
   const std::uint64_t time = nowMs();
   return time >= next_ ? 0 : static_cast<int>(std::min<std::uint64_t>(next_ - time, step));
 }
 
-pid_t Watchdog::End(int* status) const {
+pid_t Watchdog::end(int* status) const {
   if (!hasEnded(group_)) return 0;
   // Its id cannot be reused by another group until it is reaped.
   if (expired_) kill(-group_, SIGKILL);

@@ -10,19 +10,19 @@ namespace kova::utils {
 /// Kills a child that exceeds its time limit, together with its process group.
 class Watchdog {
  public:
-  /// @param group   a child that leads its own group and is reaped by End() only
+  /// @param group   a child that leads its own group and is reaped by end() only
   /// @param graceMs time from SIGTERM to SIGKILL; 0: send SIGKILL at once
   Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, unsigned graceMs);
 
   /// Sends a signal if one is due.
-  void Check();
+  void check();
   /// `step`, or less if a signal is due earlier.
-  int PollTimeout(int step) const;
+  int pollTimeout(int step) const;
   /// Reaps the child if it has exited; then also kills the rest of a group that exceeded its limit.
   /// @return the child once it is reaped, 0 before, -1 on failure
-  pid_t End(int* status) const;
+  pid_t end(int* status) const;
 
-  bool Expired() const { return expired_; }
+  bool expired() const { return expired_; }
 
  private:
   pid_t group_;

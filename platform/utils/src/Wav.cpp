@@ -109,7 +109,7 @@ bool readWavHeader(const std::string& path, unsigned short& channels, unsigned i
     return false;
   }
   const auto readAt = [&file](std::uint64_t offset, unsigned char* buffer, std::uint64_t length) {
-    return file.Seek(offset) && file.ReadBuffer(buffer, length);
+    return file.seek(offset) && file.ReadBuffer(buffer, length);
   };
   const auto header = internal::parseWavHeader(readAt, file.Size());
   if (!header) {

@@ -42,7 +42,7 @@ class LogSocket {
   LogSocket& operator=(const LogSocket&) = delete;
 
   /// Returns the lines received so far.
-  void Receive() {
+  void receive() {
     char line[4096];
     ssize_t got = 0;
     while ((got = recv(fd_, line, sizeof line, MSG_DONTWAIT)) > 0) {
@@ -60,7 +60,7 @@ class LogSocket {
 class CrashTest : public testing::Test {
  protected:
   /// Runs `crash` in a process with the handler installed; returns the status of waitpid(2).
-  int Crash(const std::function<void()>& crash) {
+  int crash(const std::function<void()>& crash) {
     child_ = fork();
     if (child_ == 0) {
       if (!installCrashDumpHandler(reports_.c_str(), socketPath_.c_str())) _exit(99);
@@ -69,10 +69,10 @@ class CrashTest : public testing::Test {
     }
     int status = 0;
     while (waitpid(child_, &status, WNOHANG) == 0) {
-      log_.Receive();
+      log_.receive();
       sleepMs(1);
     }
-    log_.Receive();
+    log_.receive();
     return status;
   }
 
@@ -93,14 +93,14 @@ void expectKilledBy(int number, int status) {
 }
 
 TEST_F(CrashTest, ForceCrashLeavesReportAndAborts) {
-  expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
+  expectKilledBy(SIGABRT, crash([] { forceCrash(); }));
   EXPECT_THAT(Report(),
               ContainsRegex("Crashed by signal 6 \\(Aborted\\), program counter 0x[0-9a-f]+"));
   EXPECT_THAT(Report(), HasSubstr("(abort+0x"));
 }
 
 TEST_F(CrashTest, ReportGoesToSystemLog) {
-  Crash([] { forceCrash(); });
+  crash([] { forceCrash(); });
   const std::string& log = log_.Received();
   const std::string report = Report();
   const std::string tag = "[" + std::to_string(child_) + "]: ";
@@ -112,7 +112,7 @@ TEST_F(CrashTest, ReportGoesToSystemLog) {
 }
 
 TEST_F(CrashTest, ReportNamesFaultAddress) {
-  expectKilledBy(SIGSEGV, Crash([] {
+  expectKilledBy(SIGSEGV, crash([] {
                    auto* volatile nowhere = reinterpret_cast<volatile int*>(0x1230);
                    *nowhere = 1;
                  }));
@@ -122,7 +122,7 @@ TEST_F(CrashTest, ReportNamesFaultAddress) {
 TEST_F(CrashTest, ReportNamesAddressOfBusError) {
   const std::string file = folder_ / "mapped";
   tests::writeText(file, "x");
-  expectKilledBy(SIGBUS, Crash([&] {
+  expectKilledBy(SIGBUS, crash([&] {
                    const int fd = open(file.c_str(), O_RDWR);
                    auto* const page =
                        static_cast<volatile char*>(mmap(nullptr, 1, PROT_READ, MAP_SHARED, fd, 0));
@@ -138,7 +138,7 @@ int recurse(volatile char* above, const volatile bool& goOn) {
 }
 
 TEST_F(CrashTest, StackOverflowIsReported) {
-  expectKilledBy(SIGSEGV, Crash([] {
+  expectKilledBy(SIGSEGV, crash([] {
                    volatile char top = 0;
                    const volatile bool forEver = true;
                    recurse(&top, forEver);
@@ -150,7 +150,7 @@ class EachSignal : public CrashTest, public testing::WithParamInterface<int> {};
 
 TEST_P(EachSignal, IsReportedAndTakesDefaultAction) {
   const int number = GetParam();
-  expectKilledBy(number, Crash([number] { raise(number); }));
+  expectKilledBy(number, crash([number] { raise(number); }));
   EXPECT_THAT(Report(), HasSubstr("Crashed by signal " + std::to_string(number) + " ("));
   EXPECT_THAT(Report(), Not(HasSubstr("fault address"))) << "it was sent";
 }
@@ -162,7 +162,7 @@ INSTANTIATE_TEST_SUITE_P(CrashTest, EachSignal,
 TEST_F(CrashTest, OldReportOfSameNumberIsReplacedAndLinkNotFollowed) {
   const std::string victim = folder_ / "victim";
   tests::writeText(victim, "precious");
-  Crash([&] {
+  crash([&] {
     const std::string report = folder_ / ("kova_crash." + std::to_string(getpid()));
     if (symlink(victim.c_str(), report.c_str()) == 0) forceCrash();
   });
@@ -172,7 +172,7 @@ TEST_F(CrashTest, OldReportOfSameNumberIsReplacedAndLinkNotFollowed) {
 
 TEST_F(CrashTest, ReportGoesToSystemLogWithoutFolder) {
   reports_ = folder_ / "missing";
-  expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
+  expectKilledBy(SIGABRT, crash([] { forceCrash(); }));
   EXPECT_THAT(log_.Received(), HasSubstr("Crashed by signal 6"));
 }
 
@@ -192,7 +192,7 @@ TEST_F(CrashTest, StalledSystemLogDoesNotBlockReport) {
 
 TEST_F(CrashTest, ReportGoesToFileWithoutSystemLog) {
   unlink(socketPath_.c_str());
-  expectKilledBy(SIGABRT, Crash([] { forceCrash(); }));
+  expectKilledBy(SIGABRT, crash([] { forceCrash(); }));
   EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
 }
 
@@ -203,10 +203,10 @@ TEST(InstallCrashDumpHandler, RefusesTooLongPath) {
 
 TEST(CrashText, WritesNumbersAndTruncates) {
   CrashText<64> text;
-  text.AppendNumber(0).Append(" ").AppendNumber(UINT64_MAX).Append(" ").AppendHex(0xdeadbeef01);
-  EXPECT_EQ("0 18446744073709551615 deadbeef01", text.View());
+  text.appendNumber(0).append(" ").appendNumber(UINT64_MAX).append(" ").appendHex(0xdeadbeef01);
+  EXPECT_EQ("0 18446744073709551615 deadbeef01", text.view());
   CrashText<5> little;
-  EXPECT_STREQ("abcd", little.Append("abc").Append("def").Append("g").Text());
+  EXPECT_STREQ("abcd", little.append("abc").append("def").append("g").text());
 }
 
 }  // namespace

@@ -27,19 +27,19 @@ class EndDaemonTest : public testing::Test {
 
   std::string Script() const { return folder_ / "script"; }
   /// Starts a script with its folder as the first argument and waits for its `ready` file.
-  bool Start(const std::string& body) {
+  bool start(const std::string& body) {
     writeScript(folder_, "script", body);
     return runDaemon(nullptr, nullptr, nullptr, Script(), 1, folder_.path().c_str()) &&
-           eventually([&] { return !NumbersIn("ready").empty(); });
+           eventually([&] { return !numbersIn("ready").empty(); });
   }
-  std::vector<pid_t> NumbersIn(const std::string& name) const {
+  std::vector<pid_t> numbersIn(const std::string& name) const {
     std::ifstream file(folder_ / name);
     return {std::istream_iterator<pid_t>(file), {}};
   }
 
   /// Whether a program ends when the process that has started it, once it was prepared, is killed.
   template <typename Prepare>
-  bool EndsWithItsOwner(Prepare prepare) {
+  bool endsWithItsOwner(Prepare prepare) {
     writeScript(folder_, "script",
                 "echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60");
     const pid_t owner = fork();
@@ -48,8 +48,8 @@ class EndDaemonTest : public testing::Test {
       runDaemon(nullptr, nullptr, nullptr, Script(), 1, folder_.path().c_str());
       pause();
     }
-    EXPECT_TRUE(eventually([&] { return !NumbersIn("ready").empty(); }));
-    const pid_t program = NumbersIn("ready").at(0);
+    EXPECT_TRUE(eventually([&] { return !numbersIn("ready").empty(); }));
+    const pid_t program = numbersIn("ready").at(0);
     EXPECT_TRUE(isRunning(program));
     kill(owner, SIGKILL);
     waitpid(owner, nullptr, 0);
@@ -64,13 +64,13 @@ class EndDaemonTest : public testing::Test {
 TEST_F(EndDaemonTest, EndsProgramAndItsDescendants) {
   // One in the background, one in its own session and one orphan, all ignoring SIGTERM.
   ASSERT_TRUE(
-      Start("trap '' TERM HUP\ncd \"$1\"\n"
+      start("trap '' TERM HUP\ncd \"$1\"\n"
             "sleep 60 & a=$!\n"
             "setsid sleep 60 & b=$!\n"
             "(setsid sh -c 'echo $$ >left; exec sleep 60' &)\n"
             "until [ -s left ]; do sleep 0.01; done\n"
             "echo $$ $a $b $(cat left) >new; mv new ready\nwait"));
-  const std::vector<pid_t> all = NumbersIn("ready");
+  const std::vector<pid_t> all = numbersIn("ready");
   ASSERT_EQ(all.size(), 4U);
   for (const pid_t pid : all) EXPECT_TRUE(isRunning(pid)) << pid;
   const std::uint64_t before = nowMs();
@@ -80,16 +80,16 @@ TEST_F(EndDaemonTest, EndsProgramAndItsDescendants) {
 }
 
 TEST_F(EndDaemonTest, EndsDescendantsOfEndedProgram) {
-  ASSERT_TRUE(Start("cd \"$1\"; sleep 60 & echo $! >new; mv new ready"));
-  const pid_t left = NumbersIn("ready").at(0);
+  ASSERT_TRUE(start("cd \"$1\"; sleep 60 & echo $! >new; mv new ready"));
+  const pid_t left = numbersIn("ready").at(0);
   endDaemon(Script());
   EXPECT_FALSE(isRunning(left));
 }
 
 TEST_F(EndDaemonTest, SparesOtherPrograms) {
-  ASSERT_TRUE(Start("echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  ASSERT_TRUE(start("echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
   endDaemon("/bin/sleep");
-  EXPECT_TRUE(isRunning(NumbersIn("ready").at(0)));
+  EXPECT_TRUE(isRunning(numbersIn("ready").at(0)));
 }
 
 std::size_t openDescriptors() {
@@ -107,40 +107,40 @@ TEST_F(EndDaemonTest, EndedProgramsLeaveNoDescriptors) {
 }
 
 TEST_F(EndDaemonTest, ProgramsEndWithStartingProcess) {
-  EXPECT_TRUE(EndsWithItsOwner([] {}));
+  EXPECT_TRUE(endsWithItsOwner([] {}));
 }
 
 TEST_F(EndDaemonTest, ProgramsEndWithOwnerWithoutStandardStreams) {
-  EXPECT_TRUE(EndsWithItsOwner([] { closefrom(0); }));
+  EXPECT_TRUE(endsWithItsOwner([] { closefrom(0); }));
 }
 
 TEST_F(EndDaemonTest, LeashEndsProgramAfterItsTime) {
   Spawn spawn("/bin/sleep", {"60"}, {});
-  spawn.OwnSession();
+  spawn.ownSession();
   Leash leash;
   pid_t pid = -1;
   const std::uint64_t before = nowMs();
-  ASSERT_EQ(leash.Start(spawn, 200, &pid), 0);
-  EXPECT_TRUE(eventually([&] { return !leash.Holds(); }));
+  ASSERT_EQ(leash.start(spawn, 200, &pid), 0);
+  EXPECT_TRUE(eventually([&] { return !leash.holds(); }));
   EXPECT_GE(nowMs() - before, 200U);
   EXPECT_FALSE(isRunning(pid));
-  leash.LetGo();
-  EXPECT_TRUE(leash.Expired());
+  leash.letGo();
+  EXPECT_TRUE(leash.expired());
 }
 
 TEST_F(EndDaemonTest, LeashIsReleasedWithProgram) {
   Spawn spawn("/bin/true", {}, {});
   Leash leash;
   pid_t pid = -1;
-  ASSERT_EQ(leash.Start(spawn, 10'000, &pid), 0);
-  EXPECT_TRUE(eventually([&] { return !leash.Holds(); }));
-  leash.LetGo();
-  EXPECT_FALSE(leash.Expired());
+  ASSERT_EQ(leash.start(spawn, 10'000, &pid), 0);
+  EXPECT_TRUE(eventually([&] { return !leash.holds(); }));
+  leash.letGo();
+  EXPECT_FALSE(leash.expired());
 }
 
 TEST_F(EndDaemonTest, SupervisorOutlivesSignalToOwner) {
-  ASSERT_TRUE(Start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
-  const pid_t supervisor = NumbersIn("ready").at(0);
+  ASSERT_TRUE(start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  const pid_t supervisor = numbersIn("ready").at(0);
   kill(supervisor, SIGTERM);
   kill(supervisor, SIGHUP);
   sleepMs(50);

@@ -176,7 +176,7 @@ TEST_F(FileTest, OperationsOnClosedFileFail) {
   unsigned char byte = 0;
   EXPECT_FALSE(file.ReadBuffer(&byte, 1));
   EXPECT_FALSE(file.WriteString(""));
-  EXPECT_FALSE(file.Seek(0));
+  EXPECT_FALSE(file.seek(0));
   EXPECT_FALSE(file.Close());
   EXPECT_EQ(errno, EBADF);
 }
@@ -195,13 +195,13 @@ TEST_F(FileTest, SeekingMovesCursorWithinFile) {
   File file;
   ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
   unsigned char byte = 0;
-  ASSERT_TRUE(file.Seek(7));
+  ASSERT_TRUE(file.seek(7));
   ASSERT_TRUE(file.ReadBuffer(&byte, 1));
   EXPECT_EQ(byte, '7');
   EXPECT_EQ(file.Cursor(), 8U);
-  EXPECT_FALSE(file.Seek(11));
+  EXPECT_FALSE(file.seek(11));
   EXPECT_EQ(errno, EINVAL);
-  EXPECT_TRUE(file.Seek(10));
+  EXPECT_TRUE(file.seek(10));
   EXPECT_TRUE(file.IsEOF());
 }
 

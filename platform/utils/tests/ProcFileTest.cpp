@@ -15,20 +15,20 @@ namespace {
 using tests::TemporaryFolder;
 using tests::writeText;
 
-constexpr auto kOnePiece = ProcFile::Form::kOnePiece;
-constexpr auto kRecords = ProcFile::Form::kRecords;
+constexpr auto OnePiece = ProcFile::Form::OnePiece;
+constexpr auto Records = ProcFile::Form::Records;
 
 TEST(ProcFileTest, ReadsMoreThanItsBuffer) {
   const TemporaryFolder folder;
   for (const std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 100000U}) {
     const std::string content(size, 'x');
     writeText(folder / "file", content);
-    for (const auto form : {kOnePiece, kRecords}) {
+    for (const auto form : {OnePiece, Records}) {
       ProcFile file(folder / "file", form);
       std::string_view text;
-      ASSERT_EQ(0, file.Read(text));
+      ASSERT_EQ(0, file.read(text));
       EXPECT_EQ(content, text);
-      ASSERT_EQ(0, file.Read(text));
+      ASSERT_EQ(0, file.read(text));
       EXPECT_EQ(content, text);
     }
   }
@@ -37,13 +37,13 @@ TEST(ProcFileTest, ReadsMoreThanItsBuffer) {
 TEST(ProcFileTest, EveryReadOfOpenFileIsFresh) {
   char before[16] = {};
   prctl(PR_GET_NAME, before);
-  ProcFile file("/proc/thread-self/comm", kOnePiece);
+  ProcFile file("/proc/thread-self/comm", OnePiece);
   std::string_view text;
   prctl(PR_SET_NAME, "longer name");
-  EXPECT_EQ(0, file.Read(text));
+  EXPECT_EQ(0, file.read(text));
   EXPECT_EQ("longer name\n", text);
   prctl(PR_SET_NAME, "short");
-  EXPECT_EQ(0, file.Read(text));
+  EXPECT_EQ(0, file.read(text));
   EXPECT_EQ("short\n", text);
   prctl(PR_SET_NAME, before);
 }
@@ -52,24 +52,24 @@ TEST(ProcFileTest, ReadsAllRecordsOfLongList) {
   std::ifstream whole("/proc/kallsyms");
   const std::string expected{std::istreambuf_iterator<char>(whole), {}};
   if (expected.size() < 10000) GTEST_SKIP() << "this kernel lists no symbols";
-  ProcFile file("/proc/kallsyms", kRecords);
+  ProcFile file("/proc/kallsyms", Records);
   std::string_view text;
-  ASSERT_EQ(0, file.Read(text));
+  ASSERT_EQ(0, file.read(text));
   EXPECT_EQ(expected.size(), text.size());
 }
 
 TEST(ProcFileTest, ReportsFailureAndTriesAgain) {
   const TemporaryFolder folder;
-  ProcFile file(folder / "file", kOnePiece);
+  ProcFile file(folder / "file", OnePiece);
   std::string_view text = "old";
-  EXPECT_EQ(ENOENT, file.Open());
-  EXPECT_EQ(ENOENT, file.Read(text));
+  EXPECT_EQ(ENOENT, file.open());
+  EXPECT_EQ(ENOENT, file.read(text));
   EXPECT_EQ("", text);
   writeText(folder / "file", "now");
-  EXPECT_EQ(0, file.Read(text));
+  EXPECT_EQ(0, file.read(text));
   EXPECT_EQ("now", text);
-  ProcFile notAFile(folder.path(), kOnePiece);
-  EXPECT_EQ(EISDIR, notAFile.Read(text));
+  ProcFile notAFile(folder.path(), OnePiece);
+  EXPECT_EQ(EISDIR, notAFile.read(text));
 }
 
 }  // namespace

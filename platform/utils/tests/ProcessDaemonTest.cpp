@@ -30,7 +30,7 @@ class Daemon {
   }
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
-  pid_t Pid() const { return pid_; }
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_;
@@ -121,7 +121,7 @@ class KillByNameTest : public testing::Test {
     return path;
   }
 
-  pid_t Start(const std::string& program) const {
+  pid_t start(const std::string& program) const {
     int pid = -1;
     EXPECT_TRUE(runDaemon(nullptr, nullptr, &pid, program, 1, "60"));
     return pid;
@@ -134,15 +134,15 @@ class KillByNameTest : public testing::Test {
 TEST_F(KillByNameTest, SignalsEveryProcessOfLongName) {
   ASSERT_GT(unique_.size(), 15U);
   const std::string program = Program(unique_);
-  const Daemon first(Start(program));
-  const Daemon second(Start(program));
+  const Daemon first(start(program));
+  const Daemon second(start(program));
   EXPECT_EQ(2, kill_process_by_name(unique_, SIGTERM));
-  EXPECT_TRUE(eventually([&] { return !isRunning(first.Pid()) && !isRunning(second.Pid()); }));
+  EXPECT_TRUE(eventually([&] { return !isRunning(first.pid()) && !isRunning(second.pid()); }));
   EXPECT_TRUE(eventually([&] { return kill_process_by_name(unique_, 0) == 0; }));
 }
 
 TEST_F(KillByNameTest, ComparesWholeNames) {
-  const Daemon daemon(Start(Program(unique_)));
+  const Daemon daemon(start(Program(unique_)));
   EXPECT_EQ(0, kill_process_by_name(unique_.substr(0, 15), SIGTERM));
   EXPECT_EQ(0, kill_process_by_name(unique_ + "x", SIGTERM));
   EXPECT_EQ(0, kill_process_by_name(folder_ / unique_, SIGTERM));
@@ -163,7 +163,7 @@ TEST_F(KillByNameTest, FindsProgramThatRenamedItself) {
 
 TEST_F(KillByNameTest, FindsProgramWithDeletedFile) {
   const std::string program = Program(unique_);
-  const Daemon daemon(Start(program));
+  const Daemon daemon(start(program));
   std::filesystem::remove(program);
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
 }

@@ -26,12 +26,12 @@ constexpr unsigned kLongMs = 20000;
 
 class SysExecTest : public testing::Test {
  protected:
-  int Run(const std::string& program, const std::vector<std::string>& arguments = {},
+  int run(const std::string& program, const std::vector<std::string>& arguments = {},
           const std::string& input = "") {
     return sysExec(program, arguments, input, out_, err_, timeoutMs_, graceMs_, captureKiB_);
   }
-  int RunScript(const std::string& body, const std::string& input = "") {
-    return Run(writeScript(folder_, "script", body), {}, input);
+  int runScript(const std::string& body, const std::string& input = "") {
+    return run(writeScript(folder_, "script", body), {}, input);
   }
 
   TemporaryFolder folder_;
@@ -43,38 +43,38 @@ class SysExecTest : public testing::Test {
 };
 
 TEST_F(SysExecTest, CapturesBothStreamsAndStatus) {
-  EXPECT_EQ(3, RunScript("echo out; echo err >&2; exit 3"));
+  EXPECT_EQ(3, runScript("echo out; echo err >&2; exit 3"));
   EXPECT_EQ("out\n", out_);
   EXPECT_EQ("err\n", err_);
 }
 
 TEST_F(SysExecTest, PassesArgumentsWholeWithoutShell) {
-  EXPECT_EQ(0, Run("/usr/bin/printf", {"[%s]", "a b", "", "$(id)", "'; ls", "*"}));
+  EXPECT_EQ(0, run("/usr/bin/printf", {"[%s]", "a b", "", "$(id)", "'; ls", "*"}));
   EXPECT_EQ("[a b][][$(id)]['; ls][*]", out_);
 }
 
 TEST_F(SysExecTest, RefusesArgumentThatCannotBePassedWhole) {
-  EXPECT_EQ(kNotStarted, Run("/bin/echo", {std::string("a\0b", 3)}));
+  EXPECT_EQ(kNotStarted, run("/bin/echo", {std::string("a\0b", 3)}));
   EXPECT_EQ(EINVAL, errno);
   EXPECT_EQ("", out_);
 }
 
 TEST_F(SysExecTest, ClosesInputAfterLastByte) {
-  EXPECT_EQ(0, Run("/bin/cat", {}, "input"));
+  EXPECT_EQ(0, run("/bin/cat", {}, "input"));
   EXPECT_EQ("input", out_);
-  EXPECT_EQ(0, Run("/bin/cat"));
+  EXPECT_EQ(0, run("/bin/cat"));
   EXPECT_EQ("", out_);
 }
 
 TEST_F(SysExecTest, InputBeyondPipeCapacityDoesNotBlock) {
   std::string input(std::size_t{700} * 1024, 'a');
   input.back() = 'z';
-  EXPECT_EQ(0, Run("/bin/cat", {}, input));
+  EXPECT_EQ(0, run("/bin/cat", {}, input));
   EXPECT_EQ(input, out_);
 }
 
 TEST_F(SysExecTest, ChildThatIgnoresInputIsHarmless) {
-  EXPECT_EQ(0, RunScript("exec <&-; echo done", std::string(std::size_t{1024} * 1024, 'x')));
+  EXPECT_EQ(0, runScript("exec <&-; echo done", std::string(std::size_t{1024} * 1024, 'x')));
   EXPECT_EQ("done\n", out_);
   sigset_t pending;
   sigpending(&pending);
@@ -88,7 +88,7 @@ TEST_F(SysExecTest, EarlierSigPipeStaysPending) {
   sigaddset(&sigpipe, SIGPIPE);
   ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &sigpipe, &previous));
   raise(SIGPIPE);
-  EXPECT_EQ(0, RunScript("exec <&-", std::string(std::size_t{1024} * 1024, 'x')));
+  EXPECT_EQ(0, runScript("exec <&-", std::string(std::size_t{1024} * 1024, 'x')));
   const timespec atOnce{};
   EXPECT_EQ(SIGPIPE, sigtimedwait(&sigpipe, nullptr, &atOnce));
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
@@ -100,46 +100,46 @@ TEST_F(SysExecTest, UnreadInputIsClosed) {
       "while ls -l /proc/$PPID/fd | grep -qF \"$pipe\"; do\n"
       "  left=$((left - 1)); [ $left -gt 0 ] || exit 9; sleep 0.02\n"
       "done";
-  EXPECT_EQ(0, RunScript(untilClosedHere, std::string(std::size_t{1024} * 1024, 'x')));
+  EXPECT_EQ(0, runScript(untilClosedHere, std::string(std::size_t{1024} * 1024, 'x')));
 }
 
 TEST_F(SysExecTest, KeepsOnlyRequestedOutputAndDrainsRest) {
   captureKiB_ = 128;
-  EXPECT_EQ(0, RunScript("head -c 10485760 /dev/zero; echo all printed >&2"));
+  EXPECT_EQ(0, runScript("head -c 10485760 /dev/zero; echo all printed >&2"));
   EXPECT_EQ(128U * 1024U, out_.size());
   EXPECT_EQ("all printed\n", err_);
 }
 
 TEST_F(SysExecTest, KeepsOneMegabyteOfBothStreams) {
-  EXPECT_EQ(0, RunScript("head -c 1048576 /dev/zero & head -c 1048576 /dev/zero >&2; wait"));
+  EXPECT_EQ(0, runScript("head -c 1048576 /dev/zero & head -c 1048576 /dev/zero >&2; wait"));
   EXPECT_EQ(1024U * 1024U, out_.size());
   EXPECT_EQ(1024U * 1024U, err_.size());
 }
 
 TEST_F(SysExecTest, DeathBySignalFails) {
-  EXPECT_EQ(128 + SIGSEGV, RunScript("kill -SEGV $$"));
+  EXPECT_EQ(128 + SIGSEGV, runScript("kill -SEGV $$"));
 }
 
 TEST_F(SysExecTest, ReportsProgramThatCannotStart) {
-  EXPECT_EQ(kNotStarted, Run(folder_ / "missing"));
+  EXPECT_EQ(kNotStarted, run(folder_ / "missing"));
   EXPECT_EQ(ENOENT, errno);
   EXPECT_EQ("", out_);
   EXPECT_EQ("", err_);
   writeText(folder_ / "plain", "#!/bin/sh\n");
-  EXPECT_EQ(kNotStarted, Run(folder_ / "plain"));
+  EXPECT_EQ(kNotStarted, run(folder_ / "plain"));
   EXPECT_EQ(EACCES, errno);
   writeText(folder_ / "garbage", "\x01\x02\x03");
   chmod((folder_ / "garbage").c_str(), 0755);
-  EXPECT_EQ(kNotStarted, Run(folder_ / "garbage"));
+  EXPECT_EQ(kNotStarted, run(folder_ / "garbage"));
   EXPECT_EQ(ENOEXEC, errno);
-  EXPECT_EQ(kNotStarted, Run(""));
+  EXPECT_EQ(kNotStarted, run(""));
 }
 
 TEST_F(SysExecTest, TerminatesHangingChild) {
   timeoutMs_ = 100;
   graceMs_ = kLongMs;
   const std::uint64_t before = nowMs();
-  EXPECT_EQ(128 + SIGTERM, Run("/bin/sleep", {"60"}));
+  EXPECT_EQ(128 + SIGTERM, run("/bin/sleep", {"60"}));
   EXPECT_LT(nowMs() - before, 10000U);
 }
 
@@ -147,7 +147,7 @@ TEST_F(SysExecTest, KillsChildThatIgnoresSigterm) {
   timeoutMs_ = 200;
   graceMs_ = 200;
   const std::uint64_t before = nowMs();
-  EXPECT_EQ(128 + SIGKILL, RunScript("trap '' TERM; echo ready; while :; do sleep 1; done"));
+  EXPECT_EQ(128 + SIGKILL, runScript("trap '' TERM; echo ready; while :; do sleep 1; done"));
   EXPECT_GE(nowMs() - before, 400U);
   EXPECT_LT(nowMs() - before, 10000U);
   EXPECT_EQ("ready\n", out_);
@@ -156,18 +156,18 @@ TEST_F(SysExecTest, KillsChildThatIgnoresSigterm) {
 TEST_F(SysExecTest, KillsAtOnceWithoutGrace) {
   timeoutMs_ = 50;
   graceMs_ = 0;
-  EXPECT_EQ(128 + SIGKILL, Run("/bin/sleep", {"60"}));
+  EXPECT_EQ(128 + SIGKILL, run("/bin/sleep", {"60"}));
 }
 
 TEST_F(SysExecTest, EndlessOutputMeetsTimeout) {
   timeoutMs_ = 100;
-  EXPECT_EQ(128 + SIGKILL, Run("/usr/bin/yes"));
+  EXPECT_EQ(128 + SIGKILL, run("/usr/bin/yes"));
   EXPECT_EQ(kKeepKiB * 1024U, out_.size());
 }
 
 TEST_F(SysExecTest, TimeoutReachesGrandchildren) {
   timeoutMs_ = 300;
-  EXPECT_EQ(128 + SIGKILL, RunScript("sleep 60 & echo $!; wait"));
+  EXPECT_EQ(128 + SIGKILL, runScript("sleep 60 & echo $!; wait"));
   const int grandchild = std::stoi(out_);
   const std::uint64_t deadline = nowMs() + 10000;
   // Init may not have reaped it yet: a zombie has no command line.
@@ -180,20 +180,20 @@ TEST_F(SysExecTest, TimeoutReachesGrandchildren) {
 
 TEST_F(SysExecTest, DoesNotWaitForProgramsLeftRunning) {
   const std::uint64_t before = nowMs();
-  EXPECT_EQ(0, RunScript("sleep 60 & echo $!"));
+  EXPECT_EQ(0, runScript("sleep 60 & echo $!"));
   EXPECT_LT(nowMs() - before, 10000U);
   const int grandchild = std::stoi(out_);
   EXPECT_EQ(0, kill(grandchild, SIGKILL));
 }
 
 TEST_F(SysExecTest, WaitsForChildThatClosedOutput) {
-  EXPECT_EQ(9, RunScript("exec >&- 2>&-; sleep 0.1; exit 9"));
+  EXPECT_EQ(9, runScript("exec >&- 2>&-; sleep 0.1; exit 9"));
 }
 
 TEST_F(SysExecTest, ChildInheritsOnlyThreeStreams) {
   const int leaked = fcntl(STDERR_FILENO, F_DUPFD, 100);  // on purpose without close-on-exec
   ASSERT_GE(leaked, 100);
-  EXPECT_EQ(0, Run("/bin/ls", {"/proc/self/fd"}));
+  EXPECT_EQ(0, run("/bin/ls", {"/proc/self/fd"}));
   close(leaked);
   EXPECT_EQ("0\n1\n2\n3\n", out_);  // the last is the listed folder
 }
@@ -205,7 +205,7 @@ TEST_F(SysExecTest, ChildHasDefaultSignalHandling) {
   sigaddset(&blocked, SIGUSR1);
   sigprocmask(SIG_BLOCK, &blocked, &previous);
   const auto ignored = signal(SIGUSR2, SIG_IGN);
-  EXPECT_EQ(0, Run("/bin/grep", {"-E", "^Sig(Blk|Ign):", "/proc/self/status"}));
+  EXPECT_EQ(0, run("/bin/grep", {"-E", "^Sig(Blk|Ign):", "/proc/self/status"}));
   signal(SIGUSR2, ignored);
   sigprocmask(SIG_SETMASK, &previous, nullptr);
   // The C library reserves signals 32 and 33.
@@ -224,7 +224,7 @@ TEST_F(SysExecTest, InterruptionsAreHarmless) {
   const itimerval never{};
   setitimer(ITIMER_REAL, &every2Ms, nullptr);
   const std::string input(std::size_t{300} * 1024, 'i');
-  const int captured = Run("/bin/cat", {}, input);
+  const int captured = run("/bin/cat", {}, input);
   const int plain = sysExecSimple("/bin/sleep", "0.1");
   setitimer(ITIMER_REAL, &never, nullptr);
   sigaction(SIGALRM, &previous, nullptr);
@@ -249,7 +249,7 @@ int withoutStandardStreams(Body body) {
 TEST_F(SysExecTest, WorksWithoutStandardStreamsOfCaller) {
   const std::string script = writeScript(folder_, "script", "cat; echo err >&2; exit 4");
   EXPECT_EQ(0, withoutStandardStreams([&] {
-              if (Run(script, {}, "in") != 4) return 1;
+              if (run(script, {}, "in") != 4) return 1;
               if (out_ != "in" || err_ != "err\n") return 2;
               return sysExecSimple("/bin/true") == 0 ? 0 : 3;
             }));
@@ -258,7 +258,7 @@ TEST_F(SysExecTest, WorksWithoutStandardStreamsOfCaller) {
 TEST(PipeTest, AvoidsNumbersOfStandardStreams) {
   EXPECT_EQ(0, withoutStandardStreams([] {
               Pipe pipe;
-              return pipe.Open() && pipe.read.Get() > 2 && pipe.write.Get() > 2 ? 0 : 1;
+              return pipe.open() && pipe.read.get() > 2 && pipe.write.get() > 2 ? 0 : 1;
             }));
 }
 

@@ -28,7 +28,7 @@ class ServiceManagerTest : public testing::Test {
  protected:
   using Variables = std::map<std::string, std::string>;
 
-  void Listen(const std::string& path) {
+  void listen(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
@@ -37,11 +37,12 @@ class ServiceManagerTest : public testing::Test {
     }
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
     socket_ = UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    ASSERT_EQ(bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
   }
 
   // What a process with these variables tells in `act`.
-  std::vector<std::string> Told(const Variables& variables, const std::function<void()>& act) {
+  std::vector<std::string> notifications(const Variables& variables,
+                                         const std::function<void()>& act) {
     const pid_t child = fork();
     if (child == 0) {
       for (const auto& [name, value] : variables) {
@@ -55,17 +56,17 @@ class ServiceManagerTest : public testing::Test {
     EXPECT_EQ(status, 0);
     std::vector<std::string> told;
     char text[64];
-    for (ssize_t got = 0; (got = recv(socket_.Get(), text, sizeof text, 0)) >= 0;) {
+    for (ssize_t got = 0; (got = recv(socket_.get(), text, sizeof text, 0)) >= 0;) {
       told.emplace_back(text, static_cast<std::size_t>(got));
     }
     return told;
   }
 
-  std::string Path() const { return folder_ / "notify"; }
+  std::string path() const { return folder_ / "notify"; }
   // The same without the first "READY=1".
-  std::vector<std::string> ToldOnceReady(const Variables& variables,
+  std::vector<std::string> toldOnceReady(const Variables& variables,
                                          const std::function<void()>& act) {
-    auto told = Told(variables, [&act] {
+    auto told = notifications(variables, [&act] {
       notifyReady();
       act();
     });
@@ -76,29 +77,29 @@ class ServiceManagerTest : public testing::Test {
     }
     return told;
   }
-  std::vector<std::string> ToldAlive(const std::string& watchdogUs,
+  std::vector<std::string> toldAlive(const std::string& watchdogUs,
                                      const std::function<void()>& act) {
-    return ToldOnceReady({{"NOTIFY_SOCKET", Path()}, {"WATCHDOG_USEC", watchdogUs}}, act);
+    return toldOnceReady({{"NOTIFY_SOCKET", path()}, {"WATCHDOG_USEC", watchdogUs}}, act);
   }
 
   // Fills the queue of the socket, so that it takes nothing more; returns how many it holds.
-  std::size_t Fill() {
+  std::size_t fill() {
     const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = Path();
-    std::memcpy(address.sun_path, path.data(), path.size());
+    const std::string file = path();
+    std::memcpy(address.sun_path, file.data(), file.size());
     std::size_t count = 0;
-    while (count < 100'000 && sendto(sender.Get(), "x", 1, 0, reinterpret_cast<sockaddr*>(&address),
+    while (count < 100'000 && sendto(sender.get(), "x", 1, 0, reinterpret_cast<sockaddr*>(&address),
                                      sizeof address) == 1) {
       ++count;
     }
     EXPECT_EQ(errno, EAGAIN);
     return count;
   }
-  void TakeAll() {
+  void takeAll() {
     char text[64];
-    while (recv(socket_.Get(), text, sizeof text, 0) >= 0) {
+    while (recv(socket_.get(), text, sizeof text, 0) >= 0) {
     }
   }
 
@@ -113,30 +114,33 @@ class ServiceManagerTest : public testing::Test {
 };
 
 TEST_F(ServiceManagerTest, ReadyIsTold) {
-  Listen(Path());
-  EXPECT_EQ(Told({{"NOTIFY_SOCKET", Path()}}, notifyReady), std::vector<std::string>{"READY=1"});
+  listen(path());
+  EXPECT_EQ(notifications({{"NOTIFY_SOCKET", path()}}, notifyReady),
+            std::vector<std::string>{"READY=1"});
 }
 
 TEST_F(ServiceManagerTest, AbstractSocketIsToldToo) {
   const std::string name = "@kova-test-" + std::to_string(getpid());
-  Listen(name);
-  EXPECT_EQ(Told({{"NOTIFY_SOCKET", name}}, notifyReady), std::vector<std::string>{"READY=1"});
+  listen(name);
+  EXPECT_EQ(notifications({{"NOTIFY_SOCKET", name}}, notifyReady),
+            std::vector<std::string>{"READY=1"});
 }
 
 TEST_F(ServiceManagerTest, NothingIsToldWithoutSocket) {
-  Listen(Path());
+  listen(path());
   const auto act = [] {
     unsetenv("NOTIFY_SOCKET");
     notifyReady();
     notifyAlive();
   };
-  EXPECT_TRUE(Told({{"WATCHDOG_USEC", "1000"}}, act).empty());
-  EXPECT_TRUE(Told({{"NOTIFY_SOCKET", ""}, {"WATCHDOG_USEC", "1000"}}, notifyReady).empty());
+  EXPECT_TRUE(notifications({{"WATCHDOG_USEC", "1000"}}, act).empty());
+  EXPECT_TRUE(
+      notifications({{"NOTIFY_SOCKET", ""}, {"WATCHDOG_USEC", "1000"}}, notifyReady).empty());
 }
 
 TEST_F(ServiceManagerTest, UnusableSocketIsLoggedOnce) {
   for (const std::string& socket :
-       {Path(), std::string("relative"), std::string("vsock:1:2"), "/" + std::string(200, 'x')}) {
+       {path(), std::string("relative"), std::string("vsock:1:2"), "/" + std::string(200, 'x')}) {
     const auto act = [] {
       tests::records.clear();
       notifyReady();
@@ -147,40 +151,41 @@ TEST_F(ServiceManagerTest, UnusableSocketIsLoggedOnce) {
       }
     };
     SCOPED_TRACE(socket);
-    EXPECT_TRUE(Told({{"NOTIFY_SOCKET", socket}}, act).empty());
+    EXPECT_TRUE(notifications({{"NOTIFY_SOCKET", socket}}, act).empty());
   }
 }
 
 TEST_F(ServiceManagerTest, ReadyIsRepeatedUntilTaken) {
-  Listen(Path());
-  ASSERT_GT(Fill(), 0U);
+  listen(path());
+  ASSERT_GT(fill(), 0U);
   const auto act = [this] {
     notifyReady();
-    TakeAll();  // in the child, which shares the socket
+    takeAll();  // in the child, which shares the socket
     callFor(700);
   };
   for (const char* watchdogUs : {"", "60000000"}) {
-    const auto told = Told({{"NOTIFY_SOCKET", Path()}, {"WATCHDOG_USEC", watchdogUs}}, act);
+    const auto told =
+        notifications({{"NOTIFY_SOCKET", path()}, {"WATCHDOG_USEC", watchdogUs}}, act);
     EXPECT_EQ(std::count(told.begin(), told.end(), "READY=1"), 1) << watchdogUs;
-    ASSERT_GT(Fill(), 0U);
+    ASSERT_GT(fill(), 0U);
   }
 }
 
 TEST_F(ServiceManagerTest, LongWaitRepeatsReady) {
-  Listen(Path());
-  ASSERT_GT(Fill(), 0U);
-  const auto told = Told({{"NOTIFY_SOCKET", Path()}}, [this] {
+  listen(path());
+  ASSERT_GT(fill(), 0U);
+  const auto told = notifications({{"NOTIFY_SOCKET", path()}}, [this] {
     notifyReady();
-    TakeAll();
+    takeAll();
     sleepAliveMs(1000);
   });
   EXPECT_EQ(told, std::vector<std::string>{"READY=1"});
 }
 
 TEST_F(ServiceManagerTest, ProgramsDoNotInheritVariables) {
-  Listen(Path());
+  listen(path());
   const Variables variables{
-      {"NOTIFY_SOCKET", Path()}, {"WATCHDOG_USEC", "1000000"}, {"WATCHDOG_PID", "1"}};
+      {"NOTIFY_SOCKET", path()}, {"WATCHDOG_USEC", "1000000"}, {"WATCHDOG_PID", "1"}};
   const auto act = [] {
     notifyReady();
     std::string out;
@@ -191,28 +196,28 @@ TEST_F(ServiceManagerTest, ProgramsDoNotInheritVariables) {
                        out.find("WATCHDOG_") == std::string::npos;
     _exit(ran && clean ? 0 : 1);
   };
-  EXPECT_EQ(Told(variables, act), std::vector<std::string>{"READY=1"});
+  EXPECT_EQ(notifications(variables, act), std::vector<std::string>{"READY=1"});
 }
 
 TEST_F(ServiceManagerTest, AliveIsToldAtHalfTime) {
-  Listen(Path());
-  const auto told = ToldAlive("400000", [] { callFor(900); });
+  listen(path());
+  const auto told = toldAlive("400000", [] { callFor(900); });
   EXPECT_GE(told.size(), 2U);
   EXPECT_LE(told.size(), 5U);
   EXPECT_EQ(told.front(), "WATCHDOG=1");
 }
 
 TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
-  Listen(Path());
+  listen(path());
   for (const char* time : {"", "0", "-1", "x", "1000x", "99999999999999999999"}) {
-    EXPECT_TRUE(ToldAlive(time, [] { callFor(20); }).empty()) << time;
+    EXPECT_TRUE(toldAlive(time, [] { callFor(20); }).empty()) << time;
   }
-  Variables variables{{"NOTIFY_SOCKET", Path()}, {"WATCHDOG_USEC", "1000"}, {"WATCHDOG_PID", "1"}};
-  EXPECT_TRUE(ToldOnceReady(variables, [] { callFor(20); }).empty());
+  Variables variables{{"NOTIFY_SOCKET", path()}, {"WATCHDOG_USEC", "1000"}, {"WATCHDOG_PID", "1"}};
+  EXPECT_TRUE(toldOnceReady(variables, [] { callFor(20); }).empty());
   variables["WATCHDOG_PID"] = "x";
-  EXPECT_TRUE(ToldOnceReady(variables, [] { callFor(20); }).empty());
+  EXPECT_TRUE(toldOnceReady(variables, [] { callFor(20); }).empty());
   variables.erase("WATCHDOG_PID");
-  const auto told = Told(variables, [] {
+  const auto told = notifications(variables, [] {
     setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
     notifyReady();
     callFor(20);
@@ -221,10 +226,10 @@ TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
 }
 
 TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
-  Listen(Path());
+  listen(path());
   constexpr char kWatchdogUs[] = "200000";
-  EXPECT_GE(ToldAlive(kWatchdogUs, [] { sysExecSimple("/bin/sleep", "1"); }).size(), 4U);
-  EXPECT_GE(ToldAlive(kWatchdogUs,
+  EXPECT_GE(toldAlive(kWatchdogUs, [] { sysExecSimple("/bin/sleep", "1"); }).size(), 4U);
+  EXPECT_GE(toldAlive(kWatchdogUs,
                       [] {
                         std::string out;
                         std::string err;
@@ -232,15 +237,15 @@ TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
                       })
                 .size(),
             4U);
-  EXPECT_GE(ToldAlive("1000000", [] { sleepAliveMs(1600); }).size(), 3U);
-  EXPECT_EQ(ToldAlive("1000000", [] { sleepAliveMs(-1); }).size(), 0U);
+  EXPECT_GE(toldAlive("1000000", [] { sleepAliveMs(1600); }).size(), 3U);
+  EXPECT_EQ(toldAlive("1000000", [] { sleepAliveMs(-1); }).size(), 0U);
 }
 
 // Its queue holds some hundred messages at most, see net.unix.max_dgram_qlen.
 TEST_F(ServiceManagerTest, DeafManagerHoldsNobodyUp) {
-  Listen(Path());
+  listen(path());
   const auto before = nowMs();
-  const auto told = ToldAlive("2", [] {
+  const auto told = toldAlive("2", [] {
     for (int call = 0; call < 2'000; ++call) {
       notifyAlive();
       notifyReady();

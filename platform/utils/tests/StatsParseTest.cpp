@@ -94,9 +94,9 @@ TEST(ParseCpuInfo, NamesImplementerAndPartWithoutBoard) {
 
 class CpuMeterTest : public testing::Test {
  protected:
-  std::vector<std::uint32_t> Update(const std::string& text) {
+  std::vector<std::uint32_t> update(const std::string& text) {
     CpuStats stats{};
-    if (meter_.Update(text, stats) != 0) return {};
+    if (meter_.update(text, stats) != 0) return {};
     return {stats.percent.begin(), stats.percent.begin() + stats.count};
   }
 
@@ -104,66 +104,66 @@ class CpuMeterTest : public testing::Test {
 };
 
 TEST_F(CpuMeterTest, MeasuresBusyTimeBetweenReadings) {
-  EXPECT_EQ((std::vector<std::uint32_t>{25, 100}), Update("cpu  250 0 0 150 0 0 0 0 0 0\n"
+  EXPECT_EQ((std::vector<std::uint32_t>{25, 100}), update("cpu  250 0 0 150 0 0 0 0 0 0\n"
                                                           "cpu0 20 5 0 70 5 0 0 0 0 0\n"
                                                           "cpu1 30 30 30 0 0 5 4 1 0 0\n"
                                                           "intr 12 cpu\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{80, 0}), Update("cpu0 100 5 0 80 15 0 0 0 0 0\n"
+  EXPECT_EQ((std::vector<std::uint32_t>{80, 0}), update("cpu0 100 5 0 80 15 0 0 0 0 0\n"
                                                         "cpu1 30 30 30 50 50 5 4 1 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, KeepsFigureWithinOneTick) {
   const std::string text = "cpu0 30 0 0 70 0 0 0 0\n";
-  EXPECT_EQ((std::vector<std::uint32_t>{30}), Update(text));
-  EXPECT_EQ((std::vector<std::uint32_t>{30}), Update(text));
+  EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
+  EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
 }
 
 TEST_F(CpuMeterTest, SurvivesDecreasingCounters) {
-  Update("cpu0 30 0 0 70 50 0 0 0\n");
-  EXPECT_EQ((std::vector<std::uint32_t>{0}), Update("cpu0 20 0 0 170 50 0 0 0\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{0}), Update("cpu0 1 0 0 9 0 0 0 0\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{50}), Update("cpu0 6 0 0 14 0 0 0 0\n"));
+  update("cpu0 30 0 0 70 50 0 0 0\n");
+  EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 20 0 0 170 50 0 0 0\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 1 0 0 9 0 0 0 0\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{50}), update("cpu0 6 0 0 14 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, FollowsProcessorWhenAnotherDisappears) {
-  Update("cpu0 0 0 0 100 0 0 0 0\ncpu1 0 0 0 100 0 0 0 0\ncpu2 100 0 0 0 0 0 0 0\n");
+  update("cpu0 0 0 0 100 0 0 0 0\ncpu1 0 0 0 100 0 0 0 0\ncpu2 100 0 0 0 0 0 0 0\n");
   EXPECT_EQ((std::vector<std::uint32_t>{0, 0, 50}),
-            Update("cpu0 0 0 0 200 0 0 0 0\ncpu2 150 0 0 50 0 0 0 0\n"));
+            update("cpu0 0 0 0 200 0 0 0 0\ncpu2 150 0 0 50 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, KeepsEachFigureAtItsNumber) {
   EXPECT_EQ((std::vector<std::uint32_t>{0, 25, 0, 75}),
-            Update("cpu1 25 0 0 75 0 0 0 0\ncpu3 75 0 0 25 0 0 0 0\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{}), Update("cpu255 1 0 0 1 0 0 0 0\n"));
+            update("cpu1 25 0 0 75 0 0 0 0\ncpu3 75 0 0 25 0 0 0 0\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{}), update("cpu255 1 0 0 1 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, AcceptsFourColumnsOfOldKernels) {
-  EXPECT_EQ((std::vector<std::uint32_t>{40}), Update("cpu0 40 0 0 60\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{40}), update("cpu0 40 0 0 60\n"));
 }
 
 TEST_F(CpuMeterTest, ReportsAtMost255) {
   std::string text = "cpu  1 1 1 1\n";
   for (int i = 0; i < 300; ++i) text += "cpu" + std::to_string(i) + " 1 0 0 1\n";
-  EXPECT_EQ(CpuStats::kMax, Update(text).size());
+  EXPECT_EQ(CpuStats::kMax, update(text).size());
 }
 
 TEST_F(CpuMeterTest, FailsOnOtherText) {
-  EXPECT_TRUE(Update("").empty());
-  EXPECT_TRUE(Update("cpu0 1 2\n").empty());
-  EXPECT_TRUE(Update("cpu0 1 2 3 x\n").empty());
-  EXPECT_TRUE(Update("cpu4294967295 1 2 3 4\n").empty());
+  EXPECT_TRUE(update("").empty());
+  EXPECT_TRUE(update("cpu0 1 2\n").empty());
+  EXPECT_TRUE(update("cpu0 1 2 3 x\n").empty());
+  EXPECT_TRUE(update("cpu4294967295 1 2 3 4\n").empty());
 }
 
 class NetworkMeterTest : public testing::Test {
  protected:
-  static std::string Line(const std::string& name, std::uint64_t rx, std::uint64_t tx) {
+  static std::string line(const std::string& name, std::uint64_t rx, std::uint64_t tx) {
     return name + ": " + std::to_string(rx) + " 1 2 3 4 5 6 7 " + std::to_string(tx) +
            " 8 9 10 11 12 13 14\n";
   }
 
-  NetworkStats Update(const std::string& lines, std::uint64_t timeMs) {
+  NetworkStats update(const std::string& lines, std::uint64_t timeMs) {
     NetworkStats stats{};
-    EXPECT_EQ(0, meter_.Update("Inter-| Receive\n face |bytes\n" + lines, timeMs, stats));
+    EXPECT_EQ(0, meter_.update("Inter-| Receive\n face |bytes\n" + lines, timeMs, stats));
     return stats;
   }
 
@@ -171,8 +171,8 @@ class NetworkMeterTest : public testing::Test {
 };
 
 TEST_F(NetworkMeterTest, SkipsLoopbackAndReadsBothCounters) {
-  const NetworkStats stats = Update(
-      "    lo" + Line("", 1, 2) + "  " + Line("eth0", 26898433, 36411) + Line("wlan0", 5, 6), 1000);
+  const NetworkStats stats = update(
+      "    lo" + line("", 1, 2) + "  " + line("eth0", 26898433, 36411) + line("wlan0", 5, 6), 1000);
   ASSERT_EQ(2, stats.count);
   EXPECT_EQ("eth0", stats.interfaces[0].name);
   EXPECT_EQ(26898433U, stats.interfaces[0].bytesRx);
@@ -181,61 +181,61 @@ TEST_F(NetworkMeterTest, SkipsLoopbackAndReadsBothCounters) {
 }
 
 TEST_F(NetworkMeterTest, RatesAreBytesPerSecondSinceLastReading) {
-  EXPECT_EQ(0U, Update(Line("eth0", 1000, 500), 1000).interfaces[0].dnBps);
-  const NetworkStats stats = Update(Line("eth0", 4000, 1500), 3000);
+  EXPECT_EQ(0U, update(line("eth0", 1000, 500), 1000).interfaces[0].dnBps);
+  const NetworkStats stats = update(line("eth0", 4000, 1500), 3000);
   EXPECT_EQ(1500U, stats.interfaces[0].dnBps);
   EXPECT_EQ(500U, stats.interfaces[0].upBps);
 }
 
 TEST_F(NetworkMeterTest, RatesWithinOneMillisecondLoseNoByte) {
-  Update(Line("eth0", 0, 0), 1000);
-  Update(Line("eth0", 1000, 2000), 2000);
-  const NetworkStats again = Update(Line("eth0", 1500, 2000), 2000);
+  update(line("eth0", 0, 0), 1000);
+  update(line("eth0", 1000, 2000), 2000);
+  const NetworkStats again = update(line("eth0", 1500, 2000), 2000);
   EXPECT_EQ(1500U, again.interfaces[0].bytesRx);
   EXPECT_EQ(1000U, again.interfaces[0].dnBps);
   EXPECT_EQ(2000U, again.interfaces[0].upBps);
-  EXPECT_EQ(1000U, Update(Line("eth0", 2000, 2000), 3000).interfaces[0].dnBps);
+  EXPECT_EQ(1000U, update(line("eth0", 2000, 2000), 3000).interfaces[0].dnBps);
 }
 
 TEST_F(NetworkMeterTest, DecreasingCounterGivesRateZero) {
-  Update(Line("eth0", 5000, 5000), 1000);
-  const NetworkStats stats = Update(Line("eth0", 100, 6000), 2000);
+  update(line("eth0", 5000, 5000), 1000);
+  const NetworkStats stats = update(line("eth0", 100, 6000), 2000);
   EXPECT_EQ(0U, stats.interfaces[0].dnBps);
   EXPECT_EQ(1000U, stats.interfaces[0].upBps);
 }
 
 TEST_F(NetworkMeterTest, FollowsInterfacesByName) {
-  Update(Line("eth0", 0, 0) + Line("eth1", 1000, 0), 1000);
-  const NetworkStats stats = Update(Line("eth1", 3000, 0) + Line("new0", 9999, 0), 2000);
+  update(line("eth0", 0, 0) + line("eth1", 1000, 0), 1000);
+  const NetworkStats stats = update(line("eth1", 3000, 0) + line("new0", 9999, 0), 2000);
   EXPECT_EQ(2000U, stats.interfaces[0].dnBps);
   EXPECT_EQ(0U, stats.interfaces[1].dnBps);
 }
 
 TEST_F(NetworkMeterTest, HugeCountersDoNotOverflow) {
-  Update(Line("eth0", 0, 0), 1000);
-  EXPECT_EQ(UINT64_MAX / 1000U, Update(Line("eth0", UINT64_MAX, 0), 1001000).interfaces[0].dnBps);
+  update(line("eth0", 0, 0), 1000);
+  EXPECT_EQ(UINT64_MAX / 1000U, update(line("eth0", UINT64_MAX, 0), 1001000).interfaces[0].dnBps);
 }
 
 TEST_F(NetworkMeterTest, ReportsAtMost64Interfaces) {
   std::string lines;
-  for (int i = 0; i < 100; ++i) lines += Line("veth" + std::to_string(i), 1, 1);
-  EXPECT_EQ(NetworkStats::kMax, Update(lines, 1000).count);
+  for (int i = 0; i < 100; ++i) lines += line("veth" + std::to_string(i), 1, 1);
+  EXPECT_EQ(NetworkStats::kMax, update(lines, 1000).count);
 }
 
 TEST_F(NetworkMeterTest, FailsOnOtherText) {
   NetworkStats stats{};
-  EXPECT_EQ(EIO, meter_.Update("a\nb\nno colon\n", 1, stats));
-  EXPECT_EQ(EIO, meter_.Update("a\nb\neth0: 1 2 3\n", 1, stats));
-  EXPECT_EQ(EIO, meter_.Update("a\nb\neth0: x 2 3 4 5 6 7 8 9\n", 1, stats));
+  EXPECT_EQ(EIO, meter_.update("a\nb\nno colon\n", 1, stats));
+  EXPECT_EQ(EIO, meter_.update("a\nb\neth0: 1 2 3\n", 1, stats));
+  EXPECT_EQ(EIO, meter_.update("a\nb\neth0: x 2 3 4 5 6 7 8 9\n", 1, stats));
 }
 
 TEST_F(NetworkMeterTest, SucceedsWithoutInterfaces) {
-  EXPECT_EQ(0, Update("", 1000).count);
+  EXPECT_EQ(0, update("", 1000).count);
 }
 
 class BatteryTest : public testing::Test {
  protected:
-  void Supply(const std::string& name, const std::string& type, const std::string& capacity,
+  void supply(const std::string& name, const std::string& type, const std::string& capacity,
               const std::string& status) const {
     std::filesystem::create_directories(folder_ / name);
     writeText(folder_ / (name + "/type"), type + "\n");
@@ -248,8 +248,8 @@ class BatteryTest : public testing::Test {
 };
 
 TEST_F(BatteryTest, IsFoundAmongOtherSupplies) {
-  Supply("AC", "Mains", "", "");
-  Supply("BAT0", "Battery", "83", "Charging");
+  supply("AC", "Mains", "", "");
+  supply("BAT0", "Battery", "83", "Charging");
   ASSERT_TRUE(readBattery(folder_.path(), info_));
   EXPECT_EQ(83U, info_.percentage);
   EXPECT_TRUE(info_.isCharging);
@@ -257,22 +257,22 @@ TEST_F(BatteryTest, IsFoundAmongOtherSupplies) {
 
 TEST_F(BatteryTest, ChargesOnlyIfStatusSaysSo) {
   for (const char* status : {"Full", "Discharging", "Not charging", "Unknown", ""}) {
-    Supply("BAT0", "Battery", "100", status);
+    supply("BAT0", "Battery", "100", status);
     ASSERT_TRUE(readBattery(folder_.path(), info_));
     EXPECT_FALSE(info_.isCharging) << status;
   }
 }
 
 TEST_F(BatteryTest, FirstByNameIsReported) {
-  Supply("b", "Battery", "20", "");
-  Supply("a", "Battery", "10", "");
-  Supply("c", "Battery", "30", "");
+  supply("b", "Battery", "20", "");
+  supply("a", "Battery", "10", "");
+  supply("c", "Battery", "30", "");
   ASSERT_TRUE(readBattery(folder_.path(), info_));
   EXPECT_EQ(10U, info_.percentage);
 }
 
 TEST_F(BatteryTest, NeverExceedsHundredPercent) {
-  Supply("BAT0", "Battery", "104", "");
+  supply("BAT0", "Battery", "104", "");
   ASSERT_TRUE(readBattery(folder_.path(), info_));
   EXPECT_EQ(100U, info_.percentage);
 }
@@ -281,11 +281,11 @@ TEST_F(BatteryTest, FailsWithoutBatteryOrCapacity) {
   EXPECT_FALSE(readBattery(folder_ / "missing", info_));
   EXPECT_EQ(0U, info_.percentage);
   EXPECT_FALSE(readBattery(folder_.path(), info_));
-  Supply("AC", "Mains", "50", "");
+  supply("AC", "Mains", "50", "");
   EXPECT_FALSE(readBattery(folder_.path(), info_));
-  Supply("BAT0", "Battery", "", "Charging");
+  supply("BAT0", "Battery", "", "Charging");
   EXPECT_FALSE(readBattery(folder_.path(), info_));
-  Supply("BAT0", "Battery", "lots", "Charging");
+  supply("BAT0", "Battery", "lots", "Charging");
   EXPECT_FALSE(readBattery(folder_.path(), info_));
 }
 

@@ -50,15 +50,15 @@ class WriteTimeZoneTest : public testing::Test {
     writeText(folders_.zoneinfo + "/UTC", zoneFile("UTC0"));
   }
 
-  bool Write(const std::string& zone) const { return writeTimeZone(zone, folders_); }
+  bool write(const std::string& zone) const { return writeTimeZone(zone, folders_); }
 
-  std::string Localtime() const {
+  std::string localtime() const {
     std::error_code error;
     return std::filesystem::read_symlink(folders_.etc + "/localtime", error);
   }
-  std::string Tz() const { return readText(folders_.etc + "/TZ"); }
+  std::string tz() const { return readText(folders_.etc + "/TZ"); }
 
-  std::vector<std::string> EtcNames() const {
+  std::vector<std::string> etcNames() const {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(folders_.etc)) {
       names.push_back(entry.path().filename());
@@ -67,10 +67,10 @@ class WriteTimeZoneTest : public testing::Test {
   }
 
   /// Expects that Europe/Paris, set before, is still in force and no files are left over.
-  void ExpectParis() const {
-    EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", Localtime());
-    EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", Tz());
-    EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
+  void expectParis() const {
+    EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", localtime());
+    EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", tz());
+    EXPECT_THAT(etcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
   }
 
   TemporaryFolder root_;
@@ -78,46 +78,46 @@ class WriteTimeZoneTest : public testing::Test {
 };
 
 TEST_F(WriteTimeZoneTest, WritesLinkAndRule) {
-  ASSERT_TRUE(Write("Europe/Paris"));
-  ExpectParis();
+  ASSERT_TRUE(write("Europe/Paris"));
+  expectParis();
 }
 
 TEST_F(WriteTimeZoneTest, ReplacesEarlierZone) {
-  ASSERT_TRUE(Write("UTC"));
-  ASSERT_TRUE(Write("Europe/Paris"));
-  ExpectParis();
-  ASSERT_TRUE(Write("Europe/Paris"));
-  ExpectParis();
+  ASSERT_TRUE(write("UTC"));
+  ASSERT_TRUE(write("Europe/Paris"));
+  expectParis();
+  ASSERT_TRUE(write("Europe/Paris"));
+  expectParis();
 }
 
 TEST_F(WriteTimeZoneTest, ReplacesCopiedZoneFile) {
   writeText(folders_.etc + "/localtime", "a copy");
-  ASSERT_TRUE(Write("Europe/Paris"));
-  ExpectParis();
+  ASSERT_TRUE(write("Europe/Paris"));
+  expectParis();
 }
 
 TEST_F(WriteTimeZoneTest, InvalidZoneNameChangesNothing) {
-  ASSERT_TRUE(Write("Europe/Paris"));
+  ASSERT_TRUE(write("Europe/Paris"));
   writeText(root_ / "outside", zoneFile("UTC0"));
   for (const std::string& zone :
        {std::string(), std::string("Europe"), std::string("Europe/"), std::string("/UTC"),
         std::string("../outside"), std::string("Europe/../UTC"), root_ / "outside",
         std::string("Europe/Rome"), std::string("UTC\0", 4), std::string("UTC\n"),
         std::string("U TC"), std::string("."), std::string(5000, 'a'), std::string("Europe//")}) {
-    EXPECT_FALSE(Write(zone)) << zone;
+    EXPECT_FALSE(write(zone)) << zone;
   }
-  ExpectParis();
+  expectParis();
 }
 
 TEST_F(WriteTimeZoneTest, RefusesFileThatIsNotZone) {
-  ASSERT_TRUE(Write("Europe/Paris"));
+  ASSERT_TRUE(write("Europe/Paris"));
   writeText(folders_.zoneinfo + "/README", "text\nGMT0\n");
   writeText(folders_.zoneinfo + "/leap", zoneFile(""));
   ASSERT_EQ(0, mkfifo((folders_.zoneinfo + "/pipe").c_str(), 0600));
-  EXPECT_FALSE(Write("README"));
-  EXPECT_FALSE(Write("leap"));
-  EXPECT_FALSE(Write("pipe"));
-  ExpectParis();
+  EXPECT_FALSE(write("README"));
+  EXPECT_FALSE(write("leap"));
+  EXPECT_FALSE(write("pipe"));
+  expectParis();
 }
 
 TEST_F(WriteTimeZoneTest, FollowsLinksOnlyInsideFolder) {
@@ -125,52 +125,52 @@ TEST_F(WriteTimeZoneTest, FollowsLinksOnlyInsideFolder) {
   std::filesystem::create_symlink("Europe/Paris", folders_.zoneinfo + "/France");
   std::filesystem::create_symlink("../outside", folders_.zoneinfo + "/Out");
   std::filesystem::create_symlink("Loop", folders_.zoneinfo + "/Loop");
-  ASSERT_TRUE(Write("Europe/Paris"));
-  EXPECT_FALSE(Write("Out"));
-  EXPECT_FALSE(Write("Loop"));
-  ExpectParis();
-  ASSERT_TRUE(Write("France"));
-  EXPECT_EQ(folders_.zoneinfo + "/France", Localtime());
+  ASSERT_TRUE(write("Europe/Paris"));
+  EXPECT_FALSE(write("Out"));
+  EXPECT_FALSE(write("Loop"));
+  expectParis();
+  ASSERT_TRUE(write("France"));
+  EXPECT_EQ(folders_.zoneinfo + "/France", localtime());
 }
 
 TEST_F(WriteTimeZoneTest, RefusesLinkToSystemZone) {
   std::filesystem::create_symlink(folders_.etc + "/localtime", folders_.zoneinfo + "/localtime");
-  ASSERT_TRUE(Write("Europe/Paris"));
-  EXPECT_FALSE(Write("localtime"));
-  ExpectParis();
+  ASSERT_TRUE(write("Europe/Paris"));
+  EXPECT_FALSE(write("localtime"));
+  expectParis();
 }
 
 TEST_F(WriteTimeZoneTest, KnowsGmtAndUtcWithoutZoneFiles) {
   std::filesystem::remove_all(folders_.zoneinfo);
-  ASSERT_TRUE(Write("GMT"));
-  EXPECT_EQ("GMT0\n", Tz());
-  EXPECT_EQ(folders_.zoneinfo + "/GMT", Localtime());
-  ASSERT_TRUE(Write("UTC"));
-  EXPECT_EQ("UTC0\n", Tz());
-  EXPECT_FALSE(Write("Europe/Paris"));
+  ASSERT_TRUE(write("GMT"));
+  EXPECT_EQ("GMT0\n", tz());
+  EXPECT_EQ(folders_.zoneinfo + "/GMT", localtime());
+  ASSERT_TRUE(write("UTC"));
+  EXPECT_EQ("UTC0\n", tz());
+  EXPECT_FALSE(write("Europe/Paris"));
 }
 
 TEST_F(WriteTimeZoneTest, LeavesLinkIfRuleCannotBeStored) {
-  ASSERT_TRUE(Write("Europe/Paris"));
+  ASSERT_TRUE(write("Europe/Paris"));
   std::filesystem::remove(folders_.etc + "/TZ");
   std::filesystem::create_directory(folders_.etc + "/TZ");
-  EXPECT_FALSE(Write("UTC"));
-  EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", Localtime());
-  EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
+  EXPECT_FALSE(write("UTC"));
+  EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", localtime());
+  EXPECT_THAT(etcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
 }
 
 TEST_F(WriteTimeZoneTest, LeavesRuleIfLinkCannotBeSet) {
-  ASSERT_TRUE(Write("Europe/Paris"));
+  ASSERT_TRUE(write("Europe/Paris"));
   std::filesystem::remove(folders_.etc + "/localtime");
   std::filesystem::create_directory(folders_.etc + "/localtime");
-  EXPECT_FALSE(Write("UTC"));
-  EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", Tz());
-  EXPECT_THAT(EtcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
+  EXPECT_FALSE(write("UTC"));
+  EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", tz());
+  EXPECT_THAT(etcNames(), testing::UnorderedElementsAre("TZ", "localtime"));
 }
 
 TEST_F(WriteTimeZoneTest, FailsWithoutTargetFolder) {
   std::filesystem::remove_all(folders_.etc);
-  EXPECT_FALSE(Write("UTC"));
+  EXPECT_FALSE(write("UTC"));
 }
 
 }  // namespace

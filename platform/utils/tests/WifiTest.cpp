@@ -121,28 +121,28 @@ TEST(ParseWireless, ReadsLevelWithAndWithoutDot) {
 
 class NetlinkTest : public testing::Test {
  protected:
-  void SetUp() override { netlink_.SetDeadline(nowMs() + 5000); }
+  void SetUp() override { netlink_.setDeadline(nowMs() + 5000); }
 
   Netlink netlink_;
 };
 
 TEST_F(NetlinkTest, FindsFamilyOfEveryKernel) {
-  EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
+  EXPECT_EQ(GENL_ID_CTRL, netlink_.family("nlctrl"));
 }
 
 TEST_F(NetlinkTest, ListsAllFamilies) {
   int families = 0;
-  const NlMessage request = Netlink::Dump(GENL_ID_CTRL, CTRL_CMD_GETFAMILY);
-  EXPECT_TRUE(netlink_.Ask(request.get(), [&families](nlmsghdr*) { ++families; }));
+  const NlMessage request = Netlink::dump(GENL_ID_CTRL, CTRL_CMD_GETFAMILY);
+  EXPECT_TRUE(netlink_.ask(request.get(), [&families](nlmsghdr*) { ++families; }));
   EXPECT_GT(families, 0);
 }
 
 TEST_F(NetlinkTest, RefusalDoesNotSpoilNextQuery) {
-  EXPECT_EQ(-1, netlink_.Family("no_such_family"));
-  EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
-  const NlMessage unknown = Netlink::Dump(1000, 1);
-  EXPECT_FALSE(netlink_.Ask(unknown.get(), [](nlmsghdr*) {}));
-  EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
+  EXPECT_EQ(-1, netlink_.family("no_such_family"));
+  EXPECT_EQ(GENL_ID_CTRL, netlink_.family("nlctrl"));
+  const NlMessage unknown = Netlink::dump(1000, 1);
+  EXPECT_FALSE(netlink_.ask(unknown.get(), [](nlmsghdr*) {}));
+  EXPECT_EQ(GENL_ID_CTRL, netlink_.family("nlctrl"));
 }
 
 /// Answers in place of the kernel; requires root.
@@ -159,7 +159,7 @@ class NetlinkPeerTest : public NetlinkTest {
   }
 
   /// Answers the request without end, for 5 s at most.
-  void AnswerOn() {
+  void answerOn() {
     sockaddr_nl sender{};
     unsigned char* bytes = nullptr;
     ASSERT_GT(nl_recv(peer_.get(), &sender, &bytes, nullptr), 0);
@@ -178,9 +178,9 @@ class NetlinkPeerTest : public NetlinkTest {
     }
   }
 
-  void ExpectNextQuestionAnswered() {
-    netlink_.SetDeadline(nowMs() + 5000);
-    EXPECT_EQ(GENL_ID_CTRL, netlink_.Family("nlctrl"));
+  void expectNextQuestionAnswered() {
+    netlink_.setDeadline(nowMs() + 5000);
+    EXPECT_EQ(GENL_ID_CTRL, netlink_.family("nlctrl"));
   }
 
   const NlSocket peer_{nl_socket_alloc()};
@@ -191,25 +191,25 @@ class NetlinkPeerTest : public NetlinkTest {
 
 TEST_F(NetlinkPeerTest, TimesOutWithoutAnswer) {
   const std::uint64_t before = nowMs();
-  netlink_.SetDeadline(before + 50);
-  EXPECT_FALSE(netlink_.Ask(request_.get(), [](nlmsghdr*) {}));
+  netlink_.setDeadline(before + 50);
+  EXPECT_FALSE(netlink_.ask(request_.get(), [](nlmsghdr*) {}));
   EXPECT_GE(nowMs() - before, 50U);
   EXPECT_LT(nowMs() - before, 5000U);
-  ExpectNextQuestionAnswered();
+  expectNextQuestionAnswered();
 }
 
 TEST_F(NetlinkPeerTest, TimesOutIfAnswersNeverEnd) {
-  std::thread peer([this] { AnswerOn(); });
+  std::thread peer([this] { answerOn(); });
   int answers = 0;
   const std::uint64_t before = nowMs();
-  netlink_.SetDeadline(before + 200);
-  EXPECT_FALSE(netlink_.Ask(request_.get(), [&answers](nlmsghdr*) { ++answers; }));
+  netlink_.setDeadline(before + 200);
+  EXPECT_FALSE(netlink_.ask(request_.get(), [&answers](nlmsghdr*) { ++answers; }));
   EXPECT_GE(nowMs() - before, 200U);
   EXPECT_LT(nowMs() - before, 3000U);
   EXPECT_GT(answers, 0);
   isOver_ = true;
   peer.join();
-  ExpectNextQuestionAnswered();
+  expectNextQuestionAnswered();
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 namespace kova::variant {
 
-void BaseVariantContainer::EnsureMap() {  // kept: 27
-  if (!IsContainer()) {
+void BaseVariantContainer::ensureMap() {  // kept: 27
+  if (!isContainer()) {
     Free();
     IsArray(false);
   }

@@ -7,44 +7,44 @@ namespace kova::variant {
 namespace {
 
 bool isText(const Variant& value) {
-  return value.Is(VariantClass::String);
+  return value.is(VariantClass::String);
 }
 
 bool isNumber(const Variant& value) {
-  return value.Is(VariantClass::Number);
+  return value.is(VariantClass::Number);
 }
 
 bool isInteger(const Variant& value) {
-  return isNumber(value) && value.Type() != VariantType::Double;
+  return isNumber(value) && value.type() != VariantType::Double;
 }
 
 }  // namespace
 
 std::string CameraInfo::name(const logger::Origin& reader) const {
-  return Required("name", isText, reader).ToText();
+  return required("name", isText, reader).toText();
 }
 
 std::uint32_t CameraInfo::sysid(const logger::Origin& reader) const {
-  return Required("sysid", isInteger, reader).ToNumber<std::uint32_t>();
+  return required("sysid", isInteger, reader).toNumber<std::uint32_t>();
 }
 
 std::int8_t CameraInfo::featureWifi(const logger::Origin& reader) const {  // kept: 98
-  return Required("feature_wifi", isNumber, reader).ToNumber<std::int8_t>();
+  return required("feature_wifi", isNumber, reader).toNumber<std::int8_t>();
 }
 
 std::int8_t CameraInfo::featureBattery(const logger::Origin& reader) const {  // kept: 98
-  return Required("feature_battery", isNumber, reader).ToNumber<std::int8_t>();
+  return required("feature_battery", isNumber, reader).toNumber<std::int8_t>();
 }
 
 // kept: 7
-const Variant& CameraInfo::Required(std::string_view key, Accepts accepts,
+const Variant& CameraInfo::required(std::string_view key, Accepts accepts,
                                     const logger::Origin& reader) const {
   const int length = static_cast<int>(key.size());
-  if (!IsMap()) {
+  if (!isMap()) {
     KOVA_LOG_AT(reader, LOG_ERR, 0, "Invalid variant type detected");
     utils::forceCrash();
   }
-  const Variant* value = Find(key);
+  const Variant* value = find(key);
   if (value == nullptr) {
     KOVA_LOG_AT(reader, LOG_ERR, 0, "Key \"%.*s\" not available", length, key.data());
     utils::forceCrash();

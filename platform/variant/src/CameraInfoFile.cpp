@@ -20,7 +20,7 @@ bool CameraInfo::Init() {
     return false;
   }
   Variant description;
-  if (FromJSON(text, description) < 0 || !description.IsMap()) {
+  if (FromJSON(text, description) < 0 || !description.isMap()) {
     KOVA_LOG(LOG_ERR, 0, "%s does not hold a JSON object", kDescription);
     return false;
   }

@@ -48,7 +48,7 @@ bool namesPassword(const std::string& key) {
 
 }  // namespace
 
-VariantType Variant::Type() const {
+VariantType Variant::type() const {
   static_assert(kTypes.size() == std::variant_size_v<decltype(value_)>);
   return kTypes[value_.index()];
 }
@@ -62,7 +62,7 @@ void Variant::IsArray(bool array) {
       }
     }
     value_ = std::move(items);
-  } else if (!array && !IsMap()) {
+  } else if (!array && !isMap()) {
     Map elements;
     if (auto* items = std::get_if<Array>(&value_)) {
       for (std::size_t i = 0; i < items->size(); ++i) {
@@ -73,13 +73,13 @@ void Variant::IsArray(bool array) {
   }
 }
 
-bool Variant::ToBool() const {
+bool Variant::toBool() const {
   const bool* value = std::get_if<bool>(&value_);
   return value != nullptr && *value;
 }
 
 template <VariantNumber T>
-T Variant::ToNumber() const {
+T Variant::toNumber() const {
   return std::visit(
       []<typename Held>(const Held& held) -> T {
         if constexpr (VariantNumber<Held>) {
@@ -91,27 +91,27 @@ T Variant::ToNumber() const {
       value_);
 }
 
-template std::int8_t Variant::ToNumber<std::int8_t>() const;
-template std::uint8_t Variant::ToNumber<std::uint8_t>() const;
-template std::int32_t Variant::ToNumber<std::int32_t>() const;
-template std::uint32_t Variant::ToNumber<std::uint32_t>() const;
-template std::int64_t Variant::ToNumber<std::int64_t>() const;
-template std::uint64_t Variant::ToNumber<std::uint64_t>() const;
-template double Variant::ToNumber<double>() const;
+template std::int8_t Variant::toNumber<std::int8_t>() const;
+template std::uint8_t Variant::toNumber<std::uint8_t>() const;
+template std::int32_t Variant::toNumber<std::int32_t>() const;
+template std::uint32_t Variant::toNumber<std::uint32_t>() const;
+template std::int64_t Variant::toNumber<std::int64_t>() const;
+template std::uint64_t Variant::toNumber<std::uint64_t>() const;
+template double Variant::toNumber<double>() const;
 
-const std::string& Variant::ToText() const {
+const std::string& Variant::toText() const {
   static const std::string none;
   const auto* text = std::get_if<std::string>(&value_);
   return text != nullptr ? *text : none;
 }
 
-timeval Variant::ToTime() const {
+timeval Variant::toTime() const {
   const Time* time = std::get_if<Time>(&value_);
   return time != nullptr ? timeval{time->sec, time->usec} : timeval{};
 }
 
 std::size_t Variant::Size() const {
-  return IsArray() ? Items().size() : Elements().size();
+  return IsArray() ? items().size() : elements().size();
 }
 
 Variant& Variant::operator[](std::string_view key) {
@@ -124,13 +124,13 @@ Variant& Variant::operator[](std::string_view key) {
   return found->second;
 }
 
-const Variant* Variant::Find(std::string_view key) const {
-  const auto& elements = Elements();
-  const auto found = elements.find(key);
-  return found != elements.end() ? &found->second : nullptr;
+const Variant* Variant::find(std::string_view key) const {
+  const Map& map = elements();
+  const auto found = map.find(key);
+  return found != map.end() ? &found->second : nullptr;
 }
 
-Variant* Variant::Find(std::string_view key) {
+Variant* Variant::find(std::string_view key) {
   auto* elements = std::get_if<Map>(&value_);
   if (elements == nullptr) {
     return nullptr;
@@ -143,47 +143,47 @@ const Variant* Variant::GetKeyChain(VariantClass mask,
                                     std::initializer_list<std::string_view> keys) const {
   const Variant* current = this;
   for (const auto key : keys) {
-    current = current->Find(key);
+    current = current->find(key);
     if (current == nullptr) {
       return nullptr;
     }
   }
-  return current->Is(mask) ? current : nullptr;
+  return current->is(mask) ? current : nullptr;
 }
 
-void Variant::PushToArray(Variant element) {
+void Variant::pushToArray(Variant element) {
   IsArray(true);
   std::get<Array>(value_).push_back(std::move(element));
 }
 
-const Variant::Map& Variant::Elements() const {
+const Variant::Map& Variant::elements() const {
   static const Map none;
   const auto* elements = std::get_if<Map>(&value_);
   return elements != nullptr ? *elements : none;
 }
 
-const Variant::Array& Variant::Items() const {
+const Variant::Array& Variant::items() const {
   static const Array none;
   const auto* items = std::get_if<Array>(&value_);
   return items != nullptr ? *items : none;
 }
 
-Variant Variant::Masked() const {
+Variant Variant::masked() const {
   Variant masked = *this;
   if (auto* elements = std::get_if<Map>(&masked.value_)) {
     for (auto& [key, element] : *elements) {
-      element = namesPassword(key) ? Variant("********") : element.Masked();
+      element = namesPassword(key) ? Variant("********") : element.masked();
     }
   } else if (auto* items = std::get_if<Array>(&masked.value_)) {
     for (auto& item : *items) {
-      item = item.Masked();
+      item = item.masked();
     }
   }
   return masked;
 }
 
 std::string Variant::ToString() const {
-  return Masked().ToJSON();
+  return masked().toJson();
 }
 
 }  // namespace kova::variant

@@ -22,37 +22,37 @@ std::string rfc3339(timeval time) {
   return std::string(day, length) + micro;
 }
 
-Json toJson(const Variant& value) {
-  switch (value.Type()) {
+Json jsonOf(const Variant& value) {
+  switch (value.type()) {
     case VariantType::Empty:
       return nullptr;
     case VariantType::Boolean:
-      return value.ToBool();
+      return value.toBool();
     case VariantType::String:
-      return value.ToText();
+      return value.toText();
     case VariantType::Time:
-      return rfc3339(value.ToTime());
+      return rfc3339(value.toTime());
     case VariantType::Double:
-      return value.ToNumber<double>();
+      return value.toNumber<double>();
     case VariantType::UInt8:
     case VariantType::UInt32:
     case VariantType::UInt64:
-      return value.ToNumber<std::uint64_t>();
+      return value.toNumber<std::uint64_t>();
     case VariantType::Int8:
     case VariantType::Int32:
     case VariantType::Int64:
-      return value.ToNumber<std::int64_t>();
+      return value.toNumber<std::int64_t>();
     case VariantType::Map: {
       Json object = Json::object();
-      for (const auto& [key, element] : value.Elements()) {
-        object[key] = toJson(element);
+      for (const auto& [key, element] : value.elements()) {
+        object[key] = jsonOf(element);
       }
       return object;
     }
     case VariantType::Array: {
       Json array = Json::array();
-      for (const auto& item : value.Items()) {
-        array.push_back(toJson(item));
+      for (const auto& item : value.items()) {
+        array.push_back(jsonOf(item));
       }
       return array;
     }
@@ -80,26 +80,26 @@ class Builder : public nlohmann::json_sax<Json> {
   bool tooDeep = false;
   std::string error;
 
-  bool null() override { return Put(Variant()); }
-  bool boolean(bool value) override { return Put(value); }
+  bool null() override { return put(Variant()); }
+  bool boolean(bool value) override { return put(value); }
   bool number_integer(std::int64_t value) override {
     if (value >= std::numeric_limits<std::int32_t>::min() &&
         value <= std::numeric_limits<std::int32_t>::max()) {
-      return Put(static_cast<std::int32_t>(value));
+      return put(static_cast<std::int32_t>(value));
     }
-    return Put(value);
+    return put(value);
   }
   bool number_unsigned(std::uint64_t value) override {
     if (value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-      return Put(value);
+      return put(value);
     }
     return number_integer(static_cast<std::int64_t>(value));
   }
-  bool number_float(double value, const std::string&) override { return Put(value); }
-  bool string(std::string& value) override { return Put(std::move(value)); }
+  bool number_float(double value, const std::string&) override { return put(value); }
+  bool string(std::string& value) override { return put(std::move(value)); }
   bool binary(Json::binary_t&) override { return false; }
-  bool start_object(std::size_t) override { return Open(Variant::Map{}); }
-  bool start_array(std::size_t) override { return Open(Variant::Array{}); }
+  bool start_object(std::size_t) override { return open(Variant::Map{}); }
+  bool start_array(std::size_t) override { return open(Variant::Array{}); }
   bool key(std::string& value) override {
     open_.back().key = std::move(value);
     return true;
@@ -118,17 +118,17 @@ class Builder : public nlohmann::json_sax<Json> {
     std::string key;
   };
 
-  bool Put(Variant value) {
+  bool put(Variant value) {
     if (open_.empty()) {
       root = std::move(value);
     } else if (open_.back().container.IsArray()) {
-      open_.back().container.PushToArray(std::move(value));
+      open_.back().container.pushToArray(std::move(value));
     } else {
       open_.back().container[open_.back().key] = std::move(value);
     }
     return true;
   }
-  bool Open(Variant container) {
+  bool open(Variant container) {
     if (open_.size() == Variant::kMaxDepth) {
       tooDeep = true;
       return false;
@@ -139,7 +139,7 @@ class Builder : public nlohmann::json_sax<Json> {
   bool Close() {
     Variant done = std::move(open_.back().container);
     open_.pop_back();
-    return Put(std::move(done));
+    return put(std::move(done));
   }
 
   std::vector<Level> open_;
@@ -147,8 +147,8 @@ class Builder : public nlohmann::json_sax<Json> {
 
 }  // namespace
 
-std::string Variant::ToJSON(int indent) const {
-  return toJson(*this).dump(indent, ' ', false, Json::error_handler_t::replace);
+std::string Variant::toJson(int indent) const {
+  return jsonOf(*this).dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
 int Variant::FromJSON(std::string_view text, Variant& result) {

@@ -120,25 +120,25 @@ TEST(VariantJson, ErrorNamesPositionAndReason) {
 
 TEST(VariantJson, WritesWhatItParsed) {
   const std::string text = R"({"array":[1,-2,1.5],"empty":null,"flag":true,"text":"ä\n"})";
-  EXPECT_EQ(parsed(text).ToJSON(), text);
+  EXPECT_EQ(parsed(text).toJson(), text);
 }
 
 TEST(VariantJson, WritesNearestValueForWhatJsonCannotHold) {
-  EXPECT_EQ(Variant(std::nan("")).ToJSON(), "null");
-  EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).ToJSON(), "null");
-  EXPECT_EQ(Variant(std::string("a\xff")).ToJSON(), "\"a\xef\xbf\xbd\"");
-  EXPECT_EQ(Variant(std::string("a\0b", 3)).ToJSON(), "\"a\\u0000b\"");
-  EXPECT_EQ(Variant(timeval{0, 5}).ToJSON(), "\"1970-01-01T00:00:00.000005Z\"");
+  EXPECT_EQ(Variant(std::nan("")).toJson(), "null");
+  EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).toJson(), "null");
+  EXPECT_EQ(Variant(std::string("a\xff")).toJson(), "\"a\xef\xbf\xbd\"");
+  EXPECT_EQ(Variant(std::string("a\0b", 3)).toJson(), "\"a\\u0000b\"");
+  EXPECT_EQ(Variant(timeval{0, 5}).toJson(), "\"1970-01-01T00:00:00.000005Z\"");
 }
 
 TEST(VariantJson, WritesTimesBeyondCalendarAsSeconds) {
-  EXPECT_EQ(Variant(timeval{253402300799, 999'999}).ToJSON(), "\"9999-12-31T23:59:59.999999Z\"");
-  EXPECT_EQ(Variant(timeval{std::numeric_limits<std::int64_t>::max(), 0}).ToJSON(),
+  EXPECT_EQ(Variant(timeval{253402300799, 999'999}).toJson(), "\"9999-12-31T23:59:59.999999Z\"");
+  EXPECT_EQ(Variant(timeval{std::numeric_limits<std::int64_t>::max(), 0}).toJson(),
             "\"9223372036854775807\"");
 }
 
 TEST(VariantJson, IndentsForReaders) {
-  EXPECT_EQ(Variant(Variant::Map{{"a", 1}}).ToJSON(2), "{\n  \"a\": 1\n}");
+  EXPECT_EQ(Variant(Variant::Map{{"a", 1}}).toJson(2), "{\n  \"a\": 1\n}");
 }
 
 }  // namespace

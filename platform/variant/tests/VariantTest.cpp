@@ -41,9 +41,9 @@ const std::vector<Sample>& samples() {
 
 TEST(Variant, EachTypeBelongsOnlyToItsClass) {
   for (const auto& sample : samples()) {
-    EXPECT_EQ(sample.value.Type(), sample.type) << sample.name;
+    EXPECT_EQ(sample.value.type(), sample.type) << sample.name;
     for (const auto& mask : kClasses) {
-      EXPECT_EQ(sample.value.Is(mask), &mask == sample.mask)
+      EXPECT_EQ(sample.value.is(mask), &mask == sample.mask)
           << sample.name << " against mask " << std::hex << static_cast<unsigned>(mask);
     }
   }
@@ -56,50 +56,50 @@ TEST(Variant, ContainerCodesAreFixed) {
 
 TEST(Variant, ReadingAsOtherTypeGivesZeroOfThatType) {
   const Variant text("12");
-  EXPECT_FALSE(text.ToBool());
-  EXPECT_EQ(text.ToNumber<int>(), 0);
-  EXPECT_EQ(text.ToTime().tv_sec, 0);
-  EXPECT_EQ(Variant(12).ToText(), "");
-  EXPECT_EQ(Variant(true).ToNumber<int>(), 0);
-  EXPECT_FALSE(Variant(1).ToBool());
+  EXPECT_FALSE(text.toBool());
+  EXPECT_EQ(text.toNumber<int>(), 0);
+  EXPECT_EQ(text.toTime().tv_sec, 0);
+  EXPECT_EQ(Variant(12).toText(), "");
+  EXPECT_EQ(Variant(true).toNumber<int>(), 0);
+  EXPECT_FALSE(Variant(1).toBool());
   EXPECT_EQ(text.Size(), 0U);
 }
 
 TEST(Variant, IntegersAreReducedToWidthRead) {
-  EXPECT_EQ(Variant(std::int64_t{-1}).ToNumber<std::uint32_t>(), 4294967295U);
-  EXPECT_EQ(Variant(std::uint64_t{0x1'0000'0005}).ToNumber<std::int32_t>(), 5);
-  EXPECT_EQ(Variant(std::numeric_limits<std::uint64_t>::max()).ToNumber<std::int64_t>(), -1);
-  EXPECT_EQ(Variant(300).ToNumber<std::int8_t>(), 44);
+  EXPECT_EQ(Variant(std::int64_t{-1}).toNumber<std::uint32_t>(), 4294967295U);
+  EXPECT_EQ(Variant(std::uint64_t{0x1'0000'0005}).toNumber<std::int32_t>(), 5);
+  EXPECT_EQ(Variant(std::numeric_limits<std::uint64_t>::max()).toNumber<std::int64_t>(), -1);
+  EXPECT_EQ(Variant(300).toNumber<std::int8_t>(), 44);
 }
 
 TEST(Variant, DoublesAreTruncatedAndClamped) {
-  EXPECT_EQ(Variant(-1.9).ToNumber<std::int32_t>(), -1);
-  EXPECT_EQ(Variant(1e300).ToNumber<std::int32_t>(), std::numeric_limits<std::int32_t>::max());
-  EXPECT_EQ(Variant(-1e300).ToNumber<std::int64_t>(), std::numeric_limits<std::int64_t>::min());
-  EXPECT_EQ(Variant(-1.0).ToNumber<std::uint32_t>(), 0U);
-  EXPECT_EQ(Variant(18446744073709551616.0).ToNumber<std::uint64_t>(),
+  EXPECT_EQ(Variant(-1.9).toNumber<std::int32_t>(), -1);
+  EXPECT_EQ(Variant(1e300).toNumber<std::int32_t>(), std::numeric_limits<std::int32_t>::max());
+  EXPECT_EQ(Variant(-1e300).toNumber<std::int64_t>(), std::numeric_limits<std::int64_t>::min());
+  EXPECT_EQ(Variant(-1.0).toNumber<std::uint32_t>(), 0U);
+  EXPECT_EQ(Variant(18446744073709551616.0).toNumber<std::uint64_t>(),
             std::numeric_limits<std::uint64_t>::max());
-  EXPECT_EQ(Variant(9223372036854775808.0).ToNumber<std::int64_t>(),
+  EXPECT_EQ(Variant(9223372036854775808.0).toNumber<std::int64_t>(),
             std::numeric_limits<std::int64_t>::max());
-  EXPECT_EQ(Variant(std::nan("")).ToNumber<std::uint32_t>(), 0U);
-  EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).ToNumber<std::uint8_t>(), 255);
+  EXPECT_EQ(Variant(std::nan("")).toNumber<std::uint32_t>(), 0U);
+  EXPECT_EQ(Variant(std::numeric_limits<double>::infinity()).toNumber<std::uint8_t>(), 255);
 }
 
 TEST(Variant, MissingKeyIsAddedOnlyByWriting) {
   Variant map;
-  EXPECT_EQ(map.Find("a"), nullptr);
+  EXPECT_EQ(map.find("a"), nullptr);
   map["a"] = 1;
-  EXPECT_TRUE(map.IsMap());
+  EXPECT_TRUE(map.isMap());
   EXPECT_EQ(map.Size(), 1U);
-  EXPECT_EQ(map.Find("A"), nullptr);
-  EXPECT_TRUE(map["b"].IsEmpty());
+  EXPECT_EQ(map.find("A"), nullptr);
+  EXPECT_TRUE(map["b"].isEmpty());
   EXPECT_EQ(map.Size(), 2U);
 }
 
 TEST(Variant, IndexedScalarBecomesMap) {
   Variant value("text");
   value["key"] = 1;
-  EXPECT_EQ(value.Elements().at("key"), Variant(1));
+  EXPECT_EQ(value.elements().at("key"), Variant(1));
   EXPECT_EQ(value.Size(), 1U);
 }
 
@@ -114,17 +114,17 @@ TEST(Variant, ArrayKeepsElementsWhenConverted) {
 TEST(Variant, ResetAndFreeLeaveItEmpty) {
   Variant value(Variant::Map{{"a", 1}});
   value.Reset();
-  EXPECT_TRUE(value.IsEmpty());
+  EXPECT_TRUE(value.isEmpty());
   value = 5;
   value.Free();
-  EXPECT_TRUE(value.IsEmpty());
+  EXPECT_TRUE(value.isEmpty());
 }
 
 TEST(Variant, GetKeyChainFollowsMapsAndChecksType) {
   const Variant value(Variant::Map{{"a", Variant::Map{{"b", true}}}});
   const Variant* found = value.GetKeyChain(VariantClass::Boolean, {"a", "b"});
   ASSERT_NE(found, nullptr);
-  EXPECT_TRUE(found->ToBool());
+  EXPECT_TRUE(found->toBool());
   EXPECT_EQ(value.GetKeyChain(VariantClass::String, {"a", "b"}), nullptr);
   EXPECT_EQ(value.GetKeyChain(VariantClass::Boolean, {"a", "c"}), nullptr);
   EXPECT_EQ(value.GetKeyChain(VariantClass::Boolean, {"a", "b", "c"}), nullptr);
@@ -134,7 +134,7 @@ TEST(Variant, GetKeyChainFollowsMapsAndChecksType) {
 TEST(Variant, CopiesAreDeep) {
   Variant original(Variant::Map{{"a", Variant::Array{1}}});
   Variant copy = original;
-  copy["a"].PushToArray(2);
+  copy["a"].pushToArray(2);
   EXPECT_EQ(original["a"].Size(), 1U);
   EXPECT_FALSE(copy == original);
 }
@@ -148,7 +148,7 @@ TEST(Variant, ToStringMasksPasswords) {
   const std::string text = request.ToString();
   EXPECT_EQ(text.find("secret"), std::string::npos) << text;
   EXPECT_NE(text.find("admin"), std::string::npos) << text;
-  EXPECT_NE(request.ToJSON().find("secret1"), std::string::npos);
+  EXPECT_NE(request.toJson().find("secret1"), std::string::npos);
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ class ServiceTest : public testing::Test {
     fs::remove_all("/etc/sv");
   }
 
-  void StartSupervisor() {
+  void startSupervisor() {
     supervisor_ = fork();
     if (supervisor_ == 0) {
       execl("/usr/bin/runsvdir", "runsvdir", "/etc/service", nullptr);
@@ -47,14 +47,14 @@ class ServiceTest : public testing::Test {
     }
   }
 
-  static void Install(const std::string& name, const std::string& body = "exec sleep 600") {
+  static void install(const std::string& name, const std::string& body = "exec sleep 600") {
     fs::create_directory("/etc/sv/" + name);
     const std::string run = "/etc/sv/" + name + "/run";
     writeText(run, "#!/bin/sh\n" + body + "\n");
     fs::permissions(run, fs::perms::owner_all);
   }
 
-  static bool IsMarked(const std::string& name) {
+  static bool isMarked(const std::string& name) {
     return fs::is_symlink("/etc/service/" + name) &&
            fs::read_symlink("/etc/service/" + name) == "/etc/sv/" + name;
   }
@@ -67,10 +67,10 @@ class ServiceTest : public testing::Test {
 };
 
 TEST_F(ServiceTest, EnableStartsAndMarksDisableUndoesBoth) {
-  Install("lights");
-  StartSupervisor();
+  install("lights");
+  startSupervisor();
   ASSERT_TRUE(EnableService("lights"));
-  EXPECT_TRUE(IsMarked("lights"));
+  EXPECT_TRUE(isMarked("lights"));
   EXPECT_EQ("run\n", State("lights"));
   EXPECT_TRUE(EnableService("lights")) << "already enabled";
 
@@ -83,8 +83,8 @@ TEST_F(ServiceTest, EnableStartsAndMarksDisableUndoesBoth) {
 }
 
 TEST_F(ServiceTest, EnableWorksRightAfterDisable) {
-  Install("lights");
-  StartSupervisor();
+  install("lights");
+  startSupervisor();
   ASSERT_TRUE(EnableService("lights"));
   ASSERT_TRUE(DisableService("lights"));
   EXPECT_TRUE(EnableService("lights"));
@@ -92,18 +92,18 @@ TEST_F(ServiceTest, EnableWorksRightAfterDisable) {
 }
 
 TEST_F(ServiceTest, EnableStartsServiceMarkedDown) {
-  Install("lights");
+  install("lights");
   writeText("/etc/sv/lights/down", "");
   fs::create_symlink("/etc/sv/lights", "/etc/service/lights");
-  StartSupervisor();
+  startSupervisor();
   ASSERT_TRUE(EnableService("lights"));
   EXPECT_FALSE(fs::exists("/etc/sv/lights/down"));
   EXPECT_EQ("run\n", State("lights"));
 }
 
 TEST_F(ServiceTest, LogsFirstFourKibibytesOfFailedSv) {
-  Install("lights");
-  StartSupervisor();
+  install("lights");
+  startSupervisor();
   ASSERT_TRUE(EnableService("lights"));
   writeText("/etc/sv/sv", "#!/bin/sh\nhead -c 6000 /dev/zero | tr '\\0' x\nexit 1\n");
   fs::permissions("/etc/sv/sv", fs::perms::owner_all);
@@ -119,9 +119,9 @@ TEST_F(ServiceTest, LogsFirstFourKibibytesOfFailedSv) {
 }
 
 TEST_F(ServiceTest, InvalidNamesFailAtOnceAndLeaveNoMark) {
-  Install("lights");
-  Install(".hidden");
-  StartSupervisor();
+  install("lights");
+  install(".hidden");
+  startSupervisor();
   const std::uint64_t before = nowMs();
   for (const std::string& name :
        {std::string("unknown"), std::string(), std::string("."), std::string(".."),
@@ -135,35 +135,35 @@ TEST_F(ServiceTest, InvalidNamesFailAtOnceAndLeaveNoMark) {
 }
 
 TEST_F(ServiceTest, EssentialServiceCannotBeDisabled) {
-  StartSupervisor();
+  startSupervisor();
   for (const char* name : {"kova_bus", "kova_ctlserver", "syslogd"}) {
-    Install(name);
+    install(name);
     ASSERT_TRUE(EnableService(name)) << name;
     EXPECT_FALSE(DisableService(name)) << name;
-    EXPECT_TRUE(IsMarked(name)) << name;
+    EXPECT_TRUE(isMarked(name)) << name;
     EXPECT_EQ("run\n", State(name)) << name;
   }
 }
 
 TEST_F(ServiceTest, EssentialServiceCannotBeDisabledByAlias) {
-  Install("syslogd");
-  StartSupervisor();
+  install("syslogd");
+  startSupervisor();
   ASSERT_TRUE(EnableService("syslogd"));
   fs::create_symlink("syslogd", "/etc/sv/definition");
-  Install("mark");
+  install("mark");
   fs::create_symlink("/etc/sv/syslogd", "/etc/service/mark");
   for (const char* name : {"definition", "mark"}) {
     EXPECT_FALSE(DisableService(name)) << name;
   }
-  EXPECT_TRUE(IsMarked("syslogd"));
+  EXPECT_TRUE(isMarked("syslogd"));
   EXPECT_EQ("run\n", State("syslogd"));
 }
 
 TEST_F(ServiceTest, EssentialServiceCanBeEnabledAgain) {
-  Install("syslogd");
+  install("syslogd");
   writeText("/etc/sv/syslogd/down", "");
   fs::create_symlink("/etc/sv/syslogd", "/etc/service/syslogd");
-  StartSupervisor();
+  startSupervisor();
   EXPECT_TRUE(EnableService("syslogd"));
   EXPECT_EQ("run\n", State("syslogd"));
 }
@@ -182,23 +182,23 @@ TEST_F(ServiceTest, UnknownNamesAreLogged) {
 TEST_F(ServiceTest, ServiceThatDoesNotStartFailsWithinBudget) {
   fs::create_directory("/etc/sv/broken");
   fs::create_symlink("/etc/sv/broken", "/etc/service/broken");
-  StartSupervisor();
+  startSupervisor();
   const std::uint64_t before = nowMs();
   EXPECT_FALSE(EnableService("broken"));
   EXPECT_LT(nowMs() - before, 10000U);
 }
 
 TEST_F(ServiceTest, ServiceThatEndsAtOnceFails) {
-  Install("fickle", "exit 1");
+  install("fickle", "exit 1");
   fs::create_symlink("/etc/sv/fickle", "/etc/service/fickle");
-  StartSupervisor();
+  startSupervisor();
   EXPECT_FALSE(EnableService("fickle"));
 }
 
 TEST_F(ServiceTest, ServiceThatDoesNotStopFailsWithinBudget) {
-  Install("stubborn", "trap '' TERM; while :; do sleep 1; done");
+  install("stubborn", "trap '' TERM; while :; do sleep 1; done");
   fs::create_symlink("/etc/sv/stubborn", "/etc/service/stubborn");
-  StartSupervisor();
+  startSupervisor();
   ASSERT_TRUE(EnableService("stubborn"));
   const std::string pid = readText("/etc/sv/stubborn/supervise/pid");
   const std::uint64_t deadline = nowMs() + 10000;
@@ -210,12 +210,12 @@ TEST_F(ServiceTest, ServiceThatDoesNotStopFailsWithinBudget) {
   const std::uint64_t before = nowMs();
   EXPECT_FALSE(DisableService("stubborn"));
   EXPECT_LT(nowMs() - before, 10000U);
-  EXPECT_TRUE(IsMarked("stubborn"));
+  EXPECT_TRUE(isMarked("stubborn"));
   kill(std::stoi(pid), SIGKILL);
 }
 
 TEST_F(ServiceTest, EnableFailsWithinBudgetWithoutSupervisor) {
-  Install("lights");
+  install("lights");
   const std::uint64_t before = nowMs();
   EXPECT_FALSE(EnableService("lights"));
   EXPECT_LT(nowMs() - before, 10000U);

@@ -29,19 +29,19 @@ NlMessage accessPoint() {
 
 }  // namespace
 
-int Netlink::Family(const char*) {
+int Netlink::family(const char*) {
   ++lookups;
   return loaded;
 }
 
-NlMessage Netlink::Dump(int family, std::uint8_t command) {
+NlMessage Netlink::dump(int family, std::uint8_t command) {
   NlMessage request(nlmsg_alloc());
   genlmsg_put(request.get(), 0, 0, family, 0, NLM_F_DUMP, command, 0);
   return request;
 }
 
 // Like the kernel, acknowledges a request to family 0, which is none, without any answer.
-bool Netlink::Ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
+bool Netlink::ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
   const int family = nlmsg_hdr(request)->nlmsg_type;
   if (family == loaded) onAnswer(nlmsg_hdr(accessPoint().get()));
   return family == loaded || family == 0;
@@ -57,7 +57,7 @@ class WifiFamilyTest : public testing::Test {
   }
   void TearDown() override { umount2("/sys/class", MNT_DETACH); }
 
-  static int Count() {
+  static int count() {
     WiFiStats stats{};
     return GetWiFiStats(&stats) == 0 ? stats.count : -1;
   }
@@ -66,17 +66,17 @@ class WifiFamilyTest : public testing::Test {
 // One test, since the id is remembered for the life of the process.
 TEST_F(WifiFamilyTest, IsLookedUpOnceAndAfterReload) {
   loaded = 31;
-  EXPECT_EQ(1, Count());
-  EXPECT_EQ(1, Count());
+  EXPECT_EQ(1, count());
+  EXPECT_EQ(1, count());
   EXPECT_EQ(1, lookups);
   loaded = 32;
-  EXPECT_EQ(1, Count());
+  EXPECT_EQ(1, count());
   EXPECT_EQ(2, lookups);
   loaded = kNoDriver;
-  EXPECT_EQ(0, Count());
+  EXPECT_EQ(0, count());
   EXPECT_EQ(3, lookups);
   std::filesystem::remove("/sys/class/ieee80211");
-  EXPECT_EQ(0, Count());
+  EXPECT_EQ(0, count());
   EXPECT_EQ(3, lookups) << "without Wi-Fi the kernel would look for a module";
 }
 

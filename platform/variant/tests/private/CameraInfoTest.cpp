@@ -39,7 +39,7 @@ TEST_F(CameraInfoTest, ReadsDescriptionOfDevice) {
   EXPECT_EQ(info_.sysid(here_), 0xa526U);
   EXPECT_EQ(info_.featureWifi(here_), 1);
   EXPECT_EQ(info_.featureBattery(here_), 0);
-  EXPECT_EQ(*info_.Find("reset_button_gpio"), Variant("/gpio"));
+  EXPECT_EQ(*info_.find("reset_button_gpio"), Variant("/gpio"));
 }
 
 TEST_F(CameraInfoTest, MissingDescriptionFails) {

@@ -28,7 +28,7 @@ class BusMonitor {
   BusMonitor& operator=(const BusMonitor&) = delete;
 
   /// @param error receives what went wrong
-  bool Open(std::string& error);
+  bool open(std::string& error);
   /// Passes the messages seen to `sink`; waits up to `timeoutMs` if none is pending. False if the
   /// connection is lost.
   bool Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink);

@@ -32,21 +32,21 @@ class BusObjects {
 
   /// Joins the bus, without a name.
   /// @param error receives what went wrong
-  bool Open(std::string& error);
+  bool open(std::string& error);
 
   /// Reads all objects below "/kova": a map from path to a map from interface to a map of
   /// properties.
-  bool ReadAll(std::uint32_t timeoutMs, Receiver receiver);
+  bool readAll(std::uint32_t timeoutMs, Receiver receiver);
   /// Reads the properties of an interface of an object: a map.
-  bool Read(const std::string& path, const std::string& interface, std::uint32_t timeoutMs,
+  bool read(const std::string& path, const std::string& interface, std::uint32_t timeoutMs,
             Receiver receiver);
   /// Calls a method without arguments.
-  bool Call(const std::string& path, const std::string& interface, const std::string& method,
+  bool call(const std::string& path, const std::string& interface, const std::string& method,
             std::uint32_t timeoutMs, Receiver receiver);
 
   /// Calls `changed` for every signal of the objects at `path` and below, until another path is
   /// followed. Signals are not read: what has changed is to be read anew.
-  bool Follow(const std::string& path, std::function<void()> changed);
+  bool follow(const std::string& path, std::function<void()> changed);
 
   /// Handles pending messages, at most 128; waits up to `timeoutMs` if none is pending. False if
   /// the connection is lost. Calls the receivers, which may start calls.

@@ -67,7 +67,7 @@ class TransactionsHandler : public BaseHandler {
   /// Called when a request failed.
   /// @param error D-Bus error name, for example "kova.Error.UnknownFunction"
   /// @param text  error message of the peer or the bus
-  virtual void HandleError(messages::BaseRequestMessage& request, const std::string& error,
+  virtual void handleError(messages::BaseRequestMessage& request, const std::string& error,
                            const std::string& text) = 0;
 
   /// Rejects requests; this handler only receives answers.

@@ -71,10 +71,10 @@ class Ipc {
   /// Waits, for a bounded time, until the bus has received all that was sent. For a process that
   /// ends after sending: what a program that carries the connection still holds is lost with it.
   /// @return false if the bus does not answer
-  bool Flush();
+  bool flush();
 
   /// Whether an endpoint of this name is on the bus.
-  bool IsPresent(const std::string& endpoint) const;
+  bool isPresent(const std::string& endpoint) const;
 
  private:
   class Connection;

@@ -42,7 +42,7 @@ struct MethodError {
 };
 
 /// What the object "/kova" shows besides its messages. Called by Ipc::Service() and by
-/// Objects::Changed(); an exception becomes org.freedesktop.DBus.Error.Failed.
+/// Objects::changed(); an exception becomes org.freedesktop.DBus.Error.Failed.
 class PublishedObject {
  public:
   PublishedObject() = default;
@@ -51,9 +51,9 @@ class PublishedObject {
   PublishedObject& operator=(const PublishedObject&) = delete;
 
   /// The value of a property, by its place in the interface.
-  virtual PropertyValue Read(std::size_t property) const = 0;
+  virtual PropertyValue read(std::size_t property) const = 0;
   /// Performs a method, by its place in the interface.
-  virtual MethodError Call(std::size_t method) = 0;
+  virtual MethodError call(std::size_t method) = 0;
 };
 
 /// Numbered objects that come and go, "/kova/FOLDER/1" and so on. Called like PublishedObject.
@@ -65,11 +65,11 @@ class PublishedFolder {
   PublishedFolder& operator=(const PublishedFolder&) = delete;
 
   /// The numbers of all objects.
-  virtual std::vector<std::uint64_t> Numbers() const = 0;
-  virtual bool Has(std::uint64_t number) const = 0;
+  virtual std::vector<std::uint64_t> numbers() const = 0;
+  virtual bool has(std::uint64_t number) const = 0;
   /// Only called for an object that is there.
-  virtual PropertyValue Read(std::uint64_t number, std::size_t property) const = 0;
-  virtual MethodError Call(std::uint64_t number, std::size_t method) = 0;
+  virtual PropertyValue read(std::uint64_t number, std::size_t property) const = 0;
+  virtual MethodError call(std::uint64_t number, std::size_t method) = 0;
 };
 
 /// The objects that an endpoint shows to any D-Bus client, by the standard interfaces
@@ -94,8 +94,8 @@ class Objects {
   /// that no client sees the endpoint without them. What is published must outlive the last call of
   /// Ipc::Service() and of the signals below; nothing else calls it.
   /// @return false after Ipc::Init()
-  virtual bool Publish(const Interface& interface, PublishedObject* object) = 0;
-  virtual bool Publish(const std::string& folder, const Interface& interface,
+  virtual bool publish(const Interface& interface, PublishedObject* object) = 0;
+  virtual bool publish(const std::string& folder, const Interface& interface,
                        PublishedFolder* objects) = 0;
 
   /// Signals new values of properties (PropertiesChanged), by their places in the interface. Only
@@ -103,14 +103,14 @@ class Objects {
   ///
   /// All signals return false if not joined, and if the bus does not keep up, so that they would
   /// pile up in this process: nothing was sent then, and the caller may try again later.
-  virtual bool Changed(const PublishedObject& object,
+  virtual bool changed(const PublishedObject& object,
                        const std::vector<std::size_t>& properties) = 0;
-  virtual bool Changed(const PublishedFolder& objects, std::uint64_t number,
+  virtual bool changed(const PublishedFolder& objects, std::uint64_t number,
                        const std::vector<std::size_t>& properties) = 0;
   /// Signals that an object is there (InterfacesAdded, with all properties).
-  virtual bool Added(const PublishedFolder& objects, std::uint64_t number) = 0;
+  virtual bool added(const PublishedFolder& objects, std::uint64_t number) = 0;
   /// Signals that an object is gone (InterfacesRemoved).
-  virtual bool Removed(const PublishedFolder& objects, std::uint64_t number) = 0;
+  virtual bool removed(const PublishedFolder& objects, std::uint64_t number) = 0;
 };
 
 }  // namespace kova::ipc

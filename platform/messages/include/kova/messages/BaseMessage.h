@@ -36,40 +36,40 @@ class BaseMessage : public variant::BaseVariantContainer {
  protected:
   // Reading repairs the stored value: a missing or mistyped one becomes the default, a number is
   // brought to the field's width and range, a Choice to its table's spelling.
-  bool Read(const Flag& field);
+  bool read(const Flag& field);
   template <typename T>
-  T Read(const Number<T>& field) {
-    const variant::Variant* value = Valid(field.key, variant::VariantClass::Number);
-    const T number = value != nullptr ? Held(*value, field) : field.fallback;
-    Store(field.key, number);
+  T read(const Number<T>& field) {
+    const variant::Variant* value = valid(field.key, variant::VariantClass::Number);
+    const T number = value != nullptr ? held(*value, field) : field.fallback;
+    store(field.key, number);
     return number;
   }
-  std::uint64_t Read(const MessageId& field);
-  std::string Read(const Text& field);
-  template <std::size_t N>
-  std::string Read(const Choice<N>& field) {
-    return ReadChoice(field.key, field.fallback, {field.allowed.data(), N});
+  std::uint64_t read(const MessageId& field);
+  std::string read(const Text& field);
+  template <std::size_t kCount>
+  std::string read(const Choice<kCount>& field) {
+    return readChoice(field.key, field.fallback, {field.allowed.data(), kCount});
   }
-  std::string Read(const Forced& field);
-  timeval Read(const Timestamp& field);
-  variant::Variant Read(const Container& field);
-  variant::Variant Read(const Anything& field);
+  std::string read(const Forced& field);
+  timeval read(const Timestamp& field);
+  variant::Variant read(const Container& field);
+  variant::Variant read(const Anything& field);
 
   // Writing stores the value unchanged, except a Choice, which is stored in its table's spelling.
   template <typename Field>
-  void Write(const Field& field, const typename Field::Value& value) {
-    Store(field.key, value);
+  void write(const Field& field, const typename Field::Value& value) {
+    store(field.key, value);
   }
-  template <std::size_t N>
-  void Write(const Choice<N>& field, const std::string& value) {
-    Store(field.key, Canonical(value, {field.allowed.data(), N}));
+  template <std::size_t kCount>
+  void write(const Choice<kCount>& field, const std::string& value) {
+    store(field.key, canonical(value, {field.allowed.data(), kCount}));
   }
-  void Write(const Forced& field, const std::string&) { Store(field.key, field.value); }
+  void write(const Forced& field, const std::string&) { store(field.key, field.value); }
 
   /// Repairs every field of a schema, in order.
   template <typename... Field>
-  void NormalizeSchema(const std::tuple<Field...>& schema) {
-    std::apply([this](const auto&... field) { (static_cast<void>(this->Read(field)), ...); },
+  void normalizeSchema(const std::tuple<Field...>& schema) {
+    std::apply([this](const auto&... field) { (static_cast<void>(this->read(field)), ...); },
                schema);
   }
 
@@ -77,13 +77,13 @@ class BaseMessage : public variant::BaseVariantContainer {
   // With a range, values beyond the field's width are clamped; without, they are reduced modulo the
   // width.
   template <typename T>
-  static T Held(const variant::Variant& value, const Number<T>& field) {
+  static T held(const variant::Variant& value, const Number<T>& field) {
     const bool ranged = field.min != Number<T>::kLeast || field.max != Number<T>::kGreatest;
-    const double wide = value.ToNumber<double>();
+    const double wide = value.toNumber<double>();
     if (ranged && (wide < field.min || wide > field.max)) {
       return wide < field.min ? field.min : field.max;
     }
-    return value.ToNumber<T>();
+    return value.toNumber<T>();
   }
 
   struct Allowed {
@@ -92,10 +92,10 @@ class BaseMessage : public variant::BaseVariantContainer {
   };
 
   /// The value under `key` if its type belongs to `mask`, else null.
-  const variant::Variant* Valid(std::string_view key, variant::VariantClass mask);
-  void Store(std::string_view key, variant::Variant value);
-  std::string ReadChoice(std::string_view key, std::string_view fallback, Allowed allowed);
-  static std::string_view Canonical(const std::string& value, Allowed allowed);
+  const variant::Variant* valid(std::string_view key, variant::VariantClass mask);
+  void store(std::string_view key, variant::Variant value);
+  std::string readChoice(std::string_view key, std::string_view fallback, Allowed allowed);
+  static std::string_view canonical(const std::string& value, Allowed allowed);
 };
 
 /// The envelope of requests and events.
@@ -134,12 +134,12 @@ class Request : public BaseRequestMessage {
   using BaseRequestMessage::BaseRequestMessage;
 
   /// Always the class's own name.
-  std::string functionName() { return Read(functionNameOf()); }
-  void functionName(const std::string& value) { Write(functionNameOf(), value); }
+  std::string functionName() { return read(functionNameOf()); }
+  void functionName(const std::string& value) { write(functionNameOf(), value); }
 
   void NormalizeFields() override {
-    Read(functionNameOf());
-    NormalizeSchema(Self::kSchema);
+    read(functionNameOf());
+    normalizeSchema(Self::kSchema);
     BaseRequestMessage::NormalizeFields();  // kept: 24
   }
 

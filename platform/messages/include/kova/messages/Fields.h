@@ -56,12 +56,12 @@ struct Text {
 
 /// Text that is one of `allowed`: compared case-insensitively and stored in the table's spelling;
 /// any other text becomes the first. `fallback` replaces only a missing or mistyped value.
-template <std::size_t N>
+template <std::size_t kCount>
 struct Choice {
   using Value = std::string;
   std::string_view key;
   std::string_view fallback;
-  std::array<std::string_view, N> allowed;
+  std::array<std::string_view, kCount> allowed;
 };
 
 /// The message's kind: always the class's own name, whatever was received.
@@ -97,8 +97,8 @@ struct Anything {
 #define KOVA_FIELD(TYPE, KEY, ...)                                   \
   static constexpr TYPE KEY##Field{#KEY __VA_OPT__(, ) __VA_ARGS__}; \
   TYPE::Value KEY() {                                                \
-    return Read(KEY##Field);                                         \
+    return read(KEY##Field);                                         \
   }                                                                  \
   void KEY(const TYPE::Value& value) {                               \
-    Write(KEY##Field, value);                                        \
+    write(KEY##Field, value);                                        \
   }

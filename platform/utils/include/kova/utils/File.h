@@ -53,7 +53,7 @@ class File {
   bool ReadBuffer(unsigned char* buffer, std::uint64_t length);
 
   /// Moves the cursor of a file opened for reading; fails with EINVAL beyond Size().
-  bool Seek(std::uint64_t cursor);
+  bool seek(std::uint64_t cursor);
 
   /// Size in bytes when the file was opened, grown by writes through this object.
   std::uint64_t Size() const { return size_; }
@@ -74,10 +74,10 @@ class File {
                             std::uint64_t limit = kReadAllLimit);
 
  private:
-  bool OpenInPlace(const std::string& path, int flags);
-  bool OpenReplacement(const std::string& path);
-  bool CompleteReplacement();
-  void Abandon();
+  bool openInPlace(const std::string& path, int flags);
+  bool openReplacement(const std::string& path);
+  bool completeReplacement();
+  void abandon();
 
   int fd_ = -1;
   std::uint64_t size_ = 0;

@@ -14,16 +14,16 @@ class ProcFile {
   /// How the kernel generates the content (see filesystems/seq_file in its documentation): in one
   /// piece, complete once a read does not fill the buffer (most files), or record by record,
   /// complete once a read returns 0 bytes (lists of interfaces, routes, processors).
-  enum class Form { kOnePiece, kRecords };
+  enum class Form { OnePiece, Records };
 
   ProcFile(std::string path, Form form) : path_(std::move(path)), form_(form) {}
 
   /// Opens the file unless it is open. Returns 0 or an errno value.
-  int Open();
+  int open();
 
   /// Reads the current content; `text` is valid until the next call. Returns 0, or an errno value
   /// and an empty `text`.
-  int Read(std::string_view& text);
+  int read(std::string_view& text);
 
  private:
   std::string path_;

@@ -11,11 +11,11 @@ class UniqueFd {
  public:
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { Reset(); }
+  ~UniqueFd() { reset(); }
   UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
     if (this != &other) {
-      Reset();
+      reset();
       fd_ = std::exchange(other.fd_, -1);
     }
     return *this;
@@ -23,11 +23,11 @@ class UniqueFd {
   UniqueFd(const UniqueFd&) = delete;
   UniqueFd& operator=(const UniqueFd&) = delete;
 
-  int Get() const { return fd_; }
+  int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
   /// Releases the descriptor to the caller.
-  int Release() { return std::exchange(fd_, -1); }
-  void Reset() {
+  int release() { return std::exchange(fd_, -1); }
+  void reset() {
     if (fd_ >= 0) close(fd_);
     fd_ = -1;
   }

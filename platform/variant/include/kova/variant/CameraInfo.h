@@ -31,7 +31,7 @@ class CameraInfo : public Variant {
 
  private:
   using Accepts = bool (*)(const Variant& value);
-  const Variant& Required(std::string_view key, Accepts accepts,
+  const Variant& required(std::string_view key, Accepts accepts,
                           const logger::Origin& reader) const;
 };
 

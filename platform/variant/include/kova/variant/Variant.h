@@ -73,12 +73,12 @@ class Variant {
   Variant(Map value) : value_(std::move(value)) {}
   Variant(Array value) : value_(std::move(value)) {}
 
-  VariantType Type() const;
-  bool Is(VariantClass mask) const { return belongsTo(Type(), mask); }
-  bool IsEmpty() const { return Type() == VariantType::Empty; }
-  bool IsContainer() const { return Is(VariantClass::Container); }
-  bool IsMap() const { return Type() == VariantType::Map; }
-  bool IsArray() const { return Type() == VariantType::Array; }
+  VariantType type() const;
+  bool is(VariantClass mask) const { return belongsTo(type(), mask); }
+  bool isEmpty() const { return type() == VariantType::Empty; }
+  bool isContainer() const { return is(VariantClass::Container); }
+  bool isMap() const { return type() == VariantType::Map; }
+  bool IsArray() const { return type() == VariantType::Array; }
 
   /// Setter: converts the value to an array (true) or to a map (false). Containers keep their
   /// elements: an array becomes a map with the keys "0", "1", ..., a map becomes an array in key
@@ -91,13 +91,13 @@ class Variant {
   void Reset() { Free(); }
 
   // Reading. A value of another type reads as false, 0, "" or the epoch.
-  bool ToBool() const;
+  bool toBool() const;
   /// Integers are reduced modulo 2^N to the width of T, as in C. A double is truncated towards zero
   /// and clamped to T's range; NaN reads as 0.
   template <VariantNumber T>
-  T ToNumber() const;
-  const std::string& ToText() const;
-  timeval ToTime() const;
+  T toNumber() const;
+  const std::string& toText() const;
+  timeval toTime() const;
 
   // Containers.
   /// Number of elements; 0 if this is not a container.
@@ -106,25 +106,25 @@ class Variant {
   /// IsArray(false).
   Variant& operator[](std::string_view key);
   /// The element under `key` (exact match), or null.
-  const Variant* Find(std::string_view key) const;
-  Variant* Find(std::string_view key);
+  const Variant* find(std::string_view key) const;
+  Variant* find(std::string_view key);
   /// Follows `keys` through nested maps.
   /// @return the value at the end if its type belongs to `mask`, else null
   const Variant* GetKeyChain(VariantClass mask, std::initializer_list<std::string_view> keys) const;
   /// Appends an element. Converts the value to an array first, see IsArray(true).
-  void PushToArray(Variant element);
+  void pushToArray(Variant element);
   /// The elements; an empty container if this is of another type.
-  const Map& Elements() const;
-  const Array& Items() const;
+  const Map& elements() const;
+  const Array& items() const;
 
   /// One line of JSON for logs, with "********" as the value of every key that names a password.
   std::string ToString() const;
   /// A copy with passwords masked as by ToString().
-  Variant Masked() const;
+  Variant masked() const;
   /// JSON (RFC 8259). Bytes that are not UTF-8 become U+FFFD, NaN and infinities null, a time value
   /// a string such as "2026-01-31T12:00:00.000000Z" (RFC 3339).
   /// @param indent spaces per level, or -1 for a single line
-  std::string ToJSON(int indent = -1) const;
+  std::string toJson(int indent = -1) const;
 
   static constexpr std::size_t kMaxJsonSize = std::size_t{1024} * 1024;
   static constexpr int kMaxDepth = 32;
@@ -154,12 +154,12 @@ class Variant {
       value_;
 };
 
-extern template std::int8_t Variant::ToNumber<std::int8_t>() const;
-extern template std::uint8_t Variant::ToNumber<std::uint8_t>() const;
-extern template std::int32_t Variant::ToNumber<std::int32_t>() const;
-extern template std::uint32_t Variant::ToNumber<std::uint32_t>() const;
-extern template std::int64_t Variant::ToNumber<std::int64_t>() const;
-extern template std::uint64_t Variant::ToNumber<std::uint64_t>() const;
-extern template double Variant::ToNumber<double>() const;
+extern template std::int8_t Variant::toNumber<std::int8_t>() const;
+extern template std::uint8_t Variant::toNumber<std::uint8_t>() const;
+extern template std::int32_t Variant::toNumber<std::int32_t>() const;
+extern template std::uint32_t Variant::toNumber<std::uint32_t>() const;
+extern template std::int64_t Variant::toNumber<std::int64_t>() const;
+extern template std::uint64_t Variant::toNumber<std::uint64_t>() const;
+extern template double Variant::toNumber<double>() const;
 
 }  // namespace kova::variant
