@@ -12,7 +12,8 @@ namespace kova::ctlserver {
 /// Bounds the time that servers can keep the engine inside libcurl: libcurl and OpenSSL keep
 /// reading while bytes arrive that carry no data. When a turn of the engine exceeds its time, the
 /// signal of a timer cuts every watched socket; nothing remains to be read, libcurl returns, and
-/// the transfers fail.
+/// the transfers fail. Processor time of the thread counts: a held pass computes all the time,
+/// while a pass that waits for a busy processor or a slow disk is not the fault of a server.
 ///
 /// Init must be called by the thread that pumps; pumpSignal() is sent to it. The handler makes only
 /// async-signal-safe calls and preserves errno; interrupted calls restart. The timer runs only
@@ -32,7 +33,8 @@ class PumpGuard {
   /// false, with the reason logged, if the system refuses; passes then guard nothing.
   bool Init();
 
-  /// Begins a turn. Its passes may take kTurnMs together, plus kTransferMs for each transfer.
+  /// Begins a turn. Its passes may take kTurnMs together, plus kTransferMs for each transfer, of
+  /// the thread's processor time.
   void beginTurn(std::size_t transfers);
 
   /// Adds a socket that the guard may cut. It must be forgotten before it is closed.
@@ -71,7 +73,7 @@ class PumpGuard {
   void cut();
 
   std::vector<Socket> sockets_;  // changed only with the signal blocked
-  timespec left_{};              // time left in this turn
+  timespec left_{};              // processor time left in this turn
   volatile std::sig_atomic_t fired_ = 0;
   std::optional<timer_t> timer_;
 };

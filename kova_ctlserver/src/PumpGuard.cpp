@@ -81,7 +81,7 @@ bool PumpGuard::Init() {
   event.sigev_signo = pumpSignal();
   event.sigev_value.sival_ptr = this;
   timer_t timer{};
-  if (!timer_ && timer_create(CLOCK_MONOTONIC, &event, &timer) != 0) {
+  if (!timer_ && timer_create(CLOCK_THREAD_CPUTIME_ID, &event, &timer) != 0) {
     KOVA_LOG(LOG_ERR, errno, "Failed to guard the transfers");
     return false;
   }
