@@ -9,10 +9,10 @@ namespace kova::ctl {
 namespace {
 
 using namespace std::chrono_literals;
+using variant::Variant;
 
 constexpr auto kSearch = 1s;  // a camera may publish a transfer a little after it has accepted it
-constexpr auto kHeartbeat =
-    1s;  // without a signal: shows whether the control server is still there
+constexpr auto kHeartbeat = 1s;  // without a signal: whether the control server is still there
 constexpr std::uint32_t kAnswerMs = 10000;
 
 }  // namespace
@@ -41,8 +41,19 @@ ExitStatus TransferFollower::find(std::uint64_t requestId) {
 void TransferFollower::follow() {
   if (!record_.hasEnded()) {
     // Without signals the heartbeat remains.
-    objects_.bus().follow(pathOfTransfer(record_.number), [this] { changed_ = behind_ = true; });
+    objects_.bus().follow(pathOfTransfer(record_.number),
+                          [this](const auto& signal) { onSignal(signal); });
     changed_ = behind_ = true;
+  }
+}
+
+// What a signal tells is shown even if a control server that runs a tool answers no question.
+void TransferFollower::onSignal(const ipc::BusObjects::Signal& signal) {
+  changed_ = behind_ = true;
+  const Variant::Array& arguments = signal.arguments.items();
+  if (signal.name == "PropertiesChanged" && arguments.size() > 1 &&
+      arguments[0].toText() == kTransferInterface) {
+    update(record_, arguments[1]);
   }
 }
 

@@ -27,9 +27,9 @@ class TransferFollower {
   ExitStatus find(std::uint64_t requestId);
   bool found() const { return !record_.number.empty(); }
 
-  /// Reads the transfer when it has changed, and once in a while. Never waits.
+  /// Takes signals, and reads the transfer when it has changed, and once in a while. Never waits.
   void Service();
-  /// The state read last.
+  /// The state as read or signalled last.
   const TransferRecord& record() const { return record_; }
   /// Whether the control server may be waiting for a tool that checks or flashes. It enters that
   /// phase and starts the tool at once, so that it signals the phase and answers no more.
@@ -45,6 +45,7 @@ class TransferFollower {
   using Clock = std::chrono::steady_clock;
 
   void follow();
+  void onSignal(const ipc::BusObjects::Signal& signal);
   void ask();
   void take(const Objects::Answer& answer);
 

@@ -16,15 +16,17 @@ constexpr std::size_t kMostDigits = 20;
 // The end of the year 9999.
 constexpr std::uint64_t kLastTime = 253402300799999999;
 
-const std::string& text(const Variant& properties, std::string_view name) {
-  static const std::string none;
-  const Variant* value = properties.find(name);
-  return value != nullptr ? value->toText() : none;
+void take(const Variant& properties, std::string_view name, std::string& text) {
+  if (const Variant* value = properties.find(name); value != nullptr) {
+    text = value->toText();
+  }
 }
 
-std::uint64_t number(const Variant& properties, std::string_view name) {
-  const Variant* value = properties.find(name);
-  return value != nullptr ? value->toNumber<std::uint64_t>() : 0;
+template <typename Number>
+void take(const Variant& properties, std::string_view name, Number& number) {
+  if (const Variant* value = properties.find(name); value != nullptr) {
+    number = value->toNumber<Number>();
+  }
 }
 
 bool isBefore(const std::string& a, const std::string& b) {
@@ -65,23 +67,27 @@ std::string pathOfTransfer(const std::string& number) {
   return std::string(kTransfersPath) + "/" + number;
 }
 
+void update(TransferRecord& record, const Variant& properties) {
+  take(properties, "RequestId", record.requestId);
+  take(properties, "Requester", record.requester);
+  take(properties, "Kind", record.kind);
+  take(properties, "Direction", record.direction);
+  take(properties, "Uri", record.uri);
+  take(properties, "File", record.file);
+  take(properties, "Phase", record.phase);
+  take(properties, "Transferred", record.transferred);
+  take(properties, "Size", record.size);
+  take(properties, "Started", record.started);
+  take(properties, "Ended", record.ended);
+  take(properties, "HttpStatus", record.httpStatus);
+  take(properties, "Outcome", record.outcome);
+  take(properties, "Reason", record.reason);
+}
+
 TransferRecord transferRecord(const std::string& number, const Variant& properties) {
   TransferRecord record;
   record.number = number;
-  record.requestId = ctl::number(properties, "RequestId");
-  record.requester = text(properties, "Requester");
-  record.kind = text(properties, "Kind");
-  record.direction = text(properties, "Direction");
-  record.uri = text(properties, "Uri");
-  record.file = text(properties, "File");
-  record.phase = text(properties, "Phase");
-  record.transferred = ctl::number(properties, "Transferred");
-  record.size = ctl::number(properties, "Size");
-  record.started = ctl::number(properties, "Started");
-  record.ended = ctl::number(properties, "Ended");
-  record.httpStatus = static_cast<std::uint32_t>(ctl::number(properties, "HttpStatus"));
-  record.outcome = text(properties, "Outcome");
-  record.reason = text(properties, "Reason");
+  update(record, properties);
   return record;
 }
 

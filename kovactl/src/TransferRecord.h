@@ -43,6 +43,8 @@ struct TransferRecord {
 bool isTransferNumber(std::string_view text);
 std::string pathOfTransfer(const std::string& number);
 
+/// Replaces what the properties of kova.Transfer1 name.
+void update(TransferRecord& record, const variant::Variant& properties);
 /// The record with these properties of kova.Transfer1.
 TransferRecord transferRecord(const std::string& number, const variant::Variant& properties);
 /// The transfers among all objects of a camera, in the order of their numbers.

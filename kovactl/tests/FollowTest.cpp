@@ -314,6 +314,7 @@ TEST_F(Follow, TimeOutDoesNotCoverTools) {
   camera.finalise("7", 3000);  // beyond the time-out and its grace
   const Result result = child.wait();
   EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "transferring\nfinalising\n") << "told by a signal alone";
   EXPECT_EQ(result.out, "OK\n");
 }
 

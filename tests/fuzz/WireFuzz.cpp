@@ -79,6 +79,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool isAnswer = wire::decodeAnswer(message.get(), value, reason);
   require(isAnswer ? depthOf(value) <= wire::kMaxDepth : !reason.empty());
   reason.clear();
+  Variant arguments;
+  if (wire::decodeArguments(message.get(), arguments, reason)) {
+    require(arguments.IsArray() && isAnswer == (arguments.items().size() <= 1));
+  } else {
+    require(!isAnswer && !reason.empty());
+  }
+  reason.clear();
   if (!wire::decode(message.get(), value, reason)) {
     require(!reason.empty());
     return 0;

@@ -104,6 +104,7 @@ TEST_F(MainTest, StartsRegistersAndStopsInOrder) {
                             "Ipc::Service 0", "BaseButton::service", "sleep 10",  //
                             "Ipc::Service 0", "BaseButton::service", "sleep 10",  //
                             "CloseStatsLib", "Ipc::FreeInstance"));
+    EXPECT_THAT(platform().notified, ElementsAre("ready", "alive"));
     EXPECT_TRUE(platform().logged(6, "SIGTERM received"));
     EXPECT_EQ(platform().log.back().unit, "main");
     EXPECT_EQ(platform().log.back().function, "main");
@@ -144,6 +145,7 @@ TEST_F(MainTest, UnreachableBusStopsItThroughTeardown) {
     EXPECT_TRUE(platform().logged(3, "Failed to initialize IPC"));
     EXPECT_THAT(journalFrom("Ipc::Init kova_ctlserver"),
                 ElementsAre("Ipc::Init kova_ctlserver", "CloseStatsLib", "Ipc::FreeInstance"));
+    EXPECT_TRUE(platform().notified.empty()) << "of a daemon that serves nobody";
   });
 }
 

@@ -101,7 +101,7 @@ ExitStatus readInto(const Options& options, Objects& objects, const Frame& frame
 
 ExitStatus repeat(const Options& options, Objects& objects, const Frame& frame) {
   bool changed = false;
-  objects.bus().follow("/kova", [&changed] { changed = true; });
+  objects.bus().follow("/kova", [&changed](const auto&) { changed = true; });
   while (true) {
     changed = false;
     ExitStatus status = readInto(options, objects, frame);

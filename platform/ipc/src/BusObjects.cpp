@@ -9,6 +9,8 @@
 namespace kova::ipc {
 namespace {
 
+using variant::Variant;
+
 constexpr int kMaxMessages = 128;
 
 constexpr char kManager[] = "org.freedesktop.DBus.ObjectManager";
@@ -46,18 +48,18 @@ class BusObjects::Connection {
     return MessagePtr(result >= 0 ? created : nullptr);
   }
   bool start(const MessagePtr& call, std::uint32_t timeoutMs, Receiver receiver);
-  bool follow(const std::string& path, std::function<void()> changed);
+  bool follow(const std::string& path, std::function<void(const Signal&)> changed);
   bool Service(unsigned timeoutMs);
 
  private:
   int onAnswer(sd_bus_message* answer, sd_bus_error*);
-  int onSignal(sd_bus_message*, sd_bus_error*);
+  int onSignal(sd_bus_message* signal, sd_bus_error*);
   int drain();
 
   BusPtr bus_;
   std::string name_;
   Receiver receiver_;
-  std::function<void()> changed_;
+  std::function<void(const Signal&)> changed_;
   // Released before the connection.
   SlotPtr call_;
   SlotPtr match_;
@@ -84,7 +86,8 @@ int BusObjects::Connection::onAnswer(sd_bus_message* answer, sd_bus_error*) {
   return 0;
 }
 
-bool BusObjects::Connection::follow(const std::string& path, std::function<void()> changed) {
+bool BusObjects::Connection::follow(const std::string& path,
+                                    std::function<void(const Signal&)> changed) {
   const std::string rule = "type='signal',sender='" + name_ + "',path_namespace='" + path + "'";
   changed_ = std::move(changed);
   sd_bus_slot* slot = nullptr;
@@ -94,8 +97,12 @@ bool BusObjects::Connection::follow(const std::string& path, std::function<void(
   return result >= 0;
 }
 
-int BusObjects::Connection::onSignal(sd_bus_message*, sd_bus_error*) {
-  changed_();
+int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
+  Signal signal{text(sd_bus_message_get_interface(message)),
+                text(sd_bus_message_get_member(message)), Variant::Array()};
+  std::string reason;
+  wire::decodeArguments(message, signal.arguments, reason);
+  changed_(signal);
   return 0;
 }
 
@@ -158,7 +165,7 @@ bool BusObjects::call(const std::string& path, const std::string& interface,
   });
 }
 
-bool BusObjects::follow(const std::string& path, std::function<void()> changed) {
+bool BusObjects::follow(const std::string& path, std::function<void(const Signal&)> changed) {
   return guarded(__func__, false, [&] {
     return connection_ != nullptr && connection_->follow(path, std::move(changed));
   });

@@ -33,6 +33,10 @@ bool decode(sd_bus_message* message, variant::Variant& body, std::string& reason
 /// @return as decode()
 bool decodeAnswer(sd_bus_message* message, variant::Variant& value, std::string& reason);
 
+/// Reads all arguments of a received message, in the same way.
+/// @param arguments receives an array of the values
+bool decodeArguments(sd_bus_message* message, variant::Variant& arguments, std::string& reason);
+
 /// Appends a map as the message's only argument, an a{sv}. A value that is not a map is sent as an
 /// empty one.
 /// @param reason receives why the map cannot be sent

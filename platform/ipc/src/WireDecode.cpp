@@ -1,5 +1,6 @@
 #include <cstdint>
 #include <limits>
+#include <utility>
 
 #include "MarshalledSize.h"
 #include "Wire.h"
@@ -29,16 +30,16 @@ class Reader {
     return sd_bus_message_at_end(message_, 1) > 0 || refuse("the body has more than one argument");
   }
 
-  bool readAnswer(Variant& value) {
+  bool readArguments(Variant::Array& arguments) {
     if (sd_bus_message_rewind(message_, 1) < 0) {
       return malformed();
     }
-    if (sd_bus_message_at_end(message_, 1) > 0) {
-      value.Free();
-      return true;
+    while (sd_bus_message_at_end(message_, 1) == 0) {
+      if (!readValue(arguments.emplace_back(), 0)) {
+        return false;
+      }
     }
-    return readValue(value, 0) && (sd_bus_message_at_end(message_, 1) > 0 ||
-                                   refuse("the answer has more than one argument"));
+    return true;
   }
 
  private:
@@ -273,7 +274,25 @@ bool decode(sd_bus_message* message, Variant& body, std::string& reason) {
 }
 
 bool decodeAnswer(sd_bus_message* message, Variant& value, std::string& reason) {
-  return Reader(message, true, reason).readAnswer(value);
+  Variant::Array arguments;
+  if (!Reader(message, true, reason).readArguments(arguments)) {
+    return false;
+  }
+  if (arguments.size() > 1) {
+    reason = "the answer has more than one argument";
+    return false;
+  }
+  value = arguments.empty() ? Variant() : std::move(arguments.front());
+  return true;
+}
+
+bool decodeArguments(sd_bus_message* message, Variant& arguments, std::string& reason) {
+  Variant::Array values;
+  if (!Reader(message, true, reason).readArguments(values)) {
+    return false;
+  }
+  arguments = std::move(values);
+  return true;
 }
 
 }  // namespace kova::ipc::wire

@@ -186,15 +186,18 @@ TEST_F(BusObjectsTest, ReceiversMayStartNextCall) {
 
 TEST_F(BusObjectsTest, FollowsSignalsBelowOnePath) {
   Publisher publisher(nullptr);
-  int changes = 0;
-  ASSERT_TRUE(objects_.follow("/kova/transfers/7", [&] { ++changes; }));
+  std::vector<BusObjects::Signal> changes;
+  ASSERT_TRUE(
+      objects_.follow("/kova/transfers/7", [&](const auto& signal) { changes.push_back(signal); }));
   publisher.signal("/kova/transfers/8");
   publisher.signal("/kova/transfers/70");
   publisher.signal("/kova/transfers/7");
-  EXPECT_TRUE(until(&publisher, [&] { return changes > 0; }));
+  EXPECT_TRUE(until(&publisher, [&] { return !changes.empty(); }));
   ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
   answered(&publisher);  // after all signals
-  EXPECT_EQ(changes, 1);
+  ASSERT_EQ(changes.size(), 1U);
+  EXPECT_EQ(changes[0].interface + "." + changes[0].name, "kova.Ipc1.Broadcast");
+  EXPECT_EQ(changes[0].arguments, Variant(Variant::Array{Variant::Map{}}));
 }
 
 TEST_F(BusObjectsTest, InvalidPathsAndClosedConnectionsFail) {
@@ -202,7 +205,7 @@ TEST_F(BusObjectsTest, InvalidPathsAndClosedConnectionsFail) {
   EXPECT_FALSE(objects_.call("/kova", "not an interface", "Any", kPatienceMs, keep()));
   BusObjects closed("published");
   EXPECT_FALSE(closed.readAll(kPatienceMs, keep()));
-  EXPECT_FALSE(closed.follow("/kova", [] {}));
+  EXPECT_FALSE(closed.follow("/kova", nullptr));
   EXPECT_FALSE(closed.Service(0));
   bus_.kill();
   EXPECT_FALSE(until(nullptr, [] { return false; }));

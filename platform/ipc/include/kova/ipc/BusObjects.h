@@ -44,9 +44,14 @@ class BusObjects {
   bool call(const std::string& path, const std::string& interface, const std::string& method,
             std::uint32_t timeoutMs, Receiver receiver);
 
+  struct Signal {
+    std::string interface;
+    std::string name;
+    variant::Variant arguments;  ///< an array; empty if they are invalid
+  };
   /// Calls `changed` for every signal of the objects at `path` and below, until another path is
-  /// followed. Signals are not read: what has changed is to be read anew.
-  bool follow(const std::string& path, std::function<void()> changed);
+  /// followed. Signals may be missing: what they tell is to be read once in a while, too.
+  bool follow(const std::string& path, std::function<void(const Signal&)> changed);
 
   /// Handles pending messages, at most 128; waits up to `timeoutMs` if none is pending. False if
   /// the connection is lost. Calls the receivers, which may start calls.
