@@ -74,6 +74,7 @@ class PumpGuard {
 
   std::vector<Socket> sockets_;  // changed only with the signal blocked
   timespec left_{};              // processor time left in this turn
+  volatile std::sig_atomic_t armed_ = 0;
   volatile std::sig_atomic_t fired_ = 0;
   std::optional<timer_t> timer_;
 };

@@ -22,7 +22,7 @@ constexpr char kLogUnit[] = "PumpGuard";
 
 constexpr long kNanosecondsInMs = 1'000'000;
 // Repeated until the cut pass has ended, for sockets that are opened meanwhile.
-constexpr timespec kAgain{0, 50 * kNanosecondsInMs};
+constexpr itimerspec kAgain{{}, {0, 50 * kNanosecondsInMs}};
 constexpr timespec kAtOnce{0, 1};
 
 timespec milliseconds(long count) {
@@ -118,6 +118,9 @@ void PumpGuard::onSignal(int /*number*/, siginfo_t* info, void* /*context*/) {
 // unread data; after shutdown(2), the fall-back, a few megabytes could still be read. Each socket
 // is marked, so that its transfer fails even if libcurl takes the cut for the end of the body.
 void PumpGuard::cut() {
+  if (armed_ == 0) {
+    return;  // delivered while the timer was being disarmed
+  }
   const sockaddr nobody{AF_UNSPEC, {}};
   fired_ = 1;
   for (Socket& socket : sockets_) {
@@ -129,18 +132,23 @@ void PumpGuard::cut() {
       }
     }
   }
+  timer_settime(*timer_, 0, &kAgain, nullptr);
 }
 
-// A turn may have several passes: each resumes with the time that the one before left.
+// A turn may have several passes: each resumes with the time that the one before left. The timer
+// has no interval: Linux would report what is left of it for a timer that expired unnoticed,
+// between two ticks.
 void PumpGuard::arm() {
   fired_ = 0;
-  const itimerspec limit{kAgain, isZero(left_) ? kAtOnce : left_};
+  armed_ = 1;
+  const itimerspec limit{{}, isZero(left_) ? kAtOnce : left_};
   timer_settime(*timer_, 0, &limit, nullptr);
 }
 
 void PumpGuard::disarm() {
   const itimerspec none{};
   itimerspec left{};
+  armed_ = 0;
   timer_settime(*timer_, 0, &none, &left);
   left_ = fired_ != 0 ? timespec{} : left.it_value;
 }
