@@ -93,7 +93,7 @@ class Relay {
   }
 
  private:
-  enum Place { kIn, kOut, kBus };
+  enum Place { In, Out, Bus };
 
   // A descriptor from which nothing is wanted is left out: its hang-up would end every wait.
   static pollfd wish(int fd, bool read, bool write) {
@@ -105,25 +105,25 @@ class Relay {
     places_ = {wish(in_, up_.wantsRead(), false), wish(out_, false, down_.wantsWrite()),
                wish(bus_, down_.wantsRead(), up_.wantsWrite())};
     if (!outClosed_) {
-      places_[kOut].fd = out_;  // also to learn that nobody reads it any more
+      places_[Out].fd = out_;  // also to learn that nobody reads it any more
     }
     const bool lingers = up_.ended() || outClosed_;
     return ppoll(places_.data(), places_.size(), lingers ? &kLinger : nullptr, &blocked_.before());
   }
 
   void move() {
-    if (is(kBus, POLLOUT) && up_.wantsWrite() && !up_.write()) {
+    if (is(Bus, POLLOUT) && up_.wantsWrite() && !up_.write()) {
       up_.abandon();
     }
-    if (is(kBus, POLLIN) && down_.wantsRead()) {
+    if (is(Bus, POLLIN) && down_.wantsRead()) {
       down_.read();
     }
-    const bool refused = is(kOut, POLLOUT) && down_.wantsWrite() && !down_.write();
-    if (refused || is(kOut, 0)) {
+    const bool refused = is(Out, POLLOUT) && down_.wantsWrite() && !down_.write();
+    if (refused || is(Out, 0)) {
       outClosed_ = true;
       down_.abandon();
     }
-    if (is(kIn, POLLIN) && up_.wantsRead()) {
+    if (is(In, POLLIN) && up_.wantsRead()) {
       up_.read();
     }
     if (up_.ended() && !halfClosed_) {

@@ -34,7 +34,9 @@ std::string_view firstValue(std::string_view text, std::initializer_list<std::st
 
 /// The columns of a processor's line in /proc/stat; the remaining ones are included in the first
 /// two.
-enum CpuColumn { kUser, kNice, kSystem, kIdle, kIoWait, kIrq, kSoftIrq, kSteal, kColumns };
+namespace column {
+enum { User, Nice, System, Idle, IoWait, Irq, SoftIrq, Steal, Count };
+}  // namespace column
 
 struct CpuTimes {
   std::uint64_t busy = 0;
@@ -43,17 +45,17 @@ struct CpuTimes {
 
 /// Parses the words after "cpuN"; old kernels have fewer columns.
 bool parseTimes(std::string_view line, CpuTimes& times) {
-  std::array<std::uint64_t, kColumns> columns{};
-  for (int column = 0; column < kColumns; ++column) {
+  std::array<std::uint64_t, column::Count> columns{};
+  for (int place = 0; place < column::Count; ++place) {
     const std::string_view word = nextWord(line);
     if (word.empty()) {
-      if (column <= kIdle) return false;
+      if (place <= column::Idle) return false;
       break;
     }
-    if (!parseNumber(word, columns[column])) return false;
-    times.total += columns[column];
+    if (!parseNumber(word, columns[place])) return false;
+    times.total += columns[place];
   }
-  times.busy = times.total - columns[kIdle] - columns[kIoWait];
+  times.busy = times.total - columns[column::Idle] - columns[column::IoWait];
   return true;
 }
 

@@ -37,9 +37,9 @@ To convert(From value) {
 }
 
 bool namesPassword(const std::string& key) {
-  constexpr std::string_view word = "password";
-  for (std::size_t i = 0; i + word.size() <= key.size(); ++i) {
-    if (strncasecmp(key.data() + i, word.data(), word.size()) == 0) {
+  constexpr std::string_view kWord = "password";
+  for (std::size_t i = 0; i + kWord.size() <= key.size(); ++i) {
+    if (strncasecmp(key.data() + i, kWord.data(), kWord.size()) == 0) {
       return true;
     }
   }
