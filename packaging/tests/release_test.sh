@@ -1,0 +1,150 @@
+#!/usr/bin/env bash
+# release_test.sh SOURCE PROGRAM: makes releases of a small repository that has this one's files of the version, and holds
+# them to what docs/releasing.md promises. Its packages hold a copy of PROGRAM.
+set -euo pipefail
+
+readonly SOURCE=$1 PROGRAM=$2
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# shellcheck source=packaging/tests/expect.sh
+. "$(dirname "$(readlink -f "$0")")/expect.sh"
+
+readonly version=1.2.3 title=kova_ctlserver-1.2.3
+readonly repository=$work/repository made=$work/repository/build/dist/1.2.3
+# Whoever runs the test may have a key and settings of his own.
+export HOME=$work GNUPGHOME=$work/gnupg GIT_CONFIG_NOSYSTEM=1
+export GIT_AUTHOR_NAME=Test GIT_AUTHOR_EMAIL=test@kova.invalid GIT_COMMITTER_NAME=Test GIT_COMMITTER_EMAIL=test@kova.invalid
+unset KOVA_RELEASE_KEY XDG_CONFIG_HOME
+
+# In the place of ./dev, whose package takes minutes. Its package is that of any time and folder as long as it obeys
+# SOURCE_DATE_EPOCH.
+write_dev() {
+  cat >"$repository/dev" <<TEXT
+#!/bin/sh -e
+cd "\$(dirname "\$0")"
+mkdir -p build/root/DEBIAN build/root/usr/bin build/package
+cp "$PROGRAM" build/root/usr/bin/kovactl
+printf 'Package: kovactl\nVersion: $version\nArchitecture: %s\nMaintainer: test\nDescription: test\n' \
+  "\$(dpkg --print-architecture)" >build/root/DEBIAN/control
+dpkg-deb --root-owner-group --build build/root build/package >/dev/null
+TEXT
+  chmod 755 "$repository/dev"
+}
+
+make_repository() {
+  mkdir "$repository"
+  (cd "$SOURCE" && cp -r --parents CMakeLists.txt CHANGELOG.md packaging docs/man "$repository")
+  write_dev
+  echo /build/ >"$repository/.gitignore"
+  set_version "$version"
+  git -C "$repository" init -q
+  commit
+}
+
+# set_version VERSION: in all files that have it.
+set_version() {
+  local old
+  old=$("$repository/packaging/release/version")
+  (cd "$repository" && sed -i "s/\b${old//./\\.}\b/$1/" CMakeLists.txt CHANGELOG.md packaging/debian/changelog docs/man/*)
+}
+
+commit() { git -C "$repository" add --all && git -C "$repository" commit -q --message change; }
+release() { "$repository/packaging/release/release" "$@"; }
+state() { (cd "$repository" && git status --porcelain && git rev-parse HEAD && git tag && find build -type f -exec sha256sum {} + | sort); }
+
+# refuses TEXT REASON ARGUMENT...: the release is refused for that reason, and nothing is changed by it.
+refuses() {
+  local text=$1 reason=$2
+  shift 2
+  mkdir -p "$repository/build"
+  state >"$work/before"
+  expect_not "$text" release "$@"
+  cp "$work/output" "$work/said"
+  expect "  and says why" grep -F -- "$reason" "$work/said"
+  state | grep -v dist/lock >"$work/after"
+  expect "  and leaves all as it was" diff <(grep -v dist/lock "$work/before") "$work/after"
+}
+
+bad_input_is_refused() {
+  local bad
+  for bad in "" 1.2 v1.2.3 1.2.3.4 01.2.3 1.2.x ../1.2.3 "1.2.3 "; do
+    refuses "the version \"$bad\" is refused" "a version has the form 1.2.3" "$bad"
+  done
+  refuses "another version than the sources' is refused" "the sources have the version 1.2.3" 1.2.4
+  echo >"$repository/new"
+  refuses "a file that is not committed is refused" "?? new" "$version"
+  rm "$repository/new"
+  echo >>"$repository/CMakeLists.txt"
+  refuses "a change that is not committed is refused" " M CMakeLists.txt" "$version"
+  git -C "$repository" checkout -q CMakeLists.txt
+  KOVA_RELEASE_KEY=nobody refuses "a key that is not there is refused" 'no secret key "nobody"' "$version"
+  git -C "$repository" tag v1.2.3
+  git -C "$repository" commit -q --allow-empty --message later
+  refuses "a version whose tag is another commit is refused" "v1.2.3 exists already" "$version"
+  git -C "$repository" tag -d v1.2.3 >/dev/null
+}
+
+in_sums() { grep -qE "^[0-9a-f]{64}  $1\$" "$made/SHA256SUMS"; }
+
+is_made() {
+  expect "a release is made" release "$version"
+  cp "$work/output" "$work/said"
+  expect "it says that it is not signed" grep -F "NOT SIGNED" "$work/said"
+  expect "all its files have the right checksums" sh -c "cd '$made' && sha256sum --check SHA256SUMS"
+  local file
+  for file in "$title.tar.gz" "$title.spdx.json" "kovactl_${version}_.*.deb"; do
+    expect "$file is among them" in_sums "$file"
+  done
+  expect "the archive holds what was committed" diff <(tar -tf "$made/$title.tar.gz" | grep -v '/$' | sort) \
+    <(git -C "$repository" ls-files | sed "s,^,$title/," | sort)
+}
+
+contents_are_listed() {
+  expect "the contents are SPDX 2.3 in itself, and true" "$SOURCE/packaging/tests/sbom_check.py" "$made" \
+    kovactl:DYNAMIC_LINK:libc6 kovactl:DYNAMIC_LINK:libsystemd0 kovactl:STATIC_LINK:libcli11-dev \
+    kovactl:STATIC_LINK:nlohmann-json3-dev
+}
+
+# Another folder, clone, day, time zone, language and mask of modes.
+is_the_same_elsewhere() {
+  git clone -q "$repository" "$work/elsewhere"
+  expect "another clone makes it, too" sh -c \
+    "umask 077; TZ=Asia/Tokyo LC_ALL=C.UTF-8 '$work/elsewhere/packaging/release/release' $version"
+  expect "of the same bytes" diff -r "$made" "$work/elsewhere/build/dist/$version"
+  cp -a "$made" "$work/first"
+  expect "it may be made again" release "$version"
+  expect "and stays the same" diff -r "$work/first" "$made"
+}
+
+what_is_there_is_not_replaced() {
+  git -C "$repository" commit -q --allow-empty --message later
+  refuses_replacement "one of another commit is refused"
+  expect "the first one is as it was" diff -r "$work/first" "$made"
+  git -C "$repository" reset -q --hard HEAD^
+  printf x >>"$made/$title.tar.gz"
+  refuses_replacement "a damaged file is noticed"
+  cp "$work/first/$title.tar.gz" "$made"
+}
+
+refuses_replacement() { expect_not "$1" release "$version"; }
+
+is_signed() {
+  mkdir -m 700 "$GNUPGHOME"
+  gpg --batch --quiet --passphrase '' --quick-generate-key release@kova.invalid ed25519 sign never 2>/dev/null
+  rm -rf "$made"
+  expect "with a key it is signed" env KOVA_RELEASE_KEY=release@kova.invalid \
+    "$repository/packaging/release/release" "$version"
+  expect "by that key" gpg --batch --verify "$made/SHA256SUMS.asc" "$made/SHA256SUMS"
+  expect "the signed bytes are the same" cmp "$made/SHA256SUMS" "$work/first/SHA256SUMS"
+  gpgconf --kill gpg-agent
+}
+
+make_repository
+bad_input_is_refused
+is_made
+contents_are_listed
+is_the_same_elsewhere
+what_is_there_is_not_replaced
+if command -v gpg >/dev/null; then is_signed; else echo "SKIPPED signing: there is no gpg"; fi
+report
