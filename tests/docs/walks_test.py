@@ -42,7 +42,7 @@ def main():
         count += len(functions)
         faults += [f"docs/architecture.md has no walk of a {name}"] if not functions else []
         absent = sorted(function for function in functions if not is_defined(function, code))
-        faults += [f"there is no {function} (walk of a {name})" for function in absent]
+        faults += [f"docs/architecture.md, walk of a {name}: the sources have no {function}" for function in absent]
     print(*faults, f"{count} functions in {len(WALKS)} walks, {len(faults)} faults", sep="\n")
     return 1 if faults else 0
 
