@@ -29,7 +29,9 @@ void expectDefaults(const Map& defaults) {
   }
   // Six keys of the message envelope and three of the request envelope, of which responseExpected
   // is in `defaults` too.
-  EXPECT_EQ(message.Size(), 8U + defaults.size()) << message.ToString();
+  EXPECT_EQ(message.Size(), 8U + defaults.size())
+      << Message::kName
+      << " has another number of fields than this test lists: " << message.ToString();
 }
 
 constexpr char kNotGiven[] = "_UNINITIALIZED_";
