@@ -5,6 +5,7 @@
 . "$(dirname "${BASH_SOURCE[0]}")/manager.sh"
 
 # The device is a virtual camera, or the emulated machine.
+device=camera
 is_machine() { [ "$device" = machine ]; }
 
 use_device() {
