@@ -41,13 +41,7 @@ resets_a_frozen_feeder() {
   resets "feeder" sh -c 'kill -STOP "$(pidof watchdog)"'
 }
 
-# The one processor runs nothing but a process that never ends.
-resets_a_processor_that_spins() {
-  resets "processor" sh -c 'echo -1 >/proc/sys/kernel/sched_rt_runtime_us; chrt -f 99 sh -c "while :; do :; done"'
-  expect "it serves again" inside kovactl stats
-}
-
-# Which reboots by itself: it does not wait for the watchdog.
+# It reboots by itself and does not wait for the watchdog.
 reboots_after_a_panic() {
   local boot
   boot=$(boot_count)
@@ -56,5 +50,5 @@ reboots_after_a_panic() {
 }
 
 [ $# -gt 0 ] || set -- starts_with_a_watchdog lets_a_healthy_camera_be resets_a_frozen_daemon resets_a_frozen_feeder \
-  resets_a_processor_that_spins reboots_after_a_panic
+  reboots_after_a_panic
 run_parts "$@"
