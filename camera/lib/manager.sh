@@ -23,7 +23,7 @@ issue() {
 # run_manager CERTIFICATES FILES RECEIVED PORT_FILE: replaces this shell, so call it in the background.
 run_manager() {
   local command
-  command=("$(find "$KOVA_BUILD" -maxdepth 4 -name kova_manager -type f -print -quit)")
+  command=("$(find "${KOVA_HOST_BUILD:-$KOVA_BUILD}" -maxdepth 4 -name kova_manager -type f -print -quit)")
   if [ -n "${KOVA_CAMERA_EMULATOR:-}" ]; then
     command=("$KOVA_CAMERA_EMULATOR" -L "$KOVA_CAMERA_SYSROOT" "${command[@]}")
   fi

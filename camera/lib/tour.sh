@@ -1,10 +1,24 @@
-# shellcheck shell=bash disable=SC2154 # `here` is the tour's
+# shellcheck shell=bash disable=SC2034,SC2154 # variables are shared with the tour
 # Building blocks of the tour: commands, checks and the management server.
 
 # shellcheck source=camera/lib/manager.sh
 . "$(dirname "${BASH_SOURCE[0]}")/manager.sh"
 
-readonly WAIT_S=30
+# The device is a virtual camera, or the emulated machine.
+device=camera
+is_machine() { [ "$device" = machine ]; }
+
+use_device() {
+  device=$1
+  if is_machine; then
+    export KOVA_HOST_BUILD=${KOVA_HOST_BUILD:-$here/../build/release}
+    export KOVA_BUILD=${KOVA_BUILD:-$here/../build/arm64} KOVA_TIME_FACTOR=${KOVA_TIME_FACTOR:-5}
+    driver=$here/../machine/machine host_address=10.0.2.2 factory_name="Kova Virtual Machine"
+  else
+    export KOVA_BUILD=${KOVA_BUILD:-$here/../build/release}
+    driver=$here/camera host_address=127.0.0.1 factory_name="Kova Virtual Camera"
+  fi
+}
 
 prepare() {
   work=$(mktemp -d /tmp/kova-tour-XXXXXX)
@@ -22,7 +36,7 @@ prepare() {
 
 clean_up() {
   [ -z "$manager" ] || kill "$manager" 2>/dev/null || true # it may have exited already
-  "$here/camera" stop "$dir" >/dev/null 2>&1 || true       # there may be no camera
+  "$driver" stop "$dir" >/dev/null 2>&1 || true            # there may be no camera
   rm -rf "$work"
 }
 
@@ -44,7 +58,28 @@ summary() {
 
 show() { printf '    %s\n' "$@"; }
 
-inside() { "$here/camera" exec "$dir" -- "$@"; }
+inside() { "$driver" exec "$dir" -- "$@"; }
+
+# on_host PATH: prints where this computer has the file PATH of the device; of a machine's, a copy.
+on_host() {
+  if is_machine; then
+    inside cat "$1" </dev/null >"$work/copy" 2>/dev/null || rm -f "$work/copy"
+    echo "$work/copy"
+  else
+    echo "$root$1"
+  fi
+}
+
+# onto_device FILE PATH [MODE]: copies it to the device.
+onto_device() {
+  if is_machine; then
+    # shellcheck disable=SC2016 # expanded inside
+    inside sh -c 'cat >"$1" && chmod "$2" "$1"' sh "$2" "${3:-644}" <"$1"
+  else
+    install -m "${3:-644}" "$1" "$root$2"
+  fi
+}
+
 
 # --- commands ------------------------------------------------------------------------------------------------------
 
@@ -63,8 +98,8 @@ run_shown() {
 }
 
 type_host() {
-  show "$ ./dev $*"
-  run_shown ok "$here/$1" "${@:2}"
+  show "$ ./dev $device $*"
+  run_shown ok "$driver" "$@"
 }
 type_in() {
   show "$ kovactl $*"
@@ -105,7 +140,7 @@ holds() {
 }
 
 eventually() {
-  local deadline=$((SECONDS + WAIT_S))
+  local deadline=$((SECONDS + 30 * ${KOVA_TIME_FACTOR:-1}))
   until "$@"; do
     [ "$SECONDS" -lt "$deadline" ] || return 1
     sleep 0.05
@@ -120,25 +155,38 @@ true_so_far() { [ "$behaved" = yes ]; }
 printed() { tr '\n' ' ' <<<"$output" | has "$1"; }
 busctl_knows() { inside busctl --address=unix:path=/run/kova/bus --no-pager list | has "^$1 "; }
 inside_prints() { [ "$(inside sh -c "$1")" = "$2" ]; }
-inside_has() { grep -qE "$2" "$root$1"; }
-inside_lacks() { ! grep -qE "$2" "$root$1"; }
-same() { cmp -s "$1" "$2"; }
+inside_has() { grep -qE "$2" "$(on_host "$1")"; }
+inside_lacks() { ! grep -qE "$2" "$(on_host "$1")"; }
+lacks_file() { inside test ! -e "$1"; }
+# has_copy FILE PATH: whether the device has it there.
+has_copy() { cmp -s "$1" "$(on_host "$2")"; }
 # The server renames an upload when it is complete.
-arrives() { eventually test -e "$received/$1" && cmp -s "$received/$1" "$2"; }
+arrives() { eventually test -e "$received/$1" && has_copy "$received/$1" "$2"; }
 tar_lists() { tar -tf "$1" | has "$2"; }
 # Whether no such request reached the server within the duration of a transfer.
 never_requested() { sleep 0.5 && ! grep -qF "$1" "$work/manager.log"; }
-account_hash() { cut -d: -f2 "$root/etc/passwd"; }
-sysid() { sed -nE 's/.*"sysid": *([0-9]+).*/\1/p' "$root/usr/share/kova/camera_info.json"; }
+account_hash() { cut -d: -f2 "$(on_host /etc/passwd)"; }
+sysid() { sed -nE 's/.*"sysid": *([0-9]+).*/\1/p' "$(on_host /usr/share/kova/camera_info.json)"; }
 
-log_size() { stat -c %s "$root/var/log/messages" 2>/dev/null || echo 0; }
+log_size() { stat -c %s "$(on_host /var/log/messages)" 2>/dev/null || echo 0; }
 # Whether the system log has a matching line since the start of the step.
-logged_since() { tail -c "+$((log_mark + 1))" "$root/var/log/messages" | has "$1"; }
+logged_since() { tail -c "+$((log_mark + 1))" "$(on_host /var/log/messages)" | has "$1"; }
+
+press_button() {
+  if is_machine; then
+    show "$ ./dev machine press $dir"
+    "$driver" press "$dir"
+  else
+    show "$ echo 0 >.../reset_button/value   # pressed for six seconds"
+    echo 0 >"$root/run/gpio/reset_button/value"
+  fi
+}
+release_button() { if is_machine; then "$driver" release "$dir"; else echo 1 >"$root/run/gpio/reset_button/value"; fi; }
 logged() { eventually logged_since "$1"; }
 logged_now() { logged "$1"; }
 
 # Waits for the next boot number: the current one stays in place while the camera goes down.
-comes_back() { "$here/camera" wait "$dir" "$((boot + 1))" && boot=$((boot + 1)); }
+comes_back() { "$driver" wait "$dir" "$((boot + 1))" && boot=$((boot + 1)); }
 boot=1
 
 # --- the management server ----------------------------------------------------------------------------------------
@@ -149,10 +197,11 @@ start_manager() {
   run_manager "$tls" "$served" "$received" "$work/port" >"$work/manager.log" 2>&1 &
   manager=$!
   eventually test -s "$work/port"
-  url=https://127.0.0.1:$(<"$work/port")
-  install -m 600 "$tls/camera.pem" "$root/etc/persistent/server.pem"
-  install -m 644 "$tls/ca.crt" "$root/etc/persistent/controller.crt"
+  url=https://$host_address:$(<"$work/port")
+  if is_machine; then inside date -s "@$(date +%s)"; fi # the certificates are younger than a slow machine's clock
+  onto_device "$tls/camera.pem" /etc/persistent/server.pem 600
+  onto_device "$tls/ca.crt" /etc/persistent/controller.crt
   inside kovactl save --sync
 }
 
-turned_away() { ! curl --silent --insecure --max-time 5 "$url/files/nothing"; }
+turned_away() { ! curl --silent --insecure --max-time 5 "https://127.0.0.1:${url##*:}/files/nothing"; }

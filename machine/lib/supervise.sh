@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# supervise.sh DIR IMAGE [MODULE,...]: the power supply of a machine. Runs QEMU until the machine halts, its folder is
-# deleted, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as
-# this process.
+# supervise.sh DIR IMAGE MODULES WATCHDOG RECORD OWNER: the power supply of a machine, with the options of "machine start",
+# which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, or somebody
+# writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as this process.
 #
 # Each boot has a QEMU of its own: after a reset of the board, QEMU 7.2 takes minutes to run the kernel's unpacking of its
 # initrd, which takes a moment the first time.
@@ -46,23 +46,39 @@ add_lane() {
   done
 }
 
-# The processor is a small one, since QEMU emulates what a processor has, and a small one has less.
+# The processor is a small one, since QEMU emulates what a processor has, and a small one has less. It takes a nanosecond
+# for an instruction on the clock inside, however long the emulator takes for it, so that what has a time limit inside
+# keeps to it on a busy computer. While the processor is idle, its clock is that of the computer.
 collect_arguments() {
   local lane
-  arguments=(-M "virt,gic-version=2" -cpu cortex-a53 -accel "tcg,tb-size=128" -m "$MEMORY" -smp 1
+  arguments=(-M "virt,gic-version=2" -cpu cortex-a53 -accel "tcg,tb-size=128" -icount "shift=0,sleep=on"
+    -m "$MEMORY" -smp 1
     -nodefaults -no-user-config -display none -name kova
     -sandbox "on,obsolete=deny,elevateprivileges=deny,spawn=deny,resourcecontrol=deny"
     -kernel "$image/kernel" -initrd "$image/initrd"
-    -append "console=ttyAMA0 quiet panic=-1 kova.modules=$modules"
+    -append "console=ttyAMA0 quiet panic=-1 kova.modules=$modules kova.watchdog=$watchdog"
     -chardev "file,id=console,path=$console,append=on" -serial chardev:console -action reboot=shutdown
     -qmp "unix:monitor,server=on,wait=off" -qtest "unix:qtest,server=on,wait=off" -qtest-log none
     -blockdev "driver=file,filename=$image/system.ext4,node-name=system,read-only=on"
     -device "virtio-blk-device,drive=system,serial=system"
-    -blockdev "driver=file,filename=$flash,node-name=flash"
-    -device "virtio-blk-device,drive=flash,serial=flash"
     -netdev "user,id=net" -device "virtio-net-device,netdev=net"
     -device virtio-rng-device -device virtio-serial-device)
   for lane in "${LANES[@]}"; do add_lane "$lane"; done
+  if [ -n "$watchdog" ]; then arguments+=(-device i6300esb -action watchdog=reset); fi
+  if [ -n "$record" ]; then record_writes; else arguments+=(-blockdev "driver=file,filename=$flash,node-name=flash"); fi
+  arguments+=(-device "virtio-blk-device,drive=flash,serial=flash")
+}
+
+# Of each boot: the flash as it was at power-on, and a log of what has been written since. See machine/tests/replay.
+record_writes() {
+  local boot
+  mkdir -p writes
+  boot=$(($(find writes -name '*.img' | wc -l) + 1))
+  cp --sparse=always "$flash" "writes/$boot.img"
+  : >"writes/$boot.log"
+  arguments+=(-blockdev "driver=file,filename=$flash,node-name=flash-file"
+    -blockdev "driver=file,filename=writes/$boot.log,node-name=flash-log"
+    -blockdev "driver=blklogwrites,file=flash-file,log=flash-log,node-name=flash")
 }
 
 # Without this process nobody would watch over it, so it ends too.
@@ -81,12 +97,15 @@ has_folder() { [ "$lock" -ef /proc/self/fd/8 ]; }
 # The kernel's last words; a reset has none.
 has_halted() { tail -n 1 "$console" | grep "reboot: Power down" >/dev/null; }
 
-# next_event: waits for the control pipe, the end of QEMU or the deletion of DIR; sets `event`.
+has_owner() { [ -z "$owner" ] || [ -e "/proc/$owner" ]; }
+
+# next_event: waits for the control pipe, the end of QEMU or of the owner, or the deletion of DIR; sets `event`.
 next_event() {
   event=
   until [ -n "$event" ]; do
     if read -r -n 1 -t "$TICK" -u 9 _; then event="cut"; fi
     if ! has_folder; then event=deleted; fi
+    if ! has_owner; then event=orphaned; fi
     if [ -z "$event" ] && ! kill -0 "$qemu" 2>/dev/null; then event=ended; fi
   done
 }
@@ -104,7 +123,7 @@ power_off() {
 
 close_inherited_descriptors
 use_machine "$1"
-image=$2 modules=${3:-} event=reboot
+image=$2 modules=$3 watchdog=$4 record=$5 owner=$6 event=reboot
 take_machine
 : >"$console"
 while [ "$event" = reboot ]; do

@@ -45,11 +45,12 @@ fail() {
   exit 1
 }
 
-# replace_file TARGET: TARGET becomes standard input, wholly or not at all.
+# replace_file TARGET: TARGET becomes standard input, wholly or not at all, and for good.
 replace_file() {
   cat >"$1.new"
   sync "$1.new"
   mv -T "$1.new" "$1"
+  sync "${1%/*}"
 }
 
 log_run "$@"
