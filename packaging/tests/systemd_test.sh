@@ -170,6 +170,9 @@ is_restarted_when_stopped() {
   mv /bin/cfgmtd /bin/cfgmtd.fast && mv /bin/cfgmtd.slow /bin/cfgmtd
   expect "a tool may take longer than the watchdog's time" kovactl save --sync
   mv /bin/cfgmtd.fast /bin/cfgmtd
+  install_service slow '/bin/sleep 600' 'ExecStartPre=/bin/sleep 5'
+  systemctl daemon-reload
+  expect "a service, too" kovactl service start slow
   expect "meanwhile it lives on" test "$(daemon_pid)" = "$before"
   kill -STOP "$before"
   expect "once stopped it is started again" eventually is_another "$before"

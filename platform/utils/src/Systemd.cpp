@@ -25,6 +25,9 @@ constexpr char kManagerPath[] = "/org/freedesktop/systemd1";
 constexpr char kManager[] = "org.freedesktop.systemd1.Manager";
 constexpr char kUnit[] = "org.freedesktop.systemd1.Unit";
 
+// Of a request's time, for what follows its job.
+constexpr std::uint64_t kReserveMs = 1000;
+
 // Without these, no request could start them again, or nothing would be logged.
 constexpr std::array kNeeded{"kova-bus", "kova_ctlserver", "dbus",
                              "syslog",   "syslogd",        "systemd-journald"};
@@ -106,8 +109,7 @@ bool Systemd::awaitJob(const char* method) {
   std::uint32_t job = 0;
   while (readJob(job)) {
     if (job == 0) return true;
-    if (timeLeftMs(deadlineMs_) < 2 * kServiceSettleMs)
-      return complain(method, "it takes too long");
+    if (timeLeftMs(deadlineMs_) < kReserveMs) return complain(method, "it takes too long");
     sleepAliveMs(kServicePollMs);
   }
   return false;
