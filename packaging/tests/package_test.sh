@@ -12,8 +12,8 @@ here=$(dirname "$(readlink -f "$0")")
 packages=$(realpath "$1")
 readonly here packages cache=$packages/test
 readonly root=$cache/root base=$cache/base.tar archives=$cache/archives
-# Of a camera's own firmware: service supervisors, and a system log.
-readonly BOARD=busybox,runit,systemd
+# Of a camera's own firmware: service supervisors, a system log, and the bus on which systemd is asked.
+readonly BOARD=busybox,dbus,runit,systemd
 readonly MAX_AGE_DAYS=7 # of Debian's part; its packages are replaced by newer ones now and then
 
 say() { printf 'package test: %s\n' "$*"; }
@@ -30,7 +30,7 @@ list_archives() {
 }
 
 make_base() {
-  if [ -n "$(find "$base" -mtime "-$MAX_AGE_DAYS" 2>/dev/null)" ]; then return; fi
+  if [ -n "$(find "$base" -mtime "-$MAX_AGE_DAYS" -newer "$0" 2>/dev/null)" ]; then return; fi
   local sources
   sources=$(list_archives)
   [ -n "$sources" ] || die "apt knows no archive of Debian 12 here"

@@ -75,6 +75,73 @@ takes_logos() {
   expect "it lies where it belongs" cmp /samples/logo.png /etc/persistent/user_logo
 }
 
+# install_service NAME COMMAND LINE...: a unit with further lines of its section [Service].
+install_service() {
+  local unit=/usr/lib/systemd/system/$1.service
+  printf '[Service]\nExecStart=%s\n' "$2" >"$unit"
+  shift 2
+  printf '%s\n' "$@" '[Install]' 'WantedBy=multi-user.target' >>"$unit"
+}
+
+is_up() { systemctl is-active "$1" && systemctl is-enabled "$1"; }
+is_down() { ! systemctl is-active "$1" && ! systemctl is-enabled "$1"; }
+logged() { journalctl --unit kova_ctlserver.service --output cat | grep -F -- "$1" >/dev/null; }
+
+serves_services() {
+  install_service lights '/bin/sleep 600'
+  systemctl daemon-reload
+  expect "a service is started" kovactl service start lights
+  expect "it is up, also after a reboot" is_up lights
+  expect "it may be started again" kovactl service start lights
+  expect "it is stopped" kovactl service stop lights
+  expect "it is down, also after a reboot" is_down lights
+  expect "it may be stopped again" kovactl service stop lights
+  expect "the log tells so" logged "kovactl tried to stop lights service and succeeded"
+}
+
+# refuses_services TEXT VERB NAME: a request fails, and the log tells why.
+refuses_services() {
+  expect_not "$2 $3 is refused" kovactl service "$2" "$3"
+  expect "since: $1" eventually logged "$1"
+}
+
+refuses_what_cannot_be() {
+  install_service fickle /bin/false
+  install_service manual '/bin/sleep 600'
+  install_service stubborn '/bin/sh -c "trap true TERM; while :; do sleep 1; done"'
+  install_service shy '/bin/sleep 600' '[Unit]' 'RefuseManualStart=yes'
+  ln -s dbus.service /usr/lib/systemd/system/plumbing.service
+  systemctl daemon-reload
+  systemctl mask manual
+  refuses_services 'There is no service "nothing" of systemd' start nothing
+  refuses_services 'There is no service "../lights" of systemd' stop ../lights
+  refuses_services 'systemd LoadUnit of a b.service failed' start 'a b'
+  refuses_services 'manual.service cannot be used: it is masked' start manual
+  refuses_services 'fickle.service ended as soon as it was started' start fickle
+  refuses_services 'systemd StartUnit of shy.service failed' start shy
+  refuses_services 'Refused to stop kova_ctlserver.service' stop kova_ctlserver
+  refuses_services 'Refused to stop dbus.service' stop plumbing
+  expect "a service that does not heed its end is started" kovactl service start stubborn
+  refuses_services 'systemd StopUnit of stubborn.service failed: it takes too long' stop stubborn
+  systemctl kill --signal KILL stubborn
+}
+
+survives_the_system_bus() {
+  local before
+  before=$(daemon_pid)
+  kill -STOP "$(main_pid dbus.service)"
+  expect_not "with a system bus that hangs nothing is started" kovactl service start lights
+  kill -CONT "$(main_pid dbus.service)"
+  expect "the log tells so" eventually logged 'Unable to reach systemd on the system bus'
+  expect "once it goes on" eventually kovactl service start lights
+  systemctl stop dbus.socket dbus.service
+  expect_not "without a system bus nothing is stopped" kovactl service stop lights
+  expect "it is as it was" systemctl is-active lights
+  systemctl start dbus.socket dbus.service
+  expect "with one it is stopped" eventually kovactl service stop lights
+  expect "the daemon lives on" test "$(daemon_pid)" = "$before"
+}
+
 survives_its_bus() {
   local bus before
   bus=$(main_pid kova-bus.service)
@@ -103,6 +170,9 @@ is_restarted_when_stopped() {
   mv /bin/cfgmtd /bin/cfgmtd.fast && mv /bin/cfgmtd.slow /bin/cfgmtd
   expect "a tool may take longer than the watchdog's time" kovactl save --sync
   mv /bin/cfgmtd.fast /bin/cfgmtd
+  install_service slow '/bin/sleep 600' 'ExecStartPre=/bin/sleep 5'
+  systemctl daemon-reload
+  expect "a service, too" kovactl service start slow
   expect "meanwhile it lives on" test "$(daemon_pid)" = "$before"
   kill -STOP "$before"
   expect "once stopped it is started again" eventually is_another "$before"
@@ -141,6 +211,9 @@ main() {
   tells_clients_apart
   locks_accounts
   takes_logos
+  serves_services
+  refuses_what_cannot_be
+  survives_the_system_bus
   comes_back_after_a_crash
   survives_its_bus
   is_restarted_when_stopped

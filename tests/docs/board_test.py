@@ -20,7 +20,9 @@ PATH = re.compile(r"(?<![\w.*%<>/])/[A-Za-z.][\w.+-]*(?:/[\w.+-]+)*")
 TOP_FOLDERS = ("bin", "boot", "dev", "etc", "home", "lib", "mnt", "opt", "proc", "root", "run", "sbin", "srv", "sys",
                "tmp", "usr", "var")  # fmt: skip
 # Paths of objects on the bus: docs/bus.md.
-OBJECTS = ("/kova", "/org/freedesktop/DBus")
+OBJECTS = ("/kova", "/org/freedesktop/DBus", "/org/freedesktop/systemd1")
+# Names on the system bus.
+BUS_NAMES = ("org.freedesktop.systemd1",)
 WORD = re.compile(r"[a-z]+(?:_[a-z0-9]+)+")
 LOG_IDENTITY = re.compile(r'\bkLogIdentity(?:\[\])? = "\w+"')
 # Functions of libcurl, and words of another daemon's configuration.
@@ -73,7 +75,7 @@ def named_by(source, file):
     for text in source.literals:
         if WORD.fullmatch(text) and not WORDS_LEFT_OUT.fullmatch(text) and Path(file).name not in FILES_LEFT_OUT:
             yield "word", text
-        if SETTING.fullmatch(text):
+        if SETTING.fullmatch(text) and text not in BUS_NAMES:
             yield "setting", text
         if ENVIRONMENT.fullmatch(text):
             yield "environment", text
@@ -84,7 +86,7 @@ def named_by(source, file):
     for signal in source.signals:
         yield "signal", signal
     for services in NEEDED.findall(source.code):
-        yield from (("service", name) for name in re.findall(r'"(\w+)"', services))
+        yield from (("service", name) for name in re.findall(r'"([\w-]+)"', services))
     yield from (("environment", name) for name in ENVIRONMENT_CALL.findall(source.code))
     if re.search(r"cameraInfo|CameraInfo", source.code):
         yield from (("description", key) for key in DESCRIPTION_KEY.findall(source.code))

@@ -8,24 +8,15 @@
 #include <utility>
 
 #include "kova/utils/ExceptionBarrier.h"
-#include "kova/utils/Handle.h"
+#include "kova/utils/SdBus.h"
 
-/// Owners of sd-bus handles, exception barriers for its callbacks, and the function that opens a
-/// connection.
+/// Exception barriers for the callbacks of sd-bus, and the function that joins the camera's bus.
 namespace kova::ipc {
 
-using BusPtr = utils::Handle<sd_bus, sd_bus_close_unref>;
-using MessagePtr = utils::Handle<sd_bus_message, sd_bus_message_unref>;
-using SlotPtr = utils::Handle<sd_bus_slot, sd_bus_slot_unref>;
-
-struct BusError {
-  BusError() = default;
-  ~BusError() { sd_bus_error_free(&value); }
-  BusError(const BusError&) = delete;
-  BusError& operator=(const BusError&) = delete;
-
-  sd_bus_error value{};
-};
+using utils::BusError;
+using utils::BusPtr;
+using utils::MessagePtr;
+using utils::SlotPtr;
 
 void logException(const char* where, const char* what) noexcept;
 

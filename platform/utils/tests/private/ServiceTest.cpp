@@ -179,6 +179,25 @@ TEST_F(ServiceTest, UnknownNamesAreLogged) {
             std::string::npos);
 }
 
+TEST_F(ServiceTest, SystemdIsAskedWhereItRuns) {
+  install("lights");
+  startSupervisor();
+  fs::create_directories("/run/systemd/system");
+  tests::records.clear();
+  EXPECT_FALSE(EnableService("lights"));
+  EXPECT_FALSE(DisableService("lights"));
+  EXPECT_FALSE(DisableService("../lights"));
+  fs::remove("/run/systemd/system");
+  ASSERT_EQ(tests::records.size(), 3U);
+  for (const int line : {0, 1}) {
+    EXPECT_NE(tests::records[line].text.find("Unable to reach systemd on the system bus"),
+              std::string::npos);
+  }
+  EXPECT_NE(tests::records[2].text.find("There is no service \"../lights\" of systemd"),
+            std::string::npos);
+  EXPECT_FALSE(isMarked("lights"));
+}
+
 TEST_F(ServiceTest, ServiceThatDoesNotStartFailsWithinBudget) {
   fs::create_directory("/etc/sv/broken");
   fs::create_symlink("/etc/sv/broken", "/etc/service/broken");

@@ -1,0 +1,67 @@
+#include "kova/utils/SdBus.h"
+
+#include <poll.h>
+
+#include <cerrno>
+
+#include "kova/utils/Clock.h"
+
+namespace kova::utils {
+namespace {
+
+int start(sd_bus* bus, const std::string& address, bool monitor) {
+  int result = sd_bus_set_address(bus, address.c_str());
+  if (result >= 0) {
+    result = sd_bus_set_bus_client(bus, 1);
+  }
+  if (result >= 0) {
+    result = sd_bus_set_monitor(bus, monitor ? 1 : 0);
+  }
+  if (result >= 0) {
+    result = sd_bus_negotiate_fds(bus, 0);
+  }
+  return result >= 0 ? sd_bus_start(bus) : result;
+}
+
+// Unlike sd_bus_wait() it tells of a signal.
+int awaitEvent(sd_bus* bus, std::uint64_t timeoutMs) {
+  pollfd socket{sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), 0};
+  return poll(&socket, 1, static_cast<int>(timeoutMs)) < 0 ? -errno : 0;
+}
+
+// sd_bus_call() would wait for the handshake too, but without a time limit, and whatever signals
+// arrive.
+int awaitReady(sd_bus* bus, std::uint64_t patienceMs) {
+  const std::uint64_t deadline = nowMs() + patienceMs;
+  while (sd_bus_is_ready(bus) == 0) {
+    const int result = sd_bus_process(bus, nullptr);
+    if (result < 0) {
+      return result;
+    }
+    const std::uint64_t now = nowMs();
+    if (now >= deadline) {
+      return -ETIMEDOUT;
+    }
+    if (result == 0) {
+      const int waited = awaitEvent(bus, deadline - now);
+      if (waited < 0) {
+        return waited;
+      }
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+int openBus(const std::string& address, bool monitor, std::uint64_t patienceMs, BusPtr& bus) {
+  sd_bus* created = nullptr;
+  int result = sd_bus_new(&created);
+  bus.reset(created);
+  if (result >= 0) {
+    result = start(created, address, monitor);
+  }
+  return result >= 0 ? awaitReady(created, patienceMs) : result;
+}
+
+}  // namespace kova::utils

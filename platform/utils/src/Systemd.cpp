@@ -1,0 +1,205 @@
+#include "Systemd.h"
+
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "ServiceInternal.h"
+#include "kova/logger/Logger.h"
+#include "kova/utils/Clock.h"
+#include "kova/utils/ServiceManager.h"
+
+namespace kova::utils {
+namespace {
+
+constexpr char kLogIdentity[] = "kova_utils";
+constexpr char kLogUnit[] = "Systemd";
+
+constexpr char kDestination[] = "org.freedesktop.systemd1";
+constexpr char kManagerPath[] = "/org/freedesktop/systemd1";
+constexpr char kManager[] = "org.freedesktop.systemd1.Manager";
+constexpr char kUnit[] = "org.freedesktop.systemd1.Unit";
+
+// Of a request's time, for what follows its job.
+constexpr std::uint64_t kReserveMs = 1000;
+
+// Without these, no request could start them again, or nothing would be logged.
+constexpr std::array kNeeded{"kova-bus", "kova_ctlserver", "dbus",
+                             "syslog",   "syslogd",        "systemd-journald"};
+
+bool isNeeded(const std::string& unit) {
+  return std::any_of(kNeeded.begin(), kNeeded.end(),
+                     [&unit](const std::string& needed) { return unit == needed + ".service"; });
+}
+
+std::uint64_t timeLeftMs(std::uint64_t deadlineMs) {
+  return deadlineMs - std::min(nowMs(), deadlineMs);
+}
+
+}  // namespace
+
+bool Systemd::isBooted() {
+  struct stat info {};
+  return lstat("/run/systemd/system", &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+Systemd::Systemd(std::string address, std::uint64_t deadlineMs)
+    : address_(std::move(address)), deadlineMs_(deadlineMs) {}
+
+bool Systemd::enable(const std::string& name) {
+  return find(name) && call("EnableUnitFiles", "asbb", 1, unit_.c_str(), 0, 0) &&
+         call("Reload", "") && call("StartUnit", "ss", unit_.c_str(), "replace") &&
+         awaitJob("StartUnit") && staysUp();
+}
+
+bool Systemd::disable(const std::string& name) {
+  return find(name) && mayStop() && call("StopUnit", "ss", unit_.c_str(), "replace") &&
+         awaitJob("StopUnit") && isDown() && call("DisableUnitFiles", "asb", 1, unit_.c_str(), 0) &&
+         call("Reload", "");
+}
+
+bool Systemd::connect() {
+  const int result = openBus(address_, false, timeLeftMs(deadlineMs_), bus_);
+  if (result >= 0) return true;
+  KOVA_LOG(LOG_ERR, -result, "Unable to reach systemd on the system bus; does dbus.service run");
+  return false;
+}
+
+/// Makes `unit_` the service's unit, by its own name if `name` is another one of it.
+bool Systemd::find(const std::string& name) {
+  unit_ = name + ".service";
+  std::string state = "not-found";
+  if (isServiceName(name) && !(connect() && load() && read("LoadState", state))) return false;
+  if (state == "not-found") {
+    KOVA_LOG(LOG_ERR, 0, "There is no service \"%s\" of systemd", name.c_str());
+    return false;
+  }
+  if (state != "loaded") {
+    KOVA_LOG(LOG_ERR, 0, "The unit %s cannot be used: it is %s", unit_.c_str(), state.c_str());
+    return false;
+  }
+  return read("Id", unit_);
+}
+
+bool Systemd::load() {
+  const MessagePtr reply = call("LoadUnit", "s", unit_.c_str());
+  if (!reply) return false;
+  const char* path = nullptr;
+  const int result = sd_bus_message_read(reply.get(), "o", &path);
+  if (result < 0) return complain("LoadUnit", std::strerror(-result));
+  path_ = path;
+  return true;
+}
+
+bool Systemd::mayStop() {
+  std::vector<std::string> names;
+  if (!readNames(names)) return false;
+  if (!isNeeded(unit_) && std::none_of(names.begin(), names.end(), isNeeded)) return true;
+  KOVA_LOG(LOG_ERR, 0, "Refused to stop %s: the camera cannot be managed without", unit_.c_str());
+  return false;
+}
+
+/// Waits until systemd has done what the method asked for, well or not.
+bool Systemd::awaitJob(const char* method) {
+  std::uint32_t job = 0;
+  while (readJob(job)) {
+    if (job == 0) return true;
+    if (timeLeftMs(deadlineMs_) < kReserveMs) return complain(method, "it takes too long");
+    sleepAliveMs(kServicePollMs);
+  }
+  return false;
+}
+
+/// Whether the service keeps running, rather than ending and being restarted over and over.
+bool Systemd::staysUp() {
+  std::string state;
+  std::string later;
+  std::uint64_t started = 0;
+  std::uint64_t startedLater = 0;
+  if (!read("ActiveState", state) || !read("ActiveEnterTimestampMonotonic", started)) return false;
+  sleepAliveMs(kServiceSettleMs);
+  if (!read("ActiveState", later) || !read("ActiveEnterTimestampMonotonic", startedLater)) {
+    return false;
+  }
+  if (state == "active" && later == "active" && started == startedLater) return true;
+  KOVA_LOG(LOG_ERR, 0, "%s ended as soon as it was started", unit_.c_str());
+  return false;
+}
+
+bool Systemd::isDown() {
+  std::string state;
+  if (!read("ActiveState", state)) return false;
+  return state == "inactive" || state == "failed" || complain("StopUnit", state.c_str());
+}
+
+template <typename... Arguments>
+MessagePtr Systemd::call(const char* method, const char* types, Arguments... arguments) {
+  limitCall();
+  BusError error;
+  sd_bus_message* reply = nullptr;
+  const int result = sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManager, method,
+                                        &error.value, &reply, types, arguments...);
+  if (result < 0) complain(method, error, result);
+  return MessagePtr(reply);
+}
+
+/// A message that stands at the value; null after a log line on failure.
+MessagePtr Systemd::property(const char* name, const char* type) {
+  limitCall();
+  BusError error;
+  sd_bus_message* reply = nullptr;
+  const int result = sd_bus_get_property(bus_.get(), kDestination, path_.c_str(), kUnit, name,
+                                         &error.value, &reply, type);
+  if (result < 0) complain(name, error, result);
+  return MessagePtr(reply);
+}
+
+bool Systemd::read(const char* name, std::string& value) {
+  const MessagePtr message = property(name, "s");
+  const char* text = nullptr;
+  if (!message || sd_bus_message_read(message.get(), "s", &text) < 0) return false;
+  value = text;
+  return true;
+}
+
+bool Systemd::read(const char* name, std::uint64_t& value) {
+  const MessagePtr message = property(name, "t");
+  return message && sd_bus_message_read(message.get(), "t", &value) >= 0;
+}
+
+bool Systemd::readNames(std::vector<std::string>& names) {
+  const MessagePtr message = property("Names", "as");
+  if (!message || sd_bus_message_enter_container(message.get(), 'a', "s") < 0) return false;
+  const char* name = nullptr;
+  int result = 0;
+  while ((result = sd_bus_message_read(message.get(), "s", &name)) > 0) names.emplace_back(name);
+  return result == 0;
+}
+
+bool Systemd::readJob(std::uint32_t& job) {
+  const MessagePtr message = property("Job", "(uo)");
+  return message && sd_bus_message_read(message.get(), "(uo)", &job, nullptr) >= 0;
+}
+
+void Systemd::limitCall() {
+  // 0 would be the library's own time.
+  const std::uint64_t leftMs = std::max<std::uint64_t>(timeLeftMs(deadlineMs_), 1);
+  sd_bus_set_method_call_timeout(bus_.get(), leftMs * 1000);
+}
+
+bool Systemd::complain(const char* what, const char* why) const {
+  KOVA_LOG(LOG_ERR, 0, "systemd %s of %s failed: %s", what, unit_.c_str(), why);
+  return false;
+}
+
+bool Systemd::complain(const char* what, const BusError& error, int result) const {
+  return complain(what,
+                  error.value.message != nullptr ? error.value.message : std::strerror(-result));
+}
+
+}  // namespace kova::utils

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kova/utils/SdBus.h"
+
+namespace kova::utils {
+
+/// One request to start or stop a service of systemd, by org.freedesktop.systemd1 on the system
+/// bus. What fails is logged.
+class Systemd {
+ public:
+  static constexpr char kSystemBus[] = "unix:path=/run/dbus/system_bus_socket";
+
+  /// Whether systemd runs this system, see sd_booted(3).
+  static bool isBooted();
+
+  /// @param deadlineMs time of nowMs() at which every wait ends
+  Systemd(std::string address, std::uint64_t deadlineMs);
+
+  /// As EnableService().
+  bool enable(const std::string& name);
+  /// As DisableService().
+  bool disable(const std::string& name);
+
+ private:
+  bool connect();
+  bool find(const std::string& name);
+  bool load();
+  bool mayStop();
+  bool awaitJob(const char* method);
+  bool staysUp();
+  bool isDown();
+
+  /// Calls a method of the manager; `types` and `arguments` as sd_bus_message_append(3) takes them.
+  template <typename... Arguments>
+  MessagePtr call(const char* method, const char* types, Arguments... arguments);
+
+  MessagePtr property(const char* name, const char* type);
+  bool read(const char* name, std::string& value);
+  bool read(const char* name, std::uint64_t& value);
+  bool readNames(std::vector<std::string>& names);
+  bool readJob(std::uint32_t& job);
+
+  /// Bounds the next call by the deadline.
+  void limitCall();
+  /// @return false, after a log line that `what` failed
+  bool complain(const char* what, const char* why) const;
+  bool complain(const char* what, const BusError& error, int result) const;
+
+  std::string address_;
+  std::uint64_t deadlineMs_;
+  BusPtr bus_;
+  std::string unit_;
+  std::string path_;  // of the unit's object
+};
+
+}  // namespace kova::utils
