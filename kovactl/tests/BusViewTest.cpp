@@ -107,21 +107,6 @@ TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
   EXPECT_EQ(monitor.wait().status, 130);
 }
 
-TEST_F(BusView, MonitorMasksPasswords) {
-  Peer peer(answering(0, Variant::Map{{"username", "admin"}}));
-  for (const bool json : {false, true}) {
-    Child monitor(json ? std::vector<std::string>{"monitor", "--json"}
-                       : std::vector<std::string>{"monitor"});
-    std::size_t sent = 0;
-    do {
-      EXPECT_EQ(run({"user", "passwd", "--stdin"}, "hunter2\nswordfish\n").status, 0);
-    } while (++sent < 1000 && !monitor.awaitOutputFor("passwordNew", 50));
-    EXPECT_THAT(monitor.out(), HasSubstr("********"));
-    EXPECT_THAT(monitor.out(), Not(HasSubstr("hunter2")));
-    EXPECT_THAT(monitor.out(), Not(HasSubstr("swordfish")));
-  }
-}
-
 TEST_F(BusView, MonitorExitsWithStatus3WhenBusCloses) {
   Peer peer(takingNote());
   Child monitor({"monitor"});

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "Child.h"
+#include "Json.h"
 #include "Peer.h"
 #include "PrivateBus.h"
 
@@ -19,12 +20,6 @@ class Requests : public ::testing::Test {
  protected:
   ipc::testing::PrivateBus bus_;
 };
-
-Variant jsonOf(const std::string& text) {
-  Variant value;
-  EXPECT_GE(Variant::FromJSON(text, value), 0) << text;
-  return value;
-}
 
 TEST_F(Requests, CallPrintsPayload) {
   Peer peer(answering(0, Variant::Map{{"a", Variant::Map{{"b", "c\x1b"}}}, {"n", 5}}));
@@ -180,61 +175,15 @@ TEST_F(Requests, CallSetsSender) {
   EXPECT_EQ(peer.received().front().from(), "client.else");
 }
 
-TEST_F(Requests, UsageErrorsGiveStatus2AndSendNothing) {
-  Peer peer(answering(0));
-  const std::vector<std::vector<std::string>> wrong{
-      {},
-      {"nonsense"},
-      {"call"},
-      {"call", "F", "novalue"},
-      {"call", "F", "a=1", "a=2"},
-      {"call", "F", "a:={"},
-      {"call", "F", "functionName=G"},
-      {"stats", "nosuchsection"},
-      {"stats", "--watch", "0"},
-      {"settings", "zone=UTC"},
-      {"settings", "timelapse=maybe"},
-      {"service", "start"},
-      {"service", "restart", "x"},
-      {"put", "picture", "http://x/"},
-      {"put", "logo", "http://x/"},
-      {"put", "logo", "http://x/", "--hash", "12"},
-      {"put", "logo", "http://x/", "--hash", "900150983cd24fb0d6963f7d28e17f72", "--file", "x"},
-      {"get", "event-snapshot", "http://x/"},
-      {"get", "snapshot", "http://x/", "--filename", "x"},
-      {"get", "snapshot", "http://x/", "--field", "nosign"},
-      {"firmware", "http://x/", "--timeout", "0"},
-      {"reboot", "--delay", "-1"},
-      {"reset-defaults"},
-      {"user", "passwd", "--stdin", "--old-file", "x"},
-      {"--timeout", "soon", "stats"},
-      {"stats", "--nonsense"},
-  };
-  for (const auto& arguments : wrong) {
-    const Result result = run(arguments);
-    EXPECT_EQ(result.status, 2) << ::testing::PrintToString(arguments);
-    EXPECT_EQ(result.out, "") << ::testing::PrintToString(arguments);
-    EXPECT_EQ(result.err.rfind("kovactl: ", 0), 0U) << result.err;
+TEST_F(Requests, SignalsStopWait) {
+  for (const auto& [signal, status] : {std::pair{SIGINT, 130}, {SIGTERM, 143}}) {
+    MutePeer peer;
+    Witness witness;
+    Child child({"call", "Anything"});
+    ASSERT_TRUE(witness.awaitCall("Anything"));
+    child.signal(signal);
+    EXPECT_EQ(child.wait().status, status);
   }
-  EXPECT_TRUE(peer.received().empty());
-}
-
-TEST_F(Requests, CtrlCStopsWait) {
-  MutePeer peer;
-  Witness witness;
-  Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.awaitCall("Anything"));
-  child.signal(SIGINT);
-  EXPECT_EQ(child.wait().status, 130);
-}
-
-TEST_F(Requests, SigtermStopsWait) {
-  MutePeer peer;
-  Witness witness;
-  Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.awaitCall("Anything"));
-  child.signal(SIGTERM);
-  EXPECT_EQ(child.wait().status, 143);
 }
 
 TEST_F(Requests, SimpleCommandsSendRequests) {

@@ -79,16 +79,6 @@ TEST_F(Transfers, WaitPrintsOutcomeAsJson) {
                                   {"reason", ""}})));
 }
 
-TEST_F(Transfers, WaitIgnoresEventsOfOtherRequests) {
-  Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool&) {
-    sendStatus(request, ipc, request.id() + 1, "OK");
-    sendStatus(request, ipc, request.id(), "DISK_IO_FAILED");
-  });
-  const Result result = run(putLogo("10"));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("DISK_IO_FAILED"));
-}
-
 TEST_F(Transfers, SilenceIsExplainedWithStatus5) {
   Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool&) {
     sendStatus(request, ipc, request.id() + 1, "OK");

@@ -53,25 +53,6 @@ TEST_F(BaseHttpTest, HandleThatCannotBeAddedIsNotRegistered) {
   EXPECT_THAT(http_.completions, IsEmpty());
 }
 
-TEST_F(BaseHttpTest, TransferCompletesOnceWithHttpCode) {
-  RawServer server(answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone"));
-  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
-  ASSERT_TRUE(finish());
-  EXPECT_TRUE(http_.Service(0));
-  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 404"));
-  EXPECT_EQ(http_.bodies[server.uri()], "gone");
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_F(BaseHttpTest, RefusedChunkIsDiskFailure) {
-  RawServer server(answering(okResponse("body")));
-  http_.accept = [] { return false; };
-  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
-  ASSERT_TRUE(finish());
-  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 2 200"));
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
 TEST_F(BaseHttpTest, ImpossibleReadIsDiskFailure) {
   RawServer server(answering(okResponse("")));
   http_.upload = "file";
@@ -79,14 +60,6 @@ TEST_F(BaseHttpTest, ImpossibleReadIsDiskFailure) {
   ASSERT_TRUE(http_.Init() && http_.start(server.uri(), false));
   ASSERT_TRUE(finish());
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 2 0"));
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_F(BaseHttpTest, TransportTimeOutIsReportedAsTimeOut) {
-  RawServer server(silent);
-  ASSERT_TRUE(http_.Init() && http_.start(server.uri(), true, {}, 1000));
-  ASSERT_TRUE(finish());
-  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 5 0"));
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
@@ -238,19 +211,6 @@ TEST_F(BaseHttpTest, TwoTransfersOfOneUriBothReport) {
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200", server.uri() + " 0 200"));
 }
 
-TEST_F(BaseHttpTest, DestroyedDriverDropsTransfersSilently) {
-  RawServer server(silent);
-  std::vector<std::string> completions;
-  {
-    MemoryHttp http;
-    ASSERT_TRUE(http.Init() && http.start(server.uri("/1")) && http.start(server.uri("/2")));
-    ASSERT_TRUE(serviceUntil(http, [&] { return server.requests().size() == 2; }));
-    completions = http.completions;
-  }
-  EXPECT_THAT(completions, IsEmpty());
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
 TEST_F(BaseHttpTest, DriverReleasesMultiHandleBeforeTransfers) {
   {
     MemoryHttp http;
@@ -265,15 +225,6 @@ TEST_F(BaseHttpTest, StepWaitsOnceUpToItsLimit) {
   EXPECT_TRUE(http_.Service(37));
   EXPECT_TRUE(service().service(12));
   EXPECT_THAT(curlFaults().waits, ElementsAre(37, 12));
-}
-
-TEST_F(BaseHttpTest, StepPumpsTransfersOnce) {
-  RawServer server(silent);
-  ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
-  for (unsigned step = 1; step <= 3; ++step) {
-    EXPECT_TRUE(http_.Service(0));
-    EXPECT_EQ(curlFaults().performs, step);
-  }
 }
 
 // A hundred steps, since one that waits for a few milliseconds too long passes for a busy machine.

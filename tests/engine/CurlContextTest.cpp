@@ -18,7 +18,7 @@ using ::testing::IsEmpty;
 using ::testing::Pair;
 
 constexpr char kUri[] = "http://127.0.0.1:9/x";
-constexpr char kOutOfMemory[] = "3 curlcontext.Init: Unable to setup CURL: 27 (Out of memory)";
+const std::string kOutOfMemory = "3 curlcontext.Init: Unable to setup CURL: 27 (Out of memory)";
 
 class CurlContextTest : public EngineTest {
  protected:
@@ -66,28 +66,10 @@ TEST_F(CurlContextTest, UploadSetsFormAndBuffer) {
                                 "POST=1", "HTTPPOST=...", "READFUNCTION=..."));
 }
 
-TEST_F(CurlContextTest, HttpsIsRedirectedOnlyToHttps) {
-  for (const std::string uri : {"https://127.0.0.1:9/x", "HTTPS://127.0.0.1:9/x"}) {
-    curlFaults() = {};
-    CurlContext context(true, uri, &http_, {}, 0, "", "", "");
-    ASSERT_TRUE(context.Init());
-    EXPECT_EQ(curlFaults().options.at(22), "REDIR_PROTOCOLS_STR=https") << uri;
-  }
-}
-
 TEST_F(CurlContextTest, UploadWithoutFieldsSetsFormOnce) {
   ASSERT_TRUE(make(false)->Init());
   EXPECT_EQ(std::count(curlFaults().options.begin(), curlFaults().options.end(), "HTTPPOST=..."),
             1);
-}
-
-TEST_F(CurlContextTest, GivenTlsFilesAreSet) {
-  CurlContext context(true, kUri, &http_, {}, 0, "/cert", "/key", "/ca");
-  ASSERT_TRUE(context.Init());
-  const std::vector<std::string> all = curlFaults().options;
-  const std::vector<std::string> files(all.begin() + 7, all.begin() + 13);
-  EXPECT_THAT(files, ElementsAre("TIMEOUT=0", "SSLCERTTYPE=PEM", "SSLCERT=/cert", "SSLKEY=/key",
-                                 "CAINFO=/ca", "SSL_VERIFYPEER=1"));
 }
 
 TEST_F(CurlContextTest, FractionOfSecondIsDroppedFromTimeOut) {
@@ -110,51 +92,21 @@ TEST_F(CurlContextTest, MissingHandleIsLogged) {
 }
 
 TEST_F(CurlContextTest, CheckedOptionThatFailsEndsInit) {
-  for (const CURLoption option : {CURLOPT_WRITEFUNCTION,
-                                  CURLOPT_WRITEDATA,
-                                  CURLOPT_PRIVATE,
-                                  CURLOPT_URL,
-                                  CURLOPT_FOLLOWLOCATION,
-                                  CURLOPT_SSL_VERIFYHOST,
-                                  CURLOPT_SSL_VERIFYPEER,
-                                  CURLOPT_TIMEOUT,
-                                  CURLOPT_CAPATH,
-                                  CURLOPT_FRESH_CONNECT,
-                                  CURLOPT_FORBID_REUSE,
-                                  CURLOPT_SSL_SESSIONID_CACHE,
-                                  CURLOPT_CA_CACHE_TIMEOUT,
-                                  CURLOPT_HTTP_VERSION,
-                                  CURLOPT_PROXY,
-                                  CURLOPT_OPENSOCKETFUNCTION,
-                                  CURLOPT_OPENSOCKETDATA,
-                                  CURLOPT_CLOSESOCKETFUNCTION,
-                                  CURLOPT_CLOSESOCKETDATA,
-                                  CURLOPT_PROTOCOLS_STR,
-                                  CURLOPT_REDIR_PROTOCOLS_STR,
-                                  CURLOPT_MAXREDIRS,
-                                  CURLOPT_HEADERFUNCTION,
-                                  CURLOPT_HEADERDATA,
-                                  CURLOPT_QUICK_EXIT}) {
-    fakes::reset();
+  constexpr unsigned kUnchecked = 2;  // of the peer's verification
+  for (const bool download : {true, false}) {
     curlFaults() = {};
-    curlFaults().option = option;
-    EXPECT_FALSE(make(true)->Init()) << option;
-    EXPECT_THAT(logLines(), ElementsAre(kOutOfMemory)) << option;
-  }
-}
-
-TEST_F(CurlContextTest, CheckedUploadOptionThatFailsEndsInit) {
-  for (const auto& [option, skip] : {std::pair{CURLOPT_UPLOAD_BUFFERSIZE, 0U},
-                                     {CURLOPT_POST, 0U},
-                                     {kFormOption, 0U},
-                                     {kFormOption, 1U},
-                                     {CURLOPT_READFUNCTION, 0U}}) {
-    fakes::reset();
-    curlFaults() = {};
-    curlFaults().option = option;
-    curlFaults().optionSkip = skip;
-    EXPECT_FALSE(make(false, fields())->Init()) << option;
-    EXPECT_THAT(logLines(), ElementsAre(kOutOfMemory)) << option;
+    ASSERT_TRUE(make(download, fields())->Init());
+    const auto options = static_cast<unsigned>(curlFaults().options.size());
+    unsigned failed = 0;
+    for (unsigned set = 0; set < options; ++set) {
+      fakes::reset();
+      curlFaults() = {};
+      curlFaults().failingOption = set;
+      const bool result = make(download, fields())->Init();
+      failed += result ? 0 : 1;
+      EXPECT_EQ(logLines(), result ? std::vector<std::string>() : std::vector{kOutOfMemory}) << set;
+    }
+    EXPECT_EQ(failed, options - kUnchecked);
   }
 }
 

@@ -7,12 +7,11 @@
 #include <cstdarg>
 #include <cstring>
 
-// The engine's form calls are deprecated, and so are the names of what it sets and asks for.
+// The engine's form calls are deprecated, and so is the name of what it asks for.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace kova::engine {
 
-const CURLoption kFormOption = CURLOPT_HTTPPOST;
 const CURLINFO kLengthInformation = CURLINFO_CONTENT_LENGTH_DOWNLOAD;
 
 CurlFaults& curlFaults() {
@@ -43,10 +42,7 @@ std::string describe(CURLoption option, long value) {
 
 bool optionFails(CURLoption option) {
   CurlFaults& faults = curlFaults();
-  if (faults.option != option) {
-    return false;
-  }
-  return faults.optionSkip == 0 || faults.optionSkip-- == 0;
+  return faults.option == option || faults.failingOption == faults.optionsAsked++;
 }
 
 }  // namespace
@@ -80,7 +76,6 @@ CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd* extra, unsigned coun
 
 CURLMcode __real_curl_multi_perform(CURLM*, int*);
 CURLMcode __wrap_curl_multi_perform(CURLM* multi, int* running) {
-  ++curlFaults().performs;
   const CURLMcode fault = curlFaults().perform;
   return fault != CURLM_OK ? fault : __real_curl_multi_perform(multi, running);
 }

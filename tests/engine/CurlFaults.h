@@ -19,11 +19,12 @@ struct CurlFaults {
   CURLMcode perform = CURLM_OK;
   CURLMcode addHandle = CURLM_OK;
   CURLMcode removeHandle = CURLM_OK;
-  std::optional<CURLoption> option;  ///< setting it fails with CURLE_OUT_OF_MEMORY ...
-  unsigned optionSkip = 0;           ///< ... after it was set this often
-  std::optional<CURLINFO> info;      ///< asking for it fails with CURLE_UNKNOWN_OPTION
-  bool privateIsNull = false;        ///< CURLINFO_PRIVATE gives null
-  std::optional<std::string> part;   ///< adding the form part of this name fails
+  std::optional<CURLoption> option;       ///< setting it fails with CURLE_OUT_OF_MEMORY
+  std::optional<unsigned> failingOption;  ///< and so does setting the option of this number
+  unsigned optionsAsked = 0;
+  std::optional<CURLINFO> info;     ///< asking for it fails with CURLE_UNKNOWN_OPTION
+  bool privateIsNull = false;       ///< CURLINFO_PRIVATE gives null
+  std::optional<std::string> part;  ///< adding the form part of this name fails
 
   bool messagesUnwatched = false;  ///< OpenSSL forgets the callback that watches its messages
 
@@ -36,14 +37,11 @@ struct CurlFaults {
   std::vector<std::string> socketOptions;
   /// The time-out of each wait for sockets.
   std::vector<int> waits;
-  /// How often the transfers were pumped.
-  unsigned performs = 0;
   /// "multi", "easy" and "form" for each handle given back, in order.
   std::vector<std::string> released;
 };
 
-/// CURLOPT_HTTPPOST and CURLINFO_CONTENT_LENGTH_DOWNLOAD, which are deprecated, for a test to name.
-extern const CURLoption kFormOption;
+/// CURLINFO_CONTENT_LENGTH_DOWNLOAD, which is deprecated, for a test to name.
 extern const CURLINFO kLengthInformation;
 
 /// The decorator's state in this process.

@@ -2,10 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 #include "Engine.h"
 #include "RawServer.h"
@@ -172,15 +169,6 @@ TEST_F(MultiHttpTest, DownloadHasNoUploadData) {
                   "uri=http://127.0.0.1:1/x"));
 }
 
-TEST_F(MultiHttpTest, ResponseToUploadIsAcceptedAndDiscarded) {
-  RawServer server(answering(okResponse("thank you")));
-  const std::string file = write("file", "content");
-  ASSERT_TRUE(http_.start(false, server.uri(), file));
-  ASSERT_TRUE(finish());
-  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200"));
-  EXPECT_EQ(readFile(file), "content");
-}
-
 TEST_F(MultiHttpTest, UploadIsReadInPiecesUpToEnd) {
   ASSERT_TRUE(http_.start(false, kNobody, write("file", "12345")));
   unsigned char buffer[4] = {};
@@ -193,23 +181,6 @@ TEST_F(MultiHttpTest, UploadIsReadInPiecesUpToEnd) {
   EXPECT_EQ(http_.FillUploadBuffer(kNobody, buffer, 3), 0U);
 }
 
-TEST_F(MultiHttpTest, EmptyFileEndsAtFirstRead) {
-  ASSERT_TRUE(http_.start(false, kNobody, write("file", "")));
-  unsigned char byte = 0;
-  EXPECT_EQ(http_.FillUploadBuffer(kNobody, &byte, 1), 0U);
-}
-
-TEST_F(MultiHttpTest, ShrunkFileAbortsWithReason) {
-  const std::string file = write("file", "12345");
-  ASSERT_TRUE(http_.start(false, kNobody, file));
-  ASSERT_EQ(truncate(file.c_str(), 2), 0);
-  unsigned char buffer[5];
-  EXPECT_EQ(http_.FillUploadBuffer(kNobody, buffer, 5), CURL_READFUNC_ABORT);
-  EXPECT_THAT(logLines(), ElementsAre("3 multihttp.FillUploadBuffer: Error reading file, "
-                                      "uri=http://127.0.0.1:1/x"));
-  EXPECT_EQ(fakes::platform().log.front().error, EIO);
-}
-
 TEST_F(MultiHttpTest, CompletionClosesBothFilesOfItsPath) {
   const std::string file = write("file", "");
   ASSERT_TRUE(http_.start(true, "http://127.0.0.1:1/down", file));
@@ -218,17 +189,6 @@ TEST_F(MultiHttpTest, CompletionClosesBothFilesOfItsPath) {
   unsigned long size = 0;
   EXPECT_FALSE(http_.GetUploadTotalSize("http://127.0.0.1:1/up", size));
   EXPECT_TRUE(http_.start(false, "http://127.0.0.1:1/up2", file));
-}
-
-TEST_F(MultiHttpTest, FailedDownloadKeepsPartialFile) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf.");
-  });
-  ASSERT_TRUE(http_.start(true, server.uri(), path("file")));
-  ASSERT_TRUE(finish());
-  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 1 200"));
-  EXPECT_EQ(readFile(path("file")), "half.");
 }
 
 }  // namespace

@@ -232,7 +232,8 @@ TEST_F(TlsTest, RedirectionMayUpgradeToHttpsButNotDowngrade) {
   });
   RawServer entrance(answering("HTTP/1.1 302 Found\r\nLocation: " + web->uri("/down") +
                                "\r\nContent-Length: 0\r\n\r\n"));
-  for (const std::string& uri : {web->uri("/down"), entrance.uri("/file")}) {
+  for (const std::string& uri :
+       {web->uri("/down"), "HTTPS" + web->uri("/down").substr(5), entrance.uri("/file")}) {
     RecordingTask task(uri, path("file"));
     EXPECT_EQ(run(task), "failure 1 302");
   }

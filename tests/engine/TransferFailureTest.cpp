@@ -1,9 +1,5 @@
 // What ends a task before its time: deadlines, size limits, and what goes wrong.
 
-#include <sys/resource.h>
-
-#include <csignal>
-
 #include "CurlFaults.h"
 #include "TransferServiceTest.h"
 
@@ -169,49 +165,6 @@ TEST_F(TransferFailureTest, UnopenableFileFailsTask) {
   EXPECT_THAT(logLines(),
               ElementsAre("4 TransferService.service: Failed to register transfer, task=task, "
                           "uri=http://127.0.0.1:1/x"));
-}
-
-TEST_F(TransferFailureTest, UriRefusedByEngineStaysRefused) {
-  RawServer server(answering(okResponse("")));
-  const std::string file = write("file", "content");
-  RecordingTask task(server.uri(), file);
-  variant::Variant fields;
-  fields["number"] = 1;
-  task.setKind(false).setFormFields(fields);
-  EXPECT_EQ(run(task), "failure 1 0");
-  fakes::reset();
-
-  RecordingTask next(server.uri(), path("other"));
-  EXPECT_EQ(run(next), "failure 1 0");
-  EXPECT_THAT(logLines(),
-              ElementsAre("3 multihttp.RegisterRequest: File or URI already in progress, uri=" +
-                              server.uri() + ", path=" + path("other"),
-                          "4 TransferService.service: Failed to register transfer, task=task, "
-                          "uri=" +
-                              server.uri()));
-  RecordingTask samePath(server.uri("/new"), file);
-  samePath.setKind(false);
-  EXPECT_EQ(run(samePath), "failure 1 0");
-  EXPECT_EQ(server.connections(), 0U);
-}
-
-TEST_F(TransferFailureTest, FullDiskFailsTask) {
-  RawServer server(answering(okResponse(noise(100'000))));
-  RecordingTask task(server.uri(), path("file"));
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
-  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit saved{};
-  getrlimit(RLIMIT_FSIZE, &saved);
-  const rlimit full{20'000, saved.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &full);
-  const bool ended = gone(task);
-  setrlimit(RLIMIT_FSIZE, &saved);
-  std::signal(SIGXFSZ, previous);
-
-  ASSERT_TRUE(ended);
-  EXPECT_EQ(task.outcome(), "failure 2 200");
-  EXPECT_THAT(logLines(), ElementsAre(failed(task, "DISK_IO_FAILED(2)", 200)));
 }
 
 TEST_F(TransferFailureTest, FailedCancelStillRemovesTask) {

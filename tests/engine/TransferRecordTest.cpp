@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 
@@ -16,6 +17,7 @@ namespace {
 using ctlserver::TransferPhase;
 using ctlserver::TransferRecord;
 using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -72,11 +74,6 @@ TEST_F(TransferRecordTest, RedirectToCredentialsIsNotRepeated) {
   EXPECT_EQ(record().httpStatus, 302);
 }
 
-TEST_F(TransferRecordTest, ForeignProtocolIsNamed) {
-  EXPECT_THAT(fetch("file:///etc/passwd"),
-              AllOf(StartsWith("TRANSFER_FAILED: Protocol"), HasSubstr("file")));
-}
-
 TEST_F(TransferRecordTest, WrongCertificateIsNamed) {
   const Identity selfSigned = makeIdentity({});
   const Identity stranger = makeIdentity({.host = "stranger", .authority = true});
@@ -119,6 +116,9 @@ TEST_F(TransferRecordTest, FullDiskIsNamed) {
   const std::string outcome = fetch(server.uri());
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
   EXPECT_EQ(outcome, "DISK_IO_FAILED: The file could not be written: File too large.");
+  EXPECT_THAT(logLines(), ElementsAre("4 TransferService.cancel: Transfer task failed, name=task, "
+                                      "uri=" +
+                                      server.uri() + ", reason=DISK_IO_FAILED(2), httpCode=200"));
 }
 
 TEST_F(TransferRecordTest, FileThatShrinksIsNamed) {
@@ -137,6 +137,13 @@ TEST_F(TransferRecordTest, FileThatShrinksIsNamed) {
   ASSERT_TRUE(turnUntil([&] { return record().phase == TransferPhase::Ended; }));
   EXPECT_EQ(record().outcome, "TRANSFER_FAILED");
   EXPECT_EQ(record().reason, "The file could not be read: Input/output error.");
+  EXPECT_EQ(task.outcome(), "failure 1 0");
+  EXPECT_THAT(logLines(),
+              ElementsAre("3 multihttp.FillUploadBuffer: Error reading file, uri=" + server.uri(),
+                          "4 basehttp.Service: Unexpected curl error: CURLcode = 42",
+                          "4 TransferService.cancel: Transfer task failed, name=task, uri=" +
+                              server.uri() + ", reason=TRANSFER_FAILED(1), httpCode=0"));
+  EXPECT_EQ(fakes::platform().log.front().error, EIO);
 }
 
 TEST_F(TransferRecordTest, HeaderFloodIsNamed) {

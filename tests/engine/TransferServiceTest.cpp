@@ -1,7 +1,5 @@
 #include "TransferServiceTest.h"
 
-#include "CurlFaults.h"
-
 namespace kova::engine {
 namespace {
 
@@ -109,13 +107,6 @@ TEST_F(TransferServiceTest, SuccessFreesNameBeforeUri) {
   EXPECT_FALSE(service().existsUri(server.uri()));
 }
 
-TEST_F(TransferServiceTest, ErrorPageIsSuccess) {
-  RawServer server(answering("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone"));
-  RecordingTask task(server.uri(), path("file"));
-  EXPECT_EQ(run(task), "success");
-  EXPECT_EQ(readFile(path("file")), "gone");
-}
-
 TEST_F(TransferServiceTest, UploadIsPreparedUntilReady) {
   RawServer server(answering(okResponse("")));
   RecordingTask task(server.uri(), "");
@@ -154,12 +145,6 @@ TEST_F(TransferServiceTest, UnknownUrisAreLogged) {
                           "4 multihttp.SignalTransferCompleted: Uri not tracked, uri=u",
                           "3 TransferService.cancel: Failed to resolve task by uri=u",
                           "4 multihttp.SignalTransferCompleted: Uri not tracked, uri=u"));
-}
-
-TEST_F(TransferServiceTest, InitFailsWithoutMultiHandle) {
-  curlFaults().multiInit = true;
-  ctlserver::TransferService other;
-  EXPECT_FALSE(other.init());
 }
 
 TEST_F(TransferServiceTest, DestroyedServiceLeavesItsTasks) {

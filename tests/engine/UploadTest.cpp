@@ -2,22 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
 
 #include "Engine.h"
 #include "RawServer.h"
-#include "WebServer.h"
 
 namespace kova::engine {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 
 class UploadTest : public EngineTest {
  protected:
@@ -87,22 +80,6 @@ TEST_F(UploadTest, EmptyFileBecomesEmptyPart) {
   EXPECT_EQ(request.body, form(request, {{"payload", ""}}));
 }
 
-TEST_F(UploadTest, IndependentParserUnderstandsForm) {
-  WebServer web;
-  httplib::MultipartFormDataMap parts;
-  web.server().Post(
-      "/up", [&](const httplib::Request& request, httplib::Response&) { parts = request.files; });
-  web.start();
-  variant::Variant fields;
-  fields["camera"] = "front door";
-  EXPECT_EQ(send(web.uri("/up"), write("file", "content"), fields), "success");
-  ASSERT_EQ(parts.size(), 2U);
-  EXPECT_EQ(parts.find("payload")->second.content, "content");
-  EXPECT_EQ(parts.find("payload")->second.filename, "");
-  EXPECT_EQ(parts.find("payload")->second.content_type, "");
-  EXPECT_EQ(parts.find("camera")->second.content, "front door");
-}
-
 TEST_F(UploadTest, FiftyMebibytesArriveComplete) {
   RawServer server(answering(okResponse("")));
   const std::string content = noise(50UL * 1024 * 1024);
@@ -129,31 +106,6 @@ TEST_F(UploadTest, RefusedExpectationEndsUploadWithResponse) {
   });
   EXPECT_EQ(send(server.uri(), write("file", noise(2'000'000))), "success");
   EXPECT_EQ(server.connections(), 1U);
-}
-
-TEST_F(UploadTest, ShrinkingFileFails) {
-  std::atomic<bool> shrunk = false;
-  RawServer server([&](Connection& connection) {
-    connection.readHead();
-    EXPECT_TRUE(eventually([&] { return shrunk.load(); }));
-    connection.awaitClose();
-  });
-  const std::string file = write("file", noise(50UL * 1024 * 1024));
-  RecordingTask task(server.uri(), file);
-  task.setKind(false);
-  ASSERT_TRUE(service().add(&task));
-  ASSERT_TRUE(turnUntil([&] { return server.connections() == 1; }));
-  ASSERT_EQ(truncate(file.c_str(), 100), 0);
-  shrunk = true;
-  ASSERT_TRUE(turnUntil([&] { return !task.outcome().empty(); }));
-
-  EXPECT_EQ(task.outcome(), "failure 1 0");
-  EXPECT_THAT(logLines(),
-              ElementsAre("3 multihttp.FillUploadBuffer: Error reading file, uri=" + server.uri(),
-                          "4 basehttp.Service: Unexpected curl error: CURLcode = 42",
-                          "4 TransferService.cancel: Transfer task failed, name=task, uri=" +
-                              server.uri() + ", reason=TRANSFER_FAILED(1), httpCode=0"));
-  EXPECT_EQ(fakes::platform().log.front().error, EIO);
 }
 
 TEST_F(UploadTest, GrowingFileIsSentAtInitialSize) {
@@ -201,21 +153,6 @@ TEST_F(UploadTest, SentBodyIsNotResentAfterRedirection) {
   }
 }
 
-TEST_F(UploadTest, RedirectionToServerThatDoesNotWaitFailsUpload) {
-  RawServer server([](Connection& connection) {
-    if (connection.number() == 0) {
-      connection.readRequest();
-      connection.send(
-          "HTTP/1.1 307 Moved\r\nLocation: /elsewhere\r\nConnection: close\r\n"
-          "Content-Length: 0\r\n\r\n");
-    } else {
-      connection.readHead();
-    }
-  });
-  EXPECT_EQ(send(server.uri(), write("file", "content")), "failure 1 307");
-  EXPECT_EQ(server.requests().size(), 1U);
-}
-
 TEST_F(UploadTest, RedirectionAfterUploadOnlyFetchesResponse) {
   for (const int status : {301, 302, 303}) {
     RawServer server(sendingOn(status));
@@ -243,30 +180,6 @@ TEST_F(UploadTest, UnsentBodyFollowsRedirection) {
   EXPECT_EQ(send(server.uri(), write("file", content)), "success");
   const RawRequest request = server.requests().at(0);
   EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
-}
-
-TEST_F(UploadTest, ConnectionClosedBetweenUploadsIsReplaced) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send(okResponse(""));
-  });
-  EXPECT_EQ(send(server.uri("/1"), write("1", "first")), "success");
-  ASSERT_TRUE(eventually([&] { return server.open() == 0; }));
-  EXPECT_EQ(send(server.uri("/2"), write("2", "second")), "success");
-  EXPECT_EQ(server.connections(), 2U);
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
-TEST_F(UploadTest, LateConnectionCloseLosesNoUpload) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send(okResponse(""));
-    connection.readHead();  // a second request would be taken, and never answered
-  });
-  EXPECT_EQ(send(server.uri("/1"), write("1", "first")), "success");
-  EXPECT_EQ(send(server.uri("/2"), write("2", "second")), "success");
-  ASSERT_EQ(server.requests().size(), 2U);
-  EXPECT_THAT(server.requests()[1].body, HasSubstr("second"));
 }
 
 TEST_F(UploadTest, EarlyResponseSwallowsNoOtherUpload) {

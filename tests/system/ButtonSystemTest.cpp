@@ -41,25 +41,6 @@ class ButtonSystem : public SharedCamera {
     camera().pressButton(false);
     EXPECT_TRUE(eventually([&] { return mark.linesWith(kUp).size() > ups; }));
   }
-
-  // Moves the button as a contact bounces.
-  // @return whether no movement lasted as long as a press, as it may on a busy machine
-  static bool bounce(int times) {
-    constexpr auto kClosed = milliseconds(2);
-    // Not in step with the control server, which looks about every 10 ms: it would see a press.
-    constexpr milliseconds kOpen[] = {milliseconds(4), milliseconds(13)};
-    constexpr auto kPress = milliseconds(20);
-    bool brief = true;
-    for (int i = 0; i < times; ++i) {
-      const auto begin = Clock::now();
-      camera().pressButton(true);
-      std::this_thread::sleep_for(kClosed);
-      camera().pressButton(false);
-      brief = brief && Clock::now() - begin < kPress;
-      std::this_thread::sleep_for(kOpen[i % 2]);
-    }
-    return brief;
-  }
 };
 
 TEST_F(ButtonSystem, ShortPressIsOnlyLogged) {
@@ -74,25 +55,6 @@ TEST_F(ButtonSystem, ShortPressIsOnlyLogged) {
   const std::string tools = camera().tools();
   EXPECT_FALSE(eventually([&] { return camera().tools() != tools; }, seconds(6)));
   EXPECT_EQ(camera().boots(), boot);
-}
-
-TEST_F(ButtonSystem, HoldBelowThresholdDoesNotReset) {
-  constexpr int kThresholdMs = 5000;
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    const LogMark mark(camera());
-    camera().pressButton(true);
-    EXPECT_TRUE(mark.waitFor(kDown));
-    std::this_thread::sleep_for(milliseconds(kThresholdMs - 700));
-    camera().pressButton(false);
-    EXPECT_TRUE(mark.waitFor(kUp));
-    const int held = heldTimes(mark).at(0);
-    if (held <= kThresholdMs) {
-      EXPECT_GT(held, kThresholdMs - 1000);
-      EXPECT_TRUE(mark.linesWith(kRelease).empty()) << mark.text();
-      return;
-    }
-  }
-  GTEST_SKIP() << "the machine is too busy to hold a button for a given time";
 }
 
 // Nobody looks at the button while the configuration is saved.
@@ -116,20 +78,6 @@ TEST_F(ButtonSystem, TapsAroundSlowSaveAreNotHold) {
     EXPECT_LT(held, 5000) << mark.text();
   }
   EXPECT_TRUE(mark.linesWith(kRelease).empty()) << mark.text();
-}
-
-TEST_F(ButtonSystem, BouncingContactIsNotPress) {
-  for (int attempt = 0; attempt < 20; ++attempt) {
-    const LogMark mark(camera());
-    const bool brief = bounce(20);
-    pressShortly(mark);
-    if (brief) {
-      EXPECT_EQ(mark.linesWith(kDown).size(), 1U) << mark.text();
-      EXPECT_EQ(mark.linesWith(kUp).size(), 1U) << mark.text();
-      return;
-    }
-  }
-  GTEST_SKIP() << "the machine is too busy to move a button quickly";
 }
 
 /// A camera with a saved configuration whose button is pressed.
@@ -199,18 +147,6 @@ TEST(ButtonSystemWithoutLine, CameraServesWithUnreadableLine) {
   EXPECT_EQ(camera.ctl({"stats"}).status, 0);
   EXPECT_EQ(occurrences(camera.log(), "Cannot read the button at /run/gpio/lost/value"), 1U);
   EXPECT_EQ(occurrences(camera.log(), "Failed to service reset button case"), 0U);
-}
-
-TEST(ButtonSystemWithoutLine, LostLineIsReportedOnce) {
-  Camera camera;
-  const LogMark mark(camera);
-  writeFile(camera.root() / "run/gpio/reset_button/value", "");
-  EXPECT_TRUE(mark.waitFor(": Failed to service reset button case"));
-  EXPECT_FALSE(eventually(
-      [&] { return occurrences(mark.text(), ": Failed to service reset button case") > 1; },
-      seconds(3)));
-  EXPECT_EQ(occurrences(mark.text(), ": Cannot read the button at"), 1U);
-  EXPECT_EQ(camera.ctl({"stats"}).status, 0);
 }
 
 }  // namespace

@@ -79,48 +79,11 @@ TEST_F(FirmwareSystem, IncompleteImageIsRefused) {
   }
 }
 
-TEST_F(FirmwareSystem, ErrorPageIsNotImage) {
-  EXPECT_EQ(requester().outcomeOf({{"uri", manager().fileUri("no-such.bin")}}), "FW_CHECK_FAILED");
-}
-
 TEST_F(FirmwareSystem, CheckerErrorOutputRejects) {
   camera().misbehave(kChecker, "stderr", "deprecated option\n");
   expectRejected(image("3.0"), "FW_CHECK_FAILED");
   camera().behave(kChecker);
   expectFlashed(image("3.1"));
-}
-
-TEST_F(FirmwareSystem, NonJsonCheckerOutputRejects) {
-  const std::pair<std::string, std::string> answers[] = {
-      {"{\"reason\":\"FW_CHECK_INCOMPAT_HW\"", "FW_CHECK_FAILED"},
-      {"", "FW_CHECK_FAILED"},
-      {std::string(10'000'000, 'x'), "FW_CHECK_FAILED"},
-      {"{\"reason\":\"fw_check_incompat_hw\"}", "FW_CHECK_FAILED"},
-      {"{\"reason\":\"FW_CHECK_INCOMPAT_HW\"}", "FW_CHECK_INCOMPAT_HW"},
-      {"{\"reason\":\"FW_CHECK_INCOMPAT_HW\"}" + std::string(10'000'000, ' '),
-       "FW_CHECK_INCOMPAT_HW"}};
-  const std::string content = image("4.0");
-  for (const auto& [printed, reason] : answers) {
-    SCOPED_TRACE(printed.substr(0, 60));
-    camera().misbehave(kChecker, "stdout", printed);
-    camera().misbehave(kChecker, "exit", "1");
-    expectRejected(content, reason);
-  }
-}
-
-TEST_F(FirmwareSystem, KilledCheckerRejects) {
-  for (const char* signal : {"KILL", "SEGV"}) {
-    camera().misbehave(kChecker, "kill", signal);
-    expectRejected(image("5.0"), "FW_CHECK_FAILED");
-  }
-}
-
-TEST_F(FirmwareSystem, MissingCheckerRejects) {
-  const auto checker = inside("/bin/fwupdate.real");
-  const auto aside = inside("/bin/fwupdate.aside");
-  std::filesystem::rename(checker, aside);
-  expectRejected(image("5.1"), "FW_CHECK_FAILED");
-  std::filesystem::rename(aside, checker);
 }
 
 TEST_F(FirmwareSystem, FailedFlasherIsReportedAndImageKept) {
@@ -135,38 +98,6 @@ TEST_F(FirmwareSystem, FailedFlasherIsReportedAndImageKept) {
     EXPECT_NE(readFile(camera().flash() / "firmware.bin"), content);
     camera().behave("fwupdate");
   }
-}
-
-TEST_F(FirmwareSystem, SilentServerTimesOutAndLeavesNoImage) {
-  const SilentServer server;
-  writeFile(inside("/tmp/fwupdate.bin"), "an old image");
-  EXPECT_EQ(requester().outcomeOf({{"uri", server.uri()}, {"timeoutMs", 1}}), "TRANSFER_TIMEOUT");
-  EXPECT_TRUE(eventually([] { return !exists(inside("/tmp/fwupdate.bin")); }));
-}
-
-TEST_F(FirmwareSystem, ImageOverFiftyMebibytesIsTooLarge) {
-  const engine::RawServer server([](engine::Connection& connection) {
-    connection.readHead();
-    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 52428801\r\n\r\nbytes");
-    connection.awaitClose();
-  });
-  EXPECT_EQ(requester().outcomeOf({{"uri", server.uri()}}), "TRANSFER_TOOLARGE");
-  EXPECT_TRUE(eventually([] { return !exists(inside("/tmp/fwupdate.bin")); }));
-}
-
-TEST_F(FirmwareSystem, UpdateWithoutTimeOutKeepsRunning) {
-  const SilentServer server;
-  const LogMark mark(camera());
-  const std::uint64_t first = requester().ask({{"uri", server.uri()}, {"timeoutMs", 0}});
-  ASSERT_TRUE(eventually([&] { return server.connections() == 1; }));
-  EXPECT_THAT(requester().outcomes(first), IsEmpty());
-  // A second one is refused, whatever its URI, and the first runs on.
-  const std::uint64_t second = requester().ask({{"uri", server.uri("/other")}});
-  EXPECT_TRUE(
-      mark.waitFor("Transfer with such name already exists, what=fw, uri=" + server.uri("/other")));
-  requester().settle();
-  EXPECT_THAT(requester().outcomes(first), IsEmpty());
-  EXPECT_THAT(requester().outcomes(second), IsEmpty());
 }
 
 }  // namespace

@@ -3,9 +3,6 @@
 namespace kova::system_test {
 namespace {
 
-using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 
 /// The two kinds of file that are installed.
@@ -56,35 +53,6 @@ TEST_F(PutSystem, ValidFileIsInstalledWithChecksumAndSaved) {
   }
 }
 
-TEST_F(PutSystem, InstalledFileIsNeitherFetchedNorAnswered) {
-  for (const Kind& kind : kKinds) {
-    const std::string content = kind.sample + "again";
-    ASSERT_EQ(put(kind.what, content), "OK");
-    const std::uint64_t id = requester().ask(
-        {{"what", kind.what}, {"uri", manager().fileUri("again")}, {"hash", md5(content)}});
-    requester().settle();
-    EXPECT_THAT(requester().outcomes(id), IsEmpty());
-    EXPECT_EQ(manager().requests("GET /files/again"), 0U);
-  }
-}
-
-TEST_F(PutSystem, WrongDigestIsRefused) {
-  for (const Kind& kind : kKinds) {
-    const std::string content = kind.sample + "digest";
-    manager().serve("file", content);
-    std::string upper = md5(content);
-    for (char& digit : upper) {
-      digit = static_cast<char>(std::toupper(digit));
-    }
-    for (const std::string& hash :
-         {std::string(32, '0'), upper, md5(content).substr(1), md5(content) + "\n",
-          std::string("x"), std::string(64 * 1024, 'f'), std::string("%s%n%n")}) {
-      SCOPED_TRACE(hash.substr(0, 40));
-      expectRefused(kind, "VALIDATION_FAILED", manager().fileUri("file"), hash);
-    }
-  }
-}
-
 TEST_F(PutSystem, NonPicturesAndOversizedPicturesAreRefused) {
   const LogMark mark(camera());
   for (const std::string& content :
@@ -97,62 +65,10 @@ TEST_F(PutSystem, NonPicturesAndOversizedPicturesAreRefused) {
   EXPECT_TRUE(mark.waitFor("empty=1, nCh=1, depth=0, width=0, height=0"));
 }
 
-TEST_F(PutSystem, PicturesAtLimitsAreAccepted) {
-  EXPECT_EQ(put("logo", picture(1024, 1)), "OK");
-  EXPECT_EQ(put("logo", picture(1, 1024)), "OK");
-  EXPECT_EQ(put("logo", picture(1, 1)), "OK");
-}
-
-TEST_F(PutSystem, OtherThanMonoSoundAt11025HertzIsRefused) {
-  std::string broken = sound(1, 11025);
-  broken[20] = 7;  // mu-law
-  for (const std::string& content :
-       {sound(2, 11025), sound(1, 22050), sound(1, 44100), sound(1, 0), broken, std::string("RIFF"),
-        sound(1, 11025).substr(0, 40), std::string()}) {
-    expectInvalid(kKinds[1], content);
-  }
-}
-
-TEST_F(PutSystem, SampleWidthDoesNotMatter) {
-  for (const unsigned bits : {8U, 16U, 24U}) {
-    EXPECT_EQ(put("sound", sound(1, 11025, bits)), "OK") << bits;
-  }
-}
-
-TEST_F(PutSystem, OnlyFileOverLimitIsTooLarge) {
-  for (const Kind& kind : kKinds) {
-    const std::string atLimit = kind.sample + std::string(kind.limit - kind.sample.size(), 'x');
-    manager().serve("large", atLimit + "x");
-    expectRefused(kind, "TRANSFER_TOOLARGE", manager().fileUri("large"), md5(atLimit + "x"));
-    EXPECT_EQ(put(kind.what, atLimit), "OK");
-  }
-}
-
-TEST_F(PutSystem, ErrorPageIsNotFile) {
-  for (const Kind& kind : kKinds) {
-    expectRefused(kind, "VALIDATION_FAILED", manager().fileUri("missing"), md5(kind.sample));
-  }
-}
-
 TEST_F(PutSystem, ServerOfOtherAuthorityIsRefused) {
   Manager stranger;
   stranger.serve("file", kKinds[0].sample);
   expectRefused(kKinds[0], "TRANSFER_FAILED", stranger.fileUri("file"), md5(kKinds[0].sample));
-}
-
-TEST_F(PutSystem, NothingStartsWithoutHash) {
-  for (const Kind& kind : kKinds) {
-    for (const Fields& more : {Fields{}, Fields{{"hash", ""}}, Fields{{"hash", 7}}}) {
-      const LogMark mark(camera());
-      Fields fields = more;
-      fields.insert({{"what", kind.what}, {"uri", manager().fileUri("no-hash")}});
-      const std::uint64_t id = requester().ask(fields);
-      EXPECT_TRUE(mark.waitFor("Hash must be set"));
-      requester().settle();
-      EXPECT_THAT(requester().outcomes(id), IsEmpty());
-    }
-  }
-  EXPECT_EQ(manager().requests("GET /files/no-hash"), 0U);
 }
 
 /// Boots of its own, so the control server is not the same throughout.

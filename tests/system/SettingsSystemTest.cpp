@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <set>
 
 #include "BusClient.h"
@@ -17,7 +16,6 @@ constexpr char kDiscovery[] = "kova_discovery_server";
 constexpr char kNameKey[] = "resolv.host.1.name";
 constexpr char kZoneKey[] = "system.timezone";
 constexpr char kRegionKey[] = "system.region";
-constexpr char kTimelapseKey[] = "system.timelapseminutes";
 
 /// The payload of ChangeDeviceSettings with these assignments, whatever its status.
 Variant change(const Camera& camera, std::vector<std::string> fields, int status = 0) {
@@ -63,21 +61,6 @@ TEST_F(SettingsSystem, NewNameIsStoredAppliedAndAnnounced) {
   }));
 }
 
-TEST_F(SettingsSystem, SameNameChangesNothing) {
-  change(camera(), {"name=Twice"});
-  const LogMark mark(camera());
-  const std::size_t applied = runs(kApplyName);
-  ASSERT_TRUE(eventually([] { return !camera().pidOf(kDiscovery).empty(); }));
-  const auto written = std::filesystem::last_write_time(systemCfg(camera()));
-  EXPECT_EQ(change(camera(), {"name=Twice"})["name"], Variant("Twice"));
-  EXPECT_EQ(runs(kApplyName), applied);
-  EXPECT_EQ(std::filesystem::last_write_time(systemCfg(camera())), written);
-  // What follows would have come after it.
-  change(camera(), {"name=Once"});
-  EXPECT_TRUE(mark.waitFor(kDiscovery + ": service ended"s));
-  EXPECT_EQ(runs(kApplyName), applied + 1);
-}
-
 TEST_F(SettingsSystem, ZoneIsAppliedAndStored) {
   EXPECT_EQ(change(camera(), {"timezone=Europe/Paris"})["timezone"], Variant("Europe/Paris"));
   EXPECT_EQ(systemZone(), "/usr/share/zoneinfo/Europe/Paris");
@@ -85,48 +68,11 @@ TEST_F(SettingsSystem, ZoneIsAppliedAndStored) {
   EXPECT_EQ(setting(kZoneKey), "Europe/Paris");
 }
 
-TEST_F(SettingsSystem, RegionSetsZoneOnlyWithTwoParts) {
-  change(camera(), {"timezone=GMT"});
-  const std::string gmt = systemZone();
-  for (const char* region : {"US", "America/Argentina/Salta"}) {
-    EXPECT_EQ(change(camera(), {"region="s + region})["region"], Variant(region));
-    EXPECT_EQ(systemZone(), gmt) << region;
-    EXPECT_EQ(setting(kRegionKey), region);
-  }
-  const LogMark mark(camera());
-  EXPECT_EQ(change(camera(), {"region=Europe/Rome"})["region"], Variant("Europe/Rome"));
-  EXPECT_TRUE(mark.waitFor("Found Olson format: Europe/Rome"));
-  EXPECT_EQ(systemZone(), "/usr/share/zoneinfo/Europe/Rome");
-  EXPECT_EQ(setting(kZoneKey), "GMT");
-}
-
-TEST_F(SettingsSystem, RegionOfUnknownZoneIsNotStored) {
-  const std::string before = cfg();
-  const LogMark mark(camera());
-  EXPECT_EQ(change(camera(), {"region=No/Where"}, 1).find("region"), nullptr);
-  EXPECT_TRUE(mark.waitFor(": Failed to write timezone"));
-  EXPECT_EQ(cfg(), before);
-}
-
 TEST_F(SettingsSystem, BootSoundIsInBootEnvironment) {
   for (const auto& [typed, stored] : {std::pair{"on", "1\n"}, {"off", "0\n"}}) {
     EXPECT_EQ(camera().ctl({"settings", "sound-on-boot="s + typed}).status, 0);
     EXPECT_EQ(camera().exec({"fw_printenv", "-n", "kova_audioplay"}).out, stored);
   }
-}
-
-TEST_F(SettingsSystem, FailingBootEnvironmentKeepsOtherChanges) {
-  camera().ctl({"settings", "sound-on-boot=off"});
-  const LogMark mark(camera());
-  camera().misbehave("fw_setenv", "exit", "1");
-  const Variant reply = change(camera(), {"region=Elsewhere", "soundOnBoot:=true"}, 1);
-  camera().behave("fw_setenv");
-  EXPECT_NE(reply.find("region"), nullptr);
-  EXPECT_EQ(reply.find("soundOnBoot"), nullptr);
-  EXPECT_TRUE(mark.waitFor("CtlServer.updateSettings:"));
-  EXPECT_TRUE(mark.waitFor(": Failed to set soundOnBoot to true"));
-  EXPECT_EQ(setting(kRegionKey), "Elsewhere");
-  EXPECT_EQ(camera().exec({"fw_printenv", "-n", "kova_audioplay"}).out, "0\n");
 }
 
 TEST_F(SettingsSystem, ResetSettingsRestoresNameAndZoneWithoutFlashOrReboot) {
@@ -141,25 +87,6 @@ TEST_F(SettingsSystem, ResetSettingsRestoresNameAndZoneWithoutFlashOrReboot) {
   // A save or a reset would come five seconds after it was asked for.
   EXPECT_FALSE(eventually([&] { return runs("/bin/cfgmtd") != saves; }, std::chrono::seconds(6)));
   EXPECT_EQ(camera().boots(), boot);
-}
-
-TEST_F(SettingsSystem, ModelWithoutTimelapseIgnoresIt) {
-  const std::string before = cfg();
-  EXPECT_EQ(change(camera(), {"timelapseminutes:=1"}).find("timelapseminutes"), nullptr);
-  EXPECT_EQ(cfg(), before);
-}
-
-TEST(SettingsSystemWithTimelapses, SettingIsOnOrOff) {
-  for (const char* sysid : {"42321", "42324"}) {
-    Camera camera(R"({"name": "Lapse", "feature_wifi": 0, "feature_battery": 0, "sysid": )"s +
-                  sysid + "}");
-    EXPECT_EQ(change(camera, {})["timelapseminutes"], Variant(0)) << sysid;
-    EXPECT_EQ(change(camera, {"timelapseminutes:=1"})["timelapseminutes"], Variant(1));
-    EXPECT_EQ(settingIn(readFile(systemCfg(camera)), kTimelapseKey), "1");
-    EXPECT_EQ(change(camera, {})["timelapseminutes"], Variant(1));
-    writeFile(systemCfg(camera), withSetting(readFile(systemCfg(camera)), kTimelapseKey, "5"));
-    EXPECT_EQ(change(camera, {})["timelapseminutes"], Variant(0));
-  }
 }
 
 class HostileSettings : public SettingsSystem {

@@ -6,8 +6,6 @@
 namespace kova::system_test {
 namespace {
 
-using testing::IsEmpty;
-
 class SupportSystem : public GetSystem {
  protected:
   static bool archiveIsGone() { return !exists(inside("/tmp/supportinfo.tar")); }
@@ -22,18 +20,6 @@ TEST_F(SupportSystem, FreshArchiveArrivesAndIsRemoved) {
   EXPECT_NE(archive.find("system.cfg"), std::string::npos);
   EXPECT_TRUE(eventually(archiveIsGone));
   expectSilence(id);
-}
-
-TEST_F(SupportSystem, GeneratorWithoutArchiveTimesOut) {
-  const LogMark mark(camera());
-  for (const auto& [setting, content] : {std::pair{"exit", "1"}, {"kill", "SEGV"}}) {
-    camera().misbehave("support", setting, content);
-    EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 700}})),
-              "TRANSFER_TIMEOUT");
-    camera().behave("support");
-  }
-  EXPECT_TRUE(mark.waitFor("Timeout preparing files for transfer, task=support"));
-  EXPECT_EQ(manager().requests("POST /upload/never"), 0U);
 }
 
 TEST_F(SupportSystem, HangingGeneratorEndsWithItsRequest) {
@@ -97,21 +83,6 @@ TEST_F(SupportSystem, GrowingArchiveIsSentAtInitialSize) {
   EXPECT_NE(body.find("\r\n\r\n" + start + "\r\n--"), std::string::npos);
   EXPECT_TRUE(eventually(archiveIsGone));
   expectSilence(id);
-}
-
-TEST_F(SupportSystem, MissingGeneratorRefusesRequest) {
-  const auto generator = inside("/bin/support");
-  const auto aside = inside("/bin/support.aside");
-  std::filesystem::rename(generator, aside);
-  expectRefused({{"what", "supportInfo"}}, "Failed to launch support file generation");
-  std::filesystem::rename(aside, generator);
-  EXPECT_TRUE(archiveIsGone());
-}
-
-TEST_F(SupportSystem, FailedUploadRemovesArchive) {
-  EXPECT_EQ(requester().outcomeOf({{"what", "supportInfo"}, {"uri", "http://127.0.0.1:1/"}}),
-            "TRANSFER_FAILED");
-  EXPECT_TRUE(eventually(archiveIsGone)) << "the event goes out before the file";
 }
 
 }  // namespace

@@ -8,12 +8,9 @@
 namespace kova::system_test {
 namespace {
 
-using namespace std::string_literals;
 using std::chrono::seconds;
 
 constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m\n";
-constexpr char kErase[] = "/bin/cfgmtd -c\n";
-constexpr char kReboot[] = "/usr/bin/reboot\n";
 
 class ToolsSystem : public SharedCamera {
  protected:
@@ -128,93 +125,21 @@ TEST_F(ToolsSystem, FailedRebootIsReportedAndWaitedFor) {
   EXPECT_TRUE(camera().waitForService());
 }
 
-TEST_F(ToolsSystem, FailingEraseIsRetriedWithoutReboot) {
-  const LogMark mark(camera());
-  const int boot = camera().boots();
-  const std::size_t erasures = runs(kErase);
-  const std::size_t reboots = runs(kReboot);
-  camera().misbehave("cfgmtd", "exit", "1");
-  ASSERT_EQ(call(request("ResetToDefaults")), "status 0");
-  EXPECT_TRUE(
-      eventually([&] { return mark.linesWith(": Failed to reset").size() >= 10; }, seconds(20)));
-  EXPECT_GE(runs(kErase), erasures + 10);
-  EXPECT_EQ(runs(kReboot), reboots);
-  EXPECT_EQ(camera().boots(), boot);
-  EXPECT_EQ(call(request("GetSystemStats")), "status 0");
-
-  // Once the erase works the reboot follows: here one that fails, which is not tried again.
-  camera().misbehave("reboot", "exit", "1");
-  camera().behave("cfgmtd");
-  EXPECT_TRUE(mark.waitFor(": Reset to defaults"));
-  EXPECT_TRUE(mark.waitFor(": Failed to perform reboot"));
-  const std::size_t erased = runs(kErase);
-  EXPECT_EQ(call(save()), "status 0");
-  EXPECT_EQ(call(save()), "status 0");
-  EXPECT_EQ(mark.linesWith(": Failed to perform reboot").size(), 1U);
-  EXPECT_EQ(runs(kErase), erased);
-  EXPECT_EQ(camera().boots(), boot);
-}
-
-class ServicesSystem : public ToolsSystem {
- protected:
-  static Append ask(const std::string& function, const Append& service) {
-    return request(function, {{"service", service}, {"from", text("somebody")}});
-  }
-};
-
-TEST_F(ServicesSystem, ServiceIsStartedAndStopped) {
+TEST_F(ToolsSystem, ServiceIsStartedAndStopped) {
   const auto script = camera().root() / "etc/sv/testservice/run";
   writeFile(script, "#!/bin/sh\nexec sleep 1000\n");
   ASSERT_EQ(chmod(script.c_str(), 0755), 0);
+  const std::vector<Entry> fields = {{"service", text("testservice")}, {"from", text("somebody")}};
   const LogMark mark(camera());
   EXPECT_EQ(camera().pidOf("testservice"), "");
-  EXPECT_EQ(call(ask("StartService", text("testservice"))), "status 0");
+  EXPECT_EQ(call(request("StartService", fields)), "status 0");
   EXPECT_NE(camera().pidOf("testservice"), "");
   EXPECT_TRUE(mark.waitFor("CtlServer.HandleRequest:"));
   EXPECT_TRUE(mark.waitFor(": somebody tried to start testservice service and succeeded"));
 
-  EXPECT_EQ(call(ask("StopService", text("testservice"))), "status 0");
+  EXPECT_EQ(call(request("StopService", fields)), "status 0");
   EXPECT_EQ(camera().pidOf("testservice"), "");
   EXPECT_TRUE(mark.waitFor(": somebody tried to stop testservice service and succeeded"));
-}
-
-TEST_F(ServicesSystem, EssentialServiceIsNotStopped) {
-  std::filesystem::create_symlink("/etc/sv/syslogd", camera().root() / "etc/sv/log-too");
-  const LogMark mark(camera());
-  for (const auto& name : {"kova_bus"s, "kova_ctlserver"s, "syslogd"s, "log-too"s}) {
-    const std::string service = name == "log-too" ? "syslogd" : name;
-    const std::string before = camera().pidOf(service);
-    EXPECT_NE(before, "") << name;
-    EXPECT_EQ(call(ask("StopService", text(name))), "status 1") << name;
-    EXPECT_EQ(camera().pidOf(service), before) << name;
-    EXPECT_TRUE(mark.waitFor(": somebody tried to stop " + name + " service and failed"));
-  }
-  EXPECT_EQ(mark.linesWith(": Refused to stop ").size(), 4U);
-  EXPECT_EQ(call(ask("StartService", text("syslogd"))), "status 0");
-}
-
-TEST_F(ServicesSystem, InvalidServiceNamesAreRefused) {
-  const LogMark mark(camera());
-  const std::size_t reboots = runs(kReboot);
-  const std::string before = camera().pidOf("kova_sounds_leds");
-  ASSERT_NE(before, "");
-  for (const char* function : {"StartService", "StopService"}) {
-    EXPECT_EQ(call(ask(function, text("nothing"))), "status 1");
-    for (const auto& name : {""s, "."s, ".."s, "../sv/kova_sounds_leds"s, "./kova_sounds_leds"s,
-                             "kova_sounds_leds/log"s, "kova_sounds_leds/../kova_sounds_leds"s,
-                             "a/b"s, "/etc/sv/bus"s, "-w"s, "bus; reboot"s, "$(reboot)"s, "bus\n"s,
-                             " bus"s, "*"s, std::string(5000, 'n'), "%s%n"s}) {
-      EXPECT_EQ(call(ask(function, text(name))), "status 1") << function << " " << name;
-    }
-    EXPECT_EQ(call(ask(function, bytes("bus\0x"s))), "status 1");
-    EXPECT_EQ(call(ask(function, bytes("bus\xff"s))), "status 1");
-    EXPECT_EQ(call(ask(function, value('i', 7))), "status 1");
-    EXPECT_EQ(call(request(function)), "status 1");
-  }
-  EXPECT_TRUE(mark.waitFor(": somebody tried to start nothing service and failed"));
-  EXPECT_TRUE(mark.waitFor(": somebody tried to stop nothing service and failed"));
-  EXPECT_EQ(camera().pidOf("kova_sounds_leds"), before);
-  EXPECT_EQ(runs(kReboot), reboots);
 }
 
 }  // namespace

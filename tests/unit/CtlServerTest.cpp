@@ -114,19 +114,6 @@ TEST_F(CtlServerTest, ServiceReportsFailingSaveAndGoesOn) {
   platform().onRun = nullptr;
 }
 
-TEST_F(CtlServerTest, SecondPersistPostponesSave) {
-  CtlServer server(info_);
-  EXPECT_TRUE(server.persist(false));
-  platform().nowMs += 3000;
-  EXPECT_TRUE(server.persist(false));
-  platform().nowMs += 5000;
-  server.service(0);
-  EXPECT_THAT(platform().commands, IsEmpty());
-  platform().nowMs += 1;
-  server.service(0);
-  EXPECT_THAT(platform().commands, ElementsAre(kSave));
-}
-
 TEST_F(CtlServerTest, SynchronousPersistSavesAtOnceAndReportsResult) {
   CtlServer server(info_);
   EXPECT_TRUE(server.persist(true));
@@ -191,28 +178,6 @@ TEST_F(CtlServerTest, ServicesAreStartedAndStoppedOnlyByPlatform) {
   ipc::messages::StopService stop{Variant(Variant::Map{{"service", "ntpd"}})};
   EXPECT_FALSE(server.stopService(stop));
   EXPECT_THAT(platform().journal, ElementsAre("EnableService ntpd; reboot", "DisableService ntpd"));
-}
-
-TEST_F(CtlServerTest, ServicesAreNotRemembered) {
-  CtlServer server(info_);
-  ipc::messages::StartService start{Variant(Variant::Map{{"service", "ntpd"}})};
-  ipc::messages::StopService stop{Variant(Variant::Map{{"service", "ntpd"}})};
-  server.stopService(stop);
-  server.startService(start);
-  server.startService(start);
-  server.stopService(stop);
-  EXPECT_THAT(platform().journal, ElementsAre("DisableService ntpd", "EnableService ntpd",
-                                              "EnableService ntpd", "DisableService ntpd"));
-}
-
-TEST_F(CtlServerTest, NonMapRequestNamesNoService) {
-  CtlServer server(info_);
-  ipc::messages::StartService start{Variant("text")};
-  server.startService(start);
-  EXPECT_EQ(static_cast<const Variant&>(start), Variant(Variant::Map{{"service", ""}}));
-  ipc::messages::StopService stop{Variant(7)};
-  server.stopService(stop);
-  EXPECT_THAT(platform().journal, ElementsAre("EnableService ", "DisableService "));
 }
 
 TEST_F(CtlServerTest, NonTextServiceIsEmptyName) {

@@ -33,16 +33,6 @@ TEST_F(TransferFieldsTest, EveryRequestOverwritesTimeOut) {
   }
 }
 
-TEST_F(TransferFieldsTest, TimeOutTooLongForTransportDisablesNothing) {
-  write("/tmp/snap.jpeg", "content");
-  for (const std::size_t round : {1U, 2U}) {
-    ASSERT_TRUE(ask("snapshot", uri(), {{"timeoutMs", round == 1 ? 4294967295U : 2147484000U}}));
-    EXPECT_TRUE(serviceUntilRequests(round));
-  }
-  EXPECT_THAT(events(), IsEmpty());
-  EXPECT_THAT(logged(), IsEmpty());
-}
-
 // libcurl takes less than 2147484 s; the daemon's own deadline holds all the same.
 TEST_F(TransferFieldsTest, TimeOutBeyondTransportRangeIsEnforcedByTask) {
   write("/tmp/snap.jpeg", "");

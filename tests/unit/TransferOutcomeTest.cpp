@@ -33,36 +33,6 @@ TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsFormPayloadWithoutEvent) {
   }
 }
 
-TEST_F(TransferOutcomeTest, SupportArchiveIsGeneratedUploadedAndRemoved) {
-  write("/tmp/supportinfo.tar", "old archive");
-  ASSERT_TRUE(ask("supportInfo", uri()));
-  EXPECT_THAT(platform().commands, ElementsAre("/bin/support /tmp/supportinfo.tar"));
-  for (int turn = 0; turn < 5; ++turn) {
-    server_->service(0);
-  }
-  EXPECT_EQ(peer_->connections(), 0U) << "nothing is sent before the archive is there";
-  write("/tmp/supportinfo.tar", "new archive");
-  ASSERT_TRUE(serviceUntilRequests(1));
-  EXPECT_THAT(peer_->requests()[0].body, HasSubstr("\r\n\r\nnew archive\r\n"));
-  EXPECT_FALSE(exists("/tmp/supportinfo.tar"));
-  EXPECT_THAT(events(), IsEmpty());
-}
-
-TEST_F(TransferOutcomeTest, EachPutInstallsItsFile) {
-  peerAnswers("content");
-  ASSERT_TRUE(put({{"what", "logo"}, {"uri", uri()}, {"hash", kContentDigest}}));
-  ASSERT_TRUE(serviceUntilEvent());
-  EXPECT_THAT(events(), ElementsAre(status("OK")));
-  EXPECT_EQ(read("/etc/persistent/user_logo"), "content");
-
-  startServer();
-  ASSERT_TRUE(put({{"what", "sound"}, {"uri", uri()}, {"hash", kContentDigest}, {"id", 8}}));
-  ASSERT_TRUE(serviceUntilEvent());
-  EXPECT_THAT(events(),
-              ElementsAre("EventTransferRequestStatus to=client.a id=8 VALIDATION_FAILED"))
-      << "\"content\" is no sound";
-}
-
 TEST_F(TransferOutcomeTest, SnapshotPathIsNotTakenFromRequest) {
   write("/tmp/snap.jpeg", "picture");
   ASSERT_TRUE(ask("snapshot", uri(), {{"filename", "../etc/passwd"}}));
@@ -200,21 +170,6 @@ TEST_F(TransferOutcomeTest, OtherUriSchemeFailsTransfer) {
       EXPECT_THAT(events(), ElementsAre(status("TRANSFER_FAILED")));
     }
   }
-}
-
-TEST_F(TransferOutcomeTest, FirmwareImageIsCheckedAndFlashedOnArrival) {
-  write("/tmp/fwupdate.bin", "old image");
-  peerAnswers("new image");
-  platform().onRun = [](const std::string&) {
-    EXPECT_EQ(read("/tmp/fwupdate.bin"), "new image");
-    return fakes::ProcessResult{};
-  };
-  ASSERT_TRUE(ask("fw", uri()));
-  ASSERT_TRUE(serviceUntil([] { return platform().commands.size() == 2; }));
-  EXPECT_THAT(platform().commands, ElementsAre("/bin/fwupdate.real -c", "/bin/fwupdate -m"));
-  EXPECT_THAT(events(), IsEmpty());
-  EXPECT_EQ(read("/tmp/fwupdate.bin"), "new image");
-  platform().onRun = nullptr;
 }
 
 }  // namespace

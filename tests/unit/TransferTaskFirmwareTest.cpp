@@ -81,12 +81,6 @@ TEST_F(TransferTaskFirmwareTest, ZeroTimeOutBecomesHalfHour) {
   EXPECT_EQ(task_.timeout(), 5000U);
 }
 
-TEST_F(TransferTaskFirmwareTest, TaskWithoutTimeOutStarts) {
-  task_.setTimeout(0);
-  EXPECT_TRUE(task_.start());
-  EXPECT_THAT(platform().log, IsEmpty());
-}
-
 TEST_F(TransferTaskFirmwareTest, StartRemovesOldImageIfAny) {
   EXPECT_TRUE(task_.onStart());
   EXPECT_FALSE(exists(kImage));

@@ -44,6 +44,7 @@ TEST_F(TransferTaskWhitelistTest, OnlyPrefixDigitsSuffixIsAllowed) {
         "/tmp/motionsnap_123456789012345678901234567890.jpg"}) {
     EXPECT_TRUE(task_.validate(path)) << path;
   }
+  EXPECT_TRUE(task_.validate("/tmp/motionsnap_" + std::string(1'000'000, '7') + ".jpg"));
   for (const char* path :
        {"", "/tmp/motionsnap_", "/tmp/motionsnap_7", "/tmp/motionsnap_7a.jpg",
         "/tmp/motionsnap_7.jpg.bak", "/tmp/motionsnap_7.jpg7", "/tmp/motionsnap_7.JPG",

@@ -1,9 +1,6 @@
 #include <array>
 #include <cstdio>
-#include <fstream>
 #include <future>
-#include <sstream>
-#include <string_view>
 
 #include "BusTest.h"
 
@@ -34,52 +31,6 @@ class InterfaceTest : public BusTest {
   }
   std::string busctl() const { return "busctl --address=" + privateBus_.address() + " "; }
 };
-
-// Removes the text from each `from` up to and including the next `to`.
-std::string without(std::string text, std::string_view from, std::string_view to) {
-  for (std::size_t start = 0; (start = text.find(from, start)) != std::string::npos;) {
-    const std::size_t end = text.find(to, start);
-    text.erase(start, end == std::string::npos ? end : end + to.size() - start);
-  }
-  return text;
-}
-
-// The interface without comments and layout.
-std::string essence(const std::string& xml) {
-  const std::string text = without(xml, "<!--", "-->");
-  const std::size_t start = text.find("<interface name=\"kova.Ipc1\">");
-  const std::size_t end = text.find("</interface>", start);
-  if (start == std::string::npos || end == std::string::npos) {
-    return "no interface in: " + xml;
-  }
-  std::string tags;
-  for (std::size_t open = start; open < end; open = text.find('<', open + 1)) {
-    tags += text.substr(open, text.find('>', open) + 1 - open) + "\n";
-  }
-  return tags;
-}
-
-TEST_F(InterfaceTest, IntrospectionMatchesShippedDescription) {
-  join();
-  sd_bus_message* created = nullptr;
-  sd_bus_message_new_method_call(stranger_.bus(), &created, "kova.test", kObjectPath,
-                                 "org.freedesktop.DBus.Introspectable", "Introspect");
-  const MessagePtr call(created);
-  std::string live;
-  sd_bus_call_async(
-      stranger_.bus(), nullptr, call.get(),
-      [](sd_bus_message* answer, void* result, sd_bus_error*) {
-        const char* text = "";
-        sd_bus_message_read(answer, "s", &text);
-        *static_cast<std::string*>(result) = text;
-        return 1;
-      },
-      &live, 0);
-  ASSERT_TRUE(until([&] { return !live.empty(); }));
-  std::stringstream shipped;
-  shipped << std::ifstream(KOVA_IPC_XML).rdbuf();
-  EXPECT_EQ(essence(live), essence(shipped.str()));
-}
 
 TEST_F(InterfaceTest, OtherMethodsAndObjectsAreUnknown) {
   join();
