@@ -66,6 +66,15 @@ TEST_F(CurlContextTest, UploadSetsFormAndBuffer) {
                                 "POST=1", "HTTPPOST=...", "READFUNCTION=..."));
 }
 
+TEST_F(CurlContextTest, HttpsIsRedirectedOnlyToHttps) {
+  for (const std::string uri : {"https://127.0.0.1:9/x", "HTTPS://127.0.0.1:9/x"}) {
+    curlFaults() = {};
+    CurlContext context(true, uri, &http_, {}, 0, "", "", "");
+    ASSERT_TRUE(context.Init());
+    EXPECT_EQ(curlFaults().options.at(22), "REDIR_PROTOCOLS_STR=https") << uri;
+  }
+}
+
 TEST_F(CurlContextTest, UploadWithoutFieldsSetsFormOnce) {
   ASSERT_TRUE(make(false)->Init());
   EXPECT_EQ(std::count(curlFaults().options.begin(), curlFaults().options.end(), "HTTPPOST=..."),
