@@ -51,8 +51,8 @@ void TransferFollower::follow() {
 void TransferFollower::onSignal(const ipc::BusObjects::Signal& signal) {
   changed_ = behind_ = true;
   const Variant::Array& arguments = signal.arguments.items();
-  if (signal.name == "PropertiesChanged" && arguments.size() > 1 &&
-      arguments[0].toText() == kTransferInterface) {
+  if (signal.interface == "org.freedesktop.DBus.Properties" && signal.name == "PropertiesChanged" &&
+      arguments.size() > 1 && arguments[0].toText() == kTransferInterface) {
     update(record_, arguments[1]);
   }
 }

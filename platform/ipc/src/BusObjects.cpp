@@ -98,6 +98,10 @@ bool BusObjects::Connection::follow(const std::string& path,
 }
 
 int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
+  // The bus compares the sender of broadcasts only: anybody may direct a signal at us.
+  if (sd_bus_message_get_destination(message) != nullptr) {
+    return 0;
+  }
   Signal signal{text(sd_bus_message_get_interface(message)),
                 text(sd_bus_message_get_member(message)), Variant::Array()};
   std::string reason;

@@ -27,11 +27,17 @@ class Publisher {
     while (sd_bus_process(bus_.get(), nullptr) > 0) {
     }
   }
-  void signal(const char* path) {
-    EXPECT_GE(sd_bus_emit_signal(bus_.get(), path, "kova.Ipc1", "Broadcast", "a{sv}", 0), 0);
+  /// @param destination null for a broadcast
+  void signal(const char* path, const char* destination = nullptr) {
+    sd_bus_message* created = nullptr;
+    EXPECT_GE(sd_bus_message_new_signal(bus_.get(), &created, path, "kova.Ipc1", "Broadcast"), 0);
+    const MessagePtr message(created);
+    EXPECT_GE(sd_bus_message_append(created, "a{sv}", 0), 0);
+    EXPECT_GE(sd_bus_send_to(bus_.get(), created, destination, nullptr), 0);
     sd_bus_flush(bus_.get());
   }
 
+  std::string caller;              ///< unique name of the last one
   std::vector<std::string> calls;  ///< path, interface and member, and the argument
 
  private:
@@ -44,6 +50,7 @@ class Publisher {
       seen += std::string(" ") + argument;
     }
     calls.push_back(seen);
+    caller = sd_bus_message_get_sender(call);
     if (!compose_) {
       return sd_bus_reply_method_errorf(call, "kova.Error.Busy", "it is being %s", "flashed");
     }
@@ -198,6 +205,18 @@ TEST_F(BusObjectsTest, FollowsSignalsBelowOnePath) {
   ASSERT_EQ(changes.size(), 1U);
   EXPECT_EQ(changes[0].interface + "." + changes[0].name, "kova.Ipc1.Broadcast");
   EXPECT_EQ(changes[0].arguments, Variant(Variant::Array{Variant::Map{}}));
+}
+
+TEST_F(BusObjectsTest, DirectedSignalsAreIgnored) {
+  Publisher publisher(nullptr);
+  int changes = 0;
+  ASSERT_TRUE(objects_.follow("/kova", [&](const auto&) { ++changes; }));
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  answered(&publisher);
+  publisher.signal("/kova/transfers/7", publisher.caller.c_str());
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  answered(&publisher);  // after the signal
+  EXPECT_EQ(changes, 0);
 }
 
 TEST_F(BusObjectsTest, InvalidPathsAndClosedConnectionsFail) {

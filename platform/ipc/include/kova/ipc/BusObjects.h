@@ -49,8 +49,8 @@ class BusObjects {
     std::string name;
     variant::Variant arguments;  ///< an array; empty if they are invalid
   };
-  /// Calls `changed` for every signal of the objects at `path` and below, until another path is
-  /// followed. Signals may be missing: what they tell is to be read once in a while, too.
+  /// Calls `changed` for every broadcast signal of the objects at `path` and below, until another
+  /// path is followed. Signals may be missing: what they tell is to be read once in a while, too.
   bool follow(const std::string& path, std::function<void(const Signal&)> changed);
 
   /// Handles pending messages, at most 128; waits up to `timeoutMs` if none is pending. False if
