@@ -20,7 +20,10 @@ namespace kova::utils {
 namespace {
 
 constexpr const char* kLogIdentity = "kova_utils";
-constexpr const char* kLogUnit = "Runit";
+constexpr const char* kLogUnit = "Service";
+// The public functions, which log collectors know.
+constexpr char kEnable[] = "EnableService";
+constexpr char kDisable[] = "DisableService";
 
 constexpr const char* kSv = "/usr/bin/sv";
 
@@ -109,17 +112,17 @@ bool enableRunitService(const std::string& name) {
   if (!isInstalled(name)) return false;
   if (!removeIfThere(definition + "/down") ||
       (symlink(definition.c_str(), service.c_str()) != 0 && errno != EEXIST)) {
-    KOVA_LOG(LOG_ERR, errno, "Cannot mark %s to be started", name.c_str());
+    KOVA_LOG_IN(kEnable, LOG_ERR, errno, "Cannot mark %s to be started", name.c_str());
     return false;
   }
   // runsvdir(8) scans for new services every 5 s.
   if (!awaitSupervision(service, deadlineMs - 1000)) {
-    KOVA_LOG(LOG_ERR, 0, "No supervisor took up %s", name.c_str());
+    KOVA_LOG_IN(kEnable, LOG_ERR, 0, "No supervisor took up %s", name.c_str());
     return false;
   }
   if (!runSv("start", service, deadlineMs)) return false;
   if (!staysUp(service)) {
-    KOVA_LOG(LOG_ERR, 0, "%s ended as soon as it was started", name.c_str());
+    KOVA_LOG_IN(kEnable, LOG_ERR, 0, "%s ended as soon as it was started", name.c_str());
     return false;
   }
   return true;
@@ -128,13 +131,14 @@ bool enableRunitService(const std::string& name) {
 bool disableRunitService(const std::string& name) {
   if (!isInstalled(name)) return false;
   if (isNeeded(name)) {
-    KOVA_LOG(LOG_ERR, 0, "Refused to stop %s: the camera cannot be managed without", name.c_str());
+    KOVA_LOG_IN(kDisable, LOG_ERR, 0, "Refused to stop %s: the camera cannot be managed without",
+                name.c_str());
     return false;
   }
   const std::string service = "/etc/service/" + name;
   if (isSupervised(service) && !runSv("stop", service, nowMs() + kServiceBudgetMs)) return false;
   if (!removeIfThere(service)) {
-    KOVA_LOG(LOG_ERR, errno, "Cannot unmark %s", name.c_str());
+    KOVA_LOG_IN(kDisable, LOG_ERR, errno, "Cannot unmark %s", name.c_str());
     return false;
   }
   return true;
