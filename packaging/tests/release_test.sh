@@ -132,7 +132,7 @@ refuses_replacement() { expect_not "$1" release "$version"; }
 is_signed() {
   mkdir -m 700 "$GNUPGHOME"
   gpg --batch --quiet --passphrase '' --quick-generate-key release@kova.invalid ed25519 sign never 2>/dev/null
-  rm -rf "$made"
+  expect "it is there without a signature" test -e "$made/SHA256SUMS" -a ! -e "$made/SHA256SUMS.asc"
   expect "with a key it is signed" env KOVA_RELEASE_KEY=release@kova.invalid \
     "$repository/packaging/release/release" "$version"
   expect "by that key" gpg --batch --verify "$made/SHA256SUMS.asc" "$made/SHA256SUMS"
