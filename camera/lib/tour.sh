@@ -156,7 +156,11 @@ printed() { tr '\n' ' ' <<<"$output" | has "$1"; }
 busctl_knows() { inside busctl --address=unix:path=/run/kova/bus --no-pager list | has "^$1 "; }
 inside_prints() { [ "$(inside sh -c "$1")" = "$2" ]; }
 inside_has() { grep -qE "$2" "$(on_host "$1")"; }
-inside_lacks() { ! grep -qE "$2" "$(on_host "$1")"; }
+inside_lacks() {
+  local file
+  file=$(on_host "$1")
+  [ -e "$file" ] && ! grep -qE "$2" "$file"
+}
 lacks_file() { inside test ! -e "$1"; }
 # has_copy FILE PATH: whether the device has it there.
 has_copy() { cmp -s "$1" "$(on_host "$2")"; }

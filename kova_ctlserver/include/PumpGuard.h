@@ -55,8 +55,8 @@ class PumpGuard {
   };
 
   /// Time for the passes of one turn, and for each transfer on top. With the ten transfers that a
-  /// camera may run, a turn stays below a second; a slow processor has time for the 1.6 MB that
-  /// libcurl reads per transfer and pass.
+  /// camera may run, a turn takes less than a second of it; a slow processor has time for the 1.6
+  /// MB that libcurl reads per transfer and pass.
   static constexpr int kTurnMs = 600;
   static constexpr int kTransferMs = 10;
 
