@@ -12,8 +12,9 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "ImageProbe";
 constexpr char kProbe[] = "/usr/libexec/kova_imageprobe";
-// The probe limits its own processor time to 1 s; this bounds one that blocks.
-constexpr unsigned kTimeoutMs = 3000;
+// Once its libraries are loaded, the probe limits its own processor time to 1 s. Loading them from
+// slow flash takes seconds; the bound is for a probe that blocks.
+constexpr unsigned kTimeoutMs = 10'000;
 constexpr unsigned kCaptureKiB = 1;
 
 constexpr char kRead[] = "empty=%1d channels=%9d depth=%9d width=%9d height=%9d";
