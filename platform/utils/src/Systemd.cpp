@@ -52,9 +52,8 @@ Systemd::Systemd(std::string address, std::uint64_t deadlineMs)
     : address_(std::move(address)), deadlineMs_(deadlineMs) {}
 
 bool Systemd::enable(const std::string& name) {
-  return find(name) && call("EnableUnitFiles", "asbb", 1, unit_.c_str(), 0, 0) &&
-         call("Reload", "") && call("StartUnit", "ss", unit_.c_str(), "replace") &&
-         awaitJob("StartUnit") && staysUp();
+  return find(name) && startAtBoot() && call("Reload", "") &&
+         call("StartUnit", "ss", unit_.c_str(), "replace") && awaitJob("StartUnit") && staysUp();
 }
 
 bool Systemd::disable(const std::string& name) {
@@ -93,6 +92,19 @@ bool Systemd::load() {
   const int result = sd_bus_message_read(reply.get(), "o", &path);
   if (result < 0) return complain("LoadUnit", std::strerror(-result));
   path_ = path;
+  return true;
+}
+
+bool Systemd::startAtBoot() {
+  const MessagePtr reply = call("EnableUnitFiles", "asbb", 1, unit_.c_str(), 0, 0);
+  int hasInstallSection = 0;
+  if (!reply) return false;
+  const int result = sd_bus_message_read(reply.get(), "b", &hasInstallSection);
+  if (result < 0) return complain("EnableUnitFiles", std::strerror(-result));
+  if (hasInstallSection == 0) {
+    KOVA_LOG(LOG_WARNING, 0, "%s has no [Install] section, so that it is not enabled for boot",
+             unit_.c_str());
+  }
   return true;
 }
 

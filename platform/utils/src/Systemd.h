@@ -29,6 +29,7 @@ class Systemd {
   bool connect();
   bool find(const std::string& name);
   bool load();
+  bool startAtBoot();
   bool mayStop();
   bool awaitJob(const char* method);
   bool staysUp();
