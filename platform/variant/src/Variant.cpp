@@ -169,17 +169,24 @@ const Variant::Array& Variant::items() const {
 }
 
 Variant Variant::masked() const {
-  Variant masked = *this;
-  if (auto* elements = std::get_if<Map>(&masked.value_)) {
-    for (auto& [key, element] : *elements) {
-      element = namesPassword(key) ? Variant("********") : element.masked();
+  // Element by element: a copy per level would let a deeply nested request exhaust the memory.
+  if (isMap()) {
+    Map masked;
+    for (const auto& [key, element] : elements()) {
+      masked.emplace_hint(masked.end(), key,
+                          namesPassword(key) ? Variant("********") : element.masked());
     }
-  } else if (auto* items = std::get_if<Array>(&masked.value_)) {
-    for (auto& item : *items) {
-      item = item.masked();
-    }
+    return masked;
   }
-  return masked;
+  if (IsArray()) {
+    Array masked;
+    masked.reserve(items().size());
+    for (const Variant& item : items()) {
+      masked.push_back(item.masked());
+    }
+    return masked;
+  }
+  return *this;
 }
 
 std::string Variant::ToString() const {

@@ -1,8 +1,12 @@
 #include "kova/variant/Variant.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 
 namespace kova::variant {
@@ -149,6 +153,39 @@ TEST(Variant, ToStringMasksPasswords) {
   EXPECT_EQ(text.find("secret"), std::string::npos) << text;
   EXPECT_NE(text.find("admin"), std::string::npos) << text;
   EXPECT_NE(request.toJson().find("secret1"), std::string::npos);
+}
+
+/// The peak of memory that `work` adds, measured in a process of its own.
+std::size_t peakKiB(const std::function<void()>& work) {
+  int ends[2];
+  EXPECT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    rusage before{};
+    rusage after{};
+    getrusage(RUSAGE_SELF, &before);
+    work();
+    getrusage(RUSAGE_SELF, &after);
+    const std::size_t grown = static_cast<std::size_t>(after.ru_maxrss - before.ru_maxrss);
+    _exit(write(ends[1], &grown, sizeof grown) == sizeof grown ? 0 : 1);
+  }
+  close(ends[1]);
+  std::size_t grown = 0;
+  EXPECT_EQ(read(ends[0], &grown, sizeof grown), static_cast<ssize_t>(sizeof grown));
+  close(ends[0]);
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  return grown;
+}
+
+TEST(VariantMasked, DepthCostsNoMemory) {
+  constexpr std::size_t kItems = 200'000;
+  Variant nested(Variant::Array(kItems, Variant(std::int32_t{1})));
+  for (int depth = 0; depth < 30; ++depth) {
+    nested =
+        depth % 2 == 0 ? Variant(Variant::Map{{"a", nested}}) : Variant(Variant::Array{nested});
+  }
+  const std::size_t copy = kItems * sizeof(Variant) / 1024;
+  EXPECT_LT(peakKiB([&] { EXPECT_EQ(nested.masked(), nested); }), 4 * copy);
 }
 
 }  // namespace
