@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
+#include "../../platform/ipc/src/BusText.h"
 #include "../../platform/ipc/src/ObjectServer.h"
-#include "kova/utils/Utf8.h"
 
 // An input is the path of an object below a folder, and also a text to be shown. Only the canonical
 // path of a number names one; what is shown is valid, bounded, and shown again the same.
@@ -15,18 +15,6 @@ void require(bool holds) {
   if (!holds) {
     std::abort();
   }
-}
-
-bool isValid(std::string_view text) {
-  while (!text.empty()) {
-    char32_t code = 0;
-    const std::size_t length = kova::utils::decodeUtf8(text, code);
-    if (length == 0 || code == 0) {
-      return false;
-    }
-    text.remove_prefix(length);
-  }
-  return true;
 }
 
 }  // namespace
@@ -40,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   constexpr std::size_t kMost = 64;
   const std::string shown = kova::ipc::shownText(text, kMost);
-  require(shown.size() <= kMost && isValid(shown) && kova::ipc::shownText(shown, kMost) == shown);
-  require(size > kMost || !isValid(text) || shown == text);
+  require(shown.size() <= kMost && kova::ipc::isBusText(shown) &&
+          kova::ipc::shownText(shown, kMost) == shown);
+  require(size > kMost || !kova::ipc::isBusText(text) || shown == text);
   return 0;
 }

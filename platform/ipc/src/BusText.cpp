@@ -3,14 +3,11 @@
 #include "kova/utils/Utf8.h"
 
 namespace kova::ipc {
-namespace {
 
 bool isBusCharacter(char32_t code) {
   const bool noncharacter = (code >= 0xFDD0 && code <= 0xFDEF) || (code & 0xFFFEU) == 0xFFFE;
   return code != 0 && !noncharacter;
 }
-
-}  // namespace
 
 bool isBusText(std::string_view text) {
   while (!text.empty()) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "BusText.h"
 #include "Outgoing.h"
 #include "Protocol.h"
 #include "kova/logger/Logger.h"
@@ -101,13 +102,13 @@ std::string shownText(const std::string& text, std::size_t most) {
   while (!rest.empty()) {
     char32_t code = 0;
     const std::size_t length = utils::decodeUtf8(rest, code);
-    const bool valid = length != 0 && code != 0;
+    const bool valid = length != 0 && isBusCharacter(code);
     const std::string_view taken = valid ? rest.substr(0, length) : "?";
     if (shown.size() + taken.size() > most) {
       break;
     }
     shown.append(taken);
-    rest.remove_prefix(valid ? length : 1);
+    rest.remove_prefix(std::max<std::size_t>(length, 1));
   }
   return shown;
 }

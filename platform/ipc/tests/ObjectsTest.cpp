@@ -241,6 +241,7 @@ TEST(ShownTextTest, IsUtf8AndBounded) {
   EXPECT_EQ(shownText("a\xff\xc3z", 9), "a??z");
   EXPECT_EQ(shownText(std::string("a\0b", 3), 9), "a?b");
   EXPECT_EQ(shownText("\xed\xa0\x80", 9), "???");
+  EXPECT_EQ(shownText("a\uFDD0b\uFFFFc", 9), "a?b?c") << "noncharacters";
   EXPECT_EQ(shownText("aüü", 4), "aü");
   EXPECT_EQ(shownText(std::string(10'000, 'x'), 4096), std::string(4096, 'x'));
 }
