@@ -1,5 +1,6 @@
 #include "BusNames.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 
@@ -45,6 +46,7 @@ bool listNames(sd_bus* bus, std::vector<std::string>& names, std::string& error)
 
 bool PresentEndpoints::watch(sd_bus* bus, std::string& error) {
   // Subscribe before listing: a name that appears in between is seen twice rather than missed.
+  bus_ = bus;
   sd_bus_slot* slot = nullptr;
   const int result =
       sd_bus_add_match(bus, &slot, kMatch, callback<&PresentEndpoints::onOwnerChanged>, this);
@@ -79,10 +81,47 @@ int PresentEndpoints::onOwnerChanged(sd_bus_message* signal, sd_bus_error*) {
   }
   if (*after == '\0') {
     present_.erase(endpoint);
-  } else if (present_.insert(endpoint).second) {
-    appeared_(endpoint);
+  } else {
+    add(endpoint);
   }
   return 0;
+}
+
+void PresentEndpoints::add(const std::string& endpoint) {
+  if (present_.insert(endpoint).second) {
+    appeared_(endpoint);
+  }
+}
+
+void PresentEndpoints::verify(const std::string& endpoint) {
+  const bool isAsked =
+      std::ranges::find(questions_, endpoint, &Question::endpoint) != questions_.end();
+  if (isAsked || questions_.size() >= kMostQuestions) {
+    return;
+  }
+  const auto question = questions_.insert(questions_.end(), Question{*this, endpoint});
+  question->self = question;
+  sd_bus_slot* slot = nullptr;
+  const int result = sd_bus_call_method_async(bus_, &slot, "org.freedesktop.DBus",
+                                              "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                              "NameHasOwner", callback<&Question::onAnswer>,
+                                              &*question, "s", (kNamePrefix + endpoint).c_str());
+  question->slot.reset(slot);
+  if (result < 0) {
+    questions_.erase(question);
+  }
+}
+
+int PresentEndpoints::Question::onAnswer(sd_bus_message* answer, sd_bus_error*) {
+  // Destroys the question with this call, whatever follows an appearance.
+  std::list<Question> done;
+  done.splice(done.begin(), owner.questions_, self);
+  int isPresent = 0;
+  if (sd_bus_message_is_method_error(answer, nullptr) == 0 &&
+      sd_bus_message_read(answer, "b", &isPresent) >= 0 && isPresent != 0) {
+    owner.add(endpoint);
+  }
+  return 1;
 }
 
 }  // namespace kova::ipc

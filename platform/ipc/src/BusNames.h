@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <list>
 #include <set>
 #include <string>
 #include <vector>
@@ -28,12 +29,30 @@ class PresentEndpoints {
   /// Starts tracking; call it once.
   bool watch(sd_bus* bus, std::string& error);
   bool has(const std::string& endpoint) const { return present_.contains(endpoint); }
+  /// Asks the bus whether an endpoint has joined unnoticed: it drops the signals for a process that
+  /// has read nothing for so long that its queue on the bus is full. The answer comes later.
+  void verify(const std::string& endpoint);
 
  private:
+  static constexpr std::size_t kMostQuestions = 64;
+
+  /// A call to the bus that waits for its answer.
+  struct Question {
+    PresentEndpoints& owner;
+    std::string endpoint;
+    std::list<Question>::iterator self{};
+    SlotPtr slot{};
+
+    int onAnswer(sd_bus_message* answer, sd_bus_error* error);
+  };
+
   int onOwnerChanged(sd_bus_message* signal, sd_bus_error* error);
+  void add(const std::string& endpoint);
 
   std::function<void(const std::string&)> appeared_;
   std::set<std::string> present_;
+  std::list<Question> questions_;
+  sd_bus* bus_ = nullptr;
   SlotPtr slot_;
 };
 

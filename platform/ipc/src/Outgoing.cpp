@@ -36,6 +36,7 @@ bool Outgoing::send(messages::BaseRequestMessage& request) {
   if (present_.has(endpoint)) {
     return sendTo(endpoint, request);
   }
+  present_.verify(endpoint);
   return request.queueIfDestUnavailable() ? queue(endpoint, request)
                                           : refuse(request, "it is not on the bus");
 }

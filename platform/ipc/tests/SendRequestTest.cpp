@@ -132,6 +132,26 @@ TEST_F(SendRequestTest, DepartedDestinationIsWaitedForAgain) {
   EXPECT_TRUE(until([&] { return !recorder.requests.empty(); }));
 }
 
+// The bus drops signals for a process whose queue is full.
+TEST_F(SendRequestTest, DestinationThatJoinedUnnoticedIsFound) {
+  join();
+  const Variant large(Variant::Map{{"functionName", std::string(1'000'000, 'x')}});
+  for (int i = 0; i < 6; ++i) {
+    stranger_.start("test", large);
+  }
+  ASSERT_GE(sd_bus_flush(stranger_.bus()), 0);
+  joinOther();
+  const auto last = stranger_.start("test", "Unknown");
+  ASSERT_TRUE(until([&] { return last->arrived > 0; }));
+  ASSERT_FALSE(ipc_.isPresent("other"));
+
+  BaseRequestMessage request = to("other");
+  request.queueIfDestUnavailable(true);
+  EXPECT_TRUE(ipc_.SendRequest(request));
+  EXPECT_TRUE(untilReceived(1));
+  EXPECT_TRUE(ipc_.isPresent("other"));
+}
+
 TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
   Recorder answering(&other_, [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;
