@@ -106,7 +106,8 @@ int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
                 text(sd_bus_message_get_member(message)), Variant::Array()};
   std::string reason;
   wire::decodeArguments(message, signal.arguments, reason);
-  changed_(signal);
+  const auto changed = changed_;  // it may follow something else
+  changed(signal);
   return 0;
 }
 
