@@ -34,17 +34,14 @@ std::string_view shown(std::string_view text, std::size_t length, char32_t code)
   return isControl(code) ? "" : text.substr(0, length);
 }
 
-/// Where the authority begins: after "SCHEME:/", "SCHEME://" and so on, or at 0.
+/// Where the authority begins: after "SCHEME:/", "SCHEME://" and so on, or at 0. Any text without
+/// "@" counts as a scheme, so that a URI that libcurl refuses for its scheme shows no password.
 std::size_t authorityOf(std::string_view uri) {
-  std::size_t colon = 0;
-  while (colon < uri.size() && (isLetter(uri[colon]) || isDigit(uri[colon]) || uri[colon] == '+' ||
-                                uri[colon] == '-' || uri[colon] == '.')) {
-    ++colon;
-  }
-  if (colon == 0 || !uri.substr(colon).starts_with(":/")) {
+  const std::size_t slash = uri.find_first_of("/?#@");
+  if (slash == std::string_view::npos || slash < 2 || uri.substr(slash - 1, 2) != ":/") {
     return 0;
   }
-  return std::min(uri.find_first_not_of('/', colon + 1), uri.size());
+  return std::min(uri.find_first_not_of('/', slash), uri.size());
 }
 
 bool hasImpossiblePort(std::string_view authority) {
