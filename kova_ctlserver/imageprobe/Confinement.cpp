@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <seccomp.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -31,24 +32,41 @@ using Filter = utils::Handle<void, seccomp_release>;
 
 // Used by decoders, the C++ runtime and the C library between reading a file and printing a line.
 constexpr int kAllowed[] = {
-    SCMP_SYS(brk),          SCMP_SYS(clock_gettime),
-    SCMP_SYS(close),        SCMP_SYS(exit),
-    SCMP_SYS(exit_group),   SCMP_SYS(fstat),
-    SCMP_SYS(futex),        SCMP_SYS(getdents64),
-    SCMP_SYS(getegid),      SCMP_SYS(geteuid),
-    SCMP_SYS(getgid),       SCMP_SYS(getpid),
-    SCMP_SYS(getrandom),    SCMP_SYS(getrusage),
-    SCMP_SYS(gettid),       SCMP_SYS(gettimeofday),
-    SCMP_SYS(getuid),       SCMP_SYS(lseek),
-    SCMP_SYS(madvise),      SCMP_SYS(mmap),
-    SCMP_SYS(mprotect),     SCMP_SYS(mremap),
-    SCMP_SYS(munmap),       SCMP_SYS(newfstatat),
-    SCMP_SYS(pread64),      SCMP_SYS(read),
-    SCMP_SYS(readv),        SCMP_SYS(restart_syscall),
-    SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask),
-    SCMP_SYS(rt_sigreturn), SCMP_SYS(sched_getaffinity),
-    SCMP_SYS(sched_yield),  SCMP_SYS(sigaltstack),
-    SCMP_SYS(statx),        SCMP_SYS(sysinfo),
+    SCMP_SYS(brk),
+    SCMP_SYS(clock_gettime),
+    SCMP_SYS(close),
+    SCMP_SYS(exit),
+    SCMP_SYS(exit_group),
+    SCMP_SYS(fstat),
+    SCMP_SYS(futex),
+    SCMP_SYS(getdents64),
+    SCMP_SYS(getegid),
+    SCMP_SYS(geteuid),
+    SCMP_SYS(getgid),
+    SCMP_SYS(getpid),
+    SCMP_SYS(getrandom),
+    SCMP_SYS(getrusage),
+    SCMP_SYS(gettid),
+    SCMP_SYS(gettimeofday),
+    SCMP_SYS(getuid),
+    SCMP_SYS(lseek),
+    SCMP_SYS(madvise),
+    SCMP_SYS(mprotect),
+    SCMP_SYS(mremap),
+    SCMP_SYS(munmap),
+    SCMP_SYS(newfstatat),
+    SCMP_SYS(pread64),
+    SCMP_SYS(read),
+    SCMP_SYS(readv),
+    SCMP_SYS(restart_syscall),
+    SCMP_SYS(rt_sigaction),
+    SCMP_SYS(rt_sigprocmask),
+    SCMP_SYS(rt_sigreturn),
+    SCMP_SYS(sched_getaffinity),
+    SCMP_SYS(sched_yield),
+    SCMP_SYS(sigaltstack),
+    SCMP_SYS(statx),
+    SCMP_SYS(sysinfo),
     SCMP_SYS(uname),
 };
 
@@ -173,13 +191,21 @@ bool allowHarmlessFcntl(scmp_filter_ctx filter) {
   });
 }
 
+/// Allows mmap(2) of the picture, and of memory if RLIMIT_DATA counts it: no shared memory.
+bool allowMap(scmp_filter_ctx filter) {
+  return seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(mmap), 1,
+                          SCMP_A3(SCMP_CMP_MASKED_EQ, MAP_ANONYMOUS, 0)) == 0 &&
+         seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(mmap), 1,
+                          SCMP_A3(SCMP_CMP_MASKED_EQ, MAP_TYPE, MAP_PRIVATE)) == 0;
+}
+
 /// openat(2) for reading goes to onOpen; only standard output and error may be written, and limits
 /// only be read.
 bool allowInPart(scmp_filter_ctx filter) {
   constexpr scmp_datum_t kChanging = O_ACCMODE | O_CREAT | O_TRUNC;
   return seccomp_rule_add(filter, SCMP_ACT_TRAP, SCMP_SYS(openat), 1,
                           SCMP_A2(SCMP_CMP_MASKED_EQ, kChanging, O_RDONLY)) == 0 &&
-         allowHarmlessFcntl(filter) &&
+         allowHarmlessFcntl(filter) && allowMap(filter) &&
          seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(write), 1,
                           SCMP_A0(SCMP_CMP_LE, STDERR_FILENO)) == 0 &&
          seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(prlimit64), 2, SCMP_A0(SCMP_CMP_EQ, 0),

@@ -130,6 +130,7 @@ TEST_F(ConfinementTest, DroppedRightsCannotBeRegained) {
 
 TEST_F(ConfinementTest, MemoryEndsAt256Mebibytes) {
   EXPECT_EQ(attempt("memory").status, kRefused);
+  EXPECT_EQ(attempt("shared-memory").status, kForbidden) << "no limit counts it";
 }
 
 // The kernel counts by its clock ticks here, and otherwise for the figure below.

@@ -131,6 +131,11 @@ const std::map<std::string, Act> kActs = {
        return mmap(nullptr, 260UL << 20U, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1,
                    0) != MAP_FAILED;
      }},
+    {"shared-memory",
+     [](const char*) {
+       return mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0) !=
+              MAP_FAILED;
+     }},
     {"spin", spin},
     {"spin-unsignalled",
      [](const char* path) {
