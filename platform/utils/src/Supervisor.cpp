@@ -44,7 +44,7 @@ void becomeSupervisor(int socket) {
   sigset_t all;
   sigfillset(&all);
   sigprocmask(SIG_SETMASK, &all, nullptr);
-  if (socket != kSocket) dup2(socket, kSocket);
+  if (socket != kSocket) dup3(socket, kSocket, O_CLOEXEC);
   closeDescriptorsFrom(kSocket + 1);
   // The other end of the socket is one of them where the owner has no standard streams.
   for (int fd = 0; fd < kSocket; ++fd) close(fd);

@@ -37,9 +37,15 @@ void Watchdog::check() {  // kept: 15
   if (next_ == 0 || nowMs() < next_) return;
   if (!expired_) KOVA_LOG_IN("Check", LOG_WARNING, 0, "%s exceeded its time", program_.c_str());
   const bool gently = !expired_ && graceMs_ != 0;
-  kill(-group_, gently ? SIGTERM : SIGKILL);
+  signalAll(gently ? SIGTERM : SIGKILL);
   next_ = gently ? nowMs() + graceMs_ : 0;
   expired_ = true;
+}
+
+// The program may have left its group.
+void Watchdog::signalAll(int signal) const {
+  kill(-group_, signal);
+  kill(group_, signal);
 }
 
 int Watchdog::pollTimeout(int step) const {
@@ -51,7 +57,7 @@ int Watchdog::pollTimeout(int step) const {
 pid_t Watchdog::end(int* status) const {
   if (!hasEnded(group_)) return 0;
   // Its id cannot be reused by another group until it is reaped.
-  if (expired_) kill(-group_, SIGKILL);
+  if (expired_) signalAll(SIGKILL);
   return waitFor(group_, status, 0);
 }
 

@@ -25,6 +25,8 @@ class Watchdog {
   bool expired() const { return expired_; }
 
  private:
+  void signalAll(int signal) const;
+
   pid_t group_;
   const std::string& program_;
   unsigned graceMs_;

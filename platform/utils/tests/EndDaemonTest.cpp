@@ -114,6 +114,14 @@ TEST_F(EndDaemonTest, ProgramsEndWithOwnerWithoutStandardStreams) {
   EXPECT_TRUE(endsWithItsOwner([] { closefrom(0); }));
 }
 
+TEST_F(EndDaemonTest, ProgramHasNoSocketToItsSupervisor) {
+  ASSERT_TRUE(
+      start("ls -l /proc/$$/fd | grep -c socket: >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec "
+            "sleep 60"));
+  EXPECT_EQ(numbersIn("ready"), std::vector<pid_t>{0});
+  endDaemon(Script());
+}
+
 TEST_F(EndDaemonTest, LeashEndsProgramAfterItsTime) {
   Spawn spawn("/bin/sleep", {"60"}, {});
   spawn.ownSession();

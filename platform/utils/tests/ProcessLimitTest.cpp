@@ -59,6 +59,13 @@ TEST(RunToEnd, EndsGroupThatExceedsItsTime) {
   }
 }
 
+TEST(RunToEnd, EndsProgramThatLeavesItsGroup) {
+  const TemporaryFolder folder;
+  const std::string script = writeScript(
+      folder, "script", "exec perl -e 'setpgrp(0, getpgrp(getppid())) or exit 1; sleep 60'");
+  EXPECT_EQ(runToEnd(script, {}, 500, 0), 128 + SIGKILL);
+}
+
 TEST(RunToEnd, SparesGroupOfCaller) {
   const TemporaryFolder folder;
   const std::string script = writeScript(folder, "script", "cut -d' ' -f5 /proc/$$/stat >\"$1\"");
