@@ -69,7 +69,8 @@ bool Persistence::reset() {
   }
   KOVA_LOG(LOG_INFO, 0, "Reset to defaults");
   resetStamp_ = 0;
-  cancel();  // a pending save must not write the old configuration back
+  // A pending save must not write the old configuration back.
+  cancel();  // kept: 110
   if (utils::sysExecSimple(kReboot) != 0) {  // kept: 102
     KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
   }

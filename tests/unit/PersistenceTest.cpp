@@ -86,6 +86,13 @@ TEST_F(PersistenceTest, ForcedSaveSettlesPendingOne) {
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
 }
 
+TEST_F(PersistenceTest, SaveAfterEraseWritesConfigurationBack) {
+  persistence_.enqueueReset();
+  pass(5010);
+  EXPECT_TRUE(persistence_.persist(true));
+  EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot, kSave));
+}
+
 TEST_F(PersistenceTest, FailedSaveIsLoggedAndRetriedAtEveryPass) {
   fail(kSave);
   persistence_.enqueue();
