@@ -73,8 +73,8 @@ void TransferService::noteCompletion(TransferRun& run, TransferStatus status, in
 }
 
 void TransferService::noteReceived(TransferRun& run, std::uint64_t received, long total) {
-  run.transferred = received;
   if (run.task->download()) {
+    run.transferred = received;
     records_.progress(run.record, received, total > 0 ? static_cast<std::uint64_t>(total) : 0);
   }
 }
