@@ -56,7 +56,7 @@ class CurlContext {
 
   /// Whether the guard cut the connection. The transfer has then failed, whatever libcurl reports.
   bool wasCut() const { return *cut_ != 0; }
-  /// Keeps libcurl's own words on a failure, for Explain. Called after Init.
+  /// Keeps libcurl's own words on a failure, for explain(). Called after Init.
   void keepErrorText();
   /// Why the transfer failed, or after a failed Init why that did: a clause for a person, which may
   /// hold parts of the URI.

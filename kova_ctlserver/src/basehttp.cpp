@@ -24,7 +24,7 @@ bool succeeded(CURLcode code, const char* operation) {
   return code == CURLE_OK;
 }
 
-TransferStatus statusOf(const CurlContext& context, CURLcode result) {
+TransferStatus statusOf(const CurlContext& context, CURLcode result) {  // kept: 111
   if (context.wasCut()) {
     KOVA_LOG_IN("Service", LOG_WARNING, 0,
                 "Connection cut because a server held all transfers, uri=%s",

@@ -39,14 +39,16 @@ class UploadTest : public EngineTest {
 };
 
 TEST_F(UploadTest, FormWithoutFieldsHoldsOnlyFile) {
-  RawServer server(answering(okResponse("")));
   const std::string content = noise(200'000);
-  EXPECT_EQ(send(server.uri("/up"), write("file", content)), "success");
-  ASSERT_EQ(server.requests().size(), 1U);
-  const RawRequest request = server.requests().front();
-  EXPECT_THAT(request.head, ::testing::StartsWith("POST /up HTTP/1.1\r\n"));
-  EXPECT_EQ(request.header("Content-Length"), std::to_string(request.body.size()));
-  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+  for (const auto& fields : {variant::Variant(), variant::Variant(variant::Variant::Map{})}) {
+    RawServer server(answering(okResponse("")));
+    EXPECT_EQ(send(server.uri("/up"), write("file", content), fields), "success");
+    ASSERT_EQ(server.requests().size(), 1U);
+    const RawRequest request = server.requests().front();
+    EXPECT_THAT(request.head, ::testing::StartsWith("POST /up HTTP/1.1\r\n"));
+    EXPECT_EQ(request.header("Content-Length"), std::to_string(request.body.size()));
+    EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+  }
   EXPECT_THAT(logLines(), IsEmpty());
 }
 

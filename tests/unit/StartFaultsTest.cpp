@@ -17,6 +17,7 @@ struct Calls {
   bool signalFails = false;
   std::vector<int> signals;
   bool multiInitFails = false;
+  unsigned multiInits = 0;
 } calls;
 
 }  // namespace
@@ -31,6 +32,7 @@ sighandler_t __wrap_signal(int number, sighandler_t handler) {
 
 CURLM* __real_curl_multi_init();
 CURLM* __wrap_curl_multi_init() {
+  ++calls.multiInits;
   return calls.multiInitFails ? nullptr : __real_curl_multi_init();
 }
 }
@@ -60,6 +62,13 @@ class StartFaultsTest : public testing::Test {
 
   variant::CameraInfo info_;
 };
+
+TEST_F(StartFaultsTest, NoTransfersWithoutStatisticsEngine) {
+  platform().stats.initResult = 17;
+  CtlServer server(info_);
+  EXPECT_FALSE(server.init(nullptr));
+  EXPECT_EQ(calls.multiInits, 0U);
+}
 
 TEST_F(StartFaultsTest, UnsettableSignalHandlerStopsItThroughTeardown) {
   calls.signalFails = true;

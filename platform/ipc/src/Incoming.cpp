@@ -57,7 +57,7 @@ bool reply(sd_bus_message* call, const variant::Variant& body) {
 
 bool Incoming::serve(bool receiveBroadcasts, std::string& error) {
   // sd-bus calls object callbacks before it consults tables, so that calls of any signature reach
-  // OnCall; the table only serves introspection.
+  // onCall; the table only serves introspection.
   static constexpr sd_bus_vtable kTable[] = {
       SD_BUS_VTABLE_START(0),
       SD_BUS_METHOD_WITH_ARGS("Send", SD_BUS_ARGS("a{sv}", message),

@@ -104,8 +104,8 @@ class Builder : public nlohmann::json_sax<Json> {
     open_.back().key = std::move(value);
     return true;
   }
-  bool end_object() override { return Close(); }
-  bool end_array() override { return Close(); }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
   bool parse_error(std::size_t position, const std::string& token,
                    const Json::exception& exception) override {
     error = "position " + std::to_string(position) + ": " + reasonOf(exception.what(), token);
@@ -136,7 +136,7 @@ class Builder : public nlohmann::json_sax<Json> {
     open_.push_back({std::move(container), {}});
     return true;
   }
-  bool Close() {
+  bool close() {
     Variant done = std::move(open_.back().container);
     open_.pop_back();
     return put(std::move(done));

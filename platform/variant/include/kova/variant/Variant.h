@@ -50,7 +50,7 @@ concept VariantNumber = (std::integral<T> || std::floating_point<T>)&&!std::same
 /// A dynamic value: empty, a boolean, a number, text, a point in time, or a container of values.
 ///
 /// Values are copied deeply. Reading as another type never fails but returns that type's zero (see
-/// the To... functions).
+/// the to... functions).
 class Variant {
  public:
   using Map = std::map<std::string, Variant, std::less<>>;
