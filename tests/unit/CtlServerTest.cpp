@@ -180,6 +180,21 @@ TEST_F(CtlServerTest, ServicesAreStartedAndStoppedOnlyByPlatform) {
   EXPECT_THAT(platform().journal, ElementsAre("EnableService ntpd; reboot", "DisableService ntpd"));
 }
 
+TEST_F(CtlServerTest, RepeatedServiceRequestsAreIndependent) {
+  CtlServer server(info_);
+  const Variant ntpd(Variant::Map{{"service", "ntpd"}});
+  for (int i = 0; i < 2; ++i) {
+    ipc::messages::StartService start{ntpd};
+    EXPECT_TRUE(server.startService(start));
+  }
+  for (int i = 0; i < 2; ++i) {
+    ipc::messages::StopService stop{ntpd};
+    EXPECT_TRUE(server.stopService(stop));
+  }
+  EXPECT_THAT(platform().journal, ElementsAre("EnableService ntpd", "EnableService ntpd",
+                                              "DisableService ntpd", "DisableService ntpd"));
+}
+
 TEST_F(CtlServerTest, NonTextServiceIsEmptyName) {
   CtlServer server(info_);
   ipc::messages::StartService none;

@@ -127,7 +127,7 @@ TEST_F(TransferTaskFirmwareTest, ValidImageIsFlashedWithoutEventAndKept) {
   EXPECT_TRUE(exists(kImage));
 }
 
-TEST_F(TransferTaskFirmwareTest, CheckerHasNoTimeLimitAndNoInput) {
+TEST_F(TransferTaskFirmwareTest, CheckerHasNoInputAndItsOwnTimeLimit) {
   succeed();
   EXPECT_THAT(platform().captures, ElementsAre(fakes::CaptureTerms{"", 0, 0, 128}));
 }
