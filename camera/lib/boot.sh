@@ -14,9 +14,21 @@ prepare_ram() {
   if [ "$1" = chroot ]; then make_devices; fi
 }
 
+# What is in flash was written by root inside the camera. Nothing of it may lead out of it: no link is followed but
+# that to the slot, by its text, and no text is evaluated.
+is_plain() { [ -f "$1" ] && [ ! -h "$1" ]; }
+
+# A slot that is not linked was being written or erased when the power went.
 restore_configuration() {
-  local source=$root/usr/share/factory/etc
-  if [ -e "$flash/etc" ]; then source=$flash/etc; fi
+  local source=$root/usr/share/factory/etc slot stored
+  stored=$(readlink -- "$flash/etc") || true
+  for slot in etc.a etc.b; do
+    if [ "$slot" != "$stored" ]; then
+      rm -rf --one-file-system -- "${flash:?}/$slot"
+    elif [ -d "$flash/$slot" ] && [ ! -h "$flash/$slot" ]; then
+      source=$flash/$slot
+    fi
+  done
   cp -a "$source/." "$root/etc/"
 }
 
@@ -31,14 +43,16 @@ fill_run() {
 }
 
 count_boot() {
-  local boots=0
-  if [ -e "$flash/boots" ]; then boots=$(<"$flash/boots"); fi
+  local boots=
+  if is_plain "$flash/boots"; then boots=$(head -c 10 "$flash/boots" | tr -d '\0'); fi
+  if [[ ! $boots =~ ^[1-9][0-9]{0,8}$ ]]; then boots=0; fi
+  rm -f -- "$flash/boots.new"
   echo $((boots + 1)) | write_atomically "$flash/boots"
   cp "$flash/boots" "$root/run/boot_count"
 }
 
 firmware_version() {
-  if [ -e "$flash/firmware.bin" ]; then
+  if is_plain "$flash/firmware.bin"; then
     head -c 512 "$flash/firmware.bin" | sed -n 's/^version=//p'
   else
     cat "$root/usr/share/kova/version"

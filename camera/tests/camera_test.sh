@@ -86,6 +86,30 @@ resets_to_the_factory() {
   expect "the factory default is back" cmp "$one/root/etc/passwd" "$one/root/usr/share/factory/etc/passwd"
 }
 
+# Root inside plants in flash what leads out of the camera.
+boots_from_hostile_flash() {
+  mkdir "$work/outside"
+  echo text >"$work/outside/file"
+  chmod -R a+rwX "$work/outside"
+  cam stop "$one" >/dev/null
+  as_caller sh -c "cd '$one/flash' && rm -rf boots etc etc.a etc.b firmware.bin &&
+    ln -s '$work/outside/file' boots.new && echo 'x[\$(touch $work/outside/run)]' >boots &&
+    ln -s '$work/outside' etc.a && ln -s etc.a etc && ln -s '$work/outside/file' firmware.bin"
+  cam start "$one" >/dev/null
+  expect "nothing outside is written" test "$(cat "$work/outside"/*)" = text
+  expect_not "nor read" test -e "$one/root/etc/file"
+  expect "it boots with factory settings" cmp "$one/root/etc/passwd" "$one/root/usr/share/factory/etc/passwd"
+  inside cfgmtd -c
+  as_caller rm -f "$one/flash/firmware.bin"
+}
+
+refuses_ambiguous_orders() {
+  expect_not "erase and store at once" inside cfgmtd -c -p /etc/
+  expect_not "store and erase at once" inside cfgmtd -w -c -p /etc/ -m
+  expect_not "nothing" inside cfgmtd
+  expect "and did nothing" test ! -e "$one/flash/etc"
+}
+
 misbehaves_on_demand() {
   local orders=$one/root/run/tools/cfgmtd
   as_caller mkdir "$orders"
@@ -139,6 +163,12 @@ keeps_a_boot_environment() {
 }
 
 archives_for_support() {
+  inside mkdir /tmp/support.own123
+  if [ "$way" != user ]; then
+    inside sh -c 'mkdir /tmp/support.foreig && chown 1:1 /tmp/support.foreig'
+    inside /bin/support /tmp/supportinfo.tar
+    expect "a folder of somebody else is left alone" inside rmdir /tmp/support.foreig
+  fi
   inside /bin/support /tmp/supportinfo.tar
   expect "the archive is a tar" tar -xf "$one/root/tmp/supportinfo.tar" -C "$work"
   expect "with the log" grep -q kova_ctlserver "$work/support/messages"
@@ -355,6 +385,8 @@ main() {
   clears_away_what_earlier_runs_left
   keeps_what_is_saved
   resets_to_the_factory
+  boots_from_hostile_flash
+  refuses_ambiguous_orders
   misbehaves_on_demand
   updates_firmware
   keeps_a_boot_environment
