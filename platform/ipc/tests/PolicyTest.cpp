@@ -103,6 +103,10 @@ class PolicyTest : public ::testing::Test {
                               "org.freedesktop.DBus.Monitoring", "BecomeMonitor", error, nullptr,
                               "asu", 0, 0U);
   }
+  static int reload(sd_bus* bus, sd_bus_error* error) {
+    return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                              "org.freedesktop.DBus", "ReloadConfig", error, nullptr, "");
+  }
   static auto own(const char* name) {
     return [name](sd_bus* bus, sd_bus_error* error) {
       return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -183,6 +187,7 @@ TEST_F(PolicyTest, MembersSendBroadcastAndOwnClientNames) {
   EXPECT_EQ(asOther(kOtherUser, own("kova.test2")), kDenied);
   EXPECT_EQ(asOther(kOtherUser, own("kova.clientele")), kDenied);
   EXPECT_EQ(asOther(kOtherUser, Monitor), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, reload), kDenied);
   EXPECT_EQ(asOther(kOtherUser, broadcastIt), "");
   EXPECT_EQ(asOther(kOtherUser, send), "");
   EXPECT_EQ(handler_.requests.size(), 3U);
