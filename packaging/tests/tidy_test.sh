@@ -139,8 +139,20 @@ digests_are_of_their_files() {
   done
 }
 
+# Anyone may fill /tmp with names that are removed.
+many_names_do_not_keep_a_hash() {
+  seq -f '/tmp/.kova-%016.0f' 70000 | xargs touch
+  mkdir /tmp/.kova-0123456789abcdef
+  touch /etc/.kova-0123456789abcdef
+  tidy
+  expect_not test -e /etc/.kova-0123456789abcdef
+  expect test "$(find /tmp -name '.kova-*' | wc -l)" -eq 1
+  rmdir /tmp/.kova-0123456789abcdef
+}
+
 a_rename_is_completed
 consistent_files_stay
 odd_files_stay
 digests_are_of_their_files
+many_names_do_not_keep_a_hash
 exit "$failed"
