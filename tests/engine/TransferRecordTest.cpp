@@ -189,30 +189,5 @@ TEST_F(TransferRecordTest, RegistrationThatLibcurlRefusesIsNamed) {
   EXPECT_EQ(told(task), "TRANSFER_FAILED: Libcurl refused an option (Out of memory).");
 }
 
-TEST_F(TransferRecordTest, UploadTellsItsProgress) {
-  RawServer server(answering(okResponse("thanks")));
-  RecordingTask task(server.uri(), write("upload", noise(300'000)));
-  task.setKind(false);
-  EXPECT_EQ(told(task), "OK: The server has the file.");
-  EXPECT_EQ(record().transferred, 300'000U) << "the answer does not count";
-  EXPECT_EQ(record().size, 300'000U);
-}
-
-TEST_F(TransferRecordTest, ThousandRecordsEndWithTheirTransfers) {
-  constexpr std::size_t kCount = 1000;
-  std::vector<std::unique_ptr<RecordingTask>> tasks;
-  for (std::size_t i = 0; i < kCount; ++i) {
-    tasks.push_back(std::make_unique<RecordingTask>("http://127.0.0.1:1/" + std::to_string(i), ""));
-    tasks.back()->setKind(false);
-    tasks.back()->prepared = false;
-    recordOf(*tasks.back());
-    ASSERT_TRUE(service().add(tasks.back().get()));
-  }
-  EXPECT_EQ(service().records().numbers().size(), kCount);
-  fakes::platform().nowMs += 60'001;
-  service().service(0);
-  EXPECT_EQ(service().records().numbers().size(), ctlserver::TransferRecords::kMostEnded);
-}
-
 }  // namespace
 }  // namespace kova::engine

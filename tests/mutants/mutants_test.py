@@ -191,6 +191,19 @@ class Order(unittest.TestCase):
         self.assertEqual(names("kova_ctlserver/src/a.cpp", system, slow, quick), ["engine", "suite", "System"])
 
 
+class EarlyEnd(unittest.TestCase):
+    def test_status_0_before_last_case_is_failure(self):
+        copy = scratch.Scratch(TOP, Path("/nonexistent"))
+        copy.tree = TOP
+        program = scratch.Program("early", "early", ["/bin/sh", "-c", "exit 0"], False)
+        self.assertEqual(copy.test(program, 60), (0, ""))
+        program.tells = True
+        self.assertEqual(copy.test(program, 60), (scratch.ENDED_EARLY, ""))
+        program.command = ["/bin/echo", scratch.PASSED]
+        self.assertTrue(copy.measure(program, 60))
+        self.assertTrue(program.tells)
+
+
 class Failures(unittest.TestCase):
     FAILED = (1, "[  FAILED  ] A.B (1 ms)\n")
     PASSED = (0, "")

@@ -104,8 +104,7 @@ int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
   }
   Signal signal{text(sd_bus_message_get_interface(message)),
                 text(sd_bus_message_get_member(message)), Variant::Array()};
-  std::string reason;
-  wire::decodeArguments(message, signal.arguments, reason);
+  wire::decodeArguments(message, signal.arguments);
   changed_(signal);
   return 0;
 }

@@ -101,6 +101,13 @@ TEST_F(AnswersTest, RejectedAndUnclaimedFunctionsAreUnknown) {
   EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
 }
 
+TEST_F(AnswersTest, LogHandlerHandlesAnyFunction) {
+  LogHandler log(&ipc_);
+  ipc_.AddHandler("", &log);
+  join();
+  EXPECT_EQ(call("Any").error, "");
+}
+
 TEST_F(AnswersTest, NonMapBodiesAreInvalid) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("", &handler);

@@ -42,12 +42,6 @@ class SysExecTest : public testing::Test {
   unsigned captureKiB_ = kKeepKiB;
 };
 
-TEST_F(SysExecTest, CapturesBothStreamsAndStatus) {
-  EXPECT_EQ(3, runScript("echo out; echo err >&2; exit 3"));
-  EXPECT_EQ("out\n", out_);
-  EXPECT_EQ("err\n", err_);
-}
-
 TEST_F(SysExecTest, PassesArgumentsWholeWithoutShell) {
   EXPECT_EQ(0, run("/usr/bin/printf", {"[%s]", "a b", "", "$(id)", "'; ls", "*"}));
   EXPECT_EQ("[a b][][$(id)]['; ls][*]", out_);

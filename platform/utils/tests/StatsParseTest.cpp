@@ -113,6 +113,7 @@ TEST_F(CpuMeterTest, MeasuresBusyTimeBetweenReadings) {
 }
 
 TEST_F(CpuMeterTest, KeepsFigureWithinOneTick) {
+  EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 0 0 0 0 0 0 0 0\n"));
   const std::string text = "cpu0 30 0 0 70 0 0 0 0\n";
   EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
   EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
