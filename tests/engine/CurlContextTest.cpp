@@ -161,6 +161,12 @@ TEST_F(CurlContextTest, NonTextFormFieldsAreRefusedAndNothingSent) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
+TEST_F(CurlContextTest, FailedInitReleasesHandleAndForm) {
+  curlFaults().part = "b";
+  EXPECT_FALSE(make(false, fields())->Init());
+  EXPECT_THAT(curlFaults().released, ElementsAre("easy", "form"));
+}
+
 TEST_F(CurlContextTest, ChunksCarryOffsetAndLengthQueriedOnce) {
   const std::string body = noise(100'000);
   RawServer server(answering(okResponse(body)));

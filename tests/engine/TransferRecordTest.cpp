@@ -171,12 +171,6 @@ TEST_F(TransferRecordTest, UnannouncedSizeBeyondLimitIsNamed) {
   EXPECT_EQ(record().httpStatus, 404);
 }
 
-TEST_F(TransferRecordTest, DownloadThatNoTaskJudgesHasArrived) {
-  RawServer server(answering(okResponse("12345")));
-  EXPECT_EQ(fetch(server.uri()), "OK: The file has arrived.");
-  EXPECT_EQ(record().transferred, 5U);
-}
-
 TEST_F(TransferRecordTest, RegistrationThatLibcurlRefusesIsNamed) {
   curlFaults().addHandle = CURLM_OUT_OF_MEMORY;
   EXPECT_EQ(fetch("http://127.0.0.1:1/x"), "TRANSFER_FAILED: Out of memory.");

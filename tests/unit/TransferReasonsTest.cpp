@@ -284,6 +284,7 @@ TEST_F(TransferReasonsTest, DeadlineNamesItsPhase) {
   server_->service(0);
   EXPECT_EQ(told(1),
             "TRANSFER_TIMEOUT: The deadline of 5000 ms passed before the file to send was ready.");
+  EXPECT_EQ(record(1).httpStatus, 0);
   peerScript([](engine::Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n12345");

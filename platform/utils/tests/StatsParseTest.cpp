@@ -182,7 +182,9 @@ TEST_F(NetworkMeterTest, SkipsLoopbackAndReadsBothCounters) {
 }
 
 TEST_F(NetworkMeterTest, RatesAreBytesPerSecondSinceLastReading) {
-  EXPECT_EQ(0U, update(line("eth0", 1000, 500), 1000).interfaces[0].dnBps);
+  const NetworkStats first = update(line("eth0", 1000, 500), 1000);
+  EXPECT_EQ(0U, first.interfaces[0].dnBps);
+  EXPECT_EQ(0U, first.interfaces[0].upBps);
   const NetworkStats stats = update(line("eth0", 4000, 1500), 3000);
   EXPECT_EQ(1500U, stats.interfaces[0].dnBps);
   EXPECT_EQ(500U, stats.interfaces[0].upBps);
