@@ -2,6 +2,7 @@
 
 #include "BusTest.h"
 #include "Nesting.h"
+#include "SyslogRecorder.h"
 
 namespace kova::ipc::testing {
 namespace {
@@ -106,6 +107,15 @@ TEST_F(AnswersTest, LogHandlerHandlesAnyFunction) {
   ipc_.AddHandler("", &log);
   join();
   EXPECT_EQ(call("Any").error, "");
+}
+
+TEST_F(AnswersTest, TransactionsHandlerRejectsSilently) {
+  Ledger ledger(&ipc_);
+  ipc_.AddHandler("", &ledger);
+  join();
+  tests::records.clear();
+  EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
+  EXPECT_TRUE(tests::records.empty());
 }
 
 TEST_F(AnswersTest, NonMapBodiesAreInvalid) {

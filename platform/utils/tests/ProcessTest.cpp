@@ -259,6 +259,7 @@ TEST(PipeTest, AvoidsNumbersOfStandardStreams) {
 TEST(SysExecSimple, ReturnsExitStatus) {
   EXPECT_EQ(0, sysExecSimple("/bin/true"));
   EXPECT_EQ(1, sysExecSimple("/bin/false"));
+  EXPECT_EQ(0, sysExecSimple("/bin/echo", "x")) << "what it prints is taken";
   EXPECT_EQ(5, sysExecSimple("/bin/sh", "-c", "exit 5"));
   EXPECT_EQ(128 + SIGABRT, sysExecSimple("/bin/sh", "-c", "kill -ABRT $$"));
   EXPECT_EQ(kNotStarted, sysExecSimple("/no/such/program", "x"));
