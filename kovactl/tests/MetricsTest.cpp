@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
 
+#include "Kinds.h"
 #include "Text.h"
 
 namespace kova::ctl {
@@ -118,6 +120,22 @@ TEST(Metrics, LeaveOutWhatIsNotKnown) {
                    {"wifi", Variant::Map{{"signalStrength", 0}}},
                    {"network", Variant::Map{{"name", 5}}}};
   EXPECT_EQ(metricsText(odd, nullptr, nullptr), "# EOF\n");
+}
+
+TEST(Metrics, KindsOfTransferAreThoseOfSchema) {
+  const std::vector<TransferRecord> none;
+  std::string text = metricsText(Variant(), nullptr, &none);
+  std::vector<std::string> kinds = testing::kindsOf("GetRequest");
+  std::ranges::copy(testing::kindsOf("PutRequest"), std::back_inserter(kinds));
+  kinds.emplace_back("firmware");
+  for (const std::string& kind : kinds) {
+    const std::string series =
+        "kova_transfers_active{kind=\"" + kind + "\",phase=\"preparing\"} 0\n";
+    const std::size_t at = text.find(series);
+    ASSERT_NE(at, std::string::npos) << kind;
+    text.erase(at, series.size());
+  }
+  EXPECT_THAT(text, Not(HasSubstr("phase=\"preparing\""))) << "no other kind";
 }
 
 TEST(Metrics, TextsThatPrintAlikeAreOneSeries) {

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include "Child.h"
+#include "Kinds.h"
 #include "Peer.h"
 #include "PrivateBus.h"
 #include "kova/messages/Events.h"
@@ -174,6 +175,7 @@ TEST_F(Transfers, UploadKindsSendTheirRequests) {
       {{"support"}, "supportInfo"},
       {{"event-snapshot", "--filename", "motionsnap_1.jpg"}, "eventSnapshot"},
       {{"event-heatmap", "--filename", "heatmap_1.png"}, "eventHeatmap"}};
+  std::vector<std::string> sent;
   for (const auto& [typed, what] : kinds) {
     std::vector<std::string> arguments = {"get", "--timeout", "7", "http://x/"};
     arguments.insert(arguments.begin() + 1, typed.begin(), typed.end());
@@ -181,6 +183,17 @@ TEST_F(Transfers, UploadKindsSendTheirRequests) {
     const Peer::Request request = peer.received().back();
     EXPECT_EQ(request.find("what")->toText(), what);
     EXPECT_EQ(*request.find("timeoutMs"), Variant(std::uint32_t{7000}));
+    sent.push_back(request.find("what")->toText());
+  }
+  EXPECT_EQ(sent, kindsOf("GetRequest"));
+}
+
+TEST_F(Transfers, DownloadKindsSendTheirRequests) {
+  Peer peer(takingNote());
+  ASSERT_FALSE(kindsOf("PutRequest").empty());
+  for (const std::string& kind : kindsOf("PutRequest")) {
+    EXPECT_EQ(run({"put", kind, "http://x/", "--hash", kDigest}).status, 0) << kind;
+    EXPECT_EQ(peer.received().back().find("what")->toText(), kind);
   }
 }
 

@@ -34,6 +34,20 @@ testing::Matcher<Report> finds(const std::string& invariant) {
   return Field(&Report::findings, Contains(Field(&Finding::invariant, invariant)));
 }
 
+TEST(AttackSystem, SoundServerHasNoFindings) {
+  for (const char* campaign : {"requests", "servers"}) {
+    CampaignKind kind = kindOf(campaign);
+    kind.answerBound = seconds(20);  // the tests of a busy machine run beside this one
+    Order order = shortOrder();
+    order.limit = seconds(10);
+    const Report report = Attack(kind, order).run();
+    EXPECT_GT(report.actions, 10U) << campaign;
+    for (const Finding& finding : report.findings) {
+      ADD_FAILURE() << finding.invariant << ": " << finding.detail;
+    }
+  }
+}
+
 TEST(AttackSystem, UnresponsiveServerIsFound) {
   std::optional<system_test::HostProcess> stopped;
   const Report report = reportOf("servers", [&](system_test::Camera& camera) {

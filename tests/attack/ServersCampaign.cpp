@@ -3,6 +3,7 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <set>
 
 #include "Campaigns.h"
 #include "Courses.h"
@@ -51,6 +52,7 @@ class Servers : public Campaign {
     for (const char* file : {"/tmp/snap.jpeg", "/tmp/motionsnap_1.jpg"}) {
       system_test::writeFile(attack_.inside(file), std::string(150'000, 'p'));
     }
+    temporariesBefore_ = temporaries();
   }
 
   void round() override {
@@ -74,9 +76,24 @@ class Servers : public Campaign {
     }
   }
 
-  void finish() override { expectTransfersWork(attack_, requester_); }
+  void finish() override {
+    expectTransfersWork(attack_, requester_);
+    for (const std::string& name : temporaries()) {
+      attack_.expect(temporariesBefore_.contains(name) || name == "heatmap_1.png" ||
+                         name == "fwupdate.bin",  // an image that was rejected stays
+                     "a transfer leaves no file behind", name);
+    }
+  }
 
  private:
+  std::set<std::string> temporaries() const {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(attack_.inside("/tmp"))) {
+      names.insert(entry.path().filename());
+    }
+    return names;
+  }
+
   std::filesystem::path persistent(const std::string& name) const {
     return attack_.inside("/etc/persistent/" + name);
   }
@@ -194,6 +211,7 @@ class Servers : public Campaign {
   Attack& attack_;
   const Identities identities_;
   system_test::Requester requester_;
+  std::set<std::string> temporariesBefore_;
   Deck deck_{httpCourses().size() + tlsCourses().size()};
 };
 

@@ -74,13 +74,6 @@ TEST_F(BaseHttpTest, UnreachableServersAreFailures) {
                                       "4 basehttp.Service: Unexpected curl error: CURLcode = 6"));
 }
 
-TEST_F(BaseHttpTest, CancellingUnknownTransferReportsNothing) {
-  ASSERT_TRUE(http_.Init());
-  EXPECT_TRUE(http_.CancelTransfer("http://127.0.0.1:9/x"));
-  EXPECT_THAT(http_.completions, IsEmpty());
-  EXPECT_THAT(logLines(), IsEmpty());
-}
-
 TEST_F(BaseHttpTest, CancelReportsBeforeItReturns) {
   RawServer server([](Connection& connection) {
     connection.readRequest();

@@ -47,28 +47,6 @@ TEST_F(BaseTransferTaskTest, FreshTaskHasDocumentedDefaults) {
   EXPECT_FALSE(task.sendNoEvents());
 }
 
-TEST_F(BaseTransferTaskTest, SettersStoreTheirValuesAndChain) {
-  variant::Variant fields;
-  fields["key"] = "value";
-  BaseTransferTask task;
-  task.setName("n").setKind(false).setMaxSz(1).setUri("u").setPath("p").setTimeout(2);
-  task.setCertFile("c").setPrivKeyFile("k").setCACertFile("a").setFormFields(fields);
-  task.setIpcRequestId(3).setIpcOrigin("o").setSendNoEvents(true);
-  EXPECT_EQ(task.name(), "n");
-  EXPECT_FALSE(task.download());
-  EXPECT_EQ(task.maxSz(), 1U);
-  EXPECT_EQ(task.uri(), "u");
-  EXPECT_EQ(task.path(), "p");
-  EXPECT_EQ(task.timeout(), 2U);
-  EXPECT_EQ(task.certFile(), "c");
-  EXPECT_EQ(task.privKeyFile(), "k");
-  EXPECT_EQ(task.caCertFile(), "a");
-  EXPECT_EQ(task.formFields(), fields);
-  EXPECT_EQ(task.ipcRequestId(), 3U);
-  EXPECT_EQ(task.ipcOrigin(), "o");
-  EXPECT_TRUE(task.sendNoEvents());
-}
-
 TEST_F(BaseTransferTaskTest, BaseHooksAcceptTask) {
   BaseTransferTask task;
   task.setPath("/tmp/file");
@@ -108,16 +86,6 @@ TEST_F(BaseTransferTaskTest, MissingValueIsNamed) {
   task_.setTimeout(1);
   expectRefused(task_.setSendNoEvents(false), "IPC origin must be set when sending events is on");
   EXPECT_TRUE(task_.setIpcOrigin("client").start());
-}
-
-TEST_F(BaseTransferTaskTest, FirstOfSeveralMissingValuesIsNamed) {
-  BaseTransferTask task;
-  expectRefused(task, "Name must be set");
-  expectRefused(task.setName("n"), "Max size must be set");
-  expectRefused(task.setMaxSz(1), "URI must be set");
-  expectRefused(task.setUri("u"), "Path must be set when downloading");
-  expectRefused(task.setPath("p"), "Timeout must be set");
-  expectRefused(task.setTimeout(1), "IPC origin must be set when sending events is on");
 }
 
 TEST_F(BaseTransferTaskTest, UploadNeedsNoPath) {

@@ -161,12 +161,7 @@ TEST_F(CurlContextTest, NonTextFormFieldsAreRefusedAndNothingSent) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
-TEST_F(CurlContextTest, HandleIsReleasedBeforeForm) {
-  ASSERT_TRUE(make(false, fields())->Init());
-  EXPECT_THAT(curlFaults().released, ElementsAre("easy", "form"));
-}
-
-TEST_F(CurlContextTest, FailedInitReleasesItsResources) {
+TEST_F(CurlContextTest, FailedInitReleasesHandleAndForm) {
   curlFaults().part = "b";
   EXPECT_FALSE(make(false, fields())->Init());
   EXPECT_THAT(curlFaults().released, ElementsAre("easy", "form"));

@@ -57,15 +57,6 @@ TEST_F(MultiHttpTest, EmptyUriOrPathIsRefused) {
                   "3 multihttp.RegisterRequest: Invalid input, uri=http://127.0.0.1:1/x, path="));
 }
 
-TEST_F(MultiHttpTest, DownloadReplacesFileContent) {
-  RawServer server(answering(okResponse("new")));
-  const std::string file = write("file", "something older");
-  ASSERT_TRUE(http_.start(true, server.uri(), file));
-  EXPECT_EQ(readFile(file), "");
-  ASSERT_TRUE(finish());
-  EXPECT_EQ(readFile(file), "new");
-}
-
 TEST_F(MultiHttpTest, SecondTransferOfUriIsRefusedAndFirstGoesOn) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.start(true, server.uri(), path("first")));

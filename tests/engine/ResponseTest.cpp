@@ -158,6 +158,12 @@ TEST_F(ResponseTest, IncompleteResponseFails) {
   }
 }
 
+TEST_F(ResponseTest, CredentialsOfUriAreSent) {
+  RawServer server(answering(okResponse("body")));
+  EXPECT_EQ(fetch("http://user:secret@" + server.uri().substr(7)), "success");
+  EXPECT_EQ(server.requests().at(0).header("Authorization"), "Basic dXNlcjpzZWNyZXQ=");
+}
+
 TEST_F(ResponseTest, CompressedBodyIsStoredAsReceived) {
   const std::string zipped = "\x1f\x8b\x08" + noise(500);
   RawServer server(answering("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " +

@@ -171,12 +171,6 @@ TEST_F(TransferRecordTest, UnannouncedSizeBeyondLimitIsNamed) {
   EXPECT_EQ(record().httpStatus, 404);
 }
 
-TEST_F(TransferRecordTest, DownloadThatNoTaskJudgesHasArrived) {
-  RawServer server(answering(okResponse("12345")));
-  EXPECT_EQ(fetch(server.uri()), "OK: The file has arrived.");
-  EXPECT_EQ(record().transferred, 5U);
-}
-
 TEST_F(TransferRecordTest, RegistrationThatLibcurlRefusesIsNamed) {
   curlFaults().addHandle = CURLM_OUT_OF_MEMORY;
   EXPECT_EQ(fetch("http://127.0.0.1:1/x"), "TRANSFER_FAILED: Out of memory.");
@@ -187,31 +181,6 @@ TEST_F(TransferRecordTest, RegistrationThatLibcurlRefusesIsNamed) {
                 " is in use by another transfer, or by one that could not be begun.");
   RecordingTask task("http://127.0.0.1:1/z", path("other"));
   EXPECT_EQ(told(task), "TRANSFER_FAILED: Libcurl refused an option (Out of memory).");
-}
-
-TEST_F(TransferRecordTest, UploadTellsItsProgress) {
-  RawServer server(answering(okResponse("thanks")));
-  RecordingTask task(server.uri(), write("upload", noise(300'000)));
-  task.setKind(false);
-  EXPECT_EQ(told(task), "OK: The server has the file.");
-  EXPECT_EQ(record().transferred, 300'000U) << "the answer does not count";
-  EXPECT_EQ(record().size, 300'000U);
-}
-
-TEST_F(TransferRecordTest, ThousandRecordsEndWithTheirTransfers) {
-  constexpr std::size_t kCount = 1000;
-  std::vector<std::unique_ptr<RecordingTask>> tasks;
-  for (std::size_t i = 0; i < kCount; ++i) {
-    tasks.push_back(std::make_unique<RecordingTask>("http://127.0.0.1:1/" + std::to_string(i), ""));
-    tasks.back()->setKind(false);
-    tasks.back()->prepared = false;
-    recordOf(*tasks.back());
-    ASSERT_TRUE(service().add(tasks.back().get()));
-  }
-  EXPECT_EQ(service().records().numbers().size(), kCount);
-  fakes::platform().nowMs += 60'001;
-  service().service(0);
-  EXPECT_EQ(service().records().numbers().size(), ctlserver::TransferRecords::kMostEnded);
 }
 
 }  // namespace

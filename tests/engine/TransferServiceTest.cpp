@@ -27,15 +27,6 @@ TEST_F(TransferServiceTest, DownloadRunsThroughItsHooks) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TransferServiceTest, TaskCanRunAgain) {
-  RawServer server(answering(okResponse("body")));
-  RecordingTask task(server.uri(), path("file"));
-  EXPECT_EQ(run(task), "success");
-  task.events.clear();
-  EXPECT_EQ(run(task), "success");
-  EXPECT_EQ(server.requests().size(), 2U);
-}
-
 TEST_F(TransferServiceTest, TaskWithTakenUriIsRefused) {
   RawServer server(answering(okResponse("body")));
   RecordingTask task(server.uri(), path("file"));

@@ -129,12 +129,19 @@ class Running(unittest.TestCase):
     def test_status_and_output_are_kept(self):
         self.assertEqual(scratch.run(["sh", "-c", "echo out; echo err >&2; exit 3"], 60), (3, "out\nerr\n"))
 
+    def test_first_failure_ends_all(self):
+        start = time.monotonic()
+        commands = [(["sleep", "60"], None), (["sh", "-c", "exit 4"], None)]
+        self.assertEqual(scratch.run_together(commands, 60), (4, ""))
+        self.assertLess(time.monotonic() - start, 30)
+
     def test_programs_run_in_private_root(self):
         copy = scratch.Scratch(TOP, Path("/nonexistent"))
         copy.tree = TOP
         with tempfile.TemporaryDirectory() as folder:
             program = scratch.Program("host", "host", ["/bin/sh", "-c", f"uname -n; [ ! -e {folder} ]"], False)
-            self.assertEqual(copy.test(program, 60), (0, "kova-test\n"))
+            self.assertEqual(copy.test(program, 60, "*"), (0, "kova-test\n"))
+            self.assertEqual(copy.test(program, 60), (0, scratch.SHARDS * "kova-test\n"))
 
 
 PROJECT = {
@@ -182,6 +189,45 @@ class Order(unittest.TestCase):
         self.assertEqual(names("platform/utils/src/a.cpp", system, slow, quick, own),
                          ["utils_test", "suite", "engine", "System"])
         self.assertEqual(names("kova_ctlserver/src/a.cpp", system, slow, quick), ["engine", "suite", "System"])
+
+
+class EarlyEnd(unittest.TestCase):
+    def test_status_0_before_last_case_is_failure(self):
+        copy = scratch.Scratch(TOP, Path("/nonexistent"))
+        copy.tree = TOP
+        program = scratch.Program("early", "early", ["/bin/sh", "-c", "exit 0"], False)
+        self.assertEqual(copy.test(program, 60), (0, ""))
+        program.tells = True
+        self.assertEqual(copy.test(program, 60), (scratch.ENDED_EARLY, ""))
+        program.command = ["/bin/echo", scratch.PASSED]
+        self.assertTrue(copy.measure(program, 60))
+        self.assertTrue(program.tells)
+
+
+class Failures(unittest.TestCase):
+    FAILED = (1, "[  FAILED  ] A.B (1 ms)\n")
+    PASSED = (0, "")
+    OVERDUE = (None, "")
+
+    @staticmethod
+    def failure(*results):
+        """What is made of these results of a program, which took 1 s when it was measured and takes 30 s now."""
+        trials = trial.Trial(TOP, Path("/nonexistent"))
+        trials.copy = unittest.mock.Mock()
+        trials.copy.test.side_effect = results
+        trials.copy.timed.return_value = (30.0, 0, "")
+        program = scratch.Program("program", "program", [], False, seconds=1.0)
+        return trials.failure(program, mutations.Mutant("a.cpp", 1, "", "", ""), "")
+
+    def test_failure_counts_when_it_is_seen_again(self):
+        self.assertEqual(self.failure(self.FAILED, self.FAILED), "A.B")
+        self.assertEqual(self.failure(self.FAILED, self.PASSED, self.FAILED), "A.B")
+        self.assertIsNone(self.failure(self.FAILED, self.PASSED, self.PASSED))
+        self.assertEqual(self.failure((9, ""), (9, "")), "ended with 9")
+
+    def test_overdue_program_is_measured_anew(self):
+        self.assertIsNone(self.failure(self.OVERDUE, self.PASSED))
+        self.assertEqual(self.failure(self.OVERDUE, self.OVERDUE), "took longer than 130 s")
 
 
 class Trials(unittest.TestCase):

@@ -4,6 +4,7 @@ Every test program runs in a private root, also those which need none when the s
 wrong stays in there. A booted camera is one already.
 """
 
+import contextlib
 import fcntl
 import hashlib
 import os
@@ -21,10 +22,13 @@ from pathlib import Path
 FAILED_CASE = re.compile(r"^\[  FAILED  \] (\w+(?:/\w+)*\.[\w/]+)", re.MULTILINE)
 ADD_TEST = re.compile(r"^add_test\((?:\[=\[)?\"?([\w.-]+)\"?(?:\]=\])? (.*)\)$", re.MULTILINE)
 SYSTEM_LABEL = re.compile(r"^set_tests_properties\((?:\[=\[)?\"?([\w.-]+).*LABELS \"system\"", re.MULTILINE)
+PASSED = "[  PASSED  ]"
+ENDED_EARLY = "0 before its last case"  # in place of a status
 MAX_MEMORY = 4 << 30
 MAX_STACK = 2 << 20  # of each thread: a test of the engine has a thousand
 MAX_FILE = 1 << 30
 MAX_BUILD_SECONDS = 900
+SHARDS = 4  # at a time, of a test program: most cases wait
 
 
 @dataclass
@@ -38,6 +42,7 @@ class Program:
     inputs: set = field(default_factory=set)
     passes: bool | None = None  # on the unchanged sources; None before it was tried
     seconds: float = 0.0
+    tells: bool = False  # at its end, that all cases passed; without, it has ended early
     left_out: list = field(default_factory=list)
 
 
@@ -56,20 +61,39 @@ def bound_resources():
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
-def run(command, seconds, environment=None, limits=None):
-    """(status, output) of a command that is ended after so many seconds with all of its group: status None then."""
-    with tempfile.TemporaryFile() as output:
-        process = subprocess.Popen(
-            command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, start_new_session=True,
-            env=environment, preexec_fn=limits)
+def first_end(processes, seconds):
+    """The first status other than 0, or 0 once all have ended so; None when that takes more seconds."""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        statuses = [process.poll() for process in processes]
+        failed = [status for status in statuses if status]
+        if failed or None not in statuses:
+            return failed[0] if failed else 0
+        time.sleep(0.01)
+    return None
+
+
+def run_together(commands, seconds, limits=None):
+    """(status, output) of several commands, each with its environment. All are ended with their groups when one fails
+    or after so many seconds: status None then."""
+    with contextlib.ExitStack() as stack:
+        outputs = [stack.enter_context(tempfile.TemporaryFile()) for _ in commands]
+        processes = [
+            subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                             start_new_session=True, env=environment, preexec_fn=limits)
+            for (command, environment), output in zip(commands, outputs)]
         try:
-            status = process.wait(seconds)
-        except subprocess.TimeoutExpired:
-            status = None
+            status = first_end(processes, seconds)
         finally:
-            end_group(process)
-        output.seek(0)
-        return status, output.read(1 << 24).decode(errors="replace")
+            for process in processes:
+                end_group(process)
+        for output in outputs:
+            output.seek(0)
+        return status, "".join(output.read(1 << 24).decode(errors="replace") for output in outputs)
+
+
+def run(command, seconds, environment=None, limits=None):
+    return run_together([(command, environment)], seconds, limits)
 
 
 class Scratch:
@@ -121,7 +145,8 @@ class Scratch:
             raise SystemExit(f"mutants: configuring failed\n{output}")
 
     def ninja(self, *arguments):
-        return run(["ninja", "-C", str(self.build), *arguments], MAX_BUILD_SECONDS)
+        return run(["ninja", "-C", str(self.build), "-j", str(len(os.sched_getaffinity(0))), *arguments],
+                   MAX_BUILD_SECONDS)
 
     def programs(self, system):
         """The test programs that this build makes; the system tests only when asked for."""
@@ -189,14 +214,21 @@ class Scratch:
     def restore(self, path):
         self.write(path, self.original(path))
 
-    def test(self, program, seconds):
-        """(status, output) of a test program; status None when it was ended after so many seconds."""
+    def test(self, program, seconds, only=None):
+        """(status, output) of a test program, or of one of its cases; status None when it was ended after so many
+        seconds."""
         environment = {**os.environ, "KOVA_BUILD": str(self.build), "GTEST_FAIL_FAST": "1"}
-        if program.left_out:
+        if only:
+            environment["GTEST_FILTER"] = only
+        elif program.left_out:
             environment["GTEST_FILTER"] = "-" + ":".join(program.left_out)
         if not program.system:
             command = [str(self.tree / "tests/private-root"), *program.command]
-            return run(command, seconds, environment, bound_resources)
+            shards = 1 if only else SHARDS
+            status, output = run_together(
+                [(command, {**environment, "GTEST_TOTAL_SHARDS": str(shards), "GTEST_SHARD_INDEX": str(shard)})
+                 for shard in range(shards)], seconds, bound_resources)
+            return ENDED_EARLY if status == 0 and program.tells and output.count(PASSED) < shards else status, output
         environment["KOVA_CAMERA_MODE"] = "bwrap"
         with tempfile.TemporaryDirectory(prefix="kova-") as folder:
             environment["TMPDIR"] = folder
@@ -204,14 +236,18 @@ class Scratch:
             command += [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
             return run([*command, *program.command], seconds, environment)
 
+    def timed(self, program, seconds):
+        start = time.monotonic()
+        status, output = self.test(program, seconds)
+        return time.monotonic() - start, status, output
+
     def measure(self, program, seconds):
         """How long a program takes on the unchanged sources; what fails there already is left out from now on.
         False when it is of no use here."""
         for _ in range(5):
-            start = time.monotonic()
-            status, output = self.test(program, seconds)
-            program.seconds = time.monotonic() - start
+            program.seconds, status, output = self.timed(program, seconds)
             if status == 0:
+                program.tells = PASSED in output
                 return True
             failed = set(FAILED_CASE.findall(output)) - set(program.left_out)
             if status is None or not failed:

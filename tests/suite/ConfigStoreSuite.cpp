@@ -136,7 +136,8 @@ TEST_F(ConfigStoreSuite, MissingStoreCannotBeOpened) {
 TEST_F(ConfigStoreSuite, ValueMayHoldAnythingExceptLineBreaksAndNul) {
   for (const std::string& value :
        {std::string("a=b"), std::string("#x"), std::string("  spaces\t "), std::string("Zürich"),
-        std::string("\x01\xff"), std::string("$(reboot)"), std::string(4096, 'v')}) {
+        std::string("\x01\xff"), std::string("$(reboot)"), std::string("; reboot"),
+        std::string("%s%n"), std::string("\x1b[2J"), std::string(4096, 'v')}) {
     ASSERT_TRUE(store_.init());
     EXPECT_TRUE(store_.set("name", value, nullptr));
     EXPECT_TRUE(store_.close(true, false));

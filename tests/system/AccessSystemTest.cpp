@@ -88,16 +88,6 @@ TEST_F(AccessSystem, OutsiderDoesNotReachBus) {
   }
 }
 
-TEST_F(AccessSystem, GroupMemberSendsAndOwnsClientNames) {
-  const Result sent = send("member");
-  EXPECT_EQ(sent.status, 0) << sent.err;
-  EXPECT_NE(sent.out.find("\"statusCode\" t 0"), std::string::npos) << sent.out;
-  EXPECT_EQ(own("member", "kova.client.x").out, "u 1\n");
-  for (const char* name : {"kova.kova_ctlserver", "kova.other", "kova.client"}) {
-    EXPECT_TRUE(denied(own("member", name))) << name;
-  }
-}
-
 class AccessAfterPasswordChange : public AccessSystem {
  protected:
   void SetUp() override {

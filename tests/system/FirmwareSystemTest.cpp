@@ -6,8 +6,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kChecker[] = "fwupdate.real";
-
 class FirmwareSystem : public TransferRig {
  protected:
   /// An image for the board of this camera.
@@ -68,36 +66,6 @@ TEST_F(FirmwareSystem, ValidImageIsCheckedAndFlashed) {
 
 TEST_F(FirmwareSystem, ImageForOtherBoardIsReportedAsSuch) {
   expectRejected(image("2.0", {}, "4242"), "FW_CHECK_INCOMPAT_HW");
-}
-
-TEST_F(FirmwareSystem, IncompleteImageIsRefused) {
-  const std::string good = image("2.1");
-  for (const std::string& content :
-       {image("2.2", {"--corrupt"}), good.substr(0, good.size() - 1), good + "x",
-        good.substr(0, 100), std::string("not an image"), std::string()}) {
-    expectRejected(content, "FW_CHECK_FAILED");
-  }
-}
-
-TEST_F(FirmwareSystem, CheckerErrorOutputRejects) {
-  camera().misbehave(kChecker, "stderr", "deprecated option\n");
-  expectRejected(image("3.0"), "FW_CHECK_FAILED");
-  camera().behave(kChecker);
-  expectFlashed(image("3.1"));
-}
-
-TEST_F(FirmwareSystem, FailedFlasherIsReportedAndImageKept) {
-  const std::string content = image("6.0");
-  for (const auto& [setting, value] : {std::pair{"exit", "1"}, {"kill", "KILL"}}) {
-    const LogMark mark(camera());
-    camera().misbehave("fwupdate", setting, value);
-    const std::uint64_t id = update(content);
-    EXPECT_EQ(requester().outcome(id), "FW_FLASH_FAILED");
-    EXPECT_TRUE(mark.waitFor("Firmware flash failed, uri=" + manager().fileUri("fw.bin")));
-    EXPECT_EQ(readFile(inside("/tmp/fwupdate.bin")), content);
-    EXPECT_NE(readFile(camera().flash() / "firmware.bin"), content);
-    camera().behave("fwupdate");
-  }
 }
 
 }  // namespace

@@ -29,17 +29,6 @@ class GetSystem : public TransferRig {
     EXPECT_THAT(requester().outcomes(id), testing::IsEmpty());
   }
 
-  /// The request is refused with this line in the log and without an event or an upload.
-  void expectRefused(const Fields& fields, const std::string& line) {
-    const LogMark mark(camera());
-    Fields all = fields;
-    all.emplace("uri", manager().uploadUri("refused"));
-    const std::uint64_t id = requester().ask(all);
-    EXPECT_TRUE(mark.waitFor(line)) << line;
-    expectSilence(id);
-    EXPECT_FALSE(manager().received("refused").has_value());
-  }
-
   const std::string picture_ = picture(300, 200) + std::string("\0\r\n--boundary", 13);
 };
 

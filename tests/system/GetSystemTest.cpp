@@ -31,27 +31,5 @@ TEST_F(GetSystem, LinkToKeyIsNotSent) {
   std::filesystem::remove(snapshot);
 }
 
-TEST_F(GetSystem, FileOverLimitIsNotSent) {
-  const struct {
-    const char* what;
-    const char* file;
-    std::uintmax_t maxSz;
-  } kinds[] = {{"snapshot", "/tmp/snap.jpeg", 200'000},
-               {"eventHeatmap", "/tmp/heatmap_12.png", 65'536}};
-  for (const auto& [what, file, maxSz] : kinds) {
-    std::filesystem::resize_file(inside(file), maxSz + 1);
-    const std::size_t before = manager().requests("POST /upload/large");
-    const LogMark mark(camera());
-    EXPECT_EQ(requester().outcome(get(what, "large", {{"filename", "heatmap_12.png"}})),
-              "TRANSFER_TOOLARGE");
-    EXPECT_TRUE(mark.waitFor("reason=TRANSFER_TOOLARGE(6), httpCode=0"));
-    EXPECT_EQ(manager().requests("POST /upload/large"), before);
-
-    std::filesystem::resize_file(inside(file), maxSz);
-    get(what, what, {{"filename", "heatmap_12.png"}});
-    EXPECT_TRUE(arrives(what)) << "one of exactly its maximum";
-  }
-}
-
 }  // namespace
 }  // namespace kova::system_test

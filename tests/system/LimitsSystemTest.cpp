@@ -65,16 +65,5 @@ TEST_F(LimitsSystem, FirmwareOf50MebibytesIsFlashed) {
   EXPECT_EQ(readFile(camera().flash() / "firmware.bin"), content);
 }
 
-TEST_F(LimitsSystem, BodyOf64MebibytesIsRefusedAndNotBuffered) {
-  const std::size_t before = controlServer(camera()).residentKiB();
-  manager().serve("fw.bin", std::string(64 * kMebibyte, 'x'));
-  EXPECT_EQ(requester().outcomeOf({{"uri", manager().fileUri("fw.bin")}}), "TRANSFER_TOOLARGE");
-  EXPECT_LT(controlServer(camera()).residentKiB(), before + 16'384);
-}
-
-TEST_F(LimitsSystem, PictureDecoderHasEnoughMemory) {
-  EXPECT_EQ(put("logo", picture(300, 400)), "OK");
-}
-
 }  // namespace
 }  // namespace kova::system_test

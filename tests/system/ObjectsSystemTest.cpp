@@ -11,12 +11,6 @@ using testing::HasSubstr;
 using namespace std::string_literals;
 
 constexpr std::chrono::seconds kPatience{30};
-// Sanitized, a daemon makes a tenth as many answers in the same time.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr int kCallsOfDeafReader = 4;
-#else
-constexpr int kCallsOfDeafReader = 40;
-#endif
 constexpr char kBusctl[] = "/usr/bin/busctl";
 constexpr char kServer[] = "kova.kova_ctlserver";
 constexpr char kTransfer[] = "kova.Transfer1";
@@ -34,11 +28,6 @@ class ObjectsSystem : public TransferRig {
   static Result cancel(const std::string& path) {
     return busctl({"call", kServer, path, kTransfer, "Cancel"});
   }
-  static std::string managed() {
-    return busctl({"call", kServer, "/kova", "org.freedesktop.DBus.ObjectManager",
-                   "GetManagedObjects"})
-        .out;
-  }
   // The path of the transfer of the last request, once it is there.
   static std::string pathOfRequest(std::uint64_t id) {
     std::string found;
@@ -55,22 +44,6 @@ class ObjectsSystem : public TransferRig {
   }
   static bool awaits(const std::string& path, const std::string& name, const std::string& value) {
     return eventually([&] { return property(path, name) == "s \"" + value + "\"\n"; }, kPatience);
-  }
-  // 32 objects of more than 4 kB each.
-  void fillWithLongUris() {
-    for (int count = 0; count < 40; ++count) {
-      requester().ask(
-          {{"what", "logo"},
-           {"uri", "http://127.0.0.1:1/" + std::string(4'000, 'x') + std::to_string(count)}});
-    }
-    requester().settle();
-    ASSERT_TRUE(eventually([] { return managed().size() > 32U * 4'000U; }, kPatience));
-  }
-  static void expectGrowthBelow([[maybe_unused]] std::size_t kib,
-                                [[maybe_unused]] std::size_t before) {
-#if !defined(__SANITIZE_ADDRESS__)  // which keeps what is freed for a while
-    EXPECT_LT(controlServer(camera()).residentKiB(), before + kib);
-#endif
   }
   Result follow(std::vector<std::string> words) {
     words.insert(words.begin(), {KOVA_FOLLOW_TRANSFER, camera().busAddress()});
@@ -133,67 +106,6 @@ TEST_F(ObjectsSystem, RunningTransferIsCancelled) {
   const Result again = cancel(path);
   EXPECT_NE(again.status, 0);
   EXPECT_THAT(again.err, HasSubstr("has ended"));
-}
-
-// Each of the callers asks as fast as it is answered.
-TEST_F(ObjectsSystem, FloodOfReadsLeavesRequestsServed) {
-  fillWithLongUris();
-  const std::size_t before = controlServer(camera()).residentKiB();
-  camera().shell(
-      "for i in 1 2 3 4; do (while :; do busctl --address=unix:path=/run/kova/bus call "
-      "kova.kova_ctlserver /kova org.freedesktop.DBus.ObjectManager GetManagedObjects "
-      ">/dev/null 2>&1; done) </dev/null >/dev/null 2>&1 & echo $!; done >/tmp/flood");
-  for (int request = 0; request < 5; ++request) {
-    const Result stats = camera().ctl({"stats", "uptime"});
-    EXPECT_EQ(stats.status, 0) << stats.err;
-  }
-  camera().shell("kill $(cat /tmp/flood); rm /tmp/flood");
-  expectGrowthBelow(8'192, before);
-}
-
-/// A client that asks without end and reads nothing.
-class DeafReader {
- public:
-  explicit DeafReader(const std::string& address) {
-    sd_bus* opened = nullptr;
-    sd_bus_new(&opened);
-    bus_.reset(opened);
-    sd_bus_set_address(opened, address.c_str());
-    sd_bus_set_bus_client(opened, 1);
-    EXPECT_GE(sd_bus_start(opened), 0);
-    while (sd_bus_is_ready(opened) == 0 && sd_bus_process(opened, nullptr) >= 0) {
-      sd_bus_wait(opened, 100'000);
-    }
-  }
-  void ask(int calls) {
-    for (int call = 0; call < calls; ++call) {
-      sd_bus_message* created = nullptr;
-      sd_bus_message_new_method_call(bus_.get(), &created, kServer, "/kova",
-                                     "org.freedesktop.DBus.ObjectManager", "GetManagedObjects");
-      const std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)> owned(
-          created, sd_bus_message_unref);
-      sd_bus_send(bus_.get(), created, nullptr);
-    }
-  }
-
- private:
-  std::unique_ptr<sd_bus, decltype(&sd_bus_close_unref)> bus_{nullptr, sd_bus_close_unref};
-};
-
-// Each may hold 2 MiB of answers in the bus, and all together less than what stops the daemon.
-TEST_F(ObjectsSystem, DeafReadersDoNotSilenceDaemon) {
-  fillWithLongUris();
-  const std::size_t before = controlServer(camera()).residentKiB();
-  std::vector<std::unique_ptr<DeafReader>> readers;
-  for (int reader = 0; reader < 60; ++reader) {
-    readers.push_back(std::make_unique<DeafReader>(camera().busAddress()));
-    readers.back()->ask(kCallsOfDeafReader);
-  }
-  BusClient client(camera().busAddress());
-  for (int request = 0; request < 20; ++request) {
-    EXPECT_EQ(client.call(kova::system_test::request("GetSystemStats")), "status 0");
-  }
-  expectGrowthBelow(16'384, before);
 }
 
 class DeviceSystem : public ObjectsSystem {

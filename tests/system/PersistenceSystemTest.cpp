@@ -1,19 +1,10 @@
 #include <csignal>
-#include <thread>
 
 #include "BusClient.h"
 #include "SharedCamera.h"
 
 namespace kova::system_test {
 namespace {
-
-TEST(PersistenceSystem, UnsavedChangesAreLostAtReboot) {
-  Camera camera;
-  writeFile(camera.root() / "etc/persistent/note", "unsaved");
-  ASSERT_EQ(camera.exec({"/usr/bin/reboot"}).status, 0);
-  ASSERT_TRUE(camera.waitForBoot(2));
-  EXPECT_FALSE(std::filesystem::exists(camera.root() / "etc/persistent/note"));
-}
 
 TEST(PersistenceSystem, SaveKeepsAndFactoryResetErases) {
   Camera camera;
@@ -44,12 +35,12 @@ TEST(PersistenceSystem, RebootRequestSavesAndReboots) {
 /// A camera with a saved configuration that has acknowledged a factory reset and was then asked for
 /// a reboot, which its tool does not carry out.
 struct Rebooting {
-  explicit Rebooting(std::uint32_t delayMs) : mark(camera), server(controlServer(camera)) {
+  Rebooting() : mark(camera), server(controlServer(camera)) {
     EXPECT_EQ(camera.ctl({"save", "--sync"}).status, 0);
     EXPECT_TRUE(isSaved());
     camera.misbehave("reboot", "exit", "0");
     EXPECT_EQ(client.call(request("ResetToDefaults")), "status 0");
-    client.post(request("Reboot", {{"delayMs", value('u', delayMs)}}));
+    client.post(request("Reboot"));
     client.pump();
   }
 
@@ -72,31 +63,11 @@ struct Rebooting {
 };
 
 TEST(PersistenceSystem, SigtermDuringRebootWaitRunsReset) {
-  Rebooting rebooting(0);
+  Rebooting rebooting;
   ASSERT_TRUE(rebooting.mark.waitFor(": Entering reboot wait mode"));
   EXPECT_TRUE(rebooting.isSaved());
   rebooting.server.signal(SIGTERM);
   rebooting.expectEndWithReset();
-}
-
-/// Whether the process sleeps on, which an idle control server does for 10 ms only.
-bool sleepsOn(const HostProcess& process) {
-  const auto waits = [&] {
-    const std::string status = readFile("/proc/" + std::to_string(process.pid()) + "/status");
-    return status.substr(status.find("\nvoluntary_ctxt_switches:"));
-  };
-  const std::string before = waits();
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  return waits() == before;
-}
-
-TEST(PersistenceSystem, SigtermDuringRebootDelayIsNotLost) {
-  Rebooting rebooting(5000);
-  ASSERT_TRUE(eventually([&] { return sleepsOn(rebooting.server); }));
-  rebooting.server.signal(SIGTERM);
-  EXPECT_EQ(rebooting.mark.text().find(": Entering reboot wait mode"), std::string::npos);
-  rebooting.expectEndWithReset();
-  EXPECT_NE(rebooting.mark.text().find(": Entering reboot wait mode"), std::string::npos);
 }
 
 TEST(PersistenceSystem, FailingFlashDoesNotFloodLog) {

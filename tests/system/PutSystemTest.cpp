@@ -71,35 +71,5 @@ TEST_F(PutSystem, ServerOfOtherAuthorityIsRefused) {
   expectRefused(kKinds[0], "TRANSFER_FAILED", stranger.fileUri("file"), md5(kKinds[0].sample));
 }
 
-/// Boots of its own, so the control server is not the same throughout.
-TEST(PutRebootSystem, InstalledFilesSurviveReboot) {
-  Camera camera;
-  Manager manager;
-  manager.adopt(camera);
-  {
-    Requester requester(camera);
-    for (const Kind& kind : kKinds) {
-      manager.serve(kind.what, kind.sample);
-      ASSERT_EQ(requester.outcomeOf({{"what", kind.what},
-                                     {"uri", manager.fileUri(kind.what)},
-                                     {"hash", md5(kind.sample)}}),
-                "OK");
-    }
-  }
-  ASSERT_EQ(camera.exec({"/usr/bin/reboot"}).status, 0);
-  ASSERT_TRUE(camera.waitForBoot(2));
-  Requester requester(camera);
-  for (const Kind& kind : kKinds) {
-    const auto path = camera.root() / kind.path().substr(1);
-    EXPECT_EQ(readFile(path), kind.sample);
-    EXPECT_EQ(readFile(path.string() + ".md5"), md5(kind.sample));
-    requester.ask({{"what", kind.what},
-                   {"uri", manager.fileUri("after-reboot")},
-                   {"hash", md5(kind.sample)}});
-  }
-  requester.settle();
-  EXPECT_EQ(manager.requests("GET /files/after-reboot"), 0U) << "it is known to be installed";
-}
-
 }  // namespace
 }  // namespace kova::system_test

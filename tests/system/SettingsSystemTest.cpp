@@ -1,5 +1,3 @@
-#include <set>
-
 #include "BusClient.h"
 #include "SharedCamera.h"
 #include "SystemCfg.h"
@@ -89,101 +87,25 @@ TEST_F(SettingsSystem, ResetSettingsRestoresNameAndZoneWithoutFlashOrReboot) {
   EXPECT_EQ(camera().boots(), boot);
 }
 
-class HostileSettings : public SettingsSystem {
- protected:
-  void SetUp() override {
-    SettingsSystem::SetUp();
-    change(camera(), {"name=Plain", "region=Plain"});
-    ASSERT_TRUE(eventually([] { return readFile(camera().root() / "etc/hostname") == "Plain\n"; }));
-    passwd_ = readFile(camera().root() / "etc/passwd");
-    paths_ = paths();
-    boot_ = camera().boots();
-  }
-  void TearDown() override {
-    // The tool that applies a name replaces its file a moment later.
-    EXPECT_TRUE(eventually([&] { return paths() == paths_; }));
-    EXPECT_EQ(readFile(camera().root() / "etc/passwd"), passwd_);
-    EXPECT_EQ(camera().boots(), boot_);
-    EXPECT_EQ(runs("/usr/bin/reboot"), 0U);
-    SettingsSystem::TearDown();
-  }
-
-  static std::string send(const std::string& field, const std::string& content) {
-    return BusClient(camera().busAddress())
-        .call(request("ChangeDeviceSettings", {{field, bytes(content)}}));
-  }
-
- private:
-  static std::set<std::string> paths() {
-    std::set<std::string> found;
-    for (const char* folder : {"", "etc", "etc/persistent", "tmp", "usr/share/zoneinfo"}) {
-      for (const auto& entry : std::filesystem::directory_iterator(camera().root() / folder)) {
-        found.insert(entry.path());
-      }
-    }
-    return found;
-  }
-
-  std::string passwd_;
-  std::set<std::string> paths_;
-  int boot_ = 0;
-};
-
-const std::string kHarmless[] = {"; reboot",   "$(touch /tmp/x)", "`touch /tmp/x`",
-                                 "| reboot &", "../../tmp",       "'\"\\",
-                                 "%s%n%s",     "\xff\xfe\x80",    "a=b",
-                                 "-n",         "\x1b[2J",         "#"};
-const std::string kBreaking[] = {"a\nusers.1.name=evil", "a\r\nb", "\n", "a\0b"s, "\0"s};
-
-TEST_F(HostileSettings, NamesAndRegionsAreStoredVerbatimOnOneLine) {
-  for (const auto& [field, key] : {std::pair{"name", kNameKey}, {"region", kRegionKey}}) {
-    for (const std::string& content : kHarmless) {
-      const std::string before = cfg();
-      EXPECT_EQ(send(field, content), "status 0") << field << " " << content;
-      EXPECT_EQ(cfg(), withSetting(before, key, content)) << field << " " << content;
-    }
-  }
-}
-
-TEST_F(HostileSettings, NamesAndRegionsAddNoLineBreakOrNul) {
-  const std::string before = cfg();
-  for (const char* field : {"name", "region"}) {
-    for (const std::string& content : kBreaking) {
-      EXPECT_EQ(send(field, content), "status 1") << field << " " << content;
-    }
-  }
-  EXPECT_EQ(cfg(), before);
-}
-
-TEST_F(HostileSettings, UnknownZonesAreRefused) {
-  const std::string before = cfg();
-  const std::string zone = systemZone();
-  for (const std::string& content : kHarmless) {
-    EXPECT_EQ(send("timezone", content), "status 1") << content;
-  }
-  for (const std::string& content : kBreaking) {
-    EXPECT_EQ(send("timezone", content), "status 1") << content;
-    EXPECT_EQ(send("timezone", "GMT" + content), "status 1") << content;
-  }
-  for (const char* path : {"", ".", "..", "../../../etc/passwd", "/etc/passwd", "Europe/../GMT",
-                           "Europe", "/usr/share/zoneinfo/GMT", "GMT/"}) {
-    EXPECT_EQ(send("timezone", path), "status 1") << path;
-  }
-  EXPECT_EQ(cfg(), before);
-  EXPECT_EQ(systemZone(), zone);
-}
-
-TEST_F(HostileSettings, MegabyteIsRefusedByStoreOrBus) {
-  // What the bus takes at most in all, and the store. The store has more beside the value.
-  constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
-  const std::string before = cfg();
-  const std::string zone = systemZone();
-  for (const char* field : {"name", "timezone", "region"}) {
-    EXPECT_EQ(send(field, std::string(kMebibyte - 200, 'a')), "status 1") << field;
-    EXPECT_EQ(send(field, std::string(kMebibyte, 'a')), "kova.Error.InvalidMessage") << field;
-  }
-  EXPECT_EQ(cfg(), before);
-  EXPECT_EQ(systemZone(), zone);
+TEST_F(SettingsSystem, HangingToolIsEndedAfterItsTime) {
+  const char* tool = "kova_cmd_apply_camera_name.sh";
+  camera().misbehave(tool, "sleep", "1000");
+  const LogMark mark(camera());
+  const auto start = std::chrono::steady_clock::now();
+  BusClient client(camera().busAddress());
+  client.post(request("ChangeDeviceSettings", {{"name", text("Porch")}}));
+  EXPECT_TRUE(eventually(
+      [&] {
+        client.pump();
+        return client.outstanding() == 0;
+      },
+      std::chrono::seconds(40)));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+  EXPECT_TRUE(mark.waitFor(": /bin/kova_cmd_apply_camera_name.sh exceeded its time"));
+  EXPECT_TRUE(mark.waitFor(": Failed to apply camera name"));
+  // Its children went with it.
+  EXPECT_TRUE(eventually([&] { return processesOf(camera(), "kova_cmd_apply_").empty(); }));
+  camera().behave(tool);
 }
 
 }  // namespace

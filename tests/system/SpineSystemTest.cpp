@@ -149,31 +149,6 @@ TEST_F(SpineSystem, SigtermIsLoggedAndWritesPendingSave) {
   EXPECT_EQ(occurrences(log, ": Persisted"), 1U);
 }
 
-TEST_F(SpineSystem, StalledSyslogdDoesNotBlock) {
-  const LogMark mark(camera());
-  const auto loggers = processesOf(camera(), "syslogd");
-  ASSERT_EQ(loggers.size(), 1U);
-  const HostProcess syslogd(loggers.front());
-  syslogd.signal(SIGSTOP);
-  BusClient client(camera().busAddress());
-  // More than waits in a socket.
-  for (int i = 0; i < 700; ++i) {
-    client.post(request("StopService", {{"service", text("absent" + std::to_string(i))}}));
-  }
-  EXPECT_TRUE(eventually(
-      [&] {
-        client.pump(100);
-        return client.outstanding() == 0;
-      },
-      std::chrono::seconds(60)));
-  EXPECT_EQ(client.outcomes().at("status 1"), 700U);
-  syslogd.signal(SIGCONT);
-  EXPECT_TRUE(eventually([&] {
-    EXPECT_EQ(client.call(request("StopService", {{"service", text("later")}})), "status 1");
-    return mark.text().find(" lines that the system log did not take") != std::string::npos;
-  })) << mark.text();
-}
-
 TEST_F(SpineSystem, LostBusEndsWith255AndBothAreRestarted) {
   const LogMark mark(camera());
   const HostProcess server = controlServer(camera());

@@ -39,25 +39,6 @@ TEST_F(SupportSystem, HangingGeneratorEndsWithItsRequest) {
   EXPECT_TRUE(arrives("after-hang"));
 }
 
-TEST_F(SupportSystem, LateGeneratorLeavesNothingToLaterRequest) {
-  camera().misbehave("support", "sleep", "2");
-  EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 500}})),
-            "TRANSFER_TIMEOUT");
-  EXPECT_FALSE(eventually([] { return !archiveIsGone(); }, std::chrono::seconds(3)))
-      << "an archive appeared after its request";
-  camera().behave("support");
-}
-
-TEST_F(SupportSystem, CameraServesDuringSlowGenerator) {
-  camera().misbehave("support", "sleep", "1.5");
-  get("supportInfo", "slow");
-  EXPECT_EQ(
-      requester().outcomeOf({{"what", "logo"}, {"uri", "http://127.0.0.1:1/"}, {"hash", "x"}}),
-      "TRANSFER_FAILED");
-  EXPECT_FALSE(manager().received("slow").has_value());
-  EXPECT_TRUE(arrives("slow"));
-}
-
 TEST_F(SupportSystem, GrowingArchiveIsSentAtInitialSize) {
   const std::string start = picture(1500, 1500, 's');
   const auto archive = inside("/tmp/supportinfo.tar");

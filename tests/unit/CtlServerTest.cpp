@@ -88,32 +88,6 @@ TEST_F(CtlServerTest, OwnerOfUploadsIsNumberOrName) {
   utils::trustFilesOf("0");
 }
 
-TEST_F(CtlServerTest, PendingSaveIsWrittenLastAtDestruction) {
-  {
-    CtlServer server(info_);
-    ASSERT_TRUE(server.init(nullptr));
-    platform().journal.clear();
-    server.persist(false);
-  }
-  EXPECT_THAT(platform().journal, ElementsAre("CloseStatsLib", std::string("run ") + kSave));
-}
-
-TEST_F(CtlServerTest, ServiceReportsFailingSaveAndGoesOn) {
-  CtlServer server(info_);
-  ASSERT_TRUE(server.init(nullptr));
-  fail(kSave);
-  server.persist(false);
-  platform().nowMs += 5001;
-  EXPECT_TRUE(server.service(0));
-  // One line of Persistence's own, one of the server.
-  ASSERT_EQ(platform().log.size(), 2U);
-  EXPECT_EQ(platform().log[1].unit, "CtlServer");
-  EXPECT_EQ(platform().log[1].function, "service");
-  EXPECT_EQ(platform().log[1].text, "Failed to persist");
-  EXPECT_EQ(platform().log[1].level, 3);
-  platform().onRun = nullptr;
-}
-
 TEST_F(CtlServerTest, SynchronousPersistSavesAtOnceAndReportsResult) {
   CtlServer server(info_);
   EXPECT_TRUE(server.persist(true));
@@ -131,13 +105,6 @@ TEST_F(CtlServerTest, FactoryResetDropsPendingSave) {
   server.service(0);
   server.service(0);
   EXPECT_THAT(platform().commands, ElementsAre("/bin/cfgmtd -c", kReboot));
-}
-
-TEST_F(CtlServerTest, RebootWaitsThenSavesThenReboots) {
-  CtlServer server(info_);
-  EXPECT_TRUE(server.reboot(false, 250, true));
-  EXPECT_THAT(platform().journal,
-              ElementsAre("sleep 250", std::string("run ") + kSave, std::string("run ") + kReboot));
 }
 
 TEST_F(CtlServerTest, RebootWithoutSaveOnlyReboots) {

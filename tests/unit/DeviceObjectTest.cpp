@@ -72,9 +72,15 @@ TEST_F(DeviceObjectTest, TypesAreAsDeclared) {
   const std::map<std::size_t, std::string> types{
       {0, "b"}, {1, "q"}, {2, "t"}, {3, "s"}, {4, "(ts)"}};
   const auto& rows = platform().bus.published.front().interface.properties;
+  std::vector<std::string> changing;
   for (std::size_t place = 0; place < rows.size(); ++place) {
     EXPECT_EQ(types.at(device_->read(place).index()), rows[place].type) << rows[place].name;
+    if (rows[place].changes) {
+      changing.emplace_back(rows[place].name);
+    }
   }
+  EXPECT_THAT(changing,
+              ElementsAre("Name", "SavePending", "ResetPending", "LastSave", "ButtonReadable"));
 }
 
 TEST_F(DeviceObjectTest, OddDescriptionsAreShownAsFarAsTheyGo) {

@@ -25,7 +25,7 @@ bool isUtf8(std::string_view text) {
 
 TEST(DisplayTextTest, ValidTextStays) {
   for (const std::string text :
-       {"", "plain", "K\xC3\xA4se", "\xE2\x82\xAC 5", "\xF0\x9F\x93\xB7"}) {
+       {"", "plain", "K\xC3\xA4se", "\xE2\x82\xAC 5", "\xF0\x9F\x93\xB7", "\xF3\xA0\x84\x80"}) {
     EXPECT_EQ(displayText(text, 100), text);
   }
 }

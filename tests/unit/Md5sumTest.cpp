@@ -135,10 +135,5 @@ TEST_F(Md5sumTest, EveryDigestFailureIsDistinct) {
   expectFailure(kFile, "Failed to compute md5 of /tmp/file");
 }
 
-TEST_F(Md5sumTest, FailedInitIsReportedBeforeOpening) {
-  faults.init = true;
-  expectFailure("/tmp/none", "Failed to initialize md5");
-}
-
 }  // namespace
 }  // namespace kova::ctlserver

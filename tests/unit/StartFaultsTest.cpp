@@ -83,14 +83,6 @@ TEST_F(StartFaultsTest, UnsettableSignalHandlerStopsItThroughTeardown) {
               ElementsAre("Ipc::Init kova_ctlserver", "CloseStatsLib", "Ipc::FreeInstance"));
 }
 
-TEST_F(StartFaultsTest, SystemLogIsOpenedFirst) {
-  platform().crashHandlerResult = false;
-  EXPECT_EQ(kova_ctlserver_main(), -1);
-  const std::string opened =
-      "openSystemLog ctl " + std::to_string(LOG_PID) + " " + std::to_string(LOG_LOCAL0);
-  EXPECT_THAT(platform().journal, ElementsAre(opened, "InstallCrashDumpHandler"));
-}
-
 TEST_F(StartFaultsTest, FailingTransferServiceEndsInitBeforeButton) {
   calls.multiInitFails = true;
   CtlServer server(info_);

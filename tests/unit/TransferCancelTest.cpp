@@ -164,17 +164,5 @@ TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsToldInFirst) {
             "of its own: the deadline of 0 ms passed when 0 bytes were transferred.");
 }
 
-TEST_F(TransferCancelTest, FloodOfRefusedRequestsKeepsRunningRecord) {
-  peerHolds();
-  write("/tmp/snap.jpeg", "picture");
-  ASSERT_TRUE(ask("snapshot", uri()));
-  for (int i = 0; i < 5000; ++i) {
-    EXPECT_FALSE(ask("snapshot", uri("/other")));
-  }
-  EXPECT_EQ(records().numbers().size(), 1 + TransferRecords::kMostEnded);
-  EXPECT_EQ(record(1).outcome, "");
-  EXPECT_EQ(records().cancel(1), Cancel::Done);
-}
-
 }  // namespace
 }  // namespace kova::ctlserver

@@ -4,7 +4,6 @@ namespace kova::ctlserver {
 namespace {
 
 using fakes::platform;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -102,27 +101,6 @@ TEST_F(TransferFieldsTest, SenderMayBeMissingOnlyWithoutEvents) {
       << "a put has no such switch";
 }
 
-TEST_F(TransferFieldsTest, EventFileNameMustMatchPattern) {
-  for (const char* filename : {"../etc/passwd", "motionsnap_7a.jpg", "heatmap_1.png", "snap.jpeg",
-                               "", "/etc/passwd", "motionsnap_1.jpg/../../etc/passwd"}) {
-    startServer();
-    EXPECT_FALSE(ask("eventSnapshot", uri(), {{"filename", filename}}));
-    EXPECT_THAT(
-        logged(),
-        ElementsAre(
-            std::string("3 TransferTaskWhitelist.onCheck: Path not on whitelist for "
-                        "name=eventSnapshot, path=/tmp/") +
-                filename,
-            "3 BaseTransferTask.start: Task-specific checks failed",
-            "3 TransferService.add: Failed to start task, task=eventSnapshot, uri=" + uri()));
-  }
-  EXPECT_FALSE(ask("eventHeatmap", uri(), {{"filename", "motionsnap_1.jpg"}}));
-  EXPECT_FALSE(ask("eventHeatmap", uri(), {{"filename", Variant()}}));
-  EXPECT_EQ(platform().log[platform().log.size() - 3].text,
-            "Path not on whitelist for name=eventHeatmap, path=/tmp/_UNINITIALIZED_");
-  EXPECT_THAT(events(), IsEmpty());
-}
-
 TEST_F(TransferFieldsTest, PutOfInstalledFileIsDoneAtOnce) {
   write("/etc/persistent/user_logo.md5", kContentDigest);
   for (const Fields& more : {Fields{}, Fields{{"timeoutMs", 0}}, Fields{{"from", ""}}}) {
@@ -157,22 +135,6 @@ TEST_F(TransferFieldsTest, PutWithoutHashIsRefusedByTask) {
                     "3 TransferService.add: Failed to start task, task=user_sound, uri=" + uri()));
   }
   EXPECT_THAT(events(), IsEmpty());
-}
-
-TEST_F(TransferFieldsTest, EveryKindIsRefusedWithoutUri) {
-  for (const std::string kind : kKinds) {
-    for (const Variant& missing : {Variant(""), Variant(), Variant(7)}) {
-      startServer();
-      Fields fields = {{"what", kind},
-                       {"uri", missing},
-                       {"hash", "x"},
-                       {"filename", kind == "eventHeatmap" ? "heatmap_.png" : "motionsnap_.jpg"}};
-      EXPECT_FALSE(kind == "fw"                        ? firmware(fields)
-                   : operationOf(kind) == "putRequest" ? put(fields)
-                                                       : get(fields));
-      EXPECT_THAT(logged(), Contains("3 BaseTransferTask.start: URI must be set"));
-    }
-  }
 }
 
 }  // namespace

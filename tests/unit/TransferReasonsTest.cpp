@@ -230,9 +230,9 @@ TEST_F(TransferReasonsTest, UploadSaysWhetherServerTookFile) {
   EXPECT_EQ(record(1).httpStatus, 200);
   EXPECT_EQ(record(1).transferred, 7U);
   EXPECT_EQ(record(1).size, 7U);
-  peer_.emplace(engine::answering("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n"));
+  peer_.emplace(engine::answering("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n"));
   EXPECT_EQ(outcome("snapshot", uri()),
-            "TRANSFER_FAILED: The server answered with HTTP status 403: the server did not take "
+            "TRANSFER_FAILED: The server answered with HTTP status 400: the server did not take "
             "the file.");
   EXPECT_THAT(events(), IsEmpty());
 }
@@ -272,6 +272,8 @@ TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {
   write("/tmp/heatmap_1.png", std::string(65537, 'x'));
   EXPECT_EQ(outcome("eventHeatmap", uri()),
             "TRANSFER_TOOLARGE: The file has 65537 bytes, but at most 65536 are allowed.");
+  EXPECT_TRUE(platform().logged(4, "Transfer task failed, name=eventHeatmap, uri=" + uri() +
+                                       ", reason=TRANSFER_TOOLARGE(6), httpCode=0"));
   EXPECT_EQ(last().size, 65537U);
   EXPECT_EQ(last().httpStatus, 0);
 }
@@ -282,6 +284,7 @@ TEST_F(TransferReasonsTest, DeadlineNamesItsPhase) {
   server_->service(0);
   EXPECT_EQ(told(1),
             "TRANSFER_TIMEOUT: The deadline of 5000 ms passed before the file to send was ready.");
+  EXPECT_EQ(record(1).httpStatus, 0);
   peerScript([](engine::Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n12345");

@@ -72,15 +72,6 @@ TEST_F(TransferTaskFirmwareTest, FreshTaskDownloads50MebibytesInTenMinutes) {
   EXPECT_EQ(task.timeout(), 600000U);
 }
 
-TEST_F(TransferTaskFirmwareTest, ZeroTimeOutBecomesHalfHour) {
-  task_.setTimeout(0);
-  EXPECT_TRUE(task_.onCheck());
-  EXPECT_EQ(task_.timeout(), 1800000U);
-  task_.setTimeout(5000);
-  EXPECT_TRUE(task_.onCheck());
-  EXPECT_EQ(task_.timeout(), 5000U);
-}
-
 TEST_F(TransferTaskFirmwareTest, StartRemovesOldImageIfAny) {
   EXPECT_TRUE(task_.onStart());
   EXPECT_FALSE(exists(kImage));

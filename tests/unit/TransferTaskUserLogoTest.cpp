@@ -94,13 +94,5 @@ TEST_F(TransferTaskUserLogoTest, FailedProbeCountsAsEmptyPicture) {
   }
 }
 
-TEST_F(TransferTaskUserLogoTest, EmptyFileHasDigestButIsNotPicture) {
-  arm("d41d8cd98f00b204e9800998ecf8427e");
-  probeAnswers("empty=1 channels=1 depth=0 width=0 height=0\n");
-  write(download_, "");
-  succeed();
-  expectRefused("empty=1, nCh=1, depth=0, width=0, height=0");
-}
-
 }  // namespace
 }  // namespace kova::ctlserver

@@ -1,14 +1,10 @@
 // What a decoder that was taken over can still do.
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 
-#include "ProbeRun.h"
+#include "ProbeFixture.h"
 
 namespace kova::imageprobe {
 namespace {
@@ -17,18 +13,15 @@ constexpr int kWorked = 0;
 constexpr int kRefused = 1;
 constexpr int kForbidden = 128 + SIGSYS;
 
-class ConfinementTest : public testing::Test {
+class ConfinementTest : public ProbeFixture {
  protected:
   void SetUp() override {
-    folder_ = testing::TempDir() + "/imageprobe.XXXXXX";
-    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+    ProbeFixture::SetUp();
     // Whoever it is: only the confinement stands in the way.
     ASSERT_EQ(chmod(folder_.c_str(), 0777), 0);
-    file_ = folder_ + "/file";
-    std::ofstream(file_) << "content";
+    write("content");
     ASSERT_EQ(chmod(file_.c_str(), 0666), 0);
   }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
 
   Ended attempt(const std::string& act) const { return run({KOVA_CONFINED, act, file_}); }
 
@@ -49,9 +42,6 @@ class ConfinementTest : public testing::Test {
     EXPECT_EQ(status.st_mode & 0777U, 0666U);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_), {}), 1);
   }
-
-  std::string folder_;
-  std::string file_;
 };
 
 TEST_F(ConfinementTest, PictureCanBeReadAndResultPrinted) {

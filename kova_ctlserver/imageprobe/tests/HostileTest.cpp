@@ -2,17 +2,10 @@
 // a picture only where there is one.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <random>
 
-#include "ProbeRun.h"
+#include "ProbeFixture.h"
 
 namespace kova::imageprobe {
 namespace {
@@ -41,26 +34,10 @@ constexpr Sample kSamples[] = {
     {".pgm", CV_16UC1}, {".ppm", CV_8UC3},   {".pbm", CV_8UC1},   {".pam", CV_8UC3},
     {".sr", CV_8UC3},   {".hdr", CV_32FC3},  {".pfm", CV_32FC1}};
 
-class HostileTest : public testing::Test {
+class HostileTest : public ProbeFixture {
  protected:
-  void SetUp() override {
-    folder_ = testing::TempDir() + "/imageprobe.XXXXXX";
-    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
-    ASSERT_EQ(chmod(folder_.c_str(), 0755), 0);  // the probe reads as nobody
-    file_ = folder_ + "/file";
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
-
-  void write(const std::string& content) const {
-    std::ofstream(file_, std::ios::binary | std::ios::trunc) << content;
-  }
-
-  static std::string encode(const Sample& sample, int width = 64, int height = 48) {
-    cv::Mat image(height, width, sample.type);
-    cv::RNG(7).fill(image, cv::RNG::UNIFORM, 0, CV_MAT_DEPTH(sample.type) == CV_32F ? 1 : 255);
-    std::vector<unsigned char> bytes;
-    EXPECT_TRUE(cv::imencode(sample.format, image, bytes)) << sample.format;
-    return {bytes.begin(), bytes.end()};
+  static std::string encoded(const Sample& sample) {
+    return encode(sample.format, noise(64, 48, sample.type));
   }
 
   /// What the probe says; "killed" when it was ended by a signal.
@@ -86,14 +63,31 @@ class HostileTest : public testing::Test {
     }
   }
 
-  std::string folder_;
-  std::string file_;
+  void expectRefused(const std::string& content) const {
+    write(content);
+    const std::string said = bounded();
+    EXPECT_TRUE(said == kEmptyLine || said == "killed")
+        << testing::PrintToString(content.substr(0, 40)) << said;
+  }
+
+  /// A progressive JPEG file of 1024x1024 pixels, its last scan repeated.
+  static std::string jpegWithMoreScans(int more) {
+    std::string file =
+        encode(".jpg", noise(1024, 1024, CV_8UC3), {cv::IMWRITE_JPEG_PROGRESSIVE, 1});
+    const std::size_t end = file.rfind("\xff\xd9");
+    const std::size_t scan = file.rfind("\xff\xda");
+    const std::string last = file.substr(scan, end - scan);
+    for (int i = 0; i < more; ++i) {
+      file.insert(end, last);
+    }
+    return file;
+  }
 };
 
 TEST_F(HostileTest, ProbeDecodesWhatLibraryDecodes) {
   for (const Sample& sample : kSamples) {
     SCOPED_TRACE(std::string(sample.format) + " " + std::to_string(sample.type));
-    write(encode(sample));
+    write(encoded(sample));
     const std::string expected = unconfined(file_);
     EXPECT_THAT(expected, testing::EndsWith(" width=64 height=48\n")) << "it shows nothing";
     EXPECT_EQ(bounded(), expected);
@@ -102,7 +96,7 @@ TEST_F(HostileTest, ProbeDecodesWhatLibraryDecodes) {
 
 TEST_F(HostileTest, CutFilesGiveTrueSizeOrKill) {
   for (const Sample& sample : kSamples) {
-    const std::string good = encode(sample);
+    const std::string good = encoded(sample);
     for (const double part : {0.03, 0.3, 0.97}) {
       const auto length = static_cast<std::size_t>(static_cast<double>(good.size()) * part);
       SCOPED_TRACE(std::string(sample.format) + " cut at " + std::to_string(length));
@@ -114,7 +108,7 @@ TEST_F(HostileTest, CutFilesGiveTrueSizeOrKill) {
 TEST_F(HostileTest, FlippedBitsGiveTrueSizeOrKill) {
   std::mt19937 random(20'001);
   for (const Sample& sample : kSamples) {
-    const std::string good = encode(sample);
+    const std::string good = encoded(sample);
     for (int round = 0; round < 4; ++round) {
       std::string bad = good;
       for (int flip = 0; flip < 1 << round; ++flip) {
@@ -142,45 +136,21 @@ TEST_F(HostileTest, NoiseAfterFormatSignatureIsRefused) {
       for (std::size_t i = 0; i < length; ++i) {
         content.push_back(static_cast<char>(random()));
       }
-      write(content);
-      const std::string said = bounded();
-      EXPECT_TRUE(said == kEmptyLine || said == "killed") << testing::PrintToString(magic) << said;
+      expectRefused(content);
     }
   }
 }
 
 TEST_F(HostileTest, PicturesThatExceedMemoryAreRefused) {
-  std::vector<unsigned char> bytes;
-  ASSERT_TRUE(cv::imencode(".png", cv::Mat::zeros(17'000, 17'000, CV_8UC1), bytes));
-  write({bytes.begin(), bytes.end()});
-  const std::string said = bounded();
-  EXPECT_TRUE(said == kEmptyLine || said == "killed") << said;
+  expectRefused(encode(".png", cv::Mat::zeros(17'000, 17'000, CV_8UC1)));
 }
 
 TEST_F(HostileTest, HighlyCompressedPicturesEndInTime) {
   for (const char* format : {".png", ".webp", ".jpg", ".tiff"}) {
-    std::vector<unsigned char> bytes;
-    ASSERT_TRUE(cv::imencode(format, cv::Mat::zeros(12'000, 12'000, CV_8UC1), bytes));
-    write({bytes.begin(), bytes.end()});
+    write(encode(format, cv::Mat::zeros(12'000, 12'000, CV_8UC1)));
     const std::string said = bounded();
     EXPECT_TRUE(said == greyLine(12'000, 12'000) || said == kEmptyLine || said == "killed") << said;
   }
-}
-
-/// A progressive JPEG file of 1024x1024 pixels, its last scan repeated.
-std::string jpegWithMoreScans(int more) {
-  cv::Mat image(1024, 1024, CV_8UC3);
-  cv::RNG(7).fill(image, cv::RNG::UNIFORM, 0, 255);
-  std::vector<unsigned char> bytes;
-  EXPECT_TRUE(cv::imencode(".jpg", image, bytes, {cv::IMWRITE_JPEG_PROGRESSIVE, 1}));
-  std::string file(bytes.begin(), bytes.end());
-  const std::size_t end = file.rfind("\xff\xd9");
-  const std::size_t scan = file.rfind("\xff\xda");
-  const std::string last = file.substr(scan, end - scan);
-  for (int i = 0; i < more; ++i) {
-    file.insert(end, last);
-  }
-  return file;
 }
 
 TEST_F(HostileTest, FullSizeProgressiveJpegIsDecoded) {
@@ -199,12 +169,10 @@ TEST_F(HostileTest, HeadersThatOverstateContentEndInTime) {
         std::string("P5\n-1 -1\n255\n"),
         std::string("P7\nWIDTH 40000\nHEIGHT 40000\nDEPTH 4\nMAXVAL 255\nENDHDR\n"),
         std::string("Pf\n40000 40000\n-1.0\n")}) {
-    write(header + "few bytes");
-    const std::string said = bounded();
-    EXPECT_TRUE(said == kEmptyLine || said == "killed") << header << said;
+    expectRefused(header + "few bytes");
   }
   // A BMP file whose height says 30,000.
-  std::string bitmap = encode({".bmp", CV_8UC3});
+  std::string bitmap = encoded({".bmp", CV_8UC3});
   bitmap.replace(22, 4, std::string("\x30\x75\0\0", 4));
   expectTrueOrKilled(bitmap);
 }

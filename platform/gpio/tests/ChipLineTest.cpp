@@ -38,6 +38,8 @@ TEST_F(ChipLineTest, LineIsFoundByLabelAndOffset) {
 TEST_F(ChipLineTest, LabelMayContainColons) {
   fakeChips[1].high[1] = true;
   EXPECT_EQ(level("INT33FF:00:1"), 1);
+  fakeChips[1].label = "x";
+  EXPECT_EQ(level("x:1"), 1);
 }
 
 TEST_F(ChipLineTest, LineIsFoundByItsName) {

@@ -104,8 +104,7 @@ int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
   }
   Signal signal{text(sd_bus_message_get_interface(message)),
                 text(sd_bus_message_get_member(message)), Variant::Array()};
-  std::string reason;
-  wire::decodeArguments(message, signal.arguments, reason);
+  wire::decodeArguments(message, signal.arguments);
   const auto changed = changed_;  // it may follow something else
   changed(signal);
   return 0;

@@ -28,8 +28,8 @@ int refuse(sd_bus_error* error, const char* name, const char* text) {
   return sd_bus_error_set_const(error, name, text);
 }
 
+/// @param error of which nothing is set yet
 int failed(sd_bus_error* error) {
-  sd_bus_error_free(error);
   return refuse(error, SD_BUS_ERROR_FAILED, "internal error");
 }
 

@@ -34,8 +34,8 @@ bool decode(sd_bus_message* message, variant::Variant& body, std::string& reason
 bool decodeAnswer(sd_bus_message* message, variant::Variant& value, std::string& reason);
 
 /// Reads all arguments of a received message, in the same way.
-/// @param arguments receives an array of the values
-bool decodeArguments(sd_bus_message* message, variant::Variant& arguments, std::string& reason);
+/// @param arguments receives an array of the values; left alone when they cannot be read
+void decodeArguments(sd_bus_message* message, variant::Variant& arguments);
 
 /// Appends a map as the message's only argument, an a{sv}. A value that is not a map is sent as an
 /// empty one.

@@ -286,13 +286,12 @@ bool decodeAnswer(sd_bus_message* message, Variant& value, std::string& reason) 
   return true;
 }
 
-bool decodeArguments(sd_bus_message* message, Variant& arguments, std::string& reason) {
+void decodeArguments(sd_bus_message* message, Variant& arguments) {
   Variant::Array values;
-  if (!Reader(message, true, reason).readArguments(values)) {
-    return false;
+  std::string reason;
+  if (Reader(message, true, reason).readArguments(values)) {
+    arguments = std::move(values);
   }
-  arguments = std::move(values);
-  return true;
 }
 
 }  // namespace kova::ipc::wire

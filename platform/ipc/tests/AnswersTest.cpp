@@ -2,6 +2,7 @@
 
 #include "BusTest.h"
 #include "Nesting.h"
+#include "SyslogRecorder.h"
 
 namespace kova::ipc::testing {
 namespace {
@@ -99,6 +100,22 @@ TEST_F(AnswersTest, RejectedAndUnclaimedFunctionsAreUnknown) {
   CatchAllHandlerRejector rejector(&ipc_);
   ipc_.AddHandler("", &rejector);
   EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
+}
+
+TEST_F(AnswersTest, LogHandlerHandlesAnyFunction) {
+  LogHandler log(&ipc_);
+  ipc_.AddHandler("", &log);
+  join();
+  EXPECT_EQ(call("Any").error, "");
+}
+
+TEST_F(AnswersTest, TransactionsHandlerRejectsSilently) {
+  Ledger ledger(&ipc_);
+  ipc_.AddHandler("", &ledger);
+  join();
+  tests::records.clear();
+  EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
+  EXPECT_TRUE(tests::records.empty());
 }
 
 TEST_F(AnswersTest, NonMapBodiesAreInvalid) {

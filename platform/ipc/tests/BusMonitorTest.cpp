@@ -70,6 +70,17 @@ TEST_F(BusMonitorTest, ShowsErrorsBroadcastsAndNamelessClients) {
   EXPECT_EQ(seen_[2].body, event);
 }
 
+TEST_F(BusMonitorTest, ClientKeepsFirstOfItsNames) {
+  join();
+  openMonitor();
+  EXPECT_GE(sd_bus_request_name(stranger_.bus(), "kova.first", 0), 0);
+  EXPECT_GE(sd_bus_request_name(stranger_.bus(), "kova.second", 0), 0);
+  EXPECT_GE(sd_bus_release_name(stranger_.bus(), "kova.second"), 0);
+  call("Unknown");
+  ASSERT_TRUE(untilSeen(1));
+  EXPECT_EQ(seen_[0].sender, "first");
+}
+
 TEST_F(BusMonitorTest, ShowsUndecodableMessageWithoutBody) {
   join();
   openMonitor();

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "ObjectsFixture.h"
+#include "SyslogRecorder.h"
 
 namespace kova::ipc::testing {
 namespace {
@@ -153,6 +154,7 @@ TEST_F(ObjectsTest, ValueOfOtherTypeFailsItsRead) {
 
 TEST_F(ObjectsTest, ChangesAreSignalled) {
   publish();
+  tests::records.clear();
   const auto heard = listen();
   things_.things[9] = {"nine", 9, 90};
   ASSERT_TRUE(ipc_.objects().added(things_, 9));
@@ -186,6 +188,7 @@ TEST_F(ObjectsTest, ChangesAreSignalled) {
   EXPECT_GT(sd_bus_message_read(heard->signals[2].get(), "o", &path), 0);
   EXPECT_STREQ(path, "/kova/things/9");
   EXPECT_EQ(memberOf(heard->signals[3]), "/kova PropertiesChanged");
+  EXPECT_TRUE(tests::records.empty());
 }
 
 // A client keeps an object until all interfaces that it was told of are removed.

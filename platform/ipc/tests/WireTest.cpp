@@ -149,8 +149,12 @@ TEST_F(WireTest, NanSurvivesRoundTrip) {
 }
 
 TEST_F(WireTest, MeasuredSizeEqualsMarshalledSize) {
+  auto values = everyType();
+  for (std::size_t length = 0; length < 16; ++length) {
+    values.push_back({"\xff" + std::string(length, 'x'), "ay"});
+  }
   Variant everything;
-  for (const auto& [value, type] : everyType()) {
+  for (const auto& [value, type] : values) {
     everything[std::to_string(everything.Size())] = value;
     MessagePtr message = bus_.newMessage();
     std::size_t size = 0;

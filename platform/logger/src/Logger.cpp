@@ -43,7 +43,6 @@ std::string escapeControls(const char* text) {
     return format;
   }
   const bool cut = static_cast<std::size_t>(needed) > kMaxText;
-  text.resize(cut ? kMaxText : static_cast<std::size_t>(needed));
   std::string escaped = escapeControls(text.c_str());
   return cut ? escaped + "..." : escaped;
 }

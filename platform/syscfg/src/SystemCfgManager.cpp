@@ -45,7 +45,6 @@ bool replaceStore(const std::string& text) {
 }  // namespace
 
 bool SystemCfgManager::init() {
-  lines_.clear();
   open_ = false;
   std::string text;
   if (!utils::File::ReadStringAll(kStore, text, kMaxStore)) {

@@ -44,6 +44,15 @@ TEST_F(AtomicReplacementTest, TargetChangesOnlyAtClose) {
   EXPECT_EQ(folder_.entries(), 1);
 }
 
+TEST_F(AtomicReplacementTest, AbandonedReplacementIsForgotten) {
+  File file;
+  ASSERT_TRUE(begin(file));
+  ASSERT_TRUE(file.Initialize(folder_ / "other", FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_TRUE(file.WriteString("plain") && file.Close());
+  EXPECT_EQ(readText(folder_ / "other"), "plain");
+  EXPECT_EQ(folder_.entries(), 1);
+}
+
 TEST_F(AtomicReplacementTest, NewFileHonoursUmask) {
   const mode_t saved = umask(027);
   File file;

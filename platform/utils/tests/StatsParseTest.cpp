@@ -113,6 +113,7 @@ TEST_F(CpuMeterTest, MeasuresBusyTimeBetweenReadings) {
 }
 
 TEST_F(CpuMeterTest, KeepsFigureWithinOneTick) {
+  EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 0 0 0 0 0 0 0 0\n"));
   const std::string text = "cpu0 30 0 0 70 0 0 0 0\n";
   EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
   EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
@@ -181,7 +182,9 @@ TEST_F(NetworkMeterTest, SkipsLoopbackAndReadsBothCounters) {
 }
 
 TEST_F(NetworkMeterTest, RatesAreBytesPerSecondSinceLastReading) {
-  EXPECT_EQ(0U, update(line("eth0", 1000, 500), 1000).interfaces[0].dnBps);
+  const NetworkStats first = update(line("eth0", 1000, 500), 1000);
+  EXPECT_EQ(0U, first.interfaces[0].dnBps);
+  EXPECT_EQ(0U, first.interfaces[0].upBps);
   const NetworkStats stats = update(line("eth0", 4000, 1500), 3000);
   EXPECT_EQ(1500U, stats.interfaces[0].dnBps);
   EXPECT_EQ(500U, stats.interfaces[0].upBps);

@@ -1,14 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/ptrace.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <set>
 
 #include "../../../utils/tests/TemporaryFolder.h"
 #include "kova/syscfg/SystemCfgManager.h"
@@ -70,46 +65,6 @@ TEST_F(SmallEtc, ReadOnlyDiskLeavesStoreUnchanged) {
   EXPECT_FALSE(change());
   EXPECT_EQ(readText(kStore), kOld);
   EXPECT_EQ(entries(), 1);
-}
-
-// Runs change() in a child that is killed at the given stop, before or after a system call.
-// @return whether it reached that stop
-bool changeKilledAt(int stop, bool (*change)()) {
-  const pid_t child = fork();
-  if (child == 0) {
-    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    raise(SIGSTOP);
-    _exit(change() ? 0 : 1);
-  }
-  int status = 0;
-  for (int at = 0; waitpid(child, &status, 0) == child && WIFSTOPPED(status); ++at) {
-    if (at == stop) {
-      kill(child, SIGKILL);
-    } else {
-      ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-    }
-  }
-  EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0) << status;
-  return WIFSIGNALED(status);
-}
-
-TEST_F(SmallEtc, KillAtAnySystemCallLeavesOldOrNewStore) {
-  std::set<std::string> seen;
-  int stop = 0;
-  for (; changeKilledAt(stop, &change); ++stop) {
-    const std::string content = readText(kStore);
-    EXPECT_TRUE(content == kOld || content == kNew) << "stop " << stop << ": " << content;
-    seen.insert(content);
-    for (const auto& entry : std::filesystem::directory_iterator("/etc")) {
-      if (entry.path() != kStore) {
-        std::filesystem::remove(entry);
-      }
-    }
-    writeText(kStore, kOld);
-  }
-  EXPECT_EQ(seen.size(), 2U);
-  EXPECT_GT(stop, 20);
-  EXPECT_EQ(readText(kStore), kNew);
 }
 
 }  // namespace

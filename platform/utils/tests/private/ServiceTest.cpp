@@ -159,15 +159,6 @@ TEST_F(ServiceTest, EssentialServiceCannotBeDisabledByAlias) {
   EXPECT_EQ("run\n", State("syslogd"));
 }
 
-TEST_F(ServiceTest, EssentialServiceCanBeEnabledAgain) {
-  install("syslogd");
-  writeText("/etc/sv/syslogd/down", "");
-  fs::create_symlink("/etc/sv/syslogd", "/etc/service/syslogd");
-  startSupervisor();
-  EXPECT_TRUE(EnableService("syslogd"));
-  EXPECT_EQ("run\n", State("syslogd"));
-}
-
 TEST_F(ServiceTest, UnknownNamesAreLogged) {
   kova::tests::records.clear();
   EXPECT_FALSE(EnableService("unknown"));

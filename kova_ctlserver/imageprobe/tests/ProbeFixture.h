@@ -1,0 +1,49 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <string>
+#include <vector>
+
+#include "ProbeRun.h"
+
+namespace kova::imageprobe {
+
+/// A file for the probe, which reads as nobody, in a folder of its own.
+class ProbeFixture : public testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = testing::TempDir() + "/imageprobe.XXXXXX";
+    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
+    ASSERT_EQ(chmod(folder_.c_str(), 0755), 0);
+    file_ = folder_ + "/file";
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  void write(const std::string& content) const {
+    std::ofstream(file_, std::ios::binary | std::ios::trunc) << content;
+  }
+
+  static std::string encode(const std::string& format, const cv::Mat& image,
+                            const std::vector<int>& how = {}) {
+    std::vector<unsigned char> bytes;
+    EXPECT_TRUE(cv::imencode(format, image, bytes, how)) << format;
+    return {bytes.begin(), bytes.end()};
+  }
+  static cv::Mat noise(int width, int height, int type) {
+    cv::Mat image(height, width, type);
+    cv::RNG(7).fill(image, cv::RNG::UNIFORM, 0, CV_MAT_DEPTH(type) == CV_32F ? 1 : 255);
+    return image;
+  }
+
+  std::string folder_;
+  std::string file_;
+};
+
+}  // namespace kova::imageprobe
