@@ -19,7 +19,7 @@ namespace {
 using tests::readText;
 using tests::writeText;
 
-constexpr char kStore[] = "/etc/system.cfg";
+constexpr char kStorePath[] = "/etc/system.cfg";
 constexpr char kOld[] = "name=old\nzone=GMT\n";
 constexpr char kNew[] = "name=new\nzone=GMT\n";
 
@@ -29,7 +29,7 @@ class SmallEtc : public testing::Test {
   void SetUp() override {
     ASSERT_EQ(mount("tmpfs", "/etc", "tmpfs", 0, "size=32k,mode=0755"), 0) << std::strerror(errno);
     mounted_ = true;
-    writeText(kStore, kOld);
+    writeText(kStorePath, kOld);
   }
   void TearDown() override {
     if (mounted_) {
@@ -57,18 +57,18 @@ class SmallEtc : public testing::Test {
 TEST_F(SmallEtc, FullDiskLeavesStoreUnchanged) {
   fill();
   EXPECT_FALSE(change());
-  EXPECT_EQ(readText(kStore), kOld);
+  EXPECT_EQ(readText(kStorePath), kOld);
   EXPECT_EQ(entries(), 2);
   std::filesystem::remove("/etc/filler");
   EXPECT_TRUE(change());
-  EXPECT_EQ(readText(kStore), kNew);
+  EXPECT_EQ(readText(kStorePath), kNew);
 }
 
 TEST_F(SmallEtc, ReadOnlyDiskLeavesStoreUnchanged) {
   ASSERT_EQ(mount("tmpfs", "/etc", nullptr, MS_REMOUNT | MS_RDONLY, "size=32k"), 0)
       << std::strerror(errno);
   EXPECT_FALSE(change());
-  EXPECT_EQ(readText(kStore), kOld);
+  EXPECT_EQ(readText(kStorePath), kOld);
   EXPECT_EQ(entries(), 1);
 }
 
@@ -97,19 +97,19 @@ TEST_F(SmallEtc, KillAtAnySystemCallLeavesOldOrNewStore) {
   std::set<std::string> seen;
   int stop = 0;
   for (; changeKilledAt(stop, &change); ++stop) {
-    const std::string content = readText(kStore);
+    const std::string content = readText(kStorePath);
     EXPECT_TRUE(content == kOld || content == kNew) << "stop " << stop << ": " << content;
     seen.insert(content);
     for (const auto& entry : std::filesystem::directory_iterator("/etc")) {
-      if (entry.path() != kStore) {
+      if (entry.path() != kStorePath) {
         std::filesystem::remove(entry);
       }
     }
-    writeText(kStore, kOld);
+    writeText(kStorePath, kOld);
   }
   EXPECT_EQ(seen.size(), 2U);
   EXPECT_GT(stop, 20);
-  EXPECT_EQ(readText(kStore), kNew);
+  EXPECT_EQ(readText(kStorePath), kNew);
 }
 
 }  // namespace
