@@ -20,8 +20,12 @@ if(NOT KOVA_SDBUS_HEADER)
 endif()
 message(STATUS "sd-bus: ${SDBUS_MODULE_NAME} ${SDBUS_VERSION}, <${KOVA_SDBUS_HEADER}>")
 
+set(KOVA_SDBUS_PRAGMA)
+if(SDBUS_MODULE_NAME STREQUAL libelogind) # its macros leave members of tables out
+  set(KOVA_SDBUS_PRAGMA "#pragma GCC diagnostic ignored \"-Wmissing-field-initializers\"\n")
+endif()
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/generated/kova_sd_bus.h
-     CONTENT "#pragma once\n\n#include <@KOVA_SDBUS_HEADER@>\n" @ONLY)
+     CONTENT "#pragma once\n@KOVA_SDBUS_PRAGMA@\n#include <@KOVA_SDBUS_HEADER@>\n" @ONLY)
 add_library(kova_sdbus INTERFACE)
 target_include_directories(kova_sdbus INTERFACE ${PROJECT_BINARY_DIR}/generated)
 target_link_libraries(kova_sdbus INTERFACE PkgConfig::SDBUS)

@@ -21,6 +21,14 @@ function(kova_test_options name)
   endif()
 endfunction()
 
+# kova_test_batches(<target>)
+#
+# Most of what compiling a test costs are templates that its neighbours need, too. The preset "debug" still compiles each
+# file on its own.
+function(kova_test_batches name)
+  set_target_properties(${name} PROPERTIES UNITY_BUILD ${KOVA_TEST_BATCHES} UNITY_BUILD_BATCH_SIZE 12)
+endfunction()
+
 # kova_test_headers(<name> HEADERS <header>... [DEPENDS <target>...])
 #
 # Headers that are compiled once for all test programs that name them: GoogleTest's take more time than most tests.
@@ -48,6 +56,10 @@ function(kova_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} GTest::gmock GTest::gtest GTest::gtest_main)
   kova_test_options(${name})
+  list(LENGTH ARG_SOURCES files)
+  if(files GREATER 1)
+    kova_test_batches(${name})
+  endif()
   if(NOT ARG_HEADERS)
     set(ARG_HEADERS kova_gtest_headers)
   endif()

@@ -28,8 +28,6 @@ using ::testing::HasSubstr;
 using utils::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kPatienceMs = 20'000;
-
 /// A socket in place of a bus, of which a test is the daemon.
 class MuteBus {
  public:

@@ -18,7 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kPatience(20);
-constexpr int kPatienceMs = 20000;
 
 [[noreturn]] void become(const std::vector<std::string>& arguments) {
   signal(SIGPIPE, SIG_DFL);

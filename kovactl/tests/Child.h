@@ -7,6 +7,9 @@
 
 namespace kova::ctl::testing {
 
+/// The longest wait for what must come.
+inline constexpr int kPatienceMs = 20'000;
+
 /// The result of a kovactl process.
 struct Result {
   int status;  ///< exit status; minus the signal's number when it was killed by one

@@ -12,7 +12,7 @@ namespace {
 using ipc::SeenMessage;
 using variant::Variant;
 
-Variant statistics() {
+Variant sampleStatistics() {
   Variant reply;
   EXPECT_GT(Variant::FromJSON(
                 R"({"memory":{"totalKb":2097152,"freeKb":1572864},"cpu":{"cnt":2,"arr":[12,3]},
@@ -28,7 +28,7 @@ Variant statistics() {
 }
 
 TEST(StatsTable, ShowsHumanUnits) {
-  EXPECT_EQ(statsRows(statistics(), {}),
+  EXPECT_EQ(statsRows(sampleStatistics(), {}),
             (std::vector<Row>{
                 {"Memory", "512 MiB of 2.0 GiB used (25 %), 1.5 GiB free"},
                 {"Processors", "12 %  3 % busy"},
@@ -58,7 +58,7 @@ TEST(StatsTable, MissingSectionIsShownIfRequested) {
 }
 
 TEST(StatsTable, ToleratesMalformedSections) {
-  Variant reply = statistics();
+  Variant reply = sampleStatistics();
   for (const StatsSection& section : statsSections()) {
     reply[section.key] = "nonsense";
   }

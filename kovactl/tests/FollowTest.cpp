@@ -22,10 +22,10 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using variant::Variant;
 
-constexpr const char* kDigest = "900150983cd24fb0d6963f7d28e17f72";
+constexpr const char* kLogoDigest = "900150983cd24fb0d6963f7d28e17f72";
 
 std::vector<std::string> putLogo(const std::vector<std::string>& more = {"--wait"}) {
-  std::vector<std::string> arguments = {"put",       "logo", "http://x/logo", "--hash", kDigest,
+  std::vector<std::string> arguments = {"put",       "logo", "http://x/logo", "--hash", kLogoDigest,
                                         "--timeout", "60"};
   arguments.insert(arguments.end(), more.begin(), more.end());
   return arguments;

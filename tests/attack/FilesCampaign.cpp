@@ -22,7 +22,7 @@ constexpr char kForeign[] = "FOREIGN-what-a-stranger-wrote";
 constexpr char kUntouched[] = "nobody writes here\n";
 constexpr std::size_t kFormKiB = 4;  // beside the file
 constexpr unsigned kTimeoutMs = 2000;
-constexpr milliseconds kGrace(10'000);
+constexpr milliseconds kArrivalGrace(10'000);
 
 /// Where the camera reads or writes at a request.
 struct Target {
@@ -166,7 +166,7 @@ class Files : public Campaign {
       fields["what"] = target.what;
     }
     const std::uint64_t id = requester_.ask(fields);
-    const auto end = std::chrono::steady_clock::now() + milliseconds(kTimeoutMs) + kGrace;
+    const auto end = std::chrono::steady_clock::now() + milliseconds(kTimeoutMs) + kArrivalGrace;
     const auto isOver = [&] { return sink.uploaded() || !requester_.outcomes(id).empty(); };
     while (!isOver() && attack_.serves() && std::chrono::steady_clock::now() < end) {
       requester_.pump(5);

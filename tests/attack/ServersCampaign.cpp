@@ -23,7 +23,7 @@ using system_test::md5;
 constexpr char kOneEvent[] = "every transfer that can be told of is told of once, in its time";
 constexpr char kNoOldTrust[] = "who is trusted no longer is not talked to";
 // Beyond a transfer's own time-out.
-constexpr milliseconds kGrace(10'000);
+constexpr milliseconds kOutcomeGrace(10'000);
 
 /// Kinds of transfer, of which one each may be under way. Heat maps are left to settle().
 struct Lane {
@@ -161,7 +161,7 @@ class Servers : public Campaign {
     };
     const auto since = [&] { return std::chrono::steady_clock::now() - begin; };
     while (attack_.serves() && !allAreTold() &&
-           (since() < longest || (mustBeTold() && since() < longest + kGrace))) {
+           (since() < longest || (mustBeTold() && since() < longest + kOutcomeGrace))) {
       requester_.pump(5);
     }
     if (attack_.serves()) {

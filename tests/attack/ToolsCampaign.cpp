@@ -18,7 +18,7 @@ using std::chrono::seconds;
 using system_test::Append;
 
 // Beyond a bound: for starting, ending and answering.
-constexpr seconds kGrace(5);
+constexpr seconds kToolGrace(5);
 constexpr unsigned kSupportMs = 3000;
 constexpr char kBoard[] = "42264";
 
@@ -129,7 +129,7 @@ class Tools : public Campaign {
     if (tool.trigger == Tool::kFlash && !trick.endless) {
       attack_.camera().misbehave(tool.name, "exit", "1");
     }
-    attack_.allow(tool.bound + kGrace);
+    attack_.allow(tool.bound + kToolGrace);
     trigger(tool, label);
     attack_.camera().behave(tool.name);
     if (trick.endless) {
@@ -169,7 +169,7 @@ class Tools : public Campaign {
           client.pump(5);
           return client.outstanding() == 0;
         },
-        bound + kGrace);
+        bound + kToolGrace);
     return client.outcomes().empty() ? "" : client.outcomes().begin()->first;
   }
 
@@ -186,7 +186,7 @@ class Tools : public Campaign {
     if (!what.empty()) {
       fields["what"] = what;
     }
-    const std::string outcome = requester_.outcome(requester_.ask(fields), tool.bound + kGrace);
+    const std::string outcome = requester_.outcome(requester_.ask(fields), tool.bound + kToolGrace);
     attack_.expect(outcome.starts_with("FW_"), "a tool keeps an update no longer than its bound",
                    label + ": " + outcome);
   }
@@ -201,7 +201,7 @@ class Tools : public Campaign {
           requester_.pump(5);
           return !server.requests().empty() || !requester_.outcomes(id).empty();
         },
-        tool.bound + kGrace);
+        tool.bound + kToolGrace);
     attack_.expect(over, "a generator keeps its request no longer than its time", label);
     if (attack_.serves()) {
       requester_.settle();  // the next request would take over the task
@@ -214,7 +214,8 @@ class Tools : public Campaign {
     const std::string name = std::string(tool.name).substr(0, kNameLength);
     std::vector<pid_t> left;
     const bool gone = system_test::eventually(
-        [&] { return (left = system_test::processesOf(attack_.camera(), name)).empty(); }, kGrace);
+        [&] { return (left = system_test::processesOf(attack_.camera(), name)).empty(); },
+        kToolGrace);
     attack_.expect(gone, "a tool that exceeds its bound is ended", label);
     for (const pid_t pid : left) {
       system_test::HostProcess(pid).signal(SIGKILL);

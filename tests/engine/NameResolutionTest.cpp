@@ -17,7 +17,7 @@ namespace kova::engine {
 namespace {
 
 constexpr char kSlowHost[] = "slow.invalid";
-constexpr char kUri[] = "http://slow.invalid/file";
+constexpr char kSlowUri[] = "http://slow.invalid/file";
 
 /// A look-up of kSlowHost is held until `released`, at most ten seconds.
 struct SlowLookUp {
@@ -67,7 +67,7 @@ class NameResolutionTest : public EngineTest {
     EngineTest::TearDown();
   }
 
-  RecordingTask task_{kUri, ""};
+  RecordingTask task_{kSlowUri, ""};
 };
 
 TEST_F(NameResolutionTest, DeadlineDoesNotWaitForNameResolution) {
@@ -75,7 +75,7 @@ TEST_F(NameResolutionTest, DeadlineDoesNotWaitForNameResolution) {
   service().service(0);
   EXPECT_FALSE(lookUp.ended);
   EXPECT_EQ(task_.outcome(), "failure 5 0");
-  EXPECT_FALSE(service().existsUri(kUri));
+  EXPECT_FALSE(service().existsUri(kSlowUri));
 }
 
 TEST_F(NameResolutionTest, TransportTimeOutDoesNotWaitForNameResolution) {

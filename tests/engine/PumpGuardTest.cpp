@@ -33,7 +33,7 @@ using ::testing::IsEmpty;
 constexpr milliseconds kLongestPass{1000};
 
 /// The processor time of this thread, which is what the guard counts.
-struct Clock {
+struct ThreadClock {
   using duration = std::chrono::nanoseconds;
   static duration now() {
     timespec time{};
@@ -45,15 +45,15 @@ struct Clock {
 /// Computes, as a handler that was interrupted would, until `condition` holds, for two seconds at
 /// most.
 bool heldUntil(const std::function<bool()>& condition) {
-  const auto end = Clock::now() + std::chrono::seconds(2);
-  while (!condition() && Clock::now() < end) {
+  const auto end = ThreadClock::now() + std::chrono::seconds(2);
+  while (!condition() && ThreadClock::now() < end) {
   }
   return condition();
 }
 
 void compute(milliseconds time) {
-  const auto end = Clock::now() + time;
-  while (Clock::now() < end) {
+  const auto end = ThreadClock::now() + time;
+  while (ThreadClock::now() < end) {
   }
 }
 
@@ -72,12 +72,12 @@ class PumpGuardTest : public EngineTest {
 
   /// Steps until so many transfers have ended.
   /// @return the longest step
-  Clock::duration finish(std::size_t completions) {
-    Clock::duration longest{};
+  ThreadClock::duration finish(std::size_t completions) {
+    ThreadClock::duration longest{};
     EXPECT_TRUE(eventually([&] {
-      const auto start = Clock::now();
+      const auto start = ThreadClock::now();
       http_.Service(0);
-      longest = std::max(longest, Clock::now() - start);
+      longest = std::max(longest, ThreadClock::now() - start);
       std::this_thread::sleep_for(milliseconds(1));
       return http_.completions.size() >= completions;
     }));
@@ -151,12 +151,12 @@ TEST_F(PumpGuardTest, PassesOfOneTurnShareItsTime) {
   const PumpGuard::Mark mark = newMark();
   guard_.watch(pair.near, mark);
   guard_.beginTurn(0);
-  const auto start = Clock::now();
-  while (*mark == 0 && Clock::now() - start < std::chrono::seconds(5)) {
+  const auto start = ThreadClock::now();
+  while (*mark == 0 && ThreadClock::now() - start < std::chrono::seconds(5)) {
     const PumpGuard::Pass pass(guard_, true);
     compute(milliseconds(50));
   }
-  EXPECT_LT(Clock::now() - start, kLongestPass);
+  EXPECT_LT(ThreadClock::now() - start, kLongestPass);
   guard_.forget(pair.near);
 }
 
@@ -323,9 +323,9 @@ class LateFloodTest : public PumpGuardTest {
 };
 
 TEST_F(LateFloodTest, CancelIsNotBlocked) {
-  const auto start = Clock::now();
+  const auto start = ThreadClock::now();
   EXPECT_TRUE(http_.CancelTransfer(flood_.uri()));
-  EXPECT_LT(Clock::now() - start, kLongestPass);
+  EXPECT_LT(ThreadClock::now() - start, kLongestPass);
 }
 
 }  // namespace

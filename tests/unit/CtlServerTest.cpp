@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "Commands.h"
 #include "Platform.h"
 #include "kova/utils/File.h"
 
@@ -15,11 +16,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 using variant::Variant;
-
-constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
-constexpr char kReboot[] = "/usr/bin/reboot";
-
-struct LeaveWait {};
 
 class CtlServerTest : public testing::Test {
  protected:

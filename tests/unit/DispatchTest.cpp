@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include "Commands.h"
 #include "CtlCommandsHandler.h"
 #include "CtlServer.h"
 #include "Platform.h"
@@ -14,10 +15,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using variant::Variant;
 using Map = Variant::Map;
-
-constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
-
-struct LeaveWait {};
 
 class DispatchTest : public testing::Test {
  protected:

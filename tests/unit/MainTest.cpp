@@ -41,7 +41,9 @@ constexpr char kLogOpened[] = "openSystemLog ctl 1 128";  // LOG_PID, LOG_LOCAL0
 class MainTest : public testing::Test {
  protected:
   void SetUp() override {
+    ipc::Ipc::FreeInstance();  // one that another test left would be used
     fakes::reset();
+    transferWaits.clear();
     platform().cameraInfo =
         Variant(Map{{"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
   }

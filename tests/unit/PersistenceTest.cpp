@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "Commands.h"
 #include "Platform.h"
 
 namespace kova::ctlserver {
@@ -11,10 +12,6 @@ using fakes::LogLine;
 using fakes::platform;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
-constexpr char kErase[] = "/bin/cfgmtd -c";
-constexpr char kReboot[] = "/usr/bin/reboot";
 
 class PersistenceTest : public testing::Test {
  protected:

@@ -39,7 +39,7 @@ class Listener : public TransferObserver {
   std::vector<std::string> told;
 };
 
-class Canceller : public TransferCanceller {
+class RecordingCanceller : public TransferCanceller {
  public:
   bool cancelTransfer(std::uint64_t number) override {
     asked.push_back(number);
@@ -291,7 +291,7 @@ TEST_F(TransferRecordsTest, HttpStatusOutsideSixteenBitsIsHeld) {
 }
 
 TEST_F(TransferRecordsTest, CancelAsksUnlessInstallationHasBegun) {
-  Canceller canceller;
+  RecordingCanceller canceller;
   for (int i = 0; i < 4; ++i) {
     begin();
   }

@@ -2,20 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "Normalized.h"
+
 namespace kova::ipc::messages {
 namespace {
 
 using variant::Variant;
 using Map = Variant::Map;
-
-constexpr char kNotGiven[] = "_UNINITIALIZED_";
-
-template <typename Message>
-Message normalized(Map content = {}) {
-  Message message{Variant(std::move(content))};
-  message.NormalizeFields();
-  return message;
-}
 
 TEST(Events, EmptyEventReceivesEveryDefault) {
   auto status = normalized<EventTransferRequestStatus>();

@@ -5,18 +5,13 @@
 #include <cmath>
 #include <limits>
 
+#include "Normalized.h"
+
 namespace kova::ipc::messages {
 namespace {
 
 using variant::Variant;
 using Map = Variant::Map;
-
-template <typename Message>
-Message normalized(Map content = {}) {
-  Message message{Variant(std::move(content))};
-  message.NormalizeFields();
-  return message;
-}
 
 /// Checks every key of a class's own schema after normalising an empty message.
 template <typename Message>
@@ -33,8 +28,6 @@ void expectDefaults(const Map& defaults) {
       << Message::kName
       << " has another number of fields than this test lists: " << message.ToString();
 }
-
-constexpr char kNotGiven[] = "_UNINITIALIZED_";
 
 TEST(Requests, EmptyRequestReceivesDefaultsOfItsClass) {
   expectDefaults<GetSystemStats>({{"responseExpected", true},

@@ -22,7 +22,7 @@ using tests::writeScript;
 using tests::writeText;
 
 constexpr unsigned kKeepKiB = 1024;
-constexpr unsigned kLongMs = 20000;
+constexpr unsigned kPatienceMs = 20000;
 
 class SysExecTest : public testing::Test {
  protected:
@@ -37,7 +37,7 @@ class SysExecTest : public testing::Test {
   TemporaryFolder folder_;
   std::string out_ = "old";
   std::string err_ = "old";
-  unsigned timeoutMs_ = kLongMs;
+  unsigned timeoutMs_ = kPatienceMs;
   unsigned graceMs_ = 0;
   unsigned captureKiB_ = kKeepKiB;
 };
@@ -131,7 +131,7 @@ TEST_F(SysExecTest, ReportsProgramThatCannotStart) {
 
 TEST_F(SysExecTest, TerminatesHangingChild) {
   timeoutMs_ = 100;
-  graceMs_ = kLongMs;
+  graceMs_ = kPatienceMs;
   const std::uint64_t before = nowMs();
   EXPECT_EQ(128 + SIGTERM, run("/bin/sleep", {"60"}));
   EXPECT_LT(nowMs() - before, 10000U);

@@ -14,7 +14,7 @@ namespace {
 using tests::readText;
 using tests::writeText;
 
-constexpr char kStore[] = "/etc/system.cfg";
+constexpr char kStorePath[] = "/etc/system.cfg";
 constexpr char kOld[] = "name=old\nzone=GMT\n";
 constexpr char kNew[] = "name=new\nzone=GMT\n";
 
@@ -24,7 +24,7 @@ class SmallEtc : public testing::Test {
   void SetUp() override {
     ASSERT_EQ(mount("tmpfs", "/etc", "tmpfs", 0, "size=32k,mode=0755"), 0) << std::strerror(errno);
     mounted_ = true;
-    writeText(kStore, kOld);
+    writeText(kStorePath, kOld);
   }
   void TearDown() override {
     if (mounted_) {
@@ -52,18 +52,18 @@ class SmallEtc : public testing::Test {
 TEST_F(SmallEtc, FullDiskLeavesStoreUnchanged) {
   fill();
   EXPECT_FALSE(change());
-  EXPECT_EQ(readText(kStore), kOld);
+  EXPECT_EQ(readText(kStorePath), kOld);
   EXPECT_EQ(entries(), 2);
   std::filesystem::remove("/etc/filler");
   EXPECT_TRUE(change());
-  EXPECT_EQ(readText(kStore), kNew);
+  EXPECT_EQ(readText(kStorePath), kNew);
 }
 
 TEST_F(SmallEtc, ReadOnlyDiskLeavesStoreUnchanged) {
   ASSERT_EQ(mount("tmpfs", "/etc", nullptr, MS_REMOUNT | MS_RDONLY, "size=32k"), 0)
       << std::strerror(errno);
   EXPECT_FALSE(change());
-  EXPECT_EQ(readText(kStore), kOld);
+  EXPECT_EQ(readText(kStorePath), kOld);
   EXPECT_EQ(entries(), 1);
 }
 
