@@ -28,6 +28,9 @@ if(KOVA_WERROR)
   add_compile_options(-Werror)
 endif()
 
+# Crash reports name it, and packages of debugging information are found by it.
+add_link_options(-Wl,--build-id=sha1)
+
 if(KOVA_HARDEN)
   include(CheckPIESupported)
   check_pie_supported(LANGUAGES CXX)
@@ -37,15 +40,17 @@ if(KOVA_HARDEN)
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
 endif()
 
+# Debugging information names no folder of this machine, by whichever path a file is compiled: packages are the same
+# wherever they are built.
+file(RELATIVE_PATH up ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" up "${up}")
+set(KOVA_DEBUG_OPTIONS -g)
+foreach(folder ${up} ${PROJECT_SOURCE_DIR})
+  list(APPEND KOVA_DEBUG_OPTIONS -ffile-prefix-map=${folder}=/usr/src/kova_ctlserver)
+endforeach()
+list(APPEND KOVA_DEBUG_OPTIONS -ffile-prefix-map=${PROJECT_BINARY_DIR}=/usr/src/kova_ctlserver/build)
 if(KOVA_DEBUG_INFO)
-  # It names no folder of this machine, by whichever path a file is compiled: packages are the same wherever they are built.
-  file(RELATIVE_PATH up ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
-  string(REGEX REPLACE "/$" "" up "${up}")
-  add_compile_options(-g)
-  foreach(folder ${up} ${PROJECT_SOURCE_DIR})
-    add_compile_options(-ffile-prefix-map=${folder}=/usr/src/kova_ctlserver)
-  endforeach()
-  add_compile_options(-ffile-prefix-map=${PROJECT_BINARY_DIR}=/usr/src/kova_ctlserver/build)
+  add_compile_options(${KOVA_DEBUG_OPTIONS})
 endif()
 
 if(KOVA_SANITIZE)
