@@ -39,6 +39,7 @@ comes_back_after_a_crash() {
   kill -SEGV "$before"
   expect "after a crash it is started again" eventually is_another "$before"
   expect "with a report of it" grep -q "Crashed by signal 11" "/var/log/kova_crash.$before"
+  expect "which is kept for later" cp "/var/log/kova_crash.$before" "$work/kova_crash"
   expect_not "and nothing unfinished" test -e /etc/.kova-0123456789abcdef
 }
 

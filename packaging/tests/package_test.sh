@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES: installs the packages in the folder PACKAGES into a fresh Debian 12 and holds them to what they
-# promise: under runit, under systemd, and as the programs of a virtual camera. The Debian is a private root with processes and a network of its own;
-# nothing of the host changes, but for a control group while systemd runs.
+# promise: under runit, under systemd, and as the programs of a virtual camera. The Debian is a private root with processes
+# and a network of its own; nothing of the host changes, but for a control group while systemd runs.
 #
 # Needs root (to unpack a Debian with its owners), bubblewrap, mmdebstrap, and a Debian archive. Debian's part is kept in
 # PACKAGES/test: with it a run needs no network. Where no control group can be made the part under systemd is skipped,
@@ -103,6 +103,16 @@ test_under_runit() {
   in_root "${OFFLINE[@]}" -- /packages-test/runit_test.sh
 }
 
+# The report of the crash that the test has caused, by the package of the debugging information.
+test_crash_report() {
+  say "Resolving the crash report"
+  "$here/../resolve" "$root/run/test/kova_crash" "$packages"/dbgsym/kova-ctlserver-dbgsym_*.deb >"$cache/crash"
+  if ! grep -E "^ *[0-9]+  .*(loop|main).* at kova_ctlserver/src/main\.cpp:[0-9]+\$" "$cache/crash"; then
+    cat "$cache/crash" >&2
+    die "it does not name the daemon's loop"
+  fi
+}
+
 # A camera in this private root needs one of its own.
 test_virtual_camera() {
   local arguments=() capability
@@ -183,6 +193,7 @@ main() {
   say "Fetching what the packages depend on, as far as it is not in $archives"
   download
   test_under_runit
+  test_crash_report
   test_under_systemd
   test_virtual_camera
 }
