@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154 # work is the test's
 # What the tests in an installed Debian share: how packages come and go, and what the daemon is asked.
 
 apt() { apt-get -qq -o Dpkg::Use-Pty=0 --no-install-recommends "$@"; }
