@@ -8,7 +8,8 @@
 namespace kova::utils {
 namespace {
 
-constexpr std::string_view kOwner("GNU", 4);  // with the zero byte at its end
+constexpr char kOwner[] = "GNU";
+constexpr std::string_view kOwnerName(kOwner, sizeof kOwner);  // with the zero byte at its end
 
 constexpr std::size_t padded(std::size_t size) {
   return (size + 3) & ~std::size_t{3};
@@ -58,7 +59,7 @@ void LoadedModules::readBuildId(std::string_view notes) {
     const std::size_t name = padded(note.n_namesz);
     const std::size_t size = name + padded(note.n_descsz);
     if (size > notes.size()) return;
-    if (note.n_type == NT_GNU_BUILD_ID && notes.substr(0, note.n_namesz) == kOwner) {
+    if (note.n_type == NT_GNU_BUILD_ID && notes.substr(0, note.n_namesz) == kOwnerName) {
       for (const char byte : notes.substr(name, note.n_descsz)) buildId_.appendByte(byte);
     }
     notes.remove_prefix(size);
