@@ -11,6 +11,7 @@ option(KOVA_SANITIZE "Build with the address and undefined-behaviour sanitizers"
 option(KOVA_FUZZ "Build the fuzz targets (clang only)" OFF)
 option(KOVA_HARDEN "Build with the hardening flags of a release" OFF)
 option(KOVA_TEST_BATCHES "Compile the files of a test program in batches, which takes half the time" OFF)
+option(KOVA_DEBUG_INFO "Compile what is shipped with debugging information, for packages of it" OFF)
 option(KOVA_WERROR "Let no warning pass, as the presets do; another compiler may have others" OFF)
 
 find_program(KOVA_CCACHE ccache)
@@ -28,6 +29,9 @@ if(KOVA_WERROR)
   add_compile_options(-Werror)
 endif()
 
+# Crash reports name it, and packages of debugging information are found by it.
+add_link_options(-Wl,--build-id=sha1)
+
 if(KOVA_HARDEN)
   include(CheckPIESupported)
   check_pie_supported(LANGUAGES CXX)
@@ -35,6 +39,19 @@ if(KOVA_HARDEN)
   add_compile_options(-O2 -fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
   add_compile_definitions(_GLIBCXX_ASSERTIONS)
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
+endif()
+
+# Debugging information names no folder of this machine, by whichever path a file is compiled: packages are the same
+# wherever they are built.
+file(RELATIVE_PATH up ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" up "${up}")
+set(KOVA_DEBUG_OPTIONS -g)
+foreach(folder ${up} ${PROJECT_SOURCE_DIR})
+  list(APPEND KOVA_DEBUG_OPTIONS -ffile-prefix-map=${folder}=/usr/src/kova_ctlserver)
+endforeach()
+list(APPEND KOVA_DEBUG_OPTIONS -ffile-prefix-map=${PROJECT_BINARY_DIR}=/usr/src/kova_ctlserver/build)
+if(KOVA_DEBUG_INFO)
+  add_compile_options(${KOVA_DEBUG_OPTIONS})
 endif()
 
 if(KOVA_SANITIZE)

@@ -19,6 +19,10 @@ function(kova_test_options name)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(${name} PRIVATE -fpch-preprocess) # for ccache
   endif()
+  if(KOVA_DEBUG_INFO) # of the tests it would be tens of megabytes each
+    target_compile_options(${name} PRIVATE -g0)
+    target_link_options(${name} PRIVATE -Wl,--strip-debug)
+  endif()
 endfunction()
 
 # kova_test_batches(<target>)

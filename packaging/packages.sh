@@ -40,7 +40,8 @@ kova_packages() {
         printf '%s\n' rauc systemd nginx-light curl iproute2 strace openssl util-linux
         ;;
       package)
-        printf '%s\n' binutils bubblewrap debian-archive-keyring dpkg-dev file mandoc mmdebstrap util-linux
+        printf '%s\n' binutils bubblewrap debhelper debian-archive-keyring dpkg-dev file lintian mandoc mmdebstrap \
+          util-linux
         ;;
       *)
         echo "no package group \"$group\"" >&2

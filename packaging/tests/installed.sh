@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154 # work is the test's
 # What the tests in an installed Debian share: how packages come and go, and what the daemon is asked.
 
 apt() { apt-get -qq -o Dpkg::Use-Pty=0 --no-install-recommends "$@"; }
@@ -39,6 +39,7 @@ comes_back_after_a_crash() {
   kill -SEGV "$before"
   expect "after a crash it is started again" eventually is_another "$before"
   expect "with a report of it" grep -q "Crashed by signal 11" "/var/log/kova_crash.$before"
+  expect "which is kept for later" cp "/var/log/kova_crash.$before" "$work/kova_crash"
   expect_not "and nothing unfinished" test -e /etc/.kova-0123456789abcdef
 }
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # package_test.sh PACKAGES: installs the packages in the folder PACKAGES into a fresh Debian 12 and holds them to what they
-# promise: under runit, and again under systemd. The Debian is a private root with processes and a network of its own;
-# nothing of the host changes, but for a control group while systemd runs.
+# promise: under runit, under systemd, and as the programs of a virtual camera. The Debian is a private root with processes
+# and a network of its own; nothing of the host changes, but for a control group while systemd runs.
 #
 # Needs root (to unpack a Debian with its owners), bubblewrap, mmdebstrap, and a Debian archive. Debian's part is kept in
 # PACKAGES/test: with it a run needs no network. Where no control group can be made the part under systemd is skipped,
@@ -88,9 +88,12 @@ in_root() {
 
 # As the packages are named in it, apt sees to it that what they depend on is there.
 download() {
+  # shellcheck disable=SC2046 # one word a package
+  set -- $("$here/autopkgtest_depends.sh" "$here/../..")
   # shellcheck disable=SC2016 # for the inner shell
   in_root --ro-bind-try /etc/resolv.conf /etc/resolv.conf -- sh -c \
-    'apt-get -qq -o APT::Sandbox::User=root install --download-only --no-install-recommends /packages/*.deb'
+    'apt-get -qq -o APT::Sandbox::User=root install --download-only --no-install-recommends "$@" /packages/*.deb' \
+    download "$@"
 }
 
 readonly OFFLINE=(--unshare-net --ro-bind "$here" /packages-test --ro-bind "$here/../../camera/samples" /samples)
@@ -98,6 +101,26 @@ readonly OFFLINE=(--unshare-net --ro-bind "$here" /packages-test --ro-bind "$her
 test_under_runit() {
   say "Testing under runit, without a network"
   in_root "${OFFLINE[@]}" -- /packages-test/runit_test.sh
+}
+
+# The report of the crash that the test has caused, by the package of the debugging information.
+test_crash_report() {
+  say "Resolving the crash report"
+  "$here/../resolve" "$root/run/test/kova_crash" "$packages"/dbgsym/kova-ctlserver-dbgsym_*.deb >"$cache/crash"
+  if ! grep -E "^ *[0-9]+  .*(loop|main).* at kova_ctlserver/src/main\.cpp:[0-9]+\$" "$cache/crash"; then
+    cat "$cache/crash" >&2
+    die "it does not name the daemon's loop"
+  fi
+}
+
+# A camera in this private root needs one of its own.
+test_virtual_camera() {
+  local arguments=() capability
+  for capability in "${SYSTEMD_CAPABILITIES[@]}"; do arguments+=(--cap-add "CAP_$capability"); done
+  say "Testing debian/tests, without a network"
+  unpack_base
+  mkdir "$root/source"
+  in_root "${OFFLINE[@]}" "${arguments[@]}" --ro-bind "$here/../.." /source -- /packages-test/autopkgtest_test.sh
 }
 
 # make_cgroup: makes a control group of version 2 for systemd to live in, and leaves its folder in `cgroup`.
@@ -170,7 +193,9 @@ main() {
   say "Fetching what the packages depend on, as far as it is not in $archives"
   download
   test_under_runit
+  test_crash_report
   test_under_systemd
+  test_virtual_camera
 }
 
 main

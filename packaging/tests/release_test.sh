@@ -23,18 +23,22 @@ write_dev() {
   cat >"$repository/dev" <<TEXT
 #!/bin/sh -e
 cd "\$(dirname "\$0")"
-mkdir -p build/root/DEBIAN build/root/usr/bin build/package
+rm -rf build/root
+mkdir -p build/root/DEBIAN build/root/usr/bin build/package/dbgsym
 cp "$PROGRAM" build/root/usr/bin/kovactl
 printf 'Package: kovactl\nVersion: $version\nArchitecture: %s\nMaintainer: test\nDescription: test\n' \
   "\$(dpkg --print-architecture)" >build/root/DEBIAN/control
 dpkg-deb --root-owner-group --build build/root build/package >/dev/null
+mv build/root/usr build/debug && mkdir -p build/root/usr/lib && mv build/debug build/root/usr/lib/debug
+sed -i 's/^Package: kovactl/&-dbgsym/' build/root/DEBIAN/control
+dpkg-deb --root-owner-group --build build/root build/package/dbgsym >/dev/null
 TEXT
   chmod 755 "$repository/dev"
 }
 
 make_repository() {
   mkdir "$repository"
-  (cd "$SOURCE" && cp -r --parents CMakeLists.txt CHANGELOG.md packaging docs/man "$repository")
+  (cd "$SOURCE" && cp -r --parents CMakeLists.txt CHANGELOG.md debian/changelog packaging docs/man "$repository")
   write_dev
   echo /build/ >"$repository/.gitignore"
   set_version "$version"
@@ -46,7 +50,7 @@ make_repository() {
 set_version() {
   local old
   old=$("$repository/packaging/release/version")
-  (cd "$repository" && sed -i "s/\b${old//./\\.}\b/$1/" CMakeLists.txt CHANGELOG.md packaging/debian/changelog docs/man/*)
+  (cd "$repository" && sed -i "s/\b${old//./\\.}\b/$1/" CMakeLists.txt CHANGELOG.md debian/changelog docs/man/*)
 }
 
 commit() { git -C "$repository" add --all && git -C "$repository" commit -q --message change; }
@@ -93,7 +97,7 @@ is_made() {
   expect "it says that it is not signed" grep -F "NOT SIGNED" "$work/said"
   expect "all its files have the right checksums" sh -c "cd '$made' && sha256sum --check SHA256SUMS"
   local file
-  for file in "$title.tar.gz" "$title.spdx.json" "kovactl_${version}_.*.deb"; do
+  for file in "$title.tar.gz" "$title.spdx.json" "kovactl_${version}_.*.deb" "kovactl-dbgsym_${version}_.*.deb"; do
     expect "$file is among them" in_sums "$file"
   done
   expect "the archive holds what was committed" diff <(tar -tf "$made/$title.tar.gz" | grep -v '/$' | sort) \

@@ -10,7 +10,7 @@ trap 'rm -rf "$work"' EXIT
 # shellcheck source=packaging/tests/expect.sh
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
 
-readonly HAVE_IT=(CMakeLists.txt CHANGELOG.md packaging/debian/changelog docs/man/kovactl.1 docs/man/kova_ctlserver.8)
+readonly HAVE_IT=(CMakeLists.txt CHANGELOG.md debian/changelog docs/man/kovactl.1 docs/man/kova_ctlserver.8)
 
 version() { "$SOURCE/packaging/release/version" "$work/copy"; }
 

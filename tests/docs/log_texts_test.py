@@ -47,12 +47,13 @@ def logged():
                 yield text
 
 
-def crash_headline():
-    """What the crash handler logs; it puts its text together without printf(3)."""
+def crash_texts():
+    """What the crash handler logs before the backtrace; it puts its texts together without printf(3)."""
     source = (TOP / "platform/utils/src/Crash.cpp").read_text()
-    built = source[source.index("> headline;") : source.index("sink.line(headline")]
-    parts = re.findall(r'\.append(Number|Hex)?\((?:"([^"\\]*)")?', built)
-    return "".join(literal or ("%d" if kind == "Number" else "%s") for kind, literal in parts)
+    for name in ("headline", "build"):
+        built = source[source.index(f"> {name};") : source.index(f"sink.line({name}")]
+        parts = re.findall(r'\.append(Number|Hex)?\((?:"([^"\\]*)")?', built)
+        yield "".join(literal or ("%d" if kind == "Number" else "%s") for kind, literal in parts)
 
 
 def documented():
@@ -66,7 +67,7 @@ def literals():
 
 
 def main():
-    texts, rows = {crash_headline(), *logged()}, set(documented())
+    texts, rows = {*crash_texts(), *logged()}, set(documented())
     faults = [f"docs/operations.md lacks: {text}" for text in sorted(texts - rows)]
     faults += [f"nothing logs what docs/operations.md has: {text}" for text in sorted(rows - texts - literals())]
     print(*faults, f"{len(texts)} texts in the code, {len(rows)} in the table", sep="\n")

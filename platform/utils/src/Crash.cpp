@@ -20,6 +20,7 @@
 
 #include "CrashInternal.h"
 #include "CrashText.h"
+#include "LoadedModules.h"
 
 // The handler only calls async-signal-safe functions, see signal-safety(7), and the GNU backtrace
 // functions, which are safe once libgcc is loaded.
@@ -38,6 +39,7 @@ struct Settings {
 };
 
 Settings settings;
+LoadedModules modules;
 alignas(16) std::array<char, 65536> alternateStack;
 volatile sig_atomic_t isReporting = 0;
 
@@ -94,6 +96,19 @@ class Sink {
   int log_;
 };
 
+/// Reports a line of backtrace_symbols_fd(3) with the place of its address in the file that was
+/// loaded there, by which debugging information knows it wherever that was.
+void reportFrame(Sink& sink, std::string_view symbols, const void* frame) {
+  CrashText<1024> line;
+  line.append(symbols);
+  const auto address = reinterpret_cast<std::uintptr_t>(frame);
+  if (const auto* module = modules.find(address); module != nullptr) {
+    line.append(modules.isProgram(module) ? " program+0x" : " library+0x");
+    line.appendHex(address - module->base);
+  }
+  sink.line(line.view());
+}
+
 /// Reports the lines of a backtrace, which pass through a pipe because only backtrace_symbols_fd(3)
 /// is safe here.
 void reportBacktrace(Sink& sink) {
@@ -101,7 +116,8 @@ void reportBacktrace(Sink& sink) {
   std::array<char, 16384> text;
   int ends[2] = {-1, -1};
   if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
-  backtrace_symbols_fd(frames.data(), backtrace(frames.data(), frames.size()), ends[1]);
+  const int count = backtrace(frames.data(), frames.size());
+  backtrace_symbols_fd(frames.data(), count, ends[1]);
   close(ends[1]);
   std::size_t filled = 0;
   ssize_t got = 0;
@@ -109,9 +125,10 @@ void reportBacktrace(Sink& sink) {
     filled += static_cast<std::size_t>(got);
   }
   close(ends[0]);
-  for (std::string_view rest(text.data(), filled); !rest.empty();) {
+  std::string_view rest(text.data(), filled);
+  for (int index = 0; index < count && !rest.empty(); ++index) {
     const std::size_t end = std::min(rest.find('\n'), rest.size());
-    sink.line(rest.substr(0, end));
+    reportFrame(sink, rest.substr(0, end), frames[static_cast<std::size_t>(index)]);
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
 }
@@ -145,6 +162,13 @@ void reportHeadline(Sink& sink, const siginfo_t& info, const ucontext_t& context
   sink.line(headline.view());
 }
 
+void reportBuild(Sink& sink) {
+  CrashText<256> build;
+  build.append("Build-id of the program: ");
+  build.append(modules.buildId().empty() ? "none" : modules.buildId());
+  sink.line(build.view());
+}
+
 /// The signal raised at the end takes its default action once this handler has returned.
 void onFatalSignal(int number, siginfo_t* info, void* context) {
   signal(number, SIG_DFL);
@@ -153,6 +177,7 @@ void onFatalSignal(int number, siginfo_t* info, void* context) {
     limitReportTime();
     Sink sink;
     reportHeadline(sink, *info, *static_cast<const ucontext_t*>(context));
+    reportBuild(sink);
     reportBacktrace(sink);
   }
   raise(number);
@@ -185,6 +210,7 @@ bool installCrashDumpHandler(const char* folder, const char* logSocket) {
   }
   std::memcpy(settings.log.sun_path, logSocket, socketLength);
 
+  modules.record();
   void* frame = nullptr;
   backtrace(&frame, 1);  // loads libgcc, which the handler could not
   return useAlternateStack() && std::all_of(kFatalSignals.begin(), kFatalSignals.end(), handle);

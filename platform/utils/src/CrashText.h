@@ -21,6 +21,11 @@ class CrashText {
   }
   CrashText& appendNumber(std::uint64_t number) { return appendDigits(number, 10); }
   CrashText& appendHex(std::uint64_t number) { return appendDigits(number, 16); }
+  /// Two digits.
+  CrashText& appendByte(char byte) {
+    const auto value = static_cast<unsigned char>(byte);
+    return (value < 0x10 ? append("0") : *this).appendHex(value);
+  }
 
   const char* text() const { return text_.data(); }
   std::string_view view() const { return {text_.data(), length_}; }

@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# resolve_test.sh SOURCE OBJCOPY PROGRAM COMMAND: lets PROGRAM, which COMMAND runs, crash, and holds packaging/resolve to
+# what its sources say of where. OBJCOPY knows the processor that it is compiled for.
+set -euo pipefail
+
+readonly SOURCE=$1 OBJCOPY=$2 PROGRAM=$3 COMMAND=$4
+readonly CODE=platform/utils/tests/crash/main.cpp
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# shellcheck source=packaging/tests/expect.sh
+. "$(dirname "$(readlink -f "$0")")/expect.sh"
+
+readonly reports=$work/reports debug=$work/debug report=$work/report
+
+# crash FOLDER: leaves the report as `report`.
+crash() {
+  rm -rf "$reports" && mkdir "$reports"
+  "$COMMAND" "$reports" || true
+  mv "$reports"/kova_crash.* "$report"
+}
+
+resolve() { "$SOURCE/packaging/resolve" "$@"; }
+
+# line_of COMMENT: the number of the line of the code that has it.
+line_of() { grep -n "// $1" "$SOURCE/$CODE" | cut -d : -f 1; }
+
+# says TEXT ARGUMENT...: the report is resolved with the arguments, and the output has the text.
+says() { resolve "${@:2}" >"$work/said" && grep -F -- "$1" "$work/said"; }
+
+# refuses TEXT ARGUMENT...: it says why, on one line.
+refuses() { expect "it is refused: $1" fails_with "$@"; }
+fails_with() {
+  local status=0
+  resolve "${@:2}" >"$work/out" 2>"$work/said" || status=$?
+  cat "$work/said"
+  [ "$status" -eq 1 ] && [ "$(wc -l <"$work/said")" -eq 1 ] && grep -F -- "$1" "$work/said"
+}
+
+# make_package NAME ID: one with debugging information, as debhelper makes them.
+make_package() {
+  local root=$work/root
+  rm -rf "$root"
+  mkdir -p "$root/DEBIAN" "$root/usr/lib/debug/.build-id/${2:0:2}"
+  printf 'Package: test\nVersion: 1\nArchitecture: all\nMaintainer: test\nDescription: test\n' >"$root/DEBIAN/control"
+  cp "$debug" "$root/usr/lib/debug/.build-id/${2:0:2}/${2:2}.debug"
+  dpkg-deb --root-owner-group --build "$root" "$work/$1"
+}
+
+# as_log: the report as a system log has it, among lines of others and after another report.
+as_log() {
+  echo "Nov 22 10:00:00 camera crit other[7]: Crashed by signal 6 (Aborted), program counter 0x1"
+  while read -r line; do
+    echo "Nov 22 10:00:01 camera crit test[42]: $line"
+    echo "Nov 22 10:00:01 camera info other[43]: /bin/other(+0x1)[0x1] program+0x1"
+  done <"$report"
+}
+
+crash
+id=$(sed -n 's/^Build-id of the program: //p' "$report")
+"$OBJCOPY" --only-keep-debug "$PROGRAM" "$debug"
+"$OBJCOPY" --strip-all "$PROGRAM" "$work/stripped"
+make_package test-dbgsym.deb "$id" >/dev/null
+make_package other-dbgsym.deb 0123456789abcdef >/dev/null
+
+expect "the report has the build-id of the program" grep -F "Build ID: $id" <(readelf -n "$PROGRAM")
+crashes=$CODE:$(line_of 'crashes here')
+called=$CODE:$(line_of 'called here')
+expect "it is resolved by the program" says " 0  (anonymous namespace)::readNowhere() at $crashes" "$report" "$PROGRAM"
+expect "and where that was called" grep -F " 1  (anonymous namespace)::callIt() at $called" "$work/said"
+expect "and what called that" grep -F " 2  main at $CODE:" "$work/said"
+expect_not "the crash handler is left out" grep -F onFatalSignal "$work/said"
+expect "by its debugging information" says "$crashes" "$report" "$debug"
+expect "by a package of it" says "$crashes" "$report" "$work/test-dbgsym.deb"
+expect "in a log" says "$crashes" - "$debug" < <(as_log)
+expect_not "without the lines of others" grep -F /bin/other "$work/said"
+
+refuses "the build-id does not match: the report is of $id" "$report" "$(command -v dpkg)"
+refuses "of 0123456789abcdef" "$report" "$work/other-dbgsym.deb"
+refuses "has no lines for these addresses" "$report" "$work/stripped"
+printf '!<arch>\nnothing of the kind' >"$work/broken.deb"
+refuses "broken.deb cannot be unpacked" "$report" "$work/broken.deb"
+refuses "there is no file $work/missing" "$report" "$work/missing"
+sed "s/$id/0123456789abcdef0123/" "$report" >"$work/foreign"
+refuses "nothing here has the build-id 0123456789abcdef0123" "$work/foreign"
+refuses "the build-id does not match: the report is of 0123456789abcdef0123" "$work/foreign" "$debug"
+refuses "holds no crash report" "$PROGRAM" "$debug"
+refuses "holds no crash report" - "$debug" </dev/null
+refuses "holds no crash report" - < <(head -c 100000 /dev/urandom)
+refuses "names no build-id" - < <(grep -v Build-id "$report")
+refuses "without a build-id" - < <(sed "s/$id/none/" "$report")
+refuses "is longer than" - < <(cat "$report" && head -c 2000000 /dev/zero)
+mkfifo "$work/pipe"
+refuses "is no file" "$work/pipe"
+refuses "No such file" "$work/nowhere"
+report
