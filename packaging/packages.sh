@@ -27,8 +27,8 @@ kova_packages() {
         ;;
       machine-firmware) # for 64-bit ARM, unpacked into the machine's firmware
         printf '%s\n' linux-image-arm64 busybox dbus-daemon hostapd iw libcrypt1 libcurl4 libgcc-s1 \
-          libnl-genl-3-200 libopencv-imgcodecs406 libseccomp2 libssl3 libsystemd0 runit strace systemd tzdata \
-          util-linux wpasupplicant
+          libnl-genl-3-200 libopencv-imgcodecs406 libseccomp2 libssl3 libsystemd0 libubootenv-tool rauc runit strace \
+          systemd tzdata util-linux wpasupplicant
         ;;
       fuzz)
         printf '%s\n' clang-14 libclang-rt-14-dev
