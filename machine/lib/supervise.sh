@@ -71,7 +71,7 @@ collect_arguments() {
 add_system() {
   if [ -e "$slots" ]; then
     "$here/nor" nor.img "$MACHINE_HOME/../camera/adapters/rauc/boot.cmd" "$1"
-    arguments+=(-bios "$BOOT_LOADER" -machine pflash1=nor
+    arguments+=(-bios "$BOOT_LOADER" -machine "pflash1=nor,acpi=off"
       -blockdev "driver=file,filename=nor.img,node-name=nor,read-only=on"
       -blockdev "driver=file,filename=$slots,node-name=slots" -device "virtio-blk-device,drive=slots,serial=slots")
   else
