@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# supervise.sh DIR IMAGE MODULES WATCHDOG RECORD OWNER: the power supply of a machine, with the options of "machine start",
-# which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, or somebody
+# supervise.sh DIR IMAGE MODULES WATCHDOG RECORD OWNER BUS: the power supply of a machine, with the options of "machine
+# start", which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, or somebody
 # writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as this process.
 #
 # Each boot has a QEMU of its own: after a reset of the board, QEMU 7.2 takes minutes to run the kernel's unpacking of its
@@ -58,10 +58,10 @@ collect_arguments() {
     -sandbox "on,obsolete=deny,elevateprivileges=deny,spawn=deny,resourcecontrol=deny"
     -chardev "file,id=console,path=$console,append=on" -serial chardev:console -action reboot=shutdown
     -qmp "unix:monitor,server=on,wait=off" -qtest "unix:qtest,server=on,wait=off" -qtest-log none
-    -netdev "user,id=net" -device "virtio-net-device,netdev=net"
+    -netdev "user,id=net${bus:+,hostfwd=tcp:127.0.0.1:$bus-:1900}" -device "virtio-net-device,netdev=net"
     -device virtio-rng-device -device virtio-serial-device)
   for lane in "${LANES[@]}"; do add_lane "$lane"; done
-  add_system "kova.modules=$modules kova.watchdog=$watchdog"
+  add_system "kova.modules=$modules kova.watchdog=$watchdog kova.bus=$bus"
   if [ -n "$watchdog" ]; then arguments+=(-device i6300esb -action watchdog=reset); fi
   if [ -n "$record" ]; then record_writes; else arguments+=(-blockdev "driver=file,filename=$flash,node-name=flash"); fi
   arguments+=(-device "virtio-blk-device,drive=flash,serial=flash")
@@ -135,7 +135,7 @@ power_off() {
 
 close_inherited_descriptors
 use_machine "$1"
-image=$2 modules=$3 watchdog=$4 record=$5 owner=$6 event=reboot
+image=$2 modules=$3 watchdog=$4 record=$5 owner=$6 bus=$7 event=reboot
 take_machine
 : >"$console"
 while [ "$event" = reboot ]; do

@@ -12,7 +12,8 @@ here=$(dirname "$(readlink -f "$0")")
 . "$here/harness.sh"
 readonly CUTS=${KOVA_POWER_CUTS:-20} SEED=${KOVA_SEED:-1}
 readonly ADAPTERS=$here/../../camera/adapters/rauc
-readonly WATCHDOG_S=30 WINDOW_S=4 MAX_DOWNLOAD=52428800 MIB=1048576
+readonly WATCHDOG_S=30 MAX_DOWNLOAD=52428800 MIB=1048576
+declare -rA OTHER=([A]=B [B]=A) SUCCESSOR=([1.0.0]=2.0.0 [2.0.0]=1.0.0) BUNDLE=([1.0.0]=factory [2.0.0]=good)
 slots=$one/slots.img
 [ -e /usr/lib/u-boot/qemu_arm64/u-boot.bin ] || skip "U-Boot for QEMU is not installed"
 command -v rauc >/dev/null || skip "RAUC is not installed"
@@ -89,8 +90,16 @@ is_good() { [ "$(variable "BOOT_$1_LEFT")" = 3 ] && logged "its slot is good"; }
 # The signatures are younger than a busy machine's clock.
 set_clock() { inside date -s "@$(date +%s)" >/dev/null; }
 update() { inside kovactl firmware "$url/$1" --timeout 600 --wait; }
+# The same program of this build, on this computer, through the forwarded port.
+update_from_outside() {
+  "$KOVA_BUILD/emulated/kovactl" --bus "unixexec:path=busybox,argv1=nc,argv2=127.0.0.1,argv3=$port" \
+    firmware "$url/$1" --timeout 600 --wait
+}
+free_port() {
+  python3 -c 'import socket; taken = socket.create_server(("127.0.0.1", 0)); print(taken.getsockname()[1])'
+}
 reboot_from() { inside kovactl reboot >/dev/null && run_machine wait "$one" "$(($1 + 1))"; }
-attempts() { grep -c "Booting slot $1" "$one/console.log"; }
+attempts() { grep -c "Booting slot $1" "$one/console.log" || true; } # since it was started
 
 # holds SLOT VERSION: whether the slot has all of that system, and nothing else.
 holds() {
@@ -100,7 +109,8 @@ holds() {
 }
 
 starts_from_its_factorys_slot() {
-  expect "a camera with slots starts" start_machine --slots "$work/1.0.0.ext4"
+  port=$(free_port)
+  expect "a camera with slots starts" start_machine --slots "$work/1.0.0.ext4" --bus "$port"
   expect "from the first" runs A 1.0.0
   expect "which is good once the daemon serves" eventually is_good A
   serve http
@@ -130,9 +140,9 @@ installs_a_good_bundle() {
   local boot begin
   boot=$(boot_count)
   begin=$(date +%s%N)
-  expect "a good bundle is installed" update good
+  expect "a good bundle is installed, as asked from outside" update_from_outside good
   figure "download, check and installation" "$((($(date +%s%N) - begin) / 1000000)) ms"
-  expect "as the daemon tells" grep -q "^OK: The image passed its check" "$work/output"
+  expect "as the daemon tells" grep -q "OK: The image passed its check" "$work/output"
   expect "in the other slot" holds B 2.0.0
   expect "which is to be booted next" test "$(variable BOOT_ORDER)" = "B A"
   expect "while the first runs on" runs A 1.0.0
@@ -144,20 +154,22 @@ installs_a_good_bundle() {
 
 # falls_back WHAT BUNDLE BOOTS: after three attempts, of which BOOTS are counted inside.
 falls_back() {
-  local boot before
+  local boot before slot version other
+  slot=$(running_slot) version=$(inside cat /run/firmware_version) other=${OTHER[$slot]}
   set_clock
   expect "a system that $1 is installed" update "$2"
   boot=$(boot_count)
-  before=$(attempts A)
+  before=$(attempts "$other")
   inside kovactl reboot >/dev/null
   expect "the camera comes back" eventually run_machine wait "$one" "$((boot + $3 + 1))"
-  expect "with the system before it" runs B 2.0.0
-  expect "after three attempts" test "$(($(attempts A) - before))" = 3
-  expect "none is left" test "$(variable BOOT_A_LEFT)" = 0
+  expect "with the system before it" runs "$slot" "$version"
+  expect "after three attempts" test "$(($(attempts "$other") - before))" = 3
+  expect "none is left" test "$(variable "BOOT_${other}_LEFT")" = 0
 }
 
-falls_back_from_what_does_not_come_up() {
-  falls_back "panics" panics 0
+falls_back_from_panics() { falls_back "panics" panics 0; }
+
+falls_back_from_what_does_not_serve() {
   expect "the camera is stopped" run_machine stop "$one"
   expect "and gets a watchdog" start_machine --watchdog "$WATCHDOG_S"
   falls_back "does not serve" silent 3
@@ -167,18 +179,32 @@ falls_back_from_what_does_not_come_up() {
 
 # --- power cuts -----------------------------------------------------------------------------------------------------
 
-declare -rA OTHER=([A]=B [B]=A) BUNDLE=([1.0.0]=factory [2.0.0]=good) SUCCESSOR=([1.0.0]=2.0.0 [2.0.0]=1.0.0)
-
 is_written() { [ "$slots" -nt "$work/begin" ]; }
 
-# cut_while_installing BUNDLE: within some seconds of the first write to the slots' disk.
-cut_while_installing() {
-  local updating
+# begin_update BUNDLE: in the background, as process $updating; returns with the first write to the slots' disk.
+begin_update() {
+  set_clock
   touch "$work/begin"
   update "$1" >"$work/update.log" 2>&1 &
   updating=$!
   eventually is_written
-  sleep "$((RANDOM % WINDOW_S)).$((RANDOM % 10))$((RANDOM % 10))"
+}
+
+# measure_update BUNDLE: sets `window` to the milliseconds from the first write to the end, and a tenth more.
+measure_update() {
+  local begin
+  begin_update "$1"
+  begin=$(date +%s%N)
+  wait "$updating" || return
+  window=$((($(date +%s%N) - begin) * 11 / 10000000))
+  figure "first write until it is installed" "$window ms, with a tenth added"
+}
+
+cut_while_installing() {
+  local pause
+  begin_update "$1"
+  pause=$((RANDOM % window))
+  sleep "$((pause / 1000)).$(printf %03d $((pause % 1000)))"
   run_machine cut "$one" >/dev/null
   wait "$updating" || true # its outcome is lost with the power
 }
@@ -189,11 +215,12 @@ left_in() {
 }
 
 survives_cuts_while_it_installs() {
-  local cut slot version left booted=0 new=0 parts=0 begin=$SECONDS
+  local cut slot version left updating window=0 booted=0 new=0 parts=0 begin=$SECONDS
   RANDOM=$SEED
+  version=$(inside cat /run/firmware_version)
+  expect "an update can be measured" measure_update "${BUNDLE[${SUCCESSOR[$version]}]}"
   for ((cut = 1; cut <= CUTS; cut++)); do
     eventually is_good "$(running_slot)" || break
-    set_clock
     slot=$(running_slot) version=$(inside cat /run/firmware_version)
     cut_while_installing "${BUNDLE[${SUCCESSOR[$version]}]}"
     left=$(left_in "${OTHER[$slot]}" "${SUCCESSOR[$version]}")
@@ -213,5 +240,6 @@ survives_cuts_while_it_installs() {
 }
 
 [ $# -gt 0 ] || set -- makes_systems_and_bundles starts_from_its_factorys_slot refuses_what_it_must \
-  installs_a_good_bundle falls_back_from_what_does_not_come_up survives_cuts_while_it_installs
+  installs_a_good_bundle \
+  falls_back_from_panics falls_back_from_what_does_not_serve survives_cuts_while_it_installs
 run_parts "$@"
