@@ -106,12 +106,17 @@ function(kova_command variable target)
     return()
   endif()
   set(script ${PROJECT_BINARY_DIR}/emulated/${target})
+  set(${variable} ${script} PARENT_SCOPE)
+  get_property(made GLOBAL PROPERTY KOVA_EMULATED)
+  if(target IN_LIST made) # several tests may run it
+    return()
+  endif()
+  set_property(GLOBAL APPEND PROPERTY KOVA_EMULATED ${target})
   list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "' '" words)
   file(GENERATE OUTPUT ${script}
     CONTENT "#!/bin/sh\nexec '${words}' '$<TARGET_FILE:${target}>' \"$@\"\n"
     FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                      WORLD_READ WORLD_EXECUTE)
-  set(${variable} ${script} PARENT_SCOPE)
 endfunction()
 
 # kova_fuzzer(<name> SOURCES <file>... [DEPENDS <target>...])

@@ -23,12 +23,13 @@ kova_packages() {
         printf '%s\n' g++-aarch64-linux-gnu qemu-user-static
         ;;
       machine)
-        printf '%s\n' binutils busybox cpio e2fsprogs fakeroot kmod python3 qemu-system-arm util-linux
+        printf '%s\n' binutils busybox cpio e2fsprogs fakeroot fdisk kmod openssl python3 qemu-system-arm rauc \
+          squashfs-tools u-boot-qemu util-linux
         ;;
       machine-firmware) # for 64-bit ARM, unpacked into the machine's firmware
         printf '%s\n' linux-image-arm64 busybox dbus-daemon hostapd iw libcrypt1 libcurl4 libgcc-s1 \
-          libnl-genl-3-200 libopencv-imgcodecs406 libseccomp2 libssl3 libsystemd0 runit strace systemd tzdata \
-          util-linux wpasupplicant
+          libnl-genl-3-200 libopencv-imgcodecs406 libseccomp2 libssl3 libsystemd0 libubootenv-tool rauc runit \
+          squashfs-tools strace systemd tzdata util-linux wpasupplicant
         ;;
       fuzz)
         printf '%s\n' clang-14 libclang-rt-14-dev

@@ -51,9 +51,11 @@ prepare_apt() {
 $(sed 's/^/  /' "$apt/sources.list")"
 }
 
-# plan: prints the files to unpack, each with its version in its name.
+# plan: prints the files to unpack, each with its version in its name. With an empty cache, since apt leaves out those
+# that it has already.
 plan() {
-  arm64_apt --print-uris install "${packages[@]}" | cut -d ' ' -f 2 | sort ||
+  mkdir -p "$apt/empty/partial"
+  arm64_apt -o "Dir::Cache::archives=$apt/empty" --print-uris install "${packages[@]}" | cut -d ' ' -f 2 | sort ||
     die "the packages cannot be had for $ARCHITECTURE: ${packages[*]}"
 }
 

@@ -18,6 +18,7 @@ use_machine() {
   esac
   dir=$(realpath -m -- "$1")
   flash=$dir/flash.img # persistent storage
+  slots=$dir/slots.img # the disk with the systems, if U-Boot boots one of them
   console=$dir/console.log
   state=$dir/state # files of the supervisor: lock, control pipe, sockets and pipes of QEMU, logs
   control=$state/control

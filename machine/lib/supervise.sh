@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# supervise.sh DIR IMAGE MODULES WATCHDOG RECORD OWNER: the power supply of a machine, with the options of "machine start",
-# which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, or somebody
+# supervise.sh DIR IMAGE MODULES WATCHDOG RECORD OWNER BUS: the power supply of a machine, with the options of "machine
+# start", which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, or somebody
 # writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as this process.
 #
 # Each boot has a QEMU of its own: after a reset of the board, QEMU 7.2 takes minutes to run the kernel's unpacking of its
@@ -13,6 +13,7 @@ here=$(dirname "$(readlink -f "$0")")
 
 readonly LANES=(0 1 2 3) # see machine/lib/inside
 readonly MEMORY=512      # MiB
+readonly BOOT_LOADER=/usr/lib/u-boot/qemu_arm64/u-boot.bin
 readonly TICK=0.2        # seconds between checks of a silent machine
 
 note() { printf '%s %s\n' "$(date '+%F %T')" "$*"; }
@@ -55,18 +56,29 @@ collect_arguments() {
     -m "$MEMORY" -smp 1
     -nodefaults -no-user-config -display none -name kova
     -sandbox "on,obsolete=deny,elevateprivileges=deny,spawn=deny,resourcecontrol=deny"
-    -kernel "$image/kernel" -initrd "$image/initrd"
-    -append "console=ttyAMA0 quiet panic=-1 kova.modules=$modules kova.watchdog=$watchdog"
     -chardev "file,id=console,path=$console,append=on" -serial chardev:console -action reboot=shutdown
     -qmp "unix:monitor,server=on,wait=off" -qtest "unix:qtest,server=on,wait=off" -qtest-log none
-    -blockdev "driver=file,filename=$image/system.ext4,node-name=system,read-only=on"
-    -device "virtio-blk-device,drive=system,serial=system"
-    -netdev "user,id=net" -device "virtio-net-device,netdev=net"
+    -netdev "user,id=net${bus:+,hostfwd=tcp:127.0.0.1:$bus-:1900}" -device "virtio-net-device,netdev=net"
     -device virtio-rng-device -device virtio-serial-device)
   for lane in "${LANES[@]}"; do add_lane "$lane"; done
+  add_system "kova.modules=$modules kova.watchdog=$watchdog kova.bus=$bus"
   if [ -n "$watchdog" ]; then arguments+=(-device i6300esb -action watchdog=reset); fi
   if [ -n "$record" ]; then record_writes; else arguments+=(-blockdev "driver=file,filename=$flash,node-name=flash"); fi
   arguments+=(-device "virtio-blk-device,drive=flash,serial=flash")
+}
+
+# add_system OPTIONS: what is booted, either the image as it is, or what U-Boot finds in the slots.
+add_system() {
+  if [ -e "$slots" ]; then
+    "$here/nor" nor.img "$MACHINE_HOME/../camera/adapters/rauc/boot.cmd" "$1"
+    arguments+=(-bios "$BOOT_LOADER" -machine "pflash1=nor,acpi=off"
+      -blockdev "driver=file,filename=nor.img,node-name=nor,read-only=on"
+      -blockdev "driver=file,filename=$slots,node-name=slots" -device "virtio-blk-device,drive=slots,serial=slots")
+  else
+    arguments+=(-kernel "$image/kernel" -initrd "$image/initrd" -append "console=ttyAMA0 quiet panic=-1 $1"
+      -blockdev "driver=file,filename=$image/system.ext4,node-name=system,read-only=on"
+      -device "virtio-blk-device,drive=system,serial=system")
+  fi
 }
 
 # Of each boot: the flash as it was at power-on, and a log of what has been written since. See machine/tests/replay.
@@ -123,7 +135,7 @@ power_off() {
 
 close_inherited_descriptors
 use_machine "$1"
-image=$2 modules=$3 watchdog=$4 record=$5 owner=$6 event=reboot
+image=$2 modules=$3 watchdog=$4 record=$5 owner=$6 bus=$7 event=reboot
 take_machine
 : >"$console"
 while [ "$event" = reboot ]; do

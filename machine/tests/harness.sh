@@ -48,14 +48,19 @@ make_certificates() {
   cat "$work/camera.crt" "$work/camera.key" >"$work/camera.pem"
 }
 
-# start_server: serves the folder $work/served to the camera, at $url, until stop_server, and has the camera trust it.
-start_server() {
-  make_certificates >"$work/openssl.log" 2>&1
+# serve SCHEME [CERTIFICATE KEY]: serves the folder $work/served to the camera, at $url, until stop_server.
+serve() {
   mkfifo "$work/serving"
-  "$here/serve" "$work/served" "$work/server.crt" "$work/server.key" "$work/port" <"$work/serving" 2>/dev/null &
+  "$here/serve" "$work/served" "${2:-}" "${3:-}" "$work/port" <"$work/serving" 2>/dev/null &
   exec 6>"$work/serving"
   eventually test -s "$work/port"
-  url=https://10.0.2.2:$(<"$work/port")
+  url=$1://10.0.2.2:$(<"$work/port")
+}
+
+# start_server: serves it by HTTPS, and has the camera trust the server.
+start_server() {
+  make_certificates >"$work/openssl.log" 2>&1
+  serve https "$work/server.crt" "$work/server.key"
   put_inside "$work/camera.pem" /etc/persistent/server.pem
   put_inside "$work/ca.crt" /etc/persistent/controller.crt
   inside chmod 600 /etc/persistent/server.pem
