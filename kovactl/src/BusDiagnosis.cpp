@@ -113,6 +113,14 @@ std::string busAddress() {
   return given != nullptr && *given != '\0' ? given : std::string(kDefaultAddress);
 }
 
+void warnOfLocal(const std::string& command, const std::string& folder) {
+  if (busAddress() != kDefaultAddress) {
+    fail(ExitStatus::Ok, "warning: " + command + " reads " + folder +
+                             " of this machine, not of the camera at " + busAddress() +
+                             ": use --host");
+  }
+}
+
 std::string explainJoin(const std::string& host, const std::string& endpoint,
                         const std::string& problem) {
   if (problem.find("Unable to own the name") != problem.npos) {

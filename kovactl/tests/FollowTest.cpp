@@ -197,6 +197,16 @@ TEST_F(Follow, TerminalShowsBarAndErasesIt) {
   EXPECT_THAT(result.out, EndsWith("\r\x1b[KOK\r\n"));
 }
 
+TEST_F(Follow, SentUploadWaitsForAnswerOfServer) {
+  FakeCamera camera(transferring());
+  Child child({"get", "snapshot", "http://x/", "--wait"}, Child::On::Terminal);
+  ASSERT_TRUE(child.awaitOutput("512 B of 1.0 KiB"));
+  camera.change("7", {{"Direction", "up"}, {"Transferred", std::uint64_t{1024}}});
+  ASSERT_TRUE(child.awaitOutput("sent, waiting for the server's answer  "));
+  camera.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  EXPECT_EQ(child.wait().status, 0);
+}
+
 TEST_F(Follow, StopTellsHowToCancel) {
   const FakeCamera camera(transferring());
   Child child(putLogo());

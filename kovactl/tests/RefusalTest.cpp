@@ -16,6 +16,7 @@ namespace kova::ctl::testing {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 using variant::Variant;
 
@@ -113,7 +114,11 @@ TEST_F(Refusals, WrongUsageIsExplained) {
        2,
        "give --hash or --file, not both"},
       {{"get", "snapshot", "http://x/", "--filename", "x"}, 2, "snapshot takes no --filename"},
-      {{"get", "snapshot", "http://x/", "--field", "nosign"}, 2, "nosign"},
+      {{"get", "snapshot", "http://x/", "--field", "nosign"}, 2, "--field: write KEY=VALUE"},
+      {{"get", "snapshot", "http://x/", "--field", "a=b", "--field", "c:=1"},
+       2,
+       "such as camera=porch: the value is always text\n"},
+      {{"get", "snapshot", "http://x/", "--field", "a=b", "--field", "a=c"}, 2, "is given twice"},
       {{"firmware", "http://x/", "--timeout", "0"}, 2, "must be more than 0"},
       {{"reboot", "--delay", "-1"}, 2, "\"-1\" is not a duration"},
       {{"reset-defaults"}, 2, "use --yes"},
@@ -157,6 +162,17 @@ TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
   expect({{"settings", "region=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
   expect({{"settings", "region=US"}, 1, "see the camera's log"});
   expect({{"settings", "timezone=Europe/Paris"}, 1, "see the camera's log"});
+}
+
+TEST_F(Refusals, FolderOfOtherMachineCausesWarning) {
+  EXPECT_THAT(
+      run({"timezones", "--json"}).err,
+      HasSubstr("timezones reads /usr/share/zoneinfo of this machine, not of the camera at " +
+                bus_.address() + ": use --host\n"));
+  EXPECT_THAT(run({"service", "list"}).err,
+              HasSubstr("service list reads /etc/sv of this machine"));
+  EXPECT_THAT(run({"timezones", "--bus", "unix:path=/run/kova/bus"}).err,
+              Not(HasSubstr("warning")));
 }
 
 TEST_F(Refusals, ServiceNeededByCameraIsReported) {

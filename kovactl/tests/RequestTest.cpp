@@ -83,7 +83,9 @@ TEST_F(Requests, CommandsWithoutResultPrintNull) {
 
 TEST_F(Requests, EmptyAnswerIsSuccess) {
   Peer peer(takingNote());
-  EXPECT_EQ(run({"call", "Anything"}).out, "Accepted; the answer is empty.\n");
+  EXPECT_EQ(run({"call", "Anything"}).out,
+            "Delivered; the answer is empty and does not show the outcome (\"kovactl transfers\" "
+            "shows that of a transfer).\n");
   const Result result = run({"call", "Anything", "--json"});
   EXPECT_EQ(result.status, 0);
   EXPECT_TRUE(jsonOf(result.out).find("result")->isEmpty());

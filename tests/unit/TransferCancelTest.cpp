@@ -80,7 +80,7 @@ TEST_F(TransferCancelTest, TakeOverOfRunningTaskIsToldInBoth) {
   EXPECT_EQ(told(2),
             "TRANSFER_FAILED: Transfer 1, whose task was taken over, had not ended and kept this "
             "one from starting: the URI or the file /tmp/user_logo is in use by another transfer, "
-            "or by one that could not be begun.");
+            "or held by one that could not start; `kovactl exit-service` frees it.");
 }
 
 TEST_F(TransferCancelTest, TakeOverBeforeStartIsToldInBoth) {

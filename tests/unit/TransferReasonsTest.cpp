@@ -260,7 +260,7 @@ TEST_F(TransferReasonsTest, WhatCannotBeginSaysWhy) {
             "TRANSFER_FAILED: The form field `a` is not a string.");
   EXPECT_EQ(outcome("snapshot", uri("/next")),
             "TRANSFER_FAILED: The URI or the file /tmp/snap.jpeg is in use by another transfer, or "
-            "by one that could not be begun.");
+            "held by one that could not start; `kovactl exit-service` frees it.");
 }
 
 TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {

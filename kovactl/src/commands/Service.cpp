@@ -6,6 +6,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "../BusDiagnosis.h"
 #include "../Client.h"
 #include "../Command.h"
 #include "../Output.h"
@@ -39,6 +40,7 @@ std::string stateOf(const std::string& service, bool started) {
 }
 
 ExitStatus showList(const Options& options) {
+  warnOfLocal("service list", kInstalled);
   const std::vector<std::string> services = installedServices();
   if (services.empty()) {
     return fail(ExitStatus::Local,
