@@ -85,7 +85,9 @@ ExitStatus control(const Options& options, const std::string& service, const cha
   request.from("kovactl");  // named in the camera's log
   return requestFromServer(
       options, request, service + " " + done + "\n",
-      kStops && isNeeded(service) ? "it cannot be managed without " + service : refusalOf(service));
+      kStops && isNeeded(service)
+          ? service + " is never stopped by request: the camera could not be managed without it"
+          : refusalOf(service));
 }
 
 }  // namespace
