@@ -148,7 +148,8 @@ TEST_F(TransferCancelTest, CancelOfFirstRequestEndsItsSuccessor) {
   EXPECT_EQ(records().cancel(1), Cancel::Done);
   ASSERT_TRUE(serviceUntilEnd(2));
   EXPECT_EQ(record(1).outcome, "CANCELLED");
-  EXPECT_THAT(told(2), testing::EndsWith("from starting: nothing was transferred."));
+  EXPECT_THAT(told(2),
+              testing::EndsWith("from starting; send the request again: nothing was transferred."));
 }
 
 TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsToldInFirst) {
