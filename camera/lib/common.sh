@@ -14,7 +14,7 @@ die() {
 # use_camera DIR: sets the paths of the camera in DIR. All of them are absolute.
 use_camera() {
   case ${1:-} in
-    "") die "DIR is missing" ;;
+    "") die "DIR is missing, for example: ./dev camera start DIR [--info FILE]" ;;
     -*) die "\"$1\" is not a folder; write ./$1 for a name that starts with \"-\"" ;;
   esac
   dir=$(realpath -m -- "$1")

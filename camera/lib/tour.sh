@@ -181,11 +181,11 @@ press_button() {
     show "$ ./dev machine press $dir"
     "$driver" press "$dir"
   else
-    show "$ echo 0 >.../reset_button/value   # pressed for six seconds"
-    echo 0 >"$root/run/gpio/reset_button/value"
+    show "$ printf 0 1<>.../reset_button/value   # pressed for six seconds"
+    printf 0 1<>"$root/run/gpio/reset_button/value"
   fi
 }
-release_button() { if is_machine; then "$driver" release "$dir"; else echo 1 >"$root/run/gpio/reset_button/value"; fi; }
+release_button() { if is_machine; then "$driver" release "$dir"; else printf 1 1<>"$root/run/gpio/reset_button/value"; fi; }
 logged() { eventually logged_since "$1"; }
 logged_now() { logged "$1"; }
 

@@ -38,4 +38,7 @@ struct TransferRun {
   std::string explain(const std::string& clause) const;
 };
 
+/// Why a request to a URI is refused that another transfer uses.
+std::string uriInUse(std::uint64_t record);
+
 }  // namespace kova::ctlserver

@@ -103,8 +103,7 @@ bool CtlServer::isDuplicate(const char* operation, const std::string& what, cons
                             std::uint64_t record) {
   if (transferService_.existsUri(uri)) {
     logDuplicate(operation, "uri", what, uri);
-    refuse(record, "transfer " + std::to_string(transferService_.recordOfUri(uri)) +
-                       ", which runs, has this URI");
+    refuse(record, uriInUse(transferService_.recordOfUri(uri)));
     return true;
   }
   if (transferService_.existsName(what)) {  // kept: 56

@@ -60,13 +60,23 @@ std::string TransferRun::explain(const std::string& clause) const {
         asNumber(takenOverBy));
   }
   if (tookOver != 0) {
-    text += utils::format("transfer %llu, whose task was taken over, had not ended%s: ",
-                          asNumber(tookOver), registered ? "" : " and kept this one from starting");
+    text +=
+        utils::format(registered ? "transfer %llu was still running when this request took over "
+                                   "its task: "
+                                 : "transfer %llu was still running and kept this one from "
+                                   "starting; send the request again: ",
+                      asNumber(tookOver));
   }
   if (httpStatus >= kFirstHttpError) {
     text += utils::format("the server answered with HTTP status %d: ", httpStatus);
   }
   return text + clause;
+}
+
+std::string uriInUse(std::uint64_t record) {
+  return utils::format(
+      "transfer %llu is already using this URI; wait for it or cancel it (kovactl cancel %llu)",
+      asNumber(record), asNumber(record));
 }
 
 }  // namespace kova::ctlserver

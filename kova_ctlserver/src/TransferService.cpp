@@ -47,8 +47,7 @@ bool TransferService::add(BaseTransferTask* task) {  // kept: 45
   if (existsUri(uri)) {
     KOVA_LOG(LOG_ERR, 0, "Task %s busy, failed to start, uri=%s", task->name().c_str(),
              uri.c_str());
-    return refuse(run,
-                  "transfer " + std::to_string(recordOfUri(uri)) + ", which runs, has this URI");
+    return refuse(run, uriInUse(recordOfUri(uri)));
   }
   if (!task->start()) {
     KOVA_LOG(LOG_ERR, 0, "Failed to start task, task=%s, uri=%s", task->name().c_str(),

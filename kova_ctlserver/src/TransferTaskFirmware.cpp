@@ -111,7 +111,7 @@ void TransferTaskFirmware::flash() {
   if (status == 0) {
     // kept: 64
     KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Firmware update downloaded from uri=%s", uri().c_str());
-    return conclude(kOutcomeOk, "the image passed its check and the flashing tool took it");
+    return conclude(kOutcomeOk, "the image was checked and flashed");
   }
   // kept: 19
   KOVA_LOG_IN(kOnSuccess, LOG_WARNING, errno, "Firmware flash failed, uri=%s", uri().c_str());

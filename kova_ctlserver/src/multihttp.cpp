@@ -56,7 +56,8 @@ bool MultiHTTP::RegisterRequest(bool download, const std::string& uri, const std
     KOVA_LOG(LOG_ERR, 0, "File or URI already in progress, uri=%s, path=%s", uri.c_str(),
              path.c_str());
     setCause("the URI or the file " + path +
-             " is in use by another transfer, or by one that could not be begun");
+             " is in use by another transfer, or held by one that could not start; "
+             "`kovactl exit-service` frees it");
     return false;
   }
   // Before the file is recorded: what is refused later keeps it from every other transfer.

@@ -27,6 +27,13 @@ namespace {
 
 constexpr std::string_view kDefaultAddress = "unix:path=/run/kova/bus";
 constexpr const char* kGroup = "kova";
+constexpr const char* kBusStatus =
+    "\"sv status kova_bus\" (systemd: \"systemctl status kova-bus\")";
+
+// The commands that add a member to the group and keep it across a change of the password.
+std::string joining(const std::string& user) {
+  return "run \"adduser " + user + " " + kGroup + " && /usr/libexec/kova_members\" ";
+}
 
 // The path of the socket in an address; "" if it has none.
 std::string socketPath(const std::string& address) {
@@ -86,11 +93,11 @@ std::string explainSocket(const std::string& path, const std::string& problem) {
   switch (connectError(path)) {
     case ENOENT:
     case ENOTDIR:
-      return "no bus at unix:path=" + path +
-             ": run kovactl on the camera (\"sv status kova_bus\" shows whether its bus is "
-             "running), or choose a camera with --host or another bus with --bus";
+      return "no bus at unix:path=" + path + ": run kovactl on the camera (" + kBusStatus +
+             " shows whether its bus runs), " +
+             "or choose a camera with --host or another bus with --bus";
     case ECONNREFUSED:
-      return "no bus listens at unix:path=" + path + ": start it with \"sv start kova_bus\"";
+      return "no bus listens at unix:path=" + path + ": " + kBusStatus + " shows whether it runs";
     case EACCES:
     case EPERM:
       return explainDenial().empty() ? problem : explainDenial();
@@ -113,6 +120,23 @@ std::string busAddress() {
   return given != nullptr && *given != '\0' ? given : std::string(kDefaultAddress);
 }
 
+std::string addressFault(const std::string& address) {
+  constexpr std::string_view kTransports[] = {"unix:", "unixexec:", "tcp:", "x-machine-"};
+  const bool isAddress = std::ranges::any_of(
+      kTransports, [&address](std::string_view start) { return address.starts_with(start); });
+  return isAddress ? ""
+                   : "\"" + address + "\" is not a bus address: write one such as " +
+                         std::string(kDefaultAddress);
+}
+
+void warnOfLocal(const std::string& command, const std::string& folder) {
+  if (busAddress() != kDefaultAddress) {
+    fail(ExitStatus::Ok, "warning: " + command + " reads " + folder +
+                             " of this machine, not of the camera at " + busAddress() +
+                             ": use --host");
+  }
+}
+
 std::string explainJoin(const std::string& host, const std::string& endpoint,
                         const std::string& problem) {
   if (problem.find("Unable to own the name") != problem.npos) {
@@ -128,18 +152,14 @@ std::string explainJoin(const std::string& host, const std::string& endpoint,
   if (problem.empty()) {
     return "unable to join the bus at " + address;
   }
-  constexpr std::string_view kTransports[] = {"unix:", "unixexec:", "tcp:"};
-  const bool isAddress = std::ranges::any_of(
-      kTransports, [&address](std::string_view start) { return address.starts_with(start); });
-  return isAddress ? problem + ": check the address; kovactl(1) shows examples"
-                   : "\"" + address + "\" is not a bus address: write one such as " +
-                         std::string(kDefaultAddress);
+  const std::string fault = addressFault(address);
+  return fault.empty() ? problem + ": check the address; kovactl(1) shows examples" : fault;
 }
 
 std::string explainDenial(const std::string& host) {
   if (!host.empty()) {
     return "only root and members of the group " + std::string(kGroup) + " may use the bus of " +
-           host + ": run \"adduser USER " + kGroup + "\" there as root";
+           host + ": " + joining("USER") + "there as root";
   }
   if (geteuid() == 0) {
     return "";
@@ -147,16 +167,16 @@ std::string explainDenial(const std::string& host) {
   const std::string user = userName();
   const std::string may =
       "only root and members of the group " + std::string(kGroup) + " may use this bus: ";
-  return isListedInGroup(user)
-             ? may + "log in again for your membership to take effect"
-             : may + "run \"adduser " + user + " " + kGroup + "\" as root, then log in again";
+  return isListedInGroup(user) ? may + "log in again for your membership to take effect"
+                               : may + joining(user) + "as root, then log in again";
 }
 
 std::string absence(const std::string& endpoint) {
   const std::string text = "\"" + endpoint + "\" is not on the bus";
   const std::vector<std::string> known(kEndpoints.begin(), kEndpoints.end());
   if (std::ranges::find(known, endpoint) != known.end()) {
-    return text + ": \"sv status " + endpoint + "\" on the camera shows whether it is running";
+    return text + ": \"sv status " + endpoint + "\" (systemd: \"systemctl status " + endpoint +
+           "\") on the camera shows whether it runs";
   }
   const std::string meant = didYouMean(endpoint, known);
   return text + (meant.empty() ? ": is it running?" : meant);

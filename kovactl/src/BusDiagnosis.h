@@ -8,6 +8,13 @@ namespace kova::ctl {
 /// The address of the bus: KOVA_BUS_ADDRESS or the default.
 std::string busAddress();
 
+/// Explains why a text is not the address of a bus; "" if it has the form of one.
+std::string addressFault(const std::string& address);
+
+/// Warns, if another bus than this machine's was chosen, that a command reads a folder of this
+/// machine.
+void warnOfLocal(const std::string& command, const std::string& folder);
+
 /// Explains why the bus could not be joined. Connects once more to find out.
 /// @param host     the remote camera whose bus it is; "" for this machine
 /// @param endpoint the name to own on the bus; "" for none

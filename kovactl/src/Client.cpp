@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <map>
 #include <string_view>
 
 #include "BusDiagnosis.h"
@@ -29,6 +30,26 @@ bool isVanishing(const std::string& error) {
       "org.freedesktop.DBus.Error.Timeout",
   };
   return std::ranges::find(kVanished, error) != std::end(kVanished);
+}
+
+// What the control server could not do, in words.
+std::string failureOf(BaseRequestMessage& request, std::uint64_t statusCode) {
+  static const std::map<std::string, std::string> kTasks{
+      {"ChangeDeviceSettings", "change the settings"},
+      {"ChangeUsernamePassword", "read or change the account"},
+      {"DisableUsernamePassword", "lock the password"},
+      {"EnableUsernamePassword", "unlock the password"},
+      {"GetSystemStats", "read the statistics"},
+      {"ResetDeviceSettings", "reset the settings"},
+      {"ResetToDefaults", "erase the configuration"},
+      {"SaveToFlash", "save the configuration"},
+      {"StartService", "start the service"},
+      {"StopService", "stop the service"}};
+  const auto task = kTasks.find(request.functionName());
+  return task != kTasks.end() && request.to() == kServer
+             ? "the camera could not " + task->second
+             : "\"" + request.to() + "\" refused " + request.functionName() +
+                   " or failed to carry it out (status " + std::to_string(statusCode) + ")";
 }
 
 }  // namespace
@@ -161,9 +182,7 @@ Reply Client::judge(BaseRequestMessage& request, const std::string& refusal) {
   reply.answered = reply.message.requestId() == request.id();
   reply.status = ExitStatus::Ok;
   if (reply.answered && reply.message.statusCode() != 0) {
-    reply.status = fail(ExitStatus::Refused, "the camera refused " + what +
-                                                 " or failed to carry it out (status " +
-                                                 std::to_string(reply.message.statusCode()) + ")" +
+    reply.status = fail(ExitStatus::Refused, failureOf(request, reply.message.statusCode()) +
                                                  (refusal.empty() ? "" : ": " + refusal));
   }
   return reply;

@@ -134,9 +134,13 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
     return option != rest.end() ? unknownOption(command, *option)
                                 : "unexpected argument \"" + rest.front() + "\"";
   }
-  return is(error, CLI::ExitCodes::ArgumentMismatch)
-             ? text.substr(0, text.find(':')) + " needs a value"
-             : text;
+  if (is(error, CLI::ExitCodes::ArgumentMismatch)) {
+    return text.substr(0, text.find(':')) + " needs a value";
+  }
+  // The name of an argument, as opposed to that of an option, explains nothing.
+  const bool isOfArgument = is(error, CLI::ExitCodes::ValidationError) && text.front() != '-';
+  const std::size_t name = isOfArgument ? text.find(": ") : text.npos;
+  return name != text.npos ? text.substr(name + 2) : text;
 }
 
 // Whether the words, which may not be a valid command line, ask for JSON.
@@ -163,10 +167,9 @@ void CommandLine::argument(const char* name, std::string& value, const char* hel
                            const std::vector<std::string>& choices) {
   CLI::Option* option = app_->add_option(name, value, help)->required()->type_name("");
   if (!choices.empty()) {
-    option->check([choices, argument = std::string(name)](const std::string& text) {
-      return std::ranges::find(choices, text) != choices.end()
-                 ? std::string()
-                 : notFound("valid " + argument, text, choices);
+    option->check([choices, kind = "file to " + app_->get_name()](const std::string& text) {
+      return std::ranges::find(choices, text) != choices.end() ? std::string()
+                                                               : notFound(kind, text, choices);
     });
   }
 }
@@ -298,6 +301,9 @@ ExitStatus Program::chooseBus() {
     watchSsh();
     setenv("KOVA_BUS_ADDRESS", remoteBusAddress(options_.host).c_str(), 1);
   } else if (!options_.bus.empty()) {
+    if (const std::string fault = addressFault(options_.bus); !fault.empty()) {
+      return fail(ExitStatus::Usage, fault);
+    }
     setenv("KOVA_BUS_ADDRESS", options_.bus.c_str(), 1);
   }
   return ExitStatus::Ok;

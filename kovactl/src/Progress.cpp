@@ -24,6 +24,10 @@ bool isMeasured(const TransferRecord& record) {
   return record.size > 0 && record.transferred <= record.size;
 }
 
+bool isSent(const TransferRecord& record) {
+  return record.direction == "up" && record.size > 0 && record.transferred == record.size;
+}
+
 std::string bytesOf(const TransferRecord& record) {
   const std::string done = humanBytes(static_cast<double>(record.transferred));
   return isMeasured(record) ? done + " of " + humanBytes(static_cast<double>(record.size)) : done;
@@ -111,10 +115,12 @@ void Progress::turn() {
   const std::size_t columns = terminalSize(STDERR_FILENO).columns - 1;
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
   std::string line;
-  if (record_ && record_->phase == kTransferring) {
+  if (record_ && record_->phase == kTransferring && !isSent(*record_)) {
     line = progressLine(*record_, rate_.perSecond(), columns);
   } else {
-    const std::string what = record_ ? printable(record_->phase) : "waiting for the camera";
+    const std::string what = !record_           ? "waiting for the camera"
+                             : isSent(*record_) ? "sent, waiting for the server's answer"
+                                                : printable(record_->phase);
     line = utils::format("%c ", kStates[turns_++ % sizeof kStates]) + what + "  " +
            std::to_string(seconds) + " s";
   }

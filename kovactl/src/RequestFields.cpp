@@ -127,7 +127,9 @@ std::string doubtAbout(const FieldDescription& field, const Variant& value) {
 
 std::string unknownField(const std::string& function, const std::string& key,
                          const std::vector<std::string>& known) {
-  return function + " has no field \"" + key + "\", it will be ignored" + didYouMean(key, known);
+  const std::string meant = closest(key, known);
+  return function + " has no field \"" + key + "\": it is ignored" +
+         (meant.empty() ? "" : "; did you mean \"" + meant + "\"?");
 }
 
 }  // namespace

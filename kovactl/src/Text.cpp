@@ -164,9 +164,22 @@ std::size_t hang(std::string_view line, std::size_t columns) {
   return column != line.npos && column <= columns / 2 ? column : start;
 }
 
+// Gives the second column, if there is little room beside the first, lines of its own below it.
+std::string unfold(std::string& line, std::size_t columns) {
+  const std::size_t start = std::min(line.find_first_not_of(' '), line.size());
+  const std::size_t gap = line.find("  ", start);
+  const std::size_t column = gap != line.npos ? line.find_first_not_of(' ', gap) : line.npos;
+  if (start == 0 || column == line.npos || column <= columns / 2 || line.size() <= columns) {
+    return "";
+  }
+  const std::string first = line.substr(0, gap) + "\n";
+  line.replace(0, column, start + 4, ' ');
+  return first;
+}
+
 std::string wrapLine(std::string line, std::size_t columns) {
+  std::string out = unfold(line, columns);
   const std::string indent(hang(line, columns), ' ');
-  std::string out;
   while (line.size() > columns) {
     std::size_t end = line.rfind(' ', columns);
     if (end == line.npos || end < indent.size()) {

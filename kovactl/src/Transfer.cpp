@@ -72,13 +72,27 @@ std::string withReason(const std::string& text, const TransferRecord& record) {
   return text + (record.reason.empty() ? "" : ": " + record.reason);
 }
 
+// What to do about a certificate that libcurl could not load.
+std::string adviceFor(const std::string& reason) {
+  for (const char* file : {"/etc/persistent/server.pem", "/etc/persistent/controller.crt"}) {
+    if (reason.find(file) != reason.npos) {
+      return std::string(" The camera has no usable ") + file +
+             ": adopt the camera (docs/adopting.md).";
+    }
+  }
+  return "";
+}
+
 std::string failureOf(const TransferRecord& record) {
   if (record.outcome == "REFUSED") {
     return withReason("the camera refused the transfer", record);
   }
-  return withReason(record.outcome == "CANCELLED" ? "the transfer was cancelled"
-                                                  : "the transfer failed: " + record.outcome,
-                    record);
+  if (record.outcome == "CANCELLED") {
+    return record.reason == "The transfer was cancelled on request."
+               ? "the transfer was cancelled"
+               : withReason("the transfer was cancelled", record);
+  }
+  return withReason("the transfer failed: " + record.outcome, record) + adviceFor(record.reason);
 }
 
 std::string lossOf(TransferFollower::Loss loss, const TransferRecord& record) {
@@ -179,10 +193,10 @@ ExitStatus Request::wait() {
   }
   if (waited == ExitStatus::NoAnswer) {
     return failAs(ExitStatus::Unknown, "unknown",
-                  follower_.found() ? "no outcome within the time-out: the camera is still " +
-                                          follower_.record().phase +
-                                          "; \"kovactl transfers\" shows how it goes on"
-                                    : "no event within the time-out: " + silence_);
+                  follower_.found()
+                      ? "no outcome within the time-out: the camera is still " +
+                            follower_.record().phase + "; \"kovactl transfers\" shows its progress"
+                      : "no event within the time-out: " + silence_);
   }
   return waited == ExitStatus::Ok ? conclude() : waited;
 }
@@ -261,10 +275,10 @@ ExitStatus Request::concludeStop(ExitStatus stopped) {
 ExitStatus Request::concludeTaken() {
   const std::string text = follower_.found()
                                ? "The camera accepted transfer " + follower_.record().number +
-                                     "; \"kovactl transfers\" shows how it goes on.\n"
+                                     "; \"kovactl transfers\" shows its progress.\n"
                                : "The camera accepted request " + std::to_string(request_.id()) +
                                      "; use --wait to see its outcome.\n";
-  return presentAs("taken", text);
+  return presentAs("accepted", text);
 }
 
 // The camera supports only HTTP and HTTPS.
@@ -289,10 +303,8 @@ std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint
                 "How long the camera may take (" + std::to_string(defaultMs / 1000) + "s)");
   line.flag("--wait", transfer->wait, "Show the progress and wait for the outcome");
   line.flag("--cancel", transfer->cancel, "Cancel the transfer on Ctrl-C; needs --wait");
-  line.footer(
-      "A camera of an older version sends an event with the outcome and tells nothing else. No "
-      "event: " +
-      std::string(silence) + ". --wait then ends with status 5.");
+  line.footer("Older cameras report only the outcome, by an event. No event: " +
+              std::string(silence) + ". --wait then ends with status 5.");
   return transfer;
 }
 

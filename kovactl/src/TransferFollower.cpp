@@ -102,6 +102,9 @@ ExitStatus cancelTransfer(Objects& objects, const std::string& number, bool pati
     return fail(ExitStatus::Refused,
                 "the camera knows of no transfer " + number + ": \"kovactl transfers\" lists them");
   }
+  if (answer.error == "kova.Error.TransferEnded") {
+    return fail(ExitStatus::Refused, "transfer " + number + " has already ended");
+  }
   const ExitStatus status = exitForError(answer.error);
   return status == ExitStatus::Refused
              ? fail(status, "transfer " + number + " cannot be cancelled: " + answer.text)

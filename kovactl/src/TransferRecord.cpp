@@ -51,8 +51,16 @@ std::string bytes(const TransferRecord& record) {
              : done + " of " + humanBytes(static_cast<double>(record.size));
 }
 
+// As it is typed on the command line.
+std::string kindOf(const TransferRecord& record) {
+  return record.kind == "supportInfo"     ? "support"
+         : record.kind == "eventSnapshot" ? "event-snapshot"
+         : record.kind == "eventHeatmap"  ? "event-heatmap"
+                                          : printable(record.kind);
+}
+
 Cells cellsOf(const TransferRecord& record) {
-  return {record.number, printable(record.kind),   state(record),
+  return {record.number, kindOf(record),           state(record),
           bytes(record), timeText(record.started), printable(record.uri)};
 }
 
@@ -131,7 +139,7 @@ std::string transferTable(const std::vector<TransferRecord>& records) {
       lines.push_back({"", printable(record.reason)});
     }
   }
-  return records.empty() ? "The camera knows of no transfer.\n" : grid(lines);
+  return records.empty() ? "No transfers since the control server started.\n" : grid(lines);
 }
 
 std::string transferLine(const TransferRecord& record) {

@@ -300,7 +300,7 @@ TEST(Bridge, RefusalsAreExplained) {
   expect({"--bus", "unix:path=", "bridge"}, 2, "is not the address of a socket");
   expect({"--bus", "unix:path=/tmp/%g0", "bridge"}, 2, "is not the address of a socket");
   expect({"--bus", "unix:path=/nonexistent%20x", "bridge"}, 3, "no bus at unix:path=/nonexis");
-  expect({"--bus", "unix:abstract=kova.none", "bridge"}, 3, "start it with \"sv start kova_bus\"");
+  expect({"--bus", "unix:abstract=kova.none", "bridge"}, 3, "\"sv status kova_bus\"");
   expect({"--bus", "unix:path=/" + std::string(200, 'x'), "bridge"}, 3, "too long");
   expect({"--host", "cam", "bridge"}, 2, "--host runs \"kovactl bridge\"");
   Child onTerminal({"bridge"}, Child::On::Terminal);

@@ -133,6 +133,19 @@ TEST_F(Follow, RefusalIsToldWithAndWithoutWait) {
   }
 }
 
+TEST_F(Follow, CancellationIsToldOnce) {
+  const FakeCamera camera(endingAs("CANCELLED", "The transfer was cancelled on request."));
+  EXPECT_EQ(run(putLogo()).err, "kovactl: the transfer was cancelled\n");
+}
+
+TEST_F(Follow, MissingCertificateIsToldWithAdvice) {
+  const FakeCamera camera(
+      endingAs("TRANSFER_FAILED", "Could not load /etc/persistent/server.pem."));
+  EXPECT_THAT(run(putLogo()).err,
+              EndsWith("Could not load /etc/persistent/server.pem. The camera has no usable "
+                       "/etc/persistent/server.pem: adopt the camera (docs/adopting.md).\n"));
+}
+
 TEST_F(Follow, OutcomeEndsWaitAtOnce) {
   FakeCamera camera(transferring());
   Child child(putLogo());
@@ -162,13 +175,13 @@ TEST_F(Follow, WithoutWaitNumberIsTold) {
   const Result result = run(putLogo({}));
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out,
-            "The camera accepted transfer 7; \"kovactl transfers\" shows how it goes on.\n");
+            "The camera accepted transfer 7; \"kovactl transfers\" shows its progress.\n");
   const Variant json = jsonOf(run(putLogo({"--json"})).out);
   EXPECT_EQ(*json.find("ok"), Variant(true));
   EXPECT_EQ(json.find("result")->find("id")->toText(), "7");
   EXPECT_EQ(json.find("result")->find("requestId")->toText(),
             std::to_string(idOf(camera.lastRequest())));
-  EXPECT_EQ(json.find("result")->find("outcome")->toText(), "taken");
+  EXPECT_EQ(json.find("result")->find("outcome")->toText(), "accepted");
 }
 
 TEST_F(Follow, JsonTellsOutcomeAndError) {
@@ -195,6 +208,16 @@ TEST_F(Follow, TerminalShowsBarAndErasesIt) {
   const Result result = child.wait();
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.out, EndsWith("\r\x1b[KOK\r\n"));
+}
+
+TEST_F(Follow, SentUploadWaitsForAnswerOfServer) {
+  FakeCamera camera(transferring());
+  Child child({"get", "snapshot", "http://x/", "--wait"}, Child::On::Terminal);
+  ASSERT_TRUE(child.awaitOutput("512 B of 1.0 KiB"));
+  camera.change("7", {{"Direction", "up"}, {"Transferred", std::uint64_t{1024}}});
+  ASSERT_TRUE(child.awaitOutput("sent, waiting for the server's answer  "));
+  camera.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  EXPECT_EQ(child.wait().status, 0);
 }
 
 TEST_F(Follow, StopTellsHowToCancel) {

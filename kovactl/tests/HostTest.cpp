@@ -87,7 +87,8 @@ TEST_F(Host, DenialThereAdvisesForThere) {
   camera.refuseToTell("org.freedesktop.DBus.Error.AccessDenied");
   const Result result = run({"-H", "bob@cam", "info"});
   EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("may use the bus of bob@cam: run \"adduser USER kova\" there"));
+  EXPECT_THAT(result.err, HasSubstr("may use the bus of bob@cam: run \"adduser USER kova && "
+                                    "/usr/libexec/kova_members\" there"));
 }
 
 TEST_F(Host, RefusedFiguresAreNotLeftOut) {

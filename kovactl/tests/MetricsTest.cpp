@@ -25,7 +25,7 @@ Variant statistics() {
   return Variant::Map{
       {"memory", Variant::Map{{"totalKb", 2048}, {"freeKb", 512}}},
       {"cpu", Variant::Map{{"cnt", 2}, {"arr", Variant::Array{12.5, 50}}}},
-      {"loadavg", Variant::Map{{"01min", 0.25}, {"05min", 0.5}, {"15min", 1.0}}},
+      {"loadavg", Variant::Map{{"01min", 8.140000343322754}, {"05min", 0.5}, {"15min", 1.0}}},
       {"network",
        Variant::Map{{"name", "eth0"}, {"bytesRx", std::uint64_t{1} << 60U}, {"bytesTx", 7}}},
       {"wifi", Variant::Map{{"signalStrength", -60}, {"quality", 80}}},
@@ -88,7 +88,7 @@ TEST(Metrics, HaveFiguresTransfersAndVersions) {
   for (const char* line : {
            "kova_memory_total_bytes 2097152\n",
            "kova_cpu_busy_ratio{cpu=\"1\"} 0.5\n",
-           "# TYPE kova_load1 gauge\nkova_load1 0.25\n",
+           "# TYPE kova_load1 gauge\nkova_load1 8.14\n",
            "\nkova_network_transmit_bytes_total{interface=\"eth0\"} 7\n",
            "kova_wifi_signal_dbm -60\n",
            "kova_battery_charge_ratio 0.75\n",

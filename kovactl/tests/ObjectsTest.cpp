@@ -24,7 +24,7 @@ class Objects : public ::testing::Test {
 
 TEST_F(Objects, ListShowsTransfersAndReasons) {
   FakeCamera camera;
-  EXPECT_EQ(run({"transfers"}).out, "The camera knows of no transfer.\n");
+  EXPECT_EQ(run({"transfers"}).out, "No transfers since the control server started.\n");
   camera.publish("9", {{"Kind", "logo"}, {"Phase", "transferring"}});
   camera.publish("10", {{"Kind", "sound"},
                         {"Phase", "ended"},
@@ -63,7 +63,7 @@ TEST_F(Objects, WatchPrintsPhasesAndAllChangesAsJson) {
 TEST_F(Objects, WatchRefreshesTerminal) {
   FakeCamera camera;
   Child child({"transfers", "--watch"}, Child::On::Terminal);
-  ASSERT_TRUE(child.awaitOutput("The camera knows of no transfer."));
+  ASSERT_TRUE(child.awaitOutput("No transfers since the control server started."));
   camera.publish("7", {{"Kind", "logo"}, {"Phase", "preparing"}});
   ASSERT_TRUE(child.awaitOutput("preparing"));
   child.write("\x03");

@@ -16,6 +16,7 @@ namespace kova::ctl::testing {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 using variant::Variant;
 
@@ -97,8 +98,16 @@ TEST_F(Refusals, WrongUsageIsExplained) {
        "heatmap_12.png"},
       {{"get", "picture", "http://x/"},
        2,
-       "is not a valid WHAT: choose snapshot, support, event-sna"},
-      {{"put", "soud", "http://x/"}, 2, "did you mean \"sound\"?"},
+       "kovactl: \"picture\" is not a file to get: choose snapshot, support, event-sna"},
+      {{"put", "soud", "http://x/"},
+       2,
+       "kovactl: \"soud\" is not a file to put: did you mean \"sound\"?"},
+      {{"put", "logo", "http://x/", "--file", "/tmp"}, 6, "kovactl: /tmp is a folder\n"},
+      {{"settings", "name=a\nb"}, 2, "name cannot contain a line break"},
+      {{"user", "passwd", "--stdin", "--name", "-x"}, 2, "--name: \"-x\" is not a name"},
+      {{"user", "passwd", "--stdin", "--name", "a b"},
+       2,
+       "at most 32 letters, digits, \"_\", \".\""},
       {{"put", "logo", "http://x/"}, 2, "--file LOCAL, a copy of the file, or --hash MD5"},
       {{"help", "stas"}, 2, "did you mean \"stats\"?\nTry \"kovactl --help\".\n"},
       {{"help", "xyzzy"}, 2, "\"xyzzy\" is not a command\nTry \"kovactl --help\".\n"},
@@ -113,7 +122,11 @@ TEST_F(Refusals, WrongUsageIsExplained) {
        2,
        "give --hash or --file, not both"},
       {{"get", "snapshot", "http://x/", "--filename", "x"}, 2, "snapshot takes no --filename"},
-      {{"get", "snapshot", "http://x/", "--field", "nosign"}, 2, "nosign"},
+      {{"get", "snapshot", "http://x/", "--field", "nosign"}, 2, "--field: write KEY=VALUE"},
+      {{"get", "snapshot", "http://x/", "--field", "a=b", "--field", "c:=1"},
+       2,
+       "such as camera=porch: the value is always text\n"},
+      {{"get", "snapshot", "http://x/", "--field", "a=b", "--field", "a=c"}, 2, "is given twice"},
       {{"firmware", "http://x/", "--timeout", "0"}, 2, "must be more than 0"},
       {{"reboot", "--delay", "-1"}, 2, "\"-1\" is not a duration"},
       {{"reset-defaults"}, 2, "use --yes"},
@@ -131,13 +144,16 @@ TEST_F(Refusals, UnusableBusIsExplained) {
   const std::string deaf = "unix:path=" + nobody;
   const std::string far = "unix:path=/" + std::string(200, 'x');
   const Mistake mistakes[] = {
-      {{"--bus", "foo", "stats"}, 3, "write one such as unix:path=/run/kova/bus"},
-      {{"--bus", "foo", "monitor"}, 3, "write one such as unix:path=/run/kova/bus"},
+      {{"--bus", "foo", "stats"}, 2, "write one such as unix:path=/run/kova/bus"},
+      {{"--bus", "foo", "monitor"}, 2, "write one such as unix:path=/run/kova/bus"},
       {{"--bus", "unix:path=/nonexistent/bus", "stats"}, 3, "run kovactl on the camera"},
-      {{"--bus", deaf, "stats"}, 3, "start it with \"sv start kova_bus\""},
+      {{"--bus", deaf, "stats"}, 3, "\"sv status kova_bus\" (systemd: \"systemctl"},
       {{"--bus", far, "stats"}, 3, "at most 107 bytes"},
       {{"--bus", "unixexec:path=/bin/false", "stats"}, 3, "kovactl(1) shows examples"},
-      {{"stats"}, 3, "\"sv status kova_ctlserver\" on the camera shows whether"},
+      {{"stats"},
+       3,
+       "\"sv status kova_ctlserver\" (systemd: \"systemctl status kova_ctlserver\") on the camera "
+       "shows whether it runs"},
       {{"call", "X", "--to", "kova_ctlservr"}, 3, "did you mean \"kova_ctlserver\"?"},
       {{"listen", "a..b"}, 3, "choose one such as client.me"},
   };
@@ -155,13 +171,27 @@ TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
   const Peer peer(answering(1));
   expect({{"settings", "timezone=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
   expect({{"settings", "region=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
-  expect({{"settings", "region=US"}, 1, "see the camera's log"});
+  expect(
+      {{"settings", "region=US"}, 1, "could not change the settings: a value was rejected; see "});
   expect({{"settings", "timezone=Europe/Paris"}, 1, "see the camera's log"});
+}
+
+TEST_F(Refusals, FolderOfOtherMachineCausesWarning) {
+  EXPECT_THAT(
+      run({"timezones", "--json"}).err,
+      HasSubstr("timezones reads /usr/share/zoneinfo of this machine, not of the camera at " +
+                bus_.address() + ": use --host\n"));
+  EXPECT_THAT(run({"service", "list"}).err,
+              HasSubstr("service list reads /etc/sv of this machine"));
+  EXPECT_THAT(run({"timezones", "--bus", "unix:path=/run/kova/bus"}).err,
+              Not(HasSubstr("warning")));
 }
 
 TEST_F(Refusals, ServiceNeededByCameraIsReported) {
   const Peer peer(answering(1));
-  expect({{"service", "stop", "kova_bus"}, 1, "it cannot be managed without kova_bus"});
+  expect({{"service", "stop", "kova_bus"},
+          1,
+          "could not stop the service: kova_bus is never stopped"});
   expect({{"service", "start", "kova_bus"}, 1, "\"kova_bus\""});
   expect({{"service", "stop", "lights"}, 1, "\"lights\""});
 }
@@ -177,7 +207,7 @@ TEST_F(Refusals, DoubtfulFieldsCauseWarning) {
   const Result result = run({"call", "GetSystemStats", "wfi:=true"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err,
-            "kovactl: warning: GetSystemStats has no field \"wfi\", it will be ignored: did you "
+            "kovactl: warning: GetSystemStats has no field \"wfi\": it is ignored; did you "
             "mean \"wifi\"?\n");
   EXPECT_EQ(*peer.received().front().find("wfi"), Variant(true));
   EXPECT_EQ(run({"call", "GetSystemStats", "wifi:=true"}).err, "");
@@ -211,17 +241,19 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
     EXPECT_EQ(WEXITSTATUS(std::system(line.c_str())), 3) << line;
     return contentOf(file);
   };
-  EXPECT_THAT(output("stats"), ::testing::MatchesRegex(
-                                   "kovactl: only root and members of the group kova may use this "
-                                   "bus: run \"adduser [^ ]+ kova\" as root, then log in again\n"));
-  EXPECT_THAT(output("listen client.me"), HasSubstr("kova\" as root, then log in again\n"));
+  EXPECT_THAT(output("stats"),
+              ::testing::MatchesRegex(
+                  "kovactl: only root and members of the group kova may use this "
+                  "bus: run \"adduser [^ ]+ kova && /usr/libexec/kova_members\" as root, then "
+                  "log in again\n"));
+  EXPECT_THAT(output("listen client.me"), HasSubstr("kova_members\" as root, then log in again\n"));
   EXPECT_EQ(
       output("listen kova_x"),
       "kovactl: only root may use the name \"kova_x\" on the bus: choose one such as client.me\n");
   EXPECT_EQ(output("monitor"), "kovactl: cannot monitor the bus: root is required; use sudo\n");
   const std::string socket = bus.address().substr(std::string("unix:path=").size());
   std::filesystem::permissions(socket, std::filesystem::perms{0600});
-  EXPECT_THAT(output("stats"), HasSubstr("kova\" as root, then log in again\n"));
+  EXPECT_THAT(output("stats"), HasSubstr("kova_members\" as root, then log in again\n"));
   EXPECT_TRUE(peer.received().empty());
 }
 

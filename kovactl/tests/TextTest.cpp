@@ -90,6 +90,11 @@ TEST(Wrap, ContinuationAlignsWithLastColumn) {
   EXPECT_EQ(wrap("exactly8\n", 8), "exactly8\n");
 }
 
+TEST(Wrap, NarrowColumnMovesBelow) {
+  EXPECT_EQ(wrap("  --long-option  one two three\n", 20), "  --long-option\n      one two three\n");
+  EXPECT_EQ(wrap("  --long-option  one\n", 20), "  --long-option  one\n");
+}
+
 TEST(Wrap, LongWordsStayWhole) {
   EXPECT_EQ(wrap("averyverylongword and more", 8), "averyverylongword\nand more");
   EXPECT_EQ(wrap("  averyverylongword", 8), "  averyverylongword");

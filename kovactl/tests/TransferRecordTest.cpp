@@ -41,7 +41,19 @@ TEST(TransferRecord, TableIsSafeForTerminals) {
             "No.  Kind  State            Bytes    Started              URI\n"
             "7    logo  TRANSFER_FAILED  1.0 KiB  2023-11-14 22:13:20  http://x/\\x1b[2J\n"
             "     HTTP status\\n404\n");
-  EXPECT_EQ(transferTable({}), "The camera knows of no transfer.\n");
+  EXPECT_EQ(transferTable({}), "No transfers since the control server started.\n");
+}
+
+TEST(TransferRecord, KindsAreShownAsTyped) {
+  TransferRecord record;
+  for (const auto& [kind, typed] : {std::pair{"supportInfo", "support"},
+                                    {"eventSnapshot", "event-snapshot"},
+                                    {"eventHeatmap", "event-heatmap"},
+                                    {"logo", "logo"}}) {
+    record.kind = kind;
+    EXPECT_NE(transferTable({record}).find(std::string(typed) + "  "), std::string::npos);
+    EXPECT_EQ(transferResult(record).find("kind")->toText(), kind);
+  }
 }
 
 TEST(TransferRecord, ListIsInOrderOfNumbers) {

@@ -72,7 +72,8 @@ refuses() {
 
 bad_input_is_refused() {
   local bad
-  for bad in "" 1.2 v1.2.3 1.2.3.4 01.2.3 1.2.x ../1.2.3 "1.2.3 "; do
+  refuses "a missing version is refused" "VERSION is missing: ./dev release 1.2.3"
+  for bad in 1.2 v1.2.3 1.2.3.4 01.2.3 1.2.x ../1.2.3 "1.2.3 "; do
     refuses "the version \"$bad\" is refused" "a version has the form 1.2.3" "$bad"
   done
   refuses "another version than the sources' is refused" "the sources have the version 1.2.3" 1.2.4

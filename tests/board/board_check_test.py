@@ -30,6 +30,7 @@ import roots  # noqa: E402
 CAMERA = contract.TOP / "camera/camera"
 DEV = contract.TOP / "dev"
 ROWS = contract.rows_of_page()
+ACCOUNT = next(row.name for row in ROWS if row.kind == "account" and row.form == ["account"])
 IS_ROOT = os.geteuid() == 0
 NOBODY = 65534
 # Mounted in the camera as they are; built by somebody else, or with another umask, they are no programs of a board.
@@ -415,7 +416,6 @@ class Found(unittest.TestCase):
                 self.assertEqual(bool(look()), not is_known)
 
     def test_account_that_is_not_that_of_the_store_is_found(self):
-        account = next(row.name for row in ROWS if row.kind == "account" and row.form == ["account"])
         line = text_of("/etc/passwd")
         cases = {
             line.replace("admin:", "boss:"): "no account of the name",
@@ -425,7 +425,13 @@ class Found(unittest.TestCase):
         }
         for text, fault in cases.items():
             with self.subTest(fault), with_text("/etc/passwd", text):
-                self.assertNotIn("$6$", self.expect("wrong", account, fault))
+                self.assertNotIn("$6$", self.expect("wrong", ACCOUNT, fault))
+
+    def test_fresh_salt_of_a_renamed_account_is_told_apart(self):
+        line = text_of("/etc/passwd")
+        for salt, said in {"$6$other$": "right if the account was renamed", "!$6$other$": "write this line"}.items():
+            with self.subTest(salt), with_text("/etc/passwd", re.sub(r":\$6\$[^$]+\$", f":{salt}", line)):
+                self.assertIn(f"/etc/system.cfg: {said}", "".join(look()))
 
     def test_hash_may_be_in_the_shadow_file(self):
         line = text_of("/etc/passwd")
@@ -569,6 +575,15 @@ class OverSsh(unittest.TestCase):
         self.assertRegex((folder / "words").read_text(), r"-- root@board sh -s\n$")
         self.assertGreater(int(done.stdout.split()[0]), len(list(path_rows())))
 
+    def test_fresh_salt_of_a_renamed_account_is_accepted(self):
+        passwd = camera / "root/etc/passwd"
+        line = passwd.read_text()
+        passwd.write_text(re.sub(r":\$6\$[^$]+\$", ":$6$other$", line))
+        try:
+            self.assertEqual(self.look(), [])
+        finally:
+            passwd.write_text(line)
+
     def test_what_is_broken_on_a_running_camera_is_found(self):
         cases = {
             "chmod 0666 /etc/system.cfg": "wrong   /etc/system.cfg: mode 0666 permits others too much: chmod 0644",
@@ -576,8 +591,10 @@ class OverSsh(unittest.TestCase):
             "mv /etc/TZ /etc/TZ.aside; mkdir /etc/TZ": "wrong   /etc/TZ: is a folder, not a file",
             "mv /etc/TZ /etc/TZ.aside; ln -s nowhere /etc/TZ": "wrong   /etc/TZ: is a link that leads nowhere",
             "mv /run/kova/bus /run/bus.aside": "missing /run/kova/bus: start kova_bus",
+            "sed -i.aside 's/:[$]6[$]/:![$]6[$]other/' /etc/passwd": f"wrong   {ACCOUNT}: the hash of the account",
         }
         undo = """chmod 0644 /etc/system.cfg; chmod 0750 /run/kova
+                  if [ -e /etc/passwd.aside ]; then mv /etc/passwd.aside /etc/passwd; fi
                   if [ -e /etc/TZ.aside ]; then rm -rf /etc/TZ; mv /etc/TZ.aside /etc/TZ; fi
                   if [ -e /run/bus.aside ]; then mv /run/bus.aside /run/kova/bus; fi"""
         for command, finding in cases.items():

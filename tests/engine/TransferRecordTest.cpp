@@ -178,7 +178,8 @@ TEST_F(TransferRecordTest, RegistrationThatLibcurlRefusesIsNamed) {
   curlFaults().option = CURLOPT_URL;
   EXPECT_EQ(fetch("http://127.0.0.1:1/y"),
             "TRANSFER_FAILED: The URI or the file " + path("file") +
-                " is in use by another transfer, or by one that could not be begun.");
+                " is in use by another transfer, or held by one that could not start; "
+                "`kovactl exit-service` frees it.");
   RecordingTask task("http://127.0.0.1:1/z", path("other"));
   EXPECT_EQ(told(task), "TRANSFER_FAILED: Libcurl refused an option (Out of memory).");
 }

@@ -197,7 +197,8 @@ TEST_F(RemoteSystem, PermissionsAreThoseOfRemoteUser) {
   EXPECT_THAT(watched.err, HasSubstr("root is required; log in there as root"));
   const Result refused = Remote("outsider", {"stats"});
   EXPECT_EQ(refused.status, 3);
-  EXPECT_THAT(refused.err, HasSubstr("run \"adduser outsider kova\" as root"));
+  EXPECT_THAT(refused.err,
+              HasSubstr("run \"adduser outsider kova && /usr/libexec/kova_members\" as root"));
   EXPECT_THAT(refused.err, HasSubstr("cannot use the bus of outsider@127.0.0.1"));
 }
 

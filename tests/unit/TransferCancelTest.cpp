@@ -78,9 +78,9 @@ TEST_F(TransferCancelTest, TakeOverOfRunningTaskIsToldInBoth) {
             "TRANSFER_FAILED: Request 2 took over the task, with a digest, deadline and requester "
             "of its own: this ended its transfer.");
   EXPECT_EQ(told(2),
-            "TRANSFER_FAILED: Transfer 1, whose task was taken over, had not ended and kept this "
-            "one from starting: the URI or the file /tmp/user_logo is in use by another transfer, "
-            "or by one that could not be begun.");
+            "TRANSFER_FAILED: Transfer 1 was still running and kept this one from starting; send "
+            "the request again: the URI or the file /tmp/user_logo is in use by another transfer, "
+            "or held by one that could not start; `kovactl exit-service` frees it.");
 }
 
 TEST_F(TransferCancelTest, TakeOverBeforeStartIsToldInBoth) {
@@ -93,8 +93,8 @@ TEST_F(TransferCancelTest, TakeOverBeforeStartIsToldInBoth) {
                         "of its own: the file with the MD5 digest ") +
                 kContentDigest + " is installed as /etc/persistent/user_logo.");
   EXPECT_EQ(told(2),
-            "VALIDATION_FAILED: Transfer 1, whose task was taken over, had not ended and kept this "
-            "one from starting: the file that arrived could not be read.");
+            "VALIDATION_FAILED: Transfer 1 was still running and kept this one from starting; send "
+            "the request again: the file that arrived could not be read.");
   EXPECT_EQ(peer_->requests().size(), 1U);
 }
 
@@ -105,8 +105,8 @@ TEST_F(TransferCancelTest, UploadThatNeverBeganIsNoSuccess) {
   ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
   EXPECT_EQ(record(1).outcome, "OK");
   EXPECT_EQ(told(2),
-            "TRANSFER_FAILED: Transfer 1, whose task was taken over, had not ended and kept this "
-            "one from starting: nothing was transferred.");
+            "TRANSFER_FAILED: Transfer 1 was still running and kept this one from starting; send "
+            "the request again: nothing was transferred.");
 }
 
 TEST_F(TransferCancelTest, UploadCutByCancelOfItsSuccessorIsNoSuccess) {
@@ -148,7 +148,8 @@ TEST_F(TransferCancelTest, CancelOfFirstRequestEndsItsSuccessor) {
   EXPECT_EQ(records().cancel(1), Cancel::Done);
   ASSERT_TRUE(serviceUntilEnd(2));
   EXPECT_EQ(record(1).outcome, "CANCELLED");
-  EXPECT_THAT(told(2), testing::EndsWith("from starting: nothing was transferred."));
+  EXPECT_THAT(told(2),
+              testing::EndsWith("from starting; send the request again: nothing was transferred."));
 }
 
 TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsToldInFirst) {

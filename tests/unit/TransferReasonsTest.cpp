@@ -87,9 +87,13 @@ TEST_F(TransferReasonsTest, DuplicateNamesItsHolder) {
   EXPECT_FALSE(ask("snapshot", uri("/other")));
   EXPECT_EQ(told(2), "REFUSED: Another snapshot transfer, number 1, is running.");
   EXPECT_FALSE(ask("logo", uri()));
-  EXPECT_EQ(told(3), "REFUSED: Transfer 1, which runs, has this URI.");
+  EXPECT_EQ(told(3),
+            "REFUSED: Transfer 1 is already using this URI; wait for it or cancel it (kovactl "
+            "cancel 1).");
   EXPECT_FALSE(ask("fw", uri()));
-  EXPECT_EQ(told(4), "REFUSED: Transfer 1, which runs, has this URI.");
+  EXPECT_EQ(told(4),
+            "REFUSED: Transfer 1 is already using this URI; wait for it or cancel it (kovactl "
+            "cancel 1).");
   ASSERT_TRUE(ask("fw", uri("/fw")));
   EXPECT_FALSE(ask("fw", uri("/fw2")));
   EXPECT_EQ(told(6), "REFUSED: Another firmware transfer, number 5, is running.");
@@ -218,7 +222,7 @@ TEST_F(TransferReasonsTest, FirmwareSaysWhatCheckerSaid) {
 
 TEST_F(TransferReasonsTest, FirmwareSaysHowFlashingEnded) {
   peerAnswers("image");
-  EXPECT_EQ(outcome("fw", uri()), "OK: The image passed its check and the flashing tool took it.");
+  EXPECT_EQ(outcome("fw", uri()), "OK: The image was checked and flashed.");
   EXPECT_THAT(events(), IsEmpty());
   programsAnswer("/bin/fwupdate -m", {3, "", ""});
   EXPECT_EQ(outcome("fw", uri()), "FW_FLASH_FAILED: The flashing tool failed with status 3.");
@@ -260,7 +264,7 @@ TEST_F(TransferReasonsTest, WhatCannotBeginSaysWhy) {
             "TRANSFER_FAILED: The form field `a` is not a string.");
   EXPECT_EQ(outcome("snapshot", uri("/next")),
             "TRANSFER_FAILED: The URI or the file /tmp/snap.jpeg is in use by another transfer, or "
-            "by one that could not be begun.");
+            "held by one that could not start; `kovactl exit-service` frees it.");
 }
 
 TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {

@@ -83,7 +83,9 @@ std::string explainConnect(const std::string& address, int error) {
     case ENOENT:
     case ENOTDIR:
     case ECONNREFUSED:
-      return "no bus at " + address + ": start it with \"sv start kova_bus\"";
+      return "no bus at " + address +
+             ": \"sv status kova_bus\" (systemd: \"systemctl status kova-bus\") shows whether it "
+             "runs";
     case EACCES:
     case EPERM:
       return explainDenial().empty() ? std::strerror(error) : explainDenial();

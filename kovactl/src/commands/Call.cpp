@@ -47,7 +47,8 @@ bool wantsAnswer(const Arguments& arguments, BaseRequestMessage& request) {
 
 std::string describe(const Reply& reply) {
   if (!reply.answered) {
-    return "Accepted; the answer is empty.\n";
+    return "Delivered; the answer is empty and does not show the outcome (\"kovactl transfers\" "
+           "shows that of a transfer).\n";
   }
   const variant::Variant payload = payloadOf(reply);
   const bool nothing = payload.isEmpty() || (payload.isContainer() && payload.Size() == 0);

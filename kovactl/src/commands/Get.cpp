@@ -60,10 +60,22 @@ std::string nameFault(const Kind& kind, const std::string& name) {
              : "\"" + name + "\" is not the name of an " + what + ": write one such as " + form;
 }
 
+// The camera takes texts only: with any other value its file is held until the daemon restarts.
+bool areTexts(const std::vector<std::string>& fields) {
+  return std::ranges::all_of(fields, [](const std::string& field) {
+    const std::size_t sign = field.find('=');
+    return sign != field.npos && sign > 0 && field[sign - 1] != ':';
+  });
+}
+
 bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::string& error) {
   const auto kind = std::ranges::find(kKinds, arguments.what, &Kind::typed);
   error = nameFault(*kind, arguments.filename);
   if (!error.empty()) {
+    return false;
+  }
+  if (!areTexts(arguments.fields)) {
+    error = "--field: write KEY=VALUE, such as camera=porch: the value is always text";
     return false;
   }
   variant::Variant form = variant::Variant::Map{};

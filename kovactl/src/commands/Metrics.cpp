@@ -90,10 +90,15 @@ constexpr std::array<Figure, 6> kFigures{{
     {"kova_uptime_seconds", "Time since the camera booted.", "uptime", "sec"},
 }};
 
+// The camera keeps the load, of two decimals, in single precision.
+double rounded(double value) {
+  return std::round(value * 100) / 100;
+}
+
 void appendFigures(std::string& text, const Variant& statistics) {
   for (const Figure& row : kFigures) {
     if (const auto value = figure(statistics, row.section, row.key); value) {
-      append(text, {row.name, row.help, Type::Gauge, {{{}, *value * row.unit}}});
+      append(text, {row.name, row.help, Type::Gauge, {{{}, rounded(*value * row.unit)}}});
     }
   }
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "../Command.h"
 #include "../Transfer.h"
@@ -61,6 +62,10 @@ ExitStatus run(const Options& options, Arguments arguments, const TransferOption
                                        ? "put needs --file LOCAL, a copy of the file, or --hash MD5"
                                        : "give --hash or --file, not both");
   }
+  std::error_code ignored;
+  if (std::filesystem::is_directory(arguments.file, ignored)) {
+    return fail(ExitStatus::Local, arguments.file + " is a folder");
+  }
   if (!arguments.file.empty() && !md5OfFile(arguments.file, arguments.hash)) {
     return fail(ExitStatus::Local, "cannot read " + arguments.file + ": " + std::strerror(errno));
   }
@@ -81,7 +86,10 @@ ExitStatus run(const Options& options, Arguments arguments, const TransferOption
 
 Action setUpPut(CommandLine& line) {
   auto arguments = std::make_shared<Arguments>();
-  line.argument("WHAT", arguments->what, "logo or sound", {"logo", "sound"});
+  line.argument("WHAT", arguments->what,
+                "logo (a picture of at most 1024 by 1024 pixels and 128 KiB) or sound (WAV, PCM, "
+                "one channel, 11025 Hz, at most 256 KiB)",
+                {"logo", "sound"});
   line.argument("URI", arguments->uri, "Where the camera fetches the file from, http: or https:");
   line.option("--hash", arguments->hash, "MD5", "Expected MD5 digest of the file");
   line.option("--file", arguments->file, "LOCAL",
@@ -93,7 +101,8 @@ Action setUpPut(CommandLine& line) {
 
 Action setUpFirmware(CommandLine& line) {
   auto uri = std::make_shared<std::string>();
-  line.argument("URI", *uri, "Where the camera fetches the image from, http: or https:");
+  line.argument("URI", *uri,
+                "Where the camera fetches the image from, http: or https:; at most 50 MiB");
   auto transfer = addTransferOptions(line, 600000, kFirmwareSilence);
   return [uri, transfer](const Options& options) {
     ipc::messages::UpdateFirmwareRequest request;

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "../BusDiagnosis.h"
 #include "../Client.h"
 #include "../Command.h"
 #include "../Output.h"
@@ -39,6 +40,7 @@ std::string stateOf(const std::string& service, bool started) {
 }
 
 ExitStatus showList(const Options& options) {
+  warnOfLocal("service list", kInstalled);
   const std::vector<std::string> services = installedServices();
   if (services.empty()) {
     return fail(ExitStatus::Local,
@@ -83,7 +85,9 @@ ExitStatus control(const Options& options, const std::string& service, const cha
   request.from("kovactl");  // named in the camera's log
   return requestFromServer(
       options, request, service + " " + done + "\n",
-      kStops && isNeeded(service) ? "it cannot be managed without " + service : refusalOf(service));
+      kStops && isNeeded(service)
+          ? service + " is never stopped by request: the camera could not be managed without it"
+          : refusalOf(service));
 }
 
 }  // namespace

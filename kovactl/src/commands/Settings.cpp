@@ -63,6 +63,10 @@ bool fillOne(const Setting& setting, const Variant& value, Variant& request, std
     error = name + " cannot be empty: write " + form(setting) + std::string(setting.hint);
     return false;
   }
+  if (value.toText().find_first_of("\r\n") != std::string::npos) {
+    error = name + " cannot contain a line break";
+    return false;
+  }
   if (setting.form == Form::Text) {
     request[setting.field] = value;
     return true;
@@ -165,7 +169,9 @@ ExitStatus askSettings(const Options& options, ipc::messages::BaseRequestMessage
     return reply.status;
   }
   const Variant payload = payloadOf(reply);
-  const ExitStatus shown = present(options, payload, table(settingsRows(payload)));
+  // With a refusal the answer holds what was done before it, which is not all.
+  const std::string text = reply.status == ExitStatus::Ok ? table(settingsRows(payload)) : "";
+  const ExitStatus shown = present(options, payload, text);
   const ExitStatus judged = judgeTimelapse(asked, reply);
   return judged != ExitStatus::Ok ? judged : shown;
 }

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string_view>
 
+#include "../BusDiagnosis.h"
 #include "../Command.h"
 #include "../Output.h"
 #include "../Remote.h"
@@ -36,6 +37,7 @@ bool contains(const std::string& zone, const std::string& part) {
 }
 
 ExitStatus listZones(const Options& options, const std::vector<std::string>& parts) {
+  warnOfLocal("timezones", kZoneFolder);
   std::vector<std::string> zones = installedZones();
   if (zones.empty()) {
     return fail(ExitStatus::Local, std::string("no time zones found in ") + kZoneFolder +

@@ -28,7 +28,8 @@ ExitStatus showOnce(const Options& options, Objects& objects) {
   for (const TransferRecord& record : records) {
     list.pushToArray(transferResult(record));
   }
-  return present(options, list, transferTable(records));
+  const std::string text = transferTable(records);
+  return present(options, list, outputIsTerminal() ? wrap(text, terminalSize().columns) : text);
 }
 
 // Presents what has changed since the last time, one line each.
@@ -144,7 +145,7 @@ ExitStatus cancel(const Options& options, const std::string& number) {
 
 Action setUpTransfers(CommandLine& line) {
   auto watching = std::make_shared<bool>(false);
-  line.flag("--watch", *watching, "Go on until Ctrl-C");
+  line.flag("--watch", *watching, "Repeat until Ctrl-C");
   line.footer(
       "Shows the transfers under way and the last 32 that have ended, with the reason of each "
       "failure. On a terminal --watch refreshes in place, elsewhere it prints a line for each new "

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -56,8 +57,9 @@ ExitStatus promptTwice(std::string& password) {
       second != ExitStatus::Ok) {
     return second;
   }
-  return again.text == password ? ExitStatus::Ok
-                                : fail(ExitStatus::Local, "the two new passwords differ");
+  return again.text == password
+             ? ExitStatus::Ok
+             : fail(ExitStatus::Local, "the two new passwords differ: nothing was changed");
 }
 
 ExitStatus readInput(std::string& oldPassword, std::string& newPassword) {
@@ -131,7 +133,25 @@ ExitStatus showName(const Options& options) {
   return present(options, payloadOf(reply), printable(nameIn(reply)) + "\n");
 }
 
+// The names that the camera takes.
+bool isAccountName(const std::string& name) {
+  constexpr std::string_view kFirst = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
+  constexpr std::size_t kLongest = 32;
+  const auto isAllowed = [&](char c) {
+    return kFirst.find(c) != kFirst.npos || (c >= '0' && c <= '9') || c == '.' || c == '-';
+  };
+  return !name.empty() && name.size() <= kLongest && kFirst.find(name.front()) != kFirst.npos &&
+         std::ranges::all_of(name, isAllowed);
+}
+
 ExitStatus changePassword(const Options& options, const Arguments& arguments) {
+  if (!arguments.name.empty() && !isAccountName(arguments.name)) {
+    return fail(
+        ExitStatus::Usage,
+        "--name: \"" + arguments.name +
+            "\" is not a name: write at most 32 letters, digits, \"_\", \".\" and \"-\", of "
+            "which the first is a letter or \"_\"");
+  }
   Client client(options);
   if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {
     return joined;
@@ -154,8 +174,9 @@ ExitStatus changePassword(const Options& options, const Arguments& arguments) {
   request.username(name);
   request.passwordOld(oldPassword.text);
   request.passwordNew(newPassword.text);
-  const Reply reply = client.request(request, options.answerTimeoutMs(),
-                                     "the old password is wrong, or the name is not acceptable");
+  const Reply reply =
+      client.request(request, options.answerTimeoutMs(),
+                     "the old password is wrong; if it is not, see the camera's log");
   if (reply.status != ExitStatus::Ok) {
     return reply.status;
   }
