@@ -109,10 +109,10 @@ bool hashNewPassword(const std::string& user, const std::string& password, std::
   // crypt(3) stops at a NUL, and an empty hash in the account file would admit anyone.
   const bool whole = password.find('\0') == std::string::npos;
   hash = whole ? utils::generateHash(password.c_str(), utils::generateSalt()) : "";
-  return !hash.empty() || fail(kChange, "Failed to hash the new password");
+  return !hash.empty() || fail(kChange, "Failed to hash the new password");  // kept: 116
 }
 
-bool writeAccountFile(const std::string& name, const std::string& hash) {  // kept: 86
+bool writeAccountFile(const std::string& name, const std::string& hash) {  // kept: 86, 117
   utils::File file;
   if (!file.Initialize(kAccountFile, utils::FILE_OPEN_MODE_TRUNCATE,
                        utils::FILE_REPLACE_ATOMICALLY)) {

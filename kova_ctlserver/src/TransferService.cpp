@@ -148,7 +148,7 @@ bool TransferService::registerIfReady(const std::string& uri, TransferRun& run) 
 
 /// Fails an upload that exceeds its limit. The size is taken from the open file, since the name may
 /// have pointed elsewhere before; nothing has been sent yet.
-bool TransferService::holdToSize(const std::string& uri, TransferRun& run) {
+bool TransferService::holdToSize(const std::string& uri, TransferRun& run) {  // kept: 112
   unsigned long size = 0;
   if (!GetUploadTotalSize(uri, size)) {
     return true;

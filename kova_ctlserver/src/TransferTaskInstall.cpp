@@ -121,6 +121,7 @@ void TransferTaskInstall::concludeInstalled(const std::string& digest, bool save
 /// The old digest is removed first, so that an interruption at any point leaves no digest beside a
 /// file that it does not belong to. A file already in place stays there if a later step fails.
 bool TransferTaskInstall::install(const std::string& digest, bool& saved) {
+  // kept: 113
   if (!writeText(kind_.checksum, digest) || !removeOld(kind_.installedChecksum) ||
       std::rename(kind_.download, kind_.installed) != 0 ||
       std::rename(kind_.checksum, kind_.installedChecksum) != 0) {  // kept: 72

@@ -35,7 +35,7 @@ bool TransferTaskSupport::onCheck() {
 }
 
 // A generator left from an earlier request would overwrite the archive of this one.
-bool TransferTaskSupport::onStart() {
+bool TransferTaskSupport::onStart() {  // kept: 115
   utils::endDaemon(kGenerator);
   unlink(kArchive);
   if (!utils::runDaemon(nullptr, nullptr, nullptr, kGenerator, 1, kArchive)) {
