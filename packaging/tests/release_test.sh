@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # release_test.sh SOURCE PROGRAM: makes releases of a small repository that has this one's files of the version, and holds
-# them to what docs/releasing.md promises. Its packages hold a copy of PROGRAM.
+# them to what docs/releasing.md promises. Its packages hold a copy of PROGRAM, stripped: to compress its debugging
+# information would take minutes.
 set -euo pipefail
 
 readonly SOURCE=$1 PROGRAM=$2
@@ -25,7 +26,7 @@ write_dev() {
 cd "\$(dirname "\$0")"
 rm -rf build/root
 mkdir -p build/root/DEBIAN build/root/usr/bin build/package/dbgsym
-cp "$PROGRAM" build/root/usr/bin/kovactl
+cp "$work/kovactl" build/root/usr/bin/kovactl
 printf 'Package: kovactl\nVersion: $version\nArchitecture: %s\nMaintainer: test\nDescription: test\n' \
   "\$(dpkg --print-architecture)" >build/root/DEBIAN/control
 dpkg-deb --root-owner-group --build build/root build/package >/dev/null
@@ -37,6 +38,7 @@ TEXT
 }
 
 make_repository() {
+  strip -o "$work/kovactl" "$PROGRAM"
   mkdir "$repository"
   (cd "$SOURCE" && cp -r --parents CMakeLists.txt CHANGELOG.md debian/changelog packaging docs/man "$repository")
   write_dev
