@@ -191,14 +191,15 @@ begin_update() {
   eventually is_written
 }
 
-# measure_update BUNDLE: sets `window` to the milliseconds from the first write to the end, and a tenth more.
+# measure_update BUNDLE: sets `window` to the milliseconds from the first write to the last, and a tenth more.
 measure_update() {
   local begin
   begin_update "$1"
-  begin=$(date +%s%N)
+  begin=$(last_write)
   wait "$updating" || return
-  window=$((($(date +%s%N) - begin) * 11 / 10000000))
+  window=$((($(last_write) - begin) * 11 / 10))
 }
+last_write() { stat -c %.3Y "$slots" | tr -d .; } # in milliseconds
 
 cut_while_installing() {
   local pause
