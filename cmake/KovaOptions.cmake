@@ -45,7 +45,7 @@ endif()
 # wherever they are built.
 file(RELATIVE_PATH up ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
 string(REGEX REPLACE "/$" "" up "${up}")
-set(KOVA_DEBUG_OPTIONS -g)
+set(KOVA_DEBUG_OPTIONS -g1) # functions and lines: what a report of a crash needs, in a quarter of the space
 foreach(folder ${up} ${PROJECT_SOURCE_DIR})
   list(APPEND KOVA_DEBUG_OPTIONS -ffile-prefix-map=${folder}=/usr/src/kova_ctlserver)
 endforeach()
