@@ -51,3 +51,12 @@ is_restarted_when_installed_again() {
   expect "and restarted" eventually is_another "$before"
   expect "the bus's members are remembered" test -e /run/kova_members.conf
 }
+
+# What dpkg(1) does while it replaces a package that this one depends on.
+comes_back_after_its_dependencies_changed() {
+  local scripts=/var/lib/dpkg/info/kova-ctlserver
+  expect "it is stopped while a dependency is replaced" "$scripts.prerm" deconfigure in-favour libc6 2
+  expect_not "and serves nobody" kovactl stats
+  expect "it is configured again" "$scripts.postinst" configure 0.1.0
+  expect "and serves" eventually kovactl stats
+}

@@ -115,6 +115,7 @@ main() {
   takes_logos
   comes_back_after_a_crash
   is_restarted_when_installed_again
+  comes_back_after_its_dependencies_changed
   expect "in order" grep -q "kova_ctlserver: service ended: exit status 0" "$work/messages"
   is_removed
   is_purged

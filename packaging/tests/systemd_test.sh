@@ -222,6 +222,7 @@ main() {
   survives_its_bus
   is_restarted_when_stopped
   is_restarted_when_installed_again
+  comes_back_after_its_dependencies_changed
   stops
   is_purged
   report
