@@ -157,8 +157,7 @@ Reply Client::judge(BaseRequestMessage& request, const std::string& refusal) {
     return reply;
   }
   reply.message = answers_->message;
-  // The empty answer to an accepted request carries no id.
-  reply.answered = reply.message.requestId() == request.id();
+  reply.answered = reply.message.Size() > 0;
   reply.status = ExitStatus::Ok;
   if (reply.answered && reply.message.statusCode() != 0) {
     reply.status = fail(ExitStatus::Refused, "the camera refused " + what +
