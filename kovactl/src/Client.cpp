@@ -199,8 +199,8 @@ ExitStatus Client::serveUntil(const std::function<bool()>& done) {
   return status;
 }
 
-std::string ownEndpoint() {
-  return "client.kovactl_" + std::to_string(getpid());
+std::string ownEndpoint(BaseRequestMessage& request) {
+  return "client.kovactl_" + std::to_string(getpid()) + "_" + std::to_string(request.id());
 }
 
 ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestMessage& request,

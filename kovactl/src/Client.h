@@ -77,8 +77,9 @@ class Client {
   ipc::Ipc ipc_;
 };
 
-/// The endpoint on which this process receives events: "client.kovactl_PID".
-std::string ownEndpoint();
+/// The endpoint on which this process receives the events of a request, "client.kovactl_PID_ID":
+/// process ids repeat among containers.
+std::string ownEndpoint(ipc::messages::BaseRequestMessage& request);
 
 /// Sends a request to the control server and presents the payload of the answer, as text `done`.
 /// Most commands do nothing else.
