@@ -112,7 +112,7 @@ Reply Client::request(BaseRequestMessage& request, std::uint32_t timeoutMs,
   if (reply.status != ExitStatus::Ok) {
     return reply;
   }
-  reply.status = serveUntil([this] { return answers_->arrived; }, timeoutMs);
+  reply.status = serveUntil([this] { return hasAnswer(); }, timeoutMs);
   if (reply.status == ExitStatus::NoAnswer) {
     fail(ExitStatus::NoAnswer, "no answer from \"" + request.to() + "\" to " +
                                    request.functionName() + " within " + humanSeconds(timeoutMs));
@@ -127,7 +127,16 @@ Client::Silence Client::requestUnanswered(BaseRequestMessage& request, std::uint
   if (silence.status != ExitStatus::Ok) {
     return silence;
   }
-  const ExitStatus waited = serve([this] { return answers_->arrived; }, patienceMs);
+  // What the bus has answered after the request, it has passed the request on before.
+  if (!ipc_.flush()) {
+    silence.status = stopRequested()
+                         ? stopStatus()
+                         : fail(ExitStatus::Unreachable,
+                                "the connection was lost before the bus had confirmed the request: "
+                                "it may not have arrived");
+    return silence;
+  }
+  const ExitStatus waited = serve([this] { return hasAnswer(); }, patienceMs);
   if (waited == ExitStatus::Ok && !isVanishing(answers_->error)) {
     silence.status = judge(request, "").status;
     return silence;
@@ -168,6 +177,12 @@ Reply Client::judge(BaseRequestMessage& request, const std::string& refusal) {
   return reply;
 }
 
+// An answer may have come just before the end of the connection, which the bus library answers with
+// an error, too.
+bool Client::hasAnswer() const {
+  return answers_->arrived && !(lost_ && isVanishing(answers_->error));
+}
+
 ExitStatus Client::serveUntil(const std::function<bool()>& done, std::uint32_t timeoutMs) {
   const ExitStatus status = serve(done, timeoutMs);
   return status == ExitStatus::Unreachable ? fail(status, "the connection to the bus was lost")
@@ -184,7 +199,8 @@ ExitStatus Client::serve(const std::function<bool()>& done, std::uint32_t timeou
     if (left <= 0) {
       return ExitStatus::NoAnswer;
     }
-    if (!ipc_.Service(left < kSliceMs ? static_cast<unsigned>(left) : kSliceMs)) {
+    lost_ = !ipc_.Service(left < kSliceMs ? static_cast<unsigned>(left) : kSliceMs);
+    if (lost_ && !done()) {
       return stopRequested() ? stopStatus() : ExitStatus::Unreachable;
     }
   }
