@@ -133,7 +133,7 @@ Reply Client::request(BaseRequestMessage& request, std::uint32_t timeoutMs,
   if (reply.status != ExitStatus::Ok) {
     return reply;
   }
-  reply.status = serveUntil([this] { return answers_->arrived; }, timeoutMs);
+  reply.status = serveUntil([this] { return hasAnswer(); }, timeoutMs);
   if (reply.status == ExitStatus::NoAnswer) {
     fail(ExitStatus::NoAnswer, "no answer from \"" + request.to() + "\" to " +
                                    request.functionName() + " within " + humanSeconds(timeoutMs));
@@ -148,7 +148,16 @@ Client::Silence Client::requestUnanswered(BaseRequestMessage& request, std::uint
   if (silence.status != ExitStatus::Ok) {
     return silence;
   }
-  const ExitStatus waited = serve([this] { return answers_->arrived; }, patienceMs);
+  // What the bus has answered after the request, it has passed the request on before.
+  if (!ipc_.flush()) {
+    silence.status = stopRequested()
+                         ? stopStatus()
+                         : fail(ExitStatus::Unreachable,
+                                "the connection was lost before the bus had confirmed the request: "
+                                "it may not have arrived");
+    return silence;
+  }
+  const ExitStatus waited = serve([this] { return hasAnswer(); }, patienceMs);
   if (waited == ExitStatus::Ok && !isVanishing(answers_->error)) {
     silence.status = judge(request, "").status;
     return silence;
@@ -178,14 +187,19 @@ Reply Client::judge(BaseRequestMessage& request, const std::string& refusal) {
     return reply;
   }
   reply.message = answers_->message;
-  // The empty answer to an accepted request carries no id.
-  reply.answered = reply.message.requestId() == request.id();
+  reply.answered = reply.message.Size() > 0;
   reply.status = ExitStatus::Ok;
   if (reply.answered && reply.message.statusCode() != 0) {
     reply.status = fail(ExitStatus::Refused, failureOf(request, reply.message.statusCode()) +
                                                  (refusal.empty() ? "" : ": " + refusal));
   }
   return reply;
+}
+
+// An answer may have come just before the end of the connection, which the bus library answers with
+// an error, too.
+bool Client::hasAnswer() const {
+  return answers_->arrived && !(lost_ && isVanishing(answers_->error));
 }
 
 ExitStatus Client::serveUntil(const std::function<bool()>& done, std::uint32_t timeoutMs) {
@@ -204,7 +218,8 @@ ExitStatus Client::serve(const std::function<bool()>& done, std::uint32_t timeou
     if (left <= 0) {
       return ExitStatus::NoAnswer;
     }
-    if (!ipc_.Service(left < kSliceMs ? static_cast<unsigned>(left) : kSliceMs)) {
+    lost_ = !ipc_.Service(left < kSliceMs ? static_cast<unsigned>(left) : kSliceMs);
+    if (lost_ && !done()) {
       return stopRequested() ? stopStatus() : ExitStatus::Unreachable;
     }
   }
@@ -219,8 +234,8 @@ ExitStatus Client::serveUntil(const std::function<bool()>& done) {
   return status;
 }
 
-std::string ownEndpoint() {
-  return "client.kovactl_" + std::to_string(getpid());
+std::string ownEndpoint(BaseRequestMessage& request) {
+  return "client.kovactl_" + std::to_string(getpid()) + "_" + std::to_string(request.id());
 }
 
 ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestMessage& request,

@@ -51,7 +51,8 @@ class Client {
     bool vanished = false;
   };
   /// Sends a request that is never answered. Fails when an error arrives within `patienceMs`, or on
-  /// Ctrl-C; silence, a closed bus and SIGTERM are success.
+  /// Ctrl-C, or if the bus may not have received the request; then silence, a closed bus and
+  /// SIGTERM are success.
   Silence requestUnanswered(ipc::messages::BaseRequestMessage& request, std::uint32_t patienceMs);
 
   /// Sends a request without waiting for an answer. The destination must be on the bus.
@@ -70,15 +71,18 @@ class Client {
   class Answers;
   ExitStatus send(ipc::messages::BaseRequestMessage& request, bool responseExpected);
   ExitStatus serve(const std::function<bool()>& done, std::uint32_t timeoutMs);
+  bool hasAnswer() const;
   Reply judge(ipc::messages::BaseRequestMessage& request, const std::string& refusal);
 
   const Options& options_;
   std::unique_ptr<Answers> answers_;
   ipc::Ipc ipc_;
+  bool lost_ = false;
 };
 
-/// The endpoint on which this process receives events: "client.kovactl_PID".
-std::string ownEndpoint();
+/// The endpoint on which this process receives the events of a request, "client.kovactl_PID_ID":
+/// process ids repeat among containers.
+std::string ownEndpoint(ipc::messages::BaseRequestMessage& request);
 
 /// Sends a request to the control server and presents the payload of the answer, as text `done`.
 /// Most commands do nothing else.

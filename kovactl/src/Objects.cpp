@@ -10,6 +10,14 @@
 #include "Terminal.h"
 
 namespace kova::ctl {
+namespace {
+
+// Whether the bus library has answered because the connection ended.
+bool isLoss(const Objects::Answer& answer) {
+  return answer.sender.empty() && !answer.error.empty();
+}
+
+}  // namespace
 
 ExitStatus Objects::open() {
   std::string error;
@@ -32,8 +40,10 @@ ExitStatus Objects::await(const Start& start, Answer& answer, bool patient) {
     if (!patient && stopRequested()) {
       return stopStatus();
     }
-    if (!bus_.Service(kSliceMs)) {
-      return fail(ExitStatus::Unreachable, "the connection to the bus was lost");
+    if (!bus_.Service(kSliceMs) && (!received->has_value() || isLoss(**received))) {
+      return !patient && stopRequested()
+                 ? stopStatus()
+                 : fail(ExitStatus::Unreachable, "the connection to the bus was lost");
     }
   }
   answer = received->value();

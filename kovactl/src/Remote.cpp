@@ -1,5 +1,7 @@
 #include "Remote.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "LineFilter.h"
 #include "Output.h"
 #include "Terminal.h"
 
@@ -124,16 +127,94 @@ std::string explainSsh(const std::string& text, int status) {
   }
 }
 
-// Waits for ssh and hands a stop signal on to it.
-bool awaitSsh(pid_t child, int& ended) {
-  pid_t waited = -1;
-  do {
-    waited = waitpid(child, &ended, 0);
-    if (stopRequested() && waited < 0 && errno == EINTR) {
-      kill(child, SIGTERM);
+/// An ssh that runs a command there. What it prints arrives here by pipes.
+class Ssh {
+ public:
+  explicit Ssh(const std::vector<std::string>& words);
+  ~Ssh();
+  Ssh(const Ssh&) = delete;
+  Ssh& operator=(const Ssh&) = delete;
+
+  /// Prints what ssh prints, until it ends, and hands a stop signal on to it.
+  /// @return false, with `errno` set, if it could not be run or waited for
+  bool await(int& ended);
+  /// Whether all that the command there printed was printed here, too.
+  bool printed() const { return out_.good(); }
+
+ private:
+  static bool take(int& pipe, LineFilter& filter);
+  bool pump(int timeoutMs);
+
+  pid_t child_ = -1;
+  int outPipe_ = -1;
+  int errorPipe_ = -1;
+  LineFilter out_{stdout};
+  LineFilter error_{stderr};
+};
+
+Ssh::Ssh(const std::vector<std::string>& words) {
+  int out[2] = {-1, -1};
+  int error[2] = {-1, -1};
+  if (pipe2(out, O_CLOEXEC) == 0 && pipe2(error, O_CLOEXEC) == 0) {
+    child_ = fork();
+  }
+  if (child_ == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    dup2(error[1], STDERR_FILENO);
+    execute(words);
+  }
+  const int problem = errno;
+  close(out[1]);
+  close(error[1]);
+  errno = problem;
+  outPipe_ = out[0];
+  errorPipe_ = error[0];
+}
+
+Ssh::~Ssh() {
+  close(outPipe_);
+  close(errorPipe_);
+}
+
+bool Ssh::take(int& pipe, LineFilter& filter) {
+  char buffer[4096];
+  const ssize_t got = read(pipe, buffer, sizeof buffer);
+  if (got > 0) {
+    filter.take({buffer, static_cast<std::size_t>(got)});
+  } else if (got == 0) {
+    close(pipe);
+    pipe = -1;
+  }
+  return got > 0;
+}
+
+// Prints what has arrived; false if nothing had.
+bool Ssh::pump(int timeoutMs) {
+  pollfd pipes[] = {{outPipe_, POLLIN, 0}, {errorPipe_, POLLIN, 0}};
+  if (poll(pipes, 2, timeoutMs) <= 0) {
+    return false;
+  }
+  const bool printed = pipes[0].revents != 0 && take(outPipe_, out_);
+  return (pipes[1].revents != 0 && take(errorPipe_, error_)) || printed;
+}
+
+bool Ssh::await(int& ended) {
+  constexpr int kSliceMs = 20;  // the delay until a stop signal or the end of ssh is noticed
+  pid_t waited = child_ < 0 ? -1 : 0;
+  while (waited == 0) {
+    pump(kSliceMs);
+    if (stopRequested() || !printed()) {
+      kill(child_, SIGTERM);
     }
-  } while (waited < 0 && errno == EINTR);
-  return waited == child;
+    waited = waitpid(child_, &ended, WNOHANG);
+  }
+  // A program that ssh leaves in the background keeps the pipes open: only what is there counts.
+  constexpr int kMostPieces = 256;
+  for (int piece = 0; piece < kMostPieces && pump(0); ++piece) {
+  }
+  out_.end();
+  error_.end();
+  return waited == child_ && child_ > 0;
 }
 
 }  // namespace
@@ -188,18 +269,17 @@ ExitStatus runThere(const Options& options, std::vector<std::string> command) {
   if (options.json) {
     command.emplace_back("--json");
   }
-  const std::vector<std::string> words = sshWords(remote, command);
-  const pid_t child = fork();
-  if (child == 0) {
-    execute(words);
-  }
+  Ssh ssh(sshWords(remote, command));
   int ended = 0;
-  const bool ran = child > 0 && awaitSsh(child, ended);
+  const bool ran = ssh.await(ended);
   if (stopRequested()) {
     return stopStatus();
   }
   if (!ran) {
     return fail(ExitStatus::Local, std::string("cannot run ssh: ") + std::strerror(errno));
+  }
+  if (!ssh.printed()) {
+    return fail(ExitStatus::Local, "cannot write the output");
   }
   const int status = WIFEXITED(ended) ? WEXITSTATUS(ended) : kSshFailed;
   const bool isMisuse = status == static_cast<int>(ExitStatus::Usage);

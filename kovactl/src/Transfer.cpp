@@ -172,12 +172,13 @@ ExitStatus Request::run() {
 
 // Both connections are there before the camera starts anything.
 ExitStatus Request::join() {
-  const ExitStatus joined = transfer_.wait ? client_.join(ownEndpoint(), &event_) : client_.join();
+  const ExitStatus joined =
+      transfer_.wait ? client_.join(ownEndpoint(request_), &event_) : client_.join();
   return joined == ExitStatus::Ok ? follower_.open() : joined;
 }
 
 ExitStatus Request::send() {
-  request_.from(transfer_.wait ? ownEndpoint() : kAbsentEndpoint);
+  request_.from(transfer_.wait ? ownEndpoint(request_) : kAbsentEndpoint);
   const ExitStatus taken = client_.request(request_, options_.answerTimeoutMs()).status;
   return event_.known() ? ExitStatus::Ok : taken;
 }

@@ -15,6 +15,15 @@ constexpr auto kSearch = 1s;  // a camera may publish a transfer a little after 
 constexpr auto kHeartbeat = 1s;  // without a signal: whether the control server is still there
 constexpr std::uint32_t kAnswerMs = 10000;
 
+// Whether nobody was there to call.
+bool isAbsent(const Objects::Answer& answer) {
+  return exitForError(answer.error) == ExitStatus::Unreachable &&
+         answer.error != "org.freedesktop.DBus.Error.AccessDenied";
+}
+
+ExitStatus judgeCancellation(const Objects& objects, const std::string& number,
+                             const Objects::Answer& answer);
+
 }  // namespace
 
 ExitStatus TransferFollower::find(std::uint64_t requestId) {
@@ -30,6 +39,8 @@ ExitStatus TransferFollower::find(std::uint64_t requestId) {
     const auto found = std::ranges::find(records, requestId, &TransferRecord::requestId);
     if (found != records.end()) {
       record_ = *found;
+      // The next control server counts its transfers from 1, too.
+      objects_.bus().keepTo(answer.sender);
       follow();
       return ExitStatus::Ok;
     }
@@ -88,15 +99,29 @@ void TransferFollower::take(const Objects::Answer& answer) {
 }
 
 ExitStatus TransferFollower::cancel() {
-  return cancelTransfer(objects_, record_.number, true);
-}
-
-ExitStatus cancelTransfer(Objects& objects, const std::string& number, bool patient) {
   Objects::Answer answer;
   const ExitStatus asked =
-      objects.call(pathOfTransfer(number), kTransferInterface, "Cancel", answer, patient);
-  if (asked != ExitStatus::Ok || answer.error.empty()) {
-    return asked;
+      objects_.call(pathOfTransfer(record_.number), kTransferInterface, "Cancel", answer, true);
+  if (asked == ExitStatus::Ok && isAbsent(answer)) {
+    return fail(ExitStatus::Unreachable,
+                "the control server has ended, and transfer " + record_.number + " with it");
+  }
+  return asked == ExitStatus::Ok ? judgeCancellation(objects_, record_.number, answer) : asked;
+}
+
+ExitStatus cancelTransfer(Objects& objects, const std::string& number) {
+  Objects::Answer answer;
+  const ExitStatus asked =
+      objects.call(pathOfTransfer(number), kTransferInterface, "Cancel", answer);
+  return asked == ExitStatus::Ok ? judgeCancellation(objects, number, answer) : asked;
+}
+
+namespace {
+
+ExitStatus judgeCancellation(const Objects& objects, const std::string& number,
+                             const Objects::Answer& answer) {
+  if (answer.error.empty()) {
+    return ExitStatus::Ok;
   }
   if (isUnknown(answer)) {
     return fail(ExitStatus::Refused,
@@ -110,5 +135,7 @@ ExitStatus cancelTransfer(Objects& objects, const std::string& number, bool pati
              ? fail(status, "transfer " + number + " cannot be cancelled: " + answer.text)
              : failOn(answer, "the answer to the cancellation", objects.host());
 }
+
+}  // namespace
 
 }  // namespace kova::ctl

@@ -9,7 +9,8 @@
 
 namespace kova::ctl {
 
-/// Follows one transfer as the camera publishes it.
+/// Follows one transfer as the camera publishes it, until the control server that publishes it
+/// ends.
 class TransferFollower {
  public:
   explicit TransferFollower(const Options& options) : objects_(options) {}
@@ -59,6 +60,6 @@ class TransferFollower {
 };
 
 /// Has the camera cancel a transfer; reports why it does not.
-ExitStatus cancelTransfer(Objects& objects, const std::string& number, bool patient = false);
+ExitStatus cancelTransfer(Objects& objects, const std::string& number);
 
 }  // namespace kova::ctl

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string_view>
+#include <utility>
 
 #include "../../platform/ipc/src/Wire.h"
 
@@ -55,7 +56,11 @@ std::string pathOf(const std::string& number) {
 
 int FakeCamera::readTransfer(sd_bus*, const char*, const char*, const char* name,
                              sd_bus_message* reply, void* transfer, sd_bus_error* error) {
-  const std::string& denial = static_cast<Transfer*>(transfer)->camera->denial_;
+  FakeCamera& camera = *static_cast<Transfer*>(transfer)->camera;
+  if (const auto action = std::exchange(camera.beforeTelling_, nullptr)) {
+    action();
+  }
+  const std::string& denial = camera.denial_;
   if (!denial.empty()) {
     return sd_bus_error_set(error, denial.c_str(), "no answer to this");
   }
@@ -166,7 +171,7 @@ int FakeCamera::onSend(sd_bus_message* call, sd_bus_error*) {
   if (script_) {
     script_(*this, request_);
   }
-  Variant answer = Variant::Map{};
+  Variant answer = answer_.isEmpty() ? Variant::Map{} : answer_;
   if (request_["functionName"] == Variant("GetSystemStats")) {
     answer = Variant::Map{{"functionName", "__response__"},
                           {"requestId", request_["id"]},
@@ -259,6 +264,16 @@ void FakeCamera::refuseToCancel(const std::string& text) {
 void FakeCamera::refuseToTell(const std::string& error) {
   const auto locked = lock();
   denial_ = error;
+}
+
+void FakeCamera::beforeTelling(std::function<void()> action) {
+  const auto locked = lock();
+  beforeTelling_ = std::move(action);
+}
+
+void FakeCamera::answerWith(const Variant& answer) {
+  const auto locked = lock();
+  answer_ = answer;
 }
 
 void FakeCamera::failStatistics(std::uint64_t status) {

@@ -46,6 +46,10 @@ class FakeCamera {
   /// Answers requests for the properties of its transfers or, if it has none, for its own with this
   /// error from now on.
   void refuseToTell(const std::string& error);
+  /// Calls this once, on the camera's thread, before it tells the next property of a transfer.
+  void beforeTelling(std::function<void()> action);
+  /// Answers every request with this from now on.
+  void answerWith(const variant::Variant& answer);
   /// Answers GetSystemStats with this status from now on.
   void failStatistics(std::uint64_t status);
 
@@ -81,6 +85,8 @@ class FakeCamera {
   Properties device_;
   std::string refusal_;
   std::string denial_;
+  std::function<void()> beforeTelling_;
+  variant::Variant answer_;
   std::uint64_t statisticsStatus_ = 0;
   std::vector<std::string> cancelled_;
   variant::Variant request_;

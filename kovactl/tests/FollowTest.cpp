@@ -256,6 +256,37 @@ TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
   EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
 }
 
+// Each control server counts its transfers from 1.
+TEST_F(Follow, TransferOfNextServerIsNotTakenForOwn) {
+  auto camera = std::make_unique<FakeCamera>(transferring());
+  Child child(putLogo());
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  camera.reset();
+  FakeCamera next;
+  next.publish("7", {{"RequestId", std::uint64_t{1}}, {"Phase", "transferring"}});
+  next.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  const Result result = child.wait();
+  EXPECT_EQ(result.status, 5);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
+}
+
+TEST_F(Follow, StopCancelsNoTransferOfNextServer) {
+  auto camera = std::make_unique<FakeCamera>(transferring());
+  Child child(putLogo({"--wait", "--cancel"}));
+  ASSERT_TRUE(child.awaitError("transferring\n"));
+  child.signal(SIGSTOP);
+  camera.reset();
+  FakeCamera next;
+  next.publish("7", {{"RequestId", std::uint64_t{1}}, {"Phase", "transferring"}});
+  child.signal(SIGINT);
+  child.signal(SIGCONT);
+  const Result result = child.wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_THAT(result.err, HasSubstr("the control server has ended, and transfer 7 with it"));
+  EXPECT_TRUE(next.cancelled().empty());
+}
+
 TEST_F(Follow, ForgottenTransferLeavesOutcomeUnknown) {
   FakeCamera camera(transferring());
   Child child(putLogo());

@@ -3,9 +3,12 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sstream>
 
 #include "Child.h"
@@ -204,6 +207,60 @@ TEST_F(Host, UnansweredRequestArrives) {
   const Result result = run({"--host", "cam", "call", "SaveToFlash", "--no-reply"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_TRUE(peer.awaitReceived(1));
+}
+
+// What the other machine prints may steer a terminal.
+TEST_F(Host, OutputOfOtherMachineIsEscaped) {
+  become("printf 'a\\033[2Jb\\tc\\n\\nd'; printf 'e\\033]0;x\\007\\r\\n' >&2; exit 1");
+  const Result result = run({"--host", "cam", "timezones"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "a\\x1b[2Jb\\tc\n\nd\n");
+  EXPECT_EQ(result.err, "e\\x1b]0;x\\x07\n");
+  become("head -c 300000 /dev/zero | tr '\\0' x");
+  const Result flood = run({"--host", "cam", "service", "list"});
+  EXPECT_EQ(flood.status, 0);
+  EXPECT_EQ(std::ranges::count(flood.out, 'x'), 300000);
+}
+
+TEST_F(Host, ProgramLeftByOtherMachineDelaysNothing) {
+  become("sleep 60 & echo there");
+  const Result result = run({"--host", "cam", "timezones"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "there\n");
+}
+
+// The request ends with the connection that carries it.
+TEST_F(Host, RebootThatMayBeLostIsNoSuccess) {
+  const MutePeer peer;
+  setenv("RELAY_END_AT", "Reboot", 1);
+  become(std::string("exec ") + KOVACTL_RELAY + " " + socket());
+  const Result result = run({"--host", "cam", "reboot"});
+  unsetenv("RELAY_END_AT");
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("lost before the bus had confirmed the request"));
+}
+
+TEST_F(Host, StopSignalThatEndsSshTooIsTold) {
+  FakeCamera camera;
+  camera.publish("7", {});
+  std::promise<void> asked;
+  std::promise<void> ended;
+  camera.beforeTelling([&] {
+    asked.set_value();
+    ended.get_future().wait_for(std::chrono::seconds(20));
+  });
+  become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
+  Child child({"--host", "cam", "transfers"});
+  ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  child.signal(SIGSTOP);
+  kill(std::stoi(left("pid")), SIGKILL);
+  child.signal(SIGTERM);
+  child.signal(SIGCONT);
+  const Result result = child.wait();
+  ended.set_value();
+  EXPECT_EQ(result.status, 143);
+  EXPECT_EQ(result.err, "");
 }
 
 TEST_F(Host, LossIsReported) {

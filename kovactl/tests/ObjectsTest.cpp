@@ -3,11 +3,14 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
+#include <future>
 
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Json.h"
 #include "PrivateBus.h"
+#include "kova/ipc/Ipc.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -21,6 +24,30 @@ class Objects : public ::testing::Test {
  protected:
   ipc::testing::PrivateBus bus_;
 };
+
+// The connection ends while kovactl sleeps, so that it finds the answer and the end together.
+TEST_F(Objects, AnswerBeforeLossOfBusCounts) {
+  FakeCamera camera;
+  camera.publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});
+  std::promise<void> asked;
+  std::promise<void> asleep;
+  camera.beforeTelling([&] {
+    asked.set_value();
+    asleep.get_future().wait_for(std::chrono::seconds(20));
+  });
+  Child child({"transfers"});
+  ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  child.signal(SIGSTOP);
+  asleep.set_value();
+  EXPECT_TRUE(camera.cancelled().empty()) << "once the camera has answered";
+  ipc::Ipc later;
+  ASSERT_TRUE(later.Init("", false, nullptr) && later.flush()) << "once the bus has passed it on";
+  bus_.kill();
+  child.signal(SIGCONT);
+  const Result result = child.wait();
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("logo"));
+}
 
 TEST_F(Objects, ListShowsTransfersAndReasons) {
   FakeCamera camera;

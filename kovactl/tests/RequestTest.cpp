@@ -3,9 +3,12 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <future>
 
 #include "Child.h"
+#include "FakeCamera.h"
 #include "Json.h"
 #include "Peer.h"
 #include "PrivateBus.h"
@@ -20,6 +23,36 @@ class Requests : public ::testing::Test {
  protected:
   ipc::testing::PrivateBus bus_;
 };
+
+TEST_F(Requests, StatusOfAnswerWithoutIdCounts) {
+  FakeCamera camera;
+  camera.answerWith(Variant::Map{{"statusCode", 1}});
+  const Result result = run({"save", "--sync"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+}
+
+// The connection ends while kovactl sleeps, so that it finds the answer and the end together.
+TEST_F(Requests, AnswerBeforeLossOfBusCounts) {
+  std::promise<void> asleep;
+  std::promise<void> answered;
+  Peer peer([&](Peer::Request& request, ipc::Ipc& ipc, bool& rejected) {
+    asleep.get_future().wait_for(std::chrono::seconds(20));
+    answering(0)(request, ipc, rejected);
+    EXPECT_TRUE(ipc.flush());
+    answered.set_value();
+  });
+  Child child({"save", "--sync"});
+  ASSERT_TRUE(peer.awaitReceived(1));
+  child.signal(SIGSTOP);
+  asleep.set_value();
+  ASSERT_EQ(answered.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  bus_.kill();
+  child.signal(SIGCONT);
+  const Result result = child.wait();
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "Saved to flash.\n");
+}
 
 TEST_F(Requests, CallPrintsPayload) {
   Peer peer(answering(0, Variant::Map{{"a", Variant::Map{{"b", "c\x1b"}}}, {"n", 5}}));

@@ -49,7 +49,9 @@ TEST_F(Transfers, WaitReturns0ForOk) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "OK\n");
   Peer::Request request = peer.received().front();
-  EXPECT_THAT(request.from(), ::testing::MatchesRegex("client\\.kovactl_[0-9]+"));
+  // Process ids repeat among containers.
+  EXPECT_THAT(request.from(),
+              ::testing::MatchesRegex("client\\.kovactl_[0-9]+_" + std::to_string(request.id())));
   EXPECT_EQ(request.find("what")->toText(), "logo");
   EXPECT_EQ(request.find("uri")->toText(), "http://x/logo");
   EXPECT_EQ(request.find("hash")->toText(), kDigest);

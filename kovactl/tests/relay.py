@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Carries one connection to a Unix socket: relay.py TARGET from standard input and to standard output, as a program
 of "unixexec:" does; relay.py TARGET SOCKET from SOCKET, which it makes and listens at, as ssh -L does. What goes to
-TARGET is late by RELAY_DELAY_S seconds."""
+TARGET is late by RELAY_DELAY_S seconds; the connection ends, undelivered, with what holds RELAY_END_AT."""
 
 import os
 import socket
@@ -11,6 +11,7 @@ import time
 
 PATIENCE_S = 60
 DELAY_S = float(os.environ.get("RELAY_DELAY_S", "0"))
+END_AT = os.environb.get(b"RELAY_END_AT")
 
 
 def pump(read, write, close):
@@ -24,6 +25,8 @@ def both_ways(read, write, target):
     bus.connect(target)
 
     def late(data):
+        if END_AT and END_AT in data:
+            os._exit(0)
         time.sleep(DELAY_S)
         bus.sendall(data)
 

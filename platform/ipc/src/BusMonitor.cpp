@@ -1,8 +1,8 @@
 #include "kova/ipc/BusMonitor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
-#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -34,6 +34,8 @@ class BusMonitor::Connection {
   using Sink = std::function<void(const SeenMessage&)>;
   /// Unique name of the caller and serial number of the call, which identify the call of an answer.
   using CallId = std::pair<std::string, std::uint64_t>;
+  using Calls = std::map<CallId, std::string>;
+  using Owners = std::map<std::string, std::string>;  ///< unique names by endpoint
 
   bool learnOwners(std::string& error);
   bool becomeMonitor(std::string& error);
@@ -42,13 +44,15 @@ class BusMonitor::Connection {
   void seeOwnerChange(sd_bus_message* signal);
   bool seeCall(sd_bus_message* call);
   bool seeAnswer(sd_bus_message* answer);
+  static bool mayAnswer(const Calls::value_type& call, const std::string& sender);
+  std::string ownerOf(const char* busName) const;
   void forget(const std::string& unique);
   /// The endpoint's name if known, else the bus name.
   std::string readable(const char* busName) const;
 
   BusPtr bus_;
-  std::map<std::string, std::string> endpoints_;  ///< by unique name
-  std::set<CallId> calls_;                        ///< without an answer yet
+  Owners owners_;
+  Calls calls_;  ///< without an answer yet; by whom they are to be answered, "" if unknown
 };
 
 bool BusMonitor::Connection::open(std::string& error) {
@@ -72,7 +76,7 @@ bool BusMonitor::Connection::learnOwners(std::string& error) {
     const char* owner = nullptr;
     // The name may have vanished since it was listed.
     if (result >= 0 && sd_bus_message_read(answer.get(), "s", &owner) > 0) {
-      endpoints_.emplace(owner, endpoint);
+      owners_.emplace(endpoint, owner);
     }
   }
   return true;
@@ -91,16 +95,21 @@ bool BusMonitor::Connection::becomeMonitor(std::string& error) {
 
 std::string BusMonitor::Connection::readable(const char* busName) const {
   const std::string name = text(busName);
-  const auto known = endpoints_.find(name);
-  if (known != endpoints_.end()) {
-    return known->second;
+  const auto known = std::ranges::find(owners_, name, &Owners::value_type::second);
+  if (known != owners_.end()) {
+    return known->first;
   }
   const std::string endpoint = endpointOf(busName);
   return endpoint.empty() ? name : endpoint;
 }
 
+std::string BusMonitor::Connection::ownerOf(const char* busName) const {
+  const std::string name = text(busName);
+  const auto owner = owners_.find(endpointOf(busName));
+  return name.starts_with(':') ? name : owner != owners_.end() ? owner->second : "";
+}
+
 void BusMonitor::Connection::forget(const std::string& unique) {
-  endpoints_.erase(unique);
   calls_.erase(calls_.lower_bound({unique, 0}), calls_.upper_bound({unique, UINT64_MAX}));
 }
 
@@ -108,7 +117,9 @@ void BusMonitor::Connection::seeOwnerChange(sd_bus_message* signal) {
   const char* name = nullptr;
   const char* before = nullptr;
   const char* after = nullptr;
-  if (sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) {
+  // A monitor also sees the signals that others forge and nobody else receives.
+  if (text(sd_bus_message_get_sender(signal)) != kDriver ||
+      sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) {
     return;
   }
   if (*name == ':' && *after == '\0') {
@@ -116,12 +127,13 @@ void BusMonitor::Connection::seeOwnerChange(sd_bus_message* signal) {
     return;
   }
   const std::string endpoint = endpointOf(name);
-  const auto owner = endpoints_.find(before);
-  if (owner != endpoints_.end() && owner->second == endpoint) {
-    endpoints_.erase(owner);
+  if (endpoint.empty()) {
+    return;
   }
-  if (!endpoint.empty() && *after != '\0') {
-    endpoints_.emplace(after, endpoint);
+  if (*after == '\0') {
+    owners_.erase(endpoint);
+  } else {
+    owners_[endpoint] = after;
   }
 }
 
@@ -132,15 +144,28 @@ bool BusMonitor::Connection::seeCall(sd_bus_message* call) {
     return false;
   }
   if (sd_bus_message_get_expect_reply(call) > 0) {
-    calls_.emplace(text(sd_bus_message_get_sender(call)), serial);
+    calls_.insert_or_assign({text(sd_bus_message_get_sender(call)), serial},
+                            ownerOf(sd_bus_message_get_destination(call)));
   }
   return true;
 }
 
 bool BusMonitor::Connection::seeAnswer(sd_bus_message* answer) {
   std::uint64_t serial = 0;
-  return sd_bus_message_get_reply_cookie(answer, &serial) >= 0 &&
-         calls_.erase({text(sd_bus_message_get_destination(answer)), serial}) > 0;
+  if (sd_bus_message_get_reply_cookie(answer, &serial) < 0) {
+    return false;
+  }
+  const auto call = calls_.find({text(sd_bus_message_get_destination(answer)), serial});
+  if (call == calls_.end() || !mayAnswer(*call, text(sd_bus_message_get_sender(answer)))) {
+    return false;
+  }
+  calls_.erase(call);
+  return true;
+}
+
+// The bus answers for endpoints that are absent, end or may not be called.
+bool BusMonitor::Connection::mayAnswer(const Calls::value_type& call, const std::string& sender) {
+  return sender == kDriver || call.second.empty() || sender == call.second;
 }
 
 void BusMonitor::Connection::see(sd_bus_message* message, const Sink& sink) {

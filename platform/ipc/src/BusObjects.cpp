@@ -23,6 +23,7 @@ std::string text(const char* maybe) {
 
 BusObjects::Answer answerOf(sd_bus_message* message) {
   BusObjects::Answer answer;
+  answer.sender = text(sd_bus_message_get_sender(message));
   if (const sd_bus_error* error = sd_bus_message_get_error(message); error != nullptr) {
     answer.error = text(error->name);
     answer.text = text(error->message);
@@ -47,6 +48,7 @@ class BusObjects::Connection {
                                                       path.c_str(), interface, method);
     return MessagePtr(result >= 0 ? created : nullptr);
   }
+  void keepTo(const std::string& uniqueName) { name_ = uniqueName; }
   bool start(const MessagePtr& call, std::uint32_t timeoutMs, Receiver receiver);
   bool follow(const std::string& path, std::function<void(const Signal&)> changed);
   bool Service(unsigned timeoutMs);
@@ -167,6 +169,12 @@ bool BusObjects::call(const std::string& path, const std::string& interface,
            connection_->start(connection_->newCall(path, interface.c_str(), method.c_str()),
                               timeoutMs, std::move(receiver));
   });
+}
+
+void BusObjects::keepTo(const std::string& uniqueName) {
+  if (connection_ != nullptr) {
+    connection_->keepTo(uniqueName);
+  }
 }
 
 bool BusObjects::follow(const std::string& path, std::function<void(const Signal&)> changed) {

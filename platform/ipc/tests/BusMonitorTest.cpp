@@ -20,6 +20,26 @@ class BusMonitorTest : public BusTest {
     });
   }
 
+  // Sends the caller of a call of stranger_ an answer to it, and waits until the bus has seen it.
+  void forgeAnswer(Stranger& intruder, sd_bus_message* call) {
+    std::uint64_t serial = 0;
+    const char* caller = nullptr;
+    ASSERT_GE(sd_bus_message_get_cookie(call, &serial), 0);
+    ASSERT_GE(sd_bus_get_unique_name(stranger_.bus(), &caller), 0);
+    const MessagePtr same = intruder.newCall("test");
+    ASSERT_GE(sd_bus_message_seal(same.get(), serial, 0), 0);
+    sd_bus_message* created = nullptr;
+    ASSERT_GE(sd_bus_message_new_method_return(same.get(), &created), 0);
+    const MessagePtr forged(created);
+    std::string reason;
+    ASSERT_TRUE(wire::encode(Variant(Variant::Map{{"forged", true}}), created, reason));
+    ASSERT_GE(sd_bus_message_set_destination(created, caller), 0);
+    ASSERT_GE(sd_bus_send(intruder.bus(), created, nullptr), 0);
+    ASSERT_GE(sd_bus_call_method(intruder.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                 "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, ""),
+              0);
+  }
+
   BusMonitor monitor_;
   std::vector<SeenMessage> seen_;
 };
@@ -90,6 +110,39 @@ TEST_F(BusMonitorTest, ShowsUndecodableMessageWithoutBody) {
   ASSERT_TRUE(untilSeen(1));
   EXPECT_EQ(seen_[0].kind, Kind::Call);
   EXPECT_TRUE(seen_[0].body.isEmpty());
+}
+
+// A monitor sees what the policy withholds from everybody else.
+TEST_F(BusMonitorTest, ForgedOwnerNamesNobody) {
+  join();
+  openMonitor();
+  const char* unique = nullptr;
+  ASSERT_GE(sd_bus_get_unique_name(stranger_.bus(), &unique), 0);
+  ASSERT_GE(sd_bus_emit_signal(stranger_.bus(), "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                               "NameOwnerChanged", "sss", "kova.other", "", unique),
+            0);
+  call("Unknown");
+  ASSERT_TRUE(untilSeen(2));
+  EXPECT_EQ(seen_[0].sender, unique);
+  EXPECT_EQ(seen_[1].destination, unique);
+}
+
+TEST_F(BusMonitorTest, OnlyCalledEndpointAnswers) {
+  Recorder handler(&ipc_);
+  ipc_.AddHandler("Tell", &handler);
+  ASSERT_TRUE(ipc_.Init("test", false, nullptr));
+  openMonitor();
+  const MessagePtr call = stranger_.newCall("test");
+  std::string reason;
+  ASSERT_TRUE(wire::encode(Variant(Variant::Map{{"functionName", "Tell"}}), call.get(), reason));
+  stranger_.start(call.get());
+  ASSERT_TRUE(untilSeen(1));
+  Stranger intruder;
+  forgeAnswer(intruder, call.get());
+  serviced_.push_back(&ipc_);
+  ASSERT_TRUE(untilSeen(2));
+  EXPECT_EQ(seen_[1].kind, Kind::Answer);
+  EXPECT_EQ(seen_[1].sender, "test");
 }
 
 TEST_F(BusMonitorTest, ReportsClosedBus) {

@@ -202,6 +202,25 @@ TEST_F(PolicyTest, OnlyMembersReadAndHearObjects) {
   EXPECT_EQ(asOther(kOtherUser, hear), "");
 }
 
+TEST_F(PolicyTest, UniqueNameOfDaemonOpensNothingMore) {
+  Stranger asking;
+  sd_bus_message* answered = nullptr;
+  ASSERT_GE(sd_bus_call_method(asking.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                               "org.freedesktop.DBus", "GetNameOwner", nullptr, &answered, "s",
+                               "kova.test"),
+            0);
+  const MessagePtr answer(answered);
+  const char* owner = nullptr;
+  ASSERT_GE(sd_bus_message_read(answer.get(), "s", &owner), 0);
+  const auto readThere = [owner](sd_bus* bus, sd_bus_error* error) {
+    int full = 0;
+    return sd_bus_get_property_trivial(bus, owner, kObjectPath, "kova.Box1", "Full", error, 'b',
+                                       &full);
+  };
+  EXPECT_EQ(asOther(kNoGroup, readThere), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, readThere), "");
+}
+
 TEST_F(PolicyTest, OnlyDaemonsSignalChanges) {
   Stranger watcher;
   int heard = 0;

@@ -20,6 +20,7 @@ class BusObjects {
   struct Answer {
     std::string error;       ///< D-Bus error name; "" for success
     std::string text;        ///< error message
+    std::string sender;      ///< unique name of who answered; "" for none, as after a time-out
     variant::Variant value;  ///< what was returned; empty if nothing
   };
   using Receiver = std::function<void(const Answer&)>;
@@ -43,6 +44,10 @@ class BusObjects {
   /// Calls a method without arguments.
   bool call(const std::string& path, const std::string& interface, const std::string& method,
             std::uint32_t timeoutMs, Receiver receiver);
+
+  /// Calls and follows from now on only the process of this unique name, instead of whoever serves
+  /// the endpoint: calls fail once it has left the bus.
+  void keepTo(const std::string& uniqueName);
 
   struct Signal {
     std::string interface;
