@@ -219,7 +219,7 @@ TEST_F(RemoteSystem, FailuresAreExplained) {
   };
   expect("nobody", "Permission denied (publickey)", "cannot log in to nobody@127.0.0.1:");
   expect("bare", "kovactl: not found", "no kovactl on bare@127.0.0.1:");
-  expect("lost", "no bus at unix:path=/nonexistent/bus: start it with \"sv start kova_bus\"",
+  expect("lost", "no bus at unix:path=/nonexistent/bus: \"sv status kova_bus\"",
          "cannot use the bus of lost@127.0.0.1:");
 }
 

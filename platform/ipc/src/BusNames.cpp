@@ -117,8 +117,10 @@ int PresentEndpoints::Question::onAnswer(sd_bus_message* answer, sd_bus_error*) 
   std::list<Question> done;
   done.splice(done.begin(), owner.questions_, self);
   int isPresent = 0;
-  if (sd_bus_message_is_method_error(answer, nullptr) == 0 &&
-      sd_bus_message_read(answer, "b", &isPresent) >= 0 && isPresent != 0) {
+  if (sd_bus_message_is_method_error(answer, SD_BUS_ERROR_NO_REPLY) > 0) {
+    owner.verify(endpoint);  // the bus drops answers, too, while the queue is full
+  } else if (sd_bus_message_is_method_error(answer, nullptr) == 0 &&
+             sd_bus_message_read(answer, "b", &isPresent) >= 0 && isPresent != 0) {
     owner.add(endpoint);
   }
   return 1;

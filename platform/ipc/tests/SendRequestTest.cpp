@@ -141,8 +141,10 @@ TEST_F(SendRequestTest, DestinationThatJoinedUnnoticedIsFound) {
   }
   ASSERT_GE(sd_bus_flush(stranger_.bus()), 0);
   joinOther();
-  const auto last = stranger_.start("test", "Unknown");
-  ASSERT_TRUE(until([&] { return last->arrived > 0; }));
+  Answer last;
+  do {  // the bus answers itself until there is room
+    last = call(Variant(Variant::Map{{"functionName", "Unknown"}}));
+  } while (last.error == SD_BUS_ERROR_LIMITS_EXCEEDED);
   ASSERT_FALSE(ipc_.isPresent("other"));
 
   BaseRequestMessage request = to("other");
