@@ -70,7 +70,7 @@ bool Persistence::reset() {
   KOVA_LOG(LOG_INFO, 0, "Reset to defaults");
   resetStamp_ = 0;
   // A pending save must not write the old configuration back.
-  cancel();  // kept: 110
+  cancel();                                  // kept: 110
   if (utils::sysExecSimple(kReboot) != 0) {  // kept: 102
     KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
   }
