@@ -1,5 +1,7 @@
 #include "Attack.h"
 
+#include <stdlib.h>
+
 #include <csignal>
 #include <cstdio>
 
@@ -23,6 +25,10 @@ std::string repeatCommand(const CampaignKind& kind, const Order& order) {
 }
 
 }  // namespace
+
+void keepLittleOfFreedMemory() {
+  setenv("ASAN_OPTIONS", "quarantine_size_mb=16", 1);
+}
 
 Attack::Attack(const CampaignKind& kind, Order order)
     : kind_(kind),

@@ -56,6 +56,10 @@ struct Report {
   std::vector<Finding> findings;
 };
 
+/// Has the address sanitizer of cameras that are booted later keep 16 MiB of what was freed: long
+/// enough to notice its use, and so little that memory which only grows is noticed, too.
+void keepLittleOfFreedMemory();
+
 /// What a campaign works with: its camera, its random numbers and its journal.
 class Attack {
  public:

@@ -35,6 +35,7 @@ testing::Matcher<Report> finds(const std::string& invariant) {
 }
 
 TEST(AttackSystem, SoundServerHasNoFindings) {
+  keepLittleOfFreedMemory();
   for (const char* campaign : {"requests", "servers"}) {
     CampaignKind kind = kindOf(campaign);
     kind.answerBound = seconds(20);  // the tests of a busy machine run beside this one

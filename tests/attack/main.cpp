@@ -1,6 +1,4 @@
 // kova_attack [SECONDS] [--seed N] [CAMPAIGN...]: see usage() and CONTRIBUTING.md.
-#include <stdlib.h>
-
 #include <algorithm>
 #include <charconv>
 #include <csignal>
@@ -14,9 +12,6 @@
 namespace kova::attack {
 namespace {
 
-// A camera's programs inherit them. What was freed is kept for long enough to notice its use, and
-// so little of it that memory which only grows is noticed, too.
-constexpr char kSanitizerOptions[] = "quarantine_size_mb=16";
 constexpr unsigned kDefaultSeconds = 60;
 
 struct Arguments {
@@ -130,7 +125,7 @@ int attack(const std::vector<std::string>& words) {
   }
   std::printf("./dev attack %u --seed %llu%s\n", arguments->seconds,
               static_cast<unsigned long long>(arguments->seed), chosen.c_str());
-  setenv("ASAN_OPTIONS", kSanitizerOptions, 1);
+  keepLittleOfFreedMemory();
   blockSignals();
   const std::vector<Report> reports = attackAll(*arguments);
   const std::size_t found = show(reports);
