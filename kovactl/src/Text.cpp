@@ -172,7 +172,7 @@ std::string unfold(std::string& line, std::size_t columns) {
   if (start == 0 || column == line.npos || column <= columns / 2 || line.size() <= columns) {
     return "";
   }
-  const std::string first = line.substr(0, gap) + "\n";
+  std::string first = line.substr(0, gap) + "\n";
   line.replace(0, column, start + 4, ' ');
   return first;
 }
