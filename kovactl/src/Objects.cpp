@@ -12,8 +12,8 @@
 namespace kova::ctl {
 namespace {
 
-// Whether the bus library has answered because the connection ended.
-bool isLoss(const Objects::Answer& answer) {
+// Whether the bus library has answered itself: after a time-out, or because the connection ended.
+bool isMadeUp(const Objects::Answer& answer) {
   return answer.sender.empty() && !answer.error.empty();
 }
 
@@ -35,16 +35,17 @@ ExitStatus Objects::await(const Start& start, Answer& answer, bool patient) {
   if (!start([received](const Answer& arrived) { *received = arrived; })) {
     return fail(ExitStatus::Unreachable, "cannot ask the camera");
   }
-  // A time-out arrives as an answer.
-  while (!received->has_value()) {
+  bool connected = true;
+  while (!received->has_value() && connected) {
     if (!patient && stopRequested()) {
       return stopStatus();
     }
-    if (!bus_.Service(kSliceMs) && (!received->has_value() || isLoss(**received))) {
-      return !patient && stopRequested()
-                 ? stopStatus()
-                 : fail(ExitStatus::Unreachable, "the connection to the bus was lost");
-    }
+    connected = bus_.Service(kSliceMs);
+  }
+  if (!received->has_value() || (isMadeUp(**received) && !bus_.Service(0))) {
+    return !patient && stopRequested()
+               ? stopStatus()
+               : fail(ExitStatus::Unreachable, "the connection to the bus was lost");
   }
   answer = received->value();
   return ExitStatus::Ok;
