@@ -1,5 +1,24 @@
 # The kinds of target of this project, each declared in one call.
 
+# kova_batches(<target> <option>)
+#
+# Compiles the files of a target together, if the option is on, in half the time: most of what a file costs are templates
+# that its neighbours need, too. What each file calls itself in the log stays its own.
+function(kova_batches name option)
+  set_target_properties(${name} PROPERTIES
+    UNITY_BUILD ${${option}} UNITY_BUILD_BATCH_SIZE 12 UNITY_BUILD_UNIQUE_ID KOVA_FILE
+    UNITY_BUILD_CODE_BEFORE_INCLUDE [[
+// NOLINTBEGIN
+#define KOVA_JOIN_(A, B) A##B
+#define KOVA_JOIN(A, B) KOVA_JOIN_(A, B)
+#define kLogIdentity KOVA_JOIN(kLogIdentity, KOVA_FILE)
+#define kLogUnit KOVA_JOIN(kLogUnit, KOVA_FILE)]]
+    UNITY_BUILD_CODE_AFTER_INCLUDE [[
+#undef kLogIdentity
+#undef kLogUnit
+// NOLINTEND]])
+endfunction()
+
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
 #
 # A static library whose public headers stand in the "include" folder beside its CMakeLists.txt.
@@ -9,6 +28,7 @@ function(kova_library name)
   target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include
                                      PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
+  kova_batches(${name} KOVA_BATCHES)
 endfunction()
 
 # kova_test_options(<target>)
@@ -23,14 +43,6 @@ function(kova_test_options name)
     target_compile_options(${name} PRIVATE -g0)
     target_link_options(${name} PRIVATE -Wl,--strip-debug)
   endif()
-endfunction()
-
-# kova_test_batches(<target>)
-#
-# Most of what compiling a test costs are templates that its neighbours need, too. The preset "debug" still compiles each
-# file on its own.
-function(kova_test_batches name)
-  set_target_properties(${name} PROPERTIES UNITY_BUILD ${KOVA_TEST_BATCHES} UNITY_BUILD_BATCH_SIZE 12)
 endfunction()
 
 # kova_test_headers(<name> HEADERS <header>... [DEPENDS <target>...])
@@ -62,7 +74,7 @@ function(kova_test name)
   kova_test_options(${name})
   list(LENGTH ARG_SOURCES files)
   if(files GREATER 1)
-    kova_test_batches(${name})
+    kova_batches(${name} KOVA_TEST_BATCHES)
   endif()
   if(NOT ARG_HEADERS)
     set(ARG_HEADERS kova_gtest_headers)

@@ -36,7 +36,9 @@ class CtlCommandsHandler : public ipc::BaseHandler {
   bool exitRequested() const { return exitFlag_; }
 
  private:
+  enum class AnswerPolicy;
   struct Call;
+  struct Outcome;
   struct Row;
   static const Row kRows[];
 

@@ -7,6 +7,9 @@ namespace kova::ctlserver {
 
 class BaseTransferTask;
 
+/// A response with this status or a higher one refuses the request.
+inline constexpr int kFirstHttpError = 400;
+
 /// One run of a task under one URI, with what its record will be told. A task that a later request
 /// takes over has several runs at once.
 struct TransferRun {

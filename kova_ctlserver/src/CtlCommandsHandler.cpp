@@ -17,13 +17,6 @@ using variant::Variant;
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
 
-enum class AnswerPolicy { Never, WhenExpected };
-
-struct Outcome {
-  bool succeeded;
-  bool responseExpected;
-};
-
 /// A delay above INT_MAX is a client's -1, "none", rather than weeks without service.
 int asDelay(std::uint32_t milliseconds) {
   return std::in_range<int>(milliseconds) ? static_cast<int>(milliseconds) : 0;
@@ -37,6 +30,13 @@ void logServiceAttempt(BaseRequestMessage& request, const char* verb, const std:
 }
 
 }  // namespace
+
+enum class CtlCommandsHandler::AnswerPolicy { Never, WhenExpected };
+
+struct CtlCommandsHandler::Outcome {
+  bool succeeded;
+  bool responseExpected;
+};
 
 /// One request while the table handles it.
 struct CtlCommandsHandler::Call {

@@ -20,7 +20,7 @@ using variant::Variant;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
-constexpr char kOperation[] = "updateSettings";  // kept: 15
+constexpr char kUpdateSettings[] = "updateSettings";  // kept: 15
 
 constexpr char kTimeZoneKey[] = "system.timezone";
 constexpr char kRegionKey[] = "system.region";
@@ -43,13 +43,13 @@ struct Update {
 };
 
 bool fail(const char* text, int line = __builtin_LINE()) {
-  KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "%s", text);
+  KOVA_LOG_LINE(line, kUpdateSettings, LOG_ERR, 0, "%s", text);
   return false;
 }
 
 bool reportRead(bool succeeded, const char* key, int line) {
   if (!succeeded) {
-    KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "Failed to get %s", key);
+    KOVA_LOG_LINE(line, kUpdateSettings, LOG_ERR, 0, "Failed to get %s", key);
   }
   return succeeded;
 }
@@ -79,7 +79,7 @@ template <typename Value>
 bool write(Update& update, const char* key, const Value& value, bool& changed,
            int line = __builtin_LINE()) {
   if (!update.store.set(key, value, &changed)) {
-    KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "Failed to set %s to %s", key,
+    KOVA_LOG_LINE(line, kUpdateSettings, LOG_ERR, 0, "Failed to set %s to %s", key,
                   asText(value).c_str());
     return false;
   }
@@ -157,7 +157,7 @@ bool writeRegion(Update& update, const std::string& region) {
   if (!isOlsonZone(region)) {
     return true;
   }
-  KOVA_LOG_IN(kOperation, LOG_INFO, 0, "Found Olson format: %s", region.c_str());
+  KOVA_LOG_IN(kUpdateSettings, LOG_INFO, 0, "Found Olson format: %s", region.c_str());
   return useTimeZone(region);
 }
 
@@ -172,7 +172,7 @@ bool updateRegion(Update& update) {
 }
 
 bool takesTimelapses(const variant::CameraInfo& cameraInfo) {
-  const auto sysid = cameraInfo.sysid(KOVA_LOG_ORIGIN(kOperation));
+  const auto sysid = cameraInfo.sysid(KOVA_LOG_ORIGIN(kUpdateSettings));
   return sysid == 42321 || sysid == 42324;  // kept: 79
 }
 
@@ -211,7 +211,7 @@ bool updateBootSound(Update& update) {  // kept: 85
   }
   const bool on = soundOnBoot->toBool();
   if (utils::sysExecSimple(kBootEnvironmentTool, kBootSoundVariable, on ? "1" : "0") != 0) {
-    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to set %s to %s", "soundOnBoot",
+    KOVA_LOG_IN(kUpdateSettings, LOG_ERR, 0, "Failed to set %s to %s", "soundOnBoot",
                 on ? "true" : "false");
     return false;
   }

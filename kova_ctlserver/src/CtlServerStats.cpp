@@ -14,12 +14,12 @@ using variant::Variant;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
-constexpr char kOperation[] = "readStats";  // kept: 15
+constexpr char kReadStats[] = "readStats";  // kept: 15
 
 /// Logs the failure of a reader, if `code` is one.
 bool succeeded(int code, const char* what, int line = __builtin_LINE()) {
   if (code != 0) {
-    KOVA_LOG_LINE(line, kOperation, LOG_ERR, 0, "Failed to read %s (%d)", what, code);
+    KOVA_LOG_LINE(line, kReadStats, LOG_ERR, 0, "Failed to read %s (%d)", what, code);
   }
   return code == 0;
 }
@@ -96,7 +96,7 @@ bool readUptime(Variant& reply) {
 bool readBattery(Variant& reply) {
   utils::BatteryInfo battery{};
   if (!utils::GetBatteryInfo(battery)) {
-    KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to read battery statistics");
+    KOVA_LOG_IN(kReadStats, LOG_ERR, 0, "Failed to read battery statistics");
     return false;
   }
   auto& section = reply["battery"];

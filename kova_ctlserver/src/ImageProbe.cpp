@@ -14,7 +14,7 @@ constexpr char kLogUnit[] = "ImageProbe";
 constexpr char kProbe[] = "/usr/libexec/kova_imageprobe";
 // Once its libraries are loaded, the probe limits its own processor time to 1 s. Loading them from
 // slow flash takes seconds; the bound is for a probe that blocks.
-constexpr unsigned kTimeoutMs = 10'000;
+constexpr unsigned kProbeTimeoutMs = 10'000;
 constexpr unsigned kCaptureKiB = 1;
 
 constexpr char kRead[] = "empty=%1d channels=%9d depth=%9d width=%9d height=%9d";
@@ -46,7 +46,7 @@ bool parse(const std::string& line, ImageFigures& figures) {
 ImageFigures probeImage(const std::string& path) {
   std::string out;
   std::string err;
-  const int status = utils::sysExec(kProbe, {path}, "", out, err, kTimeoutMs, 0, kCaptureKiB);
+  const int status = utils::sysExec(kProbe, {path}, "", out, err, kProbeTimeoutMs, 0, kCaptureKiB);
   ImageFigures figures;
   if (status != 0 || !parse(out, figures)) {
     KOVA_LOG(LOG_WARNING, 0, "Picture decoder gave no answer, path=%s, status=%d", path.c_str(),

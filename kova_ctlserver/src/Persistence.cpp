@@ -11,7 +11,7 @@ constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "Persistence";
 
 constexpr char kFlashTool[] = "/bin/cfgmtd";
-constexpr char kReboot[] = "/usr/bin/reboot";
+constexpr char kRebootTool[] = "/usr/bin/reboot";
 constexpr std::uint64_t kQuietMs = 5000;
 
 bool isDue(std::uint64_t stamp) {
@@ -70,8 +70,8 @@ bool Persistence::reset() {
   KOVA_LOG(LOG_INFO, 0, "Reset to defaults");
   resetStamp_ = 0;
   // A pending save must not write the old configuration back.
-  cancel();                                  // kept: 110
-  if (utils::sysExecSimple(kReboot) != 0) {  // kept: 102
+  cancel();                                      // kept: 110
+  if (utils::sysExecSimple(kRebootTool) != 0) {  // kept: 102
     KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
   }
   return true;

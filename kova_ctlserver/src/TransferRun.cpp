@@ -7,7 +7,6 @@
 namespace kova::ctlserver {
 namespace {
 
-constexpr int kFirstHttpError = 400;
 constexpr char kFailed[] = "TRANSFER_FAILED";
 
 unsigned long long asNumber(std::uint64_t number) {

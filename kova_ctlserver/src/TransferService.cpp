@@ -29,8 +29,6 @@ bool exceeds(const BaseTransferTask& task, unsigned long offset, long total) {
   return task.maxSz() != 0 && size > task.maxSz();                                    // kept: 54
 }
 
-constexpr int kFirstHttpError = 400;
-
 }  // namespace
 
 TransferService::TransferService() {

@@ -24,8 +24,8 @@ constexpr char kOnSuccess[] = "onSuccess";  // kept: 15
 constexpr char kImage[] = "/tmp/fwupdate.bin";
 constexpr char kChecker[] = "/bin/fwupdate.real";
 constexpr char kFlasher[] = "/bin/fwupdate";
-constexpr std::uint32_t kMaxSz = 52428800;
-constexpr std::uint32_t kTimeoutMs = 600000;
+constexpr std::uint32_t kFirmwareMaxSz = 52428800;
+constexpr std::uint32_t kFirmwareTimeoutMs = 600000;
 constexpr std::uint32_t kTimeoutMsWhenNotGiven = 1800000;
 constexpr unsigned kCheckerOutputKiB = 128;
 constexpr char kCheckFailed[] = "FW_CHECK_FAILED";
@@ -47,8 +47,8 @@ TransferTaskFirmware::TransferTaskFirmware() {
   setName("fw");
   setKind(true);
   setPath(kImage);
-  setMaxSz(kMaxSz);
-  setTimeout(kTimeoutMs);  // kept: 55
+  setMaxSz(kFirmwareMaxSz);
+  setTimeout(kFirmwareTimeoutMs);  // kept: 55
 }
 
 bool TransferTaskFirmware::onCheck() {

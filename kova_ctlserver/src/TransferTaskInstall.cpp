@@ -19,7 +19,7 @@ namespace kova::ctlserver {
 namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
-constexpr std::uint32_t kTimeoutMs = 20000;
+constexpr std::uint32_t kInstallTimeoutMs = 20000;
 constexpr std::size_t kMostDigestBytes = 64;  // of what a request may give as one
 
 bool writeText(const char* path, const std::string& text) {
@@ -48,7 +48,7 @@ TransferTaskInstall::TransferTaskInstall(const Kind& kind, Persistence& persiste
   setName(kind.name);
   setKind(true);
   setPath(kind.download);
-  setTimeout(kTimeoutMs);
+  setTimeout(kInstallTimeoutMs);
   setMaxSz(kind.maxSz);
 }
 

@@ -17,8 +17,8 @@ constexpr char kLogUnit[] = "TransferTaskSupport";
 
 constexpr char kGenerator[] = "/bin/support";
 constexpr char kArchive[] = "/tmp/supportinfo.tar";
-constexpr std::uint32_t kTimeoutMs = 90000;
-constexpr std::uint32_t kMaxSz = 10485760;
+constexpr std::uint32_t kSupportTimeoutMs = 90000;
+constexpr std::uint32_t kSupportMaxSz = 10485760;
 
 }  // namespace
 
@@ -26,8 +26,8 @@ TransferTaskSupport::TransferTaskSupport() {
   setName("support");
   setKind(false);
   setPath("");
-  setTimeout(kTimeoutMs);
-  setMaxSz(kMaxSz);
+  setTimeout(kSupportTimeoutMs);
+  setMaxSz(kSupportMaxSz);
 }
 
 bool TransferTaskSupport::onCheck() {

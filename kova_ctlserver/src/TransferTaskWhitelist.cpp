@@ -9,13 +9,13 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "TransferTaskWhitelist";
-constexpr std::uint32_t kTimeoutMs = 20000;
+constexpr std::uint32_t kWhitelistTimeoutMs = 20000;
 
 }  // namespace
 
 TransferTaskWhitelist::TransferTaskWhitelist() {
   setKind(false);
-  setTimeout(kTimeoutMs);
+  setTimeout(kWhitelistTimeoutMs);
 }
 
 TransferTaskWhitelist& TransferTaskWhitelist::setPrefix(const std::string& prefix) {

@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "md5sum";
-constexpr char kOperation[] = "md5sum";  // kept: 15
+constexpr char kMd5sum[] = "md5sum";  // kept: 15
 constexpr std::uint64_t kChunk = 16384;
 
 bool digestContent(const std::string& path, utils::File& file, MD5_CTX& context) {
@@ -25,12 +25,12 @@ bool digestContent(const std::string& path, utils::File& file, MD5_CTX& context)
   while (!file.IsEOF()) {
     const std::uint64_t before = file.Cursor();
     if (!file.ReadBuffer(buffer.data(), std::min(file.Size() - before, kChunk))) {
-      KOVA_LOG_IN(kOperation, LOG_ERR, errno, "Failed to read from %s", path.c_str());
+      KOVA_LOG_IN(kMd5sum, LOG_ERR, errno, "Failed to read from %s", path.c_str());
       return false;
     }
     const std::uint64_t count = file.Cursor() - before;
     if (MD5_Update(&context, buffer.data(), count) != 1) {
-      KOVA_LOG_IN(kOperation, LOG_ERR, 0, "Failed to compute md5 of %s at cursor %d, sz=%d",
+      KOVA_LOG_IN(kMd5sum, LOG_ERR, 0, "Failed to compute md5 of %s at cursor %d, sz=%d",
                   path.c_str(), static_cast<int>(before), static_cast<int>(count));
       return false;
     }

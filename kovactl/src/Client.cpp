@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
 
-constexpr unsigned kSliceMs = 100;  // the delay until a stop signal is noticed
+constexpr unsigned kServiceSliceMs = 100;  // the delay until a stop signal is noticed
 
 // Whether the error means that the receiver or the bus went away before it answered.
 bool isVanishing(const std::string& error) {
@@ -218,7 +218,7 @@ ExitStatus Client::serve(const std::function<bool()>& done, std::uint32_t timeou
     if (left <= 0) {
       return ExitStatus::NoAnswer;
     }
-    lost_ = !ipc_.Service(left < kSliceMs ? static_cast<unsigned>(left) : kSliceMs);
+    lost_ = !ipc_.Service(left < kServiceSliceMs ? static_cast<unsigned>(left) : kServiceSliceMs);
     if (lost_ && !done()) {
       return stopRequested() ? stopStatus() : ExitStatus::Unreachable;
     }

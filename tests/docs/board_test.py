@@ -30,7 +30,7 @@ WORDS_LEFT_OUT = re.compile(r"curl_\w+")
 FILES_LEFT_OUT = ("WirelessKeys.cpp",)
 SETTING = re.compile(r"[a-z]+(?:\.[a-z0-9]+)+")
 DESCRIPTION_KEY = re.compile(r'\b(?:Required|optionalValue|Find)\((?:\w+, )?"(\w+)"')
-NEEDED = re.compile(r"\bkNeeded\{([^}]*)\}")
+NEEDED = re.compile(r"\bkNeeded(?:Units)?\{([^}]*)\}")
 # Services, tools and configuration that are installed with the daemon.
 INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/systemd/*.service",
              "packaging/dbus/*.conf", "packaging/kova_*")  # fmt: skip

@@ -23,7 +23,7 @@ constexpr const char* kFooter =
     "  kovactl call ChangeDeviceSettings name=Porch soundOnBoot:=true\n"
     "  kovactl call PlayState name=WIFI_SUCCESS --to kova_sounds_leds --no-reply\n";
 
-struct Arguments {
+struct CallArguments {
   std::string function;
   std::vector<std::string> fields;
   std::string to = kServer;
@@ -31,7 +31,7 @@ struct Arguments {
   bool noReply = false;
 };
 
-bool build(const Arguments& arguments, BaseRequestMessage& request, std::string& error) {
+bool build(const CallArguments& arguments, BaseRequestMessage& request, std::string& error) {
   request["functionName"] = arguments.function;
   request["to"] = arguments.to;
   if (!arguments.from.empty()) {
@@ -40,7 +40,7 @@ bool build(const Arguments& arguments, BaseRequestMessage& request, std::string&
   return parseAssignments(arguments.fields, request, error);
 }
 
-bool wantsAnswer(const Arguments& arguments, BaseRequestMessage& request) {
+bool wantsAnswer(const CallArguments& arguments, BaseRequestMessage& request) {
   const bool declined = request.find("responseExpected") != nullptr && !request.responseExpected();
   return !arguments.noReply && !declined && !request.isBroadcast();
 }
@@ -64,7 +64,7 @@ std::string suggestFunction(const std::string& function) {
   return meant.empty() || meant == function ? "" : "did you mean " + meant + "?";
 }
 
-ExitStatus run(const Options& options, const Arguments& arguments) {
+ExitStatus run(const Options& options, const CallArguments& arguments) {
   BaseRequestMessage request;
   std::string error;
   if (!build(arguments, request, error)) {
@@ -93,7 +93,7 @@ ExitStatus run(const Options& options, const Arguments& arguments) {
 }  // namespace
 
 Action setUpCall(CommandLine& line) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<CallArguments>();
   line.argument("FUNCTION", arguments->function, "Function name, for example GetSystemStats");
   line.arguments("FIELD", arguments->fields, "Fields of the request: key=text or key:=JSON");
   line.option("--to", arguments->to, "ENDPOINT", "Destination of the request (kova_ctlserver)");

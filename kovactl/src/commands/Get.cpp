@@ -30,7 +30,7 @@ constexpr std::array<Kind, 4> kKinds{{
     {"event-heatmap", "eventHeatmap", "heatmap_", ".png"},
 }};
 
-struct Arguments {
+struct GetArguments {
   std::string what;
   std::string uri;
   std::string filename;
@@ -68,7 +68,7 @@ bool areTexts(const std::vector<std::string>& fields) {
   });
 }
 
-bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::string& error) {
+bool build(const GetArguments& arguments, ipc::messages::GetRequest& request, std::string& error) {
   const auto kind = std::ranges::find(kKinds, arguments.what, &Kind::typed);
   error = nameFault(*kind, arguments.filename);
   if (!error.empty()) {
@@ -93,7 +93,7 @@ bool build(const Arguments& arguments, ipc::messages::GetRequest& request, std::
   return true;
 }
 
-ExitStatus run(const Options& options, const Arguments& arguments,
+ExitStatus run(const Options& options, const GetArguments& arguments,
                const TransferOptions& transfer) {
   ipc::messages::GetRequest request;
   std::string error;
@@ -108,7 +108,7 @@ ExitStatus run(const Options& options, const Arguments& arguments,
 }  // namespace
 
 Action setUpGet(CommandLine& line) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<GetArguments>();
   line.argument("WHAT", arguments->what,
                 "snapshot, support (an archive for the support team), event-snapshot, or "
                 "event-heatmap (a picture of the motion in an event)",

@@ -196,14 +196,14 @@ void appendDevice(std::string& text, const Device& device) {
 using Counts = std::map<std::pair<std::string, std::string>, unsigned>;
 
 // An idle camera has series, too.
-constexpr std::array kKinds{"firmware",      "logo",         "sound",      "snapshot",
-                            "eventSnapshot", "eventHeatmap", "supportInfo"};
+constexpr std::array kTransferKinds{"firmware",      "logo",         "sound",      "snapshot",
+                                    "eventSnapshot", "eventHeatmap", "supportInfo"};
 constexpr std::array kPhases{"preparing", "transferring", "finalising"};
 
 // Gauges: the camera forgets transfers.
 void appendTransfers(std::string& text, const std::vector<TransferRecord>& transfers) {
   Counts active;
-  for (const char* kind : kKinds) {
+  for (const char* kind : kTransferKinds) {
     for (const char* phase : kPhases) {
       active[{kind, phase}] = 0;
     }

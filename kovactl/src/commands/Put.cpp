@@ -21,7 +21,7 @@ constexpr const char* kPutSilence =
 constexpr const char* kFirmwareSilence =
     "flashing succeeded, is in progress, or was refused; see the camera's log";
 
-struct Arguments {
+struct PutArguments {
   std::string what;
   std::string uri;
   std::string hash;
@@ -56,7 +56,7 @@ bool takeDigest(std::string& hash) {
   return hash.size() == 32 && hash.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
-ExitStatus run(const Options& options, Arguments arguments, const TransferOptions& transfer) {
+ExitStatus run(const Options& options, PutArguments arguments, const TransferOptions& transfer) {
   if (arguments.hash.empty() == arguments.file.empty()) {
     return fail(ExitStatus::Usage, arguments.file.empty()
                                        ? "put needs --file LOCAL, a copy of the file, or --hash MD5"
@@ -85,7 +85,7 @@ ExitStatus run(const Options& options, Arguments arguments, const TransferOption
 }  // namespace
 
 Action setUpPut(CommandLine& line) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<PutArguments>();
   line.argument("WHAT", arguments->what,
                 "logo (a picture of at most 1024 by 1024 pixels and 128 KiB) or sound (WAV, PCM, "
                 "one channel, 11025 Hz, at most 256 KiB)",

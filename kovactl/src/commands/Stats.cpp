@@ -132,7 +132,7 @@ namespace {
 
 using Sections = std::vector<const StatsSection*>;
 
-struct Arguments {
+struct StatsArguments {
   std::vector<std::string> sections;
   std::optional<std::string> watch;  ///< interval; "" for the default
 };
@@ -234,7 +234,7 @@ bool takeInterval(const std::string& interval, std::vector<std::string>& names,
   return true;
 }
 
-ExitStatus run(const Options& options, const Arguments& arguments) {
+ExitStatus run(const Options& options, const StatsArguments& arguments) {
   std::uint32_t intervalMs = 2000;
   std::vector<std::string> names = arguments.sections;
   std::string error;
@@ -258,7 +258,7 @@ ExitStatus run(const Options& options, const Arguments& arguments) {
 }  // namespace
 
 Action setUpStats(CommandLine& line) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<StatsArguments>();
   line.arguments("SECTION", arguments->sections,
                  "Sections to show (all): " + alternatives(sectionNames()));
   line.optionalValue("--watch", arguments->watch, "[TIME]",

@@ -105,7 +105,7 @@ ExitStatus readPasswords(const PasswordSources& sources, Secret& oldPassword, Se
   return old != ExitStatus::Ok ? old : check("new", newPassword.text);
 }
 
-struct Arguments {
+struct PasswordArguments {
   std::string name;
   PasswordSources passwords;
 };
@@ -144,7 +144,7 @@ bool isAccountName(const std::string& name) {
          std::ranges::all_of(name, isAllowed);
 }
 
-ExitStatus changePassword(const Options& options, const Arguments& arguments) {
+ExitStatus changePassword(const Options& options, const PasswordArguments& arguments) {
   if (!arguments.name.empty() && !isAccountName(arguments.name)) {
     return fail(
         ExitStatus::Usage,
@@ -189,7 +189,7 @@ ExitStatus change(const Options& options, const char* done) {
   return requestFromServer(options, request, done);
 }
 
-CommandLine addPasswd(CommandLine& line, Arguments& arguments) {
+CommandLine addPasswd(CommandLine& line, PasswordArguments& arguments) {
   CommandLine passwd = line.subcommand("passwd", "Change the password, and the name with --name");
   passwd.option("--name", arguments.name, "NAME", "New name of the account (unchanged)");
   passwd.option("--old-file", arguments.passwords.oldFile, "FILE",
@@ -206,7 +206,7 @@ CommandLine addPasswd(CommandLine& line, Arguments& arguments) {
 }  // namespace
 
 Action setUpUser(CommandLine& line) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<PasswordArguments>();
   const CommandLine show = line.subcommand("show", "Print the account's name");
   const CommandLine passwd = addPasswd(line, *arguments);
   const CommandLine enable = line.subcommand("enable", "Unlock the account's password");

@@ -17,11 +17,6 @@ namespace {
 
 constexpr char kDriver[] = "org.freedesktop.DBus";
 constexpr char kDriverPath[] = "/org/freedesktop/DBus";
-constexpr int kMaxMessages = 128;
-
-std::string text(const char* maybe) {
-  return maybe != nullptr ? maybe : "";
-}
 
 }  // namespace
 
@@ -94,7 +89,7 @@ bool BusMonitor::Connection::becomeMonitor(std::string& error) {
 }
 
 std::string BusMonitor::Connection::readable(const char* busName) const {
-  const std::string name = text(busName);
+  const std::string name = orEmpty(busName);
   const auto known = std::ranges::find(owners_, name, &Owners::value_type::second);
   if (known != owners_.end()) {
     return known->first;
@@ -104,7 +99,7 @@ std::string BusMonitor::Connection::readable(const char* busName) const {
 }
 
 std::string BusMonitor::Connection::ownerOf(const char* busName) const {
-  const std::string name = text(busName);
+  const std::string name = orEmpty(busName);
   const auto owner = owners_.find(endpointOf(busName));
   return name.starts_with(':') ? name : owner != owners_.end() ? owner->second : "";
 }
@@ -118,7 +113,7 @@ void BusMonitor::Connection::seeOwnerChange(sd_bus_message* signal) {
   const char* before = nullptr;
   const char* after = nullptr;
   // A monitor also sees the signals that others forge and nobody else receives.
-  if (text(sd_bus_message_get_sender(signal)) != kDriver ||
+  if (orEmpty(sd_bus_message_get_sender(signal)) != kDriver ||
       sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) {
     return;
   }
@@ -144,7 +139,7 @@ bool BusMonitor::Connection::seeCall(sd_bus_message* call) {
     return false;
   }
   if (sd_bus_message_get_expect_reply(call) > 0) {
-    calls_.insert_or_assign({text(sd_bus_message_get_sender(call)), serial},
+    calls_.insert_or_assign({orEmpty(sd_bus_message_get_sender(call)), serial},
                             ownerOf(sd_bus_message_get_destination(call)));
   }
   return true;
@@ -155,8 +150,8 @@ bool BusMonitor::Connection::seeAnswer(sd_bus_message* answer) {
   if (sd_bus_message_get_reply_cookie(answer, &serial) < 0) {
     return false;
   }
-  const auto call = calls_.find({text(sd_bus_message_get_destination(answer)), serial});
-  if (call == calls_.end() || !mayAnswer(*call, text(sd_bus_message_get_sender(answer)))) {
+  const auto call = calls_.find({orEmpty(sd_bus_message_get_destination(answer)), serial});
+  if (call == calls_.end() || !mayAnswer(*call, orEmpty(sd_bus_message_get_sender(answer)))) {
     return false;
   }
   calls_.erase(call);
@@ -175,7 +170,7 @@ void BusMonitor::Connection::see(sd_bus_message* message, const Sink& sink) {
   } else if (seeAnswer(message)) {
     const sd_bus_error* error = sd_bus_message_get_error(message);
     seen.kind = error != nullptr ? SeenMessage::Kind::Error : SeenMessage::Kind::Answer;
-    seen.error = error != nullptr ? text(error->name) + ": " + text(error->message) : "";
+    seen.error = error != nullptr ? orEmpty(error->name) + ": " + orEmpty(error->message) : "";
   } else if (sd_bus_message_is_signal(message, kInterface, kBroadcast) > 0) {
     seen.kind = SeenMessage::Kind::Broadcast;
   } else {

@@ -11,22 +11,16 @@ namespace {
 
 using variant::Variant;
 
-constexpr int kMaxMessages = 128;
-
 constexpr char kManager[] = "org.freedesktop.DBus.ObjectManager";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr char kInvalidAnswer[] = "kova.Error.InvalidMessage";
 
-std::string text(const char* maybe) {
-  return maybe != nullptr ? maybe : "";
-}
-
 BusObjects::Answer answerOf(sd_bus_message* message) {
   BusObjects::Answer answer;
-  answer.sender = text(sd_bus_message_get_sender(message));
+  answer.sender = orEmpty(sd_bus_message_get_sender(message));
   if (const sd_bus_error* error = sd_bus_message_get_error(message); error != nullptr) {
-    answer.error = text(error->name);
-    answer.text = text(error->message);
+    answer.error = orEmpty(error->name);
+    answer.text = orEmpty(error->message);
   } else if (!wire::decodeAnswer(message, answer.value, answer.text)) {
     answer.error = kInvalidAnswer;
     answer.value.Free();
@@ -104,8 +98,8 @@ int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
   if (sd_bus_message_get_destination(message) != nullptr) {
     return 0;
   }
-  Signal signal{text(sd_bus_message_get_interface(message)),
-                text(sd_bus_message_get_member(message)), Variant::Array()};
+  Signal signal{orEmpty(sd_bus_message_get_interface(message)),
+                orEmpty(sd_bus_message_get_member(message)), Variant::Array()};
   wire::decodeArguments(message, signal.arguments);
   const auto changed = changed_;  // it may follow something else
   changed(signal);

@@ -14,9 +14,8 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ipc";
 constexpr char kLogUnit[] = "Connection";
 
-// Limits of one pass of Service(): enough for one message of every client, and short enough for the
-// caller to handle its signals in time however expensive the messages are.
-constexpr int kMaxMessages = 128;
+// A pass is short enough for the caller to handle its signals in time however expensive the
+// messages are.
 constexpr std::uint64_t kMaxPassMs = 40;
 // Answers that the bus has not accepted yet. Beyond this no requests are read, which slows senders
 // down and bounds the memory.

@@ -18,6 +18,14 @@ using utils::BusPtr;
 using utils::MessagePtr;
 using utils::SlotPtr;
 
+/// Messages handled in one pass of a Service(): enough for one of every client.
+inline constexpr int kMaxMessages = 128;
+
+/// What sd-bus returns as a string, which is null for a field that the message lacks.
+inline std::string orEmpty(const char* maybe) {
+  return maybe != nullptr ? maybe : "";
+}
+
 void logException(const char* where, const char* what) noexcept;
 
 /// Runs `function`; an exception is logged under `where` and becomes `failure`.

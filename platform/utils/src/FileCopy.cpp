@@ -11,7 +11,7 @@
 namespace kova::utils {
 namespace {
 
-constexpr std::size_t kChunk = std::size_t{64} * 1024;
+constexpr std::size_t kCopyChunk = std::size_t{64} * 1024;
 
 }  // namespace
 
@@ -40,7 +40,7 @@ bool copyFile(const char* from, const char* to) {
       !writer.Initialize(to, FILE_OPEN_MODE_TRUNCATE, 0)) {
     return false;
   }
-  std::array<unsigned char, kChunk> chunk;
+  std::array<unsigned char, kCopyChunk> chunk;
   while (!reader.IsEOF()) {
     const std::uint64_t length =
         std::min<std::uint64_t>(reader.Size() - reader.Cursor(), chunk.size());

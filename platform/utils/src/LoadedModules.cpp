@@ -31,9 +31,9 @@ const LoadedModules::Module* LoadedModules::find(std::uintptr_t address) const {
 }
 
 int LoadedModules::add(dl_phdr_info* info, std::size_t /*size*/, void* self) {
-  auto& modules = *static_cast<LoadedModules*>(self);
-  modules.addModule(*info);
-  return modules.count_ < modules.modules_.size() ? 0 : 1;
+  auto& loaded = *static_cast<LoadedModules*>(self);
+  loaded.addModule(*info);
+  return loaded.count_ < loaded.modules_.size() ? 0 : 1;
 }
 
 void LoadedModules::addModule(const dl_phdr_info& info) {

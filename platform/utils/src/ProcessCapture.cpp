@@ -22,7 +22,7 @@ namespace kova::utils {
 namespace {
 
 // Upper bound of the delay in noticing the child's exit if its pipes stay open.
-constexpr int kLongestStepMs = 16;
+constexpr int kLongestPauseMs = 16;
 
 /// Blocks SIGPIPE, which would kill this process if a child closes its standard input.
 class SigPipeBlock {
@@ -128,7 +128,7 @@ int attend(pid_t child, Feed& in, Capture& out, Capture& err, Watchdog& watchdog
     watchdog.check();
     notifyAlive();
     const bool busy = pump(in, out, err, watchdog.pollTimeout(step));
-    step = busy ? 1 : std::min(step * 2, kLongestStepMs);
+    step = busy ? 1 : std::min(step * 2, kLongestPauseMs);
   }
   out.drain();
   err.drain();

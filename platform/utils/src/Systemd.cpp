@@ -29,11 +29,11 @@ constexpr char kUnit[] = "org.freedesktop.systemd1.Unit";
 constexpr std::uint64_t kReserveMs = 1000;
 
 // Without these, no request could start them again, or nothing would be logged.
-constexpr std::array kNeeded{"kova-bus", "kova_ctlserver", "dbus",
-                             "syslog",   "syslogd",        "systemd-journald"};
+constexpr std::array kNeededUnits{"kova-bus", "kova_ctlserver", "dbus",
+                                  "syslog",   "syslogd",        "systemd-journald"};
 
-bool isNeeded(const std::string& unit) {
-  return std::any_of(kNeeded.begin(), kNeeded.end(),
+bool isNeededUnit(const std::string& unit) {
+  return std::any_of(kNeededUnits.begin(), kNeededUnits.end(),
                      [&unit](const std::string& needed) { return unit == needed + ".service"; });
 }
 
@@ -111,7 +111,7 @@ bool Systemd::startAtBoot() {
 bool Systemd::mayStop() {
   std::vector<std::string> names;
   if (!readNames(names)) return false;
-  if (!isNeeded(unit_) && std::none_of(names.begin(), names.end(), isNeeded)) return true;
+  if (!isNeededUnit(unit_) && std::none_of(names.begin(), names.end(), isNeededUnit)) return true;
   KOVA_LOG(LOG_ERR, 0, "Refused to stop %s: the camera cannot be managed without", unit_.c_str());
   return false;
 }
