@@ -308,7 +308,8 @@ std::size_t CurlContext::DataNeeded(void* ptr, std::size_t size, std::size_t nme
 }
 
 unsigned long CurlContext::HandleNeeded(unsigned char* buffer, unsigned long size) {
-  return owner_->FillUploadBuffer(uri_, buffer, size);
+  const unsigned long filled = owner_->FillUploadBuffer(uri_, buffer, size);
+  return filled <= size ? filled : CURL_READFUNC_ABORT;  // libcurl writes behind so many bytes
 }
 
 }  // namespace kova::ctlserver

@@ -53,14 +53,23 @@ TEST_F(BaseHttpTest, HandleThatCannotBeAddedIsNotRegistered) {
   EXPECT_THAT(http_.completions, IsEmpty());
 }
 
-TEST_F(BaseHttpTest, ImpossibleReadIsDiskFailure) {
+TEST_F(BaseHttpTest, FailedReadIsDiskFailure) {
+  RawServer server(answering(okResponse("")));
+  curlFaults().result = CURLE_READ_ERROR;
+  ASSERT_TRUE(http_.Init() && http_.start(server.uri(), false));
+  ASSERT_TRUE(finish());
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 2 200"));
+  EXPECT_THAT(logLines(), IsEmpty());
+}
+
+TEST_F(BaseHttpTest, ReadBeyondBufferEndsTransfer) {
   RawServer server(answering(okResponse("")));
   http_.upload = "file";
   http_.excess = 1;
   ASSERT_TRUE(http_.Init() && http_.start(server.uri(), false));
   ASSERT_TRUE(finish());
-  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 2 0"));
-  EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 1 0"));
+  EXPECT_THAT(logLines(), ElementsAre("4 basehttp.Service: Unexpected curl error: CURLcode = 42"));
 }
 
 TEST_F(BaseHttpTest, UnreachableServersAreFailures) {

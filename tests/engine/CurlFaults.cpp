@@ -92,6 +92,15 @@ CURLMcode __wrap_curl_multi_remove_handle(CURLM* multi, CURL* easy) {
   return fault != CURLM_OK ? fault : __real_curl_multi_remove_handle(multi, easy);
 }
 
+CURLMsg* __real_curl_multi_info_read(CURLM*, int*);
+CURLMsg* __wrap_curl_multi_info_read(CURLM* multi, int* left) {
+  CURLMsg* message = __real_curl_multi_info_read(multi, left);
+  if (message != nullptr) {
+    message->data.result = curlFaults().result.value_or(message->data.result);
+  }
+  return message;
+}
+
 // Every option has one argument, the size of a long.
 CURLcode __real_curl_easy_setopt(CURL*, CURLoption, ...);
 CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {

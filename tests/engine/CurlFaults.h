@@ -19,7 +19,8 @@ struct CurlFaults {
   CURLMcode perform = CURLM_OK;
   CURLMcode addHandle = CURLM_OK;
   CURLMcode removeHandle = CURLM_OK;
-  std::optional<CURLoption> option;       ///< setting it fails with CURLE_OUT_OF_MEMORY
+  std::optional<CURLcode> result;    ///< what every transfer that ends is said to have ended with
+  std::optional<CURLoption> option;  ///< setting it fails with CURLE_OUT_OF_MEMORY
   std::optional<unsigned> failingOption;  ///< and so does setting the option of this number
   unsigned optionsAsked = 0;
   std::optional<CURLINFO> info;     ///< asking for it fails with CURLE_UNKNOWN_OPTION
