@@ -182,7 +182,7 @@ TEST_F(Refusals, FolderOfOtherMachineCausesWarning) {
       HasSubstr("timezones reads /usr/share/zoneinfo of this machine, not of the camera at " +
                 bus_.address() + ": use --host\n"));
   EXPECT_THAT(run({"service", "list"}).err,
-              HasSubstr("service list reads /etc/sv of this machine"));
+              HasSubstr("service list reads the services of this machine"));
   EXPECT_THAT(run({"timezones", "--bus", "unix:path=/run/kova/bus"}).err,
               Not(HasSubstr("warning")));
 }

@@ -23,6 +23,12 @@ has_status() {
   grep -qE "$2" "/proc/$(main_pid "$1")/status"
 }
 
+# lists NAME STATE: whether "service list" shows it so.
+lists() {
+  kovactl service list >"$work/services"
+  grep -xE "$1 +$2" "$work/services" || { cat "$work/services" && false; }
+}
+
 starts() {
   expect "installed" apt install /packages/*.deb
   expect_not "it is not enabled" systemctl is-enabled "${UNITS[@]}"
@@ -92,9 +98,11 @@ serves_services() {
   systemctl daemon-reload
   expect "a service is started" kovactl service start lights
   expect "it is up, also after a reboot" is_up lights
+  expect "and is listed so" lists lights "run, started at boot"
   expect "it may be started again" kovactl service start lights
   expect "it is stopped" kovactl service stop lights
   expect "it is down, also after a reboot" is_down lights
+  expect "and is listed so" lists lights down
   expect "it may be stopped again" kovactl service stop lights
   expect "the log tells so" logged "kovactl tried to stop lights service and succeeded"
 }

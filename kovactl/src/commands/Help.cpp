@@ -2,9 +2,9 @@
 
 #include "../Client.h"
 #include "../Command.h"
+#include "../InstalledServices.h"
 #include "../Output.h"
 #include "../RequestFields.h"
-#include "Service.h"
 #include "Stats.h"
 #include "Timezones.h"
 

@@ -1,68 +1,34 @@
-#include "Service.h"
-
 #include <algorithm>
-#include <filesystem>
-#include <set>
 #include <string_view>
 #include <type_traits>
 
 #include "../BusDiagnosis.h"
 #include "../Client.h"
 #include "../Command.h"
+#include "../InstalledServices.h"
 #include "../Output.h"
 #include "../Remote.h"
 #include "../Suggestion.h"
 #include "../Text.h"
 #include "kova/messages/Requests.h"
-#include "kova/utils/Process.h"
 
 namespace kova::ctl {
 namespace {
 
-namespace fs = std::filesystem;
-
-// The folders of runit with the installed services and those started at boot.
-constexpr const char* kInstalled = "/etc/sv";
-constexpr const char* kStarted = "/etc/service";
-constexpr const char* kSv = "/usr/bin/sv";
-
-// "run", "down" or "unknown"; sv(8) requires root.
-std::string stateOf(const std::string& service, bool started) {
-  constexpr unsigned kPatienceMs = 2000;
-  std::string out;
-  std::string err;
-  utils::sysExec(kSv, {"status", kInstalled + ("/" + service)}, "", out, err, kPatienceMs, 0, 4);
-  std::string word = out.substr(0, out.find(':'));
-  if (word == "run" || word == "down") {
-    return word;
-  }
-  return started ? "unknown" : "down";
-}
-
 ExitStatus showList(const Options& options) {
-  warnOfLocal("service list", kInstalled);
-  const std::vector<std::string> services = installedServices();
-  if (services.empty()) {
-    return fail(ExitStatus::Local,
-                std::string("no services found in ") + kInstalled + ": run kovactl on the camera");
-  }
+  warnOfLocal("service list", "the services");
   variant::Variant all = variant::Variant::Array{};
   std::vector<Row> rows;
-  for (const std::string& name : services) {
-    std::error_code ignored;
-    const bool started = fs::exists(fs::path(kStarted) / name, ignored) &&
-                         !fs::exists(fs::path(kInstalled) / name / "down", ignored);
-    const std::string state = stateOf(name, started);
-    all.pushToArray(variant::Variant::Map{{"name", name}, {"state", state}, {"atBoot", started}});
-    rows.push_back({printable(name), state + (started ? ", started at boot" : "")});
+  for (const InstalledService& service : servicesWithStates()) {
+    const auto& [name, state, atBoot] = service;
+    all.pushToArray(variant::Variant::Map{{"name", name}, {"state", state}, {"atBoot", atBoot}});
+    rows.push_back({printable(name), state + (atBoot ? ", started at boot" : "")});
+  }
+  if (rows.empty()) {
+    return fail(ExitStatus::Local,
+                "no services found in /etc/sv, nor systemd: run kovactl on the camera");
   }
   return present(options, all, table(rows));
-}
-
-// The camera stops none that it is managed by.
-bool isNeeded(const std::string& service) {
-  constexpr std::string_view kNeeded[] = {"kova_bus", kServer, "syslogd"};
-  return std::ranges::find(kNeeded, service) != std::end(kNeeded);
 }
 
 std::string refusalOf(const std::string& service) {
@@ -92,19 +58,6 @@ ExitStatus control(const Options& options, const std::string& service, const cha
 
 }  // namespace
 
-std::vector<std::string> installedServices() {
-  std::set<std::string> names;
-  std::error_code error;
-  for (fs::directory_iterator entry(kInstalled, error); !error && entry != fs::directory_iterator();
-       entry.increment(error)) {
-    std::error_code ignored;
-    if (entry->is_directory(ignored)) {
-      names.insert(entry->path().filename().string());
-    }
-  }
-  return {names.begin(), names.end()};
-}
-
 Action setUpService(CommandLine& line) {
   auto service = std::make_shared<std::string>();
   const CommandLine list = line.subcommand("list", "List the services and their states");
@@ -114,8 +67,8 @@ Action setUpService(CommandLine& line) {
     sub->argument("NAME", *service, "Name of the service");
   }
   line.footer(
-      "The list shows the services in /etc/sv of the local machine, or of that of --host. The "
-      "states require root.");
+      "The list shows the services of the local machine, systemd's or those in /etc/sv, or those "
+      "of --host. With runit the states require root.");
   return [service, list, start](const Options& options) {
     using namespace ipc::messages;
     if (list.given()) {
