@@ -1,5 +1,6 @@
 #pragma once
 
+#include "UnitTest.h"
 namespace kova::ctlserver {
 
 /// The commands by which the daemon saves, erases and reboots.

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -10,7 +8,7 @@
 
 #include "../PrivateRoot.h"
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 #include "kova/utils/File.h"
 
 namespace kova::ctlserver {

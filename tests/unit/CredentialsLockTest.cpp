@@ -5,15 +5,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::LogLine;
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
-using variant::Variant;
-
 class LockTest : public CredentialsTest {
  protected:
   bool enable() {

@@ -6,14 +6,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
-using variant::Variant;
-
 TEST_F(CredentialsTest, RequestWithoutFieldsOnlyReadsName) {
   EXPECT_TRUE(change({}));
   EXPECT_EQ(reply_, Variant(Variant::Map{{"username", "admin"}}));

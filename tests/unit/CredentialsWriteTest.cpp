@@ -9,14 +9,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
-using variant::Variant;
-
 const Variant::Map kNewPassword{
     {"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", "fresh"}};
 const Variant::Map kNewNameAndPassword{

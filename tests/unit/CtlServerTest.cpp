@@ -9,14 +9,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::LogLine;
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using variant::Variant;
-
 class CtlServerTest : public testing::Test {
  protected:
   void SetUp() override {

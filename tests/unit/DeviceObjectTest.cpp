@@ -1,22 +1,16 @@
 #include "DeviceObject.h"
 
-#include <gmock/gmock.h>
-
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 #include "kova/ipc/Ipc.h"
 
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
 using ipc::Moment;
 using ipc::PropertyValue;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Pair;
 using testing::SizeIs;
-using variant::Variant;
 
 class DeviceObjectTest : public testing::Test {
  protected:

@@ -1,21 +1,15 @@
-#include <gmock/gmock.h>
 
 #include <set>
 
 #include "CtlCommandsHandler.h"
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 #include "kova/messages/Catalog.h"
 
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
 using testing::SizeIs;
-using testing::StartsWith;
-using variant::Variant;
 using Map = Variant::Map;
 
 /// Which operation a row of the table reaches shows in what that operation does to the platform.

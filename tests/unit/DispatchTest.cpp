@@ -8,12 +8,8 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using variant::Variant;
 using Map = Variant::Map;
 
 class DispatchTest : public testing::Test {

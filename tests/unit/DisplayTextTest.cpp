@@ -1,9 +1,8 @@
 #include "DisplayText.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 
+#include "UnitTest.h"
 #include "kova/utils/Utf8.h"
 
 namespace kova::ctlserver {

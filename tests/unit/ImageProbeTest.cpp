@@ -5,9 +5,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-
 ImageFigures probed(const fakes::ProcessResult& answer) {
   fakes::reset();
   platform().onRun = [answer](const std::string&) { return answer; };

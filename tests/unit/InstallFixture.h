@@ -7,6 +7,7 @@
 #include "TransferFixture.h"
 #include "TransferTaskSound.h"
 #include "TransferTaskUserLogo.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 

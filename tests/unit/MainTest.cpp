@@ -1,11 +1,10 @@
 #include <curl/curl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 
 #include <algorithm>
 
 #include "CtlCommandsHandler.h"
-#include "Platform.h"
+#include "UnitTest.h"
 #include "WirelessKeys.h"
 
 int kova_ctlserver_main();
@@ -28,10 +27,6 @@ CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd extra[], unsigned int
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using variant::Variant;
 using Map = Variant::Map;
 
 constexpr char kLogOpened[] = "openSystemLog ctl 1 128";  // LOG_PID, LOG_LOCAL0

@@ -39,9 +39,6 @@ int __wrap_MD5_Final(unsigned char* digest, MD5_CTX* context) {
 namespace kova::ctlserver {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 constexpr char kFile[] = "/tmp/file";
 
 std::string expected(const std::string& content) {

@@ -8,11 +8,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::LogLine;
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 class PersistenceTest : public testing::Test {
  protected:
   void SetUp() override { fakes::reset(); }

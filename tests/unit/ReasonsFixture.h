@@ -2,6 +2,7 @@
 
 #include "InstallFixture.h"
 #include "RoutingFixture.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 

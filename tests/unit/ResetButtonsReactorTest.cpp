@@ -1,7 +1,5 @@
 #include "ResetButtonsReactor.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include <climits>
@@ -9,17 +7,11 @@
 #include <utility>
 
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 #include "kova/messages/Events.h"
 
 namespace kova::ctlserver {
 namespace {
-
-using fakes::LogLine;
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr std::uint32_t kShortHoldModel = 0xa526;
 constexpr std::uint32_t kOtherModel = 0xa525;

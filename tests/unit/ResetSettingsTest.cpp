@@ -1,20 +1,10 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 namespace {
-
-using fakes::LogLine;
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::Not;
-using testing::StartsWith;
-using variant::Variant;
 
 class ResetSettingsTest : public testing::Test {
  protected:

@@ -7,10 +7,10 @@
 #include "CtlServer.h"
 #include "RawServer.h"
 #include "TransferFixture.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 
-using variant::Variant;
 using Fields = Variant::Map;
 
 inline constexpr char kContentDigest[] = "9a0364b9e99bb480dd25e1f0284c8555";  // of "content"

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 

@@ -3,14 +3,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using variant::Variant;
-
 // The time-lapse.
 
 class TimelapseModelTest : public SettingsTest,

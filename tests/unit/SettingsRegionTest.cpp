@@ -3,15 +3,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::LogLine;
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
-using variant::Variant;
-
 TEST_F(SettingsTest, AbsentRegionReadsAsEmpty) {
   platform().config.values.erase("system.region");
   EXPECT_TRUE(update({}));

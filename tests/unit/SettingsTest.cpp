@@ -3,14 +3,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
-using variant::Variant;
-
 TEST_F(SettingsTest, RequestWithoutFieldsReadsNameTimeZoneAndRegion) {
   EXPECT_TRUE(update({}));
   EXPECT_EQ(reply_,

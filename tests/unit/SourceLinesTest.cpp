@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -7,16 +6,14 @@
 #include "BaseTransferTask.h"
 #include "CtlCommandsHandler.h"
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 int kova_ctlserver_main();
 
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
 using testing::Gt;
-using variant::Variant;
 using Map = Variant::Map;
 
 /// Where several places report through one helper, a line tells of the place, not of the helper.

@@ -1,12 +1,11 @@
 #include <curl/curl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <syslog.h>
 
 #include <algorithm>
 
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 int kova_ctlserver_main();
 
@@ -40,14 +39,6 @@ CURLM* __wrap_curl_multi_init() {
 
 namespace kova::ctlserver {
 namespace {
-
-using fakes::LogLine;
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::Not;
-using testing::StartsWith;
-using variant::Variant;
 
 class StartFaultsTest : public testing::Test {
  protected:

@@ -1,18 +1,13 @@
-#include <gmock/gmock.h>
 
 #include <cstring>
 
 #include "CtlServer.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
 using ipc::messages::GetSystemStats;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using variant::Variant;
 using Map = Variant::Map;
 
 class StatsTest : public testing::Test {

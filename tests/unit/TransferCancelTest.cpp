@@ -5,10 +5,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using Cancel = TransferRecords::Cancel;
 
 using TransferCancelTest = TransferReasonsTest;

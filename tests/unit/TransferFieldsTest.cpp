@@ -3,10 +3,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 class TransferFieldsTest : public TransferRoutingTest {};
 
 TEST_F(TransferFieldsTest, EveryRequestOverwritesTimeOut) {

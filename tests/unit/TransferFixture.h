@@ -1,8 +1,5 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -11,7 +8,7 @@
 #include <vector>
 
 #include "../PrivateRoot.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 

@@ -1,19 +1,14 @@
 #include "TransferObjects.h"
 
-#include <gmock/gmock.h>
-
-#include "Platform.h"
 #include "TransferStatus.h"
+#include "UnitTest.h"
 #include "kova/ipc/Ipc.h"
 
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
 using fakes::Signal;
 using ipc::PropertyValue;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Key;
 using testing::Pair;
 using testing::SizeIs;

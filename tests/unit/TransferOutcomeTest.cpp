@@ -3,11 +3,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-
 class TransferOutcomeTest : public TransferRoutingTest {};
 
 TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsFormPayloadWithoutEvent) {

@@ -7,10 +7,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 TEST_F(TransferReasonsTest, EachKindHasItsFacts) {
   const struct {
     const char* kind;

@@ -1,6 +1,5 @@
 #include "TransferRecords.h"
 
-#include <gmock/gmock.h>
 #include <malloc.h>
 
 #include <set>
@@ -9,14 +8,11 @@
 
 #include "BaseTransferTask.h"
 #include "DisplayText.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Cancel = TransferRecords::Cancel;
 
 /// Writes down what it is told: "+N", "N PHASE TRANSFERRED/SIZE" and "-N".

@@ -3,10 +3,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 TEST_F(TransferRoutingTest, WordIgnoresCaseAndUnknownWordIsFirst) {
   write("/tmp/snap.jpeg", "picture");
   for (const char* what : {"Snapshot", "SNAPSHOT", "logo", "no such word", ""}) {

@@ -7,10 +7,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 constexpr char kImage[] = "/tmp/fwupdate.bin";
 constexpr char kCheck[] = "/bin/fwupdate.real -c";
 constexpr char kFlash[] = "/bin/fwupdate -m";

@@ -8,11 +8,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 /// How installing a good file can fail, and what tells that it was installed; of logos and sounds
 /// alike.
 template <typename Kind>

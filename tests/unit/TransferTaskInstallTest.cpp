@@ -7,10 +7,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 /// What holds of logos and sounds alike.
 template <typename Kind>
 class TransferTaskInstallTest : public InstallTest<Kind> {};

@@ -6,9 +6,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-
 class TransferTaskSoundTest : public InstallTest<SoundKind> {
  protected:
   /// Puts a sound under its right digest.

@@ -7,10 +7,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 constexpr char kArchive[] = "/tmp/supportinfo.tar";
 constexpr char kGenerate[] = "/bin/support /tmp/supportinfo.tar";
 

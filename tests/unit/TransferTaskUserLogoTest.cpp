@@ -5,10 +5,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::HasSubstr;
-
 class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
  protected:
   /// Puts the logo while the probe answers `answer`.

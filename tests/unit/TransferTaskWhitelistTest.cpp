@@ -5,10 +5,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using fakes::platform;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 constexpr char kPicture[] = "/tmp/motionsnap_7.jpg";
 
 class TransferTaskWhitelistTest : public TransferTest {
