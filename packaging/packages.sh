@@ -16,11 +16,12 @@ kova_packages() {
         ;;
       tests)
         # The libraries of sshd that others may not need: it is not installed itself, see ./dev.
-        printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3 python3-dbus fish openssh-client \
-          libpam0g libwrap0
+        printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3 python3-dbus fish openssh-client gpg \
+          gpg-agent libpam0g libwrap0
         ;;
       arm64)
-        printf '%s\n' g++-aarch64-linux-gnu qemu-user-static
+        # The emulator is not installed, since it would be registered with the kernel: see ./dev.
+        printf '%s\n' g++-aarch64-linux-gnu
         ;;
       machine)
         printf '%s\n' binutils busybox cpio e2fsprogs fakeroot fdisk kmod openssl python3 qemu-system-arm rauc \
@@ -38,7 +39,8 @@ kova_packages() {
         printf '%s\n' clang-format-14 clang-format clang-tidy-14 clang-tidy shellcheck
         ;;
       bench)
-        printf '%s\n' rauc systemd nginx-light curl iproute2 strace openssl util-linux
+        # The libraries of nginx: it is not installed itself, see ./dev.
+        printf '%s\n' rauc systemd curl iproute2 strace openssl util-linux libcrypt1 libpcre2-8-0 libssl3 zlib1g
         ;;
       package)
         printf '%s\n' binutils bubblewrap debhelper debian-archive-keyring dpkg-dev file lintian mandoc mmdebstrap \

@@ -27,8 +27,8 @@ list(TRANSFORM pkgconfig_folders PREPEND "${CMAKE_SYSROOT}/")
 list(JOIN pkgconfig_folders ":" pkgconfig_path)
 set(ENV{PKG_CONFIG_LIBDIR} "${pkgconfig_path}")
 
-# Tests run under user-mode QEMU.
-find_program(KOVA_QEMU qemu-aarch64-static)
+# Tests run under user-mode QEMU, installed or where ./dev unpacks it.
+find_program(KOVA_QEMU qemu-aarch64-static PATHS "${CMAKE_CURRENT_LIST_DIR}/../../build/qemu-user/usr/bin")
 if(KOVA_QEMU)
   set(CMAKE_CROSSCOMPILING_EMULATOR "${KOVA_QEMU};-L;${CMAKE_SYSROOT}")
 endif()

@@ -11,9 +11,14 @@ readonly libraries=$work/root
 # shellcheck source=packaging/tests/expect.sh
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
 
+download() { apt-get download libelogind0 libelogind-dev; }
+
+# The archive may have replaced the version that apt-get knows.
+update() { if [ "$(id -u)" -eq 0 ]; then apt-get update -qq; else sudo apt-get update -qq; fi; }
+
 fetch() {
   cd "$work"
-  compgen -G "libelogind0_*.deb" >/dev/null || apt-get download libelogind0 libelogind-dev
+  compgen -G "libelogind0_*.deb" >/dev/null || download || { update && download; } || return 1
   rm -rf "$libraries"
   local package
   for package in libelogind*.deb; do dpkg-deb -x "$package" "$libraries"; done
@@ -33,16 +38,25 @@ point_pkg_config() {
 build() {
   PKG_CONFIG_PATH=$pkg_config cmake --preset release -S "$source" -B "$build" -DKOVA_SDBUS=libelogind \
     -DBUILD_TESTING=OFF -DKOVA_IMAGEPROBE=OFF &&
-    cmake --build "$build" --target kovactl
+    cmake --build "$build" --target kovactl kova_ctlserver
 }
 
-# needs LIBRARY
-needs() { objdump -p "$build/kovactl/kovactl" | grep "NEEDED  *$1"; }
+# needs PROGRAM LIBRARY
+needs() { objdump -p "$build/$1/$1" | grep "NEEDED  *$2"; }
+
+# has_all PROGRAM: it is not run, since the daemon would administer this machine.
+has_all() {
+  LD_LIBRARY_PATH=$library ldd -r "$build/$1/$1" >"$work/libraries" 2>&1 && cat "$work/libraries" &&
+    ! grep -E "undefined symbol|not found" "$work/libraries"
+}
 
 expect "libelogind is there" fetch
 point_pkg_config
-expect "kovactl is built with it" build
-expect "it needs libelogind" needs libelogind
-expect_not "and no libsystemd" needs libsystemd
-expect "it runs" env LD_LIBRARY_PATH="$library" "$build/kovactl/kovactl" --version
+expect "the programs are built with it" build
+for program in kovactl kova_ctlserver; do
+  expect "$program needs libelogind" needs "$program" libelogind
+  expect_not "and no libsystemd" needs "$program" libsystemd
+  expect "which has all that it calls" has_all "$program"
+done
+expect "kovactl runs" env LD_LIBRARY_PATH="$library" "$build/kovactl/kovactl" --version
 report

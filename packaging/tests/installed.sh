@@ -60,3 +60,12 @@ comes_back_after_its_dependencies_changed() {
   expect "it is configured again" "$scripts.postinst" configure 0.1.0
   expect "and serves" eventually kovactl stats
 }
+
+# What an administrator has stopped, although it is enabled.
+stays_stopped_when_installed_again() {
+  expect "it is stopped by hand" daemon_service stop
+  expect "it is installed again" apt install --reinstall /packages/kova-ctlserver_*.deb
+  expect_not "and not started" kovactl stats
+  expect "it is started by hand" daemon_service start
+  expect "and serves" eventually kovactl stats
+}

@@ -75,12 +75,26 @@ expect "by a package of it" says "$crashes" "$report" "$work/test-dbgsym.deb"
 expect "in a log" says "$crashes" - "$debug" < <(as_log)
 expect_not "without the lines of others" grep -F /bin/other "$work/said"
 
+# Nothing of a report or of debugging information steers the terminal. The texts that are replaced are as long.
+shows() { "$@" && ! grep -q "$escape" "$work/said"; }
+readonly escape=$'\033'
+sed "s/(Segmentation fault)/(${escape}[2J)/" "$report" >"$work/hostile"
+sed "s,crash/main\.cpp,crash/${escape}[2J.cpp,g;s,readNowhere,read${escape}[2Jher,g" "$debug" >"$work/hostile.debug"
+expect "a hostile report shows as text" shows says "by signal 11 (?[2J)" "$work/hostile" "$debug"
+expect "so do hostile names" shows says "read?[2Jher" "$report" "$work/hostile.debug"
+expect "and hostile lines" grep -F "crash/?[2J.cpp:" "$work/said"
+sed "s/program+0x[0-9a-f]*$//;2,\$s/^.*\[0x/${escape}[2J\[0x/" "$report" >"$work/hostile"
+refuses "has no lines" "$work/hostile" "$debug"
+expect "so do hostile symbols" grep -F "0  ?[2J" "$work/out"
+expect_not "in no other way" grep "$escape" "$work/out"
+
 refuses "the build-id does not match: the report is of $id" "$report" "$(command -v dpkg)"
 refuses "of 0123456789abcdef" "$report" "$work/other-dbgsym.deb"
 refuses "has no lines for these addresses" "$report" "$work/stripped"
 printf '!<arch>\nnothing of the kind' >"$work/broken.deb"
 refuses "broken.deb cannot be unpacked" "$report" "$work/broken.deb"
 refuses "there is no file $work/missing" "$report" "$work/missing"
+refuses "there is no file $work/?[2J" "$report" "$work/${escape}[2J"
 sed "s/$id/0123456789abcdef0123/" "$report" >"$work/foreign"
 refuses "nothing here has the build-id 0123456789abcdef0123" "$work/foreign"
 refuses "the build-id does not match: the report is of 0123456789abcdef0123" "$work/foreign" "$debug"

@@ -12,6 +12,7 @@ work=/run/test
 . /packages-test/installed.sh
 
 daemon_pid() { busybox pidof kova_ctlserver; }
+daemon_service() { sv -w 30 "$1" /etc/sv/kova_ctlserver; }
 
 # What apt, dpkg and ldconfig remember of any package that was ever there is theirs; so are the copies that the tools of
 # passwd make before they change a file.
@@ -81,6 +82,13 @@ is_removed() {
   expect "the logo is still there" test -s /etc/persistent/user_logo
 }
 
+is_installed_after_it_was_removed() {
+  expect "it is installed again" apt install /packages/kova-ctlserver_*.deb
+  cp "$work/output" "$work/install.log"
+  expect "it says that it is not enabled" grep -q "^kova_ctlserver is installed, but not enabled" "$work/install.log"
+  expect_not "no daemon runs" daemon_pid
+}
+
 # The settings are the camera's, not the packages'.
 restore_settings() {
   cp "$work/system.cfg" /etc/system.cfg
@@ -115,9 +123,11 @@ main() {
   takes_logos
   comes_back_after_a_crash
   is_restarted_when_installed_again
+  stays_stopped_when_installed_again
   comes_back_after_its_dependencies_changed
   expect "in order" grep -q "kova_ctlserver: service ended: exit status 0" "$work/messages"
   is_removed
+  is_installed_after_it_was_removed
   is_purged
   report
 }

@@ -16,6 +16,7 @@ readonly UNITS=(kova-bus.service kova_ctlserver.service)
 
 main_pid() { systemctl show --value --property MainPID "$1"; }
 daemon_pid() { main_pid kova_ctlserver.service; }
+daemon_service() { systemctl "$1" kova_ctlserver.service; }
 
 # has_status UNIT PATTERN: whether a line of the process's status, see proc(5), matches.
 has_status() {
@@ -129,6 +130,11 @@ refuses_what_cannot_be() {
   refuses_services 'systemd StartUnit of shy.service failed' start shy
   refuses_services 'Refused to stop kova_ctlserver.service' stop kova_ctlserver
   refuses_services 'Refused to stop dbus.service' stop plumbing
+  ln -s debug-shell.service /usr/lib/systemd/system/backdoor.service
+  systemctl daemon-reload
+  refuses_services 'Refused to start systemd-poweroff.service' start systemd-poweroff
+  refuses_services 'Refused to start debug-shell.service' start backdoor
+  expect_not "it is not enabled either" systemctl is-enabled debug-shell
   expect "a service that does not heed its end is started" kovactl service start stubborn
   refuses_services 'systemd StopUnit of stubborn.service failed: it takes too long' stop stubborn
   systemctl kill --signal KILL stubborn
@@ -230,6 +236,7 @@ main() {
   survives_its_bus
   is_restarted_when_stopped
   is_restarted_when_installed_again
+  stays_stopped_when_installed_again
   comes_back_after_its_dependencies_changed
   stops
   is_purged

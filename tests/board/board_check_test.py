@@ -344,6 +344,22 @@ class Found(unittest.TestCase):
         with with_mode("/etc/sv/kova_ctlserver/run", 0o644):
             self.expect("wrong", "kova_ctlserver", "/etc/sv/kova_ctlserver/run is not executable")
 
+    def test_what_two_slots_need_is_missed_where_rauc_is_configured(self):
+        configuration = "/etc/rauc/system.conf"
+        rows = [row for row in ROWS if row.need == f"with {configuration}"]
+        self.assertGreater(len(rows), 5)
+        with contextlib.ExitStack() as stack:
+            folder = stack.enter_context(replaced("/etc/rauc"))
+            folder.mkdir()
+            paths = [stack.enter_context(replaced(name)) for row in rows for name in row.names]
+            self.assertEqual(look(), [])
+            (folder / "system.conf").write_text("[system]\n")
+            self.assertEqual(look(), [f"missing {row.name}: {row.todo}" for row in rows])
+            for path in paths:
+                path.write_text("#!/bin/sh\n")
+                path.chmod(0o644 if path.parent == image / "etc" else 0o755)
+            self.assertEqual(look(), [])
+
     def test_unit_of_systemd_is_a_service(self):
         with replaced("/etc/sv/kova_bus"), replaced("/usr/lib") as lib:
             (lib / "systemd/system").mkdir(parents=True)

@@ -19,6 +19,7 @@ KINDS = {
     "Service folders": "path",
     "Files that come and go": "path",
     "Kernel and log": "path",
+    "Two system slots": "path",
     "Boot variables": "variable",
     "Environment": "environment",
     "Signals": "signal",

@@ -33,7 +33,9 @@ DESCRIPTION_KEY = re.compile(r'\b(?:Required|optionalValue|Find)\((?:\w+, )?"(\w
 NEEDED = re.compile(r"\bkNeeded(?:Units)?\{([^}]*)\}")
 # Services, tools and configuration that are installed with the daemon.
 INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/systemd/*.service",
-             "packaging/dbus/*.conf", "packaging/kova_*")  # fmt: skip
+             "packaging/dbus/*.conf", "packaging/kova_*", "camera/adapters/rauc/fwupdate*",
+             "camera/adapters/rauc/mark_good", "camera/adapters/rauc/bus.conf",
+             "camera/adapters/rauc/*.service")  # fmt: skip
 INSTALLED_COMMENT = re.compile(r"^\s*#[^\n]*$|<!.*?>\n", re.MULTILINE | re.DOTALL)
 ENVIRONMENT = re.compile(r"KOVA_[A-Z_]+")
 ENVIRONMENT_CALL = re.compile(r'\b(?:getenv|setenv|unsetenv)\("(\w+)"')

@@ -13,6 +13,7 @@
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/ServiceManager.h"
+#include "kova/utils/Strings.h"
 
 namespace kova::utils {
 namespace {
@@ -37,6 +38,14 @@ bool isNeededUnit(const std::string& unit) {
                      [&unit](const std::string& needed) { return unit == needed + ".service"; });
 }
 
+// What ends the system or opens it to whoever stands before it, by how its name begins.
+constexpr std::array kSystemUnits{"systemd-", "initrd-", "debug-shell.", "emergency.", "rescue."};
+
+bool isSystemUnit(const std::string& unit) {
+  return std::any_of(kSystemUnits.begin(), kSystemUnits.end(),
+                     [&unit](const std::string& begin) { return startsWith(unit, begin); });
+}
+
 std::uint64_t timeLeftMs(std::uint64_t deadlineMs) {
   return deadlineMs - std::min(nowMs(), deadlineMs);
 }
@@ -52,7 +61,7 @@ Systemd::Systemd(std::string address, std::uint64_t deadlineMs)
     : address_(std::move(address)), deadlineMs_(deadlineMs) {}
 
 bool Systemd::enable(const std::string& name) {
-  return find(name) && startAtBoot() && call("Reload", "") &&
+  return find(name) && mayStart() && startAtBoot() && call("Reload", "") &&
          call("StartUnit", "ss", unit_.c_str(), "replace") && awaitJob("StartUnit") && staysUp();
 }
 
@@ -108,12 +117,26 @@ bool Systemd::startAtBoot() {
   return true;
 }
 
+bool Systemd::mayStart() {
+  std::vector<std::string> names;
+  return readNames(names) && !refusesSystemUnit("start", names);
+}
+
 bool Systemd::mayStop() {
   std::vector<std::string> names;
   if (!readNames(names)) return false;
-  if (!isNeededUnit(unit_) && std::none_of(names.begin(), names.end(), isNeededUnit)) return true;
+  if (!isNeededUnit(unit_) && std::none_of(names.begin(), names.end(), isNeededUnit)) {
+    return !refusesSystemUnit("stop", names);
+  }
   KOVA_LOG(LOG_ERR, 0, "Refused to stop %s: the camera cannot be managed without", unit_.c_str());
   return false;
+}
+
+/// They are not stopped either, since no request could start them again.
+bool Systemd::refusesSystemUnit(const char* verb, const std::vector<std::string>& names) const {
+  if (!isSystemUnit(unit_) && std::none_of(names.begin(), names.end(), isSystemUnit)) return false;
+  KOVA_LOG(LOG_ERR, 0, "Refused to %s %s: it belongs to the system itself", verb, unit_.c_str());
+  return true;
 }
 
 /// Waits until systemd has done what the method asked for, well or not.

@@ -30,7 +30,9 @@ class Systemd {
   bool find(const std::string& name);
   bool load();
   bool startAtBoot();
+  bool mayStart();
   bool mayStop();
+  bool refusesSystemUnit(const char* verb, const std::vector<std::string>& names) const;
   bool awaitJob(const char* method);
   bool staysUp();
   bool isDown();

@@ -155,11 +155,11 @@ using Calls = std::vector<std::string>;
 
 TEST_F(SystemdTest, ServiceIsEnabledAndStarted) {
   EXPECT_TRUE(enable());
-  EXPECT_EQ(
-      systemd_.calls,
-      (Calls{"LoadUnit lights.service", "LoadState", "Id", "EnableUnitFiles lights.service",
-             "Reload", "StartUnit lights.service", "Job", "ActiveState",
-             "ActiveEnterTimestampMonotonic", "ActiveState", "ActiveEnterTimestampMonotonic"}));
+  EXPECT_EQ(systemd_.calls,
+            (Calls{"LoadUnit lights.service", "LoadState", "Id", "Names",
+                   "EnableUnitFiles lights.service", "Reload", "StartUnit lights.service", "Job",
+                   "ActiveState", "ActiveEnterTimestampMonotonic", "ActiveState",
+                   "ActiveEnterTimestampMonotonic"}));
   EXPECT_TRUE(tests::records.empty());
 }
 
@@ -176,7 +176,7 @@ TEST_F(SystemdTest, UnitWithoutInstallSectionIsStartedAndLogged) {
   systemd_.answers["EnableUnitFiles"] = returns("ba(sss)", 0, 0);
   EXPECT_TRUE(enable());
   expectLine("lights.service has no [Install] section");
-  EXPECT_EQ(systemd_.calls[5], "StartUnit lights.service");
+  EXPECT_EQ(systemd_.calls[6], "StartUnit lights.service");
 }
 
 TEST_F(SystemdTest, JobIsAwaited) {
@@ -211,6 +211,34 @@ TEST_F(SystemdTest, EssentialServiceIsNotStoppedByOtherName) {
   systemd_.answers["Names"] = returns("v", "as", 2, "lights.service", "dbus.service");
   EXPECT_FALSE(disable());
   expectLine("Refused to stop lights.service: the camera cannot be managed without");
+  EXPECT_TRUE(enable());
+}
+
+TEST_F(SystemdTest, SystemUnitIsNeitherStartedNorStopped) {
+  for (const char* unit :
+       {"systemd-poweroff.service", "systemd-fsck@dev-sda.service", "initrd-switch-root.service",
+        "debug-shell.service", "emergency.service", "rescue.service"}) {
+    systemd_.answers["Id"] = returns("v", "s", unit);
+    systemd_.answers["Names"] = returns("v", "as", 1, unit);
+    for (const bool isStart : {true, false}) {
+      tests::records.clear();
+      EXPECT_FALSE(isStart ? enable() : disable()) << unit;
+      expectLine(std::string("Refused to ") + (isStart ? "start " : "stop ") + unit +
+                 ": it belongs to the system itself");
+      EXPECT_EQ(systemd_.calls.back(), "Names");
+    }
+  }
+}
+
+TEST_F(SystemdTest, SystemUnitIsNotStartedByOtherName) {
+  systemd_.answers["Names"] = returns("v", "as", 2, "lights.service", "debug-shell.service");
+  EXPECT_FALSE(enable());
+  expectLine("Refused to start lights.service: it belongs to the system itself");
+}
+
+TEST_F(SystemdTest, UnitOfBoardMayResembleSystemUnit) {
+  systemd_.answers["Id"] = returns("v", "s", "rescued.service");
+  systemd_.answers["Names"] = returns("v", "as", 1, "rescued.service");
   EXPECT_TRUE(enable());
 }
 
