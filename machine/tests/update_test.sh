@@ -174,6 +174,24 @@ falls_back_from_what_does_not_serve() {
   expect "and starts without a watchdog" start_machine
 }
 
+is_first() { [ "$(variable BOOT_ORDER)" = "$1 ${OTHER[$1]}" ]; }
+
+# Its kernel and initrd are read, and the kernel finds more blocks in its file system than its slot has.
+falls_back_from_what_does_not_mount() {
+  make_slot 5.0.0
+  PATH=$PATH:/usr/sbin:/sbin debugfs -w -R "set_super_value blocks_count 1000000" "$work/5.0.0.ext4" 2>/dev/null
+  make_bundle unmountable 5.0.0 signer
+  falls_back "does not mount" unmountable 0
+  expect "because of that" grep -q "init: the firmware cannot be mounted" "$one/console.log"
+  expect "and is no longer first in the boot order" eventually is_first "$(running_slot)"
+}
+
+# Else RAUC, the daemon and mark_good could undo each other's changes.
+locks_the_boot_loaders_variables() {
+  expect "whoever uses the boot loader's variables waits for the lock" \
+    inside sh -c 'exec 9>/var/lock/fw_printenv.lock && flock 9 && ! timeout 2 fw_printenv 9>&-'
+}
+
 # --- power cuts -----------------------------------------------------------------------------------------------------
 
 is_written() { [ "$slots" -nt "$work/begin" ]; }
@@ -246,6 +264,6 @@ survives_cuts_while_it_installs() {
 }
 
 [ $# -gt 0 ] || set -- makes_systems_and_bundles starts_from_its_factorys_slot refuses_what_it_must \
-  installs_a_good_bundle \
+  installs_a_good_bundle locks_the_boot_loaders_variables falls_back_from_what_does_not_mount \
   falls_back_from_panics falls_back_from_what_does_not_serve survives_cuts_while_it_installs
 run_parts "$@"
