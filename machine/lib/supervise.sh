@@ -34,6 +34,19 @@ take_machine() {
   mkfifo -m 600 "$control"
   exec 9<>"$control"
   trap 'echo cut >&9' TERM INT HUP
+  take_image
+}
+
+# The image as it is now serves for all boots, also when it is replaced: descriptor 7 is its folder, which QEMU inherits, with
+# a lock by which machine/mkimage knows that it is in use. For a moment while it is replaced there is none.
+take_image() {
+  local tries=50
+  until { exec 7<"$image" && flock --shared 7 && [ -e /dev/fd/7/inputs ]; } 2>/dev/null; do
+    tries=$((tries - 1))
+    [ "$tries" -gt 0 ] || die "there is no image in \"$image\""
+    sleep 0.1
+  done
+  image=/dev/fd/7
 }
 
 # add_lane NUMBER: a lane is two ports, of which the second only prints. Pipes are always connected, unlike sockets:

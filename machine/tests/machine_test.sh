@@ -55,6 +55,28 @@ passes_commands_on() {
   expect "nor a command" printed_inside 'ps | grep -c "do [e]cho noise"' 0
 }
 
+runs_from() { readlink "/proc/$(qemu_process)/fd/"* | grep -q "^$1/system.ext4\$"; }
+
+# With an image of its own, which other tests do not use.
+keeps_its_image() {
+  local image=${KOVA_MACHINE_IMAGE:-$here/../../build/machine/image} boot
+  cp -a --reflink=auto "$image" "$work/image"
+  ln -s "$(realpath "$image.packages")" "$work/image.packages"
+  expect "it is stopped" run_machine stop "$one"
+  local -x KOVA_MACHINE_IMAGE=$work/image
+  expect "and starts from another image" start_machine
+  echo "something else" >"$work/image/inputs"
+  expect "which is replaced" make_image
+  boot=$(boot_count)
+  run_machine reset "$one"
+  expect "it boots again" run_machine wait "$one" "$((boot + 1))"
+  expect "from the image that it had" runs_from "$work/image\.old\.[^/]*"
+  expect "it is stopped" run_machine stop "$one"
+  expect "and started" start_machine
+  expect "from the new image" runs_from "$work/image"
+  expect_not "the old one is gone" compgen -G "$work/image.old.*"
+}
+
 tells_the_kernels_figures() {
   # shellcheck disable=SC2016 # expanded inside
   local facts='facts() {
@@ -219,6 +241,6 @@ ends_cleanly() {
   expect "it ends when its folder is deleted" eventually test ! -e "/proc/$qemu"
 }
 
-[ $# -gt 0 ] || set -- refuses_what_it_cannot_do boots passes_commands_on tells_the_kernels_figures \
-  confines_the_picture_decoder takes_a_logo survives_power_cuts obeys_its_button ends_with_its_owner ends_cleanly
+[ $# -gt 0 ] || set -- refuses_what_it_cannot_do boots passes_commands_on keeps_its_image \
+  tells_the_kernels_figures confines_the_picture_decoder takes_a_logo survives_power_cuts obeys_its_button ends_with_its_owner ends_cleanly
 run_parts "$@"
