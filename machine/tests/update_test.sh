@@ -189,7 +189,7 @@ falls_back_from_what_does_not_mount() {
 # Else RAUC, the daemon and mark_good could undo each other's changes.
 locks_the_boot_loaders_variables() {
   expect "whoever uses the boot loader's variables waits for the lock" \
-    inside sh -c 'exec 9>/var/lock/fw_printenv.lock && flock 9 && ! timeout 2 fw_printenv 9>&-'
+    exit_status 143 inside chpst -l /var/lock/fw_printenv.lock timeout 2 fw_printenv
 }
 
 # --- power cuts -----------------------------------------------------------------------------------------------------
