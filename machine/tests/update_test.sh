@@ -216,17 +216,19 @@ wipe() { fallocate --punch-hole --offset "$(($(start_of "$1") * MIB))" --length 
 written() { stat -c %b "$slots"; } # in sectors of 512 bytes
 has_written() { [ "$(written)" -ge "$1" ] || ! kill -0 "$updating" 2>/dev/null; }
 
-# cut_while_installing BUNDLE VERSION: when a random part of the image is in the slot, or a moment later.
+# cut_while_installing BUNDLE VERSION [SECONDS]: when a random part of the image is in the slot, or so much later.
 cut_while_installing() {
-  local goal updating size
+  local goal updating size process
   set_clock
   wipe "${OTHER[$(running_slot)]}"
   size=$(stat -c %s "$work/$2.ext4")
   goal=$(($(written) + 8 + size * (RANDOM % 100) / 100 / 512))
+  process=$(qemu_process)
   update "$1" >"$work/update.log" 2>&1 &
   updating=$!
-  eventually has_written "$goal"
-  sleep "0.$(printf %03d $((RANDOM % 300)))"
+  until has_written "$goal"; do sleep 0.005; done
+  sleep "${3:-0}"
+  kill -KILL "$process"
   run_machine cut "$one" >/dev/null
   wait "$updating" || true # its outcome is lost with the power
 }
@@ -240,13 +242,15 @@ is_empty() {
 }
 
 survives_cuts_while_it_installs() {
-  local cut slot version next left booted=0 new=0 parts=0 begin=$SECONDS
+  local cut slot version next left later booted=0 new=0 parts=0 begin=$SECONDS
   RANDOM=$SEED
   for ((cut = 1; cut <= CUTS; cut++)); do
     eventually is_good "$(running_slot)" || break
     slot=$(running_slot) version=$(inside cat /run/firmware_version)
     next=${SUCCESSOR[$version]}
-    cut_while_installing "${BUNDLE[$next]}" "$next"
+    later=0
+    [ $((cut % 4)) -gt 0 ] || later=0.$((RANDOM % 10)) # as the boot order is written
+    cut_while_installing "${BUNDLE[$next]}" "$next" "$later"
     left=$(left_in "${OTHER[$slot]}" "$next")
     [ "$left" != "a part" ] || parts=$((parts + 1))
     expect "cut $cut: the camera boots" start_machine
