@@ -46,9 +46,11 @@ prepare() {
   echo 10 >"$work/size.data"
   program blockdev <<<"cat $work/size.\${2##*/}"
   program rauc <<<"echo chatter >&2; echo \"\$*\" >>$work/calls; [ ! -e $work/refuses ] || exit 1; [ \$1 != info ] || cat $work/info"
-  program logger <<<"cat >>$work/log"
+  program logger <<<"shift 2; if [ \$# -gt 0 ]; then echo \"\$*\"; else cat; fi >>$work/log"
   program busctl <<<"[ -e $work/serves ]"
   program sleep <<<"echo waited >>$work/calls; touch $work/serves"
+  program fw_printenv <<<"sed -n \"s/^\$2=//p\" $work/env"
+  printf '%s\n' "BOOT_ORDER=A B" BOOT_A_LEFT=3 BOOT_B_LEFT=0 >"$work/env"
 }
 
 is_accepted() { [ "$status" -eq 0 ] && [ "$(<"$work/out")" = '{"status":"ok","version":"2.0.0"}' ] && [ ! -s "$work/err" ]; }
@@ -80,7 +82,8 @@ checks_bundles() {
   echo 900 >"$work/size.b"
   touch "$work/refuses"
   run fwupdate.real -c
-  check "nor what RAUC refuses" is_refused FW_CHECK_FAILED "not signed for this camera"
+  check "nor what RAUC refuses" is_refused FW_CHECK_FAILED "RAUC refuses it"
+  check "and its words are in the log" grep -qx "chatter" "$work/log"
   rm "$work/refuses"
 }
 
@@ -106,13 +109,77 @@ installs_bundles() {
   run fwupdate -m
   check "what RAUC cannot install is an error" test "$status" -eq 1
   check "and its words are in the log" grep -q "fwupdate: chatter" "$work/log"
+  check "and its status" grep -qx "status" "$work/calls"
   rm "$work/refuses"
 }
+
+# What was logged of a bundle that RAUC says a lot of.
+bounds_what_it_logs() {
+  : >"$work/log"
+  program rauc <<<"head -c 100000 /dev/zero | tr '\0' x >&2; exit 1"
+  run fwupdate.real -c
+  check "a flood of words is cut off" test "$(stat -c %s "$work/log")" -le 1001
+  check "at its beginning" test -s "$work/log"
+}
+
+# called CALL...: whether RAUC and sleep(1) were called so, and no more.
+called() { [ "$(<"$work/calls")" = "$(printf '%s\n' "$@")" ]; }
 
 marks_what_serves() {
   : >"$work/calls"
   run mark_good
-  check "a slot is marked once the daemon serves" test "$(tr '\n' ' ' <"$work/calls")" = "waited status mark-good "
+  check "a slot is marked once the daemon serves" called waited "status mark-good"
+  rm "$work/serves"
+  : >"$work/calls"
+  program kovactl <<<"[ -e $work/serves ] && echo \"\$*\" >>$work/asked"
+  program busctl <<<"exit 1"
+  run mark_good
+  check "of which kovactl is asked where there is one" called waited "status mark-good"
+  check "within a time" grep -qx -- "--timeout 5 stats uptime" "$work/asked"
+}
+
+# marked_with ORDER LEFT_A LEFT_B: what RAUC is asked for then.
+marked_with() {
+  : >"$work/calls"
+  printf '%s\n' "BOOT_ORDER=$1" "BOOT_A_LEFT=$2" "BOOT_B_LEFT=$3" >"$work/env"
+  run mark_good
+}
+
+prefers_what_serves() {
+  marked_with "B A" 3 0
+  check "a slot that took the place of one that failed is booted first" \
+    called "status mark-good" "status mark-active booted"
+  marked_with "B A" 3 3
+  check "one that was just installed stays first" called "status mark-good"
+  marked_with "A" 3 0
+  check "as does one while the other is written" called "status mark-good"
+}
+
+# RAUC fails 12 times, each time with other words.
+tells_what_fails() {
+  : >"$work/log"
+  : >"$work/calls"
+  program rauc <<<"echo x >>$work/tries; tries=\$(wc -l <$work/tries); echo \"broken \$tries\"; [ \$tries -gt 12 ]"
+  run mark_good
+  check "what fails ten times is logged with its last words" \
+    test "$(head -n 1 "$work/log")" = '"rauc status mark-good" has failed 10 times: broken 10'
+  check "once" test "$(grep -c failed "$work/log")" -eq 1
+  check "and tried until it succeeds" grep -q "its slot is good" "$work/log"
+}
+
+# What RAUC is asked to make a bundle of, and that it can be made of a link to an image.
+follows_the_image() {
+  echo system >"$work/image"
+  ln -s image "$work/latest"
+  program rauc <<<"while [ \$# -gt 2 ]; do shift; done; find \$1 -name system.ext4 -printf %y >$work/type
+    cat \$1/system.ext4 >$work/bundled; : >\$2"
+  run mkbundle "$work/bundle" --image "$work/latest" --version 1 --cert cert --key key
+  check "a link to an image is followed" test "$status,$(<"$work/bundled"),$(<"$work/type")" = 0,system,f
+}
+
+# U-Boot counts in hexadecimal.
+has_attempts_of_one_digit() {
+  check "attempts have one digit" test "$(grep -cxE 'boot-attempts(-primary)?=[1-9]' "$adapters/system.conf")" -eq 2
 }
 
 if [ ! -d /etc/persistent ] || [ -n "$(ls -A /etc/persistent)" ] || [ -e /etc/rauc ]; then
@@ -124,4 +191,9 @@ checks_bundles
 follows_no_link
 installs_bundles
 marks_what_serves
+prefers_what_serves
+tells_what_fails
+bounds_what_it_logs
+follows_the_image
+has_attempts_of_one_digit
 [ "$failures" -eq 0 ] || { echo "$failures expectations failed" && exit 1; }

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # supervise.sh DIR IMAGE MODULES WATCHDOG RECORD OWNER BUS: the power supply of a machine, with the options of "machine
-# start", which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, or somebody
-# writes to the pipe DIR/state/control, which cuts the power. The machine lives only as long as this process.
+# start", which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, the
+# record of its writes is full, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives
+# only as long as this process.
 #
 # Each boot has a QEMU of its own: after a reset of the board, QEMU 7.2 takes minutes to run the kernel's unpacking of its
 # initrd, which takes a moment the first time.
@@ -15,6 +16,7 @@ readonly LANES=(0 1 2 3) # see machine/lib/inside
 readonly MEMORY=512      # MiB
 readonly BOOT_LOADER=/usr/lib/u-boot/qemu_arm64/u-boot.bin
 readonly TICK=0.2        # seconds between checks of a silent machine
+readonly MAX_RECORD_MIB=${KOVA_MAX_RECORD:-1024}
 
 note() { printf '%s %s\n' "$(date '+%F %T')" "$*"; }
 
@@ -34,6 +36,19 @@ take_machine() {
   mkfifo -m 600 "$control"
   exec 9<>"$control"
   trap 'echo cut >&9' TERM INT HUP
+  take_image
+}
+
+# The image as it is now serves for all boots, also when it is replaced: descriptor 7 is its folder, which QEMU inherits, with
+# a lock by which machine/mkimage knows that it is in use. For a moment while it is replaced there is none.
+take_image() {
+  local tries=50
+  until { exec 7<"$image" && flock --shared 7 && [ -e /dev/fd/7/inputs ]; } 2>/dev/null; do
+    tries=$((tries - 1))
+    [ "$tries" -gt 0 ] || die "there is no image in \"$image\""
+    sleep 0.1
+  done
+  image=/dev/fd/7
 }
 
 # add_lane NUMBER: a lane is two ports, of which the second only prints. Pipes are always connected, unlike sockets:
@@ -61,7 +76,9 @@ collect_arguments() {
     -netdev "user,id=net${bus:+,hostfwd=tcp:127.0.0.1:$bus-:1900}" -device "virtio-net-device,netdev=net"
     -device virtio-rng-device -device virtio-serial-device)
   for lane in "${LANES[@]}"; do add_lane "$lane"; done
-  add_system "kova.modules=$modules kova.watchdog=$watchdog kova.bus=$bus"
+  # QEMU has to translate a program again where it lies at another address, and to forget addresses at each change of the
+  # page tables, which a kernel at a random address keeps apart from its own: both double the time of a boot.
+  add_system "nokaslr norandmaps kova.modules=$modules kova.watchdog=$watchdog kova.bus=$bus"
   if [ -n "$watchdog" ]; then arguments+=(-device i6300esb -action watchdog=reset); fi
   if [ -n "$record" ]; then record_writes; else arguments+=(-blockdev "driver=file,filename=$flash,node-name=flash"); fi
   arguments+=(-device "virtio-blk-device,drive=flash,serial=flash")
@@ -109,13 +126,30 @@ has_folder() { [ "$lock" -ef /proc/self/fd/8 ]; }
 # The kernel's last words; a reset has none.
 has_halted() { tail -n 1 "$console" | grep "reboot: Power down" >/dev/null; }
 
-has_owner() { [ -z "$owner" ] || [ -e "/proc/$owner" ]; }
+# start_time PID: prints when the process was started, which tells it from a later one of the same number; nothing if it
+# has ended. Its name, in parentheses, may hold anything.
+start_time() {
+  local fields
+  { IFS= read -r -d '' fields <"/proc/$1/stat"; } 2>/dev/null || true
+  read -r -a fields <<<"${fields##*) }"
+  if [ "${fields[0]:-Z}" != Z ]; then echo "${fields[19]}"; fi
+}
+
+has_owner() { [ -z "$owner" ] || { [ -n "$owner_began" ] && [ "$(start_time "$owner")" = "$owner_began" ]; }; }
+
+has_room() {
+  local used
+  [ -n "$record" ] || return 0
+  used=$(du -sm writes 2>/dev/null | cut -f 1)
+  [ "${used:-0}" -lt "$MAX_RECORD_MIB" ]
+}
 
 # next_event: waits for the control pipe, the end of QEMU or of the owner, or the deletion of DIR; sets `event`.
 next_event() {
   event=
   until [ -n "$event" ]; do
     if read -r -n 1 -t "$TICK" -u 9 _; then event="cut"; fi
+    if ! has_room; then event="full record"; fi
     if ! has_folder; then event=deleted; fi
     if ! has_owner; then event=orphaned; fi
     if [ -z "$event" ] && ! kill -0 "$qemu" 2>/dev/null; then event=ended; fi
@@ -136,8 +170,10 @@ power_off() {
 close_inherited_descriptors
 use_machine "$1"
 image=$2 modules=$3 watchdog=$4 record=$5 owner=$6 bus=$7 event=reboot
+owner_began=$([ -z "$owner" ] || start_time "$owner")
 take_machine
 : >"$console"
+[ -z "$record" ] || rm -rf "$state/writes"
 while [ "$event" = reboot ]; do
   power_on
   next_event

@@ -55,6 +55,28 @@ passes_commands_on() {
   expect "nor a command" printed_inside 'ps | grep -c "do [e]cho noise"' 0
 }
 
+runs_from() { readlink "/proc/$(qemu_process)/fd/"* | grep -q "^$1/system.ext4\$"; }
+
+# With an image of its own, which other tests do not use.
+keeps_its_image() {
+  local image=${KOVA_MACHINE_IMAGE:-$here/../../build/machine/image} boot
+  cp -a --reflink=auto "$image" "$work/image"
+  ln -s "$(realpath "$image.packages")" "$work/image.packages"
+  expect "it is stopped" run_machine stop "$one"
+  local -x KOVA_MACHINE_IMAGE=$work/image
+  expect "and starts from another image" start_machine
+  echo "something else" >"$work/image/inputs"
+  expect "which is replaced" make_image
+  boot=$(boot_count)
+  run_machine reset "$one"
+  expect "it boots again" run_machine wait "$one" "$((boot + 1))"
+  expect "from the image that it had" runs_from "$work/image\.old\.[^/]*"
+  expect "it is stopped" run_machine stop "$one"
+  expect "and started" start_machine
+  expect "from the new image" runs_from "$work/image"
+  expect_not "the old one is gone" compgen -G "$work/image.old.*"
+}
+
 tells_the_kernels_figures() {
   # shellcheck disable=SC2016 # expanded inside
   local facts='facts() {
@@ -184,6 +206,13 @@ obeys_its_button() {
   expect "neither does anything" test "$(runs_of_tools)" = "$tools"
   expect "two taps around a save are no long press" once_quick tap_around_a_save 2 2
   expect "nor do they reset" test "$(boot_count)" = "$boot"
+}
+
+erases_itself() {
+  local boot
+  boot=$(boot_count)
+  inside kovactl settings name=Porch >/dev/null
+  inside kovactl save --sync >/dev/null
   expect "a long press is told of" hold
   expect_not "and nothing happens before its end" inside grep -q "cfgmtd -c" /var/log/tools.log
   expect "it can be released" run_machine release "$one"
@@ -206,6 +235,49 @@ ends_with_its_owner() {
   rm -rf "$other"
 }
 
+# outlive_number MACHINE DIR: ends the owner of a machine, and has another process take its number. Runs in a space of
+# process numbers of its own.
+outlive_number() {
+  local owner heir='' log=$2/state/supervisor.log
+  sleep 1000 &
+  owner=$!
+  "$1" start "$2" --owner "$owner" >/dev/null 2>&1 &
+  until grep -q "on, process" "$log"; do sleep 0.05; done 2>/dev/null
+  kill -KILL "$owner"
+  wait "$owner"
+  until [ "$heir" = "$owner" ]; do
+    [ -z "$heir" ] || kill "$heir"
+    echo $((owner - 1)) >/proc/sys/kernel/ns_last_pid
+    sleep 1000 &
+    heir=$!
+  done
+  until grep -q "off (orphaned" "$log"; do sleep 0.05; done
+}
+
+takes_no_other_for_its_owner() {
+  local other=$work/other.machine apart=(unshare --pid --fork --mount-proc)
+  [ "$(id -u)" -eq 0 ] || apart+=(--user --map-root-user)
+  if ! "${apart[@]}" true 2>/dev/null; then
+    echo "      not tried: no namespaces"
+    return
+  fi
+  expect "nor does a later process of its number keep it" timeout 60 "${apart[@]}" \
+    bash -c "$(declare -f outlive_number); outlive_number \"\$@\"" bash "$machine" "$other"
+  rm -rf "$other"
+}
+
+# A megabyte is full with the first write.
+bounds_its_record() {
+  local other=$work/other.machine times
+  for times in once twice; do
+    expect "a full record ends the machine, $times" \
+      exit_status 1 env KOVA_MAX_RECORD=1 "$machine" start "$other" --record --owner $$
+  done
+  expect "as it tells" grep -q "off (full record" "$other/state/supervisor.log"
+  expect "each start begins a new one" test "$(echo "$other"/state/writes/*.img)" = "$other/state/writes/1.img"
+  rm -rf "$other"
+}
+
 ends_cleanly() {
   host_packages >"$work/host.after" 2>/dev/null || true
   expect "the host has the architectures, modules and formats it had" cmp "$work/host.before" "$work/host.after"
@@ -219,6 +291,7 @@ ends_cleanly() {
   expect "it ends when its folder is deleted" eventually test ! -e "/proc/$qemu"
 }
 
-[ $# -gt 0 ] || set -- refuses_what_it_cannot_do boots passes_commands_on tells_the_kernels_figures \
-  confines_the_picture_decoder takes_a_logo survives_power_cuts obeys_its_button ends_with_its_owner ends_cleanly
+[ $# -gt 0 ] || set -- refuses_what_it_cannot_do boots passes_commands_on keeps_its_image \
+  tells_the_kernels_figures confines_the_picture_decoder takes_a_logo survives_power_cuts obeys_its_button \
+  erases_itself ends_with_its_owner takes_no_other_for_its_owner bounds_its_record ends_cleanly
 run_parts "$@"

@@ -11,7 +11,7 @@ here=$(dirname "$(readlink -f "$0")")
 # shellcheck source=machine/tests/harness.sh
 . "$here/harness.sh"
 readonly CUTS=${KOVA_POWER_CUTS:-20} LOST=${KOVA_LOST:-3} SEED=${KOVA_SEED:-1}
-readonly CARELESS=(in_place unflushed)
+readonly CARELESS_SAVERS=(in_place unflushed)
 
 # print_state: what the camera has now, as machine/tests/replay reads it.
 print_state() {
@@ -20,12 +20,15 @@ print_state() {
     for file in system.cfg passwd persistent/user_logo persistent/user_logo.md5; do
       if [ -e "$file" ]; then echo "$file=$(sha256sum <"$file" | cut -d " " -f 1)"; fi
     done'
-  print_environment
+  print_rest
 }
 
-print_environment() {
+# print_rest: what is stored apart from the configuration.
+print_rest() {
   # shellcheck disable=SC2016 # expanded inside
-  inside sh -c 'if [ -s /mnt/flash/env ]; then echo "env=$(sha256sum </mnt/flash/env | cut -d " " -f 1)"; fi'
+  inside sh -c 'digest() { sha256sum <"$1" | cut -d " " -f 1; }
+    if [ -s /mnt/flash/env ]; then echo "env=$(digest /mnt/flash/env)"; fi
+    if [ -e /mnt/flash/firmware.bin ]; then echo "firmware=$(digest /mnt/flash/firmware.bin)"; fi'
 }
 
 # done_with OPERATION [STATE]: what was written is this operation's; STATE is what prints the camera's state by now.
@@ -39,12 +42,19 @@ change_account() {
   inside sh -c "printf '%s\n' admin correct-horse-battery | kovactl user passwd --stdin" && save
 }
 
+flash_firmware() { inside kovactl firmware "$url/$1" --timeout 60 --wait; }
+
 rename() { inside kovactl settings "name=$1" >/dev/null && save; }
 
-# As told by "careless", in place of the tool that saves.
+# be_careless NAME: in place of the tool that saves or flashes.
 be_careless() {
+  local script tool=cfgmtd
   # shellcheck disable=SC2016 # expanded inside
   case $1 in
+    flashing) # overwrites what is stored
+      tool=fwupdate
+      script='image=/tmp/fwupdate.bin stored=/mnt/flash/firmware.bin
+        head -c 40000 $image >$stored; sync; tail -c +40001 $image >>$stored; sync' ;;
     in_place) # replaces what is stored where it stands
       script='slot=/mnt/flash/$(readlink /mnt/flash/etc); rm -rf "$slot"; sync; cp -a /etc "$slot"; sync' ;;
     unflushed) # writes elsewhere first, but does not flush what it wrote
@@ -53,16 +63,19 @@ be_careless() {
   esac
   printf '#!/bin/sh\n%s\n' "$script" >"$work/careless"
   put_inside "$work/careless" /tmp/careless
-  inside sh -c 'umount /bin/cfgmtd 2>/dev/null; mount -o bind /tmp/careless /bin/cfgmtd'
+  inside sh -c "umount /bin/$tool 2>/dev/null; mount -o bind /tmp/careless /bin/$tool"
 }
 
 records_what_it_writes() {
   local boot name
   make_image
   expect "the machine records its writes" start_machine --record
-  done_with begin print_environment
+  done_with begin print_rest
   mkdir "$work/served"
   cp "$here/../../camera/samples/logo.png" "$work/served/"
+  for name in 2.0.0 3.0.0; do
+    "$here/../../camera/mkfirmware" "$work/served/$name" --board 42264 --version "$name"
+  done
   start_server
   put_inside "$work/served/logo.png" /tmp/logo.local
   save
@@ -76,14 +89,19 @@ records_what_it_writes() {
   expect "a logo can be installed" put_logo "$url/logo.png"
   expect "and saved" save
   done_with logo
+  expect "firmware can be flashed" flash_firmware 2.0.0
+  done_with firmware
+  be_careless flashing
+  expect "also carelessly" flash_firmware 3.0.0
+  done_with flashing
   stop_server
   boot=$(boot_count)
   expect "the camera can be reset" inside kovactl reset-defaults --yes
   expect "and comes back" run_machine wait "$one" "$((boot + 1))"
-  done_with reset print_environment
+  done_with reset print_rest
   rename Garden
   done_with again
-  for name in "${CARELESS[@]}"; do
+  for name in "${CARELESS_SAVERS[@]}"; do
     be_careless "$name"
     rename "Careless $name"
     inside sync
@@ -107,12 +125,12 @@ is_whole_after_each_write() {
   cp "$work/output" "$work/judged"
   sed 's/^/figure /' "$work/judged"
   figure "judging" "$((SECONDS - begin)) s, with $LOST choices of lost writes, seed $SEED"
-  for name in save account rename environment logo reset again; do
+  for name in save account rename environment logo firmware reset again; do
     expect "whole after each write: $name" was_whole "$name"
   done
   expect "all operations were reached" test "$(count all unreached)" = 0
-  for name in "${CARELESS[@]}"; do
-    expect "a careless saver is caught: $name" test "$(($(count "$name" broken) + $(count "$name" volatile)))" -gt 0
+  for name in flashing "${CARELESS_SAVERS[@]}"; do
+    expect "a careless tool is caught: $name" test "$(($(count "$name" broken) + $(count "$name" volatile)))" -gt 0
   done
   rm -rf "$one"
 }

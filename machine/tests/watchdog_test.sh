@@ -36,6 +36,15 @@ resets_a_frozen_daemon() {
   resets "daemon" sh -c 'kill -STOP "$(pidof kova_ctlserver)"'
 }
 
+# The daemon answers nobody while it waits for fwupdate, of which this has only the name.
+waits_for_an_installation() {
+  printf '#!/bin/sh\nsleep %d\n' $((3 * PERIOD_S)) >"$work/fwupdate"
+  put_inside "$work/fwupdate" /tmp/fwupdate
+  # shellcheck disable=SC2016 # expanded inside
+  expect "a daemon that is silent while it installs is let be" \
+    inside sh -c 'kill -STOP "$(pidof kova_ctlserver)" && /tmp/fwupdate; kill -CONT "$(pidof kova_ctlserver)"'
+}
+
 resets_a_frozen_feeder() {
   # shellcheck disable=SC2016 # expanded inside
   resets "feeder" sh -c 'kill -STOP "$(pidof watchdog)"'
@@ -49,6 +58,6 @@ reboots_after_a_panic() {
   expect "a kernel that panics reboots the camera" run_machine wait "$one" "$((boot + 1))"
 }
 
-[ $# -gt 0 ] || set -- starts_with_a_watchdog lets_a_healthy_camera_be resets_a_frozen_daemon resets_a_frozen_feeder \
-  reboots_after_a_panic
+[ $# -gt 0 ] || set -- starts_with_a_watchdog lets_a_healthy_camera_be waits_for_an_installation \
+  resets_a_frozen_daemon resets_a_frozen_feeder reboots_after_a_panic
 run_parts "$@"
