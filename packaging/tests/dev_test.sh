@@ -95,7 +95,8 @@ expect_not "  and not fetched again" called "apt-get"
 expect_not "none is installed by a group" grep -E 'nginx|qemu-user|openssh-server' \
   <(. "$SOURCE/packaging/packages.sh" && kova_packages build camera tests arm64 machine fuzz lint bench package)
 mkdir "$work/out"
-expect_not "packages are not made twice at once" flock "$work/out/lock" timeout 20 "$SOURCE/packaging/package" "$SOURCE" "$work/out"
+expect_not "packages are not made twice at once" \
+  flock "$work/out/lock" timeout 20 "$SOURCE/packaging/package" "$SOURCE" "$work/out"
 cp "$work/output" "$work/said"
 expect "  and that is said" grep "another one runs in $work/out" "$work/said"
 report
