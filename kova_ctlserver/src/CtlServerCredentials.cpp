@@ -23,7 +23,7 @@ constexpr char kLogUnit[] = "CtlServer";
 constexpr char kChange[] = "changeUsernamePassword";
 constexpr char kProcess[] = "ProcessUsernamePassword";  // kept: 15
 
-constexpr char kNameKey[] = "users.1.name";
+constexpr char kUserNameKey[] = "users.1.name";
 constexpr char kPasswordKey[] = "users.1.password";
 constexpr char kAccountFile[] = "/etc/passwd";
 constexpr std::size_t kMaxPasswordBytes = 64;
@@ -49,7 +49,7 @@ bool closeStore(const char* operation, SystemCfgManager& store) {
 
 bool readName(const char* operation, const SystemCfgManager& store, std::string& name) {
   bool absent = false;
-  if (!store.get(kNameKey, &name, &absent)) {
+  if (!store.get(kUserNameKey, &name, &absent)) {
     return fail(operation, "Failed to read username");
   }
   return !absent || fail(operation, "Username missing from the system.cfg");
@@ -213,7 +213,7 @@ bool CtlServer::changeUsernamePassword(ChangeUsernamePassword& request, Variant&
   if (!nameChanges && !passwordChanges) {  // kept: 88
     return true;
   }
-  if (nameChanges && !store.set(kNameKey, username, nullptr)) {
+  if (nameChanges && !store.set(kUserNameKey, username, nullptr)) {
     return fail(kChange, "Failed to update username");
   }
   if (passwordChanges && !store.set(kPasswordKey, hash, nullptr)) {  // kept: 87
