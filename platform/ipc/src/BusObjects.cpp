@@ -138,7 +138,7 @@ BusObjects::BusObjects(std::string endpoint) : endpoint_(std::move(endpoint)) {}
 BusObjects::~BusObjects() = default;
 
 bool BusObjects::open(std::string& error) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     BusPtr bus = openBus(false, error);
     connection_ =
         bus != nullptr ? std::make_unique<Connection>(std::move(bus), endpoint_) : nullptr;
@@ -152,7 +152,7 @@ bool BusObjects::readAll(std::uint32_t timeoutMs, Receiver receiver) {
 
 bool BusObjects::read(const std::string& path, const std::string& interface,
                       std::uint32_t timeoutMs, Receiver receiver) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     if (connection_ == nullptr) {
       return false;
     }
@@ -164,7 +164,7 @@ bool BusObjects::read(const std::string& path, const std::string& interface,
 
 bool BusObjects::call(const std::string& path, const std::string& interface,
                       const std::string& method, std::uint32_t timeoutMs, Receiver receiver) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     return connection_ != nullptr &&
            connection_->start(connection_->newCall(path, interface.c_str(), method.c_str()),
                               timeoutMs, std::move(receiver));
@@ -178,13 +178,13 @@ void BusObjects::keepTo(const std::string& uniqueName) {
 }
 
 bool BusObjects::follow(const std::string& path, std::function<void(const Signal&)> changed) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     return connection_ != nullptr && connection_->follow(path, std::move(changed));
   });
 }
 
 bool BusObjects::Service(unsigned timeoutMs) {
-  return guarded(__func__, false,
+  return guarded(__func__,
                  [&] { return connection_ != nullptr && connection_->Service(timeoutMs); });
 }
 
