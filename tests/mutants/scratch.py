@@ -54,7 +54,14 @@ def end_group(process):
     process.wait()
 
 
+def as_from_terminal():
+    """nohup(1) ignores SIGHUP, a shell's background SIGINT: tests send both."""
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):
+        signal.signal(number, signal.SIG_DFL)
+
+
 def bound_resources():
+    as_from_terminal()
     resource.setrlimit(resource.RLIMIT_DATA, (MAX_MEMORY, MAX_MEMORY))
     resource.setrlimit(resource.RLIMIT_STACK, (MAX_STACK, MAX_STACK))
     resource.setrlimit(resource.RLIMIT_FSIZE, (MAX_FILE, MAX_FILE))
