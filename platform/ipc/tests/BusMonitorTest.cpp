@@ -40,6 +40,8 @@ class BusMonitorTest : public BusTest {
               0);
   }
 
+  static void ignore(const SeenMessage&) {}
+
   BusMonitor monitor_;
   std::vector<SeenMessage> seen_;
 };
@@ -145,10 +147,19 @@ TEST_F(BusMonitorTest, OnlyCalledEndpointAnswers) {
   EXPECT_EQ(seen_[1].sender, "test");
 }
 
+TEST_F(BusMonitorTest, ServiceWaitsWithoutMessage) {
+  openMonitor();
+  const auto waits = [&] {
+    const auto before = utils::nowMs();
+    EXPECT_TRUE(monitor_.Service(50, ignore));
+    return utils::nowMs() - before >= 49;
+  };
+  EXPECT_TRUE(until(waits));
+}
+
 TEST_F(BusMonitorTest, ReportsClosedBus) {
   openMonitor();
   privateBus_.kill();
-  const auto ignore = [](const SeenMessage&) {};
   EXPECT_FALSE(monitor_.Service(1000, ignore) && monitor_.Service(1000, ignore));
   std::string error;
   EXPECT_FALSE(BusMonitor().open(error));
