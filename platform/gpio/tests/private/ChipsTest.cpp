@@ -70,7 +70,7 @@ extern "C" int ioctl(int fd, unsigned long operation, ...) noexcept {
 namespace kova::gpio {
 namespace {
 
-const Chip kChip{"/dev/gpiochip2", "soc", kLines};
+const Chip kChip{"/dev/gpiochip0", "soc", kLines};
 
 class ChipsTest : public testing::Test {
  protected:
@@ -81,18 +81,21 @@ class ChipsTest : public testing::Test {
 };
 
 TEST_F(ChipsTest, ListsChipsInNumericOrder) {
-  for (const char* other : {"gpiochip", "gpiochipx", "gpiochip3x", "notachip4", "Gpiochip5"}) {
+  for (const char* other : {"gpiochip", "gpiochipx", "gpiochip0x", "notachip0"}) {
     std::ofstream("/dev/" + std::string(other)) << "other";
   }
   std::ofstream("/dev/gpiochip6");
-  std::ofstream("/dev/gpiochip10") << kLongest;
+  for (const char* number : {"10", "9"}) {
+    std::ofstream("/dev/gpiochip" + std::string(number)) << kLongest;
+  }
   const std::vector<Chip> chips = listChips();
-  ASSERT_EQ(chips.size(), 2U);
+  ASSERT_EQ(chips.size(), 3U);
   EXPECT_EQ(chips[0].path, kChip.path);
   EXPECT_EQ(chips[0].label, kChip.label);
   EXPECT_EQ(chips[0].lines, kLines);
-  EXPECT_EQ(chips[1].path, "/dev/gpiochip10");
+  EXPECT_EQ(chips[1].path, "/dev/gpiochip9");
   EXPECT_EQ(chips[1].label, kLongest);
+  EXPECT_EQ(chips[2].path, "/dev/gpiochip10");
 }
 
 TEST_F(ChipsTest, NamesAreOfAllLinesOrNone) {
