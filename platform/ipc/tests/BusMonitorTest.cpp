@@ -149,12 +149,11 @@ TEST_F(BusMonitorTest, OnlyCalledEndpointAnswers) {
 
 TEST_F(BusMonitorTest, ServiceWaitsWithoutMessage) {
   openMonitor();
-  const auto waits = [&] {
-    const auto before = utils::nowMs();
+  const auto before = utils::nowMs();
+  for (int pass = 0; pass < 5; ++pass) {
     EXPECT_TRUE(monitor_.Service(50, ignore));
-    return utils::nowMs() - before >= 49;
-  };
-  EXPECT_TRUE(until(waits));
+  }
+  EXPECT_GE(utils::nowMs() - before, 3U * 49U) << "the first passes may see the monitor arrive";
 }
 
 TEST_F(BusMonitorTest, ReportsClosedBus) {
