@@ -95,7 +95,7 @@ class PumpGuardTest : public EngineTest {
 
 /// A TCP connection of two sockets of this process.
 struct TcpPair {
-  TcpPair() {
+  TcpPair() : near(socket(AF_INET, SOCK_STREAM, 0)) {  // takes the lowest descriptor
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -105,7 +105,6 @@ struct TcpPair {
     bind(listener, generic, size);
     listen(listener, 1);
     getsockname(listener, generic, &size);
-    near = socket(AF_INET, SOCK_STREAM, 0);
     connect(near, generic, size);
     far = accept(listener, nullptr, nullptr);
     close(listener);
@@ -130,9 +129,12 @@ PumpGuard::Mark newMark() {
 
 TEST_F(PumpGuardTest, BlockedPassLosesItsSocketsAndData) {
   const TcpPair pair;
+  const TcpPair forgotten;
   const PumpGuard::Mark mark = newMark();
   ASSERT_EQ(send(pair.far, "unread", 6, 0), 6);
   guard_.watch(pair.near, mark);
+  guard_.watch(forgotten.near, mark);
+  guard_.forget(forgotten.near);
   guard_.beginTurn(0);
   {
     const PumpGuard::Pass pass(guard_, true);
@@ -143,6 +145,7 @@ TEST_F(PumpGuardTest, BlockedPassLosesItsSocketsAndData) {
   char buffer[6];
   EXPECT_EQ(recv(pair.near, buffer, sizeof buffer, MSG_DONTWAIT), -1);
   EXPECT_TRUE(pair.isCut());
+  EXPECT_FALSE(forgotten.isCut());
   guard_.forget(pair.near);
 }
 

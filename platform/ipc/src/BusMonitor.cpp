@@ -217,7 +217,7 @@ BusMonitor::BusMonitor() = default;
 BusMonitor::~BusMonitor() = default;
 
 bool BusMonitor::open(std::string& error) {  // kept: 15
-  return guarded("Open", false, [&] {
+  return guarded("Open", [&] {
     connection_ = std::make_unique<Connection>();
     if (!connection_->open(error)) {
       connection_.reset();
@@ -227,7 +227,7 @@ bool BusMonitor::open(std::string& error) {  // kept: 15
 }
 
 bool BusMonitor::Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink) {
-  return guarded(__func__, false,
+  return guarded(__func__,
                  [&] { return connection_ != nullptr && connection_->Service(timeoutMs, sink); });
 }
 

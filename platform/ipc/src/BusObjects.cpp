@@ -132,7 +132,7 @@ BusObjects::BusObjects(std::string endpoint) : endpoint_(std::move(endpoint)) {}
 BusObjects::~BusObjects() = default;
 
 bool BusObjects::open(std::string& error) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     BusPtr bus = openBus(false, error);
     connection_ =
         bus != nullptr ? std::make_unique<Connection>(std::move(bus), endpoint_) : nullptr;
@@ -146,7 +146,7 @@ bool BusObjects::readAll(std::uint32_t timeoutMs, Receiver receiver) {
 
 bool BusObjects::read(const std::string& path, const std::string& interface,
                       std::uint32_t timeoutMs, Receiver receiver) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     if (connection_ == nullptr) {
       return false;
     }
@@ -158,7 +158,7 @@ bool BusObjects::read(const std::string& path, const std::string& interface,
 
 bool BusObjects::call(const std::string& path, const std::string& interface,
                       const std::string& method, std::uint32_t timeoutMs, Receiver receiver) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     return connection_ != nullptr &&
            connection_->start(connection_->newCall(path, interface.c_str(), method.c_str()),
                               timeoutMs, std::move(receiver));
@@ -172,13 +172,13 @@ void BusObjects::keepTo(const std::string& uniqueName) {
 }
 
 bool BusObjects::follow(const std::string& path, std::function<void(const Signal&)> changed) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     return connection_ != nullptr && connection_->follow(path, std::move(changed));
   });
 }
 
 bool BusObjects::Service(unsigned timeoutMs) {
-  return guarded(__func__, false,
+  return guarded(__func__,
                  [&] { return connection_ != nullptr && connection_->Service(timeoutMs); });
 }
 

@@ -31,12 +31,12 @@ Ipc::~Ipc() = default;
 
 bool Ipc::Init(const std::string& endpoint, bool receiveBroadcasts,
                TransactionsHandler* transactions) {
-  return guarded(__func__, false,
+  return guarded(__func__,
                  [&] { return connection_->join(endpoint, receiveBroadcasts, transactions); });
 }
 
 bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
-  return guarded(__func__, false, [&] { return connection_->AddHandler(functionName, handler); });
+  return guarded(__func__, [&] { return connection_->AddHandler(functionName, handler); });
 }
 
 Objects& Ipc::objects() {
@@ -44,24 +44,24 @@ Objects& Ipc::objects() {
 }
 
 bool Ipc::Service(unsigned timeoutMs) {
-  return guarded(__func__, false, [&] { return connection_->Service(timeoutMs); });
+  return guarded(__func__, [&] { return connection_->Service(timeoutMs); });
 }
 
 bool Ipc::SendRequest(messages::BaseRequestMessage& request) {
-  return guarded(__func__, false, [&] { return connection_->send(request); });
+  return guarded(__func__, [&] { return connection_->send(request); });
 }
 
 bool Ipc::SendResponse(messages::BaseRequestMessage& request,
                        messages::BaseResponseMessage& response) {
-  return guarded(__func__, false, [&] { return connection_->respond(request, response); });
+  return guarded(__func__, [&] { return connection_->respond(request, response); });
 }
 
 bool Ipc::flush() {
-  return guarded(__func__, false, [&] { return connection_->flush(); });
+  return guarded(__func__, [&] { return connection_->flush(); });
 }
 
 bool Ipc::isPresent(const std::string& endpoint) const {  // kept: 15
-  return guarded("IsPresent", false, [&] { return connection_->isPresent(endpoint); });
+  return guarded("IsPresent", [&] { return connection_->isPresent(endpoint); });
 }
 
 }  // namespace kova::ipc

@@ -352,7 +352,7 @@ bool ObjectServer::emitChanged(const Publication& publication, const std::string
 
 bool ObjectServer::changed(const PublishedObject& object,
                            const std::vector<std::size_t>& properties) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     const Publication* found = find(object);
     return found != nullptr && emitChanged(*found, found->path, properties);
   });
@@ -360,7 +360,7 @@ bool ObjectServer::changed(const PublishedObject& object,
 
 bool ObjectServer::changed(const PublishedFolder& objects, std::uint64_t number,
                            const std::vector<std::size_t>& properties) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     const Publication* found = find(objects);
     return found != nullptr &&
            emitChanged(*found, found->path + "/" + std::to_string(number), properties);
@@ -368,7 +368,7 @@ bool ObjectServer::changed(const PublishedFolder& objects, std::uint64_t number,
 }
 
 bool ObjectServer::added(const PublishedFolder& objects, std::uint64_t number) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     const Publication* found = find(objects);
     if (found == nullptr || !canSignal()) {
       return false;
@@ -380,7 +380,7 @@ bool ObjectServer::added(const PublishedFolder& objects, std::uint64_t number) {
 }
 
 bool ObjectServer::removed(const PublishedFolder& objects, std::uint64_t number) {
-  return guarded(__func__, false, [&] {
+  return guarded(__func__, [&] {
     const Publication* found = find(objects);
     if (found == nullptr || !canSignal()) {
       return false;

@@ -35,6 +35,12 @@ Result guarded(const char* where, Result failure, Function&& function) noexcept 
                                  [where](const char* what) { logException(where, what); });
 }
 
+/// The same for a function that returns whether it succeeded.
+template <typename Function>
+bool guarded(const char* where, Function&& function) noexcept {
+  return guarded(where, false, std::forward<Function>(function));
+}
+
 template <typename Method>
 struct OwnerOf;
 template <typename Class>

@@ -173,8 +173,7 @@ bool Reader::readTime(const std::string& fields, Variant& value) {
   if (sd_bus_message_read(message_, "(xx)", &seconds, &microseconds) <= 0) {
     return malformed();
   }
-  size_.addStructure();
-  size_.addFixed(sizeof seconds);
+  size_.addFixed(sizeof seconds);  // as a structure, aligned to 8
   size_.addFixed(sizeof microseconds);
   value = timeval{seconds, microseconds};
   return isWithinSize();

@@ -113,8 +113,7 @@ bool SizeCheck::checkVariant(const Variant& value, unsigned depth, unsigned busD
     return checkItems(value.items(), depth, busDepth);
   }
   if (signature == "(xx)") {
-    size_.addStructure();
-    size_.addFixed(8);
+    size_.addFixed(8);  // as a structure, aligned to 8
     size_.addFixed(8);
     return isWithinLimits(depth, busDepth + 1);
   }

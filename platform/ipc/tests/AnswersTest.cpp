@@ -168,6 +168,17 @@ TEST_F(AnswersTest, ThrowingHandlerGivesErrorAndServiceGoesOn) {
   EXPECT_EQ(call("Other").error, "");
 }
 
+TEST(GuardedTest, ExceptionIsLoggedAndMeansFailure) {
+  const auto fail = []() -> bool { throw std::runtime_error("broken"); };
+  tests::records.clear();
+  EXPECT_FALSE(guarded("Operation", fail));
+  ASSERT_EQ(tests::records.size(), 1U);
+  EXPECT_TRUE(tests::records[0].text.starts_with("kova_ipc SdBus.Operation:"));
+  EXPECT_TRUE(tests::records[0].text.ends_with(": Stopped an exception: broken"));
+  EXPECT_TRUE(guarded("Operation", [] { return true; }));
+  EXPECT_EQ(guarded("Operation", 7, [&] { return fail() ? 1 : 0; }), 7);
+}
+
 TEST_F(AnswersTest, HandlerThatThrowsAfterResponseHasAnswered) {
   Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool& rejected) -> bool {
     respond("text")(request, rejected);

@@ -40,6 +40,8 @@ class BusMonitorTest : public BusTest {
               0);
   }
 
+  static void ignore(const SeenMessage&) {}
+
   BusMonitor monitor_;
   std::vector<SeenMessage> seen_;
 };
@@ -145,10 +147,18 @@ TEST_F(BusMonitorTest, OnlyCalledEndpointAnswers) {
   EXPECT_EQ(seen_[1].sender, "test");
 }
 
+TEST_F(BusMonitorTest, ServiceWaitsWithoutMessage) {
+  openMonitor();
+  const auto before = utils::nowMs();
+  for (int pass = 0; pass < 5; ++pass) {
+    EXPECT_TRUE(monitor_.Service(50, ignore));
+  }
+  EXPECT_GE(utils::nowMs() - before, 3U * 49U) << "the first passes may see the monitor arrive";
+}
+
 TEST_F(BusMonitorTest, ReportsClosedBus) {
   openMonitor();
   privateBus_.kill();
-  const auto ignore = [](const SeenMessage&) {};
   EXPECT_FALSE(monitor_.Service(1000, ignore) && monitor_.Service(1000, ignore));
   std::string error;
   EXPECT_FALSE(BusMonitor().open(error));

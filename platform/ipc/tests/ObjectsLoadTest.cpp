@@ -85,6 +85,17 @@ TEST_F(ObjectsLoadTest, LargeAnswersToDeafPeerDoNotPileUp) {
   EXPECT_EQ(name("/kova/things/1").size(), 4'000U);
 }
 
+TEST_F(ObjectsLoadTest, AnswersThatWereSentTakeNoRoom) {
+  publish();
+  for (std::uint64_t number = 1; number <= 100; ++number) {
+    things_.things[number] = {std::string(4'000, 'x'), 1, number};
+  }
+  for (int call = 0; call < 25; ++call) {  // 10 MB
+    ASSERT_EQ(managed().size(), 100U);
+  }
+  EXPECT_TRUE(until([&] { return ipc_.objects().changed(things_, 1, {kCount}); }));
+}
+
 TEST_F(ObjectsLoadTest, SignalsAreRefusedWhileBusDoesNotRead) {
   publish();
   ASSERT_TRUE(stopBus());

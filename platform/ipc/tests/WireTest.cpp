@@ -55,14 +55,32 @@ class WireTest : public ::testing::Test {
     return body["key"];
   }
 
-  // The decoded form of an a{sv} with one variant of this type and value.
+  // An a{sv} with one variant of this type and value.
   template <typename... Value>
-  Variant Received(const char* type, Value... value) {
+  MessagePtr appended(const char* type, Value... value) {
     MessagePtr message = bus_.newMessage();
     EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, value...), 0);
+    return message;
+  }
+
+  // Its decoded form.
+  template <typename... Value>
+  Variant Received(const char* type, Value... value) {
     Variant body;
-    EXPECT_TRUE(decoded(message.get(), body)) << reason_;
+    EXPECT_TRUE(decoded(appended(type, value...).get(), body)) << reason_;
     return body["key"];
+  }
+
+  // A copy of the a{sv} with one more entry, a text of this length.
+  MessagePtr withText(sd_bus_message* map, std::size_t length) {
+    MessagePtr message = bus_.newMessage();
+    EXPECT_GE(sd_bus_message_enter_container(map, 'a', "{sv}"), 0);
+    sd_bus_message_open_container(message.get(), 'a', "{sv}");
+    EXPECT_GE(sd_bus_message_copy(message.get(), map, 1), 0);
+    sd_bus_message_append(message.get(), "{sv}", "text", "s", std::string(length, 'x').c_str());
+    EXPECT_GE(sd_bus_message_close_container(message.get()), 0);
+    EXPECT_GE(sd_bus_message_rewind(map, 1), 0);
+    return message;
   }
 
   bool decoded(sd_bus_message* message, Variant& body) {
@@ -259,19 +277,40 @@ TEST_F(WireTest, ThirtyTwoLevelsAreReadAndMoreRefused) {
   EXPECT_EQ(reason_, "the body is nested too deeply");
 }
 
-TEST_F(WireTest, OneMebibyteIsReadAndMoreRefused) {
-  constexpr std::size_t overhead = 8 + (4 + 4) + 3 + 1 + (4 + 1);  // of {"key": text}
-  Variant body;
-  for (const std::size_t length : {kMaxBodySize - overhead, kMaxBodySize - overhead + 1}) {
-    const MessagePtr message = bus_.newMessage();
-    const std::string text(length, 'x');
-    sd_bus_message_append(message.get(), "a{sv}", 1, "key", "s", text.c_str());
-    const bool fits = length == kMaxBodySize - overhead;
-    EXPECT_EQ(decoded(message.get(), body), fits) << reason_;
-    std::size_t size = 0;
-    EXPECT_EQ(measure(holding(text), size, reason_), fits);
-    EXPECT_TRUE(!fits || size == kMaxBodySize) << size;
+TEST_F(WireTest, OneMebibyteOfAnyTypeIsReadAndMoreRefused) {
+  std::vector<MessagePtr> maps;
+  for (const auto& [value, type] : everyType()) {
+    maps.push_back(encoded(holding(value)));
   }
+  const auto add = [&](const char* type, auto... value) {
+    maps.push_back(bus_.roundtrip(appended(type, value...).get()));
+  };
+  add("q", 1);
+  add("o", "/kova");
+  add("g", "a{sv}");
+  add("v", "v", "n", 1);
+  add("as", 2, "x", "y");
+  add("ad", 0);
+  add("aan", 2, 0, 1, 5);
+  add("a(xx)", 1, std::int64_t{1}, std::int64_t{2});
+  add("a{ss}", 2, "a", "b", "c", "d");
+  add("a{sn}", 2, "a", 1, "b", 2);
+  add("a{say}", 1, "a", 1, 'z');
+  for (const MessagePtr& map : maps) {
+    const std::size_t left = kMaxBodySize - bus_.marshal(withText(map.get(), 0).get()).size();
+    Variant body;
+    EXPECT_TRUE(decoded(withText(map.get(), left).get(), body)) << reason_;
+    EXPECT_FALSE(decoded(withText(map.get(), left + 1).get(), body)) << body.toJson().substr(0, 80);
+    EXPECT_EQ(reason_, "the body is larger than 1 MiB");
+  }
+}
+
+TEST_F(WireTest, OneMebibyteIsWrittenAndMoreRefused) {
+  constexpr std::size_t overhead = 8 + (4 + 4) + 3 + 1 + (4 + 1);  // of {"key": text}
+  std::size_t size = 0;
+  EXPECT_TRUE(measure(holding(std::string(kMaxBodySize - overhead, 'x')), size, reason_));
+  EXPECT_EQ(size, kMaxBodySize);
+  EXPECT_FALSE(measure(holding(std::string(kMaxBodySize - overhead + 1, 'x')), size, reason_));
   EXPECT_EQ(reason_, "the message is larger than 1 MiB");
 }
 

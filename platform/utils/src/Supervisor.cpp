@@ -22,8 +22,8 @@ namespace kova::utils {
 namespace {
 
 struct StartReport {
-  int error;
-  pid_t pid;
+  int error = ECHILD;
+  pid_t pid = -1;
 };
 
 constexpr char kTimeIsOver = 'T';
@@ -78,7 +78,7 @@ bool waitWithin(std::uint64_t deadline, int events) {
   becomeSupervisor(socket);
   const int events = childEvents();
   const std::uint64_t deadline = nowMs() + limitMs;
-  StartReport report{0, -1};
+  StartReport report;
   report.error = events < 0 ? errno : spawn.start(&report.pid);
   if (!sendReport(kSocket, report) || report.error != 0) {
     killChildren();
@@ -99,17 +99,17 @@ bool waitWithin(std::uint64_t deadline, int events) {
 [[noreturn]] void startAndEnd(Spawn& spawn, int socket, unsigned limitMs) {
   const pid_t supervisor = fork();
   if (supervisor == 0) supervise(spawn, socket, limitMs);
-  if (supervisor < 0) sendReport(socket, {errno, -1});
+  if (supervisor < 0) sendReport(socket, {errno});
   _exit(0);
 }
 
 StartReport awaitReport(int socket) {
-  StartReport report{ECHILD, -1};
+  StartReport report;
   ssize_t got = 0;
   do {
     got = recv(socket, &report, sizeof report, MSG_WAITALL);
   } while (got < 0 && errno == EINTR);
-  return got == sizeof report ? report : StartReport{ECHILD, -1};
+  return got == sizeof report ? report : StartReport{};
 }
 
 }  // namespace

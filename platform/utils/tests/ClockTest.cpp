@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include <chrono>
 #include <csignal>
 #include <ctime>
 
@@ -28,6 +29,12 @@ TEST(Now, IsWallClock) {
   EXPECT_LE(value.tv_sec, time(nullptr) + 1);
   EXPECT_GE(value.tv_usec, 0);
   EXPECT_LT(value.tv_usec, 1000000);
+}
+
+TEST(SleepMs, LastsShortestTime) {
+  const auto before = std::chrono::steady_clock::now();
+  sleepMs(1);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1));
 }
 
 TEST(SleepMs, ReturnsAtOnceForZeroAndNegative) {

@@ -2,12 +2,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
+#include <limits>
 
 #include "Processes.h"
 #include "ProgramLimits.h"
 #include "RunToEnd.h"
 #include "Script.h"
+#include "Watchdog.h"
 #include "kova/utils/Process.h"
 
 namespace kova::utils {
@@ -37,6 +40,23 @@ TEST(ProgramLimits, CallersMayOnlyShortenToolLimit) {
   EXPECT_EQ(timeLimit("/bin/cfgmtd", 100), 100U);
   EXPECT_EQ(timeLimit("/bin/cfgmtd", 100'000), 60'000U);
   EXPECT_EQ(timeLimit("/bin/anything", 100'000), 100'000U);
+}
+
+TEST(WatchdogTest, PollEndsWhenSignalIsDue) {
+  constexpr pid_t kNoGroup = std::numeric_limits<pid_t>::max();
+  const std::string program = "/bin/anything";
+  Watchdog patient(kNoGroup, program, kLongMs, 0);
+  patient.check();
+  EXPECT_FALSE(patient.expired());
+  EXPECT_EQ(patient.pollTimeout(7), 7);
+  EXPECT_LE(patient.pollTimeout(INT_MAX), static_cast<int>(kLongMs));
+  for (const unsigned graceMs : {0U, kLongMs}) {
+    Watchdog watchdog(kNoGroup, program, 0, graceMs);
+    EXPECT_EQ(watchdog.pollTimeout(7), 0);
+    watchdog.check();
+    EXPECT_TRUE(watchdog.expired());
+    EXPECT_EQ(watchdog.pollTimeout(7), 7) << "the next signal comes later, or none";
+  }
 }
 
 /// A script that starts a child that ignores SIGTERM, writes its id and hangs.

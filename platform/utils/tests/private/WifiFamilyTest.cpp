@@ -13,18 +13,35 @@ namespace kova::utils {
 namespace {
 
 constexpr int kNoDriver = -1;
+constexpr std::uint32_t kClient = 4;  // an interface; the one before is an access point
 
 /// The family id of the loaded driver.
 int loaded = kNoDriver;
 int lookups = 0;
+bool answers = true;
 
-NlMessage accessPoint() {
+NlMessage interfaceAnswer(std::uint32_t index) {
   NlMessage message(nlmsg_alloc());
   genlmsg_put(message.get(), 0, 0, loaded, 0, 0, NL80211_CMD_NEW_INTERFACE, 0);
-  nla_put_u32(message.get(), NL80211_ATTR_IFINDEX, 3);
-  nla_put_string(message.get(), NL80211_ATTR_IFNAME, "wlan0");
-  nla_put_u32(message.get(), NL80211_ATTR_IFTYPE, NL80211_IFTYPE_AP);
+  nla_put_u32(message.get(), NL80211_ATTR_IFINDEX, index);
+  nla_put_string(message.get(), NL80211_ATTR_IFNAME, ("wlan" + std::to_string(index)).c_str());
+  nla_put_u32(message.get(), NL80211_ATTR_IFTYPE,
+              index == kClient ? NL80211_IFTYPE_STATION : NL80211_IFTYPE_AP);
   return message;
+}
+
+NlMessage stationAnswer() {
+  NlMessage message(nlmsg_alloc());
+  genlmsg_put(message.get(), 0, 0, loaded, 0, 0, NL80211_CMD_NEW_STATION, 0);
+  nlattr* info = nla_nest_start(message.get(), NL80211_ATTR_STA_INFO);
+  nla_put_u8(message.get(), NL80211_STA_INFO_SIGNAL, static_cast<std::uint8_t>(-57));
+  nla_nest_end(message.get(), info);
+  return message;
+}
+
+bool isAboutClient(nlmsghdr* request) {
+  const nlattr* index = nlmsg_find_attr(request, GENL_HDRLEN, NL80211_ATTR_IFINDEX);
+  return index != nullptr && nla_get_u32(index) == kClient;
 }
 
 }  // namespace
@@ -42,9 +59,16 @@ NlMessage Netlink::dump(int family, std::uint8_t command) {
 
 // Like the kernel, acknowledges a request to family 0, which is none, without any answer.
 bool Netlink::ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
-  const int family = nlmsg_hdr(request)->nlmsg_type;
-  if (family == loaded) onAnswer(nlmsg_hdr(accessPoint().get()));
-  return family == loaded || family == 0;
+  nlmsghdr* const header = nlmsg_hdr(request);
+  if (header->nlmsg_type != loaded || !answers) return header->nlmsg_type == 0;
+  if (genlmsg_hdr(header)->cmd == NL80211_CMD_GET_INTERFACE) {
+    for (const std::uint32_t index : {kClient - 1, kClient}) {
+      onAnswer(nlmsg_hdr(interfaceAnswer(index).get()));
+    }
+  } else if (isAboutClient(header)) {
+    onAnswer(nlmsg_hdr(stationAnswer().get()));
+  }
+  return true;
 }
 
 namespace {
@@ -57,27 +81,33 @@ class WifiFamilyTest : public testing::Test {
   }
   void TearDown() override { umount2("/sys/class", MNT_DETACH); }
 
-  static int count() {
-    WiFiStats stats{};
-    return GetWiFiStats(&stats) == 0 ? stats.count : -1;
-  }
+  static int count() { return GetWiFiStats(&stats) == 0 ? stats.count : -1; }
+
+  static inline WiFiStats stats;
 };
 
 // One test, since the id is remembered for the life of the process.
 TEST_F(WifiFamilyTest, IsLookedUpOnceAndAfterReload) {
   loaded = 31;
-  EXPECT_EQ(1, count());
-  EXPECT_EQ(1, count());
+  EXPECT_EQ(2, count());
+  EXPECT_STREQ("wlan3", stats.interfaces[0].name);
+  EXPECT_EQ(-100, stats.interfaces[0].signalDbm) << "an access point has no signal";
+  EXPECT_STREQ("wlan4", stats.interfaces[1].name);
+  EXPECT_EQ(-57, stats.interfaces[1].signalDbm);
+  EXPECT_EQ(2, count());
   EXPECT_EQ(1, lookups);
   loaded = 32;
-  EXPECT_EQ(1, count());
+  EXPECT_EQ(2, count());
   EXPECT_EQ(2, lookups);
+  answers = false;
+  count();
+  EXPECT_EQ(3, lookups) << "only one more attempt";
   loaded = kNoDriver;
   EXPECT_EQ(0, count());
-  EXPECT_EQ(3, lookups);
+  EXPECT_EQ(4, lookups);
   std::filesystem::remove("/sys/class/ieee80211");
   EXPECT_EQ(0, count());
-  EXPECT_EQ(3, lookups) << "without Wi-Fi the kernel would look for a module";
+  EXPECT_EQ(4, lookups) << "without Wi-Fi the kernel would look for a module";
 }
 
 }  // namespace
