@@ -4,7 +4,6 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 
 #include "Spawn.h"
@@ -21,10 +20,7 @@ constexpr char kLogUnit[] = "Process";
 /// exited.
 bool hasEnded(pid_t child) {
   siginfo_t end{};
-  int result = 0;
-  do {
-    result = waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT);
-  } while (result < 0 && errno == EINTR);
+  const int result = waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT);
   return result < 0 || end.si_pid == child;
 }
 
