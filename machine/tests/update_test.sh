@@ -216,14 +216,10 @@ wipe() { fallocate --punch-hole --offset "$(($(start_of "$1") * MIB))" --length 
 written() { stat -c %b "$slots"; } # in sectors of 512 bytes
 has_written() { [ "$(written)" -ge "$1" ] || ! kill -0 "$updating" 2>/dev/null; }
 
-# The kernel inside writes what it has at once, not all of it at the end.
-write_early() { inside sh -c 'echo 2097152 >/proc/sys/vm/dirty_bytes'; }
-
 # cut_while_installing BUNDLE VERSION [SECONDS]: when a random part of the image is in the slot, or so much later.
 cut_while_installing() {
   local goal updating size process
   set_clock
-  write_early
   wipe "${OTHER[$(running_slot)]}"
   size=$(stat -c %s "$work/$2.ext4")
   goal=$(($(written) + 8 + size * (RANDOM % 100) / 100 / 512))
