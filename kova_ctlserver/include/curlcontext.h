@@ -76,9 +76,8 @@ class CurlContext {
   /// @return whether the owner accepted it
   bool HandleReceived(unsigned char* data, unsigned long len);
   /// Reads up to `size` bytes of the file part from the owner.
-  /// @return bytes written; 0 ends the part, CURL_READFUNC_ABORT the transfer, as does an owner
-  /// that
-  ///         claims more than `size`
+  /// @return bytes written; 0 ends the part. CURL_READFUNC_ABORT ends the transfer; an owner that
+  ///         claims more than `size` causes it, too
   unsigned long HandleNeeded(unsigned char* buffer, unsigned long size);
 
   /// Counts one line of a header or trailer.
