@@ -12,9 +12,11 @@
 namespace kova::ctl {
 namespace {
 
-// Whether the bus library has answered itself: after a time-out, or because the connection ended.
+// Whether the bus library may have answered itself, in the name of the bus: after a time-out, or
+// because the connection ended.
 bool isMadeUp(const Objects::Answer& answer) {
-  return answer.sender.empty() && !answer.error.empty();
+  return !answer.error.empty() &&
+         (answer.sender.empty() || answer.sender == "org.freedesktop.DBus");
 }
 
 }  // namespace

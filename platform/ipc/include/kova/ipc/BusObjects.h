@@ -20,7 +20,7 @@ class BusObjects {
   struct Answer {
     std::string error;       ///< D-Bus error name; "" for success
     std::string text;        ///< error message
-    std::string sender;      ///< unique name of who answered; "" for none, as after a time-out
+    std::string sender;      ///< unique name of who answered; the bus or "" after a time-out
     variant::Variant value;  ///< what was returned; empty if nothing
   };
   using Receiver = std::function<void(const Answer&)>;
