@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <iterator>
 #include <map>
-#include <ranges>
 #include <sstream>
 #include <string_view>
 
@@ -100,7 +99,9 @@ std::vector<std::string> installedServices() {
     return runitServices();
   }
   std::vector<std::string> names;
-  std::ranges::copy(unitFiles() | std::views::keys, std::back_inserter(names));
+  for (const auto& [name, enabled] : unitFiles()) {
+    names.push_back(name);
+  }
   return names;
 }
 
