@@ -103,6 +103,23 @@ bool staysUp(const std::string& service) {
   return !started.empty() && File::ReadStringAll(pidFile, later) && later == started;
 }
 
+// runsvdir(8) scans for services every 5 s. When a request to stop has removed the link since, it
+// ends the supervisor, maybe under this start, and the link makes it start another.
+bool startSupervised(const std::string& name, const std::string& service,
+                     std::uint64_t deadlineMs) {
+  while (awaitSupervision(service, deadlineMs - 1000)) {
+    const bool started = runSv("start", service, deadlineMs);
+    if (started && staysUp(service)) return true;
+    if (!isSupervised(service) && nowMs() < deadlineMs) continue;
+    if (started) {
+      KOVA_LOG_IN(kEnable, LOG_ERR, 0, "%s ended as soon as it was started", name.c_str());
+    }
+    return false;
+  }
+  KOVA_LOG_IN(kEnable, LOG_ERR, 0, "No supervisor took up %s", name.c_str());
+  return false;
+}
+
 }  // namespace
 
 bool enableRunitService(const std::string& name) {
@@ -115,17 +132,7 @@ bool enableRunitService(const std::string& name) {
     KOVA_LOG_IN(kEnable, LOG_ERR, errno, "Cannot mark %s to be started", name.c_str());
     return false;
   }
-  // runsvdir(8) scans for new services every 5 s.
-  if (!awaitSupervision(service, deadlineMs - 1000)) {
-    KOVA_LOG_IN(kEnable, LOG_ERR, 0, "No supervisor took up %s", name.c_str());
-    return false;
-  }
-  if (!runSv("start", service, deadlineMs)) return false;
-  if (!staysUp(service)) {
-    KOVA_LOG_IN(kEnable, LOG_ERR, 0, "%s ended as soon as it was started", name.c_str());
-    return false;
-  }
-  return true;
+  return startSupervised(name, service, deadlineMs);
 }
 
 bool disableRunitService(const std::string& name) {
