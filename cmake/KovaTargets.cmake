@@ -21,7 +21,7 @@ endfunction()
 
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
 #
-# A static library. Its public headers, if it has some of its own, stand in the "include" folder beside its
+# A static library. Its public headers, if it has some of its own, lie in the "include" folder beside its
 # CMakeLists.txt.
 function(kova_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
