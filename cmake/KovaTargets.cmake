@@ -3,20 +3,57 @@
 # kova_batches(<target> <option>)
 #
 # Compiles the files of a target together, if the option is on, in half the time: most of what a file costs are templates
-# that its neighbours need, too. What each file calls itself in the log stays its own.
+# that its neighbours need, too. What each file calls itself in the log stays its own. A file with COMPILE_DEFINITIONS or
+# KOVA_ALONE among its properties is compiled alone.
+#
+# CMake's own UNITY_BUILD names files by their absolute paths, so that ccache could not serve one clone by what another has
+# compiled.
 function(kova_batches name option)
-  set_target_properties(${name} PROPERTIES
-    UNITY_BUILD ${${option}} UNITY_BUILD_BATCH_SIZE 12 UNITY_BUILD_UNIQUE_ID KOVA_FILE
-    UNITY_BUILD_CODE_BEFORE_INCLUDE [[
-// NOLINTBEGIN
-#define KOVA_JOIN_(A, B) A##B
-#define KOVA_JOIN(A, B) KOVA_JOIN_(A, B)
-#define kLogIdentity KOVA_JOIN(kLogIdentity, KOVA_FILE)
-#define kLogUnit KOVA_JOIN(kLogUnit, KOVA_FILE)]]
-    UNITY_BUILD_CODE_AFTER_INCLUDE [[
+  if(${option}) # once the properties of all files are known
+    cmake_language(EVAL CODE "cmake_language(DEFER CALL kova_write_batches ${name})")
+  endif()
+endfunction()
+
+function(kova_write_batches name)
+  get_target_property(sources ${name} SOURCES)
+  set(batch 0)
+  set(files)
+  foreach(source ${sources})
+    get_source_file_property(alone ${source} KOVA_ALONE)
+    get_source_file_property(definitions ${source} COMPILE_DEFINITIONS)
+    if(NOT alone AND NOT definitions)
+      list(APPEND files ${source})
+    endif()
+    list(LENGTH files count)
+    if(count EQUAL 12)
+      kova_write_batch(${name} ${CMAKE_CURRENT_BINARY_DIR}/batches/${name}_${batch}.cpp ${files})
+      math(EXPR batch "${batch} + 1")
+      set(files)
+    endif()
+  endforeach()
+  if(files)
+    kova_write_batch(${name} ${CMAKE_CURRENT_BINARY_DIR}/batches/${name}_${batch}.cpp ${files})
+  endif()
+  target_compile_options(${name} PRIVATE "SHELL:-iquote ${PROJECT_SOURCE_DIR}")
+endfunction()
+
+function(kova_write_batch name batch)
+  set(text "// NOLINTBEGIN\n")
+  foreach(source ${ARGN})
+    get_filename_component(path ${source} ABSOLUTE)
+    file(RELATIVE_PATH path ${PROJECT_SOURCE_DIR} ${path})
+    string(MAKE_C_IDENTIFIER ${path} file)
+    string(APPEND text "
+#define kLogIdentity kLogIdentity_${file}
+#define kLogUnit kLogUnit_${file}
+#include \"${path}\"
 #undef kLogIdentity
 #undef kLogUnit
-// NOLINTEND]])
+")
+  endforeach()
+  file(CONFIGURE OUTPUT ${batch} CONTENT "${text}// NOLINTEND\n" @ONLY)
+  set_source_files_properties(${ARGN} PROPERTIES HEADER_FILE_ONLY ON)
+  target_sources(${name} PRIVATE ${batch})
 endfunction()
 
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
