@@ -82,6 +82,24 @@ function(kova_test_options name)
   endif()
 endfunction()
 
+# kova_test_library(<name> STATIC|OBJECT SOURCES <file>... [DEPENDS <target>...] [HEADERS <target of kova_test_headers>])
+#
+# What several test programs share; its headers stand beside its CMakeLists.txt.
+function(kova_test_library name type)
+  cmake_parse_arguments(ARG "" "HEADERS" "SOURCES;DEPENDS" ${ARGN})
+  add_library(${name} ${type} ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
+  kova_test_options(${name})
+  kova_batches(${name} KOVA_TEST_BATCHES)
+  if(ARG_HEADERS) # which are compiled as those of a program with GoogleTest
+    target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest)
+    set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+    target_compile_options(${name} PRIVATE -fPIE)
+    target_precompile_headers(${name} REUSE_FROM ${ARG_HEADERS})
+  endif()
+endfunction()
+
 # kova_test_headers(<name> HEADERS <header>... [DEPENDS <target>...])
 #
 # Headers that are compiled once for all test programs that name them: GoogleTest's take more time than most tests.
