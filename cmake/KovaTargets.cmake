@@ -70,11 +70,16 @@ endfunction()
 
 # kova_test_options(<target>)
 #
-# What is tested is built as the preset says; optimising the tests' own code only costs time.
+# What is tested is built as the preset says; optimising the tests' own code only costs time, and so do, in half of what a
+# sanitizer build costs, the checks of undefined behaviour in it. It stays under the address sanitizer.
 function(kova_test_options name)
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    target_compile_options(${name} PRIVATE -fpch-preprocess) # for ccache
+    # The first for ccache; collecting garbage below 1.5 GB would take an eighth of the time.
+    target_compile_options(${name} PRIVATE -fpch-preprocess --param=ggc-min-heapsize=1500000)
+  endif()
+  if(KOVA_SANITIZE)
+    target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
   endif()
   if(KOVA_DEBUG_INFO) # of the tests it would be tens of megabytes each
     target_compile_options(${name} PRIVATE -g0)
