@@ -60,6 +60,10 @@ if(KOVA_SANITIZE)
   add_compile_options(-O1 -g1 -fsanitize=address,undefined -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # A quarter less to compile: accesses are checked by functions, not in line, and garbage is collected from 1.5 GB on.
+    add_compile_options(--param=asan-instrumentation-with-call-threshold=0 --param=ggc-min-heapsize=1500000)
+  endif()
 endif()
 
 if(KOVA_FUZZ)
