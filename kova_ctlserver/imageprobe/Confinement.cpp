@@ -19,6 +19,7 @@
 #include <iterator>
 
 #include "kova/utils/Handle.h"
+#include "kova/utils/UniqueFd.h"
 
 namespace kova::imageprobe {
 namespace {
@@ -89,7 +90,8 @@ bool limit(Resource resource, rlim_t value) {
 /// life, catches one that ignores the signal.
 bool limitProcessorTime() {
   rusage used{};
-  const itimerval timer{{0, 0}, {kProcessorSeconds, 0}};
+  itimerval timer{};
+  timer.it_value.tv_sec = kProcessorSeconds;
   if (getrusage(RUSAGE_SELF, &used) != 0 || signal(SIGPROF, SIG_DFL) == SIG_ERR ||
       setitimer(ITIMER_PROF, &timer, nullptr) != 0) {
     return false;
@@ -118,32 +120,34 @@ bool becomeNobody() {
 /// The picture, opened several times, since each descriptor has its own position.
 struct Picture {
   const char* path = nullptr;
-  int error = 0;
-  std::array<int, 16> descriptors{};
+  std::array<utils::UniqueFd, 16> descriptors;
   std::size_t left = 0;
+  int error = EMFILE;  // of opening it when none is left
 };
 
 Picture picture;
 
+bool isPlain(const utils::UniqueFd& file) {
+  struct stat info {};
+  return fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1;
+}
+
 /// Everyone may write to the folder of the picture, so links and special files are refused, and a
 /// pipe does not block the probe.
-int openPlainFile(const char* path) {
-  const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-  struct stat info {};
-  if (descriptor < 0 ||
-      (fstat(descriptor, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1)) {
-    return descriptor;
+utils::UniqueFd openPlainFile(const char* path) {
+  utils::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  if (file && !isPlain(file)) {
+    file.reset();
+    errno = EPERM;
   }
-  close(descriptor);
-  errno = EPERM;
-  return -1;
+  return file;
 }
 
 void openPicture(const char* path) {
   picture.path = path;
-  for (int& descriptor : picture.descriptors) {
+  for (utils::UniqueFd& descriptor : picture.descriptors) {
     descriptor = openPlainFile(path);
-    if (descriptor < 0) {
+    if (!descriptor) {
       picture.error = errno;
       return;
     }
@@ -157,9 +161,9 @@ int descriptorOf(const char* path) {
     return -EACCES;
   }
   if (picture.left == 0) {
-    return picture.error != 0 ? -picture.error : -EMFILE;
+    return -picture.error;
   }
-  return picture.descriptors[--picture.left];
+  return picture.descriptors[--picture.left].release();
 }
 
 /// Handles SIGSYS, which the filter raises for openat(2).

@@ -14,6 +14,11 @@ class ProbeTest : public ProbeFixture {
     const Ended result = probe(file);
     return result.status == 0 ? result.out : "status " + std::to_string(result.status);
   }
+  /// Runs it in a shell that has run `first`, with its standard error beside its output.
+  static Ended runLoudly(std::vector<std::string> words, const std::string& first = ":") {
+    words.insert(words.begin(), {"/bin/sh", "-c", first + "; exec \"$0\" \"$@\" 2>&1"});
+    return run(words);
+  }
   static std::string picture(int width, int height) {
     return encode(".png", noise(width, height, CV_8UC3));
   }
@@ -28,7 +33,7 @@ TEST_F(ProbeTest, ReportsSizeOfPicture) {
 }
 
 TEST_F(ProbeTest, OtherFilesAreEmptyPictures) {
-  EXPECT_EQ(said(file_), kEmptyLine) << "there is no file";
+  EXPECT_EQ(runLoudly({KOVA_IMAGEPROBE, file_}).out, kEmptyLine) << "there is no file";
   const std::string good = picture(64, 48);
   for (const std::string& content : {std::string(), std::string("no picture"), good.substr(0, 20),
                                      std::string(100'000, '\xff'), "x" + good}) {
@@ -61,9 +66,20 @@ TEST_F(ProbeTest, PlantedFileIsEmpty) {
   EXPECT_EQ(said(file_), greyLine(64, 48));
 }
 
+TEST_F(ProbeTest, UnconfinedProbeDecodesNothing) {
+  write(picture(64, 48));
+  const Ended result = runLoudly({KOVA_IMAGEPROBE, file_}, "ulimit -d 200000");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out,
+            "kova_imageprobe: cannot give up its privileges: Operation not permitted\n");
+}
+
 TEST_F(ProbeTest, TakesExactlyOneFile) {
-  EXPECT_EQ(run({KOVA_IMAGEPROBE}).status, 2);
-  EXPECT_EQ(run({KOVA_IMAGEPROBE, file_, file_}).status, 2);
+  for (const Ended& result :
+       {runLoudly({KOVA_IMAGEPROBE}), runLoudly({KOVA_IMAGEPROBE, file_, file_})}) {
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "usage: kova_imageprobe FILE\n");
+  }
 }
 
 }  // namespace

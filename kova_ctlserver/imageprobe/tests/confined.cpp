@@ -22,13 +22,23 @@
 
 /// Gives up its privileges as the probe does and then tries one thing:
 ///
-///   confined ACT PATH
+///   confined ACT PATH [USER GROUPS GROUP NOBODY]
+///
+/// With four more arguments it takes itself for that user, only prints its calls of setgroups(2),
+/// setresgid(2) and setresuid(2), and has them fail with these error numbers.
 ///
 /// Exit status 0 when that worked, 1 when it was refused, 2 for wrong usage, 3 when the process
 /// could not be confined; death by SIGSYS where it is not even to be tried.
 namespace {
 
 using Act = bool (*)(const char* path);
+
+std::vector<unsigned> answers;
+
+int answer(std::size_t call) {
+  errno = static_cast<int>(answers[call]);
+  return errno == 0 ? 0 : -1;
+}
 
 bool opens(const char* path, int flags) {
   return open(path, flags, 0644) >= 0;
@@ -42,6 +52,19 @@ bool reads(const char* path) {
   return got == 7 && std::memcmp(content, "content", 7) == 0;
 }
 
+bool readsTimes(const char* path, int times) {
+  while (times > 0 && reads(path)) {
+    --times;
+  }
+  return times == 0;
+}
+
+bool isLimited(decltype(RLIMIT_DATA) resource, rlim_t value) {
+  rlimit present{};
+  return getrlimit(resource, &present) == 0 && present.rlim_cur == value &&
+         present.rlim_max == value;
+}
+
 bool spin(const char*) {
   for (volatile unsigned turns = 0;;) {
     turns = turns + 1;
@@ -51,16 +74,8 @@ bool spin(const char*) {
 const std::map<std::string, Act> kActs = {
     {"nothing", [](const char*) { return true; }},
     {"read", [](const char* path) { return reads(path); }},
-    {"read-again", [](const char* path) { return reads(path) && reads(path); }},
-    {"read-on-and-on",
-     [](const char* path) {
-       for (int i = 0; i < 1000; ++i) {
-         if (!reads(path)) {
-           return false;
-         }
-       }
-       return true;
-     }},
+    {"read-again", [](const char* path) { return readsTimes(path, 16); }},
+    {"read-on-and-on", [](const char* path) { return readsTimes(path, 17); }},
     {"read-another-file", [](const char*) { return opens("/etc/hostname", O_RDONLY); }},
     {"read-folder", [](const char*) { return opens("/", O_RDONLY | O_DIRECTORY); }},
     {"own", [](const char*) { return fcntl(STDOUT_FILENO, F_SETOWN, getppid()) == 0; }},
@@ -121,10 +136,10 @@ const std::map<std::string, Act> kActs = {
        const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
        return setrlimit(RLIMIT_FSIZE, &none) == 0;
      }},
-    {"look-at-limit",
+    {"look-at-limits",
      [](const char*) {
-       rlimit present{};
-       return getrlimit(RLIMIT_FSIZE, &present) == 0 && present.rlim_max == 0;
+       return isLimited(RLIMIT_DATA, 256UL << 20U) && isLimited(RLIMIT_FSIZE, 0) &&
+              isLimited(RLIMIT_CORE, 0) && isLimited(RLIMIT_NPROC, 0) && isLimited(RLIMIT_CPU, 3);
      }},
     {"memory",
      [](const char*) {
@@ -146,8 +161,47 @@ const std::map<std::string, Act> kActs = {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+uid_t __real_geteuid();
+uid_t __wrap_geteuid() {
+  return answers.empty() ? __real_geteuid() : answers[0];
+}
+
+int __real_setgroups(std::size_t count, const gid_t* groups);
+int __wrap_setgroups(std::size_t count, const gid_t* groups) {
+  if (answers.empty()) {
+    return __real_setgroups(count, groups);
+  }
+  std::printf("groups %zu\n", count);
+  return answer(1);
+}
+
+int __real_setresgid(gid_t real, gid_t effective, gid_t saved);
+int __wrap_setresgid(gid_t real, gid_t effective, gid_t saved) {
+  if (answers.empty()) {
+    return __real_setresgid(real, effective, saved);
+  }
+  std::printf("group %u %u %u\n", real, effective, saved);
+  return answer(2);
+}
+
+int __real_setresuid(uid_t real, uid_t effective, uid_t saved);
+int __wrap_setresuid(uid_t real, uid_t effective, uid_t saved) {
+  if (answers.empty()) {
+    return __real_setresuid(real, effective, saved);
+  }
+  std::printf("user %u %u %u\n", real, effective, saved);
+  return answer(3);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
 int main(int argc, char** argv) {
-  const auto act = argc == 3 ? kActs.find(argv[1]) : kActs.end();
+  const auto act = argc == 3 || argc == 7 ? kActs.find(argv[1]) : kActs.end();
+  for (int i = 3; i < argc; ++i) {
+    answers.push_back(static_cast<unsigned>(std::stoul(argv[i])));
+  }
   if (act == kActs.end()) {
     return 2;
   }

@@ -48,13 +48,12 @@ bool BaseButton::init(const variant::CameraInfo* info, IButtonEventsObserver* ob
   line_ = name_.empty() ? nullptr : InputLine::of(name_);
   activeLow_ = line.activeLow;
   observer_ = observer;
-  intervalMs_ = static_cast<std::uint64_t>(std::max(intervalMs, 0));
+  intervalMs_ = intervalMs;
   pressed_ = false;
   candidate_ = false;
   readable_ = true;
   if (line_ != nullptr) {
-    bool ignored = false;
-    sample(ignored, utils::nowMs());
+    sample(utils::nowMs());
   }
   return true;
 }
@@ -67,11 +66,11 @@ bool BaseButton::service() {
   if (endUnseenPress(now) || !isDue(now)) {
     return true;
   }
-  bool pressed = false;
-  if (!sample(pressed, now)) {
+  const std::optional<bool> pressed = sample(now);
+  if (!pressed) {
     return false;
   }
-  debounce(pressed, now);
+  debounce(*pressed, now);
   reportHeld(now);
   return true;
 }
@@ -83,13 +82,12 @@ bool BaseButton::isDue(std::uint64_t now) const {
   return pressed_ || candidate_ || now - triedAt_ >= kIdleSampleMs;
 }
 
-bool BaseButton::sample(bool& pressed, std::uint64_t now) {
+std::optional<bool> BaseButton::sample(std::uint64_t now) {
   triedAt_ = now;
   bool high = false;
   const bool readable = line_->read(high);
   if (readable) {
     sampledAt_ = now;
-    pressed = high != activeLow_;
   } else {
     if (readable_) {
       KOVA_LOG(LOG_ERR, errno, "Cannot read the button at %s", name_.c_str());
@@ -100,7 +98,7 @@ bool BaseButton::sample(bool& pressed, std::uint64_t now) {
     KOVA_LOG(LOG_INFO, 0, "The button at %s can be read again", name_.c_str());
   }
   readable_ = readable;
-  return readable;
+  return readable ? std::optional(high != activeLow_) : std::nullopt;
 }
 
 // True if there was one; `now` is then outdated, since the observer may take a while.
@@ -139,7 +137,7 @@ void BaseButton::debounce(bool pressed, std::uint64_t now) {
 
 void BaseButton::reportHeld(std::uint64_t now) {
   // Not while the line is open: this may be the release, which is timed by its first open sample.
-  if (pressed_ && candidate_ && now - lastReport_ >= intervalMs_) {
+  if (pressed_ && candidate_ && heldTime(lastReport_, now) >= intervalMs_) {
     lastReport_ = now;
     observer_->buttonDepressed(heldTime(pressedSince_, now));
   }

@@ -46,6 +46,8 @@ TEST_F(ChipLineTest, LineIsFoundByItsName) {
   fakeChips[1].high[0] = true;
   EXPECT_EQ(level("reset"), 1);
   EXPECT_EQ(level("status"), 0);
+  fakeChips[1].names = {":1"};
+  EXPECT_EQ(level(":1"), 1) << "no label";
 }
 
 TEST_F(ChipLineTest, OrderOfChipsDoesNotMatter) {

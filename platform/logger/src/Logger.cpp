@@ -28,7 +28,7 @@ std::string escapeControls(const char* text) {
     if (byte >= 0x20 && byte != 0x7f) {
       escaped.push_back(*p);
     } else {
-      char code[5];
+      char code[sizeof "\\xff"];
       std::snprintf(code, sizeof code, "\\x%02x", byte);
       escaped += code;
     }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <limits>
 #include <utility>
 
 namespace kova::logger {
@@ -90,7 +89,7 @@ void Repeats::count(const Line& line) {
                                   [&](const Counted& candidate) { return candidate.line == line; });
   if (known == counted_.end()) {
     counted_.push_back({line, 1});
-  } else if (known->times < std::numeric_limits<int>::max()) {
+  } else {
     ++known->times;
   }
 }

@@ -12,8 +12,10 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iomanip>
 #include <limits>
 #include <mutex>
+#include <sstream>
 
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
@@ -36,15 +38,12 @@ struct Label {
 /// The time in the format of syslogd: "Nov  2 07:09:05". Not strftime(3), which localizes the
 /// month.
 std::string timestamp() {
-  constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                     "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   const time_t seconds = utils::now().tv_sec;
   tm local{};
   localtime_r(&seconds, &local);
-  std::array<char, 64> text;
-  std::snprintf(text.data(), text.size(), "%s %2d %02d:%02d:%02d", kMonths[local.tm_mon % 12],
-                local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-  return text.data();
+  std::ostringstream text;
+  text << std::put_time(&local, "%b %e %T");
+  return text.str();
 }
 
 /// The connection to the system log. Most implementations of syslogd listen for datagrams, some for
@@ -110,7 +109,8 @@ class Connection {
   /// False if the record was not sent; closes the connection unless it is merely full.
   bool put(const std::string& record) {
     Outcome outcome = tryPut(record);
-    if (outcome == Outcome::Full && waitForRoom()) {
+    if (outcome == Outcome::Full) {
+      waitForRoom();
       outcome = tryPut(record);
     }
     if (outcome == Outcome::Lost) {
@@ -126,19 +126,18 @@ class Connection {
     if (sent == static_cast<ssize_t>(size)) {
       return Outcome::Taken;
     }
-    return sent < 0 && (errno == EAGAIN || errno == ENOBUFS) ? Outcome::Full : Outcome::Lost;
+    return sent == -1 && (errno == EAGAIN || errno == ENOBUFS) ? Outcome::Full : Outcome::Lost;
   }
 
-  bool waitForRoom() {
+  void waitForRoom() {
     const std::uint64_t begin = utils::nowMs();
     if (begin - budgetBegin_ >= kBudgetPeriodMs) {
       budgetBegin_ = begin;
       budgetMs_ = kBudgetMs;
     }
-    pollfd room{fd_.get(), POLLOUT, 0};
-    const bool found = budgetMs_ > 0 && poll(&room, 1, static_cast<int>(budgetMs_)) > 0;
+    pollfd room{fd_.get(), POLLOUT, {}};
+    poll(&room, 1, static_cast<int>(budgetMs_));
     budgetMs_ -= std::min(budgetMs_, utils::nowMs() - begin);
-    return found;
   }
 
   Label label_;

@@ -76,8 +76,11 @@ TEST_F(LoggerTest, ErrorNumberIsExplainedAtEnd) {
 }
 
 TEST_F(LoggerTest, FormatDirectivesInTextAreLiteral) {
-  log("100%s %n %%");
-  EXPECT_EQ(text(), "100%s %n %%");
+  for (const char* literal : {"100%s %n %%", ""}) {
+    records.clear();
+    log(literal);
+    EXPECT_EQ(text(), literal);
+  }
 }
 
 TEST_F(LoggerTest, ControlCharactersCannotStartNewLine) {
@@ -109,6 +112,17 @@ TEST_F(LoggerTest, RepetitionsAreCountedUntilAnotherLine) {
   EXPECT_EQ(records[17].text, "kova_test LoggerTest.f:1: again ... repeated 2 times");
   EXPECT_EQ(records[17].priority, LOG_ERR);
   EXPECT_TRUE(records[18].text.ends_with(": other"));
+}
+
+TEST_F(LoggerTest, FlushWritesCountsAfterOneSecond) {
+  for (int i = 0; i < 17 + 2; ++i) {
+    log("again");
+  }
+  flushRepeats();
+  EXPECT_EQ(records.size(), 17U);
+  turnedMs += 1000;
+  flushRepeats();
+  EXPECT_EQ(records.size(), 18U);
 }
 
 TEST_F(LoggerTest, SameTextFromAnotherPlaceIsNotRepetition) {

@@ -21,15 +21,13 @@ std::uint64_t freshMessageId() {
   return (nanoseconds & 0xFFFFFFFFFFFFU) | (process << 48U);
 }
 
-const Variant* BaseMessage::valid(std::string_view key, VariantClass mask) {
-  ensureMap();
+const Variant* BaseMessage::valid(std::string_view key, VariantClass mask) const {
   const Variant* value = find(key);
   return value != nullptr && value->is(mask) ? value : nullptr;
 }
 
 void BaseMessage::store(std::string_view key, Variant value) {
-  ensureMap();
-  (*this)[key] = std::move(value);
+  (*this)[key] = std::move(value);  // kept: 27
 }
 
 bool BaseMessage::read(const Flag& field) {
@@ -55,7 +53,8 @@ std::string BaseMessage::read(const Text& field) {
 }
 
 std::string BaseMessage::read(const Forced& field) {  // kept: 26
-  return readChoice(field.key, field.value, {&field.value, 1});
+  store(field.key, field.value);
+  return std::string(field.value);
 }
 
 timeval BaseMessage::read(const Timestamp& field) {
@@ -76,7 +75,6 @@ Variant BaseMessage::read(const Container& field) {
 }
 
 Variant BaseMessage::read(const Anything& field) {
-  ensureMap();
   return (*this)[field.key];
 }
 
@@ -90,14 +88,13 @@ std::string BaseMessage::readChoice(std::string_view key, std::string_view fallb
 }
 
 std::string_view BaseMessage::canonical(const std::string& value, Allowed allowed) {
-  for (std::size_t i = 0; i < allowed.count; ++i) {
-    const std::string_view entry = allowed.first[i];
+  for (const std::string_view entry : allowed) {
     if (entry.size() == value.size() &&
         strncasecmp(entry.data(), value.data(), entry.size()) == 0) {
       return entry;
     }
   }
-  return allowed.first[0];  // kept: 21
+  return allowed.front();  // kept: 21
 }
 
 void BaseMessage::NormalizeFields() {

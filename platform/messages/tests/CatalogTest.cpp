@@ -62,6 +62,7 @@ TEST(Catalog, GivesTypeDefaultRangeAndAllowedValues) {
   EXPECT_EQ(timelapse.type, "int32");
   EXPECT_EQ(timelapse.fallback, "-1");
   EXPECT_EQ(timelapse.range, "-1..1");
+  EXPECT_EQ(fieldOf("GetRequest", "timeoutMs").range, "");
   EXPECT_EQ(fieldOf("PutRequest", "what").allowed,
             (std::vector<std::string>{"logo", "sound", "_UNINITIALIZED_"}));
 }

@@ -1,5 +1,6 @@
 #include "kova/network/Network.h"
 
+#include <array>
 #include <cstdint>
 #include <limits>
 
@@ -13,64 +14,44 @@ namespace {
 constexpr std::uint32_t kUp = 0x0001;      // RTF_UP of route.h
 constexpr std::uint32_t kReject = 0x0200;  // RTF_REJECT
 
-using utils::nextLine;
-using utils::nextWord;
-
-void skipWords(std::string_view& rest, int count) {
-  for (int i = 0; i < count; ++i) nextWord(rest);
-}
-
-bool nextNumber(std::string_view& rest, int base, std::uint32_t& value) {
-  return utils::parseNumber(nextWord(rest), value, base);
-}
-
-struct Route {
-  std::string_view interface;
-  std::uint32_t flags = 0;
-  std::uint32_t metric = 0;
-  bool isDefault = false;
+/// Where a table of routes has its words.
+struct Table {
+  std::size_t interface;
+  std::size_t mask;  // all zero in a default route
+  std::size_t flags;
+  std::size_t metric;
 };
 
-/// Interface, destination, gateway, flags, references, uses, metric, mask, ...
-bool parseIpv4(std::string_view line, Route& route) {
-  std::uint32_t destination = 0;
-  std::uint32_t mask = 0;
-  route.interface = nextWord(line);
-  if (!nextNumber(line, 16, destination)) return false;
-  skipWords(line, 1);
-  if (!nextNumber(line, 16, route.flags)) return false;
-  skipWords(line, 2);
-  if (!nextNumber(line, 10, route.metric) || !nextNumber(line, 16, mask)) return false;
-  route.isDefault = destination == 0 && mask == 0;
-  return true;
+// Interface, destination, gateway, flags, references, uses, metric, mask, ...
+constexpr Table kIpv4{0, 7, 3, 6};
+// Destination, its prefix length, source, its prefix length, next hop, metric, references, uses,
+// flags, interface.
+constexpr Table kIpv6{9, 1, 8, 5};
+
+std::array<std::string_view, 10> wordsOf(std::string_view line) {
+  std::array<std::string_view, 10> words;
+  for (std::string_view& word : words) word = utils::nextWord(line);
+  return words;
 }
 
-/// Destination, its prefix length, source, its prefix length, next hop, metric, references, uses,
-/// flags, interface.
-bool parseIpv6(std::string_view line, Route& route) {
-  std::uint32_t prefixLength = 0;
-  skipWords(line, 1);
-  if (!nextNumber(line, 16, prefixLength)) return false;
-  skipWords(line, 3);
-  if (!nextNumber(line, 16, route.metric)) return false;
-  skipWords(line, 2);
-  if (!nextNumber(line, 16, route.flags)) return false;
-  route.interface = nextWord(line);
-  route.isDefault = prefixLength == 0;
-  return true;
+// The metrics of IPv4 are decimal, but keep their order.
+bool parseHex(std::string_view word, std::uint64_t& value) {
+  return utils::parseNumber(word, value, 16);
 }
 
-template <typename Parse>
-std::string bestDefault(std::string_view routes, Parse parse) {
+std::string bestDefault(std::string_view routes, const Table& table) {
   std::string_view best;
   std::uint64_t bestMetric = std::numeric_limits<std::uint64_t>::max();
   while (!routes.empty()) {
-    Route route;
-    if (!parse(nextLine(routes), route)) continue;  // skips the header line, too
-    if (!route.isDefault || (route.flags & (kUp | kReject)) != kUp) continue;
-    if (route.metric < bestMetric) {
-      best = route.interface;
-      bestMetric = route.metric;
+    const auto words = wordsOf(utils::nextLine(routes));
+    std::uint64_t mask{};
+    std::uint64_t flags{};
+    std::uint64_t metric{};
+    if (parseHex(words[table.mask], mask) && mask == 0 && parseHex(words[table.flags], flags) &&
+        (flags & (kUp | kReject)) == kUp && parseHex(words[table.metric], metric) &&
+        metric < bestMetric) {
+      best = words[table.interface];
+      bestMetric = metric;
     }
   }
   return std::string(best);
@@ -79,8 +60,8 @@ std::string bestDefault(std::string_view routes, Parse parse) {
 }  // namespace
 
 std::string defaultInterface(std::string_view ipv4Routes, std::string_view ipv6Routes) {
-  std::string interface = bestDefault(ipv4Routes, parseIpv4);
-  return interface.empty() ? bestDefault(ipv6Routes, parseIpv6) : interface;
+  std::string interface = bestDefault(ipv4Routes, kIpv4);
+  return interface.empty() ? bestDefault(ipv6Routes, kIpv6) : interface;
 }
 
 std::string guessDefaultInterface() {

@@ -2,13 +2,28 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
+#include "../../utils/tests/TemporaryFolder.h"
 #include "Routes.h"
+
+namespace {
+std::string procNet;  // in place of /proc/net
+}
+
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+int __real_open(const char* path, int flags, ...);
+int __wrap_open(const char* path, int flags, ...) {
+  const std::string given = path;
+  EXPECT_TRUE(given.starts_with("/proc/net/")) << given;
+  return __real_open((procNet + given.substr(given.rfind('/'))).c_str(), flags);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::network {
 namespace {
+
+const std::string kZero(32, '0');
 
 constexpr const char* kIpv4Heading =
     "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
@@ -43,30 +58,31 @@ TEST(DefaultInterface, SkipsRoutesToHalfOfAddressSpace) {
                     ipv4("tun0\t00000000\t010200C0\t0003\t0\t0\t0\t00000080\t0\t0\t0\n"), ""));
 }
 
-TEST(DefaultInterface, ComesFromIpv6OnlyWithoutIpv4Route) {
-  const std::string zero(32, '0');
-  const std::string ipv6 =
-      "fe80" + std::string(28, '0') + " 40 " + zero + " 00 " + zero +
-      " 00000100 00000001 00000000 00000001     eth1\n" + zero + " 00 " + zero + " 00 " + zero +
-      " ffffffff 00000001 00000000 00200200       lo\n" + zero + " 00 " + zero +
-      " 00 fd000000000000000000000000000001" + " 00000400 00000002 00000000 00000003     eth2\n";
-  EXPECT_EQ("eth2", defaultInterface(ipv4(""), ipv6));
-  EXPECT_EQ(
-      "eth0",
-      defaultInterface(ipv4("eth0\t00000000\t010200C0\t0003\t0\t0\t9\t00000000\t0\t0\t0\n"), ipv6));
+const std::string kIpv6 =
+    "fe80" + std::string(28, '0') + " 40 " + kZero + " 00 " + kZero +
+    " 00000100 00000001 00000000 00000001     eth1\n" +  // no default
+    kZero + " 01 " + kZero + " 00 " + kZero +
+    " 00000100 00000001 00000000 00000003     tun0\n" +  // half of the address space
+    kZero + " 00 " + kZero + " 00 " + kZero +
+    " ffffffff 00000001 00000000 00200200       lo\n" +  // rejects
+    kZero + " 00 " + kZero + " 00 fd000000000000000000000000000001" +
+    " 00000400 00000002 00000000 00450003     eth2\n" + kZero + " 00 " + kZero +
+    " 00 fd000000000000000000000000000002" + " 00000800 00000001 00000000 00450003     eth3\n";
+
+TEST(GuessDefaultInterface, ComesFromIpv6OnlyWithoutIpv4Route) {
+  const tests::TemporaryFolder folder;
+  procNet = folder.path();
+  tests::writeText(folder / "route", ipv4(""));
+  tests::writeText(folder / "ipv6_route", kIpv6);
+  EXPECT_EQ("eth2", guessDefaultInterface());
+  tests::writeText(folder / "route",
+                   ipv4("eth0\t00000000\t010200C0\t0003\t0\t0\t9\t00000000\t0\t0\t0\n"));
+  EXPECT_EQ("eth0", guessDefaultInterface());
 }
 
 TEST(DefaultInterface, SurvivesGarbage) {
   EXPECT_EQ("", defaultInterface("", ""));
   EXPECT_EQ("", defaultInterface("eth0\n\n\teth0 x y z\n", "00 00\nzz"));
-}
-
-TEST(GuessDefaultInterface, AgreesWithRoutesOfThisMachine) {
-  std::ifstream ipv4Routes("/proc/net/route");
-  std::ifstream ipv6Routes("/proc/net/ipv6_route");
-  const std::string ipv4Text{std::istreambuf_iterator<char>(ipv4Routes), {}};
-  const std::string ipv6Text{std::istreambuf_iterator<char>(ipv6Routes), {}};
-  EXPECT_EQ(defaultInterface(ipv4Text, ipv6Text), guessDefaultInterface());
 }
 
 }  // namespace

@@ -5,8 +5,10 @@
 namespace kova::syscfg::internal {
 namespace {
 
+using namespace std::string_view_literals;
+
 constexpr char kSpace[] = " \t\n\v\f\r";
-constexpr std::string_view kBreaks{"\r\n\0", 3};
+constexpr std::string_view kBreaks = "\r\n\0"sv;
 
 ConfigLine parseLine(std::string_view line) {
   const std::size_t equals = line.find('=');

@@ -45,14 +45,13 @@ bool replaceStore(const std::string& text) {
 }  // namespace
 
 bool SystemCfgManager::init() {
-  open_ = false;
   std::string text;
-  if (!utils::File::ReadStringAll(kStore, text, kMaxStore)) {
+  open_ = utils::File::ReadStringAll(kStore, text, kMaxStore);
+  if (!open_) {
     KOVA_LOG(LOG_ERR, errno, "Cannot read %s", kStore);
     return false;
   }
   lines_ = internal::parseConfig(text);
-  open_ = true;
   return true;
 }
 

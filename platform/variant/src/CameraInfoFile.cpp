@@ -20,7 +20,8 @@ bool CameraInfo::Init() {
     return false;
   }
   Variant description;
-  if (FromJSON(text, description) < 0 || !description.isMap()) {
+  FromJSON(text, description);  // leaves it empty on failure
+  if (!description.isMap()) {
     KOVA_LOG(LOG_ERR, 0, "%s does not hold a JSON object", kDescription);
     return false;
   }

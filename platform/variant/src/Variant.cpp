@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -179,11 +180,9 @@ Variant Variant::masked() const {
     return masked;
   }
   if (IsArray()) {
-    Array masked;
-    masked.reserve(items().size());
-    for (const Variant& item : items()) {
-      masked.push_back(item.masked());
-    }
+    Array masked(items().size());
+    std::transform(items().begin(), items().end(), masked.begin(),
+                   [](const Variant& item) { return item.masked(); });
     return masked;
   }
   return *this;

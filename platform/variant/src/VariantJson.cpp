@@ -17,7 +17,7 @@ std::string rfc3339(timeval time) {
   }
   char day[48];
   const std::size_t length = strftime(day, sizeof day, "%Y-%m-%dT%H:%M:%S", &broken);
-  char micro[32];
+  char micro[sizeof ".-9223372036854775808Z"];
   std::snprintf(micro, sizeof micro, ".%06ldZ", static_cast<long>(time.tv_usec));
   return std::string(day, length) + micro;
 }

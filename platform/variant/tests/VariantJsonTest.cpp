@@ -29,6 +29,7 @@ TEST(VariantJson, IntegerTakesSmallestSufficientWidth) {
   EXPECT_EQ(parsed("2147483648"), Variant(std::int64_t{2147483648}));
   EXPECT_EQ(parsed("-2147483648"), Variant(std::numeric_limits<std::int32_t>::min()));
   EXPECT_EQ(parsed("-2147483649"), Variant(std::int64_t{-2147483649}));
+  EXPECT_EQ(parsed("9223372036854775807"), Variant(std::numeric_limits<std::int64_t>::max()));
   EXPECT_EQ(parsed("9223372036854775808"), Variant(std::uint64_t{9223372036854775808U}));
   EXPECT_EQ(parsed("18446744073709551615"), Variant(std::numeric_limits<std::uint64_t>::max()));
   EXPECT_EQ(parsed("18446744073709551616"), Variant(18446744073709551616.0));

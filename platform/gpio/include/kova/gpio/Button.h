@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "kova/gpio/InputLine.h"
@@ -64,7 +65,7 @@ class BaseButton {
 
  private:
   bool isDue(std::uint64_t now) const;
-  bool sample(bool& pressed, std::uint64_t now);
+  std::optional<bool> sample(std::uint64_t now);  // whether pressed; empty if it cannot be read
   bool endUnseenPress(std::uint64_t now);
   void debounce(bool pressed, std::uint64_t now);
   void reportHeld(std::uint64_t now);
@@ -74,7 +75,7 @@ class BaseButton {
   std::unique_ptr<InputLine> line_;
   bool readable_ = true;  // at the last attempt to read it
   bool activeLow_ = true;
-  std::uint64_t intervalMs_ = 0;
+  int intervalMs_ = 0;
   bool pressed_ = false;         // the debounced level
   bool candidate_ = false;       // the most recent sample
   std::uint64_t triedAt_ = 0;    // time of the last attempt to read the line

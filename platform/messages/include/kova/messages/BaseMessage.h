@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -48,7 +49,7 @@ class BaseMessage : public variant::BaseVariantContainer {
   std::string read(const Text& field);
   template <std::size_t kCount>
   std::string read(const Choice<kCount>& field) {
-    return readChoice(field.key, field.fallback, {field.allowed.data(), kCount});
+    return readChoice(field.key, field.fallback, field.allowed);
   }
   std::string read(const Forced& field);
   timeval read(const Timestamp& field);
@@ -62,7 +63,7 @@ class BaseMessage : public variant::BaseVariantContainer {
   }
   template <std::size_t kCount>
   void write(const Choice<kCount>& field, const std::string& value) {
-    store(field.key, canonical(value, {field.allowed.data(), kCount}));
+    store(field.key, canonical(value, field.allowed));
   }
   void write(const Forced& field, const std::string&) { store(field.key, field.value); }
 
@@ -86,13 +87,10 @@ class BaseMessage : public variant::BaseVariantContainer {
     return value.toNumber<T>();
   }
 
-  struct Allowed {
-    const std::string_view* first;
-    std::size_t count;
-  };
+  using Allowed = std::span<const std::string_view>;
 
   /// The value under `key` if its type belongs to `mask`, else null.
-  const variant::Variant* valid(std::string_view key, variant::VariantClass mask);
+  const variant::Variant* valid(std::string_view key, variant::VariantClass mask) const;
   void store(std::string_view key, variant::Variant value);
   std::string readChoice(std::string_view key, std::string_view fallback, Allowed allowed);
   static std::string_view canonical(const std::string& value, Allowed allowed);

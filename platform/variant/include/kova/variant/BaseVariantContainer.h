@@ -15,11 +15,11 @@ class BaseVariantContainer : public Variant {
 
   /// Repairs the value in place so that every key of the schema has a value of the right type.
   /// Never fails; idempotent.
-  virtual void NormalizeFields() { ensureMap(); }
-
- protected:
-  /// Replaces a top-level value that is not a container by an empty map.
-  void ensureMap();
+  virtual void NormalizeFields() {
+    if (!isContainer()) {
+      IsArray(false);  // discards it for an empty map
+    }
+  }
 };
 
 }  // namespace kova::variant
