@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string_view>
 
 #include "kova/utils/UniqueFd.h"
@@ -62,11 +63,12 @@ void killOnce() {
   const UniqueFd processes(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   long got = 0;
   while ((got = syscall(SYS_getdents64, processes.get(), entries.data(), entries.size())) > 0) {
-    for (std::size_t at = 0; at < static_cast<std::size_t>(got);) {
+    std::span<const char> rest(entries.data(), static_cast<std::size_t>(got));
+    while (!rest.empty()) {
       std::uint16_t length = 0;
-      std::memcpy(&length, &entries[at + kLengthAt], sizeof length);
-      killIfChild(processes.get(), &entries[at + kNameAt]);
-      at += length;
+      std::memcpy(&length, &rest[kLengthAt], sizeof length);
+      killIfChild(processes.get(), &rest[kNameAt]);
+      rest = rest.subspan(length);
     }
   }
 }

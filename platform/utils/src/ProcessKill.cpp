@@ -1,7 +1,6 @@
 #include <dirent.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <climits>
 #include <csignal>
@@ -32,7 +31,8 @@ std::string executableName(const std::string& folder) {
   constexpr std::string_view kDeleted = " (deleted)";
   std::array<char, PATH_MAX> text;
   const ssize_t got = readlink((folder + "/exe").c_str(), text.data(), text.size());
-  std::string_view path(text.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+  if (got < 0) return "";
+  std::string_view path(text.data(), static_cast<std::size_t>(got));
   if (path.ends_with(kDeleted)) path.remove_suffix(kDeleted.size());
   return std::string(baseName(path));
 }

@@ -1,17 +1,38 @@
 #include "kova/utils/Password.h"
 
+#include <crypt.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <vector>
 
 #include "../../src/AccountFile.h"
 #include "../TemporaryFolder.h"
+
+namespace {
+
+/// The most bytes that were wiped at once.
+std::size_t wiped = 0;
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+void explicit_bzero(void* data, std::size_t length) noexcept {
+  wiped = std::max(wiped, length);
+  std::memset(data, 0, length);
+}
+void __explicit_bzero_chk(void* data, std::size_t length, std::size_t /*room*/) noexcept {
+  explicit_bzero(data, length);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::utils {
 namespace {
@@ -140,6 +161,12 @@ TEST_F(PasswordTest, HashNeedsPasswordAndSalt) {
   EXPECT_EQ(generateHash("secret", "$unknown$"), "");
   EXPECT_EQ(generateHash(std::string(512, 'x').c_str(), generateSalt()), "");
   EXPECT_NE(generateHash(std::string(511, 'x').c_str(), generateSalt()), "");
+}
+
+TEST_F(PasswordTest, WorkOfHashingIsWiped) {
+  wiped = 0;
+  generateHash("secret", "$1$abcdefgh");
+  EXPECT_EQ(wiped, sizeof(crypt_data));
 }
 
 TEST_F(PasswordTest, LockingChangesNothingElseInFile) {
