@@ -8,8 +8,8 @@
 #include <csignal>
 #include <filesystem>
 
-#include "../TemporaryFolder.h"
 #include "SyslogRecorder.h"
+#include "TemporaryFolder.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
 

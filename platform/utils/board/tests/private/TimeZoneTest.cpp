@@ -8,7 +8,7 @@
 #include <ctime>
 #include <filesystem>
 
-#include "../TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 namespace kova::utils {
 namespace {

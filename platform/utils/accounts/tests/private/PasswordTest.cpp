@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "../../src/AccountFile.h"
-#include "../TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
