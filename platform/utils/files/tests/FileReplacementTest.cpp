@@ -1,4 +1,4 @@
-#include "FileReplacement.h"
+#include "../src/FileReplacement.h"
 
 #include <gtest/gtest.h>
 #include <sys/random.h>
@@ -12,6 +12,8 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <string>
+#include <tuple>
 
 #include "FileSizeLimit.h"
 #include "TemporaryFolder.h"

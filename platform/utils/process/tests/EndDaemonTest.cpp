@@ -84,8 +84,10 @@ TEST_F(EndDaemonTest, EndsProgramAndItsDescendants) {
 }
 
 TEST_F(EndDaemonTest, EndsDescendantsOfEndedProgram) {
-  ASSERT_TRUE(start("cd \"$1\"; sleep 60 & echo $! >new; mv new ready"));
+  ASSERT_TRUE(start("cd \"$1\"; sleep 60 & echo $! $$ >new; mv new ready"));
   const pid_t left = numbersIn("ready").at(0);
+  const std::string program = "/proc/" + std::to_string(numbersIn("ready").at(1));
+  ASSERT_TRUE(eventually([&] { return !std::filesystem::exists(program); }));
   endDaemon(Script());
   EXPECT_FALSE(isRunning(left));
 }
