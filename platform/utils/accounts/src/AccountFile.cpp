@@ -9,10 +9,10 @@ std::optional<FieldRange> hashFieldOf(std::string_view line, std::string_view us
   if (!line.starts_with(user) || line.find('\0') != std::string_view::npos) {
     return std::nullopt;
   }
-  const std::size_t begin = user.size() + 1;
-  if (line.size() < begin || line[user.size()] != ':') {
+  if (!line.substr(user.size()).starts_with(':')) {
     return std::nullopt;
   }
+  const std::size_t begin = user.size() + 1;
   const std::size_t end = line.find(':', begin);
   if (end == std::string_view::npos) {
     return std::nullopt;

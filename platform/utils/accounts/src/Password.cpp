@@ -146,11 +146,11 @@ std::string generateSalt() {
   std::array<char, CRYPT_GENSALT_OUTPUT_SIZE> salt;
   const char* made =
       crypt_gensalt_rn(kScheme, 0, nullptr, 0, salt.data(), static_cast<int>(salt.size()));
-  return made == nullptr || made[0] == '*' ? "" : made;
+  return made == nullptr ? "" : made;
 }
 
 std::string generateHash(const char* password, const std::string& salt) {
-  return password == nullptr || salt.empty() ? "" : hashWith(password, salt);
+  return password == nullptr ? "" : hashWith(password, salt);
 }
 
 bool lockPassword(const std::string& user) {

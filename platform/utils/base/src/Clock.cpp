@@ -1,37 +1,25 @@
 #include "kova/utils/Clock.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <ctime>
+#include <chrono>
+#include <thread>
 
 namespace kova::utils {
 
 std::uint64_t nowMs() {
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  const auto milliseconds = static_cast<std::uint64_t>(time.tv_sec) * 1000U +
-                            static_cast<std::uint64_t>(time.tv_nsec) / 1000000U;
-  return std::max<std::uint64_t>(milliseconds, 1U);
+  const auto time = std::chrono::steady_clock::now().time_since_epoch();
+  const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+  return std::max<std::uint64_t>(static_cast<std::uint64_t>(milliseconds), 1U);
 }
 
 void sleepMs(int milliseconds) {
-  if (milliseconds <= 0) return;
-  timespec end{};
-  clock_gettime(CLOCK_MONOTONIC, &end);
-  end.tv_sec += milliseconds / 1000;
-  end.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
-  if (end.tv_nsec >= 1000000000L) {
-    end.tv_nsec -= 1000000000L;
-    ++end.tv_sec;
-  }
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
-  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 timeval now() {
-  timespec time{};
-  clock_gettime(CLOCK_REALTIME, &time);
-  return {time.tv_sec, static_cast<suseconds_t>(time.tv_nsec / 1000)};
+  timeval time{};
+  gettimeofday(&time, nullptr);
+  return time;
 }
 
 }  // namespace kova::utils

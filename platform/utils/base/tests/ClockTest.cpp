@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include <chrono>
 #include <csignal>
 #include <ctime>
 
@@ -11,15 +10,18 @@ namespace kova::utils {
 namespace {
 
 TEST(NowMs, IsMonotonicAndNeverZero) {
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  const auto before = static_cast<std::uint64_t>(time.tv_sec * 1000 + time.tv_nsec / 1000000);
+  const auto reference = [] {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<std::uint64_t>(time.tv_sec * 1000 + time.tv_nsec / 1000000);
+  };
+  const std::uint64_t before = reference();
   const std::uint64_t first = nowMs();
   const std::uint64_t second = nowMs();
   EXPECT_GT(first, 0U);
   EXPECT_GE(first, before);
   EXPECT_GE(second, first);
-  EXPECT_LT(second, before + 10000U);
+  EXPECT_LE(second, reference());
 }
 
 TEST(Now, IsWallClock) {
@@ -29,19 +31,6 @@ TEST(Now, IsWallClock) {
   EXPECT_LE(value.tv_sec, time(nullptr) + 1);
   EXPECT_GE(value.tv_usec, 0);
   EXPECT_LT(value.tv_usec, 1000000);
-}
-
-TEST(SleepMs, LastsShortestTime) {
-  const auto before = std::chrono::steady_clock::now();
-  sleepMs(1);
-  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1));
-}
-
-TEST(SleepMs, ReturnsAtOnceForZeroAndNegative) {
-  const std::uint64_t before = nowMs();
-  sleepMs(0);
-  sleepMs(-100000);
-  EXPECT_LT(nowMs() - before, 1000U);
 }
 
 TEST(SleepMs, IsNotShortenedBySignals) {

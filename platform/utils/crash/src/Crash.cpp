@@ -16,11 +16,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
+#include <tuple>
 
 #include "CrashInternal.h"
 #include "CrashText.h"
 #include "LoadedModules.h"
+#include "kova/utils/UniqueFd.h"
 
 // The handler only calls async-signal-safe functions, see signal-safety(7), and the GNU backtrace
 // functions, which are safe once libgcc is loaded.
@@ -65,7 +68,8 @@ int createReport() {
 
 /// A socket to the system log; the time-out bounds the wait for a logger that hangs.
 int connectToLog() {
-  const timeval patience{0, 200000};
+  timeval patience{};
+  patience.tv_usec = 200000;
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
   return fd;
@@ -79,21 +83,21 @@ class Sink {
   void line(std::string_view line) {
     CrashText<1024> text;
     text.append(line).append("\n");
-    if (write(file_, text.text(), text.view().size()) < 0) file_ = -1;
+    std::ignore = write(file_.get(), text.text(), text.view().size());
 
     CrashText<1200> record;
     record.append("<").appendNumber(LOG_USER | LOG_CRIT).append(">");
     record.append(program_invocation_short_name).append("[").appendNumber(getpid()).append("]: ");
     record.append(line);
-    if (sendto(log_, record.text(), record.view().size(), MSG_NOSIGNAL,
+    if (sendto(log_.get(), record.text(), record.view().size(), MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&settings.log), sizeof settings.log) < 0) {
-      log_ = -1;
+      log_.reset();
     }
   }
 
  private:
-  int file_;
-  int log_;
+  UniqueFd file_;
+  UniqueFd log_;
 };
 
 /// Reports a line of backtrace_symbols_fd(3) with the place of its address in the file that was
@@ -114,28 +118,22 @@ void reportFrame(Sink& sink, std::string_view symbols, const void* frame) {
 void reportBacktrace(Sink& sink) {
   std::array<void*, 48> frames;
   std::array<char, 16384> text;
-  int ends[2] = {-1, -1};
+  int ends[2] = {};
   if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
   const int count = backtrace(frames.data(), frames.size());
   backtrace_symbols_fd(frames.data(), count, ends[1]);
-  close(ends[1]);
-  std::size_t filled = 0;
-  ssize_t got = 0;
-  while ((got = read(ends[0], text.data() + filled, text.size() - filled)) > 0) {
-    filled += static_cast<std::size_t>(got);
-  }
-  close(ends[0]);
-  std::string_view rest(text.data(), filled);
-  for (int index = 0; index < count && !rest.empty(); ++index) {
+  // One read takes all that is in the pipe, whose ends are closed by the end of the process.
+  const ssize_t filled = read(ends[0], text.data(), text.size());
+  std::string_view rest(text.data(), static_cast<std::size_t>(std::max<ssize_t>(filled, 0)));
+  for (const void* frame : std::span(frames).first(static_cast<std::size_t>(count))) {
     const std::size_t end = std::min(rest.find('\n'), rest.size());
-    reportFrame(sink, rest.substr(0, end), frames[static_cast<std::size_t>(index)]);
+    reportFrame(sink, rest.substr(0, end), frame);
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
 }
 
 void limitReportTime() {
-  sigset_t alarmSignal;
-  sigemptyset(&alarmSignal);
+  sigset_t alarmSignal{};
   sigaddset(&alarmSignal, SIGALRM);
   signal(SIGALRM, SIG_DFL);
   pthread_sigmask(SIG_UNBLOCK, &alarmSignal, nullptr);
@@ -194,7 +192,6 @@ bool handle(int number) {
   struct sigaction action {};
   action.sa_sigaction = onFatalSignal;
   action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-  sigemptyset(&action.sa_mask);
   return sigaction(number, &action, nullptr) == 0;
 }
 

@@ -17,6 +17,22 @@ constexpr std::size_t padded(std::size_t size) {
 
 }  // namespace
 
+std::string_view findBuildId(std::string_view notes) {
+  ElfW(Nhdr) note;
+  while (notes.size() >= sizeof note) {
+    std::memcpy(&note, notes.data(), sizeof note);
+    notes.remove_prefix(sizeof note);
+    const std::size_t name = padded(note.n_namesz);
+    const std::size_t size = name + padded(note.n_descsz);
+    if (size > notes.size()) break;
+    if (note.n_type == NT_GNU_BUILD_ID && notes.substr(0, note.n_namesz) == kOwnerName) {
+      return notes.substr(name, note.n_descsz);
+    }
+    notes.remove_prefix(size);
+  }
+  return {};
+}
+
 void LoadedModules::record() {
   *this = LoadedModules();
   dl_iterate_phdr(add, this);
@@ -33,37 +49,24 @@ const LoadedModules::Module* LoadedModules::find(std::uintptr_t address) const {
 int LoadedModules::add(dl_phdr_info* info, std::size_t /*size*/, void* self) {
   auto& loaded = *static_cast<LoadedModules*>(self);
   loaded.addModule(*info);
-  return loaded.count_ < loaded.modules_.size() ? 0 : 1;
+  return 0;
 }
 
 void LoadedModules::addModule(const dl_phdr_info& info) {
+  if (count_ == modules_.size()) return;
   const bool isFirst = count_ == 0;
-  Module module{UINTPTR_MAX, 0, info.dlpi_addr};
+  Module module{UINTPTR_MAX, info.dlpi_addr, info.dlpi_addr};
   for (const ElfW(Phdr)* part = info.dlpi_phdr; part != info.dlpi_phdr + info.dlpi_phnum; ++part) {
     const std::uintptr_t begin = info.dlpi_addr + part->p_vaddr;
     if (part->p_type == PT_LOAD) {
       module.begin = std::min(module.begin, begin);
       module.end = std::max(module.end, begin + part->p_memsz);
     } else if (part->p_type == PT_NOTE && isFirst) {
-      readBuildId({reinterpret_cast<const char*>(begin), part->p_memsz});
+      const std::string_view notes(reinterpret_cast<const char*>(begin), part->p_memsz);
+      for (const char byte : findBuildId(notes)) buildId_.appendByte(byte);
     }
   }
   modules_[count_++] = module;
-}
-
-void LoadedModules::readBuildId(std::string_view notes) {
-  ElfW(Nhdr) note;
-  while (notes.size() >= sizeof note) {
-    std::memcpy(&note, notes.data(), sizeof note);
-    notes.remove_prefix(sizeof note);
-    const std::size_t name = padded(note.n_namesz);
-    const std::size_t size = name + padded(note.n_descsz);
-    if (size > notes.size()) return;
-    if (note.n_type == NT_GNU_BUILD_ID && notes.substr(0, note.n_namesz) == kOwnerName) {
-      for (const char byte : notes.substr(name, note.n_descsz)) buildId_.appendByte(byte);
-    }
-    notes.remove_prefix(size);
-  }
 }
 
 }  // namespace kova::utils

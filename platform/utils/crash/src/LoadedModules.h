@@ -11,6 +11,9 @@
 
 namespace kova::utils {
 
+/// The build-id among notes of an ELF file, see elf(5); empty if there is none.
+std::string_view findBuildId(std::string_view notes);
+
 /// Where the program and its libraries lie in memory, and which build of the program it is.
 /// Recorded once; what signal handlers ask afterwards only reads.
 class LoadedModules {
@@ -34,7 +37,6 @@ class LoadedModules {
  private:
   static int add(dl_phdr_info* info, std::size_t size, void* self);
   void addModule(const dl_phdr_info& info);
-  void readBuildId(std::string_view notes);
 
   std::array<Module, 128> modules_{};  // the program comes first
   std::size_t count_ = 0;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "Errno.h"
 #include "FileReplacement.h"
@@ -19,7 +20,7 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_utils";
 constexpr char kLogUnit[] = "File";
-constexpr std::size_t kChunk = std::size_t{64} * 1024;
+constexpr std::size_t kChunk = 65536;
 constexpr mode_t kNewFileMode = 0644;
 
 bool refuse(const std::string& path, const char* why, int error) {
@@ -36,7 +37,7 @@ bool refuseKind(const std::string& path, bool guarded) {
 bool explainOpen(const std::string& path, bool guarded) {
   switch (errno) {
     case ELOOP:
-      return guarded ? refuse(path, "it is a symbolic link", ELOOP) : false;
+      return guarded && refuse(path, "it is a symbolic link", ELOOP);
     case EISDIR:
     case ENXIO:  // a pipe without a reader, a socket, or a device without a driver
       return refuseKind(path, guarded);
@@ -82,17 +83,17 @@ File::~File() {
 
 void File::abandon() {
   const ErrnoGuard reason;
-  if (fd_ >= 0) {
-    close(fd_);
-  }
-  if (!temporary_.empty()) {
-    unlink(temporary_.c_str());
-  }
-  fd_ = -1;
+  fd_.reset();
+  removeTemporary();
   size_ = 0;
   cursor_ = 0;
   target_.clear();
-  temporary_.clear();
+}
+
+void File::removeTemporary() {
+  if (!temporary_.empty()) {
+    unlink(std::exchange(temporary_, {}).c_str());
+  }
 }
 
 bool File::Initialize(const std::string& path, FILE_OPEN_MODE mode, unsigned flags) {
@@ -118,17 +119,14 @@ bool File::openInPlace(const std::string& path, int flags) {
   }
   const bool guarded = writes || folder.isShared();
   // Opening a pipe would otherwise block until its other end is opened.
-  fd_ =
-      openat(folder.fd(), folder.name(),
-             flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (guarded ? O_NOFOLLOW : 0), kNewFileMode);
-  if (fd_ < 0) {
+  fd_ = UniqueFd(openat(folder.fd(), folder.name(),
+                        flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (guarded ? O_NOFOLLOW : 0),
+                        kNewFileMode));
+  if (!fd_) {
     return explainOpen(path, guarded);
   }
   struct stat info {};
-  if (fstat(fd_, &info) != 0) {
-    return false;
-  }
-  if (!S_ISREG(info.st_mode)) {
+  if (fstat(fd_.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
     return refuseKind(path, guarded);
   }
   const char* objection = guarded ? internal::objectionTo(info, writes) : nullptr;
@@ -136,7 +134,7 @@ bool File::openInPlace(const std::string& path, int flags) {
     return refuse(path, objection, EPERM);
   }
   if (flags == openFlags(FILE_OPEN_MODE_TRUNCATE)) {
-    return ftruncate(fd_, 0) == 0;
+    return ftruncate(fd_.get(), 0) == 0;
   }
   size_ = static_cast<std::uint64_t>(info.st_size);
   cursor_ = (flags & O_APPEND) != 0 ? size_ : 0;
@@ -153,29 +151,25 @@ bool File::openReplacement(const std::string& path) {
     return failWith(EINVAL);
   }
   // Mode 0600 until the old file's mode is set, since the content may be secret.
-  std::string name;
-  fd_ = internal::createTemporary(internal::folderOf(path), replaces ? 0600 : kNewFileMode, name);
-  if (fd_ < 0) {
+  fd_ = internal::createTemporary(internal::folderOf(path), replaces ? 0600 : kNewFileMode,
+                                  temporary_);
+  if (!fd_) {
     return false;
   }
   target_ = path;
-  temporary_ = name;
-  return !replaces || internal::takeOverAttributes(fd_, old);
+  return !replaces || internal::takeOverAttributes(fd_.get(), old);
 }
 
 bool File::WriteBuffer(const unsigned char* data, std::uint64_t length) {
-  if (fd_ < 0) {
+  if (!fd_) {
     return failWith(EBADF);
   }
   while (length > 0) {
-    const ssize_t put = writeSome(fd_, data, length);
+    const ssize_t put = writeSome(fd_.get(), data, length);
     if (put <= 0) {
-      const int error = put == 0 ? EIO : errno;
-      if (!temporary_.empty()) {
-        unlink(temporary_.c_str());
-        temporary_.clear();
-      }
-      return failWith(error);
+      const ErrnoGuard reason;
+      removeTemporary();
+      return false;
     }
     data += put;
     length -= static_cast<std::uint64_t>(put);
@@ -190,11 +184,11 @@ bool File::WriteString(const std::string& text) {
 }
 
 bool File::ReadBuffer(unsigned char* buffer, std::uint64_t length) {
-  if (fd_ < 0) {
+  if (!fd_) {
     return failWith(EBADF);
   }
   while (length > 0) {
-    const ssize_t got = readSome(fd_, buffer, length);
+    const ssize_t got = readSome(fd_.get(), buffer, length);
     if (got <= 0) {
       return got == 0 ? failWith(EIO) : false;
     }
@@ -209,7 +203,7 @@ bool File::seek(std::uint64_t cursor) {
   if (cursor > size_) {
     return failWith(EINVAL);
   }
-  if (lseek(fd_, static_cast<off_t>(cursor), SEEK_SET) < 0) {
+  if (lseek(fd_.get(), static_cast<off_t>(cursor), SEEK_SET) < 0) {
     return false;
   }
   cursor_ = cursor;
@@ -217,16 +211,10 @@ bool File::seek(std::uint64_t cursor) {
 }
 
 bool File::Close() {
-  if (fd_ < 0) {
+  if (!fd_) {
     return failWith(EBADF);
   }
-  bool closed;
-  if (target_.empty()) {
-    closed = close(fd_) == 0;
-    fd_ = -1;
-  } else {
-    closed = completeReplacement();
-  }
+  const bool closed = target_.empty() ? close(fd_.release()) == 0 : completeReplacement();
   abandon();
   return closed;
 }
@@ -235,12 +223,10 @@ bool File::completeReplacement() {
   if (temporary_.empty()) {
     return failWith(EIO);
   }
-  if (fsync(fd_) != 0) {
+  if (fsync(fd_.get()) != 0) {
     return false;
   }
-  const int fd = fd_;
-  fd_ = -1;
-  if (close(fd) != 0 || rename(temporary_.c_str(), target_.c_str()) != 0) {
+  if (close(fd_.release()) != 0 || rename(temporary_.c_str(), target_.c_str()) != 0) {
     return false;
   }
   temporary_.clear();
@@ -258,7 +244,7 @@ bool File::ReadStringAll(const std::string& path, std::string& out, std::uint64_
   std::string text;
   std::array<unsigned char, kChunk> chunk;
   for (;;) {
-    const ssize_t got = readSome(file.fd_, chunk.data(), chunk.size());
+    const ssize_t got = readSome(file.fd_.get(), chunk.data(), chunk.size());
     if (got < 0) {
       return false;
     }

@@ -9,11 +9,6 @@
 #include "kova/utils/File.h"
 
 namespace kova::utils {
-namespace {
-
-constexpr std::size_t kCopyChunk = std::size_t{64} * 1024;
-
-}  // namespace
 
 bool fileExists(const char* path, bool followLinks) {
   struct stat info {};
@@ -40,7 +35,7 @@ bool copyFile(const char* from, const char* to) {
       !writer.Initialize(to, FILE_OPEN_MODE_TRUNCATE, 0)) {
     return false;
   }
-  std::array<unsigned char, kCopyChunk> chunk;
+  std::array<unsigned char, 65536> chunk;
   while (!reader.IsEOF()) {
     const std::uint64_t length =
         std::min<std::uint64_t>(reader.Size() - reader.Cursor(), chunk.size());

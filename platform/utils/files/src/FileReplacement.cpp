@@ -6,9 +6,9 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <utility>
 
 #include "kova/utils/Strings.h"
-#include "kova/utils/UniqueFd.h"
 
 namespace kova::utils::internal {
 namespace {
@@ -31,15 +31,19 @@ bool syncFolder(const std::string& folder) {
   return fd && (fsync(fd.get()) == 0 || errno == EINVAL);
 }
 
-int createTemporary(const std::string& folder, mode_t mode, std::string& path) {
+UniqueFd createTemporary(const std::string& folder, mode_t mode, std::string& path) {
   for (;;) {
     std::uint64_t random = 0;
     if (getrandom(&random, sizeof random, 0) != sizeof random) {
-      return -1;
+      return {};
     }
-    path = folder + format("/.kova-%016llx", static_cast<unsigned long long>(random));
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (fd >= 0 || errno != EEXIST) {
+    std::string name = folder + format("/.kova-%016llx", static_cast<unsigned long long>(random));
+    UniqueFd fd(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (fd) {
+      path = std::move(name);
+      return fd;
+    }
+    if (errno != EEXIST) {
       return fd;
     }
   }
@@ -47,15 +51,7 @@ int createTemporary(const std::string& folder, mode_t mode, std::string& path) {
 
 // The owner first, since changing it may clear mode bits.
 bool takeOverAttributes(int fd, const struct stat& from) {
-  struct stat own {};
-  if (fstat(fd, &own) != 0) {
-    return false;
-  }
-  if ((own.st_uid != from.st_uid || own.st_gid != from.st_gid) &&
-      fchown(fd, from.st_uid, from.st_gid) != 0) {
-    return false;
-  }
-  return fchmod(fd, from.st_mode & kPermissions) == 0;
+  return fchown(fd, from.st_uid, from.st_gid) == 0 && fchmod(fd, from.st_mode & kPermissions) == 0;
 }
 
 }  // namespace kova::utils::internal

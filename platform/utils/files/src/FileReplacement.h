@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "kova/utils/UniqueFd.h"
+
 namespace kova::utils::internal {
 
 /// The folder of the file `path`.
@@ -14,9 +16,8 @@ std::string folderOf(const std::string& path);
 bool syncFolder(const std::string& folder);
 
 /// Creates a new file for writing, with an unpredictable name.
-/// @param path receives its path
-/// @return its descriptor, or -1
-int createTemporary(const std::string& folder, mode_t mode, std::string& path);
+/// @param path receives its path, if that succeeds
+UniqueFd createTemporary(const std::string& folder, mode_t mode, std::string& path);
 
 /// Gives the open file the owner and the mode of another.
 bool takeOverAttributes(int fd, const struct stat& from);

@@ -1,14 +1,53 @@
+#include "../src/FileReplacement.h"
+
 #include <gtest/gtest.h>
+#include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+#include <deque>
 #include <filesystem>
+#include <string>
+#include <tuple>
 
 #include "FileSizeLimit.h"
 #include "TemporaryFolder.h"
 #include "kova/utils/File.h"
+
+namespace {
+
+/// What the next calls do: fail with an error, or succeed for 0.
+std::deque<int> syncs;
+/// The bytes of the next names; an empty text fails.
+std::deque<std::string> randomBytes;
+
+template <typename Value>
+Value taken(std::deque<Value>& values) {
+  Value value = values.front();
+  values.pop_front();
+  return value;
+}
+
+}  // namespace
+
+extern "C" {
+int fsync(int fd) {
+  errno = syncs.empty() ? 0 : taken(syncs);
+  return errno == 0 ? static_cast<int>(syscall(SYS_fsync, fd)) : -1;
+}
+
+ssize_t getrandom(void* buffer, std::size_t length, unsigned flags) {
+  if (randomBytes.empty()) return syscall(SYS_getrandom, buffer, length, flags);
+  const std::string bytes = taken(randomBytes);
+  std::memcpy(buffer, bytes.data(), bytes.size());
+  return bytes.empty() || flags != 0 ? -1 : static_cast<ssize_t>(length);
+}
+}
 
 namespace kova::utils {
 namespace {
@@ -54,7 +93,7 @@ TEST_F(AtomicReplacementTest, AbandonedReplacementIsForgotten) {
 }
 
 TEST_F(AtomicReplacementTest, NewFileHonoursUmask) {
-  const mode_t saved = umask(027);
+  const mode_t saved = umask(026);
   File file;
   const bool written = begin(file) && file.WriteString("new") && file.Close();
   umask(saved);
@@ -112,6 +151,60 @@ TEST_F(AtomicReplacementTest, FailedWriteLeavesTarget) {
   EXPECT_FALSE(file.Close());
   EXPECT_EQ(readText(path_), "old");
   EXPECT_EQ(folder_.entries(), 1);
+}
+
+TEST_F(AtomicReplacementTest, FailedRenameLeavesNothing) {
+  File file;
+  ASSERT_TRUE(begin(file) && file.WriteString("new"));
+  std::filesystem::create_directory(path_);
+  EXPECT_FALSE(file.Close());
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_EQ(folder_.entries(), 1);
+}
+
+TEST_F(AtomicReplacementTest, FileAndItsFolderAreSynchronized) {
+  // A file system may be unable to synchronize folders.
+  for (const auto& [ofFile, ofFolder, closes] :
+       {std::tuple(0, 0, true), std::tuple(0, EINVAL, true), std::tuple(0, EIO, false),
+        std::tuple(EIO, 0, false)}) {
+    writeText(path_, "old");
+    File file;
+    ASSERT_TRUE(begin(file) && file.WriteString("new"));
+    syncs = {ofFile, ofFolder};
+    EXPECT_EQ(file.Close(), closes);
+    EXPECT_EQ(syncs.size(), ofFile == 0 ? 0U : 1U);
+    EXPECT_EQ(readText(path_), ofFile == 0 ? "new" : "old");
+    EXPECT_EQ(folder_.entries(), 1);
+    syncs.clear();
+  }
+}
+
+TEST_F(AtomicReplacementTest, TakenNameIsPassedOver) {
+  randomBytes = {std::string(8, 'a'), std::string(8, 'a'), std::string(8, 'b'), ""};
+  File files[3];
+  EXPECT_TRUE(begin(files[0]));
+  EXPECT_TRUE(begin(files[1]));
+  EXPECT_EQ(folder_.entries(), 2);
+  EXPECT_FALSE(begin(files[2])) << "no name to be had";
+  EXPECT_TRUE(randomBytes.empty());
+}
+
+TEST_F(AtomicReplacementTest, ReplacementNeedsUsablePath) {
+  File file;
+  std::filesystem::create_symlink("file", path_);
+  EXPECT_FALSE(begin(file));
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(folder_.entries(), 1);
+  const std::string nowhere = folder_ / "missing/file";
+  EXPECT_FALSE(file.Initialize(nowhere, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY));
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(FolderOf, IsBeforeLastSlash) {
+  EXPECT_EQ(internal::folderOf("/a/b"), "/a");
+  EXPECT_EQ(internal::folderOf("a/b"), "a");
+  EXPECT_EQ(internal::folderOf("/b"), "/");
+  EXPECT_EQ(internal::folderOf("b"), ".");
 }
 
 TEST_F(AtomicReplacementTest, LinkIsReplacedAndItsTargetKept) {

@@ -40,14 +40,17 @@ TEST_F(FileTest, WrittenContentIsReadBack) {
   const std::string text = patterned(300000);
   File writer;
   ASSERT_TRUE(writer.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
-  EXPECT_TRUE(writer.WriteString(text));
+  errno = EINTR;  // of an earlier call
+  EXPECT_TRUE(writer.WriteString(text.substr(0, 1)) && writer.WriteString(text.substr(1)));
   EXPECT_EQ(writer.Size(), text.size());
   EXPECT_EQ(writer.Cursor(), text.size());
   EXPECT_TRUE(writer.Close());
+  EXPECT_EQ(writer.Size(), 0U);
 
   File reader;
   ASSERT_TRUE(reader.Initialize(path_, FILE_OPEN_MODE_READ, 0));
   EXPECT_EQ(reader.Size(), text.size());
+  errno = EINTR;
   std::string first(100, '\0');
   ASSERT_TRUE(reader.ReadBuffer(reinterpret_cast<unsigned char*>(first.data()), first.size()));
   EXPECT_EQ(first, text.substr(0, 100));
@@ -61,9 +64,14 @@ TEST_F(FileTest, WrittenContentIsReadBack) {
 
 TEST_F(FileTest, ReadingNeedsExistingFile) {
   File file;
-  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
-  EXPECT_EQ(errno, ENOENT);
+  for (const std::string& path : {path_, path_ + "/deeper"}) {
+    EXPECT_FALSE(file.Initialize(path, FILE_OPEN_MODE_READ, 0));
+    EXPECT_EQ(errno, ENOENT);
+  }
   EXPECT_FALSE(std::filesystem::exists(path_));
+  std::filesystem::create_symlink("file", path_);
+  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
+  EXPECT_EQ(errno, ELOOP);
 }
 
 TEST_F(FileTest, TruncatingReplacesLongerContent) {
@@ -71,6 +79,7 @@ TEST_F(FileTest, TruncatingReplacesLongerContent) {
   File file;
   ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
   EXPECT_EQ(file.Size(), 0U);
+  EXPECT_EQ(readText(path_), "");
   EXPECT_TRUE(file.WriteString("short"));
   EXPECT_TRUE(file.Close());
   EXPECT_EQ(readText(path_), "short");
@@ -139,6 +148,7 @@ TEST_F(FileTest, NonRegularFileIsRefusedWithoutBlocking) {
       File file;
       EXPECT_FALSE(file.Initialize(path, mode, 0)) << path << " mode " << mode;
       EXPECT_EQ(errno, EINVAL) << path << " mode " << mode;
+      EXPECT_FALSE(file.Close()) << "it is not open";
     }
     File file;
     EXPECT_FALSE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY)) << path;
@@ -169,6 +179,18 @@ TEST_F(FileTest, ShrinkingDuringReadIsInputError) {
   EXPECT_FALSE(file.ReadBuffer(buffer.data(), buffer.size()));
   EXPECT_EQ(errno, EIO);
   EXPECT_FALSE(file.IsEOF());
+}
+
+TEST_F(FileTest, FailedReadIsReported) {
+  File file;
+  ASSERT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
+  unsigned char byte = 0;
+  EXPECT_FALSE(file.ReadBuffer(&byte, 1));
+  EXPECT_EQ(errno, EBADF);
+  std::string text = "before";
+  EXPECT_FALSE(File::ReadStringAll("/proc/self/mem", text));
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(text, "before");
 }
 
 TEST_F(FileTest, OperationsOnClosedFileFail) {
@@ -203,6 +225,7 @@ TEST_F(FileTest, SeekingMovesCursorWithinFile) {
   EXPECT_EQ(errno, EINVAL);
   EXPECT_TRUE(file.seek(10));
   EXPECT_TRUE(file.IsEOF());
+  EXPECT_TRUE(file.seek(0));
 }
 
 TEST_F(FileTest, DescriptorsAreClosedOnExec) {
@@ -221,6 +244,7 @@ TEST_F(FileTest, DescriptorsAreClosedOnExec) {
 
 TEST_F(FileTest, ReadStringAllReadsFilesWithoutSize) {
   std::string text;
+  errno = EINTR;
   ASSERT_TRUE(File::ReadStringAll("/proc/self/status", text));
   EXPECT_NE(text.find("\nPid:"), std::string::npos);
 }
@@ -284,6 +308,9 @@ TEST_F(FileTest, CopyFailsWithoutSourceOrUsableTarget) {
   writeText(path_, "content");
   EXPECT_FALSE(copyFile(path_.c_str(), folder_.path().c_str()));
   EXPECT_EQ(errno, EINVAL);
+  const FileSizeLimit limit(3);
+  EXPECT_FALSE(copyFile(path_.c_str(), (folder_ / "copy").c_str()));
+  EXPECT_EQ(errno, EFBIG);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ struct Pipe {
   /// that they can be duplicated to a child's in any order. On failure returns false and sets
   /// `errno`.
   bool open() {
-    int ends[2] = {-1, -1};
+    int ends[2] = {};
     if (pipe2(ends, O_CLOEXEC) != 0) return false;
     read = aboveStandard(UniqueFd(ends[0]));
     write = aboveStandard(UniqueFd(ends[1]));

@@ -21,14 +21,13 @@
 namespace kova::utils {
 namespace {
 
-// Upper bound of the delay in noticing the child's exit if its pipes stay open.
+// Upper bound of the delay in noticing the child's exit.
 constexpr int kLongestPauseMs = 16;
 
 /// Blocks SIGPIPE, which would kill this process if a child closes its standard input.
 class SigPipeBlock {
  public:
   SigPipeBlock() {
-    sigemptyset(&sigpipe_);
     sigaddset(&sigpipe_, SIGPIPE);
     wasPending_ = isPending();
     pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
@@ -61,13 +60,14 @@ class Capture {
 
   int fd() const { return fd_.get(); }
 
-  /// Reads only once, so that a child with endless output cannot block the caller.
+  /// Reads only once, so that a child with endless output cannot block the caller. There is
+  /// something to read, or the end: this process alone reads the pipe.
   void read(std::size_t atMost) {
     std::array<char, 65536> buffer;
     const ssize_t got = ::read(fd_.get(), buffer.data(), std::min(atMost, buffer.size()));
     if (got > 0) {
       text_.append(buffer.data(), std::min(static_cast<std::size_t>(got), limit_ - text_.size()));
-    } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+    } else {
       fd_.reset();
     }
   }
@@ -75,8 +75,8 @@ class Capture {
   /// Reads what is currently in the pipe.
   void drain() {
     int pending = 0;
-    if (!fd_ || ioctl(fd_.get(), FIONREAD, &pending) != 0) return;
-    for (int left = pending; left > 0 && fd_; left -= 65536) read(static_cast<std::size_t>(left));
+    ioctl(fd_.get(), FIONREAD, &pending);
+    for (int left = pending; left > 0; left -= 65536) read(static_cast<std::size_t>(left));
   }
 
  private:
@@ -94,11 +94,11 @@ class Feed {
 
   int fd() const { return fd_.get(); }
 
+  /// There is room, or no reader any more.
   void write() {
     const ssize_t put = ::write(fd_.get(), rest_.data(), rest_.size());
-    if (put >= 0) rest_.remove_prefix(static_cast<std::size_t>(put));
-    const bool refused = put < 0 && errno != EAGAIN && errno != EINTR;
-    if (rest_.empty() || refused) fd_.reset();
+    if (put > 0) rest_.remove_prefix(static_cast<std::size_t>(put));
+    if (rest_.empty() || put < 0) fd_.reset();
   }
 
  private:
@@ -106,16 +106,15 @@ class Feed {
   std::string_view rest_;
 };
 
-/// Transfers pending bytes, waiting at most `timeoutMs` for some; returns whether there were any.
-bool pump(Feed& in, Capture& out, Capture& err, int timeoutMs) {
+/// Transfers pending bytes, waiting at most `timeoutMs` for some.
+void pump(Feed& in, Capture& out, Capture& err, int timeoutMs) {
   // poll(2) ignores descriptors of -1.
-  std::array<pollfd, 3> polled{
-      {{in.fd(), POLLOUT, 0}, {out.fd(), POLLIN, 0}, {err.fd(), POLLIN, 0}}};
-  if (poll(polled.data(), polled.size(), timeoutMs) <= 0) return false;
+  std::array polled{pollfd{in.fd(), POLLOUT, {}}, pollfd{out.fd(), POLLIN, {}},
+                    pollfd{err.fd(), POLLIN, {}}};
+  poll(polled.data(), polled.size(), timeoutMs);
   if (polled[0].revents != 0) in.write();
   if (polled[1].revents != 0) out.read(SIZE_MAX);
   if (polled[2].revents != 0) err.read(SIZE_MAX);
-  return true;
 }
 
 /// Serves the pipes until the child exits. Does not wait for end of file, since descendants of the
@@ -127,8 +126,8 @@ int attend(pid_t child, Feed& in, Capture& out, Capture& err, Watchdog& watchdog
   while ((ended = watchdog.end(&status)) == 0) {
     watchdog.check();
     notifyAlive();
-    const bool busy = pump(in, out, err, watchdog.pollTimeout(step));
-    step = busy ? 1 : std::min(step * 2, kLongestPauseMs);
+    pump(in, out, err, watchdog.pollTimeout(step));
+    step = std::min(step * 2, kLongestPauseMs);
   }
   out.drain();
   err.drain();
@@ -165,8 +164,7 @@ int sysExec(const std::string& program, const std::vector<std::string>& argument
   Feed in(std::move(inPipe.write), input);
   Capture outCapture(std::move(outPipe.read), out, limit);
   Capture errCapture(std::move(errPipe.read), err, limit);
-  Watchdog watchdog(child, program, timeLimit(program, timeoutMs),
-                    timeoutMs == 0 ? kGraceMs : graceMs);
+  Watchdog watchdog(child, program, timeLimit(program, timeoutMs), graceTime(timeoutMs, graceMs));
   const int status = attend(child, in, outCapture, errCapture, watchdog);
   if (watchdog.expired()) reason.set(ETIMEDOUT);
   return status;

@@ -1,6 +1,5 @@
 #include <syslog.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <map>
@@ -25,7 +24,9 @@ Leashes& leashes() {
   return all;
 }
 
-void release(const std::string& program, Leash& leash, const char* operation) {
+void release(Leashes::node_type entry, const char* operation) {
+  const std::string& program = entry.key();
+  Leash& leash = entry.mapped();
   const bool held = leash.holds();
   leash.letGo();
   if (leash.expired()) {
@@ -36,13 +37,9 @@ void release(const std::string& program, Leash& leash, const char* operation) {
 }
 
 void forgetEnded() {
-  for (auto entry = leashes().begin(); entry != leashes().end();) {
-    if (entry->second.holds()) {
-      ++entry;
-    } else {
-      release(entry->first, entry->second, "runDaemon");
-      entry = leashes().erase(entry);
-    }
+  for (auto next = leashes().begin(); next != leashes().end();) {
+    const auto entry = next++;
+    if (!entry->second.holds()) release(leashes().extract(entry), "runDaemon");
   }
 }
 
@@ -51,7 +48,6 @@ void forgetEnded() {
 bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, int* pid,
                const std::string& program, int argc, ...) {
   std::vector<std::string> arguments;
-  arguments.reserve(static_cast<std::size_t>(std::max(argc, 0)));
   va_list words;
   va_start(words, argc);
   for (int i = 0; i < argc; ++i) arguments.emplace_back(va_arg(words, const char*));
@@ -74,9 +70,7 @@ bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, 
 }
 
 void endDaemon(const std::string& program) {
-  const auto [first, last] = leashes().equal_range(program);
-  for (auto entry = first; entry != last; ++entry) release(program, entry->second, __func__);
-  leashes().erase(first, last);
+  while (auto entry = leashes().extract(program)) release(std::move(entry), __func__);
 }
 
 }  // namespace kova::utils

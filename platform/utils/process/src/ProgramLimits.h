@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <string_view>
 
 namespace kova::utils {
@@ -31,10 +32,15 @@ inline constexpr ProgramLimit kProgramLimits[] = {
 constexpr unsigned timeLimit(std::string_view program, unsigned wantedMs) {
   for (const ProgramLimit& entry : kProgramLimits) {
     if (entry.program == program) {
-      return wantedMs == 0 || wantedMs > entry.limitMs ? entry.limitMs : wantedMs;
+      return wantedMs == 0 ? entry.limitMs : std::min(wantedMs, entry.limitMs);
     }
   }
   return wantedMs == 0 ? kDefaultLimitMs : wantedMs;
+}
+
+/// Time from SIGTERM to SIGKILL: as requested together with a time-out.
+constexpr unsigned graceTime(unsigned wantedMs, unsigned graceMs) {
+  return wantedMs == 0 ? kGraceMs : graceMs;
 }
 
 }  // namespace kova::utils

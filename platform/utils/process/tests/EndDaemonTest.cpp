@@ -11,6 +11,7 @@
 #include "Script.h"
 #include "Spawn.h"
 #include "Supervisor.h"
+#include "SyslogRecorder.h"
 #include "kova/utils/Process.h"
 
 namespace kova::utils {
@@ -74,14 +75,19 @@ TEST_F(EndDaemonTest, EndsProgramAndItsDescendants) {
   ASSERT_EQ(all.size(), 4U);
   for (const pid_t pid : all) EXPECT_TRUE(isRunning(pid)) << pid;
   const std::uint64_t before = nowMs();
+  tests::records.clear();
   endDaemon(Script());
   EXPECT_LT(nowMs() - before, 1500U);
   for (const pid_t pid : all) EXPECT_FALSE(isRunning(pid)) << pid;
+  ASSERT_EQ(tests::records.size(), 1U);
+  EXPECT_TRUE(tests::records[0].text.ends_with("script was still running and was ended"));
 }
 
 TEST_F(EndDaemonTest, EndsDescendantsOfEndedProgram) {
-  ASSERT_TRUE(start("cd \"$1\"; sleep 60 & echo $! >new; mv new ready"));
+  ASSERT_TRUE(start("cd \"$1\"; sleep 60 & echo $! $$ >new; mv new ready"));
   const pid_t left = numbersIn("ready").at(0);
+  const std::string program = "/proc/" + std::to_string(numbersIn("ready").at(1));
+  ASSERT_TRUE(eventually([&] { return !std::filesystem::exists(program); }));
   endDaemon(Script());
   EXPECT_FALSE(isRunning(left));
 }
@@ -99,9 +105,11 @@ std::size_t openDescriptors() {
 
 TEST_F(EndDaemonTest, EndedProgramsLeaveNoDescriptors) {
   const std::size_t before = openDescriptors();
+  tests::records.clear();
   const auto start = [] { return runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0); };
   for (int i = 0; i < 50; ++i) ASSERT_TRUE(start());
   EXPECT_TRUE(eventually([&] { return start() && openDescriptors() <= before + 2; }));
+  EXPECT_TRUE(tests::records.empty());
   endDaemon("/bin/true");
   EXPECT_EQ(openDescriptors(), before);
 }

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "DescriptorLimit.h"
 #include "Processes.h"
 #include "Script.h"
 #include "kova/utils/Process.h"
@@ -154,11 +155,14 @@ TEST_F(KillByNameTest, FindsProgramThatRenamedItself) {
   const std::string program = Program(unique_);
   int pid = -1;
   ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/bash", 2, "-c",
-                        ("exec -a other " + program + " 60").c_str()));
+                        ("exec -a other/" + unique_ + "_too " + program + " 60").c_str()));
   const Daemon daemon(pid);
   ASSERT_TRUE(eventually(
       [&] { return readText("/proc/" + std::to_string(pid) + "/cmdline").starts_with("other"); }));
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
+  EXPECT_EQ(1, kill_process_by_name(unique_ + "_too", 0));
+  const tests::DescriptorLimit none;
+  EXPECT_EQ(0, kill_process_by_name(unique_, 0)) << "nobody can be looked for";
 }
 
 TEST_F(KillByNameTest, FindsProgramWithDeletedFile) {

@@ -42,6 +42,11 @@ TEST(ProgramLimits, CallersMayOnlyShortenToolLimit) {
   EXPECT_EQ(timeLimit("/bin/anything", 100'000), 100'000U);
 }
 
+TEST(ProgramLimits, GraceIsRequestedWithTimeout) {
+  EXPECT_EQ(graceTime(kNone, 5), 1'000U);
+  EXPECT_EQ(graceTime(1, 5), 5U);
+}
+
 TEST(WatchdogTest, PollEndsWhenSignalIsDue) {
   constexpr pid_t kNoGroup = std::numeric_limits<pid_t>::max();
   const std::string program = "/bin/anything";

@@ -3,15 +3,31 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 
+#include "DescriptorLimit.h"
 #include "Pipe.h"
 #include "Script.h"
 #include "kova/utils/Clock.h"
+
+namespace {
+
+/// How often the end of a child is looked for, and whether nothing else is to be seen.
+unsigned looks = 0;
+bool seesOnlyEnd = false;
+
+}  // namespace
+
+extern "C" int waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
+  ++looks;
+  if (seesOnlyEnd) options &= ~WNOHANG;
+  return static_cast<int>(syscall(SYS_waitid, type, id, info, options, nullptr));
+}
 
 namespace kova::utils {
 namespace {
@@ -54,8 +70,10 @@ TEST_F(SysExecTest, RefusesArgumentThatCannotBePassedWhole) {
 }
 
 TEST_F(SysExecTest, ClosesInputAfterLastByte) {
-  EXPECT_EQ(0, run("/bin/cat", {}, "input"));
-  EXPECT_EQ("input", out_);
+  for (const std::string input : {"input", "i"}) {
+    EXPECT_EQ(0, run("/bin/cat", {}, input));
+    EXPECT_EQ(input, out_);
+  }
   EXPECT_EQ(0, run("/bin/cat"));
   EXPECT_EQ("", out_);
 }
@@ -73,6 +91,9 @@ TEST_F(SysExecTest, ChildThatIgnoresInputIsHarmless) {
   sigset_t pending;
   sigpending(&pending);
   EXPECT_EQ(0, sigismember(&pending, SIGPIPE));
+  sigset_t blocked;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  EXPECT_EQ(0, sigismember(&blocked, SIGPIPE));
 }
 
 TEST_F(SysExecTest, EarlierSigPipeStaysPending) {
@@ -180,8 +201,24 @@ TEST_F(SysExecTest, DoesNotWaitForProgramsLeftRunning) {
   EXPECT_EQ(0, kill(grandchild, SIGKILL));
 }
 
-TEST_F(SysExecTest, WaitsForChildThatClosedOutput) {
-  EXPECT_EQ(9, runScript("exec >&- 2>&-; sleep 0.1; exit 9"));
+TEST_F(SysExecTest, LooksForEndEvery16Milliseconds) {
+  const auto before = nowMs();
+  looks = 0;
+  EXPECT_EQ(9, runScript("exec >&- 2>&-; sleep 0.2; exit 9"));
+  EXPECT_EQ(0, run("/bin/sleep", {"0.2"}));
+  EXPECT_EQ(0, sysExecSimple("/bin/sleep", "0.2"));
+  EXPECT_LT(looks, (nowMs() - before) / 8 + 30);
+}
+
+TEST_F(SysExecTest, OutputLeftInPipesIsRead) {
+  const std::string larger = "fcntl(STDOUT, 1031, 1 << 20) or exit 1; ";  // F_SETPIPE_SZ
+  seesOnlyEnd = true;
+  const int status =
+      run("/usr/bin/perl", {"-e", larger + "print 'x' x 131073; print STDERR 'y' x 1024"});
+  seesOnlyEnd = false;
+  EXPECT_EQ(0, status);
+  EXPECT_EQ(std::string(131073, 'x'), out_);
+  EXPECT_EQ(std::string(1024, 'y'), err_);
 }
 
 TEST_F(SysExecTest, ChildInheritsOnlyThreeStreams) {
@@ -251,8 +288,24 @@ TEST_F(SysExecTest, WorksWithoutStandardStreamsOfCaller) {
 
 TEST(PipeTest, AvoidsNumbersOfStandardStreams) {
   EXPECT_EQ(0, withoutStandardStreams([] {
-              Pipe pipe;
-              return pipe.open() && pipe.read.get() > 2 && pipe.write.get() > 2 ? 0 : 1;
+              for (int taken = 0; taken < 3; ++taken) {
+                Pipe pipe;
+                if (!pipe.open() || pipe.read.get() < 3 || pipe.write.get() < 3) return 1;
+                if (open("/dev/null", O_RDONLY) != taken) return 2;
+              }
+              return 0;
+            }));
+}
+
+TEST(PipeTest, NeedsTwoDescriptors) {
+  EXPECT_EQ(0, withoutStandardStreams([] {
+              closefrom(0);
+              for (const rlim_t end : {1, 4}) {
+                const tests::DescriptorLimit limit(end);
+                Pipe pipe;
+                if (pipe.open() || errno != EMFILE) return 1;
+              }
+              return 0;
             }));
 }
 

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "kova/utils/UniqueFd.h"
+
 namespace kova::utils {
 
 enum FILE_OPEN_MODE : int {
@@ -78,8 +80,9 @@ class File {
   bool openReplacement(const std::string& path);
   bool completeReplacement();
   void abandon();
+  void removeTemporary();
 
-  int fd_ = -1;
+  UniqueFd fd_;
   std::uint64_t size_ = 0;
   std::uint64_t cursor_ = 0;
   std::string target_;     // set only during an atomic replacement

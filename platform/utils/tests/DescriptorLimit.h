@@ -1,0 +1,23 @@
+#pragma once
+
+#include <sys/resource.h>
+
+namespace kova::tests {
+
+/// During its lifetime the numbers of new descriptors are below `end`.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t end = 0) {
+    getrlimit(RLIMIT_NOFILE, &saved_);
+    const rlimit limit{end, saved_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  rlimit saved_{};
+};
+
+}  // namespace kova::tests
