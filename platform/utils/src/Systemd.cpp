@@ -1,7 +1,7 @@
 #include "Systemd.h"
 
-#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -53,8 +53,7 @@ std::uint64_t timeLeftMs(std::uint64_t deadlineMs) {
 }  // namespace
 
 bool Systemd::isBooted() {
-  struct stat info {};
-  return lstat("/run/systemd/system", &info) == 0 && S_ISDIR(info.st_mode);
+  return access("/run/systemd/system/", F_OK) == 0;
 }
 
 Systemd::Systemd(std::string address, std::uint64_t deadlineMs)
@@ -172,26 +171,32 @@ bool Systemd::isDown() {
   return state == "inactive" || state == "failed" || complain("StopUnit", state.c_str());
 }
 
-template <typename... Arguments>
-MessagePtr Systemd::call(const char* method, const char* types, Arguments... arguments) {
-  limitCall();
+template <typename Call>
+MessagePtr Systemd::ask(const char* what, Call call) {
+  // 0 would be the library's own time.
+  const std::uint64_t leftMs = std::max<std::uint64_t>(timeLeftMs(deadlineMs_), 1);
+  sd_bus_set_method_call_timeout(bus_.get(), leftMs * 1000);
   BusError error;
   sd_bus_message* reply = nullptr;
-  const int result = sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManager, method,
-                                        &error.value, &reply, types, arguments...);
-  if (result < 0) complain(method, error, result);
+  const int result = call(&error.value, &reply);
+  if (result < 0) complain(what, error, result);
   return MessagePtr(reply);
+}
+
+template <typename... Arguments>
+MessagePtr Systemd::call(const char* method, const char* types, Arguments... arguments) {
+  return ask(method, [&](sd_bus_error* error, sd_bus_message** reply) {
+    return sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManager, method, error,
+                              reply, types, arguments...);
+  });
 }
 
 /// A message that stands at the value; null after a log line on failure.
 MessagePtr Systemd::property(const char* name, const char* type) {
-  limitCall();
-  BusError error;
-  sd_bus_message* reply = nullptr;
-  const int result = sd_bus_get_property(bus_.get(), kDestination, path_.c_str(), kUnit, name,
-                                         &error.value, &reply, type);
-  if (result < 0) complain(name, error, result);
-  return MessagePtr(reply);
+  return ask(name, [&](sd_bus_error* error, sd_bus_message** reply) {
+    return sd_bus_get_property(bus_.get(), kDestination, path_.c_str(), kUnit, name, error, reply,
+                               type);
+  });
 }
 
 bool Systemd::read(const char* name, std::string& value) {
@@ -219,12 +224,6 @@ bool Systemd::readNames(std::vector<std::string>& names) {
 bool Systemd::readJob(std::uint32_t& job) {
   const MessagePtr message = property("Job", "(uo)");
   return message && sd_bus_message_read(message.get(), "(uo)", &job, nullptr) >= 0;
-}
-
-void Systemd::limitCall() {
-  // 0 would be the library's own time.
-  const std::uint64_t leftMs = std::max<std::uint64_t>(timeLeftMs(deadlineMs_), 1);
-  sd_bus_set_method_call_timeout(bus_.get(), leftMs * 1000);
 }
 
 bool Systemd::complain(const char* what, const char* why) const {
