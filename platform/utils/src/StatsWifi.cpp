@@ -64,8 +64,8 @@ int readNl80211(WiFiStats& stats) {
   netlink.setDeadline(nowMs() + kTimeoutMs);
   // Retry once: the family id changes when the driver is reloaded.
   for (int attempt = 0; attempt < 2; ++attempt) {
-    if (family < 0) family = findFamily(netlink);
-    if (family < 0) return ENOENT;
+    if (family == -1) family = findFamily(netlink);
+    if (family == -1) return ENOENT;
     if (queryAll(netlink, family, stats)) return 0;
     family = -1;
   }

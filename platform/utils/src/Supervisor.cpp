@@ -118,8 +118,8 @@ int Leash::start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
   if (middle < 0) return errno;
   if (middle == 0) startAndEnd(spawn, other.get(), limitMs);
   other.reset();
-  const StartReport report = awaitReport(own.get());
   waitFor(middle, nullptr);
+  const StartReport report = awaitReport(own.get());
   if (report.error != 0) return report.error;
   *pid = report.pid;
   socket_ = std::move(own);

@@ -26,6 +26,8 @@ constexpr char kManagerPath[] = "/org/freedesktop/systemd1";
 constexpr char kManager[] = "org.freedesktop.systemd1.Manager";
 constexpr char kUnit[] = "org.freedesktop.systemd1.Unit";
 
+constexpr char kUnexpected[] = "the answer is of another type";
+
 // Of a request's time, for what follows its job.
 constexpr std::uint64_t kReserveMs = 1000;
 
@@ -48,6 +50,12 @@ bool isSystemUnit(const std::string& unit) {
 
 std::uint64_t timeLeftMs(std::uint64_t deadlineMs) {
   return deadlineMs - std::min(nowMs(), deadlineMs);
+}
+
+/// Reads values where a message stands.
+template <typename... Values>
+bool take(const MessagePtr& message, const char* types, Values... values) {
+  return message && sd_bus_message_read(message.get(), types, values...) > 0;
 }
 
 }  // namespace
@@ -97,8 +105,7 @@ bool Systemd::load() {
   const MessagePtr reply = call("LoadUnit", "s", unit_.c_str());
   if (!reply) return false;
   const char* path = nullptr;
-  const int result = sd_bus_message_read(reply.get(), "o", &path);
-  if (result < 0) return complain("LoadUnit", std::strerror(-result));
+  if (!take(reply, "o", &path)) return complain("LoadUnit", kUnexpected);
   path_ = path;
   return true;
 }
@@ -107,8 +114,7 @@ bool Systemd::startAtBoot() {
   const MessagePtr reply = call("EnableUnitFiles", "asbb", 1, unit_.c_str(), 0, 0);
   int hasInstallSection = 0;
   if (!reply) return false;
-  const int result = sd_bus_message_read(reply.get(), "b", &hasInstallSection);
-  if (result < 0) return complain("EnableUnitFiles", std::strerror(-result));
+  if (!take(reply, "b", &hasInstallSection)) return complain("EnableUnitFiles", kUnexpected);
   if (hasInstallSection == 0) {
     KOVA_LOG(LOG_WARNING, 0, "%s has no [Install] section, so that it is not enabled for boot",
              unit_.c_str());
@@ -202,14 +208,13 @@ MessagePtr Systemd::property(const char* name, const char* type) {
 bool Systemd::read(const char* name, std::string& value) {
   const MessagePtr message = property(name, "s");
   const char* text = nullptr;
-  if (!message || sd_bus_message_read(message.get(), "s", &text) < 0) return false;
+  if (!take(message, "s", &text)) return false;
   value = text;
   return true;
 }
 
 bool Systemd::read(const char* name, std::uint64_t& value) {
-  const MessagePtr message = property(name, "t");
-  return message && sd_bus_message_read(message.get(), "t", &value) >= 0;
+  return take(property(name, "t"), "t", &value);
 }
 
 bool Systemd::readNames(std::vector<std::string>& names) {
@@ -222,8 +227,7 @@ bool Systemd::readNames(std::vector<std::string>& names) {
 }
 
 bool Systemd::readJob(std::uint32_t& job) {
-  const MessagePtr message = property("Job", "(uo)");
-  return message && sd_bus_message_read(message.get(), "(uo)", &job, nullptr) >= 0;
+  return take(property("Job", "(uo)"), "(uo)", &job, nullptr);
 }
 
 bool Systemd::complain(const char* what, const char* why) const {

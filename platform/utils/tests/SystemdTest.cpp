@@ -1,12 +1,12 @@
 #include "../src/Systemd.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <atomic>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <set>
@@ -316,7 +316,7 @@ TEST_F(SystemdTest, EndlessJobEndsInTime) {
   systemd_.answers["Job"] = returns("v", "(uo)", 7, "/org/freedesktop/systemd1/job/7");
   EXPECT_FALSE(enable("lights", 1500));
   expectLine("systemd StartUnit of lights.service failed: it takes too long");
-  EXPECT_LT(systemd_.calls.size(), 30U) << "it is not asked all the time";
+  EXPECT_LT(systemd_.calls.size(), 20U) << "it is not asked all the time";
 }
 
 TEST_F(SystemdTest, CallPastDeadlineEndsAtOnce) {
@@ -403,16 +403,20 @@ TEST_F(HostileSystemdTest, HungBusEndsInTime) {
   ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(listen(listener.get(), 1), 0);
   const std::uint64_t before = nowMs();
-  const std::clock_t used = std::clock();
   for (int connection = 0; connection < 4; ++connection) {
     tests::records.clear();
+    rusage earlier{};
+    getrusage(RUSAGE_THREAD, &earlier);
     Systemd systemd("unix:path=" + path, nowMs() + 300);
     EXPECT_FALSE(systemd.disable("lights"));
     expectLine("Unable to reach systemd on the system bus");
-    if (connection == 0) expectLine("Connection timed out");
+    if (connection != 0) continue;
+    expectLine("Connection timed out");
+    rusage later{};
+    getrusage(RUSAGE_THREAD, &later);
+    EXPECT_GT(later.ru_nvcsw, earlier.ru_nvcsw) << "it sleeps";
   }
   EXPECT_LT(nowMs() - before, 6000U);
-  EXPECT_LT(std::clock() - used, CLOCKS_PER_SEC / 4) << "it waits without work";
 }
 
 }  // namespace

@@ -98,6 +98,11 @@ TEST_F(WriteTimeZoneTest, LeftoversOfEarlierProcessAreReplaced) {
   }
   ASSERT_TRUE(write("Europe/Paris"));
   expectParis();
+  const std::string folder = folders_.etc + "/localtime.new." + std::to_string(getpid());
+  std::filesystem::create_directory(folder);
+  EXPECT_FALSE(write("UTC")) << "which cannot be replaced";
+  std::filesystem::remove(folder);
+  expectParis();
 }
 
 TEST_F(WriteTimeZoneTest, ReplacesCopiedZoneFile) {
