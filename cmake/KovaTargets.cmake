@@ -21,12 +21,15 @@ endfunction()
 
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
 #
-# A static library whose public headers stand in the "include" folder beside its CMakeLists.txt.
+# A static library. Its public headers, if it has some of its own, lie in the "include" folder beside its
+# CMakeLists.txt.
 function(kova_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include
-                                     PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+  target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+  if(IS_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/include)
+    target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include)
+  endif()
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
   kova_batches(${name} KOVA_BATCHES)
 endfunction()

@@ -222,6 +222,20 @@ erases_itself() {
   expect_not "the logo is gone" inside test -e /etc/persistent/user_logo
 }
 
+# shows SECONDS: what a press shows on a terminal.
+shows() { KOVA_MACHINE=$machine DIR=$one script -qec "\"\$KOVA_MACHINE\" press \"\$DIR\" $1" /dev/null >"$work/shown"; }
+
+shows_what_a_press_does() {
+  local boot
+  boot=$(boot_count)
+  expect "on a terminal" shows 0.5
+  expect "a press shows what the camera logs" grep -qF "$UP" "$work/shown"
+  expect_not "which resets nothing" grep -qF "resets itself" "$work/shown"
+  expect "on a terminal" shows 5.5
+  expect "a long press shows the reset" grep -qF "$HELD" "$work/shown"
+  expect "until the camera is up again" grep -qF "boot=$((boot + 1))" "$work/shown"
+}
+
 # Also one that is killed and cleans up nothing.
 ends_with_its_owner() {
   local owner other=$work/other.machine
@@ -293,5 +307,5 @@ ends_cleanly() {
 
 [ $# -gt 0 ] || set -- refuses_what_it_cannot_do boots passes_commands_on keeps_its_image \
   tells_the_kernels_figures confines_the_picture_decoder takes_a_logo survives_power_cuts obeys_its_button \
-  erases_itself ends_with_its_owner takes_no_other_for_its_owner bounds_its_record ends_cleanly
+  erases_itself shows_what_a_press_does ends_with_its_owner takes_no_other_for_its_owner bounds_its_record ends_cleanly
 run_parts "$@"

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 readonly SOURCE=$1 OBJCOPY=$2 PROGRAM=$3 COMMAND=$4
-readonly CODE=platform/utils/tests/crash/main.cpp
+readonly CODE=platform/utils/crash/tests/report/main.cpp
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -79,10 +79,10 @@ expect_not "without the lines of others" grep -F /bin/other "$work/said"
 shows() { "$@" && ! grep -q "$escape" "$work/said"; }
 readonly escape=$'\033'
 sed "s/(Segmentation fault)/(${escape}[2J)/" "$report" >"$work/hostile"
-sed "s,crash/main\.cpp,crash/${escape}[2J.cpp,g;s,readNowhere,read${escape}[2Jher,g" "$debug" >"$work/hostile.debug"
+sed "s,report/main\.cpp,report/${escape}[2J.cpp,g;s,readNowhere,read${escape}[2Jher,g" "$debug" >"$work/hostile.debug"
 expect "a hostile report shows as text" shows says "by signal 11 (?[2J)" "$work/hostile" "$debug"
 expect "so do hostile names" shows says "read?[2Jher" "$report" "$work/hostile.debug"
-expect "and hostile lines" grep -F "crash/?[2J.cpp:" "$work/said"
+expect "and hostile lines" grep -F "report/?[2J.cpp:" "$work/said"
 sed "s/program+0x[0-9a-f]*$//;2,\$s/^.*\[0x/${escape}[2J\[0x/" "$report" >"$work/hostile"
 refuses "has no lines" "$work/hostile" "$debug"
 expect "so do hostile symbols" grep -F "0  ?[2J" "$work/out"

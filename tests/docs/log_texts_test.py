@@ -6,7 +6,8 @@ import sys
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[2]
-FOLDERS = ("kova_ctlserver/src/*.cpp", "kova_ctlserver/include/*.h", "platform/*/src/*.cpp")
+FOLDERS = ("kova_ctlserver/src/*.cpp", "kova_ctlserver/include/*.h", "platform/*/src/*.cpp",
+           "platform/utils/*/src/*.cpp")
 SOURCES = sorted(path for folder in FOLDERS for path in TOP.glob(folder))
 
 # What logs: the text is the first literal behind so many arguments, which name where the line comes from.
@@ -49,7 +50,7 @@ def logged():
 
 def crash_texts():
     """What the crash handler logs before the backtrace; it puts its texts together without printf(3)."""
-    source = (TOP / "platform/utils/src/Crash.cpp").read_text()
+    source = (TOP / "platform/utils/crash/src/Crash.cpp").read_text()
     for name in ("headline", "build"):
         built = source[source.index(f"> {name};") : source.index(f"sink.line({name}")]
         parts = re.findall(r'\.append(Number|Hex)?\((?:"([^"\\]*)")?', built)

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "../../platform/utils/src/AccountFile.h"
+#include "../../platform/utils/accounts/src/AccountFile.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "../../platform/utils/src/WavHeader.h"
+#include "../../platform/utils/files/src/WavHeader.h"
 
 namespace {
 

@@ -186,7 +186,7 @@ class Order(unittest.TestCase):
         own = program("platform/utils/utils_test", 30)
         quick, slow = program("tests/suite/suite", 1), program("tests/engine/engine", 21)
         system = program("tests/system/System", 100, system=True)
-        self.assertEqual(names("platform/utils/src/a.cpp", system, slow, quick, own),
+        self.assertEqual(names("platform/utils/process/src/a.cpp", system, slow, quick, own),
                          ["utils_test", "suite", "engine", "System"])
         self.assertEqual(names("kova_ctlserver/src/a.cpp", system, slow, quick), ["engine", "suite", "System"])
 

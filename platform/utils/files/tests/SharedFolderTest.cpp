@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "SharedFolder.h"
+#include "../src/SharedFolder.h"
 #include "SyslogRecorder.h"
 #include "TemporaryFolder.h"
 #include "kova/utils/File.h"

@@ -8,8 +8,8 @@
 #include <ctime>
 #include <filesystem>
 
-#include "../TemporaryFolder.h"
 #include "SyslogRecorder.h"
+#include "TemporaryFolder.h"
 
 namespace kova::utils {
 namespace {

@@ -12,8 +12,8 @@
 #include <functional>
 #include <thread>
 
-#include "../TemporaryFolder.h"
 #include "SyslogRecorder.h"
+#include "TemporaryFolder.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "../../src/AccountFile.h"
-#include "../TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 namespace kova::utils {
 namespace {

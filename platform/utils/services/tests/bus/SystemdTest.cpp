@@ -1,4 +1,4 @@
-#include "../src/Systemd.h"
+#include "../../src/Systemd.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "../TemporaryFolder.h"
 #include "Netlink.h"
+#include "TemporaryFolder.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/Stats.h"
 
