@@ -14,7 +14,7 @@ Lead leadOf(unsigned char first) {
   if ((first & 0xE0U) == 0xC0) return {2, first & 0x1FU, 0x80};
   if ((first & 0xF0U) == 0xE0) return {3, first & 0x0FU, 0x800};
   if ((first & 0xF8U) == 0xF0) return {4, first & 0x07U, 0x10000};
-  return {0, 0, 0};
+  return {};
 }
 
 bool isCodePoint(char32_t code) {

@@ -4,13 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 
 #include "TimeZoneInternal.h"
 #include "kova/logger/Logger.h"
@@ -41,10 +41,9 @@ std::string canonical(const std::string& path) {
 /// Whether `path` links back to the system's own zone instead of naming one; the system's zone must
 /// not be a link to itself.
 bool followsTheSystem(const std::string& path, const std::string& zoneinfo) {
-  std::array<char, PATH_MAX> target;
-  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
-  if (length <= 0 || target[0] != '/') return false;
-  return !startsWith(std::string(target.data(), static_cast<std::size_t>(length)), zoneinfo + "/");
+  std::error_code isNoLink;
+  const std::string target = std::filesystem::read_symlink(path, isNoLink);
+  return startsWith(target, "/") && !startsWith(target, zoneinfo + "/");
 }
 
 /// The POSIX rule of an installed zone; "" if there is no such zone.
@@ -54,7 +53,7 @@ std::string ruleOf(const std::string& zone, const std::string& zoneinfo) {
   if (file.empty() && (zone == "GMT" || zone == "UTC")) return zone + "0";
   const std::string folder = canonical(zoneinfo);
   std::string content;
-  if (folder.empty() || !startsWith(file, folder + "/") || followsTheSystem(path, zoneinfo) ||
+  if (!startsWith(file, folder + "/") || followsTheSystem(path, zoneinfo) ||
       !File::ReadStringAll(file, content)) {
     return "";
   }
@@ -81,10 +80,9 @@ class LinkReplacement {
   bool replace(const std::string& target) {
     unlink(next_.c_str());
     unlink(previous_.c_str());
-    hadPrevious_ = link(path_.c_str(), previous_.c_str()) == 0;
-    if (!hadPrevious_ && errno != ENOENT) return false;
-    replaced_ =
-        symlink(target.c_str(), next_.c_str()) == 0 && rename(next_.c_str(), path_.c_str()) == 0;
+    if (symlink(target.c_str(), next_.c_str()) != 0) return false;
+    if (link(path_.c_str(), previous_.c_str()) != 0 && errno != ENOENT) return false;
+    replaced_ = rename(next_.c_str(), path_.c_str()) == 0;
     return replaced_;
   }
 
@@ -92,15 +90,14 @@ class LinkReplacement {
 
  private:
   void takeBack() {  // kept: 15
-    const bool done =
-        hadPrevious_ ? rename(previous_.c_str(), path_.c_str()) == 0 : unlink(path_.c_str()) == 0;
+    const bool done = rename(previous_.c_str(), path_.c_str()) == 0 ||
+                      (errno == ENOENT && unlink(path_.c_str()) == 0);
     if (!done) KOVA_LOG_IN("TakeBack", LOG_ERR, errno, "Cannot restore %s", path_.c_str());
   }
 
   std::string path_;
   std::string next_;
   std::string previous_;
-  bool hadPrevious_ = false;
   bool replaced_ = false;
   bool kept_ = false;
 };
@@ -113,9 +110,10 @@ std::string posixRule(const std::string& tzif) {
       tzif.back() != '\n') {
     return "";
   }
-  const std::size_t before = tzif.rfind('\n', tzif.size() - 2);
+  const std::string lines(tzif, 0, tzif.size() - 1);
+  const std::size_t before = lines.rfind('\n');
   if (before == std::string::npos) return "";
-  std::string rule = tzif.substr(before + 1, tzif.size() - before - 2);
+  std::string rule = lines.substr(before + 1);
   const auto isGraphic = [](char c) { return c > ' ' && c <= '~'; };
   return std::all_of(rule.begin(), rule.end(), isGraphic) ? rule : "";
 }

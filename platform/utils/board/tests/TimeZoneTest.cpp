@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -32,7 +33,7 @@ TEST(PosixRule, IsEmptyWithoutZoneOrRule) {
   EXPECT_EQ("", posixRule("TZif"));
   EXPECT_EQ("", posixRule("TZif2"));
   EXPECT_EQ("", posixRule("TZif2\n"));
-  EXPECT_EQ("", posixRule("text\nGMT0\n"));
+  EXPECT_EQ("", posixRule("text2\nGMT0\n"));
   EXPECT_EQ("", posixRule(zoneFile("")));
   EXPECT_EQ("", posixRule(zoneFile("GMT0") + "x"));
   EXPECT_EQ("", posixRule(zoneFile("GMT 0")));
@@ -87,6 +88,20 @@ TEST_F(WriteTimeZoneTest, ReplacesEarlierZone) {
   ASSERT_TRUE(write("Europe/Paris"));
   expectParis();
   ASSERT_TRUE(write("Europe/Paris"));
+  expectParis();
+}
+
+TEST_F(WriteTimeZoneTest, LeftoversOfEarlierProcessAreReplaced) {
+  ASSERT_TRUE(write("UTC"));
+  for (const char* name : {"/localtime.new.", "/localtime.old."}) {
+    writeText(folders_.etc + name + std::to_string(getpid()), "left");
+  }
+  ASSERT_TRUE(write("Europe/Paris"));
+  expectParis();
+  const std::string folder = folders_.etc + "/localtime.new." + std::to_string(getpid());
+  std::filesystem::create_directory(folder);
+  EXPECT_FALSE(write("UTC")) << "which cannot be replaced";
+  std::filesystem::remove(folder);
   expectParis();
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <string_view>
 
 #include "WavHeader.h"
@@ -11,6 +12,8 @@ namespace kova::utils {
 namespace internal {
 namespace {
 
+using namespace std::string_view_literals;
+
 constexpr std::uint64_t kRiffHeader = 12;
 constexpr std::uint64_t kChunkHeader = 8;
 constexpr std::uint64_t kFormatBasic = 16;
@@ -19,8 +22,7 @@ constexpr int kMaxChunks = 1024;
 constexpr std::uint16_t kFormatPcm = 0x0001;
 constexpr std::uint16_t kFormatIsExtensible = 0xfffe;
 // 00000001-0000-0010-8000-00AA00389B71
-constexpr std::array<unsigned char, 16> kSubtypePcm = {
-    0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00, 0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71};
+constexpr std::string_view kSubtypePcm = "\x01\0\0\0\0\0\x10\0\x80\0\0\xaa\0\x38\x9b\x71"sv;
 
 std::uint16_t u16(const unsigned char* at) {
   return static_cast<std::uint16_t>(at[0] | at[1] << 8);
@@ -31,7 +33,7 @@ std::uint32_t u32(const unsigned char* at) {
 }
 
 bool isTag(const unsigned char* at, std::string_view tag) {
-  return std::equal(tag.begin(), tag.end(), at);
+  return std::memcmp(at, tag.data(), tag.size()) == 0;
 }
 
 struct Format {
@@ -46,8 +48,8 @@ std::optional<Format> parseFormat(const ReadAt& readAt, std::uint64_t offset, st
     return std::nullopt;
   }
   const std::uint16_t tag = u16(body.data());
-  const bool extensiblePcm = tag == kFormatIsExtensible && length == kFormatExtensible &&
-                             std::equal(kSubtypePcm.begin(), kSubtypePcm.end(), &body[24]);
+  const bool extensiblePcm =
+      tag == kFormatIsExtensible && length == kFormatExtensible && isTag(&body[24], kSubtypePcm);
   const Format format{u16(&body[2]), u32(&body[4])};
   if ((tag != kFormatPcm && !extensiblePcm) || format.channels == 0 || format.sampleRate == 0) {
     return std::nullopt;
@@ -63,7 +65,7 @@ std::optional<std::uint64_t> parseRiff(const ReadAt& readAt, std::uint64_t size)
     return std::nullopt;
   }
   const std::uint64_t end = kChunkHeader + u32(&header[4]);
-  return end >= kRiffHeader && end <= size ? std::optional(end) : std::nullopt;
+  return end <= size ? std::optional(end) : std::nullopt;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "../src/SharedFolder.h"
 #include "SyslogRecorder.h"
 #include "TemporaryFolder.h"
 #include "kova/utils/File.h"
@@ -57,6 +58,7 @@ class SharedFolderTest : public testing::Test {
 TEST_F(SharedFolderTest, OwnFilesAreRead) {
   EXPECT_TRUE(opens(path_));
   EXPECT_TRUE(fileExists(path_.c_str(), true));
+  EXPECT_TRUE(fileExists((folder_.path() + "/").c_str(), true));
   EXPECT_FALSE(opens(folder_ / "missing"));
   EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(records_->empty());
@@ -105,6 +107,31 @@ TEST_F(SharedFolderTest, FilesOfTrustedUserAreOnlyRead) {
   EXPECT_EQ(errno, EPERM);
   EXPECT_TRUE(trustFilesOf("65533"));
   EXPECT_FALSE(opens(path_));
+}
+
+TEST_F(SharedFolderTest, OnlyOwnFilesWithOneNameAreWritten) {
+  constexpr char kForeign[] = "it belongs to somebody else";
+  constexpr uid_t kTrusted = 4321;
+  EXPECT_TRUE(trustFilesOf("root"));
+  EXPECT_TRUE(trustFilesOf(std::to_string(kTrusted)));
+  const struct {
+    uid_t user;
+    const char* reading;
+    const char* writing;
+  } cases[] = {{geteuid(), nullptr, nullptr},
+               {kTrusted, nullptr, kForeign},
+               {kTrusted + 1, kForeign, kForeign},
+               {1, kForeign, kForeign}};
+  struct stat file {};
+  for (const auto& [user, reading, writing] : cases) {
+    file.st_uid = user;
+    file.st_nlink = 1;
+    EXPECT_STREQ(internal::objectionTo(file, false), reading) << user;
+    EXPECT_STREQ(internal::objectionTo(file, true), writing) << user;
+  }
+  file.st_uid = kTrusted;
+  file.st_nlink = 2;
+  EXPECT_STREQ(internal::objectionTo(file, false), "it has a second name");
 }
 
 TEST_F(SharedFolderTest, UnknownUserIsReportedAndNobodyTrusted) {

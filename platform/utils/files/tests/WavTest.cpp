@@ -68,7 +68,8 @@ TEST_F(WavTest, ReportsChannelsRateAndDataSize) {
 TEST_F(WavTest, ChunksMayComeInAnyOrder) {
   EXPECT_TRUE(read(riff(kData + chunk("LIST", "odd") + kFormat)));
   EXPECT_EQ(sampleRate_, 11025U);
-  EXPECT_TRUE(read(riff(chunk("junk", "") + kFormat + chunk("fact", "1234") + kData)));
+  EXPECT_TRUE(
+      read(riff(chunk("junk", "") + kFormat + chunk("fact", "1234") + kData + chunk("junk", ""))));
 }
 
 TEST_F(WavTest, OddChunksArePaddedExceptLast) {
@@ -152,7 +153,7 @@ TEST_F(WavTest, HostileFileCostsBoundedReads) {
     return true;
   };
   EXPECT_FALSE(internal::parseWavHeader(readAt, text.size()));
-  EXPECT_LE(reads, 1026);
+  EXPECT_EQ(reads, 1 + 1024);
 }
 
 TEST_F(WavTest, ReadErrorFails) {

@@ -25,7 +25,6 @@ namespace {
 constexpr char kLogIdentity[] = "kova_utils";
 constexpr char kLogUnit[] = "ServiceManager";
 
-constexpr std::uint64_t kReadyRetryMs = 250;
 constexpr int kStepMs = 250;
 
 /// What the variables of the process said when notifyReady() took them.
@@ -34,7 +33,6 @@ struct Manager {
   std::uint64_t intervalMs = 0;  // half of the time in which it wants to hear; 0: it does not watch
   std::uint64_t toldMs = 0;      // when it was told last that the process is alive
   bool unready = false;          // it has not taken yet that the start is complete
-  std::uint64_t triedMs = 0;     // when it was told that last
 };
 
 Manager& manager() {
@@ -70,7 +68,7 @@ bool tell(std::string_view state) {
   const std::string& path = manager().socket;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path || (path.front() != '/' && path.front() != '@')) {
+  if (path.size() > sizeof address.sun_path || (path.front() != '/' && path.front() != '@')) {
     errno = EINVAL;
     return false;
   }
@@ -81,11 +79,11 @@ bool tell(std::string_view state) {
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
   const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   return socket && sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL,
-                          reinterpret_cast<const sockaddr*>(&address), length) >= 0;
+                          reinterpret_cast<const sockaddr*>(&address),
+                          length) == static_cast<ssize_t>(state.size());
 }
 
 bool tellReady() {
-  manager().triedMs = nowMs();
   manager().unready = !tell("READY=1");
   return !manager().unready;
 }
@@ -105,20 +103,16 @@ void notifyAlive() {
   if (told.socket.empty()) {
     return;
   }
-  const std::uint64_t time = nowMs();
-  if (told.unready && time - told.triedMs >= kReadyRetryMs) {
+  if (told.unready) {
     tellReady();
   }
+  const std::uint64_t time = nowMs();
   if (told.intervalMs != 0 && time - told.toldMs >= told.intervalMs && tell("WATCHDOG=1")) {
     told.toldMs = time;
   }
 }
 
 void sleepAliveMs(int milliseconds) {
-  if (manager().intervalMs == 0 && !manager().unready) {
-    sleepMs(milliseconds);
-    return;
-  }
   for (int left = milliseconds; left > 0; left -= kStepMs) {
     notifyAlive();
     sleepMs(std::min(left, kStepMs));

@@ -20,7 +20,6 @@ bool holdsNul(const std::string& text) {
 
 Spawn::Spawn(const std::string& program, const std::vector<std::string>& arguments,
              const StandardStreams& streams) {
-  words_.reserve(arguments.size() + 1);
   words_.push_back(program);
   words_.insert(words_.end(), arguments.begin(), arguments.end());
   for (std::string& word : words_) {
@@ -31,18 +30,12 @@ Spawn::Spawn(const std::string& program, const std::vector<std::string>& argumen
 
   note(posix_spawn_file_actions_init(&actions_));
   note(posix_spawnattr_init(&attributes_));
-  const int given[] = {streams.in, streams.out, streams.err};
-  for (int target = 0; target < 3; ++target) {
-    if (given[target] >= 0) {
-      note(posix_spawn_file_actions_adddup2(&actions_, given[target], target));
-    } else {
-      const int mode = target == STDIN_FILENO ? O_RDONLY : O_WRONLY;
-      note(posix_spawn_file_actions_addopen(&actions_, target, "/dev/null", mode, 0));
-    }
-  }
+  redirect(STDIN_FILENO, streams.in, O_RDONLY);
+  redirect(STDOUT_FILENO, streams.out, O_WRONLY);
+  redirect(STDERR_FILENO, streams.err, O_WRONLY);
   note(inheritNoneFrom(&actions_, STDERR_FILENO + 1));
 
-  sigset_t signals;
+  sigset_t signals{};
   sigfillset(&signals);
   note(posix_spawnattr_setsigdefault(&attributes_, &signals));
   sigemptyset(&signals);
@@ -50,13 +43,8 @@ Spawn::Spawn(const std::string& program, const std::vector<std::string>& argumen
   flags_ = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
 }
 
-Spawn::~Spawn() {
-  posix_spawn_file_actions_destroy(&actions_);
-  posix_spawnattr_destroy(&attributes_);
-}
-
+// The attributes name the group 0, which means a new one, from the start.
 void Spawn::ownGroup() {
-  note(posix_spawnattr_setpgroup(&attributes_, 0));
   flags_ |= POSIX_SPAWN_SETPGROUP;
 }
 
@@ -79,15 +67,20 @@ int Spawn::start(pid_t* pid) {
   return posix_spawn(pid, argv_.front(), &actions_, &attributes_, argv_.data(), environ);
 }
 
+void Spawn::redirect(int stream, int given, int mode) {
+  note(given != -1 ? posix_spawn_file_actions_adddup2(&actions_, given, stream)
+                   : posix_spawn_file_actions_addopen(&actions_, stream, "/dev/null", mode, 0));
+}
+
 void Spawn::note(int error) {
   if (error_ == 0) error_ = error;
 }
 
-pid_t waitFor(pid_t pid, int* status, int options) {
+pid_t waitFor(pid_t pid, int* status) {
   pid_t result = 0;
   do {
-    result = waitpid(pid, status, options);
-  } while (result < 0 && errno == EINTR);
+    result = waitpid(pid, status, 0);
+  } while (result == -1 && errno == EINTR);
   return result;
 }
 

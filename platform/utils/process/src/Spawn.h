@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "kova/utils/Handle.h"
+
 namespace kova::utils {
 
 /// The child's standard descriptors; -1 for /dev/null. All others must be above 2.
@@ -22,7 +24,6 @@ class Spawn {
   /// start() fails with EINVAL if the program or an argument contains a NUL.
   Spawn(const std::string& program, const std::vector<std::string>& arguments,
         const StandardStreams& streams);
-  ~Spawn();
   Spawn(const Spawn&) = delete;
   Spawn& operator=(const Spawn&) = delete;
 
@@ -38,18 +39,21 @@ class Spawn {
   int start(pid_t* pid);
 
  private:
+  void redirect(int stream, int given, int mode);
   void note(int error);
 
   std::vector<std::string> words_;
   std::vector<char*> argv_;
   posix_spawn_file_actions_t actions_{};
   posix_spawnattr_t attributes_{};
+  const Handle<posix_spawn_file_actions_t, posix_spawn_file_actions_destroy> ownActions_{&actions_};
+  const Handle<posix_spawnattr_t, posix_spawnattr_destroy> ownAttributes_{&attributes_};
   short flags_ = 0;
   int error_ = 0;
 };
 
 /// waitpid(2) that is restarted when interrupted by a signal.
-pid_t waitFor(pid_t pid, int* status, int options);
+pid_t waitFor(pid_t pid, int* status);
 
 /// The exit status as a shell reports it: 128 plus the signal's number for a process killed by a
 /// signal.

@@ -9,10 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <iterator>
 
 #include "ChildProcesses.h"
 #include "Descriptors.h"
@@ -28,64 +28,54 @@ struct StartReport {
 
 constexpr char kTimeIsOver = 'T';
 // Descriptor of the supervisor's end of the socket; it keeps no descriptor of its owner.
-constexpr int kSocket = STDERR_FILENO + 1;
+constexpr int kSocket = 0;
 constexpr int kLongestEndMs = 2'000;
 
-bool sendReport(int socket, const StartReport& report) {
-  return send(socket, &report, sizeof report, MSG_NOSIGNAL) == sizeof report;
+void sendReport(int socket, const StartReport& report) {
+  send(socket, &report, sizeof report, MSG_NOSIGNAL);
 }
 
 // Nothing below allocates memory, since other threads of the owner may have held the heap's locks
 // at the fork(2).
 
 /// Signals are blocked and read: a signal that kills the owner must not kill the supervisor first.
-void becomeSupervisor(int socket) {
+/// @return the descriptor that they are read from. Without it, for lack of memory, the end of a
+/// child is noticed later.
+int becomeSupervisor(int socket) {
   signal(SIGCHLD, SIG_DFL);
-  sigset_t all;
+  sigset_t all{};
   sigfillset(&all);
   sigprocmask(SIG_SETMASK, &all, nullptr);
-  if (socket != kSocket) dup3(socket, kSocket, O_CLOEXEC);
+  dup3(socket, kSocket, O_CLOEXEC);
   closeDescriptorsFrom(kSocket + 1);
-  // The other end of the socket is one of them where the owner has no standard streams.
-  for (int fd = 0; fd < kSocket; ++fd) close(fd);
   prctl(PR_SET_NAME, "kova_supervisor");
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-}
-
-int childEvents() {
-  sigset_t childEnded;
-  sigemptyset(&childEnded);
-  sigaddset(&childEnded, SIGCHLD);
-  return signalfd(-1, &childEnded, SFD_NONBLOCK | SFD_CLOEXEC);
+  return signalfd(-1, &all, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
 /// Waits until the time limit expires, the leash is released or a child exits.
 /// @return whether the leash is still held and time is left
-bool waitWithin(std::uint64_t deadline, int events) {
+bool waitWithin(std::uint64_t deadline, int signals) {
   const std::uint64_t time = nowMs();
   if (time >= deadline) return false;
-  std::array<pollfd, 2> polled{{{kSocket, POLLIN, 0}, {events, POLLIN, 0}}};
+  pollfd polled[] = {{kSocket, POLLIN, 0}, {signals, POLLIN, 0}};
   constexpr std::uint64_t kLongestWaitMs = 60'000;
-  poll(polled.data(), polled.size(),
+  poll(polled, std::size(polled),
        static_cast<int>(std::min<std::uint64_t>(deadline - time, kLongestWaitMs)));
-  signalfd_siginfo event{};
-  while (read(events, &event, sizeof event) > 0) {
-  }
+  signalfd_siginfo arrived;
+  // If more have arrived, the next wait ends at once.
+  [[maybe_unused]] const ssize_t got = read(signals, &arrived, sizeof arrived);
   return polled[0].revents == 0;
 }
 
 [[noreturn]] void supervise(Spawn& spawn, int socket, unsigned limitMs) {
-  becomeSupervisor(socket);
-  const int events = childEvents();
+  const int signals = becomeSupervisor(socket);
   const std::uint64_t deadline = nowMs() + limitMs;
   StartReport report;
-  report.error = events < 0 ? errno : spawn.start(&report.pid);
-  if (!sendReport(kSocket, report) || report.error != 0) {
-    killChildren();
-    _exit(1);
-  }
+  report.error = spawn.start(&report.pid);
+  sendReport(kSocket, report);
   while (reapChildren()) {
-    if (waitWithin(deadline, events)) continue;
+    if (waitWithin(deadline, signals)) continue;
     const bool timeIsOver = nowMs() >= deadline;
     killChildren();
     if (timeIsOver) send(kSocket, &kTimeIsOver, 1, MSG_NOSIGNAL);
@@ -108,14 +98,19 @@ StartReport awaitReport(int socket) {
   ssize_t got = 0;
   do {
     got = recv(socket, &report, sizeof report, MSG_WAITALL);
-  } while (got < 0 && errno == EINTR);
+  } while (got == -1 && errno == EINTR);
   return got == sizeof report ? report : StartReport{};
+}
+
+bool isReadable(int socket, int timeoutMs) {
+  pollfd polled{socket, POLLIN, 0};
+  return poll(&polled, 1, timeoutMs) > 0;
 }
 
 }  // namespace
 
 int Leash::start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
-  int ends[2] = {-1, -1};
+  int ends[2]{};
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return errno;
   UniqueFd own(ends[0]);
   UniqueFd other(ends[1]);
@@ -123,8 +118,8 @@ int Leash::start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
   if (middle < 0) return errno;
   if (middle == 0) startAndEnd(spawn, other.get(), limitMs);
   other.reset();
+  waitFor(middle, nullptr);
   const StartReport report = awaitReport(own.get());
-  waitFor(middle, nullptr, 0);
   if (report.error != 0) return report.error;
   *pid = report.pid;
   socket_ = std::move(own);
@@ -132,8 +127,7 @@ int Leash::start(Spawn& spawn, unsigned limitMs, pid_t* pid) {
 }
 
 bool Leash::holds() const {
-  pollfd polled{socket_.get(), POLLIN, 0};
-  return socket_ && poll(&polled, 1, 0) == 0;
+  return socket_ && !isReadable(socket_.get(), 0);
 }
 
 void Leash::letGo() {
@@ -141,13 +135,11 @@ void Leash::letGo() {
   shutdown(socket_.get(), SHUT_WR);
   const std::uint64_t deadline = nowMs() + kLongestEndMs;
   for (std::uint64_t time = nowMs(); time < deadline; time = nowMs()) {
-    pollfd polled{socket_.get(), POLLIN, 0};
-    if (poll(&polled, 1, static_cast<int>(deadline - time)) <= 0) continue;
-    char note = 0;
+    if (!isReadable(socket_.get(), static_cast<int>(deadline - time))) continue;
+    char note;
     if (recv(socket_.get(), &note, 1, 0) <= 0) break;
-    expired_ = expired_ || note == kTimeIsOver;
+    expired_ = true;  // nothing else is sent
   }
-  socket_.reset();
 }
 
 }  // namespace kova::utils

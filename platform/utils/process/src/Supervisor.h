@@ -19,7 +19,7 @@ class Leash {
   bool holds() const;
   /// Kills what still runs and waits for its end, a few seconds at most.
   void letGo();
-  /// Whether the time limit had expired before; valid after letGo().
+  /// Whether the time limit had expired before; valid after letGo(), the last call.
   bool expired() const { return expired_; }
 
  private:

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <limits>
 
 #include "Spawn.h"
 #include "kova/logger/Logger.h"
@@ -15,6 +16,8 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_utils";
 constexpr char kLogUnit[] = "Process";
+
+constexpr auto kNever = std::numeric_limits<std::uint64_t>::max();
 
 /// Whether a child has exited, without reaping it. A child that cannot be waited for counts as
 /// exited.
@@ -30,11 +33,11 @@ Watchdog::Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, 
     : group_(group), program_(program), graceMs_(graceMs), next_(nowMs() + timeoutMs) {}
 
 void Watchdog::check() {  // kept: 15
-  if (next_ == 0 || nowMs() < next_) return;
+  if (nowMs() < next_) return;
   if (!expired_) KOVA_LOG_IN("Check", LOG_WARNING, 0, "%s exceeded its time", program_.c_str());
   const bool gently = !expired_ && graceMs_ != 0;
   signalAll(gently ? SIGTERM : SIGKILL);
-  next_ = gently ? nowMs() + graceMs_ : 0;
+  next_ = gently ? nowMs() + graceMs_ : kNever;
   expired_ = true;
 }
 
@@ -45,16 +48,15 @@ void Watchdog::signalAll(int signal) const {
 }
 
 int Watchdog::pollTimeout(int step) const {
-  if (next_ == 0) return step;
-  const std::uint64_t time = nowMs();
-  return time >= next_ ? 0 : static_cast<int>(std::min<std::uint64_t>(next_ - time, step));
+  const std::uint64_t leftMs = next_ - std::min(nowMs(), next_);
+  return static_cast<int>(std::min<std::uint64_t>(leftMs, step));
 }
 
 pid_t Watchdog::end(int* status) const {
   if (!hasEnded(group_)) return 0;
   // Its id cannot be reused by another group until it is reaped.
   if (expired_) signalAll(SIGKILL);
-  return waitFor(group_, status, 0);
+  return waitFor(group_, status);
 }
 
 }  // namespace kova::utils

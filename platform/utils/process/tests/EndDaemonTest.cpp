@@ -148,7 +148,9 @@ TEST_F(EndDaemonTest, LeashIsReleasedWithProgram) {
   Spawn spawn("/bin/true", {}, {});
   Leash leash;
   pid_t pid = -1;
-  ASSERT_EQ(leash.start(spawn, 10'000, &pid), 0);
+  const auto previous = signal(SIGCHLD, SIG_IGN);  // which a child would inherit
+  EXPECT_EQ(leash.start(spawn, 60'000, &pid), 0);
+  signal(SIGCHLD, previous);
   EXPECT_TRUE(eventually([&] { return !leash.holds(); }));
   leash.letGo();
   EXPECT_FALSE(leash.expired());
@@ -161,10 +163,23 @@ TEST_F(EndDaemonTest, SupervisorOutlivesSignalToOwner) {
   kill(supervisor, SIGHUP);
   sleepMs(50);
   EXPECT_TRUE(isRunning(supervisor));
+  EXPECT_EQ(tests::readText("/proc/" + std::to_string(supervisor) + "/comm"), "kova_supervisor\n");
   const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(supervisor) +
                                                         "/fd");
   EXPECT_EQ(std::distance(descriptors, {}), 2) << "a socket and its signals";
   endDaemon(Script());
+  EXPECT_TRUE(eventually([&] { return !isRunning(supervisor); }));
+}
+
+TEST_F(EndDaemonTest, SupervisorThatHangsHoldsNobodyUp) {
+  ASSERT_TRUE(start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  const pid_t supervisor = numbersIn("ready").at(0);
+  kill(supervisor, SIGSTOP);
+  const std::uint64_t before = nowMs();
+  endDaemon(Script());
+  EXPECT_GE(nowMs() - before, 2000U);
+  EXPECT_LT(nowMs() - before, 8000U);
+  kill(supervisor, SIGCONT);
   EXPECT_TRUE(eventually([&] { return !isRunning(supervisor); }));
 }
 

@@ -10,6 +10,7 @@
 #include "ProgramLimits.h"
 #include "RunToEnd.h"
 #include "Script.h"
+#include "SyslogRecorder.h"
 #include "Watchdog.h"
 #include "kova/utils/Process.h"
 
@@ -58,8 +59,10 @@ TEST(WatchdogTest, PollEndsWhenSignalIsDue) {
   for (const unsigned graceMs : {0U, kLongMs}) {
     Watchdog watchdog(kNoGroup, program, 0, graceMs);
     EXPECT_EQ(watchdog.pollTimeout(7), 0);
+    tests::records.clear();
     watchdog.check();
     EXPECT_TRUE(watchdog.expired());
+    EXPECT_EQ(tests::records.size(), 1U);
     EXPECT_EQ(watchdog.pollTimeout(7), 7) << "the next signal comes later, or none";
   }
 }

@@ -257,11 +257,15 @@ TEST_F(SysExecTest, InterruptionsAreHarmless) {
   const std::string input(std::size_t{300} * 1024, 'i');
   const int captured = run("/bin/cat", {}, input);
   const int plain = sysExecSimple("/bin/sleep", "0.1");
+  int started = 0;
+  while (started < 50 && runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0)) ++started;
   setitimer(ITIMER_REAL, &never, nullptr);
   sigaction(SIGALRM, &previous, nullptr);
   EXPECT_EQ(0, captured);
   EXPECT_EQ(input, out_);
   EXPECT_EQ(0, plain);
+  EXPECT_EQ(50, started);
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "no child is left";
 }
 
 /// Runs `body` in a process without standard streams and returns its exit status.

@@ -120,10 +120,13 @@ TEST_F(ServiceManagerTest, ReadyIsTold) {
 }
 
 TEST_F(ServiceManagerTest, AbstractSocketIsToldToo) {
-  const std::string name = "@kova-test-" + std::to_string(getpid());
-  listen(name);
-  EXPECT_EQ(notifications({{"NOTIFY_SOCKET", name}}, notifyReady),
-            std::vector<std::string>{"READY=1"});
+  std::string name = "@kova-test-" + std::to_string(getpid());
+  for (const std::size_t size : {name.size(), sizeof sockaddr_un::sun_path}) {
+    name.resize(size, 'x');
+    listen(name);
+    EXPECT_EQ(notifications({{"NOTIFY_SOCKET", name}}, notifyReady),
+              std::vector<std::string>{"READY=1"});
+  }
 }
 
 TEST_F(ServiceManagerTest, NothingIsToldWithoutSocket) {
@@ -238,7 +241,8 @@ TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
                 .size(),
             4U);
   EXPECT_GE(toldAlive("1000000", [] { sleepAliveMs(1600); }).size(), 3U);
-  EXPECT_EQ(toldAlive("1000000", [] { sleepAliveMs(-1); }).size(), 0U);
+  EXPECT_EQ(toldAlive("1000000", [] { sleepAliveMs(0); }).size(), 0U);
+  EXPECT_EQ(toldAlive("1000000", [] { sleepAliveMs(1); }).size(), 1U);
 }
 
 // Its queue holds some hundred messages at most, see net.unix.max_dgram_qlen.

@@ -10,23 +10,20 @@ namespace kova::utils {
 namespace {
 
 int start(sd_bus* bus, const std::string& address, bool monitor) {
-  int result = sd_bus_set_address(bus, address.c_str());
-  if (result >= 0) {
-    result = sd_bus_set_bus_client(bus, 1);
+  for (const int result :
+       {sd_bus_set_address(bus, address.c_str()), sd_bus_set_bus_client(bus, 1),
+        sd_bus_set_monitor(bus, monitor ? 1 : 0), sd_bus_negotiate_fds(bus, 0)}) {
+    if (result < 0) {
+      return result;
+    }
   }
-  if (result >= 0) {
-    result = sd_bus_set_monitor(bus, monitor ? 1 : 0);
-  }
-  if (result >= 0) {
-    result = sd_bus_negotiate_fds(bus, 0);
-  }
-  return result >= 0 ? sd_bus_start(bus) : result;
+  return sd_bus_start(bus);
 }
 
 // Unlike sd_bus_wait() it tells of a signal.
 int awaitEvent(sd_bus* bus, std::uint64_t timeoutMs) {
   pollfd socket{sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), 0};
-  return poll(&socket, 1, static_cast<int>(timeoutMs)) < 0 ? -errno : 0;
+  return poll(&socket, 1, static_cast<int>(timeoutMs));
 }
 
 // sd_bus_call() would wait for the handshake too, but without a time limit, and whatever signals
@@ -42,11 +39,8 @@ int awaitReady(sd_bus* bus, std::uint64_t patienceMs) {
     if (now >= deadline) {
       return -ETIMEDOUT;
     }
-    if (result == 0) {
-      const int waited = awaitEvent(bus, deadline - now);
-      if (waited < 0) {
-        return waited;
-      }
+    if (result == 0 && awaitEvent(bus, deadline - now) < 0) {
+      return -errno;
     }
   }
   return 0;
@@ -57,11 +51,12 @@ int awaitReady(sd_bus* bus, std::uint64_t patienceMs) {
 int openBus(const std::string& address, bool monitor, std::uint64_t patienceMs, BusPtr& bus) {
   sd_bus* created = nullptr;
   int result = sd_bus_new(&created);
-  bus.reset(created);
-  if (result >= 0) {
-    result = start(created, address, monitor);
+  if (result < 0) {
+    return result;
   }
-  return result >= 0 ? awaitReady(created, patienceMs) : result;
+  bus.reset(created);
+  result = start(created, address, monitor);
+  return result < 0 ? result : awaitReady(created, patienceMs);
 }
 
 }  // namespace kova::utils

@@ -47,19 +47,19 @@ bool isSameFolder(const std::string& one, const std::string& other) {
          first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
-/// Whether a name denotes a protected service, directly or through a link: sv(8) acts on the folder
-/// that the link in /etc/service points to, whatever its name.
+/// Whether an installed service is a protected one, by its name or through a link: sv(8) acts on
+/// the folder that the link in /etc/service points to, whatever its name.
 bool isNeeded(const std::string& name) {
   return std::any_of(kNeeded.begin(), kNeeded.end(), [&name](const std::string& needed) {
     const std::string definition = "/etc/sv/" + needed;
-    return name == needed || isSameFolder("/etc/sv/" + name, definition) ||
+    return isSameFolder("/etc/sv/" + name, definition) ||
            isSameFolder("/etc/service/" + name, definition) ||
            isSameFolder("/etc/service/" + name, "/etc/service/" + needed);
   });
 }
 
 bool removeIfThere(const std::string& path) {
-  return unlink(path.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
+  return unlink(path.c_str()) == 0 || errno == ENOENT;
 }
 
 /// Whether a runsv(8) process accepts commands for this service.

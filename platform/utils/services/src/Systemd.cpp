@@ -1,7 +1,7 @@
 #include "Systemd.h"
 
-#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -25,6 +25,8 @@ constexpr char kDestination[] = "org.freedesktop.systemd1";
 constexpr char kManagerPath[] = "/org/freedesktop/systemd1";
 constexpr char kManager[] = "org.freedesktop.systemd1.Manager";
 constexpr char kUnit[] = "org.freedesktop.systemd1.Unit";
+
+constexpr char kUnexpected[] = "the answer is of another type";
 
 // Of a request's time, for what follows its job.
 constexpr std::uint64_t kReserveMs = 1000;
@@ -50,11 +52,16 @@ std::uint64_t timeLeftMs(std::uint64_t deadlineMs) {
   return deadlineMs - std::min(nowMs(), deadlineMs);
 }
 
+/// Reads values where a message stands.
+template <typename... Values>
+bool take(const MessagePtr& message, const char* types, Values... values) {
+  return message && sd_bus_message_read(message.get(), types, values...) > 0;
+}
+
 }  // namespace
 
 bool Systemd::isBooted() {
-  struct stat info {};
-  return lstat("/run/systemd/system", &info) == 0 && S_ISDIR(info.st_mode);
+  return access("/run/systemd/system/", F_OK) == 0;
 }
 
 Systemd::Systemd(std::string address, std::uint64_t deadlineMs)
@@ -98,8 +105,7 @@ bool Systemd::load() {
   const MessagePtr reply = call("LoadUnit", "s", unit_.c_str());
   if (!reply) return false;
   const char* path = nullptr;
-  const int result = sd_bus_message_read(reply.get(), "o", &path);
-  if (result < 0) return complain("LoadUnit", std::strerror(-result));
+  if (!take(reply, "o", &path)) return complain("LoadUnit", kUnexpected);
   path_ = path;
   return true;
 }
@@ -108,8 +114,7 @@ bool Systemd::startAtBoot() {
   const MessagePtr reply = call("EnableUnitFiles", "asbb", 1, unit_.c_str(), 0, 0);
   int hasInstallSection = 0;
   if (!reply) return false;
-  const int result = sd_bus_message_read(reply.get(), "b", &hasInstallSection);
-  if (result < 0) return complain("EnableUnitFiles", std::strerror(-result));
+  if (!take(reply, "b", &hasInstallSection)) return complain("EnableUnitFiles", kUnexpected);
   if (hasInstallSection == 0) {
     KOVA_LOG(LOG_WARNING, 0, "%s has no [Install] section, so that it is not enabled for boot",
              unit_.c_str());
@@ -172,39 +177,44 @@ bool Systemd::isDown() {
   return state == "inactive" || state == "failed" || complain("StopUnit", state.c_str());
 }
 
-template <typename... Arguments>
-MessagePtr Systemd::call(const char* method, const char* types, Arguments... arguments) {
-  limitCall();
+template <typename Call>
+MessagePtr Systemd::ask(const char* what, Call call) {
+  // 0 would be the library's own time.
+  const std::uint64_t leftMs = std::max<std::uint64_t>(timeLeftMs(deadlineMs_), 1);
+  sd_bus_set_method_call_timeout(bus_.get(), leftMs * 1000);
   BusError error;
   sd_bus_message* reply = nullptr;
-  const int result = sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManager, method,
-                                        &error.value, &reply, types, arguments...);
-  if (result < 0) complain(method, error, result);
+  const int result = call(&error.value, &reply);
+  if (result < 0) complain(what, error, result);
   return MessagePtr(reply);
+}
+
+template <typename... Arguments>
+MessagePtr Systemd::call(const char* method, const char* types, Arguments... arguments) {
+  return ask(method, [&](sd_bus_error* error, sd_bus_message** reply) {
+    return sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManager, method, error,
+                              reply, types, arguments...);
+  });
 }
 
 /// A message that stands at the value; null after a log line on failure.
 MessagePtr Systemd::property(const char* name, const char* type) {
-  limitCall();
-  BusError error;
-  sd_bus_message* reply = nullptr;
-  const int result = sd_bus_get_property(bus_.get(), kDestination, path_.c_str(), kUnit, name,
-                                         &error.value, &reply, type);
-  if (result < 0) complain(name, error, result);
-  return MessagePtr(reply);
+  return ask(name, [&](sd_bus_error* error, sd_bus_message** reply) {
+    return sd_bus_get_property(bus_.get(), kDestination, path_.c_str(), kUnit, name, error, reply,
+                               type);
+  });
 }
 
 bool Systemd::read(const char* name, std::string& value) {
   const MessagePtr message = property(name, "s");
   const char* text = nullptr;
-  if (!message || sd_bus_message_read(message.get(), "s", &text) < 0) return false;
+  if (!take(message, "s", &text)) return false;
   value = text;
   return true;
 }
 
 bool Systemd::read(const char* name, std::uint64_t& value) {
-  const MessagePtr message = property(name, "t");
-  return message && sd_bus_message_read(message.get(), "t", &value) >= 0;
+  return take(property(name, "t"), "t", &value);
 }
 
 bool Systemd::readNames(std::vector<std::string>& names) {
@@ -217,14 +227,7 @@ bool Systemd::readNames(std::vector<std::string>& names) {
 }
 
 bool Systemd::readJob(std::uint32_t& job) {
-  const MessagePtr message = property("Job", "(uo)");
-  return message && sd_bus_message_read(message.get(), "(uo)", &job, nullptr) >= 0;
-}
-
-void Systemd::limitCall() {
-  // 0 would be the library's own time.
-  const std::uint64_t leftMs = std::max<std::uint64_t>(timeLeftMs(deadlineMs_), 1);
-  sd_bus_set_method_call_timeout(bus_.get(), leftMs * 1000);
+  return take(property("Job", "(uo)"), "(uo)", &job, nullptr);
 }
 
 bool Systemd::complain(const char* what, const char* why) const {

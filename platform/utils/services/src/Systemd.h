@@ -37,6 +37,9 @@ class Systemd {
   bool staysUp();
   bool isDown();
 
+  /// Makes a call, which ends at the deadline at the latest; null after a log line on failure.
+  template <typename Call>
+  MessagePtr ask(const char* what, Call call);
   /// Calls a method of the manager; `types` and `arguments` as sd_bus_message_append(3) takes them.
   template <typename... Arguments>
   MessagePtr call(const char* method, const char* types, Arguments... arguments);
@@ -47,8 +50,6 @@ class Systemd {
   bool readNames(std::vector<std::string>& names);
   bool readJob(std::uint32_t& job);
 
-  /// Bounds the next call by the deadline.
-  void limitCall();
   /// @return false, after a log line that `what` failed
   bool complain(const char* what, const char* why) const;
   bool complain(const char* what, const BusError& error, int result) const;

@@ -73,8 +73,7 @@ int GetCpuInfo(CpuInfo* info) {
   if (!isCached) {
     ProcFile file("/proc/cpuinfo", ProcFile::Form::Records);
     ProcFile model("/proc/device-tree/model", ProcFile::Form::OnePiece);
-    std::string_view board;
-    model.read(board);  // missing on a PC
+    const std::string_view board = contentOf(model);  // missing on a PC
     const int error = readInto(file, &cached, [board](std::string_view text, CpuInfo& out) {
       out = parseCpuInfo(text, board);
       return 0;

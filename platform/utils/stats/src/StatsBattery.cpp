@@ -14,9 +14,7 @@ namespace {
 /// An attribute of a power supply; "" if it does not exist.
 std::string attribute(const std::string& supply, const char* name) {
   ProcFile file(supply + "/" + name, ProcFile::Form::OnePiece);
-  std::string_view content;
-  file.read(content);
-  std::string text(content);
+  std::string text(contentOf(file));
   trim(text);
   return text;
 }
@@ -27,7 +25,6 @@ std::string firstBattery(const std::string& folder) {
   std::string first;
   if (!supplies) return first;
   while (const dirent* entry = readdir(supplies.get())) {
-    if (entry->d_name[0] == '.') continue;
     const std::string supply = folder + "/" + entry->d_name;
     if (!first.empty() && first < supply) continue;
     if (attribute(supply, "type") == "Battery") first = supply;

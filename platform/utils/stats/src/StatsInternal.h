@@ -15,6 +15,13 @@
 
 namespace kova::utils {
 
+/// The content of a file; "" if it cannot be read.
+inline std::string_view contentOf(ProcFile& file) {
+  std::string_view text;
+  file.read(text);
+  return text;
+}
+
 int parseMemory(std::string_view meminfo, MemoryStats& stats);
 int parseLoadAverage(std::string_view loadavg, LoadAverage& load);
 int parseUptime(std::string_view uptime, UptimeStats& stats);
@@ -56,9 +63,9 @@ class NetworkMeter {
 
 /// A wireless interface as reported by nl80211.
 struct WirelessInterface {
-  std::uint32_t index = 0;
+  std::uint32_t index;
   std::string name;
-  bool isClient = false;  ///< only clients have a single signal level, that of their access point
+  bool isClient;  ///< only clients have a single signal level, that of their access point
 };
 
 /// Parses an answer to NL80211_CMD_GET_INTERFACE; false for an interface without a name (a P2P

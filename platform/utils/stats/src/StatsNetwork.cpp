@@ -17,8 +17,7 @@ bool parseCounters(std::string_view columns, NetworkInterfaceStats& stats) {
 
 /// Bytes per second; 0 for a counter that decreased. `elapsedMs` must not be 0.
 std::uint64_t rate(std::uint64_t before, std::uint64_t now, std::uint64_t elapsedMs) {
-  if (now < before) return 0;
-  const std::uint64_t bytes = now - before;
+  const std::uint64_t bytes = now - std::min(before, now);
   return bytes / elapsedMs * 1000U + bytes % elapsedMs * 1000U / elapsedMs;
 }
 
@@ -52,7 +51,8 @@ int NetworkMeter::update(std::string_view procNetDev, std::uint64_t timeMs, Netw
     if (name == "lo") continue;
 
     NetworkInterfaceStats& interface = stats.interfaces[stats.count];
-    interface = NetworkInterfaceStats{std::string(name), 0, 0, 0, 0};
+    interface = NetworkInterfaceStats{};
+    interface.name = name;
     if (!parseCounters(line.substr(colon + 1), interface)) return EIO;
     setRates(interface, elapsedMs);
     ++stats.count;

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -25,7 +24,7 @@ constexpr std::int32_t kNoSignalDbm = -100;
 bool queryInterfaces(Netlink& netlink, int family, std::vector<WirelessInterface>& interfaces) {
   NlMessage request = netlink.dump(family, NL80211_CMD_GET_INTERFACE);
   return request && netlink.ask(request.get(), [&interfaces](nlmsghdr* answer) {
-    WirelessInterface interface;
+    WirelessInterface interface {};
     if (decodeInterface(answer, interface)) interfaces.push_back(std::move(interface));
   });
 }
@@ -65,8 +64,8 @@ int readNl80211(WiFiStats& stats) {
   netlink.setDeadline(nowMs() + kTimeoutMs);
   // Retry once: the family id changes when the driver is reloaded.
   for (int attempt = 0; attempt < 2; ++attempt) {
-    if (family < 0) family = findFamily(netlink);
-    if (family < 0) return ENOENT;
+    if (family == -1) family = findFamily(netlink);
+    if (family == -1) return ENOENT;
     if (queryAll(netlink, family, stats)) return 0;
     family = -1;
   }
@@ -76,11 +75,9 @@ int readNl80211(WiFiStats& stats) {
 }  // namespace
 
 bool decodeInterface(nlmsghdr* message, WirelessInterface& interface) {
-  std::array<nlattr*, NL80211_ATTR_MAX + 1> attributes{};
-  if (genlmsg_parse(message, 0, attributes.data(), NL80211_ATTR_MAX, nullptr) != 0) return false;
-  const nlattr* index = attributes[NL80211_ATTR_IFINDEX];
-  const nlattr* name = attributes[NL80211_ATTR_IFNAME];
-  const nlattr* type = attributes[NL80211_ATTR_IFTYPE];
+  const nlattr* index = nlmsg_find_attr(message, GENL_HDRLEN, NL80211_ATTR_IFINDEX);
+  const nlattr* name = nlmsg_find_attr(message, GENL_HDRLEN, NL80211_ATTR_IFNAME);
+  const nlattr* type = nlmsg_find_attr(message, GENL_HDRLEN, NL80211_ATTR_IFTYPE);
   if (index == nullptr || name == nullptr || type == nullptr) return false;
   interface.index = nla_get_u32(index);
   interface.name.assign(nla_get_string(name),
@@ -91,18 +88,12 @@ bool decodeInterface(nlmsghdr* message, WirelessInterface& interface) {
 }
 
 bool decodeSignal(nlmsghdr* message, std::int32_t& dBm) {
-  std::array<nlattr*, NL80211_ATTR_MAX + 1> attributes{};
-  std::array<nlattr*, NL80211_STA_INFO_MAX + 1> station{};
-  if (genlmsg_parse(message, 0, attributes.data(), NL80211_ATTR_MAX, nullptr) != 0) return false;
-  nlattr* info = attributes[NL80211_ATTR_STA_INFO];
-  if (info == nullptr ||
-      nla_parse_nested(station.data(), NL80211_STA_INFO_MAX, info, nullptr) != 0) {
-    return false;
-  }
-  const nlattr* signal = station[NL80211_STA_INFO_SIGNAL];
+  const nlattr* station = nlmsg_find_attr(message, GENL_HDRLEN, NL80211_ATTR_STA_INFO);
+  if (station == nullptr) return false;
+  const auto* attributes = static_cast<const nlattr*>(nla_data(station));
+  const nlattr* signal = nla_find(attributes, nla_len(station), NL80211_STA_INFO_SIGNAL);
   if (signal == nullptr) return false;
-  const std::int32_t octet = nla_get_u8(signal);  // two's complement
-  dBm = octet < 128 ? octet : octet - 256;
+  dBm = static_cast<std::int8_t>(nla_get_u8(signal));
   return true;
 }
 
@@ -117,12 +108,10 @@ void addWiFiInterface(std::string_view name, std::int32_t signalDbm, WiFiStats& 
 }
 
 void parseWireless(std::string_view procNetWireless, WiFiStats& stats) {
-  nextLine(procNetWireless);
-  nextLine(procNetWireless);  // two header lines
   while (!procNetWireless.empty()) {
     std::string_view line = nextLine(procNetWireless);
     const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos) continue;
+    if (colon == std::string_view::npos) continue;  // a header line
     std::string_view padded = line.substr(0, colon);
     line.remove_prefix(colon + 1);
     nextWord(line);  // status

@@ -24,6 +24,7 @@ TEST(ParseMemory, FailsWithoutBoth) {
   MemoryStats stats{};
   EXPECT_EQ(EIO, parseMemory("", stats));
   EXPECT_EQ(EIO, parseMemory("MemTotal: 5 kB\n", stats));
+  EXPECT_EQ(EIO, parseMemory("MemFree: 5 kB\n", stats));
   EXPECT_EQ(EIO, parseMemory("MemTotal: many kB\nMemFree: 5 kB\n", stats));
 }
 
@@ -105,7 +106,7 @@ class CpuMeterTest : public testing::Test {
 
 TEST_F(CpuMeterTest, MeasuresBusyTimeBetweenReadings) {
   EXPECT_EQ((std::vector<std::uint32_t>{25, 100}), update("cpu  250 0 0 150 0 0 0 0 0 0\n"
-                                                          "cpu0 20 5 0 70 5 0 0 0 0 0\n"
+                                                          "cpu0 20 5 0 70 5 0 0 0 9 9\n"
                                                           "cpu1 30 30 30 0 0 5 4 1 0 0\n"
                                                           "intr 12 cpu\n"));
   EXPECT_EQ((std::vector<std::uint32_t>{80, 0}), update("cpu0 100 5 0 80 15 0 0 0 0 0\n"
@@ -124,6 +125,7 @@ TEST_F(CpuMeterTest, SurvivesDecreasingCounters) {
   EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 20 0 0 170 50 0 0 0\n"));
   EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 1 0 0 9 0 0 0 0\n"));
   EXPECT_EQ((std::vector<std::uint32_t>{50}), update("cpu0 6 0 0 14 0 0 0 0\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{100}), update("cpu0 26 0 0 4 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, FollowsProcessorWhenAnotherDisappears) {
@@ -139,7 +141,7 @@ TEST_F(CpuMeterTest, KeepsEachFigureAtItsNumber) {
 }
 
 TEST_F(CpuMeterTest, AcceptsFourColumnsOfOldKernels) {
-  EXPECT_EQ((std::vector<std::uint32_t>{40}), update("cpu0 40 0 0 60\n"));
+  EXPECT_EQ((std::vector<std::uint32_t>{50}), update("cpu0 1 0 0 1\n"));
 }
 
 TEST_F(CpuMeterTest, ReportsAtMost255) {
@@ -149,10 +151,11 @@ TEST_F(CpuMeterTest, ReportsAtMost255) {
 }
 
 TEST_F(CpuMeterTest, FailsOnOtherText) {
-  EXPECT_TRUE(update("").empty());
-  EXPECT_TRUE(update("cpu0 1 2\n").empty());
-  EXPECT_TRUE(update("cpu0 1 2 3 x\n").empty());
-  EXPECT_TRUE(update("cpu4294967295 1 2 3 4\n").empty());
+  for (const char* text :
+       {"", "cpu0 1 2\n", "cpu0 1 2 3\n", "cpu0 1 2 3 x\n", "cpu4294967295 1 2 3 4\n"}) {
+    CpuStats stats{};
+    EXPECT_EQ(EIO, meter_.update(text, stats)) << text;
+  }
 }
 
 class NetworkMeterTest : public testing::Test {

@@ -40,7 +40,7 @@ NlMessage interfaceAnswer(std::uint32_t index, const char* name, std::uint32_t t
 
 TEST(DecodeInterface, ReadsIndexNameAndKind) {
   const NlMessage message = interfaceAnswer(3, "wlan0", NL80211_IFTYPE_STATION);
-  WirelessInterface interface;
+  WirelessInterface interface {};
   ASSERT_TRUE(decodeInterface(nlmsg_hdr(message.get()), interface));
   EXPECT_EQ(3U, interface.index);
   EXPECT_EQ("wlan0", interface.name);
@@ -49,14 +49,14 @@ TEST(DecodeInterface, ReadsIndexNameAndKind) {
 
 TEST(DecodeInterface, AccessPointIsNotClient) {
   const NlMessage message = interfaceAnswer(4, "ap0", NL80211_IFTYPE_AP);
-  WirelessInterface interface;
+  WirelessInterface interface {};
   ASSERT_TRUE(decodeInterface(nlmsg_hdr(message.get()), interface));
   EXPECT_FALSE(interface.isClient);
 }
 
 TEST(DecodeInterface, SkipsDeviceWithoutName) {
   const NlMessage message = interfaceAnswer(0, nullptr, NL80211_IFTYPE_P2P_DEVICE);
-  WirelessInterface interface;
+  WirelessInterface interface {};
   EXPECT_FALSE(decodeInterface(nlmsg_hdr(message.get()), interface));
 }
 
@@ -113,12 +113,13 @@ TEST(ParseWireless, ReadsLevelWithAndWithoutDot) {
       "Inter-| sta-|   Quality        |   Discarded packets               | Missed | WE\n"
       " face | tus | link level noise |  nwid  crypt   frag  retry   misc | beacon | 22\n"
       " wlan0: 0000   54.  -56.  -256        0      0      0      0      0        0\n"
-      " wlan1: 0000   30   -80   -256        0      0      0      0      0        0\n"
+      "wlan12: 0000   30   -80   -256        0      0      0      0      0        0\n"
       "broken line\n",
       stats);
   ASSERT_EQ(2, stats.count);
   EXPECT_STREQ("wlan0", stats.interfaces[0].name);
   EXPECT_EQ(-56, stats.interfaces[0].signalDbm);
+  EXPECT_STREQ("wlan12", stats.interfaces[1].name);
   EXPECT_EQ(-80, stats.interfaces[1].signalDbm);
 }
 

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include "SyslogRecorder.h"
 #include "TemporaryFolder.h"
 
 namespace kova::utils {
@@ -73,10 +74,16 @@ TEST(SetTimeZone, RestoresLinkIfRuleCannotBeReplaced) {
   ASSERT_TRUE(setTimeZone("Europe/Paris"));
   // A mount point cannot be renamed over, see rename(2).
   ASSERT_EQ(0, mount("/etc/TZ", "/etc/TZ", nullptr, MS_BIND, nullptr));
+  tests::records.clear();
   EXPECT_FALSE(setTimeZone("GMT"));
-  ASSERT_EQ(0, umount("/etc/TZ"));
   EXPECT_EQ("/usr/share/zoneinfo/Europe/Paris", localtimeTarget());
+  std::filesystem::remove("/etc/localtime");
+  EXPECT_FALSE(setTimeZone("GMT"));
+  EXPECT_FALSE(std::filesystem::is_symlink("/etc/localtime"));
+  ASSERT_EQ(0, umount("/etc/TZ"));
   EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", readText("/etc/TZ"));
+  ASSERT_EQ(2U, tests::records.size()) << "nothing could not be restored";
+  EXPECT_NE(std::string::npos, tests::records[1].text.find("Cannot set the time zone GMT"));
 }
 
 TEST(SetTimeZone, EveryInstalledRegionalZoneCanBeSet) {

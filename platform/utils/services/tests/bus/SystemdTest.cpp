@@ -1,6 +1,7 @@
 #include "../../src/Systemd.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -72,7 +73,7 @@ class FakeSystemd {
   }
 
   std::map<std::string, Answer> answers;
-  std::vector<std::string> calls;  // with the unit where one is given
+  std::vector<std::string> calls;  // with the unit and the flags where they are given
 
  private:
   static int onMessage(sd_bus_message* message, void* owner, sd_bus_error*) {
@@ -94,8 +95,13 @@ class FakeSystemd {
     } else if (member != "Reload") {
       sd_bus_message_enter_container(message, 'a', "s");
       sd_bus_message_read(message, "s", &text);
+      sd_bus_message_exit_container(message);
     }
-    calls.push_back(*text == '\0' ? member : member + " " + text);
+    std::string call = *text == '\0' ? member : member + " " + text;
+    for (int flag = 0; sd_bus_message_read(message, "b", &flag) > 0;) {
+      call += flag == 0 ? " false" : " true";
+    }
+    calls.push_back(call);
     answers.at(member)(message);
   }
 
@@ -154,12 +160,14 @@ class SystemdTest : public testing::Test {
 using Calls = std::vector<std::string>;
 
 TEST_F(SystemdTest, ServiceIsEnabledAndStarted) {
+  const std::uint64_t before = nowMs();
   EXPECT_TRUE(enable());
-  EXPECT_EQ(systemd_.calls,
-            (Calls{"LoadUnit lights.service", "LoadState", "Id", "Names",
-                   "EnableUnitFiles lights.service", "Reload", "StartUnit lights.service", "Job",
-                   "ActiveState", "ActiveEnterTimestampMonotonic", "ActiveState",
-                   "ActiveEnterTimestampMonotonic"}));
+  EXPECT_GE(nowMs() - before, 500U) << "it is looked at twice";
+  EXPECT_EQ(systemd_.calls, (Calls{"LoadUnit lights.service", "LoadState", "Id", "Names",
+                                   "EnableUnitFiles lights.service false false", "Reload",
+                                   "StartUnit lights.service", "Job", "ActiveState",
+                                   "ActiveEnterTimestampMonotonic", "ActiveState",
+                                   "ActiveEnterTimestampMonotonic"}));
   EXPECT_TRUE(tests::records.empty());
 }
 
@@ -168,8 +176,14 @@ TEST_F(SystemdTest, ServiceIsStoppedAndDisabled) {
   EXPECT_TRUE(disable());
   EXPECT_EQ(systemd_.calls,
             (Calls{"LoadUnit lights.service", "LoadState", "Id", "Names", "StopUnit lights.service",
-                   "Job", "ActiveState", "DisableUnitFiles lights.service", "Reload"}));
+                   "Job", "ActiveState", "DisableUnitFiles lights.service false", "Reload"}));
   EXPECT_TRUE(tests::records.empty());
+}
+
+TEST_F(SystemdTest, BusTakesNoDescriptors) {
+  BusPtr bus;
+  ASSERT_GE(openBus(bus_.address(), false, 10'000, bus), 0);
+  EXPECT_EQ(sd_bus_can_send(bus.get(), SD_BUS_TYPE_UNIX_FD), 0);
 }
 
 TEST_F(SystemdTest, UnitWithoutInstallSectionIsStartedAndLogged) {
@@ -302,6 +316,16 @@ TEST_F(SystemdTest, EndlessJobEndsInTime) {
   systemd_.answers["Job"] = returns("v", "(uo)", 7, "/org/freedesktop/systemd1/job/7");
   EXPECT_FALSE(enable("lights", 1500));
   expectLine("systemd StartUnit of lights.service failed: it takes too long");
+  EXPECT_LT(systemd_.calls.size(), 20U) << "it is not asked all the time";
+}
+
+TEST_F(SystemdTest, CallPastDeadlineEndsAtOnce) {
+  int answers = 1;
+  systemd_.answers["ActiveState"] = [&answers](sd_bus_message* call) {
+    return answers-- > 0 ? sd_bus_reply_method_return(call, "v", "s", "active") : 0;
+  };
+  EXPECT_FALSE(enable("lights", 400));
+  expectLine("systemd ActiveState of lights.service failed: ");
 }
 
 /// Gives one answer in place of each that a request gets, in turn, while all others are as ever.
@@ -381,9 +405,16 @@ TEST_F(HostileSystemdTest, HungBusEndsInTime) {
   const std::uint64_t before = nowMs();
   for (int connection = 0; connection < 4; ++connection) {
     tests::records.clear();
+    rusage earlier{};
+    getrusage(RUSAGE_THREAD, &earlier);
     Systemd systemd("unix:path=" + path, nowMs() + 300);
     EXPECT_FALSE(systemd.disable("lights"));
     expectLine("Unable to reach systemd on the system bus");
+    if (connection != 0) continue;
+    expectLine("Connection timed out");
+    rusage later{};
+    getrusage(RUSAGE_THREAD, &later);
+    EXPECT_GT(later.ru_nvcsw, earlier.ru_nvcsw) << "it sleeps";
   }
   EXPECT_LT(nowMs() - before, 6000U);
 }

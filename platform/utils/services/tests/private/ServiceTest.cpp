@@ -5,8 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
+#include <thread>
 
 #include "SyslogRecorder.h"
 #include "TemporaryFolder.h"
@@ -14,6 +18,33 @@
 #include "kova/utils/Process.h"
 
 namespace kova::utils {
+namespace {
+
+/// What a test does at every wait, which then only turns the clock.
+std::function<void()> atWait;
+std::uint64_t turnedMs = 0;
+
+}  // namespace
+
+// The functions of Clock.h for this program.
+
+std::uint64_t nowMs() {
+  const auto time = std::chrono::steady_clock::now().time_since_epoch();
+  return turnedMs + static_cast<std::uint64_t>(time / std::chrono::milliseconds(1));
+}
+
+void sleepMs(int milliseconds) {
+  if (!atWait) return std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+  turnedMs += static_cast<std::uint64_t>(milliseconds);
+  atWait();
+}
+
+timeval now() {
+  timeval time{};
+  gettimeofday(&time, nullptr);
+  return time;
+}
+
 namespace {
 
 using tests::readText;
@@ -96,37 +127,23 @@ TEST_F(ServiceTest, EnableStartsServiceMarkedDown) {
   writeText("/etc/sv/lights/down", "");
   fs::create_symlink("/etc/sv/lights", "/etc/service/lights");
   startSupervisor();
+  errno = 0;  // only a failure sets it
   ASSERT_TRUE(EnableService("lights"));
   EXPECT_FALSE(fs::exists("/etc/sv/lights/down"));
   EXPECT_EQ("run\n", State("lights"));
 }
 
-TEST_F(ServiceTest, LogsFirstFourKibibytesOfFailedSv) {
-  install("lights");
-  startSupervisor();
-  ASSERT_TRUE(EnableService("lights"));
-  writeText("/etc/sv/sv", "#!/bin/sh\nhead -c 6000 /dev/zero | tr '\\0' x\nexit 1\n");
-  fs::permissions("/etc/sv/sv", fs::perms::owner_all);
-  ASSERT_EQ(0, mount("/etc/sv/sv", "/usr/bin/sv", nullptr, MS_BIND, nullptr));
-  tests::records.clear();
-  const bool disabled = DisableService("lights");
-  ASSERT_EQ(0, umount2("/usr/bin/sv", MNT_DETACH));
-  EXPECT_FALSE(disabled);
-  ASSERT_FALSE(tests::records.empty());
-  const std::string& text = tests::records.front().text;
-  EXPECT_EQ(std::string(4096, 'x'), text.substr(text.find(": ", text.find("failed")) + 2));
-  EXPECT_TRUE(DisableService("lights"));
-}
-
 TEST_F(ServiceTest, InvalidNamesFailAtOnceAndLeaveNoMark) {
   install("lights");
   install(".hidden");
+  writeText("/etc/sv/file", "");
   startSupervisor();
   const std::uint64_t before = nowMs();
   for (const std::string& name :
-       {std::string("unknown"), std::string(), std::string("."), std::string(".."),
-        std::string(".hidden"), std::string("../sv/lights"), std::string("/etc/sv/lights"),
-        std::string("lights/"), std::string("lights\0", 7), std::string(300, 'x')}) {
+       {std::string("unknown"), std::string("file"), std::string(), std::string("."),
+        std::string(".."), std::string(".hidden"), std::string("../sv/lights"),
+        std::string("/etc/sv/lights"), std::string("lights/"), std::string("lights\0", 7),
+        std::string(300, 'x')}) {
     EXPECT_FALSE(EnableService(name)) << name;
     EXPECT_FALSE(DisableService(name)) << name;
   }
@@ -143,20 +160,6 @@ TEST_F(ServiceTest, EssentialServiceCannotBeDisabled) {
     EXPECT_TRUE(isMarked(name)) << name;
     EXPECT_EQ("run\n", State(name)) << name;
   }
-}
-
-TEST_F(ServiceTest, EssentialServiceCannotBeDisabledByAlias) {
-  install("syslogd");
-  startSupervisor();
-  ASSERT_TRUE(EnableService("syslogd"));
-  fs::create_symlink("syslogd", "/etc/sv/definition");
-  install("mark");
-  fs::create_symlink("/etc/sv/syslogd", "/etc/service/mark");
-  for (const char* name : {"definition", "mark"}) {
-    EXPECT_FALSE(DisableService(name)) << name;
-  }
-  EXPECT_TRUE(isMarked("syslogd"));
-  EXPECT_EQ("run\n", State("syslogd"));
 }
 
 TEST_F(ServiceTest, UnknownNamesAreLogged) {
@@ -224,11 +227,160 @@ TEST_F(ServiceTest, ServiceThatDoesNotStopFailsWithinBudget) {
   kill(std::stoi(pid), SIGKILL);
 }
 
-TEST_F(ServiceTest, EnableFailsWithinBudgetWithoutSupervisor) {
+TEST_F(ServiceTest, EssentialServiceCannotBeDisabledByLink) {
+  for (const char* name : {"syslogd", "other", "link", "lights"}) install(name);
+  fs::create_symlink("syslogd", "/etc/sv/alias");
+  fs::create_symlink("/etc/sv/syslogd", "/etc/service/link");
+  tests::records.clear();
+  EXPECT_FALSE(DisableService("alias"));
+  EXPECT_FALSE(DisableService("link"));
+  fs::remove("/etc/service/link");
+  fs::create_symlink("/etc/sv/other", "/etc/service/syslogd");
+  fs::create_symlink("/etc/sv/other", "/etc/service/link");
+  EXPECT_FALSE(DisableService("link"));
+  for (const tests::Record& record : tests::records) {
+    EXPECT_NE(record.text.find("Refused to stop "), std::string::npos) << record.text;
+  }
+  EXPECT_TRUE(DisableService("lights"));
+}
+
+TEST_F(ServiceTest, MarkThatCannotBeChangedFails) {
+  const auto expectLine = [](const std::string& text) {
+    EXPECT_NE(tests::records.back().text.find(text), std::string::npos);
+  };
   install("lights");
+  fs::create_directory("/etc/sv/lights/down");
+  EXPECT_FALSE(EnableService("lights"));
+  expectLine("Cannot mark lights to be started");
+  fs::remove("/etc/sv/lights/down");
+  fs::create_directory("/etc/service/lights");
+  EXPECT_FALSE(DisableService("lights"));
+  expectLine("Cannot unmark lights");
+  fs::remove_all("/etc/service");
+  EXPECT_FALSE(EnableService("lights"));
+  expectLine("Cannot mark lights to be started");
+}
+
+/// A service whose supervisor and sv(8) are played by the test.
+class SvTest : public ServiceTest {
+ protected:
+  void SetUp() override {
+    ServiceTest::SetUp();
+    install("lights");
+    fs::create_directory("/etc/sv/lights/supervise");
+    fs::create_symlink("/etc/sv/lights", "/etc/service/lights");
+    supervise();
+    writeText("/etc/sv/sv", "#!/bin/sh\n");
+    fs::permissions("/etc/sv/sv", fs::perms::owner_all);
+    ASSERT_EQ(0, mount("/etc/sv/sv", "/usr/bin/sv", nullptr, MS_BIND, nullptr));
+    atWait = [] {};
+    tests::records.clear();
+  }
+  void TearDown() override {
+    atWait = nullptr;
+    umount2("/usr/bin/sv", MNT_DETACH);
+    ServiceTest::TearDown();
+  }
+
+  static void supervise() {
+    writeText("/etc/sv/lights/supervise/ok", "");
+    writeText("/etc/sv/lights/supervise/pid", "7\n");
+  }
+  /// Sets what sv(8) does.
+  static void sv(const std::string& body) {
+    fs::remove("/etc/sv/calls");
+    writeText("/etc/sv/sv", "#!/bin/sh\necho \"$@\" >>/etc/sv/calls\n" + body + "\n");
+  }
+  static std::string calls() { return readText("/etc/sv/calls"); }
+
+  static void expectLine(const std::string& text) {
+    ASSERT_EQ(tests::records.size(), 1U);
+    EXPECT_NE(tests::records[0].text.find(text), std::string::npos) << tests::records[0].text;
+    tests::records.clear();
+  }
+};
+
+constexpr char kStart[] = "-w 7 start /etc/service/lights\n";
+
+TEST_F(SvTest, StartedServiceKeepsItsProcess) {
+  const std::string pid = "/etc/sv/lights/supervise/pid";
+  sv("");
+  EXPECT_TRUE(EnableService("lights"));
+  EXPECT_EQ(calls(), kStart);
+  EXPECT_TRUE(tests::records.empty());
+  for (const auto& change : std::vector<std::function<void()>>{[&] { writeText(pid, "8\n"); },
+                                                               [&] { fs::remove(pid); }}) {
+    writeText(pid, "7\n");
+    atWait = change;
+    EXPECT_FALSE(EnableService("lights"));
+    expectLine("lights ended as soon as it was started");
+  }
+  EXPECT_FALSE(EnableService("lights")) << "no process";
+  expectLine("lights ended as soon as it was started");
+  writeText(pid, "");
+  atWait = [] {};
+  EXPECT_FALSE(EnableService("lights")) << "no process";
+  expectLine("lights ended as soon as it was started");
+}
+
+TEST_F(SvTest, FailedStartIsNotRepeated) {
+  sv("exit 1");
+  EXPECT_FALSE(EnableService("lights"));
+  EXPECT_EQ(calls(), kStart);
+  expectLine("sv start /etc/service/lights failed: ");
+}
+
+TEST_F(SvTest, FailedStopIsLoggedWithFirstFourKibibytes) {
+  sv("echo; head -c 6000 /dev/zero | tr '\\0' x; echo why >&2; exit 1");
+  EXPECT_FALSE(DisableService("lights"));
+  EXPECT_EQ(calls(), "-w 7 stop /etc/service/lights\n");
+  expectLine(" failed: " + std::string(4095, 'x') + "why");
+  EXPECT_TRUE(isMarked("lights"));
+}
+
+// As runsvdir(8) ends it when a request to stop has removed the link.
+TEST_F(SvTest, StartIsRepeatedIfSupervisorEndsUnderIt) {
+  for (const char* status : {"0", "1"}) {
+    sv("cd /etc/sv/lights; test -e ended || { touch ended; rm supervise/*; exit " +
+       std::string(status) + "; }");
+    atWait = supervise;
+    EXPECT_TRUE(EnableService("lights")) << status;
+    EXPECT_EQ(calls(), std::string(kStart) + kStart);
+    fs::remove("/etc/sv/lights/ended");
+  }
+}
+
+TEST_F(SvTest, SupervisorThatEndsAtDeadlineIsNotAwaited) {
+  sv("");
+  atWait = [] {
+    turnedMs += 8000;
+    fs::remove_all("/etc/sv/lights/supervise");
+  };
+  EXPECT_FALSE(EnableService("lights"));
+  EXPECT_EQ(calls(), kStart);
+  expectLine("lights ended as soon as it was started");
+}
+
+TEST_F(SvTest, LateSupervisorLeavesSecondToStart) {
+  sv("");
+  fs::remove("/etc/sv/lights/supervise/ok");
+  atWait = [] {
+    turnedMs += 7500;
+    supervise();
+  };
+  EXPECT_TRUE(EnableService("lights"));
+  EXPECT_EQ(calls(), "-w 1 start /etc/service/lights\n");
+}
+
+TEST_F(SvTest, EnableFailsWithinBudgetWithoutSupervisor) {
+  int waits = 0;
+  atWait = [&waits] { ++waits; };
+  fs::remove("/etc/sv/lights/supervise/ok");
   const std::uint64_t before = nowMs();
   EXPECT_FALSE(EnableService("lights"));
   EXPECT_LT(nowMs() - before, 10000U);
+  EXPECT_GT(waits, 100);
+  expectLine("No supervisor took up lights");
   EXPECT_TRUE(DisableService("lights"));
   EXPECT_FALSE(fs::is_symlink("/etc/service/lights"));
 }

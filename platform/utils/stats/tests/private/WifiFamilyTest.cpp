@@ -7,6 +7,8 @@
 #include <filesystem>
 
 #include "Netlink.h"
+#include "TemporaryFolder.h"
+#include "kova/utils/Clock.h"
 #include "kova/utils/Stats.h"
 
 namespace kova::utils {
@@ -57,9 +59,11 @@ NlMessage Netlink::dump(int family, std::uint8_t command) {
   return request;
 }
 
-// Like the kernel, acknowledges a request to family 0, which is none, without any answer.
+// Like the kernel, acknowledges a request to family 0, which is none, without any answer. The real
+// one gets no answer past the deadline.
 bool Netlink::ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
   nlmsghdr* const header = nlmsg_hdr(request);
+  if (nowMs() >= deadlineMs_) return false;
   if (header->nlmsg_type != loaded || !answers) return header->nlmsg_type == 0;
   if (genlmsg_hdr(header)->cmd == NL80211_CMD_GET_INTERFACE) {
     for (const std::uint32_t index : {kClient - 1, kClient}) {
@@ -77,9 +81,13 @@ class WifiFamilyTest : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(0, mount("tmpfs", "/sys/class", "tmpfs", 0, nullptr));
+    ASSERT_EQ(0, mount("tmpfs", "/proc/net", "tmpfs", 0, nullptr));
     std::filesystem::create_directory("/sys/class/ieee80211");
   }
-  void TearDown() override { umount2("/sys/class", MNT_DETACH); }
+  void TearDown() override {
+    umount2("/sys/class", MNT_DETACH);
+    umount2("/proc/net", MNT_DETACH);
+  }
 
   static int count() { return GetWiFiStats(&stats) == 0 ? stats.count : -1; }
 
@@ -100,7 +108,7 @@ TEST_F(WifiFamilyTest, IsLookedUpOnceAndAfterReload) {
   EXPECT_EQ(2, count());
   EXPECT_EQ(2, lookups);
   answers = false;
-  count();
+  EXPECT_EQ(-1, count());
   EXPECT_EQ(3, lookups) << "only one more attempt";
   loaded = kNoDriver;
   EXPECT_EQ(0, count());
@@ -108,6 +116,13 @@ TEST_F(WifiFamilyTest, IsLookedUpOnceAndAfterReload) {
   std::filesystem::remove("/sys/class/ieee80211");
   EXPECT_EQ(0, count());
   EXPECT_EQ(4, lookups) << "without Wi-Fi the kernel would look for a module";
+  tests::writeText("/proc/net/wireless", " wlan0: 0000   54.  -56.  -256\n");
+  EXPECT_EQ(1, count());
+  EXPECT_EQ(-56, stats.interfaces[0].signalDbm);
+  std::filesystem::create_directory("/sys/class/ieee80211");
+  loaded = 31;
+  answers = true;
+  EXPECT_EQ(2, count());
 }
 
 }  // namespace
