@@ -82,7 +82,9 @@ bool Outgoing::post(MessagePtr message, messages::BaseRequestMessage& request, b
   }
   int result = -ENOBUFS;
   if (unsentMessages(bus_) < kMaxUnsent) {
-    result = expectsAnswer ? call(message.get(), request) : tell(message.get());
+    // Nobody who does not ask for the number of a message expects its answer.
+    result =
+        expectsAnswer ? call(message.get(), request) : sd_bus_send(bus_, message.get(), nullptr);
   }
   if (!succeeded(result, "the bus does not take it", reason)) {
     return refuse(request, reason.c_str());
@@ -92,11 +94,6 @@ bool Outgoing::post(MessagePtr message, messages::BaseRequestMessage& request, b
     handler_->MessageSentSuccessfully(request, reserved);
   }
   return true;
-}
-
-int Outgoing::tell(sd_bus_message* message) {
-  sd_bus_message_set_expect_reply(message, 0);
-  return sd_bus_send(bus_, message, nullptr);
 }
 
 int Outgoing::call(sd_bus_message* call, messages::BaseRequestMessage& request) {

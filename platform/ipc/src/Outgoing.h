@@ -56,7 +56,6 @@ class Outgoing {
   bool broadcast(messages::BaseRequestMessage& request);
   bool queue(const std::string& endpoint, const messages::BaseRequestMessage& request);
   void flush(const std::string& endpoint);
-  int tell(sd_bus_message* message);
   int call(sd_bus_message* call, messages::BaseRequestMessage& request);
   bool post(MessagePtr message, messages::BaseRequestMessage& request, bool expectsAnswer);
   void reportAnswer(messages::BaseRequestMessage& request, sd_bus_message* answer);
