@@ -79,9 +79,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool isAnswer = wire::decodeAnswer(message.get(), value, reason);
   require(isAnswer ? depthOf(value) <= wire::kMaxDepth : !reason.empty());
   Variant arguments;
+  require(sd_bus_message_rewind(message.get(), 1) >= 0);
   wire::decodeArguments(message.get(), arguments);
   require(isAnswer == (arguments.IsArray() && arguments.items().size() <= 1));
   reason.clear();
+  require(sd_bus_message_rewind(message.get(), 1) >= 0);
   if (!wire::decode(message.get(), value, reason)) {
     require(!reason.empty());
     return 0;

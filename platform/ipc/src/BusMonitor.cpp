@@ -1,11 +1,9 @@
 #include "kova/ipc/BusMonitor.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <map>
-#include <string_view>
+#include <set>
 #include <utility>
-#include <vector>
 
 #include "BusNames.h"
 #include "Protocol.h"
@@ -32,9 +30,9 @@ class BusMonitor::Connection {
   using Calls = std::map<CallId, std::string>;
   using Owners = std::map<std::string, std::string>;  ///< unique names by endpoint
 
-  bool learnOwners(std::string& error);
+  void learnOwner(const std::string& endpoint);
   bool becomeMonitor(std::string& error);
-  int drain(const Sink& sink);
+  int process(const Sink& sink);
   void see(sd_bus_message* message, const Sink& sink);
   void seeOwnerChange(sd_bus_message* signal);
   bool seeCall(sd_bus_message* call);
@@ -52,40 +50,33 @@ class BusMonitor::Connection {
 
 bool BusMonitor::Connection::open(std::string& error) {
   bus_ = openBus(true, error);
-  return bus_ != nullptr && learnOwners(error) && becomeMonitor(error);
-}
-
-bool BusMonitor::Connection::learnOwners(std::string& error) {
-  std::vector<std::string> names;
-  if (!listNames(bus_.get(), names, error)) {
+  std::set<std::string> endpoints;
+  if (bus_ == nullptr || !listEndpoints(bus_.get(), endpoints, error)) {
     return false;
   }
-  for (const auto& name : names) {
-    const std::string endpoint = endpointOf(name.c_str());
-    sd_bus_message* answered = nullptr;
-    const int result = endpoint.empty() ? -ENOENT
-                                        : sd_bus_call_method(bus_.get(), kDriver, kDriverPath,
-                                                             kDriver, "GetNameOwner", nullptr,
-                                                             &answered, "s", name.c_str());
-    const MessagePtr answer(answered);
-    const char* owner = nullptr;
-    // The name may have vanished since it was listed.
-    if (result >= 0 && sd_bus_message_read(answer.get(), "s", &owner) > 0) {
-      owners_.emplace(endpoint, owner);
-    }
+  for (const auto& endpoint : endpoints) {
+    learnOwner(endpoint);
   }
-  return true;
+  return becomeMonitor(error);
+}
+
+void BusMonitor::Connection::learnOwner(const std::string& endpoint) {
+  sd_bus_message* answered = nullptr;
+  sd_bus_call_method(bus_.get(), kDriver, kDriverPath, kDriver, "GetNameOwner", nullptr, &answered,
+                     "s", (kNamePrefix + endpoint).c_str());
+  const MessagePtr answer(answered);
+  const char* owner = nullptr;
+  // The name may have vanished since it was listed.
+  if (answer != nullptr && sd_bus_message_read(answer.get(), "s", &owner) > 0) {
+    owners_.emplace(endpoint, owner);
+  }
 }
 
 bool BusMonitor::Connection::becomeMonitor(std::string& error) {
-  BusError failure;
   const int result =
       sd_bus_call_method(bus_.get(), kDriver, kDriverPath, "org.freedesktop.DBus.Monitoring",
-                         "BecomeMonitor", &failure.value, nullptr, "asu", 0, 0U);
-  if (result < 0) {
-    error = explain("Unable to monitor the bus", result);
-  }
-  return result >= 0;
+                         "BecomeMonitor", nullptr, nullptr, "asu", 0, 0U);
+  return succeeded(result, "Unable to monitor the bus", error);
 }
 
 std::string BusMonitor::Connection::readable(const char* busName) const {
@@ -110,14 +101,13 @@ void BusMonitor::Connection::forget(const std::string& unique) {
 
 void BusMonitor::Connection::seeOwnerChange(sd_bus_message* signal) {
   const char* name = nullptr;
-  const char* before = nullptr;
-  const char* after = nullptr;
+  const char* owner = nullptr;
   // A monitor also sees the signals that others forge and nobody else receives.
   if (orEmpty(sd_bus_message_get_sender(signal)) != kDriver ||
-      sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) {
+      !readOwnerChange(signal, name, owner)) {
     return;
   }
-  if (*name == ':' && *after == '\0') {
+  if (*name == ':' && *owner == '\0') {
     forget(name);
     return;
   }
@@ -125,15 +115,15 @@ void BusMonitor::Connection::seeOwnerChange(sd_bus_message* signal) {
   if (endpoint.empty()) {
     return;
   }
-  if (*after == '\0') {
+  if (*owner == '\0') {
     owners_.erase(endpoint);
   } else {
-    owners_[endpoint] = after;
+    owners_[endpoint] = owner;
   }
 }
 
 bool BusMonitor::Connection::seeCall(sd_bus_message* call) {
-  std::uint64_t serial = 0;
+  std::uint64_t serial{};
   if (sd_bus_message_is_method_call(call, kInterface, kSend) <= 0 ||
       sd_bus_message_get_cookie(call, &serial) < 0) {
     return false;
@@ -146,7 +136,7 @@ bool BusMonitor::Connection::seeCall(sd_bus_message* call) {
 }
 
 bool BusMonitor::Connection::seeAnswer(sd_bus_message* answer) {
-  std::uint64_t serial = 0;
+  std::uint64_t serial{};
   if (sd_bus_message_get_reply_cookie(answer, &serial) < 0) {
     return false;
   }
@@ -188,29 +178,19 @@ void BusMonitor::Connection::see(sd_bus_message* message, const Sink& sink) {
   sink(seen);
 }
 
-int BusMonitor::Connection::drain(const Sink& sink) {
-  for (int handled = 0; handled < kMaxMessages; ++handled) {
-    sd_bus_message* taken = nullptr;
-    const int result = sd_bus_process(bus_.get(), &taken);
-    const MessagePtr message(taken);
-    if (result <= 0) {
-      return result < 0 ? result : handled;
-    }
-    if (message != nullptr) {
-      see(message.get(), sink);
-    }
+int BusMonitor::Connection::process(const Sink& sink) {
+  sd_bus_message* taken = nullptr;
+  const int result = sd_bus_process(bus_.get(), &taken);
+  const MessagePtr message(taken);
+  if (message != nullptr) {
+    see(message.get(), sink);
   }
-  return kMaxMessages;
+  return result;
 }
 
 bool BusMonitor::Connection::Service(unsigned timeoutMs, const Sink& sink) {
-  int handled = drain(sink);
-  if (handled == 0 && timeoutMs > 0) {
-    // Processing the connection tells why the wait ended.
-    static_cast<void>(sd_bus_wait(bus_.get(), std::uint64_t{timeoutMs} * 1000));
-    handled = drain(sink);
-  }
-  return handled >= 0;
+  const auto drainAll = [&] { return drain([&] { return process(sink); }); };
+  return drainOrWait(bus_.get(), timeoutMs, drainAll) >= 0;
 }
 
 BusMonitor::BusMonitor() = default;

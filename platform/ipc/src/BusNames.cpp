@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
+#include <vector>
 
 #include "Protocol.h"
 #include "kova/utils/Handle.h"
@@ -23,13 +24,9 @@ std::string endpointOf(const char* busName) {
   return name.starts_with(kPrefix) ? std::string(name.substr(kPrefix.size())) : std::string();
 }
 
-bool listNames(sd_bus* bus, std::vector<std::string>& names, std::string& error) {
+bool listEndpoints(sd_bus* bus, std::set<std::string>& endpoints, std::string& error) {
   char** listed = nullptr;
   const int result = sd_bus_list_names(bus, &listed, nullptr);
-  if (result < 0) {
-    error = explain("Unable to list the names on the bus", result);
-    return false;
-  }
   using Text = utils::Handle<char, std::free>;
   const utils::Handle<char*, std::free> list(listed);
   std::vector<Text> owned;
@@ -37,52 +34,37 @@ bool listNames(sd_bus* bus, std::vector<std::string>& names, std::string& error)
     owned.emplace_back(*name);
   }
   for (const auto& name : owned) {
-    if (*name != ':') {
-      names.emplace_back(name.get());
+    if (std::string endpoint = endpointOf(name.get()); !endpoint.empty()) {
+      endpoints.insert(std::move(endpoint));
     }
   }
-  return true;
+  return succeeded(result, "Unable to list the names on the bus", error);
+}
+
+bool readOwnerChange(sd_bus_message* signal, const char*& name, const char*& owner) {
+  const char* before = nullptr;
+  return sd_bus_message_read(signal, "sss", &name, &before, &owner) > 0;
 }
 
 bool PresentEndpoints::watch(sd_bus* bus, std::string& error) {
   // Subscribe before listing: a name that appears in between is seen twice rather than missed.
   bus_ = bus;
-  sd_bus_slot* slot = nullptr;
   const int result =
-      sd_bus_add_match(bus, &slot, kMatch, callback<&PresentEndpoints::onOwnerChanged>, this);
-  slot_.reset(slot);
-  if (result < 0) {
-    error = explain("Unable to follow the names on the bus", result);
-    return false;
-  }
-  std::vector<std::string> names;
-  if (!listNames(bus, names, error)) {
-    return false;
-  }
-  for (const auto& name : names) {
-    if (std::string endpoint = endpointOf(name.c_str()); !endpoint.empty()) {
-      present_.insert(std::move(endpoint));
-    }
-  }
-  return true;
+      sd_bus_add_match(bus, nullptr, kMatch, callback<&PresentEndpoints::onOwnerChanged>, this);
+  return succeeded(result, "Unable to follow the names on the bus", error) &&
+         listEndpoints(bus, present_, error);
 }
 
 int PresentEndpoints::onOwnerChanged(sd_bus_message* signal, sd_bus_error*) {
   const char* name = nullptr;
-  const char* before = nullptr;
-  const char* after = nullptr;
-  const int result = sd_bus_message_read(signal, "sss", &name, &before, &after);
-  if (result < 0) {
-    return result;
-  }
-  const std::string endpoint = endpointOf(name);
-  if (endpoint.empty()) {
+  const char* owner = nullptr;
+  if (!readOwnerChange(signal, name, owner)) {
     return 0;
   }
-  if (*after == '\0') {
-    present_.erase(endpoint);
+  if (*owner == '\0') {
+    present_.erase(endpointOf(name));
   } else {
-    add(endpoint);
+    add(endpointOf(name));
   }
   return 0;
 }
@@ -101,12 +83,10 @@ void PresentEndpoints::verify(const std::string& endpoint) {
   }
   const auto question = questions_.insert(questions_.end(), Question{*this, endpoint});
   question->self = question;
-  sd_bus_slot* slot = nullptr;
-  const int result = sd_bus_call_method_async(bus_, &slot, "org.freedesktop.DBus",
+  const int result = sd_bus_call_method_async(bus_, nullptr, "org.freedesktop.DBus",
                                               "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                               "NameHasOwner", callback<&Question::onAnswer>,
                                               &*question, "s", (kNamePrefix + endpoint).c_str());
-  question->slot.reset(slot);
   if (result < 0) {
     questions_.erase(question);
   }
@@ -116,7 +96,7 @@ int PresentEndpoints::Question::onAnswer(sd_bus_message* answer, sd_bus_error*) 
   // Destroys the question with this call, whatever follows an appearance.
   std::list<Question> done;
   done.splice(done.begin(), owner.questions_, self);
-  int isPresent = 0;
+  int isPresent{};
   if (sd_bus_message_is_method_error(answer, SD_BUS_ERROR_NO_REPLY) > 0) {
     owner.verify(endpoint);  // the bus drops answers, too, while the queue is full
   } else if (sd_bus_message_is_method_error(answer, nullptr) == 0 &&

@@ -4,7 +4,6 @@
 #include <list>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "SdBus.h"
 
@@ -13,9 +12,14 @@ namespace kova::ipc {
 /// The endpoint that a bus name belongs to: "kova.E" gives "E", any other name "".
 std::string endpointOf(const char* busName);
 
-/// The names on the bus, without the bus's own unique names.
+/// The endpoints on the bus.
 /// @return false, with the reason in `error`, if the bus cannot tell
-bool listNames(sd_bus* bus, std::vector<std::string>& names, std::string& error);
+bool listEndpoints(sd_bus* bus, std::set<std::string>& endpoints, std::string& error);
+
+/// Reads a NameOwnerChanged of the bus.
+/// @param name  receives the name that was acquired or left
+/// @param owner receives the unique name of its owner, or ""
+bool readOwnerChange(sd_bus_message* signal, const char*& name, const char*& owner);
 
 /// Tracks which endpoints are on the bus.
 class PresentEndpoints {
@@ -41,7 +45,6 @@ class PresentEndpoints {
     PresentEndpoints& owner;
     std::string endpoint;
     std::list<Question>::iterator self{};
-    SlotPtr slot{};
 
     int onAnswer(sd_bus_message* answer, sd_bus_error* error);
   };
@@ -53,7 +56,6 @@ class PresentEndpoints {
   std::set<std::string> present_;
   std::list<Question> questions_;
   sd_bus* bus_ = nullptr;
-  SlotPtr slot_;
 };
 
 }  // namespace kova::ipc

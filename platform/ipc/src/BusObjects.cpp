@@ -23,7 +23,6 @@ BusObjects::Answer answerOf(sd_bus_message* message) {
     answer.text = orEmpty(error->message);
   } else if (!wire::decodeAnswer(message, answer.value, answer.text)) {
     answer.error = kInvalidAnswer;
-    answer.value.Free();
   }
   return answer;
 }
@@ -38,9 +37,9 @@ class BusObjects::Connection {
   /// A call; null on failure.
   MessagePtr newCall(const std::string& path, const char* interface, const char* method) {
     sd_bus_message* created = nullptr;
-    const int result = sd_bus_message_new_method_call(bus_.get(), &created, name_.c_str(),
-                                                      path.c_str(), interface, method);
-    return MessagePtr(result >= 0 ? created : nullptr);
+    sd_bus_message_new_method_call(bus_.get(), &created, name_.c_str(), path.c_str(), interface,
+                                   method);
+    return MessagePtr(created);
   }
   void keepTo(const std::string& uniqueName) { name_ = uniqueName; }
   bool start(const MessagePtr& call, std::uint32_t timeoutMs, Receiver receiver);
@@ -50,7 +49,6 @@ class BusObjects::Connection {
  private:
   int onAnswer(sd_bus_message* answer, sd_bus_error*);
   int onSignal(sd_bus_message* signal, sd_bus_error*);
-  int drain();
 
   BusPtr bus_;
   std::string name_;
@@ -65,10 +63,9 @@ bool BusObjects::Connection::start(const MessagePtr& call, std::uint32_t timeout
                                    Receiver receiver) {
   sd_bus_slot* slot = nullptr;
   receiver_ = std::move(receiver);
-  const int result = call == nullptr ? -EINVAL
-                                     : sd_bus_call_async(bus_.get(), &slot, call.get(),
-                                                         callback<&Connection::onAnswer>, this,
-                                                         std::uint64_t{timeoutMs} * 1000);
+  const int result =
+      sd_bus_call_async(bus_.get(), &slot, call.get(), callback<&Connection::onAnswer>, this,
+                        std::uint64_t{timeoutMs} * 1000);
   call_.reset(slot);
   return result >= 0;
 }
@@ -86,6 +83,8 @@ bool BusObjects::Connection::follow(const std::string& path,
                                     std::function<void(const Signal&)> changed) {
   const std::string rule = "type='signal',sender='" + name_ + "',path_namespace='" + path + "'";
   changed_ = std::move(changed);
+  // Before the new rule is added: the bus would remove that, which differs in the path alone.
+  match_.reset();
   sd_bus_slot* slot = nullptr;
   const int result =
       sd_bus_add_match(bus_.get(), &slot, rule.c_str(), callback<&Connection::onSignal>, this);
@@ -106,26 +105,9 @@ int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
   return 0;
 }
 
-int BusObjects::Connection::drain() {
-  int handled = 0;
-  while (handled < kMaxMessages) {
-    const int result = sd_bus_process(bus_.get(), nullptr);
-    if (result <= 0) {
-      return result < 0 ? result : handled;
-    }
-    ++handled;
-  }
-  return handled;
-}
-
 bool BusObjects::Connection::Service(unsigned timeoutMs) {
-  int handled = drain();
-  if (handled == 0 && timeoutMs > 0) {
-    // Processing the connection tells why the wait ended.
-    static_cast<void>(sd_bus_wait(bus_.get(), std::uint64_t{timeoutMs} * 1000));
-    handled = drain();
-  }
-  return handled >= 0;
+  const auto drainAll = [&] { return drain([&] { return sd_bus_process(bus_.get(), nullptr); }); };
+  return drainOrWait(bus_.get(), timeoutMs, drainAll) >= 0;
 }
 
 BusObjects::BusObjects(std::string endpoint) : endpoint_(std::move(endpoint)) {}
@@ -151,7 +133,7 @@ bool BusObjects::read(const std::string& path, const std::string& interface,
       return false;
     }
     const MessagePtr call = connection_->newCall(path, kProperties, "GetAll");
-    return call != nullptr && sd_bus_message_append(call.get(), "s", interface.c_str()) >= 0 &&
+    return sd_bus_message_append(call.get(), "s", interface.c_str()) >= 0 &&
            connection_->start(call, timeoutMs, std::move(receiver));
   });
 }

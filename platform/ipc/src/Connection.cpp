@@ -22,8 +22,6 @@ constexpr std::uint64_t kMaxPassMs = 40;
 constexpr std::uint64_t kMaxUnsentAnswers = 256;
 // The same for answers about published objects, which may be larger than those of requests.
 constexpr std::size_t kMaxUnsentBytes = std::size_t{4} * 1024 * 1024;
-// The library's own time-outs do not show on the socket, but they last for seconds.
-constexpr int kMaxIdlePasses = 10;
 
 }  // namespace
 
@@ -50,13 +48,10 @@ std::unique_ptr<Ipc::Connection::Session> Ipc::Connection::enter(const std::stri
     return nullptr;
   }
   const std::string name = kNamePrefix + endpoint;
-  const int result =
-      endpoint.empty() ? 0 : sd_bus_request_name(session->bus.get(), name.c_str(), 0);
-  if (result < 0) {
-    error = explain(("Unable to own the name \"" + name + "\"").c_str(), result);
-    return nullptr;
-  }
-  return session;
+  const bool owned =
+      endpoint.empty() || succeeded(sd_bus_request_name(session->bus.get(), name.c_str(), 0),
+                                    ("Unable to own the name \"" + name + "\"").c_str(), error);
+  return owned ? std::move(session) : nullptr;
 }
 
 bool Ipc::Connection::join(const std::string& endpoint, bool receiveBroadcasts,
@@ -101,46 +96,33 @@ bool Ipc::Connection::isPresent(const std::string& endpoint) const {
 
 // While the bus does not read, output only accumulates in this process.
 bool Ipc::Connection::isCongested() {
-  std::uint64_t unsent = 0;
-  if (sd_bus_get_n_queued_write(session_->bus.get(), &unsent) < 0 ||
-      (unsent <= kMaxUnsentAnswers && objects_.unsentBytes() <= kMaxUnsentBytes)) {
+  sd_bus* bus = session_->bus.get();
+  if (unsentMessages(bus) <= kMaxUnsentAnswers && objects_.unsentBytes() <= kMaxUnsentBytes) {
     return false;
   }
-  pollfd socket{sd_bus_get_fd(session_->bus.get()), POLLOUT, 0};
+  pollfd socket{sd_bus_get_fd(bus), POLLOUT, {}};
   return poll(&socket, 1, 0) == 0;
 }
 
-// Whether nothing is pending. Polling the socket is far cheaper than calling the library.
+// Whether the library has nothing to do. Polling the socket is far cheaper than letting it look.
 bool Ipc::Connection::isIdle() {
   sd_bus* bus = session_->bus.get();
-  std::uint64_t unread = 0;
-  std::uint64_t unsent = 0;
-  pollfd socket{sd_bus_get_fd(bus), POLLIN, 0};
-  const bool idle = idlePasses_ < kMaxIdlePasses && sd_bus_get_n_queued_read(bus, &unread) >= 0 &&
-                    sd_bus_get_n_queued_write(bus, &unsent) >= 0 && unread + unsent == 0 &&
-                    poll(&socket, 1, 0) == 0;
-  idlePasses_ = idle ? idlePasses_ + 1 : 0;
-  return idle;
+  std::uint64_t due{};  // in microseconds; 0 when a message has been read and not been handled
+  sd_bus_get_timeout(bus, &due);
+  pollfd socket{sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), {}};
+  return due > utils::nowMs() * 1000 && poll(&socket, 1, 0) == 0;
 }
 
-int Ipc::Connection::drain() {
+int Ipc::Connection::handlePending() {
   const std::uint64_t deadline = utils::nowMs() + kMaxPassMs;
-  int handled = 0;
-  while (handled < kMaxMessages && !isCongested()) {
+  return drain([&] {
+    if (isCongested() || utils::nowMs() >= deadline) {
+      return 0;
+    }
     objects_.beginMessage();
     const int result = sd_bus_process(session_->bus.get(), nullptr);
-    if (result == 0 || result == -EBUSY) {  // busy: reentered from a handler
-      break;
-    }
-    if (result < 0) {
-      return result;
-    }
-    ++handled;
-    if (utils::nowMs() >= deadline) {
-      break;
-    }
-  }
-  return handled;
+    return result != -EBUSY ? result : 0;  // busy: reentered from a handler
+  });
 }
 
 bool Ipc::Connection::Service(unsigned timeoutMs) {
@@ -150,12 +132,8 @@ bool Ipc::Connection::Service(unsigned timeoutMs) {
   if (timeoutMs == 0 && isIdle()) {
     return true;
   }
-  int handled = drain();
-  if (handled == 0 && timeoutMs > 0) {
-    // A signal or a failure ends the wait early; processing the connection tells which.
-    static_cast<void>(sd_bus_wait(session_->bus.get(), std::uint64_t{timeoutMs} * 1000));
-    handled = drain();
-  }
+  const auto drainAll = [this] { return handlePending(); };
+  const int handled = drainOrWait(session_->bus.get(), timeoutMs, drainAll);
   if (handled < 0) {
     KOVA_LOG(LOG_ERR, -handled, "Lost the connection to the bus");
     lost_ = true;

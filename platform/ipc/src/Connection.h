@@ -36,7 +36,7 @@ class Ipc::Connection {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    BusPtr bus;  ///< first, so that it is destroyed after everything registered with it
+    BusPtr bus;  ///< processes nothing after those below, whose callbacks it holds, are destroyed
     Incoming incoming;
     Outgoing outgoing;
     ObjectServer& objects;
@@ -46,7 +46,7 @@ class Ipc::Connection {
                                  TransactionsHandler* transactions, std::string& error);
   /// Handles what is pending, within limits.
   /// @return number of messages, or a negative errno value
-  int drain();
+  int handlePending();
   bool isCongested();
   bool isIdle();
 
@@ -54,7 +54,6 @@ class Ipc::Connection {
   ObjectServer objects_;
   std::string endpoint_;
   bool lost_ = false;
-  int idlePasses_ = 0;  // consecutive passes that did not call the library
   std::unique_ptr<Session> session_;
 };
 

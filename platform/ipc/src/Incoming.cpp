@@ -17,10 +17,6 @@ constexpr char kLogUnit[] = "Incoming";
 constexpr char kBroadcastMatch[] =
     "type='signal',path='/kova',interface='kova.Ipc1',member='Broadcast'";
 
-const char* orNone(const char* text) {
-  return text != nullptr ? text : "";
-}
-
 // Calls may omit the interface (D-Bus specification, "Message Types").
 bool isSend(sd_bus_message* call) {
   const char* interface = sd_bus_message_get_interface(call);
@@ -36,21 +32,18 @@ std::string functionNameOf(const variant::Variant& message) {
 
 bool reply(sd_bus_message* call, const variant::Variant& body) {
   sd_bus_message* created = nullptr;
-  int result = sd_bus_message_new_method_return(call, &created);
-  const MessagePtr answer(created);
   std::string reason;
-  if (result >= 0 && !wire::encode(body, answer.get(), reason)) {
-    KOVA_LOG(LOG_ERR, 0, "Unable to answer \"%s\": %s", orNone(sd_bus_message_get_sender(call)),
-             reason.c_str());
-    return false;
+  const int result = sd_bus_message_new_method_return(call, &created);
+  const MessagePtr answer(created);
+  // The library drops the answer to a call that expects none.
+  const bool answered =
+      succeeded(result, "no message", reason) && wire::encode(body, created, reason) &&
+      succeeded(sd_bus_send(nullptr, created, nullptr), "it is not taken", reason);
+  if (!answered) {
+    KOVA_LOG(LOG_ERR, 0, "Unable to answer \"%s\": %s",
+             orEmpty(sd_bus_message_get_sender(call)).c_str(), reason.c_str());
   }
-  if (result >= 0) {
-    result = sd_bus_send(nullptr, answer.get(), nullptr);
-  }
-  if (result < 0) {
-    KOVA_LOG(LOG_ERR, -result, "Unable to answer \"%s\"", orNone(sd_bus_message_get_sender(call)));
-  }
-  return result >= 0;
+  return answered;
 }
 
 }  // namespace
@@ -65,26 +58,19 @@ bool Incoming::serve(bool receiveBroadcasts, std::string& error) {
                               SD_BUS_VTABLE_UNPRIVILEGED),
       SD_BUS_SIGNAL_WITH_ARGS("Broadcast", SD_BUS_ARGS("a{sv}", message), 0), SD_BUS_VTABLE_END};
   const char* unique = nullptr;
-  sd_bus_slot* slot = nullptr;
   int result = sd_bus_get_unique_name(bus_, &unique);
+  uniqueName_ = orEmpty(unique);
   if (result >= 0) {
-    result = sd_bus_add_object(bus_, &slot, kObjectPath, callback<&Incoming::onCall>, this);
-    slots_.emplace_back(slot);
+    result = sd_bus_add_object(bus_, nullptr, kObjectPath, callback<&Incoming::onCall>, this);
   }
   if (result >= 0) {
-    result = sd_bus_add_object_vtable(bus_, &slot, kObjectPath, kInterface, kTable, this);
-    slots_.emplace_back(result >= 0 ? slot : nullptr);
+    result = sd_bus_add_object_vtable(bus_, nullptr, kObjectPath, kInterface, kTable, this);
   }
   if (result >= 0 && receiveBroadcasts) {
-    result = sd_bus_add_match(bus_, &slot, kBroadcastMatch, callback<&Incoming::onBroadcast>, this);
-    slots_.emplace_back(result >= 0 ? slot : nullptr);
+    result =
+        sd_bus_add_match(bus_, nullptr, kBroadcastMatch, callback<&Incoming::onBroadcast>, this);
   }
-  if (result < 0) {
-    error = explain("Unable to serve the object", result);
-    return false;
-  }
-  uniqueName_ = unique;
-  return true;
+  return succeeded(result, "Unable to serve the object", error);
 }
 
 BaseHandler* Incoming::handlerOf(const std::string& functionName) const {
@@ -126,7 +112,7 @@ int Incoming::onCall(sd_bus_message* call, sd_bus_error* error) {  // kept: 15
   std::string reason;
   if (!wire::decode(call, request, reason)) {
     KOVA_LOG_IN("OnCall", LOG_WARNING, 0, "Refused a message from \"%s\": %s",
-                orNone(sd_bus_message_get_sender(call)), reason.c_str());
+                orEmpty(sd_bus_message_get_sender(call)).c_str(), reason.c_str());
     return sd_bus_error_set(error, kInvalidMessage, reason.c_str());
   }
   // Reading the id also stores it, so that all copies of a request without one share the same id.
@@ -153,14 +139,14 @@ int Incoming::conclude(const Exchange& exchange, Outcome outcome, sd_bus_error* 
 }
 
 int Incoming::onBroadcast(sd_bus_message* signal, sd_bus_error*) {  // kept: 15
-  if (orNone(sd_bus_message_get_sender(signal)) == uniqueName_) {
+  if (orEmpty(sd_bus_message_get_sender(signal)) == uniqueName_) {
     return 0;
   }
   messages::BaseRequestMessage request;
   std::string reason;
   if (!wire::decode(signal, request, reason)) {
     KOVA_LOG_IN("OnBroadcast", LOG_WARNING, 0, "Ignored a broadcast from \"%s\": %s",
-                orNone(sd_bus_message_get_sender(signal)), reason.c_str());
+                orEmpty(sd_bus_message_get_sender(signal)).c_str(), reason.c_str());
     return 0;
   }
   // Reading the id stores one in a request without one.
@@ -181,8 +167,7 @@ bool Incoming::respond(messages::BaseRequestMessage& request,
   response.to(request.from());
   response.from(endpoint_);
   response.NormalizeFields();
-  const bool wanted = sd_bus_message_get_expect_reply(current_->call) > 0;
-  const bool answered = !wanted || reply(current_->call, response);
+  const bool answered = reply(current_->call, response);
   current_->state = answered ? State::Answered : State::Unanswerable;
   return answered;
 }

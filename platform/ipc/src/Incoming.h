@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "SdBus.h"
 #include "kova/messages/BaseMessage.h"
@@ -53,7 +52,6 @@ class Incoming {
   const Handlers& handlers_;
   std::string uniqueName_;
   Exchange* current_ = nullptr;
-  std::vector<SlotPtr> slots_;
 };
 
 }  // namespace kova::ipc

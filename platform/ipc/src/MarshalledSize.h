@@ -25,8 +25,10 @@ class MarshalledSize {
   }
   /// The start of an array of elements with this signature.
   void addArray(std::string_view elements) {
-    addFixed(4);
-    align(alignmentOf(elements.front()));
+    addFixed(4);  // which aligns all elements but these, too
+    if (std::string_view("xtd({").find(elements.front()) != std::string_view::npos) {
+      align(8);
+    }
   }
   /// The start of a structure or dictionary entry.
   void addStructure() { align(8); }
@@ -35,26 +37,6 @@ class MarshalledSize {
 
  private:
   void align(std::size_t boundary) { bytes_ = (bytes_ + boundary - 1) / boundary * boundary; }
-
-  static std::size_t alignmentOf(char type) {
-    switch (type) {
-      case 'y':
-      case 'g':
-      case 'v':
-        return 1;
-      case 'n':
-      case 'q':
-        return 2;
-      case 'x':
-      case 't':
-      case 'd':
-      case '(':
-      case '{':
-        return 8;
-      default:
-        return 4;
-    }
-  }
 
   std::size_t bytes_ = 0;
 };

@@ -24,13 +24,17 @@ constexpr char kLogUnit[] = "ObjectServer";
 constexpr std::size_t kPropertyBytes = 64;
 constexpr std::size_t kMostUnsentBytes = std::size_t{8} * 1024 * 1024;
 
-int refuse(sd_bus_error* error, const char* name, const char* text) {
-  return sd_bus_error_set_const(error, name, text);
+int refuseTooMany(sd_bus_error* error) {
+  return sd_bus_error_set_const(error, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                                "too many objects for one answer");
 }
 
-/// @param error of which nothing is set yet
-int failed(sd_bus_error* error) {
-  return refuse(error, SD_BUS_ERROR_FAILED, "internal error");
+/// Runs a callback of sd-bus; a failure that sets no error, and an exception, become
+/// org.freedesktop.DBus.Error.Failed.
+template <typename Function>
+int answering(const char* where, sd_bus_error* error, Function&& function) noexcept {
+  const int result = guarded(where, -EIO, std::forward<Function>(function));
+  return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
 }
 
 const char* typeOf(const PropertyValue& value) {
@@ -89,9 +93,8 @@ std::uint64_t objectNumber(const std::string& folder, const char* path) {
   }
   rest.remove_prefix(folder.size());
   std::uint64_t number = 0;
-  if (!rest.starts_with('/') || rest.starts_with("/0") ||
-      !utils::parseNumber(rest.substr(1), number)) {
-    return 0;
+  if (rest.starts_with('/') && !rest.starts_with("/0")) {
+    utils::parseNumber(rest.substr(1), number);
   }
   return number;
 }
@@ -100,7 +103,7 @@ std::string shownText(const std::string& text, std::size_t most) {
   std::string shown;
   std::string_view rest(text);
   while (!rest.empty()) {
-    char32_t code = 0;
+    char32_t code{};
     const std::size_t length = utils::decodeUtf8(rest, code);
     const bool valid = length != 0 && isBusCharacter(code);
     const std::string_view taken = valid ? rest.substr(0, length) : "?";
@@ -151,85 +154,61 @@ std::vector<sd_bus_vtable> ObjectServer::tableOf(const Interface& interface) {
 }
 
 int ObjectServer::registerAt(Publication& publication) {
-  sd_bus_slot* slot = nullptr;
   const char* path = publication.path.c_str();
   const char* name = publication.interface.name;
+  const sd_bus_vtable* table = publication.table.data();
   if (publication.object != nullptr) {
-    const int result =
-        sd_bus_add_object_vtable(bus_, &slot, path, name, publication.table.data(), &publication);
-    slots_.emplace_back(slot);
-    return result;
+    return sd_bus_add_object_vtable(bus_, nullptr, path, name, table, &publication);
   }
   // One registration serves all objects of a folder, so that they cost no memory here.
-  int result = sd_bus_add_fallback_vtable(bus_, &slot, path, name, publication.table.data(), onFind,
-                                          &publication);
-  slots_.emplace_back(slot);
-  if (result >= 0) {
-    slot = nullptr;
-    result = sd_bus_add_node_enumerator(bus_, &slot, path, onList, &publication);
-    slots_.emplace_back(slot);
-  }
-  return result;
+  const int result =
+      sd_bus_add_fallback_vtable(bus_, nullptr, path, name, table, onFind, &publication);
+  return result >= 0 ? sd_bus_add_node_enumerator(bus_, nullptr, path, onList, &publication)
+                     : result;
 }
 
 bool ObjectServer::serve(sd_bus* bus, std::string& error) {
-  int result = 0;
   bus_ = bus;
-  if (!publications_.empty()) {
-    sd_bus_slot* slot = nullptr;
-    result = sd_bus_add_object_manager(bus, &slot, kObjectPath);
-    slots_.emplace_back(slot);
+  if (publications_.empty()) {
+    return true;
   }
+  int result = sd_bus_add_object_manager(bus, nullptr, kObjectPath);
   for (auto one = publications_.begin(); one != publications_.end() && result >= 0; ++one) {
     result = registerAt(*one);
   }
-  if (result < 0) {
-    error = explain("Unable to publish objects", result);
-    leave();
-  }
-  return result >= 0;
-}
-
-void ObjectServer::leave() {
-  slots_.clear();
-  bus_ = nullptr;
+  return succeeded(result, "Unable to publish objects", error);
 }
 
 // --- sd-bus asks ---------------------------------------------------------------------------------
 
 int ObjectServer::onFind(sd_bus*, const char* path, const char*, void* publication, void** found,
                          sd_bus_error* error) noexcept {
-  const int result = guarded(__func__, -EIO, [&] {
+  return answering(__func__, error, [&] {
     const auto& self = *static_cast<Publication*>(publication);
-    const std::uint64_t number = objectNumber(self.path, path);
     *found = publication;
-    return number != 0 && self.folder->has(number) ? 1 : 0;
+    return self.folder->has(objectNumber(self.path, path)) ? 1 : 0;
   });
-  return result >= 0 ? result : failed(error);
 }
 
 int ObjectServer::onList(sd_bus*, const char*, void* publication, char*** paths,
                          sd_bus_error* error) noexcept {
-  const int result = guarded(__func__, -EIO, [&] {
+  return answering(__func__, error, [&] {
     const auto& self = *static_cast<Publication*>(publication);
     return self.server.list(self, paths, error);
   });
-  return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
 }
 
 int ObjectServer::onRead(sd_bus*, const char* path, const char*, const char* property,
                          sd_bus_message* reply, void* publication, sd_bus_error* error) noexcept {
-  const int result = guarded(__func__, -EIO, [&] {
+  return answering(__func__, error, [&] {
     const auto& self = *static_cast<Publication*>(publication);
     return self.server.read(self, path, property, reply, error);
   });
-  return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
 }
 
 int ObjectServer::onCall(sd_bus_message* call, void* publication, sd_bus_error* error) noexcept {
-  const int result = guarded(
-      __func__, -EIO, [&] { return handle(*static_cast<Publication*>(publication), call, error); });
-  return result >= 0 || sd_bus_error_is_set(error) != 0 ? result : failed(error);
+  return answering(__func__, error,
+                   [&] { return handle(*static_cast<Publication*>(publication), call, error); });
 }
 
 bool ObjectServer::charge(std::size_t bytes) {
@@ -239,8 +218,7 @@ bool ObjectServer::charge(std::size_t bytes) {
 }
 
 std::size_t ObjectServer::unsentBytes() {
-  std::uint64_t unsent = 0;
-  if (bus_ != nullptr && sd_bus_get_n_queued_write(bus_, &unsent) >= 0 && unsent == 0) {
+  if (unsentMessages(bus_) == 0) {
     unsentBytes_ = 0;
   }
   return unsentBytes_;
@@ -250,7 +228,7 @@ std::size_t ObjectServer::unsentBytes() {
 int ObjectServer::list(const Publication& publication, char*** paths, sd_bus_error* error) {
   const std::vector<std::uint64_t> numbers = publication.folder->numbers();
   if (!charge(numbers.size() * kPropertyBytes)) {
-    return refuse(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many objects for one answer");
+    return refuseTooMany(error);
   }
   auto** list = static_cast<char**>(std::calloc(numbers.size() + 1, sizeof(char*)));
   if (list == nullptr) {
@@ -272,15 +250,11 @@ int ObjectServer::read(const Publication& publication, const char* path, const c
                        sd_bus_message* reply, sd_bus_error* error) {
   const auto& rows = publication.interface.properties;
   const std::size_t place = placeOf(rows, property, [](const Property& row) { return row.name; });
-  const std::uint64_t number =
-      publication.folder != nullptr ? objectNumber(publication.path, path) : 0;
-  if (publication.folder != nullptr && !publication.folder->has(number)) {
-    return refuse(error, SD_BUS_ERROR_UNKNOWN_OBJECT, "it is gone");
-  }
-  PropertyValue value = publication.folder != nullptr ? publication.folder->read(number, place)
-                                                      : publication.object->read(place);
+  PropertyValue value = publication.folder != nullptr
+                            ? publication.folder->read(objectNumber(publication.path, path), place)
+                            : publication.object->read(place);
   if (!charge(kPropertyBytes + repairText(value))) {
-    return refuse(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many objects for one answer");
+    return refuseTooMany(error);
   }
   if (std::string_view(rows[place].type) != typeOf(value)) {
     KOVA_LOG(LOG_ERR, 0, "Property \"%s\" has a different type than declared", property);
@@ -320,9 +294,8 @@ const ObjectServer::Publication* ObjectServer::find(const Published& published) 
 }
 
 bool ObjectServer::canSignal() {
-  std::uint64_t unsent = 0;
-  return bus_ != nullptr && sd_bus_get_n_queued_write(bus_, &unsent) >= 0 &&
-         unsent < Outgoing::kMaxUnsentSignals && unsentBytes() <= kMostUnsentBytes;
+  return bus_ != nullptr && unsentMessages(bus_) < Outgoing::kMaxUnsentSignals &&
+         unsentBytes() <= kMostUnsentBytes;
 }
 
 // What fails otherwise than by canSignal() would fail again.
@@ -339,7 +312,6 @@ bool ObjectServer::emitChanged(const Publication& publication, const std::string
     return false;
   }
   std::vector<char*> names;
-  names.reserve(properties.size() + 1);
   for (const std::size_t place : properties) {
     names.push_back(const_cast<char*>(publication.interface.properties.at(place).name));
   }
@@ -387,7 +359,6 @@ bool ObjectServer::removed(const PublishedFolder& objects, std::uint64_t number)
     }
     // Those that sd_bus_emit_object_added() names, too; the object itself is gone.
     const std::string path = found->path + "/" + std::to_string(number);
-    charge(kPropertyBytes);
     return signalled("the removal", path,
                      sd_bus_emit_interfaces_removed(bus_, path.c_str(), "org.freedesktop.DBus.Peer",
                                                     "org.freedesktop.DBus.Introspectable",

@@ -22,10 +22,11 @@ class ObjectServer : public Objects {
   bool added(const PublishedFolder& objects, std::uint64_t number) override;
   bool removed(const PublishedFolder& objects, std::uint64_t number) override;
 
-  /// Starts serving what was published, on a bus that must outlive this object or the next leave();
-  /// call it once, before the name is owned. Nothing is registered if nothing was published.
+  /// Starts serving what was published, on a bus that must process nothing after this object or the
+  /// next leave(); call it once, before the name is owned. Nothing is registered if nothing was
+  /// published.
   bool serve(sd_bus* bus, std::string& error);
-  void leave();
+  void leave() { bus_ = nullptr; }
 
   /// To be called before each message is processed: the limit of answers counts anew.
   void beginMessage() { answerBytes_ = 0; }
@@ -68,7 +69,6 @@ class ObjectServer : public Objects {
                    const std::vector<std::size_t>& properties);
 
   std::list<Publication> publications_;  ///< its elements are the user data of sd-bus's slots
-  std::vector<SlotPtr> slots_;
   sd_bus* bus_ = nullptr;
   std::size_t answerBytes_ = 0;
   std::size_t unsentBytes_ = 0;

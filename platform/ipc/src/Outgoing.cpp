@@ -43,7 +43,7 @@ bool Outgoing::send(messages::BaseRequestMessage& request) {
 
 bool Outgoing::queue(const std::string& endpoint, const messages::BaseRequestMessage& request) {
   messages::BaseRequestMessage waiting(request);
-  std::size_t bytes = 0;
+  std::size_t bytes{};
   std::string reason;
   if (!wire::measure(waiting, bytes, reason)) {
     return refuse(waiting, reason.c_str());
@@ -80,19 +80,14 @@ bool Outgoing::post(MessagePtr message, messages::BaseRequestMessage& request, b
   if (!wire::encode(request, message.get(), reason)) {
     return refuse(request, reason.c_str());
   }
-  std::uint64_t unsent = 0;
-  int result = sd_bus_get_n_queued_write(bus_, &unsent);
-  if (result >= 0 && unsent >= kMaxUnsent) {
-    result = -ENOBUFS;
+  int result = -ENOBUFS;
+  if (unsentMessages(bus_) < kMaxUnsent) {
+    // Nobody who does not ask for the number of a message expects its answer.
+    result =
+        expectsAnswer ? call(message.get(), request) : sd_bus_send(bus_, message.get(), nullptr);
   }
-  if (result >= 0 && expectsAnswer) {
-    result = call(message.get(), request);
-  } else if (result >= 0) {
-    sd_bus_message_set_expect_reply(message.get(), 0);
-    result = sd_bus_send(bus_, message.get(), nullptr);
-  }
-  if (result < 0) {
-    return refuse(request, explain("the bus does not take it", result).c_str());
+  if (!succeeded(result, "the bus does not take it", reason)) {
+    return refuse(request, reason.c_str());
   }
   if (handler_ != nullptr) {
     bool reserved = false;
@@ -104,10 +99,8 @@ bool Outgoing::post(MessagePtr message, messages::BaseRequestMessage& request, b
 int Outgoing::call(sd_bus_message* call, messages::BaseRequestMessage& request) {
   const auto transaction = transactions_.insert(transactions_.end(), Transaction{*this, request});
   transaction->self = transaction;
-  sd_bus_slot* slot = nullptr;
-  const int result = sd_bus_call_async(bus_, &slot, call, callback<&Transaction::onAnswer>,
+  const int result = sd_bus_call_async(bus_, nullptr, call, callback<&Transaction::onAnswer>,
                                        &*transaction, kAnswerTimeoutUs);
-  transaction->slot.reset(slot);
   if (result < 0) {
     transactions_.erase(transaction);
   }
@@ -139,8 +132,8 @@ void Outgoing::reportAnswer(messages::BaseRequestMessage& request, sd_bus_messag
 
 void Outgoing::reportError(messages::BaseRequestMessage& request, const char* name,
                            const char* text) {
-  const std::string error(name != nullptr ? name : "");
-  const std::string explanation(text != nullptr ? text : "");
+  const std::string error = orEmpty(name);
+  const std::string explanation = orEmpty(text);
   if (handler_ != nullptr) {
     handler_->handleError(request, error, explanation);
   } else {

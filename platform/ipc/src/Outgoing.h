@@ -48,7 +48,6 @@ class Outgoing {
     Outgoing& owner;
     messages::BaseRequestMessage request;
     std::list<Transaction>::iterator self{};
-    SlotPtr slot{};
 
     int onAnswer(sd_bus_message* answer, sd_bus_error* error);
   };

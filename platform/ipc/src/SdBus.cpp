@@ -36,6 +36,14 @@ std::string explain(const char* what, int result) {
   return std::string(what) + ": " + std::strerror(-result);
 }
 
+bool succeeded(int result, const char* what, std::string& error) {
+  if (result >= 0) {
+    return true;
+  }
+  error = explain(what, result);
+  return false;
+}
+
 BusPtr openBus(bool monitor, std::string& error) {
   BusPtr bus;
   const std::string address = busAddress();
@@ -45,11 +53,8 @@ BusPtr openBus(bool monitor, std::string& error) {
   if (result >= 0) {
     result = sd_bus_set_method_call_timeout(bus.get(), kPatienceMs * 1000);
   }
-  if (result < 0) {
-    error = explain(("Unable to join the bus at " + address).c_str(), result);
-    return nullptr;
-  }
-  return bus;
+  return succeeded(result, ("Unable to join the bus at " + address).c_str(), error) ? std::move(bus)
+                                                                                    : nullptr;
 }
 
 }  // namespace kova::ipc

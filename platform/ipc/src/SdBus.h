@@ -48,6 +48,11 @@ struct OwnerOf<int (Class::*)(sd_bus_message*, sd_bus_error*)> {
   using Type = Class;
 };
 
+/// Fails a call that no error is set for yet.
+inline int failed(sd_bus_error* error) {
+  return sd_bus_error_set_const(error, SD_BUS_ERROR_FAILED, "internal error");
+}
+
 /// A sd_bus_message_handler_t that calls `kMethod` of the object registered as its user data. An
 /// exception becomes org.freedesktop.DBus.Error.Failed.
 template <auto kMethod>
@@ -57,11 +62,40 @@ int callback(sd_bus_message* message, void* owner, sd_bus_error* error) noexcept
     using Owner = typename OwnerOf<decltype(kMethod)>::Type;
     return (static_cast<Owner*>(owner)->*kMethod)(message, error);
   });
-  if (result != kThrew) {
-    return result;
+  return result != kThrew ? result : failed(error);
+}
+
+/// Calls `process`, which handles a message, until none is pending, at most kMaxMessages times.
+/// @return number of messages, or a negative errno value
+template <typename Process>
+int drain(Process process) {
+  for (int handled = 0; handled < kMaxMessages; ++handled) {
+    const int result = process();
+    if (result <= 0) {
+      return result < 0 ? result : handled;
+    }
   }
-  sd_bus_error_free(error);
-  return sd_bus_error_set_const(error, SD_BUS_ERROR_FAILED, "internal error");
+  return kMaxMessages;
+}
+
+/// Calls `drainAll`, which handles what is pending; waits up to `timeoutMs` if that is nothing.
+/// @return what `drainAll` returned last
+template <typename DrainAll>
+int drainOrWait(sd_bus* bus, unsigned timeoutMs, DrainAll drainAll) {
+  int handled = drainAll();
+  if (handled == 0 && timeoutMs > 0) {
+    // A signal or a failure ends the wait early; processing the connection tells which.
+    static_cast<void>(sd_bus_wait(bus, std::uint64_t{timeoutMs} * 1000));
+    handled = drainAll();
+  }
+  return handled;
+}
+
+/// Messages that the bus has not taken yet.
+inline std::uint64_t unsentMessages(sd_bus* bus) {
+  std::uint64_t unsent{};
+  sd_bus_get_n_queued_write(bus, &unsent);
+  return unsent;
 }
 
 /// Connects to the bus at KOVA_BUS_ADDRESS, else to the default one, and waits a bounded time for
@@ -73,5 +107,7 @@ BusPtr openBus(bool monitor, std::string& error);
 
 /// "WHAT: ERROR" for a negative sd-bus result.
 std::string explain(const char* what, int result);
+/// Whether a result of sd-bus is none of these; else `error` receives that text.
+bool succeeded(int result, const char* what, std::string& error);
 
 }  // namespace kova::ipc

@@ -19,7 +19,8 @@ inline constexpr unsigned kMaxDepth = variant::Variant::kMaxDepth;
 /// disconnects senders of more.
 inline constexpr unsigned kMaxBusDepth = 64;
 
-/// Reads the body of a received message, which must be a single dictionary with string keys.
+/// Reads the body of a received message, which must be a single dictionary with string keys; like
+/// the functions below from where the message was read to, which is its beginning in a callback.
 /// @param body   receives the map; the last of several equal keys counts
 /// @param reason receives why the body is invalid
 /// @return false if the body has another signature, contains a type without a Variant counterpart,

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "MarshalledSize.h"
+#include "SdBus.h"
 #include "Wire.h"
 
 namespace kova::ipc::wire {
@@ -19,27 +20,18 @@ class Reader {
       : message_(message), foreign_(foreign), reason_(reason) {}
 
   bool readBody(Variant& body) {
-    const char* signature = sd_bus_message_get_signature(message_, 1);
-    if (signature == nullptr || std::string_view(signature).substr(0, 3) != "a{s" ||
-        sd_bus_message_rewind(message_, 1) < 0) {
+    if (!orEmpty(sd_bus_message_get_signature(message_, 1)).starts_with("a{s")) {
       return refuse("the body is not one dictionary with string keys");
     }
-    if (!readValue(body, 0)) {
-      return false;
-    }
-    return sd_bus_message_at_end(message_, 1) > 0 || refuse("the body has more than one argument");
+    return readValue(body, 0) && (isAtEnd() || refuse("the body has more than one argument"));
   }
 
   bool readArguments(Variant::Array& arguments) {
-    if (sd_bus_message_rewind(message_, 1) < 0) {
-      return malformed();
+    bool valid = true;
+    while (valid && !isAtEnd()) {
+      valid = readValue(arguments.emplace_back(), 0);
     }
-    while (sd_bus_message_at_end(message_, 1) == 0) {
-      if (!readValue(arguments.emplace_back(), 0)) {
-        return false;
-      }
-    }
-    return true;
+    return valid;
   }
 
  private:
@@ -47,7 +39,17 @@ class Reader {
     reason_ = reason;
     return false;
   }
-  bool malformed() { return refuse("the body is malformed"); }
+  // Whether sd-bus has done a step; it does not in a body that is malformed.
+  bool done(int result) { return result > 0 || refuse("the body is malformed"); }
+  bool enter(char type, const std::string& content) {
+    return done(sd_bus_message_enter_container(message_, type, content.c_str()));
+  }
+  bool leave() { return done(sd_bus_message_exit_container(message_)); }
+  bool take(char type, void* value) {
+    return done(sd_bus_message_read_basic(message_, type, value));
+  }
+  // Of the container that was entered last.
+  bool isAtEnd() { return sd_bus_message_at_end(message_, 0) != 0; }
   bool isWithinSize() {
     return size_.bytes() <= kMaxBodySize || refuse("the body is larger than 1 MiB");
   }
@@ -68,8 +70,8 @@ class Reader {
   template <typename Wire, typename Held = Wire>
   bool readFixed(char type, Variant& value) {
     Wire read{};
-    if (sd_bus_message_read_basic(message_, type, &read) <= 0) {
-      return malformed();
+    if (!take(type, &read)) {
+      return false;
     }
     size_.addFixed(sizeof read);
     value = static_cast<Held>(read);
@@ -83,13 +85,13 @@ class Reader {
 };
 
 bool Reader::readValue(Variant& value, unsigned depth) {
-  char type = 0;
+  char type{};
   const char* peeked = nullptr;
-  if (sd_bus_message_peek_type(message_, &type, &peeked) <= 0) {
-    return malformed();
+  if (!done(sd_bus_message_peek_type(message_, &type, &peeked))) {
+    return false;
   }
   // A peeked signature is valid only until the next call.
-  const std::string content(peeked != nullptr ? peeked : "");
+  const std::string content = orEmpty(peeked);
   switch (type) {
     case SD_BUS_TYPE_ARRAY:
       if (content == "y") {
@@ -150,8 +152,8 @@ bool Reader::readBasic(char type, Variant& value) {
 
 bool Reader::readText(char type, Variant& value) {
   const char* text = nullptr;
-  if (sd_bus_message_read_basic(message_, type, static_cast<void*>(&text)) <= 0) {
-    return malformed();
+  if (!take(type, static_cast<void*>(&text))) {
+    return false;
   }
   const std::string_view view(text);
   if (type == SD_BUS_TYPE_SIGNATURE) {
@@ -168,10 +170,10 @@ bool Reader::readTime(const std::string& fields, Variant& value) {
   if (fields != "xx") {
     return refuse("the body holds a structure other than (xx)");
   }
-  std::int64_t seconds = 0;
-  std::int64_t microseconds = 0;
-  if (sd_bus_message_read(message_, "(xx)", &seconds, &microseconds) <= 0) {
-    return malformed();
+  std::int64_t seconds{};
+  std::int64_t microseconds{};
+  if (!done(sd_bus_message_read(message_, "(xx)", &seconds, &microseconds))) {
+    return false;
   }
   size_.addFixed(sizeof seconds);  // as a structure, aligned to 8
   size_.addFixed(sizeof microseconds);
@@ -181,9 +183,9 @@ bool Reader::readTime(const std::string& fields, Variant& value) {
 
 bool Reader::readBytes(Variant& value) {
   const void* bytes = nullptr;
-  std::size_t size = 0;
-  if (sd_bus_message_read_array(message_, SD_BUS_TYPE_BYTE, &bytes, &size) < 0) {
-    return malformed();
+  std::size_t size{};
+  if (!done(sd_bus_message_read_array(message_, SD_BUS_TYPE_BYTE, &bytes, &size))) {
+    return false;
   }
   size_.addBytes(size);
   value = std::string_view(static_cast<const char*>(bytes), size);
@@ -192,42 +194,32 @@ bool Reader::readBytes(Variant& value) {
 
 bool Reader::readNested(const std::string& content, Variant& value, unsigned depth) {
   size_.addSignature(content.size());
-  if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_VARIANT, content.c_str()) <= 0) {
-    return malformed();
-  }
-  return readValue(value, depth) && (sd_bus_message_exit_container(message_) >= 0 || malformed());
+  return enter(SD_BUS_TYPE_VARIANT, content) && readValue(value, depth) && leave();
 }
 
 bool Reader::readItems(const std::string& element, Variant& value, unsigned depth) {
-  if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_ARRAY, element.c_str()) <= 0) {
-    return malformed();
-  }
   size_.addArray(element);
-  return readSequence(value, depth);
+  return enter(SD_BUS_TYPE_ARRAY, element) && readSequence(value, depth);
 }
 
 bool Reader::readStructure(const std::string& fields, Variant& value, unsigned depth) {
   if (depth == kMaxDepth) {
     return refuse("the body is nested too deeply");
   }
-  if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_STRUCT, fields.c_str()) <= 0) {
-    return malformed();
-  }
   size_.addStructure();
-  return readSequence(value, depth + 1);
+  return enter(SD_BUS_TYPE_STRUCT, fields) && readSequence(value, depth + 1);
 }
 
 // What is left of an array or a structure, to its end.
 bool Reader::readSequence(Variant& value, unsigned depth) {
   Variant::Array items;
-  int atEnd = 0;
-  while ((atEnd = sd_bus_message_at_end(message_, 0)) == 0) {
+  while (!isAtEnd()) {
     if (!readValue(items.emplace_back(), depth)) {
       return false;
     }
   }
   value = std::move(items);
-  return (atEnd > 0 && sd_bus_message_exit_container(message_) >= 0) || malformed();
+  return leave();
 }
 
 bool Reader::readDictionary(const std::string& entry, Variant& value, unsigned depth) {
@@ -235,35 +227,32 @@ bool Reader::readDictionary(const std::string& entry, Variant& value, unsigned d
   if (entry[1] != SD_BUS_TYPE_STRING && !isPath) {
     return refuse("the body holds a dictionary whose keys are not strings");
   }
-  if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_ARRAY, entry.c_str()) <= 0) {
-    return malformed();
+  if (!enter(SD_BUS_TYPE_ARRAY, entry)) {
+    return false;
   }
   size_.addArray(entry);
   const std::string fields = entry.substr(1, entry.size() - 2);
   Variant map;
   map.IsArray(false);
-  int atEnd = 0;
-  while ((atEnd = sd_bus_message_at_end(message_, 0)) == 0) {
+  while (!isAtEnd()) {
     if (!readEntry(fields, map, depth)) {
       return false;
     }
   }
   value = std::move(map);
-  return (atEnd > 0 && sd_bus_message_exit_container(message_) >= 0) || malformed();
+  return leave();
 }
 
 bool Reader::readEntry(const std::string& fields, Variant& map, unsigned depth) {
   const char* key = nullptr;
-  if (sd_bus_message_enter_container(message_, SD_BUS_TYPE_DICT_ENTRY, fields.c_str()) <= 0 ||
-      sd_bus_message_read_basic(message_, fields.front(), static_cast<void*>(&key)) <= 0) {
-    return malformed();
+  if (!enter(SD_BUS_TYPE_DICT_ENTRY, fields) || !take(fields.front(), static_cast<void*>(&key))) {
+    return false;
   }
   const std::string_view name(key);
   size_.addStructure();
   size_.addText(name.size());
   Variant& value = map[name];
-  return isWithinSize() && readValue(value, depth) &&
-         (sd_bus_message_exit_container(message_) >= 0 || malformed());
+  return isWithinSize() && readValue(value, depth) && leave();
 }
 
 }  // namespace

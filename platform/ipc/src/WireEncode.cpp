@@ -51,8 +51,9 @@ class SizeCheck {
  public:
   explicit SizeCheck(std::string& reason) : reason_(reason) {}
 
-  // `depth` is the number of maps and arrays around the map, `busDepth` that of D-Bus containers.
-  bool checkMap(const Variant::Map& elements, unsigned depth, unsigned busDepth);
+  // `depth` is the number of D-Bus containers around the map. Its limit is stricter than that of
+  // maps and arrays, of which each takes two at least.
+  bool checkMap(const Variant::Map& elements, unsigned depth);
   std::size_t size() const { return size_.bytes(); }
 
  private:
@@ -60,21 +61,21 @@ class SizeCheck {
     reason_ = reason;
     return false;
   }
-  bool isWithinLimits(unsigned depth, unsigned busDepth) {
-    if (depth > kMaxDepth || busDepth > kMaxBusDepth) {
+  bool isWithinLimits(unsigned depth) {
+    if (depth > kMaxBusDepth) {
       return refuse("the message is nested too deeply");
     }
     return size_.bytes() <= kMaxBodySize || refuse("the message is larger than 1 MiB");
   }
-  bool checkVariant(const Variant& value, unsigned depth, unsigned busDepth);
-  bool checkItems(const Variant::Array& items, unsigned depth, unsigned busDepth);
+  bool checkVariant(const Variant& value, unsigned depth);
+  bool checkItems(const Variant::Array& items, unsigned depth);
   void addBasic(char type, const Variant& value);
 
   std::string& reason_;
   MarshalledSize size_;
 };
 
-bool SizeCheck::checkMap(const Variant::Map& elements, unsigned depth, unsigned busDepth) {
+bool SizeCheck::checkMap(const Variant::Map& elements, unsigned depth) {
   size_.addArray("{");
   for (const auto& [key, value] : elements) {
     if (!isBusText(key)) {
@@ -82,47 +83,47 @@ bool SizeCheck::checkMap(const Variant::Map& elements, unsigned depth, unsigned 
     }
     size_.addStructure();
     size_.addText(key.size());
-    if (!checkVariant(value, depth + 1, busDepth + 3)) {
+    if (!checkVariant(value, depth + 3)) {
       return false;
     }
   }
-  return isWithinLimits(depth + 1, busDepth);
+  return isWithinLimits(depth);
 }
 
-bool SizeCheck::checkItems(const Variant::Array& items, unsigned depth, unsigned busDepth) {
+bool SizeCheck::checkItems(const Variant::Array& items, unsigned depth) {
   size_.addArray("v");
   for (const auto& item : items) {
-    if (!checkVariant(item, depth + 1, busDepth + 2)) {
+    if (!checkVariant(item, depth + 2)) {
       return false;
     }
   }
-  return isWithinLimits(depth + 1, busDepth);
+  return isWithinLimits(depth);
 }
 
 // The fields of a structure are one D-Bus container deeper.
-bool SizeCheck::checkVariant(const Variant& value, unsigned depth, unsigned busDepth) {
+bool SizeCheck::checkVariant(const Variant& value, unsigned depth) {
   const std::string_view signature = signatureOf(value);
   size_.addSignature(signature.size());
-  if (!isWithinLimits(depth, busDepth)) {
+  if (!isWithinLimits(depth)) {
     return false;
   }
   if (value.isMap()) {
-    return checkMap(value.elements(), depth, busDepth);
+    return checkMap(value.elements(), depth);
   }
   if (value.IsArray()) {
-    return checkItems(value.items(), depth, busDepth);
+    return checkItems(value.items(), depth);
   }
   if (signature == "(xx)") {
     size_.addFixed(8);  // as a structure, aligned to 8
     size_.addFixed(8);
-    return isWithinLimits(depth, busDepth + 1);
+    return isWithinLimits(depth + 1);
   }
   if (signature == "ay") {
     size_.addBytes(value.toText().size());
-    return isWithinLimits(depth, busDepth + 1);
+    return isWithinLimits(depth + 1);
   }
   addBasic(signature.front(), value);
-  return isWithinLimits(depth, busDepth);
+  return isWithinLimits(depth);
 }
 
 void SizeCheck::addBasic(char type, const Variant& value) {
@@ -233,7 +234,7 @@ int append(sd_bus_message* message, const Variant& value, std::string_view signa
 
 bool measure(const Variant& body, std::size_t& size, std::string& reason) {
   SizeCheck check(reason);
-  if (!check.checkMap(body.elements(), 0, 0)) {
+  if (!check.checkMap(body.elements(), 0)) {
     return false;
   }
   size = check.size();
@@ -241,16 +242,9 @@ bool measure(const Variant& body, std::size_t& size, std::string& reason) {
 }
 
 bool encode(const Variant& body, sd_bus_message* message, std::string& reason) {
-  std::size_t size = 0;
-  if (!measure(body, size, reason)) {
-    return false;
-  }
-  const int result = appendMap(message, body.elements());
-  if (result < 0) {
-    reason = explain("the message cannot be written", result);
-    return false;
-  }
-  return true;
+  std::size_t size{};
+  return measure(body, size, reason) &&
+         succeeded(appendMap(message, body.elements()), "the message cannot be written", reason);
 }
 
 }  // namespace kova::ipc::wire

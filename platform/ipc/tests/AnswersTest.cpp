@@ -49,9 +49,11 @@ TEST_F(AnswersTest, RequestWithoutResponseGetsEmptyMap) {
   Recorder handler(&ipc_);
   ipc_.AddHandler("Tell", &handler);
   join();
+  tests::records.clear();
   const Answer answer = call("Tell");
   EXPECT_EQ(answer.error, "");
   EXPECT_EQ(answer.body, Variant(Variant::Map{}));
+  EXPECT_TRUE(tests::records.empty());
 }
 
 TEST_F(AnswersTest, FailingHandlerGivesErrorUnlessAnswered) {
@@ -99,14 +101,21 @@ TEST_F(AnswersTest, RejectedAndUnclaimedFunctionsAreUnknown) {
   EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
   CatchAllHandlerRejector rejector(&ipc_);
   ipc_.AddHandler("", &rejector);
+  tests::records.clear();
   EXPECT_EQ(call("Any").error, "kova.Error.UnknownFunction");
+  EXPECT_EQ(tests::records.size(), 1U);
 }
 
-TEST_F(AnswersTest, LogHandlerHandlesAnyFunction) {
+TEST_F(AnswersTest, LogHandlerHandlesEverything) {
   LogHandler log(&ipc_);
   ipc_.AddHandler("", &log);
   join();
   EXPECT_EQ(call("Any").error, "");
+  BaseRequestMessage request;
+  BaseResponseMessage response;
+  bool reserved = false;
+  EXPECT_TRUE(log.HandleResponse(request, response, reserved));
+  EXPECT_TRUE(log.BaseHandler::HandleResponse(request, response, reserved));
 }
 
 TEST_F(AnswersTest, TransactionsHandlerRejectsSilently) {
@@ -253,9 +262,11 @@ TEST_F(AnswersTest, NoReplyCallIsHandledWithoutAnswer) {
 TEST_F(AnswersTest, SecondHandlerOfSameNameIsRefused) {
   Recorder handler(&ipc_);
   Recorder second(&ipc_);
+  tests::records.clear();
   EXPECT_TRUE(ipc_.AddHandler("Tell", &handler));
   EXPECT_FALSE(ipc_.AddHandler("Tell", &second));
   EXPECT_FALSE(ipc_.AddHandler("Other", nullptr));
+  EXPECT_EQ(tests::records.size(), 2U);
   join();
   call("Tell");
   EXPECT_EQ(handler.requests.size(), 1U);

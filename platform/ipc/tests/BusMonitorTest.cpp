@@ -1,5 +1,7 @@
 #include "kova/ipc/BusMonitor.h"
 
+#include <optional>
+
 #include "BusTest.h"
 
 namespace kova::ipc::testing {
@@ -20,12 +22,22 @@ class BusMonitorTest : public BusTest {
     });
   }
 
-  // Sends the caller of a call of stranger_ an answer to it, and waits until the bus has seen it.
-  void forgeAnswer(Stranger& intruder, sd_bus_message* call) {
+  // A call of this endpoint by stranger_, once the monitor has seen it as the message of this
+  // number.
+  MessagePtr seenCall(const char* endpoint, std::size_t number, bool expectsAnswer = true) {
+    MessagePtr call = stranger_.newCall(endpoint);
+    std::string reason;
+    EXPECT_TRUE(wire::encode(Variant(Variant::Map{{"functionName", "Tell"}}), call.get(), reason));
     std::uint64_t serial = 0;
-    const char* caller = nullptr;
+    EXPECT_GE(sd_bus_send(stranger_.bus(), call.get(), expectsAnswer ? &serial : nullptr), 0);
+    EXPECT_TRUE(untilSeen(number));
+    return call;
+  }
+
+  // Sends an answer to a call of `caller`, and waits until the bus has seen it.
+  static void answer(Stranger& intruder, const std::string& caller, sd_bus_message* call) {
+    std::uint64_t serial = 0;
     ASSERT_GE(sd_bus_message_get_cookie(call, &serial), 0);
-    ASSERT_GE(sd_bus_get_unique_name(stranger_.bus(), &caller), 0);
     const MessagePtr same = intruder.newCall("test");
     ASSERT_GE(sd_bus_message_seal(same.get(), serial, 0), 0);
     sd_bus_message* created = nullptr;
@@ -33,11 +45,17 @@ class BusMonitorTest : public BusTest {
     const MessagePtr forged(created);
     std::string reason;
     ASSERT_TRUE(wire::encode(Variant(Variant::Map{{"forged", true}}), created, reason));
-    ASSERT_GE(sd_bus_message_set_destination(created, caller), 0);
+    ASSERT_GE(sd_bus_message_set_destination(created, caller.c_str()), 0);
     ASSERT_GE(sd_bus_send(intruder.bus(), created, nullptr), 0);
     ASSERT_GE(sd_bus_call_method(intruder.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                  "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, ""),
               0);
+  }
+
+  static std::string nameOf(Stranger& client) {
+    const char* unique = "";
+    EXPECT_GE(sd_bus_get_unique_name(client.bus(), &unique), 0);
+    return unique;
   }
 
   static void ignore(const SeenMessage&) {}
@@ -97,17 +115,19 @@ TEST_F(BusMonitorTest, ClientKeepsFirstOfItsNames) {
   openMonitor();
   EXPECT_GE(sd_bus_request_name(stranger_.bus(), "kova.first", 0), 0);
   EXPECT_GE(sd_bus_request_name(stranger_.bus(), "kova.second", 0), 0);
-  EXPECT_GE(sd_bus_release_name(stranger_.bus(), "kova.second"), 0);
   call("Unknown");
-  ASSERT_TRUE(untilSeen(1));
+  EXPECT_GE(sd_bus_release_name(stranger_.bus(), "kova.first"), 0);
+  call("Unknown");
+  ASSERT_TRUE(untilSeen(4));
   EXPECT_EQ(seen_[0].sender, "first");
+  EXPECT_EQ(seen_[2].sender, "second");
 }
 
 TEST_F(BusMonitorTest, ShowsUndecodableMessageWithoutBody) {
   join();
   openMonitor();
   const MessagePtr message = stranger_.newCall("test");
-  sd_bus_message_append(message.get(), "s", "text");
+  sd_bus_message_append(message.get(), "a{sv}s", 1, "key", "s", "value", "text");
   call(message.get());
   ASSERT_TRUE(untilSeen(1));
   EXPECT_EQ(seen_[0].kind, Kind::Call);
@@ -134,30 +154,54 @@ TEST_F(BusMonitorTest, OnlyCalledEndpointAnswers) {
   ipc_.AddHandler("Tell", &handler);
   ASSERT_TRUE(ipc_.Init("test", false, nullptr));
   openMonitor();
-  const MessagePtr call = stranger_.newCall("test");
-  std::string reason;
-  ASSERT_TRUE(wire::encode(Variant(Variant::Map{{"functionName", "Tell"}}), call.get(), reason));
-  stranger_.start(call.get());
-  ASSERT_TRUE(untilSeen(1));
+  const MessagePtr call = seenCall("test", 1);
   Stranger intruder;
-  forgeAnswer(intruder, call.get());
+  answer(intruder, nameOf(stranger_), call.get());
   serviced_.push_back(&ipc_);
   ASSERT_TRUE(untilSeen(2));
   EXPECT_EQ(seen_[1].kind, Kind::Answer);
   EXPECT_EQ(seen_[1].sender, "test");
 }
 
-TEST_F(BusMonitorTest, ServiceWaitsWithoutMessage) {
+TEST_F(BusMonitorTest, OnlyExpectedAnswersAreShownOnceEach) {
   openMonitor();
-  const auto before = utils::nowMs();
-  for (int pass = 0; pass < 5; ++pass) {
-    EXPECT_TRUE(monitor_.Service(50, ignore));
+  std::optional<Stranger> endpoint(std::in_place);
+  ASSERT_GE(sd_bus_request_name(endpoint->bus(), "kova.other", 0), 0);
+  const MessagePtr answered = seenCall("other", 1);
+  answer(*endpoint, nameOf(stranger_), answered.get());
+  answer(*endpoint, nameOf(stranger_), answered.get());
+  const MessagePtr told = seenCall("other", 3, false);
+  answer(*endpoint, nameOf(stranger_), told.get());
+  // The bus answers for an endpoint that has left.
+  seenCall("other", 4);
+  endpoint.reset();
+  ASSERT_TRUE(untilSeen(5));
+  std::string kinds;
+  for (const auto& message : seen_) {
+    kinds += std::to_string(static_cast<int>(message.kind));
   }
-  EXPECT_GE(utils::nowMs() - before, 3U * 49U) << "the first passes may see the monitor arrive";
+  EXPECT_EQ(kinds, "01002") << "call, answer, two calls, error";
+}
+
+TEST_F(BusMonitorTest, CallsOfClientThatLeftAreForgotten) {
+  openMonitor();
+  Stranger endpoint;
+  ASSERT_GE(sd_bus_request_name(endpoint.bus(), "kova.other", 0), 0);
+  std::optional<Stranger> client(std::in_place);
+  const std::string name = nameOf(*client);
+  const MessagePtr call = client->newCall("other");
+  ASSERT_GE(sd_bus_message_append(call.get(), "a{sv}", 0), 0);
+  client->start(call.get());
+  ASSERT_TRUE(untilSeen(1));
+  client.reset();
+  answer(endpoint, name, call.get());
+  seenCall("other", 2);
+  EXPECT_EQ(seen_[1].kind, Kind::Call);
 }
 
 TEST_F(BusMonitorTest, ReportsClosedBus) {
   openMonitor();
+  EXPECT_TRUE(monitor_.Service(1, ignore) && monitor_.Service(1, ignore));
   privateBus_.kill();
   EXPECT_FALSE(monitor_.Service(1000, ignore) && monitor_.Service(1000, ignore));
   std::string error;

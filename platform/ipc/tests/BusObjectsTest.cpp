@@ -32,7 +32,7 @@ class Publisher {
     sd_bus_message* created = nullptr;
     EXPECT_GE(sd_bus_message_new_signal(bus_.get(), &created, path, "kova.Ipc1", "Broadcast"), 0);
     const MessagePtr message(created);
-    EXPECT_GE(sd_bus_message_append(created, "a{sv}", 0), 0);
+    EXPECT_GE(sd_bus_message_append(created, "a{os}", 1, "/kova", "text"), 0);
     EXPECT_GE(sd_bus_send_to(bus_.get(), created, destination, nullptr), 0);
     // The bus has passed the signal on once it answers.
     sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -189,6 +189,21 @@ TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
   EXPECT_EQ(answers_[0].value, Variant(2U));
 }
 
+TEST_F(BusObjectsTest, KeepsToOneProcess) {
+  const Publisher::Compose empty = [](sd_bus_message*) { return 0; };
+  auto first = std::make_unique<Publisher>(empty);
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  objects_.keepTo(answered(first.get()).sender);
+  answers_.clear();
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  EXPECT_EQ(answered(first.get()).error, "");
+  first.reset();
+  answers_.clear();
+  Publisher second(empty);
+  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
+  EXPECT_EQ(answered(&second).error, "org.freedesktop.DBus.Error.ServiceUnknown");
+}
+
 TEST_F(BusObjectsTest, ReceiversMayStartNextCall) {
   Publisher publisher([](sd_bus_message*) { return 0; });
   ASSERT_TRUE(objects_.readAll(
@@ -209,7 +224,14 @@ TEST_F(BusObjectsTest, FollowsSignalsBelowOnePath) {
   answered(&publisher);  // after all signals
   ASSERT_EQ(changes.size(), 1U);
   EXPECT_EQ(changes[0].interface + "." + changes[0].name, "kova.Ipc1.Broadcast");
-  EXPECT_EQ(changes[0].arguments, Variant(Variant::Array{Variant::Map{}}));
+  EXPECT_EQ(changes[0].arguments, Variant(Variant::Array{Variant::Map{{"/kova", "text"}}}));
+
+  int others = 0;
+  ASSERT_TRUE(objects_.follow("/kova/transfers/8", [&](const auto&) { ++others; }));
+  publisher.signal("/kova/transfers/7");
+  publisher.signal("/kova/transfers/8");
+  EXPECT_TRUE(until(&publisher, [&] { return others > 0; }));
+  EXPECT_EQ(others, 1);
 }
 
 TEST_F(BusObjectsTest, ServiceWaitsOnlyForFirstMessage) {
@@ -245,6 +267,7 @@ TEST_F(BusObjectsTest, InvalidPathsAndClosedConnectionsFail) {
   EXPECT_FALSE(closed.read("/kova", "kova.Any1", kPatienceMs, keep()));
   EXPECT_FALSE(closed.follow("/kova", nullptr));
   EXPECT_FALSE(closed.Service(0));
+  closed.keepTo(":1.1");
   bus_.kill();
   EXPECT_FALSE(until(nullptr, [] { return false; }));
   EXPECT_FALSE(objects_.Service(0));

@@ -46,21 +46,26 @@ class Ledger : public TransactionsHandler {
  public:
   explicit Ledger(Ipc* ipc) : TransactionsHandler("Ledger", ipc) {}
 
-  void MessageSentSuccessfully(messages::BaseMessage& message, bool&) override {
+  void MessageSentSuccessfully(messages::BaseMessage& message, bool& reserved) override {
+    EXPECT_FALSE(reserved);
     sent.push_back(message.id());
   }
-  bool HandleResponse(BaseRequestMessage& request, BaseResponseMessage& response, bool&) override {
+  bool HandleResponse(BaseRequestMessage& request, BaseResponseMessage& response,
+                      bool& reserved) override {
+    EXPECT_FALSE(reserved);
     responses.emplace_back(request.id(), response);
     return true;
   }
   void handleError(BaseRequestMessage& request, const std::string& error,
-                   const std::string&) override {
+                   const std::string& text) override {
     errors.emplace_back(request.id(), error);
+    lastText = text;
   }
 
   std::vector<std::uint64_t> sent;
   std::vector<std::pair<std::uint64_t, BaseResponseMessage>> responses;
   std::vector<std::pair<std::uint64_t, std::string>> errors;
+  std::string lastText;  ///< of an error
 };
 
 /// The result of a call.
@@ -132,7 +137,8 @@ class Stranger {
   std::vector<std::shared_ptr<Answer>> answers_;
 };
 
-/// Records every answer of an endpoint, including those that the bus does not deliver.
+/// Counts every answer of an endpoint, including those that the bus does not deliver, and how often
+/// the bus is asked whether a name has an owner.
 class Eavesdropper {
  public:
   Eavesdropper() : bus_(openBus(true, error_)) {
@@ -148,9 +154,12 @@ class Eavesdropper {
       result = sd_bus_process(bus_.get(), &taken);
       const MessagePtr message(taken);
       answers_ += message != nullptr && isAnswer(message.get()) ? 1 : 0;
+      questions_ += sd_bus_message_is_method_call(taken, nullptr, "NameHasOwner") > 0 ? 1 : 0;
     }
     return answers_;
   }
+  /// Seen by the last call of answers().
+  int questions() const { return questions_; }
 
  private:
   static bool isAnswer(sd_bus_message* message) {
@@ -162,6 +171,7 @@ class Eavesdropper {
   std::string error_;
   BusPtr bus_;
   int answers_ = 0;
+  int questions_ = 0;
 };
 
 /// A bus with an endpoint "test" and a stranger.

@@ -50,6 +50,9 @@ class Things : public PublishedFolder {
 
   std::vector<std::uint64_t> numbers() const override {
     ++listed;
+    if (broken) {
+      throw std::runtime_error("broken");
+    }
     std::vector<std::uint64_t> numbers;
     for (const auto& [number, thing] : things) {
       numbers.push_back(number);

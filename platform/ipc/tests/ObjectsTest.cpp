@@ -20,6 +20,10 @@ TEST_F(ObjectsTest, PropertiesAreReadAsTheirTypes) {
   const auto flag = get("/kova", "kova.Box1", "Full");
   ASSERT_GE(sd_bus_message_read(flag->message.get(), "v", "b", &full), 0) << flag->error;
   EXPECT_EQ(full, 1);
+  box_.full = false;
+  const auto cleared = get("/kova", "kova.Box1", "Full");
+  ASSERT_GE(sd_bus_message_read(cleared->message.get(), "v", "b", &full), 0);
+  EXPECT_EQ(full, 0);
   std::uint64_t time = 0;
   const char* what = "";
   const auto moment = get("/kova", "kova.Box1", "Seen");
@@ -40,8 +44,10 @@ TEST_F(ObjectsTest, PropertiesAreReadAsTheirTypes) {
 
 TEST_F(ObjectsTest, ManagerTellsWhatIsThere) {
   publish();
+  things_.things[3] = {};
   EXPECT_EQ(managed(),
-            (std::vector<std::string>{"/kova/things/1 kova.Thing1", "/kova/things/7 kova.Thing1"}));
+            (std::vector<std::string>{"/kova/things/1 kova.Thing1", "/kova/things/3 kova.Thing1",
+                                      "/kova/things/7 kova.Thing1"}));
   things_.things.clear();
   EXPECT_TRUE(managed().empty());
 }
@@ -59,6 +65,7 @@ TEST_F(ObjectsTest, IntrospectionTellsNodesAndInterfaces) {
   const std::string thing = introspect("/kova/things/7");
   EXPECT_NE(thing.find("<method name=\"Stop\">"), std::string::npos) << thing;
   EXPECT_EQ(thing.find("kova.Ipc1"), std::string::npos) << thing;
+  EXPECT_EQ((root + thing).find("Deprecated"), std::string::npos) << root << thing;
 }
 
 TEST_F(ObjectsTest, NothingPublishedMeansNoManager) {
@@ -140,6 +147,7 @@ TEST_F(ObjectsTest, ExceptionsStayInProcess) {
   EXPECT_EQ(name("/kova/things/1"), kFailed);
   EXPECT_EQ(error("/kova/things/1", "kova.Thing1", "Go"), kFailed);
   EXPECT_EQ(managed(), std::vector<std::string>{kFailed});
+  EXPECT_EQ(error("/kova/things", "org.freedesktop.DBus.Introspectable", "Introspect"), kFailed);
   EXPECT_TRUE(ipc_.objects().changed(things_, 1, {kCount}));
   things_.broken = false;
   EXPECT_EQ(name("/kova/things/1"), "one");
@@ -227,6 +235,11 @@ TEST_F(ObjectsTest, PublishingIsForBeforeJoining) {
   EXPECT_FALSE(ipc_.objects().publish("things", kThing, &things_));
   EXPECT_FALSE(ipc_.objects().added(things_, 1));
   EXPECT_TRUE(ipc_.objects().changed(box_, {kFull}));
+}
+
+TEST_F(ObjectsTest, InvalidInterfaceFailsJoin) {
+  EXPECT_TRUE(ipc_.objects().publish({"invalid", {}, {}}, &box_));
+  EXPECT_FALSE(ipc_.Init("test", false, nullptr));
 }
 
 TEST_F(ObjectsTest, JoinCanBeTriedAgain) {

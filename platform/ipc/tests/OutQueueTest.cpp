@@ -7,6 +7,8 @@
 namespace kova::ipc {
 namespace {
 
+constexpr std::size_t kMaxBytes = std::size_t{8} << 20;
+
 messages::BaseRequestMessage numbered(std::uint64_t id) {
   messages::BaseRequestMessage message;
   message.id(id);
@@ -59,29 +61,35 @@ TEST(OutQueueTest, DroppedMessagesAreLogged) {
 
 TEST(OutQueueTest, DropsLongestWaitingOfTooManyDestinations) {
   OutQueue queue;
-  for (std::size_t i = 0; i <= OutQueue::kMaxDestinations; ++i) {
-    queue.put("d" + std::to_string(i), numbered(i), 10);
+  for (std::size_t i = 0; i < 66; ++i) {
+    queue.put("d" + std::to_string(i), numbered(i), i == 0 ? kMaxBytes / 2 : 10);
   }
   EXPECT_TRUE(queue.take("d0").empty());
-  EXPECT_EQ(queue.take("d1").size(), 1U);
-  EXPECT_EQ(queue.take("d" + std::to_string(OutQueue::kMaxDestinations)).size(), 1U);
+  EXPECT_TRUE(queue.take("d1").empty());
+  queue.put("d66", numbered(66), kMaxBytes - 1'000);
+  for (std::size_t i = 2; i < 67; ++i) {
+    EXPECT_EQ(queue.take("d" + std::to_string(i)).size(), i == 2 ? 0U : 1U) << i;
+  }
 }
 
 TEST(OutQueueTest, DropsOldestBeyondByteLimit) {
   OutQueue queue;
-  constexpr std::size_t half = OutQueue::kMaxBytes / 2;
+  constexpr std::size_t half = kMaxBytes / 2;
   queue.put("a", numbered(1), half);
-  queue.put("b", numbered(2), half);
-  queue.put("c", numbered(3), 1);
+  queue.put("b", numbered(2), half - 1);
+  queue.put("b", numbered(3), 1);
+  queue.put("c", numbered(4), 1);
+  queue.put("d", numbered(5), half);
   EXPECT_TRUE(queue.take("a").empty());
   EXPECT_EQ(queue.take("b").size(), 1U);
   EXPECT_EQ(queue.take("c").size(), 1U);
+  EXPECT_EQ(queue.take("d").size(), 1U);
 }
 
 TEST(OutQueueTest, TakenMessagesFreeSpace) {
-  constexpr std::size_t half = OutQueue::kMaxBytes / 2;
+  constexpr std::size_t half = kMaxBytes / 2;
   OutQueue queue;
-  queue.put("a", numbered(1), OutQueue::kMaxBytes);
+  queue.put("a", numbered(1), kMaxBytes);
   EXPECT_EQ(queue.take("a").size(), 1U);
   queue.put("b", numbered(2), half);
   queue.put("c", numbered(3), half);
@@ -90,9 +98,9 @@ TEST(OutQueueTest, TakenMessagesFreeSpace) {
 }
 
 TEST(OutQueueTest, DroppedMessagesFreeSpace) {
-  constexpr std::size_t half = OutQueue::kMaxBytes / 2;
+  constexpr std::size_t half = kMaxBytes / 2;
   OutQueue queue;
-  queue.put("a", numbered(1), OutQueue::kMaxBytes);
+  queue.put("a", numbered(1), kMaxBytes);
   queue.put("b", numbered(2), half);
   queue.put("c", numbered(3), half);
   EXPECT_TRUE(queue.take("a").empty());

@@ -1,4 +1,7 @@
+#include <malloc.h>
+
 #include "BusTest.h"
+#include "SyslogRecorder.h"
 
 namespace kova::ipc::testing {
 namespace {
@@ -132,7 +135,26 @@ TEST_F(SendRequestTest, DepartedDestinationIsWaitedForAgain) {
   EXPECT_TRUE(until([&] { return !recorder.requests.empty(); }));
 }
 
-// The bus drops signals for a process whose queue is full.
+TEST_F(SendRequestTest, BusIsAskedOnceFor64EndpointsAtMost) {
+  join();
+  Eavesdropper eavesdropper;
+  const auto sendTo = [&](int endpoints) {
+    for (int i = 0; i < 2 * endpoints; ++i) {
+      BaseRequestMessage request = to("absent" + std::to_string(i / 2));
+      EXPECT_TRUE(ipc_.SendRequest(request));
+    }
+    const int before = eavesdropper.answers();
+    ASSERT_TRUE(ipc_.flush());
+    call("Unknown");
+    ASSERT_TRUE(until([&] { return eavesdropper.answers() > before; }));
+  };
+  sendTo(66);
+  EXPECT_EQ(eavesdropper.questions(), 64);
+  sendTo(1);
+  EXPECT_EQ(eavesdropper.questions(), 65);
+}
+
+// The bus drops signals and answers for a process whose queue is full.
 TEST_F(SendRequestTest, DestinationThatJoinedUnnoticedIsFound) {
   join();
   const Variant large(Variant::Map{{"functionName", std::string(1'000'000, 'x')}});
@@ -141,15 +163,14 @@ TEST_F(SendRequestTest, DestinationThatJoinedUnnoticedIsFound) {
   }
   ASSERT_GE(sd_bus_flush(stranger_.bus()), 0);
   joinOther();
+  BaseRequestMessage request = to("other");
+  request.queueIfDestUnavailable(true);
+  EXPECT_TRUE(ipc_.SendRequest(request));
   Answer last;
   do {  // the bus answers itself until there is room
     last = call(Variant(Variant::Map{{"functionName", "Unknown"}}));
   } while (last.error == SD_BUS_ERROR_LIMITS_EXCEEDED);
   ASSERT_FALSE(ipc_.isPresent("other"));
-
-  BaseRequestMessage request = to("other");
-  request.queueIfDestUnavailable(true);
-  EXPECT_TRUE(ipc_.SendRequest(request));
   EXPECT_TRUE(untilReceived(1));
   EXPECT_TRUE(ipc_.isPresent("other"));
 }
@@ -172,13 +193,51 @@ TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
   EXPECT_TRUE(ledger_.errors.empty());
 }
 
-TEST_F(SendRequestTest, AcceptedMessageIsAnsweredByEmptyMap) {
+TEST_F(SendRequestTest, AcceptedMessageIsAnsweredIfExpected) {
   joinBoth();
+  Eavesdropper eavesdropper;
   BaseRequestMessage request = to("other", 5);
+  ASSERT_TRUE(ipc_.SendRequest(request));
   request.responseExpected(true);
   ASSERT_TRUE(ipc_.SendRequest(request));
   ASSERT_TRUE(until([&] { return !ledger_.responses.empty(); }));
   EXPECT_EQ(ledger_.responses[0].second.Size(), 0U);
+  ASSERT_TRUE(until([&] { return eavesdropper.answers() > 0; }));
+  EXPECT_EQ(eavesdropper.answers(), 1);
+}
+
+TEST_F(SendRequestTest, AnsweredRequestsTakeNoMemory) {
+  joinBoth();
+  BaseRequestMessage request = to("other");
+  request.responseExpected(true);
+  request["large"] = std::string(900'000, 'x');
+  std::size_t before = 0;
+  std::size_t after = 0;
+  for (std::size_t sent = 1; sent <= 20; ++sent) {
+    ASSERT_TRUE(ipc_.SendRequest(request));
+    ASSERT_TRUE(until([&] { return ledger_.responses.size() == sent; }));
+    received_.requests.clear();
+    const auto memory = mallinfo2();
+    after = memory.uordblks + memory.hblkhd;
+    before = before != 0 ? before : after;
+  }
+  EXPECT_LT(after, before + 5'000'000);
+}
+
+TEST_F(SendRequestTest, AnswerOtherThanMapIsError) {
+  join(false, &ledger_);
+  const auto answer = [](sd_bus_message* call, void*, sd_bus_error*) {
+    return sd_bus_reply_method_return(call, "s", "text");
+  };
+  ASSERT_GE(sd_bus_add_object(stranger_.bus(), nullptr, kObjectPath, answer, nullptr), 0);
+  ASSERT_GE(sd_bus_request_name(stranger_.bus(), "kova.other", 0), 0);
+  ASSERT_TRUE(until([&] { return ipc_.isPresent("other"); }));
+  BaseRequestMessage request = to("other", 8);
+  request.responseExpected(true);
+  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(until([&] { return !ledger_.errors.empty(); }));
+  EXPECT_EQ(ledger_.errors[0], std::pair(std::uint64_t{8}, std::string(kInvalidMessage)));
+  EXPECT_NE(ledger_.lastText, "");
 }
 
 TEST_F(SendRequestTest, ErrorReachesTransactionHandler) {
@@ -190,7 +249,21 @@ TEST_F(SendRequestTest, ErrorReachesTransactionHandler) {
   ASSERT_TRUE(ipc_.SendRequest(request));
   ASSERT_TRUE(until([&] { return !ledger_.errors.empty(); }));
   EXPECT_EQ(ledger_.errors[0], std::pair(std::uint64_t{6}, std::string(kUnknownFunction)));
+  EXPECT_EQ(ledger_.lastText, "no such function");
   EXPECT_TRUE(ledger_.responses.empty());
+}
+
+TEST_F(SendRequestTest, ErrorIsLoggedWithoutTransactionHandler) {
+  joinBoth();
+  BaseRequestMessage request = to("test");
+  request.responseExpected(true);
+  ASSERT_TRUE(until([&] { return other_.isPresent("test"); }));
+  tests::records.clear();
+  ASSERT_TRUE(other_.SendRequest(request));
+  ASSERT_TRUE(until([&] { return !tests::records.empty(); }));
+  EXPECT_TRUE(tests::records[0].text.ends_with(
+      "Unable to send \"Tell\" to \"test\": kova.Error.UnknownFunction: no such function"))
+      << tests::records[0].text;
 }
 
 TEST_F(SendRequestTest, LostBusFailsOpenTransactions) {
@@ -234,6 +307,7 @@ TEST_F(SendRequestTest, UnreadableBroadcastsAreIgnored) {
   sd_bus_emit_signal(stranger_.bus(), kObjectPath, kInterface, kBroadcast, "a{sv}", 0);
   ASSERT_TRUE(untilReceived(1));
   EXPECT_EQ(received_.requests.size(), 1U);
+  EXPECT_NE(received_.requests[0].find("id"), nullptr);
 }
 
 }  // namespace
