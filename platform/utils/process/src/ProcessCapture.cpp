@@ -29,7 +29,6 @@ class SigPipeBlock {
  public:
   SigPipeBlock() {
     sigaddset(&sigpipe_, SIGPIPE);
-    wasPending_ = isPending();
     pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
   }
   ~SigPipeBlock() {
@@ -49,7 +48,7 @@ class SigPipeBlock {
 
   sigset_t sigpipe_{};
   sigset_t previous_{};
-  bool wasPending_ = false;
+  const bool wasPending_ = isPending();
 };
 
 /// An output stream of the child, captured up to a limit.
