@@ -311,11 +311,11 @@ bool ObjectServer::emitChanged(const Publication& publication, const std::string
   if (!canSignal()) {
     return false;
   }
-  std::vector<char*> names;
-  for (const std::size_t place : properties) {
-    names.push_back(const_cast<char*>(publication.interface.properties.at(place).name));
-  }
-  names.push_back(nullptr);
+  const auto nameOf = [&](std::size_t place) {
+    return const_cast<char*>(publication.interface.properties.at(place).name);
+  };
+  std::vector<char*> names(properties.size() + 1);  // the last is null
+  std::transform(properties.begin(), properties.end(), names.begin(), nameOf);
   beginMessage();
   return signalled("a change", path,
                    sd_bus_emit_properties_changed_strv(bus_, path.c_str(),

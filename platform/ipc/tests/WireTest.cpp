@@ -325,6 +325,15 @@ TEST_F(WireTest, MalformedBodiesAreRefused) {
     message = bus_.receive("a{ss}", bytes);
     EXPECT_TRUE(message == nullptr || !decode(message.get(), body, reason_)) << bytes.size();
   }
+
+  // An array of three bytes, which hold no whole value or one and a half.
+  for (const std::string type : {"i", "n", "s", "ay", "(xx)"}) {
+    std::string bytes("\0\0\0\0\0\0\0\0\1\0\0\0k\0\0\0\3\0\0\0", 20);
+    bytes.append(type == "(xx)" ? 4 + 3 : 3, '\0');
+    bytes[0] = static_cast<char>(bytes.size() - 8);
+    message = bus_.receive("a{sa" + type + "}", bytes);
+    EXPECT_TRUE(message == nullptr || !decode(message.get(), body, reason_)) << type;
+  }
 }
 
 TEST_F(WireTest, ThirtyTwoLevelsAreReadAndMoreRefused) {
