@@ -63,7 +63,6 @@ class PumpGuard {
  private:
   struct Socket {
     int fd;
-    volatile std::sig_atomic_t isCut;
     Mark cut;
   };
 

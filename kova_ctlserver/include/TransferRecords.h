@@ -162,13 +162,11 @@ class TransferRecords {
 
   Running* running(std::uint64_t number);
   void tell(Running& running, TransferChange change);
-  void setNews(Running& running, bool hasNews);
   void keepEnded(TransferRecord record);
 
   TransferObserver* observer_ = nullptr;
   TransferCanceller* canceller_ = nullptr;
   std::uint64_t lastNumber_ = 0;
-  std::size_t withNews_ = 0;  // how many have news
   std::map<std::uint64_t, Running> running_;
   std::deque<TransferRecord> ended_;  // in the order of their ends
 };

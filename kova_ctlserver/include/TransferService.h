@@ -60,8 +60,8 @@ class TransferService : public MultiHTTP, private TransferCanceller {
   void advance(const std::string& uri, TransferRun& run);
   void finalise(const std::string& uri, TransferRun& run);
   bool expireDeadline(const std::string& uri, TransferRun& run);
-  bool registerIfReady(const std::string& uri, TransferRun& run);
-  bool holdToSize(const std::string& uri, TransferRun& run);
+  void registerIfReady(const std::string& uri, TransferRun& run);
+  void holdToSize(const std::string& uri, TransferRun& run);
 
   // Telling the records.
   TransferRun takeOver(BaseTransferTask& task);

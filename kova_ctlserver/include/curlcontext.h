@@ -39,7 +39,7 @@ class CurlContext {
               const variant::Variant& formFields, unsigned int timeoutMs,
               const std::string& certFile, const std::string& privKeyFile,
               const std::string& caCertFile);
-  virtual ~CurlContext();
+  virtual ~CurlContext() = default;
   CurlContext(const CurlContext&) = delete;
   CurlContext& operator=(const CurlContext&) = delete;
 
@@ -111,7 +111,8 @@ class CurlContext {
   bool download_;
   std::string uri_;
   variant::Variant formFields_;
-  EasyHandle curl_;
+  FormList formPost_;
+  EasyHandle curl_;  // refers to the form
   std::uint64_t bytesReceived_ = 0;
   std::uint64_t headerBytes_ = 0;
   std::string cause_;                             // of a failure that libcurl does not know
@@ -119,7 +120,6 @@ class CurlContext {
   bool isOverBudget_ = false;
   PumpGuard::Mark cut_;
   double contentLength_;
-  FormList formPost_;
   std::uint32_t timeoutMs_;
   std::string certFile_;
   std::string privKeyFile_;

@@ -67,7 +67,6 @@ bool BaseTransferTask::refuseRun(const std::string& reason) {
 }
 
 bool BaseTransferTask::start() {
-  clearConclusion();
   if (!onCheck()) {
     KOVA_LOG(LOG_ERR, 0, "Task-specific checks failed");
     return false;

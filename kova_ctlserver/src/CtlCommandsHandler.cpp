@@ -130,10 +130,8 @@ const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
      }},
     {"ExitService", AnswerPolicy::Never,
      [](Call& call) {
-       return call.untyped([&] {
-         call.handler.exitFlag_ = true;
-         return true;
-       });
+       call.handler.exitFlag_ = true;
+       return Outcome{};
      }},
     {"ResetToDefaults", AnswerPolicy::WhenExpected,
      [](Call& call) { return call.untyped([&] { return call.server.resetToDefaults(); }); }},

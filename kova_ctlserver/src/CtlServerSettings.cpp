@@ -1,12 +1,10 @@
-#include <regex.h>
-
 #include <csignal>
+#include <string_view>
 
 #include "ConfigKeys.h"
 #include "CtlServer.h"
 #include "kova/logger/Logger.h"
 #include "kova/syscfg/SystemCfgManager.h"
-#include "kova/utils/Handle.h"
 #include "kova/utils/Process.h"
 #include "kova/utils/TimeZone.h"
 
@@ -31,7 +29,9 @@ constexpr char kDiscoveryServer[] = "kova_discovery_server";
 constexpr char kBootEnvironmentTool[] = "/usr/bin/fw_setenv";
 constexpr char kBootSoundVariable[] = "kova_audioplay";
 
-constexpr char kOlsonZone[] = "^[a-zA-Z]+\\/[a-zA-Z_-]+$";  // kept: 81
+constexpr std::string_view kLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+constexpr std::string_view kLettersAndSigns =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-";
 
 /// State shared by the steps of one request.
 struct Update {
@@ -97,14 +97,15 @@ bool useTimeZone(const std::string& zone) {
   return utils::setTimeZone(zone) || fail("Failed to write timezone");
 }
 
+bool isMadeOf(std::string_view text, std::string_view characters) {
+  return !text.empty() && text.find_first_not_of(characters) == std::string_view::npos;
+}
+
 /// Whether `region` has the form of an Olson time zone, "Area/City".
-bool isOlsonZone(const std::string& region) {
-  regex_t pattern;
-  if (regcomp(&pattern, kOlsonZone, REG_EXTENDED | REG_NOSUB) != 0) {
-    return false;
-  }
-  const utils::Handle<regex_t, regfree> owner(&pattern);
-  return regexec(&pattern, region.c_str(), 0, nullptr, 0) == 0;
+bool isOlsonZone(std::string_view region) {  // kept: 81
+  const std::size_t slash = region.find('/');
+  return slash != std::string_view::npos && isMadeOf(region.substr(0, slash), kLetters) &&
+         isMadeOf(region.substr(slash + 1), kLettersAndSigns);
 }
 
 bool openStore(Update& update) {
@@ -237,7 +238,6 @@ bool CtlServer::resetSettings(Variant& reply) {
   defaults["name"] = cameraInfo_.name(KOVA_LOG_ORIGIN(__func__));
   defaults["persist"] = true;  // kept: 77
   ChangeDeviceSettings request(defaults);
-  request.NormalizeFields();
   return updateSettings(request, reply);
 }
 

@@ -60,9 +60,7 @@ std::optional<std::string> storedName() {
   }
   std::string name;
   bool absent = false;
-  const bool read = store.get(kNameKey, &name, &absent);
-  store.close(false, false);
-  return read ? std::optional(name) : std::nullopt;
+  return store.get(kNameKey, &name, &absent) ? std::optional(name) : std::nullopt;
 }
 
 }  // namespace

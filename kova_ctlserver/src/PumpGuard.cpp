@@ -71,17 +71,14 @@ bool PumpGuard::Init() {
   struct sigaction action {};
   action.sa_sigaction = onSignal;
   action.sa_flags = SA_SIGINFO | SA_RESTART;
-  if (sigaction(pumpSignal(), &action, nullptr) != 0) {
-    KOVA_LOG(LOG_ERR, errno, "Failed to guard the transfers");
-    return false;
-  }
   sigevent event{};
   event.sigev_notify = SIGEV_THREAD_ID;
   event.sigev_notify_thread_id = gettid();
   event.sigev_signo = pumpSignal();
   event.sigev_value.sival_ptr = this;
   timer_t timer{};
-  if (!timer_ && timer_create(CLOCK_THREAD_CPUTIME_ID, &event, &timer) != 0) {
+  if (sigaction(pumpSignal(), &action, nullptr) != 0 ||
+      (!timer_ && timer_create(CLOCK_THREAD_CPUTIME_ID, &event, &timer) != 0)) {
     KOVA_LOG(LOG_ERR, errno, "Failed to guard the transfers");
     return false;
   }
@@ -97,7 +94,7 @@ void PumpGuard::beginTurn(std::size_t transfers) {
 
 void PumpGuard::watch(int fd, Mark cut) {
   const SignalBlock block;
-  sockets_.push_back({fd, 0, std::move(cut)});
+  sockets_.push_back({fd, std::move(cut)});
 }
 
 void PumpGuard::forget(int fd) {
@@ -123,13 +120,10 @@ void PumpGuard::cut() {
   }
   const sockaddr nobody{AF_UNSPEC, {}};
   fired_ = 1;
-  for (Socket& socket : sockets_) {
-    if (socket.isCut == 0) {
-      socket.isCut = 1;
-      *socket.cut = 1;
-      if (connect(socket.fd, &nobody, sizeof nobody) != 0) {
-        shutdown(socket.fd, SHUT_RDWR);
-      }
+  for (const Socket& socket : sockets_) {
+    *socket.cut = 1;
+    if (connect(socket.fd, &nobody, sizeof nobody) != 0) {
+      shutdown(socket.fd, SHUT_RDWR);
     }
   }
   timer_settime(*timer_, 0, &kAgain, nullptr);

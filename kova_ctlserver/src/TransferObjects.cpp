@@ -1,7 +1,5 @@
 #include "TransferObjects.h"
 
-#include <iterator>
-
 namespace kova::ctlserver {
 namespace {
 
@@ -51,9 +49,9 @@ ipc::Interface describe() {
 /// The places of the properties that a change up to `most` may have touched.
 std::vector<std::size_t> touched(int most) {
   std::vector<std::size_t> places;
-  for (std::size_t place = 0; place < std::size(kRows); ++place) {
-    if (kRows[place].changes != Row::Never && kRows[place].changes <= most) {
-      places.push_back(place);
+  for (const Row& row : kRows) {
+    if (row.changes != Row::Never && row.changes <= most) {
+      places.push_back(static_cast<std::size_t>(&row - kRows));
     }
   }
   return places;

@@ -114,7 +114,7 @@ void TransferRecords::progress(std::uint64_t number, std::uint64_t transferred,
   if (Running* const found = running(number)) {
     found->record.transferred = transferred;
     found->record.size = size;
-    setNews(*found, true);
+    found->hasNews = true;
   }
 }
 
@@ -124,7 +124,6 @@ void TransferRecords::end(std::uint64_t number, const std::string& outcome,
   if (found == nullptr) {
     return;
   }
-  setNews(*found, false);
   TransferRecord& record = found->record;
   record.phase = TransferPhase::Ended;
   record.ended = wallClockUs();
@@ -151,12 +150,8 @@ void TransferRecords::keepEnded(TransferRecord record) {
 }
 
 void TransferRecords::flush() {
-  if (withNews_ == 0) {
-    return;
-  }
-  const std::uint64_t now = utils::nowMs();
   for (auto& [number, running] : running_) {
-    if (running.hasNews && now - running.toldMs >= kProgressMs) {
+    if (running.hasNews && utils::nowMs() - running.toldMs >= kProgressMs) {
       tell(running, TransferChange::Progress);
     }
   }
@@ -168,17 +163,10 @@ TransferRecords::Running* TransferRecords::running(std::uint64_t number) {
 }
 
 void TransferRecords::tell(Running& running, TransferChange change) {
-  setNews(running, false);
+  running.hasNews = false;
   running.toldMs = utils::nowMs();
   if (observer_ != nullptr) {
     observer_->transferChanged(running.record, change);
-  }
-}
-
-void TransferRecords::setNews(Running& running, bool hasNews) {
-  if (running.hasNews != hasNews) {
-    running.hasNews = hasNews;
-    withNews_ += hasNews ? 1 : std::size_t(-1);
   }
 }
 

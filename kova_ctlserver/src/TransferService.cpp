@@ -62,7 +62,7 @@ bool TransferService::existsName(const std::string& name) const {
 }
 
 bool TransferService::existsUri(const std::string& uri) const {
-  return tasks_.contains(uri) || pendingCancel_.contains(uri);
+  return tasks_.contains(uri);
 }
 
 bool TransferService::service(unsigned int timeoutMs) {
@@ -78,10 +78,11 @@ bool TransferService::service(unsigned int timeoutMs) {
 }
 
 void TransferService::advance(const std::string& uri, TransferRun& run) {
-  if (expireDeadline(uri, run) || !registerIfReady(uri, run)) {
+  if (expireDeadline(uri, run)) {
     return;
   }
-  if (run.task->finalizing()) {
+  registerIfReady(uri, run);
+  if (run.task->finalizing() && !pendingCancel_.contains(uri)) {
     finalise(uri, run);
   }
 }
@@ -110,11 +111,10 @@ bool TransferService::expireDeadline(const std::string& uri, TransferRun& run) {
   return true;
 }
 
-/// Returns false if the registration failed; the task has then failed, too.
-bool TransferService::registerIfReady(const std::string& uri, TransferRun& run) {
+void TransferService::registerIfReady(const std::string& uri, TransferRun& run) {
   BaseTransferTask& task = *run.task;
   if (task.inTransfer()) {
-    return true;
+    return;
   }
   bool ready = task.download();
   std::string path;
@@ -122,7 +122,7 @@ bool TransferService::registerIfReady(const std::string& uri, TransferRun& run) 
     task.onPrepare(ready, path);
   }
   if (!ready) {
-    return true;
+    return;
   }
   // Read again: onPrepare may have turned the task into a download.
   const bool download = task.download();  // kept: 50
@@ -131,46 +131,39 @@ bool TransferService::registerIfReady(const std::string& uri, TransferRun& run) 
     KOVA_LOG_IN("service", LOG_WARNING, 0, "Failed to register transfer, task=%s, uri=%s",
                 task.name().c_str(), uri.c_str());
     run.cause = run.registered ? "this ended its transfer" : cause();
-    cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
-    return false;
+    return cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
   }
   task.setInTransfer(true);
   run.registered = true;
   if (!download) {
     records_.setFile(run.record, path);
+    holdToSize(uri, run);
   }
-  const bool goesOn = download || holdToSize(uri, run);
   records_.enter(run.record, TransferPhase::Transferring);
-  return goesOn;
 }
 
 /// Fails an upload that exceeds its limit. The size is taken from the open file, since the name may
 /// have pointed elsewhere before; nothing has been sent yet.
-bool TransferService::holdToSize(const std::string& uri, TransferRun& run) {  // kept: 112
+void TransferService::holdToSize(const std::string& uri, TransferRun& run) {  // kept: 112
   unsigned long size = 0;
-  if (!GetUploadTotalSize(uri, size)) {
-    return true;
-  }
+  GetUploadTotalSize(uri, size);
   records_.progress(run.record, 0, size);
-  if (size <= run.task->maxSz()) {
-    return true;
+  if (size > run.task->maxSz()) {
+    run.cause = run.tooLarge("the file has", size);
+    cancel(uri, true, TRANSFER_TOOLARGE, 0);
   }
-  run.cause = run.tooLarge("the file has", size);
-  cancel(uri, true, TRANSFER_TOOLARGE, 0);
-  return false;
 }
 
 void TransferService::SignalTransferCompleted(const std::string& uri, TransferStatus status,
                                               int httpCode) {
   MultiHTTP::SignalTransferCompleted(uri, status, httpCode);
-  const auto entry = tasks_.find(uri);
-  if (status == TRANSFER_OK && httpCode >= kFirstHttpError && entry != tasks_.end() &&
-      !entry->second.task->download()) {
-    KOVA_LOG(LOG_WARNING, 0, "The server refused the upload, name=%s, uri=%s, httpCode=%d",
-             entry->second.task->name().c_str(), withoutUserInfo(uri).c_str(), httpCode);
-  }
-  if (entry != tasks_.end() && !pendingCancel_.contains(uri)) {
-    noteCompletion(entry->second, status, httpCode);
+  if (const auto entry = tasks_.find(uri); entry != tasks_.end()) {
+    TransferRun& run = entry->second;
+    if (status == TRANSFER_OK && httpCode >= kFirstHttpError && !run.task->download()) {
+      KOVA_LOG(LOG_WARNING, 0, "The server refused the upload, name=%s, uri=%s, httpCode=%d",
+               run.task->name().c_str(), withoutUserInfo(uri).c_str(), httpCode);
+    }
+    noteCompletion(run, status, httpCode);
   }
   if (status != TRANSFER_CANCELLED) {
     cancel(uri, true, status, httpCode);

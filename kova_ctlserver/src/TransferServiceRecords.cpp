@@ -75,7 +75,7 @@ void TransferService::noteCompletion(TransferRun& run, TransferStatus status, in
 void TransferService::noteReceived(TransferRun& run, std::uint64_t received, long total) {
   if (run.task->download()) {
     run.transferred = received;
-    records_.progress(run.record, received, total > 0 ? static_cast<std::uint64_t>(total) : 0);
+    records_.progress(run.record, received, static_cast<std::uint64_t>(std::max(total, 0L)));
   }
 }
 

@@ -45,7 +45,6 @@ std::string whatItSaid(std::string err, std::string out) {
 
 TransferTaskFirmware::TransferTaskFirmware() {
   setName("fw");
-  setKind(true);
   setPath(kImage);
   setMaxSz(kFirmwareMaxSz);
   setTimeout(kFirmwareTimeoutMs);  // kept: 55
@@ -93,7 +92,7 @@ bool TransferTaskFirmware::verify() {
 
 void TransferTaskFirmware::reportRejection(const std::string& checkerOutput) {
   Variant report;
-  if (checkerOutput.empty() || Variant::FromJSON(checkerOutput, report) < 0) {
+  if (Variant::FromJSON(checkerOutput, report) < 0) {
     KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Parse fwupdate output message failed (%s)",
                 checkerOutput.c_str());
     return notifyStatus(kCheckFailed);

@@ -46,7 +46,6 @@ std::string wrongDigest(const std::string& digest, const std::string& expected) 
 TransferTaskInstall::TransferTaskInstall(const Kind& kind, Persistence& persistence)
     : kind_(kind), persistence_(persistence) {
   setName(kind.name);
-  setKind(true);
   setPath(kind.download);
   setTimeout(kInstallTimeoutMs);
   setMaxSz(kind.maxSz);
@@ -59,8 +58,7 @@ BaseTransferTask& TransferTaskInstall::setHash(const std::string& hash) {
 
 bool TransferTaskInstall::isInstalled(const Kind& kind, const std::string& hash) {
   std::string installed;
-  return utils::fileExists(kind.installedChecksum, true) &&
-         utils::File::ReadStringAll(kind.installedChecksum, installed) && installed == hash;
+  return utils::File::ReadStringAll(kind.installedChecksum, installed) && installed == hash;
 }
 
 bool TransferTaskInstall::onCheck() {

@@ -25,7 +25,6 @@ constexpr std::uint32_t kSupportMaxSz = 10485760;
 TransferTaskSupport::TransferTaskSupport() {
   setName("support");
   setKind(false);
-  setPath("");
   setTimeout(kSupportTimeoutMs);
   setMaxSz(kSupportMaxSz);
 }

@@ -53,10 +53,8 @@ TransferStatus statusOf(const CurlContext& context, CURLcode result) {  // kept:
 BaseHTTP::BaseHTTP() = default;
 
 BaseHTTP::~BaseHTTP() {
-  guard_.beginTurn(contexts_.size());
   const PumpGuard::Pass pass(guard_, !contexts_.empty());
   multi_.reset();  // kept: 41
-  contexts_.clear();
 }
 
 bool BaseHTTP::Init() {
@@ -99,8 +97,7 @@ bool BaseHTTP::RegisterRequest(bool download, const std::string& uri,
 }
 
 bool BaseHTTP::Service(int timeoutMs) {
-  int ready = 0;
-  if (!succeeded(curl_multi_wait(multi_.get(), nullptr, 0, timeoutMs, &ready), __func__,
+  if (!succeeded(curl_multi_wait(multi_.get(), nullptr, 0, timeoutMs, nullptr), __func__,
                  "curl_multi_wait")) {
     return false;
   }

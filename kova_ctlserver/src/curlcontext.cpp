@@ -36,6 +36,8 @@ constexpr long kMostRedirects = 30;
 
 constexpr char kProtocols[] = "http,https";
 
+constexpr std::size_t kRefused = CURL_WRITEFUNC_ERROR;  // of a callback that takes bytes
+
 /// The schemes that a transfer of `uri` may be redirected to.
 const char* redirectProtocols(const std::string& uri) {
   return strncasecmp(uri.c_str(), "https:", 6) == 0 ? kTlsProtocols : kProtocols;
@@ -63,11 +65,6 @@ CurlContext::CurlContext(bool download, const std::string& uri, BaseHTTP* owner,
       certFile_(certFile),
       privKeyFile_(privKeyFile),
       caCertFile_(caCertFile) {}
-
-CurlContext::~CurlContext() {
-  curl_.reset();  // before the form, which it refers to
-  formPost_.reset();
-}
 
 bool CurlContext::Init() {
   curl_.reset(curl_easy_init());
@@ -235,10 +232,10 @@ std::string CurlContext::explain(CURLcode result) const {
 
 std::size_t CurlContext::DataReceived(char* ptr, std::size_t size, std::size_t nmemb,
                                       void* userdata) {
-  return callbackBarrier(kLogUnit, __func__, std::size_t{0}, [&] {
+  return callbackBarrier(kLogUnit, __func__, kRefused, [&] {
     const std::size_t len = size * nmemb;
     auto* context = static_cast<CurlContext*>(userdata);
-    return context->HandleReceived(reinterpret_cast<unsigned char*>(ptr), len) ? len : 0;
+    return context->HandleReceived(reinterpret_cast<unsigned char*>(ptr), len) ? len : kRefused;
   });
 }
 
@@ -267,9 +264,9 @@ bool CurlContext::HandleReceived(unsigned char* data, unsigned long len) {
 
 std::size_t CurlContext::headerReceived(char* /*ptr*/, std::size_t size, std::size_t nmemb,
                                         void* userdata) {  // kept: 15
-  return callbackBarrier(kLogUnit, "HeaderReceived", std::size_t{0}, [&] {
+  return callbackBarrier(kLogUnit, "HeaderReceived", kRefused, [&] {
     const std::size_t len = size * nmemb;
-    return static_cast<CurlContext*>(userdata)->handleHeader(len) ? len : 0;
+    return static_cast<CurlContext*>(userdata)->handleHeader(len) ? len : kRefused;
   });
 }
 

@@ -95,6 +95,7 @@ TEST_F(BaseHttpTest, CancelReportsBeforeItReturns) {
   EXPECT_THAT(http_.completions, ElementsAre(server.uri("/running") + " 3 206"));
   EXPECT_TRUE(http_.CancelTransfer(server.uri("/running")));
   EXPECT_EQ(http_.completions.size(), 1U);
+  EXPECT_THAT(curlFaults().released, ElementsAre("easy"));
 }
 
 TEST_F(BaseHttpTest, CancelledTransferIsForgottenBeforeReport) {
@@ -209,8 +210,12 @@ TEST_F(BaseHttpTest, UnreadableEndLeavesOthersForNextStep) {
 TEST_F(BaseHttpTest, TwoTransfersOfOneUriBothReport) {
   RawServer server(answering(okResponse("body")));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()) && http_.start(server.uri()));
-  ASSERT_TRUE(finish(2));
+  ASSERT_TRUE(eventually([&] {
+    EXPECT_TRUE(http_.Service(10));
+    return http_.completions.size() == 2;
+  }));
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 0 200", server.uri() + " 0 200"));
+  EXPECT_THAT(curlFaults().released, ElementsAre("easy", "easy"));
 }
 
 TEST_F(BaseHttpTest, DriverReleasesMultiHandleBeforeTransfers) {
@@ -219,7 +224,7 @@ TEST_F(BaseHttpTest, DriverReleasesMultiHandleBeforeTransfers) {
     ASSERT_TRUE(http.Init() && http.start("http://127.0.0.1:9/1") &&
                 http.start("http://127.0.0.1:9/2"));
   }
-  EXPECT_THAT(curlFaults().released, ElementsAre("multi", "easy", "easy"));
+  EXPECT_THAT(curlFaults().released, ElementsAre("multi", "easy", "easy", "timer"));
 }
 
 TEST_F(BaseHttpTest, StepWaitsOnceUpToItsLimit) {

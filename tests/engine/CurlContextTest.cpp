@@ -124,6 +124,8 @@ TEST_F(CurlContextTest, FailedTlsOptionsAreLeftToTransfer) {
   curlFaults().option = CURLOPT_SSLCERT;
   EXPECT_TRUE(context.Init());
   EXPECT_THAT(logLines(), IsEmpty());
+  EXPECT_THAT(curlFaults().options,
+              ::testing::IsSupersetOf({"SSLCERTTYPE=PEM", "SSLKEY=/key", "CAINFO=/ca"}));
 }
 
 TEST_F(CurlContextTest, UploadOfUnknownSizeIsRefused) {

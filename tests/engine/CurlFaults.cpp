@@ -50,8 +50,6 @@ bool optionFails(CURLoption option) {
 
 using kova::engine::curlFaults;
 
-using MessageCallback = void (*)(int, int, int, const void*, std::size_t, SSL*, void*);
-
 // The names are the linker's.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
@@ -160,11 +158,18 @@ int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_
   return __real_setsockopt(fd, level, option, value, size);
 }
 
-void __real_SSL_CTX_set_msg_callback(SSL_CTX*, MessageCallback);
-void __wrap_SSL_CTX_set_msg_callback(SSL_CTX* context, MessageCallback callback) {
+void __real_SSL_CTX_set_msg_callback(SSL_CTX*, kova::engine::MessageCallback);
+void __wrap_SSL_CTX_set_msg_callback(SSL_CTX* context, kova::engine::MessageCallback callback) {
+  curlFaults().messageCallback = callback;
   if (!curlFaults().messagesUnwatched) {
     __real_SSL_CTX_set_msg_callback(context, callback);
   }
+}
+
+int __real_timer_delete(timer_t);
+int __wrap_timer_delete(timer_t timer) {
+  curlFaults().released.emplace_back("timer");
+  return __real_timer_delete(timer);
 }
 
 void __real_curl_easy_cleanup(CURL*);

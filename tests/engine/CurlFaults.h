@@ -1,6 +1,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/types.h>
 
 #include <functional>
 #include <optional>
@@ -11,6 +12,8 @@
 /// are set, how long is waited and what is given back, forwards every call, and fails the chosen
 /// ones.
 namespace kova::engine {
+
+using MessageCallback = void (*)(int, int, int, const void*, std::size_t, SSL*, void*);
 
 struct CurlFaults {
   bool easyInit = false;
@@ -28,6 +31,7 @@ struct CurlFaults {
   std::optional<std::string> part;  ///< adding the form part of this name fails
 
   bool messagesUnwatched = false;  ///< OpenSSL forgets the callback that watches its messages
+  MessageCallback messageCallback = nullptr;
 
   /// "NAME=VALUE" of each option set, in order; VALUE is "..." for functions and objects.
   std::vector<std::string> options;
@@ -38,7 +42,7 @@ struct CurlFaults {
   std::vector<std::string> socketOptions;
   /// The time-out of each wait for sockets.
   std::vector<int> waits;
-  /// "multi", "easy" and "form" for each handle given back, in order.
+  /// "multi", "easy", "form" and "timer" for each that is given back, in order.
   std::vector<std::string> released;
 };
 

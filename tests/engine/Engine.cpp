@@ -54,7 +54,7 @@ void RecordingTask::onSuccess(bool& isDone) {
   if (duringSuccess) {
     duringSuccess();
   }
-  isDone = done;
+  isDone = isDone || done;
 }
 
 void RecordingTask::onFailure(ctlserver::TransferStatus status, int httpCode) {

@@ -4,10 +4,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 
 #include <filesystem>
 
 #include "Certificates.h"
+#include "CurlFaults.h"
 #include "Engine.h"
 #include "TlsFiles.h"
 #include "kova/utils/Handle.h"
@@ -72,6 +75,52 @@ TEST_F(TlsPinningTest, ErrorStaysWithoutPinnedCertificate) {
   present(server_);
   EXPECT_EQ(verifyCustomCert(0, store_.get()), 0);
   EXPECT_EQ(error(), X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT);
+}
+
+TEST_F(TlsPinningTest, UnreadablePinnedCertificateLeavesEarlierErrors) {
+  writeFile(ctlserver::kControllerCertFile, "no certificate");
+  present(server_);
+  ERR_clear_error();
+  ERR_raise(ERR_LIB_USER, 1);
+  EXPECT_EQ(verifyCustomCert(0, store_.get()), 0);
+  EXPECT_EQ(ERR_GET_LIB(ERR_get_error()), ERR_LIB_USER);
+  EXPECT_EQ(ERR_get_error(), 0U);
+}
+
+TEST_F(TlsPinningTest, ExceptionTrustsNobody) {
+  present(server_);
+  fakes::platform().logThrows = true;
+  EXPECT_EQ(verifyCustomCert(0, store_.get()), 0);
+  EXPECT_THAT(logLines(),
+              ElementsAre("3 curlcontext.verifyCustomCert: Callback failed: std::bad_alloc"));
+}
+
+TEST_F(TlsPinningTest, OnlyKeyUpdateOfPeerEndsRetrying) {
+  const utils::Handle<CURL, curl_easy_cleanup> curl(curl_easy_init());
+  const utils::Handle<SSL_CTX, SSL_CTX_free> context(SSL_CTX_new(TLS_client_method()));
+  ASSERT_EQ(ctlserver::installCertVerification(curl.get(), context.get(), nullptr), CURLE_OK);
+  EXPECT_EQ(SSL_CTX_get_verify_mode(context.get()), SSL_VERIFY_PEER);
+  const struct {
+    int isWritten;
+    int type;
+    unsigned char message;
+    std::size_t length;
+    bool retries;
+  } cases[] = {
+      {0, SSL3_RT_HANDSHAKE, SSL3_MT_KEY_UPDATE, 1, false},
+      {0, SSL3_RT_HANDSHAKE, SSL3_MT_KEY_UPDATE, 0, true},
+      {0, SSL3_RT_HANDSHAKE, SSL3_MT_FINISHED, 1, true},
+      {0, SSL3_RT_ALERT, SSL3_MT_KEY_UPDATE, 1, true},
+      {0, SSL3_RT_ALERT, SSL3_MT_FINISHED, 1, true},
+      {1, SSL3_RT_HANDSHAKE, SSL3_MT_KEY_UPDATE, 1, true},
+  };
+  for (const auto& [isWritten, type, message, length, retries] : cases) {
+    const utils::Handle<SSL, SSL_free> ssl(SSL_new(context.get()));
+    SSL_set_mode(ssl.get(), SSL_MODE_AUTO_RETRY);
+    curlFaults().messageCallback(isWritten, 0, type, &message, length, ssl.get(), nullptr);
+    EXPECT_EQ((SSL_get_mode(ssl.get()) & SSL_MODE_AUTO_RETRY) != 0, retries)
+        << isWritten << " " << type << " " << +message << " " << length;
+  }
 }
 
 }  // namespace

@@ -25,6 +25,14 @@ TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
   EXPECT_EQ(server.connections(), 0U);
 }
 
+TEST_F(TransferFailureTest, UploadOverLimitEndsOnce) {
+  RecordingTask task("http://127.0.0.1:1/x", write("upload", "12345"));
+  task.setKind(false).setMaxSz(4);
+  ASSERT_TRUE(service().add(&task));
+  service().service(0);
+  EXPECT_THAT(task.events, ElementsAre("check", "start", "prepare", "failure 6 0"));
+}
+
 TEST_F(TransferFailureTest, DeadlineItselfIsInTime) {
   RecordingTask task("http://127.0.0.1:1/x", "");
   task.setKind(false);

@@ -52,6 +52,11 @@ class TransferRecordTest : public TransferServiceTest {
   std::uint64_t number_ = 0;
 };
 
+TEST_F(TransferRecordTest, ArrivedFileIsSaid) {
+  RawServer server(answering(okResponse("content")));
+  EXPECT_EQ(fetch(server.uri()), "OK: The file has arrived.");
+}
+
 TEST_F(TransferRecordTest, RefusedConnectionIsNamed) {
   EXPECT_THAT(fetch(deadUri()), AllOf(StartsWith("TRANSFER_FAILED: Failed to connect to 127.0.0.1"),
                                       HasSubstr("Connection refused")));
@@ -105,6 +110,36 @@ TEST_F(TransferRecordTest, BodyThatEndsEarlyIsNamed) {
   EXPECT_EQ(record().httpStatus, 200);
 }
 
+TEST_F(TransferRecordTest, UploadWithoutAnswerIsNamed) {
+  RawServer server([](Connection& connection) { connection.readRequest(); });
+  RecordingTask task(server.uri(), write("upload", "content"));
+  task.setKind(false);
+  EXPECT_EQ(told(task), "TRANSFER_FAILED: Empty reply from server.");
+}
+
+TEST_F(TransferRecordTest, UploadWithoutFileIsNamed) {
+  RecordingTask task("http://127.0.0.1:1/x", "");
+  task.setKind(false);
+  EXPECT_EQ(told(task), "TRANSFER_FAILED: There is no file to transfer.");
+}
+
+TEST_F(TransferRecordTest, UnconnectedWithoutCauseIsNamed) {
+  RawServer server(answering(okResponse("body")));
+  curlFaults().result = CURLE_COULDNT_CONNECT;
+  EXPECT_EQ(fetch(server.uri()), "TRANSFER_FAILED: Couldn't connect to server.");
+}
+
+TEST_F(TransferRecordTest, CancelledTransferFailsItsTask) {
+  RawServer server(silent);
+  RecordingTask task(server.uri(), path("file"));
+  recordOf(task);
+  EXPECT_EQ(service().records().cancel(number_), ctlserver::TransferRecords::Cancel::Finalising)
+      << "there is nothing to cancel yet";
+  ASSERT_TRUE(service().add(&task));
+  EXPECT_EQ(service().records().cancel(number_), ctlserver::TransferRecords::Cancel::Done);
+  EXPECT_EQ(task.outcome(), "failure 3 0");
+}
+
 TEST_F(TransferRecordTest, FullDiskIsNamed) {
   signal(SIGXFSZ, SIG_IGN);
   rlimit before{};
@@ -133,6 +168,7 @@ TEST_F(TransferRecordTest, FileThatShrinksIsNamed) {
   ASSERT_TRUE(service().add(&task));
   service().service(0);
   EXPECT_EQ(record().size, 100'000U);
+  EXPECT_EQ(record().transferred, 0U);
   std::filesystem::resize_file(file, 10);
   ASSERT_TRUE(turnUntil([&] { return record().phase == TransferPhase::Ended; }));
   EXPECT_EQ(record().outcome, "TRANSFER_FAILED");

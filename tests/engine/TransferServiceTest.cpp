@@ -131,6 +131,8 @@ TEST_F(TransferServiceTest, UnknownUrisAreLogged) {
   EXPECT_FALSE(service().SignalBytesAvailable("u", &byte, 1, 0, 1));
   service().SignalTransferCompleted("u", ctlserver::TRANSFER_OK, 200);
   service().SignalTransferCompleted("u", ctlserver::TRANSFER_CANCELLED, 0);
+  EXPECT_EQ(service().recordOfUri("u"), 0U);
+  EXPECT_EQ(service().recordOfName("n"), 0U);
   EXPECT_THAT(logLines(),
               ElementsAre("3 TransferService.SignalBytesAvailable: Failed to resolve task by uri=u",
                           "4 multihttp.SignalTransferCompleted: Uri not tracked, uri=u",

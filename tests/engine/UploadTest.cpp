@@ -75,11 +75,13 @@ TEST_F(UploadTest, NonMapFieldsAreOmitted) {
   EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));
 }
 
-TEST_F(UploadTest, EmptyFileBecomesEmptyPart) {
+TEST_F(UploadTest, SmallestFilesBecomeParts) {
   RawServer server(answering(okResponse("")));
-  EXPECT_EQ(send(server.uri(), write("file", "")), "success");
-  const RawRequest request = server.requests().at(0);
-  EXPECT_EQ(request.body, form(request, {{"payload", ""}}));
+  for (const std::string content : {"", "x"}) {
+    EXPECT_EQ(send(server.uri(), write("file", content)), "success");
+    const RawRequest request = server.requests().back();
+    EXPECT_EQ(request.body, form(request, {{"payload", content}}));
+  }
 }
 
 TEST_F(UploadTest, FiftyMebibytesArriveComplete) {

@@ -184,6 +184,7 @@ bool Ipc::SendRequest(messages::BaseRequestMessage& request) {
   if (request.from().empty()) {
     request.from(connection_->endpoint);
   }
+  platform().bus.given = request;
   request.NormalizeFields();
   platform().note("Ipc::SendRequest " + request.functionName());
   if (!request.isBroadcast() && !isEndpoint(request.to())) {

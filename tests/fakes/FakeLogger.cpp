@@ -1,5 +1,6 @@
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 
 #include "Platform.h"
 #include "kova/logger/Logger.h"
@@ -11,10 +12,15 @@ void openSystemLog(const char* identity, int options, int facility) {
                          " " + std::to_string(facility));
 }
 
-void flushRepeats() {}
+void flushRepeats() {
+  ++fakes::platform().repeatsFlushed;
+}
 
 void logInternal(const char* identity, const char* unit, const char* function, int line, int level,
                  int error, const char* format, ...) {
+  if (std::exchange(fakes::platform().logThrows, false)) {
+    throw std::bad_alloc();
+  }
   va_list arguments;
   va_start(arguments, format);
   va_list again;

@@ -95,6 +95,7 @@ struct Bus {
   bool sendResult = true;
   bool absent = false;                 ///< GetInstance() gives null
   std::vector<variant::Variant> sent;  ///< requests and events
+  variant::Variant given;              ///< the last of them, before it was normalised
   std::vector<std::pair<variant::Variant, variant::Variant>> responses;  ///< with their requests
   std::deque<variant::Variant> pending;  ///< delivered by the next Service()
   std::vector<std::string> unhandled;    ///< function names of messages rejected or not handled
@@ -139,6 +140,8 @@ struct Platform {
   /// "sleep 10", ...
   std::vector<std::string> journal;
   std::vector<LogLine> log;
+  bool logThrows = false;  ///< the next line throws std::bad_alloc instead
+  unsigned repeatsFlushed = 0;
 
   std::uint64_t nowMs = 1'000'000;
   std::function<void(int)> onSleep;  ///< may throw to leave an endless wait

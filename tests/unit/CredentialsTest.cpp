@@ -116,6 +116,12 @@ TEST_F(CredentialsTest, InvalidNameIsRefusedBeforePasswordCheck) {
 
 // The check of the old password.
 
+TEST_F(CredentialsTest, PasswordWithoutAccountIsHashedNevertheless) {
+  platform().accounts.readResult = ENOENT;
+  EXPECT_FALSE(change({{"username", "admin"}, {"passwordOld", "secret"}}));
+  EXPECT_EQ(platform().accounts.salts, 1U) << "it takes as long as with one";
+}
+
 TEST_F(CredentialsTest, ReplyIsEmptiedOnceClaimIsComplete) {
   reply_["stale"] = true;
   EXPECT_FALSE(change({{"username", "admin"}, {"passwordOld", "wrong"}}));

@@ -23,8 +23,8 @@ bool isUtf8(std::string_view text) {
 }
 
 TEST(DisplayTextTest, ValidTextStays) {
-  for (const std::string text :
-       {"", "plain", "K\xC3\xA4se", "\xE2\x82\xAC 5", "\xF0\x9F\x93\xB7", "\xF3\xA0\x84\x80"}) {
+  for (const std::string text : {"", "plain", "K\xC3\xA4se", "\xE2\x82\xAC 5", "\xF0\x9F\x93\xB7",
+                                 "\xF3\xA0\x84\x80", "a\xC2\xA0z"}) {
     EXPECT_EQ(displayText(text, 100), text);
   }
 }
@@ -103,6 +103,13 @@ TEST(DisplayTextTest, CredentialsAreRemovedFromText) {
   EXPECT_EQ(withoutCredentials("moved to 'https://u:p@other/x' twice http://v@w", ""),
             "moved to 'https://other/x' twice http://w");
   EXPECT_EQ(withoutCredentials("a@b is an address", "u:p"), "a@b is an address");
+  for (const char last : "azAZ09"s) {
+    EXPECT_EQ(withoutCredentials(last + "://u:p@x"s, ""), last + "://x"s);
+  }
+  for (const char end : " '\"<>"s) {
+    const std::string text = "http://x"s + end + "a@b";
+    EXPECT_EQ(withoutCredentials(text, ""), text);
+  }
   EXPECT_EQ(withoutCredentials("path:/tmp/x", ""), "path:/tmp/x");
   EXPECT_EQ(withoutCredentials("", ""), "");
 }
@@ -110,6 +117,8 @@ TEST(DisplayTextTest, CredentialsAreRemovedFromText) {
 TEST(DisplayTextTest, ClauseBecomesSentence) {
   EXPECT_EQ(sentence("the file is missing"), "The file is missing.");
   EXPECT_EQ(sentence("Done."), "Done.");
+  EXPECT_EQ(sentence("zones differ"), "Zones differ.");
+  EXPECT_EQ(sentence("~/file is missing"), "~/file is missing.");
   EXPECT_EQ(sentence("\xC3\xA4rger"), "\xC3\xA4rger.");
   EXPECT_EQ(sentence(""), "");
 }

@@ -18,6 +18,7 @@ void expectEmpty(const fakes::ProcessResult& answer) {
   EXPECT_EQ(image.depth, 0);
   EXPECT_EQ(image.width, 0);
   EXPECT_EQ(image.height, 0);
+  EXPECT_EQ(platform().log.size(), 1U) << "a decoder without an answer is reported";
 }
 
 TEST(ImageProbeTest, ProbeGetsOnlyPathAndItsFiguresAreRead) {

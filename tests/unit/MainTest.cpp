@@ -102,6 +102,7 @@ TEST_F(MainTest, StartsRegistersAndStopsInOrder) {
                             "Ipc::Service 0", "BaseButton::service", "sleep 10",  //
                             "CloseStatsLib", "Ipc::FreeInstance"));
     EXPECT_THAT(platform().notified, ElementsAre("ready", "alive"));
+    EXPECT_EQ(platform().repeatsFlushed, 2U);
     EXPECT_TRUE(platform().logged(6, "SIGTERM received"));
     EXPECT_EQ(platform().log.back().unit, "main");
     EXPECT_EQ(platform().log.back().function, "main");
@@ -209,6 +210,26 @@ TEST_F(MainTest, SecondSigtermDoesNotInterruptPendingSave) {
         journalFrom("CloseStatsLib"),
         ElementsAre("CloseStatsLib", "run /bin/cfgmtd -w -p /etc/ -m", "Ipc::FreeInstance"));
     EXPECT_TRUE(platform().logged(6, "Persisted"));
+  });
+}
+
+TEST_F(MainTest, BusIsToldWhatItDidNotTakeBefore) {
+  platform().bus.pending = {Variant(Map{{"functionName", "PutRequest"}}),
+                            Variant(Map{{"functionName", "SaveToFlash"}})};
+  platform().bus.signalResult = false;
+  platform().bus.onService = [] {
+    return onceThen(2, [] {
+      platform().bus.signalResult = true;
+      raise(SIGTERM);
+    });
+  };
+  expectRun(0, [] {
+    using testing::Field;
+    using testing::Key;
+    EXPECT_THAT(platform().bus.signals,
+                testing::UnorderedElementsAre(
+                    Field(&fakes::Signal::what, "added"),
+                    Field(&fakes::Signal::values, ElementsAre(Key("SavePending")))));
   });
 }
 

@@ -179,6 +179,7 @@ TEST_F(StatsTest, FeatureIsReadAsSignedByte) {
 
 TEST_F(StatsTest, UnreportedDefaultInterfaceFallsBackToFirst) {
   platform().stats.defaultInterface = "usb0";
+  platform().stats.network.interfaces[2] = {"usb0", 9, 9, 9, 9};  // behind the last
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["network"], network("wlan0", 1));
 }
@@ -206,6 +207,12 @@ TEST_F(StatsTest, FirstOfEqualWifiNamesIsReported) {
   setWifi(1, "eth0", -90);
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["wifi"]["signalStrength"], Variant(-70));
+}
+
+TEST_F(StatsTest, NoProcessorsAreEmptyArray) {
+  platform().stats.cpu.count = 0;
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["cpu"], Variant(Map{{"cnt", std::uint8_t{0}}, {"arr", Variant::Array{}}}));
 }
 
 TEST_F(StatsTest, NetworkWithoutInterfacesHoldsOnlyTheirNumber) {

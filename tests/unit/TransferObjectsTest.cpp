@@ -65,6 +65,14 @@ TEST_F(TransferObjectsTest, FolderAndInterfaceArePublished) {
   EXPECT_STREQ(published.interface.name, "kova.Transfer1");
   ASSERT_THAT(published.interface.methods, SizeIs(1));
   EXPECT_STREQ(published.interface.methods.front(), "Cancel");
+  std::vector<std::string> constant;
+  for (const auto& property : published.interface.properties) {
+    if (!property.changes) {
+      constant.emplace_back(property.name);
+    }
+  }
+  EXPECT_THAT(constant,
+              ElementsAre("RequestId", "Requester", "Kind", "Direction", "Uri", "Started"));
 }
 
 TEST_F(TransferObjectsTest, ArrivalTellsEveryProperty) {

@@ -2,6 +2,8 @@
 
 #include "CtlCommandsHandler.h"
 #include "ReasonsFixture.h"
+#include "TransferObjects.h"
+#include "kova/ipc/Ipc.h"
 #include "kova/utils/Process.h"
 
 namespace kova::ctlserver {
@@ -230,6 +232,8 @@ TEST_F(TransferReasonsTest, UploadSaysWhetherServerTookFile) {
   EXPECT_EQ(record(1).httpStatus, 200);
   EXPECT_EQ(record(1).transferred, 7U);
   EXPECT_EQ(record(1).size, 7U);
+  write("/tmp/heatmap_1.png", std::string(65536, 'x'));
+  EXPECT_EQ(outcome("eventHeatmap", uri()), "OK: The server has the file.");
   peer_.emplace(engine::answering("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n"));
   EXPECT_EQ(outcome("snapshot", uri()),
             "TRANSFER_FAILED: The server answered with HTTP status 400: the server did not take "
@@ -238,13 +242,16 @@ TEST_F(TransferReasonsTest, UploadSaysWhetherServerTookFile) {
 }
 
 TEST_F(TransferReasonsTest, SupportArchiveIsNamedOnceItIsSent) {
-  ASSERT_TRUE(ask("supportInfo", uri()));
+  programsAnswer("/bin/support", {utils::kNotStarted, "", ""});
+  EXPECT_FALSE(ask("supportInfo", uri()));
+  platform().onRun = {};
+  ASSERT_TRUE(ask("supportInfo", uri())) << "which forgets the refusal";
   server_->service(0);
-  EXPECT_EQ(record(1).phase, TransferPhase::Preparing);
+  EXPECT_EQ(last().phase, TransferPhase::Preparing);
   write("/tmp/supportinfo.tar", "archive");
-  EXPECT_TRUE(serviceUntilEnd());
-  EXPECT_EQ(record(1).file, "/tmp/supportinfo.tar");
-  EXPECT_EQ(told(1), "OK: The server has the file.");
+  EXPECT_TRUE(serviceUntilEnd(2));
+  EXPECT_EQ(last().file, "/tmp/supportinfo.tar");
+  EXPECT_EQ(told(2), "OK: The server has the file.");
 }
 
 TEST_F(TransferReasonsTest, WhatCannotBeginSaysWhy) {
@@ -315,6 +322,26 @@ TEST_F(TransferReasonsTest, PhasesFollowTransfer) {
   peerAnswers("image");
   outcome("fw", uri());
   EXPECT_EQ(whileChecking, TransferPhase::Finalising);
+}
+
+TEST_F(TransferReasonsTest, ProgressIsToldWhileTransferRuns) {
+  ipc::Ipc ipc;
+  TransferObjects objects(records(), ipc.objects());
+  peerScript([](engine::Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\n\r\n12345");
+    connection.awaitClose();
+  });
+  ASSERT_TRUE(ask("logo", uri()));
+  ASSERT_TRUE(serviceUntil([&] { return record(1).transferred == 5; }));
+  EXPECT_EQ(record(1).size, 0U) << "not known";
+  platform().nowMs += TransferRecords::kProgressMs;
+  platform().bus.signals.clear();
+  server_->service(0);
+  objects.service();
+  ASSERT_EQ(platform().bus.signals.size(), 1U);
+  EXPECT_EQ(platform().bus.signals[0].values.at("Transferred"),
+            ipc::PropertyValue(std::uint64_t{5}));
 }
 
 TEST_F(TransferReasonsTest, RequestThatThrowsLeavesEndedRecord) {

@@ -97,6 +97,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, FileRemovedBySaveIsDiskFailure) {
   platform().onRun = [&](const std::string& command) {
     if (command == kSaveCommand) {
       unlink(this->installed_.c_str());
+      std::filesystem::create_symlink("/nowhere", this->installed_);
     }
     return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
   };

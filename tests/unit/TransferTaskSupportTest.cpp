@@ -84,7 +84,9 @@ TEST_F(TransferTaskSupportTest, GeneratorEndsWithItsRequest) {
 
 TEST_F(TransferTaskSupportTest, UploadIsReadyOnceArchiveExists) {
   EXPECT_FALSE(ready());
-  EXPECT_FALSE(ready());
+  std::filesystem::create_symlink("/etc/passwd", kArchive);
+  EXPECT_FALSE(ready()) << "of a link that somebody has planted";
+  std::filesystem::remove(kArchive);
   write(kArchive, "tar");
   EXPECT_TRUE(ready());
   EXPECT_THAT(platform().commands, IsEmpty()) << "asking starts nothing";
