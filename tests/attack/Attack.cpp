@@ -44,7 +44,7 @@ Attack::Attack(const CampaignKind& kind, Order order)
 }
 
 milliseconds Attack::left() const {
-  return order_.interrupted()
+  return order_.interrupted() || journal_.actions() >= order_.mostActions
              ? milliseconds(0)
              : std::chrono::duration_cast<milliseconds>(begin_ + order_.limit - Clock::now());
 }

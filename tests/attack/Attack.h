@@ -41,6 +41,8 @@ const std::vector<CampaignKind>& campaigns();
 struct Order {
   std::uint64_t seed = 0;
   std::chrono::seconds limit{10};
+  /// Ends the campaign before its time, after the round that reaches it.
+  std::size_t mostActions = SIZE_MAX;
   /// Whether to stop early.
   std::function<bool()> interrupted = [] { return false; };
   /// Called when the camera serves and the campaign begins.
