@@ -18,6 +18,7 @@ trap end EXIT
 
 # A background process of a shell ignores Ctrl-C, unless it is told otherwise.
 start_server() {
+  : >"$work/told" # of the one before
   env --default-signal=INT "$here/../server" "$dir" >"$work/told" 2>&1 &
   server=$!
   expect "the server starts" eventually grep -q ' reboot$' "$work/told"
