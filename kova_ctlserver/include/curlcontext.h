@@ -112,7 +112,6 @@ class CurlContext {
   std::string uri_;
   variant::Variant formFields_;
   FormList formPost_;
-  EasyHandle curl_;  // refers to the form
   std::uint64_t bytesReceived_ = 0;
   std::uint64_t headerBytes_ = 0;
   std::string cause_;                             // of a failure that libcurl does not know
@@ -124,6 +123,7 @@ class CurlContext {
   std::string certFile_;
   std::string privKeyFile_;
   std::string caCertFile_;
+  EasyHandle curl_;  // the first to go: it refers to the form and the error text
 };
 
 }  // namespace kova::ctlserver

@@ -5,15 +5,17 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <span>
 #include <string_view>
 
+#include "kova/utils/Clock.h"
 #include "kova/utils/UniqueFd.h"
 
 namespace kova::utils {
@@ -30,30 +32,32 @@ struct DirectoryEntry {
 constexpr std::size_t kLengthAt = offsetof(DirectoryEntry, length);
 constexpr std::size_t kNameAt = offsetof(DirectoryEntry, name);
 
-/// The number at the beginning of the text; 0 if there is none.
+/// The text as a number; 0 if it is not a number.
 pid_t toNumber(std::string_view text) {
   pid_t number = 0;
-  std::from_chars(text.data(), text.data() + text.size(), number);
-  return number;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() ? number : 0;
 }
 
-/// The parent process id in a line "PID (NAME) STATE PARENT ..." of /proc, see proc(5); 0 without
-/// such a line.
+/// The parent process id in a line "PID (NAME) STATE PARENT ..." of /proc, see proc(5).
 pid_t parentOf(int folder) {
   std::array<char, 512> text;
   const UniqueFd fd(openat(folder, "stat", O_RDONLY | O_CLOEXEC));
-  const ssize_t got = read(fd.get(), text.data(), text.size());
+  const ssize_t got = fd ? read(fd.get(), text.data(), text.size()) : 0;
   if (got <= 0) return 0;
   const std::string_view line(text.data(), static_cast<std::size_t>(got));
-  constexpr std::string_view kBeforeParent = ") S ";
-  return toNumber(line.substr(line.rfind(')') + kBeforeParent.size()));
+  const std::size_t name = line.rfind(") ");
+  if (name == std::string_view::npos || line.size() < name + 5) return 0;
+  const std::string_view rest = line.substr(name + 4);
+  return toNumber(rest.substr(0, rest.find(' ')));
 }
 
 /// No child is reaped meanwhile, so that none of the ids can be reused by another process or group.
 void killIfChild(int processes, const char* name) {
-  const UniqueFd folder(openat(processes, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (parentOf(folder.get()) != getpid()) return;
   const pid_t pid = toNumber(name);
+  if (pid <= 0) return;
+  const UniqueFd folder(openat(processes, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder || parentOf(folder.get()) != getpid()) return;
   kill(-pid, SIGKILL);
   kill(pid, SIGKILL);
 }
@@ -62,13 +66,13 @@ void killOnce() {
   alignas(DirectoryEntry) std::array<char, 8192> entries;
   const UniqueFd processes(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   long got = 0;
-  while ((got = syscall(SYS_getdents64, processes.get(), entries.data(), entries.size())) > 0) {
-    std::span<const char> rest(entries.data(), static_cast<std::size_t>(got));
-    while (!rest.empty()) {
+  while (processes &&
+         (got = syscall(SYS_getdents64, processes.get(), entries.data(), entries.size())) > 0) {
+    for (std::size_t at = 0; at < static_cast<std::size_t>(got);) {
       std::uint16_t length = 0;
-      std::memcpy(&length, &rest[kLengthAt], sizeof length);
-      killIfChild(processes.get(), &rest[kNameAt]);
-      rest = rest.subspan(length);
+      std::memcpy(&length, &entries[at + kLengthAt], sizeof length);
+      killIfChild(processes.get(), &entries[at + kNameAt]);
+      at += length;
     }
   }
 }
@@ -77,17 +81,18 @@ void killOnce() {
 
 bool reapChildren() {
   pid_t ended = 0;
-  while ((ended = waitpid(-1, nullptr, WNOHANG)) > 0) {
-  }
+  do {
+    ended = waitpid(-1, nullptr, WNOHANG);
+  } while (ended > 0 || (ended < 0 && errno == EINTR));
   return ended == 0;
 }
 
-// What a child leaves behind when it ends becomes a child of this process before the wait for it
-// returns.
 void killChildren() {
-  do {
+  constexpr int kLongestStepMs = 100;
+  for (int step = 1; reapChildren(); step = std::min(step * 2, kLongestStepMs)) {
     killOnce();
-  } while (waitpid(-1, nullptr, 0) > 0);
+    sleepMs(step);
+  }
 }
 
 }  // namespace kova::utils

@@ -1,5 +1,6 @@
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <map>
@@ -48,6 +49,7 @@ void forgetEnded() {
 bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, int* pid,
                const std::string& program, int argc, ...) {
   std::vector<std::string> arguments;
+  arguments.reserve(static_cast<std::size_t>(std::max(argc, 0)));
   va_list words;
   va_start(words, argc);
   for (int i = 0; i < argc; ++i) arguments.emplace_back(va_arg(words, const char*));

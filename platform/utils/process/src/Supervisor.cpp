@@ -31,16 +31,15 @@ constexpr char kTimeIsOver = 'T';
 constexpr int kSocket = 0;
 constexpr int kLongestEndMs = 2'000;
 
-void sendReport(int socket, const StartReport& report) {
-  send(socket, &report, sizeof report, MSG_NOSIGNAL);
+bool sendReport(int socket, const StartReport& report) {
+  return send(socket, &report, sizeof report, MSG_NOSIGNAL) == sizeof report;
 }
 
 // Nothing below allocates memory, since other threads of the owner may have held the heap's locks
 // at the fork(2).
 
 /// Signals are blocked and read: a signal that kills the owner must not kill the supervisor first.
-/// @return the descriptor that they are read from. Without it, for lack of memory, the end of a
-/// child is noticed later.
+/// @return the descriptor that they are read from; -1 with errno for lack of memory
 int becomeSupervisor(int socket) {
   signal(SIGCHLD, SIG_DFL);
   sigset_t all{};
@@ -72,8 +71,11 @@ bool waitWithin(std::uint64_t deadline, int signals) {
   const int signals = becomeSupervisor(socket);
   const std::uint64_t deadline = nowMs() + limitMs;
   StartReport report;
-  report.error = spawn.start(&report.pid);
-  sendReport(kSocket, report);
+  report.error = signals < 0 ? errno : spawn.start(&report.pid);
+  if (!sendReport(kSocket, report)) {
+    killChildren();
+    _exit(1);
+  }
   while (reapChildren()) {
     if (waitWithin(deadline, signals)) continue;
     const bool timeIsOver = nowMs() >= deadline;

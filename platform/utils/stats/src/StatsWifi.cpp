@@ -93,7 +93,8 @@ bool decodeSignal(nlmsghdr* message, std::int32_t& dBm) {
   const auto* attributes = static_cast<const nlattr*>(nla_data(station));
   const nlattr* signal = nla_find(attributes, nla_len(station), NL80211_STA_INFO_SIGNAL);
   if (signal == nullptr) return false;
-  dBm = static_cast<std::int8_t>(nla_get_u8(signal));
+  const std::int32_t octet = nla_get_u8(signal);  // two's complement
+  dBm = octet < 128 ? octet : octet - 256;
   return true;
 }
 

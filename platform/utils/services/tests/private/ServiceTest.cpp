@@ -20,8 +20,9 @@
 namespace kova::utils {
 namespace {
 
-/// What a test does at every wait, which then only turns the clock.
+/// What a test does at every wait, which then only turns the clock. It stands still otherwise.
 std::function<void()> atWait;
+std::uint64_t stoppedMs = 0;
 std::uint64_t turnedMs = 0;
 
 }  // namespace
@@ -29,8 +30,9 @@ std::uint64_t turnedMs = 0;
 // The functions of Clock.h for this program.
 
 std::uint64_t nowMs() {
+  if (atWait) return stoppedMs + turnedMs;
   const auto time = std::chrono::steady_clock::now().time_since_epoch();
-  return turnedMs + static_cast<std::uint64_t>(time / std::chrono::milliseconds(1));
+  return static_cast<std::uint64_t>(time / std::chrono::milliseconds(1));
 }
 
 void sleepMs(int milliseconds) {
@@ -273,6 +275,7 @@ class SvTest : public ServiceTest {
     writeText("/etc/sv/sv", "#!/bin/sh\n");
     fs::permissions("/etc/sv/sv", fs::perms::owner_all);
     ASSERT_EQ(0, mount("/etc/sv/sv", "/usr/bin/sv", nullptr, MS_BIND, nullptr));
+    stoppedMs = nowMs();
     atWait = [] {};
     tests::records.clear();
   }
