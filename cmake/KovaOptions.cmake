@@ -10,7 +10,6 @@ set_property(GLOBAL PROPERTY USE_FOLDERS ON)
 option(KOVA_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
 option(KOVA_FUZZ "Build the fuzz targets (clang only)" OFF)
 option(KOVA_HARDEN "Build with the hardening flags of a release" OFF)
-# What is shipped is compiled file by file, as in the preset "release", whose objects the packages find in ccache.
 option(KOVA_BATCHES "Compile the files of a library in batches, which takes half the time" OFF)
 option(KOVA_TEST_BATCHES "Compile the files of a test program in batches" OFF)
 option(KOVA_DEBUG_INFO "Compile what is shipped with debugging information, for packages of it" OFF)

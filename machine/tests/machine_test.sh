@@ -231,7 +231,8 @@ shows_what_a_press_does() {
   expect "on a terminal" shows 0.5
   expect "a press shows what the camera logs" grep -qF "$UP" "$work/shown"
   expect_not "which resets nothing" grep -qF "resets itself" "$work/shown"
-  expect "on a terminal" shows 5.5
+  # A loaded computer delivers the press late, and it counts from then: one of five seconds and a half can be too short.
+  expect "on a terminal" shows 8
   expect "a long press shows the reset" grep -qF "$HELD" "$work/shown"
   expect "until the camera is up again" grep -qF "boot=$((boot + 1))" "$work/shown"
 }
