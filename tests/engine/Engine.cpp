@@ -112,9 +112,8 @@ unsigned long MemoryHttp::FillUploadBuffer(const std::string&, unsigned char* bu
   return count;
 }
 
-bool MemoryHttp::start(const std::string& uri, bool download, const variant::Variant& fields,
-                       unsigned timeoutMs) {
-  return RegisterRequest(download, uri, fields, timeoutMs, "", "", "");
+bool MemoryHttp::start(const std::string& uri, bool download, const variant::Variant& fields) {
+  return RegisterRequest(download, uri, fields, 0, "", "", "");
 }
 
 DescriptorCheck::DescriptorCheck() : before_(openDescriptors()) {}
@@ -164,6 +163,15 @@ std::vector<std::string> logLines() {
                     line.text);
   }
   return lines;
+}
+
+std::string curlErrorLine(int curlCode) {
+  return "4 basehttp.Service: Unexpected curl error: CURLcode = " + std::to_string(curlCode);
+}
+
+std::string failureLine(const std::string& uri, const std::string& reason, int httpCode) {
+  return "4 TransferService.cancel: Transfer task failed, name=task, uri=" + uri +
+         ", reason=" + reason + ", httpCode=" + std::to_string(httpCode);
 }
 
 bool eventually(const std::function<bool()>& condition) {

@@ -51,8 +51,7 @@ class MemoryHttp : public ctlserver::BaseHTTP {
   unsigned long FillUploadBuffer(const std::string& uri, unsigned char* buffer,
                                  unsigned long size) override;
 
-  bool start(const std::string& uri, bool download = true, const variant::Variant& fields = {},
-             unsigned timeoutMs = 0);
+  bool start(const std::string& uri, bool download = true, const variant::Variant& fields = {});
 
   std::map<std::string, std::string> bodies;           ///< by URI
   std::vector<std::string> completions;                ///< "URI STATUS HTTPCODE"
@@ -93,6 +92,8 @@ class EngineTest : public ::testing::Test {
   /// Adds the task and turns the service until it has let go of it.
   /// @return how it ended, see RecordingTask::outcome
   std::string run(RecordingTask& task);
+  /// Adds the task and turns the service once.
+  bool begin(RecordingTask& task) { return service().add(&task) && service().service(0); }
 
   /// A path in a folder of this test's own.
   std::string path(const std::string& name) const { return folder_ + "/" + name; }
@@ -111,6 +112,10 @@ bool serviceUntil(ctlserver::BaseHTTP& http, const std::function<bool()>& condit
 
 /// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
 std::vector<std::string> logLines();
+/// The line about an end for which only libcurl has words.
+std::string curlErrorLine(int curlCode);
+/// The line about a task that failed.
+std::string failureLine(const std::string& uri, const std::string& reason, int httpCode);
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);

@@ -236,4 +236,19 @@ RawServer::Script answering(std::string response) {
   };
 }
 
+RawServer::Script once(std::string bytes) {
+  return [bytes = std::move(bytes)](Connection& connection) {
+    connection.readRequest();
+    connection.send(bytes);
+  };
+}
+
+RawServer::Script stalling(std::string begun) {
+  return [begun = std::move(begun)](Connection& connection) {
+    connection.readRequest();
+    connection.send(begun);
+    connection.awaitClose();
+  };
+}
+
 }  // namespace kova::engine

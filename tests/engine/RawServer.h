@@ -105,4 +105,10 @@ std::string okResponse(std::string_view body);
 /// A script that answers every request of a connection with `response`.
 RawServer::Script answering(std::string response);
 
+/// A script that takes a request, answers with `bytes` and closes the connection.
+RawServer::Script once(std::string bytes);
+
+/// A script that takes a request, answers with `begun` and then waits for the peer to close.
+RawServer::Script stalling(std::string begun = "");
+
 }  // namespace kova::engine

@@ -103,8 +103,7 @@ TEST_F(TransferServiceTest, UploadIsPreparedUntilReady) {
   RecordingTask task(server.uri(), "");
   task.setKind(false);
   task.prepared = false;
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   service().service(0);
   EXPECT_EQ(task.count("prepare"), 2U);
   EXPECT_FALSE(task.inTransfer());
@@ -141,7 +140,7 @@ TEST_F(TransferServiceTest, UnknownUrisAreLogged) {
 }
 
 TEST_F(TransferServiceTest, DestroyedServiceLeavesItsTasks) {
-  RawServer server(silent);
+  RawServer server(stalling());
   RecordingTask task(server.uri(), path("file"));
   ASSERT_TRUE(service().add(&task));
   ASSERT_TRUE(turnUntil([&] { return server.requests().size() == 1; }));
