@@ -115,11 +115,7 @@ class ObjectsTest : public BusTest {
   }
 
   MessagePtr newCall(const char* path, const char* interface, const char* member) {
-    sd_bus_message* call = nullptr;
-    EXPECT_GE(sd_bus_message_new_method_call(stranger_.bus(), &call, "kova.test", path, interface,
-                                             member),
-              0);
-    return MessagePtr(call);
+    return stranger_.newCall("test", path, interface, member);
   }
   std::shared_ptr<Received> start(sd_bus_message* call) {
     auto received = std::make_shared<Received>();
@@ -144,6 +140,14 @@ class ObjectsTest : public BusTest {
   }
   std::string error(const char* path, const char* interface, const char* member) {
     return ask(path, interface, member)->error;
+  }
+  // Reads a property that is expected to have these types.
+  template <typename... Values>
+  void read(const char* path, const char* interface, const char* property, const char* types,
+            Values*... values) {
+    const auto answer = get(path, interface, property);
+    ASSERT_GE(sd_bus_message_read(answer->message.get(), "v", types, values...), 0)
+        << property << ": " << answer->error;
   }
   std::string name(const char* path) {
     const auto answer = get(path, "kova.Thing1", "Name");
