@@ -40,6 +40,14 @@ class RecordingTask : public ctlserver::BaseTransferTask {
   std::string outcome() const;
 };
 
+/// The same for an upload.
+class UploadTask : public RecordingTask {
+ public:
+  UploadTask(const std::string& uri, const std::string& path) : RecordingTask(uri, path) {
+    setKind(false);
+  }
+};
+
 /// A HTTP driver that keeps what it downloads in memory and uploads `upload`.
 class MemoryHttp : public ctlserver::BaseHTTP {
  public:

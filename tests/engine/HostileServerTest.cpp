@@ -176,8 +176,7 @@ TEST_F(HostileServerTest, ReceiveBufferIsForcedOrLeftAlone) {
 }
 
 TEST_F(HostileServerTest, ShutdownClosesDownloadsBeforeUploads) {
-  RecordingTask up("http://127.0.0.1:1/a", write("a", "content"));
-  up.setKind(false);
+  UploadTask up("http://127.0.0.1:1/a", write("a", "content"));
   RecordingTask down("http://127.0.0.1:1/b", path("b"));
   ASSERT_TRUE(service().add(&up) && begin(down));
   const int watch = inotify_init1(IN_NONBLOCK);

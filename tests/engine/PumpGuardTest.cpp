@@ -85,6 +85,12 @@ class PumpGuardTest : public EngineTest {
     }));
     return longest;
   }
+  /// Expects that a pass that does not end is cut, which the mark tells.
+  void expectCut(const PumpGuard::Mark& mark) {
+    guard_.beginTurn(0);
+    const PumpGuard::Pass pass(guard_, true);
+    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
+  }
   bool startTls(const std::string& uri) {
     writeFile(ctlserver::kControllerCertFile, server_.certificatePem());
     return http_.RegisterRequest(true, uri, {}, 0, "", "", ctlserver::kControllerCertFile);
@@ -185,11 +191,7 @@ TEST_F(PumpGuardTest, SocketOfOtherKindIsShutDown) {
   const utils::UniqueFd far(ends[1]);
   const PumpGuard::Mark mark = newMark();
   guard_.watch(near.get(), mark);
-  guard_.beginTurn(0);
-  {
-    const PumpGuard::Pass pass(guard_, true);
-    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
-  }
+  expectCut(mark);
   char buffer[1];
   EXPECT_EQ(recv(far.get(), buffer, sizeof buffer, MSG_DONTWAIT), 0);
   guard_.forget(near.get());
@@ -306,11 +308,7 @@ TEST_F(PumpGuardTest, SignalBlockedAtStartArrives) {
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
   guard_.watch(pair.near, mark);
-  guard_.beginTurn(0);
-  {
-    const PumpGuard::Pass pass(guard_, true);
-    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
-  }
+  expectCut(mark);
   guard_.forget(pair.near);
 }
 

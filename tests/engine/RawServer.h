@@ -52,7 +52,10 @@ class Connection {
   bool receive();
   bool receiveBody();
   bool readChunked();
-  bool readLine(std::string& line);
+  /// Moves so many bytes to the end of `to`.
+  bool readBytes(std::size_t count, std::string& to);
+  /// Moves all up to the end of `mark` into `to`.
+  bool readUntil(std::string_view mark, std::string& to);
 
   RawServer& server_;
   int fd_;

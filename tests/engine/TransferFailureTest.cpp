@@ -20,8 +20,7 @@ class TransferFailureTest : public TransferServiceTest {
 
 TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
   RawServer server(answering(okResponse("")));
-  RecordingTask task(server.uri(), "");
-  task.setKind(false);
+  UploadTask task(server.uri(), "");
   task.prepared = false;
   ASSERT_TRUE(begin(task));
   passDeadline(task);
@@ -34,15 +33,14 @@ TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
 }
 
 TEST_F(TransferFailureTest, UploadOverLimitEndsOnce) {
-  RecordingTask task("http://127.0.0.1:1/x", write("upload", "12345"));
-  task.setKind(false).setMaxSz(4);
+  UploadTask task("http://127.0.0.1:1/x", write("upload", "12345"));
+  task.setMaxSz(4);
   ASSERT_TRUE(begin(task));
   EXPECT_THAT(task.events, ElementsAre("check", "start", "prepare", "failure 6 0"));
 }
 
 TEST_F(TransferFailureTest, DeadlineItselfIsInTime) {
-  RecordingTask task("http://127.0.0.1:1/x", "");
-  task.setKind(false);
+  UploadTask task("http://127.0.0.1:1/x", "");
   task.prepared = false;
   ASSERT_TRUE(service().add(&task));
   fakes::platform().nowMs += task.timeout();

@@ -100,8 +100,7 @@ TEST_F(TransferServiceTest, SuccessFreesNameBeforeUri) {
 
 TEST_F(TransferServiceTest, UploadIsPreparedUntilReady) {
   RawServer server(answering(okResponse("")));
-  RecordingTask task(server.uri(), "");
-  task.setKind(false);
+  UploadTask task(server.uri(), "");
   task.prepared = false;
   ASSERT_TRUE(begin(task));
   service().service(0);
@@ -117,8 +116,7 @@ TEST_F(TransferServiceTest, UploadIsPreparedUntilReady) {
 
 TEST_F(TransferServiceTest, UploadCanTurnIntoDownload) {
   RawServer server(answering(okResponse("body")));
-  RecordingTask task(server.uri(), path("file"));
-  task.setKind(false);
+  UploadTask task(server.uri(), path("file"));
   task.duringPrepare = [&] { task.setKind(true); };
   EXPECT_EQ(run(task), "success");
   EXPECT_THAT(server.requests().at(0).head, ::testing::StartsWith("GET "));

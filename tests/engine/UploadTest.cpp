@@ -17,8 +17,8 @@ class UploadTest : public EngineTest {
   /// Uploads the file at `file` to `uri`.
   std::string send(const std::string& uri, const std::string& file,
                    const variant::Variant& fields = {}) {
-    RecordingTask task(uri, file);
-    task.setKind(false).setFormFields(fields);
+    UploadTask task(uri, file);
+    task.setFormFields(fields);
     return run(task);
   }
 
@@ -121,8 +121,7 @@ TEST_F(UploadTest, RefusedExpectationEndsUploadWithResponse) {
 TEST_F(UploadTest, GrowingFileIsSentAtInitialSize) {
   RawServer server(answering(okResponse("")));
   const std::string file = write("file", "content");
-  RecordingTask task(server.uri(), file);
-  task.setKind(false);
+  UploadTask task(server.uri(), file);
   ASSERT_TRUE(begin(task));
   write("file", "content and more");
   ASSERT_TRUE(turnUntil([&] { return !task.outcome().empty(); }));
@@ -153,8 +152,8 @@ RawServer::Script sendingOn(int status) {
 TEST_F(UploadTest, SentBodyIsNotResentAfterRedirection) {
   for (const int status : {307, 308}) {
     RawServer server(sendingOn(status));
-    RecordingTask task(server.uri(), write("file", "content"));
-    task.setKind(false).setTimeout(1000);
+    UploadTask task(server.uri(), write("file", "content"));
+    task.setTimeout(1000);
     EXPECT_EQ(run(task), "failure 5 " + std::to_string(status));
     ASSERT_EQ(server.requests().size(), 1U) << "the second is never whole";
     EXPECT_THAT(server.requests()[0].body, HasSubstr("content"));

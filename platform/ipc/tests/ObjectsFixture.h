@@ -164,24 +164,16 @@ class ObjectsTest : public BusTest {
   // The paths and interfaces that GetManagedObjects tells, as "PATH INTERFACE".
   std::vector<std::string> managed() {
     const auto answer = ask("/kova", kManager, "GetManagedObjects");
-    sd_bus_message* body = answer->message.get();
     std::vector<std::string> all;
-    const char* path = nullptr;
-    const char* interface = nullptr;
-    sd_bus_message_enter_container(body, 'a', "{oa{sa{sv}}}");
-    while (sd_bus_message_enter_container(body, 'e', "oa{sa{sv}}") > 0) {
-      sd_bus_message_read(body, "o", &path);
-      sd_bus_message_enter_container(body, 'a', "{sa{sv}}");
-      while (sd_bus_message_enter_container(body, 'e', "sa{sv}") > 0) {
-        sd_bus_message_read(body, "s", &interface);
-        if (std::string_view(interface).starts_with("kova.")) {
-          all.push_back(std::string(path) + " " + interface);
+    Variant objects;
+    std::string reason;
+    wire::decodeAnswer(answer->message.get(), objects, reason);
+    for (const auto& [path, interfaces] : objects.elements()) {
+      for (const auto& [interface, properties] : interfaces.elements()) {
+        if (interface.starts_with("kova.")) {
+          all.push_back(path + " " + interface);
         }
-        sd_bus_message_skip(body, "a{sv}");
-        sd_bus_message_exit_container(body);
       }
-      sd_bus_message_exit_container(body);
-      sd_bus_message_exit_container(body);
     }
     return answer->error.empty() ? all : std::vector{answer->error};
   }
