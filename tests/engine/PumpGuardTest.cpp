@@ -381,29 +381,20 @@ TEST_F(PumpGuardTest, FloodReadByOpenSslIsCut) {
   EXPECT_THAT(logLines(), ElementsAre(cutLine(flood.uri())));
 }
 
-/// A flood that begins only when it is told to.
-class LateFloodTest : public PumpGuardTest {
- protected:
-  void SetUp() override {
-    PumpGuardTest::SetUp();
-    curlFaults().messagesUnwatched = true;
-    ASSERT_TRUE(startTls(flood_.uri()));
-    ASSERT_TRUE(serviceUntil(http_, [&] { return waiting_.load(); }));
-    go_ = true;
-    ASSERT_TRUE(eventually([&] { return flood_.sent() > 1000; }));
-  }
-
-  std::atomic<bool> waiting_ = false;
-  std::atomic<bool> go_ = false;
-  TlsFlood flood_{server_, [this](SSL* ssl) {
-                    waiting_ = true;
-                    return eventually([&] { return go_.load(); }) && TlsFlood::keyUpdate(ssl);
-                  }};
-};
-
-TEST_F(LateFloodTest, CancelIsNotBlocked) {
+TEST_F(PumpGuardTest, CancelIsNotBlockedByFlood) {
+  curlFaults().messagesUnwatched = true;
+  std::atomic<bool> waiting = false;
+  std::atomic<bool> go = false;
+  const TlsFlood flood(server_, [&](SSL* ssl) {
+    waiting = true;
+    return eventually([&] { return go.load(); }) && TlsFlood::keyUpdate(ssl);
+  });
+  ASSERT_TRUE(startTls(flood.uri()));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return waiting.load(); }));
+  go = true;
+  ASSERT_TRUE(eventually([&] { return flood.sent() > 1000; }));
   const auto start = ThreadClock::now();
-  EXPECT_TRUE(http_.CancelTransfer(flood_.uri()));
+  EXPECT_TRUE(http_.CancelTransfer(flood.uri()));
   EXPECT_LT(ThreadClock::now() - start, kLongestPass);
 }
 

@@ -5,7 +5,6 @@
 
 #include "Engine.h"
 #include "RawServer.h"
-#include "WebServer.h"
 
 namespace kova::engine {
 namespace {
@@ -39,15 +38,12 @@ class ResponseTest : public EngineTest {
 
 TEST_F(ResponseTest, Status200IsStored) {
   const std::string body = noise(1'000'000);
-  WebServer web;
-  web.server().Get("/file", [&](const httplib::Request& request, httplib::Response& response) {
-    EXPECT_EQ(request.get_header_value("Accept-Encoding"), "");
-    response.set_content(body, "application/octet-stream");
-  });
-  web.start();
-  EXPECT_EQ(fetch(web.uri("/file")), "success");
+  RawServer server(answering(okResponse(body)));
+  EXPECT_EQ(fetch(server.uri()), "success");
   EXPECT_TRUE(fetched() == body);
-  EXPECT_THAT(web.requests(), ElementsAre("GET /file"));
+  ASSERT_EQ(server.requests().size(), 1U);
+  EXPECT_THAT(server.requests()[0].head, ::testing::StartsWith("GET /file HTTP/1.1\r\n"));
+  EXPECT_EQ(server.requests()[0].header("Accept-Encoding"), "");
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
@@ -61,20 +57,17 @@ TEST_F(ResponseTest, ErrorPagesAreStored) {
 }
 
 TEST_F(ResponseTest, RedirectionsAreFollowedAndTheirPagesDropped) {
-  WebServer web;
-  web.server().Get(R"(/(\d))", [](const httplib::Request& request, httplib::Response& response) {
-    const int left = std::stoi(request.matches[1]);
-    if (left == 0) {
-      response.set_content("arrived", "text/plain");
-    } else {
-      response.set_redirect("/" + std::to_string(left - 1), 301);
-      response.set_content("moved", "text/plain");
+  RawServer server([](Connection& connection) {
+    while (connection.readRequest()) {
+      const int left = connection.request().head[5] - '0';  // "GET /N"
+      connection.send(left == 0 ? okResponse("arrived")
+                                : "HTTP/1.1 301 Moved\r\nLocation: /" + std::to_string(left - 1) +
+                                      "\r\nContent-Length: 5\r\n\r\nmoved");
     }
   });
-  web.start();
-  EXPECT_EQ(fetch(web.uri("/9")), "success");
+  EXPECT_EQ(fetch(server.uri("/9")), "success");
   EXPECT_EQ(fetched(), "arrived");
-  EXPECT_EQ(web.requests().size(), 10U);
+  EXPECT_EQ(server.requests().size(), 10U);
 }
 
 TEST_F(ResponseTest, RedirectionLoopEndsAfterThirty) {

@@ -123,10 +123,12 @@ class PolicyTest : public ::testing::Test {
     }
     return heard ? 0 : sd_bus_error_set_const(error, kSilence, "");
   }
-  static int read(sd_bus* bus, sd_bus_error* error) {
-    int full = 0;
-    return sd_bus_get_property_trivial(bus, "kova.test", kObjectPath, "kova.Box1", "Full", error,
-                                       'b', &full);
+  static auto readFrom(const char* name) {
+    return [name](sd_bus* bus, sd_bus_error* error) {
+      int full = 0;
+      return sd_bus_get_property_trivial(bus, name, kObjectPath, "kova.Box1", "Full", error, 'b',
+                                         &full);
+    };
   }
   static int manage(sd_bus* bus, sd_bus_error* error) {
     return sd_bus_call_method(bus, "kova.test", kObjectPath, "org.freedesktop.DBus.ObjectManager",
@@ -184,10 +186,10 @@ TEST_F(PolicyTest, MembersSendBroadcastAndOwnClientNames) {
 }
 
 TEST_F(PolicyTest, OnlyMembersReadAndHearObjects) {
-  EXPECT_EQ(asOther(kNoGroup, read), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, readFrom("kova.test")), kDenied);
   EXPECT_EQ(asOther(kNoGroup, manage), kDenied);
   EXPECT_EQ(asOther(kNoGroup, hear), kSilence);
-  EXPECT_EQ(asOther(kOtherUser, read), "");
+  EXPECT_EQ(asOther(kOtherUser, readFrom("kova.test")), "");
   EXPECT_EQ(asOther(kOtherUser, manage), "");
   EXPECT_EQ(asOther(kOtherUser, hear), "");
 }
@@ -202,13 +204,8 @@ TEST_F(PolicyTest, UniqueNameOfDaemonOpensNothingMore) {
   const MessagePtr answer(answered);
   const char* owner = nullptr;
   ASSERT_GE(sd_bus_message_read(answer.get(), "s", &owner), 0);
-  const auto readThere = [owner](sd_bus* bus, sd_bus_error* error) {
-    int full = 0;
-    return sd_bus_get_property_trivial(bus, owner, kObjectPath, "kova.Box1", "Full", error, 'b',
-                                       &full);
-  };
-  EXPECT_EQ(asOther(kNoGroup, readThere), kDenied);
-  EXPECT_EQ(asOther(kOtherUser, readThere), "");
+  EXPECT_EQ(asOther(kNoGroup, readFrom(owner)), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, readFrom(owner)), "");
 }
 
 TEST_F(PolicyTest, OnlyDaemonsSignalChanges) {
