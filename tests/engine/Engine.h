@@ -18,13 +18,38 @@ namespace kova::engine {
 class RecordingTask : public ctlserver::BaseTransferTask {
  public:
   /// A download of `uri` to `path`, complete but for what a test changes.
-  RecordingTask(const std::string& uri, const std::string& path);
+  RecordingTask(const std::string& uri, const std::string& path) {
+    setName("task").setUri(uri).setPath(path).setMaxSz(100'000'000).setTimeout(60'000);
+    setSendNoEvents(true).setCertFile("");
+  }
 
-  bool onCheck() override;
-  bool onStart() override;
-  void onPrepare(bool& ready, std::string& path) override;
-  void onSuccess(bool& done) override;
-  void onFailure(ctlserver::TransferStatus status, int httpCode) override;
+  bool onCheck() override {
+    events.emplace_back("check");
+    return checkResult;
+  }
+  bool onStart() override {
+    events.emplace_back("start");
+    return startResult;
+  }
+  void onPrepare(bool& ready, std::string& path) override {
+    events.emplace_back("prepare");
+    if (duringPrepare) {
+      duringPrepare();
+    }
+    if (prepared) {
+      BaseTransferTask::onPrepare(ready, path);
+    }
+  }
+  void onSuccess(bool& isDone) override {
+    events.emplace_back("success");
+    if (duringSuccess) {
+      duringSuccess();
+    }
+    isDone = isDone || done;
+  }
+  void onFailure(ctlserver::TransferStatus status, int httpCode) override {
+    events.push_back("failure " + std::to_string(status) + " " + std::to_string(httpCode));
+  }
 
   /// "check", "start", "prepare", "success" and "failure STATUS HTTPCODE", in order.
   std::vector<std::string> events;
@@ -52,14 +77,31 @@ class UploadTask : public RecordingTask {
 class MemoryHttp : public ctlserver::BaseHTTP {
  public:
   void SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,
-                               int httpCode) override;
+                               int httpCode) override {
+    completions.push_back(uri + " " + std::to_string(status) + " " + std::to_string(httpCode));
+    if (onCompletion) {
+      onCompletion();
+    }
+  }
   bool SignalBytesAvailable(const std::string& uri, unsigned char* data, unsigned long len,
-                            unsigned long offset, long total) override;
-  bool GetUploadTotalSize(const std::string& uri, unsigned long& size) override;
+                            unsigned long offset, long total) override {
+    chunks.emplace_back(offset, total);
+    if (accept && !accept()) {
+      return false;
+    }
+    bodies[uri].append(reinterpret_cast<char*>(data), len);
+    return true;
+  }
+  bool GetUploadTotalSize(const std::string& /*uri*/, unsigned long& size) override {
+    size = upload.size();
+    return sizeKnown;
+  }
   unsigned long FillUploadBuffer(const std::string& uri, unsigned char* buffer,
                                  unsigned long size) override;
 
-  bool start(const std::string& uri, bool download = true, const variant::Variant& fields = {});
+  bool start(const std::string& uri, bool download = true, const variant::Variant& fields = {}) {
+    return RegisterRequest(download, uri, fields, 0, "", "", "");
+  }
 
   std::map<std::string, std::string> bodies;           ///< by URI
   std::vector<std::string> completions;                ///< "URI STATUS HTTPCODE"

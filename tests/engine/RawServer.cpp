@@ -210,11 +210,6 @@ std::vector<RawRequest> RawServer::requests() const {
   return requests_;
 }
 
-std::size_t RawServer::open() const {
-  const std::lock_guard lock(mutex_);
-  return open_.size();
-}
-
 std::string okResponse(std::string_view body) {
   return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
          std::string(body);

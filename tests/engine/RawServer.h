@@ -80,8 +80,6 @@ class RawServer {
   /// Requests in the order in which they were complete.
   std::vector<RawRequest> requests() const;
   unsigned connections() const { return accepted_; }
-  /// How many connections are not closed yet.
-  std::size_t open() const;
 
  private:
   friend class Connection;

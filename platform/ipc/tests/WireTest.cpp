@@ -253,6 +253,7 @@ TEST_F(WireTest, BodiesOtherThanOneStringKeyedMapAreRefused) {
   refused("a{sv}a{sv}", 0, 0);
   refused("a{sv}s", 0, "text");
   refused("a{us}", 1, 1, "text");
+  refused("a{uv}", 1, 1, "s", "text");
   refused("a{os}", 0);
   refused("(a{sv})", 0);
 }
