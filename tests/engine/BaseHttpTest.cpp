@@ -16,12 +16,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// Takes the request and never answers.
-void silent(Connection& connection) {
-  connection.readRequest();
-  connection.awaitClose();
-}
-
 class BaseHttpTest : public EngineTest {
  protected:
   bool finish(std::size_t completions = 1) {
@@ -69,7 +63,7 @@ TEST_F(BaseHttpTest, ReadBeyondBufferEndsTransfer) {
   ASSERT_TRUE(http_.Init() && http_.start(server.uri(), false));
   ASSERT_TRUE(finish());
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 1 0"));
-  EXPECT_THAT(logLines(), ElementsAre("4 basehttp.Service: Unexpected curl error: CURLcode = 42"));
+  EXPECT_THAT(logLines(), ElementsAre(curlErrorLine(42)));
 }
 
 TEST_F(BaseHttpTest, UnreachableServersAreFailures) {
@@ -79,16 +73,11 @@ TEST_F(BaseHttpTest, UnreachableServersAreFailures) {
   ASSERT_TRUE(finish(2));
   EXPECT_THAT(http_.completions,
               ElementsAre("http://127.0.0.1:1/x 1 0", "http://no-such-host.invalid/x 1 0"));
-  EXPECT_THAT(logLines(), ElementsAre("4 basehttp.Service: Unexpected curl error: CURLcode = 7",
-                                      "4 basehttp.Service: Unexpected curl error: CURLcode = 6"));
+  EXPECT_THAT(logLines(), ElementsAre(curlErrorLine(7), curlErrorLine(6)));
 }
 
 TEST_F(BaseHttpTest, CancelReportsBeforeItReturns) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 206 Partial Content\r\nContent-Length: 10\r\n\r\nhalf.");
-    connection.awaitClose();
-  });
+  RawServer server(stalling("HTTP/1.1 206 Partial Content\r\nContent-Length: 10\r\n\r\nhalf."));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri("/running")));
   ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.bodies.empty(); }));
   EXPECT_TRUE(http_.CancelTransfer(server.uri("/running")));
@@ -99,7 +88,7 @@ TEST_F(BaseHttpTest, CancelReportsBeforeItReturns) {
 }
 
 TEST_F(BaseHttpTest, CancelledTransferIsForgottenBeforeReport) {
-  RawServer server(silent);
+  RawServer server(stalling());
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   unsigned reports = 0;
   http_.onCompletion = [&] {
@@ -112,7 +101,7 @@ TEST_F(BaseHttpTest, CancelledTransferIsForgottenBeforeReport) {
 }
 
 TEST_F(BaseHttpTest, CancelBeforeFirstStepHasNoHttpCode) {
-  RawServer server(silent);
+  RawServer server(stalling());
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   EXPECT_TRUE(http_.CancelTransfer(server.uri()));
   EXPECT_THAT(http_.completions, ElementsAre(server.uri() + " 3 0"));
@@ -133,7 +122,7 @@ TEST_F(BaseHttpTest, FailedCancelLeavesTransferRunning) {
 }
 
 TEST_F(BaseHttpTest, CancelWithoutHttpCodeFailsAndMayBeRetried) {
-  RawServer server(silent);
+  RawServer server(stalling());
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   curlFaults().info = CURLINFO_RESPONSE_CODE;
   EXPECT_FALSE(http_.CancelTransfer(server.uri()));
@@ -236,7 +225,7 @@ TEST_F(BaseHttpTest, StepWaitsOnceUpToItsLimit) {
 
 // A hundred steps, since one that waits for a few milliseconds too long passes for a busy machine.
 TEST_F(BaseHttpTest, IdleStepDoesNotWait) {
-  RawServer server(silent);
+  RawServer server(stalling());
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   ASSERT_TRUE(serviceUntil(http_, [&] { return server.requests().size() == 1; }));
   const auto start = std::chrono::steady_clock::now();

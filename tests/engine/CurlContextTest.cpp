@@ -188,10 +188,7 @@ TEST_F(CurlContextTest, ChunksCarryOffsetAndLengthQueriedOnce) {
 }
 
 TEST_F(CurlContextTest, UnknownLengthIsMinusOneAndQueriedOnce) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\n\r\n" + noise(100'000));
-  });
+  RawServer server(once("HTTP/1.1 200 OK\r\n\r\n" + noise(100'000)));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.completions.empty(); }));
   ASSERT_GT(http_.chunks.size(), 1U);
@@ -202,10 +199,7 @@ TEST_F(CurlContextTest, UnknownLengthIsMinusOneAndQueriedOnce) {
 }
 
 TEST_F(CurlContextTest, LargestLengthIsKept) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n\r\nbody");
-  });
+  RawServer server(once("HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n\r\nbody"));
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));
   ASSERT_TRUE(serviceUntil(http_, [&] { return !http_.completions.empty(); }));
   EXPECT_THAT(http_.chunks, ElementsAre(Pair(0, std::numeric_limits<long>::max())));
@@ -246,7 +240,7 @@ TEST_F(CurlContextTest, ExceptionsEndOnlyTheirTransfer) {
   EXPECT_THAT(logLines(), ::testing::UnorderedElementsAre(
                               "3 curlcontext.DataReceived: Callback failed: disk on fire",
                               "3 curlcontext.DataNeeded: Callback failed: unknown exception",
-                              "4 basehttp.Service: Unexpected curl error: CURLcode = 42"));
+                              curlErrorLine(42)));
 }
 
 }  // namespace

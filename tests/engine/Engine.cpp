@@ -24,43 +24,6 @@ std::size_t openDescriptors() {
 
 }  // namespace
 
-RecordingTask::RecordingTask(const std::string& uri, const std::string& path) {
-  setName("task").setUri(uri).setPath(path).setMaxSz(100'000'000).setTimeout(60'000);
-  setSendNoEvents(true).setCertFile("");
-}
-
-bool RecordingTask::onCheck() {
-  events.emplace_back("check");
-  return checkResult;
-}
-
-bool RecordingTask::onStart() {
-  events.emplace_back("start");
-  return startResult;
-}
-
-void RecordingTask::onPrepare(bool& ready, std::string& path) {
-  events.emplace_back("prepare");
-  if (duringPrepare) {
-    duringPrepare();
-  }
-  if (prepared) {
-    BaseTransferTask::onPrepare(ready, path);
-  }
-}
-
-void RecordingTask::onSuccess(bool& isDone) {
-  events.emplace_back("success");
-  if (duringSuccess) {
-    duringSuccess();
-  }
-  isDone = isDone || done;
-}
-
-void RecordingTask::onFailure(ctlserver::TransferStatus status, int httpCode) {
-  events.push_back("failure " + std::to_string(status) + " " + std::to_string(httpCode));
-}
-
 unsigned RecordingTask::count(const std::string& event) const {
   return static_cast<unsigned>(std::count(events.begin(), events.end(), event));
 }
@@ -75,29 +38,6 @@ std::string RecordingTask::outcome() const {
   return all;
 }
 
-void MemoryHttp::SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,
-                                         int httpCode) {
-  completions.push_back(uri + " " + std::to_string(status) + " " + std::to_string(httpCode));
-  if (onCompletion) {
-    onCompletion();
-  }
-}
-
-bool MemoryHttp::SignalBytesAvailable(const std::string& uri, unsigned char* data,
-                                      unsigned long len, unsigned long offset, long total) {
-  chunks.emplace_back(offset, total);
-  if (accept && !accept()) {
-    return false;
-  }
-  bodies[uri].append(reinterpret_cast<char*>(data), len);
-  return true;
-}
-
-bool MemoryHttp::GetUploadTotalSize(const std::string&, unsigned long& size) {
-  size = upload.size();
-  return sizeKnown;
-}
-
 unsigned long MemoryHttp::FillUploadBuffer(const std::string&, unsigned char* buffer,
                                            unsigned long size) {
   if (beforeFilling) {
@@ -110,11 +50,6 @@ unsigned long MemoryHttp::FillUploadBuffer(const std::string&, unsigned char* bu
   std::memcpy(buffer, upload.data() + uploaded, count);
   uploaded += count;
   return count;
-}
-
-bool MemoryHttp::start(const std::string& uri, bool download, const variant::Variant& fields,
-                       unsigned timeoutMs) {
-  return RegisterRequest(download, uri, fields, timeoutMs, "", "", "");
 }
 
 DescriptorCheck::DescriptorCheck() : before_(openDescriptors()) {}
@@ -164,6 +99,15 @@ std::vector<std::string> logLines() {
                     line.text);
   }
   return lines;
+}
+
+std::string curlErrorLine(int curlCode) {
+  return "4 basehttp.Service: Unexpected curl error: CURLcode = " + std::to_string(curlCode);
+}
+
+std::string failureLine(const std::string& uri, const std::string& reason, int httpCode) {
+  return "4 TransferService.cancel: Transfer task failed, name=task, uri=" + uri +
+         ", reason=" + reason + ", httpCode=" + std::to_string(httpCode);
 }
 
 bool eventually(const std::function<bool()>& condition) {

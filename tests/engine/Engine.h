@@ -18,13 +18,38 @@ namespace kova::engine {
 class RecordingTask : public ctlserver::BaseTransferTask {
  public:
   /// A download of `uri` to `path`, complete but for what a test changes.
-  RecordingTask(const std::string& uri, const std::string& path);
+  RecordingTask(const std::string& uri, const std::string& path) {
+    setName("task").setUri(uri).setPath(path).setMaxSz(100'000'000).setTimeout(60'000);
+    setSendNoEvents(true).setCertFile("");
+  }
 
-  bool onCheck() override;
-  bool onStart() override;
-  void onPrepare(bool& ready, std::string& path) override;
-  void onSuccess(bool& done) override;
-  void onFailure(ctlserver::TransferStatus status, int httpCode) override;
+  bool onCheck() override {
+    events.emplace_back("check");
+    return checkResult;
+  }
+  bool onStart() override {
+    events.emplace_back("start");
+    return startResult;
+  }
+  void onPrepare(bool& ready, std::string& path) override {
+    events.emplace_back("prepare");
+    if (duringPrepare) {
+      duringPrepare();
+    }
+    if (prepared) {
+      BaseTransferTask::onPrepare(ready, path);
+    }
+  }
+  void onSuccess(bool& isDone) override {
+    events.emplace_back("success");
+    if (duringSuccess) {
+      duringSuccess();
+    }
+    isDone = isDone || done;
+  }
+  void onFailure(ctlserver::TransferStatus status, int httpCode) override {
+    events.push_back("failure " + std::to_string(status) + " " + std::to_string(httpCode));
+  }
 
   /// "check", "start", "prepare", "success" and "failure STATUS HTTPCODE", in order.
   std::vector<std::string> events;
@@ -40,19 +65,43 @@ class RecordingTask : public ctlserver::BaseTransferTask {
   std::string outcome() const;
 };
 
+/// The same for an upload.
+class UploadTask : public RecordingTask {
+ public:
+  UploadTask(const std::string& uri, const std::string& path) : RecordingTask(uri, path) {
+    setKind(false);
+  }
+};
+
 /// A HTTP driver that keeps what it downloads in memory and uploads `upload`.
 class MemoryHttp : public ctlserver::BaseHTTP {
  public:
   void SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,
-                               int httpCode) override;
+                               int httpCode) override {
+    completions.push_back(uri + " " + std::to_string(status) + " " + std::to_string(httpCode));
+    if (onCompletion) {
+      onCompletion();
+    }
+  }
   bool SignalBytesAvailable(const std::string& uri, unsigned char* data, unsigned long len,
-                            unsigned long offset, long total) override;
-  bool GetUploadTotalSize(const std::string& uri, unsigned long& size) override;
+                            unsigned long offset, long total) override {
+    chunks.emplace_back(offset, total);
+    if (accept && !accept()) {
+      return false;
+    }
+    bodies[uri].append(reinterpret_cast<char*>(data), len);
+    return true;
+  }
+  bool GetUploadTotalSize(const std::string& /*uri*/, unsigned long& size) override {
+    size = upload.size();
+    return sizeKnown;
+  }
   unsigned long FillUploadBuffer(const std::string& uri, unsigned char* buffer,
                                  unsigned long size) override;
 
-  bool start(const std::string& uri, bool download = true, const variant::Variant& fields = {},
-             unsigned timeoutMs = 0);
+  bool start(const std::string& uri, bool download = true, const variant::Variant& fields = {}) {
+    return RegisterRequest(download, uri, fields, 0, "", "", "");
+  }
 
   std::map<std::string, std::string> bodies;           ///< by URI
   std::vector<std::string> completions;                ///< "URI STATUS HTTPCODE"
@@ -93,6 +142,8 @@ class EngineTest : public ::testing::Test {
   /// Adds the task and turns the service until it has let go of it.
   /// @return how it ended, see RecordingTask::outcome
   std::string run(RecordingTask& task);
+  /// Adds the task and turns the service once.
+  bool begin(RecordingTask& task) { return service().add(&task) && service().service(0); }
 
   /// A path in a folder of this test's own.
   std::string path(const std::string& name) const { return folder_ + "/" + name; }
@@ -111,6 +162,10 @@ bool serviceUntil(ctlserver::BaseHTTP& http, const std::function<bool()>& condit
 
 /// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
 std::vector<std::string> logLines();
+/// The line about an end for which only libcurl has words.
+std::string curlErrorLine(int curlCode);
+/// The line about a task that failed.
+std::string failureLine(const std::string& uri, const std::string& reason, int httpCode);
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);

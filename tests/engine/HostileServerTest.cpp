@@ -176,11 +176,9 @@ TEST_F(HostileServerTest, ReceiveBufferIsForcedOrLeftAlone) {
 }
 
 TEST_F(HostileServerTest, ShutdownClosesDownloadsBeforeUploads) {
-  RecordingTask up("http://127.0.0.1:1/a", write("a", "content"));
-  up.setKind(false);
+  UploadTask up("http://127.0.0.1:1/a", write("a", "content"));
   RecordingTask down("http://127.0.0.1:1/b", path("b"));
-  ASSERT_TRUE(service().add(&up) && service().add(&down));
-  service().service(0);
+  ASSERT_TRUE(service().add(&up) && begin(down));
   const int watch = inotify_init1(IN_NONBLOCK);
   ASSERT_GE(inotify_add_watch(watch, path("").c_str(), IN_CLOSE), 0);
   endService();

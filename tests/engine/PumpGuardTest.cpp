@@ -85,6 +85,12 @@ class PumpGuardTest : public EngineTest {
     }));
     return longest;
   }
+  /// Expects that a pass that does not end is cut, which the mark tells.
+  void expectCut(const PumpGuard::Mark& mark) {
+    guard_.beginTurn(0);
+    const PumpGuard::Pass pass(guard_, true);
+    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
+  }
   bool startTls(const std::string& uri) {
     writeFile(ctlserver::kControllerCertFile, server_.certificatePem());
     return http_.RegisterRequest(true, uri, {}, 0, "", "", ctlserver::kControllerCertFile);
@@ -144,26 +150,38 @@ PumpGuard::Mark newMark() {
   return std::make_shared<volatile std::sig_atomic_t>(0);
 }
 
-TEST_F(PumpGuardTest, BlockedPassLosesItsSocketsAndData) {
-  const TcpPair pair;
+/// A socket that the guard watches.
+class WatchedSocketTest : public PumpGuardTest {
+ protected:
+  void SetUp() override {
+    PumpGuardTest::SetUp();
+    guard_.watch(pair_.near, mark_);
+  }
+  void TearDown() override {
+    guard_.forget(pair_.near);
+    PumpGuardTest::TearDown();
+  }
+
+  const TcpPair pair_;
+  const PumpGuard::Mark mark_ = newMark();
+};
+
+TEST_F(WatchedSocketTest, BlockedPassLosesItsSocketsAndData) {
   const TcpPair forgotten;
-  const PumpGuard::Mark mark = newMark();
-  ASSERT_EQ(send(pair.far, "unread", 6, 0), 6);
-  guard_.watch(pair.near, mark);
-  guard_.watch(forgotten.near, mark);
+  ASSERT_EQ(send(pair_.far, "unread", 6, 0), 6);
+  guard_.watch(forgotten.near, mark_);
   guard_.forget(forgotten.near);
   guard_.beginTurn(0);
   {
     const PumpGuard::Pass pass(guard_, true);
     errno = EBADMSG;
-    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
+    EXPECT_TRUE(heldUntil([&] { return *mark_ != 0; }));
     EXPECT_EQ(errno, EBADMSG);
   }
   char buffer[6];
-  EXPECT_EQ(recv(pair.near, buffer, sizeof buffer, MSG_DONTWAIT), -1);
-  EXPECT_TRUE(pair.isCut());
+  EXPECT_EQ(recv(pair_.near, buffer, sizeof buffer, MSG_DONTWAIT), -1);
+  EXPECT_TRUE(pair_.isCut());
   EXPECT_FALSE(forgotten.isCut());
-  guard_.forget(pair.near);
 }
 
 TEST_F(PumpGuardTest, SocketOfOtherKindIsShutDown) {
@@ -173,11 +191,7 @@ TEST_F(PumpGuardTest, SocketOfOtherKindIsShutDown) {
   const utils::UniqueFd far(ends[1]);
   const PumpGuard::Mark mark = newMark();
   guard_.watch(near.get(), mark);
-  guard_.beginTurn(0);
-  {
-    const PumpGuard::Pass pass(guard_, true);
-    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
-  }
+  expectCut(mark);
   char buffer[1];
   EXPECT_EQ(recv(far.get(), buffer, sizeof buffer, MSG_DONTWAIT), 0);
   guard_.forget(near.get());
@@ -200,31 +214,23 @@ TEST_F(PumpGuardTest, OnlyOwnSignalIsBlockedWhileSocketsChange) {
   EXPECT_FALSE(isBlocked(ctlserver::pumpSignal()));
 }
 
-TEST_F(PumpGuardTest, ManyTransfersMakeTurnLonger) {
-  const TcpPair pair;
-  const PumpGuard::Mark mark = newMark();
-  guard_.watch(pair.near, mark);
+TEST_F(WatchedSocketTest, ManyTransfersMakeTurnLonger) {
   guard_.beginTurn((1000 - PumpGuard::kTurnMs) / PumpGuard::kTransferMs);  // a second
   for (int pass = 0; pass < 2; ++pass) {
     const PumpGuard::Pass guarded(guard_, true);
     compute(milliseconds(30));
   }
-  EXPECT_EQ(*mark, 0);
-  guard_.forget(pair.near);
+  EXPECT_EQ(*mark_, 0);
 }
 
-TEST_F(PumpGuardTest, PassesOfOneTurnShareItsTime) {
-  const TcpPair pair;
-  const PumpGuard::Mark mark = newMark();
-  guard_.watch(pair.near, mark);
+TEST_F(WatchedSocketTest, PassesOfOneTurnShareItsTime) {
   guard_.beginTurn(0);
   const auto start = ThreadClock::now();
-  while (*mark == 0 && ThreadClock::now() - start < std::chrono::seconds(5)) {
+  while (*mark_ == 0 && ThreadClock::now() - start < std::chrono::seconds(5)) {
     const PumpGuard::Pass pass(guard_, true);
     compute(milliseconds(50));
   }
   EXPECT_LT(ThreadClock::now() - start, kLongestPass);
-  guard_.forget(pair.near);
 }
 
 TEST_F(PumpGuardTest, SocketsOpenedInOrAfterBlockedPassAreCutToo) {
@@ -248,31 +254,23 @@ TEST_F(PumpGuardTest, SocketsOpenedInOrAfterBlockedPassAreCutToo) {
   guard_.forget(second.near);
 }
 
-TEST_F(PumpGuardTest, NothingIsCutOutsidePass) {
-  const TcpPair pair;
-  const PumpGuard::Mark mark = newMark();
-  guard_.watch(pair.near, mark);
+TEST_F(WatchedSocketTest, NothingIsCutOutsidePass) {
   guard_.beginTurn(0);
   { const PumpGuard::Pass pass(guard_, true); }
   { const PumpGuard::Pass pass(guard_, false); }
   compute(milliseconds(PumpGuard::kTurnMs + 100));
-  EXPECT_EQ(*mark, 0);
-  EXPECT_FALSE(pair.isCut());
-  guard_.forget(pair.near);
+  EXPECT_EQ(*mark_, 0);
+  EXPECT_FALSE(pair_.isCut());
 }
 
-TEST_F(PumpGuardTest, PassThatWaitsIsNotCut) {
-  const TcpPair pair;
-  const PumpGuard::Mark mark = newMark();
-  guard_.watch(pair.near, mark);
+TEST_F(WatchedSocketTest, PassThatWaitsIsNotCut) {
   guard_.beginTurn(0);
   {
     const PumpGuard::Pass pass(guard_, true);
     std::this_thread::sleep_for(milliseconds(PumpGuard::kTurnMs + 100));
   }
-  EXPECT_EQ(*mark, 0);
-  EXPECT_FALSE(pair.isCut());
-  guard_.forget(pair.near);
+  EXPECT_EQ(*mark_, 0);
+  EXPECT_FALSE(pair_.isCut());
 }
 
 TEST_F(PumpGuardTest, ForeignSignalCutsNothing) {
@@ -310,11 +308,7 @@ TEST_F(PumpGuardTest, SignalBlockedAtStartArrives) {
   const TcpPair pair;
   const PumpGuard::Mark mark = newMark();
   guard_.watch(pair.near, mark);
-  guard_.beginTurn(0);
-  {
-    const PumpGuard::Pass pass(guard_, true);
-    EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
-  }
+  expectCut(mark);
   guard_.forget(pair.near);
 }
 
@@ -337,11 +331,7 @@ TEST_F(PumpGuardTest, TransfersRunUnguardedWithoutTimer) {
 }
 
 TEST_F(PumpGuardTest, CutTransferNeverCountsAsSuccess) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\n\r\nthe first half");  // up to the end of the connection
-    connection.awaitClose();
-  });
+  RawServer server(stalling("HTTP/1.1 200 OK\r\n\r\nthe first half"));  // its end is the body's
   http_.accept = [] {
     compute(milliseconds(PumpGuard::kTurnMs + 100));
     return true;
@@ -357,11 +347,7 @@ TEST_F(PumpGuardTest, ClosedSocketsAreForgotten) {
   ASSERT_TRUE(http_.start(server.uri("/1")));
   finish(1);
   const TcpPair pair;  // in the place of the transfer's socket
-  RawServer holding([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\n\r\nhalf");
-    connection.awaitClose();
-  });
+  RawServer holding(stalling("HTTP/1.1 200 OK\r\n\r\nhalf"));
   http_.accept = [] {
     compute(milliseconds(PumpGuard::kTurnMs + 100));
     return true;
@@ -395,29 +381,20 @@ TEST_F(PumpGuardTest, FloodReadByOpenSslIsCut) {
   EXPECT_THAT(logLines(), ElementsAre(cutLine(flood.uri())));
 }
 
-/// A flood that begins only when it is told to.
-class LateFloodTest : public PumpGuardTest {
- protected:
-  void SetUp() override {
-    PumpGuardTest::SetUp();
-    curlFaults().messagesUnwatched = true;
-    ASSERT_TRUE(startTls(flood_.uri()));
-    ASSERT_TRUE(serviceUntil(http_, [&] { return waiting_.load(); }));
-    go_ = true;
-    ASSERT_TRUE(eventually([&] { return flood_.sent() > 1000; }));
-  }
-
-  std::atomic<bool> waiting_ = false;
-  std::atomic<bool> go_ = false;
-  TlsFlood flood_{server_, [this](SSL* ssl) {
-                    waiting_ = true;
-                    return eventually([&] { return go_.load(); }) && TlsFlood::keyUpdate(ssl);
-                  }};
-};
-
-TEST_F(LateFloodTest, CancelIsNotBlocked) {
+TEST_F(PumpGuardTest, CancelIsNotBlockedByFlood) {
+  curlFaults().messagesUnwatched = true;
+  std::atomic<bool> waiting = false;
+  std::atomic<bool> go = false;
+  const TlsFlood flood(server_, [&](SSL* ssl) {
+    waiting = true;
+    return eventually([&] { return go.load(); }) && TlsFlood::keyUpdate(ssl);
+  });
+  ASSERT_TRUE(startTls(flood.uri()));
+  ASSERT_TRUE(serviceUntil(http_, [&] { return waiting.load(); }));
+  go = true;
+  ASSERT_TRUE(eventually([&] { return flood.sent() > 1000; }));
   const auto start = ThreadClock::now();
-  EXPECT_TRUE(http_.CancelTransfer(flood_.uri()));
+  EXPECT_TRUE(http_.CancelTransfer(flood.uri()));
   EXPECT_LT(ThreadClock::now() - start, kLongestPass);
 }
 

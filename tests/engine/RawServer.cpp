@@ -51,16 +51,31 @@ bool Connection::receive() {
   return got > 0;
 }
 
-bool Connection::readHead() {
-  std::size_t end;
-  while ((end = buffered_.find("\r\n\r\n")) == std::string::npos) {
+bool Connection::readBytes(std::size_t count, std::string& to) {
+  while (buffered_.size() < count) {
     if (!receive()) {
       return false;
     }
   }
-  request_ = {buffered_.substr(0, end + 4), ""};
-  buffered_.erase(0, end + 4);
+  to.append(buffered_, 0, count);
+  buffered_.erase(0, count);
   return true;
+}
+
+bool Connection::readUntil(std::string_view mark, std::string& to) {
+  std::size_t end;
+  while ((end = buffered_.find(mark)) == std::string::npos) {
+    if (!receive()) {
+      return false;
+    }
+  }
+  to.clear();
+  return readBytes(end + mark.size(), to);
+}
+
+bool Connection::readHead() {
+  request_.body.clear();
+  return readUntil("\r\n\r\n", request_.head);
 }
 
 bool Connection::readRequest() {
@@ -80,45 +95,22 @@ bool Connection::receiveBody() {
     return readChunked();
   }
   const std::string announced = request_.header("Content-Length");
-  const std::size_t length = announced.empty() ? 0 : std::stoul(announced);
-  while (buffered_.size() < length) {
-    if (!receive()) {
-      return false;
-    }
-  }
-  request_.body = buffered_.substr(0, length);
-  buffered_.erase(0, length);
-  return true;
-}
-
-bool Connection::readLine(std::string& line) {
-  std::size_t end;
-  while ((end = buffered_.find("\r\n")) == std::string::npos) {
-    if (!receive()) {
-      return false;
-    }
-  }
-  line = buffered_.substr(0, end);
-  buffered_.erase(0, end + 2);
-  return true;
+  return readBytes(announced.empty() ? 0 : std::stoul(announced), request_.body);
 }
 
 bool Connection::readChunked() {
   std::string line;
-  while (readLine(line)) {
-    const std::size_t length = std::stoul(line, nullptr, 16);
-    while (buffered_.size() < length + 2) {
-      if (!receive()) {
-        return false;
-      }
+  std::size_t length = 1;
+  while (length > 0) {
+    if (!readUntil("\r\n", line)) {
+      return false;
     }
-    request_.body += buffered_.substr(0, length);
-    buffered_.erase(0, length + 2);
-    if (length == 0) {
-      return true;
+    length = std::stoul(line, nullptr, 16);
+    if (!readBytes(length, request_.body) || !readUntil("\r\n", line)) {
+      return false;
     }
   }
-  return false;
+  return true;
 }
 
 void Connection::send(std::string_view bytes) {
@@ -218,11 +210,6 @@ std::vector<RawRequest> RawServer::requests() const {
   return requests_;
 }
 
-std::size_t RawServer::open() const {
-  const std::lock_guard lock(mutex_);
-  return open_.size();
-}
-
 std::string okResponse(std::string_view body) {
   return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
          std::string(body);
@@ -233,6 +220,21 @@ RawServer::Script answering(std::string response) {
     while (connection.readRequest()) {
       connection.send(response);
     }
+  };
+}
+
+RawServer::Script once(std::string bytes) {
+  return [bytes = std::move(bytes)](Connection& connection) {
+    connection.readRequest();
+    connection.send(bytes);
+  };
+}
+
+RawServer::Script stalling(std::string begun) {
+  return [begun = std::move(begun)](Connection& connection) {
+    connection.readRequest();
+    connection.send(begun);
+    connection.awaitClose();
   };
 }
 

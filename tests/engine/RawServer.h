@@ -52,7 +52,10 @@ class Connection {
   bool receive();
   bool receiveBody();
   bool readChunked();
-  bool readLine(std::string& line);
+  /// Moves so many bytes to the end of `to`.
+  bool readBytes(std::size_t count, std::string& to);
+  /// Moves all up to the end of `mark` into `to`.
+  bool readUntil(std::string_view mark, std::string& to);
 
   RawServer& server_;
   int fd_;
@@ -77,8 +80,6 @@ class RawServer {
   /// Requests in the order in which they were complete.
   std::vector<RawRequest> requests() const;
   unsigned connections() const { return accepted_; }
-  /// How many connections are not closed yet.
-  std::size_t open() const;
 
  private:
   friend class Connection;
@@ -104,5 +105,11 @@ std::string okResponse(std::string_view body);
 
 /// A script that answers every request of a connection with `response`.
 RawServer::Script answering(std::string response);
+
+/// A script that takes a request, answers with `bytes` and closes the connection.
+RawServer::Script once(std::string bytes);
+
+/// A script that takes a request, answers with `begun` and then waits for the peer to close.
+RawServer::Script stalling(std::string begun = "");
 
 }  // namespace kova::engine

@@ -5,7 +5,6 @@
 
 #include "Engine.h"
 #include "RawServer.h"
-#include "WebServer.h"
 
 namespace kova::engine {
 namespace {
@@ -23,81 +22,52 @@ class ResponseTest : public EngineTest {
   }
   std::string fetched() const { return readFile(path("file")); }
 
-  static std::string unexpected(int curlCode) {
-    return "4 basehttp.Service: Unexpected curl error: CURLcode = " + std::to_string(curlCode);
-  }
-  static std::string failed(const std::string& uri, const std::string& reason, int httpCode) {
-    return "4 TransferService.cancel: Transfer task failed, name=task, uri=" + uri +
-           ", reason=" + reason + ", httpCode=" + std::to_string(httpCode);
+  void expectStored(const char* response, const std::string& body) {
+    SCOPED_TRACE(response);
+    RawServer server(once(response));
+    EXPECT_EQ(fetch(server.uri()), "success");
+    EXPECT_EQ(fetched(), body);
+    EXPECT_THAT(logLines(), IsEmpty());
   }
   void expectFailure(const RawServer& server, int curlCode, int httpCode) {
     EXPECT_EQ(fetch(server.uri()), "failure 1 " + std::to_string(httpCode));
-    EXPECT_THAT(logLines(), ElementsAre(unexpected(curlCode),
-                                        failed(server.uri(), "TRANSFER_FAILED(1)", httpCode)));
+    EXPECT_THAT(logLines(), ElementsAre(curlErrorLine(curlCode),
+                                        failureLine(server.uri(), "TRANSFER_FAILED(1)", httpCode)));
   }
 };
 
-/// A script that takes a request, answers with `bytes` and closes the connection.
-RawServer::Script once(std::string bytes) {
-  return [bytes = std::move(bytes)](Connection& connection) {
-    connection.readRequest();
-    connection.send(bytes);
-  };
-}
-
 TEST_F(ResponseTest, Status200IsStored) {
   const std::string body = noise(1'000'000);
-  WebServer web;
-  web.server().Get("/file", [&](const httplib::Request& request, httplib::Response& response) {
-    EXPECT_EQ(request.get_header_value("Accept-Encoding"), "");
-    response.set_content(body, "application/octet-stream");
-  });
-  web.start();
-  EXPECT_EQ(fetch(web.uri("/file")), "success");
+  RawServer server(answering(okResponse(body)));
+  EXPECT_EQ(fetch(server.uri()), "success");
   EXPECT_TRUE(fetched() == body);
-  EXPECT_THAT(web.requests(), ElementsAre("GET /file"));
+  ASSERT_EQ(server.requests().size(), 1U);
+  EXPECT_THAT(server.requests()[0].head, ::testing::StartsWith("GET /file HTTP/1.1\r\n"));
+  EXPECT_EQ(server.requests()[0].header("Accept-Encoding"), "");
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
 TEST_F(ResponseTest, Status204LeavesEmptyFile) {
-  WebServer web;
-  web.server().Get("/file",
-                   [](const auto&, httplib::Response& response) { response.status = 204; });
-  web.start();
-  EXPECT_EQ(fetch(web.uri("/file")), "success");
-  EXPECT_EQ(fetched(), "");
-  EXPECT_THAT(logLines(), IsEmpty());
+  expectStored("HTTP/1.1 204 No Content\r\n\r\n", "");
 }
 
 TEST_F(ResponseTest, ErrorPagesAreStored) {
-  WebServer web;
-  web.server().Get(R"(/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
-    response.status = std::stoi(request.matches[1]);
-    response.set_content("page " + request.matches[1].str(), "text/plain");
-  });
-  web.start();
-  EXPECT_EQ(fetch(web.uri("/404")), "success");
-  EXPECT_EQ(fetched(), "page 404");
-  EXPECT_EQ(fetch(web.uri("/500")), "success");
-  EXPECT_EQ(fetched(), "page 500");
-  EXPECT_THAT(logLines(), IsEmpty());
+  expectStored("HTTP/1.1 404 Not Found\r\nContent-Length: 8\r\n\r\npage 404", "page 404");
+  expectStored("HTTP/1.1 500 Broken\r\nContent-Length: 8\r\n\r\npage 500", "page 500");
 }
 
 TEST_F(ResponseTest, RedirectionsAreFollowedAndTheirPagesDropped) {
-  WebServer web;
-  web.server().Get(R"(/(\d))", [](const httplib::Request& request, httplib::Response& response) {
-    const int left = std::stoi(request.matches[1]);
-    if (left == 0) {
-      response.set_content("arrived", "text/plain");
-    } else {
-      response.set_redirect("/" + std::to_string(left - 1), 301);
-      response.set_content("moved", "text/plain");
+  RawServer server([](Connection& connection) {
+    while (connection.readRequest()) {
+      const int left = connection.request().head[5] - '0';  // "GET /N"
+      connection.send(left == 0 ? okResponse("arrived")
+                                : "HTTP/1.1 301 Moved\r\nLocation: /" + std::to_string(left - 1) +
+                                      "\r\nContent-Length: 5\r\n\r\nmoved");
     }
   });
-  web.start();
-  EXPECT_EQ(fetch(web.uri("/9")), "success");
+  EXPECT_EQ(fetch(server.uri("/9")), "success");
   EXPECT_EQ(fetched(), "arrived");
-  EXPECT_EQ(web.requests().size(), 10U);
+  EXPECT_EQ(server.requests().size(), 10U);
 }
 
 TEST_F(ResponseTest, RedirectionLoopEndsAfterThirty) {
@@ -116,26 +86,21 @@ TEST_F(ResponseTest, RedirectionToLocalFileIsRefused) {
 TEST_F(ResponseTest, OnlyHttpUrisAreFetched) {
   EXPECT_EQ(fetch("file:///etc/passwd"), "failure 1 0");
   EXPECT_EQ(fetch("ftp://127.0.0.1/file"), "failure 1 0");
-  EXPECT_THAT(logLines(),
-              ElementsAre(unexpected(1), failed("file:///etc/passwd", "TRANSFER_FAILED(1)", 0),
-                          unexpected(1), failed("ftp://127.0.0.1/file", "TRANSFER_FAILED(1)", 0)));
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(curlErrorLine(1), failureLine("file:///etc/passwd", "TRANSFER_FAILED(1)", 0),
+                  curlErrorLine(1), failureLine("ftp://127.0.0.1/file", "TRANSFER_FAILED(1)", 0)));
   EXPECT_EQ(fetched(), "");
 }
 
 TEST_F(ResponseTest, BodyEndsAsItsResponseSays) {
-  const std::pair<const char*, const char*> responses[] = {
-      {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-       "5\r\nchunk\r\n1;extension=1\r\n \r\n4\r\nbody\r\n0\r\nTrailer: 1\r\n\r\n",
-       "chunk body"},
-      {"HTTP/1.1 200 OK\r\n\r\nto the end", "to the end"},
-      {"HTTP/1.0 200 OK\r\n\r\nold", "old"},
-      {"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody and more", "body"},
-  };
-  for (const auto& [response, body] : responses) {
-    RawServer server(once(response));
-    EXPECT_EQ(fetch(server.uri()), "success") << response;
-    EXPECT_EQ(fetched(), body) << response;
-  }
+  expectStored(
+      "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+      "5\r\nchunk\r\n1;extension=1\r\n \r\n4\r\nbody\r\n0\r\nTrailer: 1\r\n\r\n",
+      "chunk body");
+  expectStored("HTTP/1.1 200 OK\r\n\r\nto the end", "to the end");
+  expectStored("HTTP/1.0 200 OK\r\n\r\nold", "old");
+  expectStored("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody and more", "body");
 }
 
 TEST_F(ResponseTest, IncompleteResponseFails) {
@@ -190,7 +155,7 @@ TEST_F(ResponseTest, TricklingServerTimesOut) {
     connection.trickle(std::string(100'000, 'x'), 50);
   });
   EXPECT_EQ(fetch(server.uri(), 1000), "failure 5 200");
-  EXPECT_THAT(logLines(), ElementsAre(failed(server.uri(), "TRANSFER_TIMEOUT(5)", 200)));
+  EXPECT_THAT(logLines(), ElementsAre(failureLine(server.uri(), "TRANSFER_TIMEOUT(5)", 200)));
   EXPECT_THAT(fetched(), ::testing::StartsWith("xxx"));
 }
 

@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <cerrno>
 #include <filesystem>
 
 #include "Certificates.h"
@@ -75,6 +76,8 @@ TEST_F(TlsPinningTest, ErrorStaysWithoutPinnedCertificate) {
   present(server_);
   EXPECT_EQ(verifyCustomCert(0, store_.get()), 0);
   EXPECT_EQ(error(), X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT);
+  EXPECT_THAT(logLines(), ElementsAre("3 curlcontext.verifyCustomCert: Failed to open local cert"));
+  EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
 }
 
 TEST_F(TlsPinningTest, UnreadablePinnedCertificateLeavesEarlierErrors) {
@@ -85,6 +88,7 @@ TEST_F(TlsPinningTest, UnreadablePinnedCertificateLeavesEarlierErrors) {
   EXPECT_EQ(verifyCustomCert(0, store_.get()), 0);
   EXPECT_EQ(ERR_GET_LIB(ERR_get_error()), ERR_LIB_USER);
   EXPECT_EQ(ERR_get_error(), 0U);
+  EXPECT_THAT(logLines(), ElementsAre("3 curlcontext.verifyCustomCert: Failed to load cert"));
 }
 
 TEST_F(TlsPinningTest, ExceptionTrustsNobody) {

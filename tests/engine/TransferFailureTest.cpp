@@ -6,17 +6,27 @@
 namespace kova::engine {
 namespace {
 
-using TransferFailureTest = TransferServiceTest;
 using ::testing::ElementsAre;
+
+class TransferFailureTest : public TransferServiceTest {
+ protected:
+  /// Downloads into path("file"), at most so many bytes.
+  std::string fetch(const RawServer& server, unsigned most) {
+    RecordingTask task(server.uri(), path("file"));
+    task.setMaxSz(most);
+    return run(task);
+  }
+};
 
 TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
   RawServer server(answering(okResponse("")));
-  RecordingTask task(server.uri(), "");
-  task.setKind(false);
+  UploadTask task(server.uri(), "");
   task.prepared = false;
-  ASSERT_TRUE(service().add(&task));
+  ASSERT_TRUE(begin(task));
+  fakes::platform().nowMs += task.timeout();
   service().service(0);
-  passDeadline(task);
+  EXPECT_EQ(task.outcome(), "") << "the deadline itself is in time";
+  fakes::platform().nowMs += 1;
   service().service(0);
   EXPECT_EQ(task.outcome(), "failure 5 0");
   EXPECT_FALSE(service().existsUri(task.uri()));
@@ -26,28 +36,14 @@ TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
 }
 
 TEST_F(TransferFailureTest, UploadOverLimitEndsOnce) {
-  RecordingTask task("http://127.0.0.1:1/x", write("upload", "12345"));
-  task.setKind(false).setMaxSz(4);
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  UploadTask task("http://127.0.0.1:1/x", write("upload", "12345"));
+  task.setMaxSz(4);
+  ASSERT_TRUE(begin(task));
   EXPECT_THAT(task.events, ElementsAre("check", "start", "prepare", "failure 6 0"));
 }
 
-TEST_F(TransferFailureTest, DeadlineItselfIsInTime) {
-  RecordingTask task("http://127.0.0.1:1/x", "");
-  task.setKind(false);
-  task.prepared = false;
-  ASSERT_TRUE(service().add(&task));
-  fakes::platform().nowMs += task.timeout();
-  service().service(0);
-  EXPECT_EQ(task.outcome(), "");
-  fakes::platform().nowMs += 1;
-  service().service(0);
-  EXPECT_EQ(task.outcome(), "failure 5 0");
-}
-
 TEST_F(TransferFailureTest, LateTransferIsCancelledAndReportedOnce) {
-  RawServer server(silent);
+  RawServer server(stalling());
   RecordingTask task(server.uri(), path("file"));
   ASSERT_TRUE(service().add(&task));
   ASSERT_TRUE(turnUntil([&] { return server.requests().size() == 1; }));
@@ -59,8 +55,7 @@ TEST_F(TransferFailureTest, LateTransferIsCancelledAndReportedOnce) {
 
   // The engine has let go of the URI and the file.
   RecordingTask next(server.uri(), path("file"));
-  ASSERT_TRUE(service().add(&next));
-  service().service(0);
+  ASSERT_TRUE(begin(next));
   EXPECT_TRUE(next.inTransfer());
 }
 
@@ -80,31 +75,22 @@ TEST_F(TransferFailureTest, UnfinishedTaskTimesOut) {
 
 TEST_F(TransferFailureTest, AnnouncedSizeOverLimitWritesNothing) {
   RawServer server(answering(okResponse(noise(1001))));
-  RecordingTask task(server.uri(), path("file"));
-  task.setMaxSz(1000);
-  EXPECT_EQ(run(task), "failure 6 0");
-  EXPECT_THAT(logLines(), ElementsAre(failed(task, "TRANSFER_TOOLARGE(6)", 0)));
+  EXPECT_EQ(fetch(server, 1000), "failure 6 0");
+  EXPECT_THAT(logLines(), ElementsAre(failureLine(server.uri(), "TRANSFER_TOOLARGE(6)", 0)));
   EXPECT_EQ(readFile(path("file")), "");
 }
 
 TEST_F(TransferFailureTest, AnnouncedSizeAtLimitPasses) {
   RawServer server(answering(okResponse(noise(1000))));
-  RecordingTask task(server.uri(), path("file"));
-  task.setMaxSz(1000);
-  EXPECT_EQ(run(task), "success");
+  EXPECT_EQ(fetch(server, 1000), "success");
   EXPECT_EQ(readFile(path("file")), noise(1000));
 }
 
 TEST_F(TransferFailureTest, UnknownSizeStopsAtFirstChunkOverLimit) {
   const std::string body = noise(1'000'000);
-  RawServer server([&](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\n\r\n" + body);
-  });
-  RecordingTask task(server.uri(), path("file"));
-  task.setMaxSz(100'000);
-  EXPECT_EQ(run(task), "failure 6 0");
-  EXPECT_THAT(logLines(), ElementsAre(failed(task, "TRANSFER_TOOLARGE(6)", 0)));
+  RawServer server(once("HTTP/1.1 200 OK\r\n\r\n" + body));
+  EXPECT_EQ(fetch(server, 100'000), "failure 6 0");
+  EXPECT_THAT(logLines(), ElementsAre(failureLine(server.uri(), "TRANSFER_TOOLARGE(6)", 0)));
   const std::string written = readFile(path("file"));
   EXPECT_GT(written.size(), 100'000U);
   EXPECT_LE(written.size(), 100'000U + CURL_MAX_WRITE_SIZE);
@@ -112,21 +98,15 @@ TEST_F(TransferFailureTest, UnknownSizeStopsAtFirstChunkOverLimit) {
 }
 
 TEST_F(TransferFailureTest, UnknownSizeThatReachesLimitPasses) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\n\r\n" + noise(1000));
-  });
-  RecordingTask task(server.uri(), path("file"));
-  task.setMaxSz(1);
-  EXPECT_EQ(run(task), "success");
+  RawServer server(once("HTTP/1.1 200 OK\r\n\r\n" + noise(1000)));
+  EXPECT_EQ(fetch(server, 1), "success");
   EXPECT_EQ(readFile(path("file")).size(), 1000U);
 }
 
 TEST_F(TransferFailureTest, AnnouncedSizeOfZeroIsUnknown) {
   RecordingTask task("http://127.0.0.1:1/x", path("file"));
   task.setMaxSz(3);
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   unsigned char data[] = "data";
   EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 4, 0));
   EXPECT_EQ(task.outcome(), "failure 6 0");
@@ -134,8 +114,7 @@ TEST_F(TransferFailureTest, AnnouncedSizeOfZeroIsUnknown) {
 
 TEST_F(TransferFailureTest, ZeroLimitIsUnlimited) {
   RecordingTask task("http://127.0.0.1:1/x", path("file"));
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   task.setMaxSz(0);
   unsigned char data[] = "data";
   EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 0, 1'000'000));
@@ -145,11 +124,10 @@ TEST_F(TransferFailureTest, ZeroLimitIsUnlimited) {
 }
 
 TEST_F(TransferFailureTest, ChunksOfEndingTaskAreDropped) {
-  RawServer server(silent);
+  RawServer server(stalling());
   RecordingTask task(server.uri(), path("file"));
   task.setMaxSz(3);
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   unsigned char data[] = "data";
   EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 4, -1));
   EXPECT_TRUE(service().SignalBytesAvailable(task.uri(), data, 4, 0, -1));
@@ -166,8 +144,7 @@ TEST_F(TransferFailureTest, ChunksOfEndingTaskAreDropped) {
 
 TEST_F(TransferFailureTest, UnopenableFileFailsTask) {
   RecordingTask task("http://127.0.0.1:1/x", path("missing/file"));
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   EXPECT_EQ(task.outcome(), "failure 1 0");
   EXPECT_FALSE(service().existsUri(task.uri()));
   EXPECT_THAT(logLines(),
@@ -176,10 +153,9 @@ TEST_F(TransferFailureTest, UnopenableFileFailsTask) {
 }
 
 TEST_F(TransferFailureTest, FailedCancelStillRemovesTask) {
-  RawServer server(silent);
+  RawServer server(stalling());
   RecordingTask task(server.uri(), path("file"));
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   passDeadline(task);
   curlFaults().removeHandle = CURLM_BAD_EASY_HANDLE;
   service().service(0);

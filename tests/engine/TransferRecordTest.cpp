@@ -1,11 +1,9 @@
 // What the record of a transfer says where the words are those of libcurl and of the system.
 
-#include <sys/resource.h>
-
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 
+#include "../../platform/utils/files/tests/FileSizeLimit.h"
 #include "CurlFaults.h"
 #include "TlsFiles.h"
 #include "TransferServiceTest.h"
@@ -93,17 +91,14 @@ TEST_F(TransferRecordTest, WrongCertificateIsNamed) {
 }
 
 TEST_F(TransferRecordTest, TimeOutOfLibcurlIsNamed) {
-  RawServer server(silent);
+  RawServer server(stalling());
   RecordingTask task(server.uri(), path("file"));
   task.setTimeout(1000);
   EXPECT_THAT(told(task), AllOf(StartsWith("TRANSFER_TIMEOUT: "), HasSubstr("timed out")));
 }
 
 TEST_F(TransferRecordTest, BodyThatEndsEarlyIsNamed) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n1234567");
-  });
+  RawServer server(once("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n1234567"));
   EXPECT_THAT(fetch(server.uri()), AllOf(StartsWith("TRANSFER_FAILED: "), HasSubstr("93 bytes")));
   EXPECT_EQ(record().transferred, 7U);
   EXPECT_EQ(record().size, 100U);
@@ -111,15 +106,13 @@ TEST_F(TransferRecordTest, BodyThatEndsEarlyIsNamed) {
 }
 
 TEST_F(TransferRecordTest, UploadWithoutAnswerIsNamed) {
-  RawServer server([](Connection& connection) { connection.readRequest(); });
-  RecordingTask task(server.uri(), write("upload", "content"));
-  task.setKind(false);
+  RawServer server(once(""));
+  UploadTask task(server.uri(), write("upload", "content"));
   EXPECT_EQ(told(task), "TRANSFER_FAILED: Empty reply from server.");
 }
 
 TEST_F(TransferRecordTest, UploadWithoutFileIsNamed) {
-  RecordingTask task("http://127.0.0.1:1/x", "");
-  task.setKind(false);
+  UploadTask task("http://127.0.0.1:1/x", "");
   EXPECT_EQ(told(task), "TRANSFER_FAILED: There is no file to transfer.");
 }
 
@@ -130,7 +123,7 @@ TEST_F(TransferRecordTest, UnconnectedWithoutCauseIsNamed) {
 }
 
 TEST_F(TransferRecordTest, CancelledTransferFailsItsTask) {
-  RawServer server(silent);
+  RawServer server(stalling());
   RecordingTask task(server.uri(), path("file"));
   recordOf(task);
   EXPECT_EQ(service().records().cancel(number_), ctlserver::TransferRecords::Cancel::Finalising)
@@ -141,32 +134,18 @@ TEST_F(TransferRecordTest, CancelledTransferFailsItsTask) {
 }
 
 TEST_F(TransferRecordTest, FullDiskIsNamed) {
-  signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-  rlimit tight = before;
-  tight.rlim_cur = 1000;
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+  const tests::FileSizeLimit limit(1000);
   RawServer server(answering(okResponse(noise(5000))));
-  const std::string outcome = fetch(server.uri());
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-  EXPECT_EQ(outcome, "DISK_IO_FAILED: The file could not be written: File too large.");
-  EXPECT_THAT(logLines(), ElementsAre("4 TransferService.cancel: Transfer task failed, name=task, "
-                                      "uri=" +
-                                      server.uri() + ", reason=DISK_IO_FAILED(2), httpCode=200"));
+  EXPECT_EQ(fetch(server.uri()), "DISK_IO_FAILED: The file could not be written: File too large.");
+  EXPECT_THAT(logLines(), ElementsAre(failureLine(server.uri(), "DISK_IO_FAILED(2)", 200)));
 }
 
 TEST_F(TransferRecordTest, FileThatShrinksIsNamed) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send(okResponse(""));
-  });
+  RawServer server(answering(okResponse("")));
   const std::string file = write("upload", noise(100'000));
-  RecordingTask task(server.uri(), file);
-  task.setKind(false);
+  UploadTask task(server.uri(), file);
   recordOf(task);
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   EXPECT_EQ(record().size, 100'000U);
   EXPECT_EQ(record().transferred, 0U);
   std::filesystem::resize_file(file, 10);
@@ -176,9 +155,7 @@ TEST_F(TransferRecordTest, FileThatShrinksIsNamed) {
   EXPECT_EQ(task.outcome(), "failure 1 0");
   EXPECT_THAT(logLines(),
               ElementsAre("3 multihttp.FillUploadBuffer: Error reading file, uri=" + server.uri(),
-                          "4 basehttp.Service: Unexpected curl error: CURLcode = 42",
-                          "4 TransferService.cancel: Transfer task failed, name=task, uri=" +
-                              server.uri() + ", reason=TRANSFER_FAILED(1), httpCode=0"));
+                          curlErrorLine(42), failureLine(server.uri(), "TRANSFER_FAILED(1)", 0)));
   EXPECT_EQ(fakes::platform().log.front().error, EIO);
 }
 
@@ -194,10 +171,7 @@ TEST_F(TransferRecordTest, HeaderFloodIsNamed) {
 }
 
 TEST_F(TransferRecordTest, UnannouncedSizeBeyondLimitIsNamed) {
-  RawServer server([](Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 404 Not Found\r\n\r\n" + noise(1'000'000));
-  });
+  RawServer server(once("HTTP/1.1 404 Not Found\r\n\r\n" + noise(1'000'000)));
   RecordingTask task(server.uri(), path("file"));
   task.setMaxSz(1000);
   EXPECT_THAT(told(task),
@@ -212,10 +186,6 @@ TEST_F(TransferRecordTest, RegistrationThatLibcurlRefusesIsNamed) {
   EXPECT_EQ(fetch("http://127.0.0.1:1/x"), "TRANSFER_FAILED: Out of memory.");
   curlFaults() = {};
   curlFaults().option = CURLOPT_URL;
-  EXPECT_EQ(fetch("http://127.0.0.1:1/y"),
-            "TRANSFER_FAILED: The URI or the file " + path("file") +
-                " is in use by another transfer, or held by one that could not start; "
-                "`kovactl exit-service` frees it.");
   RecordingTask task("http://127.0.0.1:1/z", path("other"));
   EXPECT_EQ(told(task), "TRANSFER_FAILED: Libcurl refused an option (Out of memory).");
 }

@@ -100,11 +100,9 @@ TEST_F(TransferServiceTest, SuccessFreesNameBeforeUri) {
 
 TEST_F(TransferServiceTest, UploadIsPreparedUntilReady) {
   RawServer server(answering(okResponse("")));
-  RecordingTask task(server.uri(), "");
-  task.setKind(false);
+  UploadTask task(server.uri(), "");
   task.prepared = false;
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  ASSERT_TRUE(begin(task));
   service().service(0);
   EXPECT_EQ(task.count("prepare"), 2U);
   EXPECT_FALSE(task.inTransfer());
@@ -118,8 +116,7 @@ TEST_F(TransferServiceTest, UploadIsPreparedUntilReady) {
 
 TEST_F(TransferServiceTest, UploadCanTurnIntoDownload) {
   RawServer server(answering(okResponse("body")));
-  RecordingTask task(server.uri(), path("file"));
-  task.setKind(false);
+  UploadTask task(server.uri(), path("file"));
   task.duringPrepare = [&] { task.setKind(true); };
   EXPECT_EQ(run(task), "success");
   EXPECT_THAT(server.requests().at(0).head, ::testing::StartsWith("GET "));
@@ -141,7 +138,7 @@ TEST_F(TransferServiceTest, UnknownUrisAreLogged) {
 }
 
 TEST_F(TransferServiceTest, DestroyedServiceLeavesItsTasks) {
-  RawServer server(silent);
+  RawServer server(stalling());
   RecordingTask task(server.uri(), path("file"));
   ASSERT_TRUE(service().add(&task));
   ASSERT_TRUE(turnUntil([&] { return server.requests().size() == 1; }));

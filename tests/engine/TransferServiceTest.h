@@ -12,11 +12,6 @@ namespace kova::engine {
 
 class TransferServiceTest : public EngineTest {
  protected:
-  /// Takes requests and never answers.
-  static void silent(Connection& connection) {
-    connection.readRequest();
-    connection.awaitClose();
-  }
   bool gone(const RecordingTask& task) {
     return turnUntil([&] { return !service().existsUri(task.uri()); });
   }
@@ -25,10 +20,6 @@ class TransferServiceTest : public EngineTest {
   }
   static std::string timeout(const std::string& phase, const RecordingTask& task) {
     return "4 TransferService.service: Timeout " + phase + ", task=task, uri=" + task.uri();
-  }
-  static std::string failed(const RecordingTask& task, const std::string& reason, int httpCode) {
-    return "4 TransferService.cancel: Transfer task failed, name=task, uri=" + task.uri() +
-           ", reason=" + reason + ", httpCode=" + std::to_string(httpCode);
   }
 };
 

@@ -17,8 +17,8 @@ class UploadTest : public EngineTest {
   /// Uploads the file at `file` to `uri`.
   std::string send(const std::string& uri, const std::string& file,
                    const variant::Variant& fields = {}) {
-    RecordingTask task(uri, file);
-    task.setKind(false).setFormFields(fields);
+    UploadTask task(uri, file);
+    task.setFormFields(fields);
     return run(task);
   }
 
@@ -36,18 +36,37 @@ class UploadTest : public EngineTest {
     }
     return body + boundary + "--\r\n";
   }
+  /// Expects that the server was asked once, with this file alone.
+  static void expectOnlyFile(const RawServer& server, const std::string& content) {
+    ASSERT_EQ(server.requests().size(), 1U);
+    const RawRequest request = server.requests().front();
+    EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+  }
 };
+
+/// A script that answers a first connection as soon as the head is there, and the next when all is.
+RawServer::Script answeringEarly(std::string response) {
+  return [response = std::move(response)](Connection& connection) {
+    if (connection.number() == 0) {
+      connection.readHead();
+      connection.send(response);
+      connection.awaitClose();
+    } else {
+      connection.readRequest();
+      connection.send(okResponse(""));
+    }
+  };
+}
 
 TEST_F(UploadTest, FormWithoutFieldsHoldsOnlyFile) {
   const std::string content = noise(200'000);
   for (const auto& fields : {variant::Variant(), variant::Variant(variant::Variant::Map{})}) {
     RawServer server(answering(okResponse("")));
     EXPECT_EQ(send(server.uri("/up"), write("file", content), fields), "success");
-    ASSERT_EQ(server.requests().size(), 1U);
-    const RawRequest request = server.requests().front();
+    expectOnlyFile(server, content);
+    const RawRequest request = server.requests().at(0);
     EXPECT_THAT(request.head, ::testing::StartsWith("POST /up HTTP/1.1\r\n"));
     EXPECT_EQ(request.header("Content-Length"), std::to_string(request.body.size()));
-    EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
   }
   EXPECT_THAT(logLines(), IsEmpty());
 }
@@ -71,25 +90,16 @@ TEST_F(UploadTest, NonMapFieldsAreOmitted) {
   variant::Variant list;
   list.pushToArray("text");
   EXPECT_EQ(send(server.uri(), write("file", "content"), list), "success");
-  const RawRequest request = server.requests().at(0);
-  EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));
+  expectOnlyFile(server, "content");
 }
 
-TEST_F(UploadTest, SmallestFilesBecomeParts) {
-  RawServer server(answering(okResponse("")));
-  for (const std::string content : {"", "x"}) {
+TEST_F(UploadTest, FilesOfAnySizeArriveComplete) {
+  for (const std::size_t size : {0UL, 1UL, 50UL * 1024 * 1024}) {
+    RawServer server(answering(okResponse("")));
+    const std::string content = noise(size);
     EXPECT_EQ(send(server.uri(), write("file", content)), "success");
-    const RawRequest request = server.requests().back();
-    EXPECT_EQ(request.body, form(request, {{"payload", content}}));
+    expectOnlyFile(server, content);
   }
-}
-
-TEST_F(UploadTest, FiftyMebibytesArriveComplete) {
-  RawServer server(answering(okResponse("")));
-  const std::string content = noise(50UL * 1024 * 1024);
-  EXPECT_EQ(send(server.uri(), write("file", content)), "success");
-  const RawRequest request = server.requests().at(0);
-  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
 }
 
 TEST_F(UploadTest, MissingContinueDoesNotBlockUpload) {
@@ -97,17 +107,13 @@ TEST_F(UploadTest, MissingContinueDoesNotBlockUpload) {
   RawServer server(answering(okResponse("")));
   const std::string content = noise(2'000'000);
   EXPECT_EQ(send(server.uri(), write("file", content)), "success");
-  const RawRequest request = server.requests().at(0);
-  EXPECT_EQ(request.header("Expect"), "100-continue");
-  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+  expectOnlyFile(server, content);
+  EXPECT_EQ(server.requests().at(0).header("Expect"), "100-continue");
 }
 
 TEST_F(UploadTest, RefusedExpectationEndsUploadWithResponse) {
-  RawServer server([](Connection& connection) {
-    connection.readHead();
-    connection.send("HTTP/1.1 413 Too Large\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-    connection.awaitClose();
-  });
+  RawServer server(
+      answeringEarly("HTTP/1.1 413 Too Large\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"));
   EXPECT_EQ(send(server.uri(), write("file", noise(2'000'000))), "success");
   EXPECT_EQ(server.connections(), 1U);
 }
@@ -115,14 +121,11 @@ TEST_F(UploadTest, RefusedExpectationEndsUploadWithResponse) {
 TEST_F(UploadTest, GrowingFileIsSentAtInitialSize) {
   RawServer server(answering(okResponse("")));
   const std::string file = write("file", "content");
-  RecordingTask task(server.uri(), file);
-  task.setKind(false);
-  ASSERT_TRUE(service().add(&task));
-  service().service(0);
+  UploadTask task(server.uri(), file);
+  ASSERT_TRUE(begin(task));
   write("file", "content and more");
   ASSERT_TRUE(turnUntil([&] { return !task.outcome().empty(); }));
-  const RawRequest request = server.requests().at(0);
-  EXPECT_EQ(request.body, form(request, {{"payload", "content"}}));
+  expectOnlyFile(server, "content");
 }
 
 TEST_F(UploadTest, UploadCutByServerFails) {
@@ -149,8 +152,8 @@ RawServer::Script sendingOn(int status) {
 TEST_F(UploadTest, SentBodyIsNotResentAfterRedirection) {
   for (const int status : {307, 308}) {
     RawServer server(sendingOn(status));
-    RecordingTask task(server.uri(), write("file", "content"));
-    task.setKind(false).setTimeout(1000);
+    UploadTask task(server.uri(), write("file", "content"));
+    task.setTimeout(1000);
     EXPECT_EQ(run(task), "failure 5 " + std::to_string(status));
     ASSERT_EQ(server.requests().size(), 1U) << "the second is never whole";
     EXPECT_THAT(server.requests()[0].body, HasSubstr("content"));
@@ -169,34 +172,16 @@ TEST_F(UploadTest, RedirectionAfterUploadOnlyFetchesResponse) {
 }
 
 TEST_F(UploadTest, UnsentBodyFollowsRedirection) {
-  RawServer server([](Connection& connection) {
-    if (connection.number() == 0) {
-      connection.readHead();  // with "Expect: 100-continue"
-      connection.send(
-          "HTTP/1.1 307 Moved\r\nLocation: /elsewhere\r\nConnection: close\r\n"
-          "Content-Length: 0\r\n\r\n");
-    } else {
-      connection.readRequest();
-      connection.send(okResponse(""));
-    }
-  });
-  const std::string content = noise(2'000'000);
+  RawServer server(
+      answeringEarly("HTTP/1.1 307 Moved\r\nLocation: /elsewhere\r\nConnection: close\r\n"
+                     "Content-Length: 0\r\n\r\n"));
+  const std::string content = noise(2'000'000);  // announced by "Expect: 100-continue"
   EXPECT_EQ(send(server.uri(), write("file", content)), "success");
-  const RawRequest request = server.requests().at(0);
-  EXPECT_TRUE(request.body == form(request, {{"payload", content}}));
+  expectOnlyFile(server, content);
 }
 
 TEST_F(UploadTest, EarlyResponseSwallowsNoOtherUpload) {
-  RawServer server([](Connection& connection) {
-    if (connection.number() == 0) {
-      connection.readHead();
-      connection.send(okResponse(""));
-      connection.awaitClose();
-    } else {
-      connection.readRequest();
-      connection.send(okResponse(""));
-    }
-  });
+  RawServer server(answeringEarly(okResponse("")));
   EXPECT_EQ(send(server.uri("/1"), write("1", noise(100'000))), "success");
   EXPECT_EQ(send(server.uri("/2"), write("2", "second")), "success");
   ASSERT_EQ(server.requests().size(), 1U);

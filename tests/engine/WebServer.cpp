@@ -18,26 +18,18 @@ bool configure(SSL_CTX& context, const TlsSetup& tls) {
          SSL_CTX_use_PrivateKey(&context, tls.identity->key.get()) == 1;
 }
 
-std::unique_ptr<httplib::Server> makeServer(const TlsSetup& tls) {
-  if (tls.identity == nullptr) {
-    return std::make_unique<httplib::Server>();
-  }
-  return std::make_unique<httplib::SSLServer>(
-      [&tls](SSL_CTX& context) { return configure(context, tls); });
-}
-
 }  // namespace
 
 WebServer::WebServer(const TlsSetup& tls)
-    : server_(makeServer(tls)), scheme_(tls.identity == nullptr ? "http" : "https") {
-  server_->set_keep_alive_max_count(tls.keptAlive ? 100 : 1);
+    : server_([&tls](SSL_CTX& context) { return configure(context, tls); }) {
+  server_.set_keep_alive_max_count(tls.keptAlive ? 100 : 1);
   // The server's own log comes after the answer: the client may have asked for the list by then.
-  server_->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
+  server_.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
     const std::lock_guard lock(mutex_);
     requests_.push_back(request.method + " " + request.path);
     return httplib::Server::HandlerResponse::Unhandled;
   });
-  port_ = server_->bind_to_any_port("127.0.0.1");
+  port_ = server_.bind_to_any_port("127.0.0.1");
   if (port_ <= 0) {
     throw std::runtime_error("cannot listen on the loopback interface");
   }
@@ -45,20 +37,20 @@ WebServer::WebServer(const TlsSetup& tls)
 
 WebServer::~WebServer() {
   if (thread_.joinable()) {
-    server_->stop();
+    server_.stop();
     thread_.join();
   }
 }
 
 void WebServer::start() {
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
-  while (!server_->is_running()) {
+  thread_ = std::thread([this] { server_.listen_after_bind(); });
+  while (!server_.is_running()) {
     std::this_thread::yield();
   }
 }
 
 std::string WebServer::uri(const std::string& path, const std::string& host) const {
-  return scheme_ + "://" + host + ":" + std::to_string(port_) + path;
+  return "https://" + host + ":" + std::to_string(port_) + path;
 }
 
 std::vector<std::string> WebServer::requests() const {

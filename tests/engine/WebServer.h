@@ -2,7 +2,6 @@
 
 #include <httplib.h>
 
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -14,23 +13,23 @@ namespace kova::engine {
 
 /// How a WebServer speaks TLS.
 struct TlsSetup {
-  const Identity* identity = nullptr;  ///< what it shows; null speaks plain HTTP
+  const Identity* identity = nullptr;  ///< what it shows
   const Identity* clientCa = nullptr;  ///< demands a client certificate of this authority
   int version = 0;                     ///< the only protocol version, 0 for any (TLS1_2_VERSION)
   bool keptAlive = false;              ///< serves further requests of a connection
 };
 
-/// An ordinary HTTP or HTTPS server on a free port of the loopback interface, on threads of its
-/// own. Handlers are added to `server` before start(). Each connection serves one request unless
-/// the setup says otherwise.
+/// An ordinary HTTPS server on a free port of the loopback interface, on threads of its own.
+/// Handlers are added to `server` before start(). Each connection serves one request unless the
+/// setup says otherwise.
 class WebServer {
  public:
-  explicit WebServer(const TlsSetup& tls = {});
+  explicit WebServer(const TlsSetup& tls);
   ~WebServer();
   WebServer(const WebServer&) = delete;
   WebServer& operator=(const WebServer&) = delete;
 
-  httplib::Server& server() { return *server_; }
+  httplib::Server& server() { return server_; }
   void start();
   /// @param host a name or address of the loopback interface
   std::string uri(const std::string& path, const std::string& host = "127.0.0.1") const;
@@ -38,8 +37,7 @@ class WebServer {
   std::vector<std::string> requests() const;
 
  private:
-  std::unique_ptr<httplib::Server> server_;
-  std::string scheme_;
+  httplib::SSLServer server_;
   int port_ = 0;
   std::thread thread_;
   mutable std::mutex mutex_;

@@ -1,20 +1,14 @@
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "DisplayText.h"
+#include "Require.h"
 #include "kova/utils/Utf8.h"
 
 using namespace kova::ctlserver;
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 /// Whether `text` is UTF-8 without control characters.
 bool isShowable(std::string_view text) {

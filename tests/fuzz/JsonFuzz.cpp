@@ -1,7 +1,7 @@
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
+#include "Require.h"
 #include "kova/variant/Variant.h"
 
 // Whatever parses is written and parsed again to the same value.
@@ -11,15 +11,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Variant value("kept");
   const int read = Variant::FromJSON(text, value);
   if (read < 0) {
-    if (!(value == Variant("kept"))) {
-      std::abort();
-    }
+    require(value == Variant("kept"));
     return 0;
   }
   Variant again;
-  if (read != static_cast<int>(size) || Variant::FromJSON(value.toJson(), again) < 0 ||
-      !(again == value)) {
-    std::abort();
-  }
+  require(read == static_cast<int>(size));
+  require(Variant::FromJSON(value.toJson(), again) >= 0 && again == value);
   return 0;
 }

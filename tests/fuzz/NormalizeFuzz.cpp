@@ -1,8 +1,8 @@
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "Require.h"
 #include "kova/messages/Catalog.h"
 
 using kova::variant::Variant;
@@ -86,12 +86,6 @@ class Source {
   std::size_t left_;
 };
 
-void check(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
 }  // namespace
 
 // Every class makes of any value a map that has every key of its schema and that normalising once
@@ -110,13 +104,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   auto message = chosen.make(content);
   message->NormalizeFields();
-  check(message->isMap());
-  check(*message->find("functionName") == Variant(chosen.name));
+  require(message->isMap());
+  require(*message->find("functionName") == Variant(chosen.name));
   for (const auto& field : chosen.fields) {
-    check(message->find(field.key) != nullptr);
+    require(message->find(field.key) != nullptr);
   }
   const std::string once = message->toJson();
   message->NormalizeFields();
-  check(message->toJson() == once);
+  require(message->toJson() == once);
   return 0;
 }

@@ -1,23 +1,13 @@
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "../../platform/ipc/src/BusText.h"
 #include "../../platform/ipc/src/ObjectServer.h"
+#include "Require.h"
 
 // An input is the path of an object below a folder, and also a text to be shown. Only the canonical
 // path of a number names one; what is shown is valid, bounded, and shown again the same.
-
-namespace {
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

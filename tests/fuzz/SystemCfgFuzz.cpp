@@ -2,19 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 
 #include "../../platform/syscfg/src/ConfigText.h"
+#include "Require.h"
 
 using namespace kova::syscfg;
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 // What set() lets in comes back from the file as the same one setting.
 void checkSetting(const ConfigLine& setting) {

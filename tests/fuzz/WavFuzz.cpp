@@ -4,19 +4,13 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 
 #include "../../platform/utils/files/src/WavHeader.h"
+#include "Require.h"
 
 namespace {
 
 constexpr int kMostReads = 1026;
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 }  // namespace
 

@@ -1,10 +1,10 @@
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "../../platform/ipc/src/Wire.h"
 #include "../../platform/ipc/tests/OfflineBus.h"
+#include "Require.h"
 
 // An input is a message as it might come off the bus: the length of the signature in one byte, the
 // signature, the body. It is read as an answer of a foreign interface, and what can be decoded as a
@@ -16,12 +16,6 @@ using kova::ipc::MessagePtr;
 using kova::ipc::testing::OfflineBus;
 using kova::variant::Variant;
 namespace wire = kova::ipc::wire;
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 unsigned depthOf(const Variant& value) {
   unsigned deepest = 0;

@@ -47,15 +47,7 @@ class BusMonitorTest : public BusTest {
     ASSERT_TRUE(wire::encode(Variant(Variant::Map{{"forged", true}}), created, reason));
     ASSERT_GE(sd_bus_message_set_destination(created, caller.c_str()), 0);
     ASSERT_GE(sd_bus_send(intruder.bus(), created, nullptr), 0);
-    ASSERT_GE(sd_bus_call_method(intruder.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                 "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, ""),
-              0);
-  }
-
-  static std::string nameOf(Stranger& client) {
-    const char* unique = "";
-    EXPECT_GE(sd_bus_get_unique_name(client.bus(), &unique), 0);
-    return unique;
+    ASSERT_GE(awaitBus(intruder.bus()), 0);
   }
 
   static void ignore(const SeenMessage&) {}
@@ -65,17 +57,14 @@ class BusMonitorTest : public BusTest {
 };
 
 TEST_F(BusMonitorTest, ShowsCallsAndAnswersByEndpoint) {
-  Recorder handler(&ipc_);
-  ipc_.AddHandler("Tell", &handler);
+  Recorder handler(&ipc_, "Tell");
   join();
   openMonitor();
   Ipc later;
   Ledger ledger(&later);
   ASSERT_TRUE(later.Init("later", false, &ledger));
   serviced_.push_back(&later);
-  BaseRequestMessage request;
-  request.functionName("Tell");
-  request.to("test");
+  BaseRequestMessage request = to("test");
   request.responseExpected(true);
   ASSERT_TRUE(later.SendRequest(request));
   ASSERT_TRUE(untilSeen(2));
@@ -92,13 +81,11 @@ TEST_F(BusMonitorTest, ShowsErrorsBroadcastsAndNamelessClients) {
   join();
   openMonitor();
   call("Unknown");
-  BaseRequestMessage event;
-  event.functionName("Event");
+  BaseRequestMessage event = to("");
   event.isBroadcast(true);
   ASSERT_TRUE(ipc_.SendRequest(event));
   ASSERT_TRUE(untilSeen(3));
-  const char* unique = nullptr;
-  sd_bus_get_unique_name(stranger_.bus(), &unique);
+  const std::string unique = stranger_.name();
   EXPECT_EQ(seen_[0].kind, Kind::Call);
   EXPECT_EQ(seen_[0].sender, unique);
   EXPECT_EQ(seen_[1].kind, Kind::Error);
@@ -138,10 +125,9 @@ TEST_F(BusMonitorTest, ShowsUndecodableMessageWithoutBody) {
 TEST_F(BusMonitorTest, ForgedOwnerNamesNobody) {
   join();
   openMonitor();
-  const char* unique = nullptr;
-  ASSERT_GE(sd_bus_get_unique_name(stranger_.bus(), &unique), 0);
+  const std::string unique = stranger_.name();
   ASSERT_GE(sd_bus_emit_signal(stranger_.bus(), "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                               "NameOwnerChanged", "sss", "kova.other", "", unique),
+                               "NameOwnerChanged", "sss", "kova.other", "", unique.c_str()),
             0);
   call("Unknown");
   ASSERT_TRUE(untilSeen(2));
@@ -150,13 +136,12 @@ TEST_F(BusMonitorTest, ForgedOwnerNamesNobody) {
 }
 
 TEST_F(BusMonitorTest, OnlyCalledEndpointAnswers) {
-  Recorder handler(&ipc_);
-  ipc_.AddHandler("Tell", &handler);
+  Recorder handler(&ipc_, "Tell");
   ASSERT_TRUE(ipc_.Init("test", false, nullptr));
   openMonitor();
   const MessagePtr call = seenCall("test", 1);
   Stranger intruder;
-  answer(intruder, nameOf(stranger_), call.get());
+  answer(intruder, stranger_.name(), call.get());
   serviced_.push_back(&ipc_);
   ASSERT_TRUE(untilSeen(2));
   EXPECT_EQ(seen_[1].kind, Kind::Answer);
@@ -168,10 +153,10 @@ TEST_F(BusMonitorTest, OnlyExpectedAnswersAreShownOnceEach) {
   std::optional<Stranger> endpoint(std::in_place);
   ASSERT_GE(sd_bus_request_name(endpoint->bus(), "kova.other", 0), 0);
   const MessagePtr answered = seenCall("other", 1);
-  answer(*endpoint, nameOf(stranger_), answered.get());
-  answer(*endpoint, nameOf(stranger_), answered.get());
+  answer(*endpoint, stranger_.name(), answered.get());
+  answer(*endpoint, stranger_.name(), answered.get());
   const MessagePtr told = seenCall("other", 3, false);
-  answer(*endpoint, nameOf(stranger_), told.get());
+  answer(*endpoint, stranger_.name(), told.get());
   // The bus answers for an endpoint that has left.
   seenCall("other", 4);
   endpoint.reset();
@@ -188,7 +173,7 @@ TEST_F(BusMonitorTest, CallsOfClientThatLeftAreForgotten) {
   Stranger endpoint;
   ASSERT_GE(sd_bus_request_name(endpoint.bus(), "kova.other", 0), 0);
   std::optional<Stranger> client(std::in_place);
-  const std::string name = nameOf(*client);
+  const std::string name = client->name();
   const MessagePtr call = client->newCall("other");
   ASSERT_GE(sd_bus_message_append(call.get(), "a{sv}", 0), 0);
   client->start(call.get());

@@ -35,8 +35,7 @@ class Publisher {
     EXPECT_GE(sd_bus_message_append(created, "a{os}", 1, "/kova", "text"), 0);
     EXPECT_GE(sd_bus_send_to(bus_.get(), created, destination, nullptr), 0);
     // The bus has passed the signal on once it answers.
-    sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                       "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
+    awaitBus(bus_.get());
   }
 
   std::string caller;              ///< unique name of the last one
@@ -93,6 +92,11 @@ class BusObjectsTest : public ::testing::Test {
     EXPECT_TRUE(until(publisher, [this] { return !answers_.empty(); }));
     return answers_.empty() ? BusObjects::Answer{} : answers_.back();
   }
+  BusObjects::Answer readAll(Publisher* publisher, std::uint32_t patienceMs = kPatienceMs) {
+    answers_.clear();
+    EXPECT_TRUE(objects_.readAll(patienceMs, keep()));
+    return answered(publisher);
+  }
 
   PrivateBus bus_;
   BusObjects objects_{"published"};
@@ -123,8 +127,7 @@ TEST_F(BusObjectsTest, ReadsAllObjectsByPath) {
     return sd_bus_message_append(reply, "a{oa{sa{sv}}}", 2, "/kova/transfers/1", 1,
                                  "kova.Transfer1", 1, "Kind", "s", "logo", "/kova/transfers/2", 0);
   });
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  const Variant all = answered(&publisher).value;
+  const Variant all = readAll(&publisher).value;
   ASSERT_EQ(all.Size(), 2U);
   EXPECT_EQ(all.find("/kova/transfers/1")->find("kova.Transfer1")->find("Kind")->toText(), "logo");
   EXPECT_EQ(publisher.calls,
@@ -158,10 +161,8 @@ TEST_F(BusObjectsTest, OversizedAndOddAnswersAreErrors) {
       [](sd_bus_message* reply) { return sd_bus_message_append(reply, "a{us}", 1, 7U, "x"); },
   };
   for (const auto& compose : odd) {
-    answers_.clear();
     Publisher publisher(compose);
-    ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-    const auto answer = answered(&publisher);
+    const auto answer = readAll(&publisher);
     EXPECT_EQ(answer.error, "kova.Error.InvalidMessage");
     EXPECT_NE(answer.text, "");
     EXPECT_TRUE(answer.value.isEmpty());
@@ -169,12 +170,9 @@ TEST_F(BusObjectsTest, OversizedAndOddAnswersAreErrors) {
 }
 
 TEST_F(BusObjectsTest, AbsentAndMuteEndpointsAreErrors) {
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  EXPECT_EQ(answered(nullptr).error, "org.freedesktop.DBus.Error.ServiceUnknown");
-  answers_.clear();
+  EXPECT_EQ(readAll(nullptr).error, "org.freedesktop.DBus.Error.ServiceUnknown");
   const Publisher mute(nullptr);
-  ASSERT_TRUE(objects_.readAll(50, keep()));
-  EXPECT_EQ(answered(nullptr).error, "org.freedesktop.DBus.Error.NoReply");
+  EXPECT_EQ(readAll(nullptr, 50).error, "org.freedesktop.DBus.Error.NoReply");
 }
 
 TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
@@ -192,16 +190,11 @@ TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
 TEST_F(BusObjectsTest, KeepsToOneProcess) {
   const Publisher::Compose empty = [](sd_bus_message*) { return 0; };
   auto first = std::make_unique<Publisher>(empty);
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  objects_.keepTo(answered(first.get()).sender);
-  answers_.clear();
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  EXPECT_EQ(answered(first.get()).error, "");
+  objects_.keepTo(readAll(first.get()).sender);
+  EXPECT_EQ(readAll(first.get()).error, "");
   first.reset();
-  answers_.clear();
   Publisher second(empty);
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  EXPECT_EQ(answered(&second).error, "org.freedesktop.DBus.Error.ServiceUnknown");
+  EXPECT_EQ(readAll(&second).error, "org.freedesktop.DBus.Error.ServiceUnknown");
 }
 
 TEST_F(BusObjectsTest, ReceiversMayStartNextCall) {
@@ -220,8 +213,7 @@ TEST_F(BusObjectsTest, FollowsSignalsBelowOnePath) {
   publisher.signal("/kova/transfers/70");
   publisher.signal("/kova/transfers/7");
   EXPECT_TRUE(until(&publisher, [&] { return !changes.empty(); }));
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  answered(&publisher);  // after all signals
+  readAll(&publisher);  // answered after all signals
   ASSERT_EQ(changes.size(), 1U);
   EXPECT_EQ(changes[0].interface + "." + changes[0].name, "kova.Ipc1.Broadcast");
   EXPECT_EQ(changes[0].arguments, Variant(Variant::Array{Variant::Map{{"/kova", "text"}}}));
@@ -238,8 +230,7 @@ TEST_F(BusObjectsTest, ServiceWaitsOnlyForFirstMessage) {
   Publisher publisher(nullptr);
   int changes = 0;
   ASSERT_TRUE(objects_.follow("/kova", [&](const auto&) { ++changes; }));
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  answered(&publisher);
+  readAll(&publisher);
   publisher.signal("/kova/transfers/7");
   const std::uint64_t before = utils::nowMs();
   while (changes == 0 && objects_.Service(kPatienceMs)) {
@@ -251,11 +242,9 @@ TEST_F(BusObjectsTest, DirectedSignalsAreIgnored) {
   Publisher publisher(nullptr);
   int changes = 0;
   ASSERT_TRUE(objects_.follow("/kova", [&](const auto&) { ++changes; }));
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  answered(&publisher);
+  readAll(&publisher);
   publisher.signal("/kova/transfers/7", publisher.caller.c_str());
-  ASSERT_TRUE(objects_.readAll(kPatienceMs, keep()));
-  answered(&publisher);  // after the signal
+  readAll(&publisher);  // answered after the signal
   EXPECT_EQ(changes, 0);
 }
 

@@ -22,13 +22,15 @@ using messages::BaseRequestMessage;
 using messages::BaseResponseMessage;
 using variant::Variant;
 
-/// Records what it receives and responds as configured.
+/// Handles a function of an endpoint: records what it receives and responds as configured.
 class Recorder : public BaseHandler {
  public:
   using Action = std::function<bool(BaseRequestMessage&, bool&)>;
 
-  explicit Recorder(Ipc* ipc, Action action = {})
-      : BaseHandler("Recorder", ipc), action_(std::move(action)) {}
+  Recorder(Ipc* ipc, const std::string& function, Action action = {})
+      : BaseHandler("Recorder", ipc), action_(std::move(action)) {
+    EXPECT_TRUE(ipc->AddHandler(function, this));
+  }
 
   bool HandleRequest(BaseRequestMessage& request, bool& rejected) override {
     requests.push_back(request);
@@ -86,6 +88,12 @@ struct Answer {
   }
 };
 
+/// Waits until the bus has handled all that was sent on this connection; negative on failure.
+inline int awaitBus(sd_bus* bus) {
+  return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                            "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
+}
+
 /// A program on the bus that uses sd-bus without this library.
 class Stranger {
  public:
@@ -96,11 +104,17 @@ class Stranger {
   }
 
   sd_bus* bus() { return bus_.get(); }
+  std::string name() {
+    const char* unique = "";
+    EXPECT_GE(sd_bus_get_unique_name(bus(), &unique), 0);
+    return unique;
+  }
 
-  MessagePtr newCall(const std::string& endpoint) {
+  MessagePtr newCall(const std::string& endpoint, const char* path = kObjectPath,
+                     const char* interface = kInterface, const char* member = kSend) {
     sd_bus_message* call = nullptr;
-    EXPECT_GE(sd_bus_message_new_method_call(bus(), &call, (kNamePrefix + endpoint).c_str(),
-                                             kObjectPath, kInterface, kSend),
+    EXPECT_GE(sd_bus_message_new_method_call(bus(), &call, (kNamePrefix + endpoint).c_str(), path,
+                                             interface, member),
               0);
     return MessagePtr(call);
   }
@@ -180,6 +194,14 @@ class BusTest : public ::testing::Test {
   void join(bool receiveBroadcasts = false, TransactionsHandler* transactions = nullptr) {
     ASSERT_TRUE(ipc_.Init("test", receiveBroadcasts, transactions));
     serviced_.push_back(&ipc_);
+  }
+
+  static BaseRequestMessage to(const std::string& endpoint, std::uint64_t id = 1) {
+    BaseRequestMessage request;
+    request.functionName("Tell");
+    request.to(endpoint);
+    request.id(id);
+    return request;
   }
 
   /// Services everyone until `done`; false on time-out.

@@ -62,14 +62,11 @@ TEST_F(ConnectionTest, InvalidNamesAreRefused) {
 }
 
 TEST_F(ConnectionTest, SendsWithoutName) {
-  Recorder handler(&ipc_);
-  ipc_.AddHandler("Tell", &handler);
+  Recorder handler(&ipc_, "Tell");
   join();
   Ipc nameless;
   ASSERT_TRUE(nameless.Init("", false, nullptr));
-  BaseRequestMessage request;
-  request.functionName("Tell");
-  request.to("test");
+  BaseRequestMessage request = to("test");
   ASSERT_TRUE(nameless.SendRequest(request));
   EXPECT_TRUE(until([&] { return !handler.requests.empty(); }));
 }
@@ -144,8 +141,7 @@ TEST_F(ConnectionTest, LostBusIsReportedAndStaysLost) {
   privateBus_.kill();
   EXPECT_FALSE(ipc_.Service(1000) && ipc_.Service(1000));
   EXPECT_FALSE(ipc_.Service(0));
-  BaseRequestMessage request;
-  request.to("test");
+  BaseRequestMessage request = to("test");
   request.queueIfDestUnavailable(false);
   EXPECT_FALSE(ipc_.SendRequest(request));
 }
@@ -157,8 +153,7 @@ TEST_F(ConnectionTest, ServiceWaitsForFirstMessageOnly) {
     EXPECT_TRUE(ipc_.Service(1));
   }
   EXPECT_GE(utils::nowMs() - before, 49U);
-  Recorder handler(&ipc_);
-  ipc_.AddHandler("", &handler);
+  Recorder handler(&ipc_, "");
   stranger_.start("test", "Tell");
   before = utils::nowMs();
   EXPECT_TRUE(ipc_.Service(10'000));
@@ -187,8 +182,7 @@ TEST_F(ConnectionTest, InstanceIsUniqueAndCanBeRecreated) {
 }
 
 TEST_F(ConnectionTest, SixtyFourAsynchronousClientsGetOneAnswerEach) {
-  Recorder handler(&ipc_);
-  ipc_.AddHandler("Tell", &handler);
+  Recorder handler(&ipc_, "Tell");
   join();
   constexpr int kClients = 64;
   constexpr int kCalls = 100;
@@ -223,10 +217,7 @@ TEST_F(ConnectionTest, SixtyFourAsynchronousClientsGetOneAnswerEach) {
 
 class OnePassTest : public BusTest {
  protected:
-  OnePassTest() {
-    ipc_.AddHandler("Tell", &handler_);
-    join();
-  }
+  OnePassTest() { join(); }
 
   // Sends messages and returns how many the first pass that handles any handles.
   std::size_t inOnePass(int count) {
@@ -235,9 +226,7 @@ class OnePassTest : public BusTest {
       stranger_.start("test", "Tell");
     }
     expected_ += static_cast<std::size_t>(count);
-    sd_bus_flush(stranger_.bus());
-    sd_bus_call_method(stranger_.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                       "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
+    awaitBus(stranger_.bus());
     const std::size_t before = handler_.requests.size();
     while (handler_.requests.size() == before && ipc_.Service(0)) {
     }
@@ -246,7 +235,7 @@ class OnePassTest : public BusTest {
 
   int slowness_ = 0;
   std::size_t expected_ = 0;
-  Recorder handler_{&ipc_, [this](BaseRequestMessage&, bool&) {
+  Recorder handler_{&ipc_, "Tell", [this](BaseRequestMessage&, bool&) {
                       utils::sleepMs(slowness_);
                       return true;
                     }};
@@ -277,11 +266,9 @@ TEST_F(OnePassTest, EndsInTimeWhenRequestsAreSlow) {
 }
 
 TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
-  Recorder handler(&ipc_);
-  ipc_.AddHandler("Tell", &handler);
+  Recorder handler(&ipc_, "Tell");
   Ipc other;
-  Recorder marker(&other);
-  other.AddHandler("", &marker);
+  Recorder marker(&other, "");
   ASSERT_TRUE(other.Init("other", false, nullptr));
   ASSERT_TRUE(ipc_.Init("test", false, nullptr));
   const auto waiting = stranger_.start("test", "Tell");
@@ -290,9 +277,7 @@ TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
   }
   kill(privateBus_.pid(), SIGSTOP);
   std::size_t accepted = 0;
-  BaseRequestMessage request;
-  request.functionName("Fill");
-  request.to("other");
+  BaseRequestMessage request = to("other");
   while (accepted < 100'000 && ipc_.SendRequest(request)) {
     ++accepted;
   }
@@ -311,12 +296,11 @@ TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
 
 // A client that sends without end and reads no answer.
 TEST_F(ConnectionTest, StalledPeerDoesNotBlockOthers) {
-  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
+  Recorder handler(&ipc_, "Tell", [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;
     response.payload(Variant(std::string(16'000, 'x')));
     return ipc_.SendResponse(request, response);
   });
-  ipc_.AddHandler("Tell", &handler);
   join();
   Stranger deaf;
   for (int round = 0; round < 40; ++round) {

@@ -35,10 +35,7 @@ class InterfaceTest : public BusTest {
 TEST_F(InterfaceTest, OtherMethodsAndObjectsAreUnknown) {
   join();
   const auto error = [&](const char* path, const char* interface, const char* member) {
-    sd_bus_message* message = nullptr;
-    sd_bus_message_new_method_call(stranger_.bus(), &message, "kova.test", path, interface, member);
-    const MessagePtr owned(message);
-    return call(message).error;
+    return call(stranger_.newCall("test", path, interface, member).get()).error;
   };
   EXPECT_EQ(error("/kova", "kova.Ipc1", "Other"), "org.freedesktop.DBus.Error.UnknownMethod");
   EXPECT_EQ(error("/kova", "kova.Ipc2", "Send"), "org.freedesktop.DBus.Error.UnknownMethod");
@@ -47,12 +44,11 @@ TEST_F(InterfaceTest, OtherMethodsAndObjectsAreUnknown) {
 }
 
 TEST_F(InterfaceTest, BusctlCalls) {
-  Recorder handler(&ipc_, [&](BaseRequestMessage& request, bool&) {
+  Recorder handler(&ipc_, "Ping", [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;
     response.payload("pong");
     return ipc_.SendResponse(request, response);
   });
-  ipc_.AddHandler("Ping", &handler);
   join();
   const std::string send = busctl() + "call kova.test /kova kova.Ipc1 Send ";
   const Output answered = run(send + "'a{sv}' 2 functionName s Ping number q 7");

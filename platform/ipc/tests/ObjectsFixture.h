@@ -115,11 +115,7 @@ class ObjectsTest : public BusTest {
   }
 
   MessagePtr newCall(const char* path, const char* interface, const char* member) {
-    sd_bus_message* call = nullptr;
-    EXPECT_GE(sd_bus_message_new_method_call(stranger_.bus(), &call, "kova.test", path, interface,
-                                             member),
-              0);
-    return MessagePtr(call);
+    return stranger_.newCall("test", path, interface, member);
   }
   std::shared_ptr<Received> start(sd_bus_message* call) {
     auto received = std::make_shared<Received>();
@@ -145,6 +141,14 @@ class ObjectsTest : public BusTest {
   std::string error(const char* path, const char* interface, const char* member) {
     return ask(path, interface, member)->error;
   }
+  // Reads a property that is expected to have these types.
+  template <typename... Values>
+  void read(const char* path, const char* interface, const char* property, const char* types,
+            Values*... values) {
+    const auto answer = get(path, interface, property);
+    ASSERT_GE(sd_bus_message_read(answer->message.get(), "v", types, values...), 0)
+        << property << ": " << answer->error;
+  }
   std::string name(const char* path) {
     const auto answer = get(path, "kova.Thing1", "Name");
     const char* text = "";
@@ -160,24 +164,16 @@ class ObjectsTest : public BusTest {
   // The paths and interfaces that GetManagedObjects tells, as "PATH INTERFACE".
   std::vector<std::string> managed() {
     const auto answer = ask("/kova", kManager, "GetManagedObjects");
-    sd_bus_message* body = answer->message.get();
     std::vector<std::string> all;
-    const char* path = nullptr;
-    const char* interface = nullptr;
-    sd_bus_message_enter_container(body, 'a', "{oa{sa{sv}}}");
-    while (sd_bus_message_enter_container(body, 'e', "oa{sa{sv}}") > 0) {
-      sd_bus_message_read(body, "o", &path);
-      sd_bus_message_enter_container(body, 'a', "{sa{sv}}");
-      while (sd_bus_message_enter_container(body, 'e', "sa{sv}") > 0) {
-        sd_bus_message_read(body, "s", &interface);
-        if (std::string_view(interface).starts_with("kova.")) {
-          all.push_back(std::string(path) + " " + interface);
+    Variant objects;
+    std::string reason;
+    wire::decodeAnswer(answer->message.get(), objects, reason);
+    for (const auto& [path, interfaces] : objects.elements()) {
+      for (const auto& [interface, properties] : interfaces.elements()) {
+        if (interface.starts_with("kova.")) {
+          all.push_back(path + " " + interface);
         }
-        sd_bus_message_skip(body, "a{sv}");
-        sd_bus_message_exit_container(body);
       }
-      sd_bus_message_exit_container(body);
-      sd_bus_message_exit_container(body);
     }
     return answer->error.empty() ? all : std::vector{answer->error};
   }

@@ -89,15 +89,9 @@ TEST_F(ObjectsLoadTest, AnswersAndSignalsDoNotPileUp) {
   fill(100, 4'195);
   Stranger deaf;
   for (int call = 0; call < 30; ++call) {
-    sd_bus_message* created = nullptr;
-    sd_bus_message_new_method_call(deaf.bus(), &created, "kova.test", "/kova", kManager,
-                                   "GetManagedObjects");
-    const MessagePtr owned(created);
-    deaf.start(created);
+    deaf.start(deaf.newCall("test", "/kova", kManager, "GetManagedObjects").get());
   }
-  ASSERT_GE(sd_bus_call_method(deaf.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                               "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, ""),
-            0);
+  ASSERT_GE(awaitBus(deaf.bus()), 0);
   ASSERT_TRUE(ipc_.flush());
   ASSERT_TRUE(stopBus());
   for (int pass = 0; pass < 100; ++pass) {
@@ -153,8 +147,7 @@ TEST_F(ObjectsLoadTest, SignalsLeaveEventsTheirPlaces) {
   }
   int events = 0;
   for (; events < 100'000; ++events) {
-    BaseRequestMessage event;
-    event.functionName("Tell");
+    BaseRequestMessage event = to("");
     event.isBroadcast(true);
     if (!ipc_.SendRequest(event)) {
       break;

@@ -5,8 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "BusTest.h"
-#include "kova/ipc/Objects.h"
+#include "ObjectsFixture.h"
 
 namespace kova::ipc::testing {
 namespace {
@@ -26,12 +25,6 @@ std::size_t limitOf(const std::string& config, const std::string& name) {
   return at != std::string::npos ? std::stoul(config.substr(at + start.size())) : 0;
 }
 
-class Box : public PublishedObject {
- public:
-  PropertyValue read(std::size_t) const override { return true; }
-  MethodError call(std::size_t) override { return {}; }
-};
-
 // Permissions of a second user, inside or outside the group; requires root to become that user.
 class PolicyTest : public ::testing::Test {
  protected:
@@ -39,8 +32,7 @@ class PolicyTest : public ::testing::Test {
     if (geteuid() != 0) {
       GTEST_SKIP() << "only root can become another user";
     }
-    ASSERT_TRUE(ipc_.AddHandler("Tell", &handler_));
-    ASSERT_TRUE(ipc_.objects().publish({"kova.Box1", {{"Full", "b", true}}, {}}, &box_));
+    ASSERT_TRUE(ipc_.objects().publish(kBox, &box_));
     ASSERT_TRUE(ipc_.Init("test", true, nullptr));
   }
 
@@ -56,7 +48,7 @@ class PolicyTest : public ::testing::Test {
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
       ipc_.Service(5);
-      ipc_.objects().changed(box_, {0});
+      ipc_.objects().changed(box_, {kFull});
     }
     char name[256] = "";
     const ssize_t got = ::read(ends[0], name, sizeof name - 1);
@@ -95,8 +87,7 @@ class PolicyTest : public ::testing::Test {
   static int broadcastIt(sd_bus* bus, sd_bus_error*) {
     sd_bus_emit_signal(bus, kObjectPath, kInterface, kBroadcast, "a{sv}", 1, "functionName", "s",
                        "Tell");
-    return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                              "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
+    return awaitBus(bus);
   }
   static int Monitor(sd_bus* bus, sd_bus_error* error) {
     return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -132,10 +123,12 @@ class PolicyTest : public ::testing::Test {
     }
     return heard ? 0 : sd_bus_error_set_const(error, kSilence, "");
   }
-  static int read(sd_bus* bus, sd_bus_error* error) {
-    int full = 0;
-    return sd_bus_get_property_trivial(bus, "kova.test", kObjectPath, "kova.Box1", "Full", error,
-                                       'b', &full);
+  static auto readFrom(const char* name) {
+    return [name](sd_bus* bus, sd_bus_error* error) {
+      int full = 0;
+      return sd_bus_get_property_trivial(bus, name, kObjectPath, "kova.Box1", "Full", error, 'b',
+                                         &full);
+    };
   }
   static int manage(sd_bus* bus, sd_bus_error* error) {
     return sd_bus_call_method(bus, "kova.test", kObjectPath, "org.freedesktop.DBus.ObjectManager",
@@ -144,8 +137,7 @@ class PolicyTest : public ::testing::Test {
   static int forge(sd_bus* bus, sd_bus_error*) {
     sd_bus_emit_signal(bus, kObjectPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
                        "sa{sv}as", "kova.Forged1", 0, 0);
-    return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                              "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
+    return awaitBus(bus);
   }
 
   static constexpr char kSilence[] = "kova.test.Silence";
@@ -154,7 +146,7 @@ class PolicyTest : public ::testing::Test {
   PrivateBus bus_{{{"group=\"kova\"", "group=\"" + standInGroup() + "\""}}};
   Box box_;
   Ipc ipc_;
-  Recorder handler_{&ipc_};
+  Recorder handler_{&ipc_, "Tell"};
 };
 
 TEST(PolicyLimitsTest, DeafPeersOfOneUserDoNotSilenceDaemon) {
@@ -194,10 +186,10 @@ TEST_F(PolicyTest, MembersSendBroadcastAndOwnClientNames) {
 }
 
 TEST_F(PolicyTest, OnlyMembersReadAndHearObjects) {
-  EXPECT_EQ(asOther(kNoGroup, read), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, readFrom("kova.test")), kDenied);
   EXPECT_EQ(asOther(kNoGroup, manage), kDenied);
   EXPECT_EQ(asOther(kNoGroup, hear), kSilence);
-  EXPECT_EQ(asOther(kOtherUser, read), "");
+  EXPECT_EQ(asOther(kOtherUser, readFrom("kova.test")), "");
   EXPECT_EQ(asOther(kOtherUser, manage), "");
   EXPECT_EQ(asOther(kOtherUser, hear), "");
 }
@@ -212,13 +204,8 @@ TEST_F(PolicyTest, UniqueNameOfDaemonOpensNothingMore) {
   const MessagePtr answer(answered);
   const char* owner = nullptr;
   ASSERT_GE(sd_bus_message_read(answer.get(), "s", &owner), 0);
-  const auto readThere = [owner](sd_bus* bus, sd_bus_error* error) {
-    int full = 0;
-    return sd_bus_get_property_trivial(bus, owner, kObjectPath, "kova.Box1", "Full", error, 'b',
-                                       &full);
-  };
-  EXPECT_EQ(asOther(kNoGroup, readThere), kDenied);
-  EXPECT_EQ(asOther(kOtherUser, readThere), "");
+  EXPECT_EQ(asOther(kNoGroup, readFrom(owner)), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, readFrom(owner)), "");
 }
 
 TEST_F(PolicyTest, OnlyDaemonsSignalChanges) {

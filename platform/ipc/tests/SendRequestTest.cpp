@@ -8,8 +8,6 @@ namespace {
 
 class SendRequestTest : public BusTest {
  protected:
-  SendRequestTest() { other_.AddHandler("", &received_); }
-
   void joinOther(bool receiveBroadcasts = false) {
     ASSERT_TRUE(other_.Init("other", receiveBroadcasts, nullptr));
     serviced_.push_back(&other_);
@@ -20,13 +18,12 @@ class SendRequestTest : public BusTest {
     ASSERT_TRUE(until([&] { return ipc_.isPresent("other"); }));
   }
 
-  static BaseRequestMessage to(const std::string& endpoint, std::uint64_t id = 1) {
-    BaseRequestMessage request;
-    request.functionName("Tell");
-    request.to(endpoint);
-    request.id(id);
+  static BaseRequestMessage asking(const std::string& endpoint, std::uint64_t id = 1) {
+    BaseRequestMessage request = to(endpoint, id);
+    request.responseExpected(true);
     return request;
   }
+  bool send(BaseRequestMessage request) { return ipc_.SendRequest(request); }
 
   bool untilReceived(std::size_t count) {
     return until([&] { return received_.requests.size() >= count; });
@@ -34,7 +31,7 @@ class SendRequestTest : public BusTest {
 
   Ledger ledger_{&ipc_};
   Ipc other_;
-  Recorder received_{&other_};
+  Recorder received_{&other_, ""};
 };
 
 TEST_F(SendRequestTest, MessageArrivesNormalisedWithSender) {
@@ -60,14 +57,12 @@ TEST_F(SendRequestTest, GivenSenderIsKept) {
 TEST_F(SendRequestTest, InvalidDestinationsAreRefused) {
   join();
   for (const char* name : {"", ".", "a..b", "a b", "1a", ":1.2", "a/b", "\xff"}) {
-    BaseRequestMessage request = to(name);
-    EXPECT_FALSE(ipc_.SendRequest(request)) << name;
+    EXPECT_FALSE(send(to(name))) << name;
   }
 }
 
 TEST_F(SendRequestTest, NothingIsSentBeforeJoining) {
-  BaseRequestMessage request = to("other");
-  EXPECT_FALSE(ipc_.SendRequest(request));
+  EXPECT_FALSE(send(to("other")));
   EXPECT_FALSE(ipc_.isPresent("other"));
   EXPECT_FALSE(ipc_.Service(0));
 }
@@ -96,8 +91,7 @@ TEST_F(SendRequestTest, AbsentDestinationIsRefusedWithoutQueueing) {
   request.queueIfDestUnavailable(false);
   EXPECT_FALSE(ipc_.SendRequest(request));
   joinOther();
-  BaseRequestMessage last = to("other", 2);
-  ASSERT_TRUE(ipc_.SendRequest(last));
+  ASSERT_TRUE(send(to("other", 2)));
   ASSERT_TRUE(untilReceived(1));
   EXPECT_EQ(received_.requests[0].id(), 2U);
 }
@@ -105,8 +99,7 @@ TEST_F(SendRequestTest, AbsentDestinationIsRefusedWithoutQueueing) {
 TEST_F(SendRequestTest, Newest256WaitInOrderForAbsentDestination) {
   join(false, &ledger_);
   for (std::uint64_t id = 1; id <= 300; ++id) {
-    BaseRequestMessage request = to("other", id);
-    ASSERT_TRUE(ipc_.SendRequest(request));
+    ASSERT_TRUE(send(to("other", id)));
   }
   EXPECT_TRUE(ledger_.sent.empty());
   joinOther();
@@ -125,11 +118,9 @@ TEST_F(SendRequestTest, DepartedDestinationIsWaitedForAgain) {
     ASSERT_TRUE(until([&] { return ipc_.isPresent("brief"); }));
   }
   ASSERT_TRUE(until([&] { return !ipc_.isPresent("brief"); }));
-  BaseRequestMessage request = to("brief");
-  EXPECT_TRUE(ipc_.SendRequest(request));
+  EXPECT_TRUE(send(to("brief")));
   Ipc again;
-  Recorder recorder(&again);
-  again.AddHandler("Tell", &recorder);
+  Recorder recorder(&again, "Tell");
   ASSERT_TRUE(again.Init("brief", false, nullptr));
   serviced_.push_back(&again);
   EXPECT_TRUE(until([&] { return !recorder.requests.empty(); }));
@@ -140,8 +131,7 @@ TEST_F(SendRequestTest, BusIsAskedOnceFor64EndpointsAtMost) {
   Eavesdropper eavesdropper;
   const auto sendTo = [&](int endpoints) {
     for (int i = 0; i < 2 * endpoints; ++i) {
-      BaseRequestMessage request = to("absent" + std::to_string(i / 2));
-      EXPECT_TRUE(ipc_.SendRequest(request));
+      EXPECT_TRUE(send(to("absent" + std::to_string(i / 2))));
     }
     const int before = eavesdropper.answers();
     ASSERT_TRUE(ipc_.flush());
@@ -176,16 +166,13 @@ TEST_F(SendRequestTest, DestinationThatJoinedUnnoticedIsFound) {
 }
 
 TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
-  Recorder answering(&other_, [&](BaseRequestMessage& request, bool&) {
+  Recorder answering(&other_, "Tell", [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;
     response.statusCode(3);
     return other_.SendResponse(request, response);
   });
-  other_.AddHandler("Tell", &answering);
   joinBoth();
-  BaseRequestMessage request = to("other", 5);
-  request.responseExpected(true);
-  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(send(asking("other", 5)));
   ASSERT_TRUE(until([&] { return !ledger_.responses.empty(); }));
   EXPECT_EQ(ledger_.responses[0].first, 5U);
   EXPECT_EQ(ledger_.responses[0].second.statusCode(), 3U);
@@ -196,10 +183,8 @@ TEST_F(SendRequestTest, AnswerReachesTransactionHandler) {
 TEST_F(SendRequestTest, AcceptedMessageIsAnsweredIfExpected) {
   joinBoth();
   Eavesdropper eavesdropper;
-  BaseRequestMessage request = to("other", 5);
-  ASSERT_TRUE(ipc_.SendRequest(request));
-  request.responseExpected(true);
-  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(send(to("other", 5)));
+  ASSERT_TRUE(send(asking("other", 5)));
   ASSERT_TRUE(until([&] { return !ledger_.responses.empty(); }));
   EXPECT_EQ(ledger_.responses[0].second.Size(), 0U);
   ASSERT_TRUE(until([&] { return eavesdropper.answers() > 0; }));
@@ -208,8 +193,7 @@ TEST_F(SendRequestTest, AcceptedMessageIsAnsweredIfExpected) {
 
 TEST_F(SendRequestTest, AnsweredRequestsTakeNoMemory) {
   joinBoth();
-  BaseRequestMessage request = to("other");
-  request.responseExpected(true);
+  BaseRequestMessage request = asking("other");
   request["large"] = std::string(900'000, 'x');
   std::size_t before = 0;
   std::size_t after = 0;
@@ -232,9 +216,7 @@ TEST_F(SendRequestTest, AnswerOtherThanMapIsError) {
   ASSERT_GE(sd_bus_add_object(stranger_.bus(), nullptr, kObjectPath, answer, nullptr), 0);
   ASSERT_GE(sd_bus_request_name(stranger_.bus(), "kova.other", 0), 0);
   ASSERT_TRUE(until([&] { return ipc_.isPresent("other"); }));
-  BaseRequestMessage request = to("other", 8);
-  request.responseExpected(true);
-  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(send(asking("other", 8)));
   ASSERT_TRUE(until([&] { return !ledger_.errors.empty(); }));
   EXPECT_EQ(ledger_.errors[0], std::pair(std::uint64_t{8}, std::string(kInvalidMessage)));
   EXPECT_NE(ledger_.lastText, "");
@@ -244,9 +226,7 @@ TEST_F(SendRequestTest, ErrorReachesTransactionHandler) {
   CatchAllHandlerRejector rejector(&other_);
   other_.AddHandler("Tell", &rejector);
   joinBoth();
-  BaseRequestMessage request = to("other", 6);
-  request.responseExpected(true);
-  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(send(asking("other", 6)));
   ASSERT_TRUE(until([&] { return !ledger_.errors.empty(); }));
   EXPECT_EQ(ledger_.errors[0], std::pair(std::uint64_t{6}, std::string(kUnknownFunction)));
   EXPECT_EQ(ledger_.lastText, "no such function");
@@ -255,8 +235,7 @@ TEST_F(SendRequestTest, ErrorReachesTransactionHandler) {
 
 TEST_F(SendRequestTest, ErrorIsLoggedWithoutTransactionHandler) {
   joinBoth();
-  BaseRequestMessage request = to("test");
-  request.responseExpected(true);
+  BaseRequestMessage request = asking("test");
   ASSERT_TRUE(until([&] { return other_.isPresent("test"); }));
   tests::records.clear();
   ASSERT_TRUE(other_.SendRequest(request));
@@ -268,9 +247,7 @@ TEST_F(SendRequestTest, ErrorIsLoggedWithoutTransactionHandler) {
 
 TEST_F(SendRequestTest, LostBusFailsOpenTransactions) {
   joinBoth();
-  BaseRequestMessage request = to("other", 7);
-  request.responseExpected(true);
-  ASSERT_TRUE(ipc_.SendRequest(request));
+  ASSERT_TRUE(send(asking("other", 7)));
   privateBus_.kill();
   ASSERT_TRUE(until([&] { return !ipc_.Service(0); }));
   ASSERT_EQ(ledger_.errors.size(), 1U);
@@ -278,22 +255,18 @@ TEST_F(SendRequestTest, LostBusFailsOpenTransactions) {
 }
 
 TEST_F(SendRequestTest, BroadcastsReachListenersOtherThanSender) {
-  Recorder own(&ipc_);
-  ipc_.AddHandler("Tell", &own);
+  Recorder own(&ipc_, "Tell");
   Ipc deaf;
-  Recorder unheard(&deaf);
-  deaf.AddHandler("Tell", &unheard);
+  Recorder unheard(&deaf, "Tell");
   ASSERT_TRUE(deaf.Init("deaf", false, nullptr));
   serviced_.push_back(&deaf);
   joinBoth(true);
   BaseRequestMessage event = to("");
   event.isBroadcast(true);
   ASSERT_TRUE(ipc_.SendRequest(event));
-  BaseRequestMessage direct = to("deaf", 2);
-  ASSERT_TRUE(ipc_.SendRequest(direct));
-  BaseRequestMessage toSelf = to("test", 3);
+  ASSERT_TRUE(send(to("deaf", 2)));
   ASSERT_TRUE(until([&] { return ipc_.isPresent("test"); }));
-  ASSERT_TRUE(ipc_.SendRequest(toSelf));
+  ASSERT_TRUE(send(to("test", 3)));
   ASSERT_TRUE(untilReceived(1));
   ASSERT_TRUE(until([&] { return !unheard.requests.empty() && !own.requests.empty(); }));
   EXPECT_EQ(received_.requests[0], event);

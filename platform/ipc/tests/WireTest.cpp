@@ -55,12 +55,17 @@ class WireTest : public ::testing::Test {
     return body["key"];
   }
 
+  template <typename... Values>
+  MessagePtr composed(const char* types, Values... values) {
+    MessagePtr message = bus_.newMessage();
+    EXPECT_GE(sd_bus_message_append(message.get(), types, values...), 0);
+    return message;
+  }
+
   // An a{sv} with one variant of this type and value.
   template <typename... Value>
   MessagePtr appended(const char* type, Value... value) {
-    MessagePtr message = bus_.newMessage();
-    EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, value...), 0);
-    return message;
+    return composed("a{sv}", 1, "key", type, value...);
   }
 
   // Its decoded form.
@@ -225,24 +230,20 @@ TEST_F(WireTest, NestedVariantsAreUnwrapped) {
 }
 
 TEST_F(WireTest, StringKeyedDictionaryBecomesMapWithLastOfEqualKeys) {
-  MessagePtr message = bus_.newMessage();
-  sd_bus_message_append(message.get(), "a{ss}", 3, "a", "1", "b", "2", "a", "3");
   Variant body;
-  ASSERT_TRUE(decoded(message.get(), body)) << reason_;
+  const MessagePtr texts = composed("a{ss}", 3, "a", "1", "b", "2", "a", "3");
+  ASSERT_TRUE(decoded(texts.get(), body)) << reason_;
   EXPECT_EQ(body, Variant(Variant::Map{{"a", "3"}, {"b", "2"}}));
 
-  message = bus_.newMessage();
-  sd_bus_message_append(message.get(), "a{sa{sv}}", 1, "a", 1, "b", "n", 5);
-  ASSERT_TRUE(decoded(message.get(), body)) << reason_;
+  const MessagePtr maps = composed("a{sa{sv}}", 1, "a", 1, "b", "n", 5);
+  ASSERT_TRUE(decoded(maps.get(), body)) << reason_;
   EXPECT_EQ(body["a"]["b"], Variant(std::int8_t{5}));
 }
 
 TEST_F(WireTest, BodiesOtherThanOneStringKeyedMapAreRefused) {
   const auto refused = [&](const char* types, auto... values) {
-    const MessagePtr message = bus_.newMessage();
-    EXPECT_GE(sd_bus_message_append(message.get(), types, values...), 0);
     Variant body;
-    EXPECT_FALSE(decoded(message.get(), body)) << types;
+    EXPECT_FALSE(decoded(composed(types, values...).get(), body)) << types;
     EXPECT_FALSE(reason_.empty());
   };
   refused("");
@@ -252,16 +253,15 @@ TEST_F(WireTest, BodiesOtherThanOneStringKeyedMapAreRefused) {
   refused("a{sv}a{sv}", 0, 0);
   refused("a{sv}s", 0, "text");
   refused("a{us}", 1, 1, "text");
+  refused("a{uv}", 1, 1, "s", "text");
   refused("a{os}", 0);
   refused("(a{sv})", 0);
 }
 
 TEST_F(WireTest, UnsupportedTypesAreRefused) {
   const auto refused = [&](const char* type, auto... values) {
-    const MessagePtr message = bus_.newMessage();
-    EXPECT_GE(sd_bus_message_append(message.get(), "a{sv}", 1, "key", type, values...), 0);
     Variant body;
-    EXPECT_FALSE(decoded(message.get(), body)) << type;
+    EXPECT_FALSE(decoded(appended(type, values...).get(), body)) << type;
   };
   refused("(s)", "text");
   refused("(xxx)", std::int64_t{}, std::int64_t{}, std::int64_t{});
@@ -293,18 +293,14 @@ TEST_F(WireTest, StructuresOfAnswersAreArrays) {
   const auto answered = [&](const MessagePtr& message) {
     return decodeAnswer(bus_.roundtrip(message.get()).get(), value, reason_);
   };
-  MessagePtr message = bus_.newMessage();
-  sd_bus_message_append(message.get(), "(xx)", std::int64_t{1}, std::int64_t{2});
-  EXPECT_TRUE(answered(message));
+  EXPECT_TRUE(answered(composed("(xx)", std::int64_t{1}, std::int64_t{2})));
   EXPECT_EQ(value, Variant(timeval{1, 2}));
   EXPECT_TRUE(answered(arrayOfStructures(31))) << reason_;
   EXPECT_FALSE(answered(arrayOfStructures(32)));
   EXPECT_EQ(reason_, "the body is nested too deeply");
 
   const auto rows = [&](std::size_t length) {
-    MessagePtr array = bus_.newMessage();
-    sd_bus_message_append(array.get(), "a(ys)", 2, 1, "x", 2, std::string(length, 'x').c_str());
-    return array;
+    return composed("a(ys)", 2, 1, "x", 2, std::string(length, 'x').c_str());
   };
   const std::size_t left = kMaxBodySize - bus_.marshal(rows(0).get()).size();
   EXPECT_TRUE(answered(rows(left))) << reason_;

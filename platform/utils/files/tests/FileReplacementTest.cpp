@@ -219,14 +219,6 @@ TEST_F(AtomicReplacementTest, LinkIsReplacedAndItsTargetKept) {
   EXPECT_EQ(modeOf(path_), 0600U);
 }
 
-TEST_F(AtomicReplacementTest, TemporaryNamesDiffer) {
-  File one;
-  File two;
-  ASSERT_TRUE(begin(one));
-  ASSERT_TRUE(begin(two));
-  EXPECT_EQ(folder_.entries(), 2);
-}
-
 TEST_F(AtomicReplacementTest, ReaderSeesOldOrNewContent) {
   const std::string contents[] = {std::string(70000, 'a'), std::string(90000, 'b')};
   writeText(path_, contents[0]);

@@ -32,6 +32,13 @@ std::string patterned(std::size_t size) {
 
 class FileTest : public testing::Test {
  protected:
+  /// Why a file cannot be opened; 0 if it can.
+  static int openingError(const std::string& path, FILE_OPEN_MODE mode, int flags = 0) {
+    File file;
+    errno = 0;
+    return file.Initialize(path, mode, flags) ? 0 : errno;
+  }
+
   TemporaryFolder folder_;
   const std::string path_ = folder_ / "file";
 };
@@ -63,15 +70,11 @@ TEST_F(FileTest, WrittenContentIsReadBack) {
 }
 
 TEST_F(FileTest, ReadingNeedsExistingFile) {
-  File file;
-  for (const std::string& path : {path_, path_ + "/deeper"}) {
-    EXPECT_FALSE(file.Initialize(path, FILE_OPEN_MODE_READ, 0));
-    EXPECT_EQ(errno, ENOENT);
-  }
+  EXPECT_EQ(openingError(path_, FILE_OPEN_MODE_READ), ENOENT);
+  EXPECT_EQ(openingError(path_ + "/deeper", FILE_OPEN_MODE_READ), ENOENT);
   EXPECT_FALSE(std::filesystem::exists(path_));
   std::filesystem::create_symlink("file", path_);
-  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
-  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(openingError(path_, FILE_OPEN_MODE_READ), ELOOP);
 }
 
 TEST_F(FileTest, TruncatingReplacesLongerContent) {
@@ -103,8 +106,7 @@ TEST_F(FileTest, SymbolicLinksAreFollowedOnlyForReading) {
   ASSERT_TRUE(file.Initialize(folder_ / "link", FILE_OPEN_MODE_READ, 0));
   EXPECT_EQ(file.Size(), 7U);
   for (const auto mode : {FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
-    EXPECT_FALSE(file.Initialize(folder_ / "link", mode, 0));
-    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(openingError(folder_ / "link", mode), ELOOP);
   }
   EXPECT_FALSE(copyFile(path_.c_str(), (folder_ / "link").c_str()));
   EXPECT_EQ(readText(path_), "content");
@@ -114,11 +116,10 @@ TEST_F(FileTest, HardLinkedFileIsReplacedButNotWrittenInto) {
   writeText(path_, "content");
   const std::string second = folder_ / "second";
   std::filesystem::create_hard_link(path_, second);
-  File file;
   for (const auto mode : {FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
-    EXPECT_FALSE(file.Initialize(second, mode, 0));
-    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(openingError(second, mode), EPERM);
   }
+  File file;
   ASSERT_TRUE(file.Initialize(second, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY));
   EXPECT_TRUE(file.WriteString("new") && file.Close());
   EXPECT_EQ(readText(path_), "content");
@@ -130,11 +131,9 @@ TEST_F(FileTest, ForeignFileIsReadButNotWrittenInto) {
   if (chown(path_.c_str(), 65534, 65534) != 0) {
     GTEST_SKIP() << "only root can give a file away";
   }
-  File file;
-  EXPECT_TRUE(file.Initialize(path_, FILE_OPEN_MODE_READ, 0));
+  EXPECT_EQ(openingError(path_, FILE_OPEN_MODE_READ), 0);
   for (const auto mode : {FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
-    EXPECT_FALSE(file.Initialize(path_, mode, 0));
-    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(openingError(path_, mode), EPERM);
   }
   EXPECT_EQ(readText(path_), "content");
 }
@@ -150,23 +149,16 @@ TEST_F(FileTest, NonRegularFileIsRefusedWithoutBlocking) {
       EXPECT_EQ(errno, EINVAL) << path << " mode " << mode;
       EXPECT_FALSE(file.Close()) << "it is not open";
     }
-    File file;
-    EXPECT_FALSE(file.Initialize(path, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY)) << path;
-    EXPECT_EQ(errno, EINVAL) << path;
+    EXPECT_EQ(openingError(path, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY), EINVAL) << path;
   }
 }
 
 TEST_F(FileTest, UnknownModesFlagsAndPathsWithNulAreRefused) {
-  File file;
-  EXPECT_FALSE(file.Initialize(path_, static_cast<FILE_OPEN_MODE>(3), 0));
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_APPEND, FILE_REPLACE_ATOMICALLY));
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_FALSE(file.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 2));
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_FALSE(file.Initialize(path_ + "\0x"s, FILE_OPEN_MODE_TRUNCATE, 0));
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_FALSE(file.Initialize("", FILE_OPEN_MODE_TRUNCATE, 0));
+  EXPECT_EQ(openingError(path_, static_cast<FILE_OPEN_MODE>(3)), EINVAL);
+  EXPECT_EQ(openingError(path_, FILE_OPEN_MODE_APPEND, FILE_REPLACE_ATOMICALLY), EINVAL);
+  EXPECT_EQ(openingError(path_, FILE_OPEN_MODE_TRUNCATE, 2), EINVAL);
+  EXPECT_EQ(openingError(path_ + "\0x"s, FILE_OPEN_MODE_TRUNCATE), EINVAL);
+  EXPECT_NE(openingError("", FILE_OPEN_MODE_TRUNCATE), 0);
   EXPECT_EQ(folder_.entries(), 0);
 }
 
@@ -242,11 +234,13 @@ TEST_F(FileTest, DescriptorsAreClosedOnExec) {
   EXPECT_EQ(open, 1);
 }
 
-TEST_F(FileTest, ReadStringAllReadsFilesWithoutSize) {
+TEST_F(FileTest, ReadStringAllReadsAndBoundsFilesWithoutSize) {
   std::string text;
   errno = EINTR;
   ASSERT_TRUE(File::ReadStringAll("/proc/self/status", text));
   EXPECT_NE(text.find("\nPid:"), std::string::npos);
+  EXPECT_FALSE(File::ReadStringAll("/proc/self/status", text, 10));
+  EXPECT_EQ(errno, EFBIG);
 }
 
 TEST_F(FileTest, ReadStringAllKeepsItsOutputOnFailure) {
@@ -258,12 +252,6 @@ TEST_F(FileTest, ReadStringAllKeepsItsOutputOnFailure) {
   EXPECT_EQ(text, "before");
   EXPECT_TRUE(File::ReadStringAll(path_, text, 5));
   EXPECT_EQ(text, "12345");
-}
-
-TEST_F(FileTest, ReadStringAllBoundsFilesWithoutSize) {
-  std::string text;
-  EXPECT_FALSE(File::ReadStringAll("/proc/self/status", text, 10));
-  EXPECT_EQ(errno, EFBIG);
 }
 
 TEST_F(FileTest, ReadStringAllRefusesMoreThan64MiB) {

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstring>
 
@@ -26,6 +25,11 @@ using tests::writeScript;
 class Daemon {
  public:
   explicit Daemon(pid_t pid) : pid_(pid) {}
+  /// Starts sleep(1) or a copy of it.
+  explicit Daemon(const std::string& program, const std::string* folder = nullptr,
+                  const sigset_t* mask = nullptr) {
+    EXPECT_TRUE(runDaemon(folder, mask, &pid_, program, 1, "60"));
+  }
   ~Daemon() {
     if (pid_ > 0) kill(pid_, SIGKILL);
   }
@@ -34,7 +38,7 @@ class Daemon {
   pid_t pid() const { return pid_; }
 
  private:
-  pid_t pid_;
+  pid_t pid_ = -1;
 };
 
 TEST(RunDaemon, StartsProgramWithArgumentsWithoutWaiting) {
@@ -51,10 +55,6 @@ TEST(RunDaemon, StartsProgramWithArgumentsWithoutWaiting) {
   EXPECT_TRUE(eventually([&] { return isRunning(pid); }));
 }
 
-TEST(RunDaemon, ArgumentsAndProcessIdAreOptional) {
-  EXPECT_TRUE(runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0));
-}
-
 TEST(RunDaemon, LeavesNoZombieAndNoChild) {
   int pid = 0;
   ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/true", 0));
@@ -66,22 +66,16 @@ TEST(RunDaemon, LeavesNoZombieAndNoChild) {
 }
 
 TEST(RunDaemon, LeadsItsOwnSession) {
-  int pid = 0;
-  ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/sleep", 1, "60"));
-  const Daemon daemon(pid);
-  EXPECT_EQ(pid, getsid(pid));
-  EXPECT_NE(getsid(0), getsid(pid));
+  const Daemon daemon("/bin/sleep");
+  EXPECT_EQ(daemon.pid(), getsid(daemon.pid()));
+  EXPECT_NE(getsid(0), getsid(daemon.pid()));
 }
 
 TEST(RunDaemon, StartsInGivenFolder) {
   const TemporaryFolder folder;
-  int pid = 0;
-  ASSERT_TRUE(runDaemon(&folder.path(), nullptr, &pid, "/bin/sleep", 1, "60"));
-  const Daemon daemon(pid);
-  char target[PATH_MAX] = {};
-  ASSERT_GT(readlink(("/proc/" + std::to_string(pid) + "/cwd").c_str(), target, sizeof target - 1),
-            0);
-  EXPECT_EQ(std::filesystem::canonical(folder.path()), target);
+  const Daemon daemon("/bin/sleep", &folder.path());
+  EXPECT_EQ(std::filesystem::canonical(folder.path()),
+            std::filesystem::read_symlink("/proc/" + std::to_string(daemon.pid()) + "/cwd"));
 }
 
 TEST(RunDaemon, BlocksOnlyGivenSignals) {
@@ -90,10 +84,8 @@ TEST(RunDaemon, BlocksOnlyGivenSignals) {
   sigaddset(&mask, SIGHUP);
   for (const sigset_t* given :
        {static_cast<const sigset_t*>(&mask), static_cast<const sigset_t*>(nullptr)}) {
-    int pid = 0;
-    ASSERT_TRUE(runDaemon(nullptr, given, &pid, "/bin/sleep", 1, "60"));
-    const Daemon daemon(pid);
-    EXPECT_THAT(readText("/proc/" + std::to_string(pid) + "/status"),
+    const Daemon daemon("/bin/sleep", nullptr, given);
+    EXPECT_THAT(readText("/proc/" + std::to_string(daemon.pid()) + "/status"),
                 testing::HasSubstr(given != nullptr ? "SigBlk:\t0000000000000001\n"
                                                     : "SigBlk:\t0000000000000000\n"));
   }
@@ -122,12 +114,6 @@ class KillByNameTest : public testing::Test {
     return path;
   }
 
-  pid_t start(const std::string& program) const {
-    int pid = -1;
-    EXPECT_TRUE(runDaemon(nullptr, nullptr, &pid, program, 1, "60"));
-    return pid;
-  }
-
   TemporaryFolder folder_;
   const std::string unique_ = std::filesystem::path(folder_.path()).filename().string() + "_daemon";
 };
@@ -135,15 +121,15 @@ class KillByNameTest : public testing::Test {
 TEST_F(KillByNameTest, SignalsEveryProcessOfLongName) {
   ASSERT_GT(unique_.size(), 15U);
   const std::string program = Program(unique_);
-  const Daemon first(start(program));
-  const Daemon second(start(program));
+  const Daemon first(program);
+  const Daemon second(program);
   EXPECT_EQ(2, kill_process_by_name(unique_, SIGTERM));
   EXPECT_TRUE(eventually([&] { return !isRunning(first.pid()) && !isRunning(second.pid()); }));
   EXPECT_TRUE(eventually([&] { return kill_process_by_name(unique_, 0) == 0; }));
 }
 
 TEST_F(KillByNameTest, ComparesWholeNames) {
-  const Daemon daemon(start(Program(unique_)));
+  const Daemon daemon(Program(unique_));
   EXPECT_EQ(0, kill_process_by_name(unique_.substr(0, 15), SIGTERM));
   EXPECT_EQ(0, kill_process_by_name(unique_ + "x", SIGTERM));
   EXPECT_EQ(0, kill_process_by_name(folder_ / unique_, SIGTERM));
@@ -167,7 +153,7 @@ TEST_F(KillByNameTest, FindsProgramThatRenamedItself) {
 
 TEST_F(KillByNameTest, FindsProgramWithDeletedFile) {
   const std::string program = Program(unique_);
-  const Daemon daemon(start(program));
+  const Daemon daemon(program);
   std::filesystem::remove(program);
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
 }

@@ -28,16 +28,22 @@ class ServiceManagerTest : public testing::Test {
  protected:
   using Variables = std::map<std::string, std::string>;
 
-  void listen(const std::string& path) {
+  void SetUp() override { listen(path()); }
+
+  static sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
     if (path.front() == '@') {
       address.sun_path[0] = '\0';
     }
+    return address;
+  }
+  void listen(const std::string& path) {
+    const sockaddr_un address = addressOf(path);
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
     socket_ = UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    ASSERT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
   }
 
   // What a process with these variables tells in `act`.
@@ -85,13 +91,10 @@ class ServiceManagerTest : public testing::Test {
   // Fills the queue of the socket, so that it takes nothing more; returns how many it holds.
   std::size_t fill() {
     const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string file = path();
-    std::memcpy(address.sun_path, file.data(), file.size());
+    const sockaddr_un address = addressOf(path());
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     std::size_t count = 0;
-    while (count < 100'000 && sendto(sender.get(), "x", 1, 0, reinterpret_cast<sockaddr*>(&address),
-                                     sizeof address) == 1) {
+    while (count < 100'000 && sendto(sender.get(), "x", 1, 0, generic, sizeof address) == 1) {
       ++count;
     }
     EXPECT_EQ(errno, EAGAIN);
@@ -114,7 +117,6 @@ class ServiceManagerTest : public testing::Test {
 };
 
 TEST_F(ServiceManagerTest, ReadyIsTold) {
-  listen(path());
   EXPECT_EQ(notifications({{"NOTIFY_SOCKET", path()}}, notifyReady),
             std::vector<std::string>{"READY=1"});
 }
@@ -130,7 +132,6 @@ TEST_F(ServiceManagerTest, AbstractSocketIsToldToo) {
 }
 
 TEST_F(ServiceManagerTest, NothingIsToldWithoutSocket) {
-  listen(path());
   const auto act = [] {
     unsetenv("NOTIFY_SOCKET");
     notifyReady();
@@ -142,8 +143,8 @@ TEST_F(ServiceManagerTest, NothingIsToldWithoutSocket) {
 }
 
 TEST_F(ServiceManagerTest, UnusableSocketIsLoggedOnce) {
-  for (const std::string& socket :
-       {path(), std::string("relative"), std::string("vsock:1:2"), "/" + std::string(200, 'x')}) {
+  for (const std::string& socket : {folder_ / "nobody", std::string("relative"),
+                                    std::string("vsock:1:2"), "/" + std::string(200, 'x')}) {
     const auto act = [] {
       tests::records.clear();
       notifyReady();
@@ -159,7 +160,6 @@ TEST_F(ServiceManagerTest, UnusableSocketIsLoggedOnce) {
 }
 
 TEST_F(ServiceManagerTest, ReadyIsRepeatedUntilTaken) {
-  listen(path());
   ASSERT_GT(fill(), 0U);
   const auto act = [this] {
     notifyReady();
@@ -175,7 +175,6 @@ TEST_F(ServiceManagerTest, ReadyIsRepeatedUntilTaken) {
 }
 
 TEST_F(ServiceManagerTest, LongWaitRepeatsReady) {
-  listen(path());
   ASSERT_GT(fill(), 0U);
   const auto told = notifications({{"NOTIFY_SOCKET", path()}}, [this] {
     notifyReady();
@@ -186,7 +185,6 @@ TEST_F(ServiceManagerTest, LongWaitRepeatsReady) {
 }
 
 TEST_F(ServiceManagerTest, ProgramsDoNotInheritVariables) {
-  listen(path());
   const Variables variables{
       {"NOTIFY_SOCKET", path()}, {"WATCHDOG_USEC", "1000000"}, {"WATCHDOG_PID", "1"}};
   const auto act = [] {
@@ -203,7 +201,6 @@ TEST_F(ServiceManagerTest, ProgramsDoNotInheritVariables) {
 }
 
 TEST_F(ServiceManagerTest, AliveIsToldAtHalfTime) {
-  listen(path());
   const auto told = toldAlive("400000", [] { callFor(900); });
   EXPECT_GE(told.size(), 2U);
   EXPECT_LE(told.size(), 5U);
@@ -211,7 +208,6 @@ TEST_F(ServiceManagerTest, AliveIsToldAtHalfTime) {
 }
 
 TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
-  listen(path());
   for (const char* time : {"", "0", "-1", "x", "1000x", "99999999999999999999"}) {
     EXPECT_TRUE(toldAlive(time, [] { callFor(20); }).empty()) << time;
   }
@@ -229,7 +225,6 @@ TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
 }
 
 TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
-  listen(path());
   constexpr char kWatchdogUs[] = "200000";
   EXPECT_GE(toldAlive(kWatchdogUs, [] { sysExecSimple("/bin/sleep", "1"); }).size(), 4U);
   EXPECT_GE(toldAlive(kWatchdogUs,
@@ -247,7 +242,6 @@ TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
 
 // Its queue holds some hundred messages at most, see net.unix.max_dgram_qlen.
 TEST_F(ServiceManagerTest, DeafManagerHoldsNobodyUp) {
-  listen(path());
   const auto before = nowMs();
   const auto told = toldAlive("2", [] {
     for (int call = 0; call < 2'000; ++call) {

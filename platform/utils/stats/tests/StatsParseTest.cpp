@@ -93,9 +93,11 @@ TEST(ParseCpuInfo, NamesImplementerAndPartWithoutBoard) {
   EXPECT_EQ("0x41/0xd03", parseCpuInfo(kArm64, std::string(1, '\0')).processor);
 }
 
+using Percents = std::vector<std::uint32_t>;
+
 class CpuMeterTest : public testing::Test {
  protected:
-  std::vector<std::uint32_t> update(const std::string& text) {
+  Percents update(const std::string& text) {
     CpuStats stats{};
     if (meter_.update(text, stats) != 0) return {};
     return {stats.percent.begin(), stats.percent.begin() + stats.count};
@@ -105,43 +107,41 @@ class CpuMeterTest : public testing::Test {
 };
 
 TEST_F(CpuMeterTest, MeasuresBusyTimeBetweenReadings) {
-  EXPECT_EQ((std::vector<std::uint32_t>{25, 100}), update("cpu  250 0 0 150 0 0 0 0 0 0\n"
-                                                          "cpu0 20 5 0 70 5 0 0 0 9 9\n"
-                                                          "cpu1 30 30 30 0 0 5 4 1 0 0\n"
-                                                          "intr 12 cpu\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{80, 0}), update("cpu0 100 5 0 80 15 0 0 0 0 0\n"
-                                                        "cpu1 30 30 30 50 50 5 4 1 0 0\n"));
+  EXPECT_EQ((Percents{25, 100}), update("cpu  250 0 0 150 0 0 0 0 0 0\n"
+                                        "cpu0 20 5 0 70 5 0 0 0 9 9\n"
+                                        "cpu1 30 30 30 0 0 5 4 1 0 0\n"
+                                        "intr 12 cpu\n"));
+  EXPECT_EQ((Percents{80, 0}), update("cpu0 100 5 0 80 15 0 0 0 0 0\n"
+                                      "cpu1 30 30 30 50 50 5 4 1 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, KeepsFigureWithinOneTick) {
-  EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 0 0 0 0 0 0 0 0\n"));
+  EXPECT_EQ((Percents{0}), update("cpu0 0 0 0 0 0 0 0 0\n"));
   const std::string text = "cpu0 30 0 0 70 0 0 0 0\n";
-  EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
-  EXPECT_EQ((std::vector<std::uint32_t>{30}), update(text));
+  EXPECT_EQ((Percents{30}), update(text));
+  EXPECT_EQ((Percents{30}), update(text));
 }
 
 TEST_F(CpuMeterTest, SurvivesDecreasingCounters) {
   update("cpu0 30 0 0 70 50 0 0 0\n");
-  EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 20 0 0 170 50 0 0 0\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{0}), update("cpu0 1 0 0 9 0 0 0 0\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{50}), update("cpu0 6 0 0 14 0 0 0 0\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{100}), update("cpu0 26 0 0 4 0 0 0 0\n"));
+  EXPECT_EQ((Percents{0}), update("cpu0 20 0 0 170 50 0 0 0\n"));
+  EXPECT_EQ((Percents{0}), update("cpu0 1 0 0 9 0 0 0 0\n"));
+  EXPECT_EQ((Percents{50}), update("cpu0 6 0 0 14 0 0 0 0\n"));
+  EXPECT_EQ((Percents{100}), update("cpu0 26 0 0 4 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, FollowsProcessorWhenAnotherDisappears) {
   update("cpu0 0 0 0 100 0 0 0 0\ncpu1 0 0 0 100 0 0 0 0\ncpu2 100 0 0 0 0 0 0 0\n");
-  EXPECT_EQ((std::vector<std::uint32_t>{0, 0, 50}),
-            update("cpu0 0 0 0 200 0 0 0 0\ncpu2 150 0 0 50 0 0 0 0\n"));
+  EXPECT_EQ((Percents{0, 0, 50}), update("cpu0 0 0 0 200 0 0 0 0\ncpu2 150 0 0 50 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, KeepsEachFigureAtItsNumber) {
-  EXPECT_EQ((std::vector<std::uint32_t>{0, 25, 0, 75}),
-            update("cpu1 25 0 0 75 0 0 0 0\ncpu3 75 0 0 25 0 0 0 0\n"));
-  EXPECT_EQ((std::vector<std::uint32_t>{}), update("cpu255 1 0 0 1 0 0 0 0\n"));
+  EXPECT_EQ((Percents{0, 25, 0, 75}), update("cpu1 25 0 0 75 0 0 0 0\ncpu3 75 0 0 25 0 0 0 0\n"));
+  EXPECT_EQ((Percents{}), update("cpu255 1 0 0 1 0 0 0 0\n"));
 }
 
 TEST_F(CpuMeterTest, AcceptsFourColumnsOfOldKernels) {
-  EXPECT_EQ((std::vector<std::uint32_t>{50}), update("cpu0 1 0 0 1\n"));
+  EXPECT_EQ((Percents{50}), update("cpu0 1 0 0 1\n"));
 }
 
 TEST_F(CpuMeterTest, ReportsAtMost255) {

@@ -39,18 +39,14 @@ NlMessage interfaceAnswer(std::uint32_t index, const char* name, std::uint32_t t
 }
 
 TEST(DecodeInterface, ReadsIndexNameAndKind) {
-  const NlMessage message = interfaceAnswer(3, "wlan0", NL80211_IFTYPE_STATION);
+  const NlMessage client = interfaceAnswer(3, "wlan0", NL80211_IFTYPE_STATION);
   WirelessInterface interface {};
-  ASSERT_TRUE(decodeInterface(nlmsg_hdr(message.get()), interface));
+  ASSERT_TRUE(decodeInterface(nlmsg_hdr(client.get()), interface));
   EXPECT_EQ(3U, interface.index);
   EXPECT_EQ("wlan0", interface.name);
   EXPECT_TRUE(interface.isClient);
-}
-
-TEST(DecodeInterface, AccessPointIsNotClient) {
-  const NlMessage message = interfaceAnswer(4, "ap0", NL80211_IFTYPE_AP);
-  WirelessInterface interface {};
-  ASSERT_TRUE(decodeInterface(nlmsg_hdr(message.get()), interface));
+  const NlMessage accessPoint = interfaceAnswer(4, "ap0", NL80211_IFTYPE_AP);
+  ASSERT_TRUE(decodeInterface(nlmsg_hdr(accessPoint.get()), interface));
   EXPECT_FALSE(interface.isClient);
 }
 

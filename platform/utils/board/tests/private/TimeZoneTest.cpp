@@ -51,17 +51,11 @@ TEST(SetTimeZone, OutranksZoneFromEnvironment) {
   EXPECT_EQ("11:46 CEST", clockAt(kSummer2024));
 }
 
-TEST(SetTimeZone, RefusedZoneChangesNeither) {
+TEST(SetTimeZone, FailureChangesNeitherSystemNorThisProcess) {
   ASSERT_TRUE(setTimeZone("Europe/Paris"));
   for (const char* zone : {"Europe/Nowhere", "../../../etc/passwd", "localtime", "zone.tab", ""}) {
     EXPECT_FALSE(setTimeZone(zone)) << zone;
   }
-  EXPECT_EQ("/usr/share/zoneinfo/Europe/Paris", localtimeTarget());
-  EXPECT_EQ("11:46 CEST", clockAt(kSummer2024));
-}
-
-TEST(SetTimeZone, ChangesNothingWithoutWritePermission) {
-  ASSERT_TRUE(setTimeZone("Europe/Paris"));
   ASSERT_EQ(0, chmod("/etc", 0555));
   EXPECT_FALSE(setTimeZone("GMT"));
   ASSERT_EQ(0, chmod("/etc", 0755));

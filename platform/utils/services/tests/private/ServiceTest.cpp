@@ -12,9 +12,8 @@
 #include <functional>
 #include <thread>
 
+#include "../../../process/tests/Processes.h"
 #include "SyslogRecorder.h"
-#include "TemporaryFolder.h"
-#include "kova/utils/Clock.h"
 #include "kova/utils/Process.h"
 
 namespace kova::utils {
@@ -49,6 +48,7 @@ timeval now() {
 
 namespace {
 
+using tests::eventually;
 using tests::readText;
 using tests::writeText;
 namespace fs = std::filesystem;
@@ -59,14 +59,14 @@ class ServiceTest : public testing::Test {
   void SetUp() override {
     fs::create_directories("/etc/sv");
     fs::create_directories("/etc/service");
+    tests::records.clear();
   }
 
   void TearDown() override {
     if (supervisor_ > 0) {
       kill(supervisor_, SIGHUP);  // stops the services too, see runsvdir(8)
       waitpid(supervisor_, nullptr, 0);
-      const std::uint64_t deadline = nowMs() + 10000;
-      while (kill_process_by_name("runsv", 0) > 0 && nowMs() < deadline) sleepMs(5);
+      EXPECT_TRUE(eventually([] { return kill_process_by_name("runsv", 0) == 0; }));
     }
     fs::remove_all("/etc/service");
     fs::remove_all("/etc/sv");
@@ -94,6 +94,16 @@ class ServiceTest : public testing::Test {
 
   static std::string State(const std::string& name) {
     return readText("/etc/sv/" + name + "/supervise/stat");
+  }
+
+  /// Expects these lines and no others since the last call.
+  static void expectLines(const std::vector<std::string>& texts) {
+    ASSERT_EQ(tests::records.size(), texts.size());
+    for (std::size_t line = 0; line < texts.size(); ++line) {
+      const std::string& logged = tests::records[line].text;
+      EXPECT_NE(logged.find(texts[line]), std::string::npos) << logged;
+    }
+    tests::records.clear();
   }
 
   pid_t supervisor_ = -1;
@@ -165,32 +175,23 @@ TEST_F(ServiceTest, EssentialServiceCannotBeDisabled) {
 }
 
 TEST_F(ServiceTest, UnknownNamesAreLogged) {
-  kova::tests::records.clear();
   EXPECT_FALSE(EnableService("unknown"));
   EXPECT_FALSE(DisableService("../lights"));
-  ASSERT_EQ(kova::tests::records.size(), 2U);
-  EXPECT_NE(kova::tests::records[0].text.find("There is no service \"unknown\" in /etc/sv"),
-            std::string::npos);
-  EXPECT_NE(kova::tests::records[1].text.find("There is no service \"../lights\" in /etc/sv"),
-            std::string::npos);
+  expectLines({"There is no service \"unknown\" in /etc/sv",
+               "There is no service \"../lights\" in /etc/sv"});
 }
 
 TEST_F(ServiceTest, SystemdIsAskedWhereItRuns) {
   install("lights");
   startSupervisor();
   fs::create_directories("/run/systemd/system");
-  tests::records.clear();
   EXPECT_FALSE(EnableService("lights"));
   EXPECT_FALSE(DisableService("lights"));
   EXPECT_FALSE(DisableService("../lights"));
   fs::remove("/run/systemd/system");
-  ASSERT_EQ(tests::records.size(), 3U);
-  for (const int line : {0, 1}) {
-    EXPECT_NE(tests::records[line].text.find("Unable to reach systemd on the system bus"),
-              std::string::npos);
-  }
-  EXPECT_NE(tests::records[2].text.find("There is no service \"../lights\" of systemd"),
-            std::string::npos);
+  expectLines({"Unable to reach systemd on the system bus",
+               "Unable to reach systemd on the system bus",
+               "There is no service \"../lights\" of systemd"});
   EXPECT_FALSE(isMarked("lights"));
 }
 
@@ -216,12 +217,9 @@ TEST_F(ServiceTest, ServiceThatDoesNotStopFailsWithinBudget) {
   startSupervisor();
   ASSERT_TRUE(EnableService("stubborn"));
   const std::string pid = readText("/etc/sv/stubborn/supervise/pid");
-  const std::uint64_t deadline = nowMs() + 10000;
-  while (readText("/proc/" + std::string(pid, 0, pid.find('\n')) + "/status")
-                 .find("SigIgn:\t0000000000004000") == std::string::npos &&
-         nowMs() < deadline) {
-    sleepMs(5);
-  }
+  const std::string status = "/proc/" + std::string(pid, 0, pid.find('\n')) + "/status";
+  ASSERT_TRUE(eventually(
+      [&] { return readText(status).find("SigIgn:\t0000000000004000") != std::string::npos; }));
   const std::uint64_t before = nowMs();
   EXPECT_FALSE(DisableService("stubborn"));
   EXPECT_LT(nowMs() - before, 10000U);
@@ -233,34 +231,28 @@ TEST_F(ServiceTest, EssentialServiceCannotBeDisabledByLink) {
   for (const char* name : {"syslogd", "other", "link", "lights"}) install(name);
   fs::create_symlink("syslogd", "/etc/sv/alias");
   fs::create_symlink("/etc/sv/syslogd", "/etc/service/link");
-  tests::records.clear();
   EXPECT_FALSE(DisableService("alias"));
   EXPECT_FALSE(DisableService("link"));
   fs::remove("/etc/service/link");
   fs::create_symlink("/etc/sv/other", "/etc/service/syslogd");
   fs::create_symlink("/etc/sv/other", "/etc/service/link");
   EXPECT_FALSE(DisableService("link"));
-  for (const tests::Record& record : tests::records) {
-    EXPECT_NE(record.text.find("Refused to stop "), std::string::npos) << record.text;
-  }
+  expectLines({"Refused to stop ", "Refused to stop ", "Refused to stop "});
   EXPECT_TRUE(DisableService("lights"));
 }
 
 TEST_F(ServiceTest, MarkThatCannotBeChangedFails) {
-  const auto expectLine = [](const std::string& text) {
-    EXPECT_NE(tests::records.back().text.find(text), std::string::npos);
-  };
   install("lights");
   fs::create_directory("/etc/sv/lights/down");
   EXPECT_FALSE(EnableService("lights"));
-  expectLine("Cannot mark lights to be started");
+  expectLines({"Cannot mark lights to be started"});
   fs::remove("/etc/sv/lights/down");
   fs::create_directory("/etc/service/lights");
   EXPECT_FALSE(DisableService("lights"));
-  expectLine("Cannot unmark lights");
+  expectLines({"Cannot unmark lights"});
   fs::remove_all("/etc/service");
   EXPECT_FALSE(EnableService("lights"));
-  expectLine("Cannot mark lights to be started");
+  expectLines({"Cannot mark lights to be started"});
 }
 
 /// A service whose supervisor and sv(8) are played by the test.
@@ -277,7 +269,6 @@ class SvTest : public ServiceTest {
     ASSERT_EQ(0, mount("/etc/sv/sv", "/usr/bin/sv", nullptr, MS_BIND, nullptr));
     stoppedMs = nowMs();
     atWait = [] {};
-    tests::records.clear();
   }
   void TearDown() override {
     atWait = nullptr;
@@ -295,12 +286,6 @@ class SvTest : public ServiceTest {
     writeText("/etc/sv/sv", "#!/bin/sh\necho \"$@\" >>/etc/sv/calls\n" + body + "\n");
   }
   static std::string calls() { return readText("/etc/sv/calls"); }
-
-  static void expectLine(const std::string& text) {
-    ASSERT_EQ(tests::records.size(), 1U);
-    EXPECT_NE(tests::records[0].text.find(text), std::string::npos) << tests::records[0].text;
-    tests::records.clear();
-  }
 };
 
 constexpr char kStart[] = "-w 7 start /etc/service/lights\n";
@@ -316,28 +301,28 @@ TEST_F(SvTest, StartedServiceKeepsItsProcess) {
     writeText(pid, "7\n");
     atWait = change;
     EXPECT_FALSE(EnableService("lights"));
-    expectLine("lights ended as soon as it was started");
+    expectLines({"lights ended as soon as it was started"});
   }
   EXPECT_FALSE(EnableService("lights")) << "no process";
-  expectLine("lights ended as soon as it was started");
+  expectLines({"lights ended as soon as it was started"});
   writeText(pid, "");
   atWait = [] {};
   EXPECT_FALSE(EnableService("lights")) << "no process";
-  expectLine("lights ended as soon as it was started");
+  expectLines({"lights ended as soon as it was started"});
 }
 
 TEST_F(SvTest, FailedStartIsNotRepeated) {
   sv("exit 1");
   EXPECT_FALSE(EnableService("lights"));
   EXPECT_EQ(calls(), kStart);
-  expectLine("sv start /etc/service/lights failed: ");
+  expectLines({"sv start /etc/service/lights failed: "});
 }
 
 TEST_F(SvTest, FailedStopIsLoggedWithFirstFourKibibytes) {
   sv("echo; head -c 6000 /dev/zero | tr '\\0' x; echo why >&2; exit 1");
   EXPECT_FALSE(DisableService("lights"));
   EXPECT_EQ(calls(), "-w 7 stop /etc/service/lights\n");
-  expectLine(" failed: " + std::string(4095, 'x') + "why");
+  expectLines({" failed: " + std::string(4095, 'x') + "why"});
   EXPECT_TRUE(isMarked("lights"));
 }
 
@@ -361,7 +346,7 @@ TEST_F(SvTest, SupervisorThatEndsAtDeadlineIsNotAwaited) {
   };
   EXPECT_FALSE(EnableService("lights"));
   EXPECT_EQ(calls(), kStart);
-  expectLine("lights ended as soon as it was started");
+  expectLines({"lights ended as soon as it was started"});
 }
 
 TEST_F(SvTest, LateSupervisorLeavesSecondToStart) {
@@ -383,7 +368,7 @@ TEST_F(SvTest, EnableFailsWithinBudgetWithoutSupervisor) {
   EXPECT_FALSE(EnableService("lights"));
   EXPECT_LT(nowMs() - before, 10000U);
   EXPECT_GT(waits, 100);
-  expectLine("No supervisor took up lights");
+  expectLines({"No supervisor took up lights"});
   EXPECT_TRUE(DisableService("lights"));
   EXPECT_FALSE(fs::is_symlink("/etc/service/lights"));
 }
