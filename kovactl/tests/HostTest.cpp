@@ -14,7 +14,6 @@
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -22,7 +21,7 @@ namespace {
 using ::testing::HasSubstr;
 
 /// Puts a script in the place of ssh. It leaves its arguments and what is ignored of SIGINT.
-class Host : public ::testing::Test {
+class Host : public BusTest {
  protected:
   void SetUp() override {
     ASSERT_NE(mkdtemp(folder_.data()), nullptr);
@@ -57,9 +56,7 @@ class Host : public ::testing::Test {
     }
     return child.awaitOutput("GetSystemStats");
   }
-  std::string socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
 
-  ipc::testing::PrivateBus bus_;
   std::string folder_ = std::filesystem::temp_directory_path() / "kova_host.XXXXXX";
   std::string pathBefore_;
 };
@@ -78,9 +75,7 @@ TEST_F(Host, InspectingCommandsRunThere) {
            {{"-H", "cam", "service", "list"}, "-xT -- cam kovactl service list\n"},
            {{"timezones", "a b", "--json", "--host", "cam"},
             "-xT -- cam kovactl timezones 'a b' '--json'\n"}}) {
-    const Result result = run(typed);
-    EXPECT_EQ(result.status, 1) << "as there";
-    EXPECT_EQ(result.out, "there\n");
+    expectOutput(run(typed), 1, "there\n");
     EXPECT_EQ(left("arguments"), sent);
   }
 }
@@ -88,10 +83,9 @@ TEST_F(Host, InspectingCommandsRunThere) {
 TEST_F(Host, DenialThereAdvisesForThere) {
   FakeCamera camera;
   camera.refuseToTell("org.freedesktop.DBus.Error.AccessDenied");
-  const Result result = run({"-H", "bob@cam", "info"});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("may use the bus of bob@cam: run \"adduser USER kova && "
-                                    "/usr/libexec/kova_members\" there"));
+  expectFailure(run({"-H", "bob@cam", "info"}), 3,
+                "may use the bus of bob@cam: run \"adduser USER kova && "
+                "/usr/libexec/kova_members\" there");
 }
 
 TEST_F(Host, RefusedFiguresAreNotLeftOut) {
@@ -104,9 +98,7 @@ TEST_F(Host, RefusedFiguresAreNotLeftOut) {
     EXPECT_THAT(result.err, HasSubstr(std::string("cannot get ") + what + ": no answer to this"));
     camera.publish("7", {});
   }
-  const Result listed = run({"-H", "cam", "transfers"});
-  EXPECT_EQ(listed.status, 1);
-  EXPECT_THAT(listed.err, HasSubstr("cannot get the list of transfers"));
+  expectFailure(run({"-H", "cam", "transfers"}), 1, "cannot get the list of transfers");
 }
 
 TEST_F(Host, MetricsPrintWhatCouldBeRead) {
@@ -146,17 +138,14 @@ TEST_F(Host, EndOfSshIsExplained) {
     }
   }
   become("exit 255");
-  const Result listed = run({"--host", "cam", "service", "list"});
-  EXPECT_EQ(listed.status, 3);
-  EXPECT_THAT(listed.err, HasSubstr("cannot log in to cam"));
+  expectFailure(run({"--host", "cam", "service", "list"}), 3, "cannot log in to cam");
 }
 
 TEST_F(Host, MissingSshIsNamed) {
   setenv("PATH", "/nonexistent", 1);
   for (const char* typed : {"stats", "timezones"}) {
-    const Result result = run({"--host", "cam", typed});
-    EXPECT_EQ(result.status, 3);
-    EXPECT_EQ(result.err, "kovactl: cannot run ssh: install it (package openssh-client)\n");
+    expectError(run({"--host", "cam", typed}), 3,
+                "kovactl: cannot run ssh: install it (package openssh-client)\n");
   }
 }
 
@@ -224,9 +213,7 @@ TEST_F(Host, OutputOfOtherMachineIsEscaped) {
 
 TEST_F(Host, ProgramLeftByOtherMachineDelaysNothing) {
   become("sleep 60 & echo there");
-  const Result result = run({"--host", "cam", "timezones"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "there\n");
+  expectOutput(run({"--host", "cam", "timezones"}), 0, "there\n");
 }
 
 // The request ends with the connection that carries it.
@@ -268,9 +255,7 @@ TEST_F(Host, LossIsReported) {
   Child child({"--host", "cam", "listen", "client.me"});
   ASSERT_TRUE(awaitJoined(child));
   kill(std::stoi(left("pid")), SIGKILL);
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("the connection to the bus was lost"));
+  expectFailure(child.wait(), 3, "the connection to the bus was lost");
 }
 
 }  // namespace
