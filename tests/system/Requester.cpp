@@ -41,18 +41,14 @@ Requester::Requester(const Camera& camera) : BaseHandler("Requester", nullptr) {
 }
 
 std::uint64_t Requester::ask(Fields fields) {
-  fields.emplace("timeoutMs", kTransferMs);
   const std::string function = functionFor(fields);
-  return send(function, std::move(fields));
-}
-
-std::uint64_t Requester::send(const std::string& functionName, Fields fields) {
-  fields.emplace("functionName", functionName);
+  fields.emplace("timeoutMs", kTransferMs);
+  fields.emplace("functionName", function);
   fields.emplace("to", "kova_ctlserver");
   BaseRequestMessage request{Variant(std::move(fields))};
   const std::uint64_t id = request.id();
   if (!ipc_.SendRequest(request)) {
-    throw std::runtime_error(functionName + " cannot be sent");
+    throw std::runtime_error(function + " cannot be sent");
   }
   return id;
 }

@@ -25,8 +25,6 @@ class Requester : private ipc::BaseHandler {
   /// "timeoutMs" the transfer has 20 s.
   /// @return the request's id
   std::uint64_t ask(Fields fields);
-  /// Any request; nothing is added but the envelope.
-  std::uint64_t send(const std::string& functionName, Fields fields);
 
   /// The outcomes that events have told of a request so far, in order.
   std::vector<std::string> outcomes(std::uint64_t id) const;
