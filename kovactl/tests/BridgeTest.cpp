@@ -8,10 +8,10 @@
 
 #include <array>
 #include <chrono>
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Child.h"
 #include "Peer.h"
 #include "kova/utils/UniqueFd.h"
@@ -27,18 +27,14 @@ using Clock = std::chrono::steady_clock;
 class MuteBus {
  public:
   MuteBus() {
-    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path().copy(address.sun_path, sizeof address.sun_path - 1);
     EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     EXPECT_EQ(listen(listener_.get(), 4), 0);
   }
-  ~MuteBus() { std::filesystem::remove_all(folder_); }
-  MuteBus(const MuteBus&) = delete;
-  MuteBus& operator=(const MuteBus&) = delete;
 
-  std::string path() const { return folder_ + "/bus"; }
+  std::string path() const { return folder_ / "bus"; }
   UniqueFd accept() const {
     pollfd ready{listener_.get(), POLLIN, 0};
     EXPECT_EQ(poll(&ready, 1, kPatienceMs), 1);
@@ -46,7 +42,7 @@ class MuteBus {
   }
 
  private:
-  std::string folder_ = std::filesystem::temp_directory_path() / "kova_mute.XXXXXX";
+  tests::TemporaryFolder folder_;
   UniqueFd listener_{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 

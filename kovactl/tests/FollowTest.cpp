@@ -1,12 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
+#include "../../platform/utils/process/tests/Script.h"
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Json.h"
@@ -71,19 +69,13 @@ class Carrier {
  public:
   /// @param most how many connections it carries; it fails for more
   Carrier(const std::string& bus, int most) {
-    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
-    std::ofstream(folder_ + "/carry")
-        << "#!/bin/sh\n"
-        << "[ \"$(cat '" << pids() << "' 2>/dev/null | wc -l)\" -lt " << most << " ] || exit 1\n"
-        << "echo $$ >>'" << pids() << "'\n"
-        << bridgeCommand(bus) << "\n";
-    chmod((folder_ + "/carry").c_str(), 0755);
+    const std::string enough = "[ \"$(cat '" + pids() + "' 2>/dev/null | wc -l)\" -lt ";
+    writeScript(folder_, "carry",
+                enough + std::to_string(most) + " ] || exit 1\necho $$ >>'" + pids() + "'\n" +
+                    bridgeCommand(bus));
   }
-  ~Carrier() { std::filesystem::remove_all(folder_); }
-  Carrier(const Carrier&) = delete;
-  Carrier& operator=(const Carrier&) = delete;
 
-  std::string address() const { return "unixexec:path=" + folder_ + "/carry"; }
+  std::string address() const { return "unixexec:path=" + folder_ / "carry"; }
   std::vector<pid_t> carrying() const {
     std::vector<pid_t> carrying;
     std::ifstream file(pids());
@@ -94,8 +86,9 @@ class Carrier {
   }
 
  private:
-  std::string pids() const { return folder_ + "/pids"; }
-  std::string folder_ = std::filesystem::temp_directory_path() / "kova_carrier.XXXXXX";
+  std::string pids() const { return folder_ / "pids"; }
+
+  tests::TemporaryFolder folder_;
 };
 
 class Follow : public BusTest {};

@@ -1,16 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <sstream>
 
+#include "../../platform/utils/process/tests/Script.h"
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Peer.h"
@@ -24,30 +22,21 @@ using ::testing::HasSubstr;
 class Host : public BusTest {
  protected:
   void SetUp() override {
-    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
     pathBefore_ = std::getenv("PATH");
-    setenv("PATH", (folder_ + ":" + pathBefore_).c_str(), 1);
+    setenv("PATH", (folder_.path() + ":" + pathBefore_).c_str(), 1);
     become(bridgeCommand(bus_.address()));
   }
   void TearDown() override {
     setenv("PATH", pathBefore_.c_str(), 1);
     unsetenv("RELAY_DELAY_S");
-    std::filesystem::remove_all(folder_);
   }
 
   void become(const std::string& command) const {
-    std::ofstream(folder_ + "/ssh")
-        << "#!/bin/sh\n"
-        << "echo \"$@\" >'" << folder_ << "/arguments'\n"
-        << "grep SigIgn /proc/self/status >'" << folder_ << "/ignored'\n"
-        << command << "\n";
-    chmod((folder_ + "/ssh").c_str(), 0755);
+    writeScript(folder_, "ssh",
+                "echo \"$@\" >'" + folder_ / "arguments" + "'\ngrep SigIgn /proc/self/status >'" +
+                    folder_ / "ignored" + "'\n" + command);
   }
-  std::string left(const std::string& name) const {
-    std::stringstream content;
-    content << std::ifstream(folder_ + "/" + name).rdbuf();
-    return content.str();
-  }
+  std::string left(const std::string& name) const { return tests::readText(folder_ / name); }
   /// Waits until a kovactl that listens as client.me has joined the bus.
   static bool awaitJoined(Child& child) {
     Result sent{1, "", ""};
@@ -57,7 +46,7 @@ class Host : public BusTest {
     return child.awaitOutput("GetSystemStats");
   }
 
-  std::string folder_ = std::filesystem::temp_directory_path() / "kova_host.XXXXXX";
+  tests::TemporaryFolder folder_;
   std::string pathBefore_;
 };
 
@@ -158,7 +147,7 @@ TEST_F(Host, WrongHostsAreRefused) {
     EXPECT_THAT(run({"--json", "--host", text, "stats"}).out, HasSubstr("\"code\": \"usage\""));
   }
   EXPECT_EQ(run({"--host", "cam", "--bus", bus_.address(), "stats"}).status, 2);
-  EXPECT_EQ(left("arguments"), "") << "nothing was started";
+  EXPECT_EQ(left("arguments"), "(none)") << "nothing was started";
 }
 
 TEST_F(Host, CtrlCDoesNotReachSsh) {
@@ -176,9 +165,9 @@ TEST_F(Host, StopSignalEndsLogin) {
   become("exec sleep 60");
   for (const auto& [signal, status] : {std::pair(SIGINT, 130), std::pair(SIGTERM, 143)}) {
     for (const char* asking : {"stats", "monitor"}) {
-      std::filesystem::remove(folder_ + "/ignored");
+      std::filesystem::remove(folder_ / "ignored");
       Child child({"--host", "cam", asking});
-      for (int attempt = 0; left("ignored").empty() && attempt < 2000; ++attempt) {
+      for (int attempt = 0; !left("ignored").starts_with("SigIgn") && attempt < 2000; ++attempt) {
         child.awaitOutputFor("never", 10);
       }
       child.signal(signal);
@@ -237,7 +226,7 @@ TEST_F(Host, StopSignalThatEndsSshTooIsTold) {
     asked.set_value();
     ended.get_future().wait_for(std::chrono::seconds(20));
   });
-  become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
+  become("echo $$ >'" + folder_ / "pid" + "'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "transfers"});
   ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   child.signal(SIGSTOP);
@@ -251,7 +240,7 @@ TEST_F(Host, StopSignalThatEndsSshTooIsTold) {
 }
 
 TEST_F(Host, LossIsReported) {
-  become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
+  become("echo $$ >'" + folder_ / "pid" + "'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "listen", "client.me"});
   ASSERT_TRUE(awaitJoined(child));
   kill(std::stoi(left("pid")), SIGKILL);

@@ -1,11 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 
-#include <filesystem>
-#include <fstream>
-
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Child.h"
 #include "Peer.h"
 
@@ -18,13 +15,9 @@ using variant::Variant;
 
 class Passwords : public BusTest {
  protected:
-  Passwords() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-  ~Passwords() override { std::filesystem::remove_all(folder_); }
-
   std::string File(const std::string& name, const std::string& content) const {
-    const std::string path = folder_ + "/" + name;
-    std::ofstream(path) << content;
-    return path;
+    tests::writeText(folder_ / name, content);
+    return folder_ / name;
   }
 
   // The fields of the last request: name, old and new password.
@@ -34,7 +27,7 @@ class Passwords : public BusTest {
             request.find("passwordNew")->toText()};
   }
 
-  std::string folder_ = std::filesystem::temp_directory_path() / "kovactl_test.XXXXXX";
+  tests::TemporaryFolder folder_;
   Peer peer_{answering(0, Variant::Map{{"username", "admin"}})};
 };
 
@@ -56,7 +49,7 @@ TEST_F(Passwords, AreReadFromFiles) {
             0);
   EXPECT_EQ(asked(), (std::vector<std::string>{"admin", "a b", "c"}));
   expectFailure(
-      run({"user", "passwd", "--old-file", folder_ + "/none", "--new-file", File("new", "c")}), 6,
+      run({"user", "passwd", "--old-file", folder_ / "none", "--new-file", File("new", "c")}), 6,
       "No such file");
 }
 

@@ -5,9 +5,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Child.h"
 #include "Peer.h"
 
@@ -18,12 +17,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 using variant::Variant;
-
-std::string contentOf(const std::string& path) {
-  std::stringstream content;
-  content << std::ifstream(path).rdbuf();
-  return content.str();
-}
 
 using Words = std::vector<std::string>;
 
@@ -125,7 +118,7 @@ TEST_F(Refusals, WrongUsageIsExplained) {
 }
 
 TEST_F(Refusals, UnusableBusIsExplained) {
-  std::ofstream(socket() + ".gone").flush();
+  tests::writeText(socket() + ".gone", "");
   const std::string deaf = bus_.address() + ".gone";
   const std::string far = "unix:path=/" + std::string(200, 'x');
   const Mistake mistakes[] = {
@@ -211,7 +204,7 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can become another user";
   }
-  if (!contentOf(KOVACTL_PROGRAM)
+  if (!tests::readText(KOVACTL_PROGRAM)
            .starts_with("\x7f"
                         "ELF")) {
     GTEST_SKIP() << "an emulator's script leads to files that others may not read";
@@ -228,7 +221,7 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
     const std::string file = folder + "/output";
     const std::string line = asNobody + " " + arguments + " >" + file + " 2>&1";
     EXPECT_EQ(WEXITSTATUS(std::system(line.c_str())), 3) << line;
-    return contentOf(file);
+    return tests::readText(file);
   };
   EXPECT_THAT(output("stats"),
               ::testing::MatchesRegex(
