@@ -21,8 +21,8 @@ class Requester : private ipc::BaseHandler {
   /// Throws std::runtime_error when it cannot join.
   explicit Requester(const Camera& camera);
 
-  /// Asks for what `fields` say: a "what" of get or put, or none for a firmware update. Without a
-  /// "timeoutMs" the transfer has 20 s.
+  /// Asks for what `fields` say: a "what" of get or put, or none or "" for a firmware update.
+  /// Without a "timeoutMs" the transfer has 20 s.
   /// @return the request's id
   std::uint64_t ask(Fields fields);
 
