@@ -2,23 +2,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Child.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 #include "kova/utils/UniqueFd.h"
 
 namespace kova::ctl::testing {
@@ -32,18 +27,14 @@ using Clock = std::chrono::steady_clock;
 class MuteBus {
  public:
   MuteBus() {
-    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path().copy(address.sun_path, sizeof address.sun_path - 1);
     EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     EXPECT_EQ(listen(listener_.get(), 4), 0);
   }
-  ~MuteBus() { std::filesystem::remove_all(folder_); }
-  MuteBus(const MuteBus&) = delete;
-  MuteBus& operator=(const MuteBus&) = delete;
 
-  std::string path() const { return folder_ + "/bus"; }
+  std::string path() const { return folder_ / "bus"; }
   UniqueFd accept() const {
     pollfd ready{listener_.get(), POLLIN, 0};
     EXPECT_EQ(poll(&ready, 1, kPatienceMs), 1);
@@ -51,88 +42,8 @@ class MuteBus {
   }
 
  private:
-  std::string folder_ = std::filesystem::temp_directory_path() / "kova_mute.XXXXXX";
+  tests::TemporaryFolder folder_;
   UniqueFd listener_{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-};
-
-/// A kovactl bridge between two pipes.
-class Bridge {
- public:
-  explicit Bridge(const std::string& path) {
-    std::array<int, 2> up{};
-    std::array<int, 2> down{};
-    EXPECT_EQ(pipe2(up.data(), O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(down.data(), O_CLOEXEC), 0);
-    const std::string address = "unix:path=" + path;
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      dup2(up[0], STDIN_FILENO);
-      dup2(down[1], STDOUT_FILENO);
-      execl(KOVACTL_PROGRAM, KOVACTL_PROGRAM, "--bus", address.c_str(), "bridge", nullptr);
-      _exit(127);
-    }
-    close(up[0]);
-    close(down[1]);
-    in = UniqueFd(up[1]);
-    out = UniqueFd(down[0]);
-    fcntl(in.get(), F_SETFL, O_NONBLOCK);
-    fcntl(out.get(), F_SETFL, O_NONBLOCK);
-  }
-  ~Bridge() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  Bridge(const Bridge&) = delete;
-  Bridge& operator=(const Bridge&) = delete;
-
-  /// The exit status; -1 when it does not end.
-  int wait() {
-    int status = 0;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(kPatienceMs);
-    while (waitpid(pid_, &status, WNOHANG) == 0) {
-      if (Clock::now() > deadline) {
-        return -1;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  /// The processor time that it takes in half a second, in clock ticks of 10 ms.
-  long ticksInHalfASecond() const {
-    const long before = ticks();
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    return ticks() - before;
-  }
-  /// Whether it sleeps, after all that it can do.
-  bool awaitRest() const {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(kPatienceMs);
-    long before = -1;
-    while (Clock::now() < deadline && before != ticks()) {
-      before = ticks();
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return before == ticks();
-  }
-
-  UniqueFd in;
-  UniqueFd out;
-
- private:
-  // proc(5): utime and stime are the fields 14 and 15; the name before holds no space.
-  long ticks() const {
-    std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
-    std::vector<std::string> fields;
-    for (std::string field; file >> field;) {
-      fields.push_back(field);
-    }
-    return fields.size() > 14 ? std::stol(fields[13]) + std::stol(fields[14]) : -1;
-  }
-
-  pid_t pid_ = -1;
 };
 
 bool await(int fd, short event) {
@@ -201,92 +112,113 @@ TEST(Bridge, BusRejectsGarbage) {
   EXPECT_EQ(child.wait().status, 0) << "with its input still open";
 }
 
-TEST(Bridge, BothWaysArriveComplete) {
-  const MuteBus bus;
-  Bridge bridge(bus.path());
-  const UniqueFd server = bus.accept();
+/// A kovactl bridge to a bus of which the test is the daemon.
+class BridgeToMuteBus : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fcntl(bridge_.input(), F_SETFL, O_NONBLOCK);
+    fcntl(bridge_.output(), F_SETFL, O_NONBLOCK);
+  }
+
+  /// The processor time that it takes in half a second, in clock ticks of 10 ms.
+  long ticksInHalfASecond() const {
+    const long before = ticks();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    return ticks() - before;
+  }
+  /// Whether it sleeps, after all that it can do.
+  bool awaitRest() const {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kPatienceMs);
+    long before = -1;
+    while (Clock::now() < deadline && before != ticks()) {
+      before = ticks();
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return before == ticks();
+  }
+
+  const MuteBus bus_;
+  Child bridge_{{"--bus", "unix:path=" + bus_.path(), "bridge"}};
+  UniqueFd server_{bus_.accept()};
+
+ private:
+  // proc(5): utime and stime are the fields 14 and 15; the name before holds no space.
+  long ticks() const {
+    std::ifstream file("/proc/" + std::to_string(bridge_.pid()) + "/stat");
+    std::vector<std::string> fields;
+    for (std::string field; file >> field;) {
+      fields.push_back(field);
+    }
+    return fields.size() > 14 ? std::stol(fields[13]) + std::stol(fields[14]) : -1;
+  }
+};
+
+TEST_F(BridgeToMuteBus, BothWaysArriveComplete) {
   const std::string text = numbered(1'000'000);
   std::string up;
   std::string down;
-  std::thread reader([&] { up = readAll(server.get()); });
-  std::thread client([&] { down = readAll(bridge.out.get()); });
+  std::thread reader([&] { up = readAll(server_.get()); });
+  std::thread client([&] { down = readAll(bridge_.output()); });
   std::thread writer([&] {
-    writeAll(bridge.in.get(), text + "up");
-    bridge.in.reset();
+    writeAll(bridge_.input(), text + "up");
+    bridge_.closeInput();
   });
-  writeAll(server.get(), text + "down");
+  writeAll(server_.get(), text + "down");
   reader.join();
-  shutdown(server.get(), SHUT_WR);
+  shutdown(server_.get(), SHUT_WR);
   writer.join();
   client.join();
-  EXPECT_EQ(bridge.wait(), 0);
+  EXPECT_EQ(bridge_.wait().status, 0);
   EXPECT_TRUE(up == text + "up") << up.size();
   EXPECT_TRUE(down == text + "down") << down.size();
 }
 
-TEST(Bridge, AnswersFollowEndOfInput) {
-  const MuteBus bus;
-  Bridge bridge(bus.path());
-  UniqueFd server = bus.accept();
-  writeAll(bridge.in.get(), "question");
-  bridge.in.reset();
-  EXPECT_EQ(readAll(server.get()), "question");
-  writeAll(server.get(), "answer");
-  server.reset();
-  EXPECT_EQ(readAll(bridge.out.get()), "answer");
-  EXPECT_EQ(bridge.wait(), 0);
+TEST_F(BridgeToMuteBus, AnswersFollowEndOfInput) {
+  writeAll(bridge_.input(), "question");
+  bridge_.closeInput();
+  EXPECT_EQ(readAll(server_.get()), "question");
+  writeAll(server_.get(), "answer");
+  server_.reset();
+  EXPECT_EQ(readAll(bridge_.output()), "answer");
+  EXPECT_EQ(bridge_.wait().status, 0);
 }
 
-TEST(Bridge, EndsWithBus) {
-  const MuteBus bus;
-  Bridge bridge(bus.path());
-  bus.accept().reset();
-  EXPECT_EQ(bridge.wait(), 0);
+TEST_F(BridgeToMuteBus, EndsWithBus) {
+  server_.reset();
+  EXPECT_EQ(bridge_.wait().status, 0);
 }
 
-TEST(Bridge, EndsWithReader) {
-  const MuteBus bus;
-  Bridge bridge(bus.path());
-  const UniqueFd server = bus.accept();
-  writeAll(bridge.in.get(), "last words");
-  bridge.out.reset();
-  bridge.in.reset();
-  EXPECT_EQ(readAll(server.get()), "last words");
-  EXPECT_EQ(bridge.wait(), 0);
+TEST_F(BridgeToMuteBus, EndsWithReader) {
+  writeAll(bridge_.input(), "last words");
+  bridge_.closeOutput();
+  bridge_.closeInput();
+  EXPECT_EQ(readAll(server_.get()), "last words");
+  EXPECT_EQ(bridge_.wait().status, 0);
 }
 
-TEST(Bridge, EndsUnderSilentBus) {
-  const MuteBus bus;
-  Bridge bridge(bus.path());
-  const UniqueFd server = bus.accept();
-  bridge.in.reset();
-  EXPECT_LE(bridge.ticksInHalfASecond(), 10);
-  EXPECT_EQ(bridge.wait(), 0);
+TEST_F(BridgeToMuteBus, EndsUnderSilentBus) {
+  bridge_.closeInput();
+  EXPECT_LE(ticksInHalfASecond(), 10);
+  EXPECT_EQ(bridge_.wait().status, 0);
 }
 
-TEST(Bridge, HoldsLittleOfFlood) {
-  const MuteBus bus;
-  Bridge bridge(bus.path());
-  UniqueFd server = bus.accept();
+TEST_F(BridgeToMuteBus, HoldsLittleOfFlood) {
   // A pipe and the buffer of each way, and what the kernel holds for the socket.
   constexpr std::size_t kMost = 1U << 20U;
-  EXPECT_LT(fill(bridge.in.get()), kMost);
-  EXPECT_LT(fill(server.get()), kMost);
-  EXPECT_TRUE(bridge.awaitRest());
-  EXPECT_LE(bridge.ticksInHalfASecond(), 10) << "while both sides are stuck";
-  bridge.in.reset();
-  server.reset();
-  EXPECT_LE(bridge.ticksInHalfASecond(), 10) << "while both have hung up";
-  bridge.out.reset();
-  EXPECT_EQ(bridge.wait(), 0);
+  EXPECT_LT(fill(bridge_.input()), kMost);
+  EXPECT_LT(fill(server_.get()), kMost);
+  EXPECT_TRUE(awaitRest());
+  EXPECT_LE(ticksInHalfASecond(), 10) << "while both sides are stuck";
+  bridge_.closeInput();
+  server_.reset();
+  EXPECT_LE(ticksInHalfASecond(), 10) << "while both have hung up";
+  bridge_.closeOutput();
+  EXPECT_EQ(bridge_.wait().status, 0);
 }
 
-TEST(Bridge, RestsWhileIdle) {
-  const MuteBus bus;
-  const Bridge bridge(bus.path());
-  const UniqueFd server = bus.accept();
-  EXPECT_TRUE(bridge.awaitRest());
-  EXPECT_LE(bridge.ticksInHalfASecond(), 10);
+TEST_F(BridgeToMuteBus, RestsWhileIdle) {
+  EXPECT_TRUE(awaitRest());
+  EXPECT_LE(ticksInHalfASecond(), 10);
 }
 
 TEST(Bridge, RefusalsAreExplained) {

@@ -6,7 +6,6 @@
 
 #include "Child.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -15,7 +14,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using variant::Variant;
 
-class BusView : public ::testing::Test {
+class BusView : public BusTest {
  protected:
   // Sends until the listener is ready, regardless of which process starts first.
   static void sendUntilTaken(const std::string& endpoint, std::vector<std::string> fields) {
@@ -27,8 +26,13 @@ class BusView : public ::testing::Test {
     }
     EXPECT_EQ(status, 0);
   }
-
-  ipc::testing::PrivateBus bus_;
+  // A monitor does not announce itself; its output shows that it is ready.
+  static void sendUntilShown(Child& monitor) {
+    std::size_t sent = 0;
+    do {
+      EXPECT_EQ(run({"call", "Something", "a=b", "id:=1"}).status, 0);
+    } while (++sent < 1000 && !monitor.awaitOutputFor("Something", 50));
+  }
 };
 
 std::vector<std::string> lines(const std::string& text) {
@@ -77,13 +81,6 @@ TEST_F(BusView, ListenExitsWithStatus3WhenBusCloses) {
   EXPECT_EQ(listener.wait().status, 3);
 }
 
-TEST_F(BusView, ListenFailsForTakenName) {
-  Peer peer(takingNote(), "kova_taken");
-  const Result result = run({"listen", "kova_taken"});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("kova.kova_taken"));
-}
-
 TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
   Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool& rejected) {
     rejected = request.functionName() == "Nonsense";
@@ -92,11 +89,7 @@ TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
     }
   });
   Child monitor({"monitor"});
-  // A monitor does not announce itself; its output shows that it is ready.
-  std::size_t sent = 0;
-  do {
-    EXPECT_EQ(run({"call", "Something", "a=b", "id:=1"}).status, 0);
-  } while (++sent < 1000 && !monitor.awaitOutputFor("Something", 50));
+  sendUntilShown(monitor);
   EXPECT_EQ(run({"call", "Nonsense"}).status, 1);
   ASSERT_TRUE(monitor.awaitOutput("error kova.Error.UnknownFunction"));
   EXPECT_THAT(monitor.out(), HasSubstr(" -> kova_ctlserver Something a=\"b\" id=1"));
@@ -110,10 +103,7 @@ TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
 TEST_F(BusView, MonitorExitsWithStatus3WhenBusCloses) {
   Peer peer(takingNote());
   Child monitor({"monitor"});
-  std::size_t sent = 0;
-  do {
-    EXPECT_EQ(run({"call", "Something"}).status, 0);
-  } while (++sent < 1000 && !monitor.awaitOutputFor("Something", 50));
+  sendUntilShown(monitor);
   bus_.kill();
   EXPECT_EQ(monitor.wait().status, 3);
 }

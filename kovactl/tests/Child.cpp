@@ -1,6 +1,7 @@
 #include "Child.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -104,6 +105,10 @@ void Child::closeInput() {
   closeOnce(input_);
 }
 
+void Child::closeOutput() {
+  closeOnce(output_);
+}
+
 void Child::signal(int signal) const {
   kill(pid_, signal);
 }
@@ -178,6 +183,21 @@ Result run(const std::vector<std::string>& arguments, const std::string& input) 
   }
   child.closeInput();
   return child.wait();
+}
+
+void expectOutput(const Result& result, int status, const std::string& out) {
+  EXPECT_EQ(result.status, status) << result.err;
+  EXPECT_EQ(result.out, out);
+}
+
+void expectError(const Result& result, int status, const std::string& err) {
+  expectOutput(result, status, "");
+  EXPECT_EQ(result.err, err);
+}
+
+void expectFailure(const Result& result, int status, const std::string& said) {
+  EXPECT_EQ(result.status, status) << result.err;
+  EXPECT_THAT(result.err, ::testing::HasSubstr(said));
 }
 
 std::string bridgeCommand(const std::string& bus) {

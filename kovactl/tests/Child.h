@@ -31,6 +31,7 @@ class Child {
 
   void write(const std::string& text);
   void closeInput();
+  void closeOutput();
   void signal(int signal) const;
   /// Waits until the output contains `text`.
   bool awaitOutput(const std::string& text);
@@ -44,6 +45,10 @@ class Child {
   /// Whether the pseudo-terminal echoes input.
   bool echoes() const;
   const std::string& out() const { return out_; }
+  pid_t pid() const { return pid_; }
+  /// The descriptors of its standard input and output.
+  int input() const { return input_; }
+  int output() const { return output_; }
 
  private:
   bool read(int timeoutMs);
@@ -59,6 +64,13 @@ class Child {
 
 /// Runs kovactl until it exits.
 Result run(const std::vector<std::string>& arguments, const std::string& input = "");
+
+/// Expects this status and this output.
+void expectOutput(const Result& result, int status, const std::string& out);
+/// Expects this status, no output, and this on the error stream.
+void expectError(const Result& result, int status, const std::string& err);
+/// Expects this status, and this on the error stream among other things.
+void expectFailure(const Result& result, int status, const std::string& said);
 
 /// The shell command that becomes "kovactl bridge", for a program that carries connections. It has
 /// no leak check at exit: sd-bus ends such a program with SIGTERM and at once SIGCONT, which

@@ -2,9 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Command.h"
 #include "Program.h"
 #include "commands/Stats.h"
@@ -12,16 +11,11 @@
 namespace kova::ctl {
 namespace {
 
-std::string contentOf(const std::string& path) {
-  std::stringstream content;
-  content << std::ifstream(path).rdbuf();
-  EXPECT_FALSE(content.str().empty()) << path;
-  return content.str();
-}
+using tests::readText;
 
 // The text of the manual page, without markup.
 std::string manualPage() {
-  std::string text = contentOf(KOVACTL_MANUAL);
+  std::string text = readText(KOVACTL_MANUAL);
   std::string plain;
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] == '\\' && at + 1 < text.size()) {
@@ -55,7 +49,7 @@ struct Document {
 
 // The text of the fish completion, with long options written as they are typed.
 std::string fishCompletion() {
-  std::string text = contentOf(KOVACTL_COMPLETIONS "/kovactl.fish");
+  std::string text = readText(KOVACTL_COMPLETIONS "/kovactl.fish");
   const std::string mark = " -l ";
   for (std::size_t at = text.find(mark); at != text.npos; at = text.find(mark, at)) {
     text.replace(at, mark.size(), " --");
@@ -65,9 +59,9 @@ std::string fishCompletion() {
 
 std::vector<Document> documents() {
   return {{"manual page", manualPage()},
-          {"bash completion", contentOf(KOVACTL_COMPLETIONS "/kovactl.bash")},
+          {"bash completion", readText(KOVACTL_COMPLETIONS "/kovactl.bash")},
           {"fish completion", fishCompletion()},
-          {"zsh completion", contentOf(KOVACTL_COMPLETIONS "/_kovactl")}};
+          {"zsh completion", readText(KOVACTL_COMPLETIONS "/_kovactl")}};
 }
 
 // The names of all visible commands and subcommands and all long options.

@@ -1,17 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
+#include "../../platform/utils/process/tests/Script.h"
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Json.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 #include "kova/messages/Events.h"
 
 namespace kova::ctl::testing {
@@ -72,19 +69,13 @@ class Carrier {
  public:
   /// @param most how many connections it carries; it fails for more
   Carrier(const std::string& bus, int most) {
-    EXPECT_NE(mkdtemp(folder_.data()), nullptr);
-    std::ofstream(folder_ + "/carry")
-        << "#!/bin/sh\n"
-        << "[ \"$(cat '" << pids() << "' 2>/dev/null | wc -l)\" -lt " << most << " ] || exit 1\n"
-        << "echo $$ >>'" << pids() << "'\n"
-        << bridgeCommand(bus) << "\n";
-    chmod((folder_ + "/carry").c_str(), 0755);
+    const std::string enough = "[ \"$(cat '" + pids() + "' 2>/dev/null | wc -l)\" -lt ";
+    writeScript(folder_, "carry",
+                enough + std::to_string(most) + " ] || exit 1\necho $$ >>'" + pids() + "'\n" +
+                    bridgeCommand(bus));
   }
-  ~Carrier() { std::filesystem::remove_all(folder_); }
-  Carrier(const Carrier&) = delete;
-  Carrier& operator=(const Carrier&) = delete;
 
-  std::string address() const { return "unixexec:path=" + folder_ + "/carry"; }
+  std::string address() const { return "unixexec:path=" + folder_ / "carry"; }
   std::vector<pid_t> carrying() const {
     std::vector<pid_t> carrying;
     std::ifstream file(pids());
@@ -95,14 +86,12 @@ class Carrier {
   }
 
  private:
-  std::string pids() const { return folder_ + "/pids"; }
-  std::string folder_ = std::filesystem::temp_directory_path() / "kova_carrier.XXXXXX";
+  std::string pids() const { return folder_ / "pids"; }
+
+  tests::TemporaryFolder folder_;
 };
 
-class Follow : public ::testing::Test {
- protected:
-  ipc::testing::PrivateBus bus_;
-};
+class Follow : public BusTest {};
 
 TEST_F(Follow, SuccessIsToldWithStatus0) {
   const std::pair<const char*, const char*> successes[] = {
@@ -125,11 +114,9 @@ TEST_F(Follow, SuccessIsToldWithStatus0) {
 TEST_F(Follow, RefusalIsToldWithAndWithoutWait) {
   const FakeCamera camera(endingAs("REFUSED", "A transfer from this URI\nis running."));
   for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--wait"}}) {
-    const Result result = run(putLogo(more));
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err,
-              "kovactl: the camera refused the transfer: A transfer from this URI\\nis running.\n");
+    expectError(
+        run(putLogo(more)), 1,
+        "kovactl: the camera refused the transfer: A transfer from this URI\\nis running.\n");
   }
 }
 
@@ -164,18 +151,14 @@ TEST_F(Follow, UploadsAndFirmwareAreFollowedToo) {
   for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{"get", "snapshot", "http://x/", "--wait"},
         {"firmware", "http://x/fw.bin", "--wait"}}) {
-    const Result result = run(arguments);
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "OK\n");
+    expectOutput(run(arguments), 0, "OK\n");
   }
 }
 
 TEST_F(Follow, WithoutWaitNumberIsTold) {
   const FakeCamera camera(transferring());
-  const Result result = run(putLogo({}));
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out,
-            "The camera accepted transfer 7; \"kovactl transfers\" shows its progress.\n");
+  expectOutput(run(putLogo({})), 0,
+               "The camera accepted transfer 7; \"kovactl transfers\" shows its progress.\n");
   const Variant json = jsonOf(run(putLogo({"--json"})).out);
   EXPECT_EQ(*json.find("ok"), Variant(true));
   EXPECT_EQ(json.find("result")->find("id")->toText(), "7");
@@ -237,13 +220,9 @@ TEST_F(Follow, StopCancelsOnRequest) {
   Child child(putLogo({"--wait", "--cancel"}));
   ASSERT_TRUE(child.awaitError("transferring\n"));
   child.signal(SIGINT);
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 130);
-  EXPECT_THAT(result.err, HasSubstr("transfer 7 is cancelled"));
+  expectFailure(child.wait(), 130, "transfer 7 is cancelled");
   EXPECT_EQ(camera.cancelled(), std::vector<std::string>{"7"});
-  const Result alone = run(putLogo({"--cancel"}));
-  EXPECT_EQ(alone.status, 2);
-  EXPECT_THAT(alone.err, HasSubstr("--cancel needs --wait"));
+  expectFailure(run(putLogo({"--cancel"})), 2, "--cancel needs --wait");
 }
 
 TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
@@ -251,9 +230,7 @@ TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
   Child child(putLogo());
   ASSERT_TRUE(child.awaitError("transferring\n"));
   camera.reset();
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 5);
-  EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
+  expectFailure(child.wait(), 5, "the control server ended while it was transferring");
 }
 
 // Each control server counts its transfers from 1.
@@ -281,9 +258,7 @@ TEST_F(Follow, StopCancelsNoTransferOfNextServer) {
   next.publish("7", {{"RequestId", std::uint64_t{1}}, {"Phase", "transferring"}});
   child.signal(SIGINT);
   child.signal(SIGCONT);
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 130);
-  EXPECT_THAT(result.err, HasSubstr("the control server has ended, and transfer 7 with it"));
+  expectFailure(child.wait(), 130, "the control server has ended, and transfer 7 with it");
   EXPECT_TRUE(next.cancelled().empty());
 }
 
@@ -292,10 +267,7 @@ TEST_F(Follow, ForgottenTransferLeavesOutcomeUnknown) {
   Child child(putLogo());
   ASSERT_TRUE(child.awaitError("transferring\n"));
   camera.forget("7");
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 5);
-  EXPECT_THAT(result.err,
-              HasSubstr("the control server forgot transfer 7 while it was transferring"));
+  expectFailure(child.wait(), 5, "the control server forgot transfer 7 while it was transferring");
 }
 
 TEST_F(Follow, EventDecidesForForgottenTransfer) {
@@ -319,9 +291,7 @@ TEST_F(Follow, LostConnectionLeavesOutcomeUnknown) {
   ASSERT_TRUE(child.awaitError("transferring\n"));
   ASSERT_EQ(carrier.carrying().size(), 2U);
   kill(carrier.carrying().back(), SIGKILL);
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 5);
-  EXPECT_THAT(result.err, HasSubstr("the connection that follows transfer 7 was lost"));
+  expectFailure(child.wait(), 5, "the connection that follows transfer 7 was lost");
 }
 
 TEST_F(Follow, NothingIsSentWithoutSecondConnection) {
@@ -340,9 +310,7 @@ TEST_F(Follow, StopWithoutTransferIsExplained) {
   Child child(putLogo({"--wait", "--cancel"}));
   ASSERT_TRUE(peer.awaitReceived(1));
   child.signal(SIGINT);
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 130);
-  EXPECT_THAT(result.err, HasSubstr("no transfer to cancel is known"));
+  expectFailure(child.wait(), 130, "no transfer to cancel is known");
 }
 
 TEST_F(Follow, TimeOutDoesNotCoverTools) {
@@ -362,9 +330,7 @@ TEST_F(Follow, TimeOutTellsPhase) {
   const FakeCamera camera(transferring());
   auto arguments = putLogo();
   arguments[6] = "0.1";
-  const Result result = run(arguments);
-  EXPECT_EQ(result.status, 5);
-  EXPECT_THAT(result.err, HasSubstr("the camera is still transferring"));
+  expectFailure(run(arguments), 5, "the camera is still transferring");
 }
 
 TEST_F(Follow, TransfersOfOthersAreNotFollowed) {

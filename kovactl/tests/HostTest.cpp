@@ -1,20 +1,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <sstream>
 
+#include "../../platform/utils/process/tests/Script.h"
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -22,33 +19,24 @@ namespace {
 using ::testing::HasSubstr;
 
 /// Puts a script in the place of ssh. It leaves its arguments and what is ignored of SIGINT.
-class Host : public ::testing::Test {
+class Host : public BusTest {
  protected:
   void SetUp() override {
-    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
     pathBefore_ = std::getenv("PATH");
-    setenv("PATH", (folder_ + ":" + pathBefore_).c_str(), 1);
+    setenv("PATH", (folder_.path() + ":" + pathBefore_).c_str(), 1);
     become(bridgeCommand(bus_.address()));
   }
   void TearDown() override {
     setenv("PATH", pathBefore_.c_str(), 1);
     unsetenv("RELAY_DELAY_S");
-    std::filesystem::remove_all(folder_);
   }
 
   void become(const std::string& command) const {
-    std::ofstream(folder_ + "/ssh")
-        << "#!/bin/sh\n"
-        << "echo \"$@\" >'" << folder_ << "/arguments'\n"
-        << "grep SigIgn /proc/self/status >'" << folder_ << "/ignored'\n"
-        << command << "\n";
-    chmod((folder_ + "/ssh").c_str(), 0755);
+    writeScript(folder_, "ssh",
+                "echo \"$@\" >'" + folder_ / "arguments" + "'\ngrep SigIgn /proc/self/status >'" +
+                    folder_ / "ignored" + "'\n" + command);
   }
-  std::string left(const std::string& name) const {
-    std::stringstream content;
-    content << std::ifstream(folder_ + "/" + name).rdbuf();
-    return content.str();
-  }
+  std::string left(const std::string& name) const { return tests::readText(folder_ / name); }
   /// Waits until a kovactl that listens as client.me has joined the bus.
   static bool awaitJoined(Child& child) {
     Result sent{1, "", ""};
@@ -57,10 +45,8 @@ class Host : public ::testing::Test {
     }
     return child.awaitOutput("GetSystemStats");
   }
-  std::string socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
 
-  ipc::testing::PrivateBus bus_;
-  std::string folder_ = std::filesystem::temp_directory_path() / "kova_host.XXXXXX";
+  tests::TemporaryFolder folder_;
   std::string pathBefore_;
 };
 
@@ -78,9 +64,7 @@ TEST_F(Host, InspectingCommandsRunThere) {
            {{"-H", "cam", "service", "list"}, "-xT -- cam kovactl service list\n"},
            {{"timezones", "a b", "--json", "--host", "cam"},
             "-xT -- cam kovactl timezones 'a b' '--json'\n"}}) {
-    const Result result = run(typed);
-    EXPECT_EQ(result.status, 1) << "as there";
-    EXPECT_EQ(result.out, "there\n");
+    expectOutput(run(typed), 1, "there\n");
     EXPECT_EQ(left("arguments"), sent);
   }
 }
@@ -88,10 +72,9 @@ TEST_F(Host, InspectingCommandsRunThere) {
 TEST_F(Host, DenialThereAdvisesForThere) {
   FakeCamera camera;
   camera.refuseToTell("org.freedesktop.DBus.Error.AccessDenied");
-  const Result result = run({"-H", "bob@cam", "info"});
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("may use the bus of bob@cam: run \"adduser USER kova && "
-                                    "/usr/libexec/kova_members\" there"));
+  expectFailure(run({"-H", "bob@cam", "info"}), 3,
+                "may use the bus of bob@cam: run \"adduser USER kova && "
+                "/usr/libexec/kova_members\" there");
 }
 
 TEST_F(Host, RefusedFiguresAreNotLeftOut) {
@@ -104,9 +87,7 @@ TEST_F(Host, RefusedFiguresAreNotLeftOut) {
     EXPECT_THAT(result.err, HasSubstr(std::string("cannot get ") + what + ": no answer to this"));
     camera.publish("7", {});
   }
-  const Result listed = run({"-H", "cam", "transfers"});
-  EXPECT_EQ(listed.status, 1);
-  EXPECT_THAT(listed.err, HasSubstr("cannot get the list of transfers"));
+  expectFailure(run({"-H", "cam", "transfers"}), 1, "cannot get the list of transfers");
 }
 
 TEST_F(Host, MetricsPrintWhatCouldBeRead) {
@@ -146,17 +127,14 @@ TEST_F(Host, EndOfSshIsExplained) {
     }
   }
   become("exit 255");
-  const Result listed = run({"--host", "cam", "service", "list"});
-  EXPECT_EQ(listed.status, 3);
-  EXPECT_THAT(listed.err, HasSubstr("cannot log in to cam"));
+  expectFailure(run({"--host", "cam", "service", "list"}), 3, "cannot log in to cam");
 }
 
 TEST_F(Host, MissingSshIsNamed) {
   setenv("PATH", "/nonexistent", 1);
   for (const char* typed : {"stats", "timezones"}) {
-    const Result result = run({"--host", "cam", typed});
-    EXPECT_EQ(result.status, 3);
-    EXPECT_EQ(result.err, "kovactl: cannot run ssh: install it (package openssh-client)\n");
+    expectError(run({"--host", "cam", typed}), 3,
+                "kovactl: cannot run ssh: install it (package openssh-client)\n");
   }
 }
 
@@ -169,7 +147,7 @@ TEST_F(Host, WrongHostsAreRefused) {
     EXPECT_THAT(run({"--json", "--host", text, "stats"}).out, HasSubstr("\"code\": \"usage\""));
   }
   EXPECT_EQ(run({"--host", "cam", "--bus", bus_.address(), "stats"}).status, 2);
-  EXPECT_EQ(left("arguments"), "") << "nothing was started";
+  EXPECT_EQ(left("arguments"), "(none)") << "nothing was started";
 }
 
 TEST_F(Host, CtrlCDoesNotReachSsh) {
@@ -187,9 +165,9 @@ TEST_F(Host, StopSignalEndsLogin) {
   become("exec sleep 60");
   for (const auto& [signal, status] : {std::pair(SIGINT, 130), std::pair(SIGTERM, 143)}) {
     for (const char* asking : {"stats", "monitor"}) {
-      std::filesystem::remove(folder_ + "/ignored");
+      std::filesystem::remove(folder_ / "ignored");
       Child child({"--host", "cam", asking});
-      for (int attempt = 0; left("ignored").empty() && attempt < 2000; ++attempt) {
+      for (int attempt = 0; !left("ignored").starts_with("SigIgn") && attempt < 2000; ++attempt) {
         child.awaitOutputFor("never", 10);
       }
       child.signal(signal);
@@ -224,9 +202,7 @@ TEST_F(Host, OutputOfOtherMachineIsEscaped) {
 
 TEST_F(Host, ProgramLeftByOtherMachineDelaysNothing) {
   become("sleep 60 & echo there");
-  const Result result = run({"--host", "cam", "timezones"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "there\n");
+  expectOutput(run({"--host", "cam", "timezones"}), 0, "there\n");
 }
 
 // The request ends with the connection that carries it.
@@ -250,7 +226,7 @@ TEST_F(Host, StopSignalThatEndsSshTooIsTold) {
     asked.set_value();
     ended.get_future().wait_for(std::chrono::seconds(20));
   });
-  become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
+  become("echo $$ >'" + folder_ / "pid" + "'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "transfers"});
   ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   child.signal(SIGSTOP);
@@ -264,13 +240,11 @@ TEST_F(Host, StopSignalThatEndsSshTooIsTold) {
 }
 
 TEST_F(Host, LossIsReported) {
-  become("echo $$ >'" + folder_ + "/pid'; " + bridgeCommand(bus_.address()));
+  become("echo $$ >'" + folder_ / "pid" + "'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "listen", "client.me"});
   ASSERT_TRUE(awaitJoined(child));
   kill(std::stoi(left("pid")), SIGKILL);
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(result.err, HasSubstr("the connection to the bus was lost"));
+  expectFailure(child.wait(), 3, "the connection to the bus was lost");
 }
 
 }  // namespace

@@ -9,8 +9,7 @@
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Json.h"
-#include "PrivateBus.h"
-#include "kova/ipc/Ipc.h"
+#include "Peer.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -20,10 +19,7 @@ using ::testing::HasSubstr;
 using variant::Variant;
 
 /// The commands that look at the objects of the camera.
-class Objects : public ::testing::Test {
- protected:
-  ipc::testing::PrivateBus bus_;
-};
+class Objects : public BusTest {};
 
 // The connection ends while kovactl sleeps, so that it finds the answer and the end together.
 TEST_F(Objects, AnswerBeforeLossOfBusCounts) {
@@ -101,17 +97,12 @@ TEST_F(Objects, CancelTellsAnswerOfCamera) {
   FakeCamera camera;
   EXPECT_EQ(run({"cancel", "0"}).status, 2);
   EXPECT_EQ(run({"cancel", "7/../8"}).status, 2);
-  const Result missing = run({"cancel", "7"});
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_THAT(missing.err, HasSubstr("the camera knows of no transfer 7"));
+  expectFailure(run({"cancel", "7"}), 1, "the camera knows of no transfer 7");
   camera.publish("7", {{"Phase", "transferring"}});
-  const Result done = run({"cancel", "7"});
-  EXPECT_EQ(done.status, 0);
-  EXPECT_EQ(done.out, "Transfer 7 is cancelled.\n");
+  expectOutput(run({"cancel", "7"}), 0, "Transfer 7 is cancelled.\n");
   camera.refuseToCancel("The image is being flashed.");
-  const Result refused = run({"cancel", "7"});
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_EQ(refused.err, "kovactl: transfer 7 cannot be cancelled: The image is being flashed.\n");
+  expectError(run({"cancel", "7"}), 1,
+              "kovactl: transfer 7 cannot be cancelled: The image is being flashed.\n");
 }
 
 TEST_F(Objects, InfoAndMetricsDescribeDevice) {
@@ -140,9 +131,8 @@ TEST_F(Objects, AbsentServerIsStatus3) {
                                                     {"cancel", "7"},
                                                     {"info"},
                                                     {"metrics"}}) {
-    const Result result = run(arguments);
-    EXPECT_EQ(result.status, 3) << arguments.front();
-    EXPECT_THAT(result.err, HasSubstr("\"kova_ctlserver\" is not on the bus"));
+    SCOPED_TRACE(arguments.front());
+    expectFailure(run(arguments), 3, "\"kova_ctlserver\" is not on the bus");
   }
 }
 

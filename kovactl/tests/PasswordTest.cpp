@@ -1,14 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 
-#include <filesystem>
-#include <fstream>
-
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Child.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -17,15 +13,11 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using variant::Variant;
 
-class Passwords : public ::testing::Test {
+class Passwords : public BusTest {
  protected:
-  Passwords() { EXPECT_NE(mkdtemp(folder_.data()), nullptr); }
-  ~Passwords() override { std::filesystem::remove_all(folder_); }
-
   std::string File(const std::string& name, const std::string& content) const {
-    const std::string path = folder_ + "/" + name;
-    std::ofstream(path) << content;
-    return path;
+    tests::writeText(folder_ / name, content);
+    return folder_ / name;
   }
 
   // The fields of the last request: name, old and new password.
@@ -35,15 +27,12 @@ class Passwords : public ::testing::Test {
             request.find("passwordNew")->toText()};
   }
 
-  std::string folder_ = std::filesystem::temp_directory_path() / "kovactl_test.XXXXXX";
-  ipc::testing::PrivateBus bus_;
+  tests::TemporaryFolder folder_;
   Peer peer_{answering(0, Variant::Map{{"username", "admin"}})};
 };
 
 TEST_F(Passwords, UserShowPrintsName) {
-  const Result result = run({"user", "show"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "admin\n");
+  expectOutput(run({"user", "show"}), 0, "admin\n");
 }
 
 TEST_F(Passwords, AreReadFromStandardInput) {
@@ -59,10 +48,9 @@ TEST_F(Passwords, AreReadFromFiles) {
                 .status,
             0);
   EXPECT_EQ(asked(), (std::vector<std::string>{"admin", "a b", "c"}));
-  const Result missing =
-      run({"user", "passwd", "--old-file", folder_ + "/none", "--new-file", File("new", "c")});
-  EXPECT_EQ(missing.status, 6);
-  EXPECT_THAT(missing.err, HasSubstr("No such file"));
+  expectFailure(
+      run({"user", "passwd", "--old-file", folder_ / "none", "--new-file", File("new", "c")}), 6,
+      "No such file");
 }
 
 TEST_F(Passwords, InvalidPasswordsAreNotSent) {
@@ -79,9 +67,7 @@ TEST_F(Passwords, InvalidPasswordsAreNotSent) {
 }
 
 TEST_F(Passwords, MissingSourceIsUsageError) {
-  const Result result = run({"user", "passwd"});
-  EXPECT_EQ(result.status, 2);
-  EXPECT_THAT(result.err, HasSubstr("--stdin"));
+  expectFailure(run({"user", "passwd"}), 2, "--stdin");
 }
 
 TEST_F(Passwords, PromptHasNoEcho) {

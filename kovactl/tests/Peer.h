@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <functional>
 #include <mutex>
@@ -8,11 +10,20 @@
 #include <thread>
 #include <vector>
 
+#include "PrivateBus.h"
 #include "kova/ipc/BusMonitor.h"
 #include "kova/ipc/Handlers.h"
 #include "kova/ipc/Ipc.h"
 
 namespace kova::ctl::testing {
+
+/// A test on a bus of its own.
+class BusTest : public ::testing::Test {
+ protected:
+  std::string socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
+
+  ipc::testing::PrivateBus bus_;
+};
 
 /// An endpoint controlled by a test, on a separate thread.
 class Peer : private ipc::BaseHandler {

@@ -6,7 +6,6 @@
 #include "../../platform/ipc/src/SdBus.h"
 #include "Child.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -50,16 +49,11 @@ class Confirmation {
   ipc::BusPtr bus_{ipc::openBus(true, error_)};
 };
 
-class Reboots : public ::testing::Test {
- protected:
-  ipc::testing::PrivateBus bus_;
-};
+class Reboots : public BusTest {};
 
 TEST_F(Reboots, SucceedWithoutAnswer) {
   MutePeer peer;
-  const Result result = run({"reboot"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "The camera reboots.\n");
+  expectOutput(run({"reboot"}), 0, "The camera reboots.\n");
 }
 
 // It is not a failure when the camera stops server, bus or client while it goes down.

@@ -5,12 +5,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Child.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -20,22 +18,16 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using variant::Variant;
 
-std::string contentOf(const std::string& path) {
-  std::stringstream content;
-  content << std::ifstream(path).rdbuf();
-  return content.str();
-}
-
 using Words = std::vector<std::string>;
 
 /// A mistyped command line and its expected error.
 struct Mistake {
   Words typed;
-  int status;
   const char* said;  ///< part of the error message
+  int status = 2;
 };
 
-class Refusals : public ::testing::Test {
+class Refusals : public BusTest {
  protected:
   static void expect(const Mistake& mistake) {
     const Result result = run(mistake.typed);
@@ -47,90 +39,77 @@ class Refusals : public ::testing::Test {
     EXPECT_LE(std::ranges::count(result.err, '\n'), 2) << typed << result.err;
     EXPECT_EQ(result.err.find('\\'), std::string::npos) << typed << result.err;
   }
-
-  ipc::testing::PrivateBus bus_;
 };
 
 TEST_F(Refusals, WrongUsageIsExplained) {
   const Peer peer(answering(0));
   const Mistake mistakes[] = {
-      {{}, 2, "a command is missing\nTry \"kovactl --help\".\n"},
-      {{"stat"}, 2, "\"stat\" is not a command: did you mean \"stats\"?"},
-      {{"stats", "--wach"}, 2, "\"--wach\" is not an option: did you mean \"--watch\"?"},
-      {{"--jsn", "stats"}, 2, "\"--jsn\" is not an option: did you mean \"--json\"?"},
-      {{"--watch", "stats"}, 2, "\"--watch\" belongs after \"kovactl stats\"\nTry \"kovactl"},
-      {{"-y", "reset-defaults"}, 2, "\"-y\" belongs after \"kovactl reset-defaults\""},
-      {{"--delay=5", "reboot"}, 2, "\"--delay\" belongs after \"kovactl reboot\""},
-      {{"--buss", "foo", "stats"}, 2, "did you mean \"--bus\"?"},
-      {{"service"}, 2, "a command is missing: list, start or stop\nTry \"kovactl service --help\""},
-      {{"service", "strat", "x"}, 2, "did you mean \"start\"?"},
-      {{"service", "start"}, 2, "NAME is missing\nTry \"kovactl service start --help\".\n"},
-      {{"save", "now"}, 2, "unexpected argument \"now\""},
-      {{"stats", "--timeout"}, 2, "--timeout needs a value\n"},
-      {{"stats", "--timeout", "0"}, 2, "must be more than 0"},
+      {{}, "a command is missing\nTry \"kovactl --help\".\n"},
+      {{"stat"}, "\"stat\" is not a command: did you mean \"stats\"?"},
+      {{"stats", "--wach"}, "\"--wach\" is not an option: did you mean \"--watch\"?"},
+      {{"--jsn", "stats"}, "\"--jsn\" is not an option: did you mean \"--json\"?"},
+      {{"--watch", "stats"}, "\"--watch\" belongs after \"kovactl stats\"\nTry \"kovactl"},
+      {{"-y", "reset-defaults"}, "\"-y\" belongs after \"kovactl reset-defaults\""},
+      {{"--delay=5", "reboot"}, "\"--delay\" belongs after \"kovactl reboot\""},
+      {{"--buss", "foo", "stats"}, "did you mean \"--bus\"?"},
+      {{"service"}, "a command is missing: list, start or stop\nTry \"kovactl service --help\""},
+      {{"service", "strat", "x"}, "did you mean \"start\"?"},
+      {{"service", "start"}, "NAME is missing\nTry \"kovactl service start --help\".\n"},
+      {{"save", "now"}, "unexpected argument \"now\""},
+      {{"stats", "--timeout"}, "--timeout needs a value\n"},
+      {{"stats", "--timeout", "0"}, "must be more than 0"},
       {{"stats", "--timeout", "soon"},
-       2,
        "is not a duration: write 5 or 5s for seconds, 500ms, 2min or 1h"},
-      {{"stats", "--watch", "0"}, 2, "--watch: must be more than 0, for example 0.5"},
-      {{"stats", "--watch", "5x"}, 2, "write 5 or 5s for seconds"},
-      {{"stats", "netwrok"}, 2, "\"netwrok\" is not a section: did you mean \"network\"?"},
-      {{"settings", "Porch"}, 2, "\"Porch\" is not a setting: write SETTING=VALUE"},
-      {{"settings", "name="}, 2, "name cannot be empty: write name=VALUE"},
-      {{"settings", "timezone="}, 2, "\"kovactl timezones\" lists them"},
-      {{"settings", "nmae=x"}, 2, "\"nmae\" is not a setting: did you mean \"name\"?"},
-      {{"settings", "timelapse=x"}, 2, "write timelapse=on|off"},
+      {{"stats", "--watch", "0"}, "--watch: must be more than 0, for example 0.5"},
+      {{"stats", "--watch", "5x"}, "write 5 or 5s for seconds"},
+      {{"stats", "netwrok"}, "\"netwrok\" is not a section: did you mean \"network\"?"},
+      {{"settings", "Porch"}, "\"Porch\" is not a setting: write SETTING=VALUE"},
+      {{"settings", "name="}, "name cannot be empty: write name=VALUE"},
+      {{"settings", "timezone="}, "\"kovactl timezones\" lists them"},
+      {{"settings", "nmae=x"}, "\"nmae\" is not a setting: did you mean \"name\"?"},
+      {{"settings", "timelapse=x"}, "write timelapse=on|off"},
       {{"reboot", "--delay", "5x"},
-       2,
        "is not a duration: write 5 or 5s for seconds, 500ms, 2min or 1h"},
-      {{"reboot", "--delay", "597h"}, 2, "at most 596h"},
-      {{"reboot", "--delay", "1500"}, 2, "write 1500s if seconds are meant, 1500ms if millisec"},
-      {{"get", "snapshot", "/tmp/x"}, 2, "write http://HOST/PATH or https://HOST/PATH"},
+      {{"reboot", "--delay", "597h"}, "at most 596h"},
+      {{"reboot", "--delay", "1500"}, "write 1500s if seconds are meant, 1500ms if millisec"},
+      {{"get", "snapshot", "/tmp/x"}, "write http://HOST/PATH or https://HOST/PATH"},
       {{"get", "snapshot", "ftp://x/y"},
-       2,
        "\"ftp://x/y\" is not a URI that the camera can use: write http://HOST/PATH or "
        "https://HOST/PATH"},
-      {{"firmware", "https://"}, 2, "write http://HOST/PATH or https://HOST/PATH"},
-      {{"get", "event-snapshot", "http://x/"}, 2, "a name such as motionsnap_12.jpg"},
-      {{"get", "event-snapshot", "http://x/", "--filename", "foo.jpg"}, 2, "such as motionsnap_12"},
-      {{"get", "event-snapshot", "http://x/", "--filename", "motionsnap_1x.jpg"}, 2, "such as mo"},
-      {{"get", "event-heatmap", "http://x/", "--filename", "motionsnap_1.jpg"},
-       2,
-       "heatmap_12.png"},
+      {{"firmware", "https://"}, "write http://HOST/PATH or https://HOST/PATH"},
+      {{"get", "event-snapshot", "http://x/"}, "a name such as motionsnap_12.jpg"},
+      {{"get", "event-snapshot", "http://x/", "--filename", "foo.jpg"}, "such as motionsnap_12"},
+      {{"get", "event-snapshot", "http://x/", "--filename", "motionsnap_1x.jpg"}, "such as mo"},
+      {{"get", "event-heatmap", "http://x/", "--filename", "motionsnap_1.jpg"}, "heatmap_12.png"},
       {{"get", "picture", "http://x/"},
-       2,
        "kovactl: \"picture\" is not a file to get: choose snapshot, support, event-sna"},
       {{"put", "soud", "http://x/"},
-       2,
        "kovactl: \"soud\" is not a file to put: did you mean \"sound\"?"},
-      {{"put", "logo", "http://x/", "--file", "/tmp"}, 6, "kovactl: /tmp is a folder\n"},
-      {{"settings", "name=a\nb"}, 2, "name cannot contain a line break"},
-      {{"user", "passwd", "--stdin", "--name", "-x"}, 2, "--name: \"-x\" is not a name"},
-      {{"user", "passwd", "--stdin", "--name", "a b"},
-       2,
-       "at most 32 letters, digits, \"_\", \".\""},
-      {{"put", "logo", "http://x/"}, 2, "--file LOCAL, a copy of the file, or --hash MD5"},
-      {{"help", "stas"}, 2, "did you mean \"stats\"?\nTry \"kovactl --help\".\n"},
-      {{"help", "xyzzy"}, 2, "\"xyzzy\" is not a command\nTry \"kovactl --help\".\n"},
-      {{"help", "service", "begin"}, 2, "\"begin\" is not a command: choose list, start or stop"},
-      {{"timezones", "xyzzy"}, 2, "\"kovactl timezones\" lists all"},
-      {{"call"}, 2, "FUNCTION is missing"},
-      {{"call", "F", "novalue"}, 2, "\"novalue\" is neither key=text nor key:=JSON"},
-      {{"call", "F", "functionName=G"}, 2, "\"functionName\" is given twice"},
-      {{"service", "restart", "x"}, 2, "\"restart\" is not a command"},
-      {{"put", "logo", "http://x/", "--hash", "12"}, 2, "must be an MD5 digest of 32"},
+      {{"put", "logo", "http://x/", "--file", "/tmp"}, "kovactl: /tmp is a folder\n", 6},
+      {{"settings", "name=a\nb"}, "name cannot contain a line break"},
+      {{"user", "passwd", "--stdin", "--name", "-x"}, "--name: \"-x\" is not a name"},
+      {{"user", "passwd", "--stdin", "--name", "a b"}, "at most 32 letters, digits, \"_\", \".\""},
+      {{"put", "logo", "http://x/"}, "--file LOCAL, a copy of the file, or --hash MD5"},
+      {{"help", "stas"}, "did you mean \"stats\"?\nTry \"kovactl --help\".\n"},
+      {{"help", "xyzzy"}, "\"xyzzy\" is not a command\nTry \"kovactl --help\".\n"},
+      {{"help", "service", "begin"}, "\"begin\" is not a command: choose list, start or stop"},
+      {{"timezones", "xyzzy"}, "\"kovactl timezones\" lists all"},
+      {{"call"}, "FUNCTION is missing"},
+      {{"call", "F", "novalue"}, "\"novalue\" is neither key=text nor key:=JSON"},
+      {{"call", "F", "functionName=G"}, "\"functionName\" is given twice"},
+      {{"service", "restart", "x"}, "\"restart\" is not a command"},
+      {{"put", "logo", "http://x/", "--hash", "12"}, "must be an MD5 digest of 32"},
       {{"put", "logo", "http://x/", "--hash", std::string(32, '0'), "--file", "x"},
-       2,
        "give --hash or --file, not both"},
-      {{"get", "snapshot", "http://x/", "--filename", "x"}, 2, "snapshot takes no --filename"},
-      {{"get", "snapshot", "http://x/", "--field", "nosign"}, 2, "--field: write KEY=VALUE"},
+      {{"get", "snapshot", "http://x/", "--filename", "x"}, "snapshot takes no --filename"},
+      {{"get", "snapshot", "http://x/", "--field", "nosign"}, "--field: write KEY=VALUE"},
       {{"get", "snapshot", "http://x/", "--field", "a=b", "--field", "c:=1"},
-       2,
        "such as camera=porch: the value is always text\n"},
-      {{"get", "snapshot", "http://x/", "--field", "a=b", "--field", "a=c"}, 2, "is given twice"},
-      {{"firmware", "http://x/", "--timeout", "0"}, 2, "must be more than 0"},
-      {{"reboot", "--delay", "-1"}, 2, "\"-1\" is not a duration"},
-      {{"reset-defaults"}, 2, "use --yes"},
-      {{"user", "passwd", "--stdin", "--old-file", "x"}, 2, "--old-file excludes --stdin"},
+      {{"get", "snapshot", "http://x/", "--field", "a=b", "--field", "a=c"}, "is given twice"},
+      {{"firmware", "http://x/", "--timeout", "0"}, "must be more than 0"},
+      {{"reboot", "--delay", "-1"}, "\"-1\" is not a duration"},
+      {{"reset-defaults"}, "use --yes"},
+      {{"user", "passwd", "--stdin", "--old-file", "x"}, "--old-file excludes --stdin"},
   };
   for (const Mistake& mistake : mistakes) {
     expect(mistake);
@@ -139,29 +118,32 @@ TEST_F(Refusals, WrongUsageIsExplained) {
 }
 
 TEST_F(Refusals, UnusableBusIsExplained) {
-  const std::string nobody = bus_.address().substr(std::string("unix:path=").size()) + ".gone";
-  std::ofstream(nobody).flush();
-  const std::string deaf = "unix:path=" + nobody;
+  tests::writeText(socket() + ".gone", "");
+  const std::string deaf = bus_.address() + ".gone";
   const std::string far = "unix:path=/" + std::string(200, 'x');
   const Mistake mistakes[] = {
-      {{"--bus", "foo", "stats"}, 2, "write one such as unix:path=/run/kova/bus"},
-      {{"--bus", "foo", "monitor"}, 2, "write one such as unix:path=/run/kova/bus"},
-      {{"--bus", "unix:path=/nonexistent/bus", "stats"}, 3, "run kovactl on the camera"},
-      {{"--bus", deaf, "stats"}, 3, "\"sv status kova_bus\" (systemd: \"systemctl"},
-      {{"--bus", far, "stats"}, 3, "at most 107 bytes"},
-      {{"--bus", "unixexec:path=/bin/false", "stats"}, 3, "kovactl(1) shows examples"},
+      {{"--bus", "foo", "stats"}, "write one such as unix:path=/run/kova/bus"},
+      {{"--bus", "foo", "monitor"}, "write one such as unix:path=/run/kova/bus"},
+      {{"--bus", "unix:path=/nonexistent/bus", "stats"},
+       "no bus at unix:path=/nonexistent/bus: run kovactl on the camera",
+       3},
+      {{"--bus", deaf, "stats"}, "\"sv status kova_bus\" (systemd: \"systemctl", 3},
+      {{"--bus", far, "stats"}, "at most 107 bytes", 3},
+      {{"--bus", "unixexec:path=/bin/false", "stats"}, "kovactl(1) shows examples", 3},
       {{"stats"},
-       3,
        "\"sv status kova_ctlserver\" (systemd: \"systemctl status kova_ctlserver\") on the camera "
-       "shows whether it runs"},
-      {{"call", "X", "--to", "kova_ctlservr"}, 3, "did you mean \"kova_ctlserver\"?"},
-      {{"listen", "a..b"}, 3, "choose one such as client.me"},
+       "shows whether it runs",
+       3},
+      {{"call", "X", "--to", "kova_ctlservr"}, "did you mean \"kova_ctlserver\"?", 3},
+      {{"listen", "a..b"}, "choose one such as client.me", 3},
   };
   for (const Mistake& mistake : mistakes) {
     expect(mistake);
   }
   const Peer taken(takingNote(), "client.me");
-  expect({{"listen", "client.me"}, 3, "is taken on the bus: choose another"});
+  expect({{"listen", "client.me"},
+          "the name \"kova.client.me\" is taken on the bus: choose another",
+          3});
 }
 
 TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
@@ -169,11 +151,11 @@ TEST_F(Refusals, RefusedZoneSuggestsInstalledZone) {
     GTEST_SKIP() << "no zones are installed here";
   }
   const Peer peer(answering(1));
-  expect({{"settings", "timezone=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
-  expect({{"settings", "region=europe/paris"}, 1, "did you mean \"Europe/Paris\"?"});
+  expect({{"settings", "timezone=europe/paris"}, "did you mean \"Europe/Paris\"?", 1});
+  expect({{"settings", "region=europe/paris"}, "did you mean \"Europe/Paris\"?", 1});
   expect(
-      {{"settings", "region=US"}, 1, "could not change the settings: a value was rejected; see "});
-  expect({{"settings", "timezone=Europe/Paris"}, 1, "see the camera's log"});
+      {{"settings", "region=US"}, "could not change the settings: a value was rejected; see ", 1});
+  expect({{"settings", "timezone=Europe/Paris"}, "see the camera's log", 1});
 }
 
 TEST_F(Refusals, FolderOfOtherMachineCausesWarning) {
@@ -190,15 +172,15 @@ TEST_F(Refusals, FolderOfOtherMachineCausesWarning) {
 TEST_F(Refusals, ServiceNeededByCameraIsReported) {
   const Peer peer(answering(1));
   expect({{"service", "stop", "kova_bus"},
-          1,
-          "could not stop the service: kova_bus is never stopped"});
-  expect({{"service", "start", "kova_bus"}, 1, "\"kova_bus\""});
-  expect({{"service", "stop", "lights"}, 1, "\"lights\""});
+          "could not stop the service: kova_bus is never stopped",
+          1});
+  expect({{"service", "start", "kova_bus"}, "\"kova_bus\"", 1});
+  expect({{"service", "stop", "lights"}, "\"lights\"", 1});
 }
 
 TEST_F(Refusals, ModelWithoutTimelapseIsReported) {
   Peer peer(answering(0, Variant::Map{{"name", "Porch"}}));
-  expect({{"settings", "timelapse=on"}, 1, "this model has no time-lapse"});
+  expect({{"settings", "timelapse=on"}, "this model has no time-lapse", 1});
   EXPECT_EQ(run({"settings", "name=Porch"}).status, 0);
 }
 
@@ -215,14 +197,14 @@ TEST_F(Refusals, DoubtfulFieldsCauseWarning) {
 
 TEST_F(Refusals, UnknownFunctionSuggestsKnownOne) {
   Peer peer([](Peer::Request&, ipc::Ipc&, bool& rejected) { rejected = true; });
-  expect({{"call", "getsystemstats"}, 1, "has no function getsystemstats: did you mean GetSyst"});
+  expect({{"call", "getsystemstats"}, "has no function getsystemstats: did you mean GetSyst", 1});
 }
 
 TEST(Denial, UserOutsideGroupGetsAdvice) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can become another user";
   }
-  if (!contentOf(KOVACTL_PROGRAM)
+  if (!tests::readText(KOVACTL_PROGRAM)
            .starts_with("\x7f"
                         "ELF")) {
     GTEST_SKIP() << "an emulator's script leads to files that others may not read";
@@ -239,7 +221,7 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
     const std::string file = folder + "/output";
     const std::string line = asNobody + " " + arguments + " >" + file + " 2>&1";
     EXPECT_EQ(WEXITSTATUS(std::system(line.c_str())), 3) << line;
-    return contentOf(file);
+    return tests::readText(file);
   };
   EXPECT_THAT(output("stats"),
               ::testing::MatchesRegex(

@@ -4,7 +4,6 @@
 
 #include "Child.h"
 #include "Peer.h"
-#include "PrivateBus.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -12,16 +11,11 @@ namespace {
 using ::testing::HasSubstr;
 using variant::Variant;
 
-class Statistics : public ::testing::Test {
- protected:
-  ipc::testing::PrivateBus bus_;
-};
+class Statistics : public BusTest {};
 
 TEST_F(Statistics, StatsPrintsTable) {
   Peer peer(answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
-  const Result result = run({"stats", "uptime", "WIFI"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "Wi-Fi  not reported\nUp     00:01:01\n");
+  expectOutput(run({"stats", "uptime", "WIFI"}), 0, "Wi-Fi  not reported\nUp     00:01:01\n");
   Peer::Request request = peer.received().front();
   EXPECT_EQ(*request.find("uptime"), Variant(true));
   EXPECT_EQ(*request.find("memory"), Variant(false));
@@ -29,9 +23,7 @@ TEST_F(Statistics, StatsPrintsTable) {
 
 TEST_F(Statistics, StatsShowsPayloadOfFailure) {
   Peer peer(answering(1, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}}));
-  const Result result = run({"stats"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "Up  00:01:01\n");
+  expectOutput(run({"stats"}), 1, "Up  00:01:01\n");
 }
 
 TEST_F(Statistics, WatchRepeatsUntilStopped) {

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Carries one connection to a Unix socket: relay.py TARGET from standard input and to standard output, as a program
-of "unixexec:" does; relay.py TARGET SOCKET from SOCKET, which it makes and listens at, as ssh -L does. What goes to
-TARGET is late by RELAY_DELAY_S seconds; the connection ends, undelivered, with what holds RELAY_END_AT."""
+"""Carries one connection to a Unix socket from standard input and to standard output, as a program of "unixexec:" does.
+What goes to the socket is late by RELAY_DELAY_S seconds; the connection ends, undelivered, with what holds RELAY_END_AT.
+"""
 
 import os
 import socket
@@ -20,9 +20,11 @@ def pump(read, write, close):
     close()
 
 
-def both_ways(read, write, target):
+def main():
+    threading.Timer(PATIENCE_S, os._exit, [1]).start()
+    os.set_blocking(0, True)
     bus = socket.socket(socket.AF_UNIX)
-    bus.connect(target)
+    bus.connect(sys.argv[1])
 
     def late(data):
         if END_AT and END_AT in data:
@@ -30,22 +32,11 @@ def both_ways(read, write, target):
         time.sleep(DELAY_S)
         bus.sendall(data)
 
-    forth = threading.Thread(target=pump, args=(read, late, lambda: bus.shutdown(socket.SHUT_WR)), daemon=True)
-    forth.start()
-    pump(lambda: bus.recv(65536), write, lambda: None)
+    def close():
+        bus.shutdown(socket.SHUT_WR)
 
-
-def main():
-    threading.Timer(PATIENCE_S, os._exit, [1]).start()
-    os.set_blocking(0, True)
-    if len(sys.argv) == 2:
-        both_ways(lambda: os.read(0, 65536), lambda data: os.write(1, data), sys.argv[1])
-    else:
-        listener = socket.socket(socket.AF_UNIX)
-        listener.bind(sys.argv[2])
-        listener.listen(1)
-        client, _ = listener.accept()
-        both_ways(lambda: client.recv(65536), client.sendall, sys.argv[1])
+    threading.Thread(target=pump, args=(lambda: os.read(0, 65536), late, close), daemon=True).start()
+    pump(lambda: bus.recv(65536), lambda data: os.write(1, data), lambda: None)
     os._exit(0)
 
 

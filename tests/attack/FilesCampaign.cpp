@@ -158,14 +158,12 @@ class Files : public Campaign {
   }
 
   void transfer(const Target& target, const Sink& sink, const std::string& label) {
-    system_test::Fields fields = {{"uri", sink.uri()},
-                                  {"filename", fs::path(target.path).filename().string()},
-                                  {"hash", std::string(32, '0')},
-                                  {"timeoutMs", kTimeoutMs}};
-    if (target.what[0] != '\0') {
-      fields["what"] = target.what;
-    }
-    const std::uint64_t id = requester_.ask(fields);
+    const std::uint64_t id =
+        requester_.ask({{"what", target.what},
+                        {"uri", sink.uri()},
+                        {"filename", fs::path(target.path).filename().string()},
+                        {"hash", std::string(32, '0')},
+                        {"timeoutMs", kTimeoutMs}});
     const auto end = std::chrono::steady_clock::now() + milliseconds(kTimeoutMs) + kArrivalGrace;
     const auto isOver = [&] { return sink.uploaded() || !requester_.outcomes(id).empty(); };
     while (!isOver() && attack_.serves() && std::chrono::steady_clock::now() < end) {

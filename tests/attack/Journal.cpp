@@ -18,14 +18,6 @@ std::string printable(const std::string& text) {
   return text.size() > kActionLength ? line + "..." : line;
 }
 
-std::string lastLines(const std::string& text, int count) {
-  std::size_t begin = text.size();
-  while (count-- >= 0 && begin != std::string::npos && begin > 0) {
-    begin = text.rfind('\n', begin - 1);
-  }
-  return begin == std::string::npos ? text : text.substr(begin + 1);
-}
-
 }  // namespace
 
 Journal::Journal(const system_test::Camera& camera, std::string repeat)
@@ -69,7 +61,8 @@ void Journal::print(const Finding& finding) const {
   for (const std::string& action : last_) {
     std::printf("    %s\n", action.c_str());
   }
-  std::printf("  the end of the camera's log:\n%s", lastLines(camera_.log(), kLogLines).c_str());
+  std::printf("  the end of the camera's log:\n%s",
+              system_test::lastLines(camera_.log(), kLogLines).c_str());
   std::fflush(stdout);
 }
 

@@ -64,26 +64,18 @@ Append variantOf(const char* signature, Append content) {
 
 Append anyNumber(Random& random) {
   const std::int64_t number = random.pick(kNumbers);
-  switch (random.below(9)) {
-    case 0:
-      return system_test::value('y', static_cast<int>(number & 0xff));
-    case 1:
-      return system_test::value('n', static_cast<int>(static_cast<std::int16_t>(number)));
-    case 2:
-      return system_test::value('q', static_cast<int>(number & 0xffff));
-    case 3:
-      return system_test::value('i', static_cast<std::int32_t>(number));
-    case 4:
-      return system_test::value('u', static_cast<std::uint32_t>(number));
-    case 5:
-      return system_test::value('x', number);
-    case 6:
-      return system_test::value('t', static_cast<std::uint64_t>(number));
-    case 7:
-      return system_test::value('d', static_cast<double>(number) * 1.5);
-    default:
-      return system_test::flag((number & 1) != 0);
-  }
+  const std::vector<Append> forms = {
+      system_test::value('y', static_cast<int>(number & 0xff)),
+      system_test::value('n', static_cast<int>(static_cast<std::int16_t>(number))),
+      system_test::value('q', static_cast<int>(number & 0xffff)),
+      system_test::value('i', static_cast<std::int32_t>(number)),
+      system_test::value('u', static_cast<std::uint32_t>(number)),
+      system_test::value('x', number),
+      system_test::value('t', static_cast<std::uint64_t>(number)),
+      system_test::value('d', static_cast<double>(number) * 1.5),
+      system_test::flag((number & 1) != 0),
+  };
+  return random.pick(forms);
 }
 
 Append anyText(Random& random) {
@@ -174,29 +166,24 @@ std::string unknownName(Random& random, const std::string& known) {
   return random.oneIn(2) ? known + random.pick(kTexts) + "?" : random.pick(kTexts);
 }
 
-RandomRequest bodyThatIsNoMap(Random& random) {
-  switch (random.below(4)) {
-    case 0:
-      return {"a text instead of a map",
-              [](auto* message) { return sd_bus_message_append(message, "s", "no map"); }};
-    case 1:
-      return {"an empty body", [](auto*) { return 0; }};
-    case 2:
-      return {"texts instead of anything", [](auto* message) {
-                return sd_bus_message_append(message, "a{ss}", 1, "functionName", "MakeCoffee");
-              }};
-    default:
-      return {"a structure instead of a map",
-              [](auto* message) { return sd_bus_message_append(message, "(iv)", 7, "s", "x"); }};
-  }
-}
+const std::vector<RandomRequest> kNoMaps = {
+    {"a text instead of a map",
+     [](auto* message) { return sd_bus_message_append(message, "s", "no map"); }},
+    {"an empty body", [](auto*) { return 0; }},
+    {"texts instead of anything",
+     [](auto* message) {
+       return sd_bus_message_append(message, "a{ss}", 1, "functionName", "MakeCoffee");
+     }},
+    {"a structure instead of a map",
+     [](auto* message) { return sd_bus_message_append(message, "(iv)", 7, "s", "x"); }},
+};
 
 }  // namespace
 
 RandomRequest randomRequest(Random& random) {
   static const std::vector<Function> functions = harmlessFunctions();
   if (random.oneIn(15)) {
-    return bodyThatIsNoMap(random);
+    return random.pick(kNoMaps);
   }
   const Function& function = random.pick(functions);
   std::vector<Entry> entries;

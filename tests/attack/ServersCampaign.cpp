@@ -135,14 +135,11 @@ class Servers : public Campaign {
     if (course.tls) {
       uri.insert(4, "s");
     }
-    Fields fields = {{"uri", uri},
-                     {"filename", "motionsnap_1.jpg"},
-                     {"hash", std::string(32, '0')},
-                     {"timeoutMs", static_cast<unsigned>(limit.count())}};
-    if (lane.what[0] != '\0') {
-      fields["what"] = lane.what;
-    }
-    transfer.id = requester_.ask(fields);
+    transfer.id = requester_.ask({{"what", lane.what},
+                                  {"uri", uri},
+                                  {"filename", "motionsnap_1.jpg"},
+                                  {"hash", std::string(32, '0')},
+                                  {"timeoutMs", static_cast<unsigned>(limit.count())}});
     return transfer;
   }
 

@@ -106,18 +106,14 @@ class Tools : public Campaign {
     Random& random = attack_.random();
     const std::vector<std::string> statuses = {"1", "2", "77", "126", "127", "255"};
     const std::vector<std::string> signals = {"TERM", "KILL", "SEGV", "ABRT", "HUP", "PIPE"};
-    switch (random.below(5)) {
-      case 0:
-        return {"exit", random.pick(statuses), false};
-      case 1:
-        return {"kill", random.pick(signals), false};
-      case 2:
-        return {"stdout", random.bytes(random.below(300'000)), false};
-      case 3:
-        return {"stderr", random.bytes(random.below(300'000)), false};
-      default:
-        return {"linger", "3", false};
-    }
+    const std::vector<Trick> tricks = {
+        {"exit", random.pick(statuses), false},
+        {"kill", random.pick(signals), false},
+        {"stdout", random.bytes(random.below(300'000)), false},
+        {"stderr", random.bytes(random.below(300'000)), false},
+        {"linger", "3", false},
+    };
+    return random.pick(tricks);
   }
 
   void play(const Tool& tool, const Trick& trick) {
@@ -153,9 +149,9 @@ class Tools : public Campaign {
         return expectAnswer(request("ChangeDeviceSettings", {{"name", system_test::text(mark)}}),
                             tool, label);
       case Tool::kCheck:
-        return expectEvent("", "no image " + mark, tool, label);
+        return expectEvent("no image " + mark, tool, label);
       case Tool::kFlash:
-        return expectEvent("", image_, tool, label);
+        return expectEvent(image_, tool, label);
       case Tool::kSupport:
         return expectSupport(tool, label);
     }
@@ -179,14 +175,10 @@ class Tools : public Campaign {
                    "a tool keeps a request no longer than its bound", label + ": " + outcome);
   }
 
-  void expectEvent(const std::string& what, const std::string& content, const Tool& tool,
-                   const std::string& label) {
+  void expectEvent(const std::string& content, const Tool& tool, const std::string& label) {
     const engine::RawServer server(engine::answering(engine::okResponse(content)));
-    system_test::Fields fields = {{"uri", server.uri()}, {"timeoutMs", 2'000'000U}};
-    if (!what.empty()) {
-      fields["what"] = what;
-    }
-    const std::string outcome = requester_.outcome(requester_.ask(fields), tool.bound + kToolGrace);
+    const std::uint64_t id = requester_.ask({{"uri", server.uri()}, {"timeoutMs", 2'000'000U}});
+    const std::string outcome = requester_.outcome(id, tool.bound + kToolGrace);
     attack_.expect(outcome.starts_with("FW_"), "a tool keeps an update no longer than its bound",
                    label + ": " + outcome);
   }

@@ -16,11 +16,8 @@ void expectDownload(Attack& attack, system_test::Requester& requester, const std
     return;
   }
   const system_test::PlainServer server(content);
-  system_test::Fields fields = {{"uri", server.uri()}, {"hash", md5(content)}};
-  if (!what.empty()) {
-    fields["what"] = what;
-  }
-  const std::string outcome = requester.outcomeOf(fields);
+  const std::string outcome =
+      requester.outcomeOf({{"what", what}, {"uri", server.uri()}, {"hash", md5(content)}});
   attack.expect(outcome == wanted, kWorks,
                 (what.empty() ? "firmware" : what) + ": " + outcome + " instead of " + wanted);
 }

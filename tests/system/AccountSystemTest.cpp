@@ -1,6 +1,6 @@
+#include "Login.h"
 #include "SharedCamera.h"
 #include "SystemCfg.h"
-#include "Terminal.h"
 
 namespace kova::system_test {
 namespace {

@@ -30,32 +30,7 @@ class ButtonSystem : public SharedCamera {
     }
     return times;
   }
-
-  // Ends with a press of which everything is told before this returns: what an earlier movement of
-  // the button caused is in the log then.
-  static void pressShortly(const LogMark& mark) {
-    const std::size_t ups = mark.linesWith(kUp).size();
-    const std::size_t downs = mark.linesWith(kDown).size();
-    camera().pressButton(true);
-    EXPECT_TRUE(eventually([&] { return mark.linesWith(kDown).size() > downs; }));
-    camera().pressButton(false);
-    EXPECT_TRUE(eventually([&] { return mark.linesWith(kUp).size() > ups; }));
-  }
 };
-
-TEST_F(ButtonSystem, ShortPressIsOnlyLogged) {
-  const LogMark mark(camera());
-  const int boot = camera().boots();
-  pressShortly(mark);
-  EXPECT_EQ(mark.linesWith(kDown).size(), 1U);
-  EXPECT_EQ(mark.linesWith(kUp).size(), 1U);
-  EXPECT_TRUE(mark.linesWith(kRelease).empty());
-  EXPECT_TRUE(mark.linesWith("PlayState").empty());
-  // A save or a reset would come five seconds after it was asked for.
-  const std::string tools = camera().tools();
-  EXPECT_FALSE(eventually([&] { return camera().tools() != tools; }, seconds(6)));
-  EXPECT_EQ(camera().boots(), boot);
-}
 
 // Nobody looks at the button while the configuration is saved.
 TEST_F(ButtonSystem, TapsAroundSlowSaveAreNotHold) {
@@ -134,20 +109,6 @@ TEST_F(ButtonSystem, HoldPastModelThresholdRestoresDefaults) {
   other.camera.pressButton(false);
   usual.expectReset("Kova Virtual Camera");
   other.expectReset("Short Hold");
-}
-
-constexpr char kLostButton[] = R"({
-  "name": "Lost Button", "sysid": 1, "feature_wifi": 0, "feature_battery": 0,
-  "reset_button_gpio": "/run/gpio/lost/value"
-})";
-
-TEST(ButtonSystemWithoutLine, CameraServesWithUnreadableLine) {
-  constexpr char kUnreadable[] = "Cannot read the button at /run/gpio/lost/value";
-  Camera camera(kLostButton);
-  EXPECT_EQ(camera.ctl({"stats"}).status, 0);
-  EXPECT_TRUE(eventually([&] { return occurrences(camera.log(), kUnreadable) > 0; }));
-  EXPECT_EQ(occurrences(camera.log(), kUnreadable), 1U);
-  EXPECT_EQ(occurrences(camera.log(), "Failed to service reset button case"), 0U);
 }
 
 }  // namespace

@@ -21,16 +21,15 @@ constexpr unsigned kCaptureKiB = 16 * 1024;
 constexpr auto kPoll = std::chrono::milliseconds(10);
 constexpr int kLogLines = 15;
 
-/// A camera's log tells why a request failed.
-std::string lastLines(const std::string& text) {
+}  // namespace
+
+std::string lastLines(const std::string& text, int count) {
   std::size_t begin = text.size();
-  for (int lines = 0; lines <= kLogLines && begin != std::string::npos && begin > 0; ++lines) {
+  for (int lines = 0; lines <= count && begin != std::string::npos && begin > 0; ++lines) {
     begin = text.rfind('\n', begin - 1);
   }
   return begin == std::string::npos || begin == 0 ? text : text.substr(begin + 1);
 }
-
-}  // namespace
 
 Result run(const std::string& program, const std::vector<std::string>& arguments,
            const std::string& input) {
@@ -77,11 +76,18 @@ Camera::Camera(const std::string& description) {
     description_ = folder_.string() + ".json";  // a camera takes no folder that holds anything
     writeFile(description_, description);
   }
-  start();
+  std::vector<std::string> arguments = {"start", folder_};
+  if (!description_.empty()) {
+    arguments.insert(arguments.end(), {"--info", description_});
+  }
+  const Result result = script(arguments);
+  if (result.status != 0) {
+    throw std::runtime_error("the camera did not come up: " + result.err);
+  }
 }
 
 Camera::~Camera() {
-  stop();
+  script({"stop", folder_});
   std::error_code ignored;  // nothing more can be done about a file that will not go
   fs::remove_all(folder_, ignored);
   if (!description_.empty()) {
@@ -96,27 +102,12 @@ Result Camera::script(std::vector<std::string> arguments, const std::string& inp
   return run(KOVA_CAMERA_SCRIPT, arguments, input);
 }
 
-void Camera::start() {
-  std::vector<std::string> arguments = {"start", folder_};
-  if (!description_.empty()) {
-    arguments.insert(arguments.end(), {"--info", description_});
-  }
-  const Result result = script(arguments);
-  if (result.status != 0) {
-    throw std::runtime_error("the camera did not come up: " + result.err);
-  }
-}
-
-void Camera::stop() {
-  script({"stop", folder_});
-}
-
 Result Camera::exec(const std::vector<std::string>& command, const std::string& input) const {
   std::vector<std::string> words = execWords(command);
   words.erase(words.begin());
   Result result = script(words, input);
   if (result.status != 0) {
-    result.status.explain(", the camera's log ends: " + lastLines(log()));
+    result.status.explain(", the camera's log ends: " + lastLines(log(), kLogLines));
   }
   return result;
 }

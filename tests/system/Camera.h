@@ -41,6 +41,7 @@ Result run(const std::string& program, const std::vector<std::string>& arguments
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds limit = std::chrono::seconds(10));
 
+std::string lastLines(const std::string& text, int count);
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& content);
 
@@ -53,10 +54,6 @@ class Camera {
   ~Camera();
   Camera(const Camera&) = delete;
   Camera& operator=(const Camera&) = delete;
-
-  /// Boots again after stop(), from what the flash holds.
-  void start();
-  void stop();
 
   /// Runs a command inside; a name without "/" is looked up there.
   Result exec(const std::vector<std::string>& command, const std::string& input = "") const;

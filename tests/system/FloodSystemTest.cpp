@@ -48,14 +48,6 @@ class FloodSystem : public SharedCamera {
   }
 };
 
-std::size_t outstanding(const Clients& clients) {
-  std::size_t all = 0;
-  for (const auto& client : clients) {
-    all += client->outstanding();
-  }
-  return all;
-}
-
 std::map<std::string, std::size_t> outcomes(const Clients& clients) {
   std::map<std::string, std::size_t> all;
   for (const auto& client : clients) {
@@ -66,33 +58,24 @@ std::map<std::string, std::size_t> outcomes(const Clients& clients) {
   return all;
 }
 
-void pumpAll(const Clients& clients) {
-  for (const auto& client : clients) {
-    client->pump();
-  }
-}
-
 bool pumpUntilAllAreAnswered(const Clients& clients) {
-  return eventually(
-      [&] {
-        pumpAll(clients);
-        return outstanding(clients) == 0;
-      },
-      std::chrono::seconds(120));
-}
-
-const Append& aLargeRequest() {
-  static const Append body =
-      request("GetSystemStats", {{"unknown", text(std::string(16'384, 'x'))}});
-  return body;
+  const auto areAnswered = [&] {
+    for (const auto& client : clients) {
+      client->pump();
+    }
+    return std::ranges::all_of(clients,
+                               [](const auto& client) { return client->outstanding() == 0; });
+  };
+  return eventually(areAnswered, std::chrono::seconds(120));
 }
 
 TEST_F(FloodSystem, CallsOf64ClientsAreAnsweredInBoundedMemory) {
   const HostProcess server = controlServer(camera());
-  BusClient(camera().busAddress()).call(aLargeRequest());
+  const Append large = request("GetSystemStats", {{"unknown", text(std::string(16'384, 'x'))}});
+  BusClient(camera().busAddress()).call(large);
   const std::size_t before = server.residentKiB();
   const Clients clients = connectAll();
-  flood(clients, aLargeRequest());
+  flood(clients, large);
   ASSERT_TRUE(pumpUntilAllAreAnswered(clients));
 
   // The bus holds a flood back with LimitsExceeded; a call that it refuses has had its answer too.

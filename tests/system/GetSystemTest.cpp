@@ -1,7 +1,35 @@
-#include "GetRig.h"
+#include "TransferRig.h"
 
 namespace kova::system_test {
 namespace {
+
+/// A camera with one picture of each kind to fetch.
+class GetSystem : public TransferRig {
+ protected:
+  void SetUp() override {
+    TransferRig::SetUp();
+    writeFile(inside("/tmp/snap.jpeg"), picture_);
+    writeFile(inside("/tmp/motionsnap_12.jpg"), picture_);
+    writeFile(inside("/tmp/heatmap_12.png"), picture_);
+  }
+
+  std::uint64_t get(const std::string& what, const std::string& name, Fields more = {}) {
+    more.emplace("what", what);
+    more.emplace("uri", manager().uploadUri(name));
+    return requester().ask(more);
+  }
+
+  static bool arrives(const std::string& name) {
+    return eventually([&] { return manager().received(name).has_value(); });
+  }
+
+  void expectSilence(std::uint64_t id) {
+    requester().settle();
+    EXPECT_THAT(requester().outcomes(id), testing::IsEmpty());
+  }
+
+  const std::string picture_ = picture(300, 200) + std::string("\0\r\n--boundary", 13);
+};
 
 TEST_F(GetSystem, PicturesArriveIntactWithFormFieldsWithoutEvent) {
   const std::pair<const char*, const char*> kinds[] = {
@@ -29,6 +57,34 @@ TEST_F(GetSystem, LinkToKeyIsNotSent) {
   EXPECT_TRUE(mark.waitFor(": Refused to open /tmp/snap.jpeg: it is a symbolic link"));
   EXPECT_FALSE(manager().received("planted").has_value());
   std::filesystem::remove(snapshot);
+}
+
+TEST_F(GetSystem, FreshSupportArchiveArrivesAndIsRemoved) {
+  writeFile(inside("/tmp/supportinfo.tar"), "an old archive");
+  const std::uint64_t id = get("supportInfo", "support.tar");
+  ASSERT_TRUE(arrives("support.tar"));
+  const std::string archive = manager().received("support.tar")->payload;
+  EXPECT_EQ(archive.substr(257, 5), "ustar");
+  EXPECT_NE(archive.find("system.cfg"), std::string::npos);
+  EXPECT_TRUE(eventually([] { return !exists(inside("/tmp/supportinfo.tar")); }));
+  expectSilence(id);
+}
+
+TEST_F(GetSystem, HangingSupportGeneratorEndsWithItsRequest) {
+  camera().misbehave("support", "sleep", "1000");
+  const LogMark mark(camera());
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(requester().outcome(get("supportInfo", "never", {{"timeoutMs", 700}})),
+              "TRANSFER_TIMEOUT");
+  }
+  EXPECT_TRUE(mark.waitFor(": /bin/support was still running and was ended"));
+  EXPECT_TRUE(eventually([] {
+    return processesOf(camera(), "support").empty() &&
+           processesOf(camera(), "kova_supervisor").empty();
+  })) << camera().shell("ps").out;
+  camera().behave("support");
+  get("supportInfo", "after-hang");
+  EXPECT_TRUE(arrives("after-hang"));
 }
 
 }  // namespace

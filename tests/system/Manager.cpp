@@ -2,7 +2,6 @@
 
 #include <openssl/evp.h>
 
-#include <algorithm>
 #include <array>
 #include <stdexcept>
 
@@ -38,11 +37,6 @@ std::optional<Upload> Manager::received(const std::string& name) const {
   const std::lock_guard lock(mutex_);
   const auto found = uploads_.find(name);
   return found == uploads_.end() ? std::nullopt : std::optional(found->second);
-}
-
-std::size_t Manager::requests(const std::string& methodAndPath) const {
-  const auto all = web_.requests();
-  return static_cast<std::size_t>(std::ranges::count(all, methodAndPath));
 }
 
 void Manager::serve(const httplib::Request& request, httplib::Response& response) {

@@ -32,13 +32,9 @@ class Manager {
   void serve(const std::string& name, const std::string& content);
   std::string fileUri(const std::string& name) const { return web_.uri("/files/" + name); }
   std::string uploadUri(const std::string& name) const { return web_.uri("/upload/" + name); }
-  /// Where a request waits for its answer until the server ends.
-  std::string uri(const std::string& path) const { return web_.uri(path); }
 
   /// The last upload under a name, once there was one.
   std::optional<Upload> received(const std::string& name) const;
-  /// How often a path was asked for, "GET /files/logo.png" for example.
-  std::size_t requests(const std::string& methodAndPath) const;
 
  private:
   void serve(const httplib::Request& request, httplib::Response& response);

@@ -108,14 +108,10 @@ TEST_F(ObjectsSystem, RunningTransferIsCancelled) {
   EXPECT_THAT(again.err, HasSubstr("has ended"));
 }
 
-class DeviceSystem : public ObjectsSystem {
- protected:
-  static std::string device(const std::string& name) {
+TEST_F(ObjectsSystem, PropertiesTellWhatCameraIs) {
+  const auto device = [](const std::string& name) {
     return busctl({"get-property", kServer, "/kova", "kova.Device1", name}).out;
-  }
-};
-
-TEST_F(DeviceSystem, PropertiesTellWhatCameraIs) {
+  };
   EXPECT_EQ(device("Model"), "s \"Kova Virtual Camera\"\n");
   EXPECT_EQ(device("SysId"), "s \"42264\"\n");
   EXPECT_EQ(device("FirmwareVersion"),

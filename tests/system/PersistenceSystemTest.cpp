@@ -32,42 +32,27 @@ TEST(PersistenceSystem, RebootRequestSavesAndReboots) {
   EXPECT_EQ(readFile(camera.root() / "etc/persistent/note"), "by reboot");
 }
 
-/// A camera with a saved configuration that has acknowledged a factory reset and was then asked for
-/// a reboot, which its tool does not carry out.
-struct Rebooting {
-  Rebooting() : mark(camera), server(controlServer(camera)) {
-    EXPECT_EQ(camera.ctl({"save", "--sync"}).status, 0);
-    EXPECT_TRUE(isSaved());
-    camera.misbehave("reboot", "exit", "0");
-    EXPECT_EQ(client.call(request("ResetToDefaults")), "status 0");
-    client.post(request("Reboot"));
-    client.pump();
-  }
-
-  bool isSaved() const { return std::filesystem::is_symlink(camera.flash() / "etc"); }
-
-  void expectEndWithReset() {
-    EXPECT_TRUE(server.waitForEnd(std::chrono::seconds(30)));
-    EXPECT_TRUE(mark.waitFor("kova_ctlserver: service ended: exit status 0"));
-    const std::string log = mark.text();
-    const auto told = log.find(": SIGTERM received");
-    ASSERT_NE(told, std::string::npos) << log;
-    EXPECT_NE(log.find(": Reset to defaults", told), std::string::npos) << log;
-    EXPECT_FALSE(isSaved());
-  }
-
-  Camera camera;
-  LogMark mark;
-  HostProcess server;
-  BusClient client{camera.busAddress()};
-};
-
 TEST(PersistenceSystem, SigtermDuringRebootWaitRunsReset) {
-  Rebooting rebooting;
-  ASSERT_TRUE(rebooting.mark.waitFor(": Entering reboot wait mode"));
-  EXPECT_TRUE(rebooting.isSaved());
-  rebooting.server.signal(SIGTERM);
-  rebooting.expectEndWithReset();
+  Camera camera;
+  const auto isSaved = [&] { return std::filesystem::is_symlink(camera.flash() / "etc"); };
+  EXPECT_EQ(camera.ctl({"save", "--sync"}).status, 0);
+  camera.misbehave("reboot", "exit", "0");  // it is not carried out
+  const LogMark mark(camera);
+  const HostProcess server = controlServer(camera);
+  BusClient client(camera.busAddress());
+  EXPECT_EQ(client.call(request("ResetToDefaults")), "status 0");
+  client.post(request("Reboot"));
+  client.pump();
+  ASSERT_TRUE(mark.waitFor(": Entering reboot wait mode"));
+  EXPECT_TRUE(isSaved());
+  server.signal(SIGTERM);
+  EXPECT_TRUE(server.waitForEnd(std::chrono::seconds(30)));
+  EXPECT_TRUE(mark.waitFor("kova_ctlserver: service ended: exit status 0"));
+  const std::string log = mark.text();
+  const auto told = log.find(": SIGTERM received");
+  ASSERT_NE(told, std::string::npos) << log;
+  EXPECT_NE(log.find(": Reset to defaults", told), std::string::npos) << log;
+  EXPECT_FALSE(isSaved());
 }
 
 TEST(PersistenceSystem, FailingFlashDoesNotFloodLog) {

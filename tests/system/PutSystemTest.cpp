@@ -9,12 +9,11 @@ using testing::Not;
 struct Kind {
   std::string what;
   std::string sample;
-  std::size_t limit;
 
   std::string path() const { return "/etc/persistent/user_" + what; }
 };
 
-const Kind kKinds[] = {{"logo", picture(64, 48), 131072}, {"sound", sound(1, 11025), 262144}};
+const Kind kKinds[] = {{"logo", picture(64, 48)}, {"sound", sound(1, 11025)}};
 
 class PutSystem : public TransferRig {
  protected:

@@ -20,14 +20,11 @@ constexpr int kTransferMs = 20'000;
 constexpr unsigned kPumpMs = 5;
 constexpr int kSettleRounds = 3;
 
-std::string functionFor(const Fields& fields) {
-  const auto what = fields.find("what");
-  if (what == fields.end()) {
-    return std::string(ipc::messages::UpdateFirmwareRequest::kName);
-  }
-  const std::string& word = what->second.toText();
-  return std::string(word == "logo" || word == "sound" ? ipc::messages::PutRequest::kName
-                                                       : ipc::messages::GetRequest::kName);
+std::string functionFor(const std::string& what) {
+  const bool put = what == "logo" || what == "sound";
+  return std::string(what.empty() ? ipc::messages::UpdateFirmwareRequest::kName
+                     : put        ? ipc::messages::PutRequest::kName
+                                  : ipc::messages::GetRequest::kName);
 }
 
 }  // namespace
@@ -41,18 +38,18 @@ Requester::Requester(const Camera& camera) : BaseHandler("Requester", nullptr) {
 }
 
 std::uint64_t Requester::ask(Fields fields) {
+  const std::string what = fields["what"].toText();
+  const std::string function = functionFor(what);
+  if (what.empty()) {
+    fields.erase("what");
+  }
   fields.emplace("timeoutMs", kTransferMs);
-  const std::string function = functionFor(fields);
-  return send(function, std::move(fields));
-}
-
-std::uint64_t Requester::send(const std::string& functionName, Fields fields) {
-  fields.emplace("functionName", functionName);
+  fields.emplace("functionName", function);
   fields.emplace("to", "kova_ctlserver");
   BaseRequestMessage request{Variant(std::move(fields))};
   const std::uint64_t id = request.id();
   if (!ipc_.SendRequest(request)) {
-    throw std::runtime_error(functionName + " cannot be sent");
+    throw std::runtime_error(function + " cannot be sent");
   }
   return id;
 }

@@ -21,12 +21,10 @@ class Requester : private ipc::BaseHandler {
   /// Throws std::runtime_error when it cannot join.
   explicit Requester(const Camera& camera);
 
-  /// Asks for what `fields` say: a "what" of get or put, or none for a firmware update. Without a
-  /// "timeoutMs" the transfer has 20 s.
+  /// Asks for what `fields` say: a "what" of get or put, or none or "" for a firmware update.
+  /// Without a "timeoutMs" the transfer has 20 s.
   /// @return the request's id
   std::uint64_t ask(Fields fields);
-  /// Any request; nothing is added but the envelope.
-  std::uint64_t send(const std::string& functionName, Fields fields);
 
   /// The outcomes that events have told of a request so far, in order.
   std::vector<std::string> outcomes(std::uint64_t id) const;

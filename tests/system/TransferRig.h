@@ -84,10 +84,6 @@ class TransferRig : public UnharmedCamera {
   static std::filesystem::path inside(const std::string& path) {
     return camera().root() / path.substr(1);
   }
-  /// What of the saved configuration comes back at a boot.
-  static std::filesystem::path saved(const std::string& path) {
-    return camera().flash() / path.substr(1);
-  }
   static bool exists(const std::filesystem::path& path) {
     return std::filesystem::exists(std::filesystem::symlink_status(path));
   }
