@@ -23,8 +23,7 @@ class DispatchTableTest : public testing::Test {
                                 {"users.1.name", "admin"},
                                 {"users.1.password", "old$secret"}};
     platform().accounts.hashes = {{"admin", "old$secret"}};
-    static_cast<Variant&>(info_) = Variant(
-        Map{{"name", "Kova Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+    static_cast<Variant&>(info_) = Variant(kPlainCamera);
   }
 
   /// The response, or an empty value when there was none.
@@ -77,11 +76,11 @@ TEST_F(DispatchTableTest, ChangedSettingsAreAnsweredByDefaultWithPayload) {
 
 TEST_F(DispatchTableTest, RestoredSettingsAreAnsweredOnlyOnRequest) {
   EXPECT_TRUE(ask("ResetDeviceSettings").isEmpty());
-  EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Kova Camera");
+  EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Camera");
   Variant response = ask("ResetDeviceSettings", {{"responseExpected", true}});
   EXPECT_EQ(response["statusCode"], status(0));
   EXPECT_EQ(response["payload"],
-            Variant(Map{{"name", "Kova Camera"}, {"timezone", "GMT"}, {"region", "US"}}));
+            Variant(Map{{"name", "Camera"}, {"timezone", "GMT"}, {"region", "US"}}));
 }
 
 TEST_F(DispatchTableTest, AdministratorNameIsInPayload) {

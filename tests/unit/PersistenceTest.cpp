@@ -1,9 +1,6 @@
 #include "Persistence.h"
 
-#include <gmock/gmock.h>
-
 #include "Commands.h"
-#include "Platform.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -18,11 +15,15 @@ class PersistenceTest : public testing::Test {
     };
   }
 
+  bool serviceAfter(std::uint64_t milliseconds) {
+    platform().nowMs += milliseconds;
+    return persistence_.service();
+  }
+
   /// Services every 10 ms for so long.
   void pass(int milliseconds) {
     for (int elapsed = 0; elapsed < milliseconds; elapsed += 10) {
-      platform().nowMs += 10;
-      persistence_.service();
+      serviceAfter(10);
     }
   }
 
@@ -40,20 +41,14 @@ TEST_F(PersistenceTest, IdleServiceRunsNoCommand) {
 TEST_F(PersistenceTest, ForcedSaveRunsWithNothingPending) {
   EXPECT_TRUE(persistence_.persist(true));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
-  ASSERT_EQ(platform().log.size(), 1U);
-  EXPECT_EQ(platform().log[0].identity, "kova_ctlserver");
-  EXPECT_EQ(platform().log[0].unit, "Persistence");
-  EXPECT_EQ(platform().log[0].function, "persist");
-  EXPECT_TRUE(platform().logged(6, "Persisted"));
+  EXPECT_THAT(platform().log, ElementsAre(LogLine{"Persistence", "persist", 6, 0, "Persisted"}));
 }
 
 TEST_F(PersistenceTest, SaveRunsMoreThanFiveSecondsLater) {
   persistence_.enqueue();
-  platform().nowMs += 5000;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5000));
   EXPECT_THAT(platform().commands, IsEmpty());
-  platform().nowMs += 1;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
   pass(20000);
   EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "once only";
@@ -88,8 +83,7 @@ TEST_F(PersistenceTest, SaveAfterEraseWritesConfigurationBack) {
 TEST_F(PersistenceTest, FailedSaveIsLoggedAndRetriedAtEveryPass) {
   fail(kSave);
   persistence_.enqueue();
-  platform().nowMs += 5001;
-  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
   EXPECT_TRUE(platform().logged(3, "Failed to persist"));
@@ -125,14 +119,12 @@ TEST_F(PersistenceTest, CancelDropsSaveButNotReset) {
 
 TEST_F(PersistenceTest, ResetErasesAndRebootsMoreThanFiveSecondsLater) {
   persistence_.enqueueReset();
-  platform().nowMs += 5000;
-  persistence_.service();
+  EXPECT_TRUE(serviceAfter(5000));
   EXPECT_THAT(platform().commands, IsEmpty());
-  platform().nowMs += 1;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1));
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
-  EXPECT_TRUE(platform().logged(6, "Reset to defaults"));
-  EXPECT_EQ(platform().log[0].function, "reset");
+  EXPECT_THAT(platform().log,
+              ElementsAre(LogLine{"Persistence", "reset", 6, 0, "Reset to defaults"}));
   pass(20000);
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
@@ -141,19 +133,16 @@ TEST_F(PersistenceTest, SecondResetRequestPostponesReset) {
   persistence_.enqueueReset();
   platform().nowMs += 3000;
   persistence_.enqueueReset();
-  platform().nowMs += 5000;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5000));
   EXPECT_THAT(platform().commands, IsEmpty());
-  platform().nowMs += 1;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1));
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
 TEST_F(PersistenceTest, FailedEraseIsLoggedAtEveryPassWithoutReboot) {
   fail(kErase);
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kErase));
   const LogLine failed{"Persistence", "reset", 3, 0, "Failed to reset"};
@@ -164,8 +153,7 @@ TEST_F(PersistenceTest, FailedEraseIsLoggedAtEveryPassWithoutReboot) {
 TEST_F(PersistenceTest, FailedRebootAfterEraseIsLoggedOnceWithoutRetry) {
   fail(kReboot);
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5001));
   pass(10000);
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
   EXPECT_THAT(platform().log,
@@ -176,8 +164,7 @@ TEST_F(PersistenceTest, FailedRebootAfterEraseIsLoggedOnceWithoutRetry) {
 TEST_F(PersistenceTest, SaveRunsBeforeReset) {
   persistence_.enqueue();
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5001));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
   EXPECT_TRUE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
@@ -187,8 +174,7 @@ TEST_F(PersistenceTest, FailingSaveHoldsBackDueReset) {
   fail(kSave);
   persistence_.enqueue();
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
   platform().onRun = nullptr;
@@ -198,37 +184,25 @@ TEST_F(PersistenceTest, ResetDropsSaveRequestedMeanwhile) {
   persistence_.enqueueReset();
   platform().nowMs += 4000;
   persistence_.enqueue();
-  platform().nowMs += 1001;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1001));
   pass(10000);
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
-TEST(PersistenceAtExit, WritesPendingSaveThenRunsPendingReset) {
-  fakes::reset();
-  {
-    Persistence persistence;
-    persistence.enqueue();
-    persistence.enqueueReset();
+TEST_F(PersistenceTest, ExitRunsPendingSaveThenPendingReset) {
+  for (const char* failing : {"", kSave}) {
+    platform().commands.clear();
+    fail(failing);
+    {
+      Persistence persistence;
+      persistence.enqueue();
+      persistence.enqueueReset();
+    }
+    EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot)) << failing;
   }
-  EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
 }
 
-TEST(PersistenceAtExit, FailedSaveDoesNotHoldBackReset) {
-  fakes::reset();
-  platform().onRun = [](const std::string& command) {
-    return fakes::ProcessResult{command == kSave ? 1 : 0, "", ""};
-  };
-  {
-    Persistence persistence;
-    persistence.enqueue();
-    persistence.enqueueReset();
-  }
-  EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
-}
-
-TEST(PersistenceAtExit, RunsNothingIfNothingIsPending) {
-  fakes::reset();
+TEST_F(PersistenceTest, ExitRunsNothingIfNothingIsPending) {
   { Persistence persistence; }
   EXPECT_THAT(platform().commands, IsEmpty());
 }

@@ -274,12 +274,5 @@ TEST_F(ResetButtonsReactorTest, FailedButtonInitFailsServerInit) {
                                                   "Failed to initialize reset button case"}));
 }
 
-TEST_F(ResetButtonsReactorTest, FailedButtonServiceIsOnlyLogged) {
-  platform().button.serviceResult = false;
-  EXPECT_TRUE(server_->service(0));
-  EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "service", LOG_ERR, 0,
-                                                  "Failed to service reset button case"}));
-}
-
 }  // namespace
 }  // namespace kova::ctlserver

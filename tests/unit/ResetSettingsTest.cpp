@@ -51,28 +51,18 @@ TEST_F(ResetSettingsTest, FailedUpdateIsReturnedWithItsReply) {
   EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"}}));
 }
 
-class UnnamedDeviceTest : public ResetSettingsTest {
- protected:
-  void expectCrash(const std::string& text) {
+TEST_F(ResetSettingsTest, DescriptionWithoutNameEndsProcess) {
+  const auto expectCrash = [&](const std::string& text) {
+    platform().log.clear();
     EXPECT_THROW(server_.resetSettings(reply_), fakes::ForcedCrash);
     EXPECT_THAT(platform().log,
                 ElementsAre(LogLine{"CtlServer", "resetSettings", LOG_ERR, 0, text}));
     EXPECT_THAT(platform().journal, Not(Contains(StartsWith("SystemCfgManager"))));
-  }
-};
-
-TEST_F(UnnamedDeviceTest, NonMapDescriptionEndsProcess) {
+  };
   info_ = variant::CameraInfo();
   expectCrash("Invalid variant type detected");
-}
-
-TEST_F(UnnamedDeviceTest, DescriptionWithoutNameEndsProcess) {
-  info_ = variant::CameraInfo();
   info_["sysid"] = std::uint32_t{42321};
   expectCrash("Key \"name\" not available");
-}
-
-TEST_F(UnnamedDeviceTest, MistypedNameEndsProcess) {
   info_["name"] = 7;
   expectCrash("Key \"name\" has a different type than expected");
 }

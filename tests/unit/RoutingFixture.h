@@ -54,8 +54,7 @@ class TransferRoutingTest : public TransferTest {
                                       : "",
                                   ""};
     };
-    static_cast<Variant&>(info_) = Variant(
-        Fields{{"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+    static_cast<Variant&>(info_) = Variant(kPlainCamera);
     server_ = std::make_unique<CtlServer>(info_);
     ASSERT_TRUE(server_->init(nullptr));
     fakes::platform().journal.clear();

@@ -18,4 +18,8 @@ using testing::Not;
 using testing::StartsWith;
 using variant::Variant;
 
+/// The description of a camera that has neither Wi-Fi nor a battery.
+inline const Variant::Map kPlainCamera{
+    {"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}};
+
 }  // namespace kova::ctlserver
