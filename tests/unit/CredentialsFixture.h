@@ -16,6 +16,11 @@ namespace kova::ctlserver {
 constexpr char kAccountFile[] = "/etc/passwd";
 constexpr char kOldAccounts[] = "root:*:0:0:root:/root:/bin/sh\nguest:x:1:1::/:/bin/false\n";
 
+inline Variant::Map claim(const std::string& name, const std::string& passwordOld,
+                          const std::string& passwordNew) {
+  return {{"username", name}, {"passwordOld", passwordOld}, {"passwordNew", passwordNew}};
+}
+
 /// A camera whose administrator is "admin" with the password "secret"; the stored hash is
 /// "old$secret". It writes the real /etc/passwd, so it has to run in a private root.
 class CredentialsTest : public testing::Test {
@@ -61,12 +66,15 @@ class CredentialsTest : public testing::Test {
     return {"CtlServer", "changeUsernamePassword", LOG_ERR, code, text};
   }
 
+  void expectFailure(const Variant::Map& fields, const std::string& text, int code = 0) {
+    platform().log.clear();
+    EXPECT_FALSE(change(fields));
+    EXPECT_THAT(platform().log, ElementsAre(error(text, code)));
+  }
+
   static void expectNothingWritten() {
-    using testing::Contains;
-    using testing::Not;
-    using testing::StartsWith;
-    EXPECT_THAT(fakes::platform().journal, Not(Contains(StartsWith("set "))));
-    EXPECT_THAT(fakes::platform().journal, Not(Contains(StartsWith("close"))));
+    EXPECT_THAT(platform().journal, Not(Contains(StartsWith("set "))));
+    EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
     EXPECT_EQ(accounts(), kOldAccounts);
   }
 

@@ -13,9 +13,6 @@
 namespace kova::ctlserver {
 namespace {
 
-constexpr std::uint32_t kShortHoldModel = 0xa526;
-constexpr std::uint32_t kOtherModel = 0xa525;
-
 LogLine line(const char* function, const std::string& text, int level = LOG_INFO) {
   return {"ResetButtonsReactor", function, level, 0, text};
 }
@@ -24,9 +21,9 @@ class ResetButtonsReactorTest : public testing::Test {
  protected:
   void SetUp() override {
     fakes::reset();
-    info_["sysid"] = kOtherModel;
+    info_["sysid"] = 0xa525U;
     ASSERT_TRUE(server_->init(ipc::Ipc::GetInstance()));
-    use(kOtherModel);
+    ASSERT_TRUE(reactor_.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
     initJournal_ = std::exchange(platform().journal, {});
   }
 
@@ -35,26 +32,11 @@ class ResetButtonsReactorTest : public testing::Test {
     ipc::Ipc::FreeInstance();
   }
 
-  void use(std::uint32_t sysid) {
-    info_["sysid"] = sysid;
-    EXPECT_TRUE(reactor_.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
-  }
-
   /// Whether a factory reset has been scheduled: it erases the configuration once it is due.
   bool resetScheduled() {
     platform().nowMs += 5001;
     server_->service(0);
     return testing::Matches(Contains("/bin/cfgmtd -c"))(platform().commands);
-  }
-
-  static std::vector<std::string> sleeps() {
-    std::vector<std::string> found;
-    for (const auto& event : platform().journal) {
-      if (event.starts_with("sleep ")) {
-        found.push_back(event);
-      }
-    }
-    return found;
   }
 
   variant::CameraInfo info_;
@@ -100,30 +82,21 @@ TEST_F(ResetButtonsReactorTest, LongPressNeverReportedAsHeldDoesNothing) {
   EXPECT_FALSE(resetScheduled());
 }
 
-class ThresholdTest : public ResetButtonsReactorTest {
- protected:
-  void expectThreshold(std::uint32_t sysid, int thresholdMs) {
-    use(sysid);
-    reactor_.buttonDepressed(INT_MIN);
-    reactor_.buttonDepressed(-1);
-    reactor_.buttonDepressed(thresholdMs - 1);
-    reactor_.buttonDepressed(thresholdMs);
+TEST_F(ResetButtonsReactorTest, ThresholdIsFiveSecondsButThreeOnOneModel) {
+  for (const auto& [sysid, thresholdMs] :
+       {std::pair{0xa525U, 5000}, {0xa526U, 3000}, {0xa527U, 5000}}) {
+    SCOPED_TRACE(sysid);
+    platform().bus.sent.clear();
+    info_["sysid"] = sysid;
+    ResetButtonsReactor reactor;
+    EXPECT_TRUE(reactor.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
+    for (const int heldMs : {INT_MIN, -1, thresholdMs - 1, thresholdMs}) {
+      reactor.buttonDepressed(heldMs);
+    }
     EXPECT_THAT(platform().bus.sent, IsEmpty());
-    reactor_.buttonDepressed(thresholdMs + 1);
+    reactor.buttonDepressed(thresholdMs + 1);
     EXPECT_EQ(platform().bus.sent.size(), 1U);
   }
-};
-
-TEST_F(ThresholdTest, IsThreeSecondsOnOneModel) {
-  expectThreshold(kShortHoldModel, 3000);
-}
-
-TEST_F(ThresholdTest, IsFiveSecondsOnModelBelow) {
-  expectThreshold(0xa525, 5000);
-}
-
-TEST_F(ThresholdTest, IsFiveSecondsOnModelAbove) {
-  expectThreshold(0xa527, 5000);
 }
 
 TEST_F(ResetButtonsReactorTest, SignalPlaysResetButtonSound) {
@@ -184,48 +157,31 @@ TEST_F(ResetButtonsReactorTest, ArmedStateIsNeverLeft) {
   EXPECT_TRUE(resetScheduled());
 }
 
-class ReleaseWaitTest : public ResetButtonsReactorTest {
- protected:
-  void expectWait(int pastThresholdMs, const std::vector<std::string>& expected) {
-    reactor_.buttonDepressed(5001);
-    platform().journal.clear();
-    const auto released = platform().nowMs;
-    reactor_.buttonUp(5000 + pastThresholdMs);
-    EXPECT_EQ(sleeps(), expected);
-    // The reset counts from the end of the wait.
-    const auto waited = platform().nowMs - released;
-    platform().nowMs = released + waited + 5000;
-    server_->service(0);
-    EXPECT_THAT(platform().commands, IsEmpty());
-    platform().nowMs += 1;
-    server_->service(0);
-    EXPECT_THAT(platform().commands, Contains("/bin/cfgmtd -c"));
-  }
-};
+/// How long after the threshold the button is released, and the waits that follow.
+using Release = std::pair<int, std::vector<std::string>>;
 
-TEST_F(ReleaseWaitTest, LastsUntilOneSecondPastThreshold) {
-  expectWait(200, {"sleep 800"});
+class ReleaseWaitTest : public ResetButtonsReactorTest,
+                        public testing::WithParamInterface<Release> {};
+
+TEST_P(ReleaseWaitTest, LastsUntilOneSecondPastThreshold) {
+  const auto& [pastThresholdMs, waits] = GetParam();
+  reactor_.buttonDepressed(5001);
+  platform().journal.clear();
+  reactor_.buttonUp(5000 + pastThresholdMs);
+  EXPECT_EQ(platform().journal, waits);
+  // The reset counts from the end of the wait.
+  platform().nowMs += 5000;
+  server_->service(0);
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 1;
+  server_->service(0);
+  EXPECT_THAT(platform().commands, Contains("/bin/cfgmtd -c"));
 }
 
-TEST_F(ReleaseWaitTest, IsAtMost999Milliseconds) {
-  expectWait(1, {"sleep 999"});
-}
-
-TEST_F(ReleaseWaitTest, IsAtLeastOneMillisecond) {
-  expectWait(999, {"sleep 1"});
-}
-
-TEST_F(ReleaseWaitTest, IsNotNeededOneSecondPastThreshold) {
-  expectWait(1000, {});
-}
-
-TEST_F(ReleaseWaitTest, IsNotNeededLater) {
-  expectWait(1001, {});
-}
-
-TEST_F(ReleaseWaitTest, IsNotNeededAtLargestTime) {
-  expectWait(INT_MAX - 5000, {});
-}
+INSTANTIATE_TEST_SUITE_P(Releases, ReleaseWaitTest,
+                         testing::Values(Release{1, {"sleep 999"}}, Release{200, {"sleep 800"}},
+                                         Release{999, {"sleep 1"}}, Release{1000, {}},
+                                         Release{1001, {}}, Release{INT_MAX - 5000, {}}));
 
 // The model.
 

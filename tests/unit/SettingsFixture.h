@@ -22,8 +22,8 @@ class SettingsTest : public testing::Test {
     info_["sysid"] = kPlainModel;
   }
 
-  bool update(const variant::Variant::Map& fields) {
-    ipc::messages::ChangeDeviceSettings request{variant::Variant(fields)};
+  bool update(const Variant::Map& fields) {
+    ipc::messages::ChangeDeviceSettings request{Variant(fields)};
     request.NormalizeFields();
     return server_.updateSettings(request, reply_);
   }
@@ -36,9 +36,11 @@ class SettingsTest : public testing::Test {
     return fakes::platform().config.values.at(key);
   }
 
-  static void expectNotClosed() {
-    EXPECT_THAT(fakes::platform().journal,
-                testing::Not(testing::Contains(testing::StartsWith("close"))));
+  /// The store is left unclosed, and one line says why.
+  void expectFailure(const Variant::Map& fields, const std::string& text) {
+    EXPECT_FALSE(update(fields));
+    EXPECT_THAT(platform().log, ElementsAre(error(text)));
+    EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
   }
 
   variant::CameraInfo info_;

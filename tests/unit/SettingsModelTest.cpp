@@ -57,19 +57,15 @@ TEST_F(SettingsTest, TimelapseIsClampedToOnOrOff) {
 TEST_F(SettingsTest, TimelapseMissingFromStoreFails) {
   info_["sysid"] = kTimelapseModel;
   platform().config.values.erase("system.timelapseminutes");
-  EXPECT_FALSE(update({}));
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to get system.timelapseminutes")));
+  expectFailure({}, "Failed to get system.timelapseminutes");
   EXPECT_EQ(reply_.find("timelapseminutes"), nullptr);
-  expectNotClosed();
 }
 
 TEST_F(SettingsTest, UnstorableTimelapseFails) {
   info_["sysid"] = kTimelapseModel;
   platform().config.failingSet = "system.timelapseminutes";
-  EXPECT_FALSE(update({{"timelapseminutes", 9}}));
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to set system.timelapseminutes to 1")));
+  expectFailure({{"timelapseminutes", 9}}, "Failed to set system.timelapseminutes to 1");
   EXPECT_EQ(reply_.find("timelapseminutes"), nullptr);
-  expectNotClosed();
 }
 
 TEST_F(SettingsTest, DescriptionWithoutModelEndsProcess) {
