@@ -84,9 +84,22 @@ class InstallTest : public TransferTest {
     EXPECT_TRUE(done);
   }
 
+  /// Ends the transfer of a good file.
+  void install() {
+    write(download_, Kind::content());
+    succeed();
+  }
+
   void expectStatus(const std::string& status) {
     EXPECT_THAT(events(),
                 testing::ElementsAre("EventTransferRequestStatus to=client.a id=12 " + status));
+  }
+  void expectDiskFailure(int error) {
+    EXPECT_THAT(logged(),
+                testing::ElementsAre(line(std::string(Kind::kPersistFailure) + kInstallUri)));
+    EXPECT_EQ(platform().log.back().error, error);
+    expectStatus("DISK_IO_FAILED");
+    expectTempsGone();
   }
   void expectTempsGone() {
     EXPECT_FALSE(exists(download_));

@@ -5,9 +5,10 @@ namespace {
 
 class TransferFieldsTest : public TransferRoutingTest {};
 
+// libcurl takes less than 2147484 s; the daemon's own deadline holds all the same.
 TEST_F(TransferFieldsTest, EveryRequestOverwritesTimeOut) {
   for (const std::string kind : kKinds) {
-    for (const std::uint32_t timeoutMs : {1U, 999U, 5000U, 2147483999U}) {
+    for (const std::uint32_t timeoutMs : {1U, 999U, 5000U, 2147483999U, 2147484000U, 4294967295U}) {
       SCOPED_TRACE(kind + " " + std::to_string(timeoutMs));
       startServer();
       peerHolds();
@@ -25,23 +26,6 @@ TEST_F(TransferFieldsTest, EveryRequestOverwritesTimeOut) {
                                              "TRANSFER_TIMEOUT"
                                            : status("TRANSFER_TIMEOUT")));
     }
-  }
-}
-
-// libcurl takes less than 2147484 s; the daemon's own deadline holds all the same.
-TEST_F(TransferFieldsTest, TimeOutBeyondTransportRangeIsEnforcedByTask) {
-  write("/tmp/snap.jpeg", "");
-  startServer();
-  peerHolds();
-  for (const std::uint32_t timeoutMs : {2147484000U, 4294967295U}) {
-    platform().bus.sent.clear();
-    ASSERT_TRUE(ask("snapshot", uri(), {{"timeoutMs", timeoutMs}}));
-    platform().nowMs += timeoutMs;
-    server_->service(0);
-    EXPECT_THAT(events(), IsEmpty());
-    platform().nowMs += 1;
-    server_->service(0);
-    EXPECT_THAT(events(), ElementsAre(status("TRANSFER_TIMEOUT")));
   }
 }
 

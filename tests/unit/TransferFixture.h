@@ -75,4 +75,16 @@ class TransferTest : public testing::Test {
   }
 };
 
+/// Notes, with each status that a task reports, whether its file was there then.
+template <typename Task>
+class Watched : public Task {
+ public:
+  using Task::Task;
+  void notifyStatus(const std::string& status) override {
+    seen.push_back(status + (std::filesystem::exists(file) ? " with" : " without"));
+  }
+  std::string file = this->path();
+  std::vector<std::string> seen;
+};
+
 }  // namespace kova::ctlserver

@@ -21,8 +21,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, FailingSaveDoesNotChangeOutcome) {
     return fakes::ProcessResult{command == kSaveCommand ? 1 : 0,
                                 "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
   };
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
+  this->install();
   this->expectStatus("OK");
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
   EXPECT_THAT(this->logged(), ElementsAre("3 Persistence.persist: Failed to persist"));
@@ -31,8 +30,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, FailingSaveDoesNotChangeOutcome) {
 
 TYPED_TEST(TransferTaskInstallFaultsTest, UnopenableChecksumIsDiskFailureAndMovesNothing) {
   ASSERT_EQ(mkdir(this->checksum_.c_str(), 0755), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
+  this->install();
   EXPECT_THAT(this->logged(),
               ElementsAre("4 File.Initialize: Refused to open " + this->checksum_ +
                               ": it is no regular file",
@@ -46,13 +44,8 @@ TYPED_TEST(TransferTaskInstallFaultsTest, UnopenableChecksumIsDiskFailureAndMove
 TYPED_TEST(TransferTaskInstallFaultsTest, FullDiskForChecksumIsDiskFailureAndMovesNothing) {
   // One page, which the downloaded file takes.
   ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=4k"), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, ENOSPC);
-  EXPECT_THAT(this->logged(),
-              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(ENOSPC);
   this->expectNothingInstalled();
   ASSERT_EQ(umount("/tmp"), 0);
 }
@@ -60,35 +53,24 @@ TYPED_TEST(TransferTaskInstallFaultsTest, FullDiskForChecksumIsDiskFailureAndMov
 TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableFileIsDiskFailureAndRemovesBothTemps) {
   ASSERT_EQ(mkdir(this->installed_.c_str(), 0755), 0);
   this->write(this->installedChecksum_, "of an older file");
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, EISDIR);
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(EISDIR);
   EXPECT_FALSE(this->exists(this->installedChecksum_)) << "it goes before a file comes";
   EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableChecksumLeavesFileInstalledUnsaved) {
   ASSERT_EQ(mkdir(this->installedChecksum_.c_str(), 0755), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, EISDIR);
-  EXPECT_THAT(this->logged(),
-              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(EISDIR);
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
   EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsDiskFailure) {
   ASSERT_EQ(mount("tmpfs", "/etc/persistent", "tmpfs", 0, "size=1m"), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, EXDEV);
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(EXDEV);
   this->expectNothingInstalled();
   ASSERT_EQ(umount("/etc/persistent"), 0);
 }
@@ -101,8 +83,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, FileRemovedBySaveIsDiskFailure) {
     }
     return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
   };
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
+  this->install();
   EXPECT_EQ(platform().log.back().error, ENOENT);
   EXPECT_EQ(platform().log.back().text, std::string(TypeParam::kPersistFailure) + kInstallUri);
   this->expectStatus("DISK_IO_FAILED");

@@ -33,7 +33,6 @@ TYPED_TEST(TransferTaskInstallTest, TaskWithoutHashDoesNotStart) {
                             "3 BaseTransferTask.start: Task-specific checks failed"));
     EXPECT_THAT(this->events(), IsEmpty());
   }
-  const typename TypeParam::Task never(this->persistence_);
   EXPECT_FALSE(typename TypeParam::Task(this->persistence_).onCheck()) << "a task's first state";
 }
 
@@ -74,17 +73,6 @@ TYPED_TEST(TransferTaskInstallTest, FailedTransferIsReportedAndRemoved) {
   }
 }
 
-/// Notes, for each status it reports, which files were there then.
-template <typename Task>
-class Watched : public Task {
- public:
-  using Task::Task;
-  void notifyStatus(const std::string& status) override {
-    seen.push_back(status + (std::filesystem::exists(this->path()) ? " with" : " without"));
-  }
-  std::vector<std::string> seen;
-};
-
 TYPED_TEST(TransferTaskInstallTest, FailureIsReportedBeforeAndRefusalAfterRemoval) {
   Watched<typename TypeParam::Task> task(this->persistence_);
   this->write(this->download_, "part");
@@ -96,9 +84,16 @@ TYPED_TEST(TransferTaskInstallTest, FailureIsReportedBeforeAndRefusalAfterRemova
   EXPECT_THAT(task.seen, ElementsAre("TRANSFER_TIMEOUT with", "VALIDATION_FAILED without"));
 }
 
-TYPED_TEST(TransferTaskInstallTest, ValidFileIsInstalledWithChecksumSavedAndReported) {
+TYPED_TEST(TransferTaskInstallTest, ValidFileReplacesInstalledOneAndIsReported) {
+  this->write(this->installed_, "old");
+  this->write(this->installedChecksum_, "old digest, longer than a digest of MD5 would ever be");
   this->write(this->download_, TypeParam::content());
+  struct stat before {};
+  struct stat after {};
+  ASSERT_EQ(stat(this->download_.c_str(), &before), 0);
   this->succeed();
+  ASSERT_EQ(stat(this->installed_.c_str(), &after), 0);
+  EXPECT_EQ(before.st_ino, after.st_ino) << "it is renamed, not copied";
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
   EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest) << "no line end";
   this->expectTempsGone();
@@ -116,30 +111,10 @@ TYPED_TEST(TransferTaskInstallTest, SaveFollowsInstallAndPrecedesReport) {
     }
     return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
   };
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
+  this->install();
   EXPECT_THAT(seen, ElementsAre(TypeParam::content(), TypeParam::kDigest));
   this->expectStatus("OK");
   platform().onRun = nullptr;
-}
-
-TYPED_TEST(TransferTaskInstallTest, FileIsRenamedNotCopied) {
-  this->write(this->download_, TypeParam::content());
-  struct stat before {};
-  struct stat after {};
-  ASSERT_EQ(stat(this->download_.c_str(), &before), 0);
-  this->succeed();
-  ASSERT_EQ(stat(this->installed_.c_str(), &after), 0);
-  EXPECT_EQ(before.st_ino, after.st_ino);
-}
-
-TYPED_TEST(TransferTaskInstallTest, InstallReplacesPreviousFile) {
-  this->write(this->installed_, "old");
-  this->write(this->installedChecksum_, "old digest, longer than a digest of MD5 would ever be");
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(this->read(this->installed_), TypeParam::content());
-  EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest);
 }
 
 TYPED_TEST(TransferTaskInstallTest, WrongDigestIsLoggedWithBothAndRefused) {
@@ -155,8 +130,7 @@ TYPED_TEST(TransferTaskInstallTest, WrongDigestIsLoggedWithBothAndRefused) {
     SCOPED_TRACE(hash);
     this->restart();
     this->arm(hash);
-    this->write(this->download_, TypeParam::content());
-    this->succeed();
+    this->install();
     EXPECT_THAT(this->logged(),
                 ElementsAre(this->line(
                     std::string(TypeParam::kSubject) + " checksum error, uri=" + kInstallUri +

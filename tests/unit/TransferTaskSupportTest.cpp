@@ -103,17 +103,11 @@ TEST_F(TransferTaskSupportTest, SuccessRemovesArchiveWithoutEvent) {
 }
 
 TEST_F(TransferTaskSupportTest, FailureIsReportedThenArchiveRemoved) {
-  class Watched : public TransferTaskSupport {
-   public:
-    void notifyStatus(const std::string& status) override {
-      seen = status + (exists(kArchive) ? " with" : " without");
-    }
-    std::string seen;
-  };
   write(kArchive, "tar");
-  Watched task;
+  Watched<TransferTaskSupport> task;
+  task.file = kArchive;
   task.onFailure(TRANSFER_TIMEOUT, 0);
-  EXPECT_EQ(task.seen, "TRANSFER_TIMEOUT with");
+  EXPECT_THAT(task.seen, ElementsAre("TRANSFER_TIMEOUT with"));
   EXPECT_FALSE(exists(kArchive));
 
   task_.onFailure(DISK_IO_FAILED, 0);

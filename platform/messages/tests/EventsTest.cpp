@@ -66,6 +66,8 @@ TEST(Events, UnknownReasonBecomesTimeOut) {
     EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"reason", reason}}).reason(), reason);
   }
   EventUpdateFirmwareFailure event;
+  event.reason("Fw_Flash_Failed");
+  EXPECT_EQ(event["reason"], Variant("FW_FLASH_FAILED"));
   event.reason("VALIDATION_FAILED");
   EXPECT_EQ(event["reason"], Variant("TRANSFER_TIMEOUT"));
 }
