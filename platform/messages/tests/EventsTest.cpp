@@ -32,20 +32,6 @@ TEST(Events, EmptyEventReceivesEveryDefault) {
   EXPECT_EQ(play.Size(), 12U);
 }
 
-TEST(Events, EachEventForcesItsName) {
-  const Map reboot = {{"functionName", "Reboot"}};
-  EXPECT_EQ(normalized<EventTransferRequestStatus>(reboot)["functionName"],
-            Variant("EventTransferRequestStatus"));
-  EXPECT_EQ(normalized<EventUpdateFirmwareFailure>(reboot)["functionName"],
-            Variant("EventUpdateFirmwareFailure"));
-  EXPECT_EQ(normalized<PlayState>(reboot)["functionName"], Variant("PlayState"));
-}
-
-TEST(Events, NonTextOutcomeCountsAsAbsent) {
-  EXPECT_EQ(normalized<EventTransferRequestStatus>({{"status", 1}}).status(), kNotGiven);
-  EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"reason", true}}).reason(), kNotGiven);
-}
-
 TEST(Events, AllowedStatusIsCanonicalisedInAnyCase) {
   for (const std::string status :
        {"OK", "TRANSFER_TIMEOUT", "TRANSFER_BUSY", "TRANSFER_FAILED", "TRANSFER_TOOLARGE",
@@ -97,13 +83,6 @@ TEST(Events, PlayStateTimeOutIsSigned) {
   auto play = normalized<PlayState>({{"timeoutMs", std::int64_t{-5}}});
   EXPECT_EQ(play["timeoutMs"], Variant(-5));
   EXPECT_EQ(play.timeoutMs(), -5);
-}
-
-TEST(Events, RequestIdIsStoredAsUnsigned64) {
-  EXPECT_EQ(normalized<EventTransferRequestStatus>({{"requestId", 9}})["requestId"],
-            Variant(std::uint64_t{9}));
-  EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"requestId", 9.0}})["requestId"],
-            Variant(std::uint64_t{9}));
 }
 
 }  // namespace
