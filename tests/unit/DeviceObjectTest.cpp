@@ -128,11 +128,6 @@ TEST_F(DeviceObjectTest, NameIsReadAgainAfterStoring) {
   EXPECT_THAT(Service(), ElementsAre(Pair("Name", PropertyValue(std::string("Back door")))));
 }
 
-TEST_F(DeviceObjectTest, StoreThatCannotBeReadGivesNoName) {
-  platform().config.initResult = false;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
-}
-
 TEST_F(DeviceObjectTest, StoreIsReadAgainAfterFailure) {
   platform().config.initResult = false;
   EXPECT_EQ(Value("Name"), PropertyValue(std::string()));

@@ -77,7 +77,6 @@ TEST_F(DispatchTest, SynchronousSaveIsAnsweredAfterItEnds) {
   platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
   EXPECT_TRUE(handle(request));
   EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{1}));
-  platform().onRun = nullptr;
 }
 
 TEST_F(DispatchTest, FactoryResetIsOnlyScheduledAndAnsweredZero) {

@@ -64,12 +64,15 @@ class InstallTest : public TransferTest {
 
   void restart() {
     fakes::reset();
-    probeAnswers("empty=0 channels=1 depth=0 width=64 height=48\n");
+    onSave([] { return 0; });
   }
 
-  static void probeAnswers(const std::string& line) {
-    fakes::platform().onRun = [line](const std::string& command) {
-      return fakes::ProcessResult{0, command.starts_with(kProbe) ? line : "", ""};
+  /// The flash tool does this and ends with this status.
+  static void onSave(const std::function<int()>& act) {
+    fakes::platform().onRun = [act](const std::string& command) {
+      return command == kSaveCommand
+                 ? fakes::ProcessResult{act(), "", ""}
+                 : fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""};
     };
   }
 

@@ -147,7 +147,6 @@ TEST_F(PersistenceTest, FailedEraseIsLoggedAtEveryPassWithoutReboot) {
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kErase));
   const LogLine failed{"Persistence", "reset", 3, 0, "Failed to reset"};
   EXPECT_THAT(platform().log, ElementsAre(failed, failed));
-  platform().onRun = nullptr;  // the destructor tries once more
 }
 
 TEST_F(PersistenceTest, FailedRebootAfterEraseIsLoggedOnceWithoutRetry) {
@@ -177,7 +176,6 @@ TEST_F(PersistenceTest, FailingSaveHoldsBackDueReset) {
   EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
-  platform().onRun = nullptr;
 }
 
 TEST_F(PersistenceTest, ResetDropsSaveRequestedMeanwhile) {

@@ -93,7 +93,6 @@ TEST_F(StartFaultsTest, FailingSaveAndTransfersDoNotBlockButton) {
   server.persist(false);
   platform().nowMs += 5001;
   EXPECT_TRUE(server.service(0));
-  platform().onRun = nullptr;
 
   std::vector<std::string> own;
   for (const auto& line : platform().log) {

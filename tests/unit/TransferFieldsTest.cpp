@@ -81,22 +81,6 @@ TEST_F(TransferFieldsTest, SenderMayBeMissingOnlyWithoutEvents) {
       << "a put has no such switch";
 }
 
-TEST_F(TransferFieldsTest, PutOfInstalledFileIsDoneAtOnce) {
-  write("/etc/persistent/user_logo.md5", kContentDigest);
-  for (const Fields& more : {Fields{}, Fields{{"timeoutMs", 0}}, Fields{{"from", ""}}}) {
-    Fields fields = more;
-    fields["hash"] = kContentDigest;
-    EXPECT_TRUE(ask("logo", uri(), fields));
-  }
-  for (int turn = 0; turn < 5; ++turn) {
-    server_->service(0);
-  }
-  EXPECT_EQ(peer_->connections(), 0U);
-  EXPECT_THAT(events(), IsEmpty());
-  EXPECT_THAT(logged(), IsEmpty());
-  EXPECT_THAT(platform().commands, IsEmpty());
-}
-
 TEST_F(TransferFieldsTest, InstalledLogoIsNotInstalledSound) {
   write("/etc/persistent/user_logo.md5", kContentDigest);
   ASSERT_TRUE(ask("sound", uri(), {{"hash", kContentDigest}}));

@@ -35,26 +35,6 @@ TEST_F(TransferOutcomeTest, SnapshotPathIsNotTakenFromRequest) {
   EXPECT_THAT(peer_->requests()[0].body, HasSubstr("\r\n\r\npicture\r\n"));
 }
 
-TEST_F(TransferOutcomeTest, DownloadOverLimitEndsAsTooLarge) {
-  const std::pair<const char*, unsigned> limits[] = {
-      {"logo", 131072}, {"sound", 262144}, {"fw", 52428800}};
-  for (const auto& [kind, limit] : limits) {
-    SCOPED_TRACE(kind);
-    startServer();
-    peerScript([length = limit + 1](engine::Connection& connection) {
-      connection.readRequest();
-      connection.send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(length) +
-                      "\r\n\r\nsome bytes");
-      connection.awaitClose();
-    });
-    ASSERT_TRUE(ask(kind, uri()));
-    ASSERT_TRUE(serviceUntilEvent());
-    EXPECT_THAT(events()[0], testing::EndsWith(" TRANSFER_TOOLARGE"));
-    EXPECT_THAT(platform().commands, IsEmpty());
-    EXPECT_FALSE(exists(std::string("/tmp/user_") + kind));
-  }
-}
-
 TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
   const std::pair<const char*, std::size_t> limits[] = {{"snapshot", 200000},
                                                         {"supportInfo", 10485760},

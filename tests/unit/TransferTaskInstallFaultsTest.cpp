@@ -17,15 +17,11 @@ using Kinds = testing::Types<LogoKind, SoundKind>;
 TYPED_TEST_SUITE(TransferTaskInstallFaultsTest, Kinds);
 
 TYPED_TEST(TransferTaskInstallFaultsTest, FailingSaveDoesNotChangeOutcome) {
-  platform().onRun = [](const std::string& command) {
-    return fakes::ProcessResult{command == kSaveCommand ? 1 : 0,
-                                "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
-  };
+  this->onSave([] { return 1; });
   this->install();
   this->expectStatus("OK");
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
   EXPECT_THAT(this->logged(), ElementsAre("3 Persistence.persist: Failed to persist"));
-  platform().onRun = nullptr;
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, UnopenableChecksumIsDiskFailureAndMovesNothing) {
@@ -76,19 +72,16 @@ TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsDisk
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, FileRemovedBySaveIsDiskFailure) {
-  platform().onRun = [&](const std::string& command) {
-    if (command == kSaveCommand) {
-      unlink(this->installed_.c_str());
-      std::filesystem::create_symlink("/nowhere", this->installed_);
-    }
-    return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
-  };
+  this->onSave([&] {
+    unlink(this->installed_.c_str());
+    std::filesystem::create_symlink("/nowhere", this->installed_);
+    return 0;
+  });
   this->install();
   EXPECT_EQ(platform().log.back().error, ENOENT);
   EXPECT_EQ(platform().log.back().text, std::string(TypeParam::kPersistFailure) + kInstallUri);
   this->expectStatus("DISK_IO_FAILED");
   EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest) << "left where it is";
-  platform().onRun = nullptr;
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, InstalledChecksumNeedsNoTransfer) {
