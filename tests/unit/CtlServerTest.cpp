@@ -1,6 +1,6 @@
 #include "CtlServer.h"
 
-#include "Commands.h"
+#include "UnitTest.h"
 #include "kova/utils/File.h"
 
 namespace kova::ctlserver {

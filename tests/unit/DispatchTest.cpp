@@ -1,6 +1,6 @@
-#include "Commands.h"
 #include "CtlCommandsHandler.h"
 #include "CtlServer.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 namespace {

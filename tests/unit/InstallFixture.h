@@ -70,7 +70,7 @@ class InstallTest : public TransferTest {
   /// The flash tool does this and ends with this status.
   static void onSave(const std::function<int()>& act) {
     fakes::platform().onRun = [act](const std::string& command) {
-      return command == kSaveCommand
+      return command == kSave
                  ? fakes::ProcessResult{act(), "", ""}
                  : fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""};
     };
@@ -111,7 +111,7 @@ class InstallTest : public TransferTest {
   void expectNothingInstalled() {
     EXPECT_FALSE(exists(installed_));
     EXPECT_FALSE(exists(installedChecksum_));
-    EXPECT_THAT(fakes::platform().commands, testing::Not(testing::Contains(kSaveCommand)));
+    EXPECT_THAT(fakes::platform().commands, testing::Not(testing::Contains(kSave)));
   }
   static std::string line(const std::string& text) {
     return std::string("4 ") + Kind::kUnit + ".onSuccess: " + text;

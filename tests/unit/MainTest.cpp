@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "Commands.h"
 #include "CtlCommandsHandler.h"
+#include "UnitTest.h"
 #include "WirelessKeys.h"
 
 int kova_ctlserver_main();
@@ -289,12 +289,6 @@ TEST_F(RebootTest, SigtermDuringDelayIsNotLost) {
 TEST_F(RebootTest, SigtermDuringToolIsNotLost) {
   sigtermDuringRunOf(kReboot);
   expectRun(0, [] { expectEnd({}); });
-}
-
-TEST_F(MainTest, UnknownNameReachesRejector) {
-  ask({{"functionName", "NoSuchFunction"}});
-  inPass(1);
-  expectRun(0, [] { EXPECT_THAT(platform().bus.unhandled, ElementsAre("NoSuchFunction")); });
 }
 
 TEST(WirelessKeys, AreThoseOfAccessPoint) {

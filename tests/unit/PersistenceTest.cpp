@@ -1,6 +1,6 @@
 #include "Persistence.h"
 
-#include "Commands.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 namespace {

@@ -45,12 +45,6 @@ class ResetButtonsReactorTest : public testing::Test {
   std::vector<std::string> initJournal_;
 };
 
-TEST_F(ResetButtonsReactorTest, PressIsOnlyLogged) {
-  reactor_.buttonDown();
-  EXPECT_THAT(platform().log, ElementsAre(line("buttonDown", "Reset button (case) down")));
-  EXPECT_THAT(platform().journal, IsEmpty());
-}
-
 TEST_F(ResetButtonsReactorTest, EventBeforeInitIsInternalError) {
   ResetButtonsReactor fresh;
   fresh.buttonDown();
@@ -133,14 +127,6 @@ TEST_F(ResetButtonsReactorTest, UnsendableSignalStillArms) {
 TEST_F(ResetButtonsReactorTest, HoldingAloneSchedulesNothing) {
   reactor_.buttonDepressed(5001);
   EXPECT_FALSE(resetScheduled());
-}
-
-TEST_F(ResetButtonsReactorTest, ReleaseAfterSignalSchedulesReset) {
-  reactor_.buttonDown();
-  reactor_.buttonDepressed(5001);
-  reactor_.buttonUp(6500);
-  EXPECT_TRUE(platform().logged(LOG_INFO, "Reset button (case) up after 6500 ms"));
-  EXPECT_TRUE(resetScheduled());
 }
 
 TEST_F(ResetButtonsReactorTest, ReleaseAtThresholdSchedulesNothingEvenIfArmed) {

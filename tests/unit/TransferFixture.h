@@ -12,8 +12,6 @@
 
 namespace kova::ctlserver {
 
-constexpr char kSaveCommand[] = "/bin/cfgmtd -w -p /etc/ -m";
-
 /// Starts each test with an empty /tmp and /etc/persistent and a fresh platform.
 class TransferTest : public testing::Test {
  protected:

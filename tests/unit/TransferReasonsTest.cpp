@@ -136,7 +136,7 @@ TEST_F(TransferReasonsTest, InstalledLogoSaysWhere) {
 TEST_F(TransferReasonsTest, InstalledLogoThatIsNotSavedSaysSo) {
   peerAnswers("content");
   platform().onRun = [](const std::string& command) {
-    if (command == kSaveCommand) {
+    if (command == kSave) {
       return fakes::ProcessResult{1, "", ""};
     }
     return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};

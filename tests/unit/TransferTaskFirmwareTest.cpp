@@ -90,6 +90,7 @@ TEST_F(TransferTaskFirmwareTest, FailureIsReportedBeforeImageIsRemoved) {
 }
 
 TEST_F(TransferTaskFirmwareTest, ValidImageIsFlashedWithoutEventAndKept) {
+  checkerAnswers({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", ""});  // which is ignored
   succeed();
   EXPECT_THAT(platform().commands, ElementsAre(kCheck, kFlash));
   EXPECT_THAT(platform().captures, ElementsAre(fakes::CaptureTerms{"", 0, 0, 128}))
@@ -99,18 +100,6 @@ TEST_F(TransferTaskFirmwareTest, ValidImageIsFlashedWithoutEventAndKept) {
                           std::string(kUri)));
   EXPECT_THAT(events(), IsEmpty());
   EXPECT_TRUE(exists(kImage));
-}
-
-TEST_F(TransferTaskFirmwareTest, OutputOfAcceptingCheckerIsIgnored) {
-  checkerAnswers({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", ""});
-  succeed();
-  EXPECT_THAT(platform().commands, ElementsAre(kCheck, kFlash));
-  EXPECT_THAT(events(), IsEmpty());
-}
-
-TEST_F(TransferTaskFirmwareTest, ImageForOtherHardwareIsReportedAsSuch) {
-  expectRejected({1, R"({"status":"error","reason":"FW_CHECK_INCOMPAT_HW"})", ""},
-                 "FW_CHECK_INCOMPAT_HW", {rejection("")});
 }
 
 TEST_F(TransferTaskFirmwareTest, OtherReasonIsFailedCheck) {

@@ -90,7 +90,7 @@ TYPED_TEST(TransferTaskInstallTest, ValidFileReplacesInstalledOneAndIsReported) 
   EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest) << "no line end";
   this->expectTempsGone();
   this->expectStatus("OK");
-  EXPECT_EQ(platform().commands.back(), kSaveCommand);
+  EXPECT_EQ(platform().commands.back(), kSave);
   EXPECT_THAT(this->logged(), ElementsAre("6 Persistence.persist: Persisted"));
 }
 

@@ -36,7 +36,7 @@ TEST_F(TransferTaskSoundTest, OneChannelAt11025HertzIsAccepted) {
   for (const unsigned dataSize : {1000U, 0U}) {
     put(wav(1, 11025, dataSize));
     expectStatus("OK");
-    EXPECT_THAT(platform().commands, ElementsAre(kSaveCommand)) << "no program judges a sound";
+    EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "no program judges a sound";
   }
 }
 

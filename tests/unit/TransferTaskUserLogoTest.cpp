@@ -32,7 +32,7 @@ class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
 TEST_F(TransferTaskUserLogoTest, PictureIsDecodedOutsideDaemon) {
   put({0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""});
   EXPECT_THAT(platform().commands,
-              ElementsAre("/usr/libexec/kova_imageprobe /tmp/user_logo", kSaveCommand));
+              ElementsAre("/usr/libexec/kova_imageprobe /tmp/user_logo", kSave));
   expectStatus("OK");
 }
 

@@ -18,6 +18,14 @@ using testing::Not;
 using testing::StartsWith;
 using variant::Variant;
 
+/// The commands by which the daemon saves, erases and reboots.
+inline constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
+inline constexpr char kErase[] = "/bin/cfgmtd -c";
+inline constexpr char kReboot[] = "/usr/bin/reboot";
+
+/// Thrown by a sleep that would not end.
+struct LeaveWait {};
+
 /// The description of a camera that has neither Wi-Fi nor a battery.
 inline const Variant::Map kPlainCamera{
     {"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}};
