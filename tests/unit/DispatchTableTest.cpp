@@ -1,9 +1,6 @@
-
 #include <set>
 
-#include "CtlCommandsHandler.h"
-#include "CtlServer.h"
-#include "UnitTest.h"
+#include "DispatchFixture.h"
 #include "kova/messages/Catalog.h"
 
 namespace kova::ctlserver {
@@ -13,38 +10,17 @@ using testing::SizeIs;
 using Map = Variant::Map;
 
 /// Which operation a row of the table reaches shows in what that operation does to the platform.
-class DispatchTableTest : public testing::Test {
+class DispatchTableTest : public DispatchFixture {
  protected:
-  void SetUp() override {
-    fakes::reset();
-    platform().config.values = {{"resolv.host.1.name", "Front door"},
-                                {"system.timezone", "UTC"},
-                                {"system.region", "US"},
-                                {"users.1.name", "admin"},
-                                {"users.1.password", "old$secret"}};
-    platform().accounts.hashes = {{"admin", "old$secret"}};
-    static_cast<Variant&>(info_) = Variant(kPlainCamera);
-  }
-
   /// The response, or an empty value when there was none.
   Variant ask(const std::string& functionName, Map fields = {}) {
     fields["functionName"] = functionName;
-    ipc::messages::BaseRequestMessage request{Variant(std::move(fields))};
-    bool rejected = false;
-    platform().bus.handling = request.id();
-    EXPECT_TRUE(handler_.HandleRequest(request, rejected));
-    auto& responses = platform().bus.responses;
-    Variant response = responses.empty() ? Variant() : responses.back().second;
-    responses.clear();
-    return response;
+    EXPECT_TRUE(handle(std::move(fields)));
+    const auto responses = std::exchange(platform().bus.responses, {});
+    return responses.empty() ? Variant() : responses.back().second;
   }
 
   static Variant status(std::uint64_t code) { return Variant(code); }
-
-  variant::CameraInfo info_;
-  ipc::Ipc ipc_;
-  CtlServer server_{info_};
-  CtlCommandsHandler handler_{&ipc_, &server_};
 };
 
 TEST_F(DispatchTableTest, ListsFunctionsInOrder) {

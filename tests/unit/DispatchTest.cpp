@@ -1,6 +1,4 @@
-#include "CtlCommandsHandler.h"
-#include "CtlServer.h"
-#include "UnitTest.h"
+#include "DispatchFixture.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -9,28 +7,9 @@ using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
 using Map = Variant::Map;
 
-class DispatchTest : public testing::Test {
+class DispatchTest : public DispatchFixture {
  protected:
-  void SetUp() override {
-    fakes::reset();
-    static_cast<Variant&>(info_) = Variant(kPlainCamera);
-  }
-
-  bool handle(Map content) {
-    BaseRequestMessage request{Variant(std::move(content))};
-    bool rejected = false;
-    platform().bus.handling = request.id();
-    const bool result = handler_.HandleRequest(request, rejected);
-    EXPECT_FALSE(rejected) << "the flag is left alone";
-    return result;
-  }
-
   static const Variant& lastResponse() { return platform().bus.responses.back().second; }
-
-  variant::CameraInfo info_;
-  ipc::Ipc ipc_;
-  CtlServer server_{info_};
-  CtlCommandsHandler handler_{&ipc_, &server_};
 };
 
 TEST_F(DispatchTest, EmptyStatisticsRequestExpectsResponse) {

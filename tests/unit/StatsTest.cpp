@@ -1,4 +1,3 @@
-
 #include <cstring>
 #include <set>
 
@@ -87,10 +86,6 @@ TEST_F(StatsTest, FullRequestReportsEverySectionInItsTypes) {
                 {"uptime", Map{{"sec", std::uint64_t{86400}}}},
                 {"battery", Map{{"percentage", 77U}, {"isCharging", true}}},
             }));
-}
-
-TEST_F(StatsTest, SourcesAreReadInOrder) {
-  ASSERT_TRUE(read());
   EXPECT_THAT(platform().journal,
               ElementsAre("GetMemoryStats", "GetCpuStats", "GetCpuInfo", "GetLoadAverage",
                           "GetNetworkStats", "GetWiFiStats", "GetUptimeStats", "GetBatteryInfo"));
