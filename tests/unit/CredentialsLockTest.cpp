@@ -88,7 +88,7 @@ TEST_F(LockTest, AccountFileAndReplyAreLeftAlone) {
   EXPECT_TRUE(disable());
   EXPECT_TRUE(enable());
   EXPECT_EQ(accounts(), kOldAccounts);
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"kept", 1}}));
+  EXPECT_EQ(reply_, Variant(Map{{"kept", 1}}));
 }
 
 struct LockFailure {

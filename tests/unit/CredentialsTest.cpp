@@ -8,7 +8,7 @@ namespace {
 
 TEST_F(CredentialsTest, RequestWithoutFieldsOnlyReadsName) {
   EXPECT_TRUE(change({}));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"username", "admin"}}));
+  EXPECT_EQ(reply_, Variant(Map{{"username", "admin"}}));
   EXPECT_THAT(platform().log, IsEmpty());
   expectNothingWritten();
 }
@@ -17,7 +17,7 @@ TEST_F(CredentialsTest, RequestWithoutFieldsOnlyReadsName) {
 
 struct Refusal {
   std::string text;
-  Variant::Map fields;
+  Map fields;
   std::function<void(fakes::Platform&)> arrange = [](fakes::Platform&) {};
 };
 
@@ -61,8 +61,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // What a change has to give.
 
-class IncompleteClaimTest : public CredentialsTest,
-                            public testing::WithParamInterface<Variant::Map> {};
+class IncompleteClaimTest : public CredentialsTest, public testing::WithParamInterface<Map> {};
 
 TEST_P(IncompleteClaimTest, NeedsNameAndOldPassword) {
   expectFailure(GetParam(), "Username and old password must be present");
@@ -70,12 +69,11 @@ TEST_P(IncompleteClaimTest, NeedsNameAndOldPassword) {
   expectNothingWritten();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Claims, IncompleteClaimTest,
-    testing::Values(Variant::Map{{"username", "admin"}}, Variant::Map{{"passwordOld", "secret"}},
-                    Variant::Map{{"passwordNew", "fresh"}},
-                    Variant::Map{{"username", "a"}, {"passwordNew", "fresh"}},
-                    Variant::Map{{"passwordOld", "secret"}, {"passwordNew", "fresh"}}));
+INSTANTIATE_TEST_SUITE_P(Claims, IncompleteClaimTest,
+                         testing::Values(Map{{"username", "admin"}}, Map{{"passwordOld", "secret"}},
+                                         Map{{"passwordNew", "fresh"}},
+                                         Map{{"username", "a"}, {"passwordNew", "fresh"}},
+                                         Map{{"passwordOld", "secret"}, {"passwordNew", "fresh"}}));
 
 TEST_F(CredentialsTest, OldPasswordOf64BytesIsChecked) {
   const std::string password(64, 'p');

@@ -9,8 +9,8 @@
 namespace kova::ctlserver {
 namespace {
 
-const Variant::Map kNewPassword = claim("admin", "secret", "fresh");
-const Variant::Map kNewNameAndPassword = claim("boss", "secret", "fresh");
+const Map kNewPassword = claim("admin", "secret", "fresh");
+const Map kNewNameAndPassword = claim("boss", "secret", "fresh");
 
 TEST_F(CredentialsTest, SameNameWithoutNewPasswordWritesNothing) {
   EXPECT_TRUE(change({{"username", "admin"}, {"passwordOld", "secret"}}));

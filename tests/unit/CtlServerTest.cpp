@@ -79,9 +79,9 @@ TEST_F(CtlServerTest, ServicesAreStartedAndStoppedOnlyByPlatform) {
   };
   for (const Variant& name :
        {Variant("ntpd"), Variant("ntpd"), Variant("x; reboot"), Variant(12)}) {
-    ipc::messages::StartService start{Variant(Variant::Map{{"service", name}})};
+    ipc::messages::StartService start{Variant(Map{{"service", name}})};
     EXPECT_TRUE(server.startService(start));
-    ipc::messages::StopService stop{Variant(Variant::Map{{"service", name}})};
+    ipc::messages::StopService stop{Variant(Map{{"service", name}})};
     EXPECT_FALSE(server.stopService(stop));
   }
   EXPECT_THAT(platform().journal,

@@ -21,7 +21,7 @@ class DispatchFixture : public testing::Test {
     static_cast<Variant&>(info_) = Variant(kPlainCamera);
   }
 
-  bool handle(Variant::Map content) {
+  bool handle(Map content) {
     ipc::messages::BaseRequestMessage request{Variant(std::move(content))};
     bool rejected = false;
     platform().bus.handling = request.id();

@@ -6,9 +6,6 @@
 namespace kova::ctlserver {
 namespace {
 
-using testing::SizeIs;
-using Map = Variant::Map;
-
 /// Which operation a row of the table reaches shows in what that operation does to the platform.
 class DispatchTableTest : public DispatchFixture {
  protected:
@@ -95,8 +92,7 @@ TEST_F(DispatchTableTest, TransfersReachTheirOperationUnanswered) {
   EXPECT_TRUE(ask("UpdateFirmwareRequest", update).isEmpty());
   EXPECT_TRUE(ask("UpdateFirmwareRequest", update).isEmpty());
   EXPECT_THAT(platform().log, SizeIs(1)) << "the second finds the first";
-  EXPECT_THAT(platform().log,
-              Contains(testing::Field(&fakes::LogLine::function, "updateFirmware")));
+  EXPECT_THAT(platform().log, Contains(testing::Field(&LogLine::function, "updateFirmware")));
 }
 
 TEST_F(DispatchTableTest, RequestItselfIsNotRepaired) {

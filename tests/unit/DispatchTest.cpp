@@ -5,7 +5,6 @@ namespace {
 
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
-using Map = Variant::Map;
 
 class DispatchTest : public DispatchFixture {
  protected:

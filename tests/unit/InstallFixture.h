@@ -69,7 +69,7 @@ class InstallTest : public TransferTest {
 
   /// The flash tool does this and ends with this status.
   static void onSave(const std::function<int()>& act) {
-    fakes::platform().onRun = [act](const std::string& command) {
+    platform().onRun = [act](const std::string& command) {
       return command == kSave
                  ? fakes::ProcessResult{act(), "", ""}
                  : fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""};
@@ -94,12 +94,10 @@ class InstallTest : public TransferTest {
   }
 
   void expectStatus(const std::string& status) {
-    EXPECT_THAT(events(),
-                testing::ElementsAre("EventTransferRequestStatus to=client.a id=12 " + status));
+    EXPECT_THAT(events(), ElementsAre("EventTransferRequestStatus to=client.a id=12 " + status));
   }
   void expectDiskFailure(int error) {
-    EXPECT_THAT(logged(),
-                testing::ElementsAre(line(std::string(Kind::kPersistFailure) + kInstallUri)));
+    EXPECT_THAT(logged(), ElementsAre(line(std::string(Kind::kPersistFailure) + kInstallUri)));
     EXPECT_EQ(platform().log.back().error, error);
     expectStatus("DISK_IO_FAILED");
     expectTempsGone();
@@ -111,7 +109,7 @@ class InstallTest : public TransferTest {
   void expectNothingInstalled() {
     EXPECT_FALSE(exists(installed_));
     EXPECT_FALSE(exists(installedChecksum_));
-    EXPECT_THAT(fakes::platform().commands, testing::Not(testing::Contains(kSave)));
+    EXPECT_THAT(platform().commands, Not(Contains(kSave)));
   }
   static std::string line(const std::string& text) {
     return std::string("4 ") + Kind::kUnit + ".onSuccess: " + text;

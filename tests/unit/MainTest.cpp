@@ -27,8 +27,6 @@ CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd extra[], unsigned int
 namespace kova::ctlserver {
 namespace {
 
-using Map = Variant::Map;
-
 constexpr char kLogOpened[] = "openSystemLog ctl 1 128";  // LOG_PID, LOG_LOCAL0
 
 /// Runs the daemon's entry in a child process, since its signal flag lasts as long as the process.

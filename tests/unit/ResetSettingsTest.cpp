@@ -25,10 +25,10 @@ class ResetSettingsTest : public testing::Test {
 
 TEST_F(ResetSettingsTest, RestoresDefaultNameAndGmt) {
   EXPECT_TRUE(server_.resetSettings(reply_));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"},
-                                         {"timezone", "GMT"},
-                                         {"region", "Asia"},
-                                         {"timelapseminutes", 1}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Kova Camera"},
+                                {"timezone", "GMT"},
+                                {"region", "Asia"},
+                                {"timelapseminutes", 1}}));
   EXPECT_EQ(platform().config.values,
             (std::map<std::string, std::string>{{"resolv.host.1.name", "Kova Camera"},
                                                 {"system.timezone", "GMT"},
@@ -42,13 +42,13 @@ TEST_F(ResetSettingsTest, NeitherSavesToFlashNorReboots) {
   EXPECT_TRUE(server_.resetSettings(reply_));
   platform().nowMs += 60'000;
   server_.service(0);
-  EXPECT_THAT(platform().commands, testing::ElementsAre("/bin/kova_cmd_apply_camera_name.sh"));
+  EXPECT_THAT(platform().commands, ElementsAre("/bin/kova_cmd_apply_camera_name.sh"));
 }
 
 TEST_F(ResetSettingsTest, FailedUpdateIsReturnedWithItsReply) {
   platform().config.failingSet = "system.timezone";
   EXPECT_FALSE(server_.resetSettings(reply_));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Kova Camera"}}));
 }
 
 TEST_F(ResetSettingsTest, DescriptionWithoutNameEndsProcess) {

@@ -15,29 +15,27 @@ class SettingsTest : public testing::Test {
  protected:
   void SetUp() override {
     fakes::reset();
-    fakes::platform().config.values = {{"resolv.host.1.name", "Front door"},
-                                       {"system.timezone", "GMT"},
-                                       {"system.region", "US"},
-                                       {"system.timelapseminutes", "1"}};
+    platform().config.values = {{"resolv.host.1.name", "Front door"},
+                                {"system.timezone", "GMT"},
+                                {"system.region", "US"},
+                                {"system.timelapseminutes", "1"}};
     info_["sysid"] = kPlainModel;
   }
 
-  bool update(const Variant::Map& fields) {
+  bool update(const Map& fields) {
     ipc::messages::ChangeDeviceSettings request{Variant(fields)};
     request.NormalizeFields();
     return server_.updateSettings(request, reply_);
   }
 
-  static fakes::LogLine error(const std::string& text) {
+  static LogLine error(const std::string& text) {
     return {"CtlServer", "updateSettings", LOG_ERR, 0, text};
   }
 
-  static std::string stored(const std::string& key) {
-    return fakes::platform().config.values.at(key);
-  }
+  static std::string stored(const std::string& key) { return platform().config.values.at(key); }
 
   /// The store is left unclosed, and one line says why.
-  void expectFailure(const Variant::Map& fields, const std::string& text) {
+  void expectFailure(const Map& fields, const std::string& text) {
     EXPECT_FALSE(update(fields));
     EXPECT_THAT(platform().log, ElementsAre(error(text)));
     EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
@@ -45,7 +43,7 @@ class SettingsTest : public testing::Test {
 
   variant::CameraInfo info_;
   CtlServer server_{info_};
-  variant::Variant reply_;
+  Variant reply_;
 };
 
 }  // namespace kova::ctlserver

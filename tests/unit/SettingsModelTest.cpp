@@ -77,7 +77,7 @@ TEST_F(SettingsTest, DescriptionWithoutModelEndsProcess) {
 
 // Writing the store back.
 
-class ChangeFlagTest : public SettingsTest, public testing::WithParamInterface<Variant::Map> {};
+class ChangeFlagTest : public SettingsTest, public testing::WithParamInterface<Map> {};
 
 TEST_P(ChangeFlagTest, EachChangeIsWrittenBack) {
   info_["sysid"] = kTimelapseModel;
@@ -87,14 +87,12 @@ TEST_P(ChangeFlagTest, EachChangeIsWrittenBack) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Changes, ChangeFlagTest,
-                         testing::Values(Variant::Map{{"name", "Yard"}},
-                                         Variant::Map{{"timezone", "UTC"}},
-                                         Variant::Map{{"region", "Asia"}},
-                                         Variant::Map{{"timelapseminutes", 1}},
-                                         Variant::Map{{"name", "Yard"},
-                                                      {"timezone", "GMT"},
-                                                      {"region", "US"},
-                                                      {"timelapseminutes", 0}}));
+                         testing::Values(Map{{"name", "Yard"}}, Map{{"timezone", "UTC"}},
+                                         Map{{"region", "Asia"}}, Map{{"timelapseminutes", 1}},
+                                         Map{{"name", "Yard"},
+                                             {"timezone", "GMT"},
+                                             {"region", "US"},
+                                             {"timelapseminutes", 0}}));
 
 TEST_F(SettingsTest, UnclosableStoreFailsBeforeBootSound) {
   platform().config.closeResult = false;

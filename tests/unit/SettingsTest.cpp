@@ -5,8 +5,7 @@ namespace {
 
 TEST_F(SettingsTest, RequestWithoutFieldsReadsNameTimeZoneAndRegion) {
   EXPECT_TRUE(update({}));
-  EXPECT_EQ(reply_,
-            Variant(Variant::Map{{"name", "Front door"}, {"timezone", "GMT"}, {"region", "US"}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Front door"}, {"timezone", "GMT"}, {"region", "US"}}));
   EXPECT_THAT(platform().journal,
               ElementsAre("SystemCfgManager::init", "get resolv.host.1.name", "get system.timezone",
                           "get system.region", "close false false"));
@@ -20,11 +19,11 @@ TEST_F(SettingsTest, GivenSettingsAreAppliedInOrderAndReported) {
                       {"region", "Europe/Paris"},
                       {"timelapseminutes", 0},
                       {"soundOnBoot", true}}));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Yard"},
-                                         {"timezone", "UTC"},
-                                         {"region", "Europe/Paris"},
-                                         {"timelapseminutes", 0},
-                                         {"soundOnBoot", true}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Yard"},
+                                {"timezone", "UTC"},
+                                {"region", "Europe/Paris"},
+                                {"timelapseminutes", 0},
+                                {"soundOnBoot", true}}));
   EXPECT_THAT(
       platform().journal,
       ElementsAre("SystemCfgManager::init", "set resolv.host.1.name=Yard",
@@ -55,7 +54,7 @@ TEST_F(SettingsTest, PersistFieldSchedulesNoSave) {
 TEST_F(SettingsTest, ReplyKeepsContentFilledBeforeFailure) {
   platform().config.failingGet = "system.region";
   EXPECT_FALSE(update({{"name", "Yard"}}));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Yard"}, {"timezone", "GMT"}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Yard"}, {"timezone", "GMT"}}));
 }
 
 // The camera's name.
@@ -126,7 +125,7 @@ TEST_F(SettingsTest, TimeZoneRefusedBySystemIsNotStored) {
   platform().setTimeZoneResult = false;
   expectFailure({{"timezone", "../../etc/shadow"}}, "Failed to write timezone");
   EXPECT_THAT(platform().journal, Not(Contains(StartsWith("set system"))));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Front door"}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Front door"}}));
 }
 
 TEST_F(SettingsTest, UnstorableTimeZoneFailsAfterSystemChange) {

@@ -12,7 +12,6 @@ namespace kova::ctlserver {
 namespace {
 
 using testing::Gt;
-using Map = Variant::Map;
 
 /// Where several places report through one helper, a line tells of the place, not of the helper.
 class SourceLinesTest : public DispatchFixture {

@@ -8,7 +8,6 @@ namespace kova::ctlserver {
 namespace {
 
 using ipc::messages::GetSystemStats;
-using Map = Variant::Map;
 
 class StatsTest : public testing::Test {
  protected:

@@ -26,7 +26,7 @@ TEST_F(TransferCancelTest, CancelledTransferFreesNameUriAndFile) {
     EXPECT_EQ(records().cancel(1), Cancel::Done);
     EXPECT_EQ(told(1), "CANCELLED: The transfer was cancelled on request.");
     EXPECT_FALSE(exists(file));
-    EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" to=client.a id=7 TRANSFER_FAILED")));
+    EXPECT_THAT(events(), ElementsAre(EndsWith(" to=client.a id=7 TRANSFER_FAILED")));
     EXPECT_THAT(
         logged(),
         ElementsAre("6 TransferService.cancelTransfer: Transfer cancelled on request, name=" +
@@ -114,7 +114,7 @@ TEST_F(TransferCancelTest, UploadCutByCancelOfItsSuccessorIsNoSuccess) {
   EXPECT_EQ(told(1), std::string("TRANSFER_FAILED: ") + kTakenOver +
                          "the transfer was stopped before its end.");
   EXPECT_EQ(record(2).outcome, "CANCELLED");
-  EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" TRANSFER_FAILED")));
+  EXPECT_THAT(events(), ElementsAre(EndsWith(" TRANSFER_FAILED")));
 }
 
 TEST_F(TransferCancelTest, UploadCutByFailureOfItsSuccessorIsNoSuccess) {
@@ -128,7 +128,7 @@ TEST_F(TransferCancelTest, UploadCutByFailureOfItsSuccessorIsNoSuccess) {
   EXPECT_EQ(told(1), std::string("TRANSFER_FAILED: ") + kTakenOver +
                          "the transfer was stopped before its end.");
   EXPECT_THAT(told(2), HasSubstr("is in use by another transfer"));
-  EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" TRANSFER_FAILED")));
+  EXPECT_THAT(events(), ElementsAre(EndsWith(" TRANSFER_FAILED")));
 }
 
 TEST_F(TransferCancelTest, CancelOfFirstRequestEndsItsSuccessor) {
@@ -140,8 +140,7 @@ TEST_F(TransferCancelTest, CancelOfFirstRequestEndsItsSuccessor) {
   EXPECT_EQ(records().cancel(1), Cancel::Done);
   ASSERT_TRUE(serviceUntilEnd(2));
   EXPECT_EQ(record(1).outcome, "CANCELLED");
-  EXPECT_THAT(told(2),
-              testing::EndsWith("from starting; send the request again: nothing was transferred."));
+  EXPECT_THAT(told(2), EndsWith("from starting; send the request again: nothing was transferred."));
 }
 
 TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsToldInFirst) {

@@ -62,7 +62,7 @@ TEST_F(TransferFieldsTest, EventsOfOneGetCanBeDisabled) {
   const std::string dead = deadUri();
   ASSERT_TRUE(ask("snapshot", dead, {{"disableEvents", true}}));
   const auto failures = [] {
-    return std::ranges::count_if(platform().log, [](const fakes::LogLine& line) {
+    return std::ranges::count_if(platform().log, [](const LogLine& line) {
       return line.text.starts_with("Transfer task failed, name=snapshot");
     });
   };

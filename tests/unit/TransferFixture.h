@@ -53,7 +53,7 @@ class TransferTest : public testing::Test {
   /// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
   static std::vector<std::string> logged() {
     std::vector<std::string> lines;
-    for (const auto& line : fakes::platform().log) {
+    for (const auto& line : platform().log) {
       lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
                       line.text);
     }
@@ -63,8 +63,8 @@ class TransferTest : public testing::Test {
   /// "FUNCTION to=ENDPOINT id=REQUEST OUTCOME" of each event sent so far.
   static std::vector<std::string> events() {
     std::vector<std::string> texts;
-    for (const auto& event : fakes::platform().bus.sent) {
-      const variant::Variant* outcome = event.find("status");
+    for (const auto& event : platform().bus.sent) {
+      const Variant* outcome = event.find("status");
       texts.push_back(event.find("functionName")->toText() + " to=" + event.find("to")->toText() +
                       " id=" + std::to_string(event.find("requestId")->toNumber<std::uint64_t>()) +
                       " " + (outcome != nullptr ? outcome : event.find("reason"))->toText());

@@ -11,7 +11,6 @@ using fakes::Signal;
 using ipc::PropertyValue;
 using testing::Key;
 using testing::Pair;
-using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
 class Canceller : public TransferCanceller {

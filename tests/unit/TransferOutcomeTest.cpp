@@ -68,7 +68,7 @@ TEST_F(TransferOutcomeTest, AbsentPeerFailsEveryKind) {
     ASSERT_TRUE(ask(kind, dead));
     write("/tmp/supportinfo.tar", "");
     ASSERT_TRUE(serviceUntilEvent());
-    EXPECT_THAT(events()[0], testing::EndsWith(" to=client.a id=7 TRANSFER_FAILED"));
+    EXPECT_THAT(events()[0], EndsWith(" to=client.a id=7 TRANSFER_FAILED"));
     EXPECT_TRUE(platform().logged(4, "Transfer task failed, name=" + taskName(kind) + ", uri=" +
                                          dead + ", reason=TRANSFER_FAILED(1), httpCode=0"));
   }

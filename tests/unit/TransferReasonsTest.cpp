@@ -100,7 +100,7 @@ TEST_F(TransferReasonsTest, DuplicateNamesItsHolder) {
 TEST_F(TransferReasonsTest, GeneratorThatCannotStartIsNamed) {
   programsAnswer("/bin/support", {utils::kNotStarted, "", ""});
   EXPECT_FALSE(ask("supportInfo", uri()));
-  EXPECT_THAT(told(1), testing::StartsWith("REFUSED: /bin/support could not be started: "));
+  EXPECT_THAT(told(1), StartsWith("REFUSED: /bin/support could not be started: "));
 }
 
 TEST_F(TransferReasonsTest, PutOfInstalledFileIsDoneAtOnce) {
@@ -142,7 +142,7 @@ TEST_F(TransferReasonsTest, InstalledLogoThatIsNotSavedSaysSo) {
     return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
   };
   EXPECT_THAT(outcome("logo", uri(), {{"hash", kContentDigest}}),
-              testing::EndsWith("/etc/persistent/user_logo, but could not be saved to flash."));
+              EndsWith("/etc/persistent/user_logo, but could not be saved to flash."));
   EXPECT_EQ(record(1).outcome, "OK");
 }
 
@@ -160,7 +160,7 @@ TEST_F(TransferReasonsTest, WrongDigestShowsBoth) {
             std::string("VALIDATION_FAILED: The MD5 digest of the file is ") + kContentDigest +
                 ", but the request expects " + kAnyDigest + ".");
   EXPECT_THAT(outcome("logo", uri(), {{"hash", std::string(200, 'd')}}),
-              testing::EndsWith(" expects " + std::string(61, 'd') + "..."));
+              EndsWith(" expects " + std::string(61, 'd') + "..."));
 }
 
 TEST_F(TransferReasonsTest, ErrorPageShowsStatusOfServer) {
@@ -287,7 +287,7 @@ TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {
                                         " bytes, but at most " + std::to_string(limit) +
                                         " are allowed.");
     EXPECT_EQ(last().httpStatus, 200);
-    EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" TRANSFER_TOOLARGE")));
+    EXPECT_THAT(events(), ElementsAre(EndsWith(" TRANSFER_TOOLARGE")));
     EXPECT_THAT(platform().commands, IsEmpty());
     EXPECT_FALSE(exists(last().file));
   }

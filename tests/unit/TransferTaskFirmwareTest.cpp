@@ -154,8 +154,8 @@ TEST_F(TransferTaskFirmwareTest, FailedFlasherIsReportedWithReasonAndImageKept) 
     };
     succeed();
     EXPECT_THAT(platform().log,
-                ElementsAre(fakes::LogLine{"TransferTaskFirmware", "onSuccess", 4, EIO,
-                                           "Firmware flash failed, uri=" + std::string(kUri)}));
+                ElementsAre(LogLine{"TransferTaskFirmware", "onSuccess", 4, EIO,
+                                    "Firmware flash failed, uri=" + std::string(kUri)}));
     EXPECT_THAT(events(), ElementsAre(failure("FW_FLASH_FAILED")));
     EXPECT_TRUE(exists(kImage));
   }
@@ -163,10 +163,10 @@ TEST_F(TransferTaskFirmwareTest, FailedFlasherIsReportedWithReasonAndImageKept) 
 
 TEST_F(TransferTaskFirmwareTest, EventIsNormalisedAndExpectsNoResponse) {
   task_.notifyStatus("FW_CHECK_FAILED");
-  const variant::Variant& event = platform().bus.given;
+  const Variant& event = platform().bus.given;
   ASSERT_NE(event.find("functionName"), nullptr);
-  EXPECT_EQ(*event.find("functionName"), variant::Variant("EventUpdateFirmwareFailure"));
-  EXPECT_EQ(*event.find("responseExpected"), variant::Variant(false));
+  EXPECT_EQ(*event.find("functionName"), Variant("EventUpdateFirmwareFailure"));
+  EXPECT_EQ(*event.find("responseExpected"), Variant(false));
   EXPECT_NE(event.find("id"), nullptr);
   EXPECT_NE(event.find("timeStamp"), nullptr);
   EXPECT_EQ(event.find("status"), nullptr);

@@ -52,7 +52,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableFileIsDiskFailureAndRemovesBo
   this->install();
   this->expectDiskFailure(EISDIR);
   EXPECT_FALSE(this->exists(this->installedChecksum_)) << "it goes before a file comes";
-  EXPECT_THAT(platform().commands, testing::Not(Contains(kSave)));
+  EXPECT_THAT(platform().commands, Not(Contains(kSave)));
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableChecksumLeavesFileInstalledUnsaved) {
@@ -60,7 +60,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableChecksumLeavesFileInstalledUn
   this->install();
   this->expectDiskFailure(EISDIR);
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
-  EXPECT_THAT(platform().commands, testing::Not(Contains(kSave)));
+  EXPECT_THAT(platform().commands, Not(Contains(kSave)));
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsDiskFailure) {

@@ -42,9 +42,8 @@ TEST_F(TransferTaskSupportTest, UnstartableGeneratorRefusesTask) {
     return fakes::ProcessResult{1, "", ""};
   };
   EXPECT_FALSE(task_.start());
-  EXPECT_THAT(platform().log,
-              ElementsAre(fakes::LogLine{"TransferTaskSupport", "onStart", 3, ENOENT,
-                                         "Failed to launch support file generation"}));
+  EXPECT_THAT(platform().log, ElementsAre(LogLine{"TransferTaskSupport", "onStart", 3, ENOENT,
+                                                  "Failed to launch support file generation"}));
   EXPECT_THAT(events(), IsEmpty());
 }
 
@@ -69,7 +68,7 @@ TEST_F(TransferTaskSupportTest, GeneratorEndsWithItsRequest) {
   EXPECT_FALSE(exists(kArchive));
 
   task_.onFailure(TRANSFER_TIMEOUT, 0);
-  EXPECT_THAT(platform().journal, testing::Contains("endDaemon /bin/support").Times(2));
+  EXPECT_THAT(platform().journal, Contains("endDaemon /bin/support").Times(2));
   EXPECT_FALSE(exists(kArchive));
 }
 

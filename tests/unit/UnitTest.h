@@ -12,11 +12,14 @@ using fakes::LogLine;
 using fakes::platform;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::SizeIs;
 using testing::StartsWith;
 using variant::Variant;
+using Map = Variant::Map;
 
 /// The commands by which the daemon saves, erases and reboots.
 inline constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
@@ -27,7 +30,7 @@ inline constexpr char kReboot[] = "/usr/bin/reboot";
 struct LeaveWait {};
 
 /// The description of a camera that has neither Wi-Fi nor a battery.
-inline const Variant::Map kPlainCamera{
+inline const Map kPlainCamera{
     {"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}};
 
 }  // namespace kova::ctlserver
