@@ -96,6 +96,13 @@ class InstallTest : public TransferTest {
   void expectStatus(const std::string& status) {
     EXPECT_THAT(events(), ElementsAre("EventTransferRequestStatus to=client.a id=12 " + status));
   }
+  void expectRefused(const std::string& text) {
+    EXPECT_THAT(logged(), ElementsAre(line(text)));
+    EXPECT_EQ(platform().log.back().error, 0) << "the content is to blame";
+    expectStatus("VALIDATION_FAILED");
+    expectTempsGone();
+    expectNothingInstalled();
+  }
   void expectDiskFailure(int error) {
     EXPECT_THAT(logged(), ElementsAre(line(std::string(Kind::kPersistFailure) + kInstallUri)));
     EXPECT_EQ(platform().log.back().error, error);

@@ -116,6 +116,13 @@ class TransferRoutingTest : public TransferTest {
     return request;
   }
 
+  /// The files that ask() asks for.
+  static void writeUploads(const std::string& content) {
+    for (const char* path : {"/tmp/snap.jpeg", "/tmp/motionsnap_1.jpg", "/tmp/heatmap_1.png"}) {
+      write(path, content);
+    }
+  }
+
   bool serviceUntil(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!condition()) {

@@ -12,9 +12,7 @@ TEST_F(TransferFieldsTest, EveryRequestOverwritesTimeOut) {
       SCOPED_TRACE(kind + " " + std::to_string(timeoutMs));
       startServer();
       peerHolds();
-      write("/tmp/snap.jpeg", "");
-      write("/tmp/motionsnap_1.jpg", "");
-      write("/tmp/heatmap_1.png", "");
+      writeUploads("");
       ASSERT_TRUE(ask(kind, uri(), {{"timeoutMs", timeoutMs}}));
       platform().nowMs += timeoutMs;
       server_->service(0);

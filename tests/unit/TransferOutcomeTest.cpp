@@ -46,10 +46,8 @@ TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
       startServer();
       peerAnswers(std::string(size, 'x'));
       ASSERT_TRUE(ask(kind, uri()));
-      for (const char* path : {"/tmp/snap.jpeg", "/tmp/supportinfo.tar", "/tmp/motionsnap_1.jpg",
-                               "/tmp/heatmap_1.png"}) {
-        write(path, "content");
-      }
+      writeUploads("content");
+      write("/tmp/supportinfo.tar", "content");
       EXPECT_TRUE(serviceUntil([&] { return ask(kind, uri()); })) << "the first has ended";
       EXPECT_THAT(events(), testing::ElementsAreArray(std::vector<std::string>(
                                 size - limit, status("TRANSFER_TOOLARGE"))));
@@ -59,9 +57,7 @@ TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
 
 TEST_F(TransferOutcomeTest, AbsentPeerFailsEveryKind) {
   const std::string dead = deadUri();
-  write("/tmp/snap.jpeg", "");
-  write("/tmp/motionsnap_1.jpg", "");
-  write("/tmp/heatmap_1.png", "");
+  writeUploads("");
   for (const char* kind : kKinds) {
     SCOPED_TRACE(kind);
     startServer();

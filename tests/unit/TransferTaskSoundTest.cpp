@@ -20,15 +20,9 @@ class TransferTaskSoundTest : public InstallTest<SoundKind> {
     succeed();
   }
 
-  void expectRefused(unsigned sampleRate, unsigned dataSize) {
-    EXPECT_THAT(logged(),
-                ElementsAre(line(std::string("Sound validation failed, uri=") + kInstallUri +
-                                 ", samplerate=" + std::to_string(sampleRate) +
-                                 ", datasz=" + std::to_string(dataSize))));
-    EXPECT_EQ(platform().log.back().error, 0) << "the content is to blame";
-    expectStatus("VALIDATION_FAILED");
-    expectTempsGone();
-    expectNothingInstalled();
+  static std::string refusal(unsigned sampleRate, unsigned dataSize) {
+    return std::string("Sound validation failed, uri=") + kInstallUri +
+           ", samplerate=" + std::to_string(sampleRate) + ", datasz=" + std::to_string(dataSize);
   }
 };
 
@@ -46,7 +40,7 @@ TEST_F(TransferTaskSoundTest, OtherChannelsOrSampleRateAreRefused) {
   for (const auto& [channels, rate] : formats) {
     SCOPED_TRACE(std::to_string(channels) + " at " + std::to_string(rate));
     put(wav(channels, rate, 24));
-    expectRefused(rate, 24);
+    expectRefused(refusal(rate, 24));
   }
 }
 
@@ -57,7 +51,7 @@ TEST_F(TransferTaskSoundTest, NonWavIsRefusedWithZeros) {
        {std::string(), std::string("sound"), good.substr(0, 20), "RIFX" + good.substr(4),
         good.substr(0, 8) + "AVI " + good.substr(12)}) {
     put(content);
-    expectRefused(0, 0);
+    expectRefused(refusal(0, 0));
   }
 }
 

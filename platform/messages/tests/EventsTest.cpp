@@ -11,25 +11,12 @@ using variant::Variant;
 using Map = Variant::Map;
 
 TEST(Events, EmptyEventReceivesEveryDefault) {
-  auto status = normalized<EventTransferRequestStatus>();
-  EXPECT_EQ(status["functionName"], Variant("EventTransferRequestStatus"));
-  EXPECT_EQ(status["responseExpected"], Variant(false));
-  EXPECT_EQ(status["requestId"], Variant(std::uint64_t{0}));
-  EXPECT_EQ(status["status"], Variant(kNotGiven));
-  EXPECT_EQ(status.Size(), 11U);
-
-  auto failure = normalized<EventUpdateFirmwareFailure>();
-  EXPECT_EQ(failure["functionName"], Variant("EventUpdateFirmwareFailure"));
-  EXPECT_EQ(failure["requestId"], Variant(std::uint64_t{0}));
-  EXPECT_EQ(failure["reason"], Variant(kNotGiven));
-  EXPECT_EQ(failure.Size(), 11U);
-
-  auto play = normalized<PlayState>();
-  EXPECT_EQ(play["functionName"], Variant("PlayState"));
-  EXPECT_EQ(play["name"], Variant(""));
-  EXPECT_EQ(play["volume"], Variant(-1));
-  EXPECT_EQ(play["timeoutMs"], Variant(-1));
-  EXPECT_EQ(play.Size(), 12U);
+  expectDefaults<EventTransferRequestStatus>(
+      {{"responseExpected", false}, {"requestId", std::uint64_t{0}}, {"status", kNotGiven}});
+  expectDefaults<EventUpdateFirmwareFailure>(
+      {{"responseExpected", false}, {"requestId", std::uint64_t{0}}, {"reason", kNotGiven}});
+  expectDefaults<PlayState>(
+      {{"responseExpected", false}, {"name", ""}, {"volume", -1}, {"timeoutMs", -1}});
 }
 
 TEST(Events, AllowedStatusIsCanonicalisedInAnyCase) {

@@ -13,22 +13,6 @@ namespace {
 using variant::Variant;
 using Map = Variant::Map;
 
-/// Checks every key of a class's own schema after normalising an empty message.
-template <typename Message>
-void expectDefaults(const Map& defaults) {
-  auto message = normalized<Message>();
-  EXPECT_EQ(message["functionName"], Variant(Message::kName));
-  for (const auto& [key, value] : defaults) {
-    ASSERT_NE(message.find(key), nullptr) << Message::kName << "." << key;
-    EXPECT_EQ(*message.find(key), value) << Message::kName << "." << key;
-  }
-  // Six keys of the message envelope and three of the request envelope, of which responseExpected
-  // is in `defaults` too.
-  EXPECT_EQ(message.Size(), 8U + defaults.size())
-      << Message::kName
-      << " has another number of fields than this test lists: " << message.ToString();
-}
-
 TEST(Requests, EmptyRequestReceivesDefaultsOfItsClass) {
   expectDefaults<GetSystemStats>({{"responseExpected", true},
                                   {"memory", true},
