@@ -9,11 +9,6 @@ TEST_F(SettingsTest, AbsentRegionReadsAsEmpty) {
   EXPECT_EQ(reply_["region"], Variant(""));
 }
 
-TEST_F(SettingsTest, UnreadableRegionFails) {
-  platform().config.failingGet = "system.region";
-  expectFailure({}, "Failed to get system.region");
-}
-
 TEST_F(SettingsTest, UnstorableRegionFailsBeforeParsing) {
   platform().config.failingSet = "system.region";
   expectFailure({{"region", "Europe/Paris"}}, "Failed to set system.region to Europe/Paris");
