@@ -13,12 +13,6 @@ class CtlServerTest : public testing::Test {
     static_cast<Variant&>(info_) = Variant(kPlainCamera);
   }
 
-  static void fail(const std::string& failing) {
-    platform().onRun = [failing](const std::string& command) {
-      return fakes::ProcessResult{command == failing ? 1 : 0, "", ""};
-    };
-  }
-
   variant::CameraInfo info_;
 };
 
@@ -51,7 +45,7 @@ TEST_F(CtlServerTest, OwnerOfUploadsIsNumberOrName) {
 
 TEST_F(CtlServerTest, RebootGoesOnIfSaveFails) {
   CtlServer server(info_);
-  fail(kSave);
+  failRunOf(kSave);
   EXPECT_TRUE(server.reboot(false, 0, true));
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kReboot));
   EXPECT_EQ(platform().log.back(), (LogLine{"CtlServer", "reboot", 3, 0, "Failed to persist"}));
@@ -59,7 +53,7 @@ TEST_F(CtlServerTest, RebootGoesOnIfSaveFails) {
 
 TEST_F(CtlServerTest, RebootWaitsEndlesslyEvenIfCommandFails) {
   CtlServer server(info_);
-  fail(kReboot);
+  failRunOf(kReboot);
   platform().onSleep = [waits = 0](int milliseconds) mutable {
     if (milliseconds == 1000 && ++waits == 5) {
       throw LeaveWait();

@@ -52,7 +52,7 @@ TEST_F(DispatchTest, SynchronousSaveIsAnsweredAfterItEnds) {
   EXPECT_TRUE(handle(request));
   EXPECT_THAT(platform().journal, ElementsAre(std::string("run ") + kSave, "Ipc::SendResponse"));
   EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{0}));
-  platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
+  failRunOf(kSave);
   EXPECT_TRUE(handle(request));
   EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{1}));
 }

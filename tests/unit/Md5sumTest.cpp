@@ -56,10 +56,6 @@ std::string expected(const std::string& content) {
 
 class Md5sumTest : public TransferTest {
  protected:
-  void SetUp() override {
-    TransferTest::SetUp();
-    faults = {};
-  }
   void TearDown() override { faults = {}; }
 
   static std::string of(const std::string& content) {

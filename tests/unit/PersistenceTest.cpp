@@ -9,12 +9,6 @@ class PersistenceTest : public testing::Test {
  protected:
   void SetUp() override { fakes::reset(); }
 
-  static void fail(const std::string& failing) {
-    platform().onRun = [failing](const std::string& command) {
-      return fakes::ProcessResult{command == failing ? 1 : 0, "", ""};
-    };
-  }
-
   bool serviceAfter(std::uint64_t milliseconds) {
     platform().nowMs += milliseconds;
     return persistence_.service();
@@ -81,7 +75,7 @@ TEST_F(PersistenceTest, SaveAfterEraseWritesConfigurationBack) {
 }
 
 TEST_F(PersistenceTest, FailedSaveIsLoggedAndRetriedAtEveryPass) {
-  fail(kSave);
+  failRunOf(kSave);
   persistence_.enqueue();
   EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
@@ -94,14 +88,14 @@ TEST_F(PersistenceTest, FailedSaveIsLoggedAndRetriedAtEveryPass) {
 }
 
 TEST_F(PersistenceTest, FailedForcedSaveWithNothingPendingIsNotRetried) {
-  fail(kSave);
+  failRunOf(kSave);
   EXPECT_FALSE(persistence_.persist(true));
   pass(20000);
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
 }
 
 TEST_F(PersistenceTest, FailedForcedSaveLeavesPendingSave) {
-  fail(kSave);
+  failRunOf(kSave);
   persistence_.enqueue();
   EXPECT_FALSE(persistence_.persist(true));
   platform().onRun = nullptr;
@@ -140,7 +134,7 @@ TEST_F(PersistenceTest, SecondResetRequestPostponesReset) {
 }
 
 TEST_F(PersistenceTest, FailedEraseIsLoggedAtEveryPassWithoutReboot) {
-  fail(kErase);
+  failRunOf(kErase);
   persistence_.enqueueReset();
   EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
@@ -150,7 +144,7 @@ TEST_F(PersistenceTest, FailedEraseIsLoggedAtEveryPassWithoutReboot) {
 }
 
 TEST_F(PersistenceTest, FailedRebootAfterEraseIsLoggedOnceWithoutRetry) {
-  fail(kReboot);
+  failRunOf(kReboot);
   persistence_.enqueueReset();
   EXPECT_TRUE(serviceAfter(5001));
   pass(10000);
@@ -170,7 +164,7 @@ TEST_F(PersistenceTest, SaveRunsBeforeReset) {
 }
 
 TEST_F(PersistenceTest, FailingSaveHoldsBackDueReset) {
-  fail(kSave);
+  failRunOf(kSave);
   persistence_.enqueue();
   persistence_.enqueueReset();
   EXPECT_FALSE(serviceAfter(5001));
@@ -190,7 +184,7 @@ TEST_F(PersistenceTest, ResetDropsSaveRequestedMeanwhile) {
 TEST_F(PersistenceTest, ExitRunsPendingSaveThenPendingReset) {
   for (const char* failing : {"", kSave}) {
     platform().commands.clear();
-    fail(failing);
+    failRunOf(failing);
     {
       Persistence persistence;
       persistence.enqueue();

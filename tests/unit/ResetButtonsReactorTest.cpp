@@ -24,7 +24,8 @@ class ResetButtonsReactorTest : public testing::Test {
     info_["sysid"] = 0xa525U;
     ASSERT_TRUE(server_->init(ipc::Ipc::GetInstance()));
     ASSERT_TRUE(reactor_.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
-    initJournal_ = std::exchange(platform().journal, {});
+    EXPECT_EQ(platform().journal.back(), "BaseButton::init 100");
+    platform().journal.clear();
   }
 
   void TearDown() override {
@@ -42,7 +43,6 @@ class ResetButtonsReactorTest : public testing::Test {
   variant::CameraInfo info_;
   std::unique_ptr<CtlServer> server_ = std::make_unique<CtlServer>(info_);
   ResetButtonsReactor reactor_;
-  std::vector<std::string> initJournal_;
 };
 
 TEST_F(ResetButtonsReactorTest, EventBeforeInitIsInternalError) {
@@ -193,7 +193,6 @@ TEST_F(ResetButtonsReactorTest, DescriptionWithoutModelEndsProcess) {
 // The button in the server.
 
 TEST_F(ResetButtonsReactorTest, ServerConnectsButtonToReactor) {
-  EXPECT_EQ(initJournal_.back(), "BaseButton::init 100");
   platform().button.onService = [] {
     platform().button.onService = nullptr;
     platform().button.observer->buttonDown();

@@ -45,15 +45,6 @@ TEST_F(SettingsTest, StoredTimelapseOtherThanOneReadsAsOff) {
   }
 }
 
-TEST_F(SettingsTest, TimelapseIsClampedToOnOrOff) {
-  info_["sysid"] = kTimelapseModel;
-  EXPECT_TRUE(update({{"timelapseminutes", 15}}));
-  EXPECT_EQ(stored("system.timelapseminutes"), "1");
-  platform().journal.clear();
-  EXPECT_TRUE(update({{"timelapseminutes", -7}}));
-  EXPECT_THAT(platform().journal, Contains("get system.timelapseminutes"));
-}
-
 TEST_F(SettingsTest, TimelapseMissingFromStoreFails) {
   info_["sysid"] = kTimelapseModel;
   platform().config.values.erase("system.timelapseminutes");

@@ -14,16 +14,13 @@ TEST_F(SettingsTest, RequestWithoutFieldsReadsNameTimeZoneAndRegion) {
 
 TEST_F(SettingsTest, GivenSettingsAreAppliedInOrderAndReported) {
   info_["sysid"] = kTimelapseModel;
-  EXPECT_TRUE(update({{"name", "Yard"},
-                      {"timezone", "UTC"},
-                      {"region", "Europe/Paris"},
-                      {"timelapseminutes", 0},
-                      {"soundOnBoot", true}}));
-  EXPECT_EQ(reply_, Variant(Map{{"name", "Yard"},
-                                {"timezone", "UTC"},
-                                {"region", "Europe/Paris"},
-                                {"timelapseminutes", 0},
-                                {"soundOnBoot", true}}));
+  const Map given{{"name", "Yard"},
+                  {"timezone", "UTC"},
+                  {"region", "Europe/Paris"},
+                  {"timelapseminutes", 0},
+                  {"soundOnBoot", true}};
+  EXPECT_TRUE(update(given));
+  EXPECT_EQ(reply_, Variant(given));
   EXPECT_THAT(
       platform().journal,
       ElementsAre("SystemCfgManager::init", "set resolv.host.1.name=Yard",

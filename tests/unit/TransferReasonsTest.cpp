@@ -39,7 +39,6 @@ TEST_F(TransferReasonsTest, EachKindHasItsFacts) {
 }
 
 TEST_F(TransferReasonsTest, EachRefusalNamesItsCause) {
-  const std::string longDigest(200, 'd');
   const struct {
     const char* kind;
     Fields fields;

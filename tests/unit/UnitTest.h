@@ -26,6 +26,13 @@ inline constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
 inline constexpr char kErase[] = "/bin/cfgmtd -c";
 inline constexpr char kReboot[] = "/usr/bin/reboot";
 
+/// From now on this command fails and every other succeeds.
+inline void failRunOf(const std::string& failing) {
+  platform().onRun = [failing](const std::string& command) {
+    return fakes::ProcessResult{command == failing ? 1 : 0, "", ""};
+  };
+}
+
 /// Thrown by a sleep that would not end.
 struct LeaveWait {};
 
