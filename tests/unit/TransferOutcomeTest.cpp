@@ -14,9 +14,8 @@ TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsFormPayloadWithoutEvent) {
     startServer();
     peerAnswers("");
     write(path, std::string("content of ") + what);
-    ASSERT_TRUE(get({{"what", what},
-                     {"uri", uri()},
-                     {"filename", std::filesystem::path(path).filename().string()},
+    ASSERT_TRUE(ask(what, uri(),
+                    {{"filename", std::filesystem::path(path).filename().string()},
                      {"formFields", Fields{{"camera", "front"}}}}));
     ASSERT_TRUE(serviceUntilRequests(1));
     const std::string body = peer_->requests()[0].body;
