@@ -37,8 +37,7 @@ bool SystemCfgManager::get(const std::string& key, std::string* value, bool* abs
   if (!open_ || value == nullptr || key == platform().config.failingGet) {
     return false;
   }
-  const auto line = std::find_if(lines_.begin(), lines_.end(),
-                                 [&](const ConfigLine& candidate) { return candidate.key == key; });
+  const auto line = std::ranges::find(lines_, key, &ConfigLine::key);
   const bool found = line != lines_.end();
   *value = found ? line->value : "";
   if (absent != nullptr) {
@@ -52,8 +51,7 @@ bool SystemCfgManager::set(const std::string& key, const std::string& value, boo
   if (!open_ || key == platform().config.failingSet || !isKey(key) || !isValue(value)) {
     return false;
   }
-  const auto line = std::find_if(lines_.begin(), lines_.end(),
-                                 [&](const ConfigLine& candidate) { return candidate.key == key; });
+  const auto line = std::ranges::find(lines_, key, &ConfigLine::key);
   const bool differs = line == lines_.end() || line->value != value;
   if (line == lines_.end()) {
     lines_.push_back({key, value});

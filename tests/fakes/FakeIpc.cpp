@@ -25,59 +25,44 @@ class RecordedObjects : public Objects {
     return true;
   }
   bool changed(const PublishedObject& object, const std::vector<std::size_t>& places) override {
-    const Interface* interface = interfaceOf(&object, nullptr);
-    return interface != nullptr &&
-           Signal({"changed", interface->name, 0,
-                   Values(*interface, places, [&](auto place) { return object.read(place); })});
+    return signal("changed", published(&object, nullptr), 0, places);
   }
   bool changed(const PublishedFolder& objects, std::uint64_t number,
                const std::vector<std::size_t>& places) override {
-    const Interface* interface = interfaceOf(nullptr, &objects);
-    return interface != nullptr &&
-           Signal({"changed", interface->name, number, Values(*interface, places, [&](auto place) {
-                     return objects.read(number, place);
-                   })});
+    return signal("changed", published(nullptr, &objects), number, places);
   }
   bool added(const PublishedFolder& objects, std::uint64_t number) override {
-    const Interface* interface = interfaceOf(nullptr, &objects);
-    if (interface == nullptr) {
-      return false;
-    }
-    std::vector<std::size_t> all(interface->properties.size());
+    const fakes::Published* one = published(nullptr, &objects);
+    std::vector<std::size_t> all(one != nullptr ? one->interface.properties.size() : 0);
     std::iota(all.begin(), all.end(), 0);
-    return Signal({"added", interface->name, number, Values(*interface, all, [&](auto place) {
-                     return objects.read(number, place);
-                   })});
+    return signal("added", one, number, all);
   }
   bool removed(const PublishedFolder& objects, std::uint64_t number) override {
-    const Interface* interface = interfaceOf(nullptr, &objects);
-    return interface != nullptr && Signal({"removed", interface->name, number});
+    return signal("removed", published(nullptr, &objects), number, {});
   }
 
  private:
-  static const Interface* interfaceOf(const PublishedObject* object,
-                                      const PublishedFolder* objects) {
+  static const fakes::Published* published(const PublishedObject* object,
+                                           const PublishedFolder* objects) {
     const auto& all = platform().bus.published;
     const auto found = std::find_if(all.begin(), all.end(), [&](const auto& one) {
       return one.object == object && one.objects == objects;
     });
-    return found != all.end() ? &found->interface : nullptr;
+    return found != all.end() ? &*found : nullptr;
   }
-  template <typename Read>
-  static std::map<std::string, PropertyValue> Values(const Interface& interface,
-                                                     const std::vector<std::size_t>& places,
-                                                     Read read) {
-    std::map<std::string, PropertyValue> values;
+  static bool signal(const char* what, const fakes::Published* one, std::uint64_t number,
+                     const std::vector<std::size_t>& places) {
+    if (one == nullptr || !platform().bus.signalResult) {
+      return false;
+    }
+    fakes::Signal signal{what, one->interface.name, number};
     for (const std::size_t place : places) {
-      values.emplace(interface.properties.at(place).name, read(place));
+      signal.values.emplace(
+          one->interface.properties.at(place).name,
+          one->object != nullptr ? one->object->read(place) : one->objects->read(number, place));
     }
-    return values;
-  }
-  static bool Signal(const fakes::Signal& signal) {
-    if (platform().bus.signalResult) {
-      platform().bus.signals.push_back(signal);
-    }
-    return platform().bus.signalResult;
+    platform().bus.signals.push_back(std::move(signal));
+    return true;
   }
 };
 

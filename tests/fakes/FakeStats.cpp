@@ -10,6 +10,10 @@ namespace {
 
 StatsLib theLib;
 
+const fakes::Statistics& script() {
+  return platform().stats;
+}
+
 template <typename Record>
 int give(const char* reader, int result, const Record& scripted, Record* record) {
   platform().note(reader);
@@ -32,43 +36,35 @@ void CloseStatsLib(StatsLib** lib) {
 }
 
 int GetMemoryStats(StatsLib*, MemoryStats* stats) {
-  const auto& script = platform().stats;
-  return give("GetMemoryStats", script.memoryResult, script.memory, stats);
+  return give("GetMemoryStats", script().memoryResult, script().memory, stats);
 }
 
 int GetCpuStats(StatsLib*, CpuStats* stats) {
-  const auto& script = platform().stats;
-  return give("GetCpuStats", script.cpuResult, script.cpu, stats);
+  return give("GetCpuStats", script().cpuResult, script().cpu, stats);
 }
 
 int GetCpuInfo(CpuInfo* info) {
-  const auto& script = platform().stats;
-  return give("GetCpuInfo", script.cpuInfoResult, script.cpuInfo, info);
+  return give("GetCpuInfo", script().cpuInfoResult, script().cpuInfo, info);
 }
 
 int GetLoadAverage(LoadAverage* load) {
-  const auto& script = platform().stats;
-  return give("GetLoadAverage", script.loadResult, script.load, load);
+  return give("GetLoadAverage", script().loadResult, script().load, load);
 }
 
 int GetNetworkStats(StatsLib*, NetworkStats* stats) {
-  const auto& script = platform().stats;
-  return give("GetNetworkStats", script.networkResult, script.network, stats);
+  return give("GetNetworkStats", script().networkResult, script().network, stats);
 }
 
 int GetWiFiStats(WiFiStats* stats) {
-  const auto& script = platform().stats;
-  return give("GetWiFiStats", script.wifiResult, script.wifi, stats);
+  return give("GetWiFiStats", script().wifiResult, script().wifi, stats);
 }
 
 int GetUptimeStats(UptimeStats* stats) {
-  const auto& script = platform().stats;
-  return give("GetUptimeStats", script.uptimeResult, script.uptime, stats);
+  return give("GetUptimeStats", script().uptimeResult, script().uptime, stats);
 }
 
 bool GetBatteryInfo(BatteryInfo& info) {
-  const auto& script = platform().stats;
-  return give("GetBatteryInfo", script.batteryResult ? 0 : 1, script.battery, &info) == 0;
+  return give("GetBatteryInfo", script().batteryResult ? 0 : 1, script().battery, &info) == 0;
 }
 
 }  // namespace kova::utils

@@ -160,7 +160,6 @@ struct Platform {
   std::vector<std::string> signalled;  ///< "NAME SIGNAL"
   std::function<bool(const std::string& verb, const std::string& name)> onService;
   std::vector<std::string> notified;  ///< "ready", "alive": to the service manager, less repeats
-  std::string firmwareVersion = "1.2.3";
   bool setTimeZoneResult = true;
 
   bool crashHandlerResult = true;

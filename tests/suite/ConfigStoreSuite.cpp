@@ -4,6 +4,7 @@
 namespace kova::suite {
 namespace {
 
+using namespace std::string_literals;
 using syscfg::SystemCfgManager;
 
 class ConfigStoreSuite : public PlatformSuite {
@@ -135,9 +136,8 @@ TEST_F(ConfigStoreSuite, MissingStoreCannotBeOpened) {
 
 TEST_F(ConfigStoreSuite, ValueMayHoldAnythingExceptLineBreaksAndNul) {
   for (const std::string& value :
-       {std::string("a=b"), std::string("#x"), std::string("  spaces\t "), std::string("Zürich"),
-        std::string("\x01\xff"), std::string("$(reboot)"), std::string("; reboot"),
-        std::string("%s%n"), std::string("\x1b[2J"), std::string(4096, 'v')}) {
+       {"a=b"s, "#x"s, "  spaces\t "s, "Zürich"s, "\x01\xff"s, "$(reboot)"s, "; reboot"s, "%s%n"s,
+        "\x1b[2J"s, std::string(4096, 'v')}) {
     ASSERT_TRUE(store_.init());
     EXPECT_TRUE(store_.set("name", value, nullptr));
     EXPECT_TRUE(store_.close(true, false));
@@ -146,8 +146,7 @@ TEST_F(ConfigStoreSuite, ValueMayHoldAnythingExceptLineBreaksAndNul) {
 }
 
 TEST_F(ConfigStoreSuite, ValueThatCouldAddLineIsRefused) {
-  for (const std::string& value :
-       {std::string("a\nb=c"), std::string("a\r"), std::string("\n"), std::string("a\0b", 3)}) {
+  for (const std::string& value : {"a\nb=c"s, "a\r"s, "\n"s, "a\0b"s}) {
     EXPECT_FALSE(store_.set("name", value, nullptr));
     EXPECT_FALSE(store_.set("added", value, nullptr));
   }
@@ -158,8 +157,7 @@ TEST_F(ConfigStoreSuite, ValueThatCouldAddLineIsRefused) {
 
 TEST_F(ConfigStoreSuite, KeyThatWouldReadBackDifferentlyIsRefused) {
   for (const std::string& key :
-       {std::string(), std::string("a=b"), std::string("#a"), std::string(" a"), std::string("a "),
-        std::string("a\t"), std::string("a\nb"), std::string("a\rb"), std::string("a\0b", 3)}) {
+       {""s, "a=b"s, "#a"s, " a"s, "a "s, "a\t"s, "a\nb"s, "a\rb"s, "a\0b"s}) {
     EXPECT_FALSE(store_.set(key, "x", nullptr)) << testing::PrintToString(key);
   }
 }

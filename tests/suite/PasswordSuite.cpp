@@ -6,6 +6,7 @@
 namespace kova::suite {
 namespace {
 
+using namespace std::string_literals;
 using utils::authenticatePassword;
 using utils::generateHash;
 using utils::generateSalt;
@@ -39,17 +40,15 @@ class PasswordSuite : public PlatformSuite {
 
 TEST_F(PasswordSuite, HashAuthenticatesOnlyItsPassword) {
   EXPECT_TRUE(matches("admin", "secret"));
-  for (const std::string& password :
-       {std::string(), std::string("Secret"), std::string("secre"), std::string("secret "),
-        std::string("secret\0", 7), std::string(1'000'000, 's'), std::string("another"), hash_}) {
+  for (const std::string& password : {""s, "Secret"s, "secre"s, "secret "s, "secret\0"s,
+                                      std::string(1'000'000, 's'), "another"s, hash_}) {
     EXPECT_FALSE(matches("admin", password)) << password;
   }
   EXPECT_FALSE(matches("other", "secret"));
 }
 
 TEST_F(PasswordSuite, PasswordMayHoldAnyByteExceptNul) {
-  for (const std::string& password :
-       {std::string(64, 'p'), std::string("a:b"), std::string("a$b"), std::string("é\xff\n")}) {
+  for (const std::string& password : {std::string(64, 'p'), "a:b"s, "a$b"s, "é\xff\n"s}) {
     writeAccounts({{"admin", generateHash(password.c_str(), generateSalt())}});
     EXPECT_TRUE(matches("admin", password)) << testing::PrintToString(password);
   }
@@ -75,10 +74,6 @@ TEST_F(PasswordSuite, HashFitsAccountLineUnlocked) {
 
 TEST_F(PasswordSuite, HashNeedsSalt) {
   EXPECT_EQ(generateHash("secret", ""), "");
-}
-
-TEST_F(PasswordSuite, HashIsReadBack) {
-  EXPECT_EQ(hashOf("admin"), hash_);
 }
 
 TEST_F(PasswordSuite, AbsentAccountIsReported) {
@@ -136,14 +131,11 @@ TEST_F(PasswordSuite, UnlockingNeverLeavesAccountWithoutPassword) {
 }
 
 TEST_F(PasswordSuite, StrictNamesAreThoseOfAccounts) {
-  for (const std::string& name : {std::string("a"), std::string("_x"), std::string("Admin"),
-                                  std::string("aZ.z-c_09"), std::string(32, 'n')}) {
+  for (const std::string& name : {"a"s, "_x"s, "Admin"s, "aZ.z-c_09"s, std::string(32, 'n')}) {
     EXPECT_TRUE(username_valid(name, true)) << name;
   }
-  for (const std::string& name :
-       {std::string(), std::string("9a"), std::string("-a"), std::string(".a"), std::string("a b"),
-        std::string("a:b"), std::string("a\nb"), std::string("a/b"), std::string("a\0b", 3),
-        std::string("é"), std::string("a$"), std::string(33, 'n')}) {
+  for (const std::string& name : {""s, "9a"s, "-a"s, ".a"s, "a b"s, "a:b"s, "a\nb"s, "a/b"s,
+                                  "a\0b"s, "é"s, "a$"s, std::string(33, 'n')}) {
     errno = 0;
     EXPECT_FALSE(username_valid(name, true)) << testing::PrintToString(name);
     EXPECT_EQ(errno, EINVAL);
@@ -153,8 +145,7 @@ TEST_F(PasswordSuite, StrictNamesAreThoseOfAccounts) {
 TEST_F(PasswordSuite, OtherNamesMustNotBreakAccountLine) {
   EXPECT_TRUE(username_valid("9 a$é", false));
   for (const std::string& name :
-       {std::string(), std::string("a:b"), std::string("a\n"), std::string("a\rb"),
-        std::string("\x7f"), std::string("a\0b", 3), std::string(33, 'n')}) {
+       {""s, "a:b"s, "a\n"s, "a\rb"s, "\x7f"s, "a\0b"s, std::string(33, 'n')}) {
     EXPECT_FALSE(username_valid(name, false)) << testing::PrintToString(name);
   }
 }

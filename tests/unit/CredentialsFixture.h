@@ -16,6 +16,11 @@ namespace kova::ctlserver {
 constexpr char kAccountFile[] = "/etc/passwd";
 constexpr char kOldAccounts[] = "root:*:0:0:root:/root:/bin/sh\nguest:x:1:1::/:/bin/false\n";
 
+inline Map claim(const std::string& name, const std::string& passwordOld,
+                 const std::string& passwordNew) {
+  return {{"username", name}, {"passwordOld", passwordOld}, {"passwordNew", passwordNew}};
+}
+
 /// A camera whose administrator is "admin" with the password "secret"; the stored hash is
 /// "old$secret". It writes the real /etc/passwd, so it has to run in a private root.
 class CredentialsTest : public testing::Test {
@@ -23,14 +28,13 @@ class CredentialsTest : public testing::Test {
   void SetUp() override {
     tests::requirePrivateRoot();
     fakes::reset();
-    fakes::platform().config.values = {{"users.1.name", "admin"},
-                                       {"users.1.password", "old$secret"}};
-    fakes::platform().accounts.hashes = {{"admin", "old$secret"}};
+    platform().config.values = {{"users.1.name", "admin"}, {"users.1.password", "old$secret"}};
+    platform().accounts.hashes = {{"admin", "old$secret"}};
     writeAccounts(kOldAccounts);
   }
 
-  bool change(const variant::Variant::Map& fields) {
-    ipc::messages::ChangeUsernamePassword request{variant::Variant(fields)};
+  bool change(const Map& fields) {
+    ipc::messages::ChangeUsernamePassword request{Variant(fields)};
     request.NormalizeFields();
     return server_.changeUsernamePassword(request, reply_);
   }
@@ -53,26 +57,27 @@ class CredentialsTest : public testing::Test {
     return name + ":" + hash + ":0:0:Administrator:/etc/persistent:/bin/sh\n";
   }
 
-  static std::string stored(const std::string& key) {
-    return fakes::platform().config.values.at(key);
-  }
+  static std::string stored(const std::string& key) { return platform().config.values.at(key); }
 
-  static fakes::LogLine error(const std::string& text, int code = 0) {
+  static LogLine error(const std::string& text, int code = 0) {
     return {"CtlServer", "changeUsernamePassword", LOG_ERR, code, text};
   }
 
+  void expectFailure(const Map& fields, const std::string& text, int code = 0) {
+    platform().log.clear();
+    EXPECT_FALSE(change(fields));
+    EXPECT_THAT(platform().log, ElementsAre(error(text, code)));
+  }
+
   static void expectNothingWritten() {
-    using testing::Contains;
-    using testing::Not;
-    using testing::StartsWith;
-    EXPECT_THAT(fakes::platform().journal, Not(Contains(StartsWith("set "))));
-    EXPECT_THAT(fakes::platform().journal, Not(Contains(StartsWith("close"))));
+    EXPECT_THAT(platform().journal, Not(Contains(StartsWith("set "))));
+    EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
     EXPECT_EQ(accounts(), kOldAccounts);
   }
 
   variant::CameraInfo info_;
   CtlServer server_{info_};
-  variant::Variant reply_;
+  Variant reply_;
 };
 
 }  // namespace kova::ctlserver

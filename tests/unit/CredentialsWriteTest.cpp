@@ -9,10 +9,8 @@
 namespace kova::ctlserver {
 namespace {
 
-const Variant::Map kNewPassword{
-    {"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", "fresh"}};
-const Variant::Map kNewNameAndPassword{
-    {"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "fresh"}};
+const Map kNewPassword = claim("admin", "secret", "fresh");
+const Map kNewNameAndPassword = claim("boss", "secret", "fresh");
 
 TEST_F(CredentialsTest, SameNameWithoutNewPasswordWritesNothing) {
   EXPECT_TRUE(change({{"username", "admin"}, {"passwordOld", "secret"}}));
@@ -22,8 +20,7 @@ TEST_F(CredentialsTest, SameNameWithoutNewPasswordWritesNothing) {
 }
 
 TEST_F(CredentialsTest, SameNameAndSamePasswordWriteNothing) {
-  EXPECT_TRUE(
-      change({{"username", "admin"}, {"passwordOld", "secret"}, {"passwordNew", "secret"}}));
+  EXPECT_TRUE(change(claim("admin", "secret", "secret")));
   EXPECT_EQ(platform().accounts.salts, 1U);
   expectNothingWritten();
 }
@@ -50,7 +47,7 @@ TEST_F(CredentialsTest, NewNameAloneKeepsSystemHash) {
 }
 
 TEST_F(CredentialsTest, NewNameWithSamePasswordRehashesOnlyAccountFile) {
-  EXPECT_TRUE(change({{"username", "boss"}, {"passwordOld", "secret"}, {"passwordNew", "secret"}}));
+  EXPECT_TRUE(change(claim("boss", "secret", "secret")));
   EXPECT_EQ(stored("users.1.name"), "boss");
   EXPECT_EQ(stored("users.1.password"), "old$secret");
   EXPECT_EQ(accounts(), accountLine("boss", "salt1$secret"));
@@ -81,8 +78,7 @@ TEST_F(CredentialsTest, PasswordFieldIsAddedToStoreWithoutOne) {
 
 TEST_F(CredentialsTest, UnstorableNameFailsWithoutTouchingAccountFile) {
   platform().config.failingSet = "users.1.name";
-  EXPECT_FALSE(change(kNewNameAndPassword));
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to update username")));
+  expectFailure(kNewNameAndPassword, "Failed to update username");
   EXPECT_THAT(platform().journal, Not(Contains(StartsWith("set users.1.password"))));
   EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
   EXPECT_EQ(accounts(), kOldAccounts);
@@ -90,8 +86,7 @@ TEST_F(CredentialsTest, UnstorableNameFailsWithoutTouchingAccountFile) {
 
 TEST_F(CredentialsTest, UnstorablePasswordLeavesStoreOpenAndUnwritten) {
   platform().config.failingSet = "users.1.password";
-  EXPECT_FALSE(change(kNewNameAndPassword));
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to update password")));
+  expectFailure(kNewNameAndPassword, "Failed to update password");
   EXPECT_THAT(platform().journal, Contains("set users.1.name=boss"));
   EXPECT_THAT(platform().journal, Not(Contains(StartsWith("close"))));
   EXPECT_EQ(stored("users.1.name"), "admin");
@@ -100,16 +95,14 @@ TEST_F(CredentialsTest, UnstorablePasswordLeavesStoreOpenAndUnwritten) {
 
 TEST_F(CredentialsTest, UnclosableStoreFailsBeforeAccountFileIsTouched) {
   platform().config.closeResult = false;
-  EXPECT_FALSE(change(kNewNameAndPassword));
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to close system.cfg manager")));
+  expectFailure(kNewNameAndPassword, "Failed to close system.cfg manager");
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
 TEST_F(CredentialsTest, UnopenableAccountFileFailsWithStoreWritten) {
   ASSERT_EQ(chmod("/etc", 0555), 0);
-  EXPECT_FALSE(change(kNewPassword));
+  expectFailure(kNewPassword, "Failed to open /etc/passwd", EACCES);
   ASSERT_EQ(chmod("/etc", 0755), 0);
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to open /etc/passwd", EACCES)));
   EXPECT_EQ(stored("users.1.password"), "salt1$fresh");
   EXPECT_EQ(accounts(), kOldAccounts);
 }
@@ -120,19 +113,17 @@ TEST_F(CredentialsTest, UnwritableAccountFileKeepsItsContent) {
   const auto ignored = signal(SIGXFSZ, SIG_IGN);
   const rlimit tiny{10, before.rlim_max};
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tiny), 0);
-  EXPECT_FALSE(change(kNewPassword));
+  expectFailure(kNewPassword, "Failed to write to /etc/passwd", EFBIG);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
   signal(SIGXFSZ, ignored);
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to write to /etc/passwd", EFBIG)));
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 
 TEST_F(CredentialsTest, IrreplaceableAccountFileFails) {
   // A file that something is mounted on cannot be renamed over.
   ASSERT_EQ(mount(kAccountFile, kAccountFile, nullptr, MS_BIND, nullptr), 0);
-  EXPECT_FALSE(change(kNewPassword));
+  expectFailure(kNewPassword, "Failed to write to /etc/passwd", EBUSY);
   ASSERT_EQ(umount(kAccountFile), 0);
-  EXPECT_THAT(platform().log, ElementsAre(error("Failed to write to /etc/passwd", EBUSY)));
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 

@@ -1,51 +1,23 @@
-
 #include <set>
 
-#include "CtlCommandsHandler.h"
-#include "CtlServer.h"
-#include "UnitTest.h"
+#include "DispatchFixture.h"
 #include "kova/messages/Catalog.h"
 
 namespace kova::ctlserver {
 namespace {
 
-using testing::SizeIs;
-using Map = Variant::Map;
-
 /// Which operation a row of the table reaches shows in what that operation does to the platform.
-class DispatchTableTest : public testing::Test {
+class DispatchTableTest : public DispatchFixture {
  protected:
-  void SetUp() override {
-    fakes::reset();
-    platform().config.values = {{"resolv.host.1.name", "Front door"},
-                                {"system.timezone", "UTC"},
-                                {"system.region", "US"},
-                                {"users.1.name", "admin"},
-                                {"users.1.password", "old$secret"}};
-    platform().accounts.hashes = {{"admin", "old$secret"}};
-    static_cast<Variant&>(info_) = Variant(
-        Map{{"name", "Kova Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
-  }
-
   /// The response, or an empty value when there was none.
   Variant ask(const std::string& functionName, Map fields = {}) {
     fields["functionName"] = functionName;
-    ipc::messages::BaseRequestMessage request{Variant(std::move(fields))};
-    bool rejected = false;
-    platform().bus.handling = request.id();
-    EXPECT_TRUE(handler_.HandleRequest(request, rejected));
-    auto& responses = platform().bus.responses;
-    Variant response = responses.empty() ? Variant() : responses.back().second;
-    responses.clear();
-    return response;
+    EXPECT_TRUE(handle(std::move(fields)));
+    const auto responses = std::exchange(platform().bus.responses, {});
+    return responses.empty() ? Variant() : responses.back().second;
   }
 
   static Variant status(std::uint64_t code) { return Variant(code); }
-
-  variant::CameraInfo info_;
-  ipc::Ipc ipc_;
-  CtlServer server_{info_};
-  CtlCommandsHandler handler_{&ipc_, &server_};
 };
 
 TEST_F(DispatchTableTest, ListsFunctionsInOrder) {
@@ -77,11 +49,11 @@ TEST_F(DispatchTableTest, ChangedSettingsAreAnsweredByDefaultWithPayload) {
 
 TEST_F(DispatchTableTest, RestoredSettingsAreAnsweredOnlyOnRequest) {
   EXPECT_TRUE(ask("ResetDeviceSettings").isEmpty());
-  EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Kova Camera");
+  EXPECT_EQ(platform().config.values["resolv.host.1.name"], "Camera");
   Variant response = ask("ResetDeviceSettings", {{"responseExpected", true}});
   EXPECT_EQ(response["statusCode"], status(0));
   EXPECT_EQ(response["payload"],
-            Variant(Map{{"name", "Kova Camera"}, {"timezone", "GMT"}, {"region", "US"}}));
+            Variant(Map{{"name", "Camera"}, {"timezone", "GMT"}, {"region", "US"}}));
 }
 
 TEST_F(DispatchTableTest, AdministratorNameIsInPayload) {
@@ -120,8 +92,7 @@ TEST_F(DispatchTableTest, TransfersReachTheirOperationUnanswered) {
   EXPECT_TRUE(ask("UpdateFirmwareRequest", update).isEmpty());
   EXPECT_TRUE(ask("UpdateFirmwareRequest", update).isEmpty());
   EXPECT_THAT(platform().log, SizeIs(1)) << "the second finds the first";
-  EXPECT_THAT(platform().log,
-              Contains(testing::Field(&fakes::LogLine::function, "updateFirmware")));
+  EXPECT_THAT(platform().log, Contains(testing::Field(&LogLine::function, "updateFirmware")));
 }
 
 TEST_F(DispatchTableTest, RequestItselfIsNotRepaired) {

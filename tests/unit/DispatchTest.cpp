@@ -1,45 +1,15 @@
-#include <gmock/gmock.h>
-
-#include "Commands.h"
-#include "CtlCommandsHandler.h"
-#include "CtlServer.h"
-#include "Platform.h"
+#include "DispatchFixture.h"
 
 namespace kova::ctlserver {
 namespace {
 
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
-using Map = Variant::Map;
 
-class DispatchTest : public testing::Test {
+class DispatchTest : public DispatchFixture {
  protected:
-  void SetUp() override {
-    fakes::reset();
-    static_cast<Variant&>(info_) =
-        Variant(Map{{"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
-  }
-
-  bool handle(Map content) {
-    BaseRequestMessage request{Variant(std::move(content))};
-    bool rejected = false;
-    platform().bus.handling = request.id();
-    const bool result = handler_.HandleRequest(request, rejected);
-    EXPECT_FALSE(rejected) << "the flag is left alone";
-    return result;
-  }
-
   static const Variant& lastResponse() { return platform().bus.responses.back().second; }
-
-  variant::CameraInfo info_;
-  ipc::Ipc ipc_;
-  CtlServer server_{info_};
-  CtlCommandsHandler handler_{&ipc_, &server_};
 };
-
-TEST_F(DispatchTest, HandlerHasItsName) {
-  EXPECT_EQ(handler_.name(), "CtlHandler");
-}
 
 TEST_F(DispatchTest, EmptyStatisticsRequestExpectsResponse) {
   EXPECT_TRUE(handle({{"functionName", "GetSystemStats"}, {"id", 77}, {"from", "peer"}}));
@@ -82,10 +52,9 @@ TEST_F(DispatchTest, SynchronousSaveIsAnsweredAfterItEnds) {
   EXPECT_TRUE(handle(request));
   EXPECT_THAT(platform().journal, ElementsAre(std::string("run ") + kSave, "Ipc::SendResponse"));
   EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{0}));
-  platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
+  failRunOf(kSave);
   EXPECT_TRUE(handle(request));
   EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{1}));
-  platform().onRun = nullptr;
 }
 
 TEST_F(DispatchTest, FactoryResetIsOnlyScheduledAndAnsweredZero) {
@@ -133,15 +102,11 @@ TEST_F(DispatchTest, ServiceRequestsAreLoggedWithSenderAndResult) {
                       {"from", "manager"},
                       {"service", "nosuch"},
                       {"responseExpected", true}}));
-  ASSERT_EQ(platform().log.size(), 2U);
-  EXPECT_EQ(platform().log[0].text, "manager tried to start sshd service and succeeded");
-  EXPECT_EQ(platform().log[1].text, "manager tried to stop nosuch service and failed");
-  for (const auto& line : platform().log) {
-    EXPECT_EQ(line.identity, "kova_ctlserver");
-    EXPECT_EQ(line.level, 6);
-    EXPECT_EQ(line.function, "HandleRequest");
-    EXPECT_EQ(line.unit, "CtlServer");
-  }
+  EXPECT_THAT(platform().log,
+              ElementsAre(LogLine{"CtlServer", "HandleRequest", 6, 0,
+                                  "manager tried to start sshd service and succeeded"},
+                          LogLine{"CtlServer", "HandleRequest", 6, 0,
+                                  "manager tried to stop nosuch service and failed"}));
   ASSERT_EQ(platform().bus.responses.size(), 1U) << "StartService expects no response by default";
   EXPECT_EQ(*lastResponse().find("statusCode"), Variant(std::uint64_t{1}));
 }

@@ -64,12 +64,15 @@ class InstallTest : public TransferTest {
 
   void restart() {
     fakes::reset();
-    probeAnswers("empty=0 channels=1 depth=0 width=64 height=48\n");
+    onSave([] { return 0; });
   }
 
-  static void probeAnswers(const std::string& line) {
-    fakes::platform().onRun = [line](const std::string& command) {
-      return fakes::ProcessResult{0, command.starts_with(kProbe) ? line : "", ""};
+  /// The flash tool does this and ends with this status.
+  static void onSave(const std::function<int()>& act) {
+    platform().onRun = [act](const std::string& command) {
+      return command == kSave
+                 ? fakes::ProcessResult{act(), "", ""}
+                 : fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""};
     };
   }
 
@@ -84,9 +87,27 @@ class InstallTest : public TransferTest {
     EXPECT_TRUE(done);
   }
 
+  /// Ends the transfer of a good file.
+  void install() {
+    write(download_, Kind::content());
+    succeed();
+  }
+
   void expectStatus(const std::string& status) {
-    EXPECT_THAT(events(),
-                testing::ElementsAre("EventTransferRequestStatus to=client.a id=12 " + status));
+    EXPECT_THAT(events(), ElementsAre("EventTransferRequestStatus to=client.a id=12 " + status));
+  }
+  void expectRefused(const std::string& text) {
+    EXPECT_THAT(logged(), ElementsAre(line(text)));
+    EXPECT_EQ(platform().log.back().error, 0) << "the content is to blame";
+    expectStatus("VALIDATION_FAILED");
+    expectTempsGone();
+    expectNothingInstalled();
+  }
+  void expectDiskFailure(int error) {
+    EXPECT_THAT(logged(), ElementsAre(line(std::string(Kind::kPersistFailure) + kInstallUri)));
+    EXPECT_EQ(platform().log.back().error, error);
+    expectStatus("DISK_IO_FAILED");
+    expectTempsGone();
   }
   void expectTempsGone() {
     EXPECT_FALSE(exists(download_));
@@ -95,7 +116,7 @@ class InstallTest : public TransferTest {
   void expectNothingInstalled() {
     EXPECT_FALSE(exists(installed_));
     EXPECT_FALSE(exists(installedChecksum_));
-    EXPECT_THAT(fakes::platform().commands, testing::Not(testing::Contains(kSaveCommand)));
+    EXPECT_THAT(platform().commands, Not(Contains(kSave)));
   }
   static std::string line(const std::string& text) {
     return std::string("4 ") + Kind::kUnit + ".onSuccess: " + text;

@@ -27,8 +27,6 @@ CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd extra[], unsigned int
 namespace kova::ctlserver {
 namespace {
 
-using Map = Variant::Map;
-
 constexpr char kLogOpened[] = "openSystemLog ctl 1 128";  // LOG_PID, LOG_LOCAL0
 
 /// Runs the daemon's entry in a child process, since its signal flag lasts as long as the process.
@@ -39,8 +37,29 @@ class MainTest : public testing::Test {
     ipc::Ipc::FreeInstance();  // one that another test left would be used
     fakes::reset();
     transferWaits.clear();
-    platform().cameraInfo =
-        Variant(Map{{"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+    platform().cameraInfo = Variant(kPlainCamera);
+  }
+
+  static void ask(Map request) { platform().bus.pending.emplace_back(std::move(request)); }
+
+  /// Acts in one pass of the loop, which are counted from 1.
+  static void inPass(
+      int number, const std::function<void()>& act = [] { raise(SIGTERM); }) {
+    platform().bus.onService = [act, left = number]() mutable {
+      if (--left == 0) {
+        act();
+      }
+      return true;
+    };
+  }
+
+  static void sigtermDuringRunOf(const std::string& command) {
+    platform().onRun = [command](const std::string& run) {
+      if (run == command) {
+        raise(SIGTERM);
+      }
+      return fakes::ProcessResult{};
+    };
   }
 
   /// True when `check` holds in the child after the entry returned `status`.
@@ -69,23 +88,10 @@ class MainTest : public testing::Test {
   }
 };
 
-bool onceThen(int passes, const std::function<void()>& act) {
-  static int count = 0;
-  if (++count == passes) {
-    act();
-  }
-  return true;
-}
-
 TEST_F(MainTest, StartsRegistersAndStopsInOrder) {
-  platform().bus.onService = [] { return onceThen(2, [] { raise(SIGTERM); }); };
+  inPass(2);
   expectRun(0, [] {
-    std::vector<std::string> expected = {kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
-                                         "CameraInfo::Init", "InitializeStatsLib"};
-    const auto& journal = platform().journal;
-    ASSERT_GE(journal.size(), expected.size());
-    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), journal.begin()));
-
+    auto journal = platform().journal;
     std::vector<std::string> registered;
     std::copy_if(journal.begin(), journal.end(), std::back_inserter(registered),
                  [](const auto& event) { return event.starts_with("Ipc::AddHandler"); });
@@ -96,6 +102,9 @@ TEST_F(MainTest, StartsRegistersAndStopsInOrder) {
     wanted.emplace_back("Ipc::AddHandler \"\" CatchAllHandlerRejector");
     EXPECT_EQ(registered, wanted);
 
+    journal.resize(5);
+    EXPECT_THAT(journal, ElementsAre(kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
+                                     "CameraInfo::Init", "InitializeStatsLib"));
     EXPECT_THAT(journalFrom("Ipc::Init kova_ctlserver"),
                 ElementsAre("Ipc::Init kova_ctlserver",                           //
                             "Ipc::Service 0", "BaseButton::service", "sleep 10",  //
@@ -109,56 +118,48 @@ TEST_F(MainTest, StartsRegistersAndStopsInOrder) {
   });
 }
 
-TEST_F(MainTest, MissingCrashHandlerStopsItFirst) {
-  platform().crashHandlerResult = false;
-  expectRun(-1, [] {
-    EXPECT_THAT(platform().journal, ElementsAre(kLogOpened, "InstallCrashDumpHandler"));
-    EXPECT_TRUE(platform().logged(3, "Unable to install the crash dump handler"));
-  });
-}
+struct StopFailure {
+  const char* text;
+  std::function<void(fakes::Platform&)> arrange;
+  std::vector<std::string> ending;  // of the journal
+  std::vector<std::string> notified = {};
+};
 
-TEST_F(MainTest, MissingDeviceDescriptionStopsIt) {
-  platform().cameraInfoResult = false;
-  expectRun(-1, [] {
-    EXPECT_TRUE(platform().logged(3, "Failed to read CameraInfo"));
-    EXPECT_THAT(platform().journal,
-                ElementsAre(kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
-                            "CameraInfo::Init", "Ipc::FreeInstance"));
-  });
-}
+const StopFailure kStopFailures[] = {
+    {"Unable to install the crash dump handler",
+     [](auto& camera) { camera.crashHandlerResult = false; },
+     {kLogOpened, "InstallCrashDumpHandler"}},
+    {"Failed to read CameraInfo",
+     [](auto& camera) { camera.cameraInfoResult = false; },
+     {kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance", "CameraInfo::Init",
+      "Ipc::FreeInstance"}},
+    {"Failed to initialize CtlServer",
+     [](auto& camera) { camera.stats.initResult = 5; },
+     {kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance", "CameraInfo::Init",
+      "InitializeStatsLib", "Ipc::FreeInstance"}},
+    {"Failed to initialize IPC",
+     [](auto& camera) { camera.bus.initResult = false; },
+     {"Ipc::Init kova_ctlserver", "CloseStatsLib", "Ipc::FreeInstance"}},
+    {"Failed to service IPC",
+     [](auto& camera) { camera.bus.onService = [] { return false; }; },
+     {"Ipc::Service 0", "CloseStatsLib", "Ipc::FreeInstance"},
+     {"ready"}}};
 
-TEST_F(MainTest, FailedServerInitStopsItBeforeRegistration) {
-  platform().stats.initResult = 5;
-  expectRun(-1, [] {
-    EXPECT_TRUE(platform().logged(3, "Failed to initialize CtlServer"));
-    EXPECT_THAT(platform().journal,
-                ElementsAre(kLogOpened, "InstallCrashDumpHandler", "Ipc::GetInstance",
-                            "CameraInfo::Init", "InitializeStatsLib", "Ipc::FreeInstance"));
-  });
-}
-
-TEST_F(MainTest, UnreachableBusStopsItThroughTeardown) {
-  platform().bus.initResult = false;
-  expectRun(-1, [] {
-    EXPECT_TRUE(platform().logged(3, "Failed to initialize IPC"));
-    EXPECT_THAT(journalFrom("Ipc::Init kova_ctlserver"),
-                ElementsAre("Ipc::Init kova_ctlserver", "CloseStatsLib", "Ipc::FreeInstance"));
-    EXPECT_TRUE(platform().notified.empty()) << "of a daemon that serves nobody";
-  });
-}
-
-TEST_F(MainTest, LostBusEndsLoopWithFailure) {
-  platform().bus.onService = [] { return false; };
-  expectRun(-1, [] {
-    EXPECT_TRUE(platform().logged(3, "Failed to service IPC"));
-    EXPECT_THAT(journalFrom("Ipc::Service 0"),
-                ElementsAre("Ipc::Service 0", "CloseStatsLib", "Ipc::FreeInstance"));
-  });
+TEST_F(MainTest, FailureStopsItThroughTeardown) {
+  for (const auto& failure : kStopFailures) {
+    SCOPED_TRACE(failure.text);
+    SetUp();
+    failure.arrange(platform());
+    expectRun(-1, [&] {
+      EXPECT_TRUE(platform().logged(3, failure.text));
+      EXPECT_EQ(journalFrom(failure.ending.front()), failure.ending);
+      EXPECT_EQ(platform().notified, failure.notified);
+    });
+  }
 }
 
 TEST_F(MainTest, ExitServiceStopsItAtNextCheckWithoutLogLine) {
-  platform().bus.pending.push_back(
-      Variant(Map{{"functionName", "ExitService"}, {"responseExpected", true}}));
+  ask({{"functionName", "ExitService"}, {"responseExpected", true}});
   expectRun(0, [] {
     EXPECT_THAT(platform().log, IsEmpty());
     EXPECT_THAT(platform().bus.responses, IsEmpty());
@@ -169,12 +170,8 @@ TEST_F(MainTest, ExitServiceStopsItAtNextCheckWithoutLogLine) {
 }
 
 TEST_F(MainTest, RequestInterruptedBySigtermCompletesFirst) {
-  platform().bus.pending.push_back(
-      Variant(Map{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}}));
-  platform().onRun = [](const std::string&) {
-    raise(SIGTERM);
-    return fakes::ProcessResult{};
-  };
+  ask({{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}});
+  sigtermDuringRunOf(kSave);
   expectRun(0, [] {
     ASSERT_EQ(platform().bus.responses.size(), 1U);
     EXPECT_EQ(platform().bus.responses.front().second.find("statusCode")->toNumber<int>(), 0);
@@ -188,23 +185,20 @@ TEST_F(MainTest, RequestInterruptedBySigtermCompletesFirst) {
 
 TEST_F(MainTest, FailedRegistrationDoesNotStopIt) {
   platform().bus.addResult = false;
-  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
+  inPass(1);
   expectRun(0, [] { EXPECT_THAT(platform().logTexts(), ElementsAre("SIGTERM received")); });
 }
 
 TEST_F(MainTest, ExitFlagIsCheckedBeforeSigterm) {
-  platform().bus.pending.push_back(Variant(Map{{"functionName", "ExitService"}}));
-  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
+  ask({{"functionName", "ExitService"}});
+  inPass(1);
   expectRun(0, [] { EXPECT_FALSE(platform().logged(6, "SIGTERM received")); });
 }
 
 TEST_F(MainTest, SecondSigtermDoesNotInterruptPendingSave) {
-  platform().bus.pending.push_back(Variant(Map{{"functionName", "SaveToFlash"}}));
-  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
-  platform().onRun = [](const std::string&) {
-    raise(SIGTERM);
-    return fakes::ProcessResult{};
-  };
+  ask({{"functionName", "SaveToFlash"}});
+  inPass(1);
+  sigtermDuringRunOf(kSave);
   expectRun(0, [] {
     EXPECT_THAT(
         journalFrom("CloseStatsLib"),
@@ -214,15 +208,13 @@ TEST_F(MainTest, SecondSigtermDoesNotInterruptPendingSave) {
 }
 
 TEST_F(MainTest, BusIsToldWhatItDidNotTakeBefore) {
-  platform().bus.pending = {Variant(Map{{"functionName", "PutRequest"}}),
-                            Variant(Map{{"functionName", "SaveToFlash"}})};
+  ask({{"functionName", "PutRequest"}});
+  ask({{"functionName", "SaveToFlash"}});
   platform().bus.signalResult = false;
-  platform().bus.onService = [] {
-    return onceThen(2, [] {
-      platform().bus.signalResult = true;
-      raise(SIGTERM);
-    });
-  };
+  inPass(2, [] {
+    platform().bus.signalResult = true;
+    raise(SIGTERM);
+  });
   expectRun(0, [] {
     using testing::Field;
     using testing::Key;
@@ -234,13 +226,13 @@ TEST_F(MainTest, BusIsToldWhatItDidNotTakeBefore) {
 }
 
 TEST_F(MainTest, TransfersAreNeverWaitedFor) {
-  platform().bus.pending.push_back(Variant(Map{{"functionName", "PutRequest"},
-                                               {"from", "peer"},
-                                               {"what", "logo"},
-                                               {"hash", "0"},
-                                               {"timeoutMs", 5000},
-                                               {"uri", "http://127.0.0.1:9/logo"}}));
-  platform().bus.onService = [] { return onceThen(3, [] { raise(SIGTERM); }); };
+  ask({{"functionName", "PutRequest"},
+       {"from", "peer"},
+       {"what", "logo"},
+       {"hash", "0"},
+       {"timeoutMs", 5000},
+       {"uri", "http://127.0.0.1:9/logo"}});
+  inPass(3);
   expectRun(0, [] {
     ASSERT_FALSE(transferWaits.empty());
     EXPECT_THAT(transferWaits, testing::Each(0));
@@ -252,10 +244,9 @@ class RebootTest : public MainTest {
  protected:
   void SetUp() override {
     MainTest::SetUp();
-    platform().bus.pending = {
-        Variant(Map{{"functionName", "ResetToDefaults"}}),
-        Variant(Map{{"functionName", "Reboot"}, {"delayMs", 700}}),
-        Variant(Map{{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}})};
+    ask({{"functionName", "ResetToDefaults"}});
+    ask({{"functionName", "Reboot"}, {"delayMs", 700}});
+    ask({{"functionName", "SaveToFlash"}, {"sync", true}, {"responseExpected", true}});
   }
 
   static void sigtermDuringSleepOf(int milliseconds) {
@@ -294,19 +285,8 @@ TEST_F(RebootTest, SigtermDuringDelayIsNotLost) {
 }
 
 TEST_F(RebootTest, SigtermDuringToolIsNotLost) {
-  platform().onRun = [](const std::string& command) {
-    if (command == "/usr/bin/reboot") {
-      raise(SIGTERM);
-    }
-    return fakes::ProcessResult{};
-  };
+  sigtermDuringRunOf(kReboot);
   expectRun(0, [] { expectEnd({}); });
-}
-
-TEST_F(MainTest, UnknownNameReachesRejector) {
-  platform().bus.pending.push_back(Variant(Map{{"functionName", "NoSuchFunction"}}));
-  platform().bus.onService = [] { return onceThen(1, [] { raise(SIGTERM); }); };
-  expectRun(0, [] { EXPECT_THAT(platform().bus.unhandled, ElementsAre("NoSuchFunction")); });
 }
 
 TEST(WirelessKeys, AreThoseOfAccessPoint) {

@@ -56,10 +56,6 @@ std::string expected(const std::string& content) {
 
 class Md5sumTest : public TransferTest {
  protected:
-  void SetUp() override {
-    TransferTest::SetUp();
-    faults = {};
-  }
   void TearDown() override { faults = {}; }
 
   static std::string of(const std::string& content) {
@@ -94,12 +90,12 @@ TEST_F(Md5sumTest, MatchesAroundChunkBoundaries) {
     }
     EXPECT_EQ(of(content), expected(content)) << size;
   }
-  EXPECT_THAT(fakes::platform().log, IsEmpty());
+  EXPECT_THAT(platform().log, IsEmpty());
 }
 
 TEST_F(Md5sumTest, MissingFileOrFolderCannotBeOpened) {
   expectFailure("/tmp/none", "Failed to open /tmp/none");
-  EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
+  EXPECT_EQ(platform().log.front().error, ENOENT);
   fakes::reset();
   expectFailure("/tmp", "Failed to open /tmp");
 }
@@ -111,7 +107,7 @@ TEST_F(Md5sumTest, ShrunkFileCannotBeRead) {
   ASSERT_EQ(stat(kShort, &status), 0);
   ASSERT_EQ(status.st_size, 4096);
   expectFailure(kShort, std::string("Failed to read from ") + kShort);
-  EXPECT_EQ(fakes::platform().log.front().error, EIO);
+  EXPECT_EQ(platform().log.front().error, EIO);
 }
 
 TEST_F(Md5sumTest, EveryDigestFailureIsDistinct) {

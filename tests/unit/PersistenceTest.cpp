@@ -1,9 +1,6 @@
 #include "Persistence.h"
 
-#include <gmock/gmock.h>
-
-#include "Commands.h"
-#include "Platform.h"
+#include "UnitTest.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -12,17 +9,15 @@ class PersistenceTest : public testing::Test {
  protected:
   void SetUp() override { fakes::reset(); }
 
-  static void fail(const std::string& failing) {
-    platform().onRun = [failing](const std::string& command) {
-      return fakes::ProcessResult{command == failing ? 1 : 0, "", ""};
-    };
+  bool serviceAfter(std::uint64_t milliseconds) {
+    platform().nowMs += milliseconds;
+    return persistence_.service();
   }
 
   /// Services every 10 ms for so long.
   void pass(int milliseconds) {
     for (int elapsed = 0; elapsed < milliseconds; elapsed += 10) {
-      platform().nowMs += 10;
-      persistence_.service();
+      serviceAfter(10);
     }
   }
 
@@ -40,20 +35,14 @@ TEST_F(PersistenceTest, IdleServiceRunsNoCommand) {
 TEST_F(PersistenceTest, ForcedSaveRunsWithNothingPending) {
   EXPECT_TRUE(persistence_.persist(true));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
-  ASSERT_EQ(platform().log.size(), 1U);
-  EXPECT_EQ(platform().log[0].identity, "kova_ctlserver");
-  EXPECT_EQ(platform().log[0].unit, "Persistence");
-  EXPECT_EQ(platform().log[0].function, "persist");
-  EXPECT_TRUE(platform().logged(6, "Persisted"));
+  EXPECT_THAT(platform().log, ElementsAre(LogLine{"Persistence", "persist", 6, 0, "Persisted"}));
 }
 
 TEST_F(PersistenceTest, SaveRunsMoreThanFiveSecondsLater) {
   persistence_.enqueue();
-  platform().nowMs += 5000;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5000));
   EXPECT_THAT(platform().commands, IsEmpty());
-  platform().nowMs += 1;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
   pass(20000);
   EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "once only";
@@ -86,10 +75,9 @@ TEST_F(PersistenceTest, SaveAfterEraseWritesConfigurationBack) {
 }
 
 TEST_F(PersistenceTest, FailedSaveIsLoggedAndRetriedAtEveryPass) {
-  fail(kSave);
+  failRunOf(kSave);
   persistence_.enqueue();
-  platform().nowMs += 5001;
-  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
   EXPECT_TRUE(platform().logged(3, "Failed to persist"));
@@ -100,14 +88,14 @@ TEST_F(PersistenceTest, FailedSaveIsLoggedAndRetriedAtEveryPass) {
 }
 
 TEST_F(PersistenceTest, FailedForcedSaveWithNothingPendingIsNotRetried) {
-  fail(kSave);
+  failRunOf(kSave);
   EXPECT_FALSE(persistence_.persist(true));
   pass(20000);
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
 }
 
 TEST_F(PersistenceTest, FailedForcedSaveLeavesPendingSave) {
-  fail(kSave);
+  failRunOf(kSave);
   persistence_.enqueue();
   EXPECT_FALSE(persistence_.persist(true));
   platform().onRun = nullptr;
@@ -125,14 +113,12 @@ TEST_F(PersistenceTest, CancelDropsSaveButNotReset) {
 
 TEST_F(PersistenceTest, ResetErasesAndRebootsMoreThanFiveSecondsLater) {
   persistence_.enqueueReset();
-  platform().nowMs += 5000;
-  persistence_.service();
+  EXPECT_TRUE(serviceAfter(5000));
   EXPECT_THAT(platform().commands, IsEmpty());
-  platform().nowMs += 1;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1));
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
-  EXPECT_TRUE(platform().logged(6, "Reset to defaults"));
-  EXPECT_EQ(platform().log[0].function, "reset");
+  EXPECT_THAT(platform().log,
+              ElementsAre(LogLine{"Persistence", "reset", 6, 0, "Reset to defaults"}));
   pass(20000);
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
@@ -141,31 +127,26 @@ TEST_F(PersistenceTest, SecondResetRequestPostponesReset) {
   persistence_.enqueueReset();
   platform().nowMs += 3000;
   persistence_.enqueueReset();
-  platform().nowMs += 5000;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5000));
   EXPECT_THAT(platform().commands, IsEmpty());
-  platform().nowMs += 1;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1));
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
 TEST_F(PersistenceTest, FailedEraseIsLoggedAtEveryPassWithoutReboot) {
-  fail(kErase);
+  failRunOf(kErase);
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kErase));
   const LogLine failed{"Persistence", "reset", 3, 0, "Failed to reset"};
   EXPECT_THAT(platform().log, ElementsAre(failed, failed));
-  platform().onRun = nullptr;  // the destructor tries once more
 }
 
 TEST_F(PersistenceTest, FailedRebootAfterEraseIsLoggedOnceWithoutRetry) {
-  fail(kReboot);
+  failRunOf(kReboot);
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5001));
   pass(10000);
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
   EXPECT_THAT(platform().log,
@@ -176,59 +157,44 @@ TEST_F(PersistenceTest, FailedRebootAfterEraseIsLoggedOnceWithoutRetry) {
 TEST_F(PersistenceTest, SaveRunsBeforeReset) {
   persistence_.enqueue();
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(5001));
   EXPECT_THAT(platform().commands, ElementsAre(kSave));
   EXPECT_TRUE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
 }
 
 TEST_F(PersistenceTest, FailingSaveHoldsBackDueReset) {
-  fail(kSave);
+  failRunOf(kSave);
   persistence_.enqueue();
   persistence_.enqueueReset();
-  platform().nowMs += 5001;
-  EXPECT_FALSE(persistence_.service());
+  EXPECT_FALSE(serviceAfter(5001));
   EXPECT_FALSE(persistence_.service());
   EXPECT_THAT(platform().commands, ElementsAre(kSave, kSave));
-  platform().onRun = nullptr;
 }
 
 TEST_F(PersistenceTest, ResetDropsSaveRequestedMeanwhile) {
   persistence_.enqueueReset();
   platform().nowMs += 4000;
   persistence_.enqueue();
-  platform().nowMs += 1001;
-  EXPECT_TRUE(persistence_.service());
+  EXPECT_TRUE(serviceAfter(1001));
   pass(10000);
   EXPECT_THAT(platform().commands, ElementsAre(kErase, kReboot));
 }
 
-TEST(PersistenceAtExit, WritesPendingSaveThenRunsPendingReset) {
-  fakes::reset();
-  {
-    Persistence persistence;
-    persistence.enqueue();
-    persistence.enqueueReset();
+TEST_F(PersistenceTest, ExitRunsPendingSaveThenPendingReset) {
+  for (const char* failing : {"", kSave}) {
+    platform().commands.clear();
+    failRunOf(failing);
+    {
+      Persistence persistence;
+      persistence.enqueue();
+      persistence.enqueueReset();
+    }
+    EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot)) << failing;
   }
-  EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
 }
 
-TEST(PersistenceAtExit, FailedSaveDoesNotHoldBackReset) {
-  fakes::reset();
-  platform().onRun = [](const std::string& command) {
-    return fakes::ProcessResult{command == kSave ? 1 : 0, "", ""};
-  };
-  {
-    Persistence persistence;
-    persistence.enqueue();
-    persistence.enqueueReset();
-  }
-  EXPECT_THAT(platform().commands, ElementsAre(kSave, kErase, kReboot));
-}
-
-TEST(PersistenceAtExit, RunsNothingIfNothingIsPending) {
-  fakes::reset();
+TEST_F(PersistenceTest, ExitRunsNothingIfNothingIsPending) {
   { Persistence persistence; }
   EXPECT_THAT(platform().commands, IsEmpty());
 }

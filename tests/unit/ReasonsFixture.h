@@ -33,7 +33,7 @@ class TransferReasonsTest : public TransferRoutingTest {
     return told(number);
   }
   void programsAnswer(const std::string& program, const fakes::ProcessResult& result) {
-    fakes::platform().onRun = [program, result](const std::string& command) {
+    platform().onRun = [program, result](const std::string& command) {
       return command.starts_with(program) ? result : fakes::ProcessResult{};
     };
   }

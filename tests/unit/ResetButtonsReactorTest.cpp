@@ -13,9 +13,6 @@
 namespace kova::ctlserver {
 namespace {
 
-constexpr std::uint32_t kShortHoldModel = 0xa526;
-constexpr std::uint32_t kOtherModel = 0xa525;
-
 LogLine line(const char* function, const std::string& text, int level = LOG_INFO) {
   return {"ResetButtonsReactor", function, level, 0, text};
 }
@@ -24,20 +21,16 @@ class ResetButtonsReactorTest : public testing::Test {
  protected:
   void SetUp() override {
     fakes::reset();
-    info_["sysid"] = kOtherModel;
+    info_["sysid"] = 0xa525U;
     ASSERT_TRUE(server_->init(ipc::Ipc::GetInstance()));
-    use(kOtherModel);
-    initJournal_ = std::exchange(platform().journal, {});
+    ASSERT_TRUE(reactor_.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
+    EXPECT_EQ(platform().journal.back(), "BaseButton::init 100");
+    platform().journal.clear();
   }
 
   void TearDown() override {
     server_.reset();
     ipc::Ipc::FreeInstance();
-  }
-
-  void use(std::uint32_t sysid) {
-    info_["sysid"] = sysid;
-    EXPECT_TRUE(reactor_.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
   }
 
   /// Whether a factory reset has been scheduled: it erases the configuration once it is due.
@@ -47,27 +40,10 @@ class ResetButtonsReactorTest : public testing::Test {
     return testing::Matches(Contains("/bin/cfgmtd -c"))(platform().commands);
   }
 
-  static std::vector<std::string> sleeps() {
-    std::vector<std::string> found;
-    for (const auto& event : platform().journal) {
-      if (event.starts_with("sleep ")) {
-        found.push_back(event);
-      }
-    }
-    return found;
-  }
-
   variant::CameraInfo info_;
   std::unique_ptr<CtlServer> server_ = std::make_unique<CtlServer>(info_);
   ResetButtonsReactor reactor_;
-  std::vector<std::string> initJournal_;
 };
-
-TEST_F(ResetButtonsReactorTest, PressIsOnlyLogged) {
-  reactor_.buttonDown();
-  EXPECT_THAT(platform().log, ElementsAre(line("buttonDown", "Reset button (case) down")));
-  EXPECT_THAT(platform().journal, IsEmpty());
-}
 
 TEST_F(ResetButtonsReactorTest, EventBeforeInitIsInternalError) {
   ResetButtonsReactor fresh;
@@ -100,30 +76,21 @@ TEST_F(ResetButtonsReactorTest, LongPressNeverReportedAsHeldDoesNothing) {
   EXPECT_FALSE(resetScheduled());
 }
 
-class ThresholdTest : public ResetButtonsReactorTest {
- protected:
-  void expectThreshold(std::uint32_t sysid, int thresholdMs) {
-    use(sysid);
-    reactor_.buttonDepressed(INT_MIN);
-    reactor_.buttonDepressed(-1);
-    reactor_.buttonDepressed(thresholdMs - 1);
-    reactor_.buttonDepressed(thresholdMs);
+TEST_F(ResetButtonsReactorTest, ThresholdIsFiveSecondsButThreeOnOneModel) {
+  for (const auto& [sysid, thresholdMs] :
+       {std::pair{0xa525U, 5000}, {0xa526U, 3000}, {0xa527U, 5000}}) {
+    SCOPED_TRACE(sysid);
+    platform().bus.sent.clear();
+    info_["sysid"] = sysid;
+    ResetButtonsReactor reactor;
+    EXPECT_TRUE(reactor.init("case", &info_, ipc::Ipc::GetInstance(), server_.get()));
+    for (const int heldMs : {INT_MIN, -1, thresholdMs - 1, thresholdMs}) {
+      reactor.buttonDepressed(heldMs);
+    }
     EXPECT_THAT(platform().bus.sent, IsEmpty());
-    reactor_.buttonDepressed(thresholdMs + 1);
+    reactor.buttonDepressed(thresholdMs + 1);
     EXPECT_EQ(platform().bus.sent.size(), 1U);
   }
-};
-
-TEST_F(ThresholdTest, IsThreeSecondsOnOneModel) {
-  expectThreshold(kShortHoldModel, 3000);
-}
-
-TEST_F(ThresholdTest, IsFiveSecondsOnModelBelow) {
-  expectThreshold(0xa525, 5000);
-}
-
-TEST_F(ThresholdTest, IsFiveSecondsOnModelAbove) {
-  expectThreshold(0xa527, 5000);
 }
 
 TEST_F(ResetButtonsReactorTest, SignalPlaysResetButtonSound) {
@@ -162,14 +129,6 @@ TEST_F(ResetButtonsReactorTest, HoldingAloneSchedulesNothing) {
   EXPECT_FALSE(resetScheduled());
 }
 
-TEST_F(ResetButtonsReactorTest, ReleaseAfterSignalSchedulesReset) {
-  reactor_.buttonDown();
-  reactor_.buttonDepressed(5001);
-  reactor_.buttonUp(6500);
-  EXPECT_TRUE(platform().logged(LOG_INFO, "Reset button (case) up after 6500 ms"));
-  EXPECT_TRUE(resetScheduled());
-}
-
 TEST_F(ResetButtonsReactorTest, ReleaseAtThresholdSchedulesNothingEvenIfArmed) {
   reactor_.buttonDepressed(5001);
   reactor_.buttonUp(5000);
@@ -184,48 +143,31 @@ TEST_F(ResetButtonsReactorTest, ArmedStateIsNeverLeft) {
   EXPECT_TRUE(resetScheduled());
 }
 
-class ReleaseWaitTest : public ResetButtonsReactorTest {
- protected:
-  void expectWait(int pastThresholdMs, const std::vector<std::string>& expected) {
-    reactor_.buttonDepressed(5001);
-    platform().journal.clear();
-    const auto released = platform().nowMs;
-    reactor_.buttonUp(5000 + pastThresholdMs);
-    EXPECT_EQ(sleeps(), expected);
-    // The reset counts from the end of the wait.
-    const auto waited = platform().nowMs - released;
-    platform().nowMs = released + waited + 5000;
-    server_->service(0);
-    EXPECT_THAT(platform().commands, IsEmpty());
-    platform().nowMs += 1;
-    server_->service(0);
-    EXPECT_THAT(platform().commands, Contains("/bin/cfgmtd -c"));
-  }
-};
+/// How long after the threshold the button is released, and the waits that follow.
+using Release = std::pair<int, std::vector<std::string>>;
 
-TEST_F(ReleaseWaitTest, LastsUntilOneSecondPastThreshold) {
-  expectWait(200, {"sleep 800"});
+class ReleaseWaitTest : public ResetButtonsReactorTest,
+                        public testing::WithParamInterface<Release> {};
+
+TEST_P(ReleaseWaitTest, LastsUntilOneSecondPastThreshold) {
+  const auto& [pastThresholdMs, waits] = GetParam();
+  reactor_.buttonDepressed(5001);
+  platform().journal.clear();
+  reactor_.buttonUp(5000 + pastThresholdMs);
+  EXPECT_EQ(platform().journal, waits);
+  // The reset counts from the end of the wait.
+  platform().nowMs += 5000;
+  server_->service(0);
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 1;
+  server_->service(0);
+  EXPECT_THAT(platform().commands, Contains("/bin/cfgmtd -c"));
 }
 
-TEST_F(ReleaseWaitTest, IsAtMost999Milliseconds) {
-  expectWait(1, {"sleep 999"});
-}
-
-TEST_F(ReleaseWaitTest, IsAtLeastOneMillisecond) {
-  expectWait(999, {"sleep 1"});
-}
-
-TEST_F(ReleaseWaitTest, IsNotNeededOneSecondPastThreshold) {
-  expectWait(1000, {});
-}
-
-TEST_F(ReleaseWaitTest, IsNotNeededLater) {
-  expectWait(1001, {});
-}
-
-TEST_F(ReleaseWaitTest, IsNotNeededAtLargestTime) {
-  expectWait(INT_MAX - 5000, {});
-}
+INSTANTIATE_TEST_SUITE_P(Releases, ReleaseWaitTest,
+                         testing::Values(Release{1, {"sleep 999"}}, Release{200, {"sleep 800"}},
+                                         Release{999, {"sleep 1"}}, Release{1000, {}},
+                                         Release{1001, {}}, Release{INT_MAX - 5000, {}}));
 
 // The model.
 
@@ -251,7 +193,6 @@ TEST_F(ResetButtonsReactorTest, DescriptionWithoutModelEndsProcess) {
 // The button in the server.
 
 TEST_F(ResetButtonsReactorTest, ServerConnectsButtonToReactor) {
-  EXPECT_EQ(initJournal_.back(), "BaseButton::init 100");
   platform().button.onService = [] {
     platform().button.onService = nullptr;
     platform().button.observer->buttonDown();
@@ -272,13 +213,6 @@ TEST_F(ResetButtonsReactorTest, FailedButtonInitFailsServerInit) {
   EXPECT_FALSE(CtlServer(info_).init(ipc::Ipc::GetInstance()));
   EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "init", LOG_ERR, 0,
                                                   "Failed to initialize reset button case"}));
-}
-
-TEST_F(ResetButtonsReactorTest, FailedButtonServiceIsOnlyLogged) {
-  platform().button.serviceResult = false;
-  EXPECT_TRUE(server_->service(0));
-  EXPECT_THAT(platform().log, ElementsAre(LogLine{"CtlServer", "service", LOG_ERR, 0,
-                                                  "Failed to service reset button case"}));
 }
 
 }  // namespace

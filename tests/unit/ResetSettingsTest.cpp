@@ -25,10 +25,10 @@ class ResetSettingsTest : public testing::Test {
 
 TEST_F(ResetSettingsTest, RestoresDefaultNameAndGmt) {
   EXPECT_TRUE(server_.resetSettings(reply_));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"},
-                                         {"timezone", "GMT"},
-                                         {"region", "Asia"},
-                                         {"timelapseminutes", 1}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Kova Camera"},
+                                {"timezone", "GMT"},
+                                {"region", "Asia"},
+                                {"timelapseminutes", 1}}));
   EXPECT_EQ(platform().config.values,
             (std::map<std::string, std::string>{{"resolv.host.1.name", "Kova Camera"},
                                                 {"system.timezone", "GMT"},
@@ -42,37 +42,27 @@ TEST_F(ResetSettingsTest, NeitherSavesToFlashNorReboots) {
   EXPECT_TRUE(server_.resetSettings(reply_));
   platform().nowMs += 60'000;
   server_.service(0);
-  EXPECT_THAT(platform().commands, testing::ElementsAre("/bin/kova_cmd_apply_camera_name.sh"));
+  EXPECT_THAT(platform().commands, ElementsAre("/bin/kova_cmd_apply_camera_name.sh"));
 }
 
 TEST_F(ResetSettingsTest, FailedUpdateIsReturnedWithItsReply) {
   platform().config.failingSet = "system.timezone";
   EXPECT_FALSE(server_.resetSettings(reply_));
-  EXPECT_EQ(reply_, Variant(Variant::Map{{"name", "Kova Camera"}}));
+  EXPECT_EQ(reply_, Variant(Map{{"name", "Kova Camera"}}));
 }
 
-class UnnamedDeviceTest : public ResetSettingsTest {
- protected:
-  void expectCrash(const std::string& text) {
+TEST_F(ResetSettingsTest, DescriptionWithoutNameEndsProcess) {
+  const auto expectCrash = [&](const std::string& text) {
+    platform().log.clear();
     EXPECT_THROW(server_.resetSettings(reply_), fakes::ForcedCrash);
     EXPECT_THAT(platform().log,
                 ElementsAre(LogLine{"CtlServer", "resetSettings", LOG_ERR, 0, text}));
     EXPECT_THAT(platform().journal, Not(Contains(StartsWith("SystemCfgManager"))));
-  }
-};
-
-TEST_F(UnnamedDeviceTest, NonMapDescriptionEndsProcess) {
+  };
   info_ = variant::CameraInfo();
   expectCrash("Invalid variant type detected");
-}
-
-TEST_F(UnnamedDeviceTest, DescriptionWithoutNameEndsProcess) {
-  info_ = variant::CameraInfo();
   info_["sysid"] = std::uint32_t{42321};
   expectCrash("Key \"name\" not available");
-}
-
-TEST_F(UnnamedDeviceTest, MistypedNameEndsProcess) {
   info_["name"] = 7;
   expectCrash("Key \"name\" has a different type than expected");
 }

@@ -11,7 +11,7 @@
 
 namespace kova::ctlserver {
 
-using Fields = Variant::Map;
+using Fields = Map;
 
 inline constexpr char kContentDigest[] = "9a0364b9e99bb480dd25e1f0284c8555";  // of "content"
 
@@ -47,18 +47,17 @@ class TransferRoutingTest : public TransferTest {
   void startServer() {
     server_.reset();
     fakes::reset();
-    fakes::platform().onRun = [](const std::string& command) {
+    platform().onRun = [](const std::string& command) {
       return fakes::ProcessResult{0,
                                   command.starts_with("/usr/libexec/")
                                       ? "empty=0 channels=1 depth=0 width=1 height=1\n"
                                       : "",
                                   ""};
     };
-    static_cast<Variant&>(info_) = Variant(
-        Fields{{"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+    static_cast<Variant&>(info_) = Variant(kPlainCamera);
     server_ = std::make_unique<CtlServer>(info_);
     ASSERT_TRUE(server_->init(nullptr));
-    fakes::platform().journal.clear();
+    platform().journal.clear();
   }
 
   void peerAnswers(const std::string& body) {
@@ -117,6 +116,13 @@ class TransferRoutingTest : public TransferTest {
     return request;
   }
 
+  /// The files that ask() asks for.
+  static void writeUploads(const std::string& content) {
+    for (const char* path : {"/tmp/snap.jpeg", "/tmp/motionsnap_1.jpg", "/tmp/heatmap_1.png"}) {
+      write(path, content);
+    }
+  }
+
   bool serviceUntil(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!condition()) {
@@ -128,7 +134,7 @@ class TransferRoutingTest : public TransferTest {
     return true;
   }
   bool serviceUntilEvent() {
-    return serviceUntil([] { return !fakes::platform().bus.sent.empty(); });
+    return serviceUntil([] { return !platform().bus.sent.empty(); });
   }
   /// Until the peer has so many whole requests, and some turns more.
   bool serviceUntilRequests(std::size_t count) {

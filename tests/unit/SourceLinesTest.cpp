@@ -4,9 +4,7 @@
 #include <set>
 
 #include "BaseTransferTask.h"
-#include "CtlCommandsHandler.h"
-#include "CtlServer.h"
-#include "UnitTest.h"
+#include "DispatchFixture.h"
 
 int kova_ctlserver_main();
 
@@ -14,19 +12,10 @@ namespace kova::ctlserver {
 namespace {
 
 using testing::Gt;
-using Map = Variant::Map;
 
 /// Where several places report through one helper, a line tells of the place, not of the helper.
-class SourceLinesTest : public testing::Test {
+class SourceLinesTest : public DispatchFixture {
  protected:
-  void SetUp() override { fresh(); }
-
-  static void fresh() {
-    fakes::reset();
-    platform().config.values = {{"users.1.name", "admin"}, {"users.1.password", "old$secret"}};
-    platform().accounts.hashes = {{"admin", "old$secret"}};
-  }
-
   static int loggedLine() {
     EXPECT_EQ(platform().log.size(), 1U) << testing::PrintToString(platform().logTexts());
     return platform().log.empty() ? 0 : platform().log.back().line;
@@ -35,23 +24,16 @@ class SourceLinesTest : public testing::Test {
   int lineAfter(const char* functionName, Map fields) {
     platform().log.clear();
     fields["functionName"] = functionName;
-    ipc::messages::BaseRequestMessage request{Variant(std::move(fields))};
-    bool rejected = false;
-    handler_.HandleRequest(request, rejected);
+    handle(std::move(fields));
     return loggedLine();
   }
-
-  variant::CameraInfo info_{};
-  ipc::Ipc ipc_;
-  CtlServer server_{info_};
-  CtlCommandsHandler handler_{&ipc_, &server_};
 };
 
 TEST_F(SourceLinesTest, OfStart) {
   platform().crashHandlerResult = false;
   kova_ctlserver_main();
   const int crashHandler = loggedLine();
-  fresh();
+  SetUp();
   platform().cameraInfoResult = false;
   kova_ctlserver_main();
   EXPECT_NE(loggedLine(), crashHandler);
@@ -71,8 +53,6 @@ TEST_F(SourceLinesTest, OfStatistics) {
 }
 
 TEST_F(SourceLinesTest, OfSettings) {
-  info_["sysid"] = 1;
-  platform().config.values["resolv.host.1.name"] = "Yard";
   platform().config.failingGet = "resolv.host.1.name";
   const int name = lineAfter("ChangeDeviceSettings", {});
   platform().config.failingGet = "system.timezone";

@@ -45,8 +45,7 @@ class StartFaultsTest : public testing::Test {
   void SetUp() override {
     fakes::reset();
     calls = Calls();
-    platform().cameraInfo = Variant(Variant::Map{
-        {"name", "Camera"}, {"sysid", 1}, {"feature_wifi", 0}, {"feature_battery", 0}});
+    platform().cameraInfo = Variant(kPlainCamera);
     static_cast<Variant&>(info_) = platform().cameraInfo;
   }
   void TearDown() override { calls = Calls(); }
@@ -54,10 +53,14 @@ class StartFaultsTest : public testing::Test {
   variant::CameraInfo info_;
 };
 
-TEST_F(StartFaultsTest, NoTransfersWithoutStatisticsEngine) {
+TEST_F(StartFaultsTest, FailingStatisticsEngineEndsInit) {
   platform().stats.initResult = 17;
   CtlServer server(info_);
   EXPECT_FALSE(server.init(nullptr));
+  EXPECT_THAT(platform().log,
+              ElementsAre(LogLine{"CtlServer", "init", LOG_ERR, 0,
+                                  "Failed to initialize system statistics engine, res=17"}));
+  EXPECT_THAT(platform().journal, ElementsAre("InitializeStatsLib")) << "later steps do not run";
   EXPECT_EQ(calls.multiInits, 0U);
 }
 
@@ -90,7 +93,6 @@ TEST_F(StartFaultsTest, FailingSaveAndTransfersDoNotBlockButton) {
   server.persist(false);
   platform().nowMs += 5001;
   EXPECT_TRUE(server.service(0));
-  platform().onRun = nullptr;
 
   std::vector<std::string> own;
   for (const auto& line : platform().log) {

@@ -7,6 +7,11 @@ namespace {
 
 using Cancel = TransferRecords::Cancel;
 
+constexpr char kTakenOver[] =
+    "Request 2 took over the task, with a digest, deadline and requester of its own: ";
+constexpr char kKeptBack[] =
+    "Transfer 1 was still running and kept this one from starting; send the request again: ";
+
 using TransferCancelTest = TransferReasonsTest;
 
 TEST_F(TransferCancelTest, CancelledTransferFreesNameUriAndFile) {
@@ -21,10 +26,11 @@ TEST_F(TransferCancelTest, CancelledTransferFreesNameUriAndFile) {
     EXPECT_EQ(records().cancel(1), Cancel::Done);
     EXPECT_EQ(told(1), "CANCELLED: The transfer was cancelled on request.");
     EXPECT_FALSE(exists(file));
-    EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" to=client.a id=7 TRANSFER_FAILED")));
-    EXPECT_THAT(logged(), ElementsAre("6 TransferService.cancelTransfer: Transfer cancelled on "
-                                      "request, name=" +
-                                      taskName(kind) + ", uri=" + uri()));
+    EXPECT_THAT(events(), ElementsAre(EndsWith(" to=client.a id=7 TRANSFER_FAILED")));
+    EXPECT_THAT(
+        logged(),
+        ElementsAre("6 TransferService.cancelTransfer: Transfer cancelled on request, name=" +
+                    taskName(kind) + ", uri=" + uri()));
     EXPECT_TRUE(ask(kind, uri())) << "at once";
     server_->service(0);
     EXPECT_EQ(record(2).phase, TransferPhase::Transferring);
@@ -70,13 +76,10 @@ TEST_F(TransferCancelTest, TakeOverOfRunningTaskIsToldInBoth) {
   ASSERT_TRUE(serviceUntilConnections(1));
   ASSERT_TRUE(ask("logo", uri("/second")));
   ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
-  EXPECT_EQ(told(1),
-            "TRANSFER_FAILED: Request 2 took over the task, with a digest, deadline and requester "
-            "of its own: this ended its transfer.");
-  EXPECT_EQ(told(2),
-            "TRANSFER_FAILED: Transfer 1 was still running and kept this one from starting; send "
-            "the request again: the URI or the file /tmp/user_logo is in use by another transfer, "
-            "or held by one that could not start; `kovactl exit-service` frees it.");
+  EXPECT_EQ(told(1), std::string("TRANSFER_FAILED: ") + kTakenOver + "this ended its transfer.");
+  EXPECT_EQ(told(2), std::string("TRANSFER_FAILED: ") + kKeptBack +
+                         "the URI or the file /tmp/user_logo is in use by another transfer, or "
+                         "held by one that could not start; `kovactl exit-service` frees it.");
 }
 
 TEST_F(TransferCancelTest, TakeOverBeforeStartIsToldInBoth) {
@@ -84,13 +87,10 @@ TEST_F(TransferCancelTest, TakeOverBeforeStartIsToldInBoth) {
   ASSERT_TRUE(ask("logo", uri("/first"), {{"hash", kAnyDigest}}));
   ASSERT_TRUE(ask("logo", uri("/second"), {{"hash", kContentDigest}}));
   ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
-  EXPECT_EQ(told(1),
-            std::string("OK: Request 2 took over the task, with a digest, deadline and requester "
-                        "of its own: the file with the MD5 digest ") +
-                kContentDigest + " is installed as /etc/persistent/user_logo.");
-  EXPECT_EQ(told(2),
-            "VALIDATION_FAILED: Transfer 1 was still running and kept this one from starting; send "
-            "the request again: the file that arrived could not be read.");
+  EXPECT_EQ(told(1), std::string("OK: ") + kTakenOver + "the file with the MD5 digest " +
+                         kContentDigest + " is installed as /etc/persistent/user_logo.");
+  EXPECT_EQ(told(2), std::string("VALIDATION_FAILED: ") + kKeptBack +
+                         "the file that arrived could not be read.");
   EXPECT_EQ(peer_->requests().size(), 1U);
 }
 
@@ -100,9 +100,7 @@ TEST_F(TransferCancelTest, UploadThatNeverBeganIsNoSuccess) {
   write("/tmp/supportinfo.tar", "archive");
   ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
   EXPECT_EQ(record(1).outcome, "OK");
-  EXPECT_EQ(told(2),
-            "TRANSFER_FAILED: Transfer 1 was still running and kept this one from starting; send "
-            "the request again: nothing was transferred.");
+  EXPECT_EQ(told(2), std::string("TRANSFER_FAILED: ") + kKeptBack + "nothing was transferred.");
 }
 
 TEST_F(TransferCancelTest, UploadCutByCancelOfItsSuccessorIsNoSuccess) {
@@ -113,11 +111,10 @@ TEST_F(TransferCancelTest, UploadCutByCancelOfItsSuccessorIsNoSuccess) {
   ASSERT_TRUE(ask("supportInfo", uri("/second")));
   EXPECT_EQ(records().cancel(2), Cancel::Done);
   ASSERT_TRUE(serviceUntilEnd(1));
-  EXPECT_EQ(told(1),
-            "TRANSFER_FAILED: Request 2 took over the task, with a digest, deadline and requester "
-            "of its own: the transfer was stopped before its end.");
+  EXPECT_EQ(told(1), std::string("TRANSFER_FAILED: ") + kTakenOver +
+                         "the transfer was stopped before its end.");
   EXPECT_EQ(record(2).outcome, "CANCELLED");
-  EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" TRANSFER_FAILED")));
+  EXPECT_THAT(events(), ElementsAre(EndsWith(" TRANSFER_FAILED")));
 }
 
 TEST_F(TransferCancelTest, UploadCutByFailureOfItsSuccessorIsNoSuccess) {
@@ -128,11 +125,10 @@ TEST_F(TransferCancelTest, UploadCutByFailureOfItsSuccessorIsNoSuccess) {
   ASSERT_TRUE(ask("supportInfo", uri("/first"))) << "whose turn comes earlier";
   write("/tmp/supportinfo.tar", "archive");
   ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
-  EXPECT_EQ(told(1),
-            "TRANSFER_FAILED: Request 2 took over the task, with a digest, deadline and requester "
-            "of its own: the transfer was stopped before its end.");
+  EXPECT_EQ(told(1), std::string("TRANSFER_FAILED: ") + kTakenOver +
+                         "the transfer was stopped before its end.");
   EXPECT_THAT(told(2), HasSubstr("is in use by another transfer"));
-  EXPECT_THAT(events(), ElementsAre(testing::EndsWith(" TRANSFER_FAILED")));
+  EXPECT_THAT(events(), ElementsAre(EndsWith(" TRANSFER_FAILED")));
 }
 
 TEST_F(TransferCancelTest, CancelOfFirstRequestEndsItsSuccessor) {
@@ -144,8 +140,7 @@ TEST_F(TransferCancelTest, CancelOfFirstRequestEndsItsSuccessor) {
   EXPECT_EQ(records().cancel(1), Cancel::Done);
   ASSERT_TRUE(serviceUntilEnd(2));
   EXPECT_EQ(record(1).outcome, "CANCELLED");
-  EXPECT_THAT(told(2),
-              testing::EndsWith("from starting; send the request again: nothing was transferred."));
+  EXPECT_THAT(told(2), EndsWith("from starting; send the request again: nothing was transferred."));
 }
 
 TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsToldInFirst) {
@@ -156,9 +151,8 @@ TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsToldInFirst) {
   EXPECT_EQ(told(2), "REFUSED: The request gives no time-out (timeoutMs).");
   platform().nowMs += 1;
   ASSERT_TRUE(serviceUntilEnd(1));
-  EXPECT_EQ(told(1),
-            "TRANSFER_TIMEOUT: Request 2 took over the task, with a digest, deadline and requester "
-            "of its own: the deadline of 0 ms passed when 0 bytes were transferred.");
+  EXPECT_EQ(told(1), std::string("TRANSFER_TIMEOUT: ") + kTakenOver +
+                         "the deadline of 0 ms passed when 0 bytes were transferred.");
 }
 
 }  // namespace

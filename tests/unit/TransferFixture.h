@@ -12,8 +12,6 @@
 
 namespace kova::ctlserver {
 
-constexpr char kSaveCommand[] = "/bin/cfgmtd -w -p /etc/ -m";
-
 /// Starts each test with an empty /tmp and /etc/persistent and a fresh platform.
 class TransferTest : public testing::Test {
  protected:
@@ -55,7 +53,7 @@ class TransferTest : public testing::Test {
   /// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
   static std::vector<std::string> logged() {
     std::vector<std::string> lines;
-    for (const auto& line : fakes::platform().log) {
+    for (const auto& line : platform().log) {
       lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
                       line.text);
     }
@@ -65,14 +63,26 @@ class TransferTest : public testing::Test {
   /// "FUNCTION to=ENDPOINT id=REQUEST OUTCOME" of each event sent so far.
   static std::vector<std::string> events() {
     std::vector<std::string> texts;
-    for (const auto& event : fakes::platform().bus.sent) {
-      const variant::Variant* outcome = event.find("status");
+    for (const auto& event : platform().bus.sent) {
+      const Variant* outcome = event.find("status");
       texts.push_back(event.find("functionName")->toText() + " to=" + event.find("to")->toText() +
                       " id=" + std::to_string(event.find("requestId")->toNumber<std::uint64_t>()) +
                       " " + (outcome != nullptr ? outcome : event.find("reason"))->toText());
     }
     return texts;
   }
+};
+
+/// Notes, with each status that a task reports, whether its file was there then.
+template <typename Task>
+class Watched : public Task {
+ public:
+  using Task::Task;
+  void notifyStatus(const std::string& status) override {
+    seen.push_back(status + (std::filesystem::exists(file) ? " with" : " without"));
+  }
+  std::string file = this->path();
+  std::vector<std::string> seen;
 };
 
 }  // namespace kova::ctlserver

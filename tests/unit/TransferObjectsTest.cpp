@@ -11,7 +11,6 @@ using fakes::Signal;
 using ipc::PropertyValue;
 using testing::Key;
 using testing::Pair;
-using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
 class Canceller : public TransferCanceller {
@@ -44,13 +43,6 @@ class TransferObjectsTest : public testing::Test {
     return records_.begin(facts);
   }
   static std::vector<Signal> Taken() { return std::exchange(platform().bus.signals, {}); }
-  static std::vector<std::string> names(const Signal& signal) {
-    std::vector<std::string> names;
-    for (const auto& [name, value] : signal.values) {
-      names.push_back(name);
-    }
-    return names;
-  }
 
   ipc::Ipc ipc_;
   TransferRecords records_;
@@ -107,10 +99,12 @@ TEST_F(TransferObjectsTest, PhaseAndEndAreSignalledAtOnce) {
   const auto signals = Taken();
   ASSERT_THAT(signals, SizeIs(2));
   EXPECT_EQ(signals[0].what, "changed");
-  EXPECT_THAT(names(signals[0]), ElementsAre("File", "Phase", "Size", "Transferred"));
+  EXPECT_THAT(signals[0].values,
+              ElementsAre(Key("File"), Key("Phase"), Key("Size"), Key("Transferred")));
   EXPECT_EQ(signals[0].values.at("Phase"), PropertyValue(std::string("transferring")));
-  EXPECT_THAT(names(signals[1]), ElementsAre("Ended", "File", "HttpStatus", "Outcome", "Phase",
-                                             "Reason", "Size", "Transferred"));
+  EXPECT_THAT(signals[1].values,
+              ElementsAre(Key("Ended"), Key("File"), Key("HttpStatus"), Key("Outcome"),
+                          Key("Phase"), Key("Reason"), Key("Size"), Key("Transferred")));
   EXPECT_EQ(signals[1].values.at("Outcome"), PropertyValue(std::string("OK")));
   EXPECT_EQ(signals[1].values.at("HttpStatus"), PropertyValue(std::uint16_t{200}));
 }

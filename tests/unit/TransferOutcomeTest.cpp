@@ -14,9 +14,8 @@ TEST_F(TransferOutcomeTest, EachGetUploadsItsFileAsFormPayloadWithoutEvent) {
     startServer();
     peerAnswers("");
     write(path, std::string("content of ") + what);
-    ASSERT_TRUE(get({{"what", what},
-                     {"uri", uri()},
-                     {"filename", std::filesystem::path(path).filename().string()},
+    ASSERT_TRUE(ask(what, uri(),
+                    {{"filename", std::filesystem::path(path).filename().string()},
                      {"formFields", Fields{{"camera", "front"}}}}));
     ASSERT_TRUE(serviceUntilRequests(1));
     const std::string body = peer_->requests()[0].body;
@@ -35,26 +34,6 @@ TEST_F(TransferOutcomeTest, SnapshotPathIsNotTakenFromRequest) {
   EXPECT_THAT(peer_->requests()[0].body, HasSubstr("\r\n\r\npicture\r\n"));
 }
 
-TEST_F(TransferOutcomeTest, DownloadOverLimitEndsAsTooLarge) {
-  const std::pair<const char*, unsigned> limits[] = {
-      {"logo", 131072}, {"sound", 262144}, {"fw", 52428800}};
-  for (const auto& [kind, limit] : limits) {
-    SCOPED_TRACE(kind);
-    startServer();
-    peerScript([length = limit + 1](engine::Connection& connection) {
-      connection.readRequest();
-      connection.send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(length) +
-                      "\r\n\r\nsome bytes");
-      connection.awaitClose();
-    });
-    ASSERT_TRUE(ask(kind, uri()));
-    ASSERT_TRUE(serviceUntilEvent());
-    EXPECT_THAT(events()[0], testing::EndsWith(" TRANSFER_TOOLARGE"));
-    EXPECT_THAT(platform().commands, IsEmpty());
-    EXPECT_FALSE(exists(std::string("/tmp/user_") + kind));
-  }
-}
-
 TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
   const std::pair<const char*, std::size_t> limits[] = {{"snapshot", 200000},
                                                         {"supportInfo", 10485760},
@@ -66,10 +45,8 @@ TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
       startServer();
       peerAnswers(std::string(size, 'x'));
       ASSERT_TRUE(ask(kind, uri()));
-      for (const char* path : {"/tmp/snap.jpeg", "/tmp/supportinfo.tar", "/tmp/motionsnap_1.jpg",
-                               "/tmp/heatmap_1.png"}) {
-        write(path, "content");
-      }
+      writeUploads("content");
+      write("/tmp/supportinfo.tar", "content");
       EXPECT_TRUE(serviceUntil([&] { return ask(kind, uri()); })) << "the first has ended";
       EXPECT_THAT(events(), testing::ElementsAreArray(std::vector<std::string>(
                                 size - limit, status("TRANSFER_TOOLARGE"))));
@@ -79,16 +56,14 @@ TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
 
 TEST_F(TransferOutcomeTest, AbsentPeerFailsEveryKind) {
   const std::string dead = deadUri();
-  write("/tmp/snap.jpeg", "");
-  write("/tmp/motionsnap_1.jpg", "");
-  write("/tmp/heatmap_1.png", "");
+  writeUploads("");
   for (const char* kind : kKinds) {
     SCOPED_TRACE(kind);
     startServer();
     ASSERT_TRUE(ask(kind, dead));
     write("/tmp/supportinfo.tar", "");
     ASSERT_TRUE(serviceUntilEvent());
-    EXPECT_THAT(events()[0], testing::EndsWith(" to=client.a id=7 TRANSFER_FAILED"));
+    EXPECT_THAT(events()[0], EndsWith(" to=client.a id=7 TRANSFER_FAILED"));
     EXPECT_TRUE(platform().logged(4, "Transfer task failed, name=" + taskName(kind) + ", uri=" +
                                          dead + ", reason=TRANSFER_FAILED(1), httpCode=0"));
   }

@@ -39,7 +39,6 @@ TEST_F(TransferReasonsTest, EachKindHasItsFacts) {
 }
 
 TEST_F(TransferReasonsTest, EachRefusalNamesItsCause) {
-  const std::string longDigest(200, 'd');
   const struct {
     const char* kind;
     Fields fields;
@@ -100,21 +99,27 @@ TEST_F(TransferReasonsTest, DuplicateNamesItsHolder) {
 TEST_F(TransferReasonsTest, GeneratorThatCannotStartIsNamed) {
   programsAnswer("/bin/support", {utils::kNotStarted, "", ""});
   EXPECT_FALSE(ask("supportInfo", uri()));
-  EXPECT_THAT(told(1), testing::StartsWith("REFUSED: /bin/support could not be started: "));
+  EXPECT_THAT(told(1), StartsWith("REFUSED: /bin/support could not be started: "));
 }
 
-TEST_F(TransferReasonsTest, InstalledFileIsSaid) {
+TEST_F(TransferReasonsTest, PutOfInstalledFileIsDoneAtOnce) {
   for (const std::string kind : {"logo", "sound"}) {
     write("/etc/persistent/user_" + kind, "content");
     write("/etc/persistent/user_" + kind + ".md5", kContentDigest);
-    EXPECT_TRUE(ask(kind, uri(), {{"hash", kContentDigest}}));
-    EXPECT_EQ(last().outcome, "ALREADY_INSTALLED");
-    EXPECT_EQ(last().reason, "The installed " + kind +
-                                 " has this MD5 digest already, so nothing was transferred.");
-    EXPECT_EQ(last().phase, TransferPhase::Ended);
+    for (Fields fields : {Fields{}, Fields{{"timeoutMs", 0}}, Fields{{"from", ""}}}) {
+      fields["hash"] = kContentDigest;
+      EXPECT_TRUE(ask(kind, uri(), fields));
+      EXPECT_EQ(last().outcome, "ALREADY_INSTALLED");
+      EXPECT_EQ(last().reason, "The installed " + kind +
+                                   " has this MD5 digest already, so nothing was transferred.");
+      EXPECT_EQ(last().phase, TransferPhase::Ended);
+    }
   }
+  server_->service(0);
   EXPECT_EQ(peer_->connections(), 0U);
   EXPECT_THAT(events(), IsEmpty());
+  EXPECT_THAT(logged(), IsEmpty());
+  EXPECT_THAT(platform().commands, IsEmpty());
 }
 
 TEST_F(TransferReasonsTest, InstalledLogoSaysWhere) {
@@ -130,13 +135,13 @@ TEST_F(TransferReasonsTest, InstalledLogoSaysWhere) {
 TEST_F(TransferReasonsTest, InstalledLogoThatIsNotSavedSaysSo) {
   peerAnswers("content");
   platform().onRun = [](const std::string& command) {
-    if (command == kSaveCommand) {
+    if (command == kSave) {
       return fakes::ProcessResult{1, "", ""};
     }
     return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
   };
   EXPECT_THAT(outcome("logo", uri(), {{"hash", kContentDigest}}),
-              testing::EndsWith("/etc/persistent/user_logo, but could not be saved to flash."));
+              EndsWith("/etc/persistent/user_logo, but could not be saved to flash."));
   EXPECT_EQ(record(1).outcome, "OK");
 }
 
@@ -154,7 +159,7 @@ TEST_F(TransferReasonsTest, WrongDigestShowsBoth) {
             std::string("VALIDATION_FAILED: The MD5 digest of the file is ") + kContentDigest +
                 ", but the request expects " + kAnyDigest + ".");
   EXPECT_THAT(outcome("logo", uri(), {{"hash", std::string(200, 'd')}}),
-              testing::EndsWith(" expects " + std::string(61, 'd') + "..."));
+              EndsWith(" expects " + std::string(61, 'd') + "..."));
 }
 
 TEST_F(TransferReasonsTest, ErrorPageShowsStatusOfServer) {
@@ -271,11 +276,20 @@ TEST_F(TransferReasonsTest, WhatCannotBeginSaysWhy) {
 }
 
 TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {
-  peer_.emplace(engine::answering("HTTP/1.1 200 OK\r\nContent-Length: 131073\r\n\r\nsome bytes"));
-  EXPECT_EQ(
-      outcome("logo", uri()),
-      "TRANSFER_TOOLARGE: The server announces 131073 bytes, but at most 131072 are allowed.");
-  EXPECT_EQ(last().httpStatus, 200);
+  const std::pair<const char*, unsigned> limits[] = {
+      {"logo", 131072}, {"sound", 262144}, {"fw", 52428800}};
+  for (const auto& [kind, limit] : limits) {
+    startServer();
+    const std::string size = std::to_string(limit + 1);
+    peer_.emplace(engine::answering("HTTP/1.1 200 OK\r\nContent-Length: " + size + "\r\n\r\nsome"));
+    EXPECT_EQ(outcome(kind, uri()), "TRANSFER_TOOLARGE: The server announces " + size +
+                                        " bytes, but at most " + std::to_string(limit) +
+                                        " are allowed.");
+    EXPECT_EQ(last().httpStatus, 200);
+    EXPECT_THAT(events(), ElementsAre(EndsWith(" TRANSFER_TOOLARGE")));
+    EXPECT_THAT(platform().commands, IsEmpty());
+    EXPECT_FALSE(exists(last().file));
+  }
   write("/tmp/heatmap_1.png", std::string(65537, 'x'));
   EXPECT_EQ(outcome("eventHeatmap", uri()),
             "TRANSFER_TOOLARGE: The file has 65537 bytes, but at most 65536 are allowed.");

@@ -66,23 +66,6 @@ class TransferRecordsTest : public testing::Test {
   TransferRecords records_;
 };
 
-TEST_F(TransferRecordsTest, FirstRecordHasFactsOfItsRequest) {
-  const std::uint64_t number = begin();
-  EXPECT_EQ(number, 1U);
-  const TransferRecord& record = *records_.find(1);
-  EXPECT_EQ(record.requestId, 7U);
-  EXPECT_EQ(record.requester, "client.a");
-  EXPECT_EQ(record.kind, "logo");
-  EXPECT_EQ(record.direction, "down");
-  EXPECT_EQ(record.uri, "https://host/file");
-  EXPECT_EQ(record.phase, TransferPhase::Preparing);
-  EXPECT_EQ(record.started, 1'000'000'000U) << "microseconds of the fake clock";
-  EXPECT_EQ(record.ended, 0U);
-  EXPECT_EQ(record.outcome, "");
-  EXPECT_EQ(record.reason, "");
-  EXPECT_THAT(listener_.told, ElementsAre("+1"));
-}
-
 TEST_F(TransferRecordsTest, PhasesAreToldAtOnceAndOnlyForward) {
   begin();
   records_.enter(1, TransferPhase::Transferring);

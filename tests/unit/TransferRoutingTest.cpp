@@ -79,19 +79,6 @@ TEST_F(TransferRoutingTest, OnlyWordEqualToTaskNameExcludesOtherUri) {
   }
 }
 
-TEST_F(TransferRoutingTest, SecondSupportLogoOrSoundRequestIsRegistered) {
-  for (const char* what : {"supportInfo", "logo", "sound"}) {
-    SCOPED_TRACE(what);
-    startServer();
-    ASSERT_TRUE(ask(what, uri("/first")));
-    ASSERT_TRUE(ask(what, uri("/second")));
-    EXPECT_FALSE(ask(what, uri("/first")));
-    EXPECT_FALSE(ask(what, uri("/second")));
-    EXPECT_THAT(logged(), ElementsAre(duplicate("uri", what, uri("/first"), operationOf(what)),
-                                      duplicate("uri", what, uri("/second"), operationOf(what))));
-  }
-}
-
 TEST_F(TransferRoutingTest, TasksRegisteredTwiceEnd) {
   peerAnswers("content");
   for (const char* what : {"supportInfo", "logo", "sound"}) {

@@ -17,22 +17,16 @@ using Kinds = testing::Types<LogoKind, SoundKind>;
 TYPED_TEST_SUITE(TransferTaskInstallFaultsTest, Kinds);
 
 TYPED_TEST(TransferTaskInstallFaultsTest, FailingSaveDoesNotChangeOutcome) {
-  platform().onRun = [](const std::string& command) {
-    return fakes::ProcessResult{command == kSaveCommand ? 1 : 0,
-                                "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
-  };
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
+  this->onSave([] { return 1; });
+  this->install();
   this->expectStatus("OK");
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
   EXPECT_THAT(this->logged(), ElementsAre("3 Persistence.persist: Failed to persist"));
-  platform().onRun = nullptr;
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, UnopenableChecksumIsDiskFailureAndMovesNothing) {
   ASSERT_EQ(mkdir(this->checksum_.c_str(), 0755), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
+  this->install();
   EXPECT_THAT(this->logged(),
               ElementsAre("4 File.Initialize: Refused to open " + this->checksum_ +
                               ": it is no regular file",
@@ -46,13 +40,8 @@ TYPED_TEST(TransferTaskInstallFaultsTest, UnopenableChecksumIsDiskFailureAndMove
 TYPED_TEST(TransferTaskInstallFaultsTest, FullDiskForChecksumIsDiskFailureAndMovesNothing) {
   // One page, which the downloaded file takes.
   ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=4k"), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, ENOSPC);
-  EXPECT_THAT(this->logged(),
-              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(ENOSPC);
   this->expectNothingInstalled();
   ASSERT_EQ(umount("/tmp"), 0);
 }
@@ -60,54 +49,39 @@ TYPED_TEST(TransferTaskInstallFaultsTest, FullDiskForChecksumIsDiskFailureAndMov
 TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableFileIsDiskFailureAndRemovesBothTemps) {
   ASSERT_EQ(mkdir(this->installed_.c_str(), 0755), 0);
   this->write(this->installedChecksum_, "of an older file");
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, EISDIR);
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(EISDIR);
   EXPECT_FALSE(this->exists(this->installedChecksum_)) << "it goes before a file comes";
-  EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
+  EXPECT_THAT(platform().commands, Not(Contains(kSave)));
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableChecksumLeavesFileInstalledUnsaved) {
   ASSERT_EQ(mkdir(this->installedChecksum_.c_str(), 0755), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, EISDIR);
-  EXPECT_THAT(this->logged(),
-              ElementsAre(this->line(std::string(TypeParam::kPersistFailure) + kInstallUri)));
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(EISDIR);
   EXPECT_EQ(this->read(this->installed_), TypeParam::content());
-  EXPECT_THAT(platform().commands, testing::Not(Contains(kSaveCommand)));
+  EXPECT_THAT(platform().commands, Not(Contains(kSave)));
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, AnotherFileSystemUnderPersistentIsDiskFailure) {
   ASSERT_EQ(mount("tmpfs", "/etc/persistent", "tmpfs", 0, "size=1m"), 0);
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
-  EXPECT_EQ(platform().log.back().error, EXDEV);
-  this->expectStatus("DISK_IO_FAILED");
-  this->expectTempsGone();
+  this->install();
+  this->expectDiskFailure(EXDEV);
   this->expectNothingInstalled();
   ASSERT_EQ(umount("/etc/persistent"), 0);
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, FileRemovedBySaveIsDiskFailure) {
-  platform().onRun = [&](const std::string& command) {
-    if (command == kSaveCommand) {
-      unlink(this->installed_.c_str());
-      std::filesystem::create_symlink("/nowhere", this->installed_);
-    }
-    return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=1 height=1\n", ""};
-  };
-  this->write(this->download_, TypeParam::content());
-  this->succeed();
+  this->onSave([&] {
+    unlink(this->installed_.c_str());
+    std::filesystem::create_symlink("/nowhere", this->installed_);
+    return 0;
+  });
+  this->install();
   EXPECT_EQ(platform().log.back().error, ENOENT);
   EXPECT_EQ(platform().log.back().text, std::string(TypeParam::kPersistFailure) + kInstallUri);
   this->expectStatus("DISK_IO_FAILED");
   EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest) << "left where it is";
-  platform().onRun = nullptr;
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, InstalledChecksumNeedsNoTransfer) {

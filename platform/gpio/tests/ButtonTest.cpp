@@ -57,8 +57,13 @@ class ButtonTest : public testing::Test {
     info_["reset_button_gpio"] = path_;
   }
 
-  void press() { writeText(path_, "0\n"); }
-  void release() { writeText(path_, "1\n"); }
+  // Each sets the line and then services the button for so long.
+  void press(int ms = 0) { hold("0\n", ms); }
+  void release(int ms = 0) { hold("1\n", ms); }
+  void hold(const char* level, int ms) {
+    writeText(path_, level);
+    pass(ms);
+  }
 
   // Services the button now and then every `stepMs`, for `ms` in total.
   void pass(int ms, int stepMs = 10) {
@@ -89,11 +94,9 @@ class ButtonTest : public testing::Test {
 
 TEST_F(ButtonTest, PressAndReleaseAreReportedOnce) {
   start();
-  press();
-  pass(200);
+  press(200);
   EXPECT_THAT(observer_.events, ElementsAre("down"));
-  release();
-  pass(200);
+  release(200);
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 200"));
 }
 
@@ -108,25 +111,21 @@ TEST_F(ButtonTest, LevelCountsAfterDebounceTime) {
 
 TEST_F(ButtonTest, HoldIntervalCountsFromPress) {
   start(100);
-  press();
-  pass(351);
+  press(351);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 100", "held 200", "held 300"));
 }
 
 TEST_F(ButtonTest, ZeroIntervalReportsHoldAtEveryService) {
   start(0);
-  press();
-  pass(51);
+  press(51);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 30", "held 40", "held 50"));
 }
 
 TEST_F(ButtonTest, BounceWithinDebounceTimeIsIgnored) {
   start(0);
   for (int i = 0; i < 10; ++i) {
-    press();
-    pass(20);
-    release();
-    pass(20);
+    press(20);
+    release(20);
   }
   pass(100);
   EXPECT_THAT(observer_.events, IsEmpty());
@@ -134,37 +133,27 @@ TEST_F(ButtonTest, BounceWithinDebounceTimeIsIgnored) {
 
 TEST_F(ButtonTest, BouncingPressCountsFromLastClosing) {
   start();
-  press();
-  pass(10);
-  release();
-  pass(50);
-  press();
-  pass(500);
-  release();
-  pass(100);
+  press(10);
+  release(50);
+  press(500);
+  release(100);
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 500"));
 }
 
 TEST_F(ButtonTest, GlitchDuringHoldIsIgnored) {
   start(100);
-  press();
-  pass(195);
-  release();
-  pass(20);
-  press();
-  pass(85);
+  press(195);
+  release(20);
+  press(85);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 100", "held 220"));
-  release();
-  pass(100);
+  release(100);
   EXPECT_EQ(observer_.events.back(), "up 310");
 }
 
 TEST_F(ButtonTest, HoldEndsAtRelease) {
   start(100);
-  press();
-  pass(90);
-  release();
-  pass(100);
+  press(90);
+  release(100);
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 90"));
 }
 
@@ -177,20 +166,17 @@ TEST_F(ButtonTest, ButtonHeldAtStartIsPress) {
 
 TEST_F(ButtonTest, PressCountsUpToLastSampleBeforeGap) {
   start();
-  press();
-  pass(1200);
+  press(1200);
   turnedMs += 6000;
   pass(900);
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 1190", "down"));
-  release();
-  pass(100);
+  release(100);
   EXPECT_EQ(observer_.events.back(), "up 890");
 }
 
 TEST_F(ButtonTest, GapOf250MillisecondsDoesNotEndPress) {
   start();
-  press();
-  pass(100);
+  press(100);
   turnedMs += 240;
   pass(100);
   EXPECT_THAT(observer_.events, ElementsAre("down"));
@@ -201,8 +187,7 @@ TEST_F(ButtonTest, GapOf250MillisecondsDoesNotEndPress) {
 
 TEST_F(ButtonTest, PressThatEndedUnseenIsOver) {
   start();
-  press();
-  pass(500);
+  press(500);
   release();
   turnedMs += 1000;
   pass(500);
@@ -211,8 +196,7 @@ TEST_F(ButtonTest, PressThatEndedUnseenIsOver) {
 
 TEST_F(ButtonTest, EqualLevelsAroundGapAreNotDuration) {
   start();
-  press();
-  pass(10);
+  press(10);
   turnedMs += 1000;
   pass(1);
   EXPECT_THAT(observer_.events, IsEmpty());
@@ -229,12 +213,10 @@ TEST_F(ButtonTest, SlowObserverDoesNotLengthenNextPress) {
     }
   } slow;
   ASSERT_TRUE(button_.init(&info_, &slow, 1000000));
-  press();
-  pass(500);
+  press(500);
   turnedMs += 1000;
   pass(400);
-  release();
-  pass(60);
+  release(60);
   EXPECT_THAT(slow.events, ElementsAre("down", "up 440", "down", "up 190"));
 }
 
@@ -259,8 +241,7 @@ TEST_F(ButtonTest, LineMayBeActiveHigh) {
   info_["reset_button_active_low"] = false;
   press();
   start();
-  release();
-  pass(100);
+  release(100);
   EXPECT_THAT(observer_.events, ElementsAre("down"));
 }
 
@@ -279,16 +260,14 @@ TEST_F(ButtonTest, LineMayBeOfCharacterDevice) {
 TEST_F(ButtonTest, BoardWithoutButtonDoesNothing) {
   const variant::CameraInfo empty;
   EXPECT_TRUE(button_.init(&empty, &observer_, 0));
-  press();
-  pass(100);
+  press(100);
   EXPECT_THAT(observer_.events, IsEmpty());
 }
 
 TEST_F(ButtonTest, KeysOfAnotherTypeCountAsAbsent) {
   info_["reset_button_active_low"] = "no";
   start();
-  press();
-  pass(100);
+  press(100);
   EXPECT_THAT(observer_.events, ElementsAre("down"));
   info_["reset_button_gpio"] = 5;
   EXPECT_TRUE(button_.init(&info_, &observer_, 0));
@@ -302,8 +281,7 @@ TEST_F(ButtonTest, UnreadableLineDoesNotFailInit) {
   EXPECT_EQ(logged("Cannot read the button at " + path_ + ": No such file or directory"), 1U);
   pass(59'990);
   EXPECT_EQ(tests::records.size(), 1U);
-  press();
-  pass(100);
+  press(100);
   EXPECT_THAT(observer_.events, Contains("down"));
   EXPECT_EQ(logged("The button at " + path_ + " can be read again"), 1U);
   EXPECT_EQ(tests::records.size(), 2U);
@@ -335,16 +313,13 @@ TEST_F(ButtonTest, LostLineFailsAtOnceThenOncePerMinute) {
 
 TEST_F(ButtonTest, BlindTimeDoesNotCountAsHold) {
   start(100);
-  press();
-  pass(150);
+  press(150);
   writeText(path_, "");
   EXPECT_FALSE(button_.service());
   pass(59'990);
   EXPECT_THAT(observer_.events, ElementsAre("down", "held 100", "up 140"));
-  press();
-  pass(200);
-  release();
-  pass(50);
+  press(200);
+  release(50);
   EXPECT_THAT(observer_.events,
               ElementsAre("down", "held 100", "up 140", "down", "held 100", "up 190"));
 }

@@ -50,12 +50,6 @@ TEST_F(ChipLineTest, LineIsFoundByItsName) {
   EXPECT_EQ(level(":1"), 1) << "no label";
 }
 
-TEST_F(ChipLineTest, OrderOfChipsDoesNotMatter) {
-  fakeChips[1].high[1] = true;
-  std::swap(fakeChips[0], fakeChips[1]);
-  EXPECT_EQ(level("INT33FF:00:1"), 1);
-}
-
 TEST_F(ChipLineTest, FirstOfSeveralWithOneNameCounts) {
   fakeChips[0].high[1] = true;
   EXPECT_EQ(level("led"), 1);

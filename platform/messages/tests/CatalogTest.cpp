@@ -37,7 +37,8 @@ TEST(Catalog, EveryClassForcesItsFunctionName) {
   for (const auto& description : catalog()) {
     std::string lower = description.name;
     std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
-    for (const Variant& sent : {Variant("Other"), Variant("Reboot"), Variant(lower), Variant(3)}) {
+    for (const Variant& sent : {Variant("Other"), Variant("Reboot"), Variant(lower), Variant(""),
+                                Variant(3), Variant()}) {
       auto message = description.make(Variant(Variant::Map{{"functionName", sent}}));
       message->NormalizeFields();
       EXPECT_EQ(*message->find("functionName"), Variant(description.name));

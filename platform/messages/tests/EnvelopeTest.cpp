@@ -148,13 +148,6 @@ TEST(Envelope, IdsOfOneProcessDiffer) {
   EXPECT_NE(freshMessageId(), first);
 }
 
-TEST(Envelope, MistypedStatusOrRequestIdBecomesZero) {
-  BaseResponseMessage message(Variant(Variant::Map{{"requestId", "9"}, {"statusCode", true}}));
-  message.NormalizeFields();
-  EXPECT_EQ(message["requestId"], Variant(std::uint64_t{0}));
-  EXPECT_EQ(message["statusCode"], Variant(std::uint64_t{0}));
-}
-
 TEST(Envelope, AccessorTurnsNonContainerIntoMap) {
   for (const Variant& content : {Variant(7), Variant("text"), Variant()}) {
     GetRequest message(content);
@@ -179,14 +172,6 @@ TEST(Envelope, PayloadOfAnyTypePassesUnchanged) {
     response.NormalizeFields();
     EXPECT_EQ(response["payload"], payload);
     EXPECT_EQ(response.payload(), payload);
-  }
-}
-
-TEST(Envelope, ResponseForcesItsFunctionName) {
-  for (const Variant& name : {Variant("Reboot"), Variant("__RESPONSE__"), Variant(1)}) {
-    BaseResponseMessage response(Variant(Variant::Map{{"functionName", name}}));
-    response.NormalizeFields();
-    EXPECT_EQ(response["functionName"], Variant("__response__"));
   }
 }
 

@@ -49,13 +49,5 @@ TEST(ConfigTextTest, KeyIsReadBackFromItsLine) {
   EXPECT_FALSE(isKey(std::string_view("a\0b", 3)));
 }
 
-TEST(ConfigTextTest, ValueWithLineBreakOrNulIsRefused) {
-  EXPECT_TRUE(isValue(""));
-  EXPECT_TRUE(isValue(" # = \xff"));
-  EXPECT_FALSE(isValue("a\nb"));
-  EXPECT_FALSE(isValue("a\r"));
-  EXPECT_FALSE(isValue(std::string_view("\0", 1)));
-}
-
 }  // namespace
 }  // namespace kova::syscfg::internal

@@ -25,6 +25,11 @@ class SystemCfgManagerTest : public testing::Test {
     writeText(kStore, kContent);
   }
 
+  static bool change(const std::string& key, const std::string& value) {
+    SystemCfgManager manager;
+    return manager.init() && manager.set(key, value, nullptr) && manager.close(true, false);
+  }
+
   // The value read by a new manager; "(absent)" if the key is missing.
   static std::string stored(const std::string& key) {
     SystemCfgManager manager;
@@ -63,21 +68,15 @@ TEST_F(SystemCfgManagerTest, ChangeKeepsOtherLines) {
 
 TEST_F(SystemCfgManagerTest, LastOfEqualKeysCounts) {
   writeText(kStore, "a=1\na=2\nb=3\n");
-  ASSERT_TRUE(manager_.init());
-  std::string value;
-  EXPECT_TRUE(manager_.get("a", &value, nullptr));
-  EXPECT_EQ(value, "2");
-  EXPECT_TRUE(manager_.set("a", "4", nullptr));
-  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_EQ(stored("a"), "2");
+  EXPECT_TRUE(change("a", "4"));
   EXPECT_EQ(readText(kStore), "a=1\na=4\nb=3\n");
   EXPECT_EQ(stored("a"), "4");
 }
 
 TEST_F(SystemCfgManagerTest, AddingAfterMissingFinalLineBreakStartsNewLine) {
   writeText(kStore, "a=1");
-  ASSERT_TRUE(manager_.init());
-  EXPECT_TRUE(manager_.set("b", "2", nullptr));
-  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_TRUE(change("b", "2"));
   EXPECT_EQ(readText(kStore), "a=1\nb=2\n");
 }
 
@@ -102,9 +101,7 @@ TEST_F(SystemCfgManagerTest, FileIsReplacedOnlyWhenChangedOrForced) {
 
 TEST_F(SystemCfgManagerTest, FileModeIsKept) {
   ASSERT_EQ(chmod(kStore, 0600), 0);
-  ASSERT_TRUE(manager_.init());
-  EXPECT_TRUE(manager_.set("name", "new", nullptr));
-  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_TRUE(change("name", "new"));
   struct stat info {};
   ASSERT_EQ(stat(kStore, &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0600U);
@@ -157,9 +154,7 @@ TEST_F(SystemCfgManagerTest, GarbageIsKeptByteForByte) {
   }
   garbage.push_back('\n');
   writeText(kStore, garbage);
-  ASSERT_TRUE(manager_.init());
-  EXPECT_TRUE(manager_.set("name", "Camera", nullptr));
-  EXPECT_TRUE(manager_.close(true, false));
+  EXPECT_TRUE(change("name", "Camera"));
   EXPECT_EQ(readText(kStore), garbage + "name=Camera\n");
 }
 
