@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "TemporaryFolder.h"
+#include "../../tests/TemporaryFolder.h"
 
 namespace kova::tests {
 
