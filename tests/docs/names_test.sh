@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every link and every file that the documentation names exists, and so does every command of ./dev.
+# Every link, file and constant that the documentation names exists, and so does every command of ./dev.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 
@@ -51,6 +51,14 @@ check_names() { # FILE
     grep -vE '(NAME|\.\.\.)' | sort -u)
 }
 
+check_constants() { # FILE
+  local name
+  # shellcheck disable=SC2016 # backticks of Markdown
+  while read -r name; do
+    git grep -qw "$name" -- '*.cpp' '*.h' || wrong "$1: no source has \"$name\""
+  done < <(grep -oP '`\Kk[A-Z]\w*(?=`)' "$1" | grep -vx kPascalCase | sort -u)
+}
+
 check_commands() { # FILE
   local word
   while read -r word; do
@@ -64,7 +72,10 @@ count=0
 for document in $documents; do
   check_links "$document"
   check_names "$document"
-  [ "$document" = CHANGELOG.md ] || check_commands "$document"
+  if [ "$document" != CHANGELOG.md ]; then # which tells of the past
+    check_constants "$document"
+    check_commands "$document"
+  fi
   count=$((count + 1))
 done
 [ "$count" -ge 8 ] || wrong "only $count documents were found"
