@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Every link, file and constant that the documentation names exists, and so does every command of ./dev.
+# Every link, file and constant that the documentation names exists, and so does every command of ./dev. The table of
+# metrics in docs/operations.md has those that kovactl prints.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 
@@ -66,6 +67,19 @@ check_commands() { # FILE
   done < <(grep -oP '\./dev \K[a-z-]+' "$1" | grep -vx help | sort -u)
 }
 
+# metrics FILE START END: the names of metrics between START and END.
+metrics() { grep -oP "$2\Kkova_[a-z0-9_]+(?=$3)" "$1" | sort -u; }
+
+check_metrics() {
+  local source=kovactl/src/commands/Metrics.cpp page=docs/operations.md name
+  [ -n "$(metrics "$source" '"' '"')" ] || wrong "$source: no metric was found"
+  while read -r name; do
+    wrong "$page and $source: only one of the two has the metric $name"
+  done < <(comm -3 <(metrics "$source" '"' '"') \
+    <(sed -n '/^| Metric /,/^$/p' "$page" | metrics - '`' '`') | tr -d '\t')
+}
+
+check_metrics
 help=$(./dev help)
 documents=$(git ls-files '*.md')
 count=0
