@@ -14,6 +14,9 @@ kova_packages() {
       camera)
         printf '%s\n' busybox bubblewrap dbus-daemon runit systemd openssl curl tzdata util-linux
         ;;
+      configure) # what CMake demands besides, also where no test is compiled
+        printf '%s\n' libgtest-dev libgmock-dev
+        ;;
       tests)
         # The libraries of sshd that others may not need: it is not installed itself, see ./dev.
         printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3 python3-dbus fish openssh-client gpg \

@@ -71,6 +71,9 @@ expect_not "packages that cannot be installed end it" dev FAIL=install "$copy/de
 expect_not "  before anything else" called "(sysroot|cmake)"
 expect_not "also for a machine" dev FAIL=install "$copy/dev" machine start "$work/machine"
 expect_not "  before anything else" called "(sysroot|cmake)"
+expect_not "also for a camera" dev FAIL=install "$copy/dev" camera start "$work/camera"
+expect "  which needs what it is made of" called "apt-get install .*busybox"
+expect_not "  and nothing of the tests" called "apt-get install .*python3"
 expect_not "also for packages of arm64" dev FAIL=install "$copy/dev" package arm64
 expect_not "  before anything else" called "(sysroot|cmake)"
 expect_not "nothing is installed if that is forbidden" dev KOVA_NO_INSTALL=1 "$copy/dev" build arm64

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Every link and every file that the documentation names exists, and so does every command of ./dev.
+# Every link, file and constant that the documentation names exists, and so does every command of ./dev. The table of
+# metrics in docs/operations.md has those that kovactl prints.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 
@@ -51,6 +52,14 @@ check_names() { # FILE
     grep -vE '(NAME|\.\.\.)' | sort -u)
 }
 
+check_constants() { # FILE
+  local name
+  # shellcheck disable=SC2016 # backticks of Markdown
+  while read -r name; do
+    git grep -qw "$name" -- '*.cpp' '*.h' || wrong "$1: no source has \"$name\""
+  done < <(grep -oP '`\Kk[A-Z]\w*(?=`)' "$1" | grep -vx kPascalCase | sort -u)
+}
+
 check_commands() { # FILE
   local word
   while read -r word; do
@@ -58,13 +67,29 @@ check_commands() { # FILE
   done < <(grep -oP '\./dev \K[a-z-]+' "$1" | grep -vx help | sort -u)
 }
 
+# metrics FILE START END: the names of metrics between START and END.
+metrics() { grep -oP "$2\Kkova_[a-z0-9_]+(?=$3)" "$1" | sort -u; }
+
+check_metrics() {
+  local source=kovactl/src/commands/Metrics.cpp page=docs/operations.md name
+  [ -n "$(metrics "$source" '"' '"')" ] || wrong "$source: no metric was found"
+  while read -r name; do
+    wrong "$page and $source: only one of the two has the metric $name"
+  done < <(comm -3 <(metrics "$source" '"' '"') \
+    <(sed -n '/^| Metric /,/^$/p' "$page" | metrics - '`' '`') | tr -d '\t')
+}
+
+check_metrics
 help=$(./dev help)
 documents=$(git ls-files '*.md')
 count=0
 for document in $documents; do
   check_links "$document"
   check_names "$document"
-  [ "$document" = CHANGELOG.md ] || check_commands "$document"
+  if [ "$document" != CHANGELOG.md ]; then # which tells of the past
+    check_constants "$document"
+    check_commands "$document"
+  fi
   count=$((count + 1))
 done
 [ "$count" -ge 8 ] || wrong "only $count documents were found"

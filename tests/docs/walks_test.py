@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Every function that docs/architecture.md names exists in the sources, and every walk is there."""
+"""docs/architecture.md against the sources: every function that it names exists, every walk is there, and its table of
+platform/utils has each public header in the folder that implements it."""
 
 import re
 import sys
@@ -8,6 +9,8 @@ from pathlib import Path
 TOP = Path(__file__).resolve().parents[2]
 PAGE = (TOP / "docs/architecture.md").read_text()
 WALKS = ("request", "transfer", "factory reset")
+UTILS = TOP / "platform/utils"
+HEADER_ROW = re.compile(r"^\| (?:`(\w+)`|none: headers only) \| ((?:`\w+\.h`(?:, )?)+) \|", re.MULTILINE)
 NAMED = re.compile(r"`((?:\w+::)?[a-zA-Z]\w*)`")
 
 
@@ -34,6 +37,24 @@ def is_defined(name, code):
     return body is not None and re.search(rf"\b{function}\b", body.group(0)) is not None
 
 
+def told_headers():
+    """The folder of each header in the table; "" of one without sources."""
+    return {header: folder for folder, headers in HEADER_ROW.findall(PAGE) for header in re.findall(r"\w+\.h", headers)}
+
+
+def public_headers():
+    """The same in the tree: the folder has a source of the header's name."""
+    homes = {source.stem: source.parents[1].name for source in UTILS.glob("*/src/*.cpp")}
+    return {header.name: homes.get(header.stem, "") for header in UTILS.glob("include/kova/utils/*.h")}
+
+
+def header_faults():
+    told, real = told_headers(), public_headers()
+    for name in sorted(told.keys() | real.keys()):
+        if told.get(name) != real.get(name):
+            yield f"docs/architecture.md has {name} in {told.get(name)!r}, the tree has it in {real.get(name)!r}"
+
+
 def main():
     code = "\n".join(sources())
     faults, count = [], 0
@@ -43,7 +64,8 @@ def main():
         faults += [f"docs/architecture.md has no walk of a {name}"] if not functions else []
         absent = sorted(function for function in functions if not is_defined(function, code))
         faults += [f"docs/architecture.md, walk of a {name}: the sources have no {function}" for function in absent]
-    print(*faults, f"{count} functions in {len(WALKS)} walks, {len(faults)} faults", sep="\n")
+    faults += header_faults()
+    print(*faults, f"{len(public_headers())} headers, {count} functions in {len(WALKS)} walks, {len(faults)} faults", sep="\n")
     return 1 if faults else 0
 
 
