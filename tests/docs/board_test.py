@@ -110,12 +110,25 @@ def is_on_page(kind, name, rows):
     return any(name in row.names for row in rows if row.kind == kind)
 
 
+def is_there(path):
+    """A link of the installed files leads to a file of the board, and here nowhere."""
+    return path.is_symlink() or path.is_file()
+
+
+def text_of(path):
+    return str(path.readlink()) if path.is_symlink() else path.read_text()
+
+
 def named_by_installed():
     """Paths in scripts and units, as (kind of row, path, file)."""
     for pattern in INSTALLED:
         for path in sorted(TOP.glob(pattern)):
             for name in PATH.findall(INSTALLED_COMMENT.sub(" ", path.read_text())):
                 yield "path", re.sub(r"0{16}$", "", name), str(path.relative_to(TOP))
+    # glob() takes a link that leads nowhere for no file.
+    for path in sorted((TOP / "packaging/runit").rglob("*")):
+        if path.is_symlink():
+            yield "path", text_of(path), str(path.relative_to(TOP))
 
 
 # --- from the page to the sources -----------------------------------------------------------------------------
@@ -157,7 +170,7 @@ def has_part(names, source):
 
 def faults_of(row, found):
     own = [found[file] for file in row.code if file in found]
-    scripts = {file: (TOP / file).read_text() for file in row.code if file not in found}
+    scripts = {file: text_of(TOP / file) for file in row.code if file not in found}
     if row.kind == "path":
         for name in row.names:
             if not path_is_in(name, own, scripts.values()):
@@ -202,7 +215,7 @@ def main():
     faults = [f"{file}: docs/board.md lacks the {kind} {name}" for kind, name, file in named
               if not is_on_page(kind, name, rows)]  # fmt: skip
     for row in rows:
-        absent = [file for file in row.code if not (TOP / file).is_file()]
+        absent = [file for file in row.code if not is_there(TOP / file)]
         said = [f"there is no {file}" for file in absent] or faults_of(row, found)
         faults += [f"docs/board.md:{row.line}: {row.name}: {fault}" for fault in said]
     names = [(row.kind, name) for row in rows for name in row.names]
