@@ -79,10 +79,11 @@ def copy_image():
         if stat.S_ISSOCK(path.lstat().st_mode) or stat.S_ISFIFO(path.lstat().st_mode):
             path.unlink()
     # An absolute link would lead to a file of the machine.
-    shell = image / "bin/sh"
-    if shell.is_symlink():
-        shell.unlink()
-        shutil.copy(f"{root_of_camera()}/bin/sh", shell)
+    for row in ROWS:
+        for name in row.names if row.kind == "path" and "program" in row.form else ():
+            if path_of(name).is_symlink():
+                path_of(name).unlink()
+                shutil.copy(f"{root_of_camera()}{name}", path_of(name))
 
 
 def openssl(*words):
@@ -219,6 +220,18 @@ class Found(unittest.TestCase):
                 else:
                     self.assertEqual(look(), [])
         self.assertGreater(count, 20)
+
+    def test_one_of_two_files_makes_row_needed(self):
+        row = next(row for row in ROWS if row.need == "with /etc/sv/kova_ctlserver or /etc/rauc/system.conf")
+        name = next(name for name in row.names if os.path.lexists(path_of(name)))
+        with replaced(name):
+            self.expect("missing", row.name)
+            with replaced("/etc/sv/kova_ctlserver"):
+                self.assertFalse([finding for finding in look() if row.name in finding])
+                with replaced("/etc/rauc") as folder:
+                    folder.mkdir()
+                    (folder / "system.conf").write_text("text\n")
+                    self.assertTrue([finding for finding in look() if row.name in finding])
 
     def test_each_mode_that_is_too_open_is_found(self):
         for row, name in path_rows("0600", "0640", "0644", "0750", "0755"):

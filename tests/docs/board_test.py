@@ -36,6 +36,15 @@ INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/sys
              "packaging/dbus/*.conf", "packaging/kova_*", "camera/adapters/rauc/fwupdate*",
              "camera/adapters/rauc/mark_good", "camera/adapters/rauc/bus.conf",
              "camera/adapters/rauc/*.service")  # fmt: skip
+# Tools that they call, wherever a command may begin.
+SCRIPTS = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/kova_*")
+NOT_A_COMMAND = re.compile(r"(?:^|\s)#[^\n]*|'[^']*'|\$\(\(.*?\)\)", re.MULTILINE)
+CALL = re.compile(r"(?:^|[|;&({`!]|\b(?:then|do|else|if|elif|until|while|exec)\b)\s*(?:exec )?([a-z][\w-]*)(?=[\s;)]|$)",
+                  re.MULTILINE)  # fmt: skip
+FUNCTION = re.compile(r"^(\w+)\(\) \{", re.MULTILINE)
+SHELL_WORDS = set("begin case continue do done echo elif else esac exec exit export fi for if printf read readonly return "
+                  "then umask until wait_for_socket while".split())  # fmt: skip
+EVERYWHERE = re.compile(r"call what every root file system has: (.*?)\.\n", re.DOTALL)
 INSTALLED_COMMENT = re.compile(r"^\s*#[^\n]*$|<!.*?>\n", re.MULTILINE | re.DOTALL)
 ENVIRONMENT = re.compile(r"KOVA_[A-Z_]+")
 ENVIRONMENT_CALL = re.compile(r'\b(?:getenv|setenv|unsetenv)\("(\w+)"')
@@ -131,6 +140,25 @@ def named_by_installed():
             yield "path", text_of(path), str(path.relative_to(TOP))
 
 
+def called_by_installed():
+    """Tools that the scripts call by name, as (name, file); those that every root file system has are on the page, too."""
+    for pattern in SCRIPTS:
+        for path in sorted(TOP.glob(pattern)):
+            text = NOT_A_COMMAND.sub(" ", path.read_text())
+            for name in set(CALL.findall(text)) - SHELL_WORDS - set(FUNCTION.findall(text)):
+                yield name, str(path.relative_to(TOP))
+
+
+def faults_of_calls(rows):
+    everywhere = EVERYWHERE.search(contract.PAGE.read_text())
+    listed = set(contract.quoted(everywhere[1])) if everywhere else set()
+    own = {Path(name).name for row in rows for name in row.names if "program" in row.form}
+    called = sorted(called_by_installed())
+    yield from (f"{file}: docs/board.md lacks the tool {name}" for name, file in called if name not in own | listed)
+    unused = sorted(listed - {name for name, _ in called})
+    yield from (f"no script calls {name}, which docs/board.md says" for name in unused)
+
+
 # --- from the page to the sources -----------------------------------------------------------------------------
 
 
@@ -222,6 +250,7 @@ def main():
     twice = sorted({name for name in names if names.count(name) > 1})
     faults += [f"docs/board.md names {name} twice" for _, name in twice]
     faults += faults_of_check(rows)
+    faults += faults_of_calls(rows)
     if any("docs/board.md lacks the " in fault for fault in faults):
         print('A name belongs into the first column of a row, a word into any part of one: "How to read the tables".')
     print(*faults, f"{len(named)} names in the sources, {len(rows)} rows, {len(faults)} faults", sep="\n")
