@@ -39,11 +39,11 @@ INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/sys
 # Tools that they call, wherever a command may begin.
 SCRIPTS = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/kova_*")
 NOT_A_COMMAND = re.compile(r"(?:^|\s)#[^\n]*|'[^']*'|\$\(\(.*?\)\)", re.MULTILINE)
-CALL = re.compile(r"(?:^|[|;&({`!]|\b(?:then|do|else|if|elif|until|while|exec)\b)\s*(?:exec )?([a-z][\w-]*)(?=[\s;)]|$)",
-                  re.MULTILINE)  # fmt: skip
+BEFORE_CALL = r"(?:^|[|;&({`!]|\b(?:then|do|else|if|elif|until|while|exec)\b)"
+CALL = re.compile(BEFORE_CALL + r"\s*(?:exec )?([a-z][\w-]*)(?=[\s;)]|$)", re.MULTILINE)
 FUNCTION = re.compile(r"^(\w+)\(\) \{", re.MULTILINE)
-SHELL_WORDS = set("begin case continue do done echo elif else esac exec exit export fi for if printf read readonly return "
-                  "then umask until wait_for_socket while".split())  # fmt: skip
+SHELL_WORDS = set("begin case continue do done echo elif else esac exec exit export fi for if printf read readonly "
+                  "return then umask until wait_for_socket while".split())  # fmt: skip
 EVERYWHERE = re.compile(r"call what every root file system has: (.*?)\.\n", re.DOTALL)
 INSTALLED_COMMENT = re.compile(r"^\s*#[^\n]*$|<!.*?>\n", re.MULTILINE | re.DOTALL)
 ENVIRONMENT = re.compile(r"KOVA_[A-Z_]+")
@@ -141,7 +141,7 @@ def named_by_installed():
 
 
 def called_by_installed():
-    """Tools that the scripts call by name, as (name, file); those that every root file system has are on the page, too."""
+    """Tools that the scripts call by name, as (name, file)."""
     for pattern in SCRIPTS:
         for path in sorted(TOP.glob(pattern)):
             text = NOT_A_COMMAND.sub(" ", path.read_text())
