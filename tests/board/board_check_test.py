@@ -619,12 +619,16 @@ class OverSsh(unittest.TestCase):
             "chmod 0777 /run/kova": "wrong   /run/kova: mode 0777",
             "mv /etc/TZ /etc/TZ.aside; mkdir /etc/TZ": "wrong   /etc/TZ: is a folder, not a file",
             "mv /etc/TZ /etc/TZ.aside; ln -s nowhere /etc/TZ": "wrong   /etc/TZ: is a link that leads nowhere",
+            "cd /etc/sv/kova_ctlserver; mv supervise supervise.aside; ln -s /run/nowhere/kova_ctlserver supervise":
+                "wrong   /etc/sv/kova_ctlserver/supervise: is a link that leads nowhere: let it lead into",
             "mv /run/kova/bus /run/bus.aside": "missing /run/kova/bus: start kova_bus",
             "sed -i.aside 's/:[$]6[$]/:![$]6[$]other/' /etc/passwd": f"wrong   {ACCOUNT}: the hash of the account",
         }
         undo = """chmod 0644 /etc/system.cfg; chmod 0750 /run/kova
                   if [ -e /etc/passwd.aside ]; then mv /etc/passwd.aside /etc/passwd; fi
                   if [ -e /etc/TZ.aside ]; then rm -rf /etc/TZ; mv /etc/TZ.aside /etc/TZ; fi
+                  cd /etc/sv/kova_ctlserver
+                  if [ -e supervise.aside ]; then rm supervise; mv supervise.aside supervise; fi
                   if [ -e /run/bus.aside ]; then mv /run/bus.aside /run/kova/bus; fi"""
         for command, finding in cases.items():
             with self.subTest(finding):
