@@ -79,10 +79,11 @@ def copy_image():
         if stat.S_ISSOCK(path.lstat().st_mode) or stat.S_ISFIFO(path.lstat().st_mode):
             path.unlink()
     # An absolute link would lead to a file of the machine.
-    shell = image / "bin/sh"
-    if shell.is_symlink():
-        shell.unlink()
-        shutil.copy(f"{root_of_camera()}/bin/sh", shell)
+    for row in ROWS:
+        for name in row.names if row.kind == "path" and "program" in row.form else ():
+            if path_of(name).is_symlink():
+                path_of(name).unlink()
+                shutil.copy(f"{root_of_camera()}{name}", path_of(name))
 
 
 def openssl(*words):
@@ -219,6 +220,18 @@ class Found(unittest.TestCase):
                 else:
                     self.assertEqual(look(), [])
         self.assertGreater(count, 20)
+
+    def test_one_of_two_files_makes_row_needed(self):
+        row = next(row for row in ROWS if row.need == "with /etc/sv/kova_ctlserver or /etc/rauc/system.conf")
+        name = next(name for name in row.names if os.path.lexists(path_of(name)))
+        with replaced(name):
+            self.expect("missing", row.name)
+            with replaced("/etc/sv/kova_ctlserver"):
+                self.assertFalse([finding for finding in look() if row.name in finding])
+                with replaced("/etc/rauc") as folder:
+                    folder.mkdir()
+                    (folder / "system.conf").write_text("text\n")
+                    self.assertTrue([finding for finding in look() if row.name in finding])
 
     def test_each_mode_that_is_too_open_is_found(self):
         for row, name in path_rows("0600", "0640", "0644", "0750", "0755"):
@@ -606,12 +619,16 @@ class OverSsh(unittest.TestCase):
             "chmod 0777 /run/kova": "wrong   /run/kova: mode 0777",
             "mv /etc/TZ /etc/TZ.aside; mkdir /etc/TZ": "wrong   /etc/TZ: is a folder, not a file",
             "mv /etc/TZ /etc/TZ.aside; ln -s nowhere /etc/TZ": "wrong   /etc/TZ: is a link that leads nowhere",
+            "cd /etc/sv/kova_ctlserver; mv supervise supervise.aside; ln -s /run/nowhere/kova_ctlserver supervise":
+                "wrong   /etc/sv/kova_ctlserver/supervise: is a link that leads nowhere: let it lead into",
             "mv /run/kova/bus /run/bus.aside": "missing /run/kova/bus: start kova_bus",
             "sed -i.aside 's/:[$]6[$]/:![$]6[$]other/' /etc/passwd": f"wrong   {ACCOUNT}: the hash of the account",
         }
         undo = """chmod 0644 /etc/system.cfg; chmod 0750 /run/kova
                   if [ -e /etc/passwd.aside ]; then mv /etc/passwd.aside /etc/passwd; fi
                   if [ -e /etc/TZ.aside ]; then rm -rf /etc/TZ; mv /etc/TZ.aside /etc/TZ; fi
+                  cd /etc/sv/kova_ctlserver
+                  if [ -e supervise.aside ]; then rm supervise; mv supervise.aside supervise; fi
                   if [ -e /run/bus.aside ]; then mv /run/bus.aside /run/kova/bus; fi"""
         for command, finding in cases.items():
             with self.subTest(finding):

@@ -280,6 +280,12 @@ CHECKS = {
 }
 
 
+def has(board, name):
+    if name.startswith("/"):
+        return board.root.node(name) is not None
+    return bool((board.description or {}).get(name))
+
+
 def is_needed(board, row):
     """Whether the row must be there, on this board."""
     words = row.need.split()
@@ -288,9 +294,7 @@ def is_needed(board, row):
             return False
         words = words[1:] or ["must"]
     if words[0] == "with":
-        if words[1].startswith("/"):
-            return board.root.node(words[1]) is not None
-        return bool((board.description or {}).get(words[1]))
+        return any(has(board, word) for word in words[1::2])
     if words[0] == "sysid":
         return str((board.description or {}).get("sysid")) in words[1:]
     return words[0] == "must"

@@ -32,7 +32,7 @@ KINDS_BY_SENTENCE = {
 # What stands for many in a name.
 PLACEHOLDER = re.compile(r"(?<![A-Za-z])(?:NAME|N|PID|RANDOM)(?![A-Za-z])")
 
-NEED = re.compile(r"(?:must|may|daemon|running|(?:running )?with \S+|sysid(?: \d+)+)")
+NEED = re.compile(r"(?:must|may|daemon|running|(?:running )?with \S+(?: or \S+)*|sysid(?: \d+)+)")
 FORMS = {
     "path": ("program", "file", "folder", "link", "socket", "device", "root", "root or upload_owner", "not empty",
              "one line", "JSON object", "key=value lines", "account lines", "PEM certificate",

@@ -36,6 +36,15 @@ INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/sys
              "packaging/dbus/*.conf", "packaging/kova_*", "camera/adapters/rauc/fwupdate*",
              "camera/adapters/rauc/mark_good", "camera/adapters/rauc/bus.conf",
              "camera/adapters/rauc/*.service")  # fmt: skip
+# Tools that they call, wherever a command may begin.
+SCRIPTS = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/kova_*")
+NOT_A_COMMAND = re.compile(r"(?:^|\s)#[^\n]*|'[^']*'|\$\(\(.*?\)\)", re.MULTILINE)
+BEFORE_CALL = r"(?:^|[|;&({`!]|\b(?:then|do|else|if|elif|until|while|exec)\b)"
+CALL = re.compile(BEFORE_CALL + r"\s*(?:exec )?([a-z][\w-]*)(?=[\s;)]|$)", re.MULTILINE)
+FUNCTION = re.compile(r"^(\w+)\(\) \{", re.MULTILINE)
+SHELL_WORDS = set("begin case continue do done echo elif else esac exec exit export fi for if printf read readonly "
+                  "return then umask until wait_for_socket while".split())  # fmt: skip
+EVERYWHERE = re.compile(r"call what every root file system has: (.*?)\.\n", re.DOTALL)
 INSTALLED_COMMENT = re.compile(r"^\s*#[^\n]*$|<!.*?>\n", re.MULTILINE | re.DOTALL)
 ENVIRONMENT = re.compile(r"KOVA_[A-Z_]+")
 ENVIRONMENT_CALL = re.compile(r'\b(?:getenv|setenv|unsetenv)\("(\w+)"')
@@ -110,12 +119,44 @@ def is_on_page(kind, name, rows):
     return any(name in row.names for row in rows if row.kind == kind)
 
 
+def is_there(path):
+    """A link of the installed files leads to a file of the board, and here nowhere."""
+    return path.is_symlink() or path.is_file()
+
+
+def text_of(path):
+    return str(path.readlink()) if path.is_symlink() else path.read_text()
+
+
 def named_by_installed():
     """Paths in scripts and units, as (kind of row, path, file)."""
     for pattern in INSTALLED:
         for path in sorted(TOP.glob(pattern)):
             for name in PATH.findall(INSTALLED_COMMENT.sub(" ", path.read_text())):
                 yield "path", re.sub(r"0{16}$", "", name), str(path.relative_to(TOP))
+    # glob() takes a link that leads nowhere for no file.
+    for path in sorted((TOP / "packaging/runit").rglob("*")):
+        if path.is_symlink():
+            yield "path", text_of(path), str(path.relative_to(TOP))
+
+
+def called_by_installed():
+    """Tools that the scripts call by name, as (name, file)."""
+    for pattern in SCRIPTS:
+        for path in sorted(TOP.glob(pattern)):
+            text = NOT_A_COMMAND.sub(" ", path.read_text())
+            for name in set(CALL.findall(text)) - SHELL_WORDS - set(FUNCTION.findall(text)):
+                yield name, str(path.relative_to(TOP))
+
+
+def faults_of_calls(rows):
+    everywhere = EVERYWHERE.search(contract.PAGE.read_text())
+    listed = set(contract.quoted(everywhere[1])) if everywhere else set()
+    own = {Path(name).name for row in rows for name in row.names if "program" in row.form}
+    called = sorted(called_by_installed())
+    yield from (f"{file}: docs/board.md lacks the tool {name}" for name, file in called if name not in own | listed)
+    unused = sorted(listed - {name for name, _ in called})
+    yield from (f"no script calls {name}, which docs/board.md says" for name in unused)
 
 
 # --- from the page to the sources -----------------------------------------------------------------------------
@@ -157,7 +198,7 @@ def has_part(names, source):
 
 def faults_of(row, found):
     own = [found[file] for file in row.code if file in found]
-    scripts = {file: (TOP / file).read_text() for file in row.code if file not in found}
+    scripts = {file: text_of(TOP / file) for file in row.code if file not in found}
     if row.kind == "path":
         for name in row.names:
             if not path_is_in(name, own, scripts.values()):
@@ -202,13 +243,14 @@ def main():
     faults = [f"{file}: docs/board.md lacks the {kind} {name}" for kind, name, file in named
               if not is_on_page(kind, name, rows)]  # fmt: skip
     for row in rows:
-        absent = [file for file in row.code if not (TOP / file).is_file()]
+        absent = [file for file in row.code if not is_there(TOP / file)]
         said = [f"there is no {file}" for file in absent] or faults_of(row, found)
         faults += [f"docs/board.md:{row.line}: {row.name}: {fault}" for fault in said]
     names = [(row.kind, name) for row in rows for name in row.names]
     twice = sorted({name for name in names if names.count(name) > 1})
     faults += [f"docs/board.md names {name} twice" for _, name in twice]
     faults += faults_of_check(rows)
+    faults += faults_of_calls(rows)
     if any("docs/board.md lacks the " in fault for fault in faults):
         print('A name belongs into the first column of a row, a word into any part of one: "How to read the tables".')
     print(*faults, f"{len(named)} names in the sources, {len(rows)} rows, {len(faults)} faults", sep="\n")

@@ -34,7 +34,7 @@ CpuInfo parseCpuInfo(std::string_view cpuinfo, std::string_view board);
 /// Busy time of each processor between two reads of /proc/stat.
 class CpuMeter {
  public:
-  /// Figures are indexed indexed by processor number; 0 for a processor that is offline. Two reads
+  /// Figures are indexed by processor number; 0 for a processor that is offline. Two reads
   /// within one clock tick yield the same figures.
   int update(std::string_view procStat, CpuStats& stats);
 

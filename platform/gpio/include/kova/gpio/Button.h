@@ -17,9 +17,15 @@ namespace kova::gpio {
 /// the press.
 class IButtonEventsObserver {
  public:
+  /// The button was pressed.
   virtual void buttonDown() = 0;
+
+  /// The button was released, or its line was not read for so long that the press counts as ended.
   virtual void buttonUp(int heldMs) = 0;
+
+  /// The button is still held; reported again and again until buttonUp().
   virtual void buttonDepressed(int heldMs) = 0;
+
   virtual ~IButtonEventsObserver() = default;
 };
 
@@ -87,8 +93,7 @@ class BaseButton {
 };
 
 /// The button that resets the camera: key "reset_button_gpio" of the device description, which
-/// InputLine::of() takes. Pressed
-/// while the line is low, unless "reset_button_active_low" is false.
+/// InputLine::of() takes. Pressed while the line is low, unless "reset_button_active_low" is false.
 class BaseResetButton : public BaseButton {
  protected:
   Line lineOf(const variant::CameraInfo& info) const override;

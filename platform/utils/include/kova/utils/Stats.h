@@ -17,9 +17,9 @@ struct MemoryStats {
 
 struct CpuStats {
   static constexpr std::size_t kMax = 255;
-  std::uint8_t count;                       ///< processors reported
-  std::array<std::uint32_t, kMax> percent;  ///< busy time since the previous
-                                            /// < call (first: since boot); 0 to 100
+  std::uint8_t count;  ///< processors reported
+  /// Busy time since the previous call, in the first since boot; 0 to 100.
+  std::array<std::uint32_t, kMax> percent;
 };
 
 struct CpuInfo {
