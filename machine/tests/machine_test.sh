@@ -48,6 +48,8 @@ passes_commands_on() {
   expect "unchanged" cmp "$work/blob" "$work/output"
   inside sh -c 'echo complaint >&2; echo text' >"$work/out" 2>"$work/err"
   expect "output and errors are apart" test "$(cat "$work/out") $(cat "$work/err")" = "text complaint"
+  inside sh -c 'echo early >&2; sleep 0.5; echo late' >"$work/out" 2>&1
+  expect "together their lines are whole" test "$(cat "$work/out")" = $'early\nlate'
   # shellcheck disable=SC2016 # not expanded anywhere
   expect "arguments keep their form" test "$(inside printf '%s|' 'a  b' "it's" '$HOME')" = "a  b|it's|\$HOME|"
   timeout 2 "$machine" exec "$one" -- sh -c 'while :; do echo noise; done' >/dev/null </dev/null || true
