@@ -68,20 +68,22 @@ TEST_F(CtlServerTest, RebootWaitsEndlesslyEvenIfCommandFails) {
 
 TEST_F(CtlServerTest, ServicesAreStartedAndStoppedOnlyByPlatform) {
   CtlServer server(info_);
-  platform().onService = [](const std::string& verb, const std::string&) {
-    return verb == "start";
+  platform().onService = [](const std::string& verb, const std::string& name) {
+    return (verb == "start") == (name != "ntpd");
   };
-  for (const Variant& name :
-       {Variant("ntpd"), Variant("ntpd"), Variant("x; reboot"), Variant(12)}) {
-    ipc::messages::StartService start{Variant(Map{{"service", name}})};
-    EXPECT_TRUE(server.startService(start));
-    ipc::messages::StopService stop{Variant(Map{{"service", name}})};
-    EXPECT_FALSE(server.stopService(stop));
+  for (const Map& fields : {Map{{"service", "ntpd"}}, Map{{"service", "ntpd"}},
+                            Map{{"service", "x; reboot"}}, Map{{"service", 12}}, Map{}}) {
+    const bool isNtpd = fields == Map{{"service", "ntpd"}};
+    ipc::messages::StartService start{Variant(fields)};
+    EXPECT_EQ(server.startService(start), !isNtpd);
+    ipc::messages::StopService stop{Variant(fields)};
+    EXPECT_EQ(server.stopService(stop), isNtpd);
   }
-  EXPECT_THAT(platform().journal,
-              ElementsAre("EnableService ntpd", "DisableService ntpd", "EnableService ntpd",
-                          "DisableService ntpd", "EnableService x; reboot",
-                          "DisableService x; reboot", "EnableService ", "DisableService "));
+  EXPECT_THAT(
+      platform().journal,
+      ElementsAre("EnableService ntpd", "DisableService ntpd", "EnableService ntpd",
+                  "DisableService ntpd", "EnableService x; reboot", "DisableService x; reboot",
+                  "EnableService ", "DisableService ", "EnableService ", "DisableService "));
 }
 
 }  // namespace

@@ -62,6 +62,9 @@ class InstallTest : public TransferTest {
     restart();
   }
 
+  /// A save that is left over must not reach what the test has on its stack.
+  void TearDown() override { platform().onRun = nullptr; }
+
   void restart() {
     fakes::reset();
     onSave([] { return 0; });
@@ -70,9 +73,10 @@ class InstallTest : public TransferTest {
   /// The flash tool does this and ends with this status.
   static void onSave(const std::function<int()>& act) {
     platform().onRun = [act](const std::string& command) {
-      return command == kSave
-                 ? fakes::ProcessResult{act(), "", ""}
-                 : fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""};
+      if (command.starts_with(kProbe)) {
+        return fakes::ProcessResult{0, "empty=0 channels=1 depth=0 width=64 height=48\n", ""};
+      }
+      return fakes::ProcessResult{command == kSave ? act() : 0, "", ""};
     };
   }
 

@@ -56,6 +56,7 @@ TEST_F(SettingsTest, ReplyKeepsContentFilledBeforeFailure) {
 
 TEST_F(SettingsTest, UnreadableSettingFails) {
   for (const std::string key : {"resolv.host.1.name", "system.timezone", "system.region"}) {
+    SCOPED_TRACE(key);
     SetUp();
     platform().config.failingGet = key;
     expectFailure({}, "Failed to get " + key);

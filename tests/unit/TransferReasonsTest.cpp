@@ -107,6 +107,7 @@ TEST_F(TransferReasonsTest, PutOfInstalledFileIsDoneAtOnce) {
     write("/etc/persistent/user_" + kind, "content");
     write("/etc/persistent/user_" + kind + ".md5", kContentDigest);
     for (Fields fields : {Fields{}, Fields{{"timeoutMs", 0}}, Fields{{"from", ""}}}) {
+      SCOPED_TRACE(kind + " with " + std::to_string(fields.size()) + " fields");
       fields["hash"] = kContentDigest;
       EXPECT_TRUE(ask(kind, uri(), fields));
       EXPECT_EQ(last().outcome, "ALREADY_INSTALLED");
@@ -115,7 +116,9 @@ TEST_F(TransferReasonsTest, PutOfInstalledFileIsDoneAtOnce) {
       EXPECT_EQ(last().phase, TransferPhase::Ended);
     }
   }
-  server_->service(0);
+  for (int turn = 0; turn < 5; ++turn) {
+    server_->service(10);
+  }
   EXPECT_EQ(peer_->connections(), 0U);
   EXPECT_THAT(events(), IsEmpty());
   EXPECT_THAT(logged(), IsEmpty());
@@ -279,6 +282,7 @@ TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {
   const std::pair<const char*, unsigned> limits[] = {
       {"logo", 131072}, {"sound", 262144}, {"fw", 52428800}};
   for (const auto& [kind, limit] : limits) {
+    SCOPED_TRACE(kind);
     startServer();
     const std::string size = std::to_string(limit + 1);
     peer_.emplace(engine::answering("HTTP/1.1 200 OK\r\nContent-Length: " + size + "\r\n\r\nsome"));

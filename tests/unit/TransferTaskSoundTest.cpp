@@ -28,6 +28,7 @@ class TransferTaskSoundTest : public InstallTest<SoundKind> {
 
 TEST_F(TransferTaskSoundTest, OneChannelAt11025HertzIsAccepted) {
   for (const unsigned dataSize : {1000U, 0U}) {
+    SCOPED_TRACE(dataSize);
     put(wav(1, 11025, dataSize));
     expectStatus("OK");
     EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "no program judges a sound";
@@ -45,11 +46,12 @@ TEST_F(TransferTaskSoundTest, OtherChannelsOrSampleRateAreRefused) {
 }
 
 TEST_F(TransferTaskSoundTest, NonWavIsRefusedWithZeros) {
-  put(wav(1, 22050, 16));  // whose figures are dropped
   const std::string good = wav(1, 11025);
   for (const std::string& content :
        {std::string(), std::string("sound"), good.substr(0, 20), "RIFX" + good.substr(4),
         good.substr(0, 8) + "AVI " + good.substr(12)}) {
+    SCOPED_TRACE(content.size());
+    put(wav(1, 22050, 16));  // whose figures are dropped
     put(content);
     expectRefused(refusal(0, 0));
   }

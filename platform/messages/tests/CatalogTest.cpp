@@ -35,6 +35,7 @@ TEST(Catalog, DescribesFieldsThatNormalisationGives) {
 
 TEST(Catalog, EveryClassForcesItsFunctionName) {
   for (const auto& description : catalog()) {
+    SCOPED_TRACE(description.name);
     std::string lower = description.name;
     std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return std::tolower(c); });
     for (const Variant& sent : {Variant("Other"), Variant("Reboot"), Variant(lower), Variant(""),

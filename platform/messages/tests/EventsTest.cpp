@@ -38,11 +38,20 @@ TEST(Events, UnknownReasonBecomesTimeOut) {
                                    "FW_CHECK_INCOMPAT_HW", "FW_FLASH_FAILED", "_UNINITIALIZED_"}) {
     EXPECT_EQ(normalized<EventUpdateFirmwareFailure>({{"reason", reason}}).reason(), reason);
   }
-  EventUpdateFirmwareFailure event;
-  event.reason("Fw_Flash_Failed");
-  EXPECT_EQ(event["reason"], Variant("FW_FLASH_FAILED"));
-  event.reason("VALIDATION_FAILED");
-  EXPECT_EQ(event["reason"], Variant("TRANSFER_TIMEOUT"));
+  const std::pair<const char*, const char*> cases[] = {
+      {"Fw_Flash_Failed", "FW_FLASH_FAILED"},
+      {"disk_io_failed", "DISK_IO_FAILED"},
+      {"fw_check_incompat_hw", "FW_CHECK_INCOMPAT_HW"},
+      {"OK", "TRANSFER_TIMEOUT"},
+      {"", "TRANSFER_TIMEOUT"},
+      {"VALIDATION_FAILED", "TRANSFER_TIMEOUT"},
+      {"FW_CHECK_FAILED ", "TRANSFER_TIMEOUT"},
+      {"FW_CHECK", "TRANSFER_TIMEOUT"}};
+  for (const auto& [given, reason] : cases) {
+    EventUpdateFirmwareFailure event;
+    event.reason(given);
+    EXPECT_EQ(event["reason"], Variant(reason)) << given;
+  }
 }
 
 TEST(Events, UnknownStateBecomesFirst) {
