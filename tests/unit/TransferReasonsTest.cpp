@@ -107,7 +107,7 @@ TEST_F(TransferReasonsTest, PutOfInstalledFileIsDoneAtOnce) {
     write("/etc/persistent/user_" + kind, "content");
     write("/etc/persistent/user_" + kind + ".md5", kContentDigest);
     for (Fields fields : {Fields{}, Fields{{"timeoutMs", 0}}, Fields{{"from", ""}}}) {
-      SCOPED_TRACE(kind + " with " + std::to_string(fields.size()) + " fields");
+      SCOPED_TRACE(kind + (fields.empty() ? "" : " with other " + fields.begin()->first));
       fields["hash"] = kContentDigest;
       EXPECT_TRUE(ask(kind, uri(), fields));
       EXPECT_EQ(last().outcome, "ALREADY_INSTALLED");

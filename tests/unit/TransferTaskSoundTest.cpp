@@ -50,7 +50,7 @@ TEST_F(TransferTaskSoundTest, NonWavIsRefusedWithZeros) {
   for (const std::string& content :
        {std::string(), std::string("sound"), good.substr(0, 20), "RIFX" + good.substr(4),
         good.substr(0, 8) + "AVI " + good.substr(12)}) {
-    SCOPED_TRACE(content.size());
+    SCOPED_TRACE(testing::PrintToString(content.substr(0, 12)));
     put(wav(1, 22050, 16));  // whose figures are dropped
     put(content);
     expectRefused(refusal(0, 0));
