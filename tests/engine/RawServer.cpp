@@ -106,7 +106,8 @@ bool Connection::readChunked() {
       return false;
     }
     length = std::stoul(line, nullptr, 16);
-    if (!readBytes(length, request_.body) || !readUntil("\r\n", line)) {
+    line.clear();
+    if (!readBytes(length, request_.body) || !readBytes(2, line) || line != "\r\n") {
       return false;
     }
   }

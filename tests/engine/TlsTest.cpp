@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -140,6 +141,15 @@ TEST_F(TlsTest, HostNameIsNotCompared) {
   const auto web = serve({.identity = &elsewhere});
   EXPECT_EQ(fetch(*web, kDefaultCa), "success");
   EXPECT_EQ(fetch(*web, kDefaultCa, "", "", "localhost"), "success");
+}
+
+TEST_F(TlsTest, UnknownServerIsRefusedWithoutReadablePin) {
+  const auto web = serve({.identity = &selfSigned_});
+  expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to open local cert"}, otherCa_);
+  EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
+  fakes::platform().log.clear();
+  pin("no certificate");
+  expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to load cert"}, otherCa_);
 }
 
 TEST_F(TlsTest, MissingCaFileRefusesEveryServer) {

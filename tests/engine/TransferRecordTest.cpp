@@ -134,9 +134,12 @@ TEST_F(TransferRecordTest, CancelledTransferFailsItsTask) {
 }
 
 TEST_F(TransferRecordTest, FullDiskIsNamed) {
-  const tests::FileSizeLimit limit(1000);
   RawServer server(answering(okResponse(noise(5000))));
-  EXPECT_EQ(fetch(server.uri()), "DISK_IO_FAILED: The file could not be written: File too large.");
+  const std::string reason = [&] {
+    const tests::FileSizeLimit limit(1000);
+    return fetch(server.uri());
+  }();
+  EXPECT_EQ(reason, "DISK_IO_FAILED: The file could not be written: File too large.");
   EXPECT_THAT(logLines(), ElementsAre(failureLine(server.uri(), "DISK_IO_FAILED(2)", 200)));
 }
 

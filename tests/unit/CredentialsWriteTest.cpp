@@ -1,9 +1,8 @@
-#include <signal.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 
 #include <cerrno>
 
+#include "../../platform/utils/files/tests/FileSizeLimit.h"
 #include "CredentialsFixture.h"
 
 namespace kova::ctlserver {
@@ -108,14 +107,12 @@ TEST_F(CredentialsTest, UnopenableAccountFileFailsWithStoreWritten) {
 }
 
 TEST_F(CredentialsTest, UnwritableAccountFileKeepsItsContent) {
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-  const auto ignored = signal(SIGXFSZ, SIG_IGN);
-  const rlimit tiny{10, before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tiny), 0);
-  expectFailure(kNewPassword, "Failed to write to /etc/passwd", EFBIG);
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-  signal(SIGXFSZ, ignored);
+  const bool changed = [&] {
+    const tests::FileSizeLimit limit(10);
+    return change(kNewPassword);
+  }();
+  EXPECT_FALSE(changed);
+  EXPECT_THAT(platform().log, ElementsAre(error("Failed to write to /etc/passwd", EFBIG)));
   EXPECT_EQ(accounts(), kOldAccounts);
 }
 

@@ -161,13 +161,28 @@ class ObjectsTest : public BusTest {
     sd_bus_message_read(answer->message.get(), "s", &text);
     return text;
   }
+  // The objects in an answer of GetManagedObjects, each as often as it is told.
+  static std::size_t told(sd_bus_message* answer) {
+    constexpr char kObject[] = "{oa{sa{sv}}}";
+    EXPECT_GE(sd_bus_message_rewind(answer, 1), 0);
+    EXPECT_GE(sd_bus_message_enter_container(answer, 'a', kObject), 0);
+    std::size_t count = 0;
+    while (sd_bus_message_at_end(answer, 0) == 0 && sd_bus_message_skip(answer, kObject) >= 0) {
+      ++count;
+    }
+    return count;
+  }
   // The paths and interfaces that GetManagedObjects tells, as "PATH INTERFACE".
   std::vector<std::string> managed() {
     const auto answer = ask("/kova", kManager, "GetManagedObjects");
+    if (!answer->error.empty()) {
+      return {answer->error};
+    }
     std::vector<std::string> all;
     Variant objects;
     std::string reason;
-    wire::decodeAnswer(answer->message.get(), objects, reason);
+    EXPECT_TRUE(wire::decodeAnswer(answer->message.get(), objects, reason)) << reason;
+    EXPECT_EQ(told(answer->message.get()), objects.Size()) << "an object is told twice";
     for (const auto& [path, interfaces] : objects.elements()) {
       for (const auto& [interface, properties] : interfaces.elements()) {
         if (interface.starts_with("kova.")) {
@@ -175,7 +190,7 @@ class ObjectsTest : public BusTest {
         }
       }
     }
-    return answer->error.empty() ? all : std::vector{answer->error};
+    return all;
   }
 
   // Collects the signals of the endpoint from now on.

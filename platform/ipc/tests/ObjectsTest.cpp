@@ -14,6 +14,10 @@ std::string memberOf(const MessagePtr& signal) {
          sd_bus_message_get_member(signal.get());
 }
 
+std::string signatureOf(const MessagePtr& signal) {
+  return sd_bus_message_get_signature(signal.get(), 1);
+}
+
 Variant argumentsOf(const MessagePtr& signal) {
   Variant arguments;
   wire::decodeArguments(signal.get(), arguments);
@@ -172,12 +176,14 @@ TEST_F(ObjectsTest, ChangesAreSignalled) {
   ASSERT_TRUE(until([&] { return heard->signals.size() == 4; }));
 
   EXPECT_EQ(memberOf(heard->signals[0]), "/kova InterfacesAdded");
+  EXPECT_EQ(signatureOf(heard->signals[0]), "oa{sa{sv}}");
   EXPECT_EQ(argumentsOf(heard->signals[0]).items()[0], Variant("/kova/things/9"));
   EXPECT_EQ(memberOf(heard->signals[1]), "/kova/things/9 PropertiesChanged");
   const Variant::Map changed{{"Count", std::uint32_t{9}}, {"Size", std::uint64_t{90}}};
   EXPECT_EQ(argumentsOf(heard->signals[1]),
             (Variant::Array{"kova.Thing1", changed, Variant::Array{}}));
   EXPECT_EQ(memberOf(heard->signals[2]), "/kova InterfacesRemoved");
+  EXPECT_EQ(signatureOf(heard->signals[2]), "oas");
   EXPECT_EQ(argumentsOf(heard->signals[2]).items()[0], Variant("/kova/things/9"));
   EXPECT_EQ(memberOf(heard->signals[3]), "/kova PropertiesChanged");
   EXPECT_TRUE(tests::records.empty());

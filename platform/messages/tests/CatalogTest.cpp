@@ -47,6 +47,49 @@ TEST(Catalog, EveryClassForcesItsFunctionName) {
   }
 }
 
+/// Values that a field of this type does not take, or none for one that is always made anew.
+std::vector<Variant> mistyped(const std::string& type) {
+  if (type == "any" || type == "time") {
+    return {};
+  }
+  std::vector<Variant> values;
+  if (type != "container") {
+    values.emplace_back(Variant::Array{"9"});
+    values.emplace_back(Variant::Map{{"9", 9}});
+  }
+  if (type != "string") {
+    values.emplace_back("9");
+  }
+  if (type != "bool") {
+    values.emplace_back(true);
+  }
+  if (type.find("int") == std::string::npos) {
+    values.emplace_back(9);
+  }
+  return values;
+}
+
+TEST(Catalog, MistypedFieldCountsAsMissing) {
+  for (const auto& description : catalog()) {
+    const auto normalized = [&](const std::string& key, const Variant& value) {
+      // These two are made anew each time that they are missing.
+      Variant::Map content{{"id", std::uint64_t{1}}, {"timeStamp", timeval{2, 3}}};
+      if (!key.empty()) {
+        content[key] = value;
+      }
+      auto message = description.make(Variant(content));
+      message->NormalizeFields();
+      return static_cast<const Variant&>(*message);
+    };
+    for (const auto& field : description.fields) {
+      for (const Variant& value : mistyped(field.type)) {
+        EXPECT_EQ(normalized(field.key, value), normalized("", {}))
+            << description.name << "." << field.key << ": " << value.ToString();
+      }
+    }
+  }
+}
+
 FieldDescription fieldOf(const std::string& message, const std::string& key) {
   for (const auto& description : catalog()) {
     for (const auto& field : description.fields) {
