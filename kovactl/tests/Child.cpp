@@ -185,17 +185,20 @@ Result run(const std::vector<std::string>& arguments, const std::string& input) 
   return child.wait();
 }
 
-void expectOutput(const Result& result, int status, const std::string& out) {
+void expectOutput(const Result& result, int status, const std::string& out, const Place& place) {
+  const ::testing::ScopedTrace caller(place.file_name(), static_cast<int>(place.line()), "");
   EXPECT_EQ(result.status, status) << result.err;
   EXPECT_EQ(result.out, out);
 }
 
-void expectError(const Result& result, int status, const std::string& err) {
-  expectOutput(result, status, "");
+void expectError(const Result& result, int status, const std::string& err, const Place& place) {
+  expectOutput(result, status, "", place);
+  const ::testing::ScopedTrace caller(place.file_name(), static_cast<int>(place.line()), "");
   EXPECT_EQ(result.err, err);
 }
 
-void expectFailure(const Result& result, int status, const std::string& said) {
+void expectFailure(const Result& result, int status, const std::string& said, const Place& place) {
+  const ::testing::ScopedTrace caller(place.file_name(), static_cast<int>(place.line()), "");
   EXPECT_EQ(result.status, status) << result.err;
   EXPECT_THAT(result.err, ::testing::HasSubstr(said));
 }

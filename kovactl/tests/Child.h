@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <source_location>
 #include <string>
 #include <vector>
 
@@ -65,12 +66,17 @@ class Child {
 /// Runs kovactl until it exits.
 Result run(const std::vector<std::string>& arguments, const std::string& input = "");
 
-/// Expects this status and this output.
-void expectOutput(const Result& result, int status, const std::string& out);
+using Place = std::source_location;
+
+/// Expects this status and this output. A failure names the caller's line, as in the next two.
+void expectOutput(const Result& result, int status, const std::string& out,
+                  const Place& place = Place::current());
 /// Expects this status, no output, and this on the error stream.
-void expectError(const Result& result, int status, const std::string& err);
+void expectError(const Result& result, int status, const std::string& err,
+                 const Place& place = Place::current());
 /// Expects this status, and this on the error stream among other things.
-void expectFailure(const Result& result, int status, const std::string& said);
+void expectFailure(const Result& result, int status, const std::string& said,
+                   const Place& place = Place::current());
 
 /// The shell command that becomes "kovactl bridge", for a program that carries connections. It has
 /// no leak check at exit: sd-bus ends such a program with SIGTERM and at once SIGCONT, which

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Carries one connection to a Unix socket from standard input and to standard output, as a program of "unixexec:" does.
-What goes to the socket is late by RELAY_DELAY_S seconds; the connection ends, undelivered, with what holds RELAY_END_AT.
-"""
+"""Carries one connection to a Unix socket: relay.py TARGET from standard input and to standard output, as a program
+of "unixexec:" does; relay.py TARGET SOCKET from SOCKET, which it makes and listens at, as ssh -L does. What goes to
+TARGET is late by RELAY_DELAY_S seconds; the connection ends, undelivered, with what holds RELAY_END_AT."""
 
 import os
 import socket
@@ -20,11 +20,9 @@ def pump(read, write, close):
     close()
 
 
-def main():
-    threading.Timer(PATIENCE_S, os._exit, [1]).start()
-    os.set_blocking(0, True)
+def both_ways(read, write, target):
     bus = socket.socket(socket.AF_UNIX)
-    bus.connect(sys.argv[1])
+    bus.connect(target)
 
     def late(data):
         if END_AT and END_AT in data:
@@ -32,11 +30,22 @@ def main():
         time.sleep(DELAY_S)
         bus.sendall(data)
 
-    def close():
-        bus.shutdown(socket.SHUT_WR)
+    forth = threading.Thread(target=pump, args=(read, late, lambda: bus.shutdown(socket.SHUT_WR)), daemon=True)
+    forth.start()
+    pump(lambda: bus.recv(65536), write, lambda: None)
 
-    threading.Thread(target=pump, args=(lambda: os.read(0, 65536), late, close), daemon=True).start()
-    pump(lambda: bus.recv(65536), lambda data: os.write(1, data), lambda: None)
+
+def main():
+    threading.Timer(PATIENCE_S, os._exit, [1]).start()
+    os.set_blocking(0, True)
+    if len(sys.argv) == 2:
+        both_ways(lambda: os.read(0, 65536), lambda data: os.write(1, data), sys.argv[1])
+    else:
+        listener = socket.socket(socket.AF_UNIX)
+        listener.bind(sys.argv[2])
+        listener.listen(1)
+        client, _ = listener.accept()
+        both_ways(lambda: client.recv(65536), client.sendall, sys.argv[1])
     os._exit(0)
 
 

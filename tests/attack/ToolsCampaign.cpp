@@ -106,14 +106,18 @@ class Tools : public Campaign {
     Random& random = attack_.random();
     const std::vector<std::string> statuses = {"1", "2", "77", "126", "127", "255"};
     const std::vector<std::string> signals = {"TERM", "KILL", "SEGV", "ABRT", "HUP", "PIPE"};
-    const std::vector<Trick> tricks = {
-        {"exit", random.pick(statuses), false},
-        {"kill", random.pick(signals), false},
-        {"stdout", random.bytes(random.below(300'000)), false},
-        {"stderr", random.bytes(random.below(300'000)), false},
-        {"linger", "3", false},
-    };
-    return random.pick(tricks);
+    switch (random.below(5)) {
+      case 0:
+        return {"exit", random.pick(statuses), false};
+      case 1:
+        return {"kill", random.pick(signals), false};
+      case 2:
+        return {"stdout", random.bytes(random.below(300'000)), false};
+      case 3:
+        return {"stderr", random.bytes(random.below(300'000)), false};
+      default:
+        return {"linger", "3", false};
+    }
   }
 
   void play(const Tool& tool, const Trick& trick) {

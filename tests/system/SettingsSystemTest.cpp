@@ -67,7 +67,8 @@ TEST_F(SettingsSystem, BootSoundIsInBootEnvironment) {
 }
 
 TEST_F(SettingsSystem, ChangesApplyUntilResetWithoutFlashOrReboot) {
-  change(camera(), {"name=Changed", "timezone=Europe/Paris", "region=US"});
+  Variant answer = change(camera(), {"name=Changed", "timezone=Europe/Paris", "region=US"});
+  EXPECT_EQ(answer["timezone"], Variant("Europe/Paris"));
   EXPECT_EQ(setting(kZoneKey), "Europe/Paris");
   EXPECT_EQ(systemZone(), "/usr/share/zoneinfo/Europe/Paris");
   EXPECT_EQ(readFile(camera().root() / "etc/TZ"), "CET-1CEST,M3.5.0,M10.5.0/3\n");

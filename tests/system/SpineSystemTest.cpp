@@ -9,6 +9,7 @@ namespace kova::system_test {
 namespace {
 
 using variant::Variant;
+using variant::VariantClass;
 
 constexpr char kDescription[] = R"({
   "name": "Second Camera", "sysid": 42264, "feature_wifi": 1, "feature_battery": 1,
@@ -44,6 +45,29 @@ std::vector<std::string> keysOf(const Variant& map) {
   return keys;
 }
 
+void expectTheCommonFigures(const Variant& sections) {
+  const struct {
+    VariantClass type;
+    std::string_view section;
+    std::string_view key;
+  } figures[] = {
+      {VariantClass::Number, "memory", "totalKb"},
+      {VariantClass::Number, "memory", "freeKb"},
+      {VariantClass::Number, "cpu", "cnt"},
+      {VariantClass::Container, "cpu", "arr"},
+      {VariantClass::String, "cpuinfo", "processor"},
+      {VariantClass::String, "cpuinfo", "features"},
+      {VariantClass::Number, "loadavg", "01min"},
+      {VariantClass::Number, "loadavg", "05min"},
+      {VariantClass::Number, "loadavg", "15min"},
+      {VariantClass::Number, "network", "numifaces"},
+      {VariantClass::Number, "uptime", "sec"},
+  };
+  for (const auto& [type, section, key] : figures) {
+    EXPECT_NE(sections.GetKeyChain(type, {section, key}), nullptr) << section << ' ' << key;
+  }
+}
+
 // First of all, as the log is that of the boot alone.
 TEST_F(SpineSystem, BootsWithOneProcessAndNoComplaints) {
   EXPECT_EQ(processesOf(camera(), "kova_ctlserver").size(), 1U);
@@ -64,15 +88,24 @@ TEST(SpineSystemWithFeatures, StatisticsFollowDescriptionOfEachCamera) {
   Camera first;
   Camera second(kDescription);
   std::vector<std::string> sections = {"cpu", "cpuinfo", "loadavg", "memory", "network", "uptime"};
-  Variant plain = statistics(first);
+  const Variant plain = statistics(first);
   EXPECT_EQ(keysOf(plain), sections);
-  Variant& processors = plain["cpu"];
-  EXPECT_EQ(processors["arr"].Size(), processors["cnt"].toNumber<std::uint64_t>());
+  expectTheCommonFigures(plain);
+  const Variant* processors = plain.GetKeyChain(VariantClass::Container, {"cpu", "arr"});
+  ASSERT_NE(processors, nullptr);
+  EXPECT_EQ(processors->Size(), plain.find("cpu")->find("cnt")->toNumber<std::uint64_t>());
   sections.emplace_back("wifi");
-  EXPECT_EQ(keysOf(statistics(second, {"battery:=false"})), sections);
+  const Variant wireless = statistics(second, {"battery:=false"});
+  EXPECT_EQ(keysOf(wireless), sections);
+  const Variant* signal = wireless.GetKeyChain(VariantClass::Number, {"wifi", "signalStrength"});
+  const Variant* quality = wireless.GetKeyChain(VariantClass::Number, {"wifi", "quality"});
+  ASSERT_TRUE(signal != nullptr && quality != nullptr);
+  EXPECT_EQ(quality->toNumber<int>(), (signal->toNumber<int>() + 100) * 2);
   if (second.shell("grep -qsx Battery /sys/class/power_supply/*/type").status == 0) {
     sections.emplace(sections.begin(), "battery");
-    EXPECT_EQ(keysOf(statistics(second)), sections);
+    const Variant all = statistics(second);
+    EXPECT_EQ(keysOf(all), sections);
+    EXPECT_NE(all.GetKeyChain(VariantClass::Number, {"battery", "percentage"}), nullptr);
   } else {
     EXPECT_NE(second.ctl({"call", "GetSystemStats"}).status, 0);
     EXPECT_TRUE(second.waitForLog("CtlServer.readStats:"));
