@@ -11,10 +11,13 @@ readonly libraries=$work/root
 # shellcheck source=packaging/tests/expect.sh
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
 
-download() { apt-get download libelogind0 libelogind-dev; }
+# Under the lock that ./dev holds while it installs: apt works for one only.
+download() { flock "$source" apt-get download libelogind0 libelogind-dev; }
 
 # The archive may have replaced the version that apt-get knows.
-update() { if [ "$(id -u)" -eq 0 ]; then apt-get update -qq; else sudo apt-get update -qq; fi; }
+update() {
+  if [ "$(id -u)" -eq 0 ]; then flock "$source" apt-get update -qq; else flock "$source" sudo apt-get update -qq; fi
+}
 
 fetch() {
   cd "$work"
