@@ -14,11 +14,11 @@ prepare_ram() {
   if [ "$1" = chroot ]; then make_devices; fi
 }
 
-# What is in flash was written by root inside the camera. Nothing of it may lead out of it: no link is followed but
-# that to the slot, by its text, and no text is evaluated.
+# Root inside the camera controls the flash, so its content is untrusted: follow no link except the one to the slot,
+# which is compared by its text, and evaluate nothing.
 is_plain() { [ -f "$1" ] && [ ! -h "$1" ]; }
 
-# A slot that is not linked was being written or erased when the power went.
+# Removes slots without a link: they were being written or erased when the power failed.
 restore_configuration() {
   local source=$root/usr/share/factory/etc slot stored
   stored=$(readlink -- "$flash/etc") || true

@@ -49,7 +49,7 @@ try_chroot() {
   elif confine && ! chroot_lacks=$("${confined[@]}" / true 2>&1); then
     :
   elif ! can_make_devices; then
-    chroot_lacks="device nodes cannot be made, or not be opened, in $dir"
+    chroot_lacks="cannot create or open device nodes in $dir"
   else
     echo chroot
     return

@@ -54,7 +54,7 @@ place_flash() {
   fi
 }
 
-# copy_skeleton SOURCE... TARGET: whoever checked the sources out, and with whatever umask, the files are root's.
+# copy_skeleton SOURCE... TARGET: drops owners and group-write permissions of the checkout: the files must be root's.
 copy_skeleton() {
   cp -a --no-preserve=ownership "$@"
   chmod -R go-w "${@: -1}"
@@ -101,8 +101,8 @@ install_factory_default() {
 # Not grep -q: it ends early, and ldd(1) would die of SIGPIPE.
 has_sanitizers() { ldd "$(built_program kova_ctlserver)" 2>/dev/null | grep libasan >/dev/null; }
 
-# suit_sanitizers SERVICES: removes limits that are too low for a daemon with sanitizers, and lets services with a leak
-# check end undisturbed.
+# suit_sanitizers SERVICES: removes a memory limit that is too low for a daemon with sanitizers, and installs
+# stop_sanitized for the services whose leak check a SIGCONT would hang.
 suit_sanitizers() {
   local name
   sed -i 's/ -d 536870912//' "$1/kova_ctlserver/run"
@@ -132,7 +132,7 @@ make_manifest_folders() {
   mkdir -p "${folders[@]/#/$root}"
 }
 
-# Copies instead of hard links, through which root in the camera could write to files of the host.
+# Copies files: through hard links, root in the camera could write to files of the host.
 copy_manifest() {
   local source target
   while IFS=$'\t' read -r source target; do

@@ -43,7 +43,7 @@ take_camera() {
   trap 'echo halt >&9' TERM INT HUP
 }
 
-# Waits for the lock, which is released if this process dies before it stops the camera.
+# Starts a child that waits for the lock and then sweeps: the lock is released if this process dies without a shutdown.
 start_guardian() {
   flock "$lock" "$here/supervise.sh" sweep "$dir" 8>&- 9>&- &
   guardian_pid=$!
@@ -60,8 +60,8 @@ boot() {
 # Whether the lock is still in DIR; false if DIR was deleted or replaced.
 has_folder() { [ "$lock" -ef /proc/self/fd/8 ]; }
 
-# next_event: waits for a line in the control pipe, the exit of the first process or the deletion of DIR; sets `event`. A
-# tick may end within a line: read(1) then leaves what it has, and the rest comes later.
+# next_event: waits for a line in the control pipe, the exit of the first process or the deletion of DIR; sets `event`.
+# A read that times out within a line returns the partial line, which is kept in `line`.
 next_event() {
   local part line=
   event=

@@ -60,7 +60,7 @@ show() { printf '    %s\n' "$@"; }
 
 inside() { "$driver" exec "$dir" -- "$@"; }
 
-# on_host PATH: prints where this computer has the file PATH of the device; of a machine's, a copy.
+# on_host PATH: prints the path on this computer of the device's file PATH, or of a copy if the device is a machine.
 on_host() {
   if is_machine; then
     inside cat "$1" </dev/null >"$work/copy" 2>/dev/null || rm -f "$work/copy"
@@ -83,8 +83,8 @@ onto_device() {
 
 # --- commands ------------------------------------------------------------------------------------------------------
 
-# run_shown EXPECTED COMMAND...: runs it, shows its output and sets `output`. EXPECTED is ok, refused, or any for a
-# command that a reboot may kill.
+# run_shown EXPECTED COMMAND...: runs it, shows its output and sets `output`. EXPECTED is "ok", "refused", or "any" for
+# commands that a reboot may kill.
 run_shown() {
   local expected=$1 status=0
   shift
@@ -162,7 +162,7 @@ inside_lacks() {
   [ -e "$file" ] && ! grep -qE "$2" "$file"
 }
 lacks_file() { inside test ! -e "$1"; }
-# has_copy FILE PATH: whether the device has it there.
+# has_copy FILE PATH: whether the device's file PATH equals FILE.
 has_copy() { cmp -s "$1" "$(on_host "$2")"; }
 # The server renames an upload when it is complete.
 arrives() { eventually test -e "$received/$1" && has_copy "$received/$1" "$2"; }
@@ -202,7 +202,7 @@ start_manager() {
   manager=$!
   eventually test -s "$work/port"
   url=https://$host_address:$(<"$work/port")
-  if is_machine; then inside date -s "@$(date +%s)"; fi # the certificates are younger than a slow machine's clock
+  if is_machine; then inside date -s "@$(date +%s)"; fi # its clock may be behind, before the certificates are valid
   onto_device "$tls/camera.pem" /etc/persistent/server.pem 600
   onto_device "$tls/ca.crt" /etc/persistent/controller.crt
   inside kovactl save --sync

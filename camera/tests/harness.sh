@@ -30,7 +30,7 @@ expect_not() {
   mv "$work/output.new" "$work/output"
 }
 
-# eventually CMD...: polls until the command succeeds, at most 30 s, which KOVA_TIME_FACTOR multiplies.
+# eventually CMD...: polls until the command succeeds, for at most 30 s times KOVA_TIME_FACTOR.
 eventually() {
   local deadline=$((SECONDS + 30 * ${KOVA_TIME_FACTOR:-1}))
   until "$@" >/dev/null 2>&1; do
@@ -69,16 +69,16 @@ exit_status() {
   [ "$status" -eq "$wanted" ] || { echo "exit status $status instead of $wanted" && return 1; }
 }
 
-# with_host_of_its_own SCRIPT ARGUMENT...: restarts the script in namespaces with private copies of /etc and the host
-# name. Returns for users who cannot change these, or where namespaces are unavailable.
-with_host_of_its_own() {
+# isolate_host SCRIPT ARGUMENT...: restarts the script in namespaces with a private host name, where copy_etc then makes
+# /etc private. Returns for users other than root, who cannot change these, or where namespaces are unavailable.
+isolate_host() {
   [ -z "${KOVA_PRIVATE_HOST:-}" ] && [ "$(id -u)" -eq 0 ] && unshare --mount --uts true 2>/dev/null || return 0
   rm -rf "$work"
   export KOVA_PRIVATE_HOST=1
   exec unshare --mount --uts --propagation private "$@"
 }
 
-take_copy_of_etc() {
+copy_etc() {
   [ -n "${KOVA_PRIVATE_HOST:-}" ] || return 0
   mount -t tmpfs -o mode=755 etc /mnt
   cp -a /etc/. /mnt/

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# in_chroot_test.sh mounted|plain: boots a camera inside a chroot, as of schroot(1) and pbuilder(8). "mounted": the root
-# of the chroot is a mount point, so the camera uses namespaces. "plain": it is a folder and the camera uses a chroot.
-# Exit status 77: not possible on this machine. KOVA_BUILD is the folder of the programs.
+# in_chroot_test.sh mounted|plain: boots a camera inside a chroot like those of schroot(1) and pbuilder(8). "mounted":
+# the root of the chroot is a mount point, so the camera uses namespaces. "plain": it is a folder, so the camera uses a
+# chroot. Exit status 77: not possible on this machine. KOVA_BUILD is the folder of the programs.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
 if [ -z "${KOVA_IN_NAMESPACE:-}" ]; then
   [ "$(id -u)" -eq 0 ] || { echo "skipped: needs root" && exit 77; }
-  unshare --mount true || { echo "skipped: a mount namespace cannot be made" && exit 77; }
+  unshare --mount true || { echo "skipped: cannot create a mount namespace" && exit 77; }
   exec env KOVA_IN_NAMESPACE=1 unshare --mount --propagation private "$0" "$@"
 fi
 # shellcheck source=camera/tests/harness.sh
@@ -16,7 +16,7 @@ checkout=$(cd "$here/../.." && pwd)
 readonly checkout
 readonly jail=$work/jail
 
-# Unmount before removal, which must not reach the mounted files.
+# Unmounts first: the removal must not reach the mounted files.
 remove_jail() {
   in_jail stop /tmp/cam >/dev/null || true # there may be no camera
   mapfile -t mounts < <(awk -v jail="$jail" 'index($5, jail) == 1 { print $5 }' /proc/self/mountinfo | sort -r)
@@ -53,15 +53,15 @@ main() {
   trap remove_jail EXIT
   make_jail "$1"
   expect "a camera starts in the chroot" in_jail start /tmp/cam
-  expect "in the way that is open there" mode_is "$mode"
+  expect "it uses mode $mode" mode_is "$mode"
   expect "exec runs inside the camera" inside grep -q '^admin:' /etc/passwd
-  expect "at its root" test "$(inside pwd)" = /
-  expect_not "not in the chroot" inside test -e /of-the-jail
-  expect_not "nor in what is around that" inside test -e "$checkout/dev"
+  expect "exec starts in the camera's root" test "$(inside pwd)" = /
+  expect_not "files of the chroot are invisible" inside test -e /of-the-jail
+  expect_not "files outside the chroot are invisible" inside test -e "$checkout/dev"
   expect "the daemon answers" inside kovactl stats
-  expect "it reboots" next_boot
-  expect "it stops" in_jail stop /tmp/cam
-  expect_not "and is off" in_jail status /tmp/cam
+  expect "the camera reboots" next_boot
+  expect "the camera stops" in_jail stop /tmp/cam
+  expect_not "status reports that it is off" in_jail status /tmp/cam
   echo "$failures failed"
   [ "$failures" -eq 0 ]
 }

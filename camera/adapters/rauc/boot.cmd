@@ -1,7 +1,7 @@
-# What U-Boot runs: boots the first slot in BOOT_ORDER that has attempts left, and takes one of them from it. When none is
-# left, all get theirs anew. RAUC and the camera keep these variables in the partition "env", whose first 4096 bytes are
-# an environment of U-Boot. A variable that is to survive must be named at the export. An environment that is not valid counts
-# as an empty one; one that cannot be read does not, since the defaults would be written over it.
+# U-Boot's boot script: boots the first slot in BOOT_ORDER that has attempts left and takes one from it. When no slot
+# has any left, all get theirs back and the board resets. RAUC and the camera store these variables in the partition
+# "env", whose first 4096 bytes are a U-Boot environment. "env export" drops variables that it does not name. An invalid
+# environment counts as empty; an unreadable one resets the board, or the defaults would overwrite it.
 virtio scan
 for number in 0 1 2 3; do
   if part start virtio ${number} env env_start; then setenv disk ${number}; fi
@@ -29,7 +29,8 @@ if test -n "${slot}"; then
   echo "Booting slot ${slot}"
   part number virtio ${disk} ${slot} partition
   setenv bootargs "console=ttyAMA0 quiet panic=-1 rauc.slot=${slot} ${options}"
-  # Not "&&" at the end of a line, which U-Boot takes for ";": RAM may hold the kernel of the boot before.
+  # Nested, since U-Boot reads "&&" at the end of a line as ";": booti would then run the previous boot's kernel from
+  # RAM.
   if load virtio ${disk}:${partition} ${kernel_addr_r} /boot/kernel; then
     if load virtio ${disk}:${partition} ${ramdisk_addr_r} /boot/initrd; then
       booti ${kernel_addr_r} ${ramdisk_addr_r}:${filesize} ${fdtcontroladdr}

@@ -7,7 +7,7 @@
 #   stdout  print the file's content on standard output
 #   stderr  print the file's content on standard error
 #   linger  leave a child that holds the output open for this many seconds
-#   flood   print the file's content for ever
+#   flood   print the file's content endlessly
 #   kill    die of this signal, a name or number
 #   exit    exit with this status and do nothing else
 # Without "kill" and "exit" the tool then does its work.
@@ -22,7 +22,7 @@ log_run() {
   printf '%s\n' "$(printf '%s' "$line" | tr '\n' '?')" >>/var/log/tools.log
 }
 
-# The wait does not keep the output open, so that killing the tool also closes its output.
+# sleep(1) does not inherit the output, so killing the tool also closes its output.
 misbehave() {
   orders=/run/tools/$tool_name
   [ -d "$orders" ] || return 0
@@ -45,7 +45,7 @@ fail() {
   exit 1
 }
 
-# replace_file TARGET: TARGET becomes standard input, wholly or not at all, and for good.
+# replace_file TARGET: replaces TARGET by standard input, atomically and durably.
 replace_file() {
   cat >"$1.new"
   sync "$1.new"
