@@ -14,11 +14,11 @@ use_machine() {
   case ${1:-} in
     "") die "DIR is missing" ;;
     -*) die "\"$1\" is not a folder; write ./$1 for a name that starts with \"-\"" ;;
-    *[,]*) die "\"$1\" contains a comma, which QEMU takes for the end of a path" ;;
+    *[,]*) die "\"$1\" contains a comma, which ends a path in QEMU's options" ;;
   esac
   dir=$(realpath -m -- "$1")
   flash=$dir/flash.img # persistent storage
-  slots=$dir/slots.img # the disk with the systems, if U-Boot boots one of them
+  slots=$dir/slots.img # the disk with the system slots, if the machine boots by U-Boot
   console=$dir/console.log
   state=$dir/state # files of the supervisor: lock, control pipe, sockets and pipes of QEMU, logs
   control=$state/control

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # supervise.sh DIR IMAGE MODULES WATCHDOG RECORD OWNER BUS: the power supply of a machine, with the options of "machine
-# start", which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER has ended, the
-# record of its writes is full, or somebody writes to the pipe DIR/state/control, which cuts the power. The machine lives
+# start", which may be empty. Runs QEMU until the machine halts, its folder is deleted, the process OWNER exits, the
+# record of its writes is full, or a byte arrives in the pipe DIR/state/control, which cuts the power. The machine lives
 # only as long as this process.
 #
-# Each boot has a QEMU of its own: after a reset of the board, QEMU 7.2 takes minutes to run the kernel's unpacking of its
-# initrd, which takes a moment the first time.
+# Each boot starts a new QEMU: after a reset of the board, QEMU 7.2 takes minutes to unpack the initrd instead of a
+# moment.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
@@ -39,8 +39,8 @@ take_machine() {
   take_image
 }
 
-# The image as it is now serves for all boots, also when it is replaced: descriptor 7 is its folder, which QEMU inherits, with
-# a lock by which machine/mkimage knows that it is in use. For a moment while it is replaced there is none.
+# Pins the current image for all boots, even if machine/mkimage replaces it: descriptor 7 is its folder, inherited by
+# QEMU, with a shared lock that keeps mkimage from deleting it. Retries, since a replacement is not atomic.
 take_image() {
   local tries=50
   until { exec 7<"$image" && flock --shared 7 && [ -e /dev/fd/7/inputs ]; } 2>/dev/null; do
@@ -51,8 +51,8 @@ take_image() {
   image=/dev/fd/7
 }
 
-# add_lane NUMBER: a lane is two ports, of which the second only prints. Pipes are always connected, unlike sockets:
-# the machine waits in read(2) for what comes.
+# add_lane NUMBER: a lane is two ports; the second is for standard error only. Uses pipes, which are always connected,
+# unlike sockets: the machine blocks in read(2) until data comes.
 add_lane() {
   local port
   for port in "agent$1" "agent$1.errors"; do
@@ -62,9 +62,9 @@ add_lane() {
   done
 }
 
-# The processor is a small one, since QEMU emulates what a processor has, and a small one has less. It takes a nanosecond
-# for an instruction on the clock inside, however long the emulator takes for it, so that what has a time limit inside
-# keeps to it on a busy computer. While the processor is idle, its clock is that of the computer.
+# The processor is a simple model, which is cheaper to emulate. With -icount, each instruction takes one nanosecond of
+# virtual time, however long the emulation takes, so time limits inside hold on a busy computer. While the processor is
+# idle, virtual time runs at the speed of real time.
 collect_arguments() {
   local lane
   arguments=(-M "virt,gic-version=2" -cpu cortex-a53 -accel "tcg,tb-size=128" -icount "shift=0,sleep=on"
@@ -76,15 +76,15 @@ collect_arguments() {
     -netdev "user,id=net${bus:+,hostfwd=tcp:127.0.0.1:$bus-:1900}" -device "virtio-net-device,netdev=net"
     -device virtio-rng-device -device virtio-serial-device)
   for lane in "${LANES[@]}"; do add_lane "$lane"; done
-  # QEMU has to translate a program again where it lies at another address, and to forget addresses at each change of the
-  # page tables, which a kernel at a random address keeps apart from its own: both double the time of a boot.
+  # Randomized addresses double the boot time: QEMU must retranslate code that moves to another address, and a kernel
+  # with KASLR uses separate page tables, so QEMU must drop cached translations at each switch.
   add_system "nokaslr norandmaps kova.modules=$modules kova.watchdog=$watchdog kova.bus=$bus"
   if [ -n "$watchdog" ]; then arguments+=(-device i6300esb -action watchdog=reset); fi
   if [ -n "$record" ]; then record_writes; else arguments+=(-blockdev "driver=file,filename=$flash,node-name=flash"); fi
   arguments+=(-device "virtio-blk-device,drive=flash,serial=flash")
 }
 
-# add_system OPTIONS: what is booted, either the image as it is, or what U-Boot finds in the slots.
+# add_system OPTIONS: boots the image directly or, with slots, the system that U-Boot selects.
 add_system() {
   if [ -e "$slots" ]; then
     "$here/nor" nor.img "$MACHINE_HOME/../camera/adapters/rauc/boot.cmd" "$1"
@@ -98,7 +98,7 @@ add_system() {
   fi
 }
 
-# Of each boot: the flash as it was at power-on, and a log of what has been written since. See machine/tests/replay.
+# Records for each boot: the flash at power-on and a log of all writes since. machine/tests/replay reads them.
 record_writes() {
   local boot
   mkdir -p writes
@@ -110,7 +110,7 @@ record_writes() {
     -blockdev "driver=blklogwrites,file=flash-file,log=flash-log,node-name=flash")
 }
 
-# Without this process nobody would watch over it, so it ends too.
+# Starts QEMU, which must not outlive this process.
 power_on() {
   cd "$state"
   rm -f monitor qtest
@@ -123,11 +123,11 @@ power_on() {
 # Whether the lock is still in DIR; false if DIR was deleted or replaced.
 has_folder() { [ "$lock" -ef /proc/self/fd/8 ]; }
 
-# The kernel's last words; a reset has none.
+# Tells a halt from a reset by the kernel's last message; a reset prints none.
 has_halted() { tail -n 1 "$console" | grep "reboot: Power down" >/dev/null; }
 
-# start_time PID: prints when the process was started, which tells it from a later one of the same number; nothing if it
-# has ended. Its name, in parentheses, may hold anything.
+# start_time PID: prints the start time of a process, or nothing if it has exited; detects reuse of the PID. The process
+# name in parentheses may contain anything, so parse after the last ")".
 start_time() {
   local fields
   { IFS= read -r -d '' fields <"/proc/$1/stat"; } 2>/dev/null || true
@@ -144,7 +144,8 @@ has_room() {
   [ "${used:-0}" -lt "$MAX_RECORD_MIB" ]
 }
 
-# next_event: waits for the control pipe, the end of QEMU or of the owner, or the deletion of DIR; sets `event`.
+# next_event: waits for the control pipe, the exit of QEMU or of the owner, a full record or the deletion of DIR; sets
+# `event`.
 next_event() {
   event=
   until [ -n "$event" ]; do
@@ -156,10 +157,10 @@ next_event() {
   done
 }
 
-# Sets `event` to "reboot" if it is to be powered on again.
+# Sets `event` to "reboot" if the machine must be powered on again.
 power_off() {
   local status=0
-  if [ "$event" != ended ]; then kill -KILL "$qemu" 2>/dev/null || true; fi # it may have ended meanwhile
+  if [ "$event" != ended ]; then kill -KILL "$qemu" 2>/dev/null || true; fi # it may have exited meanwhile
   wait "$qemu" || status=$?
   if [ "$event" = ended ] && [ "$status" -eq 0 ]; then
     if has_halted; then event=halt; else event=reboot; fi

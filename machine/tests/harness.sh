@@ -1,8 +1,8 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shared with the tests
-# Helpers of the machine's tests, beside those of the camera's: the machine under test is in `one`. Whoever sources this
-# sets `here`. The machine ends with the test, however that ends.
+# Helpers of the machine's tests, in addition to those of the camera's tests: the machine under test is in `one`. The
+# caller sets `here`. The machine never outlives the test, even if the test is killed.
 
-# An emulator on a busy computer.
+# Emulation on a busy computer is slow.
 export KOVA_TIME_FACTOR=${KOVA_TIME_FACTOR:-5}
 machine=$here/../machine
 # shellcheck source=camera/tests/harness.sh
@@ -26,7 +26,7 @@ clean_up() {
   rm -rf "$work"
 }
 
-# run_parts PART...: runs them; the test is then at its end.
+# run_parts PART...: runs the parts, and exits with status 1 if an expectation failed.
 run_parts() {
   local part
   for part in "$@"; do "$part"; done
@@ -34,7 +34,7 @@ run_parts() {
   [ "$failures" -eq 0 ] || { echo "$failures expectations failed" && exit 1; }
 }
 
-# An authority, and certificates of a server and of the camera.
+# Makes an authority and certificates for a server and the camera.
 make_certificates() {
   openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj "/CN=Authority" \
     -keyout "$work/ca.key" -out "$work/ca.crt"
@@ -57,14 +57,14 @@ serve() {
   url=$1://10.0.2.2:$(<"$work/port")
 }
 
-# start_server: serves it by HTTPS, and has the camera trust the server.
+# start_server: serves $work/served over HTTPS, and makes the camera trust the server.
 start_server() {
   make_certificates >"$work/openssl.log" 2>&1
   serve https "$work/server.crt" "$work/server.key"
   put_inside "$work/camera.pem" /etc/persistent/server.pem
   put_inside "$work/ca.crt" /etc/persistent/controller.crt
   inside chmod 600 /etc/persistent/server.pem
-  inside date -s "@$(date +%s)" >/dev/null # the certificates are younger than a busy machine's clock
+  inside date -s "@$(date +%s)" >/dev/null # a slow machine's clock may be behind, before the certificates are valid
 }
 stop_server() { exec 6>&-; }
 put_logo() { inside kovactl put logo "$1" --file /tmp/logo.local --timeout 60 --wait; }

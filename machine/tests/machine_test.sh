@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# machine_test.sh: tests the camera on a whole emulated computer. Exit status 77: QEMU is not installed. KOVA_BUILD is
-# the folder of the programs, built for 64-bit ARM.
+# machine_test.sh: tests the camera on an emulated computer. Exit status 77: QEMU is not installed. KOVA_BUILD is the
+# folder of the programs, built for 64-bit ARM.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
@@ -14,11 +14,11 @@ host_packages() { dpkg --print-foreign-architectures && cat /proc/modules && ls 
 refuses_what_it_cannot_do() {
   mkdir -p "$work/other"
   touch "$work/other/file"
-  expect "a folder with other files is left alone" exit_status 1 run_machine start "$work/other"
+  expect "a folder with other files is refused" exit_status 1 run_machine start "$work/other"
   expect "an unknown command is refused" exit_status 2 run_machine fly "$one"
   expect "a machine that is off runs no command" exit_status 125 run_machine exec "$one" -- true
-  expect "and has no button" exit_status 1 run_machine press "$one" 1
-  expect "and is off" exit_status 1 run_machine status "$one"
+  expect "its button cannot be pressed" exit_status 1 run_machine press "$one" 1
+  expect "status reports that it is off" exit_status 1 run_machine status "$one"
 }
 
 boots() {
@@ -29,12 +29,12 @@ boots() {
   expect "start returns once kova_ctlserver owns its name" start_machine
   figure "power-on until it answers on the bus" "$((($(date +%s%N) - begin) / 1000000)) ms"
   qemu=$(qemu_process)
-  figure "processor time of QEMU for it" "$(ps -o time= -p "$qemu")"
+  figure "processor time of QEMU until then" "$(ps -o time= -p "$qemu")"
   figure "resident memory of QEMU" "$(ps -o rss= -p "$qemu") KiB"
   expect "the daemon answers on the bus" inside busctl --address=unix:path=/run/kova/bus \
     call kova.kova_ctlserver / org.freedesktop.DBus.Peer Ping
-  expect "a running machine is not started again" exit_status 1 run_machine start "$one"
-  expect "the kernel is of another processor" printed_inside "uname -m" aarch64
+  expect "starting a running machine is refused" exit_status 1 run_machine start "$one"
+  expect "the kernel is built for 64-bit ARM" printed_inside "uname -m" aarch64
   expect_not "the firmware cannot be changed" inside touch /usr/bin/new /bin/new /sbin/new
   # shellcheck disable=SC2016 # expanded inside
   figure "resident memory of kova_ctlserver" \
@@ -43,40 +43,40 @@ boots() {
 
 passes_commands_on() {
   head -c 300000 /dev/urandom >"$work/blob"
-  expect "exec passes the exit status on" exit_status 7 inside sh -c 'exit 7'
-  expect "exec passes any bytes both ways" run_machine exec "$one" -- cat <"$work/blob"
-  expect "unchanged" cmp "$work/blob" "$work/output"
+  expect "exec returns the exit status of the command" exit_status 7 inside sh -c 'exit 7'
+  expect "exec forwards binary input and output" run_machine exec "$one" -- cat <"$work/blob"
+  expect "the data is unchanged" cmp "$work/blob" "$work/output"
   inside sh -c 'echo complaint >&2; echo text' >"$work/out" 2>"$work/err"
-  expect "output and errors are apart" test "$(cat "$work/out") $(cat "$work/err")" = "text complaint"
+  expect "output and errors are separate" test "$(cat "$work/out") $(cat "$work/err")" = "text complaint"
   inside sh -c 'echo early >&2; sleep 0.5; echo late' >"$work/out" 2>&1
-  expect "together their lines are whole" test "$(cat "$work/out")" = $'early\nlate'
+  expect "on one descriptor, their lines do not mix" test "$(cat "$work/out")" = $'early\nlate'
   # shellcheck disable=SC2016 # not expanded anywhere
-  expect "arguments keep their form" test "$(inside printf '%s|' 'a  b' "it's" '$HOME')" = "a  b|it's|\$HOME|"
+  expect "arguments are passed unchanged" test "$(inside printf '%s|' 'a  b' "it's" '$HOME')" = "a  b|it's|\$HOME|"
   timeout 2 "$machine" exec "$one" -- sh -c 'while :; do echo noise; done' >/dev/null </dev/null || true
-  expect "an asker that went away leaves no noise behind" test "$(inside echo quiet)" = quiet
-  expect "nor a command" printed_inside 'ps | grep -c "do [e]cho noise"' 0
+  expect "output of a killed client's command is dropped" test "$(inside echo quiet)" = quiet
+  expect "the command is killed" printed_inside 'ps | grep -c "do [e]cho noise"' 0
 }
 
 runs_from() { readlink "/proc/$(qemu_process)/fd/"* | grep -q "^$1/system.ext4\$"; }
 
-# With an image of its own, which other tests do not use.
+# Uses a copy of the image, which other tests share.
 keeps_its_image() {
   local image=${KOVA_MACHINE_IMAGE:-$here/../../build/machine/image} boot
   cp -a --reflink=auto "$image" "$work/image"
   ln -s "$(realpath "$image.packages")" "$work/image.packages"
-  expect "it is stopped" run_machine stop "$one"
+  expect "the machine stops" run_machine stop "$one"
   local -x KOVA_MACHINE_IMAGE=$work/image
-  expect "and starts from another image" start_machine
+  expect "it starts from another image" start_machine
   echo "something else" >"$work/image/inputs"
-  expect "which is replaced" make_image
+  expect "the image is replaced" make_image
   boot=$(boot_count)
   run_machine reset "$one"
-  expect "it boots again" run_machine wait "$one" "$((boot + 1))"
-  expect "from the image that it had" runs_from "$work/image\.old\.[^/]*"
-  expect "it is stopped" run_machine stop "$one"
-  expect "and started" start_machine
-  expect "from the new image" runs_from "$work/image"
-  expect_not "the old one is gone" compgen -G "$work/image.old.*"
+  expect "after a reset it boots again" run_machine wait "$one" "$((boot + 1))"
+  expect "it still uses the old image" runs_from "$work/image\.old\.[^/]*"
+  expect "it stops again" run_machine stop "$one"
+  expect "it starts again" start_machine
+  expect "it uses the new image" runs_from "$work/image"
+  expect_not "the old image is removed" compgen -G "$work/image.old.*"
 }
 
 tells_the_kernels_figures() {
@@ -92,7 +92,7 @@ tells_the_kernels_figures() {
   }
   facts; kovactl --json stats; facts'
   inside sh -c "$facts" >"$work/stats"
-  expect "statistics are what the kernel says" "$here/compare_stats" "$work/stats"
+  expect "the statistics match the kernel's" "$here/compare_stats" "$work/stats"
 }
 
 act() { inside /tmp/kova_confined "$1" /tmp/picture; }
@@ -102,10 +102,10 @@ confines_the_picture_decoder() {
   inside sh -c 'printf content >/tmp/picture; chmod 666 /tmp/picture'
   expect "a confined decoder reads its picture" act read
   for name in write create truncate rename chmod execute kill trace mount unshare; do
-    expect "the kernel ends one that tries to $name" exit_status "$SIGSYS_STATUS" act "$name"
+    expect "the kernel kills a decoder on: $name" exit_status "$SIGSYS_STATUS" act "$name"
   done
   for name in unlink mkdir socket fork thread memory; do
-    expect "and refuses it $name" exit_status 1 act "$name"
+    expect "the kernel denies a decoder: $name" exit_status 1 act "$name"
   done
   expect "the picture is unchanged" printed_inside "cat /tmp/picture" content
 }
@@ -116,12 +116,12 @@ takes_a_logo() {
   echo "not a picture" >"$work/served/logo.txt"
   start_server
   put_inside "$work/served/logo.png" /tmp/logo.local
-  expect "a logo is put" put_logo "$url/logo.png"
-  expect "it is decoded and installed" inside cat /etc/persistent/user_logo
-  expect "unchanged" cmp "$work/served/logo.png" "$work/output"
+  expect "a logo is accepted" put_logo "$url/logo.png"
+  expect "it is installed" inside cat /etc/persistent/user_logo
+  expect "its content is unchanged" cmp "$work/served/logo.png" "$work/output"
   put_inside "$work/served/logo.txt" /tmp/logo.local
-  expect_not "what is no picture is not" put_logo "$url/logo.txt"
-  expect "since it was judged" grep -q VALIDATION_FAILED "$work/output"
+  expect_not "a file that is not a picture is refused" put_logo "$url/logo.txt"
+  expect "the reason is VALIDATION_FAILED" grep -q VALIDATION_FAILED "$work/output"
   stop_server
 }
 
@@ -130,26 +130,26 @@ survives_power_cuts() {
   inside kovactl save --sync >/dev/null
   inside kovactl settings name=Unsaved >/dev/null
   expect "the power can be cut" run_machine cut "$one"
-  expect "and comes back" start_machine
-  expect "what was saved is there" inside grep -qx "resolv.host.1.name=Porch" /etc/system.cfg
+  expect "the machine starts again" start_machine
+  expect "the saved name is restored" inside grep -qx "resolv.host.1.name=Porch" /etc/system.cfg
   inside cat /etc/persistent/user_logo >"$work/installed"
-  expect "and the logo" cmp "$work/served/logo.png" "$work/installed"
+  expect "the logo is restored" cmp "$work/served/logo.png" "$work/installed"
   local boot
   boot=$(boot_count)
   expect "the board can be reset" run_machine reset "$one"
-  expect "and boots" run_machine wait "$one" "$((boot + 1))"
+  expect "it boots after the reset" run_machine wait "$one" "$((boot + 1))"
 }
 
-# What the daemon has told of its button since the camera's log had `mark` lines.
+# The daemon's messages about its button after line `mark` of the camera's log.
 mark_log() { mark=$(inside sh -c 'wc -l </var/log/messages'); }
 told() { inside tail -n "+$((mark + 1))" /var/log/messages | grep -F "Reset button (case)"; }
-told_of() { told | grep -cF "$1"; } # grep's status: whether there is one
+told_of() { told | grep -cF "$1"; } # fails if there is none
 counts() { echo "$(told_of "$DOWN") $(told_of "$UP") $(told_of "$HELD")"; }
 told_times() { [ "$(told_of "$2")" -ge "$1" ]; }
 is_told() { eventually told_times "$@"; }
 
-# once_quick GESTURE DOWNS UPS: makes the gesture until the daemon tells of just so many movements, and of no hold. A
-# computer that leaves the machine no time for 250 ms makes two presses of one.
+# once_quick GESTURE DOWNS UPS: repeats the gesture, up to five times, until the daemon logs exactly these movements and
+# no hold. On a busy computer, a stall of the machine for 250 ms splits one press into two.
 once_quick() {
   local attempt
   for attempt in {1..5}; do
@@ -163,13 +163,13 @@ once_quick() {
 
 press_shortly() { run_machine press "$one" 0.5 && is_told 1 "$UP"; }
 
-# A press after it shows that all of it has been seen.
+# The log of the final press shows that the daemon has processed the bounces.
 bounce_then_press() {
   "$here/../lib/board" "$one/state" bounce || return
   press_shortly
 }
 
-# Two presses, between which the daemon is saving and looks at no button: not one long press.
+# Two presses with a save in between, during which the daemon does not poll the button: must not count as a long press.
 tap_around_a_save() {
   local saving
   inside sh -c 'mkdir -p /run/tools/cfgmtd && echo 6.5 >/run/tools/cfgmtd/sleep && echo 1 >/run/tools/cfgmtd/times'
@@ -186,14 +186,14 @@ tap_around_a_save() {
   is_told 2 "$UP"
 }
 
-# The kernel inside has the level that was set from outside.
+# Presses the button until the daemon logs a long press.
 hold() {
   mark_log
   run_machine press "$one"
   is_told 1 "$HELD"
 }
 
-# Of the device, in this boot.
+# Prints the runs of the device tools in this boot.
 runs_of_tools() { inside sh -c '[ ! -e /var/log/tools.log ] || cat /var/log/tools.log'; }
 
 obeys_its_button() {
@@ -202,12 +202,12 @@ obeys_its_button() {
   tools=$(runs_of_tools)
   expect "a short press is one press" once_quick press_shortly 1 1
   # shellcheck disable=SC2016 # expanded inside
-  expect "read from the character device" inside sh -c 'ls -l /proc/$(pidof kova_ctlserver)/fd | grep gpio-line'
-  expect "a bouncing contact is none" once_quick bounce_then_press 1 1
+  expect "the button is read from a GPIO line" inside sh -c 'ls -l /proc/$(pidof kova_ctlserver)/fd | grep gpio-line'
+  expect "a bouncing contact is not a press" once_quick bounce_then_press 1 1
   sleep 6 # a reset would come after five
-  expect "neither does anything" test "$(runs_of_tools)" = "$tools"
-  expect "two taps around a save are no long press" once_quick tap_around_a_save 2 2
-  expect "nor do they reset" test "$(boot_count)" = "$boot"
+  expect "short presses and bounces run no tool" test "$(runs_of_tools)" = "$tools"
+  expect "two taps around a save are not a long press" once_quick tap_around_a_save 2 2
+  expect "they do not reboot the camera" test "$(boot_count)" = "$boot"
 }
 
 erases_itself() {
@@ -215,31 +215,31 @@ erases_itself() {
   boot=$(boot_count)
   inside kovactl settings name=Porch >/dev/null
   inside kovactl save --sync >/dev/null
-  expect "a long press is told of" hold
-  expect_not "and nothing happens before its end" inside grep -q "cfgmtd -c" /var/log/tools.log
-  expect "it can be released" run_machine release "$one"
-  expect "which reboots the camera" run_machine wait "$one" "$((boot + 1))"
-  expect "with its factory's settings" inside grep -qx "resolv.host.1.name=Kova Virtual Machine" /etc/system.cfg
-  expect "and an empty flash" inside test ! -e /mnt/flash/etc
+  expect "a long press is logged" hold
+  expect_not "nothing is erased before its end" inside grep -q "cfgmtd -c" /var/log/tools.log
+  expect "the button can be released" run_machine release "$one"
+  expect "the release reboots the camera" run_machine wait "$one" "$((boot + 1))"
+  expect "the camera has factory settings" inside grep -qx "resolv.host.1.name=Kova Virtual Machine" /etc/system.cfg
+  expect "no configuration is stored" inside test ! -e /mnt/flash/etc
   expect_not "the logo is gone" inside test -e /etc/persistent/user_logo
 }
 
-# shows SECONDS: what a press shows on a terminal.
+# shows SECONDS: presses the button with a terminal as output; the text is then in $work/shown.
 shows() { KOVA_MACHINE=$machine DIR=$one script -qec "\"\$KOVA_MACHINE\" press \"\$DIR\" $1" /dev/null >"$work/shown"; }
 
 shows_what_a_press_does() {
   local boot
   boot=$(boot_count)
-  expect "on a terminal" shows 0.5
-  expect "a press shows what the camera logs" grep -qF "$UP" "$work/shown"
-  expect_not "which resets nothing" grep -qF "resets itself" "$work/shown"
-  # A loaded computer delivers the press late, and it counts from then: one of five seconds and a half can be too short.
-  expect "on a terminal" shows 8
-  expect "a long press shows the reset" grep -qF "$HELD" "$work/shown"
-  expect "until the camera is up again" grep -qF "boot=$((boot + 1))" "$work/shown"
+  expect "a short press on a terminal succeeds" shows 0.5
+  expect "it shows the camera's log" grep -qF "$UP" "$work/shown"
+  expect_not "it shows no reset" grep -qF "resets itself" "$work/shown"
+  # Well above five seconds: a loaded computer delivers the press late.
+  expect "a long press on a terminal succeeds" shows 8
+  expect "it shows the reset" grep -qF "$HELD" "$work/shown"
+  expect "it waits until the camera is up again" grep -qF "boot=$((boot + 1))" "$work/shown"
 }
 
-# Also one that is killed and cleans up nothing.
+# The owner is killed, so it cannot clean up.
 ends_with_its_owner() {
   local owner other=$work/other.machine
   sleep 1000 &
@@ -247,13 +247,13 @@ ends_with_its_owner() {
   "$machine" start "$other" --owner "$owner" >"$work/other.log" 2>&1 &
   eventually grep -q "on, process" "$other/state/supervisor.log"
   kill -KILL "$owner"
-  expect "it ends with its owner" eventually grep -q "off (orphaned" "$other/state/supervisor.log"
+  expect "a machine does not outlive its owner" eventually grep -q "off (orphaned" "$other/state/supervisor.log"
   wait %% 2>/dev/null || true
   rm -rf "$other"
 }
 
-# outlive_number MACHINE DIR: ends the owner of a machine, and has another process take its number. Runs in a space of
-# process numbers of its own.
+# outlive_number MACHINE DIR: kills the owner of a machine and reuses its PID for another process. Runs in a separate
+# PID namespace.
 outlive_number() {
   local owner heir='' log=$2/state/supervisor.log
   sleep 1000 &
@@ -275,37 +275,37 @@ takes_no_other_for_its_owner() {
   local other=$work/other.machine apart=(unshare --pid --fork --mount-proc)
   [ "$(id -u)" -eq 0 ] || apart+=(--user --map-root-user)
   if ! "${apart[@]}" true 2>/dev/null; then
-    echo "      not tried: no namespaces"
+    echo "      left out: no namespaces"
     return
   fi
-  expect "nor does a later process of its number keep it" timeout 60 "${apart[@]}" \
+  expect "reuse of the owner's PID does not keep a machine alive" timeout 60 "${apart[@]}" \
     bash -c "$(declare -f outlive_number); outlive_number \"\$@\"" bash "$machine" "$other"
   rm -rf "$other"
 }
 
-# A megabyte is full with the first write.
+# The first write exceeds the limit of one megabyte.
 bounds_its_record() {
   local other=$work/other.machine times
   for times in once twice; do
-    expect "a full record ends the machine, $times" \
+    expect "a full record stops the machine, $times" \
       exit_status 1 env KOVA_MAX_RECORD=1 "$machine" start "$other" --record --owner $$
   done
-  expect "as it tells" grep -q "off (full record" "$other/state/supervisor.log"
-  expect "each start begins a new one" test "$(echo "$other"/state/writes/*.img)" = "$other/state/writes/1.img"
+  expect "the supervisor logs the reason" grep -q "off (full record" "$other/state/supervisor.log"
+  expect "each start begins a new record" test "$(echo "$other"/state/writes/*.img)" = "$other/state/writes/1.img"
   rm -rf "$other"
 }
 
 ends_cleanly() {
   host_packages >"$work/host.after" 2>/dev/null || true
-  expect "the host has the architectures, modules and formats it had" cmp "$work/host.before" "$work/host.after"
-  expect "it shuts down" run_machine stop "$one"
-  expect "by its own power-off" grep -q "off (halt" "$one/state/supervisor.log"
-  expect "and is off" exit_status 1 run_machine status "$one"
-  expect "it starts again" start_machine
+  expect "the host's architectures, modules and binary formats are unchanged" cmp "$work/host.before" "$work/host.after"
+  expect "the machine stops" run_machine stop "$one"
+  expect "the kernel powers the board off" grep -q "off (halt" "$one/state/supervisor.log"
+  expect "status reports that it is off" exit_status 1 run_machine status "$one"
+  expect "the machine starts again" start_machine
   local qemu
   qemu=$(qemu_process)
   rm -rf "$one"
-  expect "it ends when its folder is deleted" eventually test ! -e "/proc/$qemu"
+  expect "it stops when its folder is deleted" eventually test ! -e "/proc/$qemu"
 }
 
 [ $# -gt 0 ] || set -- refuses_what_it_cannot_do boots passes_commands_on keeps_its_image \

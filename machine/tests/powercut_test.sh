@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# powercut_test.sh: cuts the power of the emulated camera at every write to its flash, and at random. Exit status 77: QEMU
-# is not installed. KOVA_BUILD is the folder of the programs, built for 64-bit ARM.
+# powercut_test.sh: cuts the power of the emulated camera at every write to its flash, and at random. Exit status 77:
+# QEMU is not installed. KOVA_BUILD is the folder of the programs, built for 64-bit ARM.
 #
-# KOVA_POWER_CUTS  real cuts (default: 20)
+# KOVA_POWER_CUTS  number of real cuts (default: 20)
 # KOVA_LOST        random choices of lost writes after each write (default: 3)
-# KOVA_SEED        of these (default: 1)
+# KOVA_SEED        seed of the random choices (default: 1)
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
@@ -13,7 +13,7 @@ here=$(dirname "$(readlink -f "$0")")
 readonly CUTS=${KOVA_POWER_CUTS:-20} LOST=${KOVA_LOST:-3} SEED=${KOVA_SEED:-1}
 readonly CARELESS_SAVERS=(in_place unflushed)
 
-# print_state: what the camera has now, as machine/tests/replay reads it.
+# print_state: prints the camera's current state in the format of machine/tests/replay.
 print_state() {
   # shellcheck disable=SC2016 # expanded inside
   inside sh -c 'cd /etc
@@ -23,7 +23,7 @@ print_state() {
   print_rest
 }
 
-# print_rest: what is stored apart from the configuration.
+# print_rest: prints the stored state other than the configuration.
 print_rest() {
   # shellcheck disable=SC2016 # expanded inside
   inside sh -c 'digest() { sha256sum <"$1" | cut -d " " -f 1; }
@@ -31,7 +31,8 @@ print_rest() {
     if [ -e /mnt/flash/firmware.bin ]; then echo "firmware=$(digest /mnt/flash/firmware.bin)"; fi'
 }
 
-# done_with OPERATION [STATE]: what was written is this operation's; STATE is what prints the camera's state by now.
+# done_with OPERATION [STATE]: attributes the writes since the last mark to OPERATION; the function STATE prints the
+# camera's state after it.
 done_with() { "${2:-print_state}" | "$here/replay" mark "$one/state/writes" "$1"; }
 
 save() { inside kovactl save --sync >/dev/null; }
@@ -46,18 +47,18 @@ flash_firmware() { inside kovactl firmware "$url/$1" --timeout 60 --wait; }
 
 rename() { inside kovactl settings "name=$1" >/dev/null && save; }
 
-# be_careless NAME: in place of the tool that saves or flashes.
+# be_careless NAME: replaces the tool that saves or flashes with a version that is not safe against power cuts.
 be_careless() {
   local script tool=cfgmtd
   # shellcheck disable=SC2016 # expanded inside
   case $1 in
-    flashing) # overwrites what is stored
+    flashing) # overwrites the stored firmware in place
       tool=fwupdate
       script='image=/tmp/fwupdate.bin stored=/mnt/flash/firmware.bin
         head -c 40000 $image >$stored; sync; tail -c +40001 $image >>$stored; sync' ;;
-    in_place) # replaces what is stored where it stands
+    in_place) # overwrites the stored configuration in place
       script='slot=/mnt/flash/$(readlink /mnt/flash/etc); rm -rf "$slot"; sync; cp -a /etc "$slot"; sync' ;;
-    unflushed) # writes elsewhere first, but does not flush what it wrote
+    unflushed) # writes to the other slot, but does not flush the files
       script='slot=etc.a; [ "$(readlink /mnt/flash/etc)" != etc.a ] || slot=etc.b; cd /mnt/flash
         rm -rf $slot; cp -a /etc $slot; ln -s $slot etc.new; mv -T etc.new etc; sync /mnt/flash' ;;
   esac
@@ -87,17 +88,17 @@ records_what_it_writes() {
   expect "the environment can be set" set_environment
   done_with environment
   expect "a logo can be installed" put_logo "$url/logo.png"
-  expect "and saved" save
+  expect "the logo can be saved" save
   done_with logo
   expect "firmware can be flashed" flash_firmware 2.0.0
   done_with firmware
   be_careless flashing
-  expect "also carelessly" flash_firmware 3.0.0
+  expect "firmware can be flashed by a careless tool" flash_firmware 3.0.0
   done_with flashing
   stop_server
   boot=$(boot_count)
   expect "the camera can be reset" inside kovactl reset-defaults --yes
-  expect "and comes back" run_machine wait "$one" "$((boot + 1))"
+  expect "the camera comes back" run_machine wait "$one" "$((boot + 1))"
   done_with reset print_rest
   rename Garden
   done_with again
@@ -107,13 +108,13 @@ records_what_it_writes() {
     inside sync
     done_with "$name"
   done
-  expect "it can be stopped" run_machine stop "$one"
+  expect "the machine can be stopped" run_machine stop "$one"
 }
 
-# count OPERATION KEY: of what replay has printed.
+# count OPERATION KEY: prints a count from the output of replay.
 count() { sed -n "s/^$1 .*\b$2=\([0-9]*\).*/\1/p" "$work/judged"; }
 
-# Each operation must have been met before and after it took effect, else nothing was tried.
+# The cuts must have hit the operation both before and after it took effect; otherwise nothing was tested.
 was_whole() {
   [ "$(count "$1" writes)" -gt 0 ] && [ "$(count "$1" old)" -gt 0 ] && [ "$(count "$1" new)" -gt 0 ] &&
     [ "$(count "$1" broken)" -eq 0 ] && [ "$(count "$1" volatile)" -eq 0 ]
@@ -121,22 +122,23 @@ was_whole() {
 
 is_whole_after_each_write() {
   local name begin=$SECONDS
-  expect "each cut can be judged" timeout 3000 "$here/replay" judge "$one/state/writes" "$LOST" "$SEED"
+  expect "all cuts are judged" timeout 3000 "$here/replay" judge "$one/state/writes" "$LOST" "$SEED"
   cp "$work/output" "$work/judged"
   sed 's/^/figure /' "$work/judged"
   figure "judging" "$((SECONDS - begin)) s, with $LOST choices of lost writes, seed $SEED"
   for name in save account rename environment logo firmware reset again; do
-    expect "whole after each write: $name" was_whole "$name"
+    expect "consistent after each write: $name" was_whole "$name"
   done
-  expect "all operations were reached" test "$(count all unreached)" = 0
+  expect "all operations are reached" test "$(count all unreached)" = 0
   for name in flashing "${CARELESS_SAVERS[@]}"; do
-    expect "a careless tool is caught: $name" test "$(($(count "$name" broken) + $(count "$name" volatile)))" -gt 0
+    expect "a careless tool is detected: $name" test "$(($(count "$name" broken) + $(count "$name" volatile)))" -gt 0
   done
   rm -rf "$one"
 }
 
-# churn NUMBER: saves NUMBER + 1 and so on, each as the camera's name, an account's hash and in a file with a digest, and
-# prints each that is acknowledged. What follows it pushes it through machine/lib/inside, which holds the last bytes back.
+# churn NUMBER: saves NUMBER + 1 and so on, each as the camera's name and an account's hash and together with a new file
+# and its digest, and prints each acknowledged number. The padding after the number flushes it through
+# machine/lib/inside, which holds back the last bytes.
 churn() {
   # shellcheck disable=SC2016 # expanded inside
   inside sh -c 'number=$1
@@ -150,7 +152,7 @@ churn() {
 }
 acknowledged() { grep '^[1-9]' "$work/acknowledged" | tail -n 1; }
 
-# What the flash has given to the camera: prints its number if name, account and file are of one save.
+# saved_number: prints the number restored from flash, if name, account and file belong to the same save.
 saved_number() {
   # shellcheck disable=SC2016 # expanded inside
   inside sh -c 'name=$(sed -n "s/^resolv\.host\.1\.name=//p" /etc/system.cfg)
@@ -158,7 +160,7 @@ saved_number() {
     [ "$(md5sum </etc/persistent/blob)" = "$(cat /etc/persistent/blob.md5)" ] && echo "$name"'
 }
 
-# cut_while_saving NUMBER: and sets `saved` to what was acknowledged last.
+# cut_while_saving NUMBER: cuts the power during saves from NUMBER + 1 on; sets `saved` to the last acknowledged number.
 cut_while_saving() {
   local churning
   : >"$work/acknowledged"
@@ -167,7 +169,7 @@ cut_while_saving() {
   eventually acknowledged || return
   sleep "$((RANDOM % 3)).$((RANDOM % 9))"
   run_machine cut "$one" >/dev/null
-  wait "$churning" || true # its outcome is lost with the power
+  wait "$churning" || true # the power cut loses its exit status
   saved=$(acknowledged)
 }
 
@@ -180,12 +182,12 @@ survives_real_cuts() {
     cut_while_saving "$found" || break
     expect "cut $cut: the camera boots" start_machine
     found=$(saved_number) || break
-    # What was acknowledged last, or the save that the cut met.
+    # The last acknowledged save, or the one that the cut interrupted.
     if [ "$found" = "$saved" ] || [ "$found" = "$((saved + 1))" ]; then whole=$((whole + 1)); fi
     echo "      acknowledged $saved, found $found"
   done
-  figure "real cuts" "$whole of $CUTS whole, $found saves, in $((SECONDS - begin)) s"
-  expect "whole after each real cut" test "$whole" -eq "$CUTS"
+  figure "real cuts" "$whole of $CUTS consistent, $found saves, in $((SECONDS - begin)) s"
+  expect "consistent after each real cut" test "$whole" -eq "$CUTS"
 }
 
 [ $# -gt 0 ] || set -- records_what_it_writes is_whole_after_each_write survives_real_cuts

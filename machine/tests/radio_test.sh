@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# radio_test.sh: tests the Wi-Fi figures of the emulated camera, by the radios that its kernel simulates. Exit status 77:
+# radio_test.sh: tests the Wi-Fi figures of the emulated camera with radios that its kernel simulates. Exit status 77:
 # QEMU is not installed. KOVA_BUILD is the folder of the programs, built for 64-bit ARM.
 set -euo pipefail
 
@@ -10,7 +10,7 @@ readonly NO_RADIO="0 200" ALONE="-100 0" # signal and quality
 
 radio() { inside sh /tmp/radio "$@"; }
 
-# told_figures SECTION KEY...: what the daemon says.
+# told_figures SECTION KEY...: prints figures of the daemon's statistics.
 told_figures() {
   inside kovactl --json stats "$1" | python3 -c '
 import json, sys
@@ -29,26 +29,26 @@ has_no_radio() {
   put_inside "$here/radio" /tmp/radio
   daemon=$(inside pidof kova_ctlserver)
   expect_not "it has no radio" inside test -e /sys/class/ieee80211
-  expect "a camera without one tells of none" tells "$NO_RADIO"
+  expect "no radio is reported" tells "$NO_RADIO"
 }
 
 associates() {
   expect "radios appear" radio load
-  expect "one that is not the way out is not told of" tells "$NO_RADIO"
+  expect "a radio without the default route is not reported" tells "$NO_RADIO"
   expect "an access point serves" radio serve
   expect "the camera associates" radio associate
-  expect "its figures are the kernel's" eventually agrees
+  expect "its figures match the kernel's" eventually agrees
 }
 
-# agrees_on DBM: the daemon and the kernel have this level.
+# agrees_on DBM: whether both the daemon and the kernel report this level.
 agrees_on() { [ "$(agrees)" = "$1" ]; }
 
 follows_the_signal() {
   local level
   for level in -30 -52 -67 -90; do
     expect "the signal falls to $level dBm" radio weaken "$level"
-    expect "which is told" eventually agrees_on "$level"
-    expect "with its quality" tells "$level $(((level + 100) * 2))"
+    expect "$level dBm is reported" eventually agrees_on "$level"
+    expect "$level dBm has the right quality" tells "$level $(((level + 100) * 2))"
   done
 }
 
@@ -58,35 +58,35 @@ counts_what_comes_by_radio() {
   inside ping -c 5 -i 0.2 -q 192.168.7.1 >/dev/null
   told=$(told_figures network bytesRx)
   after=$(inside cat /sys/class/net/wlan1/statistics/rx_bytes)
-  expect "bytes are those of the radio: $before, $told, $after" \
+  expect "received bytes are those of the radio: $before, $told, $after" \
     test "$told" -gt "$before" -a "$told" -le "$after"
 }
 
 loses_its_access_point() {
   expect "the access point goes away" radio leave
-  expect "no signal is told" eventually tells "$ALONE"
-  expect "it comes back" radio serve
-  expect "and so does the camera" radio associate
-  expect "with its figures" eventually agrees
-  expect "the camera leaves" radio drop
-  expect "no signal is told again" eventually tells "$ALONE"
+  expect "no signal is reported" eventually tells "$ALONE"
+  expect "the access point comes back" radio serve
+  expect "the camera associates again" radio associate
+  expect "its figures match the kernel's again" eventually agrees
+  expect "the camera disconnects" radio drop
+  expect "no signal is reported again" eventually tells "$ALONE"
 }
 
-# The family of nl80211 gets another number.
+# Reloading the driver changes the family id of nl80211.
 survives_its_driver() {
   expect "the driver is unloaded" radio unload
-  expect "no radio is told" eventually tells "$NO_RADIO"
-  expect "it is loaded again" radio load
+  expect "no radio is reported" eventually tells "$NO_RADIO"
+  expect "the driver is loaded again" radio load
   expect "the access point serves" radio serve
   expect "the camera associates" radio associate
-  expect "its figures are the kernel's again" eventually agrees
-  expect "the driver can change under a daemon that has asked it" radio unload
-  expect "and be loaded before it asks again" radio load
+  expect "its figures match the kernel's again" eventually agrees
+  expect "the driver is unloaded between two queries" radio unload
+  expect "the driver is loaded before the second query" radio load
   radio serve >/dev/null
-  expect "the camera associates" radio associate
-  expect "and its figures are right at once" agrees
-  expect "by the daemon that has run since the boot" printed_inside "pidof kova_ctlserver" "$daemon"
-  expect_not "without a complaint" inside grep "Failed to read Wi-Fi" /var/log/messages
+  expect "the camera associates again" radio associate
+  expect "its figures are right at once" agrees
+  expect "the daemon has not been restarted" printed_inside "pidof kova_ctlserver" "$daemon"
+  expect_not "the daemon has logged no error" inside grep "Failed to read Wi-Fi" /var/log/messages
 }
 
 [ $# -gt 0 ] || set -- has_no_radio associates follows_the_signal counts_what_comes_by_radio loses_its_access_point \
