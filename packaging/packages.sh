@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# The Debian packages that this project needs, by what needs them.
+# The Debian packages that this project needs, in groups by purpose.
 
-# kova_packages GROUP...: prints them, one a line.
+# kova_packages GROUP...: prints the packages of the groups, one per line.
 kova_packages() {
   local group
   for group in "$@"; do
@@ -14,16 +14,16 @@ kova_packages() {
       camera)
         printf '%s\n' busybox bubblewrap dbus-daemon runit systemd openssl curl tzdata util-linux
         ;;
-      configure) # what CMake demands besides, also where no test is compiled
+      configure) # what CMake also requires, even if no tests are compiled
         printf '%s\n' libgtest-dev libgmock-dev
         ;;
       tests)
-        # The libraries of sshd that others may not need: it is not installed itself, see ./dev.
+        # Includes libraries of sshd, which ./dev unpacks instead of installing it.
         printf '%s\n' libgtest-dev libgmock-dev openssl curl strace python3 python3-dbus fish openssh-client gpg \
           gpg-agent libpam0g libwrap0
         ;;
       arm64)
-        # The emulator is not installed, since it would be registered with the kernel: see ./dev.
+        # ./dev unpacks the emulator: its installation would register it with the kernel.
         printf '%s\n' g++-aarch64-linux-gnu
         ;;
       machine)
@@ -42,7 +42,7 @@ kova_packages() {
         printf '%s\n' clang-format-14 clang-format clang-tidy-14 clang-tidy shellcheck
         ;;
       bench)
-        # The libraries of nginx: it is not installed itself, see ./dev.
+        # Includes libraries of nginx, which ./dev unpacks instead of installing it.
         printf '%s\n' rauc systemd curl iproute2 strace openssl util-linux libcrypt1 libpcre2-8-0 libssl3 zlib1g
         ;;
       package)

@@ -1,10 +1,9 @@
 # shellcheck shell=sh
-# What the run scripts of the services share. runsv(8) starts them in /etc/sv/NAME.
+# Functions shared by the run scripts of the services, which runsv(8) starts in /etc/sv/NAME.
 
 service=${PWD##*/}
 
-# Polls, since a run script has nothing better: 20 ms at a time, at most 5 s. Then the service fails, and its supervisor
-# tries again.
+# wait_for_socket PATH: polls every 20 ms for at most 5 s, then exits with an error; the supervisor tries again.
 wait_for_socket() {
   tries=250
   until [ -S "$1" ]; do
@@ -18,7 +17,7 @@ wait_for_socket() {
 }
 
 begin() {
-  # Whoever started the supervisor may have had another; the picture decoder reads what was downloaded as nobody.
+  # Do not inherit the supervisor's umask: the picture decoder reads downloaded files as nobody.
   umask 022
   wait_for_socket /dev/log
   logger -t "$service" -p local0.info "service started"

@@ -1,3 +1,3 @@
 #!/bin/sh
-# autopkgtest_depends.sh SOURCE: prints what debian/tests needs besides the packages themselves.
+# autopkgtest_depends.sh SOURCE: prints the dependencies of debian/tests other than the packages themselves.
 sed -n 's/^Depends: //p' "$1/debian/tests/control" | tr ',' '\n' | tr -d ' ' | grep -v '^@$'

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# dev_test.sh SOURCE: holds what ./dev does with Debian's packages to its promises, in a copy that has nothing to compile
-# and with an apt-get that installs nothing.
+# dev_test.sh SOURCE: tests how ./dev handles Debian packages, in a copy with nothing to compile and with an apt-get
+# that installs nothing.
 set -euo pipefail
 
 readonly SOURCE=$1
@@ -12,14 +12,14 @@ trap 'rm -rf "$work"' EXIT
 
 readonly copy=$work/copy bin=$work/bin calls=$work/calls
 
-# fake NAME: a program of the machine that this one stands for; its body comes from standard input.
+# fake NAME: replaces a program of the machine with a script that logs its calls; its body comes from standard input.
 fake() {
   rm -f "$bin/$1"
   { printf '#!/bin/sh\necho "%s $*" >>"%s"\n' "$1" "$calls" && cat; } >"$bin/$1"
   chmod 755 "$bin/$1"
 }
 
-# A package whose script would be noticed if it was installed.
+# Makes a package with the emulator and another program.
 make_package() {
   mkdir -p "$work/package/DEBIAN" "$work/package/usr/bin"
   printf '#!/bin/sh\n' | tee "$work/package/usr/bin/qemu-aarch64-static" >"$work/package/usr/bin/other"
@@ -29,7 +29,7 @@ make_package() {
   dpkg-deb --root-owner-group --build "$work/package" "$work/qemu-user-static_1_all.deb" >/dev/null
 }
 
-# Programs of the machine, without those that are to be missing.
+# Links the programs of the machine into `bin`, except for those that must be missing.
 make_machine() {
   mkdir -p "$bin" "$copy/cmake/arm64" "$copy/packaging" "$copy/tests/board"
   ln -s /usr/bin/* /bin/sh "$bin" 2>/dev/null || true
@@ -43,10 +43,10 @@ make_machine() {
   chmod 755 "$copy/cmake/arm64/sysroot" "$copy/tests/board/board-check"
 }
 
-# have_packages STATUS: what dpkg knows of every package.
+# have_packages STATUS: sets the status that dpkg reports for every package.
 have_packages() { fake dpkg-query <<<"printf '%s' '$1'"; }
 
-# apt-get installs nothing, and fails when FAIL is its command.
+# The fake apt-get installs nothing, and fails if FAIL is its command.
 write_apt() {
   fake apt-get <<TEXT
 case \$1 in
@@ -67,39 +67,40 @@ make_machine
 write_apt
 
 have_packages not-installed
-expect_not "packages that cannot be installed end it" dev FAIL=install "$copy/dev" build arm64
-expect_not "  before anything else" called "(sysroot|cmake)"
-expect_not "also for a machine" dev FAIL=install "$copy/dev" machine start "$work/machine"
-expect_not "  before anything else" called "(sysroot|cmake)"
-expect_not "also for a camera" dev FAIL=install "$copy/dev" camera start "$work/camera"
-expect "  which needs what it is made of" called "apt-get install .*busybox"
-expect_not "  and nothing of the tests" called "apt-get install .*python3"
-expect_not "also for packages of arm64" dev FAIL=install "$copy/dev" package arm64
-expect_not "  before anything else" called "(sysroot|cmake)"
-expect_not "nothing is installed if that is forbidden" dev KOVA_NO_INSTALL=1 "$copy/dev" build arm64
-expect_not "  really" called "apt-get"
-expect "a board is looked at over ssh" dev "$copy/dev" board-check ssh:board
-expect "  with an ssh that is installed" called "apt-get install .*openssh-client"
-expect "a folder is looked at" dev "$copy/dev" board-check /nowhere
-expect_not "  without one" called "apt-get"
+expect_not "build arm64 fails if packages cannot be installed" dev FAIL=install "$copy/dev" build arm64
+expect_not "  before it does anything else" called "(sysroot|cmake)"
+expect_not "machine fails if packages cannot be installed" dev FAIL=install "$copy/dev" machine start "$work/machine"
+expect_not "  before it does anything else" called "(sysroot|cmake)"
+expect_not "camera fails if packages cannot be installed" dev FAIL=install "$copy/dev" camera start "$work/camera"
+expect "  it installs the packages of the camera" called "apt-get install .*busybox"
+expect_not "  it installs no packages of the tests" called "apt-get install .*python3"
+expect_not "package arm64 fails if packages cannot be installed" dev FAIL=install "$copy/dev" package arm64
+expect_not "  before it does anything else" called "(sysroot|cmake)"
+expect_not "KOVA_NO_INSTALL makes it fail if packages are missing" dev KOVA_NO_INSTALL=1 "$copy/dev" build arm64
+expect_not "  it does not run apt-get" called "apt-get"
+expect "board-check runs over ssh" dev "$copy/dev" board-check ssh:board
+expect "  it installs ssh" called "apt-get install .*openssh-client"
+expect "board-check runs on a folder" dev "$copy/dev" board-check /nowhere
+expect_not "  it does not install ssh" called "apt-get"
 
 have_packages installed
-expect_not "a package that cannot be had ends it" dev FAIL=download "$copy/dev" build arm64
-expect "  after a look at what is new" called "apt-get update"
-expect_not "  and nothing is left" test -e "$copy/build/qemu-user"
-expect_not "none is fetched if that is forbidden" dev KOVA_NO_INSTALL=1 "$copy/dev" build arm64
-expect_not "  really" called "apt-get"
-expect "the emulator is fetched" dev "$copy/dev" build arm64
-expect_not "  and not installed" called "apt-get install"
-expect "  alone" test "$(cd "$copy/build/qemu-user" && find . -type f)" = ./usr/bin/qemu-aarch64-static
-expect "  to be run" test -x "$copy/build/qemu-user/usr/bin/qemu-aarch64-static"
-expect "it is kept" dev "$copy/dev" build arm64
-expect_not "  and not fetched again" called "apt-get"
-expect_not "none is installed by a group" grep -E 'nginx|qemu-user|openssh-server' \
+expect_not "build arm64 fails if a package cannot be downloaded" dev FAIL=download "$copy/dev" build arm64
+expect "  it retries after apt-get update" called "apt-get update"
+expect_not "  it leaves no files" test -e "$copy/build/qemu-user"
+expect_not "KOVA_NO_INSTALL makes it fail without the emulator" dev KOVA_NO_INSTALL=1 "$copy/dev" build arm64
+expect_not "  it does not run apt-get" called "apt-get"
+expect "the emulator is downloaded" dev "$copy/dev" build arm64
+expect_not "  it is not installed" called "apt-get install"
+expect "  only the emulator is unpacked" \
+  test "$(cd "$copy/build/qemu-user" && find . -type f)" = ./usr/bin/qemu-aarch64-static
+expect "  it is executable" test -x "$copy/build/qemu-user/usr/bin/qemu-aarch64-static"
+expect "the emulator is reused" dev "$copy/dev" build arm64
+expect_not "  it is not downloaded again" called "apt-get"
+expect_not "no group installs a program that ./dev unpacks" grep -E 'nginx|qemu-user|openssh-server' \
   <(. "$SOURCE/packaging/packages.sh" && kova_packages build camera tests arm64 machine fuzz lint bench package)
 mkdir "$work/out"
-expect_not "packages are not made twice at once" \
+expect_not "concurrent package builds are refused" \
   flock "$work/out/lock" timeout 20 "$SOURCE/packaging/package" "$SOURCE" "$work/out"
 cp "$work/output" "$work/said"
-expect "  and that is said" grep "another one runs in $work/out" "$work/said"
+expect "  the message names the folder" grep "another build is running in $work/out" "$work/said"
 report

@@ -1,10 +1,11 @@
 # shellcheck shell=bash disable=SC2154 # work is the test's
-# What the packaging's tests are written in. `work` names the test's own folder.
+# Helpers of the packaging tests. `work` is the temporary folder of the test.
 
 failures=0
 mkdir -p "$work"
 
-# expect TEXT CMD...: the command succeeds; otherwise the end of its output is shown. expect_not: it fails.
+# expect TEXT CMD...: checks that the command succeeds; expect_not: that it fails. Otherwise, prints the end of its
+# output.
 expect() {
   local text=$1
   shift
@@ -21,7 +22,7 @@ fail() {
   failures=$((failures + 1))
 }
 
-# eventually CMD...: polls until the command succeeds, at most 30 s.
+# eventually CMD...: polls until the command succeeds, for at most 30 s.
 eventually() {
   local deadline=$((SECONDS + 30))
   until "$@"; do

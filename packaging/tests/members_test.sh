@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# members_test.sh: arranges accounts, runs kova_members and looks. It rewrites /etc: only through tests/private-root.
+# members_test.sh: tests kova_members with prepared accounts. It rewrites /etc: run it only through tests/private-root.
 set -euo pipefail
 
 if [ "$(hostname)" != kova-test ] || [ "$(stat -fc %T /etc)" != tmpfs ]; then
-  echo "only through tests/private-root" >&2
+  echo "runs only through tests/private-root" >&2
   exit 125
 fi
 
@@ -14,7 +14,7 @@ failed=0
 group() { printf 'root:x:0:\nkova:x:990:%s\n' "$1" >/etc/group; }
 accounts() { printf '%s\n' "$@" >/etc/passwd; }
 
-# holds WHAT FILE [LINE...]: the file has these lines.
+# holds WHAT FILE [LINE...]: checks that the file has exactly these lines.
 holds() {
   local what=$1 file=$2 want
   shift 2
@@ -24,7 +24,7 @@ holds() {
     failed=1
   fi
 }
-# after WHAT [LINE...]: these are the accounts after a run.
+# after WHAT [LINE...]: runs kova_members and checks the accounts.
 after() {
   local what=$1
   shift
@@ -32,19 +32,19 @@ after() {
   holds "$what" /etc/passwd "$@"
 }
 
-# Two members of the group are known, with all accounts in place.
+# Starts each test with two recorded members of the group and all accounts in place.
 begin() {
   rm -f /etc/kova_members
   group alice,bob
   accounts "$ADMIN" 'alice:x:1000:1000::/:/bin/sh' "$BOB"
-  after "all there" "$ADMIN" 'alice:x:1000:1000::/:/bin/sh' "$BOB"
+  after "no account missing" "$ADMIN" 'alice:x:1000:1000::/:/bin/sh' "$BOB"
   holds "no passwords" /etc/kova_members "$ALICE" "$BOB"
 }
 
-the_missing_come_back() {
+missing_accounts_are_restored() {
   begin
   printf %s "$ADMIN" >/etc/passwd
-  after "a last line without its end" "$ADMIN" "$ALICE" "$BOB"
+  after "a last line without a line break" "$ADMIN" "$ALICE" "$BOB"
   after "a second run" "$ADMIN" "$ALICE" "$BOB"
   : >/etc/passwd
   after "no account at all" "$ALICE" "$BOB"
@@ -52,42 +52,42 @@ the_missing_come_back() {
     '  <policy user="bob"/>' '</busconfig>'
 }
 
-a_broken_line_is_no_account() {
+truncated_lines_are_no_accounts() {
   begin
   accounts "$ADMIN" 'alice:*:10'
-  after "a line cut short" "$ADMIN" 'alice:*:10' "$ALICE" "$BOB"
+  after "a truncated line" "$ADMIN" 'alice:*:10' "$ALICE" "$BOB"
 }
 
-the_administrator_may_borrow_a_name() {
+administrator_may_take_a_member_name() {
   begin
   accounts 'bob:hash:0:0:Administrator:/etc/persistent:/bin/sh'
-  after "taken" 'bob:hash:0:0:Administrator:/etc/persistent:/bin/sh' "$ALICE"
+  after "the administrator named like a member" 'bob:hash:0:0:Administrator:/etc/persistent:/bin/sh' "$ALICE"
   accounts "$ADMIN"
-  after "given back" "$ADMIN" "$ALICE" "$BOB"
+  after "the administrator renamed again" "$ADMIN" "$ALICE" "$BOB"
 }
 
-who_left_is_forgotten() {
+former_members_are_dropped() {
   begin
   group bob
   accounts "$ADMIN"
-  after "one left" "$ADMIN" "$BOB"
+  after "one member removed" "$ADMIN" "$BOB"
   group ''
   accounts "$ADMIN"
-  after "none left" "$ADMIN"
-  [ ! -e /etc/kova_members ] || { echo "FAILED: a record of nobody" && failed=1; }
+  after "all members removed" "$ADMIN"
+  [ ! -e /etc/kova_members ] || { echo "FAILED: an empty record is kept" && failed=1; }
 }
 
-odd_names_reach_nothing() {
+invalid_names_are_ignored() {
   begin
   group '<x>,,root,a b,*,../x'
   accounts "$ADMIN" '<x>:x:1:1::/:' 'a b:x:2:2::/:' 'root:*:0:0::/:' ':x:3:3::/:'
-  after "odd names" "$ADMIN" '<x>:x:1:1::/:' 'a b:x:2:2::/:' 'root:*:0:0::/:' ':x:3:3::/:'
+  after "invalid names" "$ADMIN" '<x>:x:1:1::/:' 'a b:x:2:2::/:' 'root:*:0:0::/:' ':x:3:3::/:'
   holds "none is looked up" /run/kova_members.conf '<busconfig>' '</busconfig>'
 }
 
-the_missing_come_back
-a_broken_line_is_no_account
-the_administrator_may_borrow_a_name
-who_left_is_forgotten
-odd_names_reach_nothing
+missing_accounts_are_restored
+truncated_lines_are_no_accounts
+administrator_may_take_a_member_name
+former_members_are_dropped
+invalid_names_are_ignored
 exit "$failed"

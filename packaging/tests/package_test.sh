@@ -1,20 +1,20 @@
 #!/usr/bin/env bash
-# package_test.sh PACKAGES: installs the packages in the folder PACKAGES into a fresh Debian 12 and holds them to what they
-# promise: under runit, under systemd, and as the programs of a virtual camera. The Debian is a private root with processes
-# and a network of its own; nothing of the host changes, but for a control group while systemd runs.
+# package_test.sh PACKAGES: installs the packages in the folder PACKAGES into a fresh Debian 12 and tests them under
+# runit, under systemd, and as the programs of a virtual camera. The Debian is a private root with separate processes
+# and network; the host does not change, except for a control group while systemd runs.
 #
-# Needs root (to unpack a Debian with its owners), bubblewrap, mmdebstrap, and a Debian archive. Debian's part is kept in
-# PACKAGES/test: with it a run needs no network. Where no control group can be made the part under systemd is skipped,
-# and that is said; with KOVA_DEMAND_SYSTEMD=1 it fails.
+# Needs root (to unpack a Debian with its owners), bubblewrap, mmdebstrap, and a Debian archive. The downloaded Debian
+# is kept in PACKAGES/test; with it, a run needs no network. Where no control group can be created, the test under
+# systemd is skipped with a message; with KOVA_DEMAND_SYSTEMD=1 it fails instead.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
 packages=$(realpath "$1")
 readonly here packages cache=$packages/test
 readonly root=$cache/root base=$cache/base.tar archives=$cache/archives
-# Of a camera's own firmware: service supervisors, a system log, and the bus on which systemd is asked.
+# Parts of a camera's firmware: service supervisors, a system log, and the system bus for requests to systemd.
 readonly BOARD=busybox,dbus,runit,systemd
-readonly MAX_AGE_DAYS=7 # of Debian's part; its packages are replaced by newer ones now and then
+readonly MAX_AGE_DAYS=7 # of the downloaded Debian, to keep its packages current
 
 say() { printf 'package test: %s\n' "$*"; }
 die() {
@@ -33,12 +33,12 @@ make_base() {
   if [ -n "$(find "$base" -mtime "-$MAX_AGE_DAYS" -newer "$0" 2>/dev/null)" ]; then return; fi
   local sources
   sources=$(list_archives)
-  [ -n "$sources" ] || die "apt knows no archive of Debian 12 here"
+  [ -n "$sources" ] || die "apt has no Debian 12 archive here"
   say "Fetching a minimal Debian 12"
   rm -rf "$archives"
   mkdir -p "$archives/partial"
   mmdebstrap --quiet --mode=root --variant=minbase --include="$BOARD" --skip=cleanup/apt/lists \
-    bookworm "$cache/new.tar" - <<<"$sources" || die "it cannot be had"
+    bookworm "$cache/new.tar" - <<<"$sources" || die "cannot download it"
   mv "$cache/new.tar" "$base"
 }
 
@@ -47,12 +47,12 @@ unpack_base() {
   mkdir -p "$root"
   tar -C "$root" -xf "$base"
   mkdir "$root/packages"
-  # It is thrown away after the test: no need to wait for the disk.
+  # The root is deleted after the test: skip fsync(2).
   echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/unsafe-io"
   install_board
 }
 
-# What a camera's firmware has besides. The tools' calls stand in /var/lib/tools.
+# Installs the rest of a camera's firmware, with tools that only log their calls to /var/lib/tools.
 install_board() {
   local tool
   install -D -m 644 "$here/../camera_info.json" "$root/usr/share/kova/camera_info.json"
@@ -64,13 +64,13 @@ install_board() {
   done
 }
 
-# What dpkg(1) and the services need of root's rights: not the clock, the network, the modules, or a reboot.
+# The capabilities that dpkg(1) and the services need. They exclude clock, network, modules and reboot.
 readonly CAPABILITIES=(CHOWN DAC_OVERRIDE DAC_READ_SEARCH FOWNER FSETID KILL SETGID SETUID SETPCAP SETFCAP SYS_CHROOT
   MKNOD)
-# What systemd needs besides, to mount and to confine.
+# Further capabilities for systemd, which mounts and confines.
 readonly SYSTEMD_CAPABILITIES=(SYS_ADMIN SYS_PTRACE SYS_RESOURCE SYS_BOOT SYSLOG NET_ADMIN AUDIT_WRITE)
 
-# in_root ARGUMENT... -- CMD...: runs CMD in the private root; ARGUMENTs are bubblewrap's.
+# in_root ARGUMENT... -- CMD...: runs CMD in the private root; passes ARGUMENTs to bubblewrap.
 in_root() {
   local arguments=() capability
   while [ "$1" != -- ]; do
@@ -86,9 +86,9 @@ in_root() {
     --setenv DEBIAN_FRONTEND noninteractive --setenv LC_ALL C "${arguments[@]}" "$@"
 }
 
-# As the packages are named in it, apt sees to it that what they depend on is there.
+# Downloads the dependencies of the packages and of debian/tests.
 download() {
-  # shellcheck disable=SC2046 # one word a package
+  # shellcheck disable=SC2046 # one word per package
   set -- $("$here/autopkgtest_depends.sh" "$here/../..")
   # shellcheck disable=SC2016 # for the inner shell
   in_root --ro-bind-try /etc/resolv.conf /etc/resolv.conf -- sh -c \
@@ -103,17 +103,17 @@ test_under_runit() {
   in_root "${OFFLINE[@]}" -- /packages-test/runit_test.sh
 }
 
-# The report of the crash that the test has caused, by the package of the debugging information.
+# Resolves the report of the crash that runit_test.sh has caused, with the -dbgsym package.
 test_crash_report() {
   say "Resolving the crash report"
   "$here/../resolve" "$root/run/test/kova_crash" "$packages"/dbgsym/kova-ctlserver-dbgsym_*.deb >"$cache/crash"
   if ! grep -E "^ *[0-9]+  .*(loop|main).* at kova_ctlserver/src/main\.cpp:[0-9]+\$" "$cache/crash"; then
     cat "$cache/crash" >&2
-    die "it does not name the daemon's loop"
+    die "the resolved report does not name the daemon's loop"
   fi
 }
 
-# A camera in this private root needs one of its own.
+# The virtual camera makes a private root within this one, which takes systemd's capabilities.
 test_virtual_camera() {
   local arguments=() capability
   for capability in "${SYSTEMD_CAPABILITIES[@]}"; do arguments+=(--cap-add "CAP_$capability"); done
@@ -123,7 +123,7 @@ test_virtual_camera() {
   in_root "${OFFLINE[@]}" "${arguments[@]}" --ro-bind "$here/../.." /source -- /packages-test/autopkgtest_test.sh
 }
 
-# make_cgroup: makes a control group of version 2 for systemd to live in, and leaves its folder in `cgroup`.
+# make_cgroup: creates a cgroup v2 for systemd and sets `cgroup` to its folder.
 make_cgroup() {
   local mounted
   mounted=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET) || return 1
@@ -133,7 +133,7 @@ make_cgroup() {
 
 remove_cgroup() { find "$cgroup" -depth -type d -exec rmdir {} +; }
 
-# The test is the last unit of the boot; when it ends systemd ends.
+# The test is the last unit of the boot; systemd exits with it.
 install_test_unit() {
   cat >"$root/etc/systemd/system/test.service" <<'TEXT'
 [Unit]
@@ -153,7 +153,7 @@ TEXT
 boot_systemd() {
   local arguments=() capability
   for capability in "${SYSTEMD_CAPABILITIES[@]}"; do arguments+=(--cap-add "CAP_$capability"); done
-  # In a shell of its own, since a process cannot be taken out of its control group again.
+  # In a subshell, which stays in the control group until it exits.
   (
     echo "$BASHPID" >"$cgroup/cgroup.procs"
     in_root "${OFFLINE[@]}" "${arguments[@]}" --unshare-cgroup --as-pid-1 --tmpfs /run --setenv container bubblewrap -- \
@@ -164,20 +164,20 @@ boot_systemd() {
 test_under_systemd() {
   local cgroup
   if ! make_cgroup; then
-    [ -z "${KOVA_DEMAND_SYSTEMD:-}" ] || die "no control group of version 2 can be made here for systemd"
-    say "SKIPPED under systemd: no control group of version 2 can be made here"
+    [ -z "${KOVA_DEMAND_SYSTEMD:-}" ] || die "cannot create a control group (v2) for systemd"
+    say "SKIPPED under systemd: cannot create a control group (v2)"
     return
   fi
   say "Testing under systemd, without a network"
   unpack_base
   install_test_unit
-  boot_systemd >"$cache/systemd.log" 2>&1 || true # what it has to say is in the test's output
+  boot_systemd >"$cache/systemd.log" 2>&1 || true # the output of the test decides
   remove_cgroup
   cat "$root/var/log/test" || die "systemd did not boot: see $cache/systemd.log"
   [ "$(tail -n 1 "$root/var/log/test")" = "0 failed" ]
 }
 
-# What is kept belongs to whoever owns the packages, not to root.
+# Files that are kept must belong to the owner of the packages, not to root.
 clean_up() {
   rm -rf --one-file-system "$root"
   chown -R --reference="$packages" "$cache"
@@ -187,11 +187,11 @@ main() {
   [ "$(id -u)" -eq 0 ] || die "needs root, to unpack a Debian with its owners"
   mkdir -p "$cache"
   exec 9>"$cache/lock"
-  flock --nonblock 9 || die "another one runs in $cache"
+  flock --nonblock 9 || die "another test is running in $cache"
   trap clean_up EXIT
   make_base
   unpack_base
-  say "Fetching what the packages depend on, as far as it is not in $archives"
+  say "Downloading dependencies that are not yet in $archives"
   download
   test_under_runit
   test_crash_report

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# release_test.sh SOURCE PROGRAM: makes releases of a small repository that has this one's files of the version, and holds
-# them to what docs/releasing.md promises. Its packages hold a copy of PROGRAM, stripped: to compress its debugging
-# information would take minutes.
+# release_test.sh SOURCE PROGRAM: makes releases of a small repository with the versioned files of this one, and checks
+# them against docs/releasing.md. Its packages contain a stripped copy of PROGRAM: compressing debugging information
+# would take minutes.
 set -euo pipefail
 
 readonly SOURCE=$1 PROGRAM=$2
@@ -13,12 +13,12 @@ trap 'rm -rf "$work"' EXIT
 
 readonly version=1.2.3 title=kova_ctlserver-1.2.3
 readonly repository=$work/repository made=$work/repository/build/dist/1.2.3
-# Whoever runs the test may have a key and settings of his own.
+# Do not use the keys and settings of the user who runs the test.
 export HOME=$work GNUPGHOME=$work/gnupg GIT_CONFIG_NOSYSTEM=1
 export GIT_AUTHOR_NAME=Test GIT_AUTHOR_EMAIL=test@kova.invalid GIT_COMMITTER_NAME=Test GIT_COMMITTER_EMAIL=test@kova.invalid
 unset KOVA_RELEASE_KEY XDG_CONFIG_HOME
 
-# In the place of ./dev, whose package takes minutes. Its package is that of any time and folder as long as it obeys
+# Replaces ./dev, which takes minutes to build packages. The package of this one is reproducible if release sets
 # SOURCE_DATE_EPOCH.
 write_dev() {
   cat >"$repository/dev" <<TEXT
@@ -48,7 +48,7 @@ make_repository() {
   commit
 }
 
-# set_version VERSION: in all files that have it.
+# set_version VERSION: changes the version in all files that contain it.
 set_version() {
   local old
   old=$("$repository/packaging/release/version")
@@ -59,7 +59,7 @@ commit() { git -C "$repository" add --all && git -C "$repository" commit -q --me
 release() { "$repository/packaging/release/release" "$@"; }
 state() { (cd "$repository" && git status --porcelain && git rev-parse HEAD && git tag && find build -type f -exec sha256sum {} + | sort); }
 
-# refuses TEXT REASON ARGUMENT...: the release is refused for that reason, and nothing is changed by it.
+# refuses TEXT REASON ARGUMENT...: expects that the release is refused for this reason and changes nothing.
 refuses() {
   local text=$1 reason=$2
   shift 2
@@ -67,9 +67,9 @@ refuses() {
   state >"$work/before"
   expect_not "$text" release "$@"
   cp "$work/output" "$work/said"
-  expect "  and says why" grep -F -- "$reason" "$work/said"
+  expect "  the message gives the reason" grep -F -- "$reason" "$work/said"
   state | grep -v dist/lock >"$work/after"
-  expect "  and leaves all as it was" diff <(grep -v dist/lock "$work/before") "$work/after"
+  expect "  nothing is changed" diff <(grep -v dist/lock "$work/before") "$work/after"
 }
 
 bad_input_is_refused() {
@@ -78,65 +78,65 @@ bad_input_is_refused() {
   for bad in 1.2 v1.2.3 1.2.3.4 01.2.3 1.2.x ../1.2.3 "1.2.3 "; do
     refuses "the version \"$bad\" is refused" "a version has the form 1.2.3" "$bad"
   done
-  refuses "another version than the sources' is refused" "the sources have the version 1.2.3" 1.2.4
+  refuses "a version other than that of the sources is refused" "the sources have the version 1.2.3" 1.2.4
   echo >"$repository/new"
-  refuses "a file that is not committed is refused" "?? new" "$version"
+  refuses "an untracked file is refused" "?? new" "$version"
   rm "$repository/new"
   echo >>"$repository/CMakeLists.txt"
-  refuses "a change that is not committed is refused" " M CMakeLists.txt" "$version"
+  refuses "an uncommitted change is refused" " M CMakeLists.txt" "$version"
   git -C "$repository" checkout -q CMakeLists.txt
-  KOVA_RELEASE_KEY=nobody refuses "a key that is not there is refused" 'no secret key "nobody"' "$version"
+  KOVA_RELEASE_KEY=nobody refuses "a missing key is refused" 'no secret key "nobody"' "$version"
   git -C "$repository" config user.signingkey nobody
-  refuses "also one that git names" 'no secret key "nobody"' "$version"
+  refuses "a missing key in git's settings is refused" 'no secret key "nobody"' "$version"
   git -C "$repository" config --unset user.signingkey
   git -C "$repository" tag v1.2.3
   git -C "$repository" commit -q --allow-empty --message later
-  refuses "a version whose tag is another commit is refused" "v1.2.3 exists already" "$version"
+  refuses "a version with a tag on another commit is refused" "v1.2.3 exists already" "$version"
   git -C "$repository" tag -d v1.2.3 >/dev/null
 }
 
 in_sums() { grep -qE "^[0-9a-f]{64}  $1\$" "$made/SHA256SUMS"; }
 
 is_made() {
-  expect "a release is made" release "$version"
+  expect "a release can be made" release "$version"
   cp "$work/output" "$work/said"
-  expect "it says that it is not signed" grep -F "NOT SIGNED" "$work/said"
-  expect "all its files have the right checksums" sh -c "cd '$made' && sha256sum --check SHA256SUMS"
+  expect "it warns that it is not signed" grep -F "NOT SIGNED" "$work/said"
+  expect "all checksums are right" sh -c "cd '$made' && sha256sum --check SHA256SUMS"
   local file
   for file in "$title.tar.gz" "$title.spdx.json" "kovactl_${version}_.*.deb" "kovactl-dbgsym_${version}_.*.deb"; do
-    expect "$file is among them" in_sums "$file"
+    expect "SHA256SUMS lists $file" in_sums "$file"
   done
-  expect "the archive holds what was committed" diff <(tar -tf "$made/$title.tar.gz" | grep -v '/$' | sort) \
+  expect "the archive contains the committed files" diff <(tar -tf "$made/$title.tar.gz" | grep -v '/$' | sort) \
     <(git -C "$repository" ls-files | sed "s,^,$title/," | sort)
 }
 
 contents_are_listed() {
-  expect "the contents are SPDX 2.3 in itself, and true" "$SOURCE/packaging/tests/sbom_check.py" "$made" \
+  expect "the bill of materials is valid SPDX 2.3 and correct" "$SOURCE/packaging/tests/sbom_check.py" "$made" \
     kovactl:DYNAMIC_LINK:libc6 kovactl:DYNAMIC_LINK:libsystemd0 kovactl:STATIC_LINK:libcli11-dev \
     kovactl:STATIC_LINK:nlohmann-json3-dev
 }
 
-# Another folder, clone, day, time zone, language and mask of modes.
+# Builds in another clone, at another time, with another time zone, locale and umask.
 is_the_same_elsewhere() {
   git clone -q "$repository" "$work/elsewhere"
   git -C "$work/elsewhere" config user.signingkey nobody
-  expect "another clone makes it, too, unsigned on request" sh -c \
+  expect "another clone can make it, unsigned on request" sh -c \
     "umask 077; KOVA_RELEASE_KEY= TZ=Asia/Tokyo LC_ALL=C.UTF-8 '$work/elsewhere/packaging/release/release' $version"
-  expect "of the same bytes" diff -r "$made" "$work/elsewhere/build/dist/$version"
+  expect "its files are identical" diff -r "$made" "$work/elsewhere/build/dist/$version"
   cp -a "$made" "$work/first"
   git -C "$repository" config user.signingkey nobody
   git -C "$repository" config gpg.format ssh
-  expect "it may be made again, where git signs with ssh" release "$version"
-  expect "and stays the same" diff -r "$work/first" "$made"
+  expect "it can be made again, with ssh as git's signing format" release "$version"
+  expect "the files are unchanged" diff -r "$work/first" "$made"
 }
 
 what_is_there_is_not_replaced() {
   git -C "$repository" commit -q --allow-empty --message later
-  refuses_replacement "one of another commit is refused"
-  expect "the first one is as it was" diff -r "$work/first" "$made"
+  refuses_replacement "a release of another commit with the same version is refused"
+  expect "the first release is unchanged" diff -r "$work/first" "$made"
   git -C "$repository" reset -q --hard HEAD^
   printf x >>"$made/$title.tar.gz"
-  refuses_replacement "a damaged file is noticed"
+  refuses_replacement "a damaged file is detected"
   cp "$work/first/$title.tar.gz" "$made"
 }
 
@@ -145,11 +145,11 @@ refuses_replacement() { expect_not "$1" release "$version"; }
 is_signed() {
   mkdir -m 700 "$GNUPGHOME"
   gpg --batch --quiet --passphrase '' --quick-generate-key release@kova.invalid ed25519 sign never 2>/dev/null
-  expect "it is there without a signature" test -e "$made/SHA256SUMS" -a ! -e "$made/SHA256SUMS.asc"
-  expect "with a key it is signed" env KOVA_RELEASE_KEY=release@kova.invalid \
+  expect "the release is not signed yet" test -e "$made/SHA256SUMS" -a ! -e "$made/SHA256SUMS.asc"
+  expect "it can be made again with a key" env KOVA_RELEASE_KEY=release@kova.invalid \
     "$repository/packaging/release/release" "$version"
-  expect "by that key" gpg --batch --verify "$made/SHA256SUMS.asc" "$made/SHA256SUMS"
-  expect "the signed bytes are the same" cmp "$made/SHA256SUMS" "$work/first/SHA256SUMS"
+  expect "the signature is valid" gpg --batch --verify "$made/SHA256SUMS.asc" "$made/SHA256SUMS"
+  expect "the signed file is unchanged" cmp "$made/SHA256SUMS" "$work/first/SHA256SUMS"
   gpgconf --kill gpg-agent
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# reproducible_test.sh SOURCE PACKAGES [ARCHITECTURE]: builds the packages of the folder PACKAGES once more, in another
-# folder and at another time, in another time zone and language, with another mask of modes and without what ccache remembers, and compares.
+# reproducible_test.sh SOURCE PACKAGES [ARCHITECTURE]: rebuilds the packages in the folder PACKAGES in another folder,
+# at another time, with another time zone, locale and umask, without ccache, and compares.
 set -euo pipefail
 
 source=$(realpath "$1") packages=$(realpath "$2")
@@ -18,16 +18,16 @@ build() {
   TZ=Asia/Tokyo LC_ALL=C.UTF-8 CCACHE_DISABLE=1 "$source/packaging/package" "$source" "$again" "$@"
 }
 
-# is_same FILE: as the one built again; diffoscope(1) tells more of a difference.
+# is_same FILE: compares with the rebuilt file; shows differences with diffoscope(1), if installed.
 is_same() {
   cmp "$packages/$1" "$again/$1" && return
   if command -v diffoscope >/dev/null; then diffoscope "$packages/$1" "$again/$1"; fi
   return 1
 }
 
-expect "they are built again" build "${@:3}"
-expect "they are as many" diff <(cd "$packages" && ls -- *.deb dbgsym) <(cd "$again" && ls -- *.deb dbgsym)
+expect "the packages can be rebuilt" build "${@:3}"
+expect "the list of files is the same" diff <(cd "$packages" && ls -- *.deb dbgsym) <(cd "$again" && ls -- *.deb dbgsym)
 for file in $(cd "$packages" && ls -- *.deb dbgsym/*.deb); do
-  expect "the same $file" is_same "$file"
+  expect "$file is identical" is_same "$file"
 done
 report

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# runit_test.sh: installs the packages below /packages into the Debian that it runs in, starts them under runit, asks,
-# stops and removes them again. Only for the private root that package_test.sh makes.
+# runit_test.sh: installs the packages below /packages, tests the services under runit, and removes the packages. Only
+# for the private root of package_test.sh.
 set -euo pipefail
 
-if [ ! -d /packages-test ]; then echo "only by way of package_test.sh" >&2 && exit 2; fi
+if [ ! -d /packages-test ]; then echo "runs only through package_test.sh" >&2 && exit 2; fi
 
 work=/run/test
 # shellcheck source=packaging/tests/expect.sh
@@ -14,12 +14,11 @@ work=/run/test
 daemon_pid() { busybox pidof kova_ctlserver; }
 daemon_service() { sv -w 30 "$1" /etc/sv/kova_ctlserver; }
 
-# What apt, dpkg and ldconfig remember of any package that was ever there is theirs; so are the copies that the tools of
-# passwd make before they change a file.
+# Records of apt, dpkg and ldconfig, which outlive a package. `listing` also skips the backup files of the passwd tools.
 readonly FOREIGN=(/proc /dev /sys /packages /packages-test /samples "$work" /var/lib/tools /var/lib/dpkg /var/lib/apt
   /var/cache/apt /var/cache/ldconfig /var/log/apt /var/log/dpkg.log /var/log/alternatives.log)
 
-# listing: prints every file of the system, those of /etc with their content.
+# listing: prints all files of the system, and checksums of those in /etc.
 listing() {
   local path skip=(-false)
   for path in "${FOREIGN[@]}"; do skip+=(-o -path "$path"); done
@@ -28,22 +27,22 @@ listing() {
 }
 
 installs() {
-  expect "installed" apt install /packages/kova-ctlserver_*.deb /packages/kovactl_*.deb
+  expect "the packages can be installed" apt install /packages/kova-ctlserver_*.deb /packages/kovactl_*.deb
   cp "$work/output" "$work/install.log"
-  expect "it says that it is not enabled" grep -q "^kova_ctlserver is installed, but not enabled" "$work/install.log"
-  expect "it asks for the libcurl that it needs" \
+  expect "it reports that it is not enabled" grep -q "^kova_ctlserver is installed, but not enabled" "$work/install.log"
+  expect "it depends on the right version of libcurl" \
     sh -c "dpkg-query -W -f '\${Depends}' kova-ctlserver | grep -F 'libcurl4 (>= 7.87)'"
   expect_not "no bus runs" busybox pidof dbus-daemon
   expect_not "no daemon runs" daemon_pid
-  expect_not "nor will one under runit" test -e /etc/service/kova_bus -o -e /etc/service/kova_ctlserver
-  expect_not "nor under systemd" systemctl is-enabled kova-bus kova_ctlserver
-  expect "there is a group for its clients" getent group kova
-  expect_not "OpenCV did not come along" sh -c "dpkg-query -W 'libopencv*' | grep -q ."
+  expect_not "nothing is enabled under runit" test -e /etc/service/kova_bus -o -e /etc/service/kova_ctlserver
+  expect_not "nothing is enabled under systemd" systemctl is-enabled kova-bus kova_ctlserver
+  expect "the group kova exists" getent group kova
+  expect_not "OpenCV is not installed" sh -c "dpkg-query -W 'libopencv*' | grep -q ."
   local file
   for file in man/man8/kova_ctlserver.8.gz man/man1/kovactl.1.gz bash-completion/completions/kovactl \
     zsh/vendor-completions/_kovactl fish/vendor_completions.d/kovactl.fish \
     dbus-1/interfaces/kova.{Ipc1,Transfer1,Device1}.xml doc/{kova-ctlserver,kovactl}/{copyright,changelog.gz}; do
-    expect "there is $file" test -s "/usr/share/$file"
+    expect "$file is installed" test -s "/usr/share/$file"
   done
 }
 
@@ -59,37 +58,38 @@ start_board() {
 starts() {
   start_board
   ln -s /etc/sv/kova_bus /etc/sv/kova_ctlserver /etc/service/
-  expect "enabled, it serves" eventually kovactl stats
-  expect "its start stands in the system log" grep -q "kova_ctlserver: service started" "$work/messages"
+  expect "once enabled, the daemon serves" eventually kovactl stats
+  expect "its start is logged" grep -q "kova_ctlserver: service started" "$work/messages"
 }
 
 takes_logos() {
   expect_not "without the picture decoder a logo is refused" put_logo
-  expect "the picture decoder is installed" apt install /packages/kova-imageprobe_*.deb
-  expect "with it the logo is taken" put_logo
-  expect "it lies where it belongs" cmp /samples/logo.png /etc/persistent/user_logo
+  expect "the picture decoder can be installed" apt install /packages/kova-imageprobe_*.deb
+  expect "with the decoder the logo is accepted" put_logo
+  expect "the logo is in /etc/persistent" cmp /samples/logo.png /etc/persistent/user_logo
 }
 
 supervisors() { busybox ps -o args | grep -E '^runsv kova'; }
 
-# What an administrator may have changed stays until the packages are purged.
+# Removal keeps files that an administrator may have changed; purge removes them.
 is_removed() {
-  expect "removed" apt remove kova-ctlserver kovactl kova-imageprobe
-  expect_not "no daemon runs any more" daemon_pid
-  expect_not "nor a bus" busybox pidof dbus-daemon
-  expect_not "nor a supervisor of them" supervisors
-  expect_not "none is enabled" test -L /etc/service/kova_bus -o -L /etc/service/kova_ctlserver
-  expect "the logo is still there" test -s /etc/persistent/user_logo
+  expect "the packages can be removed" apt remove kova-ctlserver kovactl kova-imageprobe
+  expect_not "the daemon is stopped" daemon_pid
+  expect_not "the bus is stopped" busybox pidof dbus-daemon
+  expect_not "their supervisors are stopped" supervisors
+  expect_not "the services are disabled" test -L /etc/service/kova_bus -o -L /etc/service/kova_ctlserver
+  expect "the logo is kept" test -s /etc/persistent/user_logo
 }
 
 is_installed_after_it_was_removed() {
-  expect "it is installed again" apt install /packages/kova-ctlserver_*.deb
+  expect "the package can be installed again" apt install /packages/kova-ctlserver_*.deb
   cp "$work/output" "$work/install.log"
-  expect "it says that it is not enabled" grep -q "^kova_ctlserver is installed, but not enabled" "$work/install.log"
+  expect "it reports again that it is not enabled" \
+    grep -q "^kova_ctlserver is installed, but not enabled" "$work/install.log"
   expect_not "no daemon runs" daemon_pid
 }
 
-# The settings are the camera's, not the packages'.
+# The settings belong to the camera, so a purge does not reset them.
 restore_settings() {
   cp "$work/system.cfg" /etc/system.cfg
   cp -P "$work/localtime" /etc/localtime
@@ -97,15 +97,15 @@ restore_settings() {
 }
 
 is_purged() {
-  expect "purged" apt purge kova-ctlserver kovactl kova-imageprobe
-  expect_not "the group is gone" getent group kova
+  expect "the packages can be purged" apt purge kova-ctlserver kovactl kova-imageprobe
+  expect_not "the group is removed" getent group kova
   apt autoremove --purge >/dev/null
   restore_settings
   kill "$supervisor"
-  wait "$supervisor" || true # however it ends
+  wait "$supervisor" || true # whatever its exit status
   rm -rf /run/runit /run/syslogd.pid
   listing >"$work/after"
-  expect "no file is left, and none changed" diff "$work/before" "$work/after"
+  expect "no file is left or changed" diff "$work/before" "$work/after"
 }
 
 show_log() {
@@ -125,7 +125,8 @@ main() {
   is_restarted_when_installed_again
   stays_stopped_when_installed_again
   comes_back_after_its_dependencies_changed
-  expect "in order" grep -q "kova_ctlserver: service ended: exit status 0" "$work/messages"
+  expect "the daemon has exited with status 0" \
+    grep -q "kova_ctlserver: service ended: exit status 0" "$work/messages"
   is_removed
   is_installed_after_it_was_removed
   is_purged

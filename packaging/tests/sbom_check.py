@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""sbom_check.py FOLDER LINK...: holds the SPDX document of a release in FOLDER to its form and to the files beside it. A
-LINK, FILE:KIND:PACKAGE, has to be in it."""
+"""sbom_check.py FOLDER LINK...: checks the SPDX document of the release in FOLDER: its form, and its content against
+the files beside it. It must contain each LINK, FILE:KIND:PACKAGE."""
 
 import hashlib
 import json
@@ -26,15 +26,15 @@ def check_form(document):
     expect(document["spdxVersion"] == "SPDX-2.3", "version")
     expect(document["dataLicense"] == "CC0-1.0", "licence of the document")
     expect(re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", document["creationInfo"]["created"]), "time")
-    expect(re.fullmatch(r"[a-z]+://[^\s#]+", document["documentNamespace"]), "name space")
+    expect(re.fullmatch(r"[a-z]+://[^\s#]+", document["documentNamespace"]), "namespace")
     elements = [document, *document["packages"], *document["files"]]
     identifiers = [element["SPDXID"] for element in elements]
-    expect(len(set(identifiers)) == len(identifiers), "an identifier stands twice")
+    expect(len(set(identifiers)) == len(identifiers), "duplicate identifier")
     for identifier in identifiers:
         expect(re.fullmatch(r"SPDXRef-[A-Za-z0-9.-]+", identifier), f"form of {identifier}")
     for relation in document["relationships"]:
         for end in ("spdxElementId", "relatedSpdxElement"):
-            expect(relation[end] in identifiers, f"{relation[end]} is nowhere")
+            expect(relation[end] in identifiers, f"{relation[end]} is not defined")
     for package in document["packages"]:
         missing = {"name", "SPDXID", "versionInfo", "downloadLocation", "filesAnalyzed"} - package.keys()
         expect(not missing, f"{package['SPDXID']} lacks {missing}")
@@ -46,7 +46,7 @@ def related(document, kind, identifier):
 
 
 def check_package(document, package, files):
-    """Against what dpkg-deb(1) says of it."""
+    """Compares a package with the output of dpkg-deb(1)."""
     path = FOLDER / package["packageFileName"]
     expect(package["checksums"][0]["checksumValue"] == digest("sha256", path.read_bytes()), f"checksum of {path.name}")
     if not package["filesAnalyzed"]:
@@ -78,7 +78,7 @@ def check_links(document, files):
         expect(link in found, f"{link} is not among {sorted(found)}")
     for package in document["packages"]:
         if package.get("supplier") == "Organization: Debian":
-            # Not by the name of the package alone: another architecture's has its own version.
+            # Several architectures of a package may be installed, with different versions.
             shown = subprocess.run(["dpkg-query", "--show", "--showformat=${Version}\n", package["name"]],
                                    capture_output=True, text=True, check=False).stdout.split()
             expect(package["versionInfo"] in shown, f"version of {package['name']}")

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# scripts_test.sh: runs the maintainer scripts of kova-ctlserver as dpkg(1) does, with supervisors that only tell what was
-# asked of them, and looks at what runs then. It rewrites /etc and /run: only through tests/private-root.
+# scripts_test.sh: runs the maintainer scripts of kova-ctlserver as dpkg(1) does, with fake supervisors, and checks
+# which services run then. It rewrites /etc and /run: run it only through tests/private-root.
 set -euo pipefail
 
 if [ "$(hostname)" != kova-test ] || [ "$(stat -fc %T /etc)" != tmpfs ]; then
-  echo "only through tests/private-root" >&2
+  echo "runs only through tests/private-root" >&2
   exit 125
 fi
 
@@ -14,13 +14,13 @@ readonly scripts bin=$work/bin state=$work/state
 # shellcheck source=packaging/tests/expect.sh
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
 
-# fake NAME: its body comes from standard input.
+# fake NAME: installs a fake program; its body comes from standard input.
 fake() {
   { printf '#!/bin/sh\n' && cat; } >"$bin/$1"
   chmod 755 "$bin/$1"
 }
 
-# What a service does is the content of a file of its name: "run", "down", and of runit what sv(8) adds to it.
+# The state of a service is in a file of its name: "run" or "down", and for runit the suffix that sv(8) prints.
 make_machine() {
   mkdir -p "$bin" "$state" /etc/sv/kova_{bus,ctlserver}/supervise /etc/service
   mount -t tmpfs tmpfs /usr/libexec
@@ -64,7 +64,7 @@ TEXT
   echo 'kova:x:990:' >>/etc/group
 }
 
-# begin MANAGER BUS DAEMON [ENABLED]: what runs; both are enabled unless the last is "no".
+# begin MANAGER BUS DAEMON [ENABLED]: sets the states of both services, which are enabled unless ENABLED is "no".
 begin() {
   rm -rf "$state" /run/systemd /run/kova_stopped /etc/sv/*/supervise/ok /etc/service/*
   mkdir -p "$state" /run/kova
@@ -86,7 +86,7 @@ begin() {
   echo "$3" >"$state/$daemon"
 }
 
-# script NAME ARGUMENT...: FAIL is what fails.
+# script NAME ARGUMENT...: runs a maintainer script; the command named by FAIL fails.
 script() {
   local status=0
   env PATH="$bin:$PATH" "$scripts/kova-ctlserver.$1" "${@:2}" >"$work/said" 2>&1 || status=$?
@@ -99,72 +99,72 @@ run() { [ "$(cat "$state/$bus") $(cat "$state/$daemon")" = "$*" ]; }
 deconfigures() { script prerm deconfigure in-favour libc6 2; }
 configures() { script postinst configure 0.1.0; }
 
-what_ran_runs_again() {
+running_services_are_restarted() {
   begin "$1" run run
-  expect "$1: it is stopped while a dependency is replaced" deconfigures
-  expect "  with its bus" run down down
-  expect "  and configured again" configures
-  expect "  both run" run run run
-  expect_not "  and no mark is left" test -e /run/kova_stopped
+  expect "$1: prerm succeeds while a dependency is replaced" deconfigures
+  expect "  daemon and bus are stopped" run down down
+  expect "  postinst succeeds" configures
+  expect "  daemon and bus run" run run run
+  expect_not "  the record of stopped services is removed" test -e /run/kova_stopped
   begin "$1" run "$2"
-  expect "$1: it is stopped while it is restarted" deconfigures
-  expect "  and started again" configures
-  expect "  both run" run run run
+  expect "$1: prerm succeeds while the daemon is restarting" deconfigures
+  expect "  postinst succeeds" configures
+  expect "  daemon and bus run" run run run
   begin "$1" run run
   deconfigures >/dev/null
-  expect "$1: what is given up starts it again" script postinst abort-deconfigure in-favour libc6 2
-  expect "  both run" run run run
+  expect "$1: an aborted replacement succeeds" script postinst abort-deconfigure in-favour libc6 2
+  expect "  daemon and bus run" run run run
 }
 
-what_was_stopped_stays_stopped() {
+stopped_daemon_stays_stopped() {
   begin "$1" run down
-  expect "$1: a stopped daemon is upgraded" configures
-  expect "  and not started" run run down
-  expect "  also not when a dependency is replaced" deconfigures
-  expect "  and it is configured again" configures
-  expect "  but its bus is" run run down
+  expect "$1: postinst succeeds with a stopped daemon" configures
+  expect "  the daemon is not started" run run down
+  expect "  prerm succeeds while a dependency is replaced" deconfigures
+  expect "  postinst succeeds" configures
+  expect "  only the bus is started" run run down
 }
 
 failures_do_not_stop_it() {
   begin "$1" run run
   deconfigures >/dev/null
   printf '#!/bin/sh\nexit 1\n' >/usr/libexec/kova_members
-  expect "$1: without room for the members it is configured" says "is /etc full?" configures
-  expect "  and runs" run run run
+  expect "$1: postinst succeeds if the members cannot be recorded" says "check for space in /etc" configures
+  expect "  daemon and bus run" run run run
 }
 
 make_machine
-what_ran_runs_again runit "down, want up"
-what_ran_runs_again systemd restart
-what_was_stopped_stays_stopped runit
-what_was_stopped_stays_stopped systemd
+running_services_are_restarted runit "down, want up"
+running_services_are_restarted systemd restart
+stopped_daemon_stays_stopped runit
+stopped_daemon_stays_stopped systemd
 begin runit run "run, want down"
 deconfigures >/dev/null
-expect "what is being stopped is stopped" configures
-expect "  and not started" run run down
+expect "postinst succeeds with a daemon that was stopping" configures
+expect "  the daemon is not started" run run down
 failures_do_not_stop_it runit
 failures_do_not_stop_it systemd
 export FAIL=daemon-reload
 begin systemd run run
 deconfigures >/dev/null
-expect "without a reload it is configured" says "systemctl daemon-reload" configures
-expect "  and runs" run run run
-expect "  and removed" script postrm remove
+expect "postinst succeeds if daemon-reload fails" says "systemctl daemon-reload" configures
+expect "  daemon and bus run" run run run
+expect "  postrm succeeds" script postrm remove
 FAIL=groupdel
 begin systemd down down
-expect "a group that cannot be removed stays" says "it cannot be removed" script postrm purge
+expect "postrm succeeds if the group cannot be removed" says "it cannot be removed" script postrm purge
 unset FAIL
 
 for manager in runit systemd; do
   begin "$manager" down down no
-  expect "$manager: installed, it says that it is not enabled" says "not enabled" script postinst configure ""
-  expect "  also after it was removed" says "not enabled" configures
+  expect "$manager: a new installation reports that it is not enabled" says "not enabled" script postinst configure ""
+  expect "  so does an installation after a removal" says "not enabled" configures
   begin "$manager" run run
-  expect_not "  but not when it is" says "not enabled" configures
+  expect_not "  an enabled daemon is not reported" says "not enabled" configures
 done
 begin systemd run run
-expect "removed" script prerm remove
-expect "  it does not run" run down down
-expect "  for good" script postrm remove
-expect_not "  without a mark" test -e /run/kova_stopped
+expect "prerm remove succeeds" script prerm remove
+expect "  daemon and bus are stopped" run down down
+expect "  postrm remove succeeds" script postrm remove
+expect_not "  the record of stopped services is removed" test -e /run/kova_stopped
 report

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# sdk_build_test.sh SOURCE: configures a build as docs/porting.md has it for an SDK, whose compiler flags are hardened, and
-# compiles a library with it.
+# sdk_build_test.sh SOURCE: configures a build as docs/porting.md describes for an SDK, with hardened compiler flags,
+# and compiles a library.
 set -euo pipefail
 
 readonly SOURCE=$1
@@ -18,9 +18,9 @@ configure() {
 
 compiles_with() { grep -q -- "$2" "$work/$1/compile_commands.json"; }
 
-expect "it is configured" configure sdk
-expect_not "a warning of another compiler is no error" compiles_with sdk -Werror
-expect "unless that is asked for" configure strict -DKOVA_WERROR=ON
-expect "as an error" compiles_with strict -Werror
-expect "the fortification of the flags is no warning" cmake --build "$work/strict" --target kova_logger
+expect "an SDK build can be configured" configure sdk
+expect_not "warnings are not errors by default" compiles_with sdk -Werror
+expect "KOVA_WERROR can be set" configure strict -DKOVA_WERROR=ON
+expect "KOVA_WERROR makes warnings errors" compiles_with strict -Werror
+expect "_FORTIFY_SOURCE in the SDK's flags causes no warning" cmake --build "$work/strict" --target kova_logger
 report

@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# systemd_test.sh: installs the packages below /packages into the Debian that it runs in, which systemd has booted, and
-# holds their units to what they promise: that the daemon can do its job in spite of the hardening. Only for the private
-# root that package_test.sh makes.
+# systemd_test.sh: installs the packages below /packages on a Debian booted by systemd, and tests their units:
+# confinement, and that the daemon can do its job in spite of it. Only for the private root of package_test.sh.
 set -euo pipefail
 
-if [ ! -d /packages-test ]; then echo "only by way of package_test.sh" >&2 && exit 2; fi
+if [ ! -d /packages-test ]; then echo "runs only through package_test.sh" >&2 && exit 2; fi
 
 work=/run/test
 # shellcheck source=packaging/tests/expect.sh
@@ -14,37 +13,39 @@ work=/run/test
 
 readonly UNITS=(kova-bus.service kova_ctlserver.service)
 
+watchdog_period() { systemctl show --value --property WatchdogUSec kova_ctlserver.service; }
 main_pid() { systemctl show --value --property MainPID "$1"; }
 daemon_pid() { main_pid kova_ctlserver.service; }
 daemon_service() { systemctl "$1" kova_ctlserver.service; }
 
-# has_status UNIT PATTERN: whether a line of the process's status, see proc(5), matches.
+# has_status UNIT PATTERN: whether a line of /proc/PID/status of the unit's main process matches.
 has_status() {
   grep -E "${2%%:*}" "/proc/$(main_pid "$1")/status"
   grep -qE "$2" "/proc/$(main_pid "$1")/status"
 }
 
-# lists NAME STATE: whether "service list" shows it so.
+# lists NAME STATE: whether "service list" shows the service in this state.
 lists() {
   kovactl service list >"$work/services"
   grep -xE "$1 +$2" "$work/services" || { cat "$work/services" && false; }
 }
 
 starts() {
-  expect "installed" apt install /packages/*.deb
-  expect_not "it is not enabled" systemctl is-enabled "${UNITS[@]}"
-  expect_not "nor active" systemctl is-active "${UNITS[@]}"
-  expect "it is enabled and started" systemctl enable --now "${UNITS[@]}"
-  expect "it serves" eventually kovactl stats
-  expect_not "the bus has nothing to complain of" journal_of kova-bus.service
+  expect "the packages can be installed" apt install /packages/*.deb
+  expect_not "the units are not enabled" systemctl is-enabled "${UNITS[@]}"
+  expect_not "the units are not active" systemctl is-active "${UNITS[@]}"
+  expect "the units can be enabled and started" systemctl enable --now "${UNITS[@]}"
+  expect "the daemon serves" eventually kovactl stats
+  expect_not "the bus logs no errors" journal_of kova-bus.service
 }
 
-# What it said itself. That the machine allows it fewer descriptors than its unit asks for is no fault of the unit.
+# journal_of UNIT: prints the log of the unit's processes. Ignores the message about descriptors: the machine may allow
+# fewer than the unit requests.
 journal_of() {
   journalctl --no-pager --output cat --unit "$1" | grep -vE '^(Start|Stopp)(ing|ed) |Failed to set fd limit'
 }
 
-# capabilities BIT...: prints the mask, see capabilities(7), less what this machine withholds from everyone.
+# capabilities BIT...: prints the mask of these capabilities(7), as far as this container has them.
 capabilities() {
   local bit mask=0 possible
   for bit in "$@"; do mask=$((mask | 1 << bit)); done
@@ -53,36 +54,36 @@ capabilities() {
 }
 
 is_confined() {
-  expect "the bus has no capability" has_status kova-bus.service '^CapEff:\s0+$'
-  expect "the daemon gains no privilege" has_status kova_ctlserver.service '^NoNewPrivs:\s1$'
+  expect "the bus has no capabilities" has_status kova-bus.service '^CapEff:\s0+$'
+  expect "the daemon has NoNewPrivs" has_status kova_ctlserver.service '^NoNewPrivs:\s1$'
   expect "its system calls are filtered" has_status kova_ctlserver.service '^Seccomp:\s2$'
-  expect "it has the capabilities of its job, and no other" \
+  expect "it has only the capabilities that it needs" \
     has_status kova_ctlserver.service "^CapEff:\s$(capabilities 0 1 3 5 6 7 19 21 22 24 34)$"
   expect "it may open 4096 files" grep -qE '^Max open files +4096 ' "/proc/$(daemon_pid)/limits"
   expect "its memory is limited" test "$(systemctl show --value --property MemoryMax kova_ctlserver.service)" = 671088640
-  expect "the bus's, too" grep -qE '^Max data size +536870912 ' "/proc/$(main_pid kova-bus.service)/limits"
-  expect "it leaves no core file" grep -qE '^Max core file size +0 ' "/proc/$(daemon_pid)/limits"
+  expect "the bus's memory is limited" grep -qE '^Max data size +536870912 ' "/proc/$(main_pid kova-bus.service)/limits"
+  expect "the daemon's core files are disabled" grep -qE '^Max core file size +0 ' "/proc/$(daemon_pid)/limits"
 }
 
 hash_of() { getent shadow "$1" | cut -d : -f 2; }
 
 locks_accounts() {
   useradd --password 'secret' admin
-  expect "the account is locked" kovactl user disable
-  expect "in /etc/shadow" test "$(hash_of admin)" = '!secret'
-  expect "and unlocked" kovactl user enable
-  expect "in /etc/shadow, too" test "$(hash_of admin)" = secret
-  expect "which keeps its owner and mode" test "$(stat -c '%U:%G %a' /etc/shadow)" = "root:shadow 640"
+  expect "the account can be locked" kovactl user disable
+  expect "it is locked in /etc/shadow" test "$(hash_of admin)" = '!secret'
+  expect "the account can be unlocked" kovactl user enable
+  expect "it is unlocked in /etc/shadow" test "$(hash_of admin)" = secret
+  expect "/etc/shadow keeps its owner and mode" test "$(stat -c '%U:%G %a' /etc/shadow)" = "root:shadow 640"
   userdel admin
 }
 
 takes_logos() {
   serve_samples
-  expect "a logo is taken" put_logo
-  expect "it lies where it belongs" cmp /samples/logo.png /etc/persistent/user_logo
+  expect "a logo is accepted" put_logo
+  expect "the logo is in /etc/persistent" cmp /samples/logo.png /etc/persistent/user_logo
 }
 
-# install_service NAME COMMAND LINE...: a unit with further lines of its section [Service].
+# install_service NAME COMMAND LINE...: installs a unit, with further lines in its section [Service].
 install_service() {
   local unit=/usr/lib/systemd/system/$1.service
   printf '[Service]\nExecStart=%s\n' "$2" >"$unit"
@@ -97,21 +98,21 @@ logged() { journalctl --unit kova_ctlserver.service --output cat | grep -F -- "$
 serves_services() {
   install_service lights '/bin/sleep 600'
   systemctl daemon-reload
-  expect "a service is started" kovactl service start lights
-  expect "it is up, also after a reboot" is_up lights
-  expect "and is listed so" lists lights "run, started at boot"
-  expect "it may be started again" kovactl service start lights
-  expect "it is stopped" kovactl service stop lights
-  expect "it is down, also after a reboot" is_down lights
-  expect "and is listed so" lists lights down
-  expect "it may be stopped again" kovactl service stop lights
-  expect "the log tells so" logged "kovactl tried to stop lights service and succeeded"
+  expect "a service can be started" kovactl service start lights
+  expect "it is active and enabled" is_up lights
+  expect "it is listed as running" lists lights "run, started at boot"
+  expect "starting it twice succeeds" kovactl service start lights
+  expect "a service can be stopped" kovactl service stop lights
+  expect "it is inactive and disabled" is_down lights
+  expect "it is listed as down" lists lights down
+  expect "stopping it twice succeeds" kovactl service stop lights
+  expect "the daemon logs the stop" logged "kovactl tried to stop lights service and succeeded"
 }
 
-# refuses_services TEXT VERB NAME: a request fails, and the log tells why.
+# refuses_services TEXT VERB NAME: expects that a request fails and that the daemon logs TEXT.
 refuses_services() {
   expect_not "$2 $3 is refused" kovactl service "$2" "$3"
-  expect "since: $1" eventually logged "$1"
+  expect "the log has: $1" eventually logged "$1"
 }
 
 refuses_what_cannot_be() {
@@ -134,8 +135,8 @@ refuses_what_cannot_be() {
   systemctl daemon-reload
   refuses_services 'Refused to start systemd-poweroff.service' start systemd-poweroff
   refuses_services 'Refused to start debug-shell.service' start backdoor
-  expect_not "it is not enabled either" systemctl is-enabled debug-shell
-  expect "a service that does not heed its end is started" kovactl service start stubborn
+  expect_not "debug-shell is not enabled" systemctl is-enabled debug-shell
+  expect "a service that ignores SIGTERM can be started" kovactl service start stubborn
   refuses_services 'systemd StopUnit of stubborn.service failed: it takes too long' stop stubborn
   systemctl kill --signal KILL stubborn
 }
@@ -144,16 +145,16 @@ survives_the_system_bus() {
   local before
   before=$(daemon_pid)
   kill -STOP "$(main_pid dbus.service)"
-  expect_not "with a system bus that hangs nothing is started" kovactl service start lights
+  expect_not "a start fails while the system bus hangs" kovactl service start lights
   kill -CONT "$(main_pid dbus.service)"
-  expect "the log tells so" eventually logged 'Unable to reach systemd on the system bus'
-  expect "once it goes on" eventually kovactl service start lights
+  expect "the daemon logs the failure" eventually logged 'Unable to reach systemd on the system bus'
+  expect "a start succeeds once the system bus continues" eventually kovactl service start lights
   systemctl stop dbus.socket dbus.service
-  expect_not "without a system bus nothing is stopped" kovactl service stop lights
-  expect "it is as it was" systemctl is-active lights
+  expect_not "a stop fails without a system bus" kovactl service stop lights
+  expect "the service is still active" systemctl is-active lights
   systemctl start dbus.socket dbus.service
-  expect "with one it is stopped" eventually kovactl service stop lights
-  expect "the daemon lives on" test "$(daemon_pid)" = "$before"
+  expect "a stop succeeds once the system bus is back" eventually kovactl service stop lights
+  expect "the daemon has not been restarted" test "$(daemon_pid)" = "$before"
 }
 
 survives_its_bus() {
@@ -161,60 +162,60 @@ survives_its_bus() {
   bus=$(main_pid kova-bus.service)
   before=$(daemon_pid)
   kill -KILL "$bus"
-  expect "after the bus died both are started again" eventually is_another "$before"
-  expect_not "the bus, too" test "$(main_pid kova-bus.service)" = "$bus"
+  expect "after the death of the bus the daemon is restarted" eventually is_another "$before"
+  expect_not "the bus is restarted" test "$(main_pid kova-bus.service)" = "$bus"
 }
 
 alive_at() { systemctl show --value --property WatchdogTimestampMonotonic kova_ctlserver.service; }
 tells_later_than() { [ "$(alive_at)" -gt "$1" ]; }
 
-# A daemon that stands still does not tell that it lives, and is started again. A minute is long for a test.
+# A frozen daemon does not feed the watchdog and is restarted. Shortens the watchdog's period for the test.
 is_restarted_when_stopped() {
   local before told
-  expect "the unit has it watched" test "$(systemctl show --value --property WatchdogUSec kova_ctlserver.service)" = 1min
+  expect "the unit has a watchdog" test "$(watchdog_period)" = 1min
   mkdir -p /run/systemd/system/kova_ctlserver.service.d
   printf '[Service]\nWatchdogSec=2s\n' >/run/systemd/system/kova_ctlserver.service.d/watchdog.conf
   systemctl daemon-reload
   systemctl restart kova_ctlserver.service
   before=$(daemon_pid)
-  expect "it is watched closely" test "$(systemctl show --value --property WatchdogUSec kova_ctlserver.service)" = 2s
+  expect "the shorter period is in effect" test "$(watchdog_period)" = 2s
   told=$(alive_at)
-  expect "it tells of itself" eventually tells_later_than "$told"
+  expect "the daemon feeds the watchdog" eventually tells_later_than "$told"
   printf '#!/bin/sh\nsleep 6\n' >/bin/cfgmtd.slow && chmod 755 /bin/cfgmtd.slow
   mv /bin/cfgmtd /bin/cfgmtd.fast && mv /bin/cfgmtd.slow /bin/cfgmtd
-  expect "a tool may take longer than the watchdog's time" kovactl save --sync
+  expect "a tool may run longer than the period" kovactl save --sync
   mv /bin/cfgmtd.fast /bin/cfgmtd
   install_service slow '/bin/sleep 600' 'ExecStartPre=/bin/sleep 5'
   systemctl daemon-reload
-  expect "a service, too" kovactl service start slow
-  expect "meanwhile it lives on" test "$(daemon_pid)" = "$before"
+  expect "the start of a service may take longer than the period" kovactl service start slow
+  expect "the daemon has not been restarted meanwhile" test "$(daemon_pid)" = "$before"
   kill -STOP "$before"
-  expect "once stopped it is started again" eventually is_another "$before"
-  expect "systemd tells why" sh -c "journalctl --unit kova_ctlserver.service | grep -q 'Watchdog timeout'"
-  expect "there is a report of it" grep -q "Crashed by signal 6" "/var/log/kova_crash.$before"
+  expect "a frozen daemon is restarted" eventually is_another "$before"
+  expect "systemd logs the reason" sh -c "journalctl --unit kova_ctlserver.service | grep -q 'Watchdog timeout'"
+  expect "a crash report is written" grep -q "Crashed by signal 6" "/var/log/kova_crash.$before"
   rm -r /run/systemd/system/kova_ctlserver.service.d
   systemctl daemon-reload
   systemctl restart kova_ctlserver.service
-  expect "it serves" eventually kovactl stats
+  expect "the daemon serves with the original period" eventually kovactl stats
 }
 
 stops() {
-  expect "it is stopped" systemctl stop kova_ctlserver.service
-  expect "in order" test "$(systemctl show --value --property Result kova_ctlserver.service)" = success
-  expect "the log tells so" sh -c "journalctl --unit kova_ctlserver.service | grep -q 'SIGTERM received'"
-  expect "it is started again" systemctl start kova_ctlserver.service
+  expect "the daemon can be stopped" systemctl stop kova_ctlserver.service
+  expect "it exits cleanly" test "$(systemctl show --value --property Result kova_ctlserver.service)" = success
+  expect "it logs SIGTERM" sh -c "journalctl --unit kova_ctlserver.service | grep -q 'SIGTERM received'"
+  expect "the daemon can be started again" systemctl start kova_ctlserver.service
 }
 
-# Not pidof: the system has a dbus-daemon, too.
+# Not pidof(1): the system bus is a dbus-daemon, too.
 ours_run() { grep -lE 'sbin/kova_ctlserve[r]|share/kova/kova-bu[s]' /proc/[0-9]*/cmdline 2>/dev/null; }
 
 is_purged() {
   expect "daemon and bus run" test "$(ours_run | wc -l)" = 2
-  expect "purged" apt purge kova-ctlserver kovactl kova-imageprobe
-  expect_not "nothing runs any more" ours_run
-  expect_not "nothing is enabled" test -L /etc/systemd/system/multi-user.target.wants/kova_ctlserver.service
-  expect_not "systemd does not know it" systemctl cat kova_ctlserver.service
-  expect_not "the socket's folder is gone" test -e /run/kova
+  expect "the packages can be purged" apt purge kova-ctlserver kovactl kova-imageprobe
+  expect_not "daemon and bus are stopped" ours_run
+  expect_not "the daemon is disabled" test -L /etc/systemd/system/multi-user.target.wants/kova_ctlserver.service
+  expect_not "systemd has unloaded the unit" systemctl cat kova_ctlserver.service
+  expect_not "the socket's folder is removed" test -e /run/kova
 }
 
 show_log() {

@@ -1,25 +1,25 @@
 #!/usr/bin/env bash
-# tidy_test.sh: arranges what a kova_ctlserver that was killed may have left, runs kova_tidy and looks. It rewrites
-# /etc: only through tests/private-root.
+# tidy_test.sh: tests kova_tidy with files that a killed kova_ctlserver may leave. It rewrites /etc: run it only through
+# tests/private-root.
 set -euo pipefail
 
 if [ "$(hostname)" != kova-test ] || [ "$(stat -fc %T /etc)" != tmpfs ]; then
-  echo "only through tests/private-root" >&2
+  echo "runs only through tests/private-root" >&2
   exit 125
 fi
 
-# shellcheck disable=SC2016 # the hash holds "$"
+# shellcheck disable=SC2016 # the hash contains "$"
 readonly HASH='$6$salt$0123456789/abcdefghij.KLMNOPQRSTUVWXYZ' OLD='$6$old$9876543210/zyxwvutsrq.KLMNOPQRSTUVWXYZ'
 readonly REST=:0:0:Administrator:/etc/persistent:/bin/sh
 failed=0
 
 tidy() { "$(dirname "$0")/../kova_tidy" 2>/tmp/said; }
 
-# store LINE..., accounts LINE...: what system.cfg and /etc/passwd hold.
+# store LINE..., accounts LINE...: set the content of system.cfg and of /etc/passwd.
 store() { printf '%s\n' "$@" >/etc/system.cfg; }
 accounts() { printf '%s\n' "$@" >/etc/passwd; }
 
-# is WHAT FILE LINE...: the file holds these lines after a tidy, and nothing is left beside it.
+# is WHAT FILE LINE...: runs kova_tidy and checks that the file has these lines and that no temporary file is left.
 is() {
   local what=$1 file=$2 want
   shift 2
@@ -30,7 +30,7 @@ is() {
     failed=1
   fi
 }
-# untouched WHAT: /etc/passwd stays byte for byte, and nothing is said.
+# untouched WHAT: runs kova_tidy and checks that it neither changes /etc/passwd nor prints anything.
 untouched() {
   local before
   before=$(sha256sum /etc/passwd)
@@ -45,18 +45,18 @@ a_rename_is_completed() {
   store 'resolv.host.1.name=Camera' 'users.1.name=chief' "users.1.password=$HASH"
   accounts "admin:$OLD$REST"
   chmod 640 /etc/passwd
-  is "a rename cut short" /etc/passwd "chief:$HASH$REST"
-  [ "$(stat -c %a /etc/passwd)" = 640 ] || { echo "FAILED: the mode" && failed=1; }
-  grep -q "gave the account" /tmp/said || { echo "FAILED: nothing was said" && failed=1; }
+  is "an interrupted rename" /etc/passwd "chief:$HASH$REST"
+  [ "$(stat -c %a /etc/passwd)" = 640 ] || { echo "FAILED: the mode has changed" && failed=1; }
+  grep -q "gave the account" /tmp/said || { echo "FAILED: no message" && failed=1; }
   untouched "a second run"
 
   accounts "admin:x$REST"
-  is "one whose hash was in /etc/shadow" /etc/passwd "chief:$HASH$REST"
+  is "an account with its hash in /etc/shadow" /etc/passwd "chief:$HASH$REST"
   store 'users.1.name=chief' "users.1.password=!$HASH"
   accounts "admin:!$OLD$REST"
-  is "a locked one" /etc/passwd "chief:!$HASH$REST"
+  is "a locked account" /etc/passwd "chief:!$HASH$REST"
   accounts 'root:*:0:0:root:/root:/bin/sh' "admin:$OLD$REST" 'nobody:*:65534:65534:nobody:/:/bin/false'
-  is "one among others" /etc/passwd 'root:*:0:0:root:/root:/bin/sh' "chief:!$HASH$REST" \
+  is "an account among others" /etc/passwd 'root:*:0:0:root:/root:/bin/sh' "chief:!$HASH$REST" \
     'nobody:*:65534:65534:nobody:/:/bin/false'
   store 'users.1.name=a.b' "users.1.password=$HASH"
   accounts "axb:$OLD$REST"
@@ -66,13 +66,13 @@ a_rename_is_completed() {
 consistent_files_stay() {
   store 'users.1.name=admin' "users.1.password=$HASH"
   accounts "admin:$OLD$REST"
-  untouched "another hash of the same name"
+  untouched "another hash for the same name"
   accounts "admin:!$OLD$REST"
   untouched "a locked account"
   accounts "admin:x$REST"
   untouched "a hash in /etc/shadow"
   accounts 'admin:x:1000:1000::/home:/bin/sh' "root:$OLD$REST"
-  untouched "the name on a line of another form"
+  untouched "the name in a line of another form"
 }
 
 odd_files_stay() {
@@ -91,16 +91,16 @@ odd_files_stay() {
   store "users.1.password=$HASH"
   untouched "no name"
   store '#users.1.name=chief' "users.1.password=$HASH"
-  untouched "a remark"
+  untouched "a comment"
   store 'usersx1.name=chief' "users.1.password=$HASH"
   untouched "another key"
   store 'users.1.name=chief' 'users.1.name=other' "users.1.password=$HASH"
   untouched "two names"
   store 'users.1.name=chief' "users.1.password=$HASH"
   accounts "admin:$OLD$REST" "second:$OLD$REST"
-  untouched "two such accounts"
+  untouched "two administrators"
   accounts 'root:*:0:0:root:/root:/bin/sh'
-  untouched "no such account"
+  untouched "no administrator"
   : >/etc/passwd
   untouched "no account"
   accounts "admin:$OLD$REST"
@@ -111,17 +111,17 @@ odd_files_stay() {
   untouched "a link"
   rm /etc/passwd
   tidy
-  [ ! -e /etc/passwd ] || { echo "FAILED: an account file appeared" && failed=1; }
+  [ ! -e /etc/passwd ] || { echo "FAILED: /etc/passwd was created" && failed=1; }
   mv /etc/elsewhere /etc/passwd
 }
 
-# stays FILE: whether that file of /etc/persistent is there after a tidy.
-# shellcheck disable=SC2317 # by way of expect
+# stays FILE: runs kova_tidy; whether this file in /etc/persistent still exists.
+# shellcheck disable=SC2317 # called through expect
 stays() { tidy && [ -e "/etc/persistent/$1" ]; }
 expect() { "$@" || { echo "FAILED: $*" && failed=1; }; }
 expect_not() { if "$@"; then echo "FAILED: not $*" && failed=1; fi; }
 
-digests_are_of_their_files() {
+stale_digests_are_removed() {
   local kind
   for kind in user_logo user_sound; do
     printf content >"/etc/persistent/$kind"
@@ -139,8 +139,8 @@ digests_are_of_their_files() {
   done
 }
 
-# Anyone may fill /tmp with names that are removed.
-many_names_do_not_keep_a_hash() {
+# Any user can fill /tmp with matching names.
+many_names_do_not_prevent_the_cleanup() {
   seq -f '/tmp/.kova-%016.0f' 70000 | xargs touch
   mkdir /tmp/.kova-0123456789abcdef
   touch /etc/.kova-0123456789abcdef
@@ -153,6 +153,6 @@ many_names_do_not_keep_a_hash() {
 a_rename_is_completed
 consistent_files_stay
 odd_files_stay
-digests_are_of_their_files
-many_names_do_not_keep_a_hash
+stale_digests_are_removed
+many_names_do_not_prevent_the_cleanup
 exit "$failed"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# version_test.sh SOURCE KOVACTL: one version stands in the project, its change logs and its manual pages, and kovactl has
-# it; a file that was left behind is named.
+# version_test.sh SOURCE KOVACTL: checks that the project, its change logs, its manual pages and kovactl have the same
+# version, and that packaging/release/version detects and names a file with another one.
 set -euo pipefail
 
 readonly SOURCE=$1 KOVACTL=$2
@@ -20,10 +20,10 @@ copy() {
   (cd "$SOURCE" && cp --parents "${HAVE_IT[@]}" "$work/copy")
 }
 
-# is_held FILE: whether another version in this file alone is noticed, by its name.
+# is_held FILE: whether a different version in only this file is detected and the file is named.
 is_held() {
   local named=$1
-  [ "$1" != CMakeLists.txt ] || named=CHANGELOG.md # all the others are
+  [ "$1" != CMakeLists.txt ] || named=CHANGELOG.md # the reference itself: all other files are named
   copy
   sed -i "s/\b${current//./\\.}\b/9.8.7/" "$work/copy/$1"
   if version 2>"$work/faults"; then return 1; fi
@@ -32,9 +32,9 @@ is_held() {
 
 current=$("$SOURCE/packaging/release/version") || current=none
 copy
-expect "all files agree" version
-expect "kovactl has the version, too" test "$("$KOVACTL" --version)" = "kovactl $current"
-for file in "${HAVE_IT[@]}"; do expect "$file is held to it" is_held "$file"; done
+expect "all files have the same version" version
+expect "kovactl has the same version" test "$("$KOVACTL" --version)" = "kovactl $current"
+for file in "${HAVE_IT[@]}"; do expect "another version in $file is detected" is_held "$file"; done
 sed -i '/^## /d' "$work/copy/CHANGELOG.md"
-expect_not "a change log without a version does not do" version
+expect_not "a change log without a version is detected" version
 report
