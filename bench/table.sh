@@ -1,9 +1,9 @@
 # shellcheck shell=bash
-# The table that every subject prints, and the figures in it. Sourced.
+# The table of results that every subject prints, and its statistics. Sourced.
 #
 #   table_row WHAT OURS PEERS LIMIT VERDICT   adds a row; PEERS may have several lines; VERDICT is "-"
-#                                             in a row that has no limit
-#   table_print TITLE                         prints the rows; false when a limit was missed
+#                                             in a row without a limit
+#   table_print TITLE                         prints the rows; fails if a limit was missed
 #   at_most VALUE LIMIT, at_least VALUE LIMIT print PASS or FAIL; no VALUE fails
 #   spread FORMAT < NUMBERS                   prints "MEDIAN (LEAST to GREATEST)", each by printf FORMAT
 #   median < NUMBERS, percentile N < NUMBERS, mean < NUMBERS
@@ -38,7 +38,7 @@ table_print() {
   printf 'All %d rows are within their limits\n' $((${#table_cells[@]} / columns))
 }
 
-# One row, as many lines high as its cell of peers; `width` is the caller's.
+# Prints a row, with one line per line of PEERS. Uses the caller's `width`.
 table_line() {
   local what=$1 ours=$2 peers=$3 limit=$4 verdict=$5 peer
   while IFS= read -r peer; do
@@ -57,7 +57,7 @@ at_least() {
     'BEGIN { print (value != "" && value + 0 >= limit + 0) ? "PASS" : "FAIL" }'
 }
 
-# Nearest rank; without numbers it fails, so that nothing measured cannot pass for zero.
+# Nearest rank. Fails on empty input, so that missing samples cannot count as zero.
 percentile() {
   sort -g | awk -v percent="$1" '
     { value[NR] = $1 }

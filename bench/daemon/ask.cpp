@@ -1,13 +1,13 @@
-// Asks an endpoint for statistics and times the answers.
+// Requests statistics from an endpoint and times the answers.
 //
 //   bench_ask NAME SECTIONS one COUNT
-//       COUNT requests, each sent when the one before is answered; prints how long each took, in
-//       microseconds, one a line
+//       sends COUNT requests, one at a time; prints the duration of each in microseconds, one per
+//       line
 //   bench_ask NAME SECTIONS many OUTSTANDING SECONDS
-//       keeps OUTSTANDING requests unanswered for SECONDS; prints the answers per second
+//       keeps OUTSTANDING requests pending for SECONDS; prints the answers per second
 //
-// NAME is the bus name of the endpoint. SECTIONS is "all", or "uptime" for that section alone. An
-// answer that is an error, or whose status code is not 0, ends the program with status 1.
+// NAME is the bus name of the endpoint. SECTIONS is "all", or "uptime" for only that section. Exits
+// with status 1 on an error or an answer whose status code is not 0.
 
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +28,7 @@ constexpr auto kPatience = std::chrono::seconds(10);
 constexpr const char* kAllButUptime[] = {"memory",  "cpu",  "cpuInfo", "loadavg",
                                          "network", "wifi", "battery"};
 
-/// True when the map, at whose start the message stands, says that the request succeeded.
+/// Reads the map at the read position of the message. True if its status code is 0.
 bool succeeded(sd_bus_message* answer) {
   bool found = false;
   check(sd_bus_message_enter_container(answer, 'a', "{sv}"), "reading an answer");

@@ -1,4 +1,4 @@
-// The least that a program which looks around every 10 ms can cost: it sleeps, and does nothing.
+// A lower bound for the cost of a program that polls every 10 ms: only sleeps.
 
 #include "tick.h"
 

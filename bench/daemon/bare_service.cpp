@@ -1,5 +1,5 @@
-// The peer of the request rates: an endpoint that polls the bus as the daemon does, and answers
-// every request with the same small map without looking at it.
+// The peer for request rates: an endpoint that polls the bus as the daemon does and answers every
+// request with the same small map, without parsing it.
 //
 //   bench_bare_service NAME        NAME: the bus name to own
 

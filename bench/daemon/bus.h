@@ -7,7 +7,7 @@
 
 #include "kova/utils/Handle.h"
 
-/// What the programs of the measurement share: owned sd-bus handles and one way to give up.
+/// Shared by the programs of the measurement: sd-bus handles and error handling.
 namespace bench {
 
 using BusPtr = kova::utils::Handle<sd_bus, sd_bus_close_unref>;
@@ -15,19 +15,18 @@ using MessagePtr = kova::utils::Handle<sd_bus_message, sd_bus_message_unref>;
 
 using Clock = std::chrono::steady_clock;
 
-/// Ends the program with status 1 and `what` on standard error, which is how a measurement that
-/// cannot be made shows.
+/// Ends a failed measurement: prints `what` and `why` to standard error and exits with status 1.
 [[noreturn]] void giveUp(const char* what, const char* why);
 
-/// Gives up, naming `what`, when `result` is a negative errno value.
+/// Gives up on `what` if `result` is a negative errno value.
 /// @return result
 int check(int result, const char* what);
 
 /// Joins the bus at KOVA_BUS_ADDRESS, or gives up.
 BusPtr joinBus();
 
-/// Handles what comes in until `done` says so.
-/// @return false when the deadline came first
+/// Processes messages until `done` returns true.
+/// @return false if the deadline passes first
 template <typename Done>
 bool serveUntil(sd_bus* bus, Clock::time_point deadline, Done done) {
   while (!done()) {

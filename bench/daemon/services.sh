@@ -1,11 +1,11 @@
 # shellcheck shell=bash
-# The services that are measured, each started and ended here. Sourced by measure.
+# Starts and stops the measured services. Sourced by measure.
 #
 #   start SERVICE    starts it and waits until it owns its name; pid[SERVICE] is its process
-#   stop SERVICE     ends it
-#   why[SERVICE]     why it cannot run; unset when it can
+#   stop SERVICE     stops it
+#   why[SERVICE]     the reason why it cannot run; unset if it can
 #
-# KOVA_BUILD, LOGS and the bus addresses are set by the caller.
+# The caller sets KOVA_BUILD, LOGS and the bus addresses.
 
 declare -A name=(
   [ours]=kova.kova_ctlserver
@@ -55,6 +55,6 @@ stop() {
   local process=${pid[$1]:-}
   [[ -n $process ]] || return 0
   unset "pid[$1]"
-  kill "$process" 2>/dev/null || true # it may have ended by itself
-  wait "$process" 2>/dev/null || true # however it ended
+  kill "$process" 2>/dev/null || true # it may have exited by itself
+  wait "$process" 2>/dev/null || true # whatever its exit status
 }

@@ -1,12 +1,12 @@
-// Times how long services take from being spawned to owning their bus name, as another process on
-// the same bus sees it.
+// Times the start of services, from spawn to ownership of their bus name as observed by another
+// process on the bus.
 //
 //   bench_start_times ROUNDS NAME COMMAND [NAME COMMAND]...
 //
-// Every round starts each COMMAND once, one after the other, so that whatever else the machine does
-// meets all of them alike. A COMMAND is split at its blanks. Prints "NAME MICROSECONDS" a start;
-// "NAME failed" for one that did not own its name within five seconds, which is not tried again.
-// The services' own output goes to standard error.
+// Every round starts each COMMAND once, in turn, so that other load on the machine affects all of
+// them alike. A COMMAND is split at blanks. Prints a line "NAME MICROSECONDS" per start, or "NAME
+// failed" for a service that does not own its name within five seconds; such a service is not
+// started again. The output of the services goes to standard error.
 
 #include <spawn.h>
 #include <sys/wait.h>
@@ -39,7 +39,7 @@ class Service {
     }
   }
 
-  /// Follows who owns the name, from now on.
+  /// Subscribes to changes of the name's owner.
   void watch(sd_bus* bus) {
     const std::string rule =
         "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"

@@ -2,9 +2,9 @@
 //
 //   bench_timed COMMAND [ARG...]
 //
-// Runs it and prints, as the last line of the output, its time in milliseconds from start to end
-// and its greatest resident memory in KiB. The exit status is the command's; 127 when it cannot be
-// started, 128 when it was killed.
+// Runs the command and prints, as the last line of the output, its duration in milliseconds and its
+// peak resident memory in KiB. The exit status is the command's; 127 if it cannot be started, 128
+// if a signal killed it.
 
 #include <spawn.h>
 #include <sys/resource.h>

@@ -1,14 +1,14 @@
-// Moves files through TransferService.
+// Transfers files with TransferService.
 //
 //   bench_transfer RHYTHM download COUNT URI FOLDER CA-FILE
-//       all at once, "URI/0" into "FOLDER/0" and so on
+//       concurrently downloads "URI/0" to "FOLDER/0" and so on
 //   bench_transfer RHYTHM upload FILE URI CA-FILE
 //
-// RHYTHM is "daemon" for that of the daemon's main loop, which sleeps 10 ms and then turns the
-// service without waiting, or "sockets" for turns that wait for the transfers' sockets instead.
+// RHYTHM is "daemon" to sleep 10 ms and then run a pass of the service without waiting, as the
+// daemon's main loop does, or "sockets" for passes that wait for the transfers' sockets instead.
 //
-// Prints the longest turn of the service in milliseconds and, in KiB, how much memory each transfer
-// added at most. A transfer that fails ends the program with status 1.
+// Prints the longest pass of the service in milliseconds and the peak memory per transfer in KiB.
+// Exits with status 1 if a transfer fails.
 
 #include <sys/resource.h>
 
@@ -33,7 +33,7 @@ using kova::ctlserver::TransferService;
 using kova::ctlserver::TransferStatus;
 using Clock = std::chrono::steady_clock;
 
-/// What one turn waits for within the service, and how long the loop sleeps after it.
+/// How long a pass waits for sockets within the service, and how long the loop sleeps before it.
 struct Rhythm {
   unsigned waitMs;
   int sleepMs;
@@ -78,12 +78,12 @@ void allowManyDescriptors() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// @return the longest turn
+/// @return the duration of the longest pass
 Clock::duration turnUntilDone(TransferService& service, const Tasks& tasks, Rhythm rhythm) {
   Clock::duration longest{};
-  std::size_t done = 0;  // all tasks before this one have ended
+  std::size_t done = 0;  // all tasks before this index have ended
   while (done < tasks.size()) {
-    kova::utils::sleepMs(rhythm.sleepMs);  // a request waits for the next pass, too
+    kova::utils::sleepMs(rhythm.sleepMs);  // first, as a new request waits for the next pass
     const auto start = Clock::now();
     service.service(rhythm.waitMs);
     longest = std::max(longest, Clock::now() - start);
