@@ -1,22 +1,22 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables are shared
-# Fetches Debian's packages for 64-bit ARM and all they depend on, without installing them. They come from the Debian
-# archives that apt is configured for on this machine, and are verified as ever; apt works in a folder of its own, so the
-# machine's packages and its list of architectures stay as they are, and no privilege is needed.
+# Downloads Debian packages for 64-bit ARM and their dependencies, without installing them, from the Debian archives in
+# this machine's apt configuration. apt verifies them as usual, but keeps its state in a separate folder: the machine's
+# packages and architectures do not change, and no privileges are needed.
 #
-# Who sources this sets `apt`, that folder, and `packages`, their names, and has a function "die".
+# The caller sets `apt`, the folder, and `packages`, the names of the packages, and defines the function "die".
 
 readonly ARCHITECTURE=arm64 TRIPLET=aarch64-linux-gnu
 
-# list_archives: prints the configured archives of Debian as lines of sources.list(5). Other archives need not have
+# list_archives: prints the configured Debian archives as lines of sources.list(5). Skips other archives, which may lack
 # this architecture.
 list_archives() {
-  # shellcheck disable=SC2016  # apt's own placeholders
+  # shellcheck disable=SC2016  # placeholders of apt
   apt-get indextargets --format '$(ORIGIN)|$(SITE)|$(RELEASE)|$(COMPONENT)' 'Created-By: Packages' |
     sed -nE 's/^Debian\|([^|]*)\|([^|]*)\|([^|]*)$/deb \1 \2 \3/p' | sort -u
 }
 
-# write_apt_configuration: what differs from the machine's own: a folder of its own, that architecture, nothing
-# installed, and no hooks, which refresh what else the machine keeps about packages.
+# write_apt_configuration: overrides the machine's configuration: a separate folder, the other architecture, no
+# installed packages, and no hooks, which would update other package indexes of the machine.
 write_apt_configuration() {
   cat >"$apt/apt.conf" <<TEXT
 APT::Architecture "$ARCHITECTURE";
@@ -45,18 +45,18 @@ prepare_apt() {
   list_archives >"$apt/sources.list"
   write_apt_configuration
   [ -s "$apt/sources.list" ] ||
-    die "apt knows no archive of Debian here; see that /etc/apt/sources.list names one, and run \"apt-get update\""
+    die "apt has no Debian archive here; add one to /etc/apt/sources.list and run \"apt-get update\""
   arm64_apt -o APT::Update::Error-Mode=any update ||
-    die "the list of packages for $ARCHITECTURE cannot be had: is there a network, and has the mirror $ARCHITECTURE?
+    die "cannot download the list of packages for $ARCHITECTURE; check the network and whether the mirror has them:
 $(sed 's/^/  /' "$apt/sources.list")"
 }
 
-# plan: prints the files to unpack, each with its version in its name. With an empty cache, since apt leaves out those
-# that it has already.
+# plan: prints the names of the files to unpack; they include the version. Uses an empty cache, since apt omits files
+# that are already in the cache.
 plan() {
   mkdir -p "$apt/empty/partial"
   arm64_apt -o "Dir::Cache::archives=$apt/empty" --print-uris install "${packages[@]}" | cut -d ' ' -f 2 | sort ||
-    die "the packages cannot be had for $ARCHITECTURE: ${packages[*]}"
+    die "apt cannot resolve these packages for $ARCHITECTURE: ${packages[*]}"
 }
 
 # fetch_packages: prepares apt, downloads, and sets `files` to the plan.
@@ -65,14 +65,14 @@ fetch_packages() {
   files=$(plan)
   [ -n "$files" ] || die "nothing to unpack for ${packages[*]}"
   echo "$(wc -l <<<"$files") packages for $ARCHITECTURE" >&2
-  arm64_apt --yes --download-only install "${packages[@]}" >&2 || die "the packages cannot be downloaded"
+  arm64_apt --yes --download-only install "${packages[@]}" >&2 || die "cannot download the packages"
 }
 
-# unpack_packages FOLDER PATTERN...: unpacks `files` into FOLDER, without what matches a PATTERN.
+# unpack_packages FOLDER PATTERN...: unpacks `files` into FOLDER, except for paths that match a PATTERN.
 unpack_packages() {
   local folder=$1 name
   shift
-  # As on any Debian since 12: what packages install below /lib stands below /usr/lib.
+  # Merged /usr, as in Debian since 12: files in /lib go to /usr/lib.
   mkdir -p "$folder/usr/lib"
   ln -s usr/lib "$folder/lib"
   while read -r name; do

@@ -1,6 +1,5 @@
-# Cross-compiling for 64-bit ARM with Debian's compiler, against the sysroot that cmake/arm64/sysroot makes. KOVA_SYSROOT
-# names another sysroot, CMAKE_CXX_COMPILER another compiler; an SDK with a toolchain file of its own needs nothing of
-# this.
+# Cross-compiles for 64-bit ARM with Debian's compiler and the sysroot of cmake/arm64/sysroot. Set KOVA_SYSROOT to use
+# another sysroot, CMAKE_CXX_COMPILER to use another compiler. Not needed with an SDK that has its own toolchain file.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
@@ -16,7 +15,7 @@ if(NOT EXISTS "${CMAKE_SYSROOT}/usr/include")
   message(FATAL_ERROR "No sysroot in ${CMAKE_SYSROOT}: \"./dev build arm64\" makes it, or KOVA_SYSROOT names another")
 endif()
 
-# Programs are this machine's, all else is the board's.
+# Find programs on this machine, everything else in the sysroot.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
@@ -27,7 +26,7 @@ list(TRANSFORM pkgconfig_folders PREPEND "${CMAKE_SYSROOT}/")
 list(JOIN pkgconfig_folders ":" pkgconfig_path)
 set(ENV{PKG_CONFIG_LIBDIR} "${pkgconfig_path}")
 
-# Tests run under user-mode QEMU, installed or where ./dev unpacks it.
+# Tests run under user-mode QEMU: the installed one, or the one that ./dev unpacks.
 find_program(KOVA_QEMU qemu-aarch64-static PATHS "${CMAKE_CURRENT_LIST_DIR}/../../build/qemu-user/usr/bin")
 if(KOVA_QEMU)
   set(CMAKE_CROSSCOMPILING_EMULATOR "${KOVA_QEMU};-L;${CMAKE_SYSROOT}")
