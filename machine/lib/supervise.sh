@@ -77,7 +77,7 @@ collect_arguments() {
     -device virtio-rng-device -device virtio-serial-device)
   for lane in "${LANES[@]}"; do add_lane "$lane"; done
   # Randomized addresses double the boot time: QEMU must retranslate code that moves to another address, and a kernel
-  # with KASLR uses separate page tables, so QEMU must drop cached translations at each switch.
+  # with KASLR isolates its page tables, so QEMU must flush its TLB at each switch.
   add_system "nokaslr norandmaps kova.modules=$modules kova.watchdog=$watchdog kova.bus=$bus"
   if [ -n "$watchdog" ]; then arguments+=(-device i6300esb -action watchdog=reset); fi
   if [ -n "$record" ]; then record_writes; else arguments+=(-blockdev "driver=file,filename=$flash,node-name=flash"); fi
