@@ -53,10 +53,9 @@ class CommandLine {
   /// Whether this subcommand was given.
   bool given() const;
 
-  /// Sets the last paragraph of the help, which wraps its long lines.
+  /// Sets the last paragraph of the help. Long lines are wrapped when it is printed.
   void footer(const std::string& text);
-  /// Gets the help of a command of the whole program, for example {"service", "start"}; the
-  /// overview for no words.
+  /// Gets the help of any command, for example {"service", "start"}, or the overview for no words.
   /// @return false, with an error message in `text`, when there is no such command
   bool helpOf(const std::vector<std::string>& words, std::string& text) const;
 

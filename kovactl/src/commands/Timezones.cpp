@@ -87,7 +87,7 @@ Action setUpTimezones(CommandLine& line) {
   auto parts = std::make_shared<std::vector<std::string>>();
   line.arguments("PART", *parts, "List only names that contain this, ignoring case");
   line.footer("Lists the time zones in " + std::string(kZoneFolder) +
-              " of the local machine, or of that of --host.");
+              " of the local machine or, with --host, of the remote camera.");
   return [parts](const Options& options) {
     std::vector<std::string> words{"timezones"};
     words.insert(words.end(), parts->begin(), parts->end());
