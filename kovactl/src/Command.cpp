@@ -10,8 +10,7 @@ constexpr std::string_view kHelp = "Help";
 
 constexpr const char* kExamples =
     "Examples:\n"
-    "  kovactl stats --watch            statistics, refreshed in place
-    "
+    "  kovactl stats --watch            statistics, refreshed in place\n"
     "  kovactl settings name=Porch      rename the camera\n"
     "  kovactl put logo https://10.0.0.2/logo.png --file logo.png --wait\n"
     "  kovactl call GetSystemStats wifi:=false --json\n"

@@ -29,9 +29,8 @@ void LineFilter::end() {
 }
 
 void LineFilter::pass(std::string_view line, bool whole) {
-  // ssh ends its own lines with "\r
-  ", for terminals in raw mode.
-      if (whole && line.ends_with('\r')) {
+  // ssh ends its own lines with "\r\n", for terminals in raw mode.
+  if (whole && line.ends_with('\r')) {
     line.remove_suffix(1);
   }
   const std::string shown = printable(line) + (whole ? "\n" : "");

@@ -149,9 +149,8 @@ Action setUpTransfers(CommandLine& line) {
   line.flag("--watch", *watching, "Repeat until Ctrl-C");
   line.footer(
       "Shows the running transfers and the last 32 that ended, with the reason for each failure. "
-      "On "
-      "a terminal --watch refreshes in place, elsewhere it prints a line for each new phase; with "
-      "--json it prints a line for each change.");
+      "On a terminal --watch refreshes in place, elsewhere it prints a line for each new phase; "
+      "with --json it prints a line for each change.");
   return [watching](const Options& options) {
     Objects objects(options);
     const ExitStatus opened = objects.open();
