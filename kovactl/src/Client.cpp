@@ -108,7 +108,7 @@ ExitStatus Client::send(BaseRequestMessage& request, bool responseExpected) {
     request.to(kServer);
   }
   request.responseExpected(responseExpected);
-  request.queueIfDestUnavailable(false);
+  request.queueIfDestUnavailable(false);  // fail at once if the destination is absent
   if (ipc_.SendRequest(request)) {
     return ExitStatus::Ok;
   }
@@ -220,6 +220,7 @@ ExitStatus Client::serve(const std::function<bool()>& done, std::uint32_t timeou
       return ExitStatus::NoAnswer;
     }
     lost_ = !ipc_.Service(left < kServiceSliceMs ? static_cast<unsigned>(left) : kServiceSliceMs);
+    // The call that sees the end of the connection may also have dispatched the awaited message.
     if (lost_ && !done()) {
       return stopRequested() ? stopStatus() : ExitStatus::Unreachable;
     }

@@ -44,6 +44,7 @@ ExitStatus Objects::await(const Start& start, Answer& answer, bool patient) {
     }
     connected = bus_.Service(kSliceMs);
   }
+  // A made-up answer on a dead connection means that the connection was lost.
   if (!received->has_value() || (isMadeUp(**received) && !bus_.Service(0))) {
     return !patient && stopRequested()
                ? stopStatus()

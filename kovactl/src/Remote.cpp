@@ -29,6 +29,7 @@ constexpr int kUnknown = -1;
 
 volatile sig_atomic_t sshStatus = kUnknown;
 
+// Signal handler: stores only the status.
 void noteChild(int, siginfo_t* info, void*) {
   sshStatus = info->si_code == CLD_EXITED ? info->si_status : kUnknown;
 }
@@ -163,7 +164,7 @@ Ssh::Ssh(const std::vector<std::string>& words) {
     dup2(error[1], STDERR_FILENO);
     execute(words);
   }
-  const int problem = errno;
+  const int problem = errno;  // of a failed pipe2() or fork(), for the caller of await()
   close(out[1]);
   close(error[1]);
   errno = problem;

@@ -182,6 +182,7 @@ ExitStatus Request::join() {
 ExitStatus Request::send() {
   request_.from(transfer_.wait ? ownEndpoint(request_) : kAbsentEndpoint);
   const ExitStatus taken = client_.request(request_, options_.answerTimeoutMs()).status;
+  // The event decides, even if the answer to the request was lost.
   return event_.known() ? ExitStatus::Ok : taken;
 }
 

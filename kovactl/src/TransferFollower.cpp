@@ -34,6 +34,7 @@ ExitStatus TransferFollower::find(std::uint64_t requestId) {
     Objects::Answer answer;
     const ExitStatus asked = objects_.readTransfers(records, answer);
     if (asked != ExitStatus::Ok || !answer.error.empty()) {
+      // Not a failure: a camera without records reports the outcome by an event.
       return stopRequested() ? asked : ExitStatus::Ok;
     }
     const auto found = std::ranges::find(records, requestId, &TransferRecord::requestId);
