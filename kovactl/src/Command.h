@@ -83,7 +83,7 @@ std::string overviewFooter();
 // Defined in commands/: save, reboot, reset-defaults and exit-service in Maintenance.cpp, settings
 // and reset-settings in Settings.cpp, put and firmware in Put.cpp, transfers and cancel in
 // Transfers.cpp, monitor and listen in Monitor.cpp, help and __complete in Help.cpp, bridge and
-// __ssh in Bridge.cpp, every other command in a file of its name.
+// __ssh in Bridge.cpp, each other command in the file of its name.
 Action setUpBridge(CommandLine& line);
 Action setUpCall(CommandLine& line);
 Action setUpCancel(CommandLine& line);

@@ -73,7 +73,7 @@ class Relay {
 
   // Four states. Both directions run. `in` has ended: the bus gets a half-close, and answers may
   // still follow. `out` has closed: data for the bus is still delivered. The bus has closed: done.
-  // In the second and the third state kLinger without any event ends the relay, too.
+  // In the second and third states kLinger without an event ends the relay, too.
   ExitStatus run() {
     while (!busClosed_ && !(up_.ended() && outClosed_)) {
       if (stopRequested()) {

@@ -32,9 +32,9 @@ class TransferFollower {
   void Service();
   /// The state as read or signalled last.
   const TransferRecord& record() const { return record_; }
-  /// Whether the control server may be waiting for a tool that checks or flashes. It starts the
-  /// tool as soon as it has signalled the phase, and then answers no requests; so a signal without
-  /// an answer since counts, too.
+  /// Whether the control server may be waiting for a tool that checks or flashes. It signals the
+  /// phase and starts the tool at once, and then answers no reads until the tool ends; a signal
+  /// that no read has confirmed therefore counts, too.
   bool mayBeAtTools() const { return record_.phase == "finalising" || behind_; }
   /// Whether the control server has ended, has dropped the record, or cannot be reached.
   bool gone() const { return loss_ != Loss::None; }

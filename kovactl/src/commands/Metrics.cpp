@@ -72,7 +72,7 @@ std::optional<double> figure(const Variant& statistics, std::string_view section
   return value != nullptr ? std::optional(value->toNumber<double>()) : std::nullopt;
 }
 
-/// A figure of the statistics that is one number.
+/// A statistic that is a single number.
 struct Figure {
   const char* name;
   const char* help;
