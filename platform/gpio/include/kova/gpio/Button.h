@@ -39,8 +39,8 @@ class BaseButton {
   /// @param info       describes which line the button is on; must outlive the button
   /// @param observer   receives the button's events; must outlive the button
   /// @param intervalMs minimum time between two buttonDepressed() calls
-  /// @return always true: a line that cannot be read is logged and retried by service(), so that a
-  /// broken button does not keep the program from starting
+  /// @return always true: an unreadable line is logged and retried by service(), so that a broken
+  /// button does not prevent the program from starting
   bool init(const variant::CameraInfo* info, IButtonEventsObserver* observer, int intervalMs);
 
   /// Samples the line and reports changes; samples at most every 50 ms while the button is
