@@ -18,7 +18,7 @@ struct SeenMessage {
   variant::Variant body;    ///< the message; empty if it could not be decoded
 };
 
-/// Receives all messages between endpoints (org.freedesktop.DBus.Monitoring); requires root or
+/// Receives all messages between endpoints (org.freedesktop.DBus.Monitoring). Requires root, or
 /// permission by the bus policy.
 class BusMonitor {
  public:
@@ -29,7 +29,7 @@ class BusMonitor {
 
   /// @param error receives what went wrong
   bool open(std::string& error);
-  /// Passes the messages seen to `sink`; waits up to `timeoutMs` if none is pending. False if the
+  /// Passes pending messages to `sink`; waits up to `timeoutMs` if there are none. False if the
   /// connection is lost.
   bool Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink);
 
