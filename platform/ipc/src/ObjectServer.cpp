@@ -212,6 +212,7 @@ int ObjectServer::onCall(sd_bus_message* call, void* publication, sd_bus_error* 
                    [&] { return handle(*static_cast<Publication*>(publication), call, error); });
 }
 
+// Counts bytes that are about to be marshalled. False if the answer exceeds its limit.
 bool ObjectServer::charge(std::size_t bytes) {
   answerBytes_ += bytes;
   unsentBytes_ += bytes;

@@ -102,7 +102,7 @@ inline std::uint64_t unsentMessages(sd_bus* bus) {
 /// Connects to the bus at KOVA_BUS_ADDRESS, else to the default one, and waits a bounded time for
 /// the handshake. Blocking calls on this connection have the same bound.
 /// @param monitor whether to receive messages to other endpoints too
-/// @param error   receives what went wrong
+/// @param error   receives the reason on failure
 /// @return null on failure
 BusPtr openBus(bool monitor, std::string& error);
 

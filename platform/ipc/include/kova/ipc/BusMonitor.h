@@ -27,7 +27,7 @@ class BusMonitor {
   BusMonitor(const BusMonitor&) = delete;
   BusMonitor& operator=(const BusMonitor&) = delete;
 
-  /// @param error receives what went wrong
+  /// @param error receives the reason on failure
   bool open(std::string& error);
   /// Passes pending messages to `sink`; waits up to `timeoutMs` if there are none. False if the
   /// connection is lost.

@@ -32,7 +32,7 @@ class BusObjects {
   BusObjects& operator=(const BusObjects&) = delete;
 
   /// Joins the bus, without a name.
-  /// @param error receives what went wrong
+  /// @param error receives the reason on failure
   bool open(std::string& error);
 
   /// Reads all objects below "/kova": a map from path to a map from interface to a map of
