@@ -23,7 +23,7 @@ class IButtonEventsObserver {
   /// The button was released, or its line was not read for so long that the press counts as ended.
   virtual void buttonUp(int heldMs) = 0;
 
-  /// The button is still held; reported again and again until buttonUp().
+  /// The button is still held; reported repeatedly until buttonUp().
   virtual void buttonDepressed(int heldMs) = 0;
 
   virtual ~IButtonEventsObserver() = default;
