@@ -43,7 +43,7 @@ struct Settings {
 
 Settings settings;
 LoadedModules modules;
-alignas(16) std::array<char, 65536> alternateStack;  // for stack overflows
+alignas(16) std::array<char, 65536> alternateStack;
 volatile sig_atomic_t isReporting = 0;  // a crash of the handler itself is not reported
 
 #if defined(__x86_64__)
