@@ -122,13 +122,14 @@ function(kova_test_headers name)
 endfunction()
 
 # kova_test(<name> SOURCES <file>... [DEPENDS <target>...] [LABELS <label>...] [TIMEOUT <seconds>]
-#           [HEADERS <target of kova_test_headers>] [PRIVATE_ROOT])
+#           [HEADERS <target of kova_test_headers>] [PRIVATE_ROOT] [UNSANITIZED])
 #
 # A GoogleTest program, run by ctest as one test; under the emulator, when compiled for another processor.
-# With PRIVATE_ROOT it is run through tests/private-root, and refuses to run without.
+# With PRIVATE_ROOT it is run through tests/private-root, and refuses to run without. UNSANITIZED: see
+# kova_unsanitized_test.
 function(kova_test name)
-  cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT;HEADERS" "SOURCES;DEPENDS;LABELS" ${ARGN})
-  if(NOT BUILD_TESTING)
+  cmake_parse_arguments(ARG "PRIVATE_ROOT;UNSANITIZED" "TIMEOUT;HEADERS" "SOURCES;DEPENDS;LABELS" ${ARGN})
+  if(NOT BUILD_TESTING OR (ARG_UNSANITIZED AND KOVA_SANITIZE))
     return()
   endif()
   find_package(GTest REQUIRED)
@@ -154,21 +155,39 @@ function(kova_test name)
   if(NOT ARG_LABELS)
     set(ARG_LABELS unit)
   endif()
+  if(ARG_UNSANITIZED)
+    list(APPEND ARG_LABELS unsanitized)
+    set_property(GLOBAL APPEND PROPERTY KOVA_UNSANITIZED ${name})
+  endif()
   add_test(NAME ${name}
            COMMAND ${launcher} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
 endfunction()
 
-# kova_source_test(<name> TIMEOUT <seconds> COMMAND <word>...)
+# kova_unsanitized_test(<name> COMMAND <word>... [LABEL <label>] [TIMEOUT <seconds>] [COST <seconds>] [PROGRAMS <target>...])
 #
-# A test of scripts or documents alone. It does not run under the sanitizers: it would not notice them.
-function(kova_source_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "COMMAND" ${ARGN})
-  if(KOVA_SANITIZE)
+# A test of scripts, of documents, or of programs on which the sanitizers would see nothing new or fail. It runs only in
+# builds without them, where "ctest -L unsanitized" selects the tests of this kind and the target "unsanitized" builds
+# their PROGRAMS and those of a camera. Exit status 77: skipped. KOVA_BUILD is the folder of the programs.
+function(kova_unsanitized_test name)
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;COST" "COMMAND;PROGRAMS" ${ARGN})
+  if(NOT BUILD_TESTING OR KOVA_SANITIZE)
     return()
   endif()
+  if(NOT ARG_LABEL)
+    set(ARG_LABEL unit)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
   add_test(NAME ${name} COMMAND ${ARG_COMMAND})
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS unit)
+  set_tests_properties(${name} PROPERTIES
+    ENVIRONMENT "KOVA_BUILD=${PROJECT_BINARY_DIR}" LABELS "${ARG_LABEL};unsanitized"
+    SKIP_RETURN_CODE 77 TIMEOUT ${ARG_TIMEOUT})
+  if(ARG_COST) # the longest begins first
+    set_tests_properties(${name} PROPERTIES COST ${ARG_COST})
+  endif()
+  set_property(GLOBAL APPEND PROPERTY KOVA_UNSANITIZED ${ARG_PROGRAMS})
 endfunction()
 
 # kova_command(<variable> <target>)
