@@ -11,13 +11,9 @@ namespace kova::imageprobe {
 namespace {
 
 constexpr double kProcessorSeconds = 3;  // a second for loading, one for decoding, one for its end
-constexpr long kResidentKiB = 420L * 1024;  // 256 MiB of data, and the libraries
-// The figure includes what this process held when it started the probe (getrusage(2)).
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
+// 256 MiB of data, the libraries, and what this process holds when it starts the probe, which
+// getrusage(2) includes.
+constexpr long kResidentKiB = 420L * 1024;
 
 struct Sample {
   const char* format;
@@ -44,9 +40,7 @@ class HostileTest : public ProbeFixture {
   std::string bounded() const {
     const Ended result = probe(file_);
     EXPECT_LE(result.cpuSeconds, kProcessorSeconds);
-    if (!kSanitized) {
-      EXPECT_LE(result.residentKiB, kResidentKiB);
-    }
+    EXPECT_LE(result.residentKiB, kResidentKiB);
     if (result.status > 128) {
       return "killed";
     }
