@@ -104,7 +104,8 @@ bubblewrap_arguments() {
 }
 
 # launch_init MODE: starts the first process of the camera as a child of this shell. Sets `child_pid` and, to the
-# process of the host through which commands enter the camera, `init_pid`.
+# process of the host through which commands enter the camera, `init_pid`. Closes descriptors 8 and 9: the lock would
+# outlive the supervisor if the camera inherited it.
 launch_init() {
   local environment
   mapfile -t environment < <(camera_environment)

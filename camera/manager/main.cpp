@@ -75,6 +75,7 @@ int main(int argc, char** argv) {
   }
   const fs::path files = argv[4];
   const fs::path received = argv[5];
+  // Before any thread starts: all threads inherit the mask, so only sigwait() takes these signals.
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGTERM);

@@ -110,7 +110,7 @@ record_writes() {
     -blockdev "driver=blklogwrites,file=flash-file,log=flash-log,node-name=flash")
 }
 
-# Starts QEMU, which must not outlive this process.
+# Starts QEMU, which must not outlive this process (pdeathsig) and must not inherit the lock and the control pipe.
 power_on() {
   cd "$state"
   rm -f monitor qtest
