@@ -83,7 +83,7 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
   record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMostUriBytes);
   record.file = displayText(facts.file, TransferRecord::kMostFileBytes);
   record.started = wallClockUs();
-  // A longer one cannot lie whole in a cause that is cut.
+  // A cause is truncated to kMostCauseBytes, so it cannot contain a longer one.
   if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMostCauseBytes) {
     running.userInfo = userInfo;
   }

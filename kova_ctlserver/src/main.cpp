@@ -45,7 +45,7 @@ bool stopRequested(const CtlCommandsHandler& handler) {
   return false;
 }
 
-/// What the bus shows besides the messages.
+/// The objects that the daemon publishes on the bus.
 class Shown {
  public:
   Shown(const CameraInfo& info, CtlServer& server, Ipc& ipc)
