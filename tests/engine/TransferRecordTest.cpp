@@ -1,4 +1,4 @@
-// What the record of a transfer says where the words are those of libcurl and of the system.
+// Reasons in transfer records that contain messages of libcurl and of the system.
 
 #include <cerrno>
 #include <filesystem>
