@@ -28,7 +28,7 @@ class ObjectsSystem : public TransferRig {
   static Result cancel(const std::string& path) {
     return busctl({"call", kServer, path, kTransfer, "Cancel"});
   }
-  // The path of the transfer of the last request, once it is there.
+  // Waits for the transfer of the last request; returns its path.
   static std::string pathOfRequest(std::uint64_t id) {
     std::string found;
     const auto isLast = [&] {
@@ -51,7 +51,7 @@ class ObjectsSystem : public TransferRig {
   }
 };
 
-// The tags of one interface, without comments and layout.
+// The tags of one interface, without comments and white space.
 std::string tagsOf(const std::string& xml, const std::string& interface) {
   std::string tags;
   const std::size_t begin = xml.find("<interface name=\"" + interface + "\">");
