@@ -15,7 +15,7 @@ class ConfigStoreSuite : public PlatformSuite {
     ASSERT_TRUE(store_.init());
   }
 
-  /// What another user of the store reads; "(absent)" for nothing.
+  /// The value that another user of the store reads; "(absent)" for none.
   static std::string stored(const std::string& key) {
     SystemCfgManager other;
     std::string value;
