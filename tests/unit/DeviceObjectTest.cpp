@@ -132,7 +132,7 @@ TEST_F(DeviceObjectTest, StoreIsReadAgainAfterFailure) {
   EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
   platform().config.initResult = true;
   platform().nowMs += DeviceObject::kRetryMs - 1;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string())) << "not at every read";
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string())) << "not read again yet";
   platform().nowMs += 1;
   EXPECT_EQ(Value("Name"), PropertyValue(std::string("Front door")));
 }

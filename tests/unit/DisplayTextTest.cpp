@@ -99,7 +99,7 @@ TEST(DisplayTextTest, UserInformationIsFoundAndRemoved) {
 TEST(DisplayTextTest, CredentialsAreRemovedFromText) {
   EXPECT_EQ(withoutCredentials("no route to u:p@host", "u:p"), "no route to host");
   EXPECT_EQ(withoutCredentials("u:p@u:p@x u:p@y", "u:p"), "x y");
-  EXPECT_EQ(withoutCredentials("u:u:p@p@x", "u:p"), "x") << "put together by a removal";
+  EXPECT_EQ(withoutCredentials("u:u:p@p@x", "u:p"), "x") << "created by a removal";
   EXPECT_EQ(withoutCredentials("moved to 'https://u:p@other/x' twice http://v@w", ""),
             "moved to 'https://other/x' twice http://w");
   EXPECT_EQ(withoutCredentials("a@b is an address", "u:p"), "a@b is an address");

@@ -1,4 +1,4 @@
-// How a transfer ends that is cancelled, or whose task another request takes over.
+// Transfers that are cancelled, or whose task another request takes over.
 
 #include "ReasonsFixture.h"
 
@@ -122,7 +122,7 @@ TEST_F(TransferCancelTest, UploadCutByFailureOfItsSuccessorIsNoSuccess) {
   ASSERT_TRUE(ask("supportInfo", uri("/second")));
   write("/tmp/supportinfo.tar", "archive");
   ASSERT_TRUE(serviceUntilConnections(1));
-  ASSERT_TRUE(ask("supportInfo", uri("/first"))) << "whose turn comes earlier";
+  ASSERT_TRUE(ask("supportInfo", uri("/first"))) << "its turn comes first";
   write("/tmp/supportinfo.tar", "archive");
   ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
   EXPECT_EQ(told(1), std::string("TRANSFER_FAILED: ") + kTakenOver +

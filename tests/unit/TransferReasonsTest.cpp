@@ -1,4 +1,4 @@
-// What the record of each request says: one row for each cause.
+// Outcome and reason in the record of each request: one row per cause.
 
 #include "CtlCommandsHandler.h"
 #include "ReasonsFixture.h"
@@ -253,7 +253,7 @@ TEST_F(TransferReasonsTest, SupportArchiveIsNamedOnceItIsSent) {
   programsAnswer("/bin/support", {utils::kNotStarted, "", ""});
   EXPECT_FALSE(ask("supportInfo", uri()));
   platform().onRun = {};
-  ASSERT_TRUE(ask("supportInfo", uri())) << "which forgets the refusal";
+  ASSERT_TRUE(ask("supportInfo", uri())) << "this forgets the refusal";
   server_->service(0);
   EXPECT_EQ(last().phase, TransferPhase::Preparing);
   write("/tmp/supportinfo.tar", "archive");
@@ -352,7 +352,7 @@ TEST_F(TransferReasonsTest, ProgressIsToldWhileTransferRuns) {
   });
   ASSERT_TRUE(ask("logo", uri()));
   ASSERT_TRUE(serviceUntil([&] { return record(1).transferred == 5; }));
-  EXPECT_EQ(record(1).size, 0U) << "not known";
+  EXPECT_EQ(record(1).size, 0U) << "unknown";
   platform().nowMs += TransferRecords::kProgressMs;
   platform().bus.signals.clear();
   server_->service(0);
