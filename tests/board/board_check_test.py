@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Goes through the root of a virtual camera and through copies of it in which one thing is broken, and over a fake ssh.
+"""Tests board-check on the root of a virtual camera, on copies of it with one fault each, and over a fake ssh.
 KOVA_BUILD is the folder of the programs."""
 
 import atexit
@@ -33,13 +33,13 @@ ROWS = contract.rows_of_page()
 ACCOUNT = next(row.name for row in ROWS if row.kind == "account" and row.form == ["account"])
 IS_ROOT = os.geteuid() == 0
 NOBODY = 65534
-# Mounted in the camera as they are; built by somebody else, or with another umask, they are no programs of a board.
+# The camera mounts the programs as built. With another owner or umask they fail the check for a board.
 BUILT = [path.stat() for path in Path(os.environ["KOVA_BUILD"]).glob("kova_ctlserver/**/kova_*") if path.is_file()]
 IS_BUILT_LIKE_A_BOARD = all(info.st_uid in (0, os.geteuid()) and not info.st_mode & 0o022 for info in BUILT)
-# What is copied of a camera: no libraries, and nothing of the kernel.
+# The folders of a camera to copy: no libraries, no kernel file systems.
 COPIED = ("bin", "sbin", "etc", "tmp", "run", "var", "usr/bin", "usr/sbin", "usr/libexec", "usr/share/kova",
           "usr/share/zoneinfo/Europe")  # fmt: skip
-# Rows that others depend on: breaking these may break more than one.
+# Rows that others depend on: one fault here may cause several findings.
 DEPENDED_ON = ("/bin/sh", "/etc", "/etc/sv", "/etc/persistent", "/tmp")
 
 work = Path(tempfile.mkdtemp(prefix="kova-board."))
@@ -49,7 +49,7 @@ image = work / "image"
 
 def setUpModule():
     if not IS_ROOT:
-        # In a user namespace the programs of the machine belong to a user who is not mapped.
+        # In a user namespace the machine's programs belong to an unmapped user.
         roots.SshRoot.roots = {0, NOBODY}
     atexit.register(clean_up)
     signal.signal(signal.SIGTERM, signal.default_int_handler)
@@ -64,7 +64,7 @@ def clean_up():
 
 
 def root_of_camera():
-    """With the programs that are mounted in it."""
+    """The camera's root as its processes see it, with the mounted programs."""
     return f"/proc/{(camera / 'state/init.pid').read_text().strip()}/root"
 
 
@@ -78,7 +78,7 @@ def copy_image():
     for path in image.rglob("*"):
         if stat.S_ISSOCK(path.lstat().st_mode) or stat.S_ISFIFO(path.lstat().st_mode):
             path.unlink()
-    # An absolute link would lead to a file of the machine.
+    # An absolute link would resolve to a file of the machine.
     for row in ROWS:
         for name in row.names if row.kind == "path" and "program" in row.form else ():
             if path_of(name).is_symlink():
@@ -91,7 +91,7 @@ def openssl(*words):
 
 
 def add_what_is_optional():
-    """A copy of a camera that is adopted and has a logo, a sound and a snapshot."""
+    """Makes the copy that of an adopted camera with a logo, a sound and a snapshot."""
     pair = image / "etc/persistent/server.pem"
     openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", "/CN=camera",
             "-days", "2", "-keyout", work / "key", "-out", work / "crt")  # fmt: skip
@@ -118,7 +118,7 @@ def look(place=image):
 
 
 def path_of(name):
-    """The file itself: nothing may be done to the machine's through a link."""
+    """The path in the image; asserts that no link leads to a file of the machine."""
     path = image / name.lstrip("/")
     assert path.parent.resolve().is_relative_to(image.resolve()), path
     return path
@@ -126,7 +126,7 @@ def path_of(name):
 
 @contextlib.contextmanager
 def replaced(name):
-    """Moves what the image has of that name aside, for the block to put another there."""
+    """Moves the image's file of that name aside while the block puts another in its place."""
     path = path_of(name)
     aside = Path(f"{path}.aside")
     if os.path.lexists(path):
@@ -180,7 +180,7 @@ def text_of(name):
 
 
 def path_rows(*words):
-    """The rows of files that the image has and that must have one of these forms."""
+    """The rows of existing files, with their names; `words` limits them to these forms."""
     for row in ROWS:
         if row.kind == "path" and row.is_checked and not row.need.startswith("running"):
             name = next((name for name in row.names if os.path.lexists(image / name[1:])), None)
@@ -194,10 +194,10 @@ def is_needed(row):
 
 
 class Found(unittest.TestCase):
-    """Each case breaks one thing."""
+    """Each case introduces one fault."""
 
     def expect(self, verdict, name, *texts):
-        """One finding, unless others depend on what is broken; it tells what to do."""
+        """Expects one finding with these texts, and no other unless others depend on this row."""
         findings = look()
         own = [finding for finding in findings if finding.startswith(f"{verdict:8}{name}: ")]
         self.assertEqual(len(own), 1, findings)
@@ -579,7 +579,7 @@ class Command(unittest.TestCase):
 @unittest.skipUnless(IS_BUILT_LIKE_A_BOARD, "the programs belong to somebody else, or others may write them")
 class OverSsh(unittest.TestCase):
     def fake(self, prelude="", body=None):
-        """A folder with an ssh that enters the camera; `prelude` is for the shell there."""
+        """A folder with a fake ssh that enters the camera; the shell there runs `prelude` first."""
         folder = Path(tempfile.mkdtemp(dir=work))
         enter = f"{{ cat <<'E'\n{prelude}\nE\ncat; }} | exec {CAMERA} exec {camera} -- sh -s"
         (folder / "ssh").write_text(f"#!/bin/sh\necho \"$@\" >{folder}/words\necho Welcome\n{body or enter}\n")

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What the mutation run changes in a source and what it leaves alone, and that the list of equivalent mutants holds."""
+"""Tests which mutants a source yields, how they are tried, and that the list of equivalent mutants is up to date."""
 
 import shutil
 import subprocess
@@ -21,7 +21,7 @@ TOP = HERE.parents[1]
 
 
 def after(line, before="{"):
-    """What is made of one line of a function."""
+    """The mutants of one line of a function."""
     mutants = mutations.mutants_of("a.cpp", f"{before}\n{line}\n")
     return [mutant.after.strip() for mutant in mutants if mutant.line == before.count("\n") + 2]
 
@@ -211,7 +211,7 @@ class Failures(unittest.TestCase):
 
     @staticmethod
     def failure(*results):
-        """What is made of these results of a program, which took 1 s when it was measured and takes 30 s now."""
+        """The verdict on these results of a program that took 1 s when it was measured and takes 30 s now."""
         trials = trial.Trial(TOP, Path("/nonexistent"))
         trials.copy = unittest.mock.Mock()
         trials.copy.test.side_effect = results
