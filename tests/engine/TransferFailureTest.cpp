@@ -25,7 +25,7 @@ TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
   ASSERT_TRUE(begin(task));
   fakes::platform().nowMs += task.timeout();
   service().service(0);
-  EXPECT_EQ(task.outcome(), "") << "the deadline itself is in time";
+  EXPECT_EQ(task.outcome(), "") << "the deadline itself has not passed";
   fakes::platform().nowMs += 1;
   service().service(0);
   EXPECT_EQ(task.outcome(), "failure 5 0");

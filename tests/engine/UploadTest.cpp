@@ -44,7 +44,7 @@ class UploadTest : public EngineTest {
     if (content.size() < 1000) {
       EXPECT_EQ(request.body, body);
     } else {
-      EXPECT_TRUE(request.body == body) << "the body is not the expected one, to the byte";
+      EXPECT_TRUE(request.body == body) << "the bodies differ";
     }
   }
 };
@@ -162,7 +162,7 @@ TEST_F(UploadTest, SentBodyIsNotResentAfterRedirection) {
     UploadTask task(server.uri(), write("file", "content"));
     task.setTimeout(1000);
     EXPECT_EQ(run(task), "failure 5 " + std::to_string(status));
-    ASSERT_EQ(server.requests().size(), 1U) << "the second is never whole";
+    ASSERT_EQ(server.requests().size(), 1U) << "the second is never complete";
     EXPECT_THAT(server.requests()[0].body, HasSubstr("content"));
   }
 }

@@ -98,7 +98,7 @@ class AccessAfterPasswordChange : public AccessSystem {
     ASSERT_NO_FATAL_FAILURE(restartBus());
     const Result changed = camera().ctl({"user", "passwd", "--stdin"}, "admin\nother\n");
     ASSERT_EQ(changed.status, 0) << changed.err;
-    ASSERT_EQ(passwd().find('\n'), passwd().size() - 1) << "the administrator's line alone is left";
+    ASSERT_EQ(passwd().find('\n'), passwd().size() - 1) << "only the administrator's line is left";
   }
 
   static std::string passwd() { return readFile(etc() / "passwd"); }

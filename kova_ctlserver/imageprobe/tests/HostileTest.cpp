@@ -89,7 +89,8 @@ TEST_F(HostileTest, ProbeDecodesWhatLibraryDecodes) {
     SCOPED_TRACE(std::string(sample.format) + " " + std::to_string(sample.type));
     write(encoded(sample));
     const std::string expected = unconfined(file_);
-    EXPECT_THAT(expected, testing::EndsWith(" width=64 height=48\n")) << "it shows nothing";
+    EXPECT_THAT(expected, testing::EndsWith(" width=64 height=48\n"))
+        << "the sample does not decode";
     EXPECT_EQ(bounded(), expected);
   }
 }
