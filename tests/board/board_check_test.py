@@ -247,7 +247,7 @@ class Found(unittest.TestCase):
             self.expect("wrong", "/tmp", "chmod 1777")
 
     @unittest.skipUnless(IS_ROOT, "needs root")
-    def test_each_file_of_somebody_else_is_found(self):
+    def test_each_file_of_another_user_is_found(self):
         for row, name in path_rows("root"):
             with self.subTest(row.name), with_owner(name, NOBODY):
                 self.expect("wrong", row.name, f"belongs to user {NOBODY}: chown root")
@@ -272,7 +272,7 @@ class Found(unittest.TestCase):
                 path.write_text("text\n")
                 self.expect("wrong", row.name, "is a file, not a folder")
 
-    def test_each_link_that_leads_nowhere_is_found(self):
+    def test_each_dangling_link_is_found(self):
         for row, name in path_rows("file", "program", "folder"):
             with self.subTest(row.name), replaced(name) as path:
                 path.symlink_to("/nowhere")
@@ -357,7 +357,7 @@ class Found(unittest.TestCase):
         with with_mode("/etc/sv/kova_ctlserver/run", 0o644):
             self.expect("wrong", "kova_ctlserver", "/etc/sv/kova_ctlserver/run is not executable")
 
-    def test_what_two_slots_need_is_missed_where_rauc_is_configured(self):
+    def test_two_slot_rows_are_needed_with_rauc(self):
         configuration = "/etc/rauc/system.conf"
         rows = [row for row in ROWS if row.need == f"with {configuration}"]
         self.assertGreater(len(rows), 5)
@@ -379,7 +379,7 @@ class Found(unittest.TestCase):
             (lib / "systemd/system/kova-bus.service").write_text("[Service]\n")
             self.assertEqual(look(), [])
 
-    def test_each_key_of_the_description_is_looked_at(self):
+    def test_each_key_of_the_description_is_checked(self):
         name = "/usr/share/kova/camera_info.json"
         whole = json.loads(text_of(name))
         wrong = {"name": "", "sysid": 1.5, "feature_wifi": "1", "feature_battery": True, "reset_button_gpio": "",
@@ -401,7 +401,7 @@ class Found(unittest.TestCase):
             with with_text(name, json.dumps({**json.loads(text_of(name)), "upload_owner": owner})):
                 self.assertEqual(look(), [])
 
-    def test_each_setting_is_looked_at(self):
+    def test_each_setting_is_checked(self):
         name = "/etc/system.cfg"
         whole = text_of(name)
         wrong = {"users.1.name": "7up", "users.1.password": "plain", "resolv.host.1.name": "",
@@ -419,7 +419,7 @@ class Found(unittest.TestCase):
                     self.assertEqual(len(own), 1)
                     self.assertNotIn("plain", own[0])
 
-    def test_setting_that_stands_twice_is_found(self):
+    def test_duplicate_setting_is_found(self):
         with with_text("/etc/system.cfg", text_of("/etc/system.cfg") + "resolv.host.1.name=Another\n"):
             self.expect("wrong", "resolv.host.1.name", "2 lines have this key")
 
@@ -456,7 +456,7 @@ class Found(unittest.TestCase):
             with self.subTest(fault), with_text("/etc/passwd", text):
                 self.assertNotIn("$6$", self.expect("wrong", ACCOUNT, fault))
 
-    def test_fresh_salt_of_a_renamed_account_is_told_apart(self):
+    def test_fresh_salt_of_a_renamed_account_is_distinguished(self):
         line = text_of("/etc/passwd")
         for salt, said in {"$6$other$": "right if the account was renamed", "!$6$other$": "write this line"}.items():
             with self.subTest(salt), with_text("/etc/passwd", re.sub(r":\$6\$[^$]+\$", f":{salt}", line)):
@@ -493,7 +493,7 @@ class HostileImages(unittest.TestCase):
             (image / "etc/system.cfg").unlink()
             os.rename(image / "var/system.cfg", image / "etc/system.cfg")
 
-    def test_links_in_a_circle_end(self):
+    def test_link_loops_end(self):
         with replaced("/etc/TZ") as path:
             path.symlink_to("TZ")
             self.assertIn("/etc/TZ: is a link that leads nowhere", look()[0])
@@ -507,7 +507,7 @@ class HostileImages(unittest.TestCase):
             server.bind(str(path))
             self.assertTrue([finding for finding in look() if "/etc/TZ: is a socket, not a file" in finding])
 
-    def test_nothing_of_the_image_is_run(self):
+    def test_no_program_of_the_image_is_run(self):
         with contextlib.ExitStack() as stack:
             for _, name in path_rows("program"):
                 if name != "/bin/sh":
@@ -515,7 +515,7 @@ class HostileImages(unittest.TestCase):
             self.assertEqual(look(), [])
         self.assertFalse((work / "ran").exists())
 
-    def test_texts_of_the_image_do_not_reach_the_terminal_raw(self):
+    def test_texts_of_the_image_are_escaped(self):
         name = "/usr/share/kova/camera_info.json"
         text = json.dumps({**json.loads(text_of(name)), "sysid": "\x1b[2J" + "x" * 500})
         with with_text(name, text):
@@ -524,13 +524,13 @@ class HostileImages(unittest.TestCase):
         self.assertTrue(findings[0].isprintable())
         self.assertLess(len(findings[0]), 200)
 
-    def test_files_that_are_no_text_are_wrong(self):
+    def test_binary_files_are_wrong(self):
         for name in ("/etc/system.cfg", "/etc/passwd", "/usr/share/kova/camera_info.json", "/etc/TZ"):
             with self.subTest(name), with_text(name, bytes(range(256)) * 64):
                 self.assertTrue([finding for finding in look() if finding.startswith(f"wrong   {name}: ")])
 
     @unittest.skipUnless(IS_ROOT, "needs root")
-    def test_what_may_not_be_read_is_told(self):
+    def test_unreadable_file_is_reported(self):
         place = work / "image"
         place.chmod(0o755)
         work.chmod(0o755)
@@ -553,25 +553,25 @@ class Command(unittest.TestCase):
         self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)
         self.assertRegex(done.stdout, r"^\d+ rows: 0 missing, 0 wrong, 0 unread\n$")
 
-    def test_status_tells_what_was_found(self):
+    def test_exit_status_reflects_findings(self):
         with replaced("/bin/cfgmtd"):
             done = self.run_check(image)
         self.assertEqual(done.returncode, 1)
         self.assertRegex(done.stdout, r"^missing /bin/cfgmtd: [^\n]+\n\d+ rows: 1 missing, 0 wrong, 0 unread\n$")
 
-    def test_place_that_is_no_root_is_refused(self):
+    def test_invalid_place_is_refused(self):
         for place in (work / "nothing", image / "etc/passwd", "ssh:", "ssh:-oProxyCommand=x", "ssh:a b", "ssh:a@-b"):
             with self.subTest(place):
                 done = self.run_check(place)
                 self.assertEqual(done.returncode, 2)
                 self.assertIn("board-check: ", done.stderr)
 
-    def test_help_tells_the_exit_statuses(self):
+    def test_help_lists_exit_statuses(self):
         done = self.run_check("--help")
         self.assertEqual(done.returncode, 0)
         self.assertIn("exit status: 0", done.stdout)
 
-    def test_relative_folder_is_meant_from_here(self):
+    def test_relative_folder_is_relative_to_working_directory(self):
         done = subprocess.run([DEV, "board-check", "image"], cwd=work, capture_output=True, text=True, check=False)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
@@ -613,7 +613,7 @@ class OverSsh(unittest.TestCase):
         finally:
             passwd.write_text(line)
 
-    def test_what_is_broken_on_a_running_camera_is_found(self):
+    def test_faults_of_a_running_camera_are_found(self):
         cases = {
             "chmod 0666 /etc/system.cfg": "wrong   /etc/system.cfg: mode 0666 permits others too much: chmod 0644",
             "chmod 0777 /run/kova": "wrong   /run/kova: mode 0777",
@@ -678,21 +678,21 @@ class OverSsh(unittest.TestCase):
     def test_user_who_is_not_root_is_refused(self):
         self.expect_no_look("log in as user 0", prelude="id() { echo 1000; }")
 
-    def test_ssh_that_fails_is_told(self):
+    def test_ssh_failure_is_reported(self):
         self.expect_no_look("ssh ended", body="exit 255")
 
-    def test_board_that_does_not_answer_is_left(self):
+    def test_board_that_does_not_answer_times_out(self):
         with unittest.mock.patch.object(roots, "MOST_LOGIN_SECONDS", 0.3):
             self.expect_no_look("did not answer in time", body="exec sleep 30")
 
-    def test_board_that_hangs_later_is_left(self):
+    def test_board_that_hangs_later_times_out(self):
         with unittest.mock.patch.object(roots, "MOST_SECONDS", 1):
             self.expect_no_look("did not answer in time", prelude="ls() { sleep 30; }")
 
-    def test_board_that_floods_is_left(self):
+    def test_board_that_floods_is_abandoned(self):
         self.expect_no_look("more than was asked", body="exec cat /dev/zero")
 
-    def test_listings_that_are_nonsense_are_no_files(self):
+    def test_nonsense_listings_count_as_missing(self):
         findings = self.look("ls() { echo drwx; echo what; }")
         self.assertTrue([finding for finding in findings if finding.startswith("missing /bin/cfgmtd: ")])
 
@@ -717,7 +717,7 @@ class Page(unittest.TestCase):
         row = contract.read(self.HEADING + "| `/a` or `/b` | with /c | program, 0755 | `d.sh` | use | do |\n")[0]
         self.assertEqual((row.names, row.need, row.form), (["/a", "/b"], "with /c", ["program", "0755"]))
 
-    def test_what_is_not_understood_is_refused(self):
+    def test_malformed_page_is_refused(self):
         cases = ("| `/a` | must | a cow | `d.sh` | use | do |", "| `/a` | perhaps | file | `d.sh` | use | do |",
                  "| /a | must | file | `d.sh` | use | do |", "| `/a` | must | file | `d.sh` | use | |",
                  "| `/a` | must | file | `d.sh` | use |", "")  # fmt: skip

@@ -93,7 +93,7 @@ TEST_F(ResponseTest, OnlyHttpUrisAreFetched) {
   EXPECT_EQ(fetched(), "");
 }
 
-TEST_F(ResponseTest, BodyEndsAsItsResponseSays) {
+TEST_F(ResponseTest, BodyEndsAsItsHeadersSay) {
   expectStored(
       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
       "5\r\nchunk\r\n1;extension=1\r\n \r\n4\r\nbody\r\n0\r\nTrailer: 1\r\n\r\n",

@@ -50,7 +50,7 @@ class TransferRecordTest : public TransferServiceTest {
   std::uint64_t number_ = 0;
 };
 
-TEST_F(TransferRecordTest, ArrivedFileIsSaid) {
+TEST_F(TransferRecordTest, ArrivedFileIsReported) {
   RawServer server(answering(okResponse("content")));
   EXPECT_EQ(fetch(server.uri()), "OK: The file has arrived.");
 }

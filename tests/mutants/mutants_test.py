@@ -27,12 +27,12 @@ def after(line, before="{"):
 
 
 class Mutations(unittest.TestCase):
-    def test_comparisons_move_their_bound_or_turn_round(self):
+    def test_comparisons_move_their_bound_or_reverse(self):
         self.assertEqual(after("  return a < b;"), ["return a <= b;", "return a >= b;"])
         self.assertEqual(after("  return a >= b;"), ["return a > b;", "return a < b;"])
         self.assertEqual(after("  return a == b;"), ["return a != b;"])
 
-    def test_templates_and_shifts_are_no_comparisons(self):
+    def test_templates_and_shifts_are_not_comparisons(self):
         for line in ("  std::vector<int> list;", "  out << in >> more;", "  std::map<int, std::vector<char>> map;",
                      "template <typename T>", "  bool operator<(const A& b);", "  p->q;"):
             self.assertEqual(after(line), [], line)
@@ -58,7 +58,7 @@ class Mutations(unittest.TestCase):
         self.assertEqual(after("  mode_t a = 0644;"), ["mode_t a = 0645;"])
         self.assertEqual(after("  double v2 = 1.5;"), [])
 
-    def test_truth_is_swapped(self):
+    def test_boolean_literals_are_swapped(self):
         self.assertEqual(after("  return true;"), ["return false;"])
         self.assertEqual(after("  bool a = false;"), ["bool a = true;"])
 
@@ -67,7 +67,7 @@ class Mutations(unittest.TestCase):
         self.assertEqual(after("  ::sync();", before="}"), [";"])
         self.assertEqual(after("  a->b(c(d)).e();", before="x;\n\n  // why"), [";"])
 
-    def test_what_only_looks_like_a_call_statement_stays(self):
+    def test_lookalikes_of_call_statements_stay(self):
         for line in ("  return f();", "  File file(path);", "  int f();", "  a = f();"):
             self.assertEqual(after(line), [], line)
         self.assertEqual(after("  f(a);", before="  call(b,"), [])
@@ -225,7 +225,7 @@ class Failures(unittest.TestCase):
         self.assertIsNone(self.failure(self.FAILED, self.PASSED, self.PASSED))
         self.assertEqual(self.failure((9, ""), (9, "")), "ended with 9")
 
-    def test_overdue_program_is_measured_anew(self):
+    def test_overdue_program_is_measured_again(self):
         self.assertIsNone(self.failure(self.OVERDUE, self.PASSED))
         self.assertEqual(self.failure(self.OVERDUE, self.OVERDUE), "took longer than 130 s")
 

@@ -118,7 +118,7 @@ TEST_F(ConfigStoreSuite, OperationsFailBeforeInitAndAfterClose) {
   EXPECT_EQ(stored("name"), "Front door");
 }
 
-TEST_F(ConfigStoreSuite, InitReadsStoreAnew) {
+TEST_F(ConfigStoreSuite, InitReadsStoreAgain) {
   EXPECT_TRUE(store_.set("name", "Yard", nullptr));
   ASSERT_TRUE(store_.init());
   std::string value;

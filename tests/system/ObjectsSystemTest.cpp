@@ -66,7 +66,7 @@ std::string tagsOf(const std::string& xml, const std::string& interface) {
   return tags;
 }
 
-TEST_F(ObjectsSystem, IntrospectionSaysWhatShippedDescriptionsSay) {
+TEST_F(ObjectsSystem, IntrospectionMatchesShippedDescriptions) {
   requester().outcomeOf({{"what", "logo"}, {"uri", "http://127.0.0.1:1/x"}, {"hash", "0"}});
   std::istringstream tree(busctl({"tree", "--list", kServer}).out);
   std::string path;
@@ -108,7 +108,7 @@ TEST_F(ObjectsSystem, RunningTransferIsCancelled) {
   EXPECT_THAT(again.err, HasSubstr("has ended"));
 }
 
-TEST_F(ObjectsSystem, PropertiesTellWhatCameraIs) {
+TEST_F(ObjectsSystem, PropertiesDescribeCamera) {
   const auto device = [](const std::string& name) {
     return busctl({"get-property", kServer, "/kova", "kova.Device1", name}).out;
   };

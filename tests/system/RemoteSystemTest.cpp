@@ -202,7 +202,7 @@ TEST_F(RemoteSystem, PermissionsAreThoseOfRemoteUser) {
   EXPECT_THAT(refused.err, HasSubstr("cannot use the bus of outsider@127.0.0.1"));
 }
 
-TEST_F(RemoteSystem, LocalUserIsOfNoAccount) {
+TEST_F(RemoteSystem, LocalUserDoesNotMatter) {
   for (const char* user : {"admin", "member"}) {
     const Result stats = Remote(user, {"stats", "uptime"}, kNobody);
     EXPECT_EQ(stats.status, 0) << user << stats.err;

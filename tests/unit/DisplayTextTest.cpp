@@ -29,7 +29,7 @@ TEST(DisplayTextTest, ValidTextStays) {
   }
 }
 
-TEST(DisplayTextTest, ControlCharactersGo) {
+TEST(DisplayTextTest, ControlCharactersAreRemoved) {
   EXPECT_EQ(displayText("a\nb\tc\r\n", 100), "a b c ");
   EXPECT_EQ(displayText("\x1b[31mred\x7f\x01"s + "\0x"s, 100), "[31mredx");
   EXPECT_EQ(displayText("C1: \xC2\x9B\x33\x31m\xC2\x80", 100), "C1: 31m") << "CSI of one character";

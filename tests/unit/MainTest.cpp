@@ -207,7 +207,7 @@ TEST_F(MainTest, SecondSigtermDoesNotInterruptPendingSave) {
   });
 }
 
-TEST_F(MainTest, BusIsToldWhatItDidNotTakeBefore) {
+TEST_F(MainTest, RefusedSignalIsRetriedByLoop) {
   ask({{"functionName", "PutRequest"}});
   ask({{"functionName", "SaveToFlash"}});
   platform().bus.signalResult = false;

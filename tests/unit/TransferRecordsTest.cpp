@@ -66,7 +66,7 @@ class TransferRecordsTest : public testing::Test {
   TransferRecords records_;
 };
 
-TEST_F(TransferRecordsTest, PhasesAreToldAtOnceAndOnlyForward) {
+TEST_F(TransferRecordsTest, PhasesAreReportedAtOnceAndOnlyForward) {
   begin();
   records_.enter(1, TransferPhase::Transferring);
   records_.enter(1, TransferPhase::Transferring);
@@ -114,7 +114,7 @@ TEST_F(TransferRecordsTest, UnknownNumberIsIgnored) {
   EXPECT_THAT(records_.numbers(), IsEmpty());
 }
 
-TEST_F(TransferRecordsTest, ProgressIsToldFiveTimesPerSecond) {
+TEST_F(TransferRecordsTest, ProgressIsReportedFiveTimesPerSecond) {
   begin();
   records_.enter(1, TransferPhase::Transferring);
   listener_.told.clear();
@@ -129,7 +129,7 @@ TEST_F(TransferRecordsTest, ProgressIsToldFiveTimesPerSecond) {
   EXPECT_EQ(told, 5U);
 }
 
-TEST_F(TransferRecordsTest, LastProgressBeforePauseIsTold) {
+TEST_F(TransferRecordsTest, LastProgressBeforePauseIsReported) {
   begin();
   records_.enter(1, TransferPhase::Transferring);
   listener_.told.clear();
@@ -146,7 +146,7 @@ TEST_F(TransferRecordsTest, LastProgressBeforePauseIsTold) {
   EXPECT_THAT(listener_.told, ElementsAre("1 transferring 10/0"));
 }
 
-TEST_F(TransferRecordsTest, PhaseTellsHeldProgressAndDelaysNext) {
+TEST_F(TransferRecordsTest, PhaseReportsHeldProgressAndDelaysNext) {
   begin();
   records_.progress(1, 0, 50);
   records_.enter(1, TransferPhase::Transferring);
