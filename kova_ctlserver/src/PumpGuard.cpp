@@ -143,7 +143,7 @@ void PumpGuard::arm() {
 void PumpGuard::disarm() {
   const itimerspec none{};
   itimerspec left{};
-  armed_ = 0;
+  armed_ = 0;  // first, so that a signal delivered from here on is a no-op
   timer_settime(*timer_, 0, &none, &left);
   left_ = fired_ != 0 ? timespec{} : left.it_value;
 }

@@ -130,6 +130,7 @@ void TransferRecords::end(std::uint64_t number, const std::string& outcome,
   record.httpStatus = static_cast<std::uint16_t>(std::clamp(httpStatus, 0, 0xFFFF));
   record.outcome = outcome;
   record.reason = reasonOf(reason, found->userInfo);
+  // Move the record before the observer is notified: find() must return the ended one.
   auto node = running_.extract(number);
   keepEnded(std::move(node.mapped().record));
 }
