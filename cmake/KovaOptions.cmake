@@ -1,4 +1,4 @@
-# Language level, warnings and hardening that every target of the project shares.
+# Language level, warnings and hardening for all targets.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -17,8 +17,8 @@ option(KOVA_WERROR "Let no warning pass, as the presets do; another compiler may
 
 find_program(KOVA_CCACHE ccache)
 if(KOVA_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  # By paths relative to the source folder: one clone profits from what another has compiled. What is sloppy is what
-  # precompiled headers ask for: nothing here uses the time of compilation, nor defines what a header of theirs reads.
+  # Relative paths let clones share the cache. ccache requires the sloppiness for precompiled headers; it is safe here,
+  # since no source uses __DATE__ or __TIME__, and no command line defines a macro that a precompiled header reads.
   set(CMAKE_CXX_COMPILER_LAUNCHER
       "${CMAKE_COMMAND};-E;env;CCACHE_BASEDIR=${PROJECT_SOURCE_DIR};CCACHE_NOHASHDIR=1"
       "CCACHE_SLOPPINESS=pch_defines,time_macros;${KOVA_CCACHE}")
@@ -30,23 +30,22 @@ if(KOVA_WERROR)
   add_compile_options(-Werror)
 endif()
 
-# Crash reports name it, and packages of debugging information are found by it.
+# Crash reports print the build-id, which finds the matching package of debugging information.
 add_link_options(-Wl,--build-id=sha1)
 
 if(KOVA_HARDEN)
   include(CheckPIESupported)
   check_pie_supported(LANGUAGES CXX)
-  # The flags of an SDK may hold a level of their own; a second definition without an end of the first is a warning.
+  # Undefined first: the flags of an SDK may define another level, and a redefinition is a warning.
   add_compile_options(-O2 -fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
   add_compile_definitions(_GLIBCXX_ASSERTIONS)
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
 endif()
 
-# Debugging information names no folder of this machine, by whichever path a file is compiled: packages are the same
-# wherever they are built.
+# Maps absolute and relative source paths in debugging information, so that packages are reproducible in any folder.
 file(RELATIVE_PATH up ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
 string(REGEX REPLACE "/$" "" up "${up}")
-set(KOVA_DEBUG_OPTIONS -g1) # functions and lines: what a report of a crash needs, in a quarter of the space
+set(KOVA_DEBUG_OPTIONS -g1) # functions and lines, which crash reports need, in a quarter of the size of -g
 foreach(folder ${up} ${PROJECT_SOURCE_DIR})
   list(APPEND KOVA_DEBUG_OPTIONS -ffile-prefix-map=${folder}=/usr/src/kova_ctlserver)
 endforeach()
@@ -60,7 +59,7 @@ if(KOVA_SANITIZE)
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # A quarter less to compile: accesses are checked by functions, not in line, and garbage is collected from 1.5 GB on.
+    # Saves a quarter of the compile time: calls instead of inline checks, and no garbage collection below 1.5 GB.
     add_compile_options(--param=asan-instrumentation-with-call-threshold=0 --param=ggc-min-heapsize=1500000)
   endif()
 endif()
@@ -69,7 +68,7 @@ if(KOVA_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     message(FATAL_ERROR "KOVA_FUZZ needs clang: configure with the preset \"fuzz\"")
   endif()
-  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+  add_compile_options(-O1 -g1 -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()

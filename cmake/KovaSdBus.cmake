@@ -1,6 +1,6 @@
-# The target kova_sdbus: the library that holds sd-bus, and the header <kova_sd_bus.h> that stands for its own. Which one
-# is there decides the board: libsystemd, or one of those for systems without systemd. Their functions are the same,
-# their headers lie elsewhere.
+# The target kova_sdbus: the library that provides sd-bus, and <kova_sd_bus.h>, which includes its header. The board
+# decides which library that is: libsystemd, or one of those for systems without systemd, with the same functions but
+# another header path.
 include(CheckIncludeFileCXX)
 
 set(KOVA_SDBUS libsystemd libelogind basu CACHE STRING "Packages of pkg-config that may hold sd-bus, the first of them first")
@@ -21,7 +21,7 @@ endif()
 message(STATUS "sd-bus: ${SDBUS_MODULE_NAME} ${SDBUS_VERSION}, <${KOVA_SDBUS_HEADER}>")
 
 set(KOVA_SDBUS_PRAGMA)
-if(SDBUS_MODULE_NAME STREQUAL libelogind) # its macros leave members of tables out
+if(SDBUS_MODULE_NAME STREQUAL libelogind) # its vtable macros leave members uninitialised
   set(KOVA_SDBUS_PRAGMA "#pragma GCC diagnostic ignored \"-Wmissing-field-initializers\"\n")
 endif()
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/generated/kova_sd_bus.h

@@ -1,13 +1,12 @@
-# The kinds of target of this project, each declared in one call.
+# Functions that declare the project's targets.
 
 # kova_batches(<target> <option>)
 #
-# Compiles the files of a target together, if the option is on, in half the time: most of what a file costs are templates
-# that its neighbours need, too. What each file calls itself in the log stays its own. A file with COMPILE_DEFINITIONS or
-# KOVA_ALONE among its properties is compiled alone.
+# If the option is on, compiles the files of a target in batches, which halves the compile time: neighbours instantiate
+# the same templates. Each file keeps its own identity in the log. A file with the property COMPILE_DEFINITIONS or
+# KOVA_ALONE is compiled alone.
 #
-# CMake's own UNITY_BUILD names files by their absolute paths, so that ccache could not serve one clone by what another has
-# compiled.
+# CMake's UNITY_BUILD includes files by absolute path, so clones could not share ccache's results.
 function(kova_batches name option)
   if(${option}) # once the properties of all files are known
     cmake_language(EVAL CODE "cmake_language(DEFER CALL kova_write_batches ${name})")
@@ -58,8 +57,7 @@ endfunction()
 
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
 #
-# A static library. Its public headers, if it has some of its own, lie in the "include" folder beside its
-# CMakeLists.txt.
+# A static library. Its public headers, if any, are in the folder "include" beside its CMakeLists.txt.
 function(kova_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
@@ -73,18 +71,18 @@ endfunction()
 
 # kova_test_options(<target>)
 #
-# What is tested is built as the preset says; optimising the tests' own code only costs time, and so do, in half of what a
-# sanitizer build costs, the checks of undefined behaviour in it. It stays under the address sanitizer.
+# Options for the tests' own code, as opposed to the code under test: no optimisation, and no UBSan, which would double
+# the time of a sanitizer build. ASan stays on.
 function(kova_test_options name)
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # The first for ccache; collecting garbage below 1.5 GB would take an eighth of the time.
+    # ccache needs the first; without the second, garbage collection takes an eighth of the time.
     target_compile_options(${name} PRIVATE -fpch-preprocess --param=ggc-min-heapsize=1500000)
   endif()
   if(KOVA_SANITIZE)
     target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
   endif()
-  if(KOVA_DEBUG_INFO) # of the tests it would be tens of megabytes each
+  if(KOVA_DEBUG_INFO) # would add tens of megabytes to each test program
     target_compile_options(${name} PRIVATE -g0)
     target_link_options(${name} PRIVATE -Wl,--strip-debug)
   endif()
@@ -92,7 +90,7 @@ endfunction()
 
 # kova_test_library(<name> STATIC|OBJECT SOURCES <file>... [DEPENDS <target>...] [HEADERS <target of kova_test_headers>])
 #
-# What several test programs share; its headers stand beside its CMakeLists.txt.
+# Code shared by several test programs. Its headers are beside its CMakeLists.txt.
 function(kova_test_library name type)
   cmake_parse_arguments(ARG "" "HEADERS" "SOURCES;DEPENDS" ${ARGN})
   add_library(${name} ${type} ${ARG_SOURCES})
@@ -100,7 +98,7 @@ function(kova_test_library name type)
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
   kova_test_options(${name})
   kova_batches(${name} KOVA_TEST_BATCHES)
-  if(ARG_HEADERS) # which are compiled as those of a program with GoogleTest
+  if(ARG_HEADERS) # a precompiled header requires the compile options that it was built with
     target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest)
     set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
     target_compile_options(${name} PRIVATE -fPIE)
@@ -110,10 +108,10 @@ endfunction()
 
 # kova_test_headers(<name> HEADERS <header>... [DEPENDS <target>...])
 #
-# Headers that are compiled once for all test programs that name them: GoogleTest's take more time than most tests.
+# Headers precompiled once for all test programs that name them: parsing GoogleTest's takes longer than most tests.
 function(kova_test_headers name)
   cmake_parse_arguments(ARG "" "" "HEADERS;DEPENDS" ${ARGN})
-  # A program, since headers suit only what is compiled by the same options.
+  # An executable, because a precompiled header fits only targets with the same compile options.
   file(CONFIGURE OUTPUT ${name}.cpp CONTENT "int main() {}\n")
   add_executable(${name} EXCLUDE_FROM_ALL ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS})
@@ -122,13 +120,13 @@ function(kova_test_headers name)
 endfunction()
 
 # kova_test(<name> SOURCES <file>... [DEPENDS <target>...] [LABELS <label>...] [TIMEOUT <seconds>]
-#           [HEADERS <target of kova_test_headers>] [PRIVATE_ROOT])
+#           [HEADERS <target of kova_test_headers>] [PRIVATE_ROOT] [UNSANITIZED])
 #
-# A GoogleTest program, run by ctest as one test; under the emulator, when compiled for another processor.
-# With PRIVATE_ROOT it is run through tests/private-root, and refuses to run without.
+# A GoogleTest program, run by ctest as one test; under the emulator when cross-compiled. With PRIVATE_ROOT it runs
+# through tests/private-root, and refuses to run outside it. UNSANITIZED: see kova_unsanitized_test.
 function(kova_test name)
-  cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT;HEADERS" "SOURCES;DEPENDS;LABELS" ${ARGN})
-  if(NOT BUILD_TESTING)
+  cmake_parse_arguments(ARG "PRIVATE_ROOT;UNSANITIZED" "TIMEOUT;HEADERS" "SOURCES;DEPENDS;LABELS" ${ARGN})
+  if(NOT BUILD_TESTING OR (ARG_UNSANITIZED AND KOVA_SANITIZE))
     return()
   endif()
   find_package(GTest REQUIRED)
@@ -154,26 +152,44 @@ function(kova_test name)
   if(NOT ARG_LABELS)
     set(ARG_LABELS unit)
   endif()
+  if(ARG_UNSANITIZED)
+    list(APPEND ARG_LABELS unsanitized)
+    set_property(GLOBAL APPEND PROPERTY KOVA_UNSANITIZED ${name})
+  endif()
   add_test(NAME ${name}
            COMMAND ${launcher} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
 endfunction()
 
-# kova_source_test(<name> TIMEOUT <seconds> COMMAND <word>...)
+# kova_unsanitized_test(<name> COMMAND <word>... [LABEL <label>] [TIMEOUT <seconds>] [COST <seconds>] [PROGRAMS <target>...])
 #
-# A test of scripts or documents alone. It does not run under the sanitizers: it would not notice them.
-function(kova_source_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "COMMAND" ${ARGN})
-  if(KOVA_SANITIZE)
+# A test that exists only in builds without sanitizers: of scripts or documents, or of programs in which the sanitizers
+# would find nothing. The label "unsanitized" selects these tests, and the target "unsanitized" builds their PROGRAMS.
+# KOVA_BUILD in a test's environment is the folder of the programs. Exit status 77 means skipped.
+function(kova_unsanitized_test name)
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;COST" "COMMAND;PROGRAMS" ${ARGN})
+  if(NOT BUILD_TESTING OR KOVA_SANITIZE)
     return()
   endif()
+  if(NOT ARG_LABEL)
+    set(ARG_LABEL unit)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
   add_test(NAME ${name} COMMAND ${ARG_COMMAND})
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS unit)
+  set_tests_properties(${name} PROPERTIES
+    ENVIRONMENT "KOVA_BUILD=${PROJECT_BINARY_DIR}" LABELS "${ARG_LABEL};unsanitized"
+    SKIP_RETURN_CODE 77 TIMEOUT ${ARG_TIMEOUT})
+  if(ARG_COST) # ctest starts the longest first
+    set_tests_properties(${name} PROPERTIES COST ${ARG_COST})
+  endif()
+  set_property(GLOBAL APPEND PROPERTY KOVA_UNSANITIZED ${ARG_PROGRAMS})
 endfunction()
 
 # kova_command(<variable> <target>)
 #
-# What a test runs to run the program <target>: itself or, when it is compiled for another processor, a
+# Sets <variable> to the command with which a test runs the program <target>: the program or, when cross-compiling, a
 # script of its name that runs it under the emulator.
 function(kova_command variable target)
   if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
@@ -183,7 +199,7 @@ function(kova_command variable target)
   set(script ${PROJECT_BINARY_DIR}/emulated/${target})
   set(${variable} ${script} PARENT_SCOPE)
   get_property(made GLOBAL PROPERTY KOVA_EMULATED)
-  if(target IN_LIST made) # several tests may run it
+  if(target IN_LIST made) # by another test
     return()
   endif()
   set_property(GLOBAL APPEND PROPERTY KOVA_EMULATED ${target})
@@ -196,7 +212,7 @@ endfunction()
 
 # kova_fuzzer(<name> SOURCES <file>... [DEPENDS <target>...])
 #
-# A libFuzzer program; built only in the preset "fuzz".
+# A libFuzzer program, built only by the preset "fuzz".
 function(kova_fuzzer name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   if(NOT KOVA_FUZZ)

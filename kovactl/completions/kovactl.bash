@@ -1,7 +1,7 @@
-# Completion of kovactl for bash, without other packages.
+# Completion of kovactl for bash. Does not need the package bash-completion.
 
-# Bash splits "--host=root@cam" into five words, at the characters of COMP_WORDBREAKS. Reads the words up to the one
-# that is completed, with the values of the options of every command in one piece: "--host" "root@cam".
+# Bash splits "--host=root@cam" into five words, at the characters of COMP_WORDBREAKS. Sets `words` to the words up to
+# the one being completed, with the values of global options joined again: "--host" "root@cam".
 _kovactl_join() {
   local i word before='' value=none
   words=(kovactl)
@@ -66,7 +66,7 @@ _kovactl_options() {
   esac
 }
 
-# The numbers of the transfers, of which those under way can be cancelled.
+# The numbers of all transfers; only running ones can be cancelled.
 _kovactl_transfers() { kovactl transfers | sed -nE 's/^([0-9]+) .*/\1/p'; }
 
 _kovactl_arguments() {
@@ -104,7 +104,7 @@ _kovactl_arguments() {
   esac
 }
 
-# Bash splits "what=sn" into three words, and "sync:=tr" into three or four, by whether ":" is a word break.
+# Bash splits "what=sn" into three words, and "sync:=tr" into three or four, depending on whether ":" is a word break.
 _kovactl_values() {
   local at=$((cword - 1)) field
   [[ ${words[cword]} == *=* ]] && at=$cword
@@ -132,7 +132,7 @@ _kovactl() {
       return
       ;;
     -H | --host)
-      # The user is part of what is completed only where "@" does not split words.
+      # The word contains the user only where "@" does not split words.
       [[ ${COMP_WORDS[COMP_CWORD]} == ?*@* ]] && user=${current%@*}@
       mapfile -t COMPREPLY < <(compgen -P "$user" -A hostname -- "${current##*@}")
       return

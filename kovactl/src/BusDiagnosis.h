@@ -8,21 +8,20 @@ namespace kova::ctl {
 /// The address of the bus: KOVA_BUS_ADDRESS or the default.
 std::string busAddress();
 
-/// Explains why a text is not the address of a bus; "" if it has the form of one.
+/// Explains why `address` is not a bus address; "" if it has the form of one.
 std::string addressFault(const std::string& address);
 
-/// Warns, if another bus than this machine's was chosen, that a command reads a folder of this
-/// machine.
+/// Warns that a command reads a local folder although the bus may be on another machine.
 void warnOfLocal(const std::string& command, const std::string& folder);
 
-/// Explains why the bus could not be joined. Connects once more to find out.
+/// Explains why the bus could not be joined. Connects again to find the cause.
 /// @param host     the remote camera whose bus it is; "" for this machine
 /// @param endpoint the name to own on the bus; "" for none
 /// @param problem  the message of the bus library, returned if nothing better is found
 std::string explainJoin(const std::string& host, const std::string& endpoint,
                         const std::string& problem);
 
-/// Explains why the bus policy denied a request; "" for root, whom it never denies anything.
+/// Explains why the bus policy denied a request; "" for root, which it never denies anything.
 /// @param host see explainJoin()
 std::string explainDenial(const std::string& host = "");
 

@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
 
-constexpr unsigned kServiceSliceMs = 100;  // the delay until a stop signal is noticed
+constexpr unsigned kServiceSliceMs = 100;  // upper bound of the delay of a stop signal
 
 // Whether the error means that the receiver or the bus went away before it answered.
 bool isVanishing(const std::string& error) {
@@ -32,7 +32,7 @@ bool isVanishing(const std::string& error) {
   return std::ranges::find(kVanished, error) != std::end(kVanished);
 }
 
-// What the control server could not do, in words.
+// Names the task that the control server failed to do.
 std::string failureOf(BaseRequestMessage& request, std::uint64_t statusCode) {
   static const std::map<std::string, std::string> kTasks{
       {"ChangeDeviceSettings", "change the settings"},
@@ -108,7 +108,7 @@ ExitStatus Client::send(BaseRequestMessage& request, bool responseExpected) {
     request.to(kServer);
   }
   request.responseExpected(responseExpected);
-  request.queueIfDestUnavailable(false);
+  request.queueIfDestUnavailable(false);  // fail at once if the destination is absent
   if (ipc_.SendRequest(request)) {
     return ExitStatus::Ok;
   }
@@ -148,7 +148,8 @@ Client::Silence Client::requestUnanswered(BaseRequestMessage& request, std::uint
   if (silence.status != ExitStatus::Ok) {
     return silence;
   }
-  // What the bus has answered after the request, it has passed the request on before.
+  // The bus handles our messages in order: once it has answered the flush, it has forwarded the
+  // request.
   if (!ipc_.flush()) {
     silence.status = stopRequested()
                          ? stopStatus()
@@ -162,7 +163,7 @@ Client::Silence Client::requestUnanswered(BaseRequestMessage& request, std::uint
     silence.status = judge(request, "").status;
     return silence;
   }
-  // A machine that goes down stops all its processes, possibly this one first.
+  // A machine that shuts down stops all its processes, possibly this one first.
   silence.vanished = waited != ExitStatus::NoAnswer;
   silence.status = waited == ExitStatus::Interrupted ? waited : ExitStatus::Ok;
   return silence;
@@ -196,8 +197,8 @@ Reply Client::judge(BaseRequestMessage& request, const std::string& refusal) {
   return reply;
 }
 
-// An answer may have come just before the end of the connection, which the bus library answers with
-// an error, too.
+// When the connection ends, the bus library makes up an error for the pending call. A real answer
+// that arrived just before the end still counts.
 bool Client::hasAnswer() const {
   return answers_->arrived && !(lost_ && isVanishing(answers_->error));
 }
@@ -219,6 +220,7 @@ ExitStatus Client::serve(const std::function<bool()>& done, std::uint32_t timeou
       return ExitStatus::NoAnswer;
     }
     lost_ = !ipc_.Service(left < kServiceSliceMs ? static_cast<unsigned>(left) : kServiceSliceMs);
+    // The call that sees the end of the connection may also have dispatched the awaited message.
     if (lost_ && !done()) {
       return stopRequested() ? stopStatus() : ExitStatus::Unreachable;
     }

@@ -17,7 +17,8 @@ namespace kova::ctl {
 /// The outcome of a request.
 struct Reply {
   ExitStatus status = ExitStatus::NoAnswer;
-  /// Whether the answer carries a message; without one the peer accepted the request, no more.
+  /// Whether the answer carries a message; without one we know only that the peer accepted the
+  /// request.
   bool answered = false;
   ipc::messages::BaseResponseMessage message{};
 };
@@ -47,19 +48,19 @@ class Client {
   /// The outcome of a request that is never answered.
   struct Silence {
     ExitStatus status = ExitStatus::Ok;
-    /// Whether the receiver, the bus or this process was stopped meanwhile.
+    /// Whether the receiver or the bus went away, or this process was stopped, while we waited.
     bool vanished = false;
   };
-  /// Sends a request that is never answered. Fails when an error arrives within `patienceMs`, or on
-  /// Ctrl-C, or if the bus may not have received the request; then silence, a closed bus and
-  /// SIGTERM are success.
+  /// Sends a request that is never answered. Fails if the bus may not have received the request, on
+  /// Ctrl-C, or if an error arrives within `patienceMs`. Otherwise silence, a closed bus and
+  /// SIGTERM count as success.
   Silence requestUnanswered(ipc::messages::BaseRequestMessage& request, std::uint32_t patienceMs);
 
   /// Sends a request without waiting for an answer. The destination must be on the bus.
   ExitStatus post(ipc::messages::BaseRequestMessage& request);
 
   /// Serves the bus until `done` returns true.
-  /// @return Ok then; NoAnswer on time-out, which the caller reports; Unreachable when the
+  /// @return Ok if so; NoAnswer on time-out, which the caller reports; Unreachable if the
   /// connection is lost; stopStatus() on a stop signal
   ExitStatus serveUntil(const std::function<bool()>& done, std::uint32_t timeoutMs);
   /// The same without a time-out.
@@ -84,9 +85,9 @@ class Client {
 /// process ids repeat among containers.
 std::string ownEndpoint(ipc::messages::BaseRequestMessage& request);
 
-/// Sends a request to the control server and presents the payload of the answer, as text `done`.
-/// Most commands do nothing else.
-/// @param refusal see Client::Request
+/// Sends a request to the control server and presents the payload of its answer, as text `done`.
+/// Sufficient for most commands.
+/// @param refusal see Client::request
 ExitStatus requestFromServer(const Options& options, ipc::messages::BaseRequestMessage& request,
                              std::string_view done, std::string_view refusal = "");
 

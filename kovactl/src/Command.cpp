@@ -10,7 +10,7 @@ constexpr std::string_view kHelp = "Help";
 
 constexpr const char* kExamples =
     "Examples:\n"
-    "  kovactl stats --watch            figures, refreshed in place\n"
+    "  kovactl stats --watch            statistics, refreshed in place\n"
     "  kovactl settings name=Porch      rename the camera\n"
     "  kovactl put logo https://10.0.0.2/logo.png --file logo.png --wait\n"
     "  kovactl call GetSystemStats wifi:=false --json\n"
@@ -24,9 +24,9 @@ constexpr const char* kSeeAlso =
 
 const std::vector<Command>& commands() {
   static const std::vector<Command> all{
-      {"stats", kDevice, "Show memory, processor, network and other figures", setUpStats},
-      {"info", kDevice, "Show model, versions and what is pending", setUpInfo},
-      {"metrics", kDevice, "Print figures for Prometheus, as OpenMetrics text", setUpMetrics},
+      {"stats", kDevice, "Show memory, processor, network and other statistics", setUpStats},
+      {"info", kDevice, "Show model, versions and pending work", setUpInfo},
+      {"metrics", kDevice, "Print metrics for Prometheus, as OpenMetrics text", setUpMetrics},
       {"settings", kDevice, "Show or change settings such as name and time zone", setUpSettings},
       {"timezones", kDevice, "List the available time zones", setUpTimezones},
       {"reset-settings", kDevice, "Reset name and time zone to their defaults", setUpResetSettings},
@@ -40,8 +40,7 @@ const std::vector<Command>& commands() {
       {"put", kTransfers, "Have the camera fetch and install a logo or a sound", setUpPut},
       {"get", kTransfers, "Have the camera upload a picture or its support archive", setUpGet},
       {"firmware", kTransfers, "Have the camera fetch and install a firmware image", setUpFirmware},
-      {"transfers", kTransfers, "Show the transfers of the camera and how they ended",
-       setUpTransfers},
+      {"transfers", kTransfers, "Show the camera's transfers and their outcomes", setUpTransfers},
       {"cancel", kTransfers, "Cancel a transfer", setUpCancel},
       {"call", kBus, "Send any request and print its answer", setUpCall},
       {"monitor", kBus, "Print all messages on the bus", setUpMonitor},

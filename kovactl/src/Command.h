@@ -53,10 +53,9 @@ class CommandLine {
   /// Whether this subcommand was given.
   bool given() const;
 
-  /// Sets the last paragraph of the help, which wraps its long lines.
+  /// Sets the last paragraph of the help. Long lines are wrapped when it is printed.
   void footer(const std::string& text);
-  /// Gets the help of a command of the whole program, for example {"service", "start"}; the
-  /// overview for no words.
+  /// Gets the help of any command, for example {"service", "start"}, or the overview for no words.
   /// @return false, with an error message in `text`, when there is no such command
   bool helpOf(const std::vector<std::string>& words, std::string& text) const;
 
@@ -84,7 +83,7 @@ std::string overviewFooter();
 // Defined in commands/: save, reboot, reset-defaults and exit-service in Maintenance.cpp, settings
 // and reset-settings in Settings.cpp, put and firmware in Put.cpp, transfers and cancel in
 // Transfers.cpp, monitor and listen in Monitor.cpp, help and __complete in Help.cpp, bridge and
-// __ssh in Bridge.cpp, every other command in a file of its name.
+// __ssh in Bridge.cpp, each other command in the file of its name.
 Action setUpBridge(CommandLine& line);
 Action setUpCall(CommandLine& line);
 Action setUpCancel(CommandLine& line);

@@ -13,7 +13,7 @@ Variant property(const Variant& properties, std::string_view name) {
   return value != nullptr ? *value : Variant();
 }
 
-// A structure of the time and the outcome.
+// LastSave is a structure of time and outcome.
 void takeLastSave(const Variant& save, Device& device) {
   const Variant::Array& fields = save.items();
   if (fields.size() == 2) {

@@ -8,7 +8,7 @@
 
 namespace kova::ctl {
 
-/// What the camera tells about itself, see docs/bus.md. Not verified.
+/// The camera's description of itself, see docs/bus.md. Not validated.
 struct Device {
   std::string model;
   variant::Variant sysId;  ///< number or text
@@ -23,7 +23,7 @@ struct Device {
   bool buttonReadable = false;
 };
 
-/// Reads it from the camera.
+/// Reads the description from the camera.
 /// @param answer receives the answer, which may be an error
 ExitStatus readDevice(Objects& objects, Device& device, Objects::Answer& answer);
 

@@ -73,7 +73,7 @@ ExitStatus fail(ExitStatus status, std::string_view text) {
   if (status != ExitStatus::Ok) {
     failure = text;
   }
-  std::fflush(stdout);
+  std::fflush(stdout);  // keeps output and error in order on a terminal
   std::fprintf(stderr, "kovactl: %s\n", printable(text).c_str());
   return status;
 }

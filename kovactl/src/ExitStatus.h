@@ -27,7 +27,7 @@ struct ExitMeaning {
 
 extern const std::array<ExitMeaning, 9> kExitMeanings;
 
-/// The meaning of the exit status of another kovactl; null if no kovactl ends so.
+/// The meaning of the exit status of another kovactl; null if kovactl has no such status.
 const ExitMeaning* findMeaning(int status);
 
 const ExitMeaning& meaningOf(ExitStatus status);
@@ -41,7 +41,7 @@ ExitStatus exitForError(std::string_view dbusError);
 /// Prints "kovactl: TEXT" to standard error, escaped by printable(), and returns `status`.
 ExitStatus fail(ExitStatus status, std::string_view text);
 
-/// The last text of fail() with another status than Ok; "" when there was none.
+/// The text of the last fail() with a status other than Ok; "" if there was none.
 const std::string& lastFailure();
 
 /// Prints the output of a command to standard output; ExitStatus::Local when that fails.

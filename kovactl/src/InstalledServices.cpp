@@ -24,14 +24,13 @@ constexpr std::string_view kSuffix = ".service";
 
 constexpr unsigned kPatienceMs = 2000;
 
-// systemd(1) tells by this folder that it has booted the machine, see sd_booted(3).
+// The folder exists if systemd(1) booted the machine, see sd_booted(3).
 bool hasSystemd() {
   std::error_code ignored;
   return fs::is_directory("/run/systemd/system", ignored);
 }
 
-// The services that systemctl(1) lists, with the second word of each line. Templates, which have
-// no instance, are left out.
+// The services that systemctl(1) lists, with the second word of each line. Leaves out templates.
 std::map<std::string, std::string> listUnits(std::vector<std::string> command) {
   constexpr unsigned kMaxKiB = 512;
   command.insert(command.end(),

@@ -29,7 +29,7 @@ void LineFilter::end() {
 }
 
 void LineFilter::pass(std::string_view line, bool whole) {
-  // ssh ends its lines as a terminal in raw mode needs it.
+  // ssh ends its own lines with "\r\n", for terminals in raw mode.
   if (whole && line.ends_with('\r')) {
     line.remove_suffix(1);
   }

@@ -6,17 +6,17 @@
 
 namespace kova::ctl {
 
-/// Passes text of another machine on to a stream, line by line as printable() makes it.
+/// Copies text from another machine to a stream, line by line, escaped by printable().
 class LineFilter {
  public:
-  /// @param to where the text goes; not owned
+  /// @param to receives the text; not owned
   explicit LineFilter(std::FILE* to) : to_(to) {}
 
-  /// Takes text, which may end within a line. A very long line is passed on in pieces.
+  /// Takes text, which may end in the middle of a line. Very long lines are written in pieces.
   void take(std::string_view text);
-  /// Passes on a last line without a line break.
+  /// Writes a last line that has no line break.
   void end();
-  /// Whether all could be written.
+  /// Whether all writes succeeded.
   bool good() const { return good_; }
 
  private:

@@ -12,7 +12,7 @@
 namespace kova::ctl {
 namespace {
 
-// Whether the bus library may have answered itself, in the name of the bus: after a time-out, or
+// Whether the bus library may have made up the answer, in the name of the bus: after a time-out, or
 // because the connection ended.
 bool isMadeUp(const Objects::Answer& answer) {
   return !answer.error.empty() &&
@@ -31,8 +31,8 @@ ExitStatus Objects::open() {
 }
 
 ExitStatus Objects::await(const Start& start, Answer& answer, bool patient) {
-  constexpr unsigned kSliceMs = 100;  // the delay until a stop signal is noticed
-  // Shared, since a stop signal ends the wait before the answer.
+  constexpr unsigned kSliceMs = 100;  // upper bound of the delay of a stop signal
+  // Shared: the callback may run after a stop signal has ended this wait.
   const auto received = std::make_shared<std::optional<Answer>>();
   if (!start([received](const Answer& arrived) { *received = arrived; })) {
     return fail(ExitStatus::Unreachable, "cannot ask the camera");
@@ -44,6 +44,7 @@ ExitStatus Objects::await(const Start& start, Answer& answer, bool patient) {
     }
     connected = bus_.Service(kSliceMs);
   }
+  // A made-up answer on a dead connection means that the connection was lost.
   if (!received->has_value() || (isMadeUp(**received) && !bus_.Service(0))) {
     return !patient && stopRequested()
                ? stopStatus()

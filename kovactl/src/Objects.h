@@ -11,10 +11,9 @@
 
 namespace kova::ctl {
 
-/// The objects of the control server: its transfers and what it tells about the camera.
-///
-/// Each call waits for its answer, at most the time-out of the options. Failures to get one are
-/// reported as by Client.
+/// The objects of the control server: its transfers and its description of the camera. Each call
+/// waits for its answer, at most for the time-out of the options. If none arrives, that is reported
+/// as by Client.
 class Objects {
  public:
   using Answer = ipc::BusObjects::Answer;
@@ -23,10 +22,10 @@ class Objects {
 
   ExitStatus open();
   /// Reads the transfers, in the order of their numbers.
-  /// @return Ok if there is an answer, which may be an error
+  /// @return Ok if an answer arrived, which may be an error
   ExitStatus readTransfers(std::vector<TransferRecord>& records, Answer& answer);
   ExitStatus read(const std::string& path, const std::string& interface, Answer& answer);
-  /// @param patient whether to go on waiting after a stop signal
+  /// @param patient whether to keep waiting after a stop signal
   ExitStatus call(const std::string& path, const std::string& interface, const std::string& method,
                   Answer& answer, bool patient = false);
 
@@ -46,7 +45,7 @@ class Objects {
 bool isUnknown(const Objects::Answer& answer);
 
 /// Reports an error in an answer.
-/// @param what what failed, for example "the list of transfers"
+/// @param what names what could not be read, for example "the list of transfers"
 /// @param host that of the options; "" for this machine
 ExitStatus failOn(const Objects::Answer& answer, const std::string& what,
                   const std::string& host = "");

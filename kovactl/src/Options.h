@@ -15,12 +15,12 @@ struct Options {
   std::string host;                        ///< remote camera, see Remote; "" for this machine
   std::optional<std::uint32_t> timeoutMs;  ///< time-out for an answer, if given
   bool json = false;                       ///< print JSON instead of text
-  bool verbose = false;                    ///< print what the bus library logs
+  bool verbose = false;                    ///< print the messages of the bus library
 
   std::uint32_t answerTimeoutMs() const { return timeoutMs.value_or(kAnswerTimeoutMs); }
 };
 
-/// The endpoint that commands send their requests to.
+/// The default destination of requests.
 inline constexpr const char* kServer = "kova_ctlserver";
 /// The endpoints that exist on every camera.
 inline constexpr std::array<const char*, 3> kEndpoints{kServer, "kova_sounds_leds",

@@ -10,6 +10,7 @@ namespace {
 
 using variant::Variant;
 
+// The state of the one command that a process runs.
 Variant kept;
 bool presentedEach = false;
 bool leftToOther = false;

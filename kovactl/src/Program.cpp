@@ -66,7 +66,7 @@ std::vector<std::string> commandNames(const CLI::App& app) {
   return names;
 }
 
-// The last command given, for example "start" of "service start".
+// The innermost command given, for example "start" in "service start".
 const CLI::App& innermost(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
   return chosen.empty() ? app : innermost(*chosen.back());
@@ -137,19 +137,19 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
   if (is(error, CLI::ExitCodes::ArgumentMismatch)) {
     return text.substr(0, text.find(':')) + " needs a value";
   }
-  // The name of an argument, as opposed to that of an option, explains nothing.
+  // Drop the name of a positional argument: unlike that of an option, the user never typed it.
   const bool isOfArgument = is(error, CLI::ExitCodes::ValidationError) && text.front() != '-';
   const std::size_t name = isOfArgument ? text.find(": ") : text.npos;
   return name != text.npos ? text.substr(name + 2) : text;
 }
 
-// Whether the words, which may not be a valid command line, ask for JSON.
+// Whether --json was given. Works on command lines that do not parse.
 bool asksForJson(int argc, const char* const* argv) {
   return std::any_of(argv, argv + argc,
                      [](const char* word) { return std::string_view(word) == "--json"; });
 }
 
-// Prints the help, if requested, or what is wrong with the command line.
+// CLI11 reports --help and --version as parse errors, too: prints the text, or the error.
 ExitStatus explain(const CLI::App& app, const CLI::ParseError& error, const Options& options) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
     std::ostringstream text;
@@ -271,7 +271,7 @@ void Program::addOptions() {
               "Address of the bus ($KOVA_BUS_ADDRESS or unix:path=/run/kova/bus)");
   line.duration("--timeout", timeoutMs_, "How long to wait for an answer (10s)");
   line.flag("--json", options_.json, "Print JSON");
-  line.flag("-v,--verbose", options_.verbose, "Show what the bus library logs");
+  line.flag("-v,--verbose", options_.verbose, "Print the messages of the bus library");
   line.footer("The options of \"kovactl --help\", such as --json, are accepted here too.");
   app_->formatter(std::make_shared<HelpFormatter>());
   app_->require_subcommand(1);
@@ -289,7 +289,7 @@ void Program::addCommands() {
 }
 
 ExitStatus Program::chooseBus() {
-  if (app_->count("--host") > 0) {  // even if empty: never the local machine instead
+  if (app_->count("--host") > 0) {  // even if empty: never fall back to the local machine
     Remote remote;
     std::string error;
     if (!parseRemote(options_.host, remote, error)) {

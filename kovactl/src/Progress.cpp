@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kLongestBar = 40;
 constexpr std::size_t kShortestBar = 5;
-// Beyond this the time left is no use to anyone.
+// A longer estimate of the time left is not shown.
 constexpr double kLongestLeft = 100.0 * 24 * 3600;
 
 constexpr const char* kTransferring = "transferring";
@@ -50,7 +50,7 @@ void Rate::add(std::uint64_t bytes, Clock::time_point now) {
   while (samples_.size() > 2 && now - samples_[1].when >= kWindow) {
     samples_.pop_front();
   }
-  // More often than this nothing is published.
+  // Bounds the memory; the camera publishes fewer updates than this within the window.
   constexpr std::size_t kMost = 256;
   if (samples_.size() > kMost) {
     samples_.pop_front();

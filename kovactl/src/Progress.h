@@ -10,7 +10,7 @@
 
 namespace kova::ctl {
 
-/// How fast bytes go, from how many there were in the last seconds.
+/// The transfer rate, averaged over the last seconds.
 class Rate {
  public:
   using Clock = std::chrono::steady_clock;
@@ -35,13 +35,13 @@ std::string progressLine(const TransferRecord& record, double bytesPerSecond, st
 /// erased on destruction, elsewhere one line per phase.
 class Progress {
  public:
-  /// @param phases whether to print phases where there is no terminal
+  /// @param phases whether to print phases if there is no terminal
   explicit Progress(bool phases);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  /// Takes the state of the transfer, which has not ended.
+  /// Takes the state of a transfer that has not ended.
   void update(const TransferRecord& record);
   /// Draws the line on a terminal, at most ten times a second.
   void turn();

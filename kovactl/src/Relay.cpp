@@ -18,17 +18,18 @@ namespace kova::ctl {
 namespace {
 
 constexpr std::size_t kBufferSize = 65536;
-// What a side may still say after the other one ended.
+// How long to wait for more data after one side has ended.
 constexpr timespec kLinger{5, 0};
 
-// One way of the relay. It is read only when everything before is written.
+// One direction of the relay. Reads only when the buffer is empty.
 class Way {
  public:
   Way(int source, int sink) : source_(source), sink_(sink), buffer_(kBufferSize) {}
 
   bool wantsRead() const { return open_ && begin_ == end_; }
   bool wantsWrite() const { return begin_ < end_; }
-  /// Nothing more comes: the source ended and all of it is written, or the way is abandoned.
+  /// Whether no more data will come: the source ended and its data is written, or abandon() was
+  /// called.
   bool ended() const { return !open_ && begin_ == end_; }
 
   void read() {
@@ -40,7 +41,7 @@ class Way {
       open_ = false;
     }
   }
-  /// @return false when the sink takes no more
+  /// @return false if the sink is closed
   bool write() {
     const ssize_t put = ::write(sink_, buffer_.data() + begin_, end_ - begin_);
     if (put < 0) {
@@ -49,7 +50,7 @@ class Way {
     begin_ += static_cast<std::size_t>(put);
     return true;
   }
-  /// Drops what is left: nobody reads it.
+  /// Drops the rest: the sink is gone.
   void abandon() {
     open_ = false;
     begin_ = end_;
@@ -70,9 +71,9 @@ class Relay {
  public:
   Relay(int in, int out, int bus) : in_(in), out_(out), bus_(bus), up_(in, bus), down_(bus, out) {}
 
-  // Four states, by which ways have ended. Both run; `up` has ended, which is passed on to the bus
-  // as a half-close: answers may follow; `out` has closed: what was said before may still arrive;
-  // the bus has closed: done.
+  // Four states. Both directions run. `in` has ended: the bus gets a half-close, and answers may
+  // still follow. `out` has closed: data for the bus is still delivered. The bus has closed: done.
+  // In the second and third states kLinger without an event ends the relay, too.
   ExitStatus run() {
     while (!busClosed_ && !(up_.ended() && outClosed_)) {
       if (stopRequested()) {
@@ -95,7 +96,8 @@ class Relay {
  private:
   enum Place { In, Out, Bus };
 
-  // A descriptor from which nothing is wanted is left out: its hang-up would end every wait.
+  // A descriptor without wanted events is left out: poll() would report its POLLHUP at once, every
+  // time.
   static pollfd wish(int fd, bool read, bool write) {
     const int events = (read ? POLLIN : 0) | (write ? POLLOUT : 0);
     return {events != 0 ? fd : -1, static_cast<short>(events), 0};
@@ -105,7 +107,7 @@ class Relay {
     places_ = {wish(in_, up_.wantsRead(), false), wish(out_, false, down_.wantsWrite()),
                wish(bus_, down_.wantsRead(), up_.wantsWrite())};
     if (!outClosed_) {
-      places_[Out].fd = out_;  // also to learn that nobody reads it any more
+      places_[Out].fd = out_;  // always, to notice that its reader is gone
     }
     const bool lingers = up_.ended() || outClosed_;
     return ppoll(places_.data(), places_.size(), lingers ? &kLinger : nullptr, &blocked_.before());
@@ -133,8 +135,8 @@ class Relay {
     busClosed_ = down_.ended() && !outClosed_;
   }
 
-  // Whether a descriptor is ready for `event`, or has failed or hung up, which reading or writing
-  // it tells apart.
+  // Whether a descriptor is ready for `event`, or has failed or hung up; the read or write that
+  // follows tells which.
   bool is(Place place, int event) const {
     return (places_[place].revents & (event | POLLERR | POLLHUP | POLLNVAL)) != 0;
   }

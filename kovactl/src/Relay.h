@@ -4,9 +4,10 @@
 
 namespace kova::ctl {
 
-/// Copies `in` to `bus` and `bus` to `out` until the bus closes, or until `in` has ended and the
-/// bus has closed or stays silent for five seconds. What was read is delivered first. Nothing is
-/// interpreted, and no more than 64 KiB are held for each way: who does not read is not read from.
+/// Copies `in` to `bus` and `bus` to `out` until the bus closes, or until one side has ended and
+/// nothing moves for five seconds. Delivers what it has read before it returns. Interprets nothing
+/// and buffers at most 64 KiB per direction: a direction is read only when its buffer is empty, so
+/// back pressure reaches the sender.
 ///
 /// Makes all three descriptors non-blocking. `in` and `out` may be the same socket.
 /// @return Ok; Local when waiting fails; stopStatus() on a stop signal

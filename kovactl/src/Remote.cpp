@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t kMaxLength = 255;  // of a host name (RFC 1123)
 
-// How ssh ends: with its own failure, the status of the command there, or that of the shell there.
+// Exit statuses of ssh: its own failure, or that of the remote command or the remote shell.
 constexpr int kSshMissing = 254;  // by becomeSsh()
 constexpr int kSshFailed = 255;
 constexpr int kCommandMissing = 127;
@@ -29,6 +29,7 @@ constexpr int kUnknown = -1;
 
 volatile sig_atomic_t sshStatus = kUnknown;
 
+// Signal handler: stores only the status.
 void noteChild(int, siginfo_t* info, void*) {
   sshStatus = info->si_code == CLD_EXITED ? info->si_status : kUnknown;
 }
@@ -37,7 +38,7 @@ bool isAlphanumeric(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-// Whether a word of the command line of ssh is a name: no option, and nothing for a shell.
+// Whether a word of the ssh command line is a plain name: not an option, no shell metacharacters.
 bool isName(std::string_view text, std::string_view others) {
   return !text.empty() && text.size() <= kMaxLength && text.front() != '-' &&
          std::ranges::all_of(
@@ -64,7 +65,7 @@ bool splitPort(std::string_view text, std::string_view& host, std::string_view& 
          (port.empty() || (port.starts_with(':') && isPort(port.substr(1))));
 }
 
-// A word as the shell there takes it.
+// Quotes a word for the remote shell.
 std::string quoted(const std::string& word) {
   if (isName(word, "._-/:=@")) {
     return word;
@@ -76,7 +77,7 @@ std::string quoted(const std::string& word) {
   return text + "'";
 }
 
-// The value of a key in a D-Bus address.
+// Escapes a value in a D-Bus address.
 std::string escaped(std::string_view text) {
   constexpr std::string_view kPlain = "-_/.\\*";
   constexpr char kDigits[] = "0123456789abcdef";
@@ -127,7 +128,7 @@ std::string explainSsh(const std::string& text, int status) {
   }
 }
 
-/// An ssh that runs a command there. What it prints arrives here by pipes.
+/// An ssh process that runs a remote command, with its output on pipes.
 class Ssh {
  public:
   explicit Ssh(const std::vector<std::string>& words);
@@ -135,10 +136,10 @@ class Ssh {
   Ssh(const Ssh&) = delete;
   Ssh& operator=(const Ssh&) = delete;
 
-  /// Prints what ssh prints, until it ends, and hands a stop signal on to it.
+  /// Prints the output of ssh until it ends. Ends it with SIGTERM on a stop signal.
   /// @return false, with `errno` set, if it could not be run or waited for
   bool await(int& ended);
-  /// Whether all that the command there printed was printed here, too.
+  /// Whether all output of the remote command could be printed.
   bool printed() const { return out_.good(); }
 
  private:
@@ -163,7 +164,7 @@ Ssh::Ssh(const std::vector<std::string>& words) {
     dup2(error[1], STDERR_FILENO);
     execute(words);
   }
-  const int problem = errno;
+  const int problem = errno;  // of a failed pipe2() or fork(), for the caller of await()
   close(out[1]);
   close(error[1]);
   errno = problem;
@@ -188,7 +189,7 @@ bool Ssh::take(int& pipe, LineFilter& filter) {
   return got > 0;
 }
 
-// Prints what has arrived; false if nothing had.
+// Prints available output; false if there is none.
 bool Ssh::pump(int timeoutMs) {
   pollfd pipes[] = {{outPipe_, POLLIN, 0}, {errorPipe_, POLLIN, 0}};
   if (poll(pipes, 2, timeoutMs) <= 0) {
@@ -199,7 +200,7 @@ bool Ssh::pump(int timeoutMs) {
 }
 
 bool Ssh::await(int& ended) {
-  constexpr int kSliceMs = 20;  // the delay until a stop signal or the end of ssh is noticed
+  constexpr int kSliceMs = 20;  // upper bound of the delay of a stop signal or the end of ssh
   pid_t waited = child_ < 0 ? -1 : 0;
   while (waited == 0) {
     pump(kSliceMs);
@@ -208,7 +209,8 @@ bool Ssh::await(int& ended) {
     }
     waited = waitpid(child_, &ended, WNOHANG);
   }
-  // A program that ssh leaves in the background keeps the pipes open: only what is there counts.
+  // Do not wait for EOF: a background process left by ssh may keep the pipes open. Drain what is
+  // there, with a bound.
   constexpr int kMostPieces = 256;
   for (int piece = 0; piece < kMostPieces && pump(0); ++piece) {
   }
@@ -255,7 +257,7 @@ ExitStatus becomeSsh(const std::string& text) {
   if (!parseRemote(text, remote, error)) {
     return fail(ExitStatus::Usage, error);
   }
-  // Ctrl-C is for the process that uses the connection. ssh leaves an ignored signal ignored.
+  // Ctrl-C is for the process that uses the connection. SIG_IGN survives exec, and ssh keeps it.
   signal(SIGINT, SIG_IGN);
   execute(sshWords(remote, {"bridge"}));
 }
@@ -292,7 +294,7 @@ ExitStatus runThere(const Options& options, std::vector<std::string> command) {
     return fail(ExitStatus::Unreachable,
                 "kovactl there ended with status " + std::to_string(status));
   }
-  leaveToOther();  // kovactl there has said all
+  leaveToOther();  // the remote kovactl has reported everything
   return meaning->status;
 }
 

@@ -170,7 +170,7 @@ std::vector<std::string> fieldValues(const std::string& function, const std::str
       std::vector<std::string> values = description.type == "bool"
                                             ? std::vector<std::string>{"true", "false"}
                                             : description.allowed;
-      // Those with an underscore stand for a missing value.
+      // Words with a leading underscore mean "not given".
       std::erase_if(values, [](const std::string& value) { return value.starts_with('_'); });
       return values;
     }

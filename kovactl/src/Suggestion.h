@@ -7,8 +7,8 @@
 /// Suggestions for mistyped words.
 namespace kova::ctl {
 
-/// The candidate most similar to `word`: equal but for case, abbreviated by it, or one or two
-/// typing errors away. "" when none is similar.
+/// The candidate most similar to `word`: equal except for case, abbreviated by it, or a few typing
+/// errors away. "" if none is similar.
 std::string closest(std::string_view word, const std::vector<std::string>& candidates);
 
 /// `: did you mean "CANDIDATE"?` for the closest candidate; "" when none is similar.

@@ -67,15 +67,15 @@ bool ask(std::string_view prompt, std::string& answer);
 /// The same without echo.
 bool askSecret(std::string_view prompt, std::string& answer);
 
-/// Makes SIGINT, SIGTERM and SIGHUP interrupt blocking calls instead of ending the process, so that
+/// Makes SIGINT, SIGTERM and SIGHUP interrupt blocking calls instead of ending the process, so
 /// commands stop cleanly and restore the terminal. Ignored signals (nohup(1)) stay ignored.
 void catchStopSignals();
 
 /// Whether a stop signal was received.
 bool stopRequested();
 
-/// Blocks the stop signals for the lifetime of the object, so that none arrives unnoticed between
-/// stopRequested() and ppoll(2), which lets them through by before().
+/// Blocks the stop signals for the lifetime of the object. Without it a signal between
+/// stopRequested() and ppoll(2) would be missed; ppoll(2) unblocks them atomically with before().
 class StopSignalsBlocked {
  public:
   StopSignalsBlocked();

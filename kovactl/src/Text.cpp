@@ -12,7 +12,7 @@
 namespace kova::ctl {
 namespace {
 
-// C0, DEL and C1 steer a terminal; the others reorder or hide text (Unicode, "Bidi_Control" and
+// C0, DEL and C1 control a terminal; the others reorder or hide text (Unicode, "Bidi_Control" and
 // separators).
 bool steers(char32_t code) {
   return code < 0x20 || (code >= 0x7F && code <= 0x9F) || code == 0x061C ||
@@ -64,7 +64,7 @@ std::string json(const variant::Variant& value, int indent) {
   for (std::string_view rest = text; !rest.empty();) {
     char32_t code = 0;
     const std::size_t length = std::max<std::size_t>(utils::decodeUtf8(rest, code), 1);
-    // Below 0x20 only the line breaks of the indentation are left unescaped.
+    // toJson() escapes everything below 0x20 except the line breaks of the indentation.
     out += code >= 0x20 && steers(code) ? utils::format("\\u%04x", static_cast<unsigned>(code))
                                         : std::string(rest.substr(0, length));
     rest.remove_prefix(length);
@@ -164,7 +164,7 @@ std::size_t hang(std::string_view line, std::size_t columns) {
   return column != line.npos && column <= columns / 2 ? column : start;
 }
 
-// Gives the second column, if there is little room beside the first, lines of its own below it.
+// Moves the second column below the first if there is too little room beside it.
 std::string unfold(std::string& line, std::size_t columns) {
   const std::size_t start = std::min(line.find_first_not_of(' '), line.size());
   const std::size_t gap = line.find("  ", start);

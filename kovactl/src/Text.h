@@ -19,7 +19,7 @@ std::size_t utf8Length(std::string_view text, std::size_t at);
 /// are not UTF-8 become escapes such as "\n", "\x1b" and "\u202e".
 std::string printable(std::string_view text);
 
-/// JSON with all control characters escaped, also those that JSON allows unescaped.
+/// JSON with all control characters escaped, including those that JSON allows unescaped.
 /// @param indent spaces per level, or -1 for one line
 std::string json(const variant::Variant& value, int indent = -1);
 
@@ -40,8 +40,8 @@ inline constexpr std::string_view kDurationForms =
 
 /// Parses a duration: a number, which may have a fraction, and a unit, "ms", "s", "min" or "h";
 /// without a unit, seconds.
-/// @return false for any other text and above 2147483 s: the camera takes a delay beyond an int of
-///         milliseconds for none
+/// @return false for any other text and above 2147483 s: the camera treats a delay that overflows
+///         an int of milliseconds as none
 bool parseDuration(std::string_view text, std::uint32_t& milliseconds);
 /// "0.5 s".
 std::string humanSeconds(std::uint32_t milliseconds);
@@ -57,7 +57,7 @@ struct Row {
 /// The rows, one per line, with their values aligned.
 std::string table(const std::vector<Row>& rows);
 
-/// The printable cells of a line, some of which may be missing at its end.
+/// The printable cells of a line; trailing ones may be missing.
 using Cells = std::vector<std::string>;
 /// The lines, with their columns aligned. The last cell of a line may be of any length.
 std::string grid(const std::vector<Cells>& lines);

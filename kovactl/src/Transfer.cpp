@@ -19,12 +19,13 @@ using ipc::messages::EventTransferRequestStatus;
 using ipc::messages::EventUpdateFirmwareFailure;
 
 constexpr std::uint32_t kGraceMs = 2000;
-// More than the longest time that the camera lets its tools take.
+// Longer than the camera's longest time limit for a tool.
 constexpr std::uint32_t kToolsMs = 2000 * 1000;
-// How long the event may be under way when the record is gone already.
+// How long the event may still take to arrive after the record has disappeared.
 constexpr std::uint32_t kLastEventMs = 500;
-// The camera requires a sender for its events. It queues events for an absent endpoint; one name
-// that no process uses keeps them in a single bounded queue instead of one per process.
+// The camera requires a sender, to which it sends its events, and queues events for absent
+// endpoints. A shared name that no process owns keeps them in one bounded queue instead of one per
+// process.
 constexpr const char* kAbsentEndpoint = "client.kovactl";
 
 // Records the event that ends the transfer of a request.
@@ -72,7 +73,7 @@ std::string withReason(const std::string& text, const TransferRecord& record) {
   return text + (record.reason.empty() ? "" : ": " + record.reason);
 }
 
-// What to do about a certificate that libcurl could not load.
+// Advice for a certificate that libcurl could not load.
 std::string adviceFor(const std::string& reason) {
   for (const char* file : {"/etc/persistent/server.pem", "/etc/persistent/controller.crt"}) {
     if (reason.find(file) != reason.npos) {
@@ -112,7 +113,8 @@ bool isStop(ExitStatus status) {
   return status == ExitStatus::Interrupted || status == ExitStatus::Terminated;
 }
 
-// One request for a transfer, from sending it to telling its outcome.
+// One transfer request, from sending it to reporting its outcome: join, send, find its record, and
+// with --wait follow the record or, on a camera without records, wait for the event.
 class Request {
  public:
   Request(const Options& options, BaseRequestMessage& request, const TransferOptions& transfer,
@@ -170,7 +172,7 @@ ExitStatus Request::run() {
   return transfer_.wait ? wait() : concludeTaken();
 }
 
-// Both connections are there before the camera starts anything.
+// Opens both connections before the request is sent, so that no transfer starts unobserved.
 ExitStatus Request::join() {
   const ExitStatus joined =
       transfer_.wait ? client_.join(ownEndpoint(request_), &event_) : client_.join();
@@ -180,6 +182,7 @@ ExitStatus Request::join() {
 ExitStatus Request::send() {
   request_.from(transfer_.wait ? ownEndpoint(request_) : kAbsentEndpoint);
   const ExitStatus taken = client_.request(request_, options_.answerTimeoutMs()).status;
+  // The event decides, even if the answer to the request was lost.
   return event_.known() ? ExitStatus::Ok : taken;
 }
 
@@ -225,7 +228,7 @@ ExitStatus Request::waitForEnd(Progress& progress) {
     return follower_.record().hasEnded() || follower_.gone();
   };
   ExitStatus waited = serve(ended, progress, transfer_.timeoutMs + kGraceMs);
-  // The time-out does not cover the tools that check and flash.
+  // The time-out does not cover the tools that check and flash: keep waiting while one may run.
   if (waited == ExitStatus::NoAnswer) {
     waited = serve([&] { return ended() || !follower_.mayBeAtTools(); }, progress, kToolsMs);
   }

@@ -15,14 +15,14 @@ struct TransferOptions {
 
 /// Declares --timeout, --wait and --cancel.
 /// @param defaultMs the default time-out
-/// @param silence   what it means when the camera sends no event, for the help
+/// @param silence   explains, for the help, what a missing event means
 std::shared_ptr<TransferOptions> addTransferOptions(CommandLine& line, std::uint32_t defaultMs,
                                                     std::string_view silence);
 
-/// Sends a transfer request. With `wait`, shows the progress until the outcome is known: Ok when
-/// the camera has done it or had done it before, else Refused; without, only tells a refusal. From
-/// a camera that publishes no transfers the event with the outcome is awaited. Unknown when there
-/// is no outcome within the time-out and a grace period.
+/// Sends a transfer request. With `wait`, shows the progress until the outcome is known: Ok if the
+/// file is transferred or was already installed, else Refused. Without it, reports only a refusal.
+/// If the camera publishes no transfers, waits for the event with the outcome instead. Unknown if
+/// there is no outcome within the time-out and a grace period.
 ExitStatus runTransfer(const Options& options, ipc::messages::BaseRequestMessage& request,
                        const TransferOptions& transfer, std::string_view silence);
 

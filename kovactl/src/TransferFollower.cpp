@@ -12,10 +12,10 @@ using namespace std::chrono_literals;
 using variant::Variant;
 
 constexpr auto kSearch = 1s;  // a camera may publish a transfer a little after it has accepted it
-constexpr auto kHeartbeat = 1s;  // without a signal: whether the control server is still there
+constexpr auto kHeartbeat = 1s;  // without signals: detects that the control server is gone
 constexpr std::uint32_t kAnswerMs = 10000;
 
-// Whether nobody was there to call.
+// Whether the called endpoint is not on the bus.
 bool isAbsent(const Objects::Answer& answer) {
   return exitForError(answer.error) == ExitStatus::Unreachable &&
          answer.error != "org.freedesktop.DBus.Error.AccessDenied";
@@ -34,12 +34,13 @@ ExitStatus TransferFollower::find(std::uint64_t requestId) {
     Objects::Answer answer;
     const ExitStatus asked = objects_.readTransfers(records, answer);
     if (asked != ExitStatus::Ok || !answer.error.empty()) {
+      // Not a failure: a camera without records reports the outcome by an event.
       return stopRequested() ? asked : ExitStatus::Ok;
     }
     const auto found = std::ranges::find(records, requestId, &TransferRecord::requestId);
     if (found != records.end()) {
       record_ = *found;
-      // The next control server counts its transfers from 1, too.
+      // A restarted control server numbers its transfers from 1 again: accept only this sender.
       objects_.bus().keepTo(answer.sender);
       follow();
       return ExitStatus::Ok;
@@ -51,14 +52,15 @@ ExitStatus TransferFollower::find(std::uint64_t requestId) {
 
 void TransferFollower::follow() {
   if (!record_.hasEnded()) {
-    // Without signals the heartbeat remains.
+    // If the subscription fails, the heartbeat still reads the record.
     objects_.bus().follow(pathOfTransfer(record_.number),
                           [this](const auto& signal) { onSignal(signal); });
     changed_ = behind_ = true;
   }
 }
 
-// What a signal tells is shown even if a control server that runs a tool answers no question.
+// Applies the signalled properties directly: while it runs a tool, the control server answers no
+// reads.
 void TransferFollower::onSignal(const ipc::BusObjects::Signal& signal) {
   changed_ = behind_ = true;
   const Variant::Array& arguments = signal.arguments.items();
@@ -95,7 +97,7 @@ void TransferFollower::take(const Objects::Answer& answer) {
   } else if (exitForError(answer.error) == ExitStatus::Unreachable) {
     loss_ = Loss::Server;
   }
-  // A control server that is busy with a tool answers late, which is no news.
+  // Any other error, such as a time-out while a tool runs, is ignored; the next heartbeat retries.
 }
 
 ExitStatus TransferFollower::cancel() {

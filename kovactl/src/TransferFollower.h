@@ -9,33 +9,34 @@
 
 namespace kova::ctl {
 
-/// Follows one transfer as the camera publishes it, until the control server that publishes it
-/// ends.
+/// Follows the published record of one transfer for the lifetime of the control server that
+/// publishes it.
 class TransferFollower {
  public:
   explicit TransferFollower(const Options& options) : objects_(options) {}
   TransferFollower(const TransferFollower&) = delete;
   TransferFollower& operator=(const TransferFollower&) = delete;
 
-  /// Why there is nothing left to follow.
+  /// Why the transfer can no longer be followed.
   enum class Loss { None, Server, Record, Connection };
 
   /// Joins the bus. Failures are reported as by Client.
   ExitStatus open() { return objects_.open(); }
-  /// Looks for the transfer of a request that the camera has accepted. Without one, because the
-  /// camera publishes none, found() stays false.
+  /// Looks for the transfer of an accepted request. If the camera publishes none, found() stays
+  /// false.
   /// @return Ok, or stopStatus() on a stop signal
   ExitStatus find(std::uint64_t requestId);
   bool found() const { return !record_.number.empty(); }
 
-  /// Takes signals, and reads the transfer when it has changed, and once in a while. Never waits.
+  /// Handles signals; reads the transfer after a change and at every heartbeat. Never blocks.
   void Service();
   /// The state as read or signalled last.
   const TransferRecord& record() const { return record_; }
-  /// Whether the control server may be waiting for a tool that checks or flashes. It enters that
-  /// phase and starts the tool at once, so that it signals the phase and answers no more.
+  /// Whether the control server may be waiting for a tool that checks or flashes. It signals the
+  /// phase and starts the tool at once, and then answers no reads until the tool ends; a signal
+  /// that no read has confirmed therefore counts, too.
   bool mayBeAtTools() const { return record_.phase == "finalising" || behind_; }
-  /// Whether the control server has ended or has forgotten the transfer, or cannot be reached.
+  /// Whether the control server has ended, has dropped the record, or cannot be reached.
   bool gone() const { return loss_ != Loss::None; }
   Loss lost() const { return loss_; }
 
@@ -52,14 +53,14 @@ class TransferFollower {
 
   Objects objects_;
   TransferRecord record_;
-  bool changed_ = false;  ///< signalled since the last question
-  bool behind_ = false;   ///< signalled and not read since
+  bool changed_ = false;  ///< signalled since the last read was started
+  bool behind_ = false;   ///< signalled, and no read since has completed
   bool asking_ = false;
   Loss loss_ = Loss::None;
   Clock::time_point asked_{};
 };
 
-/// Has the camera cancel a transfer; reports why it does not.
+/// Has the camera cancel a transfer; reports a refusal.
 ExitStatus cancelTransfer(Objects& objects, const std::string& number);
 
 }  // namespace kova::ctl

@@ -51,7 +51,7 @@ std::string bytes(const TransferRecord& record) {
              : done + " of " + humanBytes(static_cast<double>(record.size));
 }
 
-// As it is typed on the command line.
+// The kind as typed on the command line.
 std::string kindOf(const TransferRecord& record) {
   return record.kind == "supportInfo"     ? "support"
          : record.kind == "eventSnapshot" ? "event-snapshot"

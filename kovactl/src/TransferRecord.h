@@ -13,8 +13,8 @@ inline constexpr const char* kTransferInterface = "kova.Transfer1";
 /// The parent of the objects of all transfers.
 inline constexpr const char* kTransfersPath = "/kova/transfers";
 
-/// A transfer as the camera publishes it, see docs/bus.md. Not verified: texts may hold anything,
-/// and more bytes may have been transferred than there are.
+/// A transfer as the camera publishes it, see docs/bus.md. Not validated: texts may contain
+/// anything, and `transferred` may exceed `size`.
 struct TransferRecord {
   std::string number;  ///< the last part of its path
   std::uint64_t requestId = 0;
@@ -33,17 +33,17 @@ struct TransferRecord {
   std::string reason;
 
   bool hasEnded() const { return !outcome.empty(); }
-  /// Whether it did what was asked for, or that had been done before.
+  /// Whether the file was transferred or was already installed.
   bool succeeded() const { return outcome == "OK" || outcome == "ALREADY_INSTALLED"; }
 
   bool operator==(const TransferRecord&) const = default;
 };
 
-/// Whether this can be the number of a transfer.
+/// Whether `text` has the form of a transfer number.
 bool isTransferNumber(std::string_view text);
 std::string pathOfTransfer(const std::string& number);
 
-/// Replaces what the properties of kova.Transfer1 name.
+/// Replaces the members that `properties` of kova.Transfer1 name.
 void update(TransferRecord& record, const variant::Variant& properties);
 /// The record with these properties of kova.Transfer1.
 TransferRecord transferRecord(const std::string& number, const variant::Variant& properties);
@@ -57,8 +57,8 @@ std::string transferLine(const TransferRecord& record);
 /// The records as a table, or a sentence if there are none.
 std::string transferTable(const std::vector<TransferRecord>& records);
 
-/// A time in microseconds since the epoch: as a Variant, empty for 0 and for none that a calendar
-/// has, and as local date and time, then "-".
+/// A time in microseconds since the epoch, as a Variant and as local date and time. Empty and "-"
+/// for 0 and for times after the year 9999.
 variant::Variant timeResult(std::uint64_t microseconds);
 std::string timeText(std::uint64_t microseconds);
 

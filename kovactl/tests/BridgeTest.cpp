@@ -23,7 +23,7 @@ using ::testing::HasSubstr;
 using utils::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
-/// A socket in place of a bus, of which a test is the daemon.
+/// A listening socket in place of a bus; the test acts as the bus daemon.
 class MuteBus {
  public:
   MuteBus() {
@@ -74,7 +74,7 @@ void writeAll(int fd, const std::string& text) {
   }
 }
 
-/// Writes until nothing more is taken for a quarter of a second.
+/// Writes until nothing is accepted for a quarter of a second.
 std::size_t fill(int fd) {
   const std::string chunk(4096, 'x');
   std::size_t taken = 0;
@@ -94,7 +94,7 @@ std::string numbered(std::size_t size) {
   return text;
 }
 
-TEST(Bridge, ClientWorksThroughIt) {
+TEST(Bridge, CarriesClient) {
   const ipc::testing::PrivateBus bus;
   const Peer peer(answering(0));
   setenv("BRIDGE", bridgeCommand(bus.address()).c_str(), 1);
@@ -112,7 +112,7 @@ TEST(Bridge, BusRejectsGarbage) {
   EXPECT_EQ(child.wait().status, 0) << "with its input still open";
 }
 
-/// A kovactl bridge to a bus of which the test is the daemon.
+/// A kovactl bridge to a bus whose daemon is the test.
 class BridgeToMuteBus : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -120,13 +120,13 @@ class BridgeToMuteBus : public ::testing::Test {
     fcntl(bridge_.output(), F_SETFL, O_NONBLOCK);
   }
 
-  /// The processor time that it takes in half a second, in clock ticks of 10 ms.
+  /// The processor time that the bridge uses in half a second, in clock ticks of 10 ms.
   long ticksInHalfASecond() const {
     const long before = ticks();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     return ticks() - before;
   }
-  /// Whether it sleeps, after all that it can do.
+  /// Waits until the bridge has nothing left to do and sleeps.
   bool awaitRest() const {
     const auto deadline = Clock::now() + std::chrono::milliseconds(kPatienceMs);
     long before = -1;
@@ -142,7 +142,7 @@ class BridgeToMuteBus : public ::testing::Test {
   UniqueFd server_{bus_.accept()};
 
  private:
-  // proc(5): utime and stime are the fields 14 and 15; the name before holds no space.
+  // proc(5): utime and stime are fields 14 and 15; the program name before them has no space.
   long ticks() const {
     std::ifstream file("/proc/" + std::to_string(bridge_.pid()) + "/stat");
     std::vector<std::string> fields;
@@ -203,7 +203,7 @@ TEST_F(BridgeToMuteBus, EndsUnderSilentBus) {
 }
 
 TEST_F(BridgeToMuteBus, HoldsLittleOfFlood) {
-  // A pipe and the buffer of each way, and what the kernel holds for the socket.
+  // Bounds the pipe, the buffer of one direction and the kernel's socket buffer.
   constexpr std::size_t kMost = 1U << 20U;
   EXPECT_LT(fill(bridge_.input()), kMost);
   EXPECT_LT(fill(server_.get()), kMost);

@@ -25,7 +25,7 @@ class BusAddress : public ::testing::Test {
   Peer peer_{answering(0, Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{61}}}}})};
 };
 
-/// Forwards a socket like ssh -L.
+/// Forwards a socket, like ssh -L.
 class Forward {
  public:
   Forward(const std::string& target, std::string socket) : socket_(std::move(socket)) {

@@ -16,7 +16,7 @@ using variant::Variant;
 
 class BusView : public BusTest {
  protected:
-  // Sends until the listener is ready, regardless of which process starts first.
+  // Sends until the listener has joined the bus: either process may start first.
   static void sendUntilTaken(const std::string& endpoint, std::vector<std::string> fields) {
     std::vector<std::string> arguments{"call", "PlayState", "--to", endpoint};
     arguments.insert(arguments.end(), fields.begin(), fields.end());
@@ -26,7 +26,7 @@ class BusView : public BusTest {
     }
     EXPECT_EQ(status, 0);
   }
-  // A monitor does not announce itself; its output shows that it is ready.
+  // A monitor owns no name; only its output shows that it is ready.
   static void sendUntilShown(Child& monitor) {
     std::size_t sent = 0;
     do {

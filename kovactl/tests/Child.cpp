@@ -59,7 +59,7 @@ void closeOnce(int& fd) {
 }  // namespace
 
 Child::Child(const std::vector<std::string>& arguments, On on) {
-  ::signal(SIGPIPE, SIG_IGN);  // a child that ended early fails its test, not all of them
+  ::signal(SIGPIPE, SIG_IGN);  // a child that ends early fails its test, not the whole program
   if (on == On::Terminal) {
     winsize size{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
     pid_ = forkpty(&output_, nullptr, nullptr, &size);
@@ -159,7 +159,7 @@ Result Child::wait() {
     }
   }
   pid_ = -1;
-  // All output has been written; a terminal reports its end as an error.
+  // The child has exited, so all its output is in the pipes; a terminal reports EOF as an error.
   while ((output_ >= 0 || error_ >= 0) && Clock::now() < deadline) {
     pollfd rest{output_ >= 0 ? output_ : error_, POLLIN, 0};
     if (poll(&rest, 1, 0) <= 0) {

@@ -8,12 +8,12 @@
 
 namespace kova::ctl::testing {
 
-/// The longest wait for what must come.
+/// Time-out for events that must happen.
 inline constexpr int kPatienceMs = 20'000;
 
 /// The result of a kovactl process.
 struct Result {
-  int status;  ///< exit status; minus the signal's number when it was killed by one
+  int status;  ///< exit status, or the negated number of the signal that killed it
   std::string out;
   std::string err;
 };
@@ -78,9 +78,9 @@ void expectError(const Result& result, int status, const std::string& err,
 void expectFailure(const Result& result, int status, const std::string& said,
                    const Place& place = Place::current());
 
-/// The shell command that becomes "kovactl bridge", for a program that carries connections. It has
-/// no leak check at exit: sd-bus ends such a program with SIGTERM and at once SIGCONT, which
-/// discards the SIGSTOP that the check sends, and the two would wait for each other for ever.
+/// The shell command that execs "kovactl bridge", for programs that carry connections. It disables
+/// the leak check at exit: sd-bus ends such a program with SIGTERM immediately followed by SIGCONT,
+/// which discards the SIGSTOP that the check sends, and the two would wait for each other forever.
 std::string bridgeCommand(const std::string& bus);
 
 }  // namespace kova::ctl::testing

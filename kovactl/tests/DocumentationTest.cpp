@@ -47,7 +47,7 @@ struct Document {
   std::string text;
 };
 
-// The text of the fish completion, with long options written as they are typed.
+// The text of the fish completion, with "-l NAME" replaced by "--NAME".
 std::string fishCompletion() {
   std::string text = readText(KOVACTL_COMPLETIONS "/kovactl.fish");
   const std::string mark = " -l ";

@@ -210,7 +210,7 @@ void FakeCamera::publish(const std::string& number, const Properties& properties
             0);
   transfer->slot.reset(slot);
   transfers_[number] = std::move(transfer);
-  // Fails while the properties are refused; the object is there nevertheless.
+  // Fails while reads are refused; the object exists nevertheless.
   const int told = sd_bus_emit_object_added(bus_.get(), pathOf(number).c_str());
   EXPECT_TRUE(told >= 0 || !denial_.empty()) << told;
 }

@@ -15,8 +15,8 @@
 
 namespace kova::ctl::testing {
 
-/// A control server that publishes its transfers and itself, on a separate thread. It takes every
-/// request, and answers GetSystemStats.
+/// A control server that publishes its transfers and its description, on a separate thread. It
+/// accepts every request and answers GetSystemStats.
 class FakeCamera {
  public:
   /// The values of properties; numbers are sent with the types of the interface.
@@ -29,11 +29,11 @@ class FakeCamera {
   FakeCamera(const FakeCamera&) = delete;
   FakeCamera& operator=(const FakeCamera&) = delete;
 
-  /// Publishes a transfer, in the place of one with this number; what is not given is "" or 0.
+  /// Publishes a transfer, replacing one with this number; properties not given are "" or 0.
   void publish(const std::string& number, const Properties& properties);
   /// Changes properties and signals that.
   void change(const std::string& number, const Properties& properties);
-  /// Signals "finalising", serves nothing for this long, as while a tool runs, and ends with OK.
+  /// Signals "finalising", blocks for this long as if a tool ran, and ends with OK.
   void finalise(const std::string& number, int milliseconds);
   /// Removes a transfer and signals that.
   void forget(const std::string& number);
@@ -43,10 +43,10 @@ class FakeCamera {
   /// Answers cancellations with an error from now on.
   void refuseToCancel(const std::string& text);
 
-  /// Answers requests for the properties of its transfers or, if it has none, for its own with this
-  /// error from now on.
+  /// From now on answers reads of the transfers' properties or, without transfers, of its own with
+  /// this error.
   void refuseToTell(const std::string& error);
-  /// Calls this once, on the camera's thread, before it tells the next property of a transfer.
+  /// Calls `action` once, on the camera's thread, before the next property of a transfer is read.
   void beforeTelling(std::function<void()> action);
   /// Answers every request with this from now on.
   void answerWith(const variant::Variant& answer);

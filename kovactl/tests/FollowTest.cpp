@@ -52,7 +52,7 @@ FakeCamera::Script transferring() {
                      {"Size", std::uint64_t{1024}}});
 }
 
-// Sends the event with the outcome of a request to its sender, over a connection of its own.
+// Sends the event with the outcome of a request to its sender, over a separate connection.
 void sendStatus(const Variant& request, const char* status) {
   ipc::Ipc ipc;
   ASSERT_TRUE(ipc.Init("", false, nullptr));
@@ -64,10 +64,10 @@ void sendStatus(const Variant& request, const char* status) {
   EXPECT_TRUE(ipc.flush());
 }
 
-/// A program that carries connections to the bus, as ssh does. It notes its process ids.
+/// A script that carries connections to the bus, as ssh does, and records its process ids.
 class Carrier {
  public:
-  /// @param most how many connections it carries; it fails for more
+  /// @param most the number of connections that it carries; further ones fail
   Carrier(const std::string& bus, int most) {
     const std::string enough = "[ \"$(cat '" + pids() + "' 2>/dev/null | wc -l)\" -lt ";
     writeScript(folder_, "carry",
@@ -93,7 +93,7 @@ class Carrier {
 
 class Follow : public BusTest {};
 
-TEST_F(Follow, SuccessIsToldWithStatus0) {
+TEST_F(Follow, SuccessExitsWithStatus0) {
   const std::pair<const char*, const char*> successes[] = {
       {"OK", "OK: The logo is installed.\n"},
       {"ALREADY_INSTALLED", "ALREADY_INSTALLED: The logo is installed.\n"}};
@@ -111,7 +111,7 @@ TEST_F(Follow, SuccessIsToldWithStatus0) {
   }
 }
 
-TEST_F(Follow, RefusalIsToldWithAndWithoutWait) {
+TEST_F(Follow, RefusalIsReportedWithAndWithoutWait) {
   const FakeCamera camera(endingAs("REFUSED", "A transfer from this URI\nis running."));
   for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--wait"}}) {
     expectError(
@@ -120,12 +120,12 @@ TEST_F(Follow, RefusalIsToldWithAndWithoutWait) {
   }
 }
 
-TEST_F(Follow, CancellationIsToldOnce) {
+TEST_F(Follow, CancellationIsReportedOnce) {
   const FakeCamera camera(endingAs("CANCELLED", "The transfer was cancelled on request."));
   EXPECT_EQ(run(putLogo()).err, "kovactl: the transfer was cancelled\n");
 }
 
-TEST_F(Follow, MissingCertificateIsToldWithAdvice) {
+TEST_F(Follow, MissingCertificateGetsAdvice) {
   const FakeCamera camera(
       endingAs("TRANSFER_FAILED", "Could not load /etc/persistent/server.pem."));
   EXPECT_THAT(run(putLogo()).err,
@@ -155,7 +155,7 @@ TEST_F(Follow, UploadsAndFirmwareAreFollowedToo) {
   }
 }
 
-TEST_F(Follow, WithoutWaitNumberIsTold) {
+TEST_F(Follow, WithoutWaitNumberIsPrinted) {
   const FakeCamera camera(transferring());
   expectOutput(run(putLogo({})), 0,
                "The camera accepted transfer 7; \"kovactl transfers\" shows its progress.\n");
@@ -167,7 +167,7 @@ TEST_F(Follow, WithoutWaitNumberIsTold) {
   EXPECT_EQ(json.find("result")->find("outcome")->toText(), "accepted");
 }
 
-TEST_F(Follow, JsonTellsOutcomeAndError) {
+TEST_F(Follow, JsonHasOutcomeAndError) {
   const FakeCamera camera(endingAs("VALIDATION_FAILED", "It is no picture."));
   const Result result = run(putLogo({"--wait", "--json"}));
   EXPECT_EQ(result.status, 1);
@@ -203,7 +203,7 @@ TEST_F(Follow, SentUploadWaitsForAnswerOfServer) {
   EXPECT_EQ(child.wait().status, 0);
 }
 
-TEST_F(Follow, StopTellsHowToCancel) {
+TEST_F(Follow, StopShowsHowToCancel) {
   const FakeCamera camera(transferring());
   Child child(putLogo());
   ASSERT_TRUE(child.awaitError("transferring\n"));
@@ -233,8 +233,8 @@ TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
   expectFailure(child.wait(), 5, "the control server ended while it was transferring");
 }
 
-// Each control server counts its transfers from 1.
-TEST_F(Follow, TransferOfNextServerIsNotTakenForOwn) {
+// A restarted control server numbers its transfers from 1 again.
+TEST_F(Follow, TransferOfNextServerIsNotFollowed) {
   auto camera = std::make_unique<FakeCamera>(transferring());
   Child child(putLogo());
   ASSERT_TRUE(child.awaitError("transferring\n"));
@@ -319,14 +319,14 @@ TEST_F(Follow, TimeOutDoesNotCoverTools) {
   arguments[6] = "0.1";
   Child child(arguments);
   ASSERT_TRUE(child.awaitError("transferring\n"));
-  camera.finalise("7", 3000);  // beyond the time-out and its grace
+  camera.finalise("7", 3000);  // longer than the time-out and the grace period
   const Result result = child.wait();
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.err, "transferring\nfinalising\n") << "told by a signal alone";
+  EXPECT_EQ(result.err, "transferring\nfinalising\n") << "known from the signal alone";
   EXPECT_EQ(result.out, "OK\n");
 }
 
-TEST_F(Follow, TimeOutTellsPhase) {
+TEST_F(Follow, TimeOutNamesPhase) {
   const FakeCamera camera(transferring());
   auto arguments = putLogo();
   arguments[6] = "0.1";

@@ -18,7 +18,7 @@ namespace {
 
 using ::testing::HasSubstr;
 
-/// Puts a script in the place of ssh. It leaves its arguments and what is ignored of SIGINT.
+/// Replaces ssh by a script that records its arguments and its ignored signals.
 class Host : public BusTest {
  protected:
   void SetUp() override {
@@ -37,7 +37,7 @@ class Host : public BusTest {
                     folder_ / "ignored" + "'\n" + command);
   }
   std::string left(const std::string& name) const { return tests::readText(folder_ / name); }
-  /// Waits until a kovactl that listens as client.me has joined the bus.
+  /// Waits until a kovactl listening as client.me has joined the bus.
   static bool awaitJoined(Child& child) {
     Result sent{1, "", ""};
     for (int attempt = 0; sent.status != 0 && attempt < 200; ++attempt) {
@@ -69,7 +69,7 @@ TEST_F(Host, InspectingCommandsRunThere) {
   }
 }
 
-TEST_F(Host, DenialThereAdvisesForThere) {
+TEST_F(Host, RemoteDenialAdvisesForRemoteHost) {
   FakeCamera camera;
   camera.refuseToTell("org.freedesktop.DBus.Error.AccessDenied");
   expectFailure(run({"-H", "bob@cam", "info"}), 3,
@@ -77,7 +77,7 @@ TEST_F(Host, DenialThereAdvisesForThere) {
                 "/usr/libexec/kova_members\" there");
 }
 
-TEST_F(Host, RefusedFiguresAreNotLeftOut) {
+TEST_F(Host, RefusedFiguresFailMetrics) {
   FakeCamera camera;
   camera.refuseToTell("org.freedesktop.DBus.Error.LimitsExceeded");
   for (const char* what : {"the description of the camera", "the list of transfers"}) {
@@ -90,7 +90,7 @@ TEST_F(Host, RefusedFiguresAreNotLeftOut) {
   expectFailure(run({"-H", "cam", "transfers"}), 1, "cannot get the list of transfers");
 }
 
-TEST_F(Host, MetricsPrintWhatCouldBeRead) {
+TEST_F(Host, MetricsPrintReadableFigures) {
   FakeCamera camera;
   camera.failStatistics(1);
   const Result result = run({"-H", "cam", "metrics"});
@@ -122,7 +122,7 @@ TEST_F(Host, EndOfSshIsExplained) {
     for (const char* asking : {"stats", "monitor"}) {
       const Result result = run({"--host", "cam:22", asking});
       EXPECT_EQ(result.status, 3) << command;
-      EXPECT_THAT(result.err, HasSubstr("reason\n")) << "what ssh says is shown";
+      EXPECT_THAT(result.err, HasSubstr("reason\n")) << "messages of ssh are shown";
       EXPECT_THAT(result.err, HasSubstr(said)) << command;
     }
   }
@@ -147,7 +147,7 @@ TEST_F(Host, WrongHostsAreRefused) {
     EXPECT_THAT(run({"--json", "--host", text, "stats"}).out, HasSubstr("\"code\": \"usage\""));
   }
   EXPECT_EQ(run({"--host", "cam", "--bus", bus_.address(), "stats"}).status, 2);
-  EXPECT_EQ(left("arguments"), "(none)") << "nothing was started";
+  EXPECT_EQ(left("arguments"), "(none)") << "ssh was not started";
 }
 
 TEST_F(Host, CtrlCDoesNotReachSsh) {
@@ -187,7 +187,7 @@ TEST_F(Host, UnansweredRequestArrives) {
   EXPECT_TRUE(peer.awaitReceived(1));
 }
 
-// What the other machine prints may steer a terminal.
+// Output of the other machine may contain terminal control sequences.
 TEST_F(Host, OutputOfOtherMachineIsEscaped) {
   become("printf 'a\\033[2Jb\\tc\\n\\nd'; printf 'e\\033]0;x\\007\\r\\n' >&2; exit 1");
   const Result result = run({"--host", "cam", "timezones"});
@@ -200,13 +200,13 @@ TEST_F(Host, OutputOfOtherMachineIsEscaped) {
   EXPECT_EQ(std::ranges::count(flood.out, 'x'), 300000);
 }
 
-TEST_F(Host, ProgramLeftByOtherMachineDelaysNothing) {
+TEST_F(Host, RemoteBackgroundProcessCausesNoDelay) {
   become("sleep 60 & echo there");
   expectOutput(run({"--host", "cam", "timezones"}), 0, "there\n");
 }
 
-// The request ends with the connection that carries it.
-TEST_F(Host, RebootThatMayBeLostIsNoSuccess) {
+// The connection breaks with the request in it, before the bus receives it.
+TEST_F(Host, PossiblyLostRebootFails) {
   const MutePeer peer;
   setenv("RELAY_END_AT", "Reboot", 1);
   become(std::string("exec ") + KOVACTL_RELAY + " " + socket());
@@ -217,7 +217,7 @@ TEST_F(Host, RebootThatMayBeLostIsNoSuccess) {
   EXPECT_THAT(result.err, HasSubstr("lost before the bus had confirmed the request"));
 }
 
-TEST_F(Host, StopSignalThatEndsSshTooIsTold) {
+TEST_F(Host, StopSignalThatEndsSshTooIsReported) {
   FakeCamera camera;
   camera.publish("7", {});
   std::promise<void> asked;

@@ -55,7 +55,7 @@ std::vector<TransferRecord> transfers() {
   return records;
 }
 
-// Runs a checker over the text; its output, or what it complains of.
+// Runs a checker on the text; returns its output or its complaint.
 std::string checkedBy(const std::string& checker, const std::string& text, int& status) {
   std::string file = "/tmp/kova_metrics.XXXXXX";
   close(mkstemp(file.data()));
@@ -107,7 +107,7 @@ TEST(Metrics, HaveFiguresTransfersAndVersions) {
   expectValid(text);
 }
 
-TEST(Metrics, LeaveOutWhatIsNotKnown) {
+TEST(Metrics, UnknownFiguresAreOmitted) {
   EXPECT_EQ(metricsText(Variant(), nullptr, nullptr), "# EOF\n");
   const std::vector<TransferRecord> none;
   const std::string idle = metricsText(Variant(), nullptr, &none);
@@ -135,7 +135,7 @@ TEST(Metrics, KindsOfTransferAreThoseOfSchema) {
     ASSERT_NE(at, std::string::npos) << kind;
     text.erase(at, series.size());
   }
-  EXPECT_THAT(text, Not(HasSubstr("phase=\"preparing\""))) << "no other kind";
+  EXPECT_THAT(text, Not(HasSubstr("phase=\"preparing\""))) << "a kind outside the schema";
 }
 
 TEST(Metrics, TextsThatPrintAlikeAreOneSeries) {

@@ -18,10 +18,10 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using variant::Variant;
 
-/// The commands that look at the objects of the camera.
+/// Commands that read the camera's objects.
 class Objects : public BusTest {};
 
-// The connection ends while kovactl sleeps, so that it finds the answer and the end together.
+// The connection ends while kovactl is stopped, so it finds the answer and the EOF together.
 TEST_F(Objects, AnswerBeforeLossOfBusCounts) {
   FakeCamera camera;
   camera.publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});
@@ -35,9 +35,10 @@ TEST_F(Objects, AnswerBeforeLossOfBusCounts) {
   ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   child.signal(SIGSTOP);
   asleep.set_value();
-  EXPECT_TRUE(camera.cancelled().empty()) << "once the camera has answered";
+  EXPECT_TRUE(camera.cancelled().empty()) << "blocks until the camera has answered";
   ipc::Ipc later;
-  ASSERT_TRUE(later.Init("", false, nullptr) && later.flush()) << "once the bus has passed it on";
+  ASSERT_TRUE(later.Init("", false, nullptr) && later.flush())
+      << "blocks until the bus has forwarded it";
   bus_.kill();
   child.signal(SIGCONT);
   const Result result = child.wait();
@@ -93,7 +94,7 @@ TEST_F(Objects, WatchRefreshesTerminal) {
   EXPECT_EQ(child.wait().status, 130);
 }
 
-TEST_F(Objects, CancelTellsAnswerOfCamera) {
+TEST_F(Objects, CancelReportsAnswerOfCamera) {
   FakeCamera camera;
   EXPECT_EQ(run({"cancel", "0"}).status, 2);
   EXPECT_EQ(run({"cancel", "7/../8"}).status, 2);

@@ -104,7 +104,7 @@ TEST_F(Passwords, CtrlCAtPromptRestoresEcho) {
   child.write("secr\x03");
   EXPECT_EQ(child.wait().status, 130);
   EXPECT_TRUE(child.echoes());
-  EXPECT_EQ(peer_.received().size(), 1U) << "only the name was asked for";
+  EXPECT_EQ(peer_.received().size(), 1U) << "only the name was requested";
 }
 
 }  // namespace

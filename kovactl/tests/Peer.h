@@ -17,7 +17,7 @@
 
 namespace kova::ctl::testing {
 
-/// A test on a bus of its own.
+/// A test with a private bus.
 class BusTest : public ::testing::Test {
  protected:
   std::string socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
@@ -32,7 +32,7 @@ class Peer : private ipc::BaseHandler {
   /// Called for each request; may answer through `ipc`.
   using Script = std::function<void(Request& request, ipc::Ipc& ipc, bool& rejected)>;
 
-  /// The constructor returns when the endpoint is on the bus.
+  /// Returns once the endpoint is on the bus.
   explicit Peer(Script script, const std::string& endpoint = "kova_ctlserver");
   ~Peer() override;
 
@@ -52,7 +52,7 @@ class Peer : private ipc::BaseHandler {
   std::thread thread_;
 };
 
-/// Owns the name of an endpoint and never reads its messages.
+/// Owns an endpoint's name but never reads its messages.
 class MutePeer {
  public:
   explicit MutePeer(const std::string& endpoint = "kova_ctlserver");

@@ -26,7 +26,7 @@ TEST(ProgressLine, WithoutSizeHasNoBar) {
   EXPECT_EQ(progressLine(transferring(2048, 0), 1024, 79), "2.0 KiB  1.0 KiB/s");
 }
 
-TEST(ProgressLine, DistrustsMoreBytesThanThereAre) {
+TEST(ProgressLine, SizeBelowBytesIsIgnored) {
   EXPECT_EQ(progressLine(transferring(2048, 1024), 1024, 79), "2.0 KiB  1.0 KiB/s");
   EXPECT_EQ(progressLine(transferring(0, UINT64_MAX), 1, 79).find("left"), std::string::npos);
 }

@@ -10,7 +10,7 @@
 namespace kova::ctl::testing {
 namespace {
 
-/// Monitors the bus until it has answered the Ping by which a kovactl makes sure of its request.
+/// Monitors the bus until it has answered the Ping with which kovactl confirms its request.
 class Confirmation {
  public:
   Confirmation() {
@@ -56,7 +56,7 @@ TEST_F(Reboots, SucceedWithoutAnswer) {
   expectOutput(run({"reboot"}), 0, "The camera reboots.\n");
 }
 
-// It is not a failure when the camera stops server, bus or client while it goes down.
+// The shutdown may stop server, bus or client first; that is not a failure.
 TEST_F(Reboots, SucceedWhenServerDisappears) {
   auto peer = std::make_unique<MutePeer>();
   Confirmation confirmation;

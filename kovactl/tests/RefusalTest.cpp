@@ -36,7 +36,7 @@ class Refusals : public BusTest {
     EXPECT_TRUE(mistake.status != 2 || result.out.empty()) << typed << result.out;
     EXPECT_THAT(result.err, StartsWith("kovactl: ")) << typed;
     EXPECT_THAT(result.err, HasSubstr(mistake.said)) << typed;
-    // The second line of a wrong usage names the help.
+    // The second line of a usage error points to the help.
     EXPECT_LE(std::ranges::count(result.err, '\n'), mistake.status == 2 ? 2 : 1)
         << typed << result.err;
     EXPECT_EQ(result.err.find('\\'), std::string::npos) << typed << result.err;
@@ -116,7 +116,7 @@ TEST_F(Refusals, WrongUsageIsExplained) {
   for (const Mistake& mistake : mistakes) {
     expect(mistake);
   }
-  EXPECT_TRUE(peer.received().empty()) << "the camera was asked";
+  EXPECT_TRUE(peer.received().empty()) << "a request was sent";
 }
 
 TEST_F(Refusals, UnusableBusIsExplained) {
@@ -209,7 +209,7 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
   if (!tests::readText(KOVACTL_PROGRAM)
            .starts_with("\x7f"
                         "ELF")) {
-    GTEST_SKIP() << "an emulator's script leads to files that others may not read";
+    GTEST_SKIP() << "the emulator's script needs files that other users cannot read";
   }
   const ipc::testing::PrivateBus bus;
   const std::string folder = bus.address().substr(std::string("unix:path=").size()) + ".d";

@@ -27,7 +27,7 @@ TEST_F(Requests, StatusOfAnswerWithoutIdCounts) {
   EXPECT_EQ(result.out, "");
 }
 
-// The connection ends while kovactl sleeps, so that it finds the answer and the end together.
+// The connection ends while kovactl is stopped, so it finds the answer and the EOF together.
 TEST_F(Requests, AnswerBeforeLossOfBusCounts) {
   std::promise<void> asleep;
   std::promise<void> answered;

@@ -18,7 +18,7 @@ TEST(Text, PrintableEscapesControlCharacters) {
             "\\u009b31m")
       << "C1 controls";
   EXPECT_EQ(printable("\xE2\x80\xAE"), "\\u202e") << "right-to-left override";
-  EXPECT_EQ(printable("\x9b\xC3"), "\\x9b\\xc3") << "bytes that are no UTF-8";
+  EXPECT_EQ(printable("\x9b\xC3"), "\\x9b\\xc3") << "not UTF-8";
   EXPECT_EQ(printable("\xC0\xAF\xED\xA0\x80"), "\\xc0\\xaf\\xed\\xa0\\x80")
       << "overlong form, surrogate";
 }

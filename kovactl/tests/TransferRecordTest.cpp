@@ -80,7 +80,7 @@ TEST(TransferRecord, ForeignObjectsAreIgnored) {
   EXPECT_TRUE(transferRecords(Variant::Map{{"/kova/transfers/7", "text"}}).empty());
 }
 
-TEST(TransferRecord, ValuesOfOtherTypesReadAsNone) {
+TEST(TransferRecord, ValuesOfOtherTypesReadAsAbsent) {
   const TransferRecord record = transferRecord(
       "7",
       Variant::Map{{"Kind", 5}, {"Size", "large"}, {"Started", UINT64_MAX}, {"Outcome", true}});
@@ -91,7 +91,7 @@ TEST(TransferRecord, ValuesOfOtherTypesReadAsNone) {
   EXPECT_TRUE(timeResult(record.started).isEmpty());
 }
 
-TEST(TransferRecord, ShareIsOfPlausibleSizesOnly) {
+TEST(TransferRecord, PercentageNeedsPlausibleSize) {
   TransferRecord record;
   record.number = "7";
   record.phase = "transferring";

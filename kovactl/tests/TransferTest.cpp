@@ -28,7 +28,7 @@ void sendStatus(Peer::Request& request, ipc::Ipc& ipc, std::uint64_t id, const c
   EXPECT_TRUE(ipc.SendRequest(event));
 }
 
-// Sends the event with this outcome to the requester, like the camera.
+// Sends the event with this outcome to the requester, as the camera does.
 Peer::Script ending(const char* status) {
   return [status](Peer::Request& request, ipc::Ipc& ipc, bool&) {
     sendStatus(request, ipc, request.id(), status);
@@ -43,7 +43,7 @@ TEST_F(Transfers, WaitReturns0ForOk) {
   Peer peer(ending("OK"));
   expectOutput(run(putLogo("10")), 0, "OK\n");
   Peer::Request request = peer.received().front();
-  // Process ids repeat among containers.
+  // The message id makes it unique: process ids repeat among containers.
   EXPECT_THAT(request.from(),
               ::testing::MatchesRegex("client\\.kovactl_[0-9]+_" + std::to_string(request.id())));
   EXPECT_EQ(request.find("what")->toText(), "logo");
@@ -118,7 +118,7 @@ TEST_F(Transfers, ExitsOnAcceptanceWithoutWait) {
   EXPECT_EQ(run({"get", "support", "http://x/"}).status, 0);
   const auto received = peer.received();
   ASSERT_EQ(received.size(), 3U);
-  // The camera refuses requests without a recipient for their events.
+  // The camera refuses requests that name no recipient for events.
   EXPECT_EQ(received[0].find("from")->toText(), "client.kovactl");
   EXPECT_EQ(received[1].find("from")->toText(), "client.kovactl");
   EXPECT_EQ(*received[2].find("disableEvents"), Variant(true));

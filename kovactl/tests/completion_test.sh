@@ -11,7 +11,7 @@ trap 'rm -f "$HOSTFILE"' EXIT
 echo '192.0.2.1 cam.example' >"$HOSTFILE"
 failures=0
 
-# expect WORD WORDS...: completing the last of WORDS offers WORD; "-" in place of WORD: nothing.
+# expect WORD WORDS...: completing the last of WORDS must offer WORD or, if WORD is "-", nothing.
 expect() {
   local wanted=$1
   shift
@@ -41,7 +41,7 @@ expect event-heatmap get event-h
 expect --wait put logo --w
 expect GetSystemStats call Get
 expect wifi:= call GetSystemStats wi
-# As bash splits them.
+# Words as bash splits them.
 expect snapshot call GetRequest what = sn
 expect eventHeatmap call GetRequest what =
 expect - call GetRequest uri = ht

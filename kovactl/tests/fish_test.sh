@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Tests the fish completion: fish_test.sh KOVACTL COMPLETION. Exit status 77: there is no fish here.
+# Tests the fish completion: fish_test.sh KOVACTL COMPLETION. Exit status 77: fish is not installed.
 set -euo pipefail
 
 command -v fish >/dev/null || { echo "skipped: fish is not installed" && exit 77; }
@@ -11,7 +11,7 @@ trap 'rm -rf "$HOME"' EXIT
 
 failures=0
 
-# expect WORD LINE: completing LINE offers WORD; "-" in place of WORD: nothing.
+# expect WORD LINE: completing LINE must offer WORD or, if WORD is "-", nothing.
 expect() {
   local offered
   offered=$(fish --no-config -c "source '$completion'; complete -C \"kovactl $2\"" 2>&1 | cut -f 1)

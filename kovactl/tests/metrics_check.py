@@ -11,7 +11,7 @@ import sys
 NAME = r"[a-zA-Z_][a-zA-Z0-9_]*"
 SAMPLE = re.compile(rf"({NAME})(\{{(.*)\}})? (\S+)")
 LABEL = re.compile(rf'({NAME})="((?:[^"\\\n]|\\["\\n])*)"(,|$)')
-# Units that are not base units, and abbreviations.
+# Units other than base units, and abbreviations.
 BAD_WORDS = {"milliseconds", "minutes", "hours", "days", "kilobytes", "kibibytes", "bits", "percent", "ms", "s", "kb", "b"}
 
 
@@ -27,7 +27,7 @@ def labels_of(line, text):
             fail(line, "labels are malformed")
         name, value, comma = match.groups()
         if name in labels or name.startswith("__"):
-            fail(line, "a label is reserved or given twice")
+            fail(line, "a label is reserved or duplicate")
         labels[name] = value
         text = text[match.end():]
         if comma and not text:
@@ -39,7 +39,7 @@ def check(text):
     if not text.endswith("# EOF\n") or text.count("# EOF") != 1:
         fail(text[-20:], "the last line is not # EOF")
     if any(ord(c) < 0x20 and c != "\n" for c in text):
-        fail(text, "there is a control character")
+        fail(text, "contains a control character")
     helps, types, seen, families = {}, {}, set(), []
     for line in text.splitlines()[:-1]:
         match = re.fullmatch(rf"# (HELP|TYPE) ({NAME}) (.+)", line)
@@ -49,25 +49,25 @@ def check(text):
             if name in known or name in families:
                 fail(line, "a family is declared twice or after its samples")
             if keyword == "TYPE" and rest != "gauge":
-                fail(line, "only gauges are declared alike in both formats")
+                fail(line, "only gauges have the same declaration in both formats")
             known[name] = rest
             continue
         match = SAMPLE.fullmatch(line)
         if not match:
-            fail(line, "this is no sample")
+            fail(line, "not a sample")
         name, _, labels, value = match.groups()
         if not families or families[-1] != name:
             if name in families:
-                fail(line, "the samples of a family are not together")
+                fail(line, "the samples of a family are not contiguous")
             families.append(name)
         series = (name, labels_of(line, labels or ""))
         if series in seen:
-            fail(line, "a series is given twice")
+            fail(line, "a series is duplicate")
         seen.add(series)
         if not math.isfinite(float(value)):
-            fail(line, "the value is no number")
+            fail(line, "the value is not a number")
         if name not in helps:
-            fail(line, "there is no help")
+            fail(line, "the family has no help")
         if (name in types) == name.endswith("_total"):
             fail(line, "a counter has a type, or a gauge has none")
         if BAD_WORDS & set(name.split("_")) or not name.islower() or not name.startswith("kova_"):

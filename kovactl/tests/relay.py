@@ -1,7 +1,11 @@
 #!/usr/bin/python3
-"""Carries one connection to a Unix socket: relay.py TARGET from standard input and to standard output, as a program
-of "unixexec:" does; relay.py TARGET SOCKET from SOCKET, which it makes and listens at, as ssh -L does. What goes to
-TARGET is late by RELAY_DELAY_S seconds; the connection ends, undelivered, with what holds RELAY_END_AT."""
+"""Relays one connection to the Unix socket TARGET.
+
+relay.py TARGET          connects standard input and output, as a program of "unixexec:" does
+relay.py TARGET SOCKET   creates SOCKET and accepts a connection there, as ssh -L does
+
+Data to TARGET is delayed by RELAY_DELAY_S seconds. Data that contains RELAY_END_AT is dropped and ends the relay.
+"""
 
 import os
 import socket

@@ -84,7 +84,7 @@ expect "a folder is looked at" dev "$copy/dev" board-check /nowhere
 expect_not "  without one" called "apt-get"
 
 have_packages installed
-expect_not "a package that cannot be had ends it" dev FAIL=download "$copy/dev" build arm64
+expect_not "a failed download ends it" dev FAIL=download "$copy/dev" build arm64
 expect "  after a look at what is new" called "apt-get update"
 expect_not "  and nothing is left" test -e "$copy/build/qemu-user"
 expect_not "none is fetched if that is forbidden" dev KOVA_NO_INSTALL=1 "$copy/dev" build arm64

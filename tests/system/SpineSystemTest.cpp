@@ -1,5 +1,4 @@
 #include <csignal>
-#include <sstream>
 
 #include "BusClient.h"
 #include "SharedCamera.h"
@@ -149,32 +148,6 @@ TEST_F(SpineSystem, SigtermIsLoggedAndWritesPendingSave) {
   // In this order: SIGTERM caused the write, not the quiet period.
   EXPECT_NE(log.find(": Persisted", told), std::string::npos) << log;
   EXPECT_EQ(occurrences(log, ": Persisted"), 1U);
-}
-
-/// A process's soft limit (proc(5), "limits").
-std::string limitOf(pid_t pid, const std::string& name) {
-  std::istringstream limits(readFile("/proc/" + std::to_string(pid) + "/limits"));
-  for (std::string line; std::getline(limits, line);) {
-    if (line.starts_with(name + " ")) {
-      std::istringstream rest(line.substr(name.size()));
-      std::string value;
-      rest >> value;
-      return value;
-    }
-  }
-  return "none";
-}
-
-TEST_F(SpineSystem, ServicesRunUnderLimits) {
-  const pid_t daemon = controlServer(camera()).pid();
-  EXPECT_EQ(limitOf(daemon, "Max open files"), "4096");
-  EXPECT_EQ(limitOf(daemon, "Max core file size"), "0");
-#if !defined(__SANITIZE_ADDRESS__)  // it reserves far more
-  EXPECT_EQ(limitOf(daemon, "Max data size"), "536870912");
-#endif
-  const std::vector<pid_t> buses = processesOf(camera(), "dbus-daemon");
-  ASSERT_EQ(buses.size(), 1U);
-  EXPECT_EQ(limitOf(buses.front(), "Max data size"), "536870912");
 }
 
 TEST_F(SpineSystem, LostBusEndsWith255AndBothAreRestarted) {

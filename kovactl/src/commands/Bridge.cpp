@@ -23,9 +23,9 @@
 namespace kova::ctl {
 namespace {
 
-constexpr time_t kConnectS = 5;  // while the bus has no time to accept
+constexpr time_t kConnectS = 5;  // bounds connect(), which blocks while the backlog is full
 
-// The value of a key in a D-Bus address; false when it has an invalid escape.
+// Decodes a value of a D-Bus address; false if it has an invalid escape.
 bool unescape(std::string_view text, std::string& value) {
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] != '%') {
@@ -44,7 +44,7 @@ bool unescape(std::string_view text, std::string& value) {
   return true;
 }
 
-// The name of the socket in "unix:path=..." or "unix:abstract=...", as unix(7) has it.
+// The socket name in "unix:path=..." or "unix:abstract=...", in the form of sun_path in unix(7).
 bool socketName(std::string_view address, std::string& name) {
   constexpr std::string_view kPath = "unix:path=";
   constexpr std::string_view kAbstract = "unix:abstract=";

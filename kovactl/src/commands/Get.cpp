@@ -37,7 +37,7 @@ struct GetArguments {
   std::vector<std::string> fields;
 };
 
-// Accepts the names that the camera accepts, also those without digits.
+// Accepts what the camera accepts, including names without digits.
 bool isNameOf(const Kind& kind, std::string_view name) {
   if (!name.starts_with(kind.prefix)) {
     return false;
@@ -60,7 +60,7 @@ std::string nameFault(const Kind& kind, const std::string& name) {
              : "\"" + name + "\" is not the name of an " + what + ": write one such as " + form;
 }
 
-// The camera takes texts only: with any other value its file is held until the daemon restarts.
+// The camera accepts only strings; any other value blocks the file until the daemon restarts.
 bool areTexts(const std::vector<std::string>& fields) {
   return std::ranges::all_of(fields, [](const std::string& field) {
     const std::size_t sign = field.find('=');

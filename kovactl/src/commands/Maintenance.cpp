@@ -8,11 +8,10 @@
 namespace kova::ctl {
 namespace {
 
-// The camera never answers this request. Only an error can arrive, and errors arrive at once.
+// The camera never answers a reboot request. Only an error can arrive, and errors arrive at once.
 constexpr std::uint32_t kRefusalMs = 500;
 
-// Numbers without a unit were once milliseconds. A large one probably comes from a script of that
-// time.
+// Numbers without a unit used to be milliseconds. A large one probably comes from an old script.
 constexpr std::uint32_t kDoubtfulMs = 100 * 1000;
 
 bool parseDelay(const std::string& text, std::uint32_t& delayMs, std::string& error) {

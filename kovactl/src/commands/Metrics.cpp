@@ -72,7 +72,7 @@ std::optional<double> figure(const Variant& statistics, std::string_view section
   return value != nullptr ? std::optional(value->toNumber<double>()) : std::nullopt;
 }
 
-/// A figure of the statistics that is one number.
+/// A statistic that is a single number.
 struct Figure {
   const char* name;
   const char* help;
@@ -90,7 +90,7 @@ constexpr std::array<Figure, 6> kFigures{{
     {"kova_uptime_seconds", "Time since the camera booted.", "uptime", "sec"},
 }};
 
-// The camera keeps the load, of two decimals, in single precision.
+// Undoes the noise of single precision, in which the camera keeps the load; it has two decimals.
 double rounded(double value) {
   return std::round(value * 100) / 100;
 }
@@ -195,12 +195,12 @@ void appendDevice(std::string& text, const Device& device) {
 
 using Counts = std::map<std::pair<std::string, std::string>, unsigned>;
 
-// An idle camera has series, too.
+// Every combination gets a series, even on an idle camera.
 constexpr std::array kTransferKinds{"firmware",      "logo",         "sound",      "snapshot",
                                     "eventSnapshot", "eventHeatmap", "supportInfo"};
 constexpr std::array kPhases{"preparing", "transferring", "finalising"};
 
-// Gauges: the camera forgets transfers.
+// Gauges, not counters: the camera drops old records.
 void appendTransfers(std::string& text, const std::vector<TransferRecord>& transfers) {
   Counts active;
   for (const char* kind : kTransferKinds) {
@@ -211,7 +211,7 @@ void appendTransfers(std::string& text, const std::vector<TransferRecord>& trans
   Counts ended;
   for (const TransferRecord& record : transfers) {
     const bool over = record.hasEnded();
-    // As they are printed: different texts may become one.
+    // Keyed by the printed form: different texts may print alike.
     ++(over ? ended
             : active)[{printable(record.kind), printable(over ? record.outcome : record.phase)}];
   }
@@ -248,7 +248,7 @@ std::string metricsText(const Variant& statistics, const Device* device,
 
 namespace {
 
-// Older cameras do not have all objects.
+// Older cameras lack some objects; that is not a failure.
 ExitStatus judged(const Options& options, ExitStatus asked, const Objects::Answer& answer,
                   const char* what) {
   const bool had = asked != ExitStatus::Ok || answer.error.empty() || isUnknown(answer);

@@ -13,7 +13,7 @@ namespace kova::ctl {
 /// Prometheus, which node_exporter's textfile collector reads: counters, whose declarations differ
 /// between the two, have no type.
 /// @param statistics the payload of GetSystemStats
-/// @param device     null if the camera does not tell about itself
+/// @param device     null if the camera does not describe itself
 /// @param transfers  likewise
 std::string metricsText(const variant::Variant& statistics, const Device* device,
                         const std::vector<TransferRecord>* transfers);

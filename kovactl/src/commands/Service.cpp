@@ -36,7 +36,7 @@ std::string refusalOf(const std::string& service) {
   const auto has = [&known](const std::string& name) {
     return std::ranges::find(known, name) != known.end();
   };
-  // Other machines than a camera have other services.
+  // Suggest local names only if this machine is a camera.
   return has(kServer) && !has(service)
              ? notFound("service", service, known)
              : "check the name \"" + service +
@@ -67,8 +67,8 @@ Action setUpService(CommandLine& line) {
     sub->argument("NAME", *service, "Name of the service");
   }
   line.footer(
-      "The list shows the services of the local machine, systemd's or those in /etc/sv, or those "
-      "of --host. With runit the states require root.");
+      "The list shows the services of systemd or those in /etc/sv, of the local machine or, with "
+      "--host, of the remote camera. Under runit the states require root.");
   return [service, list, start](const Options& options) {
     using namespace ipc::messages;
     if (list.given()) {

@@ -96,7 +96,7 @@ std::string refusalOf(const Variant& request) {
   return "a value was rejected; see the camera's log";
 }
 
-// A model without time-lapse ignores the setting silently.
+// Models without time-lapse ignore the setting silently.
 ExitStatus judgeTimelapse(const Variant& request, const Reply& reply) {
   const std::string_view field = kSettings[3].field;
   return reply.status == ExitStatus::Ok && request.find(field) != nullptr &&
@@ -169,7 +169,8 @@ ExitStatus askSettings(const Options& options, ipc::messages::BaseRequestMessage
     return reply.status;
   }
   const Variant payload = payloadOf(reply);
-  // With a refusal the answer holds what was done before it, which is not all.
+  // The payload of a refusal has only the settings handled before the failure, so it is not shown
+  // as text.
   const std::string text = reply.status == ExitStatus::Ok ? table(settingsRows(payload)) : "";
   const ExitStatus shown = present(options, payload, text);
   const ExitStatus judged = judgeTimelapse(asked, reply);
@@ -218,8 +219,7 @@ Action setUpSettings(CommandLine& line) {
 }
 
 Action setUpResetSettings(CommandLine& line) {
-  line.footer(
-      "Sets the default name of the model and the time zone GMT, then prints the settings.");
+  line.footer("Sets the model's default name and the time zone GMT, then prints the settings.");
   return [](const Options& options) {
     ipc::messages::BaseRequestMessage request;
     request.functionName("ResetDeviceSettings");

@@ -213,7 +213,8 @@ std::vector<std::string> sectionNames() {
   return names;
 }
 
-// In "--watch memory" the word is a section: only a number is an interval.
+// The value of --watch is an interval only if it begins like a number; in "--watch memory" it is a
+// section.
 bool takeInterval(const std::string& interval, std::vector<std::string>& names,
                   std::uint32_t& intervalMs, std::string& error) {
   if (interval.empty()) {

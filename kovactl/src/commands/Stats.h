@@ -22,8 +22,8 @@ const std::vector<StatsSection>& statsSections();
 /// Finds a section by its flag, ignoring case; null if there is none.
 const StatsSection* findStatsSection(const std::string& name);
 
-/// Whether the section "wifi" tells of a link. Without one the camera reports a level of 0 or
-/// -100 dBm and a quality derived from it.
+/// Whether the section "wifi" shows a link. Without one the camera reports a level of 0 or -100 dBm
+/// and a quality derived from it.
 bool hasLink(const variant::Variant& wifi);
 
 /// The payload of an answer to GetSystemStats as a table in human-readable units.

@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The folder also holds other files. RFC 8536 defines the format.
+// The folder also holds other files; a zone begins with the magic number of RFC 8536.
 bool isZone(const fs::path& file) {
   std::array<char, 4> start{};
   std::ifstream stream(file, std::ios::binary);
@@ -27,7 +27,7 @@ bool isZone(const fs::path& file) {
   return stream && std::string_view(start.data(), start.size()) == "TZif";
 }
 
-// Copies of all zones with other rules for leap seconds, and the default of the machine.
+// Not zones: copies of all zones with other leap-second rules, and the machine's default zone.
 bool isAlias(const fs::path& name) {
   return name == "posix" || name == "right" || name == "localtime" || name == "posixrules";
 }
@@ -87,7 +87,7 @@ Action setUpTimezones(CommandLine& line) {
   auto parts = std::make_shared<std::vector<std::string>>();
   line.arguments("PART", *parts, "List only names that contain this, ignoring case");
   line.footer("Lists the time zones in " + std::string(kZoneFolder) +
-              " of the local machine, or of that of --host.");
+              " of the local machine or, with --host, of the remote camera.");
   return [parts](const Options& options) {
     std::vector<std::string> words{"timezones"};
     words.insert(words.end(), parts->begin(), parts->end());

@@ -11,8 +11,8 @@ inline constexpr const char* kZoneFolder = "/usr/share/zoneinfo";
 /// The sorted names of the time zones of the local machine.
 std::vector<std::string> installedZones();
 
-/// What is wrong with a time zone, judged by the time zones of the local machine; "" if nothing, or
-/// if it has none.
+/// Describes what is wrong with a time zone, according to those of the local machine; "" if nothing
+/// is, or if the machine has no time zones.
 std::string doubtAboutZone(const std::string& zone);
 
 }  // namespace kova::ctl

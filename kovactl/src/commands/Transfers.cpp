@@ -32,7 +32,7 @@ ExitStatus showOnce(const Options& options, Objects& objects) {
   return present(options, list, outputIsTerminal() ? wrap(text, terminalSize().columns) : text);
 }
 
-// Presents what has changed since the last time, one line each.
+// Presents the changes since the previous call, one line each.
 class Changes {
  public:
   explicit Changes(const Options& options) : options_(options) {}
@@ -55,7 +55,7 @@ class Changes {
   }
 
  private:
-  // For people each phase, for programs everything.
+  // As text only a new phase or outcome, as JSON every change.
   bool isNews(const TransferRecord& before, const TransferRecord& now) const {
     return options_.json ? !(before == now)
                          : before.phase != now.phase || before.outcome != now.outcome;
@@ -65,7 +65,8 @@ class Changes {
   std::map<std::string, TransferRecord> last_;
 };
 
-// Waits for a change, at least for as long as the camera waits before it signals the next.
+// Waits for a change, at most kMost. Waits at least kLeast, the camera's interval between signals,
+// so that a burst causes one read.
 ExitStatus awaitChange(Objects& objects, const bool& changed) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kLeast(200);
@@ -94,7 +95,7 @@ ExitStatus readInto(const Options& options, Objects& objects, const Frame& frame
   if (answer.error.empty()) {
     return frame(records);
   }
-  // A camera that flashes its firmware answers later.
+  // A camera that is flashing its firmware does not answer now: keep watching.
   return exitForError(answer.error) == ExitStatus::NoAnswer
              ? ExitStatus::Ok
              : failOn(answer, "the list of transfers", options.host);
@@ -147,9 +148,9 @@ Action setUpTransfers(CommandLine& line) {
   auto watching = std::make_shared<bool>(false);
   line.flag("--watch", *watching, "Repeat until Ctrl-C");
   line.footer(
-      "Shows the transfers under way and the last 32 that have ended, with the reason of each "
-      "failure. On a terminal --watch refreshes in place, elsewhere it prints a line for each new "
-      "phase; with --json it prints a line for each change.");
+      "Shows the running transfers and the last 32 that ended, with the reason for each failure. "
+      "On a terminal --watch refreshes in place, elsewhere it prints a line for each new phase; "
+      "with --json it prints a line for each change.");
   return [watching](const Options& options) {
     Objects objects(options);
     const ExitStatus opened = objects.open();

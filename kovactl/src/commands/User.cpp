@@ -17,8 +17,8 @@ namespace {
 using ipc::messages::ChangeUsernamePassword;
 using utils::Secret;
 
-// The sources of the passwords, prompts by default. The command line is none of them, since every
-// process can read it.
+// The sources of the passwords; the default is to prompt. Not the command line, which every process
+// can read.
 struct PasswordSources {
   std::string oldFile;     ///< its first line is the old password
   std::string newFile;     ///< its first line is the new password
@@ -133,7 +133,7 @@ ExitStatus showName(const Options& options) {
   return present(options, payloadOf(reply), printable(nameIn(reply)) + "\n");
 }
 
-// The names that the camera takes.
+// The account names that the camera accepts.
 bool isAccountName(const std::string& name) {
   constexpr std::string_view kFirst = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
   constexpr std::size_t kLongest = 32;

@@ -101,7 +101,8 @@ std::optional<bool> BaseButton::sample(std::uint64_t now) {
   return readable ? std::optional(high != activeLow_) : std::nullopt;
 }
 
-// True if there was one; `now` is then outdated, since the observer may take a while.
+// Ends a press if the gap since the last sample is too long. True if it ended one; `now` is then
+// stale, since the observer may have taken a while.
 bool BaseButton::endUnseenPress(std::uint64_t now) {
   if (now - sampledAt_ <= kLongestGapMs) {
     return false;
@@ -114,6 +115,8 @@ bool BaseButton::endUnseenPress(std::uint64_t now) {
   return ended;
 }
 
+// `pressed_` follows `candidate_` once that has been stable for the debounce time. Both edges are
+// timed by the first sample of the new level.
 void BaseButton::debounce(bool pressed, std::uint64_t now) {
   if (pressed) {
     seenPressedAt_ = now;
@@ -136,7 +139,7 @@ void BaseButton::debounce(bool pressed, std::uint64_t now) {
 }
 
 void BaseButton::reportHeld(std::uint64_t now) {
-  // Not while the line is open: this may be the release, which is timed by its first open sample.
+  // Not while the line is open: this may be the release, which counts from its first open sample.
   if (pressed_ && candidate_ && heldTime(lastReport_, now) >= intervalMs_) {
     lastReport_ = now;
     observer_->buttonDepressed(heldTime(pressedSince_, now));

@@ -16,7 +16,7 @@ struct Place {
   std::uint32_t offset;
 };
 
-// Of "LABEL:OFFSET"; a label may contain colons.
+// Parses "LABEL:OFFSET"; a label may contain colons.
 bool parsePlace(std::string_view text, Place& place) {
   const std::size_t colon = text.rfind(':');
   if (colon == std::string_view::npos || colon == 0) {

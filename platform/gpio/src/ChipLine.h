@@ -8,8 +8,8 @@
 
 namespace kova::gpio {
 
-/// A line of a GPIO character device, by its chip's label and its offset or by its own name. It is
-/// searched anew each time it is opened.
+/// A line of a GPIO character device, given by chip label and offset or by its own name. Looked up
+/// again on each open.
 class ChipLine : public InputLine {
  public:
   explicit ChipLine(std::string name) : name_(std::move(name)) {}

@@ -1,6 +1,5 @@
-// By the kernel's own header: four calls of a stable interface need no library, and the libraries
-// for it differ between the distributions that a board may have, in what they are called and in
-// what they offer.
+// Uses <linux/gpio.h> directly: four ioctls of a stable interface need no library, and the GPIO
+// libraries differ in name and API between distributions.
 #include "Chips.h"
 
 #include <dirent.h>
@@ -21,7 +20,7 @@ constexpr char kFolder[] = "/dev";
 constexpr std::string_view kPrefix = "gpiochip";
 constexpr char kConsumer[] = "kova";
 
-// What the kernel gives need not end with a NUL.
+// The kernel need not terminate its strings with a NUL.
 template <std::size_t kSize>
 std::string textOf(const char (&field)[kSize]) {
   return {field, strnlen(field, kSize)};
@@ -31,7 +30,7 @@ utils::UniqueFd openChip(const std::string& path) {
   return utils::UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 }
 
-// The numbers of the files that have a chip's name.
+// Numbers of the files named like a chip, in ascending order.
 std::vector<unsigned> listNumbers() {
   std::vector<unsigned> numbers;
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(kFolder), closedir);

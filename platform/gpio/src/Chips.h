@@ -6,7 +6,7 @@
 
 #include "kova/utils/UniqueFd.h"
 
-/// The GPIO character devices, by the second version of their interface (Linux 5.10,
+/// The GPIO character devices, through version 2 of their user API (Linux 5.10,
 /// Documentation/userspace-api/gpio/chardev.rst).
 namespace kova::gpio {
 
@@ -16,14 +16,14 @@ struct Chip {
   std::uint32_t lines;
 };
 
-/// The chips that can be opened, in the order of their numbers.
+/// The chips that can be opened, ordered by number.
 std::vector<Chip> listChips();
 
-/// The names of all lines of the chip, "" for each that has none; nothing if they cannot be read.
+/// The names of all lines of the chip, "" for unnamed ones; empty if they cannot be read.
 std::vector<std::string> lineNames(const Chip& chip);
 
-/// Takes the line as an input. Nothing, with errno, if that is not possible: EBUSY if somebody else
-/// has it, EINVAL if the chip has no such line.
+/// Requests the line as an input. On failure returns no descriptor and sets `errno`: EBUSY if the
+/// line is in use, EINVAL if the chip has no such line.
 utils::UniqueFd requestInput(const Chip& chip, std::uint32_t offset);
 
 /// The level of a line that requestInput() has returned. False, with errno, if it cannot be read.

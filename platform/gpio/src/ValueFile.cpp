@@ -16,7 +16,7 @@ bool ValueFile::read(bool& high) {
       return false;
     }
   }
-  std::array<char, sizeof "0\n"> buffer;  // with room for one too many
+  std::array<char, sizeof "0\n"> buffer;  // one spare byte, to detect longer content
   const ssize_t got = pread(file_.get(), buffer.data(), buffer.size(), 0);
   if (got < 0) {
     return false;

@@ -57,7 +57,7 @@ class ButtonTest : public testing::Test {
     info_["reset_button_gpio"] = path_;
   }
 
-  // Each sets the line and then services the button for so long.
+  // Each sets the line, then services the button for `ms`.
   void press(int ms = 0) { hold("0\n", ms); }
   void release(int ms = 0) { hold("1\n", ms); }
   void hold(const char* level, int ms) {
@@ -185,7 +185,7 @@ TEST_F(ButtonTest, GapOf250MillisecondsDoesNotEndPress) {
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 430", "down"));
 }
 
-TEST_F(ButtonTest, PressThatEndedUnseenIsOver) {
+TEST_F(ButtonTest, PressReleasedInGapEnds) {
   start();
   press(500);
   release();
@@ -194,7 +194,7 @@ TEST_F(ButtonTest, PressThatEndedUnseenIsOver) {
   EXPECT_THAT(observer_.events, ElementsAre("down", "up 490"));
 }
 
-TEST_F(ButtonTest, EqualLevelsAroundGapAreNotDuration) {
+TEST_F(ButtonTest, EqualLevelsAroundGapDoNotDebounce) {
   start();
   press(10);
   turnedMs += 1000;
@@ -311,7 +311,7 @@ TEST_F(ButtonTest, LostLineFailsAtOnceThenOncePerMinute) {
   EXPECT_EQ(logged("Cannot read the button at " + path_ + ": Invalid argument"), 1U);
 }
 
-TEST_F(ButtonTest, BlindTimeDoesNotCountAsHold) {
+TEST_F(ButtonTest, UnreadableTimeDoesNotCountAsHold) {
   start(100);
   press(150);
   writeText(path_, "");

@@ -20,7 +20,7 @@ class ChipLineTest : public testing::Test {
     fakeRequests = 0;
   }
 
-  // The level of the line, or the negative errno of reading it.
+  // The level of the line, or a negative errno value.
   static int level(InputLine& line) {
     bool high = false;
     errno = 0;
@@ -47,7 +47,7 @@ TEST_F(ChipLineTest, LineIsFoundByItsName) {
   EXPECT_EQ(level("reset"), 1);
   EXPECT_EQ(level("status"), 0);
   fakeChips[1].names = {":1"};
-  EXPECT_EQ(level(":1"), 1) << "no label";
+  EXPECT_EQ(level(":1"), 1) << "not LABEL:OFFSET";
 }
 
 TEST_F(ChipLineTest, FirstOfSeveralWithOneNameCounts) {
@@ -57,7 +57,7 @@ TEST_F(ChipLineTest, FirstOfSeveralWithOneNameCounts) {
   EXPECT_EQ(level("soc:1"), 1);
 }
 
-TEST_F(ChipLineTest, WhatIsNotThereIsNoDevice) {
+TEST_F(ChipLineTest, UnknownLineFailsWithENODEV) {
   for (const char* name : {"other", "other:1", "re", "resett", "soc:", "soc:x", "soc:1x", "soc:-1",
                            "soc: 1", ":1", "soc:4294967296", ":", "gpiochip0"}) {
     EXPECT_EQ(level(name), -ENODEV) << name;
@@ -70,7 +70,7 @@ TEST_F(ChipLineTest, OffsetBeyondChipIsInvalid) {
   EXPECT_EQ(level("soc:4294967295"), -EINVAL);
 }
 
-TEST_F(ChipLineTest, LineIsTakenOnce) {
+TEST_F(ChipLineTest, LineIsRequestedOnce) {
   const auto line = InputLine::of("reset");
   EXPECT_EQ(fakeRequests, 0);
   EXPECT_EQ(level(*line), 0);
@@ -79,7 +79,7 @@ TEST_F(ChipLineTest, LineIsTakenOnce) {
   EXPECT_EQ(fakeRequests, 1);
 }
 
-TEST_F(ChipLineTest, LineOfSomebodyElseIsTakenLater) {
+TEST_F(ChipLineTest, BusyLineIsRetriedLater) {
   fakeChips[1].requestErrors[0] = EBUSY;
   const auto line = InputLine::of("reset");
   EXPECT_EQ(level(*line), -EBUSY);
@@ -87,7 +87,7 @@ TEST_F(ChipLineTest, LineOfSomebodyElseIsTakenLater) {
   EXPECT_EQ(level(*line), 0);
 }
 
-TEST_F(ChipLineTest, ClosedLineIsSearchedAnew) {
+TEST_F(ChipLineTest, ClosedLineIsLookedUpAgain) {
   const auto line = InputLine::of("reset");
   EXPECT_EQ(level(*line), 0);
   fakeChips[1].readError = ENODEV;
@@ -97,7 +97,7 @@ TEST_F(ChipLineTest, ClosedLineIsSearchedAnew) {
   EXPECT_EQ(level(*line), 1);
 }
 
-TEST_F(ChipLineTest, DescriptorsDoNotPileUp) {
+TEST_F(ChipLineTest, DescriptorsDoNotAccumulate) {
   const auto open = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   };

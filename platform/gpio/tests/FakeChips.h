@@ -9,16 +9,16 @@ namespace kova::gpio::fakes {
 /// A scripted GPIO controller in place of the kernel's.
 struct FakeChip {
   std::string label;
-  std::vector<std::string> names;  // of its lines
+  std::vector<std::string> names;  // of the lines
   std::map<unsigned, bool> high = {};
-  std::map<unsigned, int> requestErrors = {};  // the errno of taking a line
-  int readError = 0;                           // the errno of reading one that was taken
+  std::map<unsigned, int> requestErrors = {};  // errno of a failing request, by offset
+  int readError = 0;                           // errno of a failing read
 };
 
-/// In the order of their numbers. Cleared by each test.
+/// Ordered by number; reset by each test.
 extern std::vector<FakeChip> fakeChips;
 
-/// How many times a line was taken.
+/// Number of requests for a line.
 extern int fakeRequests;
 
 }  // namespace kova::gpio::fakes

@@ -25,7 +25,7 @@ class BusMonitor::Connection {
 
  private:
   using Sink = std::function<void(const SeenMessage&)>;
-  /// Unique name of the caller and serial number of the call, which identify the call of an answer.
+  /// Caller's unique name and serial of the call, which together match an answer to its call.
   using CallId = std::pair<std::string, std::uint64_t>;
   using Calls = std::map<CallId, std::string>;
   using Owners = std::map<std::string, std::string>;  ///< unique names by endpoint
@@ -45,7 +45,7 @@ class BusMonitor::Connection {
 
   BusPtr bus_;
   Owners owners_;
-  Calls calls_;  ///< without an answer yet; by whom they are to be answered, "" if unknown
+  Calls calls_;  ///< not answered yet, with the unique name of the callee, "" if unknown
 };
 
 bool BusMonitor::Connection::open(std::string& error) {
@@ -102,7 +102,7 @@ void BusMonitor::Connection::forget(const std::string& unique) {
 void BusMonitor::Connection::seeOwnerChange(sd_bus_message* signal) {
   const char* name = nullptr;
   const char* owner = nullptr;
-  // A monitor also sees the signals that others forge and nobody else receives.
+  // A monitor also sees forged signals, which the bus delivers to nobody else.
   if (orEmpty(sd_bus_message_get_sender(signal)) != kDriver ||
       !readOwnerChange(signal, name, owner)) {
     return;
@@ -148,7 +148,7 @@ bool BusMonitor::Connection::seeAnswer(sd_bus_message* answer) {
   return true;
 }
 
-// The bus answers for endpoints that are absent, end or may not be called.
+// The bus itself answers calls to endpoints that are absent, leave, or must not be called.
 bool BusMonitor::Connection::mayAnswer(const Calls::value_type& call, const std::string& sender) {
   return sender == kDriver || call.second.empty() || sender == call.second;
 }

@@ -93,12 +93,13 @@ void PresentEndpoints::verify(const std::string& endpoint) {
 }
 
 int PresentEndpoints::Question::onAnswer(sd_bus_message* answer, sd_bus_error*) {
-  // Destroys the question with this call, whatever follows an appearance.
+  // Unlink the question first: verify() may ask again, and add() runs callbacks that change the
+  // list. `done` destroys it on return.
   std::list<Question> done;
   done.splice(done.begin(), owner.questions_, self);
   int isPresent{};
   if (sd_bus_message_is_method_error(answer, SD_BUS_ERROR_NO_REPLY) > 0) {
-    owner.verify(endpoint);  // the bus drops answers, too, while the queue is full
+    owner.verify(endpoint);  // dropped: our queue on the bus was full
   } else if (sd_bus_message_is_method_error(answer, nullptr) == 0 &&
              sd_bus_message_read(answer, "b", &isPresent) >= 0 && isPresent != 0) {
     owner.add(endpoint);

@@ -13,11 +13,11 @@ namespace kova::ipc {
 std::string endpointOf(const char* busName);
 
 /// The endpoints on the bus.
-/// @return false, with the reason in `error`, if the bus cannot tell
+/// @return false, with the reason in `error`, on failure
 bool listEndpoints(sd_bus* bus, std::set<std::string>& endpoints, std::string& error);
 
 /// Reads a NameOwnerChanged of the bus.
-/// @param name  receives the name that was acquired or left
+/// @param name  receives the name that was acquired or released
 /// @param owner receives the unique name of its owner, or ""
 bool readOwnerChange(sd_bus_message* signal, const char*& name, const char*& owner);
 
@@ -33,14 +33,14 @@ class PresentEndpoints {
   /// Starts tracking; call it once.
   bool watch(sd_bus* bus, std::string& error);
   bool has(const std::string& endpoint) const { return present_.contains(endpoint); }
-  /// Asks the bus whether an endpoint has joined unnoticed: it drops the signals for a process that
-  /// has read nothing for so long that its queue on the bus is full. The answer comes later.
+  /// Asks the bus, asynchronously, whether an endpoint has joined unnoticed. The bus drops signals
+  /// to a process whose queue is full because it has not read for a while.
   void verify(const std::string& endpoint);
 
  private:
   static constexpr std::size_t kMostQuestions = 64;
 
-  /// A call to the bus that waits for its answer.
+  /// A pending NameHasOwner call.
   struct Question {
     PresentEndpoints& owner;
     std::string endpoint;

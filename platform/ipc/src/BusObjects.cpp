@@ -54,7 +54,7 @@ class BusObjects::Connection {
   std::string name_;
   Receiver receiver_;
   std::function<void(const Signal&)> changed_;
-  // Released before the connection.
+  // Declared last, so that they are released before the connection.
   SlotPtr call_;
   SlotPtr match_;
 };
@@ -71,7 +71,7 @@ bool BusObjects::Connection::start(const MessagePtr& call, std::uint32_t timeout
 }
 
 int BusObjects::Connection::onAnswer(sd_bus_message* answer, sd_bus_error*) {
-  // The receiver may start the next call.
+  // Move it out first: the receiver may start the next call.
   const Receiver receiver = std::exchange(receiver_, nullptr);
   if (receiver) {
     receiver(answerOf(answer));
@@ -83,7 +83,8 @@ bool BusObjects::Connection::follow(const std::string& path,
                                     std::function<void(const Signal&)> changed) {
   const std::string rule = "type='signal',sender='" + name_ + "',path_namespace='" + path + "'";
   changed_ = std::move(changed);
-  // Before the new rule is added: the bus would remove that, which differs in the path alone.
+  // Remove the old rule first. The bus ignores the path when it looks for the rule to remove, so it
+  // could remove the new one.
   match_.reset();
   sd_bus_slot* slot = nullptr;
   const int result =
@@ -93,14 +94,14 @@ bool BusObjects::Connection::follow(const std::string& path,
 }
 
 int BusObjects::Connection::onSignal(sd_bus_message* message, sd_bus_error*) {
-  // The bus compares the sender of broadcasts only: anybody may direct a signal at us.
+  // The rule restricts the sender of broadcasts only; any peer may send us a unicast signal.
   if (sd_bus_message_get_destination(message) != nullptr) {
     return 0;
   }
   Signal signal{orEmpty(sd_bus_message_get_interface(message)),
                 orEmpty(sd_bus_message_get_member(message)), Variant::Array()};
   wire::decodeArguments(message, signal.arguments);
-  const auto changed = changed_;  // it may follow something else
+  const auto changed = changed_;  // a copy: the callback may call follow()
   changed(signal);
   return 0;
 }

@@ -14,13 +14,14 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ipc";
 constexpr char kLogUnit[] = "Connection";
 
-// A pass is short enough for the caller to handle its signals in time however expensive the
-// messages are.
+// A pass starts no message after this time, so that the caller handles its signals in time however
+// expensive the messages are.
 constexpr std::uint64_t kMaxPassMs = 40;
-// Answers that the bus has not accepted yet. Beyond this no requests are read, which slows senders
-// down and bounds the memory.
+// Answers queued for the bus beyond which no requests are read. This slows senders down and bounds
+// the memory.
 constexpr std::uint64_t kMaxUnsentAnswers = 256;
-// The same for answers about published objects, which may be larger than those of requests.
+// Likewise in bytes, for answers about published objects, which may be larger than those to
+// requests.
 constexpr std::size_t kMaxUnsentBytes = std::size_t{4} * 1024 * 1024;
 
 }  // namespace
@@ -83,7 +84,7 @@ bool Ipc::Connection::respond(messages::BaseRequestMessage& request,
   return session_ != nullptr && session_->incoming.respond(request, response);
 }
 
-// Messages keep their order, so that an answer of the bus to the last one tells of all.
+// The bus reads messages in order: once it answers the ping, it has received everything before.
 bool Ipc::Connection::flush() {
   return session_ != nullptr && !lost_ &&
          sd_bus_call_method(session_->bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -94,7 +95,8 @@ bool Ipc::Connection::isPresent(const std::string& endpoint) const {
   return session_ != nullptr && session_->outgoing.isPresent(endpoint);
 }
 
-// While the bus does not read, output only accumulates in this process.
+// True if the send queue is over a limit and the socket is not writable: handling more messages
+// would only add output.
 bool Ipc::Connection::isCongested() {
   sd_bus* bus = session_->bus.get();
   if (unsentMessages(bus) <= kMaxUnsentAnswers && objects_.unsentBytes() <= kMaxUnsentBytes) {
@@ -104,10 +106,10 @@ bool Ipc::Connection::isCongested() {
   return poll(&socket, 1, 0) == 0;
 }
 
-// Whether the library has nothing to do. Polling the socket is far cheaper than letting it look.
+// Whether sd-bus has nothing to do. Polling the socket is far cheaper than sd_bus_process().
 bool Ipc::Connection::isIdle() {
   sd_bus* bus = session_->bus.get();
-  std::uint64_t due{};  // in microseconds; 0 when a message has been read and not been handled
+  std::uint64_t due{};  // in microseconds; 0 while a message is read but not handled
   sd_bus_get_timeout(bus, &due);
   pollfd socket{sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), {}};
   return due > utils::nowMs() * 1000 && poll(&socket, 1, 0) == 0;
@@ -121,7 +123,7 @@ int Ipc::Connection::handlePending() {
     }
     objects_.beginMessage();
     const int result = sd_bus_process(session_->bus.get(), nullptr);
-    return result != -EBUSY ? result : 0;  // busy: reentered from a handler
+    return result != -EBUSY ? result : 0;  // -EBUSY: reentered from a handler
   });
 }
 

@@ -36,7 +36,7 @@ class Ipc::Connection {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    BusPtr bus;  ///< processes nothing after those below, whose callbacks it holds, are destroyed
+    BusPtr bus;  ///< holds callbacks into the members below; not processed once they are destroyed
     Incoming incoming;
     Outgoing outgoing;
     ObjectServer& objects;
@@ -44,7 +44,7 @@ class Ipc::Connection {
 
   std::unique_ptr<Session> enter(const std::string& endpoint, bool receiveBroadcasts,
                                  TransactionsHandler* transactions, std::string& error);
-  /// Handles what is pending, within limits.
+  /// Handles pending messages, within the limits of a pass.
   /// @return number of messages, or a negative errno value
   int handlePending();
   bool isCongested();

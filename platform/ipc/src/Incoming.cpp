@@ -24,7 +24,7 @@ bool isSend(sd_bus_message* call) {
          (interface == nullptr || std::string_view(interface) == kInterface);
 }
 
-// The name as sent; the accessor would repair a missing or mistyped one.
+// The name as sent; the accessor functionName() would repair a missing or mistyped one.
 std::string functionNameOf(const variant::Variant& message) {
   const variant::Variant* name = message.find("functionName");
   return name != nullptr ? name->toText() : std::string();
@@ -49,8 +49,8 @@ bool reply(sd_bus_message* call, const variant::Variant& body) {
 }  // namespace
 
 bool Incoming::serve(bool receiveBroadcasts, std::string& error) {
-  // sd-bus calls object callbacks before it consults tables, so that calls of any signature reach
-  // onCall; the table only serves introspection.
+  // sd-bus calls object callbacks before it consults vtables, so calls of any signature reach
+  // onCall(); the vtable only serves introspection.
   static constexpr sd_bus_vtable kTable[] = {
       SD_BUS_VTABLE_START(0),
       SD_BUS_METHOD_WITH_ARGS("Send", SD_BUS_ARGS("a{sv}", message),
@@ -99,7 +99,8 @@ Incoming::Outcome Incoming::handle(messages::BaseRequestMessage& request) {  // 
   return handled ? Outcome::Taken : Outcome::Failed;
 }
 
-// Guarded separately, so that a handler that throws after answering does not cause a second answer.
+// Has its own exception barrier, so that a handler that throws after answering does not cause a
+// second answer.
 Incoming::Outcome Incoming::handleGuarded(messages::BaseRequestMessage& request) {
   return guarded("HandleRequest", Outcome::Failed, [&] { return handle(request); });
 }
@@ -115,7 +116,8 @@ int Incoming::onCall(sd_bus_message* call, sd_bus_error* error) {  // kept: 15
                 orEmpty(sd_bus_message_get_sender(call)).c_str(), reason.c_str());
     return sd_bus_error_set(error, kInvalidMessage, reason.c_str());
   }
-  // Reading the id also stores it, so that all copies of a request without one share the same id.
+  // Reading the id also stores it, so that all copies of a request without an id share the same
+  // one.
   Exchange exchange{call, request.id()};
   current_ = &exchange;
   const Outcome outcome = handleGuarded(request);

@@ -32,7 +32,7 @@ class Incoming {
   bool respond(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
 
  private:
-  /// The call being handled.
+  /// The call being handled. Unanswerable: the response could not be sent, so an error is due.
   struct Exchange {
     sd_bus_message* call;
     std::uint64_t requestId;

@@ -25,7 +25,7 @@ class MarshalledSize {
   }
   /// The start of an array of elements with this signature.
   void addArray(std::string_view elements) {
-    addFixed(4);  // which aligns all elements but these, too
+    addFixed(4);  // the length; its alignment suffices for all elements but these
     if (std::string_view("xtd({").find(elements.front()) != std::string_view::npos) {
       align(8);
     }

@@ -19,9 +19,10 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ipc";
 constexpr char kLogUnit[] = "ObjectServer";
 
-// What a property takes besides its text: its name, its type, the padding and its share of the
-// object's path and interfaces.
+// Marshalled size of a property besides its text: name, type, padding and a share of the object's
+// path and interfaces. An estimate.
 constexpr std::size_t kPropertyBytes = 64;
+// Estimated size of the send queue beyond which signals are refused.
 constexpr std::size_t kMostUnsentBytes = std::size_t{8} * 1024 * 1024;
 
 int refuseTooMany(sd_bus_error* error) {
@@ -64,7 +65,7 @@ struct Appender {
   }
 };
 
-/// Repairs the text of a value and tells its length.
+/// Repairs the text of a value, if it has one; returns the length of the text.
 std::size_t repairText(PropertyValue& value) {
   std::string* text = std::get_if<std::string>(&value);
   if (Moment* moment = std::get_if<Moment>(&value)) {
@@ -160,7 +161,7 @@ int ObjectServer::registerAt(Publication& publication) {
   if (publication.object != nullptr) {
     return sd_bus_add_object_vtable(bus_, nullptr, path, name, table, &publication);
   }
-  // One registration serves all objects of a folder, so that they cost no memory here.
+  // A single fallback vtable serves all objects of a folder, so objects cost no memory here.
   const int result =
       sd_bus_add_fallback_vtable(bus_, nullptr, path, name, table, onFind, &publication);
   return result >= 0 ? sd_bus_add_node_enumerator(bus_, nullptr, path, onList, &publication)
@@ -179,7 +180,7 @@ bool ObjectServer::serve(sd_bus* bus, std::string& error) {
   return succeeded(result, "Unable to publish objects", error);
 }
 
-// --- sd-bus asks ---------------------------------------------------------------------------------
+// --- callbacks from sd-bus -----------------------------------------------------------------------
 
 int ObjectServer::onFind(sd_bus*, const char* path, const char*, void* publication, void** found,
                          sd_bus_error* error) noexcept {
@@ -211,6 +212,7 @@ int ObjectServer::onCall(sd_bus_message* call, void* publication, sd_bus_error* 
                    [&] { return handle(*static_cast<Publication*>(publication), call, error); });
 }
 
+// Counts bytes that are about to be marshalled. False if the answer exceeds its limit.
 bool ObjectServer::charge(std::size_t bytes) {
   answerBytes_ += bytes;
   unsentBytes_ += bytes;
@@ -224,7 +226,7 @@ std::size_t ObjectServer::unsentBytes() {
   return unsentBytes_;
 }
 
-// The list and its texts are freed by sd-bus.
+// sd-bus frees the list and its texts.
 int ObjectServer::list(const Publication& publication, char*** paths, sd_bus_error* error) {
   const std::vector<std::uint64_t> numbers = publication.folder->numbers();
   if (!charge(numbers.size() * kPropertyBytes)) {
@@ -298,7 +300,7 @@ bool ObjectServer::canSignal() {
          unsentBytes() <= kMostUnsentBytes;
 }
 
-// What fails otherwise than by canSignal() would fail again.
+// Returns true even on failure: errors that canSignal() does not cover would recur on retry.
 bool ObjectServer::signalled(const char* what, const std::string& path, int result) const {
   if (result < 0) {
     KOVA_LOG(LOG_WARNING, -result, "Unable to signal %s of %s", what, path.c_str());
@@ -357,7 +359,8 @@ bool ObjectServer::removed(const PublishedFolder& objects, std::uint64_t number)
     if (found == nullptr || !canSignal()) {
       return false;
     }
-    // Those that sd_bus_emit_object_added() names, too; the object itself is gone.
+    // Lists the interfaces that sd_bus_emit_object_added() announces. sd-bus could not find them
+    // itself, since the object is gone already.
     const std::string path = found->path + "/" + std::to_string(number);
     return signalled("the removal", path,
                      sd_bus_emit_interfaces_removed(bus_, path.c_str(), "org.freedesktop.DBus.Peer",

@@ -10,7 +10,7 @@
 
 namespace kova::ipc {
 
-/// Objects on sd-bus's own tables, which do the introspection and the marshalling.
+/// Implements Objects with sd-bus vtables, which do the introspection and the marshalling.
 class ObjectServer : public Objects {
  public:
   bool publish(const Interface& interface, PublishedObject* object) override;
@@ -22,19 +22,19 @@ class ObjectServer : public Objects {
   bool added(const PublishedFolder& objects, std::uint64_t number) override;
   bool removed(const PublishedFolder& objects, std::uint64_t number) override;
 
-  /// Starts serving what was published, on a bus that must process nothing after this object or the
-  /// next leave(); call it once, before the name is owned. Nothing is registered if nothing was
+  /// Starts serving the published objects; call it once, before the name is owned. `bus` must not
+  /// be processed after leave() or the destruction of this object. Registers nothing if nothing was
   /// published.
   bool serve(sd_bus* bus, std::string& error);
   void leave() { bus_ = nullptr; }
 
-  /// To be called before each message is processed: the limit of answers counts anew.
+  /// Resets the count of answer bytes. Call it before each message is processed.
   void beginMessage() { answerBytes_ = 0; }
-  /// About how much was marshalled since the bus last had taken everything.
+  /// Estimate of the bytes marshalled since the send queue was last empty.
   std::size_t unsentBytes();
 
  private:
-  /// One interface with what has it, and sd-bus's table of it.
+  /// An interface, the object or folder that implements it, and its vtable.
   struct Publication {
     ObjectServer& server;
     Interface interface;
@@ -68,7 +68,7 @@ class ObjectServer : public Objects {
   bool emitChanged(const Publication& publication, const std::string& path,
                    const std::vector<std::size_t>& properties);
 
-  std::list<Publication> publications_;  ///< its elements are the user data of sd-bus's slots
+  std::list<Publication> publications_;  ///< a list, since sd-bus keeps pointers to its elements
   sd_bus* bus_ = nullptr;
   std::size_t answerBytes_ = 0;
   std::size_t unsentBytes_ = 0;

@@ -14,7 +14,7 @@ namespace kova::ipc {
 class OutQueue {
  public:
   static constexpr std::size_t kMaxPerDestination = 256;
-  /// Clients choose the destination of their events and must not exhaust the memory with names.
+  /// Clients choose the destination of their events, and must not exhaust the memory with names.
   static constexpr std::size_t kMaxDestinations = 64;
   /// Marshalled size of all waiting messages together, in bytes.
   static constexpr std::size_t kMaxBytes = std::size_t{8} * 1024 * 1024;
@@ -42,7 +42,7 @@ class OutQueue {
   void dropDestination(Destinations::iterator destination, const char* why);
   void makeRoom(std::size_t bytes);
 
-  Destinations destinations_;  ///< in the order in which they started to wait
+  Destinations destinations_;  ///< longest waiting first
   std::size_t bytes_ = 0;
 };
 

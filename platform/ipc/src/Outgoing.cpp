@@ -82,7 +82,7 @@ bool Outgoing::post(MessagePtr message, messages::BaseRequestMessage& request, b
   }
   int result = -ENOBUFS;
   if (unsentMessages(bus_) < kMaxUnsent) {
-    // Nobody who does not ask for the number of a message expects its answer.
+    // Without a cookie argument, sd_bus_send() marks the message as expecting no reply.
     result =
         expectsAnswer ? call(message.get(), request) : sd_bus_send(bus_, message.get(), nullptr);
   }
@@ -108,7 +108,8 @@ int Outgoing::call(sd_bus_message* call, messages::BaseRequestMessage& request) 
 }
 
 int Outgoing::Transaction::onAnswer(sd_bus_message* answer, sd_bus_error*) {
-  // Destroys the transaction with this call, whatever the handler does.
+  // Unlink the transaction first: the handler may send, which changes the list. `done` destroys it
+  // on return.
   std::list<Transaction> done;
   done.splice(done.begin(), owner.transactions_, self);
   if (const sd_bus_error* error = sd_bus_message_get_error(answer)) {

@@ -16,13 +16,13 @@ class TransactionsHandler;
 /// the bus, and receives the answers.
 class Outgoing {
  public:
-  /// Time-out for an answer, in microseconds; it ends at once when the peer leaves the bus. Upper
-  /// bound only; callers use shorter time-outs.
+  /// Time-out for an answer, in microseconds; if the peer leaves the bus, the call fails at once.
+  /// Upper bound only; callers use shorter time-outs.
   static constexpr std::uint64_t kAnswerTimeoutUs = 3'600'000'000;
-  /// How many messages may wait in this process, while the bus does not read, for a signal of an
-  /// object to be added. It can be told later; a request or an event cannot.
+  /// Length of the send queue from which signals of objects are refused. A signal can be repeated
+  /// later; a request or an event cannot.
   static constexpr std::uint64_t kMaxUnsentSignals = 1024;
-  /// The same for a request or event, so that signals leave half of the places to those.
+  /// Likewise for requests and events, which thus have half of the queue to themselves.
   static constexpr std::uint64_t kMaxUnsent = 2 * kMaxUnsentSignals;
 
   /// @param bus          must outlive this object

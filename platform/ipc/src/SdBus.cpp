@@ -13,7 +13,7 @@ constexpr char kLogIdentity[] = "kova_ipc";
 constexpr char kLogUnit[] = "SdBus";
 
 constexpr std::uint64_t kPatienceMs = 5000;
-// A program that carries the connection may first have to ask a person for a password.
+// A transport program (unixexec:) may first prompt for a password.
 constexpr std::uint64_t kProgramPatienceMs = 90000;
 
 std::string busAddress() {

@@ -18,10 +18,10 @@ using utils::BusPtr;
 using utils::MessagePtr;
 using utils::SlotPtr;
 
-/// Messages handled in one pass of a Service(): enough for one of every client.
+/// Maximum number of messages handled in one pass of Service(): enough for one from every client.
 inline constexpr int kMaxMessages = 128;
 
-/// What sd-bus returns as a string, which is null for a field that the message lacks.
+/// Converts a string returned by sd-bus, which is null for a field that the message lacks.
 inline std::string orEmpty(const char* maybe) {
   return maybe != nullptr ? maybe : "";
 }
@@ -48,7 +48,7 @@ struct OwnerOf<int (Class::*)(sd_bus_message*, sd_bus_error*)> {
   using Type = Class;
 };
 
-/// Fails a call that no error is set for yet.
+/// Fails a call for which no error is set yet.
 inline int failed(sd_bus_error* error) {
   return sd_bus_error_set_const(error, SD_BUS_ERROR_FAILED, "internal error");
 }
@@ -78,20 +78,21 @@ int drain(Process process) {
   return kMaxMessages;
 }
 
-/// Calls `drainAll`, which handles what is pending; waits up to `timeoutMs` if that is nothing.
-/// @return what `drainAll` returned last
+/// Calls `drainAll` to handle pending messages. If there were none, waits up to `timeoutMs` and
+/// calls it again.
+/// @return the last result of `drainAll`
 template <typename DrainAll>
 int drainOrWait(sd_bus* bus, unsigned timeoutMs, DrainAll drainAll) {
   int handled = drainAll();
   if (handled == 0 && timeoutMs > 0) {
-    // A signal or a failure ends the wait early; processing the connection tells which.
+    // A signal or a failure ends the wait early; `drainAll` then reports a failure.
     static_cast<void>(sd_bus_wait(bus, std::uint64_t{timeoutMs} * 1000));
     handled = drainAll();
   }
   return handled;
 }
 
-/// Messages that the bus has not taken yet.
+/// Number of messages in the send queue.
 inline std::uint64_t unsentMessages(sd_bus* bus) {
   std::uint64_t unsent{};
   sd_bus_get_n_queued_write(bus, &unsent);
@@ -101,13 +102,13 @@ inline std::uint64_t unsentMessages(sd_bus* bus) {
 /// Connects to the bus at KOVA_BUS_ADDRESS, else to the default one, and waits a bounded time for
 /// the handshake. Blocking calls on this connection have the same bound.
 /// @param monitor whether to receive messages to other endpoints too
-/// @param error   receives what went wrong
+/// @param error   receives the reason on failure
 /// @return null on failure
 BusPtr openBus(bool monitor, std::string& error);
 
 /// "WHAT: ERROR" for a negative sd-bus result.
 std::string explain(const char* what, int result);
-/// Whether a result of sd-bus is none of these; else `error` receives that text.
+/// Whether an sd-bus result is not negative. If it is, sets `error` to the text of explain().
 bool succeeded(int result, const char* what, std::string& error);
 
 }  // namespace kova::ipc

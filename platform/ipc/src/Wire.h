@@ -19,8 +19,8 @@ inline constexpr unsigned kMaxDepth = variant::Variant::kMaxDepth;
 /// disconnects senders of more.
 inline constexpr unsigned kMaxBusDepth = 64;
 
-/// Reads the body of a received message, which must be a single dictionary with string keys; like
-/// the functions below from where the message was read to, which is its beginning in a callback.
+/// Reads the body of a received message, which must be a single dictionary with string keys. Like
+/// the functions below, starts at the current read position, which is the beginning in a callback.
 /// @param body   receives the map; the last of several equal keys counts
 /// @param reason receives why the body is invalid
 /// @return false if the body has another signature, contains a type without a Variant counterpart,
@@ -35,7 +35,7 @@ bool decode(sd_bus_message* message, variant::Variant& body, std::string& reason
 bool decodeAnswer(sd_bus_message* message, variant::Variant& value, std::string& reason);
 
 /// Reads all arguments of a received message, in the same way.
-/// @param arguments receives an array of the values; left alone when they cannot be read
+/// @param arguments receives an array of the values; unchanged on failure
 void decodeArguments(sd_bus_message* message, variant::Variant& arguments);
 
 /// Appends a map as the message's only argument, an a{sv}. A value that is not a map is sent as an

@@ -39,7 +39,7 @@ class Reader {
     reason_ = reason;
     return false;
   }
-  // Whether sd-bus has done a step; it does not in a body that is malformed.
+  // Checks the result of an sd-bus call, which fails on a malformed body.
   bool done(int result) { return result > 0 || refuse("the body is malformed"); }
   bool enter(char type, const std::string& content) {
     return done(sd_bus_message_enter_container(message_, type, content.c_str()));
@@ -48,7 +48,7 @@ class Reader {
   bool take(char type, void* value) {
     return done(sd_bus_message_read_basic(message_, type, value));
   }
-  // Of the container that was entered last.
+  // Whether the innermost open container is exhausted.
   bool isAtEnd() { return sd_bus_message_at_end(message_, 0) != 0; }
   bool isWithinSize() {
     return size_.bytes() <= kMaxBodySize || refuse("the body is larger than 1 MiB");
@@ -175,7 +175,7 @@ bool Reader::readTime(const std::string& fields, Variant& value) {
   if (!done(sd_bus_message_read(message_, "(xx)", &seconds, &microseconds))) {
     return false;
   }
-  size_.addFixed(sizeof seconds);  // as a structure, aligned to 8
+  size_.addFixed(sizeof seconds);  // a structure is aligned to 8
   size_.addFixed(sizeof microseconds);
   value = timeval{seconds, microseconds};
   return isWithinSize();
@@ -210,7 +210,7 @@ bool Reader::readStructure(const std::string& fields, Variant& value, unsigned d
   return enter(SD_BUS_TYPE_STRUCT, fields) && readSequence(value, depth + 1);
 }
 
-// What is left of an array or a structure, to its end.
+// Reads the remaining values of the open array or structure, and leaves it.
 bool Reader::readSequence(Variant& value, unsigned depth) {
   Variant::Array items;
   while (!isAtEnd()) {

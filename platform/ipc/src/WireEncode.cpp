@@ -51,8 +51,8 @@ class SizeCheck {
  public:
   explicit SizeCheck(std::string& reason) : reason_(reason) {}
 
-  // `depth` is the number of D-Bus containers around the map. Its limit is stricter than that of
-  // maps and arrays, of which each takes two at least.
+  // `depth` is the number of D-Bus containers around the map. Checking it against kMaxBusDepth also
+  // enforces kMaxDepth, since each map or array takes at least two containers.
   bool checkMap(const Variant::Map& elements, unsigned depth);
   std::size_t size() const { return size_.bytes(); }
 
@@ -100,7 +100,7 @@ bool SizeCheck::checkItems(const Variant::Array& items, unsigned depth) {
   return isWithinLimits(depth);
 }
 
-// The fields of a structure are one D-Bus container deeper.
+// Structures and byte arrays add one level to the depth.
 bool SizeCheck::checkVariant(const Variant& value, unsigned depth) {
   const std::string_view signature = signatureOf(value);
   size_.addSignature(signature.size());
@@ -114,7 +114,7 @@ bool SizeCheck::checkVariant(const Variant& value, unsigned depth) {
     return checkItems(value.items(), depth);
   }
   if (signature == "(xx)") {
-    size_.addFixed(8);  // as a structure, aligned to 8
+    size_.addFixed(8);  // a structure is aligned to 8
     size_.addFixed(8);
     return isWithinLimits(depth + 1);
   }
@@ -145,7 +145,7 @@ void SizeCheck::addBasic(char type, const Variant& value) {
   }
 }
 
-// `signature` is the value's signature.
+// `signature` must be signatureOf(value).
 int append(sd_bus_message* message, const Variant& value, std::string_view signature);
 
 int appendInVariant(sd_bus_message* message, const Variant& value) {

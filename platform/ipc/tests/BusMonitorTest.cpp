@@ -22,8 +22,7 @@ class BusMonitorTest : public BusTest {
     });
   }
 
-  // A call of this endpoint by stranger_, once the monitor has seen it as the message of this
-  // number.
+  // A call by stranger_ to this endpoint; returns once the monitor has seen it as message `number`.
   MessagePtr seenCall(const char* endpoint, std::size_t number, bool expectsAnswer = true) {
     MessagePtr call = stranger_.newCall(endpoint);
     std::string reason;
@@ -121,8 +120,8 @@ TEST_F(BusMonitorTest, ShowsUndecodableMessageWithoutBody) {
   EXPECT_TRUE(seen_[0].body.isEmpty());
 }
 
-// A monitor sees what the policy withholds from everybody else.
-TEST_F(BusMonitorTest, ForgedOwnerNamesNobody) {
+// A monitor receives messages that the policy withholds from all other clients.
+TEST_F(BusMonitorTest, ForgedOwnerChangeIsIgnored) {
   join();
   openMonitor();
   const std::string unique = stranger_.name();

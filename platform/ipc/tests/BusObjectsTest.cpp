@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::uint32_t kPatienceMs = 10000;
 
-/// An endpoint whose answers a test composes. It answers each call of any method below "/kova".
+/// An endpoint whose answers a test composes. Answers every method call at and below "/kova".
 class Publisher {
  public:
   using Compose = std::function<int(sd_bus_message* reply)>;
@@ -34,11 +34,11 @@ class Publisher {
     const MessagePtr message(created);
     EXPECT_GE(sd_bus_message_append(created, "a{os}", 1, "/kova", "text"), 0);
     EXPECT_GE(sd_bus_send_to(bus_.get(), created, destination, nullptr), 0);
-    // The bus has passed the signal on once it answers.
+    // Once the bus answers, it has forwarded the signal.
     awaitBus(bus_.get());
   }
 
-  std::string caller;              ///< unique name of the last one
+  std::string caller;              ///< unique name of the last caller
   std::vector<std::string> calls;  ///< path, interface and member, and the argument
 
  private:
@@ -134,7 +134,7 @@ TEST_F(BusObjectsTest, ReadsAllObjectsByPath) {
             std::vector<std::string>{"/kova org.freedesktop.DBus.ObjectManager.GetManagedObjects"});
 }
 
-TEST_F(BusObjectsTest, CallsMethodsAndTellsTheirErrors) {
+TEST_F(BusObjectsTest, CallsMethodsAndReportsErrors) {
   Publisher publisher(nullptr);
   ASSERT_TRUE(objects_.call("/kova/transfers/7", "kova.Transfer1", "Cancel", kPatienceMs, keep()));
   const auto answer = answered(&publisher);
@@ -169,13 +169,13 @@ TEST_F(BusObjectsTest, OversizedAndOddAnswersAreErrors) {
   }
 }
 
-TEST_F(BusObjectsTest, AbsentAndMuteEndpointsAreErrors) {
+TEST_F(BusObjectsTest, AbsentAndSilentEndpointsAreErrors) {
   EXPECT_EQ(readAll(nullptr).error, "org.freedesktop.DBus.Error.ServiceUnknown");
   const Publisher mute(nullptr);
   EXPECT_EQ(readAll(nullptr, 50).error, "org.freedesktop.DBus.Error.NoReply");
 }
 
-TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
+TEST_F(BusObjectsTest, NewCallAbandonsPendingOne) {
   Publisher publisher([number = 0](sd_bus_message* reply) mutable {
     return sd_bus_message_append(reply, "u", ++number);
   });
@@ -187,7 +187,7 @@ TEST_F(BusObjectsTest, NewCallAbandonsOneBefore) {
   EXPECT_EQ(answers_[0].value, Variant(2U));
 }
 
-TEST_F(BusObjectsTest, KeepsToOneProcess) {
+TEST_F(BusObjectsTest, StaysWithOneProcess) {
   const Publisher::Compose empty = [](sd_bus_message*) { return 0; };
   auto first = std::make_unique<Publisher>(empty);
   objects_.keepTo(readAll(first.get()).sender);
@@ -213,7 +213,7 @@ TEST_F(BusObjectsTest, FollowsSignalsBelowOnePath) {
   publisher.signal("/kova/transfers/70");
   publisher.signal("/kova/transfers/7");
   EXPECT_TRUE(until(&publisher, [&] { return !changes.empty(); }));
-  readAll(&publisher);  // answered after all signals
+  readAll(&publisher);  // its answer follows all signals
   ASSERT_EQ(changes.size(), 1U);
   EXPECT_EQ(changes[0].interface + "." + changes[0].name, "kova.Ipc1.Broadcast");
   EXPECT_EQ(changes[0].arguments, Variant(Variant::Array{Variant::Map{{"/kova", "text"}}}));
@@ -244,7 +244,7 @@ TEST_F(BusObjectsTest, DirectedSignalsAreIgnored) {
   ASSERT_TRUE(objects_.follow("/kova", [&](const auto&) { ++changes; }));
   readAll(&publisher);
   publisher.signal("/kova/transfers/7", publisher.caller.c_str());
-  readAll(&publisher);  // answered after the signal
+  readAll(&publisher);  // its answer follows the signal
   EXPECT_EQ(changes, 0);
 }
 

@@ -88,7 +88,7 @@ struct Answer {
   }
 };
 
-/// Waits until the bus has handled all that was sent on this connection; negative on failure.
+/// Waits until the bus has handled everything sent on this connection; negative on failure.
 inline int awaitBus(sd_bus* bus) {
   return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                             "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, "");
@@ -151,8 +151,8 @@ class Stranger {
   std::vector<std::shared_ptr<Answer>> answers_;
 };
 
-/// Counts every answer of an endpoint, including those that the bus does not deliver, and how often
-/// the bus is asked whether a name has an owner.
+/// Counts every answer of an endpoint, including those that the bus does not deliver, and the
+/// NameHasOwner calls to the bus.
 class Eavesdropper {
  public:
   Eavesdropper() : bus_(openBus(true, error_)) {
@@ -172,7 +172,7 @@ class Eavesdropper {
     }
     return answers_;
   }
-  /// Seen by the last call of answers().
+  /// NameHasOwner calls seen by the last call of answers().
   int questions() const { return questions_; }
 
  private:
@@ -204,7 +204,7 @@ class BusTest : public ::testing::Test {
     return request;
   }
 
-  /// Services everyone until `done`; false on time-out.
+  /// Services all participants until `done`; false on time-out.
   bool until(const std::function<bool()>& done) {
     const auto deadline = utils::nowMs() + 20'000;
     while (!done()) {

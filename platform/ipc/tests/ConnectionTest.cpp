@@ -15,7 +15,7 @@ int receives = 0;
 
 }  // namespace
 
-// Counts how often the bus library looks at its socket.
+// Counts the reads of sd-bus from its socket.
 extern "C" ssize_t recvmsg(int socket, msghdr* message, int flags) {
   ++receives;
   return syscall(SYS_recvmsg, socket, message, flags);
@@ -26,7 +26,7 @@ namespace {
 
 class ConnectionTest : public BusTest {
  protected:
-  // Joins, and reads and handles all that the bus sends then.
+  // Joins, and handles all messages that the bus sends in response.
   void joinAndSettle() {
     join();
     ASSERT_TRUE(ipc_.flush());
@@ -71,7 +71,7 @@ TEST_F(ConnectionTest, SendsWithoutName) {
   EXPECT_TRUE(until([&] { return !handler.requests.empty(); }));
 }
 
-TEST_F(ConnectionTest, FlushTellsWhetherBusHasAll) {
+TEST_F(ConnectionTest, FlushReportsWhetherBusReceivedAll) {
   EXPECT_FALSE(ipc_.flush());
   join();
   EXPECT_TRUE(ipc_.flush());
@@ -161,7 +161,7 @@ TEST_F(ConnectionTest, ServiceWaitsForFirstMessageOnly) {
   EXPECT_EQ(handler.requests.size(), 1U);
 }
 
-TEST_F(ConnectionTest, IdlePassesLeaveLibraryAlone) {
+TEST_F(ConnectionTest, IdlePassesDoNotReadSocket) {
   joinAndSettle();
   EXPECT_GT(receives, 0);
   receives = 0;
@@ -219,7 +219,7 @@ class OnePassTest : public BusTest {
  protected:
   OnePassTest() { join(); }
 
-  // Sends messages and returns how many the first pass that handles any handles.
+  // Sends messages; returns the number handled by the first pass that handles any.
   std::size_t inOnePass(int count) {
     until([&] { return handler_.requests.size() == expected_; });
     for (int i = 0; i < count; ++i) {
@@ -287,14 +287,14 @@ TEST_F(ConnectionTest, StalledBusDoesNotAccumulateMessages) {
   kill(privateBus_.pid(), SIGCONT);
   serviced_ = {&ipc_, &other};
   request.functionName("Last");
-  // The bus itself drops what exceeds the receiver's queue.
+  // The bus drops messages that exceed the receiver's queue.
   EXPECT_TRUE(until([&] {
     ipc_.SendRequest(request);
     return waiting->arrived > 0 && marker.requests.back().functionName() == "Last";
   }));
 }
 
-// A client that sends without end and reads no answer.
+// The peer keeps sending and reads no answers.
 TEST_F(ConnectionTest, StalledPeerDoesNotBlockOthers) {
   Recorder handler(&ipc_, "Tell", [&](BaseRequestMessage& request, bool&) {
     BaseResponseMessage response;

@@ -6,7 +6,7 @@
 
 namespace kova::ipc::testing {
 
-/// The value inside this many maps of one key.
+/// The value inside `levels` nested maps of one key.
 inline variant::Variant inMaps(int levels, variant::Variant value) {
   for (int level = 0; level < levels; ++level) {
     value = variant::Variant(variant::Variant::Map{{"key", std::move(value)}});
@@ -14,7 +14,7 @@ inline variant::Variant inMaps(int levels, variant::Variant value) {
   return value;
 }
 
-/// The value inside this many arrays of one item.
+/// The value inside `levels` nested arrays of one item.
 inline variant::Variant inArrays(int levels, variant::Variant value) {
   for (int level = 0; level < levels; ++level) {
     value = variant::Variant(variant::Variant::Array{std::move(value)});

@@ -84,7 +84,7 @@ class Things : public PublishedFolder {
   mutable int listed = 0;
 };
 
-/// A message received, kept.
+/// The answer to a call, and signals.
 struct Received {
   MessagePtr message;
   std::string error;
@@ -141,7 +141,7 @@ class ObjectsTest : public BusTest {
   std::string error(const char* path, const char* interface, const char* member) {
     return ask(path, interface, member)->error;
   }
-  // Reads a property that is expected to have these types.
+  // Reads a property, expecting these types.
   template <typename... Values>
   void read(const char* path, const char* interface, const char* property, const char* types,
             Values*... values) {
@@ -161,7 +161,7 @@ class ObjectsTest : public BusTest {
     sd_bus_message_read(answer->message.get(), "s", &text);
     return text;
   }
-  // The objects in an answer of GetManagedObjects, each as often as it is told.
+  // Number of objects in an answer of GetManagedObjects, counting duplicates.
   static std::size_t told(sd_bus_message* answer) {
     constexpr char kObject[] = "{oa{sa{sv}}}";
     EXPECT_GE(sd_bus_message_rewind(answer, 1), 0);
@@ -172,7 +172,7 @@ class ObjectsTest : public BusTest {
     }
     return count;
   }
-  // The paths and interfaces that GetManagedObjects tells, as "PATH INTERFACE".
+  // The paths and interfaces that GetManagedObjects lists, as "PATH INTERFACE".
   std::vector<std::string> managed() {
     const auto answer = ask("/kova", kManager, "GetManagedObjects");
     if (!answer->error.empty()) {
@@ -182,7 +182,7 @@ class ObjectsTest : public BusTest {
     Variant objects;
     std::string reason;
     EXPECT_TRUE(wire::decodeAnswer(answer->message.get(), objects, reason)) << reason;
-    EXPECT_EQ(told(answer->message.get()), objects.Size()) << "an object is told twice";
+    EXPECT_EQ(told(answer->message.get()), objects.Size()) << "an object is listed twice";
     for (const auto& [path, interfaces] : objects.elements()) {
       for (const auto& [interface, properties] : interfaces.elements()) {
         if (interface.starts_with("kova.")) {
@@ -200,7 +200,7 @@ class ObjectsTest : public BusTest {
                                         nullptr, callback<&Received::note>, nullptr, heard.get()),
               0);
     kept_.push_back(heard);
-    introspect("/kova");  // answered after the match is in place
+    introspect("/kova");  // its answer follows the installation of the match
     return heard;
   }
 

@@ -1,4 +1,4 @@
-// Many objects, many readers, and a bus that does not read.
+// Tests with many objects, many readers, and a stalled bus.
 
 #include <signal.h>
 #include <sys/socket.h>
@@ -13,20 +13,20 @@ namespace {
 
 class ObjectsLoadTest : public ObjectsTest {
  protected:
-  /// Stops the bus, and waits until it has stopped: it may be reading.
+  /// Stops the bus, and waits for that, since it may be in the middle of a read.
   bool stopBus() const {
     return kill(privateBus_.pid(), SIGSTOP) == 0 &&
            waitpid(privateBus_.pid(), nullptr, WUNTRACED) == privateBus_.pid();
   }
-  // Publishes over a socket that takes next to nothing while the bus does not read.
+  // Publishes over a socket with a minimal send buffer.
   void publishNarrowly() {
-    const int socket = dup(STDERR_FILENO);  // the next descriptor is the same
+    const int socket = dup(STDERR_FILENO);  // the bus connection gets the same number
     close(socket);
     publish();
     const int least = 1;
     ASSERT_EQ(setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &least, sizeof least), 0);
   }
-  // Has so many objects that take this many bytes of an answer each.
+  // Creates `count` objects, each of which takes `bytes` of an answer.
   void fill(std::uint64_t count, std::size_t bytes) {
     ASSERT_FALSE(managed().empty());
     listsOfAnswer_ = std::exchange(things_.listed, 0);
@@ -37,10 +37,10 @@ class ObjectsLoadTest : public ObjectsTest {
     }
   }
 
-  int listsOfAnswer_ = 0;  // how often one reads the numbers
+  int listsOfAnswer_ = 0;  // calls of numbers() per answer
 };
 
-// A longer answer would cost the endpoint its connection to the bus.
+// The bus would disconnect the endpoint for a longer answer.
 TEST_F(ObjectsLoadTest, AnswerAboutTooManyObjectsIsRefused) {
   publish();
   for (std::uint64_t number = 1; number <= 100'000; ++number) {
@@ -83,7 +83,7 @@ TEST_F(ObjectsLoadTest, FloodOfReadsIsServedInPasses) {
   }
 }
 
-// Thirty answers of 400 kB are 12 MB.
+// 30 answers of 400 kB are 12 MB.
 TEST_F(ObjectsLoadTest, AnswersAndSignalsDoNotPileUp) {
   publishNarrowly();
   fill(100, 4'195);
@@ -110,7 +110,7 @@ TEST_F(ObjectsLoadTest, AnswersAndSignalsDoNotPileUp) {
   EXPECT_EQ(error("/kova/things/1", "kova.Thing1", "Go"), "");
 }
 
-TEST_F(ObjectsLoadTest, AnswersThatWereSentTakeNoRoom) {
+TEST_F(ObjectsLoadTest, SentAnswersTakeNoRoom) {
   publish();
   fill(100, 4'195);
   for (int call = 0; call < 25; ++call) {  // 10 MB
@@ -138,7 +138,7 @@ TEST_F(ObjectsLoadTest, SignalsAreRefusedWhileBusDoesNotRead) {
   EXPECT_TRUE(until([&] { return ipc_.objects().changed(things_, 1, {kCount}); }));
 }
 
-TEST_F(ObjectsLoadTest, SignalsLeaveEventsTheirPlaces) {
+TEST_F(ObjectsLoadTest, SignalsLeaveRoomForEvents) {
   publish();
   ASSERT_TRUE(stopBus());
   int signals = 0;

@@ -46,7 +46,7 @@ TEST_F(ObjectsTest, PropertiesAreReadAsTheirTypes) {
   EXPECT_STREQ(what, "OK");
 }
 
-TEST_F(ObjectsTest, ManagerTellsWhatIsThere) {
+TEST_F(ObjectsTest, ManagerListsObjects) {
   publish();
   things_.things[3] = {};
   EXPECT_EQ(managed(),
@@ -56,7 +56,7 @@ TEST_F(ObjectsTest, ManagerTellsWhatIsThere) {
   EXPECT_TRUE(managed().empty());
 }
 
-TEST_F(ObjectsTest, IntrospectionTellsNodesAndInterfaces) {
+TEST_F(ObjectsTest, IntrospectionListsNodesAndInterfaces) {
   publish();
   const std::string root = introspect("/kova");
   for (const char* part : {"interface name=\"kova.Ipc1\"", "interface name=\"kova.Box1\"",
@@ -89,7 +89,7 @@ TEST_F(ObjectsTest, MessagesPassBesideObjects) {
   EXPECT_EQ(error("/kova", nullptr, "Send"), "kova.Error.InvalidMessage");
 }
 
-TEST_F(ObjectsTest, PathsOfNothingAreUnknown) {
+TEST_F(ObjectsTest, NonexistentPathsAreUnknown) {
   publish();
   for (const char* path :
        {"/kova/things/0", "/kova/things/01", "/kova/things/2", "/kova/things/x",
@@ -121,7 +121,7 @@ TEST(ObjectNumberTest, IsDecimalAndCanonical) {
   }
 }
 
-TEST_F(ObjectsTest, NothingCanBeWritten) {
+TEST_F(ObjectsTest, PropertiesAreReadOnly) {
   publish();
   const MessagePtr call = newCall("/kova/things/1", kProperties, "Set");
   sd_bus_message_append(call.get(), "ssv", "kova.Thing1", "Name", "s", "other");
@@ -129,7 +129,7 @@ TEST_F(ObjectsTest, NothingCanBeWritten) {
   EXPECT_EQ(name("/kova/things/1"), "one");
 }
 
-TEST_F(ObjectsTest, MethodsAnswerOrTellTheirError) {
+TEST_F(ObjectsTest, MethodsAnswerOrReturnError) {
   publish();
   EXPECT_EQ(error("/kova/things/7", "kova.Thing1", "Go"), "");
   const auto refused = ask("/kova/things/1", "kova.Thing1", "Stop");
@@ -144,7 +144,7 @@ TEST_F(ObjectsTest, MethodsAnswerOrTellTheirError) {
   EXPECT_EQ(things_.calls.size(), 2U);
 }
 
-TEST_F(ObjectsTest, ExceptionsStayInProcess) {
+TEST_F(ObjectsTest, ExceptionsBecomeErrors) {
   publish();
   things_.broken = true;
   EXPECT_EQ(name("/kova/things/1"), kFailed);
@@ -189,8 +189,8 @@ TEST_F(ObjectsTest, ChangesAreSignalled) {
   EXPECT_TRUE(tests::records.empty());
 }
 
-// A client keeps an object until all interfaces that it was told of are removed.
-TEST_F(ObjectsTest, WhatIsRemovedIsWhatWasAdded) {
+// A client keeps an object until all its announced interfaces are removed.
+TEST_F(ObjectsTest, RemovedInterfacesMatchAddedOnes) {
   publish();
   const auto heard = listen();
   ipc_.objects().added(things_, 1);
@@ -210,7 +210,7 @@ TEST_F(ObjectsTest, WhatIsRemovedIsWhatWasAdded) {
   EXPECT_EQ(added, removed);
 }
 
-TEST_F(ObjectsTest, PublishingIsForBeforeJoining) {
+TEST_F(ObjectsTest, PublishingAfterJoiningFails) {
   EXPECT_TRUE(ipc_.objects().publish(kBox, &box_));
   EXPECT_FALSE(ipc_.objects().changed(box_, {kFull}));
   join();
@@ -224,7 +224,7 @@ TEST_F(ObjectsTest, InvalidInterfaceFailsJoin) {
   EXPECT_FALSE(ipc_.Init("test", false, nullptr));
 }
 
-TEST_F(ObjectsTest, JoinCanBeTriedAgain) {
+TEST_F(ObjectsTest, JoinCanBeRetried) {
   Ipc first;
   ASSERT_TRUE(first.Init("test", false, nullptr));
   EXPECT_TRUE(ipc_.objects().publish(kBox, &box_));

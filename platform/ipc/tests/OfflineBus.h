@@ -14,8 +14,8 @@
 
 namespace kova::ipc::testing {
 
-/// A connection without a bus: sd-bus has one end, and at the other the test reads and writes the
-/// bytes of every message (D-Bus specification, "Message Format").
+/// A connection without a bus: sd-bus has one end, and at the other end the test reads and writes
+/// raw messages (D-Bus specification, "Message Format").
 class OfflineBus {
  public:
   OfflineBus() {

@@ -25,7 +25,8 @@ std::size_t limitOf(const std::string& config, const std::string& name) {
   return at != std::string::npos ? std::stoul(config.substr(at + start.size())) : 0;
 }
 
-// Permissions of a second user, inside or outside the group; requires root to become that user.
+// Tests the permissions of a second user, inside or outside the group. Requires root, to become
+// that user.
 class PolicyTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -106,7 +107,7 @@ class PolicyTest : public ::testing::Test {
     };
   }
 
-  // Waits for a change of the object, which changes every few milliseconds.
+  // Waits for a signal of the object, which changes every few milliseconds.
   static int hear(sd_bus* bus, sd_bus_error* error) {
     bool heard = false;
     const auto note = [](sd_bus_message*, void* flag, sd_bus_error*) {
@@ -149,7 +150,7 @@ class PolicyTest : public ::testing::Test {
   Recorder handler_{&ipc_, "Tell"};
 };
 
-TEST(PolicyLimitsTest, DeafPeersOfOneUserDoNotSilenceDaemon) {
+TEST(PolicyLimitsTest, StalledPeersOfOneUserDoNotBlockDaemon) {
   std::stringstream config;
   config << std::ifstream(KOVA_BUS_CONFIG).rdbuf();
   const std::size_t peers = limitOf(config.str(), "max_connections_per_user");
@@ -194,7 +195,7 @@ TEST_F(PolicyTest, OnlyMembersReadAndHearObjects) {
   EXPECT_EQ(asOther(kOtherUser, hear), "");
 }
 
-TEST_F(PolicyTest, UniqueNameOfDaemonOpensNothingMore) {
+TEST_F(PolicyTest, UniqueNameOfDaemonGrantsNothingMore) {
   Stranger asking;
   sd_bus_message* answered = nullptr;
   ASSERT_GE(sd_bus_call_method(asking.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",

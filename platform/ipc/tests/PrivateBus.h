@@ -8,9 +8,9 @@
 
 namespace kova::ipc::testing {
 
-/// A private bus for the lifetime of this object: a dbus-daemon in its own folder with the policy
-/// and limits of a camera, where the user of the test replaces root. Sets KOVA_BUS_ADDRESS
-/// meanwhile.
+/// A private bus for the lifetime of this object: a dbus-daemon in its own folder, with the policy
+/// and limits of a camera, except that the test's user takes the role of root. Sets
+/// KOVA_BUS_ADDRESS meanwhile.
 class PrivateBus {
  public:
   /// Replacements for all occurrences of texts in the shipped configuration.

@@ -110,7 +110,7 @@ TEST_F(SendRequestTest, Newest256WaitInOrderForAbsentDestination) {
   EXPECT_EQ(ledger_.sent.size(), 256U);
 }
 
-TEST_F(SendRequestTest, DepartedDestinationIsWaitedForAgain) {
+TEST_F(SendRequestTest, MessagesWaitForDepartedDestination) {
   join();
   {
     Ipc brief;
@@ -144,7 +144,7 @@ TEST_F(SendRequestTest, BusIsAskedOnceFor64EndpointsAtMost) {
   EXPECT_EQ(eavesdropper.questions(), 65);
 }
 
-// The bus drops signals and answers for a process whose queue is full.
+// The bus drops signals and answers to a process whose queue is full.
 TEST_F(SendRequestTest, DestinationThatJoinedUnnoticedIsFound) {
   join();
   const Variant large(Variant::Map{{"functionName", std::string(1'000'000, 'x')}});

@@ -68,7 +68,7 @@ class WireTest : public ::testing::Test {
     return composed("a{sv}", 1, "key", type, value...);
   }
 
-  // Its decoded form.
+  // The decoded form of appended().
   template <typename... Value>
   Variant Received(const char* type, Value... value) {
     Variant body;
@@ -76,7 +76,7 @@ class WireTest : public ::testing::Test {
     return body["key"];
   }
 
-  // A copy of the a{sv} with one more entry, a text of this length.
+  // A copy of the a{sv} with one more entry, a text of `length` bytes.
   MessagePtr withText(sd_bus_message* map, std::size_t length) {
     MessagePtr message = bus_.newMessage();
     EXPECT_GE(sd_bus_message_enter_container(map, 'a', "{sv}"), 0);
@@ -93,7 +93,7 @@ class WireTest : public ::testing::Test {
     return received != nullptr && decode(received.get(), body, reason_);
   }
 
-  // A body that is {"key": aaa...ay}, with this many arrays around an empty one of numbers.
+  // The body {"key": aaa...ai}, where the innermost of `levels` arrays is empty.
   MessagePtr nestedArrays(unsigned levels) {
     MessagePtr message = bus_.newMessage();
     const std::string type = std::string(levels, 'a') + "i";
@@ -110,7 +110,7 @@ class WireTest : public ::testing::Test {
     return message;
   }
 
-  // An array of one structure inside a structure, to this many levels, around a number.
+  // An array of `levels` nested structures around a number.
   MessagePtr arrayOfStructures(unsigned levels) {
     MessagePtr message = bus_.newMessage();
     const std::string type = std::string(levels, '(') + "i" + std::string(levels, ')');
@@ -271,7 +271,7 @@ TEST_F(WireTest, UnsupportedTypesAreRefused) {
   refused("a{os}", 1, "/kova", "text");
 }
 
-// The outer array ends where the body does, so that what is incomplete is inside of it.
+// The outer array ends where the truncated body does, so that the incomplete value is inside it.
 TEST_F(WireTest, IncompleteValuesOfAnyTypeAreRefused) {
   for (const auto& [value, type] : everyType()) {
     MessagePtr message = bus_.newMessage();
@@ -322,7 +322,7 @@ TEST_F(WireTest, MalformedBodiesAreRefused) {
     EXPECT_TRUE(message == nullptr || !decode(message.get(), body, reason_)) << bytes.size();
   }
 
-  // An array of three bytes, which hold no whole value or one and a half.
+  // An array of three bytes, which is less than one value or one and a half.
   for (const std::string type : {"i", "n", "s", "ay", "(xx)"}) {
     std::string bytes("\0\0\0\0\0\0\0\0\1\0\0\0k\0\0\0\3\0\0\0", 20);
     bytes.append(type == "(xx)" ? 4 + 3 : 3, '\0');

@@ -57,7 +57,7 @@ void write(const std::vector<Line>& lines) {
   }
 }
 
-/// Path of this process's lines to the system log.
+/// Suppresses repetitions on the way to the system log.
 struct Lines {
   std::mutex guard;
   Repeats repeats;

@@ -27,6 +27,7 @@ std::vector<Line> Repeats::pass(const Line& line, std::uint64_t now) {
   const bool counts = repeats && left_ == 0;
   left_ = repeats ? std::max(left_ - 1, 0) : freely_;
   remember(line);
+  // Counts come out at most once per second, or ahead of the next line that is written.
   if (counts) {
     count(line);
     if (recent) {

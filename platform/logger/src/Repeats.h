@@ -14,12 +14,12 @@ struct Line {
   bool operator==(const Line&) const = default;
 };
 
-/// Keeps the log readable while something fails over and over.
+/// Keeps the log readable while something fails repeatedly.
 ///
 /// A line that repeats the previous one, or belongs to a cycle of up to four lines seen twice, is
 /// counted rather than written if something was written within the last second. Counts are written
-/// once a second, and before any other line. The first few repetitions are written nevertheless:
-/// two are no flood.
+/// once a second, and before any other line. The first few repetitions in a row are written anyway:
+/// two lines are not a flood.
 class Repeats {
  public:
   /// @param freely number of repetitions in a row that are written
@@ -49,7 +49,7 @@ class Repeats {
   std::vector<Counted> counted_;
   std::uint64_t writtenAt_ = 0;
   int freely_;
-  int left_;  // of freely_
+  int left_;  // repetitions that will still be written
 };
 
 }  // namespace kova::logger

@@ -28,7 +28,7 @@ constexpr char kSocket[] = "/dev/log";
 constexpr std::uint64_t kBudgetMs = 200;
 constexpr std::uint64_t kBudgetPeriodMs = 1000;
 
-/// The label of the lines; as in syslog(3) until openSystemLog() is called.
+/// Label of each line; before openSystemLog(), the defaults of syslog(3).
 struct Label {
   std::string identity = program_invocation_short_name;
   int options = 0;
@@ -82,7 +82,8 @@ class Connection {
     return line + ": " + text;
   }
 
-  /// Reconnects after a restart of syslogd.
+  /// Reconnects after a restart of syslogd: put() closes a lost connection, and the record is sent
+  /// again over a new one.
   bool transmit(const std::string& record) {
     if (fd_ && put(record)) {
       return true;
@@ -121,7 +122,7 @@ class Connection {
 
   /// A record that a stream accepts only in part is lost along with the connection.
   Outcome tryPut(const std::string& record) const {
-    const std::size_t size = record.size() + (type_ == SOCK_STREAM ? 1 : 0);  // with its final NUL
+    const std::size_t size = record.size() + (type_ == SOCK_STREAM ? 1 : 0);  // plus the final NUL
     const ssize_t sent = ::send(fd_.get(), record.c_str(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent == static_cast<ssize_t>(size)) {
       return Outcome::Taken;
@@ -129,6 +130,7 @@ class Connection {
     return sent == -1 && (errno == EAGAIN || errno == ENOBUFS) ? Outcome::Full : Outcome::Lost;
   }
 
+  /// Waits for POLLOUT, at most kBudgetMs in total per kBudgetPeriodMs.
   void waitForRoom() {
     const std::uint64_t begin = utils::nowMs();
     if (begin - budgetBegin_ >= kBudgetPeriodMs) {

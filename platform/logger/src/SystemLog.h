@@ -4,7 +4,7 @@
 
 namespace kova::logger {
 
-/// Sends one line to the system log, labelled as openSystemLog() sets it.
+/// Sends one line to the system log, with the label set by openSystemLog().
 ///
 /// Waits at most 200 ms in any second for a system log that lags behind, then drops the line. The
 /// next line that is accepted is preceded by the number of dropped ones.

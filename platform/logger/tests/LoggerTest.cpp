@@ -39,11 +39,11 @@ class LoggerTest : public testing::Test {
     turnedMs += 1000;
   }
 
-  /// The text of the only line that was written, after "IDENTITY UNIT.FUNCTION:LINE: ".
+  /// The text of the only line written, after "IDENTITY UNIT.FUNCTION:LINE: ".
   static std::string text() {
     const std::string prefix = "kova_test LoggerTest.f:1: ";
     if (records.size() != 1 || !records[0].text.starts_with(prefix)) {
-      ADD_FAILURE() << "not one line, or not of this test";
+      ADD_FAILURE() << "not exactly one line of this test";
       return "";
     }
     return records[0].text.substr(prefix.size());

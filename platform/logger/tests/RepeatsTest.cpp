@@ -16,7 +16,7 @@ class RepeatsTest : public testing::Test {
     return textsOf(repeats_.pass({level, text}, now_));
   }
 
-  /// What is due `ms` later.
+  /// The counts due `ms` later.
   std::vector<std::string> takeDue(std::uint64_t ms) {
     now_ += ms;
     return textsOf(repeats_.takeDue(now_));

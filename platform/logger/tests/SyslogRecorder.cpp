@@ -17,7 +17,7 @@ void openSystemLog(const char*, int, int) {}
 
 void sendToSystemLog(int level, const std::string& text) {
   tests::records.push_back({level, text});
-  errno = EBADF;  // as the real one may
+  errno = EBADF;  // as the real function may
 }
 
 }  // namespace kova::logger

@@ -22,7 +22,7 @@
 
 namespace {
 
-std::string socketPath;  // in place of /dev/log
+std::string socketPath;  // replaces /dev/log
 
 struct OpenlogCall {
   std::string identity;
@@ -31,8 +31,8 @@ struct OpenlogCall {
 } openlogCall;
 
 std::uint64_t turnedMs = 1'000'000;
-bool stalled = false;  // nobody will read, so that waiting takes no time
-int waitedMs = 0;      // in vain
+bool stalled = false;  // if set, poll() times out without waiting
+int waitedMs = 0;      // total of timed-out waits
 
 }  // namespace
 
@@ -83,7 +83,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
-/// A syslogd of the test that reads on demand.
+/// A fake syslogd that reads on demand.
 class Syslogd {
  public:
   explicit Syslogd(int type = SOCK_DGRAM)
@@ -171,7 +171,7 @@ TEST_F(SystemLogTest, OpenedLogHasIdentityProcessAndFacility) {
   });
 }
 
-TEST_F(SystemLogTest, StalledLogBlocksForFifthOfEachSecond) {
+TEST_F(SystemLogTest, StalledLogBlocksUpTo200MsPerSecond) {
   inProcess([] {
     stalled = true;
     Syslogd syslogd;
@@ -262,7 +262,7 @@ TEST_F(SystemLogTest, StreamSocketGetsNulAfterEachRecord) {
 }
 
 TEST_F(SystemLogTest, CountedRepetitionsAreWrittenAtExit) {
-  Syslogd syslogd(SOCK_STREAM);  // holds more unread lines than the other
+  Syslogd syslogd(SOCK_STREAM);  // buffers more unread lines than SOCK_DGRAM
   EXPECT_EXIT(
       {
         for (int i = 0; i < 17 + 3; ++i) {

@@ -20,7 +20,7 @@ TEST(Catalog, HoldsEveryClassOnce) {
                        "EnableUsernamePassword", "DisableUsernamePassword", "StartService",
                        "StopService", "EventTransferRequestStatus", "EventUpdateFirmwareFailure",
                        "PlayState", "__response__"}))
-      << "a new class stands in this list as in build() of Catalog.cpp";
+      << "list a new class here as in build() of Catalog.cpp";
 }
 
 TEST(Catalog, DescribesFieldsThatNormalisationGives) {
@@ -47,7 +47,8 @@ TEST(Catalog, EveryClassForcesItsFunctionName) {
   }
 }
 
-/// Values that a field of this type does not take, or none for one that is always made anew.
+/// Values of the wrong type for such a field; none if the field accepts any value or defaults to
+/// now.
 std::vector<Variant> mistyped(const std::string& type) {
   if (type == "any" || type == "time") {
     return {};
@@ -72,7 +73,7 @@ std::vector<Variant> mistyped(const std::string& type) {
 TEST(Catalog, MistypedFieldCountsAsMissing) {
   for (const auto& description : catalog()) {
     const auto normalized = [&](const std::string& key, const Variant& value) {
-      // These two are made anew each time that they are missing.
+      // The defaults of these two differ from call to call.
       Variant::Map content{{"id", std::uint64_t{1}}, {"timeStamp", timeval{2, 3}}};
       if (!key.empty()) {
         content[key] = value;
@@ -98,7 +99,7 @@ FieldDescription fieldOf(const std::string& message, const std::string& key) {
       }
     }
   }
-  ADD_FAILURE() << "there is no " << message << "." << key;
+  ADD_FAILURE() << "no field " << message << "." << key;
   return {};
 }
 

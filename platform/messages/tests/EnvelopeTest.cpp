@@ -130,7 +130,7 @@ TEST(Envelope, FreshIdHoldsClockBelowProcessId) {
   EXPECT_EQ(id >> 48U, static_cast<std::uint64_t>(getpid()) & 0xFFFFU);
   EXPECT_GE(id & 0xFFFFFFFFFFFFU, before & 0xFFFFFFFFFFFFU);
   EXPECT_LE(id & 0xFFFFFFFFFFFFU, after & 0xFFFFFFFFFFFFU);
-  EXPECT_EQ(message.id(), id) << "an id that is there is kept";
+  EXPECT_EQ(message.id(), id) << "an existing id is kept";
 }
 
 TEST(Envelope, NonNumericIdIsReplacedByFreshOne) {

@@ -17,7 +17,7 @@ Message normalized(variant::Variant::Map content = {}) {
   return message;
 }
 
-/// Checks every key of a class's own schema after normalising an empty message.
+/// Checks every key of a class's own schema in a normalised empty message.
 template <typename Message>
 void expectDefaults(const variant::Variant::Map& defaults) {
   auto message = normalized<Message>();
@@ -30,7 +30,7 @@ void expectDefaults(const variant::Variant::Map& defaults) {
   // is in `defaults` too.
   EXPECT_EQ(message.Size(), 8U + defaults.size())
       << Message::kName
-      << " has another number of fields than this test lists: " << message.ToString();
+      << " has a different number of fields than this test lists: " << message.ToString();
 }
 
 }  // namespace kova::ipc::messages

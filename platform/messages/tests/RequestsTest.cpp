@@ -110,7 +110,7 @@ TEST(Requests, AllowedWordIsCanonicalisedInAnyCase) {
 TEST(Requests, UnknownWordBecomesFirst) {
   EXPECT_EQ(normalized<GetRequest>({{"what", "picture"}}).what(), "snapshot");
   EXPECT_EQ(normalized<GetRequest>({{"what", "eventSnap"}}).what(), "snapshot")
-      << "a prefix is another word";
+      << "a prefix is a different word";
   EXPECT_EQ(normalized<PutRequest>({{"what", "soundx"}}).what(), "logo");
   EXPECT_EQ(normalized<PutRequest>({{"what", ""}}).what(), "logo");
   EXPECT_EQ(normalized<PutRequest>({{"what", std::string("sou\0d", 5)}}).what(), "logo");

@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint32_t kUp = 0x0001;      // RTF_UP of route.h
 constexpr std::uint32_t kReject = 0x0200;  // RTF_REJECT
 
-/// Where a table of routes has its words.
+/// Word positions in the lines of a route table.
 struct Table {
   std::size_t interface;
   std::size_t mask;  // all zero in a default route
@@ -34,7 +34,7 @@ std::array<std::string_view, 10> wordsOf(std::string_view line) {
   return words;
 }
 
-// The metrics of IPv4 are decimal, but keep their order.
+// Also reads the metrics of IPv4. These are decimal, but their order is the same in hexadecimal.
 bool parseHex(std::string_view word, std::uint64_t& value) {
   return utils::parseNumber(word, value, 16);
 }

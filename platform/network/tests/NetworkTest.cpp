@@ -6,7 +6,7 @@
 #include "Routes.h"
 
 namespace {
-std::string procNet;  // in place of /proc/net
+std::string procNet;  // replaces /proc/net
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -60,11 +60,11 @@ TEST(DefaultInterface, SkipsRoutesToHalfOfAddressSpace) {
 
 const std::string kIpv6 =
     "fe80" + std::string(28, '0') + " 40 " + kZero + " 00 " + kZero +
-    " 00000100 00000001 00000000 00000001     eth1\n" +  // no default
+    " 00000100 00000001 00000000 00000001     eth1\n" +  // not a default route
     kZero + " 01 " + kZero + " 00 " + kZero +
     " 00000100 00000001 00000000 00000003     tun0\n" +  // half of the address space
     kZero + " 00 " + kZero + " 00 " + kZero +
-    " ffffffff 00000001 00000000 00200200       lo\n" +  // rejects
+    " ffffffff 00000001 00000000 00200200       lo\n" +  // a reject route
     kZero + " 00 " + kZero + " 00 fd000000000000000000000000000001" +
     " 00000400 00000002 00000000 00450003     eth2\n" + kZero + " 00 " + kZero +
     " 00 fd000000000000000000000000000002" + " 00000800 00000001 00000000 00450003     eth3\n";

@@ -9,14 +9,14 @@
 
 namespace kova::syscfg::internal {
 
-/// Splits the text of a store into its lines. Accepts any text; a missing line break at its end is
-/// added when it is formatted.
+/// Splits the text of a store into its lines. Accepts any text; formatConfig() adds a missing final
+/// line break.
 std::vector<ConfigLine> parseConfig(std::string_view text);
 
 /// The text of a store, with a line break after every line.
 std::string formatConfig(const std::vector<ConfigLine>& lines);
 
-/// Whether a setting may have this key, that is, whether parsing "KEY=..." yields it again.
+/// Whether a setting may have this key, that is, whether parsing "KEY=..." returns the same key.
 bool isKey(std::string_view key);
 
 /// Whether a setting may have this value.

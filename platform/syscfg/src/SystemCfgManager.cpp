@@ -16,7 +16,7 @@ constexpr char kLogUnit[] = "SystemCfgManager";
 constexpr char kStore[] = "/etc/system.cfg";
 constexpr std::size_t kMaxStore = std::size_t{1024} * 1024;
 
-// The last line with this key, which is the one that counts.
+// The last line with this key; earlier ones are ignored.
 template <typename Lines>
 auto* findLine(Lines& lines, const std::string& key) {
   const auto found = std::find_if(lines.rbegin(), lines.rend(),
@@ -24,7 +24,8 @@ auto* findLine(Lines& lines, const std::string& key) {
   return found == lines.rend() ? nullptr : &*found;
 }
 
-// Whether the store stays readable with this value in `line`, or in a new line if that is null.
+// Whether the store stays within the read limit with this value in `line`, or in a new line if
+// null.
 bool fits(const std::vector<ConfigLine>& lines, const ConfigLine* line, const std::string& key,
           const std::string& value) {
   const std::size_t now = internal::formatConfig(lines).size();

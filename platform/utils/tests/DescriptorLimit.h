@@ -4,7 +4,7 @@
 
 namespace kova::tests {
 
-/// During its lifetime the numbers of new descriptors are below `end`.
+/// Limits the numbers of new descriptors to less than `end` during its lifetime.
 class DescriptorLimit {
  public:
   explicit DescriptorLimit(rlim_t end = 0) {

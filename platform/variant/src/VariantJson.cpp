@@ -60,8 +60,8 @@ Json jsonOf(const Variant& value) {
   return nullptr;
 }
 
-// What the parser's message says behind its identifier and place, without the token it quotes,
-// which may be as long as the text.
+// The reason in the parser's message, without its id, its position and the quoted token, which may
+// be as long as the text.
 std::string reasonOf(std::string_view message, const std::string& token) {
   for (const std::string_view lead : {"] ", "column ", ": ", " - "}) {
     const std::size_t at = message.find(lead);
@@ -73,7 +73,7 @@ std::string reasonOf(std::string_view message, const std::string& token) {
   return at == reason.npos ? reason : reason.erase(at, quote.size());
 }
 
-// Builds the value from the parser's events; fails beyond a nesting of Variant::kMaxDepth.
+// Builds the value from the parser's events; fails on nesting deeper than Variant::kMaxDepth.
 class Builder : public nlohmann::json_sax<Json> {
  public:
   Variant root;

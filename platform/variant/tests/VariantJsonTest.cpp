@@ -92,7 +92,7 @@ TEST(VariantJson, ErrorNamesPositionAndReason) {
   EXPECT_EQ(errorOf(std::string(33, '[')), "nested deeper than 32 levels");
   EXPECT_EQ(errorOf(std::string_view("1\0", 2)), "a byte order mark or NUL byte is not allowed");
   EXPECT_EQ(errorOf(std::string(Variant::kMaxJsonSize + 1, ' ')), "longer than 1048576 bytes");
-  EXPECT_LT(errorOf("\"" + std::string(100'000, 'a')).size(), 100U) << "quotes the token";
+  EXPECT_LT(errorOf("\"" + std::string(100'000, 'a')).size(), 100U) << "the token is not quoted";
 }
 
 TEST(VariantJson, WritesWhatItParsed) {

@@ -16,11 +16,11 @@ namespace {
 constexpr std::uint32_t kLines = 2;
 const std::string kLongest(GPIO_MAX_NAME_SIZE, 'n');  // leaves no room for a NUL
 
-int failure = 0;  // the errno of requests to a line
+int failure = 0;  // errno of all ioctls on lines; 0 for success
 gpio_v2_line_request request{};
 gpio_v2_line_values values{};
 
-// A file in /dev is a chip with its content as the label; an empty one is no chip.
+// A file in /dev is a chip whose label is its content; an empty file is not a chip.
 int describeChip(int fd, gpiochip_info& info) {
   errno = ENOTTY;
   info.lines = kLines;
@@ -46,7 +46,7 @@ int readValues(gpio_v2_line_values& given) {
 
 }  // namespace
 
-/// In place of the kernel's drivers.
+/// Replaces the kernel's drivers.
 extern "C" int ioctl(int fd, unsigned long operation, ...) noexcept {
   va_list arguments;
   va_start(arguments, operation);
@@ -98,7 +98,7 @@ TEST_F(ChipsTest, ListsChipsInNumericOrder) {
   EXPECT_EQ(chips[2].path, "/dev/gpiochip10");
 }
 
-TEST_F(ChipsTest, NamesAreOfAllLinesOrNone) {
+TEST_F(ChipsTest, NamesAllLinesOrNone) {
   EXPECT_EQ(lineNames(kChip), (std::vector<std::string>{"", kLongest}));
   EXPECT_TRUE(lineNames({"/dev/gone", "", kLines}).empty());
   failure = EIO;

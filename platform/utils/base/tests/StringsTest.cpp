@@ -74,7 +74,7 @@ TEST(DecodeUtf8Test, AcceptsFirstAndLastOfEveryLength) {
   }
 }
 
-TEST(DecodeUtf8Test, RefusesWhatIsNoCharacter) {
+TEST(DecodeUtf8Test, RejectsInvalidSequences) {
   for (const char* bytes : {"\x80", "\xbf", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80",
                             "\xed\xbf\xbf", "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80",
                             "\xf8\x88\x80\x80\x80", "\xff", "\xc2x", "\xc2\xc0", "\xe1\x80x"}) {

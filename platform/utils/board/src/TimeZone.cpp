@@ -24,7 +24,7 @@ namespace {
 constexpr const char* kLogIdentity = "kova_utils";
 constexpr const char* kLogUnit = "TimeZone";
 
-/// Whether `zone` is formed like a zone name, which excludes NUL, line breaks, absolute paths and
+/// Whether `zone` has the form of a zone name, which excludes NUL, line breaks, absolute paths and
 /// "..".
 bool isZoneName(const std::string& zone) {
   constexpr std::string_view kAllowed =
@@ -38,8 +38,8 @@ std::string canonical(const std::string& path) {
   return resolved ? resolved.get() : "";
 }
 
-/// Whether `path` links back to the system's own zone instead of naming one; the system's zone must
-/// not be a link to itself.
+/// Whether `path` is an absolute link out of `zoneinfo`, such as "localtime" to /etc/localtime.
+/// Setting that zone would create a link loop.
 bool followsTheSystem(const std::string& path, const std::string& zoneinfo) {
   std::error_code isNoLink;
   const std::string target = std::filesystem::read_symlink(path, isNoLink);
@@ -124,6 +124,7 @@ bool writeTimeZone(const std::string& zone, const ZoneFolders& folders) {
     KOVA_LOG(LOG_ERR, 0, "No time zone \"%s\"", zone.c_str());
     return false;
   }
+  // Closing the rule's file commits. The link comes before that, since it can be restored.
   File tz;
   LinkReplacement localtime(folders.etc + "/localtime");
   if (!tz.Initialize(folders.etc + "/TZ", FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY) ||

@@ -67,7 +67,7 @@ class WriteTimeZoneTest : public testing::Test {
     return names;
   }
 
-  /// Expects that Europe/Paris, set before, is still in force and no files are left over.
+  /// Expects that Europe/Paris, set before, is still in effect and that no temporary files remain.
   void expectParis() const {
     EXPECT_EQ(folders_.zoneinfo + "/Europe/Paris", localtime());
     EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", tz());
@@ -97,7 +97,7 @@ TEST_F(WriteTimeZoneTest, LeftoversOfEarlierProcessAreReplaced) {
   expectParis();
   const std::string folder = folders_.etc + "/localtime.new." + std::to_string(getpid());
   std::filesystem::create_directory(folder);
-  EXPECT_FALSE(write("UTC")) << "which cannot be replaced";
+  EXPECT_FALSE(write("UTC")) << "a folder cannot be replaced";
   std::filesystem::remove(folder);
   expectParis();
 }

@@ -33,7 +33,7 @@ namespace {
 
 constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
 
-// Ends the process even if the unwinder waits for a lock that the crashed code holds.
+// Ends the process even if the unwinder deadlocks on a lock that the crashed code holds.
 constexpr unsigned kLongestReportSeconds = 3;
 
 struct Settings {
@@ -44,7 +44,7 @@ struct Settings {
 Settings settings;
 LoadedModules modules;
 alignas(16) std::array<char, 65536> alternateStack;
-volatile sig_atomic_t isReporting = 0;
+volatile sig_atomic_t isReporting = 0;  // a crash of the handler itself is not reported
 
 #if defined(__x86_64__)
 std::uintptr_t programCounter(const mcontext_t& machine) {
@@ -55,7 +55,7 @@ std::uintptr_t programCounter(const mcontext_t& machine) {
   return machine.pc;
 }
 #else
-#error "Say where the program counter stands in this processor's mcontext_t."
+#error "Add programCounter() for this processor's mcontext_t."
 #endif
 
 /// The report's file. An existing file is from an earlier process with the same id.
@@ -100,8 +100,8 @@ class Sink {
   UniqueFd log_;
 };
 
-/// Reports a line of backtrace_symbols_fd(3) with the place of its address in the file that was
-/// loaded there, by which debugging information knows it wherever that was.
+/// Reports a line of backtrace_symbols_fd(3), followed by the frame's address within its ELF file.
+/// Debug information is looked up by that address, wherever the file was loaded.
 void reportFrame(Sink& sink, std::string_view symbols, const void* frame) {
   CrashText<1024> line;
   line.append(symbols);
@@ -113,8 +113,8 @@ void reportFrame(Sink& sink, std::string_view symbols, const void* frame) {
   sink.line(line.view());
 }
 
-/// Reports the lines of a backtrace, which pass through a pipe because only backtrace_symbols_fd(3)
-/// is safe here.
+/// Reports a backtrace. The lines pass through a pipe, because of the backtrace_symbols functions
+/// only backtrace_symbols_fd(3) is safe here.
 void reportBacktrace(Sink& sink) {
   std::array<void*, 48> frames;
   std::array<char, 16384> text;
@@ -122,7 +122,7 @@ void reportBacktrace(Sink& sink) {
   if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
   const int count = backtrace(frames.data(), frames.size());
   backtrace_symbols_fd(frames.data(), count, ends[1]);
-  // One read takes all that is in the pipe, whose ends are closed by the end of the process.
+  // A single read returns everything in the pipe. Process exit closes both ends.
   const ssize_t filled = read(ends[0], text.data(), text.size());
   std::string_view rest(text.data(), static_cast<std::size_t>(std::max<ssize_t>(filled, 0)));
   for (const void* frame : std::span(frames).first(static_cast<std::size_t>(count))) {
@@ -140,8 +140,8 @@ void limitReportTime() {
   alarm(kLongestReportSeconds);
 }
 
-/// Whether the signal has a fault address, that is, was raised by the kernel for a fault and not
-/// sent.
+/// Whether the signal has a fault address, that is, was raised by the kernel for a fault rather
+/// than sent.
 bool hasFaultAddress(const siginfo_t& info) {
   const int number = info.si_signo;
   return info.si_code > 0 &&
@@ -167,7 +167,8 @@ void reportBuild(Sink& sink) {
   sink.line(build.view());
 }
 
-/// The signal raised at the end takes its default action once this handler has returned.
+/// The signal raised at the end is blocked until this handler returns, and then takes its default
+/// action.
 void onFatalSignal(int number, siginfo_t* info, void* context) {
   signal(number, SIG_DFL);
   if (isReporting == 0) {
@@ -209,7 +210,7 @@ bool installCrashDumpHandler(const char* folder, const char* logSocket) {
 
   modules.record();
   void* frame = nullptr;
-  backtrace(&frame, 1);  // loads libgcc, which the handler could not
+  backtrace(&frame, 1);  // loads libgcc, which is not safe in the handler
   return useAlternateStack() && std::all_of(kFatalSignals.begin(), kFatalSignals.end(), handle);
 }
 

@@ -2,7 +2,7 @@
 
 namespace kova::utils {
 
-/// InstallCrashDumpHandler() with a given socket of the system log.
+/// InstallCrashDumpHandler() with the path of the system log's socket.
 bool installCrashDumpHandler(const char* folder, const char* logSocket);
 
 }  // namespace kova::utils

@@ -7,8 +7,7 @@
 
 namespace kova::utils {
 
-/// A text of bounded length for signal handlers: allocates no memory, ignores the locale and
-/// truncates.
+/// A bounded text for signal handlers: truncates, allocates no memory and ignores the locale.
 template <std::size_t kSize>
 class CrashText {
  public:

@@ -9,7 +9,7 @@ namespace kova::utils {
 namespace {
 
 constexpr char kOwner[] = "GNU";
-constexpr std::string_view kOwnerName(kOwner, sizeof kOwner);  // with the zero byte at its end
+constexpr std::string_view kOwnerName(kOwner, sizeof kOwner);  // including the final NUL
 
 constexpr std::size_t padded(std::size_t size) {
   return (size + 3) & ~std::size_t{3};

@@ -14,24 +14,24 @@ namespace kova::utils {
 /// The build-id among notes of an ELF file, see elf(5); empty if there is none.
 std::string_view findBuildId(std::string_view notes);
 
-/// Where the program and its libraries lie in memory, and which build of the program it is.
-/// Recorded once; what signal handlers ask afterwards only reads.
+/// The address ranges of the program and its libraries, and the program's build-id. After record(),
+/// all functions only read, so signal handlers may call them.
 class LoadedModules {
  public:
   struct Module {
     std::uintptr_t begin;
     std::uintptr_t end;
-    std::uintptr_t base;  ///< what was added to the addresses in its file
+    std::uintptr_t base;  ///< load bias: address in memory minus address in the file
   };
 
-  /// Records what is loaded now; libraries that are loaded later stay unknown.
+  /// Records the modules loaded now; libraries loaded later stay unknown.
   void record();
 
-  /// The module that has the address; null if none is known.
+  /// The module that contains the address; null if unknown.
   const Module* find(std::uintptr_t address) const;
   bool isProgram(const Module* module) const { return module == modules_.data(); }
 
-  /// The build-id that the linker gave the program, in hexadecimal; empty if it has none.
+  /// The program's build-id in hexadecimal; empty if it has none.
   std::string_view buildId() const { return buildId_.view(); }
 
  private:

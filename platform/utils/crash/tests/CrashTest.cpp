@@ -26,7 +26,7 @@ namespace {
 
 enum class Unwinder { Works, Hangs, Crashes } unwinder = Unwinder::Works;
 
-/// Until the alarm, which is to be due within three seconds and comes at once.
+/// Hangs until the alarm, which must be due within three seconds and is then brought forward.
 [[noreturn]] void hang() {
   itimerval left{};
   getitimer(ITIMER_REAL, &left);
@@ -41,7 +41,7 @@ enum class Unwinder { Works, Hangs, Crashes } unwinder = Unwinder::Works;
 extern "C" int backtrace(void** frames, int size) {
   static const auto real = reinterpret_cast<decltype(&backtrace)>(dlsym(RTLD_NEXT, "backtrace"));
   static bool isLoaded = false;
-  if (size > 1 && !isLoaded) return 0;  // a handler cannot load it
+  if (size > 1 && !isLoaded) return 0;  // libgcc cannot be loaded in a handler
   isLoaded = size > 0;
   if (size > 1 && unwinder == Unwinder::Hangs) hang();
   if (size > 1 && unwinder == Unwinder::Crashes) raise(SIGBUS);
@@ -57,7 +57,7 @@ using testing::Not;
 using tests::readText;
 using tests::TemporaryFolder;
 
-/// A system log of the test.
+/// A fake system log.
 class LogSocket {
  public:
   explicit LogSocket(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
@@ -69,7 +69,7 @@ class LogSocket {
   LogSocket(const LogSocket&) = delete;
   LogSocket& operator=(const LogSocket&) = delete;
 
-  /// Returns the lines received so far.
+  /// Stores the lines received so far.
   void receive() {
     char line[4096];
     ssize_t got = 0;
@@ -80,7 +80,7 @@ class LogSocket {
 
   const std::string& Received() const { return text_; }
 
-  /// Sends until it takes no more.
+  /// Sends until the queue is full.
   void fill() const {
     const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     const auto* const address = reinterpret_cast<const sockaddr*>(&address_);
@@ -147,7 +147,7 @@ TEST_F(CrashTest, ReportGoesToSystemLog) {
   EXPECT_THAT(log, testing::StartsWith("<10>"));
   EXPECT_THAT(log, HasSubstr(tag + "Crashed by signal 6"));
   EXPECT_THAT(log, HasSubstr(tag + "Build-id of the program: "));
-  EXPECT_THAT(log, HasSubstr(tag + "/")) << "the path of a program";
+  EXPECT_THAT(log, HasSubstr(tag + "/")) << "path of a module";
   EXPECT_EQ(std::count(report.begin(), report.end(), '\n'),
             std::count(log.begin(), log.end(), '\n'));
   EXPECT_THAT(log, HasSubstr("(abort+0x"));
@@ -212,10 +212,10 @@ TEST_P(EachSignal, IsReportedAndTakesDefaultAction) {
   const int number = GetParam();
   expectKilledBy(number, crash([number] { kill(getpid(), number); }));
   EXPECT_THAT(Report(), HasSubstr("Crashed by signal " + std::to_string(number) + " ("));
-  EXPECT_THAT(Report(), Not(HasSubstr("fault address"))) << "it was sent";
+  EXPECT_THAT(Report(), Not(HasSubstr("fault address"))) << "the signal was sent";
 }
 
-TEST_P(EachSignal, HasAddressIfItIsFault) {
+TEST_P(EachSignal, HasAddressIfFault) {
   const int number = GetParam();
   siginfo_t ofKernel{};
   ofKernel.si_signo = number;
@@ -232,7 +232,7 @@ INSTANTIATE_TEST_SUITE_P(CrashTest, EachSignal,
                          testing::Values(SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS),
                          [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
 
-TEST_F(CrashTest, OldReportOfSameNumberIsReplacedAndLinkNotFollowed) {
+TEST_F(CrashTest, OldReportOfSamePidIsReplacedAndLinkNotFollowed) {
   const std::string victim = folder_ / "victim";
   tests::writeText(victim, "precious");
   crash([&] {

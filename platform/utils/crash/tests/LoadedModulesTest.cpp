@@ -18,7 +18,7 @@ std::uintptr_t address(const void* place) {
   return reinterpret_cast<std::uintptr_t>(place);
 }
 
-TEST(LoadedModules, TellsProgramFromLibraries) {
+TEST(LoadedModules, DistinguishesProgramFromLibraries) {
   LoadedModules modules;
   modules.record();
   EXPECT_TRUE(modules.isProgram(modules.find(address(&ofProgram))));
@@ -27,7 +27,7 @@ TEST(LoadedModules, TellsProgramFromLibraries) {
   EXPECT_FALSE(modules.isProgram(library));
 }
 
-TEST(LoadedModules, PlacesAddressBehindBase) {
+TEST(LoadedModules, FindsModuleByItsAddresses) {
   LoadedModules modules;
   modules.record();
   const auto* const program = modules.find(address(&ofProgram));
@@ -39,7 +39,7 @@ TEST(LoadedModules, PlacesAddressBehindBase) {
 
 TEST(LoadedModules, UnknownAddressHasNone) {
   LoadedModules modules;
-  EXPECT_EQ(nullptr, modules.find(address(&ofProgram))) << "nothing is recorded yet";
+  EXPECT_EQ(nullptr, modules.find(address(&ofProgram))) << "not recorded yet";
   modules.record();
   EXPECT_EQ(nullptr, modules.find(0));
   EXPECT_EQ(nullptr, modules.find(UINTPTR_MAX));
@@ -54,7 +54,7 @@ std::string words(std::initializer_list<std::uint32_t> values) {
 }
 
 TEST(LoadedModules, RecordingAgainChangesNothing) {
-  // The note in the file of this program.
+  // The build-id note in this program's file.
   const std::string mark = words({4, 20, NT_GNU_BUILD_ID}) + std::string("GNU", 4);
   const std::string program = tests::readText("/proc/self/exe");
   const std::size_t at = program.find(mark);
@@ -84,7 +84,7 @@ TEST(FindBuildId, IsDescriptionOfRightNote) {
                              note("Other", "second", NT_GNU_BUILD_ID) + note(gnu, "", 5);
   EXPECT_EQ(findBuildId(others), "");
   EXPECT_EQ(findBuildId(others + id + note(gnu, "next", NT_GNU_BUILD_ID)), "sixth");
-  EXPECT_EQ(findBuildId(id.substr(0, id.size() - 1)), "") << "it is cut";
+  EXPECT_EQ(findBuildId(id.substr(0, id.size() - 1)), "") << "truncated";
 }
 
 }  // namespace

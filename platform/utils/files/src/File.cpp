@@ -62,7 +62,7 @@ ssize_t writeSome(int fd, const unsigned char* data, std::size_t length) {
   return put;
 }
 
-// Writing through a symbolic link in /tmp could overwrite any file of the system.
+// O_NOFOLLOW: writing through a symbolic link in /tmp could overwrite any file of the system.
 int openFlags(FILE_OPEN_MODE mode) {
   switch (mode) {
     case FILE_OPEN_MODE_READ:
@@ -219,6 +219,7 @@ bool File::Close() {
   return closed;
 }
 
+// The content must be on disk before the rename: otherwise a crash could leave an empty target.
 bool File::completeReplacement() {
   if (temporary_.empty()) {
     return failWith(EIO);

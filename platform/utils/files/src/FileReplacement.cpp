@@ -27,7 +27,7 @@ std::string folderOf(const std::string& path) {
 
 bool syncFolder(const std::string& folder) {
   const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  // EINVAL: the file system does not support flushing folders and needs none.
+  // EINVAL: the file system does not support, or need, the flushing of folders.
   return fd && (fsync(fd.get()) == 0 || errno == EINVAL);
 }
 

@@ -16,10 +16,10 @@ std::string folderOf(const std::string& path);
 bool syncFolder(const std::string& folder);
 
 /// Creates a new file for writing, with an unpredictable name.
-/// @param path receives its path, if that succeeds
+/// @param path receives its path on success
 UniqueFd createTemporary(const std::string& folder, mode_t mode, std::string& path);
 
-/// Gives the open file the owner and the mode of another.
+/// Copies owner and mode of another file to an open one.
 bool takeOverAttributes(int fd, const struct stat& from);
 
 }  // namespace kova::utils::internal

@@ -8,13 +8,13 @@
 
 namespace kova::utils::internal {
 
-/// The folder of the file that a path names, held open so that later changes to the path do not
-/// matter.
+/// The folder of the file that a path names. It is held open, so that a later change of the path
+/// cannot redirect an access (a TOCTOU race).
 class Folder {
  public:
   explicit Folder(const std::string& path);
 
-  /// If not, `errno` is set.
+  /// False, with `errno` set, if the folder cannot be opened.
   bool isOpen() const { return static_cast<bool>(fd_); }
   /// Whether users other than its owner may create files there, as in /tmp.
   bool isShared() const { return shared_; }

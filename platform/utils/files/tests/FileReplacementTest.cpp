@@ -21,9 +21,9 @@
 
 namespace {
 
-/// What the next calls do: fail with an error, or succeed for 0.
+/// Results of the next calls of fsync(): an errno value, or 0 for success.
 std::deque<int> syncs;
-/// The bytes of the next names; an empty text fails.
+/// Results of the next calls of getrandom(); an empty string fails.
 std::deque<std::string> randomBytes;
 
 template <typename Value>
@@ -115,11 +115,11 @@ TEST_F(AtomicReplacementTest, ModeIsKept) {
 
 TEST_F(AtomicReplacementTest, OwnerIsKept) {
   if (geteuid() != 0) {
-    GTEST_SKIP() << "only root can give a file away";
+    GTEST_SKIP() << "only root can change the owner of a file";
   }
   writeText(path_, "old");
   if (chown(path_.c_str(), 1234, 5678) != 0) {
-    GTEST_SKIP() << "this root has no other users";
+    GTEST_SKIP() << "this user namespace has no other users";
   }
   ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
   File file;
@@ -163,7 +163,7 @@ TEST_F(AtomicReplacementTest, FailedRenameLeavesNothing) {
 }
 
 TEST_F(AtomicReplacementTest, FileAndItsFolderAreSynchronized) {
-  // A file system may be unable to synchronize folders.
+  // EINVAL: a file system may not support the flushing of folders.
   for (const auto& [ofFile, ofFolder, closes] :
        {std::tuple(0, 0, true), std::tuple(0, EINVAL, true), std::tuple(0, EIO, false),
         std::tuple(EIO, 0, false)}) {
@@ -179,13 +179,13 @@ TEST_F(AtomicReplacementTest, FileAndItsFolderAreSynchronized) {
   }
 }
 
-TEST_F(AtomicReplacementTest, TakenNameIsPassedOver) {
+TEST_F(AtomicReplacementTest, ExistingNameIsSkipped) {
   randomBytes = {std::string(8, 'a'), std::string(8, 'a'), std::string(8, 'b'), ""};
   File files[3];
   EXPECT_TRUE(begin(files[0]));
   EXPECT_TRUE(begin(files[1]));
   EXPECT_EQ(folder_.entries(), 2);
-  EXPECT_FALSE(begin(files[2])) << "no name to be had";
+  EXPECT_FALSE(begin(files[2])) << "getrandom() fails";
   EXPECT_TRUE(randomBytes.empty());
 }
 

@@ -6,7 +6,8 @@
 
 namespace kova::tests {
 
-/// Limits the size of files during its lifetime; a write is then cut short and the next fails.
+/// Limits the size of files during its lifetime: a write beyond the limit is short, and the next
+/// one fails.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {

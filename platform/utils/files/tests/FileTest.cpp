@@ -32,7 +32,7 @@ std::string patterned(std::size_t size) {
 
 class FileTest : public testing::Test {
  protected:
-  /// Why a file cannot be opened; 0 if it can.
+  /// The errno value of opening a file; 0 on success.
   static int openingError(const std::string& path, FILE_OPEN_MODE mode, int flags = 0) {
     File file;
     errno = 0;
@@ -47,7 +47,7 @@ TEST_F(FileTest, WrittenContentIsReadBack) {
   const std::string text = patterned(300000);
   File writer;
   ASSERT_TRUE(writer.Initialize(path_, FILE_OPEN_MODE_TRUNCATE, 0));
-  errno = EINTR;  // of an earlier call
+  errno = EINTR;  // left by an earlier call
   EXPECT_TRUE(writer.WriteString(text.substr(0, 1)) && writer.WriteString(text.substr(1)));
   EXPECT_EQ(writer.Size(), text.size());
   EXPECT_EQ(writer.Cursor(), text.size());
@@ -129,7 +129,7 @@ TEST_F(FileTest, HardLinkedFileIsReplacedButNotWrittenInto) {
 TEST_F(FileTest, ForeignFileIsReadButNotWrittenInto) {
   writeText(path_, "content");
   if (chown(path_.c_str(), 65534, 65534) != 0) {
-    GTEST_SKIP() << "only root can give a file away";
+    GTEST_SKIP() << "only root can change the owner of a file";
   }
   EXPECT_EQ(openingError(path_, FILE_OPEN_MODE_READ), 0);
   for (const auto mode : {FILE_OPEN_MODE_APPEND, FILE_OPEN_MODE_TRUNCATE}) {
@@ -147,7 +147,7 @@ TEST_F(FileTest, NonRegularFileIsRefusedWithoutBlocking) {
       File file;
       EXPECT_FALSE(file.Initialize(path, mode, 0)) << path << " mode " << mode;
       EXPECT_EQ(errno, EINVAL) << path << " mode " << mode;
-      EXPECT_FALSE(file.Close()) << "it is not open";
+      EXPECT_FALSE(file.Close()) << "not open";
     }
     EXPECT_EQ(openingError(path, FILE_OPEN_MODE_TRUNCATE, FILE_REPLACE_ATOMICALLY), EINVAL) << path;
   }

@@ -27,7 +27,7 @@ TEST(ProcFileTest, ReadsMoreThanItsBuffer) {
       ProcFile file(folder / "file", form);
       std::string_view text;
       ASSERT_EQ(0, file.open());
-      errno = EINTR;  // of an earlier call
+      errno = EINTR;  // left by an earlier call
       ASSERT_EQ(0, file.read(text));
       EXPECT_EQ(content, text);
       ASSERT_EQ(0, file.read(text));

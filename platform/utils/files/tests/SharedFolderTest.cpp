@@ -16,7 +16,7 @@ namespace {
 using tests::TemporaryFolder;
 using tests::writeText;
 
-/// Files in a folder that others may write, such as /tmp.
+/// Tests files in a folder that others may write to, such as /tmp.
 class SharedFolderTest : public testing::Test {
  protected:
   SharedFolderTest() {
@@ -31,7 +31,7 @@ class SharedFolderTest : public testing::Test {
     File file;
     return file.Initialize(path, FILE_OPEN_MODE_READ, 0);
   }
-  /// Expects that the file cannot be read, does not count as existing, and that the log says why.
+  /// Expects that the file cannot be read and counts as absent, and that the log has the reason.
   void expectRefused(const std::string& path, int error, const std::string& why) {
     records_->clear();
     EXPECT_FALSE(opens(path));
@@ -47,7 +47,7 @@ class SharedFolderTest : public testing::Test {
     EXPECT_FALSE(fileExists(path.c_str(), true));
     EXPECT_TRUE(fileExists(path.c_str(), false));
   }
-  /// Changes the owner of the file, which only root can; returns whether that succeeded.
+  /// Changes the owner of the file, which requires root; returns whether that succeeded.
   bool giveTo(uid_t user) const { return chown(path_.c_str(), user, 0) == 0; }
 
   TemporaryFolder folder_;
@@ -90,7 +90,7 @@ TEST_F(SharedFolderTest, ForeignFilesAreNotRead) {
   chmod(folder_.path().c_str(), 0770);
   EXPECT_FALSE(opens(path_));
   chmod(folder_.path().c_str(), 0755);
-  EXPECT_TRUE(opens(path_)) << "where only the owner may make files";
+  EXPECT_TRUE(opens(path_)) << "only the owner may create files here";
 }
 
 TEST_F(SharedFolderTest, FilesOfTrustedUserAreOnlyRead) {

@@ -21,7 +21,7 @@
 namespace kova::utils {
 namespace {
 
-/// The record of getdents64(2), of which only the name is used.
+/// A record of getdents64(2); only the name is used.
 struct DirectoryEntry {
   std::uint64_t inode;
   std::int64_t offset;
@@ -52,7 +52,7 @@ pid_t parentOf(int folder) {
   return toNumber(rest.substr(0, rest.find(' ')));
 }
 
-/// No child is reaped meanwhile, so that none of the ids can be reused by another process or group.
+/// No id can be reused meanwhile: children are reaped only between the calls of killOnce().
 void killIfChild(int processes, const char* name) {
   const pid_t pid = toNumber(name);
   if (pid <= 0) return;
@@ -62,6 +62,7 @@ void killIfChild(int processes, const char* name) {
   kill(pid, SIGKILL);
 }
 
+/// Scans /proc by system calls, since opendir(3) allocates memory.
 void killOnce() {
   alignas(DirectoryEntry) std::array<char, 8192> entries;
   const UniqueFd processes(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -87,6 +88,7 @@ bool reapChildren() {
   return ended == 0;
 }
 
+// Repeats, since a child may fork before it is killed, and orphans are reparented to us later.
 void killChildren() {
   constexpr int kLongestStepMs = 100;
   for (int step = 1; reapChildren(); step = std::min(step * 2, kLongestStepMs)) {

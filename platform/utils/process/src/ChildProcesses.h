@@ -3,7 +3,7 @@
 namespace kova::utils {
 
 /// Reaps all children that have exited.
-/// @return whether others are left
+/// @return whether any are left
 bool reapChildren();
 
 /// Kills and reaps all children, including orphans that are reparented to this process: if it is a

@@ -31,6 +31,7 @@ class SigPipeBlock {
     sigaddset(&sigpipe_, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
   }
+  /// Consumes a SIGPIPE raised meanwhile, but not one that was pending before.
   ~SigPipeBlock() {
     const timespec atOnce{};
     if (!wasPending_ && isPending()) sigtimedwait(&sigpipe_, nullptr, &atOnce);
@@ -59,8 +60,8 @@ class Capture {
 
   int fd() const { return fd_.get(); }
 
-  /// Reads only once, so that a child with endless output cannot block the caller. There is
-  /// something to read, or the end: this process alone reads the pipe.
+  /// Call it when data or end of file is pending. Reads only once, so that a child with endless
+  /// output cannot block the caller.
   void read(std::size_t atMost) {
     std::array<char, 65536> buffer;
     const ssize_t got = ::read(fd_.get(), buffer.data(), std::min(atMost, buffer.size()));
@@ -93,7 +94,7 @@ class Feed {
 
   int fd() const { return fd_.get(); }
 
-  /// There is room, or no reader any more.
+  /// Call it when there is room, or no reader left.
   void write() {
     const ssize_t put = ::write(fd_.get(), rest_.data(), rest_.size());
     if (put > 0) rest_.remove_prefix(static_cast<std::size_t>(put));

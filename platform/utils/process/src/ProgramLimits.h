@@ -38,7 +38,7 @@ constexpr unsigned timeLimit(std::string_view program, unsigned wantedMs) {
   return wantedMs == 0 ? kDefaultLimitMs : wantedMs;
 }
 
-/// Time from SIGTERM to SIGKILL: as requested together with a time-out.
+/// Time from SIGTERM to SIGKILL: the requested one if a time-out is requested, too.
 constexpr unsigned graceTime(unsigned wantedMs, unsigned graceMs) {
   return wantedMs == 0 ? kGraceMs : graceMs;
 }

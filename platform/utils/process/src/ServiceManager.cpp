@@ -27,12 +27,12 @@ constexpr char kLogUnit[] = "ServiceManager";
 
 constexpr int kStepMs = 250;
 
-/// What the variables of the process said when notifyReady() took them.
+/// The settings that notifyReady() found in the environment.
 struct Manager {
-  std::string socket;            // "": there is nobody to tell
-  std::uint64_t intervalMs = 0;  // half of the time in which it wants to hear; 0: it does not watch
-  std::uint64_t toldMs = 0;      // when it was told last that the process is alive
-  bool unready = false;          // it has not taken yet that the start is complete
+  std::string socket;            // "": no service manager
+  std::uint64_t intervalMs = 0;  // half of the watchdog interval; 0: no watchdog
+  std::uint64_t toldMs = 0;      // time of the last WATCHDOG=1
+  bool unready = false;          // READY=1 could not be sent yet
 };
 
 Manager& manager() {
@@ -40,7 +40,7 @@ Manager& manager() {
   return one;
 }
 
-/// Takes a variable away, so that programs that this process starts do not have it.
+/// Reads a variable and removes it, so that child processes do not inherit it.
 std::string take(const char* name) {
   const char* value = std::getenv(name);
   std::string text = value != nullptr ? value : "";
@@ -97,7 +97,7 @@ void notifyReady() {
   }
 }
 
-// What the manager did not take is tried again by the next call.
+// The next call retries whatever could not be sent.
 void notifyAlive() {
   Manager& told = manager();
   if (told.socket.empty()) {

@@ -43,7 +43,7 @@ Spawn::Spawn(const std::string& program, const std::vector<std::string>& argumen
   flags_ = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
 }
 
-// The attributes name the group 0, which means a new one, from the start.
+// The process group in initialised attributes is 0, which stands for a new group.
 void Spawn::ownGroup() {
   flags_ |= POSIX_SPAWN_SETPGROUP;
 }

@@ -21,13 +21,17 @@
 namespace kova::utils {
 namespace {
 
+// Protocol of the socket pair: the supervisor sends a StartReport, later kTimeIsOver if the limit
+// expires, and closes its end by exiting once no descendant is left. The owner shuts down its end,
+// or exits, to have all of them killed.
+
 struct StartReport {
   int error = ECHILD;
   pid_t pid = -1;
 };
 
 constexpr char kTimeIsOver = 'T';
-// Descriptor of the supervisor's end of the socket; it keeps no descriptor of its owner.
+// The supervisor's end of the socket, the only descriptor that it inherits.
 constexpr int kSocket = 0;
 constexpr int kLongestEndMs = 2'000;
 
@@ -35,11 +39,12 @@ bool sendReport(int socket, const StartReport& report) {
   return send(socket, &report, sizeof report, MSG_NOSIGNAL) == sizeof report;
 }
 
-// Nothing below allocates memory, since other threads of the owner may have held the heap's locks
-// at the fork(2).
+// Nothing in the child processes allocates memory, since other threads of the owner may have held
+// the heap's locks at the fork(2).
 
-/// Signals are blocked and read: a signal that kills the owner must not kill the supervisor first.
-/// @return the descriptor that they are read from; -1 with errno for lack of memory
+/// Blocks all signals and reads them from a descriptor: a signal that kills the owner must not kill
+/// the supervisor first.
+/// @return that descriptor; -1, with errno, on failure
 int becomeSupervisor(int socket) {
   signal(SIGCHLD, SIG_DFL);
   sigset_t all{};
@@ -62,7 +67,7 @@ bool waitWithin(std::uint64_t deadline, int signals) {
   poll(polled, std::size(polled),
        static_cast<int>(std::min<std::uint64_t>(deadline - time, kLongestWaitMs)));
   signalfd_siginfo arrived;
-  // If more have arrived, the next wait ends at once.
+  // If more signals are pending, the next wait ends at once.
   [[maybe_unused]] const ssize_t got = read(signals, &arrived, sizeof arrived);
   return polled[0].revents == 0;
 }
@@ -140,7 +145,7 @@ void Leash::letGo() {
     if (!isReadable(socket_.get(), static_cast<int>(deadline - time))) continue;
     char note;
     if (recv(socket_.get(), &note, 1, 0) <= 0) break;
-    expired_ = true;  // nothing else is sent
+    expired_ = true;  // the only message after the report
   }
 }
 

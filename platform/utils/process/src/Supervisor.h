@@ -9,7 +9,7 @@ namespace kova::utils {
 
 /// A background program and its supervisor: a separate process that kills the program and all its
 /// descendants when its time limit expires, letGo() is called or the owner dies, and exits after
-/// the last of them. Neither is a child of this process.
+/// the last of them. Neither process is a child of this one.
 class Leash {
  public:
   /// @return 0, or the errno value that prevented the start
@@ -17,9 +17,9 @@ class Leash {
 
   /// Whether the program or one of its descendants still runs.
   bool holds() const;
-  /// Kills what still runs and waits for its end, a few seconds at most.
+  /// Kills the program and its descendants and waits for their end, at most a few seconds.
   void letGo();
-  /// Whether the time limit had expired before; valid after letGo(), the last call.
+  /// Whether the time limit had expired before letGo(); valid only after that call.
   bool expired() const { return expired_; }
 
  private:

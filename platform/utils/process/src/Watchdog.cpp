@@ -41,7 +41,7 @@ void Watchdog::check() {  // kept: 15
   expired_ = true;
 }
 
-// The program may have left its group.
+// Signals the process, too: it may have left its group.
 void Watchdog::signalAll(int signal) const {
   kill(-group_, signal);
   kill(group_, signal);
@@ -54,7 +54,7 @@ int Watchdog::pollTimeout(int step) const {
 
 pid_t Watchdog::end(int* status) const {
   if (!hasEnded(group_)) return 0;
-  // Its id cannot be reused by another group until it is reaped.
+  // Before reaping: until then no other group can reuse the id.
   if (expired_) signalAll(SIGKILL);
   return waitFor(group_, status);
 }

@@ -14,7 +14,7 @@ class Watchdog {
   /// @param graceMs time from SIGTERM to SIGKILL; 0: send SIGKILL at once
   Watchdog(pid_t group, const std::string& program, unsigned timeoutMs, unsigned graceMs);
 
-  /// Sends a signal if one is due.
+  /// Sends a signal if one is due: SIGTERM at the limit, SIGKILL after the grace time.
   void check();
   /// `step`, or less if a signal is due earlier.
   int pollTimeout(int step) const;

@@ -38,7 +38,8 @@ class EndDaemonTest : public testing::Test {
     return {std::istream_iterator<pid_t>(file), {}};
   }
 
-  /// Whether a program ends when the process that has started it, once it was prepared, is killed.
+  /// Whether a program ends when the process that started it is killed. `prepare` runs in that
+  /// process first.
   template <typename Prepare>
   bool endsWithItsOwner(Prepare prepare) {
     writeScript(folder_, "script",
@@ -63,7 +64,7 @@ class EndDaemonTest : public testing::Test {
 };
 
 TEST_F(EndDaemonTest, EndsProgramAndItsDescendants) {
-  // One in the background, one in its own session and one orphan, all ignoring SIGTERM.
+  // A background process, one in its own session and an orphan, all of which ignore SIGTERM.
   ASSERT_TRUE(
       start("trap '' TERM HUP\ncd \"$1\"\n"
             "sleep 60 & a=$!\n"
@@ -148,7 +149,7 @@ TEST_F(EndDaemonTest, LeashIsReleasedWithProgram) {
   Spawn spawn("/bin/true", {}, {});
   Leash leash;
   pid_t pid = -1;
-  const auto previous = signal(SIGCHLD, SIG_IGN);  // which a child would inherit
+  const auto previous = signal(SIGCHLD, SIG_IGN);  // inherited by child processes
   EXPECT_EQ(leash.start(spawn, 60'000, &pid), 0);
   signal(SIGCHLD, previous);
   EXPECT_TRUE(eventually([&] { return !leash.holds(); }));
@@ -166,12 +167,12 @@ TEST_F(EndDaemonTest, SupervisorOutlivesSignalToOwner) {
   EXPECT_EQ(tests::readText("/proc/" + std::to_string(supervisor) + "/comm"), "kova_supervisor\n");
   const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(supervisor) +
                                                         "/fd");
-  EXPECT_EQ(std::distance(descriptors, {}), 2) << "a socket and its signals";
+  EXPECT_EQ(std::distance(descriptors, {}), 2) << "a socket and a signalfd";
   endDaemon(Script());
   EXPECT_TRUE(eventually([&] { return !isRunning(supervisor); }));
 }
 
-TEST_F(EndDaemonTest, SupervisorThatHangsHoldsNobodyUp) {
+TEST_F(EndDaemonTest, HungSupervisorBlocksBriefly) {
   ASSERT_TRUE(start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
   const pid_t supervisor = numbersIn("ready").at(0);
   kill(supervisor, SIGSTOP);

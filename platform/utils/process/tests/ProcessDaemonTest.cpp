@@ -21,7 +21,7 @@ using tests::readText;
 using tests::TemporaryFolder;
 using tests::writeScript;
 
-/// A started program, killed at the end of the test at the latest.
+/// A started program, killed by the end of the test.
 class Daemon {
  public:
   explicit Daemon(pid_t pid) : pid_(pid) {}
@@ -61,7 +61,7 @@ TEST(RunDaemon, LeavesNoZombieAndNoChild) {
   errno = 0;
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
   EXPECT_EQ(ECHILD, errno);
-  // Process 1 need not reap it: in a container it may not be an init.
+  // A zombie counts as ended: in a container, process 1 may not reap it.
   EXPECT_TRUE(eventually([&] { return !isRunning(pid); }));
 }
 
@@ -148,7 +148,7 @@ TEST_F(KillByNameTest, FindsProgramThatRenamedItself) {
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
   EXPECT_EQ(1, kill_process_by_name(unique_ + "_too", 0));
   const tests::DescriptorLimit none;
-  EXPECT_EQ(0, kill_process_by_name(unique_, 0)) << "nobody can be looked for";
+  EXPECT_EQ(0, kill_process_by_name(unique_, 0)) << "no descriptor left to read /proc";
 }
 
 TEST_F(KillByNameTest, FindsProgramWithDeletedFile) {

@@ -63,7 +63,7 @@ TEST(WatchdogTest, PollEndsWhenSignalIsDue) {
     watchdog.check();
     EXPECT_TRUE(watchdog.expired());
     EXPECT_EQ(tests::records.size(), 1U);
-    EXPECT_EQ(watchdog.pollTimeout(7), 7) << "the next signal comes later, or none";
+    EXPECT_EQ(watchdog.pollTimeout(7), 7) << "the next signal is due later, or never";
   }
 }
 

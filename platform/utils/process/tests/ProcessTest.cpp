@@ -17,7 +17,7 @@
 
 namespace {
 
-/// How often the end of a child is looked for, and whether nothing else is to be seen.
+/// Counts the calls of waitid(); with `seesOnlyEnd` they block until the child has exited.
 unsigned looks = 0;
 bool seesOnlyEnd = false;
 
@@ -63,7 +63,7 @@ TEST_F(SysExecTest, PassesArgumentsWholeWithoutShell) {
   EXPECT_EQ("[a b][][$(id)]['; ls][*]", out_);
 }
 
-TEST_F(SysExecTest, RefusesArgumentThatCannotBePassedWhole) {
+TEST_F(SysExecTest, RefusesArgumentWithNul) {
   EXPECT_EQ(kNotStarted, run("/bin/echo", {std::string("a\0b", 3)}));
   EXPECT_EQ(EINVAL, errno);
   EXPECT_EQ("", out_);
@@ -189,7 +189,7 @@ TEST_F(SysExecTest, DoesNotWaitForProgramsLeftRunning) {
   EXPECT_EQ(0, kill(grandchild, SIGKILL));
 }
 
-TEST_F(SysExecTest, LooksForEndEvery16Milliseconds) {
+TEST_F(SysExecTest, PollsForExitEvery16Milliseconds) {
   const auto before = nowMs();
   looks = 0;
   EXPECT_EQ(9, runScript("exec >&- 2>&-; sleep 0.2; exit 9"));
@@ -215,7 +215,7 @@ TEST_F(SysExecTest, ChildInheritsOnlyThreeStreams) {
   ASSERT_GE(leaked, 100);
   EXPECT_EQ(0, run("/bin/ls", {"/proc/self/fd"}));
   close(leaked);
-  EXPECT_EQ("0\n1\n2\n3\n", out_);  // the last is the listed folder
+  EXPECT_EQ("0\n1\n2\n3\n", out_);  // 3 is the listed folder itself
 }
 
 TEST_F(SysExecTest, ChildHasDefaultSignalHandling) {
@@ -305,7 +305,7 @@ TEST(PipeTest, NeedsTwoDescriptors) {
 TEST(SysExecSimple, ReturnsExitStatus) {
   EXPECT_EQ(0, sysExecSimple("/bin/true"));
   EXPECT_EQ(1, sysExecSimple("/bin/false"));
-  EXPECT_EQ(0, sysExecSimple("/bin/echo", "x")) << "what it prints is taken";
+  EXPECT_EQ(0, sysExecSimple("/bin/echo", "x")) << "its output is discarded";
   EXPECT_EQ(5, sysExecSimple("/bin/sh", "-c", "exit 5"));
   EXPECT_EQ(128 + SIGABRT, sysExecSimple("/bin/sh", "-c", "kill -ABRT $$"));
   EXPECT_EQ(kNotStarted, sysExecSimple("/no/such/program", "x"));

@@ -23,7 +23,7 @@ inline bool eventually(const std::function<bool()>& condition) {
 
 /// Whether the process exists and is not a zombie.
 inline bool isRunning(pid_t pid) {
-  // Its words may be missing for a moment while it executes another program.
+  // Reads "stat", since "cmdline" may be empty for a moment during execve(2).
   const std::string line = readText("/proc/" + std::to_string(pid) + "/stat");
   const std::size_t state = line.rfind(") ");
   return state != std::string::npos && line.compare(state + 2, 1, "Z") != 0;

@@ -23,7 +23,7 @@
 namespace kova::utils {
 namespace {
 
-/// Stands for systemd: owns the socket and starts the process that tells.
+/// Plays systemd: owns the socket and starts the notifying process.
 class ServiceManagerTest : public testing::Test {
  protected:
   using Variables = std::map<std::string, std::string>;
@@ -46,7 +46,7 @@ class ServiceManagerTest : public testing::Test {
     ASSERT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
   }
 
-  // What a process with these variables tells in `act`.
+  // The notifications sent by `act` in a process with these variables.
   std::vector<std::string> notifications(const Variables& variables,
                                          const std::function<void()>& act) {
     const pid_t child = fork();
@@ -88,7 +88,7 @@ class ServiceManagerTest : public testing::Test {
     return toldOnceReady({{"NOTIFY_SOCKET", path()}, {"WATCHDOG_USEC", watchdogUs}}, act);
   }
 
-  // Fills the queue of the socket, so that it takes nothing more; returns how many it holds.
+  // Fills the queue of the socket; returns the number of messages in it.
   std::size_t fill() {
     const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_un address = addressOf(path());
@@ -116,12 +116,12 @@ class ServiceManagerTest : public testing::Test {
   UniqueFd socket_;
 };
 
-TEST_F(ServiceManagerTest, ReadyIsTold) {
+TEST_F(ServiceManagerTest, ReadyIsSent) {
   EXPECT_EQ(notifications({{"NOTIFY_SOCKET", path()}}, notifyReady),
             std::vector<std::string>{"READY=1"});
 }
 
-TEST_F(ServiceManagerTest, AbstractSocketIsToldToo) {
+TEST_F(ServiceManagerTest, AbstractSocketIsSupported) {
   std::string name = "@kova-test-" + std::to_string(getpid());
   for (const std::size_t size : {name.size(), sizeof sockaddr_un::sun_path}) {
     name.resize(size, 'x');
@@ -131,7 +131,7 @@ TEST_F(ServiceManagerTest, AbstractSocketIsToldToo) {
   }
 }
 
-TEST_F(ServiceManagerTest, NothingIsToldWithoutSocket) {
+TEST_F(ServiceManagerTest, NothingIsSentWithoutSocket) {
   const auto act = [] {
     unsetenv("NOTIFY_SOCKET");
     notifyReady();
@@ -159,11 +159,11 @@ TEST_F(ServiceManagerTest, UnusableSocketIsLoggedOnce) {
   }
 }
 
-TEST_F(ServiceManagerTest, ReadyIsRepeatedUntilTaken) {
+TEST_F(ServiceManagerTest, ReadyIsRepeatedUntilSent) {
   ASSERT_GT(fill(), 0U);
   const auto act = [this] {
     notifyReady();
-    takeAll();  // in the child, which shares the socket
+    takeAll();  // in the child, which inherits the socket
     callFor(700);
   };
   for (const char* watchdogUs : {"", "60000000"}) {
@@ -200,14 +200,14 @@ TEST_F(ServiceManagerTest, ProgramsDoNotInheritVariables) {
   EXPECT_EQ(notifications(variables, act), std::vector<std::string>{"READY=1"});
 }
 
-TEST_F(ServiceManagerTest, AliveIsToldAtHalfTime) {
+TEST_F(ServiceManagerTest, WatchdogIsSentAtHalfInterval) {
   const auto told = toldAlive("400000", [] { callFor(900); });
   EXPECT_GE(told.size(), 2U);
   EXPECT_LE(told.size(), 5U);
   EXPECT_EQ(told.front(), "WATCHDOG=1");
 }
 
-TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
+TEST_F(ServiceManagerTest, NoWatchdogIsSentIfNotExpected) {
   for (const char* time : {"", "0", "-1", "x", "1000x", "99999999999999999999"}) {
     EXPECT_TRUE(toldAlive(time, [] { callFor(20); }).empty()) << time;
   }
@@ -224,7 +224,7 @@ TEST_F(ServiceManagerTest, WhoIsNotWatchedTellsNothing) {
   EXPECT_GT(told.size(), 1U);
 }
 
-TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
+TEST_F(ServiceManagerTest, LongWaitsSendWatchdog) {
   constexpr char kWatchdogUs[] = "200000";
   EXPECT_GE(toldAlive(kWatchdogUs, [] { sysExecSimple("/bin/sleep", "1"); }).size(), 4U);
   EXPECT_GE(toldAlive(kWatchdogUs,
@@ -240,8 +240,8 @@ TEST_F(ServiceManagerTest, LongWaitsTellOfLife) {
   EXPECT_EQ(toldAlive("1000000", [] { sleepAliveMs(1); }).size(), 1U);
 }
 
-// Its queue holds some hundred messages at most, see net.unix.max_dgram_qlen.
-TEST_F(ServiceManagerTest, DeafManagerHoldsNobodyUp) {
+// The queue holds a few hundred messages at most, see net.unix.max_dgram_qlen.
+TEST_F(ServiceManagerTest, StalledManagerDoesNotBlock) {
   const auto before = nowMs();
   const auto told = toldAlive("2", [] {
     for (int call = 0; call < 2'000; ++call) {

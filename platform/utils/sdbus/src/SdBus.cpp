@@ -20,14 +20,14 @@ int start(sd_bus* bus, const std::string& address, bool monitor) {
   return sd_bus_start(bus);
 }
 
-// Unlike sd_bus_wait() it tells of a signal.
+// Unlike sd_bus_wait(), fails with EINTR on a signal.
 int awaitEvent(sd_bus* bus, std::uint64_t timeoutMs) {
   pollfd socket{sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), 0};
   return poll(&socket, 1, static_cast<int>(timeoutMs));
 }
 
-// sd_bus_call() would wait for the handshake too, but without a time limit, and whatever signals
-// arrive.
+// sd_bus_call() would wait for the handshake, too, but without a time-out and regardless of
+// signals.
 int awaitReady(sd_bus* bus, std::uint64_t patienceMs) {
   const std::uint64_t deadline = nowMs() + patienceMs;
   while (sd_bus_is_ready(bus) == 0) {

@@ -21,13 +21,13 @@ namespace {
 
 constexpr const char* kLogIdentity = "kova_utils";
 constexpr const char* kLogUnit = "Service";
-// The public functions, which log collectors know.
+// Log lines name the public functions, which log collectors rely on.
 constexpr char kEnable[] = "EnableService";
 constexpr char kDisable[] = "DisableService";
 
 constexpr const char* kSv = "/usr/bin/sv";
 
-// Without these, no request could start them again, or nothing would be logged.
+// Without these services, no request could restart them, or nothing would be logged.
 constexpr std::array kNeeded{"kova_bus", "kova_ctlserver", "syslogd"};
 
 bool isInstalled(const std::string& name) {
@@ -103,8 +103,9 @@ bool staysUp(const std::string& service) {
   return !started.empty() && File::ReadStringAll(pidFile, later) && later == started;
 }
 
-// runsvdir(8) scans for services every 5 s. When a request to stop has removed the link since, it
-// ends the supervisor, maybe under this start, and the link makes it start another.
+// Retries if the supervisor ends: runsvdir(8) scans every 5 s, so after a recent DisableService()
+// it may end the old supervisor during this start. It then starts a new one for the link. The last
+// second of the budget is left to sv(8).
 bool startSupervised(const std::string& name, const std::string& service,
                      std::uint64_t deadlineMs) {
   while (awaitSupervision(service, deadlineMs - 1000)) {

@@ -5,13 +5,13 @@
 
 namespace kova::utils {
 
-/// How long a request to start or stop a service may hold up the caller.
+/// Maximum time that a request to start or stop a service may block the caller.
 constexpr std::uint64_t kServiceBudgetMs = 8000;
 constexpr int kServicePollMs = 50;
 /// How long a service must run to count as started.
 constexpr int kServiceSettleMs = 500;
 
-/// Whether a name is not empty, does not begin with "." and holds neither "/" nor NUL.
+/// Whether a name is not empty, does not begin with "." and contains neither "/" nor NUL.
 bool isServiceName(const std::string& name);
 
 bool enableRunitService(const std::string& name);

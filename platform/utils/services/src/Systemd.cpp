@@ -28,10 +28,10 @@ constexpr char kUnit[] = "org.freedesktop.systemd1.Unit";
 
 constexpr char kUnexpected[] = "the answer is of another type";
 
-// Of a request's time, for what follows its job.
+// Part of a request's time reserved for the steps after the job.
 constexpr std::uint64_t kReserveMs = 1000;
 
-// Without these, no request could start them again, or nothing would be logged.
+// Without these services, no request could restart them, or nothing would be logged.
 constexpr std::array kNeededUnits{"kova-bus", "kova_ctlserver", "dbus",
                                   "syslog",   "syslogd",        "systemd-journald"};
 
@@ -40,7 +40,7 @@ bool isNeededUnit(const std::string& unit) {
                      [&unit](const std::string& needed) { return unit == needed + ".service"; });
 }
 
-// What ends the system or opens it to whoever stands before it, by how its name begins.
+// Prefixes of units that are part of systemd, shut the system down, or open a shell on the console.
 constexpr std::array kSystemUnits{"systemd-", "initrd-", "debug-shell.", "emergency.", "rescue."};
 
 bool isSystemUnit(const std::string& unit) {
@@ -52,7 +52,7 @@ std::uint64_t timeLeftMs(std::uint64_t deadlineMs) {
   return deadlineMs - std::min(nowMs(), deadlineMs);
 }
 
-/// Reads values where a message stands.
+/// Reads values at the message's read position.
 template <typename... Values>
 bool take(const MessagePtr& message, const char* types, Values... values) {
   return message && sd_bus_message_read(message.get(), types, values...) > 0;
@@ -85,7 +85,7 @@ bool Systemd::connect() {
   return false;
 }
 
-/// Makes `unit_` the service's unit, by its own name if `name` is another one of it.
+/// Sets `unit_` to the service's unit, by its primary name if `name` is an alias.
 bool Systemd::find(const std::string& name) {
   unit_ = name + ".service";
   std::string state = "not-found";
@@ -137,14 +137,14 @@ bool Systemd::mayStop() {
   return false;
 }
 
-/// They are not stopped either, since no request could start them again.
+/// Refuses to stop such units, too, since no request could start them again.
 bool Systemd::refusesSystemUnit(const char* verb, const std::vector<std::string>& names) const {
   if (!isSystemUnit(unit_) && std::none_of(names.begin(), names.end(), isSystemUnit)) return false;
   KOVA_LOG(LOG_ERR, 0, "Refused to %s %s: it belongs to the system itself", verb, unit_.c_str());
   return true;
 }
 
-/// Waits until systemd has done what the method asked for, well or not.
+/// Waits until the unit has no job, whether the job succeeded or not.
 bool Systemd::awaitJob(const char* method) {
   std::uint32_t job = 0;
   while (readJob(job)) {
@@ -155,7 +155,7 @@ bool Systemd::awaitJob(const char* method) {
   return false;
 }
 
-/// Whether the service keeps running, rather than ending and being restarted over and over.
+/// Whether the service keeps running, rather than exiting and being restarted over and over.
 bool Systemd::staysUp() {
   std::string state;
   std::string later;
@@ -179,7 +179,7 @@ bool Systemd::isDown() {
 
 template <typename Call>
 MessagePtr Systemd::ask(const char* what, Call call) {
-  // 0 would be the library's own time.
+  // 0 would select the library's default.
   const std::uint64_t leftMs = std::max<std::uint64_t>(timeLeftMs(deadlineMs_), 1);
   sd_bus_set_method_call_timeout(bus_.get(), leftMs * 1000);
   BusError error;
@@ -197,7 +197,7 @@ MessagePtr Systemd::call(const char* method, const char* types, Arguments... arg
   });
 }
 
-/// A message that stands at the value; null after a log line on failure.
+/// A message positioned at the value; null, after a log line, on failure.
 MessagePtr Systemd::property(const char* name, const char* type) {
   return ask(name, [&](sd_bus_error* error, sd_bus_message** reply) {
     return sd_bus_get_property(bus_.get(), kDestination, path_.c_str(), kUnit, name, error, reply,

@@ -8,8 +8,8 @@
 
 namespace kova::utils {
 
-/// One request to start or stop a service of systemd, by org.freedesktop.systemd1 on the system
-/// bus. What fails is logged.
+/// One request to start or stop a systemd service, through org.freedesktop.systemd1 on the system
+/// bus. Failures are logged.
 class Systemd {
  public:
   static constexpr char kSystemBus[] = "unix:path=/run/dbus/system_bus_socket";
@@ -17,7 +17,7 @@ class Systemd {
   /// Whether systemd runs this system, see sd_booted(3).
   static bool isBooted();
 
-  /// @param deadlineMs time of nowMs() at which every wait ends
+  /// @param deadlineMs deadline for the whole request, on the clock of nowMs()
   Systemd(std::string address, std::uint64_t deadlineMs);
 
   /// As EnableService().
@@ -37,7 +37,7 @@ class Systemd {
   bool staysUp();
   bool isDown();
 
-  /// Makes a call, which ends at the deadline at the latest; null after a log line on failure.
+  /// Makes a call that ends by the deadline; null, after a log line, on failure.
   template <typename Call>
   MessagePtr ask(const char* what, Call call);
   /// Calls a method of the manager; `types` and `arguments` as sd_bus_message_append(3) takes them.
@@ -50,7 +50,8 @@ class Systemd {
   bool readNames(std::vector<std::string>& names);
   bool readJob(std::uint32_t& job);
 
-  /// @return false, after a log line that `what` failed
+  /// Logs that `what` failed.
+  /// @return false
   bool complain(const char* what, const char* why) const;
   bool complain(const char* what, const BusError& error, int result) const;
 
@@ -58,7 +59,7 @@ class Systemd {
   std::uint64_t deadlineMs_;
   BusPtr bus_;
   std::string unit_;
-  std::string path_;  // of the unit's object
+  std::string path_;  // object path of the unit
 };
 
 }  // namespace kova::utils

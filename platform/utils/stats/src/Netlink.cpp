@@ -58,7 +58,7 @@ NlMessage Netlink::dump(int family, std::uint8_t command) {
   return makeRequest(family, NLM_F_DUMP, command);
 }
 
-// A refusal, like a failure of onAnswer, is an error of nl_recvmsgs_default().
+// A refusal by the kernel, or a failure of onAnswer, becomes an error of nl_recvmsgs_default().
 bool Netlink::ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
   if (!socket_ && !connect()) return false;
   Exchange exchange{onAnswer};

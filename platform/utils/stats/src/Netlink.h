@@ -27,7 +27,8 @@ class Netlink {
   static NlMessage dump(int family, std::uint8_t command);
 
   /// Sends a request and passes every answer to `onAnswer`. False if the request was refused or not
-  /// answered in time; a late answer is never mistaken for that of another request.
+  /// answered in time. A failure closes the socket, so that a late answer is never mistaken for
+  /// that of another request.
   bool ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer);
 
  private:

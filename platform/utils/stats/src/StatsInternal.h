@@ -10,8 +10,8 @@
 #include "kova/utils/ProcFile.h"
 #include "kova/utils/Stats.h"
 
-// The parsers behind Stats.h, separated from the files they read. Each returns 0, or EIO for a text
-// that does not conform to proc(5).
+// The parsers behind Stats.h, separate from the files that they read. Each returns 0, or EIO for a
+// text that does not conform to proc(5).
 
 namespace kova::utils {
 
@@ -34,8 +34,8 @@ CpuInfo parseCpuInfo(std::string_view cpuinfo, std::string_view board);
 /// Busy time of each processor between two reads of /proc/stat.
 class CpuMeter {
  public:
-  /// Figures are indexed by processor number; 0 for a processor that is offline. Two reads
-  /// within one clock tick yield the same figures.
+  /// Results are indexed by processor number; 0 for an offline processor. Two reads within one
+  /// clock tick yield the same results.
   int update(std::string_view procStat, CpuStats& stats);
 
  private:

@@ -32,8 +32,8 @@ std::string_view firstValue(std::string_view text, std::initializer_list<std::st
   return "";
 }
 
-/// The columns of a processor's line in /proc/stat; the remaining ones are included in the first
-/// two.
+/// The columns of a processor's line in /proc/stat. The remaining ones, guest times, are included
+/// in the first two.
 namespace column {
 enum { User, Nice, System, Idle, IoWait, Irq, SoftIrq, Steal, Count };
 }  // namespace column

@@ -71,7 +71,7 @@ TEST(ParseCpuInfo, LeavesMissingModelEmpty) {
   EXPECT_EQ("", parseCpuInfo("", "").features);
 }
 
-// The content on a board with four Cortex-A53.
+// /proc/cpuinfo of a board with four Cortex-A53.
 constexpr char kArm64[] =
     "processor\t: 0\nBogoMIPS\t: 38.40\nFeatures\t: fp asimd evtstrm crc32 cpuid\n"
     "CPU implementer\t: 0x41\nCPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd03\n"

@@ -63,7 +63,7 @@ TEST_F(StatsTest, MemoryAgreesWithKernel) {
 TEST_F(StatsTest, CpuReportsEveryProcessorWithinHundredPercent) {
   CpuStats stats{};
   ASSERT_EQ(0, GetCpuStats(lib_.get(), &stats));
-  // More than are online if one of the first is offline.
+  // The count exceeds the online processors if a lower number is offline.
   EXPECT_GE(stats.count, std::min(sysconf(_SC_NPROCESSORS_ONLN), 255L));
   EXPECT_LE(stats.count, sysconf(_SC_NPROCESSORS_CONF));
   for (int i = 0; i < stats.count; ++i) EXPECT_LE(stats.percent[i], 100U);
@@ -102,7 +102,7 @@ TEST_F(StatsTest, NetworkReportsEveryInterfaceExceptLoopback) {
   const std::unique_ptr<struct if_nameindex[], FreeNames> names(if_nameindex());
   ASSERT_NE(nullptr, names);
   for (std::size_t i = 0; names[i].if_index != 0; ++i) expected.insert(names[i].if_name);
-  ASSERT_EQ(1U, expected.erase("lo")) << "every network has it";
+  ASSERT_EQ(1U, expected.erase("lo")) << "every network namespace has it";
 
   NetworkStats stats{};
   ASSERT_EQ(0, GetNetworkStats(lib_.get(), &stats));

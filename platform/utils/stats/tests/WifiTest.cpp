@@ -145,7 +145,7 @@ TEST_F(NetlinkTest, RefusalDoesNotSpoilNextQuery) {
   EXPECT_EQ(GENL_ID_CTRL, netlink_.family("nlctrl"));
 }
 
-TEST_F(NetlinkTest, FailureOfReaderEndsQuery) {
+TEST_F(NetlinkTest, ExceptionInCallbackEndsQuery) {
   const NlMessage request = Netlink::dump(GENL_ID_CTRL, CTRL_CMD_GETFAMILY);
   EXPECT_FALSE(netlink_.ask(request.get(), [](nlmsghdr*) { throw std::bad_alloc(); }));
   EXPECT_EQ(GENL_ID_CTRL, netlink_.family("nlctrl"));
@@ -157,7 +157,7 @@ TEST_F(NetlinkTest, NeedsDescriptor) {
   EXPECT_FALSE(netlink_.ask(request.get(), [](nlmsghdr*) {}));
 }
 
-/// Answers in place of the kernel; requires root.
+/// Plays the kernel's side of the socket; requires root.
 class NetlinkPeerTest : public NetlinkTest {
  protected:
   void SetUp() override {
@@ -170,7 +170,7 @@ class NetlinkPeerTest : public NetlinkTest {
     nlmsg_set_dst(request_.get(), &address_);
   }
 
-  /// Answers the request without end, for 5 s at most.
+  /// Keeps answering the request, for 5 s at most.
   void answerOn() {
     sockaddr_nl sender{};
     unsigned char* bytes = nullptr;

@@ -59,7 +59,7 @@ TEST_F(CameraInfoTest, FailureKeepsEarlierContent) {
 }
 
 TEST_F(CameraInfoTest, MissingOrMistypedKeyEndsProcess) {
-  EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "") << "no map at all";
+  EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "") << "not a map";
   ASSERT_TRUE(init(info_, R"({"name": 1, "sysid": "1", "feature_wifi": true})"));
   EXPECT_EXIT(info_.name(here_), testing::KilledBySignal(SIGABRT), "");
   EXPECT_EXIT(info_.sysid(here_), testing::KilledBySignal(SIGABRT), "");

@@ -23,7 +23,7 @@ class IButtonEventsObserver {
   /// The button was released, or its line was not read for so long that the press counts as ended.
   virtual void buttonUp(int heldMs) = 0;
 
-  /// The button is still held; reported again and again until buttonUp().
+  /// The button is still held; reported repeatedly until buttonUp().
   virtual void buttonDepressed(int heldMs) = 0;
 
   virtual ~IButtonEventsObserver() = default;
@@ -39,8 +39,8 @@ class BaseButton {
   /// @param info       describes which line the button is on; must outlive the button
   /// @param observer   receives the button's events; must outlive the button
   /// @param intervalMs minimum time between two buttonDepressed() calls
-  /// @return always true: a line that cannot be read is logged and retried by service(), so that a
-  /// broken button does not keep the program from starting
+  /// @return always true: an unreadable line is logged and retried by service(), so that a broken
+  /// button does not prevent the program from starting
   bool init(const variant::CameraInfo* info, IButtonEventsObserver* observer, int intervalMs);
 
   /// Samples the line and reports changes; samples at most every 50 ms while the button is

@@ -5,7 +5,7 @@
 
 namespace kova::gpio {
 
-/// A GPIO line that is read. It is opened when it is first read.
+/// A GPIO input line, opened on the first read.
 class InputLine {
  public:
   virtual ~InputLine() = default;
@@ -13,12 +13,12 @@ class InputLine {
   /// False, with errno, if the line cannot be read.
   virtual bool read(bool& high) = 0;
 
-  /// The next read() opens the line anew.
+  /// Closes the line; the next read() reopens it.
   virtual void close() = 0;
 
   /// @param name a value file of sysfs if it begins with "/"; otherwise a line of the GPIO
-  /// character devices: "LABEL:OFFSET" by the label of its chip, which no kernel numbers anew, or
-  /// its own name. Of several with that label or name it is the first.
+  /// character devices, either as "LABEL:OFFSET" with the label of its chip, which is stable where
+  /// chip numbers are not, or by its own name. The first match counts.
   static std::unique_ptr<InputLine> of(const std::string& name);
 };
 

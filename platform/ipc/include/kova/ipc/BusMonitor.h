@@ -18,7 +18,7 @@ struct SeenMessage {
   variant::Variant body;    ///< the message; empty if it could not be decoded
 };
 
-/// Receives all messages between endpoints (org.freedesktop.DBus.Monitoring); requires root or
+/// Receives all messages between endpoints (org.freedesktop.DBus.Monitoring). Requires root, or
 /// permission by the bus policy.
 class BusMonitor {
  public:
@@ -27,9 +27,9 @@ class BusMonitor {
   BusMonitor(const BusMonitor&) = delete;
   BusMonitor& operator=(const BusMonitor&) = delete;
 
-  /// @param error receives what went wrong
+  /// @param error receives the reason on failure
   bool open(std::string& error);
-  /// Passes the messages seen to `sink`; waits up to `timeoutMs` if none is pending. False if the
+  /// Passes pending messages to `sink`; waits up to `timeoutMs` if there are none. False if the
   /// connection is lost.
   bool Service(unsigned timeoutMs, const std::function<void(const SeenMessage&)>& sink);
 

@@ -9,19 +9,19 @@
 
 namespace kova::ipc {
 
-/// Reads the objects that an endpoint publishes at "/kova" and below, over a connection of its own
+/// Reads the objects that an endpoint publishes at "/kova" and below, over its own connection
 /// (D-Bus specification, "Standard Interfaces").
 ///
-/// One call is under way at a time: starting another abandons the one before. Service() delivers
-/// its answer. What arrives is bounded in size but otherwise as untrusted as its sender; see
-/// docs/bus.md for how D-Bus types become those of Variant.
+/// One call is pending at a time; starting another abandons it. Service() delivers the answer.
+/// Received data is bounded in size but otherwise untrusted; see docs/bus.md for the mapping of
+/// D-Bus types to Variant.
 class BusObjects {
  public:
   struct Answer {
-    std::string error;       ///< D-Bus error name; "" for success
-    std::string text;        ///< error message
-    std::string sender;      ///< unique name of who answered; the bus or "" after a time-out
-    variant::Variant value;  ///< what was returned; empty if nothing
+    std::string error;   ///< D-Bus error name; "" for success
+    std::string text;    ///< error message
+    std::string sender;  ///< unique name of the answering peer; the bus or "" if it did not answer
+    variant::Variant value;  ///< returned value; empty if none
   };
   using Receiver = std::function<void(const Answer&)>;
 
@@ -32,7 +32,7 @@ class BusObjects {
   BusObjects& operator=(const BusObjects&) = delete;
 
   /// Joins the bus, without a name.
-  /// @param error receives what went wrong
+  /// @param error receives the reason on failure
   bool open(std::string& error);
 
   /// Reads all objects below "/kova": a map from path to a map from interface to a map of
@@ -45,8 +45,8 @@ class BusObjects {
   bool call(const std::string& path, const std::string& interface, const std::string& method,
             std::uint32_t timeoutMs, Receiver receiver);
 
-  /// Calls and follows from now on only the process of this unique name, instead of whoever serves
-  /// the endpoint: calls fail once it has left the bus.
+  /// Pins later calls and follow() to the process with this unique name instead of the current
+  /// owner of the endpoint. Calls fail once that process has left the bus.
   void keepTo(const std::string& uniqueName);
 
   struct Signal {
@@ -55,7 +55,7 @@ class BusObjects {
     variant::Variant arguments;  ///< an array; empty if they are invalid
   };
   /// Calls `changed` for every broadcast signal of the objects at `path` and below, until another
-  /// path is followed. Signals may be missing: what they tell is to be read once in a while, too.
+  /// path is followed. Signals may get lost, so the caller must also poll from time to time.
   bool follow(const std::string& path, std::function<void(const Signal&)> changed);
 
   /// Handles pending messages, at most 128; waits up to `timeoutMs` if none is pending. False if

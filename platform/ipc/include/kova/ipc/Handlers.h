@@ -42,7 +42,8 @@ class BaseHandler {
   Ipc* ipc_;
 };
 
-/// Rejects every request with the error kova.Error.UnknownFunction. Meant for the empty name.
+/// Rejects every request with the error kova.Error.UnknownFunction. Register it under the empty
+/// name.
 class CatchAllHandlerRejector : public BaseHandler {
  public:
   explicit CatchAllHandlerRejector(Ipc* ipc) : BaseHandler("CatchAllHandlerRejector", ipc) {}

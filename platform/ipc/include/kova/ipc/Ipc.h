@@ -45,8 +45,8 @@ class Ipc {
   /// handler.
   bool AddHandler(const std::string& functionName, BaseHandler* handler);
 
-  /// What the endpoint shows to any D-Bus client besides its messages, see Objects.h. An endpoint
-  /// that publishes nothing has the object "/kova" with "kova.Ipc1" only.
+  /// The D-Bus objects that the endpoint publishes besides its messages, see Objects.h. An endpoint
+  /// that publishes none has the object "/kova" with "kova.Ipc1" only.
   Objects& objects();
 
   /// Handles pending messages: at most 128 per call, and none after 40 ms, so that a flood cannot
@@ -68,8 +68,9 @@ class Ipc {
   /// @return false if no such request is being handled or the answer could not be sent
   bool SendResponse(messages::BaseRequestMessage& request, messages::BaseResponseMessage& response);
 
-  /// Waits, for a bounded time, until the bus has received all that was sent. For a process that
-  /// ends after sending: what a program that carries the connection still holds is lost with it.
+  /// Waits, for a bounded time, until the bus has received everything sent so far. For a process
+  /// that exits after sending: messages that a transport program (unixexec:) still buffers are lost
+  /// with it.
   /// @return false if the bus does not answer
   bool flush();
 

@@ -23,12 +23,12 @@ struct Property {
   const char* name;
   /// D-Bus type, one of those above. A value of another type fails the read.
   const char* type;
-  /// Whether it changes while the object exists. Others are marked as constant.
+  /// Whether it may change while the object exists. If not, it is marked as constant.
   bool changes;
 };
 
-/// An interface of D-Bus: read-only properties, and methods without arguments and result. Names are
-/// not copied; they must outlive the connection.
+/// A D-Bus interface: read-only properties, and methods without arguments and result. Names are not
+/// copied; they must outlive the connection.
 struct Interface {
   const char* name;
   std::vector<Property> properties;
@@ -37,11 +37,11 @@ struct Interface {
 
 /// The error of a method that failed.
 struct MethodError {
-  std::string name;  ///< D-Bus error name, for example "kova.Error.Ended"; "": it succeeded
-  std::string text;  ///< a sentence for a person
+  std::string name;  ///< D-Bus error name, for example "kova.Error.Ended"; "" on success
+  std::string text;  ///< message for a human reader
 };
 
-/// What the object "/kova" shows besides its messages. Called by Ipc::Service() and by
+/// Implements an interface of the object "/kova". Called by Ipc::Service() and by
 /// Objects::changed(); an exception becomes org.freedesktop.DBus.Error.Failed.
 class PublishedObject {
  public:
@@ -50,9 +50,9 @@ class PublishedObject {
   PublishedObject(const PublishedObject&) = delete;
   PublishedObject& operator=(const PublishedObject&) = delete;
 
-  /// The value of a property, by its place in the interface.
+  /// The value of a property, by its index in Interface::properties.
   virtual PropertyValue read(std::size_t property) const = 0;
-  /// Performs a method, by its place in the interface.
+  /// Performs a method, by its index in Interface::methods.
   virtual MethodError call(std::size_t method) = 0;
 };
 
@@ -67,22 +67,23 @@ class PublishedFolder {
   /// The numbers of all objects.
   virtual std::vector<std::uint64_t> numbers() const = 0;
   virtual bool has(std::uint64_t number) const = 0;
-  /// Only called for an object that is there.
+  /// Called only for existing objects.
   virtual PropertyValue read(std::uint64_t number, std::size_t property) const = 0;
   virtual MethodError call(std::uint64_t number, std::size_t method) = 0;
 };
 
-/// The objects that an endpoint shows to any D-Bus client, by the standard interfaces
+/// The objects that an endpoint publishes to any D-Bus client, through the standard interfaces
 /// org.freedesktop.DBus.Introspectable, Properties and, on "/kova", ObjectManager (D-Bus
-/// specification, "Standard Interfaces"). Who may see them is for the bus policy to say.
+/// specification, "Standard Interfaces"). The bus policy controls access to them.
 ///
-/// A text is shown as UTF-8: what is not valid becomes "?", and what exceeds kMostTextBytes is cut.
-/// An answer of more than kMostAnswerBytes, as to GetManagedObjects for very many objects, is
-/// refused with org.freedesktop.DBus.Error.LimitsExceeded; each object can still be read.
+/// Texts are published as UTF-8: invalid bytes become "?", and texts are truncated to
+/// kMostTextBytes. An answer of more than kMostAnswerBytes, such as to GetManagedObjects with very
+/// many objects, is refused with org.freedesktop.DBus.Error.LimitsExceeded; single objects remain
+/// readable.
 class Objects {
  public:
   static constexpr std::size_t kMostTextBytes = 4096;
-  /// The bus's max_incoming_bytes counts on it, see packaging/dbus/kova-bus.conf.
+  /// max_incoming_bytes in packaging/dbus/kova-bus.conf relies on it.
   static constexpr std::size_t kMostAnswerBytes = std::size_t{512} * 1024;
 
   Objects() = default;
@@ -90,26 +91,26 @@ class Objects {
   Objects(const Objects&) = delete;
   Objects& operator=(const Objects&) = delete;
 
-  /// Adds an interface to "/kova", or a folder of objects below it. Only before Ipc::Init(), so
-  /// that no client sees the endpoint without them. What is published must outlive the last call of
-  /// Ipc::Service() and of the signals below; nothing else calls it.
+  /// Adds an interface to "/kova", or a folder of objects below it. Allowed only before
+  /// Ipc::Init(), so that no client sees the endpoint without them. The object must outlive the
+  /// last call of Ipc::Service() and of the functions below, which are its only callers.
   /// @return false after Ipc::Init()
   virtual bool publish(const Interface& interface, PublishedObject* object) = 0;
   virtual bool publish(const std::string& folder, const Interface& interface,
                        PublishedFolder* objects) = 0;
 
-  /// Signals new values of properties (PropertiesChanged), by their places in the interface. Only
-  /// those that were published as changing may be named.
+  /// Signals new values of properties (PropertiesChanged), by their indexes in
+  /// Interface::properties. Allowed only for properties with `changes`.
   ///
-  /// All signals return false if not joined, and if the bus does not keep up, so that they would
-  /// pile up in this process: nothing was sent then, and the caller may try again later.
+  /// All signal functions return false if not joined, or while the send queue is full because the
+  /// bus does not keep up. Nothing is sent then; the caller may retry later.
   virtual bool changed(const PublishedObject& object,
                        const std::vector<std::size_t>& properties) = 0;
   virtual bool changed(const PublishedFolder& objects, std::uint64_t number,
                        const std::vector<std::size_t>& properties) = 0;
-  /// Signals that an object is there (InterfacesAdded, with all properties).
+  /// Signals a new object (InterfacesAdded, with all properties).
   virtual bool added(const PublishedFolder& objects, std::uint64_t number) = 0;
-  /// Signals that an object is gone (InterfacesRemoved).
+  /// Signals the removal of an object (InterfacesRemoved).
   virtual bool removed(const PublishedFolder& objects, std::uint64_t number) = 0;
 };
 

@@ -34,8 +34,8 @@ void openSystemLog(const char* identity, int options, int facility);
                                                const char* function, int line, int level, int error,
                                                const char* format, ...);
 
-/// Writes the counts of repeated lines that are a second old. A process that stays idle for long
-/// calls it periodically; it makes no system call if there are none.
+/// Writes the counts of repeated lines that are a second old. A process with long idle periods
+/// should call it periodically; without such counts it makes no system call.
 void flushRepeats();
 
 /// Where a line comes from, for functions that log on behalf of their caller. The members are

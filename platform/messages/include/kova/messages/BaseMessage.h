@@ -19,7 +19,7 @@ std::uint64_t freshMessageId();
 /// The envelope of every message.
 ///
 /// Each field has an accessor and a setter of the same name. The accessor repairs the field in
-/// place before it returns it, so that it is safe on messages that were never normalised.
+/// place before it returns it, so it is safe on messages that were never normalised.
 class BaseMessage : public variant::BaseVariantContainer {
  public:
   KOVA_FIELD(MessageId, id)
@@ -35,8 +35,8 @@ class BaseMessage : public variant::BaseVariantContainer {
   void NormalizeFields() override;
 
  protected:
-  // Reading repairs the stored value: a missing or mistyped one becomes the default, a number is
-  // brought to the field's width and range, a Choice to its table's spelling.
+  // Reading repairs the stored value: a missing or mistyped value becomes the default, a number is
+  // converted to the field's width and range, a Choice to its table's spelling.
   bool read(const Flag& field);
   template <typename T>
   T read(const Number<T>& field) {

@@ -11,8 +11,8 @@ struct ConfigLine {
   std::string value;  ///< the whole line if it is not a setting
 };
 
-/// The camera's configuration store: /etc/system.cfg, lines of the form "key=value". Lines that are
-/// not of this form ("#" comments, blank lines, "=" in front) and the order of all lines are kept.
+/// The camera's configuration store: /etc/system.cfg, lines of the form "key=value". Lines of any
+/// other form ("#" comments, blank lines, a leading "=") and the order of all lines are kept.
 /// Changes stay in memory until close().
 ///
 /// Keys are compared exactly. A value is everything after the first "=", including a carriage
@@ -34,7 +34,7 @@ class SystemCfgManager {
   /// Changes a value, or appends it. Fails for a key that is empty, contains "=", begins with "#"
   /// or begins or ends with white space; for a line break or NUL in key or value; and if the store
   /// would exceed 1 MiB.
-  /// @param changed receives whether the stored value differs now; may be null
+  /// @param changed receives whether the stored value has changed; may be null
   bool set(const std::string& key, const std::string& value, bool* changed);
   bool set(const std::string& key, int value, bool* changed);
 

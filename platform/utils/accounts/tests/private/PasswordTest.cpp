@@ -17,7 +17,7 @@
 
 namespace {
 
-/// The most bytes that were wiped at once.
+/// Size of the largest wipe.
 std::size_t wiped = 0;
 
 }  // namespace
@@ -101,7 +101,7 @@ TEST_F(PasswordTest, UnknownAccountIsReported) {
   EXPECT_EQ(readUserHash("admin:x", hash), EINVAL);
   EXPECT_EQ(readUserHash("", hash), EINVAL);
   writeText(kPasswd, accountLine("9 a$", "h"));
-  EXPECT_EQ(readUserHash("9 a$", hash), 0) << "no account that adduser(8) makes";
+  EXPECT_EQ(readUserHash("9 a$", hash), 0) << "not a name that adduser(8) creates";
 }
 
 TEST_F(PasswordTest, AccountFileIsReadUpTo1MiB) {
@@ -160,7 +160,7 @@ TEST_F(PasswordTest, HashNeedsPasswordAndSalt) {
   EXPECT_NE(generateHash(std::string(511, 'x').c_str(), generateSalt()), "");
 }
 
-TEST_F(PasswordTest, WorkOfHashingIsWiped) {
+TEST_F(PasswordTest, HashingStateIsWiped) {
   wiped = 0;
   generateHash("secret", "$1$abcdefgh");
   EXPECT_EQ(wiped, sizeof(crypt_data));
@@ -191,7 +191,7 @@ TEST_F(PasswordTest, LockingChangesFileThatHoldsHash) {
   EXPECT_EQ(info.st_mode & 07777, 0600U);
 }
 
-// Processor time, which is independent of other processes.
+// Measures processor time, which does not depend on other processes.
 double checkingTime(const std::string& user) {
   const std::clock_t start = std::clock();
   EXPECT_FALSE(matches(user, "a wrong password")) << user;

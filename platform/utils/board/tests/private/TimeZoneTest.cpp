@@ -43,7 +43,7 @@ TEST(SetTimeZone, ChangesSystemAndThisProcess) {
   EXPECT_EQ("09:46 GMT", clockAt(kSummer2024));
 }
 
-TEST(SetTimeZone, OutranksZoneFromEnvironment) {
+TEST(SetTimeZone, OverridesZoneFromEnvironment) {
   setenv("TZ", "Asia/Tokyo", 1);
   tzset();
   ASSERT_EQ("18:46 JST", clockAt(kSummer2024));
@@ -66,7 +66,7 @@ TEST(SetTimeZone, FailureChangesNeitherSystemNorThisProcess) {
 
 TEST(SetTimeZone, RestoresLinkIfRuleCannotBeReplaced) {
   ASSERT_TRUE(setTimeZone("Europe/Paris"));
-  // A mount point cannot be renamed over, see rename(2).
+  // rename(2) cannot replace a mount point.
   ASSERT_EQ(0, mount("/etc/TZ", "/etc/TZ", nullptr, MS_BIND, nullptr));
   tests::records.clear();
   EXPECT_FALSE(setTimeZone("GMT"));
@@ -76,7 +76,7 @@ TEST(SetTimeZone, RestoresLinkIfRuleCannotBeReplaced) {
   EXPECT_FALSE(std::filesystem::is_symlink("/etc/localtime"));
   ASSERT_EQ(0, umount("/etc/TZ"));
   EXPECT_EQ("CET-1CEST,M3.5.0,M10.5.0/3\n", readText("/etc/TZ"));
-  ASSERT_EQ(2U, tests::records.size()) << "nothing could not be restored";
+  ASSERT_EQ(2U, tests::records.size()) << "one line per failed call, none about a restore";
   EXPECT_NE(std::string::npos, tests::records[1].text.find("Cannot set the time zone GMT"));
 }
 

@@ -1,4 +1,4 @@
-/// crash_report FOLDER: crashes, and leaves the report in FOLDER.
+/// kova_crash_report FOLDER: crashes and leaves the report in FOLDER.
 
 #include "CrashInternal.h"
 

@@ -9,7 +9,7 @@ namespace kova::utils {
 /// @return false if a handler could not be installed
 bool InstallCrashDumpHandler(const char* folder);
 
-/// Crashes the process on purpose, by way of the crash handler, when it cannot safely continue.
+/// Aborts a process that cannot safely continue, with a report by the crash handler.
 [[noreturn]] void forceCrash();
 
 }  // namespace kova::utils

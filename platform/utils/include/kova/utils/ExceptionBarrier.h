@@ -5,9 +5,8 @@
 
 namespace kova::utils {
 
-/// Runs `work` and returns its result. An exception ends here, since it must not unwind through the
-/// frames of a C library or across a public operation: `report` receives its text and `failure` is
-/// returned.
+/// Runs `work` and returns its result. Stops exceptions, which must not unwind through C library
+/// frames or out of a public operation: `report` receives the text, and `failure` is returned.
 /// @param report callable with a `const char*`; must not throw
 template <typename Result, typename Work, typename Report>
 Result exceptionBarrier(Result failure, Work&& work, Report&& report) noexcept {

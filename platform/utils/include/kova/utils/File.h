@@ -89,9 +89,9 @@ class File {
   std::string temporary_;  // empty after a failed write
 };
 
-/// Trusts the files of one more user in folders that others may write, besides root and the user of
-/// this process. `user` is a number or the name of an existing account. A second call replaces the
-/// first.
+/// Trusts the files of one more user in folders that others may write to, besides root and the user
+/// of this process. `user` is a number or the name of an existing account. A second call replaces
+/// the first.
 /// @return false, and logged, for an unknown user; no other user is trusted then
 bool trustFilesOf(const std::string& user);
 

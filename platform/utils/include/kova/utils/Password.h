@@ -17,7 +17,7 @@ int readUserHash(const std::string& user, std::string& hash);
 /// Checks a password against the account's hash. A locked hash ("!" in front), an empty hash and
 /// "*" match no password. An absent or locked account takes as long to check as a wrong password.
 /// @param matches receives whether the password matches
-/// @return 0 if the check could be made, else an errno value
+/// @return 0 if the password could be checked, else an errno value
 int authenticatePassword(const std::string& user, const std::string& password, bool& matches);
 
 /// A fresh random salt for SHA-512 ("$6$") at its default cost, as crypt_gensalt(3) makes it; "" on

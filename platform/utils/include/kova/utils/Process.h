@@ -24,11 +24,11 @@ inline constexpr int kNotStarted = 127;
 /// @param input      bytes for standard input, followed by end of file
 /// @param out        receives standard output
 /// @param err        receives standard error
-/// @param timeoutMs  milliseconds until the child is sent SIGTERM; at most the program's limit,
-/// which is also meant by 0
+/// @param timeoutMs  milliseconds until the child is sent SIGTERM, capped at the program's limit;
+/// 0: that limit
 /// @param graceMs    milliseconds from SIGTERM to SIGKILL; 0: send SIGKILL instead of SIGTERM.
-/// Without `timeoutMs` it is 1 s
-/// @param captureKiB how many KiB of each stream are kept at most; the rest is read and dropped
+/// Always 1 s without `timeoutMs`
+/// @param captureKiB maximum number of KiB kept of each stream; the rest is read and dropped
 /// @return the exit status; 128 plus the signal's number for a child killed by a signal;
 /// kNotStarted
 int sysExec(const std::string& program, const std::vector<std::string>& arguments,
@@ -46,8 +46,8 @@ int sysExecSimple(const char* program, const Argument&... arguments) {
 }
 
 /// Starts a program in the background, in its own session, without leaving a zombie when it ends. A
-/// small supervising process kills it, with all its descendants, on endDaemon(), after its time
-/// limit (see sysExec) and when this process ends for whatever reason.
+/// small supervisor process kills it, with all its descendants, on endDaemon(), after its time
+/// limit (see sysExec), and when this process ends for any reason.
 ///
 /// @param workingDirectory folder to start in; null: the caller's
 /// @param signalMask       signals blocked in the child; null: none
@@ -63,8 +63,8 @@ bool runDaemon(const std::string* workingDirectory, const sigset_t* signalMask, 
 void endDaemon(const std::string& program);
 
 /// Sends `signal` to every process whose program is called `name`: the base name of its argv[0] or
-/// of its executable. The kernel's own short name is not used, since it is cut at 15 characters,
-/// see proc(5).
+/// of its executable. Does not use the kernel's name of the process, which is truncated to 15
+/// characters, see proc(5).
 /// @return number of processes that were signalled
 int kill_process_by_name(const std::string& name, int signal);
 

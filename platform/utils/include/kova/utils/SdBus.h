@@ -23,10 +23,10 @@ struct BusError {
   sd_bus_error value{};
 };
 
-/// Connects to the bus at `address` and waits for the handshake, at most `patienceMs`.
+/// Connects to the bus at `address` and waits up to `patienceMs` for the handshake.
 /// @param monitor whether to receive messages to other endpoints too
 /// @param bus     receives the connection
-/// @return negative on failure, as sd-bus does
+/// @return a negative errno value on failure
 int openBus(const std::string& address, bool monitor, std::uint64_t patienceMs, BusPtr& bus);
 
 }  // namespace kova::utils

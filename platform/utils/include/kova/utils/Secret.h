@@ -6,7 +6,7 @@
 
 namespace kova::utils {
 
-/// A secret text. Every object wipes its own bytes from memory when it is destroyed.
+/// A secret text. Each object wipes its own copy from memory on destruction.
 struct Secret {
   std::string text;
   ~Secret() { explicit_bzero(text.data(), text.size()); }

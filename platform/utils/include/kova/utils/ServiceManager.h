@@ -2,21 +2,21 @@
 
 namespace kova::utils {
 
-// What this process tells the service manager that started it, by the protocol of sd_notify(3): a
-// datagram to the socket that NOTIFY_SOCKET names. Without that variable nothing is told, as under
-// runit. None of these calls blocks for a manager that does not read.
+// Notifications to the service manager by the protocol of sd_notify(3): datagrams to the socket in
+// NOTIFY_SOCKET. Without that variable, as under runit, nothing is sent. No call blocks on a
+// manager that does not read.
 
-/// Tells that the start is complete. What the manager does not take is logged and told again by
-/// notifyAlive(). Takes the variables out of the environment, so that programs started later do not
-/// inherit them; before it, the other functions tell nothing.
+/// Sends READY=1. A failure is logged, and notifyAlive() retries. Removes the variables from the
+/// environment, so that child processes do not inherit them. Before this call, the other functions
+/// send nothing.
 void notifyReady();
 
-/// Tells that the process is alive, if the manager watches for that (WATCHDOG_USEC, WATCHDOG_PID)
-/// and half of its time has passed since it was told last. Called all the time. Waits for programs
-/// tell so, too; only the caller's own work in between must take less than the other half.
+/// Sends WATCHDOG=1 if the manager expects it (WATCHDOG_USEC, WATCHDOG_PID) and half of its
+/// interval has passed since the last one. Call it frequently. Waits for child programs call it,
+/// too, so only the caller's own work between calls must take less than the other half.
 void notifyAlive();
 
-/// sleepMs(), for a long wait: tells meanwhile that the process is alive.
+/// sleepMs() for long waits; calls notifyAlive() meanwhile.
 void sleepAliveMs(int milliseconds);
 
 }  // namespace kova::utils

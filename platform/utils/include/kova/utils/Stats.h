@@ -6,8 +6,8 @@
 
 namespace kova::utils {
 
-/// Opaque state of the statistics engine: open files and the previous counters that rates are
-/// computed from.
+/// Opaque state of the statistics engine: open files, and the previous counters for computing
+/// rates.
 struct StatsLib;
 
 struct MemoryStats {
@@ -18,12 +18,12 @@ struct MemoryStats {
 struct CpuStats {
   static constexpr std::size_t kMax = 255;
   std::uint8_t count;  ///< processors reported
-  /// Busy time since the previous call, in the first since boot; 0 to 100.
+  /// Busy time since the previous call, or since boot in the first call; 0 to 100.
   std::array<std::uint32_t, kMax> percent;
 };
 
 struct CpuInfo {
-  std::string processor;  ///< model, as /proc/cpuinfo gives it
+  std::string processor;  ///< model from /proc/cpuinfo
   std::string features;   ///< feature flags, separated by spaces
 };
 
@@ -55,7 +55,7 @@ static_assert(sizeof(WiFiInterfaceStats) == 44);
 struct WiFiStats {
   static constexpr std::size_t kMax = 8;
   std::uint8_t count;
-  /// One slot more than is ever reported, so that the reported slots are followed by a zeroed one.
+  /// One slot more than is ever reported: a zeroed slot terminates the list.
   std::array<WiFiInterfaceStats, kMax + 1> interfaces;
 };
 
@@ -75,15 +75,15 @@ int InitializeStatsLib(StatsLib** lib);
 /// Closes the engine and sets `*lib` to null.
 void CloseStatsLib(StatsLib** lib);
 
-/// Each of these fills its record and returns 0, or zeroes the record and returns an errno value.
+/// Each of these functions fills its record and returns 0, or zeroes it and returns an errno value.
 int GetMemoryStats(StatsLib* lib, MemoryStats* stats);
 int GetCpuStats(StatsLib* lib, CpuStats* stats);
 int GetCpuInfo(CpuInfo* info);
 int GetLoadAverage(LoadAverage* load);
 /// Loopback interfaces are not reported.
 int GetNetworkStats(StatsLib* lib, NetworkStats* stats);
-/// Reads signal levels by nl80211, or from /proc/net/wireless if the kernel still has only that. A
-/// system without Wi-Fi reports nothing and succeeds.
+/// Reads signal levels through nl80211, or if that fails from /proc/net/wireless. Succeeds with no
+/// interfaces on a system without Wi-Fi.
 int GetWiFiStats(WiFiStats* stats);
 int GetUptimeStats(UptimeStats* stats);
 

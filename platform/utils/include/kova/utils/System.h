@@ -4,9 +4,9 @@
 
 namespace kova::utils {
 
-/// The version of the firmware that runs, as its maker writes it: the first line of
-/// /run/firmware_version, which the board's start script fills in. A board that keeps it elsewhere
-/// replaces this. At most 255 bytes; "" if the board does not tell.
+/// The version of the running firmware, in the vendor's notation: the first line of
+/// /run/firmware_version, which the board's start script writes. A board that keeps it elsewhere
+/// replaces this function. At most 255 bytes; "" if unknown.
 std::string firmwareVersion();
 
 /// The kernel's id of this boot (random(4), "boot_id"); "" if it cannot be read.

@@ -6,8 +6,8 @@
 namespace kova::utils {
 namespace {
 
-/// Limits the descriptors as the daemon's service files do: the stand-in looks at each number that
-/// one could have, which are a million where nothing limits them.
+/// Limits the descriptors as the daemon's service files do: the portable implementation loops over
+/// all possible descriptors, a million without a limit.
 class FewDescriptors : public testing::Environment {
  public:
   void SetUp() override {

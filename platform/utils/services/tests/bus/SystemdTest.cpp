@@ -45,8 +45,8 @@ int staySilent(sd_bus_message*) {
   return 0;
 }
 
-/// Stands for systemd: a thread that owns its name on the bus and answers by table. A property is
-/// answered as a method of its name.
+/// Plays systemd: a thread that owns its bus name and answers from a table. A property is looked up
+/// like a method of the same name.
 class FakeSystemd {
  public:
   explicit FakeSystemd(const std::string& address) {
@@ -73,7 +73,7 @@ class FakeSystemd {
   }
 
   std::map<std::string, Answer> answers;
-  std::vector<std::string> calls;  // with the unit and the flags where they are given
+  std::vector<std::string> calls;  // with the unit and the flags, if given
 
  private:
   static int onMessage(sd_bus_message* message, void* owner, sd_bus_error*) {
@@ -162,7 +162,7 @@ using Calls = std::vector<std::string>;
 TEST_F(SystemdTest, ServiceIsEnabledAndStarted) {
   const std::uint64_t before = nowMs();
   EXPECT_TRUE(enable());
-  EXPECT_GE(nowMs() - before, 500U) << "it is looked at twice";
+  EXPECT_GE(nowMs() - before, 500U) << "the state is read twice";
   EXPECT_EQ(systemd_.calls, (Calls{"LoadUnit lights.service", "LoadState", "Id", "Names",
                                    "EnableUnitFiles lights.service false false", "Reload",
                                    "StartUnit lights.service", "Job", "ActiveState",
@@ -180,7 +180,7 @@ TEST_F(SystemdTest, ServiceIsStoppedAndDisabled) {
   EXPECT_TRUE(tests::records.empty());
 }
 
-TEST_F(SystemdTest, BusTakesNoDescriptors) {
+TEST_F(SystemdTest, BusAcceptsNoDescriptors) {
   BusPtr bus;
   ASSERT_GE(openBus(bus_.address(), false, 10'000, bus), 0);
   EXPECT_EQ(sd_bus_can_send(bus.get(), SD_BUS_TYPE_UNIX_FD), 0);
@@ -202,7 +202,7 @@ TEST_F(SystemdTest, JobIsAwaited) {
   EXPECT_EQ(left, 0);
 }
 
-TEST_F(SystemdTest, OtherNameActsOnUnit) {
+TEST_F(SystemdTest, AliasActsOnUnit) {
   systemd_.answers["ActiveState"] = returns("v", "s", "failed");
   EXPECT_TRUE(disable("lamps"));
   EXPECT_EQ(systemd_.calls.front(), "LoadUnit lamps.service");
@@ -221,7 +221,7 @@ TEST_F(SystemdTest, EssentialServiceIsNotStopped) {
   }
 }
 
-TEST_F(SystemdTest, EssentialServiceIsNotStoppedByOtherName) {
+TEST_F(SystemdTest, EssentialServiceIsNotStoppedByAlias) {
   systemd_.answers["Names"] = returns("v", "as", 2, "lights.service", "dbus.service");
   EXPECT_FALSE(disable());
   expectLine("Refused to stop lights.service: the camera cannot be managed without");
@@ -244,7 +244,7 @@ TEST_F(SystemdTest, SystemUnitIsNeitherStartedNorStopped) {
   }
 }
 
-TEST_F(SystemdTest, SystemUnitIsNotStartedByOtherName) {
+TEST_F(SystemdTest, SystemUnitIsNotStartedByAlias) {
   systemd_.answers["Names"] = returns("v", "as", 2, "lights.service", "debug-shell.service");
   EXPECT_FALSE(enable());
   expectLine("Refused to start lights.service: it belongs to the system itself");
@@ -283,7 +283,7 @@ TEST_F(SystemdTest, InvalidNamesNeverReachSystemd) {
   }
 }
 
-TEST_F(SystemdTest, NameThatIsNoTextFails) {
+TEST_F(SystemdTest, InvalidUtf8NameFails) {
   EXPECT_FALSE(enable("\xff\xfe"));
   expectLine("systemd LoadUnit of");
 }
@@ -316,7 +316,7 @@ TEST_F(SystemdTest, EndlessJobEndsInTime) {
   systemd_.answers["Job"] = returns("v", "(uo)", 7, "/org/freedesktop/systemd1/job/7");
   EXPECT_FALSE(enable("lights", 1500));
   expectLine("systemd StartUnit of lights.service failed: it takes too long");
-  EXPECT_LT(systemd_.calls.size(), 20U) << "it is not asked all the time";
+  EXPECT_LT(systemd_.calls.size(), 20U) << "polled, not in a busy loop";
 }
 
 TEST_F(SystemdTest, CallPastDeadlineEndsAtOnce) {
@@ -328,7 +328,7 @@ TEST_F(SystemdTest, CallPastDeadlineEndsAtOnce) {
   expectLine("systemd ActiveState of lights.service failed: ");
 }
 
-/// Gives one answer in place of each that a request gets, in turn, while all others are as ever.
+/// Replaces the answers to a request, one at a time, by a hostile one.
 class HostileSystemdTest : public SystemdTest {
  protected:
   void expectFailures(const Answer& hostile, const Calls& spared, unsigned budgetMs) {
@@ -360,7 +360,7 @@ TEST_F(HostileSystemdTest, SilenceEndsInTime) {
   expectFailures(staySilent, {}, 1500);
 }
 
-// What a request makes systemd do is asked for; that alone is not looked at.
+// Methods whose reply is not read: only an error matters.
 const Calls kNotLookedAt{"DisableUnitFiles", "Reload", "StartUnit", "StopUnit"};
 
 TEST_F(HostileSystemdTest, GarbageFails) {
@@ -385,14 +385,14 @@ TEST_F(HostileSystemdTest, AbsentSystemdFails) {
   expectLine("Unable to reach systemd on the system bus");
 }
 
-TEST_F(HostileSystemdTest, NobodyOnBusFails) {
+TEST_F(HostileSystemdTest, BusWithoutSystemdFails) {
   const ipc::testing::PrivateBus empty;
   Systemd systemd(empty.address(), nowMs() + 8000);
   EXPECT_FALSE(systemd.enable("lights"));
   expectLine("systemd LoadUnit of lights.service failed: ");
 }
 
-// Its connections are never accepted.
+// The listener never accepts a connection.
 TEST_F(HostileSystemdTest, HungBusEndsInTime) {
   const tests::TemporaryFolder folder;
   const std::string path = folder / "bus";
@@ -414,7 +414,7 @@ TEST_F(HostileSystemdTest, HungBusEndsInTime) {
     expectLine("Connection timed out");
     rusage later{};
     getrusage(RUSAGE_THREAD, &later);
-    EXPECT_GT(later.ru_nvcsw, earlier.ru_nvcsw) << "it sleeps";
+    EXPECT_GT(later.ru_nvcsw, earlier.ru_nvcsw) << "it sleeps while it waits";
   }
   EXPECT_LT(nowMs() - before, 6000U);
 }

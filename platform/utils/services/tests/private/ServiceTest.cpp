@@ -19,14 +19,15 @@
 namespace kova::utils {
 namespace {
 
-/// What a test does at every wait, which then only turns the clock. It stands still otherwise.
+/// If set, called by every sleepMs(), which then only advances the clock. Otherwise the clock is
+/// real.
 std::function<void()> atWait;
 std::uint64_t stoppedMs = 0;
 std::uint64_t turnedMs = 0;
 
 }  // namespace
 
-// The functions of Clock.h for this program.
+// Replaces the functions of Clock.h.
 
 std::uint64_t nowMs() {
   if (atWait) return stoppedMs + turnedMs;
@@ -96,7 +97,7 @@ class ServiceTest : public testing::Test {
     return readText("/etc/sv/" + name + "/supervise/stat");
   }
 
-  /// Expects these lines and no others since the last call.
+  /// Expects exactly these lines since the last call.
   static void expectLines(const std::vector<std::string>& texts) {
     ASSERT_EQ(tests::records.size(), texts.size());
     for (std::size_t line = 0; line < texts.size(); ++line) {
@@ -121,7 +122,7 @@ TEST_F(ServiceTest, EnableStartsAndMarksDisableUndoesBoth) {
   ASSERT_TRUE(DisableService("lights"));
   EXPECT_FALSE(fs::is_symlink("/etc/service/lights"));
   EXPECT_NE("run\n", State("lights"));
-  EXPECT_NE(0, kill(std::stoi(pid), 0)) << "the process is still there";
+  EXPECT_NE(0, kill(std::stoi(pid), 0)) << "the process still exists";
   EXPECT_TRUE(DisableService("lights")) << "already disabled";
 }
 
@@ -255,7 +256,7 @@ TEST_F(ServiceTest, MarkThatCannotBeChangedFails) {
   expectLines({"Cannot mark lights to be started"});
 }
 
-/// A service whose supervisor and sv(8) are played by the test.
+/// Fakes the supervisor of a service, and sv(8).
 class SvTest : public ServiceTest {
  protected:
   void SetUp() override {
@@ -280,7 +281,7 @@ class SvTest : public ServiceTest {
     writeText("/etc/sv/lights/supervise/ok", "");
     writeText("/etc/sv/lights/supervise/pid", "7\n");
   }
-  /// Sets what sv(8) does.
+  /// Sets the script that replaces sv(8).
   static void sv(const std::string& body) {
     fs::remove("/etc/sv/calls");
     writeText("/etc/sv/sv", "#!/bin/sh\necho \"$@\" >>/etc/sv/calls\n" + body + "\n");
@@ -326,7 +327,7 @@ TEST_F(SvTest, FailedStopIsLoggedWithFirstFourKibibytes) {
   EXPECT_TRUE(isMarked("lights"));
 }
 
-// As runsvdir(8) ends it when a request to stop has removed the link.
+// runsvdir(8) ends the supervisor after a request to stop has removed the link.
 TEST_F(SvTest, StartIsRepeatedIfSupervisorEndsUnderIt) {
   for (const char* status : {"0", "1"}) {
     sv("cd /etc/sv/lights; test -e ended || { touch ended; rm supervise/*; exit " +

@@ -15,7 +15,7 @@ namespace kova::utils {
 namespace {
 
 constexpr int kNoDriver = -1;
-constexpr std::uint32_t kClient = 4;  // an interface; the one before is an access point
+constexpr std::uint32_t kClient = 4;  // index; the interface before is an access point
 
 /// The family id of the loaded driver.
 int loaded = kNoDriver;
@@ -59,8 +59,8 @@ NlMessage Netlink::dump(int family, std::uint8_t command) {
   return request;
 }
 
-// Like the kernel, acknowledges a request to family 0, which is none, without any answer. The real
-// one gets no answer past the deadline.
+// Like the kernel, acknowledges a request to the invalid family 0 without an answer. Fails past the
+// deadline, like the real function.
 bool Netlink::ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswer) {
   nlmsghdr* const header = nlmsg_hdr(request);
   if (nowMs() >= deadlineMs_) return false;
@@ -94,7 +94,7 @@ class WifiFamilyTest : public testing::Test {
   static inline WiFiStats stats;
 };
 
-// One test, since the id is remembered for the life of the process.
+// A single test, since the process caches the id.
 TEST_F(WifiFamilyTest, IsLookedUpOnceAndAfterReload) {
   loaded = 31;
   EXPECT_EQ(2, count());

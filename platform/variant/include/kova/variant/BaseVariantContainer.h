@@ -17,7 +17,7 @@ class BaseVariantContainer : public Variant {
   /// Never fails; idempotent.
   virtual void NormalizeFields() {
     if (!isContainer()) {
-      IsArray(false);  // discards it for an empty map
+      IsArray(false);  // replaces the value by an empty map
     }
   }
 };

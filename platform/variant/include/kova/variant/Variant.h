@@ -133,11 +133,10 @@ class Variant {
   /// uint64 that can hold it, any other number a double. The last of several equal keys counts.
   /// @param result receives the value; unchanged on failure
   /// @return the number of bytes read, or a negative value: -1 for text that is not JSON, -2 for
-  /// nesting deeper than
-  ///         kMaxDepth, -3 for more than kMaxJsonSize bytes
+  /// nesting deeper than kMaxDepth, -3 for more than kMaxJsonSize bytes
   static int FromJSON(std::string_view text, Variant& result);
-  /// @param error receives, on failure, one line that says what is wrong and, where it is known,
-  ///              at which position; the first byte of the text has position 1
+  /// @param error receives, on failure, one line with the reason and, if known, the position; the
+  /// first byte of the text has position 1
   static int FromJSON(std::string_view text, Variant& result, std::string& error);
 
   bool operator==(const Variant& other) const { return value_ == other.value_; }
