@@ -163,7 +163,7 @@ TEST_F(FloodSystem, SigtermEndsFloodAtOnceAndAllCalls) {
   EXPECT_LE(fastest.count(), kLongestEnd.count()) << "ms";
 }
 
-/// A process's present limit (proc(5), "limits").
+/// A process's soft limit (proc(5), "limits").
 std::string limitOf(pid_t pid, const std::string& name) {
   std::istringstream limits(readFile("/proc/" + std::to_string(pid) + "/limits"));
   for (std::string line; std::getline(limits, line);) {

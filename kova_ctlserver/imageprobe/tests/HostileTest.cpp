@@ -10,9 +10,9 @@
 namespace kova::imageprobe {
 namespace {
 
-constexpr double kProcessorSeconds = 3;  // a second for loading, one for decoding, one for its end
-// 256 MiB of data, the libraries, and what this process holds when it starts the probe, which
-// getrusage(2) includes.
+constexpr double kProcessorSeconds = 3;  // a second each for loading, decoding and exit
+// 256 MiB of data, the libraries, and the memory of this process at the time of the fork, which
+// ru_maxrss (getrusage(2)) includes.
 constexpr long kResidentKiB = 420L * 1024;
 
 struct Sample {
