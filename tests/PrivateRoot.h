@@ -10,7 +10,7 @@
 
 namespace kova::tests {
 
-/// Whether this process sees the files of tests/private-root and not those of the machine.
+/// Whether this process runs in tests/private-root rather than on the machine's own files.
 inline bool inPrivateRoot() {
   std::array<char, 64> host{};
   struct statfs etc {};
@@ -19,9 +19,9 @@ inline bool inPrivateRoot() {
          etc.f_type == TMPFS_MAGIC;
 }
 
-/// To be called before every change of a system file. Outside of a private root it ends the process
-/// at once: a failed assertion would only end the function it stands in, and the test would go on
-/// to change the machine.
+/// Must be called before every change of a system file. Outside of a private root it ends the
+/// process at once: a failed assertion would only leave its function, and the test would go on to
+/// change the machine.
 inline void requirePrivateRoot() {
   if (!inPrivateRoot()) {
     std::fputs("This program changes system files: run it through tests/private-root.\n", stderr);

@@ -24,8 +24,8 @@
 namespace kova::imageprobe {
 namespace {
 
-constexpr rlim_t kProcessorSeconds =
-    1;  // for decoding: loading the libraries takes a slow core as long
+// For decoding alone: loading the libraries takes a slow core as long.
+constexpr rlim_t kProcessorSeconds = 1;
 constexpr rlim_t kDataBytes = 256UL * 1024 * 1024;
 constexpr uid_t kNobody = 65534;
 
@@ -71,7 +71,8 @@ constexpr int kAllowed[] = {
     SCMP_SYS(uname),
 };
 
-// Refused, not fatal: libraries that look for settings, plug-ins or processors manage without.
+// Refused with EACCES, not fatal: libraries look for settings, plug-ins or processors and work
+// without them.
 constexpr int kRefused[] = {
     SCMP_SYS(access),  SCMP_SYS(clone),    SCMP_SYS(clone3),     SCMP_SYS(faccessat),
     SCMP_SYS(getcwd),  SCMP_SYS(ioctl),    SCMP_SYS(faccessat2), SCMP_SYS(readlink),
@@ -86,8 +87,8 @@ bool limit(Resource resource, rlim_t value) {
   return setrlimit(resource, &both) == 0;
 }
 
-/// The signal of the timer ends the process. The limit, which counts whole seconds of its whole
-/// life, catches one that ignores the signal.
+/// SIGPROF ends the process after kProcessorSeconds. RLIMIT_CPU, which counts whole seconds since
+/// the process started, catches one that ignores the signal.
 bool limitProcessorTime() {
   rusage used{};
   itimerval timer{};
@@ -117,12 +118,13 @@ bool becomeNobody() {
   return alone;
 }
 
-/// The picture, opened several times, since each descriptor has its own position.
+/// The picture, opened once for each time that a decoder may open it: each descriptor needs its own
+/// file position.
 struct Picture {
   const char* path = nullptr;
   std::array<utils::UniqueFd, 16> descriptors;
   std::size_t left = 0;
-  int error = EMFILE;  // of opening it when none is left
+  int error = EMFILE;  // result of open(2) when none is left
 };
 
 Picture picture;
@@ -132,8 +134,8 @@ bool isPlain(const utils::UniqueFd& file) {
   return fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1;
 }
 
-/// Everyone may write to the folder of the picture, so links and special files are refused, and a
-/// pipe does not block the probe.
+/// The folder of the picture is world-writable, so links and special files are refused, and a FIFO
+/// does not block the probe.
 utils::UniqueFd openPlainFile(const char* path) {
   utils::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
   if (file && !isPlain(file)) {
@@ -166,7 +168,8 @@ int descriptorOf(const char* path) {
   return picture.descriptors[--picture.left].release();
 }
 
-/// Handles SIGSYS, which the filter raises for openat(2).
+/// Handles SIGSYS, which the filter raises for openat(2): puts the result into the saved register,
+/// from which the interrupted call returns it.
 void onOpen(int, siginfo_t*, void* context) {
   auto& machine = static_cast<ucontext_t*>(context)->uc_mcontext;
 #if defined(__x86_64__)
@@ -186,7 +189,7 @@ bool interceptOpen() {
   return sigaction(SIGSYS, &action, nullptr) == 0;
 }
 
-/// Allows fcntl(2) on the flags of a descriptor, but not on who receives its signals.
+/// Allows fcntl(2) on descriptor flags, but not F_SETOWN, which directs signals to other processes.
 bool allowHarmlessFcntl(scmp_filter_ctx filter) {
   constexpr int kHarmless[] = {F_GETFD, F_SETFD, F_GETFL};
   return std::all_of(std::begin(kHarmless), std::end(kHarmless), [filter](int command) {
@@ -195,7 +198,8 @@ bool allowHarmlessFcntl(scmp_filter_ctx filter) {
   });
 }
 
-/// Allows mmap(2) of the picture, and of memory if RLIMIT_DATA counts it: no shared memory.
+/// Allows mmap(2) of the picture and of private memory, which RLIMIT_DATA counts, but not of shared
+/// memory.
 bool allowMap(scmp_filter_ctx filter) {
   return seccomp_rule_add(filter, SCMP_ACT_ALLOW, SCMP_SYS(mmap), 1,
                           SCMP_A3(SCMP_CMP_MASKED_EQ, MAP_ANONYMOUS, 0)) == 0 &&
@@ -203,8 +207,8 @@ bool allowMap(scmp_filter_ctx filter) {
                           SCMP_A3(SCMP_CMP_MASKED_EQ, MAP_TYPE, MAP_PRIVATE)) == 0;
 }
 
-/// openat(2) for reading goes to onOpen; only standard output and error may be written, and limits
-/// only be read.
+/// Restricts the arguments of some calls: openat(2) for reading traps to onOpen, write(2) reaches
+/// only the standard streams, prlimit(2) only reads limits.
 bool allowInPart(scmp_filter_ctx filter) {
   constexpr scmp_datum_t kChanging = O_ACCMODE | O_CREAT | O_TRUNC;
   return seccomp_rule_add(filter, SCMP_ACT_TRAP, SCMP_SYS(openat), 1,

@@ -5,7 +5,7 @@ namespace kova::imageprobe {
 /// Permanently drops everything that decoding the picture at `path` does not need:
 ///
 /// - processor time beyond 1 s from now (setitimer(2); 3 s if the signal is ignored), data beyond
-///   256 MB, writing files, further processes (setrlimit(2));
+///   256 MiB, writing files, further processes (setrlimit(2));
 /// - root: the process becomes nobody (65534), unless its user namespace has no other user;
 /// - new privileges (PR_SET_NO_NEW_PRIVS, prctl(2));
 /// - system calls beyond reading, computing and exiting (seccomp(2)): no network, programs,

@@ -22,7 +22,7 @@ class BaseTransferTask {
   BaseTransferTask(const BaseTransferTask&) = delete;
   BaseTransferTask& operator=(const BaseTransferTask&) = delete;
 
-  /// Validates what is specific to this kind of task and fills in its defaults. Called first in
+  /// Validates the parameters specific to this kind of task and fills in defaults. Called first in
   /// start(); false refuses the task.
   virtual bool onCheck();
   /// Called last in start(), with the deadline running; its result is the result of start().
@@ -32,7 +32,7 @@ class BaseTransferTask {
   /// @param path  receives the file to upload
   virtual void onPrepare(bool& ready, std::string& path);
   /// Called on every turn after TRANSFER_OK until it sets `done`, while the deadline runs. The HTTP
-  /// status was not judged: the file may be an error page.
+  /// status has not been checked: the file may be an error page.
   virtual void onSuccess(bool& done);
   /// Called exactly once for a failed run; the service then removes the task.
   /// @param status   never TRANSFER_OK
@@ -92,14 +92,14 @@ class BaseTransferTask {
   /// Starts a run: onCheck, the common checks, the clock, onStart. Returns false, with the reason
   /// logged, if any of them refuses.
   bool start();
-  /// Forgets what the last hook said of its run.
+  /// Clears the outcome and the reason that the last hook set.
   void clearConclusion() { conclude("", ""); }
   void setInTransfer(bool inTransfer) { inTransfer_ = inTransfer; }
   void setFinalizing(bool finalizing) { finalizing_ = finalizing; }
 
-  /// How the last hook said that its run ended, as in TransferRecord; "" if it said nothing.
+  /// Outcome that the last hook set, as in TransferRecord; "" if none.
   const std::string& outcomeOfRun() const { return outcome_; }
-  /// Why, or why start() refused: a clause, see TransferRecords::end.
+  /// Reason for that outcome or for a refusal by start(): a clause, see TransferRecords::end.
   const std::string& reasonOfRun() const { return reason_; }
 
   /// The text that reports a failure to clients: "TRANSFER_FAILED" for every value without its own
@@ -107,10 +107,10 @@ class BaseTransferTask {
   static std::string decodeTransferStatus(TransferStatus status);
 
  protected:
-  /// For the hooks: says how the run ends, and why, of which kMostCauseBytes are kept. Sends
-  /// nothing.
+  /// For the hooks: sets outcome and reason of the run; the reason is cut to kMostCauseBytes. Sends
+  /// no event.
   void conclude(const std::string& outcome, const std::string& reason);
-  /// For onCheck and onStart: says why the run is refused. Returns false.
+  /// For onCheck and onStart: sets the reason of a refusal. Always returns false.
   bool refuseRun(const std::string& reason);
 
  private:

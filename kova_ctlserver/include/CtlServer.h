@@ -20,8 +20,8 @@ namespace kova::ctlserver {
 /// The central object: owns every piece of device state and all background work, and carries out
 /// the requests.
 ///
-/// Operations return true for success; a failure is logged where it happens. A `reply` is what the
-/// request's response will carry as its payload. Main thread only.
+/// Operations return true for success; a failure is logged where it happens. `reply` becomes the
+/// payload of the response. Main thread only.
 class CtlServer {
  public:
   /// Stores the reference, which must outlive the object; does no I/O.
@@ -40,8 +40,7 @@ class CtlServer {
   bool service(unsigned timeoutMs);
 
   /// Reboots the camera.
-  /// @param waitForever  serve nothing while the system goes down: returns only after SIGTERM, with
-  ///                     ended() true
+  /// @param waitForever  block until SIGTERM while the system goes down; ended() is then true
   /// @param delayMs      milliseconds to wait first; this blocks the whole daemon
   /// @param persistFirst save the configuration to flash first
   bool reboot(bool waitForever, int delayMs, bool persistFirst);
@@ -63,22 +62,22 @@ class CtlServer {
 
   /// Changes the settings that the request gives and reads the others. `reply` receives "name",
   /// "timezone" and "region", on some models "timelapseminutes", and "soundOnBoot" if it was given.
-  /// Stops at the first failure; `reply` and the system keep what was done so far. Saves nothing to
-  /// flash.
+  /// Stops at the first failure; `reply` and the system keep the changes made so far. Saves nothing
+  /// to flash.
   bool updateSettings(ipc::messages::ChangeDeviceSettings& request, variant::Variant& reply);
 
   /// Restores the device's default name and the time zone "GMT", through updateSettings().
   bool resetSettings(variant::Variant& reply);
 
   /// A request without fields reads the administrator's name into `reply` as "username". Any other
-  /// must give a name and the current password; it changes the name if it differs, and the password
-  /// if a new one is given. The configuration store is written first, /etc/passwd second. Nothing
-  /// is undone after a failure.
+  /// request must give a name and the current password; it changes the name if it differs, and the
+  /// password if a new one is given. Writes the configuration store first, /etc/passwd second. A
+  /// failure undoes nothing.
   bool changeUsernamePassword(ipc::messages::ChangeUsernamePassword& request,
                               variant::Variant& reply);
 
-  /// Unlocks or locks the administrator's password, by a "!" before the stored hash, and the
-  /// system's account with it. A failure of the latter is only logged. `reply` is not touched.
+  /// Unlocks or locks the administrator's password: removes or adds a "!" before the stored hash,
+  /// then unlocks or locks the system account, whose failure is only logged. Leaves `reply` alone.
   bool enableUsernamePassword(ipc::messages::EnableUsernamePassword& request,
                               variant::Variant& reply);
   bool disableUsernamePassword(ipc::messages::DisableUsernamePassword& request,
@@ -96,10 +95,10 @@ class CtlServer {
   bool putRequest(ipc::messages::PutRequest& request);
   bool updateFirmware(ipc::messages::UpdateFirmwareRequest& request);
 
-  /// What clients of the bus are shown of the device.
+  /// Snapshot of the state that DeviceObject publishes.
   DeviceState deviceState() const;
 
-  /// One record for each request of the three above.
+  /// Holds one record for each request of the three above.
   TransferRecords& transferRecords() { return transferService_.records(); }
 
  private:

@@ -4,8 +4,8 @@
 
 #include "TransferHandles.h"
 
-/// The deprecated interfaces of libcurl that this program uses. libcurl keeps them for good; only
-/// the source file of this header needs to silence the compiler about them.
+/// Wraps the deprecated libcurl interfaces in use, so that only one source file suppresses the
+/// compiler's warnings. libcurl keeps these interfaces for good.
 namespace kova::ctlserver {
 
 /// Appends a part of `length` bytes that the read function of the handle supplies, with `source` as

@@ -10,7 +10,7 @@
 
 namespace kova::ctlserver {
 
-/// What the daemon knows of the device and may change, see CtlServer::deviceState().
+/// Device state that changes at run time, see CtlServer::deviceState().
 struct DeviceState {
   bool savePending = false;
   bool resetPending = false;
@@ -21,7 +21,7 @@ struct DeviceState {
   bool operator==(const DeviceState&) const = default;
 };
 
-/// Shows the device on the bus: the interface kova.Device1 of "/kova", see
+/// Publishes the device on the bus: interface kova.Device1 of "/kova", see
 /// packaging/dbus/kova.Device1.xml.
 class DeviceObject : public ipc::PublishedObject {
  public:
@@ -29,12 +29,12 @@ class DeviceObject : public ipc::PublishedObject {
   /// Time from a failure to read the stored name to the next attempt.
   static constexpr std::uint64_t kRetryMs = 5000;
 
-  /// Publishes what the description tells. Both must outlive this object; the endpoint must not
-  /// have joined the bus yet.
+  /// Reads model and sysid from `info` and publishes the object. `bus` must outlive it; the
+  /// endpoint must not have joined the bus yet.
   DeviceObject(const variant::CameraInfo& info, const DeviceState& now, ipc::Objects& bus);
 
-  /// Signals what has changed, at most every kSignalMs; called at every pass. What the bus does not
-  /// take is signalled later.
+  /// Signals changed properties, at most every kSignalMs; called on every pass. A signal that the
+  /// bus refuses is retried on a later pass.
   void service(const DeviceState& now);
 
   ipc::PropertyValue read(std::size_t property) const override;
@@ -49,10 +49,10 @@ class DeviceObject : public ipc::PublishedObject {
   std::string firmwareVersion_;
   std::string bootId_;
   DeviceState state_;
-  DeviceState told_;  ///< as clients know it
+  DeviceState told_;  ///< as last signalled
   std::uint64_t toldMs_ = 0;
-  mutable std::optional<std::string> name_;  ///< as stored; read when somebody asks for it
-  mutable std::optional<std::uint64_t> nameFailedMs_;  ///< when it could not be read
+  mutable std::optional<std::string> name_;            ///< cache of the stored name
+  mutable std::optional<std::uint64_t> nameFailedMs_;  ///< last attempt to read the name
 };
 
 }  // namespace kova::ctlserver

@@ -4,14 +4,14 @@
 
 namespace kova::ctlserver {
 
-/// A picture decoded as 8-bit grey. The defaults are those of an empty picture.
+/// Properties of a picture decoded as 8-bit grey. The defaults describe an empty picture.
 struct ImageFigures {
   bool empty = true;  ///< nothing could be decoded
   int channels = 1;
   int depth = 0;  ///< OpenCV depth code; 0: 8 bits unsigned
   int width = 0;  ///< columns
   int height = 0;
-  bool answered = false;  ///< the decoder gave an answer
+  bool answered = false;  ///< the probe printed a valid line
 };
 
 /// Decodes a picture in "/usr/libexec/kova_imageprobe", an unprivileged process, so that hostile

@@ -19,7 +19,7 @@ class Persistence {
   Persistence(const Persistence&) = delete;
   Persistence& operator=(const Persistence&) = delete;
 
-  /// Schedules a save; a later call pushes it back.
+  /// Schedules a save; each call postpones it.
   void enqueue();
   /// Schedules a factory reset.
   void enqueueReset();
@@ -38,7 +38,7 @@ class Persistence {
 
   bool savePending() const { return saveStamp_ != 0; }
   bool resetPending() const { return resetStamp_ != 0; }
-  /// The end of the last attempt to write to flash: "OK" or "FAILED".
+  /// When the last write to flash ended, and how: "OK" or "FAILED".
   const ipc::Moment& lastSave() const { return lastSave_; }
 
  private:

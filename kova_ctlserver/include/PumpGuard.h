@@ -9,15 +9,15 @@
 
 namespace kova::ctlserver {
 
-/// Bounds the time that servers can keep the engine inside libcurl: libcurl and OpenSSL keep
-/// reading while bytes arrive that carry no data. When a turn of the engine exceeds its time, the
-/// signal of a timer cuts every watched socket; nothing remains to be read, libcurl returns, and
-/// the transfers fail. Processor time of the thread counts: a held pass computes all the time,
-/// while a pass that waits for a busy processor or a slow disk is not the fault of a server.
+/// Bounds how long servers can keep the engine inside libcurl: libcurl and OpenSSL keep reading as
+/// long as bytes without payload arrive. When a turn exceeds its budget, a timer signal cuts every
+/// watched socket; nothing is left to read, libcurl returns, and the transfers fail. The budget is
+/// CPU time of the thread: a flooded pass computes all the time, while a pass that waits for a busy
+/// processor or a slow disk is not the server's fault.
 ///
 /// Init must be called by the thread that pumps; pumpSignal() is sent to it. The handler makes only
 /// async-signal-safe calls and preserves errno; interrupted calls restart. The timer runs only
-/// during a Pass, so no other call is interrupted. A started program inherits neither timer nor
+/// during a Pass, so no other call is interrupted. Child programs inherit neither timer nor
 /// handler.
 class PumpGuard {
  public:
@@ -30,18 +30,17 @@ class PumpGuard {
   PumpGuard& operator=(const PumpGuard&) = delete;
 
   /// Creates the timer and installs the handler. Must be called before the first Pass. Returns
-  /// false, with the reason logged, if the system refuses; passes then guard nothing.
+  /// false, with the reason logged, if the system refuses; passes are then no-ops.
   bool Init();
 
-  /// Begins a turn. Its passes may take kTurnMs together, plus kTransferMs for each transfer, of
-  /// the thread's processor time.
+  /// Begins a turn, whose passes share a budget of kTurnMs plus kTransferMs per transfer.
   void beginTurn(std::size_t transfers);
 
-  /// Adds a socket that the guard may cut. It must be forgotten before it is closed.
+  /// Adds a socket that the guard may cut. Call forget() before closing it.
   void watch(int fd, Mark cut);
   void forget(int fd);
 
-  /// A part of the turn in which sockets may be read. Passes do not nest.
+  /// Scope of a turn in which sockets may be read; the timer runs. Passes do not nest.
   class Pass {
    public:
     /// @param armed false if there is nothing to guard; the pass then makes no system call
@@ -54,9 +53,9 @@ class PumpGuard {
     PumpGuard* guard_;
   };
 
-  /// Time for the passes of one turn, and for each transfer on top. With the ten transfers that a
-  /// camera may run, a turn takes less than a second of it; a slow processor has time for the 1.6
-  /// MB that libcurl reads per transfer and pass.
+  /// Budget of one turn, and the extra for each transfer. The ten transfers that a camera may run
+  /// get less than a second together, yet a slow processor can handle the 1.6 MB that libcurl reads
+  /// per transfer and pass.
   static constexpr int kTurnMs = 600;
   static constexpr int kTransferMs = 10;
 
@@ -78,7 +77,7 @@ class PumpGuard {
   std::optional<timer_t> timer_;
 };
 
-/// The signal of all guards, SIGRTMIN: a libcurl built without threads uses SIGALRM.
+/// The signal of all guards: SIGRTMIN, because a libcurl built without threads uses SIGALRM.
 int pumpSignal();
 
 }  // namespace kova::ctlserver

@@ -2,7 +2,7 @@
 
 namespace kova::ctlserver {
 
-/// The handler of SIGTERM. Sets a flag and does nothing else.
+/// SIGTERM handler. Async-signal-safe: only sets a flag.
 void noteStopSignal(int signal);
 
 /// Whether this process has received SIGTERM.

@@ -10,12 +10,12 @@
 
 namespace kova::ctlserver {
 
-/// Shows the records of transfers on the bus: "/kova/transfers/NUMBER" with the interface
+/// Publishes the records of transfers on the bus: "/kova/transfers/NUMBER" with the interface
 /// kova.Transfer1, see packaging/dbus/kova.Transfer1.xml.
 ///
-/// Phases and ends are signalled at once. Progress is signalled by service(), for at most
-/// kProgressPerPass transfers a call, so that a thousand transfers leave time for others. What the
-/// bus does not take is signalled later, once for each transfer, as it is then.
+/// Phase changes and ends are signalled at once; progress by service(), for at most
+/// kProgressPerPass transfers per call, so that a thousand transfers cannot starve the main loop. A
+/// signal that the bus refuses is retried by service(): one per transfer, with the current values.
 class TransferObjects : public ipc::PublishedFolder, public TransferObserver {
  public:
   static constexpr std::size_t kProgressPerPass = 16;
@@ -25,7 +25,7 @@ class TransferObjects : public ipc::PublishedFolder, public TransferObserver {
   TransferObjects(TransferRecords& records, ipc::Objects& bus);
   ~TransferObjects() override;
 
-  /// Signals what is due; called at every pass.
+  /// Sends pending signals; called on every pass.
   void service();
 
   std::vector<std::uint64_t> numbers() const override { return records_.numbers(); }
@@ -38,14 +38,14 @@ class TransferObjects : public ipc::PublishedFolder, public TransferObserver {
   void transferRemoved(std::uint64_t number) override;
 
  private:
-  /// What clients have not been told of a transfer. A later one stands for all earlier ones.
+  /// The pending signal of a transfer. A greater value includes the lesser ones.
   enum class News : std::uint8_t { Progress, Change, Arrival, Removal };
 
   bool signal(std::uint64_t number, News news);
 
   TransferRecords& records_;
   ipc::Objects& bus_;
-  /// At most one for each record, and for each that was removed while the bus took nothing.
+  /// At most one per record, and one per record removed while the bus refused signals.
   std::map<std::uint64_t, News> news_;
   std::uint64_t lastServiced_ = 0;
 };

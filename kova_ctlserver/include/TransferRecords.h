@@ -8,10 +8,10 @@
 
 namespace kova::ctlserver {
 
-/// How far a transfer is. The order is that of time; a phase may be left out, none comes twice.
+/// Phases of a transfer, in order. A phase may be skipped; none is entered twice.
 enum class TransferPhase : std::uint8_t {
-  Preparing,     ///< accepted; what is to be sent may still be made
-  Transferring,  ///< the engine has it: connecting, sending or receiving
+  Preparing,     ///< accepted; the file to send may still be generated
+  Transferring,  ///< registered with the engine: connecting, sending or receiving
   Finalising,    ///< the bytes have arrived; the file is being checked, installed or flashed
   Ended,
 };
@@ -19,10 +19,10 @@ enum class TransferPhase : std::uint8_t {
 /// "preparing", "transferring", "finalising" or "ended".
 const char* phaseName(TransferPhase phase);
 
-/// What is known of one request for a transfer. All texts are UTF-8 (RFC 3629) without control
-/// characters, hold no user information of a URI, and are bounded in length.
+/// One transfer request. All strings are UTF-8 (RFC 3629) without control characters, contain no
+/// user information of a URI, and are bounded in length.
 struct TransferRecord {
-  std::uint64_t number = 0;     ///< from 1, never repeated while the daemon runs
+  std::uint64_t number = 0;     ///< from 1, unique while the daemon runs
   std::uint64_t requestId = 0;  ///< id of the request
   std::string requester;        ///< endpoint that sent it, at most kMostNameBytes
   /// "firmware", "logo", "sound", "snapshot", "eventSnapshot", "eventHeatmap" or "supportInfo"; ""
@@ -40,7 +40,7 @@ struct TransferRecord {
   /// "" until the transfer has ended, then "OK", "ALREADY_INSTALLED", "REFUSED", "CANCELLED" or a
   /// status of the events, see docs/transfers.md
   std::string outcome;
-  /// One sentence for a person, with the cause; at most kMostReasonBytes. "" until it has ended.
+  /// One human-readable sentence with the cause; at most kMostReasonBytes. "" until it has ended.
   std::string reason;
 
   static constexpr std::size_t kMostNameBytes = 255;
@@ -55,15 +55,15 @@ inline constexpr char kOutcomeAlreadyInstalled[] = "ALREADY_INSTALLED";
 inline constexpr char kOutcomeRefused[] = "REFUSED";
 inline constexpr char kOutcomeCancelled[] = "CANCELLED";
 
-/// What a change may have touched besides `transferred` and `size`.
+/// Fields that a change may affect besides `transferred` and `size`.
 enum class TransferChange : std::uint8_t {
-  Progress,  ///< nothing
+  Progress,  ///< none
   Phase,     ///< phase and file
   End,       ///< phase, file, ended, httpStatus, outcome and reason
 };
 
-/// Told of each change, on the one thread of the daemon. It may read the records, but must neither
-/// change nor cancel one from within a call.
+/// Notified of each change, on the daemon's one thread. Callbacks may read records, but must not
+/// change or cancel one.
 class TransferObserver {
  public:
   TransferObserver() = default;
@@ -71,12 +71,12 @@ class TransferObserver {
   TransferObserver(const TransferObserver&) = delete;
   TransferObserver& operator=(const TransferObserver&) = delete;
 
-  /// A request has arrived. A refused one ends before the request has been handled.
+  /// A request has arrived. A refused one ends before its handler returns.
   virtual void transferAdded(const TransferRecord& record) = 0;
-  /// Each phase is told at once; progress at most every kProgressMs for each transfer, so no
-  /// observer needs to limit its rate. The last progress before a pause is not lost.
+  /// Phases are reported at once, progress at most every kProgressMs per transfer, so observers
+  /// need no rate limit. The last progress before a pause is not lost.
   virtual void transferChanged(const TransferRecord& record, TransferChange change) = 0;
-  /// An ended record has given its place to a later one. It can no longer be found.
+  /// A later record has evicted an ended one, which find() no longer returns.
   virtual void transferRemoved(std::uint64_t number) = 0;
 };
 
@@ -88,15 +88,15 @@ class TransferCanceller {
   TransferCanceller(const TransferCanceller&) = delete;
   TransferCanceller& operator=(const TransferCanceller&) = delete;
 
-  /// Ends the transfer and its record. Returns false if it does not run.
+  /// Ends the transfer and its record. Returns false if it is not running.
   virtual bool cancelTransfer(std::uint64_t number) = 0;
 };
 
-/// The records of all transfers that run and of the last kMostEnded that have ended.
+/// The records of all running transfers and of the last kMostEnded ended ones.
 ///
-/// Records of running transfers are bounded by what runs; a refused request has ended as soon as it
-/// is handled. A number that is not known, such as 0, is ignored by all operations. Nothing here
-/// reads the clock or costs memory while no transfer runs.
+/// There are no more running records than running transfers: a refused request ends before its
+/// handler returns. All operations ignore unknown numbers, such as 0. While no transfer runs,
+/// nothing reads the clock or allocates.
 class TransferRecords {
  public:
   static constexpr std::size_t kMostEnded = 32;
@@ -106,7 +106,7 @@ class TransferRecords {
   TransferRecords(const TransferRecords&) = delete;
   TransferRecords& operator=(const TransferRecords&) = delete;
 
-  /// @param observer told of every change from now on; nullptr: nobody. Not owned.
+  /// @param observer notified of every change from now on; nullptr: none. Not owned.
   void observe(TransferObserver* observer) { observer_ = observer; }
 
   /// The record, or nullptr. Valid until the next call of an operation that is not const.
@@ -120,33 +120,32 @@ class TransferRecords {
     Ended,       ///< it had ended before
     Finalising,  ///< it is being checked, installed or flashed, which is not interrupted
   };
-  /// Cancels a transfer that has not begun to be installed or flashed. Its requester receives the
-  /// event of a failed transfer, "TRANSFER_FAILED", unless it has switched events off; its files
-  /// are removed as after any failure. Must not be called while transfers are serviced or from an
-  /// observer.
+  /// Cancels a transfer that is not being finalised yet. Its requester receives the event of a
+  /// failed transfer, "TRANSFER_FAILED", unless it has disabled events; its files are removed as
+  /// after any failure. Must not be called while transfers are serviced or from an observer.
   Cancel cancel(std::uint64_t number);
 
-  // For those who run transfers.
+  // For CtlServer and TransferService, which run transfers.
 
   /// Adds a record for a request that has arrived.
   /// @param facts requestId, requester, kind, direction, uri (which may hold user information) and
   ///              file; the rest is filled in
   /// @return its number
   std::uint64_t begin(const TransferRecord& facts);
-  /// Names the file, when it is known only later.
+  /// Sets the file once it is known.
   void setFile(std::uint64_t number, const std::string& file);
-  /// Enters a later phase other than Ended. An earlier one or the same is ignored.
+  /// Enters a later phase other than Ended. An earlier or equal phase is ignored.
   void enter(std::uint64_t number, TransferPhase phase);
   /// @param transferred bytes so far
   /// @param size        bytes of the file, or 0 when that is not known
   void progress(std::uint64_t number, std::uint64_t transferred, std::uint64_t size);
   /// Ends the record, unless it has ended.
-  /// @param reason a sentence, or a clause that becomes one; whatever it holds that looks like user
+  /// @param reason a sentence, or a clause that becomes one; anything in it that looks like user
   ///               information of a URI is removed
   void end(std::uint64_t number, const std::string& outcome, const std::string& reason,
            int httpStatus = 0);
 
-  /// Tells of progress that was held back and is due. Called at every pass.
+  /// Reports rate-limited progress that is due. Called on every pass.
   void flush();
 
   /// @param canceller ends running transfers; nullptr: none can be cancelled. Not owned.
@@ -156,8 +155,8 @@ class TransferRecords {
   struct Running {
     TransferRecord record;
     std::string userInfo;      // of the URI, to be removed from the reason
-    std::uint64_t toldMs = 0;  // utils::nowMs() when the observer was told last
-    bool hasNews = false;      // progress that it was not told
+    std::uint64_t toldMs = 0;  // utils::nowMs() of the last notification
+    bool hasNews = false;      // progress not reported yet
   };
 
   Running* running(std::uint64_t number);

@@ -10,14 +10,14 @@ class BaseTransferTask;
 /// A response with this status or a higher one refuses the request.
 inline constexpr int kFirstHttpError = 400;
 
-/// One run of a task under one URI, with what its record will be told. A task that a later request
+/// One run of a task under one URI, with the facts for its record. A task that a later request
 /// takes over has several runs at once.
 struct TransferRun {
   BaseTransferTask* task = nullptr;
-  std::uint64_t record = 0;       ///< its number
-  std::uint64_t tookOver = 0;     ///< the number of an earlier run of the task that had not ended
-  std::uint64_t takenOverBy = 0;  ///< the number of the last request that armed the task again
-  bool registered = false;        ///< the engine has had its transfer
+  std::uint64_t record = 0;       ///< number of its record
+  std::uint64_t tookOver = 0;     ///< record of an earlier run of the task that had not ended
+  std::uint64_t takenOverBy = 0;  ///< record of the last request that armed the task again
+  bool registered = false;        ///< its transfer was registered with the engine
   bool completed = false;         ///< its transfer has ended with TRANSFER_OK
   std::uint64_t transferred = 0;  ///< bytes sent or received so far
   int httpStatus = 0;             ///< of the last response; 0: none arrived
@@ -28,20 +28,21 @@ struct TransferRun {
   /// The clause for a deadline that has passed.
   std::string tooLate() const;
 
-  /// How the run ended once its task was finalised.
+  /// Outcome and reason, as in TransferRecord.
   struct End {
     std::string outcome;
     std::string reason;
   };
-  /// Whatever the task said, or else what the server answered: an upload that the server refuses
-  /// has failed, though no event says so, and so has one that another run of the task cut.
+  /// The end of a run whose task is done: the task's own conclusion, or else derived from the
+  /// transfer. An upload that the server refuses has failed although no event reports it, and so
+  /// has one that another run of the task cut short.
   End success() const;
 
-  /// The reason of the run's end: `clause`, after what explains it.
+  /// The reason for the record: `clause`, preceded by takeovers and the HTTP error that explain it.
   std::string explain(const std::string& clause) const;
 };
 
-/// Why a request to a URI is refused that another transfer uses.
+/// The reason for refusing a request whose URI is in use by transfer `record`.
 std::string uriInUse(std::uint64_t record);
 
 }  // namespace kova::ctlserver

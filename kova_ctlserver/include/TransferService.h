@@ -17,7 +17,7 @@ class BaseTransferTask;
 ///
 /// At most one task runs per URI. A name is busy from add until the transfer ends or fails; a URI
 /// is taken until the end of the turn that removes the task. Tasks are not owned and must live
-/// until then. Failures are logged and reported through the hooks, and told to the record of the
+/// until then. Failures are logged, reported through the hooks, and written to the record of the
 /// run, whose number the task carries (BaseTransferTask::setRecord).
 class TransferService : public MultiHTTP, private TransferCanceller {
  public:
@@ -63,7 +63,7 @@ class TransferService : public MultiHTTP, private TransferCanceller {
   void registerIfReady(const std::string& uri, TransferRun& run);
   void holdToSize(const std::string& uri, TransferRun& run);
 
-  // Telling the records.
+  // Updates of the records, in TransferServiceRecords.cpp.
   TransferRun takeOver(BaseTransferTask& task);
   bool refuse(const TransferRun& run, const std::string& reason);
   void end(const TransferRun& run, const TransferRun::End& end);

@@ -9,7 +9,7 @@ namespace kova::ctlserver {
 class Persistence;
 
 /// Downloads a user's file, checks it, installs it with a companion checksum file under
-/// /etc/persistent, and saves that to flash at once. The kinds of file differ in a Kind and in
+/// /etc/persistent, and saves the configuration to flash at once. Subclasses supply a Kind and
 /// validate().
 ///
 /// The file stays under /tmp until its checksum and content have been verified; any failure removes
@@ -43,7 +43,7 @@ class TransferTaskInstall : public BaseTransferTask {
   TransferTaskInstall(const Kind& kind, Persistence& persistence);
 
   /// Whether the content of the downloaded file is valid; logs why not.
-  /// @param reason receives why not, as a clause for a person
+  /// @param reason receives why not, as a human-readable clause
   virtual bool validate(std::string& reason) = 0;
 
   /// Whether the installed checksum file holds exactly `hash`.

@@ -20,10 +20,9 @@ namespace kova::ctlserver {
 /// transfer ends in exactly one SignalTransferCompleted, except those still running when the driver
 /// is destroyed. Failures are logged where they happen and returned as false.
 ///
-/// No server can keep either call longer than PumpGuard allows: it cuts the connections, and their
-/// transfers end with TRANSFER_FAILED. If the system has no timer for it, which is logged,
-/// transfers run unguarded. Init, Service, CancelTransfer and the destructor must be called by one
-/// thread.
+/// PumpGuard bounds the time that a server can hold either call: it cuts the connections, and their
+/// transfers end with TRANSFER_FAILED. If its timer cannot be created, that is logged and transfers
+/// run unguarded. Init, Service, CancelTransfer and the destructor must be called by one thread.
 class BaseHTTP {
  public:
   BaseHTTP();
@@ -33,8 +32,8 @@ class BaseHTTP {
   BaseHTTP& operator=(const BaseHTTP&) = delete;
 
   /// Called when a transfer has ended. Must not register or cancel the same URI.
-  /// @param httpCode status code of the last response, or 0. It is not judged: a 404 that arrived
-  ///                 whole ends with TRANSFER_OK.
+  /// @param httpCode status code of the last response, or 0. It does not affect `status`: a 404
+  ///                 that arrived whole ends with TRANSFER_OK.
   virtual void SignalTransferCompleted(const std::string& uri, TransferStatus status,
                                        int httpCode) = 0;
   /// Called for each chunk of a body.
@@ -73,12 +72,12 @@ class BaseHTTP {
   PumpGuard& guard() { return guard_; }
 
  protected:
-  /// Why the transfer that SignalTransferCompleted reports as failed has failed, or why the last
-  /// RegisterRequest did: a clause for a person, which may hold parts of the URI.
+  /// Cause of the failure that SignalTransferCompleted reports, or of the last RegisterRequest: a
+  /// human-readable clause, which may contain parts of the URI.
   const std::string& cause() const { return cause_; }
-  /// The status code that the server of a running transfer has sent; 0: none yet.
+  /// HTTP status code received so far by a running transfer; 0: none yet.
   int httpStatusOf(const std::string& uri) const;
-  /// Keeps kMostCauseBytes of it.
+  /// Truncates `cause` to kMostCauseBytes.
   void setCause(const std::string& cause);
 
  private:
@@ -94,8 +93,7 @@ class BaseHTTP {
   std::string cause_;
   MultiHandle multi_;
   std::map<std::string, CurlContext*> transfers_;
-  // Separate from transfers_, so that a transfer whose URI a later one has taken still has an
-  // owner.
+  // Owns the contexts. transfers_ cannot: a second transfer of one URI replaces the entry there.
   std::map<const CurlContext*, std::unique_ptr<CurlContext>> contexts_;
 };
 

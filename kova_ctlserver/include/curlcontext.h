@@ -56,10 +56,10 @@ class CurlContext {
 
   /// Whether the guard cut the connection. The transfer has then failed, whatever libcurl reports.
   bool wasCut() const { return *cut_ != 0; }
-  /// Keeps libcurl's own words on a failure, for explain(). Called after Init.
+  /// Makes libcurl store its error text for explain(). Called after Init.
   void keepErrorText();
-  /// Why the transfer failed, or after a failed Init why that did: a clause for a person, which may
-  /// hold parts of the URI.
+  /// Cause of a failed transfer or a failed Init: a human-readable clause, which may contain parts
+  /// of the URI.
   std::string explain(CURLcode result) const;
 
   /// Whether the server exceeded kMostHeaderBytes or kMostAnswerBytes, which is logged.
@@ -68,8 +68,8 @@ class CurlContext {
   /// Limit for all headers and trailers of a transfer, including redirects and interim responses
   /// (1xx): libcurl keeps them in memory.
   static constexpr std::size_t kMostHeaderBytes = 64UL * 1024;
-  /// Limit for the response body of an upload, for an owner without a smaller one. Nobody reads it.
-  /// It exceeds the limits of all tasks, which end the transfer as too large first.
+  /// Limit for the response body of an upload, which is discarded, if the owner has no smaller one.
+  /// It exceeds the limits of all upload tasks, which end the transfer as too large first.
   static constexpr std::size_t kMostAnswerBytes = 16UL * 1024 * 1024;
 
   /// Passes one chunk of the body to the owner.
@@ -114,7 +114,7 @@ class CurlContext {
   FormList formPost_;
   std::uint64_t bytesReceived_ = 0;
   std::uint64_t headerBytes_ = 0;
-  std::string cause_;                             // of a failure that libcurl does not know
+  std::string cause_;                             // of a failure found here, not by libcurl
   std::array<char, CURL_ERROR_SIZE> error_ = {};  // CURLOPT_ERRORBUFFER(3)
   bool isOverBudget_ = false;
   PumpGuard::Mark cut_;
@@ -123,7 +123,7 @@ class CurlContext {
   std::string certFile_;
   std::string privKeyFile_;
   std::string caCertFile_;
-  EasyHandle curl_;  // the first to go: it refers to the form and the error text
+  EasyHandle curl_;  // destroyed first: it refers to the form and the error text
 };
 
 }  // namespace kova::ctlserver

@@ -12,8 +12,8 @@ namespace kova::ctlserver {
 /// Binds transfers to local files: a download is written as it arrives, an upload is read as it is
 /// sent.
 ///
-/// A URI has at most one transfer; a path has at most one download and one upload. When either of
-/// the latter completes, both files are closed, so callers must not run such a pair.
+/// A URI has at most one transfer; a path has at most one download and one upload. Callers must not
+/// run both on one path: when either completes, the files of both are closed.
 class MultiHTTP : public BaseHTTP {
  public:
   /// Closes the files of downloads, then those of uploads. See BaseHTTP for running transfers.

@@ -17,7 +17,7 @@ using variant::Variant;
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
 
-/// A delay above INT_MAX is a client's -1, "none", rather than weeks without service.
+/// Maps a delay above INT_MAX to none: it is a client's -1, not a wish for weeks without service.
 int asDelay(std::uint32_t milliseconds) {
   return std::in_range<int>(milliseconds) ? static_cast<int>(milliseconds) : 0;
 }
@@ -38,7 +38,7 @@ struct CtlCommandsHandler::Outcome {
   bool responseExpected;
 };
 
-/// One request while the table handles it.
+/// One request on its way through the table.
 struct CtlCommandsHandler::Call {
   CtlCommandsHandler& handler;
   CtlServer& server;

@@ -80,7 +80,7 @@ bool checkClaim(const std::string& username, const std::string& passwordOld) {
 /// @param hash receives the current hash of the account
 bool authenticate(const std::string& user, const std::string& password, std::string& hash) {
   if (utils::readUserHash(user, hash) != 0) {
-    // Take as long as for an existing account: a quick answer would reveal that there is none.
+    // Hash anyway: a quick answer would reveal that the account does not exist.
     utils::generateHash(password.c_str(), utils::generateSalt());
     KOVA_LOG_IN(kChange, LOG_ERR, 0, "Failed to read password hash for username %s", user.c_str());
     return false;

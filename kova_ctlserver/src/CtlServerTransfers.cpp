@@ -24,7 +24,7 @@ void logDuplicate(const char* operation, const char* property, const std::string
                 uri.c_str());
 }
 
-/// Sets what requests of all kinds give.
+/// Sets the parameters that all transfer requests have.
 template <typename Request>
 void address(BaseTransferTask& task, Request& request, std::uint64_t record) {
   task.setRecord(record)
@@ -52,7 +52,7 @@ std::uint64_t beginRecord(TransferRecords& records, Request& request, const std:
   return records.begin(facts);
 }
 
-/// Ends the record of a request if an exception ends its handling: nothing else would.
+/// Ends the record of a request if an exception leaves its handler; it would run forever otherwise.
 class RecordGuard {
  public:
   RecordGuard(TransferRecords& records, std::uint64_t record)
@@ -64,7 +64,7 @@ class RecordGuard {
     try {
       records_.end(record_, kOutcomeRefused, "an internal error occurred");
     } catch (...) {
-      return;  // no memory for the reason either
+      return;  // best effort: ending the record allocates, too
     }
   }
   RecordGuard(const RecordGuard&) = delete;

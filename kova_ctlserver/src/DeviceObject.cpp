@@ -12,7 +12,7 @@ using ipc::PropertyValue;
 
 constexpr char kInterface[] = "kova.Device1";
 
-// Places of the properties.
+// Indices of the properties in describe().
 namespace place {
 enum : std::size_t {
   Model,
@@ -28,7 +28,7 @@ enum : std::size_t {
 };
 }  // namespace place
 
-/// In the order of their places.
+/// The properties, in the order of `place`.
 ipc::Interface describe() {
   return {kInterface,
           {{"Model", "s", false},
@@ -52,7 +52,7 @@ std::string textOf(const variant::CameraInfo& info, const char* key) {
   return value->is(variant::VariantClass::String) ? value->toText() : value->ToString();
 }
 
-/// "" if none is stored; nothing if that cannot be read.
+/// "" if no name is stored; nullopt if the store cannot be read.
 std::optional<std::string> storedName() {
   syscfg::SystemCfgManager store;
   if (!store.init()) {
@@ -77,7 +77,7 @@ DeviceObject::DeviceObject(const variant::CameraInfo& info, const DeviceState& n
   bus_.publish(describe(), this);
 }
 
-// Each attempt may wait for the store, so that clients must not cause many.
+// Reading may wait for the store, so a failed attempt is not repeated before kRetryMs.
 std::string DeviceObject::name() const {
   const std::uint64_t time = utils::nowMs();
   if (!name_ && (!nameFailedMs_ || time - *nameFailedMs_ >= kRetryMs)) {

@@ -23,7 +23,7 @@ bool isControl(char32_t code) {
   return code < 0x20 || (code >= 0x7F && code < 0xA0);
 }
 
-/// What one character at the beginning of `text`, which takes `length` bytes, is shown as.
+/// Display form of the first character of `text`, which takes `length` bytes; 0 is invalid UTF-8.
 std::string_view shown(std::string_view text, std::size_t length, char32_t code) {
   if (length == 0) {
     return kReplacement;
@@ -34,8 +34,8 @@ std::string_view shown(std::string_view text, std::size_t length, char32_t code)
   return isControl(code) ? "" : text.substr(0, length);
 }
 
-/// Where the authority begins: after "SCHEME:/", "SCHEME://" and so on, or at 0. Any text without
-/// "@" counts as a scheme, so that a URI that libcurl refuses for its scheme shows no password.
+/// Index of the authority: after "SCHEME:/", "SCHEME://" and so on, or 0. Any text without "@" is
+/// taken as a scheme, so that a URI whose scheme libcurl refuses shows no password either.
 std::size_t authorityOf(std::string_view uri) {
   const std::size_t slash = uri.find_first_of("/?#@");
   if (slash == std::string_view::npos || slash < 2 || uri.substr(slash - 1, 2) != ":/") {
@@ -52,8 +52,8 @@ bool hasImpossiblePort(std::string_view authority) {
   return !std::ranges::all_of(authority.substr(colon + 1), isDigit);
 }
 
-/// Where the host begins in what starts with an authority: behind the "@" after the user
-/// information, or at 0.
+/// Index of the host in `rest`, which starts with an authority: after the "@" of the user
+/// information, or 0.
 std::size_t hostOf(std::string_view rest) {
   std::size_t host = 0;
   while (true) {
@@ -70,13 +70,13 @@ std::size_t hostOf(std::string_view rest) {
   }
 }
 
-/// Whether a character of a text ends the URI that it is in.
+/// Whether `character` ends a URI embedded in text.
 bool endsUri(char character) {
   return character == ' ' || character == '\'' || character == '"' || character == '<' ||
          character == '>';
 }
 
-/// Also removes what a removal puts together.
+/// Also removes occurrences that a removal creates.
 void removeAll(std::string& text, const std::string& what) {
   for (std::size_t at = text.find(what); at != std::string::npos;) {
     text.erase(at, what.size());

@@ -13,7 +13,7 @@ constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "ImageProbe";
 constexpr char kProbe[] = "/usr/libexec/kova_imageprobe";
 // Once its libraries are loaded, the probe limits its own processor time to 1 s. Loading them from
-// slow flash takes seconds; the bound is for a probe that blocks.
+// slow flash takes seconds; this bound catches a probe that blocks.
 constexpr unsigned kProbeTimeoutMs = 10'000;
 constexpr unsigned kCaptureKiB = 1;
 
@@ -24,7 +24,7 @@ constexpr char kPrinted[] = "empty=%d channels=%d depth=%d width=%d height=%d\n"
 bool parse(const std::string& line, ImageFigures& figures) {
   int empty = 1;
   ImageFigures read;
-  // NOLINTNEXTLINE(cert-err34-c): a number out of range does not compare equal
+  // NOLINTNEXTLINE(cert-err34-c): an out-of-range number fails the comparison below
   if (std::sscanf(line.c_str(), kRead, &empty, &read.channels, &read.depth, &read.width,
                   &read.height) != 5) {
     return false;

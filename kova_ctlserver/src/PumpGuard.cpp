@@ -21,7 +21,7 @@ constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "PumpGuard";
 
 constexpr long kNanosecondsInMs = 1'000'000;
-// Repeated until the cut pass has ended, for sockets that are opened meanwhile.
+// Cuts repeat until the pass ends, because libcurl may open more sockets.
 constexpr itimerspec kAgain{{}, {0, 50 * kNanosecondsInMs}};
 constexpr timespec kAtOnce{0, 1};
 
@@ -83,7 +83,7 @@ bool PumpGuard::Init() {
     return false;
   }
   timer_ = timer_.value_or(timer);
-  const sigset_t own = ownSignal();  // whoever started this process may have left it blocked
+  const sigset_t own = ownSignal();  // may be inherited blocked from the parent process
   pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
   return true;
 }
@@ -111,9 +111,10 @@ void PumpGuard::onSignal(int /*number*/, siginfo_t* info, void* /*context*/) {
   errno = error;
 }
 
-// Runs in the signal handler. Connecting to AF_UNSPEC dissolves a connection together with its
-// unread data; after shutdown(2), the fall-back, a few megabytes could still be read. Each socket
-// is marked, so that its transfer fails even if libcurl takes the cut for the end of the body.
+// Runs in the signal handler: only async-signal-safe calls, and sockets_ changes only while the
+// signal is blocked. Connecting to AF_UNSPEC dissolves a connection together with its unread data;
+// after the fallback, shutdown(2), a few megabytes could still be read. Each socket is marked, so
+// that its transfer fails even if libcurl takes the cut for the end of the body.
 void PumpGuard::cut() {
   if (armed_ == 0) {
     return;  // delivered while the timer was being disarmed
@@ -129,9 +130,9 @@ void PumpGuard::cut() {
   timer_settime(*timer_, 0, &kAgain, nullptr);
 }
 
-// A turn may have several passes: each resumes with the time that the one before left. The timer
-// has no interval: Linux would report what is left of it for a timer that expired unnoticed,
-// between two ticks.
+// A turn may have several passes: each resumes with the budget that the previous one left. The
+// timer has no interval: for a timer that expired between two ticks, unnoticed, Linux would report
+// the rest of the interval.
 void PumpGuard::arm() {
   fired_ = 0;
   armed_ = 1;
@@ -142,7 +143,7 @@ void PumpGuard::arm() {
 void PumpGuard::disarm() {
   const itimerspec none{};
   itimerspec left{};
-  armed_ = 0;
+  armed_ = 0;  // first, so that a signal delivered from here on is a no-op
   timer_settime(*timer_, 0, &none, &left);
   left_ = fired_ != 0 ? timespec{} : left.it_value;
 }

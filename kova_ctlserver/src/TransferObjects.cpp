@@ -13,7 +13,7 @@ struct Row {
   const char* name;
   const char* type;
   PropertyValue (*read)(const TransferRecord& record);
-  /// The least change that may have touched it.
+  /// The least change that may affect the property.
   enum { Never, Progress, Phase, End } changes;
 };
 
@@ -46,7 +46,7 @@ ipc::Interface describe() {
   return interface;
 }
 
-/// The places of the properties that a change up to `most` may have touched.
+/// Indices of the properties that a change up to `most` may affect.
 std::vector<std::size_t> touched(int most) {
   std::vector<std::size_t> places;
   for (const Row& row : kRows) {
@@ -111,7 +111,7 @@ void TransferObjects::transferAdded(const TransferRecord& record) {
 void TransferObjects::transferChanged(const TransferRecord& record, TransferChange change) {
   const auto late = news_.find(record.number);
   if (late != news_.end() && late->second == News::Arrival) {
-    return;  // which will tell everything
+    return;  // the pending arrival will carry all properties
   }
   if (change == TransferChange::Progress) {
     news_.emplace(record.number, News::Progress);
@@ -134,7 +134,7 @@ void TransferObjects::transferRemoved(std::uint64_t number) {
   }
 }
 
-// Goes on behind the last one served, so that none waits forever.
+// Round robin: continues after the last transfer served, so that none starves.
 void TransferObjects::service() {
   for (std::size_t count = 0; count < kProgressPerPass && !news_.empty(); ++count) {
     auto next = news_.upper_bound(lastServiced_);

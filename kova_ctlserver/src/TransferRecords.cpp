@@ -83,7 +83,7 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
   record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMostUriBytes);
   record.file = displayText(facts.file, TransferRecord::kMostFileBytes);
   record.started = wallClockUs();
-  // A longer one cannot lie whole in a cause that is cut.
+  // A cause is truncated to kMostCauseBytes, so it cannot contain a longer one.
   if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMostCauseBytes) {
     running.userInfo = userInfo;
   }
@@ -130,6 +130,7 @@ void TransferRecords::end(std::uint64_t number, const std::string& outcome,
   record.httpStatus = static_cast<std::uint16_t>(std::clamp(httpStatus, 0, 0xFFFF));
   record.outcome = outcome;
   record.reason = reasonOf(reason, found->userInfo);
+  // Move the record before the observer is notified: find() must return the ended one.
   auto node = running_.extract(number);
   keepEnded(std::move(node.mapped().record));
 }

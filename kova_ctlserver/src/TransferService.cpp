@@ -142,8 +142,8 @@ void TransferService::registerIfReady(const std::string& uri, TransferRun& run) 
   records_.enter(run.record, TransferPhase::Transferring);
 }
 
-/// Fails an upload that exceeds its limit. The size is taken from the open file, since the name may
-/// have pointed elsewhere before; nothing has been sent yet.
+/// Fails an upload that exceeds its limit before anything is sent. The size is that of the open
+/// file: checking the path beforehand would be a race.
 void TransferService::holdToSize(const std::string& uri, TransferRun& run) {  // kept: 112
   unsigned long size = 0;
   GetUploadTotalSize(uri, size);

@@ -1,4 +1,4 @@
-// What the transfer service tells the records of its runs.
+// The part of TransferService that keeps the records of its runs.
 
 #include <algorithm>
 #include <cstring>
@@ -16,8 +16,8 @@ constexpr char kLogUnit[] = "TransferService";
 
 }  // namespace
 
-/// The run that a request has armed the task for. Runs of the task that have not ended lose it: its
-/// parameters are now those of the request, even if that is refused.
+/// Creates the run of the request that has armed the task. Earlier runs of the task that have not
+/// ended lose it: it now has the parameters of this request, even if the request is refused.
 TransferRun TransferService::takeOver(BaseTransferTask& task) {
   TransferRun run;
   run.task = &task;
@@ -63,7 +63,7 @@ std::uint64_t TransferService::recordOfName(const std::string& name) const {
   return entry != tasks_.end() ? entry->second.record : 0;
 }
 
-/// The local side knows better than libcurl why it failed the transfer.
+/// A cause set locally takes precedence: it is more precise than libcurl's.
 void TransferService::noteCompletion(TransferRun& run, TransferStatus status, int httpCode) {
   run.httpStatus = httpCode;
   run.completed = status == TRANSFER_OK;

@@ -31,7 +31,7 @@ constexpr unsigned kCheckerOutputKiB = 128;
 constexpr char kCheckFailed[] = "FW_CHECK_FAILED";
 constexpr char kWrongHardware[] = "FW_CHECK_INCOMPAT_HW";
 
-/// The words of the checker, those on standard error first.
+/// Output of the checker, standard error first.
 std::string whatItSaid(std::string err, std::string out) {
   utils::trim(err);
   utils::trim(out);

@@ -20,7 +20,7 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr std::uint32_t kInstallTimeoutMs = 20000;
-constexpr std::size_t kMostDigestBytes = 64;  // of what a request may give as one
+constexpr std::size_t kMostDigestBytes = 64;  // of a request's digest in a reason
 
 bool writeText(const char* path, const std::string& text) {
   utils::File file;
@@ -28,7 +28,7 @@ bool writeText(const char* path, const std::string& text) {
          file.Close();
 }
 
-/// True when no digest file remains. A folder of that name does not count as one.
+/// Returns true if no digest file remains. A directory of that name does not count as one.
 bool removeOld(const char* path) {
   return unlink(path) == 0 || errno == ENOENT || errno == EISDIR;
 }
@@ -116,8 +116,8 @@ void TransferTaskInstall::concludeInstalled(const std::string& digest, bool save
   conclude(kOutcomeOk, reason);
 }
 
-/// The old digest is removed first, so that an interruption at any point leaves no digest beside a
-/// file that it does not belong to. A file already in place stays there if a later step fails.
+/// Removes the old digest first, so that an interruption at any point leaves no digest beside a
+/// file that it does not match. A file already in place stays there if a later step fails.
 bool TransferTaskInstall::install(const std::string& digest, bool& saved) {
   // kept: 113
   if (!writeText(kind_.checksum, digest) || !removeOld(kind_.installedChecksum) ||

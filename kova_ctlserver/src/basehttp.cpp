@@ -63,7 +63,8 @@ bool BaseHTTP::Init() {
     KOVA_LOG(LOG_ERR, 0, "Unable to initiate CURLM");
     return false;
   }
-  // Without it a server can hold the camera; without the daemon nobody can manage it.
+  // Best effort: without the guard a server can stall the camera, but without the daemon nobody
+  // can manage it.
   guard_.Init();
   return true;
 }

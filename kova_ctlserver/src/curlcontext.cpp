@@ -36,14 +36,14 @@ constexpr long kMostRedirects = 30;
 
 constexpr char kProtocols[] = "http,https";
 
-constexpr std::size_t kRefused = CURL_WRITEFUNC_ERROR;  // of a callback that takes bytes
+constexpr std::size_t kRefused = CURL_WRITEFUNC_ERROR;  // from write and header callbacks
 
 /// The schemes that a transfer of `uri` may be redirected to.
 const char* redirectProtocols(const std::string& uri) {
   return strncasecmp(uri.c_str(), "https:", 6) == 0 ? kTlsProtocols : kProtocols;
 }
 
-/// The largest length that a server can announce rounds, as a double, to one above LONG_MAX.
+/// Clamps to LONG_MAX: the largest length that a server can announce, as a double, exceeds it by 1.
 long wholeBytes(double length) {
   constexpr long kMost = std::numeric_limits<long>::max();
   return length < static_cast<double>(kMost) ? static_cast<long>(length) : kMost;
@@ -107,7 +107,7 @@ bool CurlContext::setBasics() {
          set(CURLOPT_TIMEOUT, static_cast<long>(std::min(timeoutMs_ / 1000, kMostSeconds)));
 }
 
-// A libcurl that lacks one of these options fails the transfer itself when it needs it.
+// Results are ignored: a libcurl without one of these options fails the transfer when it needs it.
 void CurlContext::setTlsFiles() {  // kept: 32
   if (!certFile_.empty()) {
     curl_easy_setopt(curl_.get(), CURLOPT_SSLCERTTYPE, "PEM");
@@ -136,8 +136,8 @@ bool CurlContext::setTrust() {
          set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
 }
 
-// HTTP/2 would let a server send empty frames for ever. Proxies of the environment are ignored: it
-// is not part of the camera's configuration. The guard, which outlives the sockets, may cut them.
+// HTTP/2 would let a server send empty frames forever. Proxies from the environment are ignored:
+// they are not part of the camera's configuration. The guard outlives the sockets and may cut them.
 bool CurlContext::setConnections() {
   const curl_closesocket_callback forget = [](void* guard, curl_socket_t fd) {
     static_cast<PumpGuard*>(guard)->forget(fd);
@@ -149,7 +149,7 @@ bool CurlContext::setConnections() {
          set(CURLOPT_CLOSESOCKETDATA, &owner_->guard());
 }
 
-// Some protocols of libcurl read local files, and clients choose the URI, servers the redirect.
+// Only HTTP(S): clients choose URIs, servers choose redirects, and libcurl's "file:" reads files.
 // libcurl resolves names in a thread; without CURLOPT_QUICK_EXIT a transfer that ends early joins
 // that thread and blocks the daemon until the name servers answer.
 bool CurlContext::setLimits() {
@@ -206,7 +206,7 @@ bool CurlContext::setUpload() {
          set(CURLOPT_READFUNCTION, read);
 }
 
-// Without the option libcurl's short text remains.
+// Best effort: without the option, explain() falls back to curl_easy_strerror(3).
 void CurlContext::keepErrorText() {
   curl_easy_setopt(curl_.get(), CURLOPT_ERRORBUFFER, error_.data());
 }
@@ -306,7 +306,8 @@ std::size_t CurlContext::DataNeeded(void* ptr, std::size_t size, std::size_t nme
 
 unsigned long CurlContext::HandleNeeded(unsigned char* buffer, unsigned long size) {
   const unsigned long filled = owner_->FillUploadBuffer(uri_, buffer, size);
-  return filled <= size ? filled : CURL_READFUNC_ABORT;  // libcurl writes behind so many bytes
+  // libcurl trusts the count and would write past its buffer.
+  return filled <= size ? filled : CURL_READFUNC_ABORT;
 }
 
 }  // namespace kova::ctlserver

@@ -45,7 +45,7 @@ bool stopRequested(const CtlCommandsHandler& handler) {
   return false;
 }
 
-/// What the bus shows besides the messages.
+/// The objects that the daemon publishes on the bus.
 class Shown {
  public:
   Shown(const CameraInfo& info, CtlServer& server, Ipc& ipc)
@@ -87,8 +87,8 @@ int serve(Ipc& ipc, const CameraInfo& cameraInfo, CtlServer& server) {
   for (const auto name : CtlCommandsHandler::functionNames()) {
     ipc.AddHandler(std::string(name), &handler);  // kept: 2
   }
-  ipc.AddHandler("", &rejector);  // kept: 2
-  Shown shown(cameraInfo, server, ipc);
+  ipc.AddHandler("", &rejector);         // kept: 2
+  Shown shown(cameraInfo, server, ipc);  // publishes, which must precede joining the bus
   if (!ipc.Init(kEndpoint, false, nullptr)) {
     return fail("Failed to initialize IPC");
   }

@@ -1,5 +1,5 @@
-// OpenSSL 3 deprecates the incremental MD5 calls. The digest only detects damage, and these calls
-// need no provider.
+// OpenSSL 3 deprecates the incremental MD5 calls. The digest only detects corruption, and these
+// calls need no provider.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "md5sum.h"
 

@@ -17,7 +17,7 @@ bool holdsNul(const std::string& text) {
   return text.find('\0') != std::string::npos;
 }
 
-/// libcurl takes texts up to their first NUL: it would not send what the client named.
+/// libcurl stops at the first NUL and would use a URI or field other than the one given.
 bool textsAreWhole(const std::string& uri, const variant::Variant& formFields, std::string& cause) {
   if (holdsNul(uri)) {
     KOVA_LOG_IN(kRegisterRequest, LOG_ERR, 0, "The URI holds a NUL, uri=%s", uri.c_str());
@@ -60,7 +60,7 @@ bool MultiHTTP::RegisterRequest(bool download, const std::string& uri, const std
              "`kovactl exit-service` frees it");
     return false;
   }
-  // Before the file is recorded: what is refused later keeps it from every other transfer.
+  // Check before the file is recorded: a refusal after that leaves the file in use.
   std::string cause;
   if (!textsAreWhole(uri, formFields, cause)) {
     setCause(cause);

@@ -36,7 +36,7 @@ Attack::Attack(const CampaignKind& kind, Order order)
       random_(order_.seed),
       journal_(camera_, repeatCommand(kind_, order_)),
       watch_(camera_, journal_, kind_.answerBound) {
-  // What is loaded and opened once, for good, is so by the first transfer.
+  // Warm up: the first transfer loads libraries and opens descriptors that stay.
   system_test::Requester(camera_).settle();
   descriptors_ = watch_.server().descriptors();
   residentKiB_ = watch_.server().residentKiB();
@@ -114,7 +114,7 @@ void Attack::expectAsBefore() {
          std::to_string(descriptors_) + " at first, " + std::to_string(open) + " at the end");
 }
 
-// At its end a sanitized program looks for what has leaked.
+// A sanitized program checks for leaks at exit.
 void Attack::expectCleanEnd() {
   const system_test::HostProcess& server = watch_.server();
   watch_.stop();

@@ -16,36 +16,36 @@ namespace kova::attack {
 
 class Attack;
 
-/// One kind of hostility against one booted camera.
+/// One kind of attack on one booted camera.
 class Campaign {
  public:
   virtual ~Campaign() = default;
-  /// Some actions, and their checks; ends by itself within a minute, whatever the camera does.
+  /// Performs some actions and checks them; ends within a minute, whatever the camera does.
   virtual void round() = 0;
-  /// What has to hold after all of them.
+  /// Checks what must hold after all rounds.
   virtual void finish() {}
 };
 
 struct CampaignKind {
   std::string name;
-  unsigned share;  ///< of the time, beside the others
-  /// A bus request is answered within it, whatever the campaign does.
+  unsigned share;  ///< of the total time, relative to the other campaigns
+  /// Upper bound for the answer to a bus request during the campaign.
   std::chrono::milliseconds answerBound;
-  std::size_t mostGrowthKiB;  ///< of resident memory, what the sanitizers keep included
+  std::size_t mostGrowthKiB;  ///< of resident memory, including what the sanitizers retain
   std::unique_ptr<Campaign> (*make)(Attack& attack);
 };
 
-/// All that there are, in the order in which they run.
+/// All campaigns, in the order in which they run.
 const std::vector<CampaignKind>& campaigns();
 
 struct Order {
   std::uint64_t seed = 0;
   std::chrono::seconds limit{10};
-  /// Ends the campaign before its time, after the round that reaches it.
+  /// Ends the campaign early, after the round that reaches this number of actions.
   std::size_t mostActions = SIZE_MAX;
   /// Whether to stop early.
   std::function<bool()> interrupted = [] { return false; };
-  /// Called when the camera serves and the campaign begins.
+  /// Called when the campaign begins; the camera serves by then.
   std::function<void(system_test::Camera&)> begun = [](system_test::Camera&) {};
 };
 
@@ -53,24 +53,23 @@ struct Report {
   std::string campaign;
   std::size_t actions = 0;
   std::chrono::milliseconds worstAnswer{0};
-  std::size_t grownKiB =
-      0;  ///< the most resident memory there ever was, less that of the beginning
+  std::size_t grownKiB = 0;  ///< peak resident memory less that at the beginning
   std::vector<Finding> findings;
 };
 
-/// Has the address sanitizer of cameras that are booted later keep 16 MiB of what was freed: long
-/// enough to notice its use, and so little that memory which only grows is noticed, too.
+/// Limits the quarantine of the address sanitizer to 16 MiB in cameras booted later: large enough
+/// to detect a use after free, small enough not to hide a leak.
 void keepLittleOfFreedMemory();
 
-/// What a campaign works with: its camera, its random numbers and its journal.
+/// The environment of a campaign: its camera, random numbers and journal.
 class Attack {
  public:
-  /// Boots the camera. Throws std::runtime_error when it does not come up.
+  /// Boots the camera. Throws std::runtime_error if it does not come up.
   Attack(const CampaignKind& kind, Order order);
   Attack(const Attack&) = delete;
   Attack& operator=(const Attack&) = delete;
 
-  /// Rounds of the campaign for as long as its order says; then the camera has to be as it was.
+  /// Runs rounds as long as the order says; then checks that the camera works as before.
   Report run();
 
   system_test::Camera& camera() { return camera_; }
@@ -81,12 +80,12 @@ class Attack {
     return camera_.root() / path.substr(1);
   }
 
-  /// Whether the control server serves: else nothing that it owes need be waited for.
+  /// Whether the control server serves; if not, waiting for its answers is pointless.
   bool serves() const { return watch_.alive() && watch_.answering(); }
   std::chrono::milliseconds left() const;
   void act(const std::string& what) { journal_.act(what); }
   void expect(bool holds, const std::string& invariant, const std::string& detail);
-  /// A bus request may take so long to be answered from here on; without it, what the kind says.
+  /// Sets the bound for answers from here on; allowAsUsual() restores that of the kind.
   void allow(std::chrono::milliseconds bound) { watch_.allow(bound); }
   void allowAsUsual() { watch_.allow(kind_.answerBound); }
 

@@ -38,9 +38,9 @@ TEST(AttackSystem, SoundServerHasNoFindings) {
   keepLittleOfFreedMemory();
   for (const auto& [campaign, actions] : {std::pair("requests", 100U), std::pair("servers", 40U)}) {
     CampaignKind kind = kindOf(campaign);
-    kind.answerBound = seconds(20);  // the tests of a busy machine run beside this one
+    kind.answerBound = seconds(20);  // other tests keep the machine busy
     Order order = shortOrder();
-    order.limit = seconds(100);  // which a busy machine may need for them
+    order.limit = seconds(100);  // enough for the actions on a busy machine
     order.mostActions = actions;
     const Report report = Attack(kind, order).run();
     EXPECT_GE(report.actions, actions) << campaign;

@@ -6,10 +6,9 @@ using std::chrono::seconds;
 
 constexpr std::size_t kMiB = 1024;  // in KiB
 
-// What the bounds allow for. Requests: some of those queued before one hash a password or run a
-// tool each, and many small values in a message of 1 MiB. Pictures: the decoder is held to its
-// processor time. All: of what was freed, the sanitizers keep 16 MiB (kSanitizerOptions in
-// main.cpp).
+// The bounds allow for: in "requests", queued requests that each hash a password or run a tool, and
+// messages of 1 MiB with many small values; in "pictures", the decoder's processor time; in all,
+// 16 MiB of freed memory that the sanitizers retain (keepLittleOfFreedMemory).
 const std::vector<CampaignKind>& campaigns() {
   static const std::vector<CampaignKind> all = {
       {"requests", 3, seconds(15), 128 * kMiB, makeRequests},

@@ -6,15 +6,15 @@
 
 namespace kova::attack {
 
-/// Random requests, and what is no request at all, over the bus.
+/// Random requests and malformed messages over the bus.
 std::unique_ptr<Campaign> makeRequests(Attack& attack);
-/// Servers that break HTTP and TLS, and such as have no business here.
+/// Servers that violate HTTP and TLS, and servers without a trusted certificate.
 std::unique_ptr<Campaign> makeServers(Attack& attack);
 /// Links, pipes, devices and foreign files where the camera reads and writes.
 std::unique_ptr<Campaign> makeFiles(Attack& attack);
-/// Device tools that hang, print for ever, fork, and end oddly.
+/// Device tools that hang, print forever, fork, and exit abnormally.
 std::unique_ptr<Campaign> makeTools(Attack& attack);
-/// Damaged pictures and sounds under their right digests.
+/// Damaged pictures and sounds with correct digests.
 std::unique_ptr<Campaign> makePictures(Attack& attack);
 
 }  // namespace kova::attack

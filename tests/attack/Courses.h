@@ -10,7 +10,7 @@
 
 namespace kova::attack {
 
-/// Certificates of those whom the camera may meet.
+/// Certificates of the camera and of the peers that it may meet.
 struct Identities {
   engine::Identity authority = engine::makeIdentity({.host = "Authority", .authority = true});
   engine::Identity camera = engine::makeIdentity({.host = "camera", .issuer = &authority});
@@ -25,17 +25,16 @@ struct Identities {
 struct Course {
   std::string name;
   bool tls;
-  /// Whether an upload can only fail by it. Else it may count as a success, of which no event
-  /// tells.
+  /// Whether an upload must fail. Otherwise it may succeed, which no event reports.
   bool failsUpload;
-  /// Draws what is left open. The script calls `breach` with the invariant that the camera has
-  /// broken by going on with this server.
+  /// Draws the open parameters. The script calls `breach` with the invariant that the camera breaks
+  /// by continuing with this server.
   engine::RawServer::Script (*script)(Random& random, const Identities& identities,
                                       std::function<void(const std::string&)> breach);
-  unsigned leastMs = 0;  ///< the time that a transfer needs to be met by it
+  unsigned leastMs = 0;  ///< shortest time-out with which a transfer meets the misbehaviour
 };
 
-/// In plain HTTP, and over TLS.
+/// Courses over plain HTTP, and over TLS.
 const std::vector<Course>& httpCourses();
 const std::vector<Course>& tlsCourses();
 

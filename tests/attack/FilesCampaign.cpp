@@ -20,11 +20,11 @@ using std::chrono::milliseconds;
 constexpr char kSecret[] = "SECRET-that-must-not-leave";
 constexpr char kForeign[] = "FOREIGN-what-a-stranger-wrote";
 constexpr char kUntouched[] = "nobody writes here\n";
-constexpr std::size_t kFormKiB = 4;  // beside the file
+constexpr std::size_t kFormKiB = 4;  // overhead of the form around the file
 constexpr unsigned kTimeoutMs = 2000;
 constexpr milliseconds kArrivalGrace(10'000);
 
-/// Where the camera reads or writes at a request.
+/// A path that the camera reads or writes for a request.
 struct Target {
   const char* what;  // "" is a firmware update
   const char* path;
@@ -38,7 +38,7 @@ constexpr std::array<Target, 7> kTargets = {{{"snapshot", "/tmp/snap.jpeg", 200'
                                              {"sound", "/tmp/user_sound", 0},
                                              {"", "/tmp/fwupdate.bin", 0}}};
 
-/// Takes uploads and looks for what must not come; serves downloads a mark.
+/// Checks uploads for content that must not leave the camera; serves a marker to downloads.
 class Sink {
  public:
   explicit Sink(Attack& attack) : attack_(attack) {}
@@ -128,11 +128,11 @@ class Files : public Campaign {
   };
   static const std::vector<Plant> kPlants;
 
-  /// Under another name first, so that it appears at once.
+  /// Creates it under another name and renames it, so that it appears atomically.
   void put(const Plant& plant, const Target& target) const {
     const fs::path path = attack_.inside(target.path);
     const fs::path beside = path.string() + ".planted";
-    std::error_code unable;  // a kind of file that this camera's file system does not take
+    std::error_code unable;  // the file system may not support this kind of file
     fs::remove_all(beside, unable);
     plant.make(path.parent_path(), beside);
     fs::rename(beside, path, unable);
@@ -140,12 +140,12 @@ class Files : public Campaign {
   void putRegular(const Target& target) const {
     const fs::path path = attack_.inside(target.path);
     const fs::path beside = path.string() + ".regular";
-    std::error_code ignored;  // a folder is in the way
+    std::error_code ignored;  // a folder may be in the way
     system_test::writeFile(beside, "a picture");
     fs::rename(beside, path, ignored);
   }
 
-  /// Who waits at a pipe is let go.
+  /// Also releases a process that blocks on a planted FIFO.
   void clear(const Target& target) const {
     const fs::path path = attack_.inside(target.path);
     std::error_code ignored;
@@ -191,7 +191,7 @@ void linkTo(const char* target, const fs::path& path) {
   fs::create_symlink(target, path, ignored);
 }
 
-// The camera's root is not the host's, so the targets of links are the camera's.
+// Link targets resolve in the camera's root, not the host's.
 const std::vector<Files::Plant> Files::kPlants = {
     {"a link to the private key",
      [](const fs::path&, const fs::path& path) { linkTo("/etc/persistent/server.pem", path); }},

@@ -9,7 +9,7 @@ using Breach = std::function<void(const std::string&)>;
 
 constexpr char kOk[] = "HTTP/1.1 200 OK\r\n";
 constexpr char kChunked[] = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
-// What counts as endless: more than a camera may keep, less than harms the machine.
+// Size of an endless stream: more than a camera may keep, too little to harm the machine.
 constexpr std::size_t kEndless = 512UL * 1024 * 1024;
 constexpr std::size_t kBlock = 64UL * 1024;
 constexpr int kDripMs = 10;
@@ -22,7 +22,7 @@ std::string repeated(const std::string& part, std::size_t size) {
   return text;
 }
 
-/// Reads a request, answers `begin` and then `part` without an end.
+/// Reads a request, answers `begin` and then repeats `part` endlessly.
 Script flood(std::string begin, const std::string& part) {
   return [begin = std::move(begin), block = repeated(part, kBlock)](Connection& connection) {
     if (!connection.readHead()) {
@@ -36,7 +36,7 @@ Script flood(std::string begin, const std::string& part) {
   };
 }
 
-/// Reads a request, whole or its head, answers and closes.
+/// Reads a request, or only its head, answers and closes.
 Script answer(std::string text, bool whole = true) {
   return [text = std::move(text), whole](Connection& connection) {
     if (whole ? connection.readRequest() : connection.readHead()) {

@@ -10,7 +10,7 @@ constexpr std::size_t kActionsKept = 12;
 constexpr std::size_t kActionLength = 300;
 constexpr int kLogLines = 20;
 
-/// What of it can be printed, and not too much.
+/// `text` truncated and with unprintable characters replaced.
 std::string printable(const std::string& text) {
   std::string line = text.substr(0, kActionLength);
   std::ranges::replace_if(

@@ -11,23 +11,23 @@
 
 namespace kova::attack {
 
-/// An invariant that broke, and how often.
+/// A violated invariant, and how often.
 struct Finding {
   std::string invariant;
   std::string detail;  ///< of the first time
   std::size_t times;
 };
 
-/// What a campaign has done, and what it found. Every thread of a campaign may write.
+/// Actions and findings of a campaign. Thread-safe.
 class Journal {
  public:
   /// @param repeat the command that runs the campaign again
   Journal(const system_test::Camera& camera, std::string repeat);
 
-  /// Notes an action before it is taken.
+  /// Records an action before it is taken.
   void act(const std::string& what);
-  /// Notes that an invariant does not hold. The first time it is printed at once, with the last
-  /// actions and the end of the camera's log.
+  /// Records a violated invariant. The first violation is printed at once, with the last actions
+  /// and the end of the camera's log.
   void fail(const std::string& invariant, const std::string& detail);
 
   std::size_t actions() const;

@@ -56,7 +56,7 @@ class Pictures : public Campaign {
     const std::string installed =
         system_test::readFile(attack_.inside("/etc/persistent/user_" + what + ".md5"));
     if (installed == digest) {
-      return;  // nothing comes of that
+      return;  // no transfer starts
     }
     const std::string outcome =
         requester_.outcomeOf({{"what", what}, {"uri", server.uri()}, {"hash", digest}});
@@ -64,8 +64,7 @@ class Pictures : public Campaign {
                    "every put has one of its outcomes", what + " " + digest + ": " + outcome);
   }
 
-  /// The scan of a JPEG (ITU-T T.81, B.2.1) that one of its markers begins, over and over until the
-  /// file is as large as a logo may be.
+  /// A JPEG with one of its scans (ITU-T T.81, B.2.1) repeated up to the maximum size of a logo.
   std::string manyScans(const std::string& jpeg) {
     const std::string marker = "\xff\xda";
     std::vector<std::size_t> scans;
@@ -76,7 +75,7 @@ class Pictures : public Campaign {
       return jpeg;
     }
     const std::size_t begin = attack_.random().pick(scans);
-    // To the next marker that is none of the entropy-coded data.
+    // Up to the next marker outside the entropy-coded data.
     std::size_t end = begin + 2;
     while (end + 1 < jpeg.size() && (jpeg[end] != '\xff' || jpeg[end + 1] == '\0')) {
       ++end;

@@ -11,8 +11,8 @@
 
 namespace kova::attack {
 
-/// All that a campaign draws. The same seed draws the same, whatever the standard library: no
-/// distribution of <random> is used.
+/// The random numbers of a campaign. The same seed gives the same numbers with every standard
+/// library, because no distribution of <random> is used.
 class Random {
  public:
   explicit Random(std::uint64_t seed) : engine_(seed) {}
@@ -34,7 +34,7 @@ class Random {
     return content;
   }
 
-  /// The content with some of it changed: bytes, a stretch taken out, repeated or overwritten, the
+  /// The content with random changes: bytes flipped, a range removed, repeated or overwritten, the
   /// end cut off.
   std::string mutated(std::string content) {
     for (std::size_t times = 1 + below(6); times > 0 && !content.empty(); --times) {
@@ -71,7 +71,7 @@ class Random {
   std::mt19937_64 engine_;
 };
 
-/// Draws the numbers below a limit in any order, each once before one comes again.
+/// Draws the numbers below a limit in random order, each once before any repeats.
 class Deck {
  public:
   explicit Deck(std::size_t limit) : limit_(limit) {}

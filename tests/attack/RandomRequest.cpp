@@ -82,7 +82,7 @@ Append anyText(Random& random) {
   if (random.oneIn(6)) {
     return system_test::text(std::string(random.below(20'000), 'x'));
   }
-  if (random.oneIn(30)) {  // about the limit of a body
+  if (random.oneIn(30)) {  // near the size limit of a body
     return system_test::text(std::string(1'000'000 + random.below(100'000), 'x'));
   }
   return system_test::text(random.pick(kTexts));
@@ -115,7 +115,7 @@ std::vector<Entry> someEntries(Random& random, unsigned depth) {
   return entries;
 }
 
-/// Mostly of the type that the catalogue says.
+/// A value mostly of the field's type in the catalogue.
 Append contentFor(const FieldDescription& field, Random& random) {
   if (random.oneIn(4)) {
     return anything(random, 2);
@@ -135,8 +135,8 @@ Append contentFor(const FieldDescription& field, Random& random) {
   return anyNumber(random);
 }
 
-/// A form that holds anything but texts keeps its file from every later transfer, which is meant,
-/// and after which the good transfers at the end of a campaign would fail.
+/// A form with strings only: any other form leaves its file in use for good, which is intended, but
+/// would fail the good transfers at the end of a campaign.
 Append formOfTexts(Random& random) {
   std::vector<Entry> entries;
   for (std::size_t count = random.below(8); count > 0; --count) {
@@ -150,7 +150,7 @@ struct Function {
   std::vector<FieldDescription> fields;
 };
 
-/// All that is served, and the names of events; without what ends the camera or the control server.
+/// All functions and the names of events, except those that end the camera or the control server.
 std::vector<Function> harmlessFunctions() {
   std::vector<Function> functions = {{"ResetDeviceSettings", {}}};
   for (const auto& message : ipc::messages::catalog()) {
@@ -161,7 +161,7 @@ std::vector<Function> harmlessFunctions() {
   return functions;
 }
 
-/// A name that nobody serves, built so that it cannot become one that ends the camera.
+/// An unknown function name, built so that it cannot match one that ends the camera.
 std::string unknownName(Random& random, const std::string& known) {
   return random.oneIn(2) ? known + random.pick(kTexts) + "?" : random.pick(kTexts);
 }
@@ -214,7 +214,7 @@ RandomBody randomBody(Random& random) {
       "a{sv}", "a{sv}", "a{sv}", "a{ss}", "s", "v", "av", "(a{sv}a{sv})", "ay", "", "a{sv}a{sv}"};
   system_test::Marshaller entry;
   entry.string("functionName").byte(1).byte('s').byte('\0').string("GetSystemStats");
-  // An array's length counts from the first element, which a dictionary aligns to 8.
+  // The array length excludes the padding before the first element, which a dictionary aligns to 8.
   std::string body = system_test::Marshaller()
                          .number(static_cast<std::uint32_t>(entry.data().size()))
                          .align(8)

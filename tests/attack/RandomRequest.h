@@ -13,8 +13,8 @@ struct RandomRequest {
   system_test::Append body;
 };
 
-/// A request that the bus lets through: any function but those that end the camera, its fields as
-/// the catalogue has them or of any other type, some that nobody knows; or a body that is no map.
+/// A request that the bus delivers: any function except those that end the camera, with fields of
+/// the catalogue's type or another, and some unknown ones; or a body that is not a map.
 RandomRequest randomRequest(Random& random);
 
 struct RandomBody {
@@ -24,7 +24,7 @@ struct RandomBody {
   std::size_t claimedSize;  ///< what the header says
 };
 
-/// Bytes that mostly do not fit their signature.
+/// Bytes that mostly do not match their signature.
 RandomBody randomBody(Random& random);
 
 }  // namespace kova::attack

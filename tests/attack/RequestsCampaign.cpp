@@ -16,8 +16,7 @@ constexpr std::size_t kBatch = 10;
 constexpr std::chrono::seconds kAnswered(60);
 constexpr char kEveryCall[] = "every call is answered, or its connection closed by the bus";
 
-/// The bus passes on one answer to a call and no second, so what is left to hold the control server
-/// to is that there is one.
+/// Checks that every call gets an answer. The bus itself drops a second answer to the same call.
 class Requests : public Campaign {
  public:
   explicit Requests(Attack& attack) : attack_(attack) {}
@@ -63,7 +62,7 @@ class Requests : public Campaign {
     }
   }
 
-  // An answer tells in its header whose it is: REPLY_SERIAL, a uint32.
+  // Recognises the answer by the header field REPLY_SERIAL, a uint32.
   void sendGarbage() {
     const RandomBody garbage = randomBody(attack_.random());
     attack_.act(garbage.description);
@@ -71,7 +70,7 @@ class Requests : public Campaign {
     if (!connection.login()) {
       return;
     }
-    constexpr std::uint32_t kSerial = 2;  // the login's own call was the first
+    constexpr std::uint32_t kSerial = 2;  // 1 is the call of Hello
     const std::string answer =
         std::string("\x05\x01u\0", 4) + system_test::Marshaller().number(kSerial).data();
     connection.call(garbage.signature, garbage.body, garbage.claimedSize);

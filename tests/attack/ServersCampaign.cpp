@@ -22,10 +22,10 @@ using system_test::md5;
 
 constexpr char kOneEvent[] = "every transfer that can be told of is told of once, in its time";
 constexpr char kNoOldTrust[] = "who is trusted no longer is not talked to";
-// Beyond a transfer's own time-out.
+// Added to a transfer's time-out.
 constexpr milliseconds kOutcomeGrace(10'000);
 
-/// Kinds of transfer, of which one each may be under way. Heat maps are left to settle().
+/// Kinds of transfer, each of which may have one running. settle() uses heat maps.
 struct Lane {
   const char* what;  // "" is a firmware update
   bool download;
@@ -37,7 +37,7 @@ struct Transfer {
   std::uint64_t id = 0;
   std::string label;
   milliseconds limit{0};
-  bool told = false;  // an event has to come
+  bool told = false;  // an event must come
   std::unique_ptr<RawServer> server;
 };
 
@@ -80,7 +80,7 @@ class Servers : public Campaign {
     expectTransfersWork(attack_, requester_);
     for (const std::string& name : temporaries()) {
       attack_.expect(temporariesBefore_.contains(name) || name == "heatmap_1.png" ||
-                         name == "fwupdate.bin",  // an image that was rejected stays
+                         name == "fwupdate.bin",  // a rejected image stays
                      "a transfer leaves no file behind", name);
     }
   }
@@ -102,7 +102,7 @@ class Servers : public Campaign {
     system_test::writeFile(persistent("controller.crt"), authority.certificatePem());
   }
 
-  // Where OpenSSL looks for authorities by itself: under the digest of their names.
+  // Plants it in OpenSSL's default folder of authorities, under the hash of its name.
   void plantForeignAuthority() const {
     const engine::Identity& stranger = identities_.foreignAuthority;
     std::array<char, 16> name{};
@@ -143,8 +143,7 @@ class Servers : public Campaign {
     return transfer;
   }
 
-  /// Until every transfer is over: the events of those that are told of, and the time of the
-  /// others.
+  /// Waits until every transfer has ended: for its event or, if it sends none, for its time-out.
   void await(const std::vector<Transfer>& transfers, milliseconds longest) {
     const auto begin = std::chrono::steady_clock::now();
     const auto allAreTold = [&] {
@@ -173,7 +172,7 @@ class Servers : public Campaign {
     const RawServer server([&](Connection& connection) {
       TlsPeer peer(connection, identities_.server);
       for (bool open = peer.handshake(); open && peer.readHead();) {
-        ++heads;  // before the camera can know of the answer
+        ++heads;  // before the camera can see the answer
         open = peer.send(engine::okResponse("body"));
       }
     });
@@ -189,7 +188,7 @@ class Servers : public Campaign {
     requester_.settle();
   }
 
-  /// A time-out that no time-out of libcurl's holds.
+  /// Uses a time-out beyond the range of libcurl's option.
   void useOddTimeout() {
     const std::array<std::uint32_t, 3> odd = {UINT32_MAX, 2'147'484'000, INT32_MAX};
     const std::uint32_t timeoutMs = attack_.random().pick(odd);

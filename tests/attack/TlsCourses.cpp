@@ -39,7 +39,7 @@ Script anotherCamera(Random&, const Identities& identities, Breach breach) {
   return impostor(byAnyone, std::move(breach));
 }
 
-/// A server that is trusted, and answers a request by misusing TLS.
+/// A trusted server that answers a request by abusing TLS.
 Script floodBy(const Identities& identities, int version, void (*flood)(TlsPeer&)) {
   return [&identities, version, flood](Connection& connection) {
     TlsPeer peer(connection, identities.server, version);

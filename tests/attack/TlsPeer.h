@@ -11,7 +11,7 @@
 
 namespace kova::attack {
 
-/// The server's side of TLS on an accepted connection. Nothing throws: what fails returns false.
+/// The server's side of TLS on an accepted connection. Nothing throws; failures return false.
 class TlsPeer {
  public:
   /// @param version the only protocol version, 0 for any (TLS1_2_VERSION)
@@ -23,10 +23,10 @@ class TlsPeer {
   bool send(const std::string& text);
   void awaitClose();
 
-  /// Prepares key updates for some seconds and sends all of them at once: one at a time would come
-  /// more slowly than the peer takes them.
+  /// Prepares key updates for some seconds and sends all of them at once: one at a time would
+  /// arrive more slowly than the peer processes them.
   void floodKeyUpdates(bool answered);
-  // Each sends one message beside the data, as often as the peer lets it within some seconds.
+  // Each sends one kind of non-data message as often as the peer accepts it within some seconds.
   void floodRenegotiations();
   void floodTickets();
 

@@ -17,12 +17,12 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using system_test::Append;
 
-// Beyond a bound: for starting, ending and answering.
+// Added to a bound: time to start, end and answer.
 constexpr seconds kToolGrace(5);
 constexpr unsigned kSupportMs = 3000;
 constexpr char kBoard[] = "42264";
 
-/// A device tool, what makes the control server run it, and for how long that may keep it.
+/// A device tool, what makes the control server run it, and how long it may block the server.
 struct Tool {
   const char* name;
   enum Trigger { kSave, kBootSound, kName, kCheck, kFlash, kSupport } trigger;
@@ -37,7 +37,7 @@ const std::vector<Tool> kTools = {
     {"support", Tool::kSupport, milliseconds(kSupportMs + 999) / seconds(1) * seconds(1)},
 };
 
-/// One way to misbehave, in the words of the camera's tools.
+/// One way to misbehave, as a setting of the camera's fake tools.
 struct Trick {
   const char* setting;
   std::string value;
@@ -79,7 +79,7 @@ class Tools : public Campaign {
     image_ = system_test::readFile(file);
   }
 
-  /// The longest that the rest of the time has room for; each once.
+  /// The longest hang that fits in the remaining time; each is used once.
   std::optional<std::pair<Tool, Trick>> nextHang() {
     const auto fits = [&](const auto& each) { return each.first.bound < attack_.left(); };
     const auto found = std::ranges::find_if(hangs_, fits);
@@ -125,7 +125,7 @@ class Tools : public Campaign {
                               (trick.value.size() > 20 ? "..." : trick.value);
     attack_.act(label);
     attack_.camera().misbehave(tool.name, trick.setting, trick.value);
-    // What flashes an image and lives on has flashed it: an end would have to be awaited.
+    // A successful flash sends no event to wait for, so let the tool fail.
     if (tool.trigger == Tool::kFlash && !trick.endless) {
       attack_.camera().misbehave(tool.name, "exit", "1");
     }
@@ -187,7 +187,7 @@ class Tools : public Campaign {
                    label + ": " + outcome);
   }
 
-  /// An archive that comes after all is sent, which no event tells of.
+  /// An archive that does get generated is uploaded, which no event reports.
   void expectSupport(const Tool& tool, const std::string& label) {
     const engine::RawServer server(engine::answering(engine::okResponse("")));
     const std::uint64_t id =
@@ -204,9 +204,9 @@ class Tools : public Campaign {
     }
   }
 
-  /// What the bound ended is gone; else it is ended here, so that the campaign goes on.
+  /// Expects that the bound has ended the tool; ends it otherwise, so that the campaign can go on.
   void expectGone(const Tool& tool, const std::string& label) {
-    constexpr std::size_t kNameLength = 15;  // of what the kernel calls a process
+    constexpr std::size_t kNameLength = 15;  // TASK_COMM_LEN - 1
     const std::string name = std::string(tool.name).substr(0, kNameLength);
     std::vector<pid_t> left;
     const bool gone = system_test::eventually(

@@ -7,13 +7,12 @@
 
 namespace kova::attack {
 
-/// Whether every kind of transfer still works once, with servers that mean well: whatever a
-/// campaign did must not have disabled one.
+/// Expects that every kind of transfer still works with well-behaved servers after a campaign.
 void expectTransfersWork(Attack& attack, system_test::Requester& requester);
 
-/// A grey picture that the camera takes for a logo, another one for each `mark`.
+/// A grey picture that the camera accepts as a logo, different for each `mark`.
 std::string goodLogo(const std::string& mark);
-/// A sound that the camera takes, likewise.
+/// A sound that the camera accepts, likewise.
 std::string goodSound(const std::string& mark);
 
 }  // namespace kova::attack

@@ -37,8 +37,8 @@ void Watch::stop() {
   }
 }
 
-// The second number is the time on a run queue, in nanoseconds (Documentation/scheduler/
-// sched-stats.rst of the kernel); kernels that do not count it leave the answers as they are.
+// The second number of schedstat is the time on a run queue, in nanoseconds (Documentation/
+// scheduler/sched-stats.rst of the kernel); 0 on kernels that do not count it.
 milliseconds Watch::waitedForProcessor() const {
   const std::string path = "/proc/" + std::to_string(server_.pid()) + "/schedstat";
   std::istringstream line(system_test::readFile(path));
@@ -62,8 +62,8 @@ void Watch::watch(const std::string& address) {
   while (!stopped_ && alive_) {
     const auto asked = Clock::now();
     const auto waited = waitedForProcessor();
-    // The most that was allowed on the way: an answer that was given while a tool could keep the
-    // server may be read only when the next limit holds.
+    // The largest bound while the request was pending: the bound may be lowered before the answer
+    // to a request sent under a higher one is read.
     std::int64_t boundMs = 0;
     bool late = false;
     client.post(system_test::request("GetSystemStats"));

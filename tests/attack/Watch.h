@@ -10,8 +10,8 @@
 
 namespace kova::attack {
 
-/// Asks a camera's control server for statistics, again and again, on a thread and a connection of
-/// its own. Every answer has to come in time, and from the process that was there at first.
+/// Polls a camera's control server for statistics on a separate thread and connection. Every answer
+/// must come in time, and the server must remain the same process.
 class Watch {
  public:
   Watch(const system_test::Camera& camera, Journal& journal, std::chrono::milliseconds bound);
@@ -19,16 +19,16 @@ class Watch {
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
 
-  /// Asks no more.
+  /// Stops polling.
   void stop();
-  /// An answer may take so long from here on.
+  /// Sets the bound for answers from here on.
   void allow(std::chrono::milliseconds bound) { boundMs_ = bound.count(); }
-  /// The longest that one took, less the time for which the server waited for a processor: that the
-  /// machine is busy says nothing of the server.
+  /// The longest answer time, less the time that the server waited for a processor, which depends
+  /// on the machine's load and not on the server.
   std::chrono::milliseconds worst() const { return std::chrono::milliseconds(worstMs_); }
-  /// Whether the process of the beginning lives.
+  /// Whether the original server process is alive.
   bool alive() const { return alive_; }
-  /// Whether the last answer has come, or may still come in time.
+  /// Whether the last answer has arrived or may still arrive in time.
   bool answering() const { return answering_; }
   const system_test::HostProcess& server() const { return server_; }
 

@@ -57,8 +57,8 @@ std::optional<Arguments> read(const std::vector<std::string>& words) {
   return arguments;
 }
 
-// SIGINT and SIGTERM are blocked in every thread, and looked for between two actions, so that each
-// camera is taken down.
+// Blocks SIGINT and SIGTERM in every thread; they are polled between actions, so that every camera
+// is taken down.
 void blockSignals() {
   sigset_t ends;
   sigemptyset(&ends);

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Goes through the root of a virtual camera and through copies of it in which one thing is broken, and over a fake ssh.
+"""Tests board-check on the root of a virtual camera, on copies of it with one fault each, and over a fake ssh.
 KOVA_BUILD is the folder of the programs."""
 
 import atexit
@@ -33,13 +33,13 @@ ROWS = contract.rows_of_page()
 ACCOUNT = next(row.name for row in ROWS if row.kind == "account" and row.form == ["account"])
 IS_ROOT = os.geteuid() == 0
 NOBODY = 65534
-# Mounted in the camera as they are; built by somebody else, or with another umask, they are no programs of a board.
+# The camera mounts the programs as built. With another owner or umask they fail the check for a board.
 BUILT = [path.stat() for path in Path(os.environ["KOVA_BUILD"]).glob("kova_ctlserver/**/kova_*") if path.is_file()]
 IS_BUILT_LIKE_A_BOARD = all(info.st_uid in (0, os.geteuid()) and not info.st_mode & 0o022 for info in BUILT)
-# What is copied of a camera: no libraries, and nothing of the kernel.
+# The folders of a camera to copy: no libraries, no kernel file systems.
 COPIED = ("bin", "sbin", "etc", "tmp", "run", "var", "usr/bin", "usr/sbin", "usr/libexec", "usr/share/kova",
           "usr/share/zoneinfo/Europe")  # fmt: skip
-# Rows that others depend on: breaking these may break more than one.
+# Rows that others depend on: one fault here may cause several findings.
 DEPENDED_ON = ("/bin/sh", "/etc", "/etc/sv", "/etc/persistent", "/tmp")
 
 work = Path(tempfile.mkdtemp(prefix="kova-board."))
@@ -49,7 +49,7 @@ image = work / "image"
 
 def setUpModule():
     if not IS_ROOT:
-        # In a user namespace the programs of the machine belong to a user who is not mapped.
+        # In a user namespace the machine's programs belong to an unmapped user.
         roots.SshRoot.roots = {0, NOBODY}
     atexit.register(clean_up)
     signal.signal(signal.SIGTERM, signal.default_int_handler)
@@ -64,7 +64,7 @@ def clean_up():
 
 
 def root_of_camera():
-    """With the programs that are mounted in it."""
+    """The camera's root as its processes see it, with the mounted programs."""
     return f"/proc/{(camera / 'state/init.pid').read_text().strip()}/root"
 
 
@@ -78,7 +78,7 @@ def copy_image():
     for path in image.rglob("*"):
         if stat.S_ISSOCK(path.lstat().st_mode) or stat.S_ISFIFO(path.lstat().st_mode):
             path.unlink()
-    # An absolute link would lead to a file of the machine.
+    # An absolute link would resolve to a file of the machine.
     for row in ROWS:
         for name in row.names if row.kind == "path" and "program" in row.form else ():
             if path_of(name).is_symlink():
@@ -91,7 +91,7 @@ def openssl(*words):
 
 
 def add_what_is_optional():
-    """A copy of a camera that is adopted and has a logo, a sound and a snapshot."""
+    """Makes the copy that of an adopted camera with a logo, a sound and a snapshot."""
     pair = image / "etc/persistent/server.pem"
     openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", "/CN=camera",
             "-days", "2", "-keyout", work / "key", "-out", work / "crt")  # fmt: skip
@@ -118,7 +118,7 @@ def look(place=image):
 
 
 def path_of(name):
-    """The file itself: nothing may be done to the machine's through a link."""
+    """The path in the image; asserts that no link leads to a file of the machine."""
     path = image / name.lstrip("/")
     assert path.parent.resolve().is_relative_to(image.resolve()), path
     return path
@@ -126,7 +126,7 @@ def path_of(name):
 
 @contextlib.contextmanager
 def replaced(name):
-    """Moves what the image has of that name aside, for the block to put another there."""
+    """Moves the image's file of that name aside while the block puts another in its place."""
     path = path_of(name)
     aside = Path(f"{path}.aside")
     if os.path.lexists(path):
@@ -180,7 +180,7 @@ def text_of(name):
 
 
 def path_rows(*words):
-    """The rows of files that the image has and that must have one of these forms."""
+    """The rows of existing files, with their names; `words` limits them to these forms."""
     for row in ROWS:
         if row.kind == "path" and row.is_checked and not row.need.startswith("running"):
             name = next((name for name in row.names if os.path.lexists(image / name[1:])), None)
@@ -194,10 +194,10 @@ def is_needed(row):
 
 
 class Found(unittest.TestCase):
-    """Each case breaks one thing."""
+    """Each case introduces one fault."""
 
     def expect(self, verdict, name, *texts):
-        """One finding, unless others depend on what is broken; it tells what to do."""
+        """Expects one finding with these texts, and no other unless others depend on this row."""
         findings = look()
         own = [finding for finding in findings if finding.startswith(f"{verdict:8}{name}: ")]
         self.assertEqual(len(own), 1, findings)
@@ -247,7 +247,7 @@ class Found(unittest.TestCase):
             self.expect("wrong", "/tmp", "chmod 1777")
 
     @unittest.skipUnless(IS_ROOT, "needs root")
-    def test_each_file_of_somebody_else_is_found(self):
+    def test_each_file_of_another_user_is_found(self):
         for row, name in path_rows("root"):
             with self.subTest(row.name), with_owner(name, NOBODY):
                 self.expect("wrong", row.name, f"belongs to user {NOBODY}: chown root")
@@ -272,7 +272,7 @@ class Found(unittest.TestCase):
                 path.write_text("text\n")
                 self.expect("wrong", row.name, "is a file, not a folder")
 
-    def test_each_link_that_leads_nowhere_is_found(self):
+    def test_each_dangling_link_is_found(self):
         for row, name in path_rows("file", "program", "folder"):
             with self.subTest(row.name), replaced(name) as path:
                 path.symlink_to("/nowhere")
@@ -357,7 +357,7 @@ class Found(unittest.TestCase):
         with with_mode("/etc/sv/kova_ctlserver/run", 0o644):
             self.expect("wrong", "kova_ctlserver", "/etc/sv/kova_ctlserver/run is not executable")
 
-    def test_what_two_slots_need_is_missed_where_rauc_is_configured(self):
+    def test_two_slot_rows_are_needed_with_rauc(self):
         configuration = "/etc/rauc/system.conf"
         rows = [row for row in ROWS if row.need == f"with {configuration}"]
         self.assertGreater(len(rows), 5)
@@ -379,7 +379,7 @@ class Found(unittest.TestCase):
             (lib / "systemd/system/kova-bus.service").write_text("[Service]\n")
             self.assertEqual(look(), [])
 
-    def test_each_key_of_the_description_is_looked_at(self):
+    def test_each_key_of_the_description_is_checked(self):
         name = "/usr/share/kova/camera_info.json"
         whole = json.loads(text_of(name))
         wrong = {"name": "", "sysid": 1.5, "feature_wifi": "1", "feature_battery": True, "reset_button_gpio": "",
@@ -401,7 +401,7 @@ class Found(unittest.TestCase):
             with with_text(name, json.dumps({**json.loads(text_of(name)), "upload_owner": owner})):
                 self.assertEqual(look(), [])
 
-    def test_each_setting_is_looked_at(self):
+    def test_each_setting_is_checked(self):
         name = "/etc/system.cfg"
         whole = text_of(name)
         wrong = {"users.1.name": "7up", "users.1.password": "plain", "resolv.host.1.name": "",
@@ -419,7 +419,7 @@ class Found(unittest.TestCase):
                     self.assertEqual(len(own), 1)
                     self.assertNotIn("plain", own[0])
 
-    def test_setting_that_stands_twice_is_found(self):
+    def test_duplicate_setting_is_found(self):
         with with_text("/etc/system.cfg", text_of("/etc/system.cfg") + "resolv.host.1.name=Another\n"):
             self.expect("wrong", "resolv.host.1.name", "2 lines have this key")
 
@@ -456,7 +456,7 @@ class Found(unittest.TestCase):
             with self.subTest(fault), with_text("/etc/passwd", text):
                 self.assertNotIn("$6$", self.expect("wrong", ACCOUNT, fault))
 
-    def test_fresh_salt_of_a_renamed_account_is_told_apart(self):
+    def test_fresh_salt_of_a_renamed_account_is_distinguished(self):
         line = text_of("/etc/passwd")
         for salt, said in {"$6$other$": "right if the account was renamed", "!$6$other$": "write this line"}.items():
             with self.subTest(salt), with_text("/etc/passwd", re.sub(r":\$6\$[^$]+\$", f":{salt}", line)):
@@ -493,7 +493,7 @@ class HostileImages(unittest.TestCase):
             (image / "etc/system.cfg").unlink()
             os.rename(image / "var/system.cfg", image / "etc/system.cfg")
 
-    def test_links_in_a_circle_end(self):
+    def test_link_loops_end(self):
         with replaced("/etc/TZ") as path:
             path.symlink_to("TZ")
             self.assertIn("/etc/TZ: is a link that leads nowhere", look()[0])
@@ -507,7 +507,7 @@ class HostileImages(unittest.TestCase):
             server.bind(str(path))
             self.assertTrue([finding for finding in look() if "/etc/TZ: is a socket, not a file" in finding])
 
-    def test_nothing_of_the_image_is_run(self):
+    def test_no_program_of_the_image_is_run(self):
         with contextlib.ExitStack() as stack:
             for _, name in path_rows("program"):
                 if name != "/bin/sh":
@@ -515,7 +515,7 @@ class HostileImages(unittest.TestCase):
             self.assertEqual(look(), [])
         self.assertFalse((work / "ran").exists())
 
-    def test_texts_of_the_image_do_not_reach_the_terminal_raw(self):
+    def test_texts_of_the_image_are_escaped(self):
         name = "/usr/share/kova/camera_info.json"
         text = json.dumps({**json.loads(text_of(name)), "sysid": "\x1b[2J" + "x" * 500})
         with with_text(name, text):
@@ -524,13 +524,13 @@ class HostileImages(unittest.TestCase):
         self.assertTrue(findings[0].isprintable())
         self.assertLess(len(findings[0]), 200)
 
-    def test_files_that_are_no_text_are_wrong(self):
+    def test_binary_files_are_wrong(self):
         for name in ("/etc/system.cfg", "/etc/passwd", "/usr/share/kova/camera_info.json", "/etc/TZ"):
             with self.subTest(name), with_text(name, bytes(range(256)) * 64):
                 self.assertTrue([finding for finding in look() if finding.startswith(f"wrong   {name}: ")])
 
     @unittest.skipUnless(IS_ROOT, "needs root")
-    def test_what_may_not_be_read_is_told(self):
+    def test_unreadable_file_is_reported(self):
         place = work / "image"
         place.chmod(0o755)
         work.chmod(0o755)
@@ -553,25 +553,25 @@ class Command(unittest.TestCase):
         self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)
         self.assertRegex(done.stdout, r"^\d+ rows: 0 missing, 0 wrong, 0 unread\n$")
 
-    def test_status_tells_what_was_found(self):
+    def test_exit_status_reflects_findings(self):
         with replaced("/bin/cfgmtd"):
             done = self.run_check(image)
         self.assertEqual(done.returncode, 1)
         self.assertRegex(done.stdout, r"^missing /bin/cfgmtd: [^\n]+\n\d+ rows: 1 missing, 0 wrong, 0 unread\n$")
 
-    def test_place_that_is_no_root_is_refused(self):
+    def test_invalid_place_is_refused(self):
         for place in (work / "nothing", image / "etc/passwd", "ssh:", "ssh:-oProxyCommand=x", "ssh:a b", "ssh:a@-b"):
             with self.subTest(place):
                 done = self.run_check(place)
                 self.assertEqual(done.returncode, 2)
                 self.assertIn("board-check: ", done.stderr)
 
-    def test_help_tells_the_exit_statuses(self):
+    def test_help_lists_exit_statuses(self):
         done = self.run_check("--help")
         self.assertEqual(done.returncode, 0)
         self.assertIn("exit status: 0", done.stdout)
 
-    def test_relative_folder_is_meant_from_here(self):
+    def test_relative_folder_is_relative_to_working_directory(self):
         done = subprocess.run([DEV, "board-check", "image"], cwd=work, capture_output=True, text=True, check=False)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
@@ -579,7 +579,7 @@ class Command(unittest.TestCase):
 @unittest.skipUnless(IS_BUILT_LIKE_A_BOARD, "the programs belong to somebody else, or others may write them")
 class OverSsh(unittest.TestCase):
     def fake(self, prelude="", body=None):
-        """A folder with an ssh that enters the camera; `prelude` is for the shell there."""
+        """A folder with a fake ssh that enters the camera; the shell there runs `prelude` first."""
         folder = Path(tempfile.mkdtemp(dir=work))
         enter = f"{{ cat <<'E'\n{prelude}\nE\ncat; }} | exec {CAMERA} exec {camera} -- sh -s"
         (folder / "ssh").write_text(f"#!/bin/sh\necho \"$@\" >{folder}/words\necho Welcome\n{body or enter}\n")
@@ -613,7 +613,7 @@ class OverSsh(unittest.TestCase):
         finally:
             passwd.write_text(line)
 
-    def test_what_is_broken_on_a_running_camera_is_found(self):
+    def test_faults_of_a_running_camera_are_found(self):
         cases = {
             "chmod 0666 /etc/system.cfg": "wrong   /etc/system.cfg: mode 0666 permits others too much: chmod 0644",
             "chmod 0777 /run/kova": "wrong   /run/kova: mode 0777",
@@ -678,21 +678,21 @@ class OverSsh(unittest.TestCase):
     def test_user_who_is_not_root_is_refused(self):
         self.expect_no_look("log in as user 0", prelude="id() { echo 1000; }")
 
-    def test_ssh_that_fails_is_told(self):
+    def test_ssh_failure_is_reported(self):
         self.expect_no_look("ssh ended", body="exit 255")
 
-    def test_board_that_does_not_answer_is_left(self):
+    def test_board_that_does_not_answer_times_out(self):
         with unittest.mock.patch.object(roots, "MOST_LOGIN_SECONDS", 0.3):
             self.expect_no_look("did not answer in time", body="exec sleep 30")
 
-    def test_board_that_hangs_later_is_left(self):
+    def test_board_that_hangs_later_times_out(self):
         with unittest.mock.patch.object(roots, "MOST_SECONDS", 1):
             self.expect_no_look("did not answer in time", prelude="ls() { sleep 30; }")
 
-    def test_board_that_floods_is_left(self):
+    def test_board_that_floods_is_abandoned(self):
         self.expect_no_look("more than was asked", body="exec cat /dev/zero")
 
-    def test_listings_that_are_nonsense_are_no_files(self):
+    def test_nonsense_listings_count_as_missing(self):
         findings = self.look("ls() { echo drwx; echo what; }")
         self.assertTrue([finding for finding in findings if finding.startswith("missing /bin/cfgmtd: ")])
 
@@ -717,7 +717,7 @@ class Page(unittest.TestCase):
         row = contract.read(self.HEADING + "| `/a` or `/b` | with /c | program, 0755 | `d.sh` | use | do |\n")[0]
         self.assertEqual((row.names, row.need, row.form), (["/a", "/b"], "with /c", ["program", "0755"]))
 
-    def test_what_is_not_understood_is_refused(self):
+    def test_malformed_page_is_refused(self):
         cases = ("| `/a` | must | a cow | `d.sh` | use | do |", "| `/a` | perhaps | file | `d.sh` | use | do |",
                  "| /a | must | file | `d.sh` | use | do |", "| `/a` | must | file | `d.sh` | use | |",
                  "| `/a` | must | file | `d.sh` | use |", "")  # fmt: skip

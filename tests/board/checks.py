@@ -1,4 +1,4 @@
-"""Goes through the rows of docs/board.md on a root file system, and tells what is missing or wrong."""
+"""Checks the rows of docs/board.md on a root file system, and reports what is missing or wrong."""
 
 import re
 import stat
@@ -15,13 +15,13 @@ ZONES = "/usr/share/zoneinfo"
 DAEMON = ("/usr/sbin/kova_ctlserver", "/usr/bin/kova_ctlserver")
 UNITS = ("/etc/systemd/system", "/usr/lib/systemd/system", "/lib/systemd/system")
 MOST_FIRST_LINE = 256
-# The forms of what stands in a file.
+# The forms that concern the content of a file.
 CONTENT = {"not empty", "one line", "JSON object", "key=value lines", "account lines", "PEM certificate",
            "PEM certificate and key"}  # fmt: skip
 
 
 class Fault(NamedTuple):
-    """What is wrong, and what to do if that is not what the row says."""
+    """What is wrong, and what to do about it if the row's advice does not apply."""
 
     text: str
     todo: str = ""
@@ -38,7 +38,7 @@ class Finding:
 
 
 class Board:
-    """A root, and what several rows need of it."""
+    """A root, with parsed files that several rows need."""
 
     def __init__(self, root):
         self.root = root
@@ -47,7 +47,7 @@ class Board:
         self.processor = next((found for found in map(self.processor_of, DAEMON) if found), None)
 
     def text(self, path):
-        """None if there is no such file."""
+        """The content of a file; None if there is none."""
         content = self.root.read(path)
         return None if content is None else content.decode(errors="surrogateescape")
 
@@ -59,11 +59,11 @@ class Board:
         return None if text is None else parse(text)
 
     def setting(self, key):
-        """The value that counts; None if there is none."""
+        """The effective value of a key, the last one; None if there is none."""
         return (self.settings or {}).get(key, [None])[-1]
 
     def upload_owner(self):
-        """The number of the user, in a set that is empty without one."""
+        """A set with the user id of "upload_owner"; empty without one."""
         owner = str((self.description or {}).get("upload_owner"))
         accounts = forms.accounts(self.text(ACCOUNTS) or "")
         named = next((line[2] for line in accounts if line[0] == owner and len(line) == 7), owner)
@@ -139,7 +139,7 @@ def executable_faults(board, path):
 
 
 def content_faults(board, path, form):
-    """In a few words."""
+    """Short descriptions of the faults of a file's content."""
     if form == "one line":
         lines = (board.text(path) or "").rstrip("\n").split("\n")
         return ["holds other than one line"] if len(lines) != 1 or not lines[0].strip() else []
@@ -161,7 +161,7 @@ def content_faults(board, path, form):
 
 
 def path_faults(board, row, path, node):
-    """Of a file that is there."""
+    """The faults of an existing file."""
     kind = next((word for word in row.form if word in ("file", "folder", "link", "socket", "device")), None)
     if "program" in row.form:
         yield from program_faults(board, path, node)
@@ -176,14 +176,14 @@ def path_faults(board, row, path, node):
         yield from map(Fault, content_faults(board, path, form))
 
 
-# Each check returns the faults of what is there, or None if it is not there.
+# Each check returns a list of faults, or None if the thing is missing.
 
 
 def check_path(board, row):
     follow = "link" not in row.form
     there = [(name, node) for name in row.names if (node := board.root.node(name, follow))]
     if not there:
-        # A link that leads nowhere is a fault whatever the need.
+        # A dangling link is a fault even if the file is optional.
         dangling = follow and any(board.root.node(name, follow=False) for name in row.names)
         return [Fault("is a link that leads nowhere")] if dangling else None
     return [fault for name, node in there for fault in path_faults(board, row, name, node)]
@@ -201,7 +201,7 @@ def check_service(board, row):
 
 def check_description(board, row):
     if board.description is None:
-        return []  # told of the file
+        return []  # reported for the file
     if row.names[0] not in board.description:
         return None
     value = board.description[row.names[0]]
@@ -215,7 +215,7 @@ def check_description(board, row):
 
 def check_setting(board, row):
     if board.settings is None:
-        return []  # told of the file
+        return []  # reported for the file
     values = board.settings.get(row.names[0])
     if not values:
         return None
@@ -224,7 +224,7 @@ def check_setting(board, row):
 
 
 def setting_faults(board, form, value):
-    # A hash is not shown.
+    # Never show a hash.
     seen = "it" if form == "password hash" else forms.shown(value)
     if form == "zone name":
         if not board.has_zone(value):
@@ -245,7 +245,7 @@ def check_account(board, row):
         return check_group(board, row.names[0])
     user = board.setting("users.1.name")
     if user is None or not board.text(ACCOUNTS):
-        return []  # told of the key and of the file
+        return []  # reported for the key and the file
     found = board.hash_of(user)
     if found is None:
         return [Fault(f"{ACCOUNTS} has no account of the name in {STORE}, or no hash for it")]
@@ -287,7 +287,7 @@ def has(board, name):
 
 
 def is_needed(board, row):
-    """Whether the row must be there, on this board."""
+    """Whether this board must have the row's thing."""
     words = row.need.split()
     if words[0] == "running":
         if not board.root.is_running:
@@ -315,7 +315,7 @@ def check_row(board, row):
 
 
 def check(root, rows):
-    """The findings, and the number of rows looked at."""
+    """The findings and the number of rows checked."""
     board = Board(root)
     wanted = [row for row in rows if is_looked_at(board, row)]
     return [finding for row in wanted for finding in check_row(board, row)], len(wanted)

@@ -8,7 +8,7 @@ TOP = Path(__file__).resolve().parents[2]
 PAGE = TOP / "docs/board.md"
 
 HEADER = ["Name", "Need", "Form", "Code", "Use", "To do"]
-# What the rows below a heading name.
+# Heading -> kind of the rows below it.
 KINDS = {
     "Tools": "path",
     "Services": "service",
@@ -24,12 +24,12 @@ KINDS = {
     "Environment": "environment",
     "Signals": "signal",
 }
-# Tables behind a sentence of their own.
+# The same for tables introduced by a sentence.
 KINDS_BY_SENTENCE = {
     "Keys of `/etc/system.cfg`:": "setting",
     "Lines of `/etc/passwd` and `/etc/group`:": "account",
 }
-# What stands for many in a name.
+# Placeholders in names.
 PLACEHOLDER = re.compile(r"(?<![A-Za-z])(?:NAME|N|PID|RANDOM)(?![A-Za-z])")
 
 NEED = re.compile(r"(?:must|may|daemon|running|(?:running )?with \S+(?: or \S+)*|sysid(?: \d+)+)")
@@ -46,7 +46,7 @@ MODE_OR_MOUNT = re.compile(r"[01]?[0-7]{4}|rename from /\S+")
 
 
 class Faulty(Exception):
-    """The page is not written as this reads it."""
+    """The page does not have the expected format."""
 
 
 @dataclass

@@ -1,4 +1,4 @@
-"""What the texts of a board must look like: each check yields what is wrong, in a few words. No secret is printed."""
+"""The formats of a board's files: each check yields short descriptions of faults. No secret is printed."""
 
 import json
 import math
@@ -8,12 +8,12 @@ import ssl
 
 MOST_STORE = 1024 * 1024
 ACCOUNT_NAME = re.compile(r"[A-Za-z_][A-Za-z0-9_.-]{0,31}")
-# As crypt(3) makes them, or the 13 characters of its oldest scheme; "!" before it locks the account.
+# crypt(3), including the 13 characters of its oldest scheme; a leading "!" locks the account.
 PASSWORD_HASH = re.compile(r"!?(?:\$[A-Za-z0-9]+\$[A-Za-z0-9./$,=+_-]{8,}|[A-Za-z0-9./]{13})")
 
 
 def shown(value):
-    """Text of the board: short, and without anything that a terminal obeys."""
+    """A text of the board for display: short, and without terminal escapes."""
     text = ascii(value)
     return text if len(text) <= 40 else text[:36] + "..."
 
@@ -81,7 +81,7 @@ def refuse_password():
 
 
 def pair_faults(pem):
-    """Whether OpenSSL takes certificate and key together, from memory."""
+    """Whether OpenSSL loads certificate and key as a pair, from memory."""
     fd = os.memfd_create("pair")
     try:
         os.write(fd, pem)
@@ -117,7 +117,7 @@ def is_user(value):
     return (isinstance(value, str) and value != "") or (is_integer(value) and value >= 0)
 
 
-# A key of the device description: what it must be, in words and as a test.
+# Keys of the device description: the required form, in words and as a predicate.
 DESCRIPTION_FORMS = {
     "text": ("a text that is not empty", lambda value: isinstance(value, str) and value != ""),
     "integer": ("an integer from 0 to 4294967295", lambda value: is_integer(value) and 0 <= value < 1 << 32),
@@ -127,7 +127,7 @@ DESCRIPTION_FORMS = {
     "user": ("a user's number or name", is_user),
 }
 
-# A key of system.cfg; the time zone is looked up in the root.
+# The same for keys of system.cfg; the time zone is looked up in the root.
 SETTING_FORMS = {
     "any text": ("a text", lambda value: True),
     "text": ("a text that is not empty", lambda value: value.strip() != ""),

@@ -1,4 +1,4 @@
-"""The root file system of a board: a folder, or a running board over ssh. Both are read and never changed."""
+"""The root file system of a board: a folder, or a running board over ssh. Read-only."""
 
 import os
 import re
@@ -12,8 +12,8 @@ from dataclasses import dataclass
 
 MOST_BYTES = 1024 * 1024  # of one file
 MOST_LINKS = 40
-MOST_LOGIN_SECONDS = 120  # a person may have to type a password
-MOST_SECONDS = 60  # for all else of a running board
+MOST_LOGIN_SECONDS = 120  # the user may have to type a password
+MOST_SECONDS = 60  # for everything after the login
 KINDS = {
     stat.S_IFREG: "file",
     stat.S_IFDIR: "folder",
@@ -30,7 +30,7 @@ class CannotLook(Exception):
 
 
 class Unreadable(Exception):
-    """This file cannot be read by this user."""
+    """This user may not read the file."""
 
 
 @dataclass
@@ -42,7 +42,7 @@ class Node:
 
 
 class FolderRoot:
-    """Resolves links as if ROOT were "/", so that none leads out of it, and opens regular files and folders only."""
+    """Resolves links as if the folder were "/", so that none leads out of it. Opens only regular files and folders."""
 
     is_running = False
 
@@ -51,7 +51,7 @@ class FolderRoot:
             self._top = os.open(path, os.O_PATH | os.O_DIRECTORY)
         except OSError as error:
             raise CannotLook(f"{path}: {error.strerror}") from error
-        # Unpacked by an ordinary user, all files are that user's.
+        # An ordinary user who unpacks an image owns all its files.
         self.roots = {0, os.fstat(self._top).st_uid}
 
     def close(self):
@@ -131,7 +131,7 @@ LETTERS = {"-": "file", "d": "folder", "l": "link", "s": "socket", "c": "device"
 
 
 def octal(letters):
-    """The mode of the nine letters of ls(1)."""
+    """The mode from the nine letters of ls(1)."""
     mode = 0
     for index, letter in enumerate(letters):
         if letter not in "-ST":
@@ -142,7 +142,7 @@ def octal(letters):
 
 
 def node_of_listing(line):
-    """The node that a line of "ls -ldn" tells of; None if it is no such line."""
+    """Parses a line of "ls -ldn"; None if it is not one."""
     words = line.split()
     mode = MODE.match(words[0]) if words else None
     if not mode or len(words) < 5 or not words[2].isdigit():
@@ -152,7 +152,7 @@ def node_of_listing(line):
 
 
 class SshRoot:
-    """One session, whose shell gets one command after the other; each answer ends in a line that nobody can guess."""
+    """One session whose shell runs one command after the other; each answer ends with an unguessable line."""
 
     is_running = True
     roots = {0}
@@ -171,7 +171,7 @@ class SshRoot:
         self._answers = select.poll()
         self._answers.register(self._ssh.stdout, select.POLLIN)
         try:
-            self._run("LC_ALL=C; export LC_ALL")  # drops what the board greets with
+            self._run("LC_ALL=C; export LC_ALL")  # also discards the login banner
             self._deadline = time.monotonic() + MOST_SECONDS
             if self._run("id -u").strip() != b"0":
                 raise CannotLook("log in as user 0 of the board: only that sees everything")
@@ -191,7 +191,7 @@ class SshRoot:
             flags = "-ldnL" if follow else "-ldn"
             listing = self._run(f"ls {flags} {shlex.quote(path)} 2>/dev/null").decode(errors="replace")
             node = node_of_listing(listing)
-            # Some ls(1) show a link that leads nowhere as itself.
+            # Some ls(1) list a dangling link itself.
             self._nodes[key] = None if follow and node and node.kind == "link" else node
         return self._nodes[key]
 
@@ -213,15 +213,15 @@ class SshRoot:
         return self._run(f"df -P {shlex.quote(path)} 2>/dev/null").decode(errors="replace").rstrip("\n").split(" ")[-1]
 
     def _run(self, command):
-        """The output of a command of the board."""
+        """Runs a command on the board and returns its output."""
         end = f"\n={self._mark}\n".encode()
         try:
-            # The mark is put together there, so that a board that echoes its input does not end the answer.
+            # The shell joins the two halves, so that a board that echoes its input does not end the answer.
             half = len(self._mark) // 2
             mark = f"'{self._mark[:half]}''{self._mark[half:]}'"
             self._ssh.stdin.write(f"{{ {command}; }} </dev/null; printf '\\n=%s\\n' {mark}\n".encode())
         except OSError:
-            pass  # it has gone: its end is read below
+            pass  # ssh has exited; the loop below reads EOF
         answer = b""
         while not answer.endswith(end):
             left = self._deadline - time.monotonic()

@@ -5,8 +5,7 @@
 
 #include "kova/messages/Catalog.h"
 
-/// Holds the tables of docs/bus.md to the schemas. When one differs, the failure shows the table as
-/// it has to be.
+/// Compares the tables of docs/bus.md with the schemas. A failure prints the expected table.
 namespace kova::ipc::messages {
 namespace {
 

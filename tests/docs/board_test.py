@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Holds docs/board.md to the sources: what they name of the device is on the page, and its rows name the code."""
+"""Compares docs/board.md with the sources: every name of the device in the sources is on the page, and vice versa."""
 
 import re
 import sys
@@ -25,18 +25,18 @@ OBJECTS = ("/kova", "/org/freedesktop/DBus", "/org/freedesktop/systemd1")
 BUS_NAMES = ("org.freedesktop.systemd1",)
 WORD = re.compile(r"[a-z]+(?:_[a-z0-9]+)+")
 LOG_IDENTITY = re.compile(r'\bkLogIdentity(?:\[\])? = "\w+"')
-# Functions of libcurl, and words of another daemon's configuration.
+# Functions of libcurl, and keys of another daemon's configuration.
 WORDS_LEFT_OUT = re.compile(r"curl_\w+")
 FILES_LEFT_OUT = ("WirelessKeys.cpp",)
 SETTING = re.compile(r"[a-z]+(?:\.[a-z0-9]+)+")
 DESCRIPTION_KEY = re.compile(r'\b(?:Required|optionalValue|Find)\((?:\w+, )?"(\w+)"')
 NEEDED = re.compile(r"\bkNeeded(?:Units)?\{([^}]*)\}")
-# Services, tools and configuration that are installed with the daemon.
+# Services, tools and configuration installed with the daemon.
 INSTALLED = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/systemd/*.service",
              "packaging/dbus/*.conf", "packaging/kova_*", "camera/adapters/rauc/fwupdate*",
              "camera/adapters/rauc/mark_good", "camera/adapters/rauc/bus.conf",
              "camera/adapters/rauc/*.service")  # fmt: skip
-# Tools that they call, wherever a command may begin.
+# Scripts whose commands are checked.
 SCRIPTS = ("packaging/runit/*/run", "packaging/runit/service*", "packaging/kova_*")
 NOT_A_COMMAND = re.compile(r"(?:^|\s)#[^\n]*|'[^']*'|\$\(\(.*?\)\)", re.MULTILINE)
 BEFORE_CALL = r"(?:^|[|;&({`!]|\b(?:then|do|else|if|elif|until|while|exec)\b)"
@@ -69,7 +69,7 @@ class Source:
 
 
 def sources():
-    """Of the daemon, the image probe and the platform, by their paths from the top."""
+    """The sources of the daemon, the image probe and the platform, by path from the top."""
     found = {}
     for folder in ("kova_ctlserver", "platform"):
         for path in sorted((TOP / folder).rglob("*")):
@@ -82,7 +82,7 @@ def sources():
 
 
 def named_by(source, file):
-    """What a source names of the device, as (kind of row, name)."""
+    """The names of the device in a source, as (kind of row, name)."""
     for text in source.literals:
         if WORD.fullmatch(text) and not WORDS_LEFT_OUT.fullmatch(text) and Path(file).name not in FILES_LEFT_OUT:
             yield "word", text
@@ -120,7 +120,7 @@ def is_on_page(kind, name, rows):
 
 
 def is_there(path):
-    """A link of the installed files leads to a file of the board, and here nowhere."""
+    """Whether there is a file or link; links of installed files lead to a file of the board, so they dangle here."""
     return path.is_symlink() or path.is_file()
 
 
@@ -134,7 +134,7 @@ def named_by_installed():
         for path in sorted(TOP.glob(pattern)):
             for name in PATH.findall(INSTALLED_COMMENT.sub(" ", path.read_text())):
                 yield "path", re.sub(r"0{16}$", "", name), str(path.relative_to(TOP))
-    # glob() takes a link that leads nowhere for no file.
+    # glob() skips dangling links.
     for path in sorted((TOP / "packaging/runit").rglob("*")):
         if path.is_symlink():
             yield "path", text_of(path), str(path.relative_to(TOP))
@@ -175,7 +175,7 @@ def pieces_of(name):
 
 
 def parts_of(source):
-    """What paths are put together of: the literals, up to what printf(3) fills in."""
+    """The parts that paths are made of: literals, up to the first conversion of printf(3)."""
     return {text.split("%")[0] for text in source.literals} | source.paths
 
 
@@ -185,13 +185,13 @@ def path_is_in(name, own, scripts):
     def is_in(piece):
         return any(piece in text for text in scripts) or is_made_of(piece, parts)
 
-    # A program that a script starts has no folder there.
+    # A script may start a program by its bare name.
     is_started = any(re.search(rf"(?<![\w/.]){re.escape(Path(name).name)}(?![\w.])", text) for text in scripts)
     return is_started or all(map(is_in, pieces_of(name)))
 
 
 def has_part(names, source):
-    """Whether the file holds something of a row's paths."""
+    """Whether the source contains a part of one of a row's paths."""
     parts = {part for part in parts_of(source) if len(part) > 2}
     return any(part in name or name in part for name in names for part in parts)
 
@@ -224,7 +224,7 @@ def faults_of(row, found):
 
 
 def faults_of_check(rows):
-    """What the check reads because rows belong together is on the page, too."""
+    """Faults of constants in board-check itself: each path that it reads must have a row."""
     names = {name for row in rows for name in row.names}
     constants = (checks.DESCRIPTION, checks.STORE, checks.ACCOUNTS, checks.SHADOW, checks.GROUPS, checks.ZONES)
     yield from (f"board-check reads {path}, which has no row" for path in (*constants, *checks.DAEMON)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the commands that the documentation shows, as it shows them, on a virtual camera.
+# Runs the commands in the documentation verbatim on a virtual camera.
 #
-# What is put in is the camera's folder, the bus's address, and in the place of servers a port where nobody listens.
+# Only the camera's folder and the bus address are substituted, and servers by a port where nobody listens.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 
@@ -31,7 +31,7 @@ verdict() { # TEXT SUCCEEDED
   failures=$((failures + 1))
 }
 
-# runs TEXT COMMAND...: succeeds.
+# runs TEXT COMMAND...: expects that the command succeeds.
 runs() {
   local text=$1 good=true
   shift
@@ -39,7 +39,7 @@ runs() {
   verdict "$text" "$good"
 }
 
-# goes_on TEXT COMMAND...: until it is interrupted.
+# goes_on TEXT COMMAND...: expects that the command runs until interrupted.
 goes_on() {
   local text=$1 good=true status=0
   shift
@@ -48,7 +48,7 @@ goes_on() {
   verdict "$text" "$good"
 }
 
-# transfer_fails TEXT COMMAND...: comes as far as the server that is not there.
+# transfer_fails TEXT COMMAND...: expects that the transfer fails, because nobody listens.
 transfer_fails() {
   local text=$1 good=true
   shift
@@ -57,7 +57,7 @@ transfer_fails() {
   verdict "$text" "$good"
 }
 
-# blocks FILE [LANGUAGE]: the lines of its code blocks; lines that a backslash continues are joined.
+# blocks FILE [LANGUAGE]: prints the lines of its code blocks; joins lines continued by a backslash.
 blocks() {
   awk -v fence="\`\`\`${2:-}" '
     /^```/ { open = !open; wanted = open && $0 == fence; next }
@@ -80,7 +80,7 @@ try_line() { # LINE
   [[ $line != kovactl* ]] || words=("$camera" exec "$dir" -- sh -c "cd /tmp && $line")
   case $1 in
     kovactl\ * | busctl\ * | ./dev\ camera\ *) ;;
-    *) echo "what is this: $1" >"$work/output" && verdict "$1" false && return ;;
+    *) echo "unknown command: $1" >"$work/output" && verdict "$1" false && return ;;
   esac
   case $1 in
     *--watch* | *"kovactl listen "*) goes_on "$1" "${words[@]}" ;;
@@ -89,7 +89,7 @@ try_line() { # LINE
   esac
 }
 
-# all_of SOURCE: tries each line of the standard input; a source without any is a fault.
+# all_of SOURCE: tries each line of standard input; no lines count as a fault.
 all_of() {
   local line before=$count
   while IFS= read -r line; do

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# The container of .devcontainer holds no second list of packages: what its Dockerfile installs is in the group "build" of
-# packaging/packages.sh, and of the system that ./dev installs into.
+# .devcontainer keeps no second list of packages: its Dockerfile installs only packages of the group "build" in
+# packaging/packages.sh, on the system that ./dev installs into.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 # shellcheck source=packaging/packages.sh
 . packaging/packages.sh
 
-readonly MOST=2 # what ./dev itself cannot install: it has to come out of the repository first
+readonly MOST=2 # packages needed to clone the repository, before ./dev can install the others
 failures=0
 wrong() {
   printf '%s\n' "$1"

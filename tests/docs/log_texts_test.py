@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Holds the tables of log texts in docs/operations.md to the texts that the daemon and the platform log."""
+"""Compares the tables of log texts in docs/operations.md with the texts that the daemon and the platform log."""
 
 import re
 import sys
@@ -10,11 +10,11 @@ FOLDERS = ("kova_ctlserver/src/*.cpp", "kova_ctlserver/include/*.h", "platform/*
            "platform/utils/*/src/*.cpp")
 SOURCES = sorted(path for folder in FOLDERS for path in TOP.glob(folder))
 
-# What logs: the text is the first literal behind so many arguments, which name where the line comes from.
+# Logging calls. The text is the first literal after ORIGIN arguments, which give the origin of the line.
 CALL = re.compile(r"\b(KOVA_LOG(?:_IN|_AT|_LINE)?|logInternal|fail)\(")
 ORIGIN = {"KOVA_LOG_IN": 1, "KOVA_LOG_AT": 1, "KOVA_LOG_LINE": 2, "logInternal": 4}
 LITERAL = re.compile(r'"((?:[^"\\]|\\.)*)"(?:\s*"((?:[^"\\]|\\.)*)")*')
-# BusMonitor is the listener's side of the library.
+# BusMonitor runs in kovactl, not in the daemon.
 LEFT_OUT = {"BusMonitor.cpp"}
 
 
@@ -49,7 +49,7 @@ def logged():
 
 
 def crash_texts():
-    """What the crash handler logs before the backtrace; it puts its texts together without printf(3)."""
+    """The lines of the crash handler before the backtrace; it formats them without printf(3)."""
     source = (TOP / "platform/utils/crash/src/Crash.cpp").read_text()
     for name in ("headline", "build"):
         built = source[source.index(f"> {name};") : source.index(f"sink.line({name}")]

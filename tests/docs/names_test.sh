@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every link, file and constant that the documentation names exists, and so does every command of ./dev. The table of
-# metrics in docs/operations.md has those that kovactl prints.
+# Every link, file, constant and command of ./dev in the documentation exists. The table of metrics in
+# docs/operations.md lists those that kovactl prints.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/../.."
 
@@ -10,7 +10,7 @@ wrong() {
   failures=$((failures + 1))
 }
 
-# heading_exists FILE ANCHOR: whether a heading of FILE has this anchor, in the way of common renderers.
+# heading_exists FILE ANCHOR: whether a heading of FILE has this anchor, as common renderers generate them.
 heading_exists() {
   grep '^#' "$1" | sed 's/^#* *//' | tr '[:upper:]' '[:lower:]' | sed 's/[^a-z0-9_ -]//g; s/ /-/g' | grep -xF -- "$2" >/dev/null
 }
@@ -32,7 +32,7 @@ check_links() { # FILE
   done < <(grep -oP '\]\(\K[^)\s]+' "$1" || true)
 }
 
-# exists_as NAME FILE: NAME, as FILE says it, is a path from the top or from FILE's folder, or a file's own name.
+# exists_as NAME FILE: whether NAME is a path from the top or from the folder of FILE, or a bare file name.
 exists_as() {
   local pattern
   for pattern in "$1" "$(dirname "$2")/$1"; do
@@ -41,7 +41,7 @@ exists_as() {
   [[ $1 != */* ]] && [ -n "$(git ls-files -- "*/$1")" ]
 }
 
-# What looks like a file of this repository: below one of its folders, or named like a source.
+# Checks names that look like files of this repository: below one of its folders, or named like a source.
 check_names() { # FILE
   local name
   # shellcheck disable=SC2016 # backticks of Markdown
@@ -67,7 +67,7 @@ check_commands() { # FILE
   done < <(grep -oP '\./dev \K[a-z-]+' "$1" | grep -vx help | sort -u)
 }
 
-# metrics FILE START END: the names of metrics between START and END.
+# metrics FILE START END: prints the names of metrics between START and END.
 metrics() { grep -oP "$2\Kkova_[a-z0-9_]+(?=$3)" "$1" | sort -u; }
 
 check_metrics() {
@@ -86,7 +86,7 @@ count=0
 for document in $documents; do
   check_links "$document"
   check_names "$document"
-  if [ "$document" != CHANGELOG.md ]; then # which tells of the past
+  if [ "$document" != CHANGELOG.md ]; then # may name things that no longer exist
     check_constants "$document"
     check_commands "$document"
   fi

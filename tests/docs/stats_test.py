@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Holds the table of the statistics' sections in docs/bus.md to the code that fills them."""
+"""Compares the table of statistics sections in docs/bus.md with the code that fills them."""
 
 import re
 import sys
@@ -14,7 +14,7 @@ MEMBERS = re.compile(r"^  (std::array<[^;]*>|std::string|std::u?int\d+_t|float|d
                      re.MULTILINE)  # fmt: skip
 LOCAL = re.compile(r"const (std::u?int\d+_t|double|bool) (\w+) = ")
 ARRAY = re.compile(r"std::array<([\w:]+),.*>")
-# A section begins, a list in it begins, a value of it, a value of the list.
+# Alternatives: start of a section, start of a list in it, a value of the section, a value of the list.
 STATEMENT = re.compile(
     r'auto& section = reply\["(?P<section>\w+)"\];|auto& usage = section\["(?P<list>\w+)"\];'
     r'|(?:section|reply\["(?P<own>\w+)"\])\["(?P<key>\w+)"\] = (?P<value>[^;]+);|usage\.pushToArray\((?P<item>[^;]+)\);'
@@ -33,7 +33,7 @@ def member_types():
 
 
 def type_of(value, types):
-    """As docs/bus.md calls it; raises KeyError for what it cannot tell."""
+    """The type as docs/bus.md names it; raises KeyError if unknown."""
     if value.startswith("static_cast<double>"):
         return "double"
     name = re.sub(r"^\(?(?:[\w.]+\.)?(\w+).*", r"\1", value)
@@ -45,7 +45,7 @@ def type_of(value, types):
 
 
 def filled():
-    """What the code fills, in its order, as (section, key, type)."""
+    """The values that the code fills, in its order, as (section, key, type)."""
     types, section, listed = member_types(), "", ""
     for match in STATEMENT.finditer(CODE.read_text()):
         section = match["section"] or match["own"] or section

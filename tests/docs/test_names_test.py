@@ -1,6 +1,5 @@
 #!/usr/bin/python3
-"""Holds the names of the tests to their form: at most 60 characters and no articles. tests/arm64/left-out names
-existing tests only."""
+"""Checks the names of tests: at most 60 characters and no articles. tests/arm64/left-out must name existing tests."""
 
 import re
 import sys

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""docs/architecture.md against the sources: every function that it names exists, every walk is there, and its table of
-platform/utils has each public header in the folder that implements it."""
+"""Compares docs/architecture.md with the sources: every function that it names exists, every walk is present, and its
+table of platform/utils lists each public header with the folder that implements it."""
 
 import re
 import sys
@@ -27,7 +27,7 @@ def walk(name):
 
 
 def is_defined(name, code):
-    """A member is defined by its qualified name or inside its class, a free function by its own."""
+    """Whether a function is defined: a member by qualified name or inside its class, a free function by its name."""
     owner, _, function = name.rpartition("::")
     if not owner:
         return re.search(rf"\b{function}\b", code) is not None
@@ -43,7 +43,7 @@ def told_headers():
 
 
 def public_headers():
-    """The same in the tree: the folder has a source of the header's name."""
+    """The same from the tree: the folder with a source of the header's name."""
     homes = {source.stem: source.parents[1].name for source in UTILS.glob("*/src/*.cpp")}
     return {header.name: homes.get(header.stem, "") for header in UTILS.glob("include/kova/utils/*.h")}
 

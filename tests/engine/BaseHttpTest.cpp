@@ -223,7 +223,7 @@ TEST_F(BaseHttpTest, StepWaitsOnceUpToItsLimit) {
   EXPECT_THAT(curlFaults().waits, ElementsAre(37, 12));
 }
 
-// A hundred steps, since one that waits for a few milliseconds too long passes for a busy machine.
+// A hundred steps, because a single step that waits a few milliseconds is lost in the noise.
 TEST_F(BaseHttpTest, IdleStepDoesNotWait) {
   RawServer server(stalling());
   ASSERT_TRUE(http_.Init() && http_.start(server.uri()));

@@ -25,7 +25,7 @@ struct CertificateOptions {
   bool expired = false;              ///< ended yesterday
 };
 
-/// Makes a key (P-256) and a certificate for it. Throws when OpenSSL fails.
+/// Makes a key (P-256) and a certificate for it. Throws if OpenSSL fails.
 Identity makeIdentity(const CertificateOptions& options);
 
 }  // namespace kova::engine

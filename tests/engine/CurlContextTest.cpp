@@ -101,7 +101,7 @@ TEST_F(CurlContextTest, MissingHandleIsLogged) {
 }
 
 TEST_F(CurlContextTest, CheckedOptionThatFailsEndsInit) {
-  constexpr unsigned kUnchecked = 2;  // of the peer's verification
+  constexpr unsigned kUnchecked = 2;  // results that setPeerVerification ignores
   for (const bool download : {true, false}) {
     curlFaults() = {};
     ASSERT_TRUE(make(download, fields())->Init());

@@ -7,7 +7,7 @@
 #include <cstdarg>
 #include <cstring>
 
-// The engine's form calls are deprecated, and so is the name of what it asks for.
+// The wrapped form calls and CURLINFO_CONTENT_LENGTH_DOWNLOAD are deprecated.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace kova::engine {
@@ -50,7 +50,7 @@ bool optionFails(CURLoption option) {
 
 using kova::engine::curlFaults;
 
-// The names are the linker's.
+// The linker prescribes the names (ld(1), --wrap).
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
@@ -99,7 +99,7 @@ CURLMsg* __wrap_curl_multi_info_read(CURLM* multi, int* left) {
   return message;
 }
 
-// Every option has one argument, the size of a long.
+// Every option takes one argument, of the size of a long.
 CURLcode __real_curl_easy_setopt(CURL*, CURLoption, ...);
 CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {
   va_list arguments;

@@ -14,10 +14,10 @@
 
 namespace kova::engine {
 
-/// A task that writes down which hooks ran, and behaves as its members say.
+/// A task that records which hooks ran, and behaves as its members say.
 class RecordingTask : public ctlserver::BaseTransferTask {
  public:
-  /// A download of `uri` to `path`, complete but for what a test changes.
+  /// A download of `uri` to `path` with all parameters set.
   RecordingTask(const std::string& uri, const std::string& path) {
     setName("task").setUri(uri).setPath(path).setMaxSz(100'000'000).setTimeout(60'000);
     setSendNoEvents(true).setCertFile("");
@@ -65,7 +65,7 @@ class RecordingTask : public ctlserver::BaseTransferTask {
   std::string outcome() const;
 };
 
-/// The same for an upload.
+/// As RecordingTask, for an upload.
 class UploadTask : public RecordingTask {
  public:
   UploadTask(const std::string& uri, const std::string& path) : RecordingTask(uri, path) {
@@ -112,10 +112,10 @@ class MemoryHttp : public ctlserver::BaseHTTP {
   std::function<bool()> accept;  ///< asked for each chunk
   std::function<void()> beforeFilling;
   std::function<void()> onCompletion;
-  unsigned long excess = 0;  ///< what FillUploadBuffer claims beyond what it was asked for
+  unsigned long excess = 0;  ///< bytes that FillUploadBuffer claims beyond the size of the buffer
 };
 
-/// Expects at its end as many open descriptors as there were at its beginning.
+/// Expects on destruction as many open descriptors as on construction.
 class DescriptorCheck {
  public:
   DescriptorCheck();
@@ -127,25 +127,25 @@ class DescriptorCheck {
   std::size_t before_;
 };
 
-/// Runs the engine in this thread. Every test must leave as many descriptors open as it found.
+/// Runs the engine in this thread. No test may leak a descriptor.
 class EngineTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
   ctlserver::TransferService& service() { return *service_; }
-  /// Destroys the service, as the end of the daemon does.
+  /// Destroys the service, as the daemon does at exit.
   void endService() { service_.reset(); }
 
-  /// Turns the service until `condition` holds; false when it does not within 20 seconds.
+  /// Turns the service until `condition` holds; false if it does not within 20 seconds.
   bool turnUntil(const std::function<bool()>& condition);
-  /// Adds the task and turns the service until it has let go of it.
+  /// Adds the task and turns the service until it has removed the task.
   /// @return how it ended, see RecordingTask::outcome
   std::string run(RecordingTask& task);
   /// Adds the task and turns the service once.
   bool begin(RecordingTask& task) { return service().add(&task) && service().service(0); }
 
-  /// A path in a folder of this test's own.
+  /// A path in the test's own folder.
   std::string path(const std::string& name) const { return folder_ + "/" + name; }
   std::string write(const std::string& name, const std::string& content) const;
 
@@ -155,14 +155,14 @@ class EngineTest : public ::testing::Test {
   std::string folder_;
 };
 
-/// Asks until `condition` holds; false when it does not within 20 seconds.
+/// Polls until `condition` holds; false if it does not within 20 seconds.
 bool eventually(const std::function<bool()>& condition);
 /// Services a driver until `condition` holds, likewise.
 bool serviceUntil(ctlserver::BaseHTTP& http, const std::function<bool()>& condition);
 
 /// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
 std::vector<std::string> logLines();
-/// The line about an end for which only libcurl has words.
+/// The line about a transfer that ended with an unexpected CURLcode.
 std::string curlErrorLine(int curlCode);
 /// The line about a task that failed.
 std::string failureLine(const std::string& uri, const std::string& reason, int httpCode);

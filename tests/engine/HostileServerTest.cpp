@@ -1,5 +1,4 @@
-// Servers that send without an end, or send the camera elsewhere; and what a transfer tells the
-// log.
+// Servers that send endlessly or redirect the camera, and what a transfer logs about them.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -33,8 +32,8 @@ long resident() {
   return 0;
 }
 
-/// A script that takes a request, answers with `begun`, and repeats `more` up to 50 MB or until the
-/// peer has gone.
+/// A script that reads a request, answers with `begun`, and repeats `more` up to 50 MB or until the
+/// peer closes.
 RawServer::Script endless(std::string begun, std::string more) {
   return [begun = std::move(begun), more = std::move(more)](Connection& connection) {
     connection.readRequest();
@@ -56,7 +55,7 @@ class HostileServerTest : public EngineTest {
     task.setKind(download);
     return run(task);
   }
-  /// Expects that the transfer fails soon, with this line, and costs no memory.
+  /// Expects that the transfer fails soon, logs `line`, and uses little memory.
   void expectBounded(bool download, const RawServer& server, const std::string& line) {
     const long before = resident();
     EXPECT_TRUE(move(download, server.uri()).starts_with("failure 1 "));

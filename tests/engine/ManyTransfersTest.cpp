@@ -28,7 +28,7 @@ Digest digestOf(const std::string& bytes) {
   return digest;
 }
 
-/// Answers "GET /N" with the N-th noise.
+/// Answers "GET /N" with noise of seed N.
 void serveNoise(Connection& connection) {
   while (connection.readRequest()) {
     const unsigned long number = std::stoul(connection.request().head.substr(5));
@@ -46,11 +46,11 @@ class ManyTransfersTest : public EngineTest {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   }
 
-  /// Turns the service until it knows none of the tasks.
+  /// Turns the service until it has removed all tasks.
   /// @return the longest turn
   Clock::duration finish(const std::vector<std::unique_ptr<RecordingTask>>& tasks) {
     Clock::duration longest{};
-    std::size_t first = 0;  // all before it have ended
+    std::size_t first = 0;  // all tasks before it have ended
     EXPECT_TRUE(eventually([&] {
       const auto start = Clock::now();
       service().service(0);

@@ -14,7 +14,7 @@ using ctlserver::MultiHTTP;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// Tells of completions after MultiHTTP has handled them.
+/// Records completions after MultiHTTP has handled them.
 class ObservedMultiHttp : public MultiHTTP {
  public:
   void SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,

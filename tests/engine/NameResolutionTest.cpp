@@ -1,5 +1,5 @@
-// Host names that take long to resolve: libcurl looks them up in a thread of its own, and the
-// engine must not wait for that thread.
+// Host names that resolve slowly: libcurl resolves them in a separate thread, which the engine must
+// not join.
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -19,7 +19,7 @@ namespace {
 constexpr char kSlowHost[] = "slow.invalid";
 constexpr char kSlowUri[] = "http://slow.invalid/file";
 
-/// A look-up of kSlowHost is held until `released`, at most ten seconds.
+/// A look-up of kSlowHost blocks until `released`, at most ten seconds.
 struct SlowLookUp {
   std::atomic<bool> begun = false;
   std::atomic<bool> released = false;
@@ -39,7 +39,7 @@ int holdLookUp() {
 
 }  // namespace
 
-// Stands in for the C library's in the whole program, libcurl included.
+// Overrides the C library's function in the whole program, including libcurl.
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
                            addrinfo** result) {
   if (node != nullptr && std::strcmp(node, kSlowHost) == 0) {

@@ -1,5 +1,5 @@
-// What becomes of a pass that is held: by sockets that never run dry, and by servers that send what
-// TLS reads without an end.
+// Passes that do not end by themselves: sockets that always have data, and servers that flood TLS
+// with messages without payload.
 
 #include "PumpGuard.h"
 
@@ -34,7 +34,7 @@ using ::testing::IsEmpty;
 
 constexpr milliseconds kLongestPass{1000};
 
-/// The processor time of this thread, which is what the guard counts.
+/// The CPU time of this thread, the clock of the guard.
 struct ThreadClock {
   using duration = std::chrono::nanoseconds;
   static duration now() {
@@ -44,9 +44,9 @@ struct ThreadClock {
   }
 };
 
-/// Computes, as a handler that was interrupted would, until `condition` holds, for `limit` of
-/// processor time at most. The kernel looks at its timers at its ticks: for a thread that a busy
-/// machine lets run between them, they expire late.
+/// Burns CPU time, as a flooded pass does, until `condition` holds, for at most `limit`. The kernel
+/// checks CPU timers at ticks: on a busy machine, where the thread may run between ticks, they
+/// expire late.
 bool heldUntil(const std::function<bool()>& condition,
                milliseconds limit = std::chrono::seconds(2)) {
   const auto end = ThreadClock::now() + limit;
@@ -74,7 +74,7 @@ class PumpGuardTest : public EngineTest {
     ASSERT_TRUE(http_.Init());
   }
 
-  /// Steps until so many transfers have ended.
+  /// Steps until `completions` transfers have ended.
   /// @return the longest step
   ThreadClock::duration finish(std::size_t completions) {
     ThreadClock::duration longest{};
@@ -87,7 +87,7 @@ class PumpGuardTest : public EngineTest {
     }));
     return longest;
   }
-  /// Expects that a pass that does not end is cut, which the mark tells.
+  /// Expects that a pass that does not end is cut and `mark` is set.
   void expectCut(const PumpGuard::Mark& mark) {
     guard_.beginTurn(0);
     const PumpGuard::Pass pass(guard_, true);
@@ -103,7 +103,7 @@ class PumpGuardTest : public EngineTest {
   MemoryHttp http_;
 };
 
-/// A TCP connection of two sockets of this process.
+/// A TCP connection between two sockets of this process.
 struct TcpPair {
   TcpPair() : near(socket(AF_INET, SOCK_STREAM, 0)) {  // takes the lowest descriptor
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
@@ -140,7 +140,7 @@ bool isBlocked(int number) {
   return sigismember(&blocked, number) == 1;
 }
 
-/// Leaves bytes behind where the next function has its variables.
+/// Fills the stack with garbage where the next function has its variables.
 __attribute__((noinline)) void litterStack() {
   volatile unsigned char litter[4096];
   for (volatile unsigned char& byte : litter) {
@@ -289,7 +289,7 @@ TEST_F(PumpGuardTest, SignalThatArrivesAfterPassCutsNothing) {
   sigaddset(&own, ctlserver::pumpSignal());
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &own, nullptr), 0);
   {
-    const PumpGuard::Pass pass(guard, true);  // without time, as no turn has begun
+    const PumpGuard::Pass pass(guard, true);  // has no budget, as no turn has begun
     compute(milliseconds(30));
   }
   ASSERT_EQ(pthread_sigmask(SIG_UNBLOCK, &own, nullptr), 0);
@@ -332,7 +332,7 @@ TEST_F(PumpGuardTest, TransfersRunUnguardedWithoutTimer) {
 }
 
 TEST_F(PumpGuardTest, CutTransferNeverCountsAsSuccess) {
-  RawServer server(stalling("HTTP/1.1 200 OK\r\n\r\nthe first half"));  // its end is the body's
+  RawServer server(stalling("HTTP/1.1 200 OK\r\n\r\nthe first half"));  // a close ends the body
   http_.accept = [] {
     compute(milliseconds(PumpGuard::kTurnMs + 100));
     return true;

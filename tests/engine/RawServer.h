@@ -12,49 +12,49 @@
 
 namespace kova::engine {
 
-/// What a client sent: the head with its empty line, and the body with a chunked coding undone.
+/// A client's request: the head including its empty line, and the body with chunked coding removed.
 struct RawRequest {
   std::string head;
   std::string body;
 
-  /// The value of a header field (name without regard to case), "" when absent.
+  /// The value of a header field (case-insensitive name), "" if absent.
   std::string header(std::string_view name) const;
 };
 
 class RawServer;
 
-/// One accepted connection, as a script sees it. Nothing throws: once the peer has gone, or the
-/// server stops, reading gives nothing and sending does nothing.
+/// One accepted connection, for a script. Nothing throws: once the peer has closed or the server
+/// stops, reads return nothing and sends are no-ops.
 class Connection {
  public:
   Connection(RawServer& server, int fd, unsigned number);
 
   /// 0 for the first connection the server accepted, 1 for the second, ...
   unsigned number() const { return number_; }
-  /// For a protocol below HTTP, as long as nothing was read or sent by the calls below.
+  /// For protocols below HTTP; must not be mixed with the calls below.
   int descriptor() const { return fd_; }
-  /// Whether there was another whole request; it is in `request()` then, and in the server's log.
+  /// Reads a whole request into request() and the server's log; false if there was none.
   bool readRequest();
-  /// Reads a head only, and leaves what follows unread.
+  /// Reads only the head of a request; the body stays unread.
   bool readHead();
-  /// Reads what follows the head that was read: the whole request is then in the server's log.
+  /// Reads the body after readHead() and adds the request to the server's log.
   bool readBody();
   const RawRequest& request() const { return request_; }
   void send(std::string_view bytes);
-  /// Sends `bytes` one at a time, `milliseconds` apart, until done or the peer has gone.
+  /// Sends `bytes` one at a time, `milliseconds` apart, until done or the peer closes.
   void trickle(std::string_view bytes, int milliseconds);
   /// Waits until the peer closes.
   void awaitClose();
-  /// Lets the close that follows reset the connection instead of ending it.
+  /// Makes the next close reset the connection (SO_LINGER).
   void resetOnClose();
 
  private:
   bool receive();
   bool receiveBody();
   bool readChunked();
-  /// Moves so many bytes to the end of `to`.
+  /// Moves `count` received bytes to the end of `to`.
   bool readBytes(std::size_t count, std::string& to);
-  /// Moves all up to the end of `mark` into `to`.
+  /// Moves all received bytes up to the end of `mark` into `to`.
   bool readUntil(std::string_view mark, std::string& to);
 
   RawServer& server_;
@@ -64,8 +64,8 @@ class Connection {
   RawRequest request_;
 };
 
-/// A server on a free port of the loopback interface that runs a script on each connection, one
-/// thread each, and then closes it: for what goes wrong below HTTP, and for exact bytes.
+/// A server on a free loopback port that runs a script for each connection in a separate thread and
+/// then closes it: for failures below HTTP, and for exact bytes.
 class RawServer {
  public:
   using Script = std::function<void(Connection&)>;
@@ -77,7 +77,7 @@ class RawServer {
   RawServer& operator=(const RawServer&) = delete;
 
   std::string uri(const std::string& path = "/file") const;
-  /// Requests in the order in which they were complete.
+  /// Requests in the order of their completion.
   std::vector<RawRequest> requests() const;
   unsigned connections() const { return accepted_; }
 
@@ -106,10 +106,10 @@ std::string okResponse(std::string_view body);
 /// A script that answers every request of a connection with `response`.
 RawServer::Script answering(std::string response);
 
-/// A script that takes a request, answers with `bytes` and closes the connection.
+/// A script that reads a request, answers with `bytes` and closes the connection.
 RawServer::Script once(std::string bytes);
 
-/// A script that takes a request, answers with `begun` and then waits for the peer to close.
+/// A script that reads a request, answers with `begun` and then waits for the peer to close.
 RawServer::Script stalling(std::string begun = "");
 
 }  // namespace kova::engine

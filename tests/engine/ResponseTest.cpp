@@ -1,4 +1,4 @@
-// What servers answer, from the proper to the broken, as a task that downloads sees it.
+// Well-formed and malformed responses, as a download task sees them.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -93,7 +93,7 @@ TEST_F(ResponseTest, OnlyHttpUrisAreFetched) {
   EXPECT_EQ(fetched(), "");
 }
 
-TEST_F(ResponseTest, BodyEndsAsItsResponseSays) {
+TEST_F(ResponseTest, BodyEndsAsItsHeadersSay) {
   expectStored(
       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
       "5\r\nchunk\r\n1;extension=1\r\n \r\n4\r\nbody\r\n0\r\nTrailer: 1\r\n\r\n",
@@ -138,7 +138,7 @@ TEST_F(ResponseTest, CompressedBodyIsStoredAsReceived) {
 }
 
 TEST_F(ResponseTest, ConnectionResetInBodyFails) {
-  // Reset only once the first half was taken, for it may drop what is still on its way.
+  // Reset only once the first half has been received: a reset may drop data in flight.
   RawServer server([this](Connection& connection) {
     connection.readRequest();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\nhalf");

@@ -25,8 +25,8 @@ bool TlsFlood::keyUpdate(SSL* ssl) {
   return SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(ssl) == 1;
 }
 
-// The peer resets the connection at any time; OpenSSL writes without MSG_NOSIGNAL, so the tests
-// ignore SIGPIPE.
+// The peer may reset the connection at any time, and OpenSSL writes without MSG_NOSIGNAL, so the
+// tests ignore SIGPIPE.
 void TlsFlood::serve(int fd) {
   const utils::Handle<SSL, SSL_free> ssl(SSL_new(context_.get()));
   std::array<char, 4096> request;

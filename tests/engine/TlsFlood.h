@@ -12,18 +12,18 @@
 
 namespace kova::engine {
 
-/// A TLS server on a RawServer that answers nothing: once the handshake is done and the request was
-/// read, it sends messages that carry no data for as long as the peer takes them.
+/// A TLS server that does not answer: after the handshake and the request it sends messages without
+/// payload for as long as the peer accepts them.
 class TlsFlood {
  public:
-  /// Lets OpenSSL put one more message on the way; false when the peer has gone.
+  /// Makes OpenSSL send one more message; false if the peer has closed.
   using Message = std::function<bool(SSL* ssl)>;
 
-  /// @param begun what to send as the beginning of an answer, before the flood
+  /// @param begun beginning of a response, sent before the flood
   TlsFlood(const Identity& identity, Message message, std::string begun = "");
 
   std::string uri(const std::string& path = "/file") const;
-  /// How many messages were sent so far.
+  /// Number of messages sent so far.
   std::size_t sent() const { return sent_; }
 
   static bool keyUpdate(SSL* ssl);

@@ -1,4 +1,4 @@
-// The verify callback by itself: what it leaves in OpenSSL's store.
+// The verify callback in isolation: its result and the error in OpenSSL's store context.
 
 #include "TlsPinning.h"
 

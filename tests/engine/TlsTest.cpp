@@ -1,4 +1,5 @@
-// Whom the engine trusts. The pinned certificate has a fixed path, so this runs in a private root.
+// Which peers the engine trusts. The pinned certificate has a fixed path, so this runs in a private
+// root.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -54,7 +55,7 @@ class TlsTest : public EngineTest {
     EXPECT_EQ(readFile(path("file")), outcome == "success" ? "secret" : "");
     return outcome;
   }
-  /// Expects a refusal of the server with these lines before those of the engine.
+  /// Expects that the engine refuses the server and logs `reasons` before its own lines.
   void expectRefused(const WebServer& web, std::vector<std::string> reasons,
                      const std::string& caFile, int curlCode = 60) {
     EXPECT_EQ(fetch(web, caFile), "failure 1 0");
@@ -165,7 +166,7 @@ TEST_F(TlsTest, SystemAuthoritiesCountWithoutCaFile) {
   EXPECT_EQ(fetch(*web, ""), "success");
 }
 
-/// Plants `authority` where OpenSSL and libcurl look for the system's, for a test's duration.
+/// Installs `authority` as a system authority of OpenSSL and libcurl for the duration of a test.
 class SystemAuthority {
  public:
   explicit SystemAuthority(const Identity& authority) {

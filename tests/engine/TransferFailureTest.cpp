@@ -1,4 +1,4 @@
-// What ends a task before its time: deadlines, size limits, and what goes wrong.
+// Tasks that end early: deadlines, size limits and errors.
 
 #include "CurlFaults.h"
 #include "TransferServiceTest.h"
@@ -10,7 +10,7 @@ using ::testing::ElementsAre;
 
 class TransferFailureTest : public TransferServiceTest {
  protected:
-  /// Downloads into path("file"), at most so many bytes.
+  /// Downloads into path("file"), at most `most` bytes.
   std::string fetch(const RawServer& server, unsigned most) {
     RecordingTask task(server.uri(), path("file"));
     task.setMaxSz(most);
@@ -25,7 +25,7 @@ TEST_F(TransferFailureTest, UploadNeverReadyTimesOutWithoutRequest) {
   ASSERT_TRUE(begin(task));
   fakes::platform().nowMs += task.timeout();
   service().service(0);
-  EXPECT_EQ(task.outcome(), "") << "the deadline itself is in time";
+  EXPECT_EQ(task.outcome(), "") << "the deadline itself has not passed";
   fakes::platform().nowMs += 1;
   service().service(0);
   EXPECT_EQ(task.outcome(), "failure 5 0");
@@ -53,7 +53,7 @@ TEST_F(TransferFailureTest, LateTransferIsCancelledAndReportedOnce) {
   EXPECT_EQ(task.outcome(), "failure 5 0");
   EXPECT_THAT(logLines(), ElementsAre(timeout("in transfer", task)));
 
-  // The engine has let go of the URI and the file.
+  // The engine has released the URI and the file.
   RecordingTask next(server.uri(), path("file"));
   ASSERT_TRUE(begin(next));
   EXPECT_TRUE(next.inTransfer());

@@ -1,4 +1,4 @@
-// What the record of a transfer says where the words are those of libcurl and of the system.
+// Reasons in transfer records that contain messages of libcurl and of the system.
 
 #include <cerrno>
 #include <filesystem>
@@ -50,7 +50,7 @@ class TransferRecordTest : public TransferServiceTest {
   std::uint64_t number_ = 0;
 };
 
-TEST_F(TransferRecordTest, ArrivedFileIsSaid) {
+TEST_F(TransferRecordTest, ArrivedFileIsReported) {
   RawServer server(answering(okResponse("content")));
   EXPECT_EQ(fetch(server.uri()), "OK: The file has arrived.");
 }

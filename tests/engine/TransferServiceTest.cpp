@@ -51,7 +51,7 @@ TEST_F(TransferServiceTest, UriIsTakenUntilEndOfTurn) {
   ASSERT_TRUE(service().add(&second));
   ASSERT_TRUE(turnUntil([&] { return first.finalizing() && second.finalizing(); }));
 
-  // The turn goes by URI: the first task is done with by the time the second is asked.
+  // Turns iterate by URI: the first task has been finalised when the second one's hook runs.
   RecordingTask again(server.uri("/1"), path("again"));
   bool added = true;
   second.duringSuccess = [&] { added = service().add(&again); };

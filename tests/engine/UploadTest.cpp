@@ -1,4 +1,4 @@
-// Uploads, to the byte.
+// Uploads, compared byte for byte.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ class UploadTest : public EngineTest {
     return run(task);
   }
 
-  /// The body of a form with these parts, in the boundary that the request uses.
+  /// The body of a form with these parts and the boundary of the request.
   static std::string form(const RawRequest& request,
                           const std::vector<std::pair<std::string, std::string>>& parts) {
     const std::string type = request.header("Content-Type");
@@ -36,7 +36,7 @@ class UploadTest : public EngineTest {
     }
     return body + boundary + "--\r\n";
   }
-  /// Expects that the server was asked once, with this file alone.
+  /// Expects that the server received one request with only this file.
   static void expectOnlyFile(const RawServer& server, const std::string& content) {
     ASSERT_EQ(server.requests().size(), 1U);
     const RawRequest request = server.requests().front();
@@ -44,12 +44,13 @@ class UploadTest : public EngineTest {
     if (content.size() < 1000) {
       EXPECT_EQ(request.body, body);
     } else {
-      EXPECT_TRUE(request.body == body) << "the body is not the expected one, to the byte";
+      EXPECT_TRUE(request.body == body) << "the bodies differ";
     }
   }
 };
 
-/// A script that answers a first connection as soon as the head is there, and the next when all is.
+/// A script that answers the first connection after the head and later ones after the whole
+/// request.
 RawServer::Script answeringEarly(std::string response) {
   return [response = std::move(response)](Connection& connection) {
     if (connection.number() == 0) {
@@ -142,7 +143,7 @@ TEST_F(UploadTest, UploadCutByServerFails) {
   EXPECT_EQ(send(server.uri(), write("file", noise(50UL * 1024 * 1024))), "failure 1 0");
 }
 
-/// A script that sends every request on: with this status, to "/elsewhere".
+/// A script that redirects every request to "/elsewhere" with this status.
 RawServer::Script sendingOn(int status) {
   return [status](Connection& connection) {
     while (connection.readRequest()) {
@@ -154,14 +155,14 @@ RawServer::Script sendingOn(int status) {
   };
 }
 
-// A file is read once. The server that it is sent on to waits for what was announced to it.
+// A file is read only once, so the redirection target waits in vain for the announced body.
 TEST_F(UploadTest, SentBodyIsNotResentAfterRedirection) {
   for (const int status : {307, 308}) {
     RawServer server(sendingOn(status));
     UploadTask task(server.uri(), write("file", "content"));
     task.setTimeout(1000);
     EXPECT_EQ(run(task), "failure 5 " + std::to_string(status));
-    ASSERT_EQ(server.requests().size(), 1U) << "the second is never whole";
+    ASSERT_EQ(server.requests().size(), 1U) << "the second is never complete";
     EXPECT_THAT(server.requests()[0].body, HasSubstr("content"));
   }
 }

@@ -23,7 +23,7 @@ bool configure(SSL_CTX& context, const TlsSetup& tls) {
 WebServer::WebServer(const TlsSetup& tls)
     : server_([&tls](SSL_CTX& context) { return configure(context, tls); }) {
   server_.set_keep_alive_max_count(tls.keptAlive ? 100 : 1);
-  // The server's own log comes after the answer: the client may have asked for the list by then.
+  // Not set_logger(), which runs after the answer: the client may call requests() before.
   server_.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
     const std::lock_guard lock(mutex_);
     requests_.push_back(request.method + " " + request.path);

@@ -11,17 +11,16 @@
 
 namespace kova::engine {
 
-/// How a WebServer speaks TLS.
+/// TLS parameters of a WebServer.
 struct TlsSetup {
-  const Identity* identity = nullptr;  ///< what it shows
+  const Identity* identity = nullptr;  ///< certificate to present
   const Identity* clientCa = nullptr;  ///< demands a client certificate of this authority
   int version = 0;                     ///< the only protocol version, 0 for any (TLS1_2_VERSION)
   bool keptAlive = false;              ///< serves further requests of a connection
 };
 
-/// An ordinary HTTPS server on a free port of the loopback interface, on threads of its own.
-/// Handlers are added to `server` before start(). Each connection serves one request unless the
-/// setup says otherwise.
+/// An ordinary HTTPS server on a free loopback port, with its own threads. Handlers are added to
+/// `server` before start(). Each connection serves one request unless the setup says otherwise.
 class WebServer {
  public:
   explicit WebServer(const TlsSetup& tls);

@@ -79,7 +79,7 @@ namespace {
 
 std::unique_ptr<Ipc> instance;
 
-// As it was sent: the accessor would repair a name that is missing or mistyped.
+// Reads the raw message: the accessor would repair a missing or mistyped name.
 std::string functionNameOf(const variant::Variant& message) {
   const variant::Variant* name = message.find("functionName");
   return name != nullptr ? name->toText() : std::string();

@@ -9,7 +9,7 @@ using kova::fakes::platform;
 namespace kova::utils {
 namespace {
 
-/// Null, with `errno` set, when the account is not there or the script says so.
+/// Null, with `errno` set, if there is no such account or the test lets it fail.
 std::string* hashToChange(const std::string& user) {
   auto& accounts = platform().accounts;
   const auto found = accounts.hashes.find(user);

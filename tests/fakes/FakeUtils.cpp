@@ -37,7 +37,7 @@ timeval now() {
 
 namespace {
 
-/// @param terms what is unusual about the run: recorded, but no part of the command
+/// @param terms recorded after the command if the run differs from the defaults
 fakes::ProcessResult runRecorded(const std::string& program,
                                  const std::vector<std::string>& arguments,
                                  const std::string& terms = "") {

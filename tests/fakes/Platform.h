@@ -17,9 +17,9 @@
 #include "kova/utils/Stats.h"
 #include "kova/variant/Variant.h"
 
-/// The platform, scripted: a program linked against this library instead of the real system
-/// libraries runs on a clock that the test turns, starts no process and joins no bus. What it does
-/// is recorded here; what it is told is set here.
+/// The scripted platform: a program linked against this library instead of the real system
+/// libraries runs on a fake clock, starts no process and joins no bus. Tests set its inputs here
+/// and find its actions recorded here.
 namespace kova::fakes {
 
 struct LogLine {
@@ -28,8 +28,8 @@ struct LogLine {
   int level;
   int error;
   std::string text;
-  std::string identity = "kova_ctlserver";  ///< the daemon's own, unless a library speaks
-  int line = 0;                             ///< source line, which no comparison looks at
+  std::string identity = "kova_ctlserver";  ///< the daemon's, unless a library logs
+  int line = 0;                             ///< source line; not compared
 
   bool operator==(const LogLine& other) const {
     return std::tie(unit, function, level, error, text, identity) ==
@@ -39,14 +39,14 @@ struct LogLine {
 };
 std::ostream& operator<<(std::ostream& out, const LogLine& line);
 
-/// What a fake program does when run.
+/// The result of running a fake program.
 struct ProcessResult {
   int status = 0;
   std::string out;
   std::string err;
 };
 
-/// What sysExec was given besides the command.
+/// The arguments of sysExec besides the command.
 struct CaptureTerms {
   std::string input;
   unsigned timeoutMs;
@@ -73,7 +73,7 @@ struct Statistics {
   std::string defaultInterface;
 };
 
-/// What is published at "/kova" or below, as given to Objects::publish().
+/// An object or folder published at or below "/kova", as passed to Objects::publish().
 struct Published {
   std::string folder;  ///< "": the object "/kova" itself
   ipc::Interface interface;
@@ -91,24 +91,24 @@ struct Signal {
 
 struct Bus {
   bool initResult = true;
-  bool addResult = true;  ///< of AddHandler(), which registers all the same
+  bool addResult = true;  ///< of AddHandler(), which registers regardless
   bool sendResult = true;
-  bool absent = false;                 ///< GetInstance() gives null
+  bool absent = false;                 ///< GetInstance() returns null
   std::vector<variant::Variant> sent;  ///< requests and events
-  variant::Variant given;              ///< the last of them, before it was normalised
+  variant::Variant given;              ///< the last of `sent`, before normalisation
   std::vector<std::pair<variant::Variant, variant::Variant>> responses;  ///< with their requests
   std::deque<variant::Variant> pending;  ///< delivered by the next Service()
   std::vector<std::string> unhandled;    ///< function names of messages rejected or not handled
   std::function<bool()> onService;       ///< runs in each Service(); its result is Service's
   std::vector<Published> published;
   std::vector<Signal> signals;
-  bool signalResult = true;  ///< false: no signal is taken
-  /// Id of the request that is being handled, the only one that a response can go to, once. Set by
-  /// Service(), and by a test that calls a handler itself.
+  bool signalResult = true;  ///< false: signals are refused
+  /// Id of the request being handled, the only one that can be answered, once. Set by Service() and
+  /// by tests that call a handler directly.
   std::optional<std::uint64_t> handling;
 };
 
-/// The configuration store. Changes reach `values` at a close() that stores.
+/// The configuration store. Changes reach `values` in a close() that stores.
 struct ConfigStore {
   std::map<std::string, std::string> values;
   bool initResult = true;
@@ -124,8 +124,8 @@ struct Accounts {
   int readResult = 0;
   std::vector<int> authenticateResults;  ///< results of the next calls, in order; then 0
   bool lockResult = true;
-  bool saltResult = true;  ///< false: generateSalt() gives ""
-  unsigned salts = 0;      ///< how many were generated; the n-th is "salt<n>"
+  bool saltResult = true;  ///< false: generateSalt() returns ""
+  unsigned salts = 0;      ///< number of salts generated; the n-th is "salt<n>"
 };
 
 struct Button {
@@ -136,8 +136,8 @@ struct Button {
 };
 
 struct Platform {
-  /// What happened, in order, across all parts: "Ipc::Init kova_ctlserver", "run /bin/cfgmtd -c",
-  /// "sleep 10", ...
+  /// Events of all parts, in order: "Ipc::Init kova_ctlserver", "run /bin/cfgmtd -c", "sleep 10",
+  /// ...
   std::vector<std::string> journal;
   std::vector<LogLine> log;
   bool logThrows = false;  ///< the next line throws std::bad_alloc instead
@@ -146,20 +146,20 @@ struct Platform {
   std::uint64_t nowMs = 1'000'000;
   std::function<void(int)> onSleep;  ///< may throw to leave an endless wait
 
-  /// Program runs, as "PROGRAM ARG ...", in order; also in the journal.
-  /// One in the background that is not given the defaults says so at its end.
+  /// Program runs, as "PROGRAM ARG ...", in order; also in the journal. A background run with
+  /// arguments other than the defaults is marked at its end.
   std::vector<std::string> commands;
   std::vector<CaptureTerms> captures;  ///< of each sysExec
-  /// Decides what a program does; without it every program succeeds silently.
+  /// Decides the result of a program; without it every program succeeds silently.
   std::function<ProcessResult(const std::string& command)> onRun;
 
-  /// What runDaemon() started and endDaemon() has not ended: programs by process id.
+  /// Programs by process id that runDaemon() started and endDaemon() has not ended.
   std::map<int, std::string> background;
   std::function<void(const std::string& program)> onEndDaemon;
 
   std::vector<std::string> signalled;  ///< "NAME SIGNAL"
   std::function<bool(const std::string& verb, const std::string& name)> onService;
-  std::vector<std::string> notified;  ///< "ready", "alive": to the service manager, less repeats
+  std::vector<std::string> notified;  ///< "ready", "alive" to the service manager, without repeats
   bool setTimeZoneResult = true;
 
   bool crashHandlerResult = true;
@@ -172,12 +172,12 @@ struct Platform {
   Accounts accounts;
   Button button;
 
-  /// Ends a wait that nothing else would end: after so many sleeps sleepMs() throws EndlessWait.
+  /// Ends an endless wait: after this many sleeps sleepMs() throws EndlessWait.
   int sleepsLeft = 10'000;
 
   /// Whether a log line of exactly this level and text was written.
   bool logged(int level, const std::string& text) const;
-  /// The log lines' texts.
+  /// The texts of the log lines.
   std::vector<std::string> logTexts() const;
   void note(const std::string& event) { journal.push_back(event); }
 };
@@ -185,7 +185,7 @@ struct Platform {
 /// The one platform that the fakes of this process work on.
 Platform& platform();
 
-/// Back to a fresh platform: all succeed, all is empty.
+/// Resets the platform: everything succeeds, all records are empty.
 void reset();
 
 /// Thrown by a sleep of a program that only waits.

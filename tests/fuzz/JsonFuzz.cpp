@@ -4,7 +4,7 @@
 #include "Require.h"
 #include "kova/variant/Variant.h"
 
-// Whatever parses is written and parsed again to the same value.
+// Every value that parses survives a round trip through its text.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using kova::variant::Variant;
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -9,7 +9,7 @@ using kova::variant::Variant;
 
 namespace {
 
-/// Makes values out of the fuzzer's bytes: a type, then its content.
+/// Decodes values from the fuzzer's bytes: a type, then its content.
 class Source {
  public:
   Source(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}
@@ -88,15 +88,15 @@ class Source {
 
 }  // namespace
 
-// Every class makes of any value a map that has every key of its schema and that normalising once
-// more leaves alone.
+// Every message class normalises any value to a map with every key of its schema, and normalising
+// is idempotent.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace kova::ipc::messages;
   Source source(data, size);
   const auto& classes = catalog();
   const auto& chosen = classes[source.byte() % classes.size()];
   Variant content = source.value(4);
-  // Steer some of the values under keys that the class has.
+  // Put some values under keys of the schema.
   for (const auto& field : chosen.fields) {
     if (source.byte() % 2 == 0) {
       content[field.key] = source.value(2);

@@ -6,8 +6,8 @@
 #include "../../platform/ipc/src/ObjectServer.h"
 #include "Require.h"
 
-// An input is the path of an object below a folder, and also a text to be shown. Only the canonical
-// path of a number names one; what is shown is valid, bounded, and shown again the same.
+// The input serves as the path of an object below a folder and as a text for display. Only the
+// canonical path of a number names an object; display text is valid, bounded, and idempotent.
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

@@ -1,5 +1,5 @@
-// The reader of /etc/passwd and /etc/shadow: what it finds is the field of the name that was asked
-// for. The first line of the input is the name, the rest the file.
+// The reader of /etc/passwd and /etc/shadow finds only the field of the requested name. The first
+// line of the input is the name, the rest the file.
 
 #include <algorithm>
 #include <cstddef>

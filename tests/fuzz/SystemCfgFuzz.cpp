@@ -1,4 +1,4 @@
-// The parser of /etc/system.cfg: no line is lost, and no setting can become two.
+// The parser of /etc/system.cfg: no line is lost, and no setting can turn into two.
 
 #include <cstddef>
 #include <cstdint>
@@ -10,7 +10,7 @@ using namespace kova::syscfg;
 
 namespace {
 
-// What set() lets in comes back from the file as the same one setting.
+// Every setting that set() accepts reads back from the file as the same single setting.
 void checkSetting(const ConfigLine& setting) {
   if (!internal::isKey(setting.key) || !internal::isValue(setting.value)) {
     return;

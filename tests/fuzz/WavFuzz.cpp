@@ -1,5 +1,5 @@
-// The reader of WAV headers: it stays within the file, does a bounded number of reads, and reports
-// only what fits in.
+// The reader of WAV headers stays within the file, does a bounded number of reads, and reports only
+// sizes that fit in the file.
 
 #include <algorithm>
 #include <cstddef>

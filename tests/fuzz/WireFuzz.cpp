@@ -6,9 +6,9 @@
 #include "../../platform/ipc/tests/OfflineBus.h"
 #include "Require.h"
 
-// An input is a message as it might come off the bus: the length of the signature in one byte, the
-// signature, the body. It is read as an answer of a foreign interface, and what can be decoded as a
-// message must come out the same after encoding and decoding.
+// The input is a message from the bus: the length of the signature in one byte, the signature, the
+// body. It is read as an answer of a foreign interface; if it decodes as a message, encoding and
+// decoding it again must give the same message.
 
 namespace {
 
@@ -28,8 +28,8 @@ unsigned depthOf(const Variant& value) {
   return value.isContainer() ? deepest + 1 : 0;
 }
 
-// Empty when the value cannot be sent; its size and nesting can grow beyond the limits, since
-// everything becomes a variant.
+// Empty if the value cannot be sent: wrapping everything in variants may push its size and nesting
+// beyond the limits.
 std::string marshal(OfflineBus& bus, const Variant& value) {
   std::string reason;
   std::size_t size = 0;
@@ -51,7 +51,7 @@ void checkRoundtrip(OfflineBus& bus, const Variant& value) {
   std::string reason;
   Variant again;
   require(message != nullptr && wire::decode(message.get(), again, reason));
-  // The bytes, since a value that holds NaN equals nothing.
+  // Compare bytes, because NaN does not equal itself.
   require(marshal(bus, again) == body);
 }
 

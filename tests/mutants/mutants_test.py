@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What the mutation run changes in a source and what it leaves alone, and that the list of equivalent mutants holds."""
+"""Tests which mutants a source yields, how they are tried, and that the list of equivalent mutants is up to date."""
 
 import shutil
 import subprocess
@@ -21,18 +21,18 @@ TOP = HERE.parents[1]
 
 
 def after(line, before="{"):
-    """What is made of one line of a function."""
+    """The mutants of one line of a function."""
     mutants = mutations.mutants_of("a.cpp", f"{before}\n{line}\n")
     return [mutant.after.strip() for mutant in mutants if mutant.line == before.count("\n") + 2]
 
 
 class Mutations(unittest.TestCase):
-    def test_comparisons_move_their_bound_or_turn_round(self):
+    def test_comparisons_move_their_bound_or_reverse(self):
         self.assertEqual(after("  return a < b;"), ["return a <= b;", "return a >= b;"])
         self.assertEqual(after("  return a >= b;"), ["return a > b;", "return a < b;"])
         self.assertEqual(after("  return a == b;"), ["return a != b;"])
 
-    def test_templates_and_shifts_are_no_comparisons(self):
+    def test_templates_and_shifts_are_not_comparisons(self):
         for line in ("  std::vector<int> list;", "  out << in >> more;", "  std::map<int, std::vector<char>> map;",
                      "template <typename T>", "  bool operator<(const A& b);", "  p->q;"):
             self.assertEqual(after(line), [], line)
@@ -58,7 +58,7 @@ class Mutations(unittest.TestCase):
         self.assertEqual(after("  mode_t a = 0644;"), ["mode_t a = 0645;"])
         self.assertEqual(after("  double v2 = 1.5;"), [])
 
-    def test_truth_is_swapped(self):
+    def test_boolean_literals_are_swapped(self):
         self.assertEqual(after("  return true;"), ["return false;"])
         self.assertEqual(after("  bool a = false;"), ["bool a = true;"])
 
@@ -67,7 +67,7 @@ class Mutations(unittest.TestCase):
         self.assertEqual(after("  ::sync();", before="}"), [";"])
         self.assertEqual(after("  a->b(c(d)).e();", before="x;\n\n  // why"), [";"])
 
-    def test_what_only_looks_like_a_call_statement_stays(self):
+    def test_lookalikes_of_call_statements_stay(self):
         for line in ("  return f();", "  File file(path);", "  int f();", "  a = f();"):
             self.assertEqual(after(line), [], line)
         self.assertEqual(after("  f(a);", before="  call(b,"), [])
@@ -211,7 +211,7 @@ class Failures(unittest.TestCase):
 
     @staticmethod
     def failure(*results):
-        """What is made of these results of a program, which took 1 s when it was measured and takes 30 s now."""
+        """The verdict on these results of a program that took 1 s when it was measured and takes 30 s now."""
         trials = trial.Trial(TOP, Path("/nonexistent"))
         trials.copy = unittest.mock.Mock()
         trials.copy.test.side_effect = results
@@ -225,7 +225,7 @@ class Failures(unittest.TestCase):
         self.assertIsNone(self.failure(self.FAILED, self.PASSED, self.PASSED))
         self.assertEqual(self.failure((9, ""), (9, "")), "ended with 9")
 
-    def test_overdue_program_is_measured_anew(self):
+    def test_overdue_program_is_measured_again(self):
         self.assertIsNone(self.failure(self.OVERDUE, self.PASSED))
         self.assertEqual(self.failure(self.OVERDUE, self.OVERDUE), "took longer than 130 s")
 

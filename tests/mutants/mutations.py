@@ -1,7 +1,7 @@
-"""The one-line mutants of a C++ source: what can be changed in it, and how.
+"""The one-line mutants of a C++ source.
 
 A light tokenizer, not a parser: it relies on the layout of clang-format (comparisons have spaces around them, template
-brackets have none). A mutant that makes no sense to the compiler costs one compilation, no more.
+brackets have none). A mutant that does not compile only costs one compilation.
 """
 
 import re
@@ -14,7 +14,7 @@ COMMENT_OR_LITERAL = re.compile(
 )
 PREPROCESSOR = re.compile(r"^[ \t]*\#(?:[^\n]*\\\n)*[^\n]*", re.MULTILINE)
 TEMPLATE_OR_OPERATOR = re.compile(r"\btemplate <[^\n]* | \boperator\s*[^\w\s(]+", re.VERBOSE)
-# A log text is held to the documentation by a test of its own; a static assertion is checked by the compiler.
+# Log texts are compared with the documentation by another test; static assertions are checked by the compiler.
 LEFT_OUT_CALL = re.compile(r"\b(?:KOVA_LOG\w*|static_assert)\(")
 
 COMPARISON = re.compile(r"(?<= )(<=|>=|==|!=|<|>)(?= |$)")
@@ -61,7 +61,7 @@ def closing(text, opening):
 
 
 def masked(text):
-    """`text` with spaces in place of what is not mutated, literals as underscores: same length, same lines."""
+    """`text` with spaces for everything that is not mutated and underscores for literals: same length, same lines."""
 
     def hide(match):
         token = match.group(0)
@@ -90,7 +90,7 @@ def incremented(number):
 
 
 def negations(code):
-    """(start, end) of the conditions of `code` that can be negated: whole on the line, declaring nothing."""
+    """(start, end) of the conditions of `code` that can be negated: on one line and without a declaration."""
     for match in CONDITION.finditer(code):
         end = closing(code, match.end())
         start = match.end() + 1
@@ -151,7 +151,7 @@ def mutated(text, mutant):
 
 
 def read_equivalents(text):
-    """The mutants of the file "equivalent", as {Mutant.key(): reason}; ValueError when an entry is not whole."""
+    """The mutants of the file "equivalent", as {Mutant.key(): reason}; ValueError for an incomplete entry."""
     found = {}
     for entry in re.split(r"\n\s*\n", re.sub(r"^#.*\n", "", text, flags=re.MULTILINE)):
         lines = [line.strip() for line in entry.strip().split("\n")]

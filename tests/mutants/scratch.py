@@ -1,7 +1,7 @@
-"""A copy of the tracked files with a build of its own, in which mutants are compiled and tested.
+"""A copy of the tracked files with a separate build, in which mutants are compiled and tested.
 
-Every test program runs in a private root, also those which need none when the sources are right: what a mutant does
-wrong stays in there. A booted camera is one already.
+Every test program runs in a private root, even if the unchanged sources need none: this contains the damage of a
+mutant. A booted camera already is a private root.
 """
 
 import contextlib
@@ -28,7 +28,7 @@ MAX_MEMORY = 4 << 30
 MAX_STACK = 2 << 20  # of each thread: a test of the engine has a thousand
 MAX_FILE = 1 << 30
 MAX_BUILD_SECONDS = 900
-SHARDS = 4  # at a time, of a test program: most cases wait
+SHARDS = 4  # parallel shards of a test program: most cases only wait
 
 
 @dataclass
@@ -40,9 +40,9 @@ class Program:
     command: list
     system: bool
     inputs: set = field(default_factory=set)
-    passes: bool | None = None  # on the unchanged sources; None before it was tried
+    passes: bool | None = None  # on the unchanged sources; None if not tried yet
     seconds: float = 0.0
-    tells: bool = False  # at its end, that all cases passed; without, it has ended early
+    tells: bool = False  # prints at its end that all cases passed; a run without that has ended early
     left_out: list = field(default_factory=list)
 
 
@@ -55,7 +55,7 @@ def end_group(process):
 
 
 def as_from_terminal():
-    """nohup(1) ignores SIGHUP, a shell's background SIGINT: tests send both."""
+    """Resets signals that nohup(1) (SIGHUP) or a background job (SIGINT) ignores: tests send both."""
     for number in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):
         signal.signal(number, signal.SIG_DFL)
 
@@ -69,7 +69,7 @@ def bound_resources():
 
 
 def first_end(processes, seconds):
-    """The first status other than 0, or 0 once all have ended so; None when that takes more seconds."""
+    """The first status other than 0, or 0 once all have ended with 0; None on a time-out."""
     deadline = time.monotonic() + seconds
     while time.monotonic() < deadline:
         statuses = [process.poll() for process in processes]
@@ -81,8 +81,8 @@ def first_end(processes, seconds):
 
 
 def run_together(commands, seconds, limits=None):
-    """(status, output) of several commands, each with its environment. All are ended with their groups when one fails
-    or after so many seconds: status None then."""
+    """(status, output) of several commands, each with its environment. When one fails or after `seconds` (status None),
+    kills all with their process groups."""
     with contextlib.ExitStack() as stack:
         outputs = [stack.enter_context(tempfile.TemporaryFile()) for _ in commands]
         processes = [
@@ -114,7 +114,7 @@ class Scratch:
         self.held = None  # the lock, to the end of the process
 
     def lock(self):
-        """One run at a time: the tree holds one mutant."""
+        """Allows one run at a time, because the tree holds one mutant."""
         self.tree.mkdir(parents=True, exist_ok=True)
         self.held = open(self.tree.parent / "lock", "w")
         try:
@@ -123,7 +123,7 @@ class Scratch:
             raise SystemExit(f"mutants: another run is at work in {self.tree.parent}") from None
 
     def copy(self):
-        """Brings the tree up to date; what is the same keeps its time, so that little is built again."""
+        """Updates the tree; unchanged files keep their modification time, so that little is rebuilt."""
         listed = subprocess.run(["git", "ls-files", "-z"], cwd=self.source, check=True, capture_output=True)
         wanted = {name for name in os.fsdecode(listed.stdout).split("\0") if name and (self.source / name).exists()}
         for name in wanted:
@@ -146,8 +146,8 @@ class Scratch:
                 and ours.stat().st_mode == theirs.stat().st_mode and ours.read_bytes() == theirs.read_bytes())
 
     def configure(self):
-        """Without debugging information: in it, mutants that compile to the same code differ. File by file: a mutant
-        is one file's."""
+        """Without debugging information, in which mutants that compile to the same code differ. Not in batches, because
+        a mutant changes one file."""
         status, output = run(["cmake", "-S", str(self.tree), "--preset", "release", "-DKOVA_DEBUG_INFO=OFF",
                               "-DKOVA_BATCHES=OFF"], MAX_BUILD_SECONDS, {**os.environ, "PWD": str(self.tree)})
         if status != 0:
@@ -158,7 +158,7 @@ class Scratch:
                    MAX_BUILD_SECONDS)
 
     def programs(self, system):
-        """The test programs that this build makes; the system tests only when asked for."""
+        """The test programs of this build, with the system tests only if `system`."""
         found, of_system = [], set()
         for path in sorted(self.build.glob("**/CTestTestfile.cmake")):
             text = path.read_text()
@@ -172,7 +172,7 @@ class Scratch:
         return [program for program in found if system or not program.system]
 
     def prepare(self, programs, files):
-        """Finds out what the programs are made of, and builds those that may hold one of the files, which it returns."""
+        """Determines the inputs of the programs; builds and returns those that may contain one of the files."""
         for program in programs:
             program.inputs = set(self.ninja("-t", "inputs", program.target)[1].split("\n"))
         programs = [program for program in programs
@@ -195,8 +195,8 @@ class Scratch:
         return self.objects.get(str(self.tree / path), set())
 
     def dependents(self, path, programs):
-        """The programs that a change of this file changes. The platform is part of the system tests' own programs,
-        which run outside of the camera: only the daemon's files are tried with those."""
+        """The programs that depend on this file. The system tests' own programs, which run outside the camera, contain
+        the platform, so only the daemon's files are tried with them."""
         objects = self.objects_of(path)
         return [program for program in programs if objects & program.inputs
                 and (not program.system or path.startswith("kova_ctlserver/"))]
@@ -208,7 +208,7 @@ class Scratch:
         return digest.hexdigest()
 
     def compile(self, path, programs):
-        """Whether the file's objects, as far as these programs need them, compile."""
+        """Whether the file's objects that these programs need compile."""
         needed = self.objects_of(path) & set().union(*(program.inputs for program in programs))
         return self.ninja(*sorted(needed))[0] == 0
 
@@ -224,8 +224,7 @@ class Scratch:
         self.write(path, self.original(path))
 
     def test(self, program, seconds, only=None):
-        """(status, output) of a test program, or of one of its cases; status None when it was ended after so many
-        seconds."""
+        """(status, output) of a test program, or of one of its cases; status None on a time-out."""
         environment = {**os.environ, "KOVA_BUILD": str(self.build), "GTEST_FAIL_FAST": "1"}
         if only:
             environment["GTEST_FILTER"] = only
@@ -251,8 +250,8 @@ class Scratch:
         return time.monotonic() - start, status, output
 
     def measure(self, program, seconds):
-        """How long a program takes on the unchanged sources; what fails there already is left out from now on.
-        False when it is of no use here."""
+        """Measures a program on the unchanged sources and leaves out cases that fail there. False if the program is
+        unusable."""
         retried = False
         while True:
             program.seconds, status, output = self.timed(program, seconds)

@@ -1,16 +1,16 @@
-"""Tries mutants one after the other in a scratch copy."""
+"""Tries mutants one by one in a scratch copy."""
 
 import mutations
 import scratch
 
-# What a test of another unit may take for a mutant.
+# Time limit for a test program of another unit.
 MAX_SECONDS_ELSEWHERE = 20
-# The folders of a unit's tests, where that is not the unit's own.
+# The folders of a unit's tests, if outside the unit.
 TESTS = {"kova_ctlserver/src": ("tests/unit", "tests/engine")}
 
 
 def limit(program):
-    """The seconds after which a mutant is taken for one that never ends."""
+    """The seconds after which a mutant counts as an endless loop."""
     return 10 + 4 * program.seconds
 
 
@@ -20,7 +20,7 @@ def is_of_unit(program, file):
 
 
 def in_order(file, programs):
-    """The programs to try a mutant of this file with: those of its unit first, the system tests last."""
+    """The programs in the order to try: those of the file's unit first, the system tests last."""
     return sorted(programs, key=lambda program: (program.system, not is_of_unit(program, file), program.seconds))
 
 
@@ -43,7 +43,7 @@ class Trial:
         self.tests = {file: self.copy.dependents(file, programs) for file in files}
 
     def is_worth(self, program, mutant, text):
-        """Whether to try a mutant with this program, which is measured on the unchanged sources before its first use."""
+        """Whether to try a mutant with this program; measures it on the unchanged sources before its first use."""
         own = program.system or is_of_unit(program, mutant.path)
         if not own and program.seconds >= MAX_SECONDS_ELSEWHERE:
             return False
@@ -54,7 +54,7 @@ class Trial:
         return program.passes
 
     def measure(self, program, seconds, own):
-        """One that is too slow for a mutant of another unit is measured again for a mutant of its own."""
+        """A program too slow for mutants of other units is measured again for a mutant of its own unit."""
         program.passes = self.copy.ninja(program.target)[0] == 0 and self.copy.measure(program, seconds)
         if program.passes:
             if program.left_out:
@@ -81,7 +81,7 @@ class Trial:
             self.copy.restore(mutant.path)
 
     def digest(self, path):
-        """Of the objects that the unchanged file compiles to."""
+        """The digest of the unchanged file's objects."""
         if path not in self.copy.digests:
             if not self.copy.compile(path, self.tests[path]):
                 raise SystemExit(f"mutants: {path} does not compile unchanged")
@@ -102,7 +102,7 @@ class Trial:
         return "survived", " ".join(tried)
 
     def failure(self, program, mutant, text):
-        """How the program fails with the mutant, or None. A failure counts when it is seen again."""
+        """How the program fails with the mutant, or None. A failure counts only if it repeats."""
         status, output = self.copy.test(program, limit(program))
         if status == 0:
             return None
@@ -120,7 +120,7 @@ class Trial:
         return failed.group(1) if failed else f"ended with {status}"
 
     def measure_again(self, program, mutant, text):
-        """The machine may be busier than when the program was measured; what it takes now bounds the mutant."""
+        """Raises the limit to the current time on the unchanged sources, as the machine may be busier by now."""
         self.copy.restore(mutant.path)
         self.copy.ninja(program.target)
         program.seconds = max(program.seconds, self.copy.timed(program, self.timeout)[0])

@@ -15,7 +15,7 @@ class ConfigStoreSuite : public PlatformSuite {
     ASSERT_TRUE(store_.init());
   }
 
-  /// What another user of the store reads; "(absent)" for nothing.
+  /// The value that another user of the store reads; "(absent)" for none.
   static std::string stored(const std::string& key) {
     SystemCfgManager other;
     std::string value;
@@ -118,7 +118,7 @@ TEST_F(ConfigStoreSuite, OperationsFailBeforeInitAndAfterClose) {
   EXPECT_EQ(stored("name"), "Front door");
 }
 
-TEST_F(ConfigStoreSuite, InitReadsStoreAnew) {
+TEST_F(ConfigStoreSuite, InitReadsStoreAgain) {
   EXPECT_TRUE(store_.set("name", "Yard", nullptr));
   ASSERT_TRUE(store_.init());
   std::string value;

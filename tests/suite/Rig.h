@@ -5,22 +5,21 @@
 #include <map>
 #include <string>
 
-/// What the suite needs of a platform beyond the headers under test; FakeRig.cpp and RealRig.cpp
-/// each provide it.
+/// Set-up of a platform beyond the headers under test; implemented by FakeRig.cpp and RealRig.cpp.
 namespace kova::suite {
 
-/// A platform without settings, accounts or history. Ends the process where that would be the
-/// machine's own.
+/// Resets the platform to no settings, accounts or history. Ends the process if that would change
+/// the machine itself.
 void startAfresh();
 
-/// The configuration store then holds these settings; removeStore() leaves none to open.
+/// Writes the configuration store; removeStore() removes it, so that it cannot be opened.
 void writeStore(const std::map<std::string, std::string>& settings);
 void removeStore();
 
-/// The accounts there are then: name and hash field.
+/// Replaces the accounts: name and hash field.
 void writeAccounts(const std::map<std::string, std::string>& hashes);
 
-/// Whether a program of that process id, which runDaemon() gave, runs still.
+/// Whether the program with this process id, from runDaemon(), is still running.
 bool isRunning(int pid);
 
 class PlatformSuite : public testing::Test {

@@ -14,7 +14,7 @@ constexpr char kGroups[] =
     "root:x:0:\nkova:x:990:member,other,admin\noutsider:x:1101:\nmember:x:1102:\nother:x:1103:\n";
 constexpr gid_t kGroup = 990;  // of "kova" in a virtual camera
 
-// Becoming another user inside needs a camera that has more than one: one that root has booted.
+// Switching users inside needs a camera that maps several users: one booted by root.
 class AccessSystem : public SharedCamera {
  protected:
   void SetUp() override {
@@ -34,7 +34,7 @@ class AccessSystem : public SharedCamera {
     return as(user, {"kova.kova_ctlserver", "/kova", "kova.Ipc1", "Send", "a{sv}", "2",
                      "functionName", "s", "GetSystemStats", "responseExpected", "b", "true"});
   }
-  // 4: not to be queued for a name that is taken. Owned is what is answered by 1.
+  // 4 is DBUS_NAME_FLAG_DO_NOT_QUEUE; the answer 1 means primary owner.
   static Result own(const std::string& user, const std::string& name) {
     return as(user, {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                      "RequestName", "su", name, "4"});
@@ -49,7 +49,7 @@ class AccessSystem : public SharedCamera {
     return result.status != 0 && result.err.find("Permission denied") != std::string::npos;
   }
 
-  /// Starts the bus again, and returns once the daemon, which ends with it, serves again.
+  /// Restarts the bus, and returns once the daemon, which exits with it, serves again.
   static void restartBus() {
     const pid_t daemon = controlServer(camera()).pid();
     ASSERT_EQ(camera().exec({"sv", "restart", "/etc/service/kova_bus"}).status, 0);
@@ -61,7 +61,7 @@ class AccessSystem : public SharedCamera {
   }
 
  private:
-  // By number, as a service is given its user and groups: it needs no account line.
+  // By number, as a supervisor sets a service's user and groups: needs no account line.
   static Result as(const std::string& user, const std::vector<std::string>& call) {
     const std::string groups = user == "member"  ? ":1102:1102:990"
                                : user == "other" ? ":1103:1103:990"
@@ -98,7 +98,7 @@ class AccessAfterPasswordChange : public AccessSystem {
     ASSERT_NO_FATAL_FAILURE(restartBus());
     const Result changed = camera().ctl({"user", "passwd", "--stdin"}, "admin\nother\n");
     ASSERT_EQ(changed.status, 0) << changed.err;
-    ASSERT_EQ(passwd().find('\n'), passwd().size() - 1) << "the administrator's line alone is left";
+    ASSERT_EQ(passwd().find('\n'), passwd().size() - 1) << "only the administrator's line is left";
   }
 
   static std::string passwd() { return readFile(etc() / "passwd"); }

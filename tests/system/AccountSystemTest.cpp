@@ -11,7 +11,7 @@ constexpr char kFactoryPassword[] = "admin";
 constexpr char kNameKey[] = "users.1.name";
 constexpr char kHashKey[] = "users.1.password";
 
-/// A camera whose account is the factory's at the begin of each test.
+/// A camera with the factory account at the beginning of each test.
 class AccountSystem : public UnharmedCamera {
  protected:
   void SetUp() override {
@@ -76,12 +76,12 @@ TEST_F(AccountSystem, NewNameLogsInWithOldPasswordAndFreshHash) {
   EXPECT_TRUE(canLogIn(camera(), "operator", kFactoryPassword));
 }
 
-/// `kovactl monitor` inside a camera, from when it sees the bus.
+/// `kovactl monitor` inside a camera, running and connected to the bus.
 class Monitor {
  public:
   explicit Monitor(const Camera& camera) : camera_(camera) {
     pid_ = camera.shell("kovactl monitor >/run/monitor 2>&1 & echo $!").out;
-    // It listens once it shows what is asked meanwhile.
+    // Connected once it shows a request.
     EXPECT_TRUE(eventually([&] {
       return camera_.ctl({"user", "show"}).status == 0 && !shown().empty();
     }));

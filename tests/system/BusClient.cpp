@@ -9,7 +9,7 @@ namespace kova::system_test {
 
 namespace {
 
-// Longer than whatever a camera may take, shorter than a test may.
+// Longer than any answer of a camera may take, shorter than a test's time-out.
 constexpr std::uint64_t kAnswerLimitUs = 60'000'000;
 
 using MessagePtr = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
@@ -31,7 +31,7 @@ MessagePtr makeCall(sd_bus* bus, const Append& body) {
   return owned;
 }
 
-// The status in the body of a response; negative when the body is not built like one.
+// Reads the status from the body of a response; negative if the body is not a response.
 int readStatus(sd_bus_message* answer, std::string& status) {
   int result = sd_bus_message_enter_container(answer, 'a', "{sv}");
   while (result >= 0 && (result = sd_bus_message_enter_container(answer, 'e', "sv")) > 0) {

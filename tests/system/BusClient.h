@@ -13,7 +13,7 @@
 
 namespace kova::system_test {
 
-/// Appends something to a message; negative on failure, as sd-bus has it.
+/// Appends something to a message; negative on failure, as in sd-bus.
 using Append = std::function<int(sd_bus_message*)>;
 using Entry = std::pair<std::string, Append>;
 
@@ -28,9 +28,9 @@ Append value(char type, T content) {
 Append text(std::string content);
 Append bytes(std::string content);
 Append flag(bool content);
-/// An empty map within so many arrays of anything: two D-Bus containers a level.
+/// An empty map within `depth` arrays of variants: two D-Bus containers per level.
 Append nested(unsigned depth);
-/// Arrays of arrays of ... of text: one D-Bus container a level.
+/// Text within `depth` arrays: one D-Bus container per level.
 Append nestedArrays(unsigned depth);
 
 /// The body of a message: one a{sv}.
@@ -38,27 +38,27 @@ Append map(std::vector<Entry> entries);
 /// A request that asks for a response.
 Append request(const std::string& functionName, std::vector<Entry> fields = {});
 
-/// A client that speaks to a camera's control server from outside, free to send what no library of
-/// this project would.
+/// A client outside the camera that can send its control server messages that no library of this
+/// project would.
 class BusClient {
  public:
-  /// Throws std::runtime_error when it cannot join.
+  /// Throws std::runtime_error if it cannot join the bus.
   explicit BusClient(const std::string& address);
   ~BusClient();
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
 
   /// Sends and waits.
-  /// @return what came back: "status 0", "status 1", "taken" for the empty map, the name of a D-Bus
-  /// error, "other" for anything else, "lost" when the bus ended the connection
+  /// @return the outcome: "status 0", "status 1", "taken" for the empty map, the name of a D-Bus
+  /// error, "other" for anything else, "lost" if the bus closed the connection
   std::string call(const Append& body);
-  /// Sends without waiting; what comes back is counted when pump() meets it.
+  /// Sends without waiting; pump() counts the outcome.
   void post(const Append& body);
-  /// Handles what has arrived; waits for it at most this long.
+  /// Handles incoming answers; waits for them at most this long.
   void pump(unsigned timeoutMs = 0);
 
   std::size_t outstanding() const { return outstanding_; }
-  /// How often each thing came back, in the words of call().
+  /// How often each outcome of call() occurred.
   const std::map<std::string, std::size_t>& outcomes() const { return outcomes_; }
 
  private:

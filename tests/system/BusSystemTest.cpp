@@ -34,7 +34,7 @@ TEST_F(BusSystem, BodiesOverOneMebibyteAreRefused) {
   };
   EXPECT_EQ(client.call(ofSize(kMebibyte - 256)), "status 0");
   EXPECT_EQ(client.call(ofSize(kMebibyte)), kInvalidMessage);
-  // The bus shows out who exceeds its own limit; others are served as before.
+  // The bus disconnects a client that exceeds its limit; others are served as before.
   EXPECT_EQ(client.call(ofSize(2 * kMebibyte)), "lost");
   EXPECT_EQ(BusClient(camera().busAddress()).call(ofSize(10)), "status 0");
 }

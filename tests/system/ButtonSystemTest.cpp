@@ -22,7 +22,7 @@ constexpr char kShortHoldModel[] = R"({
 
 class ButtonSystem : public SharedCamera {
  protected:
-  // In milliseconds, as the log tells them.
+  // In milliseconds, from the log.
   static std::vector<int> heldTimes(const LogMark& mark) {
     std::vector<int> times;
     for (const std::string& line : mark.linesWith(kUp)) {
@@ -32,7 +32,7 @@ class ButtonSystem : public SharedCamera {
   }
 };
 
-// Nobody looks at the button while the configuration is saved.
+// The button is not polled while the configuration is saved.
 TEST_F(ButtonSystem, TapsAroundSlowSaveAreNotHold) {
   constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m\n";
   const LogMark mark(camera());

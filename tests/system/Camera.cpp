@@ -66,14 +66,14 @@ void writeFile(const fs::path& path, const std::string& content) {
 }
 
 Camera::Camera(const std::string& description) {
-  // Short, since a socket's path may have 107 bytes.
+  // Short, because the path of a socket has at most 107 bytes.
   char folder[] = "/tmp/kc-XXXXXX";
   if (mkdtemp(folder) == nullptr) {
     throw std::runtime_error("mkdtemp failed");
   }
   folder_ = folder;
   if (!description.empty()) {
-    description_ = folder_.string() + ".json";  // a camera takes no folder that holds anything
+    description_ = folder_.string() + ".json";  // the camera's folder must be empty
     writeFile(description_, description);
   }
   std::vector<std::string> arguments = {"start", folder_};
@@ -88,7 +88,7 @@ Camera::Camera(const std::string& description) {
 
 Camera::~Camera() {
   script({"stop", folder_});
-  std::error_code ignored;  // nothing more can be done about a file that will not go
+  std::error_code ignored;  // best effort
   fs::remove_all(folder_, ignored);
   if (!description_.empty()) {
     fs::remove(description_, ignored);
@@ -96,7 +96,7 @@ Camera::~Camera() {
 }
 
 Result Camera::script(std::vector<std::string> arguments, const std::string& input) const {
-  // Once: other threads may be starting programs.
+  // Only once: setenv(3) races with other threads that start programs.
   static const int set = setenv("KOVA_BUILD", KOVA_TEST_BUILD, 1);
   static_cast<void>(set);
   return run(KOVA_CAMERA_SCRIPT, arguments, input);
@@ -155,7 +155,7 @@ void Camera::behave(const std::string& tool) {
 }
 
 void Camera::pressButton(bool pressed) {
-  // In place, as a line's value changes: who reads while it changes must not see an empty file.
+  // In place, like a GPIO value: a concurrent reader must not see an empty file.
   std::fstream value(root() / "run/gpio/reset_button/value", std::ios::in | std::ios::out);
   value << (pressed ? '0' : '1') << std::flush;
   if (!value) {

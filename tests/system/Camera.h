@@ -10,7 +10,7 @@
 
 namespace kova::system_test {
 
-/// An exit status. GoogleTest prints it with what explains a failure.
+/// An exit status, which GoogleTest prints together with the reason of a failure.
 class ExitStatus {
  public:
   ExitStatus(int value = 0, std::string reason = "") : value_(value), reason_(std::move(reason)) {}
@@ -32,7 +32,7 @@ struct Result {
   std::string err;
 };
 
-/// Runs a program to its end, for at most two minutes.
+/// Runs a program to its end; kills it after two minutes.
 Result run(const std::string& program, const std::vector<std::string>& arguments,
            const std::string& input = "");
 
@@ -45,26 +45,26 @@ std::string lastLines(const std::string& text, int count);
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& content);
 
-/// A booted virtual camera in a folder of its own, gone with the object.
+/// A booted virtual camera in a temporary folder; the destructor removes it.
 class Camera {
  public:
-  /// Boots; throws std::runtime_error with the reason when it does not come up.
+  /// Boots; throws std::runtime_error with the reason if it does not come up.
   /// @param description device description (JSON) to use instead of the default
   explicit Camera(const std::string& description = "");
   ~Camera();
   Camera(const Camera&) = delete;
   Camera& operator=(const Camera&) = delete;
 
-  /// Runs a command inside; a name without "/" is looked up there.
+  /// Runs a command inside; a name without "/" is looked up in the camera's PATH.
   Result exec(const std::vector<std::string>& command, const std::string& input = "") const;
-  /// The words to type outside, a program's path first, for a command to run inside.
+  /// The host command, program path first, that runs `command` inside.
   std::vector<std::string> execWords(const std::vector<std::string>& command) const;
   /// Runs kovactl inside.
   Result ctl(std::vector<std::string> arguments, const std::string& input = "") const;
-  /// Runs a line of shell inside.
+  /// Runs a shell command line inside.
   Result shell(const std::string& line) const { return exec({"sh", "-c", line}); }
 
-  /// The number of the present boot, from 1.
+  /// The number of the current boot, from 1.
   int boots() const;
   /// Waits until the control server serves in boot `number` or a later one.
   bool waitForBoot(int number) const;
@@ -73,11 +73,11 @@ class Camera {
   /// The process id, inside the camera, of a supervised service; "" while it is down.
   std::string pidOf(const std::string& service) const;
 
-  /// The system log, and whether a text appears in it in time.
+  /// The system log. waitForLog() returns whether a text appears in it in time.
   std::string log() const { return readFile(root() / "var/log/messages"); }
   bool waitForLog(const std::string& text,
                   std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
-  /// The device tools' runs so far, a line each.
+  /// The runs of device tools so far, one per line.
   std::string tools() const { return readFile(root() / "var/log/tools.log"); }
 
   /// Makes a device tool misbehave from now on: `setting` is one of the files that camera/README.md

@@ -6,11 +6,10 @@ namespace {
 
 using variant::Variant;
 
-/// What kovactl sees when it runs on the camera itself.
+/// kovactl on the camera itself.
 class ClientSystem : public SharedCamera {
  protected:
-  /// The state of a service, and whether it is started at boot, as "service list --json" tells
-  /// them.
+  /// The state of a service, and whether it starts at boot, from "service list --json".
   static std::string service(const std::string& name) {
     const Result listed = camera().ctl({"service", "list", "--json"});
     EXPECT_EQ(listed.status, 0) << listed.err;

@@ -33,7 +33,7 @@ class FirmwareSystem : public TransferRig {
   }
 };
 
-// Within the memory that the camera's services may use.
+// Within the memory limit of the camera's services.
 TEST_F(FirmwareSystem, LargestImageIsCheckedAndFlashed) {
   const std::string content = image(ownBoard(), kLargest);
   ASSERT_EQ(content.size(), kLargest);

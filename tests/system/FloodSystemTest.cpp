@@ -32,7 +32,7 @@ class FloodSystem : public SharedCamera {
     return clients;
   }
 
-  // Everything at once; what comes back is looked at only so that nobody's buffers fill up.
+  // Sends everything at once; answers are read only to keep buffers from filling up.
   static void flood(const Clients& clients, const Append& body) {
     for (int i = 0; i < kCallsEach; ++i) {
       for (const auto& client : clients) {
@@ -72,7 +72,7 @@ TEST_F(FloodSystem, CallsOf64ClientsAreAnsweredInBoundedMemory) {
   flood(clients, large);
   ASSERT_TRUE(pumpUntilAllAreAnswered(clients));
 
-  // The bus holds a flood back with LimitsExceeded; a call that it refuses has had its answer too.
+  // The bus throttles a flood with LimitsExceeded, which is an answer, too.
   std::size_t answered = 0;
   for (const auto& [what, count] : outcomes(clients)) {
     EXPECT_TRUE(what == "status 0" || what == "org.freedesktop.DBus.Error.LimitsExceeded") << what;
@@ -86,7 +86,7 @@ TEST_F(FloodSystem, CallsOf64ClientsAreAnsweredInBoundedMemory) {
   EXPECT_EQ(controlServer(camera()).pid(), server.pid());
 }
 
-// Clients that go on sending in a thread of their own until the end of this object.
+// Clients that keep sending in a separate thread until this object is destroyed.
 class LastingFlood {
  public:
   LastingFlood(Clients clients, std::vector<Append> bodies)
@@ -95,9 +95,9 @@ class LastingFlood {
   LastingFlood(const LastingFlood&) = delete;
   LastingFlood& operator=(const LastingFlood&) = delete;
 
-  /// Whether requests have been served that succeed and that fail.
+  /// Whether both succeeding and failing requests have been served.
   bool isUnderWay() const { return underWay_; }
-  /// What became of the calls so far; what is open then is waited for.
+  /// Stops sending, waits for open calls, and returns the outcomes of all.
   std::map<std::string, std::size_t> stop() {
     stopped_ = true;
     if (thread_.joinable()) {
@@ -136,10 +136,9 @@ class LastingFlood {
   std::thread thread_;
 };
 
-// Among the requests are such as keep the server busy for longer than the bus takes to bring the
-// next one: there is always another one waiting. The best of some tries counts: that other programs
-// of the host are busy makes the end late too, and says nothing of the server. A server that looks
-// at its signals only between floods is late every time.
+// Some requests keep the server busy for longer than the bus takes to deliver the next one, so its
+// queue never runs empty. The best of several tries counts, because load on the host delays the
+// end, too. A server that checks for signals only when the queue is empty is late every time.
 TEST_F(FloodSystem, SigtermEndsFloodAtOnceAndAllCalls) {
   const std::vector<Append> bodies = {
       request("GetSystemStats"), request("ChangeUsernamePassword", {{"username", text("admin")},
@@ -164,7 +163,7 @@ TEST_F(FloodSystem, SigtermEndsFloodAtOnceAndAllCalls) {
   EXPECT_LE(fastest.count(), kLongestEnd.count()) << "ms";
 }
 
-/// A process's present limit (proc(5), "limits").
+/// A process's soft limit (proc(5), "limits").
 std::string limitOf(pid_t pid, const std::string& name) {
   std::istringstream limits(readFile("/proc/" + std::to_string(pid) + "/limits"));
   for (std::string line; std::getline(limits, line);) {

@@ -3,7 +3,7 @@
 namespace kova::system_test {
 namespace {
 
-/// A camera with one picture of each kind to fetch.
+/// A camera with one picture of each kind.
 class GetSystem : public TransferRig {
  protected:
   void SetUp() override {

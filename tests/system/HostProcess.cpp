@@ -28,8 +28,8 @@ bool isNumber(const std::string& text) {
 
 }  // namespace
 
-// What a process calls its root tells nothing across namespaces, but a file below it is the same
-// file in every mode of the camera.
+// The path of a process's root means nothing across namespaces, so a file below it is compared: it
+// is the same inode in every mode of the camera.
 std::vector<pid_t> processesOf(const Camera& camera, const std::string& program) {
   std::vector<pid_t> found;
   const fs::path mark = camera.root() / "run/boot_count";

@@ -12,15 +12,14 @@
 
 namespace kova::system_test {
 
-/// The processes of one program inside a camera, by the kernel's name of it (proc(5), "comm"), as
-/// the host numbers them. Only who may look into the camera's processes finds them: root, or the
-/// user who booted it.
+/// Host process ids of a program inside a camera, by its "comm" (proc(5)). Only root and the user
+/// who booted the camera may find them.
 std::vector<pid_t> processesOf(const Camera& camera, const std::string& program);
 
 /// A process of a camera as the host sees it.
 class HostProcess {
  public:
-  /// Throws std::runtime_error when there is no such process.
+  /// Throws std::runtime_error if there is no such process.
   explicit HostProcess(pid_t pid);
 
   pid_t pid() const { return pid_; }
@@ -28,7 +27,7 @@ class HostProcess {
   /// @return whether it ended within `limit`
   bool waitForEnd(std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
-  /// Resident memory (proc(5), "VmRSS"), and the most there ever was of it ("VmHWM").
+  /// Resident memory (proc(5), "VmRSS") and its peak ("VmHWM").
   std::size_t residentKiB() const { return statusKiB("VmRSS:"); }
   std::size_t peakResidentKiB() const { return statusKiB("VmHWM:"); }
   std::size_t descriptors() const;
@@ -40,8 +39,7 @@ class HostProcess {
   utils::UniqueFd handle_;
 };
 
-/// The control server of a camera. Throws std::runtime_error unless exactly one runs, after a while
-/// for it to come up.
+/// The control server of a camera. Throws std::runtime_error unless exactly one comes up in time.
 HostProcess controlServer(const Camera& camera);
 
 }  // namespace kova::system_test

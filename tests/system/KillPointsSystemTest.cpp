@@ -18,7 +18,7 @@ constexpr char kNewPassword[] = "another";
 constexpr char kHashKey[] = "users.1.password";
 constexpr unsigned kRebootEvery = 8;
 
-/// What a change may leave of the camera's configuration.
+/// The parts of the camera's configuration that a change affects.
 struct Configuration {
   explicit Configuration(const Camera& camera)
       : cfg(readFile(systemCfg(camera))),
@@ -48,7 +48,7 @@ struct Configuration {
   std::string zone;
 };
 
-/// A change, and what has to hold wherever in it the control server was killed.
+/// A change, and the invariant that must hold wherever the control server was killed during it.
 struct Change {
   Append request;
   std::function<void(Camera& camera, const Configuration& before)> expectWhole;
@@ -58,8 +58,8 @@ std::string call(const Camera& camera, const Append& body) {
   return BusClient(camera.busAddress()).call(body);
 }
 
-/// Makes the change and kills the control server at one call of it.
-/// @return whether there was such a call; without, the change has succeeded
+/// Makes the change and kills the control server at its `point`-th call.
+/// @return whether there was such a call; if not, the change has succeeded
 bool killDuring(const Camera& camera, const Append& request, unsigned point) {
   BusClient client(camera.busAddress());
   const auto begin = [&] {
@@ -92,8 +92,8 @@ void expectBootsFromIt(Camera& camera) {
   expectServes(camera);
 }
 
-/// Kills at every `stride`-th call from `first` on, until the change gets through.
-/// @return how many calls the change has
+/// Kills at every `stride`-th call from `first` on, until the change completes.
+/// @return the number of calls of the change
 unsigned killFrom(Camera& camera, const Change& change, unsigned first, unsigned stride) {
   const Configuration before(camera);
   for (unsigned point = first;; point += stride) {
@@ -111,8 +111,8 @@ unsigned killFrom(Camera& camera, const Change& change, unsigned first, unsigned
   }
 }
 
-/// Cameras among which the calls are dealt out: a service that has ended is brought back only after
-/// a second, so that one camera alone would mostly wait.
+/// Spreads the calls over several cameras: runit restarts a service only after a second, so that a
+/// single camera would mostly wait.
 class KillPointsSystem : public testing::Test {
  public:
   static void SetUpTestSuite() {
@@ -130,7 +130,7 @@ class KillPointsSystem : public testing::Test {
     }
   }
 
-  /// @return how many calls the change has
+  /// @return the number of calls of the change
   static unsigned killAtEveryCall(const Change& change) {
     std::array<std::future<unsigned>, kCameras> counts;
     for (unsigned i = 0; i < kCameras; ++i) {
@@ -166,8 +166,8 @@ TEST_F(KillPointsSystem, SettingsAreWhollyOldOrNew) {
                                                         {"timezone", text("Europe/Paris")},
                                                         {"region", text("US")}}),
                        expectWhole});
-  // At least: to create, write, flush and rename system.cfg and TZ, to link and rename localtime,
-  // to start a program, to signal another, to answer.
+  // At least: create, write, flush and rename system.cfg and TZ; link and rename localtime; start a
+  // program, signal another, answer.
   EXPECT_GE(calls, 14U);
 }
 
@@ -205,7 +205,7 @@ TEST_F(KillPointsSystem, AccountIsWhollyOldOrNewAndCanBeChanged) {
                                                           {"passwordOld", text(kOldPassword)},
                                                           {"passwordNew", text(kNewPassword)}}),
                        expectWhole});
-  // At least: to create, write, flush and rename two files, and to answer.
+  // At least: create, write, flush and rename two files, and answer.
   EXPECT_GE(calls, 9U);
 }
 

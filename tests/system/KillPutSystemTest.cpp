@@ -15,9 +15,9 @@ namespace fs = std::filesystem;
 constexpr unsigned kRebootEvery = 7;
 constexpr unsigned kDownloadCalls = 12;
 
-/// The installed logo and its checksum file in one /etc.
+/// The installed logo and its checksum file in an /etc.
 struct Installed {
-  // The flash's /etc is a link that a save replaces: both files are read from the same one.
+  // The flash's /etc is a link that a save replaces: resolve it once for both files.
   explicit Installed(const fs::path& etc) {
     const fs::path folder = fs::weakly_canonical(etc) / "persistent";
     logo = readFile(folder / "user_logo");
@@ -28,8 +28,8 @@ struct Installed {
   std::string checksum;
 };
 
-/// Which logos the two files are of: "old new" for the old logo with the new one's checksum, "old
-/// none" for one without.
+/// Which logo each of the two files belongs to: "old new" for the old logo with the new checksum,
+/// "old none" for the old logo without one.
 std::string describe(const Installed& found, const std::string& before, const std::string& after) {
   const auto side = [&](const std::string& text, const std::string& old, const std::string& fresh) {
     return text.empty() ? "none" : text == old ? "old" : text == fresh ? "new" : "broken";
@@ -38,7 +38,7 @@ std::string describe(const Installed& found, const std::string& before, const st
          side(found.checksum, md5(before), md5(after));
 }
 
-/// Puts logos, each another one, and kills the control server in the middle.
+/// Installs different logos and kills the control server during each installation.
 class Victim {
  public:
   explicit Victim(unsigned number) : number_(number) { install(next()); }
@@ -53,7 +53,7 @@ class Victim {
   }
 
   const Camera& camera() const { return camera_; }
-  /// Every state of the live /etc that a kill left.
+  /// Every state of the live /etc after a kill.
   const std::set<std::string>& states() const { return states_; }
 
  private:
@@ -75,7 +75,7 @@ class Victim {
                                   {"timeoutMs", value('u', 20'000U)}});
   }
 
-  /// Waits for it to be in flash.
+  /// Installs a logo and waits until it is in flash.
   void install(const std::string& logo) {
     const PlainServer server(logo);
     EXPECT_EQ(BusClient(camera_.busAddress()).call(put(server, logo)), "taken");
@@ -97,7 +97,7 @@ class Victim {
       reboot();
     }
     EXPECT_TRUE(camera_.waitForService());
-    install(next());  // whatever was left, the next logo gets through
+    install(next());  // the next installation succeeds whatever the kill left
     return true;
   }
 
@@ -108,7 +108,7 @@ class Victim {
       client.post(put(server, logo));
       client.pump();
     };
-    // Once the logo is in flash, what is answered later has come after the last of the put.
+    // A request sent once the logo is in flash is answered after the end of the installation.
     bool last = false;
     const auto finished = [&] {
       client.pump();
@@ -121,8 +121,8 @@ class Victim {
     return killAtCall(controlServer(camera_).pid(), call, begin, finished, started);
   }
 
-  /// The flash, which a reboot brings back, holds one logo with its own checksum; the live logo may
-  /// be without one, but never with another's.
+  /// The flash, which a reboot restores, holds a logo with its own checksum; the live logo may lack
+  /// a checksum, but never has another's.
   void expectWhole() {
     const std::string saved = describe(flashed(), previous_, present_);
     EXPECT_TRUE(saved == "old old" || saved == "new new") << saved;
@@ -148,8 +148,8 @@ class Victim {
   std::set<std::string> states_;
 };
 
-/// The calls are dealt out among cameras: a service that has ended is brought back only after a
-/// second, so that one camera alone would mostly wait.
+/// Spreads the calls over several cameras: runit restarts a service only after a second, so that a
+/// single camera would mostly wait.
 TEST(KillPutSystem, KilledPutLeavesLogoWithItsChecksum) {
   constexpr unsigned kCameras = 3;
   std::array<std::unique_ptr<Victim>, kCameras> victims;
@@ -174,7 +174,7 @@ TEST(KillPutSystem, KilledPutLeavesLogoWithItsChecksum) {
   }
   std::set<std::string> states;
   for (unsigned i = 0; i < kCameras; ++i) {
-    // Two programs are run, three files made or moved, an event and log lines sent.
+    // It runs two programs, creates or moves three files, and sends an event and log lines.
     EXPECT_GT(ends[i].get(), 9U);
     states.insert(victims[i]->states().begin(), victims[i]->states().end());
   }

@@ -21,10 +21,10 @@ namespace {
 
 constexpr auto kLoginPatience = std::chrono::seconds(20);
 
-/// A program inside a camera at a terminal of its own. It is hung up on when the object goes.
+/// A program inside a camera on its own pseudo-terminal; the destructor hangs up.
 class Terminal {
  public:
-  /// Throws std::system_error when it cannot be started.
+  /// Throws std::system_error if it cannot be started.
   Terminal(const Camera& camera, const std::vector<std::string>& command) {
     std::vector<std::string> words = camera.execWords(command);
     std::vector<char*> arguments;
@@ -63,8 +63,8 @@ class Terminal {
     }
   }
 
-  /// Waits for one of some texts.
-  /// @return which; throws when none is shown
+  /// Waits until the terminal shows one of `texts`.
+  /// @return that text; throws if none appears
   std::string firstShown(const std::vector<std::string>& texts) {
     auto found = texts.end();
     const auto look = [&] {
@@ -99,11 +99,11 @@ bool canLogIn(const Camera& camera, const std::string& user, const std::string& 
   constexpr char kAsked[] = "assword:";
   constexpr char kRefused[] = "incorrect";
   constexpr char kShell[] = "# ";
-  // Where an ordinary user runs the camera nobody can change groups, which login does once it has
-  // taken the password.
+  // In a camera booted by an ordinary user, login cannot change groups, which it does only after it
+  // has accepted the password.
   constexpr char kTaken[] = "can't set groups";
   Terminal terminal(camera, {"login", user});
-  // What is typed before it asks it throws away, and a locked account it may refuse unasked.
+  // login discards input before its prompt, and may refuse a locked account without one.
   if (terminal.firstShown({kAsked, kRefused}) == kRefused) {
     return false;
   }

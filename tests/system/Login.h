@@ -6,7 +6,7 @@
 
 namespace kova::system_test {
 
-/// Whether the camera's login lets the administrator in with a password.
+/// Whether the camera's login accepts the user with this password.
 bool canLogIn(const Camera& camera, const std::string& user, const std::string& password);
 
 }  // namespace kova::system_test

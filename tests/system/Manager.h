@@ -12,20 +12,19 @@
 
 namespace kova::system_test {
 
-/// What a camera uploaded: the part "payload" and the other form fields.
+/// An upload of a camera: the part "payload" and the other form fields.
 struct Upload {
   std::string payload;
   std::map<std::string, std::string> fields;
 };
 
-/// The management server a camera talks to: HTTPS on the loopback interface, which the camera
-/// shares, and only with those who hold a certificate of its authority. Serves what it was given
-/// and keeps what is uploaded.
+/// A management server: HTTPS on the loopback interface, which the camera shares, only for clients
+/// with a certificate of its authority. Serves files and keeps uploads.
 class Manager {
  public:
   Manager();
 
-  /// Gives the camera its certificate and the authority's, saved to flash.
+  /// Installs a certificate and that of the authority on the camera and saves them to flash.
   void adopt(const Camera& camera) const;
 
   /// Serves `content` under fileUri(name).
@@ -33,7 +32,7 @@ class Manager {
   std::string fileUri(const std::string& name) const { return web_.uri("/files/" + name); }
   std::string uploadUri(const std::string& name) const { return web_.uri("/upload/" + name); }
 
-  /// The last upload under a name, once there was one.
+  /// The last upload under a name, if any.
   std::optional<Upload> received(const std::string& name) const;
 
  private:

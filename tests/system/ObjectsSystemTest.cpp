@@ -28,7 +28,7 @@ class ObjectsSystem : public TransferRig {
   static Result cancel(const std::string& path) {
     return busctl({"call", kServer, path, kTransfer, "Cancel"});
   }
-  // The path of the transfer of the last request, once it is there.
+  // Waits for the transfer of the last request; returns its path.
   static std::string pathOfRequest(std::uint64_t id) {
     std::string found;
     const auto isLast = [&] {
@@ -51,7 +51,7 @@ class ObjectsSystem : public TransferRig {
   }
 };
 
-// The tags of one interface, without comments and layout.
+// The tags of one interface, without comments and white space.
 std::string tagsOf(const std::string& xml, const std::string& interface) {
   std::string tags;
   const std::size_t begin = xml.find("<interface name=\"" + interface + "\">");
@@ -66,7 +66,7 @@ std::string tagsOf(const std::string& xml, const std::string& interface) {
   return tags;
 }
 
-TEST_F(ObjectsSystem, IntrospectionSaysWhatShippedDescriptionsSay) {
+TEST_F(ObjectsSystem, IntrospectionMatchesShippedDescriptions) {
   requester().outcomeOf({{"what", "logo"}, {"uri", "http://127.0.0.1:1/x"}, {"hash", "0"}});
   std::istringstream tree(busctl({"tree", "--list", kServer}).out);
   std::string path;
@@ -108,7 +108,7 @@ TEST_F(ObjectsSystem, RunningTransferIsCancelled) {
   EXPECT_THAT(again.err, HasSubstr("has ended"));
 }
 
-TEST_F(ObjectsSystem, PropertiesTellWhatCameraIs) {
+TEST_F(ObjectsSystem, PropertiesDescribeCamera) {
   const auto device = [](const std::string& name) {
     return busctl({"get-property", kServer, "/kova", "kova.Device1", name}).out;
   };

@@ -26,7 +26,7 @@ TEST(PersistenceSystem, SaveKeepsAndFactoryResetErases) {
 TEST(PersistenceSystem, RebootRequestSavesAndReboots) {
   Camera camera;
   writeFile(camera.root() / "etc/persistent/note", "by reboot");
-  // No status is expected: the camera may take the client down with it.
+  // The status is not checked: the reboot may kill the client.
   camera.ctl({"reboot", "--delay", "100ms"});
   ASSERT_TRUE(camera.waitForBoot(2));
   EXPECT_EQ(readFile(camera.root() / "etc/persistent/note"), "by reboot");
@@ -36,7 +36,7 @@ TEST(PersistenceSystem, SigtermDuringRebootWaitRunsReset) {
   Camera camera;
   const auto isSaved = [&] { return std::filesystem::is_symlink(camera.flash() / "etc"); };
   EXPECT_EQ(camera.ctl({"save", "--sync"}).status, 0);
-  camera.misbehave("reboot", "exit", "0");  // it is not carried out
+  camera.misbehave("reboot", "exit", "0");  // succeeds without rebooting
   const LogMark mark(camera);
   const HostProcess server = controlServer(camera);
   BusClient client(camera.busAddress());

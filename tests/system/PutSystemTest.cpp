@@ -5,7 +5,7 @@ namespace {
 
 using testing::Not;
 
-/// The two kinds of file that are installed.
+/// A kind of installable file.
 struct Kind {
   std::string what;
   std::string sample;
@@ -17,7 +17,7 @@ const Kind kKinds[] = {{"logo", picture(64, 48)}, {"sound", sound(1, 11025)}};
 
 class PutSystem : public TransferRig {
  protected:
-  /// A put is refused with this outcome, and what was installed before stays.
+  /// Expects that a put is refused with this outcome and the installed file stays.
   void expectRefused(const Kind& kind, const std::string& outcome, const std::string& uri,
                      const std::string& hash) {
     if (!exists(inside(kind.path()))) {

@@ -17,7 +17,7 @@ constexpr char kLittleEndian = 'l';
 constexpr char kMethodCall = 1;
 constexpr char kNoFlags = 0;
 constexpr char kVersion = 1;
-// Header fields.
+// Codes of header fields.
 constexpr char kPath = 1;
 constexpr char kInterface = 2;
 constexpr char kMember = 3;

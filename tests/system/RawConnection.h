@@ -7,14 +7,14 @@
 
 namespace kova::system_test {
 
-/// Marshalling by hand, little-endian, right or wrong (D-Bus specification, "Message Format").
+/// Marshals by hand, little-endian, valid or not (D-Bus specification, "Message Format").
 class Marshaller {
  public:
   Marshaller& byte(char content);
   Marshaller& number(std::uint32_t content);
-  /// The length, the content and a NUL, whatever the content.
+  /// Appends the length, the content and a NUL; does not validate the content.
   Marshaller& string(const std::string& content);
-  /// A field of a message's header; `type` is 'o', 's' or 'g'.
+  /// Appends a header field; `type` is 'o', 's' or 'g'.
   Marshaller& field(char code, char type, const std::string& content);
   Marshaller& align(std::size_t boundary);
 
@@ -24,7 +24,7 @@ class Marshaller {
   std::string data_;
 };
 
-/// A connection to a camera's bus by no library at all, for messages that none would send.
+/// A connection to a camera's bus without a library, for messages that none would send.
 class RawConnection {
  public:
   explicit RawConnection(const std::string& socketPath);
@@ -36,9 +36,9 @@ class RawConnection {
   bool call(const std::string& signature, const std::string& body) {
     return call(signature, body, body.size());
   }
-  /// Whether these bytes are received in time.
+  /// Whether these bytes arrive in time.
   bool receive(const std::string& expected);
-  /// Whether the bus ends the connection in time.
+  /// Whether the bus closes the connection in time.
   bool waitForEnd() const;
 
  private:

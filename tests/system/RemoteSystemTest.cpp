@@ -52,7 +52,7 @@ std::string serverProgram() {
   return "";
 }
 
-// A port that nobody uses now.
+// A port that is free at the moment.
 int freePort() {
   const utils::UniqueFd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
@@ -66,8 +66,8 @@ int freePort() {
   return ntohs(address.sin_port);
 }
 
-/// kovactl on this machine, with --host and a camera in which sshd(8) runs. The server sees the
-/// camera's files, accounts and processes only, and ends with the camera.
+/// kovactl on this machine with --host, and a camera that runs sshd(8). The server sees only the
+/// camera's files, accounts and processes, and ends with the camera.
 class RemoteSystem : public SharedCamera {
  protected:
   void SetUp() override {
@@ -137,7 +137,7 @@ class RemoteSystem : public SharedCamera {
       writeFile(server() / "sshd_config", "Port " + std::to_string(port_) + "\n" + kConfig);
       const Result started = camera().exec({"env", "LD_LIBRARY_PATH=/opt/ssh/lib", "/opt/ssh/sshd",
                                             "-f", "/opt/ssh/sshd_config", "-E", "/opt/ssh/log"});
-      // It writes the file when it listens.
+      // It writes the file once it listens.
       if (started.status == 0 &&
           eventually([] { return fs::exists(camera().root() / "run/sshd.pid"); },
                      std::chrono::seconds(5))) {
@@ -147,7 +147,7 @@ class RemoteSystem : public SharedCamera {
     FAIL() << readFile(server() / "log");
   }
 
-  // A client that knows nothing of the person who runs the test.
+  // An ssh client without the configuration and keys of the user who runs the test.
   void installClient() const {
     writeFile(folder_ + "/known",
               "[127.0.0.1]:" + std::to_string(port_) + " " + readFile(server() / "host.pub"));
@@ -202,7 +202,7 @@ TEST_F(RemoteSystem, PermissionsAreThoseOfRemoteUser) {
   EXPECT_THAT(refused.err, HasSubstr("cannot use the bus of outsider@127.0.0.1"));
 }
 
-TEST_F(RemoteSystem, LocalUserIsOfNoAccount) {
+TEST_F(RemoteSystem, LocalUserDoesNotMatter) {
   for (const char* user : {"admin", "member"}) {
     const Result stats = Remote(user, {"stats", "uptime"}, kNobody);
     EXPECT_EQ(stats.status, 0) << user << stats.err;
@@ -234,7 +234,7 @@ TEST_F(RemoteSystem, BoundKeyServesBusOnly) {
 TEST_F(RemoteSystem, NoBridgeIsLeftBehind) {
   EXPECT_EQ(Remote("member", {"stats", "uptime"}).status, 0);
   EXPECT_TRUE(eventually([] {
-    // kova_sounds_leds and kova_discovery_server are two more.
+    // kova_sounds_leds and kova_discovery_server run kovactl, too.
     return processesOf(camera(), "kovactl").size() == 2;
   }));
 }

@@ -74,11 +74,11 @@ void Requester::pump(unsigned timeoutMs) {
   }
 }
 
-// A turn of the camera's loop services all transfers, so one that was asked for later and has
-// failed stands for many turns of those before it.
+// Every turn of the camera's loop services all transfers, so a later transfer that has failed
+// proves that earlier ones had their turns.
 void Requester::settle() {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  // One that meets a heat map at the end of its way is refused without an event.
+  // A request that finds the previous heat map still ending is refused without an event.
   for (int failed = 0; failed < kSettleRounds && std::chrono::steady_clock::now() < deadline;) {
     const std::uint64_t id =
         ask({{"what", "eventHeatmap"}, {"uri", "http://127.0.0.1/"}, {"filename", "heatmap_.png"}});

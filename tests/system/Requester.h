@@ -14,30 +14,29 @@ namespace kova::system_test {
 
 using Fields = variant::Variant::Map;
 
-/// An endpoint of its own on a camera's bus that asks for transfers and keeps the events they
-/// cause.
+/// An endpoint on a camera's bus that requests transfers and collects their events.
 class Requester : private ipc::BaseHandler {
  public:
-  /// Throws std::runtime_error when it cannot join.
+  /// Throws std::runtime_error if it cannot join the bus.
   explicit Requester(const Camera& camera);
 
-  /// Asks for what `fields` say: a "what" of get or put, or none or "" for a firmware update.
-  /// Without a "timeoutMs" the transfer has 20 s.
+  /// Requests the transfer that `fields` describe: "what" is that of a get or put; none or "" is a
+  /// firmware update. The default "timeoutMs" is 20 s.
   /// @return the request's id
   std::uint64_t ask(Fields fields);
 
-  /// The outcomes that events have told of a request so far, in order.
+  /// The outcomes in the events of a request so far, in order.
   std::vector<std::string> outcomes(std::uint64_t id) const;
-  /// Waits for the first; "" when there is none in time.
+  /// Waits for the first outcome; "" if there is none in time.
   std::string outcome(std::uint64_t id, std::chrono::milliseconds limit = std::chrono::seconds(20));
   /// ask() and outcome() in one.
   std::string outcomeOf(Fields fields) { return outcome(ask(std::move(fields))); }
-  /// Events of all requests so far.
+  /// Number of events of all requests so far.
   std::size_t count() const { return count_; }
-  /// Takes what has arrived; waits for it for at most so long.
+  /// Handles incoming events; waits for them at most this long.
   void pump(unsigned timeoutMs = 0);
-  /// Waits some turns of the camera's loop, so that events that were due have come: with heat maps
-  /// that are not there, so no heat map may be under way.
+  /// Waits some turns of the camera's loop, so that pending events arrive. Requests heat maps that
+  /// do not exist, so no heat map transfer may be running.
   void settle();
 
  private:

@@ -15,7 +15,7 @@ constexpr char kNameKey[] = "resolv.host.1.name";
 constexpr char kZoneKey[] = "system.timezone";
 constexpr char kRegionKey[] = "system.region";
 
-/// The payload of ChangeDeviceSettings with these assignments, whatever its status.
+/// The response payload of ChangeDeviceSettings with these assignments.
 Variant change(const Camera& camera, std::vector<std::string> fields, int status = 0) {
   fields.insert(fields.begin(), {"call", "ChangeDeviceSettings", "--json"});
   const Result result = camera.ctl(fields);
@@ -33,7 +33,7 @@ class SettingsSystem : public UnharmedCamera {
     return std::filesystem::read_symlink(camera().root() / "etc/localtime");
   }
   static std::size_t runs(const std::string& tool) { return occurrences(camera().tools(), tool); }
-  // Its pid once it is one that is up.
+  // The pid of the discovery server, once it is up.
   static std::string discovery() {
     std::string pid;
     EXPECT_TRUE(eventually([&] { return !(pid = camera().pidOf(kDiscovery)).empty(); }));
@@ -51,7 +51,7 @@ TEST_F(SettingsSystem, NewNameIsStoredAppliedAndAnnounced) {
   EXPECT_EQ(runs(kApplyName), applied + 1);
   EXPECT_TRUE(
       eventually([] { return readFile(camera().root() / "etc/hostname") == "Front-door\n"; }));
-  // It ends of itself on SIGTERM, with status 0, and comes back under another pid.
+  // It exits on SIGTERM with status 0 and is restarted with a new pid.
   EXPECT_TRUE(mark.waitFor(kDiscovery + ": service ended: exit status 0"s));
   EXPECT_TRUE(eventually([&] {
     const std::string now = camera().pidOf(kDiscovery);
@@ -79,7 +79,7 @@ TEST_F(SettingsSystem, ChangesApplyUntilResetWithoutFlashOrReboot) {
   EXPECT_EQ(setting(kZoneKey), "GMT");
   EXPECT_EQ(setting(kRegionKey), "US");
   EXPECT_EQ(systemZone(), "/usr/share/zoneinfo/GMT");
-  // A save or a reset would come five seconds after it was asked for.
+  // A save or a reset would run five seconds after its request.
   EXPECT_FALSE(eventually([&] { return runs("/bin/cfgmtd") != saves; }, std::chrono::seconds(6)));
   EXPECT_EQ(camera().boots(), boot);
 }
@@ -100,7 +100,7 @@ TEST_F(SettingsSystem, HangingToolIsEndedAfterItsTime) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
   EXPECT_TRUE(mark.waitFor(": /bin/kova_cmd_apply_camera_name.sh exceeded its time"));
   EXPECT_TRUE(mark.waitFor(": Failed to apply camera name"));
-  // Its children went with it.
+  // Its children ended with it.
   EXPECT_TRUE(eventually([&] { return processesOf(camera(), "kova_cmd_apply_").empty(); }));
   camera().behave(tool);
 }

@@ -13,7 +13,7 @@
 
 namespace kova::system_test {
 
-/// What a camera's system log gains from here on.
+/// The lines added to a camera's system log from now on.
 class LogMark {
  public:
   explicit LogMark(const Camera& camera) : camera_(camera), begin_(camera.log().size()) {}
@@ -40,7 +40,7 @@ class LogMark {
   std::size_t begin_;
 };
 
-/// How often `part` stands in `whole`.
+/// How often `part` occurs in `whole`.
 inline std::size_t occurrences(const std::string& whole, const std::string& part) {
   std::size_t count = 0;
   for (auto at = whole.find(part); at != std::string::npos; at = whole.find(part, at + 1)) {
@@ -49,7 +49,7 @@ inline std::size_t occurrences(const std::string& whole, const std::string& part
   return count;
 }
 
-/// One camera for all tests of a program, which leave it serving and unpressed.
+/// One camera for all tests of a program. Each test leaves it serving, its button released.
 class SharedCamera : public testing::Test {
  public:
   static void SetUpTestSuite() { camera_ = std::make_unique<Camera>(); }
@@ -66,7 +66,7 @@ class SharedCamera : public testing::Test {
   static inline std::unique_ptr<Camera> camera_;
 };
 
-/// As SharedCamera, for tests through which the control server must live.
+/// As SharedCamera, for tests that the control server must survive.
 class UnharmedCamera : public SharedCamera {
  protected:
   void SetUp() override {

@@ -17,7 +17,7 @@ constexpr char kDescription[] = R"({
 
 class SpineSystem : public SharedCamera {
  protected:
-  // The present control server is gone and another one serves.
+  // Expects that the control server has exited and a new one serves.
   static void expectRestart(const HostProcess& before) {
     EXPECT_TRUE(before.waitForEnd());
     EXPECT_TRUE(camera().waitForService());
@@ -67,13 +67,13 @@ void expectTheCommonFigures(const Variant& sections) {
   }
 }
 
-// First of all, as the log is that of the boot alone.
+// Must run first, while the log contains only the boot.
 TEST_F(SpineSystem, BootsWithOneProcessAndNoComplaints) {
   EXPECT_EQ(processesOf(camera(), "kova_ctlserver").size(), 1U);
   const LogMark mark(camera());
   EXPECT_EQ(camera().log().find("kova_ctlserver "), std::string::npos) << camera().log();
   EXPECT_EQ(camera().log().find("local0.err"), std::string::npos) << camera().log();
-  // Both texts are there once there is something to complain of.
+  // Cross-check: both texts appear once something fails.
   camera().misbehave("cfgmtd", "exit", "1");
   EXPECT_NE(camera().ctl({"save", "--sync"}).status, 0);
   camera().behave("cfgmtd");
@@ -82,7 +82,7 @@ TEST_F(SpineSystem, BootsWithOneProcessAndNoComplaints) {
   EXPECT_EQ(camera().ctl({"save", "--sync"}).status, 0);
 }
 
-// Whether there is a battery is the host's matter, since the camera sees its /sys.
+// The camera sees the host's /sys, so the host determines whether there is a battery.
 TEST(SpineSystemWithFeatures, StatisticsFollowDescriptionOfEachCamera) {
   Camera first;
   Camera second(kDescription);
@@ -145,7 +145,7 @@ TEST_F(SpineSystem, SigtermIsLoggedAndWritesPendingSave) {
   const std::string log = mark.text();
   const auto told = log.find("main.main:");
   ASSERT_NE(log.find(": SIGTERM received", told), std::string::npos) << log;
-  // In this order: it was not the quiet period that wrote it.
+  // In this order: SIGTERM caused the write, not the quiet period.
   EXPECT_NE(log.find(": Persisted", told), std::string::npos) << log;
   EXPECT_EQ(occurrences(log, ": Persisted"), 1U);
 }

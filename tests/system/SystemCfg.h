@@ -10,7 +10,7 @@ inline std::filesystem::path systemCfg(const Camera& camera) {
   return camera.root() / "etc/system.cfg";
 }
 
-/// What stands for a key in the text of a system.cfg; "" when nothing does.
+/// The value of a key in the text of a system.cfg; "" if absent.
 inline std::string settingIn(const std::string& text, const std::string& key) {
   const auto begin = ("\n" + text).find("\n" + key + "=");
   if (begin == std::string::npos) {
@@ -20,7 +20,7 @@ inline std::string settingIn(const std::string& text, const std::string& key) {
   return text.substr(value, text.find('\n', value) - value);
 }
 
-/// The text of a system.cfg once a key has this value: its line changes, or is added at the end.
+/// The text of a system.cfg with a key set to this value: changes its line or appends one.
 inline std::string withSetting(const std::string& text, const std::string& key,
                                const std::string& value) {
   const auto begin = ("\n" + text).find("\n" + key + "=");

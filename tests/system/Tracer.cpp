@@ -16,15 +16,15 @@ namespace {
 
 using CallInfo = __ptrace_syscall_info;
 
-// Everything that is not here counts, so that a call nobody thought of is not left out.
+// Calls that do not count. All others do, so that no unforeseen call is missed.
 constexpr std::array kHarmless = {
-    // What the idle loop does, and waiting.
+    // The idle loop, and waiting.
     SYS_recvmsg, SYS_ppoll, SYS_clock_nanosleep, SYS_clock_gettime, SYS_pread64,
     SYS_restart_syscall, SYS_wait4, SYS_waitid, SYS_gettid, SYS_getpid, SYS_timer_settime,
-    // Looking.
+    // Reading.
     SYS_read, SYS_lseek, SYS_fstat, SYS_newfstatat, SYS_readlinkat, SYS_getdents64, SYS_prlimit64,
     SYS_getrandom, SYS_ioctl, SYS_close,
-// Older calls, which younger processors do without.
+// Legacy calls, absent on newer architectures.
 #ifdef SYS_readlink
     SYS_readlink,
 #endif
@@ -66,9 +66,9 @@ struct Stop {
     signal = own ? 0 : number;
   }
 
-  bool ended = false;   // it is no more
+  bool ended = false;   // the process has exited
   bool atCall = false;  // it enters or leaves a system call
-  int signal = 0;       // else: what is being delivered to it
+  int signal = 0;       // otherwise the signal being delivered
 };
 
 void kill(pid_t pid) {

@@ -11,7 +11,7 @@ namespace kova::system_test {
 
 using variant::Variant;
 
-/// Little-endian.
+/// `value` in little-endian order.
 inline std::string number(unsigned value, int bytes) {
   std::string text;
   for (int i = 0; i < bytes; ++i, value >>= 8U) {
@@ -20,7 +20,7 @@ inline std::string number(unsigned value, int bytes) {
   return text;
 }
 
-/// An uncompressed grey picture (BMP, 8 bits a pixel) of the given size.
+/// An uncompressed grey picture (BMP, 8 bits per pixel) of the given size.
 inline std::string picture(unsigned width, unsigned height, char shade = 'k') {
   const unsigned row = (width + 3) / 4 * 4;
   const unsigned start = 14 + 40 + 4 * 256;
@@ -44,8 +44,8 @@ inline std::string sound(unsigned channels, unsigned sampleRate, unsigned bits =
          std::string(dataSize, '\1');
 }
 
-/// A camera that a management server has adopted, and an endpoint that asks it for transfers.
-/// Through every test the control server must live.
+/// A camera adopted by a management server, and an endpoint that requests transfers. The control
+/// server must survive every test.
 class TransferRig : public UnharmedCamera {
  public:
   static void SetUpTestSuite() {
@@ -74,7 +74,7 @@ class TransferRig : public UnharmedCamera {
   static Manager& manager() { return *manager_; }
   Requester& requester() { return *requester_; }
 
-  /// Serves a file and asks the camera to install it under its right digest.
+  /// Serves a file and requests its installation with the correct digest.
   std::string put(const std::string& what, const std::string& content) {
     manager().serve("file", content);
     return requester().outcomeOf(
@@ -107,7 +107,7 @@ class PlainServer : public engine::RawServer {
       : RawServer(engine::answering(engine::okResponse(body))) {}
 };
 
-/// Takes requests and never answers.
+/// Reads requests and never answers.
 class SilentServer : public engine::RawServer {
  public:
   SilentServer()

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Follows one transfer over the bus as a program would that has nothing of this project but python3-dbus:
+"""Follows one transfer over the bus, like a client that uses only python3-dbus and nothing of this project:
 
   follow_transfer.py ADDRESS FUNCTION KEY=VALUE...
 
-sends the request, hears of its object by InterfacesAdded and PropertiesChanged, and prints a line for each phase and,
-at the end, for outcome and reason. Then it compares what it heard with what the object says."""
+sends the request, follows its object by InterfacesAdded and PropertiesChanged, and prints a line for each phase and,
+at the end, for outcome and reason. Then it compares the signalled properties with those of the object."""
 
 import ctypes
 import sys
@@ -21,7 +21,7 @@ MANAGER = "org.freedesktop.DBus.ObjectManager"
 REQUEST_ID = 7_000_000_000_000_000_001
 PATIENCE_S = 30
 
-transfers = {}  # by path: the properties as far as heard
+transfers = {}  # by path: the properties signalled so far
 phases = []
 
 

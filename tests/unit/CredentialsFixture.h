@@ -22,7 +22,7 @@ inline Map claim(const std::string& name, const std::string& passwordOld,
 }
 
 /// A camera whose administrator is "admin" with the password "secret"; the stored hash is
-/// "old$secret". It writes the real /etc/passwd, so it has to run in a private root.
+/// "old$secret". It writes the real /etc/passwd, so it must run in a private root.
 class CredentialsTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -52,7 +52,7 @@ class CredentialsTest : public testing::Test {
     return text;
   }
 
-  /// The whole account file of an administrator.
+  /// The complete account file of an administrator.
   static std::string accountLine(const std::string& name, const std::string& hash) {
     return name + ":" + hash + ":0:0:Administrator:/etc/persistent:/bin/sh\n";
   }

@@ -13,7 +13,7 @@ TEST_F(CredentialsTest, RequestWithoutFieldsOnlyReadsName) {
   expectNothingWritten();
 }
 
-// What ends a request before anything is written.
+// Refusals before anything is written.
 
 struct Refusal {
   std::string text;
@@ -66,7 +66,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"Failed to hash the new password", claim("admin", "secret", "fresh"),
                 [](auto& camera) { camera.accounts.saltResult = false; }}));
 
-// What a change has to give.
+// Required fields of a change.
 
 TEST_F(CredentialsTest, OldPasswordOf64BytesIsChecked) {
   const std::string password(64, 'p');
@@ -101,7 +101,7 @@ TEST_F(CredentialsTest, InvalidNameIsRefusedBeforePasswordCheck) {
 TEST_F(CredentialsTest, PasswordWithoutAccountIsHashedNevertheless) {
   platform().accounts.readResult = ENOENT;
   EXPECT_FALSE(change({{"username", "admin"}, {"passwordOld", "secret"}}));
-  EXPECT_EQ(platform().accounts.salts, 1U) << "it takes as long as with one";
+  EXPECT_EQ(platform().accounts.salts, 1U) << "it takes as long as with an account";
 }
 
 TEST_F(CredentialsTest, ReplyIsEmptiedOnceClaimIsComplete) {

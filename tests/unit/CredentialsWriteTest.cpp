@@ -117,7 +117,7 @@ TEST_F(CredentialsTest, UnwritableAccountFileKeepsItsContent) {
 }
 
 TEST_F(CredentialsTest, IrreplaceableAccountFileFails) {
-  // A file that something is mounted on cannot be renamed over.
+  // rename(2) fails with EBUSY over a mount point.
   ASSERT_EQ(mount(kAccountFile, kAccountFile, nullptr, MS_BIND, nullptr), 0);
   expectFailure(kNewPassword, "Failed to write to /etc/passwd", EBUSY);
   ASSERT_EQ(umount(kAccountFile), 0);

@@ -60,7 +60,7 @@ TEST_F(CtlServerTest, RebootWaitsEndlesslyEvenIfCommandFails) {
     }
   };
   EXPECT_THROW(server.reboot(true, 0, false), LeaveWait);
-  EXPECT_THAT(platform().commands, ElementsAre(kReboot)) << "nothing is to be saved";
+  EXPECT_THAT(platform().commands, ElementsAre(kReboot)) << "there is nothing to save";
   EXPECT_THAT(platform().log,
               ElementsAre(LogLine{"CtlServer", "reboot", 3, 0, "Failed to perform reboot"},
                           LogLine{"CtlServer", "reboot", 6, 0, "Entering reboot wait mode"}));

@@ -46,7 +46,7 @@ class DeviceObjectTest : public testing::Test {
   std::unique_ptr<DeviceObject> device_;
 };
 
-TEST_F(DeviceObjectTest, PropertiesTellDevice) {
+TEST_F(DeviceObjectTest, PropertiesDescribeDevice) {
   EXPECT_STREQ(platform().bus.published.front().interface.name, "kova.Device1");
   EXPECT_EQ(platform().bus.published.front().folder, "");
   EXPECT_EQ(Value("Model"), PropertyValue(std::string("Kova Dome")));
@@ -108,7 +108,7 @@ TEST_F(DeviceObjectTest, ChangesInQuickSuccessionAreHeldBack) {
   EXPECT_THAT(Service(), ElementsAre(Pair("LastSave", PropertyValue(Moment{2, "FAILED"}))));
 }
 
-TEST_F(DeviceObjectTest, BusyBusIsToldLater) {
+TEST_F(DeviceObjectTest, BusyBusIsSignalledLater) {
   platform().bus.signalResult = false;
   state_.resetPending = true;
   EXPECT_THAT(Service(), IsEmpty());
@@ -132,7 +132,7 @@ TEST_F(DeviceObjectTest, StoreIsReadAgainAfterFailure) {
   EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
   platform().config.initResult = true;
   platform().nowMs += DeviceObject::kRetryMs - 1;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string())) << "not at every read";
+  EXPECT_EQ(Value("Name"), PropertyValue(std::string())) << "not read again yet";
   platform().nowMs += 1;
   EXPECT_EQ(Value("Name"), PropertyValue(std::string("Front door")));
 }

@@ -6,7 +6,7 @@
 
 namespace kova::ctlserver {
 
-/// Gives requests to the handler as the bus does, on a camera whose administrator is "admin" with
+/// Passes requests to the handler as the bus does, on a camera whose administrator is "admin" with
 /// the password "secret".
 class DispatchFixture : public testing::Test {
  protected:

@@ -6,10 +6,10 @@
 namespace kova::ctlserver {
 namespace {
 
-/// Which operation a row of the table reaches shows in what that operation does to the platform.
+/// Identifies the operation that a row of the table calls by its effects on the platform.
 class DispatchTableTest : public DispatchFixture {
  protected:
-  /// The response, or an empty value when there was none.
+  /// The response, or an empty value if there was none.
   Variant ask(const std::string& functionName, Map fields = {}) {
     fields["functionName"] = functionName;
     EXPECT_TRUE(handle(std::move(fields)));
@@ -77,7 +77,7 @@ TEST_F(DispatchTableTest, DisablingLocksAndEnablingUnlocks) {
 
 TEST_F(DispatchTableTest, TransfersReachTheirOperationUnanswered) {
   const Map fields = {{"responseExpected", true}};
-  // Refused for want of a word, in a log line of the operation's own.
+  // Refused for the missing "what", in a log line of the operation.
   EXPECT_TRUE(ask("GetRequest", fields).isEmpty());
   EXPECT_TRUE(ask("PutRequest", fields).isEmpty());
   using testing::MatchesRegex;

@@ -29,7 +29,7 @@ TEST(DisplayTextTest, ValidTextStays) {
   }
 }
 
-TEST(DisplayTextTest, ControlCharactersGo) {
+TEST(DisplayTextTest, ControlCharactersAreRemoved) {
   EXPECT_EQ(displayText("a\nb\tc\r\n", 100), "a b c ");
   EXPECT_EQ(displayText("\x1b[31mred\x7f\x01"s + "\0x"s, 100), "[31mredx");
   EXPECT_EQ(displayText("C1: \xC2\x9B\x33\x31m\xC2\x80", 100), "C1: 31m") << "CSI of one character";
@@ -99,7 +99,7 @@ TEST(DisplayTextTest, UserInformationIsFoundAndRemoved) {
 TEST(DisplayTextTest, CredentialsAreRemovedFromText) {
   EXPECT_EQ(withoutCredentials("no route to u:p@host", "u:p"), "no route to host");
   EXPECT_EQ(withoutCredentials("u:p@u:p@x u:p@y", "u:p"), "x y");
-  EXPECT_EQ(withoutCredentials("u:u:p@p@x", "u:p"), "x") << "put together by a removal";
+  EXPECT_EQ(withoutCredentials("u:u:p@p@x", "u:p"), "x") << "created by a removal";
   EXPECT_EQ(withoutCredentials("moved to 'https://u:p@other/x' twice http://v@w", ""),
             "moved to 'https://other/x' twice http://w");
   EXPECT_EQ(withoutCredentials("a@b is an address", "u:p"), "a@b is an address");

@@ -29,7 +29,7 @@ inline std::string wav(unsigned channels, unsigned sampleRate, unsigned dataSize
          std::string(dataSize, '\0');
 }
 
-/// What the tests of both kinds of file differ in; content() is good for kDigest.
+/// The differences between the tests of the two kinds of file; kDigest is that of content().
 struct LogoKind {
   using Task = TransferTaskUserLogo;
   static constexpr char kUnit[] = "TransferTaskUserLogo";
@@ -52,7 +52,7 @@ struct SoundKind {
   static std::string content() { return wav(1, 11025); }
 };
 
-/// A task armed by a request, with its paths. The image probe finds every picture good.
+/// A task armed by a request, with its paths. The fake image probe accepts every picture.
 template <typename Kind>
 class InstallTest : public TransferTest {
  protected:
@@ -62,7 +62,7 @@ class InstallTest : public TransferTest {
     restart();
   }
 
-  /// A save that is left over must not reach what the test has on its stack.
+  /// A pending save, run at destruction, must not access the test's local variables.
   void TearDown() override { platform().onRun = nullptr; }
 
   void restart() {
@@ -70,7 +70,7 @@ class InstallTest : public TransferTest {
     onSave([] { return 0; });
   }
 
-  /// The flash tool does this and ends with this status.
+  /// Makes the flash tool call `act` and exit with its result.
   static void onSave(const std::function<int()>& act) {
     platform().onRun = [act](const std::string& command) {
       if (command.starts_with(kProbe)) {
@@ -91,7 +91,7 @@ class InstallTest : public TransferTest {
     EXPECT_TRUE(done);
   }
 
-  /// Ends the transfer of a good file.
+  /// Completes the transfer of a valid file.
   void install() {
     write(download_, Kind::content());
     succeed();
@@ -102,7 +102,7 @@ class InstallTest : public TransferTest {
   }
   void expectRefused(const std::string& text) {
     EXPECT_THAT(logged(), ElementsAre(line(text)));
-    EXPECT_EQ(platform().log.back().error, 0) << "the content is to blame";
+    EXPECT_EQ(platform().log.back().error, 0) << "not a system error";
     expectStatus("VALIDATION_FAILED");
     expectTempsGone();
     expectNothingInstalled();

@@ -29,12 +29,12 @@ namespace {
 
 constexpr char kLogOpened[] = "openSystemLog ctl 1 128";  // LOG_PID, LOG_LOCAL0
 
-/// Runs the daemon's entry in a child process, since its signal flag lasts as long as the process.
-/// The child's result is its exit status; what the fakes recorded is checked there.
+/// Runs the daemon's main() in a child process, because its signal flag is never reset. The records
+/// of the fakes are checked in the child, whose exit status is the result.
 class MainTest : public testing::Test {
  protected:
   void SetUp() override {
-    ipc::Ipc::FreeInstance();  // one that another test left would be used
+    ipc::Ipc::FreeInstance();  // it may be left over from another test
     fakes::reset();
     transferWaits.clear();
     platform().cameraInfo = Variant(kPlainCamera);
@@ -42,7 +42,7 @@ class MainTest : public testing::Test {
 
   static void ask(Map request) { platform().bus.pending.emplace_back(std::move(request)); }
 
-  /// Acts in one pass of the loop, which are counted from 1.
+  /// Acts in the pass of the loop with this number, from 1.
   static void inPass(
       int number, const std::function<void()>& act = [] { raise(SIGTERM); }) {
     platform().bus.onService = [act, left = number]() mutable {
@@ -62,7 +62,7 @@ class MainTest : public testing::Test {
     };
   }
 
-  /// True when `check` holds in the child after the entry returned `status`.
+  /// Expects that main() returns `status` and `check` holds in the child afterwards.
   template <typename Check>
   static void expectRun(int status, Check check) {
     EXPECT_EXIT(
@@ -81,7 +81,7 @@ class MainTest : public testing::Test {
         testing::ExitedWithCode(0), "");
   }
 
-  /// What happened from the first `from` on.
+  /// The journal from the first `from` on.
   static std::vector<std::string> journalFrom(const std::string& from) {
     const auto& all = platform().journal;
     return {std::find(all.begin(), all.end(), from), all.end()};
@@ -207,7 +207,7 @@ TEST_F(MainTest, SecondSigtermDoesNotInterruptPendingSave) {
   });
 }
 
-TEST_F(MainTest, BusIsToldWhatItDidNotTakeBefore) {
+TEST_F(MainTest, RefusedSignalIsRetriedByLoop) {
   ask({{"functionName", "PutRequest"}});
   ask({{"functionName", "SaveToFlash"}});
   platform().bus.signalResult = false;
@@ -239,7 +239,7 @@ TEST_F(MainTest, TransfersAreNeverWaitedFor) {
   });
 }
 
-/// A daemon that has been asked for a factory reset and, behind it, a reboot.
+/// A daemon with requests for a factory reset, a reboot and a save.
 class RebootTest : public MainTest {
  protected:
   void SetUp() override {
@@ -257,7 +257,7 @@ class RebootTest : public MainTest {
     };
   }
 
-  /// The reset comes to its right, and what came behind the reboot is not served.
+  /// The reset runs at exit, and the request after the reboot is not handled.
   static void expectEnd(const std::vector<std::string>& waits) {
     std::vector<std::string> expected = {"sleep 700", "run /bin/cfgmtd -w -p /etc/ -m",
                                          "run /usr/bin/reboot"};

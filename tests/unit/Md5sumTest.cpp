@@ -11,7 +11,7 @@
 
 namespace {
 
-/// Which of OpenSSL's calls fails, counted from 1; 0: none.
+/// Which OpenSSL call fails; `update` counts from 1, 0: none.
 struct Faults {
   bool init = false;
   int update = 0;
@@ -101,7 +101,7 @@ TEST_F(Md5sumTest, MissingFileOrFolderCannotBeOpened) {
 }
 
 TEST_F(Md5sumTest, ShrunkFileCannotBeRead) {
-  // Files of sysfs claim a page, whatever they hold.
+  // stat(2) reports a size of one page for sysfs files, whatever their content.
   constexpr char kShort[] = "/sys/kernel/uevent_seqnum";
   struct stat status {};
   ASSERT_EQ(stat(kShort, &status), 0);

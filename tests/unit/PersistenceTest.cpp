@@ -14,7 +14,7 @@ class PersistenceTest : public testing::Test {
     return persistence_.service();
   }
 
-  /// Services every 10 ms for so long.
+  /// Services every 10 ms for this long.
   void pass(int milliseconds) {
     for (int elapsed = 0; elapsed < milliseconds; elapsed += 10) {
       serviceAfter(10);

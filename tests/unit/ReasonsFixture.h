@@ -25,7 +25,7 @@ class TransferReasonsTest : public TransferRoutingTest {
   std::string told(std::uint64_t number) {
     return record(number).outcome + ": " + record(number).reason;
   }
-  /// Asks, and returns what is told at the end.
+  /// Sends a request and returns told() once its record has ended.
   std::string outcome(const std::string& kind, const std::string& to, Fields more = {}) {
     ask(kind, to, std::move(more));
     const std::uint64_t number = records().numbers().back();

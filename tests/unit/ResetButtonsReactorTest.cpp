@@ -33,7 +33,7 @@ class ResetButtonsReactorTest : public testing::Test {
     ipc::Ipc::FreeInstance();
   }
 
-  /// Whether a factory reset has been scheduled: it erases the configuration once it is due.
+  /// Whether a factory reset is scheduled: once due, it erases the configuration.
   bool resetScheduled() {
     platform().nowMs += 5001;
     server_->service(0);
@@ -143,7 +143,7 @@ TEST_F(ResetButtonsReactorTest, ArmedStateIsNeverLeft) {
   EXPECT_TRUE(resetScheduled());
 }
 
-/// How long after the threshold the button is released, and the waits that follow.
+/// Time from threshold to release in milliseconds, and the waits that follow.
 using Release = std::pair<int, std::vector<std::string>>;
 
 class ReleaseWaitTest : public ResetButtonsReactorTest,

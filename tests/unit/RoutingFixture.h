@@ -20,7 +20,7 @@ inline constexpr const char* kKinds[] = {
 inline constexpr const char* kTransferKinds[] = {"snapshot",     "supportInfo", "eventSnapshot",
                                                  "eventHeatmap", "logo",        "sound"};
 
-/// The name that log lines give to the task of a kind.
+/// The task name of a kind in log lines.
 inline std::string taskName(const std::string& kind) {
   if (kind == "supportInfo") {
     return "support";
@@ -32,9 +32,8 @@ inline std::string operationOf(const std::string& kind) {
   return kind == "logo" || kind == "sound" ? "putRequest" : "getRequest";
 }
 
-/// A server that is given requests as the dispatcher gives them, with a peer on the loopback
-/// interface. Requests are from "client.a" with the id 7 and a time-out of 20 s unless they say
-/// otherwise.
+/// A server that receives requests as from the dispatcher, with a peer on the loopback interface.
+/// By default requests are from "client.a" with the id 7 and a time-out of 20 s.
 class TransferRoutingTest : public TransferTest {
  protected:
   void SetUp() override {
@@ -43,7 +42,7 @@ class TransferRoutingTest : public TransferTest {
     peerAnswers("");
   }
 
-  /// A fresh server, and a fresh platform on which the image probe finds every picture good.
+  /// Creates a fresh server and platform, whose fake image probe accepts every picture.
   void startServer() {
     server_.reset();
     fakes::reset();
@@ -64,7 +63,7 @@ class TransferRoutingTest : public TransferTest {
     peer_.emplace(engine::answering(engine::okResponse(body)));
   }
   void peerScript(engine::RawServer::Script script) { peer_.emplace(std::move(script)); }
-  /// From now on the peer takes requests and never answers.
+  /// Makes the peer read requests and never answer.
   void peerHolds() {
     peerScript([](engine::Connection& connection) {
       connection.readHead();
@@ -72,12 +71,12 @@ class TransferRoutingTest : public TransferTest {
     });
   }
   std::string uri(const std::string& path = "/file") const { return peer_->uri(path); }
-  /// Of a port on which nobody listens.
+  /// A URI with a port on which nobody listens.
   static std::string deadUri() {
     return engine::RawServer([](engine::Connection&) {}).uri();
   }
 
-  /// One of the seven kinds of request: a "what" of get or put, or "fw".
+  /// Sends a request of one of the seven kinds: a "what" of get or put, or "fw".
   bool ask(const std::string& kind, const std::string& to, Fields more = {}) {
     more["uri"] = to;
     if (kind == "fw") {
@@ -105,7 +104,7 @@ class TransferRoutingTest : public TransferTest {
     return server_->updateFirmware(request);
   }
 
-  /// The request with its defaults, normalised as the dispatcher does.
+  /// The request with the fixture's defaults, normalised as by the dispatcher.
   template <typename Request>
   static Request make(Fields fields) {
     fields.emplace("from", "client.a");
@@ -116,7 +115,7 @@ class TransferRoutingTest : public TransferTest {
     return request;
   }
 
-  /// The files that ask() asks for.
+  /// Writes the files that ask() requests.
   static void writeUploads(const std::string& content) {
     for (const char* path : {"/tmp/snap.jpeg", "/tmp/motionsnap_1.jpg", "/tmp/heatmap_1.png"}) {
       write(path, content);
@@ -136,7 +135,7 @@ class TransferRoutingTest : public TransferTest {
   bool serviceUntilEvent() {
     return serviceUntil([] { return !platform().bus.sent.empty(); });
   }
-  /// Until the peer has so many whole requests, and some turns more.
+  /// Services until the peer has received `count` whole requests, and some turns more.
   bool serviceUntilRequests(std::size_t count) {
     const bool arrived = serviceUntil([&] { return peer_->requests().size() >= count; });
     for (int turn = 0; turn < 10; ++turn) {
@@ -144,7 +143,7 @@ class TransferRoutingTest : public TransferTest {
     }
     return arrived;
   }
-  /// Until the peer has accepted so many connections.
+  /// Services until the peer has accepted `count` connections.
   bool serviceUntilConnections(unsigned count) {
     return serviceUntil([&] { return peer_->connections() >= count; });
   }

@@ -10,7 +10,7 @@ namespace kova::ctlserver {
 constexpr std::uint32_t kPlainModel = 42000;
 constexpr std::uint32_t kTimelapseModel = 42321;
 
-/// A server on a camera named "Front door" whose settings are asked for and changed.
+/// A server on a camera named "Front door", for reading and changing settings.
 class SettingsTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -34,7 +34,7 @@ class SettingsTest : public testing::Test {
 
   static std::string stored(const std::string& key) { return platform().config.values.at(key); }
 
-  /// The store is left unclosed, and one line says why.
+  /// Expects a failure that leaves the store unclosed and logs one line.
   void expectFailure(const Map& fields, const std::string& text) {
     EXPECT_FALSE(update(fields));
     EXPECT_THAT(platform().log, ElementsAre(error(text)));

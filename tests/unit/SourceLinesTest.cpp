@@ -13,7 +13,7 @@ namespace {
 
 using testing::Gt;
 
-/// Where several places report through one helper, a line tells of the place, not of the helper.
+/// Places that log through a common helper report their own source line, not that of the helper.
 class SourceLinesTest : public DispatchFixture {
  protected:
   static int loggedLine() {

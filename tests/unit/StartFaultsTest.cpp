@@ -9,7 +9,7 @@
 
 int kova_ctlserver_main();
 
-// The calls by which the daemon starts, decorated by the linker (ld(1), --wrap).
+// Decorators of start-up calls, inserted by the linker (ld(1), --wrap).
 namespace {
 
 struct Calls {
@@ -87,7 +87,7 @@ TEST_F(StartFaultsTest, FailingTransferServiceEndsInitBeforeButton) {
 }
 
 TEST_F(StartFaultsTest, FailingSaveAndTransfersDoNotBlockButton) {
-  CtlServer server(info_);  // its transfers fail, as they were never initialised
+  CtlServer server(info_);  // without init(), so its transfers fail
   platform().onRun = [](const std::string&) { return fakes::ProcessResult{1, "", ""}; };
   platform().button.serviceResult = false;
   server.persist(false);

@@ -56,7 +56,7 @@ class StatsTest : public testing::Test {
     return flags;
   }
 
-  /// The section of two interfaces, of which one is reported; its counters count up from `first`.
+  /// The section for two interfaces, one of which is reported; its counters are `first` and up.
   static Variant network(const char* name, std::uint64_t first) {
     return Map{{"numifaces", std::uint8_t{2}}, {"name", name},       {"bytesRx", first},
                {"bytesTx", first + 1},         {"upBps", first + 2}, {"dnBps", first + 3}};
@@ -158,7 +158,7 @@ TEST_F(StatsTest, FeatureIsReadAsSignedByte) {
 
 TEST_F(StatsTest, UnreportedDefaultInterfaceFallsBackToFirst) {
   platform().stats.defaultInterface = "usb0";
-  platform().stats.network.interfaces[2] = {"usb0", 9, 9, 9, 9};  // behind the last
+  platform().stats.network.interfaces[2] = {"usb0", 9, 9, 9, 9};  // an unused slot
   ASSERT_TRUE(read());
   EXPECT_EQ(reply_["network"], network("wlan0", 1));
 }
@@ -215,7 +215,7 @@ TEST_F(StatsTest, WifiNameIsMatchedExactly) {
 }
 
 TEST_F(StatsTest, DescriptionWithoutFeatureEndsProcessForAnyRequest) {
-  // The description is read in the name of the operation.
+  // Log lines about the description name the operation.
   const auto expectCrash = [&](const std::string& text) {
     EXPECT_THROW(read(without("")), fakes::ForcedCrash);
     EXPECT_EQ(platform().log.back(), (LogLine{"CtlServer", "readStats", 3, 0, text}));

@@ -1,4 +1,4 @@
-// How a transfer ends that is cancelled, or whose task another request takes over.
+// Transfers that are cancelled, or whose task another request takes over.
 
 #include "ReasonsFixture.h"
 
@@ -70,7 +70,7 @@ TEST_F(TransferCancelTest, FlashingIsNotCancelled) {
   EXPECT_EQ(record(1).outcome, "OK");
 }
 
-TEST_F(TransferCancelTest, TakeOverOfRunningTaskIsToldInBoth) {
+TEST_F(TransferCancelTest, TakeOverOfRunningTaskIsNotedInBoth) {
   peerHolds();
   ASSERT_TRUE(ask("logo", uri("/first")));
   ASSERT_TRUE(serviceUntilConnections(1));
@@ -82,7 +82,7 @@ TEST_F(TransferCancelTest, TakeOverOfRunningTaskIsToldInBoth) {
                          "held by one that could not start; `kovactl exit-service` frees it.");
 }
 
-TEST_F(TransferCancelTest, TakeOverBeforeStartIsToldInBoth) {
+TEST_F(TransferCancelTest, TakeOverBeforeStartIsNotedInBoth) {
   peerAnswers("content");
   ASSERT_TRUE(ask("logo", uri("/first"), {{"hash", kAnyDigest}}));
   ASSERT_TRUE(ask("logo", uri("/second"), {{"hash", kContentDigest}}));
@@ -94,7 +94,7 @@ TEST_F(TransferCancelTest, TakeOverBeforeStartIsToldInBoth) {
   EXPECT_EQ(peer_->requests().size(), 1U);
 }
 
-TEST_F(TransferCancelTest, UploadThatNeverBeganIsNoSuccess) {
+TEST_F(TransferCancelTest, UploadThatNeverBeganFails) {
   ASSERT_TRUE(ask("supportInfo", uri("/first")));
   ASSERT_TRUE(ask("supportInfo", uri("/second")));
   write("/tmp/supportinfo.tar", "archive");
@@ -117,12 +117,12 @@ TEST_F(TransferCancelTest, UploadCutByCancelOfItsSuccessorIsNoSuccess) {
   EXPECT_THAT(events(), ElementsAre(EndsWith(" TRANSFER_FAILED")));
 }
 
-TEST_F(TransferCancelTest, UploadCutByFailureOfItsSuccessorIsNoSuccess) {
+TEST_F(TransferCancelTest, UploadCutByFailureOfItsSuccessorFails) {
   peerHolds();
   ASSERT_TRUE(ask("supportInfo", uri("/second")));
   write("/tmp/supportinfo.tar", "archive");
   ASSERT_TRUE(serviceUntilConnections(1));
-  ASSERT_TRUE(ask("supportInfo", uri("/first"))) << "whose turn comes earlier";
+  ASSERT_TRUE(ask("supportInfo", uri("/first"))) << "its turn comes first";
   write("/tmp/supportinfo.tar", "archive");
   ASSERT_TRUE(serviceUntilEnd(1) && serviceUntilEnd(2));
   EXPECT_EQ(told(1), std::string("TRANSFER_FAILED: ") + kTakenOver +
@@ -143,7 +143,7 @@ TEST_F(TransferCancelTest, CancelOfFirstRequestEndsItsSuccessor) {
   EXPECT_THAT(told(2), EndsWith("from starting; send the request again: nothing was transferred."));
 }
 
-TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsToldInFirst) {
+TEST_F(TransferCancelTest, RefusedRequestThatArmedTaskIsNotedInFirst) {
   peerHolds();
   ASSERT_TRUE(ask("logo", uri("/first")));
   ASSERT_TRUE(serviceUntilConnections(1));

@@ -5,7 +5,7 @@ namespace {
 
 class TransferFieldsTest : public TransferRoutingTest {};
 
-// libcurl takes less than 2147484 s; the daemon's own deadline holds all the same.
+// libcurl accepts less than 2147484 s; above that only the daemon's own deadline applies.
 TEST_F(TransferFieldsTest, EveryRequestOverwritesTimeOut) {
   for (const std::string kind : kKinds) {
     for (const std::uint32_t timeoutMs : {1U, 999U, 5000U, 2147483999U, 2147484000U, 4294967295U}) {
@@ -76,13 +76,13 @@ TEST_F(TransferFieldsTest, SenderMayBeMissingOnlyWithoutEvents) {
   EXPECT_TRUE(platform().logged(3, "IPC origin must be set when sending events is on"));
   EXPECT_TRUE(ask("snapshot", uri(), {{"from", ""}, {"disableEvents", true}}));
   EXPECT_FALSE(ask("logo", uri("/logo"), {{"from", ""}, {"disableEvents", true}}))
-      << "a put has no such switch";
+      << "put requests have no such field";
 }
 
 TEST_F(TransferFieldsTest, InstalledLogoIsNotInstalledSound) {
   write("/etc/persistent/user_logo.md5", kContentDigest);
   ASSERT_TRUE(ask("sound", uri(), {{"hash", kContentDigest}}));
-  EXPECT_FALSE(ask("logo", uri(), {{"hash", "other"}})) << "the sound's URI is taken";
+  EXPECT_FALSE(ask("logo", uri(), {{"hash", "other"}})) << "the sound uses the URI";
 }
 
 TEST_F(TransferFieldsTest, PutWithoutHashIsRefusedByTask) {

@@ -22,8 +22,8 @@ class TransferTest : public testing::Test {
     fakes::reset();
   }
 
-  /// Removes a folder's files and empty folders. What else is there is not the tests': a checkout
-  /// that lies below /tmp, for instance.
+  /// Removes a folder's files and empty folders. Other entries do not belong to the tests: a
+  /// checkout below /tmp, for instance.
   static void empty(const std::string& folder) {
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
       std::error_code stays;
@@ -73,7 +73,7 @@ class TransferTest : public testing::Test {
   }
 };
 
-/// Notes, with each status that a task reports, whether its file was there then.
+/// Records with each reported status whether the task's file existed at that time.
 template <typename Task>
 class Watched : public Task {
  public:

@@ -1,4 +1,4 @@
-// What the record of each request says: one row for each cause.
+// Outcome and reason in the record of each request: one row per cause.
 
 #include "CtlCommandsHandler.h"
 #include "ReasonsFixture.h"
@@ -125,7 +125,7 @@ TEST_F(TransferReasonsTest, PutOfInstalledFileIsDoneAtOnce) {
   EXPECT_THAT(platform().commands, IsEmpty());
 }
 
-TEST_F(TransferReasonsTest, InstalledLogoSaysWhere) {
+TEST_F(TransferReasonsTest, InstalledLogoNamesItsPath) {
   peerAnswers("content");
   EXPECT_EQ(outcome("logo", uri(), {{"hash", kContentDigest}}),
             std::string("OK: The file with the MD5 digest ") + kContentDigest +
@@ -135,7 +135,7 @@ TEST_F(TransferReasonsTest, InstalledLogoSaysWhere) {
   EXPECT_EQ(record(1).size, 7U);
 }
 
-TEST_F(TransferReasonsTest, InstalledLogoThatIsNotSavedSaysSo) {
+TEST_F(TransferReasonsTest, InstalledLogoThatIsNotSavedHasReason) {
   peerAnswers("content");
   platform().onRun = [](const std::string& command) {
     if (command == kSave) {
@@ -148,7 +148,7 @@ TEST_F(TransferReasonsTest, InstalledLogoThatIsNotSavedSaysSo) {
   EXPECT_EQ(record(1).outcome, "OK");
 }
 
-TEST_F(TransferReasonsTest, LogoThatCannotBeInstalledSaysWhy) {
+TEST_F(TransferReasonsTest, LogoThatCannotBeInstalledHasReason) {
   peerAnswers("content");
   std::filesystem::create_directory("/etc/persistent/user_logo");
   EXPECT_EQ(outcome("logo", uri(), {{"hash", kContentDigest}}),
@@ -190,7 +190,7 @@ TEST_F(TransferReasonsTest, PictureThatIsRefusedSaysWhy) {
   }
 }
 
-TEST_F(TransferReasonsTest, SoundThatIsRefusedSaysWhy) {
+TEST_F(TransferReasonsTest, RefusedSoundHasReason) {
   peerAnswers("content");
   EXPECT_EQ(outcome("sound", uri(), {{"hash", kContentDigest}}),
             "VALIDATION_FAILED: The file is not a WAV file of PCM samples.");
@@ -203,7 +203,7 @@ TEST_F(TransferReasonsTest, SoundThatIsRefusedSaysWhy) {
       "VALIDATION_FAILED: The sound has 2 channels at 22050 Hz, but must have 1 at 11025 Hz.");
 }
 
-TEST_F(TransferReasonsTest, FirmwareSaysWhatCheckerSaid) {
+TEST_F(TransferReasonsTest, FirmwareReasonQuotesChecker) {
   const struct {
     fakes::ProcessResult checker;
     const char* told;
@@ -226,7 +226,7 @@ TEST_F(TransferReasonsTest, FirmwareSaysWhatCheckerSaid) {
   }
 }
 
-TEST_F(TransferReasonsTest, FirmwareSaysHowFlashingEnded) {
+TEST_F(TransferReasonsTest, FirmwareReasonHasFlashingStatus) {
   peerAnswers("image");
   EXPECT_EQ(outcome("fw", uri()), "OK: The image was checked and flashed.");
   EXPECT_THAT(events(), IsEmpty());
@@ -234,7 +234,7 @@ TEST_F(TransferReasonsTest, FirmwareSaysHowFlashingEnded) {
   EXPECT_EQ(outcome("fw", uri()), "FW_FLASH_FAILED: The flashing tool failed with status 3.");
 }
 
-TEST_F(TransferReasonsTest, UploadSaysWhetherServerTookFile) {
+TEST_F(TransferReasonsTest, UploadReportsWhetherServerAcceptedFile) {
   write("/tmp/snap.jpeg", "picture");
   EXPECT_EQ(outcome("snapshot", uri()), "OK: The server has the file.");
   EXPECT_EQ(record(1).httpStatus, 200);
@@ -253,7 +253,7 @@ TEST_F(TransferReasonsTest, SupportArchiveIsNamedOnceItIsSent) {
   programsAnswer("/bin/support", {utils::kNotStarted, "", ""});
   EXPECT_FALSE(ask("supportInfo", uri()));
   platform().onRun = {};
-  ASSERT_TRUE(ask("supportInfo", uri())) << "which forgets the refusal";
+  ASSERT_TRUE(ask("supportInfo", uri())) << "this forgets the refusal";
   server_->service(0);
   EXPECT_EQ(last().phase, TransferPhase::Preparing);
   write("/tmp/supportinfo.tar", "archive");
@@ -262,7 +262,7 @@ TEST_F(TransferReasonsTest, SupportArchiveIsNamedOnceItIsSent) {
   EXPECT_EQ(told(2), "OK: The server has the file.");
 }
 
-TEST_F(TransferReasonsTest, WhatCannotBeginSaysWhy) {
+TEST_F(TransferReasonsTest, TransferThatCannotBeginHasReason) {
   using namespace std::string_literals;
   EXPECT_EQ(
       outcome("snapshot", uri()),
@@ -342,7 +342,7 @@ TEST_F(TransferReasonsTest, PhasesFollowTransfer) {
   EXPECT_EQ(whileChecking, TransferPhase::Finalising);
 }
 
-TEST_F(TransferReasonsTest, ProgressIsToldWhileTransferRuns) {
+TEST_F(TransferReasonsTest, ProgressIsReportedWhileTransferRuns) {
   ipc::Ipc ipc;
   TransferObjects objects(records(), ipc.objects());
   peerScript([](engine::Connection& connection) {
@@ -352,7 +352,7 @@ TEST_F(TransferReasonsTest, ProgressIsToldWhileTransferRuns) {
   });
   ASSERT_TRUE(ask("logo", uri()));
   ASSERT_TRUE(serviceUntil([&] { return record(1).transferred == 5; }));
-  EXPECT_EQ(record(1).size, 0U) << "not known";
+  EXPECT_EQ(record(1).size, 0U) << "unknown";
   platform().nowMs += TransferRecords::kProgressMs;
   platform().bus.signals.clear();
   server_->service(0);

@@ -15,7 +15,7 @@ namespace {
 
 using Cancel = TransferRecords::Cancel;
 
-/// Writes down what it is told: "+N", "N PHASE TRANSFERRED/SIZE" and "-N".
+/// Records its notifications: "+N", "N PHASE TRANSFERRED/SIZE" and "-N".
 class Listener : public TransferObserver {
  public:
   void transferAdded(const TransferRecord& record) override {
@@ -66,7 +66,7 @@ class TransferRecordsTest : public testing::Test {
   TransferRecords records_;
 };
 
-TEST_F(TransferRecordsTest, PhasesAreToldAtOnceAndOnlyForward) {
+TEST_F(TransferRecordsTest, PhasesAreReportedAtOnceAndOnlyForward) {
   begin();
   records_.enter(1, TransferPhase::Transferring);
   records_.enter(1, TransferPhase::Transferring);
@@ -114,7 +114,7 @@ TEST_F(TransferRecordsTest, UnknownNumberIsIgnored) {
   EXPECT_THAT(records_.numbers(), IsEmpty());
 }
 
-TEST_F(TransferRecordsTest, ProgressIsToldFiveTimesPerSecond) {
+TEST_F(TransferRecordsTest, ProgressIsReportedFiveTimesPerSecond) {
   begin();
   records_.enter(1, TransferPhase::Transferring);
   listener_.told.clear();
@@ -129,7 +129,7 @@ TEST_F(TransferRecordsTest, ProgressIsToldFiveTimesPerSecond) {
   EXPECT_EQ(told, 5U);
 }
 
-TEST_F(TransferRecordsTest, LastProgressBeforePauseIsTold) {
+TEST_F(TransferRecordsTest, LastProgressBeforePauseIsReported) {
   begin();
   records_.enter(1, TransferPhase::Transferring);
   listener_.told.clear();
@@ -146,7 +146,7 @@ TEST_F(TransferRecordsTest, LastProgressBeforePauseIsTold) {
   EXPECT_THAT(listener_.told, ElementsAre("1 transferring 10/0"));
 }
 
-TEST_F(TransferRecordsTest, PhaseTellsHeldProgressAndDelaysNext) {
+TEST_F(TransferRecordsTest, PhaseReportsHeldProgressAndDelaysNext) {
   begin();
   records_.progress(1, 0, 50);
   records_.enter(1, TransferPhase::Transferring);
@@ -238,7 +238,7 @@ TEST_F(TransferRecordsTest, ReasonHoldsNoCredentials) {
   EXPECT_EQ(records_.find(number)->reason, "No route to host, moved to https://other/y.");
 }
 
-// 64 of them hold 64 MiB in their URIs.
+// The URIs of 64 records hold 64 MiB of user information.
 TEST_F(TransferRecordsTest, LongUserInfoIsNotKept) {
   const std::string uri = "http://" + std::string(std::size_t{1024} * 1024, 'u') + "@host/x";
   const auto used = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
@@ -274,7 +274,7 @@ TEST_F(TransferRecordsTest, CancelAsksUnlessInstallationHasBegun) {
   for (int i = 0; i < 4; ++i) {
     begin();
   }
-  EXPECT_EQ(records_.cancel(1), Cancel::Finalising) << "nobody can cancel";
+  EXPECT_EQ(records_.cancel(1), Cancel::Finalising) << "there is no canceller";
   records_.setCanceller(&canceller);
   records_.enter(2, TransferPhase::Transferring);
   records_.enter(3, TransferPhase::Finalising);

@@ -87,8 +87,8 @@ TEST_F(TransferRoutingTest, TasksRegisteredTwiceEnd) {
     ASSERT_TRUE(ask(what, uri("/first")));
     ASSERT_TRUE(ask(what, uri("/second")));
     write("/tmp/supportinfo.tar", "archive");
-    // Asked of a kind that is not under way, which without a time-out never starts: the task itself
-    // is left as it is.
+    // Probe with a kind that is not running; without a time-out it never starts, so the probe
+    // disturbs nothing.
     const auto isTaken = [&](const std::string& path) {
       platform().log.clear();
       ask("eventSnapshot", uri(path), {{"timeoutMs", 0}});

@@ -24,7 +24,7 @@ class TransferTaskFirmwareTest : public TransferTest {
     write(kImage, "image");
   }
 
-  /// The checker answers like this; whatever else is run succeeds.
+  /// Makes the checker give this result; all other programs succeed.
   static void checkerAnswers(const fakes::ProcessResult& result) {
     platform().onRun = [result](const std::string& command) {
       return command == kCheck ? result : fakes::ProcessResult{};
@@ -79,7 +79,7 @@ TEST_F(TransferTaskFirmwareTest, FailedTransferIsReportedAndImageRemoved) {
   task_.onFailure(TRANSFER_TOOLARGE, 503);
   EXPECT_THAT(events(), ElementsAre(failure("TRANSFER_TOOLARGE")));
   EXPECT_FALSE(exists(kImage));
-  EXPECT_THAT(platform().log, IsEmpty()) << "no line of its own";
+  EXPECT_THAT(platform().log, IsEmpty()) << "the task logs nothing";
   EXPECT_THAT(platform().commands, IsEmpty());
 }
 
@@ -90,7 +90,7 @@ TEST_F(TransferTaskFirmwareTest, FailureIsReportedBeforeImageIsRemoved) {
 }
 
 TEST_F(TransferTaskFirmwareTest, ValidImageIsFlashedWithoutEventAndKept) {
-  checkerAnswers({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", ""});  // which is ignored
+  checkerAnswers({0, R"({"reason":"FW_CHECK_INCOMPAT_HW"})", ""});  // ignored with status 0
   succeed();
   EXPECT_THAT(platform().commands, ElementsAre(kCheck, kFlash));
   EXPECT_THAT(platform().captures, ElementsAre(fakes::CaptureTerms{"", 0, 0, 128}))

@@ -8,8 +8,7 @@
 namespace kova::ctlserver {
 namespace {
 
-/// How installing a good file can fail, and what tells that it was installed; of logos and sounds
-/// alike.
+/// Faults while installing a valid file, and the check for an installed file; for logos and sounds.
 template <typename Kind>
 class TransferTaskInstallFaultsTest : public InstallTest<Kind> {};
 
@@ -38,7 +37,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, UnopenableChecksumIsDiskFailureAndMove
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, FullDiskForChecksumIsDiskFailureAndMovesNothing) {
-  // One page, which the downloaded file takes.
+  // A single page, which the downloaded file uses up.
   ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=4k"), 0);
   this->install();
   this->expectDiskFailure(ENOSPC);
@@ -51,7 +50,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, UnmovableFileIsDiskFailureAndRemovesBo
   this->write(this->installedChecksum_, "of an older file");
   this->install();
   this->expectDiskFailure(EISDIR);
-  EXPECT_FALSE(this->exists(this->installedChecksum_)) << "it goes before a file comes";
+  EXPECT_FALSE(this->exists(this->installedChecksum_)) << "it is removed before the file is moved";
   EXPECT_THAT(platform().commands, Not(Contains(kSave)));
 }
 
@@ -81,7 +80,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, FileRemovedBySaveIsDiskFailure) {
   EXPECT_EQ(platform().log.back().error, ENOENT);
   EXPECT_EQ(platform().log.back().text, std::string(TypeParam::kPersistFailure) + kInstallUri);
   this->expectStatus("DISK_IO_FAILED");
-  EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest) << "left where it is";
+  EXPECT_EQ(this->read(this->installedChecksum_), TypeParam::kDigest) << "it stays";
 }
 
 TYPED_TEST(TransferTaskInstallFaultsTest, InstalledChecksumNeedsNoTransfer) {
@@ -91,7 +90,7 @@ TYPED_TEST(TransferTaskInstallFaultsTest, InstalledChecksumNeedsNoTransfer) {
   EXPECT_TRUE(isNeeded(TypeParam::kDigest)) << "nothing is installed";
   EXPECT_TRUE(isNeeded(""));
   this->write(this->installedChecksum_, TypeParam::kDigest);
-  EXPECT_FALSE(isNeeded(TypeParam::kDigest)) << "whatever became of the file itself";
+  EXPECT_FALSE(isNeeded(TypeParam::kDigest)) << "even without the file itself";
   EXPECT_TRUE(isNeeded(""));
   EXPECT_TRUE(isNeeded(std::string(TypeParam::kDigest) + "\n"));
   EXPECT_TRUE(isNeeded(std::string(TypeParam::kDigest).substr(0, 31)));

@@ -7,7 +7,7 @@
 namespace kova::ctlserver {
 namespace {
 
-/// What holds of logos and sounds alike.
+/// Behaviour common to logos and sounds.
 template <typename Kind>
 class TransferTaskInstallTest : public InstallTest<Kind> {};
 
@@ -33,7 +33,7 @@ TYPED_TEST(TransferTaskInstallTest, TaskWithoutHashDoesNotStart) {
                             "3 BaseTransferTask.start: Task-specific checks failed"));
     EXPECT_THAT(this->events(), IsEmpty());
   }
-  EXPECT_FALSE(typename TypeParam::Task(this->persistence_).onCheck()) << "a task's first state";
+  EXPECT_FALSE(typename TypeParam::Task(this->persistence_).onCheck()) << "initial state of a task";
 }
 
 TYPED_TEST(TransferTaskInstallTest, AnyNonEmptyHashStarts) {
@@ -62,7 +62,7 @@ TYPED_TEST(TransferTaskInstallTest, FailedTransferIsReportedAndRemoved) {
   this->task_->onFailure(TRANSFER_TOOLARGE, 404);
   this->expectStatus("TRANSFER_TOOLARGE");
   this->expectTempsGone();
-  EXPECT_THAT(platform().log, IsEmpty()) << "no line of its own";
+  EXPECT_THAT(platform().log, IsEmpty()) << "the task logs nothing";
 }
 
 TYPED_TEST(TransferTaskInstallTest, FailureIsReportedBeforeAndRefusalAfterRemoval) {
@@ -127,7 +127,7 @@ TYPED_TEST(TransferTaskInstallTest, WrongDigestIsLoggedWithBothAndRefused) {
     this->expectStatus("VALIDATION_FAILED");
     this->expectTempsGone();
     this->expectNothingInstalled();
-    EXPECT_THAT(platform().commands, IsEmpty()) << "the content is not looked at";
+    EXPECT_THAT(platform().commands, IsEmpty()) << "the content is not checked";
   }
 }
 

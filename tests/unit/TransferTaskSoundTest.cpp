@@ -8,7 +8,7 @@ namespace {
 
 class TransferTaskSoundTest : public InstallTest<SoundKind> {
  protected:
-  /// Puts a sound under its right digest.
+  /// Installs a sound with the correct digest.
   void put(const std::string& content) {
     restart();
     empty("/etc/persistent");
@@ -16,7 +16,7 @@ class TransferTaskSoundTest : public InstallTest<SoundKind> {
     std::string digest;
     ASSERT_TRUE(md5sum(download_, digest));
     arm(digest);
-    errno = EIO;  // of long ago
+    errno = EIO;  // a stale value
     succeed();
   }
 
@@ -31,7 +31,7 @@ TEST_F(TransferTaskSoundTest, OneChannelAt11025HertzIsAccepted) {
     SCOPED_TRACE(dataSize);
     put(wav(1, 11025, dataSize));
     expectStatus("OK");
-    EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "no program judges a sound";
+    EXPECT_THAT(platform().commands, ElementsAre(kSave)) << "no program checks a sound";
   }
 }
 
@@ -51,7 +51,7 @@ TEST_F(TransferTaskSoundTest, NonWavIsRefusedWithZeros) {
        {std::string(), std::string("sound"), good.substr(0, 20), "RIFX" + good.substr(4),
         good.substr(0, 8) + "AVI " + good.substr(12)}) {
     SCOPED_TRACE(testing::PrintToString(content.substr(0, 12)));
-    put(wav(1, 22050, 16));  // whose figures are dropped
+    put(wav(1, 22050, 16));  // its figures must not show up in the next log line
     put(content);
     expectRefused(refusal(0, 0));
   }

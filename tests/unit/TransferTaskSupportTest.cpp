@@ -75,11 +75,11 @@ TEST_F(TransferTaskSupportTest, GeneratorEndsWithItsRequest) {
 TEST_F(TransferTaskSupportTest, UploadIsReadyOnceArchiveExists) {
   EXPECT_FALSE(ready());
   std::filesystem::create_symlink("/etc/passwd", kArchive);
-  EXPECT_FALSE(ready()) << "of a link that somebody has planted";
+  EXPECT_FALSE(ready()) << "a planted link does not count";
   std::filesystem::remove(kArchive);
   write(kArchive, "tar");
   EXPECT_TRUE(ready());
-  EXPECT_THAT(platform().commands, IsEmpty()) << "asking starts nothing";
+  EXPECT_THAT(platform().commands, IsEmpty()) << "polling starts nothing";
 }
 
 TEST_F(TransferTaskSupportTest, SuccessRemovesArchiveWithoutEvent) {
@@ -102,7 +102,7 @@ TEST_F(TransferTaskSupportTest, FailureIsReportedThenArchiveRemoved) {
 
   task_.onFailure(DISK_IO_FAILED, 0);
   EXPECT_THAT(events(), ElementsAre("EventTransferRequestStatus to=client.a id=5 DISK_IO_FAILED"));
-  EXPECT_THAT(platform().log, IsEmpty()) << "no line of its own";
+  EXPECT_THAT(platform().log, IsEmpty()) << "the task logs nothing";
 }
 
 }  // namespace

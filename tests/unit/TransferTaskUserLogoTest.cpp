@@ -7,7 +7,7 @@ namespace {
 
 class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
  protected:
-  /// Puts the logo while the probe answers `answer`.
+  /// Installs the logo while the probe gives `answer`.
   void put(const fakes::ProcessResult& answer) {
     restart();
     empty("/etc/persistent");
@@ -15,7 +15,7 @@ class TransferTaskUserLogoTest : public InstallTest<LogoKind> {
       return command.starts_with(kProbe) ? answer : fakes::ProcessResult{};
     };
     write(download_, LogoKind::content());
-    errno = EIO;  // of long ago
+    errno = EIO;  // a stale value
     succeed();
   }
 };

@@ -127,7 +127,7 @@ TEST_F(TransferTaskWhitelistTest, FailureIsReportedAndKeepsFile) {
   EXPECT_THAT(events(),
               ElementsAre("EventTransferRequestStatus to=client.a id=9 TRANSFER_TIMEOUT"));
   EXPECT_TRUE(exists(kPicture));
-  EXPECT_THAT(platform().log, IsEmpty()) << "no line of its own";
+  EXPECT_THAT(platform().log, IsEmpty()) << "the task logs nothing";
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include "Platform.h"
 
-/// What every unit test of the daemon names.
+/// Names shared by the unit tests of the daemon.
 namespace kova::ctlserver {
 
 using fakes::LogLine;
@@ -21,19 +21,19 @@ using testing::StartsWith;
 using variant::Variant;
 using Map = Variant::Map;
 
-/// The commands by which the daemon saves, erases and reboots.
+/// The commands with which the daemon saves, erases and reboots.
 inline constexpr char kSave[] = "/bin/cfgmtd -w -p /etc/ -m";
 inline constexpr char kErase[] = "/bin/cfgmtd -c";
 inline constexpr char kReboot[] = "/usr/bin/reboot";
 
-/// From now on this command fails and every other succeeds.
+/// Makes this command fail and every other succeed.
 inline void failRunOf(const std::string& failing) {
   platform().onRun = [failing](const std::string& command) {
     return fakes::ProcessResult{command == failing ? 1 : 0, "", ""};
   };
 }
 
-/// Thrown by a sleep that would not end.
+/// Thrown by a sleep to leave an endless wait.
 struct LeaveWait {};
 
 /// The description of a camera that has neither Wi-Fi nor a battery.

@@ -1,4 +1,4 @@
-// What a decoder that was taken over can still do.
+// What a compromised decoder can still do.
 
 #include <unistd.h>
 
@@ -20,7 +20,7 @@ class ConfinementTest : public ProbeFixture {
  protected:
   void SetUp() override {
     ProbeFixture::SetUp();
-    // Whoever it is: only the confinement stands in the way.
+    // Open to every user, so that only the confinement can refuse access.
     ASSERT_EQ(chmod(folder_.c_str(), 0777), 0);
     write("content");
     ASSERT_EQ(chmod(file_.c_str(), 0666), 0);
@@ -34,7 +34,7 @@ class ConfinementTest : public ProbeFixture {
     }
   }
 
-  /// Whether this user namespace has other users than its root (user_namespaces(7)).
+  /// Whether this user namespace maps users other than root (user_namespaces(7)).
   static bool thereIsANobody() {
     std::ifstream map("/proc/self/uid_map");
     unsigned long inside = 0;
@@ -142,9 +142,9 @@ TEST_F(ConfinementTest, MemoryEndsAt256Mebibytes) {
   EXPECT_EQ(attempt("shared-memory").status, kForbidden) << "no limit counts it";
 }
 
-// The kernel counts by its clock ticks here, and otherwise for the figure below.
+// The timer counts clock ticks while cpuSeconds is exact, so the two differ slightly.
 TEST_F(ConfinementTest, ProcessorTimeEndsAfterOneSecond) {
-  const auto before = signal(SIGPROF, SIG_IGN);  // which a program that is started inherits
+  const auto before = signal(SIGPROF, SIG_IGN);  // inherited by the child program
   const Ended result = attempt("spin");
   signal(SIGPROF, before);
   EXPECT_EQ(result.status, 128 + SIGPROF);

@@ -1,5 +1,5 @@
-// Files that were made to harm: whatever they hold, the probe ends soon, stays small, and tells of
-// a picture only where there is one.
+// Hostile files: whatever their content, the probe ends soon, stays small, and reports a picture
+// only if there is one.
 
 #include <gmock/gmock.h>
 
@@ -10,9 +10,9 @@
 namespace kova::imageprobe {
 namespace {
 
-constexpr double kProcessorSeconds = 3;  // a second for loading, one for decoding, one for its end
-// 256 MiB of data, the libraries, and what this process holds when it starts the probe, which
-// getrusage(2) includes.
+constexpr double kProcessorSeconds = 3;  // a second each for loading, decoding and exit
+// 256 MiB of data, the libraries, and the memory of this process at the time of the fork, which
+// ru_maxrss (getrusage(2)) includes.
 constexpr long kResidentKiB = 420L * 1024;
 
 struct Sample {
@@ -20,7 +20,7 @@ struct Sample {
   int type;
 };
 
-// Every format that the library writes by default, in each kind of pixel that it can hold.
+// Every format that the library writes by default, in each pixel type that it supports.
 constexpr Sample kSamples[] = {
     {".png", CV_8UC1},  {".png", CV_8UC3},   {".png", CV_8UC4},   {".png", CV_16UC1},
     {".png", CV_16UC4}, {".jpg", CV_8UC1},   {".jpg", CV_8UC3},   {".bmp", CV_8UC1},
@@ -36,7 +36,7 @@ class HostileTest : public ProbeFixture {
     return encode(sample.format, noise(64, 48, sample.type));
   }
 
-  /// What the probe says; "killed" when it was ended by a signal.
+  /// Output of the probe; "killed" if a signal ended it.
   std::string bounded() const {
     const Ended result = probe(file_);
     EXPECT_LE(result.cpuSeconds, kProcessorSeconds);
@@ -48,7 +48,7 @@ class HostileTest : public ProbeFixture {
     return result.out;
   }
 
-  /// The probe ends with what is true of these bytes, or is ended for trying.
+  /// Expects the output of an unconfined decoder for these bytes, or death by a signal.
   void expectTrueOrKilled(const std::string& content) const {
     write(content);
     const std::string said = bounded();
@@ -83,7 +83,8 @@ TEST_F(HostileTest, ProbeDecodesWhatLibraryDecodes) {
     SCOPED_TRACE(std::string(sample.format) + " " + std::to_string(sample.type));
     write(encoded(sample));
     const std::string expected = unconfined(file_);
-    EXPECT_THAT(expected, testing::EndsWith(" width=64 height=48\n")) << "it shows nothing";
+    EXPECT_THAT(expected, testing::EndsWith(" width=64 height=48\n"))
+        << "the sample does not decode";
     EXPECT_EQ(bounded(), expected);
   }
 }
@@ -106,7 +107,7 @@ TEST_F(HostileTest, FlippedBitsGiveTrueSizeOrKill) {
     for (int round = 0; round < 4; ++round) {
       std::string bad = good;
       for (int flip = 0; flip < 1 << round; ++flip) {
-        // Mostly the headers: that is where sizes and offsets are.
+        // Every other flip hits the header, which holds sizes and offsets.
         const std::size_t at =
             random() % (flip % 2 == 0 ? std::min<std::size_t>(64, bad.size()) : bad.size());
         bad[at] = static_cast<char>(bad[at] ^ (1 << random() % 8));

@@ -15,7 +15,7 @@
 
 namespace kova::imageprobe {
 
-/// A file for the probe, which reads as nobody, in a folder of its own.
+/// A file for the probe, readable by nobody, in a temporary folder.
 class ProbeFixture : public testing::Test {
  protected:
   void SetUp() override {

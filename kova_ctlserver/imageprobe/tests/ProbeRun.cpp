@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kPatienceMs = 60'000;
 
-/// Runs `body` in a child whose standard output is read.
+/// Runs `body` in a child and captures its standard output.
 Ended inChild(const std::function<int()>& body) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {

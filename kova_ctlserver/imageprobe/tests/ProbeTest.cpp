@@ -1,4 +1,4 @@
-// The probe as the daemon runs it, on pictures that OpenCV itself has made.
+// The probe as the daemon runs it, on pictures that OpenCV has encoded.
 
 #include <unistd.h>
 
@@ -9,12 +9,12 @@ namespace {
 
 class ProbeTest : public ProbeFixture {
  protected:
-  /// The one line about the file; "status N" for a probe that ends with another status than 0.
+  /// The probe's output for the file; "status N" if it ends with a status other than 0.
   static std::string said(const std::string& file) {
     const Ended result = probe(file);
     return result.status == 0 ? result.out : "status " + std::to_string(result.status);
   }
-  /// Runs it in a shell that has run `first`, with its standard error beside its output.
+  /// Runs `words` in a shell after `first`, with standard error merged into the output.
   static Ended runLoudly(std::vector<std::string> words, const std::string& first = ":") {
     words.insert(words.begin(), {"/bin/sh", "-c", first + "; exec \"$0\" \"$@\" 2>&1"});
     return run(words);
@@ -45,7 +45,7 @@ TEST_F(ProbeTest, OtherFilesAreEmptyPictures) {
 TEST_F(ProbeTest, RootOnlyFileIsEmpty) {
   write(picture(64, 48));
   if (geteuid() != 0 || chown(file_.c_str(), 65534, 65534) != 0) {
-    GTEST_SKIP() << "the probe stays who it is where there is no other user to become";
+    GTEST_SKIP() << "the namespace maps no other user, so the probe keeps its own";
   }
   ASSERT_EQ(chown(file_.c_str(), 0, 0), 0);
   ASSERT_EQ(chmod(file_.c_str(), 0600), 0);

@@ -20,15 +20,15 @@
 
 #include "../Confinement.h"
 
-/// Gives up its privileges as the probe does and then tries one thing:
+/// Confines itself as the probe does and then attempts one operation:
 ///
 ///   confined ACT PATH [USER GROUPS GROUP NOBODY]
 ///
-/// With four more arguments it takes itself for that user, only prints its calls of setgroups(2),
-/// setresgid(2) and setresuid(2), and has them fail with these error numbers.
+/// With four more arguments geteuid(2) returns USER, and setgroups(2), setresgid(2) and
+/// setresuid(2) are only printed and fail with the given error numbers.
 ///
-/// Exit status 0 when that worked, 1 when it was refused, 2 for wrong usage, 3 when the process
-/// could not be confined; death by SIGSYS where it is not even to be tried.
+/// Exit status 0 if the operation worked, 1 if it was refused, 2 for wrong usage, 3 if the process
+/// could not be confined; death by SIGSYS if the filter does not allow the attempt.
 namespace {
 
 using Act = bool (*)(const char* path);
@@ -205,7 +205,7 @@ int main(int argc, char** argv) {
   if (act == kActs.end()) {
     return 2;
   }
-  // Descriptor 3 is what a careless parent might have left open.
+  // Descriptor 3 simulates one leaked by the parent process.
   if (dup2(STDOUT_FILENO, 3) != 3) {
     return 2;
   }
