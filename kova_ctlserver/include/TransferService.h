@@ -58,10 +58,13 @@ class TransferService : public MultiHTTP, private TransferCanceller {
  private:
   bool cancelTransfer(std::uint64_t record) override;
   void advance(const std::string& uri, TransferRun& run);
-  void finalise(const std::string& uri, TransferRun& run);
+  void finalize(const std::string& uri, TransferRun& run);
   bool expireDeadline(const std::string& uri, TransferRun& run);
   void registerIfReady(const std::string& uri, TransferRun& run);
   void holdToSize(const std::string& uri, TransferRun& run);
+  /// Ends the transfer of a task: the task starts finalizing for TRANSFER_OK, else it fails.
+  void cancel(const std::string& uri, bool logFailure, TransferStatus status, int httpCode);
+  void cancelFinalize();
 
   // Updates of the records, in TransferServiceRecords.cpp.
   TransferRun takeOver(BaseTransferTask& task);
@@ -71,8 +74,6 @@ class TransferService : public MultiHTTP, private TransferCanceller {
   void noteCompletion(TransferRun& run, TransferStatus status, int httpCode);
   void noteReceived(TransferRun& run, std::uint64_t received, long total);
   void noteRead(const std::string& uri, const utils::File& file, int error) override;
-  void cancel(const std::string& uri, bool logFailure, TransferStatus status, int httpCode);
-  void cancelFinalize();
 
   TransferRecords records_;
   std::map<std::string, TransferRun> tasks_;  // by URI

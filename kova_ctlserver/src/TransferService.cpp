@@ -83,11 +83,11 @@ void TransferService::advance(const std::string& uri, TransferRun& run) {
   }
   registerIfReady(uri, run);
   if (run.task->finalizing() && !pendingCancel_.contains(uri)) {
-    finalise(uri, run);
+    finalize(uri, run);
   }
 }
 
-void TransferService::finalise(const std::string& uri, TransferRun& run) {
+void TransferService::finalize(const std::string& uri, TransferRun& run) {
   records_.enter(run.record, TransferPhase::Finalising);
   run.task->clearConclusion();
   bool done = false;
