@@ -238,6 +238,7 @@ bool CtlServer::resetSettings(Variant& reply) {
   defaults["name"] = cameraInfo_.name(KOVA_LOG_ORIGIN(__func__));
   defaults["persist"] = true;  // kept: 77
   ChangeDeviceSettings request(defaults);
+  request.NormalizeFields();
   return updateSettings(request, reply);
 }
 

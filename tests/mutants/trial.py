@@ -5,13 +5,15 @@ import scratch
 
 # Time limit for a test program of another unit.
 MAX_SECONDS_ELSEWHERE = 20
+# What a test program may take besides four times its usual time before a mutant counts as an endless loop.
+GRACE_SECONDS = 10
 # The folders of a unit's tests, if outside the unit.
 TESTS = {"kova_ctlserver/src": ("tests/unit", "tests/engine")}
 
 
 def limit(program):
     """The seconds after which a mutant counts as an endless loop."""
-    return 10 + 4 * program.seconds
+    return GRACE_SECONDS + 4 * program.seconds
 
 
 def is_of_unit(program, file):

@@ -104,7 +104,7 @@ std::optional<bool> BaseButton::sample(std::uint64_t now) {
 // Ends a press if the gap since the last sample is too long. True if it ended one; `now` is then
 // stale, since the observer may have taken a while.
 bool BaseButton::endUnseenPress(std::uint64_t now) {
-  if (now - sampledAt_ <= kLongestGapMs) {
+  if (now - sampledAt_ <= kLongestGapMs) {  // kept: 118
     return false;
   }
   candidate_ = false;
