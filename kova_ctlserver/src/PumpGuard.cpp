@@ -69,7 +69,7 @@ PumpGuard::~PumpGuard() {
 
 bool PumpGuard::Init() {
   struct sigaction action {};
-  action.sa_sigaction = onSignal;
+  action.sa_sigaction = onSignal;  // kept: 119
   action.sa_flags = SA_SIGINFO | SA_RESTART;
   sigevent event{};
   event.sigev_notify = SIGEV_THREAD_ID;

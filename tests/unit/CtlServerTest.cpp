@@ -43,6 +43,19 @@ TEST_F(CtlServerTest, OwnerOfUploadsIsNumberOrName) {
   utils::trustFilesOf("0");
 }
 
+TEST_F(CtlServerTest, SecondSaveRequestPostponesWrite) {
+  CtlServer server(info_);
+  server.persist(false);
+  platform().nowMs += 4000;
+  server.persist(false);
+  platform().nowMs += 5000;
+  server.service(0);
+  EXPECT_THAT(platform().commands, IsEmpty());
+  platform().nowMs += 1;
+  server.service(0);
+  EXPECT_THAT(platform().commands, ElementsAre(kSave));
+}
+
 TEST_F(CtlServerTest, RebootGoesOnIfSaveFails) {
   CtlServer server(info_);
   failRunOf(kSave);
