@@ -21,7 +21,7 @@ from pathlib import Path
 
 FAILED_CASE = re.compile(r"^\[  FAILED  \] (\w+(?:/\w+)*\.[\w/]+)", re.MULTILINE)
 ADD_TEST = re.compile(r"^add_test\((?:\[=\[)?\"?([\w.-]+)\"?(?:\]=\])? (.*)\)$", re.MULTILINE)
-SYSTEM_LABEL = re.compile(r"^set_tests_properties\((?:\[=\[)?\"?([\w.-]+).*LABELS \"system\"", re.MULTILINE)
+SYSTEM_LABEL = re.compile(r"^set_tests_properties\((?:\[=\[)?\"?([\w.-]+).*LABELS \"system[;\"]", re.MULTILINE)
 PASSED = "[  PASSED  ]"
 ENDED_EARLY = "0 before its last case"  # in place of a status
 MAX_MEMORY = 4 << 30
