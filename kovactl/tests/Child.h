@@ -2,7 +2,7 @@
 
 #include <sys/types.h>
 
-#include <source_location>
+#include <experimental/source_location>
 #include <string>
 #include <vector>
 
@@ -66,7 +66,8 @@ class Child {
 /// Runs kovactl until it exits.
 Result run(const std::vector<std::string>& arguments, const std::string& input = "");
 
-using Place = std::source_location;
+// The standard one requires clang 16.
+using Place = std::experimental::source_location;
 
 /// Expects this status and this output. A failure names the caller's line, as in the next two.
 void expectOutput(const Result& result, int status, const std::string& out,
