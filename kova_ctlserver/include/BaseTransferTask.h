@@ -107,7 +107,7 @@ class BaseTransferTask {
   static std::string decodeTransferStatus(TransferStatus status);
 
  protected:
-  /// For the hooks: sets outcome and reason of the run; the reason is cut to kMostCauseBytes. Sends
+  /// For the hooks: sets outcome and reason of the run; the reason is cut to kMaxCauseBytes. Sends
   /// no event.
   void conclude(const std::string& outcome, const std::string& reason);
   /// For onCheck and onStart: sets the reason of a refusal. Always returns false.

@@ -8,7 +8,7 @@
 namespace kova::ctlserver {
 
 /// Causes are truncated to this length before they are stored and searched for credentials.
-inline constexpr std::size_t kMostCauseBytes = 8192;
+inline constexpr std::size_t kMaxCauseBytes = 8192;
 
 /// `text` as UTF-8 (RFC 3629) without control characters: a line break or tab becomes a space, any
 /// other is removed, and a byte that is not UTF-8 becomes U+FFFD. A result longer than `most` bytes

@@ -24,13 +24,13 @@ const char* phaseName(TransferPhase phase);
 struct TransferRecord {
   std::uint64_t number = 0;     ///< from 1, unique while the daemon runs
   std::uint64_t requestId = 0;  ///< id of the request
-  std::string requester;        ///< endpoint that sent it, at most kMostNameBytes
+  std::string requester;        ///< endpoint that sent it, at most kMaxNameBytes
   /// "firmware", "logo", "sound", "snapshot", "eventSnapshot", "eventHeatmap" or "supportInfo"; ""
   /// if the request does not say
   std::string kind;
   std::string direction;  ///< "down": to the camera, "up": from it
-  std::string uri;        ///< at most kMostUriBytes; "" if not given
-  std::string file;       ///< on the camera, at most kMostFileBytes; "" until it is known
+  std::string uri;        ///< at most kMaxUriBytes; "" if not given
+  std::string file;       ///< on the camera, at most kMaxFileBytes; "" until it is known
   TransferPhase phase = TransferPhase::Preparing;
   std::uint64_t transferred = 0;  ///< bytes of the file that were received or sent
   std::uint64_t size = 0;         ///< bytes of the file; 0: not known
@@ -40,13 +40,13 @@ struct TransferRecord {
   /// "" until the transfer has ended, then "OK", "ALREADY_INSTALLED", "REFUSED", "CANCELLED" or a
   /// status of the events, see docs/transfers.md
   std::string outcome;
-  /// One human-readable sentence with the cause; at most kMostReasonBytes. "" until it has ended.
+  /// One human-readable sentence with the cause; at most kMaxReasonBytes. "" until it has ended.
   std::string reason;
 
-  static constexpr std::size_t kMostNameBytes = 255;
-  static constexpr std::size_t kMostUriBytes = 4096;
-  static constexpr std::size_t kMostFileBytes = 512;
-  static constexpr std::size_t kMostReasonBytes = 512;
+  static constexpr std::size_t kMaxNameBytes = 255;
+  static constexpr std::size_t kMaxUriBytes = 4096;
+  static constexpr std::size_t kMaxFileBytes = 512;
+  static constexpr std::size_t kMaxReasonBytes = 512;
 };
 
 // Outcomes besides the statuses of the events.
@@ -92,14 +92,14 @@ class TransferCanceller {
   virtual bool cancelTransfer(std::uint64_t number) = 0;
 };
 
-/// The records of all running transfers and of the last kMostEnded ended ones.
+/// The records of all running transfers and of the last kMaxEnded ended ones.
 ///
 /// There are no more running records than running transfers: a refused request ends before its
 /// handler returns. All operations ignore unknown numbers, such as 0. While no transfer runs,
 /// nothing reads the clock or allocates.
 class TransferRecords {
  public:
-  static constexpr std::size_t kMostEnded = 32;
+  static constexpr std::size_t kMaxEnded = 32;
   static constexpr std::uint64_t kProgressMs = 200;
 
   TransferRecords() = default;

@@ -77,7 +77,7 @@ class BaseHTTP {
   const std::string& cause() const { return cause_; }
   /// HTTP status code received so far by a running transfer; 0: none yet.
   int httpStatusOf(const std::string& uri) const;
-  /// Truncates `cause` to kMostCauseBytes.
+  /// Truncates `cause` to kMaxCauseBytes.
   void setCause(const std::string& cause);
 
  private:

@@ -62,15 +62,15 @@ class CurlContext {
   /// of the URI.
   std::string explain(CURLcode result) const;
 
-  /// Whether the server exceeded kMostHeaderBytes or kMostAnswerBytes, which is logged.
+  /// Whether the server exceeded kMaxHeaderBytes or kMaxAnswerBytes, which is logged.
   bool isOverBudget() const { return isOverBudget_; }
 
   /// Limit for all headers and trailers of a transfer, including redirects and interim responses
   /// (1xx): libcurl keeps them in memory.
-  static constexpr std::size_t kMostHeaderBytes = 64UL * 1024;
+  static constexpr std::size_t kMaxHeaderBytes = 64UL * 1024;
   /// Limit for the response body of an upload, which is discarded, if the owner has no smaller one.
   /// It exceeds the limits of all upload tasks, which end the transfer as too large first.
-  static constexpr std::size_t kMostAnswerBytes = 16UL * 1024 * 1024;
+  static constexpr std::size_t kMaxAnswerBytes = 16UL * 1024 * 1024;
 
   /// Passes one chunk of the body to the owner.
   /// @return whether the owner accepted it

@@ -58,7 +58,7 @@ void BaseTransferTask::notifyStatus(const std::string& status) {
 
 void BaseTransferTask::conclude(const std::string& outcome, const std::string& reason) {
   outcome_ = outcome;
-  reason_ = reason.substr(0, kMostCauseBytes);
+  reason_ = reason.substr(0, kMaxCauseBytes);
 }
 
 bool BaseTransferTask::refuseRun(const std::string& reason) {

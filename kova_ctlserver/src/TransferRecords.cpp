@@ -16,8 +16,8 @@ std::uint64_t wallClockUs() {
 }
 
 std::string reasonOf(const std::string& cause, const std::string& userInfo) {
-  const std::string clean = withoutCredentials(cause.substr(0, kMostCauseBytes), userInfo);
-  return displayText(sentence(clean), TransferRecord::kMostReasonBytes);
+  const std::string clean = withoutCredentials(cause.substr(0, kMaxCauseBytes), userInfo);
+  return displayText(sentence(clean), TransferRecord::kMaxReasonBytes);
 }
 
 }  // namespace
@@ -77,14 +77,14 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
   TransferRecord& record = running.record;
   record.number = number;
   record.requestId = facts.requestId;
-  record.requester = displayText(facts.requester, TransferRecord::kMostNameBytes);
+  record.requester = displayText(facts.requester, TransferRecord::kMaxNameBytes);
   record.kind = facts.kind;
   record.direction = facts.direction;
-  record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMostUriBytes);
-  record.file = displayText(facts.file, TransferRecord::kMostFileBytes);
+  record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMaxUriBytes);
+  record.file = displayText(facts.file, TransferRecord::kMaxFileBytes);
   record.started = wallClockUs();
-  // A cause is truncated to kMostCauseBytes, so it cannot contain a longer one.
-  if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMostCauseBytes) {
+  // A cause is truncated to kMaxCauseBytes, so it cannot contain a longer one.
+  if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMaxCauseBytes) {
     running.userInfo = userInfo;
   }
   running.toldMs = utils::nowMs();
@@ -96,7 +96,7 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
 
 void TransferRecords::setFile(std::uint64_t number, const std::string& file) {
   if (Running* const found = running(number)) {
-    found->record.file = displayText(file, TransferRecord::kMostFileBytes);
+    found->record.file = displayText(file, TransferRecord::kMaxFileBytes);
   }
 }
 
@@ -140,7 +140,7 @@ void TransferRecords::keepEnded(TransferRecord record) {
   if (observer_ != nullptr) {
     observer_->transferChanged(ended_.back(), TransferChange::End);
   }
-  if (ended_.size() <= kMostEnded) {
+  if (ended_.size() <= kMaxEnded) {
     return;
   }
   const std::uint64_t oldest = ended_.front().number;

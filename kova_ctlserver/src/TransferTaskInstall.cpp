@@ -20,7 +20,7 @@ namespace {
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr std::uint32_t kInstallTimeoutMs = 20000;
-constexpr std::size_t kMostDigestBytes = 64;  // of a request's digest in a reason
+constexpr std::size_t kMaxDigestBytes = 64;  // of a request's digest in a reason
 
 bool writeText(const char* path, const std::string& text) {
   utils::File file;
@@ -38,7 +38,7 @@ std::string wrongDigest(const std::string& digest, const std::string& expected) 
     return "the file that arrived could not be read";
   }
   return "the MD5 digest of the file is " + digest + ", but the request expects " +
-         displayText(expected, kMostDigestBytes);
+         displayText(expected, kMaxDigestBytes);
 }
 
 }  // namespace

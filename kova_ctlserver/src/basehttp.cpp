@@ -133,7 +133,7 @@ void BaseHTTP::forget(const CurlContext& context) {
 }
 
 void BaseHTTP::setCause(const std::string& cause) {
-  cause_ = cause.substr(0, kMostCauseBytes);
+  cause_ = cause.substr(0, kMaxCauseBytes);
 }
 
 bool BaseHTTP::handleMessage(const CURLMsg& message) {  // kept: 15

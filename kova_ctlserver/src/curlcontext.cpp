@@ -30,9 +30,9 @@ constexpr double kLengthNotAsked = -2.0;
 constexpr long kUploadBufferSize = 2L * 1024 * 1024;
 
 // libcurl keeps milliseconds in an int and refuses larger values.
-constexpr unsigned kMostSeconds = std::numeric_limits<int>::max() / 1000;
+constexpr unsigned kMaxSeconds = std::numeric_limits<int>::max() / 1000;
 
-constexpr long kMostRedirects = 30;
+constexpr long kMaxRedirects = 30;
 
 constexpr char kProtocols[] = "http,https";
 
@@ -45,8 +45,8 @@ const char* redirectProtocols(const std::string& uri) {
 
 /// Clamps to LONG_MAX: the largest length that a server can announce, as a double, exceeds it by 1.
 long wholeBytes(double length) {
-  constexpr long kMost = std::numeric_limits<long>::max();
-  return length < static_cast<double>(kMost) ? static_cast<long>(length) : kMost;
+  constexpr long kMax = std::numeric_limits<long>::max();
+  return length < static_cast<double>(kMax) ? static_cast<long>(length) : kMax;
 }
 
 }  // namespace
@@ -104,7 +104,7 @@ bool CurlContext::setBasics() {
          set(CURLOPT_PRIVATE, this) && set(CURLOPT_URL, uri_.c_str()) &&
          set(CURLOPT_FOLLOWLOCATION, 1L) && set(CURLOPT_SSL_VERIFYHOST, 0L) &&
          set(CURLOPT_SSL_VERIFYPEER, 0L) &&
-         set(CURLOPT_TIMEOUT, static_cast<long>(std::min(timeoutMs_ / 1000, kMostSeconds)));
+         set(CURLOPT_TIMEOUT, static_cast<long>(std::min(timeoutMs_ / 1000, kMaxSeconds)));
 }
 
 // Results are ignored: a libcurl without one of these options fails the transfer when it needs it.
@@ -155,7 +155,7 @@ bool CurlContext::setConnections() {
 bool CurlContext::setLimits() {
   return set(CURLOPT_PROTOCOLS_STR, kProtocols) &&
          set(CURLOPT_REDIR_PROTOCOLS_STR, redirectProtocols(uri_)) &&
-         set(CURLOPT_MAXREDIRS, kMostRedirects) &&
+         set(CURLOPT_MAXREDIRS, kMaxRedirects) &&
          set(CURLOPT_HEADERFUNCTION, &CurlContext::headerReceived) &&
          set(CURLOPT_HEADERDATA, this) && set(CURLOPT_QUICK_EXIT, 1L) &&
          (download_ || set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize));
@@ -240,10 +240,10 @@ std::size_t CurlContext::DataReceived(char* ptr, std::size_t size, std::size_t n
 }
 
 bool CurlContext::HandleReceived(unsigned char* data, unsigned long len) {
-  if (!download_ && bytesReceived_ + len > kMostAnswerBytes) {
+  if (!download_ && bytesReceived_ + len > kMaxAnswerBytes) {
     KOVA_LOG(LOG_WARNING, 0, "The answer to the upload exceeds %d bytes, uri=%s",
-             static_cast<int>(kMostAnswerBytes), uri_.c_str());
-    cause_ = utils::format("the server's answer exceeds %zu bytes", kMostAnswerBytes);
+             static_cast<int>(kMaxAnswerBytes), uri_.c_str());
+    cause_ = utils::format("the server's answer exceeds %zu bytes", kMaxAnswerBytes);
     isOverBudget_ = true;
     return false;
   }
@@ -272,10 +272,10 @@ std::size_t CurlContext::headerReceived(char* /*ptr*/, std::size_t size, std::si
 
 bool CurlContext::handleHeader(unsigned long len) {  // kept: 15
   headerBytes_ += len;
-  if (headerBytes_ > kMostHeaderBytes && !isOverBudget_) {
+  if (headerBytes_ > kMaxHeaderBytes && !isOverBudget_) {
     KOVA_LOG_IN("HandleHeader", LOG_WARNING, 0, "The headers exceed %d bytes, uri=%s",
-                static_cast<int>(kMostHeaderBytes), uri_.c_str());
-    cause_ = utils::format("the server's headers exceed %zu bytes", kMostHeaderBytes);
+                static_cast<int>(kMaxHeaderBytes), uri_.c_str());
+    cause_ = utils::format("the server's headers exceed %zu bytes", kMaxHeaderBytes);
     isOverBudget_ = true;
   }
   return !isOverBudget_;

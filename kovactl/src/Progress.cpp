@@ -51,8 +51,8 @@ void Rate::add(std::uint64_t bytes, Clock::time_point now) {
     samples_.pop_front();
   }
   // Bounds the memory; the camera publishes fewer updates than this within the window.
-  constexpr std::size_t kMost = 256;
-  if (samples_.size() > kMost) {
+  constexpr std::size_t kMax = 256;
+  if (samples_.size() > kMax) {
     samples_.pop_front();
   }
 }

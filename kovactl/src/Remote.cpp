@@ -211,8 +211,8 @@ bool Ssh::await(int& ended) {
   }
   // Do not wait for EOF: a background process left by ssh may keep the pipes open. Drain what is
   // there, with a bound.
-  constexpr int kMostPieces = 256;
-  for (int piece = 0; piece < kMostPieces && pump(0); ++piece) {
+  constexpr int kMaxPieces = 256;
+  for (int piece = 0; piece < kMaxPieces && pump(0); ++piece) {
   }
   out_.end();
   error_.end();

@@ -109,7 +109,7 @@ std::string_view clip(std::string_view text, std::size_t columns) {
 }
 
 bool parseDuration(std::string_view text, std::uint32_t& milliseconds) {
-  constexpr double kMost = 2147483e3;
+  constexpr double kMax = 2147483e3;
   constexpr std::array<std::pair<std::string_view, double>, 5> kUnits{
       {{"", 1000}, {"ms", 1}, {"s", 1000}, {"min", 60e3}, {"h", 3600e3}}};
   const std::size_t digits = std::min(text.find_first_not_of("0123456789."), text.size());
@@ -122,7 +122,7 @@ bool parseDuration(std::string_view text, std::uint32_t& milliseconds) {
     return false;
   }
   const double rounded = std::round(count * unit->second);
-  if (rounded > kMost || (rounded < 1 && count > 0)) {
+  if (rounded > kMax || (rounded < 1 && count > 0)) {
     return false;
   }
   milliseconds = static_cast<std::uint32_t>(rounded);

@@ -12,7 +12,7 @@ namespace {
 using variant::Variant;
 
 // Digits of the largest number.
-constexpr std::size_t kMostDigits = 20;
+constexpr std::size_t kMaxDigits = 20;
 // The end of the year 9999.
 constexpr std::uint64_t kLastTime = 253402300799999999;
 
@@ -67,7 +67,7 @@ Cells cellsOf(const TransferRecord& record) {
 }  // namespace
 
 bool isTransferNumber(std::string_view text) {
-  return !text.empty() && text.size() <= kMostDigits && text.front() != '0' &&
+  return !text.empty() && text.size() <= kMaxDigits && text.front() != '0' &&
          text.find_first_not_of("0123456789") == text.npos;
 }
 

@@ -164,7 +164,7 @@ TEST_F(TransferObjectsTest, ProgressOfManyIsSharedOut) {
 }
 
 TEST_F(TransferObjectsTest, RemovalIsSignalled) {
-  for (std::size_t count = 0; count <= TransferRecords::kMostEnded; ++count) {
+  for (std::size_t count = 0; count <= TransferRecords::kMaxEnded; ++count) {
     records_.end(begin(), "REFUSED", "no");
   }
   const auto signals = Taken();
@@ -172,7 +172,7 @@ TEST_F(TransferObjectsTest, RemovalIsSignalled) {
   EXPECT_EQ(signals.back().number, 1U);
   EXPECT_FALSE(objects_->has(1));
   EXPECT_TRUE(objects_->has(2));
-  EXPECT_THAT(objects_->numbers(), SizeIs(TransferRecords::kMostEnded));
+  EXPECT_THAT(objects_->numbers(), SizeIs(TransferRecords::kMaxEnded));
 }
 
 TEST_F(TransferObjectsTest, BusyBusGetsCurrentValuesLater) {
@@ -215,7 +215,7 @@ TEST_F(TransferObjectsTest, SignalsOfVanishedRecordsAreDropped) {
     added += signal.what == "added" ? 1 : 0;
     removed += signal.what == "removed" ? 1 : 0;
   }
-  EXPECT_EQ(added, TransferRecords::kMostEnded);
+  EXPECT_EQ(added, TransferRecords::kMaxEnded);
   EXPECT_EQ(removed, 6U);
 }
 

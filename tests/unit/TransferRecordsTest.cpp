@@ -209,11 +209,11 @@ TEST_F(TransferRecordsTest, FloodOfRefusedRequestsKeepsNumbersAndBounds) {
     records_.end(begin(std::string(5000, 'x')), "REFUSED", std::string(2000, 'y'));
     listener_.told.clear();
   }
-  EXPECT_EQ(records_.numbers().size(), TransferRecords::kMostEnded);
+  EXPECT_EQ(records_.numbers().size(), TransferRecords::kMaxEnded);
   EXPECT_EQ(records_.numbers().back(), 2'000U);
   const TransferRecord& record = *records_.find(2'000);
-  EXPECT_LE(record.uri.capacity(), 2 * TransferRecord::kMostUriBytes);
-  EXPECT_LE(record.reason.capacity(), 2 * TransferRecord::kMostReasonBytes);
+  EXPECT_LE(record.uri.capacity(), 2 * TransferRecord::kMaxUriBytes);
+  EXPECT_LE(record.reason.capacity(), 2 * TransferRecord::kMaxReasonBytes);
 }
 
 TEST_F(TransferRecordsTest, TextsAreBoundedAndUtf8) {
@@ -256,10 +256,10 @@ TEST_F(TransferRecordsTest, ReasonOfTaskIsCut) {
    public:
     using BaseTransferTask::conclude;
   } task;
-  task.conclude("OK", std::string(kMostCauseBytes, 'x'));
-  EXPECT_EQ(task.reasonOfRun().size(), kMostCauseBytes);
-  task.conclude("OK", std::string(kMostCauseBytes + 1, 'x'));
-  EXPECT_EQ(task.reasonOfRun().size(), kMostCauseBytes);
+  task.conclude("OK", std::string(kMaxCauseBytes, 'x'));
+  EXPECT_EQ(task.reasonOfRun().size(), kMaxCauseBytes);
+  task.conclude("OK", std::string(kMaxCauseBytes + 1, 'x'));
+  EXPECT_EQ(task.reasonOfRun().size(), kMaxCauseBytes);
 }
 
 TEST_F(TransferRecordsTest, HttpStatusOutsideSixteenBitsIsHeld) {

@@ -23,8 +23,8 @@ constexpr std::uint64_t kLongestGapMs = 250;
 constexpr std::uint64_t kRetryMs = 60'000;
 
 int heldTime(std::uint64_t from, std::uint64_t to) {
-  constexpr std::uint64_t kMost = std::numeric_limits<int>::max();
-  return static_cast<int>(std::min(to - from, kMost));
+  constexpr std::uint64_t kMax = std::numeric_limits<int>::max();
+  return static_cast<int>(std::min(to - from, kMax));
 }
 
 // The value of the key; null if it is absent or, which is logged, of another type.

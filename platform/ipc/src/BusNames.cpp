@@ -78,7 +78,7 @@ void PresentEndpoints::add(const std::string& endpoint) {
 void PresentEndpoints::verify(const std::string& endpoint) {
   const bool isAsked =
       std::ranges::find(questions_, endpoint, &Question::endpoint) != questions_.end();
-  if (isAsked || questions_.size() >= kMostQuestions) {
+  if (isAsked || questions_.size() >= kMaxQuestions) {
     return;
   }
   const auto question = questions_.insert(questions_.end(), Question{*this, endpoint});

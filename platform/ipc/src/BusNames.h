@@ -38,7 +38,7 @@ class PresentEndpoints {
   void verify(const std::string& endpoint);
 
  private:
-  static constexpr std::size_t kMostQuestions = 64;
+  static constexpr std::size_t kMaxQuestions = 64;
 
   /// A pending NameHasOwner call.
   struct Question {

@@ -23,7 +23,7 @@ constexpr char kLogUnit[] = "ObjectServer";
 // path and interfaces. An estimate.
 constexpr std::size_t kPropertyBytes = 64;
 // Estimated size of the send queue beyond which signals are refused.
-constexpr std::size_t kMostUnsentBytes = std::size_t{8} * 1024 * 1024;
+constexpr std::size_t kMaxQueuedBytes = std::size_t{8} * 1024 * 1024;
 
 int refuseTooMany(sd_bus_error* error) {
   return sd_bus_error_set_const(error, SD_BUS_ERROR_LIMITS_EXCEEDED,
@@ -74,7 +74,7 @@ std::size_t repairText(PropertyValue& value) {
   if (text == nullptr) {
     return 0;
   }
-  *text = shownText(*text, Objects::kMostTextBytes);
+  *text = shownText(*text, Objects::kMaxTextBytes);
   return text->size();
 }
 
@@ -216,7 +216,7 @@ int ObjectServer::onCall(sd_bus_message* call, void* publication, sd_bus_error* 
 bool ObjectServer::charge(std::size_t bytes) {
   answerBytes_ += bytes;
   unsentBytes_ += bytes;
-  return answerBytes_ <= kMostAnswerBytes;
+  return answerBytes_ <= kMaxAnswerBytes;
 }
 
 std::size_t ObjectServer::unsentBytes() {
@@ -276,7 +276,7 @@ int ObjectServer::handle(const Publication& publication, sd_bus_message* call,
                                      place);
   if (!failure.name.empty()) {
     return sd_bus_error_set(error, failure.name.c_str(),
-                            shownText(failure.text, kMostTextBytes).c_str());
+                            shownText(failure.text, kMaxTextBytes).c_str());
   }
   return sd_bus_reply_method_return(call, "");
 }
@@ -297,7 +297,7 @@ const ObjectServer::Publication* ObjectServer::find(const Published& published) 
 
 bool ObjectServer::canSignal() {
   return bus_ != nullptr && unsentMessages(bus_) < Outgoing::kMaxUnsentSignals &&
-         unsentBytes() <= kMostUnsentBytes;
+         unsentBytes() <= kMaxQueuedBytes;
 }
 
 // Returns true even on failure: errors that canSignal() does not cover would recur on retry.

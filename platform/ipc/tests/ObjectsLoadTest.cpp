@@ -98,7 +98,7 @@ TEST_F(ObjectsLoadTest, AnswersAndSignalsDoNotPileUp) {
     ASSERT_TRUE(ipc_.Service(0));
   }
   EXPECT_EQ(things_.listed, 10 * listsOfAnswer_) << "4 MiB";
-  box_.seen.what = std::string(Objects::kMostTextBytes, 'x');
+  box_.seen.what = std::string(Objects::kMaxTextBytes, 'x');
   int signals = 0;
   while (signals < 10'000 && ipc_.objects().changed(box_, {kSeen})) {
     ++signals;

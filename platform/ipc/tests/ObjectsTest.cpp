@@ -249,7 +249,7 @@ TEST_F(ObjectsTest, OddTextsAreShownRepaired) {
   things_.things[1].name = std::string("a\xfe\0b", 4);
   EXPECT_EQ(name("/kova/things/1"), "a??b");
   things_.things[1].name = std::string(2'000'000, 'y');
-  EXPECT_EQ(name("/kova/things/1").size(), Objects::kMostTextBytes);
+  EXPECT_EQ(name("/kova/things/1").size(), Objects::kMaxTextBytes);
 }
 
 }  // namespace

@@ -154,7 +154,7 @@ TEST(PolicyLimitsTest, StalledPeersOfOneUserDoNotBlockDaemon) {
   std::stringstream config;
   config << std::ifstream(KOVA_BUS_CONFIG).rdbuf();
   const std::size_t peers = limitOf(config.str(), "max_connections_per_user");
-  const std::size_t each = limitOf(config.str(), "max_outgoing_bytes") + Objects::kMostAnswerBytes;
+  const std::size_t each = limitOf(config.str(), "max_outgoing_bytes") + Objects::kMaxAnswerBytes;
   EXPECT_GT(limitOf(config.str(), "max_incoming_bytes"), peers * each);
 }
 

@@ -9,16 +9,16 @@ namespace {
 
 constexpr char kFirmwareVersion[] = "/run/firmware_version";
 constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
-constexpr std::size_t kMostFileBytes = 65'536;
-constexpr std::size_t kMostBytes = 255;
+constexpr std::size_t kMaxFileBytes = 65'536;
+constexpr std::size_t kMaxBytes = 255;
 
 std::string firstLineOf(const char* path) {
   std::string text;
-  if (!File::ReadStringAll(path, text, kMostFileBytes)) {
+  if (!File::ReadStringAll(path, text, kMaxFileBytes)) {
     return "";
   }
   std::string_view rest(text);
-  std::string line(nextLine(rest).substr(0, kMostBytes));
+  std::string line(nextLine(rest).substr(0, kMaxBytes));
   trim(line);
   return line;
 }

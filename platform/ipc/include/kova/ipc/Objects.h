@@ -77,14 +77,14 @@ class PublishedFolder {
 /// specification, "Standard Interfaces"). The bus policy controls access to them.
 ///
 /// Texts are published as UTF-8: invalid bytes become "?", and texts are truncated to
-/// kMostTextBytes. An answer of more than kMostAnswerBytes, such as to GetManagedObjects with very
+/// kMaxTextBytes. An answer of more than kMaxAnswerBytes, such as to GetManagedObjects with very
 /// many objects, is refused with org.freedesktop.DBus.Error.LimitsExceeded; single objects remain
 /// readable.
 class Objects {
  public:
-  static constexpr std::size_t kMostTextBytes = 4096;
+  static constexpr std::size_t kMaxTextBytes = 4096;
   /// max_incoming_bytes in packaging/dbus/kova-bus.conf relies on it.
-  static constexpr std::size_t kMostAnswerBytes = std::size_t{512} * 1024;
+  static constexpr std::size_t kMaxAnswerBytes = std::size_t{512} * 1024;
 
   Objects() = default;
   virtual ~Objects() = default;
