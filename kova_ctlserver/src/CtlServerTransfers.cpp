@@ -89,12 +89,9 @@ bool CtlServer::refuse(std::uint64_t record, const std::string& reason) {
 
 /// The device description may name one user besides root whose files in /tmp may be uploaded.
 void CtlServer::trustUploadOwner() {
-  const variant::Variant* owner = cameraInfo_.isMap() ? cameraInfo_.find("upload_owner") : nullptr;
-  if (owner == nullptr) {
-    return;
+  if (const auto owner = cameraInfo_.optionalText("upload_owner")) {
+    utils::trustFilesOf(*owner);
   }
-  const bool isText = owner->is(variant::VariantClass::String);
-  utils::trustFilesOf(isText ? owner->toText() : owner->ToString());
 }
 
 // "supportInfo", "logo" and "sound" are not the names of their tasks, so they never match here:

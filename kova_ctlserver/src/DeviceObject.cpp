@@ -44,14 +44,6 @@ ipc::Interface describe() {
           {}};
 }
 
-std::string textOf(const variant::CameraInfo& info, const char* key) {
-  const variant::Variant* value = info.isMap() ? info.find(key) : nullptr;
-  if (value == nullptr) {
-    return "";
-  }
-  return value->is(variant::VariantClass::String) ? value->toText() : value->ToString();
-}
-
 /// "" if no name is stored; nullopt if the store cannot be read.
 std::optional<std::string> storedName() {
   syscfg::SystemCfgManager store;
@@ -68,8 +60,8 @@ std::optional<std::string> storedName() {
 DeviceObject::DeviceObject(const variant::CameraInfo& info, const DeviceState& now,
                            ipc::Objects& bus)
     : bus_(bus),
-      model_(textOf(info, "name")),
-      sysId_(textOf(info, "sysid")),
+      model_(info.optionalText("name").value_or("")),
+      sysId_(info.optionalText("sysid").value_or("")),
       firmwareVersion_(utils::firmwareVersion()),
       bootId_(utils::bootId()),
       state_(now),

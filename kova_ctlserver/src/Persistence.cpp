@@ -52,10 +52,7 @@ bool Persistence::persist(bool force) {
 
 bool Persistence::save() {
   const bool saved = utils::sysExecSimple(kFlashTool, "-w", "-p", "/etc/", "-m") == 0;
-  const timeval time = utils::now();
-  lastSave_ = {static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
-                   static_cast<std::uint64_t>(time.tv_usec),
-               saved ? "OK" : "FAILED"};
+  lastSave_ = {utils::wallClockUs(), saved ? "OK" : "FAILED"};
   return saved;
 }
 

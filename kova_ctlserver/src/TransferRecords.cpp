@@ -9,12 +9,6 @@
 namespace kova::ctlserver {
 namespace {
 
-std::uint64_t wallClockUs() {
-  const timeval time = utils::now();
-  return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
-         static_cast<std::uint64_t>(time.tv_usec);
-}
-
 std::string reasonOf(const std::string& cause, const std::string& userInfo) {
   const std::string clean = withoutCredentials(cause.substr(0, kMaxCauseBytes), userInfo);
   return displayText(sentence(clean), TransferRecord::kMaxReasonBytes);
@@ -82,7 +76,7 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
   record.direction = facts.direction;
   record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMaxUriBytes);
   record.file = displayText(facts.file, TransferRecord::kMaxFileBytes);
-  record.started = wallClockUs();
+  record.started = utils::wallClockUs();
   // A cause is truncated to kMaxCauseBytes, so it cannot contain a longer one.
   if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMaxCauseBytes) {
     running.userInfo = userInfo;
@@ -126,7 +120,7 @@ void TransferRecords::end(std::uint64_t number, const std::string& outcome,
   }
   TransferRecord& record = found->record;
   record.phase = TransferPhase::Ended;
-  record.ended = wallClockUs();
+  record.ended = utils::wallClockUs();
   record.httpStatus = static_cast<std::uint16_t>(std::clamp(httpStatus, 0, 0xFFFF));
   record.outcome = outcome;
   record.reason = reasonOf(reason, found->userInfo);

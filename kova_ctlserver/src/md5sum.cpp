@@ -11,6 +11,7 @@
 
 #include "kova/logger/Logger.h"
 #include "kova/utils/File.h"
+#include "kova/utils/Strings.h"
 
 namespace kova::ctlserver {
 namespace {
@@ -38,16 +39,6 @@ bool digestContent(const std::string& path, utils::File& file, MD5_CTX& context)
   return true;
 }
 
-std::string hexadecimal(const std::array<unsigned char, MD5_DIGEST_LENGTH>& digest) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const unsigned char byte : digest) {
-    text.push_back(kDigits[byte >> 4U]);
-    text.push_back(kDigits[byte & 0xFU]);
-  }
-  return text;
-}
-
 }  // namespace
 
 bool md5sum(const std::string& path, std::string& out) {
@@ -69,7 +60,7 @@ bool md5sum(const std::string& path, std::string& out) {
     KOVA_LOG(LOG_ERR, 0, "Failed to compute md5 of %s", path.c_str());
     return false;
   }
-  out = hexadecimal(digest);
+  out = utils::hexadecimal(digest);
   return true;
 }
 

@@ -14,6 +14,7 @@
 #include "LineFilter.h"
 #include "Output.h"
 #include "Terminal.h"
+#include "kova/utils/Strings.h"
 
 namespace kova::ctl {
 namespace {
@@ -80,14 +81,13 @@ std::string quoted(const std::string& word) {
 // Escapes a value in a D-Bus address.
 std::string escaped(std::string_view text) {
   constexpr std::string_view kPlain = "-_/.\\*";
-  constexpr char kDigits[] = "0123456789abcdef";
   std::string result;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (isAlphanumeric(c) || kPlain.find(c) != kPlain.npos) {
       result += c;
     } else {
-      result += {'%', kDigits[byte >> 4U], kDigits[byte & 15U]};
+      result += '%' + utils::hexadecimal({&byte, 1});
     }
   }
   return result;

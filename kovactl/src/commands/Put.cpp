@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <span>
 
 #include "../Command.h"
 #include "../Transfer.h"
 #include "kova/messages/Requests.h"
 #include "kova/utils/File.h"
+#include "kova/utils/Strings.h"
 
 namespace kova::ctl {
 namespace {
@@ -40,12 +42,7 @@ bool md5OfFile(const std::string& path, std::string& digest) {
     errno = ENOTSUP;
     return false;
   }
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  digest.clear();
-  for (unsigned i = 0; i < length; ++i) {
-    digest += kDigits[bytes[i] >> 4U];
-    digest += kDigits[bytes[i] & 0xFU];
-  }
+  digest = utils::hexadecimal(std::span(bytes).first(length));
   return true;
 }
 

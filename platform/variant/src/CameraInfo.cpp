@@ -36,6 +36,14 @@ std::int8_t CameraInfo::featureBattery(const logger::Origin& reader) const {  //
   return required("feature_battery", isNumber, reader).toNumber<std::int8_t>();
 }
 
+std::optional<std::string> CameraInfo::optionalText(std::string_view key) const {
+  const Variant* value = isMap() ? find(key) : nullptr;
+  if (value == nullptr) {
+    return std::nullopt;
+  }
+  return value->is(VariantClass::String) ? value->toText() : value->ToString();
+}
+
 // kept: 7
 const Variant& CameraInfo::required(std::string_view key, Accepts accepts,
                                     const logger::Origin& reader) const {

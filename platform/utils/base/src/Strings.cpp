@@ -27,6 +27,17 @@ void trim(std::string& text) {
   text.erase(0, text.find_first_not_of(kSpace));
 }
 
+std::string hexadecimal(std::span<const unsigned char> bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const unsigned char byte : bytes) {
+    text.push_back(kDigits[byte >> 4U]);
+    text.push_back(kDigits[byte & 0xFU]);
+  }
+  return text;
+}
+
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.starts_with(prefix);
 }

@@ -34,6 +34,12 @@ TEST(TrimTest, KeepsNulsAndBytesAboveAscii) {
   EXPECT_EQ(trimmed(text), text);
 }
 
+TEST(HexadecimalTest, HasTwoLowerCaseDigitsPerByte) {
+  const unsigned char bytes[] = {0x00, 0x0F, 0xA5, 0xFF};
+  EXPECT_EQ(hexadecimal(bytes), "000fa5ff");
+  EXPECT_EQ(hexadecimal({}), "");
+}
+
 TEST(StartsWithTest, ComparesWholePrefix) {
   EXPECT_TRUE(startsWith("", ""));
   EXPECT_TRUE(startsWith("abc", ""));

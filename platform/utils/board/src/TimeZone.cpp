@@ -43,7 +43,7 @@ std::string canonical(const std::string& path) {
 bool followsTheSystem(const std::string& path, const std::string& zoneinfo) {
   std::error_code isNoLink;
   const std::string target = std::filesystem::read_symlink(path, isNoLink);
-  return startsWith(target, "/") && !startsWith(target, zoneinfo + "/");
+  return target.starts_with('/') && !target.starts_with(zoneinfo + "/");
 }
 
 /// The POSIX rule of an installed zone; "" if there is no such zone.
@@ -53,7 +53,7 @@ std::string ruleOf(const std::string& zone, const std::string& zoneinfo) {
   if (file.empty() && (zone == "GMT" || zone == "UTC")) return zone + "0";
   const std::string folder = canonical(zoneinfo);
   std::string content;
-  if (!startsWith(file, folder + "/") || followsTheSystem(path, zoneinfo) ||
+  if (!file.starts_with(folder + "/") || followsTheSystem(path, zoneinfo) ||
       !File::ReadStringAll(file, content)) {
     return "";
   }
@@ -106,7 +106,7 @@ class LinkReplacement {
 
 std::string posixRule(const std::string& tzif) {
   constexpr std::size_t kVersionAt = 4;
-  if (!startsWith(tzif, "TZif") || tzif.size() <= kVersionAt || tzif[kVersionAt] < '2' ||
+  if (!tzif.starts_with("TZif") || tzif.size() <= kVersionAt || tzif[kVersionAt] < '2' ||
       tzif.back() != '\n') {
     return "";
   }

@@ -13,7 +13,6 @@
 #include "kova/logger/Logger.h"
 #include "kova/utils/Clock.h"
 #include "kova/utils/ServiceManager.h"
-#include "kova/utils/Strings.h"
 
 namespace kova::utils {
 namespace {
@@ -45,7 +44,7 @@ constexpr std::array kSystemUnits{"systemd-", "initrd-", "debug-shell.", "emerge
 
 bool isSystemUnit(const std::string& unit) {
   return std::any_of(kSystemUnits.begin(), kSystemUnits.end(),
-                     [&unit](const std::string& begin) { return startsWith(unit, begin); });
+                     [&unit](const std::string& begin) { return unit.starts_with(begin); });
 }
 
 std::uint64_t timeLeftMs(std::uint64_t deadlineMs) {

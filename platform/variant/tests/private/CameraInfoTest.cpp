@@ -42,6 +42,14 @@ TEST_F(CameraInfoTest, ReadsDescriptionOfDevice) {
   EXPECT_EQ(*info_.find("reset_button_gpio"), Variant("/gpio"));
 }
 
+TEST_F(CameraInfoTest, OptionalValuesAreText) {
+  EXPECT_EQ(info_.optionalText("name"), std::nullopt) << "not a map yet";
+  ASSERT_TRUE(init(info_, R"({"name": "Camera", "sysid": 42278})"));
+  EXPECT_EQ(info_.optionalText("name"), "Camera");
+  EXPECT_EQ(info_.optionalText("sysid"), "42278");
+  EXPECT_EQ(info_.optionalText("upload_owner"), std::nullopt);
+}
+
 TEST_F(CameraInfoTest, MissingDescriptionFails) {
   EXPECT_FALSE(info_.Init());
 }

@@ -16,4 +16,11 @@ void sleepMs(int milliseconds);
 /// Wall-clock time, with microseconds.
 timeval now();
 
+/// now() in microseconds since 1970, as CLOCK_REALTIME counts.
+inline std::uint64_t wallClockUs() {
+  const timeval time = now();
+  return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
+         static_cast<std::uint64_t>(time.tv_usec);
+}
+
 }  // namespace kova::utils

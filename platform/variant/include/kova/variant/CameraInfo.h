@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,6 +29,10 @@ class CameraInfo : public Variant {
   std::int8_t featureWifi(const logger::Origin& reader) const;
   /// "feature_battery": a number, not 0 when the model has a battery.
   std::int8_t featureBattery(const logger::Origin& reader) const;
+
+  /// The value of a key that a description may lack: a text as it is, anything else as ToString()
+  /// gives it. nullopt if the key is absent.
+  std::optional<std::string> optionalText(std::string_view key) const;
 
  private:
   using Accepts = bool (*)(const Variant& value);
