@@ -75,6 +75,7 @@ bool BaseHTTP::RegisterRequest(bool download, const std::string& uri,
                                const std::string& caCertFile) {
   if (uri.empty()) {
     KOVA_LOG(LOG_ERR, 0, "uri must be set");
+    setCause("there is no URI");
     return false;
   }
   auto context = std::make_unique<CurlContext>(download, uri, this, formFields, timeoutMs, certFile,

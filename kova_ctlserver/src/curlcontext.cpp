@@ -36,7 +36,7 @@ constexpr long kMaxRedirects = 30;
 
 constexpr char kProtocols[] = "http,https";
 
-constexpr std::size_t kRefused = CURL_WRITEFUNC_ERROR;  // from write and header callbacks
+constexpr std::size_t kRefused = 0;  // from write and header callbacks: fewer bytes than given
 
 /// The schemes that a transfer of `uri` may be redirected to.
 const char* redirectProtocols(const std::string& uri) {

@@ -84,6 +84,7 @@ bool MultiHTTP::SignalBytesAvailable(const std::string& uri, unsigned char* data
   const auto entry = uriToPath_.find(uri);
   if (entry == uriToPath_.end()) {
     KOVA_LOG(LOG_ERR, 0, "Uri not tracked, uri=%s", uri.c_str());
+    errno = EBADF;  // the reason that TransferService reports
     return false;
   }
   const auto file = downloadFiles_.find(entry->second);

@@ -35,6 +35,7 @@ TEST_F(BaseHttpTest, EmptyUriIsRefused) {
   ASSERT_TRUE(http_.Init());
   EXPECT_FALSE(http_.start(""));
   EXPECT_THAT(logLines(), ElementsAre("3 basehttp.RegisterRequest: uri must be set"));
+  EXPECT_EQ(http_.cause(), "there is no URI");
 }
 
 TEST_F(BaseHttpTest, HandleThatCannotBeAddedIsNotRegistered) {
@@ -47,7 +48,7 @@ TEST_F(BaseHttpTest, HandleThatCannotBeAddedIsNotRegistered) {
   EXPECT_THAT(http_.completions, IsEmpty());
 }
 
-TEST_F(BaseHttpTest, FailedReadIsDiskFailure) {
+TEST_F(BaseHttpTest, ReadErrorOfLibcurlIsDiskFailure) {
   RawServer server(answering(okResponse("")));
   curlFaults().result = CURLE_READ_ERROR;
   ASSERT_TRUE(http_.Init() && http_.start(server.uri(), false));

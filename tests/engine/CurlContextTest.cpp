@@ -222,9 +222,10 @@ TEST_F(CurlContextTest, RefusedChunksDoNotCount) {
   EXPECT_TRUE(context.HandleReceived(data, 3));
   http_.accept = [] { return false; };
   EXPECT_FALSE(context.HandleReceived(data, 3));
+  EXPECT_EQ(CurlContext::DataReceived(reinterpret_cast<char*>(data), 1, 3, &context), 0U);
   http_.accept = nullptr;
   EXPECT_TRUE(context.HandleReceived(data, 3));
-  EXPECT_THAT(http_.chunks, ElementsAre(Pair(0, -1), Pair(3, -1), Pair(3, -1)));
+  EXPECT_THAT(http_.chunks, ElementsAre(Pair(0, -1), Pair(3, -1), Pair(3, -1), Pair(3, -1)));
 }
 
 TEST_F(CurlContextTest, ExceptionsEndOnlyTheirTransfer) {

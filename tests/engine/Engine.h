@@ -76,6 +76,8 @@ class UploadTask : public RecordingTask {
 /// A HTTP driver that keeps what it downloads in memory and uploads `upload`.
 class MemoryHttp : public ctlserver::BaseHTTP {
  public:
+  using BaseHTTP::cause;
+
   void SignalTransferCompleted(const std::string& uri, ctlserver::TransferStatus status,
                                int httpCode) override {
     completions.push_back(uri + " " + std::to_string(status) + " " + std::to_string(httpCode));

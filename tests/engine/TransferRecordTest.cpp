@@ -55,6 +55,17 @@ TEST_F(TransferRecordTest, ArrivedFileIsReported) {
   EXPECT_EQ(fetch(server.uri()), "OK: The file has arrived.");
 }
 
+TEST_F(TransferRecordTest, UntrackedUriHasReason) {
+  RecordingTask task("http://127.0.0.1:1/x", path("file"));
+  recordOf(task);
+  ASSERT_TRUE(service().add(&task));
+  unsigned char byte = 0;
+  errno = 0;
+  EXPECT_FALSE(service().SignalBytesAvailable(task.uri(), &byte, 1, 0, 1));
+  service().SignalTransferCompleted(task.uri(), ctlserver::DISK_IO_FAILED, 0);
+  EXPECT_EQ(record().reason, "The file could not be written: Bad file descriptor.");
+}
+
 TEST_F(TransferRecordTest, RefusedConnectionIsNamed) {
   EXPECT_THAT(fetch(deadUri()), AllOf(StartsWith("TRANSFER_FAILED: Failed to connect to 127.0.0.1"),
                                       HasSubstr("Connection refused")));
