@@ -111,11 +111,11 @@ bool becomeNobody() {
   if (geteuid() != 0) {
     return true;
   }
-  const bool alone = setgroups(0, nullptr) == 0;
+  const bool groupsDropped = setgroups(0, nullptr) == 0;
   if (setresgid(kNobody, kNobody, kNobody) != 0 || setresuid(kNobody, kNobody, kNobody) != 0) {
     return errno == EINVAL;  // the namespace does not map the id
   }
-  return alone;
+  return groupsDropped;
 }
 
 /// The picture, opened once for each time that a decoder may open it: each descriptor needs its own

@@ -104,8 +104,8 @@ class CtlServer {
  private:
   void configureWhitelists();
   void trustUploadOwner();
-  bool isDuplicate(const char* operation, const std::string& what, const std::string& uri,
-                   std::uint64_t record);
+  bool refuseDuplicate(const char* operation, const std::string& what, const std::string& uri,
+                       std::uint64_t record);
   bool refuse(std::uint64_t record, const std::string& reason);
   bool readMemory(variant::Variant& reply);
   bool readCpu(variant::Variant& reply);

@@ -49,10 +49,10 @@ class DeviceObject : public ipc::PublishedObject {
   std::string firmwareVersion_;
   std::string bootId_;
   DeviceState state_;
-  DeviceState told_;  ///< as last signalled
-  std::uint64_t toldMs_ = 0;
-  mutable std::optional<std::string> name_;            ///< cache of the stored name
-  mutable std::optional<std::uint64_t> nameFailedMs_;  ///< last attempt to read the name
+  DeviceState reported_;  ///< as last signalled
+  std::uint64_t reportedMs_ = 0;
+  mutable std::optional<std::string> name_;          ///< cache of the stored name
+  mutable std::optional<std::uint64_t> nameReadMs_;  ///< last attempt to read the name
 };
 
 }  // namespace kova::ctlserver

@@ -39,14 +39,14 @@ class TransferObjects : public ipc::PublishedFolder, public TransferObserver {
 
  private:
   /// The pending signal of a transfer. A greater value includes the lesser ones.
-  enum class News : std::uint8_t { Progress, Change, Arrival, Removal };
+  enum class PendingSignal : std::uint8_t { Progress, Change, Arrival, Removal };
 
-  bool signal(std::uint64_t number, News news);
+  bool signal(std::uint64_t number, PendingSignal what);
 
   TransferRecords& records_;
   ipc::Objects& bus_;
   /// At most one per record, and one per record removed while the bus refused signals.
-  std::map<std::uint64_t, News> news_;
+  std::map<std::uint64_t, PendingSignal> pending_;
   std::uint64_t lastServiced_ = 0;
 };
 

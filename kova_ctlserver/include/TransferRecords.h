@@ -154,13 +154,13 @@ class TransferRecords {
  private:
   struct Running {
     TransferRecord record;
-    std::string userInfo;      // of the URI, to be removed from the reason
-    std::uint64_t toldMs = 0;  // utils::nowMs() of the last notification
-    bool hasNews = false;      // progress not reported yet
+    std::string userInfo;          // of the URI, to be removed from the reason
+    std::uint64_t reportedMs = 0;  // utils::nowMs() of the last notification
+    bool hasUnreported = false;    // progress not reported yet
   };
 
   Running* running(std::uint64_t number);
-  void tell(Running& running, TransferChange change);
+  void report(Running& running, TransferChange change);
   void keepEnded(TransferRecord record);
 
   TransferObserver* observer_ = nullptr;

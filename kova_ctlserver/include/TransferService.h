@@ -61,7 +61,7 @@ class TransferService : public MultiHTTP, private TransferCanceller {
   void finalize(const std::string& uri, TransferRun& run);
   bool expireDeadline(const std::string& uri, TransferRun& run);
   void registerIfReady(const std::string& uri, TransferRun& run);
-  void holdToSize(const std::string& uri, TransferRun& run);
+  void enforceUploadLimit(const std::string& uri, TransferRun& run);
   /// Ends the transfer of a task: the task starts finalizing for TRANSFER_OK, else it fails.
   void cancel(const std::string& uri, bool logFailure, TransferStatus status, int httpCode);
   void cancelFinalize();

@@ -114,8 +114,8 @@ class CurlContext {
   FormList formPost_;
   std::uint64_t bytesReceived_ = 0;
   std::uint64_t headerBytes_ = 0;
-  std::string cause_;                             // of a failure found here, not by libcurl
-  std::array<char, CURL_ERROR_SIZE> error_ = {};  // CURLOPT_ERRORBUFFER(3)
+  std::string cause_;                                 // of a failure found here, not by libcurl
+  std::array<char, CURL_ERROR_SIZE> errorText_ = {};  // CURLOPT_ERRORBUFFER(3)
   bool isOverBudget_ = false;
   PumpGuard::Mark cut_;
   double contentLength_;

@@ -63,7 +63,7 @@ bool readPassword(const char* operation, const SystemCfgManager& store, std::str
   return !absent || fail(operation, "Password missing from the system.cfg");
 }
 
-bool checkClaim(const std::string& username, const std::string& passwordOld) {
+bool checkCredentialFields(const std::string& username, const std::string& passwordOld) {
   if (!isGiven(username) || !isGiven(passwordOld)) {
     return fail(kChange, "Username and old password must be present");
   }
@@ -198,7 +198,7 @@ bool CtlServer::changeUsernamePassword(ChangeUsernamePassword& request, Variant&
     reply["username"] = storedName;
     return true;
   }
-  if (!checkClaim(username, passwordOld.text)) {
+  if (!checkCredentialFields(username, passwordOld.text)) {
     return false;
   }
   reply.Reset();  // kept: 90

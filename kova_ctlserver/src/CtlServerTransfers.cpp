@@ -24,9 +24,9 @@ void logDuplicate(const char* operation, const char* property, const std::string
                 uri.c_str());
 }
 
-/// Sets the parameters that all transfer requests have.
+/// Copies the fields that all transfer requests have.
 template <typename Request>
-void address(BaseTransferTask& task, Request& request, std::uint64_t record) {
+void copyRequest(BaseTransferTask& task, Request& request, std::uint64_t record) {
   task.setRecord(record)
       .setIpcOrigin(request.from())
       .setIpcRequestId(request.id())
@@ -35,7 +35,7 @@ void address(BaseTransferTask& task, Request& request, std::uint64_t record) {
 }
 
 constexpr char kFirmware[] = "firmware";
-constexpr char kNoWord[] = "the request does not say what to transfer (what)";
+constexpr char kNoKindGiven[] = "the request does not say what to transfer (what)";
 constexpr char kUp[] = "up";
 constexpr char kDown[] = "down";
 
@@ -96,8 +96,8 @@ void CtlServer::trustUploadOwner() {
 
 // "supportInfo", "logo" and "sound" are not the names of their tasks, so they never match here:
 // such a request re-arms the running task under its new URI.
-bool CtlServer::isDuplicate(const char* operation, const std::string& what, const std::string& uri,
-                            std::uint64_t record) {
+bool CtlServer::refuseDuplicate(const char* operation, const std::string& what,
+                                const std::string& uri, std::uint64_t record) {
   if (transferService_.existsUri(uri)) {
     logDuplicate(operation, "uri", what, uri);
     refuse(record, uriInUse(transferService_.recordOfUri(uri)));
@@ -125,7 +125,7 @@ bool CtlServer::getRequest(GetRequest& request) {
   const std::string what = request.what();
   const std::uint64_t record = beginRecord(transferRecords(), request, what, kUp);
   const RecordGuard guard(transferRecords(), record);
-  if (isDuplicate("getRequest", what, request.uri(), record)) {  // kept: 58
+  if (refuseDuplicate("getRequest", what, request.uri(), record)) {  // kept: 58
     return false;
   }
   for (const auto& kind : kinds) {
@@ -133,7 +133,7 @@ bool CtlServer::getRequest(GetRequest& request) {
       continue;
     }
     kind.task.setSendNoEvents(request.disableEvents());  // kept: 61
-    address(kind.task, request, record);
+    copyRequest(kind.task, request, record);
     kind.task.setFormFields(request.formFields());
     if (kind.namesFile) {
       kind.task.setPath("/tmp/" + request.filename());
@@ -141,7 +141,7 @@ bool CtlServer::getRequest(GetRequest& request) {
     return transferService_.add(&kind.task);
   }
   KOVA_LOG(LOG_ERR, 0, "Unrecognized GetRequest: %s", request.ToString().c_str());
-  return refuse(record, kNoWord);
+  return refuse(record, kNoKindGiven);
 }
 
 bool CtlServer::putRequest(PutRequest& request) {
@@ -156,7 +156,7 @@ bool CtlServer::putRequest(PutRequest& request) {
   const std::string what = request.what();
   const std::uint64_t record = beginRecord(transferRecords(), request, what, kDown);
   const RecordGuard guard(transferRecords(), record);
-  if (isDuplicate("putRequest", what, request.uri(), record)) {  // kept: 58
+  if (refuseDuplicate("putRequest", what, request.uri(), record)) {  // kept: 58
     return false;
   }
   for (const auto& kind : kinds) {
@@ -171,11 +171,11 @@ bool CtlServer::putRequest(PutRequest& request) {
       return true;
     }
     kind.task.setHash(hash);  // kept: 60
-    address(kind.task, request, record);
+    copyRequest(kind.task, request, record);
     return transferService_.add(&kind.task);
   }
   KOVA_LOG(LOG_ERR, 0, "Unrecognized PutRequest: %s", request.ToString().c_str());
-  return refuse(record, kNoWord);
+  return refuse(record, kNoKindGiven);
 }
 
 bool CtlServer::updateFirmware(UpdateFirmwareRequest& request) {  // kept: 57
@@ -186,7 +186,7 @@ bool CtlServer::updateFirmware(UpdateFirmwareRequest& request) {  // kept: 57
     return refuse(record,
                   runningOfKind(kFirmware, transferService_.recordOfName(firmwareTask_.name())));
   }
-  address(firmwareTask_, request, record);
+  copyRequest(firmwareTask_, request, record);
   return transferService_.add(&firmwareTask_);
 }
 

@@ -65,16 +65,16 @@ DeviceObject::DeviceObject(const variant::CameraInfo& info, const DeviceState& n
       firmwareVersion_(utils::firmwareVersion()),
       bootId_(utils::bootId()),
       state_(now),
-      told_(now) {
+      reported_(now) {
   bus_.publish(describe(), this);
 }
 
 // Reading may wait for the store, so a failed attempt is not repeated before kRetryMs.
 std::string DeviceObject::name() const {
   const std::uint64_t time = utils::nowMs();
-  if (!name_ && (!nameFailedMs_ || time - *nameFailedMs_ >= kRetryMs)) {
+  if (!name_ && (!nameReadMs_ || time - *nameReadMs_ >= kRetryMs)) {
     name_ = storedName();
-    nameFailedMs_ = time;
+    nameReadMs_ = time;
   }
   return name_.value_or("");
 }
@@ -107,10 +107,10 @@ PropertyValue DeviceObject::read(std::size_t property) const {
 void DeviceObject::service(const DeviceState& now) {
   if (now.settingsChanges != state_.settingsChanges) {
     name_.reset();
-    nameFailedMs_.reset();
+    nameReadMs_.reset();
   }
   state_ = now;
-  if (state_ == told_ || utils::nowMs() - toldMs_ < kSignalMs) {
+  if (state_ == reported_ || utils::nowMs() - reportedMs_ < kSignalMs) {
     return;
   }
   std::vector<std::size_t> changed;
@@ -119,16 +119,16 @@ void DeviceObject::service(const DeviceState& now) {
       changed.push_back(place);
     }
   };
-  note(state_.settingsChanges != told_.settingsChanges, place::Name);
-  note(state_.savePending != told_.savePending, place::SavePending);
-  note(state_.resetPending != told_.resetPending, place::ResetPending);
-  note(state_.lastSave != told_.lastSave, place::LastSave);
-  note(state_.buttonReadable != told_.buttonReadable, place::ButtonReadable);
+  note(state_.settingsChanges != reported_.settingsChanges, place::Name);
+  note(state_.savePending != reported_.savePending, place::SavePending);
+  note(state_.resetPending != reported_.resetPending, place::ResetPending);
+  note(state_.lastSave != reported_.lastSave, place::LastSave);
+  note(state_.buttonReadable != reported_.buttonReadable, place::ButtonReadable);
   if (!changed.empty() && !bus_.changed(*this, changed)) {
     return;
   }
-  told_ = state_;
-  toldMs_ = utils::nowMs();
+  reported_ = state_;
+  reportedMs_ = utils::nowMs();
 }
 
 }  // namespace kova::ctlserver

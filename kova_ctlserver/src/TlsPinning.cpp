@@ -56,8 +56,8 @@ int comparePinned(X509_STORE_CTX* storeCtx) {
 
 // OpenSSL keeps reading after a message without data. Once a peer sends KeyUpdate, let OpenSSL
 // return after each message, so that the other transfers get their turn.
-void watchMessages(int isWritten, int /*version*/, int contentType, const void* message,
-                   std::size_t length, SSL* ssl, void* /*argument*/) {
+void onTlsMessage(int isWritten, int /*version*/, int contentType, const void* message,
+                  std::size_t length, SSL* ssl, void* /*argument*/) {
   if (isWritten == 0 && contentType == SSL3_RT_HANDSHAKE && length != 0 &&
       *static_cast<const unsigned char*>(message) == SSL3_MT_KEY_UPDATE) {
     SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
@@ -75,7 +75,7 @@ CURLcode installCertVerification(CURL* curl, void* sslCtx, void* /*userdata*/) {
   return callbackBarrier(kLogUnit, __func__, CURLE_ABORTED_BY_CALLBACK, [&] {
     auto* context = static_cast<SSL_CTX*>(sslCtx);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, verifyCustomCert);
-    SSL_CTX_set_msg_callback(context, watchMessages);
+    SSL_CTX_set_msg_callback(context, onTlsMessage);
     return curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, kTlsProtocols);
   });
 }

@@ -47,7 +47,7 @@ ipc::Interface describe() {
 }
 
 /// Indices of the properties that a change up to `most` may affect.
-std::vector<std::size_t> touched(int most) {
+std::vector<std::size_t> affectedBy(int most) {
   std::vector<std::size_t> places;
   for (const Row& row : kRows) {
     if (row.changes != Row::Never && row.changes <= most) {
@@ -89,63 +89,63 @@ MethodError TransferObjects::call(std::uint64_t number, std::size_t) {
           "The file is being checked, installed or flashed, which is not interrupted."};
 }
 
-bool TransferObjects::signal(std::uint64_t number, News news) {
-  if (news == News::Removal) {
+bool TransferObjects::signal(std::uint64_t number, PendingSignal what) {
+  if (what == PendingSignal::Removal) {
     return bus_.removed(*this, number);
   }
-  if (news == News::Arrival) {
+  if (what == PendingSignal::Arrival) {
     return bus_.added(*this, number);
   }
   const TransferRecord* record = records_.find(number);
   const bool ended = record != nullptr && record->phase == TransferPhase::Ended;
-  const int most = news == News::Progress ? Row::Progress : ended ? Row::End : Row::Phase;
-  return bus_.changed(*this, number, touched(most));
+  const int most = what == PendingSignal::Progress ? Row::Progress : ended ? Row::End : Row::Phase;
+  return bus_.changed(*this, number, affectedBy(most));
 }
 
 void TransferObjects::transferAdded(const TransferRecord& record) {
-  if (!signal(record.number, News::Arrival)) {
-    news_[record.number] = News::Arrival;
+  if (!signal(record.number, PendingSignal::Arrival)) {
+    pending_[record.number] = PendingSignal::Arrival;
   }
 }
 
 void TransferObjects::transferChanged(const TransferRecord& record, TransferChange change) {
-  const auto late = news_.find(record.number);
-  if (late != news_.end() && late->second == News::Arrival) {
+  const auto pending = pending_.find(record.number);
+  if (pending != pending_.end() && pending->second == PendingSignal::Arrival) {
     return;  // the pending arrival will carry all properties
   }
   if (change == TransferChange::Progress) {
-    news_.emplace(record.number, News::Progress);
+    pending_.emplace(record.number, PendingSignal::Progress);
     return;
   }
-  if (signal(record.number, News::Change)) {
-    news_.erase(record.number);
+  if (signal(record.number, PendingSignal::Change)) {
+    pending_.erase(record.number);
   } else {
-    news_[record.number] = News::Change;
+    pending_[record.number] = PendingSignal::Change;
   }
 }
 
 void TransferObjects::transferRemoved(std::uint64_t number) {
-  const auto late = news_.find(number);
-  const bool unknown = late != news_.end() && late->second == News::Arrival;
-  if (unknown || signal(number, News::Removal)) {
-    news_.erase(number);
+  const auto pending = pending_.find(number);
+  const bool unknown = pending != pending_.end() && pending->second == PendingSignal::Arrival;
+  if (unknown || signal(number, PendingSignal::Removal)) {
+    pending_.erase(number);
   } else {
-    news_[number] = News::Removal;
+    pending_[number] = PendingSignal::Removal;
   }
 }
 
 // Round robin: continues after the last transfer served, so that none starves.
 void TransferObjects::service() {
-  for (std::size_t count = 0; count < kProgressPerPass && !news_.empty(); ++count) {
-    auto next = news_.upper_bound(lastServiced_);
-    if (next == news_.end()) {
-      next = news_.begin();
+  for (std::size_t count = 0; count < kProgressPerPass && !pending_.empty(); ++count) {
+    auto next = pending_.upper_bound(lastServiced_);
+    if (next == pending_.end()) {
+      next = pending_.begin();
     }
     if (!signal(next->first, next->second)) {
       return;
     }
     lastServiced_ = next->first;
-    news_.erase(next);
+    pending_.erase(next);
   }
 }
 

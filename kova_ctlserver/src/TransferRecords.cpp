@@ -58,8 +58,8 @@ TransferRecords::Cancel TransferRecords::cancel(std::uint64_t number) {
   if (record->phase == TransferPhase::Ended) {
     return Cancel::Ended;
   }
-  const bool begun = record->phase == TransferPhase::Finalising;
-  if (begun || canceller_ == nullptr || !canceller_->cancelTransfer(number)) {
+  const bool finalizing = record->phase == TransferPhase::Finalising;
+  if (finalizing || canceller_ == nullptr || !canceller_->cancelTransfer(number)) {
     return Cancel::Finalising;
   }
   return Cancel::Done;
@@ -81,7 +81,7 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
   if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMaxCauseBytes) {
     running.userInfo = userInfo;
   }
-  running.toldMs = utils::nowMs();
+  running.reportedMs = utils::nowMs();
   if (observer_ != nullptr) {
     observer_->transferAdded(record);
   }
@@ -100,7 +100,7 @@ void TransferRecords::enter(std::uint64_t number, TransferPhase phase) {
     return;
   }
   found->record.phase = phase;
-  tell(*found, TransferChange::Phase);
+  report(*found, TransferChange::Phase);
 }
 
 void TransferRecords::progress(std::uint64_t number, std::uint64_t transferred,
@@ -108,7 +108,7 @@ void TransferRecords::progress(std::uint64_t number, std::uint64_t transferred,
   if (Running* const found = running(number)) {
     found->record.transferred = transferred;
     found->record.size = size;
-    found->hasNews = true;
+    found->hasUnreported = true;
   }
 }
 
@@ -146,8 +146,8 @@ void TransferRecords::keepEnded(TransferRecord record) {
 
 void TransferRecords::flush() {
   for (auto& [number, running] : running_) {
-    if (running.hasNews && utils::nowMs() - running.toldMs >= kProgressMs) {
-      tell(running, TransferChange::Progress);
+    if (running.hasUnreported && utils::nowMs() - running.reportedMs >= kProgressMs) {
+      report(running, TransferChange::Progress);
     }
   }
 }
@@ -157,9 +157,9 @@ TransferRecords::Running* TransferRecords::running(std::uint64_t number) {
   return entry != running_.end() ? &entry->second : nullptr;
 }
 
-void TransferRecords::tell(Running& running, TransferChange change) {
-  running.hasNews = false;
-  running.toldMs = utils::nowMs();
+void TransferRecords::report(Running& running, TransferChange change) {
+  running.hasUnreported = false;
+  running.reportedMs = utils::nowMs();
   if (observer_ != nullptr) {
     observer_->transferChanged(running.record, change);
   }

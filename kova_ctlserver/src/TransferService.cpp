@@ -137,14 +137,14 @@ void TransferService::registerIfReady(const std::string& uri, TransferRun& run) 
   run.registered = true;
   if (!download) {
     records_.setFile(run.record, path);
-    holdToSize(uri, run);
+    enforceUploadLimit(uri, run);
   }
   records_.enter(run.record, TransferPhase::Transferring);
 }
 
 /// Fails an upload that exceeds its limit before anything is sent. The size is that of the open
 /// file: checking the path beforehand would be a race.
-void TransferService::holdToSize(const std::string& uri, TransferRun& run) {  // kept: 112
+void TransferService::enforceUploadLimit(const std::string& uri, TransferRun& run) {  // kept: 112
   unsigned long size = 0;
   GetUploadTotalSize(uri, size);
   records_.progress(run.record, 0, size);

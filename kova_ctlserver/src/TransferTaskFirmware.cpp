@@ -32,7 +32,7 @@ constexpr char kCheckFailed[] = "FW_CHECK_FAILED";
 constexpr char kWrongHardware[] = "FW_CHECK_INCOMPAT_HW";
 
 /// Output of the checker, standard error first.
-std::string whatItSaid(std::string err, std::string out) {
+std::string outputOf(std::string err, std::string out) {
   utils::trim(err);
   utils::trim(out);
   if (err.empty() && out.empty()) {
@@ -85,7 +85,7 @@ bool TransferTaskFirmware::verify() {
   KOVA_LOG_IN(kOnSuccess, LOG_WARNING, 0, "Firmware validation failed, uri=%s, status=%s",
               uri().c_str(), err.c_str());
   conclude(kCheckFailed, utils::format("the checker refused the image with status %d: ", status) +
-                             whatItSaid(err, out));
+                             outputOf(err, out));
   reportRejection(out);
   return false;
 }

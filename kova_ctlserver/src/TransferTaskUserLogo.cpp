@@ -11,7 +11,7 @@ constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "TransferTaskUserLogo";
 constexpr int kMaxPixels = 1024;
 
-bool isSize(int pixels) {
+bool isAllowedSize(int pixels) {
   return pixels >= 1 && pixels <= kMaxPixels;
 }
 
@@ -48,8 +48,8 @@ bool TransferTaskUserLogo::checkNoTransferNeeded(const std::string& hash) {
 
 bool TransferTaskUserLogo::validate(std::string& reason) {  // kept: 15
   const ImageFigures image = probeImage(path());
-  if (!image.empty && image.channels == 1 && image.depth == 0 && isSize(image.height) &&
-      isSize(image.width)) {
+  if (!image.empty && image.channels == 1 && image.depth == 0 && isAllowedSize(image.height) &&
+      isAllowedSize(image.width)) {
     return true;
   }
   reason = objectionTo(image);

@@ -208,7 +208,7 @@ bool CurlContext::setUpload() {
 
 // Best effort: without the option, explain() falls back to curl_easy_strerror(3).
 void CurlContext::keepErrorText() {
-  curl_easy_setopt(curl_.get(), CURLOPT_ERRORBUFFER, error_.data());
+  curl_easy_setopt(curl_.get(), CURLOPT_ERRORBUFFER, errorText_.data());
 }
 
 std::string CurlContext::explain(CURLcode result) const {
@@ -218,7 +218,7 @@ std::string CurlContext::explain(CURLcode result) const {
   if (!cause_.empty()) {
     return cause_;
   }
-  std::string text = error_[0] != '\0' ? error_.data() : curl_easy_strerror(result);
+  std::string text = errorText_[0] != '\0' ? errorText_.data() : curl_easy_strerror(result);
   if (result == CURLE_PEER_FAILED_VERIFICATION) {
     return "the server's certificate is not trusted: " + text;
   }

@@ -46,9 +46,9 @@ bool stopRequested(const CtlCommandsHandler& handler) {
 }
 
 /// The objects that the daemon publishes on the bus.
-class Shown {
+class PublishedObjects {
  public:
-  Shown(const CameraInfo& info, CtlServer& server, Ipc& ipc)
+  PublishedObjects(const CameraInfo& info, CtlServer& server, Ipc& ipc)
       : server_(server),
         transfers_(server.transferRecords(), ipc.objects()),
         device_(info, server.deviceState(), ipc.objects()) {}
@@ -64,7 +64,8 @@ class Shown {
   kova::ctlserver::DeviceObject device_;
 };
 
-int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler, Shown& shown) {
+int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler,
+         PublishedObjects& objects) {
   while (!stopRequested(handler)) {
     if (!ipc.Service(0)) {
       return fail("Failed to service IPC");
@@ -72,7 +73,7 @@ int loop(Ipc& ipc, CtlServer& server, const CtlCommandsHandler& handler, Shown& 
     if (!server.service(0)) {  // kept: 3
       return fail("Failed to service file transfers");
     }
-    shown.service();
+    objects.service();
     kova::logger::flushRepeats();
     kova::utils::notifyAlive();
     kova::utils::sleepMs(kTickMs);
@@ -87,8 +88,9 @@ int serve(Ipc& ipc, const CameraInfo& cameraInfo, CtlServer& server) {
   for (const auto name : CtlCommandsHandler::functionNames()) {
     ipc.AddHandler(std::string(name), &handler);  // kept: 2
   }
-  ipc.AddHandler("", &rejector);         // kept: 2
-  Shown shown(cameraInfo, server, ipc);  // publishes, which must precede joining the bus
+  ipc.AddHandler("", &rejector);  // kept: 2
+  // Publishes, which must precede joining the bus.
+  PublishedObjects objects(cameraInfo, server, ipc);
   if (!ipc.Init(kEndpoint, false, nullptr)) {
     return fail("Failed to initialize IPC");
   }
@@ -96,7 +98,7 @@ int serve(Ipc& ipc, const CameraInfo& cameraInfo, CtlServer& server) {
     return fail("Failed to set signal handler");
   }
   kova::utils::notifyReady();
-  return loop(ipc, server, handler, shown);
+  return loop(ipc, server, handler, objects);
 }
 
 int run(Ipc& ipc) {
