@@ -112,10 +112,11 @@ class CtlServer {
   bool readNetwork(variant::Variant& reply);
 
   variant::CameraInfo& cameraInfo_;
-  ipc::Ipc* ipc_ = nullptr;
+  ipc::Ipc* ipc_ = nullptr;  // not read: what sends holds the endpoint itself
   Persistence persistence_;
   utils::StatsLib* statsHandle_ = nullptr;
   TransferService transferService_;
+  // The tasks are destroyed before transferService_, whose destructor calls none of them.
   TransferTaskFirmware firmwareTask_;
   TransferTaskSupport supportTask_;
   TransferTaskWhitelist snapshotTask_;
@@ -123,6 +124,7 @@ class CtlServer {
   TransferTaskWhitelist eventHeatmapTask_;
   TransferTaskUserLogo userLogoTask_;
   TransferTaskSound soundTask_;
+  // The reactor is destroyed before the button, which calls it only in service().
   gpio::ResetButtonCase resetButton_;
   ResetButtonsReactor resetReactor_;
   bool ended_ = false;

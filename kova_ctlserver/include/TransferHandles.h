@@ -14,7 +14,7 @@ namespace kova::ctlserver {
 using EasyHandle = utils::Handle<CURL, curl_easy_cleanup>;
 using MultiHandle = utils::Handle<CURLM, curl_multi_cleanup>;
 
-/// Frees a list made by curl_formadd(3).
+/// Frees a list made by curl_formadd(3). Defined in CurlLegacy.cpp.
 struct FormReleaser {
   void operator()(curl_httppost* form) const;
 };

@@ -19,6 +19,9 @@ class BaseTransferTask;
 /// is taken until the end of the turn that removes the task. Tasks are not owned and must live
 /// until then. Failures are logged, reported through the hooks, and written to the record of the
 /// run, whose number the task carries (BaseTransferTask::setRecord).
+///
+/// init() and service() run the inherited Init() and Service() of the engine, which are not called
+/// on a TransferService otherwise.
 class TransferService : public MultiHTTP, private TransferCanceller {
  public:
   TransferService();
@@ -35,7 +38,8 @@ class TransferService : public MultiHTTP, private TransferCanceller {
   /// @return false if the engine failed; the next turn tries again
   bool service(unsigned int timeoutMs);
 
-  /// Whether a task of this name has a transfer that has not ended.
+  /// Whether a task of this name has a transfer that has not ended; false once either of two runs
+  /// of one task has ended.
   bool existsName(const std::string& name) const;
   /// Whether a task of this URI is known to the service.
   bool existsUri(const std::string& uri) const;
@@ -62,7 +66,8 @@ class TransferService : public MultiHTTP, private TransferCanceller {
   bool expireDeadline(const std::string& uri, TransferRun& run);
   void registerIfReady(const std::string& uri, TransferRun& run);
   void enforceUploadLimit(const std::string& uri, TransferRun& run);
-  /// Ends the transfer of a task: the task starts finalizing for TRANSFER_OK, else it fails.
+  /// Ends the transfer of a task. Despite its name also called for TRANSFER_OK, when the task
+  /// starts finalizing; with any other status the task fails.
   void cancel(const std::string& uri, bool logFailure, TransferStatus status, int httpCode);
   void cancelFinalize();
 

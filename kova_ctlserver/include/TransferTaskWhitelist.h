@@ -29,7 +29,7 @@ class TransferTaskWhitelist : public BaseTransferTask {
 
  private:
   std::string prefix_;
-  std::size_t prefixLength_ = 0;
+  std::size_t prefixLength_ = 0;  // kept: 120
   std::string suffix_;
   bool waitRename_ = false;
 };

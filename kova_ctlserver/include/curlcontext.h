@@ -39,7 +39,7 @@ class CurlContext {
               const variant::Variant& formFields, unsigned int timeoutMs,
               const std::string& certFile, const std::string& privKeyFile,
               const std::string& caCertFile);
-  virtual ~CurlContext() = default;
+  virtual ~CurlContext() = default;  // kept: 120
   CurlContext(const CurlContext&) = delete;
   CurlContext& operator=(const CurlContext&) = delete;
 

@@ -12,12 +12,24 @@ namespace {
 using ipc::messages::BaseMessage;
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
+using ipc::messages::ChangeDeviceSettings;
+using ipc::messages::ChangeUsernamePassword;
+using ipc::messages::DisableUsernamePassword;
+using ipc::messages::EnableUsernamePassword;
+using ipc::messages::GetRequest;
+using ipc::messages::GetSystemStats;
+using ipc::messages::PutRequest;
+using ipc::messages::Reboot;
+using ipc::messages::SaveToFlash;
+using ipc::messages::StartService;
+using ipc::messages::StopService;
+using ipc::messages::UpdateFirmwareRequest;
 using variant::Variant;
 
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "CtlServer";
 
-/// Maps a delay above INT_MAX to none: it is a client's -1, not a wish for weeks without service.
+/// Treats a delay above INT_MAX as 0: it is a client's -1, and would block the daemon for weeks.
 int asDelay(std::uint32_t milliseconds) {
   return std::in_range<int>(milliseconds) ? static_cast<int>(milliseconds) : 0;
 }
@@ -67,8 +79,6 @@ struct CtlCommandsHandler::Row {
   AnswerPolicy answer;
   Outcome (*run)(Call& call);
 };
-
-using namespace ipc::messages;
 
 const CtlCommandsHandler::Row CtlCommandsHandler::kRows[] = {
     {GetSystemStats::kName, AnswerPolicy::WhenExpected,

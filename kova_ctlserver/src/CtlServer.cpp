@@ -90,7 +90,7 @@ bool CtlServer::reboot(bool waitForever, int delayMs, bool persistFirst) {
   if (!rebooting) {
     KOVA_LOG(LOG_ERR, 0, "Failed to perform reboot");
   }
-  if (waitForever) {  // kept: 8
+  if (waitForever) {  // kept: 8, 120
     KOVA_LOG(LOG_INFO, 0, "Entering reboot wait mode");
     while (!stopSignalled()) {
       utils::sleepAliveMs(kRebootWaitStepMs);

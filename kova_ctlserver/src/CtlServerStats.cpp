@@ -109,7 +109,7 @@ bool readBattery(Variant& reply) {
 
 bool CtlServer::readStats(ipc::messages::GetSystemStats& request, Variant& reply) {  // kept: 99
   reply.Reset();
-  reply.IsArray(false);
+  reply.IsArray(false);  // an empty answer is a map
   const logger::Origin here = KOVA_LOG_ORIGIN(__func__);
   // kept: 97
   return (!request.memory() || readMemory(reply)) && (!request.cpu() || readCpu(reply)) &&

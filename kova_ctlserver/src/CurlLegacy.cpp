@@ -1,6 +1,7 @@
 #include "CurlLegacy.h"
 
 // All of this is deprecated in favour of curl_mime_init(3) and the "_T" variants.
+#pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace kova::ctlserver {
@@ -48,3 +49,5 @@ CURLcode announcedLength(CURL* curl, double& length) {
 }
 
 }  // namespace kova::ctlserver
+
+#pragma GCC diagnostic pop

@@ -124,7 +124,7 @@ void DeviceObject::service(const DeviceState& now) {
   note(state_.resetPending != reported_.resetPending, place::ResetPending);
   note(state_.lastSave != reported_.lastSave, place::LastSave);
   note(state_.buttonReadable != reported_.buttonReadable, place::ButtonReadable);
-  if (!changed.empty() && !bus_.changed(*this, changed)) {
+  if (!bus_.changed(*this, changed)) {
     return;
   }
   reported_ = state_;

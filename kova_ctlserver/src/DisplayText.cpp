@@ -53,7 +53,7 @@ bool hasImpossiblePort(std::string_view authority) {
 }
 
 /// Index of the host in `rest`, which starts with an authority: after the "@" of the user
-/// information, or 0.
+/// information, or 0. Repeats, since what follows an "@" may contain another one.
 std::size_t hostOf(std::string_view rest) {
   std::size_t host = 0;
   while (true) {

@@ -46,7 +46,8 @@ bool parse(const std::string& line, ImageFigures& figures) {
 ImageFigures probeImage(const std::string& path) {
   std::string out;
   std::string err;
-  const int status = utils::sysExec(kProbe, {path}, "", out, err, kProbeTimeoutMs, 0, kCaptureKiB);
+  const int status = utils::sysExec(kProbe, {path}, "", out, err, kProbeTimeoutMs,
+                                    /*graceMs=*/0, kCaptureKiB);
   ImageFigures figures;
   if (status != 0 || !parse(out, figures)) {
     KOVA_LOG(LOG_WARNING, 0, "Picture decoder gave no answer, path=%s, status=%d", path.c_str(),

@@ -130,9 +130,12 @@ void PumpGuard::cut() {
   timer_settime(*timer_, 0, &kAgain, nullptr);
 }
 
-// A turn may have several passes: each resumes with the budget that the previous one left. The
-// timer has no interval: for a timer that expired between two ticks, unnoticed, Linux would report
-// the rest of the interval.
+// A turn may have several passes: each resumes with the budget that the previous one left. A pass
+// between turns, as of a cancel on request, gets what the last turn left: after a cut that is
+// nothing, but then the sockets are already dead.
+//
+// The timer has no interval: for a timer that expired between two ticks, unnoticed, Linux would
+// report the rest of the interval.
 void PumpGuard::arm() {
   fired_ = 0;
   armed_ = 1;

@@ -13,7 +13,7 @@ namespace {
 constexpr char kLogIdentity[] = "kova_ctlserver";
 constexpr char kLogUnit[] = "ResetButtonsReactor";
 
-constexpr std::uint32_t kShortHoldSysid = 0xa526;
+constexpr std::uint32_t kShortHoldSysid = 0xa526;  // 42278
 constexpr int kShortHoldMs = 3000;
 constexpr int kHoldMs = 5000;
 constexpr int kLeastPastThresholdMs = 1000;

@@ -58,6 +58,7 @@ TransferRecords::Cancel TransferRecords::cancel(std::uint64_t number) {
   if (record->phase == TransferPhase::Ended) {
     return Cancel::Ended;
   }
+  // A record without a run to end gets the same answer: nothing of it can be interrupted.
   const bool finalizing = record->phase == TransferPhase::Finalising;
   if (finalizing || canceller_ == nullptr || !canceller_->cancelTransfer(number)) {
     return Cancel::Finalising;
@@ -77,7 +78,7 @@ std::uint64_t TransferRecords::begin(const TransferRecord& facts) {
   record.uri = displayText(withoutUserInfo(facts.uri), TransferRecord::kMaxUriBytes);
   record.file = displayText(facts.file, TransferRecord::kMaxFileBytes);
   record.started = utils::wallClockUs();
-  // A cause is truncated to kMaxCauseBytes, so it cannot contain a longer one.
+  // A cause is truncated to kMaxCauseBytes, so it cannot contain longer user information.
   if (const auto userInfo = userInfoOf(facts.uri); userInfo.size() < kMaxCauseBytes) {
     running.userInfo = userInfo;
   }

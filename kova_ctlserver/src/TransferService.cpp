@@ -131,7 +131,8 @@ void TransferService::registerIfReady(const std::string& uri, TransferRun& run) 
     KOVA_LOG_IN("service", LOG_WARNING, 0, "Failed to register transfer, task=%s, uri=%s",
                 task.name().c_str(), uri.c_str());
     run.cause = run.registered ? "this ended its transfer" : cause();
-    return cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
+    cancel(uri, false, TRANSFER_FAILED, 0);  // kept: 51
+    return;
   }
   task.setInTransfer(true);
   run.registered = true;
@@ -139,7 +140,7 @@ void TransferService::registerIfReady(const std::string& uri, TransferRun& run) 
     records_.setFile(run.record, path);
     enforceUploadLimit(uri, run);
   }
-  records_.enter(run.record, TransferPhase::Transferring);
+  records_.enter(run.record, TransferPhase::Transferring);  // no-op if the record has just ended
 }
 
 /// Fails an upload that exceeds its limit before anything is sent. The size is that of the open
@@ -234,6 +235,22 @@ void TransferService::cancelFinalize() {
     tasks_.erase(uri);  // kept: 52
   }
   pendingCancel_.clear();
+}
+
+/// Runs between two turns, so the transfer can be removed at once.
+bool TransferService::cancelTransfer(std::uint64_t record) {
+  const auto entry = std::ranges::find_if(
+      tasks_, [&](const auto& candidate) { return candidate.second.record == record; });
+  if (entry == tasks_.end()) {
+    return false;
+  }
+  const std::string uri = entry->first;
+  KOVA_LOG(LOG_INFO, 0, "Transfer cancelled on request, name=%s, uri=%s",
+           entry->second.task->name().c_str(), withoutUserInfo(uri).c_str());
+  entry->second.cause = "the transfer was cancelled on request";
+  cancel(uri, false, TRANSFER_CANCELLED, 0);
+  cancelFinalize();
+  return true;
 }
 
 }  // namespace kova::ctlserver

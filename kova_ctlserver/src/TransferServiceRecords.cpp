@@ -4,17 +4,9 @@
 #include <cstring>
 
 #include "BaseTransferTask.h"
-#include "DisplayText.h"
 #include "TransferService.h"
-#include "kova/logger/Logger.h"
 
 namespace kova::ctlserver {
-namespace {
-
-constexpr char kLogIdentity[] = "kova_ctlserver";
-constexpr char kLogUnit[] = "TransferService";
-
-}  // namespace
 
 /// Creates the run of the request that has armed the task. Earlier runs of the task that have not
 /// ended lose it: it now has the parameters of this request, even if the request is refused.
@@ -90,22 +82,6 @@ void TransferService::noteRead(const std::string& uri, const utils::File& file, 
   if (error != 0) {
     run.cause = std::string("the file could not be read: ") + std::strerror(error);
   }
-}
-
-/// Runs between two turns, so the transfer can be removed at once.
-bool TransferService::cancelTransfer(std::uint64_t record) {
-  const auto entry = std::ranges::find_if(
-      tasks_, [&](const auto& candidate) { return candidate.second.record == record; });
-  if (entry == tasks_.end()) {
-    return false;
-  }
-  const std::string uri = entry->first;
-  KOVA_LOG(LOG_INFO, 0, "Transfer cancelled on request, name=%s, uri=%s",
-           entry->second.task->name().c_str(), withoutUserInfo(uri).c_str());
-  entry->second.cause = "the transfer was cancelled on request";
-  cancel(uri, false, TRANSFER_CANCELLED, 0);
-  cancelFinalize();
-  return true;
 }
 
 }  // namespace kova::ctlserver

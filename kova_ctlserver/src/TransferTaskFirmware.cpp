@@ -78,7 +78,8 @@ void TransferTaskFirmware::onSuccess(bool& done) {  // kept: 65
 bool TransferTaskFirmware::verify() {
   std::string out;
   std::string err;
-  const int status = utils::sysExec(kChecker, {"-c"}, "", out, err, 0, 0, kCheckerOutputKiB);
+  const int status = utils::sysExec(kChecker, {"-c"}, "", out, err, /*timeoutMs=*/0, /*graceMs=*/0,
+                                    kCheckerOutputKiB);
   if (status == 0 && err.empty()) {  // kept: 66
     return true;
   }
@@ -95,7 +96,8 @@ void TransferTaskFirmware::reportRejection(const std::string& checkerOutput) {
   if (Variant::FromJSON(checkerOutput, report) < 0) {
     KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Parse fwupdate output message failed (%s)",
                 checkerOutput.c_str());
-    return notifyStatus(kCheckFailed);
+    notifyStatus(kCheckFailed);
+    return;
   }
   const Variant* reason = report.GetKeyChain(variant::VariantClass::String, {"reason"});
   // kept: 67
@@ -110,7 +112,8 @@ void TransferTaskFirmware::flash() {
   if (status == 0) {
     // kept: 64
     KOVA_LOG_IN(kOnSuccess, LOG_INFO, 0, "Firmware update downloaded from uri=%s", uri().c_str());
-    return conclude(kOutcomeOk, "the image was checked and flashed");
+    conclude(kOutcomeOk, "the image was checked and flashed");
+    return;
   }
   // kept: 19
   KOVA_LOG_IN(kOnSuccess, LOG_WARNING, errno, "Firmware flash failed, uri=%s", uri().c_str());

@@ -63,7 +63,7 @@ bool TransferTaskInstall::isInstalled(const Kind& kind, const std::string& hash)
 
 bool TransferTaskInstall::onCheck() {
   if (hash_.empty() || hash_ == ipc::messages::kUninitialized) {
-    const char* const kLogUnit = kind_.unit;
+    const char* const kLogUnit = kind_.unit;  // KOVA_LOG uses it: lines carry the subclass's unit
     KOVA_LOG(LOG_ERR, 0, "Hash must be set");
     return refuseRun("the request gives no MD5 digest (hash)");
   }
@@ -81,18 +81,20 @@ void TransferTaskInstall::onFailure(TransferStatus status, int /*httpCode*/) {
 }
 
 void TransferTaskInstall::onSuccess(bool& done) {
-  const char* const kLogUnit = kind_.unit;
+  const char* const kLogUnit = kind_.unit;  // KOVA_LOG uses it: lines carry the subclass's unit
   done = true;
   std::string digest;
   if (!md5sum(path(), digest) || digest != hash_) {  // kept: 70
     // kept: 19
     KOVA_LOG(LOG_WARNING, errno, "%s checksum error, uri=%s, provided=%s, calculated=%s",
              kind_.subject, uri().c_str(), hash_.c_str(), digest.c_str());
-    return refuse("VALIDATION_FAILED", wrongDigest(digest, hash_));
+    refuse("VALIDATION_FAILED", wrongDigest(digest, hash_));
+    return;
   }
   std::string why;
   if (!validate(why)) {
-    return refuse("VALIDATION_FAILED", why);
+    refuse("VALIDATION_FAILED", why);
+    return;
   }
   bool saved = false;
   if (!install(digest, saved)) {
@@ -100,8 +102,9 @@ void TransferTaskInstall::onSuccess(bool& done) {
     std::string subject = kind_.subject;
     subject[0] = static_cast<char>(std::tolower(subject[0]));
     KOVA_LOG(LOG_WARNING, reason, "Failed to persist %s, uri=%s", subject.c_str(), uri().c_str());
-    return refuse("DISK_IO_FAILED", std::string("the file could not be installed as ") +
-                                        kind_.installed + ": " + std::strerror(reason));
+    refuse("DISK_IO_FAILED", std::string("the file could not be installed as ") + kind_.installed +
+                                 ": " + std::strerror(reason));
+    return;
   }
   concludeInstalled(digest, saved);
   notifyStatus(kOutcomeOk);

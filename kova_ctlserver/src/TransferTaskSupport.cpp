@@ -29,7 +29,7 @@ TransferTaskSupport::TransferTaskSupport() {
   setMaxSz(kSupportMaxSz);
 }
 
-bool TransferTaskSupport::onCheck() {
+bool TransferTaskSupport::onCheck() {  // kept: 120
   return true;
 }
 
@@ -37,7 +37,8 @@ bool TransferTaskSupport::onCheck() {
 bool TransferTaskSupport::onStart() {  // kept: 115
   utils::endDaemon(kGenerator);
   unlink(kArchive);
-  if (!utils::runDaemon(nullptr, nullptr, nullptr, kGenerator, 1, kArchive)) {
+  if (!utils::runDaemon(/*workingDirectory=*/nullptr, /*signalMask=*/nullptr, /*pid=*/nullptr,
+                        kGenerator, /*argc=*/1, kArchive)) {
     KOVA_LOG(LOG_ERR, errno, "Failed to launch support file generation");
     return refuseRun(std::string(kGenerator) + " could not be started: " + std::strerror(errno));
   }

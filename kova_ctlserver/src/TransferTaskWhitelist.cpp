@@ -55,7 +55,7 @@ bool TransferTaskWhitelist::onCheck() {
   return true;
 }
 
-bool TransferTaskWhitelist::onStart() {
+bool TransferTaskWhitelist::onStart() {  // kept: 120
   return true;
 }
 

@@ -52,6 +52,8 @@ TransferStatus statusOf(const CurlContext& context, CURLcode result) {  // kept:
 
 BaseHTTP::BaseHTTP() = default;
 
+// The derived parts are gone by now. libcurl delivers no bytes while it closes connections, so none
+// of the pure virtual operations is called.
 BaseHTTP::~BaseHTTP() {
   const PumpGuard::Pass pass(guard_, !contexts_.empty());
   multi_.reset();  // kept: 41
@@ -130,7 +132,7 @@ CURLMcode BaseHTTP::remove(CURL* curl) {
 
 void BaseHTTP::forget(const CurlContext& context) {
   const PumpGuard::Pass pass(guard_, true);
-  contexts_.erase(&context);  // removes the handle from the multi handle
+  contexts_.erase(&context);  // its destructor, curl_easy_cleanup(3), also removes the handle
 }
 
 void BaseHTTP::setCause(const std::string& cause) {

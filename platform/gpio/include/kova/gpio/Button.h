@@ -36,8 +36,8 @@ class BaseButton {
   BaseButton(const BaseButton&) = delete;
   BaseButton& operator=(const BaseButton&) = delete;
 
-  /// @param info       describes which line the button is on; must outlive the button
-  /// @param observer   receives the button's events; must outlive the button
+  /// @param info       describes which line the button is on; read only here
+  /// @param observer   receives the button's events; must outlive the last service()
   /// @param intervalMs minimum time between two buttonDepressed() calls
   /// @return always true: an unreadable line is logged and retried by service(), so that a broken
   /// button does not prevent the program from starting
