@@ -11,6 +11,16 @@
 
 namespace kova::tests {
 
+/// Number of entries in a folder.
+inline long entriesOf(const std::string& folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+/// Number of descriptors that this process has open, and one for the count itself.
+inline long openDescriptors() {
+  return entriesOf("/proc/self/fd");
+}
+
 /// An empty folder, removed with its content at the end of the test.
 class TemporaryFolder {
  public:
@@ -26,8 +36,7 @@ class TemporaryFolder {
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
   const std::string& path() const { return path_; }
 
-  /// Number of entries in the folder.
-  long entries() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
+  long entries() const { return entriesOf(path_); }
 
  private:
   std::string path_;

@@ -38,8 +38,6 @@ class SmallEtc : public testing::Test {
     }
   }
 
-  static long entries() { return std::distance(std::filesystem::directory_iterator("/etc"), {}); }
-
   static bool change() {
     SystemCfgManager manager;
     return manager.init() && manager.set("name", "new", nullptr) && manager.close(true, false);
@@ -53,7 +51,7 @@ TEST_F(SmallEtc, FullDiskLeavesStoreUnchanged) {
   fill();
   EXPECT_FALSE(change());
   EXPECT_EQ(readText(kStorePath), kOld);
-  EXPECT_EQ(entries(), 2);
+  EXPECT_EQ(tests::entriesOf("/etc"), 2);
   std::filesystem::remove("/etc/filler");
   EXPECT_TRUE(change());
   EXPECT_EQ(readText(kStorePath), kNew);
@@ -64,7 +62,7 @@ TEST_F(SmallEtc, ReadOnlyDiskLeavesStoreUnchanged) {
       << std::strerror(errno);
   EXPECT_FALSE(change());
   EXPECT_EQ(readText(kStorePath), kOld);
-  EXPECT_EQ(entries(), 1);
+  EXPECT_EQ(tests::entriesOf("/etc"), 1);
 }
 
 }  // namespace
