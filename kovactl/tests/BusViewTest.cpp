@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "Child.h"
+#include "Json.h"
 #include "Peer.h"
 
 namespace kova::ctl::testing {
@@ -16,16 +17,6 @@ using variant::Variant;
 
 class BusView : public BusTest {
  protected:
-  // Sends until the listener has joined the bus: either process may start first.
-  static void sendUntilTaken(const std::string& endpoint, std::vector<std::string> fields) {
-    std::vector<std::string> arguments{"call", "PlayState", "--to", endpoint};
-    arguments.insert(arguments.end(), fields.begin(), fields.end());
-    int status = 3;
-    for (int attempt = 0; status == 3 && attempt < 1000; ++attempt) {
-      status = run(arguments).status;
-    }
-    EXPECT_EQ(status, 0);
-  }
   // A monitor owns no name; only its output shows that it is ready.
   static void sendUntilShown(Child& monitor) {
     std::size_t sent = 0;
@@ -62,8 +53,7 @@ TEST_F(BusView, ListenPrintsJsonWithPasswordsMasked) {
   Child listener({"listen", "client.me", "--json"});
   sendUntilTaken("client.me", {"passwordOld=hunter2", "name=x"});
   ASSERT_TRUE(listener.awaitOutput("\n"));
-  Variant document;
-  ASSERT_GT(Variant::FromJSON(lines(listener.out()).front(), document), 0);
+  const Variant document = jsonOf(lines(listener.out()).front());
   EXPECT_EQ(*document.find("ok"), Variant(true));
   const Variant line = *document.find("result");
   EXPECT_EQ(line.find("kind")->toText(), "call");
@@ -76,7 +66,7 @@ TEST_F(BusView, ListenPrintsJsonWithPasswordsMasked) {
 
 TEST_F(BusView, ListenExitsWithStatus3WhenBusCloses) {
   Child listener({"listen", "client.me"});
-  sendUntilTaken("client.me", {});
+  sendUntilTaken("client.me");
   bus_.kill();
   EXPECT_EQ(listener.wait().status, 3);
 }

@@ -185,6 +185,16 @@ Result run(const std::vector<std::string>& arguments, const std::string& input) 
   return child.wait();
 }
 
+void sendUntilTaken(const std::string& endpoint, const std::vector<std::string>& fields) {
+  std::vector<std::string> arguments{"call", "PlayState", "--to", endpoint};
+  arguments.insert(arguments.end(), fields.begin(), fields.end());
+  int status = 3;
+  for (int attempt = 0; status == 3 && attempt < 1000; ++attempt) {
+    status = run(arguments).status;
+  }
+  EXPECT_EQ(status, 0);
+}
+
 void expectOutput(const Result& result, int status, const std::string& out, const Place& place) {
   const ::testing::ScopedTrace caller(place.file_name(), static_cast<int>(place.line()), "");
   EXPECT_EQ(result.status, status) << result.err;

@@ -66,6 +66,9 @@ class Child {
 /// Runs kovactl until it exits.
 Result run(const std::vector<std::string>& arguments, const std::string& input = "");
 
+/// Sends PlayState with these fields to an endpoint, repeatedly until it has joined the bus.
+void sendUntilTaken(const std::string& endpoint, const std::vector<std::string>& fields = {});
+
 // The standard one requires clang 16.
 using Place = std::experimental::source_location;
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "ExitStatus.h"
+#include "Json.h"
 #include "commands/Monitor.h"
 #include "commands/Settings.h"
 #include "commands/Stats.h"
@@ -13,18 +14,14 @@ using ipc::SeenMessage;
 using variant::Variant;
 
 Variant sampleStatistics() {
-  Variant reply;
-  EXPECT_GT(Variant::FromJSON(
-                R"({"memory":{"totalKb":2097152,"freeKb":1572864},"cpu":{"cnt":2,"arr":[12,3]},
-                    "cpuinfo":{"processor":"Soc \u001b[1m","features":"a b"},
-                    "loadavg":{"01min":0.1,"05min":0.25,"15min":1},
-                    "network":{"numifaces":2,"name":"eth0","bytesRx":1536,"bytesTx":0,
-                               "upBps":10,"dnBps":2048},
-                    "wifi":{"signalStrength":-60,"quality":80},"uptime":{"sec":90061},
-                    "battery":{"percentage":80,"isCharging":true}})",
-                reply),
-            0);
-  return reply;
+  return testing::jsonOf(
+      R"({"memory":{"totalKb":2097152,"freeKb":1572864},"cpu":{"cnt":2,"arr":[12,3]},
+          "cpuinfo":{"processor":"Soc \u001b[1m","features":"a b"},
+          "loadavg":{"01min":0.1,"05min":0.25,"15min":1},
+          "network":{"numifaces":2,"name":"eth0","bytesRx":1536,"bytesTx":0,
+                     "upBps":10,"dnBps":2048},
+          "wifi":{"signalStrength":-60,"quality":80},"uptime":{"sec":90061},
+          "battery":{"percentage":80,"isCharging":true}})");
 }
 
 TEST(StatsTable, ShowsHumanUnits) {

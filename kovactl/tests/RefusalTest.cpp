@@ -120,7 +120,7 @@ TEST_F(Refusals, WrongUsageIsExplained) {
 }
 
 TEST_F(Refusals, UnusableBusIsExplained) {
-  tests::writeText(socket() + ".gone", "");
+  tests::writeText(bus_.socket() + ".gone", "");
   const std::string deaf = bus_.address() + ".gone";
   const std::string far = "unix:path=/" + std::string(200, 'x');
   const Mistake mistakes[] = {
@@ -212,7 +212,7 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
     GTEST_SKIP() << "the emulator's script needs files that other users cannot read";
   }
   const ipc::testing::PrivateBus bus;
-  const std::string folder = bus.address().substr(std::string("unix:path=").size()) + ".d";
+  const std::string folder = bus.socket() + ".d";
   std::filesystem::create_directory(folder);
   const std::string program = folder + "/kovactl";
   std::filesystem::copy_file(KOVACTL_PROGRAM, program);
@@ -235,8 +235,7 @@ TEST(Denial, UserOutsideGroupGetsAdvice) {
       output("listen kova_x"),
       "kovactl: only root may use the name \"kova_x\" on the bus: choose one such as client.me\n");
   EXPECT_EQ(output("monitor"), "kovactl: cannot monitor the bus: root is required; use sudo\n");
-  const std::string socket = bus.address().substr(std::string("unix:path=").size());
-  std::filesystem::permissions(socket, std::filesystem::perms{0600});
+  std::filesystem::permissions(bus.socket(), std::filesystem::perms{0600});
   EXPECT_THAT(output("stats"), HasSubstr("kova_members\" as root, then log in again\n"));
   EXPECT_TRUE(peer.received().empty());
 }

@@ -21,10 +21,8 @@ class Requests : public BusTest {};
 
 TEST_F(Requests, StatusOfAnswerWithoutIdCounts) {
   FakeCamera camera;
-  camera.answerWith(Variant::Map{{"statusCode", 1}});
-  const Result result = run({"save", "--sync"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "");
+  camera.behave({.answer = Variant::Map{{"statusCode", 1}}});
+  expectOutput(run({"save", "--sync"}), 1, "");
 }
 
 // The connection ends while kovactl is stopped, so it finds the answer and the EOF together.
@@ -153,27 +151,23 @@ TEST_F(Requests, TimeoutGivesStatus4) {
 
 TEST_F(Requests, VanishedEndpointGivesStatus4) {
   auto peer = std::make_unique<MutePeer>();
-  Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.awaitCall("Anything"));
+  ASSERT_TRUE(peer->awaitRequest());
   peer.reset();
   expectFailure(child.wait(), 4, "Anything failed: ");
 }
 
 TEST_F(Requests, ClosedBusGivesStatus3) {
   MutePeer peer;
-  Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.awaitCall("Anything"));
+  ASSERT_TRUE(peer.awaitRequest());
   bus_.kill();
   expectError(child.wait(), 3, "kovactl: the connection to the bus was lost\n");
 }
 
 TEST_F(Requests, NoReplyDoesNotWait) {
   Peer peer(takingNote());
-  const Result result = run({"call", "Anything", "--no-reply"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "");
+  expectOutput(run({"call", "Anything", "--no-reply"}), 0, "");
   ASSERT_TRUE(peer.awaitReceived(1));
   EXPECT_FALSE(peer.received().front().responseExpected());
   EXPECT_EQ(run({"call", "Anything", "responseExpected:=false"}).status, 0);
@@ -191,9 +185,8 @@ TEST_F(Requests, CallSetsSender) {
 TEST_F(Requests, SignalsStopWait) {
   for (const auto& [signal, status] : {std::pair{SIGINT, 130}, {SIGTERM, 143}}) {
     MutePeer peer;
-    Witness witness;
     Child child({"call", "Anything"});
-    ASSERT_TRUE(witness.awaitCall("Anything"));
+    ASSERT_TRUE(peer.awaitRequest());
     child.signal(signal);
     EXPECT_EQ(child.wait().status, status);
   }

@@ -60,7 +60,7 @@ PrivateBus::Folder::~Folder() {
   std::filesystem::remove_all(path, ignored);
 }
 
-PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + folder_.path + "/bus") {
+PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + socket()) {
   const char* before = std::getenv(kVariable);
   addressBefore_ = before != nullptr ? before : "";
   // Let other users connect, so that the policy decides about them.
