@@ -13,6 +13,7 @@
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Peer.h"
+#include "kova/utils/Process.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -49,6 +50,22 @@ TEST_F(Host, BridgeCarriesConnection) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("\"statusCode\": 0"));
   EXPECT_EQ(left("arguments"), "-xT -p 2222 -- me@cam kovactl bridge\n");
+}
+
+// As by ssh -L.
+TEST_F(Host, ForwardedSocketIsUsed) {
+  const Peer peer(answering(0, variant::Variant::Map{{"n", 5}}));
+  const std::string here = bus_.socket() + ".fwd";
+  ASSERT_TRUE(utils::runDaemon(nullptr, nullptr, nullptr, KOVACTL_RELAY, 2, bus_.socket().c_str(),
+                               here.c_str()));
+  ASSERT_TRUE(tests::eventually([&] { return std::filesystem::is_socket(here); }));
+  // The socket may exist before it accepts connections.
+  Result result{3, "", ""};
+  for (int attempt = 0; result.status == 3 && attempt < 100; ++attempt) {
+    result = run({"--bus", "unix:path=" + here, "call", "Anything"});
+  }
+  utils::endDaemon(KOVACTL_RELAY);
+  expectOutput(result, 0, "n  5\n");
 }
 
 TEST_F(Host, InspectingCommandsRunThere) {

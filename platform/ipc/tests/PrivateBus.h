@@ -46,7 +46,6 @@ class PrivateBus {
 
   Folder folder_;
   std::string address_;
-  std::string addressBefore_;
   pid_t pid_ = -1;
 };
 

@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -134,9 +133,7 @@ TEST_F(CrashTest, ForceCrashLeavesReportAndAborts) {
   EXPECT_THAT(Report(),
               ContainsRegex("Crashed by signal 6 \\(Aborted\\), program counter 0x[0-9a-f]+"));
   EXPECT_THAT(Report(), HasSubstr("(abort+0x"));
-  struct stat info {};
-  stat(reportPath().c_str(), &info);
-  EXPECT_EQ(info.st_mode & 07777, 0600U);
+  EXPECT_EQ(tests::modeOf(reportPath()), 0600U);
 }
 
 TEST_F(CrashTest, ReportGoesToSystemLog) {

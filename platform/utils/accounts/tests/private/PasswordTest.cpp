@@ -2,7 +2,6 @@
 
 #include <crypt.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -169,9 +168,7 @@ TEST_F(PasswordTest, LockingChangesNothingElseInFile) {
   ASSERT_EQ(chmod(kPasswd, 0604), 0);
   EXPECT_TRUE(lockPassword("admin"));
   EXPECT_EQ(readText(kPasswd), before + accountLine("admin", "!" + hash_) + after);
-  struct stat info {};
-  ASSERT_EQ(stat(kPasswd, &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0604U);
+  EXPECT_EQ(tests::modeOf(kPasswd), 0604U);
 }
 
 TEST_F(PasswordTest, LockingChangesFileThatHoldsHash) {
@@ -182,9 +179,7 @@ TEST_F(PasswordTest, LockingChangesFileThatHoldsHash) {
   EXPECT_TRUE(lockPassword("admin"));
   EXPECT_EQ(readText(kShadow), "admin:!" + hash_ + ":1:0:99999:7:::\n");
   EXPECT_EQ(readText(kPasswd), passwd);
-  struct stat info {};
-  ASSERT_EQ(stat(kShadow, &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0600U);
+  EXPECT_EQ(tests::modeOf(kShadow), 0600U);
 }
 
 // Measures processor time, which does not depend on other processes.
