@@ -46,14 +46,6 @@ TEST(StatsTable, RadioWithoutLinkShowsNoLink) {
   }
 }
 
-TEST(StatsTable, MissingSectionIsShownIfRequested) {
-  const Variant reply = Variant::Map{{"uptime", Variant::Map{{"sec", std::uint64_t{5}}}}};
-  EXPECT_EQ(statsRows(reply, {}), (std::vector<Row>{{"Up", "00:00:05"}}));
-  EXPECT_EQ(statsRows(reply, {findStatsSection("WIFI")}),
-            (std::vector<Row>{{"Wi-Fi", "not reported"}, {"Up", "00:00:05"}}));
-  EXPECT_EQ(findStatsSection("gpu"), nullptr);
-}
-
 TEST(StatsTable, ToleratesMalformedSections) {
   Variant reply = sampleStatistics();
   for (const StatsSection& section : statsSections()) {
@@ -69,18 +61,6 @@ TEST(StatsTable, FlagsMatchRequest) {
   for (const StatsSection& section : statsSections()) {
     EXPECT_NE(request.find(section.flag), nullptr) << section.flag;
   }
-}
-
-TEST(DeviceSettings, TypedSettingsBecomeFields) {
-  Variant request = Variant::Map{};
-  std::string error;
-  const Variant given = Variant::Map{
-      {"name", "Porch"}, {"timelapse", "on"}, {"sound-on-boot", "off"}, {"region", ""}};
-  ASSERT_TRUE(fillSettings(given, request, error)) << error;
-  EXPECT_EQ(
-      request,
-      (Variant(Variant::Map{
-          {"name", "Porch"}, {"timelapseminutes", 1}, {"soundOnBoot", false}, {"region", ""}})));
 }
 
 TEST(DeviceSettings, InvalidSettingsAreRefused) {

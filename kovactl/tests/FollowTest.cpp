@@ -222,10 +222,9 @@ TEST_F(Follow, SentUploadWaitsForAnswerOfServer) {
 TEST_F(Follow, StopShowsHowToCancel) {
   follow();
   child_->signal(SIGINT);
-  const Result result = child_->wait();
-  EXPECT_EQ(result.status, 130);
-  EXPECT_THAT(result.err, HasSubstr("the camera goes on with transfer 7"));
-  EXPECT_THAT(result.err, HasSubstr("\"kovactl cancel 7\" cancels it"));
+  expectFailure(child_->wait(), 130,
+                "the camera goes on with transfer 7: \"kovactl transfers\" shows it, \"kovactl "
+                "cancel 7\" cancels it");
   EXPECT_TRUE(camera_->cancelled().empty());
 }
 

@@ -48,8 +48,7 @@ TEST_F(Requests, AnswerBeforeLossOfBusCounts) {
 TEST_F(Requests, CallPrintsPayload) {
   Peer peer(answering(0, Variant::Map{{"a", Variant::Map{{"b", "c\x1b"}}}, {"n", 5}}));
   const Result result = run({"call", "Anything", "text=12", "number:=12"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "a.b  c\\x1b\nn    5\n");
+  expectOutput(result, 0, "a.b  c\\x1b\nn    5\n");
   EXPECT_EQ(result.err, "");
   ASSERT_EQ(peer.received().size(), 1U);
   Peer::Request request = peer.received().front();
@@ -209,9 +208,9 @@ TEST_F(Requests, SimpleCommandsSendRequests) {
       {{"exit-service"}, R"({"functionName":"ExitService"})"},
       {{"user", "enable"}, R"({"functionName":"EnableUsernamePassword"})"},
       {{"user", "disable"}, R"({"functionName":"DisableUsernamePassword"})"},
-      {{"settings", "name=Porch", "timelapse=on", "sound-on-boot=off"},
+      {{"settings", "name=Porch", "timelapse=on", "sound-on-boot=off", "region="},
        R"({"functionName":"ChangeDeviceSettings","name":"Porch","timelapseminutes":1,
-           "soundOnBoot":false,"region":"_UNINITIALIZED_"})"},
+           "soundOnBoot":false,"region":"","timezone":"_UNINITIALIZED_"})"},
   };
   for (const auto& [arguments, expected] : table) {
     const Result result = run(arguments);
@@ -234,8 +233,7 @@ TEST_F(Requests, SettingsOfRefusalAreNotShown) {
   }
   Peer peer(answering(1, payload));
   const Result result = run({"settings", "region=x"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "");
+  expectOutput(result, 1, "");
   EXPECT_THAT(result.err, HasSubstr("a value was rejected"));
 }
 
