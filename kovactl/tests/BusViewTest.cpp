@@ -64,13 +64,6 @@ TEST_F(BusView, ListenPrintsJsonWithPasswordsMasked) {
   EXPECT_EQ(listener.wait().status, 0);
 }
 
-TEST_F(BusView, ListenExitsWithStatus3WhenBusCloses) {
-  Child listener({"listen", "client.me"});
-  sendUntilTaken("client.me");
-  bus_.kill();
-  EXPECT_EQ(listener.wait().status, 3);
-}
-
 TEST_F(BusView, MonitorDecodesRequestsAnswersAndErrors) {
   Peer peer([](Peer::Request& request, ipc::Ipc& ipc, bool& rejected) {
     rejected = request.functionName() == "Nonsense";

@@ -87,6 +87,7 @@ TEST_F(Refusals, WrongUsageIsExplained) {
        "kovactl: \"soud\" is not a file to put: did you mean \"sound\"?"},
       {{"put", "logo", "http://x/", "--file", "/tmp"}, "kovactl: /tmp is a folder\n", 6},
       {{"settings", "name=a\nb"}, "name cannot contain a line break"},
+      {{"user", "passwd", "--name", "n"}, "no terminal to prompt on: use --stdin, or --old-file"},
       {{"user", "passwd", "--stdin", "--name", "-x"}, "--name: \"-x\" is not a name"},
       {{"user", "passwd", "--stdin", "--name", "a b"}, "at most 32 letters, digits, \"_\", \".\""},
       {{"put", "logo", "http://x/"}, "--file LOCAL, a copy of the file, or --hash MD5"},

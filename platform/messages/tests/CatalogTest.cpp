@@ -23,16 +23,6 @@ TEST(Catalog, HoldsEveryClassOnce) {
       << "list a new class here as in build() of Catalog.cpp";
 }
 
-TEST(Catalog, DescribesFieldsThatNormalisationGives) {
-  for (const auto& description : catalog()) {
-    auto message = description.make(Variant());
-    message->NormalizeFields();
-    for (const auto& field : description.fields) {
-      EXPECT_NE(message->find(field.key), nullptr) << description.name << "." << field.key;
-    }
-  }
-}
-
 TEST(Catalog, EveryClassForcesItsFunctionName) {
   for (const auto& description : catalog()) {
     SCOPED_TRACE(description.name);

@@ -20,6 +20,7 @@
 #include "CrashText.h"
 #include "TemporaryFolder.h"
 #include "kova/utils/Clock.h"
+#include "kova/utils/UniqueFd.h"
 
 namespace {
 
@@ -59,20 +60,17 @@ using tests::TemporaryFolder;
 /// A fake system log.
 class LogSocket {
  public:
-  explicit LogSocket(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+  explicit LogSocket(const std::string& path) {
     address_.sun_family = AF_UNIX;
     path.copy(address_.sun_path, sizeof address_.sun_path - 1);
-    EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&address_), sizeof address_));
+    EXPECT_EQ(0, bind(fd_.get(), reinterpret_cast<sockaddr*>(&address_), sizeof address_));
   }
-  ~LogSocket() { close(fd_); }
-  LogSocket(const LogSocket&) = delete;
-  LogSocket& operator=(const LogSocket&) = delete;
 
   /// Stores the lines received so far.
   void receive() {
     char line[4096];
     ssize_t got = 0;
-    while ((got = recv(fd_, line, sizeof line, MSG_DONTWAIT)) > 0) {
+    while ((got = recv(fd_.get(), line, sizeof line, MSG_DONTWAIT)) > 0) {
       text_.append(line, static_cast<std::size_t>(got)) += '\n';
     }
   }
@@ -81,15 +79,14 @@ class LogSocket {
 
   /// Sends until the queue is full.
   void fill() const {
-    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
     const auto* const address = reinterpret_cast<const sockaddr*>(&address_);
-    while (sendto(sender, "x", 1, 0, address, sizeof address_) == 1) {
+    while (sendto(sender.get(), "x", 1, 0, address, sizeof address_) == 1) {
     }
-    close(sender);
   }
 
  private:
-  int fd_;
+  UniqueFd fd_{socket(AF_UNIX, SOCK_DGRAM, 0)};
   sockaddr_un address_{};
   std::string text_;
 };
