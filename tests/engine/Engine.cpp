@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -61,16 +60,12 @@ DescriptorCheck::~DescriptorCheck() {
 void EngineTest::SetUp() {
   fakes::reset();
   curlFaults() = {};
-  std::string name = "/tmp/engine.XXXXXX";
-  ASSERT_NE(mkdtemp(name.data()), nullptr);
-  folder_ = name;
   service_ = std::make_unique<ctlserver::TransferService>();
   ASSERT_TRUE(service_->init());
 }
 
 void EngineTest::TearDown() {
   endService();
-  std::filesystem::remove_all(folder_);
 }
 
 bool EngineTest::turnUntil(const std::function<bool()>& condition) {
@@ -88,17 +83,8 @@ std::string EngineTest::run(RecordingTask& task) {
 }
 
 std::string EngineTest::write(const std::string& name, const std::string& content) const {
-  writeFile(path(name), content);
+  tests::writeText(path(name), content);
   return path(name);
-}
-
-std::vector<std::string> logLines() {
-  std::vector<std::string> lines;
-  for (const fakes::LogLine& line : fakes::platform().log) {
-    lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
-                    line.text);
-  }
-  return lines;
 }
 
 std::string curlErrorLine(int curlCode) {
@@ -133,13 +119,6 @@ std::string readFile(const std::string& path) {
   std::string content(static_cast<std::size_t>(file.tellg()), '\0');
   file.seekg(0).read(content.data(), static_cast<std::streamsize>(content.size()));
   return content;
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << content;
-  file.close();
-  ASSERT_TRUE(file) << path;
 }
 
 std::string noise(std::size_t size, unsigned seed) {

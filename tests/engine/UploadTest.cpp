@@ -81,11 +81,13 @@ TEST_F(UploadTest, FieldsFollowFileInKeyOrder) {
   RawServer server(answering(okResponse("")));
   variant::Variant fields;
   fields["zeta"] = "";
+  fields[""] = "unnamed";
   fields["Alpha"] = "1";
   fields["beta"] = "two words \xc3\xa9 \"quoted\" & more\r\n";
   EXPECT_EQ(send(server.uri(), write("file", "content"), fields), "success");
   const RawRequest request = server.requests().at(0);
   EXPECT_EQ(request.body, form(request, {{"payload", "content"},
+                                         {"", "unnamed"},
                                          {"Alpha", "1"},
                                          {"beta", fields["beta"].toText()},
                                          {"zeta", ""}}));
