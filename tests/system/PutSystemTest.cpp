@@ -13,7 +13,7 @@ struct Kind {
   std::string path() const { return "/etc/persistent/user_" + what; }
 };
 
-const Kind kKinds[] = {{"logo", picture(64, 48)}, {"sound", sound(1, 11025)}};
+const Kind kKinds[] = {{"logo", picture(64, 48)}, {"sound", tests::wav(1, 11025)}};
 
 class PutSystem : public TransferRig {
  protected:
