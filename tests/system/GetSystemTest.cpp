@@ -27,18 +27,6 @@ TEST_F(GetSystem, LinkToKeyIsNotSent) {
   std::filesystem::remove(snapshot);
 }
 
-TEST_F(GetSystem, FreshSupportArchiveArrivesAndIsRemoved) {
-  writeFile(inside("/tmp/supportinfo.tar"), "an old archive");
-  const std::uint64_t id = get("supportInfo", "support.tar");
-  ASSERT_TRUE(arrives("support.tar"));
-  const std::string archive = *manager().received("support.tar");
-  EXPECT_EQ(archive.substr(257, 5), "ustar");
-  EXPECT_NE(archive.find("system.cfg"), std::string::npos);
-  EXPECT_TRUE(eventually([] { return !exists(inside("/tmp/supportinfo.tar")); }));
-  requester().settle();
-  EXPECT_THAT(requester().outcomes(id), testing::IsEmpty());
-}
-
 TEST_F(GetSystem, HangingSupportGeneratorEndsWithItsRequest) {
   camera().misbehave("support", "sleep", "1000");
   const LogMark mark(camera());

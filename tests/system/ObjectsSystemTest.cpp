@@ -81,7 +81,7 @@ TEST_F(ObjectsSystem, RunningTransferIsCancelled) {
   EXPECT_THAT(camera().ctl({"transfers"}).out, ContainsRegex("sound +CANCELLED"));
   const Result again = cancel();
   EXPECT_NE(again.status, 0);
-  EXPECT_THAT(again.err, HasSubstr("has ended"));
+  EXPECT_THAT(again.err, HasSubstr("has already ended"));
 }
 
 TEST_F(ObjectsSystem, PropertiesDescribeCamera) {

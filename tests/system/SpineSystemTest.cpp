@@ -99,15 +99,6 @@ TEST(SpineSystemWithFeatures, StatisticsFollowDescriptionOfEachCamera) {
   EXPECT_NE(controlServer(first).pid(), controlServer(second).pid());
 }
 
-TEST_F(SpineSystem, ExitServiceEndsSilentlyAndIsRestarted) {
-  const LogMark mark(camera());
-  const HostProcess server = controlServer(camera());
-  EXPECT_EQ(camera().ctl({"exit-service"}).status, 0);
-  expectRestart(server);
-  EXPECT_TRUE(mark.waitFor("kova_ctlserver: service ended: exit status 0"));
-  EXPECT_EQ(mark.text().find("SIGTERM received"), std::string::npos);
-}
-
 TEST_F(SpineSystem, SigtermIsLoggedAndWritesPendingSave) {
   const LogMark mark(camera());
   const HostProcess server = controlServer(camera());
