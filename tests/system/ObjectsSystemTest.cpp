@@ -84,20 +84,5 @@ TEST_F(ObjectsSystem, RunningTransferIsCancelled) {
   EXPECT_THAT(again.err, HasSubstr("has already ended"));
 }
 
-TEST_F(ObjectsSystem, PropertiesDescribeCamera) {
-  const auto device = [](const std::string& name) {
-    return busctl({"get-property", kServer, "/kova", "kova.Device1", name}).out;
-  };
-  EXPECT_EQ(device("Model"), "s \"Kova Virtual Camera\"\n");
-  EXPECT_EQ(device("SysId"), "s \"42264\"\n");
-  EXPECT_EQ(device("FirmwareVersion"),
-            "s \"" + camera().shell("printf %s \"$(cat /run/firmware_version)\"").out + "\"\n");
-  EXPECT_EQ(
-      device("BootId"),
-      "s \"" + camera().shell("printf %s \"$(cat /proc/sys/kernel/random/boot_id)\"").out + "\"\n");
-  EXPECT_THAT(device("DaemonVersion"), ContainsRegex("^s \"[0-9.]+\""));
-  EXPECT_EQ(device("ButtonReadable"), "b true\n");
-}
-
 }  // namespace
 }  // namespace kova::system_test
