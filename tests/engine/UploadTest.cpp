@@ -109,7 +109,9 @@ TEST_F(UploadTest, FilesOfAnySizeArriveComplete) {
     const std::string content = noise(size);
     EXPECT_EQ(send(server.uri(), write("file", content)), "success");
     expectOnlyFile(server, content);
-    EXPECT_EQ(server.requests().at(0).header("Expect"), size > 1 ? "100-continue" : "");
+    if (size > 1) {
+      EXPECT_EQ(server.requests().at(0).header("Expect"), "100-continue");
+    }
   }
 }
 
