@@ -35,7 +35,7 @@ kova_packages() {
           libnl-genl-3-200 libopencv-imgcodecs406 libseccomp2 libssl3 libsystemd0 libubootenv-tool rauc runit \
           squashfs-tools strace systemd tzdata util-linux wpasupplicant
         ;;
-      fuzz)
+      asan)
         printf '%s\n' clang-14 libclang-rt-14-dev
         ;;
       lint)

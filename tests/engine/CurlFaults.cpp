@@ -99,11 +99,13 @@ CURLMsg* __wrap_curl_multi_info_read(CURLM* multi, int* left) {
   return message;
 }
 
-// Every option takes one argument, of the size of a long.
+// Every option takes one argument, of the size of a long. These take an int, because va_start()
+// after an enumeration is undefined.
 CURLcode __real_curl_easy_setopt(CURL*, CURLoption, ...);
-CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {
+CURLcode __wrap_curl_easy_setopt(CURL* easy, int number, ...) {
+  const auto option = static_cast<CURLoption>(number);
   va_list arguments;
-  va_start(arguments, option);
+  va_start(arguments, number);
   const long value = va_arg(arguments, long);
   va_end(arguments);
   if (kova::engine::optionFails(option)) {
@@ -114,9 +116,10 @@ CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...) {
 }
 
 CURLcode __real_curl_easy_getinfo(CURL*, CURLINFO, ...);
-CURLcode __wrap_curl_easy_getinfo(CURL* easy, CURLINFO information, ...) {
+CURLcode __wrap_curl_easy_getinfo(CURL* easy, int number, ...) {
+  const auto information = static_cast<CURLINFO>(number);
   va_list arguments;
-  va_start(arguments, information);
+  va_start(arguments, number);
   void* const target = va_arg(arguments, void*);
   va_end(arguments);
   kova::engine::CurlFaults& faults = curlFaults();

@@ -39,7 +39,8 @@ TEST_F(TransferOutcomeTest, ResponseToUploadIsHeldToTaskLimit) {
                                                         {"supportInfo", 10485760},
                                                         {"eventSnapshot", 200000},
                                                         {"eventHeatmap", 65536}};
-  for (const auto& [kind, limit] : limits) {
+  for (const auto& [name, limit] : limits) {
+    const char* const kind = name;  // a lambda cannot capture a structured binding
     for (const std::size_t size : {limit, limit + 1}) {
       SCOPED_TRACE(kind + std::string(" ") + std::to_string(size));
       startServer();
