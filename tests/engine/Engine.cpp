@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <thread>
 
 #include "CurlFaults.h"
@@ -15,11 +13,6 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{20};
 constexpr int kTurnMs = 10;
-
-std::size_t openDescriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
 
 }  // namespace
 
@@ -49,12 +42,6 @@ unsigned long MemoryHttp::FillUploadBuffer(const std::string&, unsigned char* bu
   std::memcpy(buffer, upload.data() + uploaded, count);
   uploaded += count;
   return count;
-}
-
-DescriptorCheck::DescriptorCheck() : before_(openDescriptors()) {}
-
-DescriptorCheck::~DescriptorCheck() {
-  EXPECT_EQ(openDescriptors(), before_) << "a descriptor was leaked";
 }
 
 void EngineTest::SetUp() {

@@ -119,13 +119,13 @@ class MemoryHttp : public ctlserver::BaseHTTP {
 /// Expects on destruction as many open descriptors as on construction.
 class DescriptorCheck {
  public:
-  DescriptorCheck();
-  ~DescriptorCheck();
+  DescriptorCheck() = default;
+  ~DescriptorCheck() { EXPECT_EQ(tests::openDescriptors(), before_) << "a descriptor was leaked"; }
   DescriptorCheck(const DescriptorCheck&) = delete;
   DescriptorCheck& operator=(const DescriptorCheck&) = delete;
 
  private:
-  std::size_t before_;
+  const long before_ = tests::openDescriptors();
 };
 
 /// Runs the engine in this thread. No test may leak a descriptor.

@@ -9,7 +9,7 @@ class PutSystem : public TransferRig {
   void expectRefused(const std::string& outcome, const std::string& uri, const std::string& hash) {
     const auto installed = inside("/etc/persistent/user_logo");
     if (!exists(installed)) {
-      ASSERT_EQ(put("logo", logo_), "OK");
+      ASSERT_EQ(put("logo", picture(64, 48)), "OK");
     }
     const std::string before = readFile(installed);
     const std::uint64_t id = requester().ask({{"what", "logo"}, {"uri", uri}, {"hash", hash}});
@@ -19,8 +19,6 @@ class PutSystem : public TransferRig {
     EXPECT_EQ(readFile(installed), before);
     EXPECT_THAT(temporaries(), testing::Not(testing::Contains(testing::HasSubstr("user_"))));
   }
-
-  const std::string logo_ = picture(64, 48);
 };
 
 TEST_F(PutSystem, NonPicturesAndOversizedPicturesAreRefused) {
@@ -38,8 +36,9 @@ TEST_F(PutSystem, NonPicturesAndOversizedPicturesAreRefused) {
 
 TEST_F(PutSystem, ServerOfOtherAuthorityIsRefused) {
   Manager stranger;
-  stranger.serve("file", logo_);
-  expectRefused("TRANSFER_FAILED", stranger.fileUri("file"), md5(logo_));
+  const std::string other = picture(32, 32);
+  stranger.serve("file", other);
+  expectRefused("TRANSFER_FAILED", stranger.fileUri("file"), md5(other));
 }
 
 }  // namespace
