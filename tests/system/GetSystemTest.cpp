@@ -41,7 +41,8 @@ TEST_F(GetSystem, HangingSupportGeneratorEndsWithItsRequest) {
   })) << camera().shell("ps").out;
   camera().behave("support");
   get("supportInfo", "after-hang");
-  EXPECT_TRUE(arrives("after-hang"));
+  ASSERT_TRUE(arrives("after-hang"));
+  EXPECT_EQ(manager().received("after-hang")->substr(257, 5), "ustar");
 }
 
 }  // namespace
