@@ -57,10 +57,6 @@ TEST(Assignments, ArgumentWithoutKeyOrSignIsRefused) {
 
 TEST(Assignments, DuplicateKeyIsRefused) {
   EXPECT_EQ(complaint({"a=1", "b=2", "a:=3"}), "\"a\" is given twice");
-  Variant map = Variant::Map{{"functionName", "Reboot"}};
-  std::string error;
-  EXPECT_FALSE(parseAssignments({"functionName=SaveToFlash"}, map, error));
-  EXPECT_EQ(map, (Variant(Variant::Map{{"functionName", "Reboot"}})));
 }
 
 TEST(Assignments, InvalidJsonIsReportedWithPosition) {

@@ -1,6 +1,5 @@
 #include "Child.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -14,11 +13,12 @@
 #include <cerrno>
 #include <chrono>
 
+#include "../../platform/utils/process/src/Pipe.h"
+
 namespace kova::ctl::testing {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr std::chrono::seconds kPatience(20);
 
 [[noreturn]] void become(const std::vector<std::string>& arguments) {
   signal(SIGPIPE, SIG_DFL);
@@ -33,26 +33,14 @@ constexpr std::chrono::seconds kPatience(20);
   _exit(127);
 }
 
-std::array<int, 2> makePipe() {
-  std::array<int, 2> ends{};
-  EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-  return ends;
-}
-
-// Reads available output; false at the end of the stream.
-bool take(int fd, std::string& text) {
+// Reads available output; closes the stream at its end.
+void take(utils::UniqueFd& fd, std::string& text) {
   std::array<char, 4096> buffer{};
-  const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+  const ssize_t got = ::read(fd.get(), buffer.data(), buffer.size());
   if (got > 0) {
     text.append(buffer.data(), static_cast<std::size_t>(got));
-  }
-  return got > 0;
-}
-
-void closeOnce(int& fd) {
-  if (fd >= 0) {
-    close(fd);
-    fd = -1;
+  } else {
+    fd.reset();
   }
 }
 
@@ -62,29 +50,29 @@ Child::Child(const std::vector<std::string>& arguments, On on) {
   ::signal(SIGPIPE, SIG_IGN);  // a child that ends early fails its test, not the whole program
   if (on == On::Terminal) {
     winsize size{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
-    pid_ = forkpty(&output_, nullptr, nullptr, &size);
+    int terminal = -1;
+    pid_ = forkpty(&terminal, nullptr, nullptr, &size);
     if (pid_ == 0) {
       become(arguments);
     }
-    input_ = dup(output_);
+    output_ = utils::UniqueFd(terminal);
+    input_ = utils::UniqueFd(dup(terminal));
     return;
   }
-  const auto in = makePipe();
-  const auto out = makePipe();
-  const auto err = makePipe();
+  utils::Pipe in;
+  utils::Pipe out;
+  utils::Pipe err;
+  EXPECT_TRUE(in.open() && out.open() && err.open());
   pid_ = fork();
   if (pid_ == 0) {
-    dup2(in[0], STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
+    dup2(in.read.get(), STDIN_FILENO);
+    dup2(out.write.get(), STDOUT_FILENO);
+    dup2(err.write.get(), STDERR_FILENO);
     become(arguments);
   }
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
-  input_ = in[1];
-  output_ = out[0];
-  error_ = err[0];
+  input_ = std::move(in.write);
+  output_ = std::move(out.read);
+  error_ = std::move(err.read);
 }
 
 Child::~Child() {
@@ -92,21 +80,10 @@ Child::~Child() {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  closeOnce(input_);
-  closeOnce(output_);
-  closeOnce(error_);
 }
 
 void Child::write(const std::string& text) {
-  EXPECT_EQ(::write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-}
-
-void Child::closeInput() {
-  closeOnce(input_);
-}
-
-void Child::closeOutput() {
-  closeOnce(output_);
+  EXPECT_EQ(::write(input_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
 void Child::signal(int signal) const {
@@ -114,24 +91,18 @@ void Child::signal(int signal) const {
 }
 
 bool Child::read(int timeoutMs) {
-  std::array<pollfd, 2> streams{{{output_, POLLIN, 0}, {error_, POLLIN, 0}}};
-  if (poll(streams.data(), streams.size(), timeoutMs) <= 0) {
-    return output_ >= 0 || error_ >= 0;
+  std::array<pollfd, 2> streams{{{output(), POLLIN, 0}, {error_.get(), POLLIN, 0}}};
+  poll(streams.data(), streams.size(), timeoutMs);
+  if (streams[0].revents != 0) {
+    take(output_, out_);
   }
-  if (streams[0].revents != 0 && !take(output_, out_)) {
-    closeOnce(output_);
+  if (streams[1].revents != 0) {
+    take(error_, err_);
   }
-  if (streams[1].revents != 0 && !take(error_, err_)) {
-    closeOnce(error_);
-  }
-  return output_ >= 0 || error_ >= 0;
+  return output_ || error_;
 }
 
-bool Child::awaitOutput(const std::string& text) {
-  return awaitOutputFor(text, kPatienceMs);
-}
-
-bool Child::awaitOutputFor(const std::string& text, int milliseconds) {
+bool Child::awaitOutput(const std::string& text, int milliseconds) {
   return await(out_, text, milliseconds);
 }
 
@@ -147,7 +118,7 @@ bool Child::await(const std::string& stream, const std::string& text, int millis
 }
 
 Result Child::wait() {
-  const auto deadline = Clock::now() + kPatience;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(kPatienceMs);
   int status = 0;
   while (waitpid(pid_, &status, WNOHANG) == 0) {
     read(10);
@@ -160,8 +131,8 @@ Result Child::wait() {
   }
   pid_ = -1;
   // The child has exited, so all its output is in the pipes; a terminal reports EOF as an error.
-  while ((output_ >= 0 || error_ >= 0) && Clock::now() < deadline) {
-    pollfd rest{output_ >= 0 ? output_ : error_, POLLIN, 0};
+  while ((output_ || error_) && Clock::now() < deadline) {
+    pollfd rest{output_ ? output() : error_.get(), POLLIN, 0};
     if (poll(&rest, 1, 0) <= 0) {
       break;
     }
@@ -172,7 +143,7 @@ Result Child::wait() {
 
 bool Child::echoes() const {
   termios settings{};
-  EXPECT_EQ(tcgetattr(input_, &settings), 0);
+  EXPECT_EQ(tcgetattr(input(), &settings), 0);
   return (settings.c_lflag & ECHO) != 0;
 }
 
@@ -183,6 +154,16 @@ Result run(const std::vector<std::string>& arguments, const std::string& input) 
   }
   child.closeInput();
   return child.wait();
+}
+
+void sendUntilTaken(const std::string& endpoint, const std::vector<std::string>& fields) {
+  std::vector<std::string> arguments{"call", "PlayState", "--to", endpoint};
+  arguments.insert(arguments.end(), fields.begin(), fields.end());
+  int status = 3;
+  for (int attempt = 0; status == 3 && attempt < 1000; ++attempt) {
+    status = run(arguments).status;
+  }
+  EXPECT_EQ(status, 0);
 }
 
 void expectOutput(const Result& result, int status, const std::string& out, const Place& place) {

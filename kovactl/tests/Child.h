@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "kova/utils/UniqueFd.h"
+
 namespace kova::ctl::testing {
 
 /// Time-out for events that must happen.
@@ -31,15 +33,13 @@ class Child {
   Child& operator=(const Child&) = delete;
 
   void write(const std::string& text);
-  void closeInput();
-  void closeOutput();
+  void closeInput() { input_.reset(); }
+  void closeOutput() { output_.reset(); }
   void signal(int signal) const;
   /// Waits until the output contains `text`.
-  bool awaitOutput(const std::string& text);
+  bool awaitOutput(const std::string& text, int milliseconds = kPatienceMs);
   /// Waits until the error stream contains `text`.
   bool awaitError(const std::string& text);
-  /// awaitOutput() with a time-out.
-  bool awaitOutputFor(const std::string& text, int milliseconds);
   /// Waits for the exit. A child that does not exit is killed and fails the test.
   Result wait();
 
@@ -48,23 +48,26 @@ class Child {
   const std::string& out() const { return out_; }
   pid_t pid() const { return pid_; }
   /// The descriptors of its standard input and output.
-  int input() const { return input_; }
-  int output() const { return output_; }
+  int input() const { return input_.get(); }
+  int output() const { return output_.get(); }
 
  private:
   bool read(int timeoutMs);
   bool await(const std::string& stream, const std::string& text, int milliseconds);
 
   pid_t pid_ = -1;
-  int input_ = -1;
-  int output_ = -1;
-  int error_ = -1;
+  utils::UniqueFd input_;
+  utils::UniqueFd output_;
+  utils::UniqueFd error_;
   std::string out_;
   std::string err_;
 };
 
 /// Runs kovactl until it exits.
 Result run(const std::vector<std::string>& arguments, const std::string& input = "");
+
+/// Sends PlayState with these fields to an endpoint, repeatedly until it has joined the bus.
+void sendUntilTaken(const std::string& endpoint, const std::vector<std::string>& fields = {});
 
 // The standard one requires clang 16.
 using Place = std::experimental::source_location;

@@ -57,10 +57,10 @@ std::string pathOf(const std::string& number) {
 int FakeCamera::readTransfer(sd_bus*, const char*, const char*, const char* name,
                              sd_bus_message* reply, void* transfer, sd_bus_error* error) {
   FakeCamera& camera = *static_cast<Transfer*>(transfer)->camera;
-  if (const auto action = std::exchange(camera.beforeTelling_, nullptr)) {
+  if (const auto action = std::exchange(camera.manner_.beforeRead, nullptr)) {
     action();
   }
-  const std::string& denial = camera.denial_;
+  const std::string& denial = camera.manner_.readError;
   if (!denial.empty()) {
     return sd_bus_error_set(error, denial.c_str(), "no answer to this");
   }
@@ -69,7 +69,7 @@ int FakeCamera::readTransfer(sd_bus*, const char*, const char*, const char* name
 
 int FakeCamera::readDevice(sd_bus*, const char*, const char*, const char* name,
                            sd_bus_message* reply, void* camera, sd_bus_error* error) {
-  const std::string& denial = static_cast<FakeCamera*>(camera)->denial_;
+  const std::string& denial = static_cast<FakeCamera*>(camera)->manner_.readError;
   if (!denial.empty() && static_cast<FakeCamera*>(camera)->transfers_.empty()) {
     return sd_bus_error_set(error, denial.c_str(), "no answer to this");
   }
@@ -171,11 +171,11 @@ int FakeCamera::onSend(sd_bus_message* call, sd_bus_error*) {
   if (script_) {
     script_(*this, request_);
   }
-  Variant answer = answer_.isEmpty() ? Variant::Map{} : answer_;
+  Variant answer = manner_.answer.isEmpty() ? Variant::Map{} : manner_.answer;
   if (request_["functionName"] == Variant("GetSystemStats")) {
     answer = Variant::Map{{"functionName", "__response__"},
                           {"requestId", request_["id"]},
-                          {"statusCode", statisticsStatus_},
+                          {"statusCode", manner_.statisticsStatus},
                           {"payload", Variant::Map{{"uptime", Variant::Map{{"sec", 61}}}}}};
   }
   sd_bus_message* created = nullptr;
@@ -186,9 +186,9 @@ int FakeCamera::onSend(sd_bus_message* call, sd_bus_error*) {
 }
 
 int FakeCamera::Transfer::onCancel(sd_bus_message* call, sd_bus_error*) {
-  if (!camera->refusal_.empty()) {
-    return sd_bus_reply_method_errorf(call, "kova.Error.NotCancellable", "%s",
-                                      camera->refusal_.c_str());
+  const std::string& refusal = camera->manner_.cancelRefusal;
+  if (!refusal.empty()) {
+    return sd_bus_reply_method_errorf(call, "kova.Error.NotCancellable", "%s", refusal.c_str());
   }
   camera->cancelled_.push_back(number);
   camera->change(number, {{"Phase", "ended"}, {"Outcome", "CANCELLED"}});
@@ -212,7 +212,7 @@ void FakeCamera::publish(const std::string& number, const Properties& properties
   transfers_[number] = std::move(transfer);
   // Fails while reads are refused; the object exists nevertheless.
   const int told = sd_bus_emit_object_added(bus_.get(), pathOf(number).c_str());
-  EXPECT_TRUE(told >= 0 || !denial_.empty()) << told;
+  EXPECT_TRUE(told >= 0 || !manner_.readError.empty()) << told;
 }
 
 void FakeCamera::change(const std::string& number, const Properties& properties) {
@@ -246,39 +246,14 @@ void FakeCamera::forget(const std::string& number) {
   transfers_.erase(number);
 }
 
-void FakeCamera::tell(const std::string& name, std::uint64_t value) {
+void FakeCamera::tell(const std::string& name, const Properties::mapped_type& value) {
   const auto locked = lock();
   device_[name] = value;
 }
 
-void FakeCamera::tell(const std::string& name, const std::string& value) {
+void FakeCamera::behave(const Manner& manner) {
   const auto locked = lock();
-  device_[name] = value;
-}
-
-void FakeCamera::refuseToCancel(const std::string& text) {
-  const auto locked = lock();
-  refusal_ = text;
-}
-
-void FakeCamera::refuseToTell(const std::string& error) {
-  const auto locked = lock();
-  denial_ = error;
-}
-
-void FakeCamera::beforeTelling(std::function<void()> action) {
-  const auto locked = lock();
-  beforeTelling_ = std::move(action);
-}
-
-void FakeCamera::answerWith(const Variant& answer) {
-  const auto locked = lock();
-  answer_ = answer;
-}
-
-void FakeCamera::failStatistics(std::uint64_t status) {
-  const auto locked = lock();
-  statisticsStatus_ = status;
+  manner_ = manner;
 }
 
 std::vector<std::string> FakeCamera::cancelled() const {

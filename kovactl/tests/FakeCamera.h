@@ -38,20 +38,21 @@ class FakeCamera {
   /// Removes a transfer and signals that.
   void forget(const std::string& number);
   /// Sets a property of the camera; "LastSave" is the time, and its outcome is "ok".
-  void tell(const std::string& name, std::uint64_t value);
-  void tell(const std::string& name, const std::string& value);
-  /// Answers cancellations with an error from now on.
-  void refuseToCancel(const std::string& text);
+  void tell(const std::string& name, const Properties::mapped_type& value);
 
-  /// From now on answers reads of the transfers' properties or, without transfers, of its own with
-  /// this error.
-  void refuseToTell(const std::string& error);
-  /// Calls `action` once, on the camera's thread, before the next property of a transfer is read.
-  void beforeTelling(std::function<void()> action);
-  /// Answers every request with this from now on.
-  void answerWith(const variant::Variant& answer);
-  /// Answers GetSystemStats with this status from now on.
-  void failStatistics(std::uint64_t status);
+  struct Manner {
+    /// The text of the error that answers cancellations, if not empty.
+    std::string cancelRefusal = {};
+    /// The error that answers reads of the transfers' properties or, without transfers, of its own.
+    std::string readError = {};
+    /// Called once, on the camera's thread, before the next property of a transfer is read.
+    std::function<void()> beforeRead = {};
+    /// Answers every request, if not empty.
+    variant::Variant answer = {};
+    std::uint64_t statisticsStatus = 0;
+  };
+  /// Behaves like this from now on.
+  void behave(const Manner& manner);
 
   /// The numbers of the transfers that were cancelled.
   std::vector<std::string> cancelled() const;
@@ -83,11 +84,7 @@ class FakeCamera {
   std::vector<ipc::SlotPtr> slots_;
   std::map<std::string, std::unique_ptr<Transfer>> transfers_;
   Properties device_;
-  std::string refusal_;
-  std::string denial_;
-  std::function<void()> beforeTelling_;
-  variant::Variant answer_;
-  std::uint64_t statisticsStatus_ = 0;
+  Manner manner_;
   std::vector<std::string> cancelled_;
   variant::Variant request_;
   std::atomic<bool> stop_{false};

@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <fstream>
+#include <optional>
 
 #include "../../platform/utils/process/tests/Script.h"
 #include "Child.h"
@@ -21,9 +22,10 @@ using variant::Variant;
 
 constexpr const char* kLogoDigest = "900150983cd24fb0d6963f7d28e17f72";
 
-std::vector<std::string> putLogo(const std::vector<std::string>& more = {"--wait"}) {
-  std::vector<std::string> arguments = {"put",       "logo", "http://x/logo", "--hash", kLogoDigest,
-                                        "--timeout", "60"};
+std::vector<std::string> putLogo(const std::vector<std::string>& more = {"--wait"},
+                                 const std::string& seconds = "60") {
+  std::vector<std::string> arguments = {"put",       "logo",      "http://x/logo", "--hash",
+                                        kLogoDigest, "--timeout", seconds};
   arguments.insert(arguments.end(), more.begin(), more.end());
   return arguments;
 }
@@ -91,7 +93,23 @@ class Carrier {
   tests::TemporaryFolder folder_;
 };
 
-class Follow : public BusTest {};
+class Follow : public BusTest {
+ protected:
+  // Starts a camera that transfers, and a kovactl that follows that.
+  void follow(const std::vector<std::string>& arguments = putLogo()) {
+    camera_.emplace(transferring());
+    child_.emplace(arguments);
+    ASSERT_TRUE(child_->awaitError("transferring\n"));
+  }
+  // A restarted control server numbers its transfers from 1 again.
+  void restartServer() {
+    camera_.emplace();
+    camera_->publish("7", {{"RequestId", std::uint64_t{1}}, {"Phase", "transferring"}});
+  }
+
+  std::optional<FakeCamera> camera_;
+  std::optional<Child> child_;
+};
 
 TEST_F(Follow, SuccessExitsWithStatus0) {
   const std::pair<const char*, const char*> successes[] = {
@@ -134,13 +152,11 @@ TEST_F(Follow, MissingCertificateGetsAdvice) {
 }
 
 TEST_F(Follow, OutcomeEndsWaitAtOnce) {
-  FakeCamera camera(transferring());
-  Child child(putLogo());
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  camera.change("7", {{"Phase", "finalising"}});
-  ASSERT_TRUE(child.awaitError("finalising\n"));
-  camera.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
-  const Result result = child.wait();
+  follow();
+  camera_->change("7", {{"Phase", "finalising"}});
+  ASSERT_TRUE(child_->awaitError("finalising\n"));
+  camera_->change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  const Result result = child_->wait();
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "OK\n");
   EXPECT_EQ(result.err, "transferring\nfinalising\n");
@@ -204,94 +220,72 @@ TEST_F(Follow, SentUploadWaitsForAnswerOfServer) {
 }
 
 TEST_F(Follow, StopShowsHowToCancel) {
-  const FakeCamera camera(transferring());
-  Child child(putLogo());
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  child.signal(SIGINT);
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 130);
-  EXPECT_THAT(result.err, HasSubstr("the camera goes on with transfer 7"));
-  EXPECT_THAT(result.err, HasSubstr("\"kovactl cancel 7\" cancels it"));
-  EXPECT_TRUE(camera.cancelled().empty());
+  follow();
+  child_->signal(SIGINT);
+  expectFailure(child_->wait(), 130,
+                "the camera goes on with transfer 7: \"kovactl transfers\" shows it, \"kovactl "
+                "cancel 7\" cancels it");
+  EXPECT_TRUE(camera_->cancelled().empty());
 }
 
 TEST_F(Follow, StopCancelsOnRequest) {
-  const FakeCamera camera(transferring());
-  Child child(putLogo({"--wait", "--cancel"}));
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  child.signal(SIGINT);
-  expectFailure(child.wait(), 130, "transfer 7 is cancelled");
-  EXPECT_EQ(camera.cancelled(), std::vector<std::string>{"7"});
+  follow(putLogo({"--wait", "--cancel"}));
+  child_->signal(SIGINT);
+  expectFailure(child_->wait(), 130, "transfer 7 is cancelled");
+  EXPECT_EQ(camera_->cancelled(), std::vector<std::string>{"7"});
   expectFailure(run(putLogo({"--cancel"})), 2, "--cancel needs --wait");
 }
 
 TEST_F(Follow, ServerThatEndsLeavesOutcomeUnknown) {
-  auto camera = std::make_unique<FakeCamera>(transferring());
-  Child child(putLogo());
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  camera.reset();
-  expectFailure(child.wait(), 5, "the control server ended while it was transferring");
+  follow();
+  camera_.reset();
+  expectFailure(child_->wait(), 5, "the control server ended while it was transferring");
 }
 
-// A restarted control server numbers its transfers from 1 again.
 TEST_F(Follow, TransferOfNextServerIsNotFollowed) {
-  auto camera = std::make_unique<FakeCamera>(transferring());
-  Child child(putLogo());
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  camera.reset();
-  FakeCamera next;
-  next.publish("7", {{"RequestId", std::uint64_t{1}}, {"Phase", "transferring"}});
-  next.change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
-  const Result result = child.wait();
-  EXPECT_EQ(result.status, 5);
-  EXPECT_EQ(result.out, "");
+  follow();
+  restartServer();
+  camera_->change("7", {{"Phase", "ended"}, {"Outcome", "OK"}});
+  const Result result = child_->wait();
+  expectOutput(result, 5, "");
   EXPECT_THAT(result.err, HasSubstr("the control server ended while it was transferring"));
 }
 
 TEST_F(Follow, StopCancelsNoTransferOfNextServer) {
-  auto camera = std::make_unique<FakeCamera>(transferring());
-  Child child(putLogo({"--wait", "--cancel"}));
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  child.signal(SIGSTOP);
-  camera.reset();
-  FakeCamera next;
-  next.publish("7", {{"RequestId", std::uint64_t{1}}, {"Phase", "transferring"}});
-  child.signal(SIGINT);
-  child.signal(SIGCONT);
-  expectFailure(child.wait(), 130, "the control server has ended, and transfer 7 with it");
-  EXPECT_TRUE(next.cancelled().empty());
+  follow(putLogo({"--wait", "--cancel"}));
+  child_->signal(SIGSTOP);
+  restartServer();
+  child_->signal(SIGINT);
+  child_->signal(SIGCONT);
+  expectFailure(child_->wait(), 130, "the control server has ended, and transfer 7 with it");
+  EXPECT_TRUE(camera_->cancelled().empty());
 }
 
 TEST_F(Follow, ForgottenTransferLeavesOutcomeUnknown) {
-  FakeCamera camera(transferring());
-  Child child(putLogo());
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  camera.forget("7");
-  expectFailure(child.wait(), 5, "the control server forgot transfer 7 while it was transferring");
+  follow();
+  camera_->forget("7");
+  expectFailure(child_->wait(), 5,
+                "the control server forgot transfer 7 while it was transferring");
 }
 
 TEST_F(Follow, EventDecidesForForgottenTransfer) {
   const std::pair<const char*, int> outcomes[] = {{"OK", 0}, {"VALIDATION_FAILED", 1}};
   for (const auto& [status, exit] : outcomes) {
-    FakeCamera camera(transferring());
-    Child child(putLogo());
-    ASSERT_TRUE(child.awaitError("transferring\n"));
-    sendStatus(camera.lastRequest(), status);
-    camera.forget("7");
-    const Result result = child.wait();
+    follow();
+    sendStatus(camera_->lastRequest(), status);
+    camera_->forget("7");
+    const Result result = child_->wait();
     EXPECT_EQ(result.status, exit) << result.err;
     EXPECT_THAT(result.out + result.err, HasSubstr(status));
   }
 }
 
 TEST_F(Follow, LostConnectionLeavesOutcomeUnknown) {
-  const FakeCamera camera(transferring());
   const Carrier carrier(bus_.address(), 2);
-  Child child(putLogo({"--wait", "--bus", carrier.address()}));
-  ASSERT_TRUE(child.awaitError("transferring\n"));
+  follow(putLogo({"--wait", "--bus", carrier.address()}));
   ASSERT_EQ(carrier.carrying().size(), 2U);
   kill(carrier.carrying().back(), SIGKILL);
-  expectFailure(child.wait(), 5, "the connection that follows transfer 7 was lost");
+  expectFailure(child_->wait(), 5, "the connection that follows transfer 7 was lost");
 }
 
 TEST_F(Follow, NothingIsSentWithoutSecondConnection) {
@@ -314,13 +308,9 @@ TEST_F(Follow, StopWithoutTransferIsExplained) {
 }
 
 TEST_F(Follow, TimeOutDoesNotCoverTools) {
-  FakeCamera camera(transferring());
-  auto arguments = putLogo();
-  arguments[6] = "0.1";
-  Child child(arguments);
-  ASSERT_TRUE(child.awaitError("transferring\n"));
-  camera.finalise("7", 3000);  // longer than the time-out and the grace period
-  const Result result = child.wait();
+  follow(putLogo({"--wait"}, "0.1"));
+  camera_->finalise("7", 3000);  // longer than the time-out and the grace period
+  const Result result = child_->wait();
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.err, "transferring\nfinalising\n") << "known from the signal alone";
   EXPECT_EQ(result.out, "OK\n");
@@ -328,9 +318,7 @@ TEST_F(Follow, TimeOutDoesNotCoverTools) {
 
 TEST_F(Follow, TimeOutNamesPhase) {
   const FakeCamera camera(transferring());
-  auto arguments = putLogo();
-  arguments[6] = "0.1";
-  expectFailure(run(arguments), 5, "the camera is still transferring");
+  expectFailure(run(putLogo({"--wait"}, "0.1")), 5, "the camera is still transferring");
 }
 
 TEST_F(Follow, TransfersOfOthersAreNotFollowed) {

@@ -8,10 +8,12 @@
 #include <filesystem>
 #include <future>
 
+#include "../../platform/utils/process/tests/Processes.h"
 #include "../../platform/utils/process/tests/Script.h"
 #include "Child.h"
 #include "FakeCamera.h"
 #include "Peer.h"
+#include "kova/utils/Process.h"
 
 namespace kova::ctl::testing {
 namespace {
@@ -37,14 +39,6 @@ class Host : public BusTest {
                     folder_ / "ignored" + "'\n" + command);
   }
   std::string left(const std::string& name) const { return tests::readText(folder_ / name); }
-  /// Waits until a kovactl listening as client.me has joined the bus.
-  static bool awaitJoined(Child& child) {
-    Result sent{1, "", ""};
-    for (int attempt = 0; sent.status != 0 && attempt < 200; ++attempt) {
-      sent = run({"call", "GetSystemStats", "--to", "client.me", "--no-reply"});
-    }
-    return child.awaitOutput("GetSystemStats");
-  }
 
   tests::TemporaryFolder folder_;
   std::string pathBefore_;
@@ -56,6 +50,22 @@ TEST_F(Host, BridgeCarriesConnection) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("\"statusCode\": 0"));
   EXPECT_EQ(left("arguments"), "-xT -p 2222 -- me@cam kovactl bridge\n");
+}
+
+// As by ssh -L.
+TEST_F(Host, ForwardedSocketIsUsed) {
+  const Peer peer(answering(0, variant::Variant::Map{{"n", 5}}));
+  const std::string here = bus_.socket() + ".fwd";
+  ASSERT_TRUE(utils::runDaemon(nullptr, nullptr, nullptr, KOVACTL_RELAY, 2, bus_.socket().c_str(),
+                               here.c_str()));
+  ASSERT_TRUE(tests::eventually([&] { return std::filesystem::is_socket(here); }));
+  // The socket may exist before it accepts connections.
+  Result result{3, "", ""};
+  for (int attempt = 0; result.status == 3 && attempt < 100; ++attempt) {
+    result = run({"--bus", "unix:path=" + here, "call", "Anything"});
+  }
+  utils::endDaemon(KOVACTL_RELAY);
+  expectOutput(result, 0, "n  5\n");
 }
 
 TEST_F(Host, InspectingCommandsRunThere) {
@@ -71,7 +81,7 @@ TEST_F(Host, InspectingCommandsRunThere) {
 
 TEST_F(Host, RemoteDenialAdvisesForRemoteHost) {
   FakeCamera camera;
-  camera.refuseToTell("org.freedesktop.DBus.Error.AccessDenied");
+  camera.behave({.readError = "org.freedesktop.DBus.Error.AccessDenied"});
   expectFailure(run({"-H", "bob@cam", "info"}), 3,
                 "may use the bus of bob@cam: run \"adduser USER kova && "
                 "/usr/libexec/kova_members\" there");
@@ -79,7 +89,7 @@ TEST_F(Host, RemoteDenialAdvisesForRemoteHost) {
 
 TEST_F(Host, RefusedFiguresFailMetrics) {
   FakeCamera camera;
-  camera.refuseToTell("org.freedesktop.DBus.Error.LimitsExceeded");
+  camera.behave({.readError = "org.freedesktop.DBus.Error.LimitsExceeded"});
   for (const char* what : {"the description of the camera", "the list of transfers"}) {
     const Result result = run({"-H", "cam", "metrics"});
     EXPECT_EQ(result.status, 1);
@@ -92,7 +102,7 @@ TEST_F(Host, RefusedFiguresFailMetrics) {
 
 TEST_F(Host, MetricsPrintReadableFigures) {
   FakeCamera camera;
-  camera.failStatistics(1);
+  camera.behave({.statisticsStatus = 1});
   const Result result = run({"-H", "cam", "metrics"});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.out, HasSubstr("kova_uptime_seconds 61\n"));
@@ -152,7 +162,7 @@ TEST_F(Host, WrongHostsAreRefused) {
 
 TEST_F(Host, CtrlCDoesNotReachSsh) {
   Child child({"--host", "cam", "listen", "client.me"});
-  ASSERT_TRUE(awaitJoined(child));
+  sendUntilTaken("client.me");
   const std::string ignored = left("ignored");
   const unsigned long mask = std::stoul(ignored.substr(ignored.find(':') + 1), nullptr, 16);
   EXPECT_NE(mask & (1UL << (SIGINT - 1)), 0U);
@@ -167,13 +177,9 @@ TEST_F(Host, StopSignalEndsLogin) {
     for (const char* asking : {"stats", "monitor"}) {
       std::filesystem::remove(folder_ / "ignored");
       Child child({"--host", "cam", asking});
-      for (int attempt = 0; !left("ignored").starts_with("SigIgn") && attempt < 2000; ++attempt) {
-        child.awaitOutputFor("never", 10);
-      }
+      ASSERT_TRUE(tests::eventually([&] { return left("ignored").starts_with("SigIgn"); }));
       child.signal(signal);
-      const Result result = child.wait();
-      EXPECT_EQ(result.status, status);
-      EXPECT_EQ(result.err, "");
+      expectError(child.wait(), status, "");
     }
   }
 }
@@ -181,7 +187,7 @@ TEST_F(Host, StopSignalEndsLogin) {
 TEST_F(Host, UnansweredRequestArrives) {
   const Peer peer(takingNote());
   setenv("RELAY_DELAY_S", "0.3", 1);
-  become(std::string("exec ") + KOVACTL_RELAY + " " + socket());
+  become(std::string("exec ") + KOVACTL_RELAY + " " + bus_.socket());
   const Result result = run({"--host", "cam", "call", "SaveToFlash", "--no-reply"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_TRUE(peer.awaitReceived(1));
@@ -209,11 +215,10 @@ TEST_F(Host, RemoteBackgroundProcessCausesNoDelay) {
 TEST_F(Host, PossiblyLostRebootFails) {
   const MutePeer peer;
   setenv("RELAY_END_AT", "Reboot", 1);
-  become(std::string("exec ") + KOVACTL_RELAY + " " + socket());
+  become(std::string("exec ") + KOVACTL_RELAY + " " + bus_.socket());
   const Result result = run({"--host", "cam", "reboot"});
   unsetenv("RELAY_END_AT");
-  EXPECT_EQ(result.status, 3);
-  EXPECT_EQ(result.out, "");
+  expectOutput(result, 3, "");
   EXPECT_THAT(result.err, HasSubstr("lost before the bus had confirmed the request"));
 }
 
@@ -222,10 +227,10 @@ TEST_F(Host, StopSignalThatEndsSshTooIsReported) {
   camera.publish("7", {});
   std::promise<void> asked;
   std::promise<void> ended;
-  camera.beforeTelling([&] {
+  camera.behave({.beforeRead = [&] {
     asked.set_value();
     ended.get_future().wait_for(std::chrono::seconds(20));
-  });
+  }});
   become("echo $$ >'" + folder_ / "pid" + "'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "transfers"});
   ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
@@ -235,14 +240,13 @@ TEST_F(Host, StopSignalThatEndsSshTooIsReported) {
   child.signal(SIGCONT);
   const Result result = child.wait();
   ended.set_value();
-  EXPECT_EQ(result.status, 143);
-  EXPECT_EQ(result.err, "");
+  expectError(result, 143, "");
 }
 
 TEST_F(Host, LossIsReported) {
   become("echo $$ >'" + folder_ / "pid" + "'; " + bridgeCommand(bus_.address()));
   Child child({"--host", "cam", "listen", "client.me"});
-  ASSERT_TRUE(awaitJoined(child));
+  sendUntilTaken("client.me");
   kill(std::stoi(left("pid")), SIGKILL);
   expectFailure(child.wait(), 3, "the connection to the bus was lost");
 }

@@ -2,15 +2,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <limits>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "Kinds.h"
 #include "Text.h"
 
@@ -57,17 +56,15 @@ std::vector<TransferRecord> transfers() {
 
 // Runs a checker on the text; returns its output or its complaint.
 std::string checkedBy(const std::string& checker, const std::string& text, int& status) {
-  std::string file = "/tmp/kova_metrics.XXXXXX";
-  close(mkstemp(file.data()));
-  std::ofstream(file) << text;
-  FILE* pipe = popen((checker + " <" + file + " 2>&1").c_str(), "r");
+  const tests::TemporaryFolder folder;
+  tests::writeText(folder / "text", text);
+  FILE* pipe = popen((checker + " <" + folder / "text" + " 2>&1").c_str(), "r");
   std::string output;
   std::array<char, 4096> buffer{};
   for (std::size_t got = 0; (got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
     output.append(buffer.data(), got);
   }
   status = pclose(pipe);
-  unlink(file.c_str());
   return output;
 }
 

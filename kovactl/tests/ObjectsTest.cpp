@@ -27,10 +27,10 @@ TEST_F(Objects, AnswerBeforeLossOfBusCounts) {
   camera.publish("7", {{"Kind", "logo"}, {"Phase", "transferring"}});
   std::promise<void> asked;
   std::promise<void> asleep;
-  camera.beforeTelling([&] {
+  camera.behave({.beforeRead = [&] {
     asked.set_value();
     asleep.get_future().wait_for(std::chrono::seconds(20));
-  });
+  }});
   Child child({"transfers"});
   ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   child.signal(SIGSTOP);
@@ -101,7 +101,7 @@ TEST_F(Objects, CancelReportsAnswerOfCamera) {
   expectFailure(run({"cancel", "7"}), 1, "the camera knows of no transfer 7");
   camera.publish("7", {{"Phase", "transferring"}});
   expectOutput(run({"cancel", "7"}), 0, "Transfer 7 is cancelled.\n");
-  camera.refuseToCancel("The image is being flashed.");
+  camera.behave({.cancelRefusal = "The image is being flashed."});
   expectError(run({"cancel", "7"}), 1,
               "kovactl: transfer 7 cannot be cancelled: The image is being flashed.\n");
 }
@@ -109,8 +109,8 @@ TEST_F(Objects, CancelReportsAnswerOfCamera) {
 TEST_F(Objects, InfoAndMetricsDescribeDevice) {
   FakeCamera camera;
   camera.tell("Model", "Virtual \x1b[1m");
-  camera.tell("SavePending", 1);
-  camera.tell("LastSave", 1700000000000000);
+  camera.tell("SavePending", 1U);
+  camera.tell("LastSave", 1700000000000000U);
   const Result info = run({"info"});
   EXPECT_EQ(info.status, 0) << info.err;
   EXPECT_THAT(info.out, HasSubstr("Model           Virtual \\x1b[1m\n"));

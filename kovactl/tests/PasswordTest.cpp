@@ -66,10 +66,6 @@ TEST_F(Passwords, InvalidPasswordsAreNotSent) {
             0);
 }
 
-TEST_F(Passwords, MissingSourceIsUsageError) {
-  expectFailure(run({"user", "passwd"}), 2, "--stdin");
-}
-
 TEST_F(Passwords, PromptHasNoEcho) {
   Child child({"user", "passwd"}, Child::On::Terminal);
   ASSERT_TRUE(child.awaitOutput("Old password: "));

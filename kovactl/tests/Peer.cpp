@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include "../../platform/utils/process/tests/Processes.h"
 
 namespace kova::ctl::testing {
 
@@ -36,36 +36,20 @@ std::vector<Peer::Request> Peer::received() const {
 }
 
 bool Peer::awaitReceived(std::size_t count) const {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (received().size() < count && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return received().size() >= count;
+  return tests::eventually([&] { return received().size() >= count; });
 }
 
-MutePeer::MutePeer(const std::string& endpoint) {
-  EXPECT_TRUE(ipc_.Init(endpoint, false, nullptr));
+MutePeer::MutePeer() : bus_(ipc::openBus(false, error_)) {
+  EXPECT_GE(sd_bus_request_name(bus_.get(), "kova.kova_ctlserver", 0), 0) << error_;
 }
 
-Witness::Witness() {
-  std::string error;
-  EXPECT_TRUE(monitor_.open(error)) << error;
-}
-
-bool Witness::awaitCall(const std::string& function) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!called_.contains(function) && std::chrono::steady_clock::now() < deadline) {
-    const bool open = monitor_.Service(50, [this](const ipc::SeenMessage& seen) {
-      const variant::Variant* name = seen.body.find("functionName");
-      if (seen.kind == ipc::SeenMessage::Kind::Call && name != nullptr) {
-        called_.insert(name->toText());
-      }
-    });
-    if (!open) {
-      break;
-    }
-  }
-  return called_.contains(function);
+bool MutePeer::awaitRequest() {
+  return tests::eventually([this] {
+    sd_bus_message* taken = nullptr;
+    sd_bus_process(bus_.get(), &taken);
+    const ipc::MessagePtr message(taken);
+    return sd_bus_message_is_method_call(taken, "kova.Ipc1", "Send") > 0;
+  });
 }
 
 Peer::Script answering(std::uint64_t statusCode, variant::Variant payload) {

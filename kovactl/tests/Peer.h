@@ -5,13 +5,12 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "../../platform/ipc/src/SdBus.h"
 #include "PrivateBus.h"
-#include "kova/ipc/BusMonitor.h"
 #include "kova/ipc/Handlers.h"
 #include "kova/ipc/Ipc.h"
 
@@ -20,8 +19,6 @@ namespace kova::ctl::testing {
 /// A test with a private bus.
 class BusTest : public ::testing::Test {
  protected:
-  std::string socket() const { return bus_.address().substr(std::string("unix:path=").size()); }
-
   ipc::testing::PrivateBus bus_;
 };
 
@@ -52,25 +49,16 @@ class Peer : private ipc::BaseHandler {
   std::thread thread_;
 };
 
-/// Owns an endpoint's name but never reads its messages.
+/// Owns the control server's name but never answers.
 class MutePeer {
  public:
-  explicit MutePeer(const std::string& endpoint = "kova_ctlserver");
+  MutePeer();
+  /// Reads its messages until a request is among them.
+  bool awaitRequest();
 
  private:
-  ipc::Ipc ipc_;
-};
-
-/// Monitors the bus to follow the progress of a kovactl.
-class Witness {
- public:
-  Witness();
-  /// Waits for a request to this function.
-  bool awaitCall(const std::string& function);
-
- private:
-  ipc::BusMonitor monitor_;
-  std::set<std::string> called_;
+  std::string error_;
+  ipc::BusPtr bus_;
 };
 
 /// Answers with this status and payload.

@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <chrono>
-
 #include "../../platform/ipc/src/SdBus.h"
+#include "../../platform/utils/process/tests/Processes.h"
 #include "Child.h"
 #include "Peer.h"
 
@@ -22,26 +21,19 @@ class Confirmation {
   }
   bool await() {
     std::uint64_t serial = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < deadline) {
+    const bool seen = tests::eventually([&] {
       sd_bus_message* taken = nullptr;
-      if (sd_bus_process(bus_.get(), &taken) == 0) {
-        sd_bus_wait(bus_.get(), 20'000);
-      }
+      sd_bus_process(bus_.get(), &taken);
       const ipc::MessagePtr message(taken);
-      if (message == nullptr) {
-        continue;
-      }
-      std::uint64_t answered = 0;
       if (sd_bus_message_is_method_call(taken, "org.freedesktop.DBus.Peer", "Ping") > 0) {
         sd_bus_message_get_cookie(taken, &serial);
-      } else if (serial != 0 && sd_bus_message_get_reply_cookie(taken, &answered) >= 0 &&
-                 answered == serial) {
-        ipc::Ipc later;
-        return later.Init("", false, nullptr) && later.flush();  // the answer has left the bus
       }
-    }
-    return false;
+      std::uint64_t answered = 0;
+      return serial != 0 && sd_bus_message_get_reply_cookie(taken, &answered) >= 0 &&
+             answered == serial;
+    });
+    ipc::Ipc later;
+    return seen && later.Init("", false, nullptr) && later.flush();  // the answer has left the bus
   }
 
  private:

@@ -21,10 +21,8 @@ class Requests : public BusTest {};
 
 TEST_F(Requests, StatusOfAnswerWithoutIdCounts) {
   FakeCamera camera;
-  camera.answerWith(Variant::Map{{"statusCode", 1}});
-  const Result result = run({"save", "--sync"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "");
+  camera.behave({.answer = Variant::Map{{"statusCode", 1}}});
+  expectOutput(run({"save", "--sync"}), 1, "");
 }
 
 // The connection ends while kovactl is stopped, so it finds the answer and the EOF together.
@@ -50,8 +48,7 @@ TEST_F(Requests, AnswerBeforeLossOfBusCounts) {
 TEST_F(Requests, CallPrintsPayload) {
   Peer peer(answering(0, Variant::Map{{"a", Variant::Map{{"b", "c\x1b"}}}, {"n", 5}}));
   const Result result = run({"call", "Anything", "text=12", "number:=12"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "a.b  c\\x1b\nn    5\n");
+  expectOutput(result, 0, "a.b  c\\x1b\nn    5\n");
   EXPECT_EQ(result.err, "");
   ASSERT_EQ(peer.received().size(), 1U);
   Peer::Request request = peer.received().front();
@@ -153,27 +150,23 @@ TEST_F(Requests, TimeoutGivesStatus4) {
 
 TEST_F(Requests, VanishedEndpointGivesStatus4) {
   auto peer = std::make_unique<MutePeer>();
-  Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.awaitCall("Anything"));
+  ASSERT_TRUE(peer->awaitRequest());
   peer.reset();
   expectFailure(child.wait(), 4, "Anything failed: ");
 }
 
 TEST_F(Requests, ClosedBusGivesStatus3) {
   MutePeer peer;
-  Witness witness;
   Child child({"call", "Anything"});
-  ASSERT_TRUE(witness.awaitCall("Anything"));
+  ASSERT_TRUE(peer.awaitRequest());
   bus_.kill();
   expectError(child.wait(), 3, "kovactl: the connection to the bus was lost\n");
 }
 
 TEST_F(Requests, NoReplyDoesNotWait) {
   Peer peer(takingNote());
-  const Result result = run({"call", "Anything", "--no-reply"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "");
+  expectOutput(run({"call", "Anything", "--no-reply"}), 0, "");
   ASSERT_TRUE(peer.awaitReceived(1));
   EXPECT_FALSE(peer.received().front().responseExpected());
   EXPECT_EQ(run({"call", "Anything", "responseExpected:=false"}).status, 0);
@@ -191,9 +184,8 @@ TEST_F(Requests, CallSetsSender) {
 TEST_F(Requests, SignalsStopWait) {
   for (const auto& [signal, status] : {std::pair{SIGINT, 130}, {SIGTERM, 143}}) {
     MutePeer peer;
-    Witness witness;
     Child child({"call", "Anything"});
-    ASSERT_TRUE(witness.awaitCall("Anything"));
+    ASSERT_TRUE(peer.awaitRequest());
     child.signal(signal);
     EXPECT_EQ(child.wait().status, status);
   }
@@ -216,9 +208,9 @@ TEST_F(Requests, SimpleCommandsSendRequests) {
       {{"exit-service"}, R"({"functionName":"ExitService"})"},
       {{"user", "enable"}, R"({"functionName":"EnableUsernamePassword"})"},
       {{"user", "disable"}, R"({"functionName":"DisableUsernamePassword"})"},
-      {{"settings", "name=Porch", "timelapse=on", "sound-on-boot=off"},
+      {{"settings", "name=Porch", "timelapse=on", "sound-on-boot=off", "region="},
        R"({"functionName":"ChangeDeviceSettings","name":"Porch","timelapseminutes":1,
-           "soundOnBoot":false,"region":"_UNINITIALIZED_"})"},
+           "soundOnBoot":false,"region":"","timezone":"_UNINITIALIZED_"})"},
   };
   for (const auto& [arguments, expected] : table) {
     const Result result = run(arguments);
@@ -241,8 +233,7 @@ TEST_F(Requests, SettingsOfRefusalAreNotShown) {
   }
   Peer peer(answering(1, payload));
   const Result result = run({"settings", "region=x"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "");
+  expectOutput(result, 1, "");
   EXPECT_THAT(result.err, HasSubstr("a value was rejected"));
 }
 

@@ -29,10 +29,10 @@ mkdir -p build/root/DEBIAN build/root/usr/bin build/package/dbgsym
 cp "$work/kovactl" build/root/usr/bin/kovactl
 printf 'Package: kovactl\nVersion: $version\nArchitecture: %s\nMaintainer: test\nDescription: test\n' \
   "\$(dpkg --print-architecture)" >build/root/DEBIAN/control
-dpkg-deb --root-owner-group --build build/root build/package >/dev/null
+dpkg-deb -Znone --root-owner-group --build build/root build/package >/dev/null
 mv build/root/usr build/debug && mkdir -p build/root/usr/lib && mv build/debug build/root/usr/lib/debug
 sed -i 's/^Package: kovactl/&-dbgsym/' build/root/DEBIAN/control
-dpkg-deb --root-owner-group --build build/root build/package/dbgsym >/dev/null
+dpkg-deb -Znone --root-owner-group --build build/root build/package/dbgsym >/dev/null
 TEXT
   chmod 755 "$repository/dev"
 }

@@ -45,16 +45,6 @@ Script answer(std::string text, bool whole = true) {
   };
 }
 
-/// The same, and keeps the connection open.
-Script answerAndWait(std::string text) {
-  return [text = std::move(text)](Connection& connection) {
-    if (connection.readRequest()) {
-      connection.send(text);
-      connection.awaitClose();
-    }
-  };
-}
-
 std::string line(std::size_t length) {
   return "X: " + std::string(length, 'x') + "\r\n";
 }
@@ -96,7 +86,7 @@ Script wrongLength(Random& random, const Identities&, Breach) {
   return answer(kOk + random.pick(heads) + "body\r\n");
 }
 Script hugeLength(Random&, const Identities&, Breach) {
-  return answerAndWait(std::string(kOk) + "Content-Length: 9223372036854775807\r\n\r\nbody");
+  return engine::stalling(std::string(kOk) + "Content-Length: 9223372036854775807\r\n\r\nbody");
 }
 Script cutBody(Random& random, const Identities&, Breach) {
   return answer(std::string(kOk) + "Content-Length: 1000\r\n\r\n" +
@@ -117,7 +107,7 @@ Script reset(Random& random, const Identities&, Breach) {
   };
 }
 Script silence(Random&, const Identities&, Breach) {
-  return answerAndWait("");
+  return engine::stalling();
 }
 Script slowDrip(Random& random, const Identities&, Breach) {
   std::string text = random.oneIn(2) ? kOk + line(5000) : std::string(kChunked) + "fff\r\n";

@@ -49,7 +49,7 @@ std::string goodLogo(const std::string& mark) {
 }
 
 std::string goodSound(const std::string& mark) {
-  return system_test::sound(1, 11025) + mark;
+  return tests::wav(1, 11025) + mark;
 }
 
 void expectTransfersWork(Attack& attack, system_test::Requester& requester) {

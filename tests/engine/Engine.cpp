@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <thread>
 
 #include "CurlFaults.h"
@@ -16,11 +13,6 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{20};
 constexpr int kTurnMs = 10;
-
-std::size_t openDescriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
 
 }  // namespace
 
@@ -52,25 +44,15 @@ unsigned long MemoryHttp::FillUploadBuffer(const std::string&, unsigned char* bu
   return count;
 }
 
-DescriptorCheck::DescriptorCheck() : before_(openDescriptors()) {}
-
-DescriptorCheck::~DescriptorCheck() {
-  EXPECT_EQ(openDescriptors(), before_) << "a descriptor was leaked";
-}
-
 void EngineTest::SetUp() {
   fakes::reset();
   curlFaults() = {};
-  std::string name = "/tmp/engine.XXXXXX";
-  ASSERT_NE(mkdtemp(name.data()), nullptr);
-  folder_ = name;
   service_ = std::make_unique<ctlserver::TransferService>();
   ASSERT_TRUE(service_->init());
 }
 
 void EngineTest::TearDown() {
   endService();
-  std::filesystem::remove_all(folder_);
 }
 
 bool EngineTest::turnUntil(const std::function<bool()>& condition) {
@@ -88,17 +70,8 @@ std::string EngineTest::run(RecordingTask& task) {
 }
 
 std::string EngineTest::write(const std::string& name, const std::string& content) const {
-  writeFile(path(name), content);
+  tests::writeText(path(name), content);
   return path(name);
-}
-
-std::vector<std::string> logLines() {
-  std::vector<std::string> lines;
-  for (const fakes::LogLine& line : fakes::platform().log) {
-    lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
-                    line.text);
-  }
-  return lines;
 }
 
 std::string curlErrorLine(int curlCode) {
@@ -133,13 +106,6 @@ std::string readFile(const std::string& path) {
   std::string content(static_cast<std::size_t>(file.tellg()), '\0');
   file.seekg(0).read(content.data(), static_cast<std::streamsize>(content.size()));
   return content;
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << content;
-  file.close();
-  ASSERT_TRUE(file) << path;
 }
 
 std::string noise(std::size_t size, unsigned seed) {

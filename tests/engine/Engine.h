@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "BaseTransferTask.h"
 #include "Platform.h"
 #include "TransferService.h"
@@ -120,13 +121,13 @@ class MemoryHttp : public ctlserver::BaseHTTP {
 /// Expects on destruction as many open descriptors as on construction.
 class DescriptorCheck {
  public:
-  DescriptorCheck();
-  ~DescriptorCheck();
+  DescriptorCheck() = default;
+  ~DescriptorCheck() { EXPECT_EQ(tests::openDescriptors(), before_) << "a descriptor was leaked"; }
   DescriptorCheck(const DescriptorCheck&) = delete;
   DescriptorCheck& operator=(const DescriptorCheck&) = delete;
 
  private:
-  std::size_t before_;
+  const long before_ = tests::openDescriptors();
 };
 
 /// Runs the engine in this thread. No test may leak a descriptor.
@@ -148,13 +149,13 @@ class EngineTest : public ::testing::Test {
   bool begin(RecordingTask& task) { return service().add(&task) && service().service(0); }
 
   /// A path in the test's own folder.
-  std::string path(const std::string& name) const { return folder_ + "/" + name; }
+  std::string path(const std::string& name) const { return folder_ / name; }
   std::string write(const std::string& name, const std::string& content) const;
 
  private:
   DescriptorCheck descriptors_;  // outlives the members of a derived fixture
   std::unique_ptr<ctlserver::TransferService> service_;
-  std::string folder_;
+  const tests::TemporaryFolder folder_;
 };
 
 /// Polls until `condition` holds; false if it does not within 20 seconds.
@@ -162,15 +163,15 @@ bool eventually(const std::function<bool()>& condition);
 /// Services a driver until `condition` holds, likewise.
 bool serviceUntil(ctlserver::BaseHTTP& http, const std::function<bool()>& condition);
 
-/// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
-std::vector<std::string> logLines();
+inline std::vector<std::string> logLines() {
+  return fakes::platform().logLines();
+}
 /// The line about a transfer that ended with an unexpected CURLcode.
 std::string curlErrorLine(int curlCode);
 /// The line about a task that failed.
 std::string failureLine(const std::string& uri, const std::string& reason, int httpCode);
 
 std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& content);
 /// `size` bytes that look random and depend on `seed` only.
 std::string noise(std::size_t size, unsigned seed = 1);
 

@@ -94,7 +94,7 @@ class PumpGuardTest : public EngineTest {
     EXPECT_TRUE(heldUntil([&] { return *mark != 0; }));
   }
   bool startTls(const std::string& uri) {
-    writeFile(ctlserver::kControllerCertFile, server_.certificatePem());
+    tests::writeText(ctlserver::kControllerCertFile, server_.certificatePem());
     return http_.RegisterRequest(true, uri, {}, 0, "", "", ctlserver::kControllerCertFile);
   }
 

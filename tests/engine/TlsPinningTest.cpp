@@ -36,7 +36,7 @@ class TlsPinningTest : public EngineTest {
     X509_STORE_CTX_set_current_cert(store_.get(), identity.certificate.get());
   }
   static void pin(const Identity& identity) {
-    writeFile(ctlserver::kControllerCertFile, identity.certificatePem());
+    tests::writeText(ctlserver::kControllerCertFile, identity.certificatePem());
   }
   int error() const { return X509_STORE_CTX_get_error(store_.get()); }
 
@@ -81,7 +81,7 @@ TEST_F(TlsPinningTest, ErrorStaysWithoutPinnedCertificate) {
 }
 
 TEST_F(TlsPinningTest, UnreadablePinnedCertificateLeavesEarlierErrors) {
-  writeFile(ctlserver::kControllerCertFile, "no certificate");
+  tests::writeText(ctlserver::kControllerCertFile, "no certificate");
   present(server_);
   ERR_clear_error();
   ERR_raise(ERR_LIB_USER, 1);

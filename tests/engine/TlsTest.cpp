@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -34,7 +33,7 @@ class TlsTest : public EngineTest {
   }
 
   static void pin(const std::string& content) {
-    writeFile(ctlserver::kControllerCertFile, content);
+    tests::writeText(ctlserver::kControllerCertFile, content);
   }
 
   static std::unique_ptr<WebServer> serve(const TlsSetup& tls) {
@@ -96,12 +95,6 @@ TEST_F(TlsTest, PinnedSelfSignedCertificateIsAccepted) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TlsTest, OtherSelfSignedCertificateIsRefused) {
-  pin(makeIdentity({}).certificatePem());
-  const auto web = serve({.identity = &selfSigned_});
-  expectRefused(*web, {kMismatch}, otherCa_);
-}
-
 TEST_F(TlsTest, PinnedCertificateOfUnknownAuthorityIsAccepted) {
   const auto web = serve({.identity = &issued_});
   pin(issued_.certificatePem());
@@ -144,15 +137,6 @@ TEST_F(TlsTest, HostNameIsNotCompared) {
   EXPECT_EQ(fetch(*web, kDefaultCa, "", "", "localhost"), "success");
 }
 
-TEST_F(TlsTest, UnknownServerIsRefusedWithoutReadablePin) {
-  const auto web = serve({.identity = &selfSigned_});
-  expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to open local cert"}, otherCa_);
-  EXPECT_EQ(fakes::platform().log.front().error, ENOENT);
-  fakes::platform().log.clear();
-  pin("no certificate");
-  expectRefused(*web, {"3 curlcontext.verifyCustomCert: Failed to load cert"}, otherCa_);
-}
-
 TEST_F(TlsTest, MissingCaFileRefusesEveryServer) {
   const auto web = serve({.identity = &issued_});
   expectRefused(*web, {}, kDefaultCa, 77);
@@ -175,7 +159,7 @@ class SystemAuthority {
                   X509_subject_name_hash(authority.certificate.get()));
     mounted_ = mount("tmpfs", kFolder, "tmpfs", 0, nullptr) == 0;
     EXPECT_TRUE(mounted_);
-    writeFile(kFolder + std::string(name.data()), authority.certificatePem());
+    tests::writeText(kFolder + std::string(name.data()), authority.certificatePem());
     setenv("SSL_CERT_DIR", kFolder, 1);
     setenv("SSL_CERT_FILE", (kFolder + std::string(name.data())).c_str(), 1);
   }

@@ -27,20 +27,6 @@ TEST_F(TransferServiceTest, DownloadRunsThroughItsHooks) {
   EXPECT_THAT(logLines(), IsEmpty());
 }
 
-TEST_F(TransferServiceTest, TaskWithTakenUriIsRefused) {
-  RawServer server(answering(okResponse("body")));
-  RecordingTask task(server.uri(), path("file"));
-  RecordingTask second(server.uri(), path("second"));
-  ASSERT_TRUE(service().add(&task));
-  EXPECT_FALSE(service().add(&second));
-  EXPECT_THAT(
-      logLines(),
-      ElementsAre("3 TransferService.add: Task task busy, failed to start, uri=" + server.uri()));
-  EXPECT_THAT(second.events, IsEmpty());
-  ASSERT_TRUE(gone(task));
-  EXPECT_EQ(task.outcome(), "success");
-}
-
 TEST_F(TransferServiceTest, UriIsTakenUntilEndOfTurn) {
   RawServer server(answering(okResponse("body")));
   RecordingTask first(server.uri("/1"), path("1"));
@@ -58,6 +44,10 @@ TEST_F(TransferServiceTest, UriIsTakenUntilEndOfTurn) {
   first.done = true;
   service().service(0);
   EXPECT_FALSE(added);
+  EXPECT_THAT(again.events, IsEmpty());
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre("3 TransferService.add: Task task busy, failed to start, uri=" + first.uri()));
   second.duringSuccess = nullptr;
   EXPECT_FALSE(service().existsUri(first.uri()));
   EXPECT_TRUE(service().add(&again));
@@ -72,13 +62,6 @@ TEST_F(TransferServiceTest, TaskThatRefusesToStartIsNotAdded) {
                                       "uri=http://127.0.0.1:1/x"));
   EXPECT_FALSE(service().existsName("task"));
   EXPECT_FALSE(service().existsUri("http://127.0.0.1:1/x"));
-}
-
-TEST_F(TransferServiceTest, AddDoesNotCheckNames) {
-  RecordingTask first("http://127.0.0.1:1/1", path("1"));
-  RecordingTask second("http://127.0.0.1:1/2", path("2"));
-  EXPECT_TRUE(service().add(&first));
-  EXPECT_TRUE(service().add(&second));
 }
 
 TEST_F(TransferServiceTest, SuccessFreesNameBeforeUri) {

@@ -36,4 +36,13 @@ std::vector<std::string> Platform::logTexts() const {
   return texts;
 }
 
+std::vector<std::string> Platform::logLines() const {
+  std::vector<std::string> lines;
+  for (const auto& line : log) {
+    lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
+                    line.text);
+  }
+  return lines;
+}
+
 }  // namespace kova::fakes

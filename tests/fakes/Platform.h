@@ -179,6 +179,8 @@ struct Platform {
   bool logged(int level, const std::string& text) const;
   /// The texts of the log lines.
   std::vector<std::string> logTexts() const;
+  /// "LEVEL UNIT.FUNCTION: TEXT" of each log line.
+  std::vector<std::string> logLines() const;
   void note(const std::string& event) { journal.push_back(event); }
 };
 

@@ -6,7 +6,6 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr char kUnknownFunction[] = "kova.Error.UnknownFunction";
 constexpr char kInvalidMessage[] = "kova.Error.InvalidMessage";
 constexpr std::size_t kMebibyte = 1'048'576;
 
@@ -19,12 +18,6 @@ TEST_F(BusSystem, BusctlGetsReply) {
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find("\"statusCode\" t 0"), std::string::npos) << result.out;
   EXPECT_NE(result.out.find("\"totalKb\" u "), std::string::npos) << result.out;
-}
-
-TEST_F(BusSystem, UnknownFunctionsAreRefused) {
-  BusClient client(camera().busAddress());
-  EXPECT_EQ(client.call(request("MakeCoffee")), kUnknownFunction);
-  EXPECT_EQ(client.call(request("reboot")), kUnknownFunction);
 }
 
 TEST_F(BusSystem, BodiesOverOneMebibyteAreRefused) {

@@ -33,7 +33,7 @@ void Manager::serve(const std::string& name, const std::string& content) {
   files_[name] = content;
 }
 
-std::optional<Upload> Manager::received(const std::string& name) const {
+std::optional<std::string> Manager::received(const std::string& name) const {
   const std::lock_guard lock(mutex_);
   const auto found = uploads_.find(name);
   return found == uploads_.end() ? std::nullopt : std::optional(found->second);
@@ -51,12 +51,8 @@ void Manager::serve(const httplib::Request& request, httplib::Response& response
 }
 
 void Manager::keep(const httplib::Request& request) {
-  Upload upload;
-  for (const auto& [key, part] : request.files) {
-    (key == "payload" ? upload.payload : upload.fields[key]) = part.content;
-  }
   const std::lock_guard lock(mutex_);
-  uploads_[request.matches[1]] = upload;
+  uploads_[request.matches[1]] = request.get_file_value("payload").content;
 }
 
 std::string md5(const std::string& content) {

@@ -12,12 +12,6 @@
 
 namespace kova::system_test {
 
-/// An upload of a camera: the part "payload" and the other form fields.
-struct Upload {
-  std::string payload;
-  std::map<std::string, std::string> fields;
-};
-
 /// A management server: HTTPS on the loopback interface, which the camera shares, only for clients
 /// with a certificate of its authority. Serves files and keeps uploads.
 class Manager {
@@ -32,8 +26,8 @@ class Manager {
   std::string fileUri(const std::string& name) const { return web_.uri("/files/" + name); }
   std::string uploadUri(const std::string& name) const { return web_.uri("/upload/" + name); }
 
-  /// The last upload under a name, if any.
-  std::optional<Upload> received(const std::string& name) const;
+  /// The file of the last upload under a name, if any.
+  std::optional<std::string> received(const std::string& name) const;
 
  private:
   void serve(const httplib::Request& request, httplib::Response& response);
@@ -44,7 +38,7 @@ class Manager {
   engine::Identity camera_;
   mutable std::mutex mutex_;
   std::map<std::string, std::string> files_;
-  std::map<std::string, Upload> uploads_;
+  std::map<std::string, std::string> uploads_;
   engine::WebServer web_;  // last: its threads use the rest
 };
 

@@ -1,15 +1,11 @@
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <stdexcept>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
+#include "RawServer.h"
 #include "SharedCamera.h"
-#include "kova/utils/UniqueFd.h"
 
 namespace kova::system_test {
 namespace {
@@ -53,17 +49,9 @@ std::string serverProgram() {
 }
 
 // A port that is free at the moment.
-int freePort() {
-  const utils::UniqueFd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* generic = reinterpret_cast<sockaddr*>(&address);
-  if (bind(probe.get(), generic, length) != 0 || getsockname(probe.get(), generic, &length) != 0) {
-    throw std::runtime_error("no port");
-  }
-  return ntohs(address.sin_port);
+std::string freePort() {
+  const std::string uri = engine::RawServer([](engine::Connection&) {}).uri("");
+  return uri.substr(uri.rfind(':') + 1);
 }
 
 /// kovactl on this machine with --host, and a camera that runs sshd(8). The server sees only the
@@ -78,8 +66,7 @@ class RemoteSystem : public SharedCamera {
       GTEST_SKIP() << "no SSH server: ./dev test unpacks it";
     }
     SharedCamera::SetUp();
-    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
-    fs::permissions(folder_, fs::perms(0755));
+    fs::permissions(folder_.path(), fs::perms(0755));
     installServer();
     ASSERT_NO_FATAL_FAILURE(startServer());
     installClient();
@@ -87,23 +74,22 @@ class RemoteSystem : public SharedCamera {
   void TearDown() override {
     if (!IsSkipped()) {
       camera().exec({"sh", "-c", "kill $(cat /run/sshd.pid)"});
-      fs::remove_all(folder_);
     }
   }
 
   /// Runs kovactl here, as root or as another user.
   Result Remote(const std::string& user, std::vector<std::string> arguments,
                 uid_t caller = 0) const {
-    const std::string host = user + "@127.0.0.1:" + std::to_string(port_);
+    const std::string host = user + "@127.0.0.1:" + port_;
     arguments.insert(arguments.begin(), {KOVA_HOST_CLIENT, "--host", host});
     arguments.insert(arguments.begin(),
                      {"--reuid", std::to_string(caller), "--regid", std::to_string(caller),
-                      "--clear-groups", "env", "PATH=" + folder_ + ":/usr/bin:/bin",
-                      "KEY=" + folder_ + (caller == 0 ? "/root" : "/nobody")});
+                      "--clear-groups", "env", "PATH=" + folder_.path() + ":/usr/bin:/bin",
+                      "KEY=" + folder_ / (caller == 0 ? "root" : "nobody")});
     return run("/usr/bin/setpriv", arguments);
   }
   static fs::path server() { return camera().root() / "opt/ssh"; }
-  std::string Key() const { return readFile(folder_ + "/root.pub"); }
+  std::string Key() const { return readFile(folder_ / "root.pub"); }
 
  private:
   void installServer() const {
@@ -120,7 +106,7 @@ class RemoteSystem : public SharedCamera {
         fs::copy_file(path, server() / "lib" / path.filename());
       }
     }
-    for (const std::string& key : {server().string() + "/host", folder_ + "/root"}) {
+    for (const std::string& key : {server().string() + "/host", folder_ / "root"}) {
       ASSERT_EQ(run("/usr/bin/ssh-keygen", {"-q", "-t", "ed25519", "-N", "", "-f", key}).status, 0);
     }
     writeFile(server() / "user.pub", Key());
@@ -134,7 +120,7 @@ class RemoteSystem : public SharedCamera {
     // Another process may take the port before the server does.
     for (int attempt = 0; attempt < 5; ++attempt) {
       port_ = freePort();
-      writeFile(server() / "sshd_config", "Port " + std::to_string(port_) + "\n" + kConfig);
+      writeFile(server() / "sshd_config", "Port " + port_ + "\n" + kConfig);
       const Result started = camera().exec({"env", "LD_LIBRARY_PATH=/opt/ssh/lib", "/opt/ssh/sshd",
                                             "-f", "/opt/ssh/sshd_config", "-E", "/opt/ssh/log"});
       // It writes the file once it listens.
@@ -149,20 +135,19 @@ class RemoteSystem : public SharedCamera {
 
   // An ssh client without the configuration and keys of the user who runs the test.
   void installClient() const {
-    writeFile(folder_ + "/known",
-              "[127.0.0.1]:" + std::to_string(port_) + " " + readFile(server() / "host.pub"));
-    writeFile(folder_ + "/ssh",
+    writeFile(folder_ / "known", "[127.0.0.1]:" + port_ + " " + readFile(server() / "host.pub"));
+    writeFile(folder_ / "ssh",
               "#!/bin/sh\nexec /usr/bin/ssh -F /dev/null -i \"$KEY\" -o "
               "BatchMode=yes -o UserKnownHostsFile=" +
-                  folder_ + "/known \"$@\"\n");
-    fs::permissions(folder_ + "/ssh", fs::perms(0755));
-    fs::copy_file(folder_ + "/root", folder_ + "/nobody");
-    fs::permissions(folder_ + "/nobody", fs::perms(0600));
-    ASSERT_EQ(chown((folder_ + "/nobody").c_str(), kNobody, kNobody), 0);
+                  folder_ / "known" + " \"$@\"\n");
+    fs::permissions(folder_ / "ssh", fs::perms(0755));
+    fs::copy_file(folder_ / "root", folder_ / "nobody");
+    fs::permissions(folder_ / "nobody", fs::perms(0600));
+    ASSERT_EQ(chown((folder_ / "nobody").c_str(), kNobody, kNobody), 0);
   }
 
-  std::string folder_ = fs::temp_directory_path() / "kova-ssh.XXXXXX";
-  int port_ = 0;
+  const tests::TemporaryFolder folder_;
+  std::string port_;
 };
 
 TEST_F(RemoteSystem, CommandsWorkAsOnCamera) {

@@ -95,9 +95,7 @@ bool Requester::HandleRequest(BaseRequestMessage& message, bool& rejected) {
     outcomes_[event.requestId()].push_back(event.reason());
   } else {
     rejected = true;
-    return true;
   }
-  ++count_;
   return true;
 }
 

@@ -31,8 +31,6 @@ class Requester : private ipc::BaseHandler {
   std::string outcome(std::uint64_t id, std::chrono::milliseconds limit = std::chrono::seconds(20));
   /// ask() and outcome() in one.
   std::string outcomeOf(Fields fields) { return outcome(ask(std::move(fields))); }
-  /// Number of events of all requests so far.
-  std::size_t count() const { return count_; }
   /// Handles incoming events; waits for them at most this long.
   void pump(unsigned timeoutMs = 0);
   /// Waits some turns of the camera's loop, so that pending events arrive. Requests heat maps that
@@ -44,7 +42,6 @@ class Requester : private ipc::BaseHandler {
 
   ipc::Ipc ipc_;
   std::map<std::uint64_t, std::vector<std::string>> outcomes_;
-  std::size_t count_ = 0;
 };
 
 }  // namespace kova::system_test

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "../Wav.h"
 #include "Manager.h"
 #include "RawServer.h"
 #include "Requester.h"
@@ -11,17 +12,9 @@ namespace kova::system_test {
 
 using variant::Variant;
 
-/// `value` in little-endian order.
-inline std::string number(unsigned value, int bytes) {
-  std::string text;
-  for (int i = 0; i < bytes; ++i, value >>= 8U) {
-    text.push_back(static_cast<char>(value & 0xFFU));
-  }
-  return text;
-}
-
 /// An uncompressed grey picture (BMP, 8 bits per pixel) of the given size.
 inline std::string picture(unsigned width, unsigned height, char shade = 'k') {
+  using tests::number;
   const unsigned row = (width + 3) / 4 * 4;
   const unsigned start = 14 + 40 + 4 * 256;
   std::string palette;
@@ -32,16 +25,6 @@ inline std::string picture(unsigned width, unsigned height, char shade = 'k') {
          number(width, 4) + number(height, 4) + number(1, 2) + number(8, 2) + number(0, 4) +
          number(row * height, 4) + number(0, 16) + palette +
          std::string(std::size_t{row} * height, shade);
-}
-
-/// A WAV file of PCM samples.
-inline std::string sound(unsigned channels, unsigned sampleRate, unsigned bits = 16,
-                         unsigned dataSize = 4096) {
-  const unsigned frame = channels * bits / 8;
-  return "RIFF" + number(36 + dataSize, 4) + "WAVEfmt " + number(16, 4) + number(1, 2) +
-         number(channels, 2) + number(sampleRate, 4) + number(sampleRate * frame, 4) +
-         number(frame, 2) + number(bits, 2) + "data" + number(dataSize, 4) +
-         std::string(dataSize, '\1');
 }
 
 /// A camera adopted by a management server, and an endpoint that requests transfers. The control
@@ -105,16 +88,6 @@ class PlainServer : public engine::RawServer {
  public:
   explicit PlainServer(const std::string& body)
       : RawServer(engine::answering(engine::okResponse(body))) {}
-};
-
-/// Reads requests and never answers.
-class SilentServer : public engine::RawServer {
- public:
-  SilentServer()
-      : RawServer([](engine::Connection& connection) {
-          connection.readHead();
-          connection.awaitClose();
-        }) {}
 };
 
 }  // namespace kova::system_test

@@ -66,13 +66,6 @@ TEST_F(DispatchTest, FactoryResetIsOnlyScheduledAndAnsweredZero) {
   EXPECT_THAT(platform().commands, ElementsAre("/bin/cfgmtd -c", "/usr/bin/reboot"));
 }
 
-TEST_F(DispatchTest, ExitServiceSetsFlagAndIsNeverAnswered) {
-  EXPECT_FALSE(handler_.exitRequested());
-  EXPECT_TRUE(handle({{"functionName", "ExitService"}, {"responseExpected", true}}));
-  EXPECT_TRUE(handler_.exitRequested());
-  EXPECT_THAT(platform().bus.responses, IsEmpty());
-}
-
 TEST_F(DispatchTest, RebootDelaysSavesRebootsAndNeverReturns) {
   platform().onSleep = [waits = 0](int milliseconds) mutable {
     if (milliseconds == 1000 && ++waits == 3) {

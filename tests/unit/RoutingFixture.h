@@ -64,12 +64,7 @@ class TransferRoutingTest : public TransferTest {
   }
   void peerScript(engine::RawServer::Script script) { peer_.emplace(std::move(script)); }
   /// Makes the peer read requests and never answer.
-  void peerHolds() {
-    peerScript([](engine::Connection& connection) {
-      connection.readHead();
-      connection.awaitClose();
-    });
-  }
+  void peerHolds() { peerScript(engine::stalling()); }
   std::string uri(const std::string& path = "/file") const { return peer_->uri(path); }
   /// A URI with a port on which nobody listens.
   static std::string deadUri() {

@@ -85,19 +85,5 @@ TEST_F(TransferFieldsTest, InstalledLogoIsNotInstalledSound) {
   EXPECT_FALSE(ask("logo", uri(), {{"hash", "other"}})) << "the sound uses the URI";
 }
 
-TEST_F(TransferFieldsTest, PutWithoutHashIsRefusedByTask) {
-  write("/etc/persistent/user_sound.md5", "_UNINITIALIZED_");
-  for (const Fields& hash : {Fields{{"hash", Variant()}}, Fields{{"hash", 7}}}) {
-    startServer();
-    EXPECT_FALSE(ask("sound", uri(), hash));
-    EXPECT_THAT(
-        logged(),
-        ElementsAre("3 TransferTaskSound.onCheck: Hash must be set",
-                    "3 BaseTransferTask.start: Task-specific checks failed",
-                    "3 TransferService.add: Failed to start task, task=user_sound, uri=" + uri()));
-  }
-  EXPECT_THAT(events(), IsEmpty());
-}
-
 }  // namespace
 }  // namespace kova::ctlserver

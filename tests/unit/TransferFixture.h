@@ -1,12 +1,11 @@
 #pragma once
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
 
+#include "../../platform/utils/tests/TemporaryFolder.h"
 #include "../PrivateRoot.h"
 #include "UnitTest.h"
 
@@ -36,29 +35,11 @@ class TransferTest : public testing::Test {
   }
 
   static void write(const std::string& path, const std::string& content) {
-    std::ofstream file(path, std::ios::binary);
-    file << content;
-    file.close();
-    ASSERT_TRUE(file) << path;
+    tests::writeText(path, content);
   }
+  static std::string read(const std::string& path) { return tests::readText(path); }
 
-  static std::string read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-  }
-
-  /// "LEVEL UNIT.FUNCTION: TEXT" of each line logged so far.
-  static std::vector<std::string> logged() {
-    std::vector<std::string> lines;
-    for (const auto& line : platform().log) {
-      lines.push_back(std::to_string(line.level) + " " + line.unit + "." + line.function + ": " +
-                      line.text);
-    }
-    return lines;
-  }
+  static std::vector<std::string> logged() { return platform().logLines(); }
 
   /// "FUNCTION to=ENDPOINT id=REQUEST OUTCOME" of each event sent so far.
   static std::vector<std::string> events() {

@@ -57,6 +57,7 @@ TEST_F(TransferReasonsTest, EachRefusalNamesItsCause) {
        "The path /tmp/heatmap_1.jpg is not allowed: it must be /tmp/heatmap_, digits and .png."},
       {"snapshot", {{"what", 7}}, "The request does not say what to transfer (what)."},
   };
+  write("/etc/persistent/user_logo.md5", "_UNINITIALIZED_");
   for (const auto& [kind, fields, reason] : cases) {
     startServer();
     Fields all = fields;
@@ -310,11 +311,7 @@ TEST_F(TransferReasonsTest, DeadlineNamesItsPhase) {
   EXPECT_EQ(told(1),
             "TRANSFER_TIMEOUT: The deadline of 5000 ms passed before the file to send was ready.");
   EXPECT_EQ(record(1).httpStatus, 0);
-  peerScript([](engine::Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n12345");
-    connection.awaitClose();
-  });
+  peerScript(engine::stalling("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n12345"));
   ASSERT_TRUE(ask("logo", uri(), {{"timeoutMs", 60000}}));
   ASSERT_TRUE(serviceUntil([&] { return record(2).transferred == 5; }));
   EXPECT_EQ(record(2).size, 100U);
@@ -345,11 +342,7 @@ TEST_F(TransferReasonsTest, PhasesFollowTransfer) {
 TEST_F(TransferReasonsTest, ProgressIsReportedWhileTransferRuns) {
   ipc::Ipc ipc;
   TransferObjects objects(records(), ipc.objects());
-  peerScript([](engine::Connection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\n\r\n12345");
-    connection.awaitClose();
-  });
+  peerScript(engine::stalling("HTTP/1.1 200 OK\r\n\r\n12345"));
   ASSERT_TRUE(ask("logo", uri()));
   ASSERT_TRUE(serviceUntil([&] { return record(1).transferred == 5; }));
   EXPECT_EQ(record(1).size, 0U) << "unknown";

@@ -57,14 +57,5 @@ TEST_F(TransferTaskUserLogoTest, OtherSizeIsLoggedAndRefused) {
   }
 }
 
-TEST_F(TransferTaskUserLogoTest, FailedProbeCountsAsEmptyPicture) {
-  put({128 + 31, "empty=0 channels=1 depth=0 width=64 height=48\n", ""});
-  EXPECT_THAT(logged(), Contains(line(std::string("Logo validation failed, uri=") + kInstallUri +
-                                      ", empty=1, nCh=1, depth=0, width=0, height=0")));
-  expectStatus("VALIDATION_FAILED");
-  expectTempsGone();
-  expectNothingInstalled();
-}
-
 }  // namespace
 }  // namespace kova::ctlserver

@@ -21,7 +21,7 @@ class ConfinementTest : public ProbeFixture {
   void SetUp() override {
     ProbeFixture::SetUp();
     // Open to every user, so that only the confinement can refuse access.
-    ASSERT_EQ(chmod(folder_.c_str(), 0777), 0);
+    ASSERT_EQ(chmod(folder_.path().c_str(), 0777), 0);
     write("content");
     ASSERT_EQ(chmod(file_.c_str(), 0666), 0);
   }
@@ -49,7 +49,7 @@ class ConfinementTest : public ProbeFixture {
     ASSERT_EQ(stat(file_.c_str(), &status), 0);
     EXPECT_EQ(status.st_size, 7);
     EXPECT_EQ(status.st_mode & 0777U, 0666U);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_), {}), 1);
+    EXPECT_EQ(folder_.entries(), 1);
   }
 };
 

@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <string>
 #include <vector>
 
+#include "../../../platform/utils/tests/TemporaryFolder.h"
 #include "ProbeRun.h"
 
 namespace kova::imageprobe {
@@ -18,17 +16,9 @@ namespace kova::imageprobe {
 /// A file for the probe, readable by nobody, in a temporary folder.
 class ProbeFixture : public testing::Test {
  protected:
-  void SetUp() override {
-    folder_ = testing::TempDir() + "/imageprobe.XXXXXX";
-    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
-    ASSERT_EQ(chmod(folder_.c_str(), 0755), 0);
-    file_ = folder_ + "/file";
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
+  void SetUp() override { ASSERT_EQ(chmod(folder_.path().c_str(), 0755), 0); }
 
-  void write(const std::string& content) const {
-    std::ofstream(file_, std::ios::binary | std::ios::trunc) << content;
-  }
+  void write(const std::string& content) const { tests::writeText(file_, content); }
 
   static std::string encode(const std::string& format, const cv::Mat& image,
                             const std::vector<int>& how = {}) {
@@ -42,8 +32,8 @@ class ProbeFixture : public testing::Test {
     return image;
   }
 
-  std::string folder_;
-  std::string file_;
+  const tests::TemporaryFolder folder_;
+  const std::string file_ = folder_ / "file";
 };
 
 }  // namespace kova::imageprobe

@@ -53,7 +53,7 @@ TEST_F(ProbeTest, RootOnlyFileIsEmpty) {
 }
 
 TEST_F(ProbeTest, PlantedFileIsEmpty) {
-  const std::string planted = folder_ + "/planted";
+  const std::string planted = folder_ / "planted";
   write(picture(64, 48));
   std::filesystem::create_symlink(file_, planted);
   EXPECT_EQ(said(planted), kEmptyLine) << "a link";

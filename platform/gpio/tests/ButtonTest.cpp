@@ -342,22 +342,19 @@ TEST_F(ButtonTest, OnlyZeroAndOneAreLevels) {
 }
 
 TEST_F(ButtonTest, DescriptorsDoNotAccumulate) {
-  const auto open = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  };
-  const auto before = open();
+  const long before = tests::openDescriptors();
   for (int i = 0; i < 5; ++i) {
     ResetButtonCase button;
     EXPECT_TRUE(button.init(&info_, &observer_, 0));
     EXPECT_TRUE(button.init(&info_, &observer_, 0));
-    EXPECT_EQ(open(), before + 1);
+    EXPECT_EQ(tests::openDescriptors(), before + 1);
     writeText(path_, "");
     turnedMs += 50;
     EXPECT_FALSE(button.service());
-    EXPECT_EQ(open(), before);
+    EXPECT_EQ(tests::openDescriptors(), before);
     release();
   }
-  EXPECT_EQ(open(), before);
+  EXPECT_EQ(tests::openDescriptors(), before);
 }
 
 }  // namespace

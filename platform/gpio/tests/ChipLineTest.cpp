@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
 
+#include "../../utils/tests/TemporaryFolder.h"
 #include "FakeChips.h"
 #include "kova/gpio/InputLine.h"
 
@@ -98,21 +98,18 @@ TEST_F(ChipLineTest, ClosedLineIsLookedUpAgain) {
 }
 
 TEST_F(ChipLineTest, DescriptorsDoNotAccumulate) {
-  const auto open = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  };
-  const auto before = open();
+  const long before = tests::openDescriptors();
   {
     const auto line = InputLine::of("soc:1");
     for (int i = 0; i < 3; ++i) {
       EXPECT_EQ(level(*line), 0);
-      EXPECT_EQ(open(), before + 1);
+      EXPECT_EQ(tests::openDescriptors(), before + 1);
       line->close();
-      EXPECT_EQ(open(), before);
+      EXPECT_EQ(tests::openDescriptors(), before);
     }
     EXPECT_EQ(level(*line), 0);
   }
-  EXPECT_EQ(open(), before);
+  EXPECT_EQ(tests::openDescriptors(), before);
 }
 
 }  // namespace

@@ -113,6 +113,16 @@ TEST_F(AnswersTest, TransactionsHandlerRejectsSilently) {
   EXPECT_TRUE(tests::records.empty());
 }
 
+TEST_F(AnswersTest, OtherMethodsAndObjectsAreUnknown) {
+  const auto error = [&](const char* path, const char* interface, const char* member) {
+    return call(stranger_.newCall("test", path, interface, member).get()).error;
+  };
+  EXPECT_EQ(error("/kova", "kova.Ipc1", "Other"), "org.freedesktop.DBus.Error.UnknownMethod");
+  EXPECT_EQ(error("/kova", "kova.Ipc2", "Send"), "org.freedesktop.DBus.Error.UnknownMethod");
+  EXPECT_EQ(error("/other", "kova.Ipc1", "Send"), "org.freedesktop.DBus.Error.UnknownObject");
+  EXPECT_EQ(error("/kova", nullptr, "Send"), "kova.Error.InvalidMessage");
+}
+
 TEST_F(AnswersTest, NonMapBodiesAreInvalid) {
   Recorder handler(&ipc_, "");
   const MessagePtr text = stranger_.newCall("test");

@@ -90,16 +90,5 @@ TEST(OutQueueTest, TakenMessagesFreeSpace) {
   EXPECT_EQ(queue.take("c").size(), 1U);
 }
 
-TEST(OutQueueTest, DroppedMessagesFreeSpace) {
-  constexpr std::size_t half = kMaxBytes / 2;
-  OutQueue queue;
-  queue.put("a", numbered(1), kMaxBytes);
-  queue.put("b", numbered(2), half);
-  queue.put("c", numbered(3), half);
-  EXPECT_TRUE(queue.take("a").empty());
-  EXPECT_EQ(queue.take("b").size(), 1U);
-  EXPECT_EQ(queue.take("c").size(), 1U);
-}
-
 }  // namespace
 }  // namespace kova::ipc

@@ -60,9 +60,7 @@ PrivateBus::Folder::~Folder() {
   std::filesystem::remove_all(path, ignored);
 }
 
-PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + folder_.path + "/bus") {
-  const char* before = std::getenv(kVariable);
-  addressBefore_ = before != nullptr ? before : "";
+PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + socket()) {
   // Let other users connect, so that the policy decides about them.
   std::filesystem::permissions(folder_.path, std::filesystem::perms{0711});
   writeConfig(changes);
@@ -72,11 +70,7 @@ PrivateBus::PrivateBus(const Changes& changes) : address_("unix:path=" + folder_
 
 PrivateBus::~PrivateBus() {
   kill();
-  if (addressBefore_.empty()) {
-    unsetenv(kVariable);
-  } else {
-    setenv(kVariable, addressBefore_.c_str(), 1);
-  }
+  unsetenv(kVariable);
 }
 
 void PrivateBus::writeConfig(const Changes& changes) const {

@@ -26,6 +26,8 @@ class PrivateBus {
   void kill();
 
   const std::string& address() const { return address_; }
+  /// The path of its socket.
+  std::string socket() const { return folder_.path + "/bus"; }
   pid_t pid() const { return pid_; }
 
  private:
@@ -44,7 +46,6 @@ class PrivateBus {
 
   Folder folder_;
   std::string address_;
-  std::string addressBefore_;
   pid_t pid_ = -1;
 };
 

@@ -90,24 +90,6 @@ TEST(Envelope, AnyNumberIsStoredInFieldWidth) {
   }
 }
 
-TEST(Envelope, MistypedFieldTakesItsDefault) {
-  BaseRequestMessage message(Variant(Variant::Map{{"responseExpected", "true"},
-                                                  {"isBroadcast", 1},
-                                                  {"transactionId", "9"},
-                                                  {"from", 3},
-                                                  {"to", Variant::Map{}},
-                                                  {"functionName", false},
-                                                  {"queueIfDestUnavailable", 0}}));
-  message.NormalizeFields();
-  EXPECT_EQ(message["responseExpected"], Variant(false));
-  EXPECT_EQ(message["isBroadcast"], Variant(false));
-  EXPECT_EQ(message["transactionId"], Variant(std::int64_t{-1}));
-  EXPECT_EQ(message["from"], Variant(""));
-  EXPECT_EQ(message["to"], Variant(""));
-  EXPECT_EQ(message["functionName"], Variant(""));
-  EXPECT_EQ(message["queueIfDestUnavailable"], Variant(true));
-}
-
 TEST(Envelope, NumericTimeStampBecomesNow) {
   BaseRequestMessage message(Variant(Variant::Map{{"timeStamp", 12345}}));
   const time_t before = time(nullptr);

@@ -64,7 +64,6 @@ TEST(Events, UnknownStateBecomesFirst) {
   }
   EXPECT_EQ(normalized<PlayState>({{"name", "wifi_success"}}).name(), "WIFI_SUCCESS");
   EXPECT_EQ(normalized<PlayState>({{"name", "BLINK"}}).name(), "RESET_BUTTON");
-  EXPECT_EQ(normalized<PlayState>({{"name", 1}}).name(), "");
 }
 
 TEST(Events, VolumeIsClampedToMinusOneToHundred) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -10,6 +11,16 @@
 #include <string>
 
 namespace kova::tests {
+
+/// Number of entries in a folder.
+inline long entriesOf(const std::string& folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+/// Number of descriptors that this process has open, and one for the count itself.
+inline long openDescriptors() {
+  return entriesOf("/proc/self/fd");
+}
 
 /// An empty folder, removed with its content at the end of the test.
 class TemporaryFolder {
@@ -26,8 +37,7 @@ class TemporaryFolder {
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
   const std::string& path() const { return path_; }
 
-  /// Number of entries in the folder.
-  long entries() const { return std::distance(std::filesystem::directory_iterator(path_), {}); }
+  long entries() const { return entriesOf(path_); }
 
  private:
   std::string path_;
@@ -49,6 +59,12 @@ inline std::string readText(const std::string& path) {
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
+}
+
+/// The permissions of a file; 0 if it does not exist.
+inline mode_t modeOf(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
 }  // namespace kova::tests

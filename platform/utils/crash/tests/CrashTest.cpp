@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -21,6 +20,7 @@
 #include "CrashText.h"
 #include "TemporaryFolder.h"
 #include "kova/utils/Clock.h"
+#include "kova/utils/UniqueFd.h"
 
 namespace {
 
@@ -60,20 +60,17 @@ using tests::TemporaryFolder;
 /// A fake system log.
 class LogSocket {
  public:
-  explicit LogSocket(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+  explicit LogSocket(const std::string& path) {
     address_.sun_family = AF_UNIX;
     path.copy(address_.sun_path, sizeof address_.sun_path - 1);
-    EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&address_), sizeof address_));
+    EXPECT_EQ(0, bind(fd_.get(), reinterpret_cast<sockaddr*>(&address_), sizeof address_));
   }
-  ~LogSocket() { close(fd_); }
-  LogSocket(const LogSocket&) = delete;
-  LogSocket& operator=(const LogSocket&) = delete;
 
   /// Stores the lines received so far.
   void receive() {
     char line[4096];
     ssize_t got = 0;
-    while ((got = recv(fd_, line, sizeof line, MSG_DONTWAIT)) > 0) {
+    while ((got = recv(fd_.get(), line, sizeof line, MSG_DONTWAIT)) > 0) {
       text_.append(line, static_cast<std::size_t>(got)) += '\n';
     }
   }
@@ -82,15 +79,14 @@ class LogSocket {
 
   /// Sends until the queue is full.
   void fill() const {
-    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
     const auto* const address = reinterpret_cast<const sockaddr*>(&address_);
-    while (sendto(sender, "x", 1, 0, address, sizeof address_) == 1) {
+    while (sendto(sender.get(), "x", 1, 0, address, sizeof address_) == 1) {
     }
-    close(sender);
   }
 
  private:
-  int fd_;
+  UniqueFd fd_{socket(AF_UNIX, SOCK_DGRAM, 0)};
   sockaddr_un address_{};
   std::string text_;
 };
@@ -134,9 +130,7 @@ TEST_F(CrashTest, ForceCrashLeavesReportAndAborts) {
   EXPECT_THAT(Report(),
               ContainsRegex("Crashed by signal 6 \\(Aborted\\), program counter 0x[0-9a-f]+"));
   EXPECT_THAT(Report(), HasSubstr("(abort+0x"));
-  struct stat info {};
-  stat(reportPath().c_str(), &info);
-  EXPECT_EQ(info.st_mode & 07777, 0600U);
+  EXPECT_EQ(tests::modeOf(reportPath()), 0600U);
 }
 
 TEST_F(CrashTest, ReportGoesToSystemLog) {

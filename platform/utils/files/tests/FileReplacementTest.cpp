@@ -53,14 +53,10 @@ namespace kova::utils {
 namespace {
 
 using tests::FileSizeLimit;
+using tests::modeOf;
 using tests::readText;
 using tests::TemporaryFolder;
 using tests::writeText;
-
-mode_t modeOf(const std::string& path) {
-  struct stat info {};
-  return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
-}
 
 class AtomicReplacementTest : public testing::Test {
  protected:

@@ -19,6 +19,7 @@ namespace {
 
 using tests::eventually;
 using tests::isRunning;
+using tests::openDescriptors;
 using tests::TemporaryFolder;
 using tests::writeScript;
 
@@ -33,6 +34,10 @@ class EndDaemonTest : public testing::Test {
     return runDaemon(nullptr, nullptr, nullptr, Script(), 1, folder_.path().c_str()) &&
            eventually([&] { return !numbersIn("ready").empty(); });
   }
+  /// Starts a script that writes what `command` prints, and then sleeps.
+  bool startTelling(const std::string& command) {
+    return start(command + " >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60");
+  }
   std::vector<pid_t> numbersIn(const std::string& name) const {
     std::ifstream file(folder_ / name);
     return {std::istream_iterator<pid_t>(file), {}};
@@ -42,12 +47,10 @@ class EndDaemonTest : public testing::Test {
   /// process first.
   template <typename Prepare>
   bool endsWithItsOwner(Prepare prepare) {
-    writeScript(folder_, "script",
-                "echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60");
     const pid_t owner = fork();
     if (owner == 0) {
       prepare();
-      runDaemon(nullptr, nullptr, nullptr, Script(), 1, folder_.path().c_str());
+      startTelling("echo $$");
       pause();
     }
     EXPECT_TRUE(eventually([&] { return !numbersIn("ready").empty(); }));
@@ -94,18 +97,13 @@ TEST_F(EndDaemonTest, EndsDescendantsOfEndedProgram) {
 }
 
 TEST_F(EndDaemonTest, SparesOtherPrograms) {
-  ASSERT_TRUE(start("echo $$ >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  ASSERT_TRUE(startTelling("echo $$"));
   endDaemon("/bin/sleep");
   EXPECT_TRUE(isRunning(numbersIn("ready").at(0)));
 }
 
-std::size_t openDescriptors() {
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(descriptors, {}));
-}
-
 TEST_F(EndDaemonTest, EndedProgramsLeaveNoDescriptors) {
-  const std::size_t before = openDescriptors();
+  const long before = openDescriptors();
   tests::records.clear();
   const auto start = [] { return runDaemon(nullptr, nullptr, nullptr, "/bin/true", 0); };
   for (int i = 0; i < 50; ++i) ASSERT_TRUE(start());
@@ -124,9 +122,7 @@ TEST_F(EndDaemonTest, ProgramsEndWithOwnerWithoutStandardStreams) {
 }
 
 TEST_F(EndDaemonTest, ProgramHasNoSocketToItsSupervisor) {
-  ASSERT_TRUE(
-      start("ls -l /proc/$$/fd | grep -c socket: >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec "
-            "sleep 60"));
+  ASSERT_TRUE(startTelling("ls -l /proc/$$/fd | grep -c socket:"));
   EXPECT_EQ(numbersIn("ready"), std::vector<pid_t>{0});
   endDaemon(Script());
 }
@@ -158,22 +154,21 @@ TEST_F(EndDaemonTest, LeashIsReleasedWithProgram) {
 }
 
 TEST_F(EndDaemonTest, SupervisorOutlivesSignalToOwner) {
-  ASSERT_TRUE(start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  ASSERT_TRUE(startTelling("echo $PPID"));
   const pid_t supervisor = numbersIn("ready").at(0);
   kill(supervisor, SIGTERM);
   kill(supervisor, SIGHUP);
   sleepMs(50);
   EXPECT_TRUE(isRunning(supervisor));
   EXPECT_EQ(tests::readText("/proc/" + std::to_string(supervisor) + "/comm"), "kova_supervisor\n");
-  const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(supervisor) +
-                                                        "/fd");
-  EXPECT_EQ(std::distance(descriptors, {}), 2) << "a socket and a signalfd";
+  EXPECT_EQ(tests::entriesOf("/proc/" + std::to_string(supervisor) + "/fd"), 2)
+      << "a socket and a signalfd";
   endDaemon(Script());
   EXPECT_TRUE(eventually([&] { return !isRunning(supervisor); }));
 }
 
 TEST_F(EndDaemonTest, HungSupervisorBlocksBriefly) {
-  ASSERT_TRUE(start("echo $PPID >\"$1/new\"; mv \"$1/new\" \"$1/ready\"; exec sleep 60"));
+  ASSERT_TRUE(startTelling("echo $PPID"));
   const pid_t supervisor = numbersIn("ready").at(0);
   kill(supervisor, SIGSTOP);
   const std::uint64_t before = nowMs();

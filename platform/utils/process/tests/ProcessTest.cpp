@@ -12,8 +12,8 @@
 
 #include "DescriptorLimit.h"
 #include "Pipe.h"
-#include "Processes.h"
 #include "Script.h"
+#include "kova/utils/Clock.h"
 
 namespace {
 
@@ -174,13 +174,6 @@ TEST_F(SysExecTest, EndlessOutputMeetsTimeout) {
   EXPECT_EQ(kKeepKiB * 1024U, out_.size());
 }
 
-TEST_F(SysExecTest, TimeoutReachesGrandchildren) {
-  timeoutMs_ = 300;
-  EXPECT_EQ(128 + SIGKILL, runScript("sleep 60 & echo $!; wait"));
-  const int grandchild = std::stoi(out_);
-  EXPECT_TRUE(tests::eventually([&] { return !tests::isRunning(grandchild); }));
-}
-
 TEST_F(SysExecTest, DoesNotWaitForProgramsLeftRunning) {
   const std::uint64_t before = nowMs();
   EXPECT_EQ(0, runScript("sleep 60 & echo $!"));
@@ -303,8 +296,6 @@ TEST(PipeTest, NeedsTwoDescriptors) {
 }
 
 TEST(SysExecSimple, ReturnsExitStatus) {
-  EXPECT_EQ(0, sysExecSimple("/bin/true"));
-  EXPECT_EQ(1, sysExecSimple("/bin/false"));
   EXPECT_EQ(0, sysExecSimple("/bin/echo", "x")) << "its output is discarded";
   EXPECT_EQ(5, sysExecSimple("/bin/sh", "-c", "exit 5"));
   EXPECT_EQ(128 + SIGABRT, sysExecSimple("/bin/sh", "-c", "kill -ABRT $$"));

@@ -6,14 +6,14 @@
 #include <functional>
 #include <string>
 
-#include "TemporaryFolder.h"
+#include "../../tests/TemporaryFolder.h"
 #include "kova/utils/Clock.h"
 
 namespace kova::tests {
 
-/// Waits up to ten seconds for a condition; returns whether it holds.
+/// Waits up to twenty seconds for a condition; returns whether it holds.
 inline bool eventually(const std::function<bool()>& condition) {
-  const std::uint64_t deadline = utils::nowMs() + 10000;
+  const std::uint64_t deadline = utils::nowMs() + 20000;
   while (!condition()) {
     if (utils::nowMs() > deadline) return false;
     utils::sleepMs(2);

@@ -60,6 +60,10 @@ class ServiceManagerTest : public testing::Test {
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+    return takeAll();
+  }
+  // The notifications that the socket holds.
+  std::vector<std::string> takeAll() const {
     std::vector<std::string> told;
     char text[64];
     for (ssize_t got = 0; (got = recv(socket_.get(), text, sizeof text, 0)) >= 0;) {
@@ -99,11 +103,6 @@ class ServiceManagerTest : public testing::Test {
     }
     EXPECT_EQ(errno, EAGAIN);
     return count;
-  }
-  void takeAll() {
-    char text[64];
-    while (recv(socket_.get(), text, sizeof text, 0) >= 0) {
-    }
   }
 
   static void callFor(unsigned milliseconds) {

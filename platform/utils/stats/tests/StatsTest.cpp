@@ -8,10 +8,11 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <set>
 #include <string>
+
+#include "TemporaryFolder.h"
 
 namespace kova::utils {
 namespace {
@@ -36,18 +37,14 @@ class StatsTest : public testing::Test {
 };
 
 TEST_F(StatsTest, CloseReleasesHandlesAndDescriptors) {
-  const auto countDescriptors = [] {
-    const std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
-  };
-  const auto before = countDescriptors();
+  const long before = tests::openDescriptors();
   StatsLib* lib = nullptr;
   ASSERT_EQ(0, InitializeStatsLib(&lib));
   ASSERT_NE(nullptr, lib);
-  EXPECT_GT(countDescriptors(), before);
+  EXPECT_GT(tests::openDescriptors(), before);
   CloseStatsLib(&lib);
   EXPECT_EQ(nullptr, lib);
-  EXPECT_EQ(before, countDescriptors());
+  EXPECT_EQ(before, tests::openDescriptors());
 }
 
 TEST_F(StatsTest, MemoryAgreesWithKernel) {

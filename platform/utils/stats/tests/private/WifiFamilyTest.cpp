@@ -32,11 +32,11 @@ NlMessage interfaceAnswer(std::uint32_t index) {
   return message;
 }
 
-NlMessage stationAnswer() {
+NlMessage stationAnswer(int dBm) {
   NlMessage message(nlmsg_alloc());
   genlmsg_put(message.get(), 0, 0, loaded, 0, 0, NL80211_CMD_NEW_STATION, 0);
   nlattr* info = nla_nest_start(message.get(), NL80211_ATTR_STA_INFO);
-  nla_put_u8(message.get(), NL80211_STA_INFO_SIGNAL, static_cast<std::uint8_t>(-57));
+  nla_put_u8(message.get(), NL80211_STA_INFO_SIGNAL, static_cast<std::uint8_t>(dBm));
   nla_nest_end(message.get(), info);
   return message;
 }
@@ -69,8 +69,8 @@ bool Netlink::ask(nl_msg* request, const std::function<void(nlmsghdr*)>& onAnswe
     for (const std::uint32_t index : {kClient - 1, kClient}) {
       onAnswer(nlmsg_hdr(interfaceAnswer(index).get()));
     }
-  } else if (isAboutClient(header)) {
-    onAnswer(nlmsg_hdr(stationAnswer().get()));
+  } else {
+    onAnswer(nlmsg_hdr(stationAnswer(isAboutClient(header) ? -57 : -20).get()));
   }
   return true;
 }
@@ -99,7 +99,7 @@ TEST_F(WifiFamilyTest, IsLookedUpOnceAndAfterReload) {
   loaded = 31;
   EXPECT_EQ(2, count());
   EXPECT_STREQ("wlan3", stats.interfaces[0].name);
-  EXPECT_EQ(-100, stats.interfaces[0].signalDbm) << "an access point has no signal";
+  EXPECT_EQ(-100, stats.interfaces[0].signalDbm) << "not that of a client";
   EXPECT_STREQ("wlan4", stats.interfaces[1].name);
   EXPECT_EQ(-57, stats.interfaces[1].signalDbm);
   EXPECT_EQ(2, count());
