@@ -252,7 +252,7 @@ def main():
     faults += faults_of_check(rows)
     faults += faults_of_calls(rows)
     if any("docs/board.md lacks the " in fault for fault in faults):
-        print('A name belongs into the first column of a row, a word into any part of one: "How to read the tables".')
+        print('A name belongs in the first column of a row, a word into any part of one: "How to read the tables".')
     print(*faults, f"{len(named)} names in the sources, {len(rows)} rows, {len(faults)} faults", sep="\n")
     return 1 if faults or len(named) < 100 else 0
 

@@ -40,7 +40,7 @@ def main():
     marked = marks(faults)
     existing = {".".join(test) for path in sources(tests=True) for test in TEST.findall(path.read_text())}
     numbers = [int(row[0]) for row in rows]
-    if numbers != list(range(1, len(rows) + 1)):
+    if sorted(numbers) != list(range(1, len(rows) + 1)):
         faults.append("docs/kept.md: the rows are not numbered from 1 without a gap")
     faults += [f"docs/kept.md: no source has the mark // kept: {kept}" for kept in numbers if kept not in marked]
     faults += [f"{marked[kept]}: docs/kept.md has no row {kept}" for kept in sorted(set(marked) - set(numbers))]

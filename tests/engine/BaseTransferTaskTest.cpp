@@ -70,21 +70,17 @@ TEST_F(BaseTransferTaskTest, CompleteTaskStartsItsClock) {
   EXPECT_THAT(fakes::platform().log, IsEmpty());
 }
 
-TEST_F(BaseTransferTaskTest, MissingValueIsNamed) {
-  expectRefused(task_.setName(""), "Name must be set");
-  task_.setName("task");
-  expectRefused(task_.setMaxSz(0), "Max size must be set");
+TEST_F(BaseTransferTaskTest, FirstMissingValueIsNamed) {
+  task_.setName("").setMaxSz(0).setUri("").setPath("").setTimeout(0).setSendNoEvents(false);
+  expectRefused(task_, "Name must be set");
+  expectRefused(task_.setName("task"), "Max size must be set");
   expectRefused(task_.setKind(false), "Max size must be set");
-  task_.setMaxSz(1).setKind(true);
-  expectRefused(task_.setUri(""), "URI must be set");
+  expectRefused(task_.setKind(true).setMaxSz(1), "URI must be set");
   expectRefused(task_.setUri("_UNINITIALIZED_"), "URI must be set");
-  task_.setUri("http://host/file");
-  expectRefused(task_.setPath(""), "Path must be set when downloading");
+  expectRefused(task_.setUri("http://host/file"), "Path must be set when downloading");
   expectRefused(task_.setPath("_UNINITIALIZED_"), "Path must be set when downloading");
-  task_.setPath("/tmp/file");
-  expectRefused(task_.setTimeout(0), "Timeout must be set");
-  task_.setTimeout(1);
-  expectRefused(task_.setSendNoEvents(false), "IPC origin must be set when sending events is on");
+  expectRefused(task_.setPath("/tmp/file"), "Timeout must be set");
+  expectRefused(task_.setTimeout(1), "IPC origin must be set when sending events is on");
   EXPECT_TRUE(task_.setIpcOrigin("client").start());
 }
 

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Engine.h"
@@ -85,7 +86,8 @@ TEST_F(MultiHttpTest, UnopenableFileLeavesNothingBehind) {
   EXPECT_FALSE(http_.start(true, server.uri(), path("missing/file")));
   EXPECT_FALSE(http_.start(false, server.uri(), path("missing")));
   EXPECT_THAT(logLines(), IsEmpty());
-  EXPECT_TRUE(http_.start(true, server.uri(), path("file")));
+  ASSERT_EQ(mkdir(path("missing").c_str(), 0755), 0);
+  EXPECT_TRUE(http_.start(true, server.uri(), path("missing/file")));
   ASSERT_TRUE(finish());
   EXPECT_EQ(server.connections(), 1U);
 }

@@ -71,7 +71,7 @@ class TransferRoutingTest : public TransferTest {
     return engine::RawServer([](engine::Connection&) {}).uri();
   }
 
-  /// Sends a request of one of the seven kinds: a "what" of get or put, or "fw".
+  /// Sends a request of one of `kKinds`: a "what" of get or put, or "fw".
   bool ask(const std::string& kind, const std::string& to, Fields more = {}) {
     more["uri"] = to;
     if (kind == "fw") {

@@ -72,9 +72,7 @@ TEST_F(TransferRoutingTest, OnlyWordEqualToTaskNameExcludesOtherUri) {
         EXPECT_FALSE(ask("snapshot", other)) << "the second is registered";
         continue;
       }
-      EXPECT_THAT(logged(),
-                  ElementsAre(duplicate("name", second, other,
-                                        second == "fw" ? "updateFirmware" : "getRequest")));
+      EXPECT_THAT(logged(), ElementsAre(duplicate("name", second, other, operationOf(second))));
     }
   }
 }

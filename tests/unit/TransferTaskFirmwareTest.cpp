@@ -172,6 +172,11 @@ TEST_F(TransferTaskFirmwareTest, EventIsNormalisedAndExpectsNoResponse) {
   EXPECT_EQ(event.find("status"), nullptr);
 }
 
+TEST_F(TransferTaskFirmwareTest, UnknownStatusBecomesTimeOut) {
+  task_.notifyStatus("no such status");
+  EXPECT_THAT(events(), ElementsAre(failure("TRANSFER_TIMEOUT")));
+}
+
 TEST_F(TransferTaskFirmwareTest, EventsCannotBeDisabled) {
   task_.setSendNoEvents(true);
   task_.notifyStatus("FW_CHECK_FAILED");
