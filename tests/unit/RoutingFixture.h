@@ -29,7 +29,9 @@ inline std::string taskName(const std::string& kind) {
 }
 
 inline std::string operationOf(const std::string& kind) {
-  return kind == "logo" || kind == "sound" ? "putRequest" : "getRequest";
+  return kind == "fw"                        ? "updateFirmware"
+         : kind == "logo" || kind == "sound" ? "putRequest"
+                                             : "getRequest";
 }
 
 /// A server that receives requests as from the dispatcher, with a peer on the loopback interface.
