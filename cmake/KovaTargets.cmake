@@ -78,7 +78,7 @@ function(kova_test_options name)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # ccache needs the first; without the second, garbage collection takes an eighth of the time.
     target_compile_options(${name} PRIVATE -fpch-preprocess --param=ggc-min-heapsize=1500000)
-  else() # for ccache
+  elseif(CMAKE_CXX_COMPILER_ID STREQUAL "Clang") # for ccache
     target_compile_options(${name} PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
   endif()
   if(KOVA_SANITIZE)

@@ -103,4 +103,19 @@ expect_not "concurrent package builds are refused" \
   flock "$work/out/lock" timeout 20 "$SOURCE/packaging/package" "$SOURCE" "$work/out"
 cp "$work/output" "$work/said"
 expect "  the message names the folder" grep "another build is running in $work/out" "$work/said"
+
+# A project of its own, for the real cmake.
+readonly project=$work/project
+mkdir -p "$project/packaging"
+cp "$SOURCE/dev" "$project"
+cp "$SOURCE/packaging/packages.sh" "$project/packaging"
+printf 'cmake_minimum_required(VERSION 3.25)\nproject(small LANGUAGES CXX)\n' >"$project/CMakeLists.txt"
+cat >"$project/CMakePresets.json" <<'TEXT'
+{"version": 6, "configurePresets": [{"name": "debug", "generator": "Ninja", "binaryDir": "${sourceDir}/build/debug",
+ "cacheVariables": {"CMAKE_CXX_COMPILER": "c++", "SETTING": "kept"}}]}
+TEXT
+expect "a build folder of another compiler is made" \
+  env -C "$project" cmake --preset debug -DCMAKE_CXX_COMPILER=g++
+expect "  it is configured for the compiler of the preset" env KOVA_NO_INSTALL=1 "$project/dev" build debug
+expect "  the other settings of the preset are kept" grep -F "SETTING:UNINITIALIZED=kept" "$project/build/debug/CMakeCache.txt"
 report
