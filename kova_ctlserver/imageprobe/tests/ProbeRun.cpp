@@ -9,10 +9,13 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <functional>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <system_error>
+
+#include "../Decoder.h"
 
 namespace kova::imageprobe {
 namespace {
@@ -83,6 +86,11 @@ Ended run(const std::vector<std::string>& words) {
 
 Ended probe(const std::string& file) {
   return run({KOVA_IMAGEPROBE, file});
+}
+
+Ended probeInFork(const std::string& file) {
+  std::fflush(stdout);  // or the child prints it again
+  return inChild([&]() -> int { decodeConfined(file.c_str()); });
 }
 
 std::string unconfined(const std::string& file) {

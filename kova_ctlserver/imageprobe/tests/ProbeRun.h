@@ -19,6 +19,10 @@ Ended run(const std::vector<std::string>& words);
 /// Runs the probe on a file.
 Ended probe(const std::string& file);
 
+/// Does what the probe does in a fork of this process: a tenth of the time, because the libraries
+/// are loaded.
+Ended probeInFork(const std::string& file);
+
 /// The expected output for a file: that of the decoder in an unconfined process; "" if that process
 /// dies.
 std::string unconfined(const std::string& file);
