@@ -128,7 +128,8 @@ install_applets() {
 make_manifest_folders() {
   local folders
   mapfile -t folders < <(cut -f 2 "$manifest" | sed "s,/[^/]*\$,," | sort -u)
-  mkdir -p "${folders[@]/#/$root}"
+  # $root in quotation marks: Bash would replace a "&" in it.
+  mkdir -p "${folders[@]/#/"$root"}"
 }
 
 # Copies files: through hard links, root in the camera could write to files of the host.

@@ -274,7 +274,8 @@ restricts_bus_access() {
 }
 
 runs_beside_another_camera() {
-  local two=$work/two info=$work/info.json
+  local two=$work/two.d/"R&D's [2]" info=$work/info.json
+  as_caller mkdir "$work/two.d"
   sed -e 's/Kova Virtual Camera/Other/' -e 's/42264/42321/' "$here/../rootfs/usr/share/kova/camera_info.json" >"$info"
   chmod a+r "$info"
   expect "a second camera boots beside the first" cam start "$two" --info "$info"
@@ -284,6 +285,7 @@ runs_beside_another_camera() {
   sees_one_daemon() { [ "$(cam exec "$two" -- pidof kova_ctlserver | wc -w)" -eq 1 ]; }
   expect "each camera sees only its own processes" eventually sees_one_daemon
   expect "the second camera stops" cam stop "$two"
+  expect "nothing is created beside it" test "$(ls "$work/two.d")" = "${two##*/}"
   expect "the first camera still serves" cam wait "$one"
 }
 

@@ -116,7 +116,7 @@ skip() {
 
 clean_up() {
   local folder
-  for folder in "$work"/one "$work"/two; do
+  for folder in "$work"/one "$work"/two.d/*; do
     [ ! -e "$folder/state" ] || cam stop "$folder" >/dev/null || true
   done
   rm -rf "$work"
