@@ -31,7 +31,7 @@ list_emulated_program() {
 
 # list_emulated_libraries PROGRAM...: prints the same for the loader and shared libraries of the programs.
 list_emulated_libraries() {
-  local loader program path
+  local loader program
   loader=$(find "$KOVA_CAMERA_SYSROOT/lib/" -maxdepth 1 -name 'ld-linux-*.so.*' -print -quit)
   [ -n "$loader" ] || die "no loader in \"$KOVA_CAMERA_SYSROOT/lib\""
   {
@@ -42,7 +42,5 @@ list_emulated_libraries() {
         sed -nE 's,^[[:space:]]*(.* => )?(/[^ ]+) \(0x.*,\2,p'
     done
     (cd "$KOVA_CAMERA_SYSROOT" && find lib/ -name "${RUNTIME_LIBRARIES[0]}" -printf '/%p\n')
-  } | sed "s,^$KOVA_CAMERA_SYSROOT,," | sort -u | while read -r path; do
-    printf '%s\t%s\n' "$(readlink -f "$KOVA_CAMERA_SYSROOT$path")" "$path"
-  done
+  } | sed "s,^$KOVA_CAMERA_SYSROOT,," | sort -u | resolve_paths "$KOVA_CAMERA_SYSROOT"
 }

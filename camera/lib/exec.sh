@@ -54,6 +54,6 @@ wait_for_service() {
 
 has_booted() {
   local count
-  [ -e "$root/run/booted" ] && [ -e "$init_pid_file" ] && count=$(cat "$root/run/boot_count" 2>/dev/null) &&
+  [ -e "$root/run/booted" ] && [ -e "$init_pid_file" ] && { read -r count <"$root/run/boot_count"; } 2>/dev/null &&
     [ "${count:-0}" -ge "$1" ]
 }

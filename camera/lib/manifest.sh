@@ -46,16 +46,22 @@ list_built_program() {
 
 # list_libraries PROGRAM...: prints "source<TAB>path" of their shared libraries and loader.
 list_libraries() {
-  local path name
+  local name
   {
     { ldd "$@" 2>/dev/null || true; } | # fails for scripts, static programs and other processors
       sed -nE 's,^[[:space:]]*(.* => )?(/[^ ]+) \(0x.*,\2,p'
     for name in "${RUNTIME_LIBRARIES[@]}"; do
       ldconfig_path "$name"
     done
-  } | sort -u | while read -r path; do
-    printf '%s\t%s\n' "$(readlink -f "$path")" "$path"
-  done
+  } | sort -u | resolve_paths
+}
+
+# resolve_paths [SYSROOT]: prints "source<TAB>path" for each path on standard input; source is the path in SYSROOT with
+# all links resolved.
+resolve_paths() {
+  local paths
+  mapfile -t paths
+  [ ${#paths[@]} -eq 0 ] || paste <(readlink -f -- "${paths[@]/#/"${1:-}"}") <(printf '%s\n' "${paths[@]}")
 }
 
 ldconfig_path() { PATH=$PATH:/sbin:/usr/sbin ldconfig -p | sed -n "s,^[[:space:]]*$1 .* => ,,p" | sed -n 1p; }

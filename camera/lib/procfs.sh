@@ -6,6 +6,7 @@
 # open are stored beside the snapshots and rewritten in place.
 
 readonly FIGURES=(cpuinfo filesystems loadavg meminfo net/dev net/route net/ipv6_route stat uptime version)
+declare -A figure_sizes # of the files, to start no stat(1) for each of them in each turn
 
 make_proc_mirror() {
   rm -rf --one-file-system -- "${root:?}/proc"
@@ -46,11 +47,13 @@ refresh_figures() {
   local name text file
   for name in "${FIGURES[@]}"; do
     file=$root/run/proc/figures/$name
+    text=
     IFS= read -r -d '' text <"/proc/$name" || true # read fails at the end of input without NUL
-    if [ ! -e "$file" ] || [ "$(stat -c %s "$file")" -gt "${#text}" ]; then
+    if [ ! -e "$file" ] || [ "${figure_sizes[$name]}" -gt "${#text}" ]; then
       printf '%s' "$text" >"$file"
     else
       printf '%s' "$text" 1<>"$file"
     fi
+    figure_sizes[$name]=${#text}
   done 2>/dev/null
 }

@@ -132,10 +132,16 @@ make_manifest_folders() {
   mkdir -p "${folders[@]/#/"$root"}"
 }
 
-# Copies files: through hard links, root in the camera could write to files of the host.
+# Copies files: through hard links, root in the camera could write to files of the host. One cp(1) copies all libraries,
+# whose paths are the same.
 copy_manifest() {
-  local source target
+  local source target same=()
   while IFS=$'\t' read -r source target; do
-    cp -a --reflink=auto -T -- "$source" "$root$target"
+    if [ -f "$source" ] && [ "$source" -ef "$target" ]; then
+      same+=("$target")
+    else
+      cp -a --reflink=auto -T -- "$source" "$root$target"
+    fi
   done <"$manifest"
+  cp -aL --reflink=auto --parents -- "${same[@]}" "$root"
 }
