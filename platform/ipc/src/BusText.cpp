@@ -1,8 +1,18 @@
 #include "BusText.h"
 
+#include <algorithm>
+
 #include "kova/utils/Utf8.h"
 
 namespace kova::ipc {
+namespace {
+
+bool isAscii(char character) {
+  const auto byte = static_cast<unsigned char>(character);
+  return byte > 0 && byte < 0x80;
+}
+
+}  // namespace
 
 bool isBusCharacter(char32_t code) {
   const bool noncharacter = (code >= 0xFDD0 && code <= 0xFDEF) || (code & 0xFFFEU) == 0xFFFE;
@@ -10,7 +20,12 @@ bool isBusCharacter(char32_t code) {
 }
 
 bool isBusText(std::string_view text) {
-  while (!text.empty()) {
+  for (;;) {
+    // Up to a megabyte, mostly ASCII: decode only what is not.
+    text.remove_prefix(std::find_if_not(text.begin(), text.end(), isAscii) - text.begin());
+    if (text.empty()) {
+      return true;
+    }
     char32_t code = 0;
     const std::size_t length = utils::decodeUtf8(text, code);
     if (length == 0 || !isBusCharacter(code)) {
@@ -18,7 +33,6 @@ bool isBusText(std::string_view text) {
     }
     text.remove_prefix(length);
   }
-  return true;
 }
 
 }  // namespace kova::ipc

@@ -101,6 +101,9 @@ std::uint64_t objectNumber(const std::string& folder, const char* path) {
 }
 
 std::string shownText(const std::string& text, std::size_t most) {
+  if (text.size() <= most && isBusText(text)) {
+    return text;
+  }
   std::string shown;
   std::string_view rest(text);
   while (!rest.empty()) {
