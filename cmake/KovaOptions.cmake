@@ -9,8 +9,8 @@ set_property(GLOBAL PROPERTY USE_FOLDERS ON)
 
 option(KOVA_SANITIZE "Build with the address and undefined-behaviour sanitizers; with clang also the fuzz targets" OFF)
 option(KOVA_HARDEN "Build with the hardening flags of a release" OFF)
-option(KOVA_BATCHES "Compile the files of a library in batches, which takes half the time" OFF)
-option(KOVA_TEST_BATCHES "Compile the files of a test program in batches" OFF)
+option(KOVA_BATCHES "Compile the files of each library as one batch, which takes half the time" OFF)
+option(KOVA_TEST_BATCHES "Compile the files of each test program as one batch" OFF)
 option(KOVA_DEBUG_INFO "Compile what is shipped with debugging information, for packages of it" OFF)
 option(KOVA_WERROR "Let no warning pass, as the presets do; another compiler may have others" OFF)
 

@@ -1,44 +1,28 @@
 # Functions that declare the project's targets.
 
-# kova_batches(<target> <option>)
+# kova_batch(<target> <option>)
 #
-# If the option is on, compiles the files of a target in batches, which halves the compile time: neighbours instantiate
-# the same templates. Each file keeps its own identity in the log. A file with the property COMPILE_DEFINITIONS or
-# KOVA_ALONE is compiled alone.
+# If the option is on, compiles the files of a target as one batch, in half the time or less: neighbours include the same
+# headers and instantiate the same templates. Each file keeps its own identity in the log. A file with the property
+# COMPILE_DEFINITIONS or KOVA_ALONE is compiled alone.
 #
 # CMake's UNITY_BUILD includes files by absolute path, so clones could not share ccache's results.
-function(kova_batches name option)
+function(kova_batch name option)
   if(${option}) # once the properties of all files are known
-    cmake_language(EVAL CODE "cmake_language(DEFER CALL kova_write_batches ${name})")
+    cmake_language(EVAL CODE "cmake_language(DEFER CALL kova_write_batch ${name})")
   endif()
 endfunction()
 
-function(kova_write_batches name)
+function(kova_write_batch name)
   get_target_property(sources ${name} SOURCES)
-  set(batch 0)
-  set(files)
+  set(text)
   foreach(source ${sources})
     get_source_file_property(alone ${source} KOVA_ALONE)
     get_source_file_property(definitions ${source} COMPILE_DEFINITIONS)
-    if(NOT alone AND NOT definitions)
-      list(APPEND files ${source})
+    if(alone OR definitions)
+      continue()
     endif()
-    list(LENGTH files count)
-    if(count EQUAL 12)
-      kova_write_batch(${name} ${CMAKE_CURRENT_BINARY_DIR}/batches/${name}_${batch}.cpp ${files})
-      math(EXPR batch "${batch} + 1")
-      set(files)
-    endif()
-  endforeach()
-  if(files)
-    kova_write_batch(${name} ${CMAKE_CURRENT_BINARY_DIR}/batches/${name}_${batch}.cpp ${files})
-  endif()
-  target_compile_options(${name} PRIVATE "SHELL:-iquote ${PROJECT_SOURCE_DIR}")
-endfunction()
-
-function(kova_write_batch name batch)
-  set(text "// NOLINTBEGIN\n")
-  foreach(source ${ARGN})
+    set_source_files_properties(${source} PROPERTIES HEADER_FILE_ONLY ON)
     get_filename_component(path ${source} ABSOLUTE)
     file(RELATIVE_PATH path ${PROJECT_SOURCE_DIR} ${path})
     string(MAKE_C_IDENTIFIER ${path} file)
@@ -50,9 +34,13 @@ function(kova_write_batch name batch)
 #undef kLogUnit
 ")
   endforeach()
-  file(CONFIGURE OUTPUT ${batch} CONTENT "${text}// NOLINTEND\n" @ONLY)
-  set_source_files_properties(${ARGN} PROPERTIES HEADER_FILE_ONLY ON)
+  if(NOT text)
+    return()
+  endif()
+  set(batch ${CMAKE_CURRENT_BINARY_DIR}/batches/${name}.cpp)
+  file(CONFIGURE OUTPUT ${batch} CONTENT "// NOLINTBEGIN\n${text}// NOLINTEND\n" @ONLY)
   target_sources(${name} PRIVATE ${batch})
+  target_compile_options(${name} PRIVATE "SHELL:-iquote ${PROJECT_SOURCE_DIR}")
 endfunction()
 
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
@@ -66,7 +54,7 @@ function(kova_library name)
     target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include)
   endif()
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
-  kova_batches(${name} KOVA_BATCHES)
+  kova_batch(${name} KOVA_BATCHES)
 endfunction()
 
 # kova_test_options(<target>)
@@ -102,7 +90,7 @@ function(kova_test_library name type)
   target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
   kova_test_options(${name})
-  kova_batches(${name} KOVA_TEST_BATCHES)
+  kova_batch(${name} KOVA_TEST_BATCHES)
   if(ARG_HEADERS) # a precompiled header requires the compile options that it was built with
     target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest)
     set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
@@ -140,7 +128,7 @@ function(kova_test name)
   kova_test_options(${name})
   list(LENGTH ARG_SOURCES files)
   if(files GREATER 1)
-    kova_batches(${name} KOVA_TEST_BATCHES)
+    kova_batch(${name} KOVA_TEST_BATCHES)
   endif()
   if(NOT ARG_HEADERS)
     set(ARG_HEADERS kova_gtest_headers)

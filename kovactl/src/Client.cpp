@@ -16,7 +16,6 @@
 namespace kova::ctl {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using ipc::messages::BaseRequestMessage;
 using ipc::messages::BaseResponseMessage;
 
@@ -210,6 +209,7 @@ ExitStatus Client::serveUntil(const std::function<bool()>& done, std::uint32_t t
 }
 
 ExitStatus Client::serve(const std::function<bool()>& done, std::uint32_t timeoutMs) {
+  using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!done()) {
     if (stopRequested()) {

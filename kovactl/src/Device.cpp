@@ -5,7 +5,7 @@ namespace {
 
 using variant::Variant;
 
-constexpr const char* kPath = "/kova";
+constexpr const char* kDevicePath = "/kova";
 constexpr const char* kDeviceInterface = "kova.Device1";
 
 Variant property(const Variant& properties, std::string_view name) {
@@ -40,7 +40,7 @@ Device deviceOf(const Variant& properties) {
 }  // namespace
 
 ExitStatus readDevice(Objects& objects, Device& device, Objects::Answer& answer) {
-  const ExitStatus asked = objects.read(kPath, kDeviceInterface, answer);
+  const ExitStatus asked = objects.read(kDevicePath, kDeviceInterface, answer);
   if (asked == ExitStatus::Ok && answer.error.empty()) {
     device = deviceOf(answer.value);
   }

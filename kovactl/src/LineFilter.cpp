@@ -5,7 +5,7 @@
 namespace kova::ctl {
 namespace {
 
-constexpr std::size_t kLongest = std::size_t{64} * 1024;
+constexpr std::size_t kLongestLine = std::size_t{64} * 1024;
 
 }  // namespace
 
@@ -13,7 +13,7 @@ void LineFilter::take(std::string_view text) {
   while (!text.empty()) {
     const std::size_t end = text.find('\n');
     rest_ += text.substr(0, end);
-    if (end != text.npos || rest_.size() >= kLongest) {
+    if (end != text.npos || rest_.size() >= kLongestLine) {
       pass(rest_, end != text.npos);
       rest_.clear();
     }

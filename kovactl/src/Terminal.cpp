@@ -17,10 +17,10 @@ namespace {
 
 constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-volatile sig_atomic_t received = 0;
+volatile sig_atomic_t receivedSignal = 0;
 
 void remember(int signal) {
-  received = signal;
+  receivedSignal = signal;
 }
 
 }  // namespace
@@ -37,7 +37,7 @@ void catchStopSignals() {
 }
 
 bool stopRequested() {
-  return received != 0;
+  return receivedSignal != 0;
 }
 
 StopSignalsBlocked::StopSignalsBlocked() {
@@ -54,7 +54,7 @@ StopSignalsBlocked::~StopSignalsBlocked() {
 }
 
 ExitStatus stopStatus() {
-  return received == SIGINT ? ExitStatus::Interrupted : ExitStatus::Terminated;
+  return receivedSignal == SIGINT ? ExitStatus::Interrupted : ExitStatus::Terminated;
 }
 
 bool print(std::string_view text) {

@@ -10,7 +10,7 @@ namespace {
 
 using ipc::messages::BaseRequestMessage;
 
-constexpr const char* kFooter =
+constexpr const char* kCallFooter =
     "Fields:\n"
     "  key=text    a string\n"
     "  key:=JSON   any JSON value: a number, true, false, an array, an object\n"
@@ -99,7 +99,7 @@ Action setUpCall(CommandLine& line) {
   line.option("--to", arguments->to, "ENDPOINT", "Destination of the request (kova_ctlserver)");
   line.option("--from", arguments->from, "ENDPOINT", "Sender of the request");
   line.flag("--no-reply", arguments->noReply, "Do not wait for an answer");
-  line.footer(kFooter);
+  line.footer(kCallFooter);
   return [arguments](const Options& options) { return run(options, *arguments); };
 }
 

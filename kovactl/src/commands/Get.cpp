@@ -14,7 +14,7 @@ constexpr const char* kSilence =
     "uploaded, or the name is not allowed), or was replaced by another support request; see the "
     "receiver or the camera's log";
 
-struct Kind {
+struct FileKind {
   std::string_view typed;
   std::string_view what;
   std::string_view prefix;  ///< of file names; "" for a kind without file names
@@ -23,7 +23,7 @@ struct Kind {
   bool needsName() const { return !prefix.empty(); }
 };
 
-constexpr std::array<Kind, 4> kKinds{{
+constexpr std::array<FileKind, 4> kKinds{{
     {"snapshot", "snapshot", "", ""},
     {"support", "supportInfo", "", ""},
     {"event-snapshot", "eventSnapshot", "motionsnap_", ".jpg"},
@@ -38,7 +38,7 @@ struct GetArguments {
 };
 
 // Accepts what the camera accepts, including names without digits.
-bool isNameOf(const Kind& kind, std::string_view name) {
+bool isNameOf(const FileKind& kind, std::string_view name) {
   if (!name.starts_with(kind.prefix)) {
     return false;
   }
@@ -46,7 +46,7 @@ bool isNameOf(const Kind& kind, std::string_view name) {
   return end != name.npos && name.substr(end) == kind.suffix;
 }
 
-std::string nameFault(const Kind& kind, const std::string& name) {
+std::string nameFault(const FileKind& kind, const std::string& name) {
   const std::string what(kind.typed);
   const std::string form = std::string(kind.prefix) + "12" + std::string(kind.suffix);
   if (!kind.needsName()) {
@@ -69,7 +69,7 @@ bool areTexts(const std::vector<std::string>& fields) {
 }
 
 bool build(const GetArguments& arguments, ipc::messages::GetRequest& request, std::string& error) {
-  const auto kind = std::ranges::find(kKinds, arguments.what, &Kind::typed);
+  const auto kind = std::ranges::find(kKinds, arguments.what, &FileKind::typed);
   error = nameFault(*kind, arguments.filename);
   if (!error.empty()) {
     return false;

@@ -177,7 +177,7 @@ ExitStatus askSettings(const Options& options, ipc::messages::BaseRequestMessage
   return judged != ExitStatus::Ok ? judged : shown;
 }
 
-constexpr const char* kFooter =
+constexpr const char* kSettingsFooter =
     "Settings:\n"
     "  name=TEXT             the camera's name\n"
     "  timezone=ZONE         the time zone, such as Europe/Paris; see \"kovactl timezones\"\n"
@@ -214,7 +214,7 @@ ExitStatus changeSettings(const Options& options, const std::vector<std::string>
 Action setUpSettings(CommandLine& line) {
   auto arguments = std::make_shared<std::vector<std::string>>();
   line.arguments("SETTING", *arguments, "Settings to change; none shows all settings");
-  line.footer(kFooter);
+  line.footer(kSettingsFooter);
   return [arguments](const Options& options) { return changeSettings(options, *arguments); };
 }
 
