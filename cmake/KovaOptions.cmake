@@ -24,7 +24,7 @@ if(KOVA_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wformat=2
-                    -Wundef -Wcast-align -Wimplicit-fallthrough)
+                    -Wundef -Wcast-align -Wimplicit-fallthrough -Wzero-as-null-pointer-constant)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang") # for the macros of libsystemd and libseccomp
   add_compile_options(-Wno-c99-extensions -Wno-missing-field-initializers)
 endif()
