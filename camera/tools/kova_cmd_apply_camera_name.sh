@@ -5,7 +5,7 @@
 # shellcheck source=camera/tools/lib/hostname.sh
 . /usr/share/kova/hostname.sh
 
-name_in_store() { grep '^resolv\.host\.1\.name=' /etc/system.cfg; }
+name_in_store() { grep '^resolv\.host\.1\.name=' /etc/system.cfg 2>/dev/null; }
 
 # The control server runs this tool before it writes system.cfg, so wait in the background for the name to change, at
 # most one second.
