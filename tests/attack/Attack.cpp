@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 
+#include "BusClient.h"
 #include "Requester.h"
 
 namespace kova::attack {
@@ -36,8 +37,10 @@ Attack::Attack(const CampaignKind& kind, Order order)
       random_(order_.seed),
       journal_(camera_, repeatCommand(kind_, order_)),
       watch_(camera_, journal_, kind_.answerBound) {
-  // Warm up: the first transfer loads libraries and opens descriptors that stay.
+  // Warm up: the first transfer loads libraries, and the first request for statistics opens files,
+  // all of which stay.
   system_test::Requester(camera_).settle();
+  system_test::BusClient(camera_.busAddress()).call(system_test::request("GetSystemStats"));
   descriptors_ = watch_.server().descriptors();
   residentKiB_ = watch_.server().residentKiB();
   begin_ = shown_ = Clock::now();
