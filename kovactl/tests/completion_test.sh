@@ -13,7 +13,7 @@ failures=0
 
 # expect WORD WORDS...: completing the last of WORDS must offer WORD or, if WORD is "-", nothing.
 expect() {
-  local wanted=$1
+  local wanted=$1 word
   shift
   COMP_WORDS=(kovactl "$@")
   COMP_CWORD=$#
@@ -22,10 +22,11 @@ expect() {
   if [[ $wanted == - && ${#COMPREPLY[@]} -eq 0 ]]; then
     return
   fi
-  if ! printf '%s\n' "${COMPREPLY[@]}" | grep -qxF -e "$wanted"; then
-    echo "\"$*\" offers \"${COMPREPLY[*]}\", not \"$wanted\"" >&2
-    failures=$((failures + 1))
-  fi
+  for word in "${COMPREPLY[@]}"; do
+    [[ $word != "$wanted" ]] || return 0
+  done
+  echo "\"$*\" offers \"${COMPREPLY[*]}\", not \"$wanted\"" >&2
+  failures=$((failures + 1))
 }
 
 expect stats st
