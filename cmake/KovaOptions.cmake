@@ -60,8 +60,8 @@ if(KOVA_SANITIZE)
   add_compile_options(-O1 -g1 -fsanitize=address,undefined -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang") # the fuzz targets link the same libraries
-    add_compile_options(-fsanitize=fuzzer-no-link)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang") # links the runtimes of the sanitizers in a third of the time
+    add_link_options(-fuse-ld=lld)
   elseif(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # Saves a quarter of the compile time: calls instead of inline checks, and no garbage collection below 1.5 GB.
     add_compile_options(--param=asan-instrumentation-with-call-threshold=0 --param=ggc-min-heapsize=1500000)

@@ -43,6 +43,16 @@ function(kova_write_batch name)
   target_compile_options(${name} PRIVATE "SHELL:-iquote ${PROJECT_SOURCE_DIR}")
 endfunction()
 
+# kova_covered(<target>)
+#
+# Records the coverage of a target's code for the fuzz targets, in builds that have them. It costs a quarter of the
+# compile time.
+function(kova_covered name)
+  if(KOVA_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
+endfunction()
+
 # kova_library(<name> SOURCES <file>... [DEPENDS <target>...] [PRIVATE_DEPENDS <target>...])
 #
 # A static library. Its public headers, if any, are in the folder "include" beside its CMakeLists.txt.
@@ -54,6 +64,7 @@ function(kova_library name)
     target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/include)
   endif()
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
+  kova_covered(${name})
   kova_batch(${name} KOVA_BATCHES)
 endfunction()
 
@@ -71,9 +82,6 @@ function(kova_test_options name)
   endif()
   if(KOVA_SANITIZE)
     target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
-    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-      target_compile_options(${name} PRIVATE -fno-sanitize=fuzzer-no-link)
-    endif()
   endif()
   if(KOVA_DEBUG_INFO) # would add tens of megabytes to each test program
     target_compile_options(${name} PRIVATE -g0)
@@ -213,6 +221,7 @@ function(kova_fuzzer name)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS})
+  kova_covered(${name})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   set_property(GLOBAL APPEND PROPERTY KOVA_FUZZERS ${name})
 endfunction()

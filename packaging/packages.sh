@@ -36,7 +36,7 @@ kova_packages() {
           squashfs-tools strace systemd tzdata util-linux wpasupplicant
         ;;
       asan)
-        printf '%s\n' clang-14 libclang-rt-14-dev
+        printf '%s\n' clang-14 libclang-rt-14-dev lld-14
         ;;
       lint)
         printf '%s\n' clang-format-14 clang-format clang-tidy-14 clang-tidy shellcheck
