@@ -57,11 +57,11 @@ list_libraries() {
 }
 
 # resolve_paths [SYSROOT]: prints "source<TAB>path" for each path on standard input; source is the path in SYSROOT with
-# all links resolved.
+# all links resolved, whether or not there is such a file.
 resolve_paths() {
   local paths
   mapfile -t paths
-  [ ${#paths[@]} -eq 0 ] || paste <(readlink -f -- "${paths[@]/#/"${1:-}"}") <(printf '%s\n' "${paths[@]}")
+  [ ${#paths[@]} -eq 0 ] || paste <(readlink -m -- "${paths[@]/#/"${1:-}"}") <(printf '%s\n' "${paths[@]}")
 }
 
 ldconfig_path() { PATH=$PATH:/sbin:/usr/sbin ldconfig -p | sed -n "s,^[[:space:]]*$1 .* => ,,p" | sed -n 1p; }

@@ -49,7 +49,7 @@ refresh_figures() {
     file=$root/run/proc/figures/$name
     text=
     IFS= read -r -d '' text <"/proc/$name" || true # read fails at the end of input without NUL
-    if [ ! -e "$file" ] || [ "${figure_sizes[$name]}" -gt "${#text}" ]; then
+    if [ ! -e "$file" ] || [ "${figure_sizes[$name]:-0}" -gt "${#text}" ]; then
       printf '%s' "$text" >"$file"
     else
       printf '%s' "$text" 1<>"$file"

@@ -143,5 +143,5 @@ copy_manifest() {
       cp -a --reflink=auto -T -- "$source" "$root$target"
     fi
   done <"$manifest"
-  cp -aL --reflink=auto --parents -- "${same[@]}" "$root"
+  [ ${#same[@]} -eq 0 ] || cp -aL --reflink=auto --parents -- "${same[@]}" "$root"
 }
