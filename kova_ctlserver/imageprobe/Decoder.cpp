@@ -23,7 +23,7 @@ cv::Mat decode(const char* path) {
 
 }  // namespace
 
-void decodeConfined(const char* path) {
+void decodeConfined(const char* path) noexcept {
   cv::setNumThreads(1);
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
   if (!confine(path)) {

@@ -10,6 +10,6 @@ namespace kova::imageprobe {
 /// "depth" is OpenCV's code (0: 8 bits unsigned); "empty" is 1 if nothing could be decoded. Exit
 /// status 0 with such a line, 1 if the process could not be confined. A picture that exhausts the
 /// limits or breaks a decoder ends the process by a signal.
-[[noreturn]] void decodeConfined(const char* path);
+[[noreturn]] void decodeConfined(const char* path) noexcept;
 
 }  // namespace kova::imageprobe

@@ -86,6 +86,7 @@ TEST_F(HostileTest, ProbeDecodesWhatLibraryDecodes) {
     EXPECT_THAT(expected, testing::EndsWith(" width=64 height=48\n"))
         << "the sample does not decode";
     EXPECT_EQ(bounded(probe(file_)), expected);
+    EXPECT_EQ(bounded(probeInFork(file_)), expected);
   }
 }
 
