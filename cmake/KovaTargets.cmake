@@ -2,8 +2,8 @@
 
 # kova_batch(<target> <option>)
 #
-# If the option is on, compiles the files of a target as one batch, in half the time or less: neighbours include the same
-# headers and instantiate the same templates. Each file keeps its own identity in the log. A file with the property
+# If the option is on, compiles the files of a target as one batch, in half the time or less: neighbours include the
+# same headers and instantiate the same templates. Each file keeps its own identity in the log. A file with the property
 # COMPILE_DEFINITIONS or KOVA_ALONE is compiled alone.
 #
 # CMake's UNITY_BUILD includes files by absolute path, so clones could not share ccache's results.

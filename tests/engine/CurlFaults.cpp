@@ -51,7 +51,6 @@ bool optionFails(CURLoption option) {
 using kova::engine::curlFaults;
 
 // The linker prescribes the names (ld(1), --wrap).
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 CURL* __real_curl_easy_init();
@@ -194,4 +193,3 @@ void __wrap_curl_formfree(curl_httppost* form) {
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)

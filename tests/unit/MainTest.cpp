@@ -13,7 +13,6 @@ namespace {
 std::vector<int> transferWaits;  // the time-outs of curl_multi_wait()
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 CURLMcode __real_curl_multi_wait(CURLM*, curl_waitfd[], unsigned int, int, int*);
 CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd extra[], unsigned int count,
@@ -22,7 +21,6 @@ CURLMcode __wrap_curl_multi_wait(CURLM* multi, curl_waitfd extra[], unsigned int
   return __real_curl_multi_wait(multi, extra, count, timeoutMs, ready);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::ctlserver {
 namespace {

@@ -21,7 +21,6 @@ struct Calls {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 sighandler_t __real_signal(int number, sighandler_t handler);
 sighandler_t __wrap_signal(int number, sighandler_t handler) {
@@ -35,7 +34,6 @@ CURLM* __wrap_curl_multi_init() {
   return calls.multiInitFails ? nullptr : __real_curl_multi_init();
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::ctlserver {
 namespace {

@@ -161,7 +161,6 @@ const std::map<std::string, Act> kActs = {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 uid_t __real_geteuid();
 uid_t __wrap_geteuid() {
@@ -195,7 +194,6 @@ int __wrap_setresuid(uid_t real, uid_t effective, uid_t saved) {
   return answer(3);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 int main(int argc, char** argv) {
   const auto act = argc == 3 || argc == 7 ? kActs.find(argv[1]) : kActs.end();

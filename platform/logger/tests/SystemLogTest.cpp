@@ -45,7 +45,6 @@ timeval now() {
 }
 }  // namespace kova::utils
 
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 int __real_connect(int fd, const sockaddr* address, socklen_t length);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t) {
@@ -72,7 +71,6 @@ void __wrap_openlog(const char* identity, int options, int facility) {
   openlogCall = {identity, options, facility};
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::logger {
 namespace {

@@ -9,7 +9,6 @@ namespace {
 std::string procNet;  // replaces /proc/net
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 int __real_open(const char* path, int flags, ...);
 int __wrap_open(const char* path, int flags, ...) {
@@ -18,7 +17,6 @@ int __wrap_open(const char* path, int flags, ...) {
   return __real_open((procNet + given.substr(given.rfind('/'))).c_str(), flags);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::network {
 namespace {

@@ -21,7 +21,6 @@ std::size_t wiped = 0;
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 void explicit_bzero(void* data, std::size_t length) noexcept {
   wiped = std::max(wiped, length);
@@ -31,7 +30,6 @@ void __explicit_bzero_chk(void* data, std::size_t length, std::size_t /*room*/) 
   explicit_bzero(data, length);
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace kova::utils {
 namespace {
