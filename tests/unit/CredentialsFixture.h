@@ -30,8 +30,12 @@ class CredentialsTest : public testing::Test {
     fakes::reset();
     platform().config.values = {{"users.1.name", "admin"}, {"users.1.password", "old$secret"}};
     platform().accounts.hashes = {{"admin", "old$secret"}};
+    before_ = accounts();
     writeAccounts(kOldAccounts);
   }
+
+  // Other tests look users up.
+  void TearDown() override { writeAccounts(before_); }
 
   bool change(const Map& fields) {
     ipc::messages::ChangeUsernamePassword request{Variant(fields)};
@@ -78,6 +82,9 @@ class CredentialsTest : public testing::Test {
   variant::CameraInfo info_;
   CtlServer server_{info_};
   Variant reply_;
+
+ private:
+  std::string before_;
 };
 
 }  // namespace kova::ctlserver
