@@ -46,8 +46,8 @@ kova_packages() {
         printf '%s\n' rauc systemd curl iproute2 strace openssl util-linux libcrypt1 libpcre2-8-0 libssl3 zlib1g
         ;;
       package)
-        printf '%s\n' binutils bubblewrap debhelper debian-archive-keyring dpkg-dev file lintian mandoc mmdebstrap \
-          util-linux
+        printf '%s\n' binutils bubblewrap build-essential debhelper debian-archive-keyring dpkg-dev file lintian mandoc \
+          mmdebstrap util-linux
         ;;
       *)
         echo "no package group \"$group\"" >&2

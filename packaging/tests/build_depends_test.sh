@@ -10,8 +10,11 @@ trap 'rm -rf "$work"' EXIT
 # shellcheck source=packaging/packages.sh
 . packaging/packages.sh
 
-# build_depends: prints the build dependencies without versions.
-build_depends() { sed -n '/^Build-Depends:/,/^[A-Z]/s/^ \([a-z0-9.+-]*\).*/\1/p' debian/control | sed 's/^debhelper-compat$/debhelper/'; }
+# build_depends: prints the build dependencies without versions. All packages depend on build-essential.
+build_depends() {
+  echo build-essential
+  sed -n '/^Build-Depends:/,/^[A-Z]/s/^ \([a-z0-9.+-]*\).*/\1/p' debian/control | sed 's/^debhelper-compat$/debhelper/'
+}
 
 # Packages that only ./dev needs, and the compiler, which Debian's build-essential implies.
 readonly NOT_THE_PACKAGES='^(ca-certificates|git|ccache|g\+\+|libcpp-httplib-dev)$'
