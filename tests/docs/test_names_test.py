@@ -19,6 +19,11 @@ def tests():
                 yield path.relative_to(TOP), suite, name
 
 
+def plain(case):
+    """The name without the instance and the value of a test with parameters."""
+    return re.sub(r"^\w+/|/\w+$", "", case)
+
+
 def faults_of(name):
     if len(name) > LONGEST:
         yield f"has {len(name)} characters, more than {LONGEST}"
@@ -32,8 +37,8 @@ def main():
     for path, suite, name in tests():
         existing.add(f"{suite}.{name}")
         faults += [f"{path}: {suite}.{name} {fault}" for fault in faults_of(name)]
-    left_out = set(CASE.findall((TOP / "tests/arm64/left-out").read_text()))
-    faults += [f"tests/arm64/left-out: there is no test {case}" for case in sorted(left_out - existing)]
+    left_out = CASE.findall((TOP / "tests/arm64/left-out").read_text())
+    faults += [f"tests/arm64/left-out: there is no test {case}" for case in left_out if plain(case) not in existing]
     print(*faults, f"{len(existing)} tests, {len(left_out)} left out on arm64, {len(faults)} faults", sep="\n")
     return 1 if faults or len(existing) < 1000 else 0
 
