@@ -182,6 +182,15 @@ TEST_F(StatsTest, FirstOfEqualWifiNamesIsReported) {
   EXPECT_EQ(reply_["wifi"]["signalStrength"], Variant(-70));
 }
 
+TEST_F(StatsTest, WifiQualityIsNotClamped) {
+  setWifi(1, "eth0", -42);
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["wifi"]["quality"], Variant(116));
+  setWifi(1, "eth0", -110);
+  ASSERT_TRUE(read());
+  EXPECT_EQ(reply_["wifi"]["quality"], Variant(-20));
+}
+
 TEST_F(StatsTest, NoProcessorsAreEmptyArray) {
   platform().stats.cpu.count = 0;
   ASSERT_TRUE(read());

@@ -295,6 +295,8 @@ TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {
     EXPECT_THAT(platform().commands, IsEmpty());
     EXPECT_FALSE(exists(last().file));
   }
+  std::atomic<bool> contacted = false;
+  peer_.emplace([&contacted](engine::Connection&) { contacted = true; });
   write("/tmp/heatmap_1.png", std::string(65537, 'x'));
   EXPECT_EQ(outcome("eventHeatmap", uri()),
             "TRANSFER_TOOLARGE: The file has 65537 bytes, but at most 65536 are allowed.");
@@ -302,6 +304,8 @@ TEST_F(TransferReasonsTest, SizeBeyondLimitShowsBoth) {
                                        ", reason=TRANSFER_TOOLARGE(6), httpCode=0"));
   EXPECT_EQ(last().size, 65537U);
   EXPECT_EQ(last().httpStatus, 0);
+  peer_.reset();
+  EXPECT_FALSE(contacted);
 }
 
 TEST_F(TransferReasonsTest, DeadlineNamesItsPhase) {
