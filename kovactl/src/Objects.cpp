@@ -88,7 +88,8 @@ bool isUnknown(const Objects::Answer& answer) {
   return std::ranges::find(kUnknown, answer.error) != std::end(kUnknown);
 }
 
-ExitStatus failOn(const Objects::Answer& answer, const std::string& what, const std::string& host) {
+ExitStatus reportFailure(const Objects::Answer& answer, const std::string& what,
+                         const std::string& host) {
   const ExitStatus status = exitForError(answer.error);
   const bool denied = answer.error == "org.freedesktop.DBus.Error.AccessDenied";
   const std::string advice = denied ? explainDenial(host) : "";

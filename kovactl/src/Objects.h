@@ -47,7 +47,7 @@ bool isUnknown(const Objects::Answer& answer);
 /// Reports an error in an answer.
 /// @param what names what could not be read, for example "the list of transfers"
 /// @param host that of the options; "" for this machine
-ExitStatus failOn(const Objects::Answer& answer, const std::string& what,
-                  const std::string& host = "");
+ExitStatus reportFailure(const Objects::Answer& answer, const std::string& what,
+                         const std::string& host = "");
 
 }  // namespace kova::ctl

@@ -178,7 +178,7 @@ std::vector<std::string> fieldValues(const std::string& function, const std::str
   return {};
 }
 
-std::vector<std::string> doubts(const Variant& request) {
+std::vector<std::string> fieldWarnings(const Variant& request) {
   const Variant* name = request.find("functionName");
   const std::string function = name != nullptr ? name->toText() : "";
   const std::vector<std::string> functions = functionNames();

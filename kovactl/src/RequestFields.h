@@ -29,6 +29,6 @@ std::vector<std::string> fieldValues(const std::string& function, const std::str
 /// Describes what the receiver of a request would silently ignore or replace: unknown fields,
 /// values of the wrong type, values that are not allowed. One line each; empty for functions
 /// outside the catalogue.
-std::vector<std::string> doubts(const variant::Variant& request);
+std::vector<std::string> fieldWarnings(const variant::Variant& request);
 
 }  // namespace kova::ctl

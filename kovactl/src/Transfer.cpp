@@ -225,7 +225,7 @@ ExitStatus Request::waitForEnd(Progress& progress) {
     if (!follower_.record().hasEnded()) {
       progress.update(follower_.record());
     }
-    return follower_.record().hasEnded() || follower_.gone();
+    return follower_.record().hasEnded() || follower_.isLost();
   };
   ExitStatus waited = serve(ended, progress, transfer_.timeoutMs + kGraceMs);
   // The time-out does not cover the tools that check and flash: keep waiting while one may run.
@@ -235,7 +235,7 @@ ExitStatus Request::waitForEnd(Progress& progress) {
   if (waited != ExitStatus::Ok || follower_.record().hasEnded()) {
     return waited;
   }
-  if (!follower_.gone()) {
+  if (!follower_.isLost()) {
     return ExitStatus::NoAnswer;
   }
   const ExitStatus last = serve([this] { return event_.known(); }, progress, kLastEventMs);
@@ -250,10 +250,10 @@ ExitStatus Request::conclude() {
   if (record.hasEnded()) {
     return failAs(ExitStatus::Refused, record.outcome, failureOf(record));
   }
-  if (follower_.gone() && !event_.known()) {
+  if (follower_.isLost() && !event_.known()) {
     return failAs(
         ExitStatus::Unknown, "unknown",
-        lossOf(follower_.lost(), record) + ": the outcome is unknown; see the camera's log");
+        lossOf(follower_.loss(), record) + ": the outcome is unknown; see the camera's log");
   }
   return event_.text() == "OK"
              ? presentAs("OK", "OK\n")

@@ -55,14 +55,14 @@ void TransferFollower::follow() {
     // If the subscription fails, the heartbeat still reads the record.
     objects_.bus().follow(pathOfTransfer(record_.number),
                           [this](const auto& signal) { onSignal(signal); });
-    changed_ = behind_ = true;
+    changed_ = unconfirmed_ = true;
   }
 }
 
 // Applies the signalled properties directly: while it runs a tool, the control server answers no
 // reads.
 void TransferFollower::onSignal(const ipc::BusObjects::Signal& signal) {
-  changed_ = behind_ = true;
+  changed_ = unconfirmed_ = true;
   const Variant::Array& arguments = signal.arguments.items();
   if (signal.interface == "org.freedesktop.DBus.Properties" && signal.name == "PropertiesChanged" &&
       arguments.size() > 1 && arguments[0].toText() == kTransferInterface) {
@@ -75,7 +75,7 @@ void TransferFollower::Service() {
     loss_ = Loss::Connection;
   }
   const bool due = changed_ || Clock::now() - asked_ >= kHeartbeat;
-  if (due && !asking_ && !gone() && !record_.hasEnded()) {
+  if (due && !asking_ && !isLost() && !record_.hasEnded()) {
     ask();
   }
 }
@@ -91,7 +91,7 @@ void TransferFollower::take(const Objects::Answer& answer) {
   asking_ = false;
   if (answer.error.empty()) {
     record_ = transferRecord(record_.number, answer.value);
-    behind_ = changed_;
+    unconfirmed_ = changed_;
   } else if (isUnknown(answer)) {
     loss_ = Loss::Record;
   } else if (exitForError(answer.error) == ExitStatus::Unreachable) {
@@ -135,7 +135,7 @@ ExitStatus judgeCancellation(const Objects& objects, const std::string& number,
   const ExitStatus status = exitForError(answer.error);
   return status == ExitStatus::Refused
              ? fail(status, "transfer " + number + " cannot be cancelled: " + answer.text)
-             : failOn(answer, "the answer to the cancellation", objects.host());
+             : reportFailure(answer, "the answer to the cancellation", objects.host());
 }
 
 }  // namespace

@@ -35,10 +35,10 @@ class TransferFollower {
   /// Whether the control server may be waiting for a tool that checks or flashes. It signals the
   /// phase and starts the tool at once, and then answers no reads until the tool ends; a signal
   /// that no read has confirmed therefore counts, too.
-  bool mayBeAtTools() const { return record_.phase == "finalising" || behind_; }
+  bool mayBeAtTools() const { return record_.phase == "finalising" || unconfirmed_; }
   /// Whether the control server has ended, has dropped the record, or cannot be reached.
-  bool gone() const { return loss_ != Loss::None; }
-  Loss lost() const { return loss_; }
+  bool isLost() const { return loss_ != Loss::None; }
+  Loss loss() const { return loss_; }
 
   /// Has the camera cancel the transfer.
   ExitStatus cancel();
@@ -53,8 +53,8 @@ class TransferFollower {
 
   Objects objects_;
   TransferRecord record_;
-  bool changed_ = false;  ///< signalled since the last read was started
-  bool behind_ = false;   ///< signalled, and no read since has completed
+  bool changed_ = false;      ///< signalled since the last read was started
+  bool unconfirmed_ = false;  ///< signalled, and no read since has completed
   bool asking_ = false;
   Loss loss_ = Loss::None;
   Clock::time_point asked_{};

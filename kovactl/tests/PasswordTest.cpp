@@ -15,7 +15,7 @@ using variant::Variant;
 
 class Passwords : public BusTest {
  protected:
-  std::string File(const std::string& name, const std::string& content) const {
+  std::string fileWith(const std::string& name, const std::string& content) const {
     tests::writeText(folder_ / name, content);
     return folder_ / name;
   }
@@ -43,14 +43,14 @@ TEST_F(Passwords, AreReadFromStandardInput) {
 }
 
 TEST_F(Passwords, AreReadFromFiles) {
-  EXPECT_EQ(run({"user", "passwd", "--old-file", File("old", "a b\nrest"), "--new-file",
-                 File("new", "c")})
+  EXPECT_EQ(run({"user", "passwd", "--old-file", fileWith("old", "a b\nrest"), "--new-file",
+                 fileWith("new", "c")})
                 .status,
             0);
   EXPECT_EQ(asked(), (std::vector<std::string>{"admin", "a b", "c"}));
   expectFailure(
-      run({"user", "passwd", "--old-file", folder_ / "none", "--new-file", File("new", "c")}), 6,
-      "No such file");
+      run({"user", "passwd", "--old-file", folder_ / "none", "--new-file", fileWith("new", "c")}),
+      6, "No such file");
 }
 
 TEST_F(Passwords, InvalidPasswordsAreNotSent) {
@@ -84,7 +84,7 @@ TEST_F(Passwords, PromptHasNoEcho) {
 }
 
 TEST_F(Passwords, DifferentNewPasswordsChangeNothing) {
-  Child child({"user", "passwd", "--name", "n", "--old-file", File("old", "a")},
+  Child child({"user", "passwd", "--name", "n", "--old-file", fileWith("old", "a")},
               Child::On::Terminal);
   ASSERT_TRUE(child.awaitOutput("New password: "));
   child.write("one\n");

@@ -42,7 +42,7 @@ TEST(Suggestion, FewCandidatesAreListed) {
 }
 
 std::vector<std::string> doubtsOf(const Variant::Map& fields) {
-  return doubts(Variant(fields));
+  return fieldWarnings(Variant(fields));
 }
 
 TEST(RequestFields, ValidFieldsRaiseNoDoubt) {
@@ -60,7 +60,7 @@ TEST(RequestFields, ValidFieldsRaiseNoDoubt) {
                         {"formFields", Variant::Map{{"a", "b"}}}})
                   .empty());
   EXPECT_TRUE(doubtsOf({{"functionName", "NotOurs"}, {"anything", 1}}).empty());
-  EXPECT_TRUE(doubts(Variant(5)).empty());
+  EXPECT_TRUE(fieldWarnings(Variant(5)).empty());
 }
 
 TEST(RequestFields, UnknownFieldIsDoubted) {

@@ -70,8 +70,8 @@ ExitStatus run(const Options& options, const CallArguments& arguments) {
   if (!build(arguments, request, error)) {
     return fail(ExitStatus::Usage, error);
   }
-  for (const std::string& doubt : doubts(request)) {
-    fail(ExitStatus::Ok, "warning: " + doubt);
+  for (const std::string& warning : fieldWarnings(request)) {
+    fail(ExitStatus::Ok, "warning: " + warning);
   }
   Client client(options);
   if (const ExitStatus joined = client.join(); joined != ExitStatus::Ok) {

@@ -58,8 +58,9 @@ ExitStatus info(const Options& options) {
   if (const ExitStatus asked = readDevice(objects, device, answer); asked != ExitStatus::Ok) {
     return asked;
   }
-  return answer.error.empty() ? present(options, resultOf(device), tableOf(device))
-                              : failOn(answer, "the description of the camera", options.host);
+  return answer.error.empty()
+             ? present(options, resultOf(device), tableOf(device))
+             : reportFailure(answer, "the description of the camera", options.host);
 }
 
 }  // namespace

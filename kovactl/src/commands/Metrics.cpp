@@ -252,7 +252,7 @@ namespace {
 ExitStatus judged(const Options& options, ExitStatus asked, const Objects::Answer& answer,
                   const char* what) {
   const bool had = asked != ExitStatus::Ok || answer.error.empty() || isUnknown(answer);
-  return had ? asked : failOn(answer, what, options.host);
+  return had ? asked : reportFailure(answer, what, options.host);
 }
 
 ExitStatus metrics(const Options& options) {

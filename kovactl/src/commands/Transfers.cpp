@@ -22,7 +22,7 @@ ExitStatus showOnce(const Options& options, Objects& objects) {
     return asked;
   }
   if (!answer.error.empty()) {
-    return failOn(answer, "the list of transfers", options.host);
+    return reportFailure(answer, "the list of transfers", options.host);
   }
   Variant list = Variant::Array{};
   for (const TransferRecord& record : records) {
@@ -98,7 +98,7 @@ ExitStatus readInto(const Options& options, Objects& objects, const Frame& frame
   // A camera that is flashing its firmware does not answer now: keep watching.
   return exitForError(answer.error) == ExitStatus::NoAnswer
              ? ExitStatus::Ok
-             : failOn(answer, "the list of transfers", options.host);
+             : reportFailure(answer, "the list of transfers", options.host);
 }
 
 ExitStatus repeat(const Options& options, Objects& objects, const Frame& frame) {

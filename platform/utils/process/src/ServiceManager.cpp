@@ -31,7 +31,7 @@ constexpr int kStepMs = 250;
 struct Manager {
   std::string socket;            // "": no service manager
   std::uint64_t intervalMs = 0;  // half of the watchdog interval; 0: no watchdog
-  std::uint64_t toldMs = 0;      // time of the last WATCHDOG=1
+  std::uint64_t aliveMs = 0;     // time of the last WATCHDOG=1
   bool unready = false;          // READY=1 could not be sent yet
 };
 
@@ -64,7 +64,7 @@ void takeVariables() {
   }
 }
 
-bool tell(std::string_view state) {
+bool notify(std::string_view message) {
   const std::string& path = manager().socket;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -78,13 +78,13 @@ bool tell(std::string_view state) {
   }
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
   const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  return socket && sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL,
+  return socket && sendto(socket.get(), message.data(), message.size(), MSG_NOSIGNAL,
                           reinterpret_cast<const sockaddr*>(&address),
-                          length) == static_cast<ssize_t>(state.size());
+                          length) == static_cast<ssize_t>(message.size());
 }
 
-bool tellReady() {
-  manager().unready = !tell("READY=1");
+bool announceReady() {
+  manager().unready = !notify("READY=1");
   return !manager().unready;
 }
 
@@ -92,23 +92,23 @@ bool tellReady() {
 
 void notifyReady() {
   takeVariables();
-  if (!manager().socket.empty() && !tellReady()) {
+  if (!manager().socket.empty() && !announceReady()) {
     KOVA_LOG(LOG_WARNING, errno, "Unable to tell the service manager that the start is complete");
   }
 }
 
 // The next call retries whatever could not be sent.
 void notifyAlive() {
-  Manager& told = manager();
-  if (told.socket.empty()) {
+  Manager& state = manager();
+  if (state.socket.empty()) {
     return;
   }
-  if (told.unready) {
-    tellReady();
+  if (state.unready) {
+    announceReady();
   }
   const std::uint64_t time = nowMs();
-  if (told.intervalMs != 0 && time - told.toldMs >= told.intervalMs && tell("WATCHDOG=1")) {
-    told.toldMs = time;
+  if (state.intervalMs != 0 && time - state.aliveMs >= state.intervalMs && notify("WATCHDOG=1")) {
+    state.aliveMs = time;
   }
 }
 
