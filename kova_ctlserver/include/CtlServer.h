@@ -112,7 +112,7 @@ class CtlServer {
   bool readNetwork(variant::Variant& reply);
 
   variant::CameraInfo& cameraInfo_;
-  ipc::Ipc* ipc_ = nullptr;  // not read: what sends holds the endpoint itself
+  ipc::Ipc* ipc_ = nullptr;  // unused: components that send keep their own pointer
   Persistence persistence_;
   utils::StatsLib* statsHandle_ = nullptr;
   TransferService transferService_;

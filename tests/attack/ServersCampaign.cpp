@@ -20,8 +20,8 @@ using std::chrono::milliseconds;
 using system_test::Fields;
 using system_test::md5;
 
-constexpr char kOneEvent[] = "every transfer that can be told of is told of once, in its time";
-constexpr char kNoOldTrust[] = "who is trusted no longer is not talked to";
+constexpr char kOneEvent[] = "each reportable transfer is reported exactly once, in time";
+constexpr char kNoOldTrust[] = "a server that is no longer trusted is not contacted";
 // Added to a transfer's time-out.
 constexpr milliseconds kOutcomeGrace(10'000);
 

@@ -25,16 +25,16 @@ constexpr char kBoard[] = "42264";
 /// A device tool, what makes the control server run it, and how long it may block the server.
 struct Tool {
   const char* name;
-  enum Trigger { kSave, kBootSound, kName, kCheck, kFlash, kSupport } trigger;
+  enum Trigger { Save, BootSound, Name, Check, Flash, Support } trigger;
   seconds bound;
 };
 const std::vector<Tool> kTools = {
-    {"cfgmtd", Tool::kSave, seconds(60)},
-    {"fw_setenv", Tool::kBootSound, seconds(15)},
-    {"kova_cmd_apply_camera_name.sh", Tool::kName, seconds(15)},
-    {"fwupdate.real", Tool::kCheck, seconds(60)},
-    {"fwupdate", Tool::kFlash, seconds(1800)},
-    {"support", Tool::kSupport, milliseconds(kSupportMs + 999) / seconds(1) * seconds(1)},
+    {"cfgmtd", Tool::Save, seconds(60)},
+    {"fw_setenv", Tool::BootSound, seconds(15)},
+    {"kova_cmd_apply_camera_name.sh", Tool::Name, seconds(15)},
+    {"fwupdate.real", Tool::Check, seconds(60)},
+    {"fwupdate", Tool::Flash, seconds(1800)},
+    {"support", Tool::Support, milliseconds(kSupportMs + 999) / seconds(1) * seconds(1)},
 };
 
 /// One way to misbehave, as a setting of the camera's fake tools.
@@ -126,7 +126,7 @@ class Tools : public Campaign {
     attack_.act(label);
     attack_.camera().misbehave(tool.name, trick.setting, trick.value);
     // A successful flash sends no event to wait for, so let the tool fail.
-    if (tool.trigger == Tool::kFlash && !trick.endless) {
+    if (tool.trigger == Tool::Flash && !trick.endless) {
       attack_.camera().misbehave(tool.name, "exit", "1");
     }
     attack_.allow(tool.bound + kToolGrace);
@@ -142,21 +142,21 @@ class Tools : public Campaign {
     using system_test::request;
     const std::string mark = std::to_string(attack_.random().number());
     switch (tool.trigger) {
-      case Tool::kSave:
+      case Tool::Save:
         return expectAnswer(request("SaveToFlash", {{"sync", system_test::flag(true)}}), tool,
                             label);
-      case Tool::kBootSound:
+      case Tool::BootSound:
         return expectAnswer(
             request("ChangeDeviceSettings", {{"soundOnBoot", system_test::flag(true)}}), tool,
             label);
-      case Tool::kName:
+      case Tool::Name:
         return expectAnswer(request("ChangeDeviceSettings", {{"name", system_test::text(mark)}}),
                             tool, label);
-      case Tool::kCheck:
+      case Tool::Check:
         return expectEvent("no image " + mark, tool, label);
-      case Tool::kFlash:
+      case Tool::Flash:
         return expectEvent(image_, tool, label);
-      case Tool::kSupport:
+      case Tool::Support:
         return expectSupport(tool, label);
     }
   }

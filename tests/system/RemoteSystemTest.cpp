@@ -78,8 +78,8 @@ class RemoteSystem : public SharedCamera {
   }
 
   /// Runs kovactl here, as root or as another user.
-  Result Remote(const std::string& user, std::vector<std::string> arguments,
-                uid_t caller = 0) const {
+  Result runAs(const std::string& user, std::vector<std::string> arguments,
+               uid_t caller = 0) const {
     const std::string host = user + "@127.0.0.1:" + port_;
     arguments.insert(arguments.begin(), {KOVA_HOST_CLIENT, "--host", host});
     arguments.insert(arguments.begin(),
@@ -89,7 +89,7 @@ class RemoteSystem : public SharedCamera {
     return run("/usr/bin/setpriv", arguments);
   }
   static fs::path server() { return camera().root() / "opt/ssh"; }
-  std::string Key() const { return readFile(folder_ / "root.pub"); }
+  std::string publicKey() const { return readFile(folder_ / "root.pub"); }
 
  private:
   void installServer() const {
@@ -109,7 +109,7 @@ class RemoteSystem : public SharedCamera {
     for (const std::string& key : {server().string() + "/host", folder_ / "root"}) {
       ASSERT_EQ(run("/usr/bin/ssh-keygen", {"-q", "-t", "ed25519", "-N", "", "-f", key}).status, 0);
     }
-    writeFile(server() / "user.pub", Key());
+    writeFile(server() / "user.pub", publicKey());
     const fs::path etc = camera().root() / "etc";
     writeFile(etc / "passwd",
               readFile(camera().root() / "usr/share/factory/etc/passwd") + kAccounts);
@@ -151,36 +151,36 @@ class RemoteSystem : public SharedCamera {
 };
 
 TEST_F(RemoteSystem, CommandsWorkAsOnCamera) {
-  const Result stats = Remote("admin", {"stats", "memory"});
+  const Result stats = runAs("admin", {"stats", "memory"});
   EXPECT_EQ(stats.status, 0) << stats.err << readFile(server() / "log");
   EXPECT_THAT(stats.out, HasSubstr("Memory"));
   EXPECT_EQ(stats.err, "");
-  EXPECT_EQ(Remote("member", {"settings", "name=Far", "region=x"}).status, 0);
-  EXPECT_THAT(Remote("admin", {"settings"}).out, HasSubstr("Far"));
-  EXPECT_EQ(Remote("admin", {"settings", "timezone=../x"}).status, 1);
-  EXPECT_EQ(Remote("member", {"save", "--sync"}).status, 0);
-  EXPECT_THAT(Remote("admin", {"service", "list"}).out, HasSubstr("kova_ctlserver  "));
-  EXPECT_EQ(Remote("member", {"timezones", "ARGENTINA/sal"}).out, "America/Argentina/Salta\n");
-  EXPECT_EQ(Remote("member", {"call", "NoSuchFunction"}).status, 1);
+  EXPECT_EQ(runAs("member", {"settings", "name=Far", "region=x"}).status, 0);
+  EXPECT_THAT(runAs("admin", {"settings"}).out, HasSubstr("Far"));
+  EXPECT_EQ(runAs("admin", {"settings", "timezone=../x"}).status, 1);
+  EXPECT_EQ(runAs("member", {"save", "--sync"}).status, 0);
+  EXPECT_THAT(runAs("admin", {"service", "list"}).out, HasSubstr("kova_ctlserver  "));
+  EXPECT_EQ(runAs("member", {"timezones", "ARGENTINA/sal"}).out, "America/Argentina/Salta\n");
+  EXPECT_EQ(runAs("member", {"call", "NoSuchFunction"}).status, 1);
 }
 
 TEST_F(RemoteSystem, OutcomeOfTransferArrives) {
   for (const char* user : {"admin", "member"}) {
     const Result failed =
-        Remote(user, {"get", "snapshot", "http://127.0.0.1:1/x", "--wait", "--timeout", "10"});
+        runAs(user, {"get", "snapshot", "http://127.0.0.1:1/x", "--wait", "--timeout", "10"});
     EXPECT_EQ(failed.status, 1) << failed.err;
     EXPECT_THAT(failed.err, HasSubstr("TRANSFER_FAILED"));
   }
 }
 
 TEST_F(RemoteSystem, PermissionsAreThoseOfRemoteUser) {
-  const Result named = Remote("member", {"listen", "kova_other"});
+  const Result named = runAs("member", {"listen", "kova_other"});
   EXPECT_EQ(named.status, 3);
   EXPECT_THAT(named.err, HasSubstr("only root may use the name"));
-  const Result watched = Remote("member", {"monitor"});
+  const Result watched = runAs("member", {"monitor"});
   EXPECT_EQ(watched.status, 3);
   EXPECT_THAT(watched.err, HasSubstr("root is required; log in there as root"));
-  const Result refused = Remote("outsider", {"stats"});
+  const Result refused = runAs("outsider", {"stats"});
   EXPECT_EQ(refused.status, 3);
   EXPECT_THAT(refused.err,
               HasSubstr("run \"adduser outsider kova && /usr/libexec/kova_members\" as root"));
@@ -189,15 +189,15 @@ TEST_F(RemoteSystem, PermissionsAreThoseOfRemoteUser) {
 
 TEST_F(RemoteSystem, LocalUserDoesNotMatter) {
   for (const char* user : {"admin", "member"}) {
-    const Result stats = Remote(user, {"stats", "uptime"}, kNobody);
+    const Result stats = runAs(user, {"stats", "uptime"}, kNobody);
     EXPECT_EQ(stats.status, 0) << user << stats.err;
   }
-  EXPECT_EQ(Remote("outsider", {"stats"}, kNobody).status, 3);
+  EXPECT_EQ(runAs("outsider", {"stats"}, kNobody).status, 3);
 }
 
 TEST_F(RemoteSystem, FailuresAreExplained) {
   const auto expect = [this](const char* user, const char* shown, const char* said) {
-    const Result result = Remote(user, {"stats"});
+    const Result result = runAs(user, {"stats"});
     EXPECT_EQ(result.status, 3) << user;
     EXPECT_THAT(result.err, HasSubstr(shown)) << user;
     EXPECT_THAT(result.err, HasSubstr(said)) << user;
@@ -210,14 +210,14 @@ TEST_F(RemoteSystem, FailuresAreExplained) {
 
 TEST_F(RemoteSystem, BoundKeyServesBusOnly) {
   writeFile(server() / "user.pub", "");
-  writeFile(server() / "bound.pub", "restrict,command=\"kovactl bridge\" " + Key());
-  EXPECT_EQ(Remote("bound", {"stats", "uptime"}).status, 0);
-  const Result listed = Remote("bound", {"service", "list"});
+  writeFile(server() / "bound.pub", "restrict,command=\"kovactl bridge\" " + publicKey());
+  EXPECT_EQ(runAs("bound", {"stats", "uptime"}).status, 0);
+  const Result listed = runAs("bound", {"service", "list"});
   EXPECT_EQ(listed.out.find("kova_bus"), std::string::npos) << listed.out;
 }
 
 TEST_F(RemoteSystem, NoBridgeIsLeftBehind) {
-  EXPECT_EQ(Remote("member", {"stats", "uptime"}).status, 0);
+  EXPECT_EQ(runAs("member", {"stats", "uptime"}).status, 0);
   EXPECT_TRUE(eventually([] {
     // kova_sounds_leds and kova_discovery_server run kovactl, too.
     return processesOf(camera(), "kovactl").size() == 2;
@@ -226,7 +226,7 @@ TEST_F(RemoteSystem, NoBridgeIsLeftBehind) {
 
 TEST_F(RemoteSystem, RebootIsSuccess) {
   const int boot = camera().boots();
-  const Result reboot = Remote("admin", {"reboot"});
+  const Result reboot = runAs("admin", {"reboot"});
   EXPECT_EQ(reboot.status, 0) << reboot.err;
   EXPECT_TRUE(camera().waitForBoot(boot + 1));
 }

@@ -21,7 +21,7 @@ class DeviceObjectTest : public testing::Test {
     device_ = std::make_unique<DeviceObject>(info_, state_, ipc_.objects());
   }
 
-  PropertyValue Value(const std::string& name) const {
+  PropertyValue value(const std::string& name) const {
     const auto& rows = platform().bus.published.front().interface.properties;
     for (std::size_t place = 0; place < rows.size(); ++place) {
       if (rows[place].name == name) {
@@ -30,7 +30,7 @@ class DeviceObjectTest : public testing::Test {
     }
     return "no property " + name;
   }
-  auto Service() {
+  auto changes() {
     device_->service(state_);
     std::map<std::string, PropertyValue> values;
     for (const auto& signal : std::exchange(platform().bus.signals, {})) {
@@ -49,16 +49,16 @@ class DeviceObjectTest : public testing::Test {
 TEST_F(DeviceObjectTest, PropertiesDescribeDevice) {
   EXPECT_STREQ(platform().bus.published.front().interface.name, "kova.Device1");
   EXPECT_EQ(platform().bus.published.front().folder, "");
-  EXPECT_EQ(Value("Model"), PropertyValue(std::string("Kova Dome")));
-  EXPECT_EQ(Value("SysId"), PropertyValue(std::string("42264")));
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string("Front door")));
-  EXPECT_EQ(Value("FirmwareVersion"), PropertyValue(std::string("1.2.3")));
-  EXPECT_EQ(Value("BootId"), PropertyValue(std::string("boot-id")));
-  EXPECT_EQ(Value("DaemonVersion"), PropertyValue(std::string(KOVA_VERSION)));
-  EXPECT_EQ(Value("SavePending"), PropertyValue(false));
-  EXPECT_EQ(Value("ResetPending"), PropertyValue(false));
-  EXPECT_EQ(Value("LastSave"), PropertyValue(Moment{}));
-  EXPECT_EQ(Value("ButtonReadable"), PropertyValue(true));
+  EXPECT_EQ(value("Model"), PropertyValue(std::string("Kova Dome")));
+  EXPECT_EQ(value("SysId"), PropertyValue(std::string("42264")));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string("Front door")));
+  EXPECT_EQ(value("FirmwareVersion"), PropertyValue(std::string("1.2.3")));
+  EXPECT_EQ(value("BootId"), PropertyValue(std::string("boot-id")));
+  EXPECT_EQ(value("DaemonVersion"), PropertyValue(std::string(KOVA_VERSION)));
+  EXPECT_EQ(value("SavePending"), PropertyValue(false));
+  EXPECT_EQ(value("ResetPending"), PropertyValue(false));
+  EXPECT_EQ(value("LastSave"), PropertyValue(Moment{}));
+  EXPECT_EQ(value("ButtonReadable"), PropertyValue(true));
 }
 
 TEST_F(DeviceObjectTest, TypesAreAsDeclared) {
@@ -81,18 +81,18 @@ TEST_F(DeviceObjectTest, OddDescriptionsAreShownAsFarAsTheyGo) {
   info_.Init();
   platform().bus.published.clear();
   device_ = std::make_unique<DeviceObject>(info_, state_, ipc_.objects());
-  EXPECT_EQ(Value("Model"), PropertyValue(std::string()));
-  EXPECT_EQ(Value("SysId"), PropertyValue(std::string("a text")));
+  EXPECT_EQ(value("Model"), PropertyValue(std::string()));
+  EXPECT_EQ(value("SysId"), PropertyValue(std::string("a text")));
 }
 
 TEST_F(DeviceObjectTest, ChangesAreSignalledOnce) {
-  EXPECT_THAT(Service(), IsEmpty());
+  EXPECT_THAT(changes(), IsEmpty());
   state_.savePending = true;
-  EXPECT_THAT(Service(), ElementsAre(Pair("SavePending", PropertyValue(true))));
-  EXPECT_THAT(Service(), IsEmpty());
+  EXPECT_THAT(changes(), ElementsAre(Pair("SavePending", PropertyValue(true))));
+  EXPECT_THAT(changes(), IsEmpty());
   platform().nowMs += DeviceObject::kSignalMs;
   state_ = {false, true, false, {77, "FAILED"}, 0};
-  EXPECT_THAT(Service(), ElementsAre(Pair("ButtonReadable", PropertyValue(false)),
+  EXPECT_THAT(changes(), ElementsAre(Pair("ButtonReadable", PropertyValue(false)),
                                      Pair("LastSave", PropertyValue(Moment{77, "FAILED"})),
                                      Pair("ResetPending", PropertyValue(true)),
                                      Pair("SavePending", PropertyValue(false))));
@@ -100,57 +100,57 @@ TEST_F(DeviceObjectTest, ChangesAreSignalledOnce) {
 
 TEST_F(DeviceObjectTest, ChangesInQuickSuccessionAreHeldBack) {
   state_.lastSave = {1, "FAILED"};
-  EXPECT_THAT(Service(), SizeIs(1));
+  EXPECT_THAT(changes(), SizeIs(1));
   state_.lastSave = {2, "FAILED"};
-  EXPECT_THAT(Service(), IsEmpty());
-  EXPECT_EQ(Value("LastSave"), PropertyValue(Moment{2, "FAILED"}));
+  EXPECT_THAT(changes(), IsEmpty());
+  EXPECT_EQ(value("LastSave"), PropertyValue(Moment{2, "FAILED"}));
   platform().nowMs += DeviceObject::kSignalMs;
-  EXPECT_THAT(Service(), ElementsAre(Pair("LastSave", PropertyValue(Moment{2, "FAILED"}))));
+  EXPECT_THAT(changes(), ElementsAre(Pair("LastSave", PropertyValue(Moment{2, "FAILED"}))));
 }
 
 TEST_F(DeviceObjectTest, BusyBusIsSignalledLater) {
   platform().bus.signalResult = false;
   state_.resetPending = true;
-  EXPECT_THAT(Service(), IsEmpty());
-  EXPECT_EQ(Value("ResetPending"), PropertyValue(true));
+  EXPECT_THAT(changes(), IsEmpty());
+  EXPECT_EQ(value("ResetPending"), PropertyValue(true));
   platform().bus.signalResult = true;
-  EXPECT_THAT(Service(), ElementsAre(Pair("ResetPending", PropertyValue(true))));
+  EXPECT_THAT(changes(), ElementsAre(Pair("ResetPending", PropertyValue(true))));
 }
 
 TEST_F(DeviceObjectTest, NameIsReadAgainAfterStoring) {
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string("Front door")));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string("Front door")));
   platform().journal.clear();
   platform().config.values["resolv.host.1.name"] = "Back door";
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string("Front door")));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string("Front door")));
   EXPECT_THAT(platform().journal, IsEmpty());
   ++state_.settingsChanges;
-  EXPECT_THAT(Service(), ElementsAre(Pair("Name", PropertyValue(std::string("Back door")))));
+  EXPECT_THAT(changes(), ElementsAre(Pair("Name", PropertyValue(std::string("Back door")))));
 }
 
 TEST_F(DeviceObjectTest, StoreIsReadAgainAfterFailure) {
   platform().config.initResult = false;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string()));
   platform().config.initResult = true;
   platform().nowMs += DeviceObject::kRetryMs - 1;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string())) << "not read again yet";
+  EXPECT_EQ(value("Name"), PropertyValue(std::string())) << "not read again yet";
   platform().nowMs += 1;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string("Front door")));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string("Front door")));
 }
 
 TEST_F(DeviceObjectTest, AbsentNameIsNotReadAgain) {
   platform().config.values.clear();
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string()));
   platform().config.values["resolv.host.1.name"] = "Back door";
   platform().nowMs += 2 * DeviceObject::kRetryMs;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string()));
 }
 
 TEST_F(DeviceObjectTest, StoringEndsWaitAfterFailure) {
   platform().config.initResult = false;
-  EXPECT_EQ(Value("Name"), PropertyValue(std::string()));
+  EXPECT_EQ(value("Name"), PropertyValue(std::string()));
   platform().config.initResult = true;
   ++state_.settingsChanges;
-  EXPECT_THAT(Service(), ElementsAre(Pair("Name", PropertyValue(std::string("Front door")))));
+  EXPECT_THAT(changes(), ElementsAre(Pair("Name", PropertyValue(std::string("Front door")))));
 }
 
 TEST_F(DeviceObjectTest, StateFollowsSavingAndSettings) {

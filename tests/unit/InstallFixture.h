@@ -40,6 +40,8 @@ struct SoundKind {
   static std::string content() { return wav(1, 11025); }
 };
 
+using InstallKinds = testing::Types<LogoKind, SoundKind>;
+
 /// A task armed by a request, with its paths. The fake image probe accepts every picture.
 template <typename Kind>
 class InstallTest : public TransferTest {

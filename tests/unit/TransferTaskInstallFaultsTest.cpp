@@ -12,8 +12,7 @@ namespace {
 template <typename Kind>
 class TransferTaskInstallFaultsTest : public InstallTest<Kind> {};
 
-using Kinds = testing::Types<LogoKind, SoundKind>;
-TYPED_TEST_SUITE(TransferTaskInstallFaultsTest, Kinds);
+TYPED_TEST_SUITE(TransferTaskInstallFaultsTest, InstallKinds);
 
 TYPED_TEST(TransferTaskInstallFaultsTest, FailingSaveDoesNotChangeOutcome) {
   this->onSave([] { return 1; });

@@ -11,8 +11,7 @@ namespace {
 template <typename Kind>
 class TransferTaskInstallTest : public InstallTest<Kind> {};
 
-using Kinds = testing::Types<LogoKind, SoundKind>;
-TYPED_TEST_SUITE(TransferTaskInstallTest, Kinds);
+TYPED_TEST_SUITE(TransferTaskInstallTest, InstallKinds);
 
 TYPED_TEST(TransferTaskInstallTest, FreshTaskDownloadsToTmpInTwentySeconds) {
   const typename TypeParam::Task task(this->persistence_);

@@ -16,7 +16,7 @@ inline constexpr std::size_t kMaxBodySize = std::size_t{1024} * 1024;
 /// Maximum nesting of maps and arrays, including the body's own map.
 inline constexpr unsigned kMaxDepth = variant::Variant::kMaxDepth;
 /// Maximum nesting of D-Bus containers (array, dictionary entry, structure, variant); the bus
-/// disconnects senders of more.
+/// disconnects a sender that exceeds it.
 inline constexpr unsigned kMaxBusDepth = 64;
 
 /// Reads the body of a received message, which must be a single dictionary with string keys. Like

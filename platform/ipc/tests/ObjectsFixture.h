@@ -18,8 +18,13 @@ inline constexpr char kUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObje
 inline constexpr char kFailed[] = "org.freedesktop.DBus.Error.Failed";
 inline constexpr char kLimits[] = "org.freedesktop.DBus.Error.LimitsExceeded";
 
-enum BoxRow : std::size_t { kFull, kSeen };
-enum ThingRow : std::size_t { kName, kCount, kSize };
+// Places of the box's properties, then of a thing's.
+inline constexpr std::size_t kFull = 0;
+inline constexpr std::size_t kSeen = 1;
+
+inline constexpr std::size_t kName = 0;
+inline constexpr std::size_t kCount = 1;
+inline constexpr std::size_t kSize = 2;
 
 inline const Interface kBox{"kova.Box1", {{"Full", "b", true}, {"Seen", "(ts)", true}}, {}};
 inline const Interface kThing{"kova.Thing1",

@@ -140,8 +140,8 @@ class OfflineBus {
   }
 
   void login() {
-    constexpr std::string_view lines("\0AUTH ANONYMOUS\r\nBEGIN\r\n", 24);
-    check(write(peer_, lines.data(), lines.size()) == 24 ? 0 : -EIO);
+    constexpr std::string_view kLines("\0AUTH ANONYMOUS\r\nBEGIN\r\n", 24);
+    check(write(peer_, kLines.data(), kLines.size()) == 24 ? 0 : -EIO);
     while (sd_bus_is_ready(bus_.get()) == 0) {
       check(sd_bus_process(bus_.get(), nullptr));
     }

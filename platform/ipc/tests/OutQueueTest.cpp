@@ -67,12 +67,12 @@ TEST(OutQueueTest, DropsLongestWaitingOfTooManyDestinations) {
 
 TEST(OutQueueTest, DropsOldestBeyondByteLimit) {
   OutQueue queue;
-  constexpr std::size_t half = kMaxBytes / 2;
-  queue.put("a", numbered(1), half);
-  queue.put("b", numbered(2), half - 1);
+  constexpr std::size_t kHalf = kMaxBytes / 2;
+  queue.put("a", numbered(1), kHalf);
+  queue.put("b", numbered(2), kHalf - 1);
   queue.put("b", numbered(3), 1);
   queue.put("c", numbered(4), 1);
-  queue.put("d", numbered(5), half);
+  queue.put("d", numbered(5), kHalf);
   EXPECT_TRUE(queue.take("a").empty());
   EXPECT_EQ(queue.take("b").size(), 1U);
   EXPECT_EQ(queue.take("c").size(), 1U);
@@ -80,12 +80,12 @@ TEST(OutQueueTest, DropsOldestBeyondByteLimit) {
 }
 
 TEST(OutQueueTest, TakenMessagesFreeSpace) {
-  constexpr std::size_t half = kMaxBytes / 2;
+  constexpr std::size_t kHalf = kMaxBytes / 2;
   OutQueue queue;
   queue.put("a", numbered(1), kMaxBytes);
   EXPECT_EQ(queue.take("a").size(), 1U);
-  queue.put("b", numbered(2), half);
-  queue.put("c", numbered(3), half);
+  queue.put("b", numbered(2), kHalf);
+  queue.put("c", numbered(3), kHalf);
   EXPECT_EQ(queue.take("b").size(), 1U);
   EXPECT_EQ(queue.take("c").size(), 1U);
 }

@@ -43,7 +43,7 @@ class PolicyTest : public ::testing::Test {
     EXPECT_EQ(pipe(ends), 0);
     const pid_t child = fork();
     if (child == 0) {
-      _exit(Act(group, action, ends[1]));
+      _exit(act(group, action, ends[1]));
     }
     close(ends[1]);
     int status = 0;
@@ -59,7 +59,7 @@ class PolicyTest : public ::testing::Test {
                : "child failed";
   }
 
-  static int Act(gid_t group, const std::function<int(sd_bus*, sd_bus_error*)>& action,
+  static int act(gid_t group, const std::function<int(sd_bus*, sd_bus_error*)>& action,
                  int result) {
     std::string reason;
     if (setgroups(0, nullptr) != 0 || setgid(group) != 0 || setuid(kOtherUser) != 0) {
@@ -90,7 +90,7 @@ class PolicyTest : public ::testing::Test {
                        "Tell");
     return awaitBus(bus);
   }
-  static int Monitor(sd_bus* bus, sd_bus_error* error) {
+  static int monitor(sd_bus* bus, sd_bus_error* error) {
     return sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                               "org.freedesktop.DBus.Monitoring", "BecomeMonitor", error, nullptr,
                               "asu", 0, 0U);
@@ -164,7 +164,7 @@ TEST_F(PolicyTest, OutsidersCannotSendOwnOrMonitor) {
   EXPECT_EQ(asOther(kNoGroup, own("kova.test2")), kDenied);
   EXPECT_EQ(asOther(kNoGroup, own("kova.client.one")), kDenied);
   EXPECT_EQ(asOther(kNoGroup, own("other.name")), kDenied);
-  EXPECT_EQ(asOther(kNoGroup, Monitor), kDenied);
+  EXPECT_EQ(asOther(kNoGroup, monitor), kDenied);
   EXPECT_EQ(asOther(kNoGroup, broadcastIt), "");
   // Messages arrive in order.
   EXPECT_EQ(asOther(kOtherUser, send), "");
@@ -179,7 +179,7 @@ TEST_F(PolicyTest, MembersSendBroadcastAndOwnClientNames) {
   EXPECT_EQ(asOther(kOtherUser, own("kova.client")), kDenied);
   EXPECT_EQ(asOther(kOtherUser, own("kova.test2")), kDenied);
   EXPECT_EQ(asOther(kOtherUser, own("kova.clientele")), kDenied);
-  EXPECT_EQ(asOther(kOtherUser, Monitor), kDenied);
+  EXPECT_EQ(asOther(kOtherUser, monitor), kDenied);
   EXPECT_EQ(asOther(kOtherUser, reload), kDenied);
   EXPECT_EQ(asOther(kOtherUser, broadcastIt), "");
   EXPECT_EQ(asOther(kOtherUser, send), "");

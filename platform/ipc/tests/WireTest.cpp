@@ -70,7 +70,7 @@ class WireTest : public ::testing::Test {
 
   // The decoded form of appended().
   template <typename... Value>
-  Variant Received(const char* type, Value... value) {
+  Variant receivedAs(const char* type, Value... value) {
     Variant body;
     EXPECT_TRUE(decoded(appended(type, value...).get(), body)) << reason_;
     return body["key"];
@@ -204,29 +204,29 @@ TEST_F(WireTest, MeasuredSizeEqualsMarshalledSize) {
 }
 
 TEST_F(WireTest, ShortIntegersTakeSmallestSufficientType) {
-  EXPECT_EQ(Received("n", -128), Variant(std::int8_t{-128}));
-  EXPECT_EQ(Received("n", 127), Variant(std::int8_t{127}));
-  EXPECT_EQ(Received("n", -129), Variant(std::int32_t{-129}));
-  EXPECT_EQ(Received("n", 128), Variant(std::int32_t{128}));
-  EXPECT_EQ(Received("q", 65535), Variant(std::uint32_t{65535}));
+  EXPECT_EQ(receivedAs("n", -128), Variant(std::int8_t{-128}));
+  EXPECT_EQ(receivedAs("n", 127), Variant(std::int8_t{127}));
+  EXPECT_EQ(receivedAs("n", -129), Variant(std::int32_t{-129}));
+  EXPECT_EQ(receivedAs("n", 128), Variant(std::int32_t{128}));
+  EXPECT_EQ(receivedAs("q", 65535), Variant(std::uint32_t{65535}));
 }
 
 TEST_F(WireTest, PathsAndSignaturesAreStrings) {
-  EXPECT_EQ(Received("o", "/kova"), Variant("/kova"));
-  EXPECT_EQ(Received("g", "a{sv}"), Variant("a{sv}"));
+  EXPECT_EQ(receivedAs("o", "/kova"), Variant("/kova"));
+  EXPECT_EQ(receivedAs("g", "a{sv}"), Variant("a{sv}"));
 }
 
 TEST_F(WireTest, ByteArraysBecomeStringsAndOtherArraysStay) {
-  EXPECT_EQ(Received("ay", 3, 'a', 0, 0xff), Variant(std::string("a\0\xff", 3)));
-  EXPECT_EQ(Received("ay", 0), Variant(""));
-  EXPECT_EQ(Received("as", 2, "x", "y"), Variant(Variant::Array{"x", "y"}));
-  EXPECT_EQ(Received("ab", 2, 1, 0), Variant(Variant::Array{true, false}));
-  EXPECT_EQ(Received("aay", 1, 1, 'z'), Variant(Variant::Array{"z"}));
-  EXPECT_EQ(Received("ad", 0), Variant(Variant::Array{}));
+  EXPECT_EQ(receivedAs("ay", 3, 'a', 0, 0xff), Variant(std::string("a\0\xff", 3)));
+  EXPECT_EQ(receivedAs("ay", 0), Variant(""));
+  EXPECT_EQ(receivedAs("as", 2, "x", "y"), Variant(Variant::Array{"x", "y"}));
+  EXPECT_EQ(receivedAs("ab", 2, 1, 0), Variant(Variant::Array{true, false}));
+  EXPECT_EQ(receivedAs("aay", 1, 1, 'z'), Variant(Variant::Array{"z"}));
+  EXPECT_EQ(receivedAs("ad", 0), Variant(Variant::Array{}));
 }
 
 TEST_F(WireTest, NestedVariantsAreUnwrapped) {
-  EXPECT_EQ(Received("v", "v", "u", 7), Variant(std::uint32_t{7}));
+  EXPECT_EQ(receivedAs("v", "v", "u", 7), Variant(std::uint32_t{7}));
 }
 
 TEST_F(WireTest, StringKeyedDictionaryBecomesMapWithLastOfEqualKeys) {
@@ -368,11 +368,11 @@ TEST_F(WireTest, OneMebibyteOfAnyTypeIsReadAndMoreRefused) {
 }
 
 TEST_F(WireTest, OneMebibyteIsWrittenAndMoreRefused) {
-  constexpr std::size_t overhead = 8 + (4 + 4) + 3 + 1 + (4 + 1);  // of {"key": text}
+  constexpr std::size_t kOverhead = 8 + (4 + 4) + 3 + 1 + (4 + 1);  // of {"key": text}
   std::size_t size = 0;
-  EXPECT_TRUE(measure(holding(std::string(kMaxBodySize - overhead, 'x')), size, reason_));
+  EXPECT_TRUE(measure(holding(std::string(kMaxBodySize - kOverhead, 'x')), size, reason_));
   EXPECT_EQ(size, 1'048'576U);
-  EXPECT_FALSE(measure(holding(std::string(kMaxBodySize - overhead + 1, 'x')), size, reason_));
+  EXPECT_FALSE(measure(holding(std::string(kMaxBodySize - kOverhead + 1, 'x')), size, reason_));
   EXPECT_EQ(reason_, "the message is larger than 1 MiB");
 }
 

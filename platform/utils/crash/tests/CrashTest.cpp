@@ -75,7 +75,7 @@ class LogSocket {
     }
   }
 
-  const std::string& Received() const { return text_; }
+  const std::string& text() const { return text_; }
 
   /// Sends until the queue is full.
   void fill() const {
@@ -111,7 +111,7 @@ class CrashTest : public testing::Test {
   }
 
   std::string reportPath() const { return folder_ / ("kova_crash." + std::to_string(child_)); }
-  std::string Report() const { return readText(reportPath()); }
+  std::string reportText() const { return readText(reportPath()); }
 
   TemporaryFolder folder_;
   std::string reports_ = folder_.path();
@@ -127,16 +127,16 @@ void expectKilledBy(int number, int status) {
 
 TEST_F(CrashTest, ForceCrashLeavesReportAndAborts) {
   expectKilledBy(SIGABRT, crash([] { forceCrash(); }));
-  EXPECT_THAT(Report(),
+  EXPECT_THAT(reportText(),
               ContainsRegex("Crashed by signal 6 \\(Aborted\\), program counter 0x[0-9a-f]+"));
-  EXPECT_THAT(Report(), HasSubstr("(abort+0x"));
+  EXPECT_THAT(reportText(), HasSubstr("(abort+0x"));
   EXPECT_EQ(tests::modeOf(reportPath()), 0600U);
 }
 
 TEST_F(CrashTest, ReportGoesToSystemLog) {
   crash([] { forceCrash(); });
-  const std::string& log = log_.Received();
-  const std::string report = Report();
+  const std::string& log = log_.text();
+  const std::string report = reportText();
   const std::string tag = "[" + std::to_string(child_) + "]: ";
   EXPECT_THAT(log, testing::StartsWith("<10>"));
   EXPECT_THAT(log, HasSubstr(tag + "Crashed by signal 6"));
@@ -149,9 +149,10 @@ TEST_F(CrashTest, ReportGoesToSystemLog) {
 
 TEST_F(CrashTest, ReportNamesBuildAndPlacesInFiles) {
   crash([] { forceCrash(); });
-  EXPECT_THAT(Report(), ContainsRegex("0x[0-9a-f]+\nBuild-id of the program: [0-9a-f]{40}\n/"));
-  EXPECT_THAT(Report(), ContainsRegex("\\(abort\\+0x[0-9a-f]+\\)\\[0x[0-9a-f]+\\] library\\+0x"));
-  EXPECT_THAT(Report(), ContainsRegex("\\[0x[0-9a-f]+\\] program\\+0x[0-9a-f]+\n"));
+  EXPECT_THAT(reportText(), ContainsRegex("0x[0-9a-f]+\nBuild-id of the program: [0-9a-f]{40}\n/"));
+  EXPECT_THAT(reportText(),
+              ContainsRegex("\\(abort\\+0x[0-9a-f]+\\)\\[0x[0-9a-f]+\\] library\\+0x"));
+  EXPECT_THAT(reportText(), ContainsRegex("\\[0x[0-9a-f]+\\] program\\+0x[0-9a-f]+\n"));
 }
 
 TEST_F(CrashTest, ReportNamesFaultAddress) {
@@ -159,7 +160,7 @@ TEST_F(CrashTest, ReportNamesFaultAddress) {
                    auto* volatile nowhere = reinterpret_cast<volatile int*>(0x1230);
                    *nowhere = 1;
                  }));
-  EXPECT_THAT(Report(), HasSubstr("fault address 0x1230\n"));
+  EXPECT_THAT(reportText(), HasSubstr("fault address 0x1230\n"));
 }
 
 int recurse(volatile char* above, const volatile bool& goOn) {
@@ -174,7 +175,7 @@ TEST_F(CrashTest, StackOverflowIsReported) {
                    const volatile bool forEver = true;
                    recurse(&top, forEver);
                  }));
-  const std::string report = Report();
+  const std::string report = reportText();
   EXPECT_THAT(report, HasSubstr("Crashed by signal 11"));
   EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 2 + 48);
 }
@@ -189,7 +190,7 @@ TEST_F(CrashTest, HangingUnwinderIsEnded) {
                    signal(SIGALRM, SIG_IGN);
                    forceCrash();
                  }));
-  EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
+  EXPECT_THAT(reportText(), HasSubstr("Crashed by signal 6"));
 }
 
 TEST_F(CrashTest, CrashOfHandlerKeepsReport) {
@@ -197,7 +198,7 @@ TEST_F(CrashTest, CrashOfHandlerKeepsReport) {
                    unwinder = Unwinder::Crashes;
                    forceCrash();
                  }));
-  EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
+  EXPECT_THAT(reportText(), HasSubstr("Crashed by signal 6"));
 }
 
 class EachSignal : public CrashTest, public testing::WithParamInterface<int> {};
@@ -205,8 +206,8 @@ class EachSignal : public CrashTest, public testing::WithParamInterface<int> {};
 TEST_P(EachSignal, IsReportedAndTakesDefaultAction) {
   const int number = GetParam();
   expectKilledBy(number, crash([number] { kill(getpid(), number); }));
-  EXPECT_THAT(Report(), HasSubstr("Crashed by signal " + std::to_string(number) + " ("));
-  EXPECT_THAT(Report(), Not(HasSubstr("fault address"))) << "the signal was sent";
+  EXPECT_THAT(reportText(), HasSubstr("Crashed by signal " + std::to_string(number) + " ("));
+  EXPECT_THAT(reportText(), Not(HasSubstr("fault address"))) << "the signal was sent";
 }
 
 TEST_P(EachSignal, HasAddressIfFault) {
@@ -219,7 +220,7 @@ TEST_P(EachSignal, HasAddressIfFault) {
                    syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), number, &ofKernel);
                  }));
   const bool isFault = number != SIGABRT && number != SIGSYS;
-  EXPECT_EQ(Report().find("fault address 0x1230\n") != std::string::npos, isFault);
+  EXPECT_EQ(reportText().find("fault address 0x1230\n") != std::string::npos, isFault);
 }
 
 INSTANTIATE_TEST_SUITE_P(CrashTest, EachSignal,
@@ -234,13 +235,13 @@ TEST_F(CrashTest, OldReportOfSamePidIsReplacedAndLinkNotFollowed) {
     if (symlink(victim.c_str(), report.c_str()) == 0) forceCrash();
   });
   EXPECT_EQ("precious", readText(victim));
-  EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
+  EXPECT_THAT(reportText(), HasSubstr("Crashed by signal 6"));
 }
 
 TEST_F(CrashTest, ReportGoesToSystemLogWithoutFolder) {
   reports_ = folder_ / "missing";
   expectKilledBy(SIGABRT, crash([] { forceCrash(); }));
-  EXPECT_THAT(log_.Received(), HasSubstr("Crashed by signal 6"));
+  EXPECT_THAT(log_.text(), HasSubstr("Crashed by signal 6"));
 }
 
 TEST_F(CrashTest, StalledSystemLogDoesNotBlockReport) {
@@ -255,13 +256,13 @@ TEST_F(CrashTest, StalledSystemLogDoesNotBlockReport) {
   waitpid(child_, &status, 0);
   expectKilledBy(SIGABRT, status);
   EXPECT_LT(nowMs() - before, 2500U);
-  EXPECT_THAT(Report(), HasSubstr("__libc_start_main"));
+  EXPECT_THAT(reportText(), HasSubstr("__libc_start_main"));
 }
 
 TEST_F(CrashTest, ReportGoesToFileWithoutSystemLog) {
   unlink(socketPath_.c_str());
   expectKilledBy(SIGABRT, crash([] { forceCrash(); }));
-  EXPECT_THAT(Report(), HasSubstr("Crashed by signal 6"));
+  EXPECT_THAT(reportText(), HasSubstr("Crashed by signal 6"));
 }
 
 TEST(InstallCrashDumpHandler, RefusesTooLongPath) {

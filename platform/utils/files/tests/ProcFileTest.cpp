@@ -15,15 +15,15 @@ namespace {
 using tests::TemporaryFolder;
 using tests::writeText;
 
-constexpr auto OnePiece = ProcFile::Form::OnePiece;
-constexpr auto Records = ProcFile::Form::Records;
+constexpr auto kOnePiece = ProcFile::Form::OnePiece;
+constexpr auto kRecords = ProcFile::Form::Records;
 
 TEST(ProcFileTest, ReadsMoreThanItsBuffer) {
   const TemporaryFolder folder;
   for (const std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 100000U}) {
     const std::string content(size, 'x');
     writeText(folder / "file", content);
-    for (const auto form : {OnePiece, Records}) {
+    for (const auto form : {kOnePiece, kRecords}) {
       ProcFile file(folder / "file", form);
       std::string_view text;
       ASSERT_EQ(0, file.open());
@@ -39,7 +39,7 @@ TEST(ProcFileTest, ReadsMoreThanItsBuffer) {
 TEST(ProcFileTest, EveryReadOfOpenFileIsFresh) {
   char before[16] = {};
   prctl(PR_GET_NAME, before);
-  ProcFile file("/proc/thread-self/comm", OnePiece);
+  ProcFile file("/proc/thread-self/comm", kOnePiece);
   std::string_view text;
   prctl(PR_SET_NAME, "longer name");
   EXPECT_EQ(0, file.read(text));
@@ -54,7 +54,7 @@ TEST(ProcFileTest, ReadsAllRecordsOfLongList) {
   std::ifstream whole("/proc/kallsyms");
   const std::string expected{std::istreambuf_iterator<char>(whole), {}};
   if (expected.size() < 10000) GTEST_SKIP() << "this kernel lists no symbols";
-  ProcFile file("/proc/kallsyms", Records);
+  ProcFile file("/proc/kallsyms", kRecords);
   std::string_view text;
   ASSERT_EQ(0, file.read(text));
   EXPECT_EQ(expected.size(), text.size());
@@ -62,7 +62,7 @@ TEST(ProcFileTest, ReadsAllRecordsOfLongList) {
 
 TEST(ProcFileTest, ReportsFailureAndTriesAgain) {
   const TemporaryFolder folder;
-  ProcFile file(folder / "file", OnePiece);
+  ProcFile file(folder / "file", kOnePiece);
   std::string_view text = "old";
   EXPECT_EQ(ENOENT, file.open());
   EXPECT_EQ(ENOENT, file.read(text));
@@ -70,7 +70,7 @@ TEST(ProcFileTest, ReportsFailureAndTriesAgain) {
   writeText(folder / "file", "now");
   EXPECT_EQ(0, file.read(text));
   EXPECT_EQ("now", text);
-  ProcFile notAFile(folder.path(), OnePiece);
+  ProcFile notAFile(folder.path(), kOnePiece);
   EXPECT_EQ(EISDIR, notAFile.read(text));
 }
 

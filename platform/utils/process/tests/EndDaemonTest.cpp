@@ -25,13 +25,13 @@ using tests::writeScript;
 
 class EndDaemonTest : public testing::Test {
  protected:
-  ~EndDaemonTest() override { endDaemon(Script()); }
+  ~EndDaemonTest() override { endDaemon(script()); }
 
-  std::string Script() const { return folder_ / "script"; }
+  std::string script() const { return folder_ / "script"; }
   /// Starts a script with its folder as the first argument and waits for its `ready` file.
   bool start(const std::string& body) {
     writeScript(folder_, "script", body);
-    return runDaemon(nullptr, nullptr, nullptr, Script(), 1, folder_.path().c_str()) &&
+    return runDaemon(nullptr, nullptr, nullptr, script(), 1, folder_.path().c_str()) &&
            eventually([&] { return !numbersIn("ready").empty(); });
   }
   /// Starts a script that writes what `command` prints, and then sleeps.
@@ -80,7 +80,7 @@ TEST_F(EndDaemonTest, EndsProgramAndItsDescendants) {
   for (const pid_t pid : all) EXPECT_TRUE(isRunning(pid)) << pid;
   const std::uint64_t before = nowMs();
   tests::records.clear();
-  endDaemon(Script());
+  endDaemon(script());
   EXPECT_LT(nowMs() - before, 1500U);
   for (const pid_t pid : all) EXPECT_FALSE(isRunning(pid)) << pid;
   ASSERT_EQ(tests::records.size(), 1U);
@@ -92,7 +92,7 @@ TEST_F(EndDaemonTest, EndsDescendantsOfEndedProgram) {
   const pid_t left = numbersIn("ready").at(0);
   const std::string program = "/proc/" + std::to_string(numbersIn("ready").at(1));
   ASSERT_TRUE(eventually([&] { return !std::filesystem::exists(program); }));
-  endDaemon(Script());
+  endDaemon(script());
   EXPECT_FALSE(isRunning(left));
 }
 
@@ -124,7 +124,7 @@ TEST_F(EndDaemonTest, ProgramsEndWithOwnerWithoutStandardStreams) {
 TEST_F(EndDaemonTest, ProgramHasNoSocketToItsSupervisor) {
   ASSERT_TRUE(startTelling("ls -l /proc/$$/fd | grep -c socket:"));
   EXPECT_EQ(numbersIn("ready"), std::vector<pid_t>{0});
-  endDaemon(Script());
+  endDaemon(script());
 }
 
 TEST_F(EndDaemonTest, LeashEndsProgramAfterItsTime) {
@@ -163,7 +163,7 @@ TEST_F(EndDaemonTest, SupervisorOutlivesSignalToOwner) {
   EXPECT_EQ(tests::readText("/proc/" + std::to_string(supervisor) + "/comm"), "kova_supervisor\n");
   EXPECT_EQ(tests::entriesOf("/proc/" + std::to_string(supervisor) + "/fd"), 2)
       << "a socket and a signalfd";
-  endDaemon(Script());
+  endDaemon(script());
   EXPECT_TRUE(eventually([&] { return !isRunning(supervisor); }));
 }
 
@@ -172,7 +172,7 @@ TEST_F(EndDaemonTest, HungSupervisorBlocksBriefly) {
   const pid_t supervisor = numbersIn("ready").at(0);
   kill(supervisor, SIGSTOP);
   const std::uint64_t before = nowMs();
-  endDaemon(Script());
+  endDaemon(script());
   EXPECT_GE(nowMs() - before, 2000U);
   EXPECT_LT(nowMs() - before, 8000U);
   kill(supervisor, SIGCONT);

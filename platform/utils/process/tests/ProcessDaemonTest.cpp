@@ -108,7 +108,7 @@ TEST(RunDaemon, ReportsProgramThatCannotStart) {
 class KillByNameTest : public testing::Test {
  protected:
   /// A copy of a real program under a unique name.
-  std::string Program(const std::string& name) const {
+  std::string programNamed(const std::string& name) const {
     std::string path = folder_ / name;
     std::filesystem::copy_file("/bin/sleep", path);
     return path;
@@ -120,7 +120,7 @@ class KillByNameTest : public testing::Test {
 
 TEST_F(KillByNameTest, SignalsEveryProcessOfLongName) {
   ASSERT_GT(unique_.size(), 15U);
-  const std::string program = Program(unique_);
+  const std::string program = programNamed(unique_);
   const Daemon first(program);
   const Daemon second(program);
   EXPECT_EQ(2, kill_process_by_name(unique_, SIGTERM));
@@ -129,7 +129,7 @@ TEST_F(KillByNameTest, SignalsEveryProcessOfLongName) {
 }
 
 TEST_F(KillByNameTest, ComparesWholeNames) {
-  const Daemon daemon(Program(unique_));
+  const Daemon daemon(programNamed(unique_));
   EXPECT_EQ(0, kill_process_by_name(unique_.substr(0, 15), SIGTERM));
   EXPECT_EQ(0, kill_process_by_name(unique_ + "x", SIGTERM));
   EXPECT_EQ(0, kill_process_by_name(folder_ / unique_, SIGTERM));
@@ -138,7 +138,7 @@ TEST_F(KillByNameTest, ComparesWholeNames) {
 }
 
 TEST_F(KillByNameTest, FindsProgramThatRenamedItself) {
-  const std::string program = Program(unique_);
+  const std::string program = programNamed(unique_);
   int pid = -1;
   ASSERT_TRUE(runDaemon(nullptr, nullptr, &pid, "/bin/bash", 2, "-c",
                         ("exec -a other/" + unique_ + "_too " + program + " 60").c_str()));
@@ -152,14 +152,14 @@ TEST_F(KillByNameTest, FindsProgramThatRenamedItself) {
 }
 
 TEST_F(KillByNameTest, FindsProgramWithDeletedFile) {
-  const std::string program = Program(unique_);
+  const std::string program = programNamed(unique_);
   const Daemon daemon(program);
   std::filesystem::remove(program);
   EXPECT_EQ(1, kill_process_by_name(unique_, 0));
 }
 
 TEST_F(KillByNameTest, SkipsZombies) {
-  const std::string program = Program(unique_);
+  const std::string program = programNamed(unique_);
   const pid_t child = fork();
   if (child == 0) {
     execl(program.c_str(), program.c_str(), "0", nullptr);

@@ -94,7 +94,7 @@ class ServiceTest : public testing::Test {
            fs::read_symlink("/etc/service/" + name) == "/etc/sv/" + name;
   }
 
-  static std::string State(const std::string& name) {
+  static std::string stateOf(const std::string& name) {
     return readText("/etc/sv/" + name + "/supervise/stat");
   }
 
@@ -116,13 +116,13 @@ TEST_F(ServiceTest, EnableStartsAndMarksDisableUndoesBoth) {
   startSupervisor();
   ASSERT_TRUE(EnableService("lights"));
   EXPECT_TRUE(isMarked("lights"));
-  EXPECT_EQ("run\n", State("lights"));
+  EXPECT_EQ("run\n", stateOf("lights"));
   EXPECT_TRUE(EnableService("lights")) << "already enabled";
 
   const std::string pid = readText("/etc/sv/lights/supervise/pid");
   ASSERT_TRUE(DisableService("lights"));
   EXPECT_FALSE(fs::is_symlink("/etc/service/lights"));
-  EXPECT_NE("run\n", State("lights"));
+  EXPECT_NE("run\n", stateOf("lights"));
   EXPECT_NE(0, kill(std::stoi(pid), 0)) << "the process still exists";
   EXPECT_TRUE(DisableService("lights")) << "already disabled";
 }
@@ -133,7 +133,7 @@ TEST_F(ServiceTest, EnableWorksRightAfterDisable) {
   ASSERT_TRUE(EnableService("lights"));
   ASSERT_TRUE(DisableService("lights"));
   EXPECT_TRUE(EnableService("lights"));
-  EXPECT_EQ("run\n", State("lights"));
+  EXPECT_EQ("run\n", stateOf("lights"));
 }
 
 TEST_F(ServiceTest, EnableStartsServiceMarkedDown) {
@@ -144,7 +144,7 @@ TEST_F(ServiceTest, EnableStartsServiceMarkedDown) {
   errno = 0;  // only a failure sets it
   ASSERT_TRUE(EnableService("lights"));
   EXPECT_FALSE(fs::exists("/etc/sv/lights/down"));
-  EXPECT_EQ("run\n", State("lights"));
+  EXPECT_EQ("run\n", stateOf("lights"));
 }
 
 TEST_F(ServiceTest, InvalidNamesFailAtOnceAndLeaveNoMark) {
@@ -174,7 +174,7 @@ TEST_F(ServiceTest, EssentialServiceCannotBeDisabled) {
     ASSERT_TRUE(EnableService(name)) << name;
     EXPECT_FALSE(DisableService(name)) << name;
     EXPECT_TRUE(isMarked(name)) << name;
-    EXPECT_EQ("run\n", State(name)) << name;
+    EXPECT_EQ("run\n", stateOf(name)) << name;
   }
 }
 
